@@ -1,0 +1,26 @@
+#pragma once
+
+#include <cstdint>
+
+namespace mirel {
+
+/// Told of every call that the bridge makes into the PKCS #11 module, and of the result of every
+/// operation of the bridge. For measuring and for explaining failures; it gets no arguments, so it
+/// can see neither PINs nor data.
+class CryptokiObserver {
+ public:
+  CryptokiObserver() = default;
+  CryptokiObserver(const CryptokiObserver&) = delete;
+  CryptokiObserver& operator=(const CryptokiObserver&) = delete;
+  virtual ~CryptokiObserver() = default;
+
+  /// Just before and just after a call of the module's `function` ("C_Login"). An entry that the
+  /// module lacks is reported as well, with CKR_FUNCTION_NOT_SUPPORTED (0x54).
+  virtual void callStarts(const char* function) noexcept = 0;
+  virtual void callReturned(const char* function, std::uint64_t result) noexcept = 0;
+
+  /// After an operation of the bridge ("pkcs11_FindSlot") has ended with a result code.
+  virtual void operationReturned(const char* operation, std::uint64_t result) noexcept = 0;
+};
+
+}  // namespace mirel

@@ -1,0 +1,32 @@
+#pragma once
+
+#include <memory>
+
+namespace mirel {
+
+class CertificateParser;
+class CryptokiObserver;
+class DistributedNotificationCenter;
+class DynamicLoader;
+class Log;
+class Memory;
+class TokenKit;
+class UserDirectory;
+
+/// Everything the system needs of its surroundings, handed down at construction. All are set, except
+/// as noted.
+struct PlatformServices {
+  std::shared_ptr<DynamicLoader> loader;
+  std::shared_ptr<UserDirectory> user;
+  std::shared_ptr<Log> log;
+  std::shared_ptr<DistributedNotificationCenter> notifications;
+  std::shared_ptr<CertificateParser> certificates;
+  std::shared_ptr<Memory> memory;
+  std::shared_ptr<TokenKit> tokenKit;          ///< needed by the token layer only; null below it
+  std::shared_ptr<CryptokiObserver> observer;  ///< may be null
+};
+
+/// The services of the running system, without a token kit and an observer.
+[[nodiscard]] PlatformServices systemServices();
+
+}  // namespace mirel

@@ -1,0 +1,33 @@
+#include "platform/DynamicLoader.h"
+
+#include <dlfcn.h>
+
+namespace mirel {
+namespace {
+
+class DlDynamicLoader final : public DynamicLoader {
+ public:
+  void* open(const char* path) noexcept override { return dlopen(path, RTLD_NOW); }
+
+  void* symbol(void* library, const char* name) noexcept override {
+    // To glibc a null handle means "search the whole process", which would find another library's
+    // symbol.
+    return library ? dlsym(library, name) : nullptr;
+  }
+
+  bool close(void* library) noexcept override {
+    // glibc reads through the handle without looking, a null one included.
+    return library && dlclose(library) == 0;
+  }
+
+  std::string errorText() noexcept override {
+    const char* text = dlerror();
+    return text ? text : "";
+  }
+};
+
+}  // namespace
+
+std::shared_ptr<DynamicLoader> systemDynamicLoader() { return std::make_shared<DlDynamicLoader>(); }
+
+}  // namespace mirel

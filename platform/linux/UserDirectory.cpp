@@ -1,0 +1,63 @@
+#include "platform/UserDirectory.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <vector>
+
+#include "PasswordDatabase.h"
+
+namespace mirel {
+namespace {
+
+constexpr std::size_t kFirstBufferSize = 1024;
+constexpr std::size_t kLargestBufferSize = 1024 * kFirstBufferSize;
+
+std::string orEmpty(const char* text) { return text ? text : ""; }
+
+class PasswordUserDirectory final : public UserDirectory {
+ public:
+  std::string loginName() noexcept override {
+    const uid_t user = geteuid();
+    const auto entry = readPasswordEntry([user](passwd* out, char* buffer, std::size_t size, passwd** found) {
+      return getpwuid_r(user, out, buffer, size, found);
+    });
+    return entry ? entry->name : std::string{};
+  }
+
+  std::string homeOf(const std::string& loginName) noexcept override {
+    // The database would look for the part before the NUL, which is another user.
+    if (loginName.find('\0') != std::string::npos) return {};
+    const auto entry =
+        readPasswordEntry([&loginName](passwd* out, char* buffer, std::size_t size, passwd** found) {
+          return getpwnam_r(loginName.c_str(), out, buffer, size, found);
+        });
+    return entry ? usableHome(entry->home) : std::string{};
+  }
+};
+
+}  // namespace
+
+std::optional<PasswordEntry> readPasswordEntry(const PasswordQuery& query) {
+  for (std::size_t size = kFirstBufferSize; size <= kLargestBufferSize; size *= 2) {
+    std::vector<char> buffer(size);
+    passwd entry{};
+    passwd* found = nullptr;
+    int error = EINTR;
+    while (error == EINTR) error = query(&entry, buffer.data(), buffer.size(), &found);
+    if (error == ERANGE) continue;
+    if (error != 0 || !found) return std::nullopt;
+    return PasswordEntry{orEmpty(found->pw_name), orEmpty(found->pw_dir)};
+  }
+  return std::nullopt;
+}
+
+std::string usableHome(std::string_view home) {
+  if (home.empty() || home.front() != '/') return {};
+  const std::size_t last = home.find_last_not_of('/');
+  return last == std::string_view::npos ? "/." : std::string{home.substr(0, last + 1)};
+}
+
+std::shared_ptr<UserDirectory> systemUserDirectory() { return std::make_shared<PasswordUserDirectory>(); }
+
+}  // namespace mirel

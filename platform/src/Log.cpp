@@ -1,0 +1,70 @@
+#include "platform/Log.h"
+
+#include <algorithm>
+
+namespace mirel {
+namespace {
+
+/// The length in bytes of the conversion ("%s", "%d", "%lu", "%@") at the front of `format`.
+std::size_t conversionLength(std::string_view format) noexcept {
+  return format.substr(0, 3) == "%lu" ? 3 : 2;
+}
+
+void appendEscaped(std::string& out, unsigned char byte) {
+  constexpr std::string_view kDigits = "0123456789ABCDEF";
+  out += "\\x";
+  out += kDigits[byte >> 4U];
+  out += kDigits[byte & 0xFU];
+}
+
+/// The bytes of the UTF-8 character at the front of `line` (not empty); a single byte when none is
+/// there.
+std::string_view characterAtFront(std::string_view line) {
+  const auto first = static_cast<unsigned char>(line.front());
+  const std::size_t length = first < 0xC0 ? 1 : first < 0xE0 ? 2 : first < 0xF0 ? 3 : 4;
+  const std::string_view character = line.substr(0, length);
+  return length > 1 && Text::fromUtf8(character).toUtf8() == character ? character : line.substr(0, 1);
+}
+
+/// True for a whole UTF-8 character that does not control the terminal or end the line.
+bool isPrintable(std::string_view character) {
+  const auto first = static_cast<unsigned char>(character.front());
+  if (character.size() == 1) return first >= 0x20 && first < 0x7F;
+  const char16_t unit = Text::fromUtf8(character).units().front();
+  const bool c1Control = unit >= 0x80 && unit < 0xA0;
+  const bool lineBreak = unit == 0x2028 || unit == 0x2029;
+  return !c1Control && !lineBreak;
+}
+
+}  // namespace
+
+std::string filledLogLine(std::string_view format, std::initializer_list<LogArgument> arguments) {
+  std::string line;
+  const LogArgument* argument = arguments.begin();
+  while (!format.empty()) {
+    const std::size_t percent = format.find('%');
+    line += format.substr(0, percent);
+    if (percent == std::string_view::npos) break;
+    format.remove_prefix(percent);
+    if (argument != arguments.end()) line += (argument++)->text();
+    format.remove_prefix(std::min(conversionLength(format), format.size()));
+  }
+  return line;
+}
+
+std::string printableLine(std::string_view line) {
+  std::string out;
+  out.reserve(line.size());
+  while (!line.empty()) {
+    const std::string_view character = characterAtFront(line);
+    line.remove_prefix(character.size());
+    if (isPrintable(character)) {
+      out += character;
+    } else {
+      for (const char c : character) appendEscaped(out, static_cast<unsigned char>(c));
+    }
+  }
+  return out;
+}
+
+}  // namespace mirel

@@ -1,0 +1,24 @@
+#include "platform/Memory.h"
+
+#include <cstdint>
+#include <cstdlib>
+
+namespace mirel {
+namespace {
+
+class HeapMemory final : public Memory {
+ public:
+  void* allocate(std::size_t size) noexcept override {
+    // No object can be larger, so a larger size is a wrong length and not worth asking the heap for.
+    if (size > static_cast<std::size_t>(PTRDIFF_MAX)) return nullptr;
+    return std::calloc(1, size);
+  }
+
+  void release(void* block) noexcept override { std::free(block); }
+};
+
+}  // namespace
+
+std::shared_ptr<Memory> systemMemory() { return std::make_shared<HeapMemory>(); }
+
+}  // namespace mirel

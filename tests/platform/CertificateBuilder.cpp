@@ -1,0 +1,99 @@
+#include "CertificateBuilder.h"
+
+#include <openssl/asn1.h>
+#include <openssl/ec.h>
+#include <openssl/objects.h>
+#include <openssl/rsa.h>
+#include <openssl/x509v3.h>
+
+#include <stdexcept>
+
+namespace mirel {
+namespace {
+
+void require(bool condition, const char* what) {
+  if (!condition) throw std::runtime_error{what};
+}
+
+const unsigned char* bytesOf(const std::string& text) {
+  return reinterpret_cast<const unsigned char*>(text.data());
+}
+
+NameHolder makeName(const std::vector<NameEntry>& entries) {
+  NameHolder name{X509_NAME_new()};
+  for (const NameEntry& entry : entries) {
+    require(X509_NAME_add_entry_by_txt(name.get(), entry.type.c_str(), entry.encoding, bytesOf(entry.value),
+                                       static_cast<int>(entry.value.size()), -1,
+                                       entry.withPrevious ? -1 : 0) == 1,
+            "a name entry was refused");
+  }
+  return name;
+}
+
+void setTime(ASN1_TIME* time, int type, const std::string& text) {
+  time->type = type;  // The text is taken unchecked: it may be no time at all.
+  require(ASN1_STRING_set(time, text.data(), static_cast<int>(text.size())) == 1, "a time was refused");
+}
+
+void addKeyUsage(X509* certificate, const ByteVector& content) {
+  ASN1_OCTET_STRING* value = ASN1_OCTET_STRING_new();
+  ASN1_OCTET_STRING_set(value, content.data(), static_cast<int>(content.size()));
+  X509_EXTENSION* extension = X509_EXTENSION_create_by_NID(nullptr, NID_key_usage, 1, value);
+  const bool added = X509_add_ext(certificate, extension, -1) == 1;
+  X509_EXTENSION_free(extension);
+  ASN1_OCTET_STRING_free(value);
+  require(added, "an extension was refused");
+}
+
+}  // namespace
+
+ByteVector makeCertificate(const CertificateWish& wish) {
+  static const KeyHolder signer = makeEcKey("P-256");
+  const std::unique_ptr<X509, OpenSslFree> certificate{X509_new()};
+  const NameHolder issuer = makeName({{"CN", MBSTRING_UTF8, "Issuer"}});
+  const NameHolder subject = makeName(wish.subject);
+  require(X509_set_version(certificate.get(), X509_VERSION_3) == 1, "version");
+  require(ASN1_INTEGER_set(X509_get_serialNumber(certificate.get()), 7) == 1, "serial number");
+  require(X509_set_issuer_name(certificate.get(), issuer.get()) == 1, "issuer");
+  require(X509_set_subject_name(certificate.get(), subject.get()) == 1, "subject");
+  setTime(X509_getm_notBefore(certificate.get()), V_ASN1_UTCTIME, "200101000000Z");
+  setTime(X509_getm_notAfter(certificate.get()), wish.notAfterType, wish.notAfter);
+  require(X509_set_pubkey(certificate.get(), wish.key ? wish.key : signer.get()) == 1, "key");
+  for (const ByteVector& content : wish.keyUsages) addKeyUsage(certificate.get(), content);
+  require(X509_sign(certificate.get(), signer.get(), EVP_sha256()) > 0, "signature");
+
+  ByteVector der(static_cast<std::size_t>(i2d_X509(certificate.get(), nullptr)));
+  unsigned char* next = der.data();
+  require(i2d_X509(certificate.get(), &next) == static_cast<int>(der.size()), "encoding");
+  return der;
+}
+
+KeyHolder makeRsaKey(unsigned int bits) {
+  KeyHolder key{EVP_RSA_gen(bits)};
+  require(key != nullptr, "no RSA key");
+  return key;
+}
+
+KeyHolder makeRsaPssKey(int bits) {
+  const std::unique_ptr<EVP_PKEY_CTX, OpenSslFree> context{
+      EVP_PKEY_CTX_new_from_name(nullptr, "RSA-PSS", nullptr)};
+  require(context && EVP_PKEY_keygen_init(context.get()) == 1, "no RSA-PSS");
+  require(EVP_PKEY_CTX_set_rsa_keygen_bits(context.get(), bits) == 1, "no such size");
+  EVP_PKEY* key = nullptr;
+  require(EVP_PKEY_generate(context.get(), &key) == 1, "no RSA-PSS key");
+  return KeyHolder{key};
+}
+
+KeyHolder makeEcKey(const char* curve) {
+  KeyHolder key{EVP_EC_gen(curve)};
+  require(key != nullptr, curve);
+  return key;
+}
+
+KeyHolder makeKey(const char* algorithm) {
+  KeyHolder key{EVP_PKEY_Q_keygen(nullptr, nullptr, algorithm)};
+  require(key != nullptr, algorithm);
+  return key;
+}
+
+}  // namespace mirel

@@ -1,0 +1,52 @@
+#pragma once
+
+#include <openssl/evp.h>
+#include <openssl/x509.h>
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace mirel {
+
+struct OpenSslFree {
+  void operator()(EVP_PKEY* key) const noexcept { EVP_PKEY_free(key); }
+  void operator()(EVP_PKEY_CTX* context) const noexcept { EVP_PKEY_CTX_free(context); }
+  void operator()(X509* certificate) const noexcept { X509_free(certificate); }
+  void operator()(X509_NAME* name) const noexcept { X509_NAME_free(name); }
+};
+using KeyHolder = std::unique_ptr<EVP_PKEY, OpenSslFree>;
+using NameHolder = std::unique_ptr<X509_NAME, OpenSslFree>;
+
+using ByteVector = std::vector<std::uint8_t>;
+
+/// One attribute of a subject's name.
+struct NameEntry {
+  std::string type;  ///< a short name or a dotted object identifier
+  int encoding;      ///< MBSTRING_UTF8, or a V_ASN1 type to take the value's bytes as they are
+  std::string value;
+  bool withPrevious = false;  ///< in one relative distinguished name with the entry before
+};
+
+/// What a test wants of a certificate; everything else is the same in all of them.
+struct CertificateWish {
+  EVP_PKEY* key = nullptr;  ///< the subject's key; null: the P-256 key that signs
+  std::vector<NameEntry> subject{{"CN", MBSTRING_UTF8, "Test"}};
+  int notAfterType = V_ASN1_UTCTIME;
+  std::string notAfter = "301231235959Z";
+  std::vector<ByteVector> keyUsages{};  ///< the contents of each KeyUsage extension, taken as they are
+};
+
+/// The DER encoding of such a certificate, signed with a P-256 key of the test program.
+[[nodiscard]] ByteVector makeCertificate(const CertificateWish& wish = {});
+
+[[nodiscard]] KeyHolder makeRsaKey(unsigned int bits);
+[[nodiscard]] KeyHolder makeRsaPssKey(int bits);
+[[nodiscard]] KeyHolder makeEcKey(const char* curve);
+[[nodiscard]] KeyHolder makeKey(const char* algorithm);
+
+}  // namespace mirel

@@ -1,0 +1,3 @@
+extern "C" [[gnu::visibility("default")]] int mirelLoaderAnswer();
+
+int mirelLoaderAnswer() { return 42; }

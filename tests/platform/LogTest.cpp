@@ -1,0 +1,164 @@
+#include "platform/Log.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <array>
+#include <limits>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "CapturedStandardError.h"
+
+namespace mirel {
+namespace {
+
+using namespace std::string_view_literals;
+
+TEST(LogLine, PutsTheArgumentsInTheirPlaces) {
+  EXPECT_EQ(logLine("[%s-%d] %s path = %s", "-[P11Bridge pkcs11_Load:]", 30, "P11Bridge", "/lib"),
+            "[-[P11Bridge pkcs11_Load:]-30] P11Bridge path = /lib");
+}
+
+TEST(LogLine, TakesALineWithoutConversions) { EXPECT_EQ(logLine("plain"), "plain"); }
+
+TEST(LogLine, WritesNumbersInDecimal) {
+  EXPECT_EQ(
+      logLine("%d %d %lu", -1, std::numeric_limits<int>::min(), std::numeric_limits<std::uint64_t>::max()),
+      "-1 -2147483648 18446744073709551615");
+}
+
+TEST(LogLine, WritesANullTextAsNullMark) {
+  const char* missing = nullptr;
+  EXPECT_EQ(logLine("%@ %s %@", Text{}, missing, Text{u""}), "(null) (null) ");
+}
+
+TEST(LogLine, WritesTextsInUtf8) { EXPECT_EQ(logLine("%@", Text{u"\u00E9\u20AC"}), "\xC3\xA9\xE2\x82\xAC"); }
+
+TEST(LogLine, KeepsTheWholeOfATextThatHoldsNul) {
+  EXPECT_EQ(logLine("<%@>", Text{std::u16string_view{u"a\0b", 3}}), "<a\0b>"sv);
+}
+
+TEST(LogLine, LeavesConversionsInsideArgumentsAlone) {
+  EXPECT_EQ(logLine("%s|%s", "%s%n%@", "%d"), "%s%n%@|%d");
+}
+
+TEST(LogLine, TakesNeighbouringConversions) { EXPECT_EQ(logLine("%lu%@%d", 1U, Text{u"2"}, 3), "123"); }
+
+TEST(PrintableLine, LeavesPrintableCharactersAlone) {
+  const std::string_view rows[] = {
+      "",
+      " ~",
+      "back\\slash",
+      "\xC2\xA0",          // the first behind the C1 controls
+      "\xC3\xA9",          // e acute
+      "\xE2\x80\xA7",      // U+2027, before the line separator
+      "\xE2\x80\xAA",      // U+202A, behind the paragraph separator
+      "\xEF\xBF\xBD",      // a U+FFFD that is really there
+      "\xF0\x9F\x94\x91",  // a key
+  };
+  for (const std::string_view row : rows) {
+    SCOPED_TRACE(row);
+    EXPECT_EQ(printableLine(row), row);
+  }
+}
+
+TEST(PrintableLine, EscapesEveryAsciiControlCharacter) {
+  constexpr std::string_view kDigits = "0123456789ABCDEF";
+  for (unsigned int c = 0; c < 0x80; ++c) {
+    if (c >= 0x20 && c != 0x7F) continue;
+    SCOPED_TRACE(c);
+    const std::string expected = std::string{"a\\x"} + kDigits[c / 16] + kDigits[c % 16] + "b";
+    EXPECT_EQ(printableLine(std::string{'a', static_cast<char>(c), 'b'}), expected);
+  }
+}
+
+TEST(PrintableLine, EscapesWhatIsNotPrintable) {
+  const struct {
+    const char* description;
+    std::string_view line;
+    std::string_view expected;
+  } rows[] = {
+      {"a line end that would forge a line", "ok\n[P11Bridge-30] forged", "ok\\x0A[P11Bridge-30] forged"},
+      {"an escape sequence of the terminal", "\x1B[31m", "\\x1B[31m"},
+      {"NUL", "a\0b"sv, "a\\x00b"},
+      // Control characters beyond ASCII
+      {"U+0080", "\xC2\x80", "\\xC2\\x80"},
+      {"U+0085, next line",
+       "a\xC2\x85"
+       "b",
+       "a\\xC2\\x85b"},
+      {"U+009B, control sequence introducer",
+       "\xC2\x9B"
+       "31m",
+       "\\xC2\\x9B31m"},
+      {"U+009F", "\xC2\x9F", "\\xC2\\x9F"},
+      {"U+2028, line separator", "\xE2\x80\xA8", "\\xE2\\x80\\xA8"},
+      {"U+2029, paragraph separator", "\xE2\x80\xA9", "\\xE2\\x80\\xA9"},
+      // Bytes that are not UTF-8
+      {"a lone continuation byte", "a\x80", "a\\x80"},
+      {"FF", "\xFF", "\\xFF"},
+      {"NUL in two bytes", "\xC0\x80", "\\xC0\\x80"},
+      {"a surrogate", "\xED\xA0\x80", "\\xED\\xA0\\x80"},
+      {"beyond U+10FFFF", "\xF4\x90\x80\x80", "\\xF4\\x90\\x80\\x80"},
+      {"cut short at the end", "a\xE2\x82", "a\\xE2\\x82"},
+      {"cut short by a letter",
+       "\xE2\x82"
+       "a",
+       "\\xE2\\x82a"},
+      {"cut short by a line end", "\xE2\n", "\\xE2\\x0A"},
+      // Valid characters beside invalid bytes stay.
+      {"a continuation byte too many", "\xC3\xA9\xA9", "\xC3\xA9\\xA9"},
+      {"a valid character inside another", "\xE2\xC3\xA9", "\\xE2\xC3\xA9"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.description);
+    EXPECT_EQ(printableLine(row.line), row.expected);
+  }
+}
+
+TEST(ProcessLog, WritesOneLineToStandardErrorInOneWrite) {
+  CapturedStandardError standardError;
+  systemLog()->process("[P11Bridge-30] loaded");
+  EXPECT_EQ(standardError.writes(), std::vector<std::string>{"[P11Bridge-30] loaded\n"});
+}
+
+TEST(ProcessLog, BringsAnythingToOneLine) {
+  CapturedStandardError standardError;
+  systemLog()->process("first\nsecond\r\0third\xFF"sv);
+  EXPECT_EQ(standardError.writes(), std::vector<std::string>{"first\\x0Asecond\\x0D\\x00third\\xFF\n"});
+}
+
+TEST(ProcessLog, WritesAnEmptyLine) {
+  CapturedStandardError standardError;
+  systemLog()->process("");
+  EXPECT_EQ(standardError.writes(), std::vector<std::string>{"\n"});
+}
+
+TEST(ProcessLog, WritesNothingToStandardOutput) {
+  testing::internal::CaptureStdout();
+  {
+    CapturedStandardError standardError;
+    systemLog()->process("line");
+  }
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+}
+
+TEST(ProcessLog, DoesNotWaitWhenStandardErrorIsFull) {
+  std::array<int, 2> ends{-1, -1};
+  ASSERT_EQ(pipe2(ends.data(), O_NONBLOCK), 0);
+  const int saved = dup(STDERR_FILENO);
+  ASSERT_GE(dup2(ends[1], STDERR_FILENO), 0);
+  systemLog()->process(std::string(1'000'000, 'x'));  // far more than a pipe holds
+  dup2(saved, STDERR_FILENO);
+  close(saved);
+  std::array<char, 16> taken{};
+  EXPECT_EQ(read(ends[0], taken.data(), taken.size()), 16);
+  EXPECT_EQ(std::string_view(taken.data(), taken.size()), std::string(16, 'x'));
+  for (const int end : ends) close(end);
+}
+
+}  // namespace
+}  // namespace mirel

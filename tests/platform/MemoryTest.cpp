@@ -1,0 +1,191 @@
+#include "platform/Memory.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+#include <map>
+#include <vector>
+
+// The sanitizers end the process when a size is absurd, unless told to answer as the heap does. Their
+// run-time libraries look for these by name.
+extern "C" [[gnu::visibility("default")]] const char* __asan_default_options();
+extern "C" [[gnu::visibility("default")]] const char* __tsan_default_options();
+const char* __asan_default_options() { return "allocator_may_return_null=1"; }
+const char* __tsan_default_options() { return "allocator_may_return_null=1"; }
+
+namespace mirel {
+namespace {
+
+constexpr std::size_t kLargestObject = PTRDIFF_MAX;
+
+/// Counts, and refuses when told to.
+class CountingMemory final : public Memory {
+ public:
+  void* allocate(std::size_t size) noexcept override {
+    if (refuses) return nullptr;
+    void* block = heap_->allocate(size);
+    sizes_[block] = size;
+    lastSize = size;
+    return block;
+  }
+  void release(void* block) noexcept override {
+    if (!block) return;
+    EXPECT_EQ(sizes_.erase(block), 1U) << "released twice, or never allocated";
+    heap_->release(block);
+  }
+  [[nodiscard]] std::size_t blocksInUse() const { return sizes_.size(); }
+
+  bool refuses = false;
+  std::size_t lastSize = 0;
+
+ private:
+  std::shared_ptr<Memory> heap_ = systemMemory();
+  std::map<void*, std::size_t> sizes_;
+};
+
+TEST(SystemMemory, FillsWithZeros) {
+  const std::shared_ptr<Memory> memory = systemMemory();
+  constexpr std::size_t kSize = 4096;
+  // A block that was used before is the likely one to come back dirty.
+  for (int round = 0; round < 3; ++round) {
+    auto* block = static_cast<std::uint8_t*>(memory->allocate(kSize));
+    ASSERT_NE(block, nullptr);
+    EXPECT_TRUE(std::all_of(block, block + kSize, [](std::uint8_t byte) { return byte == 0; }));
+    std::fill(block, block + kSize, std::uint8_t{0xA5});
+    memory->release(block);
+  }
+}
+
+TEST(SystemMemory, AlignsForAnyType) {
+  const std::shared_ptr<Memory> memory = systemMemory();
+  for (const std::size_t size : {1U, 3U, 17U, 255U}) {
+    SCOPED_TRACE(size);
+    void* block = memory->allocate(size);
+    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(block) % alignof(std::max_align_t), 0U);
+    memory->release(block);
+  }
+}
+
+TEST(SystemMemory, RefusesSizesThatNoObjectCanHave) {
+  const std::shared_ptr<Memory> memory = systemMemory();
+  for (const std::size_t size : {kLargestObject + 1, std::numeric_limits<std::size_t>::max()}) {
+    SCOPED_TRACE(size);
+    EXPECT_EQ(memory->allocate(size), nullptr);
+  }
+}
+
+TEST(SystemMemory, AnswersNullWhenTheHeapCannotGiveTheSize) {
+  EXPECT_EQ(systemMemory()->allocate(kLargestObject - 4096), nullptr);
+}
+
+TEST(SystemMemory, ReleasesNull) { systemMemory()->release(nullptr); }
+
+TEST(MemoryBlock, OwnsNothingAtFirst) {
+  CountingMemory memory;
+  const MemoryBlock block{memory};
+  EXPECT_EQ(block.data(), nullptr);
+  EXPECT_EQ(block.size(), 0U);
+}
+
+TEST(MemoryBlock, ReleasesItsBlockAtTheEnd) {
+  CountingMemory memory;
+  {
+    MemoryBlock block{memory};
+    ASSERT_TRUE(block.allocate(16));
+    EXPECT_EQ(block.size(), 16U);
+    EXPECT_EQ(memory.blocksInUse(), 1U);
+  }
+  EXPECT_EQ(memory.blocksInUse(), 0U);
+}
+
+TEST(MemoryBlock, ReplacesItsBlock) {
+  CountingMemory memory;
+  MemoryBlock block{memory};
+  ASSERT_TRUE(block.allocate(16));
+  ASSERT_TRUE(block.allocate(32));
+  EXPECT_EQ(block.size(), 32U);
+  EXPECT_EQ(memory.blocksInUse(), 1U);
+}
+
+TEST(MemoryBlock, OwnsNothingAfterARefusal) {
+  CountingMemory memory;
+  MemoryBlock block{memory};
+  ASSERT_TRUE(block.allocate(16));
+  memory.refuses = true;
+  EXPECT_FALSE(block.allocate(32));
+  EXPECT_EQ(block.data(), nullptr);
+  EXPECT_EQ(block.size(), 0U);
+  EXPECT_EQ(memory.blocksInUse(), 0U);
+}
+
+TEST(MemoryBlock, KeepsABlockThatTheBorrowerLeft) {
+  CountingMemory memory;
+  MemoryBlock block{memory};
+  ASSERT_TRUE(block.allocate(16));
+  block.reclaim(block.data());
+  EXPECT_EQ(block.size(), 16U);
+  EXPECT_EQ(memory.blocksInUse(), 1U);
+}
+
+TEST(MemoryBlock, ForgetsABlockThatTheBorrowerReleased) {
+  CountingMemory memory;
+  {
+    MemoryBlock block{memory};
+    ASSERT_TRUE(block.allocate(16));
+    memory.release(block.data());
+    block.reclaim(nullptr);
+    EXPECT_EQ(block.data(), nullptr);
+    EXPECT_EQ(block.size(), 0U);
+  }
+  EXPECT_EQ(memory.blocksInUse(), 0U);
+}
+
+TEST(MemoryAllocator, ServesAContainer) {
+  const auto memory = std::make_shared<CountingMemory>();
+  {
+    std::vector<std::uint64_t, MemoryAllocator<std::uint64_t>> numbers{
+        MemoryAllocator<std::uint64_t>{memory}};
+    numbers.resize(10, 7);
+    EXPECT_EQ(memory->lastSize, 10 * sizeof(std::uint64_t));
+    EXPECT_EQ(memory->blocksInUse(), 1U);
+  }
+  EXPECT_EQ(memory->blocksInUse(), 0U);
+}
+
+TEST(MemoryAllocator, ServesAllocateShared) {
+  const auto memory = std::make_shared<CountingMemory>();
+  auto number = std::allocate_shared<int>(MemoryAllocator<int>{memory}, 5);
+  EXPECT_EQ(*number, 5);
+  EXPECT_EQ(memory->blocksInUse(), 1U);
+  number.reset();
+  EXPECT_EQ(memory->blocksInUse(), 0U);
+}
+
+TEST(MemoryAllocator, ThrowsBadAllocWhenTheMemoryRefuses) {
+  const auto memory = std::make_shared<CountingMemory>();
+  memory->refuses = true;
+  std::vector<int, MemoryAllocator<int>> numbers{MemoryAllocator<int>{memory}};
+  EXPECT_THROW(numbers.push_back(1), std::bad_alloc);
+}
+
+TEST(MemoryAllocator, ThrowsBadAllocForACountWhoseSizeOverflows) {
+  const auto memory = std::make_shared<CountingMemory>();
+  MemoryAllocator<std::uint64_t> allocator{memory};
+  // 8 times this count is 8 again in 64 bits.
+  constexpr std::size_t kCount = std::numeric_limits<std::size_t>::max() / 8 + 2;
+  EXPECT_THROW((void)allocator.allocate(kCount), std::bad_alloc);
+  EXPECT_EQ(memory->blocksInUse(), 0U);
+}
+
+TEST(MemoryAllocator, IsEqualToOthersOfTheSameMemory) {
+  const auto memory = std::make_shared<CountingMemory>();
+  const MemoryAllocator<int> ints{memory};
+  EXPECT_TRUE(ints == MemoryAllocator<char>{ints});
+  EXPECT_FALSE(ints == MemoryAllocator<int>{std::make_shared<CountingMemory>()});
+}
+
+}  // namespace
+}  // namespace mirel

@@ -1,0 +1,25 @@
+#include "platform/PlatformServices.h"
+
+#include <gtest/gtest.h>
+
+namespace mirel {
+namespace {
+
+TEST(SystemServices, SetsEveryServiceOfTheRunningSystem) {
+  const PlatformServices services = systemServices();
+  EXPECT_NE(services.loader, nullptr);
+  EXPECT_NE(services.user, nullptr);
+  EXPECT_NE(services.log, nullptr);
+  EXPECT_NE(services.notifications, nullptr);
+  EXPECT_NE(services.certificates, nullptr);
+  EXPECT_NE(services.memory, nullptr);
+}
+
+TEST(SystemServices, LeavesTheTokenKitAndTheObserverToTheCaller) {
+  const PlatformServices services = systemServices();
+  EXPECT_EQ(services.tokenKit, nullptr);
+  EXPECT_EQ(services.observer, nullptr);
+}
+
+}  // namespace
+}  // namespace mirel

@@ -1,0 +1,250 @@
+#include "platform/Text.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace mirel {
+namespace {
+
+using namespace std::string_view_literals;
+
+TEST(Text, IsNullAtFirst) {
+  const Text text;
+  EXPECT_TRUE(text.isNull());
+  EXPECT_TRUE(text.isEmpty());
+  EXPECT_EQ(text.length(), 0U);
+  EXPECT_TRUE(text.units().empty());
+  EXPECT_EQ(text.toUtf8(), "");
+}
+
+TEST(Text, TellsEmptyFromNull) {
+  const Text empty{u""};
+  EXPECT_FALSE(empty.isNull());
+  EXPECT_TRUE(empty.isEmpty());
+  EXPECT_FALSE(empty == Text{});
+  EXPECT_FALSE(Text{} == empty);
+  EXPECT_TRUE(empty == Text{u""});
+  EXPECT_TRUE(Text{} == Text{});
+}
+
+TEST(Text, ComparesByItsUnits) {
+  EXPECT_TRUE(Text{u"card"} == Text{u"card"});
+  EXPECT_FALSE(Text{u"card"} == Text{u"cart"});
+  EXPECT_FALSE(Text{u"card"} == Text{u"car"});
+  EXPECT_FALSE((Text{std::u16string_view{u"a\0b", 3}} == Text{std::u16string_view{u"a\0c", 3}}));
+}
+
+TEST(Text, KeepsNulUnits) {
+  const Text text{std::u16string_view{u"a\0b\0", 4}};
+  EXPECT_EQ(text.length(), 4U);
+  EXPECT_EQ(text.toUtf8(), "a\0b\0"sv);
+}
+
+TEST(Text, SharesItsStorageWithCopiesOnly) {
+  const Text text{u"shared"};
+  const std::array copies{text, text};
+  EXPECT_TRUE(copies[0].sharesStorageWith(copies[1]));
+  EXPECT_FALSE(text.sharesStorageWith(Text{u"shared"}));
+  EXPECT_TRUE(Text{}.sharesStorageWith(Text{}));
+}
+
+TEST(TextFromBytes, TakesEachByteAsTheCharacterOfThatNumber) {
+  std::vector<std::uint8_t> bytes(256);
+  for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<std::uint8_t>(i);
+  const Text text = Text::fromBytes(bytes);
+  ASSERT_EQ(text.length(), 256U);
+  for (std::size_t i = 0; i < bytes.size(); ++i) EXPECT_EQ(text.units()[i], i);
+}
+
+TEST(TextFromBytes, GivesADifferentTextForEachByte) {
+  std::set<std::u16string> texts;
+  for (int i = 0; i < 256; ++i) {
+    const std::array byte{static_cast<std::uint8_t>(i)};
+    texts.emplace(Text::fromBytes(byte).units());
+  }
+  EXPECT_EQ(texts.size(), 256U);
+}
+
+TEST(TextFromBytes, KeepsBinaryIdentifiersApart) {
+  const std::vector<std::vector<std::uint8_t>> identifiers{
+      {},           {0x00},       {0x01}, {0x00, 0x01}, {0x01, 0x00},
+      {0x00, 0x00}, {0xC3, 0xA9}, {0xE9}, {0xFF},       {0xFF, 0xFD}};
+  for (std::size_t i = 0; i < identifiers.size(); ++i) {
+    for (std::size_t j = 0; j < identifiers.size(); ++j) {
+      SCOPED_TRACE(std::to_string(i) + " and " + std::to_string(j));
+      EXPECT_EQ(Text::fromBytes(identifiers[i]) == Text::fromBytes(identifiers[j]), i == j);
+    }
+  }
+}
+
+TEST(TextFromBytes, IsEmptyNotNullForNoBytes) {
+  EXPECT_FALSE(Text::fromBytes({}).isNull());
+  EXPECT_TRUE(Text::fromBytes({}).isEmpty());
+}
+
+TEST(TextFromUtf8, DecodesTheLimitsOfEveryLength) {
+  const struct {
+    const char* description;
+    std::string_view utf8;
+    std::u16string_view units;
+  } rows[] = {
+      {"nothing", "", u""},
+      {"U+0000", "\0"sv, std::u16string_view{u"\0", 1}},
+      {"U+007F", "\x7F", u"\u007F"},
+      {"U+0080", "\xC2\x80", u"\u0080"},
+      {"U+07FF", "\xDF\xBF", u"\u07FF"},
+      {"U+0800", "\xE0\xA0\x80", u"\u0800"},
+      {"U+D7FF, before the surrogates", "\xED\x9F\xBF", u"\uD7FF"},
+      {"U+E000, behind the surrogates", "\xEE\x80\x80", u"\uE000"},
+      {"U+FFFD itself", "\xEF\xBF\xBD", u"\uFFFD"},
+      {"U+FFFF", "\xEF\xBF\xBF", u"\uFFFF"},
+      {"U+10000", "\xF0\x90\x80\x80", u"\U00010000"},
+      {"U+10FFFF", "\xF4\x8F\xBF\xBF", u"\U0010FFFF"},
+      // RFC 3629, section 7
+      {"A, not identical to, alpha, full stop", "\x41\xE2\x89\xA2\xCE\x91\x2E", u"A\u2262\u0391."},
+      {"hangugeo", "\xED\x95\x9C\xEA\xB5\xAD\xEC\x96\xB4", u"\uD55C\uAD6D\uC5B4"},
+      {"nihongo", "\xE6\x97\xA5\xE6\x9C\xAC\xE8\xAA\x9E", u"\u65E5\u672C\u8A9E"},
+      {"byte order mark, stump of tree", "\xEF\xBB\xBF\xF0\xA3\x8E\xB4", u"\uFEFF\U000233B4"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.description);
+    const Text text = Text::fromUtf8(row.utf8);
+    EXPECT_FALSE(text.isNull());
+    EXPECT_TRUE(text.units() == row.units);
+    EXPECT_EQ(Text{row.units}.toUtf8(), row.utf8);
+  }
+}
+
+TEST(TextFromUtf8, ReplacesEachByteThatBelongsToNoValidSequence) {
+  const struct {
+    const char* description;
+    std::string_view utf8;
+    std::u16string_view units;
+  } rows[] = {
+      {"lone continuation byte", "\x80", u"\uFFFD"},
+      {"last continuation byte", "\xBF", u"\uFFFD"},
+      {"two continuation bytes", "\x80\xBF", u"\uFFFD\uFFFD"},
+      // Bytes that never appear (RFC 3629, section 1)
+      {"C0", "\xC0", u"\uFFFD"},
+      {"C1", "\xC1", u"\uFFFD"},
+      {"F5", "\xF5\x80\x80\x80", u"\uFFFD\uFFFD\uFFFD\uFFFD"},
+      {"F8 of a five-byte form", "\xF8\x88\x80\x80\x80", u"\uFFFD\uFFFD\uFFFD\uFFFD\uFFFD"},
+      {"FC of a six-byte form", "\xFC\x84\x80\x80\x80\x80", u"\uFFFD\uFFFD\uFFFD\uFFFD\uFFFD\uFFFD"},
+      {"FE and FF", "\xFE\xFF", u"\uFFFD\uFFFD"},
+      // Longer than needed
+      {"NUL in two bytes", "\xC0\x80", u"\uFFFD\uFFFD"},
+      {"slash in two bytes", "\xC0\xAF", u"\uFFFD\uFFFD"},
+      {"U+007F in two bytes", "\xC1\xBF", u"\uFFFD\uFFFD"},
+      {"slash in three bytes", "\xE0\x80\xAF", u"\uFFFD\uFFFD\uFFFD"},
+      {"U+07FF in three bytes", "\xE0\x9F\xBF", u"\uFFFD\uFFFD\uFFFD"},
+      {"slash in four bytes", "\xF0\x80\x80\xAF", u"\uFFFD\uFFFD\uFFFD\uFFFD"},
+      {"U+FFFF in four bytes", "\xF0\x8F\xBF\xBF", u"\uFFFD\uFFFD\uFFFD\uFFFD"},
+      // Surrogates
+      {"U+D800", "\xED\xA0\x80", u"\uFFFD\uFFFD\uFFFD"},
+      {"U+DFFF", "\xED\xBF\xBF", u"\uFFFD\uFFFD\uFFFD"},
+      {"a pair of surrogates", "\xED\xA1\x8C\xED\xBE\xB4", u"\uFFFD\uFFFD\uFFFD\uFFFD\uFFFD\uFFFD"},
+      // Beyond U+10FFFF
+      {"U+110000", "\xF4\x90\x80\x80", u"\uFFFD\uFFFD\uFFFD\uFFFD"},
+      // Cut short
+      {"one of two", "\xC3", u"\uFFFD"},
+      {"one of three", "\xE2", u"\uFFFD"},
+      {"two of three", "\xE2\x82", u"\uFFFD\uFFFD"},
+      {"three of four", "\xF0\x90\x80", u"\uFFFD\uFFFD\uFFFD"},
+      {"a letter inside a sequence",
+       "\xE2\x82"
+       "A",
+       u"\uFFFD\uFFFDA"},
+      {"a valid sequence inside another", "\xE2\xC3\xA9", u"\uFFFD\u00E9"},
+      {"valid ones around",
+       "A\xFF"
+       "B\xC3\xA9\x80",
+       u"A\uFFFDB\u00E9\uFFFD"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.description);
+    EXPECT_TRUE(Text::fromUtf8(row.utf8).units() == row.units);
+  }
+}
+
+TEST(TextToUtf8, ReplacesUnpairedSurrogates) {
+  const struct {
+    const char* description;
+    std::u16string units;
+    std::string_view utf8;
+  } rows[] = {
+      {"high alone", {0xD800}, "\xEF\xBF\xBD"},
+      {"low alone", {0xDC00}, "\xEF\xBF\xBD"},
+      {"high at the end", {u'a', 0xDBFF}, "a\xEF\xBF\xBD"},
+      {"high before a letter",
+       {0xD800, u'a'},
+       "\xEF\xBF\xBD"
+       "a"},
+      {"wrong order", {0xDC00, 0xD800}, "\xEF\xBF\xBD\xEF\xBF\xBD"},
+      {"high before a pair", {0xD800, 0xD800, 0xDC00}, "\xEF\xBF\xBD\xF0\x90\x80\x80"},
+      {"first pair", {0xD800, 0xDC00}, "\xF0\x90\x80\x80"},
+      {"last pair", {0xDBFF, 0xDFFF}, "\xF4\x8F\xBF\xBF"},
+      {"units beside the surrogates", {0xD7FF, 0xE000}, "\xED\x9F\xBF\xEE\x80\x80"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.description);
+    EXPECT_EQ(Text{row.units}.toUtf8(), row.utf8);
+  }
+}
+
+TEST(TextOrNullMark, ReplacesNullAlone) {
+  EXPECT_EQ(Text{}.orNullMark(), Text{u"(null)"});
+  EXPECT_EQ(Text{u""}.orNullMark(), Text{u""});
+  EXPECT_EQ(Text{u"card"}.orNullMark(), Text{u"card"});
+}
+
+TEST(Joined, PutsTheTextsBehindEachOther) {
+  const Text nul{std::u16string_view{u"\0", 1}};
+  EXPECT_EQ(joined({Text{u"cert_"}, nul, Text{u""}, Text{u"_7"}}),
+            (Text{std::u16string_view{u"cert_\0_7", 8}}));
+}
+
+TEST(Joined, ShowsNullTexts) { EXPECT_EQ(joined({Text{u"cert_"}, Text{}}), Text{u"cert_(null)"}); }
+
+TEST(Joined, IsEmptyNotNullForNoTexts) { EXPECT_EQ(joined({}), Text{u""}); }
+
+TEST(Bytes, TellsEmptyFromNull) {
+  const Bytes null;
+  const Bytes empty{std::vector<std::uint8_t>{}};
+  EXPECT_TRUE(null.isNull());
+  EXPECT_FALSE(empty.isNull());
+  EXPECT_EQ(null.size(), 0U);
+  EXPECT_EQ(empty.size(), 0U);
+  EXPECT_TRUE(null.view().empty());
+  EXPECT_FALSE(null == empty);
+  EXPECT_FALSE(empty == null);
+  EXPECT_TRUE(null == Bytes{});
+  EXPECT_TRUE(empty == Bytes{std::vector<std::uint8_t>{}});
+}
+
+TEST(Bytes, ComparesByValue) {
+  const Bytes bytes{{0x00, 0x01}};
+  EXPECT_TRUE((bytes == Bytes{{0x00, 0x01}}));
+  EXPECT_FALSE((bytes == Bytes{{0x00, 0x02}}));
+  EXPECT_FALSE((bytes == Bytes{{0x00}}));
+}
+
+TEST(Bytes, ShowsWhatItWasMadeOf) {
+  const Bytes bytes{{0xDE, 0xAD, 0x00}};
+  const std::vector<std::uint8_t> seen(bytes.view().begin(), bytes.view().end());
+  EXPECT_EQ(seen, (std::vector<std::uint8_t>{0xDE, 0xAD, 0x00}));
+}
+
+TEST(Bytes, SharesItsStorageWithCopiesOnly) {
+  const Bytes bytes{{0x01}};
+  const std::array copies{bytes, bytes};
+  EXPECT_TRUE(copies[0].sharesStorageWith(copies[1]));
+  EXPECT_FALSE(bytes.sharesStorageWith(Bytes{{0x01}}));
+}
+
+}  // namespace
+}  // namespace mirel

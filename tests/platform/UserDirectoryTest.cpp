@@ -1,0 +1,188 @@
+#include "platform/UserDirectory.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "PasswordDatabase.h"
+#include "ScopedVariable.h"
+
+namespace mirel {
+namespace {
+
+/// What a command prints, without the line end.
+std::string outputOf(const std::string& command) {
+  FILE* pipe = popen(command.c_str(), "r");
+  if (!pipe) return {};
+  std::string output;
+  std::array<char, 256> buffer{};
+  while (std::fgets(buffer.data(), buffer.size(), pipe)) output += buffer.data();
+  if (pclose(pipe) != 0) return {};
+  while (!output.empty() && output.back() == '\n') output.pop_back();
+  return output;
+}
+
+/// The home folder in getent's line "name:password:uid:gid:gecos:home:shell".
+std::string homeByGetent(const std::string& user) {
+  return outputOf("getent passwd '" + user + "' | cut -d: -f6");
+}
+
+TEST(SystemUserDirectory, TellsTheLoginNameThatTheSystemTells) {
+  const std::string expected = outputOf("id -un");
+  ASSERT_NE(expected, "");
+  EXPECT_EQ(systemUserDirectory()->loginName(), expected);
+}
+
+TEST(SystemUserDirectory, TellsTheHomeThatTheDatabaseTells) {
+  const std::string user = outputOf("id -un");
+  const std::string expected = homeByGetent(user);
+  ASSERT_NE(expected, "");
+  EXPECT_EQ(systemUserDirectory()->homeOf(user), expected);
+}
+
+TEST(SystemUserDirectory, TellsTheHomeOfAnotherUser) {
+  const std::string expected = homeByGetent("daemon");
+  ASSERT_NE(expected, "");
+  EXPECT_EQ(systemUserDirectory()->homeOf("daemon"), expected);
+}
+
+TEST(SystemUserDirectory, IgnoresTheEnvironment) {
+  const std::string user = outputOf("id -un");
+  const std::string home = homeByGetent(user);
+  const ScopedVariable wrongUser{"USER", "somebody"};
+  const ScopedVariable wrongLogin{"LOGNAME", "somebody"};
+  const ScopedVariable wrongHome{"HOME", "/somewhere"};
+  EXPECT_EQ(systemUserDirectory()->loginName(), user);
+  EXPECT_EQ(systemUserDirectory()->homeOf(user), home);
+}
+
+TEST(SystemUserDirectory, TellsTheEffectiveUserNotTheRealOne) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root can take on another effective user";
+  const std::string expected = outputOf("getent passwd daemon | cut -d: -f1");
+  const auto daemonId = static_cast<uid_t>(std::stoul(outputOf("id -u daemon")));
+  ASSERT_EQ(seteuid(daemonId), 0);
+  const std::string name = systemUserDirectory()->loginName();
+  ASSERT_EQ(seteuid(0), 0);
+  EXPECT_EQ(name, expected);
+}
+
+TEST(SystemUserDirectory, TellsNoNameForAUserWithoutAnEntry) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root can take on another effective user";
+  constexpr uid_t kUnlistedUser = 3'999'999'999U;
+  ASSERT_EQ(seteuid(kUnlistedUser), 0);
+  const std::string name = systemUserDirectory()->loginName();
+  ASSERT_EQ(seteuid(0), 0);
+  EXPECT_EQ(name, "");
+}
+
+TEST(SystemUserDirectory, TellsNoHomeOfAnUnknownUser) {
+  const struct {
+    const char* description;
+    std::string name;
+  } rows[] = {
+      {"a name without an entry", "no such user here"},
+      {"no name", ""},
+      {"a name with a NUL behind a known one", std::string{"daemon\0x", 8}},
+      {"a line of the database", "daemon:x:1:1"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.description);
+    EXPECT_EQ(systemUserDirectory()->homeOf(row.name), "");
+  }
+}
+
+TEST(UsableHome, CanHaveAPathPutBehindIt) {
+  const struct {
+    const char* home;
+    const char* expected;
+  } rows[] = {
+      {"/home/alice", "/home/alice"},
+      {"/home/alice/", "/home/alice"},
+      {"/home/alice///", "/home/alice"},
+      {"/home//alice", "/home//alice"},
+      {"/a", "/a"},
+      // "/." + "/Library" is "/./Library", the folder /Library.
+      {"/", "/."},
+      {"//", "/."},
+      {"/.", "/."},
+      // No absolute path, no home.
+      {"", ""},
+      {"home", ""},
+      {"./home", ""},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.home);
+    EXPECT_EQ(usableHome(row.home), row.expected);
+  }
+}
+
+/// A database whose entry for alice needs `needed` bytes.
+PasswordQuery databaseNeeding(std::size_t needed, std::vector<std::size_t>& sizesSeen) {
+  return [needed, &sizesSeen](passwd* entry, char* buffer, std::size_t size, passwd** found) {
+    sizesSeen.push_back(size);
+    *found = nullptr;
+    if (size < needed) return ERANGE;
+    std::memcpy(buffer, "alice\0/home/alice", sizeof "alice\0/home/alice");
+    entry->pw_name = buffer;
+    entry->pw_dir = buffer + 6;
+    *found = entry;
+    return 0;
+  };
+}
+
+TEST(ReadPasswordEntry, GrowsTheBufferUntilTheEntryFits) {
+  std::vector<std::size_t> sizes;
+  const auto entry = readPasswordEntry(databaseNeeding(100'000, sizes));
+  ASSERT_TRUE(entry);
+  EXPECT_EQ(entry->name, "alice");
+  EXPECT_EQ(entry->home, "/home/alice");
+  EXPECT_GT(sizes.size(), 1U);
+  EXPECT_GE(sizes.back(), 100'000U);
+}
+
+TEST(ReadPasswordEntry, GivesUpOnAnEntryOfMoreThanOneMebibyte) {
+  std::vector<std::size_t> sizes;
+  EXPECT_FALSE(readPasswordEntry(databaseNeeding(1024 * 1024 + 1, sizes)));
+  EXPECT_EQ(sizes.back(), 1024U * 1024U);
+}
+
+TEST(ReadPasswordEntry, AsksAgainAfterASignal) {
+  int calls = 0;
+  std::vector<std::size_t> sizes;
+  const auto entry = readPasswordEntry([&](passwd* out, char* buffer, std::size_t size, passwd** found) {
+    return ++calls < 3 ? EINTR : databaseNeeding(1, sizes)(out, buffer, size, found);
+  });
+  ASSERT_TRUE(entry);
+  EXPECT_EQ(entry->name, "alice");
+  EXPECT_EQ(calls, 3);
+}
+
+TEST(ReadPasswordEntry, FindsNothingWhenTheDatabaseCannotBeRead) {
+  EXPECT_FALSE(readPasswordEntry([](passwd*, char*, std::size_t, passwd**) { return EIO; }));
+}
+
+TEST(ReadPasswordEntry, FindsNothingWhenThereIsNoEntry) {
+  EXPECT_FALSE(readPasswordEntry([](passwd*, char*, std::size_t, passwd** found) {
+    *found = nullptr;
+    return 0;
+  }));
+}
+
+TEST(ReadPasswordEntry, TakesAMissingTextAsEmpty) {
+  const auto entry = readPasswordEntry([](passwd* out, char*, std::size_t, passwd** found) {
+    *found = out;
+    return 0;
+  });
+  ASSERT_TRUE(entry);
+  EXPECT_EQ(entry->name, "");
+  EXPECT_EQ(entry->home, "");
+}
+
+}  // namespace
+}  // namespace mirel
