@@ -1,0 +1,219 @@
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "bridge/PKCS11_SERVICE_INFO.h"
+#include "bridge/cryptoki.h"
+#include "platform/AtomicProperty.h"
+#include "platform/PlatformServices.h"
+#include "platform/Text.h"
+
+namespace mirel {
+
+/// Oddity: CKR_SESSION_EXISTS as this system has always answered it. The number holds, not the name: in the
+/// standard's header 0xB3 is CKR_SESSION_HANDLE_INVALID and CKR_SESSION_EXISTS is 0xB6.
+inline constexpr CK_RV kSessionExists = 0xB3;
+
+/// Oddity: CKR_SESSION_READ_ONLY_EXISTS as this system has always answered it. The number holds, not the
+/// name: in the standard's header 0xB4 is CKR_SESSION_PARALLEL_NOT_SUPPORTED.
+inline constexpr CK_RV kSessionReadOnlyExists = 0xB4;
+
+/// Oddity: a code of our own, for a login that the module accepted but that left no user logged in.
+inline constexpr CK_RV kLoginDidNotTake = CKR_VENDOR_DEFINED + 0xB4;
+
+/// Set in the code of an attribute read that failed when the values were fetched again.
+inline constexpr CK_RV kRereadFailed = 0x80000000;
+
+/// The most handles that one search keeps.
+inline constexpr CK_ULONG kMaxFoundObjects = 256;
+
+/// The longest PIN that is handed to the module, in bytes, whatever the token's own limit is.
+inline constexpr CK_ULONG kMaxPinLen = 8;
+
+/// The system's only contact with the card maker's PKCS #11 module: loads it, holds its function list
+/// and wraps every Cryptoki call in an operation with fixed templates, limits and result codes.
+///
+/// Conventions
+/// - Results are codes of PKCS #11 v2.40 (section 5.1). A failing Cryptoki call's code is passed on
+///   unchanged, except where an operation says otherwise. A function that the module's list lacks
+///   answers CKR_FUNCTION_NOT_SUPPORTED.
+/// - CKR_CRYPTOKI_NOT_INITIALIZED: there is no function list. CKR_ARGUMENTS_BAD: a required pointer
+///   is null, or a handle that an operation checks is 0 or all-ones.
+/// - Lengths are bytes. Nothing the module reports is used before it has been checked, and no length
+///   is looked at after a failing call.
+/// - Nothing throws. Not thread-safe beyond the atomic accessors: one thread at a time.
+/// - After `pkcs11_UnLoad` the function list is stale by design: call nothing but `pkcs11_Load` then.
+class P11Bridge final {
+ public:
+  explicit P11Bridge(PlatformServices services) noexcept;
+  P11Bridge(const P11Bridge&) = delete;
+  P11Bridge& operator=(const P11Bridge&) = delete;
+
+  // ---- State, with atomic accessors ----
+
+  /// The full path the module was loaded from, UTF-8; null before the first load.
+  [[nodiscard]] std::shared_ptr<const std::string> p11dylib() const noexcept { return p11dylib_.get(); }
+  void setP11dylib(std::shared_ptr<const std::string> path) noexcept { p11dylib_.set(std::move(path)); }
+
+  /// The loader's handle of the module; null when none was opened.
+  [[nodiscard]] void* phP11Module() const noexcept { return phP11Module_; }
+  void setPhP11Module(void* module) noexcept { phP11Module_ = module; }
+
+  /// The module's entry point; null before it was found.
+  [[nodiscard]] CK_C_GetFunctionList phFunctionList() const noexcept { return phFunctionList_; }
+  void setPhFunctionList(CK_C_GetFunctionList entry) noexcept { phFunctionList_ = entry; }
+
+  /// The module's function list; null while the module is not usable.
+  [[nodiscard]] CK_FUNCTION_LIST* ckFunc() const noexcept { return ckFunc_; }
+  void setCkFunc(CK_FUNCTION_LIST* list) noexcept { ckFunc_ = list; }
+
+  // ---- Module and slots ----
+
+  /// Loads the module from the one place there is: the user's home and
+  /// "/Library/LunetLocalSignServer/libTorvo_p11v1.dylib". `ignoredPath` is not looked at.
+  /// True when the module is loaded and has given a function list. After a failed step what was
+  /// reached stays as it is (a module without an entry point stays open); a list that a failing entry
+  /// point wrote is not taken.
+  [[nodiscard]] bool pkcs11_Load(const Text& ignoredPath) noexcept;
+
+  /// Closes the module. False when none is open. All properties keep their values. Never call it
+  /// twice, nor anything else but `pkcs11_Load` after it.
+  bool pkcs11_UnLoad(const void* ignored) noexcept;
+
+  /// C_Initialize. Without a function list CKR_GENERAL_ERROR, unlike every other operation.
+  [[nodiscard]] CK_RV pkcs11_Initial(CK_VOID_PTR pInitArgs) noexcept;
+
+  /// C_Finalize. `pReserved` must be null, else CKR_FUNCTION_FAILED without a call.
+  [[nodiscard]] CK_RV pkcs11_Finalize(CK_VOID_PTR pReserved) noexcept;
+
+  /// C_GetInfo. `outInfo` is written whatever the result, with zeros where the module wrote nothing.
+  [[nodiscard]] CK_RV pkcs11_GetInfo(CK_INFO* outInfo) noexcept;
+
+  /// C_GetSlotList. The module is told of room for 10 whatever `*outCount` holds: `outList` (null: only
+  /// count) must have room for 10 at least. `outCount` gets what the module reports, which may be more
+  /// than 10; written on success only. CKR_SLOT_ID_INVALID when there is no slot or the first one
+  /// listed is all-ones.
+  [[nodiscard]] CK_RV pkcs11_C_GetSlotList(CK_BBOOL tokenPresent, CK_SLOT_ID* outList,
+                                           CK_ULONG* outCount) noexcept;
+
+  /// The first slot with a token whose description begins with `description` (code unit by code unit
+  /// against the bytes; never beyond the description's 64); the first readable one when it is null or
+  /// empty. `outSlotID` is all-ones on every failure but the want of a function list. CKR_SLOT_ID_INVALID: none matches.
+  /// CKR_HOST_MEMORY: the module reports an absurd number of slots.
+  [[nodiscard]] CK_RV pkcs11_FindSlot(const Text& description, CK_SLOT_ID* outSlotID) noexcept;
+
+  /// Reads slot and token information. A record given in `*ioRecord` gets both, its other members stay;
+  /// where it is empty it is set to a new record with slotID, slotInfo and tokenInfo. Unchanged on
+  /// failure. C_GetTokenInfo is tried once more after CKR_DEVICE_REMOVED. The session that it opens
+  /// for the time of the call is closed again. CKR_HOST_MEMORY: no record can be made.
+  /// CKR_SLOT_ID_INVALID: `slotID` is all-ones.
+  [[nodiscard]] CK_RV pkcs11_GetTokenInfo(CK_SLOT_ID slotID,
+                                          std::shared_ptr<PKCS11_SERVICE_INFO>* ioRecord) noexcept;
+
+  // ---- Sessions and login ----
+
+  /// Opens a read-only session. An empty `*ioRecord` is set to a new record that holds it. A record
+  /// given keeps all it has, its session included, and only gets the new session's information; the
+  /// session just opened is then closed again. kSessionExists: the record has no session afterwards.
+  /// On any other failure the record is unchanged and no session stays open.
+  [[nodiscard]] CK_RV pkcs11_OpenReadOnlySession(CK_SLOT_ID slotID,
+                                                 std::shared_ptr<PKCS11_SERVICE_INFO>* ioRecord) noexcept;
+
+  /// Refreshes the session information in `*ioRecord`. A null pointer or an empty reference stores
+  /// nothing; the call is made all the same.
+  [[nodiscard]] CK_RV pkcs11_GetSessionInfo(CK_SESSION_HANDLE session,
+                                            std::shared_ptr<PKCS11_SERVICE_INFO>* ioRecord) noexcept;
+
+  /// Closes the record's session; on success the record has none, and zeros as its information.
+  /// CKR_SLOT_ID_INVALID when the record belongs to another slot: the session is closed by then, the
+  /// record unchanged.
+  [[nodiscard]] CK_RV pkcs11_CloseSession(CK_SLOT_ID slotID,
+                                          const std::shared_ptr<PKCS11_SERVICE_INFO>& record) noexcept;
+
+  /// Logs the user in with 1 to kMaxPinLen bytes of PIN (else CKR_ARGUMENTS_BAD, without a call), handed
+  /// on as they are and never copied. kSessionReadOnlyExists, CKR_SLOT_ID_INVALID, kLoginDidNotTake: the
+  /// session is not a serial one, has no slot, is in no user state afterwards. On success the
+  /// session's ulDeviceError, which is 0 on a healthy token.
+  [[nodiscard]] CK_RV pkcs11_UserLogin(CK_SESSION_HANDLE session, const CK_BYTE* pin,
+                                       CK_ULONG pinLen) noexcept;
+
+  // ---- Objects ----
+  //
+  // The readers share one convention. `outValue` null: the length is written and CKR_OK returned. Else
+  // `*ioLen` holds the capacity on entry; the value is copied and its length written, or
+  // CKR_BUFFER_TOO_SMALL returned. On every failure a length given is set to 0. CKR_HOST_MEMORY: no
+  // memory for the value.
+
+  /// Finds objects, at most `maxObjects` and never more than kMaxFoundObjects, in the module's order.
+  /// `outObjects`: room for that many, or null to count only. `outCount`: handles kept; untouched when
+  /// the search cannot start. Returns the last C_FindObjects code, so a failure in the middle comes
+  /// with the handles found before it; CKR_OK when only counting. The search is always ended.
+  [[nodiscard]] CK_RV pkcs11_FindObjects(CK_SESSION_HANDLE session, CK_ATTRIBUTE* attributes, CK_ULONG count,
+                                         CK_OBJECT_HANDLE* outObjects, CK_ULONG* outCount,
+                                         CK_ULONG maxObjects) noexcept;
+
+  /// Reads attributes: lengths for the entries with a null pointer, values for those with a buffer of
+  /// ulValueLen bytes. With k buffers the module is asked k + 1 times, each time for all entries.
+  ///
+  /// CKR_FUNCTION_FAILED: `count` exceeds `maxCount`. CKR_ATTRIBUTE_VALUE_INVALID: an attribute is empty
+  /// or unavailable; with kRereadFailed when that, or any other failure, only shows on reading again.
+  /// CKR_BUFFER_TOO_SMALL: a value is longer than `maxValueLen`, or the module claims more than the
+  /// buffer holds. On success no length of an entry with a buffer exceeds that buffer.
+  ///
+  /// On failure the buffers of the entries 1 to i + 1 (i: the entry it failed at, 0 for the first
+  /// read) are released and their pointers and lengths zeroed. So the buffers of all entries but the
+  /// first must come from the services' Memory; the first one stays its owner's.
+  [[nodiscard]] CK_RV pkcs11_getObjsAttriValue(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object,
+                                               CK_ATTRIBUTE* attributes, CK_ULONG count, CK_ULONG maxCount,
+                                               CK_ULONG maxValueLen) noexcept;
+
+  /// Reads CKA_MODULUS, up to 639 bytes. A null `ioLen` is refused (CKR_ARGUMENTS_BAD) after reading.
+  [[nodiscard]] CK_RV pkcs11_getRSAKeyModulus(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE key,
+                                              CK_BYTE* outValue, CK_ULONG* ioLen) noexcept;
+
+  /// Reads CKA_EC_POINT, up to 200 bytes, as the module gives it (with its DER OCTET STRING header);
+  /// CKA_EC_PARAMS must be readable too. A null `ioLen` is refused after reading.
+  [[nodiscard]] CK_RV pkcs11_getECPublicKey(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE key,
+                                            CK_BYTE* outValue, CK_ULONG* ioLen) noexcept;
+
+  /// Reads CKA_VALUE, up to 1999 bytes. A null `ioLen` is refused after reading.
+  [[nodiscard]] CK_RV pkcs11_getCertificate(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE certificate,
+                                            CK_BYTE* outValue, CK_ULONG* ioLen) noexcept;
+
+  /// Finds the private key with the CKA_ID of the given public key or certificate. `*ioKey` must not be
+  /// all-ones on entry. CKR_KEY_HANDLE_INVALID: there is none, or the ID has more than 254 bytes.
+  [[nodiscard]] CK_RV pkcs11_getCorrespondingPrivateKey(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object,
+                                                        CK_OBJECT_HANDLE* ioKey) noexcept;
+
+  /// Reads CKA_VALUE, up to 2000 bytes (1999 for the length alone), of the first certificate with that
+  /// label. The arguments are checked before the function list. CKR_FUNCTION_FAILED: the search
+  /// failed. CKR_DATA_INVALID: there is none.
+  [[nodiscard]] CK_RV GetCertBlobByLabel(CK_SESSION_HANDLE session, const CK_BYTE* label, CK_ULONG labelLen,
+                                         CK_BYTE* outValue, CK_ULONG* ioLen) noexcept;
+
+ private:
+  struct ValueReader;
+
+  template <auto Entry, typename... Args>
+  [[nodiscard]] CK_RV call(Args... args) const noexcept;
+  template <typename Body>
+  [[nodiscard]] CK_RV operation(const char* name, const Body& body) const noexcept;
+
+  [[nodiscard]] CK_RV chooseSlot(const Text& description, const CK_SLOT_ID* slots, CK_ULONG numSlots,
+                                 CK_SLOT_ID* outSlotID) const noexcept;
+  void closeUnusedSession(CK_SESSION_HANDLE session,
+                          const std::shared_ptr<PKCS11_SERVICE_INFO>& record) const noexcept;
+  [[nodiscard]] CK_RV readValue(const ValueReader& reader, CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object,
+                                CK_BYTE* outValue, CK_ULONG* ioLen) noexcept;
+
+  PlatformServices services_;
+  AtomicProperty<std::shared_ptr<const std::string>> p11dylib_;
+  std::atomic<void*> phP11Module_{nullptr};
+  std::atomic<CK_C_GetFunctionList> phFunctionList_{nullptr};
+  std::atomic<CK_FUNCTION_LIST*> ckFunc_{nullptr};
+};
+
+}  // namespace mirel

@@ -1,0 +1,76 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string_view>
+
+#include "CryptokiTable.h"
+
+namespace mirel::test {
+namespace {
+
+std::size_t rowsThatStartWith(const CryptokiTable& table, std::string_view start) {
+  return static_cast<std::size_t>(std::count_if(
+      table.begin(), table.end(), [&](const CryptokiRow& row) { return row.name.starts_with(start); }));
+}
+
+TEST(CryptokiHeader, AgreesWithTheReferenceInEverySizeOffsetValueAndSignature) {
+  const CryptokiTable ours = ourCommonRows();
+  const CryptokiTable reference = referenceRows();
+  ASSERT_EQ(ours.size(), reference.size());
+  for (std::size_t i = 0; i < ours.size(); ++i) {
+    SCOPED_TRACE(ours[i].name);
+    EXPECT_EQ(ours[i].name, reference[i].name);
+    EXPECT_EQ(ours[i].value, reference[i].value);
+  }
+}
+
+// Guards the derivation of the table: one that finds nothing would compare nothing.
+TEST(CryptokiHeader, IsInTheTableWithAllItsKindsOfNames) {
+  const CryptokiTable ours = ourCommonRows();
+  EXPECT_EQ(rowsThatStartWith(ours, "signature of C_"), 68U);  // the number of functions in v2.40
+  EXPECT_EQ(rowsThatStartWith(ours, "offsetof(CK_FUNCTION_LIST, "), 69U);
+  EXPECT_EQ(rowsThatStartWith(ours, "offsetof(CK_TOKEN_INFO, "), 18U);
+  EXPECT_EQ(rowsThatStartWith(ours, "offsetof(CK_SLOT_INFO, "), 5U);
+  EXPECT_EQ(rowsThatStartWith(ours, "offsetof(CK_SESSION_INFO, "), 4U);
+  EXPECT_EQ(rowsThatStartWith(ours, "offsetof(CK_ATTRIBUTE, "), 3U);
+  EXPECT_EQ(rowsThatStartWith(ours, "offsetof(CK_MECHANISM, "), 3U);
+  EXPECT_GE(rowsThatStartWith(ours, "CKR_"), 90U);
+  EXPECT_GE(rowsThatStartWith(ours, "CKA_"), 20U);
+  EXPECT_GE(rowsThatStartWith(ours, "CKF_"), 20U);
+  EXPECT_GE(rowsThatStartWith(ours, "CKM_"), 8U);
+  EXPECT_GE(rowsThatStartWith(ours, "sizeof(CK_ULONG)"), 1U);
+}
+
+TEST(CryptokiHeader, HasTheFunctionsInTheOrderOfTheStandard) {
+  // The reference's offsets say so as well; this says it for the reader, and for the first and last.
+  const CryptokiTable ours = ourCommonRows();
+  const auto valueOf = [&](std::string_view name) {
+    const auto found =
+        std::find_if(ours.begin(), ours.end(), [&](const auto& row) { return row.name == name; });
+    return found == ours.end() ? std::string{"missing"} : found->value;
+  };
+  EXPECT_EQ(valueOf("offsetof(CK_FUNCTION_LIST, C_Initialize)"), std::to_string(1 * sizeof(void*)));
+  EXPECT_EQ(valueOf("offsetof(CK_FUNCTION_LIST, C_GetFunctionList)"), std::to_string(4 * sizeof(void*)));
+  EXPECT_EQ(valueOf("offsetof(CK_FUNCTION_LIST, C_WaitForSlotEvent)"), std::to_string(68 * sizeof(void*)));
+}
+
+TEST(CryptokiHeader, HasTheStandardsValuesWhereTheReferenceLacksTheName) {
+  // PKCS #11 v2.40: section 3.2 (token flags), and CK_EC_KDF_TYPE in the elliptic curve mechanisms.
+  EXPECT_THAT(ourOtherRows(),
+              ::testing::UnorderedElementsAre(
+                  CryptokiRow{"CKF_ERROR_STATE", std::to_string(0x01000000)},
+                  CryptokiRow{"sizeof(CK_EC_KDF_TYPE)", std::to_string(sizeof(unsigned long))}));
+}
+
+TEST(CryptokiHeader, TheReferenceReallyLacksTheNamesThatItIsNotAskedFor) {
+  const auto names = namesOfOursAlone();
+  EXPECT_EQ(names.size(), 2U);
+  for (const auto& [name, known] : names) {
+    SCOPED_TRACE(name);
+    EXPECT_FALSE(known);
+  }
+}
+
+}  // namespace
+}  // namespace mirel::test

@@ -1,0 +1,75 @@
+/// The shared library: its function list, whose entries all go through one place, and its two exported
+/// symbols.
+
+#include "module/Behaviour.h"
+#include "module/Script.h"
+
+namespace mirel::test {
+namespace {
+
+CK_FUNCTION_LIST liveList{};
+
+template <auto Function, typename Type = FunctionType<Function>>
+struct Entry;
+
+template <auto Function, typename... Args>
+struct Entry<Function, CK_RV (*)(Args...)> {
+  static CK_RV call(Args... args) {
+    Script& script = theScript();
+    const std::size_t place =
+        script.record(functionName<Function>(), Behaviour<Function>::arguments(args...));
+    const CK_RV result = answer(script, args...);
+    script.setResult(place, result);
+    return result;
+  }
+
+ private:
+  static CK_RV answer(Script& script, Args... args) {
+    if (const auto code = script.dueFault(functionName<Function>())) return *code;
+    if (script.deviations.silent.contains(std::string{functionName<Function>()})) return CKR_OK;
+    // Held here, because the hook may replace itself.
+    const std::shared_ptr<void> hook = script.hookAt(functionPosition(functionName<Function>()));
+    if (hook) return (*static_cast<Hook<Function>*>(hook.get()))(&Behaviour<Function>::call, args...);
+    return Behaviour<Function>::call(args...);
+  }
+};
+
+template <auto... Functions>
+CK_FUNCTION_LIST listOf(FunctionPack<Functions...>) {
+  CK_FUNCTION_LIST list{};
+  list.version = {2, 40};
+  ((list.*Functions = &Entry<Functions>::call), ...);
+  return list;
+}
+
+}  // namespace
+
+Script& theScript() {
+  static const CK_FUNCTION_LIST complete = listOf(AllFunctions{});
+  static Script script{complete, liveList};
+  return script;
+}
+
+std::string Behaviour<&CK_FUNCTION_LIST::C_GetFunctionList>::arguments(CK_FUNCTION_LIST_PTR_PTR list) {
+  return list ? "" : "null";
+}
+
+CK_RV Behaviour<&CK_FUNCTION_LIST::C_GetFunctionList>::call(CK_FUNCTION_LIST_PTR_PTR list) {
+  if (!list) return CKR_ARGUMENTS_BAD;
+  *list = &liveList;
+  return CKR_OK;
+}
+
+}  // namespace mirel::test
+
+extern "C" {
+
+__attribute__((visibility("default"))) CK_RV C_GetFunctionList(CK_FUNCTION_LIST_PTR_PTR list) {
+  return mirel::test::Entry<&CK_FUNCTION_LIST::C_GetFunctionList>::call(list);
+}
+
+__attribute__((visibility("default"))) mirel::test::Script* scriptedModule() {
+  return &mirel::test::theScript();
+}
+
+}  // extern "C"
