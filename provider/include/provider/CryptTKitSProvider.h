@@ -1,0 +1,96 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "platform/AtomicProperty.h"
+#include "platform/PlatformServices.h"
+#include "platform/Text.h"
+
+namespace mirel {
+
+class MirelCTKFramework;
+class PKCS11_ASYMKEY_INFO;
+class PKCS11_CERTIFICATEOBJ_INFO;
+
+/// The token service provider: what the token objects call, with the name of the reader that holds the
+/// card (the "token name"). Owns one card framework and keeps no state of the card itself.
+///
+/// Conventions
+/// - Records are handed out and taken back as the framework's own objects, never as copies. A record
+///   that is not in the framework's current list, for instance one from before the last enumeration,
+///   counts as unknown.
+/// - Only `getSupportedTokenDescription`, `openTKSmartCardTokenSession`, `getTokenPubKeys` and
+///   `getTokenCerts` ask the card; all others look into what those have read.
+/// - Without a framework every query finds nothing.
+/// - Nothing throws. No locks: one thread at a time, except for the accessors of `pCTKFramework`.
+class CryptTKitSProvider final : public std::enable_shared_from_this<CryptTKitSProvider> {
+ public:
+  using KeyList = std::vector<std::shared_ptr<PKCS11_ASYMKEY_INFO>>;
+  using CertificateList = std::vector<std::shared_ptr<PKCS11_CERTIFICATEOBJ_INFO>>;
+
+  explicit CryptTKitSProvider(PlatformServices services) noexcept;
+  CryptTKitSProvider(const CryptTKitSProvider&) = delete;
+  CryptTKitSProvider& operator=(const CryptTKitSProvider&) = delete;
+  ~CryptTKitSProvider();
+
+  /// Null before the first initialisation and after a successful release.
+  [[nodiscard]] std::shared_ptr<MirelCTKFramework> pCTKFramework() const noexcept {
+    return pCTKFramework_.get();
+  }
+  void setPCTKFramework(std::shared_ptr<MirelCTKFramework> framework) noexcept {
+    pCTKFramework_.set(std::move(framework));
+  }
+
+  /// Makes the framework and opens its service. Returns this provider, or null when that fails (drop
+  /// the provider then). Call it on a shared provider.
+  [[nodiscard]] std::shared_ptr<CryptTKitSProvider> initWithMirelCTKFramwork() noexcept;
+
+  /// Closes the framework's service and drops the framework. False, and the framework stays, when the
+  /// service cannot be closed. True when there is none.
+  bool releaseWithMirelCTKFramework() noexcept;
+
+  /// The token's instance identifier: the bytes of the card's token information from its label up to the
+  /// first zero byte, then those from its serial number up to the first zero byte, one character for
+  /// each. The fields of a module that pads with blanks as the standard has it run into one another,
+  /// and the flags end them. Null without a framework, empty when the card cannot be read; both are
+  /// logged.
+  [[nodiscard]] Text getSupportedTokenDescription(const Text& tokenName) noexcept;
+
+  /// Opens the card session. Returns its handle (CK_SESSION_HANDLE): all-ones when no session is open,
+  /// 0 without a card record.
+  std::uint64_t openTKSmartCardTokenSession(const Text& tokenName) noexcept;
+
+  /// Reads the card's objects and appends its key records to `outKeys` (null: only reads).
+  [[nodiscard]] bool getTokenPubKeys(const Text& tokenName, KeyList* outKeys) noexcept;
+
+  /// Reads the card's objects and appends the records of its certificates that have data to
+  /// `outCertificates` (null: only reads).
+  [[nodiscard]] bool getTokenCerts(const Text& tokenName, CertificateList* outCertificates) noexcept;
+
+  /// The key's name; empty for an unknown record.
+  [[nodiscard]] Text getTokenKeyName(const std::shared_ptr<PKCS11_ASYMKEY_INFO>& key) noexcept;
+
+  /// The object identifier of the certificate's keychain item, "cert_<label>_<ID>"; empty for an unknown
+  /// record.
+  [[nodiscard]] Text getCertName(const std::shared_ptr<PKCS11_CERTIFICATEOBJ_INFO>& certificate) noexcept;
+
+  /// The certificate's ID as text; empty for an unknown record, which is logged.
+  [[nodiscard]] Text getCertID(const std::shared_ptr<PKCS11_CERTIFICATEOBJ_INFO>& certificate) noexcept;
+
+  /// The first key with that ID; null when there is none.
+  [[nodiscard]] std::shared_ptr<PKCS11_ASYMKEY_INFO> getKeyFromCertID(const Text& certificateID) noexcept;
+
+  /// The encoded certificate; null for an unknown record.
+  [[nodiscard]] Bytes getCertData(const std::shared_ptr<PKCS11_CERTIFICATEOBJ_INFO>& certificate) noexcept;
+
+  /// The key's modulus or point; null for an unknown record.
+  [[nodiscard]] Bytes getPublicKeyValue(const std::shared_ptr<PKCS11_ASYMKEY_INFO>& key) noexcept;
+
+ private:
+  PlatformServices services_;
+  AtomicProperty<std::shared_ptr<MirelCTKFramework>> pCTKFramework_;
+};
+
+}  // namespace mirel

@@ -1,0 +1,262 @@
+/// The token's instance identifier.
+
+#include <cstring>
+
+#include "provider/ProviderTest.h"
+
+namespace mirel::test {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+using List = CK_FUNCTION_LIST;
+
+/// `text` with blanks up to `size` characters.
+std::u16string padded(std::u16string_view text, std::size_t size) {
+  std::u16string result{text};
+  result.resize(size, u' ');
+  return result;
+}
+
+class TokenDescription : public ProviderTest {
+ protected:
+  TokenDescription() {
+    init();
+    CK_TOKEN_INFO& info = cardInfo();
+    setField(info.label, "TESTCARD");
+    setField(info.manufacturerID, "Maker");
+    setField(info.model, "Model");
+    setField(info.serialNumber, "1234");
+  }
+
+  CK_TOKEN_INFO& cardInfo() { return script.card().info; }
+
+  /// Label, manufacturer, model and serial number as set above: 96 characters.
+  const std::u16string fields =
+      padded(u"TESTCARD", 32) + padded(u"Maker", 32) + padded(u"Model", 16) + padded(u"1234", 16);
+  const std::u16string serialNumber = padded(u"1234", 16);
+};
+
+TEST_F(TokenDescription, JoinsTheFieldsWithTheFlagsAndTheSerialNumberWithThem) {
+  cardInfo().flags = 0x40D;
+  const Text description = provider->getSupportedTokenDescription(reader());
+  EXPECT_EQ(description, Text{u"TESTCARD                        "  // 32
+                              u"Maker                           "  // 32
+                              u"Model           1234            "  // 16 + 16
+                              u"\u000D\u0004"                      // 2
+                              u"1234            \u000D\u0004"});   // 16 + 2
+  EXPECT_EQ(description.length(), 98U + 18U);
+}
+
+TEST_F(TokenDescription, EndsEachPieceAtAZeroByte) {
+  std::memset(cardInfo().label, 0, sizeof cardInfo().label);
+  std::memcpy(cardInfo().label, "TESTCARD", 8);
+  std::memset(cardInfo().serialNumber, 0, sizeof cardInfo().serialNumber);
+  std::memcpy(cardInfo().serialNumber, "1234", 4);
+  EXPECT_EQ(provider->getSupportedTokenDescription(reader()), Text{u"TESTCARD1234"});
+}
+
+TEST_F(TokenDescription, TakesInTheBytesOfTheFlagsFromTheLowestUpToAZeroByte) {
+  const struct {
+    CK_FLAGS flags;
+    std::u16string bytes;
+  } kRows[] = {
+      {0, u""},
+      {0x400, u""},
+      {0x0D, u"\u000D"},
+      {0x040D, u"\u000D\u0004"},
+      {0x04000D, u"\u000D"},
+      {0x04040D, u"\u000D\u0004\u0004"},
+      {0x8040FF, u"\u00FF\u0040\u0080"},
+      {0xFFFFFFFF, u"\u00FF\u00FF\u00FF\u00FF"},
+      {0x0123456789ABCDEF, u"\u00EF\u00CD\u00AB\u0089\u0067\u0045\u0023\u0001"},
+  };
+  for (const auto& row : kRows) {
+    SCOPED_TRACE(row.flags);
+    cardInfo().flags = row.flags;
+    EXPECT_EQ(provider->getSupportedTokenDescription(reader()),
+              Text{fields + row.bytes + serialNumber + row.bytes});
+  }
+}
+
+TEST_F(TokenDescription, EndsWhereverAFieldHoldsAZeroByte) {
+  cardInfo().flags = 0x21;
+  const std::u16string rest = serialNumber + u"!";
+  const auto zeroAt = [&](CK_BYTE& byte) {
+    const CK_BYTE before = byte;
+    byte = 0;
+    const Text description = provider->getSupportedTokenDescription(reader());
+    byte = before;
+    return description;
+  };
+  EXPECT_EQ(zeroAt(cardInfo().label[0]), Text{rest});
+  EXPECT_EQ(zeroAt(cardInfo().label[31]), Text{fields.substr(0, 31) + rest});
+  EXPECT_EQ(zeroAt(cardInfo().manufacturerID[0]), Text{fields.substr(0, 32) + rest});
+  EXPECT_EQ(zeroAt(cardInfo().model[3]), Text{fields.substr(0, 67) + rest});
+  EXPECT_EQ(zeroAt(cardInfo().serialNumber[0]), Text{fields.substr(0, 80)});
+  EXPECT_EQ(zeroAt(cardInfo().serialNumber[15]), Text{fields.substr(0, 95) + serialNumber.substr(0, 15)});
+}
+
+TEST_F(TokenDescription, TakesBytesAsTheyAre) {
+  setField(cardInfo().label, "\x01\x7F\x80\xC3\xA9\xFF%s\n");
+  cardInfo().flags = 0;
+  const std::u16string label = padded(u"\u0001\u007F\u0080\u00C3\u00A9\u00FF%s\n", 32);
+  EXPECT_EQ(provider->getSupportedTokenDescription(reader()), Text{label + fields.substr(32) + serialNumber});
+}
+
+TEST_F(TokenDescription, IsEmptyForAModuleThatTellsNothing) {
+  script.deviations.silent = {"C_GetTokenInfo"};
+  const Text description = provider->getSupportedTokenDescription(reader());
+  EXPECT_EQ(description, Text{u""});
+  EXPECT_THAT(log->allLines, IsEmpty()) << "that is no failure";
+}
+
+// ---- A structure without a zero byte ----
+
+/// Every byte that the structure names, from the front: 204 of them, none zero.
+std::u16string fillAll(CK_TOKEN_INFO& info) {
+  setField(info.label, std::string(32, 'L'));
+  setField(info.manufacturerID, std::string(32, 'M'));
+  setField(info.model, std::string(16, 'O'));
+  setField(info.serialNumber, std::string(16, 'S'));
+  info.flags = 0x0101010101010101;
+  for (CK_ULONG* const counter :
+       {&info.ulMaxSessionCount, &info.ulSessionCount, &info.ulMaxRwSessionCount, &info.ulRwSessionCount,
+        &info.ulMaxPinLen, &info.ulMinPinLen, &info.ulTotalPublicMemory, &info.ulFreePublicMemory,
+        &info.ulTotalPrivateMemory, &info.ulFreePrivateMemory}) {
+    *counter = 0x0202020202020202;
+  }
+  info.hardwareVersion = {3, 4};
+  info.firmwareVersion = {5, 6};
+  setField(info.utcTime, std::string(16, 'T'));
+  return std::u16string(32, u'L') + std::u16string(32, u'M') + std::u16string(16, u'O') +
+         std::u16string(16, u'S') + std::u16string(8, u'\u0001') + std::u16string(80, u'\u0002') +
+         u"\u0003\u0004\u0005\u0006" + std::u16string(16, u'T');
+}
+
+TEST_F(TokenDescription, RunsOnThroughTheCountersWithoutAZeroByteInTheFlags) {
+  const std::u16string all = fillAll(cardInfo());
+  ASSERT_EQ(all.size(), 204U);
+  cardInfo().ulMaxSessionCount = 0;
+  EXPECT_EQ(provider->getSupportedTokenDescription(reader()), Text{all.substr(0, 104) + all.substr(80, 24)});
+  cardInfo().ulMaxSessionCount = 0x0202;
+  EXPECT_EQ(provider->getSupportedTokenDescription(reader()), Text{all.substr(0, 106) + all.substr(80, 26)});
+  cardInfo().ulMaxSessionCount = 0x0202020202020202;
+  cardInfo().utcTime[15] = 0;
+  EXPECT_EQ(provider->getSupportedTokenDescription(reader()), Text{all.substr(0, 203) + all.substr(80, 123)});
+}
+
+TEST_F(TokenDescription, EndsWithTheStructureAtTheLatest) {
+  const std::u16string all = fillAll(cardInfo());
+  const Text description = provider->getSupportedTokenDescription(reader());
+  EXPECT_EQ(description.units().substr(0, all.size()), all);
+  EXPECT_GE(description.length(), 204U + 124U);
+  EXPECT_LE(description.length(), sizeof(CK_TOKEN_INFO) + sizeof(CK_TOKEN_INFO) - 80U);
+}
+
+TEST_F(TokenDescription, EndsWithTheStructureEvenWhenItsPaddingIsFull) {
+  script.hook<&List::C_GetTokenInfo>([](auto, CK_SLOT_ID, CK_TOKEN_INFO* info) -> CK_RV {
+    std::memset(static_cast<void*>(info), 'P', sizeof *info);
+    return CKR_OK;
+  });
+  const Text description = provider->getSupportedTokenDescription(reader());
+  EXPECT_EQ(description.units().find_first_not_of(u'P'), std::u16string_view::npos);
+  EXPECT_GE(description.length(), 204U + 124U);
+  EXPECT_LE(description.length(), sizeof(CK_TOKEN_INFO) + sizeof(CK_TOKEN_INFO) - 80U);
+}
+
+// ---- Which card ----
+
+TEST_F(TokenDescription, AsksTheCardAnewEachTime) {
+  cardInfo().flags = 0;
+  EXPECT_EQ(provider->getSupportedTokenDescription(reader()), Text{fields + serialNumber});
+  setField(cardInfo().label, "RENAMED");
+  EXPECT_EQ(provider->getSupportedTokenDescription(reader()).units().substr(0, 32), padded(u"RENAMED", 32));
+}
+
+TEST_F(TokenDescription, IsThatOfTheCardInTheReaderNamed) {
+  script.addSlot("Reader B 01", emptyCard("SECOND", "2"));
+  EXPECT_EQ(provider->getSupportedTokenDescription(Text{u"Reader B 01"}).units().substr(0, 32),
+            padded(u"SECOND", 32));
+  EXPECT_EQ(provider->getSupportedTokenDescription(reader()).units().substr(0, 32), padded(u"TESTCARD", 32));
+}
+
+TEST_F(TokenDescription, SelectsTheCardAndDoesNothingElse) {
+  (void)provider->getSupportedTokenDescription(reader());
+  EXPECT_THAT(script.callTexts(),
+              ElementsAre("C_GetSlotList(1, list, 10)", "C_GetSlotList(1, null, 10)",
+                          "C_GetSlotList(1, list, 10)", "C_GetSlotInfo(1)", "C_GetSlotInfo(1)",
+                          "C_OpenSession(1, 4, null, null)", "C_GetTokenInfo(1)", "C_CloseSession(5)"));
+  EXPECT_EQ(record().slotID(), kSlot);
+  EXPECT_EQ(record().hSession(), 0U);
+  EXPECT_THAT(log->allLines, IsEmpty());
+}
+
+// ---- Failures ----
+
+TEST_F(TokenDescription, IsNullAndLoggedWithoutAFramework) {
+  provider->setPCTKFramework(nullptr);
+  EXPECT_TRUE(provider->getSupportedTokenDescription(reader()).isNull());
+  EXPECT_THAT(log->allLines, ElementsAre(kNoFrameworkLine));
+}
+
+TEST_F(TokenDescription, IsEmptyAndLoggedForAReaderThatIsNotThere) {
+  const Text description = provider->getSupportedTokenDescription(Text{u"Reader C"});
+  EXPECT_FALSE(description.isNull());
+  EXPECT_TRUE(description.isEmpty());
+  EXPECT_THAT(log->allLines, ElementsAre(kEnumCardsFailedLine));
+}
+
+TEST_F(TokenDescription, IsEmptyAndLoggedWithoutACard) {
+  script.pullCard();
+  EXPECT_EQ(provider->getSupportedTokenDescription(reader()), Text{u""});
+  EXPECT_THAT(log->allLines, ElementsAre(kEnumCardsFailedLine));
+}
+
+TEST_F(TokenDescription, IsEmptyAndLoggedWithMoreThanTenCards) {
+  for (int i = 2; i <= 11; ++i) script.addSlot("Reader N " + std::to_string(i), emptyCard("N", "N"));
+  EXPECT_EQ(provider->getSupportedTokenDescription(reader()), Text{u""});
+  EXPECT_THAT(log->allLines, ElementsAre(kEnumCardsFailedLine));
+}
+
+TEST_F(TokenDescription, IsEmptyAndLoggedWithAFrameworkWhoseServiceIsNotOpen) {
+  provider->setPCTKFramework(std::make_shared<MirelCTKFramework>(services()));
+  EXPECT_EQ(provider->getSupportedTokenDescription(reader()), Text{u""});
+  EXPECT_THAT(log->allLines, ElementsAre(kEnumCardsFailedLine));
+  EXPECT_THAT(script.callTexts(), IsEmpty());
+}
+
+TEST_F(TokenDescription, IsEmptyAndLoggedWithAnyFailingCallButThoseForTheSession) {
+  constexpr std::size_t kOpenSession = 5;
+  constexpr std::size_t kTokenInfo = 6;
+  constexpr std::size_t kCloseSession = 7;
+  forEachFailingCall(script, CKR_DEVICE_ERROR, [&](FailPoint& point) {
+    newProvider();
+    init();
+    point.arm();
+    const Text description = provider->getSupportedTokenDescription(reader());
+    const bool once = point.times() == Times::kOnce;
+    const bool harmless = point.n() >= kCloseSession || (point.n() == kOpenSession && once);
+    EXPECT_EQ(point.fired(), point.n() <= kCloseSession);
+    EXPECT_FALSE(description.isNull());
+    EXPECT_EQ(description.length(), harmless ? 98U + 18U : 0U);
+    EXPECT_EQ(log->allLines,
+              harmless ? std::vector<std::string>{} : std::vector<std::string>{kEnumCardsFailedLine});
+    EXPECT_EQ(framework().p11ServiceInfo() != nullptr, harmless);
+    const bool left = point.n() == kCloseSession || (point.n() == kTokenInfo && !once);
+    EXPECT_EQ(script.openSessions().size(), left ? 1U : 0U);
+    expectUsable();
+  });
+}
+
+TEST_F(TokenDescription, KeepsTheCardSessionAndItsLogin) {
+  ASSERT_EQ(provider->openTKSmartCardTokenSession(reader()), kCardSession);
+  script.card().loggedIn = true;
+  (void)provider->getSupportedTokenDescription(reader());
+  EXPECT_TRUE(script.card().loggedIn);
+  leavesOpen({kCardSession});
+}
+
+}  // namespace
+}  // namespace mirel::test
