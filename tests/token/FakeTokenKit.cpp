@@ -1,0 +1,65 @@
+#include "token/FakeTokenKit.h"
+
+namespace mirel::test {
+namespace {
+
+class FakeSlot final : public TKSmartCardSlot {
+ public:
+  explicit FakeSlot(Text name) : name_{std::move(name)} {}
+  [[nodiscard]] Text name() const noexcept override { return name_; }
+
+ private:
+  Text name_;
+};
+
+}  // namespace
+
+bool FakeSmartCardToken::initWithSmartCard(
+    const std::shared_ptr<TKSmartCard>& smartCard, const Bytes& AID, const Text& instanceID,
+    const std::shared_ptr<TKSmartCardTokenDriver>& tokenDriver) noexcept {
+  initialisations.push_back({smartCard, AID, instanceID, tokenDriver});
+  script_->whenTokenIsInitialised();
+  return !script_->refusesTokens;
+}
+
+std::shared_ptr<TKTokenKeychainContents> FakeSmartCardToken::keychainContents() const noexcept {
+  return script_->withoutContents ? nullptr : contents;
+}
+
+bool FakeKeychainCertificate::initWithCertificate(const std::shared_ptr<SecCertificate>& certificate,
+                                                  const Text& objectID) noexcept {
+  if (script_->refusesCertificateItems) return false;
+  make(certificate, objectID);
+  return true;
+}
+
+bool FakeKeychainKey::initWithCertificate(const std::shared_ptr<SecCertificate>& certificate,
+                                          const Text& objectID) noexcept {
+  if (script_->refusedKeyItems.contains(std::u16string{objectID.units()})) return false;
+  make(certificate, objectID);
+  return true;
+}
+
+std::shared_ptr<TKSmartCardToken> FakeTokenKit::allocSmartCardToken() noexcept {
+  auto token = std::make_shared<FakeSmartCardToken>(script);
+  lastToken_ = token;
+  return token;
+}
+
+std::shared_ptr<TKTokenSession> FakeTokenKit::allocTokenSession() noexcept {
+  auto session = std::make_shared<FakeTokenSession>(script);
+  lastSession_ = session;
+  return session;
+}
+
+std::shared_ptr<TKTokenKeychainCertificate> FakeTokenKit::allocKeychainCertificate() noexcept {
+  return std::make_shared<FakeKeychainCertificate>(script);
+}
+
+std::shared_ptr<TKTokenKeychainKey> FakeTokenKit::allocKeychainKey() noexcept {
+  return std::make_shared<FakeKeychainKey>(script);
+}
+
+FakeSmartCard::FakeSmartCard(const Text& readerName) : slot_{std::make_shared<FakeSlot>(readerName)} {}
+
+}  // namespace mirel::test
