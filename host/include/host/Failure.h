@@ -1,0 +1,29 @@
+#pragma once
+
+#include <string>
+#include <variant>
+
+namespace mirel {
+
+/// What kind of trouble kept the host from doing what it was asked.
+enum class FailureKind {
+  kInternal,
+  kModuleNotLoadable,      ///< the PKCS #11 module cannot be loaded
+  kModuleRefuses,          ///< the module does not initialise, or does not list its slots
+  kNoCard,                 ///< there is no such reader, or no card in it
+  kCardEnumerationFailed,  ///< the card's objects cannot be listed
+};
+
+/// A failure as the user is told it, UTF-8, each member without a full stop or line end.
+struct Failure {
+  FailureKind kind = FailureKind::kInternal;
+  std::string what;      ///< what did not work
+  std::string why;       ///< as the loader or the module says it
+  std::string whatToDo;  ///< what the user can try
+};
+
+/// A value, or why there is none.
+template <typename Value>
+using Outcome = std::variant<Value, Failure>;
+
+}  // namespace mirel

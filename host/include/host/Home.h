@@ -1,0 +1,35 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "host/Failure.h"
+#include "platform/UserDirectory.h"
+
+namespace mirel {
+
+/// The same user, with `home` (an absolute path) for every home folder.
+[[nodiscard]] std::shared_ptr<UserDirectory> userWithHome(std::shared_ptr<UserDirectory> user,
+                                                          std::string home);
+
+/// A home folder for one run, in the temporary folder and readable for this user alone, in which the
+/// place of the module is a link to a module somewhere else. It is removed with this object.
+class PrivateHome {
+ public:
+  /// `modulePath`: any path of an existing file.
+  [[nodiscard]] static Outcome<std::unique_ptr<PrivateHome>> create(const std::string& modulePath);
+
+  PrivateHome(const PrivateHome&) = delete;
+  PrivateHome& operator=(const PrivateHome&) = delete;
+  ~PrivateHome();
+
+  /// An absolute path.
+  [[nodiscard]] const std::string& path() const noexcept { return path_; }
+
+ private:
+  explicit PrivateHome(std::string path) : path_{std::move(path)} {}
+
+  std::string path_;
+};
+
+}  // namespace mirel

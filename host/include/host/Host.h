@@ -1,0 +1,123 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "host/Failure.h"
+#include "platform/Certificate.h"
+#include "platform/PlatformServices.h"
+#include "platform/Text.h"
+
+namespace mirel {
+
+class FailureDiary;
+class P11Bridge;
+
+/// A reader that holds a token, as the module describes both. Texts are the module's bytes, one
+/// character for each, without the padding at their end.
+struct Reader {
+  Text name;  ///< the slot description
+  std::uint64_t slotID = 0;
+  std::vector<std::string> slotFlags;  ///< the standard's names without "CKF_", in the order of the bits
+  Text tokenLabel;
+  Text serialNumber;
+  Text manufacturer;
+  Text model;
+  std::vector<std::string> tokenFlags;
+  bool tokenInitialised = false;
+  std::string problem;  ///< why the token could not be read; empty: it could
+
+  /// The name that leads the card framework to this very slot, where a shorter one would also fit
+  /// another: `name`, with as much of the padding as that takes. Null when an earlier slot has the same
+  /// description: then no name leads here.
+  Text distinctName;
+};
+
+/// A certificate item of the keychain.
+struct PublishedCertificate {
+  Text objectID;
+  Text label;
+  Text subject;
+  Text notAfter;                      ///< UTC, "YYYY-MM-DDThh:mm:ssZ"; may be null
+  std::vector<std::string> keyUsage;  ///< RFC 5280's names, in the order of the bits
+  std::size_t size = 0;               ///< bytes
+};
+
+/// A private-key item of the keychain.
+struct PublishedKey {
+  Text objectID;
+  Text label;
+  Text certificateID;  ///< the object identifier of its certificate item
+  CertificateKeyType keyType = CertificateKeyType::kOther;
+  int keySizeInBits = 0;
+  bool canSign = false;
+  bool canDecrypt = false;
+  bool canPerformKeyExchange = false;
+  bool suitableForLogin = false;
+  bool alwaysAuthenticate = false;
+  std::map<std::int64_t, Text> constraints;  ///< by the number of the operation
+};
+
+using PublishedItem = std::variant<PublishedCertificate, PublishedKey>;
+
+/// A card that was inserted and became a token.
+struct InsertedCard {
+  Reader reader;
+  Text instanceID;
+  std::vector<PublishedItem> items;  ///< in published order
+};
+
+/// An object of the card that is not published, or keeps the whole card from being published.
+struct UnpublishedObject {
+  std::string kind;  ///< "certificate" or "public key"
+  Text label;        ///< null when it cannot be read
+  Text id;           ///< null when it cannot be read
+  std::string reason;
+  bool blocksCard = false;  ///< because of it nothing at all is published
+};
+
+/// Plays the operating system's part: finds the readers, hands the token driver a card and keeps what
+/// its token publishes.
+///
+/// One host for each process: the module is initialised once and stays so. Not thread-safe.
+class Host {
+ public:
+  /// `services`: as for the token system; its token kit is replaced and its loader and observer are
+  /// wrapped, so that a failure can be explained.
+  /// `givenModule`: the path by which the user named the module, for messages; empty: the user did not.
+  explicit Host(PlatformServices services, std::string givenModule = {});
+  Host(const Host&) = delete;
+  Host& operator=(const Host&) = delete;
+  ~Host();
+
+  /// The readers that hold a token, in the module's order. May be empty. `readerName`: only that one
+  /// (see `insert`); null: all.
+  [[nodiscard]] Outcome<std::vector<Reader>> readers(const Text& readerName = Text{});
+
+  /// Inserts the card of a reader: driver, token, items. `readerName`: the reader's whole name, or a
+  /// beginning that only one reader has; null: the first reader whose token is initialised.
+  [[nodiscard]] Outcome<InsertedCard> insert(const Text& readerName);
+
+  /// Looks at the card of a reader once more, apart from the token, for objects that are not published,
+  /// and says why. Empty when there are none, or the card cannot be read. Only after `readers` or
+  /// `insert` has found the reader.
+  [[nodiscard]] std::vector<UnpublishedObject> unpublishedObjects(const Reader& reader);
+
+ private:
+  [[nodiscard]] Outcome<Reader> chooseReader(const Text& readerName);
+  [[nodiscard]] Failure listingFailure(const Reader& reader, const std::string& reason);
+  [[nodiscard]] Outcome<Reader> readerNamed(const Text& readerName, const std::vector<Reader>& candidates);
+
+  PlatformServices services_;
+  std::string givenModule_;
+  std::shared_ptr<FailureDiary> diary_;
+  std::unique_ptr<P11Bridge> bridge_;  // the host's own, for finding readers
+};
+
+}  // namespace mirel

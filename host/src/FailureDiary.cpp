@@ -1,0 +1,90 @@
+#include "FailureDiary.h"
+
+#include <algorithm>
+
+#include "bridge/cryptoki.h"
+#include "host/CryptokiNames.h"
+
+namespace mirel {
+namespace {
+
+/// The bridge marks the code of a second read with this bit.
+constexpr std::uint64_t kSecondRead = 0x80000000;
+
+class LoaderWithDiary final : public DynamicLoader {
+ public:
+  LoaderWithDiary(std::shared_ptr<DynamicLoader> next, std::shared_ptr<FailureDiary> diary)
+      : next_{std::move(next)}, diary_{std::move(diary)} {}
+
+  void* open(const char* path) noexcept override {
+    void* library = next_->open(path);
+    if (!library) note(path);
+    return library;
+  }
+  void* symbol(void* library, const char* name) noexcept override {
+    void* address = next_->symbol(library, name);
+    if (!address) note(name);
+    return address;
+  }
+  bool close(void* library) noexcept override { return next_->close(library); }
+  std::string errorText() noexcept override { return next_->errorText(); }
+
+ private:
+  void note(const char* subject) {
+    const std::string text = next_->errorText();
+    diary_->loaderFailed(text.empty() ? std::string{subject} + ": not found" : text);
+  }
+
+  std::shared_ptr<DynamicLoader> next_;
+  std::shared_ptr<FailureDiary> diary_;
+};
+
+}  // namespace
+
+void FailureDiary::callStarts(const char* function) noexcept {
+  if (next_) next_->callStarts(function);
+}
+
+void FailureDiary::callReturned(const char* function, std::uint64_t result) noexcept {
+  if (result != CKR_OK) failingCalls_.push_back({function, result});
+  if (next_) next_->callReturned(function, result);
+}
+
+void FailureDiary::operationReturned(const char* operation, std::uint64_t result) noexcept {
+  if (result == CKR_OK) {
+    operation_.reset();
+    call_.reset();
+  } else if (!operation_) {
+    operation_ = Entry{operation, result};
+    // The first call with that code: what fails after it, in cleaning up, is no cause.
+    const auto cause = std::find_if(failingCalls_.begin(), failingCalls_.end(), [&](const Entry& failed) {
+      return result == failed.result || result == (failed.result | kSecondRead);
+    });
+    if (cause != failingCalls_.end()) call_ = *cause;
+  }
+  failingCalls_.clear();
+  if (next_) next_->operationReturned(operation, result);
+}
+
+void FailureDiary::clear() noexcept {
+  loaderText_.clear();
+  operation_.reset();
+  call_.reset();
+  failingCalls_.clear();
+}
+
+std::string FailureDiary::reason() const {
+  if (call_) return call_->name + " answered " + cryptokiResultText(call_->result);
+  if (!operation_ && !failingCalls_.empty()) {
+    return failingCalls_.front().name + " answered " + cryptokiResultText(failingCalls_.front().result);
+  }
+  if (operation_) return operation_->name + " ended with " + cryptokiResultText(operation_->result);
+  return loaderText_;
+}
+
+std::shared_ptr<DynamicLoader> loaderWithDiary(std::shared_ptr<DynamicLoader> next,
+                                               std::shared_ptr<FailureDiary> diary) {
+  return std::make_shared<LoaderWithDiary>(std::move(next), std::move(diary));
+}
+
+}  // namespace mirel

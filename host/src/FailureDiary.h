@@ -1,0 +1,58 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/CryptokiObserver.h"
+#include "platform/DynamicLoader.h"
+
+namespace mirel {
+
+/// Remembers what went wrong last between the bridge and the module, for the user. Passes everything
+/// on to the observer it wraps (may be null).
+class FailureDiary final : public CryptokiObserver {
+ public:
+  struct Entry {
+    std::string name;  ///< of the Cryptoki function, or of the bridge's operation
+    std::uint64_t result = 0;
+  };
+
+  explicit FailureDiary(std::shared_ptr<CryptokiObserver> next) : next_{std::move(next)} {}
+
+  void callStarts(const char* function) noexcept override;
+  void callReturned(const char* function, std::uint64_t result) noexcept override;
+  void operationReturned(const char* operation, std::uint64_t result) noexcept override;
+
+  void loaderFailed(std::string text) { loaderText_ = std::move(text); }
+
+  /// Forgets everything.
+  void clear() noexcept;
+
+  /// What the loader said when it failed last; empty: it has not.
+  [[nodiscard]] const std::string& loaderText() const noexcept { return loaderText_; }
+
+  /// The innermost operation that has failed since one succeeded.
+  [[nodiscard]] const std::optional<Entry>& failedOperation() const noexcept { return operation_; }
+
+  /// The Cryptoki call that made it fail; nothing when the bridge itself was not content.
+  [[nodiscard]] const std::optional<Entry>& failedCall() const noexcept { return call_; }
+
+  /// All that is known, as one phrase; empty when nothing failed.
+  [[nodiscard]] std::string reason() const;
+
+ private:
+  std::shared_ptr<CryptokiObserver> next_;
+  std::string loaderText_;
+  std::optional<Entry> operation_;
+  std::optional<Entry> call_;
+  std::vector<Entry> failingCalls_;  // of the operation that is running
+};
+
+/// The loader `next`, with its failures written in the diary.
+[[nodiscard]] std::shared_ptr<DynamicLoader> loaderWithDiary(std::shared_ptr<DynamicLoader> next,
+                                                             std::shared_ptr<FailureDiary> diary);
+
+}  // namespace mirel

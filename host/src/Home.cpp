@@ -1,0 +1,67 @@
+#include "host/Home.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <system_error>
+
+namespace mirel {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* kModuleFolder = "Library/LunetLocalSignServer";
+constexpr const char* kModuleName = "libTorvo_p11v1.dylib";
+
+class UserWithHome final : public UserDirectory {
+ public:
+  UserWithHome(std::shared_ptr<UserDirectory> user, std::string home)
+      : user_{std::move(user)}, home_{std::move(home)} {}
+  std::string loginName() noexcept override { return user_->loginName(); }
+  std::string homeOf(const std::string&) noexcept override { return home_; }
+
+ private:
+  std::shared_ptr<UserDirectory> user_;
+  std::string home_;
+};
+
+Failure notLoadable(const std::string& modulePath, const std::string& why) {
+  return {FailureKind::kModuleNotLoadable, "the PKCS #11 module " + modulePath + " cannot be used", why,
+          "check the path given with --module"};
+}
+
+}  // namespace
+
+std::shared_ptr<UserDirectory> userWithHome(std::shared_ptr<UserDirectory> user, std::string home) {
+  return std::make_shared<UserWithHome>(std::move(user), std::move(home));
+}
+
+Outcome<std::unique_ptr<PrivateHome>> PrivateHome::create(const std::string& modulePath) {
+  std::error_code error;
+  const fs::path module = fs::canonical(modulePath, error);
+  if (error) return notLoadable(modulePath, error.message());
+
+  const fs::path temporary = fs::temp_directory_path(error);
+  std::string folder = fs::absolute((error ? fs::path{"/tmp"} : temporary) / "mireltoken-XXXXXX", error);
+  if (!mkdtemp(folder.data())) {
+    return Failure{FailureKind::kInternal, "no temporary folder can be made as " + folder,
+                   std::strerror(errno), "check TMPDIR and the space left on the disk"};
+  }
+  std::unique_ptr<PrivateHome> home{new PrivateHome{folder}};
+  const fs::path moduleFolder = fs::path{folder} / kModuleFolder;
+  fs::create_directories(moduleFolder, error);
+  if (!error) fs::create_symlink(module, moduleFolder / kModuleName, error);
+  if (error) {
+    return Failure{FailureKind::kInternal, "the temporary folder " + folder + " cannot be filled",
+                   error.message(), "check TMPDIR and the space left on the disk"};
+  }
+  return home;
+}
+
+PrivateHome::~PrivateHome() {
+  std::error_code ignored;  // what is left behind is an empty folder and a link
+  fs::remove_all(path_, ignored);
+}
+
+}  // namespace mirel

@@ -1,0 +1,211 @@
+#include "host/Host.h"
+
+#include <algorithm>
+#include <iterator>
+
+#include "CardInspector.h"
+#include "FailureDiary.h"
+#include "HostTokenKit.h"
+#include "ReaderFinder.h"
+#include "bridge/P11Bridge.h"
+#include "host/CryptokiNames.h"
+#include "host/Display.h"
+#include "token/MirelCTKTokenKeychainKey.h"
+#include "token/MirelSCTokenDriver.h"
+
+namespace mirel {
+namespace {
+
+constexpr const char* kSeeLog = "run again with -v to see the log";
+constexpr const char* kTooManyCards = "leave a card in 10 readers at most, the system cannot list more";
+constexpr const char* kSeeReaders = "see the readers with: mireltoken readers";
+
+std::string quoted(const Text& name) {
+  std::string text = displayed(name);
+  text.insert(text.begin(), '"');
+  text.push_back('"');
+  return text;
+}
+
+std::string namesOf(const std::vector<Reader>& readers) {
+  std::string names;
+  for (const Reader& reader : readers) names += (names.empty() ? "" : ", ") + quoted(reader.name);
+  return names;
+}
+
+PublishedCertificate published(const TKTokenKeychainCertificate& item) {
+  PublishedCertificate certificate;
+  certificate.objectID = item.objectID();
+  certificate.label = item.label();
+  certificate.subject = item.certificate()->subject();
+  certificate.notAfter = item.certificate()->notAfter();
+  certificate.keyUsage = keyUsageNames(item.certificate()->keyUsage().value_or(0));
+  certificate.size = item.certificate()->data().size();
+  return certificate;
+}
+
+PublishedKey published(const MirelCTKTokenKeychainKey& item) {
+  PublishedKey key;
+  key.objectID = item.objectID();
+  key.label = item.label();
+  key.certificateID = item.certificateID();
+  key.keyType = item.keyType();
+  key.keySizeInBits = item.keySizeInBits();
+  key.canSign = item.canSign();
+  key.canDecrypt = item.canDecrypt();
+  key.canPerformKeyExchange = item.canPerformKeyExchange();
+  key.suitableForLogin = item.suitableForLogin();
+  key.alwaysAuthenticate = item.alwaysAuthenticate();
+  for (const auto& [operation, constraint] : item.constraints().value_or(TKTokenConstraints{})) {
+    key.constraints[static_cast<std::int64_t>(operation)] = constraint;
+  }
+  return key;
+}
+
+std::vector<PublishedItem> publishedItems(const HostKeychainContents& contents) {
+  std::vector<PublishedItem> items;
+  for (const auto& item : contents.items()) {
+    if (const auto* certificate = dynamic_cast<const TKTokenKeychainCertificate*>(item.get())) {
+      items.emplace_back(published(*certificate));
+    } else if (const auto* key = dynamic_cast<const MirelCTKTokenKeychainKey*>(item.get())) {
+      items.emplace_back(published(*key));
+    }
+  }
+  return items;
+}
+
+std::string describe(const UnpublishedObject& object) {
+  std::string text = object.kind;
+  if (!object.label.isNull()) text.append(" ").append(quoted(object.label));
+  if (!object.id.isNull()) text.append(" with ID ").append(quoted(object.id));
+  return text.append(": ").append(object.reason);
+}
+
+/// True when more slots hold a token than the bridge has the module list.
+bool tooManyCards(P11Bridge& bridge) noexcept {
+  constexpr CK_ULONG kListedSlots = 10;
+  CK_ULONG numSlots = 0;
+  return bridge.pkcs11_C_GetSlotList(CK_TRUE, nullptr, &numSlots) == CKR_OK && numSlots > kListedSlots;
+}
+
+Failure enumerationFailure(const Reader& reader, const std::string& why, const std::string& whatToDo) {
+  return {FailureKind::kCardEnumerationFailed,
+          "the card in reader " + quoted(reader.name) + " cannot be listed", why, whatToDo};
+}
+
+}  // namespace
+
+Host::Host(PlatformServices services, std::string givenModule)
+    : services_{std::move(services)},
+      givenModule_{std::move(givenModule)},
+      diary_{std::make_shared<FailureDiary>(services_.observer)} {
+  services_.loader = loaderWithDiary(services_.loader, diary_);
+  services_.observer = diary_;
+  bridge_ = std::make_unique<P11Bridge>(services_);
+}
+
+Host::~Host() = default;
+
+Outcome<std::vector<Reader>> Host::readers(const Text& readerName) {
+  auto found = findReaders(*bridge_, *diary_, givenModule_, true);
+  if (readerName.isNull() || std::holds_alternative<Failure>(found)) return found;
+  auto named = readerNamed(readerName, std::get<std::vector<Reader>>(found));
+  if (auto* failure = std::get_if<Failure>(&named)) return *failure;
+  return std::vector{std::get<Reader>(named)};
+}
+
+Outcome<Reader> Host::chooseReader(const Text& readerName) {
+  auto found = readers();
+  if (auto* failure = std::get_if<Failure>(&found)) return *failure;
+  const auto& candidates = std::get<std::vector<Reader>>(found);
+
+  if (readerName.isNull()) {
+    const auto first = std::find_if(candidates.begin(), candidates.end(), [](const Reader& reader) {
+      return reader.tokenInitialised && !reader.distinctName.isNull();
+    });
+    if (first != candidates.end()) return *first;
+    if (candidates.empty()) {
+      return Failure{FailureKind::kNoCard, "there is no card to insert", "no reader holds a card",
+                     "put a card into a reader"};
+    }
+    return Failure{FailureKind::kNoCard, "there is no card to insert",
+                   "no reader holds a card that is initialised",
+                   "initialise the card, insert another one, or name a reader with --reader"};
+  }
+  return readerNamed(readerName, candidates);
+}
+
+Outcome<Reader> Host::readerNamed(const Text& readerName, const std::vector<Reader>& candidates) {
+  const auto exact = std::find_if(candidates.begin(), candidates.end(),
+                                  [&](const Reader& reader) { return reader.name == readerName; });
+  if (exact != candidates.end()) return *exact;
+
+  std::vector<Reader> alike;
+  std::copy_if(candidates.begin(), candidates.end(), std::back_inserter(alike), [&](const Reader& reader) {
+    return !readerName.isEmpty() && reader.name.units().starts_with(readerName.units());
+  });
+  if (alike.size() == 1) return alike.front();
+  if (alike.size() > 1) {
+    return Failure{FailureKind::kNoCard, "the reader name " + quoted(readerName) + " is not clear",
+                   "it fits " + namesOf(alike), "give the whole name"};
+  }
+
+  const auto all = findReaders(*bridge_, *diary_, givenModule_, false);
+  const auto* everyReader = std::get_if<std::vector<Reader>>(&all);
+  const bool empty =
+      everyReader && std::any_of(everyReader->begin(), everyReader->end(),
+                                 [&](const Reader& reader) { return reader.name == readerName; });
+  if (empty) {
+    return Failure{FailureKind::kNoCard, "the reader " + quoted(readerName) + " holds no card",
+                   "the module finds no token in it", "put a card into it"};
+  }
+  return Failure{
+      FailureKind::kNoCard, "there is no reader " + quoted(readerName),
+      candidates.empty() ? "no reader holds a card" : "the readers with a card are " + namesOf(candidates),
+      kSeeReaders};
+}
+
+Outcome<InsertedCard> Host::insert(const Text& readerName) {
+  auto chosen = chooseReader(readerName);
+  if (auto* failure = std::get_if<Failure>(&chosen)) return *failure;
+  const Reader& reader = std::get<Reader>(chosen);
+
+  const auto kit = std::make_shared<HostTokenKit>();
+  PlatformServices services = services_;
+  services.tokenKit = kit;
+  const auto driver = std::make_shared<MirelSCTokenDriver>(services);
+  std::optional<TKError> error;
+  diary_->clear();
+  const auto token =
+      driver->createTokenForSmartCard(driver, cardInReader(reader.distinctName), Bytes{}, &error);
+  const std::string reason = diary_->reason();
+  if (!token && !error) {
+    return Failure{FailureKind::kModuleRefuses, "the token driver made no token of the card", reason,
+                   kSeeLog};
+  }
+  if (!token) {
+    return enumerationFailure(reader, reason.empty() ? "its token information has no text" : reason,
+                              tooManyCards(*bridge_) ? kTooManyCards : kSeeLog);
+  }
+  if (!kit->lastToken()->contents().filled()) return listingFailure(reader, reason);
+  return InsertedCard{reader, kit->lastToken()->instanceID(), publishedItems(kit->lastToken()->contents())};
+}
+
+Failure Host::listingFailure(const Reader& reader, const std::string& reason) {
+  const auto objects = unpublishedObjects(reader);
+  const auto culprit = std::find_if(objects.begin(), objects.end(),
+                                    [](const UnpublishedObject& object) { return object.blocksCard; });
+  if (culprit != objects.end()) {
+    return enumerationFailure(reader, describe(*culprit),
+                              "have the card's issuer mend or remove that object");
+  }
+  return enumerationFailure(reader, reason.empty() ? "the module gives no reason" : reason, kSeeLog);
+}
+
+std::vector<UnpublishedObject> Host::unpublishedObjects(const Reader& reader) {
+  const CK_FUNCTION_LIST* list = bridge_->ckFunc();
+  if (!list) return {};
+  return inspectCard(*list, reader.slotID, *services_.certificates);
+}
+
+}  // namespace mirel

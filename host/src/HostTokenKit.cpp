@@ -1,0 +1,153 @@
+#include "HostTokenKit.h"
+
+namespace mirel {
+namespace {
+
+class HostSlot final : public TKSmartCardSlot {
+ public:
+  explicit HostSlot(Text name) : name_{std::move(name)} {}
+  [[nodiscard]] Text name() const noexcept override { return name_; }
+
+ private:
+  Text name_;
+};
+
+class HostCard final : public TKSmartCard {
+ public:
+  explicit HostCard(const Text& readerName) : slot_{std::make_shared<HostSlot>(readerName)} {}
+  [[nodiscard]] std::shared_ptr<TKSmartCardSlot> slot() const noexcept override { return slot_; }
+
+ private:
+  std::shared_ptr<TKSmartCardSlot> slot_;
+};
+
+/// What certificate and key items have in common.
+template <typename Base>
+class HostItem : public Base {
+ public:
+  [[nodiscard]] Text objectID() const noexcept override { return objectID_; }
+  [[nodiscard]] Text label() const noexcept override { return label_; }
+  void setLabel(const Text& label) noexcept override { label_ = label; }
+  [[nodiscard]] std::optional<TKTokenConstraints> constraints() const noexcept override {
+    return constraints_;
+  }
+  void setConstraints(const TKTokenConstraints& constraints) noexcept override { constraints_ = constraints; }
+
+ protected:
+  void setObjectID(const Text& objectID) noexcept { objectID_ = objectID; }
+
+ private:
+  Text objectID_;
+  Text label_;
+  std::optional<TKTokenConstraints> constraints_;
+};
+
+class HostKeychainCertificate final : public HostItem<TKTokenKeychainCertificate> {
+ public:
+  [[nodiscard]] bool initWithCertificate(const std::shared_ptr<SecCertificate>& certificate,
+                                         const Text& objectID) noexcept override {
+    certificate_ = certificate;
+    setObjectID(objectID);
+    return certificate_ != nullptr;
+  }
+  [[nodiscard]] std::shared_ptr<SecCertificate> certificate() const noexcept override { return certificate_; }
+
+ private:
+  std::shared_ptr<SecCertificate> certificate_;
+};
+
+class HostKeychainKey final : public HostItem<TKTokenKeychainKey> {
+ public:
+  /// The keychain knows RSA keys and those on curves over prime fields.
+  [[nodiscard]] bool initWithCertificate(const std::shared_ptr<SecCertificate>& certificate,
+                                         const Text& objectID) noexcept override {
+    if (!certificate || certificate->keyType() == CertificateKeyType::kOther) return false;
+    keyType_ = certificate->keyType();
+    keySizeInBits_ = certificate->keySizeInBits();
+    setObjectID(objectID);
+    return true;
+  }
+  [[nodiscard]] CertificateKeyType keyType() const noexcept override { return keyType_; }
+  [[nodiscard]] int keySizeInBits() const noexcept override { return keySizeInBits_; }
+  [[nodiscard]] bool canSign() const noexcept override { return canSign_; }
+  void setCanSign(bool value) noexcept override { canSign_ = value; }
+  [[nodiscard]] bool canDecrypt() const noexcept override { return canDecrypt_; }
+  void setCanDecrypt(bool value) noexcept override { canDecrypt_ = value; }
+  [[nodiscard]] bool canPerformKeyExchange() const noexcept override { return canPerformKeyExchange_; }
+  void setCanPerformKeyExchange(bool value) noexcept override { canPerformKeyExchange_ = value; }
+  [[nodiscard]] bool suitableForLogin() const noexcept override { return suitableForLogin_; }
+  void setSuitableForLogin(bool value) noexcept override { suitableForLogin_ = value; }
+
+ private:
+  CertificateKeyType keyType_ = CertificateKeyType::kOther;
+  int keySizeInBits_ = 0;
+  bool canSign_ = false;
+  bool canDecrypt_ = false;
+  bool canPerformKeyExchange_ = false;
+  bool suitableForLogin_ = false;
+};
+
+class HostTokenSession final : public TKTokenSession {
+ public:
+  [[nodiscard]] bool initWithToken(const std::shared_ptr<TKSmartCardToken>& token) noexcept override {
+    token_ = token;
+    return token != nullptr;
+  }
+
+ private:
+  std::weak_ptr<TKSmartCardToken> token_;
+};
+
+}  // namespace
+
+void HostKeychainContents::fillWithItems(
+    const std::vector<std::shared_ptr<TKTokenKeychainItem>>& items) noexcept {
+  items_ = items;
+}
+
+std::vector<std::shared_ptr<TKTokenKeychainItem>> HostKeychainContents::items() const noexcept {
+  return items_.value_or(std::vector<std::shared_ptr<TKTokenKeychainItem>>{});
+}
+
+std::shared_ptr<TKTokenKeychainKey> HostKeychainContents::keyForObjectID(const Text& objectID,
+                                                                         TKErrorPointer outError) noexcept {
+  for (const auto& item : items()) {
+    auto key = std::dynamic_pointer_cast<TKTokenKeychainKey>(item);
+    if (key && key->objectID() == objectID) return key;
+  }
+  if (outError) {
+    *outError =
+        TKError{Text{kTKErrorDomain}, static_cast<std::int64_t>(TKErrorCode::kObjectNotFound), Text{}};
+  }
+  return nullptr;
+}
+
+bool HostSmartCardToken::initWithSmartCard(const std::shared_ptr<TKSmartCard>&, const Bytes&,
+                                           const Text& instanceID,
+                                           const std::shared_ptr<TKSmartCardTokenDriver>&) noexcept {
+  instanceID_ = instanceID;
+  return true;
+}
+
+std::shared_ptr<TKSmartCardToken> HostTokenKit::allocSmartCardToken() noexcept {
+  lastToken_ = std::make_shared<HostSmartCardToken>();
+  return lastToken_;
+}
+
+std::shared_ptr<TKTokenSession> HostTokenKit::allocTokenSession() noexcept {
+  return std::make_shared<HostTokenSession>();
+}
+
+std::shared_ptr<TKTokenKeychainCertificate> HostTokenKit::allocKeychainCertificate() noexcept {
+  return std::make_shared<HostKeychainCertificate>();
+}
+
+std::shared_ptr<TKTokenKeychainKey> HostTokenKit::allocKeychainKey() noexcept {
+  return std::make_shared<HostKeychainKey>();
+}
+
+std::shared_ptr<TKSmartCard> cardInReader(const Text& readerName) {
+  return std::make_shared<HostCard>(readerName);
+}
+
+}  // namespace mirel

@@ -1,0 +1,63 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "platform/TokenKit.h"
+
+namespace mirel {
+
+/// What the host's tokens publish.
+class HostKeychainContents final : public TKTokenKeychainContents {
+ public:
+  void fillWithItems(const std::vector<std::shared_ptr<TKTokenKeychainItem>>& items) noexcept override;
+  [[nodiscard]] std::vector<std::shared_ptr<TKTokenKeychainItem>> items() const noexcept override;
+  [[nodiscard]] std::shared_ptr<TKTokenKeychainKey> keyForObjectID(const Text& objectID,
+                                                                   TKErrorPointer outError) noexcept override;
+
+  /// False until a token has filled it, be it with nothing.
+  [[nodiscard]] bool filled() const noexcept { return items_.has_value(); }
+
+ private:
+  std::optional<std::vector<std::shared_ptr<TKTokenKeychainItem>>> items_;
+};
+
+/// The host's side of a token.
+class HostSmartCardToken final : public TKSmartCardToken {
+ public:
+  [[nodiscard]] bool initWithSmartCard(
+      const std::shared_ptr<TKSmartCard>& smartCard, const Bytes& AID, const Text& instanceID,
+      const std::shared_ptr<TKSmartCardTokenDriver>& tokenDriver) noexcept override;
+  [[nodiscard]] std::shared_ptr<TKTokenKeychainContents> keychainContents() const noexcept override {
+    return contents_;
+  }
+
+  /// Null until the token has been initialised.
+  [[nodiscard]] const Text& instanceID() const noexcept { return instanceID_; }
+  [[nodiscard]] const HostKeychainContents& contents() const noexcept { return *contents_; }
+
+ private:
+  Text instanceID_;
+  std::shared_ptr<HostKeychainContents> contents_ = std::make_shared<HostKeychainContents>();
+};
+
+/// Allocates the host's objects and remembers the token it allocated last.
+class HostTokenKit final : public TokenKit {
+ public:
+  [[nodiscard]] std::shared_ptr<TKSmartCardToken> allocSmartCardToken() noexcept override;
+  [[nodiscard]] std::shared_ptr<TKTokenSession> allocTokenSession() noexcept override;
+  [[nodiscard]] std::shared_ptr<TKTokenKeychainCertificate> allocKeychainCertificate() noexcept override;
+  [[nodiscard]] std::shared_ptr<TKTokenKeychainKey> allocKeychainKey() noexcept override;
+
+  /// Null before the first.
+  [[nodiscard]] const std::shared_ptr<HostSmartCardToken>& lastToken() const noexcept { return lastToken_; }
+
+ private:
+  std::shared_ptr<HostSmartCardToken> lastToken_;
+};
+
+/// A card in the reader of that name.
+[[nodiscard]] std::shared_ptr<TKSmartCard> cardInReader(const Text& readerName);
+
+}  // namespace mirel

@@ -1,0 +1,154 @@
+#include "ReaderFinder.h"
+
+#include <algorithm>
+#include <optional>
+#include <span>
+
+#include "CallEntry.h"
+#include "FailureDiary.h"
+#include "bridge/P11Bridge.h"
+#include "host/CryptokiNames.h"
+
+namespace mirel {
+namespace {
+
+constexpr CK_ULONG kMaxSlots = 4096;
+constexpr int kSlotListTries = 3;  // a slot may appear between counting and listing
+
+constexpr const char* kAskMaker = "ask the maker of the module";
+
+/// Fixed-width text without the blanks and zeros at its end.
+Text trimmed(std::span<const CK_UTF8CHAR> field) {
+  const auto isPadding = [](CK_UTF8CHAR c) { return c == ' ' || c == 0; };
+  std::size_t length = field.size();
+  while (length > 0 && isPadding(field[length - 1])) --length;
+  return Text::fromBytes(field.first(length));
+}
+
+/// The loader's text with the module's path as the user knows it.
+std::string loaderReason(std::string text, const std::string& path, const std::string& givenModule) {
+  if (givenModule.empty()) return text;
+  for (std::size_t at = text.find(path); at != std::string::npos;
+       at = text.find(path, at + givenModule.size())) {
+    text.replace(at, path.size(), givenModule);
+  }
+  return text;
+}
+
+Failure moduleFailure(const FailureDiary& diary, const std::shared_ptr<const std::string>& path,
+                      const std::string& givenModule) {
+  if (!path) {
+    return {FailureKind::kModuleNotLoadable, "there is no home folder to look for the PKCS #11 module in",
+            "the user database has no entry for this user",
+            "name the home folder with --home or the module with --module"};
+  }
+  const std::string what =
+      "the PKCS #11 module " + (givenModule.empty() ? *path : givenModule) + " cannot be loaded";
+  if (!diary.loaderText().empty()) {
+    return {FailureKind::kModuleNotLoadable, what, loaderReason(diary.loaderText(), *path, givenModule),
+            givenModule.empty()
+                ? "install the card software for this user, or name another module with --module"
+                : "check that the path given with --module is a PKCS #11 module for this system"};
+  }
+  const std::string reason = diary.reason();
+  return {FailureKind::kModuleNotLoadable, what, reason.empty() ? "it gives no function list" : reason,
+          kAskMaker};
+}
+
+CK_RV listSlots(const CK_FUNCTION_LIST& list, bool withTokenOnly, std::vector<CK_SLOT_ID>& slots) {
+  const CK_BBOOL tokenPresent = withTokenOnly ? CK_TRUE : CK_FALSE;
+  CK_RV rv = CKR_OK;
+  for (int attempt = 0; attempt < kSlotListTries; ++attempt) {
+    CK_ULONG numSlots = 0;
+    rv = callEntry(list.C_GetSlotList, tokenPresent, nullptr, &numSlots);
+    if (rv != CKR_OK) return rv;
+    if (numSlots > kMaxSlots) return CKR_HOST_MEMORY;
+    slots.assign(numSlots, kNoHandle);
+    if (numSlots == 0) return CKR_OK;
+    rv = callEntry(list.C_GetSlotList, tokenPresent, slots.data(), &numSlots);
+    if (rv == CKR_BUFFER_TOO_SMALL) continue;
+    slots.resize(std::min<std::size_t>(numSlots, slots.size()));
+    return rv;
+  }
+  return rv;
+}
+
+Reader readReader(const CK_FUNCTION_LIST& list, CK_SLOT_ID slotID, bool withTokenOnly,
+                  CK_SLOT_INFO& outSlot) {
+  Reader reader;
+  reader.slotID = slotID;
+  outSlot = {};
+  if (const CK_RV rv = callEntry(list.C_GetSlotInfo, slotID, &outSlot); rv != CKR_OK) {
+    outSlot = {};
+    reader.problem = "C_GetSlotInfo answered " + cryptokiResultText(rv);
+    return reader;
+  }
+  reader.name = trimmed(outSlot.slotDescription);
+  reader.slotFlags = slotFlagNames(outSlot.flags);
+  // A slot that is listed for its token has one, whatever its flags say.
+  if (!withTokenOnly && (outSlot.flags & CKF_TOKEN_PRESENT) == 0) {
+    reader.problem = "no card";
+    return reader;
+  }
+  CK_TOKEN_INFO token{};
+  if (const CK_RV rv = callEntry(list.C_GetTokenInfo, slotID, &token); rv != CKR_OK) {
+    reader.problem = "C_GetTokenInfo answered " + cryptokiResultText(rv);
+    return reader;
+  }
+  reader.tokenLabel = trimmed(token.label);
+  reader.serialNumber = trimmed(token.serialNumber);
+  reader.manufacturer = trimmed(token.manufacturerID);
+  reader.model = trimmed(token.model);
+  reader.tokenFlags = tokenFlagNames(token.flags);
+  reader.tokenInitialised = (token.flags & CKF_TOKEN_INITIALIZED) != 0;
+  return reader;
+}
+
+/// The shortest beginning of description number `index`, from its name on, that no description listed
+/// before begins with; null when there is none.
+Text distinctName(const std::vector<CK_SLOT_INFO>& slots, std::size_t index, const Text& name) {
+  const std::span description{slots[index].slotDescription};
+  for (std::size_t length = name.length(); length <= description.size(); ++length) {
+    const auto sameStart = [&](const CK_SLOT_INFO& other) {
+      return std::equal(description.begin(), description.begin() + static_cast<std::ptrdiff_t>(length),
+                        other.slotDescription);
+    };
+    if (std::none_of(slots.begin(), slots.begin() + static_cast<std::ptrdiff_t>(index), sameStart)) {
+      return Text::fromBytes(description.first(length));
+    }
+  }
+  return Text{};
+}
+
+}  // namespace
+
+Outcome<std::vector<Reader>> findReaders(P11Bridge& bridge, FailureDiary& diary,
+                                         const std::string& givenModule, bool withTokenOnly) {
+  diary.clear();
+  if (!bridge.pkcs11_Load(Text{})) return moduleFailure(diary, bridge.p11dylib(), givenModule);
+  const CK_RV initialised = bridge.pkcs11_Initial(nullptr);
+  if (initialised != CKR_OK && initialised != CKR_CRYPTOKI_ALREADY_INITIALIZED) {
+    return Failure{
+        FailureKind::kModuleRefuses,
+        "the PKCS #11 module " + (givenModule.empty() ? *bridge.p11dylib() : givenModule) + " does not start",
+        "C_Initialize answered " + cryptokiResultText(initialised),
+        "check the module's own configuration and the service it needs"};
+  }
+
+  std::vector<CK_SLOT_ID> slotIDs;
+  const CK_FUNCTION_LIST& list = *bridge.ckFunc();
+  if (const CK_RV rv = listSlots(list, withTokenOnly, slotIDs); rv != CKR_OK) {
+    return Failure{FailureKind::kModuleRefuses, "the PKCS #11 module does not list its slots",
+                   "C_GetSlotList answered " + cryptokiResultText(rv), kAskMaker};
+  }
+
+  std::vector<Reader> readers;
+  std::vector<CK_SLOT_INFO> slots;
+  for (const CK_SLOT_ID slotID : slotIDs) {
+    readers.push_back(readReader(list, slotID, withTokenOnly, slots.emplace_back()));
+    readers.back().distinctName = distinctName(slots, slots.size() - 1, readers.back().name);
+  }
+  return readers;
+}
+
+}  // namespace mirel

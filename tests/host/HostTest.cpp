@@ -1,0 +1,56 @@
+#include "host/HostTest.h"
+
+namespace mirel::test {
+namespace {
+
+constexpr unsigned kDigitalSignature = 1U << 0U;
+
+void expectOneLine(const std::string& text) {
+  EXPECT_FALSE(text.empty());
+  for (const char c : text)
+    EXPECT_GE(static_cast<unsigned char>(c), 0x20) << "a control character in " << text;
+  EXPECT_FALSE(text.ends_with('.')) << text;
+}
+
+}  // namespace
+
+HostTest::HostTest() { setCertificate({.keyUsage = kDigitalSignature}); }
+
+void HostTest::setCertificate(const CertificateRequest& request) {
+  Object& object = script.object(kCertificate);
+  object = object.with(CKA_VALUE, testCertificate(request));
+}
+
+void HostTest::addKeyAndCertificate(Value id, Value label, const CertificateRequest& request) {
+  script.addObject(ecPublicKey(id, label, p256Params(), p256Point(0x11)));
+  script.addObject(certificate(std::move(id), std::move(label), testCertificate(request)));
+}
+
+std::vector<Reader> HostTest::readers(const Text& readerName) {
+  const auto outcome = host.readers(readerName);
+  if (const auto* found = std::get_if<std::vector<Reader>>(&outcome)) return *found;
+  ADD_FAILURE() << std::get<Failure>(outcome).what << ": " << std::get<Failure>(outcome).why;
+  return {};
+}
+
+InsertedCard HostTest::inserted(const Text& readerName) {
+  const auto outcome = host.insert(readerName);
+  if (const auto* card = std::get_if<InsertedCard>(&outcome)) return *card;
+  ADD_FAILURE() << std::get<Failure>(outcome).what << ": " << std::get<Failure>(outcome).why;
+  return {};
+}
+
+void expectPresentable(const Failure& failure) {
+  expectOneLine(failure.what);
+  expectOneLine(failure.why);
+  expectOneLine(failure.whatToDo);
+}
+
+std::vector<Text> namesOf(const std::vector<Reader>& readers) {
+  std::vector<Text> names;
+  names.reserve(readers.size());
+  for (const Reader& reader : readers) names.push_back(reader.name);
+  return names;
+}
+
+}  // namespace mirel::test

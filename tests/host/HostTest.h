@@ -1,0 +1,59 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "host/Host.h"
+#include "support/ModuleTest.h"
+#include "token/TestCertificates.h"
+
+namespace mirel::test {
+
+/// The session that a good insertion leaves open: the two before it were only opened to read the
+/// token's information.
+inline constexpr CK_SESSION_HANDLE kCardSession = kFirstSession + 2;
+
+/// A test with the scripted module, whose card holds a real certificate for signing (label "MyKey", ID
+/// "01", P-256), and a host.
+class HostTest : public ModuleTest {
+ protected:
+  HostTest();
+
+  /// Replaces the value of the card's certificate.
+  void setCertificate(const CertificateRequest& request);
+  /// Adds a key (by its public part) and a certificate with the same ID.
+  void addKeyAndCertificate(Value id, Value label, const CertificateRequest& request);
+
+  /// The readers; a failure fails the test.
+  [[nodiscard]] std::vector<Reader> readers(const Text& readerName = Text{});
+
+  /// The inserted card; a failure fails the test.
+  [[nodiscard]] InsertedCard inserted(const Text& readerName = Text{});
+
+  Host host{services()};
+};
+
+/// What went wrong; a success fails the test. Also checks that the user is told three things, each in
+/// one line without a full stop.
+template <typename Value>
+[[nodiscard]] Failure failureOf(const Outcome<Value>& outcome);
+
+void expectPresentable(const Failure& failure);
+
+template <typename Value>
+Failure failureOf(const Outcome<Value>& outcome) {
+  const auto* failure = std::get_if<Failure>(&outcome);
+  if (!failure) {
+    ADD_FAILURE() << "there is no failure";
+    return {};
+  }
+  expectPresentable(*failure);
+  return *failure;
+}
+
+/// The names of the readers.
+[[nodiscard]] std::vector<Text> namesOf(const std::vector<Reader>& readers);
+
+}  // namespace mirel::test

@@ -1,0 +1,299 @@
+#include "host/HostTest.h"
+
+namespace mirel::test {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+
+constexpr unsigned kSignatureAndNonRepudiation = 0x03;
+constexpr unsigned kKeyEncipherment = 1U << 2U;
+constexpr unsigned kKeyAgreement = 1U << 4U;
+
+class Insert : public HostTest {
+ protected:
+  /// Item number `i` of the card, as a certificate or a key.
+  template <typename Item>
+  [[nodiscard]] static Item at(const InsertedCard& card, std::size_t i) {
+    if (i < card.items.size()) {
+      if (const auto* item = std::get_if<Item>(&card.items[i])) return *item;
+    }
+    ADD_FAILURE() << "item " << i << " of " << card.items.size() << " is of another class, or there is none";
+    return {};
+  }
+
+  /// Why the card cannot be listed.
+  [[nodiscard]] std::string whyNotListed() {
+    const Failure failure = failureOf(host.insert(Text{}));
+    EXPECT_EQ(failure.kind, FailureKind::kCardEnumerationFailed);
+    EXPECT_THAT(failure.what, HasSubstr("\"Reader A 00\""));
+    return failure.why;
+  }
+};
+
+// ---- What is published ----
+
+TEST_F(Insert, TellsReaderAndToken) {
+  const InsertedCard card = inserted();
+  EXPECT_EQ(card.reader.name, Text{u"Reader A 00"});
+  EXPECT_EQ(card.reader.serialNumber, Text{u"1234567890ABCDEF"});
+  EXPECT_EQ(card.instanceID.length(), 116U);  // 96 bytes and two of the flags, 16 and two of the flags
+  EXPECT_EQ(card.instanceID.units().substr(80),
+            u"1234567890ABCDEF\x0D\x04"
+            u"1234567890ABCDEF\x0D\x04");
+  leavesOpen({kCardSession});
+}
+
+TEST_F(Insert, PublishesACertificate) {
+  setCertificate({.commonName = "Jane D\xC3\xB6", .keyUsage = kSignatureAndNonRepudiation});
+  const auto certificate = at<PublishedCertificate>(inserted(), 0);
+  EXPECT_EQ(certificate.objectID, Text{u"cert_MyKey_01"});
+  EXPECT_EQ(certificate.label, Text{u"01"});
+  EXPECT_EQ(certificate.subject, Text{u"CN=Jane D\u00F6"});
+  EXPECT_EQ(certificate.notAfter.toUtf8(), kTestNotAfter);
+  EXPECT_THAT(certificate.keyUsage, ElementsAre("digitalSignature", "nonRepudiation"));
+  EXPECT_EQ(certificate.size, script.object(kCertificate).attributes.at(CKA_VALUE).size());
+  leavesOpen({kCardSession});
+}
+
+TEST_F(Insert, PublishesAnRsaKeyForSigning) {
+  setCertificate({.key = TestKey::kRsa2048, .keyUsage = kSignatureAndNonRepudiation});
+  const auto key = at<PublishedKey>(inserted(), 1);
+  EXPECT_EQ(key.objectID, Text{u"01"});
+  EXPECT_EQ(key.label, Text{u"01"});
+  EXPECT_EQ(key.certificateID, Text{u"cert_MyKey_01"});
+  EXPECT_EQ(key.keyType, CertificateKeyType::kRSA);
+  EXPECT_EQ(key.keySizeInBits, 2048);
+  EXPECT_TRUE(key.canSign);
+  EXPECT_FALSE(key.canDecrypt);
+  EXPECT_FALSE(key.canPerformKeyExchange);
+  EXPECT_TRUE(key.suitableForLogin);
+  EXPECT_TRUE(key.alwaysAuthenticate);
+  EXPECT_THAT(key.constraints, ElementsAre(std::pair{2, Text{u"PINAlways"}}));
+  leavesOpen({kCardSession});
+}
+
+TEST_F(Insert, PublishesAKeyForDecryption) {
+  setCertificate({.keyUsage = kKeyEncipherment});
+  const auto key = at<PublishedKey>(inserted(), 1);
+  EXPECT_FALSE(key.canSign);
+  EXPECT_TRUE(key.canDecrypt);
+  EXPECT_FALSE(key.canPerformKeyExchange);
+  EXPECT_TRUE(key.suitableForLogin);
+  EXPECT_THAT(key.constraints, ElementsAre(std::pair{3, Text{u"PINAlways"}}));
+  leavesOpen({kCardSession});
+}
+
+TEST_F(Insert, PublishesAnEcKeyForKeyExchange) {
+  setCertificate({.keyUsage = kKeyAgreement});
+  const auto key = at<PublishedKey>(inserted(), 1);
+  EXPECT_EQ(key.keyType, CertificateKeyType::kECPrimeRandom);
+  EXPECT_EQ(key.keySizeInBits, 256);
+  EXPECT_FALSE(key.canSign);
+  EXPECT_FALSE(key.canDecrypt);
+  EXPECT_TRUE(key.canPerformKeyExchange);
+  EXPECT_FALSE(key.suitableForLogin);
+  EXPECT_THAT(key.constraints, ElementsAre(std::pair{4, Text{u"PINAlways"}}));
+  leavesOpen({kCardSession});
+}
+
+TEST_F(Insert, PublishesAKeyWithoutAnyUse) {
+  setCertificate({});
+  const InsertedCard card = inserted();
+  EXPECT_THAT(at<PublishedCertificate>(card, 0).keyUsage, IsEmpty());
+  const auto key = at<PublishedKey>(card, 1);
+  EXPECT_FALSE(key.canSign || key.canDecrypt || key.canPerformKeyExchange || key.suitableForLogin);
+  EXPECT_TRUE(key.alwaysAuthenticate);
+  EXPECT_THAT(key.constraints, IsEmpty());
+  leavesOpen({kCardSession});
+}
+
+TEST_F(Insert, PublishesInTheOrderOfTheCard) {
+  addKeyAndCertificate(bytesOf("03"), bytesOf("Third"), {});
+  addKeyAndCertificate(bytesOf("02"), bytesOf("Second"), {});
+  const InsertedCard card = inserted();
+  ASSERT_EQ(card.items.size(), 6U);
+  EXPECT_EQ(at<PublishedCertificate>(card, 0).objectID, Text{u"cert_MyKey_01"});
+  EXPECT_EQ(at<PublishedKey>(card, 1).objectID, Text{u"01"});
+  EXPECT_EQ(at<PublishedCertificate>(card, 2).objectID, Text{u"cert_Third_03"});
+  EXPECT_EQ(at<PublishedKey>(card, 3).objectID, Text{u"03"});
+  EXPECT_EQ(at<PublishedCertificate>(card, 4).objectID, Text{u"cert_Second_02"});
+  EXPECT_EQ(at<PublishedKey>(card, 5).objectID, Text{u"02"});
+  leavesOpen({kCardSession});
+}
+
+TEST_F(Insert, KeepsEveryByteOfIdentifiers) {
+  script.card().objects.clear();
+  addKeyAndCertificate({0x00, 0x01, 0xFF}, {0x0A}, {});
+  const auto key = at<PublishedKey>(inserted(), 1);
+  using namespace std::string_view_literals;
+  EXPECT_EQ(key.objectID.units(), u"\0\u0001\u00FF"sv);
+  EXPECT_EQ(key.certificateID.units(), u"cert_\u000A_\0\u0001\u00FF"sv);
+  leavesOpen({kCardSession});
+}
+
+TEST_F(Insert, PublishesTheCertificateAloneWhoseKeyIsOfAnUnknownKind) {
+  setCertificate({.key = TestKey::kEd25519});
+  const InsertedCard card = inserted();
+  ASSERT_EQ(card.items.size(), 1U);
+  EXPECT_EQ(at<PublishedCertificate>(card, 0).objectID, Text{u"cert_MyKey_01"});
+  leavesOpen({kCardSession});
+}
+
+TEST_F(Insert, PassesOverACertificateThatIsNone) {
+  script.addObject(ecPublicKey(bytesOf("02"), bytesOf("Broken"), p256Params(), p256Point(1)));
+  script.addObject(certificate(bytesOf("02"), bytesOf("Broken"), patternValue(300, 1)));
+  EXPECT_EQ(inserted().items.size(), 2U);
+  leavesOpen({kCardSession});
+}
+
+TEST_F(Insert, PublishesNothingOfAnEmptyCard) {
+  script.card().objects.clear();
+  EXPECT_THAT(inserted().items, IsEmpty());
+  leavesOpen({kCardSession});
+}
+
+TEST_F(Insert, PublishesTheLongestCertificate) {
+  constexpr std::size_t kLongest = 2000;  // bytes
+  const std::size_t bare = testCertificate({.padding = 1000}).size() - 1000;
+  // The signature of an EC key is a byte longer now and then, so the size is not known beforehand.
+  Value der;
+  for (std::size_t padding = kLongest - bare + 8; der.empty() || der.size() > kLongest; --padding) {
+    der = testCertificate({.padding = padding});
+  }
+  script.object(kCertificate) = certificate(bytesOf("01"), bytesOf("MyKey"), der);
+  EXPECT_GE(der.size(), kLongest - 8);
+  EXPECT_EQ(at<PublishedCertificate>(inserted(), 0).size, der.size());
+  leavesOpen({kCardSession});
+}
+
+TEST_F(Insert, WorksAgainAndAgain) {
+  EXPECT_EQ(inserted().items.size(), 2U);
+  EXPECT_EQ(inserted().items.size(), 2U);
+  leavesOpen({kCardSession, kCardSession + 3});
+}
+
+TEST_F(Insert, WorksAfterAFailure) {
+  script.failCallOf("C_FindObjectsInit", 0, CKR_DEVICE_ERROR);
+  EXPECT_EQ(whyNotListed(), "C_FindObjectsInit answered CKR_DEVICE_ERROR (0x30)");
+  EXPECT_EQ(inserted().items.size(), 2U);
+  leavesOpen({kCardSession, script.openSessions().back()});
+}
+
+TEST_F(Insert, LeavesNothingBehind) {
+  // What is published refers to the log, so whoever keeps an item keeps the log.
+  const auto owners = log.use_count();
+  {
+    Host anew{services()};
+    EXPECT_TRUE(std::holds_alternative<InsertedCard>(anew.insert(Text{})));
+  }
+  EXPECT_EQ(log.use_count(), owners);
+  leavesOpen({kCardSession});
+}
+
+TEST_F(Insert, TellsTheObserverEveryCall) {
+  EXPECT_EQ(inserted().items.size(), 2U);
+  std::size_t finds = 0;
+  for (const auto& event : observer->events) {
+    finds += event.kind == RecordingObserver::Event::Kind::kCallReturned && event.name == "C_FindObjects"
+                 ? 1U
+                 : 0U;
+  }
+  EXPECT_EQ(finds, script.countOf("C_FindObjects"));
+  leavesOpen({kCardSession});
+}
+
+// ---- What goes wrong ----
+
+TEST_F(Insert, NamesTheCallThatFailed) {
+  struct Row {
+    const char* function;
+    std::size_t call;  ///< of that function, from 0; those before are not the token's
+    CK_RV code;
+    const char* why;
+  };
+  const Row kRows[] = {
+      // The token cannot be described.
+      {"C_GetTokenInfo", 1, CKR_DEVICE_ERROR, "C_GetTokenInfo answered CKR_DEVICE_ERROR (0x30)"},
+      {"C_GetSlotList", 2, CKR_DEVICE_MEMORY, "C_GetSlotList answered CKR_DEVICE_MEMORY (0x31)"},
+      // The card session cannot be opened.
+      {"C_OpenSession", 2, CKR_SESSION_COUNT, "C_OpenSession answered CKR_SESSION_COUNT (0xB1)"},
+      {"C_GetSessionInfo", 0, CKR_DEVICE_ERROR, "C_GetSessionInfo answered CKR_DEVICE_ERROR (0x30)"},
+      // The objects cannot be found or read.
+      {"C_FindObjectsInit", 0, CKR_DEVICE_ERROR, "C_FindObjectsInit answered CKR_DEVICE_ERROR (0x30)"},
+      {"C_FindObjectsInit", 1, CKR_DEVICE_ERROR, "C_FindObjectsInit answered CKR_DEVICE_ERROR (0x30)"},
+      {"C_FindObjects", 1, CKR_DEVICE_REMOVED, "C_FindObjects answered CKR_DEVICE_REMOVED (0x32)"},
+      {"C_GetAttributeValue", 0, CKR_DEVICE_ERROR, "C_GetAttributeValue answered CKR_DEVICE_ERROR (0x30)"},
+      // Reading a value again.
+      {"C_GetAttributeValue", 2, CKR_DEVICE_ERROR, "C_GetAttributeValue answered CKR_DEVICE_ERROR (0x30)"},
+  };
+  for (const Row& row : kRows) {
+    SCOPED_TRACE(std::string{row.function} + " " + std::to_string(row.call));
+    script.reset();
+    setCertificate({});
+    script.failCallOf(row.function, row.call, row.code);
+    EXPECT_EQ(whyNotListed(), row.why);
+    EXPECT_TRUE(script.fired());
+  }
+  leavesOpen(script.openSessions());
+}
+
+TEST_F(Insert, NamesTheFirstTroubleWhenNoSessionCanBeOpened) {
+  script.failCallOf("C_OpenSession", 0, CKR_SESSION_COUNT, Times::kFromThenOn);
+  EXPECT_EQ(whyNotListed(), "C_OpenSession answered CKR_SESSION_COUNT (0xB1)");
+}
+
+TEST_F(Insert, TellsOfTokenInformationWithoutText) {
+  script.card().info.label[0] = 0;
+  script.card().info.serialNumber[0] = 0;
+  EXPECT_EQ(whyNotListed(), "its token information has no text");
+}
+
+TEST_F(Insert, TellsOfMoreReadersThanTheSystemTakes) {
+  for (int i = 0; i < 10; ++i) script.addSlot("Reader " + std::to_string(i), emptyCard("C", "1"));
+  EXPECT_EQ(whyNotListed(), "C_GetSlotList answered CKR_BUFFER_TOO_SMALL (0x150)");
+}
+
+TEST_F(Insert, SaysHowManyReadersTheSystemTakes) {
+  for (int i = 0; i < 10; ++i) script.addSlot("Reader " + std::to_string(i), emptyCard("C", "1"));
+  EXPECT_THAT(failureOf(host.insert(Text{})).whatToDo, HasSubstr("10 readers"));
+}
+
+TEST_F(Insert, TakesACardInEachOfTenReaders) {
+  for (int i = 0; i < 9; ++i) script.addSlot("Reader " + std::to_string(i), emptyCard("C", "1"));
+  EXPECT_EQ(inserted().items.size(), 2U);
+  leavesOpen({kCardSession});
+}
+
+TEST_F(Insert, NamesTheObjectThatIsInTheWay) {
+  Object& object = script.object(kCertificate);
+  object = object.with(CKA_VALUE, patternValue(2001, 1));
+  const std::string why = whyNotListed();
+  EXPECT_THAT(why, HasSubstr("certificate \"MyKey\" with ID \"01\""));
+  EXPECT_THAT(why, HasSubstr("2001 bytes"));
+  leavesOpen({kCardSession});
+}
+
+TEST_F(Insert, TellsOfACardThatIsGoneInTheMeantime) {
+  script.failCallOf("C_GetTokenInfo", 1, CKR_TOKEN_NOT_PRESENT, Times::kFromThenOn);
+  EXPECT_EQ(whyNotListed(), "C_GetTokenInfo answered CKR_TOKEN_NOT_PRESENT (0xE0)");
+}
+
+TEST_F(Insert, ExplainsEveryFailure) {
+  forEachFailingCall(script, CKR_DEVICE_ERROR, [&](FailPoint& point) {
+    setCertificate({});
+    point.arm();
+    const auto outcome = host.insert(Text{});
+    if (const auto* failure = std::get_if<Failure>(&outcome)) {
+      EXPECT_TRUE(point.fired());
+      expectPresentable(*failure);
+      EXPECT_NE(failure->kind, FailureKind::kInternal);
+    }
+  });
+  EXPECT_EQ(script.openSessions().size(), 1U);
+  leavesOpen(script.openSessions());
+}
+
+}  // namespace
+}  // namespace mirel::test

@@ -1,0 +1,150 @@
+#include <filesystem>
+#include <optional>
+
+#include "host/Home.h"
+#include "host/HostTest.h"
+
+namespace mirel::test {
+namespace {
+
+using ::testing::AllOf;
+using ::testing::ContainsRegex;
+using ::testing::EndsWith;
+using ::testing::HasSubstr;
+
+class ModuleTrouble : public HostTest {
+ protected:
+  /// What becomes of a user whose home has that file as its module; empty: none.
+  [[nodiscard]] Failure troubleWith(const std::filesystem::path& module) {
+    otherHome.emplace(module);
+    PlatformServices mine = services();
+    mine.user = std::make_shared<FakeUserDirectory>("alice", otherHome->home());
+    Host other{mine};
+    Failure failure = failureOf(other.readers());
+    EXPECT_EQ(failure.kind, FailureKind::kModuleNotLoadable);
+    EXPECT_THAT(failure.what, HasSubstr(otherHome->modulePath()));
+    return failure;
+  }
+
+  std::optional<ModuleHome> otherHome;
+};
+
+TEST_F(ModuleTrouble, AMissingModuleIsExplainedByTheLoader) {
+  const Failure failure = troubleWith({});
+  EXPECT_THAT(failure.why, AllOf(HasSubstr(otherHome->modulePath()), EndsWith("No such file or directory")));
+}
+
+TEST_F(ModuleTrouble, TheLoadersWordsAreKept) {
+  PlatformServices mine = services();
+  mine.loader = std::make_shared<RecordingLoader>();
+  Host withoutLoader{mine};
+  const Failure failure = failureOf(withoutLoader.readers());
+  EXPECT_EQ(failure.kind, FailureKind::kModuleNotLoadable);
+  EXPECT_EQ(failure.why, "no loader");
+}
+
+TEST_F(ModuleTrouble, AFileThatIsNoLibraryIsExplainedByTheLoader) {
+  const Failure failure = troubleWith(kNotALibrary);
+  EXPECT_THAT(failure.why, AllOf(HasSubstr(otherHome->modulePath()), ContainsRegex("invalid ELF|too short")));
+}
+
+TEST_F(ModuleTrouble, AMissingEntryPointIsExplainedByTheLoader) {
+  EXPECT_THAT(troubleWith(kModuleWithoutEntry).why, EndsWith("undefined symbol: C_GetFunctionList"));
+}
+
+TEST_F(ModuleTrouble, AFailingEntryPointIsNamedWithItsResult) {
+  for (const char* module : {kModuleEntryFails, kModuleEntryFailsWild}) {
+    SCOPED_TRACE(module);
+    EXPECT_EQ(troubleWith(module).why, "C_GetFunctionList answered CKR_GENERAL_ERROR (0x5)");
+  }
+}
+
+TEST_F(ModuleTrouble, AnEntryPointThatGivesNothingIsExplained) {
+  for (const char* module : {kModuleNullList, kModuleSilentEntry}) {
+    SCOPED_TRACE(module);
+    EXPECT_EQ(troubleWith(module).why, "it gives no function list");
+  }
+}
+
+TEST_F(ModuleTrouble, AUserWithoutAHomeIsExplained) {
+  PlatformServices mine = services();
+  mine.user = std::make_shared<FakeUserDirectory>("", "");
+  Host homeless{mine};
+  const Failure failure = failureOf(homeless.readers());
+  EXPECT_EQ(failure.kind, FailureKind::kModuleNotLoadable);
+  EXPECT_THAT(failure.what, HasSubstr("home folder"));
+}
+
+TEST_F(ModuleTrouble, AHomeWithALineEndIsToldInOneLine) {
+  PlatformServices mine = services();
+  mine.user = userWithHome(user, "/no/such\nhome");
+  Host odd{mine};
+  EXPECT_EQ(failureOf(odd.readers()).kind, FailureKind::kModuleNotLoadable);
+}
+
+TEST_F(ModuleTrouble, AModuleThatDoesNotStartIsNamedWithItsResult) {
+  script.failCallOf("C_Initialize", 0, CKR_DEVICE_ERROR);
+  const Failure failure = failureOf(host.readers());
+  EXPECT_EQ(failure.kind, FailureKind::kModuleRefuses);
+  EXPECT_THAT(failure.what, HasSubstr(home.modulePath()));
+  EXPECT_EQ(failure.why, "C_Initialize answered CKR_DEVICE_ERROR (0x30)");
+}
+
+TEST_F(ModuleTrouble, AModuleThatRunsAlreadyIsNone) {
+  script.setInitialised(true);
+  EXPECT_EQ(readers().size(), 1U);
+}
+
+TEST_F(ModuleTrouble, AModuleThatDoesNotListItsSlotsIsNamedWithItsResult) {
+  for (const std::size_t call : {0U, 1U}) {
+    SCOPED_TRACE(call);
+    script.reset();
+    script.failCallOf("C_GetSlotList", call, CKR_GENERAL_ERROR);
+    const Failure failure = failureOf(host.readers());
+    EXPECT_EQ(failure.kind, FailureKind::kModuleRefuses);
+    EXPECT_EQ(failure.why, "C_GetSlotList answered CKR_GENERAL_ERROR (0x5)");
+  }
+}
+
+TEST_F(ModuleTrouble, AMissingFunctionIsNamedWithAResult) {
+  script.removeEntry("C_GetSlotList");
+  const Failure failure = failureOf(host.readers());
+  EXPECT_EQ(failure.kind, FailureKind::kModuleRefuses);
+  EXPECT_EQ(failure.why, "C_GetSlotList answered CKR_FUNCTION_NOT_SUPPORTED (0x54)");
+}
+
+TEST_F(ModuleTrouble, IsForgottenAtTheNextTry) {
+  ModuleHome lateHome{{}};
+  PlatformServices mine = services();
+  mine.user = std::make_shared<FakeUserDirectory>("alice", lateHome.home());
+  Host late{mine};
+  EXPECT_EQ(failureOf(late.readers()).kind, FailureKind::kModuleNotLoadable);
+  EXPECT_EQ(failureOf(late.insert(Text{})).kind, FailureKind::kModuleNotLoadable);
+  std::filesystem::create_symlink(kScriptedModule, lateHome.modulePath());
+  EXPECT_TRUE(std::holds_alternative<std::vector<Reader>>(late.readers()));
+}
+
+TEST_F(ModuleTrouble, ReachesWhoeverInserts) {
+  script.failCallOf("C_Initialize", 0, CKR_GENERAL_ERROR);
+  EXPECT_EQ(failureOf(host.insert(Text{})).kind, FailureKind::kModuleRefuses);
+}
+
+TEST_F(ModuleTrouble, ThatComesBetweenListingAndInsertingIsTold) {
+  script.failCallOf("C_Initialize", 1, CKR_DEVICE_MEMORY);
+  const Failure failure = failureOf(host.insert(Text{}));
+  EXPECT_EQ(failure.kind, FailureKind::kModuleRefuses);
+  EXPECT_EQ(failure.why, "C_Initialize answered CKR_DEVICE_MEMORY (0x31)");
+}
+
+TEST_F(ModuleTrouble, AFunctionListThatIsGoneWhenTheCardIsInsertedIsTold) {
+  int calls = 0;
+  script.hook<&CK_FUNCTION_LIST::C_GetFunctionList>([&](auto real, auto** list) {
+    if (++calls == 1) return real(list);
+    *list = nullptr;
+    return CKR_OK;
+  });
+  EXPECT_EQ(failureOf(host.insert(Text{})).kind, FailureKind::kModuleRefuses);
+}
+
+}  // namespace
+}  // namespace mirel::test
