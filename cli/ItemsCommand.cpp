@@ -1,0 +1,138 @@
+#include <nlohmann/json.hpp>
+
+#include "Commands.h"
+#include "Output.h"
+#include "host/Host.h"
+
+namespace mirel::cli {
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+const char* keyTypeName(CertificateKeyType type) noexcept {
+  switch (type) {
+    case CertificateKeyType::kRSA: return "RSA";
+    case CertificateKeyType::kECPrimeRandom: return "EC";
+    case CertificateKeyType::kOther: break;
+  }
+  return "other";
+}
+
+const char* operationName(std::int64_t operation) noexcept {
+  switch (operation) {
+    case 2: return "sign";
+    case 3: return "decrypt";
+    case 4: return "key exchange";
+    default: return "use";
+  }
+}
+
+Json jsonOf(const Text& text) { return text.isNull() ? Json{} : Json(text.toUtf8()); }
+
+Json jsonOf(const PublishedCertificate& item) {
+  return Json{{"class", "certificate"},
+              {"objectID", jsonOf(item.objectID)},
+              {"label", jsonOf(item.label)},
+              {"subject", jsonOf(item.subject)},
+              {"notAfter", jsonOf(item.notAfter)},
+              {"keyUsage", item.keyUsage},
+              {"size", item.size}};
+}
+
+Json jsonOf(const PublishedKey& item) {
+  Json constraints = Json::object();
+  for (const auto& [operation, constraint] : item.constraints) {
+    constraints[std::to_string(operation)] = jsonOf(constraint);
+  }
+  return Json{{"class", "key"},
+              {"objectID", jsonOf(item.objectID)},
+              {"label", jsonOf(item.label)},
+              {"certificateID", jsonOf(item.certificateID)},
+              {"keyType", keyTypeName(item.keyType)},
+              {"keySizeInBits", item.keySizeInBits},
+              {"canSign", item.canSign},
+              {"canDecrypt", item.canDecrypt},
+              {"canPerformKeyExchange", item.canPerformKeyExchange},
+              {"suitableForLogin", item.suitableForLogin},
+              {"alwaysAuthenticate", item.alwaysAuthenticate},
+              {"constraints", constraints}};
+}
+
+std::string jsonText(const InsertedCard& card) {
+  Json items = Json::array();
+  for (const PublishedItem& item : card.items) {
+    items.push_back(std::visit([](const auto& published) { return jsonOf(published); }, item));
+  }
+  const Json json{{"reader", jsonOf(card.reader.name)},
+                  {"instanceID", jsonOf(card.instanceID)},
+                  {"instanceIDHex", hexOf(card.instanceID)},
+                  {"items", items}};
+  return json.dump(2) + "\n";
+}
+
+std::vector<std::string> rowOf(const PublishedCertificate& item) {
+  const std::string usage = item.keyUsage.empty() ? "no key usage" : joinedWith(" ", item.keyUsage);
+  const std::string validity = item.notAfter.isNull() ? "" : ", until " + displayed(item.notAfter);
+  return {
+      "certificate", displayed(item.objectID), displayed(item.label),
+      displayedName(item.subject) + validity + ", " + usage + ", " + std::to_string(item.size) + " bytes"};
+}
+
+std::vector<std::string> rowOf(const PublishedKey& item) {
+  std::vector<std::string> abilities;
+  if (item.canSign) abilities.emplace_back("signs");
+  if (item.canDecrypt) abilities.emplace_back("decrypts");
+  if (item.canPerformKeyExchange) abilities.emplace_back("exchanges keys");
+  if (item.suitableForLogin) abilities.emplace_back("for login");
+  if (abilities.empty()) abilities.emplace_back("no use allowed");
+  for (const auto& [operation, constraint] : item.constraints) {
+    abilities.push_back(displayed(constraint) + " to " + operationName(operation));
+  }
+  return {"key", displayed(item.objectID), displayed(item.label),
+          std::string{keyTypeName(item.keyType)} + " " + std::to_string(item.keySizeInBits) + ", " +
+              joinedWith(", ", abilities)};
+}
+
+std::string tableText(const InsertedCard& card) {
+  std::string text = "Reader       " + displayed(card.reader.name) + "\n";
+  text += "Card         " + displayed(card.reader.tokenLabel) + ", serial number " +
+          displayed(card.reader.serialNumber) + "\n";
+  text += "Instance ID  \"" + displayed(card.instanceID) + "\"\n\n";
+
+  if (card.items.empty()) return text + "The card publishes nothing.\n";
+  std::vector<std::vector<std::string>> rows{{"ITEM", "OBJECT ID", "LABEL", "WHAT IT IS"}};
+  for (const PublishedItem& item : card.items) {
+    rows.push_back(std::visit([](const auto& published) { return rowOf(published); }, item));
+  }
+  return text + table(rows, outputIsColoured());
+}
+
+/// Empty when everything on the card is published.
+std::string unpublishedText(const std::vector<UnpublishedObject>& objects) {
+  if (objects.empty()) return {};
+  std::vector<std::vector<std::string>> rows{{"NOT PUBLISHED", "LABEL", "ID", "WHY"}};
+  for (const UnpublishedObject& object : objects) {
+    rows.push_back({object.kind, displayed(object.label), displayed(object.id), object.reason});
+  }
+  return table(rows, outputIsColoured());
+}
+
+}  // namespace
+
+ExitCode runItems(Host& host, const Options& options) {
+  const Text wanted = options.reader ? Text::fromUtf8(*options.reader) : Text{};
+  const auto inserted = host.insert(wanted);
+  if (const auto* failure = std::get_if<Failure>(&inserted)) {
+    writeMessage(failureLine(*failure));
+    return exitCodeOf(failure->kind);
+  }
+  const auto& card = std::get<InsertedCard>(inserted);
+  if (options.json) return writeOutput(jsonText(card)) ? ExitCode::kSuccess : ExitCode::kInternal;
+
+  std::string text = tableText(card);
+  const std::string unpublished = unpublishedText(host.unpublishedObjects(card.reader));
+  if (!unpublished.empty()) text.append("\n").append(unpublished);
+  return writeOutput(text) ? ExitCode::kSuccess : ExitCode::kInternal;
+}
+
+}  // namespace mirel::cli

@@ -1,0 +1,36 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "host/Display.h"
+#include "host/Failure.h"
+#include "platform/Text.h"
+
+namespace mirel::cli {
+
+using mirel::displayed;
+using mirel::displayedName;
+
+/// The text's characters as hexadecimal bytes, for texts of the card (U+0000 to U+00FF each).
+[[nodiscard]] std::string hexOf(const Text& text);
+
+[[nodiscard]] std::string joinedWith(std::string_view separator, const std::vector<std::string>& parts);
+
+/// True when standard output may be coloured: it is a terminal, and NO_COLOR is unset or empty.
+[[nodiscard]] bool outputIsColoured();
+
+/// Rows of cells as lines with aligned columns. The first row is the heading, bold if `coloured`.
+[[nodiscard]] std::string table(const std::vector<std::vector<std::string>>& rows, bool coloured);
+
+/// Writes to standard output. False, and a message, when it could not be written.
+[[nodiscard]] bool writeOutput(std::string_view text);
+
+/// Writes a message as one line to standard error.
+void writeMessage(std::string_view text);
+
+/// The one line that tells the user of a failure.
+[[nodiscard]] std::string failureLine(const Failure& failure);
+
+}  // namespace mirel::cli

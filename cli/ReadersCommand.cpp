@@ -1,0 +1,63 @@
+#include <nlohmann/json.hpp>
+
+#include "Commands.h"
+#include "Output.h"
+#include "host/Host.h"
+
+namespace mirel::cli {
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+Json jsonOf(const Reader& reader) {
+  Json json;
+  json["reader"] = reader.name.toUtf8();
+  json["slotID"] = reader.slotID;
+  json["slotFlags"] = reader.slotFlags;
+  json["tokenLabel"] = reader.tokenLabel.toUtf8();
+  json["serialNumber"] = reader.serialNumber.toUtf8();
+  json["manufacturer"] = reader.manufacturer.toUtf8();
+  json["model"] = reader.model.toUtf8();
+  json["tokenFlags"] = reader.tokenFlags;
+  json["initialised"] = reader.tokenInitialised;
+  if (!reader.problem.empty()) json["problem"] = reader.problem;
+  return json;
+}
+
+std::string jsonText(const std::vector<Reader>& readers) {
+  Json list = Json::array();
+  for (const Reader& reader : readers) list.push_back(jsonOf(reader));
+  return Json{{"readers", list}}.dump(2) + "\n";
+}
+
+std::string tableText(const std::vector<Reader>& readers) {
+  std::vector<std::vector<std::string>> rows{{"READER", "TOKEN LABEL", "SERIAL NUMBER", "FLAGS"}};
+  for (const Reader& reader : readers) {
+    std::string flags =
+        reader.problem.empty() ? joinedWith(" ", reader.tokenFlags) : "unreadable: " + reader.problem;
+    if (reader.distinctName.isNull())
+      flags.append(" (cannot be chosen: an earlier reader has the same name)");
+    rows.push_back(
+        {displayed(reader.name), displayed(reader.tokenLabel), displayed(reader.serialNumber), flags});
+  }
+  return table(rows, outputIsColoured());
+}
+
+}  // namespace
+
+ExitCode runReaders(Host& host, const Options& options) {
+  const Text wanted = options.reader ? Text::fromUtf8(*options.reader) : Text{};
+  auto found = host.readers(wanted);
+  if (const auto* failure = std::get_if<Failure>(&found)) {
+    writeMessage(failureLine(*failure));
+    return exitCodeOf(failure->kind);
+  }
+  const auto& readers = std::get<std::vector<Reader>>(found);
+  if (readers.empty()) writeMessage("No reader holds a card.");
+  const bool nothingToShow = readers.empty() && !options.json;
+  if (!nothingToShow && !writeOutput(options.json ? jsonText(readers) : tableText(readers)))
+    return ExitCode::kInternal;
+  return ExitCode::kSuccess;
+}
+
+}  // namespace mirel::cli

@@ -1,0 +1,61 @@
+/// Preloaded, it answers for the password database: there is one user, whose home is the environment's
+/// MIREL_TEST_HOME. So tests can look at the whole home of the user without owning one, and put things
+/// into it.
+
+#include <pwd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+
+namespace {
+
+constexpr const char* kUserName = "cardholder";
+
+char* copied(std::string_view text, char*& buffer, std::size_t& room) {
+  if (text.size() >= room) return nullptr;
+  char* copy = buffer;
+  std::memcpy(copy, text.data(), text.size());
+  copy[text.size()] = '\0';
+  buffer += text.size() + 1;
+  room -= text.size() + 1;
+  return copy;
+}
+
+int answer(passwd* entry, char* buffer, std::size_t room, passwd** found) {
+  *found = nullptr;
+  const char* home = std::getenv("MIREL_TEST_HOME");
+  if (!home) return ENOENT;
+  entry->pw_name = copied(kUserName, buffer, room);
+  entry->pw_passwd = copied("*", buffer, room);
+  entry->pw_uid = geteuid();
+  entry->pw_gid = getegid();
+  entry->pw_gecos = copied("", buffer, room);
+  entry->pw_dir = copied(home, buffer, room);
+  entry->pw_shell = copied("/bin/sh", buffer, room);
+  const bool fitted =
+      entry->pw_name && entry->pw_passwd && entry->pw_gecos && entry->pw_dir && entry->pw_shell;
+  if (!fitted) return ERANGE;
+  *found = entry;
+  return 0;
+}
+
+}  // namespace
+
+extern "C" {
+
+__attribute__((visibility("default"))) int getpwuid_r(uid_t user, passwd* entry, char* buffer,
+                                                      std::size_t room, passwd** found) {
+  *found = nullptr;
+  return user == geteuid() ? answer(entry, buffer, room, found) : 0;
+}
+
+__attribute__((visibility("default"))) int getpwnam_r(const char* name, passwd* entry, char* buffer,
+                                                      std::size_t room, passwd** found) {
+  *found = nullptr;
+  return std::string_view{name} == kUserName ? answer(entry, buffer, room, found) : 0;
+}
+
+}  // extern "C"
