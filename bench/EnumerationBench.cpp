@@ -1,0 +1,130 @@
+// enumeration_bench MODULE RUNS [--calls]
+//
+// Lists the keys and certificates of the first initialised card of a PKCS #11 module RUNS times in one
+// process (after a first time that is not counted) and prints one table row: how many there are, the
+// Cryptoki calls of one listing, its median time, and the share of it that is spent outside the module.
+// The clock is read around every call, and that counts as outside. With --calls also each function's
+// number of calls.
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "bridge/P11Bridge.h"
+#include "framework/MirelCTKFramework.h"
+#include "host/Home.h"
+#include "platform/CryptokiObserver.h"
+#include "platform/Log.h"
+
+namespace {
+
+using namespace mirel;
+using Clock = std::chrono::steady_clock;
+using Microseconds = std::chrono::duration<double, std::micro>;
+
+class QuietLog final : public Log {
+ public:
+  void systemDefault(std::string_view) noexcept override {}
+  void systemError(std::string_view) noexcept override {}
+  void process(std::string_view) noexcept override {}
+};
+
+class CallClock final : public CryptokiObserver {
+ public:
+  void callStarts(const char*) noexcept override { start_ = Clock::now(); }
+  void callReturned(const char* function, std::uint64_t) noexcept override {
+    inModule_ += Clock::now() - start_;
+    ++numCalls_;
+    if (counting_) ++calls_[function];
+  }
+  void operationReturned(const char*, std::uint64_t) noexcept override {}
+
+  void reset(bool counting) {
+    inModule_ = {};
+    numCalls_ = 0;
+    counting_ = counting;
+  }
+  [[nodiscard]] Microseconds inModule() const { return inModule_; }
+  [[nodiscard]] long numCalls() const { return numCalls_; }
+  [[nodiscard]] const std::map<std::string, long>& calls() const { return calls_; }
+
+ private:
+  Clock::time_point start_;
+  Clock::duration inModule_{};
+  long numCalls_ = 0;
+  bool counting_ = false;
+  std::map<std::string, long> calls_;
+};
+
+[[noreturn]] void fail(const char* message) {
+  (void)std::fprintf(stderr, "enumeration_bench: %s\n", message);
+  std::exit(2);
+}
+
+double median(std::vector<double> values) {
+  std::sort(values.begin(), values.end());
+  return values[values.size() / 2];
+}
+
+/// The description of the first slot whose token is initialised.
+Text firstCard(MirelCTKFramework& framework) {
+  const auto bridge = framework.p11Bridge();
+  std::vector<CK_SLOT_ID> slots(10);
+  CK_ULONG numSlots = 0;
+  if (bridge->pkcs11_C_GetSlotList(CK_TRUE, slots.data(), &numSlots) != CKR_OK) fail("there is no card");
+  slots.resize(std::min<std::size_t>(numSlots, slots.size()));
+  for (const CK_SLOT_ID slot : slots) {
+    std::shared_ptr<PKCS11_SERVICE_INFO> record;
+    if (bridge->pkcs11_GetTokenInfo(slot, &record) != CKR_OK) continue;
+    if ((record->tokenInfo().flags & CKF_TOKEN_INITIALIZED) == 0) continue;
+    const CK_SLOT_INFO info = record->slotInfo();
+    return Text::fromBytes(info.slotDescription);
+  }
+  fail("there is no initialised card");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc < 3) fail("usage: enumeration_bench MODULE RUNS [--calls]");
+  const int runs = std::atoi(argv[2]);  // NOLINT(cert-err34-c): 0 is refused
+  if (runs < 1) fail("RUNS must be 1 or more");
+  const bool showCalls = argc > 3 && std::string{argv[3]} == "--calls";
+  auto created = PrivateHome::create(argv[1]);
+  if (std::holds_alternative<Failure>(created)) fail("there is no such module");
+  const auto& home = *std::get<std::unique_ptr<PrivateHome>>(created);
+
+  const auto clock = std::make_shared<CallClock>();
+  PlatformServices services = systemServices();
+  services.log = std::make_shared<QuietLog>();
+  services.user = userWithHome(services.user, home.path());
+  services.observer = clock;
+  MirelCTKFramework framework{services};
+  if (!framework.OpenFrameworkService()) fail("the module cannot be opened");
+  const Text card = firstCard(framework);
+  if (!framework.EnumCards(card) || !framework.OpenCardSession(card, nullptr))
+    fail("the card cannot be opened");
+
+  std::vector<double> total;
+  std::vector<double> outside;
+  for (int run = 0; run <= runs; ++run) {
+    clock->reset(showCalls && run == 1);
+    const auto start = Clock::now();
+    if (!framework.EnumCardKeys(card)) fail("the card cannot be listed");
+    const Microseconds elapsed = Clock::now() - start;
+    if (run == 0) continue;
+    total.push_back(elapsed.count());
+    outside.push_back((elapsed - clock->inModule()).count() / elapsed.count());
+  }
+  const auto record = framework.p11ServiceInfo();
+  const int keys = record->m_keyIndex();
+  std::printf("| %d | %d | %ld | %.0f | %.1f | %.1f %% |\n", keys, record->m_certIndex(), clock->numCalls(),
+              median(total), keys > 0 ? median(total) / keys : 0.0, 100 * median(outside));
+  for (const auto& [function, count] : clock->calls())
+    std::printf("    %-22s %ld\n", function.c_str(), count);
+  return 0;
+}
