@@ -67,7 +67,7 @@ std::string jsonText(const InsertedCard& card) {
                   {"instanceID", jsonOf(card.instanceID)},
                   {"instanceIDHex", hexOf(card.instanceID)},
                   {"items", items}};
-  return json.dump(2) + "\n";
+  return jsonLines(json);
 }
 
 std::vector<std::string> rowOf(const PublishedCertificate& item) {

@@ -34,9 +34,9 @@ std::string hexOf(const Text& text) {
 
 std::string joinedWith(std::string_view separator, const std::vector<std::string>& parts) {
   std::string all;
-  for (const std::string& part : parts) {
-    if (!all.empty()) all += separator;
-    all += part;
+  for (std::size_t i = 0; i < parts.size(); ++i) {
+    if (i > 0) all += separator;
+    all += parts[i];
   }
   return all;
 }

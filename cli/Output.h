@@ -24,6 +24,13 @@ using mirel::displayedName;
 /// Rows of cells as lines with aligned columns. The first row is the heading, bold if `coloured`.
 [[nodiscard]] std::string table(const std::vector<std::vector<std::string>>& rows, bool coloured);
 
+/// A JSON value as lines for standard output. Whatever is not ASCII is escaped, so nothing of a card can
+/// control a terminal.
+template <typename Json>
+[[nodiscard]] std::string jsonLines(const Json& json) {
+  return json.dump(2, ' ', true) + "\n";
+}
+
 /// Writes to standard output. False, and a message, when it could not be written.
 [[nodiscard]] bool writeOutput(std::string_view text);
 

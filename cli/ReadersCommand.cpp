@@ -27,7 +27,7 @@ Json jsonOf(const Reader& reader) {
 std::string jsonText(const std::vector<Reader>& readers) {
   Json list = Json::array();
   for (const Reader& reader : readers) list.push_back(jsonOf(reader));
-  return Json{{"readers", list}}.dump(2) + "\n";
+  return jsonLines(Json{{"readers", list}});
 }
 
 std::string tableText(const std::vector<Reader>& readers) {

@@ -1,4 +1,8 @@
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
+#include <cerrno>
 #include <csignal>
 #include <filesystem>
 
@@ -17,6 +21,14 @@ namespace {
 ExitCode fail(const Failure& failure) {
   writeMessage(failureLine(failure));
   return exitCodeOf(failure.kind);
+}
+
+/// Fills the places of standard streams that are closed, so that no file which the module opens takes one
+/// and gets our output written into it. Writing to them goes on failing.
+void occupyStandardStreams() {
+  for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream) {
+    if (fcntl(stream, F_GETFD) == -1 && errno == EBADF) (void)open("/dev/null", O_RDONLY | O_CLOEXEC);
+  }
 }
 
 ExitCode wrongUsage(const std::string& why) {
@@ -42,6 +54,7 @@ ExitCode run(const Options& options) {
   const auto created = PrivateHome::create(*options.modulePath);
   if (const auto* failure = std::get_if<Failure>(&created)) return fail(*failure);
   const PrivateHome& privateHome = *std::get<std::unique_ptr<PrivateHome>>(created);
+  privateHome.removeOnSignals();
   services.user = userWithHome(services.user, privateHome.path());
   return runCommand(std::move(services), options);
 }
@@ -51,6 +64,7 @@ ExitCode print(const std::string& text) {
 }
 
 ExitCode parseAndRun(int argc, char** argv) {
+  occupyStandardStreams();
   CLI::App app;
   Options options;
   declareOptions(app, options);

@@ -51,7 +51,8 @@ void FailureDiary::callReturned(const char* function, std::uint64_t result) noex
 }
 
 void FailureDiary::operationReturned(const char* operation, std::uint64_t result) noexcept {
-  if (result == CKR_OK) {
+  // A module that another host of it has initialised is as good as one that we have.
+  if (result == CKR_OK || result == CKR_CRYPTOKI_ALREADY_INITIALIZED) {
     operation_.reset();
     call_.reset();
   } else if (!operation_) {

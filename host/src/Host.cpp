@@ -17,6 +17,7 @@ namespace mirel {
 namespace {
 
 constexpr const char* kSeeLog = "run again with -v to see the log";
+constexpr const char* kNotInitialised = "the card is not initialised: prepare it with its maker's tool first";
 constexpr const char* kTooManyCards = "leave a card in 10 readers at most, the system cannot list more";
 constexpr const char* kSeeReaders = "see the readers with: mireltoken readers";
 
@@ -180,15 +181,16 @@ Outcome<InsertedCard> Host::insert(const Text& readerName) {
       driver->createTokenForSmartCard(driver, cardInReader(reader.distinctName), Bytes{}, &error);
   const std::string reason = diary_->reason();
   if (!token && !error) {
-    return Failure{FailureKind::kModuleRefuses, "the token driver made no token of the card", reason,
-                   kSeeLog};
+    return Failure{FailureKind::kModuleRefuses, "the token driver made no token of the card",
+                   reason.empty() ? "the module gives no function list any more" : reason, kSeeLog};
   }
   if (!token) {
     return enumerationFailure(reader, reason.empty() ? "its token information has no text" : reason,
                               tooManyCards(*bridge_) ? kTooManyCards : kSeeLog);
   }
-  if (!kit->lastToken()->contents().filled()) return listingFailure(reader, reason);
-  return InsertedCard{reader, kit->lastToken()->instanceID(), publishedItems(kit->lastToken()->contents())};
+  const auto registered = kit->lastToken();
+  if (!registered->contents().filled()) return listingFailure(reader, reason);
+  return InsertedCard{reader, registered->instanceID(), publishedItems(registered->contents())};
 }
 
 Failure Host::listingFailure(const Reader& reader, const std::string& reason) {
@@ -199,7 +201,8 @@ Failure Host::listingFailure(const Reader& reader, const std::string& reason) {
     return enumerationFailure(reader, describe(*culprit),
                               "have the card's issuer mend or remove that object");
   }
-  return enumerationFailure(reader, reason.empty() ? "the module gives no reason" : reason, kSeeLog);
+  return enumerationFailure(reader, reason.empty() ? "the module gives no reason" : reason,
+                            reader.tokenInitialised ? kSeeLog : kNotInitialised);
 }
 
 std::vector<UnpublishedObject> Host::unpublishedObjects(const Reader& reader) {

@@ -130,8 +130,9 @@ bool HostSmartCardToken::initWithSmartCard(const std::shared_ptr<TKSmartCard>&, 
 }
 
 std::shared_ptr<TKSmartCardToken> HostTokenKit::allocSmartCardToken() noexcept {
-  lastToken_ = std::make_shared<HostSmartCardToken>();
-  return lastToken_;
+  auto token = std::make_shared<HostSmartCardToken>();
+  lastToken_ = token;
+  return token;
 }
 
 std::shared_ptr<TKTokenSession> HostTokenKit::allocTokenSession() noexcept {

@@ -50,11 +50,12 @@ class HostTokenKit final : public TokenKit {
   [[nodiscard]] std::shared_ptr<TKTokenKeychainCertificate> allocKeychainCertificate() noexcept override;
   [[nodiscard]] std::shared_ptr<TKTokenKeychainKey> allocKeychainKey() noexcept override;
 
-  /// Null before the first.
-  [[nodiscard]] const std::shared_ptr<HostSmartCardToken>& lastToken() const noexcept { return lastToken_; }
+  /// Null before the first, and when nobody keeps it any more.
+  [[nodiscard]] std::shared_ptr<HostSmartCardToken> lastToken() const noexcept { return lastToken_.lock(); }
 
  private:
-  std::shared_ptr<HostSmartCardToken> lastToken_;
+  // Its items hold the services, which hold this kit: to own it would keep all of them for good.
+  std::weak_ptr<HostSmartCardToken> lastToken_;
 };
 
 /// A card in the reader of that name.

@@ -8,6 +8,7 @@
 #include "FailureDiary.h"
 #include "bridge/P11Bridge.h"
 #include "host/CryptokiNames.h"
+#include "platform/Log.h"
 
 namespace mirel {
 namespace {
@@ -23,6 +24,11 @@ Text trimmed(std::span<const CK_UTF8CHAR> field) {
   std::size_t length = field.size();
   while (length > 0 && isPadding(field[length - 1])) --length;
   return Text::fromBytes(field.first(length));
+}
+
+/// The module as the user knows it, fit for a message.
+std::string moduleName(const std::string& path, const std::string& givenModule) {
+  return printableLine(givenModule.empty() ? path : givenModule);
 }
 
 /// The loader's text with the module's path as the user knows it.
@@ -42,10 +48,10 @@ Failure moduleFailure(const FailureDiary& diary, const std::shared_ptr<const std
             "the user database has no entry for this user",
             "name the home folder with --home or the module with --module"};
   }
-  const std::string what =
-      "the PKCS #11 module " + (givenModule.empty() ? *path : givenModule) + " cannot be loaded";
+  const std::string what = "the PKCS #11 module " + moduleName(*path, givenModule) + " cannot be loaded";
   if (!diary.loaderText().empty()) {
-    return {FailureKind::kModuleNotLoadable, what, loaderReason(diary.loaderText(), *path, givenModule),
+    return {FailureKind::kModuleNotLoadable, what,
+            printableLine(loaderReason(diary.loaderText(), *path, givenModule)),
             givenModule.empty()
                 ? "install the card software for this user, or name another module with --module"
                 : "check that the path given with --module is a PKCS #11 module for this system"};
@@ -128,11 +134,10 @@ Outcome<std::vector<Reader>> findReaders(P11Bridge& bridge, FailureDiary& diary,
   if (!bridge.pkcs11_Load(Text{})) return moduleFailure(diary, bridge.p11dylib(), givenModule);
   const CK_RV initialised = bridge.pkcs11_Initial(nullptr);
   if (initialised != CKR_OK && initialised != CKR_CRYPTOKI_ALREADY_INITIALIZED) {
-    return Failure{
-        FailureKind::kModuleRefuses,
-        "the PKCS #11 module " + (givenModule.empty() ? *bridge.p11dylib() : givenModule) + " does not start",
-        "C_Initialize answered " + cryptokiResultText(initialised),
-        "check the module's own configuration and the service it needs"};
+    return Failure{FailureKind::kModuleRefuses,
+                   "the PKCS #11 module " + moduleName(*bridge.p11dylib(), givenModule) + " does not start",
+                   "C_Initialize answered " + cryptokiResultText(initialised),
+                   "check the module's own configuration and the service it needs"};
   }
 
   std::vector<CK_SLOT_ID> slotIDs;

@@ -125,6 +125,7 @@ class FileActions {
 /// The array that C wants, pointing into `texts`.
 std::vector<char*> pointersTo(std::vector<std::string>& texts) {
   std::vector<char*> pointers;
+  pointers.reserve(texts.size() + 1);
   for (std::string& text : texts) pointers.push_back(text.data());
   pointers.push_back(nullptr);
   return pointers;
@@ -134,7 +135,8 @@ pid_t spawn(const Invocation& invocation, const FileActions& actions) {
   std::vector<std::string> words{invocation.program.string()};
   words.insert(words.end(), invocation.arguments.begin(), invocation.arguments.end());
   std::vector<std::string> variables;
-  for (const auto& [name, value] : invocation.environment) variables.push_back(name + "=" + value);
+  for (const auto& [name, value] : invocation.environment)
+    variables.emplace_back(name).append("=").append(value);
 
   pid_t child = -1;
   errno = posix_spawn(&child, words.front().c_str(), actions.get(), nullptr, pointersTo(words).data(),

@@ -10,25 +10,35 @@ namespace {
 
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
-using ::testing::IsEmpty;
 using ::testing::SizeIs;
 
 class Items : public EndToEndTest {};
 
-/// The label and ID of an object for `count` cards with one key and one certificate each.
+/// A public key and a certificate with one ID. `usage`: empty for none.
+std::string pairLines(std::string_view type, std::string_view id, std::string_view usage) {
+  std::string lines;
+  lines.append("public label=Key type=").append(type).append(" id=").append(id);
+  lines.append("\ncertificate label=Certificate type=").append(type).append(" id=").append(id);
+  if (!usage.empty()) lines.append(" usage=").append(usage);
+  return lines.append("\n");
+}
+
+/// The two bytes of a number.
+std::string numberedID(unsigned number) {
+  return {static_cast<char>(number >> 8U), static_cast<char>(number & 0xFFU)};
+}
+
+/// A card with that many keys and a certificate for each.
 std::string numberedPairs(unsigned count) {
   std::string description = "token label=Card\n";
-  for (unsigned i = 1; i <= count; ++i) {
-    const std::string id =
-        " id=0x" + hexOfBytes(std::string{static_cast<char>(i >> 8U), static_cast<char>(i & 0xFFU)});
-    description += "public type=p256 label=Key" + id + "\n";
-    description += "certificate type=p256 label=Certificate usage=keyAgreement" + id + "\n";
-  }
+  for (unsigned i = 1; i <= count; ++i)
+    description += pairLines("p256", std::string{"0x"}.append(hexOfBytes(numberedID(i))), "keyAgreement");
   return description;
 }
 
 std::vector<std::string> labelsOf(const std::vector<Json>& items) {
   std::vector<std::string> labels;
+  labels.reserve(items.size());
   for (const Json& item : items) labels.push_back(item["label"]);
   return labels;
 }
@@ -242,8 +252,8 @@ TEST_F(Items, AreAllThereOnCardsWithManyKeys) {
     const std::vector<std::string> keys = labelsOf(itemsOfClass(items, "key"));
     EXPECT_EQ(certificates, keys);
     std::vector<std::string> expected;
-    for (unsigned i = 1; i <= count; ++i)
-      expected.push_back(characters(std::string{static_cast<char>(i >> 8U), static_cast<char>(i & 0xFFU)}));
+    expected.reserve(count);
+    for (unsigned i = 1; i <= count; ++i) expected.push_back(characters(numberedID(i)));
     EXPECT_THAT(keys, ::testing::UnorderedElementsAreArray(expected));
   }
 }
@@ -274,12 +284,8 @@ TEST_F(Items, GiveAKeyTheFirstAbilityThatItsCertificateAllows) {
       UsageRow{"", "", "", false},
   };
   std::string description = "token label=Card\n";
-  for (std::size_t i = 0; i < kRows.size(); ++i) {
-    const std::string id = std::string{" id="} + std::to_string(i);
-    const std::string usage = *kRows[i].usage != '\0' ? std::string{" usage="} + kRows[i].usage : "";
-    description += "public type=rsa2048 label=Key" + id + "\n";
-    description += "certificate type=rsa2048 label=Certificate" + id + usage + "\n";
-  }
+  for (std::size_t i = 0; i < kRows.size(); ++i)
+    description += pairLines("rsa2048", std::to_string(i), kRows[i].usage);
   makeCards(description);
 
   const Json items = this->items();
@@ -292,7 +298,7 @@ TEST_F(Items, GiveAKeyTheFirstAbilityThatItsCertificateAllows) {
     ASSERT_FALSE(certificate.is_null() || key.is_null());
     std::string usage;
     for (const Json& name : certificate["keyUsage"])
-      usage += (usage.empty() ? "" : ",") + name.get<std::string>();
+      usage.append(usage.empty() ? "" : ",").append(name.get<std::string>());
     EXPECT_EQ(usage, row.usage);
     for (const char* ability : {"canSign", "canDecrypt", "canPerformKeyExchange"}) {
       EXPECT_EQ(key[ability], std::string_view{ability} == row.may) << ability;
@@ -315,10 +321,7 @@ TEST_F(Items, HaveTheTypeAndSizeOfTheirKeys) {
                              Row{"rsa3072", "RSA", 3072}, Row{"p256", "EC", 256},
                              Row{"p384", "EC", 384},      Row{"p521", "EC", 521}};
   std::string description = "token label=Card\n";
-  for (const Row& row : kRows) {
-    const std::string words = std::string{" type="} + row.type + " id=" + row.type + " label=" + row.type;
-    description += "public" + words + "\ncertificate" + words + "\n";
-  }
+  for (const Row& row : kRows) description += pairLines(row.type, row.type, "");
   makeCards(description);
 
   const Json items = this->items();
@@ -355,11 +358,8 @@ constexpr std::array kIdentifiers{
 
 std::string cardWithIdentifiers() {
   std::string description = "token label=Card\n";
-  for (const IdentifierRow& row : kIdentifiers) {
-    const std::string id = std::string{" id=0x"} + row.id;
-    description += "public type=p256 label=Key" + id + "\n";
-    description += "certificate type=p256 label=Certificate usage=keyAgreement" + id + "\n";
-  }
+  for (const IdentifierRow& row : kIdentifiers)
+    description += pairLines("p256", std::string{"0x"}.append(row.id), "keyAgreement");
   return description;
 }
 

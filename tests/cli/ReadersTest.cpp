@@ -19,10 +19,14 @@ class Readers : public EndToEndTest {
  protected:
   /// Three cards, each with one certificate that is labelled like its card.
   void makeThreeCards() const {
-    for (const std::string label : {"Red", "Green", "Blue"}) {
-      makeCards("token label=" + label +
-                "\npublic type=p256 id=01 label=Key\ncertificate type=p256 id=01 label=" + label + "\n");
+    std::string description;
+    for (const char* card : {"Red", "Green", "Blue"}) {
+      description.append("token label=").append(card);
+      description.append("\npublic type=p256 id=01 label=Key\ncertificate type=p256 id=01 label=")
+          .append(card);
+      description.append("\n");
     }
+    makeCards(description);
   }
 
   /// The reader that has no initialised token; SoftHSM2 always has one.
@@ -39,7 +43,7 @@ class Readers : public EndToEndTest {
   [[nodiscard]] std::string distinctBeginning(const std::string& name) const {
     const std::vector<std::string> all = names();
     for (std::size_t length = 1; length < name.size(); ++length) {
-      const std::string beginning = name.substr(0, length);
+      std::string beginning = name.substr(0, length);
       const auto fits = [&](const std::string& other) { return other.starts_with(beginning); };
       if (std::count_if(all.begin(), all.end(), fits) == 1) return beginning;
     }

@@ -76,6 +76,16 @@ void FrameworkTest::expectUsable() {
   leavesOpen({kFirstSession + 1});
 }
 
+void FrameworkTest::failEachCall(CK_RV code, std::size_t numCalls,
+                                 const std::function<void(FailPoint&)>& round) {
+  forEachFailingCall(script, code, numCalls, round, [this] { expectUsable(); });
+}
+
+void FrameworkTest::failEachAllocation(std::size_t numAllocations,
+                                       const std::function<void(FailPoint&)>& round) {
+  forEachFailingAllocation(script, *memory, numAllocations, round, [this] { expectUsable(); });
+}
+
 PKCS11_SERVICE_INFO& FrameworkTest::record() const {
   if (!framework->p11ServiceInfo()) throw std::logic_error{"the framework has no record"};
   return *framework->p11ServiceInfo();

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <ostream>
 #include <span>
@@ -10,6 +11,7 @@
 #include "bridge/PKCS11_ASYMKEY_INFO.h"
 #include "bridge/PKCS11_CERTIFICATEOBJ_INFO.h"
 #include "bridge/PKCS11_SERVICE_INFO.h"
+#include "framework/FailingRounds.h"
 #include "framework/MirelCTKFramework.h"
 #include "support/ModuleTest.h"
 
@@ -63,6 +65,12 @@ class FrameworkTest : public ModuleTest {
   /// Has the module behave again, in the state it has after C_Initialize, and expects this framework to
   /// list the default card's key and certificate.
   void expectUsable();
+
+  /// Runs `round` for each of the `numCalls` calls of an operation, that call failing with `code` (see
+  /// FailingRounds.h), and expects to be usable after each round.
+  void failEachCall(CK_RV code, std::size_t numCalls, const std::function<void(FailPoint&)>& round);
+  /// The same for its requests of memory.
+  void failEachAllocation(std::size_t numAllocations, const std::function<void(FailPoint&)>& round);
 
   /// The framework's record. One must be there.
   [[nodiscard]] PKCS11_SERVICE_INFO& record() const;

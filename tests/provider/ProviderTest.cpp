@@ -53,6 +53,11 @@ void ProviderTest::expectUsable() {
   EXPECT_TRUE(provider->getKeyFromCertID(Text{u"01"}));
 }
 
+void ProviderTest::failEachCall(CK_RV code, std::size_t numCalls,
+                                const std::function<void(FailPoint&)>& round) {
+  forEachFailingCall(script, code, numCalls, round, [this] { expectUsable(); });
+}
+
 MirelCTKFramework& ProviderTest::framework() const {
   if (!provider->pCTKFramework()) throw std::logic_error{"the provider has no framework"};
   return *provider->pCTKFramework();

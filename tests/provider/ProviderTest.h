@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <ostream>
 #include <string>
@@ -8,6 +9,7 @@
 #include "bridge/PKCS11_ASYMKEY_INFO.h"
 #include "bridge/PKCS11_CERTIFICATEOBJ_INFO.h"
 #include "bridge/PKCS11_SERVICE_INFO.h"
+#include "framework/FailingRounds.h"
 #include "framework/MirelCTKFramework.h"
 #include "provider/CryptTKitSProvider.h"
 #include "support/ModuleTest.h"
@@ -55,6 +57,10 @@ class ProviderTest : public ModuleTest {
   /// Has the module behave again, in the state it has after C_Initialize, and expects this provider to
   /// describe the token, open its session and list its key and certificate.
   void expectUsable();
+
+  /// Runs `round` for each of the `numCalls` calls of an operation, that call failing with `code` (see
+  /// FailingRounds.h), and expects to be usable after each round.
+  void failEachCall(CK_RV code, std::size_t numCalls, const std::function<void(FailPoint&)>& round);
 
   [[nodiscard]] MirelCTKFramework& framework() const;
   /// The framework's record. One must be there.

@@ -23,6 +23,10 @@ class PrivateHome {
   PrivateHome& operator=(const PrivateHome&) = delete;
   ~PrivateHome();
 
+  /// Has it removed too when the process is ended by SIGHUP, SIGINT or SIGTERM. For programs, which own
+  /// their signal handlers; one home for each process.
+  void removeOnSignals() const noexcept;
+
   /// An absolute path.
   [[nodiscard]] const std::string& path() const noexcept { return path_; }
 
