@@ -4,9 +4,11 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <optional>
 
 #include "host/HostTest.h"
@@ -106,6 +108,32 @@ TEST_F(PrivateHomeTest, IsRemovedInTheEnd) {
   home.reset();
   EXPECT_FALSE(fs::exists(path));
   EXPECT_TRUE(fs::exists(module_));
+}
+
+TEST_F(PrivateHomeTest, IsRemovedWhenASignalEndsTheProcess) {
+  for (const int signal : {SIGHUP, SIGINT, SIGTERM}) {
+    SCOPED_TRACE(signal);
+    const ScopedEnvironment temporary{"TMPDIR", folder_.path().c_str()};
+    const auto endBySignal = [&] {
+      const auto home = madeFor(module_);
+      home->removeOnSignals();
+      (void)std::raise(signal);
+    };
+    EXPECT_EXIT(endBySignal(), ::testing::KilledBySignal(signal), "");
+    const fs::directory_iterator left{folder_.path()};
+    EXPECT_EQ(std::distance(begin(left), end(left)), 1) << "more is left than the module";
+  }
+}
+
+TEST_F(PrivateHomeTest, LeavesAnIgnoredSignalIgnored) {
+  const auto ignoreAndGoOn = [&] {
+    (void)std::signal(SIGHUP, SIG_IGN);
+    const auto home = madeFor(module_);
+    home->removeOnSignals();
+    (void)std::raise(SIGHUP);
+    std::_Exit(fs::exists(home->path()) ? 7 : 1);
+  };
+  EXPECT_EXIT(ignoreAndGoOn(), ::testing::ExitedWithCode(7), "");
 }
 
 TEST_F(PrivateHomeTest, IsAnotherOneEachTime) {

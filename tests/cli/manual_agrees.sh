@@ -1,0 +1,28 @@
+#!/bin/sh
+# manual_agrees.sh MIRELTOKEN MANUAL README: the help text, the manual page and the README name the same
+# options, commands and exit codes with the same meanings.
+set -eu
+mireltoken=$1 manual=$2 readme=$3
+folder=$(mktemp -d)
+trap 'rm -rf "$folder"' EXIT
+
+"$mireltoken" --help >"$folder/help"
+sed 's/\\-/-/g; s/\\f[A-Z]//g' "$manual" >"$folder/manual"
+
+options() { grep -oE -e '(^|[^a-z-])--[a-z]+' "$1" | grep -oE -e '--[a-z]+' | sort -u; }
+options "$folder/help" >"$folder/help.options"
+options "$folder/manual" >"$folder/manual.options"
+diff "$folder/help.options" "$folder/manual.options"
+
+sed -n '/^Exit codes:/,$p' "$folder/help" | sed -n 's/^  \([0-9]*\)  \(.*\)$/\1 \2/p' >"$folder/help.codes"
+sed -n '/^\.SH EXIT STATUS/,/^\.SH ENVIRONMENT/p' "$folder/manual" | sed -n '/^\.B [0-9]/{s/^\.B //;N;s/\n/ /;p;}' >"$folder/manual.codes"
+sed -n 's/^| \([0-9][0-9]*\) | \(.*\) |$/\1 \2/p' "$readme" >"$folder/readme.codes"
+diff "$folder/help.codes" "$folder/manual.codes"
+diff "$folder/help.codes" "$folder/readme.codes"
+
+sed -n '/^Subcommands:/,/^$/s/^  \([a-z]*\) .*/\1/p' "$folder/help" >"$folder/help.commands"
+sed -n '/^\.SH COMMANDS/,/^\.SH OPTIONS/s/^\.B \([a-z]*\)$/\1/p' "$folder/manual" >"$folder/manual.commands"
+diff "$folder/help.commands" "$folder/manual.commands"
+
+# An empty list would agree with another empty one.
+for list in help.options help.codes help.commands; do [ -s "$folder/$list" ]; done
