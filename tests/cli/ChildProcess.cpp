@@ -145,15 +145,27 @@ pid_t spawn(const Invocation& invocation, const FileActions& actions) {
   return child;
 }
 
-int exitCodeOf(pid_t child) {
+int exitCodeOf(pid_t child, const Invocation& invocation) {
   const auto deadline = std::chrono::steady_clock::now() + kLongestRun;
+  bool signalled = invocation.signal == 0;
   int status = 0;
   for (pid_t ended = 0; ended == 0; std::this_thread::sleep_for(kPause)) {
     ended = waitpid(child, &status, WNOHANG);
     require(ended >= 0, "waitpid");
-    if (ended == 0 && std::chrono::steady_clock::now() > deadline) (void)kill(child, SIGKILL);
+    if (ended != 0) break;
+    if (!signalled && std::filesystem::exists(invocation.signalFile))
+      signalled = kill(child, invocation.signal) == 0;
+    if (std::chrono::steady_clock::now() > deadline) (void)kill(child, SIGKILL);
   }
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+/// The end of a pipe that nobody will read from.
+int openUnreadPipe() {
+  std::array<int, 2> ends{};
+  if (pipe(ends.data()) != 0) return -1;
+  (void)close(ends[0]);
+  return ends[1];
 }
 
 }  // namespace
@@ -163,7 +175,7 @@ Result run(const Invocation& invocation) {
   const ScratchFile out;
   const ScratchFile err;
   std::optional<Terminal> terminal;
-  std::optional<Descriptor> full;
+  std::optional<Descriptor> other;
   in.fill(invocation.input);
 
   FileActions actions;
@@ -173,17 +185,19 @@ Result run(const Invocation& invocation) {
     case Output::kCaptured: actions.duplicate(out.descriptor(), STDOUT_FILENO); break;
     case Output::kTerminal: actions.duplicate(terminal.emplace().theirs(), STDOUT_FILENO); break;
     case Output::kClosed: actions.close(STDOUT_FILENO); break;
-    case Output::kFull:
-      actions.duplicate(full.emplace(open("/dev/full", O_WRONLY | O_CLOEXEC), "/dev/full").get(),
-                        STDOUT_FILENO);
-      break;
+    case Output::kFull: other.emplace(open("/dev/full", O_WRONLY | O_CLOEXEC), "/dev/full"); break;
+    case Output::kUnread: other.emplace(openUnreadPipe(), "pipe"); break;
+  }
+  if (other) {
+    actions.duplicate(other->get(), STDOUT_FILENO);
+    if (invocation.output == Output::kUnread) actions.close(other->get());
   }
   // The child's own ends of the scratch files are of no use to it under their other numbers.
   for (const ScratchFile* file : {&in, &out, &err}) actions.close(file->descriptor());
 
   const pid_t child = spawn(invocation, actions);
   std::string shown = terminal ? terminal->content() : std::string{};
-  const int exitCode = exitCodeOf(child);
+  const int exitCode = exitCodeOf(child, invocation);
   return {exitCode, terminal ? std::move(shown) : out.content(), err.content()};
 }
 

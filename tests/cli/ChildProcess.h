@@ -12,15 +12,18 @@ enum class Output {
   kCaptured,
   kTerminal,  ///< captured too, but a terminal to the child; line ends come as "\r\n"
   kClosed,    ///< the child is started without one
+  kUnread,    ///< a pipe whose reader has gone
   kFull,      ///< a device on which no space is left
 };
 
 struct Invocation {
   std::filesystem::path program;
   std::vector<std::string> arguments;
-  std::map<std::string, std::string> environment;  ///< all of it; nothing is inherited
-  std::string input;
+  std::map<std::string, std::string> environment{};  ///< all of it; nothing is inherited
+  std::string input{};
   Output output = Output::kCaptured;
+  int signal = 0;                      ///< sent to the child, once ...
+  std::filesystem::path signalFile{};  ///< ... there is this file
 };
 
 struct Result {

@@ -20,6 +20,11 @@ constexpr const char* kOneCard =
     "public type=p256 id=01 label=Key\n"
     "certificate type=p256 id=01 label=Certificate usage=keyAgreement\n";
 
+/// One for each way in which something gets to standard output.
+std::vector<std::vector<std::string>> commandsWithOutput() {
+  return {{"items"}, {"items", "--json"}, {"readers"}, {"readers", "--json"}, {"--help"}, {"--version"}};
+}
+
 class CommandLine : public EndToEndTest {
  protected:
   [[nodiscard]] Result runAlone(std::vector<std::string> arguments) const {
@@ -232,12 +237,7 @@ TEST_F(CommandLine, ShowsTheSameOnATerminalButForTheColour) {
 
 TEST_F(CommandLine, FailsWhenItsOutputIsFull) {
   makeCards(kOneCard);
-  for (const std::vector<std::string>& command : {std::vector<std::string>{"items"},
-                                                  {"items", "--json"},
-                                                  {"readers"},
-                                                  {"readers", "--json"},
-                                                  {"--help"},
-                                                  {"--version"}}) {
+  for (const std::vector<std::string>& command : commandsWithOutput()) {
     SCOPED_TRACE(command.back());
     expectFailure(runWithOutput(Output::kFull, command), 1, {"output", "No space left on device"});
   }
@@ -245,14 +245,17 @@ TEST_F(CommandLine, FailsWhenItsOutputIsFull) {
 
 TEST_F(CommandLine, FailsWhenItsOutputIsClosed) {
   makeCards(kOneCard);
-  for (const std::vector<std::string>& command : {std::vector<std::string>{"items"},
-                                                  {"items", "--json"},
-                                                  {"readers"},
-                                                  {"readers", "--json"},
-                                                  {"--help"},
-                                                  {"--version"}}) {
+  for (const std::vector<std::string>& command : commandsWithOutput()) {
     SCOPED_TRACE(command.back());
     expectFailure(runWithOutput(Output::kClosed, command), 1, {"output"});
+  }
+}
+
+TEST_F(CommandLine, FailsWhenNobodyReadsItsOutput) {
+  makeCards(kOneCard);
+  for (const std::vector<std::string>& command : commandsWithOutput()) {
+    SCOPED_TRACE(command.back());
+    expectFailure(runWithOutput(Output::kUnread, command), 1, {"output", "Broken pipe"});
   }
 }
 

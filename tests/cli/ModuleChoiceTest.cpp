@@ -2,6 +2,7 @@
 #include <pwd.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <fstream>
 #include <map>
 
@@ -172,6 +173,33 @@ TEST_F(ModuleChoice, MakesThePrivateHomeInTheFolderForTemporaryFiles) {
   const Result result = mireltoken({"readers", "-v"});
   EXPECT_THAT(result.err, HasSubstr("P11Bridge path = " + temporaryFiles().string() + "/mireltoken-"));
   EXPECT_TRUE(fs::is_empty(temporaryFiles()));
+}
+
+TEST_F(ModuleChoice, MakesThePrivateHomeInAFolderNamedByARelativePath) {
+  makeCards(kOneCard);
+  Invocation call = onSoftHsm({"items", "--json", "-v"});
+  call.environment["TMPDIR"] = fs::relative(temporaryFiles()).string();
+  const Result result = run(call);
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_EQ(result.out, expectedItems());
+  EXPECT_THAT(result.err, HasSubstr("P11Bridge path = /"));
+}
+
+TEST_F(ModuleChoice, RemovesThePrivateHomeWhenItIsInterrupted) {
+  for (const int signal : {SIGHUP, SIGINT, SIGTERM}) {
+    SCOPED_TRACE(signal);
+    const fs::path entered = folder() / ("entered" + std::to_string(signal));
+    Invocation call = invocation({"items", "--module", MIREL_HANGING_MODULE});
+    call.environment["MIREL_ENTERED_FILE"] = entered.string();
+    call.signal = signal;
+    call.signalFile = entered;
+
+    const Result result = run(call);
+
+    EXPECT_TRUE(fs::exists(entered));
+    EXPECT_EQ(result.exitCode, 128 + signal);
+    EXPECT_TRUE(fs::is_empty(temporaryFiles()));
+  }
 }
 
 TEST_F(ModuleChoice, FailsWhereNoTemporaryFolderCanBeMade) {

@@ -167,6 +167,16 @@ TEST_F(IsCardStateChanged, LooksAtTheStoredSessionOnceMoreAtTheEnd) {
   }
 }
 
+TEST_F(IsCardStateChanged, KeepsTheSessionThatTheModuleHandsOutAgain) {
+  script.hook<&List::C_OpenSession>(
+      [](auto, CK_SLOT_ID, CK_FLAGS, CK_VOID_PTR, CK_NOTIFY, CK_SESSION_HANDLE* session) -> CK_RV {
+        *session = kFirstSession;
+        return CKR_OK;
+      });
+  EXPECT_FALSE(framework->IsCardStateChanged("Reader A 00"));
+  EXPECT_EQ(script.countOf("C_CloseSession"), 0U);
+}
+
 TEST_F(IsCardStateChanged, LeavesTheRecordAsItIs) {
   const auto stored = framework->p11ServiceInfo();
   script.card().info.flags |= CKF_USER_PIN_COUNT_LOW;
