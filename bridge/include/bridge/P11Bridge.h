@@ -101,8 +101,8 @@ class P11Bridge final {
 
   /// The first slot with a token whose description begins with `description` (code unit by code unit
   /// against the bytes; never beyond the description's 64); the first readable one when it is null or
-  /// empty. `outSlotID` is all-ones on every failure but the want of a function list. CKR_SLOT_ID_INVALID: none matches.
-  /// CKR_HOST_MEMORY: the module reports an absurd number of slots.
+  /// empty. `outSlotID` is all-ones on every failure but the want of a function list. CKR_SLOT_ID_INVALID:
+  /// none matches. CKR_HOST_MEMORY: the module reports an absurd number of slots.
   [[nodiscard]] CK_RV pkcs11_FindSlot(const Text& description, CK_SLOT_ID* outSlotID) noexcept;
 
   /// Reads slot and token information. A record given in `*ioRecord` gets both, its other members stay;
