@@ -5,9 +5,13 @@
 namespace mirel {
 namespace {
 
-/// The length in bytes of the conversion ("%s", "%d", "%lu", "%@") at the front of `format`.
+/// The length in bytes of the conversion at the front of `format`.
 std::size_t conversionLength(std::string_view format) noexcept {
-  return format.substr(0, 3) == "%lu" ? 3 : 2;
+  constexpr std::string_view kLongConversions[] = {"%lu", "%lX", "%hhd"};
+  for (const std::string_view conversion : kLongConversions) {
+    if (format.starts_with(conversion)) return conversion.size();
+  }
+  return 2;
 }
 
 void appendEscaped(std::string& out, unsigned char byte) {
@@ -65,6 +69,16 @@ std::string printableLine(std::string_view line) {
     }
   }
   return out;
+}
+
+std::string upperHex(std::uint64_t number) {
+  constexpr std::string_view kDigits = "0123456789ABCDEF";
+  std::string digits;
+  do {
+    digits.insert(digits.begin(), kDigits[number & 0xFU]);
+    number >>= 4U;
+  } while (number != 0);
+  return digits;
 }
 
 }  // namespace mirel

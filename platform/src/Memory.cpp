@@ -19,6 +19,11 @@ class HeapMemory final : public Memory {
 
 }  // namespace
 
+void wipe(void* data, std::size_t size) noexcept {
+  volatile auto* byte = static_cast<volatile unsigned char*>(data);
+  for (std::size_t i = 0; i < size; ++i) byte[i] = 0;
+}
+
 std::shared_ptr<Memory> systemMemory() { return std::make_shared<HeapMemory>(); }
 
 }  // namespace mirel

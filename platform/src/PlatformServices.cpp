@@ -3,6 +3,7 @@
 #include "platform/Certificate.h"
 #include "platform/DistributedNotificationCenter.h"
 #include "platform/DynamicLoader.h"
+#include "platform/LocalizedStrings.h"
 #include "platform/Log.h"
 #include "platform/Memory.h"
 #include "platform/UserDirectory.h"
@@ -17,6 +18,7 @@ PlatformServices systemServices() {
   services.notifications = systemDistributedNotificationCenter();
   services.certificates = systemCertificateParser();
   services.memory = systemMemory();
+  services.strings = systemLocalizedStrings();
   return services;
 }
 

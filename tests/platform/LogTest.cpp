@@ -47,6 +47,55 @@ TEST(LogLine, LeavesConversionsInsideArgumentsAlone) {
 
 TEST(LogLine, TakesNeighbouringConversions) { EXPECT_EQ(logLine("%lu%@%d", 1U, Text{u"2"}, 3), "123"); }
 
+TEST(LogLine, TakesTheWholeOfEachConversion) {
+  const struct {
+    const char* description;
+    std::string line;
+    const char* expected;
+  } rows[] = {
+      {"%s", logLine("<%s>", "a"), "<a>"},
+      {"%d", logLine("<%d>", -7), "<-7>"},
+      {"%@", logLine("<%@>", Text{u"a"}), "<a>"},
+      {"%lu", logLine("<%lu>", 7UL), "<7>"},
+      {"%lX", logLine("<%lX>", upperHex(0xBEEF)), "<BEEF>"},
+      {"%hhd", logLine("<%hhd>", 1), "<1>"},
+      // The letters of longer conversions behind shorter ones
+      {"%d before lu", logLine("%dlu", 1), "1lu"},
+      {"%s before hd", logLine("%shd", "a"), "ahd"},
+      {"%lX before X", logLine("%lXX", upperHex(10)), "AX"},
+      {"%hhd before d", logLine("%hhdd", 1), "1d"},
+      {"all in a row", logLine("%lX%hhd%lu%@%s%d", upperHex(255), 0, 2UL, Text{u"3"}, "4", 5), "FF02345"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.description);
+    EXPECT_EQ(row.line, row.expected);
+  }
+}
+
+TEST(LogLine, WritesTruthAsANumber) { EXPECT_EQ(logLine("%hhd %hhd", true, false), "1 0"); }
+
+TEST(UpperHex, WritesCapitalDigitsWithoutLeadingZeros) {
+  const struct {
+    std::uint64_t number;
+    const char* expected;
+  } rows[] = {
+      {0, "0"},
+      {1, "1"},
+      {9, "9"},
+      {10, "A"},
+      {15, "F"},
+      {16, "10"},
+      {0x100, "100"},
+      {0xABCDEF, "ABCDEF"},
+      {0x0123456789, "123456789"},
+      {0xFFFFFFFF, "FFFFFFFF"},
+      {0x100000000, "100000000"},
+      {0x8000000000000000, "8000000000000000"},
+      {std::numeric_limits<std::uint64_t>::max(), "FFFFFFFFFFFFFFFF"},
+  };
+  for (const auto& row : rows) EXPECT_EQ(upperHex(row.number), row.expected);
+}
+
 TEST(PrintableLine, LeavesPrintableCharactersAlone) {
   const std::string_view rows[] = {
       "",

@@ -13,6 +13,7 @@ TEST(SystemServices, SetsEveryServiceOfTheRunningSystem) {
   EXPECT_NE(services.notifications, nullptr);
   EXPECT_NE(services.certificates, nullptr);
   EXPECT_NE(services.memory, nullptr);
+  EXPECT_NE(services.strings, nullptr);
 }
 
 TEST(SystemServices, LeavesTheTokenKitAndTheObserverToTheCaller) {

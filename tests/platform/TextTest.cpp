@@ -212,6 +212,63 @@ TEST(Joined, ShowsNullTexts) { EXPECT_EQ(joined({Text{u"cert_"}, Text{}}), Text{
 
 TEST(Joined, IsEmptyNotNullForNoTexts) { EXPECT_EQ(joined({}), Text{u""}); }
 
+TEST(ContainsIgnoringCase, FindsTheLettersInAnyCaseAndPlace) {
+  const struct {
+    const char* description;
+    std::u16string_view text;
+    std::u16string_view letters;
+  } rows[] = {
+      {"the same", u"RSA", u"RSA"},
+      {"small in the text", u"rsa", u"RSA"},
+      {"small in the letters", u"RSA", u"rsa"},
+      {"mixed", u"rSa", u"RsA"},
+      {"at the front", u"RSA_01_MyKey", u"RSA"},
+      {"in the middle", u"1234_Rsa_01", u"RSA"},
+      {"at the end", u"1234_rsa", u"RSA"},
+      {"across a false start", u"RSRSA", u"RSA"},
+      {"A and Z, the ends of the alphabet", u"_az_", u"AZ"},
+      {"a and z, the ends of the alphabet", u"_AZ_", u"az"},
+      {"behind U+0000", u"a\0RSA"sv, u"RSA"},
+      {"with U+0000 in the letters", u"x\0A"sv, u"\0a"sv},
+      {"beside other scripts", u"\u9375_rsa_\U0001F511", u"RSA"},
+      {"non-letters", u"[1_", u"[1_"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.description);
+    EXPECT_TRUE(containsIgnoringCase(Text{row.text}, row.letters));
+  }
+}
+
+TEST(ContainsIgnoringCase, FindsNothingElse) {
+  const struct {
+    const char* description;
+    Text text;
+    std::u16string_view letters;
+  } rows[] = {
+      {"null", Text{}, u"RSA"},
+      {"empty", Text{u""}, u"RSA"},
+      {"a part only", Text{u"RS"}, u"RSA"},
+      {"the letters apart", Text{u"R-S-A"}, u"RSA"},
+      {"cut by U+0000", Text{u"RS\0A"sv}, u"RSA"},
+      // What differs from its neighbour by the same bit as a small letter from its capital
+      {"[ and {", Text{u"["}, u"{"},
+      {"{ and [", Text{u"{"}, u"["},
+      {"@ and grave accent", Text{u"@"}, u"`"},
+      {"^ and ~", Text{u"^"}, u"~"},
+      {"1 and U+0011", Text{u"1"}, u"\u0011"},
+      // Only A to Z have a case here.
+      {"e acute", Text{u"\u00C9"}, u"\u00E9"},
+      {"Kelvin sign", Text{u"\u212A"}, u"k"},
+      {"long s", Text{u"R\u017FA"}, u"RSA"},
+      {"fullwidth letters", Text{u"\uFF32\uFF33\uFF21"}, u"RSA"},
+      {"units with the letters in their lower bytes", Text{u"\u0152\u0153\u0141"}, u"RSA"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.description);
+    EXPECT_FALSE(containsIgnoringCase(row.text, row.letters));
+  }
+}
+
 TEST(Bytes, TellsEmptyFromNull) {
   const Bytes null;
   const Bytes empty{std::vector<std::uint8_t>{}};

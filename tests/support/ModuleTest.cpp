@@ -48,6 +48,7 @@ PlatformServices ModuleTest::services() const {
   services.notifications = notifications;
   services.certificates = systemCertificateParser();
   services.memory = memory;
+  services.strings = strings;
   services.observer = observer;
   return services;
 }

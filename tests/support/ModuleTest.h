@@ -11,6 +11,7 @@
 #include "module/ModuleFiles.h"
 #include "platform/PlatformServices.h"
 #include "support/FailingMemory.h"
+#include "support/FakeLocalizedStrings.h"
 #include "support/FakeUserDirectory.h"
 #include "support/ModuleHome.h"
 #include "support/RecordingLoader.h"
@@ -47,6 +48,7 @@ class ModuleTest : public ::testing::Test {
   std::shared_ptr<RecordingNotificationCenter> notifications =
       std::make_shared<RecordingNotificationCenter>();
   std::shared_ptr<FailingMemory> memory = std::make_shared<FailingMemory>();
+  std::shared_ptr<FakeLocalizedStrings> strings = std::make_shared<FakeLocalizedStrings>();
   std::shared_ptr<RecordingObserver> observer = std::make_shared<RecordingObserver>();
 
  private:

@@ -36,6 +36,9 @@ class Log {
 /// `line` with each control character, and each byte that is not valid UTF-8, written as \xNN.
 [[nodiscard]] std::string printableLine(std::string_view line);
 
+/// What "%lX" prints of a number.
+[[nodiscard]] std::string upperHex(std::uint64_t number);
+
 /// One argument of a log line, already as text.
 class LogArgument {
  public:
@@ -52,8 +55,8 @@ class LogArgument {
   std::string text_;
 };
 
-/// A log format: "%s", "%d", "%lu" and "%@" each stand for the next argument, whatever its type.
-/// That there are as many conversions as arguments is checked when the program is compiled.
+/// A log format: "%s", "%d", "%hhd", "%lu", "%lX" and "%@" each stand for the next argument, whatever its
+/// type. That there are as many conversions as arguments is checked when the program is compiled.
 template <typename... Args>
 class LogFormat {
  public:

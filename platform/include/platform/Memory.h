@@ -27,6 +27,10 @@ class Memory {
 /// The heap of the process.
 [[nodiscard]] std::shared_ptr<Memory> systemMemory();
 
+/// Overwrites `size` bytes with zeros, in a way that is not optimised away. `data` may be null when `size`
+/// is 0.
+void wipe(void* data, std::size_t size) noexcept;
+
 /// Sole owner of one block of a Memory, which must outlive it.
 class MemoryBlock {
  public:

@@ -8,6 +8,7 @@ class CertificateParser;
 class CryptokiObserver;
 class DistributedNotificationCenter;
 class DynamicLoader;
+class LocalizedStrings;
 class Log;
 class Memory;
 class TokenKit;
@@ -22,6 +23,7 @@ struct PlatformServices {
   std::shared_ptr<DistributedNotificationCenter> notifications;
   std::shared_ptr<CertificateParser> certificates;
   std::shared_ptr<Memory> memory;
+  std::shared_ptr<LocalizedStrings> strings;
   std::shared_ptr<TokenKit> tokenKit;          ///< needed by the token layer only; null below it
   std::shared_ptr<CryptokiObserver> observer;  ///< may be null
 };

@@ -62,6 +62,10 @@ class Text {
 /// Joins the texts in order; a null one reads as "(null)", as in the platform's formatter.
 [[nodiscard]] Text joined(std::initializer_list<Text> parts);
 
+/// True when `text` contains `letters` (ASCII), whatever the case of the letters A to Z. A null text contains
+/// nothing.
+[[nodiscard]] bool containsIgnoringCase(const Text& text, std::u16string_view letters) noexcept;
+
 /// An immutable byte string, shared by its copies; the twin of the platform's data object. Null and
 /// empty are different things and compare unequal.
 class Bytes {

@@ -1,0 +1,14 @@
+# Makes the gettext catalogue OUTPUT of the Localizable.strings STRINGS, which are UTF-8: msgfmt knows that only
+# by a byte order mark.
+cmake_path(GET OUTPUT PARENT_PATH folder)
+file(MAKE_DIRECTORY ${folder})
+file(READ ${STRINGS} text)
+string(ASCII 239 187 191 mark)
+file(WRITE ${OUTPUT}.strings "${mark}${text}")
+execute_process(
+  COMMAND ${MSGFMT} --stringtable-input --output-file=${OUTPUT} ${OUTPUT}.strings
+  RESULT_VARIABLE result ERROR_VARIABLE error)
+file(REMOVE ${OUTPUT}.strings)
+if(NOT result EQUAL 0)
+  message(FATAL_ERROR "msgfmt does not take ${STRINGS}: ${error}")
+endif()

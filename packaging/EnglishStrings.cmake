@@ -1,0 +1,11 @@
+# Turns each `"key" = "text";` of STRINGS into a row `{"key", "text"},` of OUTPUT.
+file(READ ${STRINGS} text)
+set(rows "")
+while(text MATCHES "(^|\n)(\"[^\"\n]*\") = (\"([^\"\\\\]|\\\\.)*\");(.*)$")
+  string(APPEND rows "{${CMAKE_MATCH_2}, ${CMAKE_MATCH_3}},\n")
+  set(text "${CMAKE_MATCH_5}")
+endwhile()
+if(rows STREQUAL "")
+  message(FATAL_ERROR "There is no text in ${STRINGS}")
+endif()
+file(WRITE ${OUTPUT} "${rows}")

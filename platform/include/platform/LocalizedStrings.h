@@ -1,0 +1,27 @@
+#pragma once
+
+#include <memory>
+#include <string_view>
+
+#include "platform/Text.h"
+
+namespace mirel {
+
+/// The extension's texts for its users, in their language: what the packaging folder's Localizable.strings
+/// hold.
+class LocalizedStrings {
+ public:
+  LocalizedStrings() = default;
+  LocalizedStrings(const LocalizedStrings&) = delete;
+  LocalizedStrings& operator=(const LocalizedStrings&) = delete;
+  virtual ~LocalizedStrings() = default;
+
+  /// The text of that key (ASCII); the key itself when there is none. Never null.
+  [[nodiscard]] virtual Text localizedString(std::string_view key) noexcept = 0;
+};
+
+/// The texts of the running system. On Linux they follow the locale of the process: call
+/// setlocale(LC_MESSAGES, "") first. English when the locale has none.
+[[nodiscard]] std::shared_ptr<LocalizedStrings> systemLocalizedStrings();
+
+}  // namespace mirel

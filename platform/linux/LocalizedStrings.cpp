@@ -1,0 +1,66 @@
+#include "platform/LocalizedStrings.h"
+
+#include <libintl.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <iterator>
+#include <string>
+#include <system_error>
+
+namespace mirel {
+namespace {
+
+constexpr const char* kDomain = "mireltoken";
+
+struct EnglishString {
+  std::string_view key;
+  const char* text;
+};
+
+/// Made from the English Localizable.strings.
+constexpr EnglishString kEnglishStrings[] = {
+#include "EnglishStrings.inc"
+};
+
+/// Null when there is no such key.
+const char* englishText(std::string_view key) noexcept {
+  const auto* const row = std::find_if(std::begin(kEnglishStrings), std::end(kEnglishStrings),
+                                       [&](const EnglishString& known) { return known.key == key; });
+  return row == std::end(kEnglishStrings) ? nullptr : row->text;
+}
+
+/// Where the catalogues lie, beside the running program: in the build folder, or as installed.
+std::string catalogueFolder() {
+  std::error_code error;
+  const auto folder = std::filesystem::read_symlink("/proc/self/exe", error).parent_path();
+  if (error) return {};
+  for (const auto& candidate : {folder / "locale", folder.parent_path() / "share" / "locale"}) {
+    if (std::filesystem::is_directory(candidate, error)) return candidate.string();
+  }
+  return {};
+}
+
+class GettextStrings final : public LocalizedStrings {
+ public:
+  GettextStrings() {
+    const std::string folder = catalogueFolder();
+    // Without a folder of our own the C library would look in the system's, for another program's texts.
+    bindtextdomain(kDomain, folder.empty() ? "/nonexistent" : folder.c_str());
+    bind_textdomain_codeset(kDomain, "UTF-8");
+  }
+
+  Text localizedString(std::string_view key) noexcept override {
+    const std::string name{key};
+    const char* text = dgettext(kDomain, name.c_str());
+    // The C locale has no catalogue, and some locales lack a translation: both read English.
+    const char* fallback = text == name.c_str() ? englishText(key) : nullptr;
+    return Text::fromUtf8(fallback ? fallback : text);
+  }
+};
+
+}  // namespace
+
+std::shared_ptr<LocalizedStrings> systemLocalizedStrings() { return std::make_shared<GettextStrings>(); }
+
+}  // namespace mirel

@@ -1,0 +1,133 @@
+#include "platform/LocalizedStrings.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <map>
+#include <string>
+
+#include "cli/ChildProcess.h"
+#include "packaging/StringsFile.h"
+#include "support/TemporaryFolder.h"
+
+namespace mirel {
+namespace {
+
+using test::Result;
+using Environment = std::map<std::string, std::string>;
+
+constexpr const char* kTriesLeft = "VERIFY_TRY_LEFT";
+constexpr const char* kConstraint = "Not suppport this constraint";
+
+std::string textIn(const std::string& language, const char* key) {
+  return test::textOf(test::readStringsFile(test::stringsFileOf(MIREL_RESOURCES, language)), key);
+}
+
+Environment inLanguage(const std::string& language) {
+  return {{"LC_ALL", "C.UTF-8"}, {"LANGUAGE", language}};
+}
+
+/// A program in a folder of its own, with the catalogues that the build has made where a test puts them.
+class LocalizedStringsOfAProgram : public ::testing::Test {
+ protected:
+  /// `programFolder`, `localeFolder`: relative to one and the same folder. An empty second: no catalogues.
+  void place(const std::string& programFolder, const std::string& localeFolder) {
+    program_ = folder_.path() / programFolder / "program";
+    std::filesystem::create_directories(program_.parent_path());
+    std::filesystem::copy_file(MIREL_PRINT_LOCALIZED_STRING, program_);
+    if (localeFolder.empty()) return;
+    const auto locale = folder_.path() / localeFolder;
+    std::filesystem::create_directories(locale.parent_path());
+    std::filesystem::create_directory_symlink(MIREL_LOCALE_FOLDER, locale);
+  }
+
+  [[nodiscard]] std::string printed(const std::string& key, const Environment& environment) const {
+    const Result result = test::run({.program = program_, .arguments = {key}, .environment = environment});
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    return result.out;
+  }
+
+ private:
+  test::TemporaryFolder folder_;
+  std::filesystem::path program_;
+};
+
+TEST_F(LocalizedStringsOfAProgram, AreEnglishInTheCLocale) {
+  place("build", "build/locale");
+  for (const char* key : {kTriesLeft, kConstraint}) {
+    SCOPED_TRACE(key);
+    EXPECT_EQ(printed(key, {}), textIn("en", key));
+    EXPECT_EQ(printed(key, {{"LC_ALL", "C"}, {"LANGUAGE", "de"}}), textIn("en", key));
+    EXPECT_EQ(printed(key, {{"LC_ALL", "POSIX"}}), textIn("en", key));
+  }
+}
+
+TEST_F(LocalizedStringsOfAProgram, FollowTheLanguage) {
+  place("build", "build/locale");
+  const struct {
+    const char* language;
+    const char* folder;
+  } rows[] = {
+      {"en", "en"},
+      {"de", "de"},
+      {"es", "es"},
+      {"fr", "fr"},
+      {"it", "it"},
+      {"ja", "ja"},
+      {"nl", "nl"},
+      {"pl", "pl"},
+      {"pt", "pt"},
+      {"ru", "ru"},
+      {"tr", "tr"},
+      {"zh_CN", "zh-Hans"},
+      // A country's variant is read in its language, and the first known language of a list counts.
+      {"de_AT", "de"},
+      {"pt_BR", "pt"},
+      {"xx:fr:de", "fr"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.language);
+    EXPECT_EQ(printed(kTriesLeft, inLanguage(row.language)), textIn(row.folder, kTriesLeft));
+    EXPECT_EQ(printed(kConstraint, inLanguage(row.language)), textIn(row.folder, kConstraint));
+  }
+}
+
+TEST_F(LocalizedStringsOfAProgram, AreFoundWhereAnInstallationPutsThem) {
+  place("prefix/bin", "prefix/share/locale");
+  EXPECT_EQ(printed(kTriesLeft, inLanguage("de")), textIn("de", kTriesLeft));
+}
+
+TEST_F(LocalizedStringsOfAProgram, AreEnglishInALanguageWithoutACatalogue) {
+  place("build", "build/locale");
+  for (const char* language : {"xx", "zh_TW", "xx:yy"}) {
+    SCOPED_TRACE(language);
+    EXPECT_EQ(printed(kTriesLeft, inLanguage(language)), textIn("en", kTriesLeft));
+    EXPECT_EQ(printed(kConstraint, inLanguage(language)), textIn("en", kConstraint));
+  }
+}
+
+TEST_F(LocalizedStringsOfAProgram, AreEnglishWithoutCatalogues) {
+  place("alone", "");
+  EXPECT_EQ(printed(kTriesLeft, inLanguage("de")), textIn("en", kTriesLeft));
+  EXPECT_EQ(printed(kConstraint, inLanguage("de")), textIn("en", kConstraint));
+}
+
+TEST_F(LocalizedStringsOfAProgram, AreTheKeyItselfForAnUnknownKey) {
+  place("build", "build/locale");
+  for (const char* key : {"UNKNOWN", "VERIFY_TRY_LEF", "verify_try_left", "%s", ""}) {
+    SCOPED_TRACE(key);
+    EXPECT_EQ(printed(key, inLanguage("de")), key);
+    EXPECT_EQ(printed(key, {}), key);
+  }
+}
+
+TEST(LocalizedStrings, TakesAKeyForItsLengthAlone) {
+  const std::string_view longer = "VERIFY_TRY_LEFT and more";
+  const auto strings = systemLocalizedStrings();
+  EXPECT_EQ(strings->localizedString(longer.substr(0, 15)).toUtf8(), textIn("en", kTriesLeft));
+  EXPECT_EQ(strings->localizedString(longer).toUtf8(), longer);
+  EXPECT_FALSE(strings->localizedString({}).isNull());
+}
+
+}  // namespace
+}  // namespace mirel

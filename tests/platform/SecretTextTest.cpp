@@ -1,0 +1,246 @@
+#include "platform/SecretText.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <type_traits>
+#include <vector>
+
+#include "FreedBlocks.h"
+#include "platform/Memory.h"
+
+namespace mirel {
+namespace {
+
+using namespace std::string_view_literals;
+using test::FreedBlocks;
+
+std::span<const std::uint8_t> bytesOf(std::string_view text) {
+  return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
+}
+
+std::span<const std::uint8_t> bytesOf(std::u16string_view units) {
+  return {reinterpret_cast<const std::uint8_t*>(units.data()), units.size() * sizeof(char16_t)};
+}
+
+std::string utf8Of(const SecretText& text) {
+  std::array<std::uint8_t, 64> room{};
+  const std::size_t written = text.copyUtf8(room);
+  return {room.begin(), room.begin() + static_cast<std::ptrdiff_t>(written)};
+}
+
+TEST(SecretText, IsNullAtFirst) {
+  const SecretText text;
+  EXPECT_TRUE(text.isNull());
+  EXPECT_EQ(text.length(), 0U);
+  EXPECT_EQ(utf8Of(text), "");
+}
+
+TEST(SecretText, TellsEmptyFromNull) {
+  const SecretText empty{u""};
+  EXPECT_FALSE(empty.isNull());
+  EXPECT_EQ(empty.length(), 0U);
+  EXPECT_EQ(utf8Of(empty), "");
+  EXPECT_FALSE(SecretText::fromUtf8({})->isNull());
+}
+
+TEST(SecretText, CannotBeCopiedOrMoved) {
+  EXPECT_FALSE(std::is_copy_constructible_v<SecretText>);
+  EXPECT_FALSE(std::is_copy_assignable_v<SecretText>);
+  EXPECT_FALSE(std::is_move_constructible_v<SecretText>);
+  EXPECT_FALSE(std::is_move_assignable_v<SecretText>);
+}
+
+TEST(SecretText, CountsUtf16UnitsAndGivesUtf8) {
+  const struct {
+    const char* description;
+    std::u16string_view units;
+    std::string_view utf8;
+  } rows[] = {
+      {"nothing", u"", ""},
+      {"digits", u"123456", "123456"},
+      {"U+0000 inside", u"1\0002"sv, "1\0002"sv},
+      {"U+007F", u"\u007F", "\x7F"},
+      {"U+0080", u"\u0080", "\xC2\x80"},
+      {"U+07FF", u"\u07FF", "\xDF\xBF"},
+      {"U+0800", u"\u0800", "\xE0\xA0\x80"},
+      {"U+FFFF", u"\uFFFF", "\xEF\xBF\xBF"},
+      {"U+10000", u"\U00010000", "\xF0\x90\x80\x80"},
+      {"U+10FFFF", u"\U0010FFFF", "\xF4\x8F\xBF\xBF"},
+      // RFC 3629, section 7
+      {"nihongo", u"\u65E5\u672C\u8A9E", "\xE6\x97\xA5\xE6\x9C\xAC\xE8\xAA\x9E"},
+      {"stump of tree", u"\U000233B4", "\xF0\xA3\x8E\xB4"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.description);
+    const SecretText made{row.units};
+    EXPECT_EQ(made.length(), row.units.size());
+    EXPECT_EQ(utf8Of(made), row.utf8);
+    const auto decoded = SecretText::fromUtf8(bytesOf(row.utf8));
+    EXPECT_EQ(decoded->length(), row.units.size());
+    EXPECT_EQ(utf8Of(*decoded), row.utf8);
+    EXPECT_FALSE(decoded->isNull());
+  }
+}
+
+TEST(SecretText, ReplacesEachByteThatBelongsToNoValidSequence) {
+  const std::string mark = "\xEF\xBF\xBD";
+  const struct {
+    const char* description;
+    std::string_view utf8;
+    std::size_t length;
+    std::string expected;
+  } rows[] = {
+      {"a lone continuation byte", "\x80", 1, mark},
+      {"FF", "1\xFF", 2, "1" + mark},
+      {"slash in two bytes", "\xC0\xAF", 2, mark + mark},
+      {"slash in three bytes", "\xE0\x80\xAF", 3, mark + mark + mark},
+      {"U+D800", "\xED\xA0\x80", 3, mark + mark + mark},
+      {"beyond U+10FFFF", "\xF4\x90\x80\x80", 4, mark + mark + mark + mark},
+      {"cut short at the end", "1\xE2\x82", 3, "1" + mark + mark},
+      {"cut short by a digit",
+       "\xC3"
+       "1",
+       2, mark + "1"},
+      {"a valid sequence inside another", "\xE2\xC3\xA9", 2, mark + "\xC3\xA9"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.description);
+    const auto text = SecretText::fromUtf8(bytesOf(row.utf8));
+    EXPECT_EQ(text->length(), row.length);
+    EXPECT_EQ(utf8Of(*text), row.expected);
+  }
+}
+
+TEST(SecretText, ReplacesUnpairedSurrogates) {
+  const struct {
+    const char* description;
+    std::u16string units;
+    std::string_view utf8;
+  } rows[] = {
+      {"high alone", {0xD800}, "\xEF\xBF\xBD"},
+      {"low alone", {0xDFFF}, "\xEF\xBF\xBD"},
+      {"high before a digit",
+       {0xDBFF, u'1'},
+       "\xEF\xBF\xBD"
+       "1"},
+      {"wrong order", {0xDC00, 0xD800}, "\xEF\xBF\xBD\xEF\xBF\xBD"},
+      {"high before a pair", {0xD800, 0xD800, 0xDC00}, "\xEF\xBF\xBD\xF0\x90\x80\x80"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.description);
+    const SecretText text{row.units};
+    EXPECT_EQ(text.length(), row.units.size());
+    EXPECT_EQ(utf8Of(text), row.utf8);
+  }
+}
+
+TEST(SecretTextCopyUtf8, WritesWhatFitsAndLeavesTheRestAlone) {
+  // One, two, three and four bytes.
+  const SecretText text{u"1\u00E9\u20AC\U0001F511"};
+  const std::string_view whole = "1\xC3\xA9\xE2\x82\xAC\xF0\x9F\x94\x91";
+  for (std::size_t room = 0; room <= whole.size() + 2; ++room) {
+    SCOPED_TRACE(room);
+    std::vector<std::uint8_t> out(16, 0xA5);
+    const std::size_t fits = std::min(room, whole.size());
+    EXPECT_EQ(text.copyUtf8(std::span{out}.first(room)), fits);
+    EXPECT_EQ((std::string{out.begin(), out.begin() + static_cast<std::ptrdiff_t>(fits)}),
+              whole.substr(0, fits));
+    EXPECT_EQ((std::vector<std::uint8_t>{out.begin() + static_cast<std::ptrdiff_t>(fits), out.end()}),
+              std::vector<std::uint8_t>(out.size() - fits, 0xA5));
+  }
+}
+
+TEST(SecretTextCopyUtf8, WritesNothingForANullText) {
+  std::array<std::uint8_t, 8> out{1, 2, 3};
+  const auto before = out;
+  EXPECT_EQ(SecretText{}.copyUtf8(out), 0U);
+  EXPECT_EQ(out, before);
+}
+
+TEST(SecretTextCopyUtf8, CanBeRepeated) {
+  const SecretText text{u"1234"};
+  EXPECT_EQ(utf8Of(text), "1234");
+  EXPECT_EQ(utf8Of(text), "1234");
+}
+
+/// That the look into freed blocks sees anything at all.
+TEST(FreedBlocks, SeesABlockThatWasNotWiped) {
+  static constexpr std::u16string_view kUnits = u"a text that is too long for the string itself";
+  const FreedBlocks freed{bytesOf(kUnits)};
+  { const std::vector<char16_t> kept{kUnits.begin(), kUnits.end()}; }
+  EXPECT_EQ(freed.withNeedle(), 1U);
+  EXPECT_GE(freed.count(), 1U);
+}
+
+TEST(SecretTextMemory, HoldsNothingOfItWhenItIsGivenBack) {
+  // Odd lengths and those around the steps in which containers grow. The needle is the text's last two
+  // digits, so that a part that stays is noticed too.
+  for (const std::size_t length : {2U, 3U, 4U, 6U, 7U, 8U, 9U, 15U, 16U, 17U, 33U, 64U, 1000U}) {
+    SCOPED_TRACE(length);
+    for (const std::u16string_view tail : {u"79"sv, u"\u00E9\u00E8"sv}) {
+      const std::u16string units = std::u16string(length - 2, tail.front()) + std::u16string{tail};
+      const FreedBlocks freed{bytesOf(tail)};
+      {
+        const SecretText text{units};
+        EXPECT_EQ(text.length(), length);
+      }
+      EXPECT_EQ(freed.withNeedle(), 0U);
+      EXPECT_EQ(freed.count(), 1U) << "it has one block, which is never moved";
+    }
+  }
+}
+
+TEST(SecretTextMemory, HoldsNothingOfItWhenItWasDecoded) {
+  for (const std::size_t length : {2U, 3U, 4U, 6U, 7U, 8U, 9U, 15U, 16U, 17U, 33U, 64U, 1000U}) {
+    SCOPED_TRACE(length);
+    for (const bool ascii : {true, false}) {
+      std::string utf8;
+      for (std::size_t i = 2; i < length; ++i) utf8 += ascii ? "5" : "\xF0\x9F\x94\x91";
+      utf8 += "79";
+      const FreedBlocks freed{bytesOf(u"79"sv)};
+      SecretText::fromUtf8(bytesOf(utf8)).reset();
+      EXPECT_EQ(freed.withNeedle(), 0U);
+      EXPECT_EQ(freed.count(), 2U) << "one block for the object and one for the text, never moved";
+    }
+  }
+}
+
+TEST(SecretTextMemory, HoldsNoUtf8OfIt) {
+  static constexpr std::string_view kPin = "24681357";
+  const FreedBlocks freed{bytesOf(kPin)};
+  std::array<std::uint8_t, 8> out{};
+  SecretText::fromUtf8(bytesOf(kPin))->copyUtf8(out);
+  EXPECT_EQ(freed.withNeedle(), 0U);
+}
+
+TEST(Wipe, ZeroesThoseBytesAndNoOther) {
+  for (const std::size_t size : {0U, 1U, 7U, 8U, 9U, 30U}) {
+    SCOPED_TRACE(size);
+    std::vector<std::uint8_t> bytes(32, 0xA5);
+    std::vector<std::uint8_t> expected = bytes;
+    std::fill_n(expected.begin() + 1, size, std::uint8_t{0});
+    wipe(bytes.data() + 1, size);
+    EXPECT_EQ(bytes, expected);
+  }
+}
+
+TEST(Wipe, TakesNullForNoBytes) { wipe(nullptr, 0); }
+
+TEST(Wipe, IsNotLeftOutBeforeTheMemoryIsGivenBack) {
+  static constexpr std::string_view kPin = "24681357";
+  const FreedBlocks freed{bytesOf(kPin)};
+  {
+    std::vector<char> bytes{kPin.begin(), kPin.end()};
+    wipe(bytes.data(), bytes.size());
+  }
+  EXPECT_EQ(freed.withNeedle(), 0U);
+  EXPECT_GE(freed.count(), 1U);
+}
+
+}  // namespace
+}  // namespace mirel
