@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "CryptokiCall.h"
+#include "CryptokiValues.h"
 #include "platform/Memory.h"
 
 namespace mirel {
@@ -14,14 +15,6 @@ constexpr CK_ULONG kKeyIdCapacity = 255;   // bytes; an ID that fills it is refu
 constexpr CK_ULONG kMaxLabelMatches = 20;  // certificates
 constexpr CK_ULONG kCertificateLimit = 2000;
 constexpr CK_ULONG kLargestFetchedCertificate = kCertificateLimit - 1;
-
-/// An attribute whose size comes from its variable.
-template <typename T>
-CK_ATTRIBUTE attribute(CK_ATTRIBUTE_TYPE type, T& value) noexcept {
-  return {type, &value, sizeof(T)};
-}
-
-bool isNoHandle(CK_ULONG handle) noexcept { return handle == 0 || handle == kNoHandle; }
 
 bool isEmptyOrUnavailable(CK_ULONG length) noexcept {
   return length == 0 || length == CK_UNAVAILABLE_INFORMATION;

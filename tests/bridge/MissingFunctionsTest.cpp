@@ -210,6 +210,16 @@ TEST_F(Observer, IsToldOfEachOperationByItsName) {
              bridge.pkcs11_getCorrespondingPrivateKey(session, kPublicKey, &key));
   expectLast("GetCertBlobByLabel",
              bridge.GetCertBlobByLabel(session, text.data(), text.size(), nullptr, &number));
+  expectLast("pkcs11_genSignaturePKCS1",
+             bridge.pkcs11_genSignaturePKCS1(session, 0, nullptr, 0, nullptr, nullptr, 0));
+  expectLast("pkcs11_genSignaturePSS",
+             bridge.pkcs11_genSignaturePSS(session, 0, CKM_SHA256, nullptr, 0, nullptr, nullptr, 0));
+  expectLast("pkcs11_genECDSA", bridge.pkcs11_genECDSA(session, 0, 256, nullptr, 0, nullptr, nullptr, 0));
+  expectLast("pkcs11_genDecryptPKCS1",
+             bridge.pkcs11_genDecryptPKCS1(session, 0, nullptr, 0, nullptr, nullptr, 0));
+  expectLast("pkcs11_genDecryptOAEP",
+             bridge.pkcs11_genDecryptOAEP(session, 0, nullptr, 0, CKM_SHA256, nullptr, nullptr, 0));
+  expectLast("pkcs11_genSymKeyFromECDH", bridge.pkcs11_genSymKeyFromECDH(session, 0, nullptr, 0, &key));
   expectLast("pkcs11_Initial", bridge.pkcs11_Initial(nullptr));
   expectLast("pkcs11_Finalize", bridge.pkcs11_Finalize(nullptr));
   leavesOpen({});

@@ -12,9 +12,6 @@ using List = CK_FUNCTION_LIST;
 constexpr CK_OBJECT_HANDLE kMadeUpHandle = 999;
 constexpr CK_BYTE kFiller = 0xEE;
 
-/// More than any honest caller's value; the description of a call does not follow it.
-constexpr CK_ULONG kMaxDescribedLen = 1UL << 20U;
-
 constexpr std::pair<CK_ATTRIBUTE_TYPE, const char*> kAttributeNames[] = {
     {CKA_CLASS, "CKA_CLASS"},
     {CKA_TOKEN, "CKA_TOKEN"},
@@ -27,6 +24,9 @@ constexpr std::pair<CK_ATTRIBUTE_TYPE, const char*> kAttributeNames[] = {
     {CKA_ID, "CKA_ID"},
     {CKA_MODULUS, "CKA_MODULUS"},
     {CKA_MODULUS_BITS, "CKA_MODULUS_BITS"},
+    {CKA_SENSITIVE, "CKA_SENSITIVE"},
+    {CKA_ENCRYPT, "CKA_ENCRYPT"},
+    {CKA_VALUE_LEN, "CKA_VALUE_LEN"},
     {CKA_EC_PARAMS, "CKA_EC_PARAMS"},
     {CKA_EC_POINT, "CKA_EC_POINT"},
 };
@@ -49,24 +49,7 @@ std::string hex(const void* data, CK_ULONG len) {
   return digits;
 }
 
-std::string describedValue(const void* data, CK_ULONG len) {
-  if (!data) return "null " + described(len);
-  if (len > kMaxDescribedLen) return "length " + described(len);
-  return hex(data, len);
-}
-
 std::string describedPointer(bool set, const char* name) { return set ? name : "null"; }
-
-/// Attributes of a search: types and values.
-std::string describedFilter(const CK_ATTRIBUTE* attributes, CK_ULONG count) {
-  if (!attributes) return "null, " + described(count);
-  std::vector<std::string> parts;
-  for (CK_ULONG i = 0; i < count; ++i) {
-    parts.push_back(attributeName(attributes[i].type) + "=" +
-                    describedValue(attributes[i].pValue, attributes[i].ulValueLen));
-  }
-  return "[" + commaJoined(parts) + "]";
-}
 
 /// Attributes to be read: types and the room for each.
 std::string describedRoom(const CK_ATTRIBUTE* attributes, CK_ULONG count) {
@@ -77,14 +60,6 @@ std::string describedRoom(const CK_ATTRIBUTE* attributes, CK_ULONG count) {
                     described(attributes[i].ulValueLen));
   }
   return "[" + commaJoined(parts) + "]";
-}
-
-/// CKR_OK when the module is initialised and has that session, which is then in `outSession`.
-CK_RV findSession(CK_SESSION_HANDLE handle, Session*& outSession) {
-  if (!theScript().isInitialised()) return CKR_CRYPTOKI_NOT_INITIALIZED;
-  CK_RV code = CKR_SESSION_HANDLE_INVALID;
-  outSession = theScript().findSession(handle, code);
-  return outSession ? CKR_OK : code;
 }
 
 /// CKR_OK when the module is initialised and has that slot, which is then in `outSlot`.
@@ -170,6 +145,29 @@ std::string commaJoined(const std::vector<std::string>& parts) {
 }
 
 std::string described(CK_ULONG number) { return number == ~CK_ULONG{0} ? "none" : std::to_string(number); }
+
+std::string describedValue(const void* data, CK_ULONG len) {
+  if (!data) return "null " + described(len);
+  if (len > kMostBytes) return "length " + described(len);
+  return hex(data, len);
+}
+
+std::string describedTemplate(const CK_ATTRIBUTE* attributes, CK_ULONG count) {
+  if (!attributes) return "null, " + described(count);
+  std::vector<std::string> parts;
+  for (CK_ULONG i = 0; i < count; ++i) {
+    parts.push_back(attributeName(attributes[i].type) + "=" +
+                    describedValue(attributes[i].pValue, attributes[i].ulValueLen));
+  }
+  return "[" + commaJoined(parts) + "]";
+}
+
+CK_RV findSession(CK_SESSION_HANDLE handle, Session*& outSession) {
+  if (!theScript().isInitialised()) return CKR_CRYPTOKI_NOT_INITIALIZED;
+  CK_RV code = CKR_SESSION_HANDLE_INVALID;
+  outSession = theScript().findSession(handle, code);
+  return outSession ? CKR_OK : code;
+}
 
 // ---- The module itself ----
 
@@ -311,7 +309,9 @@ CK_RV Behaviour<&List::C_GetSessionInfo>::call(CK_SESSION_HANDLE handle, CK_SESS
   const bool loggedIn = theScript().card(session->slot).loggedIn;
   const CK_STATE outState = readWrite ? CKS_RW_PUBLIC_SESSION : CKS_RO_PUBLIC_SESSION;
   const CK_STATE inState = readWrite ? CKS_RW_USER_FUNCTIONS : CKS_RO_USER_FUNCTIONS;
-  *info = {session->slot, loggedIn ? inState : outState, session->flags, 0};
+  const bool tellTries = theScript().deviations.triesLeftAsDeviceError && !loggedIn;
+  const CK_ULONG deviceError = tellTries ? theScript().card(session->slot).triesLeft : 0;
+  *info = {session->slot, loggedIn ? inState : outState, session->flags, deviceError};
   return CKR_OK;
 }
 
@@ -373,7 +373,7 @@ CK_RV Behaviour<&List::C_GetAttributeValue>::call(CK_SESSION_HANDLE handle, CK_O
 
 std::string Behaviour<&List::C_FindObjectsInit>::arguments(CK_SESSION_HANDLE session,
                                                            CK_ATTRIBUTE_PTR attributes, CK_ULONG count) {
-  return commaJoined({described(session), describedFilter(attributes, count)});
+  return commaJoined({described(session), describedTemplate(attributes, count)});
 }
 CK_RV Behaviour<&List::C_FindObjectsInit>::call(CK_SESSION_HANDLE handle, CK_ATTRIBUTE_PTR attributes,
                                                 CK_ULONG count) {

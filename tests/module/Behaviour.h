@@ -14,9 +14,19 @@ namespace mirel::test {
 /// The script of this library.
 [[nodiscard]] Script& theScript();
 
+/// More than any honest caller's data has. Longer data is neither read nor written down.
+inline constexpr CK_ULONG kMostBytes = 1UL << 20U;
+
 [[nodiscard]] std::string commaJoined(const std::vector<std::string>& parts);
 /// Decimal; all-ones is "none".
 [[nodiscard]] std::string described(CK_ULONG number);
+/// Hexadecimal digits; "null" with the length, or the length alone where it cannot be true.
+[[nodiscard]] std::string describedValue(const void* data, CK_ULONG len);
+/// Attributes with their values.
+[[nodiscard]] std::string describedTemplate(const CK_ATTRIBUTE* attributes, CK_ULONG count);
+
+/// CKR_OK when the module is initialised and has that session, which is then in `outSession`.
+[[nodiscard]] CK_RV findSession(CK_SESSION_HANDLE handle, Session*& outSession);
 
 /// A function that the module does not model: recorded, and not supported.
 template <typename Function>
@@ -149,6 +159,53 @@ template <>
 struct Behaviour<&CK_FUNCTION_LIST::C_FindObjectsFinal> {
   [[nodiscard]] static std::string arguments(CK_SESSION_HANDLE session);
   static CK_RV call(CK_SESSION_HANDLE session);
+};
+
+// ---- Private keys ----
+//
+// `afterFailure` is what C_Sign and C_Decrypt still do when a call of theirs is made to fail.
+
+template <>
+struct Behaviour<&CK_FUNCTION_LIST::C_SignInit> {
+  [[nodiscard]] static std::string arguments(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism,
+                                             CK_OBJECT_HANDLE key);
+  static CK_RV call(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism, CK_OBJECT_HANDLE key);
+};
+
+template <>
+struct Behaviour<&CK_FUNCTION_LIST::C_Sign> {
+  [[nodiscard]] static std::string arguments(CK_SESSION_HANDLE session, CK_BYTE_PTR data, CK_ULONG dataLen,
+                                             CK_BYTE_PTR signature, CK_ULONG_PTR signatureLen);
+  static CK_RV call(CK_SESSION_HANDLE session, CK_BYTE_PTR data, CK_ULONG dataLen, CK_BYTE_PTR signature,
+                    CK_ULONG_PTR signatureLen);
+  static void afterFailure(CK_SESSION_HANDLE session, CK_BYTE_PTR data, CK_ULONG dataLen,
+                           CK_BYTE_PTR signature, CK_ULONG_PTR signatureLen);
+};
+
+template <>
+struct Behaviour<&CK_FUNCTION_LIST::C_DecryptInit> {
+  [[nodiscard]] static std::string arguments(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism,
+                                             CK_OBJECT_HANDLE key);
+  static CK_RV call(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism, CK_OBJECT_HANDLE key);
+};
+
+template <>
+struct Behaviour<&CK_FUNCTION_LIST::C_Decrypt> {
+  [[nodiscard]] static std::string arguments(CK_SESSION_HANDLE session, CK_BYTE_PTR cipher,
+                                             CK_ULONG cipherLen, CK_BYTE_PTR plain, CK_ULONG_PTR plainLen);
+  static CK_RV call(CK_SESSION_HANDLE session, CK_BYTE_PTR cipher, CK_ULONG cipherLen, CK_BYTE_PTR plain,
+                    CK_ULONG_PTR plainLen);
+  static void afterFailure(CK_SESSION_HANDLE session, CK_BYTE_PTR cipher, CK_ULONG cipherLen,
+                           CK_BYTE_PTR plain, CK_ULONG_PTR plainLen);
+};
+
+template <>
+struct Behaviour<&CK_FUNCTION_LIST::C_DeriveKey> {
+  [[nodiscard]] static std::string arguments(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism,
+                                             CK_OBJECT_HANDLE baseKey, CK_ATTRIBUTE_PTR attributes,
+                                             CK_ULONG count, CK_OBJECT_HANDLE_PTR key);
+  static CK_RV call(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism, CK_OBJECT_HANDLE baseKey,
+                    CK_ATTRIBUTE_PTR attributes, CK_ULONG count, CK_OBJECT_HANDLE_PTR key);
 };
 
 }  // namespace mirel::test

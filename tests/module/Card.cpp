@@ -103,11 +103,30 @@ Object certificate(Value id, Value label, Value der) {
 
 Value p256Params() { return {0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07}; }
 
+Value p384Params() { return {0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x22}; }
+
 Value p256Point(CK_BYTE seed) {
   Value point{0x04, 0x41, 0x04};
   const Value coordinates = patternValue(64, seed);
   point.insert(point.end(), coordinates.begin(), coordinates.end());
   return point;
+}
+
+Value resultOf(CK_MECHANISM_TYPE mechanism, const Value& data, std::size_t length) {
+  Value result(length);
+  for (std::size_t i = 0; i < length; ++i) {
+    const auto mask = static_cast<CK_BYTE>(mechanism + i + i / 256);
+    result[i] = static_cast<CK_BYTE>(mask ^ (data.empty() ? 0 : data[i % data.size()]));
+  }
+  return result;
+}
+
+Value cipherOf(const Value& plain, std::size_t modulusLen) {
+  Value block{0x00, 0x02};
+  block.resize(modulusLen - plain.size() - 1, 0xFF);
+  block.push_back(0x00);
+  block.insert(block.end(), plain.begin(), plain.end());
+  return block;
 }
 
 Card emptyCard(std::string_view label, std::string_view serialNumber) {

@@ -52,8 +52,20 @@ struct Object {
 
 /// The domain parameters of P-256 (RFC 5480, section 2.1.1.1): its object identifier.
 [[nodiscard]] Value p256Params();
+/// Those of P-384.
+[[nodiscard]] Value p384Params();
 /// A point of the size that P-256 has, uncompressed and wrapped: 67 bytes.
 [[nodiscard]] Value p256Point(CK_BYTE seed);
+
+// ---- What stands in for cryptography ----
+
+/// The "signature" of the data: `length` bytes that differ with the mechanism and with each byte of the
+/// data (byte i is data[i % size] exclusive-or mechanism + i + i / 256).
+[[nodiscard]] Value resultOf(CK_MECHANISM_TYPE mechanism, const Value& data, std::size_t length);
+
+/// The "cipher text" of `plain` for a key with a modulus of `modulusLen` bytes (11 more than `plain` has, or
+/// more): the padded block of RFC 8017, section 7.2.1, with a filler of FF, and not encrypted.
+[[nodiscard]] Value cipherOf(const Value& plain, std::size_t modulusLen = 256);
 
 /// A card: what its slot calls the token.
 struct Card {

@@ -12,8 +12,13 @@
 ///     EXPECT_THAT(script.callTexts(), ElementsAre("C_FindObjectsInit(5, [CKA_TOKEN=01])", ...));
 ///     EXPECT_THAT(script.openSearches(), IsEmpty());
 ///
-/// Left alone the module behaves as the standard wants (v2.40). What it can be made to do instead, each
-/// step coming before the next: fail a call (`failCall`), do nothing and answer CKR_OK
+/// Left alone the module behaves as the standard wants (v2.40), without any cryptography: `resultOf` and
+/// `cipherOf` (Card.h) tell what it takes for signatures and cipher texts. It signs with CKM_RSA_PKCS,
+/// CKM_RSA_X_509 (blocks up to the modulus length), CKM_RSA_PKCS_PSS (data of the hash's length) and
+/// CKM_ECDSA, decrypts with CKM_RSA_PKCS and derives with CKM_ECDH1_DERIVE; there the parameters are read
+/// whatever length they are given, and the value of the new key is `resultOf` of the public data. What it can
+/// be made to do instead, each step coming before the next: fail a call (`failCall`), do nothing and answer
+/// CKR_OK
 /// (`Deviations::silent`), do whatever a test says (`hook`), deviate in a named way (`deviations`).
 /// However hostile it plays, it never writes outside the room that its caller really gave.
 ///
@@ -55,6 +60,12 @@ struct Call {
   ///   C_GetAttributeValue(5, 21, [CKA_ID null 0, CKA_LABEL room 33])
   ///   C_FindObjectsInit(5, [CKA_TOKEN=01, CKA_ID=3031])
   ///   C_FindObjects(5, 1)                                       session, most to be found
+  ///   C_SignInit(5, CKM 13 [592, 2, 32] 24, 22)                 session, mechanism, key
+  ///   C_Sign(5, 0102, room 512)                                 session, data, *signatureLen
+  ///   C_Decrypt(5, 0102, null 256)                              no output: the same with "null"
+  ///   C_DeriveKey(5, CKM 4176 [kdf 1, shared null 0, public 04AB] 1, 22, [CKA_CLASS=0400000000000000])
+  /// A mechanism is shown with its parameters and the length given for them: "CKM 3 null 0" without any,
+  /// "CKM 3 0102 2" with some that it should not have.
   /// Functions that the module does not model show "set" or "null" for every pointer.
   std::string text;
   CK_RV result = CKR_OK;
@@ -94,6 +105,23 @@ struct Deviations {
   /// The value that an attribute has on its first read, its second, ...; then the last. Read honestly.
   std::map<CK_ATTRIBUTE_TYPE, std::vector<Value>> valuesInTurn;
 
+  /// Before the login C_GetSessionInfo reports the PIN tries left as ulDeviceError.
+  bool triesLeftAsDeviceError = false;
+
+  /// What C_Sign or C_Decrypt, by name, answer with CKR_OK whatever the room is: a result of that length.
+  /// Of it `written` bytes are written (as many as claimed when unset), but never more than the room that
+  /// the caller announced: the real result, then 0xEE. A null output gets the length only.
+  struct ClaimedResult {
+    CK_ULONG length = 0;
+    std::optional<CK_ULONG> written;
+  };
+  std::map<std::string, ClaimedResult> claimedResults;
+  /// The length that C_Sign or C_Decrypt, by name, write when they fail, on their own or because they were
+  /// made to; CKR_BUFFER_TOO_SMALL included.
+  std::map<std::string, CK_ULONG> lengthsOnFailure;
+  /// The plain text of every cipher text, of whatever length that is.
+  std::optional<Value> plainText;
+
   /// The names of functions that answer CKR_OK without doing or writing anything.
   std::set<std::string> silent;
 };
@@ -107,6 +135,15 @@ struct Session {
     std::size_t next = 0;
   };
   std::optional<Search> search;
+  struct Operation {
+    CK_MECHANISM_TYPE mechanism = 0;
+    CK_MECHANISM_TYPE hash = 0;  ///< of PSS
+    CK_OBJECT_HANDLE key = 0;
+  };
+  std::optional<Operation> signing;
+  std::optional<Operation> decryption;
+  /// Objects that end with the session.
+  std::vector<CK_OBJECT_HANDLE> objects;
 };
 
 struct Slot {
@@ -155,7 +192,8 @@ class Script {
 
   // ---- Failing calls ----
 
-  /// The n-th call from here on (the next one is 0) answers `code` and does nothing else.
+  /// The n-th call from here on (the next one is 0) answers `code` and does nothing else, except that a
+  /// failing C_Sign or C_Decrypt ends its operation, as the standard wants.
   void failCall(std::size_t n, CK_RV code, Times times = Times::kOnce);
   /// The same, counting only the calls of one function.
   void failCallOf(std::string_view function, std::size_t n, CK_RV code, Times times = Times::kOnce);
@@ -183,6 +221,8 @@ class Script {
   [[nodiscard]] std::vector<CK_SESSION_HANDLE> openSessions() const;
   /// The sessions with a search that was not ended.
   [[nodiscard]] std::vector<CK_SESSION_HANDLE> openSearches() const;
+  /// The sessions in which a signature or a decryption was begun and not ended.
+  [[nodiscard]] std::vector<CK_SESSION_HANDLE> openOperations() const;
 
   // ---- For the module itself ----
 

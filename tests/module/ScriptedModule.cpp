@@ -25,7 +25,12 @@ struct Entry<Function, CK_RV (*)(Args...)> {
 
  private:
   static CK_RV answer(Script& script, Args... args) {
-    if (const auto code = script.dueFault(functionName<Function>())) return *code;
+    if (const auto code = script.dueFault(functionName<Function>())) {
+      if constexpr (requires { Behaviour<Function>::afterFailure(args...); }) {
+        Behaviour<Function>::afterFailure(args...);
+      }
+      return *code;
+    }
     if (script.deviations.silent.contains(std::string{functionName<Function>()})) return CKR_OK;
     // Held here, because the hook may replace itself.
     const std::shared_ptr<void> hook = script.hookAt(functionPosition(functionName<Function>()));

@@ -138,6 +138,22 @@ TEST_F(ScriptedModuleTest, CountsWrongPins) {
   EXPECT_EQ(login(session, "123456"), CKR_PIN_LOCKED);
 }
 
+TEST_F(ScriptedModuleTest, ReportsTheTriesLeftWhenToldAndOnlyBeforeTheLogin) {
+  const CK_SESSION_HANDLE session = open();
+  const auto deviceError = [&] {
+    CK_SESSION_INFO info{};
+    EXPECT_EQ(module->C_GetSessionInfo(session, &info), CKR_OK);
+    return info.ulDeviceError;
+  };
+  EXPECT_EQ(deviceError(), 0U);
+  script.deviations.triesLeftAsDeviceError = true;
+  EXPECT_EQ(deviceError(), 3U);
+  EXPECT_EQ(login(session, "000000"), CKR_PIN_INCORRECT);
+  EXPECT_EQ(deviceError(), 2U);
+  EXPECT_EQ(login(session, "123456"), CKR_OK);
+  EXPECT_EQ(deviceError(), 0U);
+}
+
 TEST_F(ScriptedModuleTest, ShowsPrivateObjectsAfterTheLogin) {
   const CK_SESSION_HANDLE session = open();
   EXPECT_THAT(findAll(session), ElementsAre(kPublicKey, kCertificate));
@@ -212,12 +228,12 @@ TEST_F(ScriptedModuleTest, WritesCallsDownWithTheirArgumentsAndResults) {
   CK_ATTRIBUTE attributes[] = {
       {CKA_ID, nullptr, 0}, {CKA_LABEL, room, sizeof room}, {0x9999, nullptr, kAllOnes}};
   (void)module->C_GetAttributeValue(session, kPublicKey, attributes, 3);
-  (void)module->C_SignInit(session, nullptr, 22);
+  (void)module->C_VerifyInit(session, nullptr, 22);
   EXPECT_THAT(
       script.callTexts(),
       ElementsAre("C_OpenSession(1, 4, null, null)",
                   "C_GetAttributeValue(5, 21, [CKA_ID null 0, CKA_LABEL room 33, CKA 39321 null none])",
-                  "C_SignInit(5, null, 22)"));
+                  "C_VerifyInit(5, null, 22)"));
   EXPECT_EQ(script.calls()[0].result, CKR_OK);
   EXPECT_EQ(script.calls()[1].result, CKR_ATTRIBUTE_TYPE_INVALID);
   EXPECT_EQ(script.calls()[2].result, CKR_FUNCTION_NOT_SUPPORTED);

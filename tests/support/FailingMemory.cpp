@@ -29,10 +29,17 @@ void* FailingMemory::allocate(std::size_t size) noexcept {
 
 void FailingMemory::release(void* block) noexcept {
   if (!block) return;
-  if (blocks_.erase(block) == 0) {
+  const auto found = blocks_.find(block);
+  if (found == blocks_.end()) {
     ADD_FAILURE() << "a block was given back that was not out";
     return;
   }
+  const std::size_t size = found->second;
+  const auto* const bytes = static_cast<const unsigned char*>(block);
+  if (std::any_of(bytes, bytes + size, [](unsigned char byte) { return byte != 0; })) {
+    releasedUnwiped_.push_back(size);
+  }
+  blocks_.erase(found);
   std::free(block);
 }
 
@@ -49,6 +56,7 @@ std::size_t FailingMemory::largestRequest() const {
 
 void FailingMemory::reset() {
   requests_.clear();
+  releasedUnwiped_.clear();
   armed_ = false;
   fired_ = false;
   seen_ = 0;

@@ -33,12 +33,16 @@ class FailingMemory final : public Memory {
   /// Blocks that were not given back yet.
   [[nodiscard]] std::size_t outstanding() const { return blocks_.size(); }
 
-  /// Forgets requests and failures; blocks that are out stay out.
+  /// The sizes of the blocks that were given back since `reset` with anything but zeros in them.
+  [[nodiscard]] const std::vector<std::size_t>& releasedUnwiped() const { return releasedUnwiped_; }
+
+  /// Forgets requests, releases and failures; blocks that are out stay out.
   void reset();
 
  private:
   std::map<void*, std::size_t> blocks_;
   std::vector<std::size_t> requests_;
+  std::vector<std::size_t> releasedUnwiped_;
   bool armed_ = false;
   bool fired_ = false;
   std::size_t failAt_ = 0;

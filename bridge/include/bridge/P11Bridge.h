@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <utility>
@@ -32,6 +33,10 @@ inline constexpr CK_ULONG kMaxFoundObjects = 256;
 
 /// The longest PIN that is handed to the module, in bytes, whatever the token's own limit is.
 inline constexpr CK_ULONG kMaxPinLen = 8;
+
+/// The most room that is announced to the module for a signature or a plain text, in bytes: far more than
+/// any key can fill.
+inline constexpr CK_ULONG kMaxResultRoom = 65536;
 
 /// The system's only contact with the card maker's PKCS #11 module: loads it, holds its function list
 /// and wraps every Cryptoki call in an operation with fixed templates, limits and result codes.
@@ -194,8 +199,72 @@ class P11Bridge final {
   [[nodiscard]] CK_RV GetCertBlobByLabel(CK_SESSION_HANDLE session, const CK_BYTE* label, CK_ULONG labelLen,
                                          CK_BYTE* outValue, CK_ULONG* ioLen) noexcept;
 
+  // ---- Private keys ----
+  //
+  // Conventions: `data`, `cipher` and `publicData` are not null and not empty, `capacity` (bytes of the
+  // output) and the length pointers are not 0 or null, sessions and objects neither 0 nor all-ones; else
+  // CKR_ARGUMENTS_BAD. A "key object" is any object with the CKA_ID of the key pair: its private key, its
+  // public key or its certificate; CKR_KEY_HANDLE_INVALID: no private key has that ID.
+  //
+  // The room announced to the module may exceed `capacity`. The module then writes to memory of the
+  // bridge, and what fits is copied: nothing is ever written beyond `capacity`. A result longer than that
+  // has a code of its own, and its length stays as the module wrote it. CKR_HOST_MEMORY: more room than
+  // kMaxResultRoom was to be announced, or there is no memory for it. After a failure the content of an
+  // output is not defined, and its length is what the last step left in it.
+
+  /// Signs one block with raw RSA (CKM_RSA_X_509): the caller supplies it complete, padding included.
+  /// `key`: the private key itself. `ioSignatureLen`: the room announced to the module, then the length.
+  /// There is no size query: a null output is CKR_KEY_HANDLE_INVALID where the length is 0 or all-ones,
+  /// else CKR_FUNCTION_FAILED. CKR_SIGNATURE_INVALID: the signature is longer than `capacity`.
+  [[nodiscard]] CK_RV pkcs11_genSignaturePKCS1(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE key,
+                                               const CK_BYTE* data, CK_ULONG dataLen, CK_BYTE* outSignature,
+                                               CK_ULONG* ioSignatureLen, CK_ULONG capacity) noexcept;
+
+  /// Signs a hash with RSASSA-PSS (RFC 8017, section 8.1), MGF1 and salt length following from `hash`
+  /// (CKM_SHA_1, CKM_SHA224, CKM_SHA256, CKM_SHA384, CKM_SHA512; else CKR_MECHANISM_INVALID). The room
+  /// announced is the length of the private key's modulus. A null output asks for that length.
+  /// CKR_SIGNATURE_LEN_RANGE: the signature is longer than `capacity`.
+  [[nodiscard]] CK_RV pkcs11_genSignaturePSS(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE keyObject,
+                                             CK_MECHANISM_TYPE hash, const CK_BYTE* data, CK_ULONG dataLen,
+                                             CK_BYTE* outSignature, CK_ULONG* outSignatureLen,
+                                             CK_ULONG capacity) noexcept;
+
+  /// Signs a hash with ECDSA; the signature is r and s, one behind the other (PKCS #11, section 2.3.1).
+  /// `keySizeInBits`: 256 or 384, else CKR_CURVE_NOT_SUPPORTED (up to 521) or CKR_ARGUMENTS_BAD.
+  /// `ioSignatureLen`: the room announced, then the length. With a null output it keeps its value, and
+  /// CKR_KEY_HANDLE_INVALID is answered when that is 0 or all-ones. CKR_SIGNATURE_LEN_RANGE: the
+  /// signature is longer than `capacity`.
+  [[nodiscard]] CK_RV pkcs11_genECDSA(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE keyObject,
+                                      std::uint32_t keySizeInBits, const CK_BYTE* data, CK_ULONG dataLen,
+                                      CK_BYTE* outSignature, CK_ULONG* ioSignatureLen,
+                                      CK_ULONG capacity) noexcept;
+
+  /// Decrypts with RSAES-PKCS1-v1_5 (RFC 8017, section 7.2). The room announced is the length of the
+  /// private key's modulus. A null output asks the module for the length; it may then keep the operation
+  /// open, so that the session's next decryption is refused. CKR_ENCRYPTED_DATA_LEN_RANGE: the plain text
+  /// is longer than `capacity`.
+  [[nodiscard]] CK_RV pkcs11_genDecryptPKCS1(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE keyObject,
+                                             const CK_BYTE* cipher, CK_ULONG cipherLen, CK_BYTE* outPlain,
+                                             CK_ULONG* outPlainLen, CK_ULONG capacity) noexcept;
+
+  /// The same, by the same mechanism, after a look at `hash`: CKR_MECHANISM_INVALID unless it is one of
+  /// those of `pkcs11_genSignaturePSS`.
+  [[nodiscard]] CK_RV pkcs11_genDecryptOAEP(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE keyObject,
+                                            const CK_BYTE* cipher, CK_ULONG cipherLen, CK_MECHANISM_TYPE hash,
+                                            CK_BYTE* outPlain, CK_ULONG* outPlainLen,
+                                            CK_ULONG capacity) noexcept;
+
+  /// Derives a generic secret of 16 bytes by ECDH (CKM_ECDH1_DERIVE without a key derivation function): a
+  /// sensitive session object, whose handle is written to `outKey`. `publicData`: the other party's point,
+  /// not null; `publicDataLen` not all-ones. After these the base key is looked at:
+  /// CKR_KEY_HANDLE_INVALID when it is 0, CKR_ARGUMENTS_BAD when it is all-ones.
+  [[nodiscard]] CK_RV pkcs11_genSymKeyFromECDH(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE baseKey,
+                                               const CK_BYTE* publicData, CK_ULONG publicDataLen,
+                                               CK_OBJECT_HANDLE* outKey) noexcept;
+
  private:
   struct ValueReader;
+  struct KeyResult;
 
   template <auto Entry, typename... Args>
   [[nodiscard]] CK_RV call(Args... args) const noexcept;
@@ -208,6 +277,12 @@ class P11Bridge final {
                           const std::shared_ptr<PKCS11_SERVICE_INFO>& record) const noexcept;
   [[nodiscard]] CK_RV readValue(const ValueReader& reader, CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object,
                                 CK_BYTE* outValue, CK_ULONG* ioLen) noexcept;
+  template <auto InitEntry, auto Entry>
+  [[nodiscard]] CK_RV useKey(CK_SESSION_HANDLE session, CK_MECHANISM& mechanism, CK_OBJECT_HANDLE key,
+                             const CK_BYTE* data, CK_ULONG dataLen, const KeyResult& result) const noexcept;
+  [[nodiscard]] CK_RV decryptPKCS1(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE keyObject,
+                                   const CK_BYTE* cipher, CK_ULONG cipherLen,
+                                   const KeyResult& result) noexcept;
 
   PlatformServices services_;
   AtomicProperty<std::shared_ptr<const std::string>> p11dylib_;
