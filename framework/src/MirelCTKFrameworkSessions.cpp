@@ -1,6 +1,6 @@
 #include <string_view>
 
-#include "SlotName.h"
+#include "CardRecord.h"
 #include "bridge/P11Bridge.h"
 #include "framework/MirelCTKFramework.h"
 #include "platform/DistributedNotificationCenter.h"
@@ -11,24 +11,10 @@ namespace {
 constexpr std::u16string_view kTokenNotify = u"TokenNotify";
 constexpr CK_FLAGS kNotifyFlags = CKF_RNG | CKF_WRITE_PROTECTED | CKF_LOGIN_REQUIRED;
 
-bool hasSession(const PKCS11_SERVICE_INFO& record) noexcept {
-  return record.hSession() != kNoHandle && record.hSession() != 0;
-}
-
 /// The slot with a token that the reader name leads to; kNoHandle when there is none.
 CK_SLOT_ID slotOfReader(P11Bridge& bridge, const Text& readerName) noexcept {
   CK_SLOT_ID slotID = kNoHandle;
   return bridge.pkcs11_FindSlot(readerName, &slotID) == CKR_OK ? slotID : kNoHandle;
-}
-
-/// Oddity: compares as signed with unsigned: whatever `char` is here, a byte of 0x80 or above in the
-/// name never matches.
-bool nameMatches(const CK_SLOT_INFO& slot, const char* name) noexcept {
-  const std::string_view bytes{name ? name : ""};
-  for (const char c : bytes) {
-    if (static_cast<signed char>(c) < 0) return false;
-  }
-  return slotDescriptionBeginsWith(slot, bytes);
 }
 
 }  // namespace

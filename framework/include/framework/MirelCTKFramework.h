@@ -122,7 +122,55 @@ class MirelCTKFramework final {
   /// true.
   bool FreeAllCertInfo() noexcept;
 
+  // ---- Card operations ----
+  //
+  // Conventions: a key is a record of the current list; a null one reads as a key with the handle 0 and
+  // without a name. `readerName`: NUL-terminated, compared with the start of the record's slot description;
+  // null or empty: not compared. Apart from the login all work in the record's session and fail without one.
+  // Outputs may be left with any content after a failure, but never beyond their capacity.
+
+  /// Logs the user in, in the session of `record` (null: 0). A user who is logged in already is a success.
+  /// When the card refuses, `outRemainingTries` gets what the module reports as the number of tries left (0
+  /// when it reports none) and the stored record the session information with it; otherwise it is not
+  /// written. `pin`: as for P11Bridge::pkcs11_UserLogin.
+  [[nodiscard]] bool PerformUserLogin(const std::shared_ptr<PKCS11_SERVICE_INFO>& record, const CK_BYTE* pin,
+                                      CK_ULONG pinLen, CK_ULONG* outRemainingTries) noexcept;
+
+  /// Always false: key exchange does not go through the framework.
+  [[nodiscard]] bool PerformGenSessionSymKey(const void* ignored1, const void* ignored2, const void* ignored3,
+                                             const void* ignored4, const void* ignored5) noexcept;
+
+  /// Signs data as given, neither hashed nor wrapped, with the mechanism that the key's name asks for: PSS
+  /// with SHA-256 when it contains "RSA" and "PSS" (in any letter case), raw RSA when it contains "RSA". The
+  /// algorithm name is only logged, the flag word ignored.
+  ///
+  /// `ioSignatureLen` (null: failure): the capacity of `outSignature` in bytes on entry; then the length of
+  /// the modulus, and after a raw signature that of the signature. `outSignature` null: only that length.
+  ///
+  /// What is a success does not mean that there is a signature, by design: nothing is written for a key
+  /// without "RSA" in its name and for PSS, and after a failing raw signature as much of the working buffer
+  /// as fits is copied. Callers judge by the bytes. A raw signature longer than the capacity is a failure and
+  /// not copied; an EC key is one too, since it has no modulus.
+  [[nodiscard]] bool PerformSignHash(const char* readerName, const std::shared_ptr<PKCS11_ASYMKEY_INFO>& key,
+                                     const Text& algorithmName, CK_ULONG ignoredFlag, const CK_BYTE* data,
+                                     CK_ULONG dataLen, CK_BYTE* outSignature,
+                                     CK_ULONG* ioSignatureLen) noexcept;
+
+  /// Decrypts (see P11Bridge::pkcs11_genDecryptOAEP; by PKCS #1 v1.5, whatever the name says).
+  /// `outPlainLen`: the length of the plain text in bytes; `capacity`: that of `outPlain`.
+  [[nodiscard]] bool PerformOAEPDecrypt(const char* readerName,
+                                        const std::shared_ptr<PKCS11_ASYMKEY_INFO>& key,
+                                        CK_MECHANISM_TYPE hash, const CK_BYTE* cipher, CK_ULONG cipherLen,
+                                        CK_BYTE* outPlain, CK_ULONG* outPlainLen, CK_ULONG capacity) noexcept;
+
+  /// The same without a hash.
+  [[nodiscard]] bool PerformPKCS1Decrypt(const char* readerName,
+                                         const std::shared_ptr<PKCS11_ASYMKEY_INFO>& key,
+                                         const CK_BYTE* cipher, CK_ULONG cipherLen, CK_BYTE* outPlain,
+                                         CK_ULONG* outPlainLen, CK_ULONG capacity) noexcept;
+
  private:
+  [[nodiscard]] bool isReady(const char* readerName) const noexcept;
   [[nodiscard]] bool selectCard(const Text& readerName) noexcept;
   [[nodiscard]] bool listKeysAndCertificates() noexcept;
 

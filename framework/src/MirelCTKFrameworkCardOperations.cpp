@@ -1,0 +1,166 @@
+#include <algorithm>
+#include <array>
+
+#include "CardRecord.h"
+#include "bridge/P11Bridge.h"
+#include "framework/MirelCTKFramework.h"
+#include "platform/Log.h"
+
+namespace mirel {
+namespace {
+
+constexpr const char* kUnit = "MirelCTKFramework";
+constexpr const char* kSignMethod = "-[MirelCTKFramework PerformSignHash::::::::]";
+constexpr const char* kOAEPMethod = "-[MirelCTKFramework PerformOAEPDecrypt::::::::]";
+constexpr const char* kPKCS1Method = "-[MirelCTKFramework PerformPKCS1Decrypt:::::::]";
+
+// Where the lines say they come from.
+constexpr int kAlgorithmNameLine = 437;
+constexpr int kKeyLine = 462;
+constexpr int kKeyNameLine = 480;
+constexpr int kOAEPStartLine = 552;
+constexpr int kOAEPKeyFoundLine = 562;
+constexpr int kOAEPEndLine = 570;
+constexpr int kPKCS1EndLine = 607;
+
+/// Room for an RSA signature of up to 4096 bits.
+constexpr CK_ULONG kSignatureRoom = 512;
+
+constexpr std::u16string_view kRSAMark = u"RSA";
+constexpr std::u16string_view kPSSMark = u"PSS";
+
+CK_OBJECT_HANDLE publicHandleOf(const std::shared_ptr<PKCS11_ASYMKEY_INFO>& key) noexcept {
+  return key ? key->hPubKey() : 0;
+}
+
+/// True when the bridge finds the private key that belongs to the public one.
+bool findPrivateKey(P11Bridge& bridge, CK_SESSION_HANDLE session, CK_OBJECT_HANDLE publicKey,
+                    CK_OBJECT_HANDLE& outKey) noexcept {
+  outKey = 0;
+  return bridge.pkcs11_getCorrespondingPrivateKey(session, publicKey, &outKey) == CKR_OK;
+}
+
+/// The buffer that a signature is made in, zeroed at first.
+struct WorkingSignature {
+  std::array<CK_BYTE, kSignatureRoom> bytes{};
+  CK_ULONG length = kSignatureRoom;  ///< as the module wrote it
+
+  /// Copies what was made, as far as both buffers reach. A null output takes nothing.
+  void copyTo(CK_BYTE* output, CK_ULONG capacity) const noexcept {
+    if (output) std::copy_n(bytes.begin(), std::min({length, kSignatureRoom, capacity}), output);
+  }
+};
+
+}  // namespace
+
+bool MirelCTKFramework::PerformUserLogin(const std::shared_ptr<PKCS11_SERVICE_INFO>& record,
+                                         const CK_BYTE* pin, CK_ULONG pinLen,
+                                         CK_ULONG* outRemainingTries) noexcept {
+  const auto stored = p11ServiceInfo_;
+  const auto bridge = p11Bridge();
+  if (!stored || !bridge) return false;
+  const CK_SESSION_HANDLE session = record ? record->hSession() : 0;
+  const CK_RV rv = bridge->pkcs11_UserLogin(session, pin, pinLen);
+  // Oddity: the bit of CKR_USER_ALREADY_LOGGED_IN is masked off, so both codes are a success.
+  if ((rv & ~CKR_USER_ALREADY_LOGGED_IN) == CKR_OK) return true;
+
+  auto answer = std::make_shared<PKCS11_SERVICE_INFO>();
+  answer->setHSessionInfo({});
+  (void)bridge->pkcs11_GetSessionInfo(session, &answer);  // zeros say enough
+  stored->setHSessionInfo(answer->hSessionInfo());
+  // Oddity: the module is taken to report the tries left as a device error.
+  if (outRemainingTries) *outRemainingTries = answer->hSessionInfo().ulDeviceError;
+  return false;
+}
+
+bool MirelCTKFramework::PerformGenSessionSymKey(const void*, const void*, const void*, const void*,
+                                                const void*) noexcept {
+  // Oddity: key exchange is offered but never made here.
+  return false;
+}
+
+bool MirelCTKFramework::isReady(const char* readerName) const noexcept {
+  return p11ServiceInfo_ && p11Bridge() && nameMatches(p11ServiceInfo_->slotInfo(), readerName) &&
+         hasSession(*p11ServiceInfo_);
+}
+
+bool MirelCTKFramework::PerformSignHash(const char* readerName,
+                                        const std::shared_ptr<PKCS11_ASYMKEY_INFO>& key,
+                                        const Text& algorithmName, CK_ULONG, const CK_BYTE* data,
+                                        CK_ULONG dataLen, CK_BYTE* outSignature,
+                                        CK_ULONG* ioSignatureLen) noexcept {
+  Log& log = *services_.log;
+  log.process(logLine("[%s-%d] pccAlgName = %@", kSignMethod, kAlgorithmNameLine, algorithmName));
+  if (!isReady(readerName) || !ioSignatureLen) return false;
+  const auto bridge = p11Bridge();
+  const CK_SESSION_HANDLE session = p11ServiceInfo_->hSession();
+  const CK_OBJECT_HANDLE publicKey = publicHandleOf(key);
+  log.process(logLine("[%s-%d] key ID = %@, public key = %lX", kSignMethod, kKeyLine,
+                      key ? key->keyID() : Text{}, upperHex(publicKey)));
+
+  const CK_ULONG capacity = *ioSignatureLen;
+  CK_OBJECT_HANDLE privateKey = 0;
+  if (!findPrivateKey(*bridge, session, publicKey, privateKey)) return false;
+  if (bridge->pkcs11_getRSAKeyModulus(session, publicKey, nullptr, ioSignatureLen) != CKR_OK) return false;
+  const Text keyName = key ? key->keyName() : Text{};
+  log.process(logLine("[%s-%d] keyName = %@", kSignMethod, kKeyNameLine, keyName));
+
+  // Oddity: the key's name decides, not the algorithm. Without "RSA" nothing is signed, with success.
+  if (!containsIgnoringCase(keyName, kRSAMark)) return true;
+  WorkingSignature work;
+  if (containsIgnoringCase(keyName, kPSSMark)) {
+    // Oddity: the signature stays here; the caller gets the length of the modulus and a success.
+    return bridge->pkcs11_genSignaturePSS(session, privateKey, CKM_SHA256, data, dataLen, work.bytes.data(),
+                                          &work.length, kSignatureRoom) == CKR_OK;
+  }
+  if (bridge->pkcs11_genSignaturePKCS1(session, privateKey, data, dataLen, work.bytes.data(), &work.length,
+                                       kSignatureRoom) != CKR_OK) {
+    // Oddity: a failure is answered with success and whatever the working buffer holds.
+    work.copyTo(outSignature, capacity);
+    return true;
+  }
+  *ioSignatureLen = work.length;
+  if (outSignature && work.length > capacity) return false;
+  work.copyTo(outSignature, capacity);
+  return true;
+}
+
+bool MirelCTKFramework::PerformOAEPDecrypt(const char* readerName,
+                                           const std::shared_ptr<PKCS11_ASYMKEY_INFO>& key,
+                                           CK_MECHANISM_TYPE hash, const CK_BYTE* cipher, CK_ULONG cipherLen,
+                                           CK_BYTE* outPlain, CK_ULONG* outPlainLen,
+                                           CK_ULONG capacity) noexcept {
+  if (!isReady(readerName)) return false;
+  Log& log = *services_.log;
+  const auto bridge = p11Bridge();
+  const CK_SESSION_HANDLE session = p11ServiceInfo_->hSession();
+  log.process(logLine("[%s-%d] %s", kUnit, kOAEPStartLine, kOAEPMethod));
+  CK_OBJECT_HANDLE unused = 0;  // the bridge looks for it once more
+  if (!findPrivateKey(*bridge, session, publicHandleOf(key), unused)) return false;
+  log.process(logLine("[%s-%d] %s", kUnit, kOAEPKeyFoundLine, kOAEPMethod));
+  if (bridge->pkcs11_genDecryptOAEP(session, publicHandleOf(key), cipher, cipherLen, hash, outPlain,
+                                    outPlainLen, capacity) != CKR_OK) {
+    return false;
+  }
+  log.process(logLine("[%s-%d] %s", kUnit, kOAEPEndLine, kOAEPMethod));
+  return true;
+}
+
+bool MirelCTKFramework::PerformPKCS1Decrypt(const char* readerName,
+                                            const std::shared_ptr<PKCS11_ASYMKEY_INFO>& key,
+                                            const CK_BYTE* cipher, CK_ULONG cipherLen, CK_BYTE* outPlain,
+                                            CK_ULONG* outPlainLen, CK_ULONG capacity) noexcept {
+  if (!isReady(readerName)) return false;
+  const auto bridge = p11Bridge();
+  const CK_SESSION_HANDLE session = p11ServiceInfo_->hSession();
+  CK_OBJECT_HANDLE unused = 0;  // the bridge looks for it once more
+  if (!findPrivateKey(*bridge, session, publicHandleOf(key), unused)) return false;
+  if (bridge->pkcs11_genDecryptPKCS1(session, publicHandleOf(key), cipher, cipherLen, outPlain, outPlainLen,
+                                     capacity) != CKR_OK) {
+    return false;
+  }
+  services_.log->process(logLine("[%s-%d] %s", kUnit, kPKCS1EndLine, kPKCS1Method));
+  return true;
+}
+
+}  // namespace mirel
