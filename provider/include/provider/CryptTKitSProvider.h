@@ -2,10 +2,12 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "platform/AtomicProperty.h"
 #include "platform/PlatformServices.h"
+#include "platform/SecretText.h"
 #include "platform/Text.h"
 
 namespace mirel {
@@ -21,8 +23,9 @@ class PKCS11_CERTIFICATEOBJ_INFO;
 /// - Records are handed out and taken back as the framework's own objects, never as copies. A record
 ///   that is not in the framework's current list, for instance one from before the last enumeration,
 ///   counts as unknown.
-/// - Only `getSupportedTokenDescription`, `openTKSmartCardTokenSession`, `getTokenPubKeys` and
-///   `getTokenCerts` ask the card; all others look into what those have read.
+/// - Only `getSupportedTokenDescription`, `openTKSmartCardTokenSession`, `getTokenPubKeys`,
+///   `getTokenCerts` and the three operations on secrets ask the card; all others look into what those
+///   have read.
 /// - Without a framework every query finds nothing.
 /// - Nothing throws. No locks: one thread at a time, except for the accessors of `pCTKFramework`.
 class CryptTKitSProvider final : public std::enable_shared_from_this<CryptTKitSProvider> {
@@ -87,6 +90,38 @@ class CryptTKitSProvider final : public std::enable_shared_from_this<CryptTKitSP
 
   /// The key's modulus or point; null for an unknown record.
   [[nodiscard]] Bytes getPublicKeyValue(const std::shared_ptr<PKCS11_ASYMKEY_INFO>& key) noexcept;
+
+  /// Opens a new session on the card and logs the user in. `pinLen`: the length as the caller counts it; 1
+  /// to 8 is handed on with the first 8 bytes of the PIN in UTF-8, whatever their number, and anything else
+  /// is refused. True when the card accepted the PIN. `outRemains` (null: not wanted) gets the number of
+  /// tries left as the module reports it after a refusal, else 5.
+  [[nodiscard]] bool userLogin(const Text& tokenName, const SecretText& pin, std::uint64_t pinLen,
+                               std::optional<std::uint64_t>* outRemains) noexcept;
+
+  /// The longest signature, in bytes: RSA keys up to 2048 bits.
+  static constexpr std::uint64_t kMaxSignatureLen = 256;
+
+  /// The longest plain text, in bytes.
+  static constexpr std::uint64_t kMaxPlainLen = 2000;
+
+  /// Reads the card's objects and signs the first `dataLen` bytes of `data` with the key of that ID (see
+  /// MirelCTKFramework::PerformSignHash for what decides the mechanism, and for successes without a
+  /// signature). `ioSignatureLen`: the caller's capacity on entry; then the length as the framework reports
+  /// it. True: `outSignature` has that many bytes. Otherwise it is left alone; so are both when the card
+  /// cannot be read. Refused: a `dataLen` beyond the data, a null `ioSignatureLen`, and a result longer
+  /// than the capacity or kMaxSignatureLen.
+  [[nodiscard]] bool PerformSignHash(const Text& tokenName, const Text& keyName, const Text& algName,
+                                     std::uint64_t dwFlag, const Bytes& data, std::uint64_t dataLen,
+                                     Bytes* outSignature, std::uint64_t* ioSignatureLen) noexcept;
+
+  /// Reads the card's objects and, for an algorithm name that contains "RSA" (in any letter case) and a
+  /// `padFlag` of 1, decrypts with the key of that ID, by PKCS #1 v1.5 whatever the algorithm. True:
+  /// `outPlain` has `*ioPlainLen` bytes. Otherwise it is left alone. With any other name or flag the card is
+  /// not asked, and `outPlain` gets as many zeros as `*ioPlainLen` says, kMaxPlainLen at most.
+  [[nodiscard]] bool PerformDecryption(const Text& tokenName, const Text& keyName, const Text& algName,
+                                       std::uint64_t padFlag, const std::uint8_t* cipher,
+                                       std::uint64_t cipherLen, Bytes* outPlain,
+                                       std::uint64_t* ioPlainLen) noexcept;
 
  private:
   PlatformServices services_;
