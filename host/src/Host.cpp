@@ -171,7 +171,7 @@ Outcome<InsertedCard> Host::insert(const Text& readerName) {
   if (auto* failure = std::get_if<Failure>(&chosen)) return *failure;
   const Reader& reader = std::get<Reader>(chosen);
 
-  const auto kit = std::make_shared<HostTokenKit>();
+  const auto kit = std::make_shared<HostTokenKit>(reader.distinctName);
   PlatformServices services = services_;
   services.tokenKit = kit;
   const auto driver = std::make_shared<MirelSCTokenDriver>(services);

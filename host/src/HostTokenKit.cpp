@@ -16,9 +16,16 @@ class HostCard final : public TKSmartCard {
  public:
   explicit HostCard(const Text& readerName) : slot_{std::make_shared<HostSlot>(readerName)} {}
   [[nodiscard]] std::shared_ptr<TKSmartCardSlot> slot() const noexcept override { return slot_; }
+  [[nodiscard]] std::uint8_t cla() const noexcept override { return 0; }
+  [[nodiscard]] bool sensitive() const noexcept override { return sensitive_; }
+  void setSensitive(bool value) noexcept override { sensitive_ = value; }
+  [[nodiscard]] std::optional<bool> context() const noexcept override { return context_; }
+  void setContext(std::optional<bool> value) noexcept override { context_ = value; }
 
  private:
   std::shared_ptr<TKSmartCardSlot> slot_;
+  bool sensitive_ = false;
+  std::optional<bool> context_;
 };
 
 /// What certificate and key items have in common.
@@ -87,15 +94,66 @@ class HostKeychainKey final : public HostItem<TKTokenKeychainKey> {
   bool suitableForLogin_ = false;
 };
 
-class HostTokenSession final : public TKTokenSession {
+class HostTokenSession final : public TKSmartCardTokenSession {
  public:
+  explicit HostTokenSession(const Text& readerName) : card_{cardInReader(readerName)} {}
+
   [[nodiscard]] bool initWithToken(const std::shared_ptr<TKSmartCardToken>& token) noexcept override {
     token_ = token;
     return token != nullptr;
   }
+  [[nodiscard]] std::shared_ptr<TKSmartCardToken> token() const noexcept override { return token_.lock(); }
+  [[nodiscard]] std::shared_ptr<TKSmartCard> smartCard() const noexcept override { return card_; }
 
  private:
+  std::shared_ptr<TKSmartCard> card_;
   std::weak_ptr<TKSmartCardToken> token_;
+};
+
+class HostPINFormat final : public TKSmartCardPINFormat {
+ public:
+  [[nodiscard]] TKSmartCardPINCharset charset() const noexcept override {
+    return TKSmartCardPINCharset::kNumeric;
+  }
+  [[nodiscard]] TKSmartCardPINEncoding encoding() const noexcept override {
+    return TKSmartCardPINEncoding::kASCII;
+  }
+  [[nodiscard]] int minPINLength() const noexcept override { return 4; }
+  [[nodiscard]] int maxPINLength() const noexcept override { return 8; }
+  [[nodiscard]] int PINBlockByteLength() const noexcept override { return 8; }
+  [[nodiscard]] TKSmartCardPINJustification PINJustification() const noexcept override {
+    return TKSmartCardPINJustification::kLeft;
+  }
+  [[nodiscard]] int PINBitOffset() const noexcept override { return pinBitOffset_; }
+  void setPINBitOffset(int value) noexcept override { pinBitOffset_ = value; }
+  [[nodiscard]] int PINLengthBitOffset() const noexcept override { return 0; }
+  [[nodiscard]] int PINLengthBitSize() const noexcept override { return 0; }
+
+ private:
+  int pinBitOffset_ = 0;
+};
+
+/// Leaves the login to whoever builds on it: the host sends no command to the card.
+class HostPINAuthOperation final : public TKTokenSmartCardPINAuthOperation {
+ public:
+  [[nodiscard]] bool init() noexcept override { return true; }
+  [[nodiscard]] bool finishWithError(TKErrorPointer) noexcept override { return true; }
+  [[nodiscard]] std::shared_ptr<TKSmartCard> smartCard() const noexcept override { return card_; }
+  void setSmartCard(const std::shared_ptr<TKSmartCard>& card) noexcept override { card_ = card; }
+  [[nodiscard]] Bytes APDUTemplate() const noexcept override { return command_; }
+  void setAPDUTemplate(const Bytes& command) noexcept override { command_ = command; }
+  [[nodiscard]] std::shared_ptr<TKSmartCardPINFormat> PINFormat() const noexcept override { return format_; }
+  void setPINFormat(const std::shared_ptr<TKSmartCardPINFormat>& format) noexcept override {
+    format_ = format;
+  }
+  [[nodiscard]] std::shared_ptr<const SecretText> PIN() const noexcept override { return pin_; }
+  void setPIN(const std::shared_ptr<const SecretText>& pin) noexcept override { pin_ = pin; }
+
+ private:
+  std::shared_ptr<TKSmartCard> card_;
+  Bytes command_;
+  std::shared_ptr<TKSmartCardPINFormat> format_ = std::make_shared<HostPINFormat>();
+  std::shared_ptr<const SecretText> pin_;
 };
 
 }  // namespace
@@ -135,8 +193,8 @@ std::shared_ptr<TKSmartCardToken> HostTokenKit::allocSmartCardToken() noexcept {
   return token;
 }
 
-std::shared_ptr<TKTokenSession> HostTokenKit::allocTokenSession() noexcept {
-  return std::make_shared<HostTokenSession>();
+std::shared_ptr<TKSmartCardTokenSession> HostTokenKit::allocTokenSession() noexcept {
+  return std::make_shared<HostTokenSession>(readerName_);
 }
 
 std::shared_ptr<TKTokenKeychainCertificate> HostTokenKit::allocKeychainCertificate() noexcept {
@@ -145,6 +203,14 @@ std::shared_ptr<TKTokenKeychainCertificate> HostTokenKit::allocKeychainCertifica
 
 std::shared_ptr<TKTokenKeychainKey> HostTokenKit::allocKeychainKey() noexcept {
   return std::make_shared<HostKeychainKey>();
+}
+
+std::shared_ptr<TKTokenSmartCardPINAuthOperation> HostTokenKit::allocPINAuthOperation() noexcept {
+  return std::make_shared<HostPINAuthOperation>();
+}
+
+std::shared_ptr<TKSmartCardPINFormat> HostTokenKit::allocPINFormat() noexcept {
+  return std::make_shared<HostPINFormat>();
 }
 
 std::shared_ptr<TKSmartCard> cardInReader(const Text& readerName) {

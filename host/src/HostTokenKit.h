@@ -42,23 +42,41 @@ class HostSmartCardToken final : public TKSmartCardToken {
   std::shared_ptr<HostKeychainContents> contents_ = std::make_shared<HostKeychainContents>();
 };
 
-/// Allocates the host's objects and remembers the token it allocated last.
+/// Allocates the host's objects for the card in one reader, and remembers the token it allocated last. Each
+/// session has a connection to the card of its own.
 class HostTokenKit final : public TokenKit {
  public:
+  explicit HostTokenKit(Text readerName) : readerName_{std::move(readerName)} {}
+
   [[nodiscard]] std::shared_ptr<TKSmartCardToken> allocSmartCardToken() noexcept override;
-  [[nodiscard]] std::shared_ptr<TKTokenSession> allocTokenSession() noexcept override;
+  [[nodiscard]] std::shared_ptr<TKSmartCardTokenSession> allocTokenSession() noexcept override;
   [[nodiscard]] std::shared_ptr<TKTokenKeychainCertificate> allocKeychainCertificate() noexcept override;
   [[nodiscard]] std::shared_ptr<TKTokenKeychainKey> allocKeychainKey() noexcept override;
+  [[nodiscard]] std::shared_ptr<TKTokenSmartCardPINAuthOperation> allocPINAuthOperation() noexcept override;
+  [[nodiscard]] std::shared_ptr<TKSmartCardPINFormat> allocPINFormat() noexcept override;
 
   /// Null before the first, and when nobody keeps it any more.
   [[nodiscard]] std::shared_ptr<HostSmartCardToken> lastToken() const noexcept { return lastToken_.lock(); }
 
  private:
+  Text readerName_;
   // Its items hold the services, which hold this kit: to own it would keep all of them for good.
   std::weak_ptr<HostSmartCardToken> lastToken_;
 };
 
-/// A card in the reader of that name.
+/// A connection to the card in the reader of that name.
 [[nodiscard]] std::shared_ptr<TKSmartCard> cardInReader(const Text& readerName);
+
+/// A request for exactly that algorithm.
+class HostKeyAlgorithm final : public TKTokenKeyAlgorithm {
+ public:
+  explicit HostKeyAlgorithm(SecKeyAlgorithm algorithm) : algorithm_{algorithm} {}
+  [[nodiscard]] bool isAlgorithm(SecKeyAlgorithm algorithm) const noexcept override {
+    return algorithm == algorithm_;
+  }
+
+ private:
+  SecKeyAlgorithm algorithm_;
+};
 
 }  // namespace mirel

@@ -1,18 +1,19 @@
 #include "token/FakeTokenKit.h"
 
 namespace mirel::test {
-namespace {
 
-class FakeSlot final : public TKSmartCardSlot {
- public:
-  explicit FakeSlot(Text name) : name_{std::move(name)} {}
-  [[nodiscard]] Text name() const noexcept override { return name_; }
-
- private:
-  Text name_;
-};
-
-}  // namespace
+std::shared_ptr<TKTokenKeychainKey> FakeKeychainContents::keyForObjectID(const Text& objectID,
+                                                                         TKErrorPointer outError) noexcept {
+  for (const auto& item : items()) {
+    auto key = std::dynamic_pointer_cast<TKTokenKeychainKey>(item);
+    if (key && key->objectID() == objectID) return key;
+  }
+  if (outError) {
+    *outError =
+        TKError{Text{kTKErrorDomain}, static_cast<std::int64_t>(TKErrorCode::kObjectNotFound), Text{}};
+  }
+  return nullptr;
+}
 
 bool FakeSmartCardToken::initWithSmartCard(
     const std::shared_ptr<TKSmartCard>& smartCard, const Bytes& AID, const Text& instanceID,
@@ -46,7 +47,7 @@ std::shared_ptr<TKSmartCardToken> FakeTokenKit::allocSmartCardToken() noexcept {
   return token;
 }
 
-std::shared_ptr<TKTokenSession> FakeTokenKit::allocTokenSession() noexcept {
+std::shared_ptr<TKSmartCardTokenSession> FakeTokenKit::allocTokenSession() noexcept {
   auto session = std::make_shared<FakeTokenSession>(script);
   lastSession_ = session;
   return session;
@@ -60,6 +61,14 @@ std::shared_ptr<TKTokenKeychainKey> FakeTokenKit::allocKeychainKey() noexcept {
   return std::make_shared<FakeKeychainKey>(script);
 }
 
-FakeSmartCard::FakeSmartCard(const Text& readerName) : slot_{std::make_shared<FakeSlot>(readerName)} {}
+std::shared_ptr<TKTokenSmartCardPINAuthOperation> FakeTokenKit::allocPINAuthOperation() noexcept {
+  auto operation = std::make_shared<FakePinOperation>(script);
+  lastPinOperation_ = operation;
+  return operation;
+}
+
+std::shared_ptr<TKSmartCardPINFormat> FakeTokenKit::allocPINFormat() noexcept {
+  return std::make_shared<FakePinFormat>();
+}
 
 }  // namespace mirel::test

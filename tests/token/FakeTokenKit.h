@@ -9,6 +9,8 @@
 #include <vector>
 
 #include "platform/TokenKit.h"
+#include "token/FakePinOperation.h"
+#include "token/FakeSmartCard.h"
 
 namespace mirel::test {
 
@@ -25,10 +27,17 @@ struct TokenKitScript {
   bool refusesCertificateItems = false;
   /// The object identifiers for which the base initialiser of key items refuses.
   std::set<std::u16string> refusedKeyItems;
+  /// The base initialiser of PIN operations refuses.
+  bool refusesPinOperations = false;
   /// Tokens offer no contents to fill.
   bool withoutContents = false;
   /// Called when the base initialiser of a token runs.
   std::function<void()> whenTokenIsInitialised = [] {};
+  /// The same for PIN operations.
+  std::function<void()> whenPinOperationIsInitialised = [] {};
+
+  /// The reader that new sessions are connected to.
+  Text readerName{u"Reader A 00"};
 };
 
 class FakeKeychainContents final : public TKTokenKeychainContents {
@@ -39,10 +48,8 @@ class FakeKeychainContents final : public TKTokenKeychainContents {
   [[nodiscard]] std::vector<std::shared_ptr<TKTokenKeychainItem>> items() const noexcept override {
     return fills.empty() ? std::vector<std::shared_ptr<TKTokenKeychainItem>>{} : fills.back();
   }
-  [[nodiscard]] std::shared_ptr<TKTokenKeychainKey> keyForObjectID(const Text&,
-                                                                   TKErrorPointer) noexcept override {
-    return nullptr;
-  }
+  [[nodiscard]] std::shared_ptr<TKTokenKeychainKey> keyForObjectID(const Text& objectID,
+                                                                   TKErrorPointer outError) noexcept override;
 
   /// The items of every time it was filled.
   std::vector<std::vector<std::shared_ptr<TKTokenKeychainItem>>> fills;
@@ -73,20 +80,28 @@ class FakeSmartCardToken final : public TKSmartCardToken {
   std::shared_ptr<const TokenKitScript> script_;
 };
 
-class FakeTokenSession final : public TKTokenSession {
+/// A session with a connection to the card of its own.
+class FakeTokenSession final : public TKSmartCardTokenSession {
  public:
-  explicit FakeTokenSession(std::shared_ptr<const TokenKitScript> script) : script_{std::move(script)} {}
+  explicit FakeTokenSession(std::shared_ptr<const TokenKitScript> script)
+      : card{std::make_shared<FakeSmartCard>(script->readerName)}, script_{std::move(script)} {}
 
   [[nodiscard]] bool initWithToken(const std::shared_ptr<TKSmartCardToken>& token) noexcept override {
     initialisedWith.push_back(token.get());
+    token_ = token;
     return !script_->refusesSessions;
   }
+  [[nodiscard]] std::shared_ptr<TKSmartCardToken> token() const noexcept override { return token_.lock(); }
+  [[nodiscard]] std::shared_ptr<TKSmartCard> smartCard() const noexcept override { return card; }
 
   /// The token of each run of the base initialiser; only to be compared.
   std::vector<const TKSmartCardToken*> initialisedWith;
+  /// Null: there is no connection.
+  std::shared_ptr<FakeSmartCard> card;
 
  private:
   std::shared_ptr<const TokenKitScript> script_;
+  std::weak_ptr<TKSmartCardToken> token_;
 };
 
 /// What certificate and key items have in common.
@@ -160,29 +175,25 @@ class FakeKeychainKey final : public FakeItem<TKTokenKeychainKey> {
 class FakeTokenKit final : public TokenKit {
  public:
   [[nodiscard]] std::shared_ptr<TKSmartCardToken> allocSmartCardToken() noexcept override;
-  [[nodiscard]] std::shared_ptr<TKTokenSession> allocTokenSession() noexcept override;
+  [[nodiscard]] std::shared_ptr<TKSmartCardTokenSession> allocTokenSession() noexcept override;
   [[nodiscard]] std::shared_ptr<TKTokenKeychainCertificate> allocKeychainCertificate() noexcept override;
   [[nodiscard]] std::shared_ptr<TKTokenKeychainKey> allocKeychainKey() noexcept override;
+  [[nodiscard]] std::shared_ptr<TKTokenSmartCardPINAuthOperation> allocPINAuthOperation() noexcept override;
+  [[nodiscard]] std::shared_ptr<TKSmartCardPINFormat> allocPINFormat() noexcept override;
 
   const std::shared_ptr<TokenKitScript> script = std::make_shared<TokenKitScript>();
 
   /// What was allocated last; null when nobody uses it any more.
   [[nodiscard]] std::shared_ptr<FakeSmartCardToken> lastToken() const { return lastToken_.lock(); }
   [[nodiscard]] std::shared_ptr<FakeTokenSession> lastSession() const { return lastSession_.lock(); }
+  [[nodiscard]] std::shared_ptr<FakePinOperation> lastPinOperation() const {
+    return lastPinOperation_.lock();
+  }
 
  private:
   std::weak_ptr<FakeSmartCardToken> lastToken_;
   std::weak_ptr<FakeTokenSession> lastSession_;
-};
-
-/// A reader and the card in it.
-class FakeSmartCard final : public TKSmartCard {
- public:
-  explicit FakeSmartCard(const Text& readerName);
-  [[nodiscard]] std::shared_ptr<TKSmartCardSlot> slot() const noexcept override { return slot_; }
-
- private:
-  std::shared_ptr<TKSmartCardSlot> slot_;
+  std::weak_ptr<FakePinOperation> lastPinOperation_;
 };
 
 }  // namespace mirel::test

@@ -37,6 +37,13 @@ TEST_F(TokenSession, InitialisesThePlatformsSessionWithItsToken) {
   EXPECT_THAT(base->initialisedWith, ElementsAre(token.get()));
 }
 
+TEST_F(TokenSession, HasTheTokenAndTheCardOfThePlatformsSession) {
+  const auto token = newToken();
+  EXPECT_TRUE(session.initWithToken(token));
+  EXPECT_EQ(session.token(), token);
+  EXPECT_EQ(session.smartCard(), base->card);
+}
+
 TEST_F(TokenSession, IsNotAuthenticatedAtFirst) {
   EXPECT_TRUE(session.initWithToken(newToken()));
   EXPECT_EQ(session.authState(), 0);

@@ -4,6 +4,8 @@
 #include <string>
 #include <string_view>
 
+#include "platform/TokenKit.h"
+
 namespace mirel {
 
 /// What "%@" prints for an object: its class and address, "(null)" for none.
@@ -18,5 +20,13 @@ namespace mirel {
   text.append(className).append(": 0x").append(digits).append(">");
   return text;
 }
+
+/// What "%@" prints for an error.
+[[nodiscard]] inline std::string errorDescription(const TKError& error) {
+  return "Error Domain=" + error.domain.orNullMark().toUtf8() + " Code=" + std::to_string(error.code);
+}
+
+/// What "%@" prints for a byte string: its length and its bytes, of a long one only the first and the last.
+[[nodiscard]] std::string dataDescription(const Bytes& data);
 
 }  // namespace mirel

@@ -26,10 +26,6 @@ constexpr int kSessionNoErrorLine = 150;
 constexpr int kSessionErrorLine = 152;
 constexpr int kSessionLine = 155;
 
-std::string errorDescription(const TKError& error) {
-  return "Error Domain=" + error.domain.orNullMark().toUtf8() + " Code=" + std::to_string(error.code);
-}
-
 }  // namespace
 
 MirelSCToken::MirelSCToken(PlatformServices services, std::shared_ptr<TKSmartCardToken> base) noexcept

@@ -1,7 +1,12 @@
 #include "token/MirelSCTokenSession.h"
 
+#include <algorithm>
+#include <iterator>
+
+#include "platform/LocalizedStrings.h"
 #include "platform/Log.h"
 #include "token/MirelSCToken.h"
+#include "token/MirelSCTokenAuth.h"
 
 namespace mirel {
 namespace {
@@ -12,10 +17,18 @@ constexpr int kRefusedLine = 73;
 constexpr int kNoProviderLine = 78;
 constexpr int kEndLine = 81;
 
+constexpr std::u16string_view kPinConstraints[] = {u"PIN", u"PINAlways"};
+constexpr std::string_view kConstraintNotSupportedKey = "Not suppport this constraint";
+
+bool asksForPin(const Text& constraint) noexcept {
+  return std::any_of(std::begin(kPinConstraints), std::end(kPinConstraints),
+                     [&](std::u16string_view name) { return constraint == Text{name}; });
+}
+
 }  // namespace
 
 MirelSCTokenSession::MirelSCTokenSession(PlatformServices services,
-                                         std::shared_ptr<TKTokenSession> base) noexcept
+                                         std::shared_ptr<TKSmartCardTokenSession> base) noexcept
     : services_{std::move(services)}, base_{std::move(base)} {}
 
 bool MirelSCTokenSession::initWithToken(const std::shared_ptr<MirelSCToken>& token) noexcept {
@@ -29,6 +42,21 @@ bool MirelSCTokenSession::initWithToken(const std::shared_ptr<MirelSCToken>& tok
   setSp(provider);
   services_.log->systemDefault(logLine("CTK [%s-%d] ---END---", kUnit, kEndLine));
   return true;
+}
+
+std::shared_ptr<TKTokenAuthOperation> MirelSCTokenSession::beginAuthForOperation(
+    const std::shared_ptr<TKTokenSession>&, TKTokenOperation, const Text& constraint,
+    TKErrorPointer outError) noexcept {
+  if (asksForPin(constraint)) {
+    auto operation =
+        std::make_shared<MirelSCTokenAuth>(services_, services_.tokenKit->allocPINAuthOperation());
+    return operation->initWithSession(weak_from_this().lock()) ? operation : nullptr;
+  }
+  if (outError) {
+    *outError = TKError{Text{kTKErrorDomain}, static_cast<std::int64_t>(TKErrorCode::kBadParameter),
+                        services_.strings->localizedString(kConstraintNotSupportedKey)};
+  }
+  return nullptr;
 }
 
 }  // namespace mirel

@@ -13,6 +13,8 @@
 #include <vector>
 
 #include "platform/Certificate.h"
+#include "platform/SecKeyAlgorithm.h"
+#include "platform/SecretText.h"
 #include "platform/Text.h"
 
 namespace mirel {
@@ -73,6 +75,18 @@ class TKSmartCard : public TKTokenObject {
  public:
   /// Never null.
   [[nodiscard]] virtual std::shared_ptr<TKSmartCardSlot> slot() const noexcept = 0;
+
+  /// The class byte of commands to the card (ISO 7816-4, section 5.4.1).
+  [[nodiscard]] virtual std::uint8_t cla() const noexcept = 0;
+
+  /// A sensitive card is reset before another application gets it.
+  [[nodiscard]] virtual bool sensitive() const noexcept = 0;
+  virtual void setSensitive(bool value) noexcept = 0;
+
+  /// A mark that its user may leave on the connection to the card; nothing when there is none, as after a
+  /// reset of the card. (An object of another kind than a boolean reads as true.)
+  [[nodiscard]] virtual std::optional<bool> context() const noexcept = 0;
+  virtual void setContext(std::optional<bool> value) noexcept = 0;
 };
 
 /// From operation to the name of what must happen before it.
@@ -173,6 +187,112 @@ class TKTokenSession : public TKTokenObject {
  public:
   /// The base initialiser. False when the system refuses.
   [[nodiscard]] virtual bool initWithToken(const std::shared_ptr<TKSmartCardToken>& token) noexcept = 0;
+
+  /// The token it was made for; null when that has gone.
+  [[nodiscard]] virtual std::shared_ptr<TKSmartCardToken> token() const noexcept = 0;
+};
+
+class TKSmartCardTokenSession : public TKTokenSession {
+ public:
+  /// The session's connection to the card; null when there is none.
+  [[nodiscard]] virtual std::shared_ptr<TKSmartCard> smartCard() const noexcept = 0;
+};
+
+/// An algorithm as a client asked for it.
+class TKTokenKeyAlgorithm : public TKTokenObject {
+ public:
+  /// True when data arrive, and results are expected, in the form of exactly that algorithm.
+  [[nodiscard]] virtual bool isAlgorithm(SecKeyAlgorithm algorithm) const noexcept = 0;
+};
+
+/// What a key exchange is to be made with.
+class TKTokenKeyExchangeParameters : public TKTokenObject {};
+
+/// An authentication that is under way.
+class TKTokenAuthOperation : public TKTokenObject {
+ public:
+  /// Called when what it needs has been filled in. True when the user is authenticated.
+  [[nodiscard]] virtual bool finishWithError(TKErrorPointer outError) noexcept = 0;
+};
+
+enum class TKSmartCardPINCharset { kNumeric = 0, kAlphanumeric = 1, kUpperAlphanumeric = 2 };
+enum class TKSmartCardPINEncoding { kBinary = 0, kASCII = 1, kBCD = 2 };
+enum class TKSmartCardPINJustification { kLeft = 0, kRight = 1 };
+
+/// How a PIN is laid into a command. New ones have the platform's defaults: numeric, ASCII, 4 to 8
+/// characters, a block of 8 bytes, left-justified, offsets and length field 0.
+class TKSmartCardPINFormat : public TKTokenObject {
+ public:
+  [[nodiscard]] virtual TKSmartCardPINCharset charset() const noexcept = 0;
+  [[nodiscard]] virtual TKSmartCardPINEncoding encoding() const noexcept = 0;
+  [[nodiscard]] virtual int minPINLength() const noexcept = 0;        ///< characters
+  [[nodiscard]] virtual int maxPINLength() const noexcept = 0;        ///< characters
+  [[nodiscard]] virtual int PINBlockByteLength() const noexcept = 0;  ///< bytes
+  [[nodiscard]] virtual TKSmartCardPINJustification PINJustification() const noexcept = 0;
+  [[nodiscard]] virtual int PINBitOffset() const noexcept = 0;  ///< bits
+  virtual void setPINBitOffset(int value) noexcept = 0;
+  [[nodiscard]] virtual int PINLengthBitOffset() const noexcept = 0;  ///< bits
+  [[nodiscard]] virtual int PINLengthBitSize() const noexcept = 0;    ///< bits; 0: no length is written
+};
+
+/// An authentication by a PIN, which the system asks the user for.
+class TKTokenSmartCardPINAuthOperation : public TKTokenAuthOperation {
+ public:
+  /// The base initialiser. False when the system refuses (then the object must not be used).
+  [[nodiscard]] virtual bool init() noexcept = 0;
+
+  [[nodiscard]] virtual std::shared_ptr<TKSmartCard> smartCard() const noexcept = 0;
+  virtual void setSmartCard(const std::shared_ptr<TKSmartCard>& card) noexcept = 0;
+
+  /// The command that the PIN is laid into; null: none.
+  [[nodiscard]] virtual Bytes APDUTemplate() const noexcept = 0;
+  virtual void setAPDUTemplate(const Bytes& command) noexcept = 0;
+
+  [[nodiscard]] virtual std::shared_ptr<TKSmartCardPINFormat> PINFormat() const noexcept = 0;
+  virtual void setPINFormat(const std::shared_ptr<TKSmartCardPINFormat>& format) noexcept = 0;
+
+  /// What the user has entered; null until then. The system drops it when the operation is finished.
+  [[nodiscard]] virtual std::shared_ptr<const SecretText> PIN() const noexcept = 0;
+  virtual void setPIN(const std::shared_ptr<const SecretText>& pin) noexcept = 0;
+};
+
+/// What a session answers to the system, for the client it was made for. Keys are named by their object
+/// identifiers.
+class TKTokenSessionDelegate {
+ public:
+  TKTokenSessionDelegate() = default;
+  TKTokenSessionDelegate(const TKTokenSessionDelegate&) = delete;
+  TKTokenSessionDelegate& operator=(const TKTokenSessionDelegate&) = delete;
+  virtual ~TKTokenSessionDelegate() = default;
+
+  /// The operation that authenticates the user, or null. `constraint`: what the key asks for before the
+  /// operation; null when that is no text.
+  [[nodiscard]] virtual std::shared_ptr<TKTokenAuthOperation> beginAuthForOperation(
+      const std::shared_ptr<TKTokenSession>& session, TKTokenOperation operation, const Text& constraint,
+      TKErrorPointer outError) noexcept = 0;
+
+  /// Whether the key can do that. Never asks for a PIN.
+  [[nodiscard]] virtual bool supportsOperation(const std::shared_ptr<TKTokenSession>& session,
+                                               TKTokenOperation operation, const Text& keyObjectID,
+                                               const TKTokenKeyAlgorithm& algorithm) noexcept = 0;
+
+  /// The signature, or null.
+  [[nodiscard]] virtual Bytes signData(const std::shared_ptr<TKTokenSession>& session,
+                                       const Bytes& dataToSign, const Text& keyObjectID,
+                                       const TKTokenKeyAlgorithm& algorithm,
+                                       TKErrorPointer outError) noexcept = 0;
+
+  /// The plain text, or null.
+  [[nodiscard]] virtual Bytes decryptData(const std::shared_ptr<TKTokenSession>& session,
+                                          const Bytes& ciphertext, const Text& keyObjectID,
+                                          const TKTokenKeyAlgorithm& algorithm,
+                                          TKErrorPointer outError) noexcept = 0;
+
+  /// The shared secret, or null. `parameters` may be null.
+  [[nodiscard]] virtual Bytes performKeyExchangeWithPublicKey(
+      const std::shared_ptr<TKTokenSession>& session, const Bytes& otherPartyPublicKey,
+      const Text& keyObjectID, const TKTokenKeyAlgorithm& algorithm,
+      const std::shared_ptr<TKTokenKeyExchangeParameters>& parameters, TKErrorPointer outError) noexcept = 0;
 };
 
 /// The driver object that the system holds for the whole process.
@@ -203,9 +323,14 @@ class TokenKit {
   virtual ~TokenKit() = default;
 
   [[nodiscard]] virtual std::shared_ptr<TKSmartCardToken> allocSmartCardToken() noexcept = 0;
-  [[nodiscard]] virtual std::shared_ptr<TKTokenSession> allocTokenSession() noexcept = 0;
+  [[nodiscard]] virtual std::shared_ptr<TKSmartCardTokenSession> allocTokenSession() noexcept = 0;
   [[nodiscard]] virtual std::shared_ptr<TKTokenKeychainCertificate> allocKeychainCertificate() noexcept = 0;
   [[nodiscard]] virtual std::shared_ptr<TKTokenKeychainKey> allocKeychainKey() noexcept = 0;
+  [[nodiscard]] virtual std::shared_ptr<TKTokenSmartCardPINAuthOperation>
+  allocPINAuthOperation() noexcept = 0;
+
+  /// Needs no further initialisation.
+  [[nodiscard]] virtual std::shared_ptr<TKSmartCardPINFormat> allocPINFormat() noexcept = 0;
 };
 
 }  // namespace mirel

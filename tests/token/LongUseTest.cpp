@@ -1,0 +1,114 @@
+#include <malloc.h>
+
+#include <filesystem>
+#include <functional>
+#include <iterator>
+
+#include "token/ClientSessionTest.h"
+
+namespace mirel::test {
+namespace {
+
+constexpr int kRounds = 1000;
+constexpr int kFirstRounds = 20;  // until every buffer has got its size
+
+/// Less than anything that stays behind in each round.
+constexpr std::size_t kHeapNoise = 16 * kRounds;  // bytes
+
+[[nodiscard]] std::size_t openFiles() {
+  const std::filesystem::directory_iterator files{"/proc/self/fd"};
+  return static_cast<std::size_t>(std::distance(begin(files), end(files)));
+}
+
+/// Bytes of the heap that are in use. (Always 0 where the address sanitizer has its own heap; there its
+/// search for leaks tells.)
+[[nodiscard]] std::size_t heapInUse() { return mallinfo2().uordblks; }
+
+/// What stays in the process after many operations, without what the fakes keep of each.
+class LongUse : public LoggedInTest {
+ protected:
+  void forgetAll() {
+    script.forgetCalls();
+    memory->reset();
+    loader->calls.clear();
+    observer->events.clear();
+    strings->askedFor.clear();
+    for (auto* const lines :
+         {&log->allLines, &log->processLines, &log->systemDefaultLines, &log->systemErrorLines}) {
+      lines->clear();
+      lines->shrink_to_fit();
+    }
+  }
+
+  void repeat(int rounds, const std::function<void()>& round) {
+    for (int i = 0; i < rounds && !HasFailure(); ++i) {
+      round();
+      ASSERT_EQ(memory->outstanding(), 0U);
+      forgetAll();
+    }
+  }
+};
+
+TEST_F(LongUse, OfOneLoginForAThousandSignaturesLeavesNothingBehind) {
+  const Value data = patternValue(256, 1);
+  const Bytes signature{resultOf(CKM_RSA_X_509, data, 256)};
+  const auto round = [&] {
+    std::optional<TKError> error;
+    ASSERT_EQ(session->signData(session, Bytes{data}, kKey,
+                                FakeKeyAlgorithm{SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureRaw}, &error),
+              signature);
+    ASSERT_EQ(error, std::nullopt);
+  };
+  repeat(kFirstRounds, round);
+  const std::size_t files = openFiles();
+  const std::size_t heap = heapInUse();
+  repeat(kRounds, round);
+  EXPECT_EQ(openFiles(), files);
+  EXPECT_LE(heapInUse(), heap + kHeapNoise);
+  EXPECT_EQ(script.openSessions().size(), 2U);
+  EXPECT_TRUE(script.openOperations().empty());
+}
+
+TEST_F(LongUse, OfAThousandLoginsLeavesOneSessionOfTheModuleBehindEach) {
+  const auto round = [&] {
+    script.card().loggedIn = false;
+    ASSERT_TRUE(login());
+  };
+  repeat(kFirstRounds, round);
+  const std::size_t files = openFiles();
+  const std::size_t heap = heapInUse();
+  const std::size_t sessionsBefore = script.openSessions().size();
+  repeat(kRounds, round);
+  EXPECT_EQ(openFiles(), files);
+  EXPECT_EQ(sessionsBefore, 2U + kFirstRounds);
+  const auto sessions = script.openSessions();
+  EXPECT_EQ(sessions.size(), sessionsBefore + kRounds);
+
+  // They are the module's; without them nothing is left.
+  for (std::size_t i = sessionsBefore; i < sessions.size(); ++i) script.closeSession(sessions[i]);
+  EXPECT_LE(heapInUse(), heap + kHeapNoise);
+  leavesOpen(script.openSessions());
+}
+
+TEST_F(LongUse, OfAThousandRefusedPinsLeavesOneSessionOfTheModuleBehindEach) {
+  const auto round = [&] {
+    script.card().loggedIn = false;
+    script.card().triesLeft = 3;
+    std::optional<TKError> error;
+    ASSERT_FALSE(login(u"000000", &error));
+    ASSERT_TRUE(error);
+  };
+  repeat(kFirstRounds, round);
+  const std::size_t files = openFiles();
+  const std::size_t heap = heapInUse();
+  repeat(kRounds, round);
+  EXPECT_EQ(openFiles(), files);
+  const auto sessions = script.openSessions();
+  EXPECT_EQ(sessions.size(), 2U + kFirstRounds + kRounds);
+  for (std::size_t i = 2U + kFirstRounds; i < sessions.size(); ++i) script.closeSession(sessions[i]);
+  EXPECT_LE(heapInUse(), heap + kHeapNoise);
+  leavesOpen(script.openSessions());
+}
+
+}  // namespace
+}  // namespace mirel::test

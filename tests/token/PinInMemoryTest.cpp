@@ -1,0 +1,171 @@
+#include <array>
+#include <memory>
+#include <string_view>
+
+#include "platform/Memory.h"
+#include "token/ClientSessionTest.h"
+#include "token/ProcessMemory.h"
+
+namespace mirel::test {
+namespace {
+
+/// A copy of the PIN in a place of the test's choice, until the copy ends.
+template <typename Character>
+class PlantedPin {
+ public:
+  explicit PlantedPin(const HiddenPin& pin) {
+    for (std::size_t i = 0; i < HiddenPin::kSize; ++i) characters_[i] = static_cast<Character>(pin.at(i));
+  }
+  PlantedPin(const PlantedPin&) = delete;
+  PlantedPin& operator=(const PlantedPin&) = delete;
+  ~PlantedPin() { wipe(characters_, sizeof characters_); }
+
+  [[nodiscard]] std::basic_string_view<Character> text() const { return {characters_, HiddenPin::kSize}; }
+
+ private:
+  Character characters_[HiddenPin::kSize];
+};
+
+/// Calls it far down the stack, where nothing writes afterwards over what it leaves behind.
+template <typename Function>
+[[gnu::noinline]] auto farDown(const Function& function) {
+  constexpr std::size_t kGap = 262144;  // bytes
+  volatile char gap[kGap];
+  gap[0] = 0;
+  const auto result = function();
+  gap[kGap - 1] = gap[0];
+  return result;
+}
+
+/// A login with a PIN that nobody else in this process has. The scripted module keeps it only as the
+/// hexadecimal digits of its record of calls.
+class PinInMemory : public ClientSessionTest {
+ protected:
+  PinInMemory() {
+    script.hook<&CK_FUNCTION_LIST::C_Login>(
+        [this](auto, CK_SESSION_HANDLE, CK_USER_TYPE, CK_UTF8CHAR_PTR bytes, CK_ULONG size) -> CK_RV {
+          bool matches = size == HiddenPin::kSize;
+          for (std::size_t i = 0; matches && i < HiddenPin::kSize; ++i) matches = bytes[i] == pin.at(i);
+          gotPin = matches;
+          if (!matches || !accepts) return CKR_PIN_INCORRECT;
+          script.card().loggedIn = true;
+          return CKR_OK;
+        });
+    leavesOpen({kCardSession, kLoginSession});
+  }
+
+  [[nodiscard]] std::shared_ptr<const SecretText> entered() const {
+    return std::make_shared<const SecretText>(PlantedPin<char16_t>{pin}.text());
+  }
+
+  /// Enters the PIN, finishes the operation and drops both. In between only what the user has entered is
+  /// there.
+  [[nodiscard]] bool enterAndDrop(TKErrorPointer outError = nullptr) {
+    const auto operation = pinOperation(*session, u"");
+    operation->setPIN(entered());
+    const bool accepted = farDown([&] { return operation->finishWithError(outError); });
+    const PinCopies copies = copiesInMemory(pin);
+    EXPECT_EQ(copies.ascii, 0U);
+    EXPECT_EQ(copies.utf16, 1U);
+    operation->setPIN(nullptr);
+    return accepted;
+  }
+
+  void expectNowhere() const {
+    const PinCopies copies = copiesInMemory(pin);
+    EXPECT_EQ(copies.ascii, 0U);
+    EXPECT_EQ(copies.utf16, 0U);
+  }
+
+  const HiddenPin pin;
+  bool accepts = true;
+  bool gotPin = false;
+};
+
+TEST_F(PinInMemory, IsFoundWhereItIs) {
+  expectNowhere();
+  {
+    const PlantedPin<char> onTheStack{pin};
+    const auto onTheHeap = std::make_unique<PlantedPin<char>>(pin);
+    EXPECT_EQ(copiesInMemory(pin).ascii, 2U);
+    const auto wide = std::make_unique<PlantedPin<char16_t>>(pin);
+    EXPECT_EQ(copiesInMemory(pin).utf16, 1U);
+    EXPECT_EQ(copiesInMemory(pin).ascii, 2U);
+  }
+  expectNowhere();
+  leavesOpen({kCardSession});
+}
+
+TEST_F(PinInMemory, IsFoundInABlockThatWasGivenBackAsItWas) {
+  // Far from the front, which the heap uses for itself and for the next small blocks, and below another
+  // block, so that the heap keeps it.
+  constexpr std::size_t kBlockSize = 65536;
+  constexpr std::size_t kPlace = 60000;
+  auto block = std::make_unique<std::array<char, kBlockSize>>();
+  const auto above = std::make_unique<std::array<char, kBlockSize>>();
+  for (std::size_t i = 0; i < HiddenPin::kSize; ++i) (*block)[kPlace + i] = static_cast<char>(pin.at(i));
+  block.reset();
+  EXPECT_EQ(copiesInMemory(pin).ascii, 1U);
+  leavesOpen({kCardSession});
+}
+
+TEST_F(PinInMemory, IsFoundOnAStackThatWasGivenBackAsItWas) {
+  const bool planted = farDown([this] {
+    volatile char copy[HiddenPin::kSize];
+    for (std::size_t i = 0; i < HiddenPin::kSize; ++i) copy[i] = static_cast<char>(pin.at(i));
+    return copy[0] != 0;
+  });
+  EXPECT_TRUE(planted);
+  EXPECT_EQ(copiesInMemory(pin).ascii, 1U);
+  leavesOpen({kCardSession});
+}
+
+TEST_F(PinInMemory, IsThereAsLongAsItIsEntered) {
+  const auto operation = pinOperation(*session, u"");
+  operation->setPIN(entered());
+  const PinCopies copies = copiesInMemory(pin);
+  EXPECT_EQ(copies.utf16, 1U);
+  EXPECT_EQ(copies.ascii, 0U);
+  EXPECT_TRUE(operation->finishWithError(nullptr));
+}
+
+TEST_F(PinInMemory, IsNowhereAfterALogin) {
+  EXPECT_TRUE(enterAndDrop());
+  EXPECT_TRUE(gotPin);
+  expectNowhere();
+}
+
+TEST_F(PinInMemory, IsNowhereAfterARefusal) {
+  accepts = false;
+  std::optional<TKError> error;
+  EXPECT_FALSE(enterAndDrop(&error));
+  EXPECT_TRUE(gotPin);
+  expectNowhere();
+}
+
+TEST_F(PinInMemory, IsNowhereAfterALoginThatNeverReachedTheCard) {
+  script.pullCard();
+  EXPECT_FALSE(enterAndDrop());
+  EXPECT_FALSE(gotPin);
+  expectNowhere();
+  leavesOpen({});
+}
+
+TEST_F(PinInMemory, IsNowhereAfterALoginWithoutAProvider) {
+  session->setSp(nullptr);
+  EXPECT_FALSE(enterAndDrop());
+  expectNowhere();
+  leavesOpen({kCardSession});
+}
+
+TEST_F(PinInMemory, IsNowhereAfterALoginAndASignature) {
+  EXPECT_TRUE(enterAndDrop());
+  const Value data = patternValue(256, 1);
+  EXPECT_EQ(session->signData(session, Bytes{data}, kKey,
+                              FakeKeyAlgorithm{SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureRaw}, nullptr),
+            Bytes{resultOf(CKM_RSA_X_509, data, 256)});
+  expectNowhere();
+}
+
+}  // namespace
+}  // namespace mirel::test
