@@ -1,6 +1,5 @@
 #include <algorithm>
 #include <array>
-#include <iterator>
 
 #include "CryptokiCall.h"
 #include "CryptokiValues.h"
@@ -127,10 +126,12 @@ CK_RV P11Bridge::pkcs11_genECDSA(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE key
     if (isNoHandle(session) || isNoHandle(keyObject)) return CKR_ARGUMENTS_BAD;
     if (!data || dataLen == 0 || !ioSignatureLen || capacity == 0) return CKR_ARGUMENTS_BAD;
     if (keySizeInBits == 0 || keySizeInBits > kMaxKeySizeInBits) return CKR_ARGUMENTS_BAD;
+    // Oddity: larger keys pass the check above, only to be refused with another code.
     if (keySizeInBits != 256 && keySizeInBits != 384) return CKR_CURVE_NOT_SUPPORTED;
 
     CK_OBJECT_HANDLE key = 0;
     if (CK_RV rv = pkcs11_getCorrespondingPrivateKey(session, keyObject, &key); rv != CKR_OK) return rv;
+    // Oddity: the size query leaves the caller its own value.
     if (!outSignature) return isNoHandle(*ioSignatureLen) ? CKR_KEY_HANDLE_INVALID : CKR_OK;
 
     CK_MECHANISM mechanism{CKM_ECDSA, nullptr, 0};

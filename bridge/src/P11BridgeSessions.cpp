@@ -94,6 +94,7 @@ CK_RV P11Bridge::pkcs11_UserLogin(CK_SESSION_HANDLE session, const CK_BYTE* pin,
     if (info.slotID == kNoHandle) return CKR_SLOT_ID_INVALID;
     // Bit 0 is set in CKS_RO_USER_FUNCTIONS and CKS_RW_USER_FUNCTIONS alone.
     const bool userState = (info.state & CKS_RO_USER_FUNCTIONS) != 0;
+    // Oddity: the session's device error becomes the result of a good login.
     return userState ? info.ulDeviceError : kLoginDidNotTake;
   });
 }

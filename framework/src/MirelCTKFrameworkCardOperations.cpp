@@ -135,7 +135,7 @@ bool MirelCTKFramework::PerformOAEPDecrypt(const char* readerName,
   const auto bridge = p11Bridge();
   const CK_SESSION_HANDLE session = p11ServiceInfo_->hSession();
   log.process(logLine("[%s-%d] %s", kUnit, kOAEPStartLine, kOAEPMethod));
-  CK_OBJECT_HANDLE unused = 0;  // the bridge looks for it once more
+  CK_OBJECT_HANDLE unused = 0;  // Oddity: only a test; the bridge looks for the key once more
   if (!findPrivateKey(*bridge, session, publicHandleOf(key), unused)) return false;
   log.process(logLine("[%s-%d] %s", kUnit, kOAEPKeyFoundLine, kOAEPMethod));
   if (bridge->pkcs11_genDecryptOAEP(session, publicHandleOf(key), cipher, cipherLen, hash, outPlain,
@@ -153,7 +153,7 @@ bool MirelCTKFramework::PerformPKCS1Decrypt(const char* readerName,
   if (!isReady(readerName)) return false;
   const auto bridge = p11Bridge();
   const CK_SESSION_HANDLE session = p11ServiceInfo_->hSession();
-  CK_OBJECT_HANDLE unused = 0;  // the bridge looks for it once more
+  CK_OBJECT_HANDLE unused = 0;  // Oddity: only a test; the bridge looks for the key once more
   if (!findPrivateKey(*bridge, session, publicHandleOf(key), unused)) return false;
   if (bridge->pkcs11_genDecryptPKCS1(session, publicHandleOf(key), cipher, cipherLen, outPlain, outPlainLen,
                                      capacity) != CKR_OK) {

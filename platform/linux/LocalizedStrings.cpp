@@ -2,9 +2,7 @@
 
 #include <libintl.h>
 
-#include <algorithm>
 #include <filesystem>
-#include <iterator>
 #include <string>
 #include <system_error>
 
@@ -12,23 +10,6 @@ namespace mirel {
 namespace {
 
 constexpr const char* kDomain = "mireltoken";
-
-struct EnglishString {
-  std::string_view key;
-  const char* text;
-};
-
-/// Made from the English Localizable.strings.
-constexpr EnglishString kEnglishStrings[] = {
-#include "EnglishStrings.inc"
-};
-
-/// Null when there is no such key.
-const char* englishText(std::string_view key) noexcept {
-  const auto* const row = std::find_if(std::begin(kEnglishStrings), std::end(kEnglishStrings),
-                                       [&](const EnglishString& known) { return known.key == key; });
-  return row == std::end(kEnglishStrings) ? nullptr : row->text;
-}
 
 /// Where the catalogues lie, beside the running program: in the build folder, or as installed.
 std::string catalogueFolder() {
@@ -54,8 +35,7 @@ class GettextStrings final : public LocalizedStrings {
     const std::string name{key};
     const char* text = dgettext(kDomain, name.c_str());
     // The C locale has no catalogue, and some locales lack a translation: both read English.
-    const char* fallback = text == name.c_str() ? englishText(key) : nullptr;
-    return Text::fromUtf8(fallback ? fallback : text);
+    return Text::fromUtf8(text == name.c_str() ? englishString(key) : text);
   }
 };
 

@@ -53,4 +53,15 @@ bool containsIgnoringCase(const Text& text, std::u16string_view letters) noexcep
                      [&](char16_t a, char16_t b) { return folded(a) == folded(b); }) != units.end();
 }
 
+bool isValidUtf8(std::span<const std::uint8_t> bytes) noexcept {
+  std::string_view rest{reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+  while (!rest.empty()) {
+    const DecodedCharacter next = decodedFromUtf8(rest);
+    // The replacement character itself takes three bytes.
+    if (next.character == 0xFFFD && next.size == 1) return false;
+    rest.remove_prefix(next.size);
+  }
+  return true;
+}
+
 }  // namespace mirel

@@ -28,7 +28,8 @@ static_assert(std::endian::native == std::endian::little);
 using TokenInfoBytes =
     std::array<std::uint8_t, offsetof(CK_TOKEN_INFO, utcTime) + sizeof CK_TOKEN_INFO::utcTime>;
 
-/// The bytes from `offset` to the first zero byte. Oddity: they run on through the fields behind, which
+/// The bytes from `offset` to the first zero byte.
+/// Oddity: they run on through the fields behind, which
 /// is part of the name the token is known under; they end with the structure at the latest.
 Text zeroTerminatedText(const TokenInfoBytes& info, std::size_t offset) {
   const auto start = info.begin() + static_cast<std::ptrdiff_t>(offset);

@@ -1,36 +1,24 @@
 #include <algorithm>
 #include <array>
+#include <optional>
 #include <span>
 #include <string>
+#include <vector>
 
 #include "bridge/PKCS11_SERVICE_INFO.h"
 #include "framework/MirelCTKFramework.h"
 #include "platform/Log.h"
-#include "platform/Memory.h"
+#include "platform/SecretBytes.h"
 #include "provider/CryptTKitSProvider.h"
 
 namespace mirel {
 namespace {
 
+/// Oddity: what is reported when the module was not asked.
 constexpr CK_ULONG kTriesLeftAtFirst = 5;
 constexpr std::size_t kPinBlockSize = 8;  // bytes
 constexpr std::u16string_view kRSAMark = u"RSA";
 constexpr std::uint64_t kPadPKCS1 = 1;
-
-/// Bytes of a secret, zeroed at first and wiped at the end.
-template <std::size_t Size>
-class SecretBytes {
- public:
-  SecretBytes() = default;
-  SecretBytes(const SecretBytes&) = delete;
-  SecretBytes& operator=(const SecretBytes&) = delete;
-  ~SecretBytes() { wipe(bytes_.data(), bytes_.size()); }
-
-  [[nodiscard]] std::array<std::uint8_t, Size>& get() noexcept { return bytes_; }
-
- private:
-  std::array<std::uint8_t, Size> bytes_{};
-};
 
 Bytes firstBytes(std::span<const std::uint8_t> buffer, std::size_t count) {
   const auto wanted = buffer.first(count);
@@ -54,9 +42,9 @@ bool CryptTKitSProvider::userLogin(const Text& tokenName, const SecretText& pin,
     // Oddity: the length is the caller's, in characters, though the PIN goes in bytes of UTF-8. So the PIN
     // lies in a block that may be read for any length that is not refused.
     SecretBytes<kPinBlockSize> block;
-    (void)pin.copyUtf8(block.get());
-    accepted = framework->PerformUserLogin(framework->p11ServiceInfo(),
-                                           pin.isNull() ? nullptr : block.get().data(), pinLen, &remains);
+    (void)pin.copyUtf8(block.span());
+    accepted = framework->PerformUserLogin(framework->p11ServiceInfo(), pin.isNull() ? nullptr : block.data(),
+                                           pinLen, &remains);
   }
   set(outRemains, std::optional<std::uint64_t>{remains});
   return accepted;
@@ -75,7 +63,8 @@ bool CryptTKitSProvider::PerformSignHash(const Text& tokenName, const Text& keyN
   const std::string readerName = tokenName.toUtf8();
   const bool signedIt = framework->PerformSignHash(readerName.c_str(), key, algName, dwFlag,
                                                    data.view().data(), dataLen, signature.data(), &length);
-  // Without an answer of the framework the caller's value stands, also where it exceeds the room.
+  // Where the framework has written nothing, which shows only by the value, the caller's stands, also when it
+  // exceeds the room.
   if (signedIt || length != room) *ioSignatureLen = length;
   if (!signedIt || length > room) return false;
   set(outSignature, firstBytes(signature, length));
@@ -97,14 +86,14 @@ bool CryptTKitSProvider::PerformDecryption(const Text& tokenName, const Text& ke
     const std::string readerName = tokenName.toUtf8();
     // Oddity: PKCS #1 v1.5 for every algorithm, OAEP included.
     const bool decrypted = framework->PerformPKCS1Decrypt(readerName.c_str(), key, cipher, cipherLen,
-                                                          plain.get().data(), &length, kMaxPlainLen);
+                                                          plain.data(), &length, kMaxPlainLen);
     *ioPlainLen = length;
     if (!decrypted || length > kMaxPlainLen) return false;
-    set(outPlain, firstBytes(plain.get(), length));
+    set(outPlain, firstBytes(plain.span(), length));
     return true;
   }
   // Oddity: without an operation of the card the answer is zeros, and success.
-  set(outPlain, firstBytes(plain.get(), std::min<CK_ULONG>(length, kMaxPlainLen)));
+  set(outPlain, firstBytes(plain.span(), std::min<CK_ULONG>(length, kMaxPlainLen)));
   return true;
 }
 

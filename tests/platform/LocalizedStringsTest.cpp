@@ -129,5 +129,11 @@ TEST(LocalizedStrings, TakesAKeyForItsLengthAlone) {
   EXPECT_FALSE(strings->localizedString({}).isNull());
 }
 
+TEST(EnglishString, IsThatOfTheEnglishTable) {
+  for (const char* key : {kTriesLeft, kConstraint}) EXPECT_EQ(englishString(key), textIn("en", key));
+}
+
+TEST(EnglishString, IsTheKeyWhenThereIsNone) { EXPECT_EQ(englishString("no such key"), "no such key"); }
+
 }  // namespace
 }  // namespace mirel

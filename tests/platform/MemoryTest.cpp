@@ -3,11 +3,15 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <limits>
 #include <map>
+#include <new>
 #include <vector>
+
+#include "platform/SecretBytes.h"
 
 // The sanitizers end the process when a size is absurd, unless told to answer as the heap does. Their
 // run-time libraries look for these by name.
@@ -185,6 +189,16 @@ TEST(MemoryAllocator, IsEqualToOthersOfTheSameMemory) {
   const MemoryAllocator<int> ints{memory};
   EXPECT_TRUE(ints == MemoryAllocator<char>{ints});
   EXPECT_FALSE(ints == MemoryAllocator<int>{std::make_shared<CountingMemory>()});
+}
+
+TEST(SecretBytes, AreZerosAtFirstAndAtTheEnd) {
+  alignas(SecretBytes<16>) std::array<std::byte, sizeof(SecretBytes<16>)> storage{};
+  storage.fill(std::byte{0xEE});
+  auto* secret = new (storage.data()) SecretBytes<16>;
+  EXPECT_EQ(storage, decltype(storage){});
+  std::fill_n(secret->data(), secret->size(), std::uint8_t{0x31});
+  secret->~SecretBytes();
+  EXPECT_EQ(storage, decltype(storage){});
 }
 
 }  // namespace

@@ -303,5 +303,24 @@ TEST(Bytes, SharesItsStorageWithCopiesOnly) {
   EXPECT_FALSE(bytes.sharesStorageWith(Bytes{{0x01}}));
 }
 
+bool isValid(std::string_view bytes) {
+  return isValidUtf8({reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()});
+}
+
+TEST(IsValidUtf8, IsTrueForWellFormedSequences) {
+  using namespace std::string_view_literals;
+  for (const std::string_view bytes :
+       {""sv, "a"sv, "a\0b"sv, "\xC3\xA4"sv, "\xE2\x82\xAC"sv, "\xF0\x9F\x98\x80"sv, "\xEF\xBF\xBD"sv}) {
+    EXPECT_TRUE(isValid(bytes)) << bytes;
+  }
+}
+
+TEST(IsValidUtf8, IsFalseForAllOthers) {
+  for (const char* bytes : {"\xFF", "\x80", "\xC3", "a\xC3", "\xC0\xAF", "\xE2\x82", "\xED\xA0\x80",
+                            "\xF4\x90\x80\x80", "\xEF\xBF\xBD\xFF"}) {
+    EXPECT_FALSE(isValid(bytes)) << bytes;
+  }
+}
+
 }  // namespace
 }  // namespace mirel

@@ -1,12 +1,11 @@
 #include "token/MirelSCTokenAuth.h"
 
-#include <array>
 #include <optional>
 #include <vector>
 
 #include "TriesLeft.h"
 #include "platform/Log.h"
-#include "platform/Memory.h"
+#include "platform/SecretBytes.h"
 #include "provider/CryptTKitSProvider.h"
 #include "token/MirelSCTokenSession.h"
 
@@ -28,18 +27,6 @@ Bytes verifyCommand(std::uint8_t cla) {
 Text readerNameOf(const std::shared_ptr<TKSmartCard>& card) noexcept {
   return card ? card->slot()->name() : Text{};
 }
-
-/// Oddity: a copy of the PIN that nothing looks at, kept until the login has ended.
-class PinScratch {
- public:
-  explicit PinScratch(const SecretText& pin) noexcept { (void)pin.copyUtf8(bytes_); }
-  PinScratch(const PinScratch&) = delete;
-  PinScratch& operator=(const PinScratch&) = delete;
-  ~PinScratch() { wipe(bytes_.data(), bytes_.size()); }
-
- private:
-  std::array<std::uint8_t, 8> bytes_{};
-};
 
 }  // namespace
 
@@ -67,7 +54,9 @@ bool MirelSCTokenAuth::finishWithError(TKErrorPointer outError) noexcept {
   static const SecretText kNoPin;
   const auto entered = PIN();
   const SecretText& pin = entered ? *entered : kNoPin;
-  const PinScratch scratch{pin};
+  // Oddity: a copy of the PIN that nothing looks at, kept until the login has ended.
+  SecretBytes<8> scratch;
+  (void)pin.copyUtf8(scratch.span());
   std::optional<std::uint64_t> triesLeft;
 
   const auto provider = session_ ? session_->sp() : nullptr;

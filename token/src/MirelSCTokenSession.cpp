@@ -18,6 +18,7 @@ constexpr int kNoProviderLine = 78;
 constexpr int kEndLine = 81;
 
 constexpr std::u16string_view kPinConstraints[] = {u"PIN", u"PINAlways"};
+// Oddity: the spelling is that of the key in the tables of texts.
 constexpr std::string_view kConstraintNotSupportedKey = "Not suppport this constraint";
 
 bool asksForPin(const Text& constraint) noexcept {
@@ -37,7 +38,8 @@ bool MirelSCTokenSession::initWithToken(const std::shared_ptr<MirelSCToken>& tok
     services_.log->process(logLine("[%s-%d] ERROR", kUnit, kRefusedLine));
     return false;
   }
-  const auto provider = token->sp();
+  const auto provider = token ? token->sp() : nullptr;
+  // Oddity: an error, and yet the session is made.
   if (!provider) services_.log->process(logLine("[%s-%d] ERROR", kUnit, kNoProviderLine));
   setSp(provider);
   services_.log->systemDefault(logLine("CTK [%s-%d] ---END---", kUnit, kEndLine));

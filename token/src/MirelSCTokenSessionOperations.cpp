@@ -117,8 +117,10 @@ Bytes MirelSCTokenSession::signData(const std::shared_ptr<TKTokenSession>&, cons
   log.systemDefault(logLine("CTK [%s-%d] +++START+++", kUnit, kSignStartLine));
   const bool authenticated = authState() == kAuthenticated;
   const auto key = generalAuthenticateWithData(dataToSign, kDataTag, keyObjectID, outError);
+  // Oddity: without a login the answer is only asked for the error it leaves.
   if (!authenticated) return {};
   if (!key) {
+    // Oddity: the error of the search is replaced, so a card without its mark does not ask for the PIN again.
     log.systemError(logLine("[%s-%d] signData key not found", kUnit, kSignKeyNotFoundLine));
     if (outError) *outError = errorOf(TKErrorCode::kTokenNotFound);
     return {};
@@ -127,6 +129,7 @@ Bytes MirelSCTokenSession::signData(const std::shared_ptr<TKTokenSession>&, cons
   algorithmToPrint(algorithm, log);
   const std::string_view name = algorithmName(TKTokenOperation::kSignData, algorithm);
   if (name.empty()) {
+    // Oddity: the spelling is that of the log lines that are known, and there is no error.
     log.process(logLine("[%s-%d] alogrithm not support, return nil.", kUnit, kSignNotSupportedLine));
     return {};
   }
@@ -150,8 +153,10 @@ Bytes MirelSCTokenSession::decryptData(const std::shared_ptr<TKTokenSession>&, c
   log.systemDefault(logLine("CTK [%s-%d] +++START+++", kUnit, kDecryptStartLine));
   const bool authenticated = authState() == kAuthenticated;
   const auto key = generalAuthenticateWithData(ciphertext, kDataTag, keyObjectID, outError);
+  // Oddity: without a login the answer is only asked for the error it leaves.
   if (!authenticated) return {};
   if (!key) {
+    // Oddity: the error is replaced as in signing, but the line goes to the other log.
     log.process(logLine("[%s-%d] decryptData key not found", kUnit, kDecryptKeyNotFoundLine));
     if (outError) *outError = errorOf(TKErrorCode::kTokenNotFound);
     return {};
@@ -159,6 +164,7 @@ Bytes MirelSCTokenSession::decryptData(const std::shared_ptr<TKTokenSession>&, c
   log.systemDefault(logLine("CTK [%s-%d] ", kUnit, kDecryptLine));
   algorithmToPrint(algorithm, log);
   const std::string_view name = algorithmName(TKTokenOperation::kDecryptData, algorithm);
+  // Oddity: unlike in signing, nothing is logged.
   if (name.empty()) return {};
   log.process(logLine("[%s-%d] decryptData %@ %@ algName %@", kUnit, kDecryptAlgorithmLine, keyObjectID,
                       dataDescription(ciphertext), name));

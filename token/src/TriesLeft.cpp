@@ -7,7 +7,6 @@ namespace mirel {
 namespace {
 
 constexpr std::string_view kKey = "VERIFY_TRY_LEFT";
-constexpr std::u16string_view kEnglishFormat = u"The card did not accept the PIN (tries left: %lu).";
 
 /// The conversions of an unsigned number, behind the percent sign.
 constexpr std::u16string_view kUnsigned[] = {u"lu", u"u", u"llu", u"zu", u"1$lu", u"1$u", u"1$llu", u"1$zu"};
@@ -50,7 +49,9 @@ Text triesLeftText(LocalizedStrings& strings, std::uint64_t triesLeft) {
   const std::u16string number{digits.begin(), digits.end()};
   const Text format = strings.localizedString(kKey);
   const auto text = filled(format.units(), number);
-  return Text{text ? *text : filled(kEnglishFormat, number).value_or(number)};
+  if (text) return Text{*text};
+  const Text english = Text::fromUtf8(englishString(kKey));
+  return Text{filled(english.units(), number).value_or(number)};
 }
 
 }  // namespace mirel

@@ -20,6 +20,9 @@ class LocalizedStrings {
   [[nodiscard]] virtual Text localizedString(std::string_view key) noexcept = 0;
 };
 
+/// The English text of that key; the key itself when there is none.
+[[nodiscard]] std::string_view englishString(std::string_view key) noexcept;
+
 /// The texts of the running system. On Linux they follow the locale of the process: call
 /// setlocale(LC_MESSAGES, "") first. English when the locale has none.
 [[nodiscard]] std::shared_ptr<LocalizedStrings> systemLocalizedStrings();

@@ -66,6 +66,9 @@ class Text {
 /// nothing.
 [[nodiscard]] bool containsIgnoringCase(const Text& text, std::u16string_view letters) noexcept;
 
+/// True for well-formed UTF-8 (RFC 3629).
+[[nodiscard]] bool isValidUtf8(std::span<const std::uint8_t> bytes) noexcept;
+
 /// An immutable byte string, shared by its copies; the twin of the platform's data object. Null and
 /// empty are different things and compare unequal.
 class Bytes {

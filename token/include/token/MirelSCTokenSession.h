@@ -27,7 +27,8 @@ class MirelSCTokenSession final : public TKSmartCardTokenSession,
   // Values of `authState`.
   static constexpr std::int64_t kNotAuthenticated = 0;
   static constexpr std::int64_t kAuthenticated = 1;
-  /// Refuses keys that ask for the PIN each time. Oddity: nothing ever sets it.
+  /// Refuses keys that ask for the PIN each time.
+  /// Oddity: nothing ever sets it.
   static constexpr std::int64_t kUsed = 2;
 
   /// `base`: the platform's session, allocated and not initialised.

@@ -1,0 +1,29 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+#include "platform/Memory.h"
+
+namespace mirel {
+
+/// Room for a secret: zeros at first, wiped at the end.
+template <std::size_t Size>
+class SecretBytes {
+ public:
+  SecretBytes() = default;
+  SecretBytes(const SecretBytes&) = delete;
+  SecretBytes& operator=(const SecretBytes&) = delete;
+  ~SecretBytes() { wipe(bytes_.data(), Size); }
+
+  [[nodiscard]] std::uint8_t* data() noexcept { return bytes_.data(); }
+  [[nodiscard]] static constexpr std::size_t size() noexcept { return Size; }
+  [[nodiscard]] std::span<std::uint8_t> span() noexcept { return bytes_; }
+
+ private:
+  std::array<std::uint8_t, Size> bytes_{};
+};
+
+}  // namespace mirel
