@@ -29,7 +29,8 @@ struct CardObject {
   UnpublishedObject about;
   std::vector<CK_BYTE> id;
   CK_KEY_TYPE keyType = 0;
-  bool listed = true;  ///< by the card framework
+  bool listed = true;    ///< by the card framework
+  bool readable = true;  ///< for a certificate: as one
 };
 
 class Inspector {
@@ -159,6 +160,7 @@ CardObject inspectCertificate(const Inspector& inspector, CK_OBJECT_HANDLE handl
   const auto parsed = parser.createWithData(Bytes{*data.value});
   if (!parsed) {
     leaveOut(certificate, "its value is not an X.509 certificate in DER");
+    certificate.readable = false;
   } else if (parsed->keyType() == CertificateKeyType::kOther) {
     leaveOut(certificate,
              "its key is of a kind that the keychain does not know; only the certificate is published");
@@ -187,11 +189,20 @@ std::vector<UnpublishedObject> inspectCard(const CK_FUNCTION_LIST& list, CK_SLOT
     return std::any_of(objects.begin(), objects.end(),
                        [&](const CardObject& object) { return object.listed && object.id == wanted.id; });
   };
+  const auto readableFor = [&](const CardObject& key) {
+    return std::any_of(certificateObjects.begin(), certificateObjects.end(), [&](const CardObject& object) {
+      return object.listed && object.readable && object.id == key.id;
+    });
+  };
   for (CardObject& certificate : certificateObjects) {
     if (!listedIn(keys, certificate)) leaveOut(certificate, "no public key on the card has its ID");
   }
   for (CardObject& key : keys) {
-    if (!listedIn(certificateObjects, key)) leaveOut(key, "no certificate on the card has its ID");
+    if (!listedIn(certificateObjects, key)) {
+      leaveOut(key, "no certificate on the card has its ID");
+    } else if (!readableFor(key)) {
+      leaveOut(key, "no certificate with its ID can be read");
+    }
   }
 
   std::vector<UnpublishedObject> unpublished;

@@ -46,11 +46,13 @@ void FailureDiary::callStarts(const char* function) noexcept {
 }
 
 void FailureDiary::callReturned(const char* function, std::uint64_t result) noexcept {
+  lastResults_[function] = result;
   if (result != CKR_OK) failingCalls_.push_back({function, result});
   if (next_) next_->callReturned(function, result);
 }
 
 void FailureDiary::operationReturned(const char* operation, std::uint64_t result) noexcept {
+  lastResults_[operation] = result;
   // A module that another host of it has initialised is as good as one that we have.
   if (result == CKR_OK || result == CKR_CRYPTOKI_ALREADY_INITIALIZED) {
     operation_.reset();
@@ -72,6 +74,12 @@ void FailureDiary::clear() noexcept {
   operation_.reset();
   call_.reset();
   failingCalls_.clear();
+  lastResults_.clear();
+}
+
+std::optional<std::uint64_t> FailureDiary::lastResultOf(std::string_view name) const {
+  const auto found = lastResults_.find(name);
+  return found == lastResults_.end() ? std::nullopt : std::optional{found->second};
 }
 
 std::string FailureDiary::reason() const {

@@ -1,8 +1,10 @@
 #pragma once
 
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -40,6 +42,10 @@ class FailureDiary final : public CryptokiObserver {
   /// The Cryptoki call that made it fail; nothing when the bridge itself was not content.
   [[nodiscard]] const std::optional<Entry>& failedCall() const noexcept { return call_; }
 
+  /// What that Cryptoki function ("C_Login") or operation of the bridge ("pkcs11_UserLogin") answered last;
+  /// nothing when it was not called.
+  [[nodiscard]] std::optional<std::uint64_t> lastResultOf(std::string_view name) const;
+
   /// All that is known, as one phrase; empty when nothing failed.
   [[nodiscard]] std::string reason() const;
 
@@ -48,7 +54,8 @@ class FailureDiary final : public CryptokiObserver {
   std::string loaderText_;
   std::optional<Entry> operation_;
   std::optional<Entry> call_;
-  std::vector<Entry> failingCalls_;  // of the operation that is running
+  std::vector<Entry> failingCalls_;                        // of the operation that is running
+  std::map<std::string_view, std::uint64_t> lastResults_;  // the names live as long as the program
 };
 
 /// The loader `next`, with its failures written in the diary.

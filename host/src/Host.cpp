@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <iterator>
 
+#include "CallEntry.h"
 #include "CardInspector.h"
 #include "FailureDiary.h"
 #include "HostTokenKit.h"
@@ -10,8 +11,11 @@
 #include "bridge/P11Bridge.h"
 #include "host/CryptokiNames.h"
 #include "host/Display.h"
+#include "host/KeyClient.h"
 #include "token/MirelCTKTokenKeychainKey.h"
+#include "token/MirelSCToken.h"
 #include "token/MirelSCTokenDriver.h"
+#include "token/MirelSCTokenSession.h"
 
 namespace mirel {
 namespace {
@@ -41,7 +45,8 @@ PublishedCertificate published(const TKTokenKeychainCertificate& item) {
   certificate.subject = item.certificate()->subject();
   certificate.notAfter = item.certificate()->notAfter();
   certificate.keyUsage = keyUsageNames(item.certificate()->keyUsage().value_or(0));
-  certificate.size = item.certificate()->data().size();
+  certificate.data = item.certificate()->data();
+  certificate.size = certificate.data.size();
   return certificate;
 }
 
@@ -190,7 +195,29 @@ Outcome<InsertedCard> Host::insert(const Text& readerName) {
   }
   const auto registered = kit->lastToken();
   if (!registered->contents().filled()) return listingFailure(reader, reason);
-  return InsertedCard{reader, registered->instanceID(), publishedItems(registered->contents())};
+  return InsertedCard{reader, registered->instanceID(), publishedItems(registered->contents()),
+                      std::static_pointer_cast<MirelSCToken>(token)};
+}
+
+Outcome<std::unique_ptr<KeyClient>> Host::newClient(const InsertedCard& card) {
+  std::optional<TKError> error;
+  auto session =
+      std::dynamic_pointer_cast<MirelSCTokenSession>(card.token->createSessionWithError(card.token, &error));
+  if (!session) {
+    return Failure{FailureKind::kInternal, "the token gives no session", "the host's own session refuses it",
+                   kSeeLog};
+  }
+  return std::make_unique<KeyClient>(card, std::move(session), diary_);
+}
+
+std::string Host::pinState(const Reader& reader) {
+  const CK_FUNCTION_LIST* list = bridge_->ckFunc();
+  CK_TOKEN_INFO token{};
+  if (!list || callEntry(list->C_GetTokenInfo, CK_SLOT_ID{reader.slotID}, &token) != CKR_OK) return {};
+  if ((token.flags & CKF_USER_PIN_LOCKED) != 0) return "the PIN is locked";
+  if ((token.flags & CKF_USER_PIN_FINAL_TRY) != 0) return "one more wrong PIN locks the card";
+  if ((token.flags & CKF_USER_PIN_COUNT_LOW) != 0) return "a wrong PIN was entered since the last right one";
+  return {};
 }
 
 Failure Host::listingFailure(const Reader& reader, const std::string& reason) {

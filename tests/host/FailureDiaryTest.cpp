@@ -127,6 +127,49 @@ TEST_F(Diary, CanBeCleared) {
   EXPECT_EQ(diary->reason(), "");
 }
 
+// ---- What was answered last ----
+
+TEST_F(Diary, KnowsNoAnswerOfWhatWasNotCalled) {
+  call("C_GetSessionInfo", kOk);
+  EXPECT_EQ(diary->lastResultOf("C_Login"), std::nullopt);
+  EXPECT_EQ(diary->lastResultOf(""), std::nullopt);
+}
+
+TEST_F(Diary, KnowsTheLastAnswerOfAFunction) {
+  call("C_Login", kDeviceError);
+  EXPECT_EQ(diary->lastResultOf("C_Login"), kDeviceError);
+  call("C_Login", kOk);
+  EXPECT_EQ(diary->lastResultOf("C_Login"), kOk);
+}
+
+TEST_F(Diary, KnowsTheLastAnswerOfAnOperation) {
+  diary->operationReturned("pkcs11_UserLogin", kOk);
+  EXPECT_EQ(diary->lastResultOf("pkcs11_UserLogin"), kOk);
+  diary->operationReturned("pkcs11_UserLogin", kFunctionFailed);
+  EXPECT_EQ(diary->lastResultOf("pkcs11_UserLogin"), kFunctionFailed);
+}
+
+TEST_F(Diary, KeepsAnAnswerWhenAnOperationSucceedsAfterIt) {
+  call("C_Login", kDeviceError);
+  diary->operationReturned("pkcs11_UserLogin", kDeviceError);
+  call("C_GetSessionInfo", kOk);
+  diary->operationReturned("pkcs11_GetSessionInfo", kOk);
+  EXPECT_EQ(diary->lastResultOf("C_Login"), kDeviceError);
+}
+
+TEST_F(Diary, KnowsNoAnswerOfACallThatHasNotEnded) {
+  diary->callStarts("C_Login");
+  EXPECT_EQ(diary->lastResultOf("C_Login"), std::nullopt);
+}
+
+TEST_F(Diary, ForgetsAnswersWhenCleared) {
+  call("C_Login", kOk);
+  diary->operationReturned("pkcs11_UserLogin", kOk);
+  diary->clear();
+  EXPECT_EQ(diary->lastResultOf("C_Login"), std::nullopt);
+  EXPECT_EQ(diary->lastResultOf("pkcs11_UserLogin"), std::nullopt);
+}
+
 TEST_F(Diary, PassesEverythingOn) {
   using Kind = RecordingObserver::Event::Kind;
   call("C_Login", kDeviceError);

@@ -29,7 +29,7 @@ class HostKit : public ::testing::Test {
     return certificate;
   }
 
-  HostTokenKit kit;
+  HostTokenKit kit{Text{u"Reader 7"}};
 };
 
 // ---- Tokens ----
@@ -162,6 +162,114 @@ TEST_F(HostKit, KeepsTheCertificateOfACertificateItem) {
 TEST_F(HostKit, MakesSessionsOfATokenAlone) {
   EXPECT_TRUE(kit.allocTokenSession()->initWithToken(kit.allocSmartCardToken()));
   EXPECT_FALSE(kit.allocTokenSession()->initWithToken(nullptr));
+}
+
+TEST_F(HostKit, MakesSessionsThatKnowTheirTokenWhileItIsThere) {
+  auto token = kit.allocSmartCardToken();
+  const auto session = kit.allocTokenSession();
+  EXPECT_FALSE(session->token());
+  EXPECT_TRUE(session->initWithToken(token));
+  EXPECT_EQ(session->token(), token);
+  token.reset();
+  EXPECT_FALSE(session->token());
+}
+
+TEST_F(HostKit, ConnectsASessionToTheCardInTheReader) {
+  const auto card = kit.allocTokenSession()->smartCard();
+  ASSERT_TRUE(card);
+  EXPECT_EQ(card->slot()->name(), Text{u"Reader 7"});
+}
+
+TEST_F(HostKit, GivesEachSessionAConnectionOfItsOwn) {
+  const auto first = kit.allocTokenSession();
+  const auto second = kit.allocTokenSession();
+  EXPECT_EQ(first->smartCard(), first->smartCard());
+  first->smartCard()->setContext(true);
+  first->smartCard()->setSensitive(true);
+  EXPECT_EQ(second->smartCard()->context(), std::nullopt);
+  EXPECT_FALSE(second->smartCard()->sensitive());
+}
+
+// ---- Cards ----
+
+TEST(HostCard, HasTheClassByteOfACardWithoutChannels) {
+  EXPECT_EQ(cardInReader(Text{u"Reader"})->cla(), 0x00);
+}
+
+TEST(HostCard, CarriesNoMarkAtFirst) {
+  const auto card = cardInReader(Text{u"Reader"});
+  EXPECT_FALSE(card->sensitive());
+  EXPECT_EQ(card->context(), std::nullopt);
+}
+
+TEST(HostCard, KeepsItsMarks) {
+  const auto card = cardInReader(Text{u"Reader"});
+  card->setSensitive(true);
+  EXPECT_TRUE(card->sensitive());
+  card->setContext(false);
+  EXPECT_EQ(card->context(), false);
+  card->setContext(std::nullopt);
+  EXPECT_EQ(card->context(), std::nullopt);
+}
+
+// ---- PIN operations ----
+
+TEST_F(HostKit, MakesPinOperationsThatHoldNothing) {
+  const auto operation = kit.allocPINAuthOperation();
+  EXPECT_TRUE(operation->init());
+  EXPECT_FALSE(operation->smartCard());
+  EXPECT_TRUE(operation->APDUTemplate().isNull());
+  EXPECT_FALSE(operation->PIN());
+  EXPECT_TRUE(operation->PINFormat());
+  EXPECT_NE(operation, kit.allocPINAuthOperation());
+}
+
+TEST_F(HostKit, KeepsWhatIsSetOnAPinOperation) {
+  const auto operation = kit.allocPINAuthOperation();
+  const auto card = cardInReader(Text{u"Reader"});
+  const auto format = kit.allocPINFormat();
+  const auto pin = std::make_shared<const SecretText>(u"1234");
+  operation->setSmartCard(card);
+  operation->setAPDUTemplate(Bytes{Value{0x00, 0x20}});
+  operation->setPINFormat(format);
+  operation->setPIN(pin);
+  EXPECT_EQ(operation->smartCard(), card);
+  EXPECT_EQ(operation->APDUTemplate(), (Bytes{Value{0x00, 0x20}}));
+  EXPECT_EQ(operation->PINFormat(), format);
+  EXPECT_EQ(operation->PIN(), pin);
+  operation->setPIN(nullptr);
+  EXPECT_FALSE(operation->PIN());
+}
+
+TEST_F(HostKit, MakesPinFormatsWithThePlatformsDefaults) {
+  const auto format = kit.allocPINFormat();
+  EXPECT_EQ(format->charset(), TKSmartCardPINCharset::kNumeric);
+  EXPECT_EQ(format->encoding(), TKSmartCardPINEncoding::kASCII);
+  EXPECT_EQ(format->minPINLength(), 4);
+  EXPECT_EQ(format->maxPINLength(), 8);
+  EXPECT_EQ(format->PINBlockByteLength(), 8);
+  EXPECT_EQ(format->PINJustification(), TKSmartCardPINJustification::kLeft);
+  EXPECT_EQ(format->PINBitOffset(), 0);
+  EXPECT_EQ(format->PINLengthBitOffset(), 0);
+  EXPECT_EQ(format->PINLengthBitSize(), 0);
+}
+
+TEST_F(HostKit, KeepsTheOffsetOfAPinFormat) {
+  const auto format = kit.allocPINFormat();
+  format->setPINBitOffset(40);
+  EXPECT_EQ(format->PINBitOffset(), 40);
+  EXPECT_EQ(kit.allocPINFormat()->PINBitOffset(), 0);
+}
+
+// ---- Algorithms ----
+
+TEST(HostAlgorithm, IsTheOneAskedForAlone) {
+  for (const auto& [asked, askedName] : kSecKeyAlgorithms) {
+    SCOPED_TRACE(askedName);
+    const HostKeyAlgorithm request{asked};
+    for (const auto& [other, otherName] : kSecKeyAlgorithms)
+      EXPECT_EQ(request.isAlgorithm(other), askedName == otherName) << otherName;
+  }
 }
 
 }  // namespace

@@ -79,6 +79,26 @@ TEST_F(UnpublishedObjects, AreKeysOfAKindThatTheKeychainDoesNotKnow) {
   EXPECT_THAT(theUnpublished().reason, HasSubstr("kind"));
 }
 
+TEST_F(UnpublishedObjects, AreKeysWhoseOnlyCertificateCannotBeRead) {
+  Object& object = script.object(kCertificate);
+  object = object.with(CKA_VALUE, patternValue(300, 1));
+  const auto objects = unpublished();
+  ASSERT_EQ(objects.size(), 2U);
+  EXPECT_EQ(objects.front().kind, "public key");
+  EXPECT_EQ(objects.front().id, Text{u"01"});
+  EXPECT_EQ(objects.front().reason, "no certificate with its ID can be read");
+  EXPECT_FALSE(objects.front().blocksCard);
+  EXPECT_EQ(objects.back().kind, "certificate");
+}
+
+TEST_F(UnpublishedObjects, AreNoKeysWithOneCertificateThatCanBeRead) {
+  Object& object = script.object(kCertificate);
+  object = object.with(CKA_VALUE, patternValue(300, 1));
+  script.addObject(certificate(bytesOf("01"), bytesOf("Second"), testCertificate({})));
+  EXPECT_EQ(theUnpublished().kind, "certificate");
+  EXPECT_EQ(theUnpublished().label, Text{u"MyKey"});
+}
+
 // ---- What keeps the whole card from being published ----
 
 /// A change to the card that has a key (kPublicKey) and its certificate (kCertificate).

@@ -12,6 +12,15 @@ enum class FailureKind {
   kModuleRefuses,          ///< the module does not initialise, or does not list its slots
   kNoCard,                 ///< there is no such reader, or no card in it
   kCardEnumerationFailed,  ///< the card's objects cannot be listed
+  kPinWrong,
+  kPinLocked,
+  kCancelled,           ///< the user gave no PIN
+  kNotSupported,        ///< the key does not do that, or not with that algorithm
+  kVerificationFailed,  ///< there is no signature, or it does not verify
+  kKeyNotFound,
+  kCardRefuses,  ///< the card did not do what it was asked
+  kBadInput,     ///< the data to work on have the wrong length
+  kFileTrouble,  ///< a file cannot be read or written
 };
 
 /// A failure as the user is told it, UTF-8, each member without a full stop or line end.

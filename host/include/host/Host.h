@@ -17,6 +17,8 @@
 namespace mirel {
 
 class FailureDiary;
+class KeyClient;
+class MirelSCToken;
 class P11Bridge;
 
 /// A reader that holds a token, as the module describes both. Texts are the module's bytes, one
@@ -47,6 +49,7 @@ struct PublishedCertificate {
   Text notAfter;                      ///< UTC, "YYYY-MM-DDThh:mm:ssZ"; may be null
   std::vector<std::string> keyUsage;  ///< RFC 5280's names, in the order of the bits
   std::size_t size = 0;               ///< bytes
+  Bytes data;                         ///< DER
 };
 
 /// A private-key item of the keychain.
@@ -71,6 +74,7 @@ struct InsertedCard {
   Reader reader;
   Text instanceID;
   std::vector<PublishedItem> items;  ///< in published order
+  std::shared_ptr<MirelSCToken> token;
 };
 
 /// An object of the card that is not published, or keeps the whole card from being published.
@@ -103,6 +107,13 @@ class Host {
   /// Inserts the card of a reader: driver, token, items. `readerName`: the reader's whole name, or a
   /// beginning that only one reader has; null: the first reader whose token is initialised.
   [[nodiscard]] Outcome<InsertedCard> insert(const Text& readerName);
+
+  /// A new client of the token of an inserted card.
+  [[nodiscard]] Outcome<std::unique_ptr<KeyClient>> newClient(const InsertedCard& card);
+
+  /// What the flags of the card's token say about the PIN just now, in words for the user; empty when they
+  /// say nothing.
+  [[nodiscard]] std::string pinState(const Reader& reader);
 
   /// Looks at the card of a reader once more, apart from the token, for objects that are not published,
   /// and says why. Empty when there are none, or the card cannot be read. Only after `readers` or

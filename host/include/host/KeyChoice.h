@@ -1,0 +1,25 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "host/Failure.h"
+#include "host/Host.h"
+
+namespace mirel {
+
+/// A key and its certificate.
+struct ChosenKey {
+  PublishedKey key;
+  PublishedCertificate certificate;
+};
+
+/// The keys among the items, in their order.
+[[nodiscard]] std::vector<PublishedKey> keysOf(const InsertedCard& card);
+
+/// The key that `name` (UTF-8) stands for: its object identifier as it is displayed, "#N" for the N-th key,
+/// or a label (of its item, or of its certificate on the card) that no other key has. kKeyNotFound otherwise;
+/// the failure tells what keys there are.
+[[nodiscard]] Outcome<ChosenKey> chooseKey(const InsertedCard& card, std::string_view name);
+
+}  // namespace mirel

@@ -1,0 +1,88 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "host/Failure.h"
+#include "host/Host.h"
+#include "platform/SecKeyAlgorithm.h"
+#include "platform/Text.h"
+#include "platform/TokenKit.h"
+
+namespace mirel {
+
+class FailureDiary;
+class InputSource;
+class MirelSCTokenSession;
+class PinSource;
+
+/// A signature as a client of the key services gets it.
+struct Signature {
+  Bytes value;                ///< empty when the card made none
+  SecKeyAlgorithm performed;  ///< the form in which the token was asked
+  Bytes data;                 ///< what was signed: the digest of a message, else the data as they were given
+  std::string cardTrouble;    ///< what went wrong in the card, as far as it is known; empty: nothing did
+};
+
+/// The token's answer to a key exchange.
+struct KeyExchange {
+  Bytes secret;  ///< null: the token gave none
+  SecKeyAlgorithm performed;
+};
+
+/// An application of the key services: one session on the token of an inserted card. Several can be there at
+/// once, each with a login of its own.
+///
+/// A request is adapted as the platform does it: the first form of the algorithm that the token accepts is
+/// asked for (a message is hashed, a digest wrapped and padded), and results are brought back to the form
+/// that the client wants. The PIN is asked for when the token says that it needs it.
+class KeyClient {
+ public:
+  /// The most PINs that are asked for in a row.
+  static constexpr int kMostPins = 3;
+
+  KeyClient(InsertedCard card, std::shared_ptr<MirelSCTokenSession> session,
+            std::shared_ptr<FailureDiary> diary);
+  KeyClient(const KeyClient&) = delete;
+  KeyClient& operator=(const KeyClient&) = delete;
+  ~KeyClient();
+
+  /// The form in which the token would be asked for that algorithm; nothing when it accepts none. No PIN is
+  /// needed.
+  [[nodiscard]] std::optional<SecKeyAlgorithm> acceptedForm(const PublishedKey& key,
+                                                            SecKeyAlgorithm algorithm);
+
+  /// Signs; a message is read piece by piece. That there is a signature does not mean that it verifies.
+  [[nodiscard]] Outcome<Signature> sign(const PublishedKey& key, SecKeyAlgorithm algorithm,
+                                        InputSource& input, PinSource& pins);
+
+  /// Decrypts; the plain text may be empty.
+  [[nodiscard]] Outcome<Bytes> decrypt(const PublishedKey& key, SecKeyAlgorithm algorithm, InputSource& input,
+                                       PinSource& pins);
+
+  /// Asks for a key exchange with the other party's public key (an uncompressed point).
+  [[nodiscard]] Outcome<KeyExchange> exchange(const PublishedKey& key, SecKeyAlgorithm algorithm,
+                                              InputSource& input, PinSource& pins);
+
+  /// Enters the PIN. Nothing when it was accepted.
+  [[nodiscard]] std::optional<Failure> logIn(PinSource& pins);
+
+ private:
+  template <typename Request>
+  [[nodiscard]] Outcome<Bytes> perform(const PublishedKey& key, TKTokenOperation operation, PinSource& pins,
+                                       const Request& request);
+  [[nodiscard]] std::optional<Failure> authenticate(TKTokenOperation operation, const Text& constraint,
+                                                    PinSource& pins);
+  [[nodiscard]] std::string cardTrouble(std::string_view function) const;
+  [[nodiscard]] Failure loginFailure(const std::string& text) const;
+  [[nodiscard]] Outcome<SecKeyAlgorithm> formFor(const PublishedKey& key, SecKeyAlgorithm algorithm,
+                                                 TKTokenOperation operation);
+
+  InsertedCard card_;
+  std::shared_ptr<MirelSCTokenSession> session_;
+  std::shared_ptr<FailureDiary> diary_;
+};
+
+}  // namespace mirel

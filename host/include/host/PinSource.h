@@ -1,0 +1,31 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "host/Failure.h"
+#include "platform/SecretText.h"
+
+namespace mirel {
+
+/// Where the PIN comes from: the part of the platform's PIN dialog.
+class PinSource {
+ public:
+  PinSource() = default;
+  PinSource(const PinSource&) = delete;
+  PinSource& operator=(const PinSource&) = delete;
+  virtual ~PinSource() = default;
+
+  /// The PIN for the token of that label (UTF-8, for display); null when the user cancels.
+  [[nodiscard]] virtual Outcome<std::shared_ptr<const SecretText>> askForPin(
+      const std::string& tokenLabel) = 0;
+
+  /// Tells the user why the PIN was not accepted (UTF-8).
+  virtual void showRefusal(const std::string& text) = 0;
+
+  /// Whether another PIN may be had after one was refused. A source that can only repeat itself must not be
+  /// asked again: each time costs a try.
+  [[nodiscard]] virtual bool canAskAgain() const = 0;
+};
+
+}  // namespace mirel

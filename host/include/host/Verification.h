@@ -1,0 +1,14 @@
+#pragma once
+
+#include <string>
+
+#include "host/KeyClient.h"
+
+namespace mirel {
+
+/// Whether the signature is one of the certificate's key over its data, by that algorithm (a message
+/// algorithm stands for its digest). Empty when it is; otherwise why not, in words for the user.
+[[nodiscard]] std::string signatureTrouble(const PublishedCertificate& certificate, const PublishedKey& key,
+                                           SecKeyAlgorithm algorithm, const Signature& signature);
+
+}  // namespace mirel

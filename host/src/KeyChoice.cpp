@@ -1,0 +1,98 @@
+#include "host/KeyChoice.h"
+
+#include <algorithm>
+#include <charconv>
+#include <iterator>
+#include <optional>
+
+#include "host/Display.h"
+
+namespace mirel {
+namespace {
+
+constexpr const char* kSeeItems = "see the keys with: mireltoken items";
+
+std::string quotedForDisplay(const std::string& text) {
+  std::string quoted{"\""};
+  return quoted.append(text).append("\"");
+}
+
+/// The label of the certificate on the card, from the object identifier of its item: "cert_<label>_<ID>".
+Text certificateLabelOf(const PublishedKey& key) {
+  constexpr std::u16string_view kPrefix = u"cert_";
+  const std::u16string_view name = key.certificateID.units();
+  const std::size_t around = kPrefix.size() + 1 + key.objectID.length();
+  if (!name.starts_with(kPrefix) || name.size() < around) return {};
+  return Text{name.substr(kPrefix.size(), name.size() - around)};
+}
+
+bool hasLabel(const PublishedKey& key, std::string_view name) {
+  return displayed(key.label) == name || displayed(certificateLabelOf(key)) == name;
+}
+
+/// N - 1 for "#N" with an N from 1 to `count`.
+std::optional<std::size_t> indexOf(std::string_view name, std::size_t count) {
+  std::size_t number = 0;
+  if (!name.starts_with('#')) return std::nullopt;
+  const char* end = name.data() + name.size();
+  const auto [rest, error] = std::from_chars(name.data() + 1, end, number);
+  if (error != std::errc{} || rest != end || number == 0 || number > count) return std::nullopt;
+  return number - 1;
+}
+
+std::string listOf(const std::vector<PublishedKey>& keys) {
+  std::string text;
+  for (std::size_t i = 0; i < keys.size(); ++i) {
+    text.append(i == 0 ? "#" : ", #").append(std::to_string(i + 1)).append(" ");
+    text.append(quotedForDisplay(displayed(keys[i].objectID)));
+    const Text label = certificateLabelOf(keys[i]);
+    if (!label.isEmpty()) text.append(" (").append(displayed(label)).append(")");
+  }
+  return text;
+}
+
+Failure notFound(const std::string& why, const std::vector<PublishedKey>& keys, std::string_view name) {
+  const std::string what = "there is no key " + quotedForDisplay(displayed(Text::fromUtf8(name)));
+  if (keys.empty()) return {FailureKind::kKeyNotFound, what, "the card publishes no key", kSeeItems};
+  std::string reason = why;
+  if (!reason.empty()) reason.append("; ");
+  return {FailureKind::kKeyNotFound, what, reason.append("the keys are ").append(listOf(keys)),
+          "give one of these, or #N for the N-th"};
+}
+
+Outcome<ChosenKey> withCertificate(const InsertedCard& card, const PublishedKey& key) {
+  for (const PublishedItem& item : card.items) {
+    const auto* certificate = std::get_if<PublishedCertificate>(&item);
+    if (certificate && certificate->objectID == key.certificateID) return ChosenKey{key, *certificate};
+  }
+  return Failure{FailureKind::kKeyNotFound,
+                 "the key " + quotedForDisplay(displayed(key.objectID)) + " has no certificate",
+                 "the system refused its certificate item", kSeeItems};
+}
+
+}  // namespace
+
+std::vector<PublishedKey> keysOf(const InsertedCard& card) {
+  std::vector<PublishedKey> keys;
+  for (const PublishedItem& item : card.items) {
+    if (const auto* key = std::get_if<PublishedKey>(&item)) keys.push_back(*key);
+  }
+  return keys;
+}
+
+Outcome<ChosenKey> chooseKey(const InsertedCard& card, std::string_view name) {
+  const std::vector<PublishedKey> keys = keysOf(card);
+  const auto isNamed = [&](const PublishedKey& key) { return displayed(key.objectID) == name; };
+  if (const auto byID = std::find_if(keys.begin(), keys.end(), isNamed); byID != keys.end()) {
+    return withCertificate(card, *byID);
+  }
+  if (const auto index = indexOf(name, keys.size())) return withCertificate(card, keys[*index]);
+
+  std::vector<PublishedKey> labelled;
+  std::copy_if(keys.begin(), keys.end(), std::back_inserter(labelled),
+               [&](const PublishedKey& key) { return hasLabel(key, name); });
+  if (labelled.size() == 1) return withCertificate(card, labelled.front());
+  return notFound(labelled.empty() ? "" : "several keys have that label", keys, name);
+}
+
+}  // namespace mirel

@@ -1,0 +1,379 @@
+#include "host/KeyClient.h"
+
+#include <algorithm>
+#include <string_view>
+#include <vector>
+
+#include "Adaptation.h"
+#include "Digest.h"
+#include "FailureDiary.h"
+#include "HostTokenKit.h"
+#include "RsaEncoding.h"
+#include "bridge/P11Bridge.h"
+#include "host/CryptokiNames.h"
+#include "host/Display.h"
+#include "host/InputSource.h"
+#include "host/PinSource.h"
+#include "token/MirelSCToken.h"
+#include "token/MirelSCTokenAuth.h"
+#include "token/MirelSCTokenSession.h"
+
+namespace mirel {
+namespace {
+
+/// The text without the full stop at its end, to stand within a line.
+std::string withoutFullStop(std::string text) {
+  for (const std::string_view stop : {".", "\u3002"}) {
+    if (text.ends_with(stop)) text.resize(text.size() - stop.size());
+  }
+  return text;
+}
+
+/// More than any digest, block or cryptogram of one key.
+constexpr std::size_t kLargestInput = 65536;  // bytes
+constexpr std::size_t kPieceSize = 65536;     // bytes
+constexpr std::u16string_view kPinConstraint = u"PIN";
+
+constexpr const char* kSeeAlgorithms = "see what it accepts with: mireltoken algorithms";
+constexpr const char* kAskFittingAlgorithm = "name an algorithm for this type of key";
+constexpr const char* kSeeLog = "run again with -v to see the log";
+
+bool isError(const std::optional<TKError>& error, TKErrorCode code) noexcept {
+  return error && error->code == static_cast<std::int64_t>(code);
+}
+
+std::string named(SecKeyAlgorithm algorithm) { return std::string{nameOf(algorithm)}; }
+
+const char* verbOf(TKTokenOperation operation) noexcept {
+  switch (operation) {
+    case TKTokenOperation::kSignData: return "sign";
+    case TKTokenOperation::kDecryptData: return "decrypt";
+    default: return "exchange keys";
+  }
+}
+
+std::size_t blockSizeOf(const PublishedKey& key) noexcept {
+  return static_cast<std::size_t>(key.keySizeInBits + 7) / 8;
+}
+
+Failure badInput(const std::string& why) {
+  return {FailureKind::kBadInput, "the data do not fit the algorithm", why,
+          "give it what the algorithm works on"};
+}
+
+/// All data, kLargestInput at most.
+Outcome<ByteVector> readAll(InputSource& input) {
+  ByteVector data;
+  std::vector<std::uint8_t> piece(kPieceSize);
+  while (true) {
+    const auto result = input.read(piece);
+    if (const auto* failure = std::get_if<Failure>(&result)) return *failure;
+    const std::size_t count = std::get<std::size_t>(result);
+    if (count == 0) return data;
+    data.insert(data.end(), piece.begin(), piece.begin() + static_cast<std::ptrdiff_t>(count));
+    if (data.size() > kLargestInput)
+      return badInput("there are more than " + std::to_string(kLargestInput) + " bytes of them");
+  }
+}
+
+Outcome<ByteVector> readDigest(Hash hash, InputSource& input) {
+  Digest digest{hash};
+  std::vector<std::uint8_t> piece(kPieceSize);
+  while (true) {
+    const auto result = input.read(piece);
+    if (const auto* failure = std::get_if<Failure>(&result)) return *failure;
+    const std::size_t count = std::get<std::size_t>(result);
+    if (count == 0) return digest.finish();
+    digest.update(std::span{piece}.first(count));
+  }
+}
+
+/// Why data of that size cannot be the input of the algorithm; empty when they can.
+std::string sizeTrouble(SecKeyAlgorithm algorithm, const PublishedKey& key, std::size_t size) {
+  std::size_t wanted = 0;
+  std::string what;
+  const auto step = nextStep(algorithm);
+  const bool digestWanted =
+      step && (step->kind == AdaptationKind::kDigestInfo || step->kind == AdaptationKind::kEncodePSS ||
+               step->kind == AdaptationKind::kAsItIs);
+  if (digestWanted) {
+    wanted = factsOf(step->hash).size;
+    what = "a digest of " + std::string{factsOf(step->hash).name};
+  } else if (algorithm == SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureRaw ||
+             operationOf(algorithm) == TKTokenOperation::kDecryptData) {
+    wanted = blockSizeOf(key);
+    what = "a block for this key";
+  }
+  if (wanted == 0 || wanted == size) return size == 0 ? "there are none" : "";
+  return "they have " + std::to_string(size) + " bytes, " + what + " has " + std::to_string(wanted);
+}
+
+/// The data in the next form; nothing when they do not fit into the key.
+std::optional<ByteVector> adapted(const AdaptationStep& step, const PublishedKey& key,
+                                  const ByteVector& data) {
+  switch (step.kind) {
+    case AdaptationKind::kHash: return digestOf(step.hash, data);
+    case AdaptationKind::kDigestInfo: return digestInfo(step.hash, data);
+    case AdaptationKind::kPadPKCS1: return paddedForSigning(data, blockSizeOf(key));
+    case AdaptationKind::kEncodePSS:
+      return encodedForPss(step.hash, data, static_cast<std::size_t>(std::max(key.keySizeInBits, 0)));
+    case AdaptationKind::kAsItIs: return data;
+    default: return std::nullopt;
+  }
+}
+
+/// The way from one form to another that follows it.
+std::vector<AdaptationStep> stepsBetween(SecKeyAlgorithm from, SecKeyAlgorithm to) {
+  std::vector<AdaptationStep> steps;
+  while (from != to) {
+    const auto step = nextStep(from);
+    if (!step) break;
+    steps.push_back(*step);
+    from = step->to;
+  }
+  return steps;
+}
+
+bool isComposite(const std::vector<AdaptationStep>& steps) noexcept {
+  return std::any_of(steps.begin(), steps.end(),
+                     [](const AdaptationStep& step) { return step.kind == AdaptationKind::kComposite; });
+}
+
+bool isRsaAlgorithm(SecKeyAlgorithm algorithm) noexcept {
+  return nameOf(algorithm).substr(kSecKeyAlgorithmPrefix.size()).starts_with("RSA");
+}
+
+}  // namespace
+
+KeyClient::KeyClient(InsertedCard card, std::shared_ptr<MirelSCTokenSession> session,
+                     std::shared_ptr<FailureDiary> diary)
+    : card_{std::move(card)}, session_{std::move(session)}, diary_{std::move(diary)} {}
+
+KeyClient::~KeyClient() = default;
+
+std::optional<SecKeyAlgorithm> KeyClient::acceptedForm(const PublishedKey& key, SecKeyAlgorithm algorithm) {
+  for (std::optional<SecKeyAlgorithm> form = algorithm; form;) {
+    if (session_->supportsOperation(session_, operationOf(*form), key.objectID, HostKeyAlgorithm{*form}))
+      return form;
+    const auto step = nextStep(*form);
+    form = step ? std::optional{step->to} : std::nullopt;
+  }
+  return std::nullopt;
+}
+
+Outcome<SecKeyAlgorithm> KeyClient::formFor(const PublishedKey& key, SecKeyAlgorithm algorithm,
+                                            TKTokenOperation operation) {
+  const std::string what = "the key \"" + displayed(key.objectID) + "\" does not " + verbOf(operation) +
+                           " with " + named(algorithm);
+  if (operationOf(algorithm) != operation) {
+    return Failure{FailureKind::kNotSupported, what,
+                   std::string{"that algorithm is there to "} + verbOf(operationOf(algorithm)),
+                   kSeeAlgorithms};
+  }
+  const auto form = acceptedForm(key, algorithm);
+  if (!form)
+    return Failure{FailureKind::kNotSupported, what, "the token accepts no form of it", kSeeAlgorithms};
+  if (isComposite(stepsBetween(algorithm, *form))) {
+    return Failure{FailureKind::kNotSupported, what,
+                   "the token would be asked for " + named(*form) +
+                       ", but the rest is the platform's work and is not done here",
+                   kSeeAlgorithms};
+  }
+  const bool isRsaKey = key.keyType == CertificateKeyType::kRSA;
+  if (isRsaAlgorithm(algorithm) != isRsaKey) {
+    return Failure{
+        FailureKind::kNotSupported, what,
+        std::string{"the token accepts it, but the key is "} + (isRsaKey ? "an RSA key" : "no RSA key"),
+        kSeeAlgorithms};
+  }
+  return *form;
+}
+
+Outcome<Signature> KeyClient::sign(const PublishedKey& key, SecKeyAlgorithm algorithm, InputSource& input,
+                                   PinSource& pins) {
+  const auto chosen = formFor(key, algorithm, TKTokenOperation::kSignData);
+  if (const auto* failure = std::get_if<Failure>(&chosen)) return *failure;
+  const SecKeyAlgorithm form = std::get<SecKeyAlgorithm>(chosen);
+  std::vector<AdaptationStep> steps = stepsBetween(algorithm, form);
+
+  const bool isMessage = !steps.empty() && steps.front().kind == AdaptationKind::kHash;
+  auto read = isMessage ? readDigest(steps.front().hash, input) : readAll(input);
+  if (const auto* failure = std::get_if<Failure>(&read)) return *failure;
+  const ByteVector& data = std::get<ByteVector>(read);
+  if (isMessage) steps.erase(steps.begin());
+  if (const std::string trouble = isMessage ? "" : sizeTrouble(algorithm, key, data.size());
+      !trouble.empty()) {
+    return badInput(trouble);
+  }
+  ByteVector prepared = data;
+  for (const AdaptationStep& step : steps) {
+    auto next = adapted(step, key, prepared);
+    if (!next) return badInput("the key has too few bits for them");
+    prepared = std::move(*next);
+  }
+  if (form == SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureDigestPKCS1v15Raw &&
+      !paddedForSigning(prepared, blockSizeOf(key))) {
+    return badInput("with PKCS #1 v1.5 padding the key has too few bits for them");
+  }
+
+  const auto result = perform(key, TKTokenOperation::kSignData, pins, [&](TKErrorPointer outError) {
+    return session_->signData(session_, Bytes{prepared}, key.objectID, HostKeyAlgorithm{form}, outError);
+  });
+  if (const auto* failure = std::get_if<Failure>(&result)) return *failure;
+  return Signature{std::get<Bytes>(result), form, Bytes{data}, cardTrouble("C_Sign")};
+}
+
+Outcome<Bytes> KeyClient::decrypt(const PublishedKey& key, SecKeyAlgorithm algorithm, InputSource& input,
+                                  PinSource& pins) {
+  const auto chosen = formFor(key, algorithm, TKTokenOperation::kDecryptData);
+  if (const auto* failure = std::get_if<Failure>(&chosen)) return *failure;
+  const SecKeyAlgorithm form = std::get<SecKeyAlgorithm>(chosen);
+  const auto read = readAll(input);
+  if (const auto* failure = std::get_if<Failure>(&read)) return *failure;
+  const ByteVector& cipher = std::get<ByteVector>(read);
+  if (const std::string trouble = sizeTrouble(algorithm, key, cipher.size()); !trouble.empty())
+    return badInput(trouble);
+
+  auto result = perform(key, TKTokenOperation::kDecryptData, pins, [&](TKErrorPointer outError) {
+    return session_->decryptData(session_, Bytes{cipher}, key.objectID, HostKeyAlgorithm{form}, outError);
+  });
+  if (std::holds_alternative<Failure>(result)) return result;
+  if (const std::string trouble = cardTrouble("C_Decrypt"); !trouble.empty()) {
+    return Failure{
+        FailureKind::kCardRefuses, "the card gave no plain text", trouble,
+        "check that the data were encrypted for this key, with PKCS #1 v1.5 padding: the card layer "
+        "knows no other"};
+  }
+  ByteVector plain{std::get<Bytes>(result).view().begin(), std::get<Bytes>(result).view().end()};
+  for (const AdaptationStep& step : stepsBetween(algorithm, form)) {
+    const auto next = step.kind == AdaptationKind::kUnpadPKCS1 ? unpaddedAfterDecrypting(plain)
+                                                               : decodedFromOaep(step.hash, plain);
+    if (!next) {
+      return Failure{FailureKind::kCardRefuses, "the card gave no plain text for " + named(algorithm),
+                     "what it gave for " + named(form) +
+                         " is not a whole block: the card layer removes PKCS #1 v1.5 padding itself",
+                     "encrypt with PKCS #1 v1.5 padding (kSecKeyAlgorithmRSAEncryptionPKCS1)"};
+    }
+    plain = *next;
+  }
+  return Bytes{std::move(plain)};
+}
+
+Outcome<KeyExchange> KeyClient::exchange(const PublishedKey& key, SecKeyAlgorithm algorithm,
+                                         InputSource& input, PinSource& pins) {
+  const auto chosen = formFor(key, algorithm, TKTokenOperation::kPerformKeyExchange);
+  if (const auto* failure = std::get_if<Failure>(&chosen)) return *failure;
+  const SecKeyAlgorithm form = std::get<SecKeyAlgorithm>(chosen);
+  const auto read = readAll(input);
+  if (const auto* failure = std::get_if<Failure>(&read)) return *failure;
+  const ByteVector& point = std::get<ByteVector>(read);
+  if (point.empty()) return badInput("there are none");
+  const auto result = perform(key, TKTokenOperation::kPerformKeyExchange, pins, [&](TKErrorPointer outError) {
+    return session_->performKeyExchangeWithPublicKey(session_, Bytes{point}, key.objectID,
+                                                     HostKeyAlgorithm{form}, nullptr, outError);
+  });
+  if (const auto* failure = std::get_if<Failure>(&result)) return *failure;
+  return KeyExchange{std::get<Bytes>(result), form};
+}
+
+/// Asks the token; where it wants the PIN first, once more after that. The answer may be null.
+template <typename Request>
+Outcome<Bytes> KeyClient::perform(const PublishedKey& key, TKTokenOperation operation, PinSource& pins,
+                                  const Request& request) {
+  for (bool mayAuthenticate = true;; mayAuthenticate = false) {
+    std::optional<TKError> error;
+    diary_->clear();
+    Bytes answer = request(&error);
+    if (!answer.isNull() || !error) return answer;
+    if (mayAuthenticate && isError(error, TKErrorCode::kAuthenticationNeeded)) {
+      const auto constraint = key.constraints.find(static_cast<std::int64_t>(operation));
+      if (auto failure = authenticate(
+              operation, constraint == key.constraints.end() ? Text{} : constraint->second, pins)) {
+        return *failure;
+      }
+      continue;
+    }
+    const std::string text =
+        error->localizedDescription.isNull() ? "" : displayedName(error->localizedDescription);
+    return Failure{
+        FailureKind::kCardRefuses, std::string{"the token does not "} + verbOf(operation),
+        "it answered with error " + std::to_string(error->code) + (text.empty() ? "" : ": " + text), kSeeLog};
+  }
+}
+
+std::optional<Failure> KeyClient::authenticate(TKTokenOperation operation, const Text& constraint,
+                                               PinSource& pins) {
+  for (int attempt = 1;; ++attempt) {
+    std::optional<TKError> error;
+    const auto authentication = session_->beginAuthForOperation(session_, operation, constraint, &error);
+    const auto pinOperation = std::dynamic_pointer_cast<MirelSCTokenAuth>(authentication);
+    if (!pinOperation) {
+      return Failure{
+          FailureKind::kNotSupported, "the key cannot be unlocked",
+          error ? displayedName(error->localizedDescription) : "the token begins no authentication", kSeeLog};
+    }
+    const auto entered = pins.askForPin(displayed(card_.reader.tokenLabel));
+    if (const auto* failure = std::get_if<Failure>(&entered)) return *failure;
+    const auto& pin = std::get<std::shared_ptr<const SecretText>>(entered);
+    if (!pin) {
+      return Failure{FailureKind::kCancelled, "no PIN was given", "the entry was cancelled",
+                     "run again to try once more"};
+    }
+    diary_->clear();
+    pinOperation->setPIN(pin);
+    const bool accepted = pinOperation->finishWithError(&error);
+    pinOperation->setPIN(nullptr);
+    if (accepted) return std::nullopt;
+
+    const std::string text = error ? displayedName(error->localizedDescription) : std::string{};
+    Failure failure = loginFailure(withoutFullStop(text));
+    const bool last = attempt == kMostPins || !pins.canAskAgain();
+    if (failure.kind != FailureKind::kPinWrong || last) return failure;
+    pins.showRefusal(text);
+  }
+}
+
+/// Why the card did not do what that Cryptoki function does; empty when it did. A card that was not asked may
+/// leave no other trace.
+std::string KeyClient::cardTrouble(std::string_view function) const {
+  if (const std::string reason = diary_->reason(); !reason.empty()) return reason;
+  return diary_->lastResultOf(function) == CKR_OK ? std::string{} : "the card was not asked";
+}
+
+Failure KeyClient::loginFailure(const std::string& text) const {
+  const auto answer = diary_->lastResultOf("C_Login");
+  if (!answer) {
+    if (diary_->lastResultOf("pkcs11_UserLogin") == CKR_ARGUMENTS_BAD) {
+      return {FailureKind::kPinWrong, text, "a PIN has 1 to 8 characters, so the card was not asked",
+              "enter the PIN of this card"};
+    }
+    const std::string reason = diary_->reason();
+    return {FailureKind::kCardRefuses, "the card did not take the PIN",
+            reason.empty() ? "it is not there any more" : reason, "insert the card and run again"};
+  }
+  const std::string code = "C_Login answered " + cryptokiResultText(*answer);
+  switch (*answer) {
+    case CKR_PIN_INCORRECT:
+    case CKR_PIN_INVALID:
+    case CKR_PIN_LEN_RANGE: return {FailureKind::kPinWrong, text, code, "enter the PIN of this card"};
+    case CKR_PIN_LOCKED:
+      return {FailureKind::kPinLocked, "the PIN of the card is locked", code,
+              "have the card's issuer unlock it"};
+    default: break;
+  }
+  std::string why = diary_->reason();
+  if (why.empty() && *answer != CKR_OK) why = code;
+  if (why.empty()) {
+    // The framework has looked at the session since, so the diary does not tell any more.
+    const auto ended = diary_->lastResultOf("pkcs11_UserLogin");
+    why = !ended || *ended == kLoginDidNotTake ? "the login left no user logged in"
+                                               : "pkcs11_UserLogin ended with " + cryptokiResultText(*ended);
+  }
+  return {FailureKind::kCardRefuses, "the card did not take the PIN", why, kSeeLog};
+}
+
+std::optional<Failure> KeyClient::logIn(PinSource& pins) {
+  return authenticate(TKTokenOperation::kNone, Text{kPinConstraint}, pins);
+}
+
+}  // namespace mirel

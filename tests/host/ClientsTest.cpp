@@ -1,0 +1,104 @@
+#include "host/KeyClient.h"
+
+#include "host/HostTest.h"
+
+namespace mirel::test {
+namespace {
+
+using ::testing::IsEmpty;
+
+class Clients : public HostTest {
+ protected:
+  void TearDown() override {
+    leavesOpen(script.openSessions());
+    HostTest::TearDown();
+  }
+};
+
+TEST_F(Clients, AreNewEachTime) {
+  const InsertedCard card = inserted();
+  const auto first = host.newClient(card);
+  const auto second = host.newClient(card);
+  ASSERT_TRUE(std::holds_alternative<std::unique_ptr<KeyClient>>(first));
+  ASSERT_TRUE(std::holds_alternative<std::unique_ptr<KeyClient>>(second));
+  EXPECT_TRUE(std::get<0>(first));
+  EXPECT_NE(std::get<0>(first), std::get<0>(second));
+}
+
+TEST_F(Clients, AreMadeWithoutTheCard) {
+  const InsertedCard card = inserted();
+  script.forgetCalls();
+  EXPECT_TRUE(std::holds_alternative<std::unique_ptr<KeyClient>>(host.newClient(card)));
+  EXPECT_THAT(script.callTexts(), IsEmpty());
+}
+
+TEST_F(Clients, AreMadeForCardsWithoutKeys) {
+  script.card().objects.clear();
+  const InsertedCard card = inserted();
+  EXPECT_TRUE(std::holds_alternative<std::unique_ptr<KeyClient>>(host.newClient(card)));
+}
+
+// ---- What the flags say about the PIN ----
+
+struct Flags {
+  CK_FLAGS set;
+  const char* state;
+};
+
+constexpr Flags kFlags[] = {
+    {0, ""},
+    {CKF_USER_PIN_COUNT_LOW, "a wrong PIN was entered since the last right one"},
+    {CKF_USER_PIN_FINAL_TRY, "one more wrong PIN locks the card"},
+    {CKF_USER_PIN_COUNT_LOW | CKF_USER_PIN_FINAL_TRY, "one more wrong PIN locks the card"},
+    {CKF_USER_PIN_LOCKED, "the PIN is locked"},
+    {CKF_USER_PIN_LOCKED | CKF_USER_PIN_FINAL_TRY | CKF_USER_PIN_COUNT_LOW, "the PIN is locked"},
+    // Those of the other PIN say nothing.
+    {CKF_SO_PIN_COUNT_LOW | CKF_SO_PIN_FINAL_TRY | CKF_SO_PIN_LOCKED, ""},
+};
+
+class PinState : public Clients {};
+
+TEST_F(PinState, IsWhatTheTokensFlagsSay) {
+  const auto found = readers();
+  ASSERT_EQ(found.size(), 1U);
+  const CK_FLAGS before = script.card().info.flags;
+  for (const Flags& row : kFlags) {
+    SCOPED_TRACE(row.set);
+    script.card().info.flags = before | row.set;
+    EXPECT_EQ(host.pinState(found.front()), row.state);
+  }
+}
+
+TEST_F(PinState, IsThatOfTheReader) {
+  Card other = emptyCard("OTHER", "2");
+  other.info.flags |= CKF_USER_PIN_LOCKED;
+  script.addSlot("Reader B 00", other);
+  const auto found = readers();
+  ASSERT_EQ(found.size(), 2U);
+  EXPECT_EQ(host.pinState(found[0]), "");
+  EXPECT_EQ(host.pinState(found[1]), "the PIN is locked");
+}
+
+TEST_F(PinState, IsReadAnewEachTime) {
+  const auto found = readers();
+  ASSERT_EQ(found.size(), 1U);
+  EXPECT_EQ(host.pinState(found.front()), "");
+  script.card().triesLeft = 1;
+  EXPECT_EQ(host.pinState(found.front()), "one more wrong PIN locks the card");
+}
+
+TEST_F(PinState, IsUnknownWhenTheTokenCannotBeRead) {
+  const auto found = readers();
+  ASSERT_EQ(found.size(), 1U);
+  script.card().triesLeft = 0;
+  script.failCallOf("C_GetTokenInfo", 0, CKR_DEVICE_ERROR);
+  EXPECT_EQ(host.pinState(found.front()), "");
+  EXPECT_EQ(host.pinState(found.front()), "the PIN is locked");
+  script.pullCard();
+  EXPECT_EQ(host.pinState(found.front()), "");
+}
+
+TEST_F(PinState, IsUnknownBeforeTheModuleIsLoaded) { EXPECT_EQ(host.pinState(Reader{}), ""); }
+
+}  // namespace
+}  // namespace mirel::test

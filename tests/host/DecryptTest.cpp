@@ -1,0 +1,226 @@
+#include <openssl/rsa.h>
+
+#include "host/KeyClientTest.h"
+
+namespace mirel::test {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+
+using enum SecKeyAlgorithm;
+
+const Value kPlain = bytesOf("a secret");
+
+class Decrypt : public KeyClientTest {};
+
+// ---- PKCS #1 v1.5 ----
+
+TEST_F(Decrypt, GivesThePlainText) {
+  for (const std::size_t size : {std::size_t{1}, std::size_t{32}, key.blockSize() - 11}) {
+    SCOPED_TRACE(size);
+    const Value plain = patternValue(size, 7);
+    EXPECT_EQ(plainText(kSecKeyAlgorithmRSAEncryptionPKCS1, key.encrypted(plain, RSA_PKCS1_PADDING)), plain);
+  }
+}
+
+TEST_F(Decrypt, GivesAnEmptyPlainText) {
+  EXPECT_EQ(plainText(kSecKeyAlgorithmRSAEncryptionPKCS1, key.encrypted({}, RSA_PKCS1_PADDING)), Value{});
+}
+
+TEST_F(Decrypt, AsksForThePinOnce) {
+  const Value cipher = key.encrypted(kPlain, RSA_PKCS1_PADDING);
+  (void)plainText(kSecKeyAlgorithmRSAEncryptionPKCS1, cipher);
+  (void)plainText(kSecKeyAlgorithmRSAEncryptionPKCS1, cipher);
+  EXPECT_EQ(pins.timesAsked(), 1U);
+  EXPECT_THAT(secretCalls(),
+              ElementsAre("C_Login", "C_DecryptInit", "C_Decrypt", "C_DecryptInit", "C_Decrypt"));
+}
+
+TEST_F(Decrypt, ReadsACryptogramInPieces) {
+  const Value cipher = key.encrypted(kPlain, RSA_PKCS1_PADDING);
+  GivenInput input{{Value(cipher.begin(), cipher.begin() + 1), {}, Value(cipher.begin() + 1, cipher.end())}};
+  const auto outcome = client->decrypt(published(u"02"), kSecKeyAlgorithmRSAEncryptionPKCS1, input, pins);
+  ASSERT_TRUE(std::holds_alternative<Bytes>(outcome));
+  EXPECT_EQ(std::get<Bytes>(outcome), Bytes{kPlain});
+}
+
+TEST_F(Decrypt, AuthenticatesByTheConstraintOfTheOperation) {
+  PublishedKey other = published(u"02");
+  other.constraints = {{2, Text{u"PINAlways"}}};
+  GivenInput input{{key.encrypted(kPlain, RSA_PKCS1_PADDING)}};
+  EXPECT_EQ(failureOf(client->decrypt(other, kSecKeyAlgorithmRSAEncryptionPKCS1, input, pins)).kind,
+            FailureKind::kNotSupported);
+  EXPECT_EQ(pins.timesAsked(), 0U);
+}
+
+// ---- Raw and OAEP, where the module hands out whole blocks ----
+
+TEST_F(Decrypt, GivesTheWholeBlock) {
+  decryptRawInTheModule();
+  Value block = patternValue(key.blockSize(), 3);
+  block.front() = 0x00;
+  EXPECT_EQ(plainText(kSecKeyAlgorithmRSAEncryptionRaw, key.encrypted(block, RSA_NO_PADDING)), block);
+}
+
+TEST_F(Decrypt, DecodesOaepThatTheTokenAcceptsRawAlone) {
+  decryptRawInTheModule();
+  const std::pair<SecKeyAlgorithm, const char*> kRows[] = {
+      {kSecKeyAlgorithmRSAEncryptionOAEPSHA1, "SHA1"},
+      {kSecKeyAlgorithmRSAEncryptionOAEPSHA224, "SHA224"},
+      {kSecKeyAlgorithmRSAEncryptionOAEPSHA384, "SHA384"},
+  };
+  for (const auto& [algorithm, hash] : kRows) {
+    SCOPED_TRACE(hash);
+    EXPECT_EQ(plainText(algorithm, key.encrypted(kPlain, RSA_PKCS1_OAEP_PADDING, hash)), kPlain);
+    EXPECT_EQ(plainText(algorithm, key.encrypted({}, RSA_PKCS1_OAEP_PADDING, hash)), Value{});
+  }
+}
+
+TEST_F(Decrypt, LeavesOaepThatTheTokenAcceptsToTheToken) {
+  // As it comes: the client gets whatever the card layer took for the plain text.
+  decryptRawInTheModule();
+  const Value cipher = key.encrypted(kPlain, RSA_PKCS1_OAEP_PADDING, "SHA256");
+  EXPECT_EQ(plainText(kSecKeyAlgorithmRSAEncryptionOAEPSHA256, cipher), key.rawPrivate(cipher));
+}
+
+TEST_F(Decrypt, RefusesABlockThatIsNoOaep) {
+  decryptRawInTheModule();
+  const Failure failure =
+      decryptFailure(kSecKeyAlgorithmRSAEncryptionOAEPSHA1, key.encrypted(kPlain, RSA_PKCS1_PADDING));
+  EXPECT_EQ(failure.kind, FailureKind::kCardRefuses);
+  EXPECT_THAT(failure.what, HasSubstr("kSecKeyAlgorithmRSAEncryptionOAEPSHA1"));
+}
+
+TEST_F(Decrypt, TellsThatACardThatRemovesThePaddingDoesNoOaep) {
+  const Failure failure =
+      decryptFailure(kSecKeyAlgorithmRSAEncryptionOAEPSHA1, key.encrypted(kPlain, RSA_PKCS1_PADDING));
+  EXPECT_EQ(failure.kind, FailureKind::kCardRefuses);
+  EXPECT_THAT(failure.why, HasSubstr("not a whole block"));
+}
+
+// ---- Input that cannot be ----
+
+TEST_F(Decrypt, RefusesCryptogramsOfAnotherSizeBeforeThePin) {
+  for (const SecKeyAlgorithm algorithm :
+       {kSecKeyAlgorithmRSAEncryptionRaw, kSecKeyAlgorithmRSAEncryptionPKCS1,
+        kSecKeyAlgorithmRSAEncryptionOAEPSHA256, kSecKeyAlgorithmRSAEncryptionOAEPSHA1}) {
+    for (const std::size_t size : {0U, 1U, 127U, 129U, 65536U, 65537U}) {
+      SCOPED_TRACE(std::string{nameOf(algorithm)} + " " + std::to_string(size));
+      EXPECT_EQ(decryptFailure(algorithm, Value(size, 1)).kind, FailureKind::kBadInput);
+    }
+  }
+  EXPECT_EQ(pins.timesAsked(), 0U);
+  EXPECT_THAT(script.callTexts(), IsEmpty());
+}
+
+TEST_F(Decrypt, TellsWhichSizeIsWanted) {
+  EXPECT_EQ(decryptFailure(kSecKeyAlgorithmRSAEncryptionPKCS1, Value(7)).why,
+            "they have 7 bytes, a block for this key has 128");
+}
+
+TEST_F(Decrypt, PassesOnWhatIsWrongWithTheInput) {
+  GivenInput input{{Value(128, 1)}};
+  input.failure = Failure{FailureKind::kFileTrouble, "the file cannot be read", "it is gone", "look for it"};
+  const Failure failure =
+      failureOf(client->decrypt(published(u"02"), kSecKeyAlgorithmRSAEncryptionPKCS1, input, pins));
+  EXPECT_EQ(failure.kind, FailureKind::kFileTrouble);
+  EXPECT_EQ(failure.whatToDo, "look for it");
+  EXPECT_EQ(pins.timesAsked(), 0U);
+}
+
+// ---- Decryptions that fail in the card ----
+
+TEST_F(Decrypt, TellsThatTheCardGaveNone) {
+  Value cipher = key.encrypted(kPlain, RSA_PKCS1_OAEP_PADDING, "SHA256");
+  const Failure failure = decryptFailure(kSecKeyAlgorithmRSAEncryptionPKCS1, cipher);
+  EXPECT_EQ(failure.kind, FailureKind::kCardRefuses);
+  EXPECT_EQ(failure.why, "C_Decrypt answered CKR_ENCRYPTED_DATA_INVALID (0x40)");
+}
+
+TEST_F(Decrypt, TellsTheCodeOfEachCallThatFails) {
+  (void)plainText(kSecKeyAlgorithmRSAEncryptionPKCS1, key.encrypted(kPlain, RSA_PKCS1_PADDING));
+  for (const char* function : {"C_DecryptInit", "C_Decrypt"}) {
+    script.failCallOf(function, 0, CKR_DEVICE_ERROR);
+    const Failure failure =
+        decryptFailure(kSecKeyAlgorithmRSAEncryptionPKCS1, key.encrypted(kPlain, RSA_PKCS1_PADDING));
+    EXPECT_EQ(failure.kind, FailureKind::kCardRefuses);
+    EXPECT_EQ(failure.why, std::string{function} + " answered CKR_DEVICE_ERROR (0x30)");
+  }
+}
+
+TEST_F(Decrypt, TellsThatTheCardIsGone) {
+  (void)plainText(kSecKeyAlgorithmRSAEncryptionPKCS1, key.encrypted(kPlain, RSA_PKCS1_PADDING));
+  script.pullCard();
+  EXPECT_EQ(decryptFailure(kSecKeyAlgorithmRSAEncryptionPKCS1, key.encrypted(kPlain, RSA_PKCS1_PADDING)).kind,
+            FailureKind::kCardRefuses);
+}
+
+TEST_F(Decrypt, TellsThatTheCardIsGoneTheSecondTimeToo) {
+  // After a listing that failed, the card is not even asked any more.
+  (void)plainText(kSecKeyAlgorithmRSAEncryptionPKCS1, key.encrypted(kPlain, RSA_PKCS1_PADDING));
+  script.pullCard();
+  for (int attempt = 1; attempt <= 2; ++attempt) {
+    SCOPED_TRACE(attempt);
+    EXPECT_EQ(
+        decryptFailure(kSecKeyAlgorithmRSAEncryptionPKCS1, key.encrypted(kPlain, RSA_PKCS1_PADDING)).kind,
+        FailureKind::kCardRefuses);
+  }
+}
+
+TEST_F(Decrypt, TellsThatTheCardWasNotAskedBecauseOfTheReadersName) {
+  // The card framework compares no byte above 0x7F of a name, except when it selects the card.
+  setField(script.slot().info.slotDescription, "L\xE4ser");
+  auto inserted = host.insert(Text{u"L\u00E4ser"});
+  ASSERT_TRUE(std::holds_alternative<InsertedCard>(inserted));
+  card = std::get<InsertedCard>(inserted);
+  client = newClient();
+  const Failure failure =
+      decryptFailure(kSecKeyAlgorithmRSAEncryptionPKCS1, key.encrypted(kPlain, RSA_PKCS1_PADDING));
+  EXPECT_EQ(failure.kind, FailureKind::kCardRefuses);
+  EXPECT_EQ(failure.why, "the card was not asked");
+}
+
+TEST_F(Decrypt, RefusesAPlainTextThatIsTooLongForTheCardLayer) {
+  // The module writes no more than the length of the modulus, but says that there is more.
+  script.deviations.claimedResults["C_Decrypt"] = {2001, {}};
+  const Failure failure =
+      decryptFailure(kSecKeyAlgorithmRSAEncryptionPKCS1, key.encrypted(kPlain, RSA_PKCS1_PADDING));
+  EXPECT_EQ(failure.kind, FailureKind::kCardRefuses);
+}
+
+// ---- Key exchange ----
+
+class Exchange : public KeyClientTest {};
+
+TEST_F(Exchange, GivesNoSecretAndNeedsNoPin) {
+  GivenInput input{{Value(65, 0x04)}};
+  const auto outcome =
+      client->exchange(published(u"04"), kSecKeyAlgorithmECDHKeyExchangeStandard, input, pins);
+  ASSERT_TRUE(std::holds_alternative<KeyExchange>(outcome));
+  EXPECT_TRUE(std::get<KeyExchange>(outcome).secret.isNull());
+  EXPECT_EQ(std::get<KeyExchange>(outcome).performed, kSecKeyAlgorithmECDHKeyExchangeStandard);
+  EXPECT_EQ(pins.timesAsked(), 0U);
+  EXPECT_THAT(script.callTexts(), IsEmpty());
+}
+
+TEST_F(Exchange, RefusesNoPoint) {
+  EXPECT_EQ(exchangeFailure(kSecKeyAlgorithmECDHKeyExchangeStandard, {}).kind, FailureKind::kBadInput);
+}
+
+TEST_F(Exchange, RefusesAPointOfAnotherKindOfSize) {
+  EXPECT_EQ(exchangeFailure(kSecKeyAlgorithmECDHKeyExchangeStandard, Value(65537)).kind,
+            FailureKind::kBadInput);
+}
+
+TEST_F(Exchange, PassesOnWhatIsWrongWithTheInput) {
+  GivenInput input{{Value(1)}};
+  input.failure = Failure{FailureKind::kFileTrouble, "the file cannot be read", "it is gone", "look for it"};
+  const Failure failure =
+      failureOf(client->exchange(published(u"04"), kSecKeyAlgorithmECDHKeyExchangeStandard, input, pins));
+  EXPECT_EQ(failure.kind, FailureKind::kFileTrouble);
+}
+
+}  // namespace
+}  // namespace mirel::test

@@ -1,0 +1,150 @@
+#include <openssl/rsa.h>
+
+#include "host/KeyClientTest.h"
+#include "host/Verification.h"
+
+namespace mirel::test {
+namespace {
+
+using enum SecKeyAlgorithm;
+
+const Value kMessage = bytesOf("a message");
+const Value kPlain = bytesOf("a secret");
+
+/// A client of a card of which any call fails.
+class FailingCard : public KeyClientTest {
+ protected:
+  /// A card that works, and a client with a PIN at hand.
+  void begin() {
+    script.setInitialised(true);
+    startAnew();
+    given = std::make_unique<GivenPins>(std::deque<std::u16string>{u"123456", u"123456", u"123456"});
+  }
+
+  [[nodiscard]] Outcome<Signature> sign() {
+    GivenInput input{{kMessage}};
+    return client->sign(published(u"01"), kSecKeyAlgorithmRSASignatureMessagePSSSHA256, input, *given);
+  }
+
+  [[nodiscard]] Outcome<Bytes> decrypt() {
+    GivenInput input{{key.encrypted(kPlain, RSA_PKCS1_PADDING)}};
+    return client->decrypt(published(u"02"), kSecKeyAlgorithmRSAEncryptionPKCS1, input, *given);
+  }
+
+  void expectRefusal(const Failure& failure) const {
+    expectPresentable(failure);
+    EXPECT_EQ(failure.kind, FailureKind::kCardRefuses);
+    EXPECT_LE(given->timesAsked(), 1U) << "the PIN is asked for again";
+  }
+
+  /// A failure, a good signature, or one whose fault has an explanation.
+  void expectSignature(const Outcome<Signature>& outcome, bool mustBeGood) const {
+    if (const auto* failure = std::get_if<Failure>(&outcome)) {
+      EXPECT_FALSE(mustBeGood);
+      return expectRefusal(*failure);
+    }
+    const auto& made = std::get<Signature>(outcome);
+    PublishedCertificate certificate;
+    certificate.data = Bytes{key.certificate()};
+    const std::string trouble =
+        signatureTrouble(certificate, published(u"01"), kSecKeyAlgorithmRSASignatureMessagePSSSHA256, made);
+    EXPECT_TRUE(trouble.empty() || !mustBeGood) << trouble;
+    EXPECT_TRUE(trouble.empty() || !made.cardTrouble.empty()) << trouble;
+  }
+
+  /// A failure or the plain text; never another one.
+  void expectPlain(const Outcome<Bytes>& outcome, bool mustBeGood) const {
+    if (const auto* failure = std::get_if<Failure>(&outcome)) {
+      EXPECT_FALSE(mustBeGood);
+      return expectRefusal(*failure);
+    }
+    EXPECT_EQ(std::get<Bytes>(outcome), Bytes{kPlain});
+  }
+
+  std::unique_ptr<GivenPins> given;
+};
+
+TEST_F(FailingCard, GivesAReasonForEveryBadSignature) {
+  forEachFailingCall(script, CKR_DEVICE_ERROR, [&](FailPoint& point) {
+    begin();
+    point.arm();
+    const auto outcome = sign();
+    expectSignature(outcome, !point.fired());
+  });
+}
+
+TEST_F(FailingCard, GivesAReasonForEveryBadSignatureAfterTheLogin) {
+  forEachFailingCall(script, CKR_DEVICE_REMOVED, [&](FailPoint& point) {
+    begin();
+    EXPECT_EQ(client->logIn(*given), std::nullopt);
+    point.arm();
+    const auto outcome = sign();
+    expectSignature(outcome, !point.fired());
+  });
+}
+
+TEST_F(FailingCard, NeverGivesAWrongPlainText) {
+  forEachFailingCall(script, CKR_DEVICE_ERROR, [&](FailPoint& point) {
+    begin();
+    point.arm();
+    const auto outcome = decrypt();
+    expectPlain(outcome, !point.fired());
+  });
+}
+
+TEST_F(FailingCard, NeverGivesAWrongPlainTextAfterTheLogin) {
+  forEachFailingCall(script, CKR_DEVICE_REMOVED, [&](FailPoint& point) {
+    begin();
+    EXPECT_EQ(client->logIn(*given), std::nullopt);
+    point.arm();
+    const auto outcome = decrypt();
+    expectPlain(outcome, !point.fired());
+  });
+}
+
+TEST_F(FailingCard, NeverAsksForThePinTwiceBecauseOfIt) {
+  forEachFailingCall(script, CKR_DEVICE_ERROR, [&](FailPoint& point) {
+    begin();
+    point.arm();
+    if (const auto failure = client->logIn(*given)) {
+      EXPECT_TRUE(point.fired());
+      expectRefusal(*failure);
+    }
+    EXPECT_EQ(given->timesAsked(), 1U);
+  });
+}
+
+TEST_F(FailingCard, GivesAReasonForEveryBadSignatureWhenMemoryRunsOut) {
+  forEachFailingAllocation(script, *memory, [&](FailPoint& point) {
+    begin();
+    point.arm();
+    const auto outcome = sign();
+    expectSignature(outcome, !point.fired());
+  });
+}
+
+// ---- Modules that answer without having done anything ----
+
+TEST_F(FailingCard, GivesAReasonForSignaturesThatWereNeverMade) {
+  for (const char* function : {"C_SignInit", "C_Sign", "C_FindObjects", "C_GetAttributeValue"}) {
+    SCOPED_TRACE(function);
+    script.reset();
+    begin();
+    EXPECT_EQ(client->logIn(*given), std::nullopt);
+    script.deviations.silent = {function};
+    const auto outcome = sign();
+    if (const auto* failure = std::get_if<Failure>(&outcome)) {
+      expectRefusal(*failure);
+      continue;
+    }
+    PublishedCertificate certificate;
+    certificate.data = Bytes{key.certificate()};
+    EXPECT_NE(signatureTrouble(certificate, published(u"01"), kSecKeyAlgorithmRSASignatureMessagePSSSHA256,
+                               std::get<Signature>(outcome)),
+              "");
+    script.deviations.silent.clear();
+  }
+}
+
+}  // namespace
+}  // namespace mirel::test

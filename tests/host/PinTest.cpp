@@ -1,0 +1,322 @@
+#include "host/KeyClientTest.h"
+
+namespace mirel::test {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::SizeIs;
+
+using enum SecKeyAlgorithm;
+
+/// Entering the PIN, on its own and where a signature needs it.
+class PinEntry : public KeyClientTest {
+ protected:
+  PinEntry() { strings->texts["VERIFY_TRY_LEFT"] = Text{u"Wrong, %lu left."}; }
+
+  [[nodiscard]] bool logsIn(GivenPins& given) { return client->logIn(given) == std::nullopt; }
+
+  /// Why the login failed; a login fails the test.
+  [[nodiscard]] Failure loginFailure(GivenPins& given) {
+    const auto failure = client->logIn(given);
+    if (!failure) {
+      ADD_FAILURE() << "there is no failure";
+      return {};
+    }
+    expectPresentable(*failure);
+    return *failure;
+  }
+
+  /// Has C_Login answer that, whatever the PIN.
+  void answerLoginsWith(CK_RV code) { script.failCallOf("C_Login", 0, code, Times::kFromThenOn); }
+};
+
+// ---- The right PIN ----
+
+TEST_F(PinEntry, IsAllThereIsToALogin) {
+  EXPECT_TRUE(logsIn(pins));
+  EXPECT_THAT(secretCalls(), ElementsAre("C_Login"));
+  EXPECT_THAT(script.callTexts("C_Login"), ElementsAre(HasSubstr(", 1, 313233343536)")));
+  EXPECT_THAT(pins.labels, ElementsAre("TESTCARD"));
+  EXPECT_TRUE(script.card().loggedIn);
+}
+
+TEST_F(PinEntry, IsGoodForSignatures) {
+  EXPECT_TRUE(logsIn(pins));
+  EXPECT_EQ(signature(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, {}).value.size(), key.blockSize());
+  EXPECT_EQ(pins.timesAsked(), 1U);
+}
+
+TEST_F(PinEntry, CanBeRepeated) {
+  EXPECT_TRUE(logsIn(pins));
+  GivenPins again{{u"123456"}};
+  EXPECT_TRUE(logsIn(again));
+  EXPECT_EQ(again.timesAsked(), 1U);
+}
+
+TEST_F(PinEntry, ShowsTheLabelOfTheTokenWithoutWhatMisleadsATerminal) {
+  card.reader.tokenLabel = Text{u"Evil\x1B[2J"};
+  client = newClient();
+  EXPECT_TRUE(logsIn(pins));
+  EXPECT_THAT(pins.labels, ElementsAre("Evil\\x1B[2J"));
+}
+
+TEST_F(PinEntry, TakesAPinOfEightCharacters) {
+  script.card().pin = "12345678";
+  GivenPins given{{u"12345678"}};
+  EXPECT_TRUE(logsIn(given));
+}
+
+// ---- The wrong PIN ----
+
+TEST_F(PinEntry, IsAskedForAgainAfterAWrongPin) {
+  GivenPins given{{u"000000", u"111111", u"123456"}};
+  EXPECT_TRUE(logsIn(given));
+  EXPECT_EQ(given.timesAsked(), 3U);
+  EXPECT_THAT(given.refusals, SizeIs(2));
+  EXPECT_EQ(script.countOf("C_Login"), 3U);
+}
+
+TEST_F(PinEntry, TellsWhatTheTokenSaysOfAWrongPin) {
+  script.deviations.triesLeftAsDeviceError = true;
+  GivenPins given{{u"000000", u"111111"}};
+  const Failure failure = loginFailure(given);
+  EXPECT_THAT(given.refusals, ElementsAre("Wrong, 2 left.", "Wrong, 1 left."));
+  EXPECT_EQ(failure.kind, FailureKind::kCancelled);
+}
+
+TEST_F(PinEntry, EndsAfterThreeWrongPins) {
+  script.card().triesLeft = 10;
+  GivenPins given{{u"000000", u"111111", u"222222", u"123456"}};
+  const Failure failure = loginFailure(given);
+  EXPECT_EQ(failure.kind, FailureKind::kPinWrong);
+  EXPECT_EQ(failure.what, "Wrong, 0 left");
+  EXPECT_EQ(failure.why, "C_Login answered CKR_PIN_INCORRECT (0xA0)");
+  EXPECT_EQ(given.timesAsked(), 3U);
+  EXPECT_THAT(given.refusals, SizeIs(2));
+  EXPECT_EQ(script.countOf("C_Login"), 3U);
+}
+
+TEST_F(PinEntry, EndsAfterOneWrongPinOfASourceThatCannotBeAskedAgain) {
+  GivenPins given{{u"000000", u"123456"}};
+  given.again = false;
+  EXPECT_EQ(loginFailure(given).kind, FailureKind::kPinWrong);
+  EXPECT_EQ(given.timesAsked(), 1U);
+  EXPECT_THAT(given.refusals, IsEmpty());
+  EXPECT_EQ(script.countOf("C_Login"), 1U);
+}
+
+TEST_F(PinEntry, EndsWhereASignatureNeedsIt) {
+  GivenPins given{{u"000000", u"111111", u"222222"}};
+  GivenInput input{{Value{1}}};
+  const Failure failure =
+      failureOf(client->sign(published(u"01"), kSecKeyAlgorithmRSASignatureMessagePSSSHA256, input, given));
+  EXPECT_EQ(failure.kind, FailureKind::kPinWrong);
+  EXPECT_THAT(secretCalls(), ElementsAre("C_Login", "C_Login", "C_Login"));
+}
+
+TEST_F(PinEntry, KeepsTheFullStopsOfOtherLanguagesOutOfTheMessage) {
+  strings->texts["VERIFY_TRY_LEFT"] = Text{u"%lu \u56DE\u3002"};
+  GivenPins given{{u"000000"}};
+  given.again = false;
+  EXPECT_EQ(loginFailure(given).what, "0 \xE5\x9B\x9E");
+}
+
+TEST_F(PinEntry, IsWrongForEachCodeThatSaysSo) {
+  for (const CK_RV code : {CKR_PIN_INCORRECT, CKR_PIN_INVALID, CKR_PIN_LEN_RANGE}) {
+    SCOPED_TRACE(code);
+    answerLoginsWith(code);
+    GivenPins given{{u"1", u"2", u"3"}};
+    EXPECT_EQ(loginFailure(given).kind, FailureKind::kPinWrong);
+    EXPECT_EQ(given.timesAsked(), 3U);
+    script.setInitialised(true);
+  }
+}
+
+// ---- A PIN that the card is not asked about ----
+
+TEST_F(PinEntry, DoesNotTroubleTheCardWithPinsOfAnImpossibleLength) {
+  for (const char16_t* pin : {u"", u"123456789", u"1234567890123456"}) {
+    GivenPins given{{pin}};
+    given.again = false;
+    const Failure failure = loginFailure(given);
+    EXPECT_EQ(failure.kind, FailureKind::kPinWrong);
+    EXPECT_THAT(failure.why, HasSubstr("1 to 8 characters"));
+  }
+  EXPECT_THAT(secretCalls(), IsEmpty());
+  EXPECT_EQ(script.card().triesLeft, 3U);
+}
+
+TEST_F(PinEntry, IsAskedForAgainAfterAPinOfAnImpossibleLength) {
+  GivenPins given{{u"123456789", u"", u"123456"}};
+  EXPECT_TRUE(logsIn(given));
+  EXPECT_EQ(given.timesAsked(), 3U);
+  EXPECT_THAT(given.refusals, SizeIs(2));
+  EXPECT_EQ(script.countOf("C_Login"), 1U);
+}
+
+// ---- A locked PIN ----
+
+TEST_F(PinEntry, EndsAtOnceWhenThePinIsLocked) {
+  script.card().triesLeft = 0;
+  GivenPins given{{u"123456", u"123456"}};
+  const Failure failure = loginFailure(given);
+  EXPECT_EQ(failure.kind, FailureKind::kPinLocked);
+  EXPECT_EQ(failure.why, "C_Login answered CKR_PIN_LOCKED (0xA4)");
+  EXPECT_EQ(given.timesAsked(), 1U);
+  EXPECT_THAT(given.refusals, IsEmpty());
+}
+
+TEST_F(PinEntry, EndsWhenAWrongPinHasLockedIt) {
+  script.card().triesLeft = 1;
+  GivenPins given{{u"000000", u"123456", u"123456"}};
+  EXPECT_EQ(loginFailure(given).kind, FailureKind::kPinLocked);
+  EXPECT_EQ(given.timesAsked(), 2U);
+}
+
+// ---- No PIN ----
+
+TEST_F(PinEntry, EndsWhenTheUserCancels) {
+  GivenPins given;
+  EXPECT_EQ(loginFailure(given).kind, FailureKind::kCancelled);
+  EXPECT_EQ(given.timesAsked(), 1U);
+  EXPECT_THAT(secretCalls(), IsEmpty());
+}
+
+TEST_F(PinEntry, EndsWhenTheUserCancelsAfterAWrongPin) {
+  GivenPins given{{u"000000"}};
+  EXPECT_EQ(loginFailure(given).kind, FailureKind::kCancelled);
+  EXPECT_EQ(given.timesAsked(), 2U);
+  EXPECT_EQ(script.countOf("C_Login"), 1U);
+}
+
+TEST_F(PinEntry, PassesOnWhatIsWrongWithTheSource) {
+  GivenPins given{{u"123456"}};
+  given.failure = Failure{FailureKind::kFileTrouble, "the PIN cannot be read", "others can", "protect it"};
+  const Failure failure = loginFailure(given);
+  EXPECT_EQ(failure.kind, FailureKind::kFileTrouble);
+  EXPECT_EQ(failure.what, "the PIN cannot be read");
+  EXPECT_EQ(failure.why, "others can");
+  EXPECT_EQ(failure.whatToDo, "protect it");
+  EXPECT_EQ(given.timesAsked(), 1U);
+  EXPECT_THAT(secretCalls(), IsEmpty());
+}
+
+// ---- Cards and modules that do not play along ----
+
+TEST_F(PinEntry, FailsOnACardThatIsGoneBeforeIt) {
+  GivenPins given{{u"123456", u"123456"}};
+  given.whenAsked = [&] { script.pullCard(); };
+  const Failure failure = loginFailure(given);
+  EXPECT_EQ(failure.kind, FailureKind::kCardRefuses);
+  EXPECT_EQ(failure.what, "the card did not take the PIN");
+  EXPECT_THAT(failure.why, HasSubstr("CKR_SLOT_ID_INVALID (0x3)"));
+  EXPECT_EQ(given.timesAsked(), 1U);
+  EXPECT_THAT(given.refusals, IsEmpty());
+}
+
+TEST_F(PinEntry, FailsOnACardThatIsGoneWithinIt) {
+  script.hook<&CK_FUNCTION_LIST::C_Login>(
+      [&](auto real, CK_SESSION_HANDLE session, CK_USER_TYPE who, CK_UTF8CHAR_PTR pin, CK_ULONG pinLen) {
+        script.pullCard(kSlot, CKR_DEVICE_REMOVED);
+        return real(session, who, pin, pinLen);
+      });
+  GivenPins given{{u"123456", u"123456"}};
+  const Failure failure = loginFailure(given);
+  EXPECT_EQ(failure.kind, FailureKind::kCardRefuses);
+  EXPECT_EQ(failure.why, "C_Login answered CKR_DEVICE_REMOVED (0x32)");
+  EXPECT_EQ(given.timesAsked(), 1U);
+}
+
+TEST_F(PinEntry, FailsOnACardThatIsGoneAfterIt) {
+  script.hook<&CK_FUNCTION_LIST::C_Login>(
+      [&](auto real, CK_SESSION_HANDLE session, CK_USER_TYPE who, CK_UTF8CHAR_PTR pin, CK_ULONG pinLen) {
+        const CK_RV rv = real(session, who, pin, pinLen);
+        script.pullCard(kSlot, CKR_DEVICE_REMOVED);
+        return rv;
+      });
+  GivenPins given{{u"123456", u"123456"}};
+  const Failure failure = loginFailure(given);
+  EXPECT_EQ(failure.kind, FailureKind::kCardRefuses);
+  EXPECT_THAT(failure.why, HasSubstr("CKR_DEVICE_REMOVED (0x32)"));
+  EXPECT_EQ(given.timesAsked(), 1U);
+}
+
+TEST_F(PinEntry, FailsWhenTheStateCannotBeRead) {
+  script.hook<&CK_FUNCTION_LIST::C_GetSessionInfo>(
+      [&](auto real, CK_SESSION_HANDLE session, CK_SESSION_INFO_PTR info) {
+        return script.card().loggedIn ? CKR_DEVICE_ERROR : real(session, info);
+      });
+  const Failure failure = loginFailure(pins);
+  EXPECT_EQ(failure.kind, FailureKind::kCardRefuses);
+  EXPECT_THAT(failure.why, HasSubstr("CKR_DEVICE_ERROR (0x30)"));
+}
+
+TEST_F(PinEntry, FailsWhenItLeavesNoUserLoggedIn) {
+  script.hook<&CK_FUNCTION_LIST::C_GetSessionInfo>(
+      [](auto real, CK_SESSION_HANDLE session, CK_SESSION_INFO_PTR info) {
+        const CK_RV rv = real(session, info);
+        if (rv == CKR_OK) info->state = CKS_RO_PUBLIC_SESSION;
+        return rv;
+      });
+  GivenPins given{{u"123456", u"123456"}};
+  const Failure failure = loginFailure(given);
+  EXPECT_EQ(failure.kind, FailureKind::kCardRefuses);
+  EXPECT_EQ(failure.why, "the login left no user logged in");
+  EXPECT_EQ(given.timesAsked(), 1U);
+}
+
+TEST_F(PinEntry, TellsTheCodeOfOtherErrors) {
+  const std::pair<CK_RV, const char*> kRows[] = {
+      {CKR_DEVICE_ERROR, "C_Login answered CKR_DEVICE_ERROR (0x30)"},
+      {CKR_USER_PIN_NOT_INITIALIZED, "C_Login answered CKR_USER_PIN_NOT_INITIALIZED (0x102)"},
+      {CKR_PIN_EXPIRED, "C_Login answered CKR_PIN_EXPIRED (0xA3)"},
+      {CKR_USER_TOO_MANY_TYPES, "C_Login answered CKR_USER_TOO_MANY_TYPES (0x105)"},
+      {CKR_VENDOR_DEFINED | 0x123, "C_Login answered 0x80000123"},
+  };
+  for (std::size_t i = 0; i < std::size(kRows); ++i) {
+    const auto& [code, why] = kRows[i];
+    SCOPED_TRACE(why);
+    script.failCallOf("C_Login", 0, code);
+    GivenPins given{{u"123456", u"123456"}};
+    const Failure failure = loginFailure(given);
+    EXPECT_EQ(failure.kind, FailureKind::kCardRefuses);
+    EXPECT_EQ(failure.why, why);
+    EXPECT_EQ(given.timesAsked(), 1U);
+  }
+}
+
+TEST_F(PinEntry, TellsTheCodeOfASessionThatCannotBeOpened) {
+  script.failCallOf("C_OpenSession", 0, CKR_SESSION_COUNT, Times::kFromThenOn);
+  const Failure failure = loginFailure(pins);
+  EXPECT_EQ(failure.kind, FailureKind::kCardRefuses);
+  EXPECT_EQ(failure.why, "C_OpenSession answered CKR_SESSION_COUNT (0xB1)");
+}
+
+TEST_F(PinEntry, IsGoodForOneClientAlone) {
+  EXPECT_TRUE(logsIn(pins));
+  const auto other = newClient();
+  GivenPins none;
+  GivenInput input{{Value{1}}};
+  const Failure failure =
+      failureOf(other->sign(published(u"01"), kSecKeyAlgorithmRSASignatureMessagePSSSHA256, input, none));
+  EXPECT_EQ(failure.kind, FailureKind::kCancelled);
+  EXPECT_EQ(none.timesAsked(), 1U);
+}
+
+// ---- Where the PIN goes ----
+
+TEST_F(PinEntry, LeavesNoPinInTheLog) {
+  // The serial number of the card happens to begin with its PIN.
+  log->allLines.clear();
+  GivenPins given{{u"000000", u"987654321", u"123456"}};
+  EXPECT_TRUE(logsIn(given));
+  for (const std::string& line : log->allLines) {
+    for (const char* pin : {"000000", "987654321", "123456", "313233"})
+      EXPECT_EQ(line.find(pin), std::string::npos) << line;
+  }
+}
+
+}  // namespace
+}  // namespace mirel::test

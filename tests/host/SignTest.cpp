@@ -1,0 +1,392 @@
+#include <openssl/rsa.h>
+
+#include <functional>
+
+#include "FailureDiary.h"
+#include "HostTokenKit.h"
+#include "host/KeyClientTest.h"
+#include "host/Verification.h"
+#include "token/MirelSCToken.h"
+#include "token/MirelSCTokenSession.h"
+
+namespace mirel::test {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+
+using enum SecKeyAlgorithm;
+
+const Value kMessage = bytesOf("a message");
+
+struct Row {
+  SecKeyAlgorithm algorithm;
+  const char* hash;
+  int saltLen = 0;
+};
+
+const Row kPssRows[] = {{kSecKeyAlgorithmRSASignatureMessagePSSSHA1, "SHA1", 20},
+                        {kSecKeyAlgorithmRSASignatureMessagePSSSHA224, "SHA224", 28},
+                        {kSecKeyAlgorithmRSASignatureMessagePSSSHA256, "SHA256", 32},
+                        {kSecKeyAlgorithmRSASignatureMessagePSSSHA384, "SHA384", 48},
+                        {kSecKeyAlgorithmRSASignatureDigestPSSSHA1, "SHA1", 20},
+                        {kSecKeyAlgorithmRSASignatureDigestPSSSHA224, "SHA224", 28},
+                        {kSecKeyAlgorithmRSASignatureDigestPSSSHA256, "SHA256", 32},
+                        {kSecKeyAlgorithmRSASignatureDigestPSSSHA384, "SHA384", 48}};
+
+const Row kPkcs1Rows[] = {{kSecKeyAlgorithmRSASignatureMessagePKCS1v15SHA1, "SHA1"},
+                          {kSecKeyAlgorithmRSASignatureMessagePKCS1v15SHA224, "SHA224"},
+                          {kSecKeyAlgorithmRSASignatureMessagePKCS1v15SHA256, "SHA256"},
+                          {kSecKeyAlgorithmRSASignatureMessagePKCS1v15SHA384, "SHA384"},
+                          {kSecKeyAlgorithmRSASignatureMessagePKCS1v15SHA512, "SHA512"},
+                          {kSecKeyAlgorithmRSASignatureDigestPKCS1v15SHA1, "SHA1"},
+                          {kSecKeyAlgorithmRSASignatureDigestPKCS1v15SHA224, "SHA224"},
+                          {kSecKeyAlgorithmRSASignatureDigestPKCS1v15SHA256, "SHA256"},
+                          {kSecKeyAlgorithmRSASignatureDigestPKCS1v15SHA384, "SHA384"},
+                          {kSecKeyAlgorithmRSASignatureDigestPKCS1v15SHA512, "SHA512"}};
+
+class Sign : public KeyClientTest {
+ protected:
+  [[nodiscard]] std::string trouble(SecKeyAlgorithm algorithm, const Signature& made) const {
+    PublishedCertificate certificate;
+    certificate.data = Bytes{key.certificate()};
+    return signatureTrouble(certificate, published(u"01"), algorithm, made);
+  }
+
+  /// The message, or its digest where the algorithm wants that.
+  [[nodiscard]] static Value inputFor(const Row& row) {
+    const bool isMessage = nameOf(row.algorithm).find("Message") != std::string_view::npos;
+    return isMessage ? kMessage : softwareDigest(row.hash, kMessage);
+  }
+
+  /// A block that is a number below any modulus of the size.
+  [[nodiscard]] Value block() const {
+    Value block = patternValue(key.blockSize(), 1);
+    block.front() = 0x00;
+    return block;
+  }
+};
+
+// ---- What comes out ----
+
+TEST_F(Sign, MakesSignaturesByPssThatVerify) {
+  for (const Row& row : kPssRows) {
+    SCOPED_TRACE(nameOf(row.algorithm));
+    const Signature made = signature(row.algorithm, inputFor(row));
+    const Value digest = softwareDigest(row.hash, kMessage);
+    EXPECT_TRUE(key.verifies(valueOf(made.value), digest, row.hash, RSA_PKCS1_PSS_PADDING, row.saltLen));
+    EXPECT_EQ(made.performed, kSecKeyAlgorithmRSASignatureRaw);
+    EXPECT_EQ(made.data, Bytes{digest});
+    EXPECT_EQ(made.cardTrouble, "");
+    EXPECT_EQ(trouble(row.algorithm, made), "");
+  }
+}
+
+TEST_F(Sign, LeavesThePaddingOfPkcs1ToTheModule) {
+  padInTheModule();
+  for (const Row& row : kPkcs1Rows) {
+    SCOPED_TRACE(nameOf(row.algorithm));
+    const Signature made = signature(row.algorithm, inputFor(row));
+    const Value digest = softwareDigest(row.hash, kMessage);
+    EXPECT_TRUE(key.verifies(valueOf(made.value), digest, row.hash, RSA_PKCS1_PADDING));
+    EXPECT_EQ(made.performed, kSecKeyAlgorithmRSASignatureDigestPKCS1v15Raw);
+    EXPECT_EQ(made.data, Bytes{digest});
+    EXPECT_EQ(trouble(row.algorithm, made), "");
+  }
+}
+
+TEST_F(Sign, GivesTheSignatureOfAModuleThatDoesNotPad) {
+  const Signature made = signature(kSecKeyAlgorithmRSASignatureMessagePKCS1v15SHA256, kMessage);
+  EXPECT_EQ(made.value.size(), key.blockSize());
+  EXPECT_EQ(made.cardTrouble, "");
+  EXPECT_THAT(trouble(kSecKeyAlgorithmRSASignatureMessagePKCS1v15SHA256, made),
+              HasSubstr("the module does not pad"));
+}
+
+TEST_F(Sign, GivesTheModuleRawBlocksAsTheyAre) {
+  const Signature made = signature(kSecKeyAlgorithmRSASignatureRaw, block());
+  EXPECT_EQ(valueOf(made.value), key.rawPrivate(block()));
+  EXPECT_EQ(made.performed, kSecKeyAlgorithmRSASignatureRaw);
+  EXPECT_EQ(made.data, Bytes{block()});
+  EXPECT_EQ(trouble(kSecKeyAlgorithmRSASignatureRaw, made), "");
+}
+
+TEST_F(Sign, GivesTheModuleRawDigestInfosAsTheyAre) {
+  padInTheModule();
+  const Value data = patternValue(19, 1);
+  const Signature made = signature(kSecKeyAlgorithmRSASignatureDigestPKCS1v15Raw, data);
+  EXPECT_TRUE(key.verifies(valueOf(made.value), data, nullptr, RSA_PKCS1_PADDING));
+  EXPECT_EQ(made.performed, kSecKeyAlgorithmRSASignatureDigestPKCS1v15Raw);
+  EXPECT_EQ(made.data, Bytes{data});
+}
+
+TEST_F(Sign, HashesAMessageInPieces) {
+  // One piece is longer than what is read at once.
+  const Value pieces[] = {patternValue(1, 1), patternValue(70000, 2), patternValue(3, 3)};
+  Value whole;
+  for (const Value& piece : pieces) whole.insert(whole.end(), piece.begin(), piece.end());
+  GivenInput input{{pieces[0], pieces[1], pieces[2]}};
+  const auto outcome =
+      client->sign(published(u"01"), kSecKeyAlgorithmRSASignatureMessagePSSSHA256, input, pins);
+  ASSERT_TRUE(std::holds_alternative<Signature>(outcome));
+  const Value digest = softwareDigest("SHA256", whole);
+  EXPECT_EQ(std::get<Signature>(outcome).data, Bytes{digest});
+  EXPECT_TRUE(
+      key.verifies(valueOf(std::get<Signature>(outcome).value), digest, "SHA256", RSA_PKCS1_PSS_PADDING, 32));
+  EXPECT_GT(input.timesRead, 4U);
+}
+
+TEST_F(Sign, SignsAnEmptyMessage) {
+  const Signature made = signature(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, {});
+  EXPECT_TRUE(
+      key.verifies(valueOf(made.value), softwareDigest("SHA256", {}), "SHA256", RSA_PKCS1_PSS_PADDING, 32));
+}
+
+// ---- What the card is asked ----
+
+TEST_F(Sign, AsksForThePinOnceAndThenSigns) {
+  (void)signature(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, kMessage);
+  EXPECT_EQ(pins.timesAsked(), 1U);
+  EXPECT_THAT(pins.refusals, IsEmpty());
+  EXPECT_THAT(secretCalls(), ElementsAre("C_Login", "C_SignInit", "C_Sign"));
+  EXPECT_THAT(script.callTexts("C_Login"), ElementsAre(HasSubstr(", 1, 313233343536)")));
+}
+
+TEST_F(Sign, NamesTheTokenWhereThePinIsAskedFor) {
+  (void)signature(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, kMessage);
+  EXPECT_THAT(pins.labels, ElementsAre("TESTCARD"));
+}
+
+TEST_F(Sign, AsksForNoPinTheSecondTime) {
+  (void)signature(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, kMessage);
+  (void)signature(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, kMessage);
+  EXPECT_EQ(pins.timesAsked(), 1U);
+  EXPECT_THAT(secretCalls(), ElementsAre("C_Login", "C_SignInit", "C_Sign", "C_SignInit", "C_Sign"));
+}
+
+TEST_F(Sign, GivesTheModuleTheWholeBlock) {
+  (void)signature(kSecKeyAlgorithmRSASignatureRaw, block());
+  ASSERT_EQ(script.countOf("C_SignInit"), 1U);
+  EXPECT_THAT(script.callTexts("C_SignInit").front(), HasSubstr("CKM 3 null 0"));
+}
+
+TEST_F(Sign, AuthenticatesByTheConstraintOfTheKey) {
+  PublishedKey other = published(u"01");
+  other.constraints[2] = Text{u"Fingerprint"};
+  strings->texts["Not suppport this constraint"] = Text{u"Not that way"};
+  GivenInput input{{kMessage}};
+  const Failure failure =
+      failureOf(client->sign(other, kSecKeyAlgorithmRSASignatureMessagePSSSHA256, input, pins));
+  EXPECT_EQ(failure.kind, FailureKind::kNotSupported);
+  EXPECT_EQ(failure.why, "Not that way");
+  EXPECT_EQ(pins.timesAsked(), 0U);
+  EXPECT_THAT(secretCalls(), IsEmpty());
+}
+
+TEST_F(Sign, AuthenticatesByTheConstraintOfTheOperation) {
+  PublishedKey other = published(u"01");
+  other.constraints = {{3, Text{u"PINAlways"}}};
+  GivenInput input{{kMessage}};
+  const Failure failure =
+      failureOf(client->sign(other, kSecKeyAlgorithmRSASignatureMessagePSSSHA256, input, pins));
+  EXPECT_EQ(failure.kind, FailureKind::kNotSupported);
+  EXPECT_EQ(pins.timesAsked(), 0U);
+}
+
+TEST_F(Sign, AsksWithoutThePinFirst) {
+  // Somebody who has logged in elsewhere spares nobody the PIN: each client has a login of its own.
+  script.card().loggedIn = true;
+  (void)signature(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, kMessage);
+  EXPECT_EQ(pins.timesAsked(), 1U);
+}
+
+TEST_F(Sign, NeedsALoginForEachClient) {
+  (void)signature(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, kMessage);
+  const auto other = newClient();
+  GivenPins otherPins{{u"123456"}};
+  for (int round = 0; round < 2; ++round) {
+    GivenInput input{{kMessage}};
+    const auto outcome =
+        other->sign(published(u"01"), kSecKeyAlgorithmRSASignatureMessagePSSSHA256, input, otherPins);
+    EXPECT_TRUE(std::holds_alternative<Signature>(outcome));
+    EXPECT_EQ(otherPins.timesAsked(), 1U);
+  }
+  (void)signature(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, kMessage);
+  EXPECT_EQ(pins.timesAsked(), 1U);
+}
+
+TEST_F(Sign, DoesNotNeedTheFirstClient) {
+  const auto other = newClient();
+  client.reset();
+  GivenInput input{{kMessage}};
+  EXPECT_TRUE(std::holds_alternative<Signature>(
+      other->sign(published(u"01"), kSecKeyAlgorithmRSASignatureMessagePSSSHA256, input, pins)));
+}
+
+// ---- Input that cannot be ----
+
+TEST_F(Sign, RefusesDataOfAnotherSizeBeforeThePin) {
+  const std::pair<SecKeyAlgorithm, std::size_t> kRows[] = {
+      {kSecKeyAlgorithmRSASignatureDigestPSSSHA256, 31},
+      {kSecKeyAlgorithmRSASignatureDigestPSSSHA256, 33},
+      {kSecKeyAlgorithmRSASignatureDigestPSSSHA256, 0},
+      {kSecKeyAlgorithmRSASignatureDigestPKCS1v15SHA1, 32},
+      {kSecKeyAlgorithmRSASignatureDigestPKCS1v15Raw, 0},
+      {kSecKeyAlgorithmRSASignatureRaw, 127},
+      {kSecKeyAlgorithmRSASignatureRaw, 129},
+      {kSecKeyAlgorithmRSASignatureRaw, 0},
+      {kSecKeyAlgorithmRSASignatureRaw, 65537},
+      {kSecKeyAlgorithmRSASignatureRaw, 200000},
+  };
+  for (const auto& [algorithm, size] : kRows) {
+    SCOPED_TRACE(std::string{nameOf(algorithm)} + " " + std::to_string(size));
+    EXPECT_EQ(signFailure(algorithm, Value(size, 1)).kind, FailureKind::kBadInput);
+  }
+  EXPECT_EQ(signFailure(kSecKeyAlgorithmECDSASignatureDigestX962SHA384, Value(32), u"03").kind,
+            FailureKind::kBadInput);
+  EXPECT_EQ(pins.timesAsked(), 0U);
+  EXPECT_THAT(script.callTexts(), IsEmpty());
+}
+
+TEST_F(Sign, TellsWhichSizeIsWanted) {
+  EXPECT_EQ(signFailure(kSecKeyAlgorithmRSASignatureDigestPSSSHA256, Value(31)).why,
+            "they have 31 bytes, a digest of SHA256 has 32");
+  EXPECT_EQ(signFailure(kSecKeyAlgorithmRSASignatureRaw, Value(7)).why,
+            "they have 7 bytes, a block for this key has 128");
+}
+
+TEST_F(Sign, RefusesAnEncodingThatTheKeyIsTooShortFor) {
+  // 1024 bits have no room for a digest and a salt of 64 bytes each.
+  EXPECT_EQ(signFailure(kSecKeyAlgorithmRSASignatureMessagePSSSHA512, kMessage).kind, FailureKind::kBadInput);
+  EXPECT_EQ(pins.timesAsked(), 0U);
+}
+
+TEST_F(Sign, PassesOnWhatIsWrongWithTheInput) {
+  for (const SecKeyAlgorithm algorithm :
+       {kSecKeyAlgorithmRSASignatureMessagePSSSHA256, kSecKeyAlgorithmRSASignatureRaw}) {
+    GivenInput input{{kMessage}};
+    input.failure =
+        Failure{FailureKind::kFileTrouble, "the file cannot be read", "it is gone", "look for it"};
+    const Failure failure = failureOf(client->sign(published(u"01"), algorithm, input, pins));
+    EXPECT_EQ(failure.kind, FailureKind::kFileTrouble);
+    EXPECT_EQ(failure.why, "it is gone");
+  }
+  EXPECT_EQ(pins.timesAsked(), 0U);
+  EXPECT_THAT(script.callTexts(), IsEmpty());
+}
+
+// ---- Signatures that fail in the card ----
+
+TEST_F(Sign, TellsWhatWentWrongInTheCard) {
+  script.failCallOf("C_Sign", 0, CKR_DEVICE_ERROR);
+  const Signature made = signature(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, kMessage);
+  EXPECT_EQ(made.cardTrouble, "C_Sign answered CKR_DEVICE_ERROR (0x30)");
+  EXPECT_THAT(trouble(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, made), HasSubstr(made.cardTrouble));
+}
+
+TEST_F(Sign, TellsThatTheCardIsGone) {
+  script.hook<&CK_FUNCTION_LIST::C_SignInit>(
+      [&](auto real, CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism, CK_OBJECT_HANDLE handle) {
+        script.pullCard(kSlot, CKR_DEVICE_REMOVED);
+        return real(session, mechanism, handle);
+      });
+  const Signature made = signature(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, kMessage);
+  EXPECT_EQ(made.cardTrouble, "C_SignInit answered CKR_DEVICE_REMOVED (0x32)");
+}
+
+TEST_F(Sign, TellsThatTheCardWasPulledAfterAnotherSignature) {
+  (void)signature(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, kMessage);
+  script.pullCard();
+  const Signature made = signature(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, kMessage);
+  EXPECT_EQ(made.value.size(), 0U);
+  EXPECT_NE(made.cardTrouble, "");
+  EXPECT_NE(trouble(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, made), "");
+  EXPECT_EQ(pins.timesAsked(), 1U);
+}
+
+TEST_F(Sign, ForgetsWhatWentWrongBefore) {
+  script.failCallOf("C_Sign", 0, CKR_DEVICE_ERROR);
+  (void)signature(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, kMessage);
+  EXPECT_EQ(signature(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, kMessage).cardTrouble, "");
+}
+
+TEST_F(Sign, TellsTheLastTroubleAlone) {
+  script.failCallOf("C_Sign", 0, CKR_DEVICE_ERROR);
+  (void)signature(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, kMessage);
+  script.failCall(0, CKR_DEVICE_REMOVED, Times::kFromThenOn);
+  EXPECT_THAT(signature(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, kMessage).cardTrouble,
+              HasSubstr("CKR_DEVICE_REMOVED (0x32)"));
+}
+
+TEST_F(Sign, GivesNoSignatureOfAnEcKey) {
+  const Signature made = signature(kSecKeyAlgorithmECDSASignatureMessageX962SHA256, kMessage, u"03");
+  EXPECT_EQ(made.value.size(), 0U);
+  EXPECT_EQ(made.performed, kSecKeyAlgorithmECDSASignatureDigestX962SHA256);
+  EXPECT_EQ(made.data, Bytes{softwareDigest("SHA256", kMessage)});
+}
+
+// ---- Tokens that keep refusing ----
+
+/// Does something when the token begins to sign.
+class WatchingLog final : public Log {
+ public:
+  explicit WatchingLog(std::function<void()> whenSigning) : whenSigning_{std::move(whenSigning)} {}
+  void systemDefault(std::string_view line) noexcept override {
+    if (line == "CTK [MirelSCTokenSession-204] +++START+++") whenSigning_();
+  }
+  void systemError(std::string_view) noexcept override {}
+  void process(std::string_view) noexcept override {}
+
+ private:
+  std::function<void()> whenSigning_;
+};
+
+/// A client whose session is in the test's hands.
+class RefusingToken : public KeyClientTest {
+ protected:
+  RefusingToken() {
+    PlatformServices own = services();
+    own.tokenKit = std::make_shared<HostTokenKit>(card.reader.distinctName);
+    own.log = std::make_shared<WatchingLog>([this] {
+      if (whenSigning) whenSigning();
+    });
+    session = std::make_shared<MirelSCTokenSession>(own, own.tokenKit->allocTokenSession());
+    EXPECT_TRUE(session->initWithToken(card.token));
+    client = std::make_unique<KeyClient>(card, session, std::make_shared<FailureDiary>(nullptr));
+  }
+  void TearDown() override {
+    whenSigning = nullptr;
+    KeyClientTest::TearDown();
+  }
+
+  std::shared_ptr<MirelSCTokenSession> session;
+  std::function<void()> whenSigning;
+};
+
+TEST_F(RefusingToken, IsNotAskedAThirdTime) {
+  int timesAsked = 0;
+  whenSigning = [&] {
+    ++timesAsked;
+    session->setAuthState(MirelSCTokenSession::kNotAuthenticated);
+  };
+  const Failure failure = signFailure(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, kMessage);
+  EXPECT_EQ(failure.kind, FailureKind::kCardRefuses);
+  EXPECT_THAT(failure.why, HasSubstr("error -9"));
+  EXPECT_EQ(timesAsked, 2);
+  EXPECT_EQ(pins.timesAsked(), 1U);
+}
+
+TEST_F(RefusingToken, AnswersWithItsError) {
+  (void)signature(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, kMessage);
+  // The card was reset: its user's mark is gone.
+  session->smartCard()->setContext(std::nullopt);
+  const Failure failure = signFailure(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, kMessage);
+  EXPECT_EQ(failure.kind, FailureKind::kCardRefuses);
+  EXPECT_EQ(failure.what, "the token does not sign");
+  EXPECT_EQ(failure.why, "it answered with error -7");
+  EXPECT_EQ(pins.timesAsked(), 1U);
+}
+
+}  // namespace
+}  // namespace mirel::test
