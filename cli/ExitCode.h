@@ -13,6 +13,14 @@ enum class ExitCode : int {
   kModuleRefuses = 4,
   kNoCard = 5,
   kCardEnumerationFailed = 6,
+  kPinWrong = 7,
+  kPinLocked = 8,
+  kCancelled = 9,
+  kNotSupported = 10,
+  kVerificationFailed = 11,
+  kKeyNotFound = 12,
+  kCardRefuses = 13,
+  kFileTrouble = 14,
 };
 
 [[nodiscard]] constexpr ExitCode exitCodeOf(FailureKind kind) noexcept {
@@ -21,6 +29,15 @@ enum class ExitCode : int {
     case FailureKind::kModuleRefuses: return ExitCode::kModuleRefuses;
     case FailureKind::kNoCard: return ExitCode::kNoCard;
     case FailureKind::kCardEnumerationFailed: return ExitCode::kCardEnumerationFailed;
+    case FailureKind::kPinWrong: return ExitCode::kPinWrong;
+    case FailureKind::kPinLocked: return ExitCode::kPinLocked;
+    case FailureKind::kCancelled: return ExitCode::kCancelled;
+    case FailureKind::kNotSupported: return ExitCode::kNotSupported;
+    case FailureKind::kVerificationFailed: return ExitCode::kVerificationFailed;
+    case FailureKind::kKeyNotFound: return ExitCode::kKeyNotFound;
+    case FailureKind::kCardRefuses: return ExitCode::kCardRefuses;
+    case FailureKind::kBadInput: return ExitCode::kUsage;
+    case FailureKind::kFileTrouble: return ExitCode::kFileTrouble;
     case FailureKind::kInternal: break;
   }
   return ExitCode::kInternal;

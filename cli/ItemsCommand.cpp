@@ -127,12 +127,12 @@ ExitCode runItems(Host& host, const Options& options) {
     return exitCodeOf(failure->kind);
   }
   const auto& card = std::get<InsertedCard>(inserted);
-  if (options.json) return writeOutput(jsonText(card)) ? ExitCode::kSuccess : ExitCode::kInternal;
+  if (options.json) return writeOutput(jsonText(card)) ? ExitCode::kSuccess : ExitCode::kFileTrouble;
 
   std::string text = tableText(card);
   const std::string unpublished = unpublishedText(host.unpublishedObjects(card.reader));
   if (!unpublished.empty()) text.append("\n").append(unpublished);
-  return writeOutput(text) ? ExitCode::kSuccess : ExitCode::kInternal;
+  return writeOutput(text) ? ExitCode::kSuccess : ExitCode::kFileTrouble;
 }
 
 }  // namespace mirel::cli

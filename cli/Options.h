@@ -16,7 +16,16 @@ struct Options {
   std::optional<std::string> reader;
   bool json = false;
   bool verbose = false;
-  std::string command;  ///< "readers" or "items"
+  std::string command;
+
+  // Of the commands that use a key.
+  std::optional<std::string> key;
+  std::optional<std::string> algorithm;  ///< nothing: the command's own default
+  std::optional<std::string> in;         ///< nothing or "-": standard input
+  std::optional<std::string> out;        ///< nothing or "-": standard output
+  bool noVerify = false;
+  std::optional<std::string> pinFile;
+  std::optional<int> pinFd;
 };
 
 /// Declares everything that the command line takes, with its help.

@@ -2,15 +2,20 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cerrno>
+#include <clocale>
 #include <csignal>
 #include <filesystem>
+#include <initializer_list>
+#include <string_view>
 
 #include "CommandLineLog.h"
 #include "Commands.h"
 #include "ExitCode.h"
 #include "Options.h"
 #include "Output.h"
+#include "PinEntry.h"
 #include "host/Home.h"
 #include "host/Host.h"
 #include "platform/PlatformServices.h"
@@ -24,10 +29,11 @@ ExitCode fail(const Failure& failure) {
 }
 
 /// Fills the places of standard streams that are closed, so that no file which the module opens takes one
-/// and gets our output written into it. Writing to them goes on failing.
+/// and gets our output written into it. Reading from them and writing to them goes on failing.
 void occupyStandardStreams() {
   for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream) {
-    if (fcntl(stream, F_GETFD) == -1 && errno == EBADF) (void)open("/dev/null", O_RDONLY | O_CLOEXEC);
+    const int useless = stream == STDIN_FILENO ? O_WRONLY : O_RDONLY;
+    if (fcntl(stream, F_GETFD) == -1 && errno == EBADF) (void)open("/dev/null", useless | O_CLOEXEC);
   }
 }
 
@@ -37,8 +43,20 @@ ExitCode wrongUsage(const std::string& why) {
 }
 
 ExitCode runCommand(PlatformServices services, const Options& options) {
+  struct Command {
+    std::string_view name;
+    ExitCode (*run)(Host&, const Options&);
+  };
+  constexpr Command kCommands[] = {
+      {"readers", runReaders},       {"items", runItems},       {"certificate", runCertificate},
+      {"algorithms", runAlgorithms}, {"login", runLogin},       {"sign", runSign},
+      {"decrypt", runDecrypt},       {"exchange", runExchange},
+  };
   Host host{std::move(services), options.modulePath.value_or(std::string{})};
-  return options.command == "readers" ? runReaders(host, options) : runItems(host, options);
+  for (const Command& command : kCommands) {
+    if (command.name == options.command) return command.run(host, options);
+  }
+  return ExitCode::kUsage;  // not reached: the parser takes no other
 }
 
 ExitCode run(const Options& options) {
@@ -60,7 +78,32 @@ ExitCode run(const Options& options) {
 }
 
 ExitCode print(const std::string& text) {
-  return writeOutput(text) ? ExitCode::kSuccess : ExitCode::kInternal;
+  return writeOutput(text) ? ExitCode::kSuccess : ExitCode::kFileTrouble;
+}
+
+bool isOneOf(const std::string& command, std::initializer_list<std::string_view> commands) {
+  return std::find(commands.begin(), commands.end(), command) != commands.end();
+}
+
+/// What the parser lets pass although it makes no sense; empty when all is well.
+std::string usageTrouble(const Options& options) {
+  const struct {
+    const char* name;
+    const std::optional<std::string>& value;
+  } texts[] = {{"--module", options.modulePath},   {"--home", options.home}, {"--key", options.key},
+               {"--algorithm", options.algorithm}, {"--in", options.in},     {"--out", options.out},
+               {"--pin-file", options.pinFile}};
+  for (const auto& [name, value] : texts) {
+    if (value && value->empty()) return std::string{name} + " is empty";
+  }
+  if (!options.key && isOneOf(options.command, {"certificate", "sign", "decrypt", "exchange"})) {
+    return "--key is missing";
+  }
+  const bool readsInput = isOneOf(options.command, {"sign", "decrypt", "exchange"});
+  if (options.pinFd == STDIN_FILENO && readsInput && options.in.value_or("-") == "-") {
+    return "--pin-fd 0 and the data cannot both be standard input";
+  }
+  return {};
 }
 
 ExitCode parseAndRun(int argc, char** argv) {
@@ -78,8 +121,11 @@ ExitCode parseAndRun(int argc, char** argv) {
     const std::vector<std::string> unknown = app.remaining();
     return wrongUsage(unknown.empty() ? error.what() : "there is no \"" + unknown.front() + "\"");
   }
-  if (options.modulePath && options.modulePath->empty()) return wrongUsage("--module is empty");
-  if (options.home && options.home->empty()) return wrongUsage("--home is empty");
+  if (const std::string trouble = usageTrouble(options); !trouble.empty()) return wrongUsage(trouble);
+  for (auto* name : {&options.in, &options.out}) {
+    if (*name == "-") name->reset();
+  }
+  if (const auto trouble = pinDescriptorTrouble(options)) return fail(*trouble);
   return run(options);
 }
 
@@ -90,6 +136,8 @@ int main(int argc, char** argv) {
   using mirel::cli::ExitCode;
   // A reader of our output that goes away, or a module whose own service does, is an error to be told.
   (void)std::signal(SIGPIPE, SIG_IGN);
+  // The texts that a token has for its users follow the user's language.
+  (void)std::setlocale(LC_MESSAGES, "");
   try {
     return static_cast<int>(mirel::cli::parseAndRun(argc, argv));
   } catch (const std::exception& error) {

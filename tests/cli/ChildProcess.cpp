@@ -15,6 +15,9 @@
 #include <optional>
 #include <system_error>
 #include <thread>
+#include <utility>
+
+#include "PseudoTerminal.h"
 
 namespace mirel::test {
 namespace {
@@ -61,6 +64,8 @@ class Descriptor {
   Descriptor(int descriptor, const char* what) : descriptor_{descriptor} { require(descriptor >= 0, what); }
   Descriptor(const Descriptor&) = delete;
   Descriptor& operator=(const Descriptor&) = delete;
+  Descriptor(Descriptor&& other) noexcept : descriptor_{std::exchange(other.descriptor_, -1)} {}
+  Descriptor& operator=(Descriptor&&) = delete;
   ~Descriptor() { close(); }
 
   [[nodiscard]] int get() const noexcept { return descriptor_; }
@@ -116,10 +121,63 @@ class FileActions {
     require(posix_spawn_file_actions_addclose(&actions_, descriptor) == 0,
             "posix_spawn_file_actions_addclose");
   }
+  void open(int descriptor, const char* path, int flags) {
+    require(posix_spawn_file_actions_addopen(&actions_, descriptor, path, flags, 0) == 0,
+            "posix_spawn_file_actions_addopen");
+  }
   [[nodiscard]] const posix_spawn_file_actions_t* get() const noexcept { return &actions_; }
 
  private:
   posix_spawn_file_actions_t actions_{};
+};
+
+/// A session of its own for the child, so that it does not ask at the terminal from which the tests are run.
+class Attributes {
+ public:
+  Attributes() {
+    require(posix_spawnattr_init(&attributes_) == 0, "posix_spawnattr_init");
+    require(posix_spawnattr_setflags(&attributes_, POSIX_SPAWN_SETSID) == 0, "posix_spawnattr_setflags");
+  }
+  Attributes(const Attributes&) = delete;
+  Attributes& operator=(const Attributes&) = delete;
+  ~Attributes() { (void)posix_spawnattr_destroy(&attributes_); }
+
+  [[nodiscard]] const posix_spawnattr_t* get() const noexcept { return &attributes_; }
+
+ private:
+  posix_spawnattr_t attributes_{};
+};
+
+/// A pipe that the child reads from; what it leaves there, we read.
+class Pipe {
+ public:
+  explicit Pipe(const std::string& content) : Pipe{opened()} { fill(content); }
+
+  [[nodiscard]] int forChild() const noexcept { return out_.get(); }
+  void fill(const std::string& text) const {
+    require(write(in_.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size()), "write");
+  }
+  void end() noexcept { in_.close(); }
+
+  [[nodiscard]] std::string rest() {
+    end();
+    std::string text;
+    std::array<char, 4096> buffer{};
+    for (ssize_t got = 0; (got = read(out_.get(), buffer.data(), buffer.size())) > 0;)
+      text.append(buffer.data(), static_cast<std::size_t>(got));
+    return text;
+  }
+
+ private:
+  static std::array<int, 2> opened() {
+    std::array<int, 2> ends{};
+    require(pipe2(ends.data(), O_CLOEXEC) == 0, "pipe2");
+    return ends;
+  }
+  explicit Pipe(std::array<int, 2> ends) : out_{ends[0], "pipe2"}, in_{ends[1], "pipe2"} {}
+
+  Descriptor out_;
+  Descriptor in_;
 };
 
 /// The array that C wants, pointing into `texts`.
@@ -139,8 +197,8 @@ pid_t spawn(const Invocation& invocation, const FileActions& actions) {
     variables.emplace_back(name).append("=").append(value);
 
   pid_t child = -1;
-  errno = posix_spawn(&child, words.front().c_str(), actions.get(), nullptr, pointersTo(words).data(),
-                      pointersTo(variables).data());
+  errno = posix_spawn(&child, words.front().c_str(), actions.get(), Attributes{}.get(),
+                      pointersTo(words).data(), pointersTo(variables).data());
   require(errno == 0, words.front().c_str());
   return child;
 }
@@ -170,35 +228,94 @@ int openUnreadPipe() {
 
 }  // namespace
 
-Result run(const Invocation& invocation) {
-  const ScratchFile in;
-  const ScratchFile out;
-  const ScratchFile err;
+struct RunningChild::State {
+  Invocation invocation;
+  ScratchFile in;
+  ScratchFile out;
+  ScratchFile err;
   std::optional<Terminal> terminal;
   std::optional<Descriptor> other;
-  in.fill(invocation.input);
+  std::map<int, Pipe> pipes;
+  pid_t pid = -1;
 
-  FileActions actions;
-  actions.duplicate(in.descriptor(), STDIN_FILENO);
-  actions.duplicate(err.descriptor(), STDERR_FILENO);
-  switch (invocation.output) {
-    case Output::kCaptured: actions.duplicate(out.descriptor(), STDOUT_FILENO); break;
-    case Output::kTerminal: actions.duplicate(terminal.emplace().theirs(), STDOUT_FILENO); break;
-    case Output::kClosed: actions.close(STDOUT_FILENO); break;
-    case Output::kFull: other.emplace(open("/dev/full", O_WRONLY | O_CLOEXEC), "/dev/full"); break;
-    case Output::kUnread: other.emplace(openUnreadPipe(), "pipe"); break;
+  void prepareOutput(FileActions& actions) {
+    switch (invocation.output) {
+      case Output::kCaptured: actions.duplicate(out.descriptor(), STDOUT_FILENO); break;
+      case Output::kTerminal: actions.duplicate(terminal.emplace().theirs(), STDOUT_FILENO); break;
+      case Output::kClosed: actions.close(STDOUT_FILENO); break;
+      case Output::kFull: other.emplace(open("/dev/full", O_WRONLY | O_CLOEXEC), "/dev/full"); break;
+      case Output::kUnread: other.emplace(openUnreadPipe(), "pipe"); break;
+    }
+    if (other) {
+      actions.duplicate(other->get(), STDOUT_FILENO);
+      if (invocation.output == Output::kUnread) actions.close(other->get());
+    }
   }
-  if (other) {
-    actions.duplicate(other->get(), STDOUT_FILENO);
-    if (invocation.output == Output::kUnread) actions.close(other->get());
-  }
-  // The child's own ends of the scratch files are of no use to it under their other numbers.
-  for (const ScratchFile* file : {&in, &out, &err}) actions.close(file->descriptor());
 
-  const pid_t child = spawn(invocation, actions);
-  std::string shown = terminal ? terminal->content() : std::string{};
-  const int exitCode = exitCodeOf(child, invocation);
-  return {exitCode, terminal ? std::move(shown) : out.content(), err.content()};
+  void preparePipes(FileActions& actions) {
+    for (const auto& [descriptor, content] : invocation.pipes) {
+      Pipe& pipe = pipes.emplace(descriptor, Pipe{content}).first->second;
+      actions.duplicate(pipe.forChild(), descriptor);
+      if (!invocation.pipesStayOpen) pipe.end();
+    }
+  }
+
+  void start() {
+    in.fill(invocation.input);
+    FileActions actions;
+    if (invocation.inputIsClosed) {
+      actions.close(STDIN_FILENO);
+    } else {
+      actions.duplicate(in.descriptor(), STDIN_FILENO);
+    }
+    actions.duplicate(err.descriptor(), STDERR_FILENO);
+    prepareOutput(actions);
+    // The child's own ends of the scratch files are of no use to it under their other numbers.
+    for (const ScratchFile* file : {&in, &out, &err}) actions.close(file->descriptor());
+    if (invocation.terminal) {
+      // The first terminal that the leader of a session opens becomes the session's.
+      constexpr int kAnyDescriptor = 30;
+      actions.open(kAnyDescriptor, invocation.terminal->name().c_str(), O_RDWR);
+      actions.close(kAnyDescriptor);
+    }
+    preparePipes(actions);
+    pid = spawn(invocation, actions);
+  }
+};
+
+RunningChild::RunningChild(const Invocation& invocation) : state_{std::make_unique<State>()} {
+  state_->invocation = invocation;
+  state_->start();
 }
+
+RunningChild::~RunningChild() {
+  if (state_->pid <= 0) return;
+  constexpr int kTries = 5000;
+  (void)kill(state_->pid, SIGTERM);
+  for (int i = 0; i < kTries; ++i, std::this_thread::sleep_for(kPause)) {
+    if (waitpid(state_->pid, nullptr, WNOHANG) != 0) return;
+  }
+  (void)kill(state_->pid, SIGKILL);
+  (void)waitpid(state_->pid, nullptr, 0);
+}
+
+pid_t RunningChild::pid() const noexcept { return state_->pid; }
+
+void RunningChild::writeToPipe(int descriptor, const std::string& text) const {
+  state_->pipes.at(descriptor).fill(text);
+}
+
+Result RunningChild::wait() {
+  for (auto& [descriptor, pipe] : state_->pipes) pipe.end();
+  Result result;
+  if (state_->terminal) result.out = state_->terminal->content();
+  result.exitCode = exitCodeOf(std::exchange(state_->pid, -1), state_->invocation);
+  if (!state_->terminal) result.out = state_->out.content();
+  result.err = state_->err.content();
+  for (auto& [descriptor, pipe] : state_->pipes) result.leftInPipes[descriptor] = pipe.rest();
+  return result;
+}
+
+Result run(const Invocation& invocation) { return RunningChild{invocation}.wait(); }
 
 }  // namespace mirel::test

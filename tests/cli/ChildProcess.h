@@ -1,11 +1,16 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <filesystem>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
 namespace mirel::test {
+
+class PseudoTerminal;
 
 /// Where the standard output of a child process goes.
 enum class Output {
@@ -21,7 +26,12 @@ struct Invocation {
   std::vector<std::string> arguments;
   std::map<std::string, std::string> environment{};  ///< all of it; nothing is inherited
   std::string input{};
+  bool inputIsClosed = false;  ///< the child is started without a standard input
   Output output = Output::kCaptured;
+  /// Pipes that the child finds at these descriptors (above 30), with these contents.
+  std::map<int, std::string> pipes{};
+  bool pipesStayOpen = false;          ///< until `RunningChild::wait`, so that the child waits for more
+  PseudoTerminal* terminal = nullptr;  ///< the child's controlling terminal; it has no other
   int signal = 0;                      ///< sent to the child, once ...
   std::filesystem::path signalFile{};  ///< ... there is this file
 };
@@ -30,6 +40,28 @@ struct Result {
   int exitCode = -1;  ///< 128 and the signal's number when a signal ended it
   std::string out;
   std::string err;
+  std::map<int, std::string> leftInPipes{};
+};
+
+/// A program at work.
+class RunningChild {
+ public:
+  /// Throws std::system_error when it cannot be started.
+  explicit RunningChild(const Invocation& invocation);
+  RunningChild(const RunningChild&) = delete;
+  RunningChild& operator=(const RunningChild&) = delete;
+  /// Ends it unless it was waited for.
+  ~RunningChild();
+
+  [[nodiscard]] pid_t pid() const noexcept;
+  void writeToPipe(int descriptor, const std::string& text) const;
+
+  /// Waits for its end, which is forced after a minute. Once only.
+  [[nodiscard]] Result wait();
+
+ private:
+  struct State;
+  std::unique_ptr<State> state_;
 };
 
 /// Runs a program to its end, which is forced after a minute. Throws std::system_error when it cannot be

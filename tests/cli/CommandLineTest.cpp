@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <array>
 #include <fstream>
 #include <sstream>
 
@@ -19,6 +20,9 @@ constexpr const char* kOneCard =
     "token label=Card\n"
     "public type=p256 id=01 label=Key\n"
     "certificate type=p256 id=01 label=Certificate usage=keyAgreement\n";
+
+constexpr std::array kCommands{"readers", "items", "certificate", "algorithms",
+                               "login",   "sign",  "decrypt",     "exchange"};
 
 /// One for each way in which something gets to standard output.
 std::vector<std::vector<std::string>> commandsWithOutput() {
@@ -47,9 +51,12 @@ TEST_F(CommandLine, TellsItsVersion) {
 TEST_F(CommandLine, HelpNamesEveryCommandAndOption) {
   const Result result = runAlone({"--help"});
   expectSuccess(result);
-  for (const char* word : {"readers", "items", "--module", "--home", "--reader", "--json", "-v,--verbose",
-                           "--version", "-h,--help"}) {
+  for (const char* word :
+       {"--module", "--home", "--reader", "--json", "-v,--verbose", "--version", "-h,--help"}) {
     EXPECT_THAT(result.out, HasSubstr(word));
+  }
+  for (const char* command : kCommands) {
+    EXPECT_THAT(result.out, HasSubstr(std::string{"\n  "} + command + " ")) << command;
   }
 }
 
@@ -58,8 +65,10 @@ TEST_F(CommandLine, HelpHasAnExampleOfEachCommand) {
   const std::size_t examples = result.out.find("Examples:\n");
   ASSERT_NE(examples, std::string::npos);
   const std::string rest = result.out.substr(examples);
-  EXPECT_THAT(rest, HasSubstr("\n  mireltoken readers"));
-  EXPECT_THAT(rest, HasSubstr("\n  mireltoken items"));
+  for (const char* command : kCommands) {
+    EXPECT_THAT(rest, ::testing::ContainsRegex(std::string{"\n  mireltoken (--module [^ ]+ )?"} + command))
+        << command;
+  }
   EXPECT_THAT(rest, HasSubstr(" --module "));
   EXPECT_THAT(rest, HasSubstr(" --json"));
 }
@@ -71,7 +80,7 @@ TEST_F(CommandLine, HelpListsEveryExitCodeOnce) {
   std::istringstream rest{result.out.substr(codes)};
   std::string line;
   std::getline(rest, line);
-  for (int code = 0; code <= 6; ++code) {
+  for (int code = 0; code <= 14; ++code) {
     ASSERT_TRUE(std::getline(rest, line));
     EXPECT_THAT(line, StartsWith("  " + std::to_string(code) + "  "));
   }
@@ -79,11 +88,32 @@ TEST_F(CommandLine, HelpListsEveryExitCodeOnce) {
 }
 
 TEST_F(CommandLine, HelpIsGivenForEachCommand) {
-  for (const char* command : {"readers", "items"}) {
+  for (const char* command : kCommands) {
     SCOPED_TRACE(command);
     const Result result = runAlone({command, "--help"});
     expectSuccess(result);
     EXPECT_THAT(result.out, HasSubstr(command));
+  }
+}
+
+TEST_F(CommandLine, HelpForACommandNamesItsOptions) {
+  struct Row {
+    const char* command;
+    std::vector<std::string> options;
+  };
+  const std::vector<Row> rows{
+      {"certificate", {"--key", "--out"}},
+      {"algorithms", {"--key"}},
+      {"login", {"--pin-file", "--pin-fd"}},
+      {"sign", {"--key", "--algorithm", "--in", "--out", "--no-verify", "--pin-file", "--pin-fd"}},
+      {"decrypt", {"--key", "--algorithm", "--in", "--out", "--pin-file", "--pin-fd"}},
+      {"exchange", {"--key", "--algorithm", "--in", "--out", "--pin-file", "--pin-fd"}},
+  };
+  for (const Row& row : rows) {
+    const Result result = runAlone({row.command, "--help"});
+    for (const std::string& option : row.options) {
+      EXPECT_THAT(result.out, HasSubstr("\n  " + option + " ")) << row.command;
+    }
   }
 }
 
@@ -239,7 +269,7 @@ TEST_F(CommandLine, FailsWhenItsOutputIsFull) {
   makeCards(kOneCard);
   for (const std::vector<std::string>& command : commandsWithOutput()) {
     SCOPED_TRACE(command.back());
-    expectFailure(runWithOutput(Output::kFull, command), 1, {"output", "No space left on device"});
+    expectFailure(runWithOutput(Output::kFull, command), 14, {"output", "No space left on device"});
   }
 }
 
@@ -247,7 +277,7 @@ TEST_F(CommandLine, FailsWhenItsOutputIsClosed) {
   makeCards(kOneCard);
   for (const std::vector<std::string>& command : commandsWithOutput()) {
     SCOPED_TRACE(command.back());
-    expectFailure(runWithOutput(Output::kClosed, command), 1, {"output"});
+    expectFailure(runWithOutput(Output::kClosed, command), 14, {"output"});
   }
 }
 
@@ -255,7 +285,7 @@ TEST_F(CommandLine, FailsWhenNobodyReadsItsOutput) {
   makeCards(kOneCard);
   for (const std::vector<std::string>& command : commandsWithOutput()) {
     SCOPED_TRACE(command.back());
-    expectFailure(runWithOutput(Output::kUnread, command), 1, {"output", "Broken pipe"});
+    expectFailure(runWithOutput(Output::kUnread, command), 14, {"output", "Broken pipe"});
   }
 }
 
@@ -269,7 +299,7 @@ TEST_F(CommandLine, NeverWritesIntoAFileOfTheModuleWhenItsOutputIsClosed) {
 
   const Result result = run(call);
 
-  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_EQ(result.exitCode, 14);
   EXPECT_TRUE(std::filesystem::exists(fileOfTheModule));
   EXPECT_EQ(std::filesystem::file_size(fileOfTheModule), 0U);
 }

@@ -9,8 +9,13 @@ trap 'rm -rf "$folder"' EXIT
 "$mireltoken" --help >"$folder/help"
 sed 's/\\-/-/g; s/\\f[A-Z]//g' "$manual" >"$folder/manual"
 
-options() { grep -oE -e '(^|[^a-z-])--[a-z]+' "$1" | grep -oE -e '--[a-z]+' | sort -u; }
-options "$folder/help" >"$folder/help.options"
+# Options stand in the help of their commands.
+sed -n '/^Subcommands:/,/^$/s/^  \([a-z]*\) .*/\1/p' "$folder/help" >"$folder/help.commands"
+cp "$folder/help" "$folder/help.all"
+while read -r command; do "$mireltoken" "$command" --help >>"$folder/help.all"; done <"$folder/help.commands"
+
+options() { grep -oE -e '(^|[^a-z-])--[a-z]+(-[a-z]+)*' "$1" | grep -oE -e '--[a-z-]+' | sort -u; }
+options "$folder/help.all" >"$folder/help.options"
 options "$folder/manual" >"$folder/manual.options"
 diff "$folder/help.options" "$folder/manual.options"
 
@@ -20,7 +25,6 @@ sed -n 's/^| \([0-9][0-9]*\) | \(.*\) |$/\1 \2/p' "$readme" >"$folder/readme.cod
 diff "$folder/help.codes" "$folder/manual.codes"
 diff "$folder/help.codes" "$folder/readme.codes"
 
-sed -n '/^Subcommands:/,/^$/s/^  \([a-z]*\) .*/\1/p' "$folder/help" >"$folder/help.commands"
 sed -n '/^\.SH COMMANDS/,/^\.SH OPTIONS/s/^\.B \([a-z]*\)$/\1/p' "$folder/manual" >"$folder/manual.commands"
 diff "$folder/help.commands" "$folder/manual.commands"
 

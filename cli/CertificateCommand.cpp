@@ -1,0 +1,52 @@
+#include <algorithm>
+#include <cstdint>
+#include <span>
+#include <string_view>
+
+#include "Commands.h"
+#include "Files.h"
+#include "KeyJob.h"
+#include "Output.h"
+
+namespace mirel::cli {
+namespace {
+
+constexpr mode_t kCertificateMode = 0666;
+constexpr std::size_t kLineSize = 64;  // characters
+
+/// RFC 4648, section 4.
+std::string base64Of(std::span<const std::uint8_t> bytes) {
+  constexpr std::string_view kDigits = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  std::string text;
+  for (std::size_t i = 0; i < bytes.size(); i += 3) {
+    const std::size_t count = std::min<std::size_t>(3, bytes.size() - i);
+    std::uint32_t group = 0;
+    for (std::size_t j = 0; j < 3; ++j) group = (group << 8U) | (j < count ? bytes[i + j] : 0U);
+    for (std::size_t j = 0; j < 4; ++j) text += j <= count ? kDigits[(group >> (18 - 6 * j)) & 0x3FU] : '=';
+  }
+  return text;
+}
+
+/// RFC 7468.
+std::string pemOf(const Bytes& der) {
+  const std::string digits = base64Of(der.view());
+  std::string text = "-----BEGIN CERTIFICATE-----\n";
+  for (std::size_t i = 0; i < digits.size(); i += kLineSize) text.append(digits, i, kLineSize).append("\n");
+  return text.append("-----END CERTIFICATE-----\n");
+}
+
+}  // namespace
+
+ExitCode runCertificate(Host& host, const Options& options) {
+  if (const auto trouble = writingTrouble(options.out)) return report(*trouble);
+  const auto inserted = host.insert(options.reader ? Text::fromUtf8(*options.reader) : Text{});
+  if (const auto* failure = std::get_if<Failure>(&inserted)) return report(*failure);
+  const auto found = keyOf(std::get<InsertedCard>(inserted), options);
+  if (const auto* failure = std::get_if<Failure>(&found)) return report(*failure);
+  const std::string pem = pemOf(std::get<ChosenKey>(found).certificate.data);
+  const std::span bytes{reinterpret_cast<const std::uint8_t*>(pem.data()), pem.size()};
+  if (const auto trouble = writeFile(options.out, bytes, kCertificateMode)) return report(*trouble);
+  return ExitCode::kSuccess;
+}
+
+}  // namespace mirel::cli

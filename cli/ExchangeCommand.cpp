@@ -1,0 +1,40 @@
+#include "Commands.h"
+#include "Files.h"
+#include "KeyJob.h"
+#include "Output.h"
+
+namespace mirel::cli {
+namespace {
+
+constexpr mode_t kSecretMode = 0600;
+
+}  // namespace
+
+ExitCode runExchange(Host& host, const Options& options) {
+  const auto algorithm = algorithmOf(options, SecKeyAlgorithm::kSecKeyAlgorithmECDHKeyExchangeStandard);
+  if (const auto* failure = std::get_if<Failure>(&algorithm)) return report(*failure);
+  if (const auto trouble = writingTrouble(options.out)) return report(*trouble);
+  const auto input = FileInput::open(options.in);
+  if (const auto* failure = std::get_if<Failure>(&input)) return report(*failure);
+
+  const auto started = startKeyJob(host, options);
+  if (const auto* failure = std::get_if<Failure>(&started)) return report(*failure);
+  const auto& job = std::get<KeyJob>(started);
+  const auto found = keyOf(job.card, options);
+  if (const auto* failure = std::get_if<Failure>(&found)) return report(*failure);
+  const auto& chosen = std::get<ChosenKey>(found);
+
+  const auto exchanged = job.client->exchange(chosen.key, std::get<SecKeyAlgorithm>(algorithm),
+                                              *std::get<std::unique_ptr<FileInput>>(input), *job.pins);
+  if (const auto* failure = std::get_if<Failure>(&exchanged)) return report(*failure);
+  const Bytes& secret = std::get<KeyExchange>(exchanged).secret;
+  if (secret.isNull()) {
+    return report({FailureKind::kNotSupported, "there is no shared secret",
+                   "the token accepts the key exchange, but answers nothing",
+                   "use another key store for key agreement: this one offers it only in name"});
+  }
+  if (const auto trouble = writeFile(options.out, secret.view(), kSecretMode)) return report(*trouble);
+  return ExitCode::kSuccess;
+}
+
+}  // namespace mirel::cli

@@ -1,0 +1,190 @@
+#include "Files.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <charconv>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <vector>
+
+namespace mirel::cli {
+namespace {
+
+constexpr const char* kStandardStream = "-";
+
+bool isStandardStream(const std::optional<std::string>& name) { return !name || *name == kStandardStream; }
+
+Failure readFailure(const std::string& name, int error) {
+  return {FailureKind::kFileTrouble, name + " cannot be read", std::strerror(error),
+          "check the name given with --in"};
+}
+
+Failure writeFailure(const std::string& name, int error) {
+  return {FailureKind::kFileTrouble, name + " cannot be written", std::strerror(error),
+          "check where it goes and the space left there"};
+}
+
+bool writeAll(int descriptor, std::span<const std::uint8_t> data) {
+  while (!data.empty()) {
+    const ssize_t written = write(descriptor, data.data(), data.size());
+    if (written < 0 && errno == EINTR) continue;
+    if (written < 0) return false;
+    data = data.subspan(static_cast<std::size_t>(written));
+  }
+  return true;
+}
+
+/// Closes, keeping errno when something went wrong before.
+bool finish(int descriptor, bool good) {
+  const int error = errno;
+  const bool closed = close(descriptor) == 0;
+  if (!good) errno = error;
+  return good && closed;
+}
+
+std::filesystem::path folderOf(const std::string& name) {
+  const auto folder = std::filesystem::path{name}.parent_path();
+  return folder.empty() ? std::filesystem::path{"."} : folder;
+}
+
+/// The file behind a link, which need not be there; the name itself when it is no link.
+std::filesystem::path targetOf(std::filesystem::path name) {
+  constexpr int kMostLinks = 40;  // as many as the kernel follows
+  std::error_code error;
+  for (int i = 0; i < kMostLinks && std::filesystem::is_symlink(name, error); ++i) {
+    const auto folder = std::filesystem::canonical(folderOf(name.string()), error);
+    // Links to open files lead to names that only tell what the file is.
+    if (error || folder.string().starts_with("/proc/")) break;
+    name = folder / std::filesystem::read_symlink(name, error);
+  }
+  return name;
+}
+
+/// The descriptor that a name such as /dev/stdout or /dev/fd/3 stands for.
+std::optional<int> openFileBehind(const std::string& name) {
+  std::error_code error;
+  const std::filesystem::path target = targetOf(name);
+  const auto folder = std::filesystem::canonical(folderOf(target.string()), error);
+  if (error || folder != "/proc/" + std::to_string(getpid()) + "/fd") return std::nullopt;
+  const std::string digits = target.filename().string();
+  int descriptor = 0;
+  const auto [rest, problem] = std::from_chars(digits.data(), digits.data() + digits.size(), descriptor);
+  if (problem != std::errc{} || rest != digits.data() + digits.size()) return std::nullopt;
+  return descriptor;
+}
+
+/// A file that is something else, such as a device or a pipe, is written in place.
+bool isSpecialFile(const std::string& name) {
+  struct stat status {};
+  if (stat(name.c_str(), &status) != 0 || S_ISDIR(status.st_mode)) return false;
+  return !S_ISREG(status.st_mode) || openFileBehind(name).has_value();
+}
+
+std::optional<Failure> writeInPlace(const std::string& name, std::span<const std::uint8_t> data) {
+  // To open it again would begin at its start and forget that it is to be appended to.
+  if (const auto descriptor = openFileBehind(name)) {
+    return writeAll(*descriptor, data) ? std::nullopt : std::optional{writeFailure(name, errno)};
+  }
+  const int descriptor = open(name.c_str(), O_WRONLY | O_CLOEXEC);
+  if (descriptor < 0) return writeFailure(name, errno);
+  if (!finish(descriptor, writeAll(descriptor, data))) return writeFailure(name, errno);
+  return std::nullopt;
+}
+
+/// Asked for once, early: while it is looked at, it is 0 for all threads.
+mode_t processMask() {
+  static const mode_t kMask = [] {
+    const mode_t mask = umask(0);
+    umask(mask);
+    return mask;
+  }();
+  return kMask;
+}
+
+/// Puts off the signals that end the process, so that none leaves a temporary file behind.
+class UndisturbedBySignals {
+ public:
+  UndisturbedBySignals() {
+    sigset_t ending;
+    sigemptyset(&ending);
+    for (const int signal : {SIGHUP, SIGINT, SIGQUIT, SIGTERM}) sigaddset(&ending, signal);
+    (void)pthread_sigmask(SIG_BLOCK, &ending, &before_);
+  }
+  UndisturbedBySignals(const UndisturbedBySignals&) = delete;
+  UndisturbedBySignals& operator=(const UndisturbedBySignals&) = delete;
+  ~UndisturbedBySignals() { (void)pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+
+ private:
+  sigset_t before_{};
+};
+
+std::optional<Failure> replaceFile(const std::string& name, std::span<const std::uint8_t> data, mode_t mode) {
+  const UndisturbedBySignals undisturbed;
+  const std::string target = targetOf(name).string();
+  // What is there already must not be lost to a crash before the new content has reached the disk.
+  const bool replaces = access(target.c_str(), F_OK) == 0;
+  const std::string pattern = (folderOf(target) / ".mireltoken-XXXXXX").string();
+  std::vector<char> temporary{pattern.begin(), pattern.end()};
+  temporary.push_back('\0');
+  const int descriptor = mkostemp(temporary.data(), O_CLOEXEC);
+  if (descriptor < 0) return writeFailure(name, errno);
+  const bool whole = fchmod(descriptor, mode & ~processMask()) == 0 && writeAll(descriptor, data) &&
+                     (!replaces || fsync(descriptor) == 0);
+  if (finish(descriptor, whole) && std::rename(temporary.data(), target.c_str()) == 0) return std::nullopt;
+  const int error = errno;
+  (void)unlink(temporary.data());
+  return writeFailure(name, error);
+}
+
+}  // namespace
+
+Outcome<std::unique_ptr<FileInput>> FileInput::open(const std::optional<std::string>& name) {
+  if (isStandardStream(name))
+    return std::unique_ptr<FileInput>{new FileInput{STDIN_FILENO, "standard input"}};
+  const int descriptor = ::open(name->c_str(), O_RDONLY | O_CLOEXEC);
+  if (descriptor < 0) return readFailure(*name, errno);
+  return std::unique_ptr<FileInput>{new FileInput{descriptor, *name}};
+}
+
+FileInput::~FileInput() {
+  if (descriptor_ != STDIN_FILENO) (void)close(descriptor_);
+}
+
+Outcome<std::size_t> FileInput::read(std::span<std::uint8_t> room) {
+  while (true) {
+    const ssize_t count = ::read(descriptor_, room.data(), room.size());
+    if (count >= 0) return static_cast<std::size_t>(count);
+    if (errno != EINTR) return readFailure(name_, errno);
+  }
+}
+
+bool goesToTerminal(const std::optional<std::string>& name) {
+  return isStandardStream(name) && isatty(STDOUT_FILENO) != 0;
+}
+
+std::optional<Failure> writeFile(const std::optional<std::string>& name, std::span<const std::uint8_t> data,
+                                 mode_t mode) {
+  if (isStandardStream(name)) {
+    if (writeAll(STDOUT_FILENO, data)) return std::nullopt;
+    return writeFailure("standard output", errno);
+  }
+  return isSpecialFile(*name) ? writeInPlace(*name, data) : replaceFile(*name, data, mode);
+}
+
+std::optional<Failure> writingTrouble(const std::optional<std::string>& name) {
+  (void)processMask();
+  if (isStandardStream(name)) return std::nullopt;
+  if (std::error_code error; std::filesystem::is_directory(*name, error)) return writeFailure(*name, EISDIR);
+  const std::string needed = isSpecialFile(*name) ? *name : (folderOf(targetOf(*name)) / ".").string();
+  if (access(needed.c_str(), W_OK) == 0) return std::nullopt;
+  return writeFailure(*name, errno);
+}
+
+}  // namespace mirel::cli

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+
+#include "host/InputSource.h"
+
+namespace mirel::cli {
+
+/// Standard input or a file, read in pieces.
+class FileInput final : public InputSource {
+ public:
+  /// `name`: nothing or "-" for standard input.
+  [[nodiscard]] static Outcome<std::unique_ptr<FileInput>> open(const std::optional<std::string>& name);
+  ~FileInput() override;
+
+  [[nodiscard]] Outcome<std::size_t> read(std::span<std::uint8_t> room) override;
+
+ private:
+  FileInput(int descriptor, std::string name) : descriptor_{descriptor}, name_{std::move(name)} {}
+
+  int descriptor_;
+  std::string name_;
+};
+
+/// True when `name` stands for standard output and that is a terminal.
+[[nodiscard]] bool goesToTerminal(const std::optional<std::string>& name);
+
+/// Writes all of `data`: a file completely or not at all (an existing one keeps its content until the new one
+/// is whole), with `mode` less the process's mask. Nothing when it was written.
+/// `name`: nothing or "-" for standard output.
+[[nodiscard]] std::optional<Failure> writeFile(const std::optional<std::string>& name,
+                                               std::span<const std::uint8_t> data, mode_t mode);
+
+/// Why a file of that name could not be written, as far as that shows beforehand.
+[[nodiscard]] std::optional<Failure> writingTrouble(const std::optional<std::string>& name);
+
+}  // namespace mirel::cli

@@ -1,0 +1,38 @@
+#include "KeyJob.h"
+
+#include "Output.h"
+#include "PinEntry.h"
+
+namespace mirel::cli {
+
+ExitCode report(const Failure& failure) {
+  writeMessage(failureLine(failure));
+  return exitCodeOf(failure.kind);
+}
+
+Outcome<KeyJob> startKeyJob(Host& host, const Options& options) {
+  auto inserted = host.insert(options.reader ? Text::fromUtf8(*options.reader) : Text{});
+  if (const auto* failure = std::get_if<Failure>(&inserted)) return *failure;
+  KeyJob job{std::move(std::get<InsertedCard>(inserted)), nullptr, nullptr};
+  auto client = host.newClient(job.card);
+  if (const auto* failure = std::get_if<Failure>(&client)) return *failure;
+  job.client = std::move(std::get<std::unique_ptr<KeyClient>>(client));
+  job.pins = pinSourceFor(options, [&host, reader = job.card.reader] { return host.pinState(reader); });
+  return job;
+}
+
+Outcome<ChosenKey> keyOf(const InsertedCard& card, const Options& options) {
+  return chooseKey(card, options.key.value_or(std::string{}));
+}
+
+Outcome<SecKeyAlgorithm> algorithmOf(const Options& options, SecKeyAlgorithm byDefault) {
+  if (!options.algorithm) return byDefault;
+  if (const auto algorithm = secKeyAlgorithmNamed(*options.algorithm)) return *algorithm;
+  return Failure{FailureKind::kBadInput, "wrong usage",
+                 "there is no algorithm \"" + displayed(Text::fromUtf8(*options.algorithm)) + "\"",
+                 "see the names with: mireltoken algorithms"};
+}
+
+std::string hexOf(const Bytes& bytes) { return hexOf(Text::fromBytes(bytes.view())); }
+
+}  // namespace mirel::cli

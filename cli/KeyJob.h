@@ -1,0 +1,38 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string_view>
+
+#include "ExitCode.h"
+#include "Options.h"
+#include "host/Host.h"
+#include "host/KeyChoice.h"
+#include "host/KeyClient.h"
+#include "host/PinSource.h"
+
+namespace mirel::cli {
+
+/// Tells the user of the failure. Returns the exit code that goes with it.
+ExitCode report(const Failure& failure);
+
+/// An inserted card and a client of its token.
+struct KeyJob {
+  InsertedCard card;
+  std::unique_ptr<KeyClient> client;
+  std::unique_ptr<PinSource> pins;
+};
+
+/// Inserts the card in the reader of the options.
+[[nodiscard]] Outcome<KeyJob> startKeyJob(Host& host, const Options& options);
+
+/// The key that the options name.
+[[nodiscard]] Outcome<ChosenKey> keyOf(const InsertedCard& card, const Options& options);
+
+/// The algorithm of the options, or `byDefault`; a usage failure for a name that no algorithm has.
+[[nodiscard]] Outcome<SecKeyAlgorithm> algorithmOf(const Options& options, SecKeyAlgorithm byDefault);
+
+/// The bytes as hexadecimal digits.
+[[nodiscard]] std::string hexOf(const Bytes& bytes);
+
+}  // namespace mirel::cli

@@ -1,0 +1,92 @@
+#include <algorithm>
+#include <nlohmann/json.hpp>
+#include <span>
+
+#include "Commands.h"
+#include "Files.h"
+#include "KeyJob.h"
+#include "Output.h"
+#include "host/Verification.h"
+
+namespace mirel::cli {
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+constexpr mode_t kSignatureMode = 0666;
+
+Failure notVerified(const std::string& trouble) {
+  return {FailureKind::kVerificationFailed, "there is no good signature", trouble,
+          "nothing was written; try another algorithm or key"};
+}
+
+/// False when the card is known to have made none: what its layers answer then is empty, or zeros.
+bool mayBeSignature(const Signature& signature) {
+  const std::span bytes = signature.value.view();
+  return signature.cardTrouble.empty() &&
+         std::any_of(bytes.begin(), bytes.end(), [](std::uint8_t byte) { return byte != 0; });
+}
+
+/// What was done, for people.
+std::string summary(const ChosenKey& chosen, SecKeyAlgorithm algorithm, const Signature& signature,
+                    bool verified) {
+  std::string text =
+      "Signed with the key \"" + displayed(chosen.key.objectID) + "\" by " + std::string{nameOf(algorithm)};
+  if (signature.performed != algorithm)
+    text.append(", asked of the card as ").append(nameOf(signature.performed));
+  return text.append(verified ? "; the signature verifies with its certificate."
+                              : "; the signature was not verified.");
+}
+
+std::string jsonText(const ChosenKey& chosen, SecKeyAlgorithm algorithm, const Signature& signature,
+                     bool verified) {
+  return jsonLines(Json{{"key", chosen.key.objectID.toUtf8()},
+                        {"algorithm", nameOf(algorithm)},
+                        {"performed", nameOf(signature.performed)},
+                        {"verified", verified},
+                        {"signatureHex", hexOf(signature.value)}});
+}
+
+}  // namespace
+
+ExitCode runSign(Host& host, const Options& options) {
+  const auto algorithm = algorithmOf(options, SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureMessagePSSSHA256);
+  if (const auto* failure = std::get_if<Failure>(&algorithm)) return report(*failure);
+  if (!options.json && goesToTerminal(options.out)) {
+    return report({FailureKind::kBadInput, "wrong usage", "a signature is no text for a terminal",
+                   "give a file with --out, or redirect the output"});
+  }
+  if (const auto trouble = writingTrouble(options.out)) return report(*trouble);
+  const auto input = FileInput::open(options.in);
+  if (const auto* failure = std::get_if<Failure>(&input)) return report(*failure);
+
+  const auto started = startKeyJob(host, options);
+  if (const auto* failure = std::get_if<Failure>(&started)) return report(*failure);
+  const auto& job = std::get<KeyJob>(started);
+  const auto found = keyOf(job.card, options);
+  if (const auto* failure = std::get_if<Failure>(&found)) return report(*failure);
+  const auto& chosen = std::get<ChosenKey>(found);
+
+  const SecKeyAlgorithm wanted = std::get<SecKeyAlgorithm>(algorithm);
+  const auto signedData =
+      job.client->sign(chosen.key, wanted, *std::get<std::unique_ptr<FileInput>>(input), *job.pins);
+  if (const auto* failure = std::get_if<Failure>(&signedData)) return report(*failure);
+  const auto& signature = std::get<Signature>(signedData);
+  const bool verify = !options.noVerify;
+  if (verify || !mayBeSignature(signature)) {
+    const std::string trouble = signatureTrouble(chosen.certificate, chosen.key, wanted, signature);
+    if (!trouble.empty()) return report(notVerified(trouble));
+  }
+  const bool asJson = options.json;
+  if (!asJson || options.out) {
+    if (const auto trouble = writeFile(options.out, signature.value.view(), kSignatureMode))
+      return report(*trouble);
+  }
+  if (asJson)
+    return writeOutput(jsonText(chosen, wanted, signature, verify)) ? ExitCode::kSuccess
+                                                                    : ExitCode::kFileTrouble;
+  writeMessage(summary(chosen, wanted, signature, verify));
+  return ExitCode::kSuccess;
+}
+
+}  // namespace mirel::cli

@@ -1,0 +1,136 @@
+#include "Terminal.h"
+
+#include <fcntl.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+
+namespace mirel::cli {
+namespace {
+
+constexpr std::uint8_t kCtrlC = 0x03;
+constexpr std::uint8_t kCtrlD = 0x04;
+constexpr std::uint8_t kBackspace = 0x08;
+constexpr std::uint8_t kCtrlU = 0x15;
+constexpr std::uint8_t kFirstPrintable = 0x20;
+constexpr std::uint8_t kDelete = 0x7F;
+
+constexpr std::array kEndingSignals{SIGHUP, SIGINT, SIGQUIT, SIGTERM};
+
+// For the signal handler, which can be given nothing.
+int savedDescriptor = -1;
+termios savedSettings{};
+std::array<struct sigaction, kEndingSignals.size()> savedActions{};
+
+/// Puts the terminal right, then lets the signal do what it would have done.
+void restoreAndRaise(int signal) {
+  (void)tcsetattr(savedDescriptor, TCSANOW, &savedSettings);
+  for (std::size_t i = 0; i < kEndingSignals.size(); ++i) {
+    if (kEndingSignals[i] == signal) (void)sigaction(signal, &savedActions[i], nullptr);
+  }
+  (void)raise(signal);
+}
+
+/// A terminal without echo, line editing and keys that send signals, for its lifetime.
+class QuietTerminal {
+ public:
+  explicit QuietTerminal(int descriptor) : descriptor_{descriptor} {
+    if (tcgetattr(descriptor, &savedSettings) != 0) return;
+    savedDescriptor = descriptor;
+    // To be stopped here would leave the shell a terminal without echo.
+    struct sigaction ignore {};
+    ignore.sa_handler = SIG_IGN;
+    (void)sigaction(SIGTSTP, &ignore, &savedStop_);
+    struct sigaction action {};
+    action.sa_handler = restoreAndRaise;
+    for (std::size_t i = 0; i < kEndingSignals.size(); ++i) {
+      (void)sigaction(kEndingSignals[i], &action, &savedActions[i]);
+      // A signal that is ignored, as by nohup, stays so: it must not bring the echo back.
+      if (savedActions[i].sa_handler == SIG_IGN)
+        (void)sigaction(kEndingSignals[i], &savedActions[i], nullptr);
+    }
+    termios quiet = savedSettings;
+    quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO | ICANON | ISIG);
+    quiet.c_cc[VMIN] = 1;
+    quiet.c_cc[VTIME] = 0;
+    ready_ = tcsetattr(descriptor, TCSAFLUSH, &quiet) == 0;
+    restored_ = false;
+  }
+  QuietTerminal(const QuietTerminal&) = delete;
+  QuietTerminal& operator=(const QuietTerminal&) = delete;
+  ~QuietTerminal() {
+    if (restored_) return;
+    (void)tcsetattr(descriptor_, TCSAFLUSH, &savedSettings);
+    (void)sigaction(SIGTSTP, &savedStop_, nullptr);
+    for (std::size_t i = 0; i < kEndingSignals.size(); ++i) {
+      (void)sigaction(kEndingSignals[i], &savedActions[i], nullptr);
+    }
+  }
+
+  [[nodiscard]] bool ready() const noexcept { return ready_; }
+
+ private:
+  int descriptor_;
+  struct sigaction savedStop_ {};
+  bool ready_ = false;
+  bool restored_ = true;
+};
+
+void say(int descriptor, const std::string& text) { (void)!write(descriptor, text.data(), text.size()); }
+
+/// Takes back the last character, which may be several bytes of UTF-8.
+void takeBack(std::span<std::uint8_t> room, std::size_t& size) {
+  while (size > 0) {
+    const bool continuation = (room[--size] & 0xC0U) == 0x80U;
+    room[size] = 0;
+    if (!continuation) return;
+  }
+}
+
+PromptResult readSecret(int descriptor, std::span<std::uint8_t> room, std::size_t& outSize) {
+  outSize = 0;
+  while (true) {
+    SecretBytes<1> next;
+    const ssize_t count = read(descriptor, next.data(), 1);
+    if (count < 0 && errno == EINTR) continue;
+    if (count <= 0) return PromptResult::kCancelled;
+    switch (const std::uint8_t byte = next.data()[0]; byte) {
+      case '\r':
+      case '\n': return PromptResult::kEntered;
+      case kCtrlC:
+      case kCtrlD: return PromptResult::kCancelled;
+      case kBackspace:
+      case kDelete: takeBack(room, outSize); break;
+      case kCtrlU:
+        wipe(room.data(), outSize);
+        outSize = 0;
+        break;
+      default:
+        // Other control keys, such as Ctrl-Z, are no part of a PIN: taken for one they would cost a try.
+        if (byte >= kFirstPrintable && outSize < room.size()) room[outSize++] = byte;
+    }
+  }
+}
+
+}  // namespace
+
+PromptResult promptForSecret(const std::string& prompt, std::span<std::uint8_t> room, std::size_t& outSize) {
+  const int descriptor = open("/dev/tty", O_RDWR | O_CLOEXEC | O_NOCTTY);
+  if (descriptor < 0) return PromptResult::kNoTerminal;
+  PromptResult result = PromptResult::kNoTerminal;
+  {
+    const QuietTerminal quiet{descriptor};
+    if (quiet.ready()) {
+      say(descriptor, prompt);
+      result = readSecret(descriptor, room, outSize);
+      say(descriptor, "\n");
+    }
+  }
+  (void)close(descriptor);
+  return result;
+}
+
+}  // namespace mirel::cli

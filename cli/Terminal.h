@@ -1,0 +1,27 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string>
+
+#include "platform/SecretBytes.h"
+
+namespace mirel::cli {
+
+enum class PromptResult { kEntered, kCancelled, kNoTerminal };
+
+/// Asks at the controlling terminal, without echo. Return ends the entry; Ctrl-C, Ctrl-D and the end of the
+/// terminal cancel it; Backspace takes back a character, Ctrl-U all. Other control keys, and what
+/// exceeds `room`, are not taken. The terminal is as before afterwards, also when a signal ends the process.
+/// `outSize`: bytes entered (UTF-8 where the terminal speaks it); only for kEntered. The caller wipes `room`.
+[[nodiscard]] PromptResult promptForSecret(const std::string& prompt, std::span<std::uint8_t> room,
+                                           std::size_t& outSize);
+
+template <std::size_t Size>
+[[nodiscard]] PromptResult promptForSecret(const std::string& prompt, SecretBytes<Size>& room,
+                                           std::size_t& outSize) {
+  return promptForSecret(prompt, std::span{room.data(), Size}, outSize);
+}
+
+}  // namespace mirel::cli

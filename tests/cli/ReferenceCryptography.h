@@ -1,0 +1,37 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace mirel::test {
+
+/// What OpenSSL makes of the key pairs that cardmaker uses, by their types ("rsa2048"). Hashes go by
+/// OpenSSL's names ("SHA256"). All functions throw std::runtime_error when OpenSSL fails.
+
+[[nodiscard]] std::string digestOf(std::string_view hash, const std::string& data);
+
+/// Whether `signature` is one of RSASSA-PSS (RFC 8017, section 8.1) over the digest: MGF1 with the same hash,
+/// a salt of its length.
+[[nodiscard]] bool pssVerifies(const std::string& keyType, std::string_view hash, const std::string& digest,
+                               const std::string& signature);
+
+/// The block that the public key makes of a signature, nothing taken off (RFC 8017, section 5.2.2).
+[[nodiscard]] std::string blockOf(const std::string& keyType, const std::string& signature);
+
+/// Encrypts for the key. `padding`: "pkcs1", "none", or "oaep" with the hash.
+[[nodiscard]] std::string encrypted(const std::string& keyType, std::string_view padding,
+                                    const std::string& plain, std::string_view hash = {});
+
+/// A new public key on the curve of that type ("p256"), as an uncompressed point.
+[[nodiscard]] std::string newPoint(const std::string& keyType);
+
+/// A new certificate in DER for the key, signed with it, for digital signatures.
+[[nodiscard]] std::string newCertificate(const std::string& keyType, const std::string& commonName);
+
+/// The PEM form of a certificate in DER.
+[[nodiscard]] std::string pemOfCertificate(const std::string& der);
+
+/// The common name in the subject of a certificate in PEM; empty when there is none.
+[[nodiscard]] std::string commonNameOf(const std::string& pem);
+
+}  // namespace mirel::test

@@ -1,0 +1,116 @@
+/// A module that hands every call on to another one, named by the environment's MIREL_STAGED_MODULE, except
+/// for what a test stages:
+///
+///   MIREL_STAGED_ANSWERS      "C_Login=A0,A4 C_Sign=30": the first calls of a function (one of those in
+///                             kStaged) answer these codes, hexadecimal, and do nothing else; the later ones
+///                             are handed on.
+///   MIREL_STAGED_TOKEN_FLAGS  hexadecimal: set in the flags of every token.
+///   MIREL_STAGED_PAUSE        a function in kStaged: its call waits for the end of the process.
+///   MIREL_STAGED_CALLS        a file that gets the name of every call of a function in kStaged, in a line of
+///                             its own.
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdlib>
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "bridge/cryptoki.h"
+
+namespace {
+
+CK_FUNCTION_LIST* real = nullptr;
+CK_FUNCTION_LIST ours{};
+CK_FLAGS moreFlags = 0;
+int callsFile = -1;
+
+struct Stage {
+  std::vector<CK_RV> answers;
+  std::size_t calls = 0;
+};
+
+std::map<std::string, Stage>& stages() {
+  static std::map<std::string, Stage> all;
+  return all;
+}
+
+std::string variable(const char* name) {
+  const char* value = std::getenv(name);
+  return value ? value : "";
+}
+
+void readAnswers() {
+  std::istringstream words{variable("MIREL_STAGED_ANSWERS")};
+  for (std::string word; words >> word;) {
+    const std::size_t equals = word.find('=');
+    std::istringstream codes{word.substr(equals + 1)};
+    std::vector<CK_RV>& answers = stages()[word.substr(0, equals)].answers;
+    for (std::string code; std::getline(codes, code, ',');) answers.push_back(std::stoul(code, nullptr, 16));
+  }
+}
+
+void note(const std::string& function) {
+  if (callsFile < 0) return;
+  const std::string line = function + "\n";
+  if (write(callsFile, line.data(), line.size()) != static_cast<ssize_t>(line.size())) std::abort();
+}
+
+/// The entry for a function of that name.
+template <auto Entry, std::size_t Name>
+struct Staged;
+
+constexpr std::array kStaged{"C_Login", "C_SignInit", "C_Sign", "C_DecryptInit", "C_Decrypt", "C_DeriveKey"};
+
+template <typename... Args, CK_RV (*CK_FUNCTION_LIST::*Entry)(Args...), std::size_t Name>
+struct Staged<Entry, Name> {
+  static CK_RV call(Args... args) {
+    note(kStaged[Name]);
+    if (variable("MIREL_STAGED_PAUSE") == kStaged[Name]) {
+      while (true) (void)pause();
+    }
+    Stage& stage = stages()[kStaged[Name]];
+    if (stage.calls < stage.answers.size()) return stage.answers[stage.calls++];
+    return (real->*Entry)(args...);
+  }
+};
+
+CK_RV tokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO_PTR info) {
+  const CK_RV rv = real->C_GetTokenInfo(slot, info);
+  if (rv == CKR_OK) info->flags |= moreFlags;
+  return rv;
+}
+
+}  // namespace
+
+extern "C" __attribute__((visibility("default"))) CK_RV C_GetFunctionList(CK_FUNCTION_LIST_PTR_PTR list) {
+  void* library = dlopen(variable("MIREL_STAGED_MODULE").c_str(), RTLD_NOW);
+  if (!library) return CKR_LIBRARY_LOAD_FAILED;
+  const auto entry = reinterpret_cast<CK_C_GetFunctionList>(dlsym(library, "C_GetFunctionList"));
+  CK_FUNCTION_LIST* found = nullptr;
+  if (!entry || entry(&found) != CKR_OK) return CKR_LIBRARY_LOAD_FAILED;
+  *list = &ours;
+  if (real) return CKR_OK;
+  real = found;
+  readAnswers();
+  if (const std::string flags = variable("MIREL_STAGED_TOKEN_FLAGS"); !flags.empty())
+    moreFlags = std::stoul(flags, nullptr, 16);
+  if (const std::string path = variable("MIREL_STAGED_CALLS"); !path.empty()) {
+    callsFile = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    if (callsFile < 0) return CKR_FUNCTION_FAILED;
+  }
+  ours = *real;
+  ours.C_GetFunctionList = &C_GetFunctionList;
+  ours.C_GetTokenInfo = &tokenInfo;
+  ours.C_Login = &Staged<&CK_FUNCTION_LIST::C_Login, 0>::call;
+  ours.C_SignInit = &Staged<&CK_FUNCTION_LIST::C_SignInit, 1>::call;
+  ours.C_Sign = &Staged<&CK_FUNCTION_LIST::C_Sign, 2>::call;
+  ours.C_DecryptInit = &Staged<&CK_FUNCTION_LIST::C_DecryptInit, 3>::call;
+  ours.C_Decrypt = &Staged<&CK_FUNCTION_LIST::C_Decrypt, 4>::call;
+  ours.C_DeriveKey = &Staged<&CK_FUNCTION_LIST::C_DeriveKey, 5>::call;
+  return CKR_OK;
+}
