@@ -7,67 +7,24 @@
 // number of calls.
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <map>
 #include <string>
 #include <vector>
 
+#include "Measuring.h"
 #include "bridge/P11Bridge.h"
 #include "framework/MirelCTKFramework.h"
 #include "host/Home.h"
-#include "platform/CryptokiObserver.h"
-#include "platform/Log.h"
 
 namespace {
 
 using namespace mirel;
-using Clock = std::chrono::steady_clock;
-using Microseconds = std::chrono::duration<double, std::micro>;
-
-class QuietLog final : public Log {
- public:
-  void systemDefault(std::string_view) noexcept override {}
-  void systemError(std::string_view) noexcept override {}
-  void process(std::string_view) noexcept override {}
-};
-
-class CallClock final : public CryptokiObserver {
- public:
-  void callStarts(const char*) noexcept override { start_ = Clock::now(); }
-  void callReturned(const char* function, std::uint64_t) noexcept override {
-    inModule_ += Clock::now() - start_;
-    ++numCalls_;
-    if (counting_) ++calls_[function];
-  }
-  void operationReturned(const char*, std::uint64_t) noexcept override {}
-
-  void reset(bool counting) {
-    inModule_ = {};
-    numCalls_ = 0;
-    counting_ = counting;
-  }
-  [[nodiscard]] Microseconds inModule() const { return inModule_; }
-  [[nodiscard]] long numCalls() const { return numCalls_; }
-  [[nodiscard]] const std::map<std::string, long>& calls() const { return calls_; }
-
- private:
-  Clock::time_point start_;
-  Clock::duration inModule_{};
-  long numCalls_ = 0;
-  bool counting_ = false;
-  std::map<std::string, long> calls_;
-};
+using namespace mirel::bench;
 
 [[noreturn]] void fail(const char* message) {
   (void)std::fprintf(stderr, "enumeration_bench: %s\n", message);
   std::exit(2);
-}
-
-double median(std::vector<double> values) {
-  std::sort(values.begin(), values.end());
-  return values[values.size() / 2];
 }
 
 /// The description of the first slot whose token is initialised.

@@ -1,0 +1,127 @@
+// signing_bench MODULE RUNS PIN-FILE
+//
+// Signs with the first RSA key of the first initialised card RUNS times in one process, in turn by a whole
+// `signData` of a token session and by a bare C_SignInit and C_Sign in the same card session, and prints one
+// table row: the median times, their ratio, the Cryptoki calls of one `signData`, and the share of it that is
+// spent outside the module. The clock is read around every call, and that counts as outside.
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <string>
+
+#include "Measuring.h"
+#include "bridge/P11Bridge.h"
+#include "bridge/PKCS11_SERVICE_INFO.h"
+#include "framework/MirelCTKFramework.h"
+#include "host/Home.h"
+#include "host/Host.h"
+#include "host/KeyChoice.h"
+#include "provider/CryptTKitSProvider.h"
+#include "token/MirelSCToken.h"
+#include "token/MirelSCTokenAuth.h"
+#include "token/MirelSCTokenSession.h"
+
+namespace {
+
+using namespace mirel;
+using namespace mirel::bench;
+
+[[noreturn]] void fail(const char* message) {
+  (void)std::fprintf(stderr, "signing_bench: %s\n", message);
+  std::exit(2);
+}
+
+template <typename Value>
+Value valueOf(Outcome<Value> outcome, const char* what) {
+  if (const auto* failure = std::get_if<Failure>(&outcome)) {
+    (void)std::fprintf(stderr, "%s: %s\n", failure->what.c_str(), failure->why.c_str());
+    fail(what);
+  }
+  return std::move(std::get<Value>(outcome));
+}
+
+class RawRsa final : public TKTokenKeyAlgorithm {
+ public:
+  [[nodiscard]] bool isAlgorithm(SecKeyAlgorithm algorithm) const noexcept override {
+    return algorithm == SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureRaw;
+  }
+};
+
+void logIn(const std::shared_ptr<MirelSCTokenSession>& session, const char* pinFile) {
+  std::string pin;
+  std::ifstream{pinFile} >> pin;
+  const auto operation = std::dynamic_pointer_cast<MirelSCTokenAuth>(
+      session->beginAuthForOperation(session, TKTokenOperation::kSignData, Text{u"PIN"}, nullptr));
+  operation->setPIN(SecretText::fromUtf8({reinterpret_cast<const std::uint8_t*>(pin.data()), pin.size()}));
+  if (!operation->finishWithError(nullptr)) fail("the card does not accept the PIN");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc != 4) fail("usage: signing_bench MODULE RUNS PIN-FILE");
+  const int runs = std::atoi(argv[2]);  // NOLINT(cert-err34-c): 0 is refused
+  if (runs < 1) fail("RUNS must be 1 or more");
+  const auto home = valueOf(PrivateHome::create(argv[1]), "there is no such module");
+
+  const auto clock = std::make_shared<CallClock>();
+  PlatformServices services = systemServices();
+  services.log = std::make_shared<QuietLog>();
+  services.user = userWithHome(services.user, home->path());
+  services.observer = clock;
+  Host host{services};
+  const InsertedCard card = valueOf(host.insert(Text{}), "there is no card");
+  const auto session =
+      std::dynamic_pointer_cast<MirelSCTokenSession>(card.token->createSessionWithError(card.token, nullptr));
+  if (!session) fail("there is no session");
+  logIn(session, argv[3]);
+
+  PublishedKey key;
+  for (const PublishedKey& candidate : keysOf(card)) {
+    if (candidate.keyType == CertificateKeyType::kRSA && candidate.canSign) key = candidate;
+  }
+  std::vector<std::uint8_t> block(static_cast<std::size_t>(key.keySizeInBits) / 8, 0x5A);
+  if (block.empty()) fail("there is no RSA key for signing");
+  block.front() = 0;
+  const Bytes data{block};
+  const RawRsa algorithm;
+
+  const auto framework = session->sp()->pCTKFramework();
+  const CK_FUNCTION_LIST& list = *framework->p11Bridge()->ckFunc();
+  std::vector<double> whole;
+  std::vector<double> outside;
+  std::vector<double> bare;
+  for (int run = 0; run <= runs; ++run) {
+    clock->reset(false);
+    const auto start = Clock::now();
+    const Bytes signature = session->signData(session, data, key.objectID, algorithm, nullptr);
+    const Microseconds elapsed = Clock::now() - start;
+    if (signature.size() != block.size()) fail("the card does not sign");
+    const double share = (elapsed - clock->inModule()).count() / elapsed.count();
+
+    const CK_SESSION_HANDLE cardSession = framework->p11ServiceInfo()->hSession();
+    const auto record = session->sp()->getKeyFromCertID(key.objectID);
+    CK_OBJECT_HANDLE privateKey = 0;
+    if (framework->p11Bridge()->pkcs11_getCorrespondingPrivateKey(cardSession, record->hPubKey(),
+                                                                  &privateKey) != CKR_OK)
+      fail("there is no private key");
+    CK_MECHANISM mechanism{CKM_RSA_X_509, nullptr, 0};
+    std::vector<CK_BYTE> room(512);
+    CK_ULONG length = room.size();
+    const auto bareStart = Clock::now();
+    const bool made = list.C_SignInit(cardSession, &mechanism, privateKey) == CKR_OK &&
+                      list.C_Sign(cardSession, block.data(), block.size(), room.data(), &length) == CKR_OK;
+    const Microseconds bareElapsed = Clock::now() - bareStart;
+    if (!made) fail("the module does not sign");
+    if (run == 0) continue;
+    whole.push_back(elapsed.count());
+    outside.push_back(share);
+    bare.push_back(bareElapsed.count());
+  }
+  clock->reset(false);
+  (void)session->signData(session, data, key.objectID, algorithm, nullptr);
+  std::printf("| %zu | %.0f | %.0f | %.2f | %ld | %.1f %% |\n", keysOf(card).size(), median(whole),
+              median(bare), median(whole) / median(bare), clock->numCalls(), 100 * median(outside));
+  return 0;
+}
