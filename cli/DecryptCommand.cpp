@@ -23,21 +23,11 @@ bool isPrintableText(const Bytes& bytes) {
 }  // namespace
 
 ExitCode runDecrypt(Host& host, const Options& options) {
-  const auto algorithm = algorithmOf(options, SecKeyAlgorithm::kSecKeyAlgorithmRSAEncryptionPKCS1);
-  if (const auto* failure = std::get_if<Failure>(&algorithm)) return report(*failure);
-  if (const auto trouble = writingTrouble(options.out)) return report(*trouble);
-  const auto input = FileInput::open(options.in);
-  if (const auto* failure = std::get_if<Failure>(&input)) return report(*failure);
-
-  const auto started = startKeyJob(host, options);
+  const auto started = startDataJob(host, options, SecKeyAlgorithm::kSecKeyAlgorithmRSAEncryptionPKCS1);
   if (const auto* failure = std::get_if<Failure>(&started)) return report(*failure);
-  const auto& job = std::get<KeyJob>(started);
-  const auto found = keyOf(job.card, options);
-  if (const auto* failure = std::get_if<Failure>(&found)) return report(*failure);
-  const auto& chosen = std::get<ChosenKey>(found);
+  const auto& [algorithm, input, job, chosen] = std::get<DataJob>(started);
 
-  const auto decrypted = job.client->decrypt(chosen.key, std::get<SecKeyAlgorithm>(algorithm),
-                                             *std::get<std::unique_ptr<FileInput>>(input), *job.pins);
+  const auto decrypted = job.client->decrypt(chosen.key, algorithm, *input, *job.pins);
   if (const auto* failure = std::get_if<Failure>(&decrypted)) return report(*failure);
   const Bytes& plain = std::get<Bytes>(decrypted);
   if (!options.json && goesToTerminal(options.out) && !isPrintableText(plain)) {
@@ -48,9 +38,7 @@ ExitCode runDecrypt(Host& host, const Options& options) {
     if (const auto trouble = writeFile(options.out, plain.view(), kPlainTextMode)) return report(*trouble);
   }
   if (!options.json) return ExitCode::kSuccess;
-  Json json{{"key", chosen.key.objectID.toUtf8()},
-            {"algorithm", nameOf(std::get<SecKeyAlgorithm>(algorithm))},
-            {"size", plain.size()}};
+  Json json{{"key", chosen.key.objectID.toUtf8()}, {"algorithm", nameOf(algorithm)}, {"size", plain.size()}};
   if (!options.out) json["plainTextHex"] = hexOf(plain);
   return writeOutput(jsonLines(json)) ? ExitCode::kSuccess : ExitCode::kFileTrouble;
 }

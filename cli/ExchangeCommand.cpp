@@ -11,21 +11,11 @@ constexpr mode_t kSecretMode = 0600;
 }  // namespace
 
 ExitCode runExchange(Host& host, const Options& options) {
-  const auto algorithm = algorithmOf(options, SecKeyAlgorithm::kSecKeyAlgorithmECDHKeyExchangeStandard);
-  if (const auto* failure = std::get_if<Failure>(&algorithm)) return report(*failure);
-  if (const auto trouble = writingTrouble(options.out)) return report(*trouble);
-  const auto input = FileInput::open(options.in);
-  if (const auto* failure = std::get_if<Failure>(&input)) return report(*failure);
-
-  const auto started = startKeyJob(host, options);
+  const auto started = startDataJob(host, options, SecKeyAlgorithm::kSecKeyAlgorithmECDHKeyExchangeStandard);
   if (const auto* failure = std::get_if<Failure>(&started)) return report(*failure);
-  const auto& job = std::get<KeyJob>(started);
-  const auto found = keyOf(job.card, options);
-  if (const auto* failure = std::get_if<Failure>(&found)) return report(*failure);
-  const auto& chosen = std::get<ChosenKey>(found);
+  const auto& [algorithm, input, job, chosen] = std::get<DataJob>(started);
 
-  const auto exchanged = job.client->exchange(chosen.key, std::get<SecKeyAlgorithm>(algorithm),
-                                              *std::get<std::unique_ptr<FileInput>>(input), *job.pins);
+  const auto exchanged = job.client->exchange(chosen.key, algorithm, *input, *job.pins);
   if (const auto* failure = std::get_if<Failure>(&exchanged)) return report(*failure);
   const Bytes& secret = std::get<KeyExchange>(exchanged).secret;
   if (secret.isNull()) {

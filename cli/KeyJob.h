@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "ExitCode.h"
+#include "Files.h"
 #include "Options.h"
 #include "host/Host.h"
 #include "host/KeyChoice.h"
@@ -29,8 +30,17 @@ struct KeyJob {
 /// The key that the options name.
 [[nodiscard]] Outcome<ChosenKey> keyOf(const InsertedCard& card, const Options& options);
 
-/// The algorithm of the options, or `byDefault`; a usage failure for a name that no algorithm has.
-[[nodiscard]] Outcome<SecKeyAlgorithm> algorithmOf(const Options& options, SecKeyAlgorithm byDefault);
+/// All that it takes to use a key on data.
+struct DataJob {
+  SecKeyAlgorithm algorithm;
+  std::unique_ptr<FileInput> input;
+  KeyJob job;
+  ChosenKey chosen;
+};
+
+/// Looks at everything in the options before the card is inserted. `byDefault`: the algorithm where they name
+/// none.
+[[nodiscard]] Outcome<DataJob> startDataJob(Host& host, const Options& options, SecKeyAlgorithm byDefault);
 
 /// The bytes as hexadecimal digits.
 [[nodiscard]] std::string hexOf(const Bytes& bytes);

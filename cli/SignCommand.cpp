@@ -50,31 +50,21 @@ std::string jsonText(const ChosenKey& chosen, SecKeyAlgorithm algorithm, const S
 }  // namespace
 
 ExitCode runSign(Host& host, const Options& options) {
-  const auto algorithm = algorithmOf(options, SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureMessagePSSSHA256);
-  if (const auto* failure = std::get_if<Failure>(&algorithm)) return report(*failure);
   if (!options.json && goesToTerminal(options.out)) {
     return report({FailureKind::kBadInput, "wrong usage", "a signature is no text for a terminal",
                    "give a file with --out, or redirect the output"});
   }
-  if (const auto trouble = writingTrouble(options.out)) return report(*trouble);
-  const auto input = FileInput::open(options.in);
-  if (const auto* failure = std::get_if<Failure>(&input)) return report(*failure);
-
-  const auto started = startKeyJob(host, options);
+  const auto started =
+      startDataJob(host, options, SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureMessagePSSSHA256);
   if (const auto* failure = std::get_if<Failure>(&started)) return report(*failure);
-  const auto& job = std::get<KeyJob>(started);
-  const auto found = keyOf(job.card, options);
-  if (const auto* failure = std::get_if<Failure>(&found)) return report(*failure);
-  const auto& chosen = std::get<ChosenKey>(found);
+  const auto& [algorithm, input, job, chosen] = std::get<DataJob>(started);
 
-  const SecKeyAlgorithm wanted = std::get<SecKeyAlgorithm>(algorithm);
-  const auto signedData =
-      job.client->sign(chosen.key, wanted, *std::get<std::unique_ptr<FileInput>>(input), *job.pins);
+  const auto signedData = job.client->sign(chosen.key, algorithm, *input, *job.pins);
   if (const auto* failure = std::get_if<Failure>(&signedData)) return report(*failure);
   const auto& signature = std::get<Signature>(signedData);
   const bool verify = !options.noVerify;
   if (verify || !mayBeSignature(signature)) {
-    const std::string trouble = signatureTrouble(chosen.certificate, chosen.key, wanted, signature);
+    const std::string trouble = signatureTrouble(chosen.certificate, chosen.key, algorithm, signature);
     if (!trouble.empty()) return report(notVerified(trouble));
   }
   const bool asJson = options.json;
@@ -83,9 +73,9 @@ ExitCode runSign(Host& host, const Options& options) {
       return report(*trouble);
   }
   if (asJson)
-    return writeOutput(jsonText(chosen, wanted, signature, verify)) ? ExitCode::kSuccess
-                                                                    : ExitCode::kFileTrouble;
-  writeMessage(summary(chosen, wanted, signature, verify));
+    return writeOutput(jsonText(chosen, algorithm, signature, verify)) ? ExitCode::kSuccess
+                                                                       : ExitCode::kFileTrouble;
+  writeMessage(summary(chosen, algorithm, signature, verify));
   return ExitCode::kSuccess;
 }
 

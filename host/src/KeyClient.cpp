@@ -184,7 +184,7 @@ Outcome<SecKeyAlgorithm> KeyClient::formFor(const PublishedKey& key, SecKeyAlgor
     return Failure{
         FailureKind::kNotSupported, what,
         std::string{"the token accepts it, but the key is "} + (isRsaKey ? "an RSA key" : "no RSA key"),
-        kSeeAlgorithms};
+        kAskFittingAlgorithm};
   }
   return *form;
 }
