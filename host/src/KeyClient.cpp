@@ -336,7 +336,7 @@ std::optional<Failure> KeyClient::authenticate(TKTokenOperation operation, const
 /// Why the card did not do what that Cryptoki function does; empty when it did. A card that was not asked may
 /// leave no other trace.
 std::string KeyClient::cardTrouble(std::string_view function) const {
-  if (const std::string reason = diary_->reason(); !reason.empty()) return reason;
+  if (std::string reason = diary_->reason(); !reason.empty()) return reason;
   return diary_->lastResultOf(function) == CKR_OK ? std::string{} : "the card was not asked";
 }
 
