@@ -6,7 +6,7 @@ die() { printf '%s: %s\n' "${0##*/}" "$*" >&2; exit 1; }
 # Packages by their Debian names, for building and running.
 build_packages="g++ cmake ninja-build libssl-dev libcli11-dev nlohmann-json3-dev libsystemd-dev gettext"
 card_packages="softhsm2 openssl opensc"
-test_packages="libgtest-dev libgmock-dev libp11-kit-dev clang clang-format clang-tidy libclang-rt-14-dev llvm-14 dbus"
+test_packages="libgtest-dev libgmock-dev libp11-kit-dev clang clang-format clang-tidy libclang-rt-14-dev llvm-14 dbus python3 lld libgnustep-base-dev"
 
 # The same on macOS, for Homebrew.
 brew_packages="cmake ninja gettext openssl@3 cli11 nlohmann-json softhsm opensc googletest p11-kit llvm"

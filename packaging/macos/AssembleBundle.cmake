@@ -1,0 +1,40 @@
+# Puts "Mirel Token.app" together, with the extension inside. For cmake -P, with
+#   APP_EXECUTABLE, EXTENSION_EXECUTABLE  the programs, whatever they are called
+#   APP_PLIST, EXTENSION_PLIST            the property lists
+#   RESOURCES                             the folder of the <language>.lproj, which both get
+#   ICON                                  the app's icon
+#   BUNDLE                                where the app goes; what is there is replaced
+cmake_policy(VERSION 3.25)
+
+foreach(name APP_EXECUTABLE EXTENSION_EXECUTABLE APP_PLIST EXTENSION_PLIST RESOURCES ICON BUNDLE)
+  if("${${name}}" STREQUAL "")
+    message(FATAL_ERROR "${name} is not given")
+  endif()
+  if(NOT name STREQUAL "BUNDLE" AND NOT EXISTS "${${name}}")
+    message(FATAL_ERROR "${name}: there is no ${${name}}")
+  endif()
+endforeach()
+if(NOT BUNDLE MATCHES "/[^/]+\\.app$")
+  message(FATAL_ERROR "BUNDLE: ${BUNDLE} is no path of an app")
+endif()
+
+# put(<file> <folder> <name>)
+function(put file folder name)
+  file(MAKE_DIRECTORY "${folder}")
+  file(COPY_FILE "${file}" "${folder}/${name}")
+endfunction()
+
+# put_bundle(<bundle> <property list> <executable> <its name>)
+function(put_bundle bundle plist executable name)
+  put("${plist}" "${bundle}/Contents" Info.plist)
+  put("${executable}" "${bundle}/Contents/MacOS" "${name}")
+  file(CHMOD "${bundle}/Contents/MacOS/${name}" PERMISSIONS
+       OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+  file(GLOB folders "${RESOURCES}/*.lproj")
+  file(COPY ${folders} DESTINATION "${bundle}/Contents/Resources")
+endfunction()
+
+file(REMOVE_RECURSE "${BUNDLE}")
+put_bundle("${BUNDLE}" "${APP_PLIST}" "${APP_EXECUTABLE}" mireltoken)
+put("${ICON}" "${BUNDLE}/Contents/Resources" AppIcon.icns)
+put_bundle("${BUNDLE}/Contents/PlugIns/MirelToken.appex" "${EXTENSION_PLIST}" "${EXTENSION_EXECUTABLE}" MirelToken)

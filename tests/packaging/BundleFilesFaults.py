@@ -1,0 +1,300 @@
+"""What is wrong with the files of the macOS bundle, in plain words; nothing when they are as they must be."""
+
+import json
+import plistlib
+import re
+import struct
+import xml.etree.ElementTree
+import xml.parsers.expat
+import zlib
+
+from BundleFilesSupport import configured
+
+LANGUAGES = ["de", "en", "es", "fr", "it", "ja", "nl", "pl", "pt", "ru", "tr", "zh-Hans"]
+
+HEADING = (
+    '<?xml version="1.0" encoding="UTF-8"?>\n'
+    '<!DOCTYPE plist PUBLIC "-//Apple//DTD PLIST 1.0//EN" "http://www.apple.com/DTDs/PropertyList-1.0.dtd">\n'
+    '<plist version="1.0">\n'
+)
+
+
+def app_list(version):
+    return {
+        "CFBundleDevelopmentRegion": "en",
+        "CFBundleDisplayName": "Mirel Token",
+        "CFBundleExecutable": "mireltoken",
+        "CFBundleIconFile": "AppIcon",
+        "CFBundleIdentifier": "com.mirel.token",
+        "CFBundleInfoDictionaryVersion": "6.0",
+        "CFBundleLocalizations": LANGUAGES,
+        "CFBundleName": "Mirel Token",
+        "CFBundlePackageType": "APPL",
+        "CFBundleShortVersionString": version,
+        "CFBundleSupportedPlatforms": ["MacOSX"],
+        "CFBundleVersion": version,
+        "LSMinimumSystemVersion": "12.0",
+        "LSUIElement": True,
+        "NSHighResolutionCapable": True,
+    }
+
+
+def extension_list(version):
+    return {
+        "CFBundleDevelopmentRegion": "en",
+        "CFBundleDisplayName": "Mirel Token",
+        "CFBundleExecutable": "MirelToken",
+        "CFBundleIdentifier": "com.mirel.token.extension",
+        "CFBundleInfoDictionaryVersion": "6.0",
+        "CFBundleLocalizations": LANGUAGES,
+        "CFBundleName": "MirelToken",
+        "CFBundlePackageType": "XPC!",
+        "CFBundleShortVersionString": version,
+        "CFBundleSupportedPlatforms": ["MacOSX"],
+        "CFBundleVersion": version,
+        "LSMinimumSystemVersion": "12.0",
+        "NSExtension": {
+            # No com.apple.ctk.aid: every card is offered, and none is held open.
+            "NSExtensionAttributes": {
+                "com.apple.ctk.class-id": "com.mirel.token.extension",
+                "com.apple.ctk.driver-class": "MirelSCTokenDriver",
+                "com.apple.ctk.token-type": "smartcard",
+            },
+            "NSExtensionPointIdentifier": "com.apple.ctk-tokens",
+        },
+    }
+
+
+ENTITLEMENTS = {
+    "com.apple.security.app-sandbox": True,
+    "com.apple.security.cs.disable-library-validation": True,
+    "com.apple.security.files.user-selected.read-only": True,
+    "com.apple.security.smartcard": True,
+    "com.apple.security.temporary-exception.files.home-relative-path.read-write": [
+        "/Library/LunetLocalSignServer/",
+        "/",
+    ],
+}
+
+
+def same(actual, expected):
+    """Like ==, but a number is no boolean."""
+    if type(actual) is not type(expected):
+        return False
+    if isinstance(expected, dict):
+        return actual.keys() == expected.keys() and all(same(actual[key], expected[key]) for key in expected)
+    if isinstance(expected, list):
+        return len(actual) == len(expected) and all(map(same, actual, expected))
+    return actual == expected
+
+
+def differences(actual, expected, at=""):
+    """The places where two property lists differ."""
+    if isinstance(actual, dict) and isinstance(expected, dict):
+        for key in sorted(actual.keys() | expected.keys()):
+            if key not in actual:
+                yield f"{at}{key} is missing"
+            elif key not in expected:
+                yield f"{at}{key} is not wanted"
+            else:
+                yield from differences(actual[key], expected[key], f"{at}{key}: ")
+    elif not same(actual, expected):
+        yield f"{at}{actual!r}"
+
+
+def read_list(content):
+    """The property list, or a ValueError that says what the system's parsers might trip over."""
+    if b"\r" in content:
+        raise ValueError("a line ends with CR")
+    try:
+        text = content.decode("ascii")
+    except UnicodeDecodeError:
+        raise ValueError("not ASCII") from None
+    if not text.startswith(HEADING) or not text.endswith("</plist>\n"):
+        raise ValueError("not the usual first and last lines")
+    if "<!--" in text:
+        raise ValueError("a comment")
+    try:
+        for entry in xml.etree.ElementTree.fromstring(text).iter("dict"):
+            keys = [key.text for key in entry.findall("key")]
+            for key in keys:
+                if keys.count(key) > 1:
+                    raise ValueError(f"{key} stands there twice")
+        return plistlib.loads(content)
+    except (xml.etree.ElementTree.ParseError, xml.parsers.expat.ExpatError, plistlib.InvalidFileException):
+        raise ValueError("no property list") from None
+
+
+def faults_of_list(name, content, expected):
+    try:
+        found = read_list(content)
+    except ValueError as error:
+        return [f"{name}: {error}"]
+    return [f"{name}: {difference}" for difference in differences(found, expected)]
+
+
+def project_version(tree):
+    found = re.findall(r"^project\(\w+ VERSION ([0-9.]+)", (tree / "CMakeLists.txt").read_text(), re.MULTILINE)
+    return found[0] if len(found) == 1 else "unknown"
+
+
+def faults_of_lists(tree):
+    packaging = tree / "packaging/macos"
+    version = project_version(tree)
+    faults = [] if re.fullmatch(r"\d+\.\d+\.\d+", version) else [f"the project's version is {version}"]
+    for name, expected in (("AppInfo", app_list(version)), ("ExtensionInfo", extension_list(version))):
+        content = configured((packaging / f"{name}.plist.in").read_bytes().decode("latin-1"), version)
+        faults += faults_of_list(name, content.encode("latin-1"), expected)
+    for name in ("App", "Extension"):
+        faults += faults_of_list(
+            f"{name}.entitlements", (packaging / f"{name}.entitlements").read_bytes(), ENTITLEMENTS
+        )
+    return faults
+
+
+def class_is_defined(tree, name):
+    """In the extension's Objective-C, and before there is any, in the C++ that it hands on to."""
+    objective_c = sorted((tree / "token").glob("macos/**/*.mm"))
+    if objective_c:
+        return any(re.search(rf"^@implementation {name}$", file.read_text(), re.MULTILINE) for file in objective_c)
+    headers = (tree / "token/include").glob("**/*.h")
+    return any(re.search(rf"^class {name}\b[^;]*\{{", file.read_text(), re.MULTILINE) for file in headers)
+
+
+def faults_of_references(tree):
+    """What the property lists name, and is not there."""
+    packaging = tree / "packaging/macos"
+    try:
+        app = plistlib.loads((packaging / "AppInfo.plist.in").read_bytes())
+        extension = plistlib.loads((packaging / "ExtensionInfo.plist.in").read_bytes())
+        attributes = extension["NSExtension"]["NSExtensionAttributes"]
+        faults = []
+        folders = sorted(folder.name[: -len(".lproj")] for folder in (packaging / "Resources").glob("*.lproj"))
+        for name, plist in (("AppInfo", app), ("ExtensionInfo", extension)):
+            if plist["CFBundleLocalizations"] != folders:
+                faults.append(f"{name}: the languages are not the folders")
+        for folder in folders:
+            if not (packaging / f"Resources/{folder}.lproj/Localizable.strings").is_file():
+                faults.append(f"{folder}: no Localizable.strings")
+        if not re.fullmatch(re.escape(app["CFBundleIdentifier"]) + r"\.[a-z]+", extension["CFBundleIdentifier"]):
+            faults.append("the extension's identifier is not below the app's")
+        if attributes["com.apple.ctk.class-id"] != extension["CFBundleIdentifier"]:
+            faults.append("the class id is not the extension's identifier")
+        if not class_is_defined(tree, attributes["com.apple.ctk.driver-class"]):
+            faults.append("the driver class is not in the sources")
+        if not (packaging / f"{app['CFBundleIconFile']}.icns").is_file():
+            faults.append("there is no icon")
+        if f"add_executable({app['CFBundleExecutable']}\n" not in (tree / "cli/CMakeLists.txt").read_text():
+            faults.append("no program has the name of the app's executable")
+        return faults
+    except (xml.parsers.expat.ExpatError, KeyError, TypeError) as error:
+        return [f"references: {error!r}"]
+
+
+def faults_of_minimum(tree):
+    """The oldest macOS, wherever it is told."""
+    minimum = plistlib.loads((tree / "packaging/macos/AppInfo.plist.in").read_bytes())["LSMinimumSystemVersion"]
+    faults = []
+    toolchain = (tree / "cmake/macos-toolchain.cmake").read_text()
+    if f"set(CMAKE_OSX_DEPLOYMENT_TARGET {minimum} CACHE" not in toolchain:
+        faults.append("the toolchain file builds for another macOS")
+    for preset in json.loads((tree / "CMakePresets.json").read_text())["configurePresets"]:
+        target = preset.get("cacheVariables", {}).get("CMAKE_OSX_DEPLOYMENT_TARGET", minimum)
+        if target != minimum:
+            faults.append(f"the preset {preset['name']} builds for another macOS")
+    return faults
+
+
+def faults_of_workflow(tree):
+    text = (tree / ".github/workflows/build.yml").read_text()
+    faults = [] if "\t" not in text else ["the workflow has a tab"]
+    actions = set(re.findall(r"uses: *(\S+)", text))
+    if actions != {"actions/checkout@v4", "actions/upload-artifact@v4"}:
+        faults.append(f"the workflow uses {sorted(actions)}")
+    for system in ("linux", "macos"):
+        job = re.search(rf"^  {system}:\n(.*?)(?=^  \w|\Z)", text, re.MULTILINE | re.DOTALL)
+        if not job or not re.search(r"^ +(run: )?\./check$", job[1], re.MULTILINE):
+            faults.append(f"the workflow does not run the tests on {system}")
+        if not job or "upload-artifact" not in job[1]:
+            faults.append(f"the workflow keeps nothing of {system}")
+    for path in re.findall(r"packaging/macos/[\w-]+|\./check", text):
+        if not (tree / path).is_file():
+            faults.append(f"the workflow runs {path}, which is not there")
+    return faults
+
+
+def faults(tree):
+    found = faults_of_lists(tree) + faults_of_references(tree)
+    # What follows reads the lists, and says nothing new when they cannot be read.
+    return found or faults_of_minimum(tree) + faults_of_workflow(tree)
+
+
+# The images of an icon: what the system takes them for, and their edges in pixels.
+IMAGES = {
+    "ic11": 32,
+    "ic12": 64,
+    "ic07": 128,
+    "ic13": 256,
+    "ic08": 256,
+    "ic14": 512,
+    "ic09": 512,
+    "ic10": 1024,
+}
+
+
+def pixels_of(png):
+    """Width and rows of a PNG of four bytes a pixel whose rows are differences to the rows above."""
+    if png[:8] != b"\x89PNG\r\n\x1a\n":
+        raise ValueError("no PNG")
+    chunks, at = {}, 8
+    while at < len(png):
+        (length,) = struct.unpack_from(">I", png, at)
+        kind, content = png[at + 4 : at + 8], png[at + 8 : at + 8 + length]
+        if struct.unpack_from(">I", png, at + 8 + length)[0] != zlib.crc32(kind + content):
+            raise ValueError("a wrong checksum")
+        chunks[kind] = content
+        at += 12 + length
+    width, height, *rest = struct.unpack(">IIBBBBB", chunks[b"IHDR"])
+    if rest != [8, 6, 0, 0, 0] or list(chunks) != [b"IHDR", b"IDAT", b"IEND"]:
+        raise ValueError("another kind of PNG")
+    data = zlib.decompress(chunks[b"IDAT"])
+    if width != height or len(data) != height * (1 + 4 * width):
+        raise ValueError("not square, or not all of it")
+    rows, above = [], bytes(4 * width)
+    for row in range(height):
+        line = data[row * (1 + 4 * width) : (row + 1) * (1 + 4 * width)]
+        if line[0] != 2:
+            raise ValueError("another kind of row")
+        above = bytes((a + b) & 0xFF for a, b in zip(line[1:], above)) if any(line[1:]) else above
+        rows.append(above)
+    return width, rows
+
+
+def faults_of_icon(icon):
+    """Of the content of an .icns file."""
+    if icon[:4] != b"icns" or len(icon) < 8 or struct.unpack_from(">I", icon, 4)[0] != len(icon):
+        return ["no icon, or not all of it"]
+    found, faults, at, seen = [], [], 8, {}
+    while at + 8 <= len(icon):
+        kind, (length,) = icon[at : at + 4].decode("latin-1"), struct.unpack_from(">I", icon, at + 4)
+        png = icon[at + 8 : at + length]
+        found.append(kind)
+        at += max(length, 8)
+        if png in seen.values() and IMAGES.get(kind) in seen:
+            continue
+        try:
+            width, rows = pixels_of(png)
+        except (ValueError, KeyError, struct.error, zlib.error) as error:
+            faults.append(f"{kind}: {error}")
+            continue
+        seen[width] = png
+        if width != IMAGES.get(kind):
+            faults.append(f"{kind}: {width} pixels")
+        corners = [rows[0][:4], rows[0][-4:], rows[-1][:4], rows[-1][-4:]]
+        if any(corner[3] for corner in corners):
+            faults.append(f"{kind}: a corner can be seen")
+        if rows[width // 2][4 * (width // 2) + 3] != 255:
+            faults.append(f"{kind}: the middle can be seen through")
+    if found != list(IMAGES):
+        faults.append(f"the images are {found}")
+    return faults

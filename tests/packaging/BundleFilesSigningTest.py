@@ -1,0 +1,346 @@
+"""sign-and-package: which commands it runs in which order, and when it stops. The tools of macOS are played by a
+script that writes down how it was called."""
+
+import os
+import pathlib
+import re
+import shlex
+import shutil
+
+from BundleFilesSupport import Checks, arguments, assemble, run, temporary_folder
+
+IDENTITY = "Developer ID Application: Ada's Example (ABCDE12345)"
+INSTALLER = "Developer ID Installer: Ada's Example (ABCDE12345)"
+TOOLS = ["codesign", "ditto", "hdiutil", "lipo", "otool", "pkgbuild", "plutil", "spctl", "xattr", "xcrun"]
+
+# Called by the name of the tool that it plays. FAIL is a pattern for calls that fail, ANSWER the notary's.
+PLAYER = r"""#!/bin/sh
+name=${0##*/}
+line=$name
+for word in "$@"; do line="$line	$word"; done
+printf '%s\n' "$line" >>"$RECORD/calls"
+case "$line" in $FAIL) echo "$name fails" >&2; exit 1 ;; esac
+for last; do :; done
+case "$name $*" in
+  "ditto "*) cp -R "$1" "$2" ;;
+  "codesign --display --verbose=4 "*) echo "CodeDirectory v=20500 flags=$FLAGS hashes=1+7" >&2 ;;
+  "codesign --display --entitlements "*) cat "$RECORD/${last##*/}.entitlements" ;;
+  "codesign --force "*" --entitlements "*)
+    while [ "$1" != --entitlements ]; do shift; done
+    sed "$SPOIL" "$2" >"$RECORD/${last##*/}.entitlements" ;;
+  "otool "*) printf '%s:\n\t/usr/lib/libSystem.B.dylib (compatibility version 1.0.0, current version 1.0.0)\n' "$2"
+    printf "$LIBRARY" ;;
+  "pkgbuild --root "* | "hdiutil "*) echo made >"$last" ;;
+  "xcrun notarytool submit "*) printf '%s' "$ANSWER"; [ "$ANSWER" = Accepted ] ;;
+  "plutil -extract id "*) [ -s "$last" ] && echo 1234-abcd ;;
+  "plutil -extract status "*) cat "$last" ;;
+esac
+"""
+
+
+class Signing:
+    """The script, an app, and a folder with the tools."""
+
+    def __init__(self, folder, given):
+        self.folder = folder
+        self.version = given.version
+        self.script = given.source / "packaging/macos/sign-and-package"
+        self.packaging = self.script.parent
+        (self.made, _, _), self.app = assemble(given.cmake, given.source, folder / "build", given.version)
+        tools = folder / "tools"
+        tools.mkdir()
+        (tools / "player").write_text(PLAYER)
+        (tools / "player").chmod(0o755)
+        for tool in TOOLS:
+            (tools / tool).symlink_to("player")
+        bare = folder / "bare"
+        bare.mkdir()
+        for command in ("sh", "cat", "dirname", "sed"):
+            (bare / command).symlink_to(shutil.which(command))
+        self.record = folder / "record"
+        self.output = folder / "output"
+
+    def run(self, *options, app=None, **others):
+        """Exit code, lines shown, standard error, calls made."""
+        return self.run_other("sh", self.script, *options, app or self.app, **others)
+
+    def run_other(self, *command, tools=True, cwd=None, **environment):
+        """The same of another program than the script."""
+        self.record.mkdir(exist_ok=True)
+        for file in self.record.iterdir():
+            file.unlink()
+        path = os.environ["PATH"]
+        values = {
+            "PATH": f"{self.folder}/tools:{path}" if tools else f"{self.folder}/bare",
+            "TMPDIR": str(self.folder),
+            "RECORD": str(self.record),
+            "FLAGS": "0x10000(runtime)",
+            "FAIL": "",
+            "SPOIL": "",
+            "LIBRARY": "",
+            "ANSWER": "Accepted",
+        }
+        values.update(environment)
+        code, shown, error = run(*command, env=values, cwd=cwd)
+        calls = self.record / "calls"
+        made = [line.split("\t") for line in calls.read_text().splitlines()] if calls.exists() else []
+        return code, shown, error, made
+
+    def expected(self, stage, identity="-", installer=None, profile=None):
+        """The commands for packages, in their order."""
+        app = f"{stage}/root/Mirel Token.app"
+        extension = f"{app}/Contents/PlugIns/MirelToken.appex"
+        package = f"{self.output}/MirelToken-{self.version}.pkg"
+        image = f"{self.output}/MirelToken-{self.version}.dmg"
+        rights = {extension: f"{self.packaging}/Extension.entitlements", app: f"{self.packaging}/App.entitlements"}
+        sign = ["codesign", "--force", "--sign", identity, "--timestamp=none" if identity == "-" else "--timestamp"]
+        lines = [
+            ["mkdir", "-p", f"{self.output}", f"{stage}/root", f"{stage}/image"],
+            ["ditto", f"{self.app}", app],
+            ["xattr", "-cr", app],
+        ]
+        for bundle in (extension, app):
+            lines.append([*sign, "--options", "runtime", "--entitlements", rights[bundle], bundle])
+        for bundle in (extension, app):
+            lines.append(["codesign", "--verify", "--strict", "--verbose=2", bundle])
+            lines.append(["codesign", "--display", "--verbose=4", bundle])
+            lines.append(["codesign", "--display", "--entitlements", "-", "--xml", bundle])
+        for program in (f"{extension}/Contents/MacOS/MirelToken", f"{app}/Contents/MacOS/mireltoken"):
+            lines.append(["otool", "-L", program])
+            if identity != "-":
+                lines.append(["lipo", program, "-verify_arch", "arm64", "x86_64"])
+        components = f"{stage}/components.plist"
+        lines.append(["pkgbuild", "--analyze", "--root", f"{stage}/root", components])
+        lines.append(["plutil", "-replace", "0.BundleIsRelocatable", "-bool", "NO", components])
+        build = ["pkgbuild", "--root", f"{stage}/root", "--component-plist", components]
+        build += ["--install-location", "/Applications", "--identifier", "com.mirel.token.pkg"]
+        build += ["--version", self.version]
+        lines.append(build + (["--sign", installer, "--timestamp"] if installer else []) + [package])
+        lines.append(["ditto", app, f"{stage}/image/Mirel Token.app"])
+        lines.append(["ln", "-s", "/Applications", f"{stage}/image/Applications"])
+        create = ["hdiutil", "create", "-ov", "-volname", "Mirel Token", "-fs", "HFS+", "-format", "UDZO"]
+        lines.append([*create, "-srcfolder", f"{stage}/image", image])
+        if identity != "-":
+            lines.append([*sign, image])
+        if profile:
+            credentials = ["--keychain-profile", profile]
+            for file in (package, image):
+                notary = ["xcrun", "notarytool"]
+                lines.append([*notary, "submit", file, *credentials, "--wait", "--output-format", "plist"])
+                lines.append([*notary, "log", "ID", *credentials, f"{file}.notary.json"])
+                lines.append(["xcrun", "stapler", "staple", file])
+                lines.append(["xcrun", "stapler", "validate", file])
+            assess = ["spctl", "--assess", "--type"]
+            lines.append([*assess, "install", "--verbose", package])
+            lines.append([*assess, "open", "--context", "context:primary-signature", "--verbose", image])
+        return lines
+
+
+# Builds the app of two programs that are there already.
+PROJECT = """\
+cmake_minimum_required(VERSION 3.25)
+project(trial VERSION 7.8.9 LANGUAGES NONE)
+include("${BUNDLE_FILE}")
+foreach(name program extension)
+  add_executable(${name} IMPORTED)
+  set_target_properties(${name} PROPERTIES IMPORTED_LOCATION "${CMAKE_SOURCE_DIR}/the ${name}")
+endforeach()
+mirel_add_bundle(app APP program EXTENSION extension)
+"""
+
+
+def words(shown):
+    return [shlex.split(line) for line in shown.splitlines()]
+
+
+RELEASE = ["--identity", IDENTITY, "--installer-identity", INSTALLER, "--keychain-profile", "a profile"]
+
+
+def check_shown(checks, signing):
+    """What --dry-run prints."""
+    stage = "/tmp/sign-and-package"
+    output = ["--output", signing.output]
+    code, shown, error, calls = signing.run("--dry-run", *output)
+    checks.equal("ad hoc", (code, words(shown), error, calls), (0, signing.expected(stage), "", []))
+    code, shown, error, calls = signing.run("--dry-run", *output, tools=False)
+    checks.equal("without any tool", (code, words(shown), error), (0, signing.expected(stage), ""))
+    release = signing.run("--dry-run", *output, *RELEASE)
+    expected = signing.expected(stage, IDENTITY, INSTALLER, "a profile")
+    checks.equal("for release", (release[0], words(release[1])), (0, expected))
+    checks.true("nothing was made", not signing.output.exists())
+
+    signed = [line[-1] for line in words(release[1]) if line[:2] == ["codesign", "--force"]]
+    checks.equal(
+        "from the inside out",
+        [path.rsplit("/", 1)[1] for path in signed],
+        ["MirelToken.appex", "Mirel Token.app", f"MirelToken-{signing.version}.dmg"],
+    )
+    checks.true("never --deep", "--deep" not in shown + release[1] + signing.script.read_text())
+    checks.true("never sudo", "sudo" not in signing.script.read_text())
+
+    code, shown, _, _ = signing.run("--dry-run", "--sign-only")
+    where = [line[-1] for line in words(shown) if line[:2] == ["codesign", "--force"]]
+    expected = [f"{signing.app}/Contents/PlugIns/MirelToken.appex", f"{signing.app}"]
+    checks.equal("where it is", (code, where), (0, expected))
+    _, relative, _, _ = signing.run("--dry-run", "--sign-only", app="build/Mirel Token.app/", cwd=signing.folder)
+    checks.equal("a relative path with a slash", relative, shown)
+
+    frameworks = signing.app / "Contents/Frameworks"
+    frameworks.mkdir()
+    (frameworks / "lib a.dylib").write_text("a library\n")
+    for options in (["--sign-only"], output):
+        _, shown, _, _ = signing.run("--dry-run", *options)
+        signed = [line[-1].rsplit("/", 1)[1] for line in words(shown) if line[:2] == ["codesign", "--force"]]
+        checks.equal("libraries first", signed, ["lib a.dylib", "MirelToken.appex", "Mirel Token.app"])
+    (frameworks / "lib a.dylib").unlink()
+    frameworks.rmdir()
+
+
+def check_run(checks, signing):
+    """What is shown is what is run."""
+    for options, notary in ([], False), (RELEASE, True):
+        code, shown, error, calls = signing.run("--output", signing.output, *options)
+        checks.equal("success", (code, error), (0, ""))
+        stage = calls[0][2].split("/root/")[0]
+        checks.true("works in a folder of its own", stage.startswith(f"{signing.folder}/tmp."))
+        checks.true("and removes it", not os.path.exists(stage))
+        if notary:
+            expected = signing.expected(stage, IDENTITY, INSTALLER, "a profile")
+            expected = [["1234-abcd" if word == "ID" else word for word in line] for line in expected]
+        else:
+            expected = signing.expected(stage)
+        checks.equal("what is shown", words(shown), expected)
+        run_by_tools = [line for line in expected if line[0] not in ("mkdir", "ln")]
+        questions = [call for call in calls if call[:2] == ["plutil", "-extract"]]
+        checks.equal("what is run", [call for call in calls if call not in questions], run_by_tools)
+        checks.equal("the answers that are read", len(questions), 4 if notary else 0)
+        for kind in ("pkg", "dmg"):
+            file = signing.output / f"MirelToken-{signing.version}.{kind}"
+            checks.equal(f"the {kind}", file.read_text(), "made\n")
+            file.unlink()
+    code, _, error, calls = signing.run("--sign-only")
+    checks.equal("only signing", (code, error, sorted({call[0] for call in calls})), (0, "", ["codesign", "xattr"]))
+
+
+# What goes wrong, and what is said; options besides.
+TROUBLE = [
+    ({"FAIL": "codesign*--force*appex"}, [], "codesign fails"),
+    ({"FAIL": "codesign*--force*app"}, [], "codesign fails"),
+    ({"FAIL": "codesign*--verify*appex"}, [], "codesign fails"),
+    ({"FAIL": "codesign*--verify*app"}, [], "codesign fails"),
+    ({"FAIL": "codesign*--display*"}, [], "codesign fails"),
+    ({"FAIL": "ditto*"}, [], "ditto fails"),
+    ({"FAIL": "xattr*"}, [], "xattr fails"),
+    ({"FAIL": "otool*"}, [], "otool fails"),
+    ({"FAIL": "lipo*"}, RELEASE, "is not universal"),
+    ({"FAIL": "pkgbuild*analyze*"}, [], "pkgbuild fails"),
+    ({"FAIL": "plutil*replace*"}, [], "plutil fails"),
+    ({"FAIL": "pkgbuild*identifier*"}, [], "pkgbuild fails"),
+    ({"FAIL": "hdiutil*"}, [], "hdiutil fails"),
+    ({"FAIL": "*notarytool*log*"}, RELEASE, "xcrun fails"),
+    ({"FAIL": "*staple*"}, RELEASE, "xcrun fails"),
+    ({"FAIL": "spctl*"}, RELEASE, "spctl fails"),
+    ({"FLAGS": "0x2(adhoc)"}, [], "does not ask for the hardened runtime"),
+    ({"SPOIL": "s/app-sandbox/app-box/"}, [], "lacks the entitlement com.apple.security.app-sandbox"),
+    ({"SPOIL": "s/>com.apple.security.smartcard/>com.apple.security.get-task-allow/"}, [], "lacks the entitlement"),
+    ({"SPOIL": "s/<dict>/<dict><key>com.apple.security.get-task-allow<\\/key>/"}, [], "lets debuggers in"),
+    (
+        {"LIBRARY": "\\t/opt/homebrew/lib/libcrypto.3.dylib (compatibility version 3.0.0, current version 3.0.0)\\n"},
+        [],
+        "libraries that other Macs do not have: /opt/homebrew/lib/libcrypto.3.dylib",
+    ),
+    ({"ANSWER": "Invalid"}, RELEASE, "the notary service answered Invalid"),
+    ({"ANSWER": ""}, RELEASE, "the notary service did not take"),
+]
+
+
+def check_trouble(checks, signing):
+    for environment, options, message in TROUBLE:
+        code, _, error, calls = signing.run("--output", signing.output, *options, **environment)
+        checks.true(f"{environment} stops it", code != 0)
+        checks.true(f"{environment}: {error}", message in error)
+        if "FAIL" in environment and "lipo" not in environment["FAIL"]:
+            checks.true(f"{environment} was the last call", re.match(message.split()[0], calls[-1][0]))
+        checks.equal("no folder stays behind", list(signing.folder.glob("tmp.*")), [])
+    _, _, _, calls = signing.run("--output", signing.output, *RELEASE, ANSWER="Invalid")
+    checks.true("the log of a refusal is fetched", ["xcrun", "notarytool", "log"] == calls[-1][:3])
+    code, _, error, calls = signing.run("--output", signing.output, tools=False)
+    checks.equal("no tool, no work", (code, calls), (1, []))
+    checks.true(error, "is missing: this needs macOS" in error)
+
+
+def check_build(checks, signing, cmake):
+    """The build signs the app where it puts it, and again after a change."""
+    source = signing.folder / "build"  # the two programs are there
+    (source / "CMakeLists.txt").write_text(PROJECT)
+    build = signing.folder / "built"
+    bundle_file = f"-DBUNDLE_FILE={signing.packaging}/Bundle.cmake"
+    code, shown, error, _ = signing.run_other(cmake, "-G", "Ninja", "-S", source, "-B", build, bundle_file)
+    checks.equal(f"configuring: {shown}{error}", code, 0)
+    app = build / "Mirel Token.app"
+    expected = [f"{app}/Contents/PlugIns/MirelToken.appex", f"{app}"]
+    for what, signed in (("at first", expected), ("with nothing to do", []), ("after a change", expected)):
+        if what == "after a change":
+            (source / "the program").write_text("another program\n")
+        code, shown, error, calls = signing.run_other(cmake, "--build", build)
+        checks.equal(f"building {what}: {shown}{error}", code, 0)
+        checks.equal(f"signed {what}", [call[-1] for call in calls if "--force" in call], signed)
+    checks.equal("what was built", (app / "Contents/MacOS/mireltoken").read_text(), "another program\n")
+    (source / "the program").write_text("a third\n")
+    code, _, _, _ = signing.run_other(cmake, "--build", build, FLAGS="0x2(adhoc)")
+    checks.true("a bad signature fails the build", code != 0)
+    code, _, _, calls = signing.run_other(cmake, "--build", build)
+    checks.true("and is made again", code == 0 and calls)
+
+
+def check_misuse(checks, signing):
+    for options, message in (
+        (["--identity"], "which app?"),  # it takes the app for the identity
+        (["--identity", ""], "--identity needs a value"),
+        (["--deep"], "there is no option --deep"),
+        ([signing.app], "only one app at a time"),
+        (["--keychain-profile", "p"], "can be notarised"),
+        (["--keychain-profile", "p", "--identity", "i"], "can be notarised"),
+        (["--keychain-profile", "p", "--sign-only"], "makes none"),
+    ):
+        code, _, error, calls = signing.run(*options)
+        checks.equal(f"{options}", (code, calls), (2, []))
+        checks.true(f"{options}: {error}", message in error and "usage:" in error)
+    code, shown, error, _ = signing.run("--help")
+    checks.equal("help", (code, shown.split(" [")[0], error), (0, "usage: sign-and-package", ""))
+    for missing in (
+        "Contents/Info.plist",
+        "Contents/MacOS/mireltoken",
+        "Contents/PlugIns/MirelToken.appex/Contents/Info.plist",
+        "Contents/PlugIns/MirelToken.appex/Contents/MacOS/MirelToken",
+    ):
+        aside = signing.folder / "aside"
+        (signing.app / missing).rename(aside)
+        code, _, error, calls = signing.run("--dry-run")
+        checks.equal(f"without {missing}", (code, calls), (1, []))
+        checks.true(error, f"it has no {missing}" in error)
+        aside.rename(signing.app / missing)
+    plist = signing.app / "Contents/Info.plist"
+    content = plist.read_text()
+    plist.write_text(content.replace("CFBundleShortVersionString", "Version"))
+    code, _, error, _ = signing.run("--dry-run")
+    checks.true(f"without a version: {error}", code == 1 and "has no version" in error)
+    plist.write_text(content)
+
+
+def main():
+    given = arguments()
+    checks = Checks()
+    with temporary_folder() as folder:
+        signing = Signing(pathlib.Path(folder), given)
+        checks.equal("putting the app together", signing.made, 0)
+        check_shown(checks, signing)
+        check_run(checks, signing)
+        check_trouble(checks, signing)
+        check_build(checks, signing, given.cmake)
+        check_misuse(checks, signing)
+    checks.finish()
+
+
+if __name__ == "__main__":
+    main()

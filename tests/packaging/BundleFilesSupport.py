@@ -1,0 +1,107 @@
+"""What the tests of the macOS bundle share: counting, copies to be spoiled, programs run."""
+
+import argparse
+import os
+import pathlib
+import shutil
+import subprocess
+import sys
+import tempfile
+
+# What a copy of the tree must hold for the bundle's files to be judged.
+PARTS = [
+    "CMakeLists.txt",
+    "CMakePresets.json",
+    "check",
+    "cli/CMakeLists.txt",
+    "cmake/macos-toolchain.cmake",
+    ".github",
+    "packaging/macos",
+    "token",
+]
+
+
+class Checks:
+    """Counts what was checked, and says what was not as it should be."""
+
+    def __init__(self):
+        self.count = 0
+        self.failures = 0
+
+    def equal(self, what, actual, expected):
+        self.count += 1
+        if actual != expected:
+            self.failures += 1
+            print(f"FAILED: {what}\n  is:        {actual!r}\n  should be: {expected!r}")
+
+    def true(self, what, condition):
+        self.equal(what, bool(condition), True)
+
+    def finish(self):
+        print(f"{self.count} checks, {self.failures} failed")
+        sys.exit(0 if self.count and not self.failures else 1)
+
+
+def arguments():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--source", type=pathlib.Path, required=True)
+    parser.add_argument("--build", type=pathlib.Path, required=True)
+    parser.add_argument("--cmake", required=True)
+    parser.add_argument("--version", required=True)
+    return parser.parse_args()
+
+
+def temporary_folder():
+    return tempfile.TemporaryDirectory(prefix="mirel bundle 'n' files ")
+
+
+def copy_of(source, folder):
+    """A copy of the parts of the tree, to be spoiled."""
+    for part in PARTS:
+        target = folder / part
+        target.parent.mkdir(parents=True, exist_ok=True)
+        if (source / part).is_dir():
+            shutil.copytree(source / part, target)
+        else:
+            shutil.copy2(source / part, target)
+    return folder
+
+
+def run(*command, **options):
+    """Exit code, standard output, standard error."""
+    done = subprocess.run(
+        [str(word) for word in command], capture_output=True, text=True, timeout=100, check=False, **options
+    )
+    return done.returncode, done.stdout, done.stderr
+
+
+def configured(template, version):
+    return template.replace("@PROJECT_VERSION@", version)
+
+
+def assemble(cmake, source, folder, version, **changes):
+    """Runs the script that puts the app together, of two programs that are not: result and the app's path."""
+    folder.mkdir(parents=True, exist_ok=True)
+    packaging = source / "packaging/macos"
+    given = {
+        "APP_EXECUTABLE": folder / "the program",
+        "EXTENSION_EXECUTABLE": folder / "the extension",
+        "APP_PLIST": folder / "App.plist",
+        "EXTENSION_PLIST": folder / "Extension.plist",
+        "RESOURCES": packaging / "Resources",
+        "ICON": packaging / "AppIcon.icns",
+        "BUNDLE": folder / "Mirel Token.app",
+    }
+    given["APP_EXECUTABLE"].write_text("the program\n")
+    given["EXTENSION_EXECUTABLE"].write_text("the extension\n")
+    for name, template in (("APP_PLIST", "AppInfo.plist.in"), ("EXTENSION_PLIST", "ExtensionInfo.plist.in")):
+        given[name].write_text(configured((packaging / template).read_text(), version))
+    given.update(changes)
+    definitions = [f"-D{name}={value}" for name, value in given.items() if value is not None]
+    return run(cmake, *definitions, "-P", packaging / "AssembleBundle.cmake"), given["BUNDLE"]
+
+
+def files_below(folder):
+    return sorted(
+        os.path.relpath(os.path.join(path, name), folder) for path, _, names in os.walk(folder) for name in names
+    )

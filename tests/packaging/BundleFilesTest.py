@@ -1,0 +1,247 @@
+"""The files of the macOS bundle: that they are as they must be, that spoiled ones are found out, and what the app
+is put together of."""
+
+import pathlib
+import plistlib
+import shutil
+import stat
+
+from BundleFilesFaults import (
+    LANGUAGES,
+    app_list,
+    differences,
+    extension_list,
+    faults,
+    faults_of_icon,
+    project_version,
+)
+from BundleFilesSupport import Checks, arguments, assemble, copy_of, files_below, run, temporary_folder
+
+APP = "packaging/macos/AppInfo.plist.in"
+EXTENSION = "packaging/macos/ExtensionInfo.plist.in"
+APP_RIGHTS = "packaging/macos/App.entitlements"
+RIGHTS = "packaging/macos/Extension.entitlements"
+WORKFLOW = ".github/workflows/build.yml"
+HOME = "com.apple.security.temporary-exception.files.home-relative-path.read-write"
+
+# What is spoiled in which file, and what is said about it.
+SPOILED = [
+    # The property lists
+    (APP, "<string>com.mirel.token</string>", "<string>com.mirel</string>", "AppInfo: CFBundleIdentifier: 'com.mirel'"),
+    (APP, "<key>LSUIElement</key>\n\t<true/>\n", "", "AppInfo: LSUIElement is missing"),
+    (APP, "<true/>", "<integer>1</integer>", "AppInfo: LSUIElement: 1"),
+    (APP, "@PROJECT_VERSION@", "0.0.1", "AppInfo: CFBundleShortVersionString: '0.0.1'"),
+    (APP, "@PROJECT_VERSION@", "@VERSION@", "AppInfo: CFBundleShortVersionString: '@VERSION@'"),
+    (APP, "<dict>", "<!-- ours --><dict>", "AppInfo: a comment"),
+    (APP, "<dict>\n", "<dict>\r\n", "AppInfo: a line ends with CR"),
+    (APP, "Mirel Token", "Mirel T\u00f6ken", "AppInfo: not ASCII"),
+    (APP, "<?xml", "\ufeff<?xml", "AppInfo: not ASCII"),
+    (APP, "</dict>", "", "AppInfo: no property list"),
+    (APP, "\n</plist>\n", "\n</plist>", "AppInfo: not the usual first and last lines"),
+    (
+        APP,
+        "<key>CFBundleName</key>",
+        "<key>CFBundleName</key>\n\t<string>A</string>\n\t<key>CFBundleName</key>",
+        "AppInfo: CFBundleName stands there twice",
+    ),
+    (
+        EXTENSION,
+        "\t\t\t<key>com.apple.ctk.class-id</key>",
+        "\t\t\t<key>com.apple.ctk.aid</key>\n\t\t\t<string>A000</string>\n\t\t\t<key>com.apple.ctk.class-id</key>",
+        "ExtensionInfo: NSExtension: NSExtensionAttributes: com.apple.ctk.aid is not wanted",
+    ),
+    (EXTENSION, "com.apple.ctk-tokens", "com.apple.ctk.tokens", "ExtensionInfo: NSExtension: "
+     "NSExtensionPointIdentifier: 'com.apple.ctk.tokens'"),
+    (EXTENSION, "XPC!", "APPL", "ExtensionInfo: CFBundlePackageType: 'APPL'"),
+    # What they name
+    (EXTENSION, "MirelSCTokenDriver", "MirelSCTokenDrive", "the driver class is not in the sources"),
+    (EXTENSION, "MirelSCTokenDriver", "MirelSCTokenDriverDelegate", "the driver class is not in the sources"),
+    (
+        EXTENSION,
+        "com.mirel.token.extension",
+        "com.mirel.tokenextension",
+        "the extension's identifier is not below the app's",
+    ),
+    (EXTENSION, "\t\t<string>de</string>\n", "", "ExtensionInfo: the languages are not the folders"),
+    (
+        EXTENSION,
+        "<key>com.apple.ctk.class-id</key>\n\t\t\t<string>com.mirel.token.extension<",
+        "<key>com.apple.ctk.class-id</key>\n\t\t\t<string>com.mirel.token<",
+        "the class id is not the extension's identifier",
+    ),
+    (APP, "AppIcon", "Icon", "there is no icon"),
+    (APP, "<string>mireltoken<", "<string>mirel<", "no program has the name of the app's executable"),
+    # Entitlements
+    (RIGHTS, "app-sandbox", "app-sandboxed", "Extension.entitlements: com.apple.security.app-sandbox is missing"),
+    (RIGHTS, "<true/>", "<false/>", "Extension.entitlements: com.apple.security.app-sandbox: False"),
+    (
+        RIGHTS,
+        "<dict>",
+        "<dict>\n\t<key>com.apple.security.get-task-allow</key>\n\t<true/>",
+        "Extension.entitlements: com.apple.security.get-task-allow is not wanted",
+    ),
+    (
+        RIGHTS,
+        "\t\t<string>/</string>\n",
+        "",
+        f"Extension.entitlements: {HOME}: ['/Library/LunetLocalSignServer/']",
+    ),
+    (
+        RIGHTS,
+        "LunetLocalSignServer/<",
+        "LunetLocalSignServer<",
+        f"Extension.entitlements: {HOME}: ['/Library/LunetLocalSignServer', '/']",
+    ),
+    (APP_RIGHTS, "\n", "\r\n", "App.entitlements: a line ends with CR"),
+    (APP_RIGHTS, "smartcard", "smart-card", "App.entitlements: com.apple.security.smartcard is missing"),
+    # What agrees with them
+    ("CMakeLists.txt", "project(mireltoken VERSION ", "project(mireltoken VERSION 1.", "the project's version is 1."),
+    ("cmake/macos-toolchain.cmake", "CMAKE_OSX_DEPLOYMENT_TARGET 12.0 CACHE", "CMAKE_OSX_DEPLOYMENT_TARGET 11.0 CACHE",
+     "the toolchain file builds for another macOS"),
+    (
+        "CMakePresets.json",
+        '"CMAKE_BUILD_TYPE": "Debug"',
+        '"CMAKE_OSX_DEPLOYMENT_TARGET": "13.0"',
+        "the preset debug builds for another macOS",
+    ),
+    # The workflow
+    (WORKFLOW, "actions/checkout@v4", "someone/checkout@v4", "the workflow uses ['actions/checkout@v4', "
+     "'actions/upload-artifact@v4', 'someone/checkout@v4']"),
+    (WORKFLOW, "          ./check\n", "", "the workflow does not run the tests on linux"),
+    (WORKFLOW, "llvm)/bin\"\n          ./check\n", "llvm)/bin\"\n", "the workflow does not run the tests on macos"),
+    (
+        WORKFLOW,
+        "macos/sign-and-package",
+        "macos/sign",
+        "the workflow runs packaging/macos/sign, which is not there",
+    ),
+]
+
+
+def check_spoiled(checks, source):
+    with temporary_folder() as folder:
+
+        tree = copy_of(source, pathlib.Path(folder))
+        checks.equal("a copy is as good as the tree", faults(tree), [])
+        for name, old, new, expected in SPOILED:
+            what = f"{name}: {new!r} instead of {old!r}"
+            good = (tree / name).read_bytes()
+            spoiled = good.replace(old.encode(), new.encode(), 1)
+            checks.true(f"{what} changes the file", spoiled != good)
+            (tree / name).write_bytes(spoiled)
+            found = faults(tree)
+            checks.true(f"{what}: {found}", any(fault.startswith(expected) for fault in found))
+            (tree / name).write_bytes(good)
+        resources = tree / "packaging/macos/Resources"
+        (resources / "de.lproj/Localizable.strings").unlink()
+        checks.equal("a language without texts", faults(tree), ["de: no Localizable.strings"])
+        shutil.rmtree(resources / "de.lproj")
+        checks.equal(
+            "a language less",
+            faults(tree),
+            ["AppInfo: the languages are not the folders", "ExtensionInfo: the languages are not the folders"],
+        )
+
+
+def check_driver_class(checks, source):
+    """As soon as there is Objective-C, the driver must be there, and not only in the C++ below it."""
+    with temporary_folder() as folder:
+
+        tree = copy_of(source, pathlib.Path(folder))
+        shutil.rmtree(tree / "token/macos", ignore_errors=True)
+        checks.equal("in C++", faults(tree), [])
+        (tree / "token/macos").mkdir()
+        driver = tree / "token/macos/Driver.mm"
+        driver.write_text("@interface MirelSCTokenDriver\n@end\n// @implementation MirelSCTokenDriver\n")
+        checks.equal("only mentioned", faults(tree), ["the driver class is not in the sources"])
+        driver.write_text("@implementation MirelSCTokenDriver\n@end\n")
+        checks.equal("in Objective-C", faults(tree), [])
+
+
+def check_configured(checks, build, version):
+    for name, expected in (("AppInfo", app_list(version)), ("ExtensionInfo", extension_list(version))):
+        plist = plistlib.loads((build / f"bundle/{name}.plist").read_bytes())
+        checks.equal(f"{name} as the build makes it", list(differences(plist, expected)), [])
+
+
+def check_icon(checks, source):
+    icon = (source / "packaging/macos/AppIcon.icns").read_bytes()
+    script = source / "packaging/macos/draw-icon"
+    with temporary_folder() as folder:
+
+        drawn = pathlib.Path(folder) / "drawn.icns"
+        checks.equal("drawing", run(script, drawn), (0, "", ""))
+        checks.true("the icon is what the script draws", drawn.read_bytes() == icon)
+        other = pathlib.Path(folder) / "other-script"
+        other.write_text(script.read_text().replace("(32, 106, 120, 255)", "(32, 106, 121, 255)"))
+        other.chmod(0o755)
+        checks.equal("drawing in another colour", run(other, drawn), (0, "", ""))
+        checks.true("another colour is another icon", drawn.read_bytes() != icon)
+    checks.equal("the icon", faults_of_icon(icon), [])
+    checks.equal("not all of it", faults_of_icon(icon[:-1]), ["no icon, or not all of it"])
+    flipped = bytearray(icon)
+    flipped[200] ^= 1
+    checks.equal("a bit flipped", faults_of_icon(bytes(flipped)), ["ic11: a wrong checksum"])
+    swapped = icon.replace(b"ic11", b"ic07", 1)
+    checks.equal("another size", faults_of_icon(swapped)[0], "ic07: 32 pixels")
+    checks.equal("no file", run(script)[0::2], (1, "usage: draw-icon FILE\n"))
+
+
+def check_assembled(checks, given):
+    def expected(top):
+        texts = [f"Resources/{language}.lproj/Localizable.strings" for language in LANGUAGES]
+        return [f"{top}/{text}" for text in texts]
+
+    extension = "Contents/PlugIns/MirelToken.appex/Contents"
+    with temporary_folder() as folder:
+
+        folder = pathlib.Path(folder)
+        stale = folder / "Mirel Token.app/Contents/MacOS/stale"
+        stale.parent.mkdir(parents=True)
+        stale.write_text("from an older build")
+        (code, _, error), app = assemble(given.cmake, given.source, folder, given.version)
+        checks.equal("putting the app together", (code, error), (0, ""))
+        checks.equal(
+            "what is in it",
+            files_below(app),
+            sorted(
+                expected("Contents")
+                + expected(extension)
+                + ["Contents/Info.plist", "Contents/MacOS/mireltoken", "Contents/Resources/AppIcon.icns"]
+                + [f"{extension}/Info.plist", f"{extension}/MacOS/MirelToken"]
+            ),
+        )
+        for path, text in (("Contents/MacOS/mireltoken", "program"), (f"{extension}/MacOS/MirelToken", "extension")):
+            checks.equal(path, (app / path).read_text(), f"the {text}\n")
+            checks.equal(f"the mode of {path}", stat.S_IMODE((app / path).stat().st_mode), 0o755)
+        for top, plist in (("Contents", app_list(given.version)), (extension, extension_list(given.version))):
+            found = plistlib.loads((app / top / "Info.plist").read_bytes())
+            checks.equal(f"{top}/Info.plist", found, plist)
+            checks.true(f"the program of {top}", (app / top / "MacOS" / found["CFBundleExecutable"]).is_file())
+
+        for changes, message in (
+            ({"APP_EXECUTABLE": None}, "APP_EXECUTABLE is not given"),
+            ({"ICON": folder / "none"}, "ICON: there is no"),
+            ({"BUNDLE": folder}, "is no path of an app"),
+        ):
+            (code, _, error), _ = assemble(given.cmake, given.source, folder, given.version, **changes)
+            checks.true(f"{changes} stops", code != 0)
+            checks.true(f"{changes}: {error}", message in " ".join(error.split()))
+        checks.true("a bad call removes nothing", (folder / "the program").is_file() and app.is_dir())
+
+
+def main():
+    given = arguments()
+    checks = Checks()
+    checks.equal("the files of the bundle", faults(given.source), [])
+    checks.equal("the version", project_version(given.source), given.version)
+    check_configured(checks, given.build, given.version)
+    check_icon(checks, given.source)
+    check_assembled(checks, given)
+    check_spoiled(checks, given.source)
+    check_driver_class(checks, given.source)
+    checks.finish()
+
+
+if __name__ == "__main__":
+    main()
