@@ -61,6 +61,10 @@ class TKTokenObject {
   TKTokenObject(const TKTokenObject&) = delete;
   TKTokenObject& operator=(const TKTokenObject&) = delete;
   virtual ~TKTokenObject() = default;
+
+  /// The platform's own object behind this one, as an untyped pointer that the adapters understand (not
+  /// owned by the caller); null where there is none.
+  [[nodiscard]] virtual void* platformObject() const noexcept { return nullptr; }
 };
 
 /// A reader.
@@ -103,10 +107,6 @@ class TKTokenKeychainItem : public TKTokenObject {
   /// Nothing until it has been set.
   [[nodiscard]] virtual std::optional<TKTokenConstraints> constraints() const noexcept = 0;
   virtual void setConstraints(const TKTokenConstraints& constraints) noexcept = 0;
-
-  /// The platform's own object behind this one, as an untyped pointer that the adapters understand
-  /// (not owned by the caller); null where there is none.
-  [[nodiscard]] virtual void* platformObject() const noexcept { return nullptr; }
 };
 
 class TKTokenKeychainCertificate : public TKTokenKeychainItem {

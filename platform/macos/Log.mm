@@ -1,0 +1,33 @@
+#include "platform/Log.h"
+
+#import <Foundation/Foundation.h>
+#import <os/log.h>
+
+#include <string>
+
+#include "Convert.h"
+
+namespace mirel {
+namespace {
+
+/// The lines are built in the core, which puts neither PINs nor plain texts into them, so they are public.
+class UnifiedLog final : public Log {
+ public:
+  void systemDefault(std::string_view line) noexcept override {
+    os_log(OS_LOG_DEFAULT, "%{public}s", printableLine(line).c_str());
+  }
+  void systemError(std::string_view line) noexcept override {
+    os_log_error(OS_LOG_DEFAULT, "%{public}s", printableLine(line).c_str());
+  }
+  void process(std::string_view line) noexcept override {
+    @autoreleasepool {
+      NSLog(@"%@", stringOf(Text::fromUtf8(printableLine(line))));
+    }
+  }
+};
+
+}  // namespace
+
+std::shared_ptr<Log> systemLog() { return std::make_shared<UnifiedLog>(); }
+
+}  // namespace mirel
