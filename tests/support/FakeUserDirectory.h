@@ -20,6 +20,9 @@ class FakeUserDirectory final : public UserDirectory {
     return loginName == loginName_ ? home_ : std::string{};
   }
 
+  /// From now on the user has that home.
+  void moveTo(std::string home) { home_ = std::move(home); }
+
   /// The login names whose home was asked for.
   [[nodiscard]] const std::vector<std::string>& askedFor() const { return askedFor_; }
 

@@ -51,6 +51,7 @@ class MirelSCToken final : public TKSmartCardToken,
   [[nodiscard]] std::shared_ptr<TKTokenKeychainContents> keychainContents() const noexcept override {
     return base_->keychainContents();
   }
+  [[nodiscard]] void* platformObject() const noexcept override { return base_->platformObject(); }
 
  private:
   void fillKeychainContents(CryptTKitSProvider& provider, const Text& readerName) noexcept;

@@ -32,6 +32,7 @@ class MirelSCTokenAuth final : public TKTokenSmartCardPINAuthOperation {
 
   // The platform's PIN operation.
   [[nodiscard]] bool init() noexcept override { return base_->init(); }
+  [[nodiscard]] void* platformObject() const noexcept override { return base_->platformObject(); }
   [[nodiscard]] std::shared_ptr<TKSmartCard> smartCard() const noexcept override {
     return base_->smartCard();
   }

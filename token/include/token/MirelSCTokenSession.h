@@ -95,6 +95,7 @@ class MirelSCTokenSession final : public TKSmartCardTokenSession,
     return base_->initWithToken(token);
   }
   [[nodiscard]] std::shared_ptr<TKSmartCardToken> token() const noexcept override { return base_->token(); }
+  [[nodiscard]] void* platformObject() const noexcept override { return base_->platformObject(); }
   [[nodiscard]] std::shared_ptr<TKSmartCard> smartCard() const noexcept override {
     return base_->smartCard();
   }

@@ -1,0 +1,452 @@
+#import <CryptoTokenKit/CryptoTokenKit.h>
+
+#include <openssl/sha.h>
+
+#include <mutex>
+
+#import "Objects.h"
+#import "Switches.h"
+
+namespace mirel::test {
+namespace {
+
+std::mutex countMutex;
+std::map<std::string, int>& counts() {
+  static std::map<std::string, int> numByClass;
+  return numByClass;
+}
+
+}  // namespace
+
+Switches& switches() {
+  static Switches all;
+  return all;
+}
+
+void countObject(const char* className, int change) {
+  const std::lock_guard lock{countMutex};
+  if ((counts()[className] += change) == 0) counts().erase(className);
+}
+
+std::map<std::string, int> livingObjects() {
+  const std::lock_guard lock{countMutex};
+  return counts();
+}
+
+}  // namespace mirel::test
+
+using namespace mirel::test;
+
+NSString* const TKErrorDomain = @"CryptoTokenKit";
+
+/// The one item of a class with that identifier; otherwise nil and an error.
+static id itemFor(NSArray* items, Class type, TKTokenObjectID objectID, NSError** error) {
+  for (TKTokenKeychainItem* item in items) {
+    if ([item isKindOfClass:type] && [[item objectID] isEqual:objectID]) return [[item retain] autorelease];
+  }
+  if (error) *error = [NSError errorWithDomain:TKErrorDomain code:TKErrorCodeObjectNotFound userInfo:nil];
+  return nil;
+}
+
+// ---- Reader and card ----
+
+@implementation TKSmartCardSlot
+@synthesize name = _name;
+- (instancetype)initWithName:(NSString*)name {
+  if ((self = [super init])) {
+    countObject("TKSmartCardSlot", 1);
+    _name = [name copy];
+  }
+  return self;
+}
+- (void)dealloc {
+  countObject("TKSmartCardSlot", -1);
+  [_name release];
+  [super dealloc];
+}
+- (TKSmartCardSlotState)state {
+  return TKSmartCardSlotStateValidCard;
+}
+- (TKSmartCard*)makeSmartCard {
+  return [[[TKSmartCard alloc] initWithSlot:self] autorelease];
+}
+@end
+
+@implementation TKSmartCard
+@synthesize slot = _slot, sensitive = _sensitive, context = _context, cla = _cla;
+- (instancetype)initWithSlot:(TKSmartCardSlot*)slot {
+  if ((self = [super init])) {
+    countObject("TKSmartCard", 1);
+    _slot = [slot retain];
+  }
+  return self;
+}
+- (void)dealloc {
+  countObject("TKSmartCard", -1);
+  [_slot release];
+  [_context release];
+  [super dealloc];
+}
+- (BOOL)valid {
+  return YES;
+}
+- (void)loseContext {
+  [self setContext:nil];
+}
+@end
+
+@implementation TKSmartCardPINFormat
+@synthesize charset = _charset, encoding = _encoding, minPINLength = _minPINLength,
+            maxPINLength = _maxPINLength, PINBlockByteLength = _PINBlockByteLength,
+            PINJustification = _PINJustification, PINBitOffset = _PINBitOffset,
+            PINLengthBitOffset = _PINLengthBitOffset, PINLengthBitSize = _PINLengthBitSize;
+- (instancetype)init {
+  if ((self = [super init])) {
+    countObject("TKSmartCardPINFormat", 1);
+    _encoding = TKSmartCardPINEncodingASCII;
+    _minPINLength = 4;
+    _maxPINLength = 8;
+    _PINBlockByteLength = 8;
+  }
+  return self;
+}
+- (void)dealloc {
+  countObject("TKSmartCardPINFormat", -1);
+  [super dealloc];
+}
+@end
+
+// ---- Driver ----
+
+@implementation TKTokenDriver
+- (instancetype)init {
+  if ((self = [super init])) {
+    countObject("TKTokenDriver", 1);
+    if (switches().delegatesToItself) _delegate = (id)self;
+  }
+  return self;
+}
+- (void)dealloc {
+  countObject("TKTokenDriver", -1);
+  [super dealloc];
+}
+// The runtime has no weak references.
+- (id<TKTokenDriverDelegate>)delegate {
+  return _delegate;
+}
+- (void)setDelegate:(id<TKTokenDriverDelegate>)delegate {
+  _delegate = delegate;
+}
+@end
+
+@implementation TKSmartCardTokenDriver
+@end
+
+// ---- Keychain contents ----
+
+@implementation TKTokenKeychainItem
+@synthesize objectID = _objectID, label = _label, constraints = _constraints;
+- (instancetype)initWithObjectID:(TKTokenObjectID)objectID {
+  if ((self = [super init])) {
+    countObject("TKTokenKeychainItem", 1);
+    _objectID = [objectID copy];
+  }
+  return self;
+}
+- (void)dealloc {
+  countObject("TKTokenKeychainItem", -1);
+  [_objectID release];
+  [_label release];
+  [_constraints release];
+  [super dealloc];
+}
+@end
+
+@implementation TKTokenKeychainCertificate
+@synthesize data = _data;
+- (instancetype)initWithCertificate:(SecCertificateRef)certificateRef objectID:(TKTokenObjectID)objectID {
+  if (!(self = [super initWithObjectID:objectID])) return nil;
+  if (switches().refusesCertificateItems || !certificateRef) {
+    [self release];
+    return nil;
+  }
+  _data = [[(DoubleCertificate*)certificateRef der] copy];
+  NSMutableDictionary* const constraints = [NSMutableDictionary dictionary];
+  for (NSInteger operation = TKTokenOperationReadData; operation <= TKTokenOperationPerformKeyExchange;
+       ++operation) {
+    [constraints setObject:@(operation == TKTokenOperationReadData) forKey:@(operation)];
+  }
+  [self setConstraints:constraints];
+  return self;
+}
+- (void)dealloc {
+  [_data release];
+  [super dealloc];
+}
+@end
+
+@implementation TKTokenKeychainKey
+@synthesize keyType = _keyType, applicationTag = _applicationTag, keySizeInBits = _keySizeInBits,
+            publicKeyData = _publicKeyData, publicKeyHash = _publicKeyHash, canDecrypt = _canDecrypt,
+            canSign = _canSign, canPerformKeyExchange = _canPerformKeyExchange,
+            suitableForLogin = _suitableForLogin;
+- (instancetype)initWithCertificate:(SecCertificateRef)certificateRef objectID:(TKTokenObjectID)objectID {
+  if (!(self = [super initWithObjectID:objectID])) return nil;
+  DoubleCertificate* const certificate = (DoubleCertificate*)certificateRef;
+  if (switches().refusesKeyItems || (certificate && ![certificate keyType])) {
+    [self release];
+    return nil;
+  }
+  if (certificate) {
+    _keyType = [[certificate keyType] copy];
+    _keySizeInBits = [certificate keySizeInBits];
+    _publicKeyData = [[certificate publicKey] copy];
+    unsigned char hash[SHA_DIGEST_LENGTH];
+    SHA1(static_cast<const unsigned char*>([_publicKeyData bytes]), [_publicKeyData length], hash);
+    _publicKeyHash = [[NSData alloc] initWithBytes:hash length:sizeof hash];
+  }
+  return self;
+}
+- (void)dealloc {
+  [_keyType release];
+  [_applicationTag release];
+  [_publicKeyData release];
+  [_publicKeyHash release];
+  [super dealloc];
+}
+@end
+
+@implementation TKTokenKeychainContents
+- (instancetype)initEmpty {
+  if ((self = [super init])) {
+    countObject("TKTokenKeychainContents", 1);
+    _items = [[NSArray alloc] init];
+  }
+  return self;
+}
+- (void)dealloc {
+  countObject("TKTokenKeychainContents", -1);
+  [_items release];
+  [super dealloc];
+}
+- (NSArray*)items {
+  return [[_items copy] autorelease];
+}
+- (NSUInteger)numFills {
+  return _numFills;
+}
+- (void)fillWithItems:(NSArray*)items {
+  NSArray* const copy = [items copy];
+  [_items release];
+  _items = copy;
+  ++_numFills;
+}
+- (TKTokenKeychainKey*)keyForObjectID:(TKTokenObjectID)objectID error:(NSError**)error {
+  return itemFor(_items, [TKTokenKeychainKey class], objectID, error);
+}
+- (TKTokenKeychainCertificate*)certificateForObjectID:(TKTokenObjectID)objectID error:(NSError**)error {
+  return itemFor(_items, [TKTokenKeychainCertificate class], objectID, error);
+}
+@end
+
+// ---- Token ----
+
+@implementation TKToken
+@synthesize tokenDriver = _tokenDriver, keychainContents = _keychainContents;
+- (instancetype)initWithTokenDriver:(TKTokenDriver*)tokenDriver instanceID:(TKTokenInstanceID)instanceID {
+  if (!(self = [super init])) return nil;
+  countObject("TKToken", 1);
+  _counted = YES;  // a token may go without having been initialised
+  switches().whenTokenIsInitialised();
+  if (switches().refusesTokens) {
+    [self release];
+    return nil;
+  }
+  _tokenDriver = [tokenDriver retain];
+  _instanceID = [instanceID copy];
+  if (!switches().withoutContents) _keychainContents = [[TKTokenKeychainContents alloc] initEmpty];
+  if (switches().delegatesToItself) _delegate = (id)self;
+  return self;
+}
+- (void)dealloc {
+  if (_counted) countObject("TKToken", -1);
+  [_tokenDriver release];
+  [_instanceID release];
+  [_keychainContents release];
+  [super dealloc];
+}
+- (id<TKTokenDelegate>)delegate {
+  return _delegate;
+}
+- (void)setDelegate:(id<TKTokenDelegate>)delegate {
+  _delegate = delegate;
+}
+- (TKTokenInstanceID)instanceID {
+  return _instanceID;
+}
+@end
+
+@implementation TKSmartCardToken
+@synthesize AID = _AID;
+- (instancetype)initWithSmartCard:(TKSmartCard*)smartCard
+                              AID:(NSData*)AID
+                       instanceID:(NSString*)instanceID
+                      tokenDriver:(TKSmartCardTokenDriver*)tokenDriver {
+  if ((self = [super initWithTokenDriver:tokenDriver instanceID:instanceID])) {
+    _smartCard = [smartCard retain];
+    _AID = [AID copy];
+  }
+  return self;
+}
+- (void)dealloc {
+  [_smartCard release];
+  [_AID release];
+  [super dealloc];
+}
+- (TKSmartCard*)smartCard {
+  return _smartCard;
+}
+@end
+
+// ---- Session ----
+
+@implementation TKTokenKeyAlgorithm
++ (instancetype)algorithmWithTarget:(SecKeyAlgorithm)target
+                      passedThrough:(const std::vector<SecKeyAlgorithm>&)passedThrough {
+  TKTokenKeyAlgorithm* const made = [[[self alloc] initForDouble] autorelease];
+  made->_target = [(NSString*)target copy];
+  NSMutableArray* const names = [NSMutableArray array];
+  for (const SecKeyAlgorithm algorithm : passedThrough) [names addObject:(NSString*)algorithm];
+  made->_passedThrough = [names copy];
+  made->_asked = [[NSMutableArray alloc] init];
+  return made;
+}
+- (instancetype)initForDouble {
+  if ((self = [super init])) countObject("TKTokenKeyAlgorithm", 1);
+  return self;
+}
+- (void)dealloc {
+  countObject("TKTokenKeyAlgorithm", -1);
+  [_target release];
+  [_passedThrough release];
+  [_asked release];
+  [super dealloc];
+}
+- (BOOL)isAlgorithm:(SecKeyAlgorithm)algorithm {
+  [_asked addObject:(NSString*)algorithm];
+  return [_target isEqual:(NSString*)algorithm];
+}
+- (BOOL)supportsAlgorithm:(SecKeyAlgorithm)algorithm {
+  return [self isAlgorithm:algorithm] || [_passedThrough containsObject:(NSString*)algorithm];
+}
+- (NSArray*)asked {
+  return [[_asked copy] autorelease];
+}
+@end
+
+@implementation TKTokenKeyExchangeParameters
+@synthesize requestedSize = _requestedSize, sharedInfo = _sharedInfo;
++ (instancetype)parametersWithRequestedSize:(NSInteger)size sharedInfo:(NSData*)info {
+  TKTokenKeyExchangeParameters* const made = [[[self alloc] init] autorelease];
+  made->_requestedSize = size;
+  made->_sharedInfo = [info copy];
+  return made;
+}
+- (void)dealloc {
+  [_sharedInfo release];
+  [super dealloc];
+}
+@end
+
+@implementation TKTokenAuthOperation
+- (instancetype)init {
+  if ((self = [super init])) countObject("TKTokenAuthOperation", 1);
+  return self;
+}
+- (void)dealloc {
+  countObject("TKTokenAuthOperation", -1);
+  [super dealloc];
+}
+- (BOOL)finishWithError:(NSError**)error {
+  return YES;
+}
++ (BOOL)supportsSecureCoding {
+  return YES;
+}
+- (void)encodeWithCoder:(NSCoder*)coder {
+}
+- (instancetype)initWithCoder:(NSCoder*)coder {
+  return [self init];
+}
+@end
+
+@implementation TKTokenPasswordAuthOperation
+@synthesize password = _password;
+- (void)dealloc {
+  [_password release];
+  [super dealloc];
+}
+@end
+
+@implementation TKTokenSmartCardPINAuthOperation
+@synthesize PINFormat = _PINFormat, APDUTemplate = _APDUTemplate, PINByteOffset = _PINByteOffset,
+            smartCard = _smartCard, PIN = _PIN;
+- (instancetype)init {
+  if (!(self = [super init])) return nil;
+  switches().whenPinOperationIsInitialised();
+  if (switches().refusesPinOperations) {
+    [self release];
+    return nil;
+  }
+  _PINFormat = [[TKSmartCardPINFormat alloc] init];
+  return self;
+}
+- (void)dealloc {
+  [_PINFormat release];
+  [_APDUTemplate release];
+  [_smartCard release];
+  [_PIN release];
+  [super dealloc];
+}
+@end
+
+@implementation TKTokenSession
+@synthesize token = _token;
+- (instancetype)initWithToken:(TKToken*)token {
+  if (!(self = [super init])) return nil;
+  countObject("TKTokenSession", 1);
+  if (switches().refusesSessions) {
+    [self release];
+    return nil;
+  }
+  _token = [token retain];
+  if (switches().delegatesToItself) _delegate = (id)self;
+  return self;
+}
+- (void)dealloc {
+  countObject("TKTokenSession", -1);
+  [_token release];
+  [super dealloc];
+}
+- (id<TKTokenSessionDelegate>)delegate {
+  return _delegate;
+}
+- (void)setDelegate:(id<TKTokenSessionDelegate>)delegate {
+  _delegate = delegate;
+}
+@end
+
+@implementation TKSmartCardTokenSession
+@synthesize smartCard = _smartCard;
+- (instancetype)initWithToken:(TKToken*)token {
+  if ((self = [super initWithToken:token]) && !switches().withoutCard) {
+    // A connection of its own, to the card that the token was made for.
+    _smartCard = [[[[(TKSmartCardToken*)token smartCard] slot] makeSmartCard] retain];
+  }
+  return self;
+}
+- (void)dealloc {
+  [_smartCard release];
+  [super dealloc];
+}
+@end

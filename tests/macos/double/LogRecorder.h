@@ -1,0 +1,36 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace mirel::test {
+
+enum class LogChannel { kDefault, kInfo, kDebug, kError, kFault, kNSLog };
+
+struct LogLine {
+  LogChannel channel = LogChannel::kNSLog;
+  /// All that was written.
+  std::string text;
+  /// What a reader of the stored log sees: dynamic texts that are not marked public are hidden.
+  std::string shown;
+
+  [[nodiscard]] bool operator==(const LogLine&) const = default;
+};
+
+/// Records every line of os_log and NSLog, from any thread, while it lives. One at a time. Without one,
+/// os_log writes nowhere and NSLog to standard error.
+class LogRecorder {
+ public:
+  LogRecorder();
+  LogRecorder(const LogRecorder&) = delete;
+  LogRecorder& operator=(const LogRecorder&) = delete;
+  ~LogRecorder();
+
+  [[nodiscard]] std::vector<LogLine> lines() const;
+  /// The texts of all lines, in order, each with its channel's name and a colon before it:
+  /// "default: ", "error: ", "NSLog: ".
+  [[nodiscard]] std::vector<std::string> texts() const;
+  void clear();
+};
+
+}  // namespace mirel::test

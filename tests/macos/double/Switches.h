@@ -1,0 +1,60 @@
+#pragma once
+
+#include <functional>
+#include <map>
+#include <string>
+
+namespace mirel::test {
+
+/// What SecCertificateCopyValues answers about the key usage.
+enum class KeyUsageForm {
+  kBitNumbers,  ///< a number whose bit n is bit n of RFC 5280's bit string
+  kHighBits,    ///< a number whose bit 15 - n is bit n of that bit string
+  kText,        ///< a text instead of a number
+  kNoValue,     ///< an entry that holds no value
+  kError,       ///< no values at all, but an error
+};
+
+/// How the platform behaves. Tests set these through a `ScopedSwitches`.
+struct Switches {
+  /// The base initialisers of tokens, sessions, items and PIN operations answer nil.
+  bool refusesTokens = false;
+  bool refusesSessions = false;
+  bool refusesCertificateItems = false;
+  bool refusesKeyItems = false;
+  bool refusesPinOperations = false;
+  /// Tokens have no keychain contents.
+  bool withoutContents = false;
+  /// Sessions have no connection to the card.
+  bool withoutCard = false;
+  /// Drivers, tokens and sessions are their own delegates without having said so. Nothing tells whether
+  /// that is so on the platform.
+  bool delegatesToItself = false;
+  /// The lines of the unified log's default level are not wanted.
+  bool defaultLevelOff = false;
+  KeyUsageForm keyUsageForm = KeyUsageForm::kBitNumbers;
+  /// Called when the base initialiser of a token or of a PIN operation runs.
+  std::function<void()> whenTokenIsInitialised = [] {};
+  std::function<void()> whenPinOperationIsInitialised = [] {};
+};
+
+[[nodiscard]] Switches& switches();
+
+/// All switches are back at their defaults when it goes.
+class ScopedSwitches {
+ public:
+  ScopedSwitches() { switches() = {}; }
+  ScopedSwitches(const ScopedSwitches&) = delete;
+  ScopedSwitches& operator=(const ScopedSwitches&) = delete;
+  ~ScopedSwitches() { switches() = {}; }
+  Switches* operator->() { return &switches(); }
+};
+
+/// How many objects of the double live, by the names of the platform's classes; without those of which
+/// there is none. Objects of derived classes count as their bases.
+[[nodiscard]] std::map<std::string, int> livingObjects();
+
+/// For the double's own use.
+void countObject(const char* className, int change);
+
+}  // namespace mirel::test

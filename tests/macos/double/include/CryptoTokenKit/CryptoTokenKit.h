@@ -1,0 +1,337 @@
+#pragma once
+
+/// What is used of CryptoTokenKit, declared as the platform declares it.
+
+#import <Foundation/Foundation.h>
+#import <Security/Security.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+extern NSString* _Nonnull const TKErrorDomain;
+#ifdef __cplusplus
+}
+#endif
+
+NS_ASSUME_NONNULL_BEGIN
+
+typedef NS_ENUM(NSInteger, TKErrorCode) {
+  TKErrorCodeNotImplemented = -1,
+  TKErrorCodeCommunicationError = -2,
+  TKErrorCodeCorruptedData = -3,
+  TKErrorCodeCanceledByUser = -4,
+  TKErrorCodeAuthenticationFailed = -5,
+  TKErrorCodeObjectNotFound = -6,
+  TKErrorCodeTokenNotFound = -7,
+  TKErrorCodeBadParameter = -8,
+  TKErrorCodeAuthenticationNeeded = -9,
+};
+
+typedef id TKTokenObjectID;
+typedef NSString* TKTokenInstanceID;
+typedef NSString* TKTokenDriverClassID;
+typedef id TKTokenOperationConstraint;
+
+typedef NS_ENUM(NSInteger, TKTokenOperation) {
+  TKTokenOperationNone = 0,
+  TKTokenOperationReadData = 1,
+  TKTokenOperationSignData = 2,
+  TKTokenOperationDecryptData = 3,
+  TKTokenOperationPerformKeyExchange = 4,
+};
+
+@class TKToken, TKTokenDriver, TKTokenSession, TKSmartCard, TKSmartCardToken, TKSmartCardTokenDriver;
+
+// ---- Reader and card ----
+
+typedef NS_ENUM(NSInteger, TKSmartCardSlotState) {
+  TKSmartCardSlotStateMissing = 0,
+  TKSmartCardSlotStateEmpty = 1,
+  TKSmartCardSlotStateProbing = 2,
+  TKSmartCardSlotStateMuteCard = 3,
+  TKSmartCardSlotStateValidCard = 4,
+};
+
+@interface TKSmartCardSlot : NSObject {
+ @private
+  NSString* _name;
+}
+@property(readonly) TKSmartCardSlotState state;
+@property(readonly) NSString* name;
+- (nullable TKSmartCard*)makeSmartCard;
+@end
+
+/// Without the calls that talk to the card: they would get in the way of a module that does so too.
+@interface TKSmartCard : NSObject {
+ @private
+  TKSmartCardSlot* _slot;
+  BOOL _sensitive;
+  id _context;
+  UInt8 _cla;
+}
+@property(readonly) TKSmartCardSlot* slot;
+@property(readonly) BOOL valid;
+@property BOOL sensitive;
+@property(nullable, strong) id context;
+@property UInt8 cla;
+@end
+
+typedef NS_ENUM(NSInteger, TKSmartCardPINCharset) {
+  TKSmartCardPINCharsetNumeric = 0,
+  TKSmartCardPINCharsetAlphanumeric = 1,
+  TKSmartCardPINCharsetUpperAlphanumeric = 2,
+};
+typedef NS_ENUM(NSInteger, TKSmartCardPINEncoding) {
+  TKSmartCardPINEncodingBinary = 0,
+  TKSmartCardPINEncodingASCII = 1,
+  TKSmartCardPINEncodingBCD = 2,
+};
+typedef NS_ENUM(NSInteger, TKSmartCardPINJustification) {
+  TKSmartCardPINJustificationLeft = 0,
+  TKSmartCardPINJustificationRight = 1,
+};
+
+@interface TKSmartCardPINFormat : NSObject {
+ @private
+  TKSmartCardPINCharset _charset;
+  TKSmartCardPINEncoding _encoding;
+  NSInteger _minPINLength;
+  NSInteger _maxPINLength;
+  NSInteger _PINBlockByteLength;
+  TKSmartCardPINJustification _PINJustification;
+  NSInteger _PINBitOffset;
+  NSInteger _PINLengthBitOffset;
+  NSInteger _PINLengthBitSize;
+}
+@property TKSmartCardPINCharset charset;
+@property TKSmartCardPINEncoding encoding;
+@property NSInteger minPINLength;
+@property NSInteger maxPINLength;
+@property NSInteger PINBlockByteLength;
+@property TKSmartCardPINJustification PINJustification;
+@property NSInteger PINBitOffset;
+@property NSInteger PINLengthBitOffset;
+@property NSInteger PINLengthBitSize;
+@end
+
+// ---- Driver ----
+
+@protocol TKTokenDriverDelegate <NSObject>
+@optional
+- (void)tokenDriver:(TKTokenDriver*)driver terminateToken:(TKToken*)token;
+@end
+
+@protocol TKSmartCardTokenDriverDelegate <TKTokenDriverDelegate>
+- (nullable TKSmartCardToken*)tokenDriver:(TKSmartCardTokenDriver*)driver
+                  createTokenForSmartCard:(TKSmartCard*)smartCard
+                                      AID:(nullable NSData*)AID
+                                    error:(NSError**)error;
+@end
+
+@interface TKTokenDriver : NSObject {
+ @private
+  __unsafe_unretained id<TKTokenDriverDelegate> _delegate;
+}
+@property(nullable, weak) id<TKTokenDriverDelegate> delegate;
+@end
+
+@interface TKSmartCardTokenDriver : TKTokenDriver
+@end
+
+// ---- Keychain contents ----
+
+@interface TKTokenKeychainItem : NSObject {
+ @private
+  TKTokenObjectID _objectID;
+  NSString* _label;
+  NSDictionary<NSNumber*, TKTokenOperationConstraint>* _constraints;
+}
+- (instancetype)initWithObjectID:(TKTokenObjectID)objectID NS_DESIGNATED_INITIALIZER;
+- (instancetype)init NS_UNAVAILABLE;
+@property(readonly, copy) TKTokenObjectID objectID;
+@property(nullable, copy) NSString* label;
+@property(nullable, copy) NSDictionary<NSNumber*, TKTokenOperationConstraint>* constraints;
+@end
+
+@interface TKTokenKeychainCertificate : TKTokenKeychainItem {
+ @private
+  NSData* _data;
+}
+- (nullable instancetype)initWithCertificate:(SecCertificateRef)certificateRef
+                                    objectID:(TKTokenObjectID)objectID NS_DESIGNATED_INITIALIZER;
+- (instancetype)initWithObjectID:(TKTokenObjectID)objectID NS_UNAVAILABLE;
+@property(readonly, copy) NSData* data;
+@end
+
+@interface TKTokenKeychainKey : TKTokenKeychainItem {
+ @private
+  NSString* _keyType;
+  NSData* _applicationTag;
+  NSInteger _keySizeInBits;
+  NSData* _publicKeyData;
+  NSData* _publicKeyHash;
+  BOOL _canDecrypt;
+  BOOL _canSign;
+  BOOL _canPerformKeyExchange;
+  BOOL _suitableForLogin;
+}
+- (nullable instancetype)initWithCertificate:(nullable SecCertificateRef)certificateRef
+                                    objectID:(TKTokenObjectID)objectID NS_DESIGNATED_INITIALIZER;
+- (instancetype)initWithObjectID:(TKTokenObjectID)objectID NS_UNAVAILABLE;
+@property(copy) NSString* keyType;
+@property(nullable, copy) NSData* applicationTag;
+@property NSInteger keySizeInBits;
+@property(nullable, copy) NSData* publicKeyData;
+@property(nullable, copy) NSData* publicKeyHash;
+@property BOOL canDecrypt;
+@property BOOL canSign;
+@property BOOL canPerformKeyExchange;
+@property(getter=isSuitableForLogin) BOOL suitableForLogin;
+@end
+
+@interface TKTokenKeychainContents : NSObject {
+ @private
+  NSArray<TKTokenKeychainItem*>* _items;
+  NSUInteger _numFills;
+}
+- (instancetype)init NS_UNAVAILABLE;
+- (void)fillWithItems:(NSArray<TKTokenKeychainItem*>*)items;
+@property(readonly, copy) NSArray<TKTokenKeychainItem*>* items;
+- (nullable TKTokenKeychainKey*)keyForObjectID:(TKTokenObjectID)objectID error:(NSError**)error;
+- (nullable TKTokenKeychainCertificate*)certificateForObjectID:(TKTokenObjectID)objectID
+                                                         error:(NSError**)error;
+@end
+
+// ---- Token ----
+
+@protocol TKTokenDelegate <NSObject>
+- (nullable TKTokenSession*)token:(TKToken*)token createSessionWithError:(NSError**)error;
+@optional
+- (void)token:(TKToken*)token terminateSession:(TKTokenSession*)session;
+@end
+
+@interface TKToken : NSObject {
+ @private
+  TKTokenDriver* _tokenDriver;
+  __unsafe_unretained id<TKTokenDelegate> _delegate;
+  TKTokenKeychainContents* _keychainContents;
+  TKTokenInstanceID _instanceID;
+  BOOL _counted;
+}
+- (instancetype)initWithTokenDriver:(TKTokenDriver*)tokenDriver
+                         instanceID:(TKTokenInstanceID)instanceID NS_DESIGNATED_INITIALIZER;
+- (instancetype)init NS_UNAVAILABLE;
+@property(readonly) TKTokenDriver* tokenDriver;
+@property(nullable, weak) id<TKTokenDelegate> delegate;
+@property(nullable, readonly) TKTokenKeychainContents* keychainContents;
+@end
+
+@interface TKSmartCardToken : TKToken {
+ @private
+  TKSmartCard* _smartCard;
+  NSData* _AID;
+}
+- (instancetype)initWithSmartCard:(TKSmartCard*)smartCard
+                              AID:(nullable NSData*)AID
+                       instanceID:(NSString*)instanceID
+                      tokenDriver:(TKSmartCardTokenDriver*)tokenDriver NS_DESIGNATED_INITIALIZER;
+- (instancetype)initWithTokenDriver:(TKTokenDriver*)tokenDriver
+                         instanceID:(TKTokenInstanceID)instanceID NS_UNAVAILABLE;
+@property(readonly, nullable) NSData* AID;
+@end
+
+// ---- Session ----
+
+@interface TKTokenKeyAlgorithm : NSObject {
+ @private
+  NSString* _target;
+  NSArray<NSString*>* _passedThrough;
+  NSMutableArray<NSString*>* _asked;
+}
+- (instancetype)init NS_UNAVAILABLE;
+- (BOOL)isAlgorithm:(SecKeyAlgorithm)algorithm;
+- (BOOL)supportsAlgorithm:(SecKeyAlgorithm)algorithm;
+@end
+
+@interface TKTokenKeyExchangeParameters : NSObject {
+ @private
+  NSInteger _requestedSize;
+  NSData* _sharedInfo;
+}
+@property(readonly) NSInteger requestedSize;
+@property(readonly, copy, nullable) NSData* sharedInfo;
+@end
+
+@interface TKTokenAuthOperation : NSObject <NSSecureCoding>
+- (BOOL)finishWithError:(NSError**)error;
+@end
+
+@interface TKTokenPasswordAuthOperation : TKTokenAuthOperation {
+ @private
+  NSString* _password;
+}
+@property(nullable, copy) NSString* password;
+@end
+
+@interface TKTokenSmartCardPINAuthOperation : TKTokenAuthOperation {
+ @private
+  TKSmartCardPINFormat* _PINFormat;
+  NSData* _APDUTemplate;
+  NSInteger _PINByteOffset;
+  TKSmartCard* _smartCard;
+  NSString* _PIN;
+}
+@property(strong) TKSmartCardPINFormat* PINFormat;
+@property(nullable, copy) NSData* APDUTemplate;
+@property NSInteger PINByteOffset;
+@property(nullable, strong) TKSmartCard* smartCard;
+@property(nullable, copy) NSString* PIN;
+@end
+
+@protocol TKTokenSessionDelegate <NSObject>
+@optional
+- (nullable TKTokenAuthOperation*)tokenSession:(TKTokenSession*)session
+                         beginAuthForOperation:(TKTokenOperation)operation
+                                    constraint:(TKTokenOperationConstraint)constraint
+                                         error:(NSError**)error;
+- (BOOL)tokenSession:(TKTokenSession*)session
+    supportsOperation:(TKTokenOperation)operation
+             usingKey:(TKTokenObjectID)keyObjectID
+            algorithm:(TKTokenKeyAlgorithm*)algorithm;
+- (nullable NSData*)tokenSession:(TKTokenSession*)session
+                        signData:(NSData*)dataToSign
+                        usingKey:(TKTokenObjectID)keyObjectID
+                       algorithm:(TKTokenKeyAlgorithm*)algorithm
+                           error:(NSError**)error;
+- (nullable NSData*)tokenSession:(TKTokenSession*)session
+                     decryptData:(NSData*)ciphertext
+                        usingKey:(TKTokenObjectID)keyObjectID
+                       algorithm:(TKTokenKeyAlgorithm*)algorithm
+                           error:(NSError**)error;
+- (nullable NSData*)tokenSession:(TKTokenSession*)session
+    performKeyExchangeWithPublicKey:(NSData*)otherPartyPublicKeyData
+                           usingKey:(TKTokenObjectID)objectID
+                          algorithm:(TKTokenKeyAlgorithm*)algorithm
+                         parameters:(TKTokenKeyExchangeParameters*)parameters
+                              error:(NSError**)error;
+@end
+
+@interface TKTokenSession : NSObject {
+ @private
+  TKToken* _token;
+  __unsafe_unretained id<TKTokenSessionDelegate> _delegate;
+}
+- (instancetype)initWithToken:(TKToken*)token NS_DESIGNATED_INITIALIZER;
+- (instancetype)init NS_UNAVAILABLE;
+@property(readonly) TKToken* token;
+@property(nullable, weak) id<TKTokenSessionDelegate> delegate;
+@end
+
+@interface TKSmartCardTokenSession : TKTokenSession {
+ @private
+  TKSmartCard* _smartCard;
+}
+@property(readonly) TKSmartCard* smartCard;
+@end
+
+NS_ASSUME_NONNULL_END

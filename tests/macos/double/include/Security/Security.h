@@ -1,0 +1,79 @@
+#pragma once
+
+/// What is used of the Security framework.
+
+#import <CoreFoundation/CoreFoundation.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+NS_ASSUME_NONNULL_BEGIN
+
+// ---- Certificates ----
+
+typedef struct __SecCertificate* SecCertificateRef;
+
+extern CFTypeID SecCertificateGetTypeID(void);
+
+/// The caller's; null unless `der` is the DER encoding of an X.509 certificate.
+extern SecCertificateRef _Nullable SecCertificateCreateWithData(CFAllocatorRef _Nullable allocator,
+                                                                CFDataRef der);
+/// The caller's.
+extern CFDataRef SecCertificateCopyData(SecCertificateRef certificate);
+/// The caller's; null, and an error for the caller, on failure. `oids`: the entries to give; null: all.
+extern CFDictionaryRef _Nullable SecCertificateCopyValues(SecCertificateRef certificate,
+                                                          CFArrayRef _Nullable oids,
+                                                          CFErrorRef _Nullable* _Nullable outError);
+
+extern const CFStringRef kSecOIDKeyUsage;
+extern const CFStringRef kSecPropertyKeyType;
+extern const CFStringRef kSecPropertyKeyLabel;
+extern const CFStringRef kSecPropertyKeyLocalizedLabel;
+extern const CFStringRef kSecPropertyKeyValue;
+
+extern const CFStringRef kSecAttrKeyTypeRSA;
+extern const CFStringRef kSecAttrKeyTypeECSECPrimeRandom;
+
+// ---- Algorithms ----
+
+typedef CFStringRef SecKeyAlgorithm;
+
+#define DOUBLE_SHA2_FAMILY(X, before, after) \
+  X(before##SHA224##after) X(before##SHA256##after) X(before##SHA384##after) X(before##SHA512##after)
+#define DOUBLE_HASH_FAMILY(X, before, after) X(before##SHA1##after) DOUBLE_SHA2_FAMILY(X, before, after)
+
+/// X(name) for each algorithm, the name without its prefix kSecKeyAlgorithm.
+#define DOUBLE_SEC_KEY_ALGORITHMS(X)                                   \
+  X(RSAEncryptionRaw)                                                  \
+  X(RSASignatureRaw)                                                   \
+  X(RSASignatureDigestPKCS1v15Raw)                                     \
+  DOUBLE_HASH_FAMILY(X, RSASignatureDigestPKCS1v15, )                  \
+  DOUBLE_HASH_FAMILY(X, RSASignatureMessagePKCS1v15, )                 \
+  DOUBLE_HASH_FAMILY(X, RSASignatureDigestPSS, )                       \
+  DOUBLE_HASH_FAMILY(X, RSASignatureMessagePSS, )                      \
+  X(ECDSASignatureRFC4754)                                             \
+  X(ECDSASignatureDigestX962)                                          \
+  DOUBLE_HASH_FAMILY(X, ECDSASignatureDigestX962, )                    \
+  DOUBLE_HASH_FAMILY(X, ECDSASignatureMessageX962, )                   \
+  X(RSAEncryptionPKCS1)                                                \
+  DOUBLE_HASH_FAMILY(X, RSAEncryptionOAEP, )                           \
+  DOUBLE_HASH_FAMILY(X, RSAEncryptionOAEP, AESGCM)                     \
+  DOUBLE_HASH_FAMILY(X, ECIESEncryptionStandardX963, AESGCM)           \
+  DOUBLE_HASH_FAMILY(X, ECIESEncryptionCofactorX963, AESGCM)           \
+  DOUBLE_SHA2_FAMILY(X, ECIESEncryptionStandardVariableIVX963, AESGCM) \
+  DOUBLE_SHA2_FAMILY(X, ECIESEncryptionCofactorVariableIVX963, AESGCM) \
+  X(ECDHKeyExchangeStandard)                                           \
+  DOUBLE_HASH_FAMILY(X, ECDHKeyExchangeStandardX963, )                 \
+  X(ECDHKeyExchangeCofactor)                                           \
+  DOUBLE_HASH_FAMILY(X, ECDHKeyExchangeCofactorX963, )
+
+#define DOUBLE_DECLARE_ALGORITHM(name) extern const SecKeyAlgorithm kSecKeyAlgorithm##name;
+DOUBLE_SEC_KEY_ALGORITHMS(DOUBLE_DECLARE_ALGORITHM)
+#undef DOUBLE_DECLARE_ALGORITHM
+
+NS_ASSUME_NONNULL_END
+
+#ifdef __cplusplus
+}
+#endif

@@ -1,0 +1,38 @@
+#pragma once
+
+#import <CryptoTokenKit/CryptoTokenKit.h>
+
+#include <memory>
+
+#import "CryptTKitSProviderBox.h"
+#import "MirelSCTokenDriver.h"
+
+namespace mirel {
+class MirelSCToken;
+struct Link;
+}  // namespace mirel
+
+/// The token of one inserted card.
+@interface MirelSCToken : TKSmartCardToken <TKTokenDelegate> {
+ @private
+  std::shared_ptr<mirel::MirelSCToken> core_;
+  std::shared_ptr<mirel::Link> link_;
+}
+
+@property(atomic, strong, nullable) CryptTKitSProvider* sp;
+
+- (nullable instancetype)initWithSmartCard:(nonnull TKSmartCard*)smartCard
+                                       AID:(nullable NSData*)AID
+                        MirelSCTokenDriver:(nonnull MirelSCTokenDriver*)driver
+                                     error:(NSError* _Nullable* _Nullable)error;
+
+// For the core's base object.
+- (void)setLink:(const std::shared_ptr<mirel::Link>&)link;
+- (nullable instancetype)baseInitWithSmartCard:(nonnull TKSmartCard*)smartCard
+                                           AID:(nullable NSData*)AID
+                                    instanceID:(nonnull NSString*)instanceID
+                                   tokenDriver:(nonnull TKSmartCardTokenDriver*)driver;
+- (void)adoptCore:(const std::shared_ptr<mirel::MirelSCToken>&)core;
+- (std::shared_ptr<mirel::MirelSCToken>)core;
+
+@end

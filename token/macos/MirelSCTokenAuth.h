@@ -1,0 +1,33 @@
+#pragma once
+
+#import <CryptoTokenKit/CryptoTokenKit.h>
+
+#include <memory>
+
+#import "Holder.h"
+
+@class MirelSCTokenSession;
+
+namespace mirel {
+class MirelSCTokenAuth;
+struct Link;
+}  // namespace mirel
+
+/// One entry of the PIN.
+@interface MirelSCTokenAuth : TKTokenSmartCardPINAuthOperation {
+ @private
+  std::shared_ptr<mirel::MirelSCTokenAuth> core_;
+  std::shared_ptr<mirel::Link> link_;
+  mirel::ObjCHolder<MirelSCTokenSession> session_;
+}
+
+@property(atomic, strong, readonly, nullable) MirelSCTokenSession* session;
+
+- (nullable instancetype)initWithSession:(nonnull MirelSCTokenSession*)session;
+
+// For the core's base object.
+- (void)setLink:(const std::shared_ptr<mirel::Link>&)link;
+- (nullable instancetype)baseInit;
+- (void)adoptCore:(const std::shared_ptr<mirel::MirelSCTokenAuth>&)core;
+
+@end
