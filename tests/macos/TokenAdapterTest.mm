@@ -223,6 +223,13 @@ TEST_F(TokenAdapter, HandsItsProviderToItsSessions) {
   }
 }
 
+TEST_F(TokenAdapter, MayPublishTheSameKeysAgain) {
+  ASSERT_TRUE(system->offerCard(kReaderName).succeeded);
+  publishKeysAgain();
+  publishKeysAgain();
+  EXPECT_THAT(system->items(), SizeIs(1));
+}
+
 TEST_F(TokenAdapter, CarriesTextsOfTheCardByteForByte) {
   const Value id{0x00, 0xFF, 'x'};
   for (const CK_OBJECT_HANDLE object : {kPublicKey, kPrivateKey, kCertificate}) {

@@ -77,7 +77,9 @@ class KeychainContents final : public TKTokenKeychainContents {
   static id published(const std::shared_ptr<TKTokenKeychainItem>& item) noexcept {
     const id object = objectBehind(item);
     if (const auto key = std::dynamic_pointer_cast<MirelCTKTokenKeychainKey>(item)) {
-      [static_cast<::MirelCTKTokenKeychainKey*>(object) adoptCore:key];
+      auto* const ours = static_cast<::MirelCTKTokenKeychainKey*>(object);
+      if ([ours core] == key) return object;  // it owns the item already
+      [ours adoptCore:key];
       return [object autorelease];
     }
     return object;
