@@ -72,12 +72,4 @@ TKTokenOperation operationOf(SecKeyAlgorithm form) noexcept {
                                                           : TKTokenOperation::kDecryptData;
 }
 
-std::optional<Hash> hashOf(SecKeyAlgorithm algorithm) noexcept {
-  const std::string_view name = shortNameOf(algorithm);
-  for (const Hash hash : kHashes) {
-    if (name.find(factsOf(hash).name) != std::string_view::npos) return hash;
-  }
-  return std::nullopt;
-}
-
 }  // namespace mirel

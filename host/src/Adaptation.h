@@ -5,7 +5,7 @@
 
 #include <optional>
 
-#include "Digest.h"
+#include "platform/Digest.h"
 #include "platform/SecKeyAlgorithm.h"
 #include "platform/TokenKit.h"
 
@@ -34,8 +34,5 @@ struct AdaptationStep {
 
 /// What a token is asked for in that form; also what a client wants who names it.
 [[nodiscard]] TKTokenOperation operationOf(SecKeyAlgorithm form) noexcept;
-
-/// The hash in the name of the algorithm.
-[[nodiscard]] std::optional<Hash> hashOf(SecKeyAlgorithm algorithm) noexcept;
 
 }  // namespace mirel

@@ -5,7 +5,6 @@
 #include <vector>
 
 #include "Adaptation.h"
-#include "Digest.h"
 #include "FailureDiary.h"
 #include "HostTokenKit.h"
 #include "RsaEncoding.h"

@@ -1,10 +1,10 @@
 #include "RsaEncoding.h"
 
-#include <openssl/rand.h>
-
 #include <algorithm>
 #include <array>
 #include <stdexcept>
+
+#include "platform/Random.h"
 
 namespace mirel {
 namespace {
@@ -93,8 +93,7 @@ std::optional<ByteVector> encodedForPss(Hash hash, std::span<const std::uint8_t>
   if (modulusBits < 2 || encodedSize < 2 * hashSize + 2) return std::nullopt;
 
   ByteVector salt(hashSize);
-  if (RAND_bytes(salt.data(), static_cast<int>(salt.size())) != 1)
-    throw std::runtime_error{"OpenSSL has no random bytes"};
+  if (!fillWithRandomBytes(salt)) throw std::runtime_error{"the operating system has no random bytes"};
   ByteVector toHash(8, 0x00);
   append(toHash, digest);
   append(toHash, salt);

@@ -6,7 +6,7 @@
 #include <optional>
 #include <span>
 
-#include "Digest.h"
+#include "platform/Digest.h"
 
 namespace mirel {
 

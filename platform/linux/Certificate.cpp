@@ -2,7 +2,6 @@
 
 #include <openssl/asn1.h>
 #include <openssl/bio.h>
-#include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/objects.h>
 #include <openssl/x509.h>
@@ -16,6 +15,8 @@
 #include <span>
 #include <string_view>
 #include <utility>
+
+#include "OpenSslErrors.h"
 
 namespace mirel {
 namespace {
@@ -34,16 +35,6 @@ struct Freer {
 using X509Holder = std::unique_ptr<X509, Freer<&X509_free>>;
 using BitStringHolder = std::unique_ptr<ASN1_BIT_STRING, Freer<&ASN1_BIT_STRING_free>>;
 using BioHolder = std::unique_ptr<BIO, Freer<&BIO_free>>;
-
-/// Takes back the errors that OpenSSL records in its lifetime, so that whoever else uses OpenSSL in
-/// this thread finds its error queue as it was.
-class ErrorMark {
- public:
-  ErrorMark() noexcept { ERR_set_mark(); }
-  ErrorMark(const ErrorMark&) = delete;
-  ErrorMark& operator=(const ErrorMark&) = delete;
-  ~ErrorMark() { ERR_pop_to_mark(); }
-};
 
 /// Deeper nesting than any certificate has; it bounds the recursion.
 constexpr int kDeepestNesting = 32;

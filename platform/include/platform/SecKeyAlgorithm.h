@@ -4,87 +4,94 @@
 #include <optional>
 #include <string_view>
 
+#include "platform/Digest.h"
+
 namespace mirel {
 
-/// The algorithms of the platform's key services, named like its constants.
-enum class SecKeyAlgorithm {
-  kSecKeyAlgorithmRSAEncryptionRaw,
-  kSecKeyAlgorithmRSASignatureRaw,
-  kSecKeyAlgorithmRSASignatureDigestPKCS1v15Raw,
-  kSecKeyAlgorithmRSASignatureDigestPKCS1v15SHA1,
-  kSecKeyAlgorithmRSASignatureDigestPKCS1v15SHA224,
-  kSecKeyAlgorithmRSASignatureDigestPKCS1v15SHA256,
-  kSecKeyAlgorithmRSASignatureDigestPKCS1v15SHA384,
-  kSecKeyAlgorithmRSASignatureDigestPKCS1v15SHA512,
-  kSecKeyAlgorithmRSASignatureMessagePKCS1v15SHA1,
-  kSecKeyAlgorithmRSASignatureMessagePKCS1v15SHA224,
-  kSecKeyAlgorithmRSASignatureMessagePKCS1v15SHA256,
-  kSecKeyAlgorithmRSASignatureMessagePKCS1v15SHA384,
-  kSecKeyAlgorithmRSASignatureMessagePKCS1v15SHA512,
-  kSecKeyAlgorithmRSASignatureDigestPSSSHA1,
-  kSecKeyAlgorithmRSASignatureDigestPSSSHA224,
-  kSecKeyAlgorithmRSASignatureDigestPSSSHA256,
-  kSecKeyAlgorithmRSASignatureDigestPSSSHA384,
-  kSecKeyAlgorithmRSASignatureDigestPSSSHA512,
-  kSecKeyAlgorithmRSASignatureMessagePSSSHA1,
-  kSecKeyAlgorithmRSASignatureMessagePSSSHA224,
-  kSecKeyAlgorithmRSASignatureMessagePSSSHA256,
-  kSecKeyAlgorithmRSASignatureMessagePSSSHA384,
-  kSecKeyAlgorithmRSASignatureMessagePSSSHA512,
-  kSecKeyAlgorithmECDSASignatureRFC4754,
-  kSecKeyAlgorithmECDSASignatureDigestX962,
-  kSecKeyAlgorithmECDSASignatureDigestX962SHA1,
-  kSecKeyAlgorithmECDSASignatureDigestX962SHA224,
-  kSecKeyAlgorithmECDSASignatureDigestX962SHA256,
-  kSecKeyAlgorithmECDSASignatureDigestX962SHA384,
-  kSecKeyAlgorithmECDSASignatureDigestX962SHA512,
-  kSecKeyAlgorithmECDSASignatureMessageX962SHA1,
-  kSecKeyAlgorithmECDSASignatureMessageX962SHA224,
-  kSecKeyAlgorithmECDSASignatureMessageX962SHA256,
-  kSecKeyAlgorithmECDSASignatureMessageX962SHA384,
-  kSecKeyAlgorithmECDSASignatureMessageX962SHA512,
-  kSecKeyAlgorithmRSAEncryptionPKCS1,
-  kSecKeyAlgorithmRSAEncryptionOAEPSHA1,
-  kSecKeyAlgorithmRSAEncryptionOAEPSHA224,
-  kSecKeyAlgorithmRSAEncryptionOAEPSHA256,
-  kSecKeyAlgorithmRSAEncryptionOAEPSHA384,
-  kSecKeyAlgorithmRSAEncryptionOAEPSHA512,
-  kSecKeyAlgorithmRSAEncryptionOAEPSHA1AESGCM,
-  kSecKeyAlgorithmRSAEncryptionOAEPSHA224AESGCM,
-  kSecKeyAlgorithmRSAEncryptionOAEPSHA256AESGCM,
-  kSecKeyAlgorithmRSAEncryptionOAEPSHA384AESGCM,
-  kSecKeyAlgorithmRSAEncryptionOAEPSHA512AESGCM,
-  kSecKeyAlgorithmECIESEncryptionStandardX963SHA1AESGCM,
-  kSecKeyAlgorithmECIESEncryptionStandardX963SHA224AESGCM,
-  kSecKeyAlgorithmECIESEncryptionStandardX963SHA256AESGCM,
-  kSecKeyAlgorithmECIESEncryptionStandardX963SHA384AESGCM,
-  kSecKeyAlgorithmECIESEncryptionStandardX963SHA512AESGCM,
-  kSecKeyAlgorithmECIESEncryptionCofactorX963SHA1AESGCM,
-  kSecKeyAlgorithmECIESEncryptionCofactorX963SHA224AESGCM,
-  kSecKeyAlgorithmECIESEncryptionCofactorX963SHA256AESGCM,
-  kSecKeyAlgorithmECIESEncryptionCofactorX963SHA384AESGCM,
-  kSecKeyAlgorithmECIESEncryptionCofactorX963SHA512AESGCM,
-  kSecKeyAlgorithmECIESEncryptionStandardVariableIVX963SHA224AESGCM,
-  kSecKeyAlgorithmECIESEncryptionStandardVariableIVX963SHA256AESGCM,
-  kSecKeyAlgorithmECIESEncryptionStandardVariableIVX963SHA384AESGCM,
-  kSecKeyAlgorithmECIESEncryptionStandardVariableIVX963SHA512AESGCM,
-  kSecKeyAlgorithmECIESEncryptionCofactorVariableIVX963SHA224AESGCM,
-  kSecKeyAlgorithmECIESEncryptionCofactorVariableIVX963SHA256AESGCM,
-  kSecKeyAlgorithmECIESEncryptionCofactorVariableIVX963SHA384AESGCM,
-  kSecKeyAlgorithmECIESEncryptionCofactorVariableIVX963SHA512AESGCM,
-  kSecKeyAlgorithmECDHKeyExchangeStandard,
-  kSecKeyAlgorithmECDHKeyExchangeStandardX963SHA1,
-  kSecKeyAlgorithmECDHKeyExchangeStandardX963SHA224,
-  kSecKeyAlgorithmECDHKeyExchangeStandardX963SHA256,
-  kSecKeyAlgorithmECDHKeyExchangeStandardX963SHA384,
-  kSecKeyAlgorithmECDHKeyExchangeStandardX963SHA512,
-  kSecKeyAlgorithmECDHKeyExchangeCofactor,
-  kSecKeyAlgorithmECDHKeyExchangeCofactorX963SHA1,
-  kSecKeyAlgorithmECDHKeyExchangeCofactorX963SHA224,
-  kSecKeyAlgorithmECDHKeyExchangeCofactorX963SHA256,
-  kSecKeyAlgorithmECDHKeyExchangeCofactorX963SHA384,
-  kSecKeyAlgorithmECDHKeyExchangeCofactorX963SHA512,
-};
+/// The algorithms of the platform's key services: X(name) for each, without the prefix that all names have.
+/// The one list: the enumeration, the names and the platform's constants are made of it.
+#define MIREL_SEC_KEY_ALGORITHMS(X)                    \
+  X(RSAEncryptionRaw)                                  \
+  X(RSASignatureRaw)                                   \
+  X(RSASignatureDigestPKCS1v15Raw)                     \
+  X(RSASignatureDigestPKCS1v15SHA1)                    \
+  X(RSASignatureDigestPKCS1v15SHA224)                  \
+  X(RSASignatureDigestPKCS1v15SHA256)                  \
+  X(RSASignatureDigestPKCS1v15SHA384)                  \
+  X(RSASignatureDigestPKCS1v15SHA512)                  \
+  X(RSASignatureMessagePKCS1v15SHA1)                   \
+  X(RSASignatureMessagePKCS1v15SHA224)                 \
+  X(RSASignatureMessagePKCS1v15SHA256)                 \
+  X(RSASignatureMessagePKCS1v15SHA384)                 \
+  X(RSASignatureMessagePKCS1v15SHA512)                 \
+  X(RSASignatureDigestPSSSHA1)                         \
+  X(RSASignatureDigestPSSSHA224)                       \
+  X(RSASignatureDigestPSSSHA256)                       \
+  X(RSASignatureDigestPSSSHA384)                       \
+  X(RSASignatureDigestPSSSHA512)                       \
+  X(RSASignatureMessagePSSSHA1)                        \
+  X(RSASignatureMessagePSSSHA224)                      \
+  X(RSASignatureMessagePSSSHA256)                      \
+  X(RSASignatureMessagePSSSHA384)                      \
+  X(RSASignatureMessagePSSSHA512)                      \
+  X(ECDSASignatureRFC4754)                             \
+  X(ECDSASignatureDigestX962)                          \
+  X(ECDSASignatureDigestX962SHA1)                      \
+  X(ECDSASignatureDigestX962SHA224)                    \
+  X(ECDSASignatureDigestX962SHA256)                    \
+  X(ECDSASignatureDigestX962SHA384)                    \
+  X(ECDSASignatureDigestX962SHA512)                    \
+  X(ECDSASignatureMessageX962SHA1)                     \
+  X(ECDSASignatureMessageX962SHA224)                   \
+  X(ECDSASignatureMessageX962SHA256)                   \
+  X(ECDSASignatureMessageX962SHA384)                   \
+  X(ECDSASignatureMessageX962SHA512)                   \
+  X(RSAEncryptionPKCS1)                                \
+  X(RSAEncryptionOAEPSHA1)                             \
+  X(RSAEncryptionOAEPSHA224)                           \
+  X(RSAEncryptionOAEPSHA256)                           \
+  X(RSAEncryptionOAEPSHA384)                           \
+  X(RSAEncryptionOAEPSHA512)                           \
+  X(RSAEncryptionOAEPSHA1AESGCM)                       \
+  X(RSAEncryptionOAEPSHA224AESGCM)                     \
+  X(RSAEncryptionOAEPSHA256AESGCM)                     \
+  X(RSAEncryptionOAEPSHA384AESGCM)                     \
+  X(RSAEncryptionOAEPSHA512AESGCM)                     \
+  X(ECIESEncryptionStandardX963SHA1AESGCM)             \
+  X(ECIESEncryptionStandardX963SHA224AESGCM)           \
+  X(ECIESEncryptionStandardX963SHA256AESGCM)           \
+  X(ECIESEncryptionStandardX963SHA384AESGCM)           \
+  X(ECIESEncryptionStandardX963SHA512AESGCM)           \
+  X(ECIESEncryptionCofactorX963SHA1AESGCM)             \
+  X(ECIESEncryptionCofactorX963SHA224AESGCM)           \
+  X(ECIESEncryptionCofactorX963SHA256AESGCM)           \
+  X(ECIESEncryptionCofactorX963SHA384AESGCM)           \
+  X(ECIESEncryptionCofactorX963SHA512AESGCM)           \
+  X(ECIESEncryptionStandardVariableIVX963SHA224AESGCM) \
+  X(ECIESEncryptionStandardVariableIVX963SHA256AESGCM) \
+  X(ECIESEncryptionStandardVariableIVX963SHA384AESGCM) \
+  X(ECIESEncryptionStandardVariableIVX963SHA512AESGCM) \
+  X(ECIESEncryptionCofactorVariableIVX963SHA224AESGCM) \
+  X(ECIESEncryptionCofactorVariableIVX963SHA256AESGCM) \
+  X(ECIESEncryptionCofactorVariableIVX963SHA384AESGCM) \
+  X(ECIESEncryptionCofactorVariableIVX963SHA512AESGCM) \
+  X(ECDHKeyExchangeStandard)                           \
+  X(ECDHKeyExchangeStandardX963SHA1)                   \
+  X(ECDHKeyExchangeStandardX963SHA224)                 \
+  X(ECDHKeyExchangeStandardX963SHA256)                 \
+  X(ECDHKeyExchangeStandardX963SHA384)                 \
+  X(ECDHKeyExchangeStandardX963SHA512)                 \
+  X(ECDHKeyExchangeCofactor)                           \
+  X(ECDHKeyExchangeCofactorX963SHA1)                   \
+  X(ECDHKeyExchangeCofactorX963SHA224)                 \
+  X(ECDHKeyExchangeCofactorX963SHA256)                 \
+  X(ECDHKeyExchangeCofactorX963SHA384)                 \
+  X(ECDHKeyExchangeCofactorX963SHA512)
+
+#define MIREL_ENUMERATOR(name) kSecKeyAlgorithm##name,
+/// Named like the platform's constants.
+enum class SecKeyAlgorithm { MIREL_SEC_KEY_ALGORITHMS(MIREL_ENUMERATOR) };
+#undef MIREL_ENUMERATOR
 
 struct SecKeyAlgorithmName {
   SecKeyAlgorithm algorithm;
@@ -102,5 +109,8 @@ extern const std::array<SecKeyAlgorithmName, 76> kSecKeyAlgorithms;
 
 /// The algorithm of that name, with or without the common prefix; nothing when there is none.
 [[nodiscard]] std::optional<SecKeyAlgorithm> secKeyAlgorithmNamed(std::string_view name) noexcept;
+
+/// The hash in the name of the algorithm; nothing when there is none.
+[[nodiscard]] std::optional<Hash> hashOf(SecKeyAlgorithm algorithm) noexcept;
 
 }  // namespace mirel

@@ -1,16 +1,12 @@
-#include "Digest.h"
+#include "platform/Digest.h"
 
 #include <openssl/evp.h>
 
-#include <array>
 #include <stdexcept>
 #include <string>
 
 namespace mirel {
 namespace {
-
-constexpr std::array<HashFacts, 5> kFacts{
-    {{"SHA1", 20}, {"SHA224", 28}, {"SHA256", 32}, {"SHA384", 48}, {"SHA512", 64}}};
 
 void require(int result) {
   if (result != 1) throw std::runtime_error{"OpenSSL cannot compute a digest"};
@@ -18,13 +14,12 @@ void require(int result) {
 
 }  // namespace
 
-const HashFacts& factsOf(Hash hash) noexcept { return kFacts[static_cast<std::size_t>(hash)]; }
-
 struct Digest::State {
   std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> context{EVP_MD_CTX_new(), &EVP_MD_CTX_free};
 };
 
 Digest::Digest(Hash hash) : state_{std::make_unique<State>()} {
+  // OpenSSL knows the hashes by the same names.
   const EVP_MD* algorithm = EVP_get_digestbyname(std::string{factsOf(hash).name}.c_str());
   require(EVP_DigestInit_ex(state_->context.get(), algorithm, nullptr));
 }
@@ -41,12 +36,6 @@ ByteVector Digest::finish() {
   require(EVP_DigestFinal_ex(state_->context.get(), digest.data(), &size));
   digest.resize(size);
   return digest;
-}
-
-ByteVector digestOf(Hash hash, std::span<const std::uint8_t> data) {
-  Digest digest{hash};
-  digest.update(data);
-  return digest.finish();
 }
 
 }  // namespace mirel

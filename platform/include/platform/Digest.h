@@ -11,16 +11,18 @@ namespace mirel {
 
 using ByteVector = std::vector<std::uint8_t>;
 
+/// The hash functions of FIPS 180-4 that the names of key algorithms know.
 enum class Hash { kSHA1, kSHA224, kSHA256, kSHA384, kSHA512 };
 
 struct HashFacts {
-  std::string_view name;  ///< as OpenSSL and the names of algorithms have it
+  std::string_view name;  ///< as the names of algorithms have it
   std::size_t size;       ///< of the digest, in bytes
 };
 
 [[nodiscard]] const HashFacts& factsOf(Hash hash) noexcept;
 
-/// A digest in the making.
+/// A digest in the making, computed by the running system's library.
+/// Throws std::runtime_error where that library cannot.
 class Digest {
  public:
   explicit Digest(Hash hash);

@@ -1,0 +1,408 @@
+#include "platform/PublicKey.h"
+
+#include <gtest/gtest.h>
+#include <openssl/core_names.h>
+#include <openssl/ecdsa.h>
+#include <openssl/rsa.h>
+
+#include <algorithm>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+#include "CertificateBuilder.h"
+
+namespace mirel {
+namespace {
+
+using enum SecKeyAlgorithm;
+
+constexpr std::size_t kModulusSize = 256;
+
+void require(bool condition, const char* what) {
+  if (!condition) throw std::runtime_error{what};
+}
+
+/// One key of each kind for the whole process, and another one.
+struct TestKey {
+  explicit TestKey(KeyHolder made)
+      : key{std::move(made)}, publicKey{publicKeyOfCertificate(makeCertificate({.key = key.get()}))} {
+    require(publicKey != nullptr, "no public key");
+  }
+
+  KeyHolder key;
+  std::unique_ptr<PublicKey> publicKey;
+};
+
+const TestKey& rsaKey() {
+  static const TestKey key{makeRsaKey(8 * kModulusSize)};
+  return key;
+}
+
+const TestKey& otherRsaKey() {
+  static const TestKey key{makeRsaKey(8 * kModulusSize)};
+  return key;
+}
+
+const TestKey& ecKey() {
+  static const TestKey key{makeEcKey("P-256")};
+  return key;
+}
+
+const TestKey& otherEcKey() {
+  static const TestKey key{makeEcKey("P-256")};
+  return key;
+}
+
+/// An algorithm that signs, with padding (RSA only) and hash (null: none) as OpenSSL has to use them.
+struct Row {
+  SecKeyAlgorithm algorithm;
+  int padding;
+  const char* hash;
+};
+
+constexpr Row kRsaRows[] = {
+    {kSecKeyAlgorithmRSASignatureRaw, RSA_NO_PADDING, nullptr},
+    {kSecKeyAlgorithmRSASignatureDigestPKCS1v15Raw, RSA_PKCS1_PADDING, nullptr},
+    {kSecKeyAlgorithmRSASignatureDigestPKCS1v15SHA1, RSA_PKCS1_PADDING, "SHA1"},
+    {kSecKeyAlgorithmRSASignatureDigestPKCS1v15SHA224, RSA_PKCS1_PADDING, "SHA224"},
+    {kSecKeyAlgorithmRSASignatureDigestPKCS1v15SHA256, RSA_PKCS1_PADDING, "SHA256"},
+    {kSecKeyAlgorithmRSASignatureDigestPKCS1v15SHA384, RSA_PKCS1_PADDING, "SHA384"},
+    {kSecKeyAlgorithmRSASignatureDigestPKCS1v15SHA512, RSA_PKCS1_PADDING, "SHA512"},
+    {kSecKeyAlgorithmRSASignatureDigestPSSSHA1, RSA_PKCS1_PSS_PADDING, "SHA1"},
+    {kSecKeyAlgorithmRSASignatureDigestPSSSHA224, RSA_PKCS1_PSS_PADDING, "SHA224"},
+    {kSecKeyAlgorithmRSASignatureDigestPSSSHA256, RSA_PKCS1_PSS_PADDING, "SHA256"},
+    {kSecKeyAlgorithmRSASignatureDigestPSSSHA384, RSA_PKCS1_PSS_PADDING, "SHA384"},
+    {kSecKeyAlgorithmRSASignatureDigestPSSSHA512, RSA_PKCS1_PSS_PADDING, "SHA512"},
+    // A token gets the digest of the message.
+    {kSecKeyAlgorithmRSASignatureMessagePKCS1v15SHA1, RSA_PKCS1_PADDING, "SHA1"},
+    {kSecKeyAlgorithmRSASignatureMessagePKCS1v15SHA224, RSA_PKCS1_PADDING, "SHA224"},
+    {kSecKeyAlgorithmRSASignatureMessagePKCS1v15SHA256, RSA_PKCS1_PADDING, "SHA256"},
+    {kSecKeyAlgorithmRSASignatureMessagePKCS1v15SHA384, RSA_PKCS1_PADDING, "SHA384"},
+    {kSecKeyAlgorithmRSASignatureMessagePKCS1v15SHA512, RSA_PKCS1_PADDING, "SHA512"},
+    {kSecKeyAlgorithmRSASignatureMessagePSSSHA1, RSA_PKCS1_PSS_PADDING, "SHA1"},
+    {kSecKeyAlgorithmRSASignatureMessagePSSSHA224, RSA_PKCS1_PSS_PADDING, "SHA224"},
+    {kSecKeyAlgorithmRSASignatureMessagePSSSHA256, RSA_PKCS1_PSS_PADDING, "SHA256"},
+    {kSecKeyAlgorithmRSASignatureMessagePSSSHA384, RSA_PKCS1_PSS_PADDING, "SHA384"},
+    {kSecKeyAlgorithmRSASignatureMessagePSSSHA512, RSA_PKCS1_PSS_PADDING, "SHA512"},
+};
+
+constexpr Row kEcRows[] = {
+    {kSecKeyAlgorithmECDSASignatureDigestX962, 0, nullptr},
+    {kSecKeyAlgorithmECDSASignatureDigestX962SHA1, 0, "SHA1"},
+    {kSecKeyAlgorithmECDSASignatureDigestX962SHA224, 0, "SHA224"},
+    {kSecKeyAlgorithmECDSASignatureDigestX962SHA256, 0, "SHA256"},
+    {kSecKeyAlgorithmECDSASignatureDigestX962SHA384, 0, "SHA384"},
+    {kSecKeyAlgorithmECDSASignatureDigestX962SHA512, 0, "SHA512"},
+    {kSecKeyAlgorithmECDSASignatureMessageX962SHA1, 0, "SHA1"},
+    {kSecKeyAlgorithmECDSASignatureMessageX962SHA224, 0, "SHA224"},
+    {kSecKeyAlgorithmECDSASignatureMessageX962SHA256, 0, "SHA256"},
+    {kSecKeyAlgorithmECDSASignatureMessageX962SHA384, 0, "SHA384"},
+    {kSecKeyAlgorithmECDSASignatureMessageX962SHA512, 0, "SHA512"},
+};
+
+constexpr Row kRaw = kRsaRows[0];
+constexpr Row kPkcs1Sha256 = kRsaRows[4];
+constexpr Row kPssSha256 = kRsaRows[9];
+constexpr Row kEcdsaSha256 = kEcRows[3];
+
+ByteVector digestBy(const char* hash, std::string_view message) {
+  ByteVector digest(EVP_MAX_MD_SIZE);
+  std::size_t size = 0;
+  require(EVP_Q_digest(nullptr, hash, nullptr, message.data(), message.size(), digest.data(), &size) == 1,
+          hash);
+  digest.resize(size);
+  return digest;
+}
+
+/// A number below every modulus, as a block of its length.
+ByteVector smallBlock() {
+  ByteVector block(kModulusSize);
+  for (std::size_t i = 3; i < block.size(); ++i) block[i] = static_cast<std::uint8_t>(i);
+  return block;
+}
+
+/// What the row's algorithm works on.
+ByteVector dataFor(const Row& row) {
+  if (row.padding == RSA_NO_PADDING) return smallBlock();
+  return digestBy(row.hash ? row.hash : "SHA256", "a message");
+}
+
+ByteVector signatureBy(const TestKey& key, const Row& row, const ByteVector& data) {
+  const std::unique_ptr<EVP_PKEY_CTX, OpenSslFree> context{EVP_PKEY_CTX_new(key.key.get(), nullptr)};
+  require(context && EVP_PKEY_sign_init(context.get()) == 1, "signing does not begin");
+  if (row.padding != 0)
+    require(EVP_PKEY_CTX_set_rsa_padding(context.get(), row.padding) == 1, "the padding was refused");
+  if (row.hash) {
+    const EVP_MD* hash = EVP_get_digestbyname(row.hash);
+    require(EVP_PKEY_CTX_set_signature_md(context.get(), hash) == 1, "the hash was refused");
+    if (row.padding == RSA_PKCS1_PSS_PADDING) {
+      require(EVP_PKEY_CTX_set_rsa_pss_saltlen(context.get(), EVP_MD_get_size(hash)) == 1,
+              "the salt was refused");
+    }
+  }
+  std::size_t size = static_cast<std::size_t>(EVP_PKEY_get_size(key.key.get()));
+  ByteVector signature(size);
+  require(EVP_PKEY_sign(context.get(), signature.data(), &size, data.data(), data.size()) == 1,
+          "the data was not signed");
+  signature.resize(size);
+  return signature;
+}
+
+ByteVector signatureBy(const TestKey& key, const Row& row) { return signatureBy(key, row, dataFor(row)); }
+
+/// With a bit of the byte at `at` turned round.
+ByteVector changedAt(std::size_t at, ByteVector bytes) {
+  bytes.at(at) ^= 1U;
+  return bytes;
+}
+
+bool signs(SecKeyAlgorithm algorithm) {
+  return nameOf(algorithm).find("Signature") != std::string_view::npos;
+}
+
+bool isOf(const char* kind, SecKeyAlgorithm algorithm) {
+  return nameOf(algorithm).substr(kSecKeyAlgorithmPrefix.size()).starts_with(kind);
+}
+
+/// Checks everything that makes a signature of the rows a wrong one.
+template <std::size_t N>
+void expectNoWrongSignatureToVerify(const TestKey& key, const TestKey& other, const Row (&rows)[N]) {
+  for (const Row& row : rows) {
+    SCOPED_TRACE(nameOf(row.algorithm));
+    const ByteVector data = dataFor(row);
+    const ByteVector signature = signatureBy(key, row);
+    EXPECT_FALSE(other.publicKey->verifies(row.algorithm, data, signature)) << "another key";
+    // In front: of a long digest ECDSA takes no more than what is there (SEC 1, section 4.1.3).
+    EXPECT_FALSE(key.publicKey->verifies(row.algorithm, changedAt(0, data), signature)) << "changed data";
+    EXPECT_FALSE(key.publicKey->verifies(row.algorithm, {}, signature)) << "no data";
+    const ByteVector altered = changedAt(signature.size() - 1, signature);
+    EXPECT_FALSE(key.publicKey->verifies(row.algorithm, data, altered)) << "changed signature";
+    EXPECT_FALSE(key.publicKey->verifies(row.algorithm, data, {})) << "no signature";
+    EXPECT_FALSE(key.publicKey->verifies(row.algorithm, data, ByteVector(signature.size()))) << "zeros";
+    ByteVector cut = signature;
+    cut.pop_back();
+    EXPECT_FALSE(key.publicKey->verifies(row.algorithm, data, cut)) << "a byte less";
+    ByteVector longer = signature;
+    longer.push_back(0);
+    EXPECT_FALSE(key.publicKey->verifies(row.algorithm, data, longer)) << "a byte more";
+  }
+}
+
+// ---- Reading ----
+
+TEST(PublicKeyOfCertificate, IsReadForBothKindsOfKey) {
+  EXPECT_TRUE(publicKeyOfCertificate(makeCertificate({.key = rsaKey().key.get()})));
+  EXPECT_TRUE(publicKeyOfCertificate(makeCertificate({.key = ecKey().key.get()})));
+}
+
+TEST(PublicKeyOfCertificate, IsMissingForWhatIsNoCertificate) {
+  const std::string text = "no certificate";
+  const struct {
+    const char* description;
+    ByteVector der;
+  } rows[] = {
+      {"nothing", {}},
+      {"one NUL", {0x00}},
+      {"NULs", ByteVector(300, 0x00)},
+      {"all-ones", ByteVector(300, 0xFF)},
+      {"a text", {text.begin(), text.end()}},
+      {"a tag alone", {0x30}},
+      {"an empty SEQUENCE", {0x30, 0x00}},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.description);
+    EXPECT_FALSE(publicKeyOfCertificate(row.der));
+  }
+}
+
+TEST(PublicKeyOfCertificate, IsMissingForEveryTruncation) {
+  const ByteVector good = makeCertificate();
+  for (std::size_t size = 0; size < good.size(); ++size) {
+    SCOPED_TRACE(size);
+    EXPECT_FALSE(publicKeyOfCertificate(std::span{good}.first(size)));
+  }
+}
+
+TEST(PublicKeyOfCertificate, IsMissingWhenTheKeyCannotBeRead) {
+  // rsaEncryption as in every RSA certificate, but the key is no RSAPublicKey any more: its outer tag is
+  // broken.
+  ByteVector der = makeCertificate({.key = rsaKey().key.get()});
+  const ByteVector keyStart{0x00, 0x30, 0x82, 0x01, 0x0A, 0x02, 0x82, 0x01, 0x01};
+  const auto found = std::search(der.begin(), der.end(), keyStart.begin(), keyStart.end());
+  ASSERT_NE(found, der.end());
+  *(found + 1) = 0x31;
+  EXPECT_FALSE(publicKeyOfCertificate(der));
+}
+
+// ---- Verifying ----
+
+TEST(PublicKeyVerifies, EverySignatureOfItsPrivateKey) {
+  for (const Row& row : kRsaRows) {
+    SCOPED_TRACE(nameOf(row.algorithm));
+    EXPECT_TRUE(rsaKey().publicKey->verifies(row.algorithm, dataFor(row), signatureBy(rsaKey(), row)));
+  }
+  for (const Row& row : kEcRows) {
+    SCOPED_TRACE(nameOf(row.algorithm));
+    EXPECT_TRUE(ecKey().publicKey->verifies(row.algorithm, dataFor(row), signatureBy(ecKey(), row)));
+  }
+}
+
+TEST(PublicKeyVerifies, NoWrongSignatureOfAnRsaKey) {
+  expectNoWrongSignatureToVerify(rsaKey(), otherRsaKey(), kRsaRows);
+}
+
+TEST(PublicKeyVerifies, NoWrongSignatureOfAnEcKey) {
+  expectNoWrongSignatureToVerify(ecKey(), otherEcKey(), kEcRows);
+}
+
+TEST(PublicKeyVerifies, NoSignatureByAnotherAlgorithm) {
+  const ByteVector digest = dataFor(kPkcs1Sha256);
+  EXPECT_FALSE(
+      rsaKey().publicKey->verifies(kPssSha256.algorithm, digest, signatureBy(rsaKey(), kPkcs1Sha256)));
+  EXPECT_FALSE(
+      rsaKey().publicKey->verifies(kPkcs1Sha256.algorithm, digest, signatureBy(rsaKey(), kPssSha256)));
+  EXPECT_FALSE(rsaKey().publicKey->verifies(kSecKeyAlgorithmRSASignatureDigestPKCS1v15Raw, digest,
+                                            signatureBy(rsaKey(), kPkcs1Sha256)));
+}
+
+TEST(PublicKeyVerifies, NoSignatureByPssWithAnotherLengthOfSalt) {
+  // RFC 8017, section 9.1: by their names the algorithms have a salt as long as the hash.
+  const std::unique_ptr<EVP_PKEY_CTX, OpenSslFree> context{EVP_PKEY_CTX_new(rsaKey().key.get(), nullptr)};
+  ASSERT_EQ(EVP_PKEY_sign_init(context.get()), 1);
+  ASSERT_EQ(EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_PSS_PADDING), 1);
+  ASSERT_EQ(EVP_PKEY_CTX_set_signature_md(context.get(), EVP_sha256()), 1);
+  ASSERT_EQ(EVP_PKEY_CTX_set_rsa_pss_saltlen(context.get(), 20), 1);
+  const ByteVector digest = dataFor(kPssSha256);
+  ByteVector signature(kModulusSize);
+  std::size_t size = signature.size();
+  ASSERT_EQ(EVP_PKEY_sign(context.get(), signature.data(), &size, digest.data(), digest.size()), 1);
+  EXPECT_FALSE(rsaKey().publicKey->verifies(kPssSha256.algorithm, digest, signature));
+}
+
+TEST(PublicKeyVerifies, NothingByAnAlgorithmOfTheOtherKindOfKey) {
+  for (const auto& known : kSecKeyAlgorithms) {
+    if (!signs(known.algorithm)) continue;
+    SCOPED_TRACE(known.name);
+    if (isOf("EC", known.algorithm)) {
+      for (const Row& row : {kRaw, kPkcs1Sha256, kPssSha256}) {
+        EXPECT_FALSE(rsaKey().publicKey->verifies(known.algorithm, dataFor(row), signatureBy(rsaKey(), row)));
+      }
+    } else {
+      const ByteVector signature = signatureBy(ecKey(), kEcdsaSha256);
+      EXPECT_FALSE(ecKey().publicKey->verifies(known.algorithm, dataFor(kEcdsaSha256), signature));
+    }
+  }
+}
+
+TEST(PublicKeyVerifies, NothingByAnAlgorithmThatDoesNotSign) {
+  for (const auto& known : kSecKeyAlgorithms) {
+    if (signs(known.algorithm)) continue;
+    SCOPED_TRACE(known.name);
+    for (const Row& row : {kRaw, kPkcs1Sha256, kPssSha256}) {
+      EXPECT_FALSE(rsaKey().publicKey->verifies(known.algorithm, dataFor(row), signatureBy(rsaKey(), row)));
+    }
+    const ByteVector signature = signatureBy(ecKey(), kEcdsaSha256);
+    EXPECT_FALSE(ecKey().publicKey->verifies(known.algorithm, dataFor(kEcdsaSha256), signature));
+  }
+}
+
+/// The two numbers of an X9.62 signature by a P-256 key as blocks of equal length (RFC 4754, section 7).
+ByteVector numbersOf(const ByteVector& sequence) {
+  constexpr int kSize = 32;
+  const unsigned char* next = sequence.data();
+  const std::unique_ptr<ECDSA_SIG, decltype(&ECDSA_SIG_free)> signature{
+      d2i_ECDSA_SIG(nullptr, &next, static_cast<long>(sequence.size())), &ECDSA_SIG_free};
+  require(signature != nullptr, "no sequence");
+  ByteVector numbers(2 * kSize);
+  require(BN_bn2binpad(ECDSA_SIG_get0_r(signature.get()), numbers.data(), kSize) == kSize, "r is too long");
+  require(BN_bn2binpad(ECDSA_SIG_get0_s(signature.get()), numbers.data() + kSize, kSize) == kSize,
+          "s is too long");
+  return numbers;
+}
+
+TEST(PublicKeyVerifies, TwoNumbersWhereTheAlgorithmHasThatForm) {
+  const ByteVector digest = dataFor(kEcdsaSha256);
+  const ByteVector sequence = signatureBy(ecKey(), kEcdsaSha256);
+  const ByteVector numbers = numbersOf(sequence);
+  constexpr auto kNumbers = kSecKeyAlgorithmECDSASignatureRFC4754;
+  EXPECT_TRUE(ecKey().publicKey->verifies(kNumbers, digest, numbers));
+  EXPECT_FALSE(ecKey().publicKey->verifies(kNumbers, digest, sequence));
+  EXPECT_FALSE(ecKey().publicKey->verifies(kNumbers, digest, changedAt(0, numbers)));
+  EXPECT_FALSE(ecKey().publicKey->verifies(kNumbers, digest, {}));
+  EXPECT_FALSE(ecKey().publicKey->verifies(kNumbers, digest, ByteVector(63, 0x01)));
+  EXPECT_FALSE(ecKey().publicKey->verifies(kNumbers, digest, ByteVector(4096, 0x01)));
+  EXPECT_FALSE(ecKey().publicKey->verifies(kEcdsaSha256.algorithm, digest, numbers));
+}
+
+// ---- The block ----
+
+/// The modulus as a block of its length, with `difference` added.
+ByteVector modulusAnd(int difference) {
+  BIGNUM* number = nullptr;
+  require(EVP_PKEY_get_bn_param(rsaKey().key.get(), OSSL_PKEY_PARAM_RSA_N, &number) == 1, "no modulus");
+  const std::unique_ptr<BIGNUM, decltype(&BN_free)> modulus{number, &BN_free};
+  require((difference < 0 ? BN_sub_word(number, static_cast<BN_ULONG>(-difference))
+                          : BN_add_word(number, static_cast<BN_ULONG>(difference))) == 1,
+          "no other number");
+  ByteVector block(kModulusSize);
+  require(
+      BN_bn2binpad(number, block.data(), static_cast<int>(block.size())) == static_cast<int>(block.size()),
+      "the number is too large");
+  return block;
+}
+
+TEST(RecoveredBlock, IsTheDataWithItsPadding) {
+  // RFC 8017, section 9.2
+  const ByteVector digest = dataFor(kPkcs1Sha256);
+  const ByteVector digestInfo{0x30, 0x31, 0x30, 0x0D, 0x06, 0x09, 0x60, 0x86, 0x48, 0x01,
+                              0x65, 0x03, 0x04, 0x02, 0x01, 0x05, 0x00, 0x04, 0x20};
+  ByteVector expected(kModulusSize, 0xFF);
+  expected[0] = 0x00;
+  expected[1] = 0x01;
+  const auto end = std::copy_backward(digest.begin(), digest.end(), expected.end());
+  *(std::copy_backward(digestInfo.begin(), digestInfo.end(), end) - 1) = 0x00;
+  EXPECT_EQ(rsaKey().publicKey->recoveredBlock(signatureBy(rsaKey(), kPkcs1Sha256)), expected);
+}
+
+TEST(RecoveredBlock, KeepsItsZeros) {
+  EXPECT_EQ(rsaKey().publicKey->recoveredBlock(signatureBy(rsaKey(), kRaw)), smallBlock());
+}
+
+TEST(RecoveredBlock, IsThereForTheLargestNumberBelowTheModulus) {
+  // -1 by an odd exponent is -1.
+  EXPECT_EQ(rsaKey().publicKey->recoveredBlock(modulusAnd(-1)), modulusAnd(-1));
+}
+
+TEST(RecoveredBlock, IsEmptyForWhatIsNoNumberBelowTheModulus) {
+  ByteVector longer = signatureBy(rsaKey(), kRaw);
+  longer.push_back(0);
+  const struct {
+    const char* description;
+    ByteVector signature;
+  } rows[] = {
+      {"the modulus", modulusAnd(0)},
+      {"one more", modulusAnd(1)},
+      {"all-ones", ByteVector(kModulusSize, 0xFF)},
+      {"a byte more", longer},
+      {"twice as long", ByteVector(2 * kModulusSize, 0x01)},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.description);
+    EXPECT_EQ(rsaKey().publicKey->recoveredBlock(row.signature), ByteVector{});
+  }
+}
+
+TEST(RecoveredBlock, IsEmptyForAnEcKey) {
+  EXPECT_EQ(ecKey().publicKey->recoveredBlock(signatureBy(ecKey(), kEcdsaSha256)), ByteVector{});
+  EXPECT_EQ(ecKey().publicKey->recoveredBlock({}), ByteVector{});
+}
+
+TEST(RecoveredBlock, IsEmptyForAnyLengthButThatOfTheModulus) {
+  for (const std::size_t size : {std::size_t{0}, std::size_t{1}, kModulusSize - 1, kModulusSize + 1}) {
+    EXPECT_TRUE(rsaKey().publicKey->recoveredBlock(ByteVector(size, 0x01)).empty()) << size;
+  }
+}
+
+}  // namespace
+}  // namespace mirel
