@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "platform/TokenKit.h"
+#include "token/BasedTokenKit.h"
 
 namespace mirel {
 
@@ -44,7 +45,7 @@ class HostSmartCardToken final : public TKSmartCardToken {
 
 /// Allocates the host's objects for the card in one reader, and remembers the token it allocated last. Each
 /// session has a connection to the card of its own.
-class HostTokenKit final : public TokenKit {
+class HostTokenKit final : public BasedTokenKit {
  public:
   explicit HostTokenKit(Text readerName) : readerName_{std::move(readerName)} {}
 

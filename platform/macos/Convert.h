@@ -25,16 +25,20 @@ namespace mirel {
 /// A copy of the string's content that is wiped when it ends; the string itself is the platform's.
 [[nodiscard]] std::shared_ptr<const SecretText> secretOf(NSString* string) noexcept;
 
+/// The platform's own object, for an error that it has reported.
 [[nodiscard]] NSError* errorOf(const TKError& error) noexcept;
-/// `error` is not nil. Of its user information only the description is taken.
+/// `error` is not nil. It stays with what is returned.
 [[nodiscard]] TKError tkErrorOf(NSError* error) noexcept;
 
-/// An error out-argument of an Objective-C method, for the time of one call into the core: the core sees the
-/// error that is there, and what it sets is handed to the caller at the end.
+/// An error out-argument of an Objective-C method of ours, for the time of one call into the core: what the
+/// core sets is handed to the caller at the end.
 class ErrorArgument {
  public:
-  /// `error`: may be null, as the caller gave it.
-  explicit ErrorArgument(NSError** error) noexcept;
+  enum class Before { kIgnored, kShown };
+
+  /// `error`: may be null, as the caller gave it. `before`: whether the core sees the error that is there
+  /// already; most callers leave that undefined.
+  explicit ErrorArgument(NSError** error, Before before = Before::kIgnored) noexcept;
   ErrorArgument(const ErrorArgument&) = delete;
   ErrorArgument& operator=(const ErrorArgument&) = delete;
   ~ErrorArgument();
@@ -46,6 +50,23 @@ class ErrorArgument {
   NSError** error_;
   std::optional<TKError> before_;
   std::optional<TKError> value_;
+};
+
+/// The other way round: an error out-argument of the core, for the time of one call of an Objective-C method.
+class ErrorPlace {
+ public:
+  /// `outError`: may be null.
+  explicit ErrorPlace(TKErrorPointer outError) noexcept : outError_{outError} {}
+  ErrorPlace(const ErrorPlace&) = delete;
+  ErrorPlace& operator=(const ErrorPlace&) = delete;
+  ~ErrorPlace();
+
+  /// Null when the core gave none.
+  [[nodiscard]] NSError** pointer() noexcept { return outError_ ? &error_ : nullptr; }
+
+ private:
+  TKErrorPointer outError_;
+  NSError* error_ = nil;
 };
 
 }  // namespace mirel

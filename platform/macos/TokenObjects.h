@@ -10,13 +10,19 @@
 
 namespace mirel {
 
-/// Null for nil, also below.
+/// What the platform prints for an object; null for nil.
+[[nodiscard]] Text descriptionOf(id object) noexcept;
+
+/// Null for nil, also below, except as noted.
 [[nodiscard]] std::shared_ptr<TKSmartCard> wrapped(::TKSmartCard* card) noexcept;
 [[nodiscard]] std::shared_ptr<TKSmartCardTokenDriver> wrapped(::TKSmartCardTokenDriver* driver) noexcept;
+/// Never null: nil is one that is none of the algorithms.
 [[nodiscard]] std::shared_ptr<TKTokenKeyAlgorithm> wrapped(::TKTokenKeyAlgorithm* algorithm) noexcept;
 [[nodiscard]] std::shared_ptr<TKTokenKeyExchangeParameters> wrapped(
     ::TKTokenKeyExchangeParameters* parameters) noexcept;
 [[nodiscard]] std::shared_ptr<TKSmartCardPINFormat> wrapped(::TKSmartCardPINFormat* format) noexcept;
+/// A key item that is none of ours. It cannot be initialised again.
+[[nodiscard]] std::shared_ptr<TKTokenKeychainKey> wrapped(::TKTokenKeychainKey* key) noexcept;
 
 /// A new certificate item, not yet initialised.
 [[nodiscard]] std::shared_ptr<TKTokenKeychainCertificate> allocatedKeychainCertificate() noexcept;
@@ -28,8 +34,5 @@ namespace mirel {
 
 /// From boxed operation to constraint.
 [[nodiscard]] NSDictionary* dictionaryOf(const TKTokenConstraints& constraints) noexcept;
-
-/// The constant of the key services.
-[[nodiscard]] ::SecKeyAlgorithm constantOf(SecKeyAlgorithm algorithm) noexcept;
 
 }  // namespace mirel

@@ -1,94 +1,13 @@
 #include "TokenObjects.h"
 
-#include <array>
-
+#include "Algorithms.h"
 #include "Certificate.h"
 #include "Convert.h"
 #include "Holder.h"
+#include "KeychainKey.h"
 
 namespace mirel {
 namespace {
-
-/// In the order of SecKeyAlgorithm. Addresses, because the constants have no value before the program runs.
-constexpr std::array kConstants{
-    &::kSecKeyAlgorithmRSAEncryptionRaw,
-    &::kSecKeyAlgorithmRSASignatureRaw,
-    &::kSecKeyAlgorithmRSASignatureDigestPKCS1v15Raw,
-    &::kSecKeyAlgorithmRSASignatureDigestPKCS1v15SHA1,
-    &::kSecKeyAlgorithmRSASignatureDigestPKCS1v15SHA224,
-    &::kSecKeyAlgorithmRSASignatureDigestPKCS1v15SHA256,
-    &::kSecKeyAlgorithmRSASignatureDigestPKCS1v15SHA384,
-    &::kSecKeyAlgorithmRSASignatureDigestPKCS1v15SHA512,
-    &::kSecKeyAlgorithmRSASignatureMessagePKCS1v15SHA1,
-    &::kSecKeyAlgorithmRSASignatureMessagePKCS1v15SHA224,
-    &::kSecKeyAlgorithmRSASignatureMessagePKCS1v15SHA256,
-    &::kSecKeyAlgorithmRSASignatureMessagePKCS1v15SHA384,
-    &::kSecKeyAlgorithmRSASignatureMessagePKCS1v15SHA512,
-    &::kSecKeyAlgorithmRSASignatureDigestPSSSHA1,
-    &::kSecKeyAlgorithmRSASignatureDigestPSSSHA224,
-    &::kSecKeyAlgorithmRSASignatureDigestPSSSHA256,
-    &::kSecKeyAlgorithmRSASignatureDigestPSSSHA384,
-    &::kSecKeyAlgorithmRSASignatureDigestPSSSHA512,
-    &::kSecKeyAlgorithmRSASignatureMessagePSSSHA1,
-    &::kSecKeyAlgorithmRSASignatureMessagePSSSHA224,
-    &::kSecKeyAlgorithmRSASignatureMessagePSSSHA256,
-    &::kSecKeyAlgorithmRSASignatureMessagePSSSHA384,
-    &::kSecKeyAlgorithmRSASignatureMessagePSSSHA512,
-    &::kSecKeyAlgorithmECDSASignatureRFC4754,
-    &::kSecKeyAlgorithmECDSASignatureDigestX962,
-    &::kSecKeyAlgorithmECDSASignatureDigestX962SHA1,
-    &::kSecKeyAlgorithmECDSASignatureDigestX962SHA224,
-    &::kSecKeyAlgorithmECDSASignatureDigestX962SHA256,
-    &::kSecKeyAlgorithmECDSASignatureDigestX962SHA384,
-    &::kSecKeyAlgorithmECDSASignatureDigestX962SHA512,
-    &::kSecKeyAlgorithmECDSASignatureMessageX962SHA1,
-    &::kSecKeyAlgorithmECDSASignatureMessageX962SHA224,
-    &::kSecKeyAlgorithmECDSASignatureMessageX962SHA256,
-    &::kSecKeyAlgorithmECDSASignatureMessageX962SHA384,
-    &::kSecKeyAlgorithmECDSASignatureMessageX962SHA512,
-    &::kSecKeyAlgorithmRSAEncryptionPKCS1,
-    &::kSecKeyAlgorithmRSAEncryptionOAEPSHA1,
-    &::kSecKeyAlgorithmRSAEncryptionOAEPSHA224,
-    &::kSecKeyAlgorithmRSAEncryptionOAEPSHA256,
-    &::kSecKeyAlgorithmRSAEncryptionOAEPSHA384,
-    &::kSecKeyAlgorithmRSAEncryptionOAEPSHA512,
-    &::kSecKeyAlgorithmRSAEncryptionOAEPSHA1AESGCM,
-    &::kSecKeyAlgorithmRSAEncryptionOAEPSHA224AESGCM,
-    &::kSecKeyAlgorithmRSAEncryptionOAEPSHA256AESGCM,
-    &::kSecKeyAlgorithmRSAEncryptionOAEPSHA384AESGCM,
-    &::kSecKeyAlgorithmRSAEncryptionOAEPSHA512AESGCM,
-    &::kSecKeyAlgorithmECIESEncryptionStandardX963SHA1AESGCM,
-    &::kSecKeyAlgorithmECIESEncryptionStandardX963SHA224AESGCM,
-    &::kSecKeyAlgorithmECIESEncryptionStandardX963SHA256AESGCM,
-    &::kSecKeyAlgorithmECIESEncryptionStandardX963SHA384AESGCM,
-    &::kSecKeyAlgorithmECIESEncryptionStandardX963SHA512AESGCM,
-    &::kSecKeyAlgorithmECIESEncryptionCofactorX963SHA1AESGCM,
-    &::kSecKeyAlgorithmECIESEncryptionCofactorX963SHA224AESGCM,
-    &::kSecKeyAlgorithmECIESEncryptionCofactorX963SHA256AESGCM,
-    &::kSecKeyAlgorithmECIESEncryptionCofactorX963SHA384AESGCM,
-    &::kSecKeyAlgorithmECIESEncryptionCofactorX963SHA512AESGCM,
-    &::kSecKeyAlgorithmECIESEncryptionStandardVariableIVX963SHA224AESGCM,
-    &::kSecKeyAlgorithmECIESEncryptionStandardVariableIVX963SHA256AESGCM,
-    &::kSecKeyAlgorithmECIESEncryptionStandardVariableIVX963SHA384AESGCM,
-    &::kSecKeyAlgorithmECIESEncryptionStandardVariableIVX963SHA512AESGCM,
-    &::kSecKeyAlgorithmECIESEncryptionCofactorVariableIVX963SHA224AESGCM,
-    &::kSecKeyAlgorithmECIESEncryptionCofactorVariableIVX963SHA256AESGCM,
-    &::kSecKeyAlgorithmECIESEncryptionCofactorVariableIVX963SHA384AESGCM,
-    &::kSecKeyAlgorithmECIESEncryptionCofactorVariableIVX963SHA512AESGCM,
-    &::kSecKeyAlgorithmECDHKeyExchangeStandard,
-    &::kSecKeyAlgorithmECDHKeyExchangeStandardX963SHA1,
-    &::kSecKeyAlgorithmECDHKeyExchangeStandardX963SHA224,
-    &::kSecKeyAlgorithmECDHKeyExchangeStandardX963SHA256,
-    &::kSecKeyAlgorithmECDHKeyExchangeStandardX963SHA384,
-    &::kSecKeyAlgorithmECDHKeyExchangeStandardX963SHA512,
-    &::kSecKeyAlgorithmECDHKeyExchangeCofactor,
-    &::kSecKeyAlgorithmECDHKeyExchangeCofactorX963SHA1,
-    &::kSecKeyAlgorithmECDHKeyExchangeCofactorX963SHA224,
-    &::kSecKeyAlgorithmECDHKeyExchangeCofactorX963SHA256,
-    &::kSecKeyAlgorithmECDHKeyExchangeCofactorX963SHA384,
-    &::kSecKeyAlgorithmECDHKeyExchangeCofactorX963SHA512,
-};
-static_assert(kConstants.size() == std::tuple_size_v<decltype(kSecKeyAlgorithms)>);
 
 /// What all wrappers do: share their object.
 template <typename Base, typename Object>
@@ -96,6 +15,7 @@ class Wrapper : public Base {
  public:
   explicit Wrapper(ObjCHolder<Object> object) noexcept : object_{std::move(object)} {}
   [[nodiscard]] void* platformObject() const noexcept override { return (void*)object_.get(); }
+  [[nodiscard]] Text description() const noexcept override { return descriptionOf(object_.get()); }
 
  protected:
   [[nodiscard]] Object* object() const noexcept { return object_.get(); }
@@ -212,12 +132,27 @@ class CertificateItem final : public Wrapper<TKTokenKeychainCertificate, ::TKTok
   std::shared_ptr<SecCertificate> certificate_;
 };
 
+class KeyItem : public Wrapper<TKTokenKeychainKey, ::TKTokenKeychainKey> {
+ public:
+  using Wrapper::Wrapper;
+  [[nodiscard]] bool initWithCertificate(const std::shared_ptr<SecCertificate>&,
+                                         const Text&) noexcept override {
+    return false;
+  }
+};
+
 template <typename Wrapped, typename Object>
 std::shared_ptr<Wrapped> wrappedAs(Object* object) noexcept {
   return object ? std::make_shared<Wrapped>(ObjCHolder<Object>::retain(object)) : nullptr;
 }
 
 }  // namespace
+
+Text descriptionOf(id object) noexcept {
+  @autoreleasepool {
+    return textOf([object description]);
+  }
+}
 
 std::shared_ptr<TKSmartCard> wrapped(::TKSmartCard* card) noexcept { return wrappedAs<CardWrapper>(card); }
 
@@ -226,7 +161,7 @@ std::shared_ptr<TKSmartCardTokenDriver> wrapped(::TKSmartCardTokenDriver* driver
 }
 
 std::shared_ptr<TKTokenKeyAlgorithm> wrapped(::TKTokenKeyAlgorithm* algorithm) noexcept {
-  return wrappedAs<AlgorithmWrapper>(algorithm);
+  return std::make_shared<AlgorithmWrapper>(ObjCHolder<::TKTokenKeyAlgorithm>::retain(algorithm));
 }
 
 std::shared_ptr<TKTokenKeyExchangeParameters> wrapped(::TKTokenKeyExchangeParameters* parameters) noexcept {
@@ -235,6 +170,10 @@ std::shared_ptr<TKTokenKeyExchangeParameters> wrapped(::TKTokenKeyExchangeParame
 
 std::shared_ptr<TKSmartCardPINFormat> wrapped(::TKSmartCardPINFormat* format) noexcept {
   return wrappedAs<PINFormatWrapper>(format);
+}
+
+std::shared_ptr<TKTokenKeychainKey> wrapped(::TKTokenKeychainKey* key) noexcept {
+  return wrappedAs<KeychainKey<KeyItem>>(key);
 }
 
 std::shared_ptr<TKTokenKeychainCertificate> allocatedKeychainCertificate() noexcept {
@@ -257,10 +196,6 @@ NSDictionary* dictionaryOf(const TKTokenConstraints& constraints) noexcept {
     [dictionary setObject:stringOf(constraint) forKey:@(static_cast<NSInteger>(operation))];
   }
   return dictionary;
-}
-
-::SecKeyAlgorithm constantOf(SecKeyAlgorithm algorithm) noexcept {
-  return *kConstants[static_cast<std::size_t>(algorithm)];
 }
 
 }  // namespace mirel

@@ -347,11 +347,12 @@ class RefusingToken : public KeyClientTest {
  protected:
   RefusingToken() {
     PlatformServices own = services();
-    own.tokenKit = std::make_shared<HostTokenKit>(card.reader.distinctName);
+    const auto kit = std::make_shared<HostTokenKit>(card.reader.distinctName);
+    own.tokenKit = kit;
     own.log = std::make_shared<WatchingLog>([this] {
       if (whenSigning) whenSigning();
     });
-    session = std::make_shared<MirelSCTokenSession>(own, own.tokenKit->allocTokenSession());
+    session = std::make_shared<MirelSCTokenSession>(own, kit->allocTokenSession());
     EXPECT_TRUE(session->initWithToken(card.token));
     client = std::make_unique<KeyClient>(card, session, std::make_shared<FailureDiary>(nullptr));
   }

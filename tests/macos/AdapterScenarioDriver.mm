@@ -1,5 +1,6 @@
 #import "AdapterScenarioDriver.h"
 
+#include "ExtensionPropertyList.h"
 #include "double/LogRecorder.h"
 #include "double/TokenSystem.h"
 
@@ -86,7 +87,7 @@ class AdapterScenarioDriver final : public ScenarioDriver {
   }
 
   LogRecorder recorder_;
-  TokenSystem system_{"MirelSCTokenDriver"};
+  TokenSystem system_{driverClassInPropertyList()};
 };
 
 }  // namespace

@@ -1,6 +1,7 @@
 #import "AdapterTest.h"
 
 #import "Bases.h"
+#include "ExtensionPropertyList.h"
 
 #include "token/MirelSCToken.h"
 
@@ -16,7 +17,7 @@ AdapterTest::AdapterTest() {
   PlatformServices all = extensionServices();
   all.user = user;
   services_ = std::make_unique<ScopedExtensionServices>(std::move(all));
-  system.emplace("MirelSCTokenDriver");
+  system.emplace(driverClassInPropertyList());
 }
 
 AdapterTest::~AdapterTest() = default;

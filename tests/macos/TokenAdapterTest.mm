@@ -14,7 +14,15 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 
-class TokenAdapter : public AdapterTest {};
+class TokenAdapter : public AdapterTest {
+ protected:
+  static void expectNoUse(const PublishedItem& key) {
+    ASSERT_TRUE(key.isKey);
+    EXPECT_FALSE(key.canSign || key.canDecrypt || key.canPerformKeyExchange || key.suitableForLogin);
+    EXPECT_EQ(key.constraints, (std::map<long, std::string>{}));
+    EXPECT_EQ(key.alwaysAuthenticate, true);
+  }
+};
 
 TEST_F(TokenAdapter, IsMadeByTheNameOfTheDriversClass) {
   EXPECT_TRUE(system->hasDriver());
@@ -88,9 +96,9 @@ TEST_F(TokenAdapter, LetsAKeyDoWhatItsCertificateAllows) {
       {1U << 4U, false, false, true, false}, {1U << 1U, false, false, false, false},
       {0x15, true, false, false, true},      {1U << 8U, false, false, false, false},
   };
-  // However the platform lays out its number.
-  for (const KeyUsageForm form : {KeyUsageForm::kBitNumbers, KeyUsageForm::kHighBits}) {
-    SCOPED_TRACE(form == KeyUsageForm::kHighBits ? "high bits" : "bit numbers");
+  // Whatever the platform makes of it.
+  for (const KeyUsageForm form : {KeyUsageForm::kBitNumbers, KeyUsageForm::kHighBits, KeyUsageForm::kText}) {
+    SCOPED_TRACE(static_cast<int>(form));
     switches->keyUsageForm = form;
     for (const auto& row : rows) {
       SCOPED_TRACE(row.usage);
@@ -107,12 +115,26 @@ TEST_F(TokenAdapter, LetsAKeyDoWhatItsCertificateAllows) {
 }
 
 TEST_F(TokenAdapter, GivesAKeyNoUseWhenThePlatformDoesNotTellTheKeyUsage) {
-  for (const KeyUsageForm form : {KeyUsageForm::kText, KeyUsageForm::kNoValue, KeyUsageForm::kError}) {
+  for (const KeyUsageForm form : {KeyUsageForm::kNoValue, KeyUsageForm::kError}) {
     switches->keyUsageForm = form;
     ASSERT_TRUE(system->offerCard(kReaderName).succeeded);
-    EXPECT_FALSE(system->items().back().canSign);
+    expectNoUse(system->items().back());
     system->removeCard();
   }
+}
+
+TEST_F(TokenAdapter, GivesAKeyNoUseWithoutAKeyUsage) {
+  script.object(kCertificate).attributes[CKA_VALUE] = testCertificate({.key = TestKey::kRsa2048});
+  ASSERT_TRUE(system->offerCard(kReaderName).succeeded);
+  ASSERT_THAT(system->items(), SizeIs(2));
+  expectNoUse(system->items().back());
+}
+
+TEST_F(TokenAdapter, PublishesNothingOfACertificateWithoutAKey) {
+  script.object(kCertificate).attributes[CKA_ID] = Value{'0', '9'};
+  ASSERT_TRUE(system->offerCard(kReaderName).succeeded);
+  EXPECT_THAT(system->items(), IsEmpty());
+  EXPECT_EQ(system->numFills(), 1U);
 }
 
 TEST_F(TokenAdapter, IsItsOwnDelegate) {
@@ -154,7 +176,7 @@ TEST_F(TokenAdapter, AnswersNoTokenAndItsErrorWithoutACard) {
 
 TEST_F(TokenAdapter, MakesTheProviderBeforeTheBaseInitialiserRuns) {
   std::size_t callsBefore = 0;
-  switches->whenTokenIsInitialised = [&] { callsBefore = script.countOf("C_Initialize"); };
+  switches->whenTokenIsInitialised = [&](void*) { callsBefore = script.countOf("C_Initialize"); };
   ASSERT_TRUE(system->offerCard(kReaderName).succeeded);
   EXPECT_EQ(callsBefore, 1U);
 }

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "platform/TokenKit.h"
+#include "token/BasedTokenKit.h"
 #include "token/FakePinOperation.h"
 #include "token/FakeSmartCard.h"
 
@@ -172,7 +173,7 @@ class FakeKeychainKey final : public FakeItem<TKTokenKeychainKey> {
 };
 
 /// Allocates fakes. Keeps no item, because items keep the kit.
-class FakeTokenKit final : public TokenKit {
+class FakeTokenKit final : public BasedTokenKit {
  public:
   [[nodiscard]] std::shared_ptr<TKSmartCardToken> allocSmartCardToken() noexcept override;
   [[nodiscard]] std::shared_ptr<TKSmartCardTokenSession> allocTokenSession() noexcept override;

@@ -3,10 +3,9 @@
 /// The platform's objects that this system's own build on, for the core: each runs the base initialiser of an
 /// Objective-C object of ours, and passes the rest on to it.
 ///
-/// Ownership: an Objective-C object owns its core object, which owns its base, which therefore must not own
-/// the Objective-C object. Only between its allocation by the token kit and the moment it is handed out does
-/// the base own it. A base outlives its object when others hold the core object; then it behaves like one of
-/// nil.
+/// Ownership: an Objective-C object owns its core object, which owns its base, which therefore does not own
+/// the Objective-C object. A base outlives its object when others hold the core object; then it behaves like
+/// one of nil.
 
 #import <CryptoTokenKit/CryptoTokenKit.h>
 
@@ -27,7 +26,6 @@ class MirelSCToken;
 /// What an Objective-C object and its base share.
 struct Link {
   id object = nil;  ///< not retained; nil once it has gone
-  bool ownedByBase = false;
 };
 
 /// The services of the running system, with the token kit, or what was put in their place.
@@ -42,18 +40,12 @@ class ScopedExtensionServices {
   ~ScopedExtensionServices();
 };
 
-/// The base of an object that exists already, because the platform or a caller has allocated it.
+/// The base of an object that has been allocated.
 [[nodiscard]] std::shared_ptr<TKSmartCardToken> baseOf(::MirelSCToken* token) noexcept;
 [[nodiscard]] std::shared_ptr<TKSmartCardTokenSession> baseOf(::MirelSCTokenSession* session) noexcept;
 [[nodiscard]] std::shared_ptr<TKTokenSmartCardPINAuthOperation> baseOf(
     ::MirelSCTokenAuth* operation) noexcept;
 [[nodiscard]] std::shared_ptr<TKTokenKeychainKey> baseOf(::MirelCTKTokenKeychainKey* key) noexcept;
-
-/// The Objective-C object of an object that the core has made through the token kit; autoreleased, and from
-/// now on the owner of that object. Nil for null.
-[[nodiscard]] ::MirelSCToken* handedOut(const std::shared_ptr<TKSmartCardToken>& token) noexcept;
-[[nodiscard]] ::MirelSCTokenSession* handedOut(const std::shared_ptr<TKTokenSession>& session) noexcept;
-[[nodiscard]] ::MirelSCTokenAuth* handedOut(const std::shared_ptr<TKTokenAuthOperation>& operation) noexcept;
 
 /// The core object of a token of ours; null for any other.
 [[nodiscard]] std::shared_ptr<MirelSCToken> coreOf(::TKToken* token) noexcept;

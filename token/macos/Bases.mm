@@ -10,7 +10,9 @@
 #import "TokenObjects.h"
 
 #include <optional>
+#include <type_traits>
 
+#include "KeychainKey.h"
 #include "token/MirelCTKTokenKeychainKey.h"
 #include "token/MirelSCToken.h"
 #include "token/MirelSCTokenAuth.h"
@@ -24,10 +26,8 @@ template <typename Interface, typename Object>
 class Base : public Interface {
  public:
   explicit Base(std::shared_ptr<Link> link) noexcept : link_{std::move(link)} {}
-  ~Base() override {
-    if (link_->ownedByBase) (void)ObjCHolder<Object>::adopt(object());
-  }
   [[nodiscard]] void* platformObject() const noexcept override { return (void*)link_->object; }
+  [[nodiscard]] Text description() const noexcept override { return descriptionOf(link_->object); }
 
  protected:
   [[nodiscard]] Object* object() const noexcept { return static_cast<Object*>(link_->object); }
@@ -35,7 +35,6 @@ class Base : public Interface {
   /// What a base initialiser gave. One that fails has let go of the object.
   bool initialised(Object* object) noexcept {
     link_->object = object;
-    if (!object) link_->ownedByBase = false;
     return object != nil;
   }
 
@@ -51,7 +50,7 @@ class KeychainContents final : public TKTokenKeychainContents {
   void fillWithItems(const std::vector<std::shared_ptr<TKTokenKeychainItem>>& items) noexcept override {
     NSMutableArray* objects = [NSMutableArray array];
     for (const auto& item : items) {
-      if (const id object = published(item)) [objects addObject:object];
+      if (const id object = objectBehind(item)) [objects addObject:object];
     }
     [contents_.get() fillWithItems:objects];
   }
@@ -66,27 +65,22 @@ class KeychainContents final : public TKTokenKeychainContents {
 
   [[nodiscard]] std::shared_ptr<TKTokenKeychainKey> keyForObjectID(
       const Text& objectID, TKErrorPointer outError) noexcept override {
-    NSError* error = nil;
-    ::TKTokenKeychainKey* key = [contents_.get() keyForObjectID:stringOf(objectID) error:&error];
-    if (!key && outError && error) *outError = tkErrorOf(error);
+    // The platform takes no nil; no key has an identifier that is no text.
+    ErrorPlace place{outError};
+    ::TKTokenKeychainKey* key =
+        [contents_.get() keyForObjectID:stringOf(objectID.isNull() ? Text{u""} : objectID)
+                                  error:place.pointer()];
     return keyOf(key);
   }
 
  private:
-  /// The object of an item, which from now on owns the item.
-  static id published(const std::shared_ptr<TKTokenKeychainItem>& item) noexcept {
-    const id object = objectBehind(item);
-    if (const auto key = std::dynamic_pointer_cast<MirelCTKTokenKeychainKey>(item)) {
-      auto* const ours = static_cast<::MirelCTKTokenKeychainKey*>(object);
-      if ([ours core] == key) return object;  // it owns the item already
-      [ours adoptCore:key];
-      return [object autorelease];
-    }
-    return object;
-  }
   static std::shared_ptr<TKTokenKeychainKey> keyOf(::TKTokenKeychainItem* item) noexcept {
-    if (![item isKindOfClass:[::MirelCTKTokenKeychainKey class]]) return nullptr;
-    return [static_cast<::MirelCTKTokenKeychainKey*>(item) core];
+    if ([item isKindOfClass:[::MirelCTKTokenKeychainKey class]]) {
+      return [static_cast<::MirelCTKTokenKeychainKey*>(item) core];
+    }
+    // Nothing says that the platform hands out the very objects that it was filled with.
+    const bool isKey = [item isKindOfClass:[::TKTokenKeychainKey class]];
+    return isKey ? wrapped(static_cast<::TKTokenKeychainKey*>(item)) : nullptr;
   }
 
   ObjCHolder<::TKTokenKeychainContents> contents_;
@@ -151,75 +145,63 @@ class PINOperationBase final : public Base<TKTokenSmartCardPINAuthOperation, ::M
   void setPIN(const std::shared_ptr<const SecretText>&) noexcept override { [object() setPIN:nil]; }
 };
 
-class KeyBase final : public Base<TKTokenKeychainKey, ::MirelCTKTokenKeychainKey> {
+class KeyBase : public Base<TKTokenKeychainKey, ::MirelCTKTokenKeychainKey> {
  public:
   using Base::Base;
   [[nodiscard]] bool initWithCertificate(const std::shared_ptr<SecCertificate>& certificate,
                                          const Text& objectID) noexcept override {
-    return initialised([object() initWithCertificate:certificate ? refOf(*certificate) : nullptr
-                                            objectID:stringOf(objectID)]);
+    return initialised([object() baseInitWithCertificate:certificate ? refOf(*certificate) : nullptr
+                                                objectID:stringOf(objectID)]);
   }
-  [[nodiscard]] Text objectID() const noexcept override { return textOfObject([object() objectID]); }
-  [[nodiscard]] Text label() const noexcept override { return textOf([object() label]); }
-  void setLabel(const Text& label) noexcept override { [object() setLabel:stringOf(label)]; }
-  /// Only written by the core.
-  [[nodiscard]] std::optional<TKTokenConstraints> constraints() const noexcept override {
-    return std::nullopt;
-  }
-  void setConstraints(const TKTokenConstraints& constraints) noexcept override {
-    [object() setConstraints:dictionaryOf(constraints)];
-  }
-  /// The platform takes type and size from the certificate; the core does not look at them.
-  [[nodiscard]] CertificateKeyType keyType() const noexcept override { return CertificateKeyType::kOther; }
-  [[nodiscard]] int keySizeInBits() const noexcept override {
-    return static_cast<int>([object() keySizeInBits]);
-  }
-  [[nodiscard]] bool canSign() const noexcept override { return [object() canSign]; }
-  void setCanSign(bool value) noexcept override { [object() setCanSign:value ? YES : NO]; }
-  [[nodiscard]] bool canDecrypt() const noexcept override { return [object() canDecrypt]; }
-  void setCanDecrypt(bool value) noexcept override { [object() setCanDecrypt:value ? YES : NO]; }
-  [[nodiscard]] bool canPerformKeyExchange() const noexcept override {
-    return [object() canPerformKeyExchange];
-  }
-  void setCanPerformKeyExchange(bool value) noexcept override {
-    [object() setCanPerformKeyExchange:value ? YES : NO];
-  }
-  [[nodiscard]] bool suitableForLogin() const noexcept override { return [object() isSuitableForLogin]; }
-  void setSuitableForLogin(bool value) noexcept override { [object() setSuitableForLogin:value ? YES : NO]; }
 };
 
-/// A base of an object that somebody else owns.
 template <typename BaseClass, typename Object>
-std::shared_ptr<BaseClass> baseOfOwned(Object* object) noexcept {
-  auto link = std::make_shared<Link>(Link{object, false});
+std::shared_ptr<BaseClass> baseOn(Object* object) noexcept {
+  auto link = std::make_shared<Link>(Link{object});
   [object setLink:link];
   return std::make_shared<BaseClass>(std::move(link));
 }
 
-/// A base of a new object, which it owns.
-template <typename BaseClass, typename Object>
-std::shared_ptr<BaseClass> baseOfNew(Object* object) noexcept {
-  auto link = std::make_shared<Link>(Link{object, true});
-  [object setLink:link];
-  return std::make_shared<BaseClass>(std::move(link));
+/// The core of a new object, which goes with the autorelease pool; null for nil.
+template <typename Object>
+auto coreOfNew(Object* object) noexcept {
+  std::remove_cvref_t<decltype([object core])> core;
+  if (object) core = [ObjCHolder<Object>::adopt(object).autoreleased() core];
+  return core;
 }
 
+/// Makes the objects as the platform would: by their Objective-C initialisers. The services are those of the
+/// extension, whatever is given.
 class ExtensionTokenKit final : public TokenKit {
  public:
-  [[nodiscard]] std::shared_ptr<TKSmartCardToken> allocSmartCardToken() noexcept override {
-    return baseOfNew<TokenBase>([::MirelSCToken alloc]);
+  [[nodiscard]] std::shared_ptr<TKSmartCardToken> newToken(
+      const PlatformServices&, const std::shared_ptr<TKSmartCard>& smartCard, const Bytes& AID,
+      const std::shared_ptr<TKSmartCardTokenDriver>& driver, TKErrorPointer outError) noexcept override {
+    ErrorPlace place{outError};
+    return coreOfNew([[::MirelSCToken alloc] initWithSmartCard:objectBehind(smartCard)
+                                                           AID:dataOf(AID)
+                                            MirelSCTokenDriver:objectBehind(driver)
+                                                         error:place.pointer()]);
   }
-  [[nodiscard]] std::shared_ptr<TKSmartCardTokenSession> allocTokenSession() noexcept override {
-    return baseOfNew<SessionBase>([::MirelSCTokenSession alloc]);
+  [[nodiscard]] std::shared_ptr<TKSmartCardTokenSession> newTokenSession(
+      const PlatformServices&, const std::shared_ptr<TKSmartCardToken>& token) noexcept override {
+    return coreOfNew([[::MirelSCTokenSession alloc] initWithToken:objectBehind(token)]);
+  }
+  [[nodiscard]] std::shared_ptr<TKTokenSmartCardPINAuthOperation> newPINAuthOperation(
+      const PlatformServices&, const std::shared_ptr<TKSmartCardTokenSession>& session) noexcept override {
+    return coreOfNew([[::MirelSCTokenAuth alloc] initWithSession:objectBehind(session)]);
+  }
+  [[nodiscard]] std::shared_ptr<TKTokenKeychainKey> newKeychainKey(
+      const PlatformServices&, const std::shared_ptr<SecCertificate>& certificate, const Text& objectID,
+      const Text& certificateID, bool alwaysAuthenticate) noexcept override {
+    return coreOfNew([[::MirelCTKTokenKeychainKey alloc]
+        initWithCertificate:certificate ? refOf(*certificate) : nullptr
+                   objectID:stringOf(objectID)
+              certificateID:stringOf(certificateID)
+         alwaysAuthenticate:alwaysAuthenticate ? YES : NO]);
   }
   [[nodiscard]] std::shared_ptr<TKTokenKeychainCertificate> allocKeychainCertificate() noexcept override {
     return allocatedKeychainCertificate();
-  }
-  [[nodiscard]] std::shared_ptr<TKTokenKeychainKey> allocKeychainKey() noexcept override {
-    return baseOfNew<KeyBase>([::MirelCTKTokenKeychainKey alloc]);
-  }
-  [[nodiscard]] std::shared_ptr<TKTokenSmartCardPINAuthOperation> allocPINAuthOperation() noexcept override {
-    return baseOfNew<PINOperationBase>([::MirelSCTokenAuth alloc]);
   }
   [[nodiscard]] std::shared_ptr<TKSmartCardPINFormat> allocPINFormat() noexcept override {
     return newPINFormat();
@@ -230,16 +212,6 @@ class ExtensionTokenKit final : public TokenKit {
 std::optional<PlatformServices>& replacement() noexcept {
   static std::optional<PlatformServices> services;
   return services;
-}
-
-/// Makes the Objective-C object the owner of the core object.
-template <typename Core, typename Object, typename Interface>
-Object* handedOutAs(const std::shared_ptr<Interface>& object) noexcept {
-  const auto core = std::dynamic_pointer_cast<Core>(object);
-  if (!core) return nil;
-  auto* handed = static_cast<Object*>((id)core->platformObject());
-  [handed adoptCore:core];
-  return ObjCHolder<Object>::adopt(handed).autoreleased();
 }
 
 }  // namespace
@@ -259,27 +231,15 @@ ScopedExtensionServices::ScopedExtensionServices(PlatformServices services) noex
 
 ScopedExtensionServices::~ScopedExtensionServices() { replacement().reset(); }
 
-std::shared_ptr<TKSmartCardToken> baseOf(::MirelSCToken* token) noexcept {
-  return baseOfOwned<TokenBase>(token);
-}
+std::shared_ptr<TKSmartCardToken> baseOf(::MirelSCToken* token) noexcept { return baseOn<TokenBase>(token); }
 std::shared_ptr<TKSmartCardTokenSession> baseOf(::MirelSCTokenSession* session) noexcept {
-  return baseOfOwned<SessionBase>(session);
+  return baseOn<SessionBase>(session);
 }
 std::shared_ptr<TKTokenSmartCardPINAuthOperation> baseOf(::MirelSCTokenAuth* operation) noexcept {
-  return baseOfOwned<PINOperationBase>(operation);
+  return baseOn<PINOperationBase>(operation);
 }
 std::shared_ptr<TKTokenKeychainKey> baseOf(::MirelCTKTokenKeychainKey* key) noexcept {
-  return baseOfOwned<KeyBase>(key);
-}
-
-::MirelSCToken* handedOut(const std::shared_ptr<TKSmartCardToken>& token) noexcept {
-  return handedOutAs<MirelSCToken, ::MirelSCToken>(token);
-}
-::MirelSCTokenSession* handedOut(const std::shared_ptr<TKTokenSession>& session) noexcept {
-  return handedOutAs<MirelSCTokenSession, ::MirelSCTokenSession>(session);
-}
-::MirelSCTokenAuth* handedOut(const std::shared_ptr<TKTokenAuthOperation>& operation) noexcept {
-  return handedOutAs<MirelSCTokenAuth, ::MirelSCTokenAuth>(operation);
+  return baseOn<KeychainKey<KeyBase>>(key);
 }
 
 std::shared_ptr<MirelSCToken> coreOf(::TKToken* token) noexcept {

@@ -4,6 +4,8 @@
 
 #include <memory>
 
+#import "Holder.h"
+
 namespace mirel {
 class MirelCTKTokenKeychainKey;
 struct Link;
@@ -14,6 +16,7 @@ struct Link;
  @private
   std::shared_ptr<mirel::MirelCTKTokenKeychainKey> core_;
   std::shared_ptr<mirel::Link> link_;
+  mirel::ObjCHolder<NSObject> certificateID_;
 }
 
 @property(atomic, strong, readonly, nullable) id certificateID;
@@ -25,8 +28,9 @@ struct Link;
                           alwaysAuthenticate:(BOOL)alwaysAuthenticate;
 
 // For the core's base object.
+- (nullable instancetype)baseInitWithCertificate:(nullable SecCertificateRef)certificate
+                                        objectID:(nonnull TKTokenObjectID)objectID;
+- (const std::shared_ptr<mirel::MirelCTKTokenKeychainKey>&)core;
 - (void)setLink:(const std::shared_ptr<mirel::Link>&)link;
-- (void)adoptCore:(const std::shared_ptr<mirel::MirelCTKTokenKeychainKey>&)core;
-- (std::shared_ptr<mirel::MirelCTKTokenKeychainKey>)core;
 
 @end

@@ -8,10 +8,6 @@
 
 @implementation MirelCTKTokenKeychainKey
 
-- (void)setLink:(const std::shared_ptr<mirel::Link>&)link {
-  link_ = link;
-}
-
 - (void)dealloc {
   if (link_) link_->object = nil;
   [super dealloc];
@@ -21,31 +17,42 @@
                            objectID:(TKTokenObjectID)objectID
                       certificateID:(id)certificateID
                  alwaysAuthenticate:(BOOL)alwaysAuthenticate {
-  const auto core =
-      std::make_shared<mirel::MirelCTKTokenKeychainKey>(mirel::extensionServices(), mirel::baseOf(self));
-  core_ = core;
-  if (core->initWithCertificate(mirel::wrapped(certificate), mirel::textOfObject(objectID),
-                                mirel::textOfObject(certificateID), alwaysAuthenticate)) {
-    return static_cast<MirelCTKTokenKeychainKey*>(core->platformObject());
+  const auto core = [self core];
+  (void)core->initWithCertificate(mirel::wrapped(certificate), mirel::textOfObject(objectID),
+                                  mirel::textOfObject(certificateID), alwaysAuthenticate);
+  auto* made = static_cast<MirelCTKTokenKeychainKey*>(core->platformObject());
+  if (made) made->certificateID_ = mirel::ObjCHolder<NSObject>::retain(certificateID);
+  return made;
+}
+
+- (instancetype)baseInitWithCertificate:(SecCertificateRef)certificate objectID:(TKTokenObjectID)objectID {
+  const auto core = core_;
+  const auto link = link_;
+  self = [super initWithCertificate:certificate objectID:objectID];
+  if (self) {
+    core_ = core;
+    link_ = link;
   }
-  return nil;  // the base initialiser has already let go of this object
+  return self;
 }
 
-- (void)adoptCore:(const std::shared_ptr<mirel::MirelCTKTokenKeychainKey>&)core {
-  core_ = core;
-  link_->ownedByBase = false;
-}
-
-- (std::shared_ptr<mirel::MirelCTKTokenKeychainKey>)core {
+- (const std::shared_ptr<mirel::MirelCTKTokenKeychainKey>&)core {
+  if (!core_)
+    core_ =
+        std::make_shared<mirel::MirelCTKTokenKeychainKey>(mirel::extensionServices(), mirel::baseOf(self));
   return core_;
 }
 
+- (void)setLink:(const std::shared_ptr<mirel::Link>&)link {
+  link_ = link;
+}
+
 - (id)certificateID {
-  return core_ ? mirel::stringOf(core_->certificateID()) : nil;
+  return certificateID_.get();
 }
 
 - (BOOL)alwaysAuthenticate {
-  return core_ && core_->alwaysAuthenticate();
+  return [self core]->alwaysAuthenticate();
 }
 
 @end

@@ -27,12 +27,11 @@ struct Link;
                                      error:(NSError* _Nullable* _Nullable)error;
 
 // For the core's base object.
-- (void)setLink:(const std::shared_ptr<mirel::Link>&)link;
 - (nullable instancetype)baseInitWithSmartCard:(nonnull TKSmartCard*)smartCard
                                            AID:(nullable NSData*)AID
                                     instanceID:(nonnull NSString*)instanceID
                                    tokenDriver:(nonnull TKSmartCardTokenDriver*)driver;
-- (void)adoptCore:(const std::shared_ptr<mirel::MirelSCToken>&)core;
-- (std::shared_ptr<mirel::MirelSCToken>)core;
+- (const std::shared_ptr<mirel::MirelSCToken>&)core;
+- (void)setLink:(const std::shared_ptr<mirel::Link>&)link;
 
 @end

@@ -2,16 +2,13 @@
 
 #import "Bases.h"
 #import "Convert.h"
+#import "Holder.h"
 #import "MirelSCTokenSession.h"
 #import "TokenObjects.h"
 
 #include "token/MirelSCToken.h"
 
 @implementation MirelSCToken
-
-- (void)setLink:(const std::shared_ptr<mirel::Link>&)link {
-  link_ = link;
-}
 
 - (void)dealloc {
   if (link_) link_->object = nil;
@@ -22,47 +19,50 @@
                               AID:(NSData*)AID
                MirelSCTokenDriver:(MirelSCTokenDriver*)driver
                             error:(NSError**)error {
-  const auto core = std::make_shared<mirel::MirelSCToken>(mirel::extensionServices(), mirel::baseOf(self));
-  core_ = core;
+  const auto core = [self core];
   mirel::ErrorArgument argument{error};
-  if (core->initWithSmartCard(mirel::wrapped(smartCard), mirel::bytesOf(AID), mirel::wrapped(driver),
-                              argument.pointer())) {
-    return static_cast<MirelSCToken*>(core->platformObject());
-  }
-  // A base initialiser that has failed has already let go of this object.
-  if (core->platformObject()) [self release];
-  return nil;
+  const bool made = core->initWithSmartCard(mirel::wrapped(smartCard), mirel::bytesOf(AID),
+                                            mirel::wrapped(driver), argument.pointer()) != nullptr;
+  // After a base initialiser that has failed there is no object any more.
+  auto token = mirel::ObjCHolder<MirelSCToken>::adopt(static_cast<MirelSCToken*>(core->platformObject()));
+  return made ? token.take() : nil;
 }
 
 - (instancetype)baseInitWithSmartCard:(TKSmartCard*)smartCard
                                   AID:(NSData*)AID
                            instanceID:(NSString*)instanceID
                           tokenDriver:(TKSmartCardTokenDriver*)driver {
+  const auto core = core_;
+  const auto link = link_;
   self = [super initWithSmartCard:smartCard AID:AID instanceID:instanceID tokenDriver:driver];
-  [self setDelegate:self];
+  if (self) {
+    core_ = core;
+    link_ = link;
+    [self setDelegate:self];
+  }
   return self;
 }
 
-- (void)adoptCore:(const std::shared_ptr<mirel::MirelSCToken>&)core {
-  core_ = core;
-  link_->ownedByBase = false;
-}
-
-- (std::shared_ptr<mirel::MirelSCToken>)core {
+- (const std::shared_ptr<mirel::MirelSCToken>&)core {
+  if (!core_) core_ = std::make_shared<mirel::MirelSCToken>(mirel::extensionServices(), mirel::baseOf(self));
   return core_;
 }
 
+- (void)setLink:(const std::shared_ptr<mirel::Link>&)link {
+  link_ = link;
+}
+
 - (CryptTKitSProvider*)sp {
-  return core_ ? [CryptTKitSProvider boxOf:core_->sp()] : nil;
+  return [CryptTKitSProvider boxOf:[self core]->sp()];
 }
 
 - (void)setSp:(CryptTKitSProvider*)sp {
-  if (core_) core_->setSp([CryptTKitSProvider providerIn:sp]);
+  [self core]->setSp([CryptTKitSProvider providerIn:sp]);
 }
 
 - (TKTokenSession*)token:(TKToken*)token createSessionWithError:(NSError**)error {
-  mirel::ErrorArgument argument{error};
-  return mirel::handedOut(core_->createSessionWithError(mirel::coreOf(token), argument.pointer()));
+  mirel::ErrorArgument argument{error, mirel::ErrorArgument::Before::kShown};
+  return mirel::objectBehind([self core]->createSessionWithError(mirel::coreOf(token), argument.pointer()));
 }
 
 @end

@@ -26,8 +26,8 @@ struct Link;
 - (nullable instancetype)initWithSession:(nonnull MirelSCTokenSession*)session;
 
 // For the core's base object.
-- (void)setLink:(const std::shared_ptr<mirel::Link>&)link;
 - (nullable instancetype)baseInit;
-- (void)adoptCore:(const std::shared_ptr<mirel::MirelSCTokenAuth>&)core;
+- (const std::shared_ptr<mirel::MirelSCTokenAuth>&)core;
+- (void)setLink:(const std::shared_ptr<mirel::Link>&)link;
 
 @end

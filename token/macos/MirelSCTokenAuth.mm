@@ -10,34 +10,38 @@
 
 @implementation MirelSCTokenAuth
 
-- (void)setLink:(const std::shared_ptr<mirel::Link>&)link {
-  link_ = link;
-}
-
 - (void)dealloc {
   if (link_) link_->object = nil;
   [super dealloc];
 }
 
 - (instancetype)initWithSession:(MirelSCTokenSession*)session {
-  const auto core =
-      std::make_shared<mirel::MirelSCTokenAuth>(mirel::extensionServices(), mirel::baseOf(self));
-  core_ = core;
-  if (core->initWithSession([session core])) {
-    session_ = mirel::ObjCHolder<MirelSCTokenSession>::retain(session);
-    return static_cast<MirelSCTokenAuth*>(core->platformObject());
-  }
-  return nil;  // the base initialiser has already let go of this object
+  const auto core = [self core];
+  (void)core->initWithSession(session ? [session core] : nullptr);
+  auto* made = static_cast<MirelSCTokenAuth*>(core->platformObject());
+  if (made) made->session_ = mirel::ObjCHolder<MirelSCTokenSession>::retain(session);
+  return made;
 }
 
 - (instancetype)baseInit {
-  return [super init];
+  const auto core = core_;
+  const auto link = link_;
+  self = [super init];
+  if (self) {
+    core_ = core;
+    link_ = link;
+  }
+  return self;
 }
 
-- (void)adoptCore:(const std::shared_ptr<mirel::MirelSCTokenAuth>&)core {
-  core_ = core;
-  session_ = mirel::ObjCHolder<MirelSCTokenSession>::retain(mirel::objectBehind(core->session()));
-  link_->ownedByBase = false;
+- (const std::shared_ptr<mirel::MirelSCTokenAuth>&)core {
+  if (!core_)
+    core_ = std::make_shared<mirel::MirelSCTokenAuth>(mirel::extensionServices(), mirel::baseOf(self));
+  return core_;
+}
+
+- (void)setLink:(const std::shared_ptr<mirel::Link>&)link {
+  link_ = link;
 }
 
 - (MirelSCTokenSession*)session {
@@ -46,7 +50,7 @@
 
 - (BOOL)finishWithError:(NSError**)error {
   mirel::ErrorArgument argument{error};
-  return core_->finishWithError(argument.pointer());
+  return [self core]->finishWithError(argument.pointer());
 }
 
 @end

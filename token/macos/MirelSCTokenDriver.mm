@@ -2,7 +2,6 @@
 
 #import "Bases.h"
 #import "Convert.h"
-#import "MirelSCToken.h"
 #import "TokenObjects.h"
 
 #include "token/MirelSCTokenDriver.h"
@@ -23,8 +22,8 @@
                              AID:(NSData*)AID
                            error:(NSError**)error {
   mirel::ErrorArgument argument{error};
-  return mirel::handedOut(core_->createTokenForSmartCard(mirel::wrapped(driver), mirel::wrapped(smartCard),
-                                                         mirel::bytesOf(AID), argument.pointer()));
+  return mirel::objectBehind(core_->createTokenForSmartCard(mirel::wrapped(driver), mirel::wrapped(smartCard),
+                                                            mirel::bytesOf(AID), argument.pointer()));
 }
 
 @end

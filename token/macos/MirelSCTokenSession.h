@@ -31,10 +31,9 @@ struct Link;
                                                       error:(NSError* _Nullable* _Nullable)error;
 
 // For the core's base object.
-- (void)setLink:(const std::shared_ptr<mirel::Link>&)link;
 - (nullable instancetype)baseInitWithToken:(nonnull TKToken*)token;
-- (void)adoptCore:(const std::shared_ptr<mirel::MirelSCTokenSession>&)core;
-- (std::shared_ptr<mirel::MirelSCTokenSession>)core;
+- (const std::shared_ptr<mirel::MirelSCTokenSession>&)core;
+- (void)setLink:(const std::shared_ptr<mirel::Link>&)link;
 
 @end
 

@@ -15,10 +15,6 @@ void algorithmToPrint(TKTokenKeyAlgorithm* algorithm) {
 
 @implementation MirelSCTokenSession
 
-- (void)setLink:(const std::shared_ptr<mirel::Link>&)link {
-  link_ = link;
-}
-
 - (void)dealloc {
   if (link_) link_->object = nil;
   [super dealloc];
@@ -28,44 +24,48 @@ void algorithmToPrint(TKTokenKeyAlgorithm* algorithm) {
 #pragma clang diagnostic push
 #pragma clang diagnostic ignored "-Wobjc-designated-initializers"
 - (instancetype)initWithToken:(TKToken*)token {
-  const auto core =
-      std::make_shared<mirel::MirelSCTokenSession>(mirel::extensionServices(), mirel::baseOf(self));
-  core_ = core;
-  if (core->initWithToken(mirel::coreOf(token)))
-    return static_cast<MirelSCTokenSession*>(core->platformObject());
-  return nil;  // the base initialiser has already let go of this object
+  const auto core = [self core];
+  (void)core->initWithToken(mirel::coreOf(token));
+  return static_cast<MirelSCTokenSession*>(core->platformObject());
 }
 #pragma clang diagnostic pop
 
 - (instancetype)baseInitWithToken:(TKToken*)token {
+  const auto core = core_;
+  const auto link = link_;
   self = [super initWithToken:token];
-  [self setDelegate:self];
+  if (self) {
+    core_ = core;
+    link_ = link;
+    [self setDelegate:self];
+  }
   return self;
 }
 
-- (void)adoptCore:(const std::shared_ptr<mirel::MirelSCTokenSession>&)core {
-  core_ = core;
-  link_->ownedByBase = false;
-}
-
-- (std::shared_ptr<mirel::MirelSCTokenSession>)core {
+- (const std::shared_ptr<mirel::MirelSCTokenSession>&)core {
+  if (!core_)
+    core_ = std::make_shared<mirel::MirelSCTokenSession>(mirel::extensionServices(), mirel::baseOf(self));
   return core_;
 }
 
+- (void)setLink:(const std::shared_ptr<mirel::Link>&)link {
+  link_ = link;
+}
+
 - (NSInteger)authState {
-  return static_cast<NSInteger>(core_->authState());
+  return static_cast<NSInteger>([self core]->authState());
 }
 
 - (void)setAuthState:(NSInteger)authState {
-  core_->setAuthState(authState);
+  [self core]->setAuthState(authState);
 }
 
 - (CryptTKitSProvider*)sp {
-  return [CryptTKitSProvider boxOf:core_->sp()];
+  return [CryptTKitSProvider boxOf:[self core]->sp()];
 }
 
 - (void)setSp:(CryptTKitSProvider*)sp {
-  core_->setSp([CryptTKitSProvider providerIn:sp]);
+  [self core]->setSp([CryptTKitSProvider providerIn:sp]);
 }
 
 - (TKTokenAuthOperation*)tokenSession:(TKTokenSession*)session
@@ -73,16 +73,17 @@ void algorithmToPrint(TKTokenKeyAlgorithm* algorithm) {
                            constraint:(TKTokenOperationConstraint)constraint
                                 error:(NSError**)error {
   mirel::ErrorArgument argument{error};
-  return mirel::handedOut(core_->beginAuthForOperation(core_, static_cast<mirel::TKTokenOperation>(operation),
-                                                       mirel::textOfObject(constraint), argument.pointer()));
+  return mirel::objectBehind(
+      [self core]->beginAuthForOperation([self core], static_cast<mirel::TKTokenOperation>(operation),
+                                         mirel::textOfObject(constraint), argument.pointer()));
 }
 
 - (BOOL)tokenSession:(TKTokenSession*)session
     supportsOperation:(TKTokenOperation)operation
              usingKey:(TKTokenObjectID)keyObjectID
             algorithm:(TKTokenKeyAlgorithm*)algorithm {
-  return core_->supportsOperation(core_, static_cast<mirel::TKTokenOperation>(operation),
-                                  mirel::textOfObject(keyObjectID), *mirel::wrapped(algorithm));
+  return [self core]->supportsOperation([self core], static_cast<mirel::TKTokenOperation>(operation),
+                                        mirel::textOfObject(keyObjectID), *mirel::wrapped(algorithm));
 }
 
 - (NSData*)tokenSession:(TKTokenSession*)session
@@ -91,8 +92,9 @@ void algorithmToPrint(TKTokenKeyAlgorithm* algorithm) {
               algorithm:(TKTokenKeyAlgorithm*)algorithm
                   error:(NSError**)error {
   mirel::ErrorArgument argument{error};
-  return mirel::dataOf(core_->signData(core_, mirel::bytesOf(dataToSign), mirel::textOfObject(keyObjectID),
-                                       *mirel::wrapped(algorithm), argument.pointer()));
+  return mirel::dataOf([self core]->signData([self core], mirel::bytesOf(dataToSign),
+                                             mirel::textOfObject(keyObjectID), *mirel::wrapped(algorithm),
+                                             argument.pointer()));
 }
 
 - (NSData*)tokenSession:(TKTokenSession*)session
@@ -101,8 +103,9 @@ void algorithmToPrint(TKTokenKeyAlgorithm* algorithm) {
               algorithm:(TKTokenKeyAlgorithm*)algorithm
                   error:(NSError**)error {
   mirel::ErrorArgument argument{error};
-  return mirel::dataOf(core_->decryptData(core_, mirel::bytesOf(ciphertext), mirel::textOfObject(keyObjectID),
-                                          *mirel::wrapped(algorithm), argument.pointer()));
+  return mirel::dataOf([self core]->decryptData([self core], mirel::bytesOf(ciphertext),
+                                                mirel::textOfObject(keyObjectID), *mirel::wrapped(algorithm),
+                                                argument.pointer()));
 }
 
 - (NSData*)tokenSession:(TKTokenSession*)session
@@ -112,15 +115,15 @@ void algorithmToPrint(TKTokenKeyAlgorithm* algorithm) {
                          parameters:(TKTokenKeyExchangeParameters*)parameters
                               error:(NSError**)error {
   mirel::ErrorArgument argument{error};
-  return mirel::dataOf(core_->performKeyExchangeWithPublicKey(
-      core_, mirel::bytesOf(otherPartyPublicKeyData), mirel::textOfObject(keyObjectID),
+  return mirel::dataOf([self core]->performKeyExchangeWithPublicKey(
+      [self core], mirel::bytesOf(otherPartyPublicKeyData), mirel::textOfObject(keyObjectID),
       *mirel::wrapped(algorithm), mirel::wrapped(parameters), argument.pointer()));
 }
 
 - (TKTokenKeychainKey*)authenticatedKeyForObjectID:(TKTokenObjectID)keyObjectID error:(NSError**)error {
   mirel::ErrorArgument argument{error};
   return mirel::objectBehind(
-      core_->authenticatedKeyForObjectID(mirel::textOfObject(keyObjectID), argument.pointer()));
+      [self core]->authenticatedKeyForObjectID(mirel::textOfObject(keyObjectID), argument.pointer()));
 }
 
 - (TKTokenKeychainKey*)generalAuthenticateWithData:(NSData*)data
@@ -129,8 +132,8 @@ void algorithmToPrint(TKTokenKeyAlgorithm* algorithm) {
                                              error:(NSError**)error {
   mirel::ErrorArgument argument{error};
   return mirel::objectBehind(
-      core_->generalAuthenticateWithData(mirel::bytesOf(data), static_cast<std::uint8_t>(dataTag),
-                                         mirel::textOfObject(keyObjectID), argument.pointer()));
+      [self core]->generalAuthenticateWithData(mirel::bytesOf(data), static_cast<std::uint8_t>(dataTag),
+                                               mirel::textOfObject(keyObjectID), argument.pointer()));
 }
 
 @end

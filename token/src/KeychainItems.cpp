@@ -5,7 +5,6 @@
 #include "platform/Certificate.h"
 #include "platform/Log.h"
 #include "provider/CryptTKitSProvider.h"
-#include "token/MirelCTKTokenKeychainKey.h"
 
 namespace mirel {
 namespace {
@@ -74,8 +73,8 @@ void appendKeychainItems(const PlatformServices& services, CryptTKitSProvider& p
   }
 
   const auto key =
-      std::make_shared<MirelCTKTokenKeychainKey>(services, services.tokenKit->allocKeychainKey());
-  if (!key->initWithCertificate(certificate, certificateID, certificateObjectID, true)) return;
+      services.tokenKit->newKeychainKey(services, certificate, certificateID, certificateObjectID, true);
+  if (!key) return;
   const TKTokenConstraints constraints = applyKeyUsage(*certificate, *key);
   key->setLabel(certificateID);
   key->setConstraints(constraints);

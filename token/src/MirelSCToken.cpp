@@ -2,9 +2,9 @@
 
 #include "Description.h"
 #include "KeychainItems.h"
+#include "ReaderName.h"
 #include "platform/Log.h"
 #include "provider/CryptTKitSProvider.h"
-#include "token/MirelSCTokenSession.h"
 
 namespace mirel {
 namespace {
@@ -52,7 +52,7 @@ std::shared_ptr<MirelSCToken> MirelSCToken::initWithSmartCard(
     return nullptr;
   }
 
-  const Text readerName = smartCard->slot()->name();
+  const Text readerName = readerNameOf(smartCard);
   const Text instanceID = provider->getSupportedTokenDescription(readerName);
   if (instanceID.isEmpty()) {
     // Oddity: without an error pointer there is no log line either.
@@ -98,9 +98,8 @@ std::shared_ptr<TKTokenSession> MirelSCToken::createSessionWithError(
   } else if (*outError) {
     log.process(logLine("[%s-%d] Error: %@", kUnit, kSessionErrorLine, errorDescription(**outError)));
   }
-  auto session = std::make_shared<MirelSCTokenSession>(services_, services_.tokenKit->allocTokenSession());
   // Oddity: the session is on this token, whatever token was named.
-  if (!session->initWithToken(weak_from_this().lock())) session = nullptr;
+  const auto session = services_.tokenKit->newTokenSession(services_, weak_from_this().lock());
   log.process(logLine("[%s-%d] token session = %@", kUnit, kSessionLine,
                       objectDescription("MirelSCTokenSession", session.get())));
   return session;

@@ -3,6 +3,7 @@
 #include <optional>
 #include <vector>
 
+#include "ReaderName.h"
 #include "TriesLeft.h"
 #include "platform/Log.h"
 #include "platform/SecretBytes.h"
@@ -24,10 +25,6 @@ Bytes verifyCommand(std::uint8_t cla) {
       std::vector<std::uint8_t>{cla, 0x20, 0x00, 0x80, 0x08, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}};
 }
 
-Text readerNameOf(const std::shared_ptr<TKSmartCard>& card) noexcept {
-  return card ? card->slot()->name() : Text{};
-}
-
 }  // namespace
 
 MirelSCTokenAuth::MirelSCTokenAuth(PlatformServices services,
@@ -39,7 +36,7 @@ bool MirelSCTokenAuth::initWithSession(const std::shared_ptr<MirelSCTokenSession
   const bool made = base_->init();
   if (made) {
     session_ = session;
-    const auto card = session->smartCard();
+    const auto card = session ? session->smartCard() : nullptr;
     setSmartCard(card);
     setAPDUTemplate(verifyCommand(card ? card->cla() : std::uint8_t{0}));
     const auto format = services_.tokenKit->allocPINFormat();
@@ -61,7 +58,10 @@ bool MirelSCTokenAuth::finishWithError(TKErrorPointer outError) noexcept {
 
   const auto provider = session_ ? session_->sp() : nullptr;
   if (!provider) services_.log->systemError("sp is nil");
-  if (provider && provider->userLogin(readerNameOf(smartCard()), pin, pin.length(), &triesLeft)) {
+  const bool loggedIn =
+      provider && provider->userLogin(readerNameOf(smartCard()), pin, pin.length(), &triesLeft);
+  setPIN(nullptr);  // the platform's copy, as far as it can be reached
+  if (loggedIn) {
     if (const auto card = session_->smartCard()) {
       card->setSensitive(true);
       card->setContext(true);

@@ -2,7 +2,6 @@
 
 #include "Description.h"
 #include "platform/Log.h"
-#include "token/MirelSCToken.h"
 
 namespace mirel {
 namespace {
@@ -20,8 +19,7 @@ std::shared_ptr<TKSmartCardToken> MirelSCTokenDriver::createTokenForSmartCard(
     const std::shared_ptr<TKSmartCardTokenDriver>& driver, const std::shared_ptr<TKSmartCard>& smartCard,
     const Bytes& AID, TKErrorPointer outError) noexcept {
   services_.log->systemDefault(logLine("CTK [%s-%d] +++Start+++", kUnit, kStartLine));
-  const auto allocated = std::make_shared<MirelSCToken>(services_, services_.tokenKit->allocSmartCardToken());
-  const auto token = allocated->initWithSmartCard(smartCard, AID, driver, outError);
+  const auto token = services_.tokenKit->newToken(services_, smartCard, AID, driver, outError);
   services_.log->process(
       logLine("[%s-%d] token = %@", kUnit, kTokenLine, objectDescription("MirelSCToken", token.get())));
   services_.log->systemDefault(logLine("CTK [%s-%d] ---END---", kUnit, kEndLine));

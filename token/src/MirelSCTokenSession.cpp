@@ -6,7 +6,6 @@
 #include "platform/LocalizedStrings.h"
 #include "platform/Log.h"
 #include "token/MirelSCToken.h"
-#include "token/MirelSCTokenAuth.h"
 
 namespace mirel {
 namespace {
@@ -50,9 +49,7 @@ std::shared_ptr<TKTokenAuthOperation> MirelSCTokenSession::beginAuthForOperation
     const std::shared_ptr<TKTokenSession>&, TKTokenOperation, const Text& constraint,
     TKErrorPointer outError) noexcept {
   if (asksForPin(constraint)) {
-    auto operation =
-        std::make_shared<MirelSCTokenAuth>(services_, services_.tokenKit->allocPINAuthOperation());
-    return operation->initWithSession(weak_from_this().lock()) ? operation : nullptr;
+    return services_.tokenKit->newPINAuthOperation(services_, weak_from_this().lock());
   }
   if (outError) {
     *outError = TKError{Text{kTKErrorDomain}, static_cast<std::int64_t>(TKErrorCode::kBadParameter),

@@ -1,5 +1,6 @@
 #include "Algorithms.h"
 #include "Description.h"
+#include "ReaderName.h"
 #include "platform/Log.h"
 #include "provider/CryptTKitSProvider.h"
 #include "token/MirelCTKTokenKeychainKey.h"
@@ -55,10 +56,7 @@ std::shared_ptr<TKTokenKeychainKey> MirelSCTokenSession::keyForObjectID(
   return contents ? contents->keyForObjectID(keyObjectID, outError) : nullptr;
 }
 
-Text MirelSCTokenSession::readerName() const noexcept {
-  const auto card = smartCard();
-  return card ? card->slot()->name() : Text{};
-}
+Text MirelSCTokenSession::readerName() const noexcept { return readerNameOf(smartCard()); }
 
 bool MirelSCTokenSession::supportsOperation(const std::shared_ptr<TKTokenSession>&,
                                             TKTokenOperation operation, const Text& keyObjectID,

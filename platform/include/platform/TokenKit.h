@@ -39,6 +39,8 @@ struct TKError {
   Text domain;
   std::int64_t code = 0;
   Text localizedDescription;  ///< null: none
+  /// The platform's own object, for an error that the platform has reported; null for one of ours.
+  std::shared_ptr<const void> platformError{};
 
   [[nodiscard]] bool operator==(const TKError&) const noexcept = default;
 };
@@ -65,6 +67,9 @@ class TKTokenObject {
   /// The platform's own object behind this one, as an untyped pointer that the adapters understand (not
   /// owned by the caller); null where there is none.
   [[nodiscard]] virtual void* platformObject() const noexcept { return nullptr; }
+
+  /// What the platform prints for its object; null where there is none.
+  [[nodiscard]] virtual Text description() const noexcept { return {}; }
 };
 
 /// A reader.
@@ -251,7 +256,7 @@ class TKTokenSmartCardPINAuthOperation : public TKTokenAuthOperation {
   [[nodiscard]] virtual std::shared_ptr<TKSmartCardPINFormat> PINFormat() const noexcept = 0;
   virtual void setPINFormat(const std::shared_ptr<TKSmartCardPINFormat>& format) noexcept = 0;
 
-  /// What the user has entered; null until then. The system drops it when the operation is finished.
+  /// What the user has entered; null until then, and again when the operation has been finished.
   [[nodiscard]] virtual std::shared_ptr<const SecretText> PIN() const noexcept = 0;
   virtual void setPIN(const std::shared_ptr<const SecretText>& pin) noexcept = 0;
 };
@@ -313,8 +318,9 @@ class TKSmartCardTokenDriverDelegate {
       const Bytes& AID, TKErrorPointer outError) noexcept = 0;
 };
 
-/// Allocates the platform's objects, not yet initialised, that this system's own objects build on.
-/// Each is new and never null.
+struct PlatformServices;
+
+/// Makes the objects that a token consists of.
 class TokenKit {
  public:
   TokenKit() = default;
@@ -322,13 +328,29 @@ class TokenKit {
   TokenKit& operator=(const TokenKit&) = delete;
   virtual ~TokenKit() = default;
 
-  [[nodiscard]] virtual std::shared_ptr<TKSmartCardToken> allocSmartCardToken() noexcept = 0;
-  [[nodiscard]] virtual std::shared_ptr<TKSmartCardTokenSession> allocTokenSession() noexcept = 0;
-  [[nodiscard]] virtual std::shared_ptr<TKTokenKeychainCertificate> allocKeychainCertificate() noexcept = 0;
-  [[nodiscard]] virtual std::shared_ptr<TKTokenKeychainKey> allocKeychainKey() noexcept = 0;
-  [[nodiscard]] virtual std::shared_ptr<TKTokenSmartCardPINAuthOperation>
-  allocPINAuthOperation() noexcept = 0;
+  // ---- This system's own objects, each new and initialised as its class says; null when that fails. They
+  // use `services`. ----
 
+  [[nodiscard]] virtual std::shared_ptr<TKSmartCardToken> newToken(
+      const PlatformServices& services, const std::shared_ptr<TKSmartCard>& smartCard, const Bytes& AID,
+      const std::shared_ptr<TKSmartCardTokenDriver>& driver, TKErrorPointer outError) noexcept = 0;
+
+  /// `token`: one that a token kit has made.
+  [[nodiscard]] virtual std::shared_ptr<TKSmartCardTokenSession> newTokenSession(
+      const PlatformServices& services, const std::shared_ptr<TKSmartCardToken>& token) noexcept = 0;
+
+  /// `session`: one that a token kit has made.
+  [[nodiscard]] virtual std::shared_ptr<TKTokenSmartCardPINAuthOperation> newPINAuthOperation(
+      const PlatformServices& services, const std::shared_ptr<TKSmartCardTokenSession>& session) noexcept = 0;
+
+  [[nodiscard]] virtual std::shared_ptr<TKTokenKeychainKey> newKeychainKey(
+      const PlatformServices& services, const std::shared_ptr<SecCertificate>& certificate,
+      const Text& objectID, const Text& certificateID, bool alwaysAuthenticate) noexcept = 0;
+
+  // ---- The platform's own objects, each new and never null. ----
+
+  /// Not yet initialised.
+  [[nodiscard]] virtual std::shared_ptr<TKTokenKeychainCertificate> allocKeychainCertificate() noexcept = 0;
   /// Needs no further initialisation.
   [[nodiscard]] virtual std::shared_ptr<TKSmartCardPINFormat> allocPINFormat() noexcept = 0;
 };

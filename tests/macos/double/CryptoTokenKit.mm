@@ -2,6 +2,8 @@
 
 #include <openssl/sha.h>
 
+#include <cstdio>
+#include <cstdlib>
 #include <mutex>
 
 #import "Objects.h"
@@ -44,8 +46,33 @@ static id itemFor(NSArray* items, Class type, TKTokenObjectID objectID, NSError*
   for (TKTokenKeychainItem* item in items) {
     if ([item isKindOfClass:type] && [[item objectID] isEqual:objectID]) return [[item retain] autorelease];
   }
-  if (error) *error = [NSError errorWithDomain:TKErrorDomain code:TKErrorCodeObjectNotFound userInfo:nil];
+  if (!objectID) {
+    (void)std::fprintf(stderr, "an item is looked for without an identifier\n");
+    std::abort();
+  }
+  NSDictionary* const more = switches().explainsMissingKeys ? @{@"Searched" : objectID} : nil;
+  if (error) *error = [NSError errorWithDomain:TKErrorDomain code:TKErrorCodeObjectNotFound userInfo:more];
   return nil;
+}
+
+/// What a base initialiser goes on with: the object itself, or another one in its place.
+static id initialised(id object) {
+  if (!switches().replacesObjects) return object;
+  const id other = [[object class] alloc];
+  [object release];
+  return other;
+}
+
+static TKTokenKeychainKey* plainCopyOf(TKTokenKeychainKey* key) {
+  TKTokenKeychainKey* const copy =
+      [[[TKTokenKeychainKey alloc] initWithCertificate:nullptr objectID:[key objectID]] autorelease];
+  [copy setLabel:[key label]];
+  [copy setConstraints:[key constraints]];
+  [copy setCanSign:[key canSign]];
+  [copy setCanDecrypt:[key canDecrypt]];
+  [copy setCanPerformKeyExchange:[key canPerformKeyExchange]];
+  [copy setSuitableForLogin:[key isSuitableForLogin]];
+  return copy;
 }
 
 // ---- Reader and card ----
@@ -147,14 +174,16 @@ static id itemFor(NSArray* items, Class type, TKTokenObjectID objectID, NSError*
 @implementation TKTokenKeychainItem
 @synthesize objectID = _objectID, label = _label, constraints = _constraints;
 - (instancetype)initWithObjectID:(TKTokenObjectID)objectID {
+  self = initialised(self);
   if ((self = [super init])) {
     countObject("TKTokenKeychainItem", 1);
+    _counted = YES;
     _objectID = [objectID copy];
   }
   return self;
 }
 - (void)dealloc {
-  countObject("TKTokenKeychainItem", -1);
+  if (_counted) countObject("TKTokenKeychainItem", -1);
   [_objectID release];
   [_label release];
   [_constraints release];
@@ -240,9 +269,11 @@ static id itemFor(NSArray* items, Class type, TKTokenObjectID objectID, NSError*
   [_items release];
   _items = copy;
   ++_numFills;
+  switches().whenContentsAreFilled();
 }
 - (TKTokenKeychainKey*)keyForObjectID:(TKTokenObjectID)objectID error:(NSError**)error {
-  return itemFor(_items, [TKTokenKeychainKey class], objectID, error);
+  TKTokenKeychainKey* const key = itemFor(_items, [TKTokenKeychainKey class], objectID, error);
+  return key && switches().copiesKeys ? plainCopyOf(key) : key;
 }
 - (TKTokenKeychainCertificate*)certificateForObjectID:(TKTokenObjectID)objectID error:(NSError**)error {
   return itemFor(_items, [TKTokenKeychainCertificate class], objectID, error);
@@ -254,10 +285,11 @@ static id itemFor(NSArray* items, Class type, TKTokenObjectID objectID, NSError*
 @implementation TKToken
 @synthesize tokenDriver = _tokenDriver, keychainContents = _keychainContents;
 - (instancetype)initWithTokenDriver:(TKTokenDriver*)tokenDriver instanceID:(TKTokenInstanceID)instanceID {
+  self = initialised(self);
   if (!(self = [super init])) return nil;
   countObject("TKToken", 1);
   _counted = YES;  // a token may go without having been initialised
-  switches().whenTokenIsInitialised();
+  switches().whenTokenIsInitialised(self);
   if (switches().refusesTokens) {
     [self release];
     return nil;
@@ -360,11 +392,14 @@ static id itemFor(NSArray* items, Class type, TKTokenObjectID objectID, NSError*
 
 @implementation TKTokenAuthOperation
 - (instancetype)init {
-  if ((self = [super init])) countObject("TKTokenAuthOperation", 1);
+  if ((self = [super init])) {
+    countObject("TKTokenAuthOperation", 1);
+    _counted = YES;
+  }
   return self;
 }
 - (void)dealloc {
-  countObject("TKTokenAuthOperation", -1);
+  if (_counted) countObject("TKTokenAuthOperation", -1);
   [super dealloc];
 }
 - (BOOL)finishWithError:(NSError**)error {
@@ -392,8 +427,9 @@ static id itemFor(NSArray* items, Class type, TKTokenObjectID objectID, NSError*
 @synthesize PINFormat = _PINFormat, APDUTemplate = _APDUTemplate, PINByteOffset = _PINByteOffset,
             smartCard = _smartCard, PIN = _PIN;
 - (instancetype)init {
+  self = initialised(self);
   if (!(self = [super init])) return nil;
-  switches().whenPinOperationIsInitialised();
+  switches().whenPinOperationIsInitialised(self);
   if (switches().refusesPinOperations) {
     [self release];
     return nil;
@@ -413,8 +449,11 @@ static id itemFor(NSArray* items, Class type, TKTokenObjectID objectID, NSError*
 @implementation TKTokenSession
 @synthesize token = _token;
 - (instancetype)initWithToken:(TKToken*)token {
+  self = initialised(self);
   if (!(self = [super init])) return nil;
   countObject("TKTokenSession", 1);
+  _counted = YES;  // a session may go without having been initialised
+  switches().whenSessionIsInitialised(self);
   if (switches().refusesSessions) {
     [self release];
     return nil;
@@ -424,7 +463,7 @@ static id itemFor(NSArray* items, Class type, TKTokenObjectID objectID, NSError*
   return self;
 }
 - (void)dealloc {
-  countObject("TKTokenSession", -1);
+  if (_counted) countObject("TKTokenSession", -1);
   [_token release];
   [super dealloc];
 }

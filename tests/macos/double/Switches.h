@@ -15,6 +15,14 @@ enum class KeyUsageForm {
   kError,       ///< no values at all, but an error
 };
 
+/// What SecCertificateCopyValues answers about the end of a certificate's validity.
+enum class ValidityForm {
+  kSeconds,  ///< a number of seconds since the first day of 2001
+  kDate,     ///< a date object
+  kText,     ///< a text instead
+  kFarAway,  ///< a number beyond every calendar
+};
+
 /// How the platform behaves. Tests set these through a `ScopedSwitches`.
 struct Switches {
   /// The base initialisers of tokens, sessions, items and PIN operations answer nil.
@@ -33,9 +41,27 @@ struct Switches {
   /// The lines of the unified log's default level are not wanted.
   bool defaultLevelOff = false;
   KeyUsageForm keyUsageForm = KeyUsageForm::kBitNumbers;
-  /// Called when the base initialiser of a token or of a PIN operation runs.
-  std::function<void()> whenTokenIsInitialised = [] {};
-  std::function<void()> whenPinOperationIsInitialised = [] {};
+  ValidityForm validityForm = ValidityForm::kSeconds;
+  /// Certificates have no summary of their subject.
+  bool withoutSummary = false;
+  /// What LSRegisterURL and CFUserNotificationDisplayAlert answer.
+  int registrationStatus = 0;
+  int messageStatus = 0;
+  /// Base initialisers answer another object of the class than the one that was allocated.
+  bool replacesObjects = false;
+  /// Keys are not handed out as the objects that were filled in, but as plain key items with the same
+  /// contents.
+  bool copiesKeys = false;
+  /// The error of a key that there is not tells more than its domain and code.
+  bool explainsMissingKeys = false;
+  /// A PIN that goes into a command is sent by the system itself, and the operation does not get it.
+  bool sendsPinsItself = false;
+  /// Called, with the object, when the base initialiser of a token, of a session or of a PIN operation runs.
+  std::function<void(void*)> whenTokenIsInitialised = [](void*) {};
+  std::function<void(void*)> whenSessionIsInitialised = [](void*) {};
+  std::function<void(void*)> whenPinOperationIsInitialised = [](void*) {};
+  /// Called when keychain contents are being filled.
+  std::function<void()> whenContentsAreFilled = [] {};
 };
 
 [[nodiscard]] Switches& switches();

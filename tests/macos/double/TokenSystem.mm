@@ -11,6 +11,7 @@
 #include <utility>
 
 #import "Objects.h"
+#import "Switches.h"
 #import "Utf8.h"
 
 namespace mirel::test {
@@ -287,7 +288,9 @@ std::optional<PinRequest> TokenSystem::pinRequest() const {
 void TokenSystem::enterPin(const std::optional<std::string>& pin) {
   @autoreleasepool {
     if (![authOperation() isKindOfClass:[TKTokenSmartCardPINAuthOperation class]]) return;
-    [(TKTokenSmartCardPINAuthOperation*)authOperation() setPIN:pin ? string(*pin) : nil];
+    TKTokenSmartCardPINAuthOperation* const operation = authOperation();
+    const bool sent = switches().sendsPinsItself && [operation APDUTemplate];
+    [operation setPIN:pin && !sent ? string(*pin) : nil];
   }
 }
 

@@ -40,6 +40,7 @@ class MirelCTKTokenKeychainKey final : public TKTokenKeychainKey {
     base_->setConstraints(constraints);
   }
   [[nodiscard]] void* platformObject() const noexcept override { return base_->platformObject(); }
+  [[nodiscard]] Text description() const noexcept override { return base_->description(); }
   [[nodiscard]] CertificateKeyType keyType() const noexcept override { return base_->keyType(); }
   [[nodiscard]] int keySizeInBits() const noexcept override { return base_->keySizeInBits(); }
   [[nodiscard]] bool canSign() const noexcept override { return base_->canSign(); }

@@ -27,7 +27,7 @@ class MirelSCToken final : public TKSmartCardToken,
   [[nodiscard]] std::shared_ptr<CryptTKitSProvider> sp() const noexcept { return sp_.get(); }
   void setSp(std::shared_ptr<CryptTKitSProvider> provider) noexcept { sp_.set(std::move(provider)); }
 
-  /// `smartCard` is not null. Makes the provider, names the token after the card, registers it with the
+  /// Makes the provider, names the token after the card, registers it with the
   /// platform and fills its keychain contents. Returns this token, or null:
   /// - the module cannot be opened: `outError` is left alone;
   /// - the card cannot be read: `outError` gets kObjectNotFound;
@@ -52,6 +52,7 @@ class MirelSCToken final : public TKSmartCardToken,
     return base_->keychainContents();
   }
   [[nodiscard]] void* platformObject() const noexcept override { return base_->platformObject(); }
+  [[nodiscard]] Text description() const noexcept override { return base_->description(); }
 
  private:
   void fillKeychainContents(CryptTKitSProvider& provider, const Text& readerName) noexcept;

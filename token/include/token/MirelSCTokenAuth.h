@@ -18,7 +18,7 @@ class MirelSCTokenAuth final : public TKTokenSmartCardPINAuthOperation {
   MirelSCTokenAuth(PlatformServices services,
                    std::shared_ptr<TKTokenSmartCardPINAuthOperation> base) noexcept;
 
-  /// `session` is not null. Sets the card, the command and the PIN format. False when the platform refuses
+  /// Sets the card, the command and the PIN format. False when the platform refuses
   /// the operation.
   [[nodiscard]] bool initWithSession(const std::shared_ptr<MirelSCTokenSession>& session) noexcept;
 
@@ -33,6 +33,7 @@ class MirelSCTokenAuth final : public TKTokenSmartCardPINAuthOperation {
   // The platform's PIN operation.
   [[nodiscard]] bool init() noexcept override { return base_->init(); }
   [[nodiscard]] void* platformObject() const noexcept override { return base_->platformObject(); }
+  [[nodiscard]] Text description() const noexcept override { return base_->description(); }
   [[nodiscard]] std::shared_ptr<TKSmartCard> smartCard() const noexcept override {
     return base_->smartCard();
   }

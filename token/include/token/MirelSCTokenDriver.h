@@ -13,8 +13,8 @@ class MirelSCTokenDriver final : public TKSmartCardTokenDriver, public TKSmartCa
  public:
   explicit MirelSCTokenDriver(PlatformServices services) noexcept;
 
-  /// The card's token, or null. `driver`: this very driver as the system knows it, handed on to the token;
-  /// `smartCard`: not null. See MirelSCToken::initWithSmartCard for errors.
+  /// The card's token, or null. `driver`: this very driver as the system knows it, handed on to the token.
+  /// See MirelSCToken::initWithSmartCard for errors.
   [[nodiscard]] std::shared_ptr<TKSmartCardToken> createTokenForSmartCard(
       const std::shared_ptr<TKSmartCardTokenDriver>& driver, const std::shared_ptr<TKSmartCard>& smartCard,
       const Bytes& AID, TKErrorPointer outError) noexcept override;

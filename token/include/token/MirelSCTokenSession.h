@@ -96,6 +96,7 @@ class MirelSCTokenSession final : public TKSmartCardTokenSession,
   }
   [[nodiscard]] std::shared_ptr<TKSmartCardToken> token() const noexcept override { return base_->token(); }
   [[nodiscard]] void* platformObject() const noexcept override { return base_->platformObject(); }
+  [[nodiscard]] Text description() const noexcept override { return base_->description(); }
   [[nodiscard]] std::shared_ptr<TKSmartCard> smartCard() const noexcept override {
     return base_->smartCard();
   }

@@ -145,6 +145,7 @@ typedef NS_ENUM(NSInteger, TKSmartCardPINJustification) {
   TKTokenObjectID _objectID;
   NSString* _label;
   NSDictionary<NSNumber*, TKTokenOperationConstraint>* _constraints;
+  BOOL _counted;
 }
 - (instancetype)initWithObjectID:(TKTokenObjectID)objectID NS_DESIGNATED_INITIALIZER;
 - (instancetype)init NS_UNAVAILABLE;
@@ -262,7 +263,10 @@ typedef NS_ENUM(NSInteger, TKSmartCardPINJustification) {
 @property(readonly, copy, nullable) NSData* sharedInfo;
 @end
 
-@interface TKTokenAuthOperation : NSObject <NSSecureCoding>
+@interface TKTokenAuthOperation : NSObject <NSSecureCoding> {
+ @private
+  BOOL _counted;
+}
 - (BOOL)finishWithError:(NSError**)error;
 @end
 
@@ -320,6 +324,7 @@ typedef NS_ENUM(NSInteger, TKSmartCardPINJustification) {
  @private
   TKToken* _token;
   __unsafe_unretained id<TKTokenSessionDelegate> _delegate;
+  BOOL _counted;
 }
 - (instancetype)initWithToken:(TKToken*)token NS_DESIGNATED_INITIALIZER;
 - (instancetype)init NS_UNAVAILABLE;

@@ -1,0 +1,124 @@
+"""The Objective-C classes as the compiler sees them: what they are derived from, which protocols they have taken on, and
+each property's type and attributes. The runtime of this system does not keep all of that."""
+
+import argparse
+import json
+import pathlib
+import re
+import shlex
+import subprocess
+import sys
+import tempfile
+
+HEADERS = ["MirelCTKTokenKeychainKey.h", "MirelSCToken.h", "MirelSCTokenAuth.h", "MirelSCTokenDriver.h", "MirelSCTokenSession.h"]
+
+# class -> (base, protocols, property -> (type, attributes))
+EXPECTED = {
+    "MirelSCTokenDriver": ("TKSmartCardTokenDriver", ["TKSmartCardTokenDriverDelegate"], {}),
+    "MirelSCToken": (
+        "TKSmartCardToken",
+        ["TKTokenDelegate"],
+        {"sp": ("CryptTKitSProvider *", "readwrite atomic strong")},
+    ),
+    "MirelCTKTokenKeychainKey": (
+        "TKTokenKeychainKey",
+        [],
+        {
+            "certificateID": ("id", "readonly atomic strong"),
+            "alwaysAuthenticate": ("BOOL", "readonly atomic"),
+        },
+    ),
+    "MirelSCTokenSession": (
+        "TKSmartCardTokenSession",
+        ["TKTokenSessionDelegate"],
+        {
+            "authState": ("NSInteger", "assign readwrite atomic unsafe_unretained"),
+            "sp": ("CryptTKitSProvider *", "readwrite atomic strong"),
+        },
+    ),
+    "MirelSCTokenAuth": (
+        "TKTokenSmartCardPINAuthOperation",
+        [],
+        {"session": ("MirelSCTokenSession *", "readonly atomic strong")},
+    ),
+}
+
+# What a copy of the headers is spoiled by, and whether that must be seen.
+SPOILED = [
+    ("MirelSCToken.h", "atomic, strong", "nonatomic, strong"),
+    ("MirelSCToken.h", "atomic, strong", "atomic, assign"),
+    ("MirelSCTokenAuth.h", "strong, readonly", "strong, readwrite"),
+    ("MirelCTKTokenKeychainKey.h", "@property(atomic, readonly) BOOL", "@property(atomic, readonly) int"),
+    ("MirelSCTokenSession.h", "<TKTokenSessionDelegate>", ""),
+    ("MirelSCTokenDriver.h", ": TKSmartCardTokenDriver ", ": TKTokenDriver "),
+]
+
+
+def compiler_for(database):
+    """The command that compiled the session's class, without its source and its output."""
+    for entry in json.loads(database.read_text()):
+        if entry["file"].endswith("token/macos/MirelSCTokenSession.mm"):
+            words = shlex.split(entry["command"])
+            output, source = words.index("-o"), words.index("-c")
+            return [word for i, word in enumerate(words) if i not in (output, output + 1, source, source + 1)]
+    sys.exit("no command has compiled the classes")
+
+
+def interfaces(compiler, folder):
+    """The same as EXPECTED, of the headers in that folder."""
+    source = "".join(f'#import "{folder}/{header}"\n' for header in HEADERS)
+    done = subprocess.run(
+        [*compiler, "-fsyntax-only", "-fno-color-diagnostics", "-Xclang", "-ast-dump", "-Xclang", "-ast-dump-filter",
+         "-Xclang", "Mirel", "-x", "objective-c++", "-"],
+        input=source, capture_output=True, text=True, timeout=100, check=False,
+    )  # fmt: skip
+    if done.returncode:
+        sys.exit(done.stderr)
+    found = {}  # a class can be declared several times, of which one has everything
+    name = ""
+    for line in done.stdout.splitlines():
+        if match := re.match(r"ObjCInterfaceDecl .* (\w+)$", line):
+            name = match[1]
+        elif match := re.match(r"[|`]-super ObjCInterface 0x\w+ '(\w+)'", line):
+            found.setdefault(name, (match[1], [], {}))
+        elif match := re.match(r"[|`]-ObjCProtocol 0x\w+ '(\w+)'", line):
+            if match[1] not in found[name][1]:
+                found[name][1].append(match[1])
+        elif match := re.match(r"[|`]-ObjCPropertyDecl .* (\w+) '([^']*)'(?::'[^']*')? ([\w ]+)$", line):
+            kind = re.sub(r" _(Nullable|Nonnull)", "", match[2])
+            found[name][2][match[1]] = (kind, match[3])
+    return found
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--source", type=pathlib.Path, required=True)
+    parser.add_argument("--build", type=pathlib.Path, required=True)
+    given = parser.parse_args()
+    compiler = compiler_for(given.build / "compile_commands.json")
+    classes = given.source / "token/macos"
+    failures = 0
+    found = interfaces(compiler, classes)
+    for name, expected in EXPECTED.items():
+        if found.get(name) != expected:
+            failures += 1
+            print(f"FAILED: {name}\n  is:        {found.get(name)}\n  should be: {expected}")
+
+    with tempfile.TemporaryDirectory(prefix="mirel interfaces ") as folder:
+        copies = pathlib.Path(folder)
+        for header, old, new in SPOILED:
+            for file in classes.glob("*.h"):
+                (copies / file.name).write_text(file.read_text())
+            text = (copies / header).read_text()
+            if old not in text:
+                sys.exit(f"{header} has no {old!r} to be spoiled")
+            (copies / header).write_text(text.replace(old, new))
+            if interfaces([f"-I{copies}" if word == f"-I{classes}" else word for word in compiler], copies) == found:
+                failures += 1
+                print(f"FAILED: {header} with {new!r} in the place of {old!r} is not found out")
+    print(f"{len(EXPECTED) + len(SPOILED)} checks, {failures} failed")
+    sys.exit(1 if failures else 0)
+
+
+if __name__ == "__main__":
+    main()
