@@ -3,6 +3,11 @@
 #import <Foundation/Foundation.h>
 #import <Security/Security.h>
 
+#include <array>
+#include <cmath>
+#include <cstdio>
+#include <ctime>
+
 #include "Certificate.h"
 #include "Convert.h"
 #include "Holder.h"
@@ -11,7 +16,6 @@
 namespace mirel {
 namespace {
 
-/// A certificate of the platform. What only the command line shows is left out here.
 class PlatformCertificate final : public SecCertificate {
  public:
   PlatformCertificate(Bytes der, CFHolder<SecCertificateRef> certificate)
@@ -19,30 +23,94 @@ class PlatformCertificate final : public SecCertificate {
 
   [[nodiscard]] Bytes data() const noexcept override { return der_; }
   [[nodiscard]] std::optional<std::int32_t> keyUsage() const noexcept override;
-  [[nodiscard]] Text subject() const noexcept override { return {}; }
-  [[nodiscard]] Text notAfter() const noexcept override { return {}; }
-  [[nodiscard]] CertificateKeyType keyType() const noexcept override { return CertificateKeyType::kOther; }
-  [[nodiscard]] int keySizeInBits() const noexcept override { return 0; }
+  [[nodiscard]] Text subject() const noexcept override;
+  [[nodiscard]] Text notAfter() const noexcept override;
+  [[nodiscard]] CertificateKeyType keyType() const noexcept override;
+  [[nodiscard]] int keySizeInBits() const noexcept override;
 
   [[nodiscard]] SecCertificateRef ref() const noexcept { return certificate_.get(); }
 
  private:
+  /// An attribute of the public key, autoreleased; nil when there is none.
+  [[nodiscard]] id keyAttribute(CFStringRef name) const noexcept;
+
   Bytes der_;
   CFHolder<SecCertificateRef> certificate_;
 };
 
+/// The value of an entry in what SecCertificateCopyValues tells of the certificate, autoreleased; nil when
+/// there is none.
+id valueOf(SecCertificateRef certificate, CFStringRef entry) noexcept {
+  const auto values =
+      CFHolder<CFDictionaryRef>::adopt(SecCertificateCopyValues(certificate, nullptr, nullptr));
+  NSDictionary* entries = (NSDictionary*)values.get();
+  NSDictionary* found = [entries objectForKey:(NSString*)entry];
+  return ObjCHolder<NSObject>::retain([found objectForKey:(NSString*)kSecPropertyKeyValue]).autoreleased();
+}
+
+/// "YYYY-MM-DDThh:mm:ssZ"; null for a time that no calendar has.
+Text utcLine(NSTimeInterval since1970) noexcept {
+  constexpr double kMost = 253402300799.0;  // the end of the year 9999
+  if (!(since1970 >= -kMost && since1970 <= kMost)) return {};
+  const auto seconds = static_cast<std::time_t>(std::floor(since1970));
+  std::tm utc{};
+  if (!gmtime_r(&seconds, &utc)) return {};
+  std::array<char, 80> line{};  // room for six numbers of any value
+  (void)std::snprintf(line.data(), line.size(), "%04d-%02d-%02dT%02d:%02d:%02dZ", utc.tm_year + 1900,
+                      utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec);
+  return Text::fromUtf8(line.data());
+}
+
 std::optional<std::int32_t> PlatformCertificate::keyUsage() const noexcept {
   @autoreleasepool {
-    const auto values =
-        CFHolder<CFDictionaryRef>::adopt(SecCertificateCopyValues(certificate_.get(), nullptr, nullptr));
-    if (!values) return std::nullopt;
-    NSDictionary* entries = (NSDictionary*)values.get();
-    NSDictionary* entry = [entries objectForKey:(NSString*)kSecOIDKeyUsage];
-    const id value = [entry objectForKey:(NSString*)kSecPropertyKeyValue];
-    if (![value isKindOfClass:[NSNumber class]]) return std::nullopt;
-    // Which bit of the number stands for which use is not documented, and the SDK declares two layouts
-    // (digitalSignature as the lowest bit, and as 0x8000). The bits are the certificate's own, therefore.
+    if (!valueOf(certificate_.get(), kSecOIDKeyUsage)) return std::nullopt;
+    // What the value looks like is not documented: the SDK declares two layouts of a number (digitalSignature
+    // as the lowest bit, and as 0x8000), and any other object is possible. The bits are the certificate's
+    // own, therefore.
     return keyUsageOfCertificate(der_.view());
+  }
+}
+
+Text PlatformCertificate::subject() const noexcept {
+  @autoreleasepool {
+    const auto summary = CFHolder<CFStringRef>::adopt(SecCertificateCopySubjectSummary(certificate_.get()));
+    return textOf((NSString*)summary.get()).isNull() ? Text{u""} : textOf((NSString*)summary.get());
+  }
+}
+
+Text PlatformCertificate::notAfter() const noexcept {
+  @autoreleasepool {
+    const id value = valueOf(certificate_.get(), kSecOIDX509V1ValidityNotAfter);
+    // A number counts from the first day of 2001, in UTC.
+    if ([value isKindOfClass:[NSNumber class]]) {
+      return utcLine([static_cast<NSNumber*>(value) doubleValue] + NSTimeIntervalSince1970);
+    }
+    return [value isKindOfClass:[NSDate class]] ? utcLine([static_cast<NSDate*>(value) timeIntervalSince1970])
+                                                : Text{};
+  }
+}
+
+id PlatformCertificate::keyAttribute(CFStringRef name) const noexcept {
+  const auto key = CFHolder<SecKeyRef>::adopt(SecCertificateCopyKey(certificate_.get()));
+  if (!key) return nil;
+  const auto attributes = CFHolder<CFDictionaryRef>::adopt(SecKeyCopyAttributes(key.get()));
+  return ObjCHolder<NSObject>::retain([(NSDictionary*)attributes.get() objectForKey:(NSString*)name])
+      .autoreleased();
+}
+
+CertificateKeyType PlatformCertificate::keyType() const noexcept {
+  @autoreleasepool {
+    const id type = keyAttribute(kSecAttrKeyType);
+    if ([type isEqual:(NSString*)kSecAttrKeyTypeRSA]) return CertificateKeyType::kRSA;
+    if ([type isEqual:(NSString*)kSecAttrKeyTypeECSECPrimeRandom]) return CertificateKeyType::kECPrimeRandom;
+    return CertificateKeyType::kOther;
+  }
+}
+
+int PlatformCertificate::keySizeInBits() const noexcept {
+  @autoreleasepool {
+    const id bits = keyAttribute(kSecAttrKeySizeInBits);
+    return [bits isKindOfClass:[NSNumber class]] ? [static_cast<NSNumber*>(bits) intValue] : 0;
   }
 }
 

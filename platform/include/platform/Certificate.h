@@ -32,7 +32,7 @@ class SecCertificate {
   /// no such extension or its value cannot be read.
   [[nodiscard]] virtual std::optional<std::int32_t> keyUsage() const noexcept = 0;
 
-  /// The subject's name as one line (RFC 2253).
+  /// The subject's name as one line: RFC 2253's on Linux, the platform's summary of it on macOS. Never null.
   [[nodiscard]] virtual Text subject() const noexcept = 0;
 
   /// The end of its validity as UTC, "YYYY-MM-DDThh:mm:ssZ"; null when it cannot be read.

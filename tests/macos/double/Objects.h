@@ -4,6 +4,7 @@
 /// into them.
 
 #import <CryptoTokenKit/CryptoTokenKit.h>
+#include <openssl/evp.h>
 
 #include <vector>
 
@@ -45,6 +46,19 @@ NS_ASSUME_NONNULL_BEGIN
 + (instancetype)parametersWithRequestedSize:(NSInteger)size sharedInfo:(nullable NSData*)info;
 @end
 
+/// What a SecKeyRef is: a public key.
+@interface DoubleKey : NSObject {
+ @private
+  EVP_PKEY* _key;
+  NSString* _keyType;
+  NSInteger _keySizeInBits;
+}
+- (instancetype)initWithKey:(EVP_PKEY*)key keyType:(NSString*)keyType;
+- (EVP_PKEY*)key;
+@property(readonly) NSString* keyType;
+@property(readonly) NSInteger keySizeInBits;
+@end
+
 /// What a SecCertificateRef is.
 @interface DoubleCertificate : NSObject {
  @private
@@ -53,6 +67,9 @@ NS_ASSUME_NONNULL_BEGIN
   NSInteger _keySizeInBits;
   NSData* _publicKey;
   NSNumber* _keyUsage;
+  NSString* _commonName;
+  NSDate* _notAfter;
+  DoubleKey* _key;
 }
 - (nullable instancetype)initWithDer:(NSData*)der;
 @property(readonly) NSData* der;
@@ -63,6 +80,10 @@ NS_ASSUME_NONNULL_BEGIN
 @property(readonly, nullable) NSData* publicKey;
 /// Bit n is bit n of RFC 5280's bit string; nil without the extension.
 @property(readonly, nullable) NSNumber* keyUsage;
+@property(readonly, nullable) NSString* commonName;
+@property(readonly, nullable) NSDate* notAfter;
+/// Nil like keyType.
+@property(readonly, nullable) DoubleKey* key;
 @end
 
 NS_ASSUME_NONNULL_END

@@ -1,12 +1,18 @@
 #import <Security/Security.h>
 
+#include <openssl/bn.h>
+#include <openssl/ecdsa.h>
 #include <openssl/evp.h>
+#include <openssl/rsa.h>
 #include <openssl/x509.h>
 #include <openssl/x509v3.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <memory>
+#include <string>
+#include <string_view>
 #include <vector>
 
 #import "Objects.h"
@@ -19,6 +25,7 @@ namespace {
 struct OpenSslFree {
   void operator()(X509* certificate) const noexcept { X509_free(certificate); }
   void operator()(ASN1_BIT_STRING* bits) const noexcept { ASN1_BIT_STRING_free(bits); }
+  void operator()(EVP_PKEY_CTX* context) const noexcept { EVP_PKEY_CTX_free(context); }
 };
 
 /// The object behind a reference, which must be none of nothing.
@@ -57,6 +64,26 @@ NSNumber* keyUsageOf(const X509* certificate) {
   return [NSNumber numberWithInt:usage];
 }
 
+NSDate* notAfterOf(const X509* certificate) {
+  std::tm utc{};
+  if (ASN1_TIME_to_tm(X509_get0_notAfter(certificate), &utc) != 1) return nil;
+  return [NSDate dateWithTimeIntervalSince1970:(NSTimeInterval)timegm(&utc)];
+}
+
+NSString* commonNameOf(const X509* certificate) {
+  const X509_NAME* const name = X509_get_subject_name(certificate);
+  const int index = X509_NAME_get_index_by_NID(name, NID_commonName, -1);
+  if (index < 0) return nil;
+  unsigned char* utf8 = nullptr;
+  const int size = ASN1_STRING_to_UTF8(&utf8, X509_NAME_ENTRY_get_data(X509_NAME_get_entry(name, index)));
+  if (size < 0) return nil;
+  NSString* const text = [[[NSString alloc] initWithBytes:utf8
+                                                   length:(NSUInteger)size
+                                                 encoding:NSUTF8StringEncoding] autorelease];
+  OPENSSL_free(utf8);
+  return text;
+}
+
 int withHighBits(int usage) {
   int other = 0;
   for (int bit = 0; bit < 9; ++bit) {
@@ -75,11 +102,56 @@ id keyUsageValue(NSNumber* usage) {
   }
 }
 
+/// The value of the entry for the end of the validity in the form that is switched on, or nil.
+id notAfterValue(NSDate* notAfter) {
+  switch (switches().validityForm) {
+    case ValidityForm::kDate: return notAfter;
+    case ValidityForm::kText: return @"tomorrow";
+    case ValidityForm::kFarAway: return [NSNumber numberWithDouble:1e300];
+    default: return [NSNumber numberWithDouble:[notAfter timeIntervalSinceReferenceDate]];
+  }
+}
+
+NSDictionary* entryOf(NSString* label, id value) {
+  NSMutableDictionary* const entry = [NSMutableDictionary dictionary];
+  [entry setObject:@"double type" forKey:(id)kSecPropertyKeyType];
+  [entry setObject:label forKey:(id)kSecPropertyKeyLabel];
+  [entry setObject:label forKey:(id)kSecPropertyKeyLocalizedLabel];
+  if (value) [entry setObject:value forKey:(id)kSecPropertyKeyValue];
+  return entry;
+}
+
 }  // namespace
+
+@implementation DoubleKey
+@synthesize keyType = _keyType, keySizeInBits = _keySizeInBits;
+
+- (instancetype)initWithKey:(EVP_PKEY*)key keyType:(NSString*)keyType {
+  self = [super init];
+  if (!self) return nil;
+  countObject("SecKey", 1);
+  EVP_PKEY_up_ref(key);
+  _key = key;
+  _keyType = [keyType retain];
+  _keySizeInBits = EVP_PKEY_get_bits(key);
+  return self;
+}
+
+- (EVP_PKEY*)key {
+  return _key;
+}
+
+- (void)dealloc {
+  countObject("SecKey", -1);
+  EVP_PKEY_free(_key);
+  [_keyType release];
+  [super dealloc];
+}
+@end
 
 @implementation DoubleCertificate
 @synthesize der = _der, keyType = _keyType, keySizeInBits = _keySizeInBits, publicKey = _publicKey,
-            keyUsage = _keyUsage;
+            keyUsage = _keyUsage, commonName = _commonName, notAfter = _notAfter, key = _key;
 
 - (instancetype)initWithDer:(NSData*)der {
   self = [super init];
@@ -94,10 +166,15 @@ id keyUsageValue(NSNumber* usage) {
   }
   _der = [der copy];
   _keyUsage = [keyUsageOf(x509.get()) retain];
-  if (const EVP_PKEY* key = X509_get0_pubkey(x509.get())) {
+  _commonName = [commonNameOf(x509.get()) retain];
+  _notAfter = [notAfterOf(x509.get()) retain];
+  if (EVP_PKEY* key = X509_get0_pubkey(x509.get())) {
     _keyType = [keyTypeOf(key) retain];
     _keySizeInBits = EVP_PKEY_get_bits(key);
-    if (_keyType) _publicKey = [encoded<i2d_PublicKey>(key) retain];
+    if (_keyType) {
+      _publicKey = [encoded<i2d_PublicKey>(key) retain];
+      _key = [[DoubleKey alloc] initWithKey:key keyType:_keyType];
+    }
   }
   return self;
 }
@@ -108,6 +185,9 @@ id keyUsageValue(NSNumber* usage) {
   [_keyType release];
   [_publicKey release];
   [_keyUsage release];
+  [_commonName release];
+  [_notAfter release];
+  [_key release];
   [super dealloc];
 }
 @end
@@ -165,10 +245,13 @@ Boolean CFNumberGetValue(CFNumberRef number, CFNumberType type, void* outValue) 
 // ---- Certificates ----
 
 const CFStringRef kSecOIDKeyUsage = CFSTR("double OID of the key usage");
+const CFStringRef kSecOIDX509V1ValidityNotAfter = CFSTR("double OID of the end");
 const CFStringRef kSecPropertyKeyType = CFSTR("double type");
 const CFStringRef kSecPropertyKeyLabel = CFSTR("double label");
 const CFStringRef kSecPropertyKeyLocalizedLabel = CFSTR("double localized label");
 const CFStringRef kSecPropertyKeyValue = CFSTR("double value");
+const CFStringRef kSecAttrKeyType = CFSTR("double key type");
+const CFStringRef kSecAttrKeySizeInBits = CFSTR("double key size");
 const CFStringRef kSecAttrKeyTypeRSA = CFSTR("double RSA");
 const CFStringRef kSecAttrKeyTypeECSECPrimeRandom = CFSTR("double EC");
 
@@ -183,6 +266,15 @@ CFDataRef SecCertificateCopyData(SecCertificateRef certificate) {
   return (CFDataRef)[[objectOf(certificate, "SecCertificateCopyData") der] copy];
 }
 
+CFStringRef SecCertificateCopySubjectSummary(SecCertificateRef certificate) {
+  DoubleCertificate* const object = objectOf(certificate, "SecCertificateCopySubjectSummary");
+  return switches().withoutSummary ? nullptr : (CFStringRef)[[object commonName] copy];
+}
+
+SecKeyRef SecCertificateCopyKey(SecCertificateRef certificate) {
+  return (SecKeyRef)[[objectOf(certificate, "SecCertificateCopyKey") key] retain];
+}
+
 CFDictionaryRef SecCertificateCopyValues(SecCertificateRef certificate, CFArrayRef oids,
                                          CFErrorRef* outError) {
   DoubleCertificate* const object = objectOf(certificate, "SecCertificateCopyValues");
@@ -192,14 +284,13 @@ CFDictionaryRef SecCertificateCopyValues(SecCertificateRef certificate, CFArrayR
   }
   @autoreleasepool {
     NSMutableDictionary* const values = [NSMutableDictionary dictionary];
-    if ([object keyUsage] && (!oids || [(NSArray*)oids containsObject:(id)kSecOIDKeyUsage])) {
-      NSMutableDictionary* const entry = [NSMutableDictionary dictionary];
-      [entry setObject:@"double number" forKey:(id)kSecPropertyKeyType];
-      [entry setObject:@"Key Usage" forKey:(id)kSecPropertyKeyLabel];
-      [entry setObject:@"Key Usage" forKey:(id)kSecPropertyKeyLocalizedLabel];
-      if (const id value = keyUsageValue([object keyUsage]))
-        [entry setObject:value forKey:(id)kSecPropertyKeyValue];
-      [values setObject:entry forKey:(id)kSecOIDKeyUsage];
+    const auto wanted = [oids](CFStringRef oid) { return !oids || [(NSArray*)oids containsObject:(id)oid]; };
+    if ([object keyUsage] && wanted(kSecOIDKeyUsage)) {
+      [values setObject:entryOf(@"Key Usage", keyUsageValue([object keyUsage])) forKey:(id)kSecOIDKeyUsage];
+    }
+    if ([object notAfter] && wanted(kSecOIDX509V1ValidityNotAfter)) {
+      [values setObject:entryOf(@"Not Valid After", notAfterValue([object notAfter]))
+                 forKey:(id)kSecOIDX509V1ValidityNotAfter];
     }
     return (CFDictionaryRef)[values copy];
   }
@@ -211,3 +302,117 @@ CFDictionaryRef SecCertificateCopyValues(SecCertificateRef certificate, CFArrayR
 #define DOUBLE_DEFINE_ALGORITHM(name) const SecKeyAlgorithm kSecKeyAlgorithm##name = CFSTR("double:" #name);
 DOUBLE_SEC_KEY_ALGORITHMS(DOUBLE_DEFINE_ALGORITHM)
 #undef DOUBLE_DEFINE_ALGORITHM
+
+// ---- Keys ----
+
+namespace {
+
+using ContextHolder = std::unique_ptr<EVP_PKEY_CTX, OpenSslFree>;
+
+void fail(CFErrorRef* outError) {
+  if (outError) *outError = (CFErrorRef)[[NSError alloc] initWithDomain:@"double" code:-50 userInfo:nil];
+}
+
+/// OpenSSL's name of the hash in the name of the algorithm; null without.
+const EVP_MD* hashIn(const std::string& algorithm) {
+  for (const char* hash : {"SHA1", "SHA224", "SHA256", "SHA384", "SHA512"}) {
+    if (algorithm.find(hash) != std::string::npos) return EVP_get_digestbyname(hash);
+  }
+  return nullptr;
+}
+
+std::string nameOfAlgorithm(SecKeyAlgorithm algorithm) { return [(NSString*)algorithm UTF8String]; }
+
+/// Two numbers of equal length as a DER sequence.
+NSData* sequenceOf(NSData* numbers) {
+  const auto* const first = static_cast<const unsigned char*>([numbers bytes]);
+  const int half = (int)[numbers length] / 2;
+  ECDSA_SIG* const signature = ECDSA_SIG_new();
+  (void)ECDSA_SIG_set0(signature, BN_bin2bn(first, half, nullptr), BN_bin2bn(first + half, half, nullptr));
+  NSData* const der = encoded<i2d_ECDSA_SIG>(signature);
+  ECDSA_SIG_free(signature);
+  return der;
+}
+
+bool setUp(EVP_PKEY_CTX* context, const std::string& algorithm) {
+  const auto has = [&](const char* part) { return algorithm.find(part) != std::string::npos; };
+  if (!has(":RSASignature") && !has(":ECDSASignature")) return false;
+  const bool isRsa = EVP_PKEY_get_base_id(EVP_PKEY_CTX_get0_pkey(context)) == EVP_PKEY_RSA;
+  if (isRsa != has(":RSA")) return false;
+  if (isRsa && EVP_PKEY_CTX_set_rsa_padding(context, has("PSS")        ? RSA_PKCS1_PSS_PADDING
+                                                     : has("PKCS1v15") ? RSA_PKCS1_PADDING
+                                                                       : RSA_NO_PADDING) != 1) {
+    return false;
+  }
+  const EVP_MD* const hash = hashIn(algorithm);
+  if (hash && EVP_PKEY_CTX_set_signature_md(context, hash) != 1) return false;
+  return !has("PSS") || EVP_PKEY_CTX_set_rsa_pss_saltlen(context, RSA_PSS_SALTLEN_DIGEST) == 1;
+}
+
+}  // namespace
+
+size_t SecKeyGetBlockSize(SecKeyRef key) {
+  DoubleKey* const object = objectOf(key, "SecKeyGetBlockSize");
+  return (size_t)([object keySizeInBits] + 7) / 8;
+}
+
+CFDictionaryRef SecKeyCopyAttributes(SecKeyRef key) {
+  DoubleKey* const object = objectOf(key, "SecKeyCopyAttributes");
+  @autoreleasepool {
+    NSMutableDictionary* const attributes = [NSMutableDictionary dictionary];
+    [attributes setObject:[object keyType] forKey:(id)kSecAttrKeyType];
+    [attributes setObject:[NSNumber numberWithInteger:[object keySizeInBits]]
+                   forKey:(id)kSecAttrKeySizeInBits];
+    return (CFDictionaryRef)[attributes copy];
+  }
+}
+
+Boolean SecKeyVerifySignature(SecKeyRef key, SecKeyAlgorithm algorithm, CFDataRef signedData,
+                              CFDataRef signature, CFErrorRef* outError) {
+  NSData* const data = objectOf(signedData, "SecKeyVerifySignature");
+  NSData* made = objectOf(signature, "SecKeyVerifySignature");
+  std::string name = nameOfAlgorithm(algorithm);
+  NSData* toVerify = data;
+  // The platform hashes a message itself.
+  if (name.find("Message") != std::string::npos) {
+    NSMutableData* const digest = [NSMutableData dataWithLength:EVP_MAX_MD_SIZE];
+    unsigned size = 0;
+    (void)EVP_Digest([data bytes], [data length], static_cast<unsigned char*>([digest mutableBytes]), &size,
+                     hashIn(name), nullptr);
+    [digest setLength:size];
+    toVerify = digest;
+  }
+  if (name.find("RFC4754") != std::string::npos) made = sequenceOf(made);
+  DoubleKey* const object = objectOf(key, "SecKeyVerifySignature");
+  const ContextHolder context{EVP_PKEY_CTX_new([object key], nullptr)};
+  const bool good =
+      EVP_PKEY_verify_init(context.get()) == 1 && setUp(context.get(), name) &&
+      EVP_PKEY_verify(context.get(), static_cast<const unsigned char*>([made bytes]), [made length],
+                      static_cast<const unsigned char*>([toVerify bytes]), [toVerify length]) == 1;
+  if (!good) fail(outError);
+  return good ? 1 : 0;
+}
+
+CFDataRef SecKeyCreateEncryptedData(SecKeyRef key, SecKeyAlgorithm algorithm, CFDataRef plaintext,
+                                    CFErrorRef* outError) {
+  NSData* const plain = objectOf(plaintext, "SecKeyCreateEncryptedData");
+  DoubleKey* const object = objectOf(key, "SecKeyCreateEncryptedData");
+  EVP_PKEY* const openSslKey = [object key];
+  if (!CFEqual(algorithm, kSecKeyAlgorithmRSAEncryptionRaw) ||
+      EVP_PKEY_get_base_id(openSslKey) != EVP_PKEY_RSA) {
+    fail(outError);
+    return nullptr;
+  }
+  const ContextHolder context{EVP_PKEY_CTX_new(openSslKey, nullptr)};
+  size_t size = (size_t)EVP_PKEY_get_size(openSslKey);
+  NSMutableData* const out = [[NSMutableData alloc] initWithLength:size];
+  if (EVP_PKEY_encrypt_init(context.get()) != 1 ||
+      EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_NO_PADDING) != 1 ||
+      EVP_PKEY_encrypt(context.get(), static_cast<unsigned char*>([out mutableBytes]), &size,
+                       static_cast<const unsigned char*>([plain bytes]), [plain length]) != 1) {
+    [out release];
+    fail(outError);
+    return nullptr;
+  }
+  return (CFDataRef)out;
+}

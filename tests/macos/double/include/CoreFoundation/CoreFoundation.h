@@ -18,9 +18,13 @@ typedef const struct __CFNumber* CFNumberRef;
 typedef const struct __CFArray* CFArrayRef;
 typedef const struct __CFDictionary* CFDictionaryRef;
 typedef const struct __CFAllocator* CFAllocatorRef;
+typedef const struct __CFURL* CFURLRef;
 typedef struct __CFError* CFErrorRef;
 typedef unsigned char UInt8;
+typedef signed int SInt32;
 typedef unsigned char Boolean;
+typedef unsigned long CFOptionFlags;
+typedef double CFTimeInterval;
 typedef signed long CFIndex;
 typedef unsigned long CFTypeID;
 typedef CFIndex CFNumberType;
@@ -52,6 +56,19 @@ extern const void* _Nullable CFDictionaryGetValue(CFDictionaryRef dictionary, co
 
 /// False when the number does not fit.
 extern Boolean CFNumberGetValue(CFNumberRef number, CFNumberType type, void* outValue);
+
+enum {
+  kCFUserNotificationStopAlertLevel = 0,
+  kCFUserNotificationNoteAlertLevel = 1,
+  kCFUserNotificationCautionAlertLevel = 2
+};
+
+/// Shows a message and waits for the user, for ever with a time-out of 0. Not 0 when it cannot.
+extern SInt32 CFUserNotificationDisplayAlert(
+    CFTimeInterval timeout, CFOptionFlags flags, CFURLRef _Nullable iconURL, CFURLRef _Nullable soundURL,
+    CFURLRef _Nullable localizationURL, CFStringRef _Nullable alertHeader, CFStringRef _Nullable alertMessage,
+    CFStringRef _Nullable defaultButtonTitle, CFStringRef _Nullable alternateButtonTitle,
+    CFStringRef _Nullable otherButtonTitle, CFOptionFlags* responseFlags);
 
 NS_ASSUME_NONNULL_END
 

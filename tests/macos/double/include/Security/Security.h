@@ -13,6 +13,7 @@ NS_ASSUME_NONNULL_BEGIN
 // ---- Certificates ----
 
 typedef struct __SecCertificate* SecCertificateRef;
+typedef struct __SecKey* SecKeyRef;
 
 extern CFTypeID SecCertificateGetTypeID(void);
 
@@ -26,12 +27,20 @@ extern CFDictionaryRef _Nullable SecCertificateCopyValues(SecCertificateRef cert
                                                           CFArrayRef _Nullable oids,
                                                           CFErrorRef _Nullable* _Nullable outError);
 
+/// The caller's; a short text that tells whose certificate it is.
+extern CFStringRef _Nullable SecCertificateCopySubjectSummary(SecCertificateRef certificate);
+/// The caller's; null for a key that the platform does not know.
+extern SecKeyRef _Nullable SecCertificateCopyKey(SecCertificateRef certificate);
+
 extern const CFStringRef kSecOIDKeyUsage;
+extern const CFStringRef kSecOIDX509V1ValidityNotAfter;
 extern const CFStringRef kSecPropertyKeyType;
 extern const CFStringRef kSecPropertyKeyLabel;
 extern const CFStringRef kSecPropertyKeyLocalizedLabel;
 extern const CFStringRef kSecPropertyKeyValue;
 
+extern const CFStringRef kSecAttrKeyType;
+extern const CFStringRef kSecAttrKeySizeInBits;
 extern const CFStringRef kSecAttrKeyTypeRSA;
 extern const CFStringRef kSecAttrKeyTypeECSECPrimeRandom;
 
@@ -71,6 +80,20 @@ typedef CFStringRef SecKeyAlgorithm;
 #define DOUBLE_DECLARE_ALGORITHM(name) extern const SecKeyAlgorithm kSecKeyAlgorithm##name;
 DOUBLE_SEC_KEY_ALGORITHMS(DOUBLE_DECLARE_ALGORITHM)
 #undef DOUBLE_DECLARE_ALGORITHM
+
+// ---- Keys ----
+
+/// Bytes.
+extern size_t SecKeyGetBlockSize(SecKeyRef key);
+/// The caller's.
+extern CFDictionaryRef _Nullable SecKeyCopyAttributes(SecKeyRef key);
+/// False, and an error for the caller, for a signature that is not one.
+extern Boolean SecKeyVerifySignature(SecKeyRef key, SecKeyAlgorithm algorithm, CFDataRef signedData,
+                                     CFDataRef signature, CFErrorRef _Nullable* _Nullable outError);
+/// The caller's; null, and an error for the caller, on failure.
+extern CFDataRef _Nullable SecKeyCreateEncryptedData(SecKeyRef key, SecKeyAlgorithm algorithm,
+                                                     CFDataRef plaintext,
+                                                     CFErrorRef _Nullable* _Nullable outError);
 
 NS_ASSUME_NONNULL_END
 

@@ -1,0 +1,208 @@
+/// The services of macOS, on the double.
+
+#import <CoreServices/CoreServices.h>
+#import <Foundation/Foundation.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#import <objc/runtime.h>
+
+#include <filesystem>
+#include <optional>
+
+#import "Certificate.h"
+#include "cli/ChildProcess.h"
+#include "double/Desktop.h"
+#import "double/Switches.h"
+#import "double/Utf8.h"
+#include "platform/Desktop.h"
+#include "platform/DistributedNotificationCenter.h"
+#include "platform/UserDirectory.h"
+#include "support/TemporaryFolder.h"
+#include "token/TestCertificates.h"
+
+namespace mirel::test {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::SizeIs;
+
+// ---- The user ----
+
+TEST(MacUserDirectory, KnowsTheLoginNameOfThePlatform) {
+  EXPECT_EQ(systemUserDirectory()->loginName(), utf8Of(NSUserName()));
+}
+
+TEST(MacUserDirectory, BuildsTheHomeOfTheLoginName) {
+  EXPECT_EQ(systemUserDirectory()->homeOf("ada"), "/Users/ada");
+  EXPECT_EQ(systemUserDirectory()->homeOf(""), "");
+}
+
+// ---- Notifications ----
+
+struct Posted {
+  std::string name;
+  std::optional<std::string> object;
+  bool hasUserInfo = false;
+  bool immediately = false;
+};
+
+std::vector<Posted>& posted() {
+  static std::vector<Posted> all;
+  return all;
+}
+
+void record(id, SEL, NSString* name, NSString* object, NSDictionary* userInfo, BOOL immediately) {
+  posted().push_back({utf8Of(name), object ? std::optional{utf8Of(object)} : std::nullopt, userInfo != nil,
+                      immediately == YES});
+}
+
+/// In its lifetime what is posted goes nowhere, and is recorded.
+class RecordedNotifications {
+ public:
+  RecordedNotifications() : method_ {
+    class_getInstanceMethod([NSDistributedNotificationCenter class],
+                            @selector(postNotificationName:object:userInfo:deliverImmediately:))
+  }
+  , before_{method_setImplementation(method_, (IMP)record)} { posted().clear(); }
+  RecordedNotifications(const RecordedNotifications&) = delete;
+  RecordedNotifications& operator=(const RecordedNotifications&) = delete;
+  ~RecordedNotifications() { (void)method_setImplementation(method_, before_); }
+
+ private:
+  Method method_;
+  IMP before_;
+};
+
+TEST(MacNotificationCenter, PostsWithoutUserInfo) {
+  const RecordedNotifications recorded;
+  systemDistributedNotificationCenter()->postNotificationName(Text{u"TokenNotify"}, Text{u"Reader A"}, true);
+  systemDistributedNotificationCenter()->postNotificationName(Text{u"TokenNotify"}, Text{}, false);
+  ASSERT_THAT(posted(), SizeIs(2));
+  EXPECT_EQ(posted()[0].name, "TokenNotify");
+  EXPECT_EQ(posted()[0].object, "Reader A");
+  EXPECT_FALSE(posted()[0].hasUserInfo);
+  EXPECT_TRUE(posted()[0].immediately);
+  EXPECT_EQ(posted()[1].object, std::nullopt);
+  EXPECT_FALSE(posted()[1].immediately);
+}
+
+// ---- Certificates ----
+
+class MacCertificate : public ::testing::Test {
+ protected:
+  [[nodiscard]] static std::shared_ptr<SecCertificate> parsed(const CertificateRequest& request) {
+    return systemCertificateParser()->createWithData(Bytes{testCertificate(request)});
+  }
+  void TearDown() override { EXPECT_THAT(livingObjects(), IsEmpty()); }
+
+  ScopedSwitches switches;
+};
+
+TEST_F(MacCertificate, HasTypeAndSizeOfItsKey) {
+  const struct {
+    TestKey key;
+    CertificateKeyType type;
+    int bits;
+  } rows[] = {
+      {TestKey::kRsa2048, CertificateKeyType::kRSA, 2048},
+      {TestKey::kP256, CertificateKeyType::kECPrimeRandom, 256},
+      {TestKey::kEd25519, CertificateKeyType::kOther, 0},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.bits);
+    const auto certificate = parsed({.key = row.key});
+    ASSERT_TRUE(certificate);
+    EXPECT_EQ(certificate->keyType(), row.type);
+    EXPECT_EQ(certificate->keySizeInBits(), row.bits);
+  }
+}
+
+TEST_F(MacCertificate, TellsTheEndOfItsValidityHoweverThePlatformDoes) {
+  for (const ValidityForm form : {ValidityForm::kSeconds, ValidityForm::kDate}) {
+    switches->validityForm = form;
+    EXPECT_EQ(parsed({})->notAfter(), Text{u"2035-01-02T03:04:05Z"});
+  }
+}
+
+TEST_F(MacCertificate, TellsNoEndThatItCannotRead) {
+  for (const ValidityForm form : {ValidityForm::kText, ValidityForm::kFarAway}) {
+    switches->validityForm = form;
+    EXPECT_TRUE(parsed({})->notAfter().isNull());
+  }
+  switches->keyUsageForm = KeyUsageForm::kError;
+  EXPECT_TRUE(parsed({})->notAfter().isNull());
+}
+
+TEST_F(MacCertificate, IsNamedAsThePlatformSumsItUp) {
+  const auto certificate = parsed({});
+  EXPECT_FALSE(certificate->subject().isEmpty());
+  switches->withoutSummary = true;
+  EXPECT_EQ(certificate->subject(), Text{u""});
+}
+
+TEST_F(MacCertificate, IsNullForAnythingElse) {
+  const auto parser = systemCertificateParser();
+  EXPECT_FALSE(parser->createWithData(Bytes{}));
+  EXPECT_FALSE(parser->createWithData(Bytes{std::vector<std::uint8_t>{}}));
+  EXPECT_FALSE(parser->createWithData(Bytes{std::vector<std::uint8_t>{0x30, 0x00}}));
+  EXPECT_FALSE(wrapped(nullptr));
+}
+
+// ---- The desktop ----
+
+class MacDesktop : public ::testing::Test {
+ protected:
+  MacDesktop() { (void)takeDesktopRequests(); }
+
+  ScopedSwitches switches;
+  std::shared_ptr<Desktop> desktop = systemDesktop();
+};
+
+TEST_F(MacDesktop, HasNoAppForAProgramOutsideOfOne) { EXPECT_EQ(desktop->appPath(), ""); }
+
+TEST_F(MacDesktop, KnowsAProgramThatWasStartedByAnother) { EXPECT_FALSE(desktop->appWasOpened()); }
+
+TEST_F(MacDesktop, RegistersTheBundleOfTheProgramAnew) {
+  EXPECT_EQ(desktop->registerApp(), 0);
+  const auto registrations = takeDesktopRequests().registrations;
+  ASSERT_THAT(registrations, SizeIs(1));
+  EXPECT_EQ(registrations[0].path, utf8Of([[NSBundle mainBundle] bundlePath]));
+  EXPECT_TRUE(registrations[0].update);
+  switches->registrationStatus = -10819;
+  EXPECT_EQ(desktop->registerApp(), -10819);
+}
+
+TEST_F(MacDesktop, ShowsAMessageUntilItWasRead) {
+  EXPECT_TRUE(desktop->showMessage(Text{u"Title"}, Text{u"Text \u20AC"}));
+  const auto messages = takeDesktopRequests().messages;
+  ASSERT_THAT(messages, SizeIs(1));
+  EXPECT_EQ(messages[0].title, "Title");
+  EXPECT_EQ(messages[0].text, "Text \xE2\x82\xAC");
+  EXPECT_EQ(messages[0].level, static_cast<unsigned long>(kCFUserNotificationNoteAlertLevel));
+  EXPECT_EQ(messages[0].timeout, 0);
+  switches->messageStatus = -1;
+  EXPECT_FALSE(desktop->showMessage(Text{u"Title"}, Text{u"Text"}));
+}
+
+TEST(MacApp, SaysWhatToDoNextWhenItIsOpened) {
+  const TemporaryFolder folder;
+  const auto app = folder.path() / "Mirel Token.app";
+  std::filesystem::create_directory(app);
+  // Where this system's Foundation looks for the program and the texts of an app.
+  std::filesystem::copy_file(MIREL_FIRST_START, app / "Mirel Token");
+  std::filesystem::copy(MIREL_APP_RESOURCES, app / "Resources", std::filesystem::copy_options::recursive);
+  const Result result = run({.program = app / "Mirel Token", .environment = {{"LANGUAGES", "English"}}});
+  EXPECT_EQ(result.exitCode, 3) << result.err;
+  EXPECT_THAT(result.out, ::testing::StartsWith("The software of your card's maker is missing\n"));
+  EXPECT_THAT(result.out, ::testing::HasSubstr("/Library/LunetLocalSignServer/libTorvo_p11v1.dylib "));
+  EXPECT_THAT(result.out,
+              ::testing::EndsWith(": \"" + app.string() + "/Contents/MacOS/mireltoken\" items\n"));
+}
+
+TEST_F(MacDesktop, KeepsTheEnglishTextWithoutATranslation) {
+  EXPECT_EQ(desktop->localized("No such text"), Text{u"No such text"});
+}
+
+}  // namespace
+}  // namespace mirel::test
