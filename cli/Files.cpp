@@ -72,7 +72,9 @@ std::optional<int> openFileBehind(const std::string& name) {
   std::error_code error;
   const std::filesystem::path target = targetOf(name);
   const auto folder = std::filesystem::canonical(folderOf(target.string()), error);
-  if (error || folder != "/proc/" + std::to_string(getpid()) + "/fd") return std::nullopt;
+  // Linux has links there; elsewhere the folder is itself.
+  if (error || (folder != "/proc/" + std::to_string(getpid()) + "/fd" && folder != "/dev/fd"))
+    return std::nullopt;
   const std::string digits = target.filename().string();
   int descriptor = 0;
   const auto [rest, problem] = std::from_chars(digits.data(), digits.data() + digits.size(), descriptor);

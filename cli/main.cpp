@@ -13,11 +13,13 @@
 #include "CommandLineLog.h"
 #include "Commands.h"
 #include "ExitCode.h"
+#include "FirstStart.h"
 #include "Options.h"
 #include "Output.h"
 #include "PinEntry.h"
 #include "host/Home.h"
 #include "host/Host.h"
+#include "platform/Desktop.h"
 #include "platform/PlatformServices.h"
 
 namespace mirel::cli {
@@ -108,6 +110,9 @@ std::string usageTrouble(const Options& options) {
 
 ExitCode parseAndRun(int argc, char** argv) {
   occupyStandardStreams();
+  if (const auto desktop = systemDesktop(); argc <= 1 && desktop && !desktop->appPath().empty()) {
+    return runFirstStart(*desktop, *systemUserDirectory());
+  }
   CLI::App app;
   Options options;
   declareOptions(app, options);

@@ -55,6 +55,8 @@ std::shared_ptr<UserDirectory> userWithHome(std::shared_ptr<UserDirectory> user,
   return std::make_shared<UserWithHome>(std::move(user), std::move(home));
 }
 
+std::string moduleInHome(const std::string& home) { return home + "/" + kModuleFolder + "/" + kModuleName; }
+
 Outcome<std::unique_ptr<PrivateHome>> PrivateHome::create(const std::string& modulePath) {
   std::error_code error;
   const fs::path module = fs::canonical(modulePath, error);

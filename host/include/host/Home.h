@@ -12,6 +12,9 @@ namespace mirel {
 [[nodiscard]] std::shared_ptr<UserDirectory> userWithHome(std::shared_ptr<UserDirectory> user,
                                                           std::string home);
 
+/// The path of the card maker's module in that home folder.
+[[nodiscard]] std::string moduleInHome(const std::string& home);
+
 /// A home folder for one run, in the temporary folder and readable for this user alone, in which the
 /// place of the module is a link to a module somewhere else. It is removed with this object.
 class PrivateHome {

@@ -1,0 +1,90 @@
+#include "FirstStart.h"
+
+#include <filesystem>
+#include <string>
+#include <string_view>
+#include <system_error>
+
+#include "Output.h"
+#include "host/Home.h"
+#include "platform/Desktop.h"
+#include "platform/UserDirectory.h"
+
+namespace mirel::cli {
+namespace {
+
+/// English, as the keys of the translations.
+constexpr std::string_view kReady = "Mirel Token is ready";
+constexpr std::string_view kInsertCard =
+    "Put your smart card into the reader. Every app that uses the keychain then finds its certificates and "
+    "keys.";
+constexpr std::string_view kModuleMissing = "The software of your card's maker is missing";
+constexpr std::string_view kInstallModule =
+    "Mirel Token needs this file: %@ Install the software that came with your card, then put the card into "
+    "the "
+    "reader.";
+constexpr std::string_view kMove = "Mirel Token is not in its place";
+constexpr std::string_view kMoveWhere = "Drag Mirel Token into the Applications folder, and open it there.";
+constexpr std::string_view kNotRegistered = "Mirel Token could not be registered";
+constexpr std::string_view kRegisterAgain =
+    "The system answered with error %@. Drag Mirel Token into the Applications folder, log out, log in "
+    "again, and "
+    "open it there.";
+constexpr std::string_view kAskTerminal =
+    "If something does not work, this command in Terminal tells why: %@";
+
+/// A message in English, and the exit code that goes with it.
+struct Notice {
+  std::string_view title;
+  std::string_view text;
+  std::string argument;  ///< in the place of "%@" in the text
+  ExitCode code;
+};
+
+/// True where the system runs no extensions from: a disk image, or the place to which it takes an app of
+/// unknown origin.
+bool isOutOfPlace(const std::string& appPath) {
+  return appPath.starts_with("/Volumes/") || appPath.find("/AppTranslocation/") != std::string::npos;
+}
+
+Notice noticeOf(Desktop& desktop, UserDirectory& user) {
+  if (isOutOfPlace(desktop.appPath())) return {kMove, kMoveWhere, {}, ExitCode::kUsage};
+  const auto status = desktop.registerApp();
+  // What the user opens gets known to the system by that alone.
+  if (status != 0 && !desktop.appWasOpened()) {
+    return {kNotRegistered, kRegisterAgain, std::to_string(status), ExitCode::kInternal};
+  }
+  const std::string module = moduleInHome(user.homeOf(user.loginName()));
+  std::error_code error;
+  if (!std::filesystem::is_regular_file(module, error)) {
+    return {kModuleMissing, kInstallModule, module, ExitCode::kModuleNotLoadable};
+  }
+  return {kReady, kInsertCard, {}, ExitCode::kSuccess};
+}
+
+Text localizedWith(Desktop& desktop, std::string_view english, const std::string& argument) {
+  constexpr std::u16string_view kPlace = u"%@";
+  const Text text = desktop.localized(english);
+  const auto at = text.units().find(kPlace);
+  if (at == std::u16string_view::npos) return text;
+  return joined({Text{text.units().substr(0, at)}, Text::fromUtf8(argument),
+                 Text{text.units().substr(at + kPlace.size())}});
+}
+
+}  // namespace
+
+ExitCode runFirstStart(Desktop& desktop, UserDirectory& user) {
+  const Notice notice = noticeOf(desktop, user);
+  const Text title = desktop.localized(notice.title);
+  const Text text = localizedWith(desktop, notice.text, notice.argument);
+  std::string command{"\""};
+  command.append(desktop.appPath()).append("/Contents/MacOS/mireltoken\" items");
+  const Text hint = localizedWith(desktop, kAskTerminal, command);
+
+  if (desktop.appWasOpened() && desktop.showMessage(title, joined({text, Text{u"\n\n"}, hint})))
+    return notice.code;
+  const bool written = writeOutput(displayed(title) + "\n" + displayed(text) + "\n" + displayed(hint) + "\n");
+  return written ? notice.code : ExitCode::kFileTrouble;
+}
+
+}  // namespace mirel::cli

@@ -1,0 +1,342 @@
+#include "FirstStart.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <set>
+
+#include "packaging/StringsFile.h"
+#include "platform/Desktop.h"
+#include "support/FakeUserDirectory.h"
+#include "support/TemporaryFolder.h"
+
+namespace mirel::cli {
+namespace {
+
+namespace fs = std::filesystem;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+using ::testing::StartsWith;
+
+/// A desktop that writes down what it is asked to do.
+class FakeDesktop final : public Desktop {
+ public:
+  [[nodiscard]] std::string appPath() noexcept override { return path; }
+  [[nodiscard]] bool appWasOpened() noexcept override { return opened; }
+  [[nodiscard]] std::int32_t registerApp() noexcept override {
+    ++registrations;
+    return registrationError;
+  }
+  [[nodiscard]] Text localized(std::string_view english) noexcept override {
+    asked.emplace(english);
+    const auto found = translations.find(english);
+    return Text::fromUtf8(found == translations.end() ? english : found->second);
+  }
+  [[nodiscard]] bool showMessage(const Text& title, const Text& text) noexcept override {
+    messages.push_back({title.toUtf8(), text.toUtf8()});
+    return canShow;
+  }
+
+  struct Message {
+    std::string title;
+    std::string text;
+  };
+
+  std::string path = "/Applications/Mirel Token.app";
+  bool opened = true;
+  std::int32_t registrationError = 0;
+  bool canShow = true;
+  std::map<std::string, std::string, std::less<>> translations{};
+
+  int registrations = 0;
+  std::set<std::string> asked{};
+  std::vector<Message> messages{};
+};
+
+constexpr const char* kReady = "Mirel Token is ready";
+constexpr const char* kInsertCard =
+    "Put your smart card into the reader. Every app that uses the keychain then finds its certificates and "
+    "keys.";
+constexpr const char* kModuleMissing = "The software of your card's maker is missing";
+constexpr const char* kMove = "Mirel Token is not in its place";
+constexpr const char* kMoveWhere = "Drag Mirel Token into the Applications folder, and open it there.";
+constexpr const char* kNotRegistered = "Mirel Token could not be registered";
+constexpr const char* kAskTerminal =
+    "If something does not work, this command in Terminal tells why: "
+    "\"/Applications/Mirel Token.app/Contents/MacOS/mireltoken\" items";
+
+/// Places that the system runs no extensions from.
+constexpr const char* kOutOfPlace[] = {
+    "/Volumes/Mirel Token/Mirel Token.app",
+    "/private/var/folders/9x/T/AppTranslocation/7B1C0B5E-5F0A/d/Mirel Token.app",
+};
+
+/// With the app in the Applications folder, opened by the user; everything is as it should be.
+class FirstStart : public ::testing::Test {
+ protected:
+  FirstStart() {
+    fs::create_directories(module.parent_path());
+    std::ofstream{module} << "a module";
+  }
+
+  struct Outcome {
+    ExitCode code;
+    std::string output;
+  };
+
+  /// Runs it, and takes what it writes to standard output.
+  [[nodiscard]] Outcome run() {
+    ::testing::internal::CaptureStdout();
+    const ExitCode code = runFirstStart(desktop, user);
+    return {code, ::testing::internal::GetCapturedStdout()};
+  }
+
+  /// The same from a shell.
+  [[nodiscard]] Outcome runFromShell() {
+    desktop.opened = false;
+    return run();
+  }
+
+ private:
+  test::TemporaryFolder folder_;
+
+ protected:
+  const fs::path home = folder_.path();
+  const fs::path module = home / "Library/LunetLocalSignServer/libTorvo_p11v1.dylib";
+  FakeDesktop desktop;
+  test::FakeUserDirectory user{"ada", home};
+};
+
+// ---- What is told ----
+
+TEST_F(FirstStart, TellsThatEverythingIsReady) {
+  const Outcome outcome = runFromShell();
+  EXPECT_EQ(outcome.code, ExitCode::kSuccess);
+  EXPECT_EQ(outcome.output, std::string{kReady} + "\n" + kInsertCard + "\n" + kAskTerminal + "\n");
+}
+
+TEST_F(FirstStart, TellsWhichModuleIsMissing) {
+  fs::remove(module);
+  const Outcome outcome = runFromShell();
+  EXPECT_EQ(outcome.code, ExitCode::kModuleNotLoadable);
+  EXPECT_EQ(outcome.output, std::string{kModuleMissing} +
+                                "\nMirel Token needs this file: " + module.string() +
+                                " Install the software that came with your card, then put the card into the "
+                                "reader.\n" +
+                                kAskTerminal + "\n");
+}
+
+TEST_F(FirstStart, TakesADanglingLinkForAMissingModule) {
+  fs::remove(module);
+  fs::create_symlink("nothing.dylib", module);
+  EXPECT_EQ(runFromShell().code, ExitCode::kModuleNotLoadable);
+}
+
+TEST_F(FirstStart, LooksForTheModuleInTheHomeOfTheUserWhoIsLoggedIn) {
+  EXPECT_EQ(runFromShell().code, ExitCode::kSuccess);
+  EXPECT_THAT(user.askedFor(), ElementsAre("ada"));
+}
+
+TEST_F(FirstStart, TellsThatTheAppIsOutOfPlace) {
+  for (const char* path : kOutOfPlace) {
+    SCOPED_TRACE(path);
+    desktop.path = path;
+    const Outcome outcome = runFromShell();
+    EXPECT_EQ(outcome.code, ExitCode::kUsage);
+    EXPECT_THAT(outcome.output, StartsWith(std::string{kMove} + "\n" + kMoveWhere + "\n"));
+  }
+}
+
+TEST_F(FirstStart, TellsThatTheAppIsOutOfPlaceBeforeAllOtherTrouble) {
+  desktop.path = kOutOfPlace[0];
+  desktop.registrationError = -10811;
+  fs::remove(module);
+  EXPECT_EQ(runFromShell().code, ExitCode::kUsage);
+}
+
+TEST_F(FirstStart, TakesEveryOtherPlaceForAGoodOne) {
+  for (const char* path :
+       {"/Applications/Mirel Token.app", "/Users/ada/Applications/Mirel Token.app",
+        "/Users/ada/Volumes/Mirel Token.app", "/VolumesOfMine/Mirel Token.app",
+        "/Users/ada/AppTranslocation.app", "/Users/ada/MyAppTranslocation/Mirel Token.app"}) {
+    SCOPED_TRACE(path);
+    desktop.path = path;
+    EXPECT_EQ(runFromShell().code, ExitCode::kSuccess);
+  }
+}
+
+TEST_F(FirstStart, TellsTheErrorOfTheRegistration) {
+  desktop.registrationError = -10811;
+  const Outcome outcome = runFromShell();
+  EXPECT_EQ(outcome.code, ExitCode::kInternal);
+  EXPECT_EQ(outcome.output,
+            std::string{kNotRegistered} +
+                "\nThe system answered with error -10811. Drag Mirel Token into the Applications folder, log "
+                "out, log in again, and open it there.\n" +
+                kAskTerminal + "\n");
+}
+
+TEST_F(FirstStart, TellsNoErrorOfTheRegistrationWhenTheAppWasOpened) {
+  desktop.registrationError = -10811;
+  EXPECT_EQ(run().code, ExitCode::kSuccess);
+  ASSERT_EQ(desktop.messages.size(), 1U);
+  EXPECT_EQ(desktop.messages[0].title, kReady);
+}
+
+TEST_F(FirstStart, TellsTheCommandOfThisApp) {
+  desktop.path = "/Users/ada/Applications/Mirel Token.app";
+  EXPECT_THAT(runFromShell().output,
+              HasSubstr(": \"/Users/ada/Applications/Mirel Token.app/Contents/MacOS/mireltoken\" items\n"));
+}
+
+// ---- Registration ----
+
+TEST_F(FirstStart, RegistersTheAppOnce) {
+  for (const bool opened : {true, false}) {
+    SCOPED_TRACE(opened);
+    desktop.opened = opened;
+    desktop.registrations = 0;
+    EXPECT_EQ(run().code, ExitCode::kSuccess);
+    EXPECT_EQ(desktop.registrations, 1);
+  }
+}
+
+TEST_F(FirstStart, RegistersTheAppWithoutAModuleToo) {
+  fs::remove(module);
+  EXPECT_EQ(run().code, ExitCode::kModuleNotLoadable);
+  EXPECT_EQ(desktop.registrations, 1);
+}
+
+TEST_F(FirstStart, DoesNotRegisterAnAppThatIsOutOfPlace) {
+  for (const char* path : kOutOfPlace) {
+    SCOPED_TRACE(path);
+    desktop.path = path;
+    EXPECT_EQ(run().code, ExitCode::kUsage);
+    EXPECT_EQ(desktop.registrations, 0);
+  }
+}
+
+// ---- Where it is told ----
+
+TEST_F(FirstStart, ShowsOneMessageWhenTheAppWasOpened) {
+  const Outcome outcome = run();
+  EXPECT_EQ(outcome.code, ExitCode::kSuccess);
+  EXPECT_EQ(outcome.output, "");
+  ASSERT_EQ(desktop.messages.size(), 1U);
+  EXPECT_EQ(desktop.messages[0].title, kReady);
+  EXPECT_EQ(desktop.messages[0].text, std::string{kInsertCard} + "\n\n" + kAskTerminal);
+}
+
+TEST_F(FirstStart, ShowsNoMessageInAShell) {
+  EXPECT_THAT(runFromShell().output, Not(IsEmpty()));
+  EXPECT_THAT(desktop.messages, IsEmpty());
+}
+
+TEST_F(FirstStart, EndsWithTheSameCodeAfterAMessage) {
+  fs::remove(module);
+  EXPECT_EQ(run().code, ExitCode::kModuleNotLoadable);
+  EXPECT_EQ(desktop.messages.size(), 1U);
+}
+
+TEST_F(FirstStart, WritesToStandardOutputWhenTheMessageCannotBeShown) {
+  desktop.canShow = false;
+  const Outcome outcome = run();
+  EXPECT_EQ(outcome.code, ExitCode::kSuccess);
+  EXPECT_EQ(desktop.messages.size(), 1U);
+  EXPECT_EQ(outcome.output, std::string{kReady} + "\n" + kInsertCard + "\n" + kAskTerminal + "\n");
+}
+
+TEST_F(FirstStart, FailsWhenTheOutputCannotBeWritten) {
+  const auto runWithoutOutput = [&] {
+    desktop.opened = false;
+    close(STDOUT_FILENO);
+    std::_Exit(static_cast<int>(runFirstStart(desktop, user)));
+  };
+  EXPECT_EXIT(runWithoutOutput(), ::testing::ExitedWithCode(14), "the output cannot be written");
+}
+
+// ---- In which words ----
+
+TEST_F(FirstStart, UsesTheWordingOfTheUser) {
+  desktop.translations = {
+      {kReady, "Mirel Token k\xC3\xA9sz"},
+      {kInsertCard, "Tegye be"},
+      {"If something does not work, this command in Terminal tells why: %@", "A %@ parancs"}};
+  EXPECT_EQ(runFromShell().output,
+            "Mirel Token k\xC3\xA9sz\nTegye be\n"
+            "A \"/Applications/Mirel Token.app/Contents/MacOS/mireltoken\" items parancs\n");
+  EXPECT_EQ(run().code, ExitCode::kSuccess);
+}
+
+TEST_F(FirstStart, PutsItsArgumentWhereTheTranslationHasThePlace) {
+  constexpr const char* kKey =
+      "The system answered with error %@. Drag Mirel Token into the Applications folder, log out, log in "
+      "again, and open it there.";
+  const struct {
+    const char* translation;
+    const char* line;
+  } rows[] = {
+      {"%@ is it", "\n-43 is it\n"},
+      {"it is %@", "\nit is -43\n"},
+      {"it %@ is", "\nit -43 is\n"},
+      {"%@", "\n-43\n"},
+      {"50 % of %@", "\n50 % of -43\n"},
+      {"it is", "\nit is\n"},
+      {"", "\n\n"},
+  };
+  desktop.registrationError = -43;
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.translation);
+    desktop.translations = {{kKey, row.translation}};
+    EXPECT_THAT(runFromShell().output, HasSubstr(kNotRegistered + std::string{row.line}));
+  }
+}
+
+TEST_F(FirstStart, LeavesAPlaceInThePathAsItIs) {
+  desktop.path = "/Applications/%@/%s.app";
+  EXPECT_THAT(runFromShell().output,
+              HasSubstr("\"/Applications/%@/%s.app/Contents/MacOS/mireltoken\" items"));
+}
+
+TEST_F(FirstStart, KeepsLettersBeyondAsciiInThePath) {
+  desktop.path = "/Users/\xC3\x81gnes/\xF0\x9F\x94\x91.app";
+  EXPECT_THAT(runFromShell().output, HasSubstr("\"/Users/\xC3\x81gnes/\xF0\x9F\x94\x91.app/Contents/"));
+}
+
+TEST_F(FirstStart, ShowsControlCharactersByTheirNumber) {
+  desktop.path = "/Applications/\x1B[2J\n\x7F.app";
+  desktop.translations = {{kReady, "a\x1B[1m"}};
+  const std::string output = runFromShell().output;
+  EXPECT_THAT(output, StartsWith("a\\x1B[1m\n"));
+  EXPECT_THAT(output, HasSubstr("\"/Applications/\\x1B[2J\\x0A\\x7F.app/Contents/"));
+  EXPECT_EQ(std::count(output.begin(), output.end(), '\n'), 3);
+  EXPECT_EQ(output.find('\x1B'), std::string::npos);
+}
+
+TEST_F(FirstStart, HasATranslationOfEveryTextItUses) {
+  EXPECT_EQ(runFromShell().code, ExitCode::kSuccess);
+  desktop.registrationError = -43;
+  EXPECT_EQ(runFromShell().code, ExitCode::kInternal);
+  desktop.registrationError = 0;
+  fs::remove(module);
+  EXPECT_EQ(runFromShell().code, ExitCode::kModuleNotLoadable);
+  desktop.path = kOutOfPlace[0];
+  EXPECT_EQ(runFromShell().code, ExitCode::kUsage);
+
+  std::set<std::string> translated;
+  for (const auto& row : test::readStringsFile(MIREL_APP_RESOURCES "/en.lproj/App.strings")) {
+    translated.insert(row.first);
+  }
+  EXPECT_EQ(desktop.asked, translated);
+}
+
+}  // namespace
+}  // namespace mirel::cli
