@@ -1,12 +1,39 @@
-# The Objective-C++ of the macOS adapters, built on Linux against GNUstep's Foundation. Include it in the top
-# folder, before the folders that have such sources.
+# The Objective-C++ of the macOS adapters: for macOS with the frameworks of the SDK, on Linux with GNUstep's Foundation
+# and the double in tests/macos, for the tests. Include it in the top folder, before the folders that have such
+# sources.
 #
-# Sets MIREL_HAVE_OBJC. When that is ON, the language OBJCXX is enabled with the flags of C++, and the
-# interface target `gnustep` holds what such sources need for compiling and linking. The prefix header refers
-# to a routine of the library apple_double, which every such program links too.
+# Sets MIREL_HAVE_OBJC. When that is ON, the language OBJCXX is enabled with the flags of C++, and the interface
+# target `objective_c` holds what such sources need for compiling and linking. On Linux the prefix header refers to a
+# routine of the library apple_double, which every such program links too.
 
 set(MIREL_HAVE_OBJC OFF)
-if(NOT CMAKE_SYSTEM_NAME STREQUAL "Linux")
+
+# One set of warnings, sanitizers and rules for both languages.
+macro(mirel_enable_objcxx)
+  set(CMAKE_OBJCXX_FLAGS "${CMAKE_CXX_FLAGS}")
+  foreach(configuration DEBUG RELEASE RELWITHDEBINFO MINSIZEREL)
+    set(CMAKE_OBJCXX_FLAGS_${configuration} "${CMAKE_CXX_FLAGS_${configuration}}")
+  endforeach()
+  foreach(property STANDARD STANDARD_REQUIRED EXTENSIONS VISIBILITY_PRESET)
+    set(CMAKE_OBJCXX_${property} ${CMAKE_CXX_${property}})
+  endforeach()
+  enable_language(OBJCXX)
+  add_library(objective_c INTERFACE)
+  target_compile_options(objective_c INTERFACE
+    # Without an implementation a property is only a warning, and then a crash.
+    $<$<COMPILE_LANGUAGE:OBJCXX>:-Werror=objc-property-implementation>)
+  set(MIREL_HAVE_OBJC ON)
+endmacro()
+
+if(APPLE)
+  mirel_enable_objcxx()
+  target_compile_options(objective_c INTERFACE $<$<COMPILE_LANGUAGE:OBJCXX>:-fno-objc-arc>)
+  # Some of the SDK's headers would define macros named check, require and verify.
+  target_compile_definitions(objective_c INTERFACE __ASSERT_MACROS_DEFINE_VERSIONS_WITHOUT_UNDERSCORES=0)
+  target_link_libraries(objective_c INTERFACE "-framework Foundation" "-framework Security")
+  return()
+endif()
+if(NOT CMAKE_SYSTEM_NAME STREQUAL "Linux" OR NOT BUILD_TESTING)
   return()
 endif()
 
@@ -43,24 +70,11 @@ if(NOT (GNUSTEP_INCLUDE_DIR AND OBJC_RUNTIME_INCLUDE_DIR AND GNUSTEP_BASE_LIBRAR
   mirel_without_objc("GNUstep is missing (apt-get install libgnustep-base-dev)")
 endif()
 
-# One set of warnings, sanitizers and rules for both languages.
 set(CMAKE_OBJCXX_COMPILER ${MIREL_OBJCXX_COMPILER})
-set(CMAKE_OBJCXX_FLAGS "${CMAKE_CXX_FLAGS}")
-foreach(configuration DEBUG RELEASE RELWITHDEBINFO MINSIZEREL)
-  set(CMAKE_OBJCXX_FLAGS_${configuration} "${CMAKE_CXX_FLAGS_${configuration}}")
-endforeach()
-foreach(property STANDARD STANDARD_REQUIRED EXTENSIONS VISIBILITY_PRESET)
-  set(CMAKE_OBJCXX_${property} ${CMAKE_CXX_${property}})
-endforeach()
-enable_language(OBJCXX)
-
-add_library(gnustep INTERFACE)
-target_compile_options(gnustep INTERFACE
-  $<$<COMPILE_LANGUAGE:OBJCXX>:-fobjc-runtime=gcc -fexceptions -fobjc-exceptions
-  -fconstant-string-class=NSConstantString -D_NATIVE_OBJC_EXCEPTIONS -DGNUSTEP_BASE_LIBRARY=1
-  "SHELL:-isystem ${GNUSTEP_INCLUDE_DIR}" "SHELL:-idirafter ${OBJC_RUNTIME_INCLUDE_DIR}"
-  "SHELL:-I ${PROJECT_SOURCE_DIR}/tests/macos/double/include" "SHELL:-include double/Prefix.h"
-  # Without an implementation a property is only a warning, and then a crash.
-  -Werror=objc-property-implementation>)
-target_link_libraries(gnustep INTERFACE ${GNUSTEP_BASE_LIBRARY} ${OBJC_RUNTIME_LIBRARY} pthread)
-set(MIREL_HAVE_OBJC ON)
+mirel_enable_objcxx()
+target_compile_options(objective_c INTERFACE
+  $<$<COMPILE_LANGUAGE:OBJCXX>:-fobjc-runtime=gcc "SHELL:-isystem ${GNUSTEP_INCLUDE_DIR}"
+  "SHELL:-idirafter ${OBJC_RUNTIME_INCLUDE_DIR}" "SHELL:-I ${PROJECT_SOURCE_DIR}/tests/macos/double/include"
+  "SHELL:-include double/Prefix.h" -fexceptions -fobjc-exceptions -fconstant-string-class=NSConstantString
+  -D_NATIVE_OBJC_EXCEPTIONS -DGNUSTEP_BASE_LIBRARY=1>)
+target_link_libraries(objective_c INTERFACE ${GNUSTEP_BASE_LIBRARY} ${OBJC_RUNTIME_LIBRARY} pthread)

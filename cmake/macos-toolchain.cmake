@@ -26,6 +26,8 @@ foreach(file SDKSettings.json usr/lib/libSystem.tbd usr/lib/libc++.tbd)
 endforeach()
 set(CMAKE_OSX_SYSROOT "${MIREL_MACOS_SDK}")
 
+set(BUILD_TESTING OFF CACHE BOOL "Build the tests, which could not run here")
+
 if(NOT CMAKE_OSX_ARCHITECTURES)
   set(CMAKE_OSX_ARCHITECTURES arm64 x86_64 CACHE STRING "Processors to build for")
 endif()

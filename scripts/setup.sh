@@ -9,7 +9,7 @@ card_packages="softhsm2 openssl opensc"
 test_packages="libgtest-dev libgmock-dev libp11-kit-dev clang clang-format clang-tidy libclang-rt-14-dev llvm-14 dbus python3 lld libgnustep-base-dev"
 
 # The same on macOS, for Homebrew.
-brew_packages="cmake ninja gettext openssl@3 cli11 nlohmann-json softhsm opensc googletest p11-kit llvm"
+brew_packages="cmake ninja gettext openssl@3 cli11 nlohmann-json softhsm opensc googletest p11-kit"
 
 # install_missing <Debian packages>...
 install_missing() {

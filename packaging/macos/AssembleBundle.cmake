@@ -2,11 +2,12 @@
 #   APP_EXECUTABLE, EXTENSION_EXECUTABLE  the programs, whatever they are called
 #   APP_PLIST, EXTENSION_PLIST            the property lists
 #   RESOURCES                             the folder of the <language>.lproj, which both get
+#   APP_RESOURCES                         the same of what only the app gets
 #   ICON                                  the app's icon
 #   BUNDLE                                where the app goes; what is there is replaced
 cmake_policy(VERSION 3.25)
 
-foreach(name APP_EXECUTABLE EXTENSION_EXECUTABLE APP_PLIST EXTENSION_PLIST RESOURCES ICON BUNDLE)
+foreach(name APP_EXECUTABLE EXTENSION_EXECUTABLE APP_PLIST EXTENSION_PLIST RESOURCES APP_RESOURCES ICON BUNDLE)
   if("${${name}}" STREQUAL "")
     message(FATAL_ERROR "${name} is not given")
   endif()
@@ -24,17 +25,20 @@ function(put file folder name)
   file(COPY_FILE "${file}" "${folder}/${name}")
 endfunction()
 
-# put_bundle(<bundle> <property list> <executable> <its name>)
+# put_bundle(<bundle> <property list> <executable> <its name> <resources>...)
 function(put_bundle bundle plist executable name)
   put("${plist}" "${bundle}/Contents" Info.plist)
   put("${executable}" "${bundle}/Contents/MacOS" "${name}")
   file(CHMOD "${bundle}/Contents/MacOS/${name}" PERMISSIONS
        OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
-  file(GLOB folders "${RESOURCES}/*.lproj")
-  file(COPY ${folders} DESTINATION "${bundle}/Contents/Resources")
+  foreach(resources IN LISTS ARGN)
+    file(GLOB folders "${resources}/*.lproj")
+    file(COPY ${folders} DESTINATION "${bundle}/Contents/Resources")
+  endforeach()
 endfunction()
 
 file(REMOVE_RECURSE "${BUNDLE}")
-put_bundle("${BUNDLE}" "${APP_PLIST}" "${APP_EXECUTABLE}" mireltoken)
+put_bundle("${BUNDLE}" "${APP_PLIST}" "${APP_EXECUTABLE}" mireltoken "${RESOURCES}" "${APP_RESOURCES}")
 put("${ICON}" "${BUNDLE}/Contents/Resources" AppIcon.icns)
-put_bundle("${BUNDLE}/Contents/PlugIns/MirelToken.appex" "${EXTENSION_PLIST}" "${EXTENSION_EXECUTABLE}" MirelToken)
+put_bundle("${BUNDLE}/Contents/PlugIns/MirelToken.appex" "${EXTENSION_PLIST}" "${EXTENSION_EXECUTABLE}" MirelToken
+           "${RESOURCES}")

@@ -11,9 +11,10 @@ function(mirel_add_bundle name)
   set(bundle "${PROJECT_BINARY_DIR}/Mirel Token.app")
   set(packaging ${CMAKE_CURRENT_FUNCTION_LIST_DIR})
   set(resources ${packaging}/Resources)
+  set(app_resources ${packaging}/AppResources)
   set(app_plist ${PROJECT_BINARY_DIR}/bundle/AppInfo.plist)
   set(extension_plist ${PROJECT_BINARY_DIR}/bundle/ExtensionInfo.plist)
-  file(GLOB_RECURSE string_files CONFIGURE_DEPENDS ${resources}/*.strings)
+  file(GLOB_RECURSE string_files CONFIGURE_DEPENDS ${resources}/*.strings ${app_resources}/*.strings)
   find_program(MIREL_CODESIGN codesign)
   mark_as_advanced(MIREL_CODESIGN)
   set(sign "")
@@ -26,7 +27,7 @@ function(mirel_add_bundle name)
     COMMAND ${CMAKE_COMMAND}
             -DAPP_EXECUTABLE=$<TARGET_FILE:${ARG_APP}> -DEXTENSION_EXECUTABLE=$<TARGET_FILE:${ARG_EXTENSION}>
             -DAPP_PLIST=${app_plist} -DEXTENSION_PLIST=${extension_plist}
-            -DRESOURCES=${resources} -DICON=${packaging}/AppIcon.icns "-DBUNDLE=${bundle}"
+            -DRESOURCES=${resources} -DAPP_RESOURCES=${app_resources} -DICON=${packaging}/AppIcon.icns "-DBUNDLE=${bundle}"
             -P ${packaging}/AssembleBundle.cmake
     ${sign}
     COMMAND ${CMAKE_COMMAND} -E touch ${stamp}

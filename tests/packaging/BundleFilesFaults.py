@@ -169,13 +169,17 @@ def faults_of_references(tree):
         extension = plistlib.loads((packaging / "ExtensionInfo.plist.in").read_bytes())
         attributes = extension["NSExtension"]["NSExtensionAttributes"]
         faults = []
-        folders = sorted(folder.name[: -len(".lproj")] for folder in (packaging / "Resources").glob("*.lproj"))
-        for name, plist in (("AppInfo", app), ("ExtensionInfo", extension)):
-            if plist["CFBundleLocalizations"] != folders:
-                faults.append(f"{name}: the languages are not the folders")
-        for folder in folders:
-            if not (packaging / f"Resources/{folder}.lproj/Localizable.strings").is_file():
-                faults.append(f"{folder}: no Localizable.strings")
+        for resources, texts, lists in (
+            ("Resources", "Localizable.strings", {"AppInfo": app, "ExtensionInfo": extension}),
+            ("AppResources", "App.strings", {"AppInfo": app}),
+        ):
+            folders = sorted(folder.name[: -len(".lproj")] for folder in (packaging / resources).glob("*.lproj"))
+            for name, plist in lists.items():
+                if plist["CFBundleLocalizations"] != folders:
+                    faults.append(f"{name}: the languages are not the folders of {resources}")
+            for folder in folders:
+                if not (packaging / f"{resources}/{folder}.lproj/{texts}").is_file():
+                    faults.append(f"{folder}: no {texts}")
         if not re.fullmatch(re.escape(app["CFBundleIdentifier"]) + r"\.[a-z]+", extension["CFBundleIdentifier"]):
             faults.append("the extension's identifier is not below the app's")
         if attributes["com.apple.ctk.class-id"] != extension["CFBundleIdentifier"]:
@@ -211,15 +215,21 @@ def faults_of_workflow(tree):
     actions = set(re.findall(r"uses: *(\S+)", text))
     if actions != {"actions/checkout@v4", "actions/upload-artifact@v4"}:
         faults.append(f"the workflow uses {sorted(actions)}")
-    for system in ("linux", "macos"):
-        job = re.search(rf"^  {system}:\n(.*?)(?=^  \w|\Z)", text, re.MULTILINE | re.DOTALL)
-        if not job or not re.search(r"^ +(run: )?\./check$", job[1], re.MULTILINE):
-            faults.append(f"the workflow does not run the tests on {system}")
-        if not job or "upload-artifact" not in job[1]:
-            faults.append(f"the workflow keeps nothing of {system}")
+    jobs = re.findall(r"^  [\w-]+:\n    runs-on: (\w+)-.*\n((?:(?:    .*)?\n)*)", text, re.MULTILINE)
+    for system, name in (("ubuntu", "Linux"), ("macos", "macOS")):
+        steps = "".join(steps for runner, steps in jobs if runner == system)
+        if not re.search(r"^[ -]+(run: )?\./check$", steps, re.MULTILINE):
+            faults.append(f"the workflow does not run the tests on {name}")
+        if "upload-artifact" not in steps:
+            faults.append(f"the workflow keeps nothing of {name}")
     for path in re.findall(r"packaging/macos/[\w-]+|\./check", text):
         if not (tree / path).is_file():
             faults.append(f"the workflow runs {path}, which is not there")
+    presets = json.loads((tree / "CMakePresets.json").read_text())
+    for builds, name in re.findall(r"cmake (--build )?--preset[ =]([\w-]+)", text):
+        kind = "buildPresets" if builds else "configurePresets"
+        if name not in [preset["name"] for preset in presets[kind] if not preset.get("hidden")]:
+            faults.append(f"the workflow uses {name}, which is not one of the {kind}")
     return faults
 
 

@@ -89,6 +89,7 @@ def assemble(cmake, source, folder, version, **changes):
         "APP_PLIST": folder / "App.plist",
         "EXTENSION_PLIST": folder / "Extension.plist",
         "RESOURCES": packaging / "Resources",
+        "APP_RESOURCES": packaging / "AppResources",
         "ICON": packaging / "AppIcon.icns",
         "BUNDLE": folder / "Mirel Token.app",
     }

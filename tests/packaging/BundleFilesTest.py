@@ -21,7 +21,6 @@ APP = "packaging/macos/AppInfo.plist.in"
 EXTENSION = "packaging/macos/ExtensionInfo.plist.in"
 APP_RIGHTS = "packaging/macos/App.entitlements"
 RIGHTS = "packaging/macos/Extension.entitlements"
-WORKFLOW = ".github/workflows/build.yml"
 HOME = "com.apple.security.temporary-exception.files.home-relative-path.read-write"
 
 # What is spoiled in which file, and what is said about it.
@@ -104,17 +103,49 @@ SPOILED = [
         '"CMAKE_OSX_DEPLOYMENT_TARGET": "13.0"',
         "the preset debug builds for another macOS",
     ),
-    # The workflow
-    (WORKFLOW, "actions/checkout@v4", "someone/checkout@v4", "the workflow uses ['actions/checkout@v4', "
+]
+
+GOOD_WORKFLOW = """\
+jobs:
+  linux:
+    runs-on: ubuntu-latest
+    steps:
+      - uses: actions/checkout@v4
+      - name: Test
+        run: |
+          git config safe.directory
+
+          ./check
+      - uses: actions/upload-artifact@v4
+
+  package:
+    runs-on: macos-latest
+    steps:
+      - uses: actions/checkout@v4
+      - run: cmake --preset macos && cmake --build --preset macos
+      - run: packaging/macos/sign-and-package --output packages "build/macos/Mirel Token.app"
+      - uses: actions/upload-artifact@v4
+
+  tests-on-macos:
+    runs-on: macos-14
+    steps:
+      - uses: actions/checkout@v4
+      - run: ./check
+"""
+
+# The same for a workflow.
+SPOILED_WORKFLOWS = [
+    ("    steps", "\tsteps", "the workflow has a tab"),
+    ("actions/checkout@v4", "someone/checkout@v4", "the workflow uses ['actions/checkout@v4', "
      "'actions/upload-artifact@v4', 'someone/checkout@v4']"),
-    (WORKFLOW, "          ./check\n", "", "the workflow does not run the tests on linux"),
-    (WORKFLOW, "llvm)/bin\"\n          ./check\n", "llvm)/bin\"\n", "the workflow does not run the tests on macos"),
-    (
-        WORKFLOW,
-        "macos/sign-and-package",
-        "macos/sign",
-        "the workflow runs packaging/macos/sign, which is not there",
-    ),
+    ("          ./check\n", "", "the workflow does not run the tests on Linux"),
+    ("      - run: ./check\n", "", "the workflow does not run the tests on macOS"),
+    ("          ./check\n      - uses: actions/upload-artifact@v4\n", "          ./check\n",
+     "the workflow keeps nothing of Linux"),
+    ("Token.app\"\n      - uses: actions/upload-artifact@v4\n", "Token.app\"\n", "the workflow keeps nothing of macOS"),
+    ("macos/sign-and-package", "macos/sign", "the workflow runs packaging/macos/sign, which is not there"),
+    ("cmake --preset macos", "cmake --preset base", "the workflow uses base, which is not one of the configurePresets"),
+    ("--build --preset macos", "--build --preset mac", "the workflow uses mac, which is not one of the buildPresets"),
 ]
 
 
@@ -132,15 +163,34 @@ def check_spoiled(checks, source):
             found = faults(tree)
             checks.true(f"{what}: {found}", any(fault.startswith(expected) for fault in found))
             (tree / name).write_bytes(good)
-        resources = tree / "packaging/macos/Resources"
-        (resources / "de.lproj/Localizable.strings").unlink()
-        checks.equal("a language without texts", faults(tree), ["de: no Localizable.strings"])
-        shutil.rmtree(resources / "de.lproj")
-        checks.equal(
-            "a language less",
-            faults(tree),
-            ["AppInfo: the languages are not the folders", "ExtensionInfo: the languages are not the folders"],
-        )
+        packaging = tree / "packaging/macos"
+        for resources, texts, lists in (
+            ("AppResources", "App.strings", ["AppInfo"]),
+            ("Resources", "Localizable.strings", ["AppInfo", "ExtensionInfo"]),
+        ):
+            german = packaging / resources / "de.lproj"
+            aside = tree / "aside"
+            (german / texts).rename(aside)
+            checks.equal(f"a language without {texts}", faults(tree), [f"de: no {texts}"])
+            german.rmdir()
+            missing = [f"{name}: the languages are not the folders of {resources}" for name in lists]
+            checks.equal(f"a language less in {resources}", faults(tree), missing)
+            german.mkdir()
+            aside.rename(german / texts)
+
+
+def check_workflow(checks, source):
+    with temporary_folder() as folder:
+
+        tree = copy_of(source, pathlib.Path(folder))
+        workflow = tree / ".github/workflows/build.yml"
+        workflow.write_text(GOOD_WORKFLOW)
+        checks.equal("a good workflow", faults(tree), [])
+        for old, new, expected in SPOILED_WORKFLOWS:
+            spoiled = GOOD_WORKFLOW.replace(old, new, 1)
+            checks.true(f"{new!r} instead of {old!r} changes the workflow", spoiled != GOOD_WORKFLOW)
+            workflow.write_text(spoiled)
+            checks.true(f"{new!r} instead of {old!r}: {faults(tree)}", expected in faults(tree))
 
 
 def check_driver_class(checks, source):
@@ -188,9 +238,8 @@ def check_icon(checks, source):
 
 
 def check_assembled(checks, given):
-    def expected(top):
-        texts = [f"Resources/{language}.lproj/Localizable.strings" for language in LANGUAGES]
-        return [f"{top}/{text}" for text in texts]
+    def expected(top, texts):
+        return [f"{top}/Resources/{language}.lproj/{texts}" for language in LANGUAGES]
 
     extension = "Contents/PlugIns/MirelToken.appex/Contents"
     with temporary_folder() as folder:
@@ -205,8 +254,9 @@ def check_assembled(checks, given):
             "what is in it",
             files_below(app),
             sorted(
-                expected("Contents")
-                + expected(extension)
+                expected("Contents", "Localizable.strings")
+                + expected("Contents", "App.strings")
+                + expected(extension, "Localizable.strings")
                 + ["Contents/Info.plist", "Contents/MacOS/mireltoken", "Contents/Resources/AppIcon.icns"]
                 + [f"{extension}/Info.plist", f"{extension}/MacOS/MirelToken"]
             ),
@@ -221,6 +271,8 @@ def check_assembled(checks, given):
 
         for changes, message in (
             ({"APP_EXECUTABLE": None}, "APP_EXECUTABLE is not given"),
+            ({"APP_RESOURCES": None}, "APP_RESOURCES is not given"),
+            ({"APP_RESOURCES": folder / "none"}, "APP_RESOURCES: there is no"),
             ({"ICON": folder / "none"}, "ICON: there is no"),
             ({"BUNDLE": folder}, "is no path of an app"),
         ):
@@ -239,6 +291,7 @@ def main():
     check_icon(checks, given.source)
     check_assembled(checks, given)
     check_spoiled(checks, given.source)
+    check_workflow(checks, given.source)
     check_driver_class(checks, given.source)
     checks.finish()
 

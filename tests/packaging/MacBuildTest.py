@@ -1,0 +1,239 @@
+"""How the whole project is built for macOS: read from the commands of a build folder, of which nothing is run. The
+SDK is one of a few stubs. Besides, what the preset for macOS says, and what stops the configuration."""
+
+import collections
+import json
+import pathlib
+import shlex
+
+from BundleFilesSupport import Checks, arguments, run, temporary_folder
+from BundleFilesToolchainTest import make_sdk
+
+PROCESSORS = ["arm64", "x86_64"]
+OLDEST = "12.0"
+INCLUDE_OPTIONS = ["-I", "-isystem", "-iquote", "-idirafter", "-F"]
+EXTENSION = "extension/MirelToken"
+COMMAND_LINE = "mireltoken"
+
+
+def after(words, option):
+    """The words that follow an option."""
+    return [following for word, following in zip(words, words[1:]) if word == option]
+
+
+def include_paths(words):
+    paths = []
+    for option in INCLUDE_OPTIONS:
+        paths += after(words, option)
+        paths += [word[len(option) :] for word in words if word.startswith(option) and word != option]
+    return [pathlib.Path(path) for path in paths if not path.startswith("ramework")]
+
+
+def is_below(path, folders):
+    return any(folder in [path, *path.parents] for folder in folders)
+
+
+class Build:
+    """The commands of the build folder: of each kind the words, under the file that is read or written."""
+
+    def __init__(self, source, folder, ninja):
+        self.folder = folder
+        code, shown, error = run(ninja, "-C", folder, "-t", "commands")
+        if code != 0:
+            raise RuntimeError(shown + error)
+        self.compiled = collections.defaultdict(list)
+        self.archived, self.linked, self.other = {}, {}, []
+        for words in map(shlex.split, shown.splitlines()):
+            if "-c" in words:
+                self.compiled[str(pathlib.Path(after(words, "-c")[0]).relative_to(source))].append(words)
+            elif "-static" in words and "-o" in words:
+                self.archived[after(words, "-o")[0]] = words
+            elif "-o" in words:
+                self.linked[after(words, "-o")[0]] = words
+            else:
+                self.other.append(words)
+
+    def objects_of(self, sources):
+        return sorted(after(words, "-o")[0] for name in sources for words in self.compiled[name])
+
+
+def objects_in(words):
+    return sorted(word for word in words if word.endswith(".o"))
+
+
+def sources_in(source, folder):
+    return sorted(str(file.relative_to(source)) for file in (source / folder).glob("*.mm"))
+
+
+def check_compiled(checks, build, given, sdk):
+    adapters = sources_in(given.source, "platform/macos") + sources_in(given.source, "token/macos")
+    checks.true("there are adapters", len(adapters) > 10)
+    for name in adapters:
+        checks.equal(f"how often {name} is compiled", len(build.compiled.get(name, [])), 1)
+    for name, commands in sorted(build.compiled.items()):
+        foreign = name.startswith(("platform/linux/", "tests/", "fuzz/", "bench/"))
+        checks.true(f"{name} is for macOS", not foreign)
+        for words in commands:
+            checks.equal(f"{name}: the processors", sorted(after(words, "-arch")), PROCESSORS)
+            oldest = [word for word in words if word.startswith("-mmacosx-version-min")]
+            checks.equal(f"{name}: the oldest macOS", oldest, [f"-mmacosx-version-min={OLDEST}"])
+            checks.equal(f"{name}: the SDK", after(words, "-isysroot"), [str(sdk)])
+            checks.true(f"{name}: C++20", "-std=c++20" in words)
+            if name.endswith(".mm"):
+                checks.true(f"{name}: no ARC", "-fno-objc-arc" in words and "-fobjc-arc" not in words)
+            if name.startswith("token/macos/"):
+                checks.true(f"{name}: for extensions", "-fapplication-extension" in words)
+            strange = [path for path in include_paths(words) if not is_below(path, [given.source, build.folder])]
+            checks.equal(f"{name}: headers from elsewhere", strange, [])
+    main = build.compiled["cli/main.cpp"][0]
+    for name in ("CLI", "nlohmann"):
+        private = build.folder / "headers" / name
+        checks.true(f"the headers of {name} are used", private in include_paths(main))
+        checks.equal(f"what is beside them, {name}", [entry.name for entry in private.iterdir()], [name])
+
+
+def check_archived(checks, build, source):
+    services = [name for name in sources_in(source, "platform/macos") if not name.endswith("/TokenObjects.mm")]
+    archive = objects_in(build.archived["platform/libplatform.a"])
+    checks.equal("services that are not in platform", sorted(set(build.objects_of(services)) - set(archive)), [])
+
+
+def check_libraries(checks, build, name):
+    """Nothing is linked but frameworks and what the build itself makes."""
+    words = build.linked[name]
+    checks.equal(f"{name}: libraries by name", [word for word in words if word.startswith(("-l", "-L"))], [])
+    libraries = {word for word in words if word.endswith((".a", ".dylib", ".so", ".tbd"))}
+    checks.equal(f"{name}: libraries from elsewhere", sorted(libraries - build.archived.keys()), [])
+    checks.true(f"{name}: platform", "platform/libplatform.a" in libraries)
+    checks.equal(f"{name}: the processors", sorted(after(words, "-arch")), PROCESSORS)
+    checks.true(f"{name}: the oldest macOS", f"-mmacosx-version-min={OLDEST}" in words)
+
+
+def check_linked(checks, build, source):
+    checks.equal("the programs", sorted(build.linked), [EXTENSION, COMMAND_LINE])
+    # A folder of most Macs takes names that differ in their case alone for the same.
+    written = [name.casefold() for name in [*build.linked, *build.archived]]
+    checks.equal("files written by two", [name for name in written if written.count(name) > 1], [])
+    if sorted(build.linked) != [EXTENSION, COMMAND_LINE]:
+        return
+    for name in (EXTENSION, COMMAND_LINE):
+        check_libraries(checks, build, name)
+
+    words = build.linked[EXTENSION]
+    parts = sources_in(source, "token/macos") + ["platform/macos/TokenObjects.mm"]
+    checks.equal("the extension's own objects", objects_in(words), build.objects_of(parts))
+    checks.equal(
+        "the extension's frameworks",
+        sorted(set(after(words, "-framework"))),
+        ["CryptoTokenKit", "Foundation", "Security"],
+    )
+    checks.true("the extension is linked as one", "-fapplication-extension" in words)
+    checks.true("the extension's entry is the system's", "-Wl,-e,_NSExtensionMain" in words)
+
+    words = build.linked[COMMAND_LINE]
+    checks.true("the command line's own main", set(build.objects_of(["cli/main.cpp"])) < set(objects_in(words)))
+    checks.equal(
+        "the command line's frameworks",
+        sorted(set(after(words, "-framework"))),
+        ["CoreServices", "Foundation", "Security"],
+    )
+    entries = [word for word in words if word.startswith("-Wl,-e") or word in ("-e", "-fapplication-extension")]
+    checks.equal("the command line is a program as any", entries, [])
+
+
+def check_bundled(checks, build):
+    given = [
+        sorted(word for word in words if word.startswith(("-DAPP_EXECUTABLE=", "-DEXTENSION_EXECUTABLE=")))
+        for words in build.other
+        if any(word.endswith("/AssembleBundle.cmake") for word in words)
+    ]
+    programs = [f"-DAPP_EXECUTABLE={build.folder}/{COMMAND_LINE}", f"-DEXTENSION_EXECUTABLE={build.folder}/{EXTENSION}"]
+    checks.equal("what the app is put together of", given, [programs])
+
+
+def check_commands(checks, given):
+    with temporary_folder() as name:
+        folder = pathlib.Path(name).resolve()
+        sdk = make_sdk(folder / "MacOSX.sdk")
+        code, shown, error = run(
+            given.cmake, "-G", "Ninja", "-S", given.source, "-B", folder / "build",
+            f"-DCMAKE_TOOLCHAIN_FILE={given.source}/cmake/macos-toolchain.cmake", f"-DMIREL_MACOS_SDK={sdk}",
+        )  # fmt: skip
+        checks.equal(f"configuring: {shown}", (code, error), (0, ""))
+        checks.true(f"configuring without warnings: {shown}", "warning" not in shown.lower())
+        if code != 0:
+            return
+        cache = (folder / "build/CMakeCache.txt").read_text().splitlines()
+        settings = dict(line.split("=", 1) for line in cache if "=" in line and not line.startswith(("#", "//")))
+        checks.equal("no tests where they cannot run", settings["BUILD_TESTING:BOOL"], "OFF")
+        build = Build(given.source, folder / "build", settings["CMAKE_MAKE_PROGRAM:FILEPATH"])
+        check_compiled(checks, build, given, sdk)
+        check_archived(checks, build, given.source)
+        check_linked(checks, build, given.source)
+        check_bundled(checks, build)
+
+
+def settled(presets, name):
+    """A preset's variables and condition, with what it inherits; its own come first."""
+    preset = next(preset for preset in presets if preset["name"] == name)
+    variables, condition = {}, None
+    parents = preset.get("inherits", [])
+    for parent in reversed([parents] if isinstance(parents, str) else parents):
+        inherited, above = settled(presets, parent)
+        variables.update(inherited)
+        condition = above or condition
+    variables.update(preset.get("cacheVariables", {}))
+    return variables, preset.get("condition", condition)
+
+
+def check_preset(checks, source):
+    presets = json.loads((source / "CMakePresets.json").read_text())
+    variables, condition = settled(presets["configurePresets"], "macos")
+    for variable, value in (
+        ("BUILD_TESTING", "OFF"),
+        ("CMAKE_BUILD_TYPE", "Release"),
+        ("CMAKE_OSX_ARCHITECTURES", ";".join(PROCESSORS)),
+        ("CMAKE_OSX_DEPLOYMENT_TARGET", OLDEST),
+    ):
+        checks.equal(f"the preset macos: {variable}", variables.get(variable), value)
+    darwin = {"type": "equals", "lhs": "${hostSystemName}", "rhs": "Darwin"}
+    checks.equal("where the preset macos is", condition, darwin)
+    builds = [preset["name"] for preset in presets["buildPresets"] if preset["configurePreset"] == "macos"]
+    checks.equal("how it is built", builds, ["macos"])
+
+
+def check_stops(checks, given):
+    """What cannot be built says so by name."""
+    with temporary_folder() as name:
+        folder = pathlib.Path(name)
+        toolchain = f"-DCMAKE_TOOLCHAIN_FILE={given.source}/cmake/macos-toolchain.cmake"
+        sdk = f"-DMIREL_MACOS_SDK={make_sdk(folder / 'MacOSX.sdk')}"
+        for what, options, message in (
+            (
+                "another system",
+                ["-DCMAKE_SYSTEM_NAME=FreeBSD", "-DBUILD_TESTING=OFF"],
+                "There are no services for FreeBSD, only for macOS and Linux.",
+            ),
+            (
+                "a missing library of headers",
+                [toolchain, sdk, "-DCMAKE_IGNORE_PATH=/usr/include;/usr/local/include"],
+                "The command line parser CLI11 is missing. Install it with",
+            ),
+        ):
+            code, shown, error = run(given.cmake, "-G", "Ninja", "-S", given.source, "-B", folder / what, *options)
+            checks.true(f"{what} stops: {shown}", code != 0)
+            checks.true(f"{what}: {error}", message in " ".join(error.split()))
+
+
+def main():
+    given = arguments()
+    given.source = given.source.resolve()
+    checks = Checks()
+    check_preset(checks, given.source)
+    check_commands(checks, given)
+    check_stops(checks, given)
+    checks.finish()
+
+
+if __name__ == "__main__":
+    main()
