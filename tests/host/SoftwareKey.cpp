@@ -11,6 +11,8 @@
 #include <stdexcept>
 #include <string>
 
+#include "support/KeptKeys.h"
+
 namespace mirel::test {
 namespace {
 
@@ -58,13 +60,13 @@ SoftwareKey::SoftwareKey(EVP_PKEY* key) : key_{key, &EVP_PKEY_free} {
 const SoftwareKey& SoftwareKey::rsa(unsigned bits) {
   static std::map<unsigned, SoftwareKey> keys;
   const auto found = keys.find(bits);
-  return found != keys.end() ? found->second : keys.emplace(bits, EVP_RSA_gen(bits)).first->second;
+  return found != keys.end() ? found->second : keys.emplace(bits, keptRsaKey(bits, "software")).first->second;
 }
 
 const SoftwareKey& SoftwareKey::otherRsa(unsigned bits) {
   static std::map<unsigned, SoftwareKey> keys;
   const auto found = keys.find(bits);
-  return found != keys.end() ? found->second : keys.emplace(bits, EVP_RSA_gen(bits)).first->second;
+  return found != keys.end() ? found->second : keys.emplace(bits, keptRsaKey(bits, "other")).first->second;
 }
 
 const SoftwareKey& SoftwareKey::ec(const char* curve) {

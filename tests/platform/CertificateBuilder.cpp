@@ -6,7 +6,11 @@
 #include <openssl/rsa.h>
 #include <openssl/x509v3.h>
 
+#include <map>
 #include <stdexcept>
+#include <string>
+
+#include "support/KeptKeys.h"
 
 namespace mirel {
 namespace {
@@ -69,7 +73,8 @@ ByteVector makeCertificate(const CertificateWish& wish) {
 }
 
 KeyHolder makeRsaKey(unsigned int bits) {
-  KeyHolder key{EVP_RSA_gen(bits)};
+  static std::map<unsigned int, int> numMade;
+  KeyHolder key{test::keptRsaKey(bits, "builder-" + std::to_string(numMade[bits]++))};
   require(key != nullptr, "no RSA key");
   return key;
 }

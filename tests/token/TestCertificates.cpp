@@ -12,6 +12,8 @@
 #include <stdexcept>
 #include <vector>
 
+#include "support/KeptKeys.h"
+
 namespace mirel::test {
 namespace {
 
@@ -44,7 +46,7 @@ KeyHolder made(EVP_PKEY* key) {
 EVP_PKEY* keyOf(TestKey kind) {
   switch (kind) {
     case TestKey::kRsa2048: {
-      static const KeyHolder key = made(EVP_RSA_gen(kRsaBits));
+      static const KeyHolder key = made(keptRsaKey(kRsaBits, "certificates"));
       return key.get();
     }
     case TestKey::kEd25519: {

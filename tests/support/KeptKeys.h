@@ -1,0 +1,34 @@
+#pragma once
+
+#include <openssl/pem.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <memory>
+#include <string>
+
+namespace mirel::test {
+
+/// An RSA key of that many bits, the caller's; null when OpenSSL makes none. To make one takes longer than
+/// most tests, so it is kept in the build folder: the same `name` (of a file) gives the same key in every run
+/// and every program.
+[[nodiscard]] inline EVP_PKEY* keptRsaKey(unsigned bits, const std::string& name) {
+  using FileHolder = std::unique_ptr<std::FILE, decltype(&std::fclose)>;
+  const std::string path = MIREL_TEST_KEYS "/rsa-" + std::to_string(bits) + "-" + name + ".pem";
+  if (const FileHolder file{std::fopen(path.c_str(), "r"), &std::fclose}; file) {
+    return PEM_read_PrivateKey(file.get(), nullptr, nullptr, nullptr);
+  }
+  EVP_PKEY* const key = EVP_RSA_gen(bits);
+  if (!key) return nullptr;
+  // Several programs may be at it; who comes last wins, and all go on with what is there then.
+  const std::string mine = path + "." + std::to_string(getpid());
+  {
+    const FileHolder file{std::fopen(mine.c_str(), "w"), &std::fclose};
+    if (!file || PEM_write_PKCS8PrivateKey(file.get(), key, nullptr, nullptr, 0, nullptr, nullptr) != 1)
+      return key;
+  }
+  (void)std::rename(mine.c_str(), path.c_str());
+  return key;
+}
+
+}  // namespace mirel::test
