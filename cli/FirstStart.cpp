@@ -20,16 +20,14 @@ constexpr std::string_view kInsertCard =
     "keys.";
 constexpr std::string_view kModuleMissing = "The software of your card's maker is missing";
 constexpr std::string_view kInstallModule =
-    "Mirel Token needs this file: %@ Install the software that came with your card, then put the card into "
-    "the "
-    "reader.";
+    "Install the software that came with your card, then put the card into the reader. Mirel Token needs "
+    "this file: %@";
 constexpr std::string_view kMove = "Mirel Token is not in its place";
 constexpr std::string_view kMoveWhere = "Drag Mirel Token into the Applications folder, and open it there.";
 constexpr std::string_view kNotRegistered = "Mirel Token could not be registered";
 constexpr std::string_view kRegisterAgain =
-    "The system answered with error %@. Drag Mirel Token into the Applications folder, log out, log in "
-    "again, and "
-    "open it there.";
+    "The system answered with error %@. Open Mirel Token once in Finder, in the Applications folder. If that "
+    "does not help, log out and in again.";
 constexpr std::string_view kAskTerminal =
     "If something does not work, this command in Terminal tells why: %@";
 
@@ -50,14 +48,14 @@ bool isOutOfPlace(const std::string& appPath) {
 Notice noticeOf(Desktop& desktop, UserDirectory& user) {
   if (isOutOfPlace(desktop.appPath())) return {kMove, kMoveWhere, {}, ExitCode::kUsage};
   const auto status = desktop.registerApp();
-  // What the user opens gets known to the system by that alone.
-  if (status != 0 && !desktop.appWasOpened()) {
-    return {kNotRegistered, kRegisterAgain, std::to_string(status), ExitCode::kInternal};
-  }
   const std::string module = moduleInHome(user.homeOf(user.loginName()));
   std::error_code error;
   if (!std::filesystem::is_regular_file(module, error)) {
     return {kModuleMissing, kInstallModule, module, ExitCode::kModuleNotLoadable};
+  }
+  // What the user opens gets known to the system by that alone.
+  if (status != 0 && !desktop.appWasOpened()) {
+    return {kNotRegistered, kRegisterAgain, std::to_string(status), ExitCode::kInternal};
   }
   return {kReady, kInsertCard, {}, ExitCode::kSuccess};
 }
@@ -71,20 +69,32 @@ Text localizedWith(Desktop& desktop, std::string_view english, const std::string
                  Text{text.units().substr(at + kPlace.size())}});
 }
 
-}  // namespace
+/// How to find out more, in the app's place; null where the app is still to be moved.
+Text hintFor(Desktop& desktop, const Notice& notice) {
+  if (notice.title == kMove) return {};
+  std::string command{"\""};
+  command.append(desktop.appPath()).append("/Contents/MacOS/mireltoken\" items");
+  return localizedWith(desktop, kAskTerminal, command);
+}
 
-ExitCode runFirstStart(Desktop& desktop, UserDirectory& user) {
+ExitCode tellWhatToDo(Desktop& desktop, UserDirectory& user) {
   const Notice notice = noticeOf(desktop, user);
   const Text title = desktop.localized(notice.title);
   const Text text = localizedWith(desktop, notice.text, notice.argument);
-  std::string command{"\""};
-  command.append(desktop.appPath()).append("/Contents/MacOS/mireltoken\" items");
-  const Text hint = localizedWith(desktop, kAskTerminal, command);
+  const Text hint = hintFor(desktop, notice);
 
-  if (desktop.appWasOpened() && desktop.showMessage(title, joined({text, Text{u"\n\n"}, hint})))
-    return notice.code;
-  const bool written = writeOutput(displayed(title) + "\n" + displayed(text) + "\n" + displayed(hint) + "\n");
-  return written ? notice.code : ExitCode::kFileTrouble;
+  const Text message = hint.isNull() ? text : joined({text, Text{u"\n\n"}, hint});
+  if (desktop.appWasOpened() && desktop.showMessage(title, message)) return notice.code;
+  std::string lines = displayed(title) + "\n" + displayed(text) + "\n";
+  if (!hint.isNull()) lines += displayed(hint) + "\n";
+  return writeOutput(lines) ? notice.code : ExitCode::kFileTrouble;
+}
+
+}  // namespace
+
+std::optional<ExitCode> runFirstStart(int argc, Desktop* desktop, UserDirectory& user) {
+  if (argc > 1 || !desktop || desktop->appPath().empty()) return std::nullopt;
+  return tellWhatToDo(*desktop, user);
 }
 
 }  // namespace mirel::cli

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <optional>
+
 #include "ExitCode.h"
 
 namespace mirel {
@@ -10,8 +12,9 @@ class UserDirectory;
 namespace mirel::cli {
 
 /// What the app does when it is started without arguments: makes itself known to the system, and tells the
-/// user what to do next, in a message when the app was opened, otherwise on standard output. To be called
-/// only when `desktop` has an app.
-[[nodiscard]] ExitCode runFirstStart(Desktop& desktop, UserDirectory& user);
+/// user what to do next, in a message when the app was opened, otherwise on standard output. `argc`: as main
+/// got it; `desktop`: may be null. Nothing when there are arguments or the program is in no app; then the
+/// command line has its say.
+[[nodiscard]] std::optional<ExitCode> runFirstStart(int argc, Desktop* desktop, UserDirectory& user);
 
 }  // namespace mirel::cli

@@ -110,9 +110,7 @@ std::string usageTrouble(const Options& options) {
 
 ExitCode parseAndRun(int argc, char** argv) {
   occupyStandardStreams();
-  if (const auto desktop = systemDesktop(); argc <= 1 && desktop && !desktop->appPath().empty()) {
-    return runFirstStart(*desktop, *systemUserDirectory());
-  }
+  if (const auto code = runFirstStart(argc, systemDesktop().get(), *systemUserDirectory())) return *code;
   CLI::App app;
   Options options;
   declareOptions(app, options);

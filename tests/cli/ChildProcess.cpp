@@ -171,10 +171,11 @@ class Pipe {
  private:
   static std::array<int, 2> opened() {
     std::array<int, 2> ends{};
-    require(pipe2(ends.data(), O_CLOEXEC) == 0, "pipe2");
+    require(pipe(ends.data()) == 0, "pipe");
+    for (const int end : ends) require(fcntl(end, F_SETFD, FD_CLOEXEC) == 0, "fcntl");
     return ends;
   }
-  explicit Pipe(std::array<int, 2> ends) : out_{ends[0], "pipe2"}, in_{ends[1], "pipe2"} {}
+  explicit Pipe(std::array<int, 2> ends) : out_{ends[0], "pipe"}, in_{ends[1], "pipe"} {}
 
   Descriptor out_;
   Descriptor in_;

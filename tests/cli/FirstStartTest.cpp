@@ -95,7 +95,7 @@ class FirstStart : public ::testing::Test {
   /// Runs it, and takes what it writes to standard output.
   [[nodiscard]] Outcome run() {
     ::testing::internal::CaptureStdout();
-    const ExitCode code = runFirstStart(desktop, user);
+    const ExitCode code = runFirstStart(1, &desktop, user).value();
     return {code, ::testing::internal::GetCapturedStdout()};
   }
 
@@ -128,10 +128,9 @@ TEST_F(FirstStart, TellsWhichModuleIsMissing) {
   const Outcome outcome = runFromShell();
   EXPECT_EQ(outcome.code, ExitCode::kModuleNotLoadable);
   EXPECT_EQ(outcome.output, std::string{kModuleMissing} +
-                                "\nMirel Token needs this file: " + module.string() +
-                                " Install the software that came with your card, then put the card into the "
-                                "reader.\n" +
-                                kAskTerminal + "\n");
+                                "\nInstall the software that came with your card, then put the card into the "
+                                "reader. Mirel Token needs this file: " +
+                                module.string() + "\n" + kAskTerminal + "\n");
 }
 
 TEST_F(FirstStart, TakesADanglingLinkForAMissingModule) {
@@ -151,7 +150,8 @@ TEST_F(FirstStart, TellsThatTheAppIsOutOfPlace) {
     desktop.path = path;
     const Outcome outcome = runFromShell();
     EXPECT_EQ(outcome.code, ExitCode::kUsage);
-    EXPECT_THAT(outcome.output, StartsWith(std::string{kMove} + "\n" + kMoveWhere + "\n"));
+    // No command: where the app is, it does not stay.
+    EXPECT_EQ(outcome.output, std::string{kMove} + "\n" + kMoveWhere + "\n");
   }
 }
 
@@ -173,15 +173,31 @@ TEST_F(FirstStart, TakesEveryOtherPlaceForAGoodOne) {
   }
 }
 
+TEST_F(FirstStart, TellsThatTheModuleIsMissingBeforeTheErrorOfTheRegistration) {
+  desktop.registrationError = -10811;
+  fs::remove(module);
+  EXPECT_EQ(runFromShell().code, ExitCode::kModuleNotLoadable);
+}
+
+TEST_F(FirstStart, LeavesEverythingElseToTheCommandLine) {
+  EXPECT_FALSE(runFirstStart(2, &desktop, user));
+  EXPECT_FALSE(runFirstStart(1, nullptr, user));
+  desktop.path = "";
+  EXPECT_FALSE(runFirstStart(1, &desktop, user));
+  EXPECT_EQ(desktop.registrations, 0);
+  EXPECT_THAT(desktop.messages, IsEmpty());
+}
+
 TEST_F(FirstStart, TellsTheErrorOfTheRegistration) {
   desktop.registrationError = -10811;
   const Outcome outcome = runFromShell();
   EXPECT_EQ(outcome.code, ExitCode::kInternal);
-  EXPECT_EQ(outcome.output,
-            std::string{kNotRegistered} +
-                "\nThe system answered with error -10811. Drag Mirel Token into the Applications folder, log "
-                "out, log in again, and open it there.\n" +
-                kAskTerminal + "\n");
+  EXPECT_EQ(
+      outcome.output,
+      std::string{kNotRegistered} +
+          "\nThe system answered with error -10811. Open Mirel Token once in Finder, in the Applications "
+          "folder. If that does not help, log out and in again.\n" +
+          kAskTerminal + "\n");
 }
 
 TEST_F(FirstStart, TellsNoErrorOfTheRegistrationWhenTheAppWasOpened) {
@@ -258,7 +274,7 @@ TEST_F(FirstStart, FailsWhenTheOutputCannotBeWritten) {
   const auto runWithoutOutput = [&] {
     desktop.opened = false;
     close(STDOUT_FILENO);
-    std::_Exit(static_cast<int>(runFirstStart(desktop, user)));
+    std::_Exit(static_cast<int>(runFirstStart(1, &desktop, user).value()));
   };
   EXPECT_EXIT(runWithoutOutput(), ::testing::ExitedWithCode(14), "the output cannot be written");
 }
@@ -278,8 +294,8 @@ TEST_F(FirstStart, UsesTheWordingOfTheUser) {
 
 TEST_F(FirstStart, PutsItsArgumentWhereTheTranslationHasThePlace) {
   constexpr const char* kKey =
-      "The system answered with error %@. Drag Mirel Token into the Applications folder, log out, log in "
-      "again, and open it there.";
+      "The system answered with error %@. Open Mirel Token once in Finder, in the Applications folder. If "
+      "that does not help, log out and in again.";
   const struct {
     const char* translation;
     const char* line;

@@ -6,10 +6,11 @@
 #include "platform/Desktop.h"
 #include "platform/UserDirectory.h"
 
-int main() {
+int main(int argc, char**) {
   @autoreleasepool {
-    const auto desktop = mirel::systemDesktop();
-    if (desktop->appPath().empty()) return 99;
-    return static_cast<int>(mirel::cli::runFirstStart(*desktop, *mirel::systemUserDirectory()));
+    constexpr int kNoApp = 99;
+    const auto code =
+        mirel::cli::runFirstStart(argc, mirel::systemDesktop().get(), *mirel::systemUserDirectory());
+    return code ? static_cast<int>(*code) : kNoApp;
   }
 }

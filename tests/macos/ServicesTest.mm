@@ -7,6 +7,8 @@
 #import <objc/runtime.h>
 
 #include <filesystem>
+#include <fstream>
+#include <map>
 #include <optional>
 
 #import "Certificate.h"
@@ -185,21 +187,30 @@ TEST_F(MacDesktop, ShowsAMessageUntilItWasRead) {
   EXPECT_FALSE(desktop->showMessage(Text{u"Title"}, Text{u"Text"}));
 }
 
-TEST(MacApp, SaysWhatToDoNextWhenItIsOpened) {
+TEST(MacApp, SaysWhatToDoNextInTheWordsOfItsOwnTable) {
   const TemporaryFolder folder;
   const auto app = folder.path() / "Mirel Token.app";
-  std::filesystem::create_directory(app);
   // Where this system's Foundation looks for the program and the texts of an app.
+  const auto texts = app / "Resources" / "en.lproj";
+  std::filesystem::create_directories(texts);
   std::filesystem::copy_file(MIREL_FIRST_START, app / "Mirel Token");
-  std::filesystem::copy(MIREL_APP_RESOURCES, app / "Resources", std::filesystem::copy_options::recursive);
+  std::ofstream{texts / "App.strings"}
+      << "\"The software of your card's maker is missing\" = \"Where is it?\";\n";
+  std::ofstream{texts / "Localizable.strings"}
+      << "\"The software of your card's maker is missing\" = \"No!\";\n";
   // Foundation itself leaves something behind when it looks for the language.
-  const Result result = run({.program = app / "Mirel Token",
-                             .environment = {{"LANGUAGES", "English"}, {"ASAN_OPTIONS", "detect_leaks=0"}}});
+  const std::map<std::string, std::string> environment{{"LANGUAGES", "English"},
+                                                       {"ASAN_OPTIONS", "detect_leaks=0"}};
+  const Result result = run({.program = app / "Mirel Token", .environment = environment});
   EXPECT_EQ(result.exitCode, 3) << result.err;
-  EXPECT_THAT(result.out, ::testing::StartsWith("The software of your card's maker is missing\n"));
-  EXPECT_THAT(result.out, ::testing::HasSubstr("/Library/LunetLocalSignServer/libTorvo_p11v1.dylib "));
+  EXPECT_THAT(result.out, ::testing::StartsWith("Where is it?\nInstall "));
+  EXPECT_THAT(result.out, ::testing::HasSubstr("/Library/LunetLocalSignServer/libTorvo_p11v1.dylib\n"));
   EXPECT_THAT(result.out,
               ::testing::EndsWith(": \"" + app.string() + "/Contents/MacOS/mireltoken\" items\n"));
+  const Result withArgument =
+      run({.program = app / "Mirel Token", .arguments = {"items"}, .environment = environment});
+  EXPECT_EQ(withArgument.exitCode, 99);
+  EXPECT_EQ(withArgument.out, "");
 }
 
 TEST_F(MacDesktop, KeepsTheEnglishTextWithoutATranslation) {
