@@ -135,10 +135,9 @@ SecCertificateRef refOf(const SecCertificate& certificate) noexcept {
 
 std::shared_ptr<SecCertificate> wrapped(SecCertificateRef certificate) noexcept {
   if (!certificate) return nullptr;
-  CFRetain(certificate);
   const auto der = CFHolder<CFDataRef>::adopt(SecCertificateCopyData(certificate));
   return std::make_shared<PlatformCertificate>(bytesOf((NSData*)der.get()),
-                                               CFHolder<SecCertificateRef>::adopt(certificate));
+                                               CFHolder<SecCertificateRef>::retain(certificate));
 }
 
 std::shared_ptr<CertificateParser> systemCertificateParser() {

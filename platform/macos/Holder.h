@@ -66,6 +66,12 @@ class CFHolder {
     return holder;
   }
 
+  /// Shares what others own; null stays null.
+  [[nodiscard]] static CFHolder retain(Ref ref) noexcept {
+    if (ref) CFRetain(ref);
+    return adopt(ref);
+  }
+
   [[nodiscard]] Ref get() const noexcept { return ref_; }
   [[nodiscard]] explicit operator bool() const noexcept { return ref_ != nullptr; }
 

@@ -10,7 +10,7 @@
 
 namespace mirel {
 
-/// What the platform prints for an object; null for nil.
+/// What the platform prints for an object, also for nil.
 [[nodiscard]] Text descriptionOf(id object) noexcept;
 
 /// Null for nil, also below, except as noted.

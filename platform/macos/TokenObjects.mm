@@ -150,7 +150,7 @@ std::shared_ptr<Wrapped> wrappedAs(Object* object) noexcept {
 
 Text descriptionOf(id object) noexcept {
   @autoreleasepool {
-    return textOf([object description]);
+    return textOf([object description]).orNullMark();
   }
 }
 

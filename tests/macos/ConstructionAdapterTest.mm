@@ -159,6 +159,34 @@ TEST_F(ConstructionAdapter, KeepsTheVeryObjectThatNamesAKeysCertificate) {
   }
 }
 
+TEST_F(ConstructionAdapter, PrintsATokenThatIsNotItsOwn) {
+  insertAndOpen();
+  @autoreleasepool {
+    TKSmartCardToken* other = [[[TKSmartCardToken alloc] initWithSmartCard:[token() smartCard]
+                                                                       AID:nil
+                                                                instanceID:@"other"
+                                                               tokenDriver:driver()] autorelease];
+    EXPECT_TRUE([token() token:other createSessionWithError:nil] != nil);
+    EXPECT_THAT(recorder.texts(), Contains("NSLog: [MirelSCToken-148] token = " +
+                                           std::string{[[other description] UTF8String]}));
+    TKToken* none = nil;
+    EXPECT_TRUE([token() token:none createSessionWithError:nil] != nil);
+    EXPECT_THAT(recorder.texts(), Contains("NSLog: [MirelSCToken-148] token = (null)"));
+  }
+}
+
+TEST_F(ConstructionAdapter, HandsItselfOnAsTheDriver) {
+  @autoreleasepool {
+    ASSERT_TRUE(system->offerCard(kReaderName).succeeded);
+    TKSmartCardTokenDriver* other = [[[TKSmartCardTokenDriver alloc] init] autorelease];
+    TKSmartCardToken* made = [driver() tokenDriver:other
+                           createTokenForSmartCard:[token() smartCard]
+                                               AID:nil
+                                             error:nil];
+    EXPECT_TRUE([made tokenDriver] == driver());
+  }
+}
+
 TEST_F(ConstructionAdapter, PrintsThePlatformsObjects) {
   insertAndOpen();
   @autoreleasepool {

@@ -84,6 +84,15 @@ TEST_F(PlatformAdapter, SupportsNothingWithoutAnAlgorithm) {
                               error:&error] == nil);
     EXPECT_TRUE(error == nil);
     algorithmToPrint(none);
+    EXPECT_TRUE([asked tokenSession:asked
+                    performKeyExchangeWithPublicKey:data
+                                           usingKey:@"01"
+                                          algorithm:none
+                                         parameters:(TKTokenKeyExchangeParameters*)(id)none
+                                              error:nil] == nil);
+    EXPECT_THAT(recorder.texts(),
+                Contains("NSLog: [MirelSCTokenSession-318] performKeyExchangeWithPublicKey 01 "
+                         "algorithm (null)"));
   }
 }
 

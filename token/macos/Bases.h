@@ -47,6 +47,9 @@ class ScopedExtensionServices {
     ::MirelSCTokenAuth* operation) noexcept;
 [[nodiscard]] std::shared_ptr<TKTokenKeychainKey> baseOf(::MirelCTKTokenKeychainKey* key) noexcept;
 
+/// Any token, as far as it can be printed; null for nil.
+[[nodiscard]] std::shared_ptr<TKSmartCardToken> wrapped(::TKToken* token) noexcept;
+
 /// The core object of a token of ours; null for any other.
 [[nodiscard]] std::shared_ptr<MirelSCToken> coreOf(::TKToken* token) noexcept;
 

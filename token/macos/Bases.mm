@@ -208,6 +208,23 @@ class ExtensionTokenKit final : public TokenKit {
   }
 };
 
+/// A token of somebody else, which is there to be printed.
+class ForeignToken final : public TKSmartCardToken {
+ public:
+  explicit ForeignToken(Text description) noexcept : description_{std::move(description)} {}
+  [[nodiscard]] Text description() const noexcept override { return description_; }
+  [[nodiscard]] bool initWithSmartCard(const std::shared_ptr<TKSmartCard>&, const Bytes&, const Text&,
+                                       const std::shared_ptr<TKSmartCardTokenDriver>&) noexcept override {
+    return false;
+  }
+  [[nodiscard]] std::shared_ptr<TKTokenKeychainContents> keychainContents() const noexcept override {
+    return nullptr;
+  }
+
+ private:
+  Text description_;
+};
+
 /// What a test has put in the place of the system's services.
 std::optional<PlatformServices>& replacement() noexcept {
   static std::optional<PlatformServices> services;
@@ -240,6 +257,12 @@ std::shared_ptr<TKTokenSmartCardPINAuthOperation> baseOf(::MirelSCTokenAuth* ope
 }
 std::shared_ptr<TKTokenKeychainKey> baseOf(::MirelCTKTokenKeychainKey* key) noexcept {
   return baseOn<KeychainKey<KeyBase>>(key);
+}
+
+std::shared_ptr<TKSmartCardToken> wrapped(::TKToken* token) noexcept {
+  if (!token) return nullptr;
+  if (auto core = coreOf(token)) return core;
+  return std::make_shared<ForeignToken>(descriptionOf(token));
 }
 
 std::shared_ptr<MirelSCToken> coreOf(::TKToken* token) noexcept {

@@ -1,10 +1,13 @@
 #import "CryptTKitSProviderBox.h"
 
+#import "Holder.h"
+
 @implementation CryptTKitSProvider
 
 + (CryptTKitSProvider*)boxOf:(const std::shared_ptr<mirel::CryptTKitSProvider>&)provider {
   if (!provider) return nil;
-  CryptTKitSProvider* box = [[[CryptTKitSProvider alloc] init] autorelease];
+  CryptTKitSProvider* box =
+      mirel::ObjCHolder<CryptTKitSProvider>::adopt([[CryptTKitSProvider alloc] init]).autoreleased();
   box->provider_ = provider;
   return box;
 }

@@ -62,7 +62,7 @@
 
 - (TKTokenSession*)token:(TKToken*)token createSessionWithError:(NSError**)error {
   mirel::ErrorArgument argument{error, mirel::ErrorArgument::Before::kShown};
-  return mirel::objectBehind([self core]->createSessionWithError(mirel::coreOf(token), argument.pointer()));
+  return mirel::objectBehind([self core]->createSessionWithError(mirel::wrapped(token), argument.pointer()));
 }
 
 @end

@@ -22,7 +22,7 @@
                              AID:(NSData*)AID
                            error:(NSError**)error {
   mirel::ErrorArgument argument{error};
-  return mirel::objectBehind(core_->createTokenForSmartCard(mirel::wrapped(driver), mirel::wrapped(smartCard),
+  return mirel::objectBehind(core_->createTokenForSmartCard(mirel::wrapped(self), mirel::wrapped(smartCard),
                                                             mirel::bytesOf(AID), argument.pointer()));
 }
 

@@ -11,7 +11,7 @@ namespace mirel {
 /// none.
 [[nodiscard]] std::string objectDescription(std::string_view className, const TKTokenObject* object);
 
-/// What "%@" prints for an error.
+/// The beginning of what "%@" prints for an error: its domain and code.
 [[nodiscard]] inline std::string errorDescription(const TKError& error) {
   return "Error Domain=" + error.domain.orNullMark().toUtf8() + " Code=" + std::to_string(error.code);
 }
