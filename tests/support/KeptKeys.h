@@ -16,18 +16,18 @@ namespace mirel::test {
   using FileHolder = std::unique_ptr<std::FILE, decltype(&std::fclose)>;
   const std::string path = MIREL_TEST_KEYS "/rsa-" + std::to_string(bits) + "-" + name + ".pem";
   if (const FileHolder file{std::fopen(path.c_str(), "r"), &std::fclose}; file) {
-    return PEM_read_PrivateKey(file.get(), nullptr, nullptr, nullptr);
+    if (EVP_PKEY* const kept = PEM_read_PrivateKey(file.get(), nullptr, nullptr, nullptr)) return kept;
   }
   EVP_PKEY* const key = EVP_RSA_gen(bits);
   if (!key) return nullptr;
-  // Several programs may be at it; who comes last wins, and all go on with what is there then.
+  // Several programs may be at it: the last one's key stays, and this run of each goes on with its own.
   const std::string mine = path + "." + std::to_string(getpid());
-  {
-    const FileHolder file{std::fopen(mine.c_str(), "w"), &std::fclose};
-    if (!file || PEM_write_PKCS8PrivateKey(file.get(), key, nullptr, nullptr, 0, nullptr, nullptr) != 1)
-      return key;
+  bool written = false;
+  if (const FileHolder file{std::fopen(mine.c_str(), "w"), &std::fclose}; file) {
+    written = PEM_write_PKCS8PrivateKey(file.get(), key, nullptr, nullptr, 0, nullptr, nullptr) == 1 &&
+              std::fflush(file.get()) == 0;
   }
-  (void)std::rename(mine.c_str(), path.c_str());
+  if (!written || std::rename(mine.c_str(), path.c_str()) != 0) (void)std::remove(mine.c_str());
   return key;
 }
 
