@@ -62,7 +62,7 @@ Notice noticeOf(Desktop& desktop, UserDirectory& user) {
 
 Text localizedWith(Desktop& desktop, std::string_view english, const std::string& argument) {
   constexpr std::u16string_view kPlace = u"%@";
-  const Text text = desktop.localized(english);
+  Text text = desktop.localized(english);
   const auto at = text.units().find(kPlace);
   if (at == std::u16string_view::npos) return text;
   return joined({Text{text.units().substr(0, at)}, Text::fromUtf8(argument),

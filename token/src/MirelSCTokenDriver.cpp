@@ -19,7 +19,7 @@ std::shared_ptr<TKSmartCardToken> MirelSCTokenDriver::createTokenForSmartCard(
     const std::shared_ptr<TKSmartCardTokenDriver>& driver, const std::shared_ptr<TKSmartCard>& smartCard,
     const Bytes& AID, TKErrorPointer outError) noexcept {
   services_.log->systemDefault(logLine("CTK [%s-%d] +++Start+++", kUnit, kStartLine));
-  const auto token = services_.tokenKit->newToken(services_, smartCard, AID, driver, outError);
+  auto token = services_.tokenKit->newToken(services_, smartCard, AID, driver, outError);
   services_.log->process(
       logLine("[%s-%d] token = %@", kUnit, kTokenLine, objectDescription("MirelSCToken", token.get())));
   services_.log->systemDefault(logLine("CTK [%s-%d] ---END---", kUnit, kEndLine));
