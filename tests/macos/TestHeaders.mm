@@ -1,0 +1,1 @@
+// Gives the precompiled headers of the tests a target to belong to.
