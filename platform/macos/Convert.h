@@ -7,10 +7,9 @@
 #import <Foundation/Foundation.h>
 
 #include <memory>
-#include <optional>
 
+#include "platform/SecretText.h"
 #include "platform/Text.h"
-#include "platform/TokenKit.h"
 
 namespace mirel {
 
@@ -24,49 +23,5 @@ namespace mirel {
 
 /// A copy of the string's content that is wiped when it ends; the string itself is the platform's.
 [[nodiscard]] std::shared_ptr<const SecretText> secretOf(NSString* string) noexcept;
-
-/// The platform's own object, for an error that it has reported.
-[[nodiscard]] NSError* errorOf(const TKError& error) noexcept;
-/// `error` is not nil. It stays with what is returned.
-[[nodiscard]] TKError tkErrorOf(NSError* error) noexcept;
-
-/// An error out-argument of an Objective-C method of ours, for the time of one call into the core: what the
-/// core sets is handed to the caller at the end.
-class ErrorArgument {
- public:
-  enum class Before { kIgnored, kShown };
-
-  /// `error`: may be null, as the caller gave it. `before`: whether the core sees the error that is there
-  /// already; most callers leave that undefined.
-  explicit ErrorArgument(NSError** error, Before before = Before::kIgnored) noexcept;
-  ErrorArgument(const ErrorArgument&) = delete;
-  ErrorArgument& operator=(const ErrorArgument&) = delete;
-  ~ErrorArgument();
-
-  /// Null when the caller gave none.
-  [[nodiscard]] TKErrorPointer pointer() noexcept { return error_ ? &value_ : nullptr; }
-
- private:
-  NSError** error_;
-  std::optional<TKError> before_;
-  std::optional<TKError> value_;
-};
-
-/// The other way round: an error out-argument of the core, for the time of one call of an Objective-C method.
-class ErrorPlace {
- public:
-  /// `outError`: may be null.
-  explicit ErrorPlace(TKErrorPointer outError) noexcept : outError_{outError} {}
-  ErrorPlace(const ErrorPlace&) = delete;
-  ErrorPlace& operator=(const ErrorPlace&) = delete;
-  ~ErrorPlace();
-
-  /// Null when the core gave none.
-  [[nodiscard]] NSError** pointer() noexcept { return outError_ ? &error_ : nullptr; }
-
- private:
-  TKErrorPointer outError_;
-  NSError* error_ = nil;
-};
 
 }  // namespace mirel

@@ -2,6 +2,7 @@
 
 #import "Certificate.h"
 #import "Convert.h"
+#import "Errors.h"
 #import "Holder.h"
 #import "MirelCTKTokenKeychainKey.h"
 #import "MirelSCToken.h"

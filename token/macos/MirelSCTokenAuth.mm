@@ -2,6 +2,7 @@
 
 #import "Bases.h"
 #import "Convert.h"
+#import "Errors.h"
 #import "MirelSCTokenSession.h"
 #import "TokenObjects.h"
 

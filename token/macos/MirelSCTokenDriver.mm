@@ -2,6 +2,7 @@
 
 #import "Bases.h"
 #import "Convert.h"
+#import "Errors.h"
 #import "TokenObjects.h"
 
 #include "token/MirelSCTokenDriver.h"

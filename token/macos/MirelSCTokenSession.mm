@@ -2,6 +2,7 @@
 
 #import "Bases.h"
 #import "Convert.h"
+#import "Errors.h"
 #import "MirelSCToken.h"
 #import "MirelSCTokenAuth.h"
 #import "TokenObjects.h"
