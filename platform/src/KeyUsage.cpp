@@ -78,9 +78,9 @@ std::optional<ByteSpan> readOnly(ByteSpan der, std::uint8_t tag) noexcept {
   return reader.atEnd() ? content : std::nullopt;
 }
 
-/// The content of the TBSCertificate.
+/// The content of the TBSCertificate. Cards fill their files up, so bytes may follow the certificate.
 std::optional<ByteSpan> toBeSignedOf(ByteSpan der) noexcept {
-  const auto certificate = readOnly(der, kSequence);
+  const auto certificate = DerReader{der}.read(kSequence);
   if (!certificate) return std::nullopt;
   DerReader reader{*certificate};
   const auto toBeSigned = reader.read(kSequence);

@@ -136,6 +136,16 @@ TEST_F(MacCertificate, TellsNoEndThatItCannotRead) {
   EXPECT_TRUE(parsed({})->notAfter().isNull());
 }
 
+TEST_F(MacCertificate, HasItsKeyUsageWhateverFollowsItInTheFile) {
+  auto der = testCertificate({.keyUsage = 1});
+  der.resize(der.size() + 512);
+  EXPECT_FALSE(systemCertificateParser()->createWithData(Bytes{der}));
+  switches->takesLongerCertificates = true;
+  const auto certificate = systemCertificateParser()->createWithData(Bytes{der});
+  ASSERT_TRUE(certificate);
+  EXPECT_EQ(certificate->keyUsage(), 1);
+}
+
 TEST_F(MacCertificate, IsNamedAsThePlatformSumsItUp) {
   const auto certificate = parsed({});
   EXPECT_FALSE(certificate->subject().isEmpty());

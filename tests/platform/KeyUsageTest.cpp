@@ -235,7 +235,6 @@ TEST(KeyUsage, IsMissingWhenTheWayToItIsNotACertificates) {
       {"nothing", {}},
       {"NULs", ByteVector(64, 0x00)},
       {"all-ones", ByteVector(64, 0xFF)},
-      {"a byte behind it", joined({good, {0x00}})},
       {"a SET", value(0x31, {inside, algorithm, signature})},
       {"what is to be signed alone", inside},
       {"no algorithm", value(0x30, {inside, signature})},
@@ -279,6 +278,13 @@ TEST(KeyUsage, IsMissingWhenTheWayToItIsNotACertificates) {
   for (const auto& row : rows) {
     SCOPED_TRACE(row.description);
     EXPECT_EQ(usageOf(row.der), std::nullopt);
+  }
+}
+
+TEST(KeyUsage, IsReadWhateverFollowsTheCertificate) {
+  const ByteVector good = certificateWith({kKeyUsage});
+  for (const ByteVector& behind : {ByteVector{0x00}, ByteVector(512, 0x00), ByteVector(3, 0xFF), good}) {
+    EXPECT_EQ(usageOf(joined({good, behind})), kSigningBits);
   }
 }
 

@@ -9,6 +9,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <memory>
 #include <string>
@@ -160,7 +161,12 @@ NSDictionary* entryOf(NSString* label, id value) {
   const auto* next = static_cast<const unsigned char*>([der bytes]);
   const std::unique_ptr<X509, OpenSslFree> x509{d2i_X509(nullptr, &next, (long)[der length])};
   // OpenSSL also takes encodings that are not DER, and whatever comes after them.
-  if (!x509 || ![encoded<i2d_X509>(x509.get()) isEqual:der]) {
+  NSData* const whole = x509 ? encoded<i2d_X509>(x509.get()) : nil;
+  const bool isDer = switches().takesLongerCertificates
+                         ? whole && [der length] >= [whole length] &&
+                               std::memcmp([whole bytes], [der bytes], [whole length]) == 0
+                         : [whole isEqual:der];
+  if (!isDer) {
     [self release];
     return nil;
   }

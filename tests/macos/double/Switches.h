@@ -31,6 +31,10 @@ struct Switches {
   bool refusesCertificateItems = false;
   bool refusesKeyItems = false;
   bool refusesPinOperations = false;
+  /// Keychain contents refuse what they are filled with, and then raise.
+  bool refusesItems = false;
+  /// What refuses raises an exception, instead of answering nil.
+  bool raises = false;
   /// Tokens have no keychain contents.
   bool withoutContents = false;
   /// Sessions have no connection to the card.
@@ -42,6 +46,8 @@ struct Switches {
   bool defaultLevelOff = false;
   KeyUsageForm keyUsageForm = KeyUsageForm::kBitNumbers;
   ValidityForm validityForm = ValidityForm::kSeconds;
+  /// Certificates are taken with what follows them.
+  bool takesLongerCertificates = false;
   /// Certificates have no summary of their subject.
   bool withoutSummary = false;
   /// What LSRegisterURL and CFUserNotificationDisplayAlert answer.
