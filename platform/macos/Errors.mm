@@ -4,6 +4,7 @@
 
 #include "Convert.h"
 #include "Holder.h"
+#include "TokenObjects.h"
 
 namespace mirel {
 
@@ -21,7 +22,8 @@ TKError tkErrorOf(NSError* error) noexcept {
   // An absent description is not asked for: the platform would make one up.
   const id text = [[error userInfo] objectForKey:NSLocalizedDescriptionKey];
   return TKError{textOf([error domain]), [error code], textOfObject(text),
-                 std::make_shared<const ObjCHolder<NSError>>(ObjCHolder<NSError>::retain(error))};
+                 std::make_shared<const ObjCHolder<NSError>>(ObjCHolder<NSError>::retain(error)),
+                 descriptionOf(error)};
 }
 
 ErrorArgument::ErrorArgument(NSError** error, Before before) noexcept : error_{error} {

@@ -3,6 +3,7 @@
 #include "Algorithms.h"
 #include "Certificate.h"
 #include "Convert.h"
+#include "Guard.h"
 #include "Holder.h"
 #include "KeychainKey.h"
 
@@ -110,8 +111,10 @@ class CertificateItem final : public Wrapper<TKTokenKeychainCertificate, ::TKTok
   [[nodiscard]] bool initWithCertificate(const std::shared_ptr<SecCertificate>& certificate,
                                          const Text& objectID) noexcept override {
     // The initialiser consumes the reference, and gives another one or nil.
-    ::TKTokenKeychainCertificate* initialised = [object() initWithCertificate:refOf(*certificate)
-                                                                     objectID:stringOf(objectID)];
+    ::TKTokenKeychainCertificate* initialised = nil;
+    guard("the certificate is not published", [&] {
+      initialised = [object() initWithCertificate:refOf(*certificate) objectID:stringOf(objectID)];
+    });
     replaceObject(initialised);
     if (initialised) certificate_ = certificate;
     return initialised != nil;

@@ -1,5 +1,7 @@
 /// How the extension's objects come to be, and what they are while they do.
 
+#import <objc/runtime.h>
+
 #import "AdapterTest.h"
 #include "ExtensionPropertyList.h"
 #import "MirelCTKTokenKeychainKey.h"
@@ -86,6 +88,17 @@ TEST_F(ConstructionAdapter, ReleasesTheProviderThatATokenHoldsAlready) {
     EXPECT_THAT(recorder.texts(), Contains("default: CTK [MirelSCToken-33] nil != sp"));
     EXPECT_THAT(recorder.texts(),
                 Contains("default: CTK [MirelSCToken-35] After releaseWithMirelCTKFramework"));
+  }
+}
+
+TEST_F(ConstructionAdapter, MakesTokensHoweverTheDriverWasInitialised) {
+  @autoreleasepool {
+    ASSERT_TRUE(system->offerCard(kReaderName).succeeded);
+    const IMP baseInit = class_getMethodImplementation([TKSmartCardTokenDriver class], @selector(init));
+    const auto init = reinterpret_cast<id (*)(id, SEL)>(baseInit);
+    ::MirelSCTokenDriver* other = [init([::MirelSCTokenDriver alloc], @selector(init)) autorelease];
+    EXPECT_TRUE([other tokenDriver:driver() createTokenForSmartCard:[token() smartCard] AID:nil
+                                      error:nil] != nil);
   }
 }
 

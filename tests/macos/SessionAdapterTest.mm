@@ -3,6 +3,7 @@
 #import "MirelSCToken.h"
 #import "MirelSCTokenAuth.h"
 #import "MirelSCTokenSession.h"
+#import "double/Utf8.h"
 
 namespace mirel::test {
 namespace {
@@ -153,6 +154,17 @@ TEST_F(SessionAdapter, BeginsNothingWhenThePlatformRefuses) {
   EXPECT_EQ(system->beginAuth(0, kSign, "01"), Outcome{});
 }
 
+TEST_F(SessionAdapter, OutlivesWhatThePlatformRaises) {
+  switches->raises = true;
+  switches->refusesPinOperations = true;
+  EXPECT_EQ(system->beginAuth(0, kSign, "01"), Outcome{});
+  switches->refusesSessions = true;
+  EXPECT_EQ(system->openSession(), Outcome{});
+  *switches.operator->() = {};
+  EXPECT_TRUE(system->openSession().succeeded);
+  EXPECT_TRUE(system->beginAuth(1, kSign, "01").succeeded);
+}
+
 TEST_F(SessionAdapter, LosesItsKeysWithTheMarkOnTheCard) {
   ASSERT_TRUE(logIn().succeeded);
   system->resetCard();
@@ -211,9 +223,11 @@ TEST_F(SessionAdapter, IsNotMadeWhenThePlatformRefusesIt) {
   EXPECT_EQ(system->openSession(), Outcome{});
 }
 
-TEST_F(SessionAdapter, LogsAnErrorThatThePlatformAlreadyHas) {
+TEST_F(SessionAdapter, LogsAnErrorThatThePlatformAlreadyHasInThePlatformsWords) {
   (void)system->openSession(ErrorPointer::kFilled);
-  EXPECT_THAT(recorder.texts(), Contains("NSLog: [MirelSCToken-152] Error: Error Domain=earlier Code=1"));
+  NSError* const earlier = [NSError errorWithDomain:@"earlier" code:1 userInfo:nil];
+  EXPECT_THAT(recorder.texts(),
+              Contains("NSLog: [MirelSCToken-152] Error: " + utf8Of([earlier description])));
 }
 
 TEST_F(SessionAdapter, GivesTheKeyThatMayBeUsed) {

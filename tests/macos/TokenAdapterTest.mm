@@ -197,6 +197,40 @@ TEST_F(TokenAdapter, PublishesWhatThePlatformTakes) {
   EXPECT_THAT(system->items(), SizeIs(1));
 }
 
+TEST_F(TokenAdapter, OutlivesWhatThePlatformRaisesOverItsItems) {
+  switches->raises = true;
+  switches->refusesItems = true;
+  ASSERT_TRUE(system->offerCard(kReaderName).succeeded);
+  EXPECT_THAT(system->items(), IsEmpty());
+  EXPECT_THAT(recorder.texts(),
+              Contains("error: the card's items are not published: the system raised "
+                       "NSInvalidArgumentException: no such \u201Cobject\u201D; see \"mireltoken items\""));
+  switches->refusesItems = false;
+  system->removeCard();
+  ASSERT_TRUE(system->offerCard(kReaderName).succeeded);
+  EXPECT_THAT(system->items(), SizeIs(2));
+}
+
+TEST_F(TokenAdapter, LeavesOutTheItemsOverWhichThePlatformRaises) {
+  switches->raises = true;
+  for (bool Switches::*refuses : {&Switches::refusesKeyItems, &Switches::refusesCertificateItems}) {
+    (*switches.operator->()).*refuses = true;
+    ASSERT_TRUE(system->offerCard(kReaderName).succeeded);
+    EXPECT_THAT(system->items(), SizeIs(1));
+    (*switches.operator->()).*refuses = false;
+    system->removeCard();
+  }
+}
+
+TEST_F(TokenAdapter, IsNotMadeWhenThePlatformRaises) {
+  switches->raises = true;
+  switches->refusesTokens = true;
+  EXPECT_EQ(system->offerCard(kReaderName), Outcome{});
+  EXPECT_THAT(recorder.texts(), Contains(HasSubstr("error: the object is not made: the system raised")));
+  switches->refusesTokens = false;
+  EXPECT_TRUE(system->offerCard(kReaderName).succeeded);
+}
+
 TEST_F(TokenAdapter, WorksWithoutKeychainContents) {
   switches->withoutContents = true;
   EXPECT_TRUE(system->offerCard(kReaderName).succeeded);

@@ -22,6 +22,7 @@
 namespace mirel {
 
 class MirelSCToken;
+class MirelSCTokenDriver;
 
 /// What an Objective-C object and its base share.
 struct Link {
@@ -46,6 +47,14 @@ class ScopedExtensionServices {
 [[nodiscard]] std::shared_ptr<TKTokenSmartCardPINAuthOperation> baseOf(
     ::MirelSCTokenAuth* operation) noexcept;
 [[nodiscard]] std::shared_ptr<TKTokenKeychainKey> baseOf(::MirelCTKTokenKeychainKey* key) noexcept;
+
+/// The core of a driver, which has no base: what it needs of one the platform hands it.
+[[nodiscard]] std::shared_ptr<MirelSCTokenDriver> newDriverCore() noexcept;
+/// The core of an object that has been allocated, on its base.
+template <typename Core, typename Object>
+[[nodiscard]] std::shared_ptr<Core> newCore(Object* object) noexcept {
+  return std::make_shared<Core>(extensionServices(), baseOf(object));
+}
 
 /// Any token, as far as it can be printed; null for nil.
 [[nodiscard]] std::shared_ptr<TKSmartCardToken> wrapped(::TKToken* token) noexcept;

@@ -3,6 +3,7 @@
 #import "Certificate.h"
 #import "Convert.h"
 #import "Errors.h"
+#import "Guard.h"
 #import "Holder.h"
 #import "MirelCTKTokenKeychainKey.h"
 #import "MirelSCToken.h"
@@ -17,6 +18,7 @@
 #include "token/MirelCTKTokenKeychainKey.h"
 #include "token/MirelSCToken.h"
 #include "token/MirelSCTokenAuth.h"
+#include "token/MirelSCTokenDriver.h"
 #include "token/MirelSCTokenSession.h"
 
 namespace mirel {
@@ -33,8 +35,12 @@ class Base : public Interface {
  protected:
   [[nodiscard]] Object* object() const noexcept { return static_cast<Object*>(link_->object); }
 
-  /// What a base initialiser gave. One that fails has let go of the object.
-  bool initialised(Object* object) noexcept {
+  /// Runs a base initialiser. One that gives nil has let go of the object; of one that raises nobody knows
+  /// what it has left, so the object is not touched again.
+  template <typename Initialiser>
+  bool initialised(Initialiser&& initialiser) noexcept {
+    Object* object = nil;
+    guard("the object is not made", [&] { object = initialiser(); });
     link_->object = object;
     return object != nil;
   }
@@ -53,7 +59,7 @@ class KeychainContents final : public TKTokenKeychainContents {
     for (const auto& item : items) {
       if (const id object = objectBehind(item)) [objects addObject:object];
     }
-    [contents_.get() fillWithItems:objects];
+    guard("the card's items are not published", [&] { [contents_.get() fillWithItems:objects]; });
   }
 
   [[nodiscard]] std::vector<std::shared_ptr<TKTokenKeychainItem>> items() const noexcept override {
@@ -93,10 +99,12 @@ class TokenBase final : public Base<TKSmartCardToken, ::MirelSCToken> {
   [[nodiscard]] bool initWithSmartCard(
       const std::shared_ptr<TKSmartCard>& smartCard, const Bytes& AID, const Text& instanceID,
       const std::shared_ptr<TKSmartCardTokenDriver>& tokenDriver) noexcept override {
-    return initialised([object() baseInitWithSmartCard:objectBehind(smartCard)
-                                                   AID:dataOf(AID)
-                                            instanceID:stringOf(instanceID)
-                                           tokenDriver:objectBehind(tokenDriver)]);
+    return initialised([&] {
+      return [object() baseInitWithSmartCard:objectBehind(smartCard)
+                                         AID:dataOf(AID)
+                                  instanceID:stringOf(instanceID)
+                                 tokenDriver:objectBehind(tokenDriver)];
+    });
   }
   [[nodiscard]] std::shared_ptr<TKTokenKeychainContents> keychainContents() const noexcept override {
     ::TKTokenKeychainContents* contents = [object() keychainContents];
@@ -109,7 +117,7 @@ class SessionBase final : public Base<TKSmartCardTokenSession, ::MirelSCTokenSes
  public:
   using Base::Base;
   [[nodiscard]] bool initWithToken(const std::shared_ptr<TKSmartCardToken>& token) noexcept override {
-    return initialised([object() baseInitWithToken:objectBehind(token)]);
+    return initialised([&] { return [object() baseInitWithToken:objectBehind(token)]; });
   }
   [[nodiscard]] std::shared_ptr<TKSmartCardToken> token() const noexcept override {
     return coreOf([object() token]);
@@ -122,7 +130,9 @@ class SessionBase final : public Base<TKSmartCardTokenSession, ::MirelSCTokenSes
 class PINOperationBase final : public Base<TKTokenSmartCardPINAuthOperation, ::MirelSCTokenAuth> {
  public:
   using Base::Base;
-  [[nodiscard]] bool init() noexcept override { return initialised([object() baseInit]); }
+  [[nodiscard]] bool init() noexcept override {
+    return initialised([&] { return [object() baseInit]; });
+  }
   /// The core never asks its base for this.
   [[nodiscard]] bool finishWithError(TKErrorPointer) noexcept override { return false; }
   [[nodiscard]] std::shared_ptr<TKSmartCard> smartCard() const noexcept override {
@@ -151,8 +161,10 @@ class KeyBase : public Base<TKTokenKeychainKey, ::MirelCTKTokenKeychainKey> {
   using Base::Base;
   [[nodiscard]] bool initWithCertificate(const std::shared_ptr<SecCertificate>& certificate,
                                          const Text& objectID) noexcept override {
-    return initialised([object() baseInitWithCertificate:certificate ? refOf(*certificate) : nullptr
-                                                objectID:stringOf(objectID)]);
+    return initialised([&] {
+      return [object() baseInitWithCertificate:certificate ? refOf(*certificate) : nullptr
+                                      objectID:stringOf(objectID)];
+    });
   }
 };
 
@@ -248,6 +260,10 @@ ScopedExtensionServices::ScopedExtensionServices(PlatformServices services) noex
 }
 
 ScopedExtensionServices::~ScopedExtensionServices() { replacement().reset(); }
+
+std::shared_ptr<MirelSCTokenDriver> newDriverCore() noexcept {
+  return std::make_shared<MirelSCTokenDriver>(extensionServices());
+}
 
 std::shared_ptr<TKSmartCardToken> baseOf(::MirelSCToken* token) noexcept { return baseOn<TokenBase>(token); }
 std::shared_ptr<TKSmartCardTokenSession> baseOf(::MirelSCTokenSession* session) noexcept {

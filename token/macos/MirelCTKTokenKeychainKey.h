@@ -16,7 +16,7 @@ struct Link;
  @private
   std::shared_ptr<mirel::MirelCTKTokenKeychainKey> core_;
   std::shared_ptr<mirel::Link> link_;
-  mirel::ObjCHolder<NSObject> certificateID_;
+  mirel::ObjCHolder<NSObject> _certificateID;
 }
 
 @property(atomic, strong, readonly, nullable) id certificateID;

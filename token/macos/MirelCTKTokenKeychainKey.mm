@@ -21,7 +21,7 @@
   (void)core->initWithCertificate(mirel::wrapped(certificate), mirel::textOfObject(objectID),
                                   mirel::textOfObject(certificateID), alwaysAuthenticate);
   auto* made = static_cast<MirelCTKTokenKeychainKey*>(core->platformObject());
-  if (made) made->certificateID_ = mirel::ObjCHolder<NSObject>::retain(certificateID);
+  if (made) made->_certificateID = mirel::ObjCHolder<NSObject>::retain(certificateID);
   return made;
 }
 
@@ -37,9 +37,7 @@
 }
 
 - (const std::shared_ptr<mirel::MirelCTKTokenKeychainKey>&)core {
-  if (!core_)
-    core_ =
-        std::make_shared<mirel::MirelCTKTokenKeychainKey>(mirel::extensionServices(), mirel::baseOf(self));
+  if (!core_) core_ = mirel::newCore<mirel::MirelCTKTokenKeychainKey>(self);
   return core_;
 }
 
@@ -48,7 +46,7 @@
 }
 
 - (id)certificateID {
-  return certificateID_.get();
+  return _certificateID.get();
 }
 
 - (BOOL)alwaysAuthenticate {

@@ -45,7 +45,7 @@
 }
 
 - (const std::shared_ptr<mirel::MirelSCToken>&)core {
-  if (!core_) core_ = std::make_shared<mirel::MirelSCToken>(mirel::extensionServices(), mirel::baseOf(self));
+  if (!core_) core_ = mirel::newCore<mirel::MirelSCToken>(self);
   return core_;
 }
 

@@ -36,8 +36,7 @@
 }
 
 - (const std::shared_ptr<mirel::MirelSCTokenAuth>&)core {
-  if (!core_)
-    core_ = std::make_shared<mirel::MirelSCTokenAuth>(mirel::extensionServices(), mirel::baseOf(self));
+  if (!core_) core_ = mirel::newCore<mirel::MirelSCTokenAuth>(self);
   return core_;
 }
 

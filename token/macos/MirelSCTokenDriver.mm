@@ -11,11 +11,13 @@
 
 - (instancetype)init {
   self = [super init];
-  if (self) {
-    core_ = std::make_shared<mirel::MirelSCTokenDriver>(mirel::extensionServices());
-    [self setDelegate:self];
-  }
+  if (self) [self setDelegate:self];
   return self;
+}
+
+- (const std::shared_ptr<mirel::MirelSCTokenDriver>&)core {
+  if (!core_) core_ = mirel::newDriverCore();
+  return core_;
 }
 
 - (TKSmartCardToken*)tokenDriver:(TKSmartCardTokenDriver*)driver
@@ -23,8 +25,8 @@
                              AID:(NSData*)AID
                            error:(NSError**)error {
   mirel::ErrorArgument argument{error};
-  return mirel::objectBehind(core_->createTokenForSmartCard(mirel::wrapped(self), mirel::wrapped(smartCard),
-                                                            mirel::bytesOf(AID), argument.pointer()));
+  return mirel::objectBehind([self core]->createTokenForSmartCard(
+      mirel::wrapped(self), mirel::wrapped(smartCard), mirel::bytesOf(AID), argument.pointer()));
 }
 
 @end

@@ -44,8 +44,7 @@ void algorithmToPrint(TKTokenKeyAlgorithm* algorithm) {
 }
 
 - (const std::shared_ptr<mirel::MirelSCTokenSession>&)core {
-  if (!core_)
-    core_ = std::make_shared<mirel::MirelSCTokenSession>(mirel::extensionServices(), mirel::baseOf(self));
+  if (!core_) core_ = mirel::newCore<mirel::MirelSCTokenSession>(self);
   return core_;
 }
 

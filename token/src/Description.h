@@ -11,8 +11,10 @@ namespace mirel {
 /// none.
 [[nodiscard]] std::string objectDescription(std::string_view className, const TKTokenObject* object);
 
-/// The beginning of what "%@" prints for an error: its domain and code.
+/// What "%@" prints for an error: what the platform prints for its own, else the beginning of that, domain
+/// and code.
 [[nodiscard]] inline std::string errorDescription(const TKError& error) {
+  if (!error.description.isNull()) return error.description.toUtf8();
   return "Error Domain=" + error.domain.orNullMark().toUtf8() + " Code=" + std::to_string(error.code);
 }
 

@@ -41,6 +41,7 @@ struct TKError {
   Text localizedDescription;  ///< null: none
   /// The platform's own object, for an error that the platform has reported; null for one of ours.
   std::shared_ptr<const void> platformError{};
+  Text description{};  ///< what the platform prints for its own; null for one of ours
 
   [[nodiscard]] bool operator==(const TKError&) const noexcept = default;
 };

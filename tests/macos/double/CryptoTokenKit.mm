@@ -26,6 +26,13 @@ static id itemFor(NSArray* items, Class type, TKTokenObjectID objectID, NSError*
   return nil;
 }
 
+/// What a base initialiser ends with that refuses.
+static id refused(id object) {
+  [object release];
+  if (switches().raises) [NSException raise:NSInvalidArgumentException format:@"no such \u201Cobject\u201D"];
+  return nil;
+}
+
 /// What a base initialiser goes on with: the object itself, or another one in its place.
 static id initialised(id object) {
   if (!switches().replacesObjects) return object;
@@ -166,10 +173,7 @@ static TKTokenKeychainKey* plainCopyOf(TKTokenKeychainKey* key) {
 @synthesize data = _data;
 - (instancetype)initWithCertificate:(SecCertificateRef)certificateRef objectID:(TKTokenObjectID)objectID {
   if (!(self = [super initWithObjectID:objectID])) return nil;
-  if (switches().refusesCertificateItems || !certificateRef) {
-    [self release];
-    return nil;
-  }
+  if (switches().refusesCertificateItems || !certificateRef) return refused(self);
   _data = [[(DoubleCertificate*)certificateRef der] copy];
   NSMutableDictionary* const constraints = [NSMutableDictionary dictionary];
   for (NSInteger operation = TKTokenOperationReadData; operation <= TKTokenOperationPerformKeyExchange;
@@ -193,10 +197,7 @@ static TKTokenKeychainKey* plainCopyOf(TKTokenKeychainKey* key) {
 - (instancetype)initWithCertificate:(SecCertificateRef)certificateRef objectID:(TKTokenObjectID)objectID {
   if (!(self = [super initWithObjectID:objectID])) return nil;
   DoubleCertificate* const certificate = (DoubleCertificate*)certificateRef;
-  if (switches().refusesKeyItems || (certificate && ![certificate keyType])) {
-    [self release];
-    return nil;
-  }
+  if (switches().refusesKeyItems || (certificate && ![certificate keyType])) return refused(self);
   if (certificate) {
     _keyType = [[certificate keyType] copy];
     _keySizeInBits = [certificate keySizeInBits];
@@ -236,6 +237,7 @@ static TKTokenKeychainKey* plainCopyOf(TKTokenKeychainKey* key) {
   return _numFills;
 }
 - (void)fillWithItems:(NSArray*)items {
+  if (switches().refusesItems) (void)refused(nil);
   NSArray* const copy = [items copy];
   [_items release];
   _items = copy;
@@ -261,10 +263,7 @@ static TKTokenKeychainKey* plainCopyOf(TKTokenKeychainKey* key) {
   countObject("TKToken", 1);
   _counted = YES;  // a token may go without having been initialised
   switches().whenTokenIsInitialised(self);
-  if (switches().refusesTokens) {
-    [self release];
-    return nil;
-  }
+  if (switches().refusesTokens) return refused(self);
   _tokenDriver = [tokenDriver retain];
   _instanceID = [instanceID copy];
   if (!switches().withoutContents) _keychainContents = [[TKTokenKeychainContents alloc] initEmpty];
@@ -401,10 +400,7 @@ static TKTokenKeychainKey* plainCopyOf(TKTokenKeychainKey* key) {
   self = initialised(self);
   if (!(self = [super init])) return nil;
   switches().whenPinOperationIsInitialised(self);
-  if (switches().refusesPinOperations) {
-    [self release];
-    return nil;
-  }
+  if (switches().refusesPinOperations) return refused(self);
   _PINFormat = [[TKSmartCardPINFormat alloc] init];
   return self;
 }
@@ -425,10 +421,7 @@ static TKTokenKeychainKey* plainCopyOf(TKTokenKeychainKey* key) {
   countObject("TKTokenSession", 1);
   _counted = YES;  // a session may go without having been initialised
   switches().whenSessionIsInitialised(self);
-  if (switches().refusesSessions) {
-    [self release];
-    return nil;
-  }
+  if (switches().refusesSessions) return refused(self);
   _token = [token retain];
   if (switches().delegatesToItself) _delegate = (id)self;
   return self;
