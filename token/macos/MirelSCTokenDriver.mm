@@ -11,7 +11,10 @@
 
 - (instancetype)init {
   self = [super init];
-  if (self) [self setDelegate:self];
+  if (self) {
+    (void)[self core];  // before several threads can ask for it
+    [self setDelegate:self];
+  }
   return self;
 }
 
