@@ -29,8 +29,6 @@ endfunction()
 function(put_bundle bundle plist executable name)
   put("${plist}" "${bundle}/Contents" Info.plist)
   put("${executable}" "${bundle}/Contents/MacOS" "${name}")
-  file(CHMOD "${bundle}/Contents/MacOS/${name}" PERMISSIONS
-       OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
   foreach(resources IN LISTS ARGN)
     file(GLOB folders "${resources}/*.lproj")
     file(COPY ${folders} DESTINATION "${bundle}/Contents/Resources")
@@ -42,3 +40,10 @@ put_bundle("${BUNDLE}" "${APP_PLIST}" "${APP_EXECUTABLE}" mireltoken "${RESOURCE
 put("${ICON}" "${BUNDLE}/Contents/Resources" AppIcon.icns)
 put_bundle("${BUNDLE}/Contents/PlugIns/MirelToken.appex" "${EXTENSION_PLIST}" "${EXTENSION_EXECUTABLE}" MirelToken
            "${RESOURCES}")
+
+# For everybody, whatever the umask of who builds it.
+set(everybody_reads OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
+set(everybody_runs ${everybody_reads} OWNER_EXECUTE GROUP_EXECUTE WORLD_EXECUTE)
+file(CHMOD_RECURSE "${BUNDLE}" FILE_PERMISSIONS ${everybody_reads} DIRECTORY_PERMISSIONS ${everybody_runs})
+file(CHMOD "${BUNDLE}/Contents/MacOS/mireltoken" "${BUNDLE}/Contents/PlugIns/MirelToken.appex/Contents/MacOS/MirelToken"
+     PERMISSIONS ${everybody_runs})

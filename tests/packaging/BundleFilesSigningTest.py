@@ -3,17 +3,20 @@ script that writes down how it was called."""
 
 import os
 import pathlib
+import plistlib
 import re
 import shlex
 import shutil
+import xml.etree.ElementTree
 
-from BundleFilesSupport import Checks, arguments, assemble, run, temporary_folder
+from BundleFilesSupport import Checks, arguments, assemble, close_to_others, modes_below, run, temporary_folder
 
 IDENTITY = "Developer ID Application: Ada's Example (ABCDE12345)"
 INSTALLER = "Developer ID Installer: Ada's Example (ABCDE12345)"
-TOOLS = ["codesign", "ditto", "hdiutil", "lipo", "otool", "pkgbuild", "plutil", "spctl", "xattr", "xcrun"]
+TOOLS = "codesign ditto hdiutil lipo otool pkgbuild plutil productbuild spctl xattr xcrun".split()
 
-# Called by the name of the tool that it plays. FAIL is a pattern for calls that fail, ANSWER the notary's.
+# Called by the name of the tool that it plays. FAIL is a pattern for calls that fail, ANSWER the notary's. What goes
+# into the package and into the image is kept, and what the product is made of.
 PLAYER = r"""#!/bin/sh
 name=${0##*/}
 line=$name
@@ -22,15 +25,21 @@ printf '%s\n' "$line" >>"$RECORD/calls"
 case "$line" in $FAIL) echo "$name fails" >&2; exit 1 ;; esac
 for last; do :; done
 case "$name $*" in
-  "ditto "*) cp -R "$1" "$2" ;;
+  "ditto "*) cp -pR "$1" "$2" ;;
   "codesign --display --verbose=4 "*) echo "CodeDirectory v=20500 flags=$FLAGS hashes=1+7" >&2 ;;
   "codesign --display --entitlements "*) cat "$RECORD/${last##*/}.entitlements" ;;
   "codesign --force "*" --entitlements "*)
     while [ "$1" != --entitlements ]; do shift; done
-    sed "$SPOIL" "$2" >"$RECORD/${last##*/}.entitlements" ;;
+    sed "$SPOIL" "$2" >"$RECORD/${last##*/}.entitlements"
+    mkdir -p "$last/Contents/_CodeSignature"
+    echo sealed >"$last/Contents/_CodeSignature/CodeResources" ;;
   "otool "*) printf '%s:\n\t/usr/lib/libSystem.B.dylib (compatibility version 1.0.0, current version 1.0.0)\n' "$2"
     printf "$LIBRARY" ;;
-  "pkgbuild --root "* | "hdiutil "*) echo made >"$last" ;;
+  "pkgbuild --root "*) cp -pR "$2" "$RECORD/package"; echo component >"$last" ;;
+  "productbuild "*) cp "$2" "$RECORD/distribution"; cp -R "$4" "$RECORD/components"; echo made >"$last" ;;
+  "hdiutil "*)
+    while [ "$1" != -srcfolder ]; do shift; done
+    cp -pR "$2" "$RECORD/image"; echo made >"$last" ;;
   "xcrun notarytool submit "*) printf '%s' "$ANSWER"; [ "$ANSWER" = Accepted ] ;;
   "plutil -extract id "*) [ -s "$last" ] && echo 1234-abcd ;;
   "plutil -extract status "*) cat "$last" ;;
@@ -64,11 +73,10 @@ class Signing:
         """Exit code, lines shown, standard error, calls made."""
         return self.run_other("sh", self.script, *options, app or self.app, **others)
 
-    def run_other(self, *command, tools=True, cwd=None, **environment):
+    def run_other(self, *command, tools=True, cwd=None, umask=-1, **environment):
         """The same of another program than the script."""
-        self.record.mkdir(exist_ok=True)
-        for file in self.record.iterdir():
-            file.unlink()
+        shutil.rmtree(self.record, ignore_errors=True)
+        self.record.mkdir()
         path = os.environ["PATH"]
         values = {
             "PATH": f"{self.folder}/tools:{path}" if tools else f"{self.folder}/bare",
@@ -81,7 +89,7 @@ class Signing:
             "ANSWER": "Accepted",
         }
         values.update(environment)
-        code, shown, error = run(*command, env=values, cwd=cwd)
+        code, shown, error = run(*command, env=values, cwd=cwd, umask=umask)
         calls = self.record / "calls"
         made = [line.split("\t") for line in calls.read_text().splitlines()] if calls.exists() else []
         return code, shown, error, made
@@ -95,8 +103,9 @@ class Signing:
         rights = {extension: f"{self.packaging}/Extension.entitlements", app: f"{self.packaging}/App.entitlements"}
         sign = ["codesign", "--force", "--sign", identity, "--timestamp=none" if identity == "-" else "--timestamp"]
         lines = [
-            ["mkdir", "-p", f"{self.output}", f"{stage}/root", f"{stage}/image"],
+            ["mkdir", "-p", f"{self.output}", f"{stage}/root", f"{stage}/image", f"{stage}/packages"],
             ["ditto", f"{self.app}", app],
+            ["chmod", "-R", "u+rwX,go+rX,go-w", f"{stage}/root"],
             ["xattr", "-cr", app],
         ]
         for bundle in (extension, app):
@@ -114,8 +123,13 @@ class Signing:
         lines.append(["plutil", "-replace", "0.BundleIsRelocatable", "-bool", "NO", components])
         build = ["pkgbuild", "--root", f"{stage}/root", "--component-plist", components]
         build += ["--install-location", "/Applications", "--identifier", "com.mirel.token.pkg"]
-        build += ["--version", self.version]
-        lines.append(build + (["--sign", installer, "--timestamp"] if installer else []) + [package])
+        lines.append([*build, "--version", self.version, f"{stage}/packages/MirelToken.pkg"])
+        fill = ["s/@IDENTIFIER@/com.mirel.token.pkg/", f"s/@VERSION@/{self.version}/", "s/@MINIMUM@/12.0/"]
+        fill += ["s/@COMPONENT@/MirelToken.pkg/", f"w {stage}/Distribution.xml"]
+        template = f"{self.packaging}/Distribution.xml.in"
+        lines.append(["sed", "-n", *[word for command in fill for word in ("-e", command)], template])
+        make = ["productbuild", "--distribution", f"{stage}/Distribution.xml", "--package-path", f"{stage}/packages"]
+        lines.append(make + (["--sign", installer, "--timestamp"] if installer else []) + [package])
         lines.append(["ditto", app, f"{stage}/image/Mirel Token.app"])
         lines.append(["ln", "-s", "/Applications", f"{stage}/image/Applications"])
         create = ["hdiutil", "create", "-ov", "-volname", "Mirel Token", "-fs", "HFS+", "-format", "UDZO"]
@@ -184,6 +198,11 @@ def check_shown(checks, signing):
     checks.equal("where it is", (code, where), (0, expected))
     _, relative, _, _ = signing.run("--dry-run", "--sign-only", app="build/Mirel Token.app/", cwd=signing.folder)
     checks.equal("a relative path with a slash", relative, shown)
+    other = signing.folder / "other.app"
+    (other / "Contents/Frameworks").mkdir(parents=True)
+    (other / "Contents/Frameworks/lib.dylib").write_text("a library\n")
+    _, same, _, _ = signing.run("--dry-run", "--sign-only", built=f"{other}")
+    checks.equal("a variable of another's", same, shown)
 
     frameworks = signing.app / "Contents/Frameworks"
     frameworks.mkdir()
@@ -202,7 +221,7 @@ def check_run(checks, signing):
         code, shown, error, calls = signing.run("--output", signing.output, *options)
         checks.equal("success", (code, error), (0, ""))
         stage = calls[0][2].split("/root/")[0]
-        checks.true("works in a folder of its own", stage.startswith(f"{signing.folder}/tmp."))
+        checks.true("works in a folder of its own", stage.startswith(f"{signing.folder}/sign-and-package."))
         checks.true("and removes it", not os.path.exists(stage))
         if notary:
             expected = signing.expected(stage, IDENTITY, INSTALLER, "a profile")
@@ -210,7 +229,7 @@ def check_run(checks, signing):
         else:
             expected = signing.expected(stage)
         checks.equal("what is shown", words(shown), expected)
-        run_by_tools = [line for line in expected if line[0] not in ("mkdir", "ln")]
+        run_by_tools = [line for line in expected if line[0] not in ("chmod", "ln", "mkdir", "sed")]
         questions = [call for call in calls if call[:2] == ["plutil", "-extract"]]
         checks.equal("what is run", [call for call in calls if call not in questions], run_by_tools)
         checks.equal("the answers that are read", len(questions), 4 if notary else 0)
@@ -220,6 +239,98 @@ def check_run(checks, signing):
             file.unlink()
     code, _, error, calls = signing.run("--sign-only")
     checks.equal("only signing", (code, error, sorted({call[0] for call in calls})), (0, "", ["codesign", "xattr"]))
+
+
+def check_paths(checks, signing):
+    """However the app's path is written, it is the app that is copied."""
+    expected = signing.expected("/tmp/sign-and-package")
+    for ending in ("/", "//", "////", "/.", "/./", "/Contents/..", "/Contents/MacOS/../../"):
+        code, shown, error, _ = signing.run("--dry-run", "--output", signing.output, app=f"{signing.app}{ending}")
+        checks.equal(f"a path that ends in {ending}", (code, words(shown), error), (0, expected, ""))
+    code, shown, _, _ = signing.run("--dry-run", "--output", signing.output, app=".", cwd=signing.app)
+    checks.equal("the app is where we are", (code, words(shown)), (0, expected))
+    code, _, error, calls = signing.run("--dry-run", app=f"{signing.folder}/none.app//")
+    checks.equal("no app", (code, calls), (1, []))
+    checks.true(error, f"there is no folder {signing.folder}/none.app//\n" in error)
+
+    # Where cd looks for folders has no say in which script and which app it is.
+    elsewhere = signing.folder / "elsewhere"
+    (elsewhere / "packaging/macos").mkdir(parents=True)
+    shutil.copytree(signing.app, elsewhere / "build/Mirel Token.app")
+    here = signing.folder / "here"
+    here.mkdir()
+    (here / "packaging").symlink_to(signing.packaging.parent)
+    (here / "build").symlink_to(signing.app.parent)
+    code, shown, error, _ = signing.run_other(
+        "sh", "packaging/macos/sign-and-package", "--dry-run", "--output", signing.output, "build/Mirel Token.app",
+        cwd=here, CDPATH=f"{elsewhere}",
+    )  # fmt: skip
+    ours = f"{here}/packaging/macos/"
+    expected = [[word.replace(f"{signing.packaging}/", ours) for word in line] for line in expected]
+    checks.equal("with a CDPATH", (code, words(shown), error), (0, expected, ""))
+
+
+def check_modes(checks, signing):
+    """Everybody can open what is installed, and nobody but its owner can change it, whoever has packed it."""
+    private = signing.folder / "private/Mirel Token.app"
+    for umask in (0o077, 0o027, 0o002):
+        app = private.name
+        shutil.copytree(signing.app, private)
+        for seal in private.rglob("_CodeSignature"):
+            shutil.rmtree(seal)
+        close_to_others(private, umask)
+        code, _, error, _ = signing.run("--output", signing.output, app=private, umask=umask)
+        checks.equal(f"umask {umask:03o}", (code, error), (0, ""))
+        for made in ("package", "image"):
+            found = modes_below(signing.record / made)
+            checks.true(f"what is in the {made}", f"{app}/Contents/_CodeSignature/CodeResources" in found)
+            programs = [f"{app}/Contents/MacOS/mireltoken"]
+            programs += [f"{app}/Contents/PlugIns/MirelToken.appex/Contents/MacOS/MirelToken"]
+            for path, (is_folder, mode) in found.items():
+                wanted = 0o755 if is_folder or path in programs else 0o644
+                checks.equal(f"umask {umask:03o}, {made}: {path}", f"{mode:03o}", f"{wanted:03o}")
+        shutil.rmtree(private)
+
+
+def check_distribution(checks, signing):
+    """What the product says about itself, which the installer goes by."""
+    plist = signing.app / "Contents/Info.plist"
+    content = plist.read_text()
+    for what, version, minimum, changed in (
+        ("as it is", signing.version, "12.0", content),
+        ("another version", "4.5.6", "12.0", content.replace(f"<string>{signing.version}<", "<string>4.5.6<")),
+        ("another oldest macOS", signing.version, "13.1", content.replace("<string>12.0<", "<string>13.1<")),
+    ):
+        plist.write_text(changed)
+        checks.equal(f"{what}: the app", plistlib.loads(changed.encode())["LSMinimumSystemVersion"], minimum)
+        code, _, error, calls = signing.run("--output", signing.output)
+        checks.equal(f"{what}: success", (code, error), (0, ""))
+        text = (signing.record / "distribution").read_text()
+        root = xml.etree.ElementTree.fromstring(text)
+        checks.equal(f"{what}: nothing is left to be filled in", re.findall("@.*", text), [])
+        checks.equal(f"{what}: the root", (root.tag, root.attrib), ("installer-gui-script", {"minSpecVersion": "1"}))
+        checks.equal(f"{what}: the title", root.findtext("title"), "Mirel Token")
+        oldest = [system.attrib for system in root.findall("volume-check/allowed-os-versions/os-version")]
+        checks.equal(f"{what}: the oldest macOS", oldest, [{"min": minimum}])
+        checks.equal(f"{what}: there is no other", len(root.findall(".//os-version")), 1)
+        options = {"customize": "never", "require-scripts": "false", "hostArchitectures": "arm64,x86_64"}
+        checks.equal(f"{what}: the options", [node.attrib for node in root.findall("options")], [options])
+        domains = {"enable_anywhere": "false", "enable_currentUserHome": "false", "enable_localSystem": "true"}
+        checks.equal(f"{what}: only for all users", [node.attrib for node in root.findall("domains")], [domains])
+
+        built = next(call for call in calls if call[:2] == ["pkgbuild", "--root"])
+        identifier = built[built.index("--identifier") + 1]
+        components = [reference for reference in root.findall("pkg-ref") if reference.text]
+        named = [(reference.attrib["id"], reference.attrib["version"], reference.text) for reference in components]
+        checks.equal(f"{what}: the component", named, [(identifier, version, built[-1].rsplit("/", 1)[1])])
+        there = [file.name for file in (signing.record / "components").iterdir()]
+        checks.equal(f"{what}: it is there", there, [reference.text for reference in components])
+        outlined = [line.attrib["choice"] for line in root.findall("choices-outline//line")]
+        checks.equal(f"{what}: the choices", outlined, [choice.attrib["id"] for choice in root.findall("choice")])
+        chosen = [reference.attrib["id"] for reference in root.findall("choice/pkg-ref")]
+        checks.equal(f"{what}: what is chosen", chosen, [identifier])
+        checks.equal(f"{what}: the product", (signing.output / f"MirelToken-{version}.pkg").read_text(), "made\n")
+    plist.write_text(content)
 
 
 # What goes wrong, and what is said; options besides.
@@ -236,6 +347,7 @@ TROUBLE = [
     ({"FAIL": "pkgbuild*analyze*"}, [], "pkgbuild fails"),
     ({"FAIL": "plutil*replace*"}, [], "plutil fails"),
     ({"FAIL": "pkgbuild*identifier*"}, [], "pkgbuild fails"),
+    ({"FAIL": "productbuild*"}, [], "productbuild fails"),
     ({"FAIL": "hdiutil*"}, [], "hdiutil fails"),
     ({"FAIL": "*notarytool*log*"}, RELEASE, "xcrun fails"),
     ({"FAIL": "*staple*"}, RELEASE, "xcrun fails"),
@@ -261,7 +373,7 @@ def check_trouble(checks, signing):
         checks.true(f"{environment}: {error}", message in error)
         if "FAIL" in environment and "lipo" not in environment["FAIL"]:
             checks.true(f"{environment} was the last call", re.match(message.split()[0], calls[-1][0]))
-        checks.equal("no folder stays behind", list(signing.folder.glob("tmp.*")), [])
+        checks.equal("no folder stays behind", list(signing.folder.glob("sign-and-package.*")), [])
     _, _, _, calls = signing.run("--output", signing.output, *RELEASE, ANSWER="Invalid")
     checks.true("the log of a refusal is fetched", ["xcrun", "notarytool", "log"] == calls[-1][:3])
     code, _, error, calls = signing.run("--output", signing.output, tools=False)
@@ -322,9 +434,19 @@ def check_misuse(checks, signing):
         aside.rename(signing.app / missing)
     plist = signing.app / "Contents/Info.plist"
     content = plist.read_text()
-    plist.write_text(content.replace("CFBundleShortVersionString", "Version"))
-    code, _, error, _ = signing.run("--dry-run")
-    checks.true(f"without a version: {error}", code == 1 and "has no version" in error)
+    nothing = "has no version, no identifier or no oldest macOS"
+    for old, new, message in (
+        ("CFBundleShortVersionString", "Version", nothing),
+        ("CFBundleIdentifier", "Identifier", nothing),
+        ("LSMinimumSystemVersion", "Minimum", nothing),
+        (f"<string>{signing.version}<", "<string>1/2<", "has a version that is no number"),
+        ("<string>12.0<", "<string>12.0&amp;<", "has a version that is no number"),
+        ("<string>com.mirel.token<", "<string>com.mirel/token<", "has a strange identifier"),
+    ):
+        plist.write_text(content.replace(old, new))
+        code, _, error, calls = signing.run("--dry-run")
+        checks.equal(f"{new} instead of {old}", (code, calls), (1, []))
+        checks.true(f"{new} instead of {old}: {error}", message in error)
     plist.write_text(content)
 
 
@@ -332,10 +454,13 @@ def main():
     given = arguments()
     checks = Checks()
     with temporary_folder() as folder:
-        signing = Signing(pathlib.Path(folder), given)
+        signing = Signing(pathlib.Path(folder).resolve(), given)
         checks.equal("putting the app together", signing.made, 0)
         check_shown(checks, signing)
+        check_paths(checks, signing)
         check_run(checks, signing)
+        check_modes(checks, signing)
+        check_distribution(checks, signing)
         check_trouble(checks, signing)
         check_build(checks, signing, given.cmake)
         check_misuse(checks, signing)

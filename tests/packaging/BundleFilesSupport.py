@@ -4,6 +4,7 @@ import argparse
 import os
 import pathlib
 import shutil
+import stat
 import subprocess
 import sys
 import tempfile
@@ -106,3 +107,19 @@ def files_below(folder):
     return sorted(
         os.path.relpath(os.path.join(path, name), folder) for path, _, names in os.walk(folder) for name in names
     )
+
+
+def close_to_others(folder, umask):
+    """Gives a folder and all that is in it the modes that it has when it is made with a umask."""
+    for path in [folder, *folder.rglob("*")]:
+        wide = 0o777 if path.is_dir() or path.stat().st_mode & stat.S_IXUSR else 0o666
+        path.chmod(wide & ~umask)
+
+
+def modes_below(folder):
+    """Of a folder and all that is in it: whether it is a folder, and its mode."""
+    return {
+        os.path.relpath(path, folder): (path.is_dir(), stat.S_IMODE(path.stat().st_mode))
+        for path in [folder, *folder.rglob("*")]
+        if not path.is_symlink()
+    }

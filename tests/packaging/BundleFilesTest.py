@@ -1,10 +1,10 @@
 """The files of the macOS bundle: that they are as they must be, that spoiled ones are found out, and what the app
 is put together of."""
 
+import os
 import pathlib
 import plistlib
 import shutil
-import stat
 
 from BundleFilesFaults import (
     LANGUAGES,
@@ -15,7 +15,17 @@ from BundleFilesFaults import (
     faults_of_icon,
     project_version,
 )
-from BundleFilesSupport import Checks, arguments, assemble, copy_of, files_below, run, temporary_folder
+from BundleFilesSupport import (
+    Checks,
+    arguments,
+    assemble,
+    close_to_others,
+    copy_of,
+    files_below,
+    modes_below,
+    run,
+    temporary_folder,
+)
 
 APP = "packaging/macos/AppInfo.plist.in"
 EXTENSION = "packaging/macos/ExtensionInfo.plist.in"
@@ -263,7 +273,6 @@ def check_assembled(checks, given):
         )
         for path, text in (("Contents/MacOS/mireltoken", "program"), (f"{extension}/MacOS/MirelToken", "extension")):
             checks.equal(path, (app / path).read_text(), f"the {text}\n")
-            checks.equal(f"the mode of {path}", stat.S_IMODE((app / path).stat().st_mode), 0o755)
         for top, plist in (("Contents", app_list(given.version)), (extension, extension_list(given.version))):
             found = plistlib.loads((app / top / "Info.plist").read_bytes())
             checks.equal(f"{top}/Info.plist", found, plist)
@@ -282,6 +291,29 @@ def check_assembled(checks, given):
         checks.true("a bad call removes nothing", (folder / "the program").is_file() and app.is_dir())
 
 
+def check_modes(checks, given):
+    """Everybody can open the app, and nobody but its owner can change it, whoever has built it of whatever files."""
+    programs = ["Contents/MacOS/mireltoken", "Contents/PlugIns/MirelToken.appex/Contents/MacOS/MirelToken"]
+    for umask in (0o077, 0o027, 0o002):
+        with temporary_folder() as folder:
+
+            folder = pathlib.Path(folder)
+            resources = folder / "Resources"
+            shutil.copytree(given.source / "packaging/macos/Resources", resources)
+            close_to_others(resources, umask)
+            before = os.umask(umask)
+            try:
+                (code, _, error), app = assemble(
+                    given.cmake, given.source, folder / "made", given.version, RESOURCES=resources
+                )
+            finally:
+                os.umask(before)
+            checks.equal(f"umask {umask:03o}", (code, error), (0, ""))
+            for path, (is_folder, mode) in modes_below(app).items():
+                wanted = 0o755 if is_folder or path in programs else 0o644
+                checks.equal(f"umask {umask:03o}: {path}", f"{mode:03o}", f"{wanted:03o}")
+
+
 def main():
     given = arguments()
     checks = Checks()
@@ -290,6 +322,7 @@ def main():
     check_configured(checks, given.build, given.version)
     check_icon(checks, given.source)
     check_assembled(checks, given)
+    check_modes(checks, given)
     check_spoiled(checks, given.source)
     check_workflow(checks, given.source)
     check_driver_class(checks, given.source)
