@@ -233,10 +233,45 @@ def faults_of_workflow(tree):
     return faults
 
 
+def faults_of_readme(tree):
+    """What the README says that is not so."""
+    packaging, token = tree / "packaging/macos", tree / "token/src"
+    readme = (packaging / "README.md").read_text()
+    faults = []
+    before_the_layout = readme.partition("\n```\n")[0]
+    cells = re.findall(r"^\| (`[^|]*) \| ", before_the_layout, re.MULTILINE)
+    named = [name.rstrip("/") for cell in cells for name in re.findall(r"`([^`]+)`", cell)]
+    for entry in sorted(packaging.iterdir()):
+        if entry.name not in [*named, "README.md"] and not entry.name.startswith("."):
+            faults.append(f"the README does not name {entry.name}")
+
+    before, _, link = readme.partition("    sudo ln -s ")
+    folder = link.partition("\n")[0].rpartition(" ")[2].rpartition("/")[0]
+    if not folder or not before.endswith(f"    sudo mkdir -p {folder}\n"):
+        faults.append("the README makes a link in a folder that may be missing")
+
+    starts = [(token / f"{name}.cpp").read_text() for name in ("MirelSCTokenDriver", "MirelSCToken")]
+    for text in re.findall(r"`(\+\+\+\w+\+\+\+)`", readme):
+        if not all(f" {text}\"" in source for source in starts):
+            faults.append(f"the README expects {text} of the driver and of the token")
+    sources = "".join(file.read_text() for file in sorted(token.glob("*.cpp")))
+    for text in re.findall(r"`(instance\w* =|[^`\n]*(?:!!!|without mapping)[^`\n]*)`", readme):
+        if text not in sources:
+            faults.append(f"the README expects {text}, which nothing logs")
+
+    told = re.findall(r"up to (\d+) bytes whole; of more, the length, the first (\d+) and the last (\d+)", readme)
+    description = (token / "Description.cpp").read_text()
+    if told != [tuple(re.findall(r"^constexpr std::size_t kShown\w+ = (\d+);", description, re.MULTILINE))]:
+        faults.append("the README shows other bytes than the log")
+    return faults
+
+
 def faults(tree):
     found = faults_of_lists(tree) + faults_of_references(tree)
     # What follows reads the lists, and says nothing new when they cannot be read.
-    return found or faults_of_minimum(tree) + faults_of_workflow(tree)
+    if not found:
+        found = faults_of_minimum(tree) + faults_of_workflow(tree) + faults_of_readme(tree)
+    return found
 
 
 # The images of an icon: what the system takes them for, and their edges in pixels.

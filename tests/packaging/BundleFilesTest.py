@@ -31,6 +31,9 @@ APP = "packaging/macos/AppInfo.plist.in"
 EXTENSION = "packaging/macos/ExtensionInfo.plist.in"
 APP_RIGHTS = "packaging/macos/App.entitlements"
 RIGHTS = "packaging/macos/Extension.entitlements"
+README = "packaging/macos/README.md"
+DRIVER = "token/src/MirelSCTokenDriver.cpp"
+DESCRIPTION = "token/src/Description.cpp"
 HOME = "com.apple.security.temporary-exception.files.home-relative-path.read-write"
 
 # What is spoiled in which file, and what is said about it.
@@ -113,6 +116,15 @@ SPOILED = [
         '"CMAKE_OSX_DEPLOYMENT_TARGET": "13.0"',
         "the preset debug builds for another macOS",
     ),
+    # What tells of them
+    (README, "| `Distribution.xml.in`", "| `Distribution.xml`", "the README does not name Distribution.xml.in"),
+    (README, "    sudo mkdir -p /usr/local/bin\n", "", "the README makes a link in a folder that may be missing"),
+    (README, "+++Start+++", "+++START+++", "the README expects +++START+++ of the driver and of the token"),
+    (DRIVER, "+++Start+++", "+++Begin+++", "the README expects +++Start+++ of the driver and of the token"),
+    (README, "`instanceID =`", "`instance =`", "the README expects instance =, which nothing logs"),
+    (README, "fail!!!", "fails!!!", "the README expects initWithMirelCTKFramwork fails!!!, which nothing logs"),
+    (README, "up to 24 bytes", "up to 32 bytes", "the README shows other bytes than the log"),
+    (DESCRIPTION, "kShownAtEnd = 8", "kShownAtEnd = 4", "the README shows other bytes than the log"),
 ]
 
 GOOD_WORKFLOW = """\
