@@ -8,15 +8,12 @@
 #include <string>
 #include <vector>
 
+#include "ExtensionServices.h"
 #include "double/LogRecorder.h"
 #include "double/Switches.h"
 #include "double/TokenSystem.h"
 #include "support/ModuleTest.h"
 #include "token/TestCertificates.h"
-
-namespace mirel {
-class ScopedExtensionServices;
-}
 
 namespace mirel::test {
 

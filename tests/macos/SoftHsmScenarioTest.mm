@@ -7,6 +7,7 @@
 #import "AdapterScenarioDriver.h"
 #import "Bases.h"
 #include "CoreScenarioDriver.h"
+#include "ExtensionServices.h"
 #include "bridge/cryptoki.h"
 #include "cli/ChildProcess.h"
 #include "cli/ReferenceCryptography.h"

@@ -29,17 +29,11 @@ struct Link {
   id object = nil;  ///< not retained; nil once it has gone
 };
 
-/// The services of the running system, with the token kit, or what was put in their place.
-[[nodiscard]] const PlatformServices& extensionServices() noexcept;
+/// The services of the running system, with a token kit that makes objects by their Objective-C initialisers.
+[[nodiscard]] PlatformServices newExtensionServices() noexcept;
 
-/// Other services for all that is made in its lifetime. For tests; one at a time.
-class ScopedExtensionServices {
- public:
-  explicit ScopedExtensionServices(PlatformServices services) noexcept;
-  ScopedExtensionServices(const ScopedExtensionServices&) = delete;
-  ScopedExtensionServices& operator=(const ScopedExtensionServices&) = delete;
-  ~ScopedExtensionServices();
-};
+/// What the extension's objects work with: always the same.
+[[nodiscard]] const PlatformServices& extensionServices() noexcept;
 
 /// The base of an object that has been allocated.
 [[nodiscard]] std::shared_ptr<TKSmartCardToken> baseOf(::MirelSCToken* token) noexcept;

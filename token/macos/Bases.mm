@@ -11,7 +11,6 @@
 #import "MirelSCTokenSession.h"
 #import "TokenObjects.h"
 
-#include <optional>
 #include <type_traits>
 
 #include "KeychainKey.h"
@@ -238,28 +237,13 @@ class ForeignToken final : public TKSmartCardToken {
   Text description_;
 };
 
-/// What a test has put in the place of the system's services.
-std::optional<PlatformServices>& replacement() noexcept {
-  static std::optional<PlatformServices> services;
-  return services;
-}
-
 }  // namespace
 
-const PlatformServices& extensionServices() noexcept {
-  static const PlatformServices services = [] {
-    PlatformServices all = systemServices();
-    all.tokenKit = std::make_shared<ExtensionTokenKit>();
-    return all;
-  }();
-  return replacement() ? *replacement() : services;
+PlatformServices newExtensionServices() noexcept {
+  PlatformServices services = systemServices();
+  services.tokenKit = std::make_shared<ExtensionTokenKit>();
+  return services;
 }
-
-ScopedExtensionServices::ScopedExtensionServices(PlatformServices services) noexcept {
-  replacement() = std::move(services);
-}
-
-ScopedExtensionServices::~ScopedExtensionServices() { replacement().reset(); }
 
 std::shared_ptr<MirelSCTokenDriver> newDriverCore() noexcept {
   return std::make_shared<MirelSCTokenDriver>(extensionServices());
