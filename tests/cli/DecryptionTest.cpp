@@ -101,10 +101,10 @@ TEST_F(Decryption, OfABlockWithoutPaddingFails) {
 
 TEST_F(Decryption, WithAnotherKeyFails) {
   makeCard({{"rsa2048", "01", "One", kUsage, "decrypt"}, {"rsa1024", "02", "Two", kUsage, "decrypt"}});
-  std::string cipher = encrypted("rsa2048", "pkcs1", kPlain);
-  cipher[100] = static_cast<char>(cipher[100] ^ 1);
-  cipher[0] = 0;  // below every modulus
-  expectFailure(decrypt(cipher, "RSAEncryptionPKCS1"), 13,
+  // As the wrong key finds it: 0x00, and then 0x11, which begins no block of PKCS #1 v1.5.
+  std::string block(256, '\x11');
+  block[0] = 0;
+  expectFailure(decrypt(encrypted("rsa2048", "none", block), "RSAEncryptionPKCS1"), 13,
                 {"check that the data were encrypted for this key"});
   expectFailure(runWithPin({"decrypt", "--key", "02"}, encrypted("rsa2048", "pkcs1", kPlain)), 2,
                 {"they have 256 bytes, a block for this key has 128"});

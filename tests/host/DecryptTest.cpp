@@ -133,7 +133,9 @@ TEST_F(Decrypt, PassesOnWhatIsWrongWithTheInput) {
 // ---- Decryptions that fail in the card ----
 
 TEST_F(Decrypt, TellsThatTheCardGaveNone) {
-  Value cipher = key.encrypted(kPlain, RSA_PKCS1_OAEP_PADDING, "SHA256");
+  Value block = patternValue(key.blockSize(), 3);
+  block.front() = 0x00;  // and then 0x0A, which begins no block of PKCS #1 v1.5
+  const Value cipher = key.encrypted(block, RSA_NO_PADDING);
   const Failure failure = decryptFailure(kSecKeyAlgorithmRSAEncryptionPKCS1, cipher);
   EXPECT_EQ(failure.kind, FailureKind::kCardRefuses);
   EXPECT_EQ(failure.why, "C_Decrypt answered CKR_ENCRYPTED_DATA_INVALID (0x40)");
