@@ -26,6 +26,8 @@ using std::chrono::milliseconds;
 constexpr milliseconds kDeliveryLimit{20'000};
 /// Long enough for a message that should not be there to come after all.
 constexpr milliseconds kSilence{300};
+/// A post that takes as long was given up.
+constexpr milliseconds kPostLimit{1'000};
 /// More than a post may take, with room for a busy computer; far less than "forever".
 constexpr milliseconds kReturnLimit{10'000};
 /// What "at once" means on a busy computer.
@@ -39,9 +41,10 @@ bool isMapped(const std::string& library) {
   return false;
 }
 
-milliseconds timeOfPost(const Text& name = Text{u"TokenNotify"}) {
+milliseconds timeOfPost(const Text& name = Text{u"TokenNotify"}, const Text& object = Text{u"object"},
+                        bool deliverImmediately = true) {
   const auto start = Clock::now();
-  systemDistributedNotificationCenter()->postNotificationName(name, Text{u"object"}, true);
+  systemDistributedNotificationCenter()->postNotificationName(name, object, deliverImmediately);
   return std::chrono::duration_cast<milliseconds>(Clock::now() - start);
 }
 
@@ -66,14 +69,19 @@ class NotificationOnABus : public testing::Test {
     environment_.emplace(bus_->address().c_str());
   }
 
-  std::shared_ptr<DistributedNotificationCenter> center_ = systemDistributedNotificationCenter();
+  /// Posts again what was given up because the computer is busy.
+  static void post(const Text& name, const Text& object, bool deliverImmediately = true) {
+    constexpr int kTries = 10;
+    for (int i = 0; i < kTries && timeOfPost(name, object, deliverImmediately) >= kPostLimit; ++i) continue;
+  }
+
   std::unique_ptr<PrivateBus> bus_;
   std::unique_ptr<SignalReceiver> receiver_;
   std::optional<SessionBus> environment_;
 };
 
 TEST_F(NotificationOnABus, ArrivesWithItsArguments) {
-  center_->postNotificationName(Text{u"TokenNotify"}, Text{u"Reader \u00E9 \U0001F511"}, true);
+  post(Text{u"TokenNotify"}, Text{u"Reader \u00E9 \U0001F511"});
   const auto signal = receiver_->next(kDeliveryLimit);
   ASSERT_TRUE(signal);
   EXPECT_EQ(signal->path, "/org/mireltoken/DistributedNotification");
@@ -84,8 +92,8 @@ TEST_F(NotificationOnABus, ArrivesWithItsArguments) {
 }
 
 TEST_F(NotificationOnABus, TellsAMissingObjectFromAnEmptyOne) {
-  center_->postNotificationName(Text{u"without"}, Text{}, true);
-  center_->postNotificationName(Text{u"empty"}, Text{u""}, true);
+  post(Text{u"without"}, Text{});
+  post(Text{u"empty"}, Text{u""});
   const auto without = receiver_->next(kDeliveryLimit);
   ASSERT_TRUE(without);
   EXPECT_EQ(without->object, "");
@@ -97,7 +105,7 @@ TEST_F(NotificationOnABus, TellsAMissingObjectFromAnEmptyOne) {
 }
 
 TEST_F(NotificationOnABus, TellsWhenNoImmediateDeliveryWasAskedFor) {
-  center_->postNotificationName(Text{u"TokenNotify"}, Text{u"object"}, false);
+  post(Text{u"TokenNotify"}, Text{u"object"}, false);
   const auto signal = receiver_->next(kDeliveryLimit);
   ASSERT_TRUE(signal);
   EXPECT_FALSE(signal->deliverImmediately);
@@ -105,7 +113,7 @@ TEST_F(NotificationOnABus, TellsWhenNoImmediateDeliveryWasAskedFor) {
 
 TEST_F(NotificationOnABus, ReplacesWhatABusStringCannotHold) {
   const Text text{std::u16string{u'a', 0x0000, u'b', 0xD800, u'c', 0xDC00}};
-  center_->postNotificationName(text, text, true);
+  post(text, text);
   const auto signal = receiver_->next(kDeliveryLimit);
   ASSERT_TRUE(signal);
   EXPECT_EQ(signal->name,
@@ -118,7 +126,7 @@ TEST_F(NotificationOnABus, ReplacesWhatABusStringCannotHold) {
 TEST_F(NotificationOnABus, ArrivesEveryTimeAndInOrder) {
   constexpr int kPosts = 50;
   for (int i = 0; i < kPosts; ++i) {
-    center_->postNotificationName(Text::fromUtf8(std::to_string(i)), Text{}, true);
+    post(Text::fromUtf8(std::to_string(i)), Text{});
   }
   for (int i = 0; i < kPosts; ++i) {
     SCOPED_TRACE(i);
@@ -131,14 +139,14 @@ TEST_F(NotificationOnABus, ArrivesEveryTimeAndInOrder) {
 
 TEST_F(NotificationOnABus, ArrivesWholeThoughItIsLarge) {
   const std::u16string text(400'000, u'x');
-  center_->postNotificationName(Text{u"large"}, Text{text}, true);
+  post(Text{u"large"}, Text{text});
   const auto signal = receiver_->next(kDeliveryLimit);
   ASSERT_TRUE(signal);
   EXPECT_EQ(signal->object.size(), text.size());
 }
 
 TEST_F(NotificationOnABus, IsNotPostedWithoutAName) {
-  center_->postNotificationName(Text{}, Text{u"object"}, true);
+  post(Text{}, Text{u"object"});
   EXPECT_FALSE(receiver_->next(kSilence));
 }
 
@@ -147,7 +155,7 @@ TEST_F(NotificationOnABus, IsFoundThroughTheRuntimeFolder) {
   const std::string path = bus_->address().substr(std::strlen("unix:path="));
   const std::string folder = path.substr(0, path.find("/bus,"));
   const SessionBus environment{nullptr, folder.c_str()};
-  center_->postNotificationName(Text{u"TokenNotify"}, Text{}, true);
+  post(Text{u"TokenNotify"}, Text{});
   EXPECT_TRUE(receiver_->next(kDeliveryLimit));
 }
 
