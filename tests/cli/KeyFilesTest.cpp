@@ -39,6 +39,21 @@ class ScopedFileSizeLimit {
   rlimit before_{};
 };
 
+/// A working folder, of this process and its children, for its lifetime.
+class ScopedWorkingFolder {
+ public:
+  explicit ScopedWorkingFolder(const std::filesystem::path& folder)
+      : before_{std::filesystem::current_path()} {
+    std::filesystem::current_path(folder);
+  }
+  ScopedWorkingFolder(const ScopedWorkingFolder&) = delete;
+  ScopedWorkingFolder& operator=(const ScopedWorkingFolder&) = delete;
+  ~ScopedWorkingFolder() { std::filesystem::current_path(before_); }
+
+ private:
+  std::filesystem::path before_;
+};
+
 class KeyFiles : public KeyTest {
  protected:
   void SetUp() override {
@@ -65,6 +80,13 @@ class KeyFiles : public KeyTest {
     Invocation call = staged(std::move(arguments));
     call.input = kMessage;
     return call;
+  }
+  /// The failure to sign into out/file when that can hold less than a signature.
+  void expectNoSpaceForASignature() const {
+    // The message must fit in as well, and so tells no long path.
+    const ScopedWorkingFolder inFolder{path("out")};
+    const ScopedFileSizeLimit limit{200};
+    expectFailure(signInto("file"), 14, {"file cannot be written", "File too large"});
   }
   /// The failure of a command that never got to asking the card for its key.
   void expectEarlyFailure(std::vector<std::string> arguments, const std::vector<std::string>& parts) const {
@@ -171,20 +193,14 @@ TEST_F(KeyFiles, KeepTheirContentWhenTheCommandFails) {
 }
 
 TEST_F(KeyFiles, KeepTheirContentWhenThereIsNoSpaceForTheNew) {
-  const std::string file = write("out/file", "older");
-  {
-    const ScopedFileSizeLimit limit{200};
-    expectFailure(signInto(file), 14, {"cannot be written", "File too large"});
-  }
+  (void)write("out/file", "older");
+  expectNoSpaceForASignature();
   EXPECT_EQ(read("out/file"), "older");
   EXPECT_THAT(filesIn("out"), ElementsAre("file"));
 }
 
 TEST_F(KeyFiles, DoNotAppearWhenThereIsNoSpaceForThem) {
-  {
-    const ScopedFileSizeLimit limit{200};
-    expectFailure(signInto(path("out/file")), 14, {"cannot be written", "File too large"});
-  }
+  expectNoSpaceForASignature();
   EXPECT_THAT(filesIn("out"), IsEmpty());
 }
 
