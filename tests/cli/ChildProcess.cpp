@@ -219,6 +219,23 @@ int exitCodeOf(pid_t child, const Invocation& invocation) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
+/// Fills the numbers of the standard streams, so that nothing opened later gets one of them: the child has
+/// them for its own.
+void fillStandardStreams() {
+  int descriptor = 0;
+  do descriptor = open("/dev/null", O_RDWR);
+  while (descriptor >= 0 && descriptor <= STDERR_FILENO);
+  require(descriptor >= 0, "/dev/null");
+  (void)close(descriptor);
+}
+
+/// Keeps from the child what this process was started with or has opened, except for the standard streams.
+void keepDescriptors() {
+  constexpr int kHighest = 255;
+  for (int descriptor = STDERR_FILENO + 1; descriptor <= kHighest; ++descriptor)
+    (void)fcntl(descriptor, F_SETFD, FD_CLOEXEC);
+}
+
 /// The end of a pipe that nobody will read from.
 int openUnreadPipe() {
   std::array<int, 2> ends{};
@@ -247,10 +264,7 @@ struct RunningChild::State {
       case Output::kFull: other.emplace(open("/dev/full", O_WRONLY | O_CLOEXEC), "/dev/full"); break;
       case Output::kUnread: other.emplace(openUnreadPipe(), "pipe"); break;
     }
-    if (other) {
-      actions.duplicate(other->get(), STDOUT_FILENO);
-      if (invocation.output == Output::kUnread) actions.close(other->get());
-    }
+    if (other) actions.duplicate(other->get(), STDOUT_FILENO);
   }
 
   void preparePipes(FileActions& actions) {
@@ -271,8 +285,6 @@ struct RunningChild::State {
     }
     actions.duplicate(err.descriptor(), STDERR_FILENO);
     prepareOutput(actions);
-    // The child's own ends of the scratch files are of no use to it under their other numbers.
-    for (const ScratchFile* file : {&in, &out, &err}) actions.close(file->descriptor());
     if (invocation.terminal) {
       // The first terminal that the leader of a session opens becomes the session's.
       constexpr int kAnyDescriptor = 30;
@@ -280,11 +292,15 @@ struct RunningChild::State {
       actions.close(kAnyDescriptor);
     }
     preparePipes(actions);
+    for (const auto& [theirs, ours] : invocation.descriptors) actions.duplicate(ours, theirs);
+    keepDescriptors();
     pid = spawn(invocation, actions);
   }
 };
 
-RunningChild::RunningChild(const Invocation& invocation) : state_{std::make_unique<State>()} {
+RunningChild::RunningChild(const Invocation& invocation) {
+  fillStandardStreams();
+  state_ = std::make_unique<State>();
   state_->invocation = invocation;
   state_->start();
 }

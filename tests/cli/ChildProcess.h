@@ -30,7 +30,9 @@ struct Invocation {
   Output output = Output::kCaptured;
   /// Pipes that the child finds at these descriptors (above 30), with these contents.
   std::map<int, std::string> pipes{};
-  bool pipesStayOpen = false;          ///< until `RunningChild::wait`, so that the child waits for more
+  bool pipesStayOpen = false;  ///< until `RunningChild::wait`, so that the child waits for more
+  /// Descriptors of ours, by the numbers (above 30) under which the child finds them; it gets no others.
+  std::map<int, int> descriptors{};
   PseudoTerminal* terminal = nullptr;  ///< the child's controlling terminal; it has no other
   int signal = 0;                      ///< sent to the child, once ...
   std::filesystem::path signalFile{};  ///< ... there is this file

@@ -289,10 +289,11 @@ TEST_F(KeyFiles, BehindALinkThatLeadsNowhereYetAreMadeThere) {
 
 TEST_F(KeyFiles, ThatStandForAnOpenFileAreAddedBehindWhatIsThere) {
   const std::string file = write("out/both", "before");
-  const int descriptor = open(file.c_str(), O_WRONLY | O_APPEND);
+  const int descriptor = open(file.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
   ASSERT_GE(descriptor, 0);
-  const std::string name = "/dev/fd/" + std::to_string(descriptor);
-  expectSigned(signInto(name));
+  Invocation call = withPin({"sign", "--key", "01", "--out", "/dev/fd/41"}, kMessage);
+  call.descriptors[41] = descriptor;
+  expectSigned(run(call));
   (void)close(descriptor);
   ASSERT_TRUE(read("out/both").starts_with("before"));
   EXPECT_TRUE(isSignature(read("out/both").substr(6)));
