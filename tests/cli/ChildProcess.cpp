@@ -131,12 +131,20 @@ class FileActions {
   posix_spawn_file_actions_t actions_{};
 };
 
-/// A session of its own for the child, so that it does not ask at the terminal from which the tests are run.
+/// A session of its own for the child, so that it does not ask at the terminal from which the tests are run,
+/// and signals that end it, though they be ignored here.
 class Attributes {
  public:
-  Attributes() {
+  explicit Attributes(bool keepsIgnoredSignals) {
+    sigset_t ending{};
+    (void)sigemptyset(&ending);
+    if (!keepsIgnoredSignals) {
+      for (const int signal : {SIGHUP, SIGINT, SIGQUIT, SIGTERM}) (void)sigaddset(&ending, signal);
+    }
+    constexpr short kFlags = POSIX_SPAWN_SETSID | POSIX_SPAWN_SETSIGDEF;
     require(posix_spawnattr_init(&attributes_) == 0, "posix_spawnattr_init");
-    require(posix_spawnattr_setflags(&attributes_, POSIX_SPAWN_SETSID) == 0, "posix_spawnattr_setflags");
+    require(posix_spawnattr_setflags(&attributes_, kFlags) == 0, "posix_spawnattr_setflags");
+    require(posix_spawnattr_setsigdefault(&attributes_, &ending) == 0, "posix_spawnattr_setsigdefault");
   }
   Attributes(const Attributes&) = delete;
   Attributes& operator=(const Attributes&) = delete;
@@ -198,8 +206,9 @@ pid_t spawn(const Invocation& invocation, const FileActions& actions) {
     variables.emplace_back(name).append("=").append(value);
 
   pid_t child = -1;
-  errno = posix_spawn(&child, words.front().c_str(), actions.get(), Attributes{}.get(),
-                      pointersTo(words).data(), pointersTo(variables).data());
+  errno = posix_spawn(&child, words.front().c_str(), actions.get(),
+                      Attributes{invocation.keepsIgnoredSignals}.get(), pointersTo(words).data(),
+                      pointersTo(variables).data());
   require(errno == 0, words.front().c_str());
   return child;
 }

@@ -36,6 +36,7 @@ struct Invocation {
   PseudoTerminal* terminal = nullptr;  ///< the child's controlling terminal; it has no other
   int signal = 0;                      ///< sent to the child, once ...
   std::filesystem::path signalFile{};  ///< ... there is this file
+  bool keepsIgnoredSignals = false;    ///< those that end a program and are ignored here, as by nohup
 };
 
 struct Result {

@@ -223,7 +223,9 @@ TEST_F(PinPrompt, LeavesTheTerminalAsItWasWhenASignalEndsTheProcess) {
 
 TEST_F(PinPrompt, StaysWithoutEchoWhenASignalIsIgnored) {
   const auto before = std::signal(SIGHUP, SIG_IGN);  // what nohup does
-  RunningChild child{login()};
+  Invocation call = login();
+  call.keepsIgnoredSignals = true;
+  RunningChild child{call};
   (void)std::signal(SIGHUP, before);
   ASSERT_TRUE(terminal_.waitFor(kPrompt));
   ASSERT_EQ(kill(child.pid(), SIGHUP), 0);
