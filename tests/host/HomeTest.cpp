@@ -128,10 +128,12 @@ TEST_F(PrivateHomeTest, IsRemovedWhenASignalEndsTheProcess) {
 TEST_F(PrivateHomeTest, LeavesAnIgnoredSignalIgnored) {
   const auto ignoreAndGoOn = [&] {
     (void)std::signal(SIGHUP, SIG_IGN);
-    const auto home = madeFor(module_);
+    auto home = madeFor(module_);
     home->removeOnSignals();
     (void)std::raise(SIGHUP);
-    std::_Exit(fs::exists(home->path()) ? 7 : 1);
+    const bool isThere = fs::exists(home->path());
+    home.reset();  // _Exit would leave it.
+    std::_Exit(isThere ? 7 : 1);
   };
   EXPECT_EXIT(ignoreAndGoOn(), ::testing::ExitedWithCode(7), "");
 }
