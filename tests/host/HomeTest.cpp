@@ -116,6 +116,7 @@ TEST_F(PrivateHomeTest, IsRemovedWhenASignalEndsTheProcess) {
     const ScopedEnvironment temporary{"TMPDIR", folder_.path().c_str()};
     const auto endBySignal = [&] {
       const auto home = madeFor(module_);
+      (void)std::signal(signal, SIG_DFL);  // It may be ignored where the tests were started.
       home->removeOnSignals();
       (void)std::raise(signal);
     };
