@@ -43,7 +43,8 @@ std::string readLine(int descriptor) {
 }  // namespace
 
 std::unique_ptr<PrivateBus> PrivateBus::start() {
-  std::string folder = (std::filesystem::temp_directory_path() / "mirel-bus-XXXXXX").string();
+  // The path of TMPDIR may be too long for a socket, or hold characters that an address does not take.
+  std::string folder = "/tmp/mirel-bus-XXXXXX";
   if (!mkdtemp(folder.data())) return nullptr;
   const std::string configuration = folder + "/bus.conf";
   std::ofstream{configuration} << configurationFor(folder);
