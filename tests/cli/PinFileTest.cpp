@@ -2,6 +2,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
+
 #include "KeyTest.h"
 
 namespace mirel::test {
@@ -52,7 +55,10 @@ TEST_F(PinFile, IsRefusedWhenItBelongsToSomebodyElse) {
   std::string file = "/etc/passwd";
   if (geteuid() == 0) {
     file = write("pin", kPin, 0600);
-    ASSERT_EQ(chown(file.c_str(), 4711, 4711), 0);
+    if (chown(file.c_str(), 4711, 4711) != 0) {
+      ASSERT_TRUE(errno == EINVAL || errno == EPERM) << std::strerror(errno);
+      GTEST_SKIP() << "this root, as in a user namespace, cannot give files away";
+    }
   }
   expectRefused(logInWith(file), "it belongs to somebody else");
 }

@@ -33,14 +33,22 @@ std::string homeByGetent(const std::string& user) {
   return outputOf("getent passwd '" + user + "' | cut -d: -f6");
 }
 
+/// Becomes another effective user. False when there is no such user to become, as in a user namespace.
+bool becomes(uid_t user) {
+  if (seteuid(user) == 0) return true;
+  EXPECT_TRUE(errno == EINVAL || errno == EPERM) << std::strerror(errno);
+  return false;
+}
+
 TEST(SystemUserDirectory, TellsTheLoginNameThatTheSystemTells) {
   const std::string expected = outputOf("id -un");
-  ASSERT_NE(expected, "");
+  if (expected.empty()) GTEST_SKIP() << "this user has no entry in the password database";
   EXPECT_EQ(systemUserDirectory()->loginName(), expected);
 }
 
 TEST(SystemUserDirectory, TellsTheHomeThatTheDatabaseTells) {
   const std::string user = outputOf("id -un");
+  if (user.empty()) GTEST_SKIP() << "this user has no entry in the password database";
   const std::string expected = homeByGetent(user);
   ASSERT_NE(expected, "");
   EXPECT_EQ(systemUserDirectory()->homeOf(user), expected);
@@ -66,7 +74,7 @@ TEST(SystemUserDirectory, TellsTheEffectiveUserNotTheRealOne) {
   if (geteuid() != 0) GTEST_SKIP() << "only root can take on another effective user";
   const std::string expected = outputOf("getent passwd daemon | cut -d: -f1");
   const auto daemonId = static_cast<uid_t>(std::stoul(outputOf("id -u daemon")));
-  ASSERT_EQ(seteuid(daemonId), 0);
+  if (!becomes(daemonId)) GTEST_SKIP() << "this root cannot take on the effective user daemon";
   const std::string name = systemUserDirectory()->loginName();
   ASSERT_EQ(seteuid(0), 0);
   EXPECT_EQ(name, expected);
@@ -75,7 +83,7 @@ TEST(SystemUserDirectory, TellsTheEffectiveUserNotTheRealOne) {
 TEST(SystemUserDirectory, TellsNoNameForAUserWithoutAnEntry) {
   if (geteuid() != 0) GTEST_SKIP() << "only root can take on another effective user";
   constexpr uid_t kUnlistedUser = 3'999'999'999U;
-  ASSERT_EQ(seteuid(kUnlistedUser), 0);
+  if (!becomes(kUnlistedUser)) GTEST_SKIP() << "this root cannot take on an effective user without an entry";
   const std::string name = systemUserDirectory()->loginName();
   ASSERT_EQ(seteuid(0), 0);
   EXPECT_EQ(name, "");
