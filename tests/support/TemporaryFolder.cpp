@@ -8,7 +8,9 @@
 namespace mirel::test {
 
 TemporaryFolder::TemporaryFolder() {
-  std::string name = (std::filesystem::temp_directory_path() / "mirel-test-XXXXXX").string();
+  // The path stays right when a test changes the working folder, though TMPDIR be relative.
+  namespace fs = std::filesystem;
+  std::string name = fs::absolute(fs::temp_directory_path() / "mirel-test-XXXXXX").string();
   if (!mkdtemp(name.data())) throw std::system_error{errno, std::generic_category(), name};
   path_ = name;
 }
