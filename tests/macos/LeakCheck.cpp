@@ -5,9 +5,9 @@ extern "C" {
 __attribute__((weak)) void __lsan_do_leak_check();
 
 // What the sanitizers ask for when they start. The frames of the Objective-C runtime cannot be walked by
-// their frame pointers.
+// their frame pointers, and each one takes its time.
 __attribute__((visibility("default"))) const char* __asan_default_options() {
-  return "fast_unwind_on_malloc=0";
+  return "fast_unwind_on_malloc=0:malloc_context_size=10";
 }
 
 // The runtime loses sight of tables that it keeps until the end.
