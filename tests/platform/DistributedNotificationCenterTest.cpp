@@ -75,6 +75,13 @@ class NotificationOnABus : public testing::Test {
     for (int i = 0; i < kTries && timeOfPost(name, object, deliverImmediately) >= kPostLimit; ++i) continue;
   }
 
+  /// The next signal, after those of that name, which a busy computer may have made us post twice.
+  std::optional<ReceivedSignal> nextAfter(const std::string& name) {
+    auto signal = receiver_->next(kDeliveryLimit);
+    while (signal && signal->name == name) signal = receiver_->next(kDeliveryLimit);
+    return signal;
+  }
+
   std::unique_ptr<PrivateBus> bus_;
   std::unique_ptr<SignalReceiver> receiver_;
   std::optional<SessionBus> environment_;
@@ -98,7 +105,7 @@ TEST_F(NotificationOnABus, TellsAMissingObjectFromAnEmptyOne) {
   ASSERT_TRUE(without);
   EXPECT_EQ(without->object, "");
   EXPECT_FALSE(without->hasObject);
-  const auto empty = receiver_->next(kDeliveryLimit);
+  const auto empty = nextAfter("without");
   ASSERT_TRUE(empty);
   EXPECT_EQ(empty->object, "");
   EXPECT_TRUE(empty->hasObject);
@@ -130,7 +137,7 @@ TEST_F(NotificationOnABus, ArrivesEveryTimeAndInOrder) {
   }
   for (int i = 0; i < kPosts; ++i) {
     SCOPED_TRACE(i);
-    const auto signal = receiver_->next(kDeliveryLimit);
+    const auto signal = nextAfter(std::to_string(i - 1));
     ASSERT_TRUE(signal);
     EXPECT_EQ(signal->name, std::to_string(i));
   }
