@@ -270,6 +270,18 @@ def check_paths(checks, signing):
     checks.equal("with a CDPATH", (code, words(shown), error), (0, expected, ""))
 
 
+    renamed = signing.folder / "MirelToken-1.app"
+    signing.app.rename(renamed)
+    signing.app.symlink_to(renamed)
+    for given in (renamed, signing.app):
+        _, shown, _, _ = signing.run("--dry-run", "--output", signing.output, app=given)
+        copied = [line[1:] for line in words(shown) if line[0] == "ditto"]
+        staged = [line[1].rsplit("/", 1)[1] for line in copied]
+        checks.equal(f"the name of what {given.name} becomes", staged, ["Mirel Token.app"] * 2)
+    signing.app.unlink()
+    renamed.rename(signing.app)
+
+
 def check_modes(checks, signing):
     """Everybody can open what is installed, and nobody but its owner can change it, whoever has packed it."""
     private = signing.folder / "private/Mirel Token.app"
