@@ -4,6 +4,7 @@
 
 #include "Certificate.h"
 #include "Convert.h"
+#include "Guard.h"
 #include "TokenObjects.h"
 #include "platform/TokenKit.h"
 
@@ -18,13 +19,15 @@ class KeychainKey : public Parent {
 
   [[nodiscard]] Text objectID() const noexcept override { return textOfObject([item() objectID]); }
   [[nodiscard]] Text label() const noexcept override { return textOf([item() label]); }
-  void setLabel(const Text& label) noexcept override { [item() setLabel:stringOf(label)]; }
+  void setLabel(const Text& label) noexcept override {
+    guard("a key has no label", [&] { [item() setLabel:stringOf(label)]; });
+  }
   /// Only written by the core.
   [[nodiscard]] std::optional<TKTokenConstraints> constraints() const noexcept override {
     return std::nullopt;
   }
   void setConstraints(const TKTokenConstraints& constraints) noexcept override {
-    [item() setConstraints:dictionaryOf(constraints)];
+    guard("a key has no constraints", [&] { [item() setConstraints:dictionaryOf(constraints)]; });
   }
   /// The platform takes type and size from the certificate; the core does not look at them.
   [[nodiscard]] CertificateKeyType keyType() const noexcept override { return CertificateKeyType::kOther; }

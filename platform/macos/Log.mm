@@ -10,8 +10,8 @@
 namespace mirel {
 namespace {
 
-/// The lines are built in the core, which puts neither PINs nor decrypted texts into them. They are public.
-/// So is what the line about a signature, one of NSLog's, shows of the data to sign: up to 24 bytes.
+/// The lines are built in the core, which puts neither PINs nor decrypted texts into them. They are public,
+/// and so is what some lines for NSLog show of data to sign, signatures and data to decrypt: up to 24 bytes.
 class UnifiedLog final : public Log {
  public:
   void systemDefault(std::string_view line) noexcept override {

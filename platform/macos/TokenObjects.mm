@@ -110,7 +110,8 @@ class CertificateItem final : public Wrapper<TKTokenKeychainCertificate, ::TKTok
   using Wrapper::Wrapper;
   [[nodiscard]] bool initWithCertificate(const std::shared_ptr<SecCertificate>& certificate,
                                          const Text& objectID) noexcept override {
-    // The initialiser consumes the reference, and gives another one or nil.
+    // The initialiser consumes the reference, and gives another one or nil. Of one that raises nobody knows
+    // what it has left.
     ::TKTokenKeychainCertificate* initialised = nil;
     guard("the certificate is not published", [&] {
       initialised = [object() initWithCertificate:refOf(*certificate) objectID:stringOf(objectID)];
@@ -122,13 +123,15 @@ class CertificateItem final : public Wrapper<TKTokenKeychainCertificate, ::TKTok
   [[nodiscard]] std::shared_ptr<SecCertificate> certificate() const noexcept override { return certificate_; }
   [[nodiscard]] Text objectID() const noexcept override { return textOfObject([object() objectID]); }
   [[nodiscard]] Text label() const noexcept override { return textOf([object() label]); }
-  void setLabel(const Text& label) noexcept override { [object() setLabel:stringOf(label)]; }
+  void setLabel(const Text& label) noexcept override {
+    guard("a certificate has no label", [&] { [object() setLabel:stringOf(label)]; });
+  }
   /// The platform's own, which say more than the core can.
   [[nodiscard]] std::optional<TKTokenConstraints> constraints() const noexcept override {
     return std::nullopt;
   }
   void setConstraints(const TKTokenConstraints& constraints) noexcept override {
-    [object() setConstraints:dictionaryOf(constraints)];
+    guard("a certificate has no constraints", [&] { [object() setConstraints:dictionaryOf(constraints)]; });
   }
 
  private:

@@ -165,6 +165,15 @@ TEST_F(SessionAdapter, OutlivesWhatThePlatformRaises) {
   EXPECT_TRUE(system->beginAuth(1, kSign, "01").succeeded);
 }
 
+TEST_F(SessionAdapter, FindsNoKeyWhoseIdentifierThePlatformRaisesOver) {
+  ASSERT_TRUE(logIn().succeeded);
+  switches->raises = true;
+  switches->refusesIdentifiers = true;
+  EXPECT_FALSE(system->sign(0, kBlock, "01", "RSASignatureRaw").data);
+  *switches.operator->() = {};
+  EXPECT_TRUE(system->sign(0, kBlock, "01", "RSASignatureRaw").data);
+}
+
 TEST_F(SessionAdapter, LosesItsKeysWithTheMarkOnTheCard) {
   ASSERT_TRUE(logIn().succeeded);
   system->resetCard();

@@ -203,7 +203,7 @@ TEST_F(TokenAdapter, OutlivesWhatThePlatformRaisesOverItsItems) {
   ASSERT_TRUE(system->offerCard(kReaderName).succeeded);
   EXPECT_THAT(system->items(), IsEmpty());
   EXPECT_THAT(recorder.texts(),
-              Contains("error: the card's items are not published: the system raised "
+              Contains("error: [Guard-15] the card's items are not published: the system raised "
                        "NSInvalidArgumentException: no such \u201Cobject\u201D; see \"mireltoken items\""));
   switches->refusesItems = false;
   system->removeCard();
@@ -222,11 +222,28 @@ TEST_F(TokenAdapter, LeavesOutTheItemsOverWhichThePlatformRaises) {
   }
 }
 
+TEST_F(TokenAdapter, PublishesItemsWithoutWhatThePlatformRaisesOver) {
+  switches->raises = true;
+  switches->refusesLabels = true;
+  ASSERT_TRUE(system->offerCard(kReaderName).succeeded);
+  ASSERT_THAT(system->items(), SizeIs(2));
+  for (const auto& item : system->items()) EXPECT_EQ(item.label, std::nullopt);
+  EXPECT_THAT(recorder.texts(), Contains(HasSubstr("a certificate has no label: the system raised")));
+  EXPECT_THAT(recorder.texts(), Contains(HasSubstr("a key has no label: the system raised")));
+  system->removeCard();
+  switches->refusesLabels = false;
+  switches->refusesConstraints = true;
+  ASSERT_TRUE(system->offerCard(kReaderName).succeeded);
+  EXPECT_THAT(system->items(), SizeIs(2));
+  EXPECT_THAT(recorder.texts(), Contains(HasSubstr("a key has no constraints: the system raised")));
+}
+
 TEST_F(TokenAdapter, IsNotMadeWhenThePlatformRaises) {
   switches->raises = true;
   switches->refusesTokens = true;
   EXPECT_EQ(system->offerCard(kReaderName), Outcome{});
-  EXPECT_THAT(recorder.texts(), Contains(HasSubstr("error: the object is not made: the system raised")));
+  EXPECT_THAT(recorder.texts(),
+              Contains(HasSubstr("error: [Guard-15] the object is not made: the system raised")));
   switches->refusesTokens = false;
   EXPECT_TRUE(system->offerCard(kReaderName).succeeded);
 }

@@ -73,9 +73,11 @@ class KeychainContents final : public TKTokenKeychainContents {
       const Text& objectID, TKErrorPointer outError) noexcept override {
     // The platform takes no nil; no key has an identifier that is no text.
     ErrorPlace place{outError};
-    ::TKTokenKeychainKey* key =
-        [contents_.get() keyForObjectID:stringOf(objectID.isNull() ? Text{u""} : objectID)
-                                  error:place.pointer()];
+    ::TKTokenKeychainKey* key = nil;
+    guard("a key is not found", [&] {
+      key = [contents_.get() keyForObjectID:stringOf(objectID.isNull() ? Text{u""} : objectID)
+                                      error:place.pointer()];
+    });
     return keyOf(key);
   }
 

@@ -12,15 +12,15 @@
 - (instancetype)init {
   self = [super init];
   if (self) {
-    (void)[self core];  // before several threads can ask for it
+    core_ = mirel::newDriverCore();
     [self setDelegate:self];
   }
   return self;
 }
 
-- (const std::shared_ptr<mirel::MirelSCTokenDriver>&)core {
-  if (!core_) core_ = mirel::newDriverCore();
-  return core_;
+/// One of its own for each call, which may come on any thread, where the platform knows another initialiser.
+- (std::shared_ptr<mirel::MirelSCTokenDriver>)core {
+  return core_ ? core_ : mirel::newDriverCore();
 }
 
 - (TKSmartCardToken*)tokenDriver:(TKSmartCardTokenDriver*)driver

@@ -69,6 +69,8 @@ std::shared_ptr<MirelSCToken> MirelSCToken::initWithSmartCard(
   if (registered) {
     provider->openTKSmartCardTokenSession(readerName);
     fillKeychainContents(*provider, readerName);
+  } else {
+    setSp(nullptr);  // the platform may keep what it has refused
   }
   log.systemDefault(logLine("CTK [%s-%d] ---END---", kUnit, kEndLine));
   return registered ? weak_from_this().lock() : nullptr;

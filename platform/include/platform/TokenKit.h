@@ -39,9 +39,9 @@ struct TKError {
   Text domain;
   std::int64_t code = 0;
   Text localizedDescription;  ///< null: none
-  /// The platform's own object, for an error that the platform has reported; null for one of ours.
+  /// The platform's own object, for an error that has come through the platform; null for one of ours.
   std::shared_ptr<const void> platformError{};
-  Text description{};  ///< what the platform prints for its own; null for one of ours
+  Text description{};  ///< what the platform prints for that object; null without one
 
   [[nodiscard]] bool operator==(const TKError&) const noexcept = default;
 };

@@ -183,6 +183,10 @@ static TKTokenKeychainKey* plainCopyOf(TKTokenKeychainKey* key) {
   [self setConstraints:constraints];
   return self;
 }
+- (void)setLabel:(NSString*)label {
+  if (switches().refusesLabels) (void)refused(nil);
+  [super setLabel:label];
+}
 - (void)dealloc {
   [_data release];
   [super dealloc];
@@ -207,6 +211,14 @@ static TKTokenKeychainKey* plainCopyOf(TKTokenKeychainKey* key) {
     _publicKeyHash = [[NSData alloc] initWithBytes:hash length:sizeof hash];
   }
   return self;
+}
+- (void)setLabel:(NSString*)label {
+  if (switches().refusesLabels) (void)refused(nil);
+  [super setLabel:label];
+}
+- (void)setConstraints:(NSDictionary*)constraints {
+  if (switches().refusesConstraints) (void)refused(nil);
+  [super setConstraints:constraints];
 }
 - (void)dealloc {
   [_keyType release];
@@ -245,6 +257,7 @@ static TKTokenKeychainKey* plainCopyOf(TKTokenKeychainKey* key) {
   switches().whenContentsAreFilled();
 }
 - (TKTokenKeychainKey*)keyForObjectID:(TKTokenObjectID)objectID error:(NSError**)error {
+  if (switches().refusesIdentifiers) (void)refused(nil);
   TKTokenKeychainKey* const key = itemFor(_items, [TKTokenKeychainKey class], objectID, error);
   return key && switches().copiesKeys ? plainCopyOf(key) : key;
 }

@@ -33,6 +33,10 @@ struct Switches {
   bool refusesPinOperations = false;
   /// Keychain contents refuse what they are filled with, and then raise.
   bool refusesItems = false;
+  /// So do items their labels, keys their constraints, and contents the identifiers of keys.
+  bool refusesLabels = false;
+  bool refusesConstraints = false;
+  bool refusesIdentifiers = false;
   /// What refuses raises an exception, instead of answering nil.
   bool raises = false;
   /// Tokens have no keychain contents.
