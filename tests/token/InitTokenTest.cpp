@@ -273,6 +273,13 @@ TEST_F(InitToken, LeavesTheCardAloneWhenThePlatformRefuses) {
   EXPECT_THAT(baseOfNewToken()->contents->fills, IsEmpty());
 }
 
+TEST_F(InitToken, LetsGoOfTheProviderWhenThePlatformRefuses) {
+  kit->script->refusesTokens = true;
+  const auto token = newToken();
+  EXPECT_FALSE(init(token));
+  EXPECT_FALSE(token->sp());
+}
+
 // ---- The certificates cannot be listed ----
 
 TEST_F(InitToken, GivesATokenWithoutItemsWhenTheCardCannotBeListed) {
