@@ -146,6 +146,14 @@ TEST(Catalogues, HoldWhatTheStringsFilesSay) {
   }
 }
 
+TEST(Catalogues, SayThatTheyAreUtf8) {
+  for (const std::string& language : languagesIn(kResources)) {
+    std::ifstream stream{catalogueOf(MIREL_LOCALE_FOLDER, language), std::ios::binary};
+    const std::string content{std::istreambuf_iterator<char>{stream}, {}};
+    EXPECT_NE(content.find("Content-Type: text/plain; charset=UTF-8\n"), std::string::npos) << language;
+  }
+}
+
 /// Runs one of the build's scripts.
 class BuildScript : public ::testing::Test {
  protected:
