@@ -33,11 +33,10 @@ void append(ByteVector& out, std::span<const std::uint8_t> bytes) {
 
 /// A value of DER with a length below 128.
 ByteVector derValue(std::uint8_t tag, std::span<const std::uint8_t> content) {
-  ByteVector value;
-  value.reserve(2 + content.size());
-  value.push_back(tag);
-  value.push_back(static_cast<std::uint8_t>(content.size()));
-  append(value, content);
+  ByteVector value(2 + content.size());
+  value[0] = tag;
+  value[1] = static_cast<std::uint8_t>(content.size());
+  std::copy(content.begin(), content.end(), value.begin() + 2);
   return value;
 }
 

@@ -383,11 +383,11 @@ CK_RV Behaviour<&List::C_FindObjectsInit>::call(CK_SESSION_HANDLE handle, CK_ATT
   if (!attributes && count > 0) return CKR_ARGUMENTS_BAD;
   Session::Search search;
   const Card& card = theScript().card(session->slot);
-  for (const auto& [object, content] : card.objects) {
-    const bool fits =
-        std::all_of(attributes, attributes + count,
-                    [&, &content = content](const auto& wanted) { return matches(content, wanted); });
-    if (fits && isVisible(card, content)) search.found.push_back(object);
+  for (const auto& entry : card.objects) {
+    const auto& content = entry.second;
+    const bool fits = std::all_of(attributes, attributes + count,
+                                  [&](const auto& wanted) { return matches(content, wanted); });
+    if (fits && isVisible(card, content)) search.found.push_back(entry.first);
   }
   session->search = std::move(search);
   return CKR_OK;

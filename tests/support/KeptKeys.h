@@ -13,7 +13,7 @@ namespace mirel::test {
 /// most tests, so it is kept in the build folder: the same `name` (of a file) gives the same key in every run
 /// and every program.
 [[nodiscard]] inline EVP_PKEY* keptRsaKey(unsigned bits, const std::string& name) {
-  using FileHolder = std::unique_ptr<std::FILE, decltype(&std::fclose)>;
+  using FileHolder = std::unique_ptr<std::FILE, int (*)(std::FILE*)>;
   const std::string path = MIREL_TEST_KEYS "/rsa-" + std::to_string(bits) + "-" + name + ".pem";
   if (const FileHolder file{std::fopen(path.c_str(), "r"), &std::fclose}; file) {
     if (EVP_PKEY* const kept = PEM_read_PrivateKey(file.get(), nullptr, nullptr, nullptr)) return kept;
