@@ -6,7 +6,10 @@ die() { printf '%s: %s\n' "${0##*/}" "$*" >&2; exit 1; }
 # Packages by their Debian names, for building and running.
 build_packages="g++ cmake ninja-build libssl-dev libcli11-dev nlohmann-json3-dev libsystemd-dev gettext"
 card_packages="softhsm2 openssl opensc"
-test_packages="libgtest-dev libgmock-dev libp11-kit-dev clang clang-format clang-tidy libclang-rt-14-dev llvm-14 dbus python3 lld libgnustep-base-dev"
+test_packages="libgtest-dev libgmock-dev libp11-kit-dev clang dbus python3 libgnustep-base-dev"
+
+# The one version of clang-format and clang-tidy that counts: each other wants other lines and finds other things.
+checking_version=14
 
 # The same on macOS, for Homebrew.
 brew_packages="cmake ninja gettext openssl@3 cli11 nlohmann-json softhsm opensc googletest p11-kit"
@@ -43,6 +46,29 @@ install_missing() {
     die "apt-get could not install$missing"
   fi
   rm -f "$log"
+}
+
+# newest_clang: prints the version of the newest clang that is installed as a package; nothing when there is none.
+newest_clang() {
+  dpkg-query -W -f='${db:Status-Status} ${Package}\n' 'clang-[0-9]*' 2>/dev/null |
+    sed -n 's/^installed clang-\([0-9][0-9]*\)$/\1/p' | sort -n | tail -n 1
+}
+
+# clang_packages <version>: prints what belongs to that clang: the sanitizers, and the tools and the linker that build
+# for macOS.
+clang_packages() { say "libclang-rt-$1-dev llvm-$1 lld-$1"; }
+
+# install_offered <Debian packages>...: those that this system's package sources have; the others are passed over.
+install_offered() {
+  command -v apt-cache >/dev/null || return 0
+  offered=""
+  for package in "$@"; do
+    case "$(apt-cache policy "$package" 2>/dev/null)" in
+      *"Candidate: (none)"*|"") ;;
+      *) offered="$offered $package" ;;
+    esac
+  done
+  install_missing $offered
 }
 
 # softhsm_module: prints the path of SoftHSM2's module.
