@@ -1,6 +1,11 @@
 # Finds what the build needs; a missing package stops the configuration with its name and the command
 # that installs it.
 
+# First of all: on any other system the search for libraries would only end with a misleading message.
+if(NOT APPLE AND NOT CMAKE_SYSTEM_NAME STREQUAL "Linux")
+  message(FATAL_ERROR "There are no services for ${CMAKE_SYSTEM_NAME}, only for macOS and Linux.")
+endif()
+
 function(mirel_missing what debian homebrew)
   if(CMAKE_HOST_APPLE)
     set(command "brew install ${homebrew}")
