@@ -20,9 +20,27 @@ bool isPrintableText(const Bytes& bytes) {
   return printableLine(text) == text;
 }
 
+bool isOaep(SecKeyAlgorithm algorithm) noexcept {
+  switch (algorithm) {
+    case SecKeyAlgorithm::kSecKeyAlgorithmRSAEncryptionOAEPSHA1:
+    case SecKeyAlgorithm::kSecKeyAlgorithmRSAEncryptionOAEPSHA224:
+    case SecKeyAlgorithm::kSecKeyAlgorithmRSAEncryptionOAEPSHA256:
+    case SecKeyAlgorithm::kSecKeyAlgorithmRSAEncryptionOAEPSHA384:
+    case SecKeyAlgorithm::kSecKeyAlgorithmRSAEncryptionOAEPSHA512: return true;
+    default: return false;
+  }
+}
+
 }  // namespace
 
 ExitCode runDecrypt(Host& host, const Options& options) {
+  // Some modules answer a wrong padding with random bytes, so afterwards nobody could tell that it failed.
+  if (const auto named = secKeyAlgorithmNamed(options.algorithm.value_or("")); named && isOaep(*named)) {
+    return report({FailureKind::kNotSupported,
+                   std::string{nameOf(*named)} + " never decrypts with these cards",
+                   "whatever the algorithm, the token takes off the padding of PKCS #1 v1.5",
+                   "have the data encrypted by PKCS #1 v1.5: RSAEncryptionPKCS1"});
+  }
   const auto started = startDataJob(host, options, SecKeyAlgorithm::kSecKeyAlgorithmRSAEncryptionPKCS1);
   if (const auto* failure = std::get_if<Failure>(&started)) return report(*failure);
   const auto& [algorithm, input, job, chosen] = std::get<DataJob>(started);

@@ -60,52 +60,68 @@ TEST_F(Decryption, GivesTheLongestPlainTextOfTheLargestKey) {
 }
 
 // The card layer decrypts by PKCS #1 v1.5 whatever the name of the algorithm says.
-TEST_F(Decryption, TakesOffPkcs1PaddingForTheOtherAlgorithmsThatTheTokenAccepts) {
+TEST_F(Decryption, TakesOffPkcs1PaddingForRawToo) {
   makeKey("rsa2048");
-  const std::string cipher = encrypted("rsa2048", "pkcs1", kPlain);
-  for (const char* algorithm : {"RSAEncryptionRaw", "RSAEncryptionOAEPSHA256"}) {
-    SCOPED_TRACE(algorithm);
-    const Result result = decrypt(cipher, algorithm);
-    expectSuccess(result);
-    EXPECT_EQ(result.out, kPlain);
-  }
+  const Result result = decrypt(encrypted("rsa2048", "pkcs1", kPlain), "RSAEncryptionRaw");
+  expectSuccess(result);
+  EXPECT_EQ(result.out, kPlain);
 }
 
-TEST_F(Decryption, OfOaepFails) {
+TEST_F(Decryption, OfOaepIsRefusedBeforeTheModuleIsLoaded) {
   makeKey("rsa2048");
   for (const char* hash : {"SHA1", "SHA224", "SHA256", "SHA384", "SHA512"}) {
     SCOPED_TRACE(hash);
-    expectFailure(
-        decrypt(encrypted("rsa2048", "oaep", kPlain, hash), std::string{"RSAEncryptionOAEP"} + hash), 13,
-        {"the card gave no plain text", "C_Decrypt answered", "PKCS #1 v1.5"});
+    const std::string name = std::string{"RSAEncryptionOAEP"} + hash;
+    Invocation call =
+        staged({"decrypt", "--key", "01", "--algorithm", name, "--pin-file", write("pin", kPin)});
+    call.input = std::string(256, 'x');
+    expectFailure(run(call), 10, {name + " never decrypts with these cards", "PKCS #1 v1.5"});
+    EXPECT_FALSE(std::filesystem::exists(path("calls")));
   }
 }
 
-TEST_F(Decryption, OfOaepInSoftwareFailsBecauseTheCardGivesNoBlock) {
+// ---- A padding that is wrong, or of another key: modules answer it in two ways ----
+
+/// A block that is none of PKCS #1 v1.5: 0x00, and then 0x11.
+std::string wrongBlock() { return std::string{'\0'}.append(255, '\x11'); }
+
+TEST_F(Decryption, OfAWrongPaddingFailsWithAModuleThatTellsIt) {
   makeKey("rsa2048");
-  const std::string cipher = encrypted("rsa2048", "pkcs1", kPlain);
-  for (const char* hash : {"SHA1", "SHA224", "SHA384", "SHA512"}) {
-    SCOPED_TRACE(hash);
-    expectFailure(decrypt(cipher, std::string{"RSAEncryptionOAEP"} + hash), 13,
-                  {"is not a whole block: the card layer removes PKCS #1 v1.5 padding itself"});
+  for (const char* answer : {"40", "5"}) {  // CKR_ENCRYPTED_DATA_INVALID; CKR_GENERAL_ERROR
+    SCOPED_TRACE(answer);
+    Invocation call = staged({"decrypt", "--key", "01", "--pin-file", write("pin", kPin)},
+                             std::string{"C_Decrypt="} + answer);
+    call.input = encrypted("rsa2048", "none", wrongBlock());
+    expectFailure(run(call), 13,
+                  {"the card gave no plain text", "C_Decrypt answered",
+                   "check that the data were encrypted for this key"});
   }
 }
 
-TEST_F(Decryption, OfABlockWithoutPaddingFails) {
+// Implicit rejection: nothing tells these bytes from a plain text.
+TEST_F(Decryption, OfAWrongPaddingGivesTheBytesOfAModuleThatHidesIt) {
   makeKey("rsa2048");
-  std::string block(256, '\x11');
-  block[0] = 0;
-  expectFailure(decrypt(encrypted("rsa2048", "none", block), "RSAEncryptionRaw"), 13,
-                {"the card gave no plain text", "C_Decrypt answered"});
+  Invocation call = staged({"decrypt", "--key", "01", "--pin-file", write("pin", kPin)});
+  call.environment["MIREL_STAGED_PLAIN_TEXT"] = "random bytes";
+  call.input = encrypted("rsa2048", "none", wrongBlock());
+  const Result result = run(call);
+  expectSuccess(result);
+  EXPECT_EQ(result.out, "random bytes");
 }
 
-TEST_F(Decryption, WithAnotherKeyFails) {
+TEST_F(Decryption, OfAWrongPaddingNeverGivesTheBlock) {
+  makeKey("rsa2048");
+  const std::string cipher = encrypted("rsa2048", "none", wrongBlock());
+  for (const char* algorithm : {"RSAEncryptionPKCS1", "RSAEncryptionRaw"}) {
+    SCOPED_TRACE(algorithm);
+    const Result result = decrypt(cipher, algorithm);
+    if (result.exitCode != 0) expectFailure(result, 13, {"the card gave no plain text"});
+    EXPECT_EQ(result.out.find("\x11\x11\x11\x11"), std::string::npos);
+  }
+}
+
+TEST_F(Decryption, WithASmallerKeyIsRefused) {
   makeCard({{"rsa2048", "01", "One", kUsage, "decrypt"}, {"rsa1024", "02", "Two", kUsage, "decrypt"}});
-  // As the wrong key finds it: 0x00, and then 0x11, which begins no block of PKCS #1 v1.5.
-  std::string block(256, '\x11');
-  block[0] = 0;
-  expectFailure(decrypt(encrypted("rsa2048", "none", block), "RSAEncryptionPKCS1"), 13,
-                {"check that the data were encrypted for this key"});
   expectFailure(runWithPin({"decrypt", "--key", "02"}, encrypted("rsa2048", "pkcs1", kPlain)), 2,
                 {"they have 256 bytes, a block for this key has 128"});
 }

@@ -49,23 +49,6 @@ const EVP_MD* hashNamed(std::string_view name) {
   return hash;
 }
 
-std::string withoutPadding(const Key& key, const std::string& cipher) {
-  const Context context = contextFor(key);
-  std::string block(cipher.size(), '\0');
-  std::size_t size = block.size();
-  require(EVP_PKEY_decrypt_init(context.get()) == 1 &&
-              EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_NO_PADDING) == 1 &&
-              EVP_PKEY_decrypt(context.get(), bytes(block), &size, bytes(cipher), cipher.size()) == 1,
-          "decrypt without padding");
-  block.resize(size);
-  return block;
-}
-
-/// Whether what was encrypted begins as a block of PKCS #1 v1.5 does (RFC 8017, section 7.2.1).
-bool beginsAsPkcs1(const Key& key, const std::string& cipher) {
-  return withoutPadding(key, cipher).starts_with(std::string{"\0\x02", 2});
-}
-
 }  // namespace
 
 std::string digestOf(std::string_view hash, const std::string& data) {
@@ -105,27 +88,17 @@ std::string blockOf(const std::string& keyType, const std::string& signature) {
   return block;
 }
 
-std::string encrypted(const std::string& keyType, std::string_view padding, const std::string& plain,
-                      std::string_view hash) {
+std::string encrypted(const std::string& keyType, std::string_view padding, const std::string& plain) {
   const Key key = pairOf(keyType);
   const Context context = contextFor(key);
-  const int number = padding == "oaep"    ? RSA_PKCS1_OAEP_PADDING
-                     : padding == "pkcs1" ? RSA_PKCS1_PADDING
-                                          : RSA_NO_PADDING;
+  const int number = padding == "pkcs1" ? RSA_PKCS1_PADDING : RSA_NO_PADDING;
   require(
       EVP_PKEY_encrypt_init(context.get()) == 1 && EVP_PKEY_CTX_set_rsa_padding(context.get(), number) == 1,
       "prepare for encryption");
-  if (!hash.empty()) {
-    require(EVP_PKEY_CTX_set_rsa_oaep_md(context.get(), hashNamed(hash)) == 1, "take the hash for OAEP");
-  }
-  std::string cipher;
-  do {
-    std::size_t size = static_cast<std::size_t>(EVP_PKEY_get_size(key.get()));
-    cipher.resize(size);
-    require(EVP_PKEY_encrypt(context.get(), bytes(cipher), &size, bytes(plain), plain.size()) == 1,
-            "encrypt");
-    cipher.resize(size);
-  } while (padding == "oaep" && beginsAsPkcs1(key, cipher));
+  std::size_t size = static_cast<std::size_t>(EVP_PKEY_get_size(key.get()));
+  std::string cipher(size, '\0');
+  require(EVP_PKEY_encrypt(context.get(), bytes(cipher), &size, bytes(plain), plain.size()) == 1, "encrypt");
+  cipher.resize(size);
   return cipher;
 }
 

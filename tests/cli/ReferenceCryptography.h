@@ -18,10 +18,9 @@ namespace mirel::test {
 /// The block that the public key makes of a signature, nothing taken off (RFC 8017, section 5.2.2).
 [[nodiscard]] std::string blockOf(const std::string& keyType, const std::string& signature);
 
-/// Encrypts for the key. `padding`: "pkcs1", "none", or "oaep" with the hash. One block of OAEP in 256 begins
-/// as one of PKCS #1 v1.5 does, and then a card may take off that padding; such a block is not given.
+/// Encrypts for the key. `padding`: "pkcs1" or "none".
 [[nodiscard]] std::string encrypted(const std::string& keyType, std::string_view padding,
-                                    const std::string& plain, std::string_view hash = {});
+                                    const std::string& plain);
 
 /// A new public key on the curve of that type ("p256"), as an uncompressed point.
 [[nodiscard]] std::string newPoint(const std::string& keyType);

@@ -82,7 +82,7 @@ class Pins : public KeyTest {
             {"sign", "--key", "01", "--json"},
             {"sign", "--key", "01", "--algorithm", "RSASignatureMessagePKCS1v15SHA256"},
             {"decrypt", "--key", "02", "--in", path("cipher")},
-            {"decrypt", "--key", "02", "--in", path("cipher"), "--algorithm", "RSAEncryptionOAEPSHA1"},
+            {"decrypt", "--key", "02", "--in", path("cipher"), "--algorithm", "RSAEncryptionRaw"},
             {"exchange", "--key", "03", "--in", path("point")}};
   }
 };
