@@ -209,6 +209,10 @@ def faults_of_minimum(tree):
     return faults
 
 
+# The images of the systems that the README says are tested.
+LINUX_SYSTEMS = ["debian:12", "debian:13", "ubuntu:latest"]
+
+
 def faults_of_workflow(tree):
     text = (tree / ".github/workflows/build.yml").read_text()
     faults = [] if "\t" not in text else ["the workflow has a tab"]
@@ -222,6 +226,9 @@ def faults_of_workflow(tree):
             faults.append(f"the workflow does not run the tests on {name}")
         if "upload-artifact" not in steps:
             faults.append(f"the workflow keeps nothing of {name}")
+    for image in LINUX_SYSTEMS:
+        if f'"{image}"' not in text:
+            faults.append(f"the workflow does not run {image}")
     for path in re.findall(r"packaging/macos/[\w-]+|\./check", text):
         if not (tree / path).is_file():
             faults.append(f"the workflow runs {path}, which is not there")

@@ -131,6 +131,7 @@ GOOD_WORKFLOW = """\
 jobs:
   linux:
     runs-on: ubuntu-latest
+    strategy: { matrix: { image: ["debian:12", "debian:13", "ubuntu:latest"] } }
     steps:
       - uses: actions/checkout@v4
       - name: Test
@@ -161,6 +162,7 @@ SPOILED_WORKFLOWS = [
     ("actions/checkout@v4", "someone/checkout@v4", "the workflow uses ['actions/checkout@v4', "
      "'actions/upload-artifact@v4', 'someone/checkout@v4']"),
     ("          ./check\n", "", "the workflow does not run the tests on Linux"),
+    ('"debian:13"', '"debian:11"', "the workflow does not run debian:13"),
     ("      - run: ./check\n", "", "the workflow does not run the tests on macOS"),
     ("          ./check\n      - uses: actions/upload-artifact@v4\n", "          ./check\n",
      "the workflow keeps nothing of Linux"),
