@@ -32,6 +32,7 @@ class GettextStrings final : public LocalizedStrings {
   }
 
   Text localizedString(std::string_view key) noexcept override {
+    if (key.empty()) return Text::fromUtf8({});  // gettext would answer with the header of the catalogue
     const std::string name{key};
     const char* text = dgettext(kDomain, name.c_str());
     // The C locale has no catalogue, and some locales lack a translation: both read English.
