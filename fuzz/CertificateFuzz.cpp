@@ -2,6 +2,7 @@
 // outer layers, also put into a good certificate in place of one of its parts. Every certificate that
 // comes out must keep the promises of platform/Certificate.h.
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -24,19 +25,13 @@ using ByteSpan = std::span<const std::uint8_t>;
 constexpr std::size_t kLargestInput = 0x8000;  // keeps all lengths below 65536
 
 ByteVector encoded(std::uint8_t tag, ByteSpan content) {
-  constexpr std::size_t kLongestHeader = 4;
   const auto low = static_cast<std::uint8_t>(content.size());
-  ByteVector der;
-  der.reserve(kLongestHeader + content.size());
-  der.push_back(tag);
-  if (content.size() >= 0x100) {
-    der.push_back(0x82);
-    der.push_back(static_cast<std::uint8_t>(content.size() >> 8U));
-  } else if (content.size() >= 0x80) {
-    der.push_back(0x81);
-  }
-  der.push_back(low);
-  der.insert(der.end(), content.begin(), content.end());
+  const auto high = static_cast<std::uint8_t>(content.size() >> 8U);
+  ByteVector der = content.size() >= 0x100  ? ByteVector{tag, 0x82, high, low}
+                   : content.size() >= 0x80 ? ByteVector{tag, 0x81, low}
+                                            : ByteVector{tag, low};
+  der.resize(der.size() + content.size());
+  std::copy(content.begin(), content.end(), der.end() - static_cast<std::ptrdiff_t>(content.size()));
   return der;
 }
 

@@ -23,7 +23,7 @@ enum class Output {
 
 struct Invocation {
   std::filesystem::path program;
-  std::vector<std::string> arguments;
+  std::vector<std::string> arguments{};
   std::map<std::string, std::string> environment{};  ///< all of it; nothing is inherited
   std::string input{};
   bool inputIsClosed = false;  ///< the child is started without a standard input

@@ -187,7 +187,10 @@ TEST_F(KeyFiles, KeepTheirContentWhenTheCommandFails) {
       runWithPin({"sign", "--key", "01", "--algorithm", "RSASignatureMessagePKCS1v15SHA256", "--out", file},
                  kMessage),
       11, {});
-  expectFailure(runWithPin({"decrypt", "--key", "02", "--out", file}, std::string(256, '\0')), 13, {});
+  Invocation decrypting =
+      staged({"decrypt", "--key", "02", "--out", file, "--pin-file", write("pin", kPin)}, "C_Decrypt=40");
+  decrypting.input = std::string(256, '\0');
+  expectFailure(run(decrypting), 13, {});
   EXPECT_EQ(read("out/file"), "older");
   EXPECT_THAT(filesIn("out"), ElementsAre("file"));
 }

@@ -5,6 +5,7 @@
 
 #include "KeyTest.h"
 #include "ReferenceCryptography.h"
+#include "support/TestLocale.h"
 
 namespace mirel::test {
 namespace {
@@ -204,23 +205,24 @@ TEST_F(Login, TellsOfALastTryThatIsLeft) {
 
 TEST_F(Login, SpeaksTheLanguageOfTheUser) {
   struct Row {
-    const char* locale;
+    const char* locale;  ///< null: one without a language of its own
     const char* language;
     const char* text;
   };
   const std::array rows{
-      Row{"C.UTF-8", "de", "mireltoken: Die Karte hat die PIN nicht akzeptiert (verbleibende Versuche: 0): "},
-      Row{"C.UTF-8", "xx", "mireltoken: The card did not accept the PIN (tries left: 0): "},
-      Row{"C.UTF-8", "xx:de",
+      Row{nullptr, "de", "mireltoken: Die Karte hat die PIN nicht akzeptiert (verbleibende Versuche: 0): "},
+      Row{nullptr, "xx", "mireltoken: The card did not accept the PIN (tries left: 0): "},
+      Row{nullptr, "xx:de",
           "mireltoken: Die Karte hat die PIN nicht akzeptiert (verbleibende Versuche: 0): "},
-      Row{"C.UTF-8", "", "mireltoken: The card did not accept the PIN (tries left: 0): "},
+      Row{nullptr, "", "mireltoken: The card did not accept the PIN (tries left: 0): "},
       Row{"C", "de", "mireltoken: The card did not accept the PIN (tries left: 0): "},
       Row{"xx_XX.UTF-8", "de", "mireltoken: The card did not accept the PIN (tries left: 0): "},
   };
   for (const Row& row : rows) {
-    SCOPED_TRACE(std::string{row.locale} + " " + row.language);
+    SCOPED_TRACE(std::string{row.locale ? row.locale : "a locale"} + " " + row.language);
     Invocation call = onSoftHsm({"login", "--pin-file", write("pin", kWrongPin)});
-    call.environment["LC_ALL"] = row.locale;
+    for (const auto& [name, value] : testLocale(folder())) call.environment[name] = value;
+    if (row.locale) call.environment["LC_ALL"] = row.locale;
     call.environment["LANGUAGE"] = row.language;
     const Result result = run(call);
     EXPECT_EQ(result.exitCode, 7);
@@ -294,7 +296,10 @@ TEST_F(KeyJson, IsNotWrittenWhenTheCommandFails) {
       runWithPin({"sign", "--key", "01", "--json", "--algorithm", "RSASignatureMessagePKCS1v15SHA256"},
                  kMessage),
       11, {"does not pad"});
-  expectFailure(runWithPin({"decrypt", "--key", "02", "--json"}, std::string(256, '\0')), 13, {});
+  Invocation decrypting =
+      staged({"decrypt", "--key", "02", "--json", "--pin-file", write("pin", kPin)}, "C_Decrypt=40");
+  decrypting.input = std::string(256, '\0');
+  expectFailure(run(decrypting), 13, {});
   expectFailure(runWithPin({"exchange", "--key", "03", "--json"}, newPoint("p256")), 10, {});
 }
 

@@ -65,7 +65,9 @@ class RecordedNotifications {
     class_getInstanceMethod([NSDistributedNotificationCenter class],
                             @selector(postNotificationName:object:userInfo:deliverImmediately:))
   }
-  , before_{method_setImplementation(method_, (IMP)record)} { posted().clear(); }
+  , before_{method_setImplementation(method_, reinterpret_cast<IMP>(reinterpret_cast<void (*)()>(&record)))} {
+    posted().clear();
+  }
   RecordedNotifications(const RecordedNotifications&) = delete;
   RecordedNotifications& operator=(const RecordedNotifications&) = delete;
   ~RecordedNotifications() { (void)method_setImplementation(method_, before_); }

@@ -9,6 +9,7 @@
 #include "cli/ChildProcess.h"
 #include "packaging/StringsFile.h"
 #include "support/TemporaryFolder.h"
+#include "support/TestLocale.h"
 
 namespace mirel {
 namespace {
@@ -23,10 +24,6 @@ std::string textIn(const std::string& language, const char* key) {
   return test::textOf(test::readStringsFile(test::stringsFileOf(MIREL_RESOURCES, language)), key);
 }
 
-Environment inLanguage(const std::string& language) {
-  return {{"LC_ALL", "C.UTF-8"}, {"LANGUAGE", language}};
-}
-
 /// A program in a folder of its own, with the catalogues that the build has made where a test puts them.
 class LocalizedStringsOfAProgram : public ::testing::Test {
  protected:
@@ -39,6 +36,12 @@ class LocalizedStringsOfAProgram : public ::testing::Test {
     const auto locale = folder_.path() / localeFolder;
     std::filesystem::create_directories(locale.parent_path());
     std::filesystem::create_directory_symlink(MIREL_LOCALE_FOLDER, locale);
+  }
+
+  [[nodiscard]] Environment inLanguage(const std::string& language) const {
+    Environment environment = test::testLocale(folder_.path());
+    environment["LANGUAGE"] = language;
+    return environment;
   }
 
   [[nodiscard]] std::string printed(const std::string& key, const Environment& environment) const {
