@@ -2,6 +2,7 @@
 
 #include <cstddef>
 
+#include "bridge/ModuleLock.h"
 #include "bridge/P11Bridge.h"
 #include "platform/CryptokiObserver.h"
 
@@ -10,19 +11,20 @@ namespace mirel {
 /// The standard's name of the function-list entry that lies `offset` bytes into the list.
 [[nodiscard]] const char* cryptokiFunctionName(std::size_t offset) noexcept;
 
-/// Every Cryptoki call of the bridge goes through here: one place for entries that a list lacks and
-/// for the observer. The caller has checked that there is a list.
+/// Every Cryptoki call of the bridge goes through here: one place for entries that a list lacks, for the lock
+/// around each call and for the observer, who is told without it. The caller has checked that there is a
+/// list.
 template <auto Entry, typename... Args>
 CK_RV P11Bridge::call(Args... args) const noexcept {
   const CK_FUNCTION_LIST& list = *ckFunc();
   CryptokiObserver* observer = services_.observer.get();
-  if (!observer) return list.*Entry ? (list.*Entry)(args...) : CKR_FUNCTION_NOT_SUPPORTED;
+  if (!observer) return callAlone(list.*Entry, args...);
 
   const auto* listStart = reinterpret_cast<const std::byte*>(&list);
   const auto* entryStart = reinterpret_cast<const std::byte*>(&(list.*Entry));
   const char* name = cryptokiFunctionName(static_cast<std::size_t>(entryStart - listStart));
   observer->callStarts(name);
-  const CK_RV rv = list.*Entry ? (list.*Entry)(args...) : CKR_FUNCTION_NOT_SUPPORTED;
+  const CK_RV rv = callAlone(list.*Entry, args...);
   observer->callReturned(name, rv);
   return rv;
 }

@@ -59,7 +59,7 @@ bool P11Bridge::pkcs11_Load(const Text&) noexcept {
 
   CK_FUNCTION_LIST* list = nullptr;
   if (services_.observer) services_.observer->callStarts(kEntryPoint);
-  const CK_RV rv = phFunctionList()(&list);
+  const CK_RV rv = callAlone(phFunctionList(), &list);
   if (services_.observer) services_.observer->callReturned(kEntryPoint, rv);
   if (rv != CKR_OK) return false;
   setCkFunc(list);

@@ -27,6 +27,7 @@ Script::Script(const CK_FUNCTION_LIST& complete, CK_FUNCTION_LIST& live) : compl
 
 void Script::reset() {
   live_ = complete_;
+  overlapped_ = false;
   initialised_ = false;
   slots_.clear();
   sessions_.clear();

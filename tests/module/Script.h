@@ -22,9 +22,11 @@
 /// (`Deviations::silent`), do whatever a test says (`hook`), deviate in a named way (`deviations`).
 /// However hostile it plays, it never writes outside the room that its caller really gave.
 ///
-/// To be used from one thread at a time.
+/// To be used from one thread at a time. That is what the module wants of its callers as well: a call that
+/// comes while another is under way is refused with CKR_CANT_LOCK, and `callsOverlapped` tells of it.
 
 #include <array>
+#include <atomic>
 #include <cstddef>
 #include <functional>
 #include <map>
@@ -190,6 +192,9 @@ class Script {
   [[nodiscard]] std::vector<std::string> callTexts(std::string_view function = {}) const;
   [[nodiscard]] std::size_t countOf(std::string_view function) const;
 
+  /// Whether any call came while another was under way. Such calls are not among `calls`.
+  [[nodiscard]] bool callsOverlapped() const { return overlapped_; }
+
   // ---- Failing calls ----
 
   /// The n-th call from here on (the next one is 0) answers `code` and does nothing else, except that a
@@ -226,6 +231,14 @@ class Script {
 
   // ---- For the module itself ----
 
+  /// Whether a call may begin; it then ends with `endCall`. The only two that several threads may use.
+  [[nodiscard]] bool beginCall() {
+    const bool alone = !calling_.exchange(true);
+    if (!alone) overlapped_ = true;
+    return alone;
+  }
+  void endCall() { calling_ = false; }
+
   void setInitialised(bool initialised) { initialised_ = initialised; }
   [[nodiscard]] CK_SESSION_HANDLE openSession(CK_SLOT_ID slot, CK_FLAGS flags);
   void closeSession(CK_SESSION_HANDLE handle);
@@ -256,6 +269,8 @@ class Script {
 
   const CK_FUNCTION_LIST& complete_;
   CK_FUNCTION_LIST& live_;
+  std::atomic<bool> calling_{false};
+  std::atomic<bool> overlapped_{false};
   bool initialised_ = false;
   std::map<CK_SLOT_ID, Slot> slots_;
   std::map<CK_SESSION_HANDLE, Session> sessions_;

@@ -16,10 +16,12 @@ template <auto Function, typename... Args>
 struct Entry<Function, CK_RV (*)(Args...)> {
   static CK_RV call(Args... args) {
     Script& script = theScript();
+    if (!script.beginCall()) return CKR_CANT_LOCK;
     const std::size_t place =
         script.record(functionName<Function>(), Behaviour<Function>::arguments(args...));
     const CK_RV result = answer(script, args...);
     script.setResult(place, result);
+    script.endCall();
     return result;
   }
 

@@ -1,6 +1,8 @@
 #include "support/ModuleTest.h"
 
 #include "platform/Certificate.h"
+#include "platform/Memory.h"
+#include "support/QuietLog.h"
 
 namespace mirel::test {
 namespace {
@@ -50,6 +52,18 @@ PlatformServices ModuleTest::services() const {
   services.memory = memory;
   services.strings = strings;
   services.observer = observer;
+  return services;
+}
+
+PlatformServices ModuleTest::servicesForAThread() const {
+  PlatformServices services;
+  services.loader = systemDynamicLoader();
+  services.user = std::make_shared<FakeUserDirectory>("alice", home.home());
+  services.log = std::make_shared<QuietLog>();
+  services.notifications = std::make_shared<RecordingNotificationCenter>();
+  services.certificates = systemCertificateParser();
+  services.memory = systemMemory();
+  services.strings = std::make_shared<FakeLocalizedStrings>();
   return services;
 }
 

@@ -37,6 +37,10 @@ class ModuleTest : public ::testing::Test {
   /// The services as the layers get them. The certificate parser is the system's; there is no token kit.
   [[nodiscard]] PlatformServices services() const;
 
+  /// The same for a thread of its own: nothing in them is shared with other threads or records anything. The
+  /// memory is the system's, and there is no observer.
+  [[nodiscard]] PlatformServices servicesForAThread() const;
+
   /// The sessions that may, and must, be open when the test ends.
   void leavesOpen(std::vector<CK_SESSION_HANDLE> sessions) { leftOpen_ = std::move(sessions); }
 

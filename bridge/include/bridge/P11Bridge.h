@@ -49,7 +49,8 @@ inline constexpr CK_ULONG kMaxResultRoom = 65536;
 ///   is null, or a handle that an operation checks is 0 or all-ones.
 /// - Lengths are bytes. Nothing the module reports is used before it has been checked, and no length
 ///   is looked at after a failing call.
-/// - Nothing throws. Not thread-safe beyond the atomic accessors: one thread at a time.
+/// - Nothing throws. Not thread-safe beyond the atomic accessors: one thread at a time. Different bridges may
+///   be used at the same time: their Cryptoki calls wait for one another (see ModuleLock.h).
 /// - After `pkcs11_UnLoad` the function list is stale by design: call nothing but `pkcs11_Load` then.
 class P11Bridge final {
  public:

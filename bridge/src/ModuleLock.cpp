@@ -1,0 +1,10 @@
+#include "bridge/ModuleLock.h"
+
+namespace mirel {
+
+std::mutex& moduleLock() noexcept {
+  static constinit std::mutex lock;
+  return lock;
+}
+
+}  // namespace mirel
