@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -39,8 +40,8 @@ class FakeSmartCard final : public TKSmartCard {
   };
 
   std::shared_ptr<TKSmartCardSlot> slot_;
-  bool sensitive_ = false;
-  std::optional<bool> context_;
+  std::atomic<bool> sensitive_{false};
+  std::atomic<std::optional<bool>> context_;
 };
 
 }  // namespace mirel::test

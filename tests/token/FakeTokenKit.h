@@ -34,7 +34,9 @@ struct TokenKitScript {
   bool withoutContents = false;
   /// Called when the base initialiser of a token runs.
   std::function<void()> whenTokenIsInitialised = [] {};
-  /// The same for PIN operations.
+  /// Called when the contents of a token are filled.
+  std::function<void()> whenContentsAreFilled = [] {};
+  /// The same as whenTokenIsInitialised for PIN operations.
   std::function<void()> whenPinOperationIsInitialised = [] {};
 
   /// The reader that new sessions are connected to.
@@ -43,7 +45,10 @@ struct TokenKitScript {
 
 class FakeKeychainContents final : public TKTokenKeychainContents {
  public:
+  explicit FakeKeychainContents(std::shared_ptr<const TokenKitScript> script) : script_{std::move(script)} {}
+
   void fillWithItems(const std::vector<std::shared_ptr<TKTokenKeychainItem>>& items) noexcept override {
+    script_->whenContentsAreFilled();
     fills.push_back(items);
   }
   [[nodiscard]] std::vector<std::shared_ptr<TKTokenKeychainItem>> items() const noexcept override {
@@ -54,6 +59,9 @@ class FakeKeychainContents final : public TKTokenKeychainContents {
 
   /// The items of every time it was filled.
   std::vector<std::vector<std::shared_ptr<TKTokenKeychainItem>>> fills;
+
+ private:
+  std::shared_ptr<const TokenKitScript> script_;
 };
 
 class FakeSmartCardToken final : public TKSmartCardToken {
@@ -66,7 +74,8 @@ class FakeSmartCardToken final : public TKSmartCardToken {
     std::shared_ptr<TKSmartCardTokenDriver> driver;
   };
 
-  explicit FakeSmartCardToken(std::shared_ptr<const TokenKitScript> script) : script_{std::move(script)} {}
+  explicit FakeSmartCardToken(const std::shared_ptr<const TokenKitScript>& script)
+      : contents{std::make_shared<FakeKeychainContents>(script)}, script_{script} {}
 
   [[nodiscard]] bool initWithSmartCard(
       const std::shared_ptr<TKSmartCard>& smartCard, const Bytes& AID, const Text& instanceID,
@@ -75,7 +84,7 @@ class FakeSmartCardToken final : public TKSmartCardToken {
 
   /// Each run of the base initialiser.
   std::vector<Initialisation> initialisations;
-  const std::shared_ptr<FakeKeychainContents> contents = std::make_shared<FakeKeychainContents>();
+  const std::shared_ptr<FakeKeychainContents> contents;
 
  private:
   std::shared_ptr<const TokenKitScript> script_;

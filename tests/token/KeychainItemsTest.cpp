@@ -26,7 +26,7 @@ class KeychainItems : public TokenTest {
   }
 
   void append(const std::shared_ptr<PKCS11_CERTIFICATEOBJ_INFO>& record) {
-    appendKeychainItems(services(), *provider, record, items);
+    appendKeychainItems(services(), lookUp(*provider, record), items);
   }
 
   std::shared_ptr<CryptTKitSProvider> provider;

@@ -49,34 +49,44 @@ TKTokenConstraints applyKeyUsage(const SecCertificate& certificate, TKTokenKeych
 
 }  // namespace
 
-void appendKeychainItems(const PlatformServices& services, CryptTKitSProvider& provider,
-                         const std::shared_ptr<PKCS11_CERTIFICATEOBJ_INFO>& record, KeychainItems& items) {
-  if (!record) {
+std::optional<ListedCertificate> lookUp(CryptTKitSProvider& provider,
+                                        const std::shared_ptr<PKCS11_CERTIFICATEOBJ_INFO>& record) {
+  if (!record) return std::nullopt;
+  ListedCertificate listed;
+  listed.data = provider.getCertData(record);
+  if (listed.data.isNull()) return listed;
+  listed.objectID = provider.getCertName(record);
+  listed.certificateID = provider.getCertID(record);
+  listed.hasKey = provider.getKeyFromCertID(listed.certificateID) != nullptr;
+  return listed;
+}
+
+void appendKeychainItems(const PlatformServices& services, const std::optional<ListedCertificate>& listed,
+                         KeychainItems& items) {
+  if (!listed) {
     services.log->systemError(logLine("[%s-%d] certificate == nil", kUnit, kNoCertificateLine));
     return;
   }
-  const auto certificate = services.certificates->createWithData(provider.getCertData(record));
+  const auto certificate = services.certificates->createWithData(listed->data);
   if (!certificate) {
     // Oddity: the text is that of another trouble, and is kept.
     services.log->systemError(
         logLine("[%s-%d] public key without mapping cert ID", kUnit, kUnreadableCertificateLine));
     return;
   }
-  const Text certificateObjectID = provider.getCertName(record);
-  const Text certificateID = provider.getCertID(record);
-  if (!provider.getKeyFromCertID(certificateID)) return;
+  if (!listed->hasKey) return;
 
   const auto certificateItem = services.tokenKit->allocKeychainCertificate();
-  if (certificateItem->initWithCertificate(certificate, certificateObjectID)) {
-    certificateItem->setLabel(certificateID);
+  if (certificateItem->initWithCertificate(certificate, listed->objectID)) {
+    certificateItem->setLabel(listed->certificateID);
     items.push_back(certificateItem);
   }
 
   const auto key =
-      services.tokenKit->newKeychainKey(services, certificate, certificateID, certificateObjectID, true);
+      services.tokenKit->newKeychainKey(services, certificate, listed->certificateID, listed->objectID, true);
   if (!key) return;
   const TKTokenConstraints constraints = applyKeyUsage(*certificate, *key);
-  key->setLabel(certificateID);
+  key->setLabel(listed->certificateID);
   key->setConstraints(constraints);
   items.push_back(key);
 }

@@ -1,9 +1,11 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "platform/PlatformServices.h"
+#include "platform/Text.h"
 #include "platform/TokenKit.h"
 
 namespace mirel {
@@ -13,10 +15,23 @@ class PKCS11_CERTIFICATEOBJ_INFO;
 
 using KeychainItems = std::vector<std::shared_ptr<TKTokenKeychainItem>>;
 
-/// Appends the certificate item and the key item of one certificate of the provider's current list.
-/// Nothing is appended for a null record, for data that is no certificate (both are logged) and for a
-/// certificate without a key on the card. The key item alone is missing when the platform refuses it.
-void appendKeychainItems(const PlatformServices& services, CryptTKitSProvider& provider,
-                         const std::shared_ptr<PKCS11_CERTIFICATEOBJ_INFO>& record, KeychainItems& items);
+/// What the provider tells of one certificate.
+struct ListedCertificate {
+  Bytes data;  ///< null when the provider does not know the certificate; the rest is empty then
+  Text objectID;
+  Text certificateID;
+  bool hasKey = false;
+};
+
+/// Looks a record up in the provider's current list; nothing for a null record. The provider's gate is to be
+/// held since that list was read.
+[[nodiscard]] std::optional<ListedCertificate> lookUp(
+    CryptTKitSProvider& provider, const std::shared_ptr<PKCS11_CERTIFICATEOBJ_INFO>& record);
+
+/// Appends the certificate item and the key item of one certificate. Nothing is appended where there is none,
+/// for data that is no certificate (both are logged) and for a certificate without a key on the card. The key
+/// item alone is missing when the platform refuses it. Calls the platform: not with a gate held.
+void appendKeychainItems(const PlatformServices& services, const std::optional<ListedCertificate>& listed,
+                         KeychainItems& items);
 
 }  // namespace mirel

@@ -1,5 +1,9 @@
 #include "token/MirelSCToken.h"
 
+#include <mutex>
+#include <optional>
+#include <vector>
+
 #include "Description.h"
 #include "KeychainItems.h"
 #include "ReaderName.h"
@@ -26,6 +30,26 @@ constexpr int kSessionNoErrorLine = 150;
 constexpr int kSessionErrorLine = 152;
 constexpr int kSessionLine = 155;
 
+Text describeToken(CryptTKitSProvider& provider, const Text& readerName) noexcept {
+  const std::lock_guard alone{provider.gate()};
+  return provider.getSupportedTokenDescription(readerName);
+}
+
+/// Opens the card session and reads the certificates; nothing when they cannot be listed. All in one: a
+/// session of the token that has just been registered may use the provider already, and would replace what
+/// is looked up here.
+std::optional<std::vector<std::optional<ListedCertificate>>> readCertificates(
+    CryptTKitSProvider& provider, const Text& readerName) noexcept {
+  const std::lock_guard alone{provider.gate()};
+  provider.openTKSmartCardTokenSession(readerName);
+  CryptTKitSProvider::CertificateList records;
+  if (!provider.getTokenCerts(readerName, &records)) return std::nullopt;
+  std::vector<std::optional<ListedCertificate>> certificates;
+  certificates.reserve(records.size());
+  for (const auto& record : records) certificates.push_back(lookUp(provider, record));
+  return certificates;
+}
+
 }  // namespace
 
 MirelSCToken::MirelSCToken(PlatformServices services, std::shared_ptr<TKSmartCardToken> base) noexcept
@@ -40,7 +64,10 @@ std::shared_ptr<MirelSCToken> MirelSCToken::initWithSmartCard(
   log.systemDefault(logLine("CTK [%s-%d] +++Start+++", kUnit, kStartLine));
   if (const auto old = sp()) {
     log.systemDefault(logLine("CTK [%s-%d] nil != sp", kUnit, kOldProviderLine));
-    old->releaseWithMirelCTKFramework();
+    {
+      const std::lock_guard alone{old->gate()};  // sessions may still use it
+      old->releaseWithMirelCTKFramework();
+    }
     log.systemDefault(
         logLine("CTK [%s-%d] After releaseWithMirelCTKFramework", kUnit, kOldProviderReleasedLine));
   }
@@ -53,7 +80,7 @@ std::shared_ptr<MirelSCToken> MirelSCToken::initWithSmartCard(
   }
 
   const Text readerName = readerNameOf(smartCard);
-  const Text instanceID = provider->getSupportedTokenDescription(readerName);
+  const Text instanceID = describeToken(*provider, readerName);
   if (instanceID.isEmpty()) {
     // Oddity: without an error pointer there is no log line either.
     if (outError) {
@@ -67,7 +94,6 @@ std::shared_ptr<MirelSCToken> MirelSCToken::initWithSmartCard(
 
   const bool registered = initWithSmartCard(smartCard, AID, instanceID, driver);
   if (registered) {
-    provider->openTKSmartCardTokenSession(readerName);
     fillKeychainContents(*provider, readerName);
   } else {
     setSp(nullptr);  // the platform may keep what it has refused
@@ -78,15 +104,15 @@ std::shared_ptr<MirelSCToken> MirelSCToken::initWithSmartCard(
 
 void MirelSCToken::fillKeychainContents(CryptTKitSProvider& provider, const Text& readerName) noexcept {
   Log& log = *services_.log;
-  KeychainItems items;
-  CryptTKitSProvider::CertificateList certificates;
-  if (!provider.getTokenCerts(readerName, &certificates)) {
+  const auto certificates = readCertificates(provider, readerName);
+  if (!certificates) {
     log.systemError(logLine("[%s-%d] CryptTKitSProvider getTokenCerts fail", kUnit, kCertificatesFailedLine));
     return;
   }
   log.systemDefault(
-      logLine("CTK [%s-%d] certs count = %lu", kUnit, kCertificateCountLine, certificates.size()));
-  for (const auto& certificate : certificates) appendKeychainItems(services_, provider, certificate, items);
+      logLine("CTK [%s-%d] certs count = %lu", kUnit, kCertificateCountLine, certificates->size()));
+  KeychainItems items;
+  for (const auto& certificate : *certificates) appendKeychainItems(services_, certificate, items);
   if (const auto contents = keychainContents()) contents->fillWithItems(items);
 }
 

@@ -1,5 +1,6 @@
 #include "token/MirelSCTokenAuth.h"
 
+#include <mutex>
 #include <optional>
 #include <vector>
 
@@ -58,8 +59,12 @@ bool MirelSCTokenAuth::finishWithError(TKErrorPointer outError) noexcept {
 
   const auto provider = session_ ? session_->sp() : nullptr;
   if (!provider) services_.log->systemError("sp is nil");
-  const bool loggedIn =
-      provider && provider->userLogin(readerNameOf(smartCard()), pin, pin.length(), &triesLeft);
+  bool loggedIn = false;
+  if (provider) {
+    const Text reader = readerNameOf(smartCard());  // the platform is asked before the gate is taken
+    const std::lock_guard alone{provider->gate()};
+    loggedIn = provider->userLogin(reader, pin, pin.length(), &triesLeft);
+  }
   setPIN(nullptr);  // the platform's copy, as far as it can be reached
   if (loggedIn) {
     if (const auto card = session_->smartCard()) {

@@ -1,3 +1,5 @@
+#include <mutex>
+
 #include "Algorithms.h"
 #include "Description.h"
 #include "ReaderName.h"
@@ -134,10 +136,13 @@ Bytes MirelSCTokenSession::signData(const std::shared_ptr<TKTokenSession>&, cons
 
   Bytes signature = emptyBytes();
   std::uint64_t signatureLen = CryptTKitSProvider::kMaxSignatureLen;
-  const auto provider = sp();
-  const bool isSigned =
-      provider && provider->PerformSignHash(readerName(), keyObjectID, Text::fromUtf8(name), kNoFlag,
-                                            dataToSign, dataToSign.size(), &signature, &signatureLen);
+  bool isSigned = false;
+  if (const auto provider = sp()) {
+    const Text reader = readerName();  // the platform is asked before the gate is taken
+    const std::lock_guard alone{provider->gate()};
+    isSigned = provider->PerformSignHash(reader, keyObjectID, Text::fromUtf8(name), kNoFlag, dataToSign,
+                                         dataToSign.size(), &signature, &signatureLen);
+  }
   log.process(logLine("isSigned = %hhd dataToSign = %@, signature = %@", isSigned ? 1 : 0,
                       dataDescription(dataToSign), dataDescription(signature)));
   // Oddity: the signature is handed out whatever the provider answered, and never with an error.
@@ -170,8 +175,10 @@ Bytes MirelSCTokenSession::decryptData(const std::shared_ptr<TKTokenSession>&, c
   Bytes plain = emptyBytes();
   std::uint64_t plainLen = CryptTKitSProvider::kMaxPlainLen;
   if (const auto provider = sp()) {
+    const Text reader = readerName();  // the platform is asked before the gate is taken
+    const std::lock_guard alone{provider->gate()};
     // Oddity: what the provider answers is not looked at; the plain text tells.
-    (void)provider->PerformDecryption(readerName(), keyObjectID, Text::fromUtf8(name), kPadPKCS1,
+    (void)provider->PerformDecryption(reader, keyObjectID, Text::fromUtf8(name), kPadPKCS1,
                                       ciphertext.view().data(), ciphertext.size(), &plain, &plainLen);
   }
   return plain;

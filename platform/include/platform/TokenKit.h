@@ -89,6 +89,8 @@ class TKSmartCard : public TKTokenObject {
   /// The class byte of commands to the card (ISO 7816-4, section 5.4.1).
   [[nodiscard]] virtual std::uint8_t cla() const noexcept = 0;
 
+  // Several threads may read and set the two marks at once, as with the platform's own atomic properties.
+
   /// A sensitive card is reset before another application gets it.
   [[nodiscard]] virtual bool sensitive() const noexcept = 0;
   virtual void setSensitive(bool value) noexcept = 0;

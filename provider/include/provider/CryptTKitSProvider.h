@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <vector>
 
@@ -27,7 +28,8 @@ class PKCS11_CERTIFICATEOBJ_INFO;
 ///   `getTokenCerts` and the three operations on secrets ask the card; all others look into what those
 ///   have read.
 /// - Without a framework every query finds nothing.
-/// - Nothing throws. No locks: one thread at a time, except for the accessors of `pCTKFramework`.
+/// - Nothing throws. The provider takes no lock of its own: one thread at a time, except for the accessors of
+///   `pCTKFramework`. Threads that share a provider use its gate.
 class CryptTKitSProvider final : public std::enable_shared_from_this<CryptTKitSProvider> {
  public:
   using KeyList = std::vector<std::shared_ptr<PKCS11_ASYMKEY_INFO>>;
@@ -45,6 +47,16 @@ class CryptTKitSProvider final : public std::enable_shared_from_this<CryptTKitSP
   void setPCTKFramework(std::shared_ptr<MirelCTKFramework> framework) noexcept {
     pCTKFramework_.set(std::move(framework));
   }
+
+  /// The gate of this provider. Those who share the provider hold it around each operation, and around
+  /// several where a later one works with what an earlier one has read: every operation replaces the lists
+  /// and the session of the one before. Each provider has its own, so different cards do not wait for one
+  /// another here.
+  ///
+  /// Never call the platform's token framework while holding it: the platform may wait for an operation of
+  /// another session, which waits for the gate. Never take it twice in one thread, nor two gates at once.
+  /// Below it lies only the lock around each Cryptoki call (see bridge/ModuleLock.h).
+  [[nodiscard]] std::mutex& gate() noexcept { return gate_; }
 
   /// Makes the framework and opens its service. Returns this provider, or null when that fails (drop
   /// the provider then). Call it on a shared provider.
@@ -124,6 +136,7 @@ class CryptTKitSProvider final : public std::enable_shared_from_this<CryptTKitSP
                                        std::uint64_t* ioPlainLen) noexcept;
 
  private:
+  std::mutex gate_;
   PlatformServices services_;
   AtomicProperty<std::shared_ptr<MirelCTKFramework>> pCTKFramework_;
 };

@@ -1,0 +1,281 @@
+/// What happens when several threads use one provider, or one session. Under ThreadSanitizer too.
+
+#include <atomic>
+#include <chrono>
+#include <future>
+#include <thread>
+
+#include "platform/Certificate.h"
+#include "provider/CryptTKitSProvider.h"
+#include "support/QuietLog.h"
+#include "support/Threads.h"
+#include "token/FakeKeyAlgorithm.h"
+#include "token/MirelSCTokenAuth.h"
+#include "token/MirelSCTokenSession.h"
+#include "token/TokenTest.h"
+
+namespace mirel::test {
+namespace {
+
+using namespace std::chrono_literals;
+using ::testing::Each;
+using ::testing::SizeIs;
+
+using Session = std::shared_ptr<MirelSCTokenSession>;
+
+const Text kKey{u"01"};
+constexpr int kSignaturesPerThread = 200;
+
+/// A wait that nothing but a deadlock outlasts.
+constexpr auto kTooLong = 30s;
+
+/// Whether another thread could take the provider's gate at this moment.
+bool isFree(CryptTKitSProvider& provider) {
+  bool taken = false;
+  std::thread{[&] {
+    taken = provider.gate().try_lock();
+    if (taken) provider.gate().unlock();
+  }}.join();
+  return taken;
+}
+
+/// A token whose key signs, and two sessions of clients on it.
+class SharedProvider : public TokenTest {
+ protected:
+  SharedProvider() { setUpReader(); }
+
+  void TearDown() override {
+    leavesOpen(script.openSessions());  // one more for each login
+    EXPECT_FALSE(script.callsOverlapped());
+    TokenTest::TearDown();
+  }
+
+  [[nodiscard]] PlatformServices threadServices() const {
+    PlatformServices services = servicesForAThread();
+    services.tokenKit = kit;
+    return services;
+  }
+
+  [[nodiscard]] std::shared_ptr<MirelSCToken> insertCard(const Text& reader, const PlatformServices& with) {
+    const auto inserted =
+        std::make_shared<MirelSCToken>(with, std::make_shared<FakeSmartCardToken>(kit->script));
+    return init(inserted, nullptr, reader);
+  }
+
+  [[nodiscard]] Session openSession(const std::shared_ptr<MirelSCToken>& of,
+                                    const PlatformServices& with) const {
+    auto session =
+        std::make_shared<MirelSCTokenSession>(with, std::make_shared<FakeTokenSession>(kit->script));
+    EXPECT_TRUE(session->initWithToken(of));
+    return session;
+  }
+
+  /// A PIN operation of its own, with no use of the kit that threads share.
+  [[nodiscard]] bool logIn(const Session& session) const {
+    MirelSCTokenAuth operation{threadServices(), std::make_shared<FakePinOperation>(kit->script)};
+    if (!operation.initWithSession(session)) return false;
+    operation.setPIN(std::make_shared<const SecretText>(std::u16string_view{u"123456"}));
+    return operation.finishWithError(nullptr);
+  }
+
+  /// Signs that many different blocks; how many of the signatures are right.
+  static int numRight(const Session& session, int numSignatures, CK_BYTE seed) {
+    const FakeKeyAlgorithm algorithm{SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureRaw};
+    int right = 0;
+    for (int i = 0; i < numSignatures; ++i) {
+      Value data = patternValue(40, seed);
+      data[0] = static_cast<CK_BYTE>(i);
+      data[1] = static_cast<CK_BYTE>(i / 256);
+      const Bytes signature = session->signData(session, Bytes{data}, kKey, algorithm, nullptr);
+      if (signature == Bytes{resultOf(CKM_RSA_X_509, data, 256)}) ++right;
+    }
+    return right;
+  }
+
+  void setUpReader() {
+    script.setInitialised(false);
+    token = insertCard(Text{kReader}, threadServices());
+    ASSERT_TRUE(token);
+    first = openSession(token, threadServices());
+    second = openSession(token, threadServices());
+    ASSERT_TRUE(logIn(first));
+    ASSERT_TRUE(logIn(second));
+  }
+
+  std::shared_ptr<MirelSCToken> token;
+  Session first;
+  Session second;
+};
+
+TEST_F(SharedProvider, SignsForTwoSessionsAtTheSameTime) {
+  std::atomic<int> right{0};
+  runAtOnce({[&] { right += numRight(first, kSignaturesPerThread, 1); },
+             [&] { right += numRight(second, kSignaturesPerThread, 2); }});
+  EXPECT_EQ(right, 2 * kSignaturesPerThread);
+}
+
+TEST_F(SharedProvider, SignsForOneSessionWhileAnotherLogsIn) {
+  std::atomic<int> right{0};
+  int loggedIn = 0;
+  runAtOnce({[&] { right += numRight(first, kSignaturesPerThread, 1); },
+             [&] {
+               for (int i = 0; i < kSignaturesPerThread; ++i) loggedIn += logIn(second) ? 1 : 0;
+             }});
+  EXPECT_EQ(right, kSignaturesPerThread);
+  EXPECT_EQ(loggedIn, kSignaturesPerThread);
+}
+
+TEST_F(SharedProvider, SignsAndLogsInForTwoThreadsInOneSession) {
+  std::atomic<int> right{0};
+  int loggedIn = 0;
+  runAtOnce({[&] { right += numRight(first, kSignaturesPerThread, 1); },
+             [&] {
+               for (int i = 0; i < kSignaturesPerThread; ++i) loggedIn += logIn(first) ? 1 : 0;
+             }});
+  EXPECT_EQ(right, kSignaturesPerThread);
+  EXPECT_EQ(loggedIn, kSignaturesPerThread);
+}
+
+TEST_F(SharedProvider, SignsForOneSessionWhileAnotherDecrypts) {
+  const Value plain = patternValue(32, 3);
+  const Bytes cipher{cipherOf(plain)};
+  const FakeKeyAlgorithm algorithm{SecKeyAlgorithm::kSecKeyAlgorithmRSAEncryptionPKCS1};
+  std::atomic<int> right{0};
+  int decrypted = 0;
+  runAtOnce({[&] { right += numRight(first, kSignaturesPerThread, 1); },
+             [&] {
+               for (int i = 0; i < kSignaturesPerThread; ++i) {
+                 if (second->decryptData(second, cipher, kKey, algorithm, nullptr) == Bytes{plain}) {
+                   ++decrypted;
+                 }
+               }
+             }});
+  EXPECT_EQ(right, kSignaturesPerThread);
+  EXPECT_EQ(decrypted, kSignaturesPerThread);
+}
+
+TEST_F(SharedProvider, AnswersTheSupportCheckWhileTheCardSigns) {
+  std::promise<void> signing;
+  std::promise<void> goOn;
+  script.hook<&CK_FUNCTION_LIST::C_Sign>(
+      [&](auto real, auto session, auto* data, auto dataLen, auto* signature, auto* signatureLen) {
+        signing.set_value();
+        goOn.get_future().wait_for(kTooLong);
+        return real(session, data, dataLen, signature, signatureLen);
+      });
+  auto signature = std::async(std::launch::async, [&] { return numRight(first, 1, 1); });
+  ASSERT_EQ(signing.get_future().wait_for(kTooLong), std::future_status::ready);
+  const FakeKeyAlgorithm algorithm{SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureRaw};
+  auto supported = std::async(std::launch::async, [&] {
+    return second->supportsOperation(second, TKTokenOperation::kSignData, kKey, algorithm);
+  });
+  EXPECT_EQ(supported.wait_for(kTooLong / 6), std::future_status::ready);
+  EXPECT_EQ(signature.wait_for(0s), std::future_status::timeout) << "the signature is still being made";
+  goOn.set_value();
+  EXPECT_TRUE(supported.get());
+  EXPECT_EQ(signature.get(), 1);
+}
+
+/// Stops the thread that writes its first line of the process log about a key, until it is let go. That line
+/// is written within an operation of the provider and outside any call of the module.
+class StoppingLog final : public Log {
+ public:
+  void systemDefault(std::string_view) noexcept override {}
+  void systemError(std::string_view) noexcept override {}
+  void process(std::string_view line) noexcept override {
+    if (line.find("] keyName = ") == std::string_view::npos) return;
+    stopped.set_value();
+    goOn.get_future().wait_for(kTooLong);
+  }
+
+  std::promise<void> stopped;
+  std::promise<void> goOn;
+};
+
+TEST_F(SharedProvider, DoesNotHoldUpAnotherTokens) {
+  const CK_SLOT_ID slot = script.addSlot("Reader B 01", script.card());
+  PlatformServices stoppedServices = threadServices();
+  const auto stopping = std::make_shared<StoppingLog>();
+  stoppedServices.log = stopping;
+  kit->script->readerName = Text{u"Reader B 01"};
+  const auto otherToken = insertCard(kit->script->readerName, stoppedServices);
+  ASSERT_TRUE(otherToken);
+  const Session other = openSession(otherToken, stoppedServices);
+  ASSERT_TRUE(logIn(other));
+  ASSERT_TRUE(script.card(slot).loggedIn);
+
+  auto otherSignature = std::async(std::launch::async, [&] { return numRight(other, 1, 1); });
+  ASSERT_EQ(stopping->stopped.get_future().wait_for(kTooLong), std::future_status::ready);
+  EXPECT_FALSE(isFree(*otherToken->sp()));
+  auto signature = std::async(std::launch::async, [&] { return numRight(first, 1, 2); });
+  EXPECT_EQ(signature.wait_for(kTooLong / 6), std::future_status::ready);
+  EXPECT_EQ(otherSignature.wait_for(0s), std::future_status::timeout) << "that thread is still stopped";
+  stopping->goOn.set_value();
+  EXPECT_EQ(signature.get(), 1);
+  EXPECT_EQ(otherSignature.get(), 1);
+}
+
+TEST_F(SharedProvider, PublishesAllItemsWhileSomebodyReadsTheCardAnew) {
+  constexpr int kRounds = 25;
+  for (int i = 0; i < kRounds; ++i) {
+    SCOPED_TRACE(i);
+    const auto inserted =
+        std::make_shared<MirelSCToken>(threadServices(), std::make_shared<FakeSmartCardToken>(kit->script));
+    std::atomic<bool> done{false};
+    std::thread reading;
+    // From here on the platform may have given the token to somebody else.
+    kit->script->whenTokenIsInitialised = [&] {
+      reading = std::thread{[&, provider = inserted->sp()] {
+        while (!done) {
+          const std::lock_guard alone{provider->gate()};
+          (void)provider->getTokenCerts(Text{kReader}, nullptr);
+        }
+      }};
+    };
+    EXPECT_TRUE(init(inserted));
+    done = true;
+    reading.join();
+    EXPECT_THAT(inserted->keychainContents()->items(), SizeIs(2));
+  }
+}
+
+/// Tells whether the gate is free whenever a certificate is parsed.
+class LookingParser final : public CertificateParser {
+ public:
+  explicit LookingParser(std::function<void()> look) : look_{std::move(look)} {}
+  [[nodiscard]] std::shared_ptr<SecCertificate> createWithData(const Bytes& der) noexcept override {
+    look_();
+    return real_->createWithData(der);
+  }
+
+ private:
+  std::function<void()> look_;
+  const std::shared_ptr<CertificateParser> real_ = systemCertificateParser();
+};
+
+TEST_F(SharedProvider, IsFreeWhenAnInsertionCallsThePlatform) {
+  std::vector<bool> wasFree;
+  std::shared_ptr<MirelSCToken> inserted;
+  const auto look = [&] { wasFree.push_back(isFree(*inserted->sp())); };
+  PlatformServices services = threadServices();
+  services.certificates = std::make_shared<LookingParser>(look);
+  kit->script->whenTokenIsInitialised = look;
+  kit->script->whenContentsAreFilled = look;
+  inserted = std::make_shared<MirelSCToken>(services, std::make_shared<FakeSmartCardToken>(kit->script));
+  EXPECT_TRUE(init(inserted));
+  EXPECT_THAT(wasFree, SizeIs(3));
+  EXPECT_THAT(wasFree, Each(true));
+}
+
+TEST_F(SharedProvider, IsFreeWhenALoginMarksTheCard) {
+  std::vector<bool> wasFree;
+  const auto card = std::dynamic_pointer_cast<FakeSmartCard>(first->smartCard());
+  ASSERT_TRUE(card);
+  card->whenContextIsSet = [&] { wasFree.push_back(isFree(*first->sp())); };
+  EXPECT_TRUE(logIn(first));
+  card->whenContextIsSet = [] {};
+  EXPECT_EQ(wasFree, std::vector<bool>{true});
+}
+
+}  // namespace
+}  // namespace mirel::test
