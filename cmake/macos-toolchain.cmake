@@ -2,8 +2,9 @@
 #   cmake -S . -B build/cross -G Ninja -DCMAKE_TOOLCHAIN_FILE=cmake/macos-toolchain.cmake
 #         -DMIREL_MACOS_SDK=/path/to/MacOSX.sdk
 # MIREL_MACOS_SDK         the SDK's folder; the environment variable of the same name will do
-# MIREL_LLVM_SUFFIX       which LLVM, "-14" for example, where several are installed
+# MIREL_LLVM_SUFFIX       which LLVM, "-14" for example; the newest with all that is needed unless given
 # CMAKE_OSX_ARCHITECTURES arm64 and x86_64 unless given
+# The oldest macOS to run on is the project's own choice.
 
 set(CMAKE_SYSTEM_NAME Darwin)
 # A project that only tries something out gets told the same.
@@ -31,54 +32,78 @@ set(BUILD_TESTING OFF CACHE BOOL "Build the tests, which could not run here")
 if(NOT CMAKE_OSX_ARCHITECTURES)
   set(CMAKE_OSX_ARCHITECTURES arm64 x86_64 CACHE STRING "Processors to build for")
 endif()
-if(NOT CMAKE_OSX_DEPLOYMENT_TARGET)
-  set(CMAKE_OSX_DEPLOYMENT_TARGET 12.0 CACHE STRING "Oldest macOS to run on")
-endif()
+# One LLVM for everything: the one that is given, else the newest that is complete.
+include("${CMAKE_CURRENT_LIST_DIR}/LlvmVersions.cmake")
+set(mirel_programs clang clang++ ld64.lld llvm-lipo llvm-libtool-darwin llvm-install-name-tool llvm-ar llvm-ranlib)
 
-# mirel_find_tool(<variable> <program> <Debian package>): the one with the suffix, else the plain one, else any.
-function(mirel_find_tool variable program package)
-  set(names "${program}${MIREL_LLVM_SUFFIX}")
-  if(NOT MIREL_LLVM_SUFFIX)
-    foreach(version RANGE 30 14 -1)
-      list(APPEND names "${program}-${version}")
-    endforeach()
-  endif()
-  find_program(${variable} NAMES ${names})
-  mark_as_advanced(${variable})
-  if(NOT ${variable})
-    message(FATAL_ERROR "${program} is missing. Install it with\n  apt-get install ${package}\n")
-  endif()
+# mirel_missing_program(<variable> <suffix>): the first that is missing of the LLVM with this suffix; empty when it is
+# complete.
+function(mirel_missing_program variable suffix)
+  set(missing "")
+  foreach(program IN LISTS mirel_programs)
+    find_program(path NAMES "${program}${suffix}" NO_CACHE)
+    if(NOT path)
+      set(missing "${program}")
+      break()
+    endif()
+    unset(path)
+  endforeach()
+  set(${variable} "${missing}" PARENT_SCOPE)
 endfunction()
-mirel_find_tool(MIREL_CLANG clang clang)
-mirel_find_tool(MIREL_CLANGXX clang++ clang)
-mirel_find_tool(MIREL_LD64 ld64.lld lld)
-mirel_find_tool(MIREL_LIPO llvm-lipo llvm)
-mirel_find_tool(MIREL_LIBTOOL llvm-libtool-darwin llvm)
-mirel_find_tool(CMAKE_INSTALL_NAME_TOOL llvm-install-name-tool llvm)
-mirel_find_tool(CMAKE_AR llvm-ar llvm)
-mirel_find_tool(CMAKE_RANLIB llvm-ranlib llvm)
 
-foreach(language C CXX OBJC OBJCXX)
-  set(CMAKE_${language}_COMPILER_TARGET arm64-apple-macos)
+if(MIREL_LLVM_SUFFIX)
+  set(mirel_suffixes "${MIREL_LLVM_SUFFIX}")
+else()
+  mirel_llvm_suffixes(mirel_suffixes)
+  list(APPEND mirel_suffixes "none")  # the programs without a number
+endif()
+set(mirel_first_trouble "")
+foreach(candidate IN LISTS mirel_suffixes)
+  string(REGEX REPLACE "^none$" "" mirel_suffix "${candidate}")
+  mirel_missing_program(mirel_missing "${mirel_suffix}")
+  if(NOT mirel_missing)
+    break()
+  endif()
+  if(NOT mirel_first_trouble)
+    string(REGEX REPLACE "^ld64\\.|-.*|\\+\\+" "" mirel_package "${mirel_missing}")
+    string(CONCAT mirel_first_trouble "${mirel_missing}${mirel_suffix} is missing. Install it with\n"
+                                      "  apt-get install ${mirel_package}${mirel_suffix}\n")
+  endif()
 endforeach()
-foreach(language C OBJC)
-  set(CMAKE_${language}_COMPILER "${MIREL_CLANG}")
-endforeach()
-foreach(language CXX OBJCXX)
-  set(CMAKE_${language}_COMPILER "${MIREL_CLANGXX}")
-  set(mirel_${language}_library " -stdlib=libc++")
-endforeach()
+if(mirel_missing)
+  message(FATAL_ERROR "${mirel_first_trouble}")
+endif()
+# mirel_find_program(<variable> <program>): kept, so that a build folder stays with its LLVM.
+macro(mirel_find_program variable program)
+  find_program(${variable} NAMES "${program}${mirel_suffix}")
+  mark_as_advanced(${variable})
+endmacro()
+mirel_find_program(MIREL_CLANG clang)
+mirel_find_program(MIREL_CLANGXX clang++)
+mirel_find_program(MIREL_LD64 ld64.lld)
+mirel_find_program(MIREL_LIPO llvm-lipo)
+mirel_find_program(MIREL_LIBTOOL llvm-libtool-darwin)
+mirel_find_program(CMAKE_INSTALL_NAME_TOOL llvm-install-name-tool)
+mirel_find_program(CMAKE_AR llvm-ar)
+mirel_find_program(CMAKE_RANLIB llvm-ranlib)
 
 # For two processors clang calls lipo, by that name and from the folder that -B gives.
 set(mirel_tools "${CMAKE_BINARY_DIR}/macos-tools")
 file(MAKE_DIRECTORY "${mirel_tools}")
 file(CREATE_LINK "${MIREL_LIPO}" "${mirel_tools}/lipo" SYMBOLIC)
+
+# What is needed whatever flags the user gives: those would take the place of initial ones.
+add_compile_options("-B${mirel_tools}")
 # Older clangs ask which linker of Apple's this one stands for before they tell it the oldest macOS.
-foreach(kind EXE SHARED MODULE)
-  set(CMAKE_${kind}_LINKER_FLAGS_INIT "-mlinker-version=711 -B\"${mirel_tools}\" --ld-path=\"${MIREL_LD64}\"")
+add_link_options("-B${mirel_tools}" -mlinker-version=711 "--ld-path=${MIREL_LD64}")
+foreach(language C OBJC)
+  set(CMAKE_${language}_COMPILER "${MIREL_CLANG}")
+endforeach()
+foreach(language CXX OBJCXX)
+  set(CMAKE_${language}_COMPILER "${MIREL_CLANGXX}" -stdlib=libc++)
 endforeach()
 foreach(language C CXX OBJC OBJCXX)
-  set(CMAKE_${language}_FLAGS_INIT "-B\"${mirel_tools}\"${mirel_${language}_library}")
+  set(CMAKE_${language}_COMPILER_TARGET arm64-apple-macos)
   # ar knows nothing of objects for two processors.
   set(CMAKE_${language}_ARCHIVE_CREATE "\"${MIREL_LIBTOOL}\" -static -o <TARGET> <OBJECTS>")
   set(CMAKE_${language}_ARCHIVE_APPEND "")

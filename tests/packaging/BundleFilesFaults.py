@@ -199,13 +199,14 @@ def faults_of_minimum(tree):
     """The oldest macOS, wherever it is told."""
     minimum = plistlib.loads((tree / "packaging/macos/AppInfo.plist.in").read_bytes())["LSMinimumSystemVersion"]
     faults = []
-    toolchain = (tree / "cmake/macos-toolchain.cmake").read_text()
-    if f"set(CMAKE_OSX_DEPLOYMENT_TARGET {minimum} CACHE" not in toolchain:
-        faults.append("the toolchain file builds for another macOS")
+    project = (tree / "CMakeLists.txt").read_text()
+    if f"set(CMAKE_OSX_DEPLOYMENT_TARGET {minimum} CACHE" not in project.split("\nproject(")[0]:
+        faults.append("the project builds for another macOS")
+    if "set(CMAKE_OSX_DEPLOYMENT_TARGET" in (tree / "cmake/macos-toolchain.cmake").read_text():
+        faults.append("the toolchain file has an oldest macOS of its own")
     for preset in json.loads((tree / "CMakePresets.json").read_text())["configurePresets"]:
-        target = preset.get("cacheVariables", {}).get("CMAKE_OSX_DEPLOYMENT_TARGET", minimum)
-        if target != minimum:
-            faults.append(f"the preset {preset['name']} builds for another macOS")
+        if "CMAKE_OSX_DEPLOYMENT_TARGET" in preset.get("cacheVariables", {}):
+            faults.append(f"the preset {preset['name']} has an oldest macOS of its own")
     return faults
 
 

@@ -108,13 +108,16 @@ SPOILED = [
     (APP_RIGHTS, "smartcard", "smart-card", "App.entitlements: com.apple.security.smartcard is missing"),
     # What agrees with them
     ("CMakeLists.txt", "project(mireltoken VERSION ", "project(mireltoken VERSION 1.", "the project's version is 1."),
-    ("cmake/macos-toolchain.cmake", "CMAKE_OSX_DEPLOYMENT_TARGET 12.0 CACHE", "CMAKE_OSX_DEPLOYMENT_TARGET 11.0 CACHE",
-     "the toolchain file builds for another macOS"),
+    ("CMakeLists.txt", "CMAKE_OSX_DEPLOYMENT_TARGET 12.0 CACHE", "CMAKE_OSX_DEPLOYMENT_TARGET 11.0 CACHE",
+     "the project builds for another macOS"),
+    ("CMakeLists.txt", "set(CMAKE_OSX_DEPLOYMENT_TARGET", "set(OLDEST_MACOS", "the project builds for another macOS"),
+    ("cmake/macos-toolchain.cmake", "set(CMAKE_SYSTEM_NAME", "set(CMAKE_OSX_DEPLOYMENT_TARGET 12.0)\nset(CMAKE_SYSTEM_NAME",
+     "the toolchain file has an oldest macOS of its own"),
     (
         "CMakePresets.json",
         '"CMAKE_BUILD_TYPE": "Debug"',
-        '"CMAKE_OSX_DEPLOYMENT_TARGET": "13.0"',
-        "the preset debug builds for another macOS",
+        '"CMAKE_OSX_DEPLOYMENT_TARGET": "12.0"',
+        "the preset debug has an oldest macOS of its own",
     ),
     # What tells of them
     (README, "| `Distribution.xml.in`", "| `Distribution.xml`", "the README does not name Distribution.xml.in"),

@@ -1,6 +1,7 @@
 """The toolchain file for building macOS programs elsewhere: what it says without an SDK, and that two programs are
 linked for both processors and put into the app. The SDK is one of a few stubs: just what empty programs need."""
 
+import os
 import pathlib
 import plistlib
 import struct
@@ -53,6 +54,55 @@ def make_sdk(folder):
     return folder
 
 
+# What the toolchain file takes, run without a project.
+LOOK = """\
+function(add_compile_options)
+endfunction()
+function(add_link_options)
+endfunction()
+include("${TOOLCHAIN}")
+foreach(tool MIREL_CLANG MIREL_CLANGXX MIREL_LD64 MIREL_LIPO MIREL_LIBTOOL CMAKE_INSTALL_NAME_TOOL CMAKE_AR CMAKE_RANLIB)
+  message(STATUS "${${tool}}")
+endforeach()
+"""
+TOOLS = ["clang", "clang++", "ld64.lld", "llvm-lipo", "llvm-libtool-darwin", "llvm-install-name-tool", "llvm-ar", "llvm-ranlib"]
+
+
+def check_search(checks, given, folder):
+    """Of several LLVMs the newest is taken that is complete, and all of it."""
+    sdk = make_sdk(folder / "search.sdk")
+    (folder / "look.cmake").write_text(LOOK)
+    tools = folder / "several"
+    tools.mkdir()
+
+    def install(suffix, without=()):
+        for tool in set(TOOLS) - set(without):
+            (tools / f"{tool}{suffix}").write_text("#!/bin/sh\n")
+            (tools / f"{tool}{suffix}").chmod(0o755)
+
+    def look(*options):
+        code, shown, error = run(
+            given.cmake, f"-DTOOLCHAIN={given.source}/cmake/macos-toolchain.cmake", f"-DMIREL_MACOS_SDK={sdk}", *options,
+            "-P", folder / "look.cmake", cwd=folder, env={**os.environ, "PATH": f"{tools}:{os.environ['PATH']}"},
+        )  # fmt: skip
+        return code, [line.removeprefix("-- ") for line in shown.splitlines()], " ".join(error.split())
+
+    def all_with(suffix):
+        return [f"{tools}/{tool}{suffix}" for tool in TOOLS]
+
+    install("-99")
+    install("-801")
+    install("-900", without=["llvm-lipo"])
+    install("-1000.old")
+    checks.equal("the newest LLVM that is complete", look()[:2], (0, all_with("-801")))
+    checks.equal("the LLVM that is asked for", look("-DMIREL_LLVM_SUFFIX=-99")[:2], (0, all_with("-99")))
+    code, _, error = look("-DMIREL_LLVM_SUFFIX=-900")
+    checks.true("an LLVM that is not complete stops it", code != 0)
+    checks.true(error, "llvm-lipo-900 is missing. Install it with apt-get install llvm-900" in error)
+    code, _, error = look("-DMIREL_LLVM_SUFFIX=-7777")
+    checks.true(error, code != 0 and "clang-7777 is missing. Install it with apt-get install clang-7777" in error)
+
+
 PROCESSORS = {0x0100000C: "arm64", 0x01000007: "x86_64"}
 LC_LOAD_DYLIB, LC_MAIN, LC_BUILD_VERSION, EXECUTE = 0x0C, 0x80000028, 0x32, 2
 
@@ -96,7 +146,12 @@ def main():
 
         def configure(build, *options):
             toolchain = f"-DCMAKE_TOOLCHAIN_FILE={given.source}/cmake/macos-toolchain.cmake"
-            return run(given.cmake, "-G", "Ninja", "-S", source, "-B", folder / build, toolchain, *options)
+            # Flags of the user's own take nothing away.
+            flags = ["-DCMAKE_CXX_FLAGS=-Wall", "-DCMAKE_EXE_LINKER_FLAGS=-Wl,-dead_strip"]
+            oldest = "-DCMAKE_OSX_DEPLOYMENT_TARGET=12.0"
+            return run(
+                given.cmake, "-G", "Ninja", "-S", source, "-B", folder / build, toolchain, oldest, *flags, *options
+            )
 
         half = make_sdk(folder / "half.sdk")
         (half / "usr/lib/libc++.tbd").unlink()
@@ -111,6 +166,7 @@ def main():
             checks.true(f"{options}: {words}", message in words)
             checks.true(f"{options}: what to do", "-DMIREL_MACOS_SDK=/path/to/MacOSX.sdk" in words)
 
+        check_search(checks, given, folder)
         sdk = make_sdk(folder / "MacOSX.sdk")
         bundle_file = f"-DBUNDLE_FILE={given.source}/packaging/macos/Bundle.cmake"
         code, shown, error = configure("build", f"-DMIREL_MACOS_SDK={sdk}", bundle_file)

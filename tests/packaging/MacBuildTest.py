@@ -11,6 +11,8 @@ from BundleFilesToolchainTest import make_sdk
 
 PROCESSORS = ["arm64", "x86_64"]
 OLDEST = "12.0"
+# The preset gives them as the compiler's flags, where a toolchain file could also have some.
+WARNINGS = ["-Wall", "-Wextra", "-Wpedantic", "-Wshadow", "-Wconversion"]
 INCLUDE_OPTIONS = ["-I", "-isystem", "-iquote", "-idirafter", "-F"]
 EXTENSION = "extension/MirelToken"
 COMMAND_LINE = "mireltoken"
@@ -33,6 +35,12 @@ def include_paths(words):
 
 def is_below(path, folders):
     return any(folder in [path, *path.parents] for folder in folders)
+
+
+def settings_of(build):
+    """The cache of a build folder: a value for each name with its type."""
+    cache = (build / "CMakeCache.txt").read_text().splitlines()
+    return dict(line.split("=", 1) for line in cache if "=" in line and not line.startswith(("#", "//")))
 
 
 class Build:
@@ -81,6 +89,8 @@ def check_compiled(checks, build, given, sdk):
             checks.equal(f"{name}: the oldest macOS", oldest, [f"-mmacosx-version-min={OLDEST}"])
             checks.equal(f"{name}: the SDK", after(words, "-isysroot"), [str(sdk)])
             checks.true(f"{name}: C++20", "-std=c++20" in words)
+            needed = WARNINGS + ["-stdlib=libc++", f"-B{build.folder}/macos-tools"]
+            checks.equal(f"{name}: flags that are missing", [word for word in needed if word not in words], [])
             if name.endswith(".mm"):
                 checks.true(f"{name}: no ARC", "-fno-objc-arc" in words and "-fobjc-arc" not in words)
             if name.startswith("token/macos/"):
@@ -111,6 +121,8 @@ def check_libraries(checks, build, name):
     checks.true(f"{name}: platform", "platform/libplatform.a" in libraries)
     checks.equal(f"{name}: the processors", sorted(after(words, "-arch")), PROCESSORS)
     checks.true(f"{name}: the oldest macOS", f"-mmacosx-version-min={OLDEST}" in words)
+    checks.true(f"{name}: the C++ library", "-stdlib=libc++" in words)
+    checks.true(f"{name}: the linker", any(word.startswith("--ld-path=") for word in words))
 
 
 def check_linked(checks, build, source):
@@ -155,20 +167,24 @@ def check_bundled(checks, build):
     checks.equal("what the app is put together of", given, [programs])
 
 
+def configure(given, folder):
+    """Configures the whole project for macOS in a subfolder, with the preset that people use: what came of it, and the
+    SDK."""
+    sdk = make_sdk(folder / "MacOSX.sdk")
+    toolchain = f"-DCMAKE_TOOLCHAIN_FILE={given.source}/cmake/macos-toolchain.cmake"
+    options = [toolchain, f"-DMIREL_MACOS_SDK={sdk}"]
+    return *run(given.cmake, "--preset", "release", "-B", folder / "build", *options, cwd=given.source), sdk
+
+
 def check_commands(checks, given):
     with temporary_folder() as name:
         folder = pathlib.Path(name).resolve()
-        sdk = make_sdk(folder / "MacOSX.sdk")
-        code, shown, error = run(
-            given.cmake, "-G", "Ninja", "-S", given.source, "-B", folder / "build",
-            f"-DCMAKE_TOOLCHAIN_FILE={given.source}/cmake/macos-toolchain.cmake", f"-DMIREL_MACOS_SDK={sdk}",
-        )  # fmt: skip
+        code, shown, error, sdk = configure(given, folder)
         checks.equal(f"configuring: {shown}", (code, error), (0, ""))
         checks.true(f"configuring without warnings: {shown}", "warning" not in shown.lower())
         if code != 0:
             return
-        cache = (folder / "build/CMakeCache.txt").read_text().splitlines()
-        settings = dict(line.split("=", 1) for line in cache if "=" in line and not line.startswith(("#", "//")))
+        settings = settings_of(folder / "build")
         checks.equal("no tests where they cannot run", settings["BUILD_TESTING:BOOL"], "OFF")
         build = Build(given.source, folder / "build", settings["CMAKE_MAKE_PROGRAM:FILEPATH"])
         check_compiled(checks, build, given, sdk)
@@ -197,7 +213,6 @@ def check_preset(checks, source):
         ("BUILD_TESTING", "OFF"),
         ("CMAKE_BUILD_TYPE", "Release"),
         ("CMAKE_OSX_ARCHITECTURES", ";".join(PROCESSORS)),
-        ("CMAKE_OSX_DEPLOYMENT_TARGET", OLDEST),
     ):
         checks.equal(f"the preset macos: {variable}", variables.get(variable), value)
     darwin = {"type": "equals", "lhs": "${hostSystemName}", "rhs": "Darwin"}

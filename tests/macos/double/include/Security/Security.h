@@ -80,6 +80,8 @@ typedef CFStringRef SecKeyAlgorithm;
 #define DOUBLE_DECLARE_ALGORITHM(name) extern const SecKeyAlgorithm kSecKeyAlgorithm##name;
 DOUBLE_SEC_KEY_ALGORITHMS(DOUBLE_DECLARE_ALGORITHM)
 #undef DOUBLE_DECLARE_ALGORITHM
+extern const SecKeyAlgorithm kSecKeyAlgorithmECDSASignatureRFC4754
+    __attribute__((availability(macos, introduced = 10.12, deprecated = 14.0)));
 
 // ---- Keys ----
 

@@ -1,0 +1,15 @@
+# mirel_llvm_suffixes(<variable>): the suffixes, "-14" for example, of the numbered clangs that can be found, newest
+# first.
+function(mirel_llvm_suffixes variable)
+  file(TO_CMAKE_PATH "$ENV{PATH}" folders)
+  set(names "")
+  foreach(folder IN LISTS folders ITEMS /usr/local/bin /usr/bin)
+    file(GLOB found LIST_DIRECTORIES OFF RELATIVE "${folder}" "${folder}/clang-*")
+    list(APPEND names ${found})
+  endforeach()
+  list(FILTER names INCLUDE REGEX "^clang-[0-9]+$")
+  list(REMOVE_DUPLICATES names)
+  list(SORT names COMPARE NATURAL ORDER DESCENDING)
+  list(TRANSFORM names REPLACE "^clang" "")
+  set(${variable} "${names}" PARENT_SCOPE)
+endfunction()
