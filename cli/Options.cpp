@@ -83,7 +83,7 @@ void declareOptions(CLI::App& app, Options& options) {
   app.name("mireltoken");
   app.description("Shows what a smart card would publish in the keychain, and why not; uses its keys.");
   app.footer(kFooter);
-  app.set_version_flag("--version", "mireltoken " MIREL_VERSION, "Print the version and exit");
+  app.set_version_flag("--version", MIREL_VERSION, "Print the version and exit");
   app.set_help_flag("-h,--help", "Print this help and exit");
   app.require_subcommand(1);
 

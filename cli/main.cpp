@@ -17,6 +17,7 @@
 #include "Options.h"
 #include "Output.h"
 #include "PinEntry.h"
+#include "Usage.h"
 #include "host/Home.h"
 #include "host/Host.h"
 #include "platform/Desktop.h"
@@ -117,12 +118,11 @@ ExitCode parseAndRun(int argc, char** argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp&) {
-    return print(app.help());
+    return print(helpText(app));
   } catch (const CLI::CallForVersion&) {
-    return print(app.version() + "\n");
+    return print("mireltoken " MIREL_VERSION "\n");
   } catch (const CLI::ParseError& error) {
-    const std::vector<std::string> unknown = app.remaining();
-    return wrongUsage(unknown.empty() ? error.what() : "there is no \"" + unknown.front() + "\"");
+    return wrongUsage(refusalText(app, error));
   }
   if (const std::string trouble = usageTrouble(options); !trouble.empty()) return wrongUsage(trouble);
   for (auto* name : {&options.in, &options.out}) {

@@ -1,0 +1,126 @@
+#include "Usage.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <string_view>
+#include <vector>
+
+namespace mirel::cli {
+namespace {
+
+constexpr std::size_t kTextColumn = 30;
+
+using Options = std::vector<const CLI::Option*>;
+
+Options optionsOf(const CLI::App& app) { return app.get_options(nullptr); }
+
+bool takesValue(const CLI::Option& option) { return option.get_expected_max() > 0; }
+
+/// "-v,--verbose"
+std::string allNamesOf(const CLI::Option& option) {
+  std::string names;
+  for (const std::string& letter : option.get_snames()) names += (names.empty() ? "-" : ",-") + letter;
+  for (const std::string& word : option.get_lnames()) names += (names.empty() ? "--" : ",--") + word;
+  return names;
+}
+
+/// "--verbose"
+std::string nameOf(const CLI::Option& option) {
+  const auto& words = option.get_lnames();
+  return words.empty() ? allNamesOf(option) : "--" + words.front();
+}
+
+/// The text stands on a line of its own where the subject leaves no room for it.
+std::string helpLine(const std::string& subject, const std::string& text) {
+  std::string line = "  " + subject;
+  if (line.size() >= kTextColumn) line.append("\n").append(kTextColumn, ' ');
+  if (line.size() < kTextColumn) line.append(kTextColumn - line.size(), ' ');
+  return line.append(text).append("\n");
+}
+
+std::string optionLine(const CLI::Option& option) {
+  std::string subject = allNamesOf(option);
+  if (takesValue(option)) subject.append(" ").append(option.get_type_name());
+  const auto excluded = option.get_excludes();
+  if (!excluded.empty()) subject.append(" Excludes:");
+  for (const CLI::Option* other : excluded) subject.append(" ").append(nameOf(*other));
+  return helpLine(subject, option.get_description());
+}
+
+const CLI::App& chosenIn(const CLI::App& app) {
+  const auto chosen = app.get_subcommands();
+  return chosen.empty() ? app : *chosen.back();
+}
+
+/// The options of the program and of the command that was chosen.
+Options usableOptions(const CLI::App& app) {
+  Options options = optionsOf(app);
+  if (const CLI::App& command = chosenIn(app); &command != &app) {
+    const Options more = optionsOf(command);
+    options.insert(options.end(), more.begin(), more.end());
+  }
+  return options;
+}
+
+/// The option that the library's message is about: every version names it, whatever it says. Null when it
+/// names none.
+const CLI::Option* optionNamedIn(std::string_view message, const Options& options) {
+  for (const CLI::Option* option : options) {
+    const std::string name = nameOf(*option);
+    const std::size_t found = message.find(name);
+    if (found == std::string_view::npos) continue;
+    const std::string_view rest = message.substr(found + name.size());
+    const bool isLonger =
+        !rest.empty() && (rest.front() == '-' || (rest.front() >= 'a' && rest.front() <= 'z'));
+    if (!isLonger) return option;
+  }
+  return nullptr;
+}
+
+std::string exclusion(const Options& options) {
+  for (const CLI::Option* option : options) {
+    if (option->count() == 0) continue;
+    for (const CLI::Option* other : option->get_excludes()) {
+      if (other->count() > 0) return nameOf(*option) + " excludes " + nameOf(*other);
+    }
+  }
+  return "there are options that exclude each other";
+}
+
+}  // namespace
+
+std::string helpText(const CLI::App& app) {
+  const CLI::App& shown = chosenIn(app);
+  const bool isCommand = &shown != &app;
+  std::string text = shown.get_description() + "\nUsage: " + app.get_name();
+  if (isCommand) text.append(" ").append(shown.get_name());
+  text.append(" [OPTIONS]").append(isCommand ? "" : " SUBCOMMAND").append("\n\nOptions:\n");
+  for (const CLI::Option* option : optionsOf(shown)) text += optionLine(*option);
+  if (isCommand) return text.append("\n");
+
+  text += "\nSubcommands:\n";
+  const auto every = [](const CLI::App*) { return true; };
+  for (const CLI::App* command : app.get_subcommands(every)) {
+    text += helpLine(command->get_name(), command->get_description());
+  }
+  return text.append("\n").append(app.get_footer()).append("\n");
+}
+
+std::string refusalText(const CLI::App& app, const CLI::ParseError& error) {
+  const std::vector<std::string> unknown = app.remaining();
+  if (!unknown.empty()) return "there is no \"" + unknown.front() + "\"";
+  if (dynamic_cast<const CLI::RequiredError*>(&error)) return "a subcommand is required";
+  const Options options = usableOptions(app);
+  if (dynamic_cast<const CLI::ExcludesError*>(&error)) return exclusion(options);
+
+  const CLI::Option* option = optionNamedIn(error.what(), options);
+  if (!option) return "the arguments cannot be understood";
+  if (!takesValue(*option)) return nameOf(*option) + " takes no such value";
+  if (option->count() > 1) return nameOf(*option) + " is given more than once";
+  if (dynamic_cast<const CLI::ArgumentMismatch*>(&error)) {
+    return nameOf(*option) + " needs a value (" + option->get_type_name() + ")";
+  }
+  return "the value of " + nameOf(*option) + " is no " + option->get_type_name();
+}
+
+}  // namespace mirel::cli
