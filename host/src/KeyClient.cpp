@@ -51,10 +51,6 @@ const char* verbOf(TKTokenOperation operation) noexcept {
   }
 }
 
-std::size_t blockSizeOf(const PublishedKey& key) noexcept {
-  return static_cast<std::size_t>(key.keySizeInBits + 7) / 8;
-}
-
 Failure badInput(const std::string& why) {
   return {FailureKind::kBadInput, "the data do not fit the algorithm", why,
           "give it what the algorithm works on"};
@@ -100,7 +96,7 @@ std::string sizeTrouble(SecKeyAlgorithm algorithm, const PublishedKey& key, std:
     what = "a digest of " + std::string{factsOf(step->hash).name};
   } else if (algorithm == SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureRaw ||
              operationOf(algorithm) == TKTokenOperation::kDecryptData) {
-    wanted = blockSizeOf(key);
+    wanted = modulusSizeOf(key);
     what = "a block for this key";
   }
   if (wanted == 0 || wanted == size) return size == 0 ? "there are none" : "";
@@ -113,7 +109,7 @@ std::optional<ByteVector> adapted(const AdaptationStep& step, const PublishedKey
   switch (step.kind) {
     case AdaptationKind::kHash: return digestOf(step.hash, data);
     case AdaptationKind::kDigestInfo: return digestInfo(step.hash, data);
-    case AdaptationKind::kPadPKCS1: return paddedForSigning(data, blockSizeOf(key));
+    case AdaptationKind::kPadPKCS1: return paddedForSigning(data, modulusSizeOf(key));
     case AdaptationKind::kEncodePSS:
       return encodedForPss(step.hash, data, static_cast<std::size_t>(std::max(key.keySizeInBits, 0)));
     case AdaptationKind::kAsItIs: return data;
@@ -136,6 +132,28 @@ std::vector<AdaptationStep> stepsBetween(SecKeyAlgorithm from, SecKeyAlgorithm t
 bool isComposite(const std::vector<AdaptationStep>& steps) noexcept {
   return std::any_of(steps.begin(), steps.end(),
                      [](const AdaptationStep& step) { return step.kind == AdaptationKind::kComposite; });
+}
+
+/// Why `plain` cannot be what the card made of `cipher` (not empty) when asked in that form; empty when it
+/// can. A module that answers CKR_OK and writes nothing leaves the length of the whole block, and zeros.
+/// Where a module claims a shorter length and writes nothing, the zeros are taken for the plain text: it may
+/// have been zeros, and a module that lies about the length could write any other bytes as well.
+std::string plainTextTrouble(SecKeyAlgorithm form, const PublishedKey& key, const ByteVector& cipher,
+                             const Bytes& plain) {
+  constexpr std::size_t kPaddingSize = 11;  // bytes at least (RFC 8017, section 7.2.1)
+  const std::size_t blockSize = modulusSizeOf(key);
+  if (plain.size() + kPaddingSize <= blockSize) return {};
+  const bool mayBeBlock = form == SecKeyAlgorithm::kSecKeyAlgorithmRSAEncryptionRaw;
+  if (!mayBeBlock || plain.size() != blockSize) {
+    return "C_Decrypt answered CKR_OK with " + std::to_string(plain.size()) +
+           " bytes, a plain text in a block for this key has " +
+           std::to_string(blockSize - std::min(blockSize, kPaddingSize)) + " at most";
+  }
+  // Raw RSA makes zero of nothing but zero.
+  const auto isZero = [](std::uint8_t byte) { return byte == 0; };
+  const bool nothingWritten = std::all_of(plain.view().begin(), plain.view().end(), isZero) &&
+                              !std::all_of(cipher.begin(), cipher.end(), isZero);
+  return nothingWritten ? "C_Decrypt answered CKR_OK, but wrote no plain text" : "";
 }
 
 bool isRsaAlgorithm(SecKeyAlgorithm algorithm) noexcept {
@@ -211,7 +229,7 @@ Outcome<Signature> KeyClient::sign(const PublishedKey& key, SecKeyAlgorithm algo
     prepared = std::move(*next);
   }
   if (form == SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureDigestPKCS1v15Raw &&
-      !paddedForSigning(prepared, blockSizeOf(key))) {
+      !paddedForSigning(prepared, modulusSizeOf(key))) {
     return badInput("with PKCS #1 v1.5 padding the key has too few bits for them");
   }
 
@@ -242,6 +260,11 @@ Outcome<Bytes> KeyClient::decrypt(const PublishedKey& key, SecKeyAlgorithm algor
         FailureKind::kCardRefuses, "the card gave no plain text", trouble,
         "check that the data were encrypted for this key, with PKCS #1 v1.5 padding: the card layer "
         "knows no other"};
+  }
+  if (const std::string trouble = plainTextTrouble(form, key, cipher, std::get<Bytes>(result));
+      !trouble.empty()) {
+    return Failure{FailureKind::kCardRefuses, "the card gave no plain text", trouble,
+                   "ask the maker of the module"};
   }
   ByteVector plain{std::get<Bytes>(result).view().begin(), std::get<Bytes>(result).view().end()};
   for (const AdaptationStep& step : stepsBetween(algorithm, form)) {

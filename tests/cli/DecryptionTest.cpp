@@ -166,6 +166,15 @@ TEST_F(Decryption, WithAFailingCardFails) {
   }
 }
 
+TEST_F(Decryption, WithACardThatOnlySaysThatItDecryptedFails) {
+  makeKey("rsa2048");
+  Invocation call = staged(
+      {"decrypt", "--key", "01", "--out", path("plain"), "--pin-file", write("pin", kPin)}, "C_Decrypt=0");
+  call.input = encrypted("rsa2048", "pkcs1", kPlain);
+  expectFailure(run(call), 13, {"the card gave no plain text", "C_Decrypt answered CKR_OK with 256 bytes"});
+  EXPECT_FALSE(std::filesystem::exists(path("plain")));
+}
+
 // The first usage that matches decides, and that is the one for signing.
 TEST_F(Decryption, IsNotOfferedByAKeyThatMaySignToo) {
   makeCard({{"rsa2048", "01", "Both", "digitalSignature,keyEncipherment", "sign,decrypt"}});

@@ -4,6 +4,8 @@
 ///   MIREL_STAGED_ANSWERS      "C_Login=A0,A4 C_Sign=30": the first calls of a function (one of those in
 ///                             kStaged) answer these codes, hexadecimal, and do nothing else; the later ones
 ///                             are handed on.
+///   MIREL_STAGED_LENGTHS      "C_Sign=64": calls of C_Sign and C_Decrypt that answer CKR_OK report this
+///                             length, hexadecimal, whatever they wrote.
 ///   MIREL_STAGED_TOKEN_FLAGS  hexadecimal: set in the flags of every token.
 ///   MIREL_STAGED_PAUSE        a function in kStaged: its call waits for the end of the process.
 ///   MIREL_STAGED_PLAIN_TEXT   what C_Decrypt answers whatever is to be decrypted, as a module does that
@@ -19,8 +21,11 @@
 #include <array>
 #include <cstdlib>
 #include <map>
+#include <optional>
 #include <sstream>
 #include <string>
+#include <tuple>
+#include <type_traits>
 #include <vector>
 
 #include "bridge/cryptoki.h"
@@ -35,6 +40,7 @@ int callsFile = -1;
 struct Stage {
   std::vector<CK_RV> answers;
   std::size_t calls = 0;
+  std::optional<CK_ULONG> length;
 };
 
 std::map<std::string, Stage>& stages() {
@@ -54,6 +60,14 @@ void readAnswers() {
     std::istringstream codes{word.substr(equals + 1)};
     std::vector<CK_RV>& answers = stages()[word.substr(0, equals)].answers;
     for (std::string code; std::getline(codes, code, ',');) answers.push_back(std::stoul(code, nullptr, 16));
+  }
+}
+
+void readLengths() {
+  std::istringstream words{variable("MIREL_STAGED_LENGTHS")};
+  for (std::string word; words >> word;) {
+    const std::size_t equals = word.find('=');
+    stages()[word.substr(0, equals)].length = std::stoul(word.substr(equals + 1), nullptr, 16);
   }
 }
 
@@ -77,8 +91,13 @@ struct Staged<Entry, Name> {
       while (true) (void)pause();
     }
     Stage& stage = stages()[kStaged[Name]];
-    if (stage.calls < stage.answers.size()) return stage.answers[stage.calls++];
-    return (real->*Entry)(args...);
+    const CK_RV rv =
+        stage.calls < stage.answers.size() ? stage.answers[stage.calls++] : (real->*Entry)(args...);
+    using Last = std::tuple_element_t<sizeof...(Args) - 1, std::tuple<Args...>>;
+    if constexpr (std::is_same_v<Last, CK_ULONG_PTR>) {
+      if (rv == CKR_OK && stage.length) *std::get<sizeof...(Args) - 1>(std::tuple{args...}) = *stage.length;
+    }
+    return rv;
   }
 };
 
@@ -111,6 +130,7 @@ extern "C" __attribute__((visibility("default"))) CK_RV C_GetFunctionList(CK_FUN
   if (real) return CKR_OK;
   real = found;
   readAnswers();
+  readLengths();
   if (const std::string flags = variable("MIREL_STAGED_TOKEN_FLAGS"); !flags.empty())
     moreFlags = std::stoul(flags, nullptr, 16);
   if (const std::string path = variable("MIREL_STAGED_CALLS"); !path.empty()) {

@@ -79,10 +79,16 @@ TEST_F(Decrypt, DecodesOaepThatTheTokenAcceptsRawAlone) {
 }
 
 TEST_F(Decrypt, LeavesOaepThatTheTokenAcceptsToTheToken) {
-  // As it comes: the client gets whatever the card layer took for the plain text.
+  // As it comes: the card layer takes PKCS #1 v1.5 padding away, whatever the algorithm.
+  EXPECT_EQ(plainText(kSecKeyAlgorithmRSAEncryptionOAEPSHA256, key.encrypted(kPlain, RSA_PKCS1_PADDING)),
+            kPlain);
+}
+
+TEST_F(Decrypt, RefusesAWholeBlockForOaepThatTheTokenAccepts) {
   decryptRawInTheModule();
-  const Value cipher = key.encrypted(kPlain, RSA_PKCS1_OAEP_PADDING, "SHA256");
-  EXPECT_EQ(plainText(kSecKeyAlgorithmRSAEncryptionOAEPSHA256, cipher), key.rawPrivate(cipher));
+  const Failure failure = decryptFailure(kSecKeyAlgorithmRSAEncryptionOAEPSHA256,
+                                         key.encrypted(kPlain, RSA_PKCS1_OAEP_PADDING, "SHA256"));
+  EXPECT_EQ(failure.kind, FailureKind::kCardRefuses);
 }
 
 TEST_F(Decrypt, RefusesABlockThatIsNoOaep) {
@@ -190,6 +196,53 @@ TEST_F(Decrypt, RefusesAPlainTextThatIsTooLongForTheCardLayer) {
   const Failure failure =
       decryptFailure(kSecKeyAlgorithmRSAEncryptionPKCS1, key.encrypted(kPlain, RSA_PKCS1_PADDING));
   EXPECT_EQ(failure.kind, FailureKind::kCardRefuses);
+}
+
+// ---- Plain texts that cannot be ----
+
+TEST_F(Decrypt, RefusesARoomThatTheModuleDidNotWrite) {
+  script.hook<&CK_FUNCTION_LIST::C_Decrypt>([](auto real, CK_SESSION_HANDLE session, CK_BYTE_PTR data,
+                                               CK_ULONG dataLen, CK_BYTE_PTR, CK_ULONG_PTR outLen) {
+    Value elsewhere(*outLen);
+    CK_ULONG length = *outLen;
+    (void)real(session, data, dataLen, elsewhere.data(), &length);  // ends the operation
+    return CKR_OK;
+  });
+  for (const SecKeyAlgorithm algorithm :
+       {kSecKeyAlgorithmRSAEncryptionPKCS1, kSecKeyAlgorithmRSAEncryptionOAEPSHA256,
+        kSecKeyAlgorithmRSAEncryptionRaw}) {
+    SCOPED_TRACE(nameOf(algorithm));
+    const Failure failure = decryptFailure(algorithm, key.encrypted(kPlain, RSA_PKCS1_PADDING));
+    EXPECT_EQ(failure.kind, FailureKind::kCardRefuses);
+    EXPECT_EQ(failure.what, "the card gave no plain text");
+    EXPECT_THAT(failure.why, HasSubstr("C_Decrypt answered CKR_OK"));
+  }
+}
+
+TEST_F(Decrypt, RefusesAPlainTextThatNoBlockOfTheKeyHolds) {
+  for (const CK_ULONG length : {key.blockSize() - 10, key.blockSize(), CK_ULONG{300}, CK_ULONG{2000}}) {
+    SCOPED_TRACE(length);
+    script.deviations.claimedResults["C_Decrypt"] = {length, {}};
+    const Failure failure =
+        decryptFailure(kSecKeyAlgorithmRSAEncryptionPKCS1, key.encrypted(kPlain, RSA_PKCS1_PADDING));
+    EXPECT_EQ(failure.kind, FailureKind::kCardRefuses);
+    EXPECT_EQ(failure.why, "C_Decrypt answered CKR_OK with " + std::to_string(length) +
+                               " bytes, a plain text in a block for this key has 117 at most");
+  }
+}
+
+TEST_F(Decrypt, GivesAPlainTextOfZeros) {
+  for (const std::size_t size : {std::size_t{1}, std::size_t{16}, key.blockSize() - 11}) {
+    SCOPED_TRACE(size);
+    const Value zeros(size, 0);
+    EXPECT_EQ(plainText(kSecKeyAlgorithmRSAEncryptionPKCS1, key.encrypted(zeros, RSA_PKCS1_PADDING)), zeros);
+  }
+}
+
+TEST_F(Decrypt, GivesTheWholeBlockOfZerosThatZerosStandFor) {
+  decryptRawInTheModule();
+  const Value zeros(key.blockSize(), 0);
+  EXPECT_EQ(plainText(kSecKeyAlgorithmRSAEncryptionRaw, zeros), zeros);
 }
 
 // ---- Key exchange ----

@@ -67,6 +67,11 @@ struct PublishedKey {
   std::map<std::int64_t, Text> constraints;  ///< by the number of the operation
 };
 
+/// The length in bytes of an RSA key's modulus, and so of its signatures and blocks.
+[[nodiscard]] inline std::size_t modulusSizeOf(const PublishedKey& key) noexcept {
+  return static_cast<std::size_t>(key.keySizeInBits + 7) / 8;
+}
+
 using PublishedItem = std::variant<PublishedCertificate, PublishedKey>;
 
 /// A card that was inserted and became a token.
