@@ -20,10 +20,11 @@ Failure notVerified(const std::string& trouble) {
           "nothing was written; try another algorithm or key"};
 }
 
-/// False when the card is known to have made none: what its layers answer then is empty, or zeros.
-bool mayBeSignature(const Signature& signature) {
+/// False when the card is known to have made none: what its layers answer then is empty, or zeros. Also false
+/// for a signature that is not as long as the modulus (RFC 8017, section 8), which no key of that size makes.
+bool mayBeSignature(const Signature& signature, const PublishedKey& key) {
   const std::span bytes = signature.value.view();
-  return signature.cardTrouble.empty() &&
+  return signature.cardTrouble.empty() && bytes.size() == modulusSizeOf(key) &&
          std::any_of(bytes.begin(), bytes.end(), [](std::uint8_t byte) { return byte != 0; });
 }
 
@@ -63,7 +64,7 @@ ExitCode runSign(Host& host, const Options& options) {
   if (const auto* failure = std::get_if<Failure>(&signedData)) return report(*failure);
   const auto& signature = std::get<Signature>(signedData);
   const bool verify = !options.noVerify;
-  if (verify || !mayBeSignature(signature)) {
+  if (verify || !mayBeSignature(signature, chosen.key)) {
     const std::string trouble = signatureTrouble(chosen.certificate, chosen.key, algorithm, signature);
     if (!trouble.empty()) return report(notVerified(trouble));
   }

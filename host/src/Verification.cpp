@@ -52,6 +52,10 @@ std::string signatureTrouble(const PublishedCertificate& certificate, const Publ
     if (containsIgnoringCase(key.certificateID, u"PSS")) return kPssName;
     return "the signature is all zeros: the card layer handed none out";
   }
+  if (key.keyType == CertificateKeyType::kRSA && signature.value.size() != modulusSizeOf(key)) {
+    return "the signature has " + std::to_string(signature.value.size()) + " bytes, one by this key has " +
+           std::to_string(modulusSizeOf(key)) + because;
+  }
   const bool isPKCS1 = nameOf(algorithm).find("PKCS1v15") != std::string_view::npos;
   if (isPKCS1 && isUnpadded(publicKey->recoveredBlock(signature.value.view()), algorithm, signature.data)) {
     return "the signature does not verify: the module does not pad, so PKCS #1 v1.5 through this card does "

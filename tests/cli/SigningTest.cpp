@@ -273,6 +273,28 @@ TEST_F(Signing, WithoutVerifyingStillRefusesWhatAFailingCardGives) {
   }
 }
 
+TEST_F(Signing, WithoutVerifyingStillRefusesWhatIsNotAsLongAsTheModulus) {
+  makeKey("rsa2048");
+  for (const char* length : {"1", "FF"}) {
+    SCOPED_TRACE(length);
+    Invocation call = staged({"sign", "--key", "01", "--algorithm", "RSASignatureMessagePKCS1v15SHA256",
+                              "--out", path("signature"), "--no-verify", "--pin-file", write("pin", kPin)});
+    call.environment["MIREL_STAGED_LENGTHS"] = std::string{"C_Sign="} + length;
+    call.input = kMessage;
+    expectRefusal(run(call), 11, {"one by this key has 256"});
+  }
+}
+
+TEST_F(Signing, WithoutVerifyingStillRefusesZeros) {
+  makeKey("rsa2048");
+  Invocation call = staged({"sign", "--key", "01", "--algorithm", "RSASignatureMessagePKCS1v15SHA256",
+                            "--out", path("signature"), "--no-verify", "--pin-file", write("pin", kPin)},
+                           "C_Sign=0");
+  call.environment["MIREL_STAGED_LENGTHS"] = "C_Sign=100";
+  call.input = kMessage;
+  expectRefusal(run(call), 11, {"the signature is all zeros: the card layer handed none out"});
+}
+
 TEST_F(Signing, IsNotOfferedByAKeyForDecryption) {
   makeCard({{"rsa2048", "01", "Encryption", "keyEncipherment", "decrypt"}});
   expectRefusal(sign("RSASignatureMessagePSSSHA256", kMessage), 10,
