@@ -15,7 +15,7 @@
 #include "Measuring.h"
 #include "bridge/P11Bridge.h"
 #include "framework/MirelCTKFramework.h"
-#include "host/Home.h"
+#include "host/ModuleFile.h"
 
 namespace {
 
@@ -51,14 +51,11 @@ int main(int argc, char** argv) {
   const int runs = std::atoi(argv[2]);  // NOLINT(cert-err34-c): 0 is refused
   if (runs < 1) fail("RUNS must be 1 or more");
   const bool showCalls = argc > 3 && std::string{argv[3]} == "--calls";
-  auto created = PrivateHome::create(argv[1]);
-  if (std::holds_alternative<Failure>(created)) fail("there is no such module");
-  const auto& home = *std::get<std::unique_ptr<PrivateHome>>(created);
 
   const auto clock = std::make_shared<CallClock>();
   PlatformServices services = systemServices();
   services.log = std::make_shared<QuietLog>();
-  services.user = userWithHome(services.user, home.path());
+  if (chooseModule(services, argv[1])) fail("there is no such module");
   services.observer = clock;
   MirelCTKFramework framework{services};
   if (!framework.OpenFrameworkService()) fail("the module cannot be opened");

@@ -14,9 +14,9 @@
 #include "bridge/P11Bridge.h"
 #include "bridge/PKCS11_SERVICE_INFO.h"
 #include "framework/MirelCTKFramework.h"
-#include "host/Home.h"
 #include "host/Host.h"
 #include "host/KeyChoice.h"
+#include "host/ModuleFile.h"
 #include "provider/CryptTKitSProvider.h"
 #include "token/MirelSCToken.h"
 #include "token/MirelSCTokenAuth.h"
@@ -63,12 +63,11 @@ int main(int argc, char** argv) {
   if (argc != 4) fail("usage: signing_bench MODULE RUNS PIN-FILE");
   const int runs = std::atoi(argv[2]);  // NOLINT(cert-err34-c): 0 is refused
   if (runs < 1) fail("RUNS must be 1 or more");
-  const auto home = valueOf(PrivateHome::create(argv[1]), "there is no such module");
 
   const auto clock = std::make_shared<CallClock>();
   PlatformServices services = systemServices();
   services.log = std::make_shared<QuietLog>();
-  services.user = userWithHome(services.user, home->path());
+  if (chooseModule(services, argv[1])) fail("there is no such module");
   services.observer = clock;
   Host host{services};
   const InsertedCard card = valueOf(host.insert(Text{}), "there is no card");

@@ -20,6 +20,7 @@
 #include "Usage.h"
 #include "host/Home.h"
 #include "host/Host.h"
+#include "host/ModuleFile.h"
 #include "platform/Desktop.h"
 #include "platform/PlatformServices.h"
 
@@ -70,13 +71,7 @@ ExitCode run(const Options& options) {
     while (home.size() > 1 && home.back() == '/') home.pop_back();
     services.user = userWithHome(services.user, home);
   }
-  if (!options.modulePath) return runCommand(std::move(services), options);
-
-  const auto created = PrivateHome::create(*options.modulePath);
-  if (const auto* failure = std::get_if<Failure>(&created)) return fail(*failure);
-  const PrivateHome& privateHome = *std::get<std::unique_ptr<PrivateHome>>(created);
-  privateHome.removeOnSignals();
-  services.user = userWithHome(services.user, privateHome.path());
+  if (const auto trouble = chooseModule(services, options.modulePath)) return fail(*trouble);
   return runCommand(std::move(services), options);
 }
 

@@ -31,16 +31,6 @@ std::string moduleName(const std::string& path, const std::string& givenModule) 
   return printableLine(givenModule.empty() ? path : givenModule);
 }
 
-/// The loader's text with the module's path as the user knows it.
-std::string loaderReason(std::string text, const std::string& path, const std::string& givenModule) {
-  if (givenModule.empty()) return text;
-  for (std::size_t at = text.find(path); at != std::string::npos;
-       at = text.find(path, at + givenModule.size())) {
-    text.replace(at, path.size(), givenModule);
-  }
-  return text;
-}
-
 Failure moduleFailure(const FailureDiary& diary, const std::shared_ptr<const std::string>& path,
                       const std::string& givenModule) {
   if (!path) {
@@ -50,8 +40,7 @@ Failure moduleFailure(const FailureDiary& diary, const std::shared_ptr<const std
   }
   const std::string what = "the PKCS #11 module " + moduleName(*path, givenModule) + " cannot be loaded";
   if (!diary.loaderText().empty()) {
-    return {FailureKind::kModuleNotLoadable, what,
-            printableLine(loaderReason(diary.loaderText(), *path, givenModule)),
+    return {FailureKind::kModuleNotLoadable, what, printableLine(diary.loaderText()),
             givenModule.empty()
                 ? "install the card software for this user, or name another module with --module"
                 : "check that the path given with --module is a PKCS #11 module for this system"};

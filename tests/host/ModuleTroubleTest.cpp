@@ -12,7 +12,6 @@ using ::testing::ContainsRegex;
 using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::Not;
-using ::testing::StartsWith;
 
 class ModuleTrouble : public HostTest {
  protected:
@@ -65,21 +64,6 @@ TEST_F(ModuleTrouble, AnEntryPointThatGivesNothingIsExplained) {
   for (const char* module : {kModuleNullList, kModuleSilentEntry}) {
     SCOPED_TRACE(module);
     EXPECT_EQ(troubleWith(module).why, "it gives no function list");
-  }
-}
-
-TEST_F(ModuleTrouble, IsToldByTheNameThatTheUserGaveTheModule) {
-  const ModuleHome empty{{}};
-  PlatformServices mine = services();
-  mine.user = std::make_shared<FakeUserDirectory>("alice", empty.home());
-  // The second name holds the path that it stands for.
-  for (const std::string& given : {std::string{"./my module.so"}, "/prefix" + empty.modulePath()}) {
-    SCOPED_TRACE(given);
-    Host named{mine, given};
-    const Failure failure = failureOf(named.readers());
-    EXPECT_EQ(failure.kind, FailureKind::kModuleNotLoadable);
-    EXPECT_EQ(failure.what, "the PKCS #11 module " + given + " cannot be loaded");
-    EXPECT_THAT(failure.why, StartsWith(given + ": "));
   }
 }
 

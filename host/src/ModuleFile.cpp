@@ -1,0 +1,77 @@
+#include "host/ModuleFile.h"
+
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <utility>
+
+#include "host/Home.h"
+#include "platform/DynamicLoader.h"
+#include "platform/Log.h"
+#include "platform/UserDirectory.h"
+
+namespace mirel {
+namespace {
+
+/// Stands for the home of a user who has none, in the log alone.
+constexpr const char* kNoHome = "/nonexistent";
+
+/// Opens `file` where `place` is asked for.
+class LoaderWithModule final : public DynamicLoader {
+ public:
+  LoaderWithModule(std::shared_ptr<DynamicLoader> next, std::string place, std::string file, std::string name)
+      : next_{std::move(next)}, place_{std::move(place)}, file_{std::move(file)}, name_{std::move(name)} {}
+
+  void* open(const char* path) noexcept override {
+    return next_->open(path == place_ ? file_.c_str() : path);
+  }
+  void* symbol(void* library, const char* name) noexcept override { return next_->symbol(library, name); }
+  bool close(void* library) noexcept override { return next_->close(library); }
+
+  /// The loader's text with the module's path as the user knows it.
+  std::string errorText() noexcept override {
+    std::string text = next_->errorText();
+    for (std::size_t at = text.find(file_); at != std::string::npos; at = text.find(file_, at + name_.size()))
+      text.replace(at, file_.size(), name_);
+    return text;
+  }
+
+ private:
+  std::shared_ptr<DynamicLoader> next_;
+  std::string place_;
+  std::string file_;
+  std::string name_;
+};
+
+/// What the file is, where it is no regular one.
+const char* kindOf(mode_t mode) noexcept {
+  if (S_ISDIR(mode)) return "it is a folder";
+  if (S_ISFIFO(mode)) return "it is a pipe";
+  if (S_ISSOCK(mode)) return "it is a socket";
+  return "it is a device";
+}
+
+}  // namespace
+
+std::optional<Failure> chooseModule(PlatformServices& services, const std::optional<std::string>& path) {
+  if (path && services.user->homeOf(services.user->loginName()).empty())
+    services.user = userWithHome(services.user, kNoHome);
+  const std::string home = services.user->homeOf(services.user->loginName());
+  if (home.empty()) return std::nullopt;  // The host tells.
+  const std::string place = moduleInHome(home);
+  const std::string name = path.value_or(place);
+  const std::string file = name.find('/') == std::string::npos ? "./" + name : name;
+
+  // Not opened for that: to open a pipe can wait for ever.
+  struct stat status {};
+  if (stat(file.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
+    return Failure{FailureKind::kModuleNotLoadable,
+                   "the PKCS #11 module " + printableLine(name) + " cannot be loaded", kindOf(status.st_mode),
+                   path ? "check the path given with --module"
+                        : "install the card software for this user, or name another module with --module"};
+  }
+  services.loader = std::make_shared<LoaderWithModule>(services.loader, place, file, name);
+  return std::nullopt;
+}
+
+}  // namespace mirel

@@ -1,0 +1,192 @@
+#include "host/ModuleFile.h"
+
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "host/HostTest.h"
+#include "support/TemporaryFolder.h"
+
+namespace mirel::test {
+namespace {
+
+namespace fs = std::filesystem;
+using ::testing::ElementsAre;
+using ::testing::EndsWith;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+constexpr const char* kModuleTail = "/Library/LunetLocalSignServer/libTorvo_p11v1.dylib";
+
+/// A working folder for a while.
+class ScopedWorkingFolder {
+ public:
+  explicit ScopedWorkingFolder(const fs::path& folder) : old_{fs::current_path()} {
+    fs::current_path(folder);
+  }
+  ScopedWorkingFolder(const ScopedWorkingFolder&) = delete;
+  ScopedWorkingFolder& operator=(const ScopedWorkingFolder&) = delete;
+  ~ScopedWorkingFolder() { fs::current_path(old_); }
+
+ private:
+  fs::path old_;
+};
+
+/// With the scripted module in a user's home, and a folder for other modules.
+class ModuleFile : public HostTest {
+ protected:
+  /// Why that module is not chosen; being chosen fails the test.
+  [[nodiscard]] Failure refusalOf(const std::optional<std::string>& path) {
+    PlatformServices mine = services();
+    const auto failure = chooseModule(mine, path);
+    if (!failure) {
+      ADD_FAILURE() << "the module is chosen";
+      return {};
+    }
+    expectPresentable(*failure);
+    return *failure;
+  }
+  /// What the loader is asked to open for a host with that module.
+  [[nodiscard]] std::vector<std::string> openedFor(const std::optional<std::string>& path) {
+    PlatformServices mine = services();
+    EXPECT_FALSE(chooseModule(mine, path));
+    loader->calls.clear();
+    (void)mine.loader->open((home.home() + kModuleTail).c_str());
+    return loader->calls;
+  }
+
+  TemporaryFolder folder;
+};
+
+TEST_F(ModuleFile, IsOpenedInTheModulesPlace) {
+  EXPECT_THAT(openedFor(kScriptedModule), ElementsAre(std::string{"open "} + kScriptedModule));
+}
+
+TEST_F(ModuleFile, IsUsedByAHost) {
+  const ModuleHome empty{{}};
+  PlatformServices mine = services();
+  mine.user = std::make_shared<FakeUserDirectory>("alice", empty.home());
+  ASSERT_FALSE(chooseModule(mine, kScriptedModule));
+  Host anew{mine, kScriptedModule};
+  EXPECT_TRUE(std::holds_alternative<InsertedCard>(anew.insert(Text{})));
+  leavesOpen({kCardSession});
+}
+
+TEST_F(ModuleFile, IsUsedForAUserWithoutAHome) {
+  PlatformServices mine = services();
+  mine.user = std::make_shared<FakeUserDirectory>("", "");
+  ASSERT_FALSE(chooseModule(mine, kScriptedModule));
+  Host anew{mine, kScriptedModule};
+  EXPECT_TRUE(std::holds_alternative<std::vector<Reader>>(anew.readers()));
+}
+
+TEST_F(ModuleFile, LeavesTheUserTheHome) {
+  PlatformServices mine = services();
+  ASSERT_FALSE(chooseModule(mine, kScriptedModule));
+  EXPECT_EQ(mine.user, user);
+}
+
+TEST_F(ModuleFile, IsTheOneInTheHomeWhenNoneIsNamed) {
+  PlatformServices mine = services();
+  ASSERT_FALSE(chooseModule(mine, std::nullopt));
+  Host anew{mine};
+  EXPECT_TRUE(std::holds_alternative<std::vector<Reader>>(anew.readers()));
+}
+
+TEST_F(ModuleFile, LeavesAUserWithoutAHomeToTheHost) {
+  PlatformServices mine = services();
+  mine.user = std::make_shared<FakeUserDirectory>("", "");
+  ASSERT_FALSE(chooseModule(mine, std::nullopt));
+  Host anew{mine};
+  EXPECT_THAT(failureOf(anew.readers()).what, HasSubstr("home folder"));
+}
+
+TEST_F(ModuleFile, WithoutASlashIsInTheWorkingFolder) {
+  const ScopedWorkingFolder inFolder{folder.path()};
+  // One that the loader knows, and would find by that name.
+  const std::string name = "libc.so.6";
+  PlatformServices mine = services();
+  ASSERT_FALSE(chooseModule(mine, name));
+  EXPECT_EQ(mine.loader->open((home.home() + kModuleTail).c_str()), nullptr);
+  EXPECT_THAT(mine.loader->errorText(), StartsWith(name + ": "));
+
+  fs::copy_file(kModuleWithoutEntry, folder.path() / name);
+  void* library = mine.loader->open((home.home() + kModuleTail).c_str());
+  ASSERT_NE(library, nullptr);
+  EXPECT_TRUE(mine.loader->close(library));
+}
+
+TEST_F(ModuleFile, LeavesOtherFilesToTheLoader) {
+  PlatformServices mine = services();
+  ASSERT_FALSE(chooseModule(mine, kScriptedModule));
+  loader->calls.clear();
+  EXPECT_EQ(mine.loader->open("/no/such/file"), nullptr);
+  EXPECT_THAT(loader->calls, ElementsAre("open /no/such/file"));
+}
+
+TEST_F(ModuleFile, IsNamedInTheLoadersTextAsTheUserNamedIt) {
+  const ScopedWorkingFolder inFolder{folder.path()};
+  std::ofstream{"my module.so"} << "no library";
+  // The last name holds the one before.
+  for (const std::string& name :
+       {std::string{"my module.so"}, std::string{"./my module.so"}, std::string{"././my module.so"}}) {
+    SCOPED_TRACE(name);
+    PlatformServices mine = services();
+    ASSERT_FALSE(chooseModule(mine, name));
+    Host named{mine, name};
+    const Failure failure = failureOf(named.readers());
+    EXPECT_EQ(failure.kind, FailureKind::kModuleNotLoadable);
+    EXPECT_EQ(failure.what, "the PKCS #11 module " + name + " cannot be loaded");
+    EXPECT_THAT(failure.why, StartsWith(name + ": "));
+  }
+}
+
+TEST_F(ModuleFile, ThatIsMissingIsToldByTheLoader) {
+  PlatformServices mine = services();
+  ASSERT_FALSE(chooseModule(mine, "/no/such\nmodule.so"));
+  Host named{mine, "/no/such\nmodule.so"};
+  const Failure failure = failureOf(named.readers());
+  EXPECT_EQ(failure.kind, FailureKind::kModuleNotLoadable);
+  EXPECT_THAT(failure.why, EndsWith("No such file or directory"));
+}
+
+// ---- What is no file ----
+
+TEST_F(ModuleFile, ThatIsNoRegularFileIsRefused) {
+  const std::string pipe = (folder.path() / "pipe").string();
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+  const ScopedWorkingFolder inFolder{folder.path()};  // the name of a socket must be short
+  const int descriptor = socket(AF_UNIX, SOCK_STREAM, 0);
+  sockaddr_un address{AF_UNIX, "socket"};
+  ASSERT_EQ(bind(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  (void)close(descriptor);
+  fs::create_symlink(pipe, "link");
+  const std::pair<std::string, const char*> kRows[] = {{pipe, "it is a pipe"},
+                                                       {"link", "it is a pipe"},
+                                                       {"socket", "it is a socket"},
+                                                       {"/dev/null", "it is a device"},
+                                                       {"/", "it is a folder"}};
+  for (const auto& [path, why] : kRows) {
+    SCOPED_TRACE(path);
+    const Failure failure = refusalOf(path);
+    EXPECT_EQ(failure.kind, FailureKind::kModuleNotLoadable);
+    EXPECT_EQ(failure.what, "the PKCS #11 module " + path + " cannot be loaded");
+    EXPECT_EQ(failure.why, why);
+    EXPECT_THAT(failure.whatToDo, HasSubstr("--module"));
+  }
+}
+
+TEST_F(ModuleFile, InTheHomeIsRefusedWhenItIsNoRegularFile) {
+  const ModuleHome otherHome{"/dev/null"};
+  user = std::make_shared<FakeUserDirectory>("alice", otherHome.home());
+  const Failure failure = refusalOf(std::nullopt);
+  EXPECT_THAT(failure.what, HasSubstr(otherHome.modulePath()));
+  EXPECT_EQ(failure.why, "it is a device");
+}
+
+}  // namespace
+}  // namespace mirel::test
