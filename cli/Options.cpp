@@ -92,6 +92,8 @@ void declareOptions(CLI::App& app, Options& options) {
   auto* home = app.add_option("--home", options.home, "Look for the module in this home folder");
   module->type_name("PATH")->excludes(home);
   home->type_name("DIR");
+  app.add_flag("--trust-module", options.trustModule,
+               "Load the module although somebody else may change its file");
   app.add_option("--reader", options.reader,
                  "The reader: its name, or a beginning that fits no other (default: the first with an "
                  "initialised card)")

@@ -12,7 +12,8 @@ namespace mirel::cli {
 /// What was asked for on the command line.
 struct Options {
   std::optional<std::string> modulePath;  ///< nothing: the module in the user's home
-  std::optional<std::string> home;        ///< nothing: the user's
+  bool trustModule = false;
+  std::optional<std::string> home;  ///< nothing: the user's
   std::optional<std::string> reader;
   bool json = false;
   bool verbose = false;

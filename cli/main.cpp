@@ -71,7 +71,8 @@ ExitCode run(const Options& options) {
     while (home.size() > 1 && home.back() == '/') home.pop_back();
     services.user = userWithHome(services.user, home);
   }
-  if (const auto trouble = chooseModule(services, options.modulePath)) return fail(*trouble);
+  if (const auto trouble = chooseModule(services, {options.modulePath, options.trustModule}))
+    return fail(*trouble);
   return runCommand(std::move(services), options);
 }
 

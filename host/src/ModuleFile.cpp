@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <utility>
 
+#include "ModuleTrust.h"
 #include "host/Home.h"
 #include "platform/DynamicLoader.h"
 #include "platform/Log.h"
@@ -51,25 +52,34 @@ const char* kindOf(mode_t mode) noexcept {
   return "it is a device";
 }
 
+Failure refusal(const std::string& name, const std::string& why, const std::string& whatToDo) {
+  return {FailureKind::kModuleNotLoadable, "the PKCS #11 module " + printableLine(name) + " is not loaded",
+          why, whatToDo};
+}
+
 }  // namespace
 
-std::optional<Failure> chooseModule(PlatformServices& services, const std::optional<std::string>& path) {
-  if (path && services.user->homeOf(services.user->loginName()).empty())
+std::optional<Failure> chooseModule(PlatformServices& services, const ModuleChoice& choice) {
+  if (choice.path && services.user->homeOf(services.user->loginName()).empty())
     services.user = userWithHome(services.user, kNoHome);
   const std::string home = services.user->homeOf(services.user->loginName());
   if (home.empty()) return std::nullopt;  // The host tells.
   const std::string place = moduleInHome(home);
-  const std::string name = path.value_or(place);
-  const std::string file = name.find('/') == std::string::npos ? "./" + name : name;
+  const std::string name = choice.path.value_or(place);
+  const TracedFile traced = traceFile(name);
+  std::string file = traced.path;
+  if (file.empty()) file = name.find('/') == std::string::npos ? "./" + name : name;
 
   // Not opened for that: to open a pipe can wait for ever.
   struct stat status {};
   if (stat(file.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
-    return Failure{FailureKind::kModuleNotLoadable,
-                   "the PKCS #11 module " + printableLine(name) + " cannot be loaded", kindOf(status.st_mode),
-                   path ? "check the path given with --module"
-                        : "install the card software for this user, or name another module with --module"};
+    return refusal(name, kindOf(status.st_mode),
+                   choice.path
+                       ? "check the path given with --module"
+                       : "install the card software for this user, or name another module with --module");
   }
+  if (!traced.trouble.empty() && !choice.trusted)
+    return refusal(name, traced.trouble, "take that right away, or load it all the same with --trust-module");
   services.loader = std::make_shared<LoaderWithModule>(services.loader, place, file, name);
   return std::nullopt;
 }

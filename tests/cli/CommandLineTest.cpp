@@ -51,8 +51,8 @@ TEST_F(CommandLine, TellsItsVersion) {
 TEST_F(CommandLine, HelpNamesEveryCommandAndOption) {
   const Result result = runAlone({"--help"});
   expectSuccess(result);
-  for (const char* word :
-       {"--module", "--home", "--reader", "--json", "-v,--verbose", "--version", "-h,--help"}) {
+  for (const char* word : {"--module", "--home", "--trust-module", "--reader", "--json", "-v,--verbose",
+                           "--version", "-h,--help"}) {
     EXPECT_THAT(result.out, HasSubstr(word));
   }
   for (const char* command : kCommands) {

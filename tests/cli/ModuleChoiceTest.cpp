@@ -219,6 +219,28 @@ TEST_F(ModuleChoice, FailsAtOnceForAPipe) {
                 {"module " + pipe.string() + " ", "it is a pipe", "--module"});
 }
 
+TEST_F(ModuleChoice, RefusesAModuleThatSomebodyElseMayChangeUnlessItIsTrusted) {
+  makeCards(kOneCard);
+  const fs::path writable = folder() / "writable";
+  fs::create_directory(writable);
+  fs::create_symlink(softHsmModule(), writable / "module.so");
+  const ModuleHome home{writable / "module.so"};
+  ASSERT_EQ(chmod(writable.c_str(), 0777), 0);
+  for (const std::vector<std::string>& choice :
+       {std::vector<std::string>{"--module", (writable / "module.so").string()}, {"--home", home.home()}}) {
+    SCOPED_TRACE(choice.front());
+    std::vector<std::string> arguments{"items", "--json"};
+    arguments.insert(arguments.end(), choice.begin(), choice.end());
+    expectFailure(run(invocation(arguments)), 3,
+                  {"somebody else may change the folder " + writable.string() + ", which belongs to ",
+                   "has mode 0777", "--trust-module"});
+    arguments.emplace_back("--trust-module");
+    const Result result = run(invocation(arguments));
+    expectSuccess(result);
+    EXPECT_EQ(result.out, expectedItems());
+  }
+}
+
 struct UselessModule {
   const char* name;
   std::string path;

@@ -42,7 +42,7 @@ class ModuleFile : public HostTest {
   /// Why that module is not chosen; being chosen fails the test.
   [[nodiscard]] Failure refusalOf(const std::optional<std::string>& path) {
     PlatformServices mine = services();
-    const auto failure = chooseModule(mine, path);
+    const auto failure = chooseModule(mine, {path});
     if (!failure) {
       ADD_FAILURE() << "the module is chosen";
       return {};
@@ -53,7 +53,7 @@ class ModuleFile : public HostTest {
   /// What the loader is asked to open for a host with that module.
   [[nodiscard]] std::vector<std::string> openedFor(const std::optional<std::string>& path) {
     PlatformServices mine = services();
-    EXPECT_FALSE(chooseModule(mine, path));
+    EXPECT_FALSE(chooseModule(mine, {path, true}));
     loader->calls.clear();
     (void)mine.loader->open((home.home() + kModuleTail).c_str());
     return loader->calls;
@@ -63,14 +63,14 @@ class ModuleFile : public HostTest {
 };
 
 TEST_F(ModuleFile, IsOpenedInTheModulesPlace) {
-  EXPECT_THAT(openedFor(kScriptedModule), ElementsAre(std::string{"open "} + kScriptedModule));
+  EXPECT_THAT(openedFor(kScriptedModule), ElementsAre("open " + fs::canonical(kScriptedModule).string()));
 }
 
 TEST_F(ModuleFile, IsUsedByAHost) {
   const ModuleHome empty{{}};
   PlatformServices mine = services();
   mine.user = std::make_shared<FakeUserDirectory>("alice", empty.home());
-  ASSERT_FALSE(chooseModule(mine, kScriptedModule));
+  ASSERT_FALSE(chooseModule(mine, {kScriptedModule, true}));
   Host anew{mine, kScriptedModule};
   EXPECT_TRUE(std::holds_alternative<InsertedCard>(anew.insert(Text{})));
   leavesOpen({kCardSession});
@@ -79,20 +79,20 @@ TEST_F(ModuleFile, IsUsedByAHost) {
 TEST_F(ModuleFile, IsUsedForAUserWithoutAHome) {
   PlatformServices mine = services();
   mine.user = std::make_shared<FakeUserDirectory>("", "");
-  ASSERT_FALSE(chooseModule(mine, kScriptedModule));
+  ASSERT_FALSE(chooseModule(mine, {kScriptedModule, true}));
   Host anew{mine, kScriptedModule};
   EXPECT_TRUE(std::holds_alternative<std::vector<Reader>>(anew.readers()));
 }
 
 TEST_F(ModuleFile, LeavesTheUserTheHome) {
   PlatformServices mine = services();
-  ASSERT_FALSE(chooseModule(mine, kScriptedModule));
+  ASSERT_FALSE(chooseModule(mine, {kScriptedModule, true}));
   EXPECT_EQ(mine.user, user);
 }
 
 TEST_F(ModuleFile, IsTheOneInTheHomeWhenNoneIsNamed) {
   PlatformServices mine = services();
-  ASSERT_FALSE(chooseModule(mine, std::nullopt));
+  ASSERT_FALSE(chooseModule(mine, {std::nullopt, true}));
   Host anew{mine};
   EXPECT_TRUE(std::holds_alternative<std::vector<Reader>>(anew.readers()));
 }
@@ -100,7 +100,7 @@ TEST_F(ModuleFile, IsTheOneInTheHomeWhenNoneIsNamed) {
 TEST_F(ModuleFile, LeavesAUserWithoutAHomeToTheHost) {
   PlatformServices mine = services();
   mine.user = std::make_shared<FakeUserDirectory>("", "");
-  ASSERT_FALSE(chooseModule(mine, std::nullopt));
+  ASSERT_FALSE(chooseModule(mine, {std::nullopt, true}));
   Host anew{mine};
   EXPECT_THAT(failureOf(anew.readers()).what, HasSubstr("home folder"));
 }
@@ -110,7 +110,7 @@ TEST_F(ModuleFile, WithoutASlashIsInTheWorkingFolder) {
   // One that the loader knows, and would find by that name.
   const std::string name = "libc.so.6";
   PlatformServices mine = services();
-  ASSERT_FALSE(chooseModule(mine, name));
+  ASSERT_FALSE(chooseModule(mine, {name, true}));
   EXPECT_EQ(mine.loader->open((home.home() + kModuleTail).c_str()), nullptr);
   EXPECT_THAT(mine.loader->errorText(), StartsWith(name + ": "));
 
@@ -122,7 +122,7 @@ TEST_F(ModuleFile, WithoutASlashIsInTheWorkingFolder) {
 
 TEST_F(ModuleFile, LeavesOtherFilesToTheLoader) {
   PlatformServices mine = services();
-  ASSERT_FALSE(chooseModule(mine, kScriptedModule));
+  ASSERT_FALSE(chooseModule(mine, {kScriptedModule, true}));
   loader->calls.clear();
   EXPECT_EQ(mine.loader->open("/no/such/file"), nullptr);
   EXPECT_THAT(loader->calls, ElementsAre("open /no/such/file"));
@@ -136,7 +136,7 @@ TEST_F(ModuleFile, IsNamedInTheLoadersTextAsTheUserNamedIt) {
        {std::string{"my module.so"}, std::string{"./my module.so"}, std::string{"././my module.so"}}) {
     SCOPED_TRACE(name);
     PlatformServices mine = services();
-    ASSERT_FALSE(chooseModule(mine, name));
+    ASSERT_FALSE(chooseModule(mine, {name, true}));
     Host named{mine, name};
     const Failure failure = failureOf(named.readers());
     EXPECT_EQ(failure.kind, FailureKind::kModuleNotLoadable);
@@ -147,11 +147,39 @@ TEST_F(ModuleFile, IsNamedInTheLoadersTextAsTheUserNamedIt) {
 
 TEST_F(ModuleFile, ThatIsMissingIsToldByTheLoader) {
   PlatformServices mine = services();
-  ASSERT_FALSE(chooseModule(mine, "/no/such\nmodule.so"));
+  ASSERT_FALSE(chooseModule(mine, {"/no/such\nmodule.so"}));
   Host named{mine, "/no/such\nmodule.so"};
   const Failure failure = failureOf(named.readers());
   EXPECT_EQ(failure.kind, FailureKind::kModuleNotLoadable);
   EXPECT_THAT(failure.why, EndsWith("No such file or directory"));
+}
+
+TEST_F(ModuleFile, BehindLinksIsOpenedByItsOwnPath) {
+  fs::create_symlink(kScriptedModule, folder.path() / "link.so");
+  EXPECT_THAT(openedFor(folder.path() / "link.so"),
+              ElementsAre("open " + fs::canonical(kScriptedModule).string()));
+}
+
+// ---- What somebody else may change ----
+
+TEST_F(ModuleFile, ThatSomebodyElseMayChangeIsRefusedUnlessItIsTrusted) {
+  const std::string path = (folder.path() / "module.so").string();
+  fs::copy_file(kModuleWithoutEntry, path);
+  ASSERT_EQ(chmod(path.c_str(), 0666), 0);
+  const Failure failure = refusalOf(path);
+  EXPECT_EQ(failure.kind, FailureKind::kModuleNotLoadable);
+  EXPECT_EQ(failure.what, "the PKCS #11 module " + path + " is not loaded");
+  EXPECT_THAT(failure.why, HasSubstr("somebody else may change the file " + path));
+  EXPECT_THAT(failure.whatToDo, HasSubstr("--trust-module"));
+  EXPECT_THAT(openedFor(path), ElementsAre("open " + path));
+}
+
+TEST_F(ModuleFile, InTheHomeThatSomebodyElseMayChangeIsRefusedUnlessItIsTrusted) {
+  ASSERT_EQ(chmod((home.home() + "/Library").c_str(), 0777), 0);
+  const Failure failure = refusalOf(std::nullopt);
+  EXPECT_THAT(failure.what, HasSubstr(home.modulePath()));
+  EXPECT_THAT(failure.why, HasSubstr("the folder " + home.home() + "/Library,"));
+  EXPECT_THAT(openedFor(std::nullopt), ElementsAre("open " + fs::canonical(kScriptedModule).string()));
 }
 
 // ---- What is no file ----
@@ -174,7 +202,7 @@ TEST_F(ModuleFile, ThatIsNoRegularFileIsRefused) {
     SCOPED_TRACE(path);
     const Failure failure = refusalOf(path);
     EXPECT_EQ(failure.kind, FailureKind::kModuleNotLoadable);
-    EXPECT_EQ(failure.what, "the PKCS #11 module " + path + " cannot be loaded");
+    EXPECT_EQ(failure.what, "the PKCS #11 module " + path + " is not loaded");
     EXPECT_EQ(failure.why, why);
     EXPECT_THAT(failure.whatToDo, HasSubstr("--module"));
   }

@@ -9,15 +9,24 @@
 
 namespace mirel {
 
-/// Has the loader of `services` open the file `path` where the card layer looks for its module: in the user's
-/// home. Nothing is written to disk. The loader's error texts name the file as `path` does. Nothing when that
-/// could be arranged; also when there is no such file, which the loader then tells.
+/// What a user says about the PKCS #11 module of a run.
+struct ModuleChoice {
+  /// The module's file; without a slash it is one in the working folder, never one in the loader's folders.
+  /// Nothing: the module in the home.
+  std::optional<std::string> path;
+
+  /// It is loaded although somebody else may change it.
+  bool trusted = false;
+};
+
+/// Has the loader of `services` open the chosen file where the card layer looks for its module: in the user's
+/// home. Nothing is written to disk. The loader's error texts name the file as the user does. Nothing when
+/// that could be arranged; also when there is no such file, which the loader then tells.
 ///
-/// Fails for what is no regular file.
-///
-/// `path`: the module's file; without a slash it is one in the working folder, never one in the loader's
-/// folders. Nothing: the module in the home.
-[[nodiscard]] std::optional<Failure> chooseModule(PlatformServices& services,
-                                                  const std::optional<std::string>& path);
+/// Fails for what is no regular file. Fails for a file that is not trusted and that somebody else may change:
+/// the module gets the PIN, and runs with the rights of this user. What is looked at, and what is not (access
+/// control lists), stands in ModuleTrust.h. What is looked at is also what is opened: the file behind all
+/// links.
+[[nodiscard]] std::optional<Failure> chooseModule(PlatformServices& services, const ModuleChoice& choice);
 
 }  // namespace mirel

@@ -1,0 +1,25 @@
+#pragma once
+
+#include <string>
+
+namespace mirel {
+
+/// A file, and who may change what stands under its name.
+struct TracedFile {
+  std::string path;     ///< absolute and without links; empty: there is no such file
+  std::string trouble;  ///< how somebody else may change it, for the user; empty: nobody may
+};
+
+/// Follows `path` from the root folder to the file as the system does, and looks at every folder and link on
+/// the way: those of the path and those to which its links lead.
+///
+/// Somebody else may change the file when it, or something on the way, belongs neither to this user nor to
+/// root, or when its mode lets the group or others write to it. A folder with the sticky bit, such as /tmp,
+/// is no trouble by its mode: only the owner of an entry can replace it there, and the entry that is taken
+/// must belong to this user or root, as everywhere.
+///
+/// Looks at modes and owners alone. Access control lists, and what the modes of a mounted file system do not
+/// tell, are not looked at.
+[[nodiscard]] TracedFile traceFile(const std::string& path);
+
+}  // namespace mirel
