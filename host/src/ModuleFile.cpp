@@ -2,9 +2,11 @@
 
 #include <sys/stat.h>
 
-#include <cstdlib>
+#include <fstream>
 #include <utility>
+#include <vector>
 
+#include "LibraryHeader.h"
 #include "ModuleTrust.h"
 #include "host/Home.h"
 #include "platform/DynamicLoader.h"
@@ -52,6 +54,15 @@ const char* kindOf(mode_t mode) noexcept {
   return "it is a device";
 }
 
+/// As many bytes as can be had from the start of the file, at most what is looked at.
+std::vector<std::uint8_t> startOf(const std::string& file) {
+  std::vector<std::uint8_t> start(kLibraryHeaderSize);
+  std::ifstream in{file, std::ios::binary};
+  in.read(reinterpret_cast<char*>(start.data()), static_cast<std::streamsize>(start.size()));
+  start.resize(static_cast<std::size_t>(in.gcount()));
+  return start;
+}
+
 Failure refusal(const std::string& name, const std::string& why, const std::string& whatToDo) {
   return {FailureKind::kModuleNotLoadable, "the PKCS #11 module " + printableLine(name) + " is not loaded",
           why, whatToDo};
@@ -80,6 +91,8 @@ std::optional<Failure> chooseModule(PlatformServices& services, const ModuleChoi
   }
   if (!traced.trouble.empty() && !choice.trusted)
     return refusal(name, traced.trouble, "take that right away, or load it all the same with --trust-module");
+  if (const std::string trouble = targetTrouble(startOf(file), ownImageStart()); !trouble.empty())
+    return refusal(name, trouble, "get the module for this system from its maker");
   services.loader = std::make_shared<LoaderWithModule>(services.loader, place, file, name);
   return std::nullopt;
 }

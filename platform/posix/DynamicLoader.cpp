@@ -30,4 +30,13 @@ class DlDynamicLoader final : public DynamicLoader {
 
 std::shared_ptr<DynamicLoader> systemDynamicLoader() { return std::make_shared<DlDynamicLoader>(); }
 
+std::span<const std::uint8_t> ownImageStart() noexcept {
+  // The smallest header, that of a Mach-O file of 32 bits.
+  constexpr std::size_t kSmallestHeader = 28;  // bytes
+  Dl_info image{};
+  const auto* anything = reinterpret_cast<const void*>(&systemDynamicLoader);
+  if (dladdr(anything, &image) == 0 || !image.dli_fbase) return {};
+  return {static_cast<const std::uint8_t*>(image.dli_fbase), kSmallestHeader};
+}
+
 }  // namespace mirel

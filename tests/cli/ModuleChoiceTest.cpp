@@ -241,6 +241,22 @@ TEST_F(ModuleChoice, RefusesAModuleThatSomebodyElseMayChangeUnlessItIsTrusted) {
   }
 }
 
+TEST_F(ModuleChoice, NamesTheProcessorThatTheModuleIsFor) {
+  // The program's own header, but for a processor that nobody has.
+  std::string library = contentOf(MIREL_MIRELTOKEN);
+  ASSERT_TRUE(
+      library.starts_with("\x7F"
+                          "ELF"));
+  library[18] = library[19] = '\x27';
+  const fs::path module = folder() / "module.so";
+  std::ofstream{module, std::ios::binary} << library;
+  expectFailure(run(invocation({"items", "--module", module.string()})), 3,
+                {"module " + module.string() + " ", "the module is for machine 10023, this program is "});
+  const ModuleHome home{module};
+  expectFailure(run(invocation({"items", "--home", home.home()})), 3,
+                {"module " + home.modulePath() + " ", "the module is for machine 10023, this program is "});
+}
+
 struct UselessModule {
   const char* name;
   std::string path;

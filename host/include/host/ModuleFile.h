@@ -23,10 +23,10 @@ struct ModuleChoice {
 /// home. Nothing is written to disk. The loader's error texts name the file as the user does. Nothing when
 /// that could be arranged; also when there is no such file, which the loader then tells.
 ///
-/// Fails for what is no regular file. Fails for a file that is not trusted and that somebody else may change:
-/// the module gets the PIN, and runs with the rights of this user. What is looked at, and what is not (access
-/// control lists), stands in ModuleTrust.h. What is looked at is also what is opened: the file behind all
-/// links.
+/// Fails for what is no regular file, and for a library whose header says that it is for other systems. Fails
+/// for a file that is not trusted and that somebody else may change: the module gets the PIN, and runs with
+/// the rights of this user. What is looked at, and what is not (access control lists), stands in
+/// ModuleTrust.h. What is looked at is also what is opened: the file behind all links.
 [[nodiscard]] std::optional<Failure> chooseModule(PlatformServices& services, const ModuleChoice& choice);
 
 }  // namespace mirel

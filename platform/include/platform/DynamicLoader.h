@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
+#include <span>
 #include <string>
 
 namespace mirel {
@@ -29,5 +31,9 @@ class DynamicLoader {
 
 /// The loader of the running system.
 [[nodiscard]] std::shared_ptr<DynamicLoader> systemDynamicLoader();
+
+/// The first bytes of the image that this code was loaded from, as its file has them: the start of its
+/// header, from which can be read what it was built for. Empty when the system does not tell.
+[[nodiscard]] std::span<const std::uint8_t> ownImageStart() noexcept;
 
 }  // namespace mirel

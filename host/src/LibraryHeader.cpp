@@ -1,0 +1,139 @@
+#include "LibraryHeader.h"
+
+#include <algorithm>
+#include <optional>
+
+namespace mirel {
+namespace {
+
+constexpr std::uint32_t kElfMagic = 0x7F454C46;  // the magic numbers as bytes in their order in the file
+constexpr std::uint32_t kMachO32 = 0xFEEDFACE;
+constexpr std::uint32_t kMachO64 = 0xFEEDFACF;
+constexpr std::uint32_t kMachO32Swapped = 0xCEFAEDFE;
+constexpr std::uint32_t kMachO64Swapped = 0xCFFAEDFE;
+constexpr std::uint32_t kUniversal32 = 0xCAFEBABE;
+constexpr std::uint32_t kUniversal64 = 0xCAFEBABF;
+
+/// Java's class files begin as universal ones do; there the number of slices is a version of 45 and more.
+constexpr std::uint32_t kMostSlices = 40;
+
+constexpr std::uint32_t kMachO64BitFlag = 0x01000000;  // in a cputype
+
+/// Reads numbers within the bytes.
+class Header {
+ public:
+  explicit Header(std::span<const std::uint8_t> bytes) : bytes_{bytes} {}
+
+  /// The number of `size` bytes (4 at most) at `at`; nothing behind the end.
+  [[nodiscard]] std::optional<std::uint32_t> number(std::size_t at, std::size_t size, bool bigEndian) const {
+    if (at > bytes_.size() || bytes_.size() - at < size) return std::nullopt;
+    std::uint32_t value = 0;
+    for (std::size_t i = 0; i < size; ++i)
+      value = (value << 8U) | bytes_[at + (bigEndian ? i : size - 1 - i)];
+    return value;
+  }
+
+ private:
+  std::span<const std::uint8_t> bytes_;
+};
+
+std::vector<LibraryTarget> elfTarget(const Header& header) {
+  const auto fileClass = header.number(4, 1, true);
+  const auto order = header.number(5, 1, true);
+  if (!fileClass || !order || *fileClass < 1 || *fileClass > 2 || *order < 1 || *order > 2) return {};
+  const bool isBigEndian = *order == 2;
+  const auto machine = header.number(18, 2, isBigEndian);
+  if (!machine) return {};
+  return {{LibraryFormat::kElf, *machine, *fileClass == 2, isBigEndian}};
+}
+
+LibraryTarget machOTarget(std::uint32_t cpuType, bool isBigEndian) {
+  return {LibraryFormat::kMachO, cpuType, (cpuType & kMachO64BitFlag) != 0, isBigEndian};
+}
+
+std::vector<LibraryTarget> thinTarget(const Header& header, bool isBigEndian) {
+  const auto cpuType = header.number(4, 4, isBigEndian);
+  if (!cpuType) return {};
+  return {machOTarget(*cpuType, isBigEndian)};
+}
+
+/// The table is big-endian; of the slices' own byte order it says nothing, so theirs is that of their
+/// processors.
+std::vector<LibraryTarget> universalTargets(const Header& header, std::size_t entrySize) {
+  constexpr std::uint32_t kPowerPC = 18;
+  const auto count = header.number(4, 4, true);
+  if (!count || *count > kMostSlices) return {};
+  std::vector<LibraryTarget> targets;
+  for (std::size_t i = 0; i < *count; ++i) {
+    const auto cpuType = header.number(8 + i * entrySize, 4, true);
+    if (!cpuType) return {};
+    targets.push_back(machOTarget(*cpuType, (*cpuType & ~kMachO64BitFlag) == kPowerPC));
+  }
+  return targets;
+}
+
+struct MachineName {
+  LibraryFormat format;
+  std::uint32_t machine;
+  const char* name;
+};
+
+constexpr MachineName kMachineNames[] = {
+    {LibraryFormat::kElf, 2, "sparc"},      {LibraryFormat::kElf, 3, "i386"},
+    {LibraryFormat::kElf, 8, "mips"},       {LibraryFormat::kElf, 20, "powerpc"},
+    {LibraryFormat::kElf, 21, "powerpc64"}, {LibraryFormat::kElf, 22, "s390"},
+    {LibraryFormat::kElf, 40, "arm"},       {LibraryFormat::kElf, 43, "sparc64"},
+    {LibraryFormat::kElf, 62, "x86-64"},    {LibraryFormat::kElf, 183, "aarch64"},
+    {LibraryFormat::kElf, 243, "riscv"},    {LibraryFormat::kElf, 258, "loongarch"},
+    {LibraryFormat::kMachO, 7, "i386"},     {LibraryFormat::kMachO, 0x01000007, "x86-64"},
+    {LibraryFormat::kMachO, 12, "arm"},     {LibraryFormat::kMachO, 0x0100000C, "aarch64"},
+    {LibraryFormat::kMachO, 18, "powerpc"}, {LibraryFormat::kMachO, 0x01000012, "powerpc64"},
+};
+
+std::string machineName(const LibraryTarget& target) {
+  const auto* found = std::find_if(std::begin(kMachineNames), std::end(kMachineNames), [&](const auto& row) {
+    return row.format == target.format && row.machine == target.machine;
+  });
+  return found == std::end(kMachineNames) ? "machine " + std::to_string(target.machine) : found->name;
+}
+
+/// With what `other` has as well, if the name alone does not tell them apart.
+std::string nameBeside(const LibraryTarget& target, const LibraryTarget& other) {
+  std::string name = machineName(target);
+  if (target.format != other.format)
+    return name + (target.format == LibraryFormat::kElf ? " (ELF)" : " (Mach-O)");
+  if (name != machineName(other)) return name;
+  return name + (target.is64Bit ? " (64 bits, " : " (32 bits, ") +
+         (target.isBigEndian ? "big-endian)" : "little-endian)");
+}
+
+}  // namespace
+
+std::vector<LibraryTarget> targetsOf(std::span<const std::uint8_t> start) {
+  const Header header{start};
+  switch (header.number(0, 4, true).value_or(0)) {
+    case kElfMagic: return elfTarget(header);
+    case kMachO32:
+    case kMachO64: return thinTarget(header, true);
+    case kMachO32Swapped:
+    case kMachO64Swapped: return thinTarget(header, false);
+    case kUniversal32: return universalTargets(header, 20);
+    case kUniversal64: return universalTargets(header, 32);
+    default: return {};
+  }
+}
+
+std::string targetTrouble(std::span<const std::uint8_t> library, std::span<const std::uint8_t> program) {
+  const std::vector<LibraryTarget> targets = targetsOf(library);
+  const std::vector<LibraryTarget> own = targetsOf(program);
+  if (targets.empty() || own.size() != 1) return {};
+  if (std::find(targets.begin(), targets.end(), own.front()) != targets.end()) return {};
+  std::string text = "the module is for ";
+  for (const LibraryTarget& target : targets) {
+    if (&target != &targets.front()) text += " and ";
+    text += nameBeside(target, own.front());
+  }
+  return text + ", this program is " + nameBeside(own.front(), targets.front());
+}
+
+}  // namespace mirel

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace mirel {
+
+enum class LibraryFormat { kElf, kMachO };
+
+/// What a shared library or a program was built for.
+struct LibraryTarget {
+  LibraryFormat format;
+  std::uint32_t machine = 0;  ///< e_machine of ELF, or the cputype of Mach-O
+  bool is64Bit = false;
+  bool isBigEndian = false;
+
+  [[nodiscard]] friend bool operator==(const LibraryTarget&, const LibraryTarget&) = default;
+};
+
+/// As many bytes of a file as `targetsOf` may look at.
+inline constexpr std::size_t kLibraryHeaderSize = 1024;
+
+/// What the file with these first bytes was built for: one target of an ELF file (System V ABI, chapter 4) or
+/// a Mach-O file, all of a universal one. Empty when the bytes do not tell; also when they end too early.
+[[nodiscard]] std::vector<LibraryTarget> targetsOf(std::span<const std::uint8_t> start);
+
+/// Why a program cannot load the library, by the first bytes of both: "the module is for aarch64, this
+/// program is x86-64". Empty when they say nothing against it, or nothing at all.
+[[nodiscard]] std::string targetTrouble(std::span<const std::uint8_t> library,
+                                        std::span<const std::uint8_t> program);
+
+}  // namespace mirel

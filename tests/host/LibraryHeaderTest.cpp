@@ -1,0 +1,153 @@
+#include "LibraryHeader.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "platform/DynamicLoader.h"
+
+namespace mirel::test {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::SizeIs;
+
+using Header = std::vector<std::uint8_t>;
+
+constexpr std::uint32_t kX8664 = 62;
+constexpr std::uint32_t kAarch64 = 183;
+constexpr std::uint32_t kMachX8664 = 0x01000007;
+constexpr std::uint32_t kMachAarch64 = 0x0100000C;
+
+void append(Header& out, std::uint32_t number, std::size_t size, bool bigEndian) {
+  for (std::size_t i = 0; i < size; ++i) {
+    const std::size_t shift = 8 * (bigEndian ? size - 1 - i : i);
+    out.push_back(static_cast<std::uint8_t>(number >> shift));
+  }
+}
+
+/// The first 20 bytes of an ELF file.
+Header elf(std::uint32_t machine, std::uint8_t fileClass = 2, std::uint8_t order = 1) {
+  Header header{0x7F, 'E', 'L', 'F', fileClass, order, 1};
+  header.resize(16);
+  append(header, 3, 2, order == 2);
+  append(header, machine, 2, order == 2);
+  return header;
+}
+
+/// The first 8 bytes of a Mach-O file.
+Header machO(std::uint32_t magic, std::uint32_t cpuType, bool bigEndian = false) {
+  Header header;
+  append(header, magic, 4, bigEndian);
+  append(header, cpuType, 4, bigEndian);
+  return header;
+}
+
+/// A universal Mach-O file up to the end of its table.
+Header universal(const std::vector<std::uint32_t>& cpuTypes, bool is64Bit = false) {
+  Header header;
+  append(header, is64Bit ? 0xCAFEBABFU : 0xCAFEBABEU, 4, true);
+  append(header, static_cast<std::uint32_t>(cpuTypes.size()), 4, true);
+  for (const std::uint32_t cpuType : cpuTypes) {
+    append(header, cpuType, 4, true);
+    header.resize(header.size() + (is64Bit ? 28 : 16));
+  }
+  return header;
+}
+
+TEST(LibraryHeader, TellsWhatAnElfFileIsFor) {
+  EXPECT_THAT(targetsOf(elf(kX8664)), ElementsAre(LibraryTarget{LibraryFormat::kElf, kX8664, true, false}));
+  EXPECT_THAT(targetsOf(elf(22, 2, 2)), ElementsAre(LibraryTarget{LibraryFormat::kElf, 22, true, true}));
+  EXPECT_THAT(targetsOf(elf(3, 1, 1)), ElementsAre(LibraryTarget{LibraryFormat::kElf, 3, false, false}));
+}
+
+TEST(LibraryHeader, TellsWhatAMachOFileIsFor) {
+  EXPECT_THAT(targetsOf(machO(0xFEEDFACF, kMachAarch64)),
+              ElementsAre(LibraryTarget{LibraryFormat::kMachO, kMachAarch64, true, false}));
+  EXPECT_THAT(targetsOf(machO(0xFEEDFACE, 7)),
+              ElementsAre(LibraryTarget{LibraryFormat::kMachO, 7, false, false}));
+  EXPECT_THAT(targetsOf(machO(0xFEEDFACE, 18, true)),
+              ElementsAre(LibraryTarget{LibraryFormat::kMachO, 18, false, true}));
+}
+
+TEST(LibraryHeader, TellsAllThatAUniversalFileIsFor) {
+  for (const bool is64Bit : {false, true}) {
+    EXPECT_THAT(targetsOf(universal({kMachX8664, kMachAarch64}, is64Bit)),
+                ElementsAre(LibraryTarget{LibraryFormat::kMachO, kMachX8664, true, false},
+                            LibraryTarget{LibraryFormat::kMachO, kMachAarch64, true, false}));
+  }
+}
+
+TEST(LibraryHeader, TellsNothingWhenItEndsTooEarly) {
+  for (const Header& whole : {elf(kX8664), machO(0xFEEDFACF, kMachAarch64)}) {
+    for (std::size_t size = 0; size < whole.size(); ++size) {
+      SCOPED_TRACE(size);
+      EXPECT_THAT(targetsOf(std::span{whole}.first(size)), IsEmpty());
+    }
+    EXPECT_THAT(targetsOf(whole), SizeIs(1));
+  }
+  const Header whole = universal({kMachX8664, kMachAarch64});
+  for (std::size_t size = 0; size < 8 + 20 + 4; ++size) {
+    SCOPED_TRACE(size);
+    EXPECT_THAT(targetsOf(std::span{whole}.first(size)), IsEmpty());
+  }
+}
+
+TEST(LibraryHeader, TellsNothingOfOtherFiles) {
+  Header javaClass{0xCA, 0xFE, 0xBA, 0xBE, 0x00, 0x00, 0x00, 0x34};
+  javaClass.resize(kLibraryHeaderSize);
+  Header manySlices{0xCA, 0xFE, 0xBA, 0xBE, 0xFF, 0xFF, 0xFF, 0xFF};
+  manySlices.resize(kLibraryHeaderSize);
+  const Header kRows[] = {{},
+                          Header(kLibraryHeaderSize),
+                          Header(kLibraryHeaderSize, 0xFF),
+                          {'#', '!', '/', 'b', 'i', 'n'},
+                          javaClass,
+                          manySlices,
+                          universal({}),
+                          elf(kX8664, 0),
+                          elf(kX8664, 3),
+                          elf(kX8664, 2, 0),
+                          elf(kX8664, 2, 3)};
+  for (const Header& header : kRows) EXPECT_THAT(targetsOf(header), IsEmpty());
+}
+
+TEST(LibraryTargets, AreNamedWhenTheyDiffer) {
+  struct Row {
+    Header library;
+    Header program;
+    const char* trouble;
+  };
+  const Row kRows[] = {
+      {elf(kAarch64), elf(kX8664), "the module is for aarch64, this program is x86-64"},
+      {elf(3, 1), elf(kX8664), "the module is for i386, this program is x86-64"},
+      {elf(kX8664, 1), elf(kX8664),
+       "the module is for x86-64 (32 bits, little-endian), this program is x86-64 (64 bits, little-endian)"},
+      {elf(kAarch64, 2, 2), elf(kAarch64),
+       "the module is for aarch64 (64 bits, big-endian), this program is aarch64 (64 bits, little-endian)"},
+      {elf(9999), elf(kX8664), "the module is for machine 9999, this program is x86-64"},
+      {machO(0xFEEDFACF, kMachAarch64), elf(kX8664),
+       "the module is for aarch64 (Mach-O), this program is x86-64 (ELF)"},
+      {machO(0xFEEDFACF, kMachX8664), machO(0xFEEDFACF, kMachAarch64),
+       "the module is for x86-64, this program is aarch64"},
+      {universal({7, kMachX8664}), machO(0xFEEDFACF, kMachAarch64),
+       "the module is for i386 and x86-64, this program is aarch64"},
+  };
+  for (const Row& row : kRows) EXPECT_EQ(targetTrouble(row.library, row.program), row.trouble);
+}
+
+TEST(LibraryTargets, AreNoTroubleWhenOneOfThemFits) {
+  EXPECT_EQ(targetTrouble(elf(kX8664), elf(kX8664)), "");
+  EXPECT_EQ(targetTrouble(machO(0xFEEDFACF, kMachAarch64), machO(0xFEEDFACF, kMachAarch64)), "");
+  EXPECT_EQ(targetTrouble(universal({kMachX8664, kMachAarch64}), machO(0xFEEDFACF, kMachAarch64)), "");
+}
+
+TEST(LibraryTargets, AreNoTroubleWhenNothingIsTold) {
+  EXPECT_EQ(targetTrouble({}, elf(kX8664)), "");
+  EXPECT_EQ(targetTrouble(elf(kX8664), {}), "");
+}
+
+TEST(LibraryTargets, OfThisProgramAreKnown) { EXPECT_THAT(targetsOf(ownImageStart()), SizeIs(1)); }
+
+}  // namespace
+}  // namespace mirel::test
