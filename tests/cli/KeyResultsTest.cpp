@@ -171,10 +171,10 @@ TEST_F(Login, SaysThatThePinIsRight) {
 }
 
 TEST_F(Login, SaysThatThePinIsWrongAndWhatTheCardSaysOfIt) {
-  expectFailure(
-      logInWith(kWrongPin), 7,
-      {"The card did not accept the PIN (tries left: 0): C_Login answered CKR_PIN_INCORRECT (0xA0), "
-       "a wrong PIN was entered since the last right one; enter the PIN of this card"});
+  expectFailure(logInWith(kWrongPin), 7,
+                {"The card did not accept the PIN (tries left: 0; 0 means that the card's software does not "
+                 "say): C_Login answered CKR_PIN_INCORRECT (0xA0), "
+                 "a wrong PIN was entered since the last right one; enter the PIN of this card"});
 }
 
 TEST_F(Login, SaysWhatWasBefore) {
@@ -210,13 +210,26 @@ TEST_F(Login, SpeaksTheLanguageOfTheUser) {
     const char* text;
   };
   const std::array rows{
-      Row{nullptr, "de", "mireltoken: Die Karte hat die PIN nicht akzeptiert (verbleibende Versuche: 0): "},
-      Row{nullptr, "xx", "mireltoken: The card did not accept the PIN (tries left: 0): "},
+      Row{nullptr, "de",
+          "mireltoken: Die Karte hat die PIN nicht akzeptiert (verbleibende Versuche: 0; 0 hei\xC3\x9Ft, "
+          "dass "
+          "die Software der Karte keine Angabe macht): "},
+      Row{nullptr, "xx",
+          "mireltoken: The card did not accept the PIN (tries left: 0; 0 means that the card's software does "
+          "not say): "},
       Row{nullptr, "xx:de",
-          "mireltoken: Die Karte hat die PIN nicht akzeptiert (verbleibende Versuche: 0): "},
-      Row{nullptr, "", "mireltoken: The card did not accept the PIN (tries left: 0): "},
-      Row{"C", "de", "mireltoken: The card did not accept the PIN (tries left: 0): "},
-      Row{"xx_XX.UTF-8", "de", "mireltoken: The card did not accept the PIN (tries left: 0): "},
+          "mireltoken: Die Karte hat die PIN nicht akzeptiert (verbleibende Versuche: 0; 0 hei\xC3\x9Ft, "
+          "dass "
+          "die Software der Karte keine Angabe macht): "},
+      Row{nullptr, "",
+          "mireltoken: The card did not accept the PIN (tries left: 0; 0 means that the card's software does "
+          "not say): "},
+      Row{"C", "de",
+          "mireltoken: The card did not accept the PIN (tries left: 0; 0 means that the card's software does "
+          "not say): "},
+      Row{"xx_XX.UTF-8", "de",
+          "mireltoken: The card did not accept the PIN (tries left: 0; 0 means that the card's software does "
+          "not say): "},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(std::string{row.locale ? row.locale : "a locale"} + " " + row.language);

@@ -20,7 +20,9 @@ using ::testing::Not;
 constexpr const char* kPrompt = "PIN for \"Card\": ";
 constexpr const char* kPromptAfterWrongPin =
     "PIN for \"Card\" (a wrong PIN was entered since the last right one): ";
-constexpr const char* kRefusal = "mireltoken: The card did not accept the PIN (tries left: 0).\n";
+constexpr const char* kRefusal =
+    "mireltoken: The card did not accept the PIN (tries left: 0; 0 means that the card's software does not "
+    "say).\n";
 constexpr const char* kAccepted = "The card accepts the PIN.\n";
 
 std::string entered(const std::string& pin) { return pin + "\r"; }

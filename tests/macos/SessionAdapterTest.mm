@@ -123,7 +123,9 @@ TEST_F(SessionAdapter, TellsTheTriesLeftAfterAWrongPin) {
   ASSERT_TRUE(outcome.error);
   EXPECT_EQ(outcome.error->domain, "CryptoTokenKit");
   EXPECT_EQ(outcome.error->code, -5);
-  EXPECT_EQ(outcome.error->userInfo.at(kDescriptionKey), "The card did not accept the PIN (tries left: 2).");
+  EXPECT_EQ(
+      outcome.error->userInfo.at(kDescriptionKey),
+      "The card did not accept the PIN (tries left: 2; 0 means that the card's software does not say).");
   EXPECT_EQ([session() authState], 0);
   EXPECT_FALSE(system->cardContext(0));
 }

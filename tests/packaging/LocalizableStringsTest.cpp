@@ -27,7 +27,7 @@ void write(const std::filesystem::path& file, const std::string& content) {
   if (!stream.flush()) throw std::runtime_error{"cannot write " + file.string()};
 }
 
-constexpr const char* kTriesLeft = "\"VERIFY_TRY_LEFT\" = \"Tries left: %lu.\";\n";
+constexpr const char* kTriesLeft = "\"VERIFY_TRY_LEFT\" = \"Tries left: %lu (0: not said).\";\n";
 constexpr const char* kConstraint = "\"Not suppport this constraint\" = \"Not supported.\";\n";
 
 TEST(LocalizableStrings, AreWholeInEveryLanguage) { EXPECT_THAT(faultsOfResources(kResources), IsEmpty()); }
@@ -93,6 +93,7 @@ TEST_F(SpoiledResources, AreFoundOut) {
       {"one in the second text", tries + "\"Not suppport this constraint\" = \"%lu\";\n",
        "Not suppport this constraint: a foreign conversion"},
       // Texts
+      {"nothing about 0", triesWith("Tries left: %lu.") + constraint, "VERIFY_TRY_LEFT: nothing about 0"},
       {"an empty text", tries + "\"Not suppport this constraint\" = \"\";\n",
        "Not suppport this constraint: empty"},
       {"a blank text", tries + "\"Not suppport this constraint\" = \" \\n\";\n",
@@ -212,7 +213,7 @@ TEST_F(EnglishStringsScript, MakesARowOfEachText) {
             "EnglishStrings.cmake");
   ASSERT_EQ(result.exitCode, 0) << result.err;
   EXPECT_EQ(written(),
-            "{\"VERIFY_TRY_LEFT\", \"Tries left: %lu.\"},\n"
+            "{\"VERIFY_TRY_LEFT\", \"Tries left: %lu (0: not said).\"},\n"
             "{\"Not suppport this constraint\", \"Not supported.\"},\n");
 }
 

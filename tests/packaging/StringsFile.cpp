@@ -183,6 +183,8 @@ std::vector<std::string> faultsOf(const Strings& strings) {
   for (const auto& [key, text] : strings) {
     if (key == kTriesLeftKey) {
       checkText(key, text, "%lu", faults);
+      // A card whose software reports no number must not read like one that is locked.
+      if (text.find('0', text.find('%')) == std::string::npos) faults.push_back(key + ": nothing about 0");
     } else if (key == kConstraintKey) {
       checkText(key, text, "", faults);
     } else {
