@@ -16,8 +16,8 @@ namespace {
 /// English, as the keys of the translations.
 constexpr std::string_view kReady = "Mirel Token is ready";
 constexpr std::string_view kInsertCard =
-    "Put your smart card into the reader. Every app that uses the keychain then finds its certificates and "
-    "keys.";
+    "Put your smart card into the reader. Every app that uses the keychain then finds the card's "
+    "certificates and keys.";
 constexpr std::string_view kModuleMissing = "The software of your card's maker is missing";
 constexpr std::string_view kInstallModule =
     "Install the software that came with your card, then put the card into the reader. Mirel Token needs "

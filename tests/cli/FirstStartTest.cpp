@@ -63,8 +63,8 @@ class FakeDesktop final : public Desktop {
 
 constexpr const char* kReady = "Mirel Token is ready";
 constexpr const char* kInsertCard =
-    "Put your smart card into the reader. Every app that uses the keychain then finds its certificates and "
-    "keys.";
+    "Put your smart card into the reader. Every app that uses the keychain then finds the card's "
+    "certificates and keys.";
 constexpr const char* kModuleMissing = "The software of your card's maker is missing";
 constexpr const char* kMove = "Mirel Token is not in its place";
 constexpr const char* kMoveWhere = "Drag Mirel Token into the Applications folder, and open it there.";

@@ -81,8 +81,10 @@ std::vector<std::string> faultsOfAppResources(const std::filesystem::path& resou
   for (const std::string& language : languagesIn(resources)) {
     try {
       const Strings strings = readStringsFile(appStringsOf(resources, language));
-      for (const std::string& fault : faultsOf(strings, english, language == "en")) {
-        faults.push_back(std::string{language}.append(": ").append(fault));
+      for (const auto& found :
+           {faultsOf(strings, english, language == "en"), punctuationFaultsOf(language, strings)}) {
+        for (const std::string& fault : found)
+          faults.push_back(std::string{language}.append(": ").append(fault));
       }
     } catch (const std::runtime_error& error) {
       faults.push_back(language + ": " + error.what());

@@ -115,6 +115,30 @@ TEST_F(SpoiledResources, AreFoundOut) {
   }
 }
 
+TEST(Punctuation, IsThatOfTheLanguage) {
+  const struct {
+    const char* language;
+    const char* text;
+    bool isFine;
+  } rows[] = {
+      {"fr", "essais : 2", false},
+      {"fr", "essais ; 2", false},
+      {"fr", "Vraiment !", false},
+      {"fr", "Vraiment ?", false},
+      {"fr", "essais\xC2\xA0: 2", true},
+      {"ja", "\xE5\x9B\x9E:2", false},
+      {"ja",
+       "\xE5\x9B\x9E\xEF\xBC\x9A"
+       "2",
+       true},
+      {"de", "Versuche : 2", true},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.text);
+    EXPECT_EQ(punctuationFaultsOf(row.language, {{"key", row.text}}).empty(), row.isFine);
+  }
+}
+
 TEST_F(SpoiledResources, AreFoundOutWithoutAFile) {
   std::filesystem::remove(german());
   EXPECT_THAT(faultsOfResources(copy()), ElementsAre("de: cannot be read"));

@@ -194,6 +194,21 @@ std::vector<std::string> faultsOf(const Strings& strings) {
   return faults;
 }
 
+std::vector<std::string> punctuationFaultsOf(const std::string& language, const Strings& strings) {
+  const auto has = [](const std::string& text, std::initializer_list<std::string_view> marks) {
+    return std::any_of(marks.begin(), marks.end(),
+                       [&](std::string_view mark) { return text.find(mark) != std::string::npos; });
+  };
+  std::vector<std::string> faults;
+  for (const auto& [key, text] : strings) {
+    if (language == "fr" && has(text, {" :", " ;", " !", " ?"})) {
+      faults.push_back(key + ": a line may break before a mark");
+    }
+    if (language == "ja" && has(text, {":"})) faults.push_back(key + ": a narrow colon");
+  }
+  return faults;
+}
+
 std::vector<std::string> languagesIn(const std::filesystem::path& resources) {
   std::vector<std::string> languages;
   for (const auto& entry : std::filesystem::directory_iterator{resources}) {
@@ -209,8 +224,10 @@ std::vector<std::string> faultsOfResources(const std::filesystem::path& resource
   if (languages.size() < kFewestLanguages) faults.push_back(std::to_string(languages.size()) + " languages");
   for (const std::string& language : languages) {
     try {
-      for (const std::string& fault : faultsOf(readStringsFile(stringsFileOf(resources, language)))) {
-        faults.push_back(language + ": " + fault);
+      const Strings strings = readStringsFile(stringsFileOf(resources, language));
+      for (const auto& found : {faultsOf(strings), punctuationFaultsOf(language, strings)}) {
+        for (const std::string& fault : found)
+          faults.push_back(std::string{language}.append(": ").append(fault));
       }
     } catch (const std::runtime_error& error) {
       faults.push_back(language + ": " + error.what());

@@ -24,6 +24,10 @@ using Strings = std::vector<std::pair<std::string, std::string>>;
 /// What is wrong with the texts of a language, in plain words; nothing when they are as they must be.
 [[nodiscard]] std::vector<std::string> faultsOf(const Strings& strings);
 
+/// What in the texts does not keep to the punctuation of the language, in plain words.
+[[nodiscard]] std::vector<std::string> punctuationFaultsOf(const std::string& language,
+                                                           const Strings& strings);
+
 /// The languages that have a folder <language>.lproj in `resources`, in alphabetical order.
 [[nodiscard]] std::vector<std::string> languagesIn(const std::filesystem::path& resources);
 
