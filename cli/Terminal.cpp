@@ -1,12 +1,15 @@
 #include "Terminal.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <termios.h>
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <utility>
 
 namespace mirel::cli {
 namespace {
@@ -15,19 +18,20 @@ constexpr std::uint8_t kCtrlC = 0x03;
 constexpr std::uint8_t kCtrlD = 0x04;
 constexpr std::uint8_t kBackspace = 0x08;
 constexpr std::uint8_t kCtrlU = 0x15;
+constexpr std::uint8_t kEscape = 0x1B;
 constexpr std::uint8_t kFirstPrintable = 0x20;
 constexpr std::uint8_t kDelete = 0x7F;
 
-constexpr std::array kEndingSignals{SIGHUP, SIGINT, SIGQUIT, SIGTERM};
+constexpr std::array kEndingSignals{SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGABRT, SIGALRM, SIGXCPU, SIGXFSZ};
 
-// For the signal handler, which can be given nothing.
-int savedDescriptor = -1;
+// For the handlers of signals and exit, which can be given nothing.
+std::atomic<int> savedDescriptor{-1};  // -1: the terminal is as it was
 termios savedSettings{};
 std::array<struct sigaction, kEndingSignals.size()> savedActions{};
 
 /// Puts the terminal right, then lets the signal do what it would have done.
 void restoreAndRaise(int signal) {
-  (void)tcsetattr(savedDescriptor, TCSANOW, &savedSettings);
+  restoreTerminal();
   for (std::size_t i = 0; i < kEndingSignals.size(); ++i) {
     if (kEndingSignals[i] == signal) (void)sigaction(signal, &savedActions[i], nullptr);
   }
@@ -39,7 +43,6 @@ class QuietTerminal {
  public:
   explicit QuietTerminal(int descriptor) : descriptor_{descriptor} {
     if (tcgetattr(descriptor, &savedSettings) != 0) return;
-    savedDescriptor = descriptor;
     // To be stopped here would leave the shell a terminal without echo.
     struct sigaction ignore {};
     ignore.sa_handler = SIG_IGN;
@@ -52,6 +55,7 @@ class QuietTerminal {
       if (savedActions[i].sa_handler == SIG_IGN)
         (void)sigaction(kEndingSignals[i], &savedActions[i], nullptr);
     }
+    savedDescriptor = descriptor;
     termios quiet = savedSettings;
     quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO | ICANON | ISIG);
     quiet.c_cc[VMIN] = 1;
@@ -64,6 +68,7 @@ class QuietTerminal {
   ~QuietTerminal() {
     if (restored_) return;
     (void)tcsetattr(descriptor_, TCSAFLUSH, &savedSettings);
+    savedDescriptor = -1;
     (void)sigaction(SIGTSTP, &savedStop_, nullptr);
     for (std::size_t i = 0; i < kEndingSignals.size(); ++i) {
       (void)sigaction(kEndingSignals[i], &savedActions[i], nullptr);
@@ -90,13 +95,60 @@ void takeBack(std::span<std::uint8_t> room, std::size_t& size) {
   }
 }
 
+bool moreComesAtOnce(int descriptor) {
+  constexpr int kMilliseconds = 100;  // more than a terminal takes between the bytes of one key
+  pollfd waiting{descriptor, POLLIN, 0};
+  return poll(&waiting, 1, kMilliseconds) > 0;
+}
+
+/// Sorts out what keys without a character send: escape sequences (ECMA-48, section 5.4), "ESC O" and a
+/// character, and "ESC [ [" and a character.
+class KeySequence {
+ public:
+  /// True when the byte belongs to a sequence. `moreFollows`: whether another byte comes right behind an
+  /// escape; only asked there, because the Escape key sends no more.
+  template <typename MoreFollows>
+  [[nodiscard]] bool takes(std::uint8_t byte, const MoreFollows& moreFollows) {
+    const State before = std::exchange(state_, State::kNone);
+    if (byte == kEscape) {
+      if (moreFollows()) state_ = State::kAfterEscape;
+      return true;
+    }
+    if (byte < kFirstPrintable || byte == kDelete) return false;  // a control key ends the sequence
+    switch (before) {
+      case State::kNone: return false;
+      case State::kLastCharacter: return true;
+      case State::kAfterEscape:
+        if (byte == '[') state_ = State::kControl;
+        if (byte == 'O') state_ = State::kLastCharacter;
+        return true;
+      case State::kControl:
+        if (byte == '[')
+          state_ = State::kLastCharacter;
+        else if (byte < 0x40)
+          state_ = State::kParameters;
+        return true;
+      case State::kParameters:
+        if (byte < 0x40) state_ = State::kParameters;
+        return true;
+    }
+    return false;
+  }
+
+ private:
+  enum class State { kNone, kAfterEscape, kControl, kParameters, kLastCharacter };
+  State state_ = State::kNone;
+};
+
 PromptResult readSecret(int descriptor, std::span<std::uint8_t> room, std::size_t& outSize) {
   outSize = 0;
+  KeySequence sequence;
   while (true) {
     SecretBytes<1> next;
     const ssize_t count = read(descriptor, next.data(), 1);
     if (count < 0 && errno == EINTR) continue;
     if (count <= 0) return PromptResult::kCancelled;
+    if (sequence.takes(next.data()[0], [&] { return moreComesAtOnce(descriptor); })) continue;
     switch (const std::uint8_t byte = next.data()[0]; byte) {
       case '\r':
       case '\n': return PromptResult::kEntered;
@@ -116,6 +168,10 @@ PromptResult readSecret(int descriptor, std::span<std::uint8_t> room, std::size_
 }
 
 }  // namespace
+
+void restoreTerminal() noexcept {
+  if (savedDescriptor >= 0) (void)tcsetattr(savedDescriptor, TCSANOW, &savedSettings);
+}
 
 PromptResult promptForSecret(const std::string& prompt, std::span<std::uint8_t> room, std::size_t& outSize) {
   const int descriptor = open("/dev/tty", O_RDWR | O_CLOEXEC | O_NOCTTY);

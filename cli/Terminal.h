@@ -12,9 +12,10 @@ namespace mirel::cli {
 enum class PromptResult { kEntered, kCancelled, kNoTerminal };
 
 /// Asks at the controlling terminal, without echo. Return ends the entry; Ctrl-C, Ctrl-D and the end of the
-/// terminal cancel it; Backspace takes back a character, Ctrl-U all. Other control keys, and what
-/// exceeds `room`, are not taken. The terminal is as before afterwards, also when a signal ends the process.
-/// `outSize`: bytes entered (UTF-8 where the terminal speaks it); only for kEntered. The caller wipes `room`.
+/// terminal cancel it; Backspace takes back a character, Ctrl-U all. Other control keys, what keys such as
+/// the arrows and F1 send, the marks around a paste, and what exceeds `room`, are not taken. The terminal is
+/// as before afterwards, also when a signal ends the process. `outSize`: bytes entered (UTF-8 where the
+/// terminal speaks it); only for kEntered. The caller wipes `room`.
 [[nodiscard]] PromptResult promptForSecret(const std::string& prompt, std::span<std::uint8_t> room,
                                            std::size_t& outSize);
 
@@ -23,5 +24,8 @@ template <std::size_t Size>
                                            std::size_t& outSize) {
   return promptForSecret(prompt, std::span{room.data(), Size}, outSize);
 }
+
+/// Puts the terminal right if a prompt is open: for the end of a process that runs no destructors.
+void restoreTerminal() noexcept;
 
 }  // namespace mirel::cli

@@ -111,6 +111,45 @@ TEST_F(PinPrompt, CanBeCorrected) {
   }
 }
 
+TEST_F(PinPrompt, TakesNothingFromKeysThatSendNoCharacter) {
+  const std::string pin = kPin;
+  const std::string start = pin.substr(0, 3);
+  const std::string rest = pin.substr(3);
+  const std::pair<const char*, std::string> rows[] = {
+      {"arrow", start + "\x1B[A" + rest},
+      {"arrow of the other mode", start + "\x1BOA" + rest},
+      {"F1", start + "\x1BOP" + rest},
+      {"F5", start + "\x1B[15~" + rest},
+      {"F1 of the console", start + "\x1B[[A" + rest},
+      {"Shift and an arrow", start + "\x1B[1;2C" + rest},
+      {"Alt and a letter", start + "\x1Bx" + rest},
+      {"a paste", "\x1B[200~" + pin + "\x1B[201~"},
+      {"two arrows", start + "\x1B[D\x1B[C" + rest},
+      {"a sequence that is cut short", start + "\x1B[1\x1B[A" + rest},
+      {"Backspace in a sequence", start + "y\x1B[1\x7F" + rest},
+  };
+  for (const auto& [name, keys] : rows) {
+    SCOPED_TRACE(name);
+    PseudoTerminal terminal;
+    Invocation call = login();
+    call.terminal = &terminal;
+    RunningChild child{call};
+    ASSERT_TRUE(terminal.waitFor(kPrompt));
+    terminal.type(entered(keys));
+    EXPECT_EQ(child.wait().out, kAccepted);
+  }
+}
+
+TEST_F(PinPrompt, TakesWhatIsTypedAfterTheEscapeKey) {
+  RunningChild child{login()};
+  ASSERT_TRUE(terminal_.waitFor(kPrompt));
+  terminal_.type("\x1B");
+  ASSERT_TRUE(terminal_.waitUntilRead());
+  std::this_thread::sleep_for(std::chrono::milliseconds{500});
+  terminal_.type(entered(kPin));
+  EXPECT_EQ(child.wait().out, kAccepted);
+}
+
 TEST_F(PinPrompt, DoesNotTakeWhatWasTypedBefore) {
   terminal_.type("typed ahead");
   const Result result = logInTyping(entered(kPin));
@@ -201,7 +240,7 @@ TEST_F(PinPrompt, IsNotSentToTheCardWhenItCanBeNone) {
 }
 
 TEST_F(PinPrompt, LeavesTheTerminalAsItWasWhenASignalEndsTheProcess) {
-  for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGQUIT}) {
+  for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGQUIT, SIGABRT, SIGALRM, SIGXCPU, SIGXFSZ}) {
     SCOPED_TRACE(signal);
     PseudoTerminal terminal;
     const std::string before = terminal.settings();
@@ -215,8 +254,8 @@ TEST_F(PinPrompt, LeavesTheTerminalAsItWasWhenASignalEndsTheProcess) {
     const Result result = child.wait();
     EXPECT_EQ(result.exitCode, 128 + signal);
     EXPECT_EQ(terminal.settings(), before);
-    // Quitting is there to leave everything as it is.
-    if (signal == SIGQUIT) {
+    // The others leave everything as it is.
+    if (signal != SIGTERM && signal != SIGINT && signal != SIGHUP) {
       for (const std::string& name : filesIn("tmp")) std::filesystem::remove_all(temporaryFiles() / name);
     }
     EXPECT_THAT(filesIn("tmp"), IsEmpty());
