@@ -13,6 +13,7 @@
 #include "CommandLineLog.h"
 #include "Commands.h"
 #include "ExitCode.h"
+#include "ExitGuard.h"
 #include "FirstStart.h"
 #include "Options.h"
 #include "Output.h"
@@ -64,7 +65,9 @@ ExitCode runCommand(PlatformServices services, const Options& options) {
 }
 
 ExitCode run(const Options& options) {
+  const ExitGuard guard;
   PlatformServices services = systemServices();
+  services.observer = ExitGuard::observer();
   services.log = commandLineLog(services.log, options.verbose);
   if (options.home) {
     std::string home = std::filesystem::absolute(*options.home).string();

@@ -7,10 +7,11 @@
 ///   MIREL_STAGED_LENGTHS      "C_Sign=64": calls of C_Sign and C_Decrypt that answer CKR_OK report this
 ///                             length, hexadecimal, whatever they wrote.
 ///   MIREL_STAGED_TOKEN_FLAGS  hexadecimal: set in the flags of every token.
+///   MIREL_STAGED_EXIT         a function in kStaged: its call ends the process by exit(0).
+///   MIREL_STAGED_EXIT_FILE    once there is that file, a thread ends the process by exit(0).
 ///   MIREL_STAGED_PAUSE        a function in kStaged: its call waits for the end of the process.
-///   MIREL_STAGED_PLAIN_TEXT   what C_Decrypt answers whatever is to be decrypted, as a module does that
-///   hides a
-///                             wrong padding.
+///   MIREL_STAGED_PLAIN_TEXT   what C_Decrypt answers whatever is to be decrypted, as a module does
+///                             that hides a wrong padding.
 ///   MIREL_STAGED_CALLS        a file that gets the name of every call of a function in kStaged, in a line of
 ///                             its own.
 
@@ -24,6 +25,7 @@
 #include <optional>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <tuple>
 #include <type_traits>
 #include <vector>
@@ -87,6 +89,7 @@ template <typename... Args, CK_RV (*CK_FUNCTION_LIST::*Entry)(Args...), std::siz
 struct Staged<Entry, Name> {
   static CK_RV call(Args... args) {
     note(kStaged[Name]);
+    if (variable("MIREL_STAGED_EXIT") == kStaged[Name]) std::exit(0);
     if (variable("MIREL_STAGED_PAUSE") == kStaged[Name]) {
       while (true) (void)pause();
     }
@@ -131,6 +134,12 @@ extern "C" __attribute__((visibility("default"))) CK_RV C_GetFunctionList(CK_FUN
   real = found;
   readAnswers();
   readLengths();
+  if (const std::string file = variable("MIREL_STAGED_EXIT_FILE"); !file.empty()) {
+    std::thread{[file] {
+      while (access(file.c_str(), F_OK) != 0) (void)usleep(10000);
+      std::exit(0);
+    }}.detach();
+  }
   if (const std::string flags = variable("MIREL_STAGED_TOKEN_FLAGS"); !flags.empty())
     moreFlags = std::stoul(flags, nullptr, 16);
   if (const std::string path = variable("MIREL_STAGED_CALLS"); !path.empty()) {
