@@ -23,6 +23,7 @@
 #include "host/Host.h"
 #include "host/ModuleFile.h"
 #include "platform/Desktop.h"
+#include "platform/MemoryDumps.h"
 #include "platform/PlatformServices.h"
 
 namespace mirel::cli {
@@ -64,8 +65,17 @@ ExitCode runCommand(PlatformServices services, const Options& options) {
   return ExitCode::kUsage;  // not reached: the parser takes no other
 }
 
+bool isOneOf(const std::string& command, std::initializer_list<std::string_view> commands) {
+  return std::find(commands.begin(), commands.end(), command) != commands.end();
+}
+
+bool takesPin(const std::string& command) {
+  return isOneOf(command, {"login", "sign", "decrypt", "exchange"});
+}
+
 ExitCode run(const Options& options) {
   const ExitGuard guard;
+  if (takesPin(options.command)) forbidMemoryDumps();
   PlatformServices services = systemServices();
   services.observer = ExitGuard::observer();
   services.log = commandLineLog(services.log, options.verbose);
@@ -81,10 +91,6 @@ ExitCode run(const Options& options) {
 
 ExitCode print(const std::string& text) {
   return writeOutput(text) ? ExitCode::kSuccess : ExitCode::kFileTrouble;
-}
-
-bool isOneOf(const std::string& command, std::initializer_list<std::string_view> commands) {
-  return std::find(commands.begin(), commands.end(), command) != commands.end();
 }
 
 /// What the parser lets pass although it makes no sense; empty when all is well.

@@ -3,16 +3,22 @@
 #include <array>
 
 #include "Utf.h"
+#include "platform/LockedMemory.h"
 #include "platform/Memory.h"
 
 namespace mirel {
 
-SecretText::SecretText(std::u16string_view units) : units_{units.begin(), units.end()}, isNull_{false} {}
+SecretText::SecretText(std::u16string_view units) : isNull_{false} {
+  units_.reserve(units.size());
+  keepOffDisk(units_.data(), units.size() * sizeof(char16_t));
+  units_.assign(units.begin(), units.end());
+}
 
 std::shared_ptr<const SecretText> SecretText::fromUtf8(std::span<const std::uint8_t> utf8) {
   auto text = std::make_shared<SecretText>();
   text->isNull_ = false;
   text->units_.reserve(utf8.size());  // there are never more units than bytes, so the block never moves
+  keepOffDisk(text->units_.data(), utf8.size() * sizeof(char16_t));
   std::string_view rest{reinterpret_cast<const char*>(utf8.data()), utf8.size()};
   while (!rest.empty()) {
     const DecodedCharacter next = decodedFromUtf8(rest);

@@ -74,6 +74,12 @@ class Pins : public KeyTest {
     (void)write("point", newPoint("p256"));
   }
 
+  /// The same, but open to the looks of this process, which may not be root.
+  [[nodiscard]] static Invocation traceable(Invocation call) {
+    call.environment["MIREL_STAGED_TRACEABLE"] = "yes";
+    return call;
+  }
+
   /// Every way of using the PIN.
   [[nodiscard]] std::vector<std::vector<std::string>> commands() const {
     return {{"login"},
@@ -134,7 +140,7 @@ TEST_F(Pins, TypedInAreInNoOutputAndNoLog) {
 }
 
 TEST_F(Pins, AreNeverAmongTheArgumentsOrInTheEnvironment) {
-  Invocation call = staged({"sign", "--key", "01", "--pin-file", write("pin", kPin)});
+  Invocation call = traceable(staged({"sign", "--key", "01", "--pin-file", write("pin", kPin)}));
   call.environment["MIREL_STAGED_PAUSE"] = "C_SignInit";
   const RunningChild child{call};
   ASSERT_TRUE(waitForStagedCallOf("C_SignInit"));
@@ -154,7 +160,7 @@ TEST_F(Pins, AreWipedOnceTheCardHasTakenThem) {
     std::vector<std::string> arguments{"sign", "--key", "01"};
     if (!typed) arguments.insert(arguments.end(), {"--pin-file", write("pin", kPin)});
     std::filesystem::remove(path("calls"));
-    Invocation call = staged(arguments);
+    Invocation call = traceable(staged(arguments));
     call.environment["MIREL_STAGED_PAUSE"] = "C_SignInit";
     call.terminal = &terminal;
     const RunningChild child{call};
@@ -173,7 +179,7 @@ TEST_F(Pins, AreWipedOnceTheCardHasTakenThem) {
 
 TEST_F(Pins, AreWipedOnceTheCardHasRefusedThem) {
   PseudoTerminal terminal;
-  Invocation call = onSoftHsm({"login"});
+  Invocation call = traceable(staged({"login"}));
   call.terminal = &terminal;
   const RunningChild child{call};
   ASSERT_TRUE(terminal.waitFor("PIN for \"Card\""));
@@ -187,7 +193,7 @@ TEST_F(Pins, AreWipedOnceTheCardHasRefusedThem) {
 
 TEST_F(Pins, AreWipedFromWhatWasTakenBackToo) {
   PseudoTerminal terminal;
-  Invocation call = onSoftHsm({"login"});
+  Invocation call = traceable(staged({"login"}));
   call.terminal = &terminal;
   const RunningChild child{call};
   for (const char* key : {"\x7F\x7F\x7F\x7F\x7F\x7F\x7F\x7F", "\x15"}) {
@@ -204,7 +210,7 @@ TEST_F(Pins, AreWipedFromWhatWasTakenBackToo) {
 // Shows that the searches above can find a PIN.
 TEST_F(Pins, AreInMemoryWhileTheyAreTyped) {
   PseudoTerminal terminal;
-  Invocation call = onSoftHsm({"login"});
+  Invocation call = traceable(staged({"login"}));
   call.terminal = &terminal;
   const RunningChild child{call};
   ASSERT_TRUE(terminal.waitFor("PIN for \"Card\""));

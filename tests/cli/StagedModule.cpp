@@ -9,14 +9,17 @@
 ///   MIREL_STAGED_TOKEN_FLAGS  hexadecimal: set in the flags of every token.
 ///   MIREL_STAGED_EXIT         a function in kStaged: its call ends the process by exit(0).
 ///   MIREL_STAGED_EXIT_FILE    once there is that file, a thread ends the process by exit(0).
+///   MIREL_STAGED_TRACEABLE    set: other processes of the user may look into the memory of this one again.
 ///   MIREL_STAGED_PAUSE        a function in kStaged: its call waits for the end of the process.
 ///   MIREL_STAGED_PLAIN_TEXT   what C_Decrypt answers whatever is to be decrypted, as a module does
 ///                             that hides a wrong padding.
 ///   MIREL_STAGED_CALLS        a file that gets the name of every call of a function in kStaged, in a line of
-///                             its own.
+///                             its own. C_Login adds "dumpable" and what prctl
+///                             answers.
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <sys/prctl.h>
 #include <unistd.h>
 
 #include <array>
@@ -25,6 +28,7 @@
 #include <optional>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <tuple>
 #include <type_traits>
@@ -89,6 +93,8 @@ template <typename... Args, CK_RV (*CK_FUNCTION_LIST::*Entry)(Args...), std::siz
 struct Staged<Entry, Name> {
   static CK_RV call(Args... args) {
     note(kStaged[Name]);
+    if (kStaged[Name] == std::string_view{"C_Login"})
+      note("dumpable " + std::to_string(prctl(PR_GET_DUMPABLE, 0, 0, 0, 0)));
     if (variable("MIREL_STAGED_EXIT") == kStaged[Name]) std::exit(0);
     if (variable("MIREL_STAGED_PAUSE") == kStaged[Name]) {
       while (true) (void)pause();
@@ -134,6 +140,7 @@ extern "C" __attribute__((visibility("default"))) CK_RV C_GetFunctionList(CK_FUN
   real = found;
   readAnswers();
   readLengths();
+  if (!variable("MIREL_STAGED_TRACEABLE").empty()) (void)prctl(PR_SET_DUMPABLE, 1, 0, 0, 0);
   if (const std::string file = variable("MIREL_STAGED_EXIT_FILE"); !file.empty()) {
     std::thread{[file] {
       while (access(file.c_str(), F_OK) != 0) (void)usleep(10000);

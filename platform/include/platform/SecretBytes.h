@@ -5,15 +5,17 @@
 #include <cstdint>
 #include <span>
 
+#include "platform/LockedMemory.h"
 #include "platform/Memory.h"
 
 namespace mirel {
 
-/// Room for a secret: zeros at first, wiped at the end.
+/// Room for a secret: zeros at first, wiped at the end, and not written to a swap device if the system grants
+/// it.
 template <std::size_t Size>
 class SecretBytes {
  public:
-  SecretBytes() = default;
+  SecretBytes() noexcept { keepOffDisk(bytes_.data(), Size); }
   SecretBytes(const SecretBytes&) = delete;
   SecretBytes& operator=(const SecretBytes&) = delete;
   ~SecretBytes() { wipe(bytes_.data(), Size); }

@@ -10,7 +10,8 @@
 namespace mirel {
 
 /// A text that must not stay in memory, such as a PIN: UTF-16 code units in one block that is wiped when
-/// the object ends, and is never moved. A null text ("none") and an empty one are different things.
+/// the object ends, is never moved, and is not written to a swap device if the system grants it. A null text
+/// ("none") and an empty one are different things.
 class SecretText {
  public:
   /// Null.
