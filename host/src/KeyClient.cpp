@@ -395,7 +395,12 @@ Failure KeyClient::loginFailure(const std::string& text) const {
 }
 
 std::optional<Failure> KeyClient::logIn(PinSource& pins) {
-  return authenticate(TKTokenOperation::kNone, Text{kPinConstraint}, pins);
+  if (auto failure = authenticate(TKTokenOperation::kNone, Text{kPinConstraint}, pins)) return failure;
+  if (diary_->lastResultOf("C_Login") != CKR_USER_ALREADY_LOGGED_IN) return std::nullopt;
+  return Failure{FailureKind::kCardRefuses, "the PIN was not checked",
+                 "the card's software was logged in already (C_Login answered " +
+                     cryptokiResultText(CKR_USER_ALREADY_LOGGED_IN) + ")",
+                 "end the other programs that use the card and run again"};
 }
 
 }  // namespace mirel

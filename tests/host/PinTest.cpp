@@ -48,11 +48,27 @@ TEST_F(PinEntry, IsGoodForSignatures) {
   EXPECT_EQ(pins.timesAsked(), 1U);
 }
 
-TEST_F(PinEntry, CanBeRepeated) {
+TEST_F(PinEntry, IsNotCheckedByAModuleThatIsLoggedIn) {
   EXPECT_TRUE(logsIn(pins));
-  GivenPins again{{u"123456"}};
-  EXPECT_TRUE(logsIn(again));
-  EXPECT_EQ(again.timesAsked(), 1U);
+  GivenPins wrong{{u"000000"}};
+  const Failure failure = loginFailure(wrong);
+  EXPECT_EQ(failure.kind, FailureKind::kCardRefuses);
+  EXPECT_EQ(failure.what, "the PIN was not checked");
+  EXPECT_EQ(
+      failure.why,
+      "the card's software was logged in already (C_Login answered CKR_USER_ALREADY_LOGGED_IN (0x100))");
+  EXPECT_EQ(wrong.timesAsked(), 1U);
+}
+
+TEST_F(PinEntry, GivesTheKeysOfAModuleThatIsLoggedIn) {
+  EXPECT_TRUE(logsIn(pins));
+  client = newClient();
+  GivenPins wrong{{u"000000"}};
+  GivenInput input{{Value{1}}};
+  const auto made =
+      client->sign(published(u"01"), kSecKeyAlgorithmRSASignatureMessagePSSSHA256, input, wrong);
+  ASSERT_TRUE(std::holds_alternative<Signature>(made));
+  EXPECT_EQ(std::get<Signature>(made).value.size(), key.blockSize());
 }
 
 TEST_F(PinEntry, ShowsTheLabelOfTheTokenWithoutWhatMisleadsATerminal) {

@@ -66,7 +66,8 @@ class KeyClient {
   [[nodiscard]] Outcome<KeyExchange> exchange(const PublishedKey& key, SecKeyAlgorithm algorithm,
                                               InputSource& input, PinSource& pins);
 
-  /// Enters the PIN. Nothing when it was accepted.
+  /// Has the card check the PIN. Nothing when the card accepted it. It is a failure, although keys can be
+  /// used afterwards, when the module was logged in already: then it takes any PIN.
   [[nodiscard]] std::optional<Failure> logIn(PinSource& pins);
 
  private:
