@@ -21,6 +21,8 @@ enum class ExitCode : int {
   kKeyNotFound = 12,
   kCardRefuses = 13,
   kFileTrouble = 14,
+  kPinHeldBack = 17,
+  kPinCannotBeEntered = 18,
 };
 
 [[nodiscard]] constexpr ExitCode exitCodeOf(FailureKind kind) noexcept {
@@ -31,6 +33,8 @@ enum class ExitCode : int {
     case FailureKind::kCardEnumerationFailed: return ExitCode::kCardEnumerationFailed;
     case FailureKind::kPinWrong: return ExitCode::kPinWrong;
     case FailureKind::kPinLocked: return ExitCode::kPinLocked;
+    case FailureKind::kPinHeldBack: return ExitCode::kPinHeldBack;
+    case FailureKind::kPinCannotBeEntered: return ExitCode::kPinCannotBeEntered;
     case FailureKind::kCancelled: return ExitCode::kCancelled;
     case FailureKind::kNotSupported: return ExitCode::kNotSupported;
     case FailureKind::kVerificationFailed: return ExitCode::kVerificationFailed;

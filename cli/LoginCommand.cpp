@@ -10,9 +10,9 @@ ExitCode runLogin(Host& host, const Options& options) {
   const auto started = startKeyJob(host, options);
   if (const auto* failure = std::get_if<Failure>(&started)) return report(*failure);
   const auto& job = std::get<KeyJob>(started);
-  const std::string before = host.pinState(job.card.reader);
+  const std::string before = host.pinState(job.card.reader).text;
   if (auto failure = job.client->logIn(*job.pins)) {
-    const std::string state = host.pinState(job.card.reader);
+    const std::string state = host.pinState(job.card.reader).text;
     if (failure->kind == FailureKind::kPinWrong && !state.empty()) failure->why.append(", ").append(state);
     return report(*failure);
   }

@@ -37,7 +37,9 @@ constexpr const char* kFooter =
     "  11  there is no signature, or it does not verify\n"
     "  12  there is no such key\n"
     "  13  the card did not do what it was asked\n"
-    "  14  a file cannot be read or written";
+    "  14  a file cannot be read or written\n"
+    "  17  a try is left for the user: the PIN was not sent\n"
+    "  18  this card's PIN cannot be entered here";
 
 class Declaration {
  public:
@@ -70,6 +72,8 @@ class Declaration {
         command.add_option("--pin-fd", options_.pinFd, "Read the PIN from this open file descriptor");
     file->type_name("FILE")->excludes(descriptor);
     descriptor->type_name("N");
+    command.add_flag("--last-try", options_.lastTry,
+                     "Send a PIN from a file or descriptor also when that may lock the card");
   }
 
  private:

@@ -27,6 +27,7 @@ struct Options {
   bool noVerify = false;
   std::optional<std::string> pinFile;
   std::optional<int> pinFd;
+  bool lastTry = false;  ///< a PIN from there may take the last try
 };
 
 /// Declares everything that the command line takes, with its help.

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <span>
@@ -27,11 +28,21 @@ Failure pinFileFailure(const std::string& name, const std::string& why, const st
 
 std::string nameOfDescriptor(int descriptor) { return "file descriptor " + std::to_string(descriptor); }
 
-/// True for UTF-8 without control characters: what can be handed on as it is.
-bool isText(std::span<const std::uint8_t> bytes) {
-  const bool controlled =
-      std::any_of(bytes.begin(), bytes.end(), [](std::uint8_t byte) { return byte < 0x20 || byte == 0x7F; });
-  return !controlled && isValidUtf8(bytes);
+/// Why the line of a file is not taken for a PIN; empty when it is.
+std::string lineTrouble(std::span<const std::uint8_t> line) {
+  constexpr std::array<std::uint8_t, 3> kByteOrderMark{0xEF, 0xBB, 0xBF};
+  if (line.size() >= kByteOrderMark.size() &&
+      std::equal(kByteOrderMark.begin(), kByteOrderMark.end(), line.begin())) {
+    return "its first line begins with a byte order mark";
+  }
+  const auto has = [&](auto isOne) { return std::any_of(line.begin(), line.end(), isOne); };
+  if (has([](std::uint8_t byte) { return byte == ' ' || byte == '\t'; })) {
+    return "its first line has blanks or tabs";
+  }
+  if (has([](std::uint8_t byte) { return byte < 0x20 || byte == 0x7F; })) {
+    return "its first line has control characters";
+  }
+  return isValidUtf8(line) ? std::string{} : "its first line is no text in UTF-8";
 }
 
 /// The first line of what the descriptor gives, byte by byte so that nothing behind it is taken.
@@ -54,17 +65,78 @@ Pin readPin(int descriptor, const std::string& name) {
     line.data()[size++] = next.data()[0];
   }
   if (size > 0 && line.data()[size - 1] == '\r') --size;
-  if (!isText({line.data(), size})) {
-    return pinFileFailure(name, "its first line is no text in UTF-8", "put the PIN there, and nothing else");
+  if (const std::string trouble = lineTrouble({line.data(), size}); !trouble.empty()) {
+    return pinFileFailure(name, trouble, "put the PIN there, and nothing else");
   }
   return SecretText::fromUtf8({line.data(), size});
 }
 
-class PinFile final : public PinSource {
+/// Looks at what the card says about its PIN before one is asked for.
+class CheckedPins : public PinSource {
  public:
-  explicit PinFile(std::string name) : name_{std::move(name)} {}
+  explicit CheckedPins(PinStateReader pinState) : pinState_{std::move(pinState)} {}
 
-  Pin askForPin(const std::string&) override {
+  Pin askForPin(const std::string& tokenLabel) final {
+    const PinState state = pinState_();
+    if (state.enteredAtReader) {
+      return Failure{FailureKind::kPinCannotBeEntered, "the PIN of this card cannot be entered here",
+                     "the card takes it from the keys of the reader",
+                     "use a card or a reader that takes the PIN from the computer"};
+    }
+    return askFor(tokenLabel, state);
+  }
+
+ private:
+  [[nodiscard]] virtual Pin askFor(const std::string& tokenLabel, const PinState& state) = 0;
+
+  PinStateReader pinState_;
+};
+
+/// A source with nobody who could be warned: it leaves the last try to the user.
+class UnattendedPins : public CheckedPins {
+ public:
+  UnattendedPins(PinStateReader pinState, bool lastTry)
+      : CheckedPins{std::move(pinState)}, lastTry_{lastTry} {}
+
+  void showRefusal(const std::string&) final {}
+  bool canAskAgain() const final { return false; }
+
+ private:
+  Pin askFor(const std::string&, const PinState& state) final {
+    if (auto failure = lastTry_ ? std::nullopt : reasonToHoldBack(state)) return std::move(*failure);
+    return readIt();
+  }
+
+  static std::optional<Failure> reasonToHoldBack(const PinState& state) {
+    constexpr const char* kNotSent = "the PIN was not sent to the card";
+    constexpr const char* kEnterIt = "enter the PIN at the terminal, or use --last-try";
+    switch (state.tries) {
+      case PinState::Tries::kLast: return Failure{FailureKind::kPinHeldBack, kNotSent, state.text, kEnterIt};
+      case PinState::Tries::kNone:
+        return Failure{FailureKind::kPinHeldBack, kNotSent, state.text,
+                       "have the card's issuer unlock it, or use --last-try"};
+      case PinState::Tries::kUnknown:
+        return Failure{FailureKind::kCardRefuses, kNotSent,
+                       "whether it could lock the card is not known, because " + state.problem,
+                       std::string{"check that the card is in the reader; "} + kEnterIt};
+      case PinState::Tries::kNoWord:
+      case PinState::Tries::kFewer: break;
+    }
+    return std::nullopt;
+  }
+
+  [[nodiscard]] virtual Pin readIt() = 0;
+
+  bool lastTry_;
+};
+
+class PinFile final : public UnattendedPins {
+ public:
+  PinFile(std::string name, PinStateReader pinState, bool lastTry)
+      : UnattendedPins{std::move(pinState), lastTry}, name_{std::move(name)} {}
+
+ private:
+  Pin readIt() override {
     const int descriptor = open(name_.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
     if (descriptor < 0)
       return pinFileFailure(name_, std::strerror(errno), "check the name given with --pin-file");
@@ -73,10 +145,7 @@ class PinFile final : public PinSource {
     (void)close(descriptor);
     return pin;
   }
-  void showRefusal(const std::string&) override {}
-  bool canAskAgain() const override { return false; }
 
- private:
   /// A failure when somebody else could know what is in the file.
   [[nodiscard]] Pin refusal(int descriptor) const {
     struct stat status {};
@@ -96,50 +165,51 @@ class PinFile final : public PinSource {
   std::string name_;
 };
 
-class PinDescriptor final : public PinSource {
+class PinDescriptor final : public UnattendedPins {
  public:
-  explicit PinDescriptor(int descriptor) : descriptor_{descriptor} {}
-
-  Pin askForPin(const std::string&) override { return readPin(descriptor_, nameOfDescriptor(descriptor_)); }
-  void showRefusal(const std::string&) override {}
-  bool canAskAgain() const override { return false; }
+  PinDescriptor(int descriptor, PinStateReader pinState, bool lastTry)
+      : UnattendedPins{std::move(pinState), lastTry}, descriptor_{descriptor} {}
 
  private:
+  Pin readIt() override { return readPin(descriptor_, nameOfDescriptor(descriptor_)); }
+
   int descriptor_;
 };
 
-class PinPrompt final : public PinSource {
+class PinPrompt final : public CheckedPins {
  public:
-  explicit PinPrompt(std::function<std::string()> pinState) : pinState_{std::move(pinState)} {}
+  using CheckedPins::CheckedPins;
 
-  Pin askForPin(const std::string& tokenLabel) override {
+  void showRefusal(const std::string& text) override { writeMessage("mireltoken: " + text); }
+  bool canAskAgain() const override { return true; }
+
+ private:
+  Pin askFor(const std::string& tokenLabel, const PinState& state) override {
     std::string prompt = "PIN for \"" + tokenLabel + "\"";
-    if (const std::string state = pinState_(); !state.empty()) prompt.append(" (").append(state).append(")");
+    const bool isKnown = state.tries != PinState::Tries::kUnknown;
+    const std::string remark = isKnown ? state.text : "whether tries are left is not known";
+    if (!remark.empty()) prompt.append(" (").append(remark).append(")");
     SecretBytes<kLongestPin> line;
     std::size_t size = 0;
     switch (promptForSecret(prompt.append(": "), line, size)) {
-      case PromptResult::kEntered:
-        if (isText({line.data(), size})) return SecretText::fromUtf8({line.data(), size});
-        return Failure{FailureKind::kPinWrong, "the PIN was not tried",
-                       "what was entered is no text in UTF-8", "set the terminal to UTF-8"};
+      case PromptResult::kEntered: return SecretText::fromUtf8({line.data(), size});
       case PromptResult::kCancelled: return std::shared_ptr<const SecretText>{};
       case PromptResult::kNoTerminal: break;
     }
     return Failure{FailureKind::kCancelled, "no PIN was given", "there is no terminal to ask at",
                    "give it with --pin-file or --pin-fd"};
   }
-  void showRefusal(const std::string& text) override { writeMessage("mireltoken: " + text); }
-  bool canAskAgain() const override { return true; }
-
- private:
-  std::function<std::string()> pinState_;
 };
 
 }  // namespace
 
-std::unique_ptr<PinSource> pinSourceFor(const Options& options, std::function<std::string()> pinState) {
-  if (options.pinFile) return std::make_unique<PinFile>(*options.pinFile);
-  if (options.pinFd) return std::make_unique<PinDescriptor>(*options.pinFd);
+std::unique_ptr<PinSource> pinSourceFor(const Options& options, PinStateReader pinState) {
+  if (options.pinFile) {
+    return std::make_unique<PinFile>(*options.pinFile, std::move(pinState), options.lastTry);
+  }
+  if (options.pinFd) {
+    return std::make_unique<PinDescriptor>(*options.pinFd, std::move(pinState), options.lastTry);
+  }
   return std::make_unique<PinPrompt>(std::move(pinState));
 }
 

@@ -7,14 +7,17 @@
 
 #include "Options.h"
 #include "host/PinSource.h"
+#include "host/PinState.h"
 
 namespace mirel::cli {
 
+/// Asks the card what it says about its PIN just now.
+using PinStateReader = std::function<PinState()>;
+
 /// Where the options say that the PIN comes from: a file, an open file descriptor (each read once), or the
-/// terminal. `pinState`: what is known about the PIN of the card just now (UTF-8, may be empty); shown with
-/// the prompt.
-[[nodiscard]] std::unique_ptr<PinSource> pinSourceFor(const Options& options,
-                                                      std::function<std::string()> pinState);
+/// terminal, whose prompt shows what the card says. A file or a descriptor gives no PIN that could lock the
+/// card, unless the options allow it; none of them gives one to a card whose PIN is entered at the reader.
+[[nodiscard]] std::unique_ptr<PinSource> pinSourceFor(const Options& options, PinStateReader pinState);
 
 /// Why the options' file descriptor gives no PIN, as far as that shows beforehand. To be asked before
 /// anything is opened, because a file of ours could get the number of a closed one, and be taken for the PIN.

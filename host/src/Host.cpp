@@ -210,14 +210,26 @@ Outcome<std::unique_ptr<KeyClient>> Host::newClient(const InsertedCard& card) {
   return std::make_unique<KeyClient>(card, std::move(session), diary_);
 }
 
-std::string Host::pinState(const Reader& reader) {
+PinState Host::pinState(const Reader& reader) {
+  using enum PinState::Tries;
   const CK_FUNCTION_LIST* list = bridge_->ckFunc();
   CK_TOKEN_INFO token{};
-  if (!list || callEntry(list->C_GetTokenInfo, CK_SLOT_ID{reader.slotID}, &token) != CKR_OK) return {};
-  if ((token.flags & CKF_USER_PIN_LOCKED) != 0) return "the PIN is locked";
-  if ((token.flags & CKF_USER_PIN_FINAL_TRY) != 0) return "one more wrong PIN locks the card";
-  if ((token.flags & CKF_USER_PIN_COUNT_LOW) != 0) return "a wrong PIN was entered since the last right one";
-  return {};
+  const CK_RV rv = list ? callEntry(list->C_GetTokenInfo, CK_SLOT_ID{reader.slotID}, &token)
+                        : CKR_CRYPTOKI_NOT_INITIALIZED;
+  if (rv != CKR_OK) return {kUnknown, false, {}, "C_GetTokenInfo answered " + cryptokiResultText(rv)};
+  const auto isSet = [&](CK_FLAGS flag) { return (token.flags & flag) != 0; };
+  PinState state{kNoWord, isSet(CKF_PROTECTED_AUTHENTICATION_PATH), {}, {}};
+  if (isSet(CKF_USER_PIN_LOCKED)) {
+    state.tries = kNone;
+    state.text = "the PIN is locked";
+  } else if (isSet(CKF_USER_PIN_FINAL_TRY)) {
+    state.tries = kLast;
+    state.text = "one more wrong PIN locks the card";
+  } else if (isSet(CKF_USER_PIN_COUNT_LOW)) {
+    state.tries = kFewer;
+    state.text = "a wrong PIN was entered since the last right one";
+  }
+  return state;
 }
 
 Failure Host::listingFailure(const Reader& reader, const std::string& reason) {

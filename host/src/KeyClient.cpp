@@ -13,6 +13,7 @@
 #include "host/Display.h"
 #include "host/InputSource.h"
 #include "host/PinSource.h"
+#include "platform/SecretBytes.h"
 #include "token/MirelSCToken.h"
 #include "token/MirelSCTokenAuth.h"
 #include "token/MirelSCTokenSession.h"
@@ -158,6 +159,19 @@ std::string plainTextTrouble(SecKeyAlgorithm form, const PublishedKey& key, cons
 
 bool isRsaAlgorithm(SecKeyAlgorithm algorithm) noexcept {
   return nameOf(algorithm).substr(kSecKeyAlgorithmPrefix.size()).starts_with("RSA");
+}
+
+/// Why that PIN cannot be sent to a card as it was entered; empty when it can. The token would count its
+/// characters, but send as many bytes of its UTF-8, and so cut one that is not ASCII.
+std::string sendingTrouble(const SecretText& pin) {
+  constexpr std::size_t kMostBytes = 8;
+  SecretBytes<kMostBytes + 1> bytes;
+  const std::size_t size = pin.copyUtf8(bytes.span());
+  if (size == 0) return "it is empty";
+  if (std::any_of(bytes.data(), bytes.data() + size, [](std::uint8_t byte) { return byte >= 0x80; }))
+    return "it has characters that are not ASCII";
+  if (size > kMostBytes) return "it has more than 8 characters";
+  return {};
 }
 
 }  // namespace
@@ -325,6 +339,7 @@ Outcome<Bytes> KeyClient::perform(const PublishedKey& key, TKTokenOperation oper
 
 std::optional<Failure> KeyClient::authenticate(TKTokenOperation operation, const Text& constraint,
                                                PinSource& pins) {
+  int notSent = 0;
   for (int attempt = 1;; ++attempt) {
     std::optional<TKError> error;
     const auto authentication = session_->beginAuthForOperation(session_, operation, constraint, &error);
@@ -340,6 +355,15 @@ std::optional<Failure> KeyClient::authenticate(TKTokenOperation operation, const
     if (!pin) {
       return Failure{FailureKind::kCancelled, "no PIN was given", "the entry was cancelled",
                      "run again to try once more"};
+    }
+    if (const std::string trouble = sendingTrouble(*pin); !trouble.empty()) {
+      const Failure failure{FailureKind::kPinCannotBeEntered, "the PIN was not sent to the card", trouble,
+                            "give a PIN of 1 to 8 ASCII characters; if the card has another one, change it "
+                            "with the card maker's tool"};
+      if (++notSent == kMostPins || !pins.canAskAgain()) return failure;
+      --attempt;  // it was none: the card has not been asked
+      pins.showRefusal(failure.what + ": " + failure.why);
+      continue;
     }
     diary_->clear();
     pinOperation->setPIN(pin);
@@ -365,10 +389,6 @@ std::string KeyClient::cardTrouble(std::string_view function) const {
 Failure KeyClient::loginFailure(const std::string& text) const {
   const auto answer = diary_->lastResultOf("C_Login");
   if (!answer) {
-    if (diary_->lastResultOf("pkcs11_UserLogin") == CKR_ARGUMENTS_BAD) {
-      return {FailureKind::kPinWrong, text, "a PIN has 1 to 8 characters, so the card was not asked",
-              "enter the PIN of this card"};
-    }
     const std::string reason = diary_->reason();
     return {FailureKind::kCardRefuses, "the card did not take the PIN",
             reason.empty() ? "it is not there any more" : reason, "insert the card and run again"};

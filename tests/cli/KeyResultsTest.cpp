@@ -199,7 +199,7 @@ TEST_F(Login, FailsWithoutJsonWhenThePinIsWrong) {
 }
 
 TEST_F(Login, TellsOfALastTryThatIsLeft) {
-  Invocation call = staged({"login", "--pin-file", write("pin", kWrongPin)}, {}, "20000");
+  Invocation call = staged({"login", "--last-try", "--pin-file", write("pin", kWrongPin)}, {}, "20000");
   expectFailure(run(call), 7, {"one more wrong PIN locks the card"});
 }
 

@@ -99,11 +99,6 @@ TEST_F(PinFile, CountsWithItsFirstLine) {
   EXPECT_EQ(stagedCallsOf("C_Login"), 1);
 }
 
-TEST_F(PinFile, KeepsBlanks) {
-  const Result result = logInWith(write("pin", std::string{" "} + std::string{kPin}.substr(1) + "\n"));
-  EXPECT_EQ(result.exitCode, 7);
-}
-
 TEST_F(PinFile, IsNotTriedWhenItHoldsNothing) {
   const Result result = logInWith(write("pin", ""));
   expectFailure(result, 9, {"no PIN was given"});
@@ -111,22 +106,41 @@ TEST_F(PinFile, IsNotTriedWhenItHoldsNothing) {
 }
 
 TEST_F(PinFile, IsNotTriedWhenThatCanBeNoPin) {
-  for (const std::string& content : {std::string{"\n"}, std::string{"123456789"}, std::string(256, '1')}) {
+  for (const std::string& content : {std::string{"\n"}, std::string{"123456789"}, std::string(256, '1'),
+                                     std::string{"caf\xC3\xA9"}, std::string{"1234567\xC3\xA9"}}) {
     SCOPED_TRACE(content.size());
-    expectFailure(logInWith(write("pin", content)), 7,
-                  {"a PIN has 1 to 8 characters, so the card was not asked"});
+    expectFailure(logInWith(write("pin", content)), 18, {"the PIN was not sent to the card: it "});
     EXPECT_EQ(stagedCallsOf("C_Login"), 0);
   }
 }
 
-TEST_F(PinFile, IsNotTriedWhenItIsNoText) {
-  for (const char* content : {"\xFF\xFE"
-                              "1234",
-                              "12\x1A"
-                              "34",
-                              "12\x7F", "caf\xC3"}) {
-    expectRefused(logInWith(write("pin", content)), "its first line is no text in UTF-8");
-    EXPECT_EQ(stagedCallsOf("C_Login"), 0);
+TEST_F(PinFile, IsNotTriedWhenItHoldsWhatNoPinHas) {
+  using namespace std::string_literals;
+  const std::pair<std::string, const char*> kRows[] = {
+      {"\xEF\xBB\xBF"s + kPin, "its first line begins with a byte order mark"},
+      {" "s + kPin, "its first line has blanks or tabs"},
+      {kPin + " \n"s, "its first line has blanks or tabs"},
+      {"12 34"s, "its first line has blanks or tabs"},
+      {"1234\t\n"s, "its first line has blanks or tabs"},
+      {"12\x00"
+       "34"s,
+       "its first line has control characters"},
+      {"1234\x00"s, "its first line has control characters"},
+      {"12\x1A"
+       "34"s,
+       "its first line has control characters"},
+      {"12\x7F"s, "its first line has control characters"},
+      {"12\r34"s, "its first line has control characters"},
+      {"1234\r\r\n"s, "its first line has control characters"},
+      {"\x1B[A1234"s, "its first line has control characters"},
+      {"\xFF\xFE"
+       "1234"s,
+       "its first line is no text in UTF-8"},
+      {"caf\xC3"s, "its first line is no text in UTF-8"},
+  };
+  for (const auto& [content, why] : kRows) {
+    SCOPED_TRACE(hexOfBytes(content));
+    expectRefused(logInWith(write("pin", content)), why);
   }
 }
 

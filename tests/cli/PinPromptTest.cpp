@@ -223,7 +223,7 @@ TEST_F(PinPrompt, DoesNotComeAgainOnceItIsCancelled) {
 }
 
 TEST_F(PinPrompt, IsNotSentToTheCardWhenItCanBeNone) {
-  for (const char* entry : {"", "123456789"}) {
+  for (const char* entry : {"", "123456789", "1234\xC3\xA9", "1234\xFF"}) {
     SCOPED_TRACE(entry);
     PseudoTerminal terminal;
     Invocation call = login();

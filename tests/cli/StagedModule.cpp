@@ -7,6 +7,7 @@
 ///   MIREL_STAGED_LENGTHS      "C_Sign=64": calls of C_Sign and C_Decrypt that answer CKR_OK report this
 ///                             length, hexadecimal, whatever they wrote.
 ///   MIREL_STAGED_TOKEN_FLAGS  hexadecimal: set in the flags of every token.
+///   MIREL_STAGED_TOKEN_INFOS  how many calls of C_GetTokenInfo are handed on; later ones answer 30.
 ///   MIREL_STAGED_EXIT         a function in kStaged: its call ends the process by exit(0).
 ///   MIREL_STAGED_EXIT_FILE    once there is that file, a thread ends the process by exit(0).
 ///   MIREL_STAGED_TRACEABLE    set: other processes of the user may look into the memory of this one again.
@@ -14,7 +15,7 @@
 ///   MIREL_STAGED_PLAIN_TEXT   what C_Decrypt answers whatever is to be decrypted, as a module does
 ///                             that hides a wrong padding.
 ///   MIREL_STAGED_CALLS        a file that gets the name of every call of a function in kStaged, in a line of
-///                             its own. C_Login adds "dumpable" and what prctl
+///                             its own; those of C_GetTokenInfo too. C_Login adds "dumpable" and what prctl
 ///                             answers.
 
 #include <dlfcn.h>
@@ -122,6 +123,11 @@ CK_RV decrypt(CK_SESSION_HANDLE session, CK_BYTE_PTR cipher, CK_ULONG cipherLen,
 }
 
 CK_RV tokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO_PTR info) {
+  static unsigned long calls = 0;
+  note("C_GetTokenInfo");
+  if (const std::string most = variable("MIREL_STAGED_TOKEN_INFOS"); !most.empty()) {
+    if (calls++ >= std::stoul(most)) return CKR_DEVICE_ERROR;
+  }
   const CK_RV rv = real->C_GetTokenInfo(slot, info);
   if (rv == CKR_OK) info->flags |= moreFlags;
   return rv;

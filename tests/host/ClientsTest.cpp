@@ -40,20 +40,24 @@ TEST_F(Clients, AreMadeForCardsWithoutKeys) {
 
 // ---- What the flags say about the PIN ----
 
+using Tries = mirel::PinState::Tries;
+
 struct Flags {
   CK_FLAGS set;
   const char* state;
+  Tries tries;
 };
 
 constexpr Flags kFlags[] = {
-    {0, ""},
-    {CKF_USER_PIN_COUNT_LOW, "a wrong PIN was entered since the last right one"},
-    {CKF_USER_PIN_FINAL_TRY, "one more wrong PIN locks the card"},
-    {CKF_USER_PIN_COUNT_LOW | CKF_USER_PIN_FINAL_TRY, "one more wrong PIN locks the card"},
-    {CKF_USER_PIN_LOCKED, "the PIN is locked"},
-    {CKF_USER_PIN_LOCKED | CKF_USER_PIN_FINAL_TRY | CKF_USER_PIN_COUNT_LOW, "the PIN is locked"},
+    {0, "", Tries::kNoWord},
+    {CKF_USER_PIN_COUNT_LOW, "a wrong PIN was entered since the last right one", Tries::kFewer},
+    {CKF_USER_PIN_FINAL_TRY, "one more wrong PIN locks the card", Tries::kLast},
+    {CKF_USER_PIN_COUNT_LOW | CKF_USER_PIN_FINAL_TRY, "one more wrong PIN locks the card", Tries::kLast},
+    {CKF_USER_PIN_LOCKED, "the PIN is locked", Tries::kNone},
+    {CKF_USER_PIN_LOCKED | CKF_USER_PIN_FINAL_TRY | CKF_USER_PIN_COUNT_LOW, "the PIN is locked",
+     Tries::kNone},
     // Those of the other PIN say nothing.
-    {CKF_SO_PIN_COUNT_LOW | CKF_SO_PIN_FINAL_TRY | CKF_SO_PIN_LOCKED, ""},
+    {CKF_SO_PIN_COUNT_LOW | CKF_SO_PIN_FINAL_TRY | CKF_SO_PIN_LOCKED, "", Tries::kNoWord},
 };
 
 class PinState : public Clients {};
@@ -65,7 +69,9 @@ TEST_F(PinState, IsWhatTheTokensFlagsSay) {
   for (const Flags& row : kFlags) {
     SCOPED_TRACE(row.set);
     script.card().info.flags = before | row.set;
-    EXPECT_EQ(host.pinState(found.front()), row.state);
+    EXPECT_EQ(host.pinState(found.front()).text, row.state);
+    EXPECT_EQ(host.pinState(found.front()).tries, row.tries);
+    EXPECT_FALSE(host.pinState(found.front()).enteredAtReader);
   }
 }
 
@@ -75,16 +81,16 @@ TEST_F(PinState, IsThatOfTheReader) {
   script.addSlot("Reader B 00", other);
   const auto found = readers();
   ASSERT_EQ(found.size(), 2U);
-  EXPECT_EQ(host.pinState(found[0]), "");
-  EXPECT_EQ(host.pinState(found[1]), "the PIN is locked");
+  EXPECT_EQ(host.pinState(found[0]).text, "");
+  EXPECT_EQ(host.pinState(found[1]).text, "the PIN is locked");
 }
 
 TEST_F(PinState, IsReadAnewEachTime) {
   const auto found = readers();
   ASSERT_EQ(found.size(), 1U);
-  EXPECT_EQ(host.pinState(found.front()), "");
+  EXPECT_EQ(host.pinState(found.front()).text, "");
   script.card().triesLeft = 1;
-  EXPECT_EQ(host.pinState(found.front()), "one more wrong PIN locks the card");
+  EXPECT_EQ(host.pinState(found.front()).text, "one more wrong PIN locks the card");
 }
 
 TEST_F(PinState, IsUnknownWhenTheTokenCannotBeRead) {
@@ -92,13 +98,25 @@ TEST_F(PinState, IsUnknownWhenTheTokenCannotBeRead) {
   ASSERT_EQ(found.size(), 1U);
   script.card().triesLeft = 0;
   script.failCallOf("C_GetTokenInfo", 0, CKR_DEVICE_ERROR);
-  EXPECT_EQ(host.pinState(found.front()), "");
-  EXPECT_EQ(host.pinState(found.front()), "the PIN is locked");
+  const auto unknown = host.pinState(found.front());
+  EXPECT_EQ(unknown.tries, Tries::kUnknown);
+  EXPECT_EQ(unknown.text, "");
+  EXPECT_EQ(unknown.problem, "C_GetTokenInfo answered CKR_DEVICE_ERROR (0x30)");
+  EXPECT_EQ(host.pinState(found.front()).text, "the PIN is locked");
   script.pullCard();
-  EXPECT_EQ(host.pinState(found.front()), "");
+  EXPECT_EQ(host.pinState(found.front()).tries, Tries::kUnknown);
 }
 
-TEST_F(PinState, IsUnknownBeforeTheModuleIsLoaded) { EXPECT_EQ(host.pinState(Reader{}), ""); }
+TEST_F(PinState, IsUnknownBeforeTheModuleIsLoaded) {
+  EXPECT_EQ(host.pinState(Reader{}).tries, Tries::kUnknown);
+}
+
+TEST_F(PinState, TellsOfAPinThatIsEnteredAtTheReader) {
+  const auto found = readers();
+  ASSERT_EQ(found.size(), 1U);
+  script.card().info.flags |= CKF_PROTECTED_AUTHENTICATION_PATH;
+  EXPECT_TRUE(host.pinState(found.front()).enteredAtReader);
+}
 
 }  // namespace
 }  // namespace mirel::test

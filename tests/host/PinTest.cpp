@@ -152,16 +152,43 @@ TEST_F(PinEntry, IsWrongForEachCodeThatSaysSo) {
 
 // ---- A PIN that the card is not asked about ----
 
-TEST_F(PinEntry, DoesNotTroubleTheCardWithPinsOfAnImpossibleLength) {
-  for (const char16_t* pin : {u"", u"123456789", u"1234567890123456"}) {
+TEST_F(PinEntry, DoesNotTroubleTheCardWithAPinThatCannotBeSent) {
+  const std::pair<const char16_t*, const char*> kRows[] = {
+      {u"", "it is empty"},
+      {u"123456789", "it has more than 8 characters"},
+      {u"1234567890123456", "it has more than 8 characters"},
+      {u"12345\u00E9", "it has characters that are not ASCII"},
+      {u"\u0661\u0662\u0663\u0664", "it has characters that are not ASCII"},
+      {u"1234567\U0001F511", "it has characters that are not ASCII"},
+  };
+  for (const auto& [pin, why] : kRows) {
+    SCOPED_TRACE(why);
     GivenPins given{{pin}};
     given.again = false;
     const Failure failure = loginFailure(given);
-    EXPECT_EQ(failure.kind, FailureKind::kPinWrong);
-    EXPECT_THAT(failure.why, HasSubstr("1 to 8 characters"));
+    EXPECT_EQ(failure.kind, FailureKind::kPinCannotBeEntered);
+    EXPECT_EQ(failure.what, "the PIN was not sent to the card");
+    EXPECT_EQ(failure.why, why);
   }
   EXPECT_THAT(secretCalls(), IsEmpty());
   EXPECT_EQ(script.card().triesLeft, 3U);
+}
+
+TEST_F(PinEntry, CountsNoRoundForAPinThatCannotBeSent) {
+  script.card().triesLeft = 10;
+  GivenPins given{{u"123456789", u"000000", u"", u"111111", u"123456"}};
+  EXPECT_TRUE(logsIn(given));
+  EXPECT_EQ(given.timesAsked(), 5U);
+  EXPECT_EQ(script.countOf("C_Login"), 3U);
+}
+
+TEST_F(PinEntry, EndsAfterThreePinsThatCannotBeSent) {
+  GivenPins given{{u"", u"123456789", u"", u"123456"}};
+  EXPECT_EQ(loginFailure(given).kind, FailureKind::kPinCannotBeEntered);
+  EXPECT_EQ(given.timesAsked(), 3U);
+  EXPECT_THAT(given.refusals, ElementsAre("the PIN was not sent to the card: it is empty",
+                                          "the PIN was not sent to the card: it has more than 8 characters"));
+  EXPECT_THAT(secretCalls(), IsEmpty());
 }
 
 TEST_F(PinEntry, IsAskedForAgainAfterAPinOfAnImpossibleLength) {

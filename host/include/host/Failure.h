@@ -14,6 +14,8 @@ enum class FailureKind {
   kCardEnumerationFailed,  ///< the card's objects cannot be listed
   kPinWrong,
   kPinLocked,
+  kPinHeldBack,         ///< a try is left for the user, so the PIN was not sent
+  kPinCannotBeEntered,  ///< the card takes its PIN in another way, or no such PIN can be sent
   kCancelled,           ///< the user gave no PIN
   kNotSupported,        ///< the key does not do that, or not with that algorithm
   kVerificationFailed,  ///< there is no signature, or it does not verify

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "host/Failure.h"
+#include "host/PinState.h"
 #include "platform/Certificate.h"
 #include "platform/PlatformServices.h"
 #include "platform/Text.h"
@@ -116,9 +117,8 @@ class Host {
   /// A new client of the token of an inserted card.
   [[nodiscard]] Outcome<std::unique_ptr<KeyClient>> newClient(const InsertedCard& card);
 
-  /// What the flags of the card's token say about the PIN just now, in words for the user; empty when they
-  /// say nothing.
-  [[nodiscard]] std::string pinState(const Reader& reader);
+  /// What the flags of the card's token say about the PIN just now.
+  [[nodiscard]] PinState pinState(const Reader& reader);
 
   /// Looks at the card of a reader once more, apart from the token, for objects that are not published,
   /// and says why. Empty when there are none, or the card cannot be read. Only after `readers` or

@@ -40,7 +40,8 @@ struct KeyExchange {
 /// that the client wants. The PIN is asked for when the token says that it needs it.
 class KeyClient {
  public:
-  /// The most PINs that are asked for in a row.
+  /// The most PINs that are sent to the card in a row; and the most that are asked for in vain because they
+  /// cannot be sent.
   static constexpr int kMostPins = 3;
 
   KeyClient(InsertedCard card, std::shared_ptr<MirelSCTokenSession> session,
