@@ -21,6 +21,8 @@ enum class ExitCode : int {
   kKeyNotFound = 12,
   kCardRefuses = 13,
   kFileTrouble = 14,
+  kAnotherCard = 15,
+  kCardGone = 16,
   kPinHeldBack = 17,
   kPinCannotBeEntered = 18,
 };
@@ -42,6 +44,8 @@ enum class ExitCode : int {
     case FailureKind::kCardRefuses: return ExitCode::kCardRefuses;
     case FailureKind::kBadInput: return ExitCode::kUsage;
     case FailureKind::kFileTrouble: return ExitCode::kFileTrouble;
+    case FailureKind::kAnotherCard: return ExitCode::kAnotherCard;
+    case FailureKind::kCardGone: return ExitCode::kCardGone;
     case FailureKind::kInternal: break;
   }
   return ExitCode::kInternal;

@@ -38,6 +38,8 @@ constexpr const char* kFooter =
     "  12  there is no such key\n"
     "  13  the card did not do what it was asked\n"
     "  14  a file cannot be read or written\n"
+    "  15  another card is in the reader\n"
+    "  16  the card or its service went away\n"
     "  17  a try is left for the user: the PIN was not sent\n"
     "  18  this card's PIN cannot be entered here";
 

@@ -15,11 +15,6 @@ using Json = nlohmann::ordered_json;
 
 constexpr mode_t kSignatureMode = 0666;
 
-Failure notVerified(const std::string& trouble) {
-  return {FailureKind::kVerificationFailed, "there is no good signature", trouble,
-          "nothing was written; try another algorithm or key"};
-}
-
 /// False when the card is known to have made none: what its layers answer then is empty, or zeros. Also false
 /// for a signature that is not as long as the modulus (RFC 8017, section 8), which no key of that size makes.
 bool mayBeSignature(const Signature& signature, const PublishedKey& key) {
@@ -66,7 +61,7 @@ ExitCode runSign(Host& host, const Options& options) {
   const bool verify = !options.noVerify;
   if (verify || !mayBeSignature(signature, chosen.key)) {
     const std::string trouble = signatureTrouble(chosen.certificate, chosen.key, algorithm, signature);
-    if (!trouble.empty()) return report(notVerified(trouble));
+    if (!trouble.empty()) return report(signatureFailure(chosen.key, signature, trouble));
   }
   const bool asJson = options.json;
   if (!asJson || options.out) {

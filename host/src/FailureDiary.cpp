@@ -2,14 +2,15 @@
 
 #include <algorithm>
 
+#include "CardTrouble.h"
 #include "bridge/cryptoki.h"
-#include "host/CryptokiNames.h"
 
 namespace mirel {
 namespace {
 
 /// The bridge marks the code of a second read with this bit.
 constexpr std::uint64_t kSecondRead = 0x80000000;
+constexpr std::string_view kSearchForSlot = "pkcs11_FindSlot";
 
 class LoaderWithDiary final : public DynamicLoader {
  public:
@@ -59,9 +60,11 @@ void FailureDiary::operationReturned(const char* operation, std::uint64_t result
     call_.reset();
   } else if (!operation_) {
     operation_ = Entry{operation, result};
+    // A slot that cannot be read is passed over in the search, which then finds none.
+    const bool passedOver = result == CKR_SLOT_ID_INVALID && std::string_view{operation} == kSearchForSlot;
     // The first call with that code: what fails after it, in cleaning up, is no cause.
     const auto cause = std::find_if(failingCalls_.begin(), failingCalls_.end(), [&](const Entry& failed) {
-      return result == failed.result || result == (failed.result | kSecondRead);
+      return passedOver || result == failed.result || result == (failed.result | kSecondRead);
     });
     if (cause != failingCalls_.end()) call_ = *cause;
   }
@@ -82,13 +85,15 @@ std::optional<std::uint64_t> FailureDiary::lastResultOf(std::string_view name) c
   return found == lastResults_.end() ? std::nullopt : std::optional{found->second};
 }
 
+std::optional<FailureDiary::Entry> FailureDiary::cause() const {
+  if (call_) return call_;
+  if (!operation_ && !failingCalls_.empty()) return failingCalls_.front();
+  return operation_;
+}
+
 std::string FailureDiary::reason() const {
-  if (call_) return call_->name + " answered " + cryptokiResultText(call_->result);
-  if (!operation_ && !failingCalls_.empty()) {
-    return failingCalls_.front().name + " answered " + cryptokiResultText(failingCalls_.front().result);
-  }
-  if (operation_) return operation_->name + " ended with " + cryptokiResultText(operation_->result);
-  return loaderText_;
+  const auto blamed = cause();
+  return blamed ? answerText(*blamed) : loaderText_;
 }
 
 std::shared_ptr<DynamicLoader> loaderWithDiary(std::shared_ptr<DynamicLoader> next,

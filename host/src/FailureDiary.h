@@ -13,14 +13,17 @@
 
 namespace mirel {
 
+/// A call that did not answer CKR_OK.
+struct FailedCall {
+  std::string name;  ///< of the Cryptoki function, or of the bridge's operation
+  std::uint64_t result = 0;
+};
+
 /// Remembers what went wrong last between the bridge and the module, for the user. Passes everything
 /// on to the observer it wraps (may be null).
 class FailureDiary final : public CryptokiObserver {
  public:
-  struct Entry {
-    std::string name;  ///< of the Cryptoki function, or of the bridge's operation
-    std::uint64_t result = 0;
-  };
+  using Entry = FailedCall;
 
   explicit FailureDiary(std::shared_ptr<CryptokiObserver> next) : next_{std::move(next)} {}
 
@@ -41,6 +44,9 @@ class FailureDiary final : public CryptokiObserver {
 
   /// The Cryptoki call that made it fail; nothing when the bridge itself was not content.
   [[nodiscard]] const std::optional<Entry>& failedCall() const noexcept { return call_; }
+
+  /// What is to blame: that call, or else the operation; nothing when nothing failed.
+  [[nodiscard]] std::optional<Entry> cause() const;
 
   /// What that Cryptoki function ("C_Login") or operation of the bridge ("pkcs11_UserLogin") answered last;
   /// nothing when it was not called.

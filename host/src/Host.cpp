@@ -5,6 +5,8 @@
 
 #include "CallEntry.h"
 #include "CardInspector.h"
+#include "CardTrouble.h"
+#include "CardWatch.h"
 #include "FailureDiary.h"
 #include "HostTokenKit.h"
 #include "ReaderFinder.h"
@@ -99,6 +101,11 @@ Failure enumerationFailure(const Reader& reader, const std::string& why, const s
           "the card in reader " + quoted(reader.name) + " cannot be listed", why, whatToDo};
 }
 
+Failure enumerationFailure(const Reader& reader, const FailedCall& cause) {
+  return failureBecauseOf(cause, "the card in reader " + quoted(reader.name) + " cannot be listed",
+                          FailureKind::kCardEnumerationFailed);
+}
+
 }  // namespace
 
 Host::Host(PlatformServices services, std::string givenModule)
@@ -134,6 +141,10 @@ Outcome<Reader> Host::chooseReader(const Text& readerName) {
       return Failure{FailureKind::kNoCard, "there is no card to insert", "no reader holds a card",
                      "put a card into a reader"};
     }
+    const auto unreadable = std::find_if(candidates.begin(), candidates.end(),
+                                         [](const Reader& reader) { return reader.unreadable.has_value(); });
+    // Whether that card is initialised is not known.
+    if (unreadable != candidates.end()) return *unreadable->unreadable;
     return Failure{FailureKind::kNoCard, "there is no card to insert",
                    "no reader holds a card that is initialised",
                    "initialise the card, insert another one, or name a reader with --reader"};
@@ -184,22 +195,28 @@ Outcome<InsertedCard> Host::insert(const Text& readerName) {
   diary_->clear();
   const auto token =
       driver->createTokenForSmartCard(driver, cardInReader(reader.distinctName), Bytes{}, &error);
-  const std::string reason = diary_->reason();
+  const auto cause = diary_->cause();
   if (!token && !error) {
-    return Failure{FailureKind::kModuleRefuses, "the token driver made no token of the card",
-                   reason.empty() ? "the module gives no function list any more" : reason, kSeeLog};
+    const char* what = "the token driver made no token of the card";
+    if (cause) return failureBecauseOf(*cause, what, FailureKind::kModuleRefuses);
+    return Failure{FailureKind::kModuleRefuses, what, "the module gives no function list any more", kSeeLog};
   }
   if (!token) {
-    return enumerationFailure(reader, reason.empty() ? "its token information has no text" : reason,
-                              tooManyCards(*bridge_) ? kTooManyCards : kSeeLog);
+    if (!cause) return enumerationFailure(reader, "its token information has no text", kSeeLog);
+    if (tooManyCards(*bridge_)) return enumerationFailure(reader, answerText(*cause), kTooManyCards);
+    return enumerationFailure(reader, *cause);
   }
   const auto registered = kit->lastToken();
-  if (!registered->contents().filled()) return listingFailure(reader, reason);
-  return InsertedCard{reader, registered->instanceID(), publishedItems(registered->contents()),
-                      std::static_pointer_cast<MirelSCToken>(token)};
+  if (!registered->contents().filled()) return listingFailure(reader, cause);
+  InsertedCard card{reader, registered->instanceID(), publishedItems(registered->contents()),
+                    std::static_pointer_cast<MirelSCToken>(token), nullptr};
+  card.watch = std::make_shared<CardWatch>(card.token, reader);
+  if (const auto another = card.watch->anotherCardAtInsertion()) return *another;
+  return card;
 }
 
 Outcome<std::unique_ptr<KeyClient>> Host::newClient(const InsertedCard& card) {
+  if (card.watch && card.watch->ended()) return *card.watch->ended();
   std::optional<TKError> error;
   auto session =
       std::dynamic_pointer_cast<MirelSCTokenSession>(card.token->createSessionWithError(card.token, &error));
@@ -232,7 +249,7 @@ PinState Host::pinState(const Reader& reader) {
   return state;
 }
 
-Failure Host::listingFailure(const Reader& reader, const std::string& reason) {
+Failure Host::listingFailure(const Reader& reader, const std::optional<FailedCall>& cause) {
   const auto objects = unpublishedObjects(reader);
   const auto culprit = std::find_if(objects.begin(), objects.end(),
                                     [](const UnpublishedObject& object) { return object.blocksCard; });
@@ -240,8 +257,13 @@ Failure Host::listingFailure(const Reader& reader, const std::string& reason) {
     return enumerationFailure(reader, describe(*culprit),
                               "have the card's issuer mend or remove that object");
   }
-  return enumerationFailure(reader, reason.empty() ? "the module gives no reason" : reason,
-                            reader.tokenInitialised ? kSeeLog : kNotInitialised);
+  const bool bare = !reader.tokenInitialised && !reader.unreadable;
+  if (bare) {
+    return enumerationFailure(reader, cause ? answerText(*cause) : "the module gives no reason",
+                              kNotInitialised);
+  }
+  if (cause) return enumerationFailure(reader, *cause);
+  return enumerationFailure(reader, "the module gives no reason", kSeeLog);
 }
 
 std::vector<UnpublishedObject> Host::unpublishedObjects(const Reader& reader) {

@@ -5,6 +5,8 @@
 #include <vector>
 
 #include "Adaptation.h"
+#include "CardTrouble.h"
+#include "CardWatch.h"
 #include "FailureDiary.h"
 #include "HostTokenKit.h"
 #include "RsaEncoding.h"
@@ -157,6 +159,11 @@ std::string plainTextTrouble(SecKeyAlgorithm form, const PublishedKey& key, cons
   return nothingWritten ? "C_Decrypt answered CKR_OK, but wrote no plain text" : "";
 }
 
+bool isEmptyOrZero(const Bytes& bytes) noexcept {
+  const auto view = bytes.view();
+  return std::all_of(view.begin(), view.end(), [](std::uint8_t byte) { return byte == 0; });
+}
+
 bool isRsaAlgorithm(SecKeyAlgorithm algorithm) noexcept {
   return nameOf(algorithm).substr(kSecKeyAlgorithmPrefix.size()).starts_with("RSA");
 }
@@ -183,7 +190,7 @@ KeyClient::KeyClient(InsertedCard card, std::shared_ptr<MirelSCTokenSession> ses
 KeyClient::~KeyClient() = default;
 
 std::optional<SecKeyAlgorithm> KeyClient::acceptedForm(const PublishedKey& key, SecKeyAlgorithm algorithm) {
-  for (std::optional<SecKeyAlgorithm> form = algorithm; form;) {
+  for (std::optional<SecKeyAlgorithm> form = algorithm; form && session_;) {
     if (session_->supportsOperation(session_, operationOf(*form), key.objectID, HostKeyAlgorithm{*form}))
       return form;
     const auto step = nextStep(*form);
@@ -194,6 +201,7 @@ std::optional<SecKeyAlgorithm> KeyClient::acceptedForm(const PublishedKey& key, 
 
 Outcome<SecKeyAlgorithm> KeyClient::formFor(const PublishedKey& key, SecKeyAlgorithm algorithm,
                                             TKTokenOperation operation) {
+  if (card_.watch && card_.watch->ended()) return *card_.watch->ended();
   const std::string what = "the key \"" + displayed(key.objectID) + "\" does not " + verbOf(operation) +
                            " with " + named(algorithm);
   if (operationOf(algorithm) != operation) {
@@ -251,7 +259,13 @@ Outcome<Signature> KeyClient::sign(const PublishedKey& key, SecKeyAlgorithm algo
     return session_->signData(session_, Bytes{prepared}, key.objectID, HostKeyAlgorithm{form}, outError);
   });
   if (const auto* failure = std::get_if<Failure>(&result)) return *failure;
-  return Signature{std::get<Bytes>(result), form, Bytes{data}, cardTrouble("C_Sign")};
+  Signature made{std::get<Bytes>(result), form, Bytes{data}, cardTrouble("C_Sign")};
+  if (const auto cause = diary_->cause()) {
+    made.cardFailure =
+        failureBecauseOf(*cause, "there is no good signature", FailureKind::kVerificationFailed);
+    if (isEmptyOrZero(made.value)) learnFrom(*made.cardFailure);
+  }
+  return made;
 }
 
 Outcome<Bytes> KeyClient::decrypt(const PublishedKey& key, SecKeyAlgorithm algorithm, InputSource& input,
@@ -270,10 +284,10 @@ Outcome<Bytes> KeyClient::decrypt(const PublishedKey& key, SecKeyAlgorithm algor
   });
   if (std::holds_alternative<Failure>(result)) return result;
   if (const std::string trouble = cardTrouble("C_Decrypt"); !trouble.empty()) {
-    return Failure{
-        FailureKind::kCardRefuses, "the card gave no plain text", trouble,
+    return refusal(
+        "the card gave no plain text", trouble,
         "check that the data were encrypted for this key, with PKCS #1 v1.5 padding: the card layer "
-        "knows no other"};
+        "knows no other");
   }
   if (const std::string trouble = plainTextTrouble(form, key, cipher, std::get<Bytes>(result));
       !trouble.empty()) {
@@ -317,6 +331,7 @@ template <typename Request>
 Outcome<Bytes> KeyClient::perform(const PublishedKey& key, TKTokenOperation operation, PinSource& pins,
                                   const Request& request) {
   for (bool mayAuthenticate = true;; mayAuthenticate = false) {
+    if (auto failure = missingCard()) return *failure;
     std::optional<TKError> error;
     diary_->clear();
     Bytes answer = request(&error);
@@ -331,9 +346,9 @@ Outcome<Bytes> KeyClient::perform(const PublishedKey& key, TKTokenOperation oper
     }
     const std::string text =
         error->localizedDescription.isNull() ? "" : displayedName(error->localizedDescription);
-    return Failure{
-        FailureKind::kCardRefuses, std::string{"the token does not "} + verbOf(operation),
-        "it answered with error " + std::to_string(error->code) + (text.empty() ? "" : ": " + text), kSeeLog};
+    return refusal(
+        std::string{"the token does not "} + verbOf(operation),
+        "it answered with error " + std::to_string(error->code) + (text.empty() ? "" : ": " + text), kSeeLog);
   }
 }
 
@@ -341,6 +356,7 @@ std::optional<Failure> KeyClient::authenticate(TKTokenOperation operation, const
                                                PinSource& pins) {
   int notSent = 0;
   for (int attempt = 1;; ++attempt) {
+    if (auto failure = missingCard()) return failure;
     std::optional<TKError> error;
     const auto authentication = session_->beginAuthForOperation(session_, operation, constraint, &error);
     const auto pinOperation = std::dynamic_pointer_cast<MirelSCTokenAuth>(authentication);
@@ -365,6 +381,8 @@ std::optional<Failure> KeyClient::authenticate(TKTokenOperation operation, const
       pins.showRefusal(failure.what + ": " + failure.why);
       continue;
     }
+    // As late as can be: the user may have taken any time.
+    if (auto failure = missingCard()) return failure;
     diary_->clear();
     pinOperation->setPIN(pin);
     const bool accepted = pinOperation->finishWithError(&error);
@@ -379,6 +397,31 @@ std::optional<Failure> KeyClient::authenticate(TKTokenOperation operation, const
   }
 }
 
+/// Why nothing can be asked of the card; nothing when it is there. Drops the session of a token that has
+/// ended.
+std::optional<Failure> KeyClient::missingCard() {
+  if (!card_.watch) return std::nullopt;
+  auto failure = card_.watch->look(*diary_);
+  if (card_.watch->ended()) {
+    session_.reset();
+    card_.token.reset();
+  }
+  return failure;
+}
+
+void KeyClient::learnFrom(const Failure& failure) {
+  if (card_.watch) card_.watch->learnFrom(failure);
+}
+
+/// Because of the call that failed; where none did, with these words.
+Failure KeyClient::refusal(std::string what, std::string why, std::string whatToDo) {
+  const auto cause = diary_->cause();
+  if (!cause) return {FailureKind::kCardRefuses, std::move(what), std::move(why), std::move(whatToDo)};
+  Failure failure = failureBecauseOf(*cause, std::move(what), FailureKind::kCardRefuses);
+  learnFrom(failure);
+  return failure;
+}
+
 /// Why the card did not do what that Cryptoki function does; empty when it did. A card that was not asked may
 /// leave no other trace.
 std::string KeyClient::cardTrouble(std::string_view function) const {
@@ -386,32 +429,30 @@ std::string KeyClient::cardTrouble(std::string_view function) const {
   return diary_->lastResultOf(function) == CKR_OK ? std::string{} : "the card was not asked";
 }
 
-Failure KeyClient::loginFailure(const std::string& text) const {
+Failure KeyClient::loginFailure(const std::string& text) {
   const auto answer = diary_->lastResultOf("C_Login");
   if (!answer) {
-    const std::string reason = diary_->reason();
-    return {FailureKind::kCardRefuses, "the card did not take the PIN",
-            reason.empty() ? "it is not there any more" : reason, "insert the card and run again"};
+    return refusal("the card did not take the PIN", "it is not there any more",
+                   "insert the card and run again");
   }
-  const std::string code = "C_Login answered " + cryptokiResultText(*answer);
-  switch (*answer) {
-    case CKR_PIN_INCORRECT:
-    case CKR_PIN_INVALID:
-    case CKR_PIN_LEN_RANGE: return {FailureKind::kPinWrong, text, code, "enter the PIN of this card"};
-    case CKR_PIN_LOCKED:
-      return {FailureKind::kPinLocked, "the PIN of the card is locked", code,
-              "have the card's issuer unlock it"};
-    default: break;
-  }
-  std::string why = diary_->reason();
-  if (why.empty() && *answer != CKR_OK) why = code;
-  if (why.empty()) {
+  const FailedCall login{"C_Login", *answer};
+  const auto decided = meaningOf(login.name, login.result).kind;
+  if (decided == FailureKind::kPinWrong) return failureBecauseOf(login, text, FailureKind::kPinWrong);
+  if (decided == FailureKind::kPinLocked)
+    return failureBecauseOf(login, "the PIN of the card is locked", FailureKind::kPinLocked);
+  const char* what = "the card did not take the PIN";
+  if (!diary_->cause() && *answer != CKR_OK) {
     // The framework has looked at the session since, so the diary does not tell any more.
-    const auto ended = diary_->lastResultOf("pkcs11_UserLogin");
-    why = !ended || *ended == kLoginDidNotTake ? "the login left no user logged in"
-                                               : "pkcs11_UserLogin ended with " + cryptokiResultText(*ended);
+    Failure failure = failureBecauseOf(login, what, FailureKind::kCardRefuses);
+    learnFrom(failure);
+    return failure;
   }
-  return {FailureKind::kCardRefuses, "the card did not take the PIN", why, kSeeLog};
+  const auto ended = diary_->lastResultOf("pkcs11_UserLogin");
+  return refusal(what,
+                 !ended || *ended == kLoginDidNotTake
+                     ? "the login left no user logged in"
+                     : "pkcs11_UserLogin ended with " + cryptokiResultText(*ended),
+                 kSeeLog);
 }
 
 std::optional<Failure> KeyClient::logIn(PinSource& pins) {

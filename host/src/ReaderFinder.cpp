@@ -5,9 +5,12 @@
 #include <span>
 
 #include "CallEntry.h"
+#include "CardTrouble.h"
 #include "FailureDiary.h"
+#include "FixedText.h"
 #include "bridge/P11Bridge.h"
 #include "host/CryptokiNames.h"
+#include "host/Display.h"
 #include "platform/Log.h"
 
 namespace mirel {
@@ -17,14 +20,6 @@ constexpr CK_ULONG kMaxSlots = 4096;
 constexpr int kSlotListTries = 3;  // a slot may appear between counting and listing
 
 constexpr const char* kAskMaker = "ask the maker of the module";
-
-/// Fixed-width text without the blanks and zeros at its end.
-Text trimmed(std::span<const CK_UTF8CHAR> field) {
-  const auto isPadding = [](CK_UTF8CHAR c) { return c == ' ' || c == 0; };
-  std::size_t length = field.size();
-  while (length > 0 && isPadding(field[length - 1])) --length;
-  return Text::fromBytes(field.first(length));
-}
 
 /// The module as the user knows it, fit for a message.
 std::string moduleName(const std::string& path, const std::string& givenModule) {
@@ -68,6 +63,13 @@ CK_RV listSlots(const CK_FUNCTION_LIST& list, bool withTokenOnly, std::vector<CK
   return rv;
 }
 
+void setProblem(Reader& reader, const FailedCall& cause) {
+  reader.unreadable =
+      failureBecauseOf(cause, "the card in the reader \"" + displayed(reader.name) + "\" cannot be read",
+                       FailureKind::kCardEnumerationFailed);
+  reader.problem = reader.unreadable->why + "; " + reader.unreadable->whatToDo;
+}
+
 Reader readReader(const CK_FUNCTION_LIST& list, CK_SLOT_ID slotID, bool withTokenOnly,
                   CK_SLOT_INFO& outSlot) {
   Reader reader;
@@ -75,7 +77,7 @@ Reader readReader(const CK_FUNCTION_LIST& list, CK_SLOT_ID slotID, bool withToke
   outSlot = {};
   if (const CK_RV rv = callEntry(list.C_GetSlotInfo, slotID, &outSlot); rv != CKR_OK) {
     outSlot = {};
-    reader.problem = "C_GetSlotInfo answered " + cryptokiResultText(rv);
+    setProblem(reader, {"C_GetSlotInfo", rv});
     return reader;
   }
   reader.name = trimmed(outSlot.slotDescription);
@@ -87,7 +89,7 @@ Reader readReader(const CK_FUNCTION_LIST& list, CK_SLOT_ID slotID, bool withToke
   }
   CK_TOKEN_INFO token{};
   if (const CK_RV rv = callEntry(list.C_GetTokenInfo, slotID, &token); rv != CKR_OK) {
-    reader.problem = "C_GetTokenInfo answered " + cryptokiResultText(rv);
+    setProblem(reader, {"C_GetTokenInfo", rv});
     return reader;
   }
   reader.tokenLabel = trimmed(token.label);
@@ -132,8 +134,8 @@ Outcome<std::vector<Reader>> findReaders(P11Bridge& bridge, FailureDiary& diary,
   std::vector<CK_SLOT_ID> slotIDs;
   const CK_FUNCTION_LIST& list = *bridge.ckFunc();
   if (const CK_RV rv = listSlots(list, withTokenOnly, slotIDs); rv != CKR_OK) {
-    return Failure{FailureKind::kModuleRefuses, "the PKCS #11 module does not list its slots",
-                   "C_GetSlotList answered " + cryptokiResultText(rv), kAskMaker};
+    return failureBecauseOf({"C_GetSlotList", rv}, "the PKCS #11 module does not list its slots",
+                            FailureKind::kModuleRefuses);
   }
 
   std::vector<Reader> readers;

@@ -28,20 +28,23 @@ bool allZero(const Bytes& bytes) {
   return std::all_of(bytes.view().begin(), bytes.view().end(), [](std::uint8_t byte) { return byte == 0; });
 }
 
+/// Why no signature can come of that key, whatever the card says; empty when one can.
+std::string troubleOfKey(const PublishedKey& key) {
+  if (key.keyType != CertificateKeyType::kRSA) return "only RSA keys sign through this card layer";
+  if (key.keySizeInBits > kLongestSigningKey)
+    return "RSA keys above 2048 bits do not sign through this card layer";
+  return containsIgnoringCase(key.certificateID, u"PSS") ? kPssName : std::string{};
+}
+
 }  // namespace
 
 std::string signatureTrouble(const PublishedCertificate& certificate, const PublishedKey& key,
                              SecKeyAlgorithm algorithm, const Signature& signature) {
   const std::string because = signature.cardTrouble.empty() ? "" : " (" + signature.cardTrouble + ")";
   if (signature.value.size() == 0) {
-    if (key.keyType != CertificateKeyType::kRSA) {
-      return "the signature is empty: only RSA keys sign through this card layer" + because;
-    }
-    if (key.keySizeInBits > kLongestSigningKey) {
-      return "the signature is empty: RSA keys above 2048 bits do not sign through this card layer" + because;
-    }
-    if (containsIgnoringCase(key.certificateID, u"PSS")) return std::string{kPssName} + because;
-    return "the signature is empty" + because;
+    const std::string ofKey = troubleOfKey(key);
+    if (ofKey == kPssName) return ofKey + because;
+    return "the signature is empty" + (ofKey.empty() ? "" : ": " + ofKey) + because;
   }
   const auto publicKey = publicKeyOfCertificate(certificate.data.view());
   if (!publicKey) return "the public key of the certificate cannot be read";
@@ -62,6 +65,16 @@ std::string signatureTrouble(const PublishedCertificate& certificate, const Publ
            "not verify; PSS does";
   }
   return "the signature does not verify with the public key of the certificate" + because;
+}
+
+Failure signatureFailure(const PublishedKey& key, const Signature& signature, const std::string& trouble) {
+  constexpr const char* kWhat = "there is no good signature";
+  const auto& card = signature.cardFailure;
+  const bool gone = card && card->kind == FailureKind::kCardGone;
+  if (card && (gone || troubleOfKey(key).empty()))
+    return {card->kind, kWhat, card->why, "nothing was written; " + card->whatToDo};
+  return {FailureKind::kVerificationFailed, kWhat, trouble,
+          "nothing was written; try another algorithm or key"};
 }
 
 }  // namespace mirel

@@ -249,6 +249,52 @@ TEST_F(Login, LeavesTheItemsAsTheyWere) {
   EXPECT_EQ(items(), before);
 }
 
+class CardThatLeaves : public KeyTest {
+ protected:
+  void SetUp() override {
+    KeyTest::SetUp();
+    if (!IsSkipped()) makeCard(severalKeys());
+  }
+};
+
+TEST_F(CardThatLeaves, IsToldInTheSameWordsByEveryCommand) {
+  const std::string pin = write("pin", kPin);
+  const struct {
+    std::vector<std::string> arguments;
+    const char* function;
+  } rows[] = {
+      {{"login", "--pin-file", pin}, "C_Login"},
+      {{"sign", "--key", "01", "--out", path("signature"), "--pin-file", pin}, "C_Sign"},
+      {{"sign", "--key", "01", "--no-verify", "--out", path("signature"), "--pin-file", pin}, "C_SignInit"},
+      {{"decrypt", "--key", "02", "--pin-file", pin}, "C_Decrypt"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.function);
+    Invocation call = staged(row.arguments, std::string{row.function} + "=32");
+    call.input = row.arguments.front() == "decrypt" ? encrypted("rsa2048", "pkcs1", "plain") : kMessage;
+    expectFailure(run(call), 16,
+                  {std::string{row.function} +
+                       " answered CKR_DEVICE_REMOVED (0x32), the card or its reader was taken away",
+                   "put the card into its reader and run again"});
+    EXPECT_FALSE(std::filesystem::exists(path("signature")));
+  }
+}
+
+TEST_F(CardThatLeaves, LeavesNoSignatureOfAnotherOne) {
+  for (const bool verify : {true, false}) {
+    SCOPED_TRACE(verify);
+    std::vector<std::string> arguments{"sign",       "--key",           "01", "--out", path("signature"),
+                                       "--pin-file", write("pin", kPin)};
+    if (!verify) arguments.emplace_back("--no-verify");
+    Invocation call = staged(arguments);
+    call.environment["MIREL_STAGED_SWAP"] = "C_Login";
+    call.input = kMessage;
+    expectFailure(run(call), 15, {"another card is in the reader", "9999999999999999"});
+    EXPECT_FALSE(std::filesystem::exists(path("signature")));
+    EXPECT_EQ(stagedCallsOf("C_SignInit"), 0);
+  }
+}
+
 class KeyJson : public KeyTest {
  protected:
   void SetUp() override {

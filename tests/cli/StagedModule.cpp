@@ -14,6 +14,8 @@
 ///   MIREL_STAGED_PAUSE        a function in kStaged: its call waits for the end of the process.
 ///   MIREL_STAGED_PLAIN_TEXT   what C_Decrypt answers whatever is to be decrypted, as a module does
 ///                             that hides a wrong padding.
+///   MIREL_STAGED_SWAP         a function in kStaged: from its first call on every token has another serial
+///                             number.
 ///   MIREL_STAGED_CALLS        a file that gets the name of every call of a function in kStaged, in a line of
 ///                             its own; those of C_GetTokenInfo too. C_Login adds "dumpable" and what prctl
 ///                             answers.
@@ -23,6 +25,7 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdlib>
 #include <map>
@@ -43,6 +46,7 @@ CK_FUNCTION_LIST* real = nullptr;
 CK_FUNCTION_LIST ours{};
 CK_FLAGS moreFlags = 0;
 int callsFile = -1;
+bool swapped = false;
 
 struct Stage {
   std::vector<CK_RV> answers;
@@ -100,6 +104,7 @@ struct Staged<Entry, Name> {
     if (variable("MIREL_STAGED_PAUSE") == kStaged[Name]) {
       while (true) (void)pause();
     }
+    if (variable("MIREL_STAGED_SWAP") == kStaged[Name]) swapped = true;
     Stage& stage = stages()[kStaged[Name]];
     const CK_RV rv =
         stage.calls < stage.answers.size() ? stage.answers[stage.calls++] : (real->*Entry)(args...);
@@ -130,6 +135,7 @@ CK_RV tokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO_PTR info) {
   }
   const CK_RV rv = real->C_GetTokenInfo(slot, info);
   if (rv == CKR_OK) info->flags |= moreFlags;
+  if (rv == CKR_OK && swapped) std::fill_n(info->serialNumber, sizeof info->serialNumber, CK_UTF8CHAR{'9'});
   return rv;
 }
 

@@ -8,6 +8,7 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
+using ::testing::StartsWith;
 
 using enum SecKeyAlgorithm;
 
@@ -144,7 +145,7 @@ TEST_F(Decrypt, TellsThatTheCardGaveNone) {
   const Value cipher = key.encrypted(block, RSA_NO_PADDING);
   const Failure failure = decryptFailure(kSecKeyAlgorithmRSAEncryptionPKCS1, cipher);
   EXPECT_EQ(failure.kind, FailureKind::kCardRefuses);
-  EXPECT_EQ(failure.why, "C_Decrypt answered CKR_ENCRYPTED_DATA_INVALID (0x40)");
+  EXPECT_THAT(failure.why, StartsWith("C_Decrypt answered CKR_ENCRYPTED_DATA_INVALID (0x40)"));
 }
 
 TEST_F(Decrypt, TellsTheCodeOfEachCallThatFails) {
@@ -154,7 +155,7 @@ TEST_F(Decrypt, TellsTheCodeOfEachCallThatFails) {
     const Failure failure =
         decryptFailure(kSecKeyAlgorithmRSAEncryptionPKCS1, key.encrypted(kPlain, RSA_PKCS1_PADDING));
     EXPECT_EQ(failure.kind, FailureKind::kCardRefuses);
-    EXPECT_EQ(failure.why, std::string{function} + " answered CKR_DEVICE_ERROR (0x30)");
+    EXPECT_THAT(failure.why, StartsWith(std::string{function} + " answered CKR_DEVICE_ERROR (0x30)"));
   }
 }
 
@@ -162,7 +163,7 @@ TEST_F(Decrypt, TellsThatTheCardIsGone) {
   (void)plainText(kSecKeyAlgorithmRSAEncryptionPKCS1, key.encrypted(kPlain, RSA_PKCS1_PADDING));
   script.pullCard();
   EXPECT_EQ(decryptFailure(kSecKeyAlgorithmRSAEncryptionPKCS1, key.encrypted(kPlain, RSA_PKCS1_PADDING)).kind,
-            FailureKind::kCardRefuses);
+            FailureKind::kCardGone);
 }
 
 TEST_F(Decrypt, TellsThatTheCardIsGoneTheSecondTimeToo) {
@@ -173,7 +174,7 @@ TEST_F(Decrypt, TellsThatTheCardIsGoneTheSecondTimeToo) {
     SCOPED_TRACE(attempt);
     EXPECT_EQ(
         decryptFailure(kSecKeyAlgorithmRSAEncryptionPKCS1, key.encrypted(kPlain, RSA_PKCS1_PADDING)).kind,
-        FailureKind::kCardRefuses);
+        FailureKind::kCardGone);
   }
 }
 
@@ -257,7 +258,7 @@ TEST_F(Exchange, GivesNoSecretAndNeedsNoPin) {
   EXPECT_TRUE(std::get<KeyExchange>(outcome).secret.isNull());
   EXPECT_EQ(std::get<KeyExchange>(outcome).performed, kSecKeyAlgorithmECDHKeyExchangeStandard);
   EXPECT_EQ(pins.timesAsked(), 0U);
-  EXPECT_THAT(script.callTexts(), IsEmpty());
+  EXPECT_THAT(secretCalls(), IsEmpty());
 }
 
 TEST_F(Exchange, RefusesNoPoint) {

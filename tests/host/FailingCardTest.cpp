@@ -6,6 +6,8 @@
 namespace mirel::test {
 namespace {
 
+using ::testing::AnyOf;
+
 using enum SecKeyAlgorithm;
 
 const Value kMessage = bytesOf("a message");
@@ -33,7 +35,8 @@ class FailingCard : public KeyClientTest {
 
   void expectRefusal(const Failure& failure) const {
     expectPresentable(failure);
-    EXPECT_EQ(failure.kind, FailureKind::kCardRefuses);
+    EXPECT_THAT(failure.kind, AnyOf(FailureKind::kCardRefuses, alsoAllowed))
+        << failure.what << ": " << failure.why;
     EXPECT_LE(given->timesAsked(), 1U) << "the PIN is asked for again";
   }
 
@@ -62,6 +65,7 @@ class FailingCard : public KeyClientTest {
   }
 
   std::unique_ptr<GivenPins> given;
+  FailureKind alsoAllowed = FailureKind::kCardRefuses;
 };
 
 TEST_F(FailingCard, GivesAReasonForEveryBadSignature) {
@@ -74,6 +78,7 @@ TEST_F(FailingCard, GivesAReasonForEveryBadSignature) {
 }
 
 TEST_F(FailingCard, GivesAReasonForEveryBadSignatureAfterTheLogin) {
+  alsoAllowed = FailureKind::kCardGone;
   forEachFailingCall(script, CKR_DEVICE_REMOVED, [&](FailPoint& point) {
     begin();
     EXPECT_EQ(client->logIn(*given), std::nullopt);
@@ -93,6 +98,7 @@ TEST_F(FailingCard, NeverGivesAWrongPlainText) {
 }
 
 TEST_F(FailingCard, NeverGivesAWrongPlainTextAfterTheLogin) {
+  alsoAllowed = FailureKind::kCardGone;
   forEachFailingCall(script, CKR_DEVICE_REMOVED, [&](FailPoint& point) {
     begin();
     EXPECT_EQ(client->logIn(*given), std::nullopt);
@@ -110,7 +116,7 @@ TEST_F(FailingCard, NeverAsksForThePinTwiceBecauseOfIt) {
       EXPECT_TRUE(point.fired());
       expectRefusal(*failure);
     }
-    EXPECT_EQ(given->timesAsked(), 1U);
+    EXPECT_LE(given->timesAsked(), 1U);
   });
 }
 

@@ -95,7 +95,7 @@ TEST_F(ModuleTrouble, AModuleThatDoesNotStartIsNamedWithItsResult) {
   const Failure failure = failureOf(host.readers());
   EXPECT_EQ(failure.kind, FailureKind::kModuleRefuses);
   EXPECT_THAT(failure.what, HasSubstr(home.modulePath()));
-  EXPECT_EQ(failure.why, "C_Initialize answered CKR_DEVICE_ERROR (0x30)");
+  EXPECT_THAT(failure.why, StartsWith("C_Initialize answered CKR_DEVICE_ERROR (0x30)"));
 }
 
 TEST_F(ModuleTrouble, AModuleThatRunsAlreadyIsNone) {
@@ -110,7 +110,7 @@ TEST_F(ModuleTrouble, AModuleThatDoesNotListItsSlotsIsNamedWithItsResult) {
     script.failCallOf("C_GetSlotList", call, CKR_GENERAL_ERROR);
     const Failure failure = failureOf(host.readers());
     EXPECT_EQ(failure.kind, FailureKind::kModuleRefuses);
-    EXPECT_EQ(failure.why, "C_GetSlotList answered CKR_GENERAL_ERROR (0x5)");
+    EXPECT_THAT(failure.why, StartsWith("C_GetSlotList answered CKR_GENERAL_ERROR (0x5)"));
   }
 }
 
@@ -118,7 +118,7 @@ TEST_F(ModuleTrouble, AMissingFunctionIsNamedWithAResult) {
   script.removeEntry("C_GetSlotList");
   const Failure failure = failureOf(host.readers());
   EXPECT_EQ(failure.kind, FailureKind::kModuleRefuses);
-  EXPECT_EQ(failure.why, "C_GetSlotList answered CKR_FUNCTION_NOT_SUPPORTED (0x54)");
+  EXPECT_THAT(failure.why, StartsWith("C_GetSlotList answered CKR_FUNCTION_NOT_SUPPORTED (0x54)"));
 }
 
 TEST_F(ModuleTrouble, IsForgottenAtTheNextTry) {
@@ -141,7 +141,7 @@ TEST_F(ModuleTrouble, ThatComesBetweenListingAndInsertingIsTold) {
   script.failCallOf("C_Initialize", 1, CKR_DEVICE_MEMORY);
   const Failure failure = failureOf(host.insert(Text{}));
   EXPECT_EQ(failure.kind, FailureKind::kModuleRefuses);
-  EXPECT_EQ(failure.why, "C_Initialize answered CKR_DEVICE_MEMORY (0x31)");
+  EXPECT_THAT(failure.why, StartsWith("C_Initialize answered CKR_DEVICE_MEMORY (0x31)"));
 }
 
 TEST_F(ModuleTrouble, AFunctionListThatIsGoneWhenTheCardIsInsertedIsTold) {

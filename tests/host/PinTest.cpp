@@ -7,6 +7,7 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
+using ::testing::StartsWith;
 
 using enum SecKeyAlgorithm;
 
@@ -108,7 +109,7 @@ TEST_F(PinEntry, EndsAfterThreeWrongPins) {
   const Failure failure = loginFailure(given);
   EXPECT_EQ(failure.kind, FailureKind::kPinWrong);
   EXPECT_EQ(failure.what, "Wrong, 0 left");
-  EXPECT_EQ(failure.why, "C_Login answered CKR_PIN_INCORRECT (0xA0)");
+  EXPECT_THAT(failure.why, StartsWith("C_Login answered CKR_PIN_INCORRECT (0xA0)"));
   EXPECT_EQ(given.timesAsked(), 3U);
   EXPECT_THAT(given.refusals, SizeIs(2));
   EXPECT_EQ(script.countOf("C_Login"), 3U);
@@ -206,7 +207,7 @@ TEST_F(PinEntry, EndsAtOnceWhenThePinIsLocked) {
   GivenPins given{{u"123456", u"123456"}};
   const Failure failure = loginFailure(given);
   EXPECT_EQ(failure.kind, FailureKind::kPinLocked);
-  EXPECT_EQ(failure.why, "C_Login answered CKR_PIN_LOCKED (0xA4)");
+  EXPECT_THAT(failure.why, StartsWith("C_Login answered CKR_PIN_LOCKED (0xA4)"));
   EXPECT_EQ(given.timesAsked(), 1U);
   EXPECT_THAT(given.refusals, IsEmpty());
 }
@@ -252,8 +253,8 @@ TEST_F(PinEntry, FailsOnACardThatIsGoneBeforeIt) {
   GivenPins given{{u"123456", u"123456"}};
   given.whenAsked = [&] { script.pullCard(); };
   const Failure failure = loginFailure(given);
-  EXPECT_EQ(failure.kind, FailureKind::kCardRefuses);
-  EXPECT_EQ(failure.what, "the card did not take the PIN");
+  EXPECT_EQ(failure.kind, FailureKind::kCardGone);
+  EXPECT_THAT(failure.what, HasSubstr("not in the reader \"Reader A 00\" any more"));
   EXPECT_THAT(failure.why, HasSubstr("CKR_SLOT_ID_INVALID (0x3)"));
   EXPECT_EQ(given.timesAsked(), 1U);
   EXPECT_THAT(given.refusals, IsEmpty());
@@ -267,8 +268,8 @@ TEST_F(PinEntry, FailsOnACardThatIsGoneWithinIt) {
       });
   GivenPins given{{u"123456", u"123456"}};
   const Failure failure = loginFailure(given);
-  EXPECT_EQ(failure.kind, FailureKind::kCardRefuses);
-  EXPECT_EQ(failure.why, "C_Login answered CKR_DEVICE_REMOVED (0x32)");
+  EXPECT_EQ(failure.kind, FailureKind::kCardGone);
+  EXPECT_THAT(failure.why, StartsWith("C_Login answered CKR_DEVICE_REMOVED (0x32)"));
   EXPECT_EQ(given.timesAsked(), 1U);
 }
 
@@ -281,7 +282,7 @@ TEST_F(PinEntry, FailsOnACardThatIsGoneAfterIt) {
       });
   GivenPins given{{u"123456", u"123456"}};
   const Failure failure = loginFailure(given);
-  EXPECT_EQ(failure.kind, FailureKind::kCardRefuses);
+  EXPECT_EQ(failure.kind, FailureKind::kCardGone);
   EXPECT_THAT(failure.why, HasSubstr("CKR_DEVICE_REMOVED (0x32)"));
   EXPECT_EQ(given.timesAsked(), 1U);
 }
@@ -325,7 +326,7 @@ TEST_F(PinEntry, TellsTheCodeOfOtherErrors) {
     GivenPins given{{u"123456", u"123456"}};
     const Failure failure = loginFailure(given);
     EXPECT_EQ(failure.kind, FailureKind::kCardRefuses);
-    EXPECT_EQ(failure.why, why);
+    EXPECT_THAT(failure.why, StartsWith(why));
     EXPECT_EQ(given.timesAsked(), 1U);
   }
 }
@@ -334,7 +335,7 @@ TEST_F(PinEntry, TellsTheCodeOfASessionThatCannotBeOpened) {
   script.failCallOf("C_OpenSession", 0, CKR_SESSION_COUNT, Times::kFromThenOn);
   const Failure failure = loginFailure(pins);
   EXPECT_EQ(failure.kind, FailureKind::kCardRefuses);
-  EXPECT_EQ(failure.why, "C_OpenSession answered CKR_SESSION_COUNT (0xB1)");
+  EXPECT_THAT(failure.why, StartsWith("C_OpenSession answered CKR_SESSION_COUNT (0xB1)"));
 }
 
 TEST_F(PinEntry, IsGoodForOneClientAlone) {

@@ -6,6 +6,7 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
+using ::testing::StartsWith;
 
 class Readers : public HostTest {};
 
@@ -119,7 +120,7 @@ TEST_F(Readers, AreListedWithAProblemWhenTheirInformationCannotBeRead) {
   script.failCallOf("C_GetSlotInfo", 0, CKR_DEVICE_ERROR);
   const auto found = readers();
   ASSERT_EQ(found.size(), 2U);
-  EXPECT_EQ(found[0].problem, "C_GetSlotInfo answered CKR_DEVICE_ERROR (0x30)");
+  EXPECT_THAT(found[0].problem, StartsWith("C_GetSlotInfo answered CKR_DEVICE_ERROR (0x30)"));
   EXPECT_FALSE(found[0].tokenInitialised);
   EXPECT_EQ(found[1].name, Text{u"Reader B"});
   EXPECT_THAT(found[1].problem, IsEmpty());
@@ -130,7 +131,7 @@ TEST_F(Readers, AreListedWithAProblemWhenTheirCardCannotBeRead) {
   const auto found = readers();
   ASSERT_EQ(found.size(), 1U);
   EXPECT_EQ(found[0].name, Text{u"Reader A 00"});
-  EXPECT_EQ(found[0].problem, "C_GetTokenInfo answered CKR_TOKEN_NOT_RECOGNIZED (0xE1)");
+  EXPECT_THAT(found[0].problem, StartsWith("C_GetTokenInfo answered CKR_TOKEN_NOT_RECOGNIZED (0xE1)"));
   EXPECT_FALSE(found[0].tokenInitialised);
 }
 
@@ -177,14 +178,15 @@ TEST_F(Readers, GiveUpWhenTheListKeepsGrowing) {
   script.failCallOf("C_GetSlotList", 1, CKR_BUFFER_TOO_SMALL, Times::kFromThenOn);
   const Failure failure = failureOf(host.readers());
   EXPECT_EQ(failure.kind, FailureKind::kModuleRefuses);
-  EXPECT_EQ(failure.why, "C_GetSlotList answered CKR_BUFFER_TOO_SMALL (0x150)");
+  EXPECT_THAT(failure.why, StartsWith("C_GetSlotList answered CKR_BUFFER_TOO_SMALL (0x150)"));
 }
 
 TEST_F(Readers, GiveUpWhenTheListIsAlwaysTooShort) {
   script.hook<&CK_FUNCTION_LIST::C_GetSlotList>([](auto real, auto present, auto* list, auto* count) {
     return list ? CKR_BUFFER_TOO_SMALL : real(present, list, count);
   });
-  EXPECT_EQ(failureOf(host.readers()).why, "C_GetSlotList answered CKR_BUFFER_TOO_SMALL (0x150)");
+  EXPECT_THAT(failureOf(host.readers()).why,
+              StartsWith("C_GetSlotList answered CKR_BUFFER_TOO_SMALL (0x150)"));
 }
 
 }  // namespace

@@ -23,6 +23,8 @@ enum class FailureKind {
   kCardRefuses,  ///< the card did not do what it was asked
   kBadInput,     ///< the data to work on have the wrong length
   kFileTrouble,  ///< a file cannot be read or written
+  kAnotherCard,  ///< the reader holds another card than the one that was inserted
+  kCardGone,     ///< the card, its reader or the service behind it went away
 };
 
 /// A failure as the user is told it, UTF-8, each member without a full stop or line end.

@@ -17,7 +17,9 @@
 
 namespace mirel {
 
+class CardWatch;
 class FailureDiary;
+struct FailedCall;
 class KeyClient;
 class MirelSCToken;
 class P11Bridge;
@@ -34,7 +36,8 @@ struct Reader {
   Text model;
   std::vector<std::string> tokenFlags;
   bool tokenInitialised = false;
-  std::string problem;  ///< why the token could not be read; empty: it could
+  std::string problem;                ///< why the token could not be read, and what to do; empty: it could
+  std::optional<Failure> unreadable;  ///< the same as a failure; null also where there is no card
 
   /// The name that leads the card framework to this very slot, where a shorter one would also fit
   /// another: `name`, with as much of the padding as that takes. Null when an earlier slot has the same
@@ -81,6 +84,7 @@ struct InsertedCard {
   Text instanceID;
   std::vector<PublishedItem> items;  ///< in published order
   std::shared_ptr<MirelSCToken> token;
+  std::shared_ptr<CardWatch> watch;  ///< shared by all that use the token; null: nobody watches
 };
 
 /// An object of the card that is not published, or keeps the whole card from being published.
@@ -127,7 +131,7 @@ class Host {
 
  private:
   [[nodiscard]] Outcome<Reader> chooseReader(const Text& readerName);
-  [[nodiscard]] Failure listingFailure(const Reader& reader, const std::string& reason);
+  [[nodiscard]] Failure listingFailure(const Reader& reader, const std::optional<FailedCall>& cause);
   [[nodiscard]] Outcome<Reader> readerNamed(const Text& readerName, const std::vector<Reader>& candidates);
 
   PlatformServices services_;

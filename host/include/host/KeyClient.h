@@ -24,6 +24,7 @@ struct Signature {
   SecKeyAlgorithm performed;  ///< the form in which the token was asked
   Bytes data;                 ///< what was signed: the digest of a message, else the data as they were given
   std::string cardTrouble;    ///< what went wrong in the card, as far as it is known; empty: nothing did
+  std::optional<Failure> cardFailure{};  ///< the same, where it is a call that failed
 };
 
 /// The token's answer to a key exchange.
@@ -38,6 +39,10 @@ struct KeyExchange {
 /// A request is adapted as the platform does it: the first form of the algorithm that the token accepts is
 /// asked for (a message is hashed, a digest wrapped and padded), and results are brought back to the form
 /// that the client wants. The PIN is asked for when the token says that it needs it.
+///
+/// Before each request, and before a PIN is handed over, it looks whether the card that was inserted is still
+/// there. Where it is not, the token has ended as it does on the platform: this request and all later ones
+/// fail with kAnotherCard or kCardGone, also when the card is put back.
 class KeyClient {
  public:
   /// The most PINs that are sent to the card in a row; and the most that are asked for in vain because they
@@ -77,8 +82,11 @@ class KeyClient {
                                        const Request& request);
   [[nodiscard]] std::optional<Failure> authenticate(TKTokenOperation operation, const Text& constraint,
                                                     PinSource& pins);
+  [[nodiscard]] std::optional<Failure> missingCard();
+  void learnFrom(const Failure& failure);
+  [[nodiscard]] Failure refusal(std::string what, std::string why, std::string whatToDo);
   [[nodiscard]] std::string cardTrouble(std::string_view function) const;
-  [[nodiscard]] Failure loginFailure(const std::string& text) const;
+  [[nodiscard]] Failure loginFailure(const std::string& text);
   [[nodiscard]] Outcome<SecKeyAlgorithm> formFor(const PublishedKey& key, SecKeyAlgorithm algorithm,
                                                  TKTokenOperation operation);
 

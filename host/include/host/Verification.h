@@ -11,4 +11,9 @@ namespace mirel {
 [[nodiscard]] std::string signatureTrouble(const PublishedCertificate& certificate, const PublishedKey& key,
                                            SecKeyAlgorithm algorithm, const Signature& signature);
 
+/// The failure that the user is told where there is such a trouble: where a call of the card failed, with
+/// what its code means.
+[[nodiscard]] Failure signatureFailure(const PublishedKey& key, const Signature& signature,
+                                       const std::string& trouble);
+
 }  // namespace mirel

@@ -1,0 +1,119 @@
+#include "CardWatch.h"
+
+#include <string>
+
+#include "CallEntry.h"
+#include "CardTrouble.h"
+#include "FailureDiary.h"
+#include "FixedText.h"
+#include "bridge/P11Bridge.h"
+#include "framework/MirelCTKFramework.h"
+#include "host/Display.h"
+#include "provider/CryptTKitSProvider.h"
+#include "token/MirelSCToken.h"
+
+namespace mirel {
+namespace {
+
+constexpr const char* kPutBack = "put that card back and run again";
+
+std::shared_ptr<MirelCTKFramework> frameworkOf(const std::weak_ptr<MirelSCToken>& watched) {
+  const auto token = watched.lock();
+  const auto provider = token ? token->sp() : nullptr;
+  return provider ? provider->pCTKFramework() : nullptr;
+}
+
+std::string quoted(const Text& name) {
+  std::string text{"\""};
+  return text.append(displayed(name)).append("\"");
+}
+
+std::string described(const Text& label, const Text& serialNumber) {
+  return quoted(label) + " with serial number " + quoted(serialNumber);
+}
+
+/// What the reader holds, found in the way in which the token finds it.
+std::optional<FailedCall> readToken(P11Bridge& bridge, const Text& readerName, FailureDiary& diary,
+                                    CK_TOKEN_INFO& outToken) {
+  diary.clear();
+  CK_SLOT_ID slotID = kNoHandle;
+  if (const CK_RV rv = bridge.pkcs11_FindSlot(readerName, &slotID); rv != CKR_OK) {
+    return diary.cause().value_or(FailedCall{"pkcs11_FindSlot", rv});
+  }
+  const CK_FUNCTION_LIST* list = bridge.ckFunc();
+  if (!list) return FailedCall{"pkcs11_FindSlot", CKR_CRYPTOKI_NOT_INITIALIZED};
+  const CK_RV rv = callEntry(list->C_GetTokenInfo, slotID, &outToken);
+  return rv == CKR_OK ? std::nullopt : std::optional{FailedCall{"C_GetTokenInfo", rv}};
+}
+
+}  // namespace
+
+CardWatch::CardWatch(const std::shared_ptr<MirelSCToken>& token, Reader reader)
+    : token_{token}, reader_{std::move(reader)} {}
+
+std::optional<Failure> CardWatch::look(FailureDiary& diary) {
+  if (ended_) return ended_;
+  auto trouble = lookAtCard(diary);
+  if (trouble) learnFrom(*trouble);
+  return trouble;
+}
+
+void CardWatch::learnFrom(const Failure& failure) {
+  const bool ends = failure.kind == FailureKind::kCardGone || failure.kind == FailureKind::kAnotherCard;
+  if (ends && !ended_) ended_ = failure;
+}
+
+std::optional<Failure> CardWatch::lookAtCard(FailureDiary& diary) const {
+  const auto framework = frameworkOf(token_);
+  const auto bridge = framework ? framework->p11Bridge() : nullptr;
+  if (!bridge) return gone("its token was dropped");
+  const std::string name = reader_.distinctName.toUtf8();
+  const bool changed = framework->IsCardStateChanged(name.c_str());
+
+  CK_TOKEN_INFO token{};
+  if (const auto cause = readToken(*bridge, reader_.distinctName, diary, token)) {
+    const Failure because =
+        failureBecauseOf(*cause, "the card in the reader " + quoted(reader_.name) + " cannot be looked at",
+                         FailureKind::kCardRefuses);
+    return because.kind == FailureKind::kCardGone ? gone(because.why) : because;
+  }
+  if (auto another = compared(token)) return another;
+
+  // What the framework calls a change may be a token without a random number generator, or a name beyond
+  // ASCII. Only a session that has ended tells that this card was away.
+  const auto record = framework->p11ServiceInfo();
+  if (!changed || !record || record->hSession() == kNoHandle || record->hSession() == 0) return std::nullopt;
+  const CK_RV rv = bridge->pkcs11_GetSessionInfo(record->hSession(), nullptr);
+  if (rv == CKR_OK) return std::nullopt;
+  const FailedCall cause{"C_GetSessionInfo", rv};
+  const Failure because = failureBecauseOf(
+      cause, "the card in the reader " + quoted(reader_.name) + " was taken out and put back",
+      FailureKind::kCardRefuses);
+  return because.kind == FailureKind::kCardGone
+             ? Failure{FailureKind::kCardGone, because.what,
+                       "a card that returns is a new one to the system; " + answerText(cause), "run again"}
+             : because;
+}
+
+std::optional<Failure> CardWatch::anotherCardAtInsertion() const {
+  const auto framework = frameworkOf(token_);
+  const auto record = framework ? framework->p11ServiceInfo() : nullptr;
+  return record ? compared(record->tokenInfo()) : std::nullopt;
+}
+
+std::optional<Failure> CardWatch::compared(const CK_TOKEN_INFO& token) const {
+  const Text label = trimmed(token.label);
+  const Text serialNumber = trimmed(token.serialNumber);
+  if (label == reader_.tokenLabel && serialNumber == reader_.serialNumber) return std::nullopt;
+  return Failure{FailureKind::kAnotherCard, "another card is in the reader " + quoted(reader_.name),
+                 "the card " + described(reader_.tokenLabel, reader_.serialNumber) +
+                     " was inserted, and now " + described(label, serialNumber) + " is there",
+                 kPutBack};
+}
+
+Failure CardWatch::gone(std::string why) const {
+  return {FailureKind::kCardGone, "the card is not in the reader " + quoted(reader_.name) + " any more",
+          std::move(why), kPutBack};
+}
+
+}  // namespace mirel

@@ -1,0 +1,270 @@
+#include <openssl/rsa.h>
+
+#include "host/KeyClientTest.h"
+
+namespace mirel::test {
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+
+using enum SecKeyAlgorithm;
+
+const Value kMessage = bytesOf("a message");
+
+/// A client whose card leaves its reader, or another one takes its place.
+class SwappedCard : public KeyClientTest {
+ protected:
+  /// Puts another card with the same keys and the same PIN in, at once.
+  void swap() {
+    Card other = script.card();
+    setField(other.info.label, "OTHER");
+    setField(other.info.serialNumber, "0000000000000002");
+    put(std::move(other));
+  }
+
+  /// Takes the card out and puts it back.
+  void takeOutAndPutBack() { put(script.card()); }
+
+  [[nodiscard]] Failure loginFailure() {
+    const auto failure = client->logIn(pins);
+    if (failure) return *failure;
+    ADD_FAILURE() << "the PIN was accepted";
+    return {};
+  }
+
+  [[nodiscard]] Failure signFailure() {
+    return KeyClientTest::signFailure(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, kMessage);
+  }
+
+  void expectAnotherCard(const Failure& failure) const {
+    expectPresentable(failure);
+    EXPECT_EQ(failure.kind, FailureKind::kAnotherCard);
+    EXPECT_EQ(failure.what, "another card is in the reader \"Reader A 00\"");
+    EXPECT_THAT(failure.why, HasSubstr("\"TESTCARD\" with serial number \"1234567890ABCDEF\""));
+    EXPECT_THAT(failure.why, HasSubstr("\"OTHER\" with serial number \"0000000000000002\""));
+  }
+
+  void expectGone(const Failure& failure) const {
+    expectPresentable(failure);
+    EXPECT_EQ(failure.kind, FailureKind::kCardGone);
+    EXPECT_EQ(failure.what, "the card is not in the reader \"Reader A 00\" any more");
+  }
+
+  void expectUntouched() const {
+    EXPECT_THAT(secretCalls(), IsEmpty());
+    EXPECT_EQ(script.card().triesLeft, 3U);
+    EXPECT_FALSE(script.card().loggedIn);
+  }
+
+ private:
+  void put(Card next) {
+    next.loggedIn = false;
+    script.pullCard();
+    script.insertCard(std::move(next));
+  }
+};
+
+// ---- Another card ----
+
+TEST_F(SwappedCard, GetsNoPinThatWasAskedForBefore) {
+  pins.whenAsked = [&] { swap(); };
+  expectAnotherCard(loginFailure());
+  EXPECT_EQ(pins.timesAsked(), 1U);
+  expectUntouched();
+}
+
+TEST_F(SwappedCard, GetsNoPinForASignature) {
+  pins.whenAsked = [&] { swap(); };
+  expectAnotherCard(signFailure());
+  expectUntouched();
+}
+
+TEST_F(SwappedCard, IsNoReasonToAskForThePin) {
+  swap();
+  expectAnotherCard(loginFailure());
+  EXPECT_EQ(pins.timesAsked(), 0U);
+  expectUntouched();
+}
+
+TEST_F(SwappedCard, SignsNothingAfterTheLogin) {
+  EXPECT_EQ(client->logIn(pins), std::nullopt);
+  script.forgetCalls();
+  swap();
+  expectAnotherCard(signFailure());
+  expectUntouched();
+}
+
+TEST_F(SwappedCard, SignsNothingBetweenTheLoginAndTheRequestThatNeededIt) {
+  bool loggedIn = false;
+  script.hook<&CK_FUNCTION_LIST::C_GetSlotList>([&](auto real, auto present, auto* list, auto* count) {
+    if (script.card().loggedIn && !loggedIn) {
+      loggedIn = true;
+      swap();
+    }
+    return real(present, list, count);
+  });
+  expectAnotherCard(signFailure());
+  EXPECT_TRUE(loggedIn);
+  EXPECT_THAT(secretCalls(), ::testing::ElementsAre("C_Login"));
+}
+
+TEST_F(SwappedCard, DecryptsNothingAfterTheLogin) {
+  EXPECT_EQ(client->logIn(pins), std::nullopt);
+  script.forgetCalls();
+  swap();
+  expectAnotherCard(
+      decryptFailure(kSecKeyAlgorithmRSAEncryptionPKCS1, key.encrypted(kMessage, RSA_PKCS1_PADDING)));
+  expectUntouched();
+}
+
+TEST_F(SwappedCard, ExchangesNoKeys) {
+  swap();
+  expectAnotherCard(exchangeFailure(kSecKeyAlgorithmECDHKeyExchangeStandard, Value(65, 0x04)));
+}
+
+TEST_F(SwappedCard, IsKnownByItsSerialNumberAlone) {
+  Card other = script.card();
+  setField(other.info.serialNumber, "1234567890ABCDE0");
+  script.pullCard();
+  script.insertCard(other);
+  EXPECT_EQ(loginFailure().kind, FailureKind::kAnotherCard);
+}
+
+TEST_F(SwappedCard, IsKnownByItsLabelAlone) {
+  Card other = script.card();
+  setField(other.info.label, "TESTCARE");
+  script.pullCard();
+  script.insertCard(other);
+  EXPECT_EQ(loginFailure().kind, FailureKind::kAnotherCard);
+}
+
+TEST_F(SwappedCard, IsSeenThoughTheModuleKeepsTheSession) {
+  // A module that does not notice: only label and serial number tell.
+  setField(script.card().info.label, "OTHER");
+  setField(script.card().info.serialNumber, "0000000000000002");
+  expectAnotherCard(loginFailure());
+}
+
+TEST_F(SwappedCard, EndsTheTokenForAllItsClients) {
+  const auto second = newClient();
+  Card first = script.card();
+  swap();
+  expectAnotherCard(loginFailure());
+  script.pullCard();
+  script.insertCard(first);
+  expectAnotherCard(loginFailure());
+  expectAnotherCard(signFailure());
+  EXPECT_EQ(client->acceptedForm(published(u"01"), kSecKeyAlgorithmRSASignatureRaw), std::nullopt);
+  const auto failure = second->logIn(pins);
+  ASSERT_TRUE(failure);
+  expectAnotherCard(*failure);
+  EXPECT_EQ(failureOf(host.newClient(card)).kind, FailureKind::kAnotherCard);
+  expectUntouched();
+}
+
+TEST_F(SwappedCard, IsNotTakenForTheOneThatWasChosenWhileItIsInserted) {
+  int calls = 0;
+  script.hook<&CK_FUNCTION_LIST::C_GetTokenInfo>([&](auto real, CK_SLOT_ID slot, CK_TOKEN_INFO_PTR info) {
+    if (++calls == 2) swap();
+    return real(slot, info);
+  });
+  expectAnotherCard(failureOf(host.insert(Text{})));
+}
+
+// ---- No card ----
+
+TEST_F(SwappedCard, IsGoneWhileThePinIsEntered) {
+  pins.whenAsked = [&] { script.pullCard(); };
+  expectGone(loginFailure());
+  EXPECT_THAT(secretCalls(), IsEmpty());
+}
+
+TEST_F(SwappedCard, IsGoneBeforeASignature) {
+  EXPECT_EQ(client->logIn(pins), std::nullopt);
+  script.forgetCalls();
+  script.pullCard();
+  expectGone(signFailure());
+  expectGone(signFailure());
+  EXPECT_THAT(secretCalls(), IsEmpty());
+}
+
+TEST_F(SwappedCard, StaysGoneWhenItComesBackAfterThat) {
+  Card first = script.card();
+  script.pullCard();
+  expectGone(loginFailure());
+  script.insertCard(first);
+  expectGone(loginFailure());
+  EXPECT_EQ(pins.timesAsked(), 0U);
+}
+
+TEST_F(SwappedCard, IsGoneForGoodWhenItGoesWithinASignature) {
+  EXPECT_EQ(client->logIn(pins), std::nullopt);
+  script.failCallOf("C_Sign", 0, CKR_DEVICE_REMOVED);
+  const Signature made = signature(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, kMessage);
+  ASSERT_TRUE(made.cardFailure);
+  EXPECT_EQ(made.cardFailure->kind, FailureKind::kCardGone);
+  EXPECT_EQ(signFailure().kind, FailureKind::kCardGone);
+}
+
+// ---- The same card again ----
+
+TEST_F(SwappedCard, IsANewOneWhenItWasTakenOutAndPutBack) {
+  pins.whenAsked = [&] { takeOutAndPutBack(); };
+  const Failure failure = loginFailure();
+  expectPresentable(failure);
+  EXPECT_EQ(failure.kind, FailureKind::kCardGone);
+  EXPECT_EQ(failure.what, "the card in the reader \"Reader A 00\" was taken out and put back");
+  EXPECT_THAT(failure.why, HasSubstr("C_GetSessionInfo answered CKR_SESSION_HANDLE_INVALID (0xB3)"));
+  expectUntouched();
+}
+
+TEST_F(SwappedCard, CanBeInsertedAnewWhenItWasTakenOutAndPutBack) {
+  takeOutAndPutBack();
+  EXPECT_EQ(loginFailure().kind, FailureKind::kCardGone);
+  card = inserted();
+  client = newClient();
+  EXPECT_EQ(client->logIn(pins), std::nullopt);
+}
+
+// ---- What is no change ----
+
+TEST_F(SwappedCard, IsNotEveryTokenWithoutARandomNumberGenerator) {
+  script.card().info.flags &= ~static_cast<CK_FLAGS>(CKF_RNG);
+  card = inserted();
+  client = newClient();
+  EXPECT_EQ(client->logIn(pins), std::nullopt);
+  EXPECT_THAT(signature(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, kMessage).cardFailure,
+              ::testing::Eq(std::nullopt));
+  swap();
+  expectAnotherCard(signFailure());
+}
+
+TEST_F(SwappedCard, IsNotEveryReaderWithANameBeyondAscii) {
+  setField(script.slot().info.slotDescription, "L\xE4ser");
+  card = inserted();
+  client = newClient();
+  EXPECT_EQ(client->logIn(pins), std::nullopt);
+  takeOutAndPutBack();
+  EXPECT_EQ(loginFailure().kind, FailureKind::kCardGone);
+}
+
+TEST_F(SwappedCard, IsNotSeenInAFailureThatPasses) {
+  script.failCallOf("C_GetTokenInfo", 1, CKR_DEVICE_ERROR);
+  const Failure failure = loginFailure();
+  EXPECT_EQ(failure.kind, FailureKind::kCardRefuses);
+  EXPECT_THAT(failure.what, HasSubstr("cannot be looked at"));
+  EXPECT_THAT(secretCalls(), IsEmpty());
+  EXPECT_EQ(client->logIn(pins), std::nullopt);
+}
+
+TEST_F(SwappedCard, IsLookedForWithoutAWordInTheLog) {
+  EXPECT_EQ(client->logIn(pins), std::nullopt);
+  const auto lines = log->allLines.size();
+  swap();
+  expectAnotherCard(loginFailure());
+  EXPECT_EQ(log->allLines.size(), lines);
+}
+
+}  // namespace
+}  // namespace mirel::test
