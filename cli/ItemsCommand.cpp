@@ -2,6 +2,7 @@
 
 #include "Commands.h"
 #include "Output.h"
+#include "host/DistinctItems.h"
 #include "host/Host.h"
 
 namespace mirel::cli {
@@ -60,13 +61,16 @@ Json jsonOf(const PublishedKey& item) {
 
 std::string jsonText(const InsertedCard& card) {
   Json items = Json::array();
-  for (const PublishedItem& item : card.items) {
-    items.push_back(std::visit([](const auto& published) { return jsonOf(published); }, item));
+  for (const auto& [item, count] : distinctItems(card.items)) {
+    Json one = std::visit([](const auto& published) { return jsonOf(published); }, *item);
+    if (count > 1) one["count"] = count;
+    items.push_back(std::move(one));
   }
-  const Json json{{"reader", jsonOf(card.reader.name)},
-                  {"instanceID", jsonOf(card.instanceID)},
-                  {"instanceIDHex", hexOf(card.instanceID)},
-                  {"items", items}};
+  Json json{{"reader", jsonOf(card.reader.name)},
+            {"instanceID", jsonOf(card.instanceID)},
+            {"instanceIDHex", hexOf(card.instanceID)},
+            {"items", items}};
+  if (card.incomplete) json["incomplete"] = card.incomplete->why;
   return jsonLines(json);
 }
 
@@ -101,8 +105,9 @@ std::string tableText(const InsertedCard& card) {
 
   if (card.items.empty()) return text + "The card publishes nothing.\n";
   std::vector<std::vector<std::string>> rows{{"ITEM", "OBJECT ID", "LABEL", "WHAT IT IS"}};
-  for (const PublishedItem& item : card.items) {
-    rows.push_back(std::visit([](const auto& published) { return rowOf(published); }, item));
+  for (const auto& [item, count] : distinctItems(card.items)) {
+    rows.push_back(std::visit([](const auto& published) { return rowOf(published); }, *item));
+    if (count > 1) rows.back().back().append(", ").append(std::to_string(count)).append(" times");
   }
   return text + table(rows, outputIsColoured());
 }
@@ -127,6 +132,7 @@ ExitCode runItems(Host& host, const Options& options) {
     return exitCodeOf(failure->kind);
   }
   const auto& card = std::get<InsertedCard>(inserted);
+  if (card.incomplete) writeMessage(failureLine(*card.incomplete));
   if (options.json) return writeOutput(jsonText(card)) ? ExitCode::kSuccess : ExitCode::kFileTrouble;
 
   std::string text = tableText(card);

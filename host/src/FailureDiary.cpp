@@ -42,6 +42,14 @@ class LoaderWithDiary final : public DynamicLoader {
 
 }  // namespace
 
+bool isFailedRead(std::string_view function, std::uint64_t result) noexcept {
+  const bool reads =
+      function == "C_GetAttributeValue" || function == "C_FindObjectsInit" || function == "C_FindObjects";
+  const bool answers =
+      result == CKR_OK || result == CKR_ATTRIBUTE_TYPE_INVALID || result == CKR_ATTRIBUTE_SENSITIVE;
+  return reads && !answers;
+}
+
 void FailureDiary::callStarts(const char* function) noexcept {
   if (next_) next_->callStarts(function);
 }
@@ -49,11 +57,15 @@ void FailureDiary::callStarts(const char* function) noexcept {
 void FailureDiary::callReturned(const char* function, std::uint64_t result) noexcept {
   lastResults_[function] = result;
   if (result != CKR_OK) failingCalls_.push_back({function, result});
+  if (!failedRead_ && isFailedRead(function, result)) failedRead_ = Entry{function, result};
   if (next_) next_->callReturned(function, result);
 }
 
 void FailureDiary::operationReturned(const char* operation, std::uint64_t result) noexcept {
   lastResults_[operation] = result;
+  // Without memory no call is made that could fail.
+  if (result == CKR_HOST_MEMORY && failingCalls_.empty() && !failedRead_)
+    failedRead_ = Entry{operation, result};
   // A module that another host of it has initialised is as good as one that we have.
   if (result == CKR_OK || result == CKR_CRYPTOKI_ALREADY_INITIALIZED) {
     operation_.reset();
@@ -76,6 +88,7 @@ void FailureDiary::clear() noexcept {
   loaderText_.clear();
   operation_.reset();
   call_.reset();
+  failedRead_.reset();
   failingCalls_.clear();
   lastResults_.clear();
 }

@@ -19,6 +19,9 @@ struct FailedCall {
   std::uint64_t result = 0;
 };
 
+/// Whether that answer of the function means that the module failed to find or read what is on the card.
+[[nodiscard]] bool isFailedRead(std::string_view function, std::uint64_t result) noexcept;
+
 /// Remembers what went wrong last between the bridge and the module, for the user. Passes everything
 /// on to the observer it wraps (may be null).
 class FailureDiary final : public CryptokiObserver {
@@ -48,6 +51,10 @@ class FailureDiary final : public CryptokiObserver {
   /// What is to blame: that call, or else the operation; nothing when nothing failed.
   [[nodiscard]] std::optional<Entry> cause() const;
 
+  /// The first call since `clear` by which the module failed to find or read what is on the card. That an
+  /// object has no such attribute, or keeps it secret, is an answer and no failure.
+  [[nodiscard]] const std::optional<Entry>& failedRead() const noexcept { return failedRead_; }
+
   /// What that Cryptoki function ("C_Login") or operation of the bridge ("pkcs11_UserLogin") answered last;
   /// nothing when it was not called.
   [[nodiscard]] std::optional<std::uint64_t> lastResultOf(std::string_view name) const;
@@ -60,6 +67,7 @@ class FailureDiary final : public CryptokiObserver {
   std::string loaderText_;
   std::optional<Entry> operation_;
   std::optional<Entry> call_;
+  std::optional<Entry> failedRead_;
   std::vector<Entry> failingCalls_;                        // of the operation that is running
   std::map<std::string_view, std::uint64_t> lastResults_;  // the names live as long as the program
 };

@@ -7,8 +7,10 @@
 #include "CardInspector.h"
 #include "CardTrouble.h"
 #include "CardWatch.h"
+#include "CertificateMemory.h"
 #include "FailureDiary.h"
 #include "HostTokenKit.h"
+#include "NameList.h"
 #include "ReaderFinder.h"
 #include "bridge/P11Bridge.h"
 #include "host/CryptokiNames.h"
@@ -35,9 +37,11 @@ std::string quoted(const Text& name) {
 }
 
 std::string namesOf(const std::vector<Reader>& readers) {
-  std::string names;
-  for (const Reader& reader : readers) names += (names.empty() ? "" : ", ") + quoted(reader.name);
-  return names;
+  NameList list;
+  for (const Reader& reader : readers) {
+    if (list.takesMore()) list.add(quoted(reader.name));
+  }
+  return list.textOf(readers.size());
 }
 
 PublishedCertificate published(const TKTokenKeychainCertificate& item) {
@@ -84,8 +88,12 @@ std::vector<PublishedItem> publishedItems(const HostKeychainContents& contents) 
 
 std::string describe(const UnpublishedObject& object) {
   std::string text = object.kind;
-  if (!object.label.isNull()) text.append(" ").append(quoted(object.label));
-  if (!object.id.isNull()) text.append(" with ID ").append(quoted(object.id));
+  const auto name = [](const Text& bytes) {
+    std::string shown{"\""};
+    return shown.append(shortened(displayed(bytes))).append("\"");
+  };
+  if (!object.label.isNull()) text.append(" ").append(name(object.label));
+  if (!object.id.isNull()) text.append(" with ID ").append(name(object.id));
   return text.append(": ").append(object.reason);
 }
 
@@ -190,12 +198,14 @@ Outcome<InsertedCard> Host::insert(const Text& readerName) {
   const auto kit = std::make_shared<HostTokenKit>(reader.distinctName);
   PlatformServices services = services_;
   services.tokenKit = kit;
+  services.certificates = parserWithMemory(services_.certificates);
   const auto driver = std::make_shared<MirelSCTokenDriver>(services);
   std::optional<TKError> error;
   diary_->clear();
   const auto token =
       driver->createTokenForSmartCard(driver, cardInReader(reader.distinctName), Bytes{}, &error);
   const auto cause = diary_->cause();
+  const auto failedRead = diary_->failedRead();
   if (!token && !error) {
     const char* what = "the token driver made no token of the card";
     if (cause) return failureBecauseOf(*cause, what, FailureKind::kModuleRefuses);
@@ -208,8 +218,16 @@ Outcome<InsertedCard> Host::insert(const Text& readerName) {
   }
   const auto registered = kit->lastToken();
   if (!registered->contents().filled()) return listingFailure(reader, cause);
-  InsertedCard card{reader, registered->instanceID(), publishedItems(registered->contents()),
-                    std::static_pointer_cast<MirelSCToken>(token), nullptr};
+  InsertedCard card{reader,
+                    registered->instanceID(),
+                    publishedItems(registered->contents()),
+                    std::static_pointer_cast<MirelSCToken>(token),
+                    std::nullopt,
+                    nullptr};
+  if (failedRead) {
+    card.incomplete = failureBecauseOf(*failedRead, "the objects of the card were not all read",
+                                       FailureKind::kCardEnumerationFailed);
+  }
   card.watch = std::make_shared<CardWatch>(card.token, reader);
   if (const auto another = card.watch->anotherCardAtInsertion()) return *another;
   return card;

@@ -161,6 +161,11 @@ class HostPINAuthOperation final : public TKTokenSmartCardPINAuthOperation {
 void HostKeychainContents::fillWithItems(
     const std::vector<std::shared_ptr<TKTokenKeychainItem>>& items) noexcept {
   items_ = items;
+  keys_.clear();
+  for (const auto& item : items) {
+    const auto key = std::dynamic_pointer_cast<TKTokenKeychainKey>(item);
+    if (key) keys_.try_emplace(std::u16string{key->objectID().units()}, key);
+  }
 }
 
 std::vector<std::shared_ptr<TKTokenKeychainItem>> HostKeychainContents::items() const noexcept {
@@ -169,10 +174,7 @@ std::vector<std::shared_ptr<TKTokenKeychainItem>> HostKeychainContents::items() 
 
 std::shared_ptr<TKTokenKeychainKey> HostKeychainContents::keyForObjectID(const Text& objectID,
                                                                          TKErrorPointer outError) noexcept {
-  for (const auto& item : items()) {
-    auto key = std::dynamic_pointer_cast<TKTokenKeychainKey>(item);
-    if (key && key->objectID() == objectID) return key;
-  }
+  if (const auto found = keys_.find(objectID.units()); found != keys_.end()) return found->second;
   if (outError) {
     *outError =
         TKError{Text{kTKErrorDomain}, static_cast<std::int64_t>(TKErrorCode::kObjectNotFound), Text{}};

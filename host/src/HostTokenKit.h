@@ -1,7 +1,10 @@
 #pragma once
 
+#include <functional>
+#include <map>
 #include <memory>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include "platform/TokenKit.h"
@@ -22,6 +25,7 @@ class HostKeychainContents final : public TKTokenKeychainContents {
 
  private:
   std::optional<std::vector<std::shared_ptr<TKTokenKeychainItem>>> items_;
+  std::map<std::u16string, std::shared_ptr<TKTokenKeychainKey>, std::less<>> keys_;  // the first of each name
 };
 
 /// The host's side of a token.

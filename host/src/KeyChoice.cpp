@@ -5,6 +5,7 @@
 #include <iterator>
 #include <optional>
 
+#include "NameList.h"
 #include "host/Display.h"
 
 namespace mirel {
@@ -41,23 +42,33 @@ std::optional<std::size_t> indexOf(std::string_view name, std::size_t count) {
 }
 
 std::string listOf(const std::vector<PublishedKey>& keys) {
-  std::string text;
-  for (std::size_t i = 0; i < keys.size(); ++i) {
-    text.append(i == 0 ? "#" : ", #").append(std::to_string(i + 1)).append(" ");
-    text.append(quotedForDisplay(displayed(keys[i].objectID)));
+  NameList list;
+  for (std::size_t i = 0; i < keys.size() && list.takesMore(); ++i) {
+    std::string text{"#"};
+    text.append(std::to_string(i + 1)).append(" ");
+    text.append(quotedForDisplay(shortened(displayed(keys[i].objectID))));
     const Text label = certificateLabelOf(keys[i]);
-    if (!label.isEmpty()) text.append(" (").append(displayed(label)).append(")");
+    if (!label.isEmpty()) text.append(" (").append(shortened(displayed(label))).append(")");
+    list.add(text);
   }
-  return text;
+  return list.textOf(keys.size());
 }
 
 Failure notFound(const std::string& why, const std::vector<PublishedKey>& keys, std::string_view name) {
-  const std::string what = "there is no key " + quotedForDisplay(displayed(Text::fromUtf8(name)));
+  const std::string what = "there is no key " + quotedForDisplay(shortened(displayed(Text::fromUtf8(name))));
   if (keys.empty()) return {FailureKind::kKeyNotFound, what, "the card publishes no key", kSeeItems};
   std::string reason = why;
   if (!reason.empty()) reason.append("; ");
   return {FailureKind::kKeyNotFound, what, reason.append("the keys are ").append(listOf(keys)),
           "give one of these, or #N for the N-th"};
+}
+
+/// Numbers and labels may stand for another key when one is missing.
+Failure uncertain(const Failure& incomplete, std::string_view name) {
+  return {incomplete.kind,
+          "which key is " + quotedForDisplay(shortened(displayed(Text::fromUtf8(name)))) + " cannot be told",
+          incomplete.why + ", so a key may be missing",
+          "run again, or give the object ID of a key that `mireltoken items` shows"};
 }
 
 Outcome<ChosenKey> withCertificate(const InsertedCard& card, const PublishedKey& key) {
@@ -86,6 +97,7 @@ Outcome<ChosenKey> chooseKey(const InsertedCard& card, std::string_view name) {
   if (const auto byID = std::find_if(keys.begin(), keys.end(), isNamed); byID != keys.end()) {
     return withCertificate(card, *byID);
   }
+  if (card.incomplete) return uncertain(*card.incomplete, name);
   if (const auto index = indexOf(name, keys.size())) return withCertificate(card, keys[*index]);
 
   std::vector<PublishedKey> labelled;

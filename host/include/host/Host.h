@@ -84,7 +84,8 @@ struct InsertedCard {
   Text instanceID;
   std::vector<PublishedItem> items;  ///< in published order
   std::shared_ptr<MirelSCToken> token;
-  std::shared_ptr<CardWatch> watch;  ///< shared by all that use the token; null: nobody watches
+  std::optional<Failure> incomplete;  ///< the read that failed, for which an item may be missing
+  std::shared_ptr<CardWatch> watch;   ///< shared by all that use the token; null: nobody watches
 };
 
 /// An object of the card that is not published, or keeps the whole card from being published.

@@ -19,7 +19,8 @@ struct ChosenKey {
 
 /// The key that `name` (UTF-8) stands for: its object identifier as it is displayed, "#N" for the N-th key,
 /// or a label (of its item, or of its certificate on the card) that no other key has. kKeyNotFound otherwise;
-/// the failure tells what keys there are.
+/// the failure tells what keys there are. Where a read failed when the card was inserted, a key may be
+/// missing: then only an object identifier stands for a key, and anything else is kCardEnumerationFailed.
 [[nodiscard]] Outcome<ChosenKey> chooseKey(const InsertedCard& card, std::string_view name);
 
 }  // namespace mirel

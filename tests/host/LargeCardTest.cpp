@@ -1,0 +1,80 @@
+#include <chrono>
+
+#include "host/DistinctItems.h"
+#include "host/KeyChoice.h"
+#include "host/KeyClientTest.h"
+
+namespace mirel::test {
+namespace {
+
+constexpr std::size_t kPairs = 160;
+constexpr std::size_t kMostInALine = 500;
+constexpr long kMostMilliseconds = 6000;  // also on a machine that is busy; a tenth of that when it is not
+
+/// 160 keys and as many certificates, all with one ID: 51,200 items.
+class LargeCard : public HostTest {
+ protected:
+  LargeCard() {
+    script.card().objects.clear();
+    const Value id = bytesOf("01");
+    const Value der = testCertificate({.key = TestKey::kRsa2048, .keyUsage = 1});
+    for (std::size_t i = 0; i < kPairs; ++i) {
+      script.addObject(rsaPublicKey(id, bytesOf("Key " + std::to_string(i)), patternValue(256, 1)));
+      script.addObject(certificate(id, bytesOf("Certificate " + std::to_string(i)), der));
+    }
+  }
+  void TearDown() override {
+    leavesOpen(script.openSessions());
+    HostTest::TearDown();
+  }
+
+  /// Runs and measures, in milliseconds.
+  template <typename Work>
+  [[nodiscard]] static long milliseconds(const Work& work) {
+    const auto start = std::chrono::steady_clock::now();
+    work();
+    const auto passed = std::chrono::steady_clock::now() - start;
+    return static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(passed).count());
+  }
+};
+
+TEST_F(LargeCard, IsInsertedAndListedInAShortTime) {
+  InsertedCard card;
+  std::vector<DistinctItem> distinct;
+  const long passed = milliseconds([&] {
+    card = inserted();
+    distinct = distinctItems(card.items);
+  });
+  EXPECT_EQ(card.items.size(), 2 * kPairs * kPairs);
+  EXPECT_LT(passed, kMostMilliseconds);
+  ASSERT_EQ(distinct.size(), 2 * kPairs);
+  for (const DistinctItem& item : distinct) EXPECT_EQ(item.count, kPairs);
+}
+
+TEST_F(LargeCard, AnswersForItsKeysInAShortTime) {
+  const InsertedCard card = inserted();
+  const auto client = host.newClient(card);
+  ASSERT_TRUE(std::holds_alternative<std::unique_ptr<KeyClient>>(client));
+  const auto keys = keysOf(card);
+  ASSERT_EQ(keys.size(), kPairs * kPairs);
+  const long passed = milliseconds([&] {
+    for (int i = 0; i < 100; ++i) {
+      EXPECT_TRUE(
+          std::get<0>(client)->acceptedForm(keys.back(), SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureRaw));
+    }
+  });
+  EXPECT_LT(passed, 200);
+}
+
+TEST_F(LargeCard, HasMessagesThatStayALine) {
+  const InsertedCard card = inserted();
+  for (const std::string& name : {std::string{"none"}, std::string{"Certificate"}, std::string(5000, 'x')}) {
+    const Failure failure = failureOf(chooseKey(card, name));
+    EXPECT_EQ(failure.kind, FailureKind::kKeyNotFound);
+    EXPECT_LT(failure.what.size() + failure.why.size() + failure.whatToDo.size(), kMostInALine);
+  }
+  EXPECT_THAT(failureOf(chooseKey(card, "none")).why, ::testing::ContainsRegex("and 255[0-9][0-9] more"));
+}
+
+}  // namespace
+}  // namespace mirel::test
