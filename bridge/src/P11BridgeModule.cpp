@@ -134,7 +134,7 @@ CK_RV P11Bridge::pkcs11_FindSlot(const Text& description, CK_SLOT_ID* outSlotID)
     auto* slots = reinterpret_cast<CK_SLOT_ID*>(block.data());
     std::fill_n(slots, room, kNoHandle);
     if (CK_RV rv = pkcs11_C_GetSlotList(CK_TRUE, slots, &numSlots); rv != CKR_OK) return rv;
-    return chooseSlot(description, slots, std::min(numSlots, kAnnouncedSlots), outSlotID);
+    return chooseSlot(description, slots, std::min(numSlots, room), outSlotID);
   });
 }
 

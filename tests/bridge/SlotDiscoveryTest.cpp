@@ -241,7 +241,26 @@ TEST_F(FindSlot, HasRoomForTheTenThatItTellsTheModuleOf) {
   EXPECT_GE(memory->largestRequest(), kToldRoom * sizeof(CK_SLOT_ID));
 }
 
-TEST_F(FindSlot, WalksNoFurtherThanTheRoomItToldOf) {
+TEST_F(FindSlot, WalksAllThatItHasRoomForWhereTheModuleListsMoreThanItWasToldOf) {
+  readers({"R0", "R1", "R2", "R3", "R4", "R5", "R6", "R7", "R8", "R9", "R10", "R11"});
+  for (const CK_ULONG claimed : {CK_ULONG{12}, CK_ULONG{13}, CK_ULONG{1} << 60U, kAllOnes}) {
+    SCOPED_TRACE(claimed);
+    // It counted 12, so there is room for them, which this module uses whatever it was told.
+    script.hook<&CK_FUNCTION_LIST::C_GetSlotList>(
+        [claimed](auto, CK_BBOOL, CK_SLOT_ID* list, CK_ULONG* count) -> CK_RV {
+          for (CK_SLOT_ID id = 1; list && id <= 12; ++id) list[id - 1] = id;
+          *count = list ? claimed : 12;
+          return CKR_OK;
+        });
+    script.forgetCalls();
+    expectFound(Text{u"R11"}, CKR_OK, 12);
+    script.forgetCalls();
+    expectFound(Text{u"Reader"}, CK_RV{3});
+    EXPECT_EQ(script.countOf("C_GetSlotInfo"), 12U);
+  }
+}
+
+TEST_F(FindSlot, WalksNoFurtherThanItsRoom) {
   for (const CK_ULONG claimed : {CK_ULONG{12}, CK_ULONG{1} << 60U, kAllOnes}) {
     SCOPED_TRACE(claimed);
     script.reset();
