@@ -1,5 +1,7 @@
 #include <algorithm>
 #include <array>
+#include <cstddef>
+#include <span>
 
 #include "CardRecord.h"
 #include "bridge/P11Bridge.h"
@@ -46,8 +48,8 @@ struct WorkingSignature {
   CK_ULONG length = kSignatureRoom;  ///< as the module wrote it
 
   /// Copies what was made, as far as both buffers reach. A null output takes nothing.
-  void copyTo(CK_BYTE* output, CK_ULONG capacity) const noexcept {
-    if (output) std::copy_n(bytes.begin(), std::min({length, kSignatureRoom, capacity}), output);
+  void copyTo(std::span<CK_BYTE> output) const noexcept {
+    std::copy_n(bytes.begin(), std::min<CK_ULONG>({length, kSignatureRoom, output.size()}), output.data());
   }
 };
 
@@ -87,7 +89,7 @@ bool MirelCTKFramework::isReady(const char* readerName) const noexcept {
 bool MirelCTKFramework::PerformSignHash(const char* readerName,
                                         const std::shared_ptr<PKCS11_ASYMKEY_INFO>& key,
                                         const Text& algorithmName, CK_ULONG, const CK_BYTE* data,
-                                        CK_ULONG dataLen, CK_BYTE* outSignature,
+                                        CK_ULONG dataLen, std::span<CK_BYTE> outSignature,
                                         CK_ULONG* ioSignatureLen) noexcept {
   Log& log = *services_.log;
   log.process(logLine("[%s-%d] pccAlgName = %@", kSignMethod, kAlgorithmNameLine, algorithmName));
@@ -98,7 +100,7 @@ bool MirelCTKFramework::PerformSignHash(const char* readerName,
   log.process(logLine("[%s-%d] key ID = %@, public key = %lX", kSignMethod, kKeyLine,
                       key ? key->keyID() : Text{}, upperHex(publicKey)));
 
-  const CK_ULONG capacity = *ioSignatureLen;
+  const auto output = outSignature.first(std::min<std::size_t>(outSignature.size(), *ioSignatureLen));
   CK_OBJECT_HANDLE privateKey = 0;
   if (!findPrivateKey(*bridge, session, publicKey, privateKey)) return false;
   if (bridge->pkcs11_getRSAKeyModulus(session, publicKey, nullptr, ioSignatureLen) != CKR_OK) return false;
@@ -116,12 +118,12 @@ bool MirelCTKFramework::PerformSignHash(const char* readerName,
   if (bridge->pkcs11_genSignaturePKCS1(session, privateKey, data, dataLen, work.bytes.data(), &work.length,
                                        kSignatureRoom) != CKR_OK) {
     // Oddity: a failure is answered with success and whatever the working buffer holds.
-    work.copyTo(outSignature, capacity);
+    work.copyTo(output);
     return true;
   }
   *ioSignatureLen = work.length;
-  if (outSignature && work.length > capacity) return false;
-  work.copyTo(outSignature, capacity);
+  if (outSignature.data() && work.length > output.size()) return false;
+  work.copyTo(output);
   return true;
 }
 

@@ -59,13 +59,11 @@ bool CryptTKitSProvider::PerformSignHash(const Text& tokenName, const Text& keyN
   const auto key = getKeyFromCertID(keyName);  // a null one is the framework's to judge
   std::array<std::uint8_t, kMaxSignatureLen> signature{};
   const CK_ULONG room = std::min(*ioSignatureLen, kMaxSignatureLen);
-  CK_ULONG length = room;
+  CK_ULONG length = *ioSignatureLen;
   const std::string readerName = tokenName.toUtf8();
   const bool signedIt = framework->PerformSignHash(readerName.c_str(), key, algName, dwFlag,
-                                                   data.view().data(), dataLen, signature.data(), &length);
-  // Where the framework has written nothing, which shows only by the value, the caller's stands, also when it
-  // exceeds the room.
-  if (signedIt || length != room) *ioSignatureLen = length;
+                                                   data.view().data(), dataLen, signature, &length);
+  *ioSignatureLen = length;
   if (!signedIt || length > room) return false;
   set(outSignature, firstBytes(signature, length));
   return true;

@@ -27,7 +27,7 @@ const Operation kOperations[] = {
     {"SignHash",
      [](auto& framework, auto* readerName, const auto& key, auto& output, auto& length) {
        return framework.PerformSignHash(readerName, key, Text{u"any"}, 0, kData.data(), kData.size(),
-                                        output.data(), &length);
+                                        std::span{output.data(), output.capacity()}, &length);
      },
      1, 2},
     {"OAEPDecrypt",

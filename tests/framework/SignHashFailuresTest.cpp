@@ -16,7 +16,7 @@ class SignHashFailures : public CardOperationsTest {
   }
   bool signTo(CK_BYTE* output) {
     return framework->PerformSignHash("Reader A 00", key, Text{u"algorithm"}, 0, data.data(), data.size(),
-                                      output, &length);
+                                      std::span{output, output ? length : 0}, &length);
   }
   void usePss() { key->setKeyName(Text{u"RSA PSS"}); }
 
@@ -27,7 +27,7 @@ class SignHashFailures : public CardOperationsTest {
 TEST_F(SignHashFailures, NeedALength) {
   ResultBuffer output{256};
   EXPECT_FALSE(framework->PerformSignHash("Reader A 00", key, Text{u"algorithm"}, 0, data.data(), data.size(),
-                                          output.data(), nullptr));
+                                          std::span{output.data(), output.capacity()}, nullptr));
   EXPECT_TRUE(output.untouched());
 }
 
@@ -171,7 +171,7 @@ TEST_F(SignHashFailures, IncludeDataThatNobodyCanSign) {
     ResultBuffer output{256};
     length = 256;
     EXPECT_TRUE(framework->PerformSignHash("Reader A 00", key, Text{u"algorithm"}, 0, row.data, row.dataLen,
-                                           output.data(), &length));
+                                           std::span{output.data(), output.capacity()}, &length));
     EXPECT_EQ(output.all(), Value(256, 0));
   }
   EXPECT_EQ(script.countOf("C_SignInit"), 0U);

@@ -17,8 +17,8 @@ class PerformSignHash : public CardOperationsTest {
     return signTo(output.data());
   }
   bool signTo(CK_BYTE* output) {
-    return framework->PerformSignHash("Reader A 00", key, algorithm, 0, data.data(), data.size(), output,
-                                      &length);
+    return framework->PerformSignHash("Reader A 00", key, algorithm, 0, data.data(), data.size(),
+                                      std::span{output, output ? length : 0}, &length);
   }
 
   /// 32 bytes, as PSS with SHA-256 wants them.
@@ -33,6 +33,25 @@ class PerformSignHash : public CardOperationsTest {
 };
 
 // ---- Raw RSA ----
+
+TEST_F(PerformSignHash, TakesTheRoomOfTheBufferForItsCapacityWhereThatIsLess) {
+  const struct {
+    std::size_t room;
+    CK_ULONG length;
+    bool fits;
+  } rows[] = {
+      {256, 300, true}, {256, ~CK_ULONG{0}, true}, {300, 256, true}, {255, 300, false}, {300, 255, false}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(std::to_string(row.room) + ", " + std::to_string(row.length));
+    ResultBuffer output{row.room};
+    length = row.length;
+    EXPECT_EQ(framework->PerformSignHash("Reader A 00", key, algorithm, 0, data.data(), data.size(),
+                                         std::span{output.data(), row.room}, &length),
+              row.fits);
+    EXPECT_EQ(length, 256U);
+    EXPECT_TRUE(row.fits ? output.first(256) == resultOf(3, data, 256) : output.untouched());
+  }
+}
 
 TEST_F(PerformSignHash, MakesExactlyTheseCallsForRawRsa) {
   ResultBuffer output{256};
@@ -238,7 +257,7 @@ TEST_F(PerformSignHash, DoesNotLookAtTheFlags) {
     ResultBuffer output{256};
     length = 256;
     EXPECT_TRUE(framework->PerformSignHash("Reader A 00", key, algorithm, flag, data.data(), data.size(),
-                                           output.data(), &length));
+                                           std::span{output.data(), output.capacity()}, &length));
     EXPECT_EQ(output.all(), resultOf(3, data, 256));
   }
 }

@@ -41,8 +41,7 @@ class TwoFrameworks : public ModuleTest {
     std::array<CK_BYTE, 256> signature{};
     CK_ULONG length = signature.size();
     if (!framework.PerformSignHash(reader.toUtf8().c_str(), framework.p11ServiceInfo()->pAsymKeys()->at(0),
-                                   Text{u"algorithm"}, 0, data.data(), data.size(), signature.data(),
-                                   &length)) {
+                                   Text{u"algorithm"}, 0, data.data(), data.size(), signature, &length)) {
       return false;
     }
     const bool closed = framework.CloseCardSession(reader, nullptr);

@@ -291,9 +291,14 @@ TEST_F(SignHash, AnswersZerosForAKeyNamedPssAsManyAsTheModulusHas) {
 TEST_F(SignHash, FailsWhenAPssSignatureFails) {
   useKey(256, "PSS");
   for (const char* function : {"C_SignInit", "C_Sign"}) {
-    SCOPED_TRACE(function);
-    script.failCallOf(function, 0, CKR_DEVICE_ERROR);
-    expectRefused(sign({.capacity = 100}), 256);
+    for (const std::uint64_t capacity : {std::uint64_t{0}, std::uint64_t{100}, std::uint64_t{256},
+                                         std::uint64_t{257}, std::uint64_t{300}, kAllOnes}) {
+      SCOPED_TRACE(function);
+      SCOPED_TRACE(capacity);
+      script.failCallOf(function, 0, CKR_DEVICE_ERROR);
+      // The framework has read the length of the modulus by then.
+      expectRefused(sign({.capacity = capacity}), 256);
+    }
   }
 }
 

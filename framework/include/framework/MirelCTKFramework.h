@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <span>
 
 #include "bridge/PKCS11_SERVICE_INFO.h"
 #include "platform/AtomicProperty.h"
@@ -144,8 +145,10 @@ class MirelCTKFramework final {
   /// with SHA-256 when it contains "RSA" and "PSS" (in any letter case), raw RSA when it contains "RSA". The
   /// algorithm name is only logged, the flag word ignored.
   ///
-  /// `ioSignatureLen` (null: failure): the capacity of `outSignature` in bytes on entry; then the length of
-  /// the modulus, and after a raw signature that of the signature. `outSignature` null: only that length.
+  /// `ioSignatureLen` (null: failure): the capacity in bytes on entry; then the length of the modulus, and
+  /// after a raw signature that of the signature. Left alone where the private key is not found.
+  /// `outSignature`: its room limits the capacity, so that a caller can hand on a larger one and still knows
+  /// what was reported. Without data (a null pointer): only the length is wanted.
   ///
   /// What is a success does not mean that there is a signature, by design: nothing is written for a key
   /// without "RSA" in its name and for PSS, and after a failing raw signature as much of the working buffer
@@ -153,7 +156,7 @@ class MirelCTKFramework final {
   /// not copied; an EC key is one too, since it has no modulus.
   [[nodiscard]] bool PerformSignHash(const char* readerName, const std::shared_ptr<PKCS11_ASYMKEY_INFO>& key,
                                      const Text& algorithmName, CK_ULONG ignoredFlag, const CK_BYTE* data,
-                                     CK_ULONG dataLen, CK_BYTE* outSignature,
+                                     CK_ULONG dataLen, std::span<CK_BYTE> outSignature,
                                      CK_ULONG* ioSignatureLen) noexcept;
 
   /// Decrypts (see P11Bridge::pkcs11_genDecryptOAEP; by PKCS #1 v1.5, whatever the name says).
