@@ -109,6 +109,10 @@ TEST_F(UserLogin, JudgesWhatTheSessionReportsAfterwards) {
       {"read-write user", {1, 3, kSerial | 2, 0}, CKR_OK},
       {"user, with a device error", {1, 1, kSerial, 77}, 77},
       {"another slot than the card's", {9, 1, kSerial, 0}, CKR_OK},
+      // It is bit 0 that counts, whatever else is set.
+      {"a state of bits 0 and 2", {1, 5, kSerial, 0}, CKR_OK},
+      {"a state of bits 0 to 2", {1, 7, kSerial, 0}, CKR_OK},
+      {"every bit of the state", {1, kAllOnes, kSerial, 0}, CKR_OK},
       // Not serial.
       {"no flags", {1, 1, 0, 0}, 0xB4},
       {"every flag but serial", {1, 1, ~kSerial, 0}, 0xB4},
@@ -120,6 +124,8 @@ TEST_F(UserLogin, JudgesWhatTheSessionReportsAfterwards) {
       {"read-only public", {1, 0, kSerial, 0}, 0x800000B4},
       {"read-write public", {1, 2, kSerial, 0}, 0x800000B4},
       {"security officer", {1, 4, kSerial, 0}, 0x800000B4},
+      {"a state of bits 1 and 2", {1, 6, kSerial, 0}, 0x800000B4},
+      {"every bit of the state but bit 0", {1, kAllOnes - 1, kSerial, 0}, 0x800000B4},
       {"public, with a device error", {1, 0, kSerial, 77}, 0x800000B4},
   };
   for (const auto& row : rows) {

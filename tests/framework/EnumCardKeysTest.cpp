@@ -616,6 +616,18 @@ TEST_F(EnumCardKeys, EmptiesTheListsOfTheRecordItReplacesButNotTheKeysListedTher
   EXPECT_EQ(first.listedCertificates[0]->pbCertData().size(), 700U);
 }
 
+TEST_F(EnumCardKeys, EmptiesTheListsBetweenTheTwoSearches) {
+  enumerate();
+  const RetainedRecord first{framework->p11ServiceInfo()};
+  std::vector<std::size_t> numListed;  // when each of the searches begins
+  script.hook<&CK_FUNCTION_LIST::C_FindObjectsInit>([&](auto real, auto session, auto* filter, auto count) {
+    numListed.push_back(first.keys->size() + first.certificates->size());
+    return real(session, filter, count);
+  });
+  enumerate();
+  EXPECT_THAT(numListed, ElementsAre(2, 0));
+}
+
 TEST_F(EnumCardKeys, OpensNoSessionOfItsOwn) {
   enumerate();
   EXPECT_EQ(script.countOf("C_OpenSession"), 0U);

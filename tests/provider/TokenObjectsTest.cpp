@@ -166,6 +166,20 @@ TEST_F(GetTokenCerts, OnlyReadsTheCardWithoutAList) {
   EXPECT_FALSE(provider->getTokenCerts(reader(), nullptr));
 }
 
+TEST_F(GetTokenCerts, ReadsTheSelectedCardWhateverTheReadersName) {
+  const CK_SLOT_ID other = script.addSlot("Reader B 01", emptyCard("OTHERCARD", "FEDCBA0987654321"));
+  for (const Text& name : {Text{u"Reader B 01"}, Text{u"Reader C"}, Text{u""}, Text{}}) {
+    script.forgetCalls();
+    CryptTKitSProvider::CertificateList certificates;
+    EXPECT_TRUE(provider->getTokenCerts(name, &certificates));
+    ASSERT_THAT(certificates, SizeIs(1));
+    EXPECT_EQ(certificates[0]->strLabel(), Text{u"MyKey"});
+    // No other card is selected on the way.
+    EXPECT_EQ(script.countOf("C_GetSlotList"), 0U);
+    EXPECT_NE(record().slotID(), other);
+  }
+}
+
 TEST_F(GetTokenCerts, AppendsNothingForAnEmptyCard) {
   emptyTheCard();
   CryptTKitSProvider::CertificateList certificates;

@@ -227,7 +227,7 @@ TEST_F(SharedProvider, DoesNotHoldUpAnotherTokens) {
 }
 
 TEST_F(SharedProvider, PublishesAllItemsWhileSomebodySelectsTheCardAnew) {
-  constexpr int kRounds = 50;
+  constexpr int kRounds = 20;
   PlatformServices services = threadServices();
   services.observer = nullptr;
   for (int i = 0; i < kRounds; ++i) {

@@ -59,6 +59,18 @@ TEST_F(SignData, GivesTheSignatureOfTheCard) {
   EXPECT_THAT(script.openOperations(), IsEmpty());
 }
 
+/// What a key can do is for the support check alone.
+TEST_F(SignData, DoesNotAskWhetherTheKeyCanSign) {
+  const auto key = newKey(kKey, true);
+  key->setCanSign(false);
+  publish({key});
+  ASSERT_FALSE(session->supportsOperation(session, TKTokenOperation::kSignData, kKey,
+                                          FakeKeyAlgorithm{kSecKeyAlgorithmRSASignatureRaw}));
+  std::optional<TKError> error;
+  EXPECT_EQ(sign(block(), kSecKeyAlgorithmRSASignatureRaw, &error), signatureOf(block()));
+  EXPECT_FALSE(error);
+}
+
 TEST_F(SignData, SignsWithRawRsaInTheSessionOfTheLogin) {
   const Value data = bytesOf("data");
   EXPECT_EQ(sign(data), signatureOf(data));
