@@ -21,12 +21,15 @@ namespace {
 
 using namespace std::chrono_literals;
 using ::testing::Each;
+using ::testing::IsEmpty;
 using ::testing::SizeIs;
 
 using Session = std::shared_ptr<MirelSCTokenSession>;
 
 const Text kKey{u"01"};
 constexpr int kSignaturesPerThread = 200;
+/// Where two threads do different things.
+constexpr int kUsesPerThread = 50;
 
 /// A wait that nothing but a deadlock outlasts.
 constexpr auto kTooLong = 30s;
@@ -128,23 +131,23 @@ TEST_F(SharedProvider, SignsForTwoSessionsAtTheSameTime) {
 TEST_F(SharedProvider, SignsForOneSessionWhileAnotherLogsIn) {
   std::atomic<int> right{0};
   int loggedIn = 0;
-  runAtOnce({[&] { right += numRight(first, kSignaturesPerThread, 1); },
+  runAtOnce({[&] { right += numRight(first, kUsesPerThread, 1); },
              [&] {
-               for (int i = 0; i < kSignaturesPerThread; ++i) loggedIn += logIn(second) ? 1 : 0;
+               for (int i = 0; i < kUsesPerThread; ++i) loggedIn += logIn(second) ? 1 : 0;
              }});
-  EXPECT_EQ(right, kSignaturesPerThread);
-  EXPECT_EQ(loggedIn, kSignaturesPerThread);
+  EXPECT_EQ(right, kUsesPerThread);
+  EXPECT_EQ(loggedIn, kUsesPerThread);
 }
 
 TEST_F(SharedProvider, SignsAndLogsInForTwoThreadsInOneSession) {
   std::atomic<int> right{0};
   int loggedIn = 0;
-  runAtOnce({[&] { right += numRight(first, kSignaturesPerThread, 1); },
+  runAtOnce({[&] { right += numRight(first, kUsesPerThread, 1); },
              [&] {
-               for (int i = 0; i < kSignaturesPerThread; ++i) loggedIn += logIn(first) ? 1 : 0;
+               for (int i = 0; i < kUsesPerThread; ++i) loggedIn += logIn(first) ? 1 : 0;
              }});
-  EXPECT_EQ(right, kSignaturesPerThread);
-  EXPECT_EQ(loggedIn, kSignaturesPerThread);
+  EXPECT_EQ(right, kUsesPerThread);
+  EXPECT_EQ(loggedIn, kUsesPerThread);
 }
 
 TEST_F(SharedProvider, SignsForOneSessionWhileAnotherDecrypts) {
@@ -153,16 +156,16 @@ TEST_F(SharedProvider, SignsForOneSessionWhileAnotherDecrypts) {
   const FakeKeyAlgorithm algorithm{SecKeyAlgorithm::kSecKeyAlgorithmRSAEncryptionPKCS1};
   std::atomic<int> right{0};
   int decrypted = 0;
-  runAtOnce({[&] { right += numRight(first, kSignaturesPerThread, 1); },
+  runAtOnce({[&] { right += numRight(first, kUsesPerThread, 1); },
              [&] {
-               for (int i = 0; i < kSignaturesPerThread; ++i) {
+               for (int i = 0; i < kUsesPerThread; ++i) {
                  if (second->decryptData(second, cipher, kKey, algorithm, nullptr) == Bytes{plain}) {
                    ++decrypted;
                  }
                }
              }});
-  EXPECT_EQ(right, kSignaturesPerThread);
-  EXPECT_EQ(decrypted, kSignaturesPerThread);
+  EXPECT_EQ(right, kUsesPerThread);
+  EXPECT_EQ(decrypted, kUsesPerThread);
 }
 
 TEST_F(SharedProvider, AnswersTheSupportCheckWhileTheCardSigns) {
@@ -254,6 +257,45 @@ TEST_F(SharedProvider, PublishesAllItemsWhileSomebodySelectsTheCardAnew) {
     selecting.join();
     EXPECT_THAT(inserted->keychainContents()->items(), SizeIs(2));
   }
+}
+
+/// Keeps the functions of the module that are called while the gate of the token's provider is free.
+class LookingObserver final : public CryptokiObserver {
+ public:
+  explicit LookingObserver(std::function<std::shared_ptr<CryptTKitSProvider>()> provider)
+      : provider_{std::move(provider)} {}
+
+  void callStarts(const char* function) noexcept override {
+    ++numCalls;
+    // While the provider is made, nobody else can know of it.
+    const auto provider = provider_();
+    if (provider && isFree(*provider)) calledWithoutTheGate.emplace_back(function);
+  }
+  void callReturned(const char*, std::uint64_t) noexcept override {}
+  void operationReturned(const char*, std::uint64_t) noexcept override {}
+
+  std::size_t numCalls = 0;
+  std::vector<std::string> calledWithoutTheGate;
+
+ private:
+  std::function<std::shared_ptr<CryptTKitSProvider>()> provider_;
+};
+
+TEST_F(SharedProvider, CallsTheModuleBehindItsGateAlone) {
+  std::shared_ptr<MirelSCToken> inserted;
+  const auto looking = std::make_shared<LookingObserver>([&] { return inserted->sp(); });
+  PlatformServices services = threadServices();
+  services.observer = looking;
+  inserted = std::make_shared<MirelSCToken>(services, std::make_shared<FakeSmartCardToken>(kit->script));
+  ASSERT_TRUE(init(inserted));
+  const Session session = openSession(inserted, services);
+  ASSERT_TRUE(logIn(session));
+  EXPECT_EQ(numRight(session, 1, 1), 1);
+  const FakeKeyAlgorithm algorithm{SecKeyAlgorithm::kSecKeyAlgorithmRSAEncryptionPKCS1};
+  const Value plain = patternValue(32, 3);
+  EXPECT_EQ(session->decryptData(session, Bytes{cipherOf(plain)}, kKey, algorithm, nullptr), Bytes{plain});
+  EXPECT_GT(looking->numCalls, 100U);
+  EXPECT_THAT(looking->calledWithoutTheGate, IsEmpty());
 }
 
 /// Tells whether the gate is free whenever a certificate is parsed.
