@@ -31,6 +31,22 @@ Failure writeFailure(const std::string& name, int error) {
           "check where it goes and the space left there"};
 }
 
+/// Why the file that is there must not be replaced; nothing when it may be, or there is none. Its mode counts
+/// for root as well, who would not be kept from writing: it says what its owner wants.
+std::optional<Failure> replacingTrouble(const std::string& name, const std::string& target) {
+  struct stat there {};
+  if (stat(target.c_str(), &there) != 0) {
+    return errno == ELOOP ? std::optional{writeFailure(name, errno)} : std::nullopt;
+  }
+  const bool ownersModeCounts = geteuid() == 0 || there.st_uid == geteuid();
+  if (ownersModeCounts && (there.st_mode & S_IWUSR) == 0) {
+    return Failure{FailureKind::kFileTrouble, name + " cannot be written",
+                   "its mode does not let it be written", "run: chmod u+w on it, or name another file"};
+  }
+  if (access(target.c_str(), W_OK) != 0) return writeFailure(name, errno);
+  return std::nullopt;
+}
+
 bool writeAll(int descriptor, std::span<const std::uint8_t> data) {
   while (!data.empty()) {
     const ssize_t written = write(descriptor, data.data(), data.size());
@@ -127,9 +143,24 @@ class UndisturbedBySignals {
   sigset_t before_{};
 };
 
+/// The mode of a file that takes the place of the one at `target`, or of none.
+mode_t modeFor(const std::string& target, int newFile, mode_t mode) {
+  struct stat there {};
+  // Somebody else's file may have been put there for its mode.
+  if (stat(target.c_str(), &there) != 0 || there.st_uid != geteuid()) return mode & ~processMask();
+  const mode_t withExecution = mode | ((mode & (S_IRUSR | S_IRGRP | S_IROTH)) >> 2U);
+  mode_t kept = there.st_mode & withExecution;
+  // What the group may do is meant for that group.
+  struct stat made {};
+  const bool sameGroup = fstat(newFile, &made) == 0 && made.st_gid == there.st_gid;
+  if (!sameGroup && fchown(newFile, static_cast<uid_t>(-1), there.st_gid) != 0) kept &= ~mode_t{S_IRWXG};
+  return kept;
+}
+
 std::optional<Failure> replaceFile(const std::string& name, std::span<const std::uint8_t> data, mode_t mode) {
   const UndisturbedBySignals undisturbed;
   const std::string target = targetOf(name).string();
+  if (auto trouble = replacingTrouble(name, target)) return trouble;
   // What is there already must not be lost to a crash before the new content has reached the disk.
   const bool replaces = access(target.c_str(), F_OK) == 0;
   const std::string pattern = (folderOf(target) / ".mireltoken-XXXXXX").string();
@@ -137,8 +168,8 @@ std::optional<Failure> replaceFile(const std::string& name, std::span<const std:
   temporary.push_back('\0');
   const int descriptor = mkostemp(temporary.data(), O_CLOEXEC);
   if (descriptor < 0) return writeFailure(name, errno);
-  const bool whole = fchmod(descriptor, mode & ~processMask()) == 0 && writeAll(descriptor, data) &&
-                     (!replaces || fsync(descriptor) == 0);
+  const bool whole = fchmod(descriptor, modeFor(target, descriptor, mode)) == 0 &&
+                     writeAll(descriptor, data) && (!replaces || fsync(descriptor) == 0);
   if (finish(descriptor, whole) && std::rename(temporary.data(), target.c_str()) == 0) return std::nullopt;
   const int error = errno;
   (void)unlink(temporary.data());
@@ -184,6 +215,9 @@ std::optional<Failure> writingTrouble(const std::optional<std::string>& name) {
   (void)processMask();
   if (isStandardStream(name)) return std::nullopt;
   if (std::error_code error; std::filesystem::is_directory(*name, error)) return writeFailure(*name, EISDIR);
+  if (!isSpecialFile(*name)) {
+    if (auto trouble = replacingTrouble(*name, targetOf(*name).string())) return trouble;
+  }
   const std::string needed = isSpecialFile(*name) ? *name : (folderOf(targetOf(*name)) / ".").string();
   if (access(needed.c_str(), W_OK) == 0) return std::nullopt;
   return writeFailure(*name, errno);

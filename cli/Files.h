@@ -32,8 +32,10 @@ class FileInput final : public InputSource {
 [[nodiscard]] bool goesToTerminal(const std::optional<std::string>& name);
 
 /// Writes all of `data`: a file completely or not at all (an existing one keeps its content until the new one
-/// is whole), with `mode` less the process's mask. Nothing when it was written.
-/// `name`: nothing or "-" for standard output.
+/// is whole), with `mode` less the process's mask. A file of this user that is there keeps its mode, as far
+/// as `mode` reaches: what is for the user alone stays so. One whose mode does not let it be written is
+/// refused, also for root. A link is followed. Nothing when it was written. `name`: nothing or "-" for
+/// standard output.
 [[nodiscard]] std::optional<Failure> writeFile(const std::optional<std::string>& name,
                                                std::span<const std::uint8_t> data, mode_t mode);
 

@@ -162,6 +162,8 @@ TEST_F(KeyFiles, OfSignaturesAndCertificatesFollowTheMask) {
     EXPECT_EQ(modeOf("out/signature"), row.mode);
     expectSuccess(mireltoken({"certificate", "--key", "01", "--out", path("out/certificate")}));
     EXPECT_EQ(modeOf("out/certificate"), row.mode);
+    std::filesystem::remove(path("out/signature"));
+    std::filesystem::remove(path("out/certificate"));
   }
 }
 
@@ -170,6 +172,41 @@ TEST_F(KeyFiles, OfPlainTextsAreForTheUserAloneWhenTheyReplaceOthers) {
   expectSuccess(decryptInto(path("out/plain")));
   EXPECT_EQ(modeOf("out/plain"), mode_t{0600});
   EXPECT_EQ(read("out/plain"), kPlain);
+}
+
+TEST_F(KeyFiles, KeepTheModeOfTheFileThatTheyReplace) {
+  const ScopedMask scope{022};
+  for (const mode_t mode : {mode_t{0600}, mode_t{0640}, mode_t{0644}, mode_t{0666}, mode_t{0755}}) {
+    SCOPED_TRACE(mode);
+    (void)write("out/signature", "older", mode);
+    expectSigned(signInto(path("out/signature")));
+    EXPECT_EQ(modeOf("out/signature"), mode);
+    (void)write("out/certificate", "older", mode);
+    expectSuccess(mireltoken({"certificate", "--key", "01", "--out", path("out/certificate")}));
+    EXPECT_EQ(modeOf("out/certificate"), mode);
+  }
+}
+
+TEST_F(KeyFiles, DoNotTakeTheModeOfSomebodyElsesFile) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root can give files away";
+  const ScopedMask scope{022};
+  const std::string file = write("out/signature", "older", 0666);
+  ASSERT_EQ(chown(file.c_str(), 4321, static_cast<gid_t>(-1)), 0);
+  expectSigned(signInto(file));
+  EXPECT_EQ(modeOf("out/signature"), mode_t{0644});
+}
+
+TEST_F(KeyFiles, AreNotWrittenWhereTheModeForbidsIt) {
+  for (const mode_t mode : {mode_t{0400}, mode_t{0444}, mode_t{0}, mode_t{0466}}) {
+    SCOPED_TRACE(mode);
+    const std::string file = write("out/file", "older", mode);
+    expectEarlyFailure({"sign", "--key", "01", "--out", file},
+                       {file + " cannot be written", "its mode does not let it be written", "chmod u+w"});
+    EXPECT_EQ(modeOf("out/file"), mode);
+    ASSERT_EQ(chmod(file.c_str(), 0600), 0);
+    EXPECT_EQ(read("out/file"), "older");
+    EXPECT_THAT(filesIn("out"), ElementsAre("file"));
+  }
 }
 
 TEST_F(KeyFiles, AreReplacedAsAWhole) {
@@ -288,6 +325,18 @@ TEST_F(KeyFiles, BehindALinkThatLeadsNowhereYetAreMadeThere) {
   expectSigned(signInto(path("link")));
   EXPECT_TRUE(std::filesystem::is_symlink(path("link")));
   EXPECT_TRUE(isSignature(read("out/signature")));
+}
+
+TEST_F(KeyFiles, BehindALinkThatLeadsToItselfCannotBeWritten) {
+  std::filesystem::create_symlink("loop", path("loop"));
+  std::filesystem::create_symlink("there", path("here"));
+  std::filesystem::create_symlink("here", path("there"));
+  for (const char* name : {"loop", "here"}) {
+    SCOPED_TRACE(name);
+    expectEarlyFailure({"sign", "--key", "01", "--out", path(name)},
+                       {path(name).string() + " cannot be written: Too many levels of symbolic links"});
+    EXPECT_TRUE(std::filesystem::is_symlink(path(name)));
+  }
 }
 
 TEST_F(KeyFiles, ThatStandForAnOpenFileAreAddedBehindWhatIsThere) {
