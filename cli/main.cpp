@@ -144,6 +144,8 @@ int main(int argc, char** argv) {
   using mirel::cli::ExitCode;
   // A reader of our output that goes away, or a module whose own service does, is an error to be told.
   (void)std::signal(SIGPIPE, SIG_IGN);
+  // So is a file that may not grow any more: the write fails then, and what is half written is removed.
+  (void)std::signal(SIGXFSZ, SIG_IGN);
   // The texts that a token has for its users follow the user's language.
   (void)std::setlocale(LC_MESSAGES, "");
   try {

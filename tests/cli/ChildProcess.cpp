@@ -139,7 +139,7 @@ class Attributes {
     sigset_t ending{};
     (void)sigemptyset(&ending);
     if (!keepsIgnoredSignals) {
-      for (const int signal : {SIGHUP, SIGINT, SIGQUIT, SIGTERM}) (void)sigaddset(&ending, signal);
+      for (const int signal : {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGXFSZ}) (void)sigaddset(&ending, signal);
     }
     constexpr short kFlags = POSIX_SPAWN_SETSID | POSIX_SPAWN_SETSIGDEF;
     require(posix_spawnattr_init(&attributes_) == 0, "posix_spawnattr_init");
