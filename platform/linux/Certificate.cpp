@@ -17,6 +17,7 @@
 #include <utility>
 
 #include "OpenSslErrors.h"
+#include "platform/Der.h"
 
 namespace mirel {
 namespace {
@@ -180,7 +181,8 @@ class OpenSslCertificateParser final : public CertificateParser {
   std::shared_ptr<SecCertificate> createWithData(const Bytes& der) noexcept override {
     const ErrorMark mark;
     const std::span<const std::uint8_t> bytes = der.view();
-    if (bytes.empty() || bytes.size() > INT_MAX || !hasDerLengths(bytes, kDeepestNesting)) return nullptr;
+    if (!onlyDerValue(bytes, kDerSequence)) return nullptr;
+    if (bytes.size() > INT_MAX || !hasDerLengths(bytes, kDeepestNesting)) return nullptr;
     const auto x509 = parsedWhole<X509Holder, &d2i_X509>(bytes);
     return x509 ? std::make_shared<ParsedCertificate>(der, x509.get()) : nullptr;
   }

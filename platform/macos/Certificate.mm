@@ -11,6 +11,7 @@
 #include "Certificate.h"
 #include "Convert.h"
 #include "Holder.h"
+#include "platform/Der.h"
 #include "platform/KeyUsage.h"
 
 namespace mirel {
@@ -117,7 +118,8 @@ int PlatformCertificate::keySizeInBits() const noexcept {
 class PlatformCertificateParser final : public CertificateParser {
  public:
   [[nodiscard]] std::shared_ptr<SecCertificate> createWithData(const Bytes& der) noexcept override {
-    if (der.isNull()) return nullptr;
+    // The platform takes a certificate with anything behind it.
+    if (!onlyDerValue(der.view(), kDerSequence)) return nullptr;
     @autoreleasepool {
       auto certificate =
           CFHolder<SecCertificateRef>::adopt(SecCertificateCreateWithData(nullptr, (CFDataRef)dataOf(der)));

@@ -4,6 +4,8 @@
 #include <array>
 #include <cstddef>
 
+#include "platform/Der.h"
+
 namespace mirel {
 namespace {
 
@@ -15,76 +17,18 @@ constexpr std::uint8_t kInteger = 0x02;
 constexpr std::uint8_t kBitString = 0x03;
 constexpr std::uint8_t kOctetString = 0x04;
 constexpr std::uint8_t kObjectIdentifier = 0x06;
-constexpr std::uint8_t kSequence = 0x30;
 constexpr std::uint8_t kVersion = 0xA0;          // [0], explicit
 constexpr std::uint8_t kIssuerUniqueId = 0x81;   // [1], implicit
 constexpr std::uint8_t kSubjectUniqueId = 0x82;  // [2], implicit
 constexpr std::uint8_t kExtensions = 0xA3;       // [3], explicit
 
-/// Walks along values that follow each other.
-class DerReader {
- public:
-  explicit DerReader(ByteSpan der) noexcept : rest_{der} {}
-
-  [[nodiscard]] bool atEnd() const noexcept { return rest_.empty(); }
-
-  /// The content of the next value, which is then passed. Nothing when it has another tag or its
-  /// length is not DER; the reader is of no use then.
-  [[nodiscard]] std::optional<ByteSpan> read(std::uint8_t tag) noexcept;
-
-  [[nodiscard]] bool skip(std::uint8_t tag) noexcept { return read(tag).has_value(); }
-  [[nodiscard]] bool skipIfPresent(std::uint8_t tag) noexcept { return !isNext(tag) || skip(tag); }
-  [[nodiscard]] bool isNext(std::uint8_t tag) const noexcept {
-    return !rest_.empty() && rest_.front() == tag;
-  }
-
- private:
-  [[nodiscard]] std::optional<std::size_t> readLength() noexcept;
-
-  ByteSpan rest_;
-};
-
-std::optional<std::size_t> DerReader::readLength() noexcept {
-  constexpr std::size_t kLongForm = 0x80;  // from here on the first byte tells how many follow
-  if (rest_.empty()) return std::nullopt;
-  const std::size_t first = rest_.front();
-  rest_ = rest_.subspan(1);
-  if (first < kLongForm) return first;
-
-  const std::size_t count = first - kLongForm;
-  const bool isIndefinite = count == 0;
-  if (isIndefinite || count > sizeof(std::size_t) || count > rest_.size()) return std::nullopt;
-  std::size_t length = 0;
-  for (const std::uint8_t byte : rest_.first(count)) length = (length << 8U) | byte;
-  const bool isShortest = rest_.front() != 0 && length >= kLongForm;
-  rest_ = rest_.subspan(count);
-  return isShortest ? std::optional{length} : std::nullopt;
-}
-
-std::optional<ByteSpan> DerReader::read(std::uint8_t tag) noexcept {
-  if (!isNext(tag)) return std::nullopt;
-  rest_ = rest_.subspan(1);
-  const auto length = readLength();
-  if (!length || *length > rest_.size()) return std::nullopt;
-  const ByteSpan content = rest_.first(*length);
-  rest_ = rest_.subspan(*length);
-  return content;
-}
-
-/// The content of the only value in `der`.
-std::optional<ByteSpan> readOnly(ByteSpan der, std::uint8_t tag) noexcept {
-  DerReader reader{der};
-  const auto content = reader.read(tag);
-  return reader.atEnd() ? content : std::nullopt;
-}
-
-/// The content of the TBSCertificate. Cards fill their files up, so bytes may follow the certificate.
+/// The content of the TBSCertificate.
 std::optional<ByteSpan> toBeSignedOf(ByteSpan der) noexcept {
-  const auto certificate = DerReader{der}.read(kSequence);
+  const auto certificate = onlyDerValue(der, kDerSequence);
   if (!certificate) return std::nullopt;
   DerReader reader{*certificate};
-  const auto toBeSigned = reader.read(kSequence);
-  const bool isWhole = toBeSigned && reader.skip(kSequence) && reader.skip(kBitString) && reader.atEnd();
+  const auto toBeSigned = reader.read(kDerSequence);
+  const bool isWhole = toBeSigned && reader.skip(kDerSequence) && reader.skip(kBitString) && reader.atEnd();
   return isWhole ? toBeSigned : std::nullopt;
 }
 
@@ -94,11 +38,11 @@ std::optional<ByteSpan> extensionsOf(ByteSpan toBeSigned) noexcept {
   if (!reader.skipIfPresent(kVersion) || !reader.skip(kInteger)) return std::nullopt;
   // the signature's algorithm, issuer, validity, subject, and the public key
   for (int i = 0; i < 5; ++i) {
-    if (!reader.skip(kSequence)) return std::nullopt;
+    if (!reader.skip(kDerSequence)) return std::nullopt;
   }
   if (!reader.skipIfPresent(kIssuerUniqueId) || !reader.skipIfPresent(kSubjectUniqueId)) return std::nullopt;
   const auto extensions = reader.read(kExtensions);
-  return extensions && reader.atEnd() ? readOnly(*extensions, kSequence) : std::nullopt;
+  return extensions && reader.atEnd() ? onlyDerValue(*extensions, kDerSequence) : std::nullopt;
 }
 
 struct Extension {
@@ -107,7 +51,7 @@ struct Extension {
 };
 
 std::optional<Extension> readExtension(DerReader& extensions) noexcept {
-  const auto extension = extensions.read(kSequence);
+  const auto extension = extensions.read(kDerSequence);
   if (!extension) return std::nullopt;
   DerReader reader{*extension};
   const auto identifier = reader.read(kObjectIdentifier);
@@ -142,7 +86,7 @@ std::optional<ByteSpan> keyUsageAmong(ByteSpan extensions) noexcept {
 
 std::optional<std::int32_t> keyUsageOfExtension(ByteSpan der) noexcept {
   constexpr std::size_t kNamedBits = 9;
-  const auto bitString = readOnly(der, kBitString);
+  const auto bitString = onlyDerValue(der, kBitString);
   if (!bitString || bitString->empty()) return std::nullopt;
   const std::size_t unused = bitString->front();
   const ByteSpan bytes = bitString->subspan(1);

@@ -12,6 +12,8 @@
 #include <optional>
 
 #import "Certificate.h"
+#import "Convert.h"
+#import "Holder.h"
 #include "cli/ChildProcess.h"
 #include "double/Desktop.h"
 #import "double/Switches.h"
@@ -139,14 +141,17 @@ TEST_F(MacCertificate, TellsNoEndThatItCannotRead) {
   EXPECT_TRUE(parsed({})->notAfter().isNull());
 }
 
-TEST_F(MacCertificate, HasItsKeyUsageWhateverFollowsItInTheFile) {
-  auto der = testCertificate({.keyUsage = 1});
-  der.resize(der.size() + 512);
-  EXPECT_FALSE(systemCertificateParser()->createWithData(Bytes{der}));
-  switches->takesLongerCertificates = true;
-  const auto certificate = systemCertificateParser()->createWithData(Bytes{der});
-  ASSERT_TRUE(certificate);
-  EXPECT_EQ(certificate->keyUsage(), 1);
+TEST_F(MacCertificate, IsNullWithSomethingBehindItWhichThePlatformWouldTake) {
+  const auto good = testCertificate({.keyUsage = 1});
+  ASSERT_TRUE(systemCertificateParser()->createWithData(Bytes{good}));
+  for (const std::size_t behind : {std::size_t{1}, std::size_t{512}}) {
+    auto longer = good;
+    longer.resize(good.size() + behind);
+    const auto platform = CFHolder<SecCertificateRef>::adopt(
+        SecCertificateCreateWithData(nullptr, (CFDataRef)dataOf(Bytes{longer})));
+    EXPECT_TRUE(platform);
+    EXPECT_FALSE(systemCertificateParser()->createWithData(Bytes{longer}));
+  }
 }
 
 TEST_F(MacCertificate, IsNamedAsThePlatformSumsItUp) {

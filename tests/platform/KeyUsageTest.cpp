@@ -281,10 +281,10 @@ TEST(KeyUsage, IsMissingWhenTheWayToItIsNotACertificates) {
   }
 }
 
-TEST(KeyUsage, IsReadWhateverFollowsTheCertificate) {
+TEST(KeyUsage, IsNotReadWhenSomethingFollowsTheCertificate) {
   const ByteVector good = certificateWith({kKeyUsage});
   for (const ByteVector& behind : {ByteVector{0x00}, ByteVector(512, 0x00), ByteVector(3, 0xFF), good}) {
-    EXPECT_EQ(usageOf(joined({good, behind})), kSigningBits);
+    EXPECT_EQ(usageOf(joined({good, behind})), std::nullopt);
   }
 }
 

@@ -160,12 +160,10 @@ NSDictionary* entryOf(NSString* label, id value) {
   countObject("SecCertificate", 1);
   const auto* next = static_cast<const unsigned char*>([der bytes]);
   const std::unique_ptr<X509, OpenSslFree> x509{d2i_X509(nullptr, &next, (long)[der length])};
-  // OpenSSL also takes encodings that are not DER, and whatever comes after them.
+  // OpenSSL also takes encodings that are not DER. What comes after the certificate does not matter.
   NSData* const whole = x509 ? encoded<i2d_X509>(x509.get()) : nil;
-  const bool isDer = switches().takesLongerCertificates
-                         ? whole && [der length] >= [whole length] &&
-                               std::memcmp([whole bytes], [der bytes], [whole length]) == 0
-                         : [whole isEqual:der];
+  const bool isDer =
+      whole && [der length] >= [whole length] && std::memcmp([whole bytes], [der bytes], [whole length]) == 0;
   if (!isDer) {
     [self release];
     return nil;

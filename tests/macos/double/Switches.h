@@ -50,8 +50,6 @@ struct Switches {
   bool defaultLevelOff = false;
   KeyUsageForm keyUsageForm = KeyUsageForm::kBitNumbers;
   ValidityForm validityForm = ValidityForm::kSeconds;
-  /// Certificates are taken with what follows them.
-  bool takesLongerCertificates = false;
   /// Certificates have no summary of their subject.
   bool withoutSummary = false;
   /// What LSRegisterURL and CFUserNotificationDisplayAlert answer.

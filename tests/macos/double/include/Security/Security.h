@@ -17,7 +17,7 @@ typedef struct __SecKey* SecKeyRef;
 
 extern CFTypeID SecCertificateGetTypeID(void);
 
-/// The caller's; null unless `der` is the DER encoding of an X.509 certificate.
+/// The caller's; null unless `der` begins with the DER encoding of an X.509 certificate.
 extern SecCertificateRef _Nullable SecCertificateCreateWithData(CFAllocatorRef _Nullable allocator,
                                                                 CFDataRef der);
 /// The caller's.

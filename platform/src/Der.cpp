@@ -1,0 +1,40 @@
+#include "platform/Der.h"
+
+namespace mirel {
+
+using ByteSpan = std::span<const std::uint8_t>;
+
+std::optional<std::size_t> DerReader::readLength() noexcept {
+  constexpr std::size_t kLongForm = 0x80;  // from here on the first byte tells how many follow
+  if (rest_.empty()) return std::nullopt;
+  const std::size_t first = rest_.front();
+  rest_ = rest_.subspan(1);
+  if (first < kLongForm) return first;
+
+  const std::size_t count = first - kLongForm;
+  const bool isIndefinite = count == 0;
+  if (isIndefinite || count > sizeof(std::size_t) || count > rest_.size()) return std::nullopt;
+  std::size_t length = 0;
+  for (const std::uint8_t byte : rest_.first(count)) length = (length << 8U) | byte;
+  const bool isShortest = rest_.front() != 0 && length >= kLongForm;
+  rest_ = rest_.subspan(count);
+  return isShortest ? std::optional{length} : std::nullopt;
+}
+
+std::optional<ByteSpan> DerReader::read(std::uint8_t tag) noexcept {
+  if (!isNext(tag)) return std::nullopt;
+  rest_ = rest_.subspan(1);
+  const auto length = readLength();
+  if (!length || *length > rest_.size()) return std::nullopt;
+  const ByteSpan content = rest_.first(*length);
+  rest_ = rest_.subspan(*length);
+  return content;
+}
+
+std::optional<ByteSpan> onlyDerValue(ByteSpan der, std::uint8_t tag) noexcept {
+  DerReader reader{der};
+  const auto content = reader.read(tag);
+  return reader.atEnd() ? content : std::nullopt;
+}
+
+}  // namespace mirel
