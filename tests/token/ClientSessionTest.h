@@ -34,7 +34,7 @@ inline constexpr const char* kGeneralStart = "default: CTK [MirelSCTokenSession-
 inline constexpr const char* kAuthenticatedStart = "default: CTK [MirelSCTokenSession-157] +++START+++";
 inline constexpr const char* kKeyIsNil = "error: keyItem is nil.";
 inline constexpr const char* kNeeded =
-    "process: [MirelSCTokenSession-170] Error Domain=CryptoTokenKit Code=-9";
+    "process: [MirelSCTokenSession-170] Error Domain=CryptoTokenKit Code=-9 \"(null)\"";
 inline constexpr const char* kAuthenticatedEnd = "default: CTK [MirelSCTokenSession-177] ---END---";
 inline constexpr const char* kFailed = "process: [MirelSCTokenSession-187] keyObjectID = 01";
 inline constexpr const char* kFailedNoKey = "process: [MirelSCTokenSession-187] keyObjectID = 99";

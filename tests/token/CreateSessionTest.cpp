@@ -4,10 +4,7 @@
 namespace mirel::test {
 namespace {
 
-using ::testing::AllOf;
 using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::StartsWith;
 
 constexpr const char* kSessionStart = "default: CTK [MirelSCTokenSession-70] +++START+++";
 constexpr const char* kSessionEnd = "default: CTK [MirelSCTokenSession-81] ---END---";
@@ -81,14 +78,23 @@ TEST_F(CreateSession, LogsNothingOfAnEmptyError) {
 }
 
 TEST_F(CreateSession, LogsAnErrorThatIsThereAlready) {
-  const TKError kThere{Text{u"CryptoTokenKit"}, -9, Text{}};
-  std::optional<TKError> error = kThere;
-  const auto session = create(&error);
-  EXPECT_THAT(log->allLines, ElementsAre(tokenLine(token.get()),
-                                         AllOf(StartsWith("process: [MirelSCToken-152] Error: "),
-                                               HasSubstr("CryptoTokenKit"), HasSubstr("-9")),
-                                         kSessionStart, kSessionEnd, sessionLine(session.get())));
-  EXPECT_EQ(error, kThere);
+  const struct {
+    Text text;
+    const char* line;
+  } rows[] = {
+      {Text{}, "process: [MirelSCToken-152] Error: Error Domain=CryptoTokenKit Code=-9 \"(null)\""},
+      {Text{u"Why"}, "process: [MirelSCToken-152] Error: Error Domain=CryptoTokenKit Code=-9 \"Why\""},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.line);
+    log->allLines.clear();
+    const TKError there{Text{u"CryptoTokenKit"}, -9, row.text};
+    std::optional<TKError> error = there;
+    const auto session = create(&error);
+    EXPECT_THAT(log->allLines, ElementsAre(tokenLine(token.get()), row.line, kSessionStart, kSessionEnd,
+                                           sessionLine(session.get())));
+    EXPECT_EQ(error, there);
+  }
 }
 
 TEST_F(CreateSession, IsNullWhenThePlatformRefuses) {
