@@ -13,7 +13,7 @@ from BundleFilesSupport import Checks, arguments, assemble, close_to_others, mod
 
 IDENTITY = "Developer ID Application: Ada's Example (ABCDE12345)"
 INSTALLER = "Developer ID Installer: Ada's Example (ABCDE12345)"
-TOOLS = "codesign ditto hdiutil lipo otool pkgbuild plutil productbuild spctl xattr xcrun".split()
+TOOLS = "codesign ditto hdiutil lipo otool pkgbuild plutil productbuild sleep spctl xattr xcrun".split()
 
 # Called by the name of the tool that it plays. FAIL is a pattern for calls that fail, ANSWER the notary's. What goes
 # into the package and into the image is kept, and what the product is made of.
@@ -38,6 +38,9 @@ case "$name $*" in
   "pkgbuild --root "*) cp -pR "$2" "$RECORD/package"; echo component >"$last" ;;
   "productbuild "*) cp "$2" "$RECORD/distribution"; cp -R "$4" "$RECORD/components"; echo made >"$last" ;;
   "hdiutil "*)
+    if [ "$(grep -c '^hdiutil' "$RECORD/calls")" -le "$BUSY" ]; then
+      echo "hdiutil: create failed - Resource busy" >&2; exit 1
+    fi
     while [ "$1" != -srcfolder ]; do shift; done
     cp -pR "$2" "$RECORD/image"; echo made >"$last" ;;
   "xcrun notarytool submit "*) printf '%s' "$ANSWER"; [ "$ANSWER" = Accepted ] ;;
@@ -87,6 +90,7 @@ class Signing:
             "SPOIL": "",
             "LIBRARY": "",
             "ANSWER": "Accepted",
+            "BUSY": "0",
         }
         values.update(environment)
         code, shown, error = run(*command, env=values, cwd=cwd, umask=umask)
@@ -393,6 +397,18 @@ def check_trouble(checks, signing):
     checks.true(error, "is missing: this needs macOS" in error)
 
 
+def check_busy(checks, signing):
+    """The image is made again while the Mac is busy, some times, and with a pause."""
+    for busy, wanted in ((2, 0), (99, 1)):
+        code, _, error, calls = signing.run("--output", signing.output, BUSY=str(busy))
+        tries = [call[0] for call in calls if call[0] in ("hdiutil", "sleep")]
+        checks.equal(f"busy {busy} times: {error}", code, wanted)
+        checks.equal(f"tries when busy {busy} times", tries, ["hdiutil", "sleep"] * min(busy, 4) + ["hdiutil"])
+        checks.equal(f"what it says when busy {busy} times", error.count("Resource busy"), min(busy, 5))
+    code, _, _, calls = signing.run("--output", signing.output, FAIL="hdiutil*")
+    checks.equal("another failure is not tried again", (code, [call[0] for call in calls].count("hdiutil")), (1, 1))
+
+
 def check_build(checks, signing, cmake):
     """The build signs the app where it puts it, and again after a change."""
     source = signing.folder / "build"  # the two programs are there
@@ -474,6 +490,7 @@ def main():
         check_modes(checks, signing)
         check_distribution(checks, signing)
         check_trouble(checks, signing)
+        check_busy(checks, signing)
         check_build(checks, signing, given.cmake)
         check_misuse(checks, signing)
     checks.finish()
