@@ -253,10 +253,9 @@ def faults_of_readme(tree):
         if entry.name not in [*named, "README.md"] and not entry.name.startswith("."):
             faults.append(f"the README does not name {entry.name}")
 
-    before, _, link = readme.partition("    sudo ln -s ")
-    folder = link.partition("\n")[0].rpartition(" ")[2].rpartition("/")[0]
-    if not folder or not before.endswith(f"    sudo mkdir -p {folder}\n"):
-        faults.append("the README makes a link in a folder that may be missing")
+    script = re.search(r"sudo tee (\S+)/mireltoken", readme)
+    if not script or f"    sudo mkdir -p {script[1]}\n" not in readme[: script.start()]:
+        faults.append("the README makes a script in a folder that may be missing")
 
     starts = [(token / f"{name}.cpp").read_text() for name in ("MirelSCTokenDriver", "MirelSCToken")]
     for text in re.findall(r"`(\+\+\+\w+\+\+\+)`", readme):

@@ -4,7 +4,9 @@ is put together of."""
 import os
 import pathlib
 import plistlib
+import re
 import shutil
+import tempfile
 
 from BundleFilesFaults import (
     LANGUAGES,
@@ -121,7 +123,7 @@ SPOILED = [
     ),
     # What tells of them
     (README, "| `Distribution.xml.in`", "| `Distribution.xml`", "the README does not name Distribution.xml.in"),
-    (README, "    sudo mkdir -p /usr/local/bin\n", "", "the README makes a link in a folder that may be missing"),
+    (README, "    sudo mkdir -p /usr/local/bin\n", "", "the README makes a script in a folder that may be missing"),
     (README, "+++Start+++", "+++START+++", "the README expects +++START+++ of the driver and of the token"),
     (DRIVER, "+++Start+++", "+++Begin+++", "the README expects +++Start+++ of the driver and of the token"),
     (README, "`instanceID =`", "`instance =`", "the README expects instance =, which nothing logs"),
@@ -331,6 +333,30 @@ def check_modes(checks, given):
                 checks.equal(f"umask {umask:03o}: {path}", f"{mode:03o}", f"{wanted:03o}")
 
 
+def check_shortcut(checks, source):
+    """The commands that make the command line known to shells: run without sudo, in a folder of their own."""
+    readme = (source / README).read_text()
+    block = re.search(r"^    sudo mkdir -p /usr/local/bin\n(?:    .*\n)*", readme, re.MULTILINE)[0]
+    with tempfile.TemporaryDirectory(prefix="mirel-shortcut-") as name:  # which stands between quotes
+        folder = pathlib.Path(name).resolve()
+        program = folder / "Applications/Mirel Token.app/Contents/MacOS/mireltoken"
+        program.parent.mkdir(parents=True)
+        program.write_text('#!/bin/sh\nprintf "%s|" "$0" "$@"\n')
+        program.chmod(0o755)
+        before = program.read_text()
+        commands = block.replace("sudo ", "")
+        for path in ("/usr/local/bin", "/Applications"):
+            commands = commands.replace(path, f"{folder}{path}")
+        shortcut = folder / "usr/local/bin/mireltoken"
+        shortcut.parent.mkdir(parents=True)
+        shortcut.symlink_to(program)  # of an earlier installation
+        code, shown, error = run("sh", "-ec", commands)
+        checks.equal(f"making the shortcut: {shown}{error}", code, 0)
+        checks.equal("the program itself", program.read_text(), before)
+        code, shown, error = run(shortcut, "sign", "--key", "a b")
+        checks.equal(f"the shortcut starts the program by its own path: {error}", shown, f"{program}|sign|--key|a b|")
+
+
 def main():
     given = arguments()
     checks = Checks()
@@ -340,6 +366,7 @@ def main():
     check_icon(checks, given.source)
     check_assembled(checks, given)
     check_modes(checks, given)
+    check_shortcut(checks, given.source)
     check_spoiled(checks, given.source)
     check_workflow(checks, given.source)
     check_driver_class(checks, given.source)
