@@ -84,7 +84,7 @@ class KeychainContents final : public TKTokenKeychainContents {
  private:
   static std::shared_ptr<TKTokenKeychainKey> keyOf(::TKTokenKeychainItem* item) noexcept {
     if ([item isKindOfClass:[::MirelCTKTokenKeychainKey class]]) {
-      return [static_cast<::MirelCTKTokenKeychainKey*>(item) core];
+      return [static_cast<::MirelCTKTokenKeychainKey*>(item) mirel_core];
     }
     // Nothing says that the platform hands out the very objects that it was filled with.
     const bool isKey = [item isKindOfClass:[::TKTokenKeychainKey class]];
@@ -101,10 +101,10 @@ class TokenBase final : public Base<TKSmartCardToken, ::MirelSCToken> {
       const std::shared_ptr<TKSmartCard>& smartCard, const Bytes& AID, const Text& instanceID,
       const std::shared_ptr<TKSmartCardTokenDriver>& tokenDriver) noexcept override {
     return initialised([&] {
-      return [object() baseInitWithSmartCard:objectBehind(smartCard)
-                                         AID:dataOf(AID)
-                                  instanceID:stringOf(instanceID)
-                                 tokenDriver:objectBehind(tokenDriver)];
+      return [object() mirel_baseInitWithSmartCard:objectBehind(smartCard)
+                                               AID:dataOf(AID)
+                                        instanceID:stringOf(instanceID)
+                                       tokenDriver:objectBehind(tokenDriver)];
     });
   }
   [[nodiscard]] std::shared_ptr<TKTokenKeychainContents> keychainContents() const noexcept override {
@@ -118,7 +118,7 @@ class SessionBase final : public Base<TKSmartCardTokenSession, ::MirelSCTokenSes
  public:
   using Base::Base;
   [[nodiscard]] bool initWithToken(const std::shared_ptr<TKSmartCardToken>& token) noexcept override {
-    return initialised([&] { return [object() baseInitWithToken:objectBehind(token)]; });
+    return initialised([&] { return [object() mirel_baseInitWithToken:objectBehind(token)]; });
   }
   [[nodiscard]] std::shared_ptr<TKSmartCardToken> token() const noexcept override {
     return coreOf([object() token]);
@@ -132,7 +132,7 @@ class PINOperationBase final : public Base<TKTokenSmartCardPINAuthOperation, ::M
  public:
   using Base::Base;
   [[nodiscard]] bool init() noexcept override {
-    return initialised([&] { return [object() baseInit]; });
+    return initialised([&] { return [object() mirel_baseInit]; });
   }
   /// The core never asks its base for this.
   [[nodiscard]] bool finishWithError(TKErrorPointer) noexcept override { return false; }
@@ -163,8 +163,8 @@ class KeyBase : public Base<TKTokenKeychainKey, ::MirelCTKTokenKeychainKey> {
   [[nodiscard]] bool initWithCertificate(const std::shared_ptr<SecCertificate>& certificate,
                                          const Text& objectID) noexcept override {
     return initialised([&] {
-      return [object() baseInitWithCertificate:certificate ? refOf(*certificate) : nullptr
-                                      objectID:stringOf(objectID)];
+      return [object() mirel_baseInitWithCertificate:certificate ? refOf(*certificate) : nullptr
+                                            objectID:stringOf(objectID)];
     });
   }
 };
@@ -172,15 +172,15 @@ class KeyBase : public Base<TKTokenKeychainKey, ::MirelCTKTokenKeychainKey> {
 template <typename BaseClass, typename Object>
 std::shared_ptr<BaseClass> baseOn(Object* object) noexcept {
   auto link = std::make_shared<Link>(Link{object});
-  [object setLink:link];
+  [object mirel_setLink:link];
   return std::make_shared<BaseClass>(std::move(link));
 }
 
 /// The core of a new object, which goes with the autorelease pool; null for nil.
 template <typename Object>
 auto coreOfNew(Object* object) noexcept {
-  std::remove_cvref_t<decltype([object core])> core;
-  if (object) core = [ObjCHolder<Object>::adopt(object).autoreleased() core];
+  std::remove_cvref_t<decltype([object mirel_core])> core;
+  if (object) core = [ObjCHolder<Object>::adopt(object).autoreleased() mirel_core];
   return core;
 }
 
@@ -270,7 +270,7 @@ std::shared_ptr<TKSmartCardToken> wrapped(::TKToken* token) noexcept {
 
 std::shared_ptr<MirelSCToken> coreOf(::TKToken* token) noexcept {
   if (![token isKindOfClass:[::MirelSCToken class]]) return nullptr;
-  return [static_cast<::MirelSCToken*>(token) core];
+  return [static_cast<::MirelSCToken*>(token) mirel_core];
 }
 
 }  // namespace mirel

@@ -27,10 +27,10 @@ struct Link;
                                certificateID:(nullable id)certificateID
                           alwaysAuthenticate:(BOOL)alwaysAuthenticate;
 
-// For the core's base object.
-- (nullable instancetype)baseInitWithCertificate:(nullable SecCertificateRef)certificate
-                                        objectID:(nonnull TKTokenObjectID)objectID;
-- (const std::shared_ptr<mirel::MirelCTKTokenKeychainKey>&)core;
-- (void)setLink:(const std::shared_ptr<mirel::Link>&)link;
+// For the core's base object. The prefix keeps them apart from what the platform's class may have of its own.
+- (nullable instancetype)mirel_baseInitWithCertificate:(nullable SecCertificateRef)certificate
+                                              objectID:(nonnull TKTokenObjectID)objectID;
+- (const std::shared_ptr<mirel::MirelCTKTokenKeychainKey>&)mirel_core;
+- (void)mirel_setLink:(const std::shared_ptr<mirel::Link>&)link;
 
 @end

@@ -17,7 +17,7 @@
                            objectID:(TKTokenObjectID)objectID
                       certificateID:(id)certificateID
                  alwaysAuthenticate:(BOOL)alwaysAuthenticate {
-  const auto core = [self core];
+  const auto core = [self mirel_core];
   (void)core->initWithCertificate(mirel::wrapped(certificate), mirel::textOfObject(objectID),
                                   mirel::textOfObject(certificateID), alwaysAuthenticate);
   auto* made = static_cast<MirelCTKTokenKeychainKey*>(core->platformObject());
@@ -25,7 +25,8 @@
   return made;
 }
 
-- (instancetype)baseInitWithCertificate:(SecCertificateRef)certificate objectID:(TKTokenObjectID)objectID {
+- (instancetype)mirel_baseInitWithCertificate:(SecCertificateRef)certificate
+                                     objectID:(TKTokenObjectID)objectID {
   const auto core = core_;
   const auto link = link_;
   self = [super initWithCertificate:certificate objectID:objectID];
@@ -36,12 +37,12 @@
   return self;
 }
 
-- (const std::shared_ptr<mirel::MirelCTKTokenKeychainKey>&)core {
+- (const std::shared_ptr<mirel::MirelCTKTokenKeychainKey>&)mirel_core {
   if (!core_) core_ = mirel::newCore<mirel::MirelCTKTokenKeychainKey>(self);
   return core_;
 }
 
-- (void)setLink:(const std::shared_ptr<mirel::Link>&)link {
+- (void)mirel_setLink:(const std::shared_ptr<mirel::Link>&)link {
   link_ = link;
 }
 
@@ -50,7 +51,7 @@
 }
 
 - (BOOL)alwaysAuthenticate {
-  return [self core]->alwaysAuthenticate();
+  return [self mirel_core]->alwaysAuthenticate();
 }
 
 @end

@@ -26,12 +26,12 @@ struct Link;
                         MirelSCTokenDriver:(nonnull MirelSCTokenDriver*)driver
                                      error:(NSError* _Nullable* _Nullable)error;
 
-// For the core's base object.
-- (nullable instancetype)baseInitWithSmartCard:(nonnull TKSmartCard*)smartCard
-                                           AID:(nullable NSData*)AID
-                                    instanceID:(nonnull NSString*)instanceID
-                                   tokenDriver:(nonnull TKSmartCardTokenDriver*)driver;
-- (const std::shared_ptr<mirel::MirelSCToken>&)core;
-- (void)setLink:(const std::shared_ptr<mirel::Link>&)link;
+// For the core's base object. The prefix keeps them apart from what the platform's class may have of its own.
+- (nullable instancetype)mirel_baseInitWithSmartCard:(nonnull TKSmartCard*)smartCard
+                                                 AID:(nullable NSData*)AID
+                                          instanceID:(nonnull NSString*)instanceID
+                                         tokenDriver:(nonnull TKSmartCardTokenDriver*)driver;
+- (const std::shared_ptr<mirel::MirelSCToken>&)mirel_core;
+- (void)mirel_setLink:(const std::shared_ptr<mirel::Link>&)link;
 
 @end

@@ -20,7 +20,7 @@
                               AID:(NSData*)AID
                MirelSCTokenDriver:(MirelSCTokenDriver*)driver
                             error:(NSError**)error {
-  const auto core = [self core];
+  const auto core = [self mirel_core];
   mirel::ErrorArgument argument{error};
   const bool made = core->initWithSmartCard(mirel::wrapped(smartCard), mirel::bytesOf(AID),
                                             mirel::wrapped(driver), argument.pointer()) != nullptr;
@@ -29,10 +29,10 @@
   return made ? token.take() : nil;
 }
 
-- (instancetype)baseInitWithSmartCard:(TKSmartCard*)smartCard
-                                  AID:(NSData*)AID
-                           instanceID:(NSString*)instanceID
-                          tokenDriver:(TKSmartCardTokenDriver*)driver {
+- (instancetype)mirel_baseInitWithSmartCard:(TKSmartCard*)smartCard
+                                        AID:(NSData*)AID
+                                 instanceID:(NSString*)instanceID
+                                tokenDriver:(TKSmartCardTokenDriver*)driver {
   const auto core = core_;
   const auto link = link_;
   self = [super initWithSmartCard:smartCard AID:AID instanceID:instanceID tokenDriver:driver];
@@ -44,26 +44,27 @@
   return self;
 }
 
-- (const std::shared_ptr<mirel::MirelSCToken>&)core {
+- (const std::shared_ptr<mirel::MirelSCToken>&)mirel_core {
   if (!core_) core_ = mirel::newCore<mirel::MirelSCToken>(self);
   return core_;
 }
 
-- (void)setLink:(const std::shared_ptr<mirel::Link>&)link {
+- (void)mirel_setLink:(const std::shared_ptr<mirel::Link>&)link {
   link_ = link;
 }
 
 - (CryptTKitSProvider*)sp {
-  return [CryptTKitSProvider boxOf:[self core]->sp()];
+  return [CryptTKitSProvider boxOf:[self mirel_core]->sp()];
 }
 
 - (void)setSp:(CryptTKitSProvider*)sp {
-  [self core]->setSp([CryptTKitSProvider providerIn:sp]);
+  [self mirel_core]->setSp([CryptTKitSProvider providerIn:sp]);
 }
 
 - (TKTokenSession*)token:(TKToken*)token createSessionWithError:(NSError**)error {
   mirel::ErrorArgument argument{error, mirel::ErrorArgument::Before::kShown};
-  return mirel::objectBehind([self core]->createSessionWithError(mirel::wrapped(token), argument.pointer()));
+  return mirel::objectBehind(
+      [self mirel_core]->createSessionWithError(mirel::wrapped(token), argument.pointer()));
 }
 
 @end

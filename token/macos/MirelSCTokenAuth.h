@@ -25,9 +25,9 @@ struct Link;
 
 - (nullable instancetype)initWithSession:(nonnull MirelSCTokenSession*)session;
 
-// For the core's base object.
-- (nullable instancetype)baseInit;
-- (const std::shared_ptr<mirel::MirelSCTokenAuth>&)core;
-- (void)setLink:(const std::shared_ptr<mirel::Link>&)link;
+// For the core's base object. The prefix keeps them apart from what the platform's class may have of its own.
+- (nullable instancetype)mirel_baseInit;
+- (const std::shared_ptr<mirel::MirelSCTokenAuth>&)mirel_core;
+- (void)mirel_setLink:(const std::shared_ptr<mirel::Link>&)link;
 
 @end

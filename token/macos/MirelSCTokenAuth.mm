@@ -17,14 +17,14 @@
 }
 
 - (instancetype)initWithSession:(MirelSCTokenSession*)session {
-  const auto core = [self core];
-  (void)core->initWithSession(session ? [session core] : nullptr);
+  const auto core = [self mirel_core];
+  (void)core->initWithSession(session ? [session mirel_core] : nullptr);
   auto* made = static_cast<MirelSCTokenAuth*>(core->platformObject());
   if (made) made->session_ = mirel::ObjCHolder<MirelSCTokenSession>::retain(session);
   return made;
 }
 
-- (instancetype)baseInit {
+- (instancetype)mirel_baseInit {
   const auto core = core_;
   const auto link = link_;
   self = [super init];
@@ -35,12 +35,12 @@
   return self;
 }
 
-- (const std::shared_ptr<mirel::MirelSCTokenAuth>&)core {
+- (const std::shared_ptr<mirel::MirelSCTokenAuth>&)mirel_core {
   if (!core_) core_ = mirel::newCore<mirel::MirelSCTokenAuth>(self);
   return core_;
 }
 
-- (void)setLink:(const std::shared_ptr<mirel::Link>&)link {
+- (void)mirel_setLink:(const std::shared_ptr<mirel::Link>&)link {
   link_ = link;
 }
 
@@ -50,7 +50,7 @@
 
 - (BOOL)finishWithError:(NSError**)error {
   mirel::ErrorArgument argument{error};
-  return [self core]->finishWithError(argument.pointer());
+  return [self mirel_core]->finishWithError(argument.pointer());
 }
 
 @end

@@ -19,7 +19,7 @@
 }
 
 /// One of its own for each call, which may come on any thread, where the platform knows another initialiser.
-- (std::shared_ptr<mirel::MirelSCTokenDriver>)core {
+- (std::shared_ptr<mirel::MirelSCTokenDriver>)mirel_core {
   return core_ ? core_ : mirel::newDriverCore();
 }
 
@@ -28,7 +28,7 @@
                              AID:(NSData*)AID
                            error:(NSError**)error {
   mirel::ErrorArgument argument{error};
-  return mirel::objectBehind([self core]->createTokenForSmartCard(
+  return mirel::objectBehind([self mirel_core]->createTokenForSmartCard(
       mirel::wrapped(self), mirel::wrapped(smartCard), mirel::bytesOf(AID), argument.pointer()));
 }
 

@@ -30,10 +30,10 @@ struct Link;
                                                    usingKey:(nonnull TKTokenObjectID)keyObjectID
                                                       error:(NSError* _Nullable* _Nullable)error;
 
-// For the core's base object.
-- (nullable instancetype)baseInitWithToken:(nonnull TKToken*)token;
-- (const std::shared_ptr<mirel::MirelSCTokenSession>&)core;
-- (void)setLink:(const std::shared_ptr<mirel::Link>&)link;
+// For the core's base object. The prefix keeps them apart from what the platform's class may have of its own.
+- (nullable instancetype)mirel_baseInitWithToken:(nonnull TKToken*)token;
+- (const std::shared_ptr<mirel::MirelSCTokenSession>&)mirel_core;
+- (void)mirel_setLink:(const std::shared_ptr<mirel::Link>&)link;
 
 @end
 

@@ -21,17 +21,17 @@ void algorithmToPrint(TKTokenKeyAlgorithm* algorithm) {
   [super dealloc];
 }
 
-// The initialiser of the base runs where the core wants it to, through baseInitWithToken:.
+// The initialiser of the base runs where the core wants it to, through mirel_baseInitWithToken:.
 #pragma clang diagnostic push
 #pragma clang diagnostic ignored "-Wobjc-designated-initializers"
 - (instancetype)initWithToken:(TKToken*)token {
-  const auto core = [self core];
+  const auto core = [self mirel_core];
   (void)core->initWithToken(mirel::coreOf(token));
   return static_cast<MirelSCTokenSession*>(core->platformObject());
 }
 #pragma clang diagnostic pop
 
-- (instancetype)baseInitWithToken:(TKToken*)token {
+- (instancetype)mirel_baseInitWithToken:(TKToken*)token {
   const auto core = core_;
   const auto link = link_;
   self = [super initWithToken:token];
@@ -43,29 +43,29 @@ void algorithmToPrint(TKTokenKeyAlgorithm* algorithm) {
   return self;
 }
 
-- (const std::shared_ptr<mirel::MirelSCTokenSession>&)core {
+- (const std::shared_ptr<mirel::MirelSCTokenSession>&)mirel_core {
   if (!core_) core_ = mirel::newCore<mirel::MirelSCTokenSession>(self);
   return core_;
 }
 
-- (void)setLink:(const std::shared_ptr<mirel::Link>&)link {
+- (void)mirel_setLink:(const std::shared_ptr<mirel::Link>&)link {
   link_ = link;
 }
 
 - (NSInteger)authState {
-  return static_cast<NSInteger>([self core]->authState());
+  return static_cast<NSInteger>([self mirel_core]->authState());
 }
 
 - (void)setAuthState:(NSInteger)authState {
-  [self core]->setAuthState(authState);
+  [self mirel_core]->setAuthState(authState);
 }
 
 - (CryptTKitSProvider*)sp {
-  return [CryptTKitSProvider boxOf:[self core]->sp()];
+  return [CryptTKitSProvider boxOf:[self mirel_core]->sp()];
 }
 
 - (void)setSp:(CryptTKitSProvider*)sp {
-  [self core]->setSp([CryptTKitSProvider providerIn:sp]);
+  [self mirel_core]->setSp([CryptTKitSProvider providerIn:sp]);
 }
 
 - (TKTokenAuthOperation*)tokenSession:(TKTokenSession*)session
@@ -73,17 +73,18 @@ void algorithmToPrint(TKTokenKeyAlgorithm* algorithm) {
                            constraint:(TKTokenOperationConstraint)constraint
                                 error:(NSError**)error {
   mirel::ErrorArgument argument{error};
-  return mirel::objectBehind(
-      [self core]->beginAuthForOperation([self core], static_cast<mirel::TKTokenOperation>(operation),
-                                         mirel::textOfObject(constraint), argument.pointer()));
+  return mirel::objectBehind([self mirel_core]->beginAuthForOperation(
+      [self mirel_core], static_cast<mirel::TKTokenOperation>(operation), mirel::textOfObject(constraint),
+      argument.pointer()));
 }
 
 - (BOOL)tokenSession:(TKTokenSession*)session
     supportsOperation:(TKTokenOperation)operation
              usingKey:(TKTokenObjectID)keyObjectID
             algorithm:(TKTokenKeyAlgorithm*)algorithm {
-  return [self core]->supportsOperation([self core], static_cast<mirel::TKTokenOperation>(operation),
-                                        mirel::textOfObject(keyObjectID), *mirel::wrapped(algorithm));
+  return
+      [self mirel_core]->supportsOperation([self mirel_core], static_cast<mirel::TKTokenOperation>(operation),
+                                           mirel::textOfObject(keyObjectID), *mirel::wrapped(algorithm));
 }
 
 - (NSData*)tokenSession:(TKTokenSession*)session
@@ -92,9 +93,9 @@ void algorithmToPrint(TKTokenKeyAlgorithm* algorithm) {
               algorithm:(TKTokenKeyAlgorithm*)algorithm
                   error:(NSError**)error {
   mirel::ErrorArgument argument{error};
-  return mirel::dataOf([self core]->signData([self core], mirel::bytesOf(dataToSign),
-                                             mirel::textOfObject(keyObjectID), *mirel::wrapped(algorithm),
-                                             argument.pointer()));
+  return mirel::dataOf([self mirel_core]->signData([self mirel_core], mirel::bytesOf(dataToSign),
+                                                   mirel::textOfObject(keyObjectID),
+                                                   *mirel::wrapped(algorithm), argument.pointer()));
 }
 
 - (NSData*)tokenSession:(TKTokenSession*)session
@@ -103,9 +104,9 @@ void algorithmToPrint(TKTokenKeyAlgorithm* algorithm) {
               algorithm:(TKTokenKeyAlgorithm*)algorithm
                   error:(NSError**)error {
   mirel::ErrorArgument argument{error};
-  return mirel::dataOf([self core]->decryptData([self core], mirel::bytesOf(ciphertext),
-                                                mirel::textOfObject(keyObjectID), *mirel::wrapped(algorithm),
-                                                argument.pointer()));
+  return mirel::dataOf([self mirel_core]->decryptData([self mirel_core], mirel::bytesOf(ciphertext),
+                                                      mirel::textOfObject(keyObjectID),
+                                                      *mirel::wrapped(algorithm), argument.pointer()));
 }
 
 - (NSData*)tokenSession:(TKTokenSession*)session
@@ -115,15 +116,15 @@ void algorithmToPrint(TKTokenKeyAlgorithm* algorithm) {
                          parameters:(TKTokenKeyExchangeParameters*)parameters
                               error:(NSError**)error {
   mirel::ErrorArgument argument{error};
-  return mirel::dataOf([self core]->performKeyExchangeWithPublicKey(
-      [self core], mirel::bytesOf(otherPartyPublicKeyData), mirel::textOfObject(keyObjectID),
+  return mirel::dataOf([self mirel_core]->performKeyExchangeWithPublicKey(
+      [self mirel_core], mirel::bytesOf(otherPartyPublicKeyData), mirel::textOfObject(keyObjectID),
       *mirel::wrapped(algorithm), mirel::wrapped(parameters), argument.pointer()));
 }
 
 - (TKTokenKeychainKey*)authenticatedKeyForObjectID:(TKTokenObjectID)keyObjectID error:(NSError**)error {
   mirel::ErrorArgument argument{error};
   return mirel::objectBehind(
-      [self core]->authenticatedKeyForObjectID(mirel::textOfObject(keyObjectID), argument.pointer()));
+      [self mirel_core]->authenticatedKeyForObjectID(mirel::textOfObject(keyObjectID), argument.pointer()));
 }
 
 - (TKTokenKeychainKey*)generalAuthenticateWithData:(NSData*)data
@@ -132,8 +133,8 @@ void algorithmToPrint(TKTokenKeyAlgorithm* algorithm) {
                                              error:(NSError**)error {
   mirel::ErrorArgument argument{error};
   return mirel::objectBehind(
-      [self core]->generalAuthenticateWithData(mirel::bytesOf(data), static_cast<std::uint8_t>(dataTag),
-                                               mirel::textOfObject(keyObjectID), argument.pointer()));
+      [self mirel_core]->generalAuthenticateWithData(mirel::bytesOf(data), static_cast<std::uint8_t>(dataTag),
+                                                     mirel::textOfObject(keyObjectID), argument.pointer()));
 }
 
 @end
