@@ -62,6 +62,9 @@
 }
 
 - (TKTokenSession*)token:(TKToken*)token createSessionWithError:(NSError**)error {
+  // Oddity: what stands behind the pointer is read and logged, and never written. A caller without automatic
+  // reference counting may have left a variable there that was never set: then this reads what is no object.
+  // Cocoa's own rule is that an error is only looked at after a failure, so such a caller does nothing wrong.
   mirel::ErrorArgument argument{error, mirel::ErrorArgument::Before::kShown};
   return mirel::objectBehind(
       [self mirel_core]->createSessionWithError(mirel::wrapped(token), argument.pointer()));
