@@ -42,6 +42,17 @@ TEST_F(ModuleExit, IsNoSuccess) {
   EXPECT_FALSE(std::filesystem::exists(path("signature")));
 }
 
+TEST_F(ModuleExit, IsNoSuccessOfACommandWithoutPin) {
+  for (const std::vector<std::string>& command :
+       {std::vector<std::string>{"readers"}, {"items", "--json"}, {"certificate", "--key", "01"}}) {
+    SCOPED_TRACE(command.front());
+    Invocation call = staged(command);
+    call.environment["MIREL_STAGED_EXIT"] = "C_GetTokenInfo";
+    expectFailure(run(call), 13, {"the card's software ended the program: it called exit"});
+    EXPECT_THAT(filesIn("tmp"), IsEmpty());
+  }
+}
+
 TEST_F(ModuleExit, LeavesTheTerminalAsItWas) {
   PseudoTerminal terminal;
   const std::string before = terminal.settings();

@@ -8,8 +8,8 @@
 ///                             length, hexadecimal, whatever they wrote.
 ///   MIREL_STAGED_TOKEN_FLAGS  hexadecimal: set in the flags of every token.
 ///   MIREL_STAGED_TOKEN_INFOS  how many calls of C_GetTokenInfo are handed on; later ones answer 30.
-///   MIREL_STAGED_EXIT         a function in kStaged: its call ends the process by exit(0).
-///   MIREL_STAGED_EXIT_FILE    once there is that file, a thread ends the process by exit(0).
+///   MIREL_STAGED_EXIT         a function in kStaged, or C_GetTokenInfo: its call ends the process by
+///   exit(0). MIREL_STAGED_EXIT_FILE    once there is that file, a thread ends the process by exit(0).
 ///   MIREL_STAGED_TRACEABLE    set: other processes of the user may look into the memory of this one again.
 ///   MIREL_STAGED_PAUSE        a function in kStaged: its call waits for the end of the process.
 ///   MIREL_STAGED_PLAIN_TEXT   what C_Decrypt answers whatever is to be decrypted, as a module does
@@ -130,6 +130,7 @@ CK_RV decrypt(CK_SESSION_HANDLE session, CK_BYTE_PTR cipher, CK_ULONG cipherLen,
 CK_RV tokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO_PTR info) {
   static unsigned long calls = 0;
   note("C_GetTokenInfo");
+  if (variable("MIREL_STAGED_EXIT") == "C_GetTokenInfo") std::exit(0);
   if (const std::string most = variable("MIREL_STAGED_TOKEN_INFOS"); !most.empty()) {
     if (calls++ >= std::stoul(most)) return CKR_DEVICE_ERROR;
   }
