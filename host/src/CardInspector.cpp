@@ -5,6 +5,8 @@
 #include <optional>
 
 #include "CallEntry.h"
+#include "CardTrouble.h"
+#include "FailureDiary.h"
 #include "host/CryptokiNames.h"
 
 namespace mirel {
@@ -19,33 +21,43 @@ constexpr CK_ULONG kModulusLimit = 639;
 constexpr CK_ULONG kSilentPointLimit = 200;  // a longer point leaves its key out, up to ...
 constexpr CK_ULONG kPointLimit = 520;        // ... this; then the card is refused
 
+constexpr const char* kPublicKeyKind = "public key";
+
 struct Attribute {
   std::optional<std::vector<CK_BYTE>> value;
   std::string trouble;  ///< why there is none, as the end of "its label ..."
   bool tooLong = false;
+  bool unread = false;  ///< the module failed
 };
 
 struct CardObject {
   UnpublishedObject about;
   std::vector<CK_BYTE> id;
+  Bytes data;  ///< of a certificate
   CK_KEY_TYPE keyType = 0;
-  bool listed = true;    ///< by the card framework
-  bool readable = true;  ///< for a certificate: as one
+  bool listed = true;      ///< by the card framework
+  bool readable = true;    ///< for a certificate: as one
+  bool keyIsKnown = true;  ///< for a certificate: to the keychain
+  bool byAbsence = false;  ///< left out because another object was not found
 };
 
 class Inspector {
  public:
   Inspector(const CK_FUNCTION_LIST& list, CK_SESSION_HANDLE session) : list_{list}, session_{session} {}
 
-  [[nodiscard]] std::vector<CK_OBJECT_HANDLE> find(CK_OBJECT_CLASS objectClass) const {
+  /// The first call that failed to find or read something; empty: none.
+  [[nodiscard]] const std::string& failedRead() const noexcept { return failedRead_; }
+
+  [[nodiscard]] std::vector<CK_OBJECT_HANDLE> find(CK_OBJECT_CLASS objectClass) {
     std::vector<CK_OBJECT_HANDLE> found;
     CK_ATTRIBUTE filter{CKA_CLASS, &objectClass, sizeof objectClass};
-    if (callEntry(list_.C_FindObjectsInit, session_, &filter, CK_ULONG{1}) != CKR_OK) return found;
+    if (failed("C_FindObjectsInit", callEntry(list_.C_FindObjectsInit, session_, &filter, CK_ULONG{1})))
+      return found;
     while (found.size() < kSearchLimit) {
       CK_OBJECT_HANDLE object = 0;
       CK_ULONG count = 0;
-      if (callEntry(list_.C_FindObjects, session_, &object, CK_ULONG{1}, &count) != CKR_OK || count != 1)
-        break;
+      const CK_RV rv = callEntry(list_.C_FindObjects, session_, &object, CK_ULONG{1}, &count);
+      if (failed("C_FindObjects", rv) || count != 1) break;
       found.push_back(object);
     }
     (void)callEntry(list_.C_FindObjectsFinal, session_);
@@ -53,10 +65,9 @@ class Inspector {
   }
 
   /// One attribute, if it has 1 to `limit` bytes.
-  [[nodiscard]] Attribute read(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type, CK_ULONG limit) const {
+  [[nodiscard]] Attribute read(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type, CK_ULONG limit) {
     CK_ATTRIBUTE entry{type, nullptr, 0};
-    if (const CK_RV rv = get(object, entry); rv != CKR_OK)
-      return {{}, "cannot be read, " + cryptokiResultText(rv)};
+    if (const CK_RV rv = get(object, entry); rv != CKR_OK) return unreadable(rv);
     const CK_ULONG length = entry.ulValueLen;
     if (length == CK_UNAVAILABLE_INFORMATION) return {{}, "is not available"};
     if (length == 0) return {{}, "is empty"};
@@ -65,36 +76,49 @@ class Inspector {
     }
     std::vector<CK_BYTE> bytes(length);
     entry.pValue = bytes.data();
-    if (const CK_RV rv = get(object, entry); rv != CKR_OK)
-      return {{}, "cannot be read, " + cryptokiResultText(rv)};
+    if (const CK_RV rv = get(object, entry); rv != CKR_OK) return unreadable(rv);
     if (entry.ulValueLen == 0 || entry.ulValueLen > length)
-      return {{}, "changes its length while it is read"};
+      return {{}, "changes its length while it is read", false, true};
     bytes.resize(entry.ulValueLen);
     return {std::move(bytes), {}};
   }
 
  private:
+  bool failed(const char* function, CK_RV rv) {
+    if (failedRead_.empty() && isFailedRead(function, rv)) failedRead_ = answerText({function, rv});
+    return rv != CKR_OK;
+  }
+  [[nodiscard]] Attribute unreadable(CK_RV rv) {
+    constexpr const char* kFunction = "C_GetAttributeValue";
+    (void)failed(kFunction, rv);
+    if (!isFailedRead(kFunction, rv)) return {{}, "cannot be read, " + cryptokiResultText(rv)};
+    return {{}, "could not be read now, " + answerText({kFunction, rv}), false, true};
+  }
   [[nodiscard]] CK_RV get(CK_OBJECT_HANDLE object, CK_ATTRIBUTE& entry) const {
     return callEntry(list_.C_GetAttributeValue, session_, object, &entry, CK_ULONG{1});
   }
 
   const CK_FUNCTION_LIST& list_;
   CK_SESSION_HANDLE session_;
+  std::string failedRead_;
 };
 
-void block(CardObject& object, const char* attribute, const std::string& trouble) {
+void block(CardObject& object, const char* what, const Attribute& attribute) {
   if (!object.about.reason.empty()) return;
-  object.about.reason = std::string{"its "} + attribute + " " + trouble;
-  object.about.blocksCard = true;
+  object.about.reason = std::string{"its "} + what + " " + attribute.trouble;
+  object.about.unread = attribute.unread;
+  object.about.blocksCard = !attribute.unread;
   object.listed = false;
 }
 
-void leaveOut(CardObject& object, std::string reason) {
-  if (object.about.reason.empty()) object.about.reason = std::move(reason);
+void leaveOut(CardObject& object, std::string reason, bool unread = false) {
+  if (!object.about.reason.empty()) return;
+  object.about.reason = std::move(reason);
+  object.about.unread = unread;
 }
 
 /// Label and ID, which every object needs.
-void readNames(const Inspector& inspector, CK_OBJECT_HANDLE handle, CK_ULONG limit, CardObject& object) {
+void readNames(Inspector& inspector, CK_OBJECT_HANDLE handle, CK_ULONG limit, CardObject& object) {
   const Attribute label = inspector.read(handle, CKA_LABEL, limit);
   const Attribute id = inspector.read(handle, CKA_ID, limit);
   if (label.value) object.about.label = Text::fromBytes(*label.value);
@@ -102,28 +126,28 @@ void readNames(const Inspector& inspector, CK_OBJECT_HANDLE handle, CK_ULONG lim
     object.about.id = Text::fromBytes(*id.value);
     object.id = *id.value;
   }
-  if (!label.value) block(object, "label", label.trouble);
-  if (!id.value) block(object, "ID", id.trouble);
+  if (!label.value) block(object, "label", label);
+  if (!id.value) block(object, "ID", id);
 }
 
 /// A modulus without a readable length leaves its key out; one that is too long, the whole card.
-void inspectModulus(const Inspector& inspector, CK_OBJECT_HANDLE handle, CardObject& key) {
+void inspectModulus(Inspector& inspector, CK_OBJECT_HANDLE handle, CardObject& key) {
   const Attribute modulus = inspector.read(handle, CKA_MODULUS, kModulusLimit);
-  if (modulus.tooLong) block(key, "modulus", modulus.trouble);
-  if (!modulus.value) leaveOut(key, "its modulus " + modulus.trouble);
+  if (modulus.tooLong) block(key, "modulus", modulus);
+  if (!modulus.value) leaveOut(key, "its modulus " + modulus.trouble, modulus.unread);
   key.listed = key.listed && modulus.value.has_value();
 }
 
 /// The same for an EC point and its parameters, whose length does not matter.
-void inspectPoint(const Inspector& inspector, CK_OBJECT_HANDLE handle, CardObject& key) {
+void inspectPoint(Inspector& inspector, CK_OBJECT_HANDLE handle, CardObject& key) {
   const Attribute parameters = inspector.read(handle, CKA_EC_PARAMS, 0);
   const Attribute point = inspector.read(handle, CKA_EC_POINT, kPointLimit);
-  if (point.tooLong) block(key, "EC point", point.trouble);
+  if (point.tooLong) block(key, "EC point", point);
   if (!parameters.tooLong) {
-    leaveOut(key, "its EC parameters " + parameters.trouble);
+    leaveOut(key, "its EC parameters " + parameters.trouble, parameters.unread);
     key.listed = false;
   }
-  if (!point.value) leaveOut(key, "its EC point " + point.trouble);
+  if (!point.value) leaveOut(key, "its EC point " + point.trouble, point.unread);
   const bool silentlyTooLong = point.value && point.value->size() > kSilentPointLimit;
   if (silentlyTooLong) {
     leaveOut(key, "its EC point has " + std::to_string(point.value->size()) + " bytes, more than " +
@@ -132,13 +156,13 @@ void inspectPoint(const Inspector& inspector, CK_OBJECT_HANDLE handle, CardObjec
   key.listed = key.listed && point.value && !silentlyTooLong;
 }
 
-CardObject inspectKey(const Inspector& inspector, CK_OBJECT_HANDLE handle) {
+CardObject inspectKey(Inspector& inspector, CK_OBJECT_HANDLE handle) {
   CardObject key;
-  key.about.kind = "public key";
+  key.about.kind = kPublicKeyKind;
   readNames(inspector, handle, kKeyAttributeLimit, key);
   const Attribute type = inspector.read(handle, CKA_KEY_TYPE, kKeyAttributeLimit);
   if (!type.value) {
-    block(key, "key type", type.trouble);
+    block(key, "key type", type);
     return key;
   }
   key.keyType = type.value->front();
@@ -147,35 +171,35 @@ CardObject inspectKey(const Inspector& inspector, CK_OBJECT_HANDLE handle) {
   return key;
 }
 
-CardObject inspectCertificate(const Inspector& inspector, CK_OBJECT_HANDLE handle,
-                              CertificateParser& parser) {
+CardObject inspectCertificate(Inspector& inspector, CK_OBJECT_HANDLE handle, CertificateParser& parser) {
   CardObject certificate;
   certificate.about.kind = "certificate";
   readNames(inspector, handle, kCertificateTextLimit, certificate);
   const Attribute data = inspector.read(handle, CKA_VALUE, kCertificateDataLimit);
   if (!data.value) {
-    block(certificate, "value", data.trouble);
+    block(certificate, "value", data);
     return certificate;
   }
-  const auto parsed = parser.createWithData(Bytes{*data.value});
+  certificate.data = Bytes{*data.value};
+  const auto parsed = parser.createWithData(certificate.data);
   if (!parsed) {
     leaveOut(certificate, "its value is not an X.509 certificate in DER");
     certificate.readable = false;
   } else if (parsed->keyType() == CertificateKeyType::kOther) {
-    leaveOut(certificate,
-             "its key is of a kind that the keychain does not know; only the certificate is published");
+    certificate.keyIsKnown = false;
   }
   return certificate;
 }
 
 }  // namespace
 
-std::vector<UnpublishedObject> inspectCard(const CK_FUNCTION_LIST& list, CK_SLOT_ID slotID,
-                                           CertificateParser& certificates) {
+Inspection inspectCard(const CK_FUNCTION_LIST& list, CK_SLOT_ID slotID, CertificateParser& certificates) {
   CK_SESSION_HANDLE session = 0;
-  if (callEntry(list.C_OpenSession, slotID, CKF_SERIAL_SESSION, nullptr, nullptr, &session) != CKR_OK)
-    return {};
-  const Inspector inspector{list, session};
+  if (const CK_RV rv = callEntry(list.C_OpenSession, slotID, CKF_SERIAL_SESSION, nullptr, nullptr, &session);
+      rv != CKR_OK) {
+    return {{}, answerText({"C_OpenSession", rv})};
+  }
+  Inspector inspector{list, session};
   std::vector<CardObject> keys;
   std::vector<CardObject> certificateObjects;
   for (const CK_OBJECT_HANDLE handle : inspector.find(CKO_PUBLIC_KEY))
@@ -194,24 +218,37 @@ std::vector<UnpublishedObject> inspectCard(const CK_FUNCTION_LIST& list, CK_SLOT
       return object.listed && object.readable && object.id == key.id;
     });
   };
+  // What is missing here may only not have been read.
+  const std::string& failed = inspector.failedRead();
+  const auto miss = [&](CardObject& object, const char* reason) {
+    object.byAbsence = object.about.reason.empty();
+    leaveOut(object, failed.empty() ? std::string{reason} : "why cannot be told now, " + failed);
+  };
   for (CardObject& certificate : certificateObjects) {
-    if (!listedIn(keys, certificate)) leaveOut(certificate, "no public key on the card has its ID");
+    if (!listedIn(keys, certificate)) {
+      miss(certificate, "no public key on the card has its ID");
+    } else if (!certificate.keyIsKnown && certificate.about.reason.empty()) {
+      certificate.about.kind = kPublicKeyKind;
+      leaveOut(certificate,
+               "it is of a kind that the keychain does not know; only its certificate is published");
+    }
   }
   for (CardObject& key : keys) {
     if (!listedIn(certificateObjects, key)) {
-      leaveOut(key, "no certificate on the card has its ID");
+      miss(key, "no certificate on the card has its ID");
     } else if (!readableFor(key)) {
-      leaveOut(key, "no certificate with its ID can be read");
+      miss(key, "no certificate with its ID can be read");
     }
   }
 
-  std::vector<UnpublishedObject> unpublished;
+  Inspection inspection{{}, failed};
   for (const auto* objects : {&keys, &certificateObjects}) {
     for (const CardObject& object : *objects) {
-      if (!object.about.reason.empty()) unpublished.push_back(object.about);
+      if (!object.about.reason.empty())
+        inspection.objects.push_back({object.about, object.data, object.byAbsence});
     }
   }
-  return unpublished;
+  return inspection;
 }
 
 }  // namespace mirel

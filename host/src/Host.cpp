@@ -1,7 +1,10 @@
 #include "host/Host.h"
 
 #include <algorithm>
+#include <functional>
 #include <iterator>
+#include <set>
+#include <utility>
 
 #include "CallEntry.h"
 #include "CardInspector.h"
@@ -15,6 +18,7 @@
 #include "bridge/P11Bridge.h"
 #include "host/CryptokiNames.h"
 #include "host/Display.h"
+#include "host/DistinctItems.h"
 #include "host/KeyClient.h"
 #include "token/MirelCTKTokenKeychainKey.h"
 #include "token/MirelSCToken.h"
@@ -85,6 +89,40 @@ std::vector<PublishedItem> publishedItems(const HostKeychainContents& contents) 
   }
   return items;
 }
+
+std::string bytesOf(const Bytes& data) { return {data.view().begin(), data.view().end()}; }
+
+/// What the items of a card show of its objects.
+class PublishedNames {
+ public:
+  explicit PublishedNames(const InsertedCard& card) {
+    for (const auto& [item, count] : distinctItems(card.items)) {
+      if (const auto* key = std::get_if<PublishedKey>(item)) {
+        keys_.emplace(key->objectID.units());
+      } else {
+        const auto& certificate = std::get<PublishedCertificate>(*item);
+        certificates_.emplace(certificate.objectID.units(), bytesOf(certificate.data));
+      }
+    }
+  }
+
+  /// `uncertain`: the second look has missed something.
+  [[nodiscard]] bool show(const InspectedObject& object, bool uncertain) const {
+    const UnpublishedObject& about = object.about;
+    // That something could not be read is told all the same.
+    if (about.unread || about.id.isNull()) return false;
+    if (about.kind == "public key") {
+      // Another key may have the same ID, and this one be left out for a reason of its own.
+      return (uncertain || object.byAbsence) && keys_.contains(about.id.units());
+    }
+    const Text name = joined({Text{u"cert_"}, about.label, Text{u"_"}, about.id});
+    return certificates_.contains({std::u16string{name.units()}, bytesOf(object.data)});
+  }
+
+ private:
+  std::set<std::u16string, std::less<>> keys_;
+  std::set<std::pair<std::u16string, std::string>> certificates_;
+};
 
 std::string describe(const UnpublishedObject& object) {
   std::string text = object.kind;
@@ -287,7 +325,25 @@ Failure Host::listingFailure(const Reader& reader, const std::optional<FailedCal
 std::vector<UnpublishedObject> Host::unpublishedObjects(const Reader& reader) {
   const CK_FUNCTION_LIST* list = bridge_->ckFunc();
   if (!list) return {};
-  return inspectCard(*list, reader.slotID, *services_.certificates);
+  std::vector<UnpublishedObject> objects;
+  for (InspectedObject& object : inspectCard(*list, reader.slotID, *services_.certificates).objects)
+    objects.push_back(std::move(object.about));
+  return objects;
+}
+
+Unpublished Host::unpublishedObjects(const InsertedCard& card) {
+  const CK_FUNCTION_LIST* list = bridge_->ckFunc();
+  if (!list) return {};
+  Inspection inspection = inspectCard(*list, card.reader.slotID, *services_.certificates);
+  const PublishedNames published{card};
+  Unpublished unpublished{{}, std::move(inspection.failedRead)};
+  for (InspectedObject& object : inspection.objects) {
+    if (published.show(object, !unpublished.failedRead.empty())) continue;
+    // The card was inserted, so what would have kept it from that is new.
+    if (std::exchange(object.about.blocksCard, false)) object.about.unread = true;
+    unpublished.objects.push_back(std::move(object.about));
+  }
+  return unpublished;
 }
 
 }  // namespace mirel

@@ -282,6 +282,26 @@ TEST_F(Insert, TellsOfACardThatIsGoneInTheMeantime) {
   EXPECT_THAT(whyNotListed(), StartsWith("C_GetTokenInfo answered CKR_TOKEN_NOT_PRESENT (0xE0)"));
 }
 
+TEST_F(Insert, DoesNotCallACardBareThatCannotBeRead) {
+  const std::pair<CK_RV, FailureKind> kRows[] = {
+      {CKR_DEVICE_ERROR, FailureKind::kCardEnumerationFailed},
+      {CKR_TOKEN_NOT_RECOGNIZED, FailureKind::kCardEnumerationFailed},
+      {CKR_DEVICE_REMOVED, FailureKind::kCardGone},
+  };
+  Card bare = emptyCard("BARE", "2");
+  bare.info.flags = CKF_RNG;
+  script.addSlot("Reader B 00", bare);
+  for (const auto& [code, kind] : kRows) {
+    SCOPED_TRACE(code);
+    script.failCallOf("C_GetTokenInfo", 0, code);
+    const Failure failure = failureOf(host.insert(Text{}));
+    EXPECT_EQ(failure.kind, kind);
+    EXPECT_THAT(failure.what, HasSubstr("\"Reader A 00\""));
+    EXPECT_THAT(failure.why, StartsWith("C_GetTokenInfo answered CKR_"));
+    EXPECT_EQ(failure.whatToDo.find("initialise"), std::string::npos);
+  }
+}
+
 TEST_F(Insert, ExplainsEveryFailure) {
   forEachFailingCall(script, CKR_DEVICE_ERROR, [&](FailPoint& point) {
     setCertificate({});

@@ -95,6 +95,13 @@ struct UnpublishedObject {
   Text id;           ///< null when it cannot be read
   std::string reason;
   bool blocksCard = false;  ///< because of it nothing at all is published
+  bool unread = false;      ///< it could not be read now: whether it is published is not known from this
+};
+
+/// What a second look at a card has found.
+struct Unpublished {
+  std::vector<UnpublishedObject> objects;
+  std::string failedRead;  ///< the call for which objects or reasons may be missing; empty: none failed
 };
 
 /// Plays the operating system's part: finds the readers, hands the token driver a card and keeps what
@@ -129,6 +136,10 @@ class Host {
   /// and says why. Empty when there are none, or the card cannot be read. Only after `readers` or
   /// `insert` has found the reader.
   [[nodiscard]] std::vector<UnpublishedObject> unpublishedObjects(const Reader& reader);
+
+  /// The same for a card that was inserted: never what its items show, and no reason for which it could not
+  /// have been inserted.
+  [[nodiscard]] Unpublished unpublishedObjects(const InsertedCard& card);
 
  private:
   [[nodiscard]] Outcome<Reader> chooseReader(const Text& readerName);

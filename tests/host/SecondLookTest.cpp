@@ -1,0 +1,109 @@
+#include <set>
+
+#include "host/HostTest.h"
+
+namespace mirel::test {
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::StartsWith;
+
+using Names = std::set<std::pair<std::string, std::string>>;
+
+/// A card with a published pair ("MyKey") and objects of every kind that are not published.
+class SecondLook : public HostTest {
+ protected:
+  void TearDown() override {
+    leavesOpen(script.openSessions());
+    HostTest::TearDown();
+  }
+
+  void makeCard() {
+    setCertificate({});
+    addKeyAndCertificate(bytesOf("02"), bytesOf("Second"), {});
+    script.addObject(certificate(bytesOf("03"), bytesOf("Without key"), testCertificate({})));
+    script.addObject(ecPublicKey(bytesOf("04"), bytesOf("Without certificate"), p256Params(), p256Point(1)));
+    script.addObject(ecPublicKey(bytesOf("05"), bytesOf("Broken"), p256Params(), p256Point(2)));
+    script.addObject(certificate(bytesOf("05"), bytesOf("Broken"), patternValue(300, 1)));
+  }
+
+  /// Kind and label of what is said not to be published.
+  [[nodiscard]] static Names namesOf(const Unpublished& unpublished) {
+    Names names;
+    for (const UnpublishedObject& object : unpublished.objects) {
+      if (!object.unread) names.emplace(object.kind, object.label.toUtf8());
+    }
+    return names;
+  }
+
+  const Names kLeftOut{{"certificate", "Without key"},
+                       {"public key", "Without certificate"},
+                       {"public key", "Broken"},
+                       {"certificate", "Broken"}};
+};
+
+TEST_F(SecondLook, TellsWhatIsNotPublished) {
+  makeCard();
+  const Unpublished unpublished = host.unpublishedObjects(inserted());
+  EXPECT_EQ(namesOf(unpublished), kLeftOut);
+  EXPECT_THAT(unpublished.failedRead, IsEmpty());
+}
+
+TEST_F(SecondLook, NeverSaysOfAPublishedObjectThatItIsNotWhateverCallFails) {
+  for (const CK_RV code : {CKR_DEVICE_ERROR, CKR_DEVICE_REMOVED}) {
+    forEachFailingCall(script, code, [&](FailPoint& point) {
+      script.setInitialised(true);
+      makeCard();
+      const InsertedCard card = inserted();
+      point.arm();
+      const Unpublished unpublished = host.unpublishedObjects(card);
+      for (const auto& name : namesOf(unpublished)) {
+        EXPECT_TRUE(kLeftOut.contains(name)) << name.first << " " << name.second;
+      }
+      for (const UnpublishedObject& object : unpublished.objects) {
+        if (object.unread) {
+          EXPECT_THAT(object.reason, HasSubstr("could not be read now, C_GetAttributeValue"));
+        }
+        EXPECT_FALSE(object.blocksCard);
+      }
+      if (!point.fired()) {
+        EXPECT_EQ(namesOf(unpublished), kLeftOut);
+      }
+      const bool closeFailed = script.calls().back().function == "C_CloseSession" ||
+                               script.calls().back().function == "C_FindObjectsFinal";
+      if (point.fired() && point.times() == Times::kOnce && unpublished.failedRead.empty()) {
+        EXPECT_TRUE(closeFailed);
+      }
+    });
+  }
+}
+
+TEST_F(SecondLook, TellsTheCallThatFailed) {
+  const InsertedCard card = inserted();
+  script.failCallOf("C_OpenSession", 0, CKR_SESSION_COUNT);
+  const Unpublished unpublished = host.unpublishedObjects(card);
+  EXPECT_THAT(unpublished.objects, IsEmpty());
+  EXPECT_THAT(unpublished.failedRead, StartsWith("C_OpenSession answered CKR_SESSION_COUNT"));
+}
+
+TEST_F(SecondLook, GivesNoReasonThatMayBeWrong) {
+  makeCard();
+  const InsertedCard card = inserted();
+  script.failCallOf("C_FindObjects", 0, CKR_DEVICE_ERROR);  // no key is found
+  for (const UnpublishedObject& object : host.unpublishedObjects(card).objects) {
+    if (object.label == Text{u"Without key"}) {
+      EXPECT_THAT(object.reason, HasSubstr("why cannot be told now, C_FindObjects answered"));
+    }
+  }
+}
+
+TEST_F(SecondLook, DoesNotBlameTheCardWhenTheListingFailsForAnotherReason) {
+  script.failCallOf("C_GetAttributeValue", 0, CKR_DEVICE_ERROR, Times::kFromThenOn);
+  const Failure failure = failureOf(host.insert(Text{}));
+  EXPECT_THAT(failure.why, StartsWith("C_GetAttributeValue answered CKR_DEVICE_ERROR (0x30)"));
+  EXPECT_THAT(failure.whatToDo, ::testing::Not(HasSubstr("issuer")));
+}
+
+}  // namespace
+}  // namespace mirel::test
