@@ -1,10 +1,15 @@
+#include <algorithm>
 #include <nlohmann/json.hpp>
+#include <string>
+#include <string_view>
+#include <vector>
 
 #include "Commands.h"
 #include "Files.h"
 #include "KeyJob.h"
 #include "Output.h"
 #include "platform/Log.h"
+#include "platform/Memory.h"
 
 namespace mirel::cli {
 namespace {
@@ -13,11 +18,15 @@ using Json = nlohmann::ordered_json;
 
 constexpr mode_t kPlainTextMode = 0600;
 
-/// True for text that a terminal shows as it is.
+/// True for text that a terminal shows as it is. Like all that follows it leaves no copy of the plain text.
 bool isPrintableText(const Bytes& bytes) {
-  std::string text{bytes.view().begin(), bytes.view().end()};
-  std::erase_if(text, [](char c) { return c == '\n' || c == '\t'; });
-  return printableLine(text) == text;
+  std::string_view rest{reinterpret_cast<const char*>(bytes.view().data()), bytes.size()};
+  while (!rest.empty()) {
+    const std::string_view piece = rest.substr(0, rest.find_first_of("\n\t"));
+    if (!isPrintableLine(piece)) return false;
+    rest.remove_prefix(std::min(piece.size() + 1, rest.size()));
+  }
+  return true;
 }
 
 bool isOaep(SecKeyAlgorithm algorithm) noexcept {
@@ -31,16 +40,24 @@ bool isOaep(SecKeyAlgorithm algorithm) noexcept {
   }
 }
 
-}  // namespace
-
-ExitCode runDecrypt(Host& host, const Options& options) {
-  // Some modules answer a wrong padding with random bytes, so afterwards nobody could tell that it failed.
-  if (const auto named = secKeyAlgorithmNamed(options.algorithm.value_or("")); named && isOaep(*named)) {
-    return report({FailureKind::kNotSupported,
-                   std::string{nameOf(*named)} + " never decrypts with these cards",
-                   "whatever the algorithm, the token takes off the padding of PKCS #1 v1.5",
-                   "have the data encrypted by PKCS #1 v1.5: RSAEncryptionPKCS1"});
+/// `json` with the bytes in hexadecimal digits as its last member. The library for JSON would keep copies.
+Bytes withPlainText(Json json, const Bytes& plain) {
+  constexpr std::string_view kDigits = "0123456789ABCDEF";
+  json["plainTextHex"] = "";
+  const std::string text = jsonLines(json);
+  const auto end = text.begin() + static_cast<std::ptrdiff_t>(text.rfind('"'));
+  std::vector<std::uint8_t> all;
+  all.reserve(text.size() + 2 * plain.size());  // so that it never moves
+  all.insert(all.end(), text.begin(), end);
+  for (const std::uint8_t byte : plain.view()) {
+    all.push_back(static_cast<std::uint8_t>(kDigits[byte >> 4U]));
+    all.push_back(static_cast<std::uint8_t>(kDigits[byte & 0xFU]));
   }
+  all.insert(all.end(), end, text.end());
+  return Bytes::secret(Bytes{std::move(all)});
+}
+
+ExitCode decryptAndWrite(Host& host, const Options& options) {
   const auto started = startDataJob(host, options, SecKeyAlgorithm::kSecKeyAlgorithmRSAEncryptionPKCS1);
   if (const auto* failure = std::get_if<Failure>(&started)) return report(*failure);
   const auto& [algorithm, input, job, chosen] = std::get<DataJob>(started);
@@ -57,8 +74,27 @@ ExitCode runDecrypt(Host& host, const Options& options) {
   }
   if (!options.json) return ExitCode::kSuccess;
   Json json{{"key", chosen.key.objectID.toUtf8()}, {"algorithm", nameOf(algorithm)}, {"size", plain.size()}};
-  if (!options.out) json["plainTextHex"] = hexOf(plain);
+  if (!options.out) {
+    const auto trouble =
+        writeFile(std::nullopt, withPlainText(std::move(json), plain).view(), kPlainTextMode);
+    return trouble ? report(*trouble) : ExitCode::kSuccess;
+  }
   return writeOutput(jsonLines(json)) ? ExitCode::kSuccess : ExitCode::kFileTrouble;
+}
+
+}  // namespace
+
+ExitCode runDecrypt(Host& host, const Options& options) {
+  // Some modules answer a wrong padding with random bytes, so afterwards nobody could tell that it failed.
+  if (const auto named = secKeyAlgorithmNamed(options.algorithm.value_or("")); named && isOaep(*named)) {
+    return report({FailureKind::kNotSupported,
+                   std::string{nameOf(*named)} + " never decrypts with these cards",
+                   "whatever the algorithm, the token takes off the padding of PKCS #1 v1.5",
+                   "have the data encrypted by PKCS #1 v1.5: RSAEncryptionPKCS1"});
+  }
+  const ExitCode code = decryptAndWrite(host, options);
+  wipeStackLeftBehind();
+  return code;
 }
 
 }  // namespace mirel::cli

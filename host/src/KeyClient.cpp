@@ -283,30 +283,29 @@ Outcome<Bytes> KeyClient::decrypt(const PublishedKey& key, SecKeyAlgorithm algor
     return session_->decryptData(session_, Bytes{cipher}, key.objectID, HostKeyAlgorithm{form}, outError);
   });
   if (std::holds_alternative<Failure>(result)) return result;
+  Bytes plain = Bytes::secret(std::get<Bytes>(result));
   if (const std::string trouble = cardTrouble("C_Decrypt"); !trouble.empty()) {
     return refusal(
         "the card gave no plain text", trouble,
         "check that the data were encrypted for this key, with PKCS #1 v1.5 padding: the card layer "
         "knows no other");
   }
-  if (const std::string trouble = plainTextTrouble(form, key, cipher, std::get<Bytes>(result));
-      !trouble.empty()) {
+  if (const std::string trouble = plainTextTrouble(form, key, cipher, plain); !trouble.empty()) {
     return Failure{FailureKind::kCardRefuses, "the card gave no plain text", trouble,
                    "ask the maker of the module"};
   }
-  ByteVector plain{std::get<Bytes>(result).view().begin(), std::get<Bytes>(result).view().end()};
   for (const AdaptationStep& step : stepsBetween(algorithm, form)) {
-    const auto next = step.kind == AdaptationKind::kUnpadPKCS1 ? unpaddedAfterDecrypting(plain)
-                                                               : decodedFromOaep(step.hash, plain);
+    auto next = step.kind == AdaptationKind::kUnpadPKCS1 ? unpaddedAfterDecrypting(plain.view())
+                                                         : decodedFromOaep(step.hash, plain.view());
     if (!next) {
       return Failure{FailureKind::kCardRefuses, "the card gave no plain text for " + named(algorithm),
                      "what it gave for " + named(form) +
                          " is not a whole block: the card layer removes PKCS #1 v1.5 padding itself",
                      "encrypt with PKCS #1 v1.5 padding (kSecKeyAlgorithmRSAEncryptionPKCS1)"};
     }
-    plain = *next;
+    plain = Bytes::secret(Bytes{std::move(*next)});
   }
-  return Bytes{std::move(plain)};
+  return plain.isNull() ? Bytes{ByteVector{}} : plain;
 }
 
 Outcome<KeyExchange> KeyClient::exchange(const PublishedKey& key, SecKeyAlgorithm algorithm,

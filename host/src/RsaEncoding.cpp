@@ -5,6 +5,7 @@
 #include <stdexcept>
 
 #include "platform/Random.h"
+#include "platform/Text.h"
 
 namespace mirel {
 namespace {
@@ -117,13 +118,15 @@ std::optional<ByteVector> unpaddedAfterDecrypting(std::span<const std::uint8_t> 
   return ByteVector{end + 1, block.end()};
 }
 
-std::optional<ByteVector> decodedFromOaep(Hash hash, std::span<const std::uint8_t> block) {
+std::optional<ByteVector> decodedFromOaep(Hash hash, std::span<const std::uint8_t> encoded) {
   const std::size_t hashSize = factsOf(hash).size;
-  if (block.size() < 2 * hashSize + 2 || block[0] != 0x00) return std::nullopt;
-  const auto maskedSeed = block.subspan(1, hashSize);
-  const auto maskedData = block.subspan(1 + hashSize);
-  const ByteVector seed = maskedWith(maskedSeed, mgf1(hash, maskedData, hashSize));
-  const ByteVector data = maskedWith(maskedData, mgf1(hash, seed, maskedData.size()));
+  if (encoded.size() < 2 * hashSize + 2 || encoded[0] != 0x00) return std::nullopt;
+  const auto maskedSeed = encoded.subspan(1, hashSize);
+  const auto maskedData = encoded.subspan(1 + hashSize);
+  const Bytes seed = Bytes::secret(Bytes{maskedWith(maskedSeed, mgf1(hash, maskedData, hashSize))});
+  const Bytes block =
+      Bytes::secret(Bytes{maskedWith(maskedData, mgf1(hash, seed.view(), maskedData.size()))});
+  const std::span data = block.view();
   const ByteVector labelHash = digestOf(hash, {});
   if (!std::equal(labelHash.begin(), labelHash.end(), data.begin())) return std::nullopt;
   const auto mark = std::find_if(data.begin() + static_cast<std::ptrdiff_t>(hashSize), data.end(),

@@ -22,11 +22,13 @@ namespace mirel {
 [[nodiscard]] std::optional<ByteVector> encodedForPss(Hash hash, std::span<const std::uint8_t> digest,
                                                       std::size_t modulusBits);
 
+/// The caller wipes the block and the message; nothing else of them is left in memory.
+///
 /// The message in a block of EME-PKCS1-v1_5 (section 7.2.2, step 3); nothing when it is none.
 [[nodiscard]] std::optional<ByteVector> unpaddedAfterDecrypting(std::span<const std::uint8_t> block);
 
 /// The message in a block of EME-OAEP with MGF1 of the same hash and no label (section 7.1.2, step 3);
 /// nothing when it is none.
-[[nodiscard]] std::optional<ByteVector> decodedFromOaep(Hash hash, std::span<const std::uint8_t> block);
+[[nodiscard]] std::optional<ByteVector> decodedFromOaep(Hash hash, std::span<const std::uint8_t> encoded);
 
 }  // namespace mirel

@@ -71,6 +71,15 @@ std::string printableLine(std::string_view line) {
   return out;
 }
 
+bool isPrintableLine(std::string_view line) {
+  while (!line.empty()) {
+    const std::string_view character = characterAtFront(line);
+    if (!isPrintable(character)) return false;
+    line.remove_prefix(character.size());
+  }
+  return true;
+}
+
 std::string upperHex(std::uint64_t number) {
   constexpr std::string_view kDigits = "0123456789ABCDEF";
   std::string digits;

@@ -24,6 +24,11 @@ void wipe(void* data, std::size_t size) noexcept {
   for (std::size_t i = 0; i < size; ++i) byte[i] = 0;
 }
 
+void wipeStackLeftBehind() noexcept {
+  unsigned char room[65536];
+  wipe(room, sizeof room);
+}
+
 std::shared_ptr<Memory> systemMemory() { return std::make_shared<HeapMemory>(); }
 
 }  // namespace mirel

@@ -102,7 +102,7 @@ TEST_F(Decryption, OfAWrongPaddingFailsWithAModuleThatTellsIt) {
 TEST_F(Decryption, OfAWrongPaddingGivesTheBytesOfAModuleThatHidesIt) {
   makeKey("rsa2048");
   Invocation call = staged({"decrypt", "--key", "01", "--pin-file", write("pin", kPin)});
-  call.environment["MIREL_STAGED_PLAIN_TEXT"] = "random bytes";
+  call.environment["MIREL_STAGED_PLAIN"] = write("random", "random bytes");
   call.input = encrypted("rsa2048", "none", wrongBlock());
   const Result result = run(call);
   expectSuccess(result);

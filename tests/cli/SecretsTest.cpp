@@ -219,5 +219,72 @@ TEST_F(Pins, AreInMemoryWhileTheyAreTyped) {
   EXPECT_TRUE(isIn(memoryOf(child.pid()), kWrongPin));
 }
 
+// ---- Plain texts ----
+
+/// Such that no two parts of it are alike, and that nothing else looks like.
+std::string markedPlainText() {
+  std::string text;
+  for (int i = 0; text.size() < 200; ++i) text += "Plain~" + std::to_string(1000 + 37 * i) + "#";
+  return text;
+}
+
+class PlainTexts : public KeyTest {
+ protected:
+  void SetUp() override {
+    KeyTest::SetUp();
+    if (IsSkipped()) return;
+    makeCard({{"rsa2048", "02", "Encryption", "keyEncipherment", "decrypt"}});
+    (void)write("cipher", encrypted("rsa2048", "pkcs1", "what the module does not look at"));
+    (void)write("plain", plain);
+  }
+
+  /// `decrypt` on a module that leaves no copy of the plain text, and waits at its end.
+  [[nodiscard]] Invocation decrypting(std::vector<std::string> arguments) const {
+    arguments.insert(arguments.begin(), {"decrypt", "--key", "02", "--in", path("cipher")});
+    arguments.insert(arguments.end(), {"--pin-file", write("pin", kPin)});
+    Invocation call = staged(std::move(arguments));
+    call.environment["MIREL_STAGED_PLAIN"] = path("plain").string();
+    call.environment["MIREL_STAGED_PAUSE"] = "exit";
+    return call;
+  }
+
+  const std::string plain = markedPlainText();
+};
+
+TEST_F(PlainTexts, AreWipedWhenTheyAreWritten) {
+  const std::pair<const char*, std::vector<std::string>> kRows[] = {
+      {"to a file", {"--out", path("out")}},
+      {"to standard output", {}},
+      {"as JSON", {"--json"}},
+      {"to a file, with JSON", {"--json", "--out", path("out")}},
+  };
+  for (const auto& [name, arguments] : kRows) {
+    SCOPED_TRACE(name);
+    std::filesystem::remove(path("calls"));
+    const RunningChild child{decrypting(arguments)};
+    ASSERT_TRUE(waitForStagedCallOf("exit"));
+    const std::vector<std::string> memory = memoryOf(child.pid());
+    ASSERT_TRUE(isIn(memory, "MIREL_STAGED_PAUSE=")) << "the search finds nothing";
+    // What was freed may have lost its beginning.
+    for (const std::size_t at : {std::size_t{0}, std::size_t{40}, plain.size() - 24}) {
+      const std::string part = plain.substr(at, 24);
+      EXPECT_FALSE(isIn(memory, part)) << at;
+      EXPECT_FALSE(isIn(memory, hexOfBytes(part))) << at;
+      EXPECT_FALSE(isIn(memory, inUtf16(part))) << at;
+    }
+  }
+  EXPECT_EQ(read("out"), plain);
+}
+
+TEST_F(PlainTexts, AreWipedWhenATerminalHasShownThem) {
+  Invocation call = decrypting({});
+  call.output = Output::kTerminal;
+  const RunningChild child{call};
+  ASSERT_TRUE(waitForStagedCallOf("exit"));
+  const std::vector<std::string> memory = memoryOf(child.pid());
+  for (const std::size_t at : {std::size_t{0}, std::size_t{40}, plain.size() - 24})
+    EXPECT_FALSE(isIn(memory, plain.substr(at, 24))) << at;
+}
+
 }  // namespace
 }  // namespace mirel::test

@@ -9,11 +9,13 @@
 ///   MIREL_STAGED_TOKEN_FLAGS  hexadecimal: set in the flags of every token.
 ///   MIREL_STAGED_TOKEN_INFOS  how many calls of C_GetTokenInfo are handed on; later ones answer 30.
 ///   MIREL_STAGED_EXIT         a function in kStaged, or C_GetTokenInfo: its call ends the process by
-///   exit(0). MIREL_STAGED_EXIT_FILE    once there is that file, a thread ends the process by exit(0).
+///                             exit(0).
+///   MIREL_STAGED_EXIT_FILE    once there is that file, a thread ends the process by exit(0).
 ///   MIREL_STAGED_TRACEABLE    set: other processes of the user may look into the memory of this one again.
-///   MIREL_STAGED_PAUSE        a function in kStaged: its call waits for the end of the process.
-///   MIREL_STAGED_PLAIN_TEXT   what C_Decrypt answers whatever is to be decrypted, as a module does
-///                             that hides a wrong padding.
+///   MIREL_STAGED_PLAIN        a file: what C_Decrypt decrypts every cipher text to, without a copy of it, as
+///                             a module does that hides a wrong padding.
+///   MIREL_STAGED_PAUSE        a function in kStaged: its call waits for the end of the process; "exit": the
+///                             process waits when it has done its work and ends.
 ///   MIREL_STAGED_SWAP         a function in kStaged: from its first call on every token has another serial
 ///                             number.
 ///   MIREL_STAGED_CALLS        a file that gets the name of every call of a function in kStaged, in a line of
@@ -116,16 +118,34 @@ struct Staged<Entry, Name> {
   }
 };
 
-CK_RV decrypt(CK_SESSION_HANDLE session, CK_BYTE_PTR cipher, CK_ULONG cipherLen, CK_BYTE_PTR plain,
-              CK_ULONG_PTR plainLen) {
-  const std::string answer = variable("MIREL_STAGED_PLAIN_TEXT");
-  if (answer.empty())
-    return Staged<&CK_FUNCTION_LIST::C_Decrypt, 4>::call(session, cipher, cipherLen, plain, plainLen);
-  note("C_Decrypt");
-  if (*plainLen < answer.size()) return CKR_BUFFER_TOO_SMALL;
-  *plainLen = answer.copy(reinterpret_cast<char*>(plain), answer.size());
+CK_RV plainFromFile(CK_BYTE_PTR out, CK_ULONG_PTR outLen) {
+  const int file = open(variable("MIREL_STAGED_PLAIN").c_str(), O_RDONLY | O_CLOEXEC);
+  const ssize_t count = read(file, out, *outLen);
+  (void)close(file);
+  if (count < 0) return CKR_FUNCTION_FAILED;
+  *outLen = static_cast<CK_ULONG>(count);
   return CKR_OK;
 }
+
+CK_RV decrypt(CK_SESSION_HANDLE session, CK_BYTE_PTR cipher, CK_ULONG cipherLen, CK_BYTE_PTR out,
+              CK_ULONG_PTR outLen) {
+  if (variable("MIREL_STAGED_PLAIN").empty())
+    return Staged<&CK_FUNCTION_LIST::C_Decrypt, 4>::call(session, cipher, cipherLen, out, outLen);
+  note(kStaged[4]);
+  return plainFromFile(out, outLen);
+}
+
+/// The last thing of this library that lives.
+struct End {
+  End() = default;
+  End(const End&) = delete;
+  End& operator=(const End&) = delete;
+  ~End() {
+    if (variable("MIREL_STAGED_PAUSE") != "exit") return;
+    note("exit");
+    while (true) (void)pause();
+  }
+} end;
 
 CK_RV tokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO_PTR info) {
   static unsigned long calls = 0;

@@ -322,5 +322,19 @@ TEST(IsValidUtf8, IsFalseForAllOthers) {
   }
 }
 
+TEST(SecretBytesString, IsTheSameUntilItsLastCopyEndsAndThenWiped) {
+  const Bytes original{std::vector<std::uint8_t>{1, 2, 3}};
+  {
+    Bytes secret = Bytes::secret(original);
+    const Bytes copy = secret;
+    secret = Bytes{};
+    EXPECT_EQ(copy, original);
+    EXPECT_EQ(original.view().front(), 1);
+  }
+  EXPECT_EQ(original, (Bytes{std::vector<std::uint8_t>{0, 0, 0}}));
+}
+
+TEST(SecretBytesString, IsNullOfNull) { EXPECT_TRUE(Bytes::secret(Bytes{}).isNull()); }
+
 }  // namespace
 }  // namespace mirel

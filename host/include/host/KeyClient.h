@@ -64,7 +64,7 @@ class KeyClient {
   [[nodiscard]] Outcome<Signature> sign(const PublishedKey& key, SecKeyAlgorithm algorithm,
                                         InputSource& input, PinSource& pins);
 
-  /// Decrypts; the plain text may be empty.
+  /// Decrypts; the plain text may be empty. It is wiped when the last copy of the answer ends.
   [[nodiscard]] Outcome<Bytes> decrypt(const PublishedKey& key, SecKeyAlgorithm algorithm, InputSource& input,
                                        PinSource& pins);
 

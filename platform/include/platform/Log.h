@@ -36,6 +36,9 @@ class Log {
 /// `line` with each control character, and each byte that is not valid UTF-8, written as \xNN.
 [[nodiscard]] std::string printableLine(std::string_view line);
 
+/// True when `printableLine` leaves `line` as it is. Makes no copy of it.
+[[nodiscard]] bool isPrintableLine(std::string_view line);
+
 /// What "%lX" prints of a number.
 [[nodiscard]] std::string upperHex(std::uint64_t number);
 

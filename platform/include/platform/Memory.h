@@ -31,6 +31,10 @@ class Memory {
 /// is 0.
 void wipe(void* data, std::size_t size) noexcept;
 
+/// Overwrites what calls that have returned left on the stack, 64 KiB below the caller: the dynamic loader
+/// saves registers there, with what was copied last.
+void wipeStackLeftBehind() noexcept;
+
 /// Sole owner of one block of a Memory, which must outlive it.
 class MemoryBlock {
  public:

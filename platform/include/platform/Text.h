@@ -79,6 +79,10 @@ class Bytes {
   explicit Bytes(std::vector<std::uint8_t> bytes)
       : bytes_{std::make_shared<const std::vector<std::uint8_t>>(std::move(bytes))} {}
 
+  /// The same byte string, which is wiped when the last copy of what is returned ends. Copies of `bytes`
+  /// itself stay as they are until then, and are zeros from then on.
+  [[nodiscard]] static Bytes secret(const Bytes& bytes);
+
   [[nodiscard]] bool isNull() const noexcept { return !bytes_; }
   [[nodiscard]] std::size_t size() const noexcept { return bytes_ ? bytes_->size() : 0; }
 
