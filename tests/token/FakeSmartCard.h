@@ -6,6 +6,7 @@
 #include <optional>
 #include <utility>
 
+#include "platform/AtomicProperty.h"
 #include "platform/TokenKit.h"
 
 namespace mirel::test {
@@ -19,10 +20,10 @@ class FakeSmartCard final : public TKSmartCard {
   [[nodiscard]] std::uint8_t cla() const noexcept override { return classByte; }
   [[nodiscard]] bool sensitive() const noexcept override { return sensitive_; }
   void setSensitive(bool value) noexcept override { sensitive_ = value; }
-  [[nodiscard]] std::optional<bool> context() const noexcept override { return context_; }
+  [[nodiscard]] std::optional<bool> context() const noexcept override { return context_.get(); }
   void setContext(std::optional<bool> value) noexcept override {
     whenContextIsSet();
-    context_ = value;
+    context_.set(value);
   }
 
   std::uint8_t classByte = 0;
@@ -41,7 +42,7 @@ class FakeSmartCard final : public TKSmartCard {
 
   std::shared_ptr<TKSmartCardSlot> slot_;
   std::atomic<bool> sensitive_{false};
-  std::atomic<std::optional<bool>> context_;
+  AtomicProperty<std::optional<bool>> context_;
 };
 
 }  // namespace mirel::test

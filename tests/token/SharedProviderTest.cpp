@@ -312,7 +312,7 @@ class LookingParser final : public CertificateParser {
   const std::shared_ptr<CertificateParser> real_ = systemCertificateParser();
 };
 
-TEST_F(SharedProvider, IsFreeWhenAnInsertionCallsThePlatform) {
+TEST_F(SharedProvider, LeavesItsGateWhileAnInsertionCallsThePlatform) {
   std::vector<bool> wasFree;
   std::shared_ptr<MirelSCToken> inserted;
   const auto look = [&] { wasFree.push_back(isFree(*inserted->sp())); };
@@ -326,7 +326,7 @@ TEST_F(SharedProvider, IsFreeWhenAnInsertionCallsThePlatform) {
   EXPECT_THAT(wasFree, Each(true));
 }
 
-TEST_F(SharedProvider, IsFreeWhenALoginMarksTheCard) {
+TEST_F(SharedProvider, LeavesItsGateBeforeALoginMarksTheCard) {
   std::vector<bool> wasFree;
   const auto card = std::dynamic_pointer_cast<FakeSmartCard>(first->smartCard());
   ASSERT_TRUE(card);

@@ -14,8 +14,9 @@ class CryptokiObserver {
   CryptokiObserver& operator=(const CryptokiObserver&) = delete;
   virtual ~CryptokiObserver() = default;
 
-  /// Just before and just after a call of the module's `function` ("C_Login"). An entry that the
-  /// module lacks is reported as well, with CKR_FUNCTION_NOT_SUPPORTED (0x54).
+  /// Before and after a call of the module's `function` ("C_Login"), with the wait for the calls of other
+  /// threads in between. Bridges that are used in several threads tell it from all of them, also at once. An
+  /// entry that the module lacks is reported as well, with CKR_FUNCTION_NOT_SUPPORTED (0x54).
   virtual void callStarts(const char* function) noexcept = 0;
   virtual void callReturned(const char* function, std::uint64_t result) noexcept = 0;
 

@@ -20,6 +20,9 @@ class MirelSCToken;
 ///
 /// Every use of a key needs a user who has entered the PIN in this session, on the connection to the card
 /// that is there now. Nothing throws.
+///
+/// Sessions of one token, and one session in several threads, may be used at once: what reaches the provider
+/// waits for the provider's gate. `supportsOperation` and the key exchange do not reach it and never wait.
 class MirelSCTokenSession final : public TKSmartCardTokenSession,
                                   public TKTokenSessionDelegate,
                                   public std::enable_shared_from_this<MirelSCTokenSession> {
