@@ -111,6 +111,7 @@ TEST(PrintableLine, LeavesPrintableCharactersAlone) {
   for (const std::string_view row : rows) {
     SCOPED_TRACE(row);
     EXPECT_EQ(printableLine(row), row);
+    EXPECT_TRUE(isPrintableLine(row));
   }
 }
 
@@ -121,6 +122,7 @@ TEST(PrintableLine, EscapesEveryAsciiControlCharacter) {
     SCOPED_TRACE(c);
     const std::string expected = std::string{"a\\x"} + kDigits[c / 16] + kDigits[c % 16] + "b";
     EXPECT_EQ(printableLine(std::string{'a', static_cast<char>(c), 'b'}), expected);
+    EXPECT_FALSE(isPrintableLine(std::string{'a', static_cast<char>(c), 'b'}));
   }
 }
 
@@ -165,6 +167,7 @@ TEST(PrintableLine, EscapesWhatIsNotPrintable) {
   for (const auto& row : rows) {
     SCOPED_TRACE(row.description);
     EXPECT_EQ(printableLine(row.line), row.expected);
+    EXPECT_FALSE(isPrintableLine(row.line));
   }
 }
 
