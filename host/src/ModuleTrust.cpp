@@ -1,6 +1,5 @@
 #include "ModuleTrust.h"
 
-#include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -9,6 +8,7 @@
 #include <deque>
 #include <filesystem>
 #include <optional>
+#include <string_view>
 #include <system_error>
 
 #include "platform/Log.h"
@@ -31,13 +31,21 @@ std::string octal(mode_t mode) {
   return digits.data();
 }
 
+bool isHarmlessGroup(gid_t id) {
+  const group* entry = getgrgid(id);
+  const passwd* user = getpwuid(geteuid());
+  return entry && user && isHarmless(*entry, *user);
+}
+
 /// How somebody else may change what is there; empty when nobody may.
 std::string troubleOf(const fs::path& path, const struct stat& status) {
   const bool isFolder = S_ISDIR(status.st_mode);
   const bool isLink = S_ISLNK(status.st_mode);
   const bool ownedByOther = status.st_uid != geteuid() && status.st_uid != 0;
   const bool keepsOwners = isFolder && (status.st_mode & S_ISVTX) != 0;
-  const bool writable = !isLink && !keepsOwners && (status.st_mode & (S_IWGRP | S_IWOTH)) != 0;
+  const bool writable = !isLink && !keepsOwners &&
+                        ((status.st_mode & S_IWOTH) != 0 ||
+                         ((status.st_mode & S_IWGRP) != 0 && !isHarmlessGroup(status.st_gid)));
   if (!ownedByOther && !writable) return {};
   const std::string kind = isFolder ? "the folder " : isLink ? "the link " : "the file ";
   return "somebody else may change " + kind + printableLine(path.string()) + ", which belongs to " +
@@ -124,6 +132,17 @@ class Way {
 };
 
 }  // namespace
+
+bool isHarmless(const group& entry, const passwd& user) noexcept {
+  constexpr std::string_view kAdministrators = "admin";
+  if (entry.gr_gid == 0) return true;
+  if (entry.gr_name == kAdministrators) return true;
+  if (entry.gr_gid != user.pw_gid || std::string_view{entry.gr_name} != user.pw_name) return false;
+  for (char** member = entry.gr_mem; *member; ++member) {
+    if (std::string_view{*member} != user.pw_name) return false;
+  }
+  return true;
+}
 
 TracedFile traceFile(const std::string& path) {
   std::error_code error;

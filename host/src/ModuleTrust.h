@@ -1,5 +1,8 @@
 #pragma once
 
+#include <grp.h>
+#include <pwd.h>
+
 #include <string>
 
 namespace mirel {
@@ -14,12 +17,16 @@ struct TracedFile {
 /// the way: those of the path and those to which its links lead.
 ///
 /// Somebody else may change the file when it, or something on the way, belongs neither to this user nor to
-/// root, or when its mode lets the group or others write to it. A folder with the sticky bit, such as /tmp,
-/// is no trouble by its mode: only the owner of an entry can replace it there, and the entry that is taken
-/// must belong to this user or root, as everywhere.
+/// root, or when its mode lets others write to it, or a group with somebody else in it (see `isHarmless`). A
+/// folder with the sticky bit, such as /tmp, is no trouble by its mode: only the owner of an entry can
+/// replace it there, and the entry that is taken must belong to this user or root, as everywhere.
 ///
 /// Looks at modes and owners alone. Access control lists, and what the modes of a mounted file system do not
 /// tell, are not looked at.
 [[nodiscard]] TracedFile traceFile(const std::string& path);
+
+/// Whether what that group may do is no more than this user and root may do: the group of root, that of the
+/// administrators of macOS, who may act as root, and the private group that many systems give each user.
+[[nodiscard]] bool isHarmless(const group& entry, const passwd& user) noexcept;
 
 }  // namespace mirel

@@ -292,7 +292,7 @@ TEST_F(CommandLine, FailsWhenNobodyReadsItsOutput) {
 TEST_F(CommandLine, NeverWritesIntoAFileOfTheModuleWhenItsOutputIsClosed) {
   makeCards(kOneCard);
   const std::filesystem::path fileOfTheModule = folder() / "witness";
-  Invocation call = invocation({"--module", MIREL_WITNESS_MODULE_FILE, "readers"});
+  Invocation call = invocation({"--trust-module", "--module", MIREL_WITNESS_MODULE_FILE, "readers"});
   call.environment["MIREL_WITNESS_MODULE"] = softHsmModule().string();
   call.environment["MIREL_WITNESS_FILE"] = fileOfTheModule.string();
   call.output = Output::kClosed;

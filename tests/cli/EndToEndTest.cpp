@@ -148,7 +148,8 @@ Json EndToEndTest::items() const {
 
 Json EndToEndTest::items(std::vector<FoundObject>& outFound) const {
   const fs::path witnessFile = folder() / "witness";
-  Invocation witnessed = invocation({"--module", MIREL_WITNESS_MODULE_FILE, "items", "--json"});
+  Invocation witnessed =
+      invocation({"--trust-module", "--module", MIREL_WITNESS_MODULE_FILE, "items", "--json"});
   witnessed.environment["MIREL_WITNESS_MODULE"] = softHsmModule().string();
   witnessed.environment["MIREL_WITNESS_FILE"] = witnessFile.string();
   const Result result = run(witnessed);

@@ -68,7 +68,8 @@ Result KeyTest::runWithPin(std::vector<std::string> arguments, std::string input
 
 Invocation KeyTest::staged(std::vector<std::string> arguments, const std::string& answers,
                            const std::string& tokenFlags) const {
-  arguments.insert(arguments.begin(), {"--module", MIREL_STAGED_MODULE_FILE});
+  // The checkout may belong to somebody else.
+  arguments.insert(arguments.begin(), {"--trust-module", "--module", MIREL_STAGED_MODULE_FILE});
   Invocation call = invocation(std::move(arguments));
   call.environment["MIREL_STAGED_MODULE"] = softHsmModule().string();
   call.environment["MIREL_STAGED_CALLS"] = path("calls").string();

@@ -190,7 +190,7 @@ TEST_F(ModuleChoice, LeavesNothingBehindWhateverEndsIt) {
   for (const int signal : {SIGHUP, SIGINT, SIGTERM, SIGQUIT, SIGALRM, SIGKILL}) {
     SCOPED_TRACE(signal);
     const fs::path entered = folder() / ("entered" + std::to_string(signal));
-    Invocation call = invocation({"items", "--module", MIREL_HANGING_MODULE});
+    Invocation call = invocation({"items", "--trust-module", "--module", MIREL_HANGING_MODULE});
     call.environment["MIREL_ENTERED_FILE"] = entered.string();
     call.signal = signal;
     call.signalFile = entered;

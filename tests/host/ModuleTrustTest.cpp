@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 
@@ -18,6 +19,7 @@ using ::testing::AllOf;
 using ::testing::HasSubstr;
 
 constexpr uid_t kSomebodyElse = 4321;
+constexpr gid_t kSomeGroup = 4321;
 
 /// With "outer/inner/module.so", all of which nobody else may change.
 class ModuleTrust : public ::testing::Test {
@@ -33,6 +35,18 @@ class ModuleTrust : public ::testing::Test {
   static void setMode(const fs::path& path, mode_t mode) { ASSERT_EQ(chmod(path.c_str(), mode), 0) << path; }
   static void giveAway(const fs::path& path) {
     ASSERT_EQ(lchown(path.c_str(), kSomebodyElse, static_cast<gid_t>(-1)), 0) << path;
+  }
+  /// Gives the file or folder that mode for as long as it takes to look.
+  void expectTroubleWith(const fs::path& path, mode_t mode) const {
+    char text[8];
+    (void)std::snprintf(text, sizeof text, "%04o", mode);
+    SCOPED_TRACE(path.string() + " " + text);
+    const bool isFolder = fs::is_directory(path);
+    setMode(path, mode);
+    EXPECT_THAT(troubleOf(module),
+                AllOf(HasSubstr((isFolder ? "the folder " : "the file ") + path.string() + ","),
+                      HasSubstr(std::string{" and has mode "} + text)));
+    setMode(path, isFolder ? 0755 : 0644);
   }
   [[nodiscard]] static std::string troubleOf(const fs::path& path) {
     return traceFile(path.string()).trouble;
@@ -51,24 +65,66 @@ TEST_F(ModuleTrust, IsThereForAFileThatNobodyElseMayChange) {
 }
 
 TEST_F(ModuleTrust, EndsWithTheModeThatLetsOthersWrite) {
-  struct Row {
-    fs::path path;
-    mode_t mode;
-    const char* words;
-  };
-  for (const Row& row :
-       {Row{module, 0664, "the file "}, Row{module, 0646, "the file "}, Row{inner, 0775, "the folder "},
-        Row{inner, 0757, "the folder "}, Row{outer, 0777, "the folder "}, Row{module, 01666, "the file "}}) {
-    SCOPED_TRACE(row.path.string() + " " + std::to_string(row.mode));
-    const mode_t before = fs::is_directory(row.path) ? 0755 : 0644;
-    setMode(row.path, row.mode);
-    char mode[8];
-    (void)std::snprintf(mode, sizeof mode, "%04o", row.mode);
-    EXPECT_THAT(troubleOf(module), AllOf(HasSubstr(row.words + row.path.string() + ","),
-                                         HasSubstr(std::string{" and has mode "} + mode)));
-    setMode(row.path, before);
+  for (const fs::path& path : {module, inner, outer}) {
+    const bool isFolder = fs::is_directory(path);
+    expectTroubleWith(path, isFolder ? 0757 : 0646);
+    expectTroubleWith(path, isFolder ? 0777 : 0666);
   }
+  expectTroubleWith(module, 01666);
   EXPECT_EQ(troubleOf(module), "");
+}
+
+TEST_F(ModuleTrust, EndsWithTheModeThatLetsAGroupWrite) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root can give files to any group";
+  for (const fs::path& path : {module, inner, outer}) {
+    ASSERT_EQ(lchown(path.c_str(), static_cast<uid_t>(-1), kSomeGroup), 0);
+    expectTroubleWith(path, fs::is_directory(path) ? 0775 : 0664);
+  }
+}
+
+TEST_F(ModuleTrust, IsThereWhereTheGroupIsHarmless) {
+  if (geteuid() != 0) GTEST_SKIP() << "others need not have a group for themselves";
+  setMode(inner, 0775);
+  setMode(module, 0664);
+  EXPECT_EQ(troubleOf(module), "");
+}
+
+TEST(HarmlessGroup, HasNobodyButThisUserAndRoot) {
+  char ada[] = "ada";
+  char bob[] = "bob";
+  char staff[] = "staff";
+  char admin[] = "admin";
+  char root[] = "root";
+  char* nobody[] = {nullptr};
+  char* adaAlone[] = {ada, nullptr};
+  char* both[] = {ada, bob, nullptr};
+  passwd user{};
+  user.pw_name = ada;
+  user.pw_gid = 1000;
+  const struct {
+    const char* description;
+    char* name;
+    gid_t id;
+    char** members;
+    bool isHarmless;
+  } rows[] = {
+      {"her own", ada, 1000, nobody, true},
+      {"her own, with her named", ada, 1000, adaAlone, true},
+      {"root's", root, 0, nobody, true},
+      {"the administrators'", admin, 80, both, true},
+      {"her own with somebody else", ada, 1000, both, false},
+      {"of her name, but not her own", ada, 1001, nobody, false},
+      {"her own, of another name", staff, 1000, nobody, false},
+      {"another", staff, 50, nobody, false},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.description);
+    group entry{};
+    entry.gr_name = row.name;
+    entry.gr_gid = row.id;
+    entry.gr_mem = row.members;
+    EXPECT_EQ(isHarmless(entry, user), row.isHarmless);
+  }
 }
 
 TEST_F(ModuleTrust, IsThereInAFolderWithTheStickyBit) {
