@@ -7,6 +7,7 @@
 
 #include "NameList.h"
 #include "host/Display.h"
+#include "host/DistinctItems.h"
 
 namespace mirel {
 namespace {
@@ -85,8 +86,8 @@ Outcome<ChosenKey> withCertificate(const InsertedCard& card, const PublishedKey&
 
 std::vector<PublishedKey> keysOf(const InsertedCard& card) {
   std::vector<PublishedKey> keys;
-  for (const PublishedItem& item : card.items) {
-    if (const auto* key = std::get_if<PublishedKey>(&item)) keys.push_back(*key);
+  for (const auto& [item, count] : distinctItems(card.items)) {
+    if (const auto* key = std::get_if<PublishedKey>(item)) keys.push_back(*key);
   }
   return keys;
 }

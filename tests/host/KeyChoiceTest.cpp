@@ -103,6 +103,14 @@ TEST_F(KeyChoice, CountsFromOne) {
   EXPECT_EQ(chosen("#2"), "A");
 }
 
+TEST_F(KeyChoice, CountsKeysThatAreAlikeAsTheyAreListed) {
+  add({Text{u"A"}, Text{u"one"}});
+  add({Text{u"A"}, Text{u"one"}});
+  add({Text{u"B"}, Text{u"two"}});
+  EXPECT_EQ(chosen("#2"), "B");
+  EXPECT_EQ(chosen("one"), "A");
+}
+
 TEST_F(KeyChoice, RefusesWhatIsNoNumberOfAKey) {
   add({Text{u"B"}, Text{u"one"}});
   add({Text{u"A"}, Text{u"two"}});

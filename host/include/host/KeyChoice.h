@@ -14,7 +14,7 @@ struct ChosenKey {
   PublishedCertificate certificate;
 };
 
-/// The keys among the items, in their order.
+/// The keys among the items, in their order; those that are alike in everything count as one.
 [[nodiscard]] std::vector<PublishedKey> keysOf(const InsertedCard& card);
 
 /// The key that `name` (UTF-8) stands for: its object identifier as it is displayed, "#N" for the N-th key,

@@ -1,0 +1,60 @@
+#include <gmock/gmock.h>
+
+#include <chrono>
+
+#include "EndToEndTest.h"
+
+namespace mirel::test {
+namespace {
+
+using ::testing::SizeIs;
+
+constexpr unsigned kPairs = 160;
+constexpr std::size_t kMostInALine = 500;               // bytes
+constexpr std::chrono::seconds kLongest{10};            // on a busy machine; it takes one or two
+constexpr std::size_t kLargestOutput = 200UL * 1024UL;  // bytes
+
+/// A card with 160 keys and as many certificates, all with one ID. The token publishes 51,200 items.
+class LargeCardCommands : public EndToEndTest {
+ protected:
+  void SetUp() override {
+    EndToEndTest::SetUp();
+    if (IsSkipped()) return;
+    std::string card = "token label=Card\n";
+    for (unsigned i = 0; i < kPairs; ++i) {
+      const std::string number = std::to_string(i);
+      card += "public type=rsa2048 id=0x01 label=Key" + number + "\n";
+      card += "certificate type=rsa2048 id=0x01 usage=digitalSignature label=Certificate" + number + "\n";
+    }
+    makeCards(card);
+  }
+
+  [[nodiscard]] Result timed(const std::vector<std::string>& arguments) {
+    const auto start = std::chrono::steady_clock::now();
+    const Result result = mireltoken(arguments);
+    const auto passed = std::chrono::steady_clock::now() - start;
+    EXPECT_LT(passed, kLongest) << arguments.front();
+    EXPECT_LT(result.out.size(), kLargestOutput) << arguments.front();
+    EXPECT_LT(result.err.size(), kMostInALine) << arguments.front();
+    RecordProperty(arguments.front() + std::to_string(arguments.size()),
+                   static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(passed).count()));
+    return result;
+  }
+};
+
+TEST_F(LargeCardCommands, EndInAShortTimeWithShortLines) {
+  EXPECT_EQ(timed({"items"}).exitCode, 0);
+  EXPECT_EQ(timed({"algorithms"}).exitCode, 0);
+  EXPECT_EQ(timed({"algorithms", "--json"}).exitCode, 0);
+  EXPECT_EQ(timed({"certificate", "--key", "#160"}).exitCode, 0);
+  EXPECT_EQ(timed({"certificate", "--key", "none"}).exitCode, 12);
+  const Result json = timed({"items", "--json"});
+  std::size_t total = 0;
+  const Json items = Json::parse(json.out)["items"];
+  EXPECT_THAT(items, SizeIs(2 * kPairs));
+  for (const Json& item : items) total += item["count"].get<std::size_t>();
+  EXPECT_EQ(total, 2UL * kPairs * kPairs);
+}
+
+}  // namespace
+}  // namespace mirel::test
