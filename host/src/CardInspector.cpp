@@ -4,9 +4,9 @@
 #include <array>
 #include <optional>
 
-#include "CallEntry.h"
 #include "CardTrouble.h"
 #include "FailureDiary.h"
+#include "bridge/ModuleLock.h"
 #include "host/CryptokiNames.h"
 
 namespace mirel {
@@ -51,16 +51,16 @@ class Inspector {
   [[nodiscard]] std::vector<CK_OBJECT_HANDLE> find(CK_OBJECT_CLASS objectClass) {
     std::vector<CK_OBJECT_HANDLE> found;
     CK_ATTRIBUTE filter{CKA_CLASS, &objectClass, sizeof objectClass};
-    if (failed("C_FindObjectsInit", callEntry(list_.C_FindObjectsInit, session_, &filter, CK_ULONG{1})))
+    if (failed("C_FindObjectsInit", callAlone(list_.C_FindObjectsInit, session_, &filter, CK_ULONG{1})))
       return found;
     while (found.size() < kSearchLimit) {
       CK_OBJECT_HANDLE object = 0;
       CK_ULONG count = 0;
-      const CK_RV rv = callEntry(list_.C_FindObjects, session_, &object, CK_ULONG{1}, &count);
+      const CK_RV rv = callAlone(list_.C_FindObjects, session_, &object, CK_ULONG{1}, &count);
       if (failed("C_FindObjects", rv) || count != 1) break;
       found.push_back(object);
     }
-    (void)callEntry(list_.C_FindObjectsFinal, session_);
+    (void)callAlone(list_.C_FindObjectsFinal, session_);
     return found;
   }
 
@@ -95,7 +95,7 @@ class Inspector {
     return {{}, "could not be read now, " + answerText({kFunction, rv}), false, true};
   }
   [[nodiscard]] CK_RV get(CK_OBJECT_HANDLE object, CK_ATTRIBUTE& entry) const {
-    return callEntry(list_.C_GetAttributeValue, session_, object, &entry, CK_ULONG{1});
+    return callAlone(list_.C_GetAttributeValue, session_, object, &entry, CK_ULONG{1});
   }
 
   const CK_FUNCTION_LIST& list_;
@@ -195,7 +195,7 @@ CardObject inspectCertificate(Inspector& inspector, CK_OBJECT_HANDLE handle, Cer
 
 Inspection inspectCard(const CK_FUNCTION_LIST& list, CK_SLOT_ID slotID, CertificateParser& certificates) {
   CK_SESSION_HANDLE session = 0;
-  if (const CK_RV rv = callEntry(list.C_OpenSession, slotID, CKF_SERIAL_SESSION, nullptr, nullptr, &session);
+  if (const CK_RV rv = callAlone(list.C_OpenSession, slotID, CKF_SERIAL_SESSION, nullptr, nullptr, &session);
       rv != CKR_OK) {
     return {{}, answerText({"C_OpenSession", rv})};
   }
@@ -207,7 +207,7 @@ Inspection inspectCard(const CK_FUNCTION_LIST& list, CK_SLOT_ID slotID, Certific
   for (const CK_OBJECT_HANDLE handle : inspector.find(CKO_CERTIFICATE)) {
     certificateObjects.push_back(inspectCertificate(inspector, handle, certificates));
   }
-  (void)callEntry(list.C_CloseSession, session);
+  (void)callAlone(list.C_CloseSession, session);
 
   const auto listedIn = [](const std::vector<CardObject>& objects, const CardObject& wanted) {
     return std::any_of(objects.begin(), objects.end(),

@@ -2,10 +2,10 @@
 
 #include <string>
 
-#include "CallEntry.h"
 #include "CardTrouble.h"
 #include "FailureDiary.h"
 #include "FixedText.h"
+#include "bridge/ModuleLock.h"
 #include "bridge/P11Bridge.h"
 #include "framework/MirelCTKFramework.h"
 #include "host/Display.h"
@@ -17,10 +17,9 @@ namespace {
 
 constexpr const char* kPutBack = "put that card back and run again";
 
-std::shared_ptr<MirelCTKFramework> frameworkOf(const std::weak_ptr<MirelSCToken>& watched) {
+std::shared_ptr<CryptTKitSProvider> providerOf(const std::weak_ptr<MirelSCToken>& watched) {
   const auto token = watched.lock();
-  const auto provider = token ? token->sp() : nullptr;
-  return provider ? provider->pCTKFramework() : nullptr;
+  return token ? token->sp() : nullptr;
 }
 
 std::string quoted(const Text& name) {
@@ -42,7 +41,7 @@ std::optional<FailedCall> readToken(P11Bridge& bridge, const Text& readerName, F
   }
   const CK_FUNCTION_LIST* list = bridge.ckFunc();
   if (!list) return FailedCall{"pkcs11_FindSlot", CKR_CRYPTOKI_NOT_INITIALIZED};
-  const CK_RV rv = callEntry(list->C_GetTokenInfo, slotID, &outToken);
+  const CK_RV rv = callAlone(list->C_GetTokenInfo, slotID, &outToken);
   return rv == CKR_OK ? std::nullopt : std::optional{FailedCall{"C_GetTokenInfo", rv}};
 }
 
@@ -52,7 +51,7 @@ CardWatch::CardWatch(const std::shared_ptr<MirelSCToken>& token, Reader reader)
     : token_{token}, reader_{std::move(reader)} {}
 
 std::optional<Failure> CardWatch::look(FailureDiary& diary) {
-  if (ended_) return ended_;
+  if (auto end = ended()) return end;
   auto trouble = lookAtCard(diary);
   if (trouble) learnFrom(*trouble);
   return trouble;
@@ -60,11 +59,20 @@ std::optional<Failure> CardWatch::look(FailureDiary& diary) {
 
 void CardWatch::learnFrom(const Failure& failure) {
   const bool ends = failure.kind == FailureKind::kCardGone || failure.kind == FailureKind::kAnotherCard;
+  const std::lock_guard lock{mutex_};
   if (ends && !ended_) ended_ = failure;
 }
 
+std::optional<Failure> CardWatch::ended() const {
+  const std::lock_guard lock{mutex_};
+  return ended_;
+}
+
 std::optional<Failure> CardWatch::lookAtCard(FailureDiary& diary) const {
-  const auto framework = frameworkOf(token_);
+  const auto provider = providerOf(token_);
+  if (!provider) return gone("its token was dropped");
+  const std::lock_guard alone{provider->gate()};  // what is looked at, a session of the token may replace
+  const auto framework = provider->pCTKFramework();
   const auto bridge = framework ? framework->p11Bridge() : nullptr;
   if (!bridge) return gone("its token was dropped");
   const std::string name = reader_.distinctName.toUtf8();
@@ -96,7 +104,8 @@ std::optional<Failure> CardWatch::lookAtCard(FailureDiary& diary) const {
 }
 
 std::optional<Failure> CardWatch::anotherCardAtInsertion() const {
-  const auto framework = frameworkOf(token_);
+  const auto provider = providerOf(token_);
+  const auto framework = provider ? provider->pCTKFramework() : nullptr;
   const auto record = framework ? framework->p11ServiceInfo() : nullptr;
   return record ? compared(record->tokenInfo()) : std::nullopt;
 }

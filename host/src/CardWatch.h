@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <mutex>
 #include <optional>
 
 #include "bridge/cryptoki.h"
@@ -13,7 +14,8 @@ class FailureDiary;
 class MirelSCToken;
 
 /// Watches, as the platform does, whether the card that became a token is still in its reader. When it is
-/// not, the token has ended for good: whoever uses it drops it.
+/// not, the token has ended for good: whoever uses it drops it. All who use the token share one, also from
+/// several threads.
 class CardWatch {
  public:
   /// `reader`: with the card that was inserted.
@@ -25,7 +27,7 @@ class CardWatch {
   [[nodiscard]] std::optional<Failure> look(FailureDiary& diary);
 
   /// Why the token has ended; nothing while it has not. Asks nobody.
-  [[nodiscard]] const std::optional<Failure>& ended() const noexcept { return ended_; }
+  [[nodiscard]] std::optional<Failure> ended() const;
 
   /// Ends the token when the failure is that the card is gone.
   void learnFrom(const Failure& failure);
@@ -40,7 +42,8 @@ class CardWatch {
 
   std::weak_ptr<MirelSCToken> token_;
   Reader reader_;
-  std::optional<Failure> ended_;
+  mutable std::mutex mutex_;
+  std::optional<Failure> ended_;  // with the mutex
 };
 
 }  // namespace mirel

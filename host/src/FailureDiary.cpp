@@ -50,63 +50,66 @@ bool isFailedRead(std::string_view function, std::uint64_t result) noexcept {
   return reads && !answers;
 }
 
+FailureDiary::Page& FailureDiary::page() const noexcept {
+  const std::lock_guard lock{mutex_};
+  return pages_[std::this_thread::get_id()];
+}
+
 void FailureDiary::callStarts(const char* function) noexcept {
   if (next_) next_->callStarts(function);
 }
 
 void FailureDiary::callReturned(const char* function, std::uint64_t result) noexcept {
-  lastResults_[function] = result;
-  if (result != CKR_OK) failingCalls_.push_back({function, result});
-  if (!failedRead_ && isFailedRead(function, result)) failedRead_ = Entry{function, result};
+  Page& mine = page();
+  mine.lastResults[function] = result;
+  if (result != CKR_OK) mine.failingCalls.push_back({function, result});
+  if (!mine.failedRead && isFailedRead(function, result)) mine.failedRead = Entry{function, result};
   if (next_) next_->callReturned(function, result);
 }
 
 void FailureDiary::operationReturned(const char* operation, std::uint64_t result) noexcept {
-  lastResults_[operation] = result;
+  Page& mine = page();
+  mine.lastResults[operation] = result;
   // Without memory no call is made that could fail.
-  if (result == CKR_HOST_MEMORY && failingCalls_.empty() && !failedRead_)
-    failedRead_ = Entry{operation, result};
+  if (result == CKR_HOST_MEMORY && mine.failingCalls.empty() && !mine.failedRead)
+    mine.failedRead = Entry{operation, result};
   // A module that another host of it has initialised is as good as one that we have.
   if (result == CKR_OK || result == CKR_CRYPTOKI_ALREADY_INITIALIZED) {
-    operation_.reset();
-    call_.reset();
-  } else if (!operation_) {
-    operation_ = Entry{operation, result};
+    mine.operation.reset();
+    mine.call.reset();
+  } else if (!mine.operation) {
+    mine.operation = Entry{operation, result};
     // A slot that cannot be read is passed over in the search, which then finds none.
     const bool passedOver = result == CKR_SLOT_ID_INVALID && std::string_view{operation} == kSearchForSlot;
     // The first call with that code: what fails after it, in cleaning up, is no cause.
-    const auto cause = std::find_if(failingCalls_.begin(), failingCalls_.end(), [&](const Entry& failed) {
-      return passedOver || result == failed.result || result == (failed.result | kSecondRead);
-    });
-    if (cause != failingCalls_.end()) call_ = *cause;
+    const auto cause =
+        std::find_if(mine.failingCalls.begin(), mine.failingCalls.end(), [&](const Entry& failed) {
+          return passedOver || result == failed.result || result == (failed.result | kSecondRead);
+        });
+    if (cause != mine.failingCalls.end()) mine.call = *cause;
   }
-  failingCalls_.clear();
+  mine.failingCalls.clear();
   if (next_) next_->operationReturned(operation, result);
 }
 
-void FailureDiary::clear() noexcept {
-  loaderText_.clear();
-  operation_.reset();
-  call_.reset();
-  failedRead_.reset();
-  failingCalls_.clear();
-  lastResults_.clear();
-}
+void FailureDiary::clear() noexcept { page() = Page{}; }
 
 std::optional<std::uint64_t> FailureDiary::lastResultOf(std::string_view name) const {
-  const auto found = lastResults_.find(name);
-  return found == lastResults_.end() ? std::nullopt : std::optional{found->second};
+  const Page& mine = page();
+  const auto found = mine.lastResults.find(name);
+  return found == mine.lastResults.end() ? std::nullopt : std::optional{found->second};
 }
 
 std::optional<FailureDiary::Entry> FailureDiary::cause() const {
-  if (call_) return call_;
-  if (!operation_ && !failingCalls_.empty()) return failingCalls_.front();
-  return operation_;
+  const Page& mine = page();
+  if (mine.call) return mine.call;
+  if (!mine.operation && !mine.failingCalls.empty()) return mine.failingCalls.front();
+  return mine.operation;
 }
 
 std::string FailureDiary::reason() const {
   const auto blamed = cause();
-  return blamed ? answerText(*blamed) : loaderText_;
+  return blamed ? answerText(*blamed) : page().loaderText;
 }
 
 std::shared_ptr<DynamicLoader> loaderWithDiary(std::shared_ptr<DynamicLoader> next,

@@ -2,9 +2,11 @@
 
 #include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -24,6 +26,9 @@ struct FailedCall {
 
 /// Remembers what went wrong last between the bridge and the module, for the user. Passes everything
 /// on to the observer it wraps (may be null).
+///
+/// Each thread has a page of its own, and reads and forgets that one alone: what another client of the card
+/// does at the same time explains nothing here.
 class FailureDiary final : public CryptokiObserver {
  public:
   using Entry = FailedCall;
@@ -34,26 +39,26 @@ class FailureDiary final : public CryptokiObserver {
   void callReturned(const char* function, std::uint64_t result) noexcept override;
   void operationReturned(const char* operation, std::uint64_t result) noexcept override;
 
-  void loaderFailed(std::string text) { loaderText_ = std::move(text); }
+  void loaderFailed(std::string text) { page().loaderText = std::move(text); }
 
   /// Forgets everything.
   void clear() noexcept;
 
   /// What the loader said when it failed last; empty: it has not.
-  [[nodiscard]] const std::string& loaderText() const noexcept { return loaderText_; }
+  [[nodiscard]] const std::string& loaderText() const noexcept { return page().loaderText; }
 
   /// The innermost operation that has failed since one succeeded.
-  [[nodiscard]] const std::optional<Entry>& failedOperation() const noexcept { return operation_; }
+  [[nodiscard]] const std::optional<Entry>& failedOperation() const noexcept { return page().operation; }
 
   /// The Cryptoki call that made it fail; nothing when the bridge itself was not content.
-  [[nodiscard]] const std::optional<Entry>& failedCall() const noexcept { return call_; }
+  [[nodiscard]] const std::optional<Entry>& failedCall() const noexcept { return page().call; }
 
   /// What is to blame: that call, or else the operation; nothing when nothing failed.
   [[nodiscard]] std::optional<Entry> cause() const;
 
   /// The first call since `clear` by which the module failed to find or read what is on the card. That an
   /// object has no such attribute, or keeps it secret, is an answer and no failure.
-  [[nodiscard]] const std::optional<Entry>& failedRead() const noexcept { return failedRead_; }
+  [[nodiscard]] const std::optional<Entry>& failedRead() const noexcept { return page().failedRead; }
 
   /// What that Cryptoki function ("C_Login") or operation of the bridge ("pkcs11_UserLogin") answered last;
   /// nothing when it was not called.
@@ -63,13 +68,21 @@ class FailureDiary final : public CryptokiObserver {
   [[nodiscard]] std::string reason() const;
 
  private:
+  struct Page {
+    std::string loaderText;
+    std::optional<Entry> operation;
+    std::optional<Entry> call;
+    std::optional<Entry> failedRead;
+    std::vector<Entry> failingCalls;                        // of the operation that is running
+    std::map<std::string_view, std::uint64_t> lastResults;  // the names live as long as the program
+  };
+
+  /// This thread's.
+  [[nodiscard]] Page& page() const noexcept;
+
   std::shared_ptr<CryptokiObserver> next_;
-  std::string loaderText_;
-  std::optional<Entry> operation_;
-  std::optional<Entry> call_;
-  std::optional<Entry> failedRead_;
-  std::vector<Entry> failingCalls_;                        // of the operation that is running
-  std::map<std::string_view, std::uint64_t> lastResults_;  // the names live as long as the program
+  mutable std::mutex mutex_;  // of the book, not of its pages
+  mutable std::map<std::thread::id, Page> pages_;
 };
 
 /// The loader `next`, with its failures written in the diary.

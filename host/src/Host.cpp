@@ -6,7 +6,6 @@
 #include <set>
 #include <utility>
 
-#include "CallEntry.h"
 #include "CardInspector.h"
 #include "CardTrouble.h"
 #include "CardWatch.h"
@@ -15,6 +14,7 @@
 #include "HostTokenKit.h"
 #include "NameList.h"
 #include "ReaderFinder.h"
+#include "bridge/ModuleLock.h"
 #include "bridge/P11Bridge.h"
 #include "host/CryptokiNames.h"
 #include "host/Display.h"
@@ -287,7 +287,7 @@ PinState Host::pinState(const Reader& reader) {
   using enum PinState::Tries;
   const CK_FUNCTION_LIST* list = bridge_->ckFunc();
   CK_TOKEN_INFO token{};
-  const CK_RV rv = list ? callEntry(list->C_GetTokenInfo, CK_SLOT_ID{reader.slotID}, &token)
+  const CK_RV rv = list ? callAlone(list->C_GetTokenInfo, CK_SLOT_ID{reader.slotID}, &token)
                         : CKR_CRYPTOKI_NOT_INITIALIZED;
   if (rv != CKR_OK) return {kUnknown, false, {}, "C_GetTokenInfo answered " + cryptokiResultText(rv)};
   const auto isSet = [&](CK_FLAGS flag) { return (token.flags & flag) != 0; };

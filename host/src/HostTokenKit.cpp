@@ -1,5 +1,9 @@
 #include "HostTokenKit.h"
 
+#include <atomic>
+
+#include "platform/AtomicProperty.h"
+
 namespace mirel {
 namespace {
 
@@ -19,13 +23,13 @@ class HostCard final : public TKSmartCard {
   [[nodiscard]] std::uint8_t cla() const noexcept override { return 0; }
   [[nodiscard]] bool sensitive() const noexcept override { return sensitive_; }
   void setSensitive(bool value) noexcept override { sensitive_ = value; }
-  [[nodiscard]] std::optional<bool> context() const noexcept override { return context_; }
-  void setContext(std::optional<bool> value) noexcept override { context_ = value; }
+  [[nodiscard]] std::optional<bool> context() const noexcept override { return context_.get(); }
+  void setContext(std::optional<bool> value) noexcept override { context_.set(value); }
 
  private:
   std::shared_ptr<TKSmartCardSlot> slot_;
-  bool sensitive_ = false;
-  std::optional<bool> context_;
+  std::atomic<bool> sensitive_{false};
+  AtomicProperty<std::optional<bool>> context_;
 };
 
 /// What certificate and key items have in common.

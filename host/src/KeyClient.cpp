@@ -201,7 +201,7 @@ std::optional<SecKeyAlgorithm> KeyClient::acceptedForm(const PublishedKey& key, 
 
 Outcome<SecKeyAlgorithm> KeyClient::formFor(const PublishedKey& key, SecKeyAlgorithm algorithm,
                                             TKTokenOperation operation) {
-  if (card_.watch && card_.watch->ended()) return *card_.watch->ended();
+  if (const auto end = card_.watch ? card_.watch->ended() : std::nullopt) return *end;
   const std::string what = "the key \"" + displayed(key.objectID) + "\" does not " + verbOf(operation) +
                            " with " + named(algorithm);
   if (operationOf(algorithm) != operation) {

@@ -4,10 +4,10 @@
 #include <optional>
 #include <span>
 
-#include "CallEntry.h"
 #include "CardTrouble.h"
 #include "FailureDiary.h"
 #include "FixedText.h"
+#include "bridge/ModuleLock.h"
 #include "bridge/P11Bridge.h"
 #include "host/CryptokiNames.h"
 #include "host/Display.h"
@@ -50,12 +50,12 @@ CK_RV listSlots(const CK_FUNCTION_LIST& list, bool withTokenOnly, std::vector<CK
   CK_RV rv = CKR_OK;
   for (int attempt = 0; attempt < kSlotListTries; ++attempt) {
     CK_ULONG numSlots = 0;
-    rv = callEntry(list.C_GetSlotList, tokenPresent, nullptr, &numSlots);
+    rv = callAlone(list.C_GetSlotList, tokenPresent, nullptr, &numSlots);
     if (rv != CKR_OK) return rv;
     if (numSlots > kMaxSlots) return CKR_HOST_MEMORY;
     slots.assign(numSlots, kNoHandle);
     if (numSlots == 0) return CKR_OK;
-    rv = callEntry(list.C_GetSlotList, tokenPresent, slots.data(), &numSlots);
+    rv = callAlone(list.C_GetSlotList, tokenPresent, slots.data(), &numSlots);
     if (rv == CKR_BUFFER_TOO_SMALL) continue;
     slots.resize(std::min<std::size_t>(numSlots, slots.size()));
     return rv;
@@ -75,7 +75,7 @@ Reader readReader(const CK_FUNCTION_LIST& list, CK_SLOT_ID slotID, bool withToke
   Reader reader;
   reader.slotID = slotID;
   outSlot = {};
-  if (const CK_RV rv = callEntry(list.C_GetSlotInfo, slotID, &outSlot); rv != CKR_OK) {
+  if (const CK_RV rv = callAlone(list.C_GetSlotInfo, slotID, &outSlot); rv != CKR_OK) {
     outSlot = {};
     setProblem(reader, {"C_GetSlotInfo", rv});
     return reader;
@@ -88,7 +88,7 @@ Reader readReader(const CK_FUNCTION_LIST& list, CK_SLOT_ID slotID, bool withToke
     return reader;
   }
   CK_TOKEN_INFO token{};
-  if (const CK_RV rv = callEntry(list.C_GetTokenInfo, slotID, &token); rv != CKR_OK) {
+  if (const CK_RV rv = callAlone(list.C_GetTokenInfo, slotID, &token); rv != CKR_OK) {
     setProblem(reader, {"C_GetTokenInfo", rv});
     return reader;
   }

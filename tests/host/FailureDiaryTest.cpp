@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <thread>
+
 #include "support/RecordingObserver.h"
 
 namespace mirel::test {
@@ -45,6 +47,21 @@ TEST_F(Diary, KeepsTheCallAndTheOperationThatItMadeFail) {
   EXPECT_EQ(diary->failedCall()->name, "C_GetTokenInfo");
   EXPECT_EQ(diary->failedCall()->result, kDeviceError);
   EXPECT_EQ(diary->reason(), "C_GetTokenInfo answered CKR_DEVICE_ERROR (0x30)");
+}
+
+TEST_F(Diary, HasAPageForEachThread) {
+  call("C_GetTokenInfo", kDeviceError);
+  diary->operationReturned("pkcs11_GetTokenInfo", kDeviceError);
+  std::thread{[this] {
+    EXPECT_EQ(diary->reason(), "");
+    EXPECT_FALSE(diary->lastResultOf("C_GetTokenInfo"));
+    call("C_Login", 0xA0);
+    diary->operationReturned("pkcs11_UserLogin", 0xA0);
+    EXPECT_EQ(diary->reason(), "C_Login answered CKR_PIN_INCORRECT (0xA0)");
+    diary->clear();
+  }}.join();
+  EXPECT_EQ(diary->reason(), "C_GetTokenInfo answered CKR_DEVICE_ERROR (0x30)");
+  EXPECT_FALSE(diary->lastResultOf("C_Login"));
 }
 
 TEST_F(Diary, KeepsTheInnermostOperation) {

@@ -1,0 +1,83 @@
+/// Several clients of one token, each in a thread of its own. Under ThreadSanitizer too.
+
+#include <atomic>
+
+#include "host/KeyClientTest.h"
+#include "host/Verification.h"
+#include "support/Threads.h"
+
+namespace mirel::test {
+namespace {
+
+using enum SecKeyAlgorithm;
+
+constexpr int kSignaturesPerThread = 50;
+
+class ClientThreads : public KeyClientTest {
+ protected:
+  ClientThreads() { card = std::get<InsertedCard>(shared.insert(Text{})); }
+
+  void TearDown() override {
+    EXPECT_FALSE(script.callsOverlapped());
+    KeyClientTest::TearDown();
+  }
+
+  [[nodiscard]] std::unique_ptr<KeyClient> clientOfShared() {
+    return std::move(std::get<std::unique_ptr<KeyClient>>(shared.newClient(card)));
+  }
+
+  /// What is wrong with a new signature of that message; empty when it verifies.
+  [[nodiscard]] std::string troubleOfSignature(KeyClient& by, const Value& message) const {
+    GivenInput input{{message}};
+    GivenPins pin{{u"123456"}};
+    const PublishedKey& signer = published(u"01");
+    const auto made = by.sign(signer, kSecKeyAlgorithmRSASignatureMessagePSSSHA256, input, pin);
+    if (const auto* failure = std::get_if<Failure>(&made)) return failure->what + ": " + failure->why;
+    return signatureTrouble(certificateOf(signer), signer, kSecKeyAlgorithmRSASignatureMessagePSSSHA256,
+                            std::get<Signature>(made));
+  }
+
+  [[nodiscard]] const PublishedCertificate& certificateOf(const PublishedKey& wanted) const {
+    for (const PublishedItem& item : card.items) {
+      const auto* found = std::get_if<PublishedCertificate>(&item);
+      if (found && found->objectID == wanted.certificateID) return *found;
+    }
+    throw std::runtime_error{"there is no such certificate"};
+  }
+
+  Host shared{servicesForAThread()};
+};
+
+TEST_F(ClientThreads, GetSignaturesThatVerify) {
+  const auto first = clientOfShared();
+  const auto second = clientOfShared();
+  std::atomic<int> numGood{0};
+  const auto signOften = [&](KeyClient& by, std::uint8_t mark) {
+    for (int i = 0; i < kSignaturesPerThread; ++i) {
+      const std::string trouble = troubleOfSignature(by, Value{mark, static_cast<std::uint8_t>(i)});
+      EXPECT_EQ(trouble, "");
+      if (trouble.empty()) ++numGood;
+    }
+  };
+  runAtOnce({[&] { signOften(*first, 1); }, [&] { signOften(*second, 2); }});
+  EXPECT_EQ(numGood, 2 * kSignaturesPerThread);
+}
+
+TEST_F(ClientThreads, LookForTheCardAtOnce) {
+  const auto first = clientOfShared();
+  const auto second = clientOfShared();
+  script.pullCard();
+  std::atomic<int> numGone{0};
+  const auto sign = [&](KeyClient& by) {
+    GivenInput input{{Value{1}}};
+    GivenPins pin{{u"123456"}};
+    const auto made = by.sign(published(u"01"), kSecKeyAlgorithmRSASignatureMessagePSSSHA256, input, pin);
+    const auto* failure = std::get_if<Failure>(&made);
+    if (failure && failure->kind == FailureKind::kCardGone) ++numGone;
+  };
+  runAtOnce({[&] { sign(*first); }, [&] { sign(*second); }});
+  EXPECT_EQ(numGone, 2);
+}
+
+}  // namespace
+}  // namespace mirel::test
