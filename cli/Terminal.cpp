@@ -22,7 +22,7 @@ constexpr std::uint8_t kEscape = 0x1B;
 constexpr std::uint8_t kFirstPrintable = 0x20;
 constexpr std::uint8_t kDelete = 0x7F;
 
-constexpr std::array kEndingSignals{SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGABRT, SIGALRM, SIGXCPU, SIGXFSZ};
+constexpr std::array kEndingSignals{SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGABRT, SIGALRM, SIGXCPU};
 
 // For the handlers of signals and exit, which can be given nothing.
 std::atomic<int> savedDescriptor{-1};  // -1: the terminal is as it was

@@ -36,10 +36,11 @@ class PinFlags : public KeyTest {
     return calls;
   }
 
-  /// Has the token's information fail from the moment when the card is inserted.
+  /// Has the token's information fail from the moment when the flags are looked at, just before the PIN is
+  /// had: that is the last look but one of a login that finds no PIN, which looks again to tell of it.
   void loseTokenInfo(Invocation& call) const {
-    expectSuccess(run(staged({"items"})));
-    call.environment["MIREL_STAGED_TOKEN_INFOS"] = std::to_string(stagedCallsOf("C_GetTokenInfo"));
+    expectFailure(run(staged({"login", "--pin-file", path("none")})), 14, {"none"});
+    call.environment["MIREL_STAGED_TOKEN_INFOS"] = std::to_string(stagedCallsOf("C_GetTokenInfo") - 2);
   }
 };
 

@@ -18,6 +18,7 @@ Options:
                               Use this PKCS #11 module, for this run only
   --home DIR Excludes: --module
                               Look for the module in this home folder
+  --trust-module              Load the module although somebody else may change its file
   --reader NAME               The reader: its name, or a beginning that fits no other (default: the first with an initialised card)
   --json                      Print JSON for programs
   -v,--verbose                Print the log lines on standard error
@@ -55,6 +56,7 @@ Options:
                               Read the PIN from this file, which nobody else may read
   --pin-fd N Excludes: --pin-file
                               Read the PIN from this open file descriptor
+  --last-try                  Send a PIN from a file or descriptor also when that may lock the card
 
 )";
 
