@@ -12,12 +12,14 @@ tr uname wc xargs""".split()
 
 SOURCES = ["bridge/src/One.cpp", "cli/Two.cpp", "bridge/src/One.h", "token/macos/Three.mm"]
 
-# Each notes its name and its arguments in $CALLS.
-NOTES = '#!/bin/sh\nprintf "%s\\n" "${0##*/} $*" >>"$CALLS"\n'
+# Each notes its name and its arguments in $CALLS, with tabs between them.
+NOTES = '#!/bin/sh\n(IFS="\t"; printf "%s\\n" "${0##*/}\t$*") >>"$CALLS"\n'
 STAND_INS = {
     "cmake": "",
     "apt-get": "",
     "g++": "",
+    "clang++": "",
+    "clang++-19": "",
     # Without a name to look for it is the search for compilers.
     "dpkg-query": """\
 for last; do :; done
@@ -80,16 +82,18 @@ class Machine:
 
 
 def called(calls, name):
-    return [line.split() for line in calls if line.split()[0] == name]
+    return [line.split("\t") for line in calls if line.split("\t")[0] == name]
 
 
-def compilers_of(calls):
+def compilers_of(checks, calls):
     """The presets that are configured, with the compilers for C++ and Objective-C++."""
     found = {}
     for words in called(calls, "cmake"):
         if words[1] == "--preset":
             given = dict(word[2:].split("=", 1) for word in words if word.startswith("-D"))
-            found[words[2]] = (given["CMAKE_CXX_COMPILER"], given["MIREL_OBJCXX_COMPILER"])
+            # CMake takes the second one by its path alone.
+            checks.true("the path of the compiler for Objective-C++", given["MIREL_OBJCXX_COMPILER"].startswith("/"))
+            found[words[2]] = (given["CMAKE_CXX_COMPILER"], pathlib.Path(given["MIREL_OBJCXX_COMPILER"]).name)
     return found
 
 
@@ -99,7 +103,7 @@ def check_newest_clang(checks, machine):
     checks.equal(f"the newest clang: {shown}", code, 0)
     checks.equal(
         "which compilers build what",
-        compilers_of(calls),
+        compilers_of(checks, calls),
         {"release": ("g++", "clang++-19"), "asan": ("clang++-19", "clang++-19"), "tsan": ("g++", "clang++-19")},
     )
     for what, compiler in (("release", "g++"), ("sanitizers", "clang++-19"), ("thread sanitizer", "g++")):
@@ -112,7 +116,7 @@ def check_newest_clang(checks, machine):
 def check_no_clang(checks, machine):
     code, shown, calls = machine.check()
     checks.equal(f"no numbered clang: {shown}", code, 0)
-    checks.equal("the one without a number", compilers_of(calls)["asan"], ("clang++", "clang++"))
+    checks.equal("the one without a number", compilers_of(checks, calls)["asan"], ("clang++", "clang++"))
 
 
 def check_other_version(checks, machine):
