@@ -18,7 +18,10 @@ NEWEST = "99.0"  # what a compiler on a Mac takes that is told of no oldest macO
 DEPRECATED = "14.0"  # from here on the algorithm below is
 
 # This system's headers take the compiler for one of their own.
-THIS_SYSTEM = ["-U__APPLE__", "-U__MACH__", "-U__nonnull", "-D__linux__", "-D__gnu_linux__", "-D__ELF__", "-D_GNU_SOURCE"]
+THIS_SYSTEM = [
+    "-U__APPLE__", "-U__MACH__", "-U__nonnull", "-D__linux__", "-D__gnu_linux__", "-D__ELF__", "-D_GNU_SOURCE",
+    "-D_BITS_FLOATN_H",  # declares types that the target does not have
+]  # fmt: skip
 # Foundation's runtime here has no blocks.
 THIS_RUNTIME = [
     "-fno-blocks", "-fobjc-runtime=gcc", "-fconstant-string-class=NSConstantString", "-fexceptions",
