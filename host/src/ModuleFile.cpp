@@ -2,6 +2,8 @@
 
 #include <sys/stat.h>
 
+#include <cerrno>
+#include <cstring>
 #include <fstream>
 #include <utility>
 #include <vector>
@@ -46,6 +48,27 @@ class LoaderWithModule final : public DynamicLoader {
   std::string name_;
 };
 
+/// Opens nothing where `place` is asked for: a file that appears there later was not looked at.
+class LoaderWithoutModule final : public DynamicLoader {
+ public:
+  LoaderWithoutModule(std::shared_ptr<DynamicLoader> next, std::string place, std::string why)
+      : next_{std::move(next)}, place_{std::move(place)}, why_{std::move(why)} {}
+
+  void* open(const char* path) noexcept override {
+    refused_ = path == place_;
+    return refused_ ? nullptr : next_->open(path);
+  }
+  void* symbol(void* library, const char* name) noexcept override { return next_->symbol(library, name); }
+  bool close(void* library) noexcept override { return next_->close(library); }
+  std::string errorText() noexcept override { return refused_ ? why_ : next_->errorText(); }
+
+ private:
+  std::shared_ptr<DynamicLoader> next_;
+  std::string place_;
+  std::string why_;
+  bool refused_ = false;
+};
+
 /// What the file is, where it is no regular one.
 const char* kindOf(mode_t mode) noexcept {
   if (S_ISDIR(mode)) return "it is a folder";
@@ -78,17 +101,21 @@ std::optional<Failure> chooseModule(PlatformServices& services, const ModuleChoi
   const std::string place = moduleInHome(home);
   const std::string name = choice.path.value_or(place);
   const TracedFile traced = traceFile(name);
-  std::string file = traced.path;
-  if (file.empty()) file = name.find('/') == std::string::npos ? "./" + name : name;
+  struct stat status {};
+  if (traced.path.empty()) {
+    const int error = stat(name.c_str(), &status) == 0 ? ENOENT : errno;
+    services.loader = std::make_shared<LoaderWithoutModule>(
+        services.loader, place, name + ": cannot open shared object file: " + std::strerror(error));
+    return std::nullopt;
+  }
+  const std::string& file = traced.path;
 
   // Not opened for that: to open a pipe can wait for ever.
-  struct stat status {};
-  if (stat(file.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
+  if (stat(file.c_str(), &status) == 0 && !S_ISREG(status.st_mode))
     return refusal(name, kindOf(status.st_mode),
                    choice.path
                        ? "check the path given with --module"
                        : "install the card software for this user, or name another module with --module");
-  }
   if (!traced.trouble.empty() && !choice.trusted)
     return refusal(name, traced.trouble, "take that right away, or load it all the same with --trust-module");
   if (const std::string trouble = targetTrouble(startOf(file), ownImageStart()); !trouble.empty())

@@ -134,12 +134,15 @@ class Way {
 }  // namespace
 
 bool isHarmless(const group& entry, const passwd& user) noexcept {
+  constexpr std::string_view kRoot = "root";
   constexpr std::string_view kAdministrators = "admin";
-  if (entry.gr_gid == 0) return true;
-  if (entry.gr_name == kAdministrators) return true;
-  if (entry.gr_gid != user.pw_gid || std::string_view{entry.gr_name} != user.pw_name) return false;
+  constexpr gid_t kAdministratorsOfMacOS = 80;
+  const std::string_view name{entry.gr_name};
+  if (entry.gr_gid == kAdministratorsOfMacOS && name == kAdministrators) return true;
+  const bool isOwn = entry.gr_gid == user.pw_gid && name == user.pw_name;
+  if (entry.gr_gid != 0 && !isOwn) return false;
   for (char** member = entry.gr_mem; *member; ++member) {
-    if (std::string_view{*member} != user.pw_name) return false;
+    if (*member != kRoot && std::string_view{*member} != user.pw_name) return false;
   }
   return true;
 }

@@ -25,8 +25,9 @@ struct TracedFile {
 /// tell, are not looked at.
 [[nodiscard]] TracedFile traceFile(const std::string& path);
 
-/// Whether what that group may do is no more than this user and root may do: the group of root, that of the
-/// administrators of macOS, who may act as root, and the private group that many systems give each user.
+/// Whether what that group may do is no more than this user and root may do: the group of root and the
+/// private one that many systems give each user, with nobody else in them, and that of the administrators of
+/// macOS, who may act as root. Whose primary group it is does not show here.
 [[nodiscard]] bool isHarmless(const group& entry, const passwd& user) noexcept;
 
 }  // namespace mirel

@@ -115,6 +115,8 @@ TEST_F(ModuleFile, WithoutASlashIsInTheWorkingFolder) {
   EXPECT_THAT(mine.loader->errorText(), StartsWith(name + ": "));
 
   fs::copy_file(kModuleWithoutEntry, folder.path() / name);
+  mine = services();
+  ASSERT_FALSE(chooseModule(mine, {name, true}));
   void* library = mine.loader->open((home.home() + kModuleTail).c_str());
   ASSERT_NE(library, nullptr);
   EXPECT_TRUE(mine.loader->close(library));
@@ -143,6 +145,16 @@ TEST_F(ModuleFile, IsNamedInTheLoadersTextAsTheUserNamedIt) {
     EXPECT_EQ(failure.what, "the PKCS #11 module " + name + " cannot be loaded");
     EXPECT_THAT(failure.why, StartsWith(name + ": "));
   }
+}
+
+TEST_F(ModuleFile, ThatAppearsLaterIsNotOpened) {
+  const fs::path later = folder.path() / "later.so";
+  PlatformServices mine = services();
+  EXPECT_FALSE(chooseModule(mine, {later.string()}));
+  fs::copy_file(kScriptedModule, later);
+  EXPECT_FALSE(mine.loader->open((home.home() + kModuleTail).c_str()));
+  EXPECT_EQ(mine.loader->errorText(),
+            later.string() + ": cannot open shared object file: No such file or directory");
 }
 
 TEST_F(ModuleFile, ThatIsMissingIsToldByTheLoader) {

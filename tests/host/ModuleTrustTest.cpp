@@ -111,6 +111,8 @@ TEST(HarmlessGroup, HasNobodyButThisUserAndRoot) {
       {"her own", ada, 1000, nobody, true},
       {"her own, with her named", ada, 1000, adaAlone, true},
       {"root's", root, 0, nobody, true},
+      {"root's, with somebody else", root, 0, both, false},
+      {"one called as the administrators'", admin, 1002, both, false},
       {"the administrators'", admin, 80, both, true},
       {"her own with somebody else", ada, 1000, both, false},
       {"of her name, but not her own", ada, 1001, nobody, false},

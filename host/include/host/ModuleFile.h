@@ -21,7 +21,8 @@ struct ModuleChoice {
 
 /// Has the loader of `services` open the chosen file where the card layer looks for its module: in the user's
 /// home. Nothing is written to disk. The loader's error texts name the file as the user does. Nothing when
-/// that could be arranged; also when there is no such file, which the loader then tells.
+/// that could be arranged; also when there is no such file, which the loader then tells, and which it does
+/// not open when it appears later.
 ///
 /// Fails for what is no regular file, and for a library whose header says that it is for other systems. Fails
 /// for a file that is not trusted and that somebody else may change: the module gets the PIN, and runs with
