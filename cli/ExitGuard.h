@@ -16,6 +16,9 @@ class ExitGuard {
   ExitGuard& operator=(const ExitGuard&) = delete;
   ~ExitGuard();
 
+  /// The program's exit code, which holds whatever the module does when it is unloaded. At the end of main.
+  static void programEndsWith(int code) noexcept;
+
   /// Has the message name the call of the module that the process ended in.
   [[nodiscard]] static std::shared_ptr<CryptokiObserver> observer();
 };

@@ -149,7 +149,9 @@ int main(int argc, char** argv) {
   // The texts that a token has for its users follow the user's language.
   (void)std::setlocale(LC_MESSAGES, "");
   try {
-    return static_cast<int>(mirel::cli::parseAndRun(argc, argv));
+    const int code = static_cast<int>(mirel::cli::parseAndRun(argc, argv));
+    mirel::cli::ExitGuard::programEndsWith(code);
+    return code;
   } catch (const std::exception& error) {
     mirel::cli::writeMessage("mireltoken: internal error: " + std::string{error.what()} +
                              "; please report it");

@@ -9,7 +9,8 @@
 ///   MIREL_STAGED_TOKEN_FLAGS  hexadecimal: set in the flags of every token.
 ///   MIREL_STAGED_TOKEN_INFOS  how many calls of C_GetTokenInfo are handed on; later ones answer 30.
 ///   MIREL_STAGED_EXIT         a function in kStaged, or C_GetTokenInfo: its call ends the process by
-///                             exit(0).
+///                             exit(0); "end": so does the end of this library; "child": a child that it
+///                             makes ends so, and the library is not loaded unless the child's code is 0.
 ///   MIREL_STAGED_EXIT_FILE    once there is that file, a thread ends the process by exit(0).
 ///   MIREL_STAGED_TRACEABLE    set: other processes of the user may look into the memory of this one again.
 ///   MIREL_STAGED_PLAIN        a file: what C_Decrypt decrypts every cipher text to, without a copy of it, as
@@ -25,6 +26,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/prctl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -141,6 +143,7 @@ struct End {
   End(const End&) = delete;
   End& operator=(const End&) = delete;
   ~End() {
+    if (variable("MIREL_STAGED_EXIT") == "end") std::exit(0);
     if (variable("MIREL_STAGED_PAUSE") != "exit") return;
     note("exit");
     while (true) (void)pause();
@@ -170,6 +173,12 @@ extern "C" __attribute__((visibility("default"))) CK_RV C_GetFunctionList(CK_FUN
   if (!entry || entry(&found) != CKR_OK) return CKR_LIBRARY_LOAD_FAILED;
   *list = &ours;
   if (real) return CKR_OK;
+  if (variable("MIREL_STAGED_EXIT") == "child") {
+    const pid_t child = fork();
+    if (child == 0) std::exit(0);
+    int status = -1;
+    if (waitpid(child, &status, 0) != child || status != 0) return CKR_FUNCTION_FAILED;
+  }
   real = found;
   readAnswers();
   readLengths();
