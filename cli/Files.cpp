@@ -132,7 +132,7 @@ class UndisturbedBySignals {
   UndisturbedBySignals() {
     sigset_t ending;
     sigemptyset(&ending);
-    for (const int signal : {SIGHUP, SIGINT, SIGQUIT, SIGTERM}) sigaddset(&ending, signal);
+    for (const int signal : {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGALRM, SIGXCPU}) sigaddset(&ending, signal);
     (void)pthread_sigmask(SIG_BLOCK, &ending, &before_);
   }
   UndisturbedBySignals(const UndisturbedBySignals&) = delete;
@@ -146,8 +146,9 @@ class UndisturbedBySignals {
 /// The mode of a file that takes the place of the one at `target`, or of none.
 mode_t modeFor(const std::string& target, int newFile, mode_t mode) {
   struct stat there {};
-  // Somebody else's file may have been put there for its mode.
-  if (stat(target.c_str(), &there) != 0 || there.st_uid != geteuid()) return mode & ~processMask();
+  if (stat(target.c_str(), &there) != 0) return mode & ~processMask();
+  // Somebody else's file may have been put there for its mode, which gives nothing that is not given anyway.
+  if (there.st_uid != geteuid()) return mode & ~processMask() & there.st_mode;
   const mode_t withExecution = mode | ((mode & (S_IRUSR | S_IRGRP | S_IROTH)) >> 2U);
   mode_t kept = there.st_mode & withExecution;
   // What the group may do is meant for that group.
