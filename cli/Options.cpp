@@ -41,7 +41,7 @@ constexpr const char* kFooter =
     "  15  another card is in the reader\n"
     "  16  the card or its service went away\n"
     "  17  a try is left for the user: the PIN was not sent\n"
-    "  18  this card's PIN cannot be entered here";
+    "  18  this PIN, or this card's, cannot be entered here";
 
 class Declaration {
  public:

@@ -78,6 +78,7 @@ class CheckedPins : public PinSource {
 
   Pin askForPin(const std::string& tokenLabel) final {
     const PinState state = pinState_();
+    if (state.gone) return *state.gone;
     if (state.enteredAtReader) {
       return Failure{FailureKind::kPinCannotBeEntered, "the PIN of this card cannot be entered here",
                      "the card takes it from the keys of the reader",

@@ -5,6 +5,7 @@
 #include "CardTrouble.h"
 #include "FailureDiary.h"
 #include "FixedText.h"
+#include "TokenInfo.h"
 #include "bridge/ModuleLock.h"
 #include "bridge/P11Bridge.h"
 #include "framework/MirelCTKFramework.h"
@@ -32,16 +33,22 @@ std::string described(const Text& label, const Text& serialNumber) {
 }
 
 /// What the reader holds, found in the way in which the token finds it.
-std::optional<FailedCall> readToken(P11Bridge& bridge, const Text& readerName, FailureDiary& diary,
+std::optional<FailedCall> readToken(P11Bridge& bridge, const Reader& reader, FailureDiary& diary,
                                     CK_TOKEN_INFO& outToken) {
   diary.clear();
   CK_SLOT_ID slotID = kNoHandle;
-  if (const CK_RV rv = bridge.pkcs11_FindSlot(readerName, &slotID); rv != CKR_OK) {
+  if (const CK_RV rv = bridge.pkcs11_FindSlot(reader.distinctName, &slotID); rv != CKR_OK) {
     return diary.cause().value_or(FailedCall{"pkcs11_FindSlot", rv});
   }
   const CK_FUNCTION_LIST* list = bridge.ckFunc();
   if (!list) return FailedCall{"pkcs11_FindSlot", CKR_CRYPTOKI_NOT_INITIALIZED};
-  const CK_RV rv = callAlone(list->C_GetTokenInfo, slotID, &outToken);
+  if (slotID != reader.slotID) {
+    // The search passes over a slot that cannot be read just now, and may so come to another reader.
+    CK_SLOT_INFO slot{};
+    if (const CK_RV rv = callAlone(list->C_GetSlotInfo, CK_SLOT_ID{reader.slotID}, &slot); rv != CKR_OK)
+      return FailedCall{"C_GetSlotInfo", rv};
+  }
+  const CK_RV rv = readTokenInfo(*list, slotID, outToken);
   return rv == CKR_OK ? std::nullopt : std::optional{FailedCall{"C_GetTokenInfo", rv}};
 }
 
@@ -79,7 +86,7 @@ std::optional<Failure> CardWatch::lookAtCard(FailureDiary& diary) const {
   const bool changed = framework->IsCardStateChanged(name.c_str());
 
   CK_TOKEN_INFO token{};
-  if (const auto cause = readToken(*bridge, reader_.distinctName, diary, token)) {
+  if (const auto cause = readToken(*bridge, reader_, diary, token)) {
     const Failure because =
         failureBecauseOf(*cause, "the card in the reader " + quoted(reader_.name) + " cannot be looked at",
                          FailureKind::kCardRefuses);
@@ -103,11 +110,17 @@ std::optional<Failure> CardWatch::lookAtCard(FailureDiary& diary) const {
              : because;
 }
 
-std::optional<Failure> CardWatch::anotherCardAtInsertion() const {
+std::optional<Failure> CardWatch::anotherCardAtInsertion() {
   const auto provider = providerOf(token_);
   const auto framework = provider ? provider->pCTKFramework() : nullptr;
   const auto record = framework ? framework->p11ServiceInfo() : nullptr;
-  return record ? compared(record->tokenInfo()) : std::nullopt;
+  if (!record) return std::nullopt;
+  const CK_TOKEN_INFO token = record->tokenInfo();
+  if (!reader_.unreadable) return compared(token);
+  // The reader could not say before which card it holds.
+  reader_.tokenLabel = trimmed(token.label);
+  reader_.serialNumber = trimmed(token.serialNumber);
+  return std::nullopt;
 }
 
 std::optional<Failure> CardWatch::compared(const CK_TOKEN_INFO& token) const {

@@ -32,8 +32,9 @@ class CardWatch {
   /// Ends the token when the failure is that the card is gone.
   void learnFrom(const Failure& failure);
 
-  /// Whether the token was made of another card than the reader held before. Asks nobody.
-  [[nodiscard]] std::optional<Failure> anotherCardAtInsertion() const;
+  /// Whether the token was made of another card than the reader held before. Asks nobody. Before anything
+  /// else.
+  [[nodiscard]] std::optional<Failure> anotherCardAtInsertion();
 
  private:
   [[nodiscard]] std::optional<Failure> compared(const CK_TOKEN_INFO& token) const;

@@ -14,7 +14,7 @@
 #include "HostTokenKit.h"
 #include "NameList.h"
 #include "ReaderFinder.h"
-#include "bridge/ModuleLock.h"
+#include "TokenInfo.h"
 #include "bridge/P11Bridge.h"
 #include "host/CryptokiNames.h"
 #include "host/Display.h"
@@ -287,11 +287,17 @@ PinState Host::pinState(const Reader& reader) {
   using enum PinState::Tries;
   const CK_FUNCTION_LIST* list = bridge_->ckFunc();
   CK_TOKEN_INFO token{};
-  const CK_RV rv = list ? callAlone(list->C_GetTokenInfo, CK_SLOT_ID{reader.slotID}, &token)
-                        : CKR_CRYPTOKI_NOT_INITIALIZED;
-  if (rv != CKR_OK) return {kUnknown, false, {}, "C_GetTokenInfo answered " + cryptokiResultText(rv)};
+  const CK_RV rv = list ? readTokenInfo(*list, reader.slotID, token) : CKR_CRYPTOKI_NOT_INITIALIZED;
+  if (rv != CKR_OK) {
+    const FailedCall cause{"C_GetTokenInfo", rv};
+    const Failure because =
+        failureBecauseOf(cause, "the PIN was not sent to the card", FailureKind::kCardRefuses);
+    PinState unknown{kUnknown, false, {}, answerText(cause), {}};
+    if (because.kind == FailureKind::kCardGone) unknown.gone = because;
+    return unknown;
+  }
   const auto isSet = [&](CK_FLAGS flag) { return (token.flags & flag) != 0; };
-  PinState state{kNoWord, isSet(CKF_PROTECTED_AUTHENTICATION_PATH), {}, {}};
+  PinState state{kNoWord, isSet(CKF_PROTECTED_AUTHENTICATION_PATH), {}, {}, {}};
   if (isSet(CKF_USER_PIN_LOCKED)) {
     state.tries = kNone;
     state.text = "the PIN is locked";
@@ -313,8 +319,10 @@ Failure Host::listingFailure(const Reader& reader, const std::optional<FailedCal
     return enumerationFailure(reader, describe(*culprit),
                               "have the card's issuer mend or remove that object");
   }
+  // To prepare a card empties it, so that is said of one only that was read and that nothing else is wrong
+  // with.
   const bool bare = !reader.tokenInitialised && !reader.unreadable;
-  if (bare) {
+  if (bare && (!cause || cause->result == CKR_TOKEN_NOT_RECOGNIZED)) {
     return enumerationFailure(reader, cause ? answerText(*cause) : "the module gives no reason",
                               kNotInitialised);
   }

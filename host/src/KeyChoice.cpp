@@ -78,7 +78,7 @@ Outcome<ChosenKey> withCertificate(const InsertedCard& card, const PublishedKey&
     if (certificate && certificate->objectID == key.certificateID) return ChosenKey{key, *certificate};
   }
   return Failure{FailureKind::kKeyNotFound,
-                 "the key " + quotedForDisplay(displayed(key.objectID)) + " has no certificate",
+                 "the key " + quotedForDisplay(shortened(displayed(key.objectID))) + " has no certificate",
                  "the system refused its certificate item", kSeeItems};
 }
 

@@ -9,6 +9,7 @@
 #include "CardWatch.h"
 #include "FailureDiary.h"
 #include "HostTokenKit.h"
+#include "NameList.h"
 #include "RsaEncoding.h"
 #include "bridge/P11Bridge.h"
 #include "host/CryptokiNames.h"
@@ -202,8 +203,8 @@ std::optional<SecKeyAlgorithm> KeyClient::acceptedForm(const PublishedKey& key, 
 Outcome<SecKeyAlgorithm> KeyClient::formFor(const PublishedKey& key, SecKeyAlgorithm algorithm,
                                             TKTokenOperation operation) {
   if (const auto end = card_.watch ? card_.watch->ended() : std::nullopt) return *end;
-  const std::string what = "the key \"" + displayed(key.objectID) + "\" does not " + verbOf(operation) +
-                           " with " + named(algorithm);
+  const std::string what = "the key \"" + shortened(displayed(key.objectID)) + "\" does not " +
+                           verbOf(operation) + " with " + named(algorithm);
   if (operationOf(algorithm) != operation) {
     return Failure{FailureKind::kNotSupported, what,
                    std::string{"that algorithm is there to "} + verbOf(operationOf(algorithm)),
@@ -401,11 +402,12 @@ std::optional<Failure> KeyClient::authenticate(TKTokenOperation operation, const
 std::optional<Failure> KeyClient::missingCard() {
   if (!card_.watch) return std::nullopt;
   auto failure = card_.watch->look(*diary_);
-  if (card_.watch->ended()) {
-    session_.reset();
-    card_.token.reset();
-  }
-  return failure;
+  // Another client may have found out since.
+  const auto end = card_.watch->ended();
+  if (!end) return failure;
+  session_.reset();
+  card_.token.reset();
+  return end;
 }
 
 void KeyClient::learnFrom(const Failure& failure) {

@@ -7,6 +7,7 @@
 #include "CardTrouble.h"
 #include "FailureDiary.h"
 #include "FixedText.h"
+#include "TokenInfo.h"
 #include "bridge/ModuleLock.h"
 #include "bridge/P11Bridge.h"
 #include "host/CryptokiNames.h"
@@ -88,7 +89,7 @@ Reader readReader(const CK_FUNCTION_LIST& list, CK_SLOT_ID slotID, bool withToke
     return reader;
   }
   CK_TOKEN_INFO token{};
-  if (const CK_RV rv = callAlone(list.C_GetTokenInfo, slotID, &token); rv != CKR_OK) {
+  if (const CK_RV rv = readTokenInfo(list, slotID, token); rv != CKR_OK) {
     setProblem(reader, {"C_GetTokenInfo", rv});
     return reader;
   }

@@ -7,6 +7,7 @@ using ::testing::AnyOf;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
+using ::testing::Not;
 using ::testing::StartsWith;
 
 constexpr unsigned kSignatureAndNonRepudiation = 0x03;
@@ -282,6 +283,20 @@ TEST_F(Insert, TellsOfACardThatIsGoneInTheMeantime) {
   EXPECT_THAT(whyNotListed(), StartsWith("C_GetTokenInfo answered CKR_TOKEN_NOT_PRESENT (0xE0)"));
 }
 
+// To prepare a card empties it.
+TEST_F(Insert, AdvisesToPrepareNoCardThatIsOnlyPulled) {
+  script.card().info.flags &= ~static_cast<CK_FLAGS>(CKF_TOKEN_INITIALIZED);
+  for (const CK_RV code : {CKR_DEVICE_REMOVED, CKR_DEVICE_ERROR, CKR_GENERAL_ERROR}) {
+    SCOPED_TRACE(code);
+    script.failCallOf("C_FindObjects", 0, code);
+    const Failure failure = failureOf(host.insert(Text{u"Reader A 00"}));
+    EXPECT_EQ(failure.kind,
+              code == CKR_DEVICE_REMOVED ? FailureKind::kCardGone : FailureKind::kCardEnumerationFailed);
+    EXPECT_THAT(failure.whatToDo, Not(HasSubstr("prepare")));
+  }
+  leavesOpen(script.openSessions());
+}
+
 TEST_F(Insert, DoesNotCallACardBareThatCannotBeRead) {
   const std::pair<CK_RV, FailureKind> kRows[] = {
       {CKR_DEVICE_ERROR, FailureKind::kCardEnumerationFailed},
@@ -293,7 +308,10 @@ TEST_F(Insert, DoesNotCallACardBareThatCannotBeRead) {
   script.addSlot("Reader B 00", bare);
   for (const auto& [code, kind] : kRows) {
     SCOPED_TRACE(code);
-    script.failCallOf("C_GetTokenInfo", 0, code);
+    script.hook<&CK_FUNCTION_LIST::C_GetTokenInfo>(
+        [code = code](auto real, CK_SLOT_ID slot, CK_TOKEN_INFO_PTR info) {
+          return slot == kSlot ? code : real(slot, info);
+        });
     const Failure failure = failureOf(host.insert(Text{}));
     EXPECT_EQ(failure.kind, kind);
     EXPECT_THAT(failure.what, HasSubstr("\"Reader A 00\""));

@@ -1,5 +1,6 @@
 #include <openssl/rsa.h>
 
+#include "CardWatch.h"
 #include "host/KeyClientTest.h"
 
 namespace mirel::test {
@@ -227,7 +228,52 @@ TEST_F(SwappedCard, CanBeInsertedAnewWhenItWasTakenOutAndPutBack) {
   EXPECT_EQ(client->logIn(pins), std::nullopt);
 }
 
+TEST_F(SwappedCard, EndsForAClientThatLookedJustBeforeAnotherOneFoundOut) {
+  script.hook<&CK_FUNCTION_LIST::C_GetTokenInfo>([&](auto real, CK_SLOT_ID slot, CK_TOKEN_INFO_PTR info) {
+    card.watch->learnFrom({FailureKind::kCardGone, "the card is gone", "another client saw it", "run again"});
+    return real(slot, info);
+  });
+  EXPECT_EQ(loginFailure().kind, FailureKind::kCardGone);
+  EXPECT_EQ(signFailure().kind, FailureKind::kCardGone);
+  EXPECT_EQ(pins.timesAsked(), 0U);
+  EXPECT_THAT(secretCalls(), IsEmpty());
+}
+
 // ---- What is no change ----
+
+TEST_F(SwappedCard, IsNotACardThatCouldNotBeReadWhenTheReadersWereListed) {
+  script.failCallOf("C_GetTokenInfo", 0, CKR_DEVICE_ERROR);
+  card = inserted(Text{u"Reader A 00"});
+  client = newClient();
+  EXPECT_EQ(client->logIn(pins), std::nullopt);
+  swap();
+  expectAnotherCard(signFailure());
+}
+
+TEST_F(SwappedCard, IsNotACardThatIsReadAtTheSecondTime) {
+  script.failCallOf("C_GetTokenInfo", 0, CKR_DEVICE_REMOVED);
+  card = inserted(Text{u"Reader A 00"});
+  EXPECT_FALSE(card.reader.unreadable);
+  client = newClient();
+  EXPECT_EQ(client->logIn(pins), std::nullopt);
+}
+
+TEST_F(SwappedCard, IsNotSeenInAnotherReaderWhileItsOwnCannotBeRead) {
+  Card other = script.card();
+  setField(other.info.serialNumber, "0000000000000002");
+  script.addSlot("Reader A 00 and more", other);
+  card = inserted(Text{u"Reader A 00"});
+  client = newClient();
+  script.hook<&CK_FUNCTION_LIST::C_GetSlotInfo>([&](auto real, CK_SLOT_ID slot, CK_SLOT_INFO_PTR info) {
+    return slot == card.reader.slotID ? CKR_DEVICE_ERROR : real(slot, info);
+  });
+  const Failure failure = loginFailure();
+  EXPECT_EQ(failure.kind, FailureKind::kCardRefuses);
+  EXPECT_THAT(failure.why, HasSubstr("C_GetSlotInfo answered CKR_DEVICE_ERROR (0x30)"));
+  script.hook<&CK_FUNCTION_LIST::C_GetSlotInfo>(
+      [&](auto real, CK_SLOT_ID slot, CK_SLOT_INFO_PTR info) { return real(slot, info); });
+  EXPECT_EQ(client->logIn(pins), std::nullopt);
+}
 
 TEST_F(SwappedCard, IsNotEveryTokenWithoutARandomNumberGenerator) {
   script.card().info.flags &= ~static_cast<CK_FLAGS>(CKF_RNG);

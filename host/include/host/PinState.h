@@ -1,6 +1,9 @@
 #pragma once
 
+#include <optional>
 #include <string>
+
+#include "host/Failure.h"
 
 namespace mirel {
 
@@ -18,6 +21,7 @@ struct PinState {
   bool enteredAtReader = false;  ///< the PIN is entered at the reader's own keys
   std::string text;     ///< about the tries, in words for the user; empty when there is nothing to say
   std::string problem;  ///< for kUnknown: why
+  std::optional<Failure> gone;  ///< where that is because the card went away
 };
 
 }  // namespace mirel
