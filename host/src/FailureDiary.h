@@ -28,7 +28,8 @@ struct FailedCall {
 /// on to the observer it wraps (may be null).
 ///
 /// Each thread has a page of its own, and reads and forgets that one alone: what another client of the card
-/// does at the same time explains nothing here.
+/// does at the same time explains nothing here. A page stays when its thread has ended, and a later thread
+/// may come upon it: begin with `clear`.
 class FailureDiary final : public CryptokiObserver {
  public:
   using Entry = FailedCall;
