@@ -173,7 +173,8 @@ Outcome<std::vector<Reader>> Host::readers(const Text& readerName) {
   return std::vector{std::get<Reader>(named)};
 }
 
-Outcome<Reader> Host::chooseReader(const Text& readerName) {
+/// `outUncertain`: why another reader may be meant; left alone when that is sure.
+Outcome<Reader> Host::chooseReader(const Text& readerName, std::optional<Failure>& outUncertain) {
   auto found = readers();
   if (auto* failure = std::get_if<Failure>(&found)) return *failure;
   const auto& candidates = std::get<std::vector<Reader>>(found);
@@ -182,6 +183,13 @@ Outcome<Reader> Host::chooseReader(const Text& readerName) {
     const auto first = std::find_if(candidates.begin(), candidates.end(), [](const Reader& reader) {
       return reader.tokenInitialised && !reader.distinctName.isNull();
     });
+    const auto passedOver = std::find_if(candidates.begin(), first,
+                                         [](const Reader& reader) { return reader.mayBeReadableLater; });
+    if (first != candidates.end() && passedOver != first) {
+      outUncertain = Failure{passedOver->unreadable->kind, "which card is meant cannot be told",
+                             passedOver->unreadable->what + ": " + passedOver->unreadable->why,
+                             "run again, or name the reader with --reader"};
+    }
     if (first != candidates.end()) return *first;
     if (candidates.empty()) {
       return Failure{FailureKind::kNoCard, "there is no card to insert", "no reader holds a card",
@@ -229,7 +237,8 @@ Outcome<Reader> Host::readerNamed(const Text& readerName, const std::vector<Read
 }
 
 Outcome<InsertedCard> Host::insert(const Text& readerName) {
-  auto chosen = chooseReader(readerName);
+  std::optional<Failure> uncertain;
+  auto chosen = chooseReader(readerName, uncertain);
   if (auto* failure = std::get_if<Failure>(&chosen)) return *failure;
   const Reader& reader = std::get<Reader>(chosen);
 
@@ -261,18 +270,21 @@ Outcome<InsertedCard> Host::insert(const Text& readerName) {
                     publishedItems(registered->contents()),
                     std::static_pointer_cast<MirelSCToken>(token),
                     std::nullopt,
+                    std::nullopt,
                     nullptr};
   if (failedRead) {
     card.incomplete = failureBecauseOf(*failedRead, "the objects of the card were not all read",
                                        FailureKind::kCardEnumerationFailed);
   }
+  card.uncertain = uncertain;
   card.watch = std::make_shared<CardWatch>(card.token, reader);
   if (const auto another = card.watch->anotherCardAtInsertion()) return *another;
   return card;
 }
 
 Outcome<std::unique_ptr<KeyClient>> Host::newClient(const InsertedCard& card) {
-  if (card.watch && card.watch->ended()) return *card.watch->ended();
+  if (const auto end = card.watch ? card.watch->ended() : std::nullopt) return *end;
+  if (card.uncertain) return *card.uncertain;
   std::optional<TKError> error;
   auto session =
       std::dynamic_pointer_cast<MirelSCTokenSession>(card.token->createSessionWithError(card.token, &error));

@@ -69,6 +69,8 @@ void setProblem(Reader& reader, const FailedCall& cause) {
       failureBecauseOf(cause, "the card in the reader \"" + displayed(reader.name) + "\" cannot be read",
                        FailureKind::kCardEnumerationFailed);
   reader.problem = reader.unreadable->why + "; " + reader.unreadable->whatToDo;
+  reader.mayBeReadableLater =
+      cause.result != CKR_TOKEN_NOT_RECOGNIZED && cause.result != CKR_TOKEN_NOT_PRESENT;
 }
 
 Reader readReader(const CK_FUNCTION_LIST& list, CK_SLOT_ID slotID, bool withTokenOnly,

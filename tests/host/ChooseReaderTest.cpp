@@ -1,4 +1,5 @@
 #include "host/HostTest.h"
+#include "host/KeyClient.h"
 
 namespace mirel::test {
 namespace {
@@ -46,6 +47,33 @@ TEST_F(ChooseReader, PassesOverAReaderThatCannotBeRead) {
   setReaders({"Reader A", "Reader B"});
   script.failCallOf("C_GetSlotInfo", 0, CKR_DEVICE_ERROR);
   EXPECT_EQ(labelFor(Text{}), "Card 1");
+}
+
+// It would get a PIN that is not its own.
+TEST_F(ChooseReader, GivesNoClientOfACardThatIsTakenForOneThatCannotBeReadJustNow) {
+  setReaders({"Reader A", "Reader B"});
+  script.failCallOf("C_GetTokenInfo", 0, CKR_DEVICE_ERROR);
+  const Failure failure = failureOf(host.newClient(inserted()));
+  EXPECT_EQ(failure.kind, FailureKind::kCardEnumerationFailed);
+  EXPECT_THAT(failure.why,
+              AllOf(HasSubstr("\"Reader A\""), HasSubstr("C_GetTokenInfo answered CKR_DEVICE_ERROR")));
+  EXPECT_THAT(failure.whatToDo, HasSubstr("--reader"));
+  leavesOpen(script.openSessions());
+}
+
+TEST_F(ChooseReader, GivesAClientOfACardBehindOneThatTheModuleDoesNotKnow) {
+  setReaders({"Reader A", "Reader B"});
+  script.failCallOf("C_GetTokenInfo", 0, CKR_TOKEN_NOT_RECOGNIZED);
+  EXPECT_TRUE(std::holds_alternative<std::unique_ptr<KeyClient>>(host.newClient(inserted())));
+  leavesOpen(script.openSessions());
+}
+
+TEST_F(ChooseReader, GivesAClientOfTheCardWhoseReaderIsNamed) {
+  setReaders({"Reader A", "Reader B"});
+  script.failCallOf("C_GetTokenInfo", 0, CKR_DEVICE_ERROR);
+  EXPECT_TRUE(
+      std::holds_alternative<std::unique_ptr<KeyClient>>(host.newClient(inserted(Text{u"Reader B"}))));
+  leavesOpen(script.openSessions());
 }
 
 TEST_F(ChooseReader, FailsWithoutAnyCard) {

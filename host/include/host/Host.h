@@ -38,6 +38,7 @@ struct Reader {
   bool tokenInitialised = false;
   std::string problem;                ///< why the token could not be read, and what to do; empty: it could
   std::optional<Failure> unreadable;  ///< the same as a failure; null also where there is no card
+  bool mayBeReadableLater = false;    ///< and it is no lasting answer, such as that the card is not known
 
   /// The name that leads the card framework to this very slot, where a shorter one would also fit
   /// another: `name`, with as much of the padding as that takes. Null when an earlier slot has the same
@@ -85,6 +86,7 @@ struct InsertedCard {
   std::vector<PublishedItem> items;  ///< in published order
   std::shared_ptr<MirelSCToken> token;
   std::optional<Failure> incomplete;  ///< the read that failed, for which an item may be missing
+  std::optional<Failure> uncertain;   ///< why another card may be meant, where no reader was named
   std::shared_ptr<CardWatch> watch;   ///< shared by all that use the token; null: nobody watches
 };
 
@@ -126,7 +128,8 @@ class Host {
   /// beginning that only one reader has; null: the first reader whose token is initialised.
   [[nodiscard]] Outcome<InsertedCard> insert(const Text& readerName);
 
-  /// A new client of the token of an inserted card.
+  /// A new client of the token of an inserted card. None of a card that was taken because the one before
+  /// could not be read just now: it would get a PIN that is not its own.
   [[nodiscard]] Outcome<std::unique_ptr<KeyClient>> newClient(const InsertedCard& card);
 
   /// What the flags of the card's token say about the PIN just now.
@@ -142,7 +145,7 @@ class Host {
   [[nodiscard]] Unpublished unpublishedObjects(const InsertedCard& card);
 
  private:
-  [[nodiscard]] Outcome<Reader> chooseReader(const Text& readerName);
+  [[nodiscard]] Outcome<Reader> chooseReader(const Text& readerName, std::optional<Failure>& outUncertain);
   [[nodiscard]] Failure listingFailure(const Reader& reader, const std::optional<FailedCall>& cause);
   [[nodiscard]] Outcome<Reader> readerNamed(const Text& readerName, const std::vector<Reader>& candidates);
 
