@@ -403,7 +403,7 @@ std::optional<Failure> KeyClient::missingCard() {
   if (!card_.watch) return std::nullopt;
   auto failure = card_.watch->look(*diary_);
   // Another client may have found out since.
-  const auto end = card_.watch->ended();
+  auto end = card_.watch->ended();
   if (!end) return failure;
   session_.reset();
   card_.token.reset();
