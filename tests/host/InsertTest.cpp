@@ -309,8 +309,8 @@ TEST_F(Insert, DoesNotCallACardBareThatCannotBeRead) {
   for (const auto& [code, kind] : kRows) {
     SCOPED_TRACE(code);
     script.hook<&CK_FUNCTION_LIST::C_GetTokenInfo>(
-        [code = code](auto real, CK_SLOT_ID slot, CK_TOKEN_INFO_PTR info) {
-          return slot == kSlot ? code : real(slot, info);
+        [answer = code](auto real, CK_SLOT_ID slot, CK_TOKEN_INFO_PTR info) {
+          return slot == kSlot ? answer : real(slot, info);
         });
     const Failure failure = failureOf(host.insert(Text{}));
     EXPECT_EQ(failure.kind, kind);
