@@ -6,6 +6,7 @@
 #include "CardRecord.h"
 #include "bridge/P11Bridge.h"
 #include "framework/MirelCTKFramework.h"
+#include "platform/Hex.h"
 #include "platform/Log.h"
 
 namespace mirel {
@@ -98,7 +99,7 @@ bool MirelCTKFramework::PerformSignHash(const char* readerName,
   const CK_SESSION_HANDLE session = p11ServiceInfo_->hSession();
   const CK_OBJECT_HANDLE publicKey = publicHandleOf(key);
   log.process(logLine("[%s-%d] key ID = %@, public key = %lX", kSignMethod, kKeyLine,
-                      key ? key->keyID() : Text{}, upperHex(publicKey)));
+                      key ? key->keyID() : Text{}, hexOfNumber(publicKey, HexDigits::kUpper)));
 
   const auto output = outSignature.first(std::min<std::size_t>(outSignature.size(), *ioSignatureLen));
   CK_OBJECT_HANDLE privateKey = 0;

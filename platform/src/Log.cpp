@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "platform/Hex.h"
+
 namespace mirel {
 namespace {
 
@@ -15,10 +17,7 @@ std::size_t conversionLength(std::string_view format) noexcept {
 }
 
 void appendEscaped(std::string& out, unsigned char byte) {
-  constexpr std::string_view kDigits = "0123456789ABCDEF";
-  out += "\\x";
-  out += kDigits[byte >> 4U];
-  out += kDigits[byte & 0xFU];
+  out.append("\\x").append(hexOfBytes({&byte, 1}, HexDigits::kUpper));
 }
 
 /// The bytes of the UTF-8 character at the front of `line` (not empty); a single byte when none is
@@ -78,16 +77,6 @@ bool isPrintableLine(std::string_view line) {
     line.remove_prefix(character.size());
   }
   return true;
-}
-
-std::string upperHex(std::uint64_t number) {
-  constexpr std::string_view kDigits = "0123456789ABCDEF";
-  std::string digits;
-  do {
-    digits.insert(digits.begin(), kDigits[number & 0xFU]);
-    number >>= 4U;
-  } while (number != 0);
-  return digits;
 }
 
 }  // namespace mirel

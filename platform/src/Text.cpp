@@ -3,7 +3,6 @@
 #include <algorithm>
 
 #include "Utf.h"
-#include "platform/Memory.h"
 
 namespace mirel {
 Text::Text(std::u16string_view units) : units_{std::make_shared<const std::u16string>(units)} {}
@@ -63,23 +62,6 @@ bool isValidUtf8(std::span<const std::uint8_t> bytes) noexcept {
     rest.remove_prefix(next.size);
   }
   return true;
-}
-
-Bytes Bytes::secret(const Bytes& bytes) {
-  struct Wiped {
-    explicit Wiped(std::shared_ptr<const std::vector<std::uint8_t>> owned) : bytes{std::move(owned)} {}
-    Wiped(const Wiped&) = delete;
-    Wiped& operator=(const Wiped&) = delete;
-    // The vector is constant, its elements are not.
-    ~Wiped() { wipe(const_cast<std::uint8_t*>(bytes->data()), bytes->size()); }
-
-    std::shared_ptr<const std::vector<std::uint8_t>> bytes;
-  };
-  if (bytes.isNull()) return {};
-  const auto owner = std::make_shared<const Wiped>(bytes.bytes_);
-  Bytes result;
-  result.bytes_ = {owner, owner->bytes.get()};
-  return result;
 }
 
 }  // namespace mirel

@@ -5,15 +5,17 @@
 #include <unistd.h>
 
 #include <array>
-#include <limits>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "CapturedStandardError.h"
+#include "platform/Hex.h"
 
 namespace mirel {
 namespace {
+
+std::string upper(std::uint64_t number) { return hexOfNumber(number, HexDigits::kUpper); }
 
 using namespace std::string_view_literals;
 
@@ -57,14 +59,14 @@ TEST(LogLine, TakesTheWholeOfEachConversion) {
       {"%d", logLine("<%d>", -7), "<-7>"},
       {"%@", logLine("<%@>", Text{u"a"}), "<a>"},
       {"%lu", logLine("<%lu>", 7UL), "<7>"},
-      {"%lX", logLine("<%lX>", upperHex(0xBEEF)), "<BEEF>"},
+      {"%lX", logLine("<%lX>", upper(0xBEEF)), "<BEEF>"},
       {"%hhd", logLine("<%hhd>", 1), "<1>"},
       // The letters of longer conversions behind shorter ones
       {"%d before lu", logLine("%dlu", 1), "1lu"},
       {"%s before hd", logLine("%shd", "a"), "ahd"},
-      {"%lX before X", logLine("%lXX", upperHex(10)), "AX"},
+      {"%lX before X", logLine("%lXX", upper(10)), "AX"},
       {"%hhd before d", logLine("%hhdd", 1), "1d"},
-      {"all in a row", logLine("%lX%hhd%lu%@%s%d", upperHex(255), 0, 2UL, Text{u"3"}, "4", 5), "FF02345"},
+      {"all in a row", logLine("%lX%hhd%lu%@%s%d", upper(255), 0, 2UL, Text{u"3"}, "4", 5), "FF02345"},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.description);
@@ -73,28 +75,6 @@ TEST(LogLine, TakesTheWholeOfEachConversion) {
 }
 
 TEST(LogLine, WritesTruthAsANumber) { EXPECT_EQ(logLine("%hhd %hhd", true, false), "1 0"); }
-
-TEST(UpperHex, WritesCapitalDigitsWithoutLeadingZeros) {
-  const struct {
-    std::uint64_t number;
-    const char* expected;
-  } rows[] = {
-      {0, "0"},
-      {1, "1"},
-      {9, "9"},
-      {10, "A"},
-      {15, "F"},
-      {16, "10"},
-      {0x100, "100"},
-      {0xABCDEF, "ABCDEF"},
-      {0x0123456789, "123456789"},
-      {0xFFFFFFFF, "FFFFFFFF"},
-      {0x100000000, "100000000"},
-      {0x8000000000000000, "8000000000000000"},
-      {std::numeric_limits<std::uint64_t>::max(), "FFFFFFFFFFFFFFFF"},
-  };
-  for (const auto& row : rows) EXPECT_EQ(upperHex(row.number), row.expected);
-}
 
 TEST(PrintableLine, LeavesPrintableCharactersAlone) {
   const std::string_view rows[] = {

@@ -6,6 +6,7 @@
 
 #include "bridge/cryptoki.h"
 #include "platform/AtomicProperty.h"
+#include "platform/Bytes.h"
 #include "platform/Text.h"
 
 namespace mirel {

@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 
+#include "platform/Bytes.h"
 #include "platform/Text.h"
 
 namespace mirel {

@@ -5,11 +5,10 @@
 #include <memory>
 #include <span>
 #include <string_view>
-#include <vector>
+
+#include "platform/Bytes.h"
 
 namespace mirel {
-
-using ByteVector = std::vector<std::uint8_t>;
 
 /// The hash functions of FIPS 180-4 that the names of key algorithms know.
 enum class Hash { kSHA1, kSHA224, kSHA256, kSHA384, kSHA512 };
@@ -21,7 +20,8 @@ struct HashFacts {
 
 [[nodiscard]] const HashFacts& factsOf(Hash hash) noexcept;
 
-/// A digest in the making, computed by the running system's library.
+/// A digest in the making, computed by the running system's library. Like a function of the system it is
+/// not handed down: the result depends on the data alone.
 /// Throws std::runtime_error where that library cannot.
 class Digest {
  public:

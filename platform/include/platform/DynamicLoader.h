@@ -33,7 +33,8 @@ class DynamicLoader {
 [[nodiscard]] std::shared_ptr<DynamicLoader> systemDynamicLoader();
 
 /// The first bytes of the image that this code was loaded from, as its file has them: the start of its
-/// header, from which can be read what it was built for. Empty when the system does not tell.
+/// header, from which can be read what it was built for. Empty when the system does not tell. A function of
+/// the system, not handed down.
 [[nodiscard]] std::span<const std::uint8_t> ownImageStart() noexcept;
 
 }  // namespace mirel

@@ -39,9 +39,6 @@ class Log {
 /// True when `printableLine` leaves `line` as it is. Makes no copy of it.
 [[nodiscard]] bool isPrintableLine(std::string_view line);
 
-/// What "%lX" prints of a number.
-[[nodiscard]] std::string upperHex(std::uint64_t number);
-
 /// One argument of a log line, already as text.
 class LogArgument {
  public:

@@ -4,6 +4,7 @@
 #include <memory>
 #include <span>
 
+#include "platform/Bytes.h"
 #include "platform/Digest.h"
 #include "platform/SecKeyAlgorithm.h"
 
@@ -29,7 +30,7 @@ class PublicKey {
 };
 
 /// The public key in the certificate with that DER encoding, by the running system's library; null when it
-/// cannot be read.
+/// cannot be read. A function of the system, not handed down: the result depends on the bytes alone.
 [[nodiscard]] std::unique_ptr<PublicKey> publicKeyOfCertificate(std::span<const std::uint8_t> der) noexcept;
 
 }  // namespace mirel

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "platform/AtomicProperty.h"
+#include "platform/Bytes.h"
 #include "platform/PlatformServices.h"
 #include "platform/SecretText.h"
 #include "platform/Text.h"
