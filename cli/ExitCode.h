@@ -4,7 +4,7 @@
 
 namespace mirel::cli {
 
-/// What `mireltoken` ends with; stable, and listed by --help and the README.
+/// What `mireltoken` ends with; stable, and listed by --help, the manual page and docs/command-line.md.
 enum class ExitCode : int {
   kSuccess = 0,
   kInternal = 1,

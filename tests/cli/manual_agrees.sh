@@ -1,8 +1,9 @@
 #!/bin/sh
-# manual_agrees.sh MIRELTOKEN MANUAL README: the help text, the manual page and the README name the same
-# options, commands and exit codes with the same meanings.
+# manual_agrees.sh MIRELTOKEN MANUAL PAGE README: the help text, the manual page and the page about the command line
+# name the same commands and exit codes, with the same meanings, and the first two the same options; the README names
+# the same commands.
 set -eu
-mireltoken=$1 manual=$2 readme=$3
+mireltoken=$1 manual=$2 page=$3 readme=$4
 folder=$(mktemp -d)
 trap 'rm -rf "$folder"' EXIT
 
@@ -21,12 +22,16 @@ diff "$folder/help.options" "$folder/manual.options"
 
 sed -n '/^Exit codes:/,$p' "$folder/help" | sed -n 's/^  \([0-9]*\)  \(.*\)$/\1 \2/p' >"$folder/help.codes"
 sed -n '/^\.SH EXIT STATUS/,/^\.SH ENVIRONMENT/p' "$folder/manual" | sed -n '/^\.B [0-9]/{s/^\.B //;N;s/\n/ /;p;}' >"$folder/manual.codes"
-sed -n 's/^| \([0-9][0-9]*\) | \(.*\) |$/\1 \2/p' "$readme" >"$folder/readme.codes"
+sed -n 's/^| \([0-9][0-9]*\) | \(.*\) |$/\1 \2/p' "$page" >"$folder/page.codes"
 diff "$folder/help.codes" "$folder/manual.codes"
-diff "$folder/help.codes" "$folder/readme.codes"
+diff "$folder/help.codes" "$folder/page.codes"
 
 sed -n '/^\.SH COMMANDS/,/^\.SH OPTIONS/s/^\.B \([a-z]*\)$/\1/p' "$folder/manual" >"$folder/manual.commands"
 diff "$folder/help.commands" "$folder/manual.commands"
+for text in "$page" "$readme"; do
+  sed -n 's/^    mireltoken \([a-z]*\) .*/\1/p' "$text" >"$folder/text.commands"
+  diff "$folder/help.commands" "$folder/text.commands"
+done
 
 # An empty list would agree with another empty one.
 for list in help.options help.codes help.commands; do [ -s "$folder/$list" ]; done
