@@ -241,10 +241,11 @@ def faults_of_workflow(tree):
     return faults
 
 
-def faults_of_readme(tree):
-    """What the README says that is not so."""
+def faults_of_pages(tree):
+    """What the README and the list for the first Mac say that is not so."""
     packaging, token = tree / "packaging/macos", tree / "token/src"
     readme = (packaging / "README.md").read_text()
+    first_mac = (tree / "docs/first-mac.md").read_text()
     faults = []
     before_the_layout = readme.partition("\n```\n")[0]
     cells = re.findall(r"^\| (`[^|]*) \| ", before_the_layout, re.MULTILINE)
@@ -258,18 +259,18 @@ def faults_of_readme(tree):
         faults.append("the README makes a script in a folder that may be missing")
 
     starts = [(token / f"{name}.cpp").read_text() for name in ("MirelSCTokenDriver", "MirelSCToken")]
-    for text in re.findall(r"`(\+\+\+\w+\+\+\+)`", readme):
+    for text in re.findall(r"`(\+\+\+\w+\+\+\+)`", first_mac):
         if not all(f" {text}\"" in source for source in starts):
-            faults.append(f"the README expects {text} of the driver and of the token")
+            faults.append(f"the first Mac's list expects {text} of the driver and of the token")
     sources = "".join(file.read_text() for file in sorted(token.glob("*.cpp")))
-    for text in re.findall(r"`(instance\w* =|[^`\n]*(?:!!!|without mapping)[^`\n]*)`", readme):
+    for text in re.findall(r"`(instance\w* =|[^`\n]*(?:!!!|without mapping)[^`\n]*)`", first_mac):
         if text not in sources:
-            faults.append(f"the README expects {text}, which nothing logs")
+            faults.append(f"the first Mac's list expects {text}, which nothing logs")
 
-    told = re.findall(r"up to (\d+) bytes whole; of more, the length, the first (\d+) and the last (\d+)", readme)
+    told = re.findall(r"up to (\d+) bytes whole; of more, the length, the first (\d+) and the last (\d+)", first_mac)
     description = (token / "Description.cpp").read_text()
     if told != [tuple(re.findall(r"^constexpr std::size_t kShown\w+ = (\d+);", description, re.MULTILINE))]:
-        faults.append("the README shows other bytes than the log")
+        faults.append("the first Mac's list shows other bytes than the log")
     return faults
 
 
@@ -277,7 +278,7 @@ def faults(tree):
     found = faults_of_lists(tree) + faults_of_references(tree)
     # What follows reads the lists, and says nothing new when they cannot be read.
     if not found:
-        found = faults_of_minimum(tree) + faults_of_workflow(tree) + faults_of_readme(tree)
+        found = faults_of_minimum(tree) + faults_of_workflow(tree) + faults_of_pages(tree)
     return found
 
 

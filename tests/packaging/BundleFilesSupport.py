@@ -16,6 +16,7 @@ PARTS = [
     "check",
     "cli/CMakeLists.txt",
     "cmake/macos-toolchain.cmake",
+    "docs/first-mac.md",
     ".github",
     "packaging/macos",
     "token",

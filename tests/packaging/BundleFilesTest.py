@@ -34,6 +34,7 @@ EXTENSION = "packaging/macos/ExtensionInfo.plist.in"
 APP_RIGHTS = "packaging/macos/App.entitlements"
 RIGHTS = "packaging/macos/Extension.entitlements"
 README = "packaging/macos/README.md"
+FIRST_MAC = "docs/first-mac.md"
 DRIVER = "token/src/MirelSCTokenDriver.cpp"
 DESCRIPTION = "token/src/Description.cpp"
 HOME = "com.apple.security.temporary-exception.files.home-relative-path.read-write"
@@ -124,12 +125,12 @@ SPOILED = [
     # What tells of them
     (README, "| `Distribution.xml.in`", "| `Distribution.xml`", "the README does not name Distribution.xml.in"),
     (README, "    sudo mkdir -p /usr/local/bin\n", "", "the README makes a script in a folder that may be missing"),
-    (README, "+++Start+++", "+++START+++", "the README expects +++START+++ of the driver and of the token"),
-    (DRIVER, "+++Start+++", "+++Begin+++", "the README expects +++Start+++ of the driver and of the token"),
-    (README, "`instanceID =`", "`instance =`", "the README expects instance =, which nothing logs"),
-    (README, "fail!!!", "fails!!!", "the README expects initWithMirelCTKFramwork fails!!!, which nothing logs"),
-    (README, "up to 24 bytes", "up to 32 bytes", "the README shows other bytes than the log"),
-    (DESCRIPTION, "kShownAtEnd = 8", "kShownAtEnd = 4", "the README shows other bytes than the log"),
+    (FIRST_MAC, "+++Start+++", "+++START+++", "the first Mac's list expects +++START+++ of the driver and of the token"),
+    (DRIVER, "+++Start+++", "+++Begin+++", "the first Mac's list expects +++Start+++ of the driver and of the token"),
+    (FIRST_MAC, "`instanceID =`", "`instance =`", "the first Mac's list expects instance =, which nothing logs"),
+    (FIRST_MAC, "fail!!!", "fails!!!", "the first Mac's list expects initWithMirelCTKFramwork fails!!!, which nothing logs"),
+    (FIRST_MAC, "up to 24 bytes", "up to 32 bytes", "the first Mac's list shows other bytes than the log"),
+    (DESCRIPTION, "kShownAtEnd = 8", "kShownAtEnd = 4", "the first Mac's list shows other bytes than the log"),
 ]
 
 GOOD_WORKFLOW = """\
