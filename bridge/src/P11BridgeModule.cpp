@@ -13,14 +13,7 @@ namespace {
 constexpr const char* kUnit = "P11Bridge";
 constexpr int kModulePathLine = 30;
 
-constexpr const char* kModuleTail = "/Library/LunetLocalSignServer/libTorvo_p11v1.dylib";
 constexpr const char* kEntryPoint = "C_GetFunctionList";
-
-/// The room, in slot identifiers, that the module is told of in every C_GetSlotList.
-constexpr CK_ULONG kAnnouncedSlots = 10;
-
-/// A module that reports more slots than this is out of its mind.
-constexpr CK_ULONG kMaxSlots = 4096;
 
 /// A new, empty record, or null when there is no memory for it.
 std::shared_ptr<PKCS11_SERVICE_INFO> newServiceRecord(const std::shared_ptr<Memory>& memory) noexcept {
@@ -106,7 +99,7 @@ CK_RV P11Bridge::pkcs11_C_GetSlotList(CK_BBOOL tokenPresent, CK_SLOT_ID* outList
   return operation("pkcs11_C_GetSlotList", [&]() -> CK_RV {
     if (!ckFunc()) return CKR_CRYPTOKI_NOT_INITIALIZED;
     if (!outCount) return CKR_ARGUMENTS_BAD;
-    // Oddity: the module is told of 10 entries, whatever room the caller has.
+    // Oddity: the module is told of so many entries, whatever room the caller has.
     CK_ULONG numSlots = kAnnouncedSlots;
     const CK_RV rv = call<&CK_FUNCTION_LIST::C_GetSlotList>(tokenPresent, outList, &numSlots);
     if (rv != CKR_OK) return rv;
@@ -127,7 +120,7 @@ CK_RV P11Bridge::pkcs11_FindSlot(const Text& description, CK_SLOT_ID* outSlotID)
     if (CK_RV rv = pkcs11_C_GetSlotList(CK_TRUE, nullptr, &numSlots); rv != CKR_OK) return rv;
     if (numSlots > kMaxSlots) return CKR_HOST_MEMORY;
 
-    // The module is told of 10 entries even when it counted fewer, so the list has them.
+    // The module is told of so many entries even when it counted fewer, so the list has them.
     const CK_ULONG room = std::max(numSlots, kAnnouncedSlots);
     MemoryBlock block{*services_.memory};
     if (!block.allocate(room * sizeof(CK_SLOT_ID))) return CKR_HOST_MEMORY;

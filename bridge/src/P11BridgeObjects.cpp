@@ -13,8 +13,13 @@ namespace {
 
 constexpr CK_ULONG kKeyIdCapacity = 255;   // bytes; an ID that fills it is refused
 constexpr CK_ULONG kMaxLabelMatches = 20;  // certificates
-constexpr CK_ULONG kCertificateLimit = 2000;
-constexpr CK_ULONG kLargestFetchedCertificate = kCertificateLimit - 1;
+
+constexpr AttributeRule kModulus = ruleOf(CKO_PUBLIC_KEY, CKA_MODULUS);
+constexpr AttributeRule kPoint = ruleOf(CKO_PUBLIC_KEY, CKA_EC_POINT);
+constexpr AttributeRule kCertificateValue = ruleOf(CKO_CERTIFICATE, CKA_VALUE);
+// Oddity: what fills the limit of a read is not fetched for its length.
+constexpr CK_ULONG kLargestFetchedParameters = kPoint.largest - 1;
+constexpr CK_ULONG kLargestFetchedCertificate = kCertificateValue.largest - 1;
 
 bool isEmptyOrUnavailable(CK_ULONG length) noexcept {
   return length == 0 || length == CK_UNAVAILABLE_INFORMATION;
@@ -199,17 +204,17 @@ CK_RV P11Bridge::readValue(const ValueReader& reader, CK_SESSION_HANDLE session,
 
 CK_RV P11Bridge::pkcs11_getRSAKeyModulus(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE key, CK_BYTE* outValue,
                                          CK_ULONG* ioLen) noexcept {
-  static constexpr std::array<ValueReader::Attribute, 1> kAttributes{{{CKA_MODULUS, 639}}};
-  static constexpr ValueReader kReader{"pkcs11_getRSAKeyModulus", kAttributes, 640};
+  static constexpr std::array<ValueReader::Attribute, 1> kAttributes{{{CKA_MODULUS, kModulus.largest}}};
+  static constexpr ValueReader kReader{"pkcs11_getRSAKeyModulus", kAttributes, kModulus.largest + 1};
   return readValue(kReader, session, key, outValue, ioLen);
 }
 
 CK_RV P11Bridge::pkcs11_getECPublicKey(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE key, CK_BYTE* outValue,
                                        CK_ULONG* ioLen) noexcept {
   static constexpr std::array<ValueReader::Attribute, 2> kAttributes{
-      {{CKA_EC_PARAMS, 199}, {CKA_EC_POINT, 520}}};
-  // Oddity: a point of 201 to 520 bytes gets a buffer but exceeds the limit of the read.
-  static constexpr ValueReader kReader{"pkcs11_getECPublicKey", kAttributes, 200};
+      {{CKA_EC_PARAMS, kLargestFetchedParameters}, {CKA_EC_POINT, kPoint.refusedAbove}}};
+  // Oddity: a point between the two limits gets a buffer but exceeds the limit of the read.
+  static constexpr ValueReader kReader{"pkcs11_getECPublicKey", kAttributes, kPoint.largest};
   return readValue(kReader, session, key, outValue, ioLen);
 }
 
@@ -217,7 +222,7 @@ CK_RV P11Bridge::pkcs11_getCertificate(CK_SESSION_HANDLE session, CK_OBJECT_HAND
                                        CK_BYTE* outValue, CK_ULONG* ioLen) noexcept {
   static constexpr std::array<ValueReader::Attribute, 1> kAttributes{
       {{CKA_VALUE, kLargestFetchedCertificate}}};
-  static constexpr ValueReader kReader{"pkcs11_getCertificate", kAttributes, kCertificateLimit};
+  static constexpr ValueReader kReader{"pkcs11_getCertificate", kAttributes, kCertificateValue.largest};
   return readValue(kReader, session, certificate, outValue, ioLen);
 }
 
@@ -270,7 +275,7 @@ CK_RV P11Bridge::GetCertBlobByLabel(CK_SESSION_HANDLE session, const CK_BYTE* la
 
     CK_ATTRIBUTE value{CKA_VALUE, outValue, outValue ? capacity : 0};
     const auto read = [&] {
-      return pkcs11_getObjsAttriValue(session, found[0], &value, 1, 1, kCertificateLimit);
+      return pkcs11_getObjsAttriValue(session, found[0], &value, 1, 1, kCertificateValue.largest);
     };
     if (CK_RV rv = read(); rv != CKR_OK) return rv;
     if (!outValue && value.ulValueLen <= kLargestFetchedCertificate) {

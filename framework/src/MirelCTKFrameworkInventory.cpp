@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstdlib>
@@ -6,6 +7,7 @@
 #include <vector>
 
 #include "SlotName.h"
+#include "bridge/CardRules.h"
 #include "bridge/P11Bridge.h"
 #include "framework/MirelCTKFramework.h"
 #include "platform/Log.h"
@@ -17,14 +19,8 @@ constexpr const char* kUnit = "MirelCTKFramework";
 constexpr int kBoundCertificateLine = 366;
 constexpr int kChosenCertificateLine = 374;
 
-/// Handles per search: what the bridge may return, so that a card with more than 20 keys works.
-constexpr CK_ULONG kSearchLimit = 160;
-
-constexpr CK_ULONG kKeyValueLimit = 2000;         // bytes, for each attribute of a key
-constexpr CK_ULONG kCertificateTextLimit = 256;   // bytes
-constexpr CK_ULONG kCertificateDataLimit = 2000;  // bytes
-constexpr CK_ULONG kPublicValueRoom = 256;        // bytes, what a length request starts with
-constexpr CK_ULONG kObjectIdRoom = 256;           // bytes
+constexpr CK_ULONG kPublicValueRoom = 256;  // bytes, what a length request starts with
+constexpr CK_ULONG kObjectIdRoom = 256;     // bytes
 
 enum class KeyType { kRSA, kEC, kOther };
 
@@ -40,10 +36,10 @@ class ObjectReader {
     CK_BBOOL onToken = CK_TRUE;
     std::array filter{CK_ATTRIBUTE{CKA_TOKEN, &onToken, sizeof onToken},
                       CK_ATTRIBUTE{CKA_CLASS, &objectClass, sizeof objectClass}};
-    std::vector<CK_OBJECT_HANDLE> found(kSearchLimit);
+    std::vector<CK_OBJECT_HANDLE> found(kMaxListedObjects);
     CK_ULONG numFound = found.size();
     if (bridge_.pkcs11_FindObjects(session_, filter.data(), filter.size(), found.data(), &numFound,
-                                   kSearchLimit) != CKR_OK) {
+                                   kMaxListedObjects) != CKR_OK) {
       return std::nullopt;
     }
     found.resize(numFound);
@@ -64,13 +60,13 @@ class ObjectReader {
   }
 
   /// One attribute of the length just asked for; empty without asking when that is 0.
-  [[nodiscard]] std::optional<ByteVector> value(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type,
-                                                CK_ULONG length, CK_ULONG limit) const {
+  [[nodiscard]] std::optional<ByteVector> value(CK_OBJECT_HANDLE object, const AttributeRule& rule,
+                                                CK_ULONG length) const {
     if (length == 0) return ByteVector{};
-    if (length > limit) return std::nullopt;  // the bridge would refuse it after we had made room
+    if (length > rule.largest) return std::nullopt;  // the bridge would refuse it after we had made room
     ByteVector bytes(length);
-    CK_ATTRIBUTE entry{type, bytes.data(), bytes.size()};
-    if (bridge_.pkcs11_getObjsAttriValue(session_, object, &entry, 1, 1, limit) != CKR_OK)
+    CK_ATTRIBUTE entry{rule.type, bytes.data(), bytes.size()};
+    if (bridge_.pkcs11_getObjsAttriValue(session_, object, &entry, 1, 1, rule.largest) != CKR_OK)
       return std::nullopt;
     bytes.resize(entry.ulValueLen);
     return bytes;
@@ -109,12 +105,30 @@ Text namePrefix(KeyType type) {
 
 enum class Outcome { kRead, kLeftOut, kFailed };
 
+constexpr AttributeRule kModulus = ruleOf(CKO_PUBLIC_KEY, CKA_MODULUS);
+constexpr AttributeRule kPoint = ruleOf(CKO_PUBLIC_KEY, CKA_EC_POINT);
+constexpr AttributeRule kCertificateLabel = ruleOf(CKO_CERTIFICATE, CKA_LABEL);
+
+/// Any other value that cannot be had, or that is too long, fails the listing as it stands below.
+static_assert(std::all_of(kAttributeRules.begin(), kAttributeRules.end(), [](const AttributeRule& rule) {
+  const bool isPublicValue = rule.type == CKA_MODULUS || rule.type == CKA_EC_POINT;
+  return isPublicValue ||
+         (rule.largest == rule.refusedAbove && rule.whenUnreadable == WhenUnreadable::kCardRefused);
+}));
+
+/// What becomes of the object when the value cannot be had.
+Outcome withoutValue(const AttributeRule& rule) noexcept {
+  return rule.whenUnreadable == WhenUnreadable::kObjectLeftOut ? Outcome::kLeftOut : Outcome::kFailed;
+}
+
 /// Reads the modulus or point into the record.
 Outcome readPublicValue(const ObjectReader& reader, KeyType type, PKCS11_ASYMKEY_INFO& key) {
   if (type == KeyType::kOther) return Outcome::kRead;
+  const AttributeRule& rule = type == KeyType::kEC ? kPoint : kModulus;
   CK_ULONG length = kPublicValueRoom;
-  if (reader.publicValue(type, key.hPubKey(), nullptr, &length) != CKR_OK) return Outcome::kLeftOut;
-  if (length > kKeyValueLimit) return Outcome::kFailed;
+  // A point that is too long by a little has no length either: the bridge gives none.
+  if (reader.publicValue(type, key.hPubKey(), nullptr, &length) != CKR_OK) return withoutValue(rule);
+  if (length > kMaxKeyAttributeLen) return Outcome::kFailed;
   ByteVector value(length);
   if (length > 0) {
     if (reader.publicValue(type, key.hPubKey(), value.data(), &length) != CKR_OK) return Outcome::kFailed;
@@ -128,14 +142,14 @@ Outcome readPublicValue(const ObjectReader& reader, KeyType type, PKCS11_ASYMKEY
 /// of the record being built.
 Outcome readKey(const ObjectReader& lengthReader, const ObjectReader& reader, const Text& serialNumber,
                 CK_OBJECT_HANDLE object, PKCS11_ASYMKEY_INFO& key) {
-  const auto lengths = lengthReader.lengths(object, {CKA_LABEL, CKA_KEY_TYPE, CKA_ID}, kKeyValueLimit);
+  const auto lengths = lengthReader.lengths(object, {CKA_LABEL, CKA_KEY_TYPE, CKA_ID}, kMaxKeyAttributeLen);
   if (!lengths) return Outcome::kFailed;
   const auto [labelLen, keyTypeLen, idLen] = *lengths;
-  const auto keyType = reader.value(object, CKA_KEY_TYPE, keyTypeLen, kKeyValueLimit);
+  const auto keyType = reader.value(object, ruleOf(CKO_PUBLIC_KEY, CKA_KEY_TYPE), keyTypeLen);
   if (!keyType) return Outcome::kFailed;
-  const auto label = reader.value(object, CKA_LABEL, labelLen, kKeyValueLimit);
+  const auto label = reader.value(object, ruleOf(CKO_PUBLIC_KEY, CKA_LABEL), labelLen);
   if (!label) return Outcome::kFailed;
-  const auto id = reader.value(object, CKA_ID, idLen, kKeyValueLimit);
+  const auto id = reader.value(object, ruleOf(CKO_PUBLIC_KEY, CKA_ID), idLen);
   if (!id) return Outcome::kFailed;
 
   key.setHPubKey(object);
@@ -153,14 +167,14 @@ Outcome readKey(const ObjectReader& lengthReader, const ObjectReader& reader, co
 /// Fills the record of one certificate; false when any of it cannot be read.
 bool readCertificate(const ObjectReader& reader, CK_OBJECT_HANDLE object,
                      PKCS11_CERTIFICATEOBJ_INFO& certificate) {
-  const auto lengths = reader.lengths(object, {CKA_LABEL, CKA_ID, CKA_VALUE}, kCertificateTextLimit);
+  const auto lengths = reader.lengths(object, {CKA_LABEL, CKA_ID, CKA_VALUE}, kCertificateLabel.largest);
   if (!lengths) return false;
   const auto [labelLen, idLen, dataLen] = *lengths;
-  const auto label = reader.value(object, CKA_LABEL, labelLen, kCertificateTextLimit);
+  const auto label = reader.value(object, kCertificateLabel, labelLen);
   if (!label) return false;
-  const auto id = reader.value(object, CKA_ID, idLen, kCertificateTextLimit);
+  const auto id = reader.value(object, ruleOf(CKO_CERTIFICATE, CKA_ID), idLen);
   if (!id) return false;
-  auto data = reader.value(object, CKA_VALUE, dataLen, kCertificateDataLimit);
+  auto data = reader.value(object, ruleOf(CKO_CERTIFICATE, CKA_VALUE), dataLen);
   if (!data) return false;
 
   certificate.setPbCertData(Bytes{std::move(*data)});

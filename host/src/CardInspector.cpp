@@ -6,20 +6,12 @@
 
 #include "CardTrouble.h"
 #include "FailureDiary.h"
+#include "bridge/CardRules.h"
 #include "bridge/ModuleLock.h"
 #include "host/CryptokiNames.h"
 
 namespace mirel {
 namespace {
-
-// What the layers below take; a longer value is not read.
-constexpr std::size_t kSearchLimit = 160;  // objects
-constexpr CK_ULONG kKeyAttributeLimit = 2000;
-constexpr CK_ULONG kCertificateTextLimit = 256;
-constexpr CK_ULONG kCertificateDataLimit = 2000;
-constexpr CK_ULONG kModulusLimit = 639;
-constexpr CK_ULONG kSilentPointLimit = 200;  // a longer point leaves its key out, up to ...
-constexpr CK_ULONG kPointLimit = 520;        // ... this; then the card is refused
 
 constexpr const char* kPublicKeyKind = "public key";
 
@@ -53,7 +45,7 @@ class Inspector {
     CK_ATTRIBUTE filter{CKA_CLASS, &objectClass, sizeof objectClass};
     if (failed("C_FindObjectsInit", callAlone(list_.C_FindObjectsInit, session_, &filter, CK_ULONG{1})))
       return found;
-    while (found.size() < kSearchLimit) {
+    while (found.size() < kMaxListedObjects) {
       CK_OBJECT_HANDLE object = 0;
       CK_ULONG count = 0;
       const CK_RV rv = callAlone(list_.C_FindObjects, session_, &object, CK_ULONG{1}, &count);
@@ -62,6 +54,11 @@ class Inspector {
     }
     (void)callAlone(list_.C_FindObjectsFinal, session_);
     return found;
+  }
+
+  /// The attribute of a rule, unless it is so long that the card is refused.
+  [[nodiscard]] Attribute read(CK_OBJECT_HANDLE object, const AttributeRule& rule) {
+    return read(object, rule.type, rule.refusedAbove);
   }
 
   /// One attribute, if it has 1 to `limit` bytes.
@@ -117,54 +114,60 @@ void leaveOut(CardObject& object, std::string reason, bool unread = false) {
   object.about.unread = unread;
 }
 
+/// What a value that was read by a rule means for its object.
+void judge(CardObject& object, const char* what, const AttributeRule& rule, const Attribute& attribute) {
+  if (attribute.value && attribute.value->size() <= rule.largest) return;
+  if (attribute.value) {
+    leaveOut(object, std::string{"its "} + what + " has " + std::to_string(attribute.value->size()) +
+                         " bytes, more than " + std::to_string(rule.largest));
+  } else if (attribute.tooLong || rule.whenUnreadable == WhenUnreadable::kCardRefused) {
+    block(object, what, attribute);
+  } else {
+    leaveOut(object, std::string{"its "} + what + " " + attribute.trouble, attribute.unread);
+  }
+  object.listed = false;
+}
+
 /// Label and ID, which every object needs.
-void readNames(Inspector& inspector, CK_OBJECT_HANDLE handle, CK_ULONG limit, CardObject& object) {
-  const Attribute label = inspector.read(handle, CKA_LABEL, limit);
-  const Attribute id = inspector.read(handle, CKA_ID, limit);
+void readNames(Inspector& inspector, CK_OBJECT_HANDLE handle, const AttributeRule& labelRule,
+               const AttributeRule& idRule, CardObject& object) {
+  const Attribute label = inspector.read(handle, labelRule);
+  const Attribute id = inspector.read(handle, idRule);
   if (label.value) object.about.label = Text::fromBytes(*label.value);
   if (id.value) {
     object.about.id = Text::fromBytes(*id.value);
     object.id = *id.value;
   }
-  if (!label.value) block(object, "label", label);
-  if (!id.value) block(object, "ID", id);
+  judge(object, "label", labelRule, label);
+  judge(object, "ID", idRule, id);
 }
 
-/// A modulus without a readable length leaves its key out; one that is too long, the whole card.
 void inspectModulus(Inspector& inspector, CK_OBJECT_HANDLE handle, CardObject& key) {
-  const Attribute modulus = inspector.read(handle, CKA_MODULUS, kModulusLimit);
-  if (modulus.tooLong) block(key, "modulus", modulus);
-  if (!modulus.value) leaveOut(key, "its modulus " + modulus.trouble, modulus.unread);
-  key.listed = key.listed && modulus.value.has_value();
+  constexpr AttributeRule kRule = ruleOf(CKO_PUBLIC_KEY, CKA_MODULUS);
+  judge(key, "modulus", kRule, inspector.read(handle, kRule));
 }
 
-/// The same for an EC point and its parameters, whose length does not matter.
+/// The parameters must be there too; their length does not matter.
 void inspectPoint(Inspector& inspector, CK_OBJECT_HANDLE handle, CardObject& key) {
+  constexpr AttributeRule kRule = ruleOf(CKO_PUBLIC_KEY, CKA_EC_POINT);
   const Attribute parameters = inspector.read(handle, CKA_EC_PARAMS, 0);
-  const Attribute point = inspector.read(handle, CKA_EC_POINT, kPointLimit);
+  const Attribute point = inspector.read(handle, kRule);
   if (point.tooLong) block(key, "EC point", point);
   if (!parameters.tooLong) {
     leaveOut(key, "its EC parameters " + parameters.trouble, parameters.unread);
     key.listed = false;
   }
-  if (!point.value) leaveOut(key, "its EC point " + point.trouble, point.unread);
-  const bool silentlyTooLong = point.value && point.value->size() > kSilentPointLimit;
-  if (silentlyTooLong) {
-    leaveOut(key, "its EC point has " + std::to_string(point.value->size()) + " bytes, more than " +
-                      std::to_string(kSilentPointLimit));
-  }
-  key.listed = key.listed && point.value && !silentlyTooLong;
+  judge(key, "EC point", kRule, point);
 }
 
 CardObject inspectKey(Inspector& inspector, CK_OBJECT_HANDLE handle) {
   CardObject key;
   key.about.kind = kPublicKeyKind;
-  readNames(inspector, handle, kKeyAttributeLimit, key);
-  const Attribute type = inspector.read(handle, CKA_KEY_TYPE, kKeyAttributeLimit);
-  if (!type.value) {
-    block(key, "key type", type);
-    return key;
-  }
+  readNames(inspector, handle, ruleOf(CKO_PUBLIC_KEY, CKA_LABEL), ruleOf(CKO_PUBLIC_KEY, CKA_ID), key);
+  constexpr AttributeRule kTypeRule = ruleOf(CKO_PUBLIC_KEY, CKA_KEY_TYPE);
+  const Attribute type = inspector.read(handle, kTypeRule);
+  judge(key, "key type", kTypeRule, type);
+  if (!type.value) return key;
   key.keyType = type.value->front();
   if (key.keyType == CKK_RSA) inspectModulus(inspector, handle, key);
   if (key.keyType == CKK_EC) inspectPoint(inspector, handle, key);
@@ -174,12 +177,12 @@ CardObject inspectKey(Inspector& inspector, CK_OBJECT_HANDLE handle) {
 CardObject inspectCertificate(Inspector& inspector, CK_OBJECT_HANDLE handle, CertificateParser& parser) {
   CardObject certificate;
   certificate.about.kind = "certificate";
-  readNames(inspector, handle, kCertificateTextLimit, certificate);
-  const Attribute data = inspector.read(handle, CKA_VALUE, kCertificateDataLimit);
-  if (!data.value) {
-    block(certificate, "value", data);
-    return certificate;
-  }
+  readNames(inspector, handle, ruleOf(CKO_CERTIFICATE, CKA_LABEL), ruleOf(CKO_CERTIFICATE, CKA_ID),
+            certificate);
+  constexpr AttributeRule kValueRule = ruleOf(CKO_CERTIFICATE, CKA_VALUE);
+  const Attribute data = inspector.read(handle, kValueRule);
+  judge(certificate, "value", kValueRule, data);
+  if (!data.value) return certificate;
   certificate.data = Bytes{*data.value};
   const auto parsed = parser.createWithData(certificate.data);
   if (!parsed) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <iterator>
 
+#include "bridge/CardRules.h"
 #include "bridge/cryptoki.h"
 #include "host/CryptokiNames.h"
 
@@ -39,6 +40,8 @@ constexpr std::string_view kEnterPin = "enter the PIN of this card";
 constexpr std::string_view kMakersTool = "use the tool of the card's maker";
 constexpr std::string_view kAskMaker = "ask the maker of the module";
 constexpr std::string_view kIssuer = "have the card's issuer mend it, or use another key";
+
+static_assert(kAnnouncedSlots == 10, "texts below name the number");
 
 /// The row that names the function comes before the one for any.
 constexpr CodeMeaning kMeanings[] = {

@@ -3,13 +3,12 @@
 #include <algorithm>
 
 #include "CardTrouble.h"
+#include "bridge/CardRules.h"
 #include "bridge/cryptoki.h"
 
 namespace mirel {
 namespace {
 
-/// The bridge marks the code of a second read with this bit.
-constexpr std::uint64_t kSecondRead = 0x80000000;
 constexpr std::string_view kSearchForSlot = "pkcs11_FindSlot";
 
 class LoaderWithDiary final : public DynamicLoader {
@@ -84,7 +83,7 @@ void FailureDiary::operationReturned(const char* operation, std::uint64_t result
     // The first call with that code: what fails after it, in cleaning up, is no cause.
     const auto cause =
         std::find_if(mine.failingCalls.begin(), mine.failingCalls.end(), [&](const Entry& failed) {
-          return passedOver || result == failed.result || result == (failed.result | kSecondRead);
+          return passedOver || result == failed.result || result == (failed.result | kRereadFailed);
         });
     if (cause != mine.failingCalls.end()) mine.call = *cause;
   }

@@ -2,11 +2,10 @@
 
 #include <utility>
 
+#include "bridge/CardRules.h"
+
 namespace mirel {
 namespace {
-
-constexpr const char* kModuleFolder = "Library/LunetLocalSignServer";
-constexpr const char* kModuleName = "libTorvo_p11v1.dylib";
 
 class UserWithHome final : public UserDirectory {
  public:
@@ -26,6 +25,6 @@ std::shared_ptr<UserDirectory> userWithHome(std::shared_ptr<UserDirectory> user,
   return std::make_shared<UserWithHome>(std::move(user), std::move(home));
 }
 
-std::string moduleInHome(const std::string& home) { return home + "/" + kModuleFolder + "/" + kModuleName; }
+std::string moduleInHome(const std::string& home) { return home + kModuleTail; }
 
 }  // namespace mirel

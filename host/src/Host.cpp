@@ -15,6 +15,7 @@
 #include "NameList.h"
 #include "ReaderFinder.h"
 #include "TokenInfo.h"
+#include "bridge/CardRules.h"
 #include "bridge/P11Bridge.h"
 #include "host/CryptokiNames.h"
 #include "host/Display.h"
@@ -31,6 +32,7 @@ namespace {
 constexpr const char* kSeeLog = "run again with -v to see the log";
 constexpr const char* kNotInitialised = "the card is not initialised: prepare it with its maker's tool first";
 constexpr const char* kTooManyCards = "leave a card in 10 readers at most, the system cannot list more";
+static_assert(kAnnouncedSlots == 10, "the text names the number");
 constexpr const char* kSeeReaders = "see the readers with: mireltoken readers";
 
 std::string quoted(const Text& name) {
@@ -115,7 +117,7 @@ class PublishedNames {
       // Another key may have the same ID, and this one be left out for a reason of its own.
       return (uncertain || object.byAbsence) && keys_.contains(about.id.units());
     }
-    const Text name = joined({Text{u"cert_"}, about.label, Text{u"_"}, about.id});
+    const Text name = certificateNameOf(about.label, about.id);
     return certificates_.contains({std::u16string{name.units()}, bytesOf(object.data)});
   }
 
@@ -137,9 +139,8 @@ std::string describe(const UnpublishedObject& object) {
 
 /// True when more slots hold a token than the bridge has the module list.
 bool tooManyCards(P11Bridge& bridge) noexcept {
-  constexpr CK_ULONG kListedSlots = 10;
   CK_ULONG numSlots = 0;
-  return bridge.pkcs11_C_GetSlotList(CK_TRUE, nullptr, &numSlots) == CKR_OK && numSlots > kListedSlots;
+  return bridge.pkcs11_C_GetSlotList(CK_TRUE, nullptr, &numSlots) == CKR_OK && numSlots > kAnnouncedSlots;
 }
 
 Failure enumerationFailure(const Reader& reader, const std::string& why, const std::string& whatToDo) {

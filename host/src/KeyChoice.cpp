@@ -6,6 +6,7 @@
 #include <optional>
 
 #include "NameList.h"
+#include "bridge/CardRules.h"
 #include "host/Display.h"
 #include "host/DistinctItems.h"
 
@@ -21,7 +22,7 @@ std::string quotedForDisplay(const std::string& text) {
 
 /// The label of the certificate on the card, from the object identifier of its item: "cert_<label>_<ID>".
 Text certificateLabelOf(const PublishedKey& key) {
-  constexpr std::u16string_view kPrefix = u"cert_";
+  constexpr std::u16string_view kPrefix = kCertificateNamePrefix;
   const std::u16string_view name = key.certificateID.units();
   const std::size_t around = kPrefix.size() + 1 + key.objectID.length();
   if (!name.starts_with(kPrefix) || name.size() < around) return {};

@@ -17,7 +17,6 @@
 namespace mirel {
 namespace {
 
-constexpr CK_ULONG kMaxSlots = 4096;
 constexpr int kSlotListTries = 3;  // a slot may appear between counting and listing
 
 constexpr const char* kAskMaker = "ask the maker of the module";

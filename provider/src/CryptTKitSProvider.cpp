@@ -8,6 +8,7 @@
 #include <iterator>
 #include <span>
 
+#include "bridge/CardRules.h"
 #include "bridge/PKCS11_SERVICE_INFO.h"
 #include "framework/MirelCTKFramework.h"
 #include "platform/Log.h"
@@ -141,7 +142,7 @@ Text CryptTKitSProvider::getTokenKeyName(const std::shared_ptr<PKCS11_ASYMKEY_IN
 Text CryptTKitSProvider::getCertName(
     const std::shared_ptr<PKCS11_CERTIFICATEOBJ_INFO>& certificate) noexcept {
   if (!contains(certificatesOf(pCTKFramework()), certificate)) return Text{u""};
-  return joined({Text{u"cert_"}, certificate->strLabel(), Text{u"_"}, certificate->strID()});
+  return certificateNameOf(certificate->strLabel(), certificate->strID());
 }
 
 Text CryptTKitSProvider::getCertID(const std::shared_ptr<PKCS11_CERTIFICATEOBJ_INFO>& certificate) noexcept {

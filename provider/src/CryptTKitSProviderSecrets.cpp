@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "bridge/CardRules.h"
 #include "bridge/PKCS11_SERVICE_INFO.h"
 #include "framework/MirelCTKFramework.h"
 #include "platform/Log.h"
@@ -16,7 +17,6 @@ namespace {
 
 /// Oddity: what is reported when the module was not asked.
 constexpr CK_ULONG kTriesLeftAtFirst = 5;
-constexpr std::size_t kPinBlockSize = 8;  // bytes
 constexpr std::u16string_view kRSAMark = u"RSA";
 constexpr std::uint64_t kPadPKCS1 = 1;
 
@@ -41,7 +41,7 @@ bool CryptTKitSProvider::userLogin(const Text& tokenName, const SecretText& pin,
     (void)framework->OpenCardSession(tokenName, framework->p11ServiceInfo());
     // Oddity: the length is the caller's, in characters, though the PIN goes in bytes of UTF-8. So the PIN
     // lies in a block that may be read for any length that is not refused.
-    SecretBytes<kPinBlockSize> block;
+    SecretBytes<kMaxPinLen> block;
     (void)pin.copyUtf8(block.span());
     accepted = framework->PerformUserLogin(framework->p11ServiceInfo(), pin.isNull() ? nullptr : block.data(),
                                            pinLen, &remains);

@@ -6,6 +6,7 @@
 #include <string>
 #include <utility>
 
+#include "bridge/CardRules.h"
 #include "bridge/PKCS11_SERVICE_INFO.h"
 #include "bridge/cryptoki.h"
 #include "platform/AtomicProperty.h"
@@ -24,15 +25,6 @@ inline constexpr CK_RV kSessionReadOnlyExists = 0xB4;
 
 /// Oddity: a code of our own, for a login that the module accepted but that left no user logged in.
 inline constexpr CK_RV kLoginDidNotTake = CKR_VENDOR_DEFINED + 0xB4;
-
-/// Set in the code of an attribute read that failed when the values were fetched again.
-inline constexpr CK_RV kRereadFailed = 0x80000000;
-
-/// The most handles that one search keeps.
-inline constexpr CK_ULONG kMaxFoundObjects = 256;
-
-/// The longest PIN that is handed to the module, in bytes, whatever the token's own limit is.
-inline constexpr CK_ULONG kMaxPinLen = 8;
 
 /// The most room that is announced to the module for a signature or a plain text, in bytes: far more than
 /// any key can fill.
@@ -78,8 +70,8 @@ class P11Bridge final {
 
   // ---- Module and slots ----
 
-  /// Loads the module from the one place there is: the user's home and
-  /// "/Library/LunetLocalSignServer/libTorvo_p11v1.dylib". `ignoredPath` is not looked at.
+  /// Loads the module from the one place there is: the user's home and kModuleTail. `ignoredPath` is not
+  /// looked at.
   /// True when the module is loaded and has given a function list. After a failed step what was
   /// reached stays as it is (a module without an entry point stays open); a list that a failing entry
   /// point wrote is not taken.
@@ -98,9 +90,9 @@ class P11Bridge final {
   /// C_GetInfo. `outInfo` is written whatever the result, with zeros where the module wrote nothing.
   [[nodiscard]] CK_RV pkcs11_GetInfo(CK_INFO* outInfo) noexcept;
 
-  /// C_GetSlotList. The module is told of room for 10 whatever `*outCount` holds: `outList` (null: only
-  /// count) must have room for 10 at least. `outCount` gets what the module reports, which may be more
-  /// than 10; written on success only. CKR_SLOT_ID_INVALID when there is no slot or the first one
+  /// C_GetSlotList. The module is told of room for kAnnouncedSlots whatever `*outCount` holds: `outList`
+  /// (null: only count) must have room for as many at least. `outCount` gets what the module reports, which
+  /// may be more; written on success only. CKR_SLOT_ID_INVALID when there is no slot or the first one
   /// listed is all-ones.
   [[nodiscard]] CK_RV pkcs11_C_GetSlotList(CK_BBOOL tokenPresent, CK_SLOT_ID* outList,
                                            CK_ULONG* outCount) noexcept;
@@ -108,7 +100,7 @@ class P11Bridge final {
   /// The first slot with a token whose description begins with `description` (code unit by code unit
   /// against the bytes; never beyond the description's 64); the first readable one when it is null or
   /// empty. `outSlotID` is all-ones on every failure but the want of a function list. CKR_SLOT_ID_INVALID:
-  /// none matches. CKR_HOST_MEMORY: the module reports an absurd number of slots.
+  /// none matches. CKR_HOST_MEMORY: the module reports more than kMaxSlots slots.
   [[nodiscard]] CK_RV pkcs11_FindSlot(const Text& description, CK_SLOT_ID* outSlotID) noexcept;
 
   /// Reads slot and token information. A record given in `*ioRecord` gets both, its other members stay;
@@ -176,16 +168,17 @@ class P11Bridge final {
                                                CK_ATTRIBUTE* attributes, CK_ULONG count, CK_ULONG maxCount,
                                                CK_ULONG maxValueLen) noexcept;
 
-  /// Reads CKA_MODULUS, up to 639 bytes. A null `ioLen` is refused (CKR_ARGUMENTS_BAD) after reading.
+  /// Reads CKA_MODULUS, up to the length that its rule takes. A null `ioLen` is refused (CKR_ARGUMENTS_BAD)
+  /// after reading.
   [[nodiscard]] CK_RV pkcs11_getRSAKeyModulus(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE key,
                                               CK_BYTE* outValue, CK_ULONG* ioLen) noexcept;
 
-  /// Reads CKA_EC_POINT, up to 200 bytes, as the module gives it (with its DER OCTET STRING header);
-  /// CKA_EC_PARAMS must be readable too. A null `ioLen` is refused after reading.
+  /// Reads CKA_EC_POINT, up to the length that its rule takes, as the module gives it (with its DER OCTET
+  /// STRING header); CKA_EC_PARAMS must be readable too. A null `ioLen` is refused after reading.
   [[nodiscard]] CK_RV pkcs11_getECPublicKey(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE key,
                                             CK_BYTE* outValue, CK_ULONG* ioLen) noexcept;
 
-  /// Reads CKA_VALUE, up to 1999 bytes. A null `ioLen` is refused after reading.
+  /// Reads CKA_VALUE, if it is shorter than what its rule takes. A null `ioLen` is refused after reading.
   [[nodiscard]] CK_RV pkcs11_getCertificate(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE certificate,
                                             CK_BYTE* outValue, CK_ULONG* ioLen) noexcept;
 
@@ -194,9 +187,9 @@ class P11Bridge final {
   [[nodiscard]] CK_RV pkcs11_getCorrespondingPrivateKey(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object,
                                                         CK_OBJECT_HANDLE* ioKey) noexcept;
 
-  /// Reads CKA_VALUE, up to 2000 bytes (1999 for the length alone), of the first certificate with that
-  /// label. The arguments are checked before the function list. CKR_FUNCTION_FAILED: the search
-  /// failed. CKR_DATA_INVALID: there is none.
+  /// Reads CKA_VALUE, up to the length that its rule takes (shorter for the length alone), of the first
+  /// certificate with that label. The arguments are checked before the function list. CKR_FUNCTION_FAILED:
+  /// the search failed. CKR_DATA_INVALID: there is none.
   [[nodiscard]] CK_RV GetCertBlobByLabel(CK_SESSION_HANDLE session, const CK_BYTE* label, CK_ULONG labelLen,
                                          CK_BYTE* outValue, CK_ULONG* ioLen) noexcept;
 
