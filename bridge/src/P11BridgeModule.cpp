@@ -2,6 +2,7 @@
 #include <span>
 
 #include "CryptokiCall.h"
+#include "bridge/SlotDescription.h"
 #include "platform/DynamicLoader.h"
 #include "platform/Log.h"
 #include "platform/Memory.h"
@@ -22,13 +23,6 @@ std::shared_ptr<PKCS11_SERVICE_INFO> newServiceRecord(const std::shared_ptr<Memo
   } catch (const std::bad_alloc&) {
     return nullptr;
   }
-}
-
-/// True when the description begins with the text. Reads no further than the description reaches.
-bool descriptionBeginsWith(std::span<const CK_UTF8CHAR> description, std::u16string_view text) noexcept {
-  return text.size() <= description.size() &&
-         std::equal(text.begin(), text.end(), description.begin(),
-                    [](char16_t unit, CK_UTF8CHAR byte) { return unit == byte; });
 }
 
 }  // namespace
@@ -136,7 +130,7 @@ CK_RV P11Bridge::chooseSlot(const Text& description, const CK_SLOT_ID* slots, CK
   for (const CK_SLOT_ID slotID : std::span{slots, numSlots}) {
     CK_SLOT_INFO info{};
     if (call<&CK_FUNCTION_LIST::C_GetSlotInfo>(slotID, &info) != CKR_OK) continue;
-    if (!descriptionBeginsWith(info.slotDescription, description.units())) continue;
+    if (!descriptionBeginsWith(info, description.units())) continue;
     *outSlotID = slotID;
     return CKR_OK;
   }

@@ -5,6 +5,7 @@
 
 #include "CardRecord.h"
 #include "bridge/P11Bridge.h"
+#include "bridge/SlotDescription.h"
 #include "framework/MirelCTKFramework.h"
 #include "platform/Hex.h"
 #include "platform/Log.h"
@@ -83,8 +84,8 @@ bool MirelCTKFramework::PerformGenSessionSymKey(const void*, const void*, const 
 }
 
 bool MirelCTKFramework::isReady(const char* readerName) const noexcept {
-  return p11ServiceInfo_ && p11Bridge() && nameMatches(p11ServiceInfo_->slotInfo(), readerName) &&
-         hasSession(*p11ServiceInfo_);
+  return p11ServiceInfo_ && p11Bridge() &&
+         descriptionBeginsWithAscii(p11ServiceInfo_->slotInfo(), readerName) && hasSession(*p11ServiceInfo_);
 }
 
 bool MirelCTKFramework::PerformSignHash(const char* readerName,

@@ -6,9 +6,9 @@
 #include <span>
 #include <vector>
 
-#include "SlotName.h"
 #include "bridge/CardRules.h"
 #include "bridge/P11Bridge.h"
+#include "bridge/SlotDescription.h"
 #include "framework/MirelCTKFramework.h"
 #include "platform/Log.h"
 
@@ -279,7 +279,7 @@ bool MirelCTKFramework::BindingKeyCert(
   const auto stored = p11ServiceInfo_;
   const auto bridge = p11Bridge();
   if (!stored || !bridge) return false;
-  if (!slotDescriptionBeginsWith(stored->slotInfo(), readerName.units())) return false;
+  if (!descriptionBeginsWith(stored->slotInfo(), readerName.units())) return false;
 
   std::array<CK_BYTE, kObjectIdRoom> id{};
   CK_ATTRIBUTE entry{CKA_ID, id.data(), id.size()};

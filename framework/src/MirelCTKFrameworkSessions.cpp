@@ -2,6 +2,7 @@
 
 #include "CardRecord.h"
 #include "bridge/P11Bridge.h"
+#include "bridge/SlotDescription.h"
 #include "framework/MirelCTKFramework.h"
 #include "platform/DistributedNotificationCenter.h"
 
@@ -44,7 +45,7 @@ bool MirelCTKFramework::IsCardStateChanged(const char* readerName) noexcept {
   const auto bridge = p11Bridge();
   if (!stored || !bridge) return true;
   std::shared_ptr<PKCS11_SERVICE_INFO> work = stored->mutableCopyWithZone();
-  if (!nameMatches(stored->slotInfo(), readerName)) return true;
+  if (!descriptionBeginsWithAscii(stored->slotInfo(), readerName)) return true;
   if (bridge->pkcs11_GetTokenInfo(stored->slotID(), &work) != CKR_OK) return true;
   // Oddity: the flags are those of the last enumeration, not the ones just read.
   if ((stored->tokenInfo().flags & CKF_RNG) == 0) return true;

@@ -10,6 +10,7 @@
 #include "TokenInfo.h"
 #include "bridge/ModuleLock.h"
 #include "bridge/P11Bridge.h"
+#include "bridge/SlotDescription.h"
 #include "host/CryptokiNames.h"
 #include "host/Display.h"
 #include "platform/Log.h"
@@ -108,13 +109,12 @@ Reader readReader(const CK_FUNCTION_LIST& list, CK_SLOT_ID slotID, bool withToke
 Text distinctName(const std::vector<CK_SLOT_INFO>& slots, std::size_t index, const Text& name) {
   const std::span description{slots[index].slotDescription};
   for (std::size_t length = name.length(); length <= description.size(); ++length) {
+    Text start = Text::fromBytes(description.first(length));
     const auto sameStart = [&](const CK_SLOT_INFO& other) {
-      return std::equal(description.begin(), description.begin() + static_cast<std::ptrdiff_t>(length),
-                        other.slotDescription);
+      return descriptionBeginsWith(other, start.units());
     };
-    if (std::none_of(slots.begin(), slots.begin() + static_cast<std::ptrdiff_t>(index), sameStart)) {
-      return Text::fromBytes(description.first(length));
-    }
+    if (std::none_of(slots.begin(), slots.begin() + static_cast<std::ptrdiff_t>(index), sameStart))
+      return start;
   }
   return Text{};
 }
