@@ -2,14 +2,12 @@
 
 #include <cstddef>
 
+#include "bridge/CryptokiNames.h"
 #include "bridge/ModuleLock.h"
 #include "bridge/P11Bridge.h"
 #include "platform/CryptokiObserver.h"
 
 namespace mirel {
-
-/// The standard's name of the function-list entry that lies `offset` bytes into the list.
-[[nodiscard]] const char* cryptokiFunctionName(std::size_t offset) noexcept;
 
 /// Every Cryptoki call of the bridge goes through here: one place for entries that a list lacks, for the lock
 /// around each call and for the observer, who is told without it. The caller has checked that there is a
