@@ -2,16 +2,16 @@
 
 #include <cstddef>
 
+#include "ModuleLock.h"
 #include "bridge/CryptokiNames.h"
-#include "bridge/ModuleLock.h"
 #include "bridge/P11Bridge.h"
 #include "platform/CryptokiObserver.h"
 
 namespace mirel {
 
-/// Every Cryptoki call of the bridge goes through here: one place for entries that a list lacks, for the lock
-/// around each call and for the observer, who is told without it. The caller has checked that there is a
-/// list.
+/// Every Cryptoki call that is made for a token goes through here: one place for entries that a list lacks,
+/// for the lock around each call and for the observer, who is told without it. The caller has checked that
+/// there is a list.
 template <auto Entry, typename... Args>
 CK_RV P11Bridge::call(Args... args) const noexcept {
   const CK_FUNCTION_LIST& list = *ckFunc();
@@ -25,6 +25,23 @@ CK_RV P11Bridge::call(Args... args) const noexcept {
   const CK_RV rv = callAlone(list.*Entry, args...);
   observer->callReturned(name, rv);
   return rv;
+}
+
+/// The same for a call beside the token's road: the observer is not told. Also checks that there is a list.
+template <auto Entry, typename... Args>
+CK_RV P11Bridge::ask(Args... args) const noexcept {
+  const CK_FUNCTION_LIST* list = ckFunc();
+  return list ? callAlone(list->*Entry, args...) : CKR_CRYPTOKI_NOT_INITIALIZED;
+}
+
+/// C_GetTokenInfo by `read`, once more where the card was just put back.
+template <typename Read>
+[[nodiscard]] CK_RV readTokenInfo(const Read& read, CK_TOKEN_INFO& outInfo) noexcept {
+  outInfo = {};
+  const CK_RV rv = read(&outInfo);
+  if (rv != CKR_DEVICE_REMOVED) return rv;
+  outInfo = {};
+  return read(&outInfo);
 }
 
 /// Runs the body of one operation and tells the observer its result.

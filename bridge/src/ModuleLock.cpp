@@ -1,4 +1,4 @@
-#include "bridge/ModuleLock.h"
+#include "ModuleLock.h"
 
 namespace mirel {
 

@@ -155,11 +155,8 @@ CK_RV P11Bridge::pkcs11_GetTokenInfo(CK_SLOT_ID slotID,
     const CK_RV opened =
         call<&CK_FUNCTION_LIST::C_OpenSession>(slotID, CKF_SERIAL_SESSION, nullptr, nullptr, &session);
     CK_TOKEN_INFO tokenInfo{};
-    CK_RV rv = call<&CK_FUNCTION_LIST::C_GetTokenInfo>(slotID, &tokenInfo);
-    if (rv == CKR_DEVICE_REMOVED) {
-      tokenInfo = {};
-      rv = call<&CK_FUNCTION_LIST::C_GetTokenInfo>(slotID, &tokenInfo);
-    }
+    const CK_RV rv = readTokenInfo(
+        [&](CK_TOKEN_INFO* out) { return call<&CK_FUNCTION_LIST::C_GetTokenInfo>(slotID, out); }, tokenInfo);
     if (opened == CKR_OK) closeUnusedSession(session, *ioRecord);
     if (rv != CKR_OK) return rv;
 

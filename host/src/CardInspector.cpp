@@ -7,7 +7,7 @@
 #include "CardTrouble.h"
 #include "FailureDiary.h"
 #include "bridge/CardRules.h"
-#include "bridge/ModuleLock.h"
+#include "bridge/P11Bridge.h"
 #include "host/CryptokiNames.h"
 
 namespace mirel {
@@ -35,24 +35,15 @@ struct CardObject {
 
 class Inspector {
  public:
-  Inspector(const CK_FUNCTION_LIST& list, CK_SESSION_HANDLE session) : list_{list}, session_{session} {}
+  Inspector(const P11Bridge& bridge, CK_SESSION_HANDLE session) : bridge_{bridge}, session_{session} {}
 
   /// The first call that failed to find or read something; empty: none.
   [[nodiscard]] const std::string& failedRead() const noexcept { return failedRead_; }
 
   [[nodiscard]] std::vector<CK_OBJECT_HANDLE> find(CK_OBJECT_CLASS objectClass) {
     std::vector<CK_OBJECT_HANDLE> found;
-    CK_ATTRIBUTE filter{CKA_CLASS, &objectClass, sizeof objectClass};
-    if (failed("C_FindObjectsInit", callAlone(list_.C_FindObjectsInit, session_, &filter, CK_ULONG{1})))
-      return found;
-    while (found.size() < kMaxListedObjects) {
-      CK_OBJECT_HANDLE object = 0;
-      CK_ULONG count = 0;
-      const CK_RV rv = callAlone(list_.C_FindObjects, session_, &object, CK_ULONG{1}, &count);
-      if (failed("C_FindObjects", rv) || count != 1) break;
-      found.push_back(object);
-    }
-    (void)callAlone(list_.C_FindObjectsFinal, session_);
+    const auto [function, result] = bridge_.inspectObjects(session_, objectClass, found);
+    note(function, result);
     return found;
   }
 
@@ -81,21 +72,20 @@ class Inspector {
   }
 
  private:
-  bool failed(const char* function, CK_RV rv) {
+  void note(const char* function, CK_RV rv) {
     if (failedRead_.empty() && isFailedRead(function, rv)) failedRead_ = answerText({function, rv});
-    return rv != CKR_OK;
   }
   [[nodiscard]] Attribute unreadable(CK_RV rv) {
     constexpr const char* kFunction = "C_GetAttributeValue";
-    (void)failed(kFunction, rv);
+    note(kFunction, rv);
     if (!isFailedRead(kFunction, rv)) return {{}, "cannot be read, " + cryptokiResultText(rv)};
     return {{}, "could not be read now, " + answerText({kFunction, rv}), false, true};
   }
   [[nodiscard]] CK_RV get(CK_OBJECT_HANDLE object, CK_ATTRIBUTE& entry) const {
-    return callAlone(list_.C_GetAttributeValue, session_, object, &entry, CK_ULONG{1});
+    return bridge_.inspectAttribute(session_, object, entry);
   }
 
-  const CK_FUNCTION_LIST& list_;
+  const P11Bridge& bridge_;
   CK_SESSION_HANDLE session_;
   std::string failedRead_;
 };
@@ -196,13 +186,13 @@ CardObject inspectCertificate(Inspector& inspector, CK_OBJECT_HANDLE handle, Cer
 
 }  // namespace
 
-Inspection inspectCard(const CK_FUNCTION_LIST& list, CK_SLOT_ID slotID, CertificateParser& certificates) {
+Inspection inspectCard(const P11Bridge& bridge, CK_SLOT_ID slotID, CertificateParser& certificates) {
+  if (!bridge.hasModule()) return {};
   CK_SESSION_HANDLE session = 0;
-  if (const CK_RV rv = callAlone(list.C_OpenSession, slotID, CKF_SERIAL_SESSION, nullptr, nullptr, &session);
-      rv != CKR_OK) {
+  if (const CK_RV rv = bridge.openInspection(slotID, session); rv != CKR_OK) {
     return {{}, answerText({"C_OpenSession", rv})};
   }
-  Inspector inspector{list, session};
+  Inspector inspector{bridge, session};
   std::vector<CardObject> keys;
   std::vector<CardObject> certificateObjects;
   for (const CK_OBJECT_HANDLE handle : inspector.find(CKO_PUBLIC_KEY))
@@ -210,7 +200,7 @@ Inspection inspectCard(const CK_FUNCTION_LIST& list, CK_SLOT_ID slotID, Certific
   for (const CK_OBJECT_HANDLE handle : inspector.find(CKO_CERTIFICATE)) {
     certificateObjects.push_back(inspectCertificate(inspector, handle, certificates));
   }
-  (void)callAlone(list.C_CloseSession, session);
+  bridge.closeInspection(session);
 
   const auto listedIn = [](const std::vector<CardObject>& objects, const CardObject& wanted) {
     return std::any_of(objects.begin(), objects.end(),

@@ -8,6 +8,8 @@
 
 namespace mirel {
 
+class P11Bridge;
+
 /// An object and what the second look was given of it.
 struct InspectedObject {
   UnpublishedObject about;
@@ -21,8 +23,9 @@ struct Inspection {
 };
 
 /// Reads the public keys and certificates of the card in a slot, through a session of its own, and holds
-/// them against what the system publishes. Those that are published are left out of the result.
-[[nodiscard]] Inspection inspectCard(const CK_FUNCTION_LIST& list, CK_SLOT_ID slotID,
+/// them against what the system publishes. Those that are published are left out of the result, which is
+/// empty when the bridge has no module.
+[[nodiscard]] Inspection inspectCard(const P11Bridge& bridge, CK_SLOT_ID slotID,
                                      CertificateParser& certificates);
 
 }  // namespace mirel

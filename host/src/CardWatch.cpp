@@ -5,8 +5,6 @@
 #include "CardTrouble.h"
 #include "FailureDiary.h"
 #include "FixedText.h"
-#include "TokenInfo.h"
-#include "bridge/ModuleLock.h"
 #include "bridge/P11Bridge.h"
 #include "framework/MirelCTKFramework.h"
 #include "host/Display.h"
@@ -40,15 +38,13 @@ std::optional<FailedCall> readToken(P11Bridge& bridge, const Reader& reader, Fai
   if (const CK_RV rv = bridge.pkcs11_FindSlot(reader.distinctName, &slotID); rv != CKR_OK) {
     return diary.cause().value_or(FailedCall{"pkcs11_FindSlot", rv});
   }
-  const CK_FUNCTION_LIST* list = bridge.ckFunc();
-  if (!list) return FailedCall{"pkcs11_FindSlot", CKR_CRYPTOKI_NOT_INITIALIZED};
   if (slotID != reader.slotID) {
     // The search passes over a slot that cannot be read just now, and may so come to another reader.
     CK_SLOT_INFO slot{};
-    if (const CK_RV rv = callAlone(list->C_GetSlotInfo, CK_SLOT_ID{reader.slotID}, &slot); rv != CKR_OK)
+    if (const CK_RV rv = bridge.inspectSlot(reader.slotID, slot); rv != CKR_OK)
       return FailedCall{"C_GetSlotInfo", rv};
   }
-  const CK_RV rv = readTokenInfo(*list, slotID, outToken);
+  const CK_RV rv = bridge.inspectToken(slotID, outToken);
   return rv == CKR_OK ? std::nullopt : std::optional{FailedCall{"C_GetTokenInfo", rv}};
 }
 

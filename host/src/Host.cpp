@@ -14,7 +14,6 @@
 #include "HostTokenKit.h"
 #include "NameList.h"
 #include "ReaderFinder.h"
-#include "TokenInfo.h"
 #include "bridge/CardRules.h"
 #include "bridge/P11Bridge.h"
 #include "host/CryptokiNames.h"
@@ -298,10 +297,8 @@ Outcome<std::unique_ptr<KeyClient>> Host::newClient(const InsertedCard& card) {
 
 PinState Host::pinState(const Reader& reader) {
   using enum PinState::Tries;
-  const CK_FUNCTION_LIST* list = bridge_->ckFunc();
   CK_TOKEN_INFO token{};
-  const CK_RV rv = list ? readTokenInfo(*list, reader.slotID, token) : CKR_CRYPTOKI_NOT_INITIALIZED;
-  if (rv != CKR_OK) {
+  if (const CK_RV rv = bridge_->inspectToken(reader.slotID, token); rv != CKR_OK) {
     const FailedCall cause{"C_GetTokenInfo", rv};
     const Failure because =
         failureBecauseOf(cause, "the PIN was not sent to the card", FailureKind::kCardRefuses);
@@ -344,18 +341,14 @@ Failure Host::listingFailure(const Reader& reader, const std::optional<FailedCal
 }
 
 std::vector<UnpublishedObject> Host::unpublishedObjects(const Reader& reader) {
-  const CK_FUNCTION_LIST* list = bridge_->ckFunc();
-  if (!list) return {};
   std::vector<UnpublishedObject> objects;
-  for (InspectedObject& object : inspectCard(*list, reader.slotID, *services_.certificates).objects)
+  for (InspectedObject& object : inspectCard(*bridge_, reader.slotID, *services_.certificates).objects)
     objects.push_back(std::move(object.about));
   return objects;
 }
 
 Unpublished Host::unpublishedObjects(const InsertedCard& card) {
-  const CK_FUNCTION_LIST* list = bridge_->ckFunc();
-  if (!list) return {};
-  Inspection inspection = inspectCard(*list, card.reader.slotID, *services_.certificates);
+  Inspection inspection = inspectCard(*bridge_, card.reader.slotID, *services_.certificates);
   const PublishedNames published{card};
   Unpublished unpublished{{}, std::move(inspection.failedRead)};
   for (InspectedObject& object : inspection.objects) {

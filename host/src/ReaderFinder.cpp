@@ -7,8 +7,6 @@
 #include "CardTrouble.h"
 #include "FailureDiary.h"
 #include "FixedText.h"
-#include "TokenInfo.h"
-#include "bridge/ModuleLock.h"
 #include "bridge/P11Bridge.h"
 #include "bridge/SlotDescription.h"
 #include "host/CryptokiNames.h"
@@ -17,8 +15,6 @@
 
 namespace mirel {
 namespace {
-
-constexpr int kSlotListTries = 3;  // a slot may appear between counting and listing
 
 constexpr const char* kAskMaker = "ask the maker of the module";
 
@@ -46,24 +42,6 @@ Failure moduleFailure(const FailureDiary& diary, const std::shared_ptr<const std
           kAskMaker};
 }
 
-CK_RV listSlots(const CK_FUNCTION_LIST& list, bool withTokenOnly, std::vector<CK_SLOT_ID>& slots) {
-  const CK_BBOOL tokenPresent = withTokenOnly ? CK_TRUE : CK_FALSE;
-  CK_RV rv = CKR_OK;
-  for (int attempt = 0; attempt < kSlotListTries; ++attempt) {
-    CK_ULONG numSlots = 0;
-    rv = callAlone(list.C_GetSlotList, tokenPresent, nullptr, &numSlots);
-    if (rv != CKR_OK) return rv;
-    if (numSlots > kMaxSlots) return CKR_HOST_MEMORY;
-    slots.assign(numSlots, kNoHandle);
-    if (numSlots == 0) return CKR_OK;
-    rv = callAlone(list.C_GetSlotList, tokenPresent, slots.data(), &numSlots);
-    if (rv == CKR_BUFFER_TOO_SMALL) continue;
-    slots.resize(std::min<std::size_t>(numSlots, slots.size()));
-    return rv;
-  }
-  return rv;
-}
-
 void setProblem(Reader& reader, const FailedCall& cause) {
   reader.unreadable =
       failureBecauseOf(cause, "the card in the reader \"" + displayed(reader.name) + "\" cannot be read",
@@ -73,13 +51,10 @@ void setProblem(Reader& reader, const FailedCall& cause) {
       cause.result != CKR_TOKEN_NOT_RECOGNIZED && cause.result != CKR_TOKEN_NOT_PRESENT;
 }
 
-Reader readReader(const CK_FUNCTION_LIST& list, CK_SLOT_ID slotID, bool withTokenOnly,
-                  CK_SLOT_INFO& outSlot) {
+Reader readReader(const P11Bridge& bridge, CK_SLOT_ID slotID, bool withTokenOnly, CK_SLOT_INFO& outSlot) {
   Reader reader;
   reader.slotID = slotID;
-  outSlot = {};
-  if (const CK_RV rv = callAlone(list.C_GetSlotInfo, slotID, &outSlot); rv != CKR_OK) {
-    outSlot = {};
+  if (const CK_RV rv = bridge.inspectSlot(slotID, outSlot); rv != CKR_OK) {
     setProblem(reader, {"C_GetSlotInfo", rv});
     return reader;
   }
@@ -91,7 +66,7 @@ Reader readReader(const CK_FUNCTION_LIST& list, CK_SLOT_ID slotID, bool withToke
     return reader;
   }
   CK_TOKEN_INFO token{};
-  if (const CK_RV rv = readTokenInfo(list, slotID, token); rv != CKR_OK) {
+  if (const CK_RV rv = bridge.inspectToken(slotID, token); rv != CKR_OK) {
     setProblem(reader, {"C_GetTokenInfo", rv});
     return reader;
   }
@@ -134,8 +109,7 @@ Outcome<std::vector<Reader>> findReaders(P11Bridge& bridge, FailureDiary& diary,
   }
 
   std::vector<CK_SLOT_ID> slotIDs;
-  const CK_FUNCTION_LIST& list = *bridge.ckFunc();
-  if (const CK_RV rv = listSlots(list, withTokenOnly, slotIDs); rv != CKR_OK) {
+  if (const CK_RV rv = bridge.inspectSlots(withTokenOnly, slotIDs); rv != CKR_OK) {
     return failureBecauseOf({"C_GetSlotList", rv}, "the PKCS #11 module does not list its slots",
                             FailureKind::kModuleRefuses);
   }
@@ -143,7 +117,7 @@ Outcome<std::vector<Reader>> findReaders(P11Bridge& bridge, FailureDiary& diary,
   std::vector<Reader> readers;
   std::vector<CK_SLOT_INFO> slots;
   for (const CK_SLOT_ID slotID : slotIDs) {
-    readers.push_back(readReader(list, slotID, withTokenOnly, slots.emplace_back()));
+    readers.push_back(readReader(bridge, slotID, withTokenOnly, slots.emplace_back()));
     readers.back().distinctName = distinctName(slots, slots.size() - 1, readers.back().name);
   }
   return readers;

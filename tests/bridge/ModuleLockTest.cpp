@@ -1,6 +1,6 @@
 /// The one lock of the process around each call of a module.
 
-#include "bridge/ModuleLock.h"
+#include "ModuleLock.h"
 
 #include <chrono>
 #include <future>

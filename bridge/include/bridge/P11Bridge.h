@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "bridge/CardRules.h"
 #include "bridge/PKCS11_SERVICE_INFO.h"
@@ -42,7 +43,7 @@ inline constexpr CK_ULONG kMaxResultRoom = 65536;
 /// - Lengths are bytes. Nothing the module reports is used before it has been checked, and no length
 ///   is looked at after a failing call.
 /// - Nothing throws. Not thread-safe beyond the atomic accessors: one thread at a time. Different bridges may
-///   be used at the same time: their Cryptoki calls wait for one another (see ModuleLock.h).
+///   be used at the same time: their Cryptoki calls wait for one another.
 /// - After `pkcs11_UnLoad` the function list is stale by design: call nothing but `pkcs11_Load` then.
 class P11Bridge final {
  public:
@@ -256,12 +257,57 @@ class P11Bridge final {
                                                const CK_BYTE* publicData, CK_ULONG publicDataLen,
                                                CK_OBJECT_HANDLE* outKey) noexcept;
 
+  // ---- Beside the token's road ----
+  //
+  // Additions of our own, for whoever tells the user what the readers and their cards hold. No layer above
+  // uses them, so nothing here decides what a token does; and the observer, who follows what tokens do, is
+  // not told. The module's answer is passed on as it is, CKR_CRYPTOKI_NOT_INITIALIZED without a function
+  // list.
+
+  /// What a Cryptoki function answered.
+  struct Answer {
+    const char* function;  ///< the standard's name, "C_FindObjects"
+    CK_RV result;
+  };
+
+  /// True when there is a function list.
+  [[nodiscard]] bool hasModule() const noexcept { return ckFunc() != nullptr; }
+
+  /// C_GetSlotList: all slots, or those with a token, however many there are; asked for again where one has
+  /// come between counting and listing. CKR_HOST_MEMORY: the module reports more than kMaxSlots.
+  /// `outSlots` has no defined content after a failure.
+  [[nodiscard]] CK_RV inspectSlots(bool withTokenOnly, std::vector<CK_SLOT_ID>& outSlots) const noexcept;
+
+  /// C_GetSlotInfo. `outInfo`: zeros after a failure, and where the module wrote nothing.
+  [[nodiscard]] CK_RV inspectSlot(CK_SLOT_ID slotID, CK_SLOT_INFO& outInfo) const noexcept;
+
+  /// C_GetTokenInfo, once more after CKR_DEVICE_REMOVED as in `pkcs11_GetTokenInfo`, but without a session.
+  /// `outInfo`: zeros where the module wrote nothing.
+  [[nodiscard]] CK_RV inspectToken(CK_SLOT_ID slotID, CK_TOKEN_INFO& outInfo) const noexcept;
+
+  /// C_OpenSession, read-only, and C_CloseSession: the session for the two below. Close each one that was
+  /// opened; that this may fail is ignored.
+  [[nodiscard]] CK_RV openInspection(CK_SLOT_ID slotID, CK_SESSION_HANDLE& outSession) const noexcept;
+  void closeInspection(CK_SESSION_HANDLE session) const noexcept;
+
+  /// Finds the objects of a class, on the token or not, at most kMaxListedObjects. The answer is that of the
+  /// first search call that failed, else of the last one; `outObjects` gets what was found before it.
+  [[nodiscard]] Answer inspectObjects(CK_SESSION_HANDLE session, CK_OBJECT_CLASS objectClass,
+                                      std::vector<CK_OBJECT_HANDLE>& outObjects) const noexcept;
+
+  /// C_GetAttributeValue for one attribute. The length in `ioEntry` is as the module wrote it: look whether
+  /// it exceeds the buffer.
+  [[nodiscard]] CK_RV inspectAttribute(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object,
+                                       CK_ATTRIBUTE& ioEntry) const noexcept;
+
  private:
   struct ValueReader;
   struct KeyResult;
 
   template <auto Entry, typename... Args>
   [[nodiscard]] CK_RV call(Args... args) const noexcept;
+  template <auto Entry, typename... Args>
+  [[nodiscard]] CK_RV ask(Args... args) const noexcept;
   template <typename Body>
   [[nodiscard]] CK_RV operation(const char* name, const Body& body) const noexcept;
 

@@ -4,9 +4,9 @@
 
 namespace mirel {
 
-/// Told of every call that the bridge makes into the PKCS #11 module, and of the result of every
-/// operation of the bridge. For measuring and for explaining failures; it gets no arguments, so it
-/// can see neither PINs nor data.
+/// Told of every call that the bridge makes into the PKCS #11 module for a token, and of the result of every
+/// operation of the bridge; not of the calls by which a host looks at readers and cards for the user. For
+/// measuring and for explaining failures; it gets no arguments, so it can see neither PINs nor data.
 class CryptokiObserver {
  public:
   CryptokiObserver() = default;

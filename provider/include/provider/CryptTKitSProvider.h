@@ -56,7 +56,7 @@ class CryptTKitSProvider final : public std::enable_shared_from_this<CryptTKitSP
   ///
   /// Never call the platform's token framework while holding it: the platform may wait for an operation of
   /// another session, which waits for the gate. Never take it twice in one thread, nor two gates at once.
-  /// Below it lie the lock around each Cryptoki call (see bridge/ModuleLock.h) and such as take no other:
+  /// Below it lie the lock around each Cryptoki call, which the bridge takes, and such as take no other:
   /// those of atomic properties, of an observer and of the log.
   [[nodiscard]] std::mutex& gate() noexcept { return gate_; }
 

@@ -1,0 +1,76 @@
+#include <algorithm>
+
+#include "CryptokiCall.h"
+#include "CryptokiValues.h"
+
+namespace mirel {
+namespace {
+
+constexpr int kSlotListTries = 3;  // a slot may appear between counting and listing
+
+}  // namespace
+
+CK_RV P11Bridge::inspectSlots(bool withTokenOnly, std::vector<CK_SLOT_ID>& outSlots) const noexcept {
+  const CK_BBOOL tokenPresent = withTokenOnly ? CK_TRUE : CK_FALSE;
+  CK_RV rv = CKR_OK;
+  for (int attempt = 0; attempt < kSlotListTries; ++attempt) {
+    CK_ULONG numSlots = 0;
+    rv = ask<&CK_FUNCTION_LIST::C_GetSlotList>(tokenPresent, nullptr, &numSlots);
+    if (rv != CKR_OK) return rv;
+    if (numSlots > kMaxSlots) return CKR_HOST_MEMORY;
+    outSlots.assign(numSlots, kNoHandle);
+    if (numSlots == 0) return CKR_OK;
+    rv = ask<&CK_FUNCTION_LIST::C_GetSlotList>(tokenPresent, outSlots.data(), &numSlots);
+    if (rv == CKR_BUFFER_TOO_SMALL) continue;
+    outSlots.resize(std::min<std::size_t>(numSlots, outSlots.size()));
+    return rv;
+  }
+  return rv;
+}
+
+CK_RV P11Bridge::inspectSlot(CK_SLOT_ID slotID, CK_SLOT_INFO& outInfo) const noexcept {
+  outInfo = {};
+  const CK_RV rv = ask<&CK_FUNCTION_LIST::C_GetSlotInfo>(slotID, &outInfo);
+  if (rv != CKR_OK) outInfo = {};
+  return rv;
+}
+
+CK_RV P11Bridge::inspectToken(CK_SLOT_ID slotID, CK_TOKEN_INFO& outInfo) const noexcept {
+  return readTokenInfo(
+      [&](CK_TOKEN_INFO* out) { return ask<&CK_FUNCTION_LIST::C_GetTokenInfo>(slotID, out); }, outInfo);
+}
+
+CK_RV P11Bridge::openInspection(CK_SLOT_ID slotID, CK_SESSION_HANDLE& outSession) const noexcept {
+  outSession = 0;
+  return ask<&CK_FUNCTION_LIST::C_OpenSession>(slotID, CKF_SERIAL_SESSION, nullptr, nullptr, &outSession);
+}
+
+void P11Bridge::closeInspection(CK_SESSION_HANDLE session) const noexcept {
+  (void)ask<&CK_FUNCTION_LIST::C_CloseSession>(session);
+}
+
+P11Bridge::Answer P11Bridge::inspectObjects(CK_SESSION_HANDLE session, CK_OBJECT_CLASS objectClass,
+                                            std::vector<CK_OBJECT_HANDLE>& outObjects) const noexcept {
+  outObjects.clear();
+  CK_ATTRIBUTE filter = attribute(CKA_CLASS, objectClass);
+  if (CK_RV rv = ask<&CK_FUNCTION_LIST::C_FindObjectsInit>(session, &filter, CK_ULONG{1}); rv != CKR_OK) {
+    return {"C_FindObjectsInit", rv};
+  }
+  CK_RV rv = CKR_OK;
+  while (outObjects.size() < kMaxListedObjects) {
+    CK_OBJECT_HANDLE object = 0;
+    CK_ULONG numFetched = 0;
+    rv = ask<&CK_FUNCTION_LIST::C_FindObjects>(session, &object, CK_ULONG{1}, &numFetched);
+    if (rv != CKR_OK || numFetched != 1) break;
+    outObjects.push_back(object);
+  }
+  (void)ask<&CK_FUNCTION_LIST::C_FindObjectsFinal>(session);  // the handles are ours already
+  return {"C_FindObjects", rv};
+}
+
+CK_RV P11Bridge::inspectAttribute(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object,
+                                  CK_ATTRIBUTE& ioEntry) const noexcept {
+  return ask<&CK_FUNCTION_LIST::C_GetAttributeValue>(session, object, &ioEntry, CK_ULONG{1});
+}
+
+}  // namespace mirel

@@ -1,0 +1,152 @@
+/// What stands beside the token's road: the calls by which a host looks at readers and cards.
+
+#include "BridgeTest.h"
+
+namespace mirel::test {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::SizeIs;
+
+class InspectionUnloaded : public UnloadedBridgeTest {};
+
+TEST_F(InspectionUnloaded, AnswersThatThereIsNoFunctionList) {
+  std::vector<CK_SLOT_ID> slots;
+  std::vector<CK_OBJECT_HANDLE> objects;
+  CK_SLOT_INFO slot{};
+  CK_TOKEN_INFO token{};
+  CK_SESSION_HANDLE session = 0;
+  CK_ATTRIBUTE attribute{CKA_ID, nullptr, 0};
+  EXPECT_FALSE(bridge.hasModule());
+  EXPECT_EQ(bridge.inspectSlots(true, slots), CKR_CRYPTOKI_NOT_INITIALIZED);
+  EXPECT_EQ(bridge.inspectSlot(kSlot, slot), CKR_CRYPTOKI_NOT_INITIALIZED);
+  EXPECT_EQ(bridge.inspectToken(kSlot, token), CKR_CRYPTOKI_NOT_INITIALIZED);
+  EXPECT_EQ(bridge.openInspection(kSlot, session), CKR_CRYPTOKI_NOT_INITIALIZED);
+  EXPECT_EQ(bridge.inspectObjects(5, CKO_CERTIFICATE, objects).result, CKR_CRYPTOKI_NOT_INITIALIZED);
+  EXPECT_EQ(bridge.inspectAttribute(5, kPublicKey, attribute), CKR_CRYPTOKI_NOT_INITIALIZED);
+  bridge.closeInspection(5);
+}
+
+class Inspection : public SessionTest {
+ protected:
+  std::vector<CK_SLOT_ID> slots;
+  std::vector<CK_OBJECT_HANDLE> objects;
+};
+
+TEST_F(Inspection, IsCallsThatTheObserverIsNotToldOf) {
+  CK_SLOT_INFO slot{};
+  CK_TOKEN_INFO token{};
+  CK_SESSION_HANDLE opened = 0;
+  CK_ATTRIBUTE attribute{CKA_ID, nullptr, 0};
+  EXPECT_TRUE(bridge.hasModule());
+  EXPECT_EQ(bridge.inspectSlots(true, slots), CKR_OK);
+  EXPECT_EQ(bridge.inspectSlot(kSlot, slot), CKR_OK);
+  EXPECT_EQ(bridge.inspectToken(kSlot, token), CKR_OK);
+  EXPECT_EQ(bridge.openInspection(kSlot, opened), CKR_OK);
+  EXPECT_EQ(bridge.inspectObjects(opened, CKO_CERTIFICATE, objects).result, CKR_OK);
+  EXPECT_EQ(bridge.inspectAttribute(opened, kPublicKey, attribute), CKR_OK);
+  bridge.closeInspection(opened);
+  EXPECT_EQ(attribute.ulValueLen, 2U);
+  EXPECT_THAT(objects, ElementsAre(kCertificate));
+  EXPECT_THAT(script.callTexts(),
+              ElementsAre("C_GetSlotList(1, null, 0)", "C_GetSlotList(1, list, 1)", "C_GetSlotInfo(1)",
+                          "C_GetTokenInfo(1)", "C_OpenSession(1, 4, null, null)",
+                          "C_FindObjectsInit(6, [CKA_CLASS=0100000000000000])", "C_FindObjects(6, 1)",
+                          "C_FindObjects(6, 1)", "C_FindObjectsFinal(6)",
+                          "C_GetAttributeValue(6, 21, [CKA_ID null 0])", "C_CloseSession(6)"));
+  EXPECT_THAT(observer->events, IsEmpty());
+}
+
+TEST_F(Inspection, AnswersForAFunctionThatIsMissing) {
+  script.removeEntry("C_GetTokenInfo");
+  CK_TOKEN_INFO token{};
+  EXPECT_EQ(bridge.inspectToken(kSlot, token), CKR_FUNCTION_NOT_SUPPORTED);
+}
+
+// ---- Slots ----
+
+TEST_F(Inspection, ListsMoreSlotsThanTheTokensRoadDoes) {
+  for (CK_ULONG i = 0; i < kAnnouncedSlots; ++i) script.addSlot("Reader");
+  EXPECT_EQ(bridge.inspectSlots(true, slots), CKR_OK);
+  EXPECT_THAT(slots, ElementsAre(kSlot));
+  EXPECT_EQ(bridge.inspectSlots(false, slots), CKR_OK);
+  EXPECT_THAT(slots, SizeIs(kAnnouncedSlots + 1));
+}
+
+TEST_F(Inspection, DoesNotBelieveInMoreSlotsThanTheLimit) {
+  script.deviations.slotCountOnQuery = kMaxSlots;
+  EXPECT_EQ(bridge.inspectSlots(true, slots), CKR_OK);
+  script.deviations.slotCountOnQuery = kMaxSlots + 1;
+  script.forgetCalls();
+  EXPECT_EQ(bridge.inspectSlots(true, slots), CKR_HOST_MEMORY);
+  EXPECT_THAT(script.callTexts(), SizeIs(1));
+}
+
+TEST_F(Inspection, TakesNoMoreSlotsThanThereIsRoomFor) {
+  script.deviations.slotCountOnList = kAllOnes;
+  EXPECT_EQ(bridge.inspectSlots(true, slots), CKR_OK);
+  EXPECT_THAT(slots, ElementsAre(kSlot));
+}
+
+TEST_F(Inspection, ListsTheSlotsThreeTimesAtMost) {
+  script.failCallOf("C_GetSlotList", 1, CKR_BUFFER_TOO_SMALL);
+  EXPECT_EQ(bridge.inspectSlots(true, slots), CKR_OK);
+  EXPECT_EQ(script.countOf("C_GetSlotList"), 4U);
+  script.hook<&CK_FUNCTION_LIST::C_GetSlotList>([](auto real, auto present, auto* list, auto* count) {
+    return list ? CKR_BUFFER_TOO_SMALL : real(present, list, count);
+  });
+  script.forgetCalls();
+  EXPECT_EQ(bridge.inspectSlots(true, slots), CKR_BUFFER_TOO_SMALL);
+  EXPECT_EQ(script.countOf("C_GetSlotList"), 6U);
+}
+
+TEST_F(Inspection, LeavesZerosOfASlotThatCannotBeRead) {
+  CK_SLOT_INFO slot{};
+  slot.flags = kAllOnes;
+  script.hook<&CK_FUNCTION_LIST::C_GetSlotInfo>([](auto, CK_SLOT_ID, CK_SLOT_INFO* info) {
+    info->slotDescription[0] = 'x';
+    return kSomeFailure;
+  });
+  EXPECT_EQ(bridge.inspectSlot(kSlot, slot), kSomeFailure);
+  EXPECT_EQ(slot.flags, 0U);
+  EXPECT_EQ(slot.slotDescription[0], 0);
+}
+
+TEST_F(Inspection, ReadsATokenOnceMoreThatWasJustPutBack) {
+  CK_TOKEN_INFO token{};
+  script.failCallOf("C_GetTokenInfo", 0, CKR_DEVICE_REMOVED);
+  EXPECT_EQ(bridge.inspectToken(kSlot, token), CKR_OK);
+  EXPECT_EQ(token.label[0], 'T');
+  script.failCallOf("C_GetTokenInfo", 0, CKR_DEVICE_REMOVED, Times::kFromThenOn);
+  script.forgetCalls();
+  EXPECT_EQ(bridge.inspectToken(kSlot, token), CKR_DEVICE_REMOVED);
+  EXPECT_EQ(script.countOf("C_GetTokenInfo"), 2U);
+}
+
+// ---- Objects ----
+
+TEST_F(Inspection, FindsAsManyObjectsAsAreListedOfACard) {
+  script.deviations.endlessSearches = true;
+  EXPECT_EQ(bridge.inspectObjects(session, CKO_CERTIFICATE, objects).result, CKR_OK);
+  EXPECT_THAT(objects, SizeIs(kMaxListedObjects));
+  EXPECT_EQ(script.countOf("C_FindObjects"), kMaxListedObjects);
+}
+
+TEST_F(Inspection, NamesTheCallByWhichASearchFails) {
+  script.failCallOf("C_FindObjectsInit", 0, kSomeFailure);
+  auto answer = bridge.inspectObjects(session, CKO_CERTIFICATE, objects);
+  EXPECT_STREQ(answer.function, "C_FindObjectsInit");
+  EXPECT_EQ(answer.result, kSomeFailure);
+  EXPECT_EQ(script.countOf("C_FindObjectsFinal"), 0U);
+
+  script.failCallOf("C_FindObjects", 1, kSomeFailure);
+  answer = bridge.inspectObjects(session, CKO_CERTIFICATE, objects);
+  EXPECT_STREQ(answer.function, "C_FindObjects");
+  EXPECT_EQ(answer.result, kSomeFailure);
+  EXPECT_THAT(objects, ElementsAre(kCertificate));
+  EXPECT_EQ(script.countOf("C_FindObjectsFinal"), 1U);
+}
+
+}  // namespace
+}  // namespace mirel::test
