@@ -97,7 +97,7 @@ ExitCode runAlgorithms(Host& host, const Options& options) {
                    "see why with: mireltoken items"});
   }
   const std::string text = options.json ? jsonText(*job.client, keys) : tableText(*job.client, keys);
-  return writeOutput(text) ? ExitCode::kSuccess : ExitCode::kFileTrouble;
+  return writeOutput(text) ? ExitCode::kSuccess : ExitCode::kFileFailure;
 }
 
 }  // namespace mirel::cli

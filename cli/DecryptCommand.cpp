@@ -79,7 +79,7 @@ ExitCode decryptAndWrite(Host& host, const Options& options) {
         writeFile(std::nullopt, withPlainText(std::move(json), plain).view(), kPlainTextMode);
     return trouble ? report(*trouble) : ExitCode::kSuccess;
   }
-  return writeOutput(jsonLines(json)) ? ExitCode::kSuccess : ExitCode::kFileTrouble;
+  return writeOutput(jsonLines(json)) ? ExitCode::kSuccess : ExitCode::kFileFailure;
 }
 
 }  // namespace

@@ -20,7 +20,7 @@ enum class ExitCode : int {
   kVerificationFailed = 11,
   kKeyNotFound = 12,
   kCardRefuses = 13,
-  kFileTrouble = 14,
+  kFileFailure = 14,
   kAnotherCard = 15,
   kCardGone = 16,
   kPinHeldBack = 17,
@@ -43,7 +43,7 @@ enum class ExitCode : int {
     case FailureKind::kKeyNotFound: return ExitCode::kKeyNotFound;
     case FailureKind::kCardRefuses: return ExitCode::kCardRefuses;
     case FailureKind::kBadInput: return ExitCode::kUsage;
-    case FailureKind::kFileTrouble: return ExitCode::kFileTrouble;
+    case FailureKind::kFileFailure: return ExitCode::kFileFailure;
     case FailureKind::kAnotherCard: return ExitCode::kAnotherCard;
     case FailureKind::kCardGone: return ExitCode::kCardGone;
     case FailureKind::kInternal: break;

@@ -22,12 +22,12 @@ constexpr const char* kStandardStream = "-";
 bool isStandardStream(const std::optional<std::string>& name) { return !name || *name == kStandardStream; }
 
 Failure readFailure(const std::string& name, int error) {
-  return {FailureKind::kFileTrouble, name + " cannot be read", std::strerror(error),
+  return {FailureKind::kFileFailure, name + " cannot be read", std::strerror(error),
           "check the name given with --in"};
 }
 
 Failure writeFailure(const std::string& name, int error) {
-  return {FailureKind::kFileTrouble, name + " cannot be written", std::strerror(error),
+  return {FailureKind::kFileFailure, name + " cannot be written", std::strerror(error),
           "check where it goes and the space left there"};
 }
 
@@ -40,7 +40,7 @@ std::optional<Failure> replacingTrouble(const std::string& name, const std::stri
   }
   const bool ownersModeCounts = geteuid() == 0 || there.st_uid == geteuid();
   if (ownersModeCounts && (there.st_mode & S_IWUSR) == 0) {
-    return Failure{FailureKind::kFileTrouble, name + " cannot be written",
+    return Failure{FailureKind::kFileFailure, name + " cannot be written",
                    "its mode does not let it be written", "run: chmod u+w on it, or name another file"};
   }
   if (access(target.c_str(), W_OK) != 0) return writeFailure(name, errno);

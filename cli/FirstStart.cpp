@@ -87,7 +87,7 @@ ExitCode tellWhatToDo(Desktop& desktop, UserDirectory& user) {
   if (desktop.appWasOpened() && desktop.showMessage(title, message)) return notice.code;
   std::string lines = displayed(title) + "\n" + displayed(text) + "\n";
   if (!hint.isNull()) lines += displayed(hint) + "\n";
-  return writeOutput(lines) ? notice.code : ExitCode::kFileTrouble;
+  return writeOutput(lines) ? notice.code : ExitCode::kFileFailure;
 }
 
 }  // namespace

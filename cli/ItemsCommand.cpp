@@ -145,11 +145,11 @@ ExitCode runItems(Host& host, const Options& options) {
   }
   const auto& card = std::get<InsertedCard>(inserted);
   if (card.incomplete) writeMessage(failureLine(*card.incomplete));
-  if (options.json) return writeOutput(jsonText(card)) ? ExitCode::kSuccess : ExitCode::kFileTrouble;
+  if (options.json) return writeOutput(jsonText(card)) ? ExitCode::kSuccess : ExitCode::kFileFailure;
 
   std::string text = tableText(card);
   text.append(unpublishedText(host.unpublishedObjects(card)));
-  return writeOutput(text) ? ExitCode::kSuccess : ExitCode::kFileTrouble;
+  return writeOutput(text) ? ExitCode::kSuccess : ExitCode::kFileFailure;
 }
 
 }  // namespace mirel::cli

@@ -19,11 +19,11 @@ ExitCode runLogin(Host& host, const Options& options) {
   if (options.json) {
     const nlohmann::ordered_json json{
         {"reader", job.card.reader.name.toUtf8()}, {"accepted", true}, {"before", before}};
-    return writeOutput(jsonLines(json)) ? ExitCode::kSuccess : ExitCode::kFileTrouble;
+    return writeOutput(jsonLines(json)) ? ExitCode::kSuccess : ExitCode::kFileFailure;
   }
   std::string text = "The card accepts the PIN.\n";
   if (!before.empty()) text.append("Before this: ").append(before).append(".\n");
-  return writeOutput(text) ? ExitCode::kSuccess : ExitCode::kFileTrouble;
+  return writeOutput(text) ? ExitCode::kSuccess : ExitCode::kFileFailure;
 }
 
 }  // namespace mirel::cli

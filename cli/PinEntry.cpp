@@ -23,7 +23,7 @@ using Pin = Outcome<std::shared_ptr<const SecretText>>;
 constexpr std::size_t kLongestPin = 256;  // bytes; no card takes as many
 
 Failure pinFileFailure(const std::string& name, const std::string& why, const std::string& whatToDo) {
-  return {FailureKind::kFileTrouble, "the PIN cannot be read from " + name, why, whatToDo};
+  return {FailureKind::kFileFailure, "the PIN cannot be read from " + name, why, whatToDo};
 }
 
 std::string nameOfDescriptor(int descriptor) { return "file descriptor " + std::to_string(descriptor); }

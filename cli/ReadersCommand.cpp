@@ -56,7 +56,7 @@ ExitCode runReaders(Host& host, const Options& options) {
   if (readers.empty()) writeMessage("No reader holds a card.");
   const bool nothingToShow = readers.empty() && !options.json;
   if (!nothingToShow && !writeOutput(options.json ? jsonText(readers) : tableText(readers)))
-    return ExitCode::kFileTrouble;
+    return ExitCode::kFileFailure;
   return ExitCode::kSuccess;
 }
 

@@ -70,7 +70,7 @@ ExitCode runSign(Host& host, const Options& options) {
   }
   if (asJson)
     return writeOutput(jsonText(chosen, algorithm, signature, verify)) ? ExitCode::kSuccess
-                                                                       : ExitCode::kFileTrouble;
+                                                                       : ExitCode::kFileFailure;
   writeMessage(summary(chosen, algorithm, signature, verify));
   return ExitCode::kSuccess;
 }

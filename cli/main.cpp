@@ -90,7 +90,7 @@ ExitCode run(const Options& options) {
 }
 
 ExitCode print(const std::string& text) {
-  return writeOutput(text) ? ExitCode::kSuccess : ExitCode::kFileTrouble;
+  return writeOutput(text) ? ExitCode::kSuccess : ExitCode::kFileFailure;
 }
 
 /// What the parser lets pass although it makes no sense; empty when all is well.

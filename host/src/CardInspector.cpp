@@ -4,7 +4,7 @@
 #include <array>
 #include <optional>
 
-#include "CardTrouble.h"
+#include "CodeMeaning.h"
 #include "FailureDiary.h"
 #include "bridge/CardRules.h"
 #include "bridge/P11Bridge.h"

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "CardTrouble.h"
+#include "CodeMeaning.h"
 #include "FailureDiary.h"
 #include "FixedText.h"
 #include "bridge/P11Bridge.h"

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "CardTrouble.h"
+#include "CodeMeaning.h"
 #include "bridge/CardRules.h"
 #include "bridge/cryptoki.h"
 

@@ -7,9 +7,9 @@
 #include <utility>
 
 #include "CardInspector.h"
-#include "CardTrouble.h"
 #include "CardWatch.h"
 #include "CertificateMemory.h"
+#include "CodeMeaning.h"
 #include "FailureDiary.h"
 #include "HostTokenKit.h"
 #include "NameList.h"

@@ -5,8 +5,8 @@
 #include <vector>
 
 #include "Adaptation.h"
-#include "CardTrouble.h"
 #include "CardWatch.h"
+#include "CodeMeaning.h"
 #include "FailureDiary.h"
 #include "HostTokenKit.h"
 #include "NameList.h"

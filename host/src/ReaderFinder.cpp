@@ -4,7 +4,7 @@
 #include <optional>
 #include <span>
 
-#include "CardTrouble.h"
+#include "CodeMeaning.h"
 #include "FailureDiary.h"
 #include "FixedText.h"
 #include "bridge/P11Bridge.h"

@@ -155,7 +155,7 @@ TEST_F(FirstStart, TellsThatTheAppIsOutOfPlace) {
   }
 }
 
-TEST_F(FirstStart, TellsThatTheAppIsOutOfPlaceBeforeAllOtherTrouble) {
+TEST_F(FirstStart, TellsThatTheAppIsOutOfPlaceBeforeAllElse) {
   desktop.path = kOutOfPlace[0];
   desktop.registrationError = -10811;
   fs::remove(module);

@@ -129,10 +129,10 @@ TEST_F(Decrypt, TellsWhichSizeIsWanted) {
 
 TEST_F(Decrypt, PassesOnWhatIsWrongWithTheInput) {
   GivenInput input{{Value(128, 1)}};
-  input.failure = Failure{FailureKind::kFileTrouble, "the file cannot be read", "it is gone", "look for it"};
+  input.failure = Failure{FailureKind::kFileFailure, "the file cannot be read", "it is gone", "look for it"};
   const Failure failure =
       failureOf(client->decrypt(published(u"02"), kSecKeyAlgorithmRSAEncryptionPKCS1, input, pins));
-  EXPECT_EQ(failure.kind, FailureKind::kFileTrouble);
+  EXPECT_EQ(failure.kind, FailureKind::kFileFailure);
   EXPECT_EQ(failure.whatToDo, "look for it");
   EXPECT_EQ(pins.timesAsked(), 0U);
 }
@@ -272,10 +272,10 @@ TEST_F(Exchange, RefusesAPointOfAnotherKindOfSize) {
 
 TEST_F(Exchange, PassesOnWhatIsWrongWithTheInput) {
   GivenInput input{{Value(1)}};
-  input.failure = Failure{FailureKind::kFileTrouble, "the file cannot be read", "it is gone", "look for it"};
+  input.failure = Failure{FailureKind::kFileFailure, "the file cannot be read", "it is gone", "look for it"};
   const Failure failure =
       failureOf(client->exchange(published(u"04"), kSecKeyAlgorithmECDHKeyExchangeStandard, input, pins));
-  EXPECT_EQ(failure.kind, FailureKind::kFileTrouble);
+  EXPECT_EQ(failure.kind, FailureKind::kFileFailure);
 }
 
 }  // namespace

@@ -242,7 +242,7 @@ TEST_F(Insert, NamesTheCallThatFailed) {
   leavesOpen(script.openSessions());
 }
 
-TEST_F(Insert, NamesTheFirstTroubleWhenNoSessionCanBeOpened) {
+TEST_F(Insert, NamesTheFirstFailedCallWhenNoSessionCanBeOpened) {
   script.failCallOf("C_OpenSession", 0, CKR_SESSION_COUNT, Times::kFromThenOn);
   EXPECT_THAT(whyNotListed(), StartsWith("C_OpenSession answered CKR_SESSION_COUNT (0xB1)"));
 }

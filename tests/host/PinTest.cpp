@@ -153,7 +153,7 @@ TEST_F(PinEntry, IsWrongForEachCodeThatSaysSo) {
 
 // ---- A PIN that the card is not asked about ----
 
-TEST_F(PinEntry, DoesNotTroubleTheCardWithAPinThatCannotBeSent) {
+TEST_F(PinEntry, DoesNotAskTheCardAboutAPinThatCannotBeSent) {
   const std::pair<const char16_t*, const char*> kRows[] = {
       {u"", "it is empty"},
       {u"123456789", "it has more than 8 characters"},
@@ -237,9 +237,9 @@ TEST_F(PinEntry, EndsWhenTheUserCancelsAfterAWrongPin) {
 
 TEST_F(PinEntry, PassesOnWhatIsWrongWithTheSource) {
   GivenPins given{{u"123456"}};
-  given.failure = Failure{FailureKind::kFileTrouble, "the PIN cannot be read", "others can", "protect it"};
+  given.failure = Failure{FailureKind::kFileFailure, "the PIN cannot be read", "others can", "protect it"};
   const Failure failure = loginFailure(given);
-  EXPECT_EQ(failure.kind, FailureKind::kFileTrouble);
+  EXPECT_EQ(failure.kind, FailureKind::kFileFailure);
   EXPECT_EQ(failure.what, "the PIN cannot be read");
   EXPECT_EQ(failure.why, "others can");
   EXPECT_EQ(failure.whatToDo, "protect it");

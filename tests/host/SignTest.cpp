@@ -267,9 +267,9 @@ TEST_F(Sign, PassesOnWhatIsWrongWithTheInput) {
        {kSecKeyAlgorithmRSASignatureMessagePSSSHA256, kSecKeyAlgorithmRSASignatureRaw}) {
     GivenInput input{{kMessage}};
     input.failure =
-        Failure{FailureKind::kFileTrouble, "the file cannot be read", "it is gone", "look for it"};
+        Failure{FailureKind::kFileFailure, "the file cannot be read", "it is gone", "look for it"};
     const Failure failure = failureOf(client->sign(published(u"01"), algorithm, input, pins));
-    EXPECT_EQ(failure.kind, FailureKind::kFileTrouble);
+    EXPECT_EQ(failure.kind, FailureKind::kFileFailure);
     EXPECT_EQ(failure.why, "it is gone");
   }
   EXPECT_EQ(pins.timesAsked(), 0U);

@@ -5,7 +5,7 @@
 
 namespace mirel {
 
-/// What kind of trouble kept the host from doing what it was asked.
+/// What kept the host from doing what it was asked.
 enum class FailureKind {
   kInternal,
   kModuleNotLoadable,      ///< the PKCS #11 module cannot be loaded
@@ -22,7 +22,7 @@ enum class FailureKind {
   kKeyNotFound,
   kCardRefuses,  ///< the card did not do what it was asked
   kBadInput,     ///< the data to work on have the wrong length
-  kFileTrouble,  ///< a file cannot be read or written
+  kFileFailure,  ///< a file cannot be read or written
   kAnotherCard,  ///< the reader holds another card than the one that was inserted
   kCardGone,     ///< the card, its reader or the service behind it went away
 };

@@ -13,10 +13,10 @@ using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::Not;
 
-class ModuleTrouble : public HostTest {
+class ModuleFailure : public HostTest {
  protected:
   /// What becomes of a user whose home has that file as its module; empty: none.
-  [[nodiscard]] Failure troubleWith(const std::filesystem::path& module) {
+  [[nodiscard]] Failure failureWith(const std::filesystem::path& module) {
     otherHome.emplace(module);
     PlatformServices mine = services();
     mine.user = std::make_shared<FakeUserDirectory>("alice", otherHome->home());
@@ -30,12 +30,12 @@ class ModuleTrouble : public HostTest {
   std::optional<ModuleHome> otherHome;
 };
 
-TEST_F(ModuleTrouble, AMissingModuleIsExplainedByTheLoader) {
-  const Failure failure = troubleWith({});
+TEST_F(ModuleFailure, AMissingModuleIsExplainedByTheLoader) {
+  const Failure failure = failureWith({});
   EXPECT_THAT(failure.why, AllOf(HasSubstr(otherHome->modulePath()), EndsWith("No such file or directory")));
 }
 
-TEST_F(ModuleTrouble, TheLoadersWordsAreKept) {
+TEST_F(ModuleFailure, TheLoadersWordsAreKept) {
   PlatformServices mine = services();
   mine.loader = std::make_shared<RecordingLoader>();
   Host withoutLoader{mine};
@@ -44,37 +44,37 @@ TEST_F(ModuleTrouble, TheLoadersWordsAreKept) {
   EXPECT_EQ(failure.why, "no loader");
 }
 
-TEST_F(ModuleTrouble, AFileThatIsNoLibraryIsExplainedByTheLoader) {
-  const Failure failure = troubleWith(kNotALibrary);
+TEST_F(ModuleFailure, AFileThatIsNoLibraryIsExplainedByTheLoader) {
+  const Failure failure = failureWith(kNotALibrary);
   EXPECT_THAT(failure.why, AllOf(HasSubstr(otherHome->modulePath()), ContainsRegex("invalid ELF|too short")));
 }
 
-TEST_F(ModuleTrouble, AMissingEntryPointIsExplainedByTheLoader) {
-  EXPECT_THAT(troubleWith(kModuleWithoutEntry).why, EndsWith("undefined symbol: C_GetFunctionList"));
+TEST_F(ModuleFailure, AMissingEntryPointIsExplainedByTheLoader) {
+  EXPECT_THAT(failureWith(kModuleWithoutEntry).why, EndsWith("undefined symbol: C_GetFunctionList"));
 }
 
-TEST_F(ModuleTrouble, AFailingEntryPointIsNamedWithItsResult) {
+TEST_F(ModuleFailure, AFailingEntryPointIsNamedWithItsResult) {
   for (const char* module : {kModuleEntryFails, kModuleEntryFailsWild}) {
     SCOPED_TRACE(module);
-    EXPECT_EQ(troubleWith(module).why, "C_GetFunctionList answered CKR_GENERAL_ERROR (0x5)");
+    EXPECT_EQ(failureWith(module).why, "C_GetFunctionList answered CKR_GENERAL_ERROR (0x5)");
   }
 }
 
-TEST_F(ModuleTrouble, AnEntryPointThatGivesNothingIsExplained) {
+TEST_F(ModuleFailure, AnEntryPointThatGivesNothingIsExplained) {
   for (const char* module : {kModuleNullList, kModuleSilentEntry}) {
     SCOPED_TRACE(module);
-    EXPECT_EQ(troubleWith(module).why, "it gives no function list");
+    EXPECT_EQ(failureWith(module).why, "it gives no function list");
   }
 }
 
-TEST_F(ModuleTrouble, InStartingIsToldByTheNameThatTheUserGaveTheModule) {
+TEST_F(ModuleFailure, InStartingIsToldByTheNameThatTheUserGaveTheModule) {
   Host named{services(), "./my module.so"};
   script.failCallOf("C_Initialize", 0, CKR_DEVICE_ERROR);
   const Failure failure = failureOf(named.readers());
   EXPECT_THAT(failure.what, AllOf(HasSubstr("./my module.so"), Not(HasSubstr(home.home()))));
 }
 
-TEST_F(ModuleTrouble, AUserWithoutAHomeIsExplained) {
+TEST_F(ModuleFailure, AUserWithoutAHomeIsExplained) {
   PlatformServices mine = services();
   mine.user = std::make_shared<FakeUserDirectory>("", "");
   Host homeless{mine};
@@ -83,14 +83,14 @@ TEST_F(ModuleTrouble, AUserWithoutAHomeIsExplained) {
   EXPECT_THAT(failure.what, HasSubstr("home folder"));
 }
 
-TEST_F(ModuleTrouble, AHomeWithALineEndIsToldInOneLine) {
+TEST_F(ModuleFailure, AHomeWithALineEndIsToldInOneLine) {
   PlatformServices mine = services();
   mine.user = userWithHome(user, "/no/such\nhome");
   Host odd{mine};
   EXPECT_EQ(failureOf(odd.readers()).kind, FailureKind::kModuleNotLoadable);
 }
 
-TEST_F(ModuleTrouble, AModuleThatDoesNotStartIsNamedWithItsResult) {
+TEST_F(ModuleFailure, AModuleThatDoesNotStartIsNamedWithItsResult) {
   script.failCallOf("C_Initialize", 0, CKR_DEVICE_ERROR);
   const Failure failure = failureOf(host.readers());
   EXPECT_EQ(failure.kind, FailureKind::kModuleRefuses);
@@ -98,12 +98,12 @@ TEST_F(ModuleTrouble, AModuleThatDoesNotStartIsNamedWithItsResult) {
   EXPECT_THAT(failure.why, StartsWith("C_Initialize answered CKR_DEVICE_ERROR (0x30)"));
 }
 
-TEST_F(ModuleTrouble, AModuleThatRunsAlreadyIsNone) {
+TEST_F(ModuleFailure, AModuleThatRunsAlreadyIsNone) {
   script.setInitialised(true);
   EXPECT_EQ(readers().size(), 1U);
 }
 
-TEST_F(ModuleTrouble, AModuleThatDoesNotListItsSlotsIsNamedWithItsResult) {
+TEST_F(ModuleFailure, AModuleThatDoesNotListItsSlotsIsNamedWithItsResult) {
   for (const std::size_t call : {0U, 1U}) {
     SCOPED_TRACE(call);
     script.reset();
@@ -114,14 +114,14 @@ TEST_F(ModuleTrouble, AModuleThatDoesNotListItsSlotsIsNamedWithItsResult) {
   }
 }
 
-TEST_F(ModuleTrouble, AMissingFunctionIsNamedWithAResult) {
+TEST_F(ModuleFailure, AMissingFunctionIsNamedWithAResult) {
   script.removeEntry("C_GetSlotList");
   const Failure failure = failureOf(host.readers());
   EXPECT_EQ(failure.kind, FailureKind::kModuleRefuses);
   EXPECT_THAT(failure.why, StartsWith("C_GetSlotList answered CKR_FUNCTION_NOT_SUPPORTED (0x54)"));
 }
 
-TEST_F(ModuleTrouble, IsForgottenAtTheNextTry) {
+TEST_F(ModuleFailure, IsForgottenAtTheNextTry) {
   ModuleHome lateHome{{}};
   PlatformServices mine = services();
   mine.user = std::make_shared<FakeUserDirectory>("alice", lateHome.home());
@@ -132,19 +132,19 @@ TEST_F(ModuleTrouble, IsForgottenAtTheNextTry) {
   EXPECT_TRUE(std::holds_alternative<std::vector<Reader>>(late.readers()));
 }
 
-TEST_F(ModuleTrouble, ReachesWhoeverInserts) {
+TEST_F(ModuleFailure, ReachesWhoeverInserts) {
   script.failCallOf("C_Initialize", 0, CKR_GENERAL_ERROR);
   EXPECT_EQ(failureOf(host.insert(Text{})).kind, FailureKind::kModuleRefuses);
 }
 
-TEST_F(ModuleTrouble, ThatComesBetweenListingAndInsertingIsTold) {
+TEST_F(ModuleFailure, ThatComesBetweenListingAndInsertingIsTold) {
   script.failCallOf("C_Initialize", 1, CKR_DEVICE_MEMORY);
   const Failure failure = failureOf(host.insert(Text{}));
   EXPECT_EQ(failure.kind, FailureKind::kModuleRefuses);
   EXPECT_THAT(failure.why, StartsWith("C_Initialize answered CKR_DEVICE_MEMORY (0x31)"));
 }
 
-TEST_F(ModuleTrouble, AFunctionListThatIsGoneWhenTheCardIsInsertedIsTold) {
+TEST_F(ModuleFailure, AFunctionListThatIsGoneWhenTheCardIsInsertedIsTold) {
   int calls = 0;
   script.hook<&CK_FUNCTION_LIST::C_GetFunctionList>([&](auto real, auto** list) {
     if (++calls == 1) return real(list);

@@ -1,4 +1,4 @@
-#include "CardTrouble.h"
+#include "CodeMeaning.h"
 
 #include <set>
 
@@ -48,27 +48,27 @@ void expectKnown(const Row& row) {
   EXPECT_THAT(failure.why, HasSubstr("), ")) << "no reason";
 }
 
-TEST(CardTrouble, KnowsTheCodesOfACardThatIsGone) {
+TEST(CodeMeaning, KnowsTheCodesOfACardThatIsGone) {
   for (const Row& row : kGoneRows) {
     SCOPED_TRACE(row.code);
     expectKnown(row);
   }
 }
 
-TEST(CardTrouble, KnowsTheOtherCodesOfCards) {
+TEST(CodeMeaning, KnowsTheOtherCodesOfCards) {
   for (const Row& row : kOtherRows) {
     SCOPED_TRACE(row.code);
     expectKnown(row);
   }
 }
 
-TEST(CardTrouble, KnowsWhatToDoAboutAPin) {
+TEST(CodeMeaning, KnowsWhatToDoAboutAPin) {
   EXPECT_EQ(meaningOf("C_Login", CKR_PIN_INCORRECT).kind, FailureKind::kPinWrong);
   EXPECT_EQ(meaningOf("C_Login", CKR_PIN_LOCKED).kind, FailureKind::kPinLocked);
   EXPECT_THAT(std::string{meaningOf("C_Login", CKR_PIN_LOCKED).remedy}, HasSubstr("issuer"));
 }
 
-TEST(CardTrouble, IsTheSameInEveryFunctionForACardThatIsGone) {
+TEST(CodeMeaning, IsTheSameInEveryFunctionForACardThatIsGone) {
   for (const Row& row : kGoneRows) {
     std::set<std::string> remedies;
     for (const char* function : {"C_GetTokenInfo", "C_GetAttributeValue", "C_Login", "C_Sign", "C_Decrypt"})
@@ -77,14 +77,14 @@ TEST(CardTrouble, IsTheSameInEveryFunctionForACardThatIsGone) {
   }
 }
 
-TEST(CardTrouble, AdvisesToLookAtTheDataOnlyWhereTheyCanBeTheCause) {
+TEST(CodeMeaning, AdvisesToLookAtTheDataOnlyWhereTheyCanBeTheCause) {
   for (const CK_RV code : {CKR_GENERAL_ERROR, CKR_FUNCTION_FAILED}) {
     EXPECT_THAT(std::string{meaningOf("C_Decrypt", code).remedy}, HasSubstr("encrypted for this key"));
     EXPECT_THAT(std::string{meaningOf("C_Sign", code).remedy}, Not(HasSubstr("encrypted")));
   }
 }
 
-TEST(CardTrouble, SaysThatACodeIsNotKnown) {
+TEST(CodeMeaning, SaysThatACodeIsNotKnown) {
   for (const CK_RV code : {CK_RV{CKR_VENDOR_DEFINED | 0x123}, CK_RV{CKR_FUNCTION_NOT_PARALLEL}}) {
     const Failure failure = failureBecauseOf({"C_Sign", code}, "what", kElse);
     expectPresentable(failure);
@@ -93,7 +93,7 @@ TEST(CardTrouble, SaysThatACodeIsNotKnown) {
   }
 }
 
-TEST(CardTrouble, NamesOperationsOfTheSystemItselfAsSuch) {
+TEST(CodeMeaning, NamesOperationsOfTheSystemItselfAsSuch) {
   EXPECT_EQ(answerText({"pkcs11_FindSlot", CKR_SLOT_ID_INVALID}),
             "pkcs11_FindSlot ended with CKR_SLOT_ID_INVALID (0x3)");
 }

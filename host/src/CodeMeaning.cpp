@@ -1,4 +1,4 @@
-#include "CardTrouble.h"
+#include "CodeMeaning.h"
 
 #include <algorithm>
 #include <iterator>
