@@ -55,7 +55,7 @@ int main(int argc, char** argv) {
   const auto clock = std::make_shared<CallClock>();
   PlatformServices services = systemServices();
   services.log = std::make_shared<QuietLog>();
-  if (chooseModule(services, {argv[1], true})) fail("there is no such module");
+  if (!chooseModule(services, {argv[1], true})) fail("there is no such module");
   services.observer = clock;
   MirelCTKFramework framework{services};
   if (!framework.OpenFrameworkService()) fail("the module cannot be opened");

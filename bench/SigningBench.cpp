@@ -33,12 +33,12 @@ using namespace mirel::bench;
 }
 
 template <typename Value>
-Value valueOf(Outcome<Value> outcome, const char* what) {
-  if (const auto* failure = std::get_if<Failure>(&outcome)) {
-    (void)std::fprintf(stderr, "%s: %s\n", failure->what.c_str(), failure->why.c_str());
+Value valueOf(Result<Value> outcome, const char* what) {
+  if (!outcome) {
+    (void)std::fprintf(stderr, "%s: %s\n", outcome.failure().what.c_str(), outcome.failure().why.c_str());
     fail(what);
   }
-  return std::move(std::get<Value>(outcome));
+  return *std::move(outcome);
 }
 
 class RawRsa final : public TKTokenKeyAlgorithm {
@@ -67,7 +67,7 @@ int main(int argc, char** argv) {
   const auto clock = std::make_shared<CallClock>();
   PlatformServices services = systemServices();
   services.log = std::make_shared<QuietLog>();
-  if (chooseModule(services, {argv[1], true})) fail("there is no such module");
+  if (!chooseModule(services, {argv[1], true})) fail("there is no such module");
   services.observer = clock;
   Host host{services};
   const InsertedCard card = valueOf(host.insert(Text{}), "there is no card");

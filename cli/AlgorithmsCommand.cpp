@@ -84,13 +84,13 @@ std::string jsonText(KeyClient& client, const std::vector<PublishedKey>& keys) {
 
 ExitCode runAlgorithms(Host& host, const Options& options) {
   const auto started = startKeyJob(host, options);
-  if (const auto* failure = std::get_if<Failure>(&started)) return report(*failure);
-  const auto& job = std::get<KeyJob>(started);
+  if (!started) return report(started.failure());
+  const auto& job = *started;
   std::vector<PublishedKey> keys = withoutRepetitions(keysOf(job.card));
   if (options.key) {
     const auto found = chooseKey(job.card, *options.key);
-    if (const auto* failure = std::get_if<Failure>(&found)) return report(*failure);
-    keys = {std::get<ChosenKey>(found).key};
+    if (!found) return report(found.failure());
+    keys = {found->key};
   }
   if (keys.empty()) {
     return report({FailureKind::kKeyNotFound, "there is no key to ask", "the card publishes no key",

@@ -38,14 +38,15 @@ std::string pemOf(const Bytes& der) {
 }  // namespace
 
 ExitCode runCertificate(Host& host, const Options& options) {
-  if (const auto trouble = writingTrouble(options.out)) return report(*trouble);
+  if (const auto writable = checkWriting(options.out); !writable) return report(writable.failure());
   const auto inserted = host.insert(options.reader ? Text::fromUtf8(*options.reader) : Text{});
-  if (const auto* failure = std::get_if<Failure>(&inserted)) return report(*failure);
-  const auto found = keyOf(std::get<InsertedCard>(inserted), options);
-  if (const auto* failure = std::get_if<Failure>(&found)) return report(*failure);
-  const std::string pem = pemOf(std::get<ChosenKey>(found).certificate.data);
+  if (!inserted) return report(inserted.failure());
+  const auto found = keyOf(*inserted, options);
+  if (!found) return report(found.failure());
+  const std::string pem = pemOf(found->certificate.data);
   const std::span bytes{reinterpret_cast<const std::uint8_t*>(pem.data()), pem.size()};
-  if (const auto trouble = writeFile(options.out, bytes, kCertificateMode)) return report(*trouble);
+  if (const auto written = writeFile(options.out, bytes, kCertificateMode); !written)
+    return report(written.failure());
   return ExitCode::kSuccess;
 }
 

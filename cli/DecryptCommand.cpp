@@ -59,25 +59,26 @@ Bytes withPlainText(Json json, const Bytes& plain) {
 
 ExitCode decryptAndWrite(Host& host, const Options& options) {
   const auto started = startDataJob(host, options, SecKeyAlgorithm::kSecKeyAlgorithmRSAEncryptionPKCS1);
-  if (const auto* failure = std::get_if<Failure>(&started)) return report(*failure);
-  const auto& [algorithm, input, job, chosen] = std::get<DataJob>(started);
+  if (!started) return report(started.failure());
+  const auto& [algorithm, input, job, chosen] = *started;
 
   const auto decrypted = job.client->decrypt(chosen.key, algorithm, *input, *job.pins);
-  if (const auto* failure = std::get_if<Failure>(&decrypted)) return report(*failure);
-  const Bytes& plain = std::get<Bytes>(decrypted);
+  if (!decrypted) return report(decrypted.failure());
+  const Bytes& plain = *decrypted;
   if (!options.json && goesToTerminal(options.out) && !isPrintableText(plain)) {
     return report({FailureKind::kBadInput, "the plain text is not shown", "it is no text for a terminal",
                    "give a file with --out, or redirect the output"});
   }
   if (!options.json || options.out) {
-    if (const auto trouble = writeFile(options.out, plain.view(), kPlainTextMode)) return report(*trouble);
+    if (const auto written = writeFile(options.out, plain.view(), kPlainTextMode); !written)
+      return report(written.failure());
   }
   if (!options.json) return ExitCode::kSuccess;
   Json json{{"key", chosen.key.objectID.toUtf8()}, {"algorithm", nameOf(algorithm)}, {"size", plain.size()}};
   if (!options.out) {
-    const auto trouble =
+    const auto written =
         writeFile(std::nullopt, withPlainText(std::move(json), plain).view(), kPlainTextMode);
-    return trouble ? report(*trouble) : ExitCode::kSuccess;
+    return written ? ExitCode::kSuccess : report(written.failure());
   }
   return writeOutput(jsonLines(json)) ? ExitCode::kSuccess : ExitCode::kFileFailure;
 }

@@ -12,18 +12,19 @@ constexpr mode_t kSecretMode = 0600;
 
 ExitCode runExchange(Host& host, const Options& options) {
   const auto started = startDataJob(host, options, SecKeyAlgorithm::kSecKeyAlgorithmECDHKeyExchangeStandard);
-  if (const auto* failure = std::get_if<Failure>(&started)) return report(*failure);
-  const auto& [algorithm, input, job, chosen] = std::get<DataJob>(started);
+  if (!started) return report(started.failure());
+  const auto& [algorithm, input, job, chosen] = *started;
 
   const auto exchanged = job.client->exchange(chosen.key, algorithm, *input, *job.pins);
-  if (const auto* failure = std::get_if<Failure>(&exchanged)) return report(*failure);
-  const Bytes& secret = std::get<KeyExchange>(exchanged).secret;
+  if (!exchanged) return report(exchanged.failure());
+  const Bytes& secret = exchanged->secret;
   if (secret.isNull()) {
     return report({FailureKind::kNotSupported, "there is no shared secret",
                    "the token accepts the key exchange, but answers nothing",
                    "use another key store for key agreement: this one offers it only in name"});
   }
-  if (const auto trouble = writeFile(options.out, secret.view(), kSecretMode)) return report(*trouble);
+  if (const auto written = writeFile(options.out, secret.view(), kSecretMode); !written)
+    return report(written.failure());
   return ExitCode::kSuccess;
 }
 

@@ -31,12 +31,12 @@ Failure writeFailure(const std::string& name, int error) {
           "check where it goes and the space left there"};
 }
 
-/// Why the file that is there must not be replaced; nothing when it may be, or there is none. Its mode counts
-/// for root as well, who would not be kept from writing: it says what its owner wants.
-std::optional<Failure> replacingTrouble(const std::string& name, const std::string& target) {
+/// Whether the file that is there may be replaced; so it is when there is none. Its mode counts for root as
+/// well, who would not be kept from writing: it says what its owner wants.
+Result<void> checkReplacing(const std::string& name, const std::string& target) {
   struct stat there {};
   if (stat(target.c_str(), &there) != 0) {
-    return errno == ELOOP ? std::optional{writeFailure(name, errno)} : std::nullopt;
+    return errno == ELOOP ? writeFailure(name, errno) : Result<void>{};
   }
   const bool ownersModeCounts = geteuid() == 0 || there.st_uid == geteuid();
   if (ownersModeCounts && (there.st_mode & S_IWUSR) == 0) {
@@ -44,7 +44,7 @@ std::optional<Failure> replacingTrouble(const std::string& name, const std::stri
                    "its mode does not let it be written", "run: chmod u+w on it, or name another file"};
   }
   if (access(target.c_str(), W_OK) != 0) return writeFailure(name, errno);
-  return std::nullopt;
+  return {};
 }
 
 bool writeAll(int descriptor, std::span<const std::uint8_t> data) {
@@ -105,15 +105,15 @@ bool isSpecialFile(const std::string& name) {
   return !S_ISREG(status.st_mode) || openFileBehind(name).has_value();
 }
 
-std::optional<Failure> writeInPlace(const std::string& name, std::span<const std::uint8_t> data) {
+Result<void> writeInPlace(const std::string& name, std::span<const std::uint8_t> data) {
   // To open it again would begin at its start and forget that it is to be appended to.
   if (const auto descriptor = openFileBehind(name)) {
-    return writeAll(*descriptor, data) ? std::nullopt : std::optional{writeFailure(name, errno)};
+    return writeAll(*descriptor, data) ? Result<void>{} : writeFailure(name, errno);
   }
   const int descriptor = open(name.c_str(), O_WRONLY | O_CLOEXEC);
   if (descriptor < 0) return writeFailure(name, errno);
   if (!finish(descriptor, writeAll(descriptor, data))) return writeFailure(name, errno);
-  return std::nullopt;
+  return {};
 }
 
 /// Asked for once, early: while it is looked at, it is 0 for all threads.
@@ -158,10 +158,10 @@ mode_t modeFor(const std::string& target, int newFile, mode_t mode) {
   return kept;
 }
 
-std::optional<Failure> replaceFile(const std::string& name, std::span<const std::uint8_t> data, mode_t mode) {
+Result<void> replaceFile(const std::string& name, std::span<const std::uint8_t> data, mode_t mode) {
   const UndisturbedBySignals undisturbed;
   const std::string target = targetOf(name).string();
-  if (auto trouble = replacingTrouble(name, target)) return trouble;
+  if (auto replaceable = checkReplacing(name, target); !replaceable) return replaceable;
   // What is there already must not be lost to a crash before the new content has reached the disk.
   const bool replaces = access(target.c_str(), F_OK) == 0;
   const std::string pattern = (folderOf(target) / ".mireltoken-XXXXXX").string();
@@ -171,7 +171,7 @@ std::optional<Failure> replaceFile(const std::string& name, std::span<const std:
   if (descriptor < 0) return writeFailure(name, errno);
   const bool whole = fchmod(descriptor, modeFor(target, descriptor, mode)) == 0 &&
                      writeAll(descriptor, data) && (!replaces || fsync(descriptor) == 0);
-  if (finish(descriptor, whole) && std::rename(temporary.data(), target.c_str()) == 0) return std::nullopt;
+  if (finish(descriptor, whole) && std::rename(temporary.data(), target.c_str()) == 0) return {};
   const int error = errno;
   (void)unlink(temporary.data());
   return writeFailure(name, error);
@@ -179,7 +179,7 @@ std::optional<Failure> replaceFile(const std::string& name, std::span<const std:
 
 }  // namespace
 
-Outcome<std::unique_ptr<FileInput>> FileInput::open(const std::optional<std::string>& name) {
+Result<std::unique_ptr<FileInput>> FileInput::open(const std::optional<std::string>& name) {
   if (isStandardStream(name))
     return std::unique_ptr<FileInput>{new FileInput{STDIN_FILENO, "standard input"}};
   const int descriptor = ::open(name->c_str(), O_RDONLY | O_CLOEXEC);
@@ -191,7 +191,7 @@ FileInput::~FileInput() {
   if (descriptor_ != STDIN_FILENO) (void)close(descriptor_);
 }
 
-Outcome<std::size_t> FileInput::read(std::span<std::uint8_t> room) {
+Result<std::size_t> FileInput::read(std::span<std::uint8_t> room) {
   while (true) {
     const ssize_t count = ::read(descriptor_, room.data(), room.size());
     if (count >= 0) return static_cast<std::size_t>(count);
@@ -203,24 +203,24 @@ bool goesToTerminal(const std::optional<std::string>& name) {
   return isStandardStream(name) && isatty(STDOUT_FILENO) != 0;
 }
 
-std::optional<Failure> writeFile(const std::optional<std::string>& name, std::span<const std::uint8_t> data,
-                                 mode_t mode) {
+Result<void> writeFile(const std::optional<std::string>& name, std::span<const std::uint8_t> data,
+                       mode_t mode) {
   if (isStandardStream(name)) {
-    if (writeAll(STDOUT_FILENO, data)) return std::nullopt;
+    if (writeAll(STDOUT_FILENO, data)) return {};
     return writeFailure("standard output", errno);
   }
   return isSpecialFile(*name) ? writeInPlace(*name, data) : replaceFile(*name, data, mode);
 }
 
-std::optional<Failure> writingTrouble(const std::optional<std::string>& name) {
+Result<void> checkWriting(const std::optional<std::string>& name) {
   (void)processMask();
-  if (isStandardStream(name)) return std::nullopt;
+  if (isStandardStream(name)) return {};
   if (std::error_code error; std::filesystem::is_directory(*name, error)) return writeFailure(*name, EISDIR);
   if (!isSpecialFile(*name)) {
-    if (auto trouble = replacingTrouble(*name, targetOf(*name).string())) return trouble;
+    if (auto replaceable = checkReplacing(*name, targetOf(*name).string()); !replaceable) return replaceable;
   }
   const std::string needed = isSpecialFile(*name) ? *name : (folderOf(targetOf(*name)) / ".").string();
-  if (access(needed.c_str(), W_OK) == 0) return std::nullopt;
+  if (access(needed.c_str(), W_OK) == 0) return {};
   return writeFailure(*name, errno);
 }
 

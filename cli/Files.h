@@ -16,10 +16,10 @@ namespace mirel::cli {
 class FileInput final : public InputSource {
  public:
   /// `name`: nothing or "-" for standard input.
-  [[nodiscard]] static Outcome<std::unique_ptr<FileInput>> open(const std::optional<std::string>& name);
+  [[nodiscard]] static Result<std::unique_ptr<FileInput>> open(const std::optional<std::string>& name);
   ~FileInput() override;
 
-  [[nodiscard]] Outcome<std::size_t> read(std::span<std::uint8_t> room) override;
+  [[nodiscard]] Result<std::size_t> read(std::span<std::uint8_t> room) override;
 
  private:
   FileInput(int descriptor, std::string name) : descriptor_{descriptor}, name_{std::move(name)} {}
@@ -34,12 +34,12 @@ class FileInput final : public InputSource {
 /// Writes all of `data`: a file completely or not at all (an existing one keeps its content until the new one
 /// is whole), with `mode` less the process's mask. A file of this user that is there keeps its mode, as far
 /// as `mode` reaches: what is for the user alone stays so. One whose mode does not let it be written is
-/// refused, also for root. A link is followed. Nothing when it was written. `name`: nothing or "-" for
+/// refused, also for root. A link is followed. `name`: nothing or "-" for
 /// standard output.
-[[nodiscard]] std::optional<Failure> writeFile(const std::optional<std::string>& name,
-                                               std::span<const std::uint8_t> data, mode_t mode);
+[[nodiscard]] Result<void> writeFile(const std::optional<std::string>& name,
+                                     std::span<const std::uint8_t> data, mode_t mode);
 
-/// Why a file of that name could not be written, as far as that shows beforehand.
-[[nodiscard]] std::optional<Failure> writingTrouble(const std::optional<std::string>& name);
+/// Whether a file of that name can be written, as far as that shows beforehand.
+[[nodiscard]] Result<void> checkWriting(const std::optional<std::string>& name);
 
 }  // namespace mirel::cli

@@ -139,11 +139,8 @@ std::string unpublishedText(const Unpublished& unpublished) {
 ExitCode runItems(Host& host, const Options& options) {
   const Text wanted = options.reader ? Text::fromUtf8(*options.reader) : Text{};
   const auto inserted = host.insert(wanted);
-  if (const auto* failure = std::get_if<Failure>(&inserted)) {
-    writeMessage(failureLine(*failure));
-    return exitCodeOf(failure->kind);
-  }
-  const auto& card = std::get<InsertedCard>(inserted);
+  if (!inserted) return report(inserted.failure());
+  const auto& card = *inserted;
   if (card.incomplete) writeMessage(failureLine(*card.incomplete));
   if (options.json) return writeOutput(jsonText(card)) ? ExitCode::kSuccess : ExitCode::kFileFailure;
 

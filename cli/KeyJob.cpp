@@ -7,7 +7,7 @@ namespace mirel::cli {
 namespace {
 
 /// The algorithm of the options, or `byDefault`; a usage failure for a name that no algorithm has.
-Outcome<SecKeyAlgorithm> algorithmOf(const Options& options, SecKeyAlgorithm byDefault) {
+Result<SecKeyAlgorithm> algorithmOf(const Options& options, SecKeyAlgorithm byDefault) {
   if (!options.algorithm) return byDefault;
   if (const auto algorithm = secKeyAlgorithmNamed(*options.algorithm)) return *algorithm;
   return Failure{FailureKind::kBadInput, "wrong usage",
@@ -17,40 +17,34 @@ Outcome<SecKeyAlgorithm> algorithmOf(const Options& options, SecKeyAlgorithm byD
 
 }  // namespace
 
-ExitCode report(const Failure& failure) {
-  writeMessage(failureLine(failure));
-  return exitCodeOf(failure.kind);
-}
-
-Outcome<KeyJob> startKeyJob(Host& host, const Options& options) {
+Result<KeyJob> startKeyJob(Host& host, const Options& options) {
   auto inserted = host.insert(options.reader ? Text::fromUtf8(*options.reader) : Text{});
-  if (const auto* failure = std::get_if<Failure>(&inserted)) return *failure;
-  KeyJob job{std::move(std::get<InsertedCard>(inserted)), nullptr, nullptr};
+  if (!inserted) return inserted.failure();
+  KeyJob job{std::move(*inserted), nullptr, nullptr};
   auto client = host.newClient(job.card);
-  if (const auto* failure = std::get_if<Failure>(&client)) return *failure;
-  job.client = std::move(std::get<std::unique_ptr<KeyClient>>(client));
+  if (!client) return client.failure();
+  job.client = std::move(*client);
   job.pins = pinSourceFor(options, [&host, reader = job.card.reader] { return host.pinState(reader); });
   return job;
 }
 
-Outcome<ChosenKey> keyOf(const InsertedCard& card, const Options& options) {
+Result<ChosenKey> keyOf(const InsertedCard& card, const Options& options) {
   return chooseKey(card, options.key.value_or(std::string{}));
 }
 
-Outcome<DataJob> startDataJob(Host& host, const Options& options, SecKeyAlgorithm byDefault) {
+Result<DataJob> startDataJob(Host& host, const Options& options, SecKeyAlgorithm byDefault) {
   const auto algorithm = algorithmOf(options, byDefault);
-  if (const auto* failure = std::get_if<Failure>(&algorithm)) return *failure;
-  if (const auto trouble = writingTrouble(options.out)) return *trouble;
+  if (!algorithm) return algorithm.failure();
+  if (const auto writable = checkWriting(options.out); !writable) return writable.failure();
   auto input = FileInput::open(options.in);
-  if (const auto* failure = std::get_if<Failure>(&input)) return *failure;
+  if (!input) return input.failure();
 
   auto started = startKeyJob(host, options);
-  if (const auto* failure = std::get_if<Failure>(&started)) return *failure;
-  auto& job = std::get<KeyJob>(started);
+  if (!started) return started.failure();
+  auto& job = *started;
   const auto found = keyOf(job.card, options);
-  if (const auto* failure = std::get_if<Failure>(&found)) return *failure;
-  return DataJob{std::get<SecKeyAlgorithm>(algorithm), std::move(std::get<std::unique_ptr<FileInput>>(input)),
-                 std::move(job), std::get<ChosenKey>(found)};
+  if (!found) return found.failure();
+  return DataJob{*algorithm, std::move(*input), std::move(job), *found};
 }
 
 std::string hexOf(const Bytes& bytes) { return hexOf(Text::fromBytes(bytes.view())); }

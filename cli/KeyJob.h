@@ -14,9 +14,6 @@
 
 namespace mirel::cli {
 
-/// Tells the user of the failure. Returns the exit code that goes with it.
-ExitCode report(const Failure& failure);
-
 /// An inserted card and a client of its token.
 struct KeyJob {
   InsertedCard card;
@@ -25,10 +22,10 @@ struct KeyJob {
 };
 
 /// Inserts the card in the reader of the options.
-[[nodiscard]] Outcome<KeyJob> startKeyJob(Host& host, const Options& options);
+[[nodiscard]] Result<KeyJob> startKeyJob(Host& host, const Options& options);
 
 /// The key that the options name.
-[[nodiscard]] Outcome<ChosenKey> keyOf(const InsertedCard& card, const Options& options);
+[[nodiscard]] Result<ChosenKey> keyOf(const InsertedCard& card, const Options& options);
 
 /// All that it takes to use a key on data.
 struct DataJob {
@@ -40,7 +37,7 @@ struct DataJob {
 
 /// Looks at everything in the options before the card is inserted. `byDefault`: the algorithm where they name
 /// none.
-[[nodiscard]] Outcome<DataJob> startDataJob(Host& host, const Options& options, SecKeyAlgorithm byDefault);
+[[nodiscard]] Result<DataJob> startDataJob(Host& host, const Options& options, SecKeyAlgorithm byDefault);
 
 /// The bytes as hexadecimal digits.
 [[nodiscard]] std::string hexOf(const Bytes& bytes);

@@ -8,13 +8,18 @@ namespace mirel::cli {
 
 ExitCode runLogin(Host& host, const Options& options) {
   const auto started = startKeyJob(host, options);
-  if (const auto* failure = std::get_if<Failure>(&started)) return report(*failure);
-  const auto& job = std::get<KeyJob>(started);
-  const std::string before = host.pinState(job.card.reader).text;
-  if (auto failure = job.client->logIn(*job.pins)) {
-    const std::string state = host.pinState(job.card.reader).text;
-    if (failure->kind == FailureKind::kPinWrong && !state.empty()) failure->why.append(", ").append(state);
-    return report(*failure);
+  if (!started) return report(started.failure());
+  const auto& job = *started;
+  const auto textOfState = [&] {
+    const auto state = host.pinState(job.card.reader);
+    return state ? state->text : std::string{};
+  };
+  const std::string before = textOfState();
+  if (const auto accepted = job.client->logIn(*job.pins); !accepted) {
+    Failure failure = accepted.failure();
+    const std::string after = textOfState();
+    if (failure.kind == FailureKind::kPinWrong && !after.empty()) failure.why.append(", ").append(after);
+    return report(failure);
   }
   if (options.json) {
     const nlohmann::ordered_json json{

@@ -87,4 +87,9 @@ std::string failureLine(const Failure& failure) {
   return line;
 }
 
+ExitCode report(const Failure& failure) {
+  writeMessage(failureLine(failure));
+  return exitCodeOf(failure.kind);
+}
+
 }  // namespace mirel::cli

@@ -4,6 +4,7 @@
 #include <string_view>
 #include <vector>
 
+#include "ExitCode.h"
 #include "host/Display.h"
 #include "host/Failure.h"
 #include "platform/Text.h"
@@ -39,5 +40,8 @@ void writeMessage(std::string_view text);
 
 /// The one line that tells the user of a failure.
 [[nodiscard]] std::string failureLine(const Failure& failure);
+
+/// Tells the user of the failure. Returns the exit code that goes with it.
+[[nodiscard]] ExitCode report(const Failure& failure);
 
 }  // namespace mirel::cli

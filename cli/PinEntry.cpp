@@ -18,7 +18,7 @@
 namespace mirel::cli {
 namespace {
 
-using Pin = Outcome<std::shared_ptr<const SecretText>>;
+using Pin = Result<std::shared_ptr<const SecretText>>;
 
 constexpr std::size_t kLongestPin = 256;  // bytes; no card takes as many
 
@@ -28,21 +28,25 @@ Failure pinFileFailure(const std::string& name, const std::string& why, const st
 
 std::string nameOfDescriptor(int descriptor) { return "file descriptor " + std::to_string(descriptor); }
 
-/// Why the line of a file is not taken for a PIN; empty when it is.
-std::string lineTrouble(std::span<const std::uint8_t> line) {
+/// Whether the first line of that file is taken for a PIN.
+Result<void> checkLine(std::span<const std::uint8_t> line, const std::string& name) {
+  const auto refused = [&](const char* why) {
+    return pinFileFailure(name, why, "put the PIN there, and nothing else");
+  };
   constexpr std::array<std::uint8_t, 3> kByteOrderMark{0xEF, 0xBB, 0xBF};
   if (line.size() >= kByteOrderMark.size() &&
       std::equal(kByteOrderMark.begin(), kByteOrderMark.end(), line.begin())) {
-    return "its first line begins with a byte order mark";
+    return refused("its first line begins with a byte order mark");
   }
   const auto has = [&](auto isOne) { return std::any_of(line.begin(), line.end(), isOne); };
   if (has([](std::uint8_t byte) { return byte == ' ' || byte == '\t'; })) {
-    return "its first line has blanks or tabs";
+    return refused("its first line has blanks or tabs");
   }
   if (has([](std::uint8_t byte) { return byte < 0x20 || byte == 0x7F; })) {
-    return "its first line has control characters";
+    return refused("its first line has control characters");
   }
-  return isValidUtf8(line) ? std::string{} : "its first line is no text in UTF-8";
+  if (!isValidUtf8(line)) return refused("its first line is no text in UTF-8");
+  return {};
 }
 
 /// The first line of what the descriptor gives, byte by byte so that nothing behind it is taken.
@@ -65,9 +69,7 @@ Pin readPin(int descriptor, const std::string& name) {
     line.data()[size++] = next.data()[0];
   }
   if (size > 0 && line.data()[size - 1] == '\r') --size;
-  if (const std::string trouble = lineTrouble({line.data(), size}); !trouble.empty()) {
-    return pinFileFailure(name, trouble, "put the PIN there, and nothing else");
-  }
+  if (const auto taken = checkLine({line.data(), size}, name); !taken) return taken.failure();
   return SecretText::fromUtf8({line.data(), size});
 }
 
@@ -77,9 +79,9 @@ class CheckedPins : public PinSource {
   explicit CheckedPins(PinStateReader pinState) : pinState_{std::move(pinState)} {}
 
   Pin askForPin(const std::string& tokenLabel) final {
-    const PinState state = pinState_();
-    if (state.gone) return *state.gone;
-    if (state.enteredAtReader) {
+    const Result<PinState> state = pinState_();
+    if (!state && state.failure().kind == FailureKind::kCardGone) return state.failure();
+    if (state && state->enteredAtReader) {
       return Failure{FailureKind::kPinCannotBeEntered, "the PIN of this card cannot be entered here",
                      "the card takes it from the keys of the reader",
                      "use a card or a reader that takes the PIN from the computer"};
@@ -88,7 +90,8 @@ class CheckedPins : public PinSource {
   }
 
  private:
-  [[nodiscard]] virtual Pin askFor(const std::string& tokenLabel, const PinState& state) = 0;
+  /// `state`: what the card says, or why that is not known.
+  [[nodiscard]] virtual Pin askFor(const std::string& tokenLabel, const Result<PinState>& state) = 0;
 
   PinStateReader pinState_;
 };
@@ -103,27 +106,29 @@ class UnattendedPins : public CheckedPins {
   bool canAskAgain() const final { return false; }
 
  private:
-  Pin askFor(const std::string&, const PinState& state) final {
-    if (auto failure = lastTry_ ? std::nullopt : reasonToHoldBack(state)) return std::move(*failure);
+  Pin askFor(const std::string&, const Result<PinState>& state) final {
+    if (const auto safe = lastTry_ ? Result<void>{} : checkTries(state); !safe) return safe.failure();
     return readIt();
   }
 
-  static std::optional<Failure> reasonToHoldBack(const PinState& state) {
+  /// Whether a wrong PIN would leave the user a try.
+  static Result<void> checkTries(const Result<PinState>& state) {
     constexpr const char* kNotSent = "the PIN was not sent to the card";
     constexpr const char* kEnterIt = "enter the PIN at the terminal, or use --last-try";
-    switch (state.tries) {
-      case PinState::Tries::kLast: return Failure{FailureKind::kPinHeldBack, kNotSent, state.text, kEnterIt};
+    if (!state) {
+      return Failure{FailureKind::kCardRefuses, kNotSent,
+                     "whether it could lock the card is not known, because " + state.failure().why,
+                     std::string{"check that the card is in the reader; "} + kEnterIt};
+    }
+    switch (state->tries) {
+      case PinState::Tries::kLast: return Failure{FailureKind::kPinHeldBack, kNotSent, state->text, kEnterIt};
       case PinState::Tries::kNone:
-        return Failure{FailureKind::kPinHeldBack, kNotSent, state.text,
+        return Failure{FailureKind::kPinHeldBack, kNotSent, state->text,
                        "have the card's issuer unlock it, or use --last-try"};
-      case PinState::Tries::kUnknown:
-        return Failure{FailureKind::kCardRefuses, kNotSent,
-                       "whether it could lock the card is not known, because " + state.problem,
-                       std::string{"check that the card is in the reader; "} + kEnterIt};
       case PinState::Tries::kNoWord:
       case PinState::Tries::kFewer: break;
     }
-    return std::nullopt;
+    return {};
   }
 
   [[nodiscard]] virtual Pin readIt() = 0;
@@ -141,14 +146,14 @@ class PinFile final : public UnattendedPins {
     const int descriptor = open(name_.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
     if (descriptor < 0)
       return pinFileFailure(name_, std::strerror(errno), "check the name given with --pin-file");
-    Pin pin = refusal(descriptor);
-    if (!std::holds_alternative<Failure>(pin)) pin = readPin(descriptor, name_);
+    const auto secret = checkSecrecy(descriptor);
+    Pin pin = secret ? readPin(descriptor, name_) : Pin{secret.failure()};
     (void)close(descriptor);
     return pin;
   }
 
-  /// A failure when somebody else could know what is in the file.
-  [[nodiscard]] Pin refusal(int descriptor) const {
+  /// Whether nobody else could know what is in the file.
+  [[nodiscard]] Result<void> checkSecrecy(int descriptor) const {
     struct stat status {};
     if (fstat(descriptor, &status) != 0) return pinFileFailure(name_, std::strerror(errno), "check the file");
     if (!S_ISREG(status.st_mode)) {
@@ -160,7 +165,7 @@ class PinFile final : public UnattendedPins {
     if ((status.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
       return pinFileFailure(name_, "others can read or change it", "run: chmod 600 on it");
     }
-    return std::shared_ptr<const SecretText>{};
+    return {};
   }
 
   std::string name_;
@@ -185,10 +190,9 @@ class PinPrompt final : public CheckedPins {
   bool canAskAgain() const override { return true; }
 
  private:
-  Pin askFor(const std::string& tokenLabel, const PinState& state) override {
+  Pin askFor(const std::string& tokenLabel, const Result<PinState>& state) override {
     std::string prompt = "PIN for \"" + tokenLabel + "\"";
-    const bool isKnown = state.tries != PinState::Tries::kUnknown;
-    const std::string remark = isKnown ? state.text : "whether tries are left is not known";
+    const std::string remark = state ? state->text : "whether tries are left is not known";
     if (!remark.empty()) prompt.append(" (").append(remark).append(")");
     SecretBytes<kLongestPin> line;
     std::size_t size = 0;
@@ -214,14 +218,14 @@ std::unique_ptr<PinSource> pinSourceFor(const Options& options, PinStateReader p
   return std::make_unique<PinPrompt>(std::move(pinState));
 }
 
-std::optional<Failure> pinDescriptorTrouble(const Options& options) {
-  if (!options.pinFd) return std::nullopt;
+Result<void> checkPinDescriptor(const Options& options) {
+  if (!options.pinFd) return {};
   if (isatty(*options.pinFd) != 0) {
     return Failure{FailureKind::kBadInput, "wrong usage",
                    nameOfDescriptor(*options.pinFd) + " is a terminal, which would show the PIN",
                    "leave out --pin-fd to be asked for it"};
   }
-  if (fcntl(*options.pinFd, F_GETFD) != -1) return std::nullopt;
+  if (fcntl(*options.pinFd, F_GETFD) != -1) return {};
   return pinFileFailure(nameOfDescriptor(*options.pinFd), std::strerror(errno), "check that it can be read");
 }
 

@@ -2,7 +2,6 @@
 
 #include <functional>
 #include <memory>
-#include <optional>
 #include <string>
 
 #include "Options.h"
@@ -12,15 +11,15 @@
 namespace mirel::cli {
 
 /// Asks the card what it says about its PIN just now.
-using PinStateReader = std::function<PinState()>;
+using PinStateReader = std::function<Result<PinState>()>;
 
 /// Where the options say that the PIN comes from: a file, an open file descriptor (each read once), or the
 /// terminal, whose prompt shows what the card says. A file or a descriptor gives no PIN that could lock the
 /// card, unless the options allow it; none of them gives one to a card whose PIN is entered at the reader.
 [[nodiscard]] std::unique_ptr<PinSource> pinSourceFor(const Options& options, PinStateReader pinState);
 
-/// Why the options' file descriptor gives no PIN, as far as that shows beforehand. To be asked before
+/// Whether the options' file descriptor can give a PIN, as far as that shows beforehand. To be asked before
 /// anything is opened, because a file of ours could get the number of a closed one, and be taken for the PIN.
-[[nodiscard]] std::optional<Failure> pinDescriptorTrouble(const Options& options);
+[[nodiscard]] Result<void> checkPinDescriptor(const Options& options);
 
 }  // namespace mirel::cli

@@ -48,11 +48,8 @@ std::string tableText(const std::vector<Reader>& readers) {
 ExitCode runReaders(Host& host, const Options& options) {
   const Text wanted = options.reader ? Text::fromUtf8(*options.reader) : Text{};
   auto found = host.readers(wanted);
-  if (const auto* failure = std::get_if<Failure>(&found)) {
-    writeMessage(failureLine(*failure));
-    return exitCodeOf(failure->kind);
-  }
-  const auto& readers = std::get<std::vector<Reader>>(found);
+  if (!found) return report(found.failure());
+  const auto& readers = *found;
   if (readers.empty()) writeMessage("No reader holds a card.");
   const bool nothingToShow = readers.empty() && !options.json;
   if (!nothingToShow && !writeOutput(options.json ? jsonText(readers) : tableText(readers)))

@@ -19,7 +19,7 @@ constexpr mode_t kSignatureMode = 0666;
 /// for a signature that is not as long as the modulus (RFC 8017, section 8), which no key of that size makes.
 bool mayBeSignature(const Signature& signature, const PublishedKey& key) {
   const std::span bytes = signature.value.view();
-  return signature.cardTrouble.empty() && bytes.size() == modulusSizeOf(key) &&
+  return !signature.fault && bytes.size() == modulusSizeOf(key) &&
          std::any_of(bytes.begin(), bytes.end(), [](std::uint8_t byte) { return byte != 0; });
 }
 
@@ -52,21 +52,21 @@ ExitCode runSign(Host& host, const Options& options) {
   }
   const auto started =
       startDataJob(host, options, SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureMessagePSSSHA256);
-  if (const auto* failure = std::get_if<Failure>(&started)) return report(*failure);
-  const auto& [algorithm, input, job, chosen] = std::get<DataJob>(started);
+  if (!started) return report(started.failure());
+  const auto& [algorithm, input, job, chosen] = *started;
 
   const auto signedData = job.client->sign(chosen.key, algorithm, *input, *job.pins);
-  if (const auto* failure = std::get_if<Failure>(&signedData)) return report(*failure);
-  const auto& signature = std::get<Signature>(signedData);
+  if (!signedData) return report(signedData.failure());
+  const auto& signature = *signedData;
   const bool verify = !options.noVerify;
   if (verify || !mayBeSignature(signature, chosen.key)) {
-    const std::string trouble = signatureTrouble(chosen.certificate, chosen.key, algorithm, signature);
-    if (!trouble.empty()) return report(signatureFailure(chosen.key, signature, trouble));
+    const auto verified = verifySignature(chosen.certificate, chosen.key, algorithm, signature);
+    if (!verified) return report(verified.failure());
   }
   const bool asJson = options.json;
   if (!asJson || options.out) {
-    if (const auto trouble = writeFile(options.out, signature.value.view(), kSignatureMode))
-      return report(*trouble);
+    if (const auto written = writeFile(options.out, signature.value.view(), kSignatureMode); !written)
+      return report(written.failure());
   }
   if (asJson)
     return writeOutput(jsonText(chosen, algorithm, signature, verify)) ? ExitCode::kSuccess

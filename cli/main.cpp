@@ -29,11 +29,6 @@
 namespace mirel::cli {
 namespace {
 
-ExitCode fail(const Failure& failure) {
-  writeMessage(failureLine(failure));
-  return exitCodeOf(failure.kind);
-}
-
 /// Fills the places of standard streams that are closed, so that no file which the module opens takes one
 /// and gets our output written into it. Reading from them and writing to them goes on failing.
 void occupyStandardStreams() {
@@ -43,9 +38,8 @@ void occupyStandardStreams() {
   }
 }
 
-ExitCode wrongUsage(const std::string& why) {
-  writeMessage("mireltoken: wrong usage: " + why + "; see mireltoken --help");
-  return ExitCode::kUsage;
+Failure wrongUsage(const std::string& why) {
+  return {FailureKind::kBadInput, "wrong usage", why, "see mireltoken --help"};
 }
 
 ExitCode runCommand(PlatformServices services, const Options& options) {
@@ -84,8 +78,8 @@ ExitCode run(const Options& options) {
     while (home.size() > 1 && home.back() == '/') home.pop_back();
     services.user = userWithHome(services.user, home);
   }
-  if (const auto trouble = chooseModule(services, {options.modulePath, options.trustModule}))
-    return fail(*trouble);
+  if (const auto chosen = chooseModule(services, {options.modulePath, options.trustModule}); !chosen)
+    return report(chosen.failure());
   return runCommand(std::move(services), options);
 }
 
@@ -93,8 +87,8 @@ ExitCode print(const std::string& text) {
   return writeOutput(text) ? ExitCode::kSuccess : ExitCode::kFileFailure;
 }
 
-/// What the parser lets pass although it makes no sense; empty when all is well.
-std::string usageTrouble(const Options& options) {
+/// Whether options that the parser lets pass make sense.
+Result<void> checkUsage(const Options& options) {
   const struct {
     const char* name;
     const std::optional<std::string>& value;
@@ -102,14 +96,14 @@ std::string usageTrouble(const Options& options) {
                {"--algorithm", options.algorithm}, {"--in", options.in},     {"--out", options.out},
                {"--pin-file", options.pinFile}};
   for (const auto& [name, value] : texts) {
-    if (value && value->empty()) return std::string{name} + " is empty";
+    if (value && value->empty()) return wrongUsage(std::string{name} + " is empty");
   }
   if (!options.key && isOneOf(options.command, {"certificate", "sign", "decrypt", "exchange"})) {
-    return "--key is missing";
+    return wrongUsage("--key is missing");
   }
   const bool readsInput = isOneOf(options.command, {"sign", "decrypt", "exchange"});
   if (options.pinFd == STDIN_FILENO && readsInput && options.in.value_or("-") == "-") {
-    return "--pin-fd 0 and the data cannot both be standard input";
+    return wrongUsage("--pin-fd 0 and the data cannot both be standard input");
   }
   return {};
 }
@@ -127,13 +121,13 @@ ExitCode parseAndRun(int argc, char** argv) {
   } catch (const CLI::CallForVersion&) {
     return print("mireltoken " MIREL_VERSION "\n");
   } catch (const CLI::ParseError& error) {
-    return wrongUsage(refusalText(app, error));
+    return report(wrongUsage(refusalText(app, error)));
   }
-  if (const std::string trouble = usageTrouble(options); !trouble.empty()) return wrongUsage(trouble);
+  if (const auto usage = checkUsage(options); !usage) return report(usage.failure());
   for (auto* name : {&options.in, &options.out}) {
     if (*name == "-") name->reset();
   }
-  if (const auto trouble = pinDescriptorTrouble(options)) return fail(*trouble);
+  if (const auto descriptor = checkPinDescriptor(options); !descriptor) return report(descriptor.failure());
   return run(options);
 }
 

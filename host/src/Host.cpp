@@ -165,19 +165,18 @@ Host::Host(PlatformServices services, std::string givenModule)
 
 Host::~Host() = default;
 
-Outcome<std::vector<Reader>> Host::readers(const Text& readerName) {
+Result<std::vector<Reader>> Host::readers(const Text& readerName) {
   auto found = findReaders(*bridge_, *diary_, givenModule_, true);
-  if (readerName.isNull() || std::holds_alternative<Failure>(found)) return found;
-  auto named = readerNamed(readerName, std::get<std::vector<Reader>>(found));
-  if (auto* failure = std::get_if<Failure>(&named)) return *failure;
-  return std::vector{std::get<Reader>(named)};
+  if (readerName.isNull() || !found) return found;
+  const auto named = readerNamed(readerName, *found);
+  if (!named) return named.failure();
+  return std::vector{*named};
 }
 
-/// `outUncertain`: why another reader may be meant; left alone when that is sure.
-Outcome<Reader> Host::chooseReader(const Text& readerName, std::optional<Failure>& outUncertain) {
-  auto found = readers();
-  if (auto* failure = std::get_if<Failure>(&found)) return *failure;
-  const auto& candidates = std::get<std::vector<Reader>>(found);
+Result<Host::ChosenReader> Host::chooseReader(const Text& readerName) {
+  const auto found = readers();
+  if (!found) return found.failure();
+  const std::vector<Reader>& candidates = *found;
 
   if (readerName.isNull()) {
     const auto first = std::find_if(candidates.begin(), candidates.end(), [](const Reader& reader) {
@@ -185,12 +184,13 @@ Outcome<Reader> Host::chooseReader(const Text& readerName, std::optional<Failure
     });
     const auto passedOver = std::find_if(candidates.begin(), first,
                                          [](const Reader& reader) { return reader.mayBeReadableLater; });
+    std::optional<Failure> uncertain;
     if (first != candidates.end() && passedOver != first) {
-      outUncertain = Failure{passedOver->unreadable->kind, "which card is meant cannot be told",
-                             passedOver->unreadable->what + ": " + passedOver->unreadable->why,
-                             "run again, or name the reader with --reader"};
+      uncertain = Failure{passedOver->unreadable->kind, "which card is meant cannot be told",
+                          passedOver->unreadable->what + ": " + passedOver->unreadable->why,
+                          "run again, or name the reader with --reader"};
     }
-    if (first != candidates.end()) return *first;
+    if (first != candidates.end()) return ChosenReader{*first, uncertain};
     if (candidates.empty()) {
       return Failure{FailureKind::kNoCard, "there is no card to insert", "no reader holds a card",
                      "put a card into a reader"};
@@ -203,10 +203,12 @@ Outcome<Reader> Host::chooseReader(const Text& readerName, std::optional<Failure
                    "no reader holds a card that is initialised",
                    "initialise the card, insert another one, or name a reader with --reader"};
   }
-  return readerNamed(readerName, candidates);
+  const auto named = readerNamed(readerName, candidates);
+  if (!named) return named.failure();
+  return ChosenReader{*named, std::nullopt};
 }
 
-Outcome<Reader> Host::readerNamed(const Text& readerName, const std::vector<Reader>& candidates) {
+Result<Reader> Host::readerNamed(const Text& readerName, const std::vector<Reader>& candidates) {
   const auto exact = std::find_if(candidates.begin(), candidates.end(),
                                   [&](const Reader& reader) { return reader.name == readerName; });
   if (exact != candidates.end()) return *exact;
@@ -222,10 +224,8 @@ Outcome<Reader> Host::readerNamed(const Text& readerName, const std::vector<Read
   }
 
   const auto all = findReaders(*bridge_, *diary_, givenModule_, false);
-  const auto* everyReader = std::get_if<std::vector<Reader>>(&all);
-  const bool empty =
-      everyReader && std::any_of(everyReader->begin(), everyReader->end(),
-                                 [&](const Reader& reader) { return reader.name == readerName; });
+  const bool empty = all && std::any_of(all->begin(), all->end(),
+                                        [&](const Reader& reader) { return reader.name == readerName; });
   if (empty) {
     return Failure{FailureKind::kNoCard, "the reader " + quoted(readerName) + " holds no card",
                    "the module finds no token in it", "put a card into it"};
@@ -236,11 +236,10 @@ Outcome<Reader> Host::readerNamed(const Text& readerName, const std::vector<Read
       kSeeReaders};
 }
 
-Outcome<InsertedCard> Host::insert(const Text& readerName) {
-  std::optional<Failure> uncertain;
-  auto chosen = chooseReader(readerName, uncertain);
-  if (auto* failure = std::get_if<Failure>(&chosen)) return *failure;
-  const Reader& reader = std::get<Reader>(chosen);
+Result<InsertedCard> Host::insert(const Text& readerName) {
+  const auto chosen = chooseReader(readerName);
+  if (!chosen) return chosen.failure();
+  const Reader& reader = chosen->reader;
 
   const auto kit = std::make_shared<HostTokenKit>(reader.distinctName);
   PlatformServices services = services_;
@@ -276,13 +275,13 @@ Outcome<InsertedCard> Host::insert(const Text& readerName) {
     card.incomplete = failureBecauseOf(*failedRead, "the objects of the card were not all read",
                                        FailureKind::kCardEnumerationFailed);
   }
-  card.uncertain = uncertain;
+  card.uncertain = chosen->uncertain;
   card.watch = std::make_shared<CardWatch>(card.token, reader);
   if (const auto another = card.watch->anotherCardAtInsertion()) return *another;
   return card;
 }
 
-Outcome<std::unique_ptr<KeyClient>> Host::newClient(const InsertedCard& card) {
+Result<std::unique_ptr<KeyClient>> Host::newClient(const InsertedCard& card) {
   if (const auto end = card.watch ? card.watch->ended() : std::nullopt) return *end;
   if (card.uncertain) return *card.uncertain;
   std::optional<TKError> error;
@@ -295,19 +294,17 @@ Outcome<std::unique_ptr<KeyClient>> Host::newClient(const InsertedCard& card) {
   return std::make_unique<KeyClient>(card, std::move(session), diary_);
 }
 
-PinState Host::pinState(const Reader& reader) {
+Result<PinState> Host::pinState(const Reader& reader) {
   using enum PinState::Tries;
   CK_TOKEN_INFO token{};
   if (const CK_RV rv = bridge_->inspectToken(reader.slotID, token); rv != CKR_OK) {
     const FailedCall cause{"C_GetTokenInfo", rv};
-    const Failure because =
-        failureBecauseOf(cause, "the PIN was not sent to the card", FailureKind::kCardRefuses);
-    PinState unknown{kUnknown, false, {}, answerText(cause), {}};
-    if (because.kind == FailureKind::kCardGone) unknown.gone = because;
-    return unknown;
+    Failure failure = failureBecauseOf(cause, "the PIN was not sent to the card", FailureKind::kCardRefuses);
+    if (failure.kind != FailureKind::kCardGone) failure.why = answerText(cause);
+    return failure;
   }
   const auto isSet = [&](CK_FLAGS flag) { return (token.flags & flag) != 0; };
-  PinState state{kNoWord, isSet(CKF_PROTECTED_AUTHENTICATION_PATH), {}, {}, {}};
+  PinState state{kNoWord, isSet(CKF_PROTECTED_AUTHENTICATION_PATH), {}};
   if (isSet(CKF_USER_PIN_LOCKED)) {
     state.tries = kNone;
     state.text = "the PIN is locked";

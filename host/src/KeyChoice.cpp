@@ -73,7 +73,7 @@ Failure uncertain(const Failure& incomplete, std::string_view name) {
           "run again, or give the object ID of a key that `mireltoken items` shows"};
 }
 
-Outcome<ChosenKey> withCertificate(const InsertedCard& card, const PublishedKey& key) {
+Result<ChosenKey> withCertificate(const InsertedCard& card, const PublishedKey& key) {
   for (const PublishedItem& item : card.items) {
     const auto* certificate = std::get_if<PublishedCertificate>(&item);
     if (certificate && certificate->objectID == key.certificateID) return ChosenKey{key, *certificate};
@@ -93,7 +93,7 @@ std::vector<PublishedKey> keysOf(const InsertedCard& card) {
   return keys;
 }
 
-Outcome<ChosenKey> chooseKey(const InsertedCard& card, std::string_view name) {
+Result<ChosenKey> chooseKey(const InsertedCard& card, std::string_view name) {
   const std::vector<PublishedKey> keys = keysOf(card);
   const auto isNamed = [&](const PublishedKey& key) { return displayed(key.objectID) == name; };
   if (const auto byID = std::find_if(keys.begin(), keys.end(), isNamed); byID != keys.end()) {

@@ -61,34 +61,32 @@ Failure badInput(const std::string& why) {
 }
 
 /// All data, kLargestInput at most.
-Outcome<ByteVector> readAll(InputSource& input) {
+Result<ByteVector> readAll(InputSource& input) {
   ByteVector data;
   std::vector<std::uint8_t> piece(kPieceSize);
   while (true) {
-    const auto result = input.read(piece);
-    if (const auto* failure = std::get_if<Failure>(&result)) return *failure;
-    const std::size_t count = std::get<std::size_t>(result);
-    if (count == 0) return data;
-    data.insert(data.end(), piece.begin(), piece.begin() + static_cast<std::ptrdiff_t>(count));
+    const auto count = input.read(piece);
+    if (!count) return count.failure();
+    if (*count == 0) return data;
+    data.insert(data.end(), piece.begin(), piece.begin() + static_cast<std::ptrdiff_t>(*count));
     if (data.size() > kLargestInput)
       return badInput("there are more than " + std::to_string(kLargestInput) + " bytes of them");
   }
 }
 
-Outcome<ByteVector> readDigest(Hash hash, InputSource& input) {
+Result<ByteVector> readDigest(Hash hash, InputSource& input) {
   Digest digest{hash};
   std::vector<std::uint8_t> piece(kPieceSize);
   while (true) {
-    const auto result = input.read(piece);
-    if (const auto* failure = std::get_if<Failure>(&result)) return *failure;
-    const std::size_t count = std::get<std::size_t>(result);
-    if (count == 0) return digest.finish();
-    digest.update(std::span{piece}.first(count));
+    const auto count = input.read(piece);
+    if (!count) return count.failure();
+    if (*count == 0) return digest.finish();
+    digest.update(std::span{piece}.first(*count));
   }
 }
 
-/// Why data of that size cannot be the input of the algorithm; empty when they can.
-std::string sizeTrouble(SecKeyAlgorithm algorithm, const PublishedKey& key, std::size_t size) {
+/// Whether data of that size can be the input of the algorithm.
+Result<void> checkSize(SecKeyAlgorithm algorithm, const PublishedKey& key, std::size_t size) {
   std::size_t wanted = 0;
   std::string what;
   const auto step = nextStep(algorithm);
@@ -103,8 +101,12 @@ std::string sizeTrouble(SecKeyAlgorithm algorithm, const PublishedKey& key, std:
     wanted = modulusSizeOf(key);
     what = "a block for this key";
   }
-  if (wanted == 0 || wanted == size) return size == 0 ? "there are none" : "";
-  return "they have " + std::to_string(size) + " bytes, " + what + " has " + std::to_string(wanted);
+  if (wanted != 0 && wanted != size) {
+    return badInput("they have " + std::to_string(size) + " bytes, " + what + " has " +
+                    std::to_string(wanted));
+  }
+  if (size == 0) return badInput("there are none");
+  return {};
 }
 
 /// The data in the next form; nothing when they do not fit into the key.
@@ -138,26 +140,31 @@ bool isComposite(const std::vector<AdaptationStep>& steps) noexcept {
                      [](const AdaptationStep& step) { return step.kind == AdaptationKind::kComposite; });
 }
 
-/// Why `plain` cannot be what the card made of `cipher` (not empty) when asked in that form; empty when it
-/// can. A module that answers CKR_OK and writes nothing leaves the length of the whole block, and zeros.
+/// Whether `plain` can be what the card made of `cipher` (not empty) when asked in that form. A module that
+/// answers CKR_OK and writes nothing leaves the length of the whole block, and zeros.
 /// Where a module claims a shorter length and writes nothing, the zeros are taken for the plain text: it may
 /// have been zeros, and a module that lies about the length could write any other bytes as well.
-std::string plainTextTrouble(SecKeyAlgorithm form, const PublishedKey& key, const ByteVector& cipher,
-                             const Bytes& plain) {
+Result<void> checkPlainText(SecKeyAlgorithm form, const PublishedKey& key, const ByteVector& cipher,
+                            const Bytes& plain) {
+  const auto refused = [](const std::string& why) {
+    return Failure{FailureKind::kCardRefuses, "the card gave no plain text", why,
+                   "ask the maker of the module"};
+  };
   constexpr std::size_t kPaddingSize = 11;  // bytes at least (RFC 8017, section 7.2.1)
   const std::size_t blockSize = modulusSizeOf(key);
   if (plain.size() + kPaddingSize <= blockSize) return {};
   const bool mayBeBlock = form == SecKeyAlgorithm::kSecKeyAlgorithmRSAEncryptionRaw;
   if (!mayBeBlock || plain.size() != blockSize) {
-    return "C_Decrypt answered CKR_OK with " + std::to_string(plain.size()) +
-           " bytes, a plain text in a block for this key has " +
-           std::to_string(blockSize - std::min(blockSize, kPaddingSize)) + " at most";
+    return refused("C_Decrypt answered CKR_OK with " + std::to_string(plain.size()) +
+                   " bytes, a plain text in a block for this key has " +
+                   std::to_string(blockSize - std::min(blockSize, kPaddingSize)) + " at most");
   }
   // Raw RSA makes zero of nothing but zero.
   const auto isZero = [](std::uint8_t byte) { return byte == 0; };
   const bool nothingWritten = std::all_of(plain.view().begin(), plain.view().end(), isZero) &&
                               !std::all_of(cipher.begin(), cipher.end(), isZero);
-  return nothingWritten ? "C_Decrypt answered CKR_OK, but wrote no plain text" : "";
+  if (nothingWritten) return refused("C_Decrypt answered CKR_OK, but wrote no plain text");
+  return {};
 }
 
 bool isEmptyOrZero(const Bytes& bytes) noexcept {
@@ -169,16 +176,21 @@ bool isRsaAlgorithm(SecKeyAlgorithm algorithm) noexcept {
   return nameOf(algorithm).substr(kSecKeyAlgorithmPrefix.size()).starts_with("RSA");
 }
 
-/// Why that PIN cannot be sent to a card as it was entered; empty when it can. The token would count its
-/// characters, but send as many bytes of its UTF-8, and so cut one that is not ASCII.
-std::string sendingTrouble(const SecretText& pin) {
+/// Whether that PIN can be sent to a card as it was entered. The token would count its characters, but send
+/// as many bytes of its UTF-8, and so cut one that is not ASCII.
+Result<void> checkSending(const SecretText& pin) {
+  const auto notSent = [](const char* why) {
+    return Failure{FailureKind::kPinCannotBeEntered, "the PIN was not sent to the card", why,
+                   "give a PIN of 1 to 8 ASCII characters; if the card has another one, change it with the "
+                   "card maker's tool"};
+  };
   constexpr std::size_t kMostBytes = 8;
   SecretBytes<kMostBytes + 1> bytes;
   const std::size_t size = pin.copyUtf8(bytes.span());
-  if (size == 0) return "it is empty";
+  if (size == 0) return notSent("it is empty");
   if (std::any_of(bytes.data(), bytes.data() + size, [](std::uint8_t byte) { return byte >= 0x80; }))
-    return "it has characters that are not ASCII";
-  if (size > kMostBytes) return "it has more than 8 characters";
+    return notSent("it has characters that are not ASCII");
+  if (size > kMostBytes) return notSent("it has more than 8 characters");
   return {};
 }
 
@@ -200,8 +212,8 @@ std::optional<SecKeyAlgorithm> KeyClient::acceptedForm(const PublishedKey& key, 
   return std::nullopt;
 }
 
-Outcome<SecKeyAlgorithm> KeyClient::formFor(const PublishedKey& key, SecKeyAlgorithm algorithm,
-                                            TKTokenOperation operation) {
+Result<SecKeyAlgorithm> KeyClient::formFor(const PublishedKey& key, SecKeyAlgorithm algorithm,
+                                           TKTokenOperation operation) {
   if (const auto end = card_.watch ? card_.watch->ended() : std::nullopt) return *end;
   const std::string what = "the key \"" + shortened(displayed(key.objectID)) + "\" does not " +
                            verbOf(operation) + " with " + named(algorithm);
@@ -229,78 +241,73 @@ Outcome<SecKeyAlgorithm> KeyClient::formFor(const PublishedKey& key, SecKeyAlgor
   return *form;
 }
 
-Outcome<Signature> KeyClient::sign(const PublishedKey& key, SecKeyAlgorithm algorithm, InputSource& input,
-                                   PinSource& pins) {
-  const auto chosen = formFor(key, algorithm, TKTokenOperation::kSignData);
-  if (const auto* failure = std::get_if<Failure>(&chosen)) return *failure;
-  const SecKeyAlgorithm form = std::get<SecKeyAlgorithm>(chosen);
-  std::vector<AdaptationStep> steps = stepsBetween(algorithm, form);
+Result<Signature> KeyClient::sign(const PublishedKey& key, SecKeyAlgorithm algorithm, InputSource& input,
+                                  PinSource& pins) {
+  const auto form = formFor(key, algorithm, TKTokenOperation::kSignData);
+  if (!form) return form.failure();
+  std::vector<AdaptationStep> steps = stepsBetween(algorithm, *form);
 
   const bool isMessage = !steps.empty() && steps.front().kind == AdaptationKind::kHash;
-  auto read = isMessage ? readDigest(steps.front().hash, input) : readAll(input);
-  if (const auto* failure = std::get_if<Failure>(&read)) return *failure;
-  const ByteVector& data = std::get<ByteVector>(read);
-  if (isMessage) steps.erase(steps.begin());
-  if (const std::string trouble = isMessage ? "" : sizeTrouble(algorithm, key, data.size());
-      !trouble.empty()) {
-    return badInput(trouble);
+  const auto data = isMessage ? readDigest(steps.front().hash, input) : readAll(input);
+  if (!data) return data.failure();
+  if (isMessage) {
+    steps.erase(steps.begin());
+  } else if (const auto fits = checkSize(algorithm, key, data->size()); !fits) {
+    return fits.failure();
   }
-  ByteVector prepared = data;
+  ByteVector prepared = *data;
   for (const AdaptationStep& step : steps) {
     auto next = adapted(step, key, prepared);
     if (!next) return badInput("the key has too few bits for them");
     prepared = std::move(*next);
   }
-  if (form == SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureDigestPKCS1v15Raw &&
+  if (*form == SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureDigestPKCS1v15Raw &&
       !paddedForSigning(prepared, modulusSizeOf(key))) {
     return badInput("with PKCS #1 v1.5 padding the key has too few bits for them");
   }
 
-  const auto result = perform(key, TKTokenOperation::kSignData, pins, [&](TKErrorPointer outError) {
-    return session_->signData(session_, Bytes{prepared}, key.objectID, HostKeyAlgorithm{form}, outError);
+  const auto value = perform(key, TKTokenOperation::kSignData, pins, [&](TKErrorPointer outError) {
+    return session_->signData(session_, Bytes{prepared}, key.objectID, HostKeyAlgorithm{*form}, outError);
   });
-  if (const auto* failure = std::get_if<Failure>(&result)) return *failure;
-  Signature made{std::get<Bytes>(result), form, Bytes{data}, cardTrouble("C_Sign")};
+  if (!value) return value.failure();
+  Signature made{*value, *form, Bytes{*data}, std::nullopt};
+  const auto reason = faultIn("C_Sign");
+  if (!reason) return made;
+  made.fault = CardFault{*reason};
   if (const auto cause = diary_->cause()) {
-    made.cardFailure =
+    made.fault->failure =
         failureBecauseOf(*cause, "there is no good signature", FailureKind::kVerificationFailed);
-    if (isEmptyOrZero(made.value)) learnFrom(*made.cardFailure);
+    if (isEmptyOrZero(made.value)) learnFrom(*made.fault->failure);
   }
   return made;
 }
 
-Outcome<Bytes> KeyClient::decrypt(const PublishedKey& key, SecKeyAlgorithm algorithm, InputSource& input,
-                                  PinSource& pins) {
-  const auto chosen = formFor(key, algorithm, TKTokenOperation::kDecryptData);
-  if (const auto* failure = std::get_if<Failure>(&chosen)) return *failure;
-  const SecKeyAlgorithm form = std::get<SecKeyAlgorithm>(chosen);
-  const auto read = readAll(input);
-  if (const auto* failure = std::get_if<Failure>(&read)) return *failure;
-  const ByteVector& cipher = std::get<ByteVector>(read);
-  if (const std::string trouble = sizeTrouble(algorithm, key, cipher.size()); !trouble.empty())
-    return badInput(trouble);
+Result<Bytes> KeyClient::decrypt(const PublishedKey& key, SecKeyAlgorithm algorithm, InputSource& input,
+                                 PinSource& pins) {
+  const auto form = formFor(key, algorithm, TKTokenOperation::kDecryptData);
+  if (!form) return form.failure();
+  const auto cipher = readAll(input);
+  if (!cipher) return cipher.failure();
+  if (const auto fits = checkSize(algorithm, key, cipher->size()); !fits) return fits.failure();
 
-  auto result = perform(key, TKTokenOperation::kDecryptData, pins, [&](TKErrorPointer outError) {
-    return session_->decryptData(session_, Bytes{cipher}, key.objectID, HostKeyAlgorithm{form}, outError);
+  const auto answer = perform(key, TKTokenOperation::kDecryptData, pins, [&](TKErrorPointer outError) {
+    return session_->decryptData(session_, Bytes{*cipher}, key.objectID, HostKeyAlgorithm{*form}, outError);
   });
-  if (std::holds_alternative<Failure>(result)) return result;
-  Bytes plain = Bytes::secret(std::get<Bytes>(result));
-  if (const std::string trouble = cardTrouble("C_Decrypt"); !trouble.empty()) {
+  if (!answer) return answer.failure();
+  Bytes plain = Bytes::secret(*answer);
+  if (const auto fault = faultIn("C_Decrypt")) {
     return refusal(
-        "the card gave no plain text", trouble,
+        "the card gave no plain text", *fault,
         "check that the data were encrypted for this key, with PKCS #1 v1.5 padding: the card layer "
         "knows no other");
   }
-  if (const std::string trouble = plainTextTrouble(form, key, cipher, plain); !trouble.empty()) {
-    return Failure{FailureKind::kCardRefuses, "the card gave no plain text", trouble,
-                   "ask the maker of the module"};
-  }
-  for (const AdaptationStep& step : stepsBetween(algorithm, form)) {
+  if (const auto possible = checkPlainText(*form, key, *cipher, plain); !possible) return possible.failure();
+  for (const AdaptationStep& step : stepsBetween(algorithm, *form)) {
     auto next = step.kind == AdaptationKind::kUnpadPKCS1 ? unpaddedAfterDecrypting(plain.view())
                                                          : decodedFromOaep(step.hash, plain.view());
     if (!next) {
       return Failure{FailureKind::kCardRefuses, "the card gave no plain text for " + named(algorithm),
-                     "what it gave for " + named(form) +
+                     "what it gave for " + named(*form) +
                          " is not a whole block: the card layer removes PKCS #1 v1.5 padding itself",
                      "encrypt with PKCS #1 v1.5 padding (kSecKeyAlgorithmRSAEncryptionPKCS1)"};
     }
@@ -309,39 +316,35 @@ Outcome<Bytes> KeyClient::decrypt(const PublishedKey& key, SecKeyAlgorithm algor
   return plain.isNull() ? Bytes{ByteVector{}} : plain;
 }
 
-Outcome<KeyExchange> KeyClient::exchange(const PublishedKey& key, SecKeyAlgorithm algorithm,
-                                         InputSource& input, PinSource& pins) {
-  const auto chosen = formFor(key, algorithm, TKTokenOperation::kPerformKeyExchange);
-  if (const auto* failure = std::get_if<Failure>(&chosen)) return *failure;
-  const SecKeyAlgorithm form = std::get<SecKeyAlgorithm>(chosen);
-  const auto read = readAll(input);
-  if (const auto* failure = std::get_if<Failure>(&read)) return *failure;
-  const ByteVector& point = std::get<ByteVector>(read);
-  if (point.empty()) return badInput("there are none");
-  const auto result = perform(key, TKTokenOperation::kPerformKeyExchange, pins, [&](TKErrorPointer outError) {
-    return session_->performKeyExchangeWithPublicKey(session_, Bytes{point}, key.objectID,
-                                                     HostKeyAlgorithm{form}, nullptr, outError);
+Result<KeyExchange> KeyClient::exchange(const PublishedKey& key, SecKeyAlgorithm algorithm,
+                                        InputSource& input, PinSource& pins) {
+  const auto form = formFor(key, algorithm, TKTokenOperation::kPerformKeyExchange);
+  if (!form) return form.failure();
+  const auto point = readAll(input);
+  if (!point) return point.failure();
+  if (point->empty()) return badInput("there are none");
+  const auto secret = perform(key, TKTokenOperation::kPerformKeyExchange, pins, [&](TKErrorPointer outError) {
+    return session_->performKeyExchangeWithPublicKey(session_, Bytes{*point}, key.objectID,
+                                                     HostKeyAlgorithm{*form}, nullptr, outError);
   });
-  if (const auto* failure = std::get_if<Failure>(&result)) return *failure;
-  return KeyExchange{std::get<Bytes>(result), form};
+  if (!secret) return secret.failure();
+  return KeyExchange{*secret, *form};
 }
 
 /// Asks the token; where it wants the PIN first, once more after that. The answer may be null.
 template <typename Request>
-Outcome<Bytes> KeyClient::perform(const PublishedKey& key, TKTokenOperation operation, PinSource& pins,
-                                  const Request& request) {
+Result<Bytes> KeyClient::perform(const PublishedKey& key, TKTokenOperation operation, PinSource& pins,
+                                 const Request& request) {
   for (bool mayAuthenticate = true;; mayAuthenticate = false) {
-    if (auto failure = missingCard()) return *failure;
+    if (const auto card = lookForCard(); !card) return card.failure();
     std::optional<TKError> error;
     diary_->clear();
     Bytes answer = request(&error);
     if (!answer.isNull() || !error) return answer;
     if (mayAuthenticate && isError(error, TKErrorCode::kAuthenticationNeeded)) {
       const auto constraint = key.constraints.find(static_cast<std::int64_t>(operation));
-      if (auto failure = authenticate(
-              operation, constraint == key.constraints.end() ? Text{} : constraint->second, pins)) {
-        return *failure;
-      }
+      const Text asked = constraint == key.constraints.end() ? Text{} : constraint->second;
+      if (const auto done = authenticate(operation, asked, pins); !done) return done.failure();
       continue;
     }
     const std::string text =
@@ -352,11 +355,10 @@ Outcome<Bytes> KeyClient::perform(const PublishedKey& key, TKTokenOperation oper
   }
 }
 
-std::optional<Failure> KeyClient::authenticate(TKTokenOperation operation, const Text& constraint,
-                                               PinSource& pins) {
+Result<void> KeyClient::authenticate(TKTokenOperation operation, const Text& constraint, PinSource& pins) {
   int notSent = 0;
   for (int attempt = 1;; ++attempt) {
-    if (auto failure = missingCard()) return failure;
+    if (const auto card = lookForCard(); !card) return card.failure();
     std::optional<TKError> error;
     const auto authentication = session_->beginAuthForOperation(session_, operation, constraint, &error);
     const auto pinOperation = std::dynamic_pointer_cast<MirelSCTokenAuth>(authentication);
@@ -366,28 +368,25 @@ std::optional<Failure> KeyClient::authenticate(TKTokenOperation operation, const
           error ? displayedName(error->localizedDescription) : "the token begins no authentication", kSeeLog};
     }
     const auto entered = pins.askForPin(displayed(card_.reader.tokenLabel));
-    if (const auto* failure = std::get_if<Failure>(&entered)) return *failure;
-    const auto& pin = std::get<std::shared_ptr<const SecretText>>(entered);
+    if (!entered) return entered.failure();
+    const std::shared_ptr<const SecretText>& pin = *entered;
     if (!pin) {
       return Failure{FailureKind::kCancelled, "no PIN was given", "the entry was cancelled",
                      "run again to try once more"};
     }
-    if (const std::string trouble = sendingTrouble(*pin); !trouble.empty()) {
-      const Failure failure{FailureKind::kPinCannotBeEntered, "the PIN was not sent to the card", trouble,
-                            "give a PIN of 1 to 8 ASCII characters; if the card has another one, change it "
-                            "with the card maker's tool"};
-      if (++notSent == kMostPins || !pins.canAskAgain()) return failure;
+    if (const auto fit = checkSending(*pin); !fit) {
+      if (++notSent == kMostPins || !pins.canAskAgain()) return fit.failure();
       --attempt;  // it was none: the card has not been asked
-      pins.showRefusal(failure.what + ": " + failure.why);
+      pins.showRefusal(fit.failure().what + ": " + fit.failure().why);
       continue;
     }
     // As late as can be: the user may have taken any time.
-    if (auto failure = missingCard()) return failure;
+    if (const auto card = lookForCard(); !card) return card.failure();
     diary_->clear();
     pinOperation->setPIN(pin);
     const bool accepted = pinOperation->finishWithError(&error);
     pinOperation->setPIN(nullptr);
-    if (accepted) return std::nullopt;
+    if (accepted) return {};
 
     const std::string text = error ? displayedName(error->localizedDescription) : std::string{};
     Failure failure = loginFailure(withoutFullStop(text));
@@ -397,17 +396,16 @@ std::optional<Failure> KeyClient::authenticate(TKTokenOperation operation, const
   }
 }
 
-/// Why nothing can be asked of the card; nothing when it is there. Drops the session of a token that has
-/// ended.
-std::optional<Failure> KeyClient::missingCard() {
-  if (!card_.watch) return std::nullopt;
-  auto failure = card_.watch->look(*diary_);
+/// Whether the card can be asked anything. Drops the session of a token that has ended.
+Result<void> KeyClient::lookForCard() {
+  if (!card_.watch) return {};
+  const auto failure = card_.watch->look(*diary_);
   // Another client may have found out since.
-  auto end = card_.watch->ended();
-  if (!end) return failure;
+  const auto end = card_.watch->ended();
+  if (!end) return failure ? Result<void>{*failure} : Result<void>{};
   session_.reset();
   card_.token.reset();
-  return end;
+  return *end;
 }
 
 void KeyClient::learnFrom(const Failure& failure) {
@@ -423,11 +421,12 @@ Failure KeyClient::refusal(std::string what, std::string why, std::string whatTo
   return failure;
 }
 
-/// Why the card did not do what that Cryptoki function does; empty when it did. A card that was not asked may
-/// leave no other trace.
-std::string KeyClient::cardTrouble(std::string_view function) const {
+/// Why the card did not do what that Cryptoki function does; nothing when no such reason is known. A card
+/// that was not asked may leave no other trace.
+std::optional<std::string> KeyClient::faultIn(std::string_view function) const {
   if (std::string reason = diary_->reason(); !reason.empty()) return reason;
-  return diary_->lastResultOf(function) == CKR_OK ? std::string{} : "the card was not asked";
+  if (diary_->lastResultOf(function) == CKR_OK) return std::nullopt;
+  return "the card was not asked";
 }
 
 Failure KeyClient::loginFailure(const std::string& text) {
@@ -456,9 +455,10 @@ Failure KeyClient::loginFailure(const std::string& text) {
                  kSeeLog);
 }
 
-std::optional<Failure> KeyClient::logIn(PinSource& pins) {
-  if (auto failure = authenticate(TKTokenOperation::kNone, Text{kPinConstraint}, pins)) return failure;
-  if (diary_->lastResultOf("C_Login") != CKR_USER_ALREADY_LOGGED_IN) return std::nullopt;
+Result<void> KeyClient::logIn(PinSource& pins) {
+  if (const auto done = authenticate(TKTokenOperation::kNone, Text{kPinConstraint}, pins); !done)
+    return done.failure();
+  if (diary_->lastResultOf("C_Login") != CKR_USER_ALREADY_LOGGED_IN) return {};
   return Failure{FailureKind::kCardRefuses, "the PIN was not checked",
                  "the card's software was logged in already (C_Login answered " +
                      cryptokiResultText(CKR_USER_ALREADY_LOGGED_IN) + ")",

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <optional>
+#include <string>
 
 namespace mirel {
 namespace {
@@ -123,7 +124,7 @@ std::vector<LibraryTarget> targetsOf(std::span<const std::uint8_t> start) {
   }
 }
 
-std::string targetTrouble(std::span<const std::uint8_t> library, std::span<const std::uint8_t> program) {
+Result<void> checkTarget(std::span<const std::uint8_t> library, std::span<const std::uint8_t> program) {
   const std::vector<LibraryTarget> targets = targetsOf(library);
   const std::vector<LibraryTarget> own = targetsOf(program);
   if (targets.empty() || own.size() != 1) return {};
@@ -133,7 +134,9 @@ std::string targetTrouble(std::span<const std::uint8_t> library, std::span<const
     if (&target != &targets.front()) text += " and ";
     text += nameBeside(target, own.front());
   }
-  return text + ", this program is " + nameBeside(own.front(), targets.front());
+  return Failure{FailureKind::kModuleNotLoadable, "the module is for another system",
+                 text + ", this program is " + nameBeside(own.front(), targets.front()),
+                 "get the module for this system from its maker"};
 }
 
 }  // namespace mirel

@@ -2,8 +2,9 @@
 
 #include <cstdint>
 #include <span>
-#include <string>
 #include <vector>
+
+#include "host/Result.h"
 
 namespace mirel {
 
@@ -26,9 +27,9 @@ inline constexpr std::size_t kLibraryHeaderSize = 1024;
 /// a Mach-O file, all of a universal one. Empty when the bytes do not tell; also when they end too early.
 [[nodiscard]] std::vector<LibraryTarget> targetsOf(std::span<const std::uint8_t> start);
 
-/// Why a program cannot load the library, by the first bytes of both: "the module is for aarch64, this
-/// program is x86-64". Empty when they say nothing against it, or nothing at all.
-[[nodiscard]] std::string targetTrouble(std::span<const std::uint8_t> library,
-                                        std::span<const std::uint8_t> program);
+/// Whether a program can load the library, by the first bytes of both. Succeeds also when they do not tell.
+/// The failure says why not: "the module is for aarch64, this program is x86-64".
+[[nodiscard]] Result<void> checkTarget(std::span<const std::uint8_t> library,
+                                       std::span<const std::uint8_t> program);
 
 }  // namespace mirel

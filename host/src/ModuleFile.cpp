@@ -93,22 +93,22 @@ Failure refusal(const std::string& name, const std::string& why, const std::stri
 
 }  // namespace
 
-std::optional<Failure> chooseModule(PlatformServices& services, const ModuleChoice& choice) {
+Result<void> chooseModule(PlatformServices& services, const ModuleChoice& choice) {
   if (choice.path && services.user->homeOf(services.user->loginName()).empty())
     services.user = userWithHome(services.user, kNoHome);
   const std::string home = services.user->homeOf(services.user->loginName());
-  if (home.empty()) return std::nullopt;  // The host tells.
+  if (home.empty()) return {};  // The host tells.
   const std::string place = moduleInHome(home);
   const std::string name = choice.path.value_or(place);
-  const TracedFile traced = traceFile(name);
+  const auto traced = traceFile(name);
   struct stat status {};
-  if (traced.path.empty()) {
+  if (!traced) {
     const int error = stat(name.c_str(), &status) == 0 ? ENOENT : errno;
     services.loader = std::make_shared<LoaderWithoutModule>(
         services.loader, place, name + ": cannot open shared object file: " + std::strerror(error));
-    return std::nullopt;
+    return {};
   }
-  const std::string& file = traced.path;
+  const std::string& file = traced->path;
 
   // Not opened for that: to open a pipe can wait for ever.
   if (stat(file.c_str(), &status) == 0 && !S_ISREG(status.st_mode))
@@ -116,12 +116,13 @@ std::optional<Failure> chooseModule(PlatformServices& services, const ModuleChoi
                    choice.path
                        ? "check the path given with --module"
                        : "install the card software for this user, or name another module with --module");
-  if (!traced.trouble.empty() && !choice.trusted)
-    return refusal(name, traced.trouble, "take that right away, or load it all the same with --trust-module");
-  if (const std::string trouble = targetTrouble(startOf(file), ownImageStart()); !trouble.empty())
-    return refusal(name, trouble, "get the module for this system from its maker");
+  if (traced->exposure && !choice.trusted)
+    return refusal(name, *traced->exposure,
+                   "take that right away, or load it all the same with --trust-module");
+  if (const auto fits = checkTarget(startOf(file), ownImageStart()); !fits)
+    return refusal(name, fits.failure().why, fits.failure().whatToDo);
   services.loader = std::make_shared<LoaderWithModule>(services.loader, place, file, name);
-  return std::nullopt;
+  return {};
 }
 
 }  // namespace mirel

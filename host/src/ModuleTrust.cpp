@@ -37,8 +37,8 @@ bool isHarmlessGroup(gid_t id) {
   return entry && user && isHarmless(*entry, *user);
 }
 
-/// How somebody else may change what is there; empty when nobody may.
-std::string troubleOf(const fs::path& path, const struct stat& status) {
+/// How somebody else may change what is there; nothing when nobody may.
+std::optional<std::string> exposureOf(const fs::path& path, const struct stat& status) {
   const bool isFolder = S_ISDIR(status.st_mode);
   const bool isLink = S_ISLNK(status.st_mode);
   const bool ownedByOther = status.st_uid != geteuid() && status.st_uid != 0;
@@ -46,7 +46,7 @@ std::string troubleOf(const fs::path& path, const struct stat& status) {
   const bool writable = !isLink && !keepsOwners &&
                         ((status.st_mode & S_IWOTH) != 0 ||
                          ((status.st_mode & S_IWGRP) != 0 && !isHarmlessGroup(status.st_gid)));
-  if (!ownedByOther && !writable) return {};
+  if (!ownedByOther && !writable) return std::nullopt;
   const std::string kind = isFolder ? "the folder " : isLink ? "the link " : "the file ";
   return "somebody else may change " + kind + printableLine(path.string()) + ", which belongs to " +
          nameOf(status.st_uid) + " and has mode " + octal(status.st_mode);
@@ -71,7 +71,7 @@ class Way {
   }
 
   [[nodiscard]] const fs::path& place() const { return place_; }
-  [[nodiscard]] const std::string& trouble() const { return trouble_; }
+  [[nodiscard]] const std::optional<std::string>& exposure() const { return exposure_; }
 
  private:
   void append(const fs::path& path) {
@@ -119,12 +119,12 @@ class Way {
     }
     isFolder_ = S_ISDIR(status.st_mode);
     isLink_ = S_ISLNK(status.st_mode);
-    if (trouble_.empty()) trouble_ = troubleOf(path, status);
+    if (!exposure_) exposure_ = exposureOf(path, status);
   }
 
   std::deque<fs::path> rest_;
   fs::path place_;
-  std::string trouble_;  // the first one
+  std::optional<std::string> exposure_;  // the first one
   bool found_ = true;
   bool isFolder_ = false;
   bool isLink_ = false;
@@ -147,13 +147,13 @@ bool isHarmless(const group& entry, const passwd& user) noexcept {
   return true;
 }
 
-TracedFile traceFile(const std::string& path) {
+std::optional<TracedFile> traceFile(const std::string& path) {
   std::error_code error;
   const fs::path absolute = fs::absolute(path, error);
-  if (error || path.empty()) return {};
+  if (error || path.empty()) return std::nullopt;
   Way way{absolute};
-  if (!way.follow()) return {};
-  return {way.place().string(), way.trouble()};
+  if (!way.follow()) return std::nullopt;
+  return TracedFile{way.place().string(), way.exposure()};
 }
 
 }  // namespace mirel

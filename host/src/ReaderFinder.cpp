@@ -96,8 +96,8 @@ Text distinctName(const std::vector<CK_SLOT_INFO>& slots, std::size_t index, con
 
 }  // namespace
 
-Outcome<std::vector<Reader>> findReaders(P11Bridge& bridge, FailureDiary& diary,
-                                         const std::string& givenModule, bool withTokenOnly) {
+Result<std::vector<Reader>> findReaders(P11Bridge& bridge, FailureDiary& diary,
+                                        const std::string& givenModule, bool withTokenOnly) {
   diary.clear();
   if (!bridge.pkcs11_Load(Text{})) return moduleFailure(diary, bridge.p11dylib(), givenModule);
   const CK_RV initialised = bridge.pkcs11_Initial(nullptr);

@@ -1,6 +1,8 @@
 #include "host/Verification.h"
 
 #include <algorithm>
+#include <optional>
+#include <string>
 #include <string_view>
 
 #include "RsaEncoding.h"
@@ -9,7 +11,7 @@
 namespace mirel {
 namespace {
 
-constexpr const char* kPssName =
+constexpr std::string_view kPssName =
     "a key with PSS in its name signs by PSS in the card, and that signature is not handed out";
 constexpr int kLongestSigningKey = 2048;  // bits
 
@@ -28,53 +30,68 @@ bool allZero(const Bytes& bytes) {
   return std::all_of(bytes.view().begin(), bytes.view().end(), [](std::uint8_t byte) { return byte == 0; });
 }
 
-/// Why no signature can come of that key, whatever the card says; empty when one can.
-std::string troubleOfKey(const PublishedKey& key) {
+/// Why that key never signs through the card layer, whatever the card says; nothing for one that may.
+std::optional<std::string_view> reasonNeverToSign(const PublishedKey& key) {
   if (key.keyType != CertificateKeyType::kRSA) return "only RSA keys sign through this card layer";
   if (key.keySizeInBits > kLongestSigningKey)
     return "RSA keys above 2048 bits do not sign through this card layer";
-  return containsIgnoringCase(key.certificateID, u"PSS") ? kPssName : std::string{};
+  if (containsIgnoringCase(key.certificateID, u"PSS")) return kPssName;
+  return std::nullopt;
 }
 
-}  // namespace
+/// " (C_Sign answered CKR_DEVICE_ERROR (0x30))", where something is known to have gone wrong in the card.
+std::string remarkOn(const Signature& signature) {
+  return signature.fault ? " (" + signature.fault->reason + ")" : std::string{};
+}
 
-std::string signatureTrouble(const PublishedCertificate& certificate, const PublishedKey& key,
-                             SecKeyAlgorithm algorithm, const Signature& signature) {
-  const std::string because = signature.cardTrouble.empty() ? "" : " (" + signature.cardTrouble + ")";
-  if (signature.value.size() == 0) {
-    const std::string ofKey = troubleOfKey(key);
-    if (ofKey == kPssName) return ofKey + because;
-    return "the signature is empty" + (ofKey.empty() ? "" : ": " + ofKey) + because;
-  }
-  const auto publicKey = publicKeyOfCertificate(certificate.data.view());
-  if (!publicKey) return "the public key of the certificate cannot be read";
-  if (publicKey->verifies(algorithm, signature.data.view(), signature.value.view())) return {};
+std::string whyEmpty(const PublishedKey& key, const Signature& signature) {
+  const auto reason = reasonNeverToSign(key);
+  if (reason == kPssName) return std::string{kPssName} + remarkOn(signature);
+  std::string why = "the signature is empty";
+  if (reason) why.append(": ").append(*reason);
+  return why + remarkOn(signature);
+}
 
+/// Why a signature that does not verify is none.
+std::string whyWrong(const PublicKey& publicKey, const PublishedKey& key, SecKeyAlgorithm algorithm,
+                     const Signature& signature) {
   if (allZero(signature.value)) {
-    if (!signature.cardTrouble.empty()) return "the signature is all zeros: the card made none" + because;
-    if (containsIgnoringCase(key.certificateID, u"PSS")) return kPssName;
+    if (signature.fault) return "the signature is all zeros: the card made none" + remarkOn(signature);
+    if (containsIgnoringCase(key.certificateID, u"PSS")) return std::string{kPssName};
     return "the signature is all zeros: the card layer handed none out";
   }
   if (key.keyType == CertificateKeyType::kRSA && signature.value.size() != modulusSizeOf(key)) {
     return "the signature has " + std::to_string(signature.value.size()) + " bytes, one by this key has " +
-           std::to_string(modulusSizeOf(key)) + because;
+           std::to_string(modulusSizeOf(key)) + remarkOn(signature);
   }
   const bool isPKCS1 = nameOf(algorithm).find("PKCS1v15") != std::string_view::npos;
-  if (isPKCS1 && isUnpadded(publicKey->recoveredBlock(signature.value.view()), algorithm, signature.data)) {
+  if (isPKCS1 && isUnpadded(publicKey.recoveredBlock(signature.value.view()), algorithm, signature.data)) {
     return "the signature does not verify: the module does not pad, so PKCS #1 v1.5 through this card does "
            "not verify; PSS does";
   }
-  return "the signature does not verify with the public key of the certificate" + because;
+  return "the signature does not verify with the public key of the certificate" + remarkOn(signature);
 }
 
-Failure signatureFailure(const PublishedKey& key, const Signature& signature, const std::string& trouble) {
+/// `why`: where no call of the card that failed explains it.
+Failure noSignature(const PublishedKey& key, const Signature& signature, const std::string& why) {
   constexpr const char* kWhat = "there is no good signature";
-  const auto& card = signature.cardFailure;
-  const bool gone = card && card->kind == FailureKind::kCardGone;
-  if (card && (gone || troubleOfKey(key).empty()))
-    return {card->kind, kWhat, card->why, "nothing was written; " + card->whatToDo};
-  return {FailureKind::kVerificationFailed, kWhat, trouble,
-          "nothing was written; try another algorithm or key"};
+  const auto failed = signature.fault ? signature.fault->failure : std::nullopt;
+  const bool gone = failed && failed->kind == FailureKind::kCardGone;
+  if (failed && (gone || !reasonNeverToSign(key)))
+    return {failed->kind, kWhat, failed->why, "nothing was written; " + failed->whatToDo};
+  return {FailureKind::kVerificationFailed, kWhat, why, "nothing was written; try another algorithm or key"};
+}
+
+}  // namespace
+
+Result<void> verifySignature(const PublishedCertificate& certificate, const PublishedKey& key,
+                             SecKeyAlgorithm algorithm, const Signature& signature) {
+  const auto none = [&](const std::string& why) { return noSignature(key, signature, why); };
+  if (signature.value.size() == 0) return none(whyEmpty(key, signature));
+  const auto publicKey = publicKeyOfCertificate(certificate.data.view());
+  if (!publicKey) return none("the public key of the certificate cannot be read");
+  if (publicKey->verifies(algorithm, signature.data.view(), signature.value.view())) return {};
+  return none(whyWrong(*publicKey, key, algorithm, signature));
 }
 
 }  // namespace mirel

@@ -124,8 +124,8 @@ TEST_F(AcceptedForm, IsKnownWithoutTheCard) {
 /// Requests that must fail before anything is read, asked for or done.
 class NotSupported : public KeyClientTest {
  protected:
-  template <typename Result>
-  void expectNotSupported(const Outcome<Result>& outcome, const char* why) {
+  template <typename Value>
+  void expectNotSupported(const Result<Value>& outcome, const char* why) {
     const Failure failure = failureOf(outcome);
     EXPECT_EQ(failure.kind, FailureKind::kNotSupported);
     EXPECT_THAT(failure.why, HasSubstr(why));

@@ -15,26 +15,25 @@ constexpr int kSignaturesPerThread = 50;
 
 class ClientThreads : public KeyClientTest {
  protected:
-  ClientThreads() { card = std::get<InsertedCard>(shared.insert(Text{})); }
+  ClientThreads() { card = *shared.insert(Text{}); }
 
   void TearDown() override {
     EXPECT_FALSE(script.callsOverlapped());
     KeyClientTest::TearDown();
   }
 
-  [[nodiscard]] std::unique_ptr<KeyClient> clientOfShared() {
-    return std::move(std::get<std::unique_ptr<KeyClient>>(shared.newClient(card)));
-  }
+  [[nodiscard]] std::unique_ptr<KeyClient> clientOfShared() { return *shared.newClient(card); }
 
   /// What is wrong with a new signature of that message; empty when it verifies.
-  [[nodiscard]] std::string troubleOfSignature(KeyClient& by, const Value& message) const {
+  [[nodiscard]] std::string refusalOfSignature(KeyClient& by, const Value& message) const {
     GivenInput input{{message}};
     GivenPins pin{{u"123456"}};
     const PublishedKey& signer = published(u"01");
     const auto made = by.sign(signer, kSecKeyAlgorithmRSASignatureMessagePSSSHA256, input, pin);
-    if (const auto* failure = std::get_if<Failure>(&made)) return failure->what + ": " + failure->why;
-    return signatureTrouble(certificateOf(signer), signer, kSecKeyAlgorithmRSASignatureMessagePSSSHA256,
-                            std::get<Signature>(made));
+    if (!made) return made.failure().what + ": " + made.failure().why;
+    const auto verified =
+        verifySignature(certificateOf(signer), signer, kSecKeyAlgorithmRSASignatureMessagePSSSHA256, *made);
+    return verified ? std::string{} : verified.failure().why;
   }
 
   [[nodiscard]] const PublishedCertificate& certificateOf(const PublishedKey& wanted) const {
@@ -54,9 +53,9 @@ TEST_F(ClientThreads, GetSignaturesThatVerify) {
   std::atomic<int> numGood{0};
   const auto signOften = [&](KeyClient& by, std::uint8_t mark) {
     for (int i = 0; i < kSignaturesPerThread; ++i) {
-      const std::string trouble = troubleOfSignature(by, Value{mark, static_cast<std::uint8_t>(i)});
-      EXPECT_EQ(trouble, "");
-      if (trouble.empty()) ++numGood;
+      const std::string refusal = refusalOfSignature(by, Value{mark, static_cast<std::uint8_t>(i)});
+      EXPECT_EQ(refusal, "");
+      if (refusal.empty()) ++numGood;
     }
   };
   runAtOnce({[&] { signOften(*first, 1); }, [&] { signOften(*second, 2); }});
@@ -72,8 +71,7 @@ TEST_F(ClientThreads, LookForTheCardAtOnce) {
     GivenInput input{{Value{1}}};
     GivenPins pin{{u"123456"}};
     const auto made = by.sign(published(u"01"), kSecKeyAlgorithmRSASignatureMessagePSSSHA256, input, pin);
-    const auto* failure = std::get_if<Failure>(&made);
-    if (failure && failure->kind == FailureKind::kCardGone) ++numGone;
+    if (!made && made.failure().kind == FailureKind::kCardGone) ++numGone;
   };
   runAtOnce({[&] { sign(*first); }, [&] { sign(*second); }});
   EXPECT_EQ(numGone, 2);

@@ -28,15 +28,15 @@ void HostTest::addKeyAndCertificate(Value id, Value label, const CertificateRequ
 
 std::vector<Reader> HostTest::readers(const Text& readerName) {
   const auto outcome = host.readers(readerName);
-  if (const auto* found = std::get_if<std::vector<Reader>>(&outcome)) return *found;
-  ADD_FAILURE() << std::get<Failure>(outcome).what << ": " << std::get<Failure>(outcome).why;
+  if (outcome) return *outcome;
+  ADD_FAILURE() << outcome.failure().what << ": " << outcome.failure().why;
   return {};
 }
 
 InsertedCard HostTest::inserted(const Text& readerName) {
   const auto outcome = host.insert(readerName);
-  if (const auto* card = std::get_if<InsertedCard>(&outcome)) return *card;
-  ADD_FAILURE() << std::get<Failure>(outcome).what << ": " << std::get<Failure>(outcome).why;
+  if (outcome) return *outcome;
+  ADD_FAILURE() << outcome.failure().what << ": " << outcome.failure().why;
   return {};
 }
 

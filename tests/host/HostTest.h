@@ -38,19 +38,18 @@ class HostTest : public ModuleTest {
 /// What went wrong; a success fails the test. Also checks that the user is told three things, each in
 /// one line without a full stop.
 template <typename Value>
-[[nodiscard]] Failure failureOf(const Outcome<Value>& outcome);
+[[nodiscard]] Failure failureOf(const Result<Value>& outcome);
 
 void expectPresentable(const Failure& failure);
 
 template <typename Value>
-Failure failureOf(const Outcome<Value>& outcome) {
-  const auto* failure = std::get_if<Failure>(&outcome);
-  if (!failure) {
+Failure failureOf(const Result<Value>& outcome) {
+  if (outcome) {
     ADD_FAILURE() << "there is no failure";
     return {};
   }
-  expectPresentable(*failure);
-  return *failure;
+  expectPresentable(outcome.failure());
+  return outcome.failure();
 }
 
 /// The names of the readers.

@@ -13,16 +13,16 @@ constexpr unsigned kKeyEncipherment = 1U << 2U;
 constexpr unsigned kKeyAgreement = 1U << 4U;
 
 /// The outcome's value; a failure fails the test.
-template <typename Result>
-[[nodiscard]] Result successOf(const Outcome<Result>& outcome) {
-  if (const auto* result = std::get_if<Result>(&outcome)) return *result;
-  ADD_FAILURE() << std::get<Failure>(outcome).what << ": " << std::get<Failure>(outcome).why;
+template <typename Value>
+[[nodiscard]] Value successOf(const Result<Value>& outcome) {
+  if (outcome) return *outcome;
+  ADD_FAILURE() << outcome.failure().what << ": " << outcome.failure().why;
   return {};
 }
 
 }  // namespace
 
-Outcome<std::size_t> GivenInput::read(std::span<std::uint8_t> room) {
+Result<std::size_t> GivenInput::read(std::span<std::uint8_t> room) {
   ++timesRead;
   while (piece_ < pieces_.size() && position_ == pieces_[piece_].size()) {
     ++piece_;
@@ -89,8 +89,8 @@ void KeyClientTest::TearDown() {
 
 std::unique_ptr<KeyClient> KeyClientTest::newClient() {
   auto outcome = host.newClient(card);
-  if (auto* made = std::get_if<std::unique_ptr<KeyClient>>(&outcome)) return std::move(*made);
-  ADD_FAILURE() << std::get<Failure>(outcome).what;
+  if (outcome) return std::move(*outcome);
+  ADD_FAILURE() << outcome.failure().what;
   return nullptr;
 }
 

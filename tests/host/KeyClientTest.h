@@ -21,7 +21,7 @@ class GivenPins final : public PinSource {
   GivenPins() = default;
   explicit GivenPins(std::deque<std::u16string> pins) : pins_{std::move(pins)} {}
 
-  [[nodiscard]] Outcome<std::shared_ptr<const SecretText>> askForPin(const std::string& tokenLabel) override {
+  [[nodiscard]] Result<std::shared_ptr<const SecretText>> askForPin(const std::string& tokenLabel) override {
     labels.push_back(tokenLabel);
     if (whenAsked) whenAsked();
     if (failure) return *failure;
@@ -50,7 +50,7 @@ class GivenInput final : public InputSource {
  public:
   explicit GivenInput(std::vector<Value> pieces) : pieces_{std::move(pieces)} {}
 
-  [[nodiscard]] Outcome<std::size_t> read(std::span<std::uint8_t> room) override;
+  [[nodiscard]] Result<std::size_t> read(std::span<std::uint8_t> room) override;
 
   std::size_t timesRead = 0;
   std::optional<Failure> failure;

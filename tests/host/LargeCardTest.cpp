@@ -56,8 +56,8 @@ TEST_F(LargeCard, HasEachCertificateParsedOnce) {
   own.certificates = parser;
   Host another{own};
   const auto outcome = another.insert(Text{});
-  ASSERT_TRUE(std::holds_alternative<InsertedCard>(outcome));
-  EXPECT_EQ(std::get<InsertedCard>(outcome).items.size(), 2 * kPairs * kPairs);
+  ASSERT_TRUE(outcome);
+  EXPECT_EQ(outcome->items.size(), 2 * kPairs * kPairs);
   EXPECT_EQ(parser->timesAsked, 1U);
 }
 
@@ -71,13 +71,12 @@ TEST_F(LargeCard, IsListedWithoutRepetitions) {
 TEST_F(LargeCard, AnswersForItsKeysInAShortTime) {
   const InsertedCard card = inserted();
   const auto client = host.newClient(card);
-  ASSERT_TRUE(std::holds_alternative<std::unique_ptr<KeyClient>>(client));
+  ASSERT_TRUE(client);
   const auto keys = keysOf(card);
   ASSERT_EQ(keys.size(), kPairs);
   const long passed = milliseconds([&] {
     for (int i = 0; i < 100; ++i) {
-      EXPECT_TRUE(
-          std::get<0>(client)->acceptedForm(keys.back(), SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureRaw));
+      EXPECT_TRUE((*client)->acceptedForm(keys.back(), SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureRaw));
     }
   });
   EXPECT_LT(passed, 2000);  // without an index a hundred times as much

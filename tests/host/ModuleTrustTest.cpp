@@ -37,19 +37,22 @@ class ModuleTrust : public ::testing::Test {
     ASSERT_EQ(lchown(path.c_str(), kSomebodyElse, static_cast<gid_t>(-1)), 0) << path;
   }
   /// Gives the file or folder that mode for as long as it takes to look.
-  void expectTroubleWith(const fs::path& path, mode_t mode) const {
+  void expectExposureWith(const fs::path& path, mode_t mode) const {
     char text[8];
     (void)std::snprintf(text, sizeof text, "%04o", mode);
     SCOPED_TRACE(path.string() + " " + text);
     const bool isFolder = fs::is_directory(path);
     setMode(path, mode);
-    EXPECT_THAT(troubleOf(module),
+    EXPECT_THAT(exposureOf(module),
                 AllOf(HasSubstr((isFolder ? "the folder " : "the file ") + path.string() + ","),
                       HasSubstr(std::string{" and has mode "} + text)));
     setMode(path, isFolder ? 0755 : 0644);
   }
-  [[nodiscard]] static std::string troubleOf(const fs::path& path) {
-    return traceFile(path.string()).trouble;
+  /// Empty when nobody else may change it.
+  [[nodiscard]] static std::string exposureOf(const fs::path& path) {
+    const auto traced = traceFile(path.string());
+    EXPECT_TRUE(traced) << path;
+    return traced ? traced->exposure.value_or("") : "there is no such file";
   }
 
   TemporaryFolder folder;
@@ -60,25 +63,25 @@ class ModuleTrust : public ::testing::Test {
 };
 
 TEST_F(ModuleTrust, IsThereForAFileThatNobodyElseMayChange) {
-  EXPECT_EQ(troubleOf(module), "");
-  EXPECT_EQ(traceFile(module.string()).path, module.string());
+  EXPECT_EQ(exposureOf(module), "");
+  EXPECT_EQ(traceFile(module.string()).value().path, module.string());
 }
 
 TEST_F(ModuleTrust, EndsWithTheModeThatLetsOthersWrite) {
   for (const fs::path& path : {module, inner, outer}) {
     const bool isFolder = fs::is_directory(path);
-    expectTroubleWith(path, isFolder ? 0757 : 0646);
-    expectTroubleWith(path, isFolder ? 0777 : 0666);
+    expectExposureWith(path, isFolder ? 0757 : 0646);
+    expectExposureWith(path, isFolder ? 0777 : 0666);
   }
-  expectTroubleWith(module, 01666);
-  EXPECT_EQ(troubleOf(module), "");
+  expectExposureWith(module, 01666);
+  EXPECT_EQ(exposureOf(module), "");
 }
 
 TEST_F(ModuleTrust, EndsWithTheModeThatLetsAGroupWrite) {
   if (geteuid() != 0) GTEST_SKIP() << "only root can give files to any group";
   for (const fs::path& path : {module, inner, outer}) {
     ASSERT_EQ(lchown(path.c_str(), static_cast<uid_t>(-1), kSomeGroup), 0);
-    expectTroubleWith(path, fs::is_directory(path) ? 0775 : 0664);
+    expectExposureWith(path, fs::is_directory(path) ? 0775 : 0664);
   }
 }
 
@@ -86,7 +89,7 @@ TEST_F(ModuleTrust, IsThereWhereTheGroupIsHarmless) {
   if (geteuid() != 0) GTEST_SKIP() << "others need not have a group for themselves";
   setMode(inner, 0775);
   setMode(module, 0664);
-  EXPECT_EQ(troubleOf(module), "");
+  EXPECT_EQ(exposureOf(module), "");
 }
 
 TEST(HarmlessGroup, HasNobodyButThisUserAndRoot) {
@@ -131,7 +134,7 @@ TEST(HarmlessGroup, HasNobodyButThisUserAndRoot) {
 
 TEST_F(ModuleTrust, IsThereInAFolderWithTheStickyBit) {
   setMode(inner, 01777);
-  EXPECT_EQ(troubleOf(module), "");
+  EXPECT_EQ(exposureOf(module), "");
 }
 
 TEST_F(ModuleTrust, IsNotThereForWhatBelongsToSomebodyElse) {
@@ -139,7 +142,7 @@ TEST_F(ModuleTrust, IsNotThereForWhatBelongsToSomebodyElse) {
   for (const fs::path& path : {module, inner, outer}) {
     SCOPED_TRACE(path);
     giveAway(path);
-    EXPECT_THAT(troubleOf(module), HasSubstr(path.string() + ", which belongs to user 4321 and has mode 0"));
+    EXPECT_THAT(exposureOf(module), HasSubstr(path.string() + ", which belongs to user 4321 and has mode 0"));
     ASSERT_EQ(lchown(path.c_str(), 0, static_cast<gid_t>(-1)), 0);
   }
 }
@@ -148,18 +151,18 @@ TEST_F(ModuleTrust, IsNotThereForSomebodyElsesEntryInAFolderWithTheStickyBit) {
   if (geteuid() != 0) GTEST_SKIP() << "only root can give files away";
   setMode(outer, 01777);
   giveAway(inner);
-  EXPECT_THAT(troubleOf(module), HasSubstr("the folder " + inner.string() + ","));
+  EXPECT_THAT(exposureOf(module), HasSubstr("the folder " + inner.string() + ","));
 }
 
 TEST_F(ModuleTrust, IsThereForAFileOfRoot) {
   // Whoever runs this.
-  EXPECT_EQ(troubleOf("/etc/passwd"), "");
+  EXPECT_EQ(exposureOf("/etc/passwd"), "");
 }
 
 TEST_F(ModuleTrust, NamesWhatIsNearestToTheRootFolder) {
   setMode(outer, 0777);
   setMode(module, 0666);
-  EXPECT_THAT(troubleOf(module), HasSubstr(outer.string() + ","));
+  EXPECT_THAT(exposureOf(module), HasSubstr(outer.string() + ","));
 }
 
 // ---- Links ----
@@ -171,13 +174,13 @@ TEST_F(ModuleTrust, LooksAtTheFoldersOfALinkAndOfItsTarget) {
     SCOPED_TRACE(target);
     const fs::path link = links / "link.so";
     fs::create_symlink(target, link);
-    EXPECT_EQ(traceFile(link.string()).path, module.string());
-    EXPECT_EQ(troubleOf(link), "");
+    EXPECT_EQ(traceFile(link.string()).value().path, module.string());
+    EXPECT_EQ(exposureOf(link), "");
     setMode(links, 0777);
-    EXPECT_THAT(troubleOf(link), HasSubstr("the folder " + links.string() + ","));
+    EXPECT_THAT(exposureOf(link), HasSubstr("the folder " + links.string() + ","));
     setMode(links, 0755);
     setMode(inner, 0777);
-    EXPECT_THAT(troubleOf(link), HasSubstr("the folder " + inner.string() + ","));
+    EXPECT_THAT(exposureOf(link), HasSubstr("the folder " + inner.string() + ","));
     setMode(inner, 0755);
     fs::remove(link);
   }
@@ -188,7 +191,7 @@ TEST_F(ModuleTrust, LooksAtTheFoldersOfALinkToAFolder) {
   fs::create_directory(links);
   fs::create_symlink(inner, links / "folder");
   setMode(links, 0777);
-  EXPECT_THAT(troubleOf(links / "folder" / "module.so"), HasSubstr("the folder " + links.string() + ","));
+  EXPECT_THAT(exposureOf(links / "folder" / "module.so"), HasSubstr("the folder " + links.string() + ","));
 }
 
 TEST_F(ModuleTrust, IsNotThereForALinkOfSomebodyElse) {
@@ -196,20 +199,20 @@ TEST_F(ModuleTrust, IsNotThereForALinkOfSomebodyElse) {
   const fs::path link = root / "link.so";
   fs::create_symlink(module, link);
   giveAway(link);
-  EXPECT_THAT(troubleOf(link), HasSubstr("the link " + link.string() + ", which belongs to user 4321"));
+  EXPECT_THAT(exposureOf(link), HasSubstr("the link " + link.string() + ", which belongs to user 4321"));
 }
 
 TEST_F(ModuleTrust, FollowsTheNamesForAFolderAndTheOneAboveIt) {
   fs::create_symlink("inner", outer / "link");
   const fs::path path = outer / "." / "link" / ".." / "inner" / "module.so";
-  EXPECT_EQ(traceFile(path.string()).path, module.string());
-  EXPECT_EQ(traceFile("/../" + module.relative_path().string()).path, module.string());
+  EXPECT_EQ(traceFile(path.string()).value().path, module.string());
+  EXPECT_EQ(traceFile("/../" + module.relative_path().string()).value().path, module.string());
 }
 
 TEST_F(ModuleTrust, FollowsARelativePath) {
   const fs::path before = fs::current_path();
   fs::current_path(outer);
-  const TracedFile traced = traceFile("inner/module.so");
+  const TracedFile traced = traceFile("inner/module.so").value();
   fs::current_path(before);
   EXPECT_EQ(traced.path, module.string());
 }
@@ -220,7 +223,7 @@ TEST_F(ModuleTrust, FindsNoFileWhereThereIsNone) {
   for (const std::string& path : {std::string{}, (root / "nothing").string(), (root / "dangling").string(),
                                   (root / "loop").string(), module.string() + "/", module.string() + "/."}) {
     SCOPED_TRACE(path);
-    EXPECT_EQ(traceFile(path).path, "");
+    EXPECT_FALSE(traceFile(path));
   }
 }
 

@@ -48,10 +48,10 @@ const Row kPkcs1Rows[] = {{kSecKeyAlgorithmRSASignatureMessagePKCS1v15SHA1, "SHA
 
 class Sign : public KeyClientTest {
  protected:
-  [[nodiscard]] std::string trouble(SecKeyAlgorithm algorithm, const Signature& made) const {
+  [[nodiscard]] Result<void> verified(SecKeyAlgorithm algorithm, const Signature& made) const {
     PublishedCertificate certificate;
     certificate.data = Bytes{key.certificate()};
-    return signatureTrouble(certificate, published(u"01"), algorithm, made);
+    return verifySignature(certificate, published(u"01"), algorithm, made);
   }
 
   /// The message, or its digest where the algorithm wants that.
@@ -78,8 +78,8 @@ TEST_F(Sign, MakesSignaturesByPssThatVerify) {
     EXPECT_TRUE(key.verifies(valueOf(made.value), digest, row.hash, RSA_PKCS1_PSS_PADDING, row.saltLen));
     EXPECT_EQ(made.performed, kSecKeyAlgorithmRSASignatureRaw);
     EXPECT_EQ(made.data, Bytes{digest});
-    EXPECT_EQ(made.cardTrouble, "");
-    EXPECT_EQ(trouble(row.algorithm, made), "");
+    EXPECT_FALSE(made.fault);
+    EXPECT_TRUE(verified(row.algorithm, made));
   }
 }
 
@@ -92,15 +92,15 @@ TEST_F(Sign, LeavesThePaddingOfPkcs1ToTheModule) {
     EXPECT_TRUE(key.verifies(valueOf(made.value), digest, row.hash, RSA_PKCS1_PADDING));
     EXPECT_EQ(made.performed, kSecKeyAlgorithmRSASignatureDigestPKCS1v15Raw);
     EXPECT_EQ(made.data, Bytes{digest});
-    EXPECT_EQ(trouble(row.algorithm, made), "");
+    EXPECT_TRUE(verified(row.algorithm, made));
   }
 }
 
 TEST_F(Sign, GivesTheSignatureOfAModuleThatDoesNotPad) {
   const Signature made = signature(kSecKeyAlgorithmRSASignatureMessagePKCS1v15SHA256, kMessage);
   EXPECT_EQ(made.value.size(), key.blockSize());
-  EXPECT_EQ(made.cardTrouble, "");
-  EXPECT_THAT(trouble(kSecKeyAlgorithmRSASignatureMessagePKCS1v15SHA256, made),
+  EXPECT_FALSE(made.fault);
+  EXPECT_THAT(failureOf(verified(kSecKeyAlgorithmRSASignatureMessagePKCS1v15SHA256, made)).why,
               HasSubstr("the module does not pad"));
 }
 
@@ -109,7 +109,7 @@ TEST_F(Sign, GivesTheModuleRawBlocksAsTheyAre) {
   EXPECT_EQ(valueOf(made.value), key.rawPrivate(block()));
   EXPECT_EQ(made.performed, kSecKeyAlgorithmRSASignatureRaw);
   EXPECT_EQ(made.data, Bytes{block()});
-  EXPECT_EQ(trouble(kSecKeyAlgorithmRSASignatureRaw, made), "");
+  EXPECT_TRUE(verified(kSecKeyAlgorithmRSASignatureRaw, made));
 }
 
 TEST_F(Sign, GivesTheModuleRawDigestInfosAsTheyAre) {
@@ -129,11 +129,10 @@ TEST_F(Sign, HashesAMessageInPieces) {
   GivenInput input{{pieces[0], pieces[1], pieces[2]}};
   const auto outcome =
       client->sign(published(u"01"), kSecKeyAlgorithmRSASignatureMessagePSSSHA256, input, pins);
-  ASSERT_TRUE(std::holds_alternative<Signature>(outcome));
+  ASSERT_TRUE(outcome);
   const Value digest = softwareDigest("SHA256", whole);
-  EXPECT_EQ(std::get<Signature>(outcome).data, Bytes{digest});
-  EXPECT_TRUE(
-      key.verifies(valueOf(std::get<Signature>(outcome).value), digest, "SHA256", RSA_PKCS1_PSS_PADDING, 32));
+  EXPECT_EQ(outcome->data, Bytes{digest});
+  EXPECT_TRUE(key.verifies(valueOf(outcome->value), digest, "SHA256", RSA_PKCS1_PSS_PADDING, 32));
   EXPECT_GT(input.timesRead, 4U);
 }
 
@@ -209,7 +208,7 @@ TEST_F(Sign, NeedsALoginForEachClient) {
     GivenInput input{{kMessage}};
     const auto outcome =
         other->sign(published(u"01"), kSecKeyAlgorithmRSASignatureMessagePSSSHA256, input, otherPins);
-    EXPECT_TRUE(std::holds_alternative<Signature>(outcome));
+    EXPECT_TRUE(outcome);
     EXPECT_EQ(otherPins.timesAsked(), 1U);
   }
   (void)signature(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, kMessage);
@@ -220,8 +219,7 @@ TEST_F(Sign, DoesNotNeedTheFirstClient) {
   const auto other = newClient();
   client.reset();
   GivenInput input{{kMessage}};
-  EXPECT_TRUE(std::holds_alternative<Signature>(
-      other->sign(published(u"01"), kSecKeyAlgorithmRSASignatureMessagePSSSHA256, input, pins)));
+  EXPECT_TRUE(other->sign(published(u"01"), kSecKeyAlgorithmRSASignatureMessagePSSSHA256, input, pins));
 }
 
 // ---- Input that cannot be ----
@@ -281,8 +279,10 @@ TEST_F(Sign, PassesOnWhatIsWrongWithTheInput) {
 TEST_F(Sign, TellsWhatWentWrongInTheCard) {
   script.failCallOf("C_Sign", 0, CKR_DEVICE_ERROR);
   const Signature made = signature(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, kMessage);
-  EXPECT_EQ(made.cardTrouble, "C_Sign answered CKR_DEVICE_ERROR (0x30)");
-  EXPECT_THAT(trouble(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, made), HasSubstr(made.cardTrouble));
+  ASSERT_TRUE(made.fault);
+  EXPECT_EQ(made.fault->reason, "C_Sign answered CKR_DEVICE_ERROR (0x30)");
+  EXPECT_THAT(failureOf(verified(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, made)).why,
+              HasSubstr(made.fault->reason));
 }
 
 TEST_F(Sign, TellsThatTheCardIsGone) {
@@ -292,7 +292,8 @@ TEST_F(Sign, TellsThatTheCardIsGone) {
         return real(session, mechanism, handle);
       });
   const Signature made = signature(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, kMessage);
-  EXPECT_EQ(made.cardTrouble, "C_SignInit answered CKR_DEVICE_REMOVED (0x32)");
+  ASSERT_TRUE(made.fault);
+  EXPECT_EQ(made.fault->reason, "C_SignInit answered CKR_DEVICE_REMOVED (0x32)");
 }
 
 TEST_F(Sign, TellsThatTheCardWasPulledAfterAnotherSignature) {
@@ -305,14 +306,14 @@ TEST_F(Sign, TellsThatTheCardWasPulledAfterAnotherSignature) {
 TEST_F(Sign, ForgetsWhatWentWrongBefore) {
   script.failCallOf("C_Sign", 0, CKR_DEVICE_ERROR);
   (void)signature(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, kMessage);
-  EXPECT_EQ(signature(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, kMessage).cardTrouble, "");
+  EXPECT_FALSE(signature(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, kMessage).fault);
 }
 
-TEST_F(Sign, TellsTheLastTroubleAlone) {
+TEST_F(Sign, TellsTheLastFaultAlone) {
   script.failCallOf("C_Sign", 0, CKR_DEVICE_ERROR);
   (void)signature(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, kMessage);
   script.failCallOf("C_Sign", 0, CKR_DEVICE_REMOVED, Times::kFromThenOn);
-  EXPECT_THAT(signature(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, kMessage).cardTrouble,
+  EXPECT_THAT(signature(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, kMessage).fault.value().reason,
               HasSubstr("CKR_DEVICE_REMOVED (0x32)"));
 }
 

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 
+#include "host/HostTest.h"
 #include "host/SoftwareKey.h"
 
 namespace mirel::test {
@@ -17,7 +18,7 @@ using ::testing::Not;
 using enum SecKeyAlgorithm;
 
 constexpr const char* kDoesNotVerify = "the signature does not verify with the public key of the certificate";
-constexpr const char* kTrouble = "C_Sign answered CKR_DEVICE_ERROR (0x30)";
+constexpr const char* kFault = "C_Sign answered CKR_DEVICE_ERROR (0x30)";
 constexpr unsigned kBits = 2048;
 
 const Value kMessage = bytesOf("a message");
@@ -95,7 +96,8 @@ const Row kEcRows[] = {
 
 [[nodiscard]] Signature signatureBy(const SoftwareKey& key, const Row& row) {
   const Value data = dataFor(row, key);
-  return {Bytes{key.signature(data, row.hash, row.padding, row.saltLen)}, row.algorithm, Bytes{data}, ""};
+  return {Bytes{key.signature(data, row.hash, row.padding, row.saltLen)}, row.algorithm, Bytes{data},
+          std::nullopt};
 }
 
 [[nodiscard]] Bytes altered(const Bytes& bytes) {
@@ -105,12 +107,16 @@ const Row kEcRows[] = {
 }
 
 /// With an RSA key and a good signature by PSS.
-class SignatureTrouble : public ::testing::Test {
+class VerifySignature : public ::testing::Test {
  protected:
-  [[nodiscard]] std::string trouble(SecKeyAlgorithm algorithm) const {
-    return signatureTrouble(certificate, published, algorithm, signature);
+  [[nodiscard]] Result<void> verified(SecKeyAlgorithm algorithm) const {
+    return verifySignature(certificate, published, algorithm, signature);
   }
-  [[nodiscard]] std::string trouble() const { return trouble(kPss.algorithm); }
+  /// Why it does not verify; that it does fails the test.
+  [[nodiscard]] std::string refusal(SecKeyAlgorithm algorithm) const {
+    return failureOf(verified(algorithm)).why;
+  }
+  [[nodiscard]] std::string refusal() const { return refusal(kPss.algorithm); }
 
   static inline const Row kPss{kSecKeyAlgorithmRSASignatureMessagePSSSHA256, "SHA256", RSA_PKCS1_PSS_PADDING,
                                32};
@@ -123,28 +129,28 @@ class SignatureTrouble : public ::testing::Test {
 
 // ---- Good and altered ones ----
 
-TEST_F(SignatureTrouble, IsNoneWithAGoodSignatureOfAnRsaKey) {
+TEST_F(VerifySignature, AcceptsAGoodSignatureOfAnRsaKey) {
   for (const Row& row : kRsaRows) {
     SCOPED_TRACE(nameOf(row.algorithm));
     signature = signatureBy(key, row);
-    EXPECT_EQ(trouble(row.algorithm), "");
+    EXPECT_TRUE(verified(row.algorithm));
   }
 }
 
-TEST_F(SignatureTrouble, IsThereWithAnAlteredSignatureOfAnRsaKey) {
+TEST_F(VerifySignature, RefusesAnAlteredSignatureOfAnRsaKey) {
   for (const Row& row : kRsaRows) {
     SCOPED_TRACE(nameOf(row.algorithm));
     const Signature good = signatureBy(key, row);
     signature = good;
     signature.value = altered(good.value);
-    EXPECT_EQ(trouble(row.algorithm), kDoesNotVerify);
+    EXPECT_EQ(refusal(row.algorithm), kDoesNotVerify);
     signature = good;
     signature.data = altered(good.data);
-    EXPECT_EQ(trouble(row.algorithm), kDoesNotVerify);
+    EXPECT_EQ(refusal(row.algorithm), kDoesNotVerify);
   }
 }
 
-TEST(EcSignatureTrouble, IsNoneWithAGoodSignatureAlone) {
+TEST(VerifyEcSignature, AcceptsAGoodSignatureAlone) {
   for (const char* curve : {"P-256", "P-384"}) {
     const SoftwareKey& key = SoftwareKey::ec(curve);
     const PublishedCertificate certificate = certificateOf(key);
@@ -152,121 +158,125 @@ TEST(EcSignatureTrouble, IsNoneWithAGoodSignatureAlone) {
     for (const Row& row : kEcRows) {
       SCOPED_TRACE(std::string{curve} + " " + std::string{nameOf(row.algorithm)});
       Signature signature = signatureBy(key, row);
-      EXPECT_EQ(signatureTrouble(certificate, published, row.algorithm, signature), "");
+      const auto verified = [&] { return verifySignature(certificate, published, row.algorithm, signature); };
+      EXPECT_TRUE(verified());
       const Bytes data = signature.data;
       signature.data = altered(data);
       // A curve takes no more of a digest than its order is long.
       const bool lastByteCounts = data.size() * 8 <= static_cast<std::size_t>(key.bits());
-      EXPECT_EQ(signatureTrouble(certificate, published, row.algorithm, signature),
-                lastByteCounts ? kDoesNotVerify : "");
+      if (lastByteCounts) {
+        EXPECT_EQ(failureOf(verified()).why, kDoesNotVerify);
+      } else {
+        EXPECT_TRUE(verified());
+      }
       signature.data = data;
       signature.value = altered(signature.value);
-      EXPECT_EQ(signatureTrouble(certificate, published, row.algorithm, signature), kDoesNotVerify);
+      EXPECT_EQ(failureOf(verified()).why, kDoesNotVerify);
     }
   }
 }
 
-TEST_F(SignatureTrouble, IsThereWithAnotherKeysSignature) {
+TEST_F(VerifySignature, RefusesAnotherKeysSignature) {
   signature = signatureBy(SoftwareKey::otherRsa(kBits), kPss);
-  EXPECT_EQ(trouble(), kDoesNotVerify);
+  EXPECT_EQ(refusal(), kDoesNotVerify);
 }
 
-TEST_F(SignatureTrouble, IsThereWithASignatureByAnotherAlgorithm) {
-  EXPECT_EQ(trouble(kSecKeyAlgorithmRSASignatureMessagePKCS1v15SHA256), kDoesNotVerify);
-  EXPECT_EQ(trouble(kSecKeyAlgorithmRSASignatureMessagePSSSHA384), kDoesNotVerify);
+TEST_F(VerifySignature, RefusesASignatureByAnotherAlgorithm) {
+  EXPECT_EQ(refusal(kSecKeyAlgorithmRSASignatureMessagePKCS1v15SHA256), kDoesNotVerify);
+  EXPECT_EQ(refusal(kSecKeyAlgorithmRSASignatureMessagePSSSHA384), kDoesNotVerify);
 }
 
-TEST_F(SignatureTrouble, IsThereWithASaltOfAnotherSize) {
+TEST_F(VerifySignature, RefusesASaltOfAnotherSize) {
   Row row = kPss;
   row.saltLen = 20;
   signature = signatureBy(key, row);
-  EXPECT_EQ(trouble(), kDoesNotVerify);
+  EXPECT_EQ(refusal(), kDoesNotVerify);
 }
 
-TEST_F(SignatureTrouble, IsThereWithASignatureOfAnotherSize) {
+TEST_F(VerifySignature, RefusesASignatureOfAnotherSize) {
   Value value(signature.value.view().begin(), signature.value.view().end());
   value.pop_back();
   signature.value = Bytes{value};
-  EXPECT_EQ(trouble(), "the signature has 255 bytes, one by this key has 256");
+  EXPECT_EQ(refusal(), "the signature has 255 bytes, one by this key has 256");
   value.resize(512);
   signature.value = Bytes{value};
-  EXPECT_EQ(trouble(), "the signature has 512 bytes, one by this key has 256");
+  EXPECT_EQ(refusal(), "the signature has 512 bytes, one by this key has 256");
 }
 
-TEST_F(SignatureTrouble, IsThereWithAKeyOfAnotherKind) {
+TEST_F(VerifySignature, RefusesAKeyOfAnotherKind) {
   certificate = certificateOf(SoftwareKey::ec("P-256"));
-  EXPECT_EQ(trouble(), kDoesNotVerify);
+  EXPECT_EQ(refusal(), kDoesNotVerify);
 }
 
-TEST_F(SignatureTrouble, NamesWhatWentWrongInTheCard) {
+TEST_F(VerifySignature, NamesWhatWentWrongInTheCard) {
   signature.value = altered(signature.value);
-  signature.cardTrouble = kTrouble;
-  EXPECT_EQ(trouble(), std::string{kDoesNotVerify} + " (" + kTrouble + ")");
+  signature.fault = CardFault{kFault};
+  EXPECT_EQ(refusal(), std::string{kDoesNotVerify} + " (" + kFault + ")");
 }
 
 // ---- Certificates that are none ----
 
-TEST_F(SignatureTrouble, IsThereWithoutAReadableCertificate) {
+TEST_F(VerifySignature, RefusesACertificateThatCannotBeRead) {
   for (const Bytes& data : {Bytes{}, Bytes{Value{}}, Bytes{patternValue(100, 1)}}) {
     certificate.data = data;
-    EXPECT_EQ(trouble(), "the public key of the certificate cannot be read");
+    EXPECT_EQ(refusal(), "the public key of the certificate cannot be read");
   }
 }
 
 // ---- No signature ----
 
-TEST_F(SignatureTrouble, TellsAnEmptySignature) {
+TEST_F(VerifySignature, TellsAnEmptySignature) {
   signature.value = Bytes{Value{}};
-  EXPECT_EQ(trouble(), "the signature is empty");
+  EXPECT_EQ(refusal(), "the signature is empty");
   signature.value = Bytes{};
-  EXPECT_EQ(trouble(), "the signature is empty");
-  signature.cardTrouble = kTrouble;
-  EXPECT_EQ(trouble(), std::string{"the signature is empty ("} + kTrouble + ")");
+  EXPECT_EQ(refusal(), "the signature is empty");
+  signature.fault = CardFault{kFault};
+  EXPECT_EQ(refusal(), std::string{"the signature is empty ("} + kFault + ")");
 }
 
-TEST_F(SignatureTrouble, TellsThatLongKeysDoNotSign) {
+TEST_F(VerifySignature, TellsThatLongKeysDoNotSign) {
   signature.value = Bytes{};
   published.keySizeInBits = 2048;
-  EXPECT_THAT(trouble(), Not(HasSubstr("2048")));
+  EXPECT_THAT(refusal(), Not(HasSubstr("2048")));
   published.keySizeInBits = 2049;
-  EXPECT_THAT(trouble(), HasSubstr("RSA keys above 2048 bits do not sign"));
-  signature.cardTrouble = kTrouble;
-  EXPECT_THAT(trouble(), HasSubstr(kTrouble));
+  EXPECT_THAT(refusal(), HasSubstr("RSA keys above 2048 bits do not sign"));
+  signature.fault = CardFault{kFault};
+  EXPECT_THAT(refusal(), HasSubstr(kFault));
 }
 
-TEST_F(SignatureTrouble, TellsThatEcKeysDoNotSign) {
+TEST_F(VerifySignature, TellsThatEcKeysDoNotSign) {
   signature.value = Bytes{};
   published = publishedKey(SoftwareKey::ec("P-256"), CertificateKeyType::kECPrimeRandom);
-  EXPECT_THAT(trouble(kSecKeyAlgorithmECDSASignatureDigestX962SHA256), HasSubstr("only RSA keys sign"));
-  signature.cardTrouble = kTrouble;
-  EXPECT_THAT(trouble(kSecKeyAlgorithmECDSASignatureDigestX962SHA256), HasSubstr(kTrouble));
+  EXPECT_THAT(refusal(kSecKeyAlgorithmECDSASignatureDigestX962SHA256), HasSubstr("only RSA keys sign"));
+  signature.fault = CardFault{kFault};
+  EXPECT_THAT(refusal(kSecKeyAlgorithmECDSASignatureDigestX962SHA256), HasSubstr(kFault));
 }
 
-TEST_F(SignatureTrouble, TellsThatAKeyNamedPssHandsNothingOut) {
+TEST_F(VerifySignature, TellsThatAKeyNamedPssHandsNothingOut) {
   signature.value = Bytes{};
   published.certificateID = Text{u"cert_My pss key_01"};
-  EXPECT_THAT(trouble(), HasSubstr("a key with PSS in its name"));
-  signature.cardTrouble = kTrouble;
-  EXPECT_THAT(trouble(), HasSubstr(kTrouble));
+  EXPECT_THAT(refusal(), HasSubstr("a key with PSS in its name"));
+  signature.fault = CardFault{kFault};
+  EXPECT_THAT(refusal(), HasSubstr(kFault));
 }
 
 // ---- Zeros ----
 
-TEST_F(SignatureTrouble, TellsThatZerosAreNoSignature) {
+TEST_F(VerifySignature, TellsThatZerosAreNoSignature) {
   signature.value = Bytes{Value(key.blockSize())};
-  EXPECT_EQ(trouble(), "the signature is all zeros: the card layer handed none out");
+  EXPECT_EQ(refusal(), "the signature is all zeros: the card layer handed none out");
 }
 
-TEST_F(SignatureTrouble, TellsThatZerosAreWhatAKeyNamedPssGives) {
+TEST_F(VerifySignature, TellsThatZerosAreWhatAKeyNamedPssGives) {
   signature.value = Bytes{Value(key.blockSize())};
   published.certificateID = Text{u"cert_My pss key_01"};
-  EXPECT_THAT(trouble(), HasSubstr("a key with PSS in its name"));
+  EXPECT_THAT(refusal(), HasSubstr("a key with PSS in its name"));
 }
 
-TEST_F(SignatureTrouble, TellsThatZerosMeanTroubleInTheCard) {
+TEST_F(VerifySignature, TellsThatZerosMeanAFaultInTheCard) {
   signature.value = Bytes{Value(key.blockSize())};
-  signature.cardTrouble = kTrouble;
-  EXPECT_EQ(trouble(), std::string{"the signature is all zeros: the card made none ("} + kTrouble + ")");
+  signature.fault = CardFault{kFault};
+  EXPECT_EQ(refusal(), std::string{"the signature is all zeros: the card made none ("} + kFault + ")");
 }
 
 // ---- Signatures without padding ----
@@ -285,22 +295,22 @@ TEST_F(SignatureTrouble, TellsThatZerosMeanTroubleInTheCard) {
   return block;
 }
 
-TEST_F(SignatureTrouble, ExplainsAModuleThatDoesNotPad) {
+TEST_F(VerifySignature, ExplainsAModuleThatDoesNotPad) {
   const Value digest = softwareDigest("SHA256", kMessage);
   signature.data = Bytes{digest};
   signature.value = Bytes{key.rawPrivate(afterZeros(digestInfoOf(digest), key.blockSize()))};
   for (const SecKeyAlgorithm algorithm : {kSecKeyAlgorithmRSASignatureMessagePKCS1v15SHA256,
                                           kSecKeyAlgorithmRSASignatureDigestPKCS1v15SHA256}) {
     EXPECT_EQ(
-        trouble(algorithm),
+        refusal(algorithm),
         "the signature does not verify: the module does not pad, so PKCS #1 v1.5 through this card does "
         "not verify; PSS does");
   }
   signature.data = Bytes{digestInfoOf(digest)};
-  EXPECT_THAT(trouble(kSecKeyAlgorithmRSASignatureDigestPKCS1v15Raw), HasSubstr("the module does not pad"));
+  EXPECT_THAT(refusal(kSecKeyAlgorithmRSASignatureDigestPKCS1v15Raw), HasSubstr("the module does not pad"));
 }
 
-TEST_F(SignatureTrouble, DoesNotBlameThePaddingForOtherFaults) {
+TEST_F(VerifySignature, DoesNotBlameThePaddingForOtherFaults) {
   const Value digest = softwareDigest("SHA256", kMessage);
   const Value info = digestInfoOf(digest);
   signature.data = Bytes{digest};
@@ -313,15 +323,15 @@ TEST_F(SignatureTrouble, DoesNotBlameThePaddingForOtherFaults) {
   };
   for (const auto& [name, block] : kRows) {
     signature.value = Bytes{key.rawPrivate(block)};
-    EXPECT_EQ(trouble(kSecKeyAlgorithmRSASignatureMessagePKCS1v15SHA256), kDoesNotVerify) << name;
+    EXPECT_EQ(refusal(kSecKeyAlgorithmRSASignatureMessagePKCS1v15SHA256), kDoesNotVerify) << name;
   }
 }
 
-TEST_F(SignatureTrouble, DoesNotBlameThePaddingForAnotherAlgorithm) {
+TEST_F(VerifySignature, DoesNotBlameThePaddingForAnotherAlgorithm) {
   const Value digest = softwareDigest("SHA256", kMessage);
   signature.data = Bytes{digest};
   signature.value = Bytes{key.rawPrivate(afterZeros(digestInfoOf(digest), key.blockSize()))};
-  EXPECT_EQ(trouble(kSecKeyAlgorithmRSASignatureMessagePSSSHA256), kDoesNotVerify);
+  EXPECT_EQ(refusal(kSecKeyAlgorithmRSASignatureMessagePSSSHA256), kDoesNotVerify);
 }
 
 }  // namespace

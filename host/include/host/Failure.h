@@ -1,7 +1,6 @@
 #pragma once
 
 #include <string>
-#include <variant>
 
 namespace mirel {
 
@@ -34,9 +33,5 @@ struct Failure {
   std::string why;       ///< as the loader or the module says it
   std::string whatToDo;  ///< what the user can try
 };
-
-/// A value, or why there is none.
-template <typename Value>
-using Outcome = std::variant<Value, Failure>;
 
 }  // namespace mirel

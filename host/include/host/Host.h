@@ -9,8 +9,8 @@
 #include <variant>
 #include <vector>
 
-#include "host/Failure.h"
 #include "host/PinState.h"
+#include "host/Result.h"
 #include "platform/Certificate.h"
 #include "platform/PlatformServices.h"
 #include "platform/Text.h"
@@ -122,18 +122,18 @@ class Host {
 
   /// The readers that hold a token, in the module's order. May be empty. `readerName`: only that one
   /// (see `insert`); null: all.
-  [[nodiscard]] Outcome<std::vector<Reader>> readers(const Text& readerName = Text{});
+  [[nodiscard]] Result<std::vector<Reader>> readers(const Text& readerName = Text{});
 
   /// Inserts the card of a reader: driver, token, items. `readerName`: the reader's whole name, or a
   /// beginning that only one reader has; null: the first reader whose token is initialised.
-  [[nodiscard]] Outcome<InsertedCard> insert(const Text& readerName);
+  [[nodiscard]] Result<InsertedCard> insert(const Text& readerName);
 
   /// A new client of the token of an inserted card. None of a card that was taken because the one before
   /// could not be read just now: it would get a PIN that is not its own.
-  [[nodiscard]] Outcome<std::unique_ptr<KeyClient>> newClient(const InsertedCard& card);
+  [[nodiscard]] Result<std::unique_ptr<KeyClient>> newClient(const InsertedCard& card);
 
   /// What the flags of the card's token say about the PIN just now.
-  [[nodiscard]] PinState pinState(const Reader& reader);
+  [[nodiscard]] Result<PinState> pinState(const Reader& reader);
 
   /// Looks at the card of a reader once more, apart from the token, for objects that are not published,
   /// and says why. Empty when there are none, or the card cannot be read. Only after `readers` or
@@ -145,9 +145,14 @@ class Host {
   [[nodiscard]] Unpublished unpublishedObjects(const InsertedCard& card);
 
  private:
-  [[nodiscard]] Outcome<Reader> chooseReader(const Text& readerName, std::optional<Failure>& outUncertain);
+  struct ChosenReader {
+    Reader reader;
+    std::optional<Failure> uncertain;  // why another reader may be meant
+  };
+
+  [[nodiscard]] Result<ChosenReader> chooseReader(const Text& readerName);
   [[nodiscard]] Failure listingFailure(const Reader& reader, const std::optional<FailedCall>& cause);
-  [[nodiscard]] Outcome<Reader> readerNamed(const Text& readerName, const std::vector<Reader>& candidates);
+  [[nodiscard]] Result<Reader> readerNamed(const Text& readerName, const std::vector<Reader>& candidates);
 
   PlatformServices services_;
   std::string givenModule_;

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <span>
 
-#include "host/Failure.h"
+#include "host/Result.h"
 
 namespace mirel {
 
@@ -17,7 +17,7 @@ class InputSource {
   virtual ~InputSource() = default;
 
   /// Fills `room` (not empty) as far as data are at hand; 0 at their end.
-  [[nodiscard]] virtual Outcome<std::size_t> read(std::span<std::uint8_t> room) = 0;
+  [[nodiscard]] virtual Result<std::size_t> read(std::span<std::uint8_t> room) = 0;
 };
 
 }  // namespace mirel

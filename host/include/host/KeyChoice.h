@@ -3,8 +3,8 @@
 #include <string>
 #include <string_view>
 
-#include "host/Failure.h"
 #include "host/Host.h"
+#include "host/Result.h"
 
 namespace mirel {
 
@@ -21,6 +21,6 @@ struct ChosenKey {
 /// or a label (of its item, or of its certificate on the card) that no other key has. kKeyNotFound otherwise;
 /// the failure tells what keys there are. Where a read failed when the card was inserted, a key may be
 /// missing: then only an object identifier stands for a key, and anything else is kCardEnumerationFailed.
-[[nodiscard]] Outcome<ChosenKey> chooseKey(const InsertedCard& card, std::string_view name);
+[[nodiscard]] Result<ChosenKey> chooseKey(const InsertedCard& card, std::string_view name);
 
 }  // namespace mirel

@@ -5,8 +5,8 @@
 #include <string>
 #include <string_view>
 
-#include "host/Failure.h"
 #include "host/Host.h"
+#include "host/Result.h"
 #include "platform/SecKeyAlgorithm.h"
 #include "platform/Text.h"
 #include "platform/TokenKit.h"
@@ -18,13 +18,18 @@ class InputSource;
 class MirelSCTokenSession;
 class PinSource;
 
+/// What is known to have gone wrong in the card, although its layers handed something out.
+struct CardFault {
+  std::string reason;                ///< in words for the user
+  std::optional<Failure> failure{};  ///< the same, where it is a call that failed
+};
+
 /// A signature as a client of the key services gets it.
 struct Signature {
   Bytes value;                ///< empty when the card made none
   SecKeyAlgorithm performed;  ///< the form in which the token was asked
   Bytes data;                 ///< what was signed: the digest of a message, else the data as they were given
-  std::string cardTrouble;    ///< what went wrong in the card, as far as it is known; empty: nothing did
-  std::optional<Failure> cardFailure{};  ///< the same, where it is a call that failed
+  std::optional<CardFault> fault;  ///< nothing: none is known
 };
 
 /// The token's answer to a key exchange.
@@ -61,34 +66,34 @@ class KeyClient {
                                                             SecKeyAlgorithm algorithm);
 
   /// Signs; a message is read piece by piece. That there is a signature does not mean that it verifies.
-  [[nodiscard]] Outcome<Signature> sign(const PublishedKey& key, SecKeyAlgorithm algorithm,
-                                        InputSource& input, PinSource& pins);
-
-  /// Decrypts; the plain text may be empty. It is wiped when the last copy of the answer ends.
-  [[nodiscard]] Outcome<Bytes> decrypt(const PublishedKey& key, SecKeyAlgorithm algorithm, InputSource& input,
+  [[nodiscard]] Result<Signature> sign(const PublishedKey& key, SecKeyAlgorithm algorithm, InputSource& input,
                                        PinSource& pins);
 
-  /// Asks for a key exchange with the other party's public key (an uncompressed point).
-  [[nodiscard]] Outcome<KeyExchange> exchange(const PublishedKey& key, SecKeyAlgorithm algorithm,
-                                              InputSource& input, PinSource& pins);
+  /// Decrypts; the plain text may be empty. It is wiped when the last copy of the answer ends.
+  [[nodiscard]] Result<Bytes> decrypt(const PublishedKey& key, SecKeyAlgorithm algorithm, InputSource& input,
+                                      PinSource& pins);
 
-  /// Has the card check the PIN. Nothing when the card accepted it. It is a failure, although keys can be
-  /// used afterwards, when the module was logged in already: then it takes any PIN.
-  [[nodiscard]] std::optional<Failure> logIn(PinSource& pins);
+  /// Asks for a key exchange with the other party's public key (an uncompressed point).
+  [[nodiscard]] Result<KeyExchange> exchange(const PublishedKey& key, SecKeyAlgorithm algorithm,
+                                             InputSource& input, PinSource& pins);
+
+  /// Has the card check the PIN. It is a failure, although keys can be used afterwards, when the module was
+  /// logged in already: then it takes any PIN.
+  [[nodiscard]] Result<void> logIn(PinSource& pins);
 
  private:
   template <typename Request>
-  [[nodiscard]] Outcome<Bytes> perform(const PublishedKey& key, TKTokenOperation operation, PinSource& pins,
-                                       const Request& request);
-  [[nodiscard]] std::optional<Failure> authenticate(TKTokenOperation operation, const Text& constraint,
-                                                    PinSource& pins);
-  [[nodiscard]] std::optional<Failure> missingCard();
+  [[nodiscard]] Result<Bytes> perform(const PublishedKey& key, TKTokenOperation operation, PinSource& pins,
+                                      const Request& request);
+  [[nodiscard]] Result<void> authenticate(TKTokenOperation operation, const Text& constraint,
+                                          PinSource& pins);
+  [[nodiscard]] Result<void> lookForCard();
   void learnFrom(const Failure& failure);
   [[nodiscard]] Failure refusal(std::string what, std::string why, std::string whatToDo);
-  [[nodiscard]] std::string cardTrouble(std::string_view function) const;
+  [[nodiscard]] std::optional<std::string> faultIn(std::string_view function) const;
   [[nodiscard]] Failure loginFailure(const std::string& text);
-  [[nodiscard]] Outcome<SecKeyAlgorithm> formFor(const PublishedKey& key, SecKeyAlgorithm algorithm,
-                                                 TKTokenOperation operation);
+  [[nodiscard]] Result<SecKeyAlgorithm> formFor(const PublishedKey& key, SecKeyAlgorithm algorithm,
+                                                TKTokenOperation operation);
 
   InsertedCard card_;
   std::shared_ptr<MirelSCTokenSession> session_;

@@ -4,7 +4,7 @@
 #include <optional>
 #include <string>
 
-#include "host/Failure.h"
+#include "host/Result.h"
 #include "platform/PlatformServices.h"
 
 namespace mirel {
@@ -20,14 +20,13 @@ struct ModuleChoice {
 };
 
 /// Has the loader of `services` open the chosen file where the card layer looks for its module: in the user's
-/// home. Nothing is written to disk. The loader's error texts name the file as the user does. Nothing when
-/// that could be arranged; also when there is no such file, which the loader then tells, and which it does
-/// not open when it appears later.
+/// home. Nothing is written to disk. The loader's error texts name the file as the user does. Succeeds also
+/// when there is no such file: the loader then tells that, and does not open it when it appears later.
 ///
 /// Fails for what is no regular file, and for a library whose header says that it is for other systems. Fails
 /// for a file that is not trusted and that somebody else may change: the module gets the PIN, and runs with
 /// the rights of this user. What is looked at, and what is not (access control lists), stands in
 /// ModuleTrust.h. What is looked at is also what is opened: the file behind all links.
-[[nodiscard]] std::optional<Failure> chooseModule(PlatformServices& services, const ModuleChoice& choice);
+[[nodiscard]] Result<void> chooseModule(PlatformServices& services, const ModuleChoice& choice);
 
 }  // namespace mirel

@@ -3,7 +3,7 @@
 #include <memory>
 #include <string>
 
-#include "host/Failure.h"
+#include "host/Result.h"
 #include "platform/SecretText.h"
 
 namespace mirel {
@@ -17,7 +17,7 @@ class PinSource {
   virtual ~PinSource() = default;
 
   /// The PIN for the token of that label (UTF-8, for display); null when the user cancels.
-  [[nodiscard]] virtual Outcome<std::shared_ptr<const SecretText>> askForPin(
+  [[nodiscard]] virtual Result<std::shared_ptr<const SecretText>> askForPin(
       const std::string& tokenLabel) = 0;
 
   /// Tells the user why the PIN was not accepted (UTF-8).
