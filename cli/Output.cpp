@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "Wording.h"
 #include "platform/Log.h"
 
 namespace mirel::cli {
@@ -83,7 +84,7 @@ void writeMessage(std::string_view text) {
 std::string failureLine(const Failure& failure) {
   std::string line = "mireltoken: " + failure.what;
   if (!failure.why.empty()) line += ": " + failure.why;
-  if (!failure.whatToDo.empty()) line += "; " + failure.whatToDo;
+  if (const auto advice = wordsOf(failure.advice); !advice.empty()) line.append("; ").append(advice);
   return line;
 }
 

@@ -22,8 +22,8 @@ using Pin = Result<std::shared_ptr<const SecretText>>;
 
 constexpr std::size_t kLongestPin = 256;  // bytes; no card takes as many
 
-Failure pinFileFailure(const std::string& name, const std::string& why, const std::string& whatToDo) {
-  return {FailureKind::kFileFailure, "the PIN cannot be read from " + name, why, whatToDo};
+Failure pinFileFailure(const std::string& name, const std::string& why, const Advice& advice) {
+  return {FailureKind::kFileFailure, "the PIN cannot be read from " + name, why, advice};
 }
 
 std::string nameOfDescriptor(int descriptor) { return "file descriptor " + std::to_string(descriptor); }
@@ -114,11 +114,12 @@ class UnattendedPins : public CheckedPins {
   /// Whether a wrong PIN would leave the user a try.
   static Result<void> checkTries(const Result<PinState>& state) {
     constexpr const char* kNotSent = "the PIN was not sent to the card";
-    constexpr const char* kEnterIt = "enter the PIN at the terminal, or use --last-try";
+    constexpr Advice kEnterIt = "enter the PIN at the terminal, or use --last-try";
     if (!state) {
-      return Failure{FailureKind::kCardRefuses, kNotSent,
-                     "whether it could lock the card is not known, because " + state.failure().why,
-                     std::string{"check that the card is in the reader; "} + kEnterIt};
+      return Failure{
+          FailureKind::kCardRefuses, kNotSent,
+          "whether it could lock the card is not known, because " + state.failure().why,
+          "check that the card is in the reader; enter the PIN at the terminal, or use --last-try"};
     }
     switch (state->tries) {
       case PinState::Tries::kLast: return Failure{FailureKind::kPinHeldBack, kNotSent, state->text, kEnterIt};

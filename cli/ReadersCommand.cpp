@@ -2,12 +2,18 @@
 
 #include "Commands.h"
 #include "Output.h"
+#include "Wording.h"
 #include "host/Host.h"
 
 namespace mirel::cli {
 namespace {
 
 using Json = nlohmann::ordered_json;
+
+/// Why the reader's card could not be read, and what to do.
+std::string problemOf(const Failure& unreadable) {
+  return unreadable.why + "; " + std::string{wordsOf(unreadable.advice)};
+}
 
 Json jsonOf(const Reader& reader) {
   Json json;
@@ -20,7 +26,7 @@ Json jsonOf(const Reader& reader) {
   json["model"] = reader.model.toUtf8();
   json["tokenFlags"] = reader.tokenFlags;
   json["initialised"] = reader.tokenInitialised;
-  if (!reader.problem.empty()) json["problem"] = reader.problem;
+  if (reader.unreadable) json["problem"] = problemOf(*reader.unreadable);
   return json;
 }
 
@@ -33,8 +39,8 @@ std::string jsonText(const std::vector<Reader>& readers) {
 std::string tableText(const std::vector<Reader>& readers) {
   std::vector<std::vector<std::string>> rows{{"READER", "TOKEN LABEL", "SERIAL NUMBER", "FLAGS"}};
   for (const Reader& reader : readers) {
-    std::string flags =
-        reader.problem.empty() ? joinedWith(" ", reader.tokenFlags) : "unreadable: " + reader.problem;
+    std::string flags = reader.unreadable ? "unreadable: " + problemOf(*reader.unreadable)
+                                          : joinedWith(" ", reader.tokenFlags);
     if (reader.distinctName.isNull())
       flags.append(" (cannot be chosen: an earlier reader has the same name)");
     rows.push_back(

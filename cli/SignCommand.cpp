@@ -61,7 +61,11 @@ ExitCode runSign(Host& host, const Options& options) {
   const bool verify = !options.noVerify;
   if (verify || !mayBeSignature(signature, chosen.key)) {
     const auto verified = verifySignature(chosen.certificate, chosen.key, algorithm, signature);
-    if (!verified) return report(verified.failure());
+    if (!verified) {
+      Failure failure = verified.failure();
+      failure.why.append("; nothing was written");
+      return report(failure);
+    }
   }
   const bool asJson = options.json;
   if (!asJson || options.out) {

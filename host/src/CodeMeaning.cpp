@@ -27,19 +27,19 @@ constexpr std::string_view kNotThisAlgorithm = "the card does not work with this
 constexpr std::string_view kSomebodyElse = "another user, such as the security officer, is logged in";
 constexpr std::string_view kObjectLacks = "an object of the card lacks what is read of it";
 
-constexpr std::string_view kPutBack = "put the card into its reader and run again";
-constexpr std::string_view kCheckAll =
+constexpr Advice kPutBack = "put the card into its reader and run again";
+constexpr Advice kCheckAll =
     "check the card, its reader and the service of the card software, then run again";
-constexpr std::string_view kCheckData =
+constexpr Advice kCheckData =
     "check that the data were encrypted for this key, with PKCS #1 v1.5 padding: the card layer knows no "
     "other";
-constexpr std::string_view kOtherKeyOrAlgorithm = "try another algorithm or key";
-constexpr std::string_view kOtherKey = "choose another key, see them with: mireltoken items";
-constexpr std::string_view kCloseOthers = "close other programs that use the card, then run again";
-constexpr std::string_view kEnterPin = "enter the PIN of this card";
-constexpr std::string_view kMakersTool = "use the tool of the card's maker";
-constexpr std::string_view kAskMaker = "ask the maker of the module";
-constexpr std::string_view kIssuer = "have the card's issuer mend it, or use another key";
+constexpr Advice kOtherKeyOrAlgorithm = "try another algorithm or key";
+constexpr Advice kOtherKey = UserStep::kChooseAnotherKey;
+constexpr Advice kCloseOthers = "close other programs that use the card, then run again";
+constexpr Advice kEnterPin = "enter the PIN of this card";
+constexpr Advice kMakersTool = "use the tool of the card's maker";
+constexpr Advice kAskMaker = "ask the maker of the module";
+constexpr Advice kIssuer = "have the card's issuer mend it, or use another key";
 
 static_assert(kAnnouncedSlots == 10, "texts below name the number");
 
@@ -104,8 +104,7 @@ constexpr CodeMeaning kMeanings[] = {
     {CKR_USER_TOO_MANY_TYPES, kAny, kSomebodyElse, kCloseOthers, kOfTheCommand},
 };
 
-constexpr CodeMeaning kUnknown{0, kAny, "a code that has no known reason here",
-                               "run again with -v to see the log, and ask the maker of the module",
+constexpr CodeMeaning kUnknown{0, kAny, "a code that has no known reason here", UserStep::kSeeLogAndAskMaker,
                                kOfTheCommand};
 
 bool isOfTheModule(std::string_view function) noexcept { return function.starts_with("C_"); }
@@ -131,7 +130,7 @@ std::string reasonText(const FailedCall& cause) {
 
 Failure failureBecauseOf(const FailedCall& cause, std::string what, FailureKind kindElse) {
   const CodeMeaning& meaning = meaningOf(cause.name, cause.result);
-  return {meaning.kind.value_or(kindElse), std::move(what), reasonText(cause), std::string{meaning.remedy}};
+  return {meaning.kind.value_or(kindElse), std::move(what), reasonText(cause), meaning.remedy};
 }
 
 }  // namespace mirel

@@ -15,7 +15,7 @@ struct CodeMeaning {
   std::uint64_t code = 0;
   std::string_view function;  ///< of the module or the bridge, where that decides; else empty
   std::string_view reason;    ///< empty: the name of the code is all there is to say
-  std::string_view remedy;
+  Advice remedy;
   std::optional<FailureKind> kind;  ///< null: what the command was about decides
 };
 

@@ -28,11 +28,9 @@
 namespace mirel {
 namespace {
 
-constexpr const char* kSeeLog = "run again with -v to see the log";
 constexpr const char* kNotInitialised = "the card is not initialised: prepare it with its maker's tool first";
 constexpr const char* kTooManyCards = "leave a card in 10 readers at most, the system cannot list more";
 static_assert(kAnnouncedSlots == 10, "the text names the number");
-constexpr const char* kSeeReaders = "see the readers with: mireltoken readers";
 
 std::string quoted(const Text& name) {
   std::string text = displayed(name);
@@ -142,9 +140,9 @@ bool tooManyCards(P11Bridge& bridge) noexcept {
   return bridge.pkcs11_C_GetSlotList(CK_TRUE, nullptr, &numSlots) == CKR_OK && numSlots > kAnnouncedSlots;
 }
 
-Failure enumerationFailure(const Reader& reader, const std::string& why, const std::string& whatToDo) {
+Failure enumerationFailure(const Reader& reader, const std::string& why, const Advice& advice) {
   return {FailureKind::kCardEnumerationFailed,
-          "the card in reader " + quoted(reader.name) + " cannot be listed", why, whatToDo};
+          "the card in reader " + quoted(reader.name) + " cannot be listed", why, advice};
 }
 
 Failure enumerationFailure(const Reader& reader, const FailedCall& cause) {
@@ -188,7 +186,7 @@ Result<Host::ChosenReader> Host::chooseReader(const Text& readerName) {
     if (first != candidates.end() && passedOver != first) {
       uncertain = Failure{passedOver->unreadable->kind, "which card is meant cannot be told",
                           passedOver->unreadable->what + ": " + passedOver->unreadable->why,
-                          "run again, or name the reader with --reader"};
+                          UserStep::kRetryOrNameReader};
     }
     if (first != candidates.end()) return ChosenReader{*first, uncertain};
     if (candidates.empty()) {
@@ -200,8 +198,7 @@ Result<Host::ChosenReader> Host::chooseReader(const Text& readerName) {
     // Whether that card is initialised is not known.
     if (unreadable != candidates.end()) return *unreadable->unreadable;
     return Failure{FailureKind::kNoCard, "there is no card to insert",
-                   "no reader holds a card that is initialised",
-                   "initialise the card, insert another one, or name a reader with --reader"};
+                   "no reader holds a card that is initialised", UserStep::kInitialiseOrNameReader};
   }
   const auto named = readerNamed(readerName, candidates);
   if (!named) return named.failure();
@@ -233,7 +230,7 @@ Result<Reader> Host::readerNamed(const Text& readerName, const std::vector<Reade
   return Failure{
       FailureKind::kNoCard, "there is no reader " + quoted(readerName),
       candidates.empty() ? "no reader holds a card" : "the readers with a card are " + namesOf(candidates),
-      kSeeReaders};
+      UserStep::kSeeReaders};
 }
 
 Result<InsertedCard> Host::insert(const Text& readerName) {
@@ -255,10 +252,11 @@ Result<InsertedCard> Host::insert(const Text& readerName) {
   if (!token && !error) {
     const char* what = "the token driver made no token of the card";
     if (cause) return failureBecauseOf(*cause, what, FailureKind::kModuleRefuses);
-    return Failure{FailureKind::kModuleRefuses, what, "the module gives no function list any more", kSeeLog};
+    return Failure{FailureKind::kModuleRefuses, what, "the module gives no function list any more",
+                   UserStep::kSeeLog};
   }
   if (!token) {
-    if (!cause) return enumerationFailure(reader, "its token information has no text", kSeeLog);
+    if (!cause) return enumerationFailure(reader, "its token information has no text", UserStep::kSeeLog);
     if (tooManyCards(*bridge_)) return enumerationFailure(reader, answerText(*cause), kTooManyCards);
     return enumerationFailure(reader, *cause);
   }
@@ -289,7 +287,7 @@ Result<std::unique_ptr<KeyClient>> Host::newClient(const InsertedCard& card) {
       std::dynamic_pointer_cast<MirelSCTokenSession>(card.token->createSessionWithError(card.token, &error));
   if (!session) {
     return Failure{FailureKind::kInternal, "the token gives no session", "the host's own session refuses it",
-                   kSeeLog};
+                   UserStep::kSeeLog};
   }
   return std::make_unique<KeyClient>(card, std::move(session), diary_);
 }
@@ -334,7 +332,7 @@ Failure Host::listingFailure(const Reader& reader, const std::optional<FailedCal
                               kNotInitialised);
   }
   if (cause) return enumerationFailure(reader, *cause);
-  return enumerationFailure(reader, "the module gives no reason", kSeeLog);
+  return enumerationFailure(reader, "the module gives no reason", UserStep::kSeeLog);
 }
 
 std::vector<UnpublishedObject> Host::unpublishedObjects(const Reader& reader) {

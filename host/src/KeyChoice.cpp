@@ -13,8 +13,6 @@
 namespace mirel {
 namespace {
 
-constexpr const char* kSeeItems = "see the keys with: mireltoken items";
-
 std::string quotedForDisplay(const std::string& text) {
   std::string quoted{"\""};
   return quoted.append(text).append("\"");
@@ -58,7 +56,7 @@ std::string listOf(const std::vector<PublishedKey>& keys) {
 
 Failure notFound(const std::string& why, const std::vector<PublishedKey>& keys, std::string_view name) {
   const std::string what = "there is no key " + quotedForDisplay(shortened(displayed(Text::fromUtf8(name))));
-  if (keys.empty()) return {FailureKind::kKeyNotFound, what, "the card publishes no key", kSeeItems};
+  if (keys.empty()) return {FailureKind::kKeyNotFound, what, "the card publishes no key", UserStep::kSeeKeys};
   std::string reason = why;
   if (!reason.empty()) reason.append("; ");
   return {FailureKind::kKeyNotFound, what, reason.append("the keys are ").append(listOf(keys)),
@@ -69,8 +67,7 @@ Failure notFound(const std::string& why, const std::vector<PublishedKey>& keys, 
 Failure uncertain(const Failure& incomplete, std::string_view name) {
   return {incomplete.kind,
           "which key is " + quotedForDisplay(shortened(displayed(Text::fromUtf8(name)))) + " cannot be told",
-          incomplete.why + ", so a key may be missing",
-          "run again, or give the object ID of a key that `mireltoken items` shows"};
+          incomplete.why + ", so a key may be missing", UserStep::kRetryOrGiveObjectID};
 }
 
 Result<ChosenKey> withCertificate(const InsertedCard& card, const PublishedKey& key) {
@@ -80,7 +77,7 @@ Result<ChosenKey> withCertificate(const InsertedCard& card, const PublishedKey& 
   }
   return Failure{FailureKind::kKeyNotFound,
                  "the key " + quotedForDisplay(shortened(displayed(key.objectID))) + " has no certificate",
-                 "the system refused its certificate item", kSeeItems};
+                 "the system refused its certificate item", UserStep::kSeeKeys};
 }
 
 }  // namespace

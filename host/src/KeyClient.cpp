@@ -37,9 +37,7 @@ constexpr std::size_t kLargestInput = 65536;  // bytes
 constexpr std::size_t kPieceSize = 65536;     // bytes
 constexpr std::u16string_view kPinConstraint = u"PIN";
 
-constexpr const char* kSeeAlgorithms = "see what it accepts with: mireltoken algorithms";
 constexpr const char* kAskFittingAlgorithm = "name an algorithm for this type of key";
-constexpr const char* kSeeLog = "run again with -v to see the log";
 
 bool isError(const std::optional<TKError>& error, TKErrorCode code) noexcept {
   return error && error->code == static_cast<std::int64_t>(code);
@@ -220,16 +218,17 @@ Result<SecKeyAlgorithm> KeyClient::formFor(const PublishedKey& key, SecKeyAlgori
   if (operationOf(algorithm) != operation) {
     return Failure{FailureKind::kNotSupported, what,
                    std::string{"that algorithm is there to "} + verbOf(operationOf(algorithm)),
-                   kSeeAlgorithms};
+                   UserStep::kSeeAlgorithms};
   }
   const auto form = acceptedForm(key, algorithm);
   if (!form)
-    return Failure{FailureKind::kNotSupported, what, "the token accepts no form of it", kSeeAlgorithms};
+    return Failure{FailureKind::kNotSupported, what, "the token accepts no form of it",
+                   UserStep::kSeeAlgorithms};
   if (isComposite(stepsBetween(algorithm, *form))) {
     return Failure{FailureKind::kNotSupported, what,
                    "the token would be asked for " + named(*form) +
                        ", but the rest is the platform's work and is not done here",
-                   kSeeAlgorithms};
+                   UserStep::kSeeAlgorithms};
   }
   const bool isRsaKey = key.keyType == CertificateKeyType::kRSA;
   if (isRsaAlgorithm(algorithm) != isRsaKey) {
@@ -351,7 +350,8 @@ Result<Bytes> KeyClient::perform(const PublishedKey& key, TKTokenOperation opera
         error->localizedDescription.isNull() ? "" : displayedName(error->localizedDescription);
     return refusal(
         std::string{"the token does not "} + verbOf(operation),
-        "it answered with error " + std::to_string(error->code) + (text.empty() ? "" : ": " + text), kSeeLog);
+        "it answered with error " + std::to_string(error->code) + (text.empty() ? "" : ": " + text),
+        UserStep::kSeeLog);
   }
 }
 
@@ -365,7 +365,8 @@ Result<void> KeyClient::authenticate(TKTokenOperation operation, const Text& con
     if (!pinOperation) {
       return Failure{
           FailureKind::kNotSupported, "the key cannot be unlocked",
-          error ? displayedName(error->localizedDescription) : "the token begins no authentication", kSeeLog};
+          error ? displayedName(error->localizedDescription) : "the token begins no authentication",
+          UserStep::kSeeLog};
     }
     const auto entered = pins.askForPin(displayed(card_.reader.tokenLabel));
     if (!entered) return entered.failure();
@@ -413,9 +414,9 @@ void KeyClient::learnFrom(const Failure& failure) {
 }
 
 /// Because of the call that failed; where none did, with these words.
-Failure KeyClient::refusal(std::string what, std::string why, std::string whatToDo) {
+Failure KeyClient::refusal(std::string what, std::string why, Advice advice) {
   const auto cause = diary_->cause();
-  if (!cause) return {FailureKind::kCardRefuses, std::move(what), std::move(why), std::move(whatToDo)};
+  if (!cause) return {FailureKind::kCardRefuses, std::move(what), std::move(why), advice};
   Failure failure = failureBecauseOf(*cause, std::move(what), FailureKind::kCardRefuses);
   learnFrom(failure);
   return failure;
@@ -452,7 +453,7 @@ Failure KeyClient::loginFailure(const std::string& text) {
                  !ended || *ended == kLoginDidNotTake
                      ? "the login left no user logged in"
                      : "pkcs11_UserLogin ended with " + cryptokiResultText(*ended),
-                 kSeeLog);
+                 UserStep::kSeeLog);
 }
 
 Result<void> KeyClient::logIn(PinSource& pins) {

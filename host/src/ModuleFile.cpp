@@ -86,9 +86,9 @@ std::vector<std::uint8_t> startOf(const std::string& file) {
   return start;
 }
 
-Failure refusal(const std::string& name, const std::string& why, const std::string& whatToDo) {
+Failure refusal(const std::string& name, const std::string& why, const Advice& advice) {
   return {FailureKind::kModuleNotLoadable, "the PKCS #11 module " + printableLine(name) + " is not loaded",
-          why, whatToDo};
+          why, advice};
 }
 
 }  // namespace
@@ -113,14 +113,11 @@ Result<void> chooseModule(PlatformServices& services, const ModuleChoice& choice
   // Not opened for that: to open a pipe can wait for ever.
   if (stat(file.c_str(), &status) == 0 && !S_ISREG(status.st_mode))
     return refusal(name, kindOf(status.st_mode),
-                   choice.path
-                       ? "check the path given with --module"
-                       : "install the card software for this user, or name another module with --module");
+                   choice.path ? UserStep::kCheckModulePath : UserStep::kInstallOrNameModule);
   if (traced->exposure && !choice.trusted)
-    return refusal(name, *traced->exposure,
-                   "take that right away, or load it all the same with --trust-module");
+    return refusal(name, *traced->exposure, UserStep::kRestrictOrTrustModule);
   if (const auto fits = checkTarget(startOf(file), ownImageStart()); !fits)
-    return refusal(name, fits.failure().why, fits.failure().whatToDo);
+    return refusal(name, fits.failure().why, fits.failure().advice);
   services.loader = std::make_shared<LoaderWithModule>(services.loader, place, file, name);
   return {};
 }

@@ -27,26 +27,22 @@ Failure moduleFailure(const FailureDiary& diary, const std::shared_ptr<const std
                       const std::string& givenModule) {
   if (!path) {
     return {FailureKind::kModuleNotLoadable, "there is no home folder to look for the PKCS #11 module in",
-            "the user database has no entry for this user",
-            "name the home folder with --home or the module with --module"};
+            "the user database has no entry for this user", UserStep::kNameHomeOrModule};
   }
   const std::string what = "the PKCS #11 module " + moduleName(*path, givenModule) + " cannot be loaded";
   if (!diary.loaderText().empty()) {
     return {FailureKind::kModuleNotLoadable, what, printableLine(diary.loaderText()),
-            givenModule.empty()
-                ? "install the card software for this user, or name another module with --module"
-                : "check that the path given with --module is a PKCS #11 module for this system"};
+            givenModule.empty() ? UserStep::kInstallOrNameModule : UserStep::kCheckModuleKind};
   }
   const std::string reason = diary.reason();
   return {FailureKind::kModuleNotLoadable, what, reason.empty() ? "it gives no function list" : reason,
           kAskMaker};
 }
 
-void setProblem(Reader& reader, const FailedCall& cause) {
+void setUnreadable(Reader& reader, const FailedCall& cause) {
   reader.unreadable =
       failureBecauseOf(cause, "the card in the reader \"" + displayed(reader.name) + "\" cannot be read",
                        FailureKind::kCardEnumerationFailed);
-  reader.problem = reader.unreadable->why + "; " + reader.unreadable->whatToDo;
   reader.mayBeReadableLater =
       cause.result != CKR_TOKEN_NOT_RECOGNIZED && cause.result != CKR_TOKEN_NOT_PRESENT;
 }
@@ -55,19 +51,16 @@ Reader readReader(const P11Bridge& bridge, CK_SLOT_ID slotID, bool withTokenOnly
   Reader reader;
   reader.slotID = slotID;
   if (const CK_RV rv = bridge.inspectSlot(slotID, outSlot); rv != CKR_OK) {
-    setProblem(reader, {"C_GetSlotInfo", rv});
+    setUnreadable(reader, {"C_GetSlotInfo", rv});
     return reader;
   }
   reader.name = trimmed(outSlot.slotDescription);
   reader.slotFlags = slotFlagNames(outSlot.flags);
   // A slot that is listed for its token has one, whatever its flags say.
-  if (!withTokenOnly && (outSlot.flags & CKF_TOKEN_PRESENT) == 0) {
-    reader.problem = "no card";
-    return reader;
-  }
+  if (!withTokenOnly && (outSlot.flags & CKF_TOKEN_PRESENT) == 0) return reader;
   CK_TOKEN_INFO token{};
   if (const CK_RV rv = bridge.inspectToken(slotID, token); rv != CKR_OK) {
-    setProblem(reader, {"C_GetTokenInfo", rv});
+    setUnreadable(reader, {"C_GetTokenInfo", rv});
     return reader;
   }
   reader.tokenLabel = trimmed(token.label);

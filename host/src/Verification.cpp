@@ -77,9 +77,8 @@ Failure noSignature(const PublishedKey& key, const Signature& signature, const s
   constexpr const char* kWhat = "there is no good signature";
   const auto failed = signature.fault ? signature.fault->failure : std::nullopt;
   const bool gone = failed && failed->kind == FailureKind::kCardGone;
-  if (failed && (gone || !reasonNeverToSign(key)))
-    return {failed->kind, kWhat, failed->why, "nothing was written; " + failed->whatToDo};
-  return {FailureKind::kVerificationFailed, kWhat, why, "nothing was written; try another algorithm or key"};
+  if (failed && (gone || !reasonNeverToSign(key))) return {failed->kind, kWhat, failed->why, failed->advice};
+  return {FailureKind::kVerificationFailed, kWhat, why, "try another algorithm or key"};
 }
 
 }  // namespace

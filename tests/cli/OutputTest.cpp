@@ -5,6 +5,7 @@
 #include <array>
 
 #include "ExitCode.h"
+#include "Wording.h"
 
 namespace mirel::cli {
 namespace {
@@ -146,6 +147,17 @@ TEST(FailureLine, LeavesOutWhatIsNotKnown) {
   EXPECT_EQ(failureLine({FailureKind::kNoCard, "no card", "none is there", ""}),
             "mireltoken: no card: none is there");
   EXPECT_EQ(failureLine({FailureKind::kNoCard, "no card", "", ""}), "mireltoken: no card");
+}
+
+TEST(FailureLine, NamesTheOptionThatAStepTakes) {
+  EXPECT_EQ(failureLine({FailureKind::kNoCard, "no card", "none is there", UserStep::kRetryOrNameReader}),
+            "mireltoken: no card: none is there; run again, or name the reader with --reader");
+}
+
+TEST(Wording, IsThereForEveryStep) {
+  constexpr UserStep kLast = UserStep::kRestrictOrTrustModule;
+  for (int step = 0; step <= static_cast<int>(kLast); ++step)
+    EXPECT_NE(wordsOf(static_cast<UserStep>(step)), "") << step;
 }
 
 TEST(WriteMessage, WritesOneLineWhateverTheTextHolds) {

@@ -57,7 +57,7 @@ TEST_F(ChooseReader, GivesNoClientOfACardThatIsTakenForOneThatCannotBeReadJustNo
   EXPECT_EQ(failure.kind, FailureKind::kCardEnumerationFailed);
   EXPECT_THAT(failure.why,
               AllOf(HasSubstr("\"Reader A\""), HasSubstr("C_GetTokenInfo answered CKR_DEVICE_ERROR")));
-  EXPECT_THAT(failure.whatToDo, HasSubstr("--reader"));
+  EXPECT_EQ(failure.advice, UserStep::kRetryOrNameReader);
   leavesOpen(script.openSessions());
 }
 

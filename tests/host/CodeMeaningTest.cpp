@@ -65,22 +65,23 @@ TEST(CodeMeaning, KnowsTheOtherCodesOfCards) {
 TEST(CodeMeaning, KnowsWhatToDoAboutAPin) {
   EXPECT_EQ(meaningOf("C_Login", CKR_PIN_INCORRECT).kind, FailureKind::kPinWrong);
   EXPECT_EQ(meaningOf("C_Login", CKR_PIN_LOCKED).kind, FailureKind::kPinLocked);
-  EXPECT_THAT(std::string{meaningOf("C_Login", CKR_PIN_LOCKED).remedy}, HasSubstr("issuer"));
+  EXPECT_THAT(std::string{meaningOf("C_Login", CKR_PIN_LOCKED).remedy.words()}, HasSubstr("issuer"));
 }
 
 TEST(CodeMeaning, IsTheSameInEveryFunctionForACardThatIsGone) {
   for (const Row& row : kGoneRows) {
     std::set<std::string> remedies;
     for (const char* function : {"C_GetTokenInfo", "C_GetAttributeValue", "C_Login", "C_Sign", "C_Decrypt"})
-      remedies.emplace(meaningOf(function, row.code).remedy);
+      remedies.emplace(meaningOf(function, row.code).remedy.words());
     EXPECT_EQ(remedies.size(), 1U) << row.code;
   }
 }
 
 TEST(CodeMeaning, AdvisesToLookAtTheDataOnlyWhereTheyCanBeTheCause) {
   for (const CK_RV code : {CKR_GENERAL_ERROR, CKR_FUNCTION_FAILED}) {
-    EXPECT_THAT(std::string{meaningOf("C_Decrypt", code).remedy}, HasSubstr("encrypted for this key"));
-    EXPECT_THAT(std::string{meaningOf("C_Sign", code).remedy}, Not(HasSubstr("encrypted")));
+    EXPECT_THAT(std::string{meaningOf("C_Decrypt", code).remedy.words()},
+                HasSubstr("encrypted for this key"));
+    EXPECT_THAT(std::string{meaningOf("C_Sign", code).remedy.words()}, Not(HasSubstr("encrypted")));
   }
 }
 

@@ -133,7 +133,7 @@ TEST_F(Decrypt, PassesOnWhatIsWrongWithTheInput) {
   const Failure failure =
       failureOf(client->decrypt(published(u"02"), kSecKeyAlgorithmRSAEncryptionPKCS1, input, pins));
   EXPECT_EQ(failure.kind, FailureKind::kFileFailure);
-  EXPECT_EQ(failure.whatToDo, "look for it");
+  EXPECT_EQ(failure.advice, "look for it");
   EXPECT_EQ(pins.timesAsked(), 0U);
 }
 

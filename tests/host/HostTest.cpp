@@ -43,7 +43,7 @@ InsertedCard HostTest::inserted(const Text& readerName) {
 void expectPresentable(const Failure& failure) {
   expectOneLine(failure.what);
   expectOneLine(failure.why);
-  expectOneLine(failure.whatToDo);
+  if (!failure.advice.step()) expectOneLine(std::string{failure.advice.words()});
 }
 
 std::vector<Text> namesOf(const std::vector<Reader>& readers) {

@@ -260,7 +260,7 @@ TEST_F(Insert, TellsOfMoreReadersThanTheSystemTakes) {
 
 TEST_F(Insert, SaysHowManyReadersTheSystemTakes) {
   for (int i = 0; i < 10; ++i) script.addSlot("Reader " + std::to_string(i), emptyCard("C", "1"));
-  EXPECT_THAT(failureOf(host.insert(Text{})).whatToDo, HasSubstr("10 readers"));
+  EXPECT_THAT(std::string{failureOf(host.insert(Text{})).advice.words()}, HasSubstr("10 readers"));
 }
 
 TEST_F(Insert, TakesACardInEachOfTenReaders) {
@@ -292,7 +292,7 @@ TEST_F(Insert, AdvisesToPrepareNoCardThatIsOnlyPulled) {
     const Failure failure = failureOf(host.insert(Text{u"Reader A 00"}));
     EXPECT_EQ(failure.kind,
               code == CKR_DEVICE_REMOVED ? FailureKind::kCardGone : FailureKind::kCardEnumerationFailed);
-    EXPECT_THAT(failure.whatToDo, Not(HasSubstr("prepare")));
+    EXPECT_THAT(std::string{failure.advice.words()}, Not(HasSubstr("prepare")));
   }
   leavesOpen(script.openSessions());
 }
@@ -316,7 +316,7 @@ TEST_F(Insert, DoesNotCallACardBareThatCannotBeRead) {
     EXPECT_EQ(failure.kind, kind);
     EXPECT_THAT(failure.what, HasSubstr("\"Reader A 00\""));
     EXPECT_THAT(failure.why, StartsWith("C_GetTokenInfo answered CKR_"));
-    EXPECT_EQ(failure.whatToDo.find("initialise"), std::string::npos);
+    EXPECT_EQ(failure.advice.words().find("initialise"), std::string::npos);
   }
 }
 

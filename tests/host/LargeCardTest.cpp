@@ -87,7 +87,7 @@ TEST_F(LargeCard, HasMessagesThatStayALine) {
   for (const std::string& name : {std::string{"none"}, std::string{"Certificate"}, std::string(5000, 'x')}) {
     const Failure failure = failureOf(chooseKey(card, name));
     EXPECT_EQ(failure.kind, FailureKind::kKeyNotFound);
-    EXPECT_LT(failure.what.size() + failure.why.size() + failure.whatToDo.size(), kMostInALine);
+    EXPECT_LT(failure.what.size() + failure.why.size() + failure.advice.words().size(), kMostInALine);
   }
   EXPECT_THAT(failureOf(chooseKey(card, "none")).why, ::testing::ContainsRegex("and 15[0-9] more"));
 }

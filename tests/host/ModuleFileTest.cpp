@@ -176,7 +176,7 @@ TEST_F(ModuleFile, ThatSomebodyElseMayChangeIsRefusedUnlessItIsTrusted) {
   EXPECT_EQ(failure.kind, FailureKind::kModuleNotLoadable);
   EXPECT_EQ(failure.what, "the PKCS #11 module " + path + " is not loaded");
   EXPECT_THAT(failure.why, HasSubstr("somebody else may change the file " + path));
-  EXPECT_THAT(failure.whatToDo, HasSubstr("--trust-module"));
+  EXPECT_EQ(failure.advice, UserStep::kRestrictOrTrustModule);
   EXPECT_THAT(openedFor(path), ElementsAre("open " + path));
 }
 
@@ -210,7 +210,7 @@ TEST_F(ModuleFile, ThatIsNoRegularFileIsRefused) {
     EXPECT_EQ(failure.kind, FailureKind::kModuleNotLoadable);
     EXPECT_EQ(failure.what, "the PKCS #11 module " + path + " is not loaded");
     EXPECT_EQ(failure.why, why);
-    EXPECT_THAT(failure.whatToDo, HasSubstr("--module"));
+    EXPECT_EQ(failure.advice, UserStep::kCheckModulePath);
   }
 }
 
@@ -220,6 +220,7 @@ TEST_F(ModuleFile, InTheHomeIsRefusedWhenItIsNoRegularFile) {
   const Failure failure = refusalOf(std::nullopt);
   EXPECT_THAT(failure.what, HasSubstr(otherHome.modulePath()));
   EXPECT_EQ(failure.why, "it is a device");
+  EXPECT_EQ(failure.advice, UserStep::kInstallOrNameModule);
 }
 
 }  // namespace

@@ -234,7 +234,7 @@ TEST_F(PinEntry, PassesOnWhatIsWrongWithTheSource) {
   EXPECT_EQ(failure.kind, FailureKind::kFileFailure);
   EXPECT_EQ(failure.what, "the PIN cannot be read");
   EXPECT_EQ(failure.why, "others can");
-  EXPECT_EQ(failure.whatToDo, "protect it");
+  EXPECT_EQ(failure.advice, "protect it");
   EXPECT_EQ(given.timesAsked(), 1U);
   EXPECT_THAT(secretCalls(), IsEmpty());
 }

@@ -22,7 +22,7 @@ TEST_F(Readers, TellTheirCard) {
   EXPECT_EQ(found[0].manufacturer, Text{u"Scripted cards"});
   EXPECT_EQ(found[0].model, Text{u"Script 1"});
   EXPECT_TRUE(found[0].tokenInitialised);
-  EXPECT_THAT(found[0].problem, IsEmpty());
+  EXPECT_FALSE(found[0].unreadable);
 }
 
 TEST_F(Readers, SpellTheFlagsOut) {
@@ -64,7 +64,7 @@ TEST_F(Readers, TellACardThatIsNotInitialised) {
   const auto found = readers();
   ASSERT_EQ(found.size(), 1U);
   EXPECT_FALSE(found[0].tokenInitialised);
-  EXPECT_THAT(found[0].problem, IsEmpty());
+  EXPECT_FALSE(found[0].unreadable);
 }
 
 // ---- Which readers there are ----
@@ -120,10 +120,11 @@ TEST_F(Readers, AreListedWithAProblemWhenTheirInformationCannotBeRead) {
   script.failCallOf("C_GetSlotInfo", 0, CKR_DEVICE_ERROR);
   const auto found = readers();
   ASSERT_EQ(found.size(), 2U);
-  EXPECT_THAT(found[0].problem, StartsWith("C_GetSlotInfo answered CKR_DEVICE_ERROR (0x30)"));
+  ASSERT_TRUE(found[0].unreadable);
+  EXPECT_THAT(found[0].unreadable->why, StartsWith("C_GetSlotInfo answered CKR_DEVICE_ERROR (0x30)"));
   EXPECT_FALSE(found[0].tokenInitialised);
   EXPECT_EQ(found[1].name, Text{u"Reader B"});
-  EXPECT_THAT(found[1].problem, IsEmpty());
+  EXPECT_FALSE(found[1].unreadable);
 }
 
 TEST_F(Readers, AreListedWithAProblemWhenTheirCardCannotBeRead) {
@@ -131,7 +132,9 @@ TEST_F(Readers, AreListedWithAProblemWhenTheirCardCannotBeRead) {
   const auto found = readers();
   ASSERT_EQ(found.size(), 1U);
   EXPECT_EQ(found[0].name, Text{u"Reader A 00"});
-  EXPECT_THAT(found[0].problem, StartsWith("C_GetTokenInfo answered CKR_TOKEN_NOT_RECOGNIZED (0xE1)"));
+  ASSERT_TRUE(found[0].unreadable);
+  EXPECT_THAT(found[0].unreadable->why,
+              StartsWith("C_GetTokenInfo answered CKR_TOKEN_NOT_RECOGNIZED (0xE1)"));
   EXPECT_FALSE(found[0].tokenInitialised);
 }
 

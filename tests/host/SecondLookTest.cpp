@@ -102,7 +102,7 @@ TEST_F(SecondLook, DoesNotBlameTheCardWhenTheListingFailsForAnotherReason) {
   script.failCallOf("C_GetAttributeValue", 0, CKR_DEVICE_ERROR, Times::kFromThenOn);
   const Failure failure = failureOf(host.insert(Text{}));
   EXPECT_THAT(failure.why, StartsWith("C_GetAttributeValue answered CKR_DEVICE_ERROR (0x30)"));
-  EXPECT_THAT(failure.whatToDo, ::testing::Not(HasSubstr("issuer")));
+  EXPECT_THAT(std::string{failure.advice.words()}, ::testing::Not(HasSubstr("issuer")));
 }
 
 }  // namespace

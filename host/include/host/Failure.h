@@ -2,6 +2,8 @@
 
 #include <string>
 
+#include "host/Advice.h"
+
 namespace mirel {
 
 /// What kept the host from doing what it was asked.
@@ -26,12 +28,12 @@ enum class FailureKind {
   kCardGone,     ///< the card, its reader or the service behind it went away
 };
 
-/// A failure as the user is told it, UTF-8, each member without a full stop or line end.
+/// A failure as the user is told it, UTF-8, each text without a full stop or line end.
 struct Failure {
   FailureKind kind = FailureKind::kInternal;
-  std::string what;      ///< what did not work
-  std::string why;       ///< as the loader or the module says it
-  std::string whatToDo;  ///< what the user can try
+  std::string what;  ///< what did not work
+  std::string why;   ///< as the loader or the module says it
+  Advice advice;     ///< what the user can try
 };
 
 }  // namespace mirel

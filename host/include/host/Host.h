@@ -36,8 +36,7 @@ struct Reader {
   Text model;
   std::vector<std::string> tokenFlags;
   bool tokenInitialised = false;
-  std::string problem;                ///< why the token could not be read, and what to do; empty: it could
-  std::optional<Failure> unreadable;  ///< the same as a failure; null also where there is no card
+  std::optional<Failure> unreadable;  ///< why the token could not be read; nothing also where there is none
   bool mayBeReadableLater = false;    ///< and it is no lasting answer, such as that the card is not known
 
   /// The name that leads the card framework to this very slot, where a shorter one would also fit

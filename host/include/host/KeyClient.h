@@ -89,7 +89,7 @@ class KeyClient {
                                           PinSource& pins);
   [[nodiscard]] Result<void> lookForCard();
   void learnFrom(const Failure& failure);
-  [[nodiscard]] Failure refusal(std::string what, std::string why, std::string whatToDo);
+  [[nodiscard]] Failure refusal(std::string what, std::string why, Advice advice);
   [[nodiscard]] std::optional<std::string> faultIn(std::string_view function) const;
   [[nodiscard]] Failure loginFailure(const std::string& text);
   [[nodiscard]] Result<SecKeyAlgorithm> formFor(const PublishedKey& key, SecKeyAlgorithm algorithm,
