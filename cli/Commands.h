@@ -1,32 +1,28 @@
 #pragma once
 
-#include "ExitCode.h"
-#include "Options.h"
+#include <span>
 
-namespace mirel {
-class Host;
-}
+#include "Command.h"
 
 namespace mirel::cli {
 
-/// "readers": the slots that hold a token.
-[[nodiscard]] ExitCode runReaders(Host& host, const Options& options);
+/// The commands, in the order of the help: X(name) for each. A file in commands/ defines it as
+/// "<name>Command".
+#define MIREL_COMMANDS(X) \
+  X(readers)              \
+  X(items)                \
+  X(certificate)          \
+  X(algorithms)           \
+  X(login)                \
+  X(sign)                 \
+  X(decrypt)              \
+  X(exchange)
 
-/// "items": what the keychain would hold of an inserted card.
-[[nodiscard]] ExitCode runItems(Host& host, const Options& options);
+#define MIREL_DECLARATION(name) extern const Command name##Command;
+MIREL_COMMANDS(MIREL_DECLARATION)
+#undef MIREL_DECLARATION
 
-/// "certificate": the certificate of a key.
-[[nodiscard]] ExitCode runCertificate(Host& host, const Options& options);
-
-/// "algorithms": what the keys accept.
-[[nodiscard]] ExitCode runAlgorithms(Host& host, const Options& options);
-
-/// "login": whether the PIN is right.
-[[nodiscard]] ExitCode runLogin(Host& host, const Options& options);
-
-/// "sign", "decrypt", "exchange": a key of the card at work.
-[[nodiscard]] ExitCode runSign(Host& host, const Options& options);
-[[nodiscard]] ExitCode runDecrypt(Host& host, const Options& options);
-[[nodiscard]] ExitCode runExchange(Host& host, const Options& options);
+/// Every command, in that order.
+[[nodiscard]] std::span<const Command* const> allCommands() noexcept;
 
 }  // namespace mirel::cli

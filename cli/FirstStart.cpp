@@ -87,7 +87,8 @@ ExitCode tellWhatToDo(Desktop& desktop, UserDirectory& user) {
   if (desktop.appWasOpened() && desktop.showMessage(title, message)) return notice.code;
   std::string lines = displayed(title) + "\n" + displayed(text) + "\n";
   if (!hint.isNull()) lines += displayed(hint) + "\n";
-  return writeOutput(lines) ? notice.code : ExitCode::kFileFailure;
+  const auto written = writeOutput(lines);
+  return written ? notice.code : report(written.failure());
 }
 
 }  // namespace

@@ -2,6 +2,8 @@
 
 #include <CLI/CLI.hpp>
 
+#include "Commands.h"
+
 namespace mirel::cli {
 namespace {
 
@@ -43,45 +45,45 @@ constexpr const char* kFooter =
     "  17  a try is left for the user: the PIN was not sent\n"
     "  18  this PIN, or this card's, cannot be entered here";
 
-class Declaration {
- public:
-  Declaration(CLI::App& app, Options& options) : app_{app}, options_{options} {}
+void declarePinOptions(CLI::App& app, Options& options) {
+  auto* file = app.add_option("--pin-file", options.pinFile,
+                              "Read the PIN from this file, which nobody else may read");
+  auto* descriptor = app.add_option("--pin-fd", options.pinFd, "Read the PIN from this open file descriptor");
+  file->type_name("FILE")->excludes(descriptor);
+  descriptor->type_name("N");
+  app.add_flag("--last-try", options.lastTry,
+               "Send a PIN from a file or descriptor also when that may lock the card");
+}
 
-  CLI::App& command(const char* name, const char* description) {
-    CLI::App* command = app_.add_subcommand(name, description);
-    command->fallthrough();
-    command->footer("");  // not the whole program's
-    command->callback([&options = options_, name] { options.command = name; });
-    return *command;
+void declareOption(CLI::App& app, Options& options, const CommandOption& option) {
+  switch (option.kind) {
+    case CommandOption::Kind::kKey:
+    case CommandOption::Kind::kOptionalKey:
+      app.add_option("--key", options.key, option.help)->type_name("ID");
+      break;
+    case CommandOption::Kind::kAlgorithm:
+      app.add_option("--algorithm", options.algorithm, option.help)->type_name("NAME");
+      break;
+    case CommandOption::Kind::kInput:
+      app.add_option("--in", options.in, option.help)->type_name("FILE");
+      break;
+    case CommandOption::Kind::kOutput:
+      app.add_option("--out", options.out, option.help)->type_name("FILE");
+      break;
+    case CommandOption::Kind::kPin: declarePinOptions(app, options); break;
+    case CommandOption::Kind::kFlag:
+      app.add_flag(option.flag, options.flags[option.flag], option.help);
+      break;
   }
+}
 
-  void keyOption(CLI::App& command, const char* help) {
-    command.add_option("--key", options_.key, help)->type_name("ID");
-  }
-  void algorithmOption(CLI::App& command, const char* help) {
-    command.add_option("--algorithm", options_.algorithm, help)->type_name("NAME");
-  }
-  void inOption(CLI::App& command, const char* help) {
-    command.add_option("--in", options_.in, help)->type_name("FILE");
-  }
-  void outOption(CLI::App& command, const char* help) {
-    command.add_option("--out", options_.out, help)->type_name("FILE");
-  }
-  void pinOptions(CLI::App& command) {
-    auto* file = command.add_option("--pin-file", options_.pinFile,
-                                    "Read the PIN from this file, which nobody else may read");
-    auto* descriptor =
-        command.add_option("--pin-fd", options_.pinFd, "Read the PIN from this open file descriptor");
-    file->type_name("FILE")->excludes(descriptor);
-    descriptor->type_name("N");
-    command.add_flag("--last-try", options_.lastTry,
-                     "Send a PIN from a file or descriptor also when that may lock the card");
-  }
-
- private:
-  CLI::App& app_;
-  Options& options_;
-};
+void declareCommand(CLI::App& app, Options& options, const Command& command) {
+  CLI::App* declared = app.add_subcommand(command.name, command.help);
+  declared->fallthrough();
+  declared->footer("");  // not the whole program's
+  declared->callback([&options, &command] { options.command = &command; });
+  for (const CommandOption& option : command.options) declareOption(*declared, options, option);
+}
 
 }  // namespace
 
@@ -107,43 +109,7 @@ void declareOptions(CLI::App& app, Options& options) {
   app.add_flag("--json", options.json, "Print JSON for programs");
   app.add_flag("-v,--verbose", options.verbose, "Print the log lines on standard error");
 
-  Declaration declare{app, options};
-  declare.command("readers", "List the readers that hold a card");
-  declare.command("items", "Insert a card and list the keychain items it would publish");
-
-  CLI::App& certificate = declare.command("certificate", "Write the certificate of a key, in PEM");
-  declare.keyOption(certificate, "The key");
-  declare.outOption(certificate, "Where to write it (default: standard output)");
-
-  CLI::App& algorithms = declare.command("algorithms", "Show which algorithms the keys accept");
-  declare.keyOption(algorithms, "This key only");
-
-  CLI::App& login = declare.command("login", "Check the PIN");
-  declare.pinOptions(login);
-
-  CLI::App& sign = declare.command("sign", "Sign with a key of the card, and verify the signature");
-  declare.keyOption(sign, "The key");
-  declare.algorithmOption(sign,
-                          "The platform's algorithm (default: kSecKeyAlgorithmRSASignatureMessagePSSSHA256)");
-  declare.inOption(sign, "What to sign (default: standard input)");
-  declare.outOption(sign, "Where to write the signature (default: standard output)");
-  sign.add_flag("--no-verify", options.noVerify, "Do not verify the signature");
-  declare.pinOptions(sign);
-
-  CLI::App& decrypt = declare.command("decrypt", "Decrypt with a key of the card");
-  declare.keyOption(decrypt, "The key");
-  declare.algorithmOption(decrypt, "The platform's algorithm (default: kSecKeyAlgorithmRSAEncryptionPKCS1)");
-  declare.inOption(decrypt, "What to decrypt (default: standard input)");
-  declare.outOption(decrypt, "Where to write the plain text (default: standard output)");
-  declare.pinOptions(decrypt);
-
-  CLI::App& exchange = declare.command("exchange", "Ask for a key exchange, and show what the token answers");
-  declare.keyOption(exchange, "The key");
-  declare.algorithmOption(exchange,
-                          "The platform's algorithm (default: kSecKeyAlgorithmECDHKeyExchangeStandard)");
-  declare.inOption(exchange, "The other party's public key, an uncompressed point (default: standard input)");
-  declare.outOption(exchange, "Where to write the shared secret (default: standard output)");
-  declare.pinOptions(exchange);
+  for (const Command* command : allCommands()) declareCommand(app, options, *command);
 }
 
 }  // namespace mirel::cli

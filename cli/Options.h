@@ -1,13 +1,18 @@
 #pragma once
 
+#include <functional>
+#include <map>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace CLI {
 class App;
 }
 
 namespace mirel::cli {
+
+struct Command;
 
 /// What was asked for on the command line.
 struct Options {
@@ -17,17 +22,24 @@ struct Options {
   std::optional<std::string> reader;
   bool json = false;
   bool verbose = false;
-  std::string command;
+  const Command* command = nullptr;  ///< the one that was chosen
 
   // Of the commands that use a key.
   std::optional<std::string> key;
   std::optional<std::string> algorithm;  ///< nothing: the command's own default
   std::optional<std::string> in;         ///< nothing or "-": standard input
   std::optional<std::string> out;        ///< nothing or "-": standard output
-  bool noVerify = false;
   std::optional<std::string> pinFile;
   std::optional<int> pinFd;
   bool lastTry = false;  ///< a PIN from there may take the last try
+
+  std::map<std::string, bool, std::less<>> flags;  ///< the command's own
+
+  /// Whether that flag of the command was given.
+  [[nodiscard]] bool has(std::string_view flag) const {
+    const auto found = flags.find(flag);
+    return found != flags.end() && found->second;
+  }
 };
 
 /// Declares everything that the command line takes, with its help.

@@ -33,6 +33,8 @@ std::string hexOf(const Text& text) {
   return hex;
 }
 
+std::string hexOf(const Bytes& bytes) { return hexOf(Text::fromBytes(bytes.view())); }
+
 std::string joinedWith(std::string_view separator, const std::vector<std::string>& parts) {
   std::string all;
   for (std::size_t i = 0; i < parts.size(); ++i) {
@@ -67,13 +69,10 @@ std::string table(const std::vector<std::vector<std::string>>& rows, bool colour
   return lines;
 }
 
-bool writeOutput(std::string_view text) {
-  if (std::fwrite(text.data(), 1, text.size(), stdout) == text.size() && std::fflush(stdout) == 0)
-    return true;
-  std::string message{"mireltoken: the output cannot be written: "};
-  message.append(std::strerror(errno)).append("; check where it goes and the space left there");
-  writeMessage(message);
-  return false;
+Result<void> writeOutput(std::string_view text) {
+  if (std::fwrite(text.data(), 1, text.size(), stdout) == text.size() && std::fflush(stdout) == 0) return {};
+  return Failure{FailureKind::kFileFailure, "the output cannot be written", std::strerror(errno),
+                 "check where it goes and the space left there"};
 }
 
 void writeMessage(std::string_view text) {

@@ -6,7 +6,7 @@
 
 #include "ExitCode.h"
 #include "host/Display.h"
-#include "host/Failure.h"
+#include "host/Result.h"
 #include "platform/Text.h"
 
 namespace mirel::cli {
@@ -16,6 +16,9 @@ using mirel::displayedName;
 
 /// The text's characters as hexadecimal bytes, for texts of the card (U+0000 to U+00FF each).
 [[nodiscard]] std::string hexOf(const Text& text);
+
+/// The bytes as hexadecimal digits.
+[[nodiscard]] std::string hexOf(const Bytes& bytes);
 
 [[nodiscard]] std::string joinedWith(std::string_view separator, const std::vector<std::string>& parts);
 
@@ -32,8 +35,8 @@ template <typename Json>
   return json.dump(2, ' ', true) + "\n";
 }
 
-/// Writes to standard output. False, and a message, when it could not be written.
-[[nodiscard]] bool writeOutput(std::string_view text);
+/// Writes to standard output.
+[[nodiscard]] Result<void> writeOutput(std::string_view text);
 
 /// Writes a message as one line to standard error.
 void writeMessage(std::string_view text);

@@ -2,25 +2,24 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
-#include <algorithm>
 #include <cerrno>
 #include <clocale>
 #include <csignal>
 #include <filesystem>
-#include <initializer_list>
-#include <string_view>
+#include <string>
+#include <utility>
 
+#include "Command.h"
 #include "CommandLineLog.h"
-#include "Commands.h"
 #include "ExitCode.h"
 #include "ExitGuard.h"
 #include "FirstStart.h"
 #include "Options.h"
 #include "Output.h"
 #include "PinEntry.h"
+#include "Session.h"
 #include "Usage.h"
 #include "host/Home.h"
-#include "host/Host.h"
 #include "host/ModuleFile.h"
 #include "platform/Desktop.h"
 #include "platform/MemoryDumps.h"
@@ -42,34 +41,9 @@ Failure wrongUsage(const std::string& why) {
   return {FailureKind::kBadInput, "wrong usage", why, "see mireltoken --help"};
 }
 
-ExitCode runCommand(PlatformServices services, const Options& options) {
-  struct Command {
-    std::string_view name;
-    ExitCode (*run)(Host&, const Options&);
-  };
-  constexpr Command kCommands[] = {
-      {"readers", runReaders},       {"items", runItems},       {"certificate", runCertificate},
-      {"algorithms", runAlgorithms}, {"login", runLogin},       {"sign", runSign},
-      {"decrypt", runDecrypt},       {"exchange", runExchange},
-  };
-  Host host{std::move(services), options.modulePath.value_or(std::string{})};
-  for (const Command& command : kCommands) {
-    if (command.name == options.command) return command.run(host, options);
-  }
-  return ExitCode::kUsage;  // not reached: the parser takes no other
-}
-
-bool isOneOf(const std::string& command, std::initializer_list<std::string_view> commands) {
-  return std::find(commands.begin(), commands.end(), command) != commands.end();
-}
-
-bool takesPin(const std::string& command) {
-  return isOneOf(command, {"login", "sign", "decrypt", "exchange"});
-}
-
 ExitCode run(const Options& options) {
   const ExitGuard guard;
-  if (takesPin(options.command)) forbidMemoryDumps();
+  if (options.command->takes(CommandOption::Kind::kPin)) forbidMemoryDumps();
   PlatformServices services = systemServices();
   services.observer = ExitGuard::observer();
   services.log = commandLineLog(services.log, options.verbose);
@@ -80,11 +54,14 @@ ExitCode run(const Options& options) {
   }
   if (const auto chosen = chooseModule(services, {options.modulePath, options.trustModule}); !chosen)
     return report(chosen.failure());
-  return runCommand(std::move(services), options);
+  Session session{std::move(services), options};
+  const auto done = options.command->run(session);
+  return done ? ExitCode::kSuccess : report(done.failure());
 }
 
 ExitCode print(const std::string& text) {
-  return writeOutput(text) ? ExitCode::kSuccess : ExitCode::kFileFailure;
+  const auto written = writeOutput(text);
+  return written ? ExitCode::kSuccess : report(written.failure());
 }
 
 /// Whether options that the parser lets pass make sense.
@@ -98,10 +75,9 @@ Result<void> checkUsage(const Options& options) {
   for (const auto& [name, value] : texts) {
     if (value && value->empty()) return wrongUsage(std::string{name} + " is empty");
   }
-  if (!options.key && isOneOf(options.command, {"certificate", "sign", "decrypt", "exchange"})) {
+  if (!options.key && options.command->takes(CommandOption::Kind::kKey))
     return wrongUsage("--key is missing");
-  }
-  const bool readsInput = isOneOf(options.command, {"sign", "decrypt", "exchange"});
+  const bool readsInput = options.command->takes(CommandOption::Kind::kInput);
   if (options.pinFd == STDIN_FILENO && readsInput && options.in.value_or("-") == "-") {
     return wrongUsage("--pin-fd 0 and the data cannot both be standard input");
   }

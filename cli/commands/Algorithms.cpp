@@ -5,8 +5,8 @@
 #include <tuple>
 
 #include "Commands.h"
-#include "KeyJob.h"
 #include "Output.h"
+#include "Session.h"
 
 namespace mirel::cli {
 namespace {
@@ -80,24 +80,26 @@ std::string jsonText(KeyClient& client, const std::vector<PublishedKey>& keys) {
   return jsonLines(Json{{"keys", list}});
 }
 
-}  // namespace
-
-ExitCode runAlgorithms(Host& host, const Options& options) {
-  const auto started = startKeyJob(host, options);
-  if (!started) return report(started.failure());
-  const auto& job = *started;
-  std::vector<PublishedKey> keys = withoutRepetitions(keysOf(job.card));
-  if (options.key) {
-    const auto found = chooseKey(job.card, *options.key);
-    if (!found) return report(found.failure());
-    keys = {found->key};
+Result<void> run(Session& session) {
+  if (const auto connected = session.connect(); !connected) return connected;
+  std::vector<PublishedKey> keys = withoutRepetitions(keysOf(session.card()));
+  if (session.options().key) {
+    const auto chosen = session.chosenKey();
+    if (!chosen) return chosen.failure();
+    keys = {chosen->key};
   }
   if (keys.empty()) {
-    return report({FailureKind::kKeyNotFound, "there is no key to ask", "the card publishes no key",
-                   "see why with: mireltoken items"});
+    return Failure{FailureKind::kKeyNotFound, "there is no key to ask", "the card publishes no key",
+                   "see why with: mireltoken items"};
   }
-  const std::string text = options.json ? jsonText(*job.client, keys) : tableText(*job.client, keys);
-  return writeOutput(text) ? ExitCode::kSuccess : ExitCode::kFileFailure;
+  return writeOutput(session.options().json ? jsonText(session.client(), keys)
+                                            : tableText(session.client(), keys));
 }
+
+constexpr CommandOption kOptions[] = {{CommandOption::Kind::kOptionalKey, "This key only"}};
+
+}  // namespace
+
+const Command algorithmsCommand{"algorithms", "Show which algorithms the keys accept", kOptions, run};
 
 }  // namespace mirel::cli

@@ -5,8 +5,8 @@
 
 #include "Commands.h"
 #include "Files.h"
-#include "KeyJob.h"
 #include "Output.h"
+#include "Session.h"
 
 namespace mirel::cli {
 namespace {
@@ -35,19 +35,22 @@ std::string pemOf(const Bytes& der) {
   return text.append("-----END CERTIFICATE-----\n");
 }
 
+Result<void> run(Session& session) {
+  if (const auto writable = checkWriting(session.options().out); !writable) return writable;
+  if (const auto inserted = session.insertCard(); !inserted) return inserted;
+  const auto chosen = session.chosenKey();
+  if (!chosen) return chosen.failure();
+  const std::string pem = pemOf(chosen->certificate.data);
+  return session.write({reinterpret_cast<const std::uint8_t*>(pem.data()), pem.size()}, kCertificateMode);
+}
+
+constexpr CommandOption kOptions[] = {
+    {CommandOption::Kind::kKey, "The key"},
+    {CommandOption::Kind::kOutput, "Where to write it (default: standard output)"},
+};
+
 }  // namespace
 
-ExitCode runCertificate(Host& host, const Options& options) {
-  if (const auto writable = checkWriting(options.out); !writable) return report(writable.failure());
-  const auto inserted = host.insert(options.reader ? Text::fromUtf8(*options.reader) : Text{});
-  if (!inserted) return report(inserted.failure());
-  const auto found = keyOf(*inserted, options);
-  if (!found) return report(found.failure());
-  const std::string pem = pemOf(found->certificate.data);
-  const std::span bytes{reinterpret_cast<const std::uint8_t*>(pem.data()), pem.size()};
-  if (const auto written = writeFile(options.out, bytes, kCertificateMode); !written)
-    return report(written.failure());
-  return ExitCode::kSuccess;
-}
+const Command certificateCommand{"certificate", "Write the certificate of a key, in PEM", kOptions, run};
 
 }  // namespace mirel::cli

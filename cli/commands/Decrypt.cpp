@@ -6,8 +6,8 @@
 
 #include "Commands.h"
 #include "Files.h"
-#include "KeyJob.h"
 #include "Output.h"
+#include "Session.h"
 #include "platform/Log.h"
 #include "platform/Memory.h"
 
@@ -57,45 +57,50 @@ Bytes withPlainText(Json json, const Bytes& plain) {
   return Bytes::secret(Bytes{std::move(all)});
 }
 
-ExitCode decryptAndWrite(Host& host, const Options& options) {
-  const auto started = startDataJob(host, options, SecKeyAlgorithm::kSecKeyAlgorithmRSAEncryptionPKCS1);
-  if (!started) return report(started.failure());
-  const auto& [algorithm, input, job, chosen] = *started;
+Result<void> decryptAndWrite(Session& session) {
+  const Options& options = session.options();
+  const auto request = session.connectFor(SecKeyAlgorithm::kSecKeyAlgorithmRSAEncryptionPKCS1);
+  if (!request) return request.failure();
+  const auto& [algorithm, input, chosen] = *request;
 
-  const auto decrypted = job.client->decrypt(chosen.key, algorithm, *input, *job.pins);
-  if (!decrypted) return report(decrypted.failure());
-  const Bytes& plain = *decrypted;
-  if (!options.json && goesToTerminal(options.out) && !isPrintableText(plain)) {
-    return report({FailureKind::kBadInput, "the plain text is not shown", "it is no text for a terminal",
-                   "give a file with --out, or redirect the output"});
+  const auto plain = session.client().decrypt(chosen.key, algorithm, *input, session.pins());
+  if (!plain) return plain.failure();
+  if (!options.json && goesToTerminal(options.out) && !isPrintableText(*plain)) {
+    return Failure{FailureKind::kBadInput, "the plain text is not shown", "it is no text for a terminal",
+                   "give a file with --out, or redirect the output"};
   }
-  if (!options.json || options.out) {
-    if (const auto written = writeFile(options.out, plain.view(), kPlainTextMode); !written)
-      return report(written.failure());
-  }
-  if (!options.json) return ExitCode::kSuccess;
-  Json json{{"key", chosen.key.objectID.toUtf8()}, {"algorithm", nameOf(algorithm)}, {"size", plain.size()}};
-  if (!options.out) {
-    const auto written =
-        writeFile(std::nullopt, withPlainText(std::move(json), plain).view(), kPlainTextMode);
-    return written ? ExitCode::kSuccess : report(written.failure());
-  }
-  return writeOutput(jsonLines(json)) ? ExitCode::kSuccess : ExitCode::kFileFailure;
+  if (!options.json) return session.write(plain->view(), kPlainTextMode);
+  Json json{{"key", chosen.key.objectID.toUtf8()}, {"algorithm", nameOf(algorithm)}, {"size", plain->size()}};
+  if (!options.out) return session.write(withPlainText(std::move(json), *plain).view(), kPlainTextMode);
+  if (const auto written = session.write(plain->view(), kPlainTextMode); !written) return written;
+  return writeOutput(jsonLines(json));
 }
+
+Result<void> run(Session& session) {
+  // Some modules answer a wrong padding with random bytes, so afterwards nobody could tell that it failed.
+  const auto named = secKeyAlgorithmNamed(session.options().algorithm.value_or(""));
+  if (named && isOaep(*named)) {
+    return Failure{FailureKind::kNotSupported,
+                   std::string{nameOf(*named)} + " never decrypts with these cards",
+                   "whatever the algorithm, the token takes off the padding of PKCS #1 v1.5",
+                   "have the data encrypted by PKCS #1 v1.5: RSAEncryptionPKCS1"};
+  }
+  const auto done = decryptAndWrite(session);
+  wipeStackLeftBehind();
+  return done;
+}
+
+constexpr CommandOption kOptions[] = {
+    {CommandOption::Kind::kKey, "The key"},
+    {CommandOption::Kind::kAlgorithm,
+     "The platform's algorithm (default: kSecKeyAlgorithmRSAEncryptionPKCS1)"},
+    {CommandOption::Kind::kInput, "What to decrypt (default: standard input)"},
+    {CommandOption::Kind::kOutput, "Where to write the plain text (default: standard output)"},
+    {CommandOption::Kind::kPin},
+};
 
 }  // namespace
 
-ExitCode runDecrypt(Host& host, const Options& options) {
-  // Some modules answer a wrong padding with random bytes, so afterwards nobody could tell that it failed.
-  if (const auto named = secKeyAlgorithmNamed(options.algorithm.value_or("")); named && isOaep(*named)) {
-    return report({FailureKind::kNotSupported,
-                   std::string{nameOf(*named)} + " never decrypts with these cards",
-                   "whatever the algorithm, the token takes off the padding of PKCS #1 v1.5",
-                   "have the data encrypted by PKCS #1 v1.5: RSAEncryptionPKCS1"});
-  }
-  const ExitCode code = decryptAndWrite(host, options);
-  wipeStackLeftBehind();
-  return code;
-}
+const Command decryptCommand{"decrypt", "Decrypt with a key of the card", kOptions, run};
 
 }  // namespace mirel::cli

@@ -1,31 +1,41 @@
 #include "Commands.h"
 #include "Files.h"
-#include "KeyJob.h"
 #include "Output.h"
+#include "Session.h"
 
 namespace mirel::cli {
 namespace {
 
 constexpr mode_t kSecretMode = 0600;
 
+Result<void> run(Session& session) {
+  const auto request = session.connectFor(SecKeyAlgorithm::kSecKeyAlgorithmECDHKeyExchangeStandard);
+  if (!request) return request.failure();
+  const auto& [algorithm, input, chosen] = *request;
+
+  const auto exchanged = session.client().exchange(chosen.key, algorithm, *input, session.pins());
+  if (!exchanged) return exchanged.failure();
+  if (exchanged->secret.isNull()) {
+    return Failure{FailureKind::kNotSupported, "there is no shared secret",
+                   "the token accepts the key exchange, but answers nothing",
+                   "use another key store for key agreement: this one offers it only in name"};
+  }
+  return session.write(exchanged->secret.view(), kSecretMode);
+}
+
+constexpr CommandOption kOptions[] = {
+    {CommandOption::Kind::kKey, "The key"},
+    {CommandOption::Kind::kAlgorithm,
+     "The platform's algorithm (default: kSecKeyAlgorithmECDHKeyExchangeStandard)"},
+    {CommandOption::Kind::kInput,
+     "The other party's public key, an uncompressed point (default: standard input)"},
+    {CommandOption::Kind::kOutput, "Where to write the shared secret (default: standard output)"},
+    {CommandOption::Kind::kPin},
+};
+
 }  // namespace
 
-ExitCode runExchange(Host& host, const Options& options) {
-  const auto started = startDataJob(host, options, SecKeyAlgorithm::kSecKeyAlgorithmECDHKeyExchangeStandard);
-  if (!started) return report(started.failure());
-  const auto& [algorithm, input, job, chosen] = *started;
-
-  const auto exchanged = job.client->exchange(chosen.key, algorithm, *input, *job.pins);
-  if (!exchanged) return report(exchanged.failure());
-  const Bytes& secret = exchanged->secret;
-  if (secret.isNull()) {
-    return report({FailureKind::kNotSupported, "there is no shared secret",
-                   "the token accepts the key exchange, but answers nothing",
-                   "use another key store for key agreement: this one offers it only in name"});
-  }
-  if (const auto written = writeFile(options.out, secret.view(), kSecretMode); !written)
-    return report(written.failure());
-  return ExitCode::kSuccess;
-}
+const Command exchangeCommand{"exchange", "Ask for a key exchange, and show what the token answers", kOptions,
+                              run};
 
 }  // namespace mirel::cli

@@ -2,8 +2,8 @@
 
 #include "Commands.h"
 #include "Output.h"
+#include "Session.h"
 #include "host/DistinctItems.h"
-#include "host/Host.h"
 
 namespace mirel::cli {
 namespace {
@@ -134,19 +134,19 @@ std::string unpublishedText(const Unpublished& unpublished) {
   return text;
 }
 
-}  // namespace
-
-ExitCode runItems(Host& host, const Options& options) {
-  const Text wanted = options.reader ? Text::fromUtf8(*options.reader) : Text{};
-  const auto inserted = host.insert(wanted);
-  if (!inserted) return report(inserted.failure());
-  const auto& card = *inserted;
+Result<void> run(Session& session) {
+  if (const auto inserted = session.insertCard(); !inserted) return inserted;
+  const InsertedCard& card = session.card();
   if (card.incomplete) writeMessage(failureLine(*card.incomplete));
-  if (options.json) return writeOutput(jsonText(card)) ? ExitCode::kSuccess : ExitCode::kFileFailure;
+  if (session.options().json) return writeOutput(jsonText(card));
 
   std::string text = tableText(card);
-  text.append(unpublishedText(host.unpublishedObjects(card)));
-  return writeOutput(text) ? ExitCode::kSuccess : ExitCode::kFileFailure;
+  text.append(unpublishedText(session.unpublishedObjects()));
+  return writeOutput(text);
 }
+
+}  // namespace
+
+const Command itemsCommand{"items", "Insert a card and list the keychain items it would publish", {}, run};
 
 }  // namespace mirel::cli

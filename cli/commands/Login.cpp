@@ -1,34 +1,34 @@
 #include <nlohmann/json.hpp>
 
 #include "Commands.h"
-#include "KeyJob.h"
 #include "Output.h"
+#include "Session.h"
 
 namespace mirel::cli {
+namespace {
 
-ExitCode runLogin(Host& host, const Options& options) {
-  const auto started = startKeyJob(host, options);
-  if (!started) return report(started.failure());
-  const auto& job = *started;
-  const auto textOfState = [&] {
-    const auto state = host.pinState(job.card.reader);
-    return state ? state->text : std::string{};
-  };
-  const std::string before = textOfState();
-  if (const auto accepted = job.client->logIn(*job.pins); !accepted) {
+Result<void> run(Session& session) {
+  if (const auto connected = session.connect(); !connected) return connected;
+  const std::string before = session.remarkOnPin();
+  if (const auto accepted = session.client().logIn(session.pins()); !accepted) {
     Failure failure = accepted.failure();
-    const std::string after = textOfState();
+    const std::string after = session.remarkOnPin();
     if (failure.kind == FailureKind::kPinWrong && !after.empty()) failure.why.append(", ").append(after);
-    return report(failure);
+    return failure;
   }
-  if (options.json) {
-    const nlohmann::ordered_json json{
-        {"reader", job.card.reader.name.toUtf8()}, {"accepted", true}, {"before", before}};
-    return writeOutput(jsonLines(json)) ? ExitCode::kSuccess : ExitCode::kFileFailure;
+  if (session.options().json) {
+    return writeOutput(jsonLines(nlohmann::ordered_json{
+        {"reader", session.card().reader.name.toUtf8()}, {"accepted", true}, {"before", before}}));
   }
   std::string text = "The card accepts the PIN.\n";
   if (!before.empty()) text.append("Before this: ").append(before).append(".\n");
-  return writeOutput(text) ? ExitCode::kSuccess : ExitCode::kFileFailure;
+  return writeOutput(text);
 }
+
+constexpr CommandOption kOptions[] = {{CommandOption::Kind::kPin}};
+
+}  // namespace
+
+const Command loginCommand{"login", "Check the PIN", kOptions, run};
 
 }  // namespace mirel::cli

@@ -2,8 +2,8 @@
 
 #include "Commands.h"
 #include "Output.h"
+#include "Session.h"
 #include "Wording.h"
-#include "host/Host.h"
 
 namespace mirel::cli {
 namespace {
@@ -49,18 +49,17 @@ std::string tableText(const std::vector<Reader>& readers) {
   return table(rows, outputIsColoured());
 }
 
+Result<void> run(Session& session) {
+  const auto readers = session.readers();
+  if (!readers) return readers.failure();
+  if (readers->empty()) writeMessage("No reader holds a card.");
+  if (session.options().json) return writeOutput(jsonText(*readers));
+  if (readers->empty()) return {};
+  return writeOutput(tableText(*readers));
+}
+
 }  // namespace
 
-ExitCode runReaders(Host& host, const Options& options) {
-  const Text wanted = options.reader ? Text::fromUtf8(*options.reader) : Text{};
-  auto found = host.readers(wanted);
-  if (!found) return report(found.failure());
-  const auto& readers = *found;
-  if (readers.empty()) writeMessage("No reader holds a card.");
-  const bool nothingToShow = readers.empty() && !options.json;
-  if (!nothingToShow && !writeOutput(options.json ? jsonText(readers) : tableText(readers)))
-    return ExitCode::kFileFailure;
-  return ExitCode::kSuccess;
-}
+const Command readersCommand{"readers", "List the readers that hold a card", {}, run};
 
 }  // namespace mirel::cli

@@ -4,8 +4,8 @@
 
 #include "Commands.h"
 #include "Files.h"
-#include "KeyJob.h"
 #include "Output.h"
+#include "Session.h"
 #include "host/Verification.h"
 
 namespace mirel::cli {
@@ -14,6 +14,7 @@ namespace {
 using Json = nlohmann::ordered_json;
 
 constexpr mode_t kSignatureMode = 0666;
+constexpr const char* kNoVerify = "--no-verify";
 
 /// False when the card is known to have made none: what its layers answer then is empty, or zeros. Also false
 /// for a signature that is not as long as the modulus (RFC 8017, section 8), which no key of that size makes.
@@ -21,6 +22,11 @@ bool mayBeSignature(const Signature& signature, const PublishedKey& key) {
   const std::span bytes = signature.value.view();
   return !signature.fault && bytes.size() == modulusSizeOf(key) &&
          std::any_of(bytes.begin(), bytes.end(), [](std::uint8_t byte) { return byte != 0; });
+}
+
+Failure andNothingWritten(Failure failure) {
+  failure.why.append("; nothing was written");
+  return failure;
 }
 
 /// What was done, for people.
@@ -43,40 +49,43 @@ std::string jsonText(const ChosenKey& chosen, SecKeyAlgorithm algorithm, const S
                         {"signatureHex", hexOf(signature.value)}});
 }
 
+Result<void> run(Session& session) {
+  const Options& options = session.options();
+  if (!options.json && goesToTerminal(options.out)) {
+    return Failure{FailureKind::kBadInput, "wrong usage", "a signature is no text for a terminal",
+                   "give a file with --out, or redirect the output"};
+  }
+  const auto request = session.connectFor(SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureMessagePSSSHA256);
+  if (!request) return request.failure();
+  const auto& [algorithm, input, chosen] = *request;
+
+  const auto signature = session.client().sign(chosen.key, algorithm, *input, session.pins());
+  if (!signature) return signature.failure();
+  const bool verify = !options.has(kNoVerify);
+  if (verify || !mayBeSignature(*signature, chosen.key)) {
+    const auto verified = verifySignature(chosen.certificate, chosen.key, algorithm, *signature);
+    if (!verified) return andNothingWritten(verified.failure());
+  }
+  if (!options.json || options.out) {
+    if (const auto written = session.write(signature->value.view(), kSignatureMode); !written) return written;
+  }
+  if (options.json) return writeOutput(jsonText(chosen, algorithm, *signature, verify));
+  writeMessage(summary(chosen, algorithm, *signature, verify));
+  return {};
+}
+
+constexpr CommandOption kOptions[] = {
+    {CommandOption::Kind::kKey, "The key"},
+    {CommandOption::Kind::kAlgorithm,
+     "The platform's algorithm (default: kSecKeyAlgorithmRSASignatureMessagePSSSHA256)"},
+    {CommandOption::Kind::kInput, "What to sign (default: standard input)"},
+    {CommandOption::Kind::kOutput, "Where to write the signature (default: standard output)"},
+    {CommandOption::Kind::kFlag, "Do not verify the signature", kNoVerify},
+    {CommandOption::Kind::kPin},
+};
+
 }  // namespace
 
-ExitCode runSign(Host& host, const Options& options) {
-  if (!options.json && goesToTerminal(options.out)) {
-    return report({FailureKind::kBadInput, "wrong usage", "a signature is no text for a terminal",
-                   "give a file with --out, or redirect the output"});
-  }
-  const auto started =
-      startDataJob(host, options, SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureMessagePSSSHA256);
-  if (!started) return report(started.failure());
-  const auto& [algorithm, input, job, chosen] = *started;
-
-  const auto signedData = job.client->sign(chosen.key, algorithm, *input, *job.pins);
-  if (!signedData) return report(signedData.failure());
-  const auto& signature = *signedData;
-  const bool verify = !options.noVerify;
-  if (verify || !mayBeSignature(signature, chosen.key)) {
-    const auto verified = verifySignature(chosen.certificate, chosen.key, algorithm, signature);
-    if (!verified) {
-      Failure failure = verified.failure();
-      failure.why.append("; nothing was written");
-      return report(failure);
-    }
-  }
-  const bool asJson = options.json;
-  if (!asJson || options.out) {
-    if (const auto written = writeFile(options.out, signature.value.view(), kSignatureMode); !written)
-      return report(written.failure());
-  }
-  if (asJson)
-    return writeOutput(jsonText(chosen, algorithm, signature, verify)) ? ExitCode::kSuccess
-                                                                       : ExitCode::kFileFailure;
-  writeMessage(summary(chosen, algorithm, signature, verify));
-  return ExitCode::kSuccess;
-}
+const Command signCommand{"sign", "Sign with a key of the card, and verify the signature", kOptions, run};
 
 }  // namespace mirel::cli

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <algorithm>
+#include <span>
+
+#include "host/Result.h"
+
+namespace mirel::cli {
+
+class Session;
+
+/// An option that a command takes, apart from those that all take.
+struct CommandOption {
+  enum class Kind {
+    kKey,          ///< --key, which must be given
+    kOptionalKey,  ///< --key
+    kAlgorithm,    ///< --algorithm
+    kInput,        ///< --in
+    kOutput,       ///< --out
+    kPin,          ///< --pin-file, --pin-fd and --last-try; they have their own help
+    kFlag,         ///< one without a value, of this command alone
+  };
+
+  Kind kind;
+  const char* help = "";
+  const char* flag = "";  ///< the name of a flag, with its dashes
+};
+
+/// A command: its file defines it, and Commands.h lists it.
+struct Command {
+  const char* name;
+  const char* help;
+  std::span<const CommandOption> options;  ///< in the order of the help
+  Result<void> (*run)(Session& session);
+
+  [[nodiscard]] bool takes(CommandOption::Kind kind) const noexcept {
+    return std::any_of(options.begin(), options.end(),
+                       [kind](const CommandOption& option) { return option.kind == kind; });
+  }
+};
+
+}  // namespace mirel::cli

@@ -1,0 +1,76 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Files.h"
+#include "Options.h"
+#include "host/Host.h"
+#include "host/KeyChoice.h"
+#include "host/KeyClient.h"
+#include "host/PinSource.h"
+
+namespace mirel::cli {
+
+/// What is asked of a key, and of which.
+struct KeyRequest {
+  SecKeyAlgorithm algorithm;
+  std::unique_ptr<FileInput> input;
+  ChosenKey chosen;
+};
+
+/// One run of a command: its options, the host, the card, and the errands that commands have in common.
+class Session {
+ public:
+  /// `options`: outlive the session.
+  Session(PlatformServices services, const Options& options);
+  Session(const Session&) = delete;
+  Session& operator=(const Session&) = delete;
+  ~Session();
+
+  [[nodiscard]] const Options& options() const noexcept { return options_; }
+
+  /// The readers that hold a card, or the one that the options name.
+  [[nodiscard]] Result<std::vector<Reader>> readers();
+
+  /// Inserts the card in the reader of the options.
+  [[nodiscard]] Result<void> insertCard();
+  /// The same, with a client of the card's token.
+  [[nodiscard]] Result<void> connect();
+
+  // After the card was inserted.
+  [[nodiscard]] const InsertedCard& card() const { return card_.value(); }
+  [[nodiscard]] Unpublished unpublishedObjects();
+  /// The key that the options name.
+  [[nodiscard]] Result<ChosenKey> chosenKey() const;
+  /// What the card says about the tries of its PIN just now; empty when that is nothing, or not known.
+  [[nodiscard]] std::string remarkOnPin();
+
+  // After `connect`.
+  [[nodiscard]] KeyClient& client() const { return *client_; }
+  [[nodiscard]] PinSource& pins() const { return *pins_; }
+
+  /// Connects, for a request of which all else that the options say was looked at first. `byDefault`: the
+  /// algorithm where they name none.
+  [[nodiscard]] Result<KeyRequest> connectFor(SecKeyAlgorithm byDefault);
+
+  /// Writes to the file of the options, or standard output (see `writeFile`).
+  [[nodiscard]] Result<void> write(std::span<const std::uint8_t> data, mode_t mode) const;
+
+ private:
+  [[nodiscard]] Text readerName() const;
+  [[nodiscard]] Result<SecKeyAlgorithm> algorithmOr(SecKeyAlgorithm byDefault) const;
+
+  const Options& options_;
+  Host host_;
+  std::optional<InsertedCard> card_;
+  std::unique_ptr<KeyClient> client_;
+  std::unique_ptr<PinSource> pins_;
+};
+
+}  // namespace mirel::cli
