@@ -19,13 +19,13 @@ const char* keyTypeName(CertificateKeyType type) noexcept {
   return "other";
 }
 
-const char* operationName(std::int64_t operation) noexcept {
+const char* operationName(KeyOperation operation) noexcept {
   switch (operation) {
-    case 2: return "sign";
-    case 3: return "decrypt";
-    case 4: return "key exchange";
-    default: return "use";
+    case KeyOperation::kSign: return "sign";
+    case KeyOperation::kDecrypt: return "decrypt";
+    case KeyOperation::kExchangeKeys: return "key exchange";
   }
+  return "use";
 }
 
 Json jsonOf(const Text& text) { return text.isNull() ? Json{} : Json(text.toUtf8()); }
@@ -43,7 +43,7 @@ Json jsonOf(const PublishedCertificate& item) {
 Json jsonOf(const PublishedKey& item) {
   Json constraints = Json::object();
   for (const auto& [operation, constraint] : item.constraints) {
-    constraints[std::to_string(operation)] = jsonOf(constraint);
+    constraints[std::to_string(static_cast<std::int64_t>(operation))] = jsonOf(constraint);
   }
   return Json{{"class", "key"},
               {"objectID", jsonOf(item.objectID)},

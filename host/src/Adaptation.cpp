@@ -72,4 +72,14 @@ TKTokenOperation operationOf(SecKeyAlgorithm form) noexcept {
                                                           : TKTokenOperation::kDecryptData;
 }
 
+KeyOperation keyOperationOf(TKTokenOperation operation) noexcept {
+  const auto same = [](TKTokenOperation asked, KeyOperation known) {
+    return static_cast<std::int64_t>(asked) == static_cast<std::int64_t>(known);
+  };
+  static_assert(same(TKTokenOperation::kSignData, KeyOperation::kSign));
+  static_assert(same(TKTokenOperation::kDecryptData, KeyOperation::kDecrypt));
+  static_assert(same(TKTokenOperation::kPerformKeyExchange, KeyOperation::kExchangeKeys));
+  return static_cast<KeyOperation>(operation);
+}
+
 }  // namespace mirel

@@ -5,6 +5,7 @@
 
 #include <optional>
 
+#include "host/Host.h"
 #include "platform/Digest.h"
 #include "platform/SecKeyAlgorithm.h"
 #include "platform/TokenKit.h"
@@ -34,5 +35,8 @@ struct AdaptationStep {
 
 /// What a token is asked for in that form; also what a client wants who names it.
 [[nodiscard]] TKTokenOperation operationOf(SecKeyAlgorithm form) noexcept;
+
+/// The same operation as items know it.
+[[nodiscard]] KeyOperation keyOperationOf(TKTokenOperation operation) noexcept;
 
 }  // namespace mirel

@@ -6,6 +6,7 @@
 #include <set>
 #include <utility>
 
+#include "Adaptation.h"
 #include "CardInspector.h"
 #include "CardWatch.h"
 #include "CertificateMemory.h"
@@ -72,7 +73,7 @@ PublishedKey published(const MirelCTKTokenKeychainKey& item) {
   key.suitableForLogin = item.suitableForLogin();
   key.alwaysAuthenticate = item.alwaysAuthenticate();
   for (const auto& [operation, constraint] : item.constraints().value_or(TKTokenConstraints{})) {
-    key.constraints[static_cast<std::int64_t>(operation)] = constraint;
+    key.constraints[keyOperationOf(operation)] = constraint;
   }
   return key;
 }

@@ -341,7 +341,7 @@ Result<Bytes> KeyClient::perform(const PublishedKey& key, TKTokenOperation opera
     Bytes answer = request(&error);
     if (!answer.isNull() || !error) return answer;
     if (mayAuthenticate && isError(error, TKErrorCode::kAuthenticationNeeded)) {
-      const auto constraint = key.constraints.find(static_cast<std::int64_t>(operation));
+      const auto constraint = key.constraints.find(keyOperationOf(operation));
       const Text asked = constraint == key.constraints.end() ? Text{} : constraint->second;
       if (const auto done = authenticate(operation, asked, pins); !done) return done.failure();
       continue;

@@ -49,7 +49,7 @@ TEST_F(Decrypt, ReadsACryptogramInPieces) {
 
 TEST_F(Decrypt, AuthenticatesByTheConstraintOfTheOperation) {
   PublishedKey other = published(u"02");
-  other.constraints = {{2, Text{u"PINAlways"}}};
+  other.constraints = {{KeyOperation::kSign, Text{u"PINAlways"}}};
   GivenInput input{{key.encrypted(kPlain, RSA_PKCS1_PADDING)}};
   EXPECT_EQ(failureOf(client->decrypt(other, kSecKeyAlgorithmRSAEncryptionPKCS1, input, pins)).kind,
             FailureKind::kNotSupported);

@@ -73,7 +73,7 @@ TEST_F(Insert, PublishesAnRsaKeyForSigning) {
   EXPECT_FALSE(key.canPerformKeyExchange);
   EXPECT_TRUE(key.suitableForLogin);
   EXPECT_TRUE(key.alwaysAuthenticate);
-  EXPECT_THAT(key.constraints, ElementsAre(std::pair{2, Text{u"PINAlways"}}));
+  EXPECT_THAT(key.constraints, ElementsAre(std::pair{KeyOperation::kSign, Text{u"PINAlways"}}));
   leavesOpen({kCardSession});
 }
 
@@ -84,7 +84,7 @@ TEST_F(Insert, PublishesAKeyForDecryption) {
   EXPECT_TRUE(key.canDecrypt);
   EXPECT_FALSE(key.canPerformKeyExchange);
   EXPECT_TRUE(key.suitableForLogin);
-  EXPECT_THAT(key.constraints, ElementsAre(std::pair{3, Text{u"PINAlways"}}));
+  EXPECT_THAT(key.constraints, ElementsAre(std::pair{KeyOperation::kDecrypt, Text{u"PINAlways"}}));
   leavesOpen({kCardSession});
 }
 
@@ -97,7 +97,7 @@ TEST_F(Insert, PublishesAnEcKeyForKeyExchange) {
   EXPECT_FALSE(key.canDecrypt);
   EXPECT_TRUE(key.canPerformKeyExchange);
   EXPECT_FALSE(key.suitableForLogin);
-  EXPECT_THAT(key.constraints, ElementsAre(std::pair{4, Text{u"PINAlways"}}));
+  EXPECT_THAT(key.constraints, ElementsAre(std::pair{KeyOperation::kExchangeKeys, Text{u"PINAlways"}}));
   leavesOpen({kCardSession});
 }
 

@@ -172,7 +172,7 @@ TEST_F(Sign, GivesTheModuleTheWholeBlock) {
 
 TEST_F(Sign, AuthenticatesByTheConstraintOfTheKey) {
   PublishedKey other = published(u"01");
-  other.constraints[2] = Text{u"Fingerprint"};
+  other.constraints[KeyOperation::kSign] = Text{u"Fingerprint"};
   strings->texts["Not suppport this constraint"] = Text{u"Not that way"};
   GivenInput input{{kMessage}};
   const Failure failure =
@@ -185,7 +185,7 @@ TEST_F(Sign, AuthenticatesByTheConstraintOfTheKey) {
 
 TEST_F(Sign, AuthenticatesByTheConstraintOfTheOperation) {
   PublishedKey other = published(u"01");
-  other.constraints = {{3, Text{u"PINAlways"}}};
+  other.constraints = {{KeyOperation::kDecrypt, Text{u"PINAlways"}}};
   GivenInput input{{kMessage}};
   const Failure failure =
       failureOf(client->sign(other, kSecKeyAlgorithmRSASignatureMessagePSSSHA256, input, pins));

@@ -56,6 +56,9 @@ struct PublishedCertificate {
   Bytes data;                         ///< DER
 };
 
+/// What a key can be asked to do; the numbers are the platform's.
+enum class KeyOperation : std::int64_t { kSign = 2, kDecrypt = 3, kExchangeKeys = 4 };
+
 /// A private-key item of the keychain.
 struct PublishedKey {
   Text objectID;
@@ -68,7 +71,7 @@ struct PublishedKey {
   bool canPerformKeyExchange = false;
   bool suitableForLogin = false;
   bool alwaysAuthenticate = false;
-  std::map<std::int64_t, Text> constraints;  ///< by the number of the operation
+  std::map<KeyOperation, Text> constraints;  ///< what the platform has to do before that operation
 };
 
 /// The length in bytes of an RSA key's modulus, and so of its signatures and blocks.
