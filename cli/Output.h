@@ -7,6 +7,7 @@
 #include "ExitCode.h"
 #include "host/Display.h"
 #include "host/Result.h"
+#include "platform/Bytes.h"
 #include "platform/Text.h"
 
 namespace mirel::cli {

@@ -4,6 +4,7 @@
 
 #include "bridge/cryptoki.h"
 #include "host/Host.h"
+#include "platform/Bytes.h"
 #include "platform/PlatformServices.h"
 
 namespace mirel {

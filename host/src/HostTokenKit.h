@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/Bytes.h"
 #include "platform/TokenKit.h"
 #include "token/BasedTokenKit.h"
 

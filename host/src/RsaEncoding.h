@@ -6,6 +6,7 @@
 #include <optional>
 #include <span>
 
+#include "platform/Bytes.h"
 #include "platform/Digest.h"
 
 namespace mirel {

@@ -8,6 +8,7 @@
 
 #include <memory>
 
+#include "platform/Bytes.h"
 #include "platform/SecretText.h"
 #include "platform/Text.h"
 

@@ -11,6 +11,7 @@
 
 #include "host/PinState.h"
 #include "host/Result.h"
+#include "platform/Bytes.h"
 #include "platform/Certificate.h"
 #include "platform/PlatformServices.h"
 #include "platform/Text.h"

@@ -7,6 +7,7 @@
 
 #include "host/Host.h"
 #include "host/Result.h"
+#include "platform/Bytes.h"
 #include "platform/SecKeyAlgorithm.h"
 #include "platform/Text.h"
 #include "platform/TokenKit.h"

@@ -12,6 +12,7 @@
 #include <optional>
 #include <vector>
 
+#include "platform/Bytes.h"
 #include "platform/Certificate.h"
 #include "platform/SecKeyAlgorithm.h"
 #include "platform/SecretText.h"
