@@ -1,5 +1,6 @@
 #pragma once
 
+#include "bridge/PKCS11_SERVICE_INFO.h"
 #include "bridge/cryptoki.h"
 
 namespace mirel {
