@@ -1,7 +1,7 @@
 # mirel_private_headers(<target> [<folder>])
 # Has each header of <folder> (src, as seen from the target's own folder), which only the target's sources include,
 # compile alone with what those sources see. It is built with the headers that everybody may include, by
-# all_verify_interface_header_sets.
+# all_verify_interface_header_sets. Headers of Objective-C++ are left out: that check takes C++ alone.
 function(mirel_private_headers target)
   set(folder src)
   if(ARGC GREATER 1)
@@ -14,7 +14,8 @@ function(mirel_private_headers target)
     message(FATAL_ERROR "${target} has no private headers in ${folder}.")
   endif()
   cmake_path(RELATIVE_PATH folder BASE_DIRECTORY ${PROJECT_SOURCE_DIR} OUTPUT_VARIABLE name)
-  string(MAKE_C_IDENTIFIER "private_headers_${name}" name)
+  string(REGEX REPLACE "/$" "" name "private_headers_${name}")
+  string(MAKE_C_IDENTIFIER ${name} name)
   # Nobody links this library, so its headers are nobody's interface.
   add_library(${name} INTERFACE EXCLUDE_FROM_ALL)
   target_sources(${name} INTERFACE FILE_SET HEADERS BASE_DIRS ${folder} FILES ${headers})
