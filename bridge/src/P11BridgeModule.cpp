@@ -11,9 +11,6 @@
 namespace mirel {
 namespace {
 
-constexpr const char* kUnit = "P11Bridge";
-constexpr int kModulePathLine = 30;
-
 constexpr const char* kEntryPoint = "C_GetFunctionList";
 
 /// A new, empty record, or null when there is no memory for it.
@@ -35,8 +32,8 @@ bool P11Bridge::pkcs11_Load(const Text&) noexcept {
   if (home.empty()) return false;
   const auto path = std::make_shared<const std::string>(home + kModuleTail);
   setP11dylib(path);
-  services_.log->process(
-      logLine("[%s-%d] %s path = %s", "-[P11Bridge pkcs11_Load:]", kModulePathLine, kUnit, *path));
+  // Oddity: the line names the unit P11Bridge and a position there, not this file.
+  services_.log->process(logLine("[-[P11Bridge pkcs11_Load:]-30] P11Bridge path = %s", *path));
 
   setPhP11Module(services_.loader->open(path->c_str()));
   if (!phP11Module()) return false;

@@ -13,19 +13,8 @@
 namespace mirel {
 namespace {
 
-constexpr const char* kUnit = "MirelCTKFramework";
-constexpr const char* kSignMethod = "-[MirelCTKFramework PerformSignHash::::::::]";
-constexpr const char* kOAEPMethod = "-[MirelCTKFramework PerformOAEPDecrypt::::::::]";
-constexpr const char* kPKCS1Method = "-[MirelCTKFramework PerformPKCS1Decrypt:::::::]";
-
-// Where the lines say they come from.
-constexpr int kAlgorithmNameLine = 437;
-constexpr int kKeyLine = 462;
-constexpr int kKeyNameLine = 480;
-constexpr int kOAEPStartLine = 552;
-constexpr int kOAEPKeyFoundLine = 562;
-constexpr int kOAEPEndLine = 570;
-constexpr int kPKCS1EndLine = 607;
+// Oddity: the log lines of this file name the unit MirelCTKFramework and positions there. In those of a
+// signature the method stands in the place of the unit.
 
 /// Room for an RSA signature of up to 4096 bits.
 constexpr CK_ULONG kSignatureRoom = 512;
@@ -94,12 +83,12 @@ bool MirelCTKFramework::PerformSignHash(const char* readerName,
                                         CK_ULONG dataLen, std::span<CK_BYTE> outSignature,
                                         CK_ULONG* ioSignatureLen) noexcept {
   Log& log = *services_.log;
-  log.process(logLine("[%s-%d] pccAlgName = %@", kSignMethod, kAlgorithmNameLine, algorithmName));
+  log.process(logLine("[-[MirelCTKFramework PerformSignHash::::::::]-437] pccAlgName = %@", algorithmName));
   if (!isReady(readerName) || !ioSignatureLen) return false;
   const auto bridge = p11Bridge();
   const CK_SESSION_HANDLE session = p11ServiceInfo_->hSession();
   const CK_OBJECT_HANDLE publicKey = publicHandleOf(key);
-  log.process(logLine("[%s-%d] key ID = %@, public key = %lX", kSignMethod, kKeyLine,
+  log.process(logLine("[-[MirelCTKFramework PerformSignHash::::::::]-462] key ID = %@, public key = %lX",
                       key ? key->keyID() : Text{}, hexOfNumber(publicKey, HexDigits::kUpper)));
 
   const auto output = outSignature.first(std::min<std::size_t>(outSignature.size(), *ioSignatureLen));
@@ -107,7 +96,7 @@ bool MirelCTKFramework::PerformSignHash(const char* readerName,
   if (!findPrivateKey(*bridge, session, publicKey, privateKey)) return false;
   if (bridge->pkcs11_getRSAKeyModulus(session, publicKey, nullptr, ioSignatureLen) != CKR_OK) return false;
   const Text keyName = key ? key->keyName() : Text{};
-  log.process(logLine("[%s-%d] keyName = %@", kSignMethod, kKeyNameLine, keyName));
+  log.process(logLine("[-[MirelCTKFramework PerformSignHash::::::::]-480] keyName = %@", keyName));
 
   // Oddity: the key's name decides, not the algorithm. Without "RSA" nothing is signed, with success.
   if (!containsIgnoringCase(keyName, kRSAMark)) return true;
@@ -138,15 +127,15 @@ bool MirelCTKFramework::PerformOAEPDecrypt(const char* readerName,
   Log& log = *services_.log;
   const auto bridge = p11Bridge();
   const CK_SESSION_HANDLE session = p11ServiceInfo_->hSession();
-  log.process(logLine("[%s-%d] %s", kUnit, kOAEPStartLine, kOAEPMethod));
+  log.process("[MirelCTKFramework-552] -[MirelCTKFramework PerformOAEPDecrypt::::::::]");
   CK_OBJECT_HANDLE unused = 0;  // Oddity: only a test; the bridge looks for the key once more
   if (!findPrivateKey(*bridge, session, publicHandleOf(key), unused)) return false;
-  log.process(logLine("[%s-%d] %s", kUnit, kOAEPKeyFoundLine, kOAEPMethod));
+  log.process("[MirelCTKFramework-562] -[MirelCTKFramework PerformOAEPDecrypt::::::::]");
   if (bridge->pkcs11_genDecryptOAEP(session, publicHandleOf(key), cipher, cipherLen, hash, outPlain,
                                     outPlainLen, capacity) != CKR_OK) {
     return false;
   }
-  log.process(logLine("[%s-%d] %s", kUnit, kOAEPEndLine, kOAEPMethod));
+  log.process("[MirelCTKFramework-570] -[MirelCTKFramework PerformOAEPDecrypt::::::::]");
   return true;
 }
 
@@ -163,7 +152,7 @@ bool MirelCTKFramework::PerformPKCS1Decrypt(const char* readerName,
                                      capacity) != CKR_OK) {
     return false;
   }
-  services_.log->process(logLine("[%s-%d] %s", kUnit, kPKCS1EndLine, kPKCS1Method));
+  services_.log->process("[MirelCTKFramework-607] -[MirelCTKFramework PerformPKCS1Decrypt:::::::]");
   return true;
 }
 

@@ -15,10 +15,6 @@
 namespace mirel {
 namespace {
 
-constexpr const char* kUnit = "MirelCTKFramework";
-constexpr int kBoundCertificateLine = 366;
-constexpr int kChosenCertificateLine = 374;
-
 constexpr CK_ULONG kPublicValueRoom = 256;  // bytes, what a length request starts with
 constexpr CK_ULONG kObjectIdRoom = 256;     // bytes
 
@@ -211,7 +207,8 @@ void emptyLists(PKCS11_SERVICE_INFO& record) noexcept {
 }
 
 [[noreturn]] void endForIndexOutOfRange(std::int32_t index, std::size_t size) noexcept {
-  (void)std::fprintf(stderr, "%s GetKeyInfo: index %d is outside the list of %zu keys\n", kUnit, index, size);
+  (void)std::fprintf(stderr, "MirelCTKFramework GetKeyInfo: index %d is outside the list of %zu keys\n",
+                     index, size);
   std::abort();
 }
 
@@ -292,14 +289,14 @@ bool MirelCTKFramework::BindingKeyCert(
   if (const auto certificates = stored->pCerts()) {
     for (const auto& candidate : *certificates) {
       if (!candidate || !(candidate->strID() == idText)) continue;
-      services_.log->process(
-          logLine("[%s-%d] cert.strID = %@", kUnit, kBoundCertificateLine, candidate->strID()));
+      // Oddity: this line and the next name the unit MirelCTKFramework and positions there, not this file.
+      services_.log->process(logLine("[MirelCTKFramework-366] cert.strID = %@", candidate->strID()));
       chosen = candidate->mutableCopyWithZone();
       break;
     }
   }
-  services_.log->process(logLine("[%s-%d] pCertInfo.strID = %@", kUnit, kChosenCertificateLine,
-                                 chosen ? chosen->strID() : Text{}));
+  services_.log->process(
+      logLine("[MirelCTKFramework-374] pCertInfo.strID = %@", chosen ? chosen->strID() : Text{}));
   // Oddity: the chosen certificate is not handed back.
   return chosen && !chosen->pbCertData().isNull();
 }

@@ -16,12 +16,6 @@
 namespace mirel {
 namespace {
 
-constexpr const char* kUnit = "CryptTKitSProvider";
-constexpr const char* kDescriptionMethod = "-[CryptTKitSProvider getSupportedTokenDescription:]";
-constexpr int kNoFrameworkLine = 49;
-constexpr int kEnumCardsFailedLine = 54;
-constexpr int kUnknownCertificateLine = 143;
-
 // The instance identifier takes in the bytes of the flags word, least significant first.
 static_assert(std::endian::native == std::endian::little);
 
@@ -85,12 +79,13 @@ Text CryptTKitSProvider::getSupportedTokenDescription(const Text& tokenName) noe
   const auto framework = pCTKFramework();
   if (!framework) {
     services_.log->systemError(
-        logLine("[%s: %d] %s nil == _pCTKFramework", kUnit, kNoFrameworkLine, kDescriptionMethod));
+        "[CryptTKitSProvider: 49] -[CryptTKitSProvider getSupportedTokenDescription:] nil == _pCTKFramework");
     return Text{};
   }
   if (!framework->EnumCards(tokenName)) {
-    services_.log->systemError(logLine("[%s: %d] %s _pCTKFramework EnumCards failed", kUnit,
-                                       kEnumCardsFailedLine, kDescriptionMethod));
+    services_.log->systemError(
+        "[CryptTKitSProvider: 54] -[CryptTKitSProvider getSupportedTokenDescription:] "
+        "_pCTKFramework EnumCards failed");
     return Text{u""};
   }
   const CK_TOKEN_INFO info = tokenInfoOf(*framework);
@@ -148,8 +143,8 @@ Text CryptTKitSProvider::getCertName(
 Text CryptTKitSProvider::getCertID(const std::shared_ptr<PKCS11_CERTIFICATEOBJ_INFO>& certificate) noexcept {
   const auto certificates = certificatesOf(pCTKFramework());
   if (contains(certificates, certificate)) return certificate->strID().orNullMark();
-  services_.log->process(logLine("[%s-%d] pCerts.count = %lu", kUnit, kUnknownCertificateLine,
-                                 certificates ? certificates->size() : 0));
+  services_.log->process(
+      logLine("[CryptTKitSProvider-143] pCerts.count = %lu", certificates ? certificates->size() : 0));
   return Text{u""};
 }
 
