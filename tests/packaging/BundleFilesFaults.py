@@ -223,7 +223,7 @@ def faults_of_workflow(tree):
     jobs = re.findall(r"^  [\w-]+:\n    runs-on: (\w+)-.*\n((?:(?:    .*)?\n)*)", text, re.MULTILINE)
     for system, name in (("ubuntu", "Linux"), ("macos", "macOS")):
         steps = "".join(steps for runner, steps in jobs if runner == system)
-        if not re.search(r"^[ -]+(run: )?\./check$", steps, re.MULTILINE):
+        if not re.search(r"^[ -]+(run: )?\./check( --all)?$", steps, re.MULTILINE):
             faults.append(f"the workflow does not run the tests on {name}")
         if "upload-artifact" not in steps:
             faults.append(f"the workflow keeps nothing of {name}")

@@ -144,7 +144,7 @@ jobs:
         run: |
           git config safe.directory
 
-          ./check
+          ./check --all
       - uses: actions/upload-artifact@v4
 
   package:
@@ -167,10 +167,10 @@ SPOILED_WORKFLOWS = [
     ("    steps", "\tsteps", "the workflow has a tab"),
     ("actions/checkout@v4", "someone/checkout@v4", "the workflow uses ['actions/checkout@v4', "
      "'actions/upload-artifact@v4', 'someone/checkout@v4']"),
-    ("          ./check\n", "", "the workflow does not run the tests on Linux"),
+    ("          ./check --all\n", "", "the workflow does not run the tests on Linux"),
     ('"debian:13"', '"debian:11"', "the workflow does not run debian:13"),
     ("      - run: ./check\n", "", "the workflow does not run the tests on macOS"),
-    ("          ./check\n      - uses: actions/upload-artifact@v4\n", "          ./check\n",
+    ("          ./check --all\n      - uses: actions/upload-artifact@v4\n", "          ./check --all\n",
      "the workflow keeps nothing of Linux"),
     ("Token.app\"\n      - uses: actions/upload-artifact@v4\n", "Token.app\"\n", "the workflow keeps nothing of macOS"),
     ("macos/sign-and-package", "macos/sign", "the workflow runs packaging/macos/sign, which is not there"),
