@@ -51,6 +51,24 @@ void addKeyUsage(X509* certificate, const ByteVector& content) {
 
 }  // namespace
 
+ByteVector joinedBytes(std::initializer_list<ByteVector> parts) {
+  ByteVector all;
+  for (const ByteVector& part : parts) all.insert(all.end(), part.begin(), part.end());
+  return all;
+}
+
+ByteVector value(std::uint8_t tag, std::initializer_list<ByteVector> parts) {
+  const ByteVector content = joinedBytes(parts);
+  ByteVector der{tag};
+  if (content.size() >= 0x100) {
+    der.insert(der.end(), {0x82, static_cast<std::uint8_t>(content.size() >> 8U)});
+  } else if (content.size() >= 0x80) {
+    der.push_back(0x81);
+  }
+  der.push_back(static_cast<std::uint8_t>(content.size()));
+  return joinedBytes({der, content});
+}
+
 ByteVector makeCertificate(const CertificateWish& wish) {
   static const KeyHolder signer = makeEcKey("P-256");
   const std::unique_ptr<X509, OpenSslFree> certificate{X509_new()};

@@ -4,6 +4,7 @@
 #include <openssl/x509.h>
 
 #include <cstdint>
+#include <initializer_list>
 #include <memory>
 #include <optional>
 #include <span>
@@ -23,6 +24,11 @@ using KeyHolder = std::unique_ptr<EVP_PKEY, OpenSslFree>;
 using NameHolder = std::unique_ptr<X509_NAME, OpenSslFree>;
 
 using ByteVector = std::vector<std::uint8_t>;
+
+[[nodiscard]] ByteVector joinedBytes(std::initializer_list<ByteVector> parts);
+
+/// A value with a tag of one byte and the shortest length of up to two bytes.
+[[nodiscard]] ByteVector value(std::uint8_t tag, std::initializer_list<ByteVector> parts);
 
 /// One attribute of a subject's name.
 struct NameEntry {

@@ -24,31 +24,30 @@ std::vector<SyslogCall>& syslogCalls() {
   return calls;
 }
 
-using LineBuffer = std::array<char, 4096>;
+void record(int priority, const char* format, va_list arguments) {
+  std::array<char, 4096> text{};
+  // The analyzer takes va_start for an assignment of nothing.
+  // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized)
+  (void)std::vsnprintf(text.data(), text.size(), format, arguments);
+  syslogCalls().push_back({priority, format, text.data()});
+}
 
 }  // namespace
 
 // These stand in for the C library's own in this program, so that a test sees what would go to the
 // system's log. The second is what fortified builds call.
 extern "C" void syslog(int priority, const char* format, ...) {
-  LineBuffer text{};
   va_list arguments;
   va_start(arguments, format);
-  // The analyzer takes va_start for an assignment of nothing.
-  // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized)
-  (void)std::vsnprintf(text.data(), text.size(), format, arguments);
+  record(priority, format, arguments);
   va_end(arguments);
-  syslogCalls().push_back({priority, format, text.data()});
 }
 
 extern "C" void __syslog_chk(int priority, int, const char* format, ...) {
-  LineBuffer text{};
   va_list arguments;
   va_start(arguments, format);
-  // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized)
-  (void)std::vsnprintf(text.data(), text.size(), format, arguments);
+  record(priority, format, arguments);
   va_end(arguments);
-  syslogCalls().push_back({priority, format, text.data()});
 }
 
 namespace mirel {

@@ -4,14 +4,46 @@
 
 #include <array>
 #include <set>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "platform/SecretText.h"
 
 namespace mirel {
 namespace {
 
 using namespace std::string_view_literals;
+
+std::span<const std::uint8_t> bytesOf(std::string_view text) {
+  return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
+}
+
+std::string utf8Of(const SecretText& text) {
+  std::array<std::uint8_t, 64> room{};
+  const std::size_t written = text.copyUtf8(room);
+  return {room.begin(), room.begin() + static_cast<std::ptrdiff_t>(written)};
+}
+
+/// Both kinds of texts decode the bytes to the same units, and encode those as `expected`.
+void expectDecoded(std::string_view utf8, std::u16string_view units, std::string_view expected) {
+  const Text text = Text::fromUtf8(utf8);
+  EXPECT_FALSE(text.isNull());
+  EXPECT_TRUE(text.units() == units);
+  const auto secret = SecretText::fromUtf8(bytesOf(utf8));
+  EXPECT_FALSE(secret->isNull());
+  EXPECT_EQ(secret->length(), units.size());
+  EXPECT_EQ(utf8Of(*secret), expected);
+}
+
+/// Both kinds of texts encode the units as these bytes.
+void expectEncoded(std::u16string_view units, std::string_view utf8) {
+  EXPECT_EQ(Text{units}.toUtf8(), utf8);
+  const SecretText secret{units};
+  EXPECT_EQ(secret.length(), units.size());
+  EXPECT_EQ(utf8Of(secret), utf8);
+}
 
 TEST(Text, IsNullAtFirst) {
   const Text text;
@@ -95,6 +127,8 @@ TEST(TextFromUtf8, DecodesTheLimitsOfEveryLength) {
   } rows[] = {
       {"nothing", "", u""},
       {"U+0000", "\0"sv, std::u16string_view{u"\0", 1}},
+      {"digits", "123456", u"123456"},
+      {"U+0000 between digits", "1\0002"sv, u"1\0002"sv},
       {"U+007F", "\x7F", u"\u007F"},
       {"U+0080", "\xC2\x80", u"\u0080"},
       {"U+07FF", "\xDF\xBF", u"\u07FF"},
@@ -113,10 +147,8 @@ TEST(TextFromUtf8, DecodesTheLimitsOfEveryLength) {
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.description);
-    const Text text = Text::fromUtf8(row.utf8);
-    EXPECT_FALSE(text.isNull());
-    EXPECT_TRUE(text.units() == row.units);
-    EXPECT_EQ(Text{row.units}.toUtf8(), row.utf8);
+    expectDecoded(row.utf8, row.units, row.utf8);
+    expectEncoded(row.units, row.utf8);
   }
 }
 
@@ -128,6 +160,7 @@ TEST(TextFromUtf8, ReplacesEachByteThatBelongsToNoValidSequence) {
   } rows[] = {
       {"lone continuation byte", "\x80", u"\uFFFD"},
       {"last continuation byte", "\xBF", u"\uFFFD"},
+      {"FF behind a digit", "1\xFF", u"1\uFFFD"},
       {"two continuation bytes", "\x80\xBF", u"\uFFFD\uFFFD"},
       // Bytes that never appear (RFC 3629, section 1)
       {"C0", "\xC0", u"\uFFFD"},
@@ -154,6 +187,11 @@ TEST(TextFromUtf8, ReplacesEachByteThatBelongsToNoValidSequence) {
       {"one of two", "\xC3", u"\uFFFD"},
       {"one of three", "\xE2", u"\uFFFD"},
       {"two of three", "\xE2\x82", u"\uFFFD\uFFFD"},
+      {"two of three behind a digit", "1\xE2\x82", u"1\uFFFD\uFFFD"},
+      {"one of two before a digit",
+       "\xC3"
+       "1",
+       u"\uFFFD1"},
       {"three of four", "\xF0\x90\x80", u"\uFFFD\uFFFD\uFFFD"},
       {"a letter inside a sequence",
        "\xE2\x82"
@@ -167,7 +205,7 @@ TEST(TextFromUtf8, ReplacesEachByteThatBelongsToNoValidSequence) {
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.description);
-    EXPECT_TRUE(Text::fromUtf8(row.utf8).units() == row.units);
+    expectDecoded(row.utf8, row.units, Text{row.units}.toUtf8());
   }
 }
 
@@ -179,6 +217,11 @@ TEST(TextToUtf8, ReplacesUnpairedSurrogates) {
   } rows[] = {
       {"high alone", {0xD800}, "\xEF\xBF\xBD"},
       {"low alone", {0xDC00}, "\xEF\xBF\xBD"},
+      {"the last low alone", {0xDFFF}, "\xEF\xBF\xBD"},
+      {"high before a digit",
+       {0xDBFF, u'1'},
+       "\xEF\xBF\xBD"
+       "1"},
       {"high at the end", {u'a', 0xDBFF}, "a\xEF\xBF\xBD"},
       {"high before a letter",
        {0xD800, u'a'},
@@ -192,7 +235,7 @@ TEST(TextToUtf8, ReplacesUnpairedSurrogates) {
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.description);
-    EXPECT_EQ(Text{row.units}.toUtf8(), row.utf8);
+    expectEncoded(row.units, row.utf8);
   }
 }
 
@@ -303,22 +346,17 @@ TEST(Bytes, SharesItsStorageWithCopiesOnly) {
   EXPECT_FALSE(bytes.sharesStorageWith(Bytes{{0x01}}));
 }
 
-bool isValid(std::string_view bytes) {
-  return isValidUtf8({reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()});
-}
-
 TEST(IsValidUtf8, IsTrueForWellFormedSequences) {
-  using namespace std::string_view_literals;
   for (const std::string_view bytes :
        {""sv, "a"sv, "a\0b"sv, "\xC3\xA4"sv, "\xE2\x82\xAC"sv, "\xF0\x9F\x98\x80"sv, "\xEF\xBF\xBD"sv}) {
-    EXPECT_TRUE(isValid(bytes)) << bytes;
+    EXPECT_TRUE(isValidUtf8(bytesOf(bytes))) << bytes;
   }
 }
 
 TEST(IsValidUtf8, IsFalseForAllOthers) {
   for (const char* bytes : {"\xFF", "\x80", "\xC3", "a\xC3", "\xC0\xAF", "\xE2\x82", "\xED\xA0\x80",
                             "\xF4\x90\x80\x80", "\xEF\xBF\xBD\xFF"}) {
-    EXPECT_FALSE(isValid(bytes)) << bytes;
+    EXPECT_FALSE(isValidUtf8(bytesOf(bytes))) << bytes;
   }
 }
 
