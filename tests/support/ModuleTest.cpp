@@ -5,27 +5,6 @@
 #include "support/QuietLog.h"
 
 namespace mirel::test {
-namespace {
-
-/// No operation makes as many calls.
-constexpr std::size_t kMostRounds = 5000;
-
-void forEachRound(const std::function<FailPoint(std::size_t n, Times times)>& makePoint,
-                  const std::function<void(FailPoint&)>& round) {
-  for (const Times times : {Times::kOnce, Times::kFromThenOn}) {
-    SCOPED_TRACE(times == Times::kOnce ? "failing once" : "failing from then on");
-    for (std::size_t n = 0;; ++n) {
-      SCOPED_TRACE(n);
-      FailPoint point = makePoint(n, times);
-      round(point);
-      ASSERT_TRUE(point.armed());
-      if (!point.fired()) break;
-      ASSERT_LT(n, kMostRounds);
-    }
-  }
-}
-
-}  // namespace
 
 ModuleTest::ModuleTest()
     : script{scriptedModule()},
@@ -67,26 +46,17 @@ PlatformServices ModuleTest::servicesForAThread() const {
   return services;
 }
 
-void forEachFailingCall(Script& script, CK_RV code, const std::function<void(FailPoint&)>& round) {
-  forEachRound(
-      [&](std::size_t n, Times times) {
-        script.reset();
-        return FailPoint{n, times, [&script, n, times, code] { script.failCall(n, code, times); },
-                         [&script] { return script.fired(); }};
-      },
-      round);
+void ModuleTest::failEachCall(std::size_t numCalls, const Round& round) {
+  EXPECT_EQ(forEachFailingCall(script, CKR_DEVICE_ERROR, round, [this] { expectUsable(); }), numCalls);
 }
 
-void forEachFailingAllocation(Script& script, FailingMemory& memory,
-                              const std::function<void(FailPoint&)>& round) {
-  forEachRound(
-      [&](std::size_t n, Times times) {
-        script.reset();
-        memory.reset();
-        return FailPoint{n, times, [&memory, n, times] { memory.failAllocation(n, times); },
-                         [&memory] { return memory.fired(); }};
-      },
-      round);
+void ModuleTest::failEachAllocation(std::size_t numAllocations, const Round& round) {
+  EXPECT_EQ(forEachFailingAllocation(script, *memory, round, [this] { expectUsable(); }), numAllocations);
+}
+
+void ModuleTest::useModule(const char* path) {
+  otherHomes_.push_back(std::make_unique<ModuleHome>(path));
+  user = std::make_shared<FakeUserDirectory>("alice", otherHomes_.back()->home());
 }
 
 }  // namespace mirel::test

@@ -11,6 +11,7 @@
 #include "module/ModuleFiles.h"
 #include "platform/PlatformServices.h"
 #include "support/FailingMemory.h"
+#include "support/FailingRounds.h"
 #include "support/FakeLocalizedStrings.h"
 #include "support/FakeUserDirectory.h"
 #include "support/ModuleHome.h"
@@ -41,6 +42,17 @@ class ModuleTest : public ::testing::Test {
   /// memory is the system's, and there is no observer.
   [[nodiscard]] PlatformServices servicesForAThread() const;
 
+  /// Runs `round` for each of the `numCalls` calls of an operation, that call failing (see FailingRounds.h),
+  /// and `expectUsable` after each round.
+  void failEachCall(std::size_t numCalls, const Round& round);
+  /// The same for its requests of memory.
+  void failEachAllocation(std::size_t numAllocations, const Round& round);
+  /// May have the module behave again and expect that what is tested works.
+  virtual void expectUsable() {}
+
+  /// The user gets another home, where that file is in the module's place. An empty path: no file is.
+  void useModule(const char* path);
+
   /// The sessions that may, and must, be open when the test ends.
   void leavesOpen(std::vector<CK_SESSION_HANDLE> sessions) { leftOpen_ = std::move(sessions); }
 
@@ -57,40 +69,7 @@ class ModuleTest : public ::testing::Test {
 
  private:
   std::vector<CK_SESSION_HANDLE> leftOpen_;
+  std::vector<std::unique_ptr<ModuleHome>> otherHomes_;
 };
-
-/// One round of `forEachFailingCall` or `forEachFailingAllocation`.
-class FailPoint {
- public:
-  FailPoint(std::size_t n, Times times, std::function<void()> arm, std::function<bool()> fired)
-      : n_{n}, times_{times}, arm_{std::move(arm)}, fired_{std::move(fired)} {}
-
-  /// To be called when all is ready and the calls begin that are to fail.
-  void arm() { arm_(), armed_ = true; }
-  [[nodiscard]] bool armed() const { return armed_; }
-
-  /// Whether a call did fail. Not so in the last round, which must go as if nothing were wrong.
-  [[nodiscard]] bool fired() const { return fired_(); }
-
-  /// Which call fails (from 0), and whether all later ones do too.
-  [[nodiscard]] std::size_t n() const { return n_; }
-  [[nodiscard]] Times times() const { return times_; }
-
- private:
-  std::size_t n_;
-  Times times_;
-  std::function<void()> arm_;
-  std::function<bool()> fired_;
-  bool armed_ = false;
-};
-
-/// Runs `round(FailPoint&)` with its first call of the module failing with `code`, then its second, and
-/// so on until a round made fewer calls; first with that call failing alone, then with all later ones
-/// failing too. The script is reset before each round.
-void forEachFailingCall(Script& script, CK_RV code, const std::function<void(FailPoint&)>& round);
-
-/// The same for requests of memory.
-void forEachFailingAllocation(Script& script, FailingMemory& memory,
-                              const std::function<void(FailPoint&)>& round);
 
 }  // namespace mirel::test
