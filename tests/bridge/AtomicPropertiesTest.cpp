@@ -6,8 +6,6 @@
 #include <atomic>
 #include <functional>
 #include <string>
-#include <thread>
-#include <type_traits>
 #include <vector>
 
 #include "bridge/P11Bridge.h"
@@ -15,6 +13,7 @@
 #include "bridge/PKCS11_CERTIFICATEOBJ_INFO.h"
 #include "bridge/PKCS11_SERVICE_INFO.h"
 #include "platform/PlatformServices.h"
+#include "support/Threads.h"
 
 namespace mirel::test {
 namespace {
@@ -28,128 +27,125 @@ void hammer(const char* name, const std::function<void(unsigned)>& write,
   SCOPED_TRACE(name);
   write(0);
   std::atomic<bool> whole{true};
-  std::atomic<int> ready{0};
-  const auto started = [&] {
-    ++ready;
-    while (ready < 4) std::this_thread::yield();
+  const auto writeInTurn = [&](unsigned first) {
+    for (unsigned i = 0; i < kRounds; ++i) write((i + first) % 2);
   };
-  std::vector<std::thread> threads;
-  for (unsigned writer = 0; writer < 2; ++writer) {
-    threads.emplace_back([&, writer] {
-      started();
-      for (unsigned i = 0; i < kRounds; ++i) write((i + writer) % 2);
-    });
-    threads.emplace_back([&] {
-      started();
-      for (int i = 0; i < kRounds; ++i) {
-        if (!readsWhole()) whole = false;
-      }
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
+  const auto readOften = [&] {
+    for (int i = 0; i < kRounds; ++i) {
+      if (!readsWhole()) whole = false;
+    }
+  };
+  runAtOnce({[&] { writeInTurn(0); }, readOften, [&] { writeInTurn(1); }, readOften});
   EXPECT_TRUE(whole);
 }
 
-/// Values of which every part tells which one it belongs to.
-CK_ULONG handleOf(unsigned which) { return which == 0 ? 0x1111111111111111 : 0x2222222222222222; }
-bool isHandle(CK_ULONG handle) { return handle == handleOf(0) || handle == handleOf(1); }
-
-std::int32_t indexOf(unsigned which) { return which == 0 ? -1 : 0x22222222; }
-bool isIndex(std::int32_t index) { return index == indexOf(0) || index == indexOf(1); }
-
-// Fresh objects each time, so that the last reference goes away while others read.
-Text textOf(unsigned which) { return Text{std::u16string(which == 0 ? 40 : 80, which == 0 ? u'a' : u'b')}; }
-bool isText(const Text& text) { return text == textOf(0) || text == textOf(1); }
-
-Bytes bytesOfKind(unsigned which) {
+/// Value `which` (0 or 1), every part of which tells which one it is. Those that have storage are new each
+/// time, so that the last reference goes away while others read.
+template <typename Value>
+Value valueOf(unsigned which);
+template <>
+CK_ULONG valueOf(unsigned which) {
+  return which == 0 ? 0x1111111111111111 : 0x2222222222222222;
+}
+template <>
+std::int32_t valueOf(unsigned which) {
+  return which == 0 ? -1 : 0x22222222;
+}
+template <>
+Text valueOf(unsigned which) {
+  return Text{std::u16string(which == 0 ? 40 : 80, which == 0 ? u'a' : u'b')};
+}
+template <>
+Bytes valueOf(unsigned which) {
   return Bytes{std::vector<std::uint8_t>(which == 0 ? 40 : 80, static_cast<std::uint8_t>(which))};
 }
-bool isBytes(const Bytes& bytes) { return bytes == bytesOfKind(0) || bytes == bytesOfKind(1); }
+
+/// Hammers one property, by its getter and its setter.
+template <typename Record, typename Value, typename Argument>
+void hammer(const char* name, Record& record, Value (Record::*get)() const noexcept,
+            void (Record::*set)(Argument) noexcept) {
+  hammer(
+      name, [&](unsigned which) { (record.*set)(valueOf<Value>(which)); },
+      [&] {
+        const Value value = (record.*get)();
+        return value == valueOf<Value>(0) || value == valueOf<Value>(1);
+      });
+}
 
 TEST(AtomicProperties, OfAKeyRecord) {
-  PKCS11_ASYMKEY_INFO record;
-  hammer(
-      "hPubKey", [&](unsigned i) { record.setHPubKey(handleOf(i)); },
-      [&] { return isHandle(record.hPubKey()); });
-  hammer(
-      "hPriKey", [&](unsigned i) { record.setHPriKey(handleOf(i)); },
-      [&] { return isHandle(record.hPriKey()); });
-  hammer(
-      "keyID", [&](unsigned i) { record.setKeyID(textOf(i)); }, [&] { return isText(record.keyID()); });
-  hammer(
-      "keyName", [&](unsigned i) { record.setKeyName(textOf(i)); }, [&] { return isText(record.keyName()); });
-  hammer(
-      "pKeyValue", [&](unsigned i) { record.setPKeyValue(bytesOfKind(i)); },
-      [&] { return isBytes(record.pKeyValue()); });
+  using Record = PKCS11_ASYMKEY_INFO;
+  Record record;
+  hammer("hPubKey", record, &Record::hPubKey, &Record::setHPubKey);
+  hammer("hPriKey", record, &Record::hPriKey, &Record::setHPriKey);
+  hammer("keyID", record, &Record::keyID, &Record::setKeyID);
+  hammer("keyName", record, &Record::keyName, &Record::setKeyName);
+  hammer("pKeyValue", record, &Record::pKeyValue, &Record::setPKeyValue);
 }
 
 TEST(AtomicProperties, OfAKeyRecordThatIsCopied) {
   PKCS11_ASYMKEY_INFO record;
-  record.setKeyName(textOf(0));
+  record.setKeyName(valueOf<Text>(0));
   hammer(
-      "mutableCopyWithZone", [&](unsigned i) { record.setKeyID(textOf(i)); },
+      "mutableCopyWithZone", [&](unsigned which) { record.setKeyID(valueOf<Text>(which)); },
       [&] {
         const auto copy = record.mutableCopyWithZone();
-        return isText(copy->keyID()) && isText(copy->keyName());
+        const Text id = copy->keyID();
+        return copy->keyName() == valueOf<Text>(0) && (id == valueOf<Text>(0) || id == valueOf<Text>(1));
       });
 }
 
 TEST(AtomicProperties, OfACertificateRecord) {
-  PKCS11_CERTIFICATEOBJ_INFO record;
-  hammer(
-      "hCert", [&](unsigned i) { record.setHCert(handleOf(i)); }, [&] { return isHandle(record.hCert()); });
-  hammer(
-      "strID", [&](unsigned i) { record.setStrID(textOf(i)); }, [&] { return isText(record.strID()); });
-  hammer(
-      "strLabel", [&](unsigned i) { record.setStrLabel(textOf(i)); },
-      [&] { return isText(record.strLabel()); });
-  hammer(
-      "pbCertData", [&](unsigned i) { record.setPbCertData(bytesOfKind(i)); },
-      [&] { return isBytes(record.pbCertData()); });
+  using Record = PKCS11_CERTIFICATEOBJ_INFO;
+  Record record;
+  hammer("hCert", record, &Record::hCert, &Record::setHCert);
+  hammer("strID", record, &Record::strID, &Record::setStrID);
+  hammer("strLabel", record, &Record::strLabel, &Record::setStrLabel);
+  hammer("pbCertData", record, &Record::pbCertData, &Record::setPbCertData);
 }
 
 TEST(AtomicProperties, OfACardRecord) {
-  PKCS11_SERVICE_INFO record;
-  hammer(
-      "m_keyIndex", [&](unsigned i) { record.setM_keyIndex(indexOf(i)); },
-      [&] { return isIndex(record.m_keyIndex()); });
-  hammer(
-      "m_certIndex", [&](unsigned i) { record.setM_certIndex(indexOf(i)); },
-      [&] { return isIndex(record.m_certIndex()); });
+  using Record = PKCS11_SERVICE_INFO;
+  Record record;
+  hammer("m_keyIndex", record, &Record::m_keyIndex, &Record::setM_keyIndex);
+  hammer("m_certIndex", record, &Record::m_certIndex, &Record::setM_certIndex);
 }
 
-/// Takes the value by one read: two might see two different ones.
-template <typename Pointer>
-bool isOneOf(Pointer value, std::type_identity_t<Pointer> first, std::type_identity_t<Pointer> second) {
-  return value == first || value == second;
-}
+// ---- The bridge's own ----
 
 CK_RV someEntry(CK_FUNCTION_LIST**) { return CKR_OK; }
 CK_RV otherEntry(CK_FUNCTION_LIST**) { return CKR_GENERAL_ERROR; }
+CK_FUNCTION_LIST lists[2]{};
+int modules[2]{};
+
+template <>
+std::shared_ptr<const std::string> valueOf(unsigned which) {
+  return std::make_shared<const std::string>(which == 0 ? 40U : 80U, which == 0 ? 'a' : 'b');
+}
+template <>
+void* valueOf(unsigned which) {
+  return &modules[which];
+}
+template <>
+CK_C_GetFunctionList valueOf(unsigned which) {
+  return which == 0 ? &someEntry : &otherEntry;
+}
+template <>
+CK_FUNCTION_LIST* valueOf(unsigned which) {
+  return &lists[which];
+}
 
 TEST(AtomicProperties, OfTheBridge) {
   P11Bridge bridge{PlatformServices{}};
-  CK_FUNCTION_LIST lists[2]{};
-  int modules[2]{};
-
+  hammer("phP11Module", bridge, &P11Bridge::phP11Module, &P11Bridge::setPhP11Module);
+  hammer("phFunctionList", bridge, &P11Bridge::phFunctionList, &P11Bridge::setPhFunctionList);
+  hammer("ckFunc", bridge, &P11Bridge::ckFunc, &P11Bridge::setCkFunc);
+  using Path = std::shared_ptr<const std::string>;
   hammer(
-      "p11dylib",
-      [&](unsigned i) {
-        bridge.setP11dylib(std::make_shared<const std::string>(i == 0 ? 40U : 80U, i == 0 ? 'a' : 'b'));
-      },
+      "p11dylib", [&](unsigned which) { bridge.setP11dylib(valueOf<Path>(which)); },
       [&] {
-        const auto path = bridge.p11dylib();
-        return path && (*path == std::string(40, 'a') || *path == std::string(80, 'b'));
+        const Path path = bridge.p11dylib();
+        return path && (*path == *valueOf<Path>(0) || *path == *valueOf<Path>(1));
       });
-  hammer(
-      "phP11Module", [&](unsigned i) { bridge.setPhP11Module(&modules[i]); },
-      [&] { return isOneOf(bridge.phP11Module(), &modules[0], &modules[1]); });
-  hammer(
-      "phFunctionList", [&](unsigned i) { bridge.setPhFunctionList(i == 0 ? &someEntry : &otherEntry); },
-      [&] { return isOneOf(bridge.phFunctionList(), &someEntry, &otherEntry); });
-  hammer(
-      "ckFunc", [&](unsigned i) { bridge.setCkFunc(&lists[i]); },
-      [&] { return isOneOf(bridge.ckFunc(), &lists[0], &lists[1]); });
 }
 
 }  // namespace
