@@ -1,4 +1,4 @@
-/// Which certificate belongs to an object.
+/// Which certificate belongs to an object. How the reader's name is compared is in ReaderNameTest.cpp.
 
 #include "framework/FrameworkTest.h"
 
@@ -8,22 +8,27 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
+const std::string kBoundLine = "process: [MirelCTKFramework-366] cert.strID = ";
+const std::string kChosenLine = "process: [MirelCTKFramework-374] pCertInfo.strID = ";
+
 class BindingKeyCert : public FrameworkTest {
  protected:
   BindingKeyCert() {
-    openSessionAndEnumerate();
-    log->allLines.clear();
+    (void)openAndList();
     own->setStrID(Text{u"own"});
     own->setPbCertData(Bytes{{0x30, 0x00}});
   }
 
-  void addToRecord(std::u16string_view id, const Bytes& data) {
-    const auto listed = std::make_shared<PKCS11_CERTIFICATEOBJ_INFO>();
-    listed->setStrID(Text{id});
-    listed->setPbCertData(data);
-    record().pCerts()->push_back(listed);
+  bool bind(CK_OBJECT_HANDLE object,
+            const std::shared_ptr<PKCS11_CERTIFICATEOBJ_INFO>& certificate = nullptr) {
+    forgetAll();
+    return framework->BindingKeyCert(reader(), object, certificate);
   }
-
+  void addToRecord(const Text& id, const Bytes& data) {
+    record().pCerts()->push_back(std::make_shared<PKCS11_CERTIFICATEOBJ_INFO>());
+    record().pCerts()->back()->setStrID(id);
+    record().pCerts()->back()->setPbCertData(data);
+  }
   CK_OBJECT_HANDLE addKey(Value id) {
     return script.addObject(rsaPublicKey(std::move(id), bytesOf("Label"), patternValue(128, 1)));
   }
@@ -32,193 +37,91 @@ class BindingKeyCert : public FrameworkTest {
   std::shared_ptr<PKCS11_CERTIFICATEOBJ_INFO> own = std::make_shared<PKCS11_CERTIFICATEOBJ_INFO>();
 };
 
-TEST_F(BindingKeyCert, ReadsTheIdentifierInTheStoredSession) {
-  EXPECT_TRUE(framework->BindingKeyCert(reader(), kPublicKey, own));
-  EXPECT_THAT(script.callTexts(), ElementsAre("C_GetAttributeValue(5, 21, [CKA_ID room 256])",
-                                              "C_GetAttributeValue(5, 21, [CKA_ID room 2])"));
-}
-
-TEST_F(BindingKeyCert, ChoosesTheListedCertificateAndLogsItTwice) {
-  EXPECT_TRUE(framework->BindingKeyCert(reader(), kPublicKey, nullptr));
-  EXPECT_THAT(log->allLines, ElementsAre("process: [MirelCTKFramework-366] cert.strID = 01",
-                                         "process: [MirelCTKFramework-374] pCertInfo.strID = 01"));
-}
-
-TEST_F(BindingKeyCert, WorksForACertificateObjectToo) {
-  EXPECT_TRUE(framework->BindingKeyCert(reader(), kCertificate, nullptr));
-}
-
-TEST_F(BindingKeyCert, ChoosesTheFirstOfSeveral) {
-  record().pCerts()->clear();
-  addToRecord(u"02", Bytes{{0x01}});
-  addToRecord(u"01", Bytes{});  // without data
-  addToRecord(u"01", Bytes{{0x02}});
-  EXPECT_FALSE(framework->BindingKeyCert(reader(), kPublicKey, own));
-  EXPECT_THAT(log->allLines, ElementsAre("process: [MirelCTKFramework-366] cert.strID = 01",
-                                         "process: [MirelCTKFramework-374] pCertInfo.strID = 01"));
-}
-
-TEST_F(BindingKeyCert, FallsBackOnTheCertificateGiven) {
-  const CK_OBJECT_HANDLE key = addKey(bytesOf("02"));
-  EXPECT_TRUE(framework->BindingKeyCert(reader(), key, own));
-  EXPECT_THAT(log->allLines, ElementsAre("process: [MirelCTKFramework-374] pCertInfo.strID = own"));
-}
-
-TEST_F(BindingKeyCert, FailsWhenTheCertificateGivenHasNoData) {
-  const CK_OBJECT_HANDLE key = addKey(bytesOf("02"));
-  own->setPbCertData(Bytes{});
-  EXPECT_FALSE(framework->BindingKeyCert(reader(), key, own));
-  EXPECT_THAT(log->allLines, ElementsAre("process: [MirelCTKFramework-374] pCertInfo.strID = own"));
-}
-
-TEST_F(BindingKeyCert, TakesEmptyDataForData) {
-  const CK_OBJECT_HANDLE key = addKey(bytesOf("02"));
-  own->setPbCertData(Bytes{std::vector<std::uint8_t>{}});
-  EXPECT_TRUE(framework->BindingKeyCert(reader(), key, own));
-}
-
-TEST_F(BindingKeyCert, LogsNullForAMissingIdentifierOrCertificate) {
-  const CK_OBJECT_HANDLE key = addKey(bytesOf("02"));
-  own->setStrID(Text{});
-  EXPECT_TRUE(framework->BindingKeyCert(reader(), key, own));
-  EXPECT_FALSE(framework->BindingKeyCert(reader(), key, nullptr));
-  EXPECT_THAT(log->allLines, ElementsAre("process: [MirelCTKFramework-374] pCertInfo.strID = (null)",
-                                         "process: [MirelCTKFramework-374] pCertInfo.strID = (null)"));
+TEST_F(BindingKeyCert, ChoosesTheListedCertificateForAnObjectsIdAndLogsItTwice) {
+  for (const CK_OBJECT_HANDLE object : {kPublicKey, kCertificate}) {
+    EXPECT_TRUE(bind(object));
+    const std::string read = "C_GetAttributeValue(5, " + std::to_string(object) + ", [CKA_ID room ";
+    EXPECT_THAT(script.callTexts(), ElementsAre(read + "256])", read + "2])"));
+    EXPECT_THAT(log->allLines, ElementsAre(kBoundLine + "01", kChosenLine + "01"));
+  }
 }
 
 TEST_F(BindingKeyCert, DoesNotHandTheChosenCertificateBack) {
   const auto listed = certificates().at(0);
-  EXPECT_TRUE(framework->BindingKeyCert(reader(), kPublicKey, own));
+  EXPECT_TRUE(bind(kPublicKey, own));
   EXPECT_EQ(own->strID(), Text{u"own"});
   EXPECT_EQ(own->pbCertData().size(), 2U);
   EXPECT_THAT(certificates(), ElementsAre(listed));
 }
 
+TEST_F(BindingKeyCert, ChoosesTheFirstOfSeveralThoughItHaveNoData) {
+  *record().pCerts() = {nullptr};
+  addToRecord(Text{u"02"}, Bytes{{0x01}});
+  addToRecord(Text{u"01"}, Bytes{});
+  addToRecord(Text{u"01"}, Bytes{{0x02}});
+  EXPECT_FALSE(bind(kPublicKey, own));
+  EXPECT_THAT(log->allLines, ElementsAre(kBoundLine + "01", kChosenLine + "01"));
+}
+
+TEST_F(BindingKeyCert, FallsBackOnTheCertificateGivenIfThatHasData) {
+  const CK_OBJECT_HANDLE key = addKey(bytesOf("02"));
+  EXPECT_TRUE(bind(key, own));
+  EXPECT_THAT(log->allLines, ElementsAre(kChosenLine + "own"));
+  own->setPbCertData(Bytes{std::vector<std::uint8_t>{}});
+  EXPECT_TRUE(bind(key, own)) << "empty data is data";
+  own->setStrID(Text{});
+  own->setPbCertData(Bytes{});
+  EXPECT_FALSE(bind(key, own));
+  EXPECT_THAT(log->allLines, ElementsAre(kChosenLine + "(null)"));
+  EXPECT_FALSE(bind(key));
+  EXPECT_THAT(log->allLines, ElementsAre(kChosenLine + "(null)"));
+}
+
 TEST_F(BindingKeyCert, FallsBackWithoutAList) {
   record().setPCerts(nullptr);
-  EXPECT_TRUE(framework->BindingKeyCert(reader(), kPublicKey, own));
-  EXPECT_FALSE(framework->BindingKeyCert(reader(), kPublicKey, nullptr));
+  EXPECT_TRUE(bind(kPublicKey, own));
+  EXPECT_FALSE(bind(kPublicKey));
 }
-
-TEST_F(BindingKeyCert, PassesOverNullEntries) {
-  record().pCerts()->insert(record().pCerts()->begin(), nullptr);
-  EXPECT_TRUE(framework->BindingKeyCert(reader(), kPublicKey, nullptr));
-}
-
-// ---- The name ----
-
-TEST_F(BindingKeyCert, ComparesTheNameWithTheStartOfTheStoredDescription) {
-  const std::u16string full = u"Lecteur \u00E9 " + std::u16string(54, u'x');
-  ASSERT_EQ(full.size(), 64U);
-  CK_SLOT_INFO info = record().slotInfo();
-  setField(info.slotDescription, "Lecteur \xE9 " + std::string(54, 'x'));
-  record().setSlotInfo(info);
-  const struct {
-    const char* what;
-    Text name;
-    bool matches;
-  } kRows[] = {
-      {"all 64 characters, one of them above 0x7F", Text{full}, true},
-      {"a prefix", Text{u"Lecteur"}, true},
-      {"an empty name", Text{u""}, true},
-      {"no name", Text{}, true},
-      {"another name", Text{u"Reader A 00"}, false},
-      {"only the low byte is alike", Text{u"Lecteur \u01E9"}, false},
-      {"only the low bytes are alike", Text{u"\u014Cecteur"}, false},
-      {"65 characters that go on as the manufacturer does", Text{full + u"S"}, false},
-      {"the description and the whole manufacturer", Text{full + u"Scripted readers                "}, false},
-      {"very long", Text{std::u16string(100000, u'L')}, false},
-  };
-  for (const auto& row : kRows) {
-    SCOPED_TRACE(row.what);
-    script.forgetCalls();
-    EXPECT_EQ(framework->BindingKeyCert(row.name, kPublicKey, nullptr), row.matches);
-    EXPECT_EQ(script.calls().empty(), !row.matches);
-  }
-}
-
-TEST_F(BindingKeyCert, MatchesNoNameThatRunsThroughTheWholeStructure) {
-  CK_SLOT_INFO info{};
-  setField(info.slotDescription, std::string(64, 'A'));
-  setField(info.manufacturerID, std::string(32, 'A'));
-  info.flags = 0x4141414141414141;
-  info.hardwareVersion = {'A', 'A'};
-  info.firmwareVersion = {'A', 'A'};
-  record().setSlotInfo(info);
-  for (const std::size_t length : {65U, 96U, 104U, 108U, 112U, 113U, 200U}) {
-    SCOPED_TRACE(length);
-    EXPECT_FALSE(framework->BindingKeyCert(Text{std::u16string(length, u'A')}, kPublicKey, own));
-  }
-  EXPECT_TRUE(framework->BindingKeyCert(Text{std::u16string(64, u'A')}, kPublicKey, own));
-}
-
-// ---- Identifiers ----
 
 TEST_F(BindingKeyCert, BindsBinaryIdentifiersByteForByte) {
-  const struct {
-    const char* what;
-    Value id;
-    Text text;
-  } kRows[] = {
-      {"one byte", {0x01}, Text{u"\u0001"}},
-      {"NUL", {0x00}, Text{u"\0"sv}},
-      {"NUL and one", {0x00, 0x01}, Text{u"\0\1"sv}},
-      {"one and NUL", {0x01, 0x00}, Text{u"\1\0"sv}},
-      {"above 0x7F", {0x80, 0xFF}, Text{u"\u0080\u00FF"}},
-      {"256 bytes", Value(256, 'x'), Text{std::u16string(256, u'x')}},
-  };
+  const Value identifiers[] = {{0x01}, {0x00}, {0x00, 0x01}, {0x01, 0x00}, {0x80, 0xFF}, Value(256, 'x')};
   record().pCerts()->clear();
-  for (const auto& row : kRows) addToRecord(row.text.units(), Bytes{{0x30}});
-  for (const auto& row : kRows) {
-    SCOPED_TRACE(row.what);
-    log->allLines.clear();
-    EXPECT_TRUE(framework->BindingKeyCert(reader(), addKey(row.id), nullptr));
-    EXPECT_THAT(log->allLines,
-                ElementsAre("process: [MirelCTKFramework-366] cert.strID = " + row.text.toUtf8(),
-                            "process: [MirelCTKFramework-374] pCertInfo.strID = " + row.text.toUtf8()));
+  for (const Value& id : identifiers) addToRecord(Text::fromBytes(id), Bytes{{0x30}});
+  for (const Value& id : identifiers) {
+    SCOPED_TRACE(hexText(id));
+    const CK_OBJECT_HANDLE key = addKey(id);
+    EXPECT_TRUE(bind(key));
+    const std::string shown = Text::fromBytes(id).toUtf8();
+    EXPECT_THAT(log->allLines, ElementsAre(kBoundLine + shown, kChosenLine + shown));
   }
-  EXPECT_FALSE(framework->BindingKeyCert(reader(), addKey({0x01, 0x01}), nullptr));
-  EXPECT_FALSE(framework->BindingKeyCert(reader(), addKey(Value(255, 'x')), nullptr));
+  EXPECT_FALSE(bind(addKey({0x01, 0x01})));
+  EXPECT_FALSE(bind(addKey(Value(255, 'x'))));
 }
 
 // ---- Failures ----
 
 TEST_F(BindingKeyCert, FailsWithoutARecord) {
   framework->setP11ServiceInfo(nullptr);
-  EXPECT_FALSE(framework->BindingKeyCert(Text{}, kPublicKey, own));
-  EXPECT_THAT(script.callTexts(), IsEmpty());
+  EXPECT_FALSE(bind(kPublicKey, own));
+  EXPECT_THAT(script.calls(), IsEmpty());
   EXPECT_THAT(log->allLines, IsEmpty());
 }
 
 TEST_F(BindingKeyCert, FailsWhenTheIdentifierCannotBeRead) {
-  const Object key = rsaPublicKey(bytesOf("01"), bytesOf("Label"), patternValue(128, 1));
-  Object sensitive = key;
-  sensitive.sensitive.insert(CKA_ID);
-  const struct {
-    const char* what;
-    Object object;
-  } kRows[] = {
-      {"none", key.without(CKA_ID)},
-      {"an empty one", key.with(CKA_ID, {})},
-      {"one of 257 bytes", key.with(CKA_ID, Value(257, 'x'))},
-      {"one that must not be read", sensitive},
-  };
-  for (const auto& row : kRows) {
-    SCOPED_TRACE(row.what);
-    EXPECT_FALSE(framework->BindingKeyCert(reader(), script.addObject(row.object), own));
+  const CK_OBJECT_HANDLE unreadable[] = {addKey({}), addKey(Value(257, 'x')), 12345, 0, kNoHandle};
+  for (const CK_OBJECT_HANDLE object : unreadable) {
+    SCOPED_TRACE(object);
+    EXPECT_FALSE(bind(object, own));
+    EXPECT_THAT(log->allLines, IsEmpty());
   }
-  EXPECT_FALSE(framework->BindingKeyCert(reader(), 12345, own)) << "there is no such object";
-  EXPECT_FALSE(framework->BindingKeyCert(reader(), 0, own));
-  EXPECT_FALSE(framework->BindingKeyCert(reader(), kNoHandle, own));
-  EXPECT_THAT(log->allLines, IsEmpty());
+  script.deviations.silent = {"C_GetAttributeValue"};
+  EXPECT_FALSE(bind(kPublicKey)) << "256 bytes of zero, which no certificate has";
 }
 
 TEST_F(BindingKeyCert, FailsWithEitherCall) {
-  failEachCall(CKR_DEVICE_ERROR, 2, [&](FailPoint& point) {
+  failEachCall(2, [&](FailPoint& point) {
     newFramework();
-    openSessionAndEnumerate();
-    const RetainedRecord retained{framework->p11ServiceInfo()};
-    log->allLines.clear();
+    const RetainedRecord retained = openAndList();
     point.arm();
     const bool succeeded = framework->BindingKeyCert(reader(), kPublicKey, own);
     EXPECT_EQ(succeeded, !point.fired());
@@ -226,27 +129,6 @@ TEST_F(BindingKeyCert, FailsWithEitherCall) {
     EXPECT_EQ(framework->p11ServiceInfo(), retained.record);
     expectUntouched(retained);
   });
-}
-
-TEST_F(BindingKeyCert, FailsWithALengthThatIsALie) {
-  for (const std::size_t n : {0U, 1U}) {
-    for (const CK_ULONG lie : {CK_ULONG{0}, CK_UNAVAILABLE_INFORMATION, CK_ULONG{257}, CK_ULONG{4000},
-                               CK_ULONG{0x100000002}, CK_ULONG{1} << 40U, CK_ULONG{1} << 62U}) {
-      SCOPED_TRACE(::testing::Message() << "read " << n << ", length " << lie);
-      script.forgetCalls();
-      std::vector<std::optional<CK_ULONG>> claims(n);
-      claims.emplace_back(lie);
-      claims.emplace_back(std::nullopt);
-      script.deviations.claimedLengths[CKA_ID] = claims;
-      EXPECT_FALSE(framework->BindingKeyCert(reader(), kPublicKey, own));
-    }
-  }
-}
-
-TEST_F(BindingKeyCert, FailsWhenTheModuleWritesNothing) {
-  script.deviations.silent = {"C_GetAttributeValue"};
-  // It leaves the room it was given for the length: 256 bytes of zero, which no certificate has.
-  EXPECT_FALSE(framework->BindingKeyCert(reader(), kPublicKey, nullptr));
 }
 
 }  // namespace
