@@ -2,42 +2,27 @@
 
 #include <stdexcept>
 
-#include "platform/Log.h"
-
-namespace mirel {
-
-void PrintTo(const Text& text, std::ostream* out) {
-  *out << (text.isNull() ? "null" : '"' + printableLine(text.toUtf8()) + '"');
-}
-
-}  // namespace mirel
-
 namespace mirel::test {
-
-Text reader() { return Text{u"Reader A 00"}; }
-
-void ProviderTest::newProvider() {
-  observer->events.clear();
-  provider = std::make_shared<CryptTKitSProvider>(services());
-}
-
-void ProviderTest::useModule(const char* path) {
-  otherHomes_.push_back(std::make_unique<ModuleHome>(path));
-  user = std::make_shared<FakeUserDirectory>("alice", otherHomes_.back()->home());
-  newProvider();
-}
 
 void ProviderTest::init() {
   ASSERT_EQ(provider->initWithMirelCTKFramwork(), provider);
   script.forgetCalls();
+  loader->calls.clear();
   log->allLines.clear();
 }
 
 void ProviderTest::openSession() {
   ASSERT_NO_FATAL_FAILURE(init());
   ASSERT_EQ(provider->openTKSmartCardTokenSession(reader()), kCardSession);
+  script.card().loggedIn = true;
   script.forgetCalls();
   leavesOpen({kCardSession});
+}
+
+void ProviderTest::startAnew() {
+  script.reset();
+  newProvider();
+  openSession();
 }
 
 void ProviderTest::expectUsable() {
@@ -51,11 +36,6 @@ void ProviderTest::expectUsable() {
   ASSERT_EQ(certificates.size(), 1U);
   EXPECT_EQ(provider->getCertName(certificates.front()), Text{u"cert_MyKey_01"});
   EXPECT_TRUE(provider->getKeyFromCertID(Text{u"01"}));
-}
-
-void ProviderTest::failEachCall(CK_RV code, std::size_t numCalls,
-                                const std::function<void(FailPoint&)>& round) {
-  forEachFailingCall(script, code, numCalls, round, [this] { expectUsable(); });
 }
 
 MirelCTKFramework& ProviderTest::framework() const {
@@ -78,6 +58,13 @@ CryptTKitSProvider::CertificateList ProviderTest::listedCertificates() {
   CryptTKitSProvider::CertificateList certificates;
   EXPECT_TRUE(provider->getTokenCerts(reader(), &certificates));
   return certificates;
+}
+
+void ProviderTest::useKey(std::size_t modulusLen, std::string_view label, CK_KEY_TYPE type) {
+  script.card().objects.clear();
+  const Value modulus = patternValue(modulusLen, 0xC5);
+  script.addObject(rsaPublicKey(bytesOf("01"), bytesOf(label), modulus).with(CKA_KEY_TYPE, ulongValue(type)));
+  script.addObject(rsaPrivateKey(bytesOf("01"), bytesOf(label), modulus));
 }
 
 }  // namespace mirel::test
