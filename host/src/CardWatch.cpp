@@ -53,25 +53,25 @@ std::optional<FailedCall> readToken(P11Bridge& bridge, const Reader& reader, Fai
 CardWatch::CardWatch(const std::shared_ptr<MirelSCToken>& token, Reader reader)
     : token_{token}, reader_{std::move(reader)} {}
 
-std::optional<Failure> CardWatch::look(FailureDiary& diary) {
-  if (auto end = ended()) return end;
-  auto trouble = lookAtCard(diary);
-  if (trouble) learnFrom(*trouble);
-  return trouble;
+Result<void> CardWatch::look(FailureDiary& diary) {
+  if (const auto going = goesOn(); !going) return going;
+  const auto there = lookAtCard(diary);
+  if (!there) learnFrom(there.failure());
+  return there;
 }
 
 void CardWatch::learnFrom(const Failure& failure) {
   const bool ends = failure.kind == FailureKind::kCardGone || failure.kind == FailureKind::kAnotherCard;
   const std::lock_guard lock{mutex_};
-  if (ends && !ended_) ended_ = failure;
+  if (ends && goesOn_) goesOn_ = failure;
 }
 
-std::optional<Failure> CardWatch::ended() const {
+Result<void> CardWatch::goesOn() const {
   const std::lock_guard lock{mutex_};
-  return ended_;
+  return goesOn_;
 }
 
-std::optional<Failure> CardWatch::lookAtCard(FailureDiary& diary) const {
+Result<void> CardWatch::lookAtCard(FailureDiary& diary) const {
   const auto provider = providerOf(token_);
   if (!provider) return gone("its token was dropped");
   const std::lock_guard alone{provider->gate()};  // what is looked at, a session of the token may replace
@@ -88,14 +88,14 @@ std::optional<Failure> CardWatch::lookAtCard(FailureDiary& diary) const {
                          FailureKind::kCardRefuses);
     return because.kind == FailureKind::kCardGone ? gone(because.why) : because;
   }
-  if (auto another = compared(token)) return another;
+  if (const auto same = compare(token); !same) return same;
 
   // What the framework calls a change may be a token without a random number generator, or a name beyond
   // ASCII. Only a session that has ended tells that this card was away.
   const auto record = framework->p11ServiceInfo();
-  if (!changed || !record || record->hSession() == kNoHandle || record->hSession() == 0) return std::nullopt;
+  if (!changed || !record || record->hSession() == kNoHandle || record->hSession() == 0) return {};
   const CK_RV rv = bridge->pkcs11_GetSessionInfo(record->hSession(), nullptr);
-  if (rv == CKR_OK) return std::nullopt;
+  if (rv == CKR_OK) return {};
   const FailedCall cause{"C_GetSessionInfo", rv};
   const Failure because = failureBecauseOf(
       cause, "the card in the reader " + quoted(reader_.name) + " was taken out and put back",
@@ -106,23 +106,23 @@ std::optional<Failure> CardWatch::lookAtCard(FailureDiary& diary) const {
              : because;
 }
 
-std::optional<Failure> CardWatch::anotherCardAtInsertion() {
+Result<void> CardWatch::checkInsertion() {
   const auto provider = providerOf(token_);
   const auto framework = provider ? provider->pCTKFramework() : nullptr;
   const auto record = framework ? framework->p11ServiceInfo() : nullptr;
-  if (!record) return std::nullopt;
+  if (!record) return {};
   const CK_TOKEN_INFO token = record->tokenInfo();
-  if (!reader_.unreadable) return compared(token);
+  if (!reader_.unreadable) return compare(token);
   // The reader could not say before which card it holds.
   reader_.tokenLabel = trimmed(token.label);
   reader_.serialNumber = trimmed(token.serialNumber);
-  return std::nullopt;
+  return {};
 }
 
-std::optional<Failure> CardWatch::compared(const CK_TOKEN_INFO& token) const {
+Result<void> CardWatch::compare(const CK_TOKEN_INFO& token) const {
   const Text label = trimmed(token.label);
   const Text serialNumber = trimmed(token.serialNumber);
-  if (label == reader_.tokenLabel && serialNumber == reader_.serialNumber) return std::nullopt;
+  if (label == reader_.tokenLabel && serialNumber == reader_.serialNumber) return {};
   return Failure{FailureKind::kAnotherCard, "another card is in the reader " + quoted(reader_.name),
                  "the card " + described(reader_.tokenLabel, reader_.serialNumber) +
                      " was inserted, and now " + described(label, serialNumber) + " is there",

@@ -2,11 +2,10 @@
 
 #include <memory>
 #include <mutex>
-#include <optional>
 
 #include "bridge/cryptoki.h"
-#include "host/Failure.h"
 #include "host/Host.h"
+#include "host/Result.h"
 
 namespace mirel {
 
@@ -21,30 +20,29 @@ class CardWatch {
   /// `reader`: with the card that was inserted.
   CardWatch(const std::shared_ptr<MirelSCToken>& token, Reader reader);
 
-  /// Asks the module. Nothing: the card is there, and the token's session with it. Otherwise why the card
-  /// must not be given anything: that another one is there, that it is gone, or that it cannot be told. The
-  /// diary is written over.
-  [[nodiscard]] std::optional<Failure> look(FailureDiary& diary);
+  /// Whether the card is there, and the token's session with it. Asks the module. The failure says why the
+  /// card must not be given anything: that another one is there, that it is gone, or that it cannot be told.
+  /// The diary is written over.
+  [[nodiscard]] Result<void> look(FailureDiary& diary);
 
-  /// Why the token has ended; nothing while it has not. Asks nobody.
-  [[nodiscard]] std::optional<Failure> ended() const;
+  /// Whether the token goes on; the failure says why it has ended. Asks nobody.
+  [[nodiscard]] Result<void> goesOn() const;
 
   /// Ends the token when the failure is that the card is gone.
   void learnFrom(const Failure& failure);
 
-  /// Whether the token was made of another card than the reader held before. Asks nobody. Before anything
-  /// else.
-  [[nodiscard]] std::optional<Failure> anotherCardAtInsertion();
+  /// Whether the token was made of the card that the reader held before. Asks nobody. Before anything else.
+  [[nodiscard]] Result<void> checkInsertion();
 
  private:
-  [[nodiscard]] std::optional<Failure> compared(const CK_TOKEN_INFO& token) const;
-  [[nodiscard]] std::optional<Failure> lookAtCard(FailureDiary& diary) const;
+  [[nodiscard]] Result<void> compare(const CK_TOKEN_INFO& token) const;
+  [[nodiscard]] Result<void> lookAtCard(FailureDiary& diary) const;
   [[nodiscard]] Failure gone(std::string why) const;
 
   std::weak_ptr<MirelSCToken> token_;
   Reader reader_;
   mutable std::mutex mutex_;
-  std::optional<Failure> ended_;  // with the mutex
+  Result<void> goesOn_;  // with the mutex
 };
 
 }  // namespace mirel

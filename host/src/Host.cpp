@@ -276,12 +276,12 @@ Result<InsertedCard> Host::insert(const Text& readerName) {
   }
   card.uncertain = chosen->uncertain;
   card.watch = std::make_shared<CardWatch>(card.token, reader);
-  if (const auto another = card.watch->anotherCardAtInsertion()) return *another;
+  if (const auto same = card.watch->checkInsertion(); !same) return same.failure();
   return card;
 }
 
 Result<std::unique_ptr<KeyClient>> Host::newClient(const InsertedCard& card) {
-  if (const auto end = card.watch ? card.watch->ended() : std::nullopt) return *end;
+  if (const auto going = card.watch ? card.watch->goesOn() : Result<void>{}; !going) return going.failure();
   if (card.uncertain) return *card.uncertain;
   std::optional<TKError> error;
   auto session =

@@ -212,7 +212,7 @@ std::optional<SecKeyAlgorithm> KeyClient::acceptedForm(const PublishedKey& key, 
 
 Result<SecKeyAlgorithm> KeyClient::formFor(const PublishedKey& key, SecKeyAlgorithm algorithm,
                                            TKTokenOperation operation) {
-  if (const auto end = card_.watch ? card_.watch->ended() : std::nullopt) return *end;
+  if (const auto going = card_.watch ? card_.watch->goesOn() : Result<void>{}; !going) return going.failure();
   const std::string what = "the key \"" + shortened(displayed(key.objectID)) + "\" does not " +
                            verbOf(operation) + " with " + named(algorithm);
   if (operationOf(algorithm) != operation) {
@@ -400,13 +400,13 @@ Result<void> KeyClient::authenticate(TKTokenOperation operation, const Text& con
 /// Whether the card can be asked anything. Drops the session of a token that has ended.
 Result<void> KeyClient::lookForCard() {
   if (!card_.watch) return {};
-  const auto failure = card_.watch->look(*diary_);
+  const auto there = card_.watch->look(*diary_);
   // Another client may have found out since.
-  const auto end = card_.watch->ended();
-  if (!end) return failure ? Result<void>{*failure} : Result<void>{};
+  const auto going = card_.watch->goesOn();
+  if (going) return there;
   session_.reset();
   card_.token.reset();
-  return *end;
+  return going;
 }
 
 void KeyClient::learnFrom(const Failure& failure) {
