@@ -106,9 +106,9 @@ std::optional<FailureDiary::Entry> FailureDiary::cause() const {
   return mine.operation;
 }
 
-std::string FailureDiary::reason() const {
+std::optional<std::string> FailureDiary::reason() const {
   const auto blamed = cause();
-  return blamed ? answerText(*blamed) : page().loaderText;
+  return blamed ? std::optional{answerText(*blamed)} : page().loaderText;
 }
 
 std::shared_ptr<DynamicLoader> loaderWithDiary(std::shared_ptr<DynamicLoader> next,

@@ -45,8 +45,8 @@ class FailureDiary final : public CryptokiObserver {
   /// Forgets everything.
   void clear() noexcept;
 
-  /// What the loader said when it failed last; empty: it has not.
-  [[nodiscard]] const std::string& loaderText() const noexcept { return page().loaderText; }
+  /// What the loader said when it failed last; nothing when it has not.
+  [[nodiscard]] const std::optional<std::string>& loaderText() const noexcept { return page().loaderText; }
 
   /// The innermost operation that has failed since one succeeded.
   [[nodiscard]] const std::optional<Entry>& failedOperation() const noexcept { return page().operation; }
@@ -65,12 +65,12 @@ class FailureDiary final : public CryptokiObserver {
   /// nothing when it was not called.
   [[nodiscard]] std::optional<std::uint64_t> lastResultOf(std::string_view name) const;
 
-  /// All that is known, as one phrase; empty when nothing failed.
-  [[nodiscard]] std::string reason() const;
+  /// All that is known, as one phrase; nothing when nothing failed.
+  [[nodiscard]] std::optional<std::string> reason() const;
 
  private:
   struct Page {
-    std::string loaderText;
+    std::optional<std::string> loaderText;
     std::optional<Entry> operation;
     std::optional<Entry> call;
     std::optional<Entry> failedRead;

@@ -30,12 +30,11 @@ Failure moduleFailure(const FailureDiary& diary, const std::shared_ptr<const std
             "the user database has no entry for this user", UserStep::kNameHomeOrModule};
   }
   const std::string what = "the PKCS #11 module " + moduleName(*path, givenModule) + " cannot be loaded";
-  if (!diary.loaderText().empty()) {
-    return {FailureKind::kModuleNotLoadable, what, printableLine(diary.loaderText()),
+  if (diary.loaderText()) {
+    return {FailureKind::kModuleNotLoadable, what, printableLine(*diary.loaderText()),
             givenModule.empty() ? UserStep::kInstallOrNameModule : UserStep::kCheckModuleKind};
   }
-  const std::string reason = diary.reason();
-  return {FailureKind::kModuleNotLoadable, what, reason.empty() ? "it gives no function list" : reason,
+  return {FailureKind::kModuleNotLoadable, what, diary.reason().value_or("it gives no function list"),
           kAskMaker};
 }
 

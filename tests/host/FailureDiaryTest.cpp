@@ -33,8 +33,8 @@ class Diary : public ::testing::Test {
 TEST_F(Diary, IsEmptyAtFirst) {
   EXPECT_FALSE(diary->failedOperation());
   EXPECT_FALSE(diary->failedCall());
-  EXPECT_EQ(diary->loaderText(), "");
-  EXPECT_EQ(diary->reason(), "");
+  EXPECT_EQ(diary->loaderText(), std::nullopt);
+  EXPECT_EQ(diary->reason(), std::nullopt);
 }
 
 TEST_F(Diary, KeepsTheCallAndTheOperationThatItMadeFail) {
@@ -53,7 +53,7 @@ TEST_F(Diary, HasAPageForEachThread) {
   call("C_GetTokenInfo", kDeviceError);
   diary->operationReturned("pkcs11_GetTokenInfo", kDeviceError);
   std::thread{[this] {
-    EXPECT_EQ(diary->reason(), "");
+    EXPECT_EQ(diary->reason(), std::nullopt);
     EXPECT_FALSE(diary->lastResultOf("C_GetTokenInfo"));
     call("C_Login", 0xA0);
     diary->operationReturned("pkcs11_UserLogin", 0xA0);
@@ -102,13 +102,13 @@ TEST_F(Diary, ForgetsAFailureWhenAnOperationSucceeds) {
   diary->operationReturned("pkcs11_FindSlot", kOk);
   EXPECT_FALSE(diary->failedOperation());
   EXPECT_FALSE(diary->failedCall());
-  EXPECT_EQ(diary->reason(), "");
+  EXPECT_EQ(diary->reason(), std::nullopt);
 }
 
 TEST_F(Diary, ForgetsACallWhoseOperationSucceedsAllTheSame) {
   call("C_CloseSession", kDeviceError);
   diary->operationReturned("pkcs11_GetTokenInfo", kOk);
-  EXPECT_EQ(diary->reason(), "");
+  EXPECT_EQ(diary->reason(), std::nullopt);
 }
 
 TEST_F(Diary, KeepsTheFirstFailureWithItsOwnCall) {
@@ -140,8 +140,8 @@ TEST_F(Diary, CanBeCleared) {
   diary->clear();
   EXPECT_FALSE(diary->failedOperation());
   EXPECT_FALSE(diary->failedCall());
-  EXPECT_EQ(diary->loaderText(), "");
-  EXPECT_EQ(diary->reason(), "");
+  EXPECT_EQ(diary->loaderText(), std::nullopt);
+  EXPECT_EQ(diary->reason(), std::nullopt);
 }
 
 // ---- What was answered last ----
@@ -246,7 +246,7 @@ TEST_F(Diary, WritesNothingOfALoaderThatSucceeds) {
   ASSERT_NE(library, nullptr);
   EXPECT_NE(loader->symbol(library, "strlen"), nullptr);
   EXPECT_TRUE(loader->close(library));
-  EXPECT_EQ(diary->loaderText(), "");
+  EXPECT_EQ(diary->loaderText(), std::nullopt);
 }
 
 }  // namespace
