@@ -1,14 +1,17 @@
 #include "EndToEndTest.h"
 
 #include <gmock/gmock.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
+#include <chrono>
 #include <cstdlib>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 #include <stdexcept>
+#include <thread>
 
 #include "cardmaker/SoftHsm.h"
 
@@ -18,6 +21,7 @@ namespace {
 namespace fs = std::filesystem;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
+using ::testing::MatchesRegex;
 
 /// What the sanitizers of an instrumented child need of our own environment.
 void passSanitizerOptions(std::map<std::string, std::string>& environment) {
@@ -33,31 +37,165 @@ TemporaryFolder folderInMemory() {
   return {};
 }
 
-Result runCardmaker(std::vector<std::string> arguments, const std::string& input) {
+std::string runCardmaker(const Arguments& arguments, const std::string& input) {
   Invocation invocation{
-      .program = MIREL_CARDMAKER, .arguments = std::move(arguments), .environment = {}, .input = input};
+      .program = MIREL_CARDMAKER, .arguments = arguments, .environment = {}, .input = input};
   invocation.environment["MIREL_SOFTHSM2_MODULE"] = softHsmModule().string();
   passSanitizerOptions(invocation.environment);
-  Result result = run(invocation);
+  const Result result = run(invocation);
   if (result.exitCode != 0) throw std::runtime_error{"cardmaker failed: " + result.err};
-  return result;
+  return result.out;
 }
 
-std::vector<FoundObject> readWitnessFile(const fs::path& path) {
-  std::vector<FoundObject> found;
-  std::ifstream file{path};
-  for (std::string line; std::getline(file, line);) {
-    std::istringstream words{line};
-    FoundObject object{};
-    std::string id;
-    std::string label;
-    words >> object.objectClass >> id >> label;
-    found.push_back({object.objectClass, bytesOfHex(id), bytesOfHex(label)});
-  }
-  return found;
+/// The PIN's file for a command that takes one and names none.
+bool lacksPin(const Arguments& arguments) {
+  const auto has = [&](std::string_view word) {
+    return std::find(arguments.begin(), arguments.end(), word) != arguments.end();
+  };
+  return !has("--pin-file") && !has("--pin-fd") && !has("certificate") && !has("algorithms") &&
+         !has("items") && !has("readers");
 }
 
 }  // namespace
+
+Arguments::Arguments(const std::string& line) {
+  std::istringstream words{line};
+  assign(std::istream_iterator<std::string>{words}, {});
+}
+
+Arguments operator+(Arguments first, const Arguments& second) {
+  first.insert(first.end(), second.begin(), second.end());
+  return first;
+}
+
+std::vector<KeyLine> severalKeys() {
+  return {{},
+          {.id = "02", .label = "Encryption", .usage = "keyEncipherment", .allow = "decrypt"},
+          {.type = "p256", .id = "03", .label = "Agreement", .usage = "keyAgreement", .allow = "derive"}};
+}
+
+EndToEndTest::EndToEndTest(std::vector<KeyLine> keys) : keys_{std::move(keys)}, folder_{folderInMemory()} {}
+
+void EndToEndTest::SetUp() {
+  if (softHsmModule().empty()) GTEST_SKIP() << kSoftHsmIsMissing;
+  fs::create_directory(temporaryFiles());
+  if (!keys_.empty()) makeCard(keys_);
+}
+
+void EndToEndTest::TearDown() {
+  if (IsSkipped()) return;
+  EXPECT_THAT(filesIn("tmp"), IsEmpty());
+}
+
+void EndToEndTest::makeCards(const std::string& description) const {
+  fs::remove_all(path("tokens"));
+  (void)runCardmaker({"make", folder().string(), "--keys", MIREL_KEY_FOLDER}, description);
+}
+
+void EndToEndTest::makeCard(const std::vector<KeyLine>& keys) const {
+  std::string text = std::string{"token label=Card pin="} + kPin + "\n";
+  for (const KeyLine& key : keys) {
+    const std::string common = " type=" + key.type + " id=" + key.id + " label=" + key.label;
+    text += "public" + common + "\nprivate" + common + " allow=" + key.allow + "\n";
+    text += "certificate" + common + " usage=" + key.usage + " subject=" + key.subject + "\n";
+  }
+  makeCards(text);
+}
+
+Json EndToEndTest::slots() const { return Json::parse(runCardmaker({"list", folder().string()}, "")); }
+
+std::string EndToEndTest::readerOf(std::string_view tokenLabel) const {
+  for (const Json& slot : slots()) {
+    if (textOf(slot["label"]) == tokenLabel) return textOf(slot["description"]);
+  }
+  throw std::runtime_error{"no such token"};
+}
+
+Invocation EndToEndTest::invocation(Arguments arguments) const {
+  Invocation result{
+      .program = MIREL_MIRELTOKEN, .arguments = std::move(arguments), .environment = {}, .input = {}};
+  result.environment["SOFTHSM2_CONF"] = path("softhsm2.conf");
+  result.environment["TMPDIR"] = temporaryFiles();
+  passSanitizerOptions(result.environment);
+  return result;
+}
+
+Invocation EndToEndTest::onSoftHsm(const Arguments& arguments) const {
+  return invocation(Arguments{"--module", softHsmModule().string()} + arguments);
+}
+
+Invocation EndToEndTest::withPin(const Arguments& arguments, std::string input) const {
+  Invocation call = onSoftHsm(arguments + Arguments{"--pin-file", write("pin", kPin)});
+  call.input = std::move(input);
+  return call;
+}
+
+Invocation EndToEndTest::staged(const Arguments& arguments, const Stage& stage) const {
+  fs::remove(path("calls"));
+  // The checkout may belong to somebody else.
+  Invocation call = invocation(Arguments{"--trust-module", "--module", MIREL_STAGED_MODULE_FILE} + arguments);
+  call.environment["MIREL_STAGED_MODULE"] = softHsmModule().string();
+  call.environment["MIREL_STAGED_CALLS"] = path("calls");
+  for (const auto& [name, value] : stage) call.environment["MIREL_STAGED_" + name] = value;
+  return call;
+}
+
+Invocation EndToEndTest::stagedWithPin(const Arguments& arguments, const Stage& stage) const {
+  Invocation call = staged(arguments + Arguments{"--pin-file", write("pin", kPin)}, stage);
+  call.input = kMessage;
+  return call;
+}
+
+int EndToEndTest::stagedCallsOf(std::string_view function) const {
+  const std::vector<std::string> lines = linesOf(read("calls"));
+  return static_cast<int>(std::count(lines.begin(), lines.end(), function));
+}
+
+bool EndToEndTest::waitForStagedCallOf(std::string_view function) const {
+  for (int i = 0; i < 2000; ++i) {
+    if (stagedCallsOf(function) > 0) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds{10});
+  }
+  return false;
+}
+
+void EndToEndTest::expectFailures(const std::vector<FailingRun>& rows) const {
+  for (const FailingRun& row : rows) {
+    SCOPED_TRACE(::testing::PrintToString(row.arguments) + ::testing::PrintToString(row.stage));
+    Invocation call =
+        lacksPin(row.arguments) ? stagedWithPin(row.arguments, row.stage) : staged(row.arguments, row.stage);
+    call.input = row.input;
+    expectFailure(run(call), row.exitCode, row.words);
+    EXPECT_FALSE(exists("out"));
+  }
+}
+
+Json EndToEndTest::items() const {
+  const Result result = mireltoken("items --json");
+  expectSuccess(result);
+  return Json::parse(result.out)["items"];
+}
+
+std::string EndToEndTest::write(std::string_view name, std::string_view content, mode_t mode) const {
+  const std::string file = path(name);
+  std::ofstream{file, std::ios::binary} << content;
+  if (chmod(file.c_str(), mode) != 0) throw std::runtime_error{"chmod does not work"};
+  return file;
+}
+
+std::string EndToEndTest::read(std::string_view name) const { return contentOf(path(name)); }
+
+mode_t EndToEndTest::modeOf(std::string_view name) const {
+  struct stat status {};
+  return stat(path(name).c_str(), &status) == 0 ? status.st_mode & 07777U : 0;
+}
+
+std::vector<std::string> EndToEndTest::filesIn(std::string_view name) const {
+  std::vector<std::string> names;
+  for (const auto& entry : fs::directory_iterator{path(name)}) names.push_back(entry.path().filename());
+  std::sort(names.begin(), names.end());
+  return names;
+}
 
 std::string bytesOfHex(std::string_view digits) {
   std::string bytes;
@@ -67,13 +205,13 @@ std::string bytesOfHex(std::string_view digits) {
 }
 
 std::string hexOfBytes(std::string_view bytes) {
-  std::ostringstream digits;
-  digits << std::hex << std::uppercase;
+  constexpr std::string_view kDigits = "0123456789ABCDEF";
+  std::string digits;
   for (const char c : bytes) {
-    const unsigned byte = static_cast<unsigned char>(c);
-    digits << (byte < 0x10 ? "0" : "") << byte;
+    const auto byte = static_cast<unsigned char>(c);
+    digits.append(1, kDigits[byte >> 4U]).append(1, kDigits[byte & 0xFU]);
   }
-  return digits.str();
+  return digits;
 }
 
 std::string characters(std::string_view bytes) {
@@ -90,98 +228,57 @@ std::string characters(std::string_view bytes) {
   return utf8;
 }
 
-std::string trimmedText(std::string_view digits) {
-  std::string bytes = bytesOfHex(digits);
+std::string textOf(const Json& digits) {
+  std::string bytes = bytesOfHex(digits.get<std::string>());
   bytes.erase(bytes.find_last_not_of(' ') + 1);
   return characters(bytes);
 }
 
-EndToEndTest::EndToEndTest() : folder_{folderInMemory()} {}
-
-void EndToEndTest::SetUp() {
-  if (softHsmModule().empty()) GTEST_SKIP() << kSoftHsmIsMissing;
-  fs::create_directory(temporaryFiles());
+std::string contentOf(const std::string& file) {
+  std::ifstream in{file, std::ios::binary};
+  return {std::istreambuf_iterator<char>{in}, {}};
 }
 
-void EndToEndTest::TearDown() {
-  if (IsSkipped()) return;
-  EXPECT_TRUE(fs::is_empty(temporaryFiles())) << *fs::directory_iterator{temporaryFiles()};
+std::vector<std::string> linesOf(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream in{text};
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  return lines;
 }
 
-void EndToEndTest::makeCards(const std::string& description) const {
-  (void)runCardmaker({"make", folder().string(), "--keys", MIREL_KEY_FOLDER}, description);
-}
-
-Json EndToEndTest::slots() const { return Json::parse(runCardmaker({"list", folder().string()}, "").out); }
-
-std::string EndToEndTest::readerOf(std::string_view tokenLabel) const {
-  for (const Json& slot : slots()) {
-    if (trimmedText(slot["label"].get<std::string>()) == tokenLabel)
-      return trimmedText(slot["description"].get<std::string>());
+std::vector<std::string> cellsOf(const std::string& line) {
+  std::vector<std::string> cells;
+  for (std::size_t start = 0; start < line.size();) {
+    const std::size_t end = std::min(line.find("  ", start), line.size());
+    cells.push_back(line.substr(start, end - start));
+    start = std::min(line.find_first_not_of(' ', end), line.size());
   }
-  throw std::runtime_error{"no such token"};
+  return cells;
 }
 
-Invocation EndToEndTest::invocation(std::vector<std::string> arguments) const {
-  Invocation result{
-      .program = MIREL_MIRELTOKEN, .arguments = std::move(arguments), .environment = {}, .input = {}};
-  result.environment["SOFTHSM2_CONF"] = (folder() / "softhsm2.conf").string();
-  result.environment["TMPDIR"] = temporaryFiles().string();
-  passSanitizerOptions(result.environment);
-  return result;
-}
+ScopedMask::ScopedMask(mode_t mask) : before_{umask(mask)} {}
+ScopedMask::~ScopedMask() { umask(before_); }
 
-Invocation EndToEndTest::onSoftHsm(std::vector<std::string> arguments) const {
-  arguments.insert(arguments.begin(), {"--module", softHsmModule().string()});
-  return invocation(std::move(arguments));
-}
-
-Result EndToEndTest::mireltoken(std::vector<std::string> arguments) const {
-  return run(onSoftHsm(std::move(arguments)));
-}
-
-Json EndToEndTest::items() const {
-  const Result result = mireltoken({"items", "--json"});
-  expectSuccess(result);
-  return Json::parse(result.out)["items"];
-}
-
-Json EndToEndTest::items(std::vector<FoundObject>& outFound) const {
-  const fs::path witnessFile = folder() / "witness";
-  Invocation witnessed =
-      invocation({"--trust-module", "--module", MIREL_WITNESS_MODULE_FILE, "items", "--json"});
-  witnessed.environment["MIREL_WITNESS_MODULE"] = softHsmModule().string();
-  witnessed.environment["MIREL_WITNESS_FILE"] = witnessFile.string();
-  const Result result = run(witnessed);
-  expectSuccess(result);
-  outFound = readWitnessFile(witnessFile);
-  return Json::parse(result.out)["items"];
-}
-
-std::vector<Json> itemsOfClass(const Json& items, std::string_view itemClass) {
-  std::vector<Json> found;
-  std::copy_if(items.begin(), items.end(), std::back_inserter(found),
-               [&](const Json& item) { return item["class"] == itemClass; });
-  return found;
-}
-
-Json itemLabelled(const Json& items, std::string_view itemClass, std::string_view bytes) {
-  const std::vector<Json> candidates = itemsOfClass(items, itemClass);
-  const auto fits = [label = characters(bytes)](const Json& item) { return item["label"] == label; };
-  if (std::count_if(candidates.begin(), candidates.end(), fits) != 1) return {};
-  return *std::find_if(candidates.begin(), candidates.end(), fits);
-}
-
-void expectFailure(const Result& result, int exitCode, const std::vector<std::string>& parts) {
+void expectFailure(const Result& result, int exitCode, const std::vector<std::string>& words) {
   EXPECT_EQ(result.exitCode, exitCode);
   EXPECT_THAT(result.out, IsEmpty());
-  EXPECT_THAT(result.err, ::testing::MatchesRegex("mireltoken: [^\n]+: [^\n]+; [^\n]+\n"));
-  for (const std::string& part : parts) EXPECT_THAT(result.err, HasSubstr(part));
+  EXPECT_THAT(result.err, MatchesRegex("mireltoken: [^\n]+: [^\n]+; [^\n]+\n"));
+  for (const std::string& word : words) EXPECT_THAT(result.err, HasSubstr(word));
 }
 
 void expectSuccess(const Result& result) {
   EXPECT_EQ(result.exitCode, 0);
   EXPECT_THAT(result.err, IsEmpty());
+}
+
+void expectOutput(const Result& result, const std::string& output) {
+  expectSuccess(result);
+  EXPECT_EQ(result.out, output);
+}
+
+void expectSigned(const Result& result) {
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_THAT(result.err, MatchesRegex("Signed with the key [^\n]+\\.\n"));
 }
 
 }  // namespace mirel::test

@@ -23,7 +23,6 @@ namespace fs = std::filesystem;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
-using ::testing::Not;
 using ::testing::StartsWith;
 
 /// A desktop that writes down what it is asked to do.
@@ -73,6 +72,8 @@ constexpr const char* kAskTerminal =
     "If something does not work, this command in Terminal tells why: "
     "\"/Applications/Mirel Token.app/Contents/MacOS/mireltoken\" items";
 
+const std::string kAllReady = std::string{kReady} + "\n" + kInsertCard + "\n" + kAskTerminal + "\n";
+
 /// Places that the system runs no extensions from.
 constexpr const char* kOutOfPlace[] = {
     "/Volumes/Mirel Token/Mirel Token.app",
@@ -117,20 +118,48 @@ class FirstStart : public ::testing::Test {
 
 // ---- What is told ----
 
-TEST_F(FirstStart, TellsThatEverythingIsReady) {
-  const Outcome outcome = runFromShell();
-  EXPECT_EQ(outcome.code, ExitCode::kSuccess);
-  EXPECT_EQ(outcome.output, std::string{kReady} + "\n" + kInsertCard + "\n" + kAskTerminal + "\n");
-}
-
-TEST_F(FirstStart, TellsWhichModuleIsMissing) {
-  fs::remove(module);
-  const Outcome outcome = runFromShell();
-  EXPECT_EQ(outcome.code, ExitCode::kModuleNotLoadable);
-  EXPECT_EQ(outcome.output, std::string{kModuleMissing} +
-                                "\nInstall the software that came with your card, then put the card into the "
-                                "reader. Mirel Token needs this file: " +
-                                module.string() + "\n" + kAskTerminal + "\n");
+TEST_F(FirstStart, TellsWhatIsToBeDoneFirst) {
+  const std::string moduleMissing =
+      std::string{kModuleMissing} +
+      "\nInstall the software that came with your card, then put the card into the reader. Mirel Token needs "
+      "this file: " +
+      module.string() + "\n" + kAskTerminal + "\n";
+  // No command: where the app is, it does not stay.
+  const std::string outOfPlace = std::string{kMove} + "\n" + kMoveWhere + "\n";
+  const std::string notRegistered =
+      std::string{kNotRegistered} +
+      "\nThe system answered with error -10811. Open Mirel Token once in Finder, in the Applications folder. "
+      "If that does not help, log out and in again.\n" +
+      kAskTerminal + "\n";
+  const struct {
+    const char* name;
+    ExitCode code;
+    std::string output;
+    bool hasModule = true;
+    std::int32_t registrationError = 0;
+    const char* path = "/Applications/Mirel Token.app";
+  } rows[] = {
+      {"nothing", ExitCode::kSuccess, kAllReady},
+      {"the module is missing", ExitCode::kModuleNotLoadable, moduleMissing, false},
+      {"the registration failed", ExitCode::kInternal, notRegistered, true, -10811},
+      {"both", ExitCode::kModuleNotLoadable, moduleMissing, false, -10811},
+      {"on a disk image", ExitCode::kUsage, outOfPlace, true, 0, kOutOfPlace[0]},
+      {"moved by the system", ExitCode::kUsage, outOfPlace, true, 0, kOutOfPlace[1]},
+      {"all of it", ExitCode::kUsage, outOfPlace, false, -10811, kOutOfPlace[0]},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    if (!row.hasModule) fs::remove(module);
+    if (row.hasModule) std::ofstream{module} << "a module";
+    desktop.registrationError = row.registrationError;
+    desktop.path = row.path;
+    desktop.registrations = 0;
+    const Outcome outcome = runFromShell();
+    EXPECT_EQ(outcome.code, row.code);
+    EXPECT_EQ(outcome.output, row.output);
+    EXPECT_EQ(desktop.registrations, row.code == ExitCode::kUsage ? 0 : 1);
+  }
+  EXPECT_THAT(desktop.messages, IsEmpty());
 }
 
 TEST_F(FirstStart, TakesADanglingLinkForAMissingModule) {
@@ -144,39 +173,18 @@ TEST_F(FirstStart, LooksForTheModuleInTheHomeOfTheUserWhoIsLoggedIn) {
   EXPECT_THAT(user.askedFor(), ElementsAre("ada"));
 }
 
-TEST_F(FirstStart, TellsThatTheAppIsOutOfPlace) {
-  for (const char* path : kOutOfPlace) {
+TEST_F(FirstStart, TakesEveryOtherPlaceForAGoodOneAndNamesItInTheCommand) {
+  for (const std::string path :
+       {"/Applications/Mirel Token.app", "/Users/ada/Applications/Mirel Token.app",
+        "/Users/ada/Volumes/Mirel Token.app", "/VolumesOfMine/Mirel Token.app",
+        "/Users/ada/AppTranslocation.app", "/Users/ada/MyAppTranslocation/Mirel Token.app",
+        "/Applications/%@/%s.app", "/Users/\xC3\x81gnes/\xF0\x9F\x94\x91.app"}) {
     SCOPED_TRACE(path);
     desktop.path = path;
     const Outcome outcome = runFromShell();
-    EXPECT_EQ(outcome.code, ExitCode::kUsage);
-    // No command: where the app is, it does not stay.
-    EXPECT_EQ(outcome.output, std::string{kMove} + "\n" + kMoveWhere + "\n");
+    EXPECT_EQ(outcome.code, ExitCode::kSuccess);
+    EXPECT_THAT(outcome.output, HasSubstr(": \"" + path + "/Contents/MacOS/mireltoken\" items\n"));
   }
-}
-
-TEST_F(FirstStart, TellsThatTheAppIsOutOfPlaceBeforeAllElse) {
-  desktop.path = kOutOfPlace[0];
-  desktop.registrationError = -10811;
-  fs::remove(module);
-  EXPECT_EQ(runFromShell().code, ExitCode::kUsage);
-}
-
-TEST_F(FirstStart, TakesEveryOtherPlaceForAGoodOne) {
-  for (const char* path :
-       {"/Applications/Mirel Token.app", "/Users/ada/Applications/Mirel Token.app",
-        "/Users/ada/Volumes/Mirel Token.app", "/VolumesOfMine/Mirel Token.app",
-        "/Users/ada/AppTranslocation.app", "/Users/ada/MyAppTranslocation/Mirel Token.app"}) {
-    SCOPED_TRACE(path);
-    desktop.path = path;
-    EXPECT_EQ(runFromShell().code, ExitCode::kSuccess);
-  }
-}
-
-TEST_F(FirstStart, TellsThatTheModuleIsMissingBeforeTheErrorOfTheRegistration) {
-  desktop.registrationError = -10811;
-  fs::remove(module);
-  EXPECT_EQ(runFromShell().code, ExitCode::kModuleNotLoadable);
 }
 
 TEST_F(FirstStart, LeavesEverythingElseToTheCommandLine) {
@@ -188,78 +196,29 @@ TEST_F(FirstStart, LeavesEverythingElseToTheCommandLine) {
   EXPECT_THAT(desktop.messages, IsEmpty());
 }
 
-TEST_F(FirstStart, TellsTheErrorOfTheRegistration) {
-  desktop.registrationError = -10811;
-  const Outcome outcome = runFromShell();
-  EXPECT_EQ(outcome.code, ExitCode::kInternal);
-  EXPECT_EQ(
-      outcome.output,
-      std::string{kNotRegistered} +
-          "\nThe system answered with error -10811. Open Mirel Token once in Finder, in the Applications "
-          "folder. If that does not help, log out and in again.\n" +
-          kAskTerminal + "\n");
-}
-
-TEST_F(FirstStart, TellsNoErrorOfTheRegistrationWhenTheAppWasOpened) {
-  desktop.registrationError = -10811;
-  EXPECT_EQ(run().code, ExitCode::kSuccess);
-  ASSERT_EQ(desktop.messages.size(), 1U);
-  EXPECT_EQ(desktop.messages[0].title, kReady);
-}
-
-TEST_F(FirstStart, TellsTheCommandOfThisApp) {
-  desktop.path = "/Users/ada/Applications/Mirel Token.app";
-  EXPECT_THAT(runFromShell().output,
-              HasSubstr(": \"/Users/ada/Applications/Mirel Token.app/Contents/MacOS/mireltoken\" items\n"));
-}
-
-// ---- Registration ----
-
-TEST_F(FirstStart, RegistersTheAppOnce) {
-  for (const bool opened : {true, false}) {
-    SCOPED_TRACE(opened);
-    desktop.opened = opened;
-    desktop.registrations = 0;
-    EXPECT_EQ(run().code, ExitCode::kSuccess);
-    EXPECT_EQ(desktop.registrations, 1);
-  }
-}
-
-TEST_F(FirstStart, RegistersTheAppWithoutAModuleToo) {
-  fs::remove(module);
-  EXPECT_EQ(run().code, ExitCode::kModuleNotLoadable);
-  EXPECT_EQ(desktop.registrations, 1);
-}
-
-TEST_F(FirstStart, DoesNotRegisterAnAppThatIsOutOfPlace) {
-  for (const char* path : kOutOfPlace) {
-    SCOPED_TRACE(path);
-    desktop.path = path;
-    EXPECT_EQ(run().code, ExitCode::kUsage);
-    EXPECT_EQ(desktop.registrations, 0);
-  }
-}
-
 // ---- Where it is told ----
 
 TEST_F(FirstStart, ShowsOneMessageWhenTheAppWasOpened) {
-  const Outcome outcome = run();
-  EXPECT_EQ(outcome.code, ExitCode::kSuccess);
-  EXPECT_EQ(outcome.output, "");
-  ASSERT_EQ(desktop.messages.size(), 1U);
-  EXPECT_EQ(desktop.messages[0].title, kReady);
-  EXPECT_EQ(desktop.messages[0].text, std::string{kInsertCard} + "\n\n" + kAskTerminal);
-}
-
-TEST_F(FirstStart, ShowsNoMessageInAShell) {
-  EXPECT_THAT(runFromShell().output, Not(IsEmpty()));
-  EXPECT_THAT(desktop.messages, IsEmpty());
+  // The registration is the system's own then, and its error is not told.
+  for (const std::int32_t error : {0, -10811}) {
+    desktop.registrationError = error;
+    desktop.registrations = 0;
+    desktop.messages.clear();
+    const Outcome outcome = run();
+    EXPECT_EQ(outcome.code, ExitCode::kSuccess);
+    EXPECT_EQ(outcome.output, "");
+    EXPECT_EQ(desktop.registrations, 1);
+    ASSERT_EQ(desktop.messages.size(), 1U);
+    EXPECT_EQ(desktop.messages[0].title, kReady);
+    EXPECT_EQ(desktop.messages[0].text, std::string{kInsertCard} + "\n\n" + kAskTerminal);
+  }
 }
 
 TEST_F(FirstStart, EndsWithTheSameCodeAfterAMessage) {
   fs::remove(module);
   EXPECT_EQ(run().code, ExitCode::kModuleNotLoadable);
   EXPECT_EQ(desktop.messages.size(), 1U);
+  EXPECT_EQ(desktop.registrations, 1);
 }
 
 TEST_F(FirstStart, WritesToStandardOutputWhenTheMessageCannotBeShown) {
@@ -267,7 +226,7 @@ TEST_F(FirstStart, WritesToStandardOutputWhenTheMessageCannotBeShown) {
   const Outcome outcome = run();
   EXPECT_EQ(outcome.code, ExitCode::kSuccess);
   EXPECT_EQ(desktop.messages.size(), 1U);
-  EXPECT_EQ(outcome.output, std::string{kReady} + "\n" + kInsertCard + "\n" + kAskTerminal + "\n");
+  EXPECT_EQ(outcome.output, kAllReady);
 }
 
 TEST_F(FirstStart, FailsWhenTheOutputCannotBeWritten) {
@@ -296,35 +255,19 @@ TEST_F(FirstStart, PutsItsArgumentWhereTheTranslationHasThePlace) {
   constexpr const char* kKey =
       "The system answered with error %@. Open Mirel Token once in Finder, in the Applications folder. If "
       "that does not help, log out and in again.";
-  const struct {
-    const char* translation;
-    const char* line;
-  } rows[] = {
-      {"%@ is it", "\n-43 is it\n"},
-      {"it is %@", "\nit is -43\n"},
-      {"it %@ is", "\nit -43 is\n"},
-      {"%@", "\n-43\n"},
-      {"50 % of %@", "\n50 % of -43\n"},
-      {"it is", "\nit is\n"},
-      {"", "\n\n"},
-  };
+  const std::pair<const char*, const char*> rows[] = {{"%@ is it", "\n-43 is it\n"},
+                                                      {"it is %@", "\nit is -43\n"},
+                                                      {"it %@ is", "\nit -43 is\n"},
+                                                      {"%@", "\n-43\n"},
+                                                      {"50 % of %@", "\n50 % of -43\n"},
+                                                      {"it is", "\nit is\n"},
+                                                      {"", "\n\n"}};
   desktop.registrationError = -43;
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.translation);
-    desktop.translations = {{kKey, row.translation}};
-    EXPECT_THAT(runFromShell().output, HasSubstr(kNotRegistered + std::string{row.line}));
+  for (const auto& [translation, line] : rows) {
+    SCOPED_TRACE(translation);
+    desktop.translations = {{kKey, translation}};
+    EXPECT_THAT(runFromShell().output, HasSubstr(kNotRegistered + std::string{line}));
   }
-}
-
-TEST_F(FirstStart, LeavesAPlaceInThePathAsItIs) {
-  desktop.path = "/Applications/%@/%s.app";
-  EXPECT_THAT(runFromShell().output,
-              HasSubstr("\"/Applications/%@/%s.app/Contents/MacOS/mireltoken\" items"));
-}
-
-TEST_F(FirstStart, KeepsLettersBeyondAsciiInThePath) {
-  desktop.path = "/Users/\xC3\x81gnes/\xF0\x9F\x94\x91.app";
-  EXPECT_THAT(runFromShell().output, HasSubstr("\"/Users/\xC3\x81gnes/\xF0\x9F\x94\x91.app/Contents/"));
 }
 
 TEST_F(FirstStart, ShowsControlCharactersByTheirNumber) {

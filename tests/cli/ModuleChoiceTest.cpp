@@ -17,306 +17,207 @@ namespace {
 namespace fs = std::filesystem;
 using ::testing::HasSubstr;
 
-constexpr const char* kOneCard =
-    "token label=Card\n"
-    "public type=p256 id=01 label=Key\n"
-    "certificate type=p256 id=01 label=Certificate usage=keyAgreement\n";
-
 constexpr const char* kModuleTail = "/Library/LunetLocalSignServer/libTorvo_p11v1.dylib";
 
 /// How to find the module, and what is said when it is of no use.
 class ModuleChoice : public EndToEndTest {
  protected:
-  /// Runs with a password database in which `home` is the user's home.
-  [[nodiscard]] static Result runAtHome(Invocation call, const std::string& home) {
+  void SetUp() override {
+    EndToEndTest::SetUp();
+    if (!IsSkipped()) makeCards(kOneCard);
+  }
+
+  /// The same with a password database in which `home` is the user's home; empty: which knows no user.
+  [[nodiscard]] static Invocation atHome(Invocation call, const std::string& home) {
     call.environment["LD_PRELOAD"] = MIREL_PASSWORD_DATABASE;
-    call.environment["MIREL_TEST_HOME"] = home;
+    if (!home.empty()) call.environment["MIREL_TEST_HOME"] = home;
     // The address sanitizer wants to be loaded first, but has no need to here.
     std::string& options = call.environment["ASAN_OPTIONS"];
     options += (options.empty() ? "" : ":") + std::string{"verify_asan_link_order=0"};
-    return run(call);
+    return call;
   }
-
+  [[nodiscard]] Invocation items(const Arguments& choice = "") const {
+    return invocation("items --json" + choice);
+  }
   /// The items of the card, as they are when nothing goes wrong.
-  [[nodiscard]] std::string expectedItems() const { return mireltoken({"items", "--json"}).out; }
+  void expectItems(const Invocation& call) const {
+    SCOPED_TRACE(::testing::PrintToString(call.arguments));
+    expectOutput(run(call), mireltoken("items --json").out);
+  }
 };
 
-std::string contentOf(const fs::path& path) {
-  std::ifstream file{path, std::ios::binary};
-  return {std::istreambuf_iterator<char>{file}, {}};
-}
-
-/// Everything below a folder: files with what they hold, links with where they lead.
+/// Everything below a folder, with its time: files with what they hold, links with where they lead.
 std::map<std::string, std::string> snapshot(const fs::path& folder) {
-  std::map<std::string, std::string> entries;
+  std::map<std::string, std::string> entries{
+      {"", std::to_string(fs::last_write_time(folder).time_since_epoch().count())}};
   for (const fs::directory_entry& entry : fs::recursive_directory_iterator{folder}) {
     std::string& value = entries[entry.path().string()];
     if (entry.is_symlink()) {
       value = "link to " + fs::read_symlink(entry).string();
     } else if (entry.is_regular_file()) {
-      value = contentOf(entry);
+      value = contentOf(entry.path().string());
     }
   }
   return entries;
 }
 
-TEST_F(ModuleChoice, IsTheOneInTheHomeOfThePasswordDatabase) {
-  makeCards(kOneCard);
-  const ModuleHome home{softHsmModule()};
-  const Result result = runAtHome(invocation({"items", "--json"}), home.home());
-  expectSuccess(result);
-  EXPECT_EQ(result.out, expectedItems());
-}
-
-TEST_F(ModuleChoice, IgnoresTheEnvironmentsUserAndHome) {
-  makeCards(kOneCard);
+TEST_F(ModuleChoice, IsTheOneInTheHomeOfThePasswordDatabaseWhateverTheEnvironmentSays) {
   const ModuleHome home{softHsmModule()};
   const ModuleHome bogus{MIREL_NOT_A_LIBRARY};
-  Invocation call = invocation({"items", "--json"});
+  expectItems(atHome(items(), home.home()));
+  Invocation call = items();
   call.environment["HOME"] = bogus.home();
   call.environment["USER"] = "nobody";
   call.environment["LOGNAME"] = "nobody";
-  const Result result = runAtHome(call, home.home());
-  expectSuccess(result);
-  EXPECT_EQ(result.out, expectedItems());
+  expectItems(atHome(call, home.home()));
 }
 
 TEST_F(ModuleChoice, IsNotTheOneInTheEnvironmentsHome) {
   const ModuleHome home{""};
   const ModuleHome bogus{softHsmModule()};
-  Invocation call = invocation({"items"});
+  Invocation call = items();
   call.environment["HOME"] = bogus.home();
-  expectFailure(runAtHome(call, home.home()), 3, {home.modulePath(), "No such file or directory"});
+  expectFailure(run(atHome(call, home.home())), 3, {home.modulePath(), "No such file or directory"});
 }
 
 TEST_F(ModuleChoice, AsksTheRealPasswordDatabase) {
   const passwd* entry = getpwuid(geteuid());
   ASSERT_NE(entry, nullptr);
-  Invocation call = invocation({"readers", "-v"});
+  Invocation call = invocation("readers -v");
   call.environment["HOME"] = "/nowhere";
   call.environment["USER"] = "nobody";
   EXPECT_THAT(run(call).err,
               HasSubstr(std::string{"P11Bridge path = "} + entry->pw_dir + kModuleTail + "\n"));
 }
 
-TEST_F(ModuleChoice, FailsWithoutAHome) {
-  Invocation call = invocation({"items"});
-  call.environment["LD_PRELOAD"] = MIREL_PASSWORD_DATABASE;  // which knows no user without MIREL_TEST_HOME
-  call.environment["ASAN_OPTIONS"] += ":verify_asan_link_order=0";
-  expectFailure(run(call), 3, {"no home", "--home"});
+TEST_F(ModuleChoice, NeedsAHomeUnlessAModuleIsGiven) {
+  expectFailure(run(atHome(items(), "")), 3, {"no home", "--home"});
+  expectItems(atHome(onSoftHsm("items --json"), ""));
 }
 
-TEST_F(ModuleChoice, TakesTheHomeGiven) {
-  makeCards(kOneCard);
+TEST_F(ModuleChoice, TakesTheHomeOrTheModuleThatIsGiven) {
   const ModuleHome home{softHsmModule()};
-  for (const std::string& folder :
-       {home.home(), home.home() + "/", home.home() + "/./Library/../", fs::relative(home.home()).string()}) {
-    SCOPED_TRACE(folder);
-    // The working folder, and so the way from it, may belong to somebody else.
-    const Result result = run(invocation({"items", "--json", "--trust-module", "--home", folder}));
-    expectSuccess(result);
-    EXPECT_EQ(result.out, expectedItems());
-  }
-}
-
-TEST_F(ModuleChoice, FailsForAHomeWithoutAModule) {
-  const ModuleHome home{""};
-  expectFailure(run(invocation({"items", "--home", home.home()})), 3,
-                {home.modulePath(), "cannot open shared object file: No such file or directory", "--module"});
-}
-
-TEST_F(ModuleChoice, FailsForAHomeThatIsNone) {
-  expectFailure(run(invocation({"items", "--home", "/nowhere"})), 3,
-                {"/nowhere/Library/LunetLocalSignServer/libTorvo_p11v1.dylib", "No such file or directory"});
-}
-
-TEST_F(ModuleChoice, TakesAModuleByARelativePath) {
-  makeCards(kOneCard);
-  const fs::path relative = fs::relative(softHsmModule());
-  ASSERT_TRUE(relative.is_relative());
-  const Result result = run(invocation({"items", "--json", "--trust-module", "--module", relative.string()}));
-  expectSuccess(result);
-  EXPECT_EQ(result.out, expectedItems());
-}
-
-TEST_F(ModuleChoice, TakesAModuleByALinkWithAnUnusualName) {
-  makeCards(kOneCard);
   const fs::path link = folder() /
                         "my m\xC3\xB6"
                         "dule";
   fs::create_symlink(softHsmModule(), link);
-  const Result result = run(invocation({"items", "--json", "--module", link.string()}));
-  expectSuccess(result);
-  EXPECT_EQ(result.out, expectedItems());
+  expectItems(items({"--module", link.string()}));
+  // The working folder, and so the way from it, may belong to somebody else.
+  for (const std::string& folder :
+       {home.home(), home.home() + "/", home.home() + "/./Library/../", fs::relative(home.home()).string()})
+    expectItems(items({"--trust-module", "--home", folder}));
+  const fs::path relative = fs::relative(softHsmModule());
+  ASSERT_TRUE(relative.is_relative());
+  expectItems(items({"--trust-module", "--module", relative.string()}));
+}
+
+TEST_F(ModuleChoice, FailsForAHomeWithoutAModule) {
+  const ModuleHome home{""};
+  expectFailure(run(items("--home " + home.home())), 3,
+                {home.modulePath(), "cannot open shared object file: No such file or directory", "--module"});
+  expectFailure(run(items("--home /nowhere")), 3,
+                {std::string{"/nowhere"} + kModuleTail, "No such file or directory"});
 }
 
 TEST_F(ModuleChoice, LeavesTheUsersHomeAloneWhenAModuleIsGiven) {
-  makeCards(kOneCard);
   for (const char* inHome : {"", MIREL_NOT_A_LIBRARY}) {
-    SCOPED_TRACE(inHome);
     const ModuleHome home{inHome};
     const auto before = snapshot(home.home());
-    const auto beforeTime = fs::last_write_time(home.home());
-
-    const Result good = runAtHome(onSoftHsm({"items", "--json"}), home.home());
-    const Result bad = runAtHome(invocation({"items", "--module", MIREL_NOT_A_LIBRARY}), home.home());
-
-    expectSuccess(good);
-    EXPECT_EQ(good.out, expectedItems());
-    EXPECT_EQ(bad.exitCode, 3);
+    expectItems(atHome(onSoftHsm("items --json"), home.home()));
+    EXPECT_EQ(run(atHome(items({"--module", MIREL_NOT_A_LIBRARY}), home.home())).exitCode, 3);
     EXPECT_EQ(snapshot(home.home()), before);
-    EXPECT_EQ(fs::last_write_time(home.home()), beforeTime);
+    const Result verbose = run(atHome(onSoftHsm("readers -v"), home.home()));
+    EXPECT_EQ(verbose.exitCode, 0);
+    EXPECT_THAT(verbose.err, HasSubstr("P11Bridge path = " + home.modulePath() + "\n"));
   }
-}
-
-TEST_F(ModuleChoice, LogsTheUsersOwnHome) {
-  makeCards(kOneCard);
-  const ModuleHome home{""};
-  const Result result = runAtHome(onSoftHsm({"readers", "-v"}), home.home());
-  EXPECT_EQ(result.exitCode, 0);
-  EXPECT_THAT(result.err, HasSubstr("P11Bridge path = " + home.modulePath() + "\n"));
-}
-
-TEST_F(ModuleChoice, NeedsNoHomeWhenAModuleIsGiven) {
-  makeCards(kOneCard);
-  Invocation call = onSoftHsm({"items", "--json"});
-  call.environment["LD_PRELOAD"] = MIREL_PASSWORD_DATABASE;  // which knows no user without MIREL_TEST_HOME
-  call.environment["ASAN_OPTIONS"] += ":verify_asan_link_order=0";
-  const Result result = run(call);
-  expectSuccess(result);
-  EXPECT_EQ(result.out, expectedItems());
 }
 
 TEST_F(ModuleChoice, LeavesNothingBehindWhateverEndsIt) {
   for (const int signal : {SIGHUP, SIGINT, SIGTERM, SIGQUIT, SIGALRM, SIGKILL}) {
     SCOPED_TRACE(signal);
-    const fs::path entered = folder() / ("entered" + std::to_string(signal));
-    Invocation call = invocation({"items", "--trust-module", "--module", MIREL_HANGING_MODULE});
-    call.environment["MIREL_ENTERED_FILE"] = entered.string();
+    Invocation call = staged("items", {{"PAUSE", "entry"}});
     call.signal = signal;
-    call.signalFile = entered;
-
-    const Result result = run(call);
-
-    EXPECT_TRUE(fs::exists(entered));
-    EXPECT_EQ(result.exitCode, 128 + signal);
+    call.signalFile = path("calls");
+    EXPECT_EQ(run(call).exitCode, 128 + signal);
+    EXPECT_TRUE(exists("calls"));
     EXPECT_TRUE(fs::is_empty(temporaryFiles()));
   }
 }
 
 TEST_F(ModuleChoice, NeedsNoFolderForTemporaryFiles) {
-  makeCards(kOneCard);
-  Invocation call = onSoftHsm({"items", "--json"});
+  Invocation call = onSoftHsm("items --json");
   call.environment["TMPDIR"] = "/proc";  // takes no folders, not even from root
-  const Result result = run(call);
-  expectSuccess(result);
-  EXPECT_EQ(result.out, expectedItems());
-}
-
-TEST_F(ModuleChoice, FailsAtOnceForAPipe) {
-  const fs::path pipe = folder() / "pipe";
-  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
-  expectFailure(run(invocation({"items", "--module", pipe.string()})), 3,
-                {"module " + pipe.string() + " ", "it is a pipe", "--module"});
+  expectItems(call);
 }
 
 TEST_F(ModuleChoice, RefusesAModuleThatSomebodyElseMayChangeUnlessItIsTrusted) {
-  makeCards(kOneCard);
-  const fs::path writable = folder() / "writable";
-  fs::create_directory(writable);
-  fs::create_symlink(softHsmModule(), writable / "module.so");
-  const ModuleHome home{writable / "module.so"};
-  ASSERT_EQ(chmod(writable.c_str(), 0777), 0);
-  for (const std::vector<std::string>& choice :
-       {std::vector<std::string>{"--module", (writable / "module.so").string()}, {"--home", home.home()}}) {
-    SCOPED_TRACE(choice.front());
-    std::vector<std::string> arguments{"items", "--json"};
-    arguments.insert(arguments.end(), choice.begin(), choice.end());
-    expectFailure(run(invocation(arguments)), 3,
-                  {"somebody else may change the folder " + writable.string() + ", which belongs to ",
+  fs::create_directory(path("writable"));
+  const std::string module = path("writable/module.so");
+  fs::create_symlink(softHsmModule(), module);
+  const ModuleHome home{module};
+  ASSERT_EQ(chmod(path("writable").c_str(), 0777), 0);
+  for (const std::string& choice : {"--module " + module, "--home " + home.home()}) {
+    expectFailure(run(items(choice)), 3,
+                  {"somebody else may change the folder " + path("writable") + ", which belongs to ",
                    "has mode 0777", "--trust-module"});
-    arguments.emplace_back("--trust-module");
-    const Result result = run(invocation(arguments));
-    expectSuccess(result);
-    EXPECT_EQ(result.out, expectedItems());
+    expectItems(items(choice + " --trust-module"));
   }
 }
 
 TEST_F(ModuleChoice, NamesTheProcessorThatTheModuleIsFor) {
   // The program's own header, but for a processor that nobody has.
   std::string library = contentOf(MIREL_MIRELTOKEN);
-  ASSERT_TRUE(
-      library.starts_with("\x7F"
-                          "ELF"));
+  ASSERT_EQ(library.substr(1, 3), "ELF");
   library[18] = library[19] = '\x27';
-  const fs::path module = folder() / "module.so";
-  std::ofstream{module, std::ios::binary} << library;
-  expectFailure(run(invocation({"items", "--module", module.string()})), 3,
-                {"module " + module.string() + " ", "the module is for machine 10023, this program is "});
+  const std::string module = write("module.so", library);
   const ModuleHome home{module};
-  expectFailure(run(invocation({"items", "--home", home.home()})), 3,
-                {"module " + home.modulePath() + " ", "the module is for machine 10023, this program is "});
+  const std::string why = " the module is for machine 10023, this program is ";
+  expectFailure(run(items({"--module", module})), 3, {"module " + module + " ", why.substr(1)});
+  expectFailure(run(items({"--home", home.home()})), 3, {"module " + home.modulePath() + " ", why.substr(1)});
 }
 
-struct UselessModule {
-  const char* name;
-  std::string path;
-  std::vector<std::string> reasons;
-};
-
 TEST_F(ModuleChoice, FailsForAModuleThatIsOfNoUse) {
-  const fs::path longText = folder() / "text";
-  std::ofstream{longText} << std::string(1000, 'x');
-  const std::vector<UselessModule> modules{
-      {"missing", "/nowhere/module.so", {"No such file or directory"}},
-      {"short text", MIREL_NOT_A_LIBRARY, {"file too short"}},
-      {"text", longText.string(), {"invalid ELF header"}},
-      {"folder", "/", {"it is a folder", "--module"}},
-      {"library without an entry point", MIREL_MODULE_WITHOUT_ENTRY, {"undefined symbol: C_GetFunctionList"}},
-      {"entry point that fails", MIREL_MODULE_ENTRY_FAILS, {"C_GetFunctionList", "CKR_GENERAL_ERROR (0x5)"}},
-      {"entry point that fails and writes",
-       MIREL_MODULE_ENTRY_FAILS_WILD,
-       {"C_GetFunctionList", "CKR_GENERAL_ERROR (0x5)"}},
-      {"entry point that gives no list", MIREL_MODULE_NULL_LIST, {"function list"}},
-      {"entry point that does nothing", MIREL_MODULE_SILENT_ENTRY, {"function list"}},
+  ASSERT_EQ(mkfifo(path("pipe").c_str(), 0600), 0);
+  const std::vector<std::string> entryFails{"C_GetFunctionList", "CKR_GENERAL_ERROR (0x5)"};
+  const std::pair<std::string, std::vector<std::string>> modules[] = {
+      {"/nowhere/module.so", {"No such file or directory"}},
+      {MIREL_NOT_A_LIBRARY, {"file too short"}},
+      {write("text", std::string(1000, 'x')), {"invalid ELF header"}},
+      {"/", {"it is a folder", "--module"}},
+      {path("pipe"), {"it is a pipe", "--module"}},
+      {MIREL_MODULE_WITHOUT_ENTRY, {"undefined symbol: C_GetFunctionList"}},
+      {MIREL_MODULE_ENTRY_FAILS, entryFails},
+      {MIREL_MODULE_ENTRY_FAILS_WILD, entryFails},
+      {MIREL_MODULE_NULL_LIST, {"function list"}},
+      {MIREL_MODULE_SILENT_ENTRY, {"function list"}},
   };
-  for (const UselessModule& module : modules) {
-    SCOPED_TRACE(module.name);
-    std::vector<std::string> parts = module.reasons;
-    parts.push_back("module " + module.path + " ");
+  for (const auto& [module, reasons] : modules) {
+    SCOPED_TRACE(module);
     for (const char* command : {"readers", "items"}) {
-      const Result result = run(invocation({command, "--trust-module", "--module", module.path}));
-      expectFailure(result, 3, parts);
-      EXPECT_TRUE(fs::is_empty(temporaryFiles()));
+      const Result result = run(invocation({command, "--trust-module", "--module", module}));
+      expectFailure(result, 3, reasons);
+      EXPECT_THAT(result.err, HasSubstr("module " + module + " "));
     }
   }
 }
 
 TEST_F(ModuleChoice, FailsForAModuleThatDoesNotInitialise) {
-  struct Row {
-    const char* name;
-    std::string configuration;
-  };
-  const fs::path nonsense = folder() / "nonsense.conf";
-  std::ofstream{nonsense} << "directories.tokendir = " << (folder() / "nowhere").string() << "\n";
-  for (const Row& row :
-       {Row{"no configuration", "/nowhere/softhsm2.conf"}, Row{"no token folder", nonsense.string()}}) {
-    SCOPED_TRACE(row.name);
+  for (const std::string& configuration :
+       {std::string{"/nowhere/softhsm2.conf"},
+        write("nonsense.conf", "directories.tokendir = " + path("nowhere") + "\n")}) {
+    SCOPED_TRACE(configuration);
     for (const char* command : {"readers", "items"}) {
-      Invocation call = onSoftHsm({command});
-      call.environment["SOFTHSM2_CONF"] = row.configuration;
-      const Result result = run(call);
-      expectFailure(result, 4, {softHsmModule().string(), "C_Initialize", "CKR_GENERAL_ERROR (0x5)"});
-      EXPECT_TRUE(fs::is_empty(temporaryFiles()));
+      Invocation call = onSoftHsm(command);
+      call.environment["SOFTHSM2_CONF"] = configuration;
+      expectFailure(run(call), 4, {softHsmModule().string(), "C_Initialize", "CKR_GENERAL_ERROR (0x5)"});
     }
   }
 }
 
 TEST_F(ModuleChoice, NeverChangesTheCard) {
-  makeCards(kOneCard);
-  const auto before = snapshot(folder() / "tokens");
-  for (const char* command : {"readers", "items"}) EXPECT_EQ(mireltoken({command}).exitCode, 0);
-  EXPECT_EQ(snapshot(folder() / "tokens"), before);
+  const auto before = snapshot(path("tokens"));
+  for (const char* command : {"readers", "items"}) EXPECT_EQ(mireltoken(command).exitCode, 0);
+  EXPECT_EQ(snapshot(path("tokens")), before);
 }
 
 }  // namespace

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <array>
+#include <initializer_list>
 
 #include "ExitCode.h"
 #include "Wording.h"
@@ -16,44 +16,42 @@ struct TextRow {
   std::string_view expected;
 };
 
-TEST(Displayed, KeepsWhatCanBePrinted) {
-  constexpr std::array kRows{
-      TextRow{"empty", u"", ""},
-      TextRow{"ASCII", u"Card 1 ~!\"'", "Card 1 ~!\"'"},
-      TextRow{"Latin 1", u"\u00A1\u00FF", "\xC2\xA1\xC3\xBF"},
-      TextRow{"beyond", u"\u0100\u20AC", "\xC4\x80\xE2\x82\xAC"},
-      TextRow{"pair of surrogates", u"\U0001F4B3", "\xF0\x9F\x92\xB3"},
-      TextRow{"neighbours of invisible ones", u"\u200A\u2010\u2027\u202F\u205F\u2070",
-              "\xE2\x80\x8A\xE2\x80\x90\xE2\x80\xA7\xE2\x80\xAF\xE2\x81\x9F\xE2\x81\xB0"},
-  };
-  for (const TextRow& row : kRows) {
+void expectEach(std::initializer_list<TextRow> rows, std::string (*shown)(const Text&)) {
+  for (const TextRow& row : rows) {
     SCOPED_TRACE(row.name);
-    EXPECT_EQ(displayed(Text{row.text}), row.expected);
+    EXPECT_EQ(shown(Text{row.text}), row.expected);
   }
 }
 
+TEST(Displayed, KeepsWhatCanBePrinted) {
+  expectEach({{"empty", u"", ""},
+              {"ASCII", u"Card 1 ~!\"'", "Card 1 ~!\"'"},
+              {"Latin 1", u"\u00A1\u00FF", "\xC2\xA1\xC3\xBF"},
+              {"beyond", u"\u0100\u20AC", "\xC4\x80\xE2\x82\xAC"},
+              {"pair of surrogates", u"\U0001F4B3", "\xF0\x9F\x92\xB3"},
+              {"neighbours of invisible ones", u"\u200A\u2010\u2027\u202F\u205F\u2070",
+               "\xE2\x80\x8A\xE2\x80\x90\xE2\x80\xA7\xE2\x80\xAF\xE2\x81\x9F\xE2\x81\xB0"}},
+             &displayed);
+  EXPECT_EQ(displayed(Text{}), "");
+}
+
 TEST(Displayed, ShowsWhatCannotBePrintedByNumber) {
-  constexpr std::array kRows{
-      TextRow{"NUL", std::u16string_view{u"\0", 1}, R"(\x00)"},
-      TextRow{"NUL between letters", std::u16string_view{u"a\0b", 3}, R"(a\x00b)"},
-      TextRow{"line ends and tabulator", u"\n\r\t", R"(\x0A\x0D\x09)"},
-      TextRow{"escape", u"\x1B[1m", R"(\x1B[1m)"},
-      TextRow{"last control", u"\x1F", R"(\x1F)"},
-      TextRow{"delete", u"\x7F", R"(\x7F)"},
-      TextRow{"first and last C1 control", u"\u0080\u009F", R"(\x80\x9F)"},
-      TextRow{"no-break space", u"\u00A0", R"(\xA0)"},
-      TextRow{"soft hyphen", u"\u00AD", R"(\xAD)"},
-      TextRow{"backslash", u"\\x41", R"(\x5Cx41)"},
-      TextRow{"zero width", u"\u200B\u200D", R"(\u{200B}\u{200D})"},
-      TextRow{"directions", u"\u200E\u200F\u202A\u202E\u2066\u2069\u061C",
-              R"(\u{200E}\u{200F}\u{202A}\u{202E}\u{2066}\u{2069}\u{061C})"},
-      TextRow{"line and paragraph separator", u"\u2028\u2029", R"(\u{2028}\u{2029})"},
-      TextRow{"byte order mark", u"\uFEFF", R"(\u{FEFF})"},
-  };
-  for (const TextRow& row : kRows) {
-    SCOPED_TRACE(row.name);
-    EXPECT_EQ(displayed(Text{row.text}), row.expected);
-  }
+  expectEach({{"NUL", std::u16string_view{u"\0", 1}, R"(\x00)"},
+              {"NUL between letters", std::u16string_view{u"a\0b", 3}, R"(a\x00b)"},
+              {"line ends and tabulator", u"\n\r\t", R"(\x0A\x0D\x09)"},
+              {"escape", u"\x1B[1m", R"(\x1B[1m)"},
+              {"last control", u"\x1F", R"(\x1F)"},
+              {"delete", u"\x7F", R"(\x7F)"},
+              {"first and last C1 control", u"\u0080\u009F", R"(\x80\x9F)"},
+              {"no-break space", u"\u00A0", R"(\xA0)"},
+              {"soft hyphen", u"\u00AD", R"(\xAD)"},
+              {"backslash, unlike the control of that number", u"\\x01", R"(\x5Cx01)"},
+              {"zero width", u"\u200B\u200D", R"(\u{200B}\u{200D})"},
+              {"directions", u"\u200E\u200F\u202A\u202E\u2066\u2069\u061C",
+               R"(\u{200E}\u{200F}\u{202A}\u{202E}\u{2066}\u{2069}\u{061C})"},
+              {"line and paragraph separator", u"\u2028\u2029", R"(\u{2028}\u{2029})"},
+              {"byte order mark", u"\uFEFF", R"(\u{FEFF})"}},
+             &displayed);
 }
 
 TEST(Displayed, ReplacesHalfAPairOfSurrogates) {
@@ -63,12 +61,6 @@ TEST(Displayed, ReplacesHalfAPairOfSurrogates) {
             "b");
 }
 
-TEST(Displayed, ShowsANullTextAsNothing) { EXPECT_EQ(displayed(Text{}), ""); }
-
-TEST(Displayed, ShowsDifferentTextsDifferently) {
-  EXPECT_NE(displayed(Text{u"\x01"}), displayed(Text{u"\\x01"}));
-}
-
 TEST(DisplayedName, KeepsTheBackslash) { EXPECT_EQ(displayedName(Text{u"CN=a\\,b"}), "CN=a\\,b"); }
 
 TEST(DisplayedName, ShowsWhatCannotBePrintedByNumber) {
@@ -76,64 +68,43 @@ TEST(DisplayedName, ShowsWhatCannotBePrintedByNumber) {
 }
 
 TEST(HexOf, GivesTwoDigitsForEachByte) {
-  constexpr std::array kRows{
-      TextRow{"empty", u"", ""},
-      TextRow{"NUL", std::u16string_view{u"\0", 1}, "00"},
-      TextRow{"below sixteen", u"\x01\x0F", "010F"},
-      TextRow{"letters", u"Az", "417A"},
-      TextRow{"upper half", u"\u0080\u00FF", "80FF"},
-  };
-  for (const TextRow& row : kRows) {
-    SCOPED_TRACE(row.name);
-    EXPECT_EQ(hexOf(Text{row.text}), row.expected);
-  }
+  expectEach({{"empty", u"", ""},
+              {"NUL", std::u16string_view{u"\0", 1}, "00"},
+              {"below sixteen", u"\x01\x0F", "010F"},
+              {"letters", u"Az", "417A"},
+              {"upper half", u"\u0080\u00FF", "80FF"}},
+             static_cast<std::string (*)(const Text&)>(&hexOf));
+  EXPECT_EQ(hexOf(Text{}), "");
 }
 
-TEST(HexOf, OfANullTextIsEmpty) { EXPECT_EQ(hexOf(Text{}), ""); }
-
-TEST(JoinedWith, PutsTheSeparatorBetween) {
+TEST(JoinedWith, PutsTheSeparatorBetweenAndKeepsEmptyParts) {
   EXPECT_EQ(joinedWith(", ", {}), "");
   EXPECT_EQ(joinedWith(", ", {"one"}), "one");
   EXPECT_EQ(joinedWith(", ", {"one", "two", "three"}), "one, two, three");
+  EXPECT_EQ(joinedWith(",", {"", "", "a", ""}), ",,a,");
 }
 
-TEST(JoinedWith, KeepsEmptyParts) { EXPECT_EQ(joinedWith(",", {"", "", "a", ""}), ",,a,"); }
-
-TEST(Table, AlignsColumnsWithTwoBlanksBetween) {
-  EXPECT_EQ(table({{"A", "LONG", "C"}, {"wide", "b", "c"}}, false),
-            "A     LONG  C\n"
-            "wide  b     c\n");
-}
-
-TEST(Table, LeavesNoBlanksAtTheEndOfALine) {
-  EXPECT_EQ(table({{"A", "B"}, {"a", "much longer"}}, false),
-            "A  B\n"
-            "a  much longer\n");
-}
-
-TEST(Table, CountsCharactersNotBytes) {
-  EXPECT_EQ(table({{"A", "B"}, {"\xC3\xA9\xE2\x82\xAC", "b"}, {"xyz", "c"}}, false),
-            "A    B\n"
-            "\xC3\xA9\xE2\x82\xAC   b\n"
-            "xyz  c\n");
-}
-
-TEST(Table, TakesRowsOfDifferentLengths) {
-  EXPECT_EQ(table({{"A"}, {"a", "b"}, {}}, false),
-            "A\n"
-            "a  b\n"
-            "\n");
-}
-
-TEST(Table, HasItsHeadingInBoldWhenColoured) {
-  EXPECT_EQ(table({{"A", "B"}, {"a", "b"}}, true),
-            "\x1b[1mA  B\x1b[0m\n"
-            "a  b\n");
-}
-
-TEST(Table, WithoutRowsIsEmpty) {
-  EXPECT_EQ(table({}, false), "");
-  EXPECT_EQ(table({}, true), "");
+TEST(Table, AlignsItsColumns) {
+  const struct {
+    const char* name;
+    std::vector<std::vector<std::string>> rows;
+    std::string expected;
+    bool coloured = false;
+  } rows[] = {
+      {"two blanks between", {{"A", "LONG", "C"}, {"wide", "b", "c"}}, "A     LONG  C\nwide  b     c\n"},
+      {"no blanks at the end of a line", {{"A", "B"}, {"a", "much longer"}}, "A  B\na  much longer\n"},
+      {"characters, not bytes",
+       {{"A", "B"}, {"\xC3\xA9\xE2\x82\xAC", "b"}, {"xyz", "c"}},
+       "A    B\n\xC3\xA9\xE2\x82\xAC   b\nxyz  c\n"},
+      {"rows of different lengths", {{"A"}, {"a", "b"}, {}}, "A\na  b\n\n"},
+      {"heading in bold", {{"A", "B"}, {"a", "b"}}, "\x1b[1mA  B\x1b[0m\na  b\n", true},
+      {"no rows", {}, ""},
+      {"no rows in colour", {}, "", true},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    EXPECT_EQ(table(row.rows, row.coloured), row.expected);
+  }
 }
 
 TEST(FailureLine, SaysWhatAndWhyAndWhatToDo) {

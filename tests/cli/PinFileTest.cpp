@@ -1,3 +1,5 @@
+/// The PIN from a file or a descriptor, and what the flags of the card say about trying it.
+
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -5,33 +7,41 @@
 #include <cerrno>
 #include <cstring>
 
-#include "KeyTest.h"
+#include "EndToEndTest.h"
+#include "PseudoTerminal.h"
 
 namespace mirel::test {
 namespace {
 
-constexpr const char* kAccepted = "The card accepts the PIN.\n";
+namespace fs = std::filesystem;
+using namespace std::string_literals;
+
+const std::string kAccepted = "The card accepts the PIN.\n";
 constexpr int kDescriptor = 41;
 
-class PinFile : public KeyTest {
+class PinFile : public EndToEndTest {
  protected:
-  void SetUp() override {
-    KeyTest::SetUp();
-    if (!IsSkipped()) makeCard({{"rsa2048", "01", "Signature"}});
-  }
+  PinFile() : EndToEndTest{{{}}} {}
 
   [[nodiscard]] Result logInWith(const std::string& file) const {
     return run(staged({"login", "--pin-file", file}));
   }
+  [[nodiscard]] Invocation loginReading(const std::string& content, const Stage& stage = {}) const {
+    Invocation call = staged("login --pin-fd " + std::to_string(kDescriptor), stage);
+    call.pipes[kDescriptor] = content;
+    return call;
+  }
   void expectAccepted(const Result& result) const {
-    EXPECT_EQ(result.exitCode, 0) << result.err;
-    EXPECT_EQ(result.out, kAccepted);
+    expectOutput(result, kAccepted);
     EXPECT_EQ(stagedCallsOf("C_Login"), 1);
   }
-  /// The file is refused, and the card never asked.
-  void expectRefused(const Result& result, const std::string& why) const {
-    expectFailure(result, 14, {"the PIN cannot be read from ", why});
+  /// The PIN was not tried.
+  void expectUntried(const Result& result, int exitCode, const std::vector<std::string>& words) const {
+    expectFailure(result, exitCode, words);
     EXPECT_EQ(stagedCallsOf("C_Login"), 0);
+  }
+  void expectRefused(const Result& result, const std::string& why) const {
+    expectUntried(result, 14, {"the PIN cannot be read from ", why});
   }
 };
 
@@ -68,146 +78,119 @@ TEST_F(PinFile, IsRefusedWhenItBelongsToSomebodyElse) {
 }
 
 TEST_F(PinFile, MustBeARegularFile) {
-  std::filesystem::create_directory(path("folder"));
-  std::filesystem::permissions(path("folder"), std::filesystem::perms::owner_all);
+  fs::create_directory(path("folder"));
+  fs::permissions(path("folder"), fs::perms::owner_all);
   ASSERT_EQ(mkfifo(path("fifo").c_str(), 0600), 0);
-  for (const std::string& name : {path("folder").string(), path("fifo").string(), std::string{"/dev/null"}}) {
-    SCOPED_TRACE(name);
-    expectRefused(logInWith(name), "it is no regular file");
-  }
+  for (const std::string& name : {path("folder"), path("fifo"), "/dev/null"s})
+    expectRefused(logInWith(name), name + ": it is no regular file");
+  expectRefused(logInWith(path("missing")), "No such file or directory");
 }
 
 TEST_F(PinFile, MayBeReachedByALink) {
-  std::filesystem::create_symlink(write("pin", kPin), path("link"));
+  fs::create_symlink(write("pin", kPin), path("link"));
   expectAccepted(logInWith(path("link")));
 }
 
-TEST_F(PinFile, MustBeThere) { expectRefused(logInWith(path("missing")), "No such file or directory"); }
-
-TEST_F(PinFile, MayEndItsLineInAnyWay) {
-  const std::string pin = kPin;
-  for (const std::string& content : {pin, pin + "\n", pin + "\r\n", pin + "\r"}) {
-    SCOPED_TRACE(hexOfBytes(content));
-    expectAccepted(logInWith(write("pin", content)));
+TEST_F(PinFile, CountsWithItsFirstLineHoweverThatEnds) {
+  for (const std::string end : {"", "\n", "\r\n", "\r", "\nw4R~mT9v\n"}) {
+    SCOPED_TRACE(hexOfBytes(end));
+    expectAccepted(logInWith(write("pin", kPin + end)));
   }
-}
-
-TEST_F(PinFile, CountsWithItsFirstLine) {
-  expectAccepted(logInWith(write("pin", std::string{kPin} + "\n" + kWrongPin + "\n")));
-  const Result result = logInWith(write("pin", std::string{kWrongPin} + "\n" + kPin + "\n"));
-  EXPECT_EQ(result.exitCode, 7);
+  EXPECT_EQ(logInWith(write("pin", kWrongPin + "\n"s + kPin + "\n")).exitCode, 7);
   EXPECT_EQ(stagedCallsOf("C_Login"), 1);
 }
 
-TEST_F(PinFile, IsNotTriedWhenItHoldsNothing) {
-  const Result result = logInWith(write("pin", ""));
-  expectFailure(result, 9, {"no PIN was given"});
-  EXPECT_EQ(stagedCallsOf("C_Login"), 0);
-}
-
 TEST_F(PinFile, IsNotTriedWhenThatCanBeNoPin) {
-  for (const std::string& content : {std::string{"\n"}, std::string{"123456789"}, std::string(256, '1'),
-                                     std::string{"caf\xC3\xA9"}, std::string{"1234567\xC3\xA9"}}) {
-    SCOPED_TRACE(content.size());
-    expectFailure(logInWith(write("pin", content)), 18, {"the PIN was not sent to the card: it "});
-    EXPECT_EQ(stagedCallsOf("C_Login"), 0);
+  expectUntried(logInWith(write("pin", "")), 9, {"no PIN was given"});
+  for (const std::string& content :
+       {"\n"s, "123456789"s, std::string(256, '1'), "caf\xC3\xA9"s, "1234567\xC3\xA9"s}) {
+    SCOPED_TRACE(content);
+    expectUntried(logInWith(write("pin", content)), 18, {"the PIN was not sent to the card: it "});
   }
 }
 
-TEST_F(PinFile, IsNotTriedWhenItHoldsWhatNoPinHas) {
-  using namespace std::string_literals;
-  const std::pair<std::string, const char*> kRows[] = {
-      {"\xEF\xBB\xBF"s + kPin, "its first line begins with a byte order mark"},
-      {" "s + kPin, "its first line has blanks or tabs"},
-      {kPin + " \n"s, "its first line has blanks or tabs"},
-      {"12 34"s, "its first line has blanks or tabs"},
-      {"1234\t\n"s, "its first line has blanks or tabs"},
-      {"12\x00"
-       "34"s,
-       "its first line has control characters"},
-      {"1234\x00"s, "its first line has control characters"},
-      {"12\x1A"
-       "34"s,
-       "its first line has control characters"},
-      {"12\x7F"s, "its first line has control characters"},
-      {"12\r34"s, "its first line has control characters"},
-      {"1234\r\r\n"s, "its first line has control characters"},
-      {"\x1B[A1234"s, "its first line has control characters"},
-      {"\xFF\xFE"
-       "1234"s,
-       "its first line is no text in UTF-8"},
-      {"caf\xC3"s, "its first line is no text in UTF-8"},
+TEST_F(PinFile, IsRefusedWhenItHoldsWhatNoPinHas) {
+  const std::string mark = "its first line begins with a byte order mark";
+  const std::string blanks = "its first line has blanks or tabs";
+  const std::string controls = "its first line has control characters";
+  const std::string noText = "its first line is no text in UTF-8";
+  const std::pair<std::string, std::string> rows[] = {
+      {"\xEF\xBB\xBF"s + kPin, mark},
+      {" "s + kPin, blanks},
+      {kPin + " \n"s, blanks},
+      {"12 34", blanks},
+      {"1234\t\n", blanks},
+      {"12\0"s + "34", controls},
+      {"1234\0"s, controls},
+      {"12\x1A"s + "34", controls},
+      {"12\x7F", controls},
+      {"12\r34", controls},
+      {"1234\r\r\n", controls},
+      {"\x1B[A1234", controls},
+      {"\xFF\xFE"s + "1234", noText},
+      {"caf\xC3", noText},
+      {std::string(257, '1'), "its first line has more than 256 bytes"},
   };
-  for (const auto& [content, why] : kRows) {
+  for (const auto& [content, why] : rows) {
     SCOPED_TRACE(hexOfBytes(content));
     expectRefused(logInWith(write("pin", content)), why);
+    expectRefused(run(loginReading(content)), why);
   }
-}
-
-TEST_F(PinFile, IsRefusedWhenItsLineIsTooLong) {
-  expectRefused(logInWith(write("pin", std::string(257, '1'))), "its first line has more than 256 bytes");
-}
-
-TEST_F(PinFile, WithAWrongPinIsTriedOnce) {
-  const std::string file = write("pin", kWrongPin);
-  for (const std::vector<std::string>& command :
-       {std::vector<std::string>{"login"}, {"sign", "--key", "01", "--out", path("signature")}}) {
-    SCOPED_TRACE(command.front());
-    std::vector<std::string> arguments = command;
-    arguments.insert(arguments.end(), {"--pin-file", file});
-    expectFailure(run(staged(arguments)), 7,
-                  {"The card did not accept the PIN", "C_Login answered CKR_PIN_INCORRECT (0xA0)"});
-    EXPECT_EQ(stagedCallsOf("C_Login"), 1);
-  }
-  EXPECT_FALSE(std::filesystem::exists(path("signature")));
-}
-
-TEST_F(PinFile, OfALockedCardTellsSo) {
-  const std::string file = write("pin", kPin);
-  for (const std::vector<std::string>& command :
-       {std::vector<std::string>{"login"}, {"sign", "--key", "01", "--out", path("signature")}}) {
-    SCOPED_TRACE(command.front());
-    std::vector<std::string> arguments = command;
-    arguments.insert(arguments.end(), {"--pin-file", file});
-    expectFailure(run(staged(arguments, "C_Login=A4")), 8,
-                  {"the PIN of the card is locked", "C_Login answered CKR_PIN_LOCKED (0xA4)",
-                   "have the card's issuer unlock it"});
-  }
-}
-
-TEST_F(PinFile, IsNoMatterWhenTheLoginFailsOtherwise) {
-  expectFailure(run(staged({"login", "--pin-file", write("pin", kPin)}, "C_Login=30")), 13,
-                {"the card did not take the PIN", "C_Login answered CKR_DEVICE_ERROR (0x30)"});
 }
 
 TEST_F(PinFile, IsNotReadWhenTheKeyDoesNotNeedIt) {
-  expectFailure(run(staged({"sign", "--key", "none", "--pin-file", path("missing")})), 12, {});
-  expectFailure(
-      run(staged({"sign", "--key", "01", "--algorithm", "RSAEncryptionRaw", "--pin-file", path("missing")})),
-      10, {});
+  const std::string missing = " --pin-file " + path("missing");
+  expectFailures(
+      {{"sign --key none" + missing, 12}, {"sign --key 01 --algorithm RSAEncryptionRaw" + missing, 10}});
 }
 
-class PinDescriptor : public PinFile {
- protected:
-  [[nodiscard]] Invocation loginReading(const std::string& content) const {
-    Invocation call = staged({"login", "--pin-fd", std::to_string(kDescriptor)});
-    call.pipes[kDescriptor] = content;
-    return call;
+TEST_F(PinFile, IsTriedOnceWhateverTheCardAnswers) {
+  const std::string sign = "sign --key 01 --out " + path("out");
+  const std::vector<std::string> wrong{"The card did not accept the PIN",
+                                       "C_Login answered CKR_PIN_INCORRECT (0xA0)"};
+  const std::vector<std::string> locked{"the PIN of the card is locked",
+                                        "C_Login answered CKR_PIN_LOCKED (0xA4)",
+                                        "have the card's issuer unlock it"};
+  const std::vector<FailingRun> rows{
+      {"login", 7, wrong, "", {{"ANSWERS", "C_Login=A0"}}},
+      {sign, 7, wrong, kMessage, {{"ANSWERS", "C_Login=A0"}}},
+      {"login", 8, locked, "", {{"ANSWERS", "C_Login=A4"}}},
+      {sign, 8, locked, kMessage, {{"ANSWERS", "C_Login=A4"}}},
+      {"login",
+       13,
+       {"the card did not take the PIN", "C_Login answered CKR_DEVICE_ERROR (0x30)"},
+       "",
+       {{"ANSWERS", "C_Login=30"}}},
+      {"login",
+       13,
+       {"the PIN was not checked", "was logged in already", "CKR_USER_ALREADY_LOGGED_IN (0x100)"},
+       "",
+       {{"ANSWERS", "C_Login=100"}}},
+  };
+  for (const FailingRun& row : rows) {
+    expectFailures({row});
+    EXPECT_EQ(stagedCallsOf("C_Login"), 1);
   }
-};
+}
+
+class PinDescriptor : public PinFile {};
 
 TEST_F(PinDescriptor, MayBeAPipe) {
-  const std::string pin = kPin;
-  for (const std::string& content : {pin, pin + "\n", pin + "\r\n"}) {
-    SCOPED_TRACE(hexOfBytes(content));
-    expectAccepted(run(loginReading(content)));
+  for (const std::string end : {"", "\n", "\r\n"}) {
+    SCOPED_TRACE(hexOfBytes(end));
+    expectAccepted(run(loginReading(kPin + end)));
   }
+  expectUntried(run(loginReading("")), 9, {"no PIN was given"});
 }
 
 TEST_F(PinDescriptor, IsReadNoFurtherThanItsFirstLine) {
-  const Result result = run(loginReading(std::string{kPin} + "\nwhat follows\n"));
-  expectAccepted(result);
-  EXPECT_EQ(result.leftInPipes.at(kDescriptor), "what follows\n");
+  const Result right = run(loginReading(kPin + "\nwhat follows\n"s));
+  expectAccepted(right);
+  EXPECT_EQ(right.leftInPipes.at(kDescriptor), "what follows\n");
+  const Result wrong = run(loginReading(kWrongPin + "\n"s + kPin + "\n"));
+  expectFailure(wrong, 7, {"C_Login answered CKR_PIN_INCORRECT (0xA0)"});
+  EXPECT_EQ(stagedCallsOf("C_Login"), 1);
+  EXPECT_EQ(wrong.leftInPipes.at(kDescriptor), kPin + "\n"s);
 }
 
 TEST_F(PinDescriptor, WaitsForTheWholeLine) {
@@ -218,77 +201,127 @@ TEST_F(PinDescriptor, WaitsForTheWholeLine) {
   expectAccepted(child.wait());
 }
 
-TEST_F(PinDescriptor, MayBeStandardInput) {
-  Invocation call = staged({"login", "--pin-fd", "0"});
-  call.input = std::string{kPin} + "\n";
+TEST_F(PinDescriptor, MayBeStandardInputThatHoldsNoData) {
+  Invocation call = staged("login --pin-fd 0");
+  call.input = kPin + "\n"s;
   expectAccepted(run(call));
-}
-
-TEST_F(PinDescriptor, MayBeStandardInputWhenTheDataComeFromAFile) {
-  Invocation call = staged({"sign", "--key", "01", "--in", write("message", "message"), "--out",
-                            path("signature"), "--pin-fd", "0"});
-  call.input = std::string{kPin} + "\n";
+  call.arguments =
+      staged("sign --key 01 --pin-fd 0 --out " + path("signature") + " --in " + write("message", kMessage))
+          .arguments;
   expectSigned(run(call));
-}
-
-TEST_F(PinDescriptor, CannotBeStandardInputTogetherWithTheData) {
-  for (const char* command : {"sign", "decrypt", "exchange"}) {
-    for (const std::vector<std::string>& in :
-         {std::vector<std::string>{}, std::vector<std::string>{"--in", "-"}}) {
-      SCOPED_TRACE(command);
-      std::vector<std::string> arguments{command, "--key", "01", "--pin-fd", "0", "--out", path("result")};
-      arguments.insert(arguments.end(), in.begin(), in.end());
-      expectFailure(mireltoken(arguments), 2, {"--pin-fd 0", "standard input"});
-    }
+  std::vector<FailingRun> rows;
+  for (const std::string command : {"sign", "decrypt", "exchange"}) {
+    for (const char* in : {"", " --in -"})
+      rows.push_back(
+          {command + " --key 01 --pin-fd 0 --out " + path("out") + in, 2, {"--pin-fd 0", "standard input"}});
   }
+  expectFailures(rows);
 }
 
 TEST_F(PinDescriptor, MustBeOpen) {
-  for (const char* descriptor : {"3", "4", "5", "41", "1000000", "-1"}) {
-    SCOPED_TRACE(descriptor);
-    expectFailure(run(staged({"login", "--pin-fd", descriptor})), 14,
-                  {"the PIN cannot be read from file descriptor", "Bad file descriptor"});
+  for (const std::string descriptor : {"3", "4", "5", "41", "1000000", "-1"}) {
+    expectFailures({{"login --pin-fd " + descriptor,
+                     14,
+                     {"the PIN cannot be read from file descriptor", "Bad file descriptor"}}});
   }
-}
-
-// A file that the program opens itself gets the number of one that is closed.
-TEST_F(PinDescriptor, IsNeverTakenFromTheData) {
-  const std::string message = write("message", std::string{kPin} + "\n");
-  for (const char* descriptor : {"3", "4", "5", "6", "7", "8"}) {
-    SCOPED_TRACE(descriptor);
-    expectFailure(mireltoken({"sign", "--key", "01", "--in", message, "--out", path("signature"), "--pin-fd",
-                              descriptor}),
-                  14, {"Bad file descriptor"});
-  }
-}
-
-TEST_F(PinDescriptor, IsNotReadFromAClosedStandardInput) {
-  Invocation call = staged({"login", "--pin-fd", "0"});
+  Invocation call = staged("login --pin-fd 0");
   call.inputIsClosed = true;
   expectRefused(run(call), "Bad file descriptor");
 }
 
-TEST_F(PinDescriptor, IsNotTriedWhenItHoldsNothing) {
-  expectFailure(run(loginReading("")), 9, {"no PIN was given"});
-  EXPECT_EQ(stagedCallsOf("C_Login"), 0);
-}
-
-TEST_F(PinDescriptor, IsRefusedWhenItsLineIsTooLong) {
-  expectRefused(run(loginReading(std::string(300, '1'))), "its first line has more than 256 bytes");
-}
-
-TEST_F(PinDescriptor, WithAWrongPinIsTriedOnce) {
-  const Result result = run(loginReading(std::string{kWrongPin} + "\n" + kPin + "\n"));
-  expectFailure(result, 7, {"C_Login answered CKR_PIN_INCORRECT (0xA0)"});
-  EXPECT_EQ(stagedCallsOf("C_Login"), 1);
-  EXPECT_EQ(result.leftInPipes.at(kDescriptor), std::string{kPin} + "\n");
+// A file that the program opens itself gets the number of one that is closed.
+TEST_F(PinDescriptor, IsNeverTakenFromTheData) {
+  const std::string in = " --in " + write("message", kPin + "\n"s);
+  for (const std::string descriptor : {"3", "4", "5", "6", "7", "8"}) {
+    expectFailures({{"sign --key 01 --out " + path("out") + in + " --pin-fd " + descriptor,
+                     14,
+                     {"Bad file descriptor"}}});
+  }
 }
 
 TEST_F(PinDescriptor, MustBeANumberAndTheOnlySource) {
-  const std::string file = write("pin", kPin);
-  expectFailure(mireltoken({"login", "--pin-fd", "three"}), 2, {"--pin-fd"});
-  expectFailure(mireltoken({"login", "--pin-fd", "99999999999"}), 2, {"--pin-fd"});
-  expectFailure(mireltoken({"login", "--pin-fd", "0", "--pin-file", file}), 2, {"--pin-fd", "--pin-file"});
+  expectFailures({{"login --pin-fd three", 2, {"--pin-fd"}},
+                  {"login --pin-fd 99999999999", 2, {"--pin-fd"}},
+                  {"login --pin-fd 0 --pin-file " + write("pin", kPin), 2, {"--pin-fd", "--pin-file"}}});
+}
+
+// ---- What the flags of the card say ----
+
+const Stage kFinalTry{{"TOKEN_FLAGS", "20000"}};
+const Stage kLocked{{"TOKEN_FLAGS", "40000"}};
+const Stage kBoth{{"TOKEN_FLAGS", "60000"}};
+const Stage kCountLow{{"TOKEN_FLAGS", "10000"}};
+const Stage kPinPad{{"TOKEN_FLAGS", "100"}};
+
+class PinFlags : public PinFile {
+ protected:
+  /// The command with the PIN from a file and from a descriptor.
+  [[nodiscard]] std::vector<Result> runs(const std::string& command, const Stage& stage) const {
+    Invocation fromDescriptor = staged(command + " --pin-fd " + std::to_string(kDescriptor), stage);
+    fromDescriptor.pipes[kDescriptor] = kPin;
+    return {run(fromDescriptor), run(stagedWithPin(command, stage))};
+  }
+  /// The token's information fails from the moment when the flags are looked at, just before the PIN is had:
+  /// that is the last look but one of a login that finds no PIN, which looks again to tell of it.
+  [[nodiscard]] Stage lostTokenInfo() const {
+    expectRefused(logInWith(path("none")), "none");
+    return {{"TOKEN_INFOS", std::to_string(stagedCallsOf("C_GetTokenInfo") - 2)}};
+  }
+};
+
+TEST_F(PinFlags, KeepTheLastTryForTheUser) {
+  const struct {
+    std::string command;
+    const Stage& stage;
+    const char* why;
+  } rows[] = {{"login", kFinalTry, "one more wrong PIN locks the card"},
+              {"login", kLocked, "the PIN is locked"},
+              {"login", kBoth, "the PIN is locked"},
+              {"sign --key 01 --out " + path("signature"), kFinalTry, "one more wrong PIN locks the card"}};
+  for (const auto& [command, stage, why] : rows) {
+    for (const Result& result : runs(command, stage))
+      expectUntried(result, 17, {"the PIN was not sent to the card: ", why, "--last-try"});
+  }
+}
+
+TEST_F(PinFlags, KeepNoOtherTryAndNoneThatTheUserHasGivenAway) {
+  const std::pair<std::string, const Stage&> rows[] = {
+      {"login --last-try", kFinalTry}, {"login --last-try", kLocked}, {"login", kCountLow}};
+  for (const auto& [command, stage] : rows) {
+    for (const Result& result : runs(command, stage)) EXPECT_EQ(result.exitCode, 0);
+    EXPECT_EQ(stagedCallsOf("C_Login"), 1);
+  }
+}
+
+TEST_F(PinFlags, KeepTheTryWhenTheyCannotBeRead) {
+  for (const Result& result : runs("login", lostTokenInfo())) {
+    expectUntried(result, 13,
+                  {"the PIN was not sent to the card: whether it could lock the card is not known",
+                   "C_GetTokenInfo answered CKR_DEVICE_ERROR (0x30)", "--last-try"});
+  }
+}
+
+TEST_F(PinFlags, AreNotGuessedAtThePrompt) {
+  PseudoTerminal terminal;
+  Invocation call = staged("login", lostTokenInfo());
+  call.terminal = &terminal;
+  RunningChild child{call};
+  EXPECT_TRUE(terminal.waitFor("PIN for \"Card\" (whether tries are left is not known): "));
+  terminal.type("\x03");
+  EXPECT_EQ(child.wait().exitCode, 9);
+}
+
+TEST_F(PinFlags, TellOfAPinThatCannotBeTyped) {
+  const std::vector<std::string> words{
+      "cannot be entered here: the card takes it from the keys of the reader"};
+  for (const char* command : {"login", "login --last-try"}) {
+    for (const Result& result : runs(command, kPinPad)) expectUntried(result, 18, words);
+  }
+  PseudoTerminal terminal;
+  Invocation call = staged("login", kPinPad);
+  call.terminal = &terminal;
+  expectUntried(run(call), 18, words);
+  EXPECT_THAT(terminal.shown(), ::testing::IsEmpty());
 }
 
 }  // namespace

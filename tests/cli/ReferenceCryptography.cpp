@@ -6,7 +6,6 @@
 #include <openssl/pem.h>
 #include <openssl/rsa.h>
 #include <openssl/x509.h>
-#include <openssl/x509v3.h>
 
 #include <array>
 #include <cstdio>
@@ -17,6 +16,8 @@ namespace mirel::test {
 namespace {
 
 using Key = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
+using Certificate = std::unique_ptr<X509, decltype(&X509_free)>;
+using Memory = std::unique_ptr<BIO, decltype(&BIO_free)>;
 using Context = std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)>;
 
 void require(bool done, const char* what) {
@@ -47,6 +48,13 @@ const EVP_MD* hashNamed(std::string_view name) {
   const EVP_MD* hash = EVP_get_digestbyname(std::string{name}.c_str());
   require(hash != nullptr, "know the hash");
   return hash;
+}
+
+Certificate certificateIn(const std::string& pem) {
+  const Memory memory{BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())), &BIO_free};
+  Certificate certificate{PEM_read_bio_X509(memory.get(), nullptr, nullptr, nullptr), &X509_free};
+  require(certificate != nullptr, "read the certificate");
+  return certificate;
 }
 
 }  // namespace
@@ -116,38 +124,19 @@ std::string newPoint(const std::string& keyType) {
   return point;
 }
 
-std::string newCertificate(const std::string& keyType, const std::string& commonName) {
-  const Key key = pairOf(keyType);
-  const std::unique_ptr<X509, decltype(&X509_free)> certificate{X509_new(), &X509_free};
-  X509* x509 = certificate.get();
-  require(
-      x509 && X509_set_version(x509, X509_VERSION_3) == 1 &&
-          ASN1_INTEGER_set(X509_get_serialNumber(x509), 1) == 1 &&
-          ASN1_TIME_set_string_X509(X509_getm_notBefore(x509), "20200101000000Z") == 1 &&
-          ASN1_TIME_set_string_X509(X509_getm_notAfter(x509), "20491231235959Z") == 1 &&
-          X509_NAME_add_entry_by_NID(X509_get_subject_name(x509), NID_commonName, MBSTRING_UTF8,
-                                     bytes(commonName), static_cast<int>(commonName.size()), -1, 0) == 1 &&
-          X509_set_issuer_name(x509, X509_get_subject_name(x509)) == 1 &&
-          X509_set_pubkey(x509, key.get()) == 1,
-      "fill the certificate");
-  const std::unique_ptr<X509_EXTENSION, decltype(&X509_EXTENSION_free)> usage{
-      X509V3_EXT_conf_nid(nullptr, nullptr, NID_key_usage, "critical,digitalSignature"),
-      &X509_EXTENSION_free};
-  require(usage && X509_add_ext(x509, usage.get(), -1) == 1 && X509_sign(x509, key.get(), EVP_sha256()) > 0,
-          "sign the certificate");
+std::string derOfCertificate(const std::string& pem) {
   unsigned char* der = nullptr;
-  const int size = i2d_X509(x509, &der);
+  const int size = i2d_X509(certificateIn(pem).get(), &der);
   require(size > 0, "encode the certificate");
   std::string text{reinterpret_cast<const char*>(der), static_cast<std::size_t>(size)};
   OPENSSL_free(der);
   return text;
 }
 
-std::string pemOfCertificate(const std::string& der) {
+std::string pemOf(const std::string& der) {
   const unsigned char* next = bytes(der);
-  const std::unique_ptr<X509, decltype(&X509_free)> certificate{
-      d2i_X509(nullptr, &next, static_cast<long>(der.size())), &X509_free};
-  const std::unique_ptr<BIO, decltype(&BIO_free)> memory{BIO_new(BIO_s_mem()), &BIO_free};
+  const Certificate certificate{d2i_X509(nullptr, &next, static_cast<long>(der.size())), &X509_free};
+  const Memory memory{BIO_new(BIO_s_mem()), &BIO_free};
   require(certificate && memory && PEM_write_bio_X509(memory.get(), certificate.get()) == 1,
           "write the certificate");
   char* text = nullptr;
@@ -156,15 +145,14 @@ std::string pemOfCertificate(const std::string& der) {
 }
 
 std::string commonNameOf(const std::string& pem) {
-  const std::unique_ptr<BIO, decltype(&BIO_free)> memory{
-      BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())), &BIO_free};
-  const std::unique_ptr<X509, decltype(&X509_free)> certificate{
-      PEM_read_bio_X509(memory.get(), nullptr, nullptr, nullptr), &X509_free};
   std::array<char, 256> name{};
-  if (!certificate || X509_NAME_get_text_by_NID(X509_get_subject_name(certificate.get()), NID_commonName,
-                                                name.data(), name.size()) < 0)
-    return {};
+  (void)X509_NAME_get_text_by_NID(X509_get_subject_name(certificateIn(pem).get()), NID_commonName,
+                                  name.data(), name.size());
   return name.data();
+}
+
+bool isSignedBy(const std::string& keyType, const std::string& pem) {
+  return X509_verify(certificateIn(pem).get(), pairOf(keyType).get()) == 1;
 }
 
 }  // namespace mirel::test

@@ -25,13 +25,11 @@ namespace mirel::test {
 /// A new public key on the curve of that type ("p256"), as an uncompressed point.
 [[nodiscard]] std::string newPoint(const std::string& keyType);
 
-/// A new certificate in DER for the key, signed with it, for digital signatures.
-[[nodiscard]] std::string newCertificate(const std::string& keyType, const std::string& commonName);
-
-/// The PEM form of a certificate in DER.
-[[nodiscard]] std::string pemOfCertificate(const std::string& der);
-
-/// The common name in the subject of a certificate in PEM; empty when there is none.
+/// The DER in a certificate in PEM; the PEM that OpenSSL writes of it; the common name in its subject; and
+/// whether it was signed with that key.
+[[nodiscard]] std::string derOfCertificate(const std::string& pem);
+[[nodiscard]] std::string pemOf(const std::string& der);
 [[nodiscard]] std::string commonNameOf(const std::string& pem);
+[[nodiscard]] bool isSignedBy(const std::string& keyType, const std::string& pem);
 
 }  // namespace mirel::test

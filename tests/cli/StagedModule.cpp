@@ -15,13 +15,15 @@
 ///   MIREL_STAGED_TRACEABLE    set: other processes of the user may look into the memory of this one again.
 ///   MIREL_STAGED_PLAIN        a file: what C_Decrypt decrypts every cipher text to, without a copy of it, as
 ///                             a module does that hides a wrong padding.
-///   MIREL_STAGED_PAUSE        a function in kStaged: its call waits for the end of the process; "exit": the
-///                             process waits when it has done its work and ends.
+///   MIREL_STAGED_PAUSE        a function in kStaged: its call waits for the end of the process; "entry": so
+///                             does the entry point; "exit": the process waits when it has done its work.
 ///   MIREL_STAGED_SWAP         a function in kStaged: from its first call on every token has another serial
 ///                             number.
 ///   MIREL_STAGED_CALLS        a file that gets the name of every call of a function in kStaged, in a line of
 ///                             its own; those of C_GetTokenInfo too. C_Login adds "dumpable" and what prctl
-///                             answers.
+///                             answers, and C_FindObjects adds "certificate" and its ID in hexadecimal digits
+///                             for each that is found: what order a module has can differ from process to
+///                             process, so only a witness in the same process knows it.
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -32,6 +34,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdlib>
+#include <iomanip>
 #include <map>
 #include <optional>
 #include <sstream>
@@ -92,6 +95,11 @@ void note(const std::string& function) {
   if (write(callsFile, line.data(), line.size()) != static_cast<ssize_t>(line.size())) std::abort();
 }
 
+void noteAndPause(const std::string& function) {
+  note(function);
+  while (true) (void)pause();
+}
+
 /// The entry for a function of that name.
 template <auto Entry, std::size_t Name>
 struct Staged;
@@ -144,11 +152,29 @@ struct End {
   End& operator=(const End&) = delete;
   ~End() {
     if (variable("MIREL_STAGED_EXIT") == "end") std::exit(0);
-    if (variable("MIREL_STAGED_PAUSE") != "exit") return;
-    note("exit");
-    while (true) (void)pause();
+    if (variable("MIREL_STAGED_PAUSE") == "exit") noteAndPause("exit");
   }
 } end;
+
+void noteCertificate(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object) {
+  CK_OBJECT_CLASS objectClass = 0;
+  std::array<CK_BYTE, 256> id{};
+  std::array entries{CK_ATTRIBUTE{CKA_CLASS, &objectClass, sizeof objectClass},
+                     CK_ATTRIBUTE{CKA_ID, id.data(), id.size()}};
+  const CK_RV rv = real->C_GetAttributeValue(session, object, entries.data(), entries.size());
+  if (rv != CKR_OK || objectClass != CKO_CERTIFICATE) return;
+  std::ostringstream line;
+  line << "certificate " << std::hex << std::uppercase << std::setfill('0');
+  for (std::size_t i = 0; i < entries[1].ulValueLen; ++i) line << std::setw(2) << int{id[i]};
+  note(line.str());
+}
+
+CK_RV findObjects(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE_PTR objects, CK_ULONG room,
+                  CK_ULONG_PTR count) {
+  const CK_RV rv = real->C_FindObjects(session, objects, room, count);
+  for (CK_ULONG i = 0; rv == CKR_OK && i < *count; ++i) noteCertificate(session, objects[i]);
+  return rv;
+}
 
 CK_RV tokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO_PTR info) {
   static unsigned long calls = 0;
@@ -195,8 +221,10 @@ extern "C" __attribute__((visibility("default"))) CK_RV C_GetFunctionList(CK_FUN
     callsFile = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     if (callsFile < 0) return CKR_FUNCTION_FAILED;
   }
+  if (variable("MIREL_STAGED_PAUSE") == "entry") noteAndPause("entry");
   ours = *real;
   ours.C_GetFunctionList = &C_GetFunctionList;
+  ours.C_FindObjects = &findObjects;
   ours.C_GetTokenInfo = &tokenInfo;
   ours.C_Login = &Staged<&CK_FUNCTION_LIST::C_Login, 0>::call;
   ours.C_SignInit = &Staged<&CK_FUNCTION_LIST::C_SignInit, 1>::call;
