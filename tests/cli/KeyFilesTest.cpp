@@ -149,6 +149,17 @@ TEST_F(KeyFiles, KeepTheModeOfTheFileThatTheyReplace) {
   }
 }
 
+TEST_F(KeyFiles, KeepTheGroupOfTheFileThatTheyReplaceAndWhatItMayDo) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root can give files to any group";
+  const std::string name = write("files/signature", "older", 0664);
+  ASSERT_EQ(chown(name.c_str(), static_cast<uid_t>(-1), 4321), 0);
+  expectSigned(signInto(name));
+  EXPECT_EQ(modeOf("files/signature"), mode_t{0664});
+  struct stat status {};
+  ASSERT_EQ(stat(name.c_str(), &status), 0);
+  EXPECT_EQ(status.st_gid, gid_t{4321});
+}
+
 TEST_F(KeyFiles, DoNotTakeTheModeOfSomebodyElsesFile) {
   if (geteuid() != 0) GTEST_SKIP() << "only root can give files away";
   const ScopedMask scope{022};
