@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "platform/Bytes.h"
 #include "platform/Log.h"
 
 namespace mirel {

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "module/Card.h"
+#include "platform/Bytes.h"
 #include "platform/Text.h"
 
 namespace mirel {
