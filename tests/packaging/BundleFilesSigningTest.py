@@ -188,11 +188,8 @@ def check_shown(checks, signing):
     checks.true("nothing was made", not signing.output.exists())
 
     signed = [line[-1] for line in words(release[1]) if line[:2] == ["codesign", "--force"]]
-    checks.equal(
-        "from the inside out",
-        [path.rsplit("/", 1)[1] for path in signed],
-        ["MirelToken.appex", "Mirel Token.app", f"MirelToken-{signing.version}.dmg"],
-    )
+    checks.equal("from the inside out", [path.rsplit("/", 1)[1] for path in signed],
+                 ["MirelToken.appex", "Mirel Token.app", f"MirelToken-{signing.version}.dmg"])
     checks.true("never --deep", "--deep" not in shown + release[1] + signing.script.read_text())
     checks.true("never sudo", "sudo" not in signing.script.read_text())
 
@@ -372,11 +369,8 @@ TROUBLE = [
     ({"SPOIL": "s/app-sandbox/app-box/"}, [], "lacks the entitlement com.apple.security.app-sandbox"),
     ({"SPOIL": "s/>com.apple.security.smartcard/>com.apple.security.get-task-allow/"}, [], "lacks the entitlement"),
     ({"SPOIL": "s/<dict>/<dict><key>com.apple.security.get-task-allow<\\/key>/"}, [], "lets debuggers in"),
-    (
-        {"LIBRARY": "\\t/opt/homebrew/lib/libcrypto.3.dylib (compatibility version 3.0.0, current version 3.0.0)\\n"},
-        [],
-        "libraries that other Macs do not have: /opt/homebrew/lib/libcrypto.3.dylib",
-    ),
+    ({"LIBRARY": "\\t/opt/homebrew/lib/libcrypto.3.dylib (compatibility version 3.0.0, current version 3.0.0)\\n"}, [],
+     "libraries that other Macs do not have: /opt/homebrew/lib/libcrypto.3.dylib"),
     ({"ANSWER": "Invalid"}, RELEASE, "the notary service answered Invalid"),
     ({"ANSWER": ""}, RELEASE, "the notary service did not take"),
 ]

@@ -53,60 +53,33 @@ SPOILED = [
     (APP, "<?xml", "\ufeff<?xml", "AppInfo: not ASCII"),
     (APP, "</dict>", "", "AppInfo: no property list"),
     (APP, "\n</plist>\n", "\n</plist>", "AppInfo: not the usual first and last lines"),
-    (
-        APP,
-        "<key>CFBundleName</key>",
-        "<key>CFBundleName</key>\n\t<string>A</string>\n\t<key>CFBundleName</key>",
-        "AppInfo: CFBundleName stands there twice",
-    ),
-    (
-        EXTENSION,
-        "\t\t\t<key>com.apple.ctk.class-id</key>",
-        "\t\t\t<key>com.apple.ctk.aid</key>\n\t\t\t<string>A000</string>\n\t\t\t<key>com.apple.ctk.class-id</key>",
-        "ExtensionInfo: NSExtension: NSExtensionAttributes: com.apple.ctk.aid is not wanted",
-    ),
+    (APP, "<key>CFBundleName</key>", "<key>CFBundleName</key>\n\t<string>A</string>\n\t<key>CFBundleName</key>",
+     "AppInfo: CFBundleName stands there twice"),
+    (EXTENSION, "\t\t\t<key>com.apple.ctk.class-id</key>",
+     "\t\t\t<key>com.apple.ctk.aid</key>\n\t\t\t<string>A000</string>\n\t\t\t<key>com.apple.ctk.class-id</key>",
+     "ExtensionInfo: NSExtension: NSExtensionAttributes: com.apple.ctk.aid is not wanted"),
     (EXTENSION, "com.apple.ctk-tokens", "com.apple.ctk.tokens", "ExtensionInfo: NSExtension: "
      "NSExtensionPointIdentifier: 'com.apple.ctk.tokens'"),
     (EXTENSION, "XPC!", "APPL", "ExtensionInfo: CFBundlePackageType: 'APPL'"),
     # What they name
     (EXTENSION, "MirelSCTokenDriver", "MirelSCTokenDrive", "the driver class is not in the sources"),
     (EXTENSION, "MirelSCTokenDriver", "MirelSCTokenDriverDelegate", "the driver class is not in the sources"),
-    (
-        EXTENSION,
-        "com.mirel.token.extension",
-        "com.mirel.tokenextension",
-        "the extension's identifier is not below the app's",
-    ),
+    (EXTENSION, "com.mirel.token.extension", "com.mirel.tokenextension",
+     "the extension's identifier is not below the app's"),
     (EXTENSION, "\t\t<string>de</string>\n", "", "ExtensionInfo: the languages are not the folders"),
-    (
-        EXTENSION,
-        "<key>com.apple.ctk.class-id</key>\n\t\t\t<string>com.mirel.token.extension<",
-        "<key>com.apple.ctk.class-id</key>\n\t\t\t<string>com.mirel.token<",
-        "the class id is not the extension's identifier",
-    ),
+    (EXTENSION, "<key>com.apple.ctk.class-id</key>\n\t\t\t<string>com.mirel.token.extension<",
+     "<key>com.apple.ctk.class-id</key>\n\t\t\t<string>com.mirel.token<",
+     "the class id is not the extension's identifier"),
     (APP, "AppIcon", "Icon", "there is no icon"),
     (APP, "<string>mireltoken<", "<string>mirel<", "no program has the name of the app's executable"),
     # Entitlements
     (RIGHTS, "app-sandbox", "app-sandboxed", "Extension.entitlements: com.apple.security.app-sandbox is missing"),
     (RIGHTS, "<true/>", "<false/>", "Extension.entitlements: com.apple.security.app-sandbox: False"),
-    (
-        RIGHTS,
-        "<dict>",
-        "<dict>\n\t<key>com.apple.security.get-task-allow</key>\n\t<true/>",
-        "Extension.entitlements: com.apple.security.get-task-allow is not wanted",
-    ),
-    (
-        RIGHTS,
-        "\t\t<string>/</string>\n",
-        "",
-        f"Extension.entitlements: {HOME}: ['/Library/LunetLocalSignServer/']",
-    ),
-    (
-        RIGHTS,
-        "LunetLocalSignServer/<",
-        "LunetLocalSignServer<",
-        f"Extension.entitlements: {HOME}: ['/Library/LunetLocalSignServer', '/']",
-    ),
+    (RIGHTS, "<dict>", "<dict>\n\t<key>com.apple.security.get-task-allow</key>\n\t<true/>",
+     "Extension.entitlements: com.apple.security.get-task-allow is not wanted"),
+    (RIGHTS, "\t\t<string>/</string>\n", "", f"Extension.entitlements: {HOME}: ['/Library/LunetLocalSignServer/']"),
+    (RIGHTS, "LunetLocalSignServer/<", "LunetLocalSignServer<",
+     f"Extension.entitlements: {HOME}: ['/Library/LunetLocalSignServer', '/']"),
     (APP_RIGHTS, "\n", "\r\n", "App.entitlements: a line ends with CR"),
     (APP_RIGHTS, "smartcard", "smart-card", "App.entitlements: com.apple.security.smartcard is missing"),
     # What agrees with them
@@ -116,12 +89,8 @@ SPOILED = [
     ("CMakeLists.txt", "set(CMAKE_OSX_DEPLOYMENT_TARGET", "set(OLDEST_MACOS", "the project builds for another macOS"),
     ("cmake/macos-toolchain.cmake", "set(CMAKE_SYSTEM_NAME", "set(CMAKE_OSX_DEPLOYMENT_TARGET 12.0)\nset(CMAKE_SYSTEM_NAME",
      "the toolchain file has an oldest macOS of its own"),
-    (
-        "CMakePresets.json",
-        '"CMAKE_BUILD_TYPE": "Debug"',
-        '"CMAKE_OSX_DEPLOYMENT_TARGET": "12.0"',
-        "the preset debug has an oldest macOS of its own",
-    ),
+    ("CMakePresets.json", '"CMAKE_BUILD_TYPE": "Debug"', '"CMAKE_OSX_DEPLOYMENT_TARGET": "12.0"',
+     "the preset debug has an oldest macOS of its own"),
     # What tells of them
     (README, "| `Distribution.xml.in`", "| `Distribution.xml`", "the README does not name Distribution.xml.in"),
     (README, "    sudo mkdir -p /usr/local/bin\n", "", "the README makes a script in a folder that may be missing"),
@@ -181,7 +150,6 @@ SPOILED_WORKFLOWS = [
 
 def check_spoiled(checks, source):
     with temporary_folder() as folder:
-
         tree = copy_of(source, pathlib.Path(folder))
         checks.equal("a copy is as good as the tree", faults(tree), [])
         for name, old, new, expected in SPOILED:
@@ -211,7 +179,6 @@ def check_spoiled(checks, source):
 
 def check_workflow(checks, source):
     with temporary_folder() as folder:
-
         tree = copy_of(source, pathlib.Path(folder))
         workflow = tree / ".github/workflows/build.yml"
         workflow.write_text(GOOD_WORKFLOW)
@@ -226,7 +193,6 @@ def check_workflow(checks, source):
 def check_driver_class(checks, source):
     """As soon as there is Objective-C, the driver must be there, and not only in the C++ below it."""
     with temporary_folder() as folder:
-
         tree = copy_of(source, pathlib.Path(folder))
         shutil.rmtree(tree / "token/macos", ignore_errors=True)
         checks.equal("in C++", faults(tree), [])
@@ -248,7 +214,6 @@ def check_icon(checks, source):
     icon = (source / "packaging/macos/AppIcon.icns").read_bytes()
     script = source / "packaging/macos/draw-icon"
     with temporary_folder() as folder:
-
         drawn = pathlib.Path(folder) / "drawn.icns"
         checks.equal("drawing", run(script, drawn), (0, "", ""))
         checks.true("the icon is what the script draws", drawn.read_bytes() == icon)
@@ -273,7 +238,6 @@ def check_assembled(checks, given):
 
     extension = "Contents/PlugIns/MirelToken.appex/Contents"
     with temporary_folder() as folder:
-
         folder = pathlib.Path(folder)
         stale = folder / "Mirel Token.app/Contents/MacOS/stale"
         stale.parent.mkdir(parents=True)
@@ -316,7 +280,6 @@ def check_modes(checks, given):
     programs = ["Contents/MacOS/mireltoken", "Contents/PlugIns/MirelToken.appex/Contents/MacOS/MirelToken"]
     for umask in (0o077, 0o027, 0o002):
         with temporary_folder() as folder:
-
             folder = pathlib.Path(folder)
             resources = folder / "Resources"
             shutil.copytree(given.source / "packaging/macos/Resources", resources)

@@ -138,21 +138,15 @@ def check_linked(checks, build, source):
     words = build.linked[EXTENSION]
     parts = sources_in(source, "token/macos") + OBJECTS_OF_TOKENS
     checks.equal("the extension's own objects", objects_in(words), build.objects_of(parts))
-    checks.equal(
-        "the extension's frameworks",
-        sorted(set(after(words, "-framework"))),
-        ["CryptoTokenKit", "Foundation", "Security"],
-    )
+    checks.equal("the extension's frameworks", sorted(set(after(words, "-framework"))),
+                 ["CryptoTokenKit", "Foundation", "Security"])
     checks.true("the extension is linked as one", "-fapplication-extension" in words)
     checks.true("the extension's entry is the system's", "-Wl,-e,_NSExtensionMain" in words)
 
     words = build.linked[COMMAND_LINE]
     checks.true("the command line's own main", set(build.objects_of(["cli/main.cpp"])) < set(objects_in(words)))
-    checks.equal(
-        "the command line's frameworks",
-        sorted(set(after(words, "-framework"))),
-        ["CoreServices", "Foundation", "Security"],
-    )
+    checks.equal("the command line's frameworks", sorted(set(after(words, "-framework"))),
+                 ["CoreServices", "Foundation", "Security"])
     entries = [word for word in words if word.startswith("-Wl,-e") or word in ("-e", "-fapplication-extension")]
     checks.equal("the command line is a program as any", entries, [])
 
@@ -228,16 +222,10 @@ def check_stops(checks, given):
         toolchain = f"-DCMAKE_TOOLCHAIN_FILE={given.source}/cmake/macos-toolchain.cmake"
         sdk = f"-DMIREL_MACOS_SDK={make_sdk(folder / 'MacOSX.sdk')}"
         for what, options, message in (
-            (
-                "another system",
-                ["-DCMAKE_SYSTEM_NAME=FreeBSD", "-DBUILD_TESTING=OFF"],
-                "There are no services for FreeBSD, only for macOS and Linux.",
-            ),
-            (
-                "a missing library of headers",
-                [toolchain, sdk, "-DCMAKE_IGNORE_PATH=/usr/include;/usr/local/include"],
-                "The command line parser CLI11 is missing. Install it with",
-            ),
+            ("another system", ["-DCMAKE_SYSTEM_NAME=FreeBSD", "-DBUILD_TESTING=OFF"],
+             "There are no services for FreeBSD, only for macOS and Linux."),
+            ("a missing library of headers", [toolchain, sdk, "-DCMAKE_IGNORE_PATH=/usr/include;/usr/local/include"],
+             "The command line parser CLI11 is missing. Install it with"),
         ):
             code, shown, error = run(given.cmake, "-G", "Ninja", "-S", given.source, "-B", folder / what, *options)
             checks.true(f"{what} stops: {shown}", code != 0)
