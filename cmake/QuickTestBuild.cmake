@@ -1,0 +1,12 @@
+# Under the sanitizers, where nothing is given to users, clang reads the headers of the C++ library once for all sources.
+# In all other builds each source includes what it uses, or does not compile.
+if(NOT CMAKE_CXX_COMPILER_ID MATCHES "Clang" OR NOT CMAKE_BUILD_TYPE STREQUAL "RelWithDebInfo")
+  return()
+endif()
+
+add_library(standard_headers OBJECT tests/test_headers.cpp)
+target_precompile_headers(standard_headers PRIVATE <algorithm> <array> <functional> <map> <memory> <mutex> <optional>
+  <span> <string> <string_view> <utility> <variant> <vector>)
+foreach(target IN ITEMS platform bridge framework provider token host cli_output)
+  target_precompile_headers(${target} REUSE_FROM standard_headers)
+endforeach()
