@@ -1,9 +1,11 @@
 #pragma once
 
-/// What the scripted module does when it is left alone, and how its calls are written down.
+/// What the scripted module does when it is left alone, and how its calls are written down. The
+/// library's one source includes this.
 
 #include <string>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "module/Functions.h"
@@ -14,25 +16,95 @@ namespace mirel::test {
 /// The script of this library.
 [[nodiscard]] Script& theScript();
 
+using List = CK_FUNCTION_LIST;
+
+inline constexpr CK_BYTE kFiller = 0xEE;
 /// More than any honest caller's data has. Longer data is neither read nor written down.
 inline constexpr CK_ULONG kMostBytes = 1UL << 20U;
 
-[[nodiscard]] std::string commaJoined(const std::vector<std::string>& parts);
+inline constexpr std::pair<CK_ATTRIBUTE_TYPE, const char*> kAttributeNames[] = {
+    {CKA_CLASS, "CKA_CLASS"},
+    {CKA_TOKEN, "CKA_TOKEN"},
+    {CKA_PRIVATE, "CKA_PRIVATE"},
+    {CKA_LABEL, "CKA_LABEL"},
+    {CKA_VALUE, "CKA_VALUE"},
+    {CKA_CERTIFICATE_TYPE, "CKA_CERTIFICATE_TYPE"},
+    {CKA_KEY_TYPE, "CKA_KEY_TYPE"},
+    {CKA_SUBJECT, "CKA_SUBJECT"},
+    {CKA_ID, "CKA_ID"},
+    {CKA_MODULUS, "CKA_MODULUS"},
+    {CKA_MODULUS_BITS, "CKA_MODULUS_BITS"},
+    {CKA_SENSITIVE, "CKA_SENSITIVE"},
+    {CKA_ENCRYPT, "CKA_ENCRYPT"},
+    {CKA_VALUE_LEN, "CKA_VALUE_LEN"},
+    {CKA_EC_PARAMS, "CKA_EC_PARAMS"},
+    {CKA_EC_POINT, "CKA_EC_POINT"},
+};
+
+inline std::string attributeName(CK_ATTRIBUTE_TYPE type) {
+  for (const auto& [known, name] : kAttributeNames) {
+    if (known == type) return name;
+  }
+  return "CKA " + std::to_string(type);
+}
+
+inline std::string hex(const void* data, CK_ULONG len) {
+  constexpr std::string_view kDigits = "0123456789ABCDEF";
+  std::string digits;
+  for (CK_ULONG i = 0; i < len; ++i) {
+    const CK_BYTE byte = static_cast<const CK_BYTE*>(data)[i];
+    digits += kDigits[byte >> 4U];
+    digits += kDigits[byte & 0xFU];
+  }
+  return digits;
+}
+
+inline std::string describedPointer(bool set, const char* name) { return set ? name : "null"; }
+
+inline std::string commaJoined(const std::vector<std::string>& parts) {
+  std::string joined;
+  for (const std::string& part : parts) joined += (joined.empty() ? "" : ", ") + part;
+  return joined;
+}
+
 /// Decimal; all-ones is "none".
-[[nodiscard]] std::string described(CK_ULONG number);
+inline std::string described(CK_ULONG number) {
+  return number == ~CK_ULONG{0} ? "none" : std::to_string(number);
+}
+
 /// Hexadecimal digits; "null" with the length, or the length alone where it cannot be true.
-[[nodiscard]] std::string describedValue(const void* data, CK_ULONG len);
+inline std::string describedValue(const void* data, CK_ULONG len) {
+  if (!data) return "null " + described(len);
+  if (len > kMostBytes) return "length " + described(len);
+  return hex(data, len);
+}
+
 /// Attributes with their values.
-[[nodiscard]] std::string describedTemplate(const CK_ATTRIBUTE* attributes, CK_ULONG count);
+inline std::string describedTemplate(const CK_ATTRIBUTE* attributes, CK_ULONG count) {
+  if (!attributes) return "null, " + described(count);
+  std::vector<std::string> parts;
+  for (CK_ULONG i = 0; i < count; ++i) {
+    parts.push_back(attributeName(attributes[i].type) + "=" +
+                    describedValue(attributes[i].pValue, attributes[i].ulValueLen));
+  }
+  return "[" + commaJoined(parts) + "]";
+}
 
 /// CKR_OK when the module is initialised and has that session, which is then in `outSession`.
-[[nodiscard]] CK_RV findSession(CK_SESSION_HANDLE handle, Session*& outSession);
+inline CK_RV findSession(CK_SESSION_HANDLE handle, Session*& outSession) {
+  if (!theScript().isInitialised()) return CKR_CRYPTOKI_NOT_INITIALIZED;
+  CK_RV code = CKR_SESSION_HANDLE_INVALID;
+  outSession = theScript().findSession(handle, code);
+  return outSession ? CKR_OK : code;
+}
 
-/// A function that the module does not model: recorded, and not supported.
-template <typename Function>
-struct NotModelled;
-template <typename... Args>
-struct NotModelled<CK_RV (*)(Args...)> {
+/// What the module does in each of its functions. `arguments` writes the arguments of a call down; `call` is
+/// what the module does; `afterFailure`, where there is one, what it still does when the call is made to
+/// fail. A function without a behaviour of its own is recorded, and not supported.
+template <auto Function, typename Type = FunctionType<Function>>
+struct Behaviour;
+template <auto Function, typename... Args>
+struct Behaviour<Function, CK_RV (*)(Args...)> {
   [[nodiscard]] static std::string arguments(Args... args) { return commaJoined({part(args)...}); }
   static CK_RV call(Args...) { return CKR_FUNCTION_NOT_SUPPORTED; }
 
@@ -45,167 +117,6 @@ struct NotModelled<CK_RV (*)(Args...)> {
       return described(CK_ULONG{arg});
     }
   }
-};
-
-/// `arguments` writes the arguments of a call down; `call` is what the module does.
-template <auto Function>
-struct Behaviour : NotModelled<FunctionType<Function>> {};
-
-template <>
-struct Behaviour<&CK_FUNCTION_LIST::C_Initialize> {
-  [[nodiscard]] static std::string arguments(CK_VOID_PTR initArgs);
-  static CK_RV call(CK_VOID_PTR initArgs);
-};
-
-template <>
-struct Behaviour<&CK_FUNCTION_LIST::C_Finalize> {
-  [[nodiscard]] static std::string arguments(CK_VOID_PTR reserved);
-  static CK_RV call(CK_VOID_PTR reserved);
-};
-
-template <>
-struct Behaviour<&CK_FUNCTION_LIST::C_GetInfo> {
-  [[nodiscard]] static std::string arguments(CK_INFO_PTR info);
-  static CK_RV call(CK_INFO_PTR info);
-};
-
-template <>
-struct Behaviour<&CK_FUNCTION_LIST::C_GetFunctionList> {
-  [[nodiscard]] static std::string arguments(CK_FUNCTION_LIST_PTR_PTR list);
-  static CK_RV call(CK_FUNCTION_LIST_PTR_PTR list);
-};
-
-template <>
-struct Behaviour<&CK_FUNCTION_LIST::C_GetSlotList> {
-  [[nodiscard]] static std::string arguments(CK_BBOOL tokenPresent, CK_SLOT_ID_PTR list, CK_ULONG_PTR count);
-  static CK_RV call(CK_BBOOL tokenPresent, CK_SLOT_ID_PTR list, CK_ULONG_PTR count);
-};
-
-template <>
-struct Behaviour<&CK_FUNCTION_LIST::C_GetSlotInfo> {
-  [[nodiscard]] static std::string arguments(CK_SLOT_ID slot, CK_SLOT_INFO_PTR info);
-  static CK_RV call(CK_SLOT_ID slot, CK_SLOT_INFO_PTR info);
-};
-
-template <>
-struct Behaviour<&CK_FUNCTION_LIST::C_GetTokenInfo> {
-  [[nodiscard]] static std::string arguments(CK_SLOT_ID slot, CK_TOKEN_INFO_PTR info);
-  static CK_RV call(CK_SLOT_ID slot, CK_TOKEN_INFO_PTR info);
-};
-
-template <>
-struct Behaviour<&CK_FUNCTION_LIST::C_OpenSession> {
-  [[nodiscard]] static std::string arguments(CK_SLOT_ID slot, CK_FLAGS flags, CK_VOID_PTR application,
-                                             CK_NOTIFY notify, CK_SESSION_HANDLE_PTR session);
-  static CK_RV call(CK_SLOT_ID slot, CK_FLAGS flags, CK_VOID_PTR application, CK_NOTIFY notify,
-                    CK_SESSION_HANDLE_PTR session);
-};
-
-template <>
-struct Behaviour<&CK_FUNCTION_LIST::C_CloseSession> {
-  [[nodiscard]] static std::string arguments(CK_SESSION_HANDLE session);
-  static CK_RV call(CK_SESSION_HANDLE session);
-};
-
-template <>
-struct Behaviour<&CK_FUNCTION_LIST::C_CloseAllSessions> {
-  [[nodiscard]] static std::string arguments(CK_SLOT_ID slot);
-  static CK_RV call(CK_SLOT_ID slot);
-};
-
-template <>
-struct Behaviour<&CK_FUNCTION_LIST::C_GetSessionInfo> {
-  [[nodiscard]] static std::string arguments(CK_SESSION_HANDLE session, CK_SESSION_INFO_PTR info);
-  static CK_RV call(CK_SESSION_HANDLE session, CK_SESSION_INFO_PTR info);
-};
-
-template <>
-struct Behaviour<&CK_FUNCTION_LIST::C_Login> {
-  [[nodiscard]] static std::string arguments(CK_SESSION_HANDLE session, CK_USER_TYPE user,
-                                             CK_UTF8CHAR_PTR pin, CK_ULONG pinLen);
-  static CK_RV call(CK_SESSION_HANDLE session, CK_USER_TYPE user, CK_UTF8CHAR_PTR pin, CK_ULONG pinLen);
-};
-
-template <>
-struct Behaviour<&CK_FUNCTION_LIST::C_Logout> {
-  [[nodiscard]] static std::string arguments(CK_SESSION_HANDLE session);
-  static CK_RV call(CK_SESSION_HANDLE session);
-};
-
-template <>
-struct Behaviour<&CK_FUNCTION_LIST::C_GetAttributeValue> {
-  [[nodiscard]] static std::string arguments(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object,
-                                             CK_ATTRIBUTE_PTR attributes, CK_ULONG count);
-  static CK_RV call(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE_PTR attributes,
-                    CK_ULONG count);
-};
-
-template <>
-struct Behaviour<&CK_FUNCTION_LIST::C_FindObjectsInit> {
-  [[nodiscard]] static std::string arguments(CK_SESSION_HANDLE session, CK_ATTRIBUTE_PTR attributes,
-                                             CK_ULONG count);
-  static CK_RV call(CK_SESSION_HANDLE session, CK_ATTRIBUTE_PTR attributes, CK_ULONG count);
-};
-
-template <>
-struct Behaviour<&CK_FUNCTION_LIST::C_FindObjects> {
-  [[nodiscard]] static std::string arguments(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE_PTR objects,
-                                             CK_ULONG maxCount, CK_ULONG_PTR count);
-  static CK_RV call(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE_PTR objects, CK_ULONG maxCount,
-                    CK_ULONG_PTR count);
-};
-
-template <>
-struct Behaviour<&CK_FUNCTION_LIST::C_FindObjectsFinal> {
-  [[nodiscard]] static std::string arguments(CK_SESSION_HANDLE session);
-  static CK_RV call(CK_SESSION_HANDLE session);
-};
-
-// ---- Private keys ----
-//
-// `afterFailure` is what C_Sign and C_Decrypt still do when a call of theirs is made to fail.
-
-template <>
-struct Behaviour<&CK_FUNCTION_LIST::C_SignInit> {
-  [[nodiscard]] static std::string arguments(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism,
-                                             CK_OBJECT_HANDLE key);
-  static CK_RV call(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism, CK_OBJECT_HANDLE key);
-};
-
-template <>
-struct Behaviour<&CK_FUNCTION_LIST::C_Sign> {
-  [[nodiscard]] static std::string arguments(CK_SESSION_HANDLE session, CK_BYTE_PTR data, CK_ULONG dataLen,
-                                             CK_BYTE_PTR signature, CK_ULONG_PTR signatureLen);
-  static CK_RV call(CK_SESSION_HANDLE session, CK_BYTE_PTR data, CK_ULONG dataLen, CK_BYTE_PTR signature,
-                    CK_ULONG_PTR signatureLen);
-  static void afterFailure(CK_SESSION_HANDLE session, CK_BYTE_PTR data, CK_ULONG dataLen,
-                           CK_BYTE_PTR signature, CK_ULONG_PTR signatureLen);
-};
-
-template <>
-struct Behaviour<&CK_FUNCTION_LIST::C_DecryptInit> {
-  [[nodiscard]] static std::string arguments(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism,
-                                             CK_OBJECT_HANDLE key);
-  static CK_RV call(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism, CK_OBJECT_HANDLE key);
-};
-
-template <>
-struct Behaviour<&CK_FUNCTION_LIST::C_Decrypt> {
-  [[nodiscard]] static std::string arguments(CK_SESSION_HANDLE session, CK_BYTE_PTR cipher,
-                                             CK_ULONG cipherLen, CK_BYTE_PTR plain, CK_ULONG_PTR plainLen);
-  static CK_RV call(CK_SESSION_HANDLE session, CK_BYTE_PTR cipher, CK_ULONG cipherLen, CK_BYTE_PTR plain,
-                    CK_ULONG_PTR plainLen);
-  static void afterFailure(CK_SESSION_HANDLE session, CK_BYTE_PTR cipher, CK_ULONG cipherLen,
-                           CK_BYTE_PTR plain, CK_ULONG_PTR plainLen);
-};
-
-template <>
-struct Behaviour<&CK_FUNCTION_LIST::C_DeriveKey> {
-  [[nodiscard]] static std::string arguments(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism,
-                                             CK_OBJECT_HANDLE baseKey, CK_ATTRIBUTE_PTR attributes,
-                                             CK_ULONG count, CK_OBJECT_HANDLE_PTR key);
-  static CK_RV call(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism, CK_OBJECT_HANDLE baseKey,
-                    CK_ATTRIBUTE_PTR attributes, CK_ULONG count, CK_OBJECT_HANDLE_PTR key);
 };
 
 }  // namespace mirel::test

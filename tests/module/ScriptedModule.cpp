@@ -1,13 +1,28 @@
 /// The shared library: its function list, whose entries all go through one place, and its two exported
 /// symbols.
 
-#include "module/Behaviour.h"
+#include "module/PrivateKeyBehaviour.h"
 #include "module/Script.h"
+#include "module/SessionBehaviour.h"
 
 namespace mirel::test {
 namespace {
 
 CK_FUNCTION_LIST liveList{};
+
+}  // namespace
+
+template <>
+struct Behaviour<&List::C_GetFunctionList> {
+  [[nodiscard]] static std::string arguments(CK_FUNCTION_LIST_PTR_PTR list) { return list ? "" : "null"; }
+  static CK_RV call(CK_FUNCTION_LIST_PTR_PTR list) {
+    if (!list) return CKR_ARGUMENTS_BAD;
+    *list = &liveList;
+    return CKR_OK;
+  }
+};
+
+namespace {
 
 template <auto Function, typename Type = FunctionType<Function>>
 struct Entry;
@@ -55,16 +70,6 @@ Script& theScript() {
   static const CK_FUNCTION_LIST complete = listOf(AllFunctions{});
   static Script script{complete, liveList};
   return script;
-}
-
-std::string Behaviour<&CK_FUNCTION_LIST::C_GetFunctionList>::arguments(CK_FUNCTION_LIST_PTR_PTR list) {
-  return list ? "" : "null";
-}
-
-CK_RV Behaviour<&CK_FUNCTION_LIST::C_GetFunctionList>::call(CK_FUNCTION_LIST_PTR_PTR list) {
-  if (!list) return CKR_ARGUMENTS_BAD;
-  *list = &liveList;
-  return CKR_OK;
 }
 
 }  // namespace mirel::test

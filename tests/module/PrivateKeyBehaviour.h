@@ -1,3 +1,5 @@
+#pragma once
+
 /// What the scripted module does with private keys: signing, decrypting, deriving.
 
 #include <algorithm>
@@ -6,18 +8,15 @@
 #include "module/Behaviour.h"
 
 namespace mirel::test {
-namespace {
 
-using List = CK_FUNCTION_LIST;
 using Operation = std::optional<Session::Operation> Session::*;
 
-constexpr CK_BYTE kFiller = 0xEE;
 /// CKM_RSA_PKCS adds at least this many bytes (RFC 8017, section 7.2.1).
-constexpr std::size_t kLeastPadding = 11;
+inline constexpr std::size_t kLeastPadding = 11;
 
 // ---- How calls are written down ----
 
-std::string describedParameters(const CK_MECHANISM& mechanism) {
+inline std::string describedParameters(const CK_MECHANISM& mechanism) {
   const CK_ULONG len = mechanism.ulParameterLen;
   if (!mechanism.pParameter) return "null " + described(len);
   if (mechanism.mechanism == CKM_RSA_PKCS_PSS && len == sizeof(CK_RSA_PKCS_PSS_PARAMS)) {
@@ -36,38 +35,41 @@ std::string describedParameters(const CK_MECHANISM& mechanism) {
   return describedValue(mechanism.pParameter, len) + " " + described(len);
 }
 
-std::string describedMechanism(const CK_MECHANISM* mechanism) {
+inline std::string describedMechanism(const CK_MECHANISM* mechanism) {
   if (!mechanism) return "null";
   return "CKM " + described(mechanism->mechanism) + " " + describedParameters(*mechanism);
 }
 
-std::string describedInit(CK_SESSION_HANDLE session, const CK_MECHANISM* mechanism, CK_OBJECT_HANDLE key) {
+inline std::string describedInit(CK_SESSION_HANDLE session, const CK_MECHANISM* mechanism,
+                                 CK_OBJECT_HANDLE key) {
   return commaJoined({described(session), describedMechanism(mechanism), described(key)});
 }
 
-std::string describedUse(CK_SESSION_HANDLE session, const CK_BYTE* data, CK_ULONG dataLen,
-                         const CK_BYTE* output, const CK_ULONG* len) {
+inline std::string describedUse(CK_SESSION_HANDLE session, const CK_BYTE* data, CK_ULONG dataLen,
+                                const CK_BYTE* output, const CK_ULONG* len) {
   return commaJoined({described(session), describedValue(data, dataLen),
                       (output ? "room " : "null ") + (len ? described(*len) : "null")});
 }
 
 // ---- Keys ----
 
-bool has(const Object& object, CK_ATTRIBUTE_TYPE type, const Value& value) {
+inline bool has(const Object& object, CK_ATTRIBUTE_TYPE type, const Value& value) {
   const auto found = object.attributes.find(type);
   return found != object.attributes.end() && found->second == value;
 }
 
-bool isTrue(const Object& object, CK_ATTRIBUTE_TYPE type) { return has(object, type, boolValue(true)); }
+inline bool isTrue(const Object& object, CK_ATTRIBUTE_TYPE type) {
+  return has(object, type, boolValue(true));
+}
 
-std::size_t sizeOf(const Object& object, CK_ATTRIBUTE_TYPE type) {
+inline std::size_t sizeOf(const Object& object, CK_ATTRIBUTE_TYPE type) {
   const auto found = object.attributes.find(type);
   return found == object.attributes.end() ? 0 : found->second.size();
 }
 
 /// CKR_OK when the session's card has that private key, of that type and for that use.
-CK_RV findPrivateKey(const Session& session, CK_OBJECT_HANDLE handle, CK_KEY_TYPE type,
-                     CK_ATTRIBUTE_TYPE permission) {
+inline CK_RV findPrivateKey(const Session& session, CK_OBJECT_HANDLE handle, CK_KEY_TYPE type,
+                            CK_ATTRIBUTE_TYPE permission) {
   const Card& card = theScript().card(session.slot);
   const auto found = card.objects.find(handle);
   if (found == card.objects.end()) return CKR_KEY_HANDLE_INVALID;
@@ -79,7 +81,7 @@ CK_RV findPrivateKey(const Session& session, CK_OBJECT_HANDLE handle, CK_KEY_TYP
 }
 
 /// 0 for what is no hash.
-std::size_t hashLen(CK_MECHANISM_TYPE hash) {
+inline std::size_t hashLen(CK_MECHANISM_TYPE hash) {
   constexpr std::pair<CK_MECHANISM_TYPE, std::size_t> kLengths[] = {
       {CKM_SHA_1, 20}, {CKM_SHA224, 28}, {CKM_SHA256, 32}, {CKM_SHA384, 48}, {CKM_SHA512, 64}};
   for (const auto& [known, length] : kLengths) {
@@ -89,14 +91,14 @@ std::size_t hashLen(CK_MECHANISM_TYPE hash) {
 }
 
 /// The length of a signature: that of the modulus, or twice that of the order of the curve.
-std::size_t signatureLen(const Object& key, CK_MECHANISM_TYPE mechanism) {
+inline std::size_t signatureLen(const Object& key, CK_MECHANISM_TYPE mechanism) {
   if (mechanism != CKM_ECDSA) return sizeOf(key, CKA_MODULUS);
   return has(key, CKA_EC_PARAMS, p384Params()) ? 96 : 64;
 }
 
 // ---- Operations ----
 
-CK_RV checkParameters(const CK_MECHANISM& mechanism) {
+inline CK_RV checkParameters(const CK_MECHANISM& mechanism) {
   if (mechanism.mechanism != CKM_RSA_PKCS_PSS) {
     return mechanism.ulParameterLen == 0 ? CKR_OK : CKR_MECHANISM_PARAM_INVALID;
   }
@@ -107,9 +109,9 @@ CK_RV checkParameters(const CK_MECHANISM& mechanism) {
   return hashLen(pss.hashAlg) > 0 ? CKR_OK : CKR_MECHANISM_PARAM_INVALID;
 }
 
-CK_RV begin(CK_SESSION_HANDLE handle, const CK_MECHANISM* mechanism, CK_OBJECT_HANDLE key,
-            CK_ATTRIBUTE_TYPE permission, std::initializer_list<CK_MECHANISM_TYPE> known,
-            Operation operation) {
+inline CK_RV begin(CK_SESSION_HANDLE handle, const CK_MECHANISM* mechanism, CK_OBJECT_HANDLE key,
+                   CK_ATTRIBUTE_TYPE permission, std::initializer_list<CK_MECHANISM_TYPE> known,
+                   Operation operation) {
   Session* session = nullptr;
   if (const CK_RV rv = findSession(handle, session); rv != CKR_OK) return rv;
   if (!mechanism) return CKR_ARGUMENTS_BAD;
@@ -128,7 +130,8 @@ CK_RV begin(CK_SESSION_HANDLE handle, const CK_MECHANISM* mechanism, CK_OBJECT_H
   return CKR_OK;
 }
 
-CK_RV sign(const Session::Operation& operation, const Object& key, const Value& data, Value& outResult) {
+inline CK_RV sign(const Session::Operation& operation, const Object& key, const Value& data,
+                  Value& outResult) {
   const std::size_t length = signatureLen(key, operation.mechanism);
   if (operation.mechanism == CKM_RSA_X_509 && data.size() > length) return CKR_DATA_LEN_RANGE;
   if (operation.mechanism == CKM_RSA_PKCS && data.size() + kLeastPadding > length) return CKR_DATA_LEN_RANGE;
@@ -139,7 +142,7 @@ CK_RV sign(const Session::Operation& operation, const Object& key, const Value& 
   return CKR_OK;
 }
 
-CK_RV decrypt(const Session::Operation&, const Object& key, const Value& cipher, Value& outResult) {
+inline CK_RV decrypt(const Session::Operation&, const Object& key, const Value& cipher, Value& outResult) {
   if (const auto& plainText = theScript().deviations.plainText) {
     outResult = *plainText;
     return CKR_OK;
@@ -155,7 +158,7 @@ CK_RV decrypt(const Session::Operation&, const Object& key, const Value& cipher,
 }
 
 /// The size rule of PKCS #11 v2.40, section 5.2, unless the script claims a result.
-CK_RV deliver(const char* function, const Value& result, CK_BYTE* output, CK_ULONG* len) {
+inline CK_RV deliver(const char* function, const Value& result, CK_BYTE* output, CK_ULONG* len) {
   const CK_ULONG room = *len;
   const auto& claims = theScript().deviations.claimedResults;
   if (const auto claim = claims.find(function); claim != claims.end()) {
@@ -175,15 +178,15 @@ CK_RV deliver(const char* function, const Value& result, CK_BYTE* output, CK_ULO
   return CKR_OK;
 }
 
-void overwriteLength(const char* function, CK_ULONG* len) {
+inline void overwriteLength(const char* function, CK_ULONG* len) {
   const auto& lengths = theScript().deviations.lengthsOnFailure;
   if (const auto found = lengths.find(function); found != lengths.end() && len) *len = found->second;
 }
 
 using Work = CK_RV (*)(const Session::Operation&, const Object& key, const Value& data, Value& outResult);
 
-CK_RV useWithoutDeviation(Work work, const char* function, Session& session, Operation operation,
-                          const CK_BYTE* data, CK_ULONG dataLen, CK_BYTE* output, CK_ULONG* len) {
+inline CK_RV useWithoutDeviation(Work work, const char* function, Session& session, Operation operation,
+                                 const CK_BYTE* data, CK_ULONG dataLen, CK_BYTE* output, CK_ULONG* len) {
   if (!(session.*operation)) return CKR_OPERATION_NOT_INITIALIZED;
   const Session::Operation begun = *(session.*operation);
   (session.*operation).reset();
@@ -199,8 +202,8 @@ CK_RV useWithoutDeviation(Work work, const char* function, Session& session, Ope
   return rv;
 }
 
-CK_RV use(Work work, const char* function, Operation operation, CK_SESSION_HANDLE handle, const CK_BYTE* data,
-          CK_ULONG dataLen, CK_BYTE* output, CK_ULONG* len) {
+inline CK_RV use(Work work, const char* function, Operation operation, CK_SESSION_HANDLE handle,
+                 const CK_BYTE* data, CK_ULONG dataLen, CK_BYTE* output, CK_ULONG* len) {
   Session* session = nullptr;
   CK_RV rv = findSession(handle, session);
   if (rv == CKR_OK) {
@@ -210,104 +213,114 @@ CK_RV use(Work work, const char* function, Operation operation, CK_SESSION_HANDL
   return rv;
 }
 
-void endAfterFailure(const char* function, Operation operation, CK_SESSION_HANDLE handle, CK_ULONG* len) {
+inline void endAfterFailure(const char* function, Operation operation, CK_SESSION_HANDLE handle,
+                            CK_ULONG* len) {
   Session* session = nullptr;
   if (findSession(handle, session) == CKR_OK) (session->*operation).reset();
   overwriteLength(function, len);
 }
 
-}  // namespace
-
 // ---- Signing ----
 
-std::string Behaviour<&List::C_SignInit>::arguments(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism,
-                                                    CK_OBJECT_HANDLE key) {
-  return describedInit(session, mechanism, key);
-}
-CK_RV Behaviour<&List::C_SignInit>::call(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism,
-                                         CK_OBJECT_HANDLE key) {
-  return begin(session, mechanism, key, CKA_SIGN, {CKM_RSA_PKCS, CKM_RSA_X_509, CKM_RSA_PKCS_PSS, CKM_ECDSA},
-               &Session::signing);
-}
+template <>
+struct Behaviour<&List::C_SignInit> {
+  [[nodiscard]] static std::string arguments(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism,
+                                             CK_OBJECT_HANDLE key) {
+    return describedInit(session, mechanism, key);
+  }
+  static CK_RV call(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism, CK_OBJECT_HANDLE key) {
+    return begin(session, mechanism, key, CKA_SIGN,
+                 {CKM_RSA_PKCS, CKM_RSA_X_509, CKM_RSA_PKCS_PSS, CKM_ECDSA}, &Session::signing);
+  }
+};
 
-std::string Behaviour<&List::C_Sign>::arguments(CK_SESSION_HANDLE session, CK_BYTE_PTR data, CK_ULONG dataLen,
-                                                CK_BYTE_PTR signature, CK_ULONG_PTR signatureLen) {
-  return describedUse(session, data, dataLen, signature, signatureLen);
-}
-CK_RV Behaviour<&List::C_Sign>::call(CK_SESSION_HANDLE session, CK_BYTE_PTR data, CK_ULONG dataLen,
-                                     CK_BYTE_PTR signature, CK_ULONG_PTR signatureLen) {
-  return use(&sign, "C_Sign", &Session::signing, session, data, dataLen, signature, signatureLen);
-}
-void Behaviour<&List::C_Sign>::afterFailure(CK_SESSION_HANDLE session, CK_BYTE_PTR, CK_ULONG, CK_BYTE_PTR,
-                                            CK_ULONG_PTR signatureLen) {
-  endAfterFailure("C_Sign", &Session::signing, session, signatureLen);
-}
+template <>
+struct Behaviour<&List::C_Sign> {
+  [[nodiscard]] static std::string arguments(CK_SESSION_HANDLE session, CK_BYTE_PTR data, CK_ULONG dataLen,
+                                             CK_BYTE_PTR signature, CK_ULONG_PTR signatureLen) {
+    return describedUse(session, data, dataLen, signature, signatureLen);
+  }
+  static CK_RV call(CK_SESSION_HANDLE session, CK_BYTE_PTR data, CK_ULONG dataLen, CK_BYTE_PTR signature,
+                    CK_ULONG_PTR signatureLen) {
+    return use(&sign, "C_Sign", &Session::signing, session, data, dataLen, signature, signatureLen);
+  }
+  static void afterFailure(CK_SESSION_HANDLE session, CK_BYTE_PTR, CK_ULONG, CK_BYTE_PTR,
+                           CK_ULONG_PTR signatureLen) {
+    endAfterFailure("C_Sign", &Session::signing, session, signatureLen);
+  }
+};
 
 // ---- Decrypting ----
 
-std::string Behaviour<&List::C_DecryptInit>::arguments(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism,
-                                                       CK_OBJECT_HANDLE key) {
-  return describedInit(session, mechanism, key);
-}
-CK_RV Behaviour<&List::C_DecryptInit>::call(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism,
-                                            CK_OBJECT_HANDLE key) {
-  return begin(session, mechanism, key, CKA_DECRYPT, {CKM_RSA_PKCS}, &Session::decryption);
-}
+template <>
+struct Behaviour<&List::C_DecryptInit> {
+  [[nodiscard]] static std::string arguments(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism,
+                                             CK_OBJECT_HANDLE key) {
+    return describedInit(session, mechanism, key);
+  }
+  static CK_RV call(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism, CK_OBJECT_HANDLE key) {
+    return begin(session, mechanism, key, CKA_DECRYPT, {CKM_RSA_PKCS}, &Session::decryption);
+  }
+};
 
-std::string Behaviour<&List::C_Decrypt>::arguments(CK_SESSION_HANDLE session, CK_BYTE_PTR cipher,
-                                                   CK_ULONG cipherLen, CK_BYTE_PTR plain,
-                                                   CK_ULONG_PTR plainLen) {
-  return describedUse(session, cipher, cipherLen, plain, plainLen);
-}
-CK_RV Behaviour<&List::C_Decrypt>::call(CK_SESSION_HANDLE session, CK_BYTE_PTR cipher, CK_ULONG cipherLen,
-                                        CK_BYTE_PTR plain, CK_ULONG_PTR plainLen) {
-  return use(&decrypt, "C_Decrypt", &Session::decryption, session, cipher, cipherLen, plain, plainLen);
-}
-void Behaviour<&List::C_Decrypt>::afterFailure(CK_SESSION_HANDLE session, CK_BYTE_PTR, CK_ULONG, CK_BYTE_PTR,
-                                               CK_ULONG_PTR plainLen) {
-  endAfterFailure("C_Decrypt", &Session::decryption, session, plainLen);
-}
+template <>
+struct Behaviour<&List::C_Decrypt> {
+  [[nodiscard]] static std::string arguments(CK_SESSION_HANDLE session, CK_BYTE_PTR cipher,
+                                             CK_ULONG cipherLen, CK_BYTE_PTR plain, CK_ULONG_PTR plainLen) {
+    return describedUse(session, cipher, cipherLen, plain, plainLen);
+  }
+  static CK_RV call(CK_SESSION_HANDLE session, CK_BYTE_PTR cipher, CK_ULONG cipherLen, CK_BYTE_PTR plain,
+                    CK_ULONG_PTR plainLen) {
+    return use(&decrypt, "C_Decrypt", &Session::decryption, session, cipher, cipherLen, plain, plainLen);
+  }
+  static void afterFailure(CK_SESSION_HANDLE session, CK_BYTE_PTR, CK_ULONG, CK_BYTE_PTR,
+                           CK_ULONG_PTR plainLen) {
+    endAfterFailure("C_Decrypt", &Session::decryption, session, plainLen);
+  }
+};
 
 // ---- Deriving ----
 
-std::string Behaviour<&List::C_DeriveKey>::arguments(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism,
-                                                     CK_OBJECT_HANDLE baseKey, CK_ATTRIBUTE_PTR attributes,
-                                                     CK_ULONG count, CK_OBJECT_HANDLE_PTR key) {
-  return describedInit(session, mechanism, baseKey) + ", " + describedTemplate(attributes, count) +
-         (key ? "" : ", null");
-}
-CK_RV Behaviour<&List::C_DeriveKey>::call(CK_SESSION_HANDLE handle, CK_MECHANISM_PTR mechanism,
-                                          CK_OBJECT_HANDLE baseKey, CK_ATTRIBUTE_PTR attributes,
-                                          CK_ULONG count, CK_OBJECT_HANDLE_PTR key) {
-  Session* session = nullptr;
-  if (const CK_RV rv = findSession(handle, session); rv != CKR_OK) return rv;
-  if (!mechanism || (!attributes && count > 0) || !key) return CKR_ARGUMENTS_BAD;
-  if (mechanism->mechanism != CKM_ECDH1_DERIVE) return CKR_MECHANISM_INVALID;
-  if (!mechanism->pParameter) return CKR_MECHANISM_PARAM_INVALID;
-  const auto& ecdh = *static_cast<const CK_ECDH1_DERIVE_PARAMS*>(mechanism->pParameter);
-  if (!ecdh.pPublicData || ecdh.ulPublicDataLen == 0 || ecdh.ulPublicDataLen > kMostBytes) {
-    return CKR_MECHANISM_PARAM_INVALID;
+template <>
+struct Behaviour<&List::C_DeriveKey> {
+  [[nodiscard]] static std::string arguments(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism,
+                                             CK_OBJECT_HANDLE baseKey, CK_ATTRIBUTE_PTR attributes,
+                                             CK_ULONG count, CK_OBJECT_HANDLE_PTR key) {
+    return describedInit(session, mechanism, baseKey) + ", " + describedTemplate(attributes, count) +
+           (key ? "" : ", null");
   }
-  if (const CK_RV rv = findPrivateKey(*session, baseKey, CKK_EC, CKA_DERIVE); rv != CKR_OK) return rv;
+  static CK_RV call(CK_SESSION_HANDLE handle, CK_MECHANISM_PTR mechanism, CK_OBJECT_HANDLE baseKey,
+                    CK_ATTRIBUTE_PTR attributes, CK_ULONG count, CK_OBJECT_HANDLE_PTR key) {
+    Session* session = nullptr;
+    if (const CK_RV rv = findSession(handle, session); rv != CKR_OK) return rv;
+    if (!mechanism || (!attributes && count > 0) || !key) return CKR_ARGUMENTS_BAD;
+    if (mechanism->mechanism != CKM_ECDH1_DERIVE) return CKR_MECHANISM_INVALID;
+    if (!mechanism->pParameter) return CKR_MECHANISM_PARAM_INVALID;
+    const auto& ecdh = *static_cast<const CK_ECDH1_DERIVE_PARAMS*>(mechanism->pParameter);
+    if (!ecdh.pPublicData || ecdh.ulPublicDataLen == 0 || ecdh.ulPublicDataLen > kMostBytes) {
+      return CKR_MECHANISM_PARAM_INVALID;
+    }
+    if (const CK_RV rv = findPrivateKey(*session, baseKey, CKK_EC, CKA_DERIVE); rv != CKR_OK) return rv;
 
-  Object derived;
-  for (CK_ULONG i = 0; i < count; ++i) {
-    const auto* const bytes = static_cast<const CK_BYTE*>(attributes[i].pValue);
-    derived.attributes[attributes[i].type] = Value(bytes, bytes + attributes[i].ulValueLen);
+    Object derived;
+    for (CK_ULONG i = 0; i < count; ++i) {
+      const auto* const bytes = static_cast<const CK_BYTE*>(attributes[i].pValue);
+      derived.attributes[attributes[i].type] = Value(bytes, bytes + attributes[i].ulValueLen);
+    }
+    const bool onToken = isTrue(derived, CKA_TOKEN);
+    if (onToken && (session->flags & CKF_RW_SESSION) == 0) return CKR_SESSION_READ_ONLY;
+    constexpr CK_ULONG kMostKeyBytes = 66;  // as many as the x coordinate of a P-521 point has
+    CK_ULONG length = 1;
+    while (length <= kMostKeyBytes && !has(derived, CKA_VALUE_LEN, ulongValue(length))) ++length;
+    if (length > kMostKeyBytes) return CKR_TEMPLATE_INCOMPLETE;
+    const Value publicData(ecdh.pPublicData, ecdh.pPublicData + ecdh.ulPublicDataLen);
+    derived.attributes[CKA_VALUE] = resultOf(CKM_ECDH1_DERIVE, publicData, length);
+    if (isTrue(derived, CKA_SENSITIVE)) derived.sensitive.insert(CKA_VALUE);
+
+    *key = theScript().addObject(std::move(derived), session->slot);
+    if (!onToken) session->objects.push_back(*key);
+    return CKR_OK;
   }
-  const bool onToken = isTrue(derived, CKA_TOKEN);
-  if (onToken && (session->flags & CKF_RW_SESSION) == 0) return CKR_SESSION_READ_ONLY;
-  constexpr CK_ULONG kMostKeyBytes = 66;  // as many as the x coordinate of a P-521 point has
-  CK_ULONG length = 1;
-  while (length <= kMostKeyBytes && !has(derived, CKA_VALUE_LEN, ulongValue(length))) ++length;
-  if (length > kMostKeyBytes) return CKR_TEMPLATE_INCOMPLETE;
-  const Value publicData(ecdh.pPublicData, ecdh.pPublicData + ecdh.ulPublicDataLen);
-  derived.attributes[CKA_VALUE] = resultOf(CKM_ECDH1_DERIVE, publicData, length);
-  if (isTrue(derived, CKA_SENSITIVE)) derived.sensitive.insert(CKA_VALUE);
-
-  *key = theScript().addObject(std::move(derived), session->slot);
-  if (!onToken) session->objects.push_back(*key);
-  return CKR_OK;
-}
+};
 
 }  // namespace mirel::test
