@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -19,25 +18,6 @@ namespace mirel::test {
 namespace {
 
 constexpr int kRounds = 4000;
-
-/// Two threads write values 0 and 1 of the property in turn while two others read; every value read must
-/// be one of those written.
-void hammer(const char* name, const std::function<void(unsigned)>& write,
-            const std::function<bool()>& readsWhole) {
-  SCOPED_TRACE(name);
-  write(0);
-  std::atomic<bool> whole{true};
-  const auto writeInTurn = [&](unsigned first) {
-    for (unsigned i = 0; i < kRounds; ++i) write((i + first) % 2);
-  };
-  const auto readOften = [&] {
-    for (int i = 0; i < kRounds; ++i) {
-      if (!readsWhole()) whole = false;
-    }
-  };
-  runAtOnce({[&] { writeInTurn(0); }, readOften, [&] { writeInTurn(1); }, readOften});
-  EXPECT_TRUE(whole);
-}
 
 /// Value `which` (0 or 1), every part of which tells which one it is. Those that have storage are new each
 /// time, so that the last reference goes away while others read.
@@ -59,58 +39,6 @@ template <>
 Bytes valueOf(unsigned which) {
   return Bytes{std::vector<std::uint8_t>(which == 0 ? 40 : 80, static_cast<std::uint8_t>(which))};
 }
-
-/// Hammers one property, by its getter and its setter.
-template <typename Record, typename Value, typename Argument>
-void hammer(const char* name, Record& record, Value (Record::*get)() const noexcept,
-            void (Record::*set)(Argument) noexcept) {
-  hammer(
-      name, [&](unsigned which) { (record.*set)(valueOf<Value>(which)); },
-      [&] {
-        const Value value = (record.*get)();
-        return value == valueOf<Value>(0) || value == valueOf<Value>(1);
-      });
-}
-
-TEST(AtomicProperties, OfAKeyRecord) {
-  using Record = PKCS11_ASYMKEY_INFO;
-  Record record;
-  hammer("hPubKey", record, &Record::hPubKey, &Record::setHPubKey);
-  hammer("hPriKey", record, &Record::hPriKey, &Record::setHPriKey);
-  hammer("keyID", record, &Record::keyID, &Record::setKeyID);
-  hammer("keyName", record, &Record::keyName, &Record::setKeyName);
-  hammer("pKeyValue", record, &Record::pKeyValue, &Record::setPKeyValue);
-}
-
-TEST(AtomicProperties, OfAKeyRecordThatIsCopied) {
-  PKCS11_ASYMKEY_INFO record;
-  record.setKeyName(valueOf<Text>(0));
-  hammer(
-      "mutableCopyWithZone", [&](unsigned which) { record.setKeyID(valueOf<Text>(which)); },
-      [&] {
-        const auto copy = record.mutableCopyWithZone();
-        const Text id = copy->keyID();
-        return copy->keyName() == valueOf<Text>(0) && (id == valueOf<Text>(0) || id == valueOf<Text>(1));
-      });
-}
-
-TEST(AtomicProperties, OfACertificateRecord) {
-  using Record = PKCS11_CERTIFICATEOBJ_INFO;
-  Record record;
-  hammer("hCert", record, &Record::hCert, &Record::setHCert);
-  hammer("strID", record, &Record::strID, &Record::setStrID);
-  hammer("strLabel", record, &Record::strLabel, &Record::setStrLabel);
-  hammer("pbCertData", record, &Record::pbCertData, &Record::setPbCertData);
-}
-
-TEST(AtomicProperties, OfACardRecord) {
-  using Record = PKCS11_SERVICE_INFO;
-  Record record;
-  hammer("m_keyIndex", record, &Record::m_keyIndex, &Record::setM_keyIndex);
-  hammer("m_certIndex", record, &Record::m_certIndex, &Record::setM_certIndex);
-}
-
-// ---- The bridge's own ----
 
 CK_RV someEntry(CK_FUNCTION_LIST**) { return CKR_OK; }
 CK_RV otherEntry(CK_FUNCTION_LIST**) { return CKR_GENERAL_ERROR; }
@@ -134,18 +62,83 @@ CK_FUNCTION_LIST* valueOf(unsigned which) {
   return &lists[which];
 }
 
+template <typename Value>
+bool isWhole(const Value& value) {
+  return value == valueOf<Value>(0) || value == valueOf<Value>(1);
+}
+bool isWhole(const std::shared_ptr<const std::string>& path) {
+  return path && (*path == std::string(40, 'a') || *path == std::string(80, 'b'));
+}
+
+/// Two threads write both values of the property in turn while two others read; every value read must be one
+/// of those written.
+template <typename Record, typename Value, typename Argument>
+void hammer(const char* name, Record& record, Value (Record::*get)() const noexcept,
+            void (Record::*set)(Argument) noexcept) {
+  SCOPED_TRACE(name);
+  (record.*set)(valueOf<Value>(0));
+  std::atomic<bool> whole{true};
+  const auto writeInTurn = [&](unsigned first) {
+    for (unsigned i = 0; i < kRounds; ++i) (record.*set)(valueOf<Value>((i + first) % 2));
+  };
+  const auto readOften = [&] {
+    for (int i = 0; i < kRounds; ++i) {
+      if (!isWhole((record.*get)())) whole = false;
+    }
+  };
+  runAtOnce({[&] { writeInTurn(0); }, readOften, [&] { writeInTurn(1); }, readOften});
+  EXPECT_TRUE(whole);
+}
+
+TEST(AtomicProperties, OfAKeyRecord) {
+  using Record = PKCS11_ASYMKEY_INFO;
+  Record record;
+  hammer("hPubKey", record, &Record::hPubKey, &Record::setHPubKey);
+  hammer("hPriKey", record, &Record::hPriKey, &Record::setHPriKey);
+  hammer("keyID", record, &Record::keyID, &Record::setKeyID);
+  hammer("keyName", record, &Record::keyName, &Record::setKeyName);
+  hammer("pKeyValue", record, &Record::pKeyValue, &Record::setPKeyValue);
+}
+
+TEST(AtomicProperties, OfAKeyRecordThatIsCopied) {
+  PKCS11_ASYMKEY_INFO record;
+  record.setKeyName(valueOf<Text>(0));
+  record.setKeyID(valueOf<Text>(0));
+  bool whole = true;
+  runAtOnce({[&] {
+               for (unsigned i = 0; i < kRounds; ++i) record.setKeyID(valueOf<Text>(i % 2));
+             },
+             [&] {
+               for (int i = 0; i < kRounds; ++i) {
+                 const auto copy = record.mutableCopyWithZone();
+                 whole = whole && isWhole(copy->keyID()) && isWhole(copy->keyName());
+               }
+             }});
+  EXPECT_TRUE(whole);
+}
+
+TEST(AtomicProperties, OfACertificateRecord) {
+  using Record = PKCS11_CERTIFICATEOBJ_INFO;
+  Record record;
+  hammer("hCert", record, &Record::hCert, &Record::setHCert);
+  hammer("strID", record, &Record::strID, &Record::setStrID);
+  hammer("strLabel", record, &Record::strLabel, &Record::setStrLabel);
+  hammer("pbCertData", record, &Record::pbCertData, &Record::setPbCertData);
+}
+
+TEST(AtomicProperties, OfACardRecord) {
+  using Record = PKCS11_SERVICE_INFO;
+  Record record;
+  hammer("m_keyIndex", record, &Record::m_keyIndex, &Record::setM_keyIndex);
+  hammer("m_certIndex", record, &Record::m_certIndex, &Record::setM_certIndex);
+}
+
 TEST(AtomicProperties, OfTheBridge) {
   P11Bridge bridge{PlatformServices{}};
+  hammer("p11dylib", bridge, &P11Bridge::p11dylib, &P11Bridge::setP11dylib);
   hammer("phP11Module", bridge, &P11Bridge::phP11Module, &P11Bridge::setPhP11Module);
   hammer("phFunctionList", bridge, &P11Bridge::phFunctionList, &P11Bridge::setPhFunctionList);
   hammer("ckFunc", bridge, &P11Bridge::ckFunc, &P11Bridge::setCkFunc);
-  using Path = std::shared_ptr<const std::string>;
-  hammer(
-      "p11dylib", [&](unsigned which) { bridge.setP11dylib(valueOf<Path>(which)); },
-      [&] {
-        const Path path = bridge.p11dylib();
-        return path && (*path == *valueOf<Path>(0) || *path == *valueOf<Path>(1));
-      });
 }
 
 }  // namespace

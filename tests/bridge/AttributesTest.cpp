@@ -13,7 +13,7 @@ using ::testing::ElementsAre;
 using ::testing::EndsWith;
 using ::testing::IsEmpty;
 
-constexpr CK_RV kUnavailableOnReread = 0x80000000 | CKR_ATTRIBUTE_VALUE_INVALID;
+constexpr CK_RV kUnavailableOnReread = kRereadFailed | CKR_ATTRIBUTE_VALUE_INVALID;
 
 CK_ATTRIBUTE lengthOf(CK_ATTRIBUTE_TYPE type) { return {type, nullptr, 0}; }
 
@@ -157,7 +157,7 @@ TEST_F(ReadAttributes, ReleasesTheBuffersUpToTheEntryBehindTheFailure) {
     SCOPED_TRACE(row.failingCall);
     script.failCall(row.failingCall, kSomeFailure);
     std::array attributes{lent(CKA_LABEL, 5), lent(CKA_ID, 2), lent(CKA_VALUE, 700), lent(CKA_CLASS, 8)};
-    EXPECT_EQ(read(attributes), row.failingCall == 0 ? kSomeFailure : 0x80000000 | kSomeFailure);
+    EXPECT_EQ(read(attributes), row.failingCall == 0 ? kSomeFailure : kRereadFailed | kSomeFailure);
     for (std::size_t i = 0; i < attributes.size(); ++i) {
       SCOPED_TRACE(i);
       EXPECT_EQ(isCleared(attributes[i]), row.released[i]);
@@ -183,7 +183,7 @@ TEST_F(ReadAttributes, ReleasesNothingOfATemplateOfOneEntry) {
 TEST_F(ReadAttributes, LeavesEntriesWithoutABufferAloneWhenItCleansUp) {
   std::array attributes{lengthOf(CKA_LABEL), lengthOf(CKA_ID), lent(CKA_VALUE, 700)};
   script.failCall(1, kSomeFailure);
-  EXPECT_EQ(read(attributes), 0x80000000 | kSomeFailure);
+  EXPECT_EQ(read(attributes), kRereadFailed | kSomeFailure);
   EXPECT_EQ(attributes[1].pValue, nullptr);
   EXPECT_EQ(attributes[1].ulValueLen, 2U);
   EXPECT_TRUE(isCleared(attributes[2]));
@@ -235,7 +235,7 @@ TEST_F(ReadAttributes, JudgesTheLengthThatEachReadReports) {
 TEST_F(ReadAttributes, MarksAValueThatReallyGrewBetweenTheReads) {
   script.deviations.valuesInTurn[CKA_LABEL] = {bytesOf("short"), bytesOf("much longer")};
   std::array attributes{lent(CKA_LABEL, 33)};
-  EXPECT_EQ(read(attributes), 0x80000000 | CKR_BUFFER_TOO_SMALL);
+  EXPECT_EQ(read(attributes), kRereadFailed | CKR_BUFFER_TOO_SMALL);
 }
 
 TEST_F(ReadAttributes, JudgesEachEntryByTheReadsForTheOthersToo) {

@@ -42,19 +42,6 @@ TEST(CryptokiHeader, IsInTheTableWithAllItsKindsOfNames) {
   EXPECT_GE(rowsThatStartWith(ours, "sizeof(CK_ULONG)"), 1U);
 }
 
-TEST(CryptokiHeader, HasTheFunctionsInTheOrderOfTheStandard) {
-  // The reference's offsets say so as well; this says it for the reader, and for the first and last.
-  const CryptokiTable ours = ourCommonRows();
-  const auto valueOf = [&](std::string_view name) {
-    const auto found =
-        std::find_if(ours.begin(), ours.end(), [&](const auto& row) { return row.name == name; });
-    return found == ours.end() ? std::string{"missing"} : found->value;
-  };
-  EXPECT_EQ(valueOf("offsetof(CK_FUNCTION_LIST, C_Initialize)"), std::to_string(1 * sizeof(void*)));
-  EXPECT_EQ(valueOf("offsetof(CK_FUNCTION_LIST, C_GetFunctionList)"), std::to_string(4 * sizeof(void*)));
-  EXPECT_EQ(valueOf("offsetof(CK_FUNCTION_LIST, C_WaitForSlotEvent)"), std::to_string(68 * sizeof(void*)));
-}
-
 TEST(CryptokiHeader, HasTheStandardsValuesWhereTheReferenceLacksTheName) {
   // PKCS #11 v2.40: section 3.2 (token flags), and CK_EC_KDF_TYPE in the elliptic curve mechanisms.
   EXPECT_THAT(ourOtherRows(),

@@ -34,6 +34,7 @@ struct KeyOperation {
   CK_RV tooLong;      ///< what a result longer than the buffer is answered with
   bool readsModulus;  ///< and announces its length; else the caller's length is announced
   CK_RV (*run)(P11Bridge&, const Arguments&);
+  bool looksAtHash = false;
 
   [[nodiscard]] bool signs() const { return function == std::string_view{"C_Sign"}; }
   [[nodiscard]] bool looksKeyUp() const { return mechanism != CKM_RSA_X_509; }
@@ -49,7 +50,8 @@ inline const KeyOperation kOperations[] = {
      [](P11Bridge& bridge, const Arguments& a) {
        return bridge.pkcs11_genSignaturePSS(a.session, a.object, a.hash, a.data, a.dataLen, a.output,
                                             a.length, a.capacity);
-     }},
+     },
+     true},
     {"EcdsaSignature", kEcPublicKey, "C_Sign", CKM_ECDSA, CKR_SIGNATURE_LEN_RANGE, false,
      [](P11Bridge& bridge, const Arguments& a) {
        return bridge.pkcs11_genECDSA(a.session, a.object, a.keySize, a.data, a.dataLen, a.output, a.length,
@@ -64,7 +66,8 @@ inline const KeyOperation kOperations[] = {
      [](P11Bridge& bridge, const Arguments& a) {
        return bridge.pkcs11_genDecryptOAEP(a.session, a.object, a.data, a.dataLen, a.hash, a.output, a.length,
                                            a.capacity);
-     }},
+     },
+     true},
 };
 
 inline void PrintTo(const KeyOperation& operation, std::ostream* out) { *out << operation.name; }

@@ -16,7 +16,7 @@ using Event = RecordingObserver::Event;
 CK_RV answerTo(const CallRow& call, CK_RV code) {
   switch (call.failing) {
     case Failing::kAnswered: return code;
-    case Failing::kMarked: return code | CK_RV{0x80000000};
+    case Failing::kMarked: return code | kRereadFailed;
     case Failing::kReplaced: return call.replacement;
     case Failing::kIgnored: break;
   }

@@ -141,7 +141,7 @@ TEST_F(CorrespondingPrivateKey, NeverSearchesForMoreThanWasRead) {
       {"more than the buffer on the second read", {254, 4000}},
       {"more than offered on the second read", {254, 255}},
       {"low 32 bits small", {254, 0x100000010}},
-      {"all-ones on the second read", {254, kAllOnes}, 0x80000000 | CKR_ATTRIBUTE_VALUE_INVALID},
+      {"all-ones on the second read", {254, kAllOnes}, kRereadFailed | CKR_ATTRIBUTE_VALUE_INVALID},
       {"255 in both", {255}, CKR_KEY_HANDLE_INVALID},
   };
   for (const auto& row : rows) {

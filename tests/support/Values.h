@@ -60,8 +60,4 @@ template <std::size_t Size>
 /// How it reads the length of a modulus of 256 bytes.
 [[nodiscard]] std::vector<std::string> modulusCalls(CK_OBJECT_HANDLE object);
 
-/// Lengths that a hostile module may claim: none is within a limit, some are small in their low 32 bits.
-inline constexpr CK_ULONG kAbsurdLengths[] = {CK_ULONG{1} << 32U, (CK_ULONG{1} << 32U) + 16,
-                                              CK_ULONG{1} << 40U, CK_ULONG{1} << 62U, kAllOnes - 1};
-
 }  // namespace mirel::test
