@@ -75,34 +75,6 @@ TEST_F(OpenCardSession, FailsWithAnyCallAndKeepsTheRecord) {
   });
 }
 
-TEST_F(OpenCardSession, FailsWithoutMemoryForTheSlots) {
-  failEachAllocation(1, [&](FailPoint& point) {
-    newFramework();
-    const RetainedRecord retained = openAndList();
-    point.arm();
-    const bool succeeded = framework->OpenCardSession(reader(), nullptr);
-    EXPECT_EQ(succeeded, !point.fired());
-    EXPECT_EQ(framework->p11ServiceInfo() == retained.record, !succeeded);
-  });
-}
-
-TEST_F(OpenCardSession, TakesNothingThatWasNotWritten) {
-  openService();
-  const auto stored = framework->p11ServiceInfo();
-  const std::set<std::string> rows[] = {
-      {"C_GetSlotList"},
-      {"C_GetSlotInfo"},
-      // A session whose handle was never written is none, whatever is said about it.
-      {"C_OpenSession", "C_GetSessionInfo"},
-  };
-  for (const auto& silent : rows) {
-    SCOPED_TRACE(::testing::PrintToString(silent));
-    script.deviations.silent = silent;
-    EXPECT_FALSE(framework->OpenCardSession(reader(), nullptr));
-    EXPECT_EQ(framework->p11ServiceInfo(), stored);
-  }
-}
-
 // ---- CloseCardSession ----
 
 using CloseCardSession = FrameworkTest;

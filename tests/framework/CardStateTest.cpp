@@ -111,16 +111,6 @@ TEST_F(IsCardStateChanged, CannotTellWhenACallFailsThatItNeeds) {
   });
 }
 
-TEST_F(IsCardStateChanged, CannotTellWithoutMemory) {
-  failEachAllocation(1, [&](FailPoint& point) {
-    newFramework();
-    openSession();
-    point.arm();
-    const bool changed = isChanged();
-    EXPECT_EQ(changed, point.fired());
-  });
-}
-
 // ---- CheckEvent ----
 
 class CheckEvent : public FrameworkTest {

@@ -162,11 +162,10 @@ TEST_F(EnumCardKeysFailures, AreWhatASelectionOrANewServiceComesTo) {
 
 // ---- Lengths that are lies ----
 
-constexpr CK_ULONG kGiB = CK_ULONG{1} << 30U;
-
 /// None of these can be the length of what the default card holds, and none is within a limit.
 constexpr CK_ULONG kLies[] = {
-    0, CK_UNAVAILABLE_INFORMATION, 2001, 3 * kGiB, 0xFFFFFFFF, 0x100000000, 0x100000002, CK_ULONG{1} << 62U};
+    0,           CK_UNAVAILABLE_INFORMATION, 2001, CK_ULONG{3} << 30U, 0xFFFFFFFF, 0x100000000,
+    0x100000002, CK_ULONG{1} << 62U};
 
 TEST_F(EnumCardKeysFailures, OfLengthsNeitherCrashNorTakeMemory) {
   // An attribute's reads are counted over both objects.
@@ -200,40 +199,6 @@ TEST_F(EnumCardKeysFailures, OfLengthsNeitherCrashNorTakeMemory) {
   expectUsable();
 }
 
-TEST_F(EnumCardKeysFailures, OfTwentyHugeCertificatesTakeNoMemory) {
-  const RetainedRecord retained = openAndList();
-  for (int i = 0; i < 20; ++i) {
-    script.addObject(certificate(bytesOf("01"), bytesOf("Huge"), patternValue(100, 1)));
-  }
-  script.deviations.claimedLengths[CKA_VALUE] = {3 * kGiB};
-  expectOutcome(Outcome::kFails, retained);
-}
-
-TEST_F(EnumCardKeysFailures, OfAValueThatGrowsHonestly) {
-  constexpr struct {
-    CK_ATTRIBUTE_TYPE type;
-    std::size_t readBefore;
-    Outcome outcome = Outcome::kFails;
-  } rows[] = {
-      {CKA_LABEL, 1},
-      {CKA_LABEL, 4},
-      {CKA_ID, 1},
-      {CKA_ID, 5},
-      {CKA_KEY_TYPE, 1},
-      {CKA_VALUE, 1},
-      {CKA_MODULUS, 2, Outcome::kKeyLeftOut},
-      {CKA_MODULUS, 3},
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(::testing::Message() << "attribute " << row.type << ", grown after read " << row.readBefore);
-    const RetainedRecord retained = startAnew();
-    std::vector<Value> turns(row.readBefore, patternValue(2, '0'));
-    turns.push_back(patternValue(600, '0'));
-    script.deviations.valuesInTurn[row.type] = turns;
-    expectOutcome(row.outcome, retained);
-  }
-}
-
 TEST_F(EnumCardKeysFailures, AreNotValuesShorterThanAnnounced) {
   const RetainedRecord retained = openAndList();
   script.deviations.claimedLengths[CKA_LABEL] = {100, {}, 3, 100, {}, {}};
@@ -250,15 +215,6 @@ TEST_F(EnumCardKeysFailures, AreNotValuesShorterThanAnnounced) {
 }
 
 // ---- Searches that are lies ----
-
-TEST_F(EnumCardKeysFailures, AreNotSearchesThatReportMoreThanOneAtATime) {
-  for (const CK_ULONG reported : {CK_ULONG{2}, CK_ULONG{161}, (CK_ULONG{1} << 32U) + 1, ~CK_ULONG{0}}) {
-    SCOPED_TRACE(reported);
-    (void)startAnew();
-    script.deviations.foundPerCall = reported;
-    expectOutcome(Outcome::kKeyLeftOut);
-  }
-}
 
 TEST_F(EnumCardKeysFailures, AreNotSearchesThatNeverEnd) {
   (void)openAndList();
@@ -294,14 +250,14 @@ TEST_F(EnumCardKeysFailures, OfFunctionsThatDoNothing) {
 
 TEST_F(EnumCardKeysFailures, AreNotHandlesThatNeedAllTheirBits) {
   // The same card under handles above 2^32, one of them 0 in its lower half.
-  (void)openAndList();
+  const RetainedRecord retained = openAndList();
   auto& objects = script.card().objects;
   const Object key = objects.at(kPublicKey);
   const Object cert = objects.at(kCertificate);
   constexpr CK_OBJECT_HANDLE kLargeKey = CK_OBJECT_HANDLE{7} << 32U;
   constexpr CK_OBJECT_HANDLE kLargeCertificate = ~CK_OBJECT_HANDLE{0} - 1;
   objects = {{kLargeKey, key}, {kLargeCertificate, cert}};
-  expectOutcome(Outcome::kSucceeds);
+  expectOutcome(Outcome::kSucceeds, retained);
   EXPECT_EQ(keys().at(0)->hPubKey(), kLargeKey);
   EXPECT_EQ(certificates().at(0)->hCert(), kLargeCertificate);
 }

@@ -95,18 +95,6 @@ TEST_F(EnumCards, FailsWithAnyCallButThoseForTheSession) {
   });
 }
 
-TEST_F(EnumCards, FailsWithoutMemoryForSlotsOrTokenInformation) {
-  failEachAllocation(2, [&](FailPoint& point) {
-    newFramework();
-    const RetainedRecord retained = openAndList();
-    point.arm();
-    const bool succeeded = framework->EnumCards(reader());
-    EXPECT_EQ(succeeded, !point.fired());
-    if (point.fired()) expectReleased(retained);
-    EXPECT_THAT(script.openSessions(), ElementsAre(kFirstSession));
-  });
-}
-
 TEST_F(EnumCards, KeepsALoginEvenWhenItFails) {
   openSession();
   script.card().loggedIn = true;

@@ -201,9 +201,10 @@ TEST_F(OpenService, LoadsAndInitialises) {
   EXPECT_THAT(certificates(), IsEmpty());
 }
 
-TEST_F(OpenService, FailsOnAnOpenOneAndLeavesTheModuleAsItIs) {
+TEST_F(OpenService, IsNeitherRepeatedNorClosedAndLeavesTheModuleAsItIs) {
   const RetainedRecord retained = openAndList();
   EXPECT_FALSE(framework->OpenFrameworkService());
+  EXPECT_FALSE(framework->CloseFrameworkService());
   EXPECT_THAT(script.callTexts(), IsEmpty());
   EXPECT_THAT(loader->calls, IsEmpty());
   EXPECT_TRUE(script.isInitialised());
@@ -254,16 +255,6 @@ TEST_F(CloseService, RunsAFrameworkThatWasNeverLoadedThroughItsWholeLifeOnce) {
   loader->calls.clear();
   EXPECT_FALSE(framework->CloseFrameworkService());
   EXPECT_THAT(loader->calls, IsEmpty());
-}
-
-TEST_F(CloseService, DoesNothingAfterAnOpen) {
-  const RetainedRecord retained = openAndList();
-  EXPECT_FALSE(framework->CloseFrameworkService());
-  EXPECT_THAT(script.callTexts(), IsEmpty());
-  EXPECT_THAT(loader->calls, IsEmpty());
-  EXPECT_TRUE(script.isInitialised());
-  EXPECT_EQ(framework->p11ServiceInfo(), retained.record);
-  expectUntouched(retained);
 }
 
 TEST_F(CloseService, FailsWithTheFirstTwoCallsAndIgnoresTheThird) {

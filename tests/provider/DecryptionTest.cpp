@@ -187,24 +187,5 @@ TEST_F(Decryption, RefusesNoCipherTextWithoutAskingTheCard) {
   EXPECT_EQ(script.countOf("C_DecryptInit"), 0U);
 }
 
-/// Behind the reading, calls 33 and 39 end the two searches for the private key, of which only the last
-/// leaves nothing behind that a later search would stumble over. Calls 15 to 17 read the length of the key's
-/// modulus, without which the key is not listed.
-TEST_F(Decryption, EndsAsTheFailingCallHasIt) {
-  constexpr std::size_t kNumCalls = kNumReadingCalls + 17;
-  failEachCall(kNumCalls, [&](FailPoint& point) {
-    newProvider();
-    openSession();
-    point.arm();
-    if (point.n() >= kNumCalls || (point.n() == 39 && point.once())) {
-      expectDecrypted({}, kPlain);
-    } else {
-      expectRefused({});
-    }
-    const bool keyLeftOut = point.once() && point.n() >= 15 && point.n() <= 17;
-    EXPECT_EQ(log->allLines == std::vector<std::string>{kNoKeyLine}, keyLeftOut);
-  });
-}
-
 }  // namespace
 }  // namespace mirel::test

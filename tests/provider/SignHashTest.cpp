@@ -174,25 +174,13 @@ TEST_F(SignHash, LeavesTheLengthAloneForAKeyThatIsNotThere) {
   EXPECT_THAT(log->systemErrorLines, IsEmpty());
 }
 
-TEST_F(SignHash, FailsWithoutAFramework) {
+TEST_F(SignHash, FailsWithoutTouchingAnythingWithoutAFrameworkOrAReadableCard) {
+  script.failCallOf("C_FindObjectsInit", 0, CKR_DEVICE_ERROR);
+  expectRefused({.capacity = 77}, 77);
+  EXPECT_EQ(script.countOf("C_SignInit"), 0U);
   provider->setPCTKFramework(nullptr);
   expectRefused({});
   EXPECT_THAT(script.calls(), IsEmpty());
-}
-
-/// Behind the reading, call 33 ends the search for the private key, calls 34 to 36 read the modulus's length
-/// and calls 37 and 38 sign.
-TEST_F(SignHash, EndsAsTheFailingCallHasIt) {
-  constexpr std::size_t kNumCalls = kNumReadingCalls + 11;
-  failEachCall(kNumCalls, [&](FailPoint& point) {
-    newProvider();
-    openSession();
-    point.arm();
-    if (point.n() >= kNumCalls || (point.n() == 33 && point.once())) return expectSigned({}, rawSignature());
-    if (point.n() >= 37) return expectSigned({}, Value(256, 0));
-    // A modulus that cannot be read has no length.
-    expectRefused({}, point.n() >= 33 ? 0 : 256);
-  });
 }
 
 }  // namespace
