@@ -196,7 +196,7 @@ TEST_F(EnumCardKeysFailures, OfLengthsNeitherCrashNorTakeMemory) {
       }
     }
   }
-  expectUsable();
+  expectUsableAgain();
 }
 
 TEST_F(EnumCardKeysFailures, AreNotValuesShorterThanAnnounced) {
@@ -244,7 +244,7 @@ TEST_F(EnumCardKeysFailures, OfFunctionsThatDoNothing) {
     const RetainedRecord retained = startAnew();
     script.deviations.silent = {row.function};
     expectOutcome(row.outcome, retained);
-    expectUsable();
+    expectUsableAgain();
   }
 }
 

@@ -54,7 +54,7 @@ TEST_F(EnumCards, ReleasesTheRecordForAnUnknownReader) {
   expectFails(Text{u"Reader C"});
   expectReleased(retained);
   expectFails(Text{u"Reader C"});  // nor does it need a record to release
-  expectUsable();
+  expectUsableAgain();
 }
 
 TEST_F(EnumCards, AsksNoFurtherWhereTheFirstListFails) {

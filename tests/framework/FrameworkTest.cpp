@@ -70,7 +70,7 @@ RetainedRecord FrameworkTest::startAnew() {
   return openAndList();
 }
 
-void FrameworkTest::expectUsable() {
+void FrameworkTest::expectUsableAgain() {
   script.reset();
   script.setInitialised(true);
   ASSERT_TRUE(framework->EnumCards(reader()));

@@ -53,7 +53,7 @@ class FrameworkTest : public ModuleTest {
 
   /// Has the module behave again, in the state it has after C_Initialize, and expects this framework to
   /// list the default card's key and certificate.
-  void expectUsable() override;
+  void expectUsableAgain() override;
 
   /// The framework's record. One must be there.
   [[nodiscard]] PKCS11_SERVICE_INFO& record() const;

@@ -32,11 +32,11 @@ class Lifecycle : public FrameworkTest {
     loader->calls.clear();
   }
   /// The process must be none the worse for what happened: the next framework works.
-  void expectUsable() override {
+  void expectUsableAgain() override {
     script.reset();
     newFramework();
     ASSERT_TRUE(framework->OpenFrameworkService());
-    FrameworkTest::expectUsable();
+    FrameworkTest::expectUsableAgain();
   }
 };
 

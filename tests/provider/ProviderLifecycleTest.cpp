@@ -13,11 +13,11 @@ using ::testing::IsEmpty;
 class ProviderLifecycle : public ProviderTest {
  protected:
   /// The process must be none the worse for what happened: the next provider works.
-  void expectUsable() override {
+  void expectUsableAgain() override {
     script.reset();
     newProvider();
     ASSERT_NO_FATAL_FAILURE(init());
-    ProviderTest::expectUsable();
+    ProviderTest::expectUsableAgain();
   }
   std::shared_ptr<MirelCTKFramework> giveFreshFramework() {
     const auto fresh = std::make_shared<MirelCTKFramework>(services());
@@ -49,7 +49,7 @@ TEST_F(ProviderInit, FailsTheSecondTimeAndLeavesTheModuleAsItIs) {
   EXPECT_EQ(provider->pCTKFramework(), first);
   EXPECT_THAT(script.callTexts(), IsEmpty());
   EXPECT_THAT(loader->calls, IsEmpty());
-  ProviderTest::expectUsable();
+  ProviderTest::expectUsableAgain();
 }
 
 TEST_F(ProviderInit, FailsWithEitherCallAndLeavesNoFrameworkBehindWhenItIsDropped) {
@@ -91,7 +91,7 @@ TEST_F(ProviderRelease, DropsAFrameworkWhoseServiceCouldBeClosedAndSucceedsWitho
   EXPECT_TRUE(provider->releaseWithMirelCTKFramework());
   EXPECT_EQ(script.countOf("C_Finalize"), 1U);
   init();
-  ProviderTest::expectUsable();
+  ProviderTest::expectUsableAgain();
 }
 
 TEST_F(ProviderRelease, FailsWithTheFirstTwoCallsAndIgnoresTheThird) {

@@ -25,7 +25,7 @@ void ProviderTest::startAnew() {
   openSession();
 }
 
-void ProviderTest::expectUsable() {
+void ProviderTest::expectUsableAgain() {
   script.reset();
   script.setInitialised(true);
   EXPECT_EQ(provider->getSupportedTokenDescription(reader()).units().substr(0, 9), u"TESTCARD ");

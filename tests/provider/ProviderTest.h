@@ -35,7 +35,7 @@ class ProviderTest : public ModuleTest {
 
   /// Has the module behave again, in the state it has after C_Initialize, and expects this provider to
   /// describe the token, open its session and list its key and certificate.
-  void expectUsable() override;
+  void expectUsableAgain() override;
 
   [[nodiscard]] MirelCTKFramework& framework() const;
   /// The framework's record. One must be there.

@@ -47,11 +47,12 @@ PlatformServices ModuleTest::servicesForAThread() const {
 }
 
 void ModuleTest::failEachCall(std::size_t numCalls, const Round& round) {
-  EXPECT_EQ(forEachFailingCall(script, CKR_DEVICE_ERROR, round, [this] { expectUsable(); }), numCalls);
+  EXPECT_EQ(forEachFailingCall(script, CKR_DEVICE_ERROR, round, [this] { expectUsableAgain(); }), numCalls);
 }
 
 void ModuleTest::failEachAllocation(std::size_t numAllocations, const Round& round) {
-  EXPECT_EQ(forEachFailingAllocation(script, *memory, round, [this] { expectUsable(); }), numAllocations);
+  EXPECT_EQ(forEachFailingAllocation(script, *memory, round, [this] { expectUsableAgain(); }),
+            numAllocations);
 }
 
 void ModuleTest::useModule(const char* path) {

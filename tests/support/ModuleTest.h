@@ -43,12 +43,12 @@ class ModuleTest : public ::testing::Test {
   [[nodiscard]] PlatformServices servicesForAThread() const;
 
   /// Runs `round` for each of the `numCalls` calls of an operation, that call failing (see FailingRounds.h),
-  /// and `expectUsable` after each round.
+  /// and `expectUsableAgain` after each round.
   void failEachCall(std::size_t numCalls, const Round& round);
   /// The same for its requests of memory.
   void failEachAllocation(std::size_t numAllocations, const Round& round);
   /// May have the module behave again and expect that what is tested works.
-  virtual void expectUsable() {}
+  virtual void expectUsableAgain() {}
 
   /// The user gets another home, where that file is in the module's place. An empty path: no file is.
   void useModule(const char* path);
