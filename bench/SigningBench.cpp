@@ -10,6 +10,7 @@
 #include <fstream>
 #include <string>
 
+#include "HostToken.h"
 #include "Measuring.h"
 #include "bridge/P11Bridge.h"
 #include "bridge/PKCS11_SERVICE_INFO.h"
@@ -18,9 +19,6 @@
 #include "host/KeyChoice.h"
 #include "host/ModuleFile.h"
 #include "provider/CryptTKitSProvider.h"
-#include "token/MirelSCToken.h"
-#include "token/MirelSCTokenAuth.h"
-#include "token/MirelSCTokenSession.h"
 
 namespace {
 
@@ -41,20 +39,12 @@ Value valueOf(Result<Value> outcome, const char* what) {
   return *std::move(outcome);
 }
 
-class RawRsa final : public TKTokenKeyAlgorithm {
- public:
-  [[nodiscard]] bool isAlgorithm(SecKeyAlgorithm algorithm) const noexcept override {
-    return algorithm == SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureRaw;
-  }
-};
-
-void logIn(const std::shared_ptr<MirelSCTokenSession>& session, const char* pinFile) {
+void logIn(HostTokenSession& session, const char* pinFile) {
   std::string pin;
   std::ifstream{pinFile} >> pin;
-  const auto operation = std::dynamic_pointer_cast<MirelSCTokenAuth>(
-      session->beginAuthForOperation(session, TKTokenOperation::kSignData, Text{u"PIN"}, nullptr));
-  operation->setPIN(SecretText::fromUtf8({reinterpret_cast<const std::uint8_t*>(pin.data()), pin.size()}));
-  if (!operation->finishWithError(nullptr)) fail("the card does not accept the PIN");
+  const auto operation = session.beginAuthForOperation(Text{u"PIN"}, nullptr);
+  const auto entered = SecretText::fromUtf8({reinterpret_cast<const std::uint8_t*>(pin.data()), pin.size()});
+  if (!operation->finishWithPIN(entered, nullptr)) fail("the card does not accept the PIN");
 }
 
 }  // namespace
@@ -71,10 +61,9 @@ int main(int argc, char** argv) {
   services.observer = clock;
   Host host{services};
   const InsertedCard card = valueOf(host.insert(Text{}), "there is no card");
-  const auto session =
-      std::dynamic_pointer_cast<MirelSCTokenSession>(card.token->createSessionWithError(card.token, nullptr));
+  const auto session = card.token->createSessionWithError(nullptr);
   if (!session) fail("there is no session");
-  logIn(session, argv[3]);
+  logIn(*session, argv[3]);
 
   PublishedKey key;
   for (const PublishedKey& candidate : keysOf(card)) {
@@ -84,22 +73,22 @@ int main(int argc, char** argv) {
   if (block.empty()) fail("there is no RSA key for signing");
   block.front() = 0;
   const Bytes data{block};
-  const RawRsa algorithm;
+  const HostKeyAlgorithm algorithm{SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureRaw};
 
-  const auto framework = session->sp()->pCTKFramework();
+  const auto framework = session->core()->sp()->pCTKFramework();
   std::vector<double> whole;
   std::vector<double> outside;
   std::vector<double> bare;
   for (int run = 0; run <= runs; ++run) {
     clock->reset(false);
     const auto start = Clock::now();
-    const Bytes signature = session->signData(session, data, key.objectID, algorithm, nullptr);
+    const Bytes signature = session->signData(data, key.objectID, algorithm, nullptr);
     const Microseconds elapsed = Clock::now() - start;
     if (signature.size() != block.size()) fail("the card does not sign");
     const double share = (elapsed - clock->inModule()).count() / elapsed.count();
 
     const CK_SESSION_HANDLE cardSession = framework->p11ServiceInfo()->hSession();
-    const auto record = session->sp()->getKeyFromCertID(key.objectID);
+    const auto record = session->core()->sp()->getKeyFromCertID(key.objectID);
     CK_OBJECT_HANDLE privateKey = 0;
     if (framework->p11Bridge()->pkcs11_getCorrespondingPrivateKey(cardSession, record->hPubKey(),
                                                                   &privateKey) != CKR_OK)
@@ -118,7 +107,7 @@ int main(int argc, char** argv) {
     bare.push_back(bareElapsed.count());
   }
   clock->reset(false);
-  (void)session->signData(session, data, key.objectID, algorithm, nullptr);
+  (void)session->signData(data, key.objectID, algorithm, nullptr);
   std::printf("| %zu | %.0f | %.0f | %.2f | %ld | %.1f %% |\n", keysOf(card).size(), median(whole),
               median(bare), median(whole) / median(bare), clock->numCalls(), 100 * median(outside));
   return 0;

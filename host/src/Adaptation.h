@@ -8,7 +8,7 @@
 #include "host/Host.h"
 #include "platform/Digest.h"
 #include "platform/SecKeyAlgorithm.h"
-#include "platform/TokenKit.h"
+#include "token/TokenKit.h"
 
 namespace mirel {
 

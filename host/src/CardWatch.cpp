@@ -5,20 +5,20 @@
 #include "CodeMeaning.h"
 #include "FailureDiary.h"
 #include "FixedText.h"
+#include "HostToken.h"
 #include "bridge/P11Bridge.h"
 #include "framework/MirelCTKFramework.h"
 #include "host/Display.h"
 #include "provider/CryptTKitSProvider.h"
-#include "token/MirelSCToken.h"
 
 namespace mirel {
 namespace {
 
 constexpr const char* kPutBack = "put that card back and run again";
 
-std::shared_ptr<CryptTKitSProvider> providerOf(const std::weak_ptr<MirelSCToken>& watched) {
+std::shared_ptr<CryptTKitSProvider> providerOf(const std::weak_ptr<HostToken>& watched) {
   const auto token = watched.lock();
-  return token ? token->sp() : nullptr;
+  return token ? token->core().sp() : nullptr;
 }
 
 std::string quoted(const Text& name) {
@@ -50,7 +50,7 @@ std::optional<FailedCall> readToken(P11Bridge& bridge, const Reader& reader, Fai
 
 }  // namespace
 
-CardWatch::CardWatch(const std::shared_ptr<MirelSCToken>& token, Reader reader)
+CardWatch::CardWatch(const std::shared_ptr<HostToken>& token, Reader reader)
     : token_{token}, reader_{std::move(reader)} {}
 
 Result<void> CardWatch::look(FailureDiary& diary) {

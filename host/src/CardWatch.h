@@ -10,7 +10,7 @@
 namespace mirel {
 
 class FailureDiary;
-class MirelSCToken;
+class HostToken;
 
 /// Watches, as the platform does, whether the card that became a token is still in its reader. When it is
 /// not, the token has ended for good: whoever uses it drops it. All who use the token share one, also from
@@ -18,7 +18,7 @@ class MirelSCToken;
 class CardWatch {
  public:
   /// `reader`: with the card that was inserted.
-  CardWatch(const std::shared_ptr<MirelSCToken>& token, Reader reader);
+  CardWatch(const std::shared_ptr<HostToken>& token, Reader reader);
 
   /// Whether the card is there, and the token's session with it. Asks the module. The failure says why the
   /// card must not be given anything: that another one is there, that it is gone, or that it cannot be told.
@@ -39,7 +39,7 @@ class CardWatch {
   [[nodiscard]] Result<void> lookAtCard(FailureDiary& diary) const;
   [[nodiscard]] Failure gone(std::string why) const;
 
-  std::weak_ptr<MirelSCToken> token_;
+  std::weak_ptr<HostToken> token_;
   Reader reader_;
   mutable std::mutex mutex_;
   Result<void> goesOn_;  // with the mutex

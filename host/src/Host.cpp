@@ -12,7 +12,7 @@
 #include "CertificateMemory.h"
 #include "CodeMeaning.h"
 #include "FailureDiary.h"
-#include "HostTokenKit.h"
+#include "HostToken.h"
 #include "NameList.h"
 #include "ReaderFinder.h"
 #include "bridge/CardRules.h"
@@ -21,10 +21,6 @@
 #include "host/Display.h"
 #include "host/DistinctItems.h"
 #include "host/KeyClient.h"
-#include "token/MirelCTKTokenKeychainKey.h"
-#include "token/MirelSCToken.h"
-#include "token/MirelSCTokenDriver.h"
-#include "token/MirelSCTokenSession.h"
 
 namespace mirel {
 namespace {
@@ -48,31 +44,31 @@ std::string namesOf(const std::vector<Reader>& readers) {
   return list.textOf(readers.size());
 }
 
-PublishedCertificate published(const TKTokenKeychainCertificate& item) {
+PublishedItem published(const TKTokenKeychainCertificate& item) {
   PublishedCertificate certificate;
-  certificate.objectID = item.objectID();
-  certificate.label = item.label();
-  certificate.subject = item.certificate()->subject();
-  certificate.notAfter = item.certificate()->notAfter();
-  certificate.keyUsage = keyUsageNames(item.certificate()->keyUsage().value_or(0));
-  certificate.data = item.certificate()->data();
+  certificate.objectID = item.objectID;
+  certificate.label = item.label;
+  certificate.subject = item.certificate->subject();
+  certificate.notAfter = item.certificate->notAfter();
+  certificate.keyUsage = keyUsageNames(item.certificate->keyUsage().value_or(0));
+  certificate.data = item.certificate->data();
   certificate.size = certificate.data.size();
   return certificate;
 }
 
-PublishedKey published(const MirelCTKTokenKeychainKey& item) {
+PublishedItem published(const MirelCTKTokenKeychainKey& item) {
   PublishedKey key;
-  key.objectID = item.objectID();
-  key.label = item.label();
-  key.certificateID = item.certificateID();
-  key.keyType = item.keyType();
-  key.keySizeInBits = item.keySizeInBits();
-  key.canSign = item.canSign();
-  key.canDecrypt = item.canDecrypt();
-  key.canPerformKeyExchange = item.canPerformKeyExchange();
-  key.suitableForLogin = item.suitableForLogin();
-  key.alwaysAuthenticate = item.alwaysAuthenticate();
-  for (const auto& [operation, constraint] : item.constraints().value_or(TKTokenConstraints{})) {
+  key.objectID = item.objectID;
+  key.label = item.label;
+  key.certificateID = item.certificateID;
+  key.keyType = item.certificate->keyType();
+  key.keySizeInBits = item.certificate->keySizeInBits();
+  key.canSign = item.canSign;
+  key.canDecrypt = item.canDecrypt;
+  key.canPerformKeyExchange = item.canPerformKeyExchange;
+  key.suitableForLogin = item.suitableForLogin;
+  key.alwaysAuthenticate = item.alwaysAuthenticate;
+  for (const auto& [operation, constraint] : item.constraints) {
     key.constraints[keyOperationOf(operation)] = constraint;
   }
   return key;
@@ -81,11 +77,7 @@ PublishedKey published(const MirelCTKTokenKeychainKey& item) {
 std::vector<PublishedItem> publishedItems(const HostKeychainContents& contents) {
   std::vector<PublishedItem> items;
   for (const auto& item : contents.items()) {
-    if (const auto* certificate = dynamic_cast<const TKTokenKeychainCertificate*>(item.get())) {
-      items.emplace_back(published(*certificate));
-    } else if (const auto* key = dynamic_cast<const MirelCTKTokenKeychainKey*>(item.get())) {
-      items.emplace_back(published(*key));
-    }
+    items.push_back(std::visit([](const auto& one) { return published(one); }, item));
   }
   return items;
 }
@@ -239,15 +231,11 @@ Result<InsertedCard> Host::insert(const Text& readerName) {
   if (!chosen) return chosen.failure();
   const Reader& reader = chosen->reader;
 
-  const auto kit = std::make_shared<HostTokenKit>(reader.distinctName);
   PlatformServices services = services_;
-  services.tokenKit = kit;
   services.certificates = parserWithMemory(services_.certificates);
-  const auto driver = std::make_shared<MirelSCTokenDriver>(services);
   std::optional<TKError> error;
   diary_->clear();
-  const auto token =
-      driver->createTokenForSmartCard(driver, cardInReader(reader.distinctName), Bytes{}, &error);
+  const auto token = HostToken::createdForReader(services, reader.distinctName, &error);
   const auto cause = diary_->cause();
   const auto failedRead = diary_->failedRead();
   if (!token && !error) {
@@ -261,21 +249,16 @@ Result<InsertedCard> Host::insert(const Text& readerName) {
     if (tooManyCards(*bridge_)) return enumerationFailure(reader, answerText(*cause), kTooManyCards);
     return enumerationFailure(reader, *cause);
   }
-  const auto registered = kit->lastToken();
-  if (!registered->contents().filled()) return listingFailure(reader, cause);
-  InsertedCard card{reader,
-                    registered->instanceID(),
-                    publishedItems(registered->contents()),
-                    std::static_pointer_cast<MirelSCToken>(token),
-                    std::nullopt,
-                    std::nullopt,
+  if (!token->contents().filled()) return listingFailure(reader, cause);
+  InsertedCard card{reader, token->instanceID(), publishedItems(token->contents()),
+                    token,  std::nullopt,        std::nullopt,
                     nullptr};
   if (failedRead) {
     card.incomplete = failureBecauseOf(*failedRead, "the objects of the card were not all read",
                                        FailureKind::kCardEnumerationFailed);
   }
   card.uncertain = chosen->uncertain;
-  card.watch = std::make_shared<CardWatch>(card.token, reader);
+  card.watch = std::make_shared<CardWatch>(token, reader);
   if (const auto same = card.watch->checkInsertion(); !same) return same.failure();
   return card;
 }
@@ -284,8 +267,7 @@ Result<std::unique_ptr<KeyClient>> Host::newClient(const InsertedCard& card) {
   if (const auto going = card.watch ? card.watch->goesOn() : Result<void>{}; !going) return going.failure();
   if (card.uncertain) return *card.uncertain;
   std::optional<TKError> error;
-  auto session =
-      std::dynamic_pointer_cast<MirelSCTokenSession>(card.token->createSessionWithError(card.token, &error));
+  auto session = card.token->createSessionWithError(&error);
   if (!session) {
     return Failure{FailureKind::kInternal, "the token gives no session", "the host's own session refuses it",
                    UserStep::kSeeLog};

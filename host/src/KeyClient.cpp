@@ -8,7 +8,7 @@
 #include "CardWatch.h"
 #include "CodeMeaning.h"
 #include "FailureDiary.h"
-#include "HostTokenKit.h"
+#include "HostToken.h"
 #include "NameList.h"
 #include "RsaEncoding.h"
 #include "bridge/P11Bridge.h"
@@ -17,9 +17,6 @@
 #include "host/InputSource.h"
 #include "host/PinSource.h"
 #include "platform/SecretBytes.h"
-#include "token/MirelSCToken.h"
-#include "token/MirelSCTokenAuth.h"
-#include "token/MirelSCTokenSession.h"
 
 namespace mirel {
 namespace {
@@ -194,7 +191,7 @@ Result<void> checkSending(const SecretText& pin) {
 
 }  // namespace
 
-KeyClient::KeyClient(InsertedCard card, std::shared_ptr<MirelSCTokenSession> session,
+KeyClient::KeyClient(InsertedCard card, std::shared_ptr<HostTokenSession> session,
                      std::shared_ptr<FailureDiary> diary)
     : card_{std::move(card)}, session_{std::move(session)}, diary_{std::move(diary)} {}
 
@@ -202,8 +199,7 @@ KeyClient::~KeyClient() = default;
 
 std::optional<SecKeyAlgorithm> KeyClient::acceptedForm(const PublishedKey& key, SecKeyAlgorithm algorithm) {
   for (std::optional<SecKeyAlgorithm> form = algorithm; form && session_;) {
-    if (session_->supportsOperation(session_, operationOf(*form), key.objectID, HostKeyAlgorithm{*form}))
-      return form;
+    if (session_->supportsOperation(operationOf(*form), key.objectID, HostKeyAlgorithm{*form})) return form;
     const auto step = nextStep(*form);
     form = step ? std::optional{step->to} : std::nullopt;
   }
@@ -266,7 +262,7 @@ Result<Signature> KeyClient::sign(const PublishedKey& key, SecKeyAlgorithm algor
   }
 
   const auto value = perform(key, TKTokenOperation::kSignData, pins, [&](TKErrorPointer outError) {
-    return session_->signData(session_, Bytes{prepared}, key.objectID, HostKeyAlgorithm{*form}, outError);
+    return session_->signData(Bytes{prepared}, key.objectID, HostKeyAlgorithm{*form}, outError);
   });
   if (!value) return value.failure();
   Signature made{*value, *form, Bytes{*data}, std::nullopt};
@@ -290,7 +286,7 @@ Result<Bytes> KeyClient::decrypt(const PublishedKey& key, SecKeyAlgorithm algori
   if (const auto fits = checkSize(algorithm, key, cipher->size()); !fits) return fits.failure();
 
   const auto answer = perform(key, TKTokenOperation::kDecryptData, pins, [&](TKErrorPointer outError) {
-    return session_->decryptData(session_, Bytes{*cipher}, key.objectID, HostKeyAlgorithm{*form}, outError);
+    return session_->decryptData(Bytes{*cipher}, key.objectID, HostKeyAlgorithm{*form}, outError);
   });
   if (!answer) return answer.failure();
   Bytes plain = Bytes::secret(*answer);
@@ -323,8 +319,7 @@ Result<KeyExchange> KeyClient::exchange(const PublishedKey& key, SecKeyAlgorithm
   if (!point) return point.failure();
   if (point->empty()) return badInput("there are none");
   const auto secret = perform(key, TKTokenOperation::kPerformKeyExchange, pins, [&](TKErrorPointer outError) {
-    return session_->performKeyExchangeWithPublicKey(session_, Bytes{*point}, key.objectID,
-                                                     HostKeyAlgorithm{*form}, nullptr, outError);
+    return session_->performKeyExchangeWithPublicKey(key.objectID, HostKeyAlgorithm{*form}, outError);
   });
   if (!secret) return secret.failure();
   return KeyExchange{*secret, *form};
@@ -343,7 +338,7 @@ Result<Bytes> KeyClient::perform(const PublishedKey& key, TKTokenOperation opera
     if (mayAuthenticate && isError(error, TKErrorCode::kAuthenticationNeeded)) {
       const auto constraint = key.constraints.find(keyOperationOf(operation));
       const Text asked = constraint == key.constraints.end() ? Text{} : constraint->second;
-      if (const auto done = authenticate(operation, asked, pins); !done) return done.failure();
+      if (const auto done = authenticate(asked, pins); !done) return done.failure();
       continue;
     }
     const std::string text =
@@ -355,13 +350,12 @@ Result<Bytes> KeyClient::perform(const PublishedKey& key, TKTokenOperation opera
   }
 }
 
-Result<void> KeyClient::authenticate(TKTokenOperation operation, const Text& constraint, PinSource& pins) {
+Result<void> KeyClient::authenticate(const Text& constraint, PinSource& pins) {
   int notSent = 0;
   for (int attempt = 1;; ++attempt) {
     if (const auto card = lookForCard(); !card) return card.failure();
     std::optional<TKError> error;
-    const auto authentication = session_->beginAuthForOperation(session_, operation, constraint, &error);
-    const auto pinOperation = std::dynamic_pointer_cast<MirelSCTokenAuth>(authentication);
+    const auto pinOperation = session_->beginAuthForOperation(constraint, &error);
     if (!pinOperation) {
       return Failure{
           FailureKind::kNotSupported, "the key cannot be unlocked",
@@ -384,9 +378,7 @@ Result<void> KeyClient::authenticate(TKTokenOperation operation, const Text& con
     // As late as can be: the user may have taken any time.
     if (const auto card = lookForCard(); !card) return card.failure();
     diary_->clear();
-    pinOperation->setPIN(pin);
-    const bool accepted = pinOperation->finishWithError(&error);
-    pinOperation->setPIN(nullptr);
+    const bool accepted = pinOperation->finishWithPIN(pin, &error);
     if (accepted) return {};
 
     const std::string text = error ? displayedName(error->localizedDescription) : std::string{};
@@ -457,8 +449,7 @@ Failure KeyClient::loginFailure(const std::string& text) {
 }
 
 Result<void> KeyClient::logIn(PinSource& pins) {
-  if (const auto done = authenticate(TKTokenOperation::kNone, Text{kPinConstraint}, pins); !done)
-    return done.failure();
+  if (const auto done = authenticate(Text{kPinConstraint}, pins); !done) return done.failure();
   if (diary_->lastResultOf("C_Login") != CKR_USER_ALREADY_LOGGED_IN) return {};
   return Failure{FailureKind::kCardRefuses, "the PIN was not checked",
                  "the card's software was logged in already (C_Login answered " +

@@ -3,11 +3,9 @@
 #include <functional>
 
 #include "FailureDiary.h"
-#include "HostTokenKit.h"
 #include "host/KeyClientTest.h"
 #include "host/Verification.h"
-#include "token/MirelSCToken.h"
-#include "token/MirelSCTokenSession.h"
+#include "HostToken.h"
 
 namespace mirel::test {
 namespace {
@@ -345,13 +343,11 @@ class RefusingToken : public KeyClientTest {
  protected:
   RefusingToken() {
     PlatformServices own = services();
-    const auto kit = std::make_shared<HostTokenKit>(card.reader.distinctName);
-    own.tokenKit = kit;
     own.log = std::make_shared<WatchingLog>([this] {
       if (whenSigning) whenSigning();
     });
-    session = std::make_shared<MirelSCTokenSession>(own, kit->allocTokenSession());
-    EXPECT_TRUE(session->initWithToken(card.token));
+    session = std::make_shared<HostTokenSession>(own, card.reader.distinctName, card.token);
+    EXPECT_TRUE(session->initWithToken());
     client = std::make_unique<KeyClient>(card, session, std::make_shared<FailureDiary>(nullptr));
   }
   void TearDown() override {
@@ -359,7 +355,7 @@ class RefusingToken : public KeyClientTest {
     KeyClientTest::TearDown();
   }
 
-  std::shared_ptr<MirelSCTokenSession> session;
+  std::shared_ptr<HostTokenSession> session;
   std::function<void()> whenSigning;
 };
 
@@ -367,7 +363,7 @@ TEST_F(RefusingToken, IsNotAskedAThirdTime) {
   int timesAsked = 0;
   whenSigning = [&] {
     ++timesAsked;
-    session->setAuthState(MirelSCTokenSession::kNotAuthenticated);
+    session->core()->setAuthState(MirelSCTokenSession::kNotAuthenticated);
   };
   const Failure failure = signFailure(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, kMessage);
   EXPECT_EQ(failure.kind, FailureKind::kCardRefuses);
@@ -379,7 +375,7 @@ TEST_F(RefusingToken, IsNotAskedAThirdTime) {
 TEST_F(RefusingToken, AnswersWithItsError) {
   (void)signature(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, kMessage);
   // The card was reset: its user's mark is gone.
-  session->smartCard()->setContext(std::nullopt);
+  session->smartCard().dropContext();
   const Failure failure = signFailure(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, kMessage);
   EXPECT_EQ(failure.kind, FailureKind::kCardRefuses);
   EXPECT_EQ(failure.what, "the token does not sign");

@@ -13,7 +13,7 @@ using enum TKTokenOperation;
 
 struct CapabilityRow {
   TKTokenOperation operation;
-  bool (TKTokenKeychainKey::*keyCan)() const;
+  bool TKTokenKeychainKey::*keyCan;
 };
 
 constexpr CapabilityRow kCapabilities[] = {
@@ -147,7 +147,7 @@ constexpr std::array<PrintableRow, 74> kPrintable{{
 bool isSupported(TKTokenOperation operation, const TKTokenKeychainKey& key,
                  const TKTokenKeyAlgorithm& algorithm) noexcept {
   for (const CapabilityRow& row : kCapabilities) {
-    if (row.operation == operation && !(key.*row.keyCan)()) return false;
+    if (row.operation == operation && !(key.*row.keyCan)) return false;
   }
   for (const AlgorithmRow& row : kSupported) {
     if (row.operation == operation && algorithm.isAlgorithm(row.algorithm)) return true;

@@ -4,7 +4,7 @@
 
 #include <string_view>
 
-#include "platform/TokenKit.h"
+#include "token/TokenKit.h"
 
 namespace mirel {
 

@@ -13,14 +13,6 @@ constexpr std::size_t kGroup = 4;
 
 constexpr std::string_view kDigits = "0123456789abcdef";
 
-std::string addressOf(const void* object) {
-  std::string digits;
-  for (auto address = reinterpret_cast<std::uintptr_t>(object); address != 0; address >>= 4U) {
-    digits.insert(digits.begin(), kDigits[address & 0xFU]);
-  }
-  return digits;
-}
-
 std::string hexOf(std::span<const std::uint8_t> bytes, bool grouped) {
   std::string hex;
   for (std::size_t i = 0; i < bytes.size(); ++i) {
@@ -32,13 +24,6 @@ std::string hexOf(std::span<const std::uint8_t> bytes, bool grouped) {
 }
 
 }  // namespace
-
-std::string objectDescription(std::string_view className, const TKTokenObject* object) {
-  if (!object) return "(null)";
-  if (const Text text = object->description(); !text.isNull()) return text.toUtf8();
-  std::string text{"<"};
-  return text.append(className).append(": 0x").append(addressOf(object)).append(">");
-}
 
 std::string dataDescription(const Bytes& data) {
   if (data.isNull()) return "(null)";

@@ -3,13 +3,9 @@
 #include <string>
 #include <string_view>
 
-#include "platform/TokenKit.h"
+#include "token/TokenKit.h"
 
 namespace mirel {
-
-/// What "%@" prints for an object: what the platform prints for its own, else class and address; "(null)" for
-/// none.
-[[nodiscard]] std::string objectDescription(std::string_view className, const TKTokenObject* object);
 
 /// What "%@" prints for an error: what the platform prints for its own, else the same as far as it is known:
 /// domain, code, and the text for the user, which is "(null)" for an error without one.

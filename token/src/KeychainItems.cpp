@@ -9,9 +9,7 @@
 namespace mirel {
 namespace {
 
-constexpr const char* kUnit = "MirelSCToken";
-constexpr int kUnreadableCertificateLine = 132;
-constexpr int kNoCertificateLine = 136;
+constexpr const char* kUnit = "MirelSCToken";  // Oddity: the lines name the token's unit.
 
 constexpr std::u16string_view kPinAlways = u"PINAlways";
 
@@ -19,32 +17,30 @@ constexpr std::u16string_view kPinAlways = u"PINAlways";
 struct KeyUsageRule {
   std::int32_t mask;
   TKTokenOperation operation;
-  void (TKTokenKeychainKey::*setCapability)(bool);
+  bool TKTokenKeychainKey::*capability;
   bool suitableForLogin;
 };
 
 /// Oddity: the first rule that matches is the only one that counts, so a certificate for signing and
 /// key encipherment gives a key that only signs.
 constexpr KeyUsageRule kKeyUsageRules[] = {
-    {1 << 0, TKTokenOperation::kSignData, &TKTokenKeychainKey::setCanSign, true},        // digitalSignature
-    {1 << 2, TKTokenOperation::kDecryptData, &TKTokenKeychainKey::setCanDecrypt, true},  // keyEncipherment
-    {1 << 4, TKTokenOperation::kPerformKeyExchange, &TKTokenKeychainKey::setCanPerformKeyExchange,
+    {1 << 0, TKTokenOperation::kSignData, &TKTokenKeychainKey::canSign, true},        // digitalSignature
+    {1 << 2, TKTokenOperation::kDecryptData, &TKTokenKeychainKey::canDecrypt, true},  // keyEncipherment
+    {1 << 4, TKTokenOperation::kPerformKeyExchange, &TKTokenKeychainKey::canPerformKeyExchange,
      false},  // keyAgreement
 };
 
-/// Sets what the key can do and returns what must happen before it does.
-TKTokenConstraints applyKeyUsage(const SecCertificate& certificate, TKTokenKeychainKey& key) {
-  TKTokenConstraints constraints;
+/// Sets what the key can do, and what must happen before it does.
+void applyKeyUsage(const SecCertificate& certificate, TKTokenKeychainKey& key) {
   const std::optional<std::int32_t> usage = certificate.keyUsage();
-  if (!usage) return constraints;
+  if (!usage) return;
   for (const KeyUsageRule& rule : kKeyUsageRules) {
     if ((*usage & rule.mask) == 0) continue;
-    constraints[rule.operation] = Text{kPinAlways};
-    (key.*rule.setCapability)(true);
-    if (rule.suitableForLogin) key.setSuitableForLogin(true);
+    key.constraints[rule.operation] = Text{kPinAlways};
+    key.*rule.capability = true;
+    key.suitableForLogin = rule.suitableForLogin;
     break;
   }
-  return constraints;
 }
 
 }  // namespace
@@ -62,33 +58,30 @@ std::optional<ListedCertificate> lookUp(CryptTKitSProvider& provider,
 }
 
 void appendKeychainItems(const PlatformServices& services, const std::optional<ListedCertificate>& listed,
-                         KeychainItems& items) {
+                         TKTokenKeychainContents& contents) {
   if (!listed) {
-    services.log->systemError(logLine("[%s-%d] certificate == nil", kUnit, kNoCertificateLine));
+    services.log->systemError(logLine("[%s-%d] certificate == nil", kUnit, 136));
     return;
   }
   const auto certificate = services.certificates->createWithData(listed->data);
   if (!certificate) {
-    // Oddity: the text is that of another trouble, and is kept.
-    services.log->systemError(
-        logLine("[%s-%d] public key without mapping cert ID", kUnit, kUnreadableCertificateLine));
+    // Oddity: the text is that of another failure, and is kept.
+    services.log->systemError(logLine("[%s-%d] public key without mapping cert ID", kUnit, 132));
     return;
   }
   if (!listed->hasKey) return;
 
-  const auto certificateItem = services.tokenKit->allocKeychainCertificate();
-  if (certificateItem->initWithCertificate(certificate, listed->objectID)) {
-    certificateItem->setLabel(listed->certificateID);
-    items.push_back(certificateItem);
-  }
+  contents.append(TKTokenKeychainCertificate{certificate, listed->objectID, listed->certificateID});
 
-  const auto key =
-      services.tokenKit->newKeychainKey(services, certificate, listed->certificateID, listed->objectID, true);
-  if (!key) return;
-  const TKTokenConstraints constraints = applyKeyUsage(*certificate, *key);
-  key->setLabel(listed->certificateID);
-  key->setConstraints(constraints);
-  items.push_back(key);
+  MirelCTKTokenKeychainKey key;
+  key.certificate = certificate;
+  key.objectID = listed->certificateID;
+  key.certificateID = listed->objectID;
+  key.alwaysAuthenticate = true;
+  if (!contents.initKey(key)) return;
+  applyKeyUsage(*certificate, key);
+  key.label = listed->certificateID;
+  contents.append(key);
 }
 
 }  // namespace mirel

@@ -2,18 +2,15 @@
 
 #include <memory>
 #include <optional>
-#include <vector>
 
 #include "platform/PlatformServices.h"
 #include "platform/Text.h"
-#include "platform/TokenKit.h"
+#include "token/TokenKit.h"
 
 namespace mirel {
 
 class CryptTKitSProvider;
 class PKCS11_CERTIFICATEOBJ_INFO;
-
-using KeychainItems = std::vector<std::shared_ptr<TKTokenKeychainItem>>;
 
 /// What the provider tells of one certificate.
 struct ListedCertificate {
@@ -32,6 +29,6 @@ struct ListedCertificate {
 /// for data that is no certificate (both are logged) and for a certificate without a key on the card. The key
 /// item alone is missing when the platform refuses it. Calls the platform: not with a gate held.
 void appendKeychainItems(const PlatformServices& services, const std::optional<ListedCertificate>& listed,
-                         KeychainItems& items);
+                         TKTokenKeychainContents& contents);
 
 }  // namespace mirel

@@ -2,9 +2,9 @@
 
 #include <mutex>
 #include <optional>
+#include <utility>
 #include <vector>
 
-#include "ReaderName.h"
 #include "TriesLeft.h"
 #include "platform/Log.h"
 #include "platform/SecretBytes.h"
@@ -14,9 +14,7 @@
 namespace mirel {
 namespace {
 
-constexpr const char* kUnit = "MirelSCTokenSession";
-constexpr int kStartLine = 13;
-constexpr int kEndLine = 24;
+constexpr const char* kUnit = "MirelSCTokenSession";  // Oddity: the lines name the session's unit.
 
 constexpr int kPinBitOffset = 40;  // behind the header of the command
 
@@ -28,29 +26,29 @@ Bytes verifyCommand(std::uint8_t cla) {
 
 }  // namespace
 
-MirelSCTokenAuth::MirelSCTokenAuth(PlatformServices services,
-                                   std::shared_ptr<TKTokenSmartCardPINAuthOperation> base) noexcept
-    : services_{std::move(services)}, base_{std::move(base)} {}
+MirelSCTokenAuth::MirelSCTokenAuth(PlatformServices services) noexcept : services_{std::move(services)} {}
 
-bool MirelSCTokenAuth::initWithSession(const std::shared_ptr<MirelSCTokenSession>& session) noexcept {
-  services_.log->systemDefault(logLine("CTK [%s-%d] +++START+++", kUnit, kStartLine));
-  const bool made = base_->init();
+bool MirelSCTokenAuth::initWithSession(const std::shared_ptr<MirelSCTokenSession>& session,
+                                       TKTokenSmartCardPINAuthOperation& operation,
+                                       const std::function<bool()>& super) noexcept {
+  Log& log = *services_.log;
+  log.systemDefault(logLine("CTK [%s-%d] +++START+++", kUnit, 13));
+  const bool made = super();
   if (made) {
     session_ = session;
-    const auto card = session ? session->smartCard() : nullptr;
-    setSmartCard(card);
-    setAPDUTemplate(verifyCommand(card ? card->cla() : std::uint8_t{0}));
-    const auto format = services_.tokenKit->allocPINFormat();
-    setPINFormat(format);
-    format->setPINBitOffset(kPinBitOffset);
+    const TKSmartCard& card = operation.sessionSmartCard();
+    operation.setSmartCard(card);
+    operation.setAPDUTemplate(verifyCommand(card.cla()));
+    operation.setPINFormat(kPinBitOffset);
   }
-  services_.log->systemDefault(logLine("CTK [%s-%d] ---END---", kUnit, kEndLine));
+  log.systemDefault(logLine("CTK [%s-%d] ---END---", kUnit, 24));
   return made;
 }
 
-bool MirelSCTokenAuth::finishWithError(TKErrorPointer outError) noexcept {
+bool MirelSCTokenAuth::finishWithError(TKTokenSmartCardPINAuthOperation& operation,
+                                       TKErrorPointer outError) noexcept {
   static const SecretText kNoPin;
-  const auto entered = PIN();
+  const auto entered = operation.PIN();
   const SecretText& pin = entered ? *entered : kNoPin;
   // Oddity: a copy of the PIN that nothing looks at, kept until the login has ended.
   SecretBytes<8> scratch;
@@ -61,22 +59,21 @@ bool MirelSCTokenAuth::finishWithError(TKErrorPointer outError) noexcept {
   if (!provider) services_.log->systemError("sp is nil");
   bool loggedIn = false;
   if (provider) {
-    const Text reader = readerNameOf(smartCard());  // the platform is asked before the gate is taken
+    const Text reader = operation.smartCard().name();  // the platform is asked before the gate is taken
     const std::lock_guard alone{provider->gate()};
     loggedIn = provider->userLogin(reader, pin, pin.length(), &triesLeft);
   }
-  setPIN(nullptr);  // the platform's copy, as far as it can be reached
+  operation.clearPIN();  // the platform's copy, as far as it can be reached
   if (loggedIn) {
-    if (const auto card = session_->smartCard()) {
-      card->setSensitive(true);
-      card->setContext(true);
-    }
+    TKSmartCard& card = operation.sessionSmartCard();
+    card.setSensitive(true);
+    card.setContext(true);
     session_->setAuthState(MirelSCTokenSession::kAuthenticated);
     return true;
   }
   if (outError) {
-    *outError = TKError{Text{kTKErrorDomain}, static_cast<std::int64_t>(TKErrorCode::kAuthenticationFailed),
-                        triesLeftText(*services_.strings, triesLeft.value_or(0))};
+    *outError =
+        tkError(TKErrorCode::kAuthenticationFailed, triesLeftText(*services_.strings, triesLeft.value_or(0)));
   }
   return false;
 }

@@ -1,29 +1,19 @@
 #include "token/MirelSCTokenDriver.h"
 
-#include "Description.h"
+#include <utility>
+
 #include "platform/Log.h"
 
 namespace mirel {
-namespace {
-
-constexpr const char* kUnit = "MirelSCTokenDriver";
-constexpr int kStartLine = 13;
-constexpr int kTokenLine = 15;
-constexpr int kEndLine = 16;
-
-}  // namespace
 
 MirelSCTokenDriver::MirelSCTokenDriver(PlatformServices services) noexcept : services_{std::move(services)} {}
 
-std::shared_ptr<TKSmartCardToken> MirelSCTokenDriver::createTokenForSmartCard(
-    const std::shared_ptr<TKSmartCardTokenDriver>& driver, const std::shared_ptr<TKSmartCard>& smartCard,
-    const Bytes& AID, TKErrorPointer outError) noexcept {
-  services_.log->systemDefault(logLine("CTK [%s-%d] +++Start+++", kUnit, kStartLine));
-  auto token = services_.tokenKit->newToken(services_, smartCard, AID, driver, outError);
-  services_.log->process(
-      logLine("[%s-%d] token = %@", kUnit, kTokenLine, objectDescription("MirelSCToken", token.get())));
-  services_.log->systemDefault(logLine("CTK [%s-%d] ---END---", kUnit, kEndLine));
-  return token;
+void MirelSCTokenDriver::createTokenForSmartCard(const std::function<Text()>& newToken) noexcept {
+  Log& log = *services_.log;
+  log.systemDefault(logLine("CTK [%s-%d] +++Start+++", "MirelSCTokenDriver", 13));
+  const Text token = newToken();
+  log.process(logLine("[%s-%d] token = %@", "MirelSCTokenDriver", 15, token));
+  log.systemDefault(logLine("CTK [%s-%d] ---END---", "MirelSCTokenDriver", 16));
 }
 
 }  // namespace mirel

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <utility>
 
 #include "platform/LocalizedStrings.h"
 #include "platform/Log.h"
@@ -11,10 +12,6 @@ namespace mirel {
 namespace {
 
 constexpr const char* kUnit = "MirelSCTokenSession";
-constexpr int kStartLine = 70;
-constexpr int kRefusedLine = 73;
-constexpr int kNoProviderLine = 78;
-constexpr int kEndLine = 81;
 
 constexpr std::u16string_view kPinConstraints[] = {u"PIN", u"PINAlways"};
 // Oddity: the spelling is that of the key in the tables of texts.
@@ -27,35 +24,32 @@ bool asksForPin(const Text& constraint) noexcept {
 
 }  // namespace
 
-MirelSCTokenSession::MirelSCTokenSession(PlatformServices services,
-                                         std::shared_ptr<TKSmartCardTokenSession> base) noexcept
-    : services_{std::move(services)}, base_{std::move(base)} {}
+MirelSCTokenSession::MirelSCTokenSession(PlatformServices services) noexcept
+    : services_{std::move(services)} {}
 
-bool MirelSCTokenSession::initWithToken(const std::shared_ptr<MirelSCToken>& token) noexcept {
-  services_.log->systemDefault(logLine("CTK [%s-%d] +++START+++", kUnit, kStartLine));
-  if (!base_->initWithToken(token)) {
-    services_.log->process(logLine("[%s-%d] ERROR", kUnit, kRefusedLine));
+bool MirelSCTokenSession::initWithToken(const MirelSCToken* token,
+                                        const std::function<bool()>& super) noexcept {
+  Log& log = *services_.log;
+  log.systemDefault(logLine("CTK [%s-%d] +++START+++", kUnit, 70));
+  if (!super()) {
+    log.process(logLine("[%s-%d] ERROR", kUnit, 73));
     return false;
   }
   const auto provider = token ? token->sp() : nullptr;
   // Oddity: an error, and yet the session is made.
-  if (!provider) services_.log->process(logLine("[%s-%d] ERROR", kUnit, kNoProviderLine));
+  if (!provider) log.process(logLine("[%s-%d] ERROR", kUnit, 78));
   setSp(provider);
-  services_.log->systemDefault(logLine("CTK [%s-%d] ---END---", kUnit, kEndLine));
+  log.systemDefault(logLine("CTK [%s-%d] ---END---", kUnit, 81));
   return true;
 }
 
-std::shared_ptr<TKTokenAuthOperation> MirelSCTokenSession::beginAuthForOperation(
-    const std::shared_ptr<TKTokenSession>&, TKTokenOperation, const Text& constraint,
-    TKErrorPointer outError) noexcept {
-  if (asksForPin(constraint)) {
-    return services_.tokenKit->newPINAuthOperation(services_, weak_from_this().lock());
-  }
+bool MirelSCTokenSession::beginAuthForOperation(const Text& constraint, TKErrorPointer outError) noexcept {
+  if (asksForPin(constraint)) return true;
   if (outError) {
-    *outError = TKError{Text{kTKErrorDomain}, static_cast<std::int64_t>(TKErrorCode::kBadParameter),
-                        services_.strings->localizedString(kConstraintNotSupportedKey)};
+    *outError =
+        tkError(TKErrorCode::kBadParameter, services_.strings->localizedString(kConstraintNotSupportedKey));
   }
-  return nullptr;
+  return false;
 }
 
 }  // namespace mirel

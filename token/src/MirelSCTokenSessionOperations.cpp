@@ -1,11 +1,10 @@
 #include <mutex>
+#include <vector>
 
 #include "Algorithms.h"
 #include "Description.h"
-#include "ReaderName.h"
 #include "platform/Log.h"
 #include "provider/CryptTKitSProvider.h"
-#include "token/MirelCTKTokenKeychainKey.h"
 #include "token/MirelSCTokenSession.h"
 
 namespace mirel {
@@ -13,124 +12,86 @@ namespace {
 
 constexpr const char* kUnit = "MirelSCTokenSession";
 
-// Where the lines say they come from.
-constexpr int kSupportsKeyNotFoundLine = 121;
-constexpr int kSupportsLine = 125;
-constexpr int kAuthenticatedKeyStartLine = 157;
-constexpr int kAuthenticationNeededLine = 170;
-constexpr int kAuthenticatedKeyEndLine = 177;
-constexpr int kGeneralAuthenticateStartLine = 184;
-constexpr int kGeneralAuthenticateFailedLine = 187;
-constexpr int kGeneralAuthenticateEndLine = 190;
-constexpr int kSignStartLine = 204;
-constexpr int kSignKeyNotFoundLine = 211;
-constexpr int kSignLine = 217;
-constexpr int kSignNotSupportedLine = 230;
-constexpr int kDecryptStartLine = 255;
-constexpr int kDecryptKeyNotFoundLine = 265;
-constexpr int kDecryptLine = 271;
-constexpr int kDecryptAlgorithmLine = 287;
-constexpr int kExchangeStartLine = 308;
-constexpr int kExchangeKeyNotFoundLine = 312;
-constexpr int kExchangeLine = 318;
-
-constexpr std::uint8_t kDataTag = 0x82;
+constexpr std::int64_t kDataTag = 0x82;
 constexpr std::uint64_t kNoFlag = 0;
 constexpr std::uint64_t kPadPKCS1 = 1;
-
-TKError errorOf(TKErrorCode code) {
-  return TKError{Text{kTKErrorDomain}, static_cast<std::int64_t>(code), Text{}};
-}
-
-bool asksForThePinEachTime(const TKTokenKeychainKey& key) noexcept {
-  const auto* ours = dynamic_cast<const MirelCTKTokenKeychainKey*>(&key);
-  return ours && ours->alwaysAuthenticate();
-}
 
 Bytes emptyBytes() { return Bytes{std::vector<std::uint8_t>{}}; }
 
 }  // namespace
 
-std::shared_ptr<TKTokenKeychainKey> MirelSCTokenSession::keyForObjectID(
-    const Text& keyObjectID, TKErrorPointer outError) const noexcept {
-  const auto owner = token();
-  const auto contents = owner ? owner->keychainContents() : nullptr;
-  return contents ? contents->keyForObjectID(keyObjectID, outError) : nullptr;
-}
-
-Text MirelSCTokenSession::readerName() const noexcept { return readerNameOf(smartCard()); }
-
-bool MirelSCTokenSession::supportsOperation(const std::shared_ptr<TKTokenSession>&,
-                                            TKTokenOperation operation, const Text& keyObjectID,
+bool MirelSCTokenSession::supportsOperation(TKSmartCardTokenSession& session, TKTokenOperation operation,
+                                            const Text& keyObjectID,
                                             const TKTokenKeyAlgorithm& algorithm) noexcept {
   Log& log = *services_.log;
-  const auto key = keyForObjectID(keyObjectID, nullptr);
+  const auto key = session.keyForObjectID(keyObjectID, nullptr);
   if (!key) {
-    log.systemError(logLine("[%s-%d] supportsOperation key not found", kUnit, kSupportsKeyNotFoundLine));
+    log.systemError(logLine("[%s-%d] supportsOperation key not found", kUnit, 121));
     return false;
   }
-  log.systemDefault(logLine("CTK [%s-%d] ", kUnit, kSupportsLine));
+  log.systemDefault(logLine("CTK [%s-%d] ", kUnit, 125));
   algorithmToPrint(algorithm, log);
   return isSupported(operation, *key, algorithm);
 }
 
-std::shared_ptr<TKTokenKeychainKey> MirelSCTokenSession::authenticatedKeyForObjectID(
-    const Text& keyObjectID, TKErrorPointer outError) noexcept {
+bool MirelSCTokenSession::authenticatedKeyForObjectID(TKSmartCardTokenSession& session,
+                                                      const Text& keyObjectID,
+                                                      TKErrorPointer outError) noexcept {
   Log& log = *services_.log;
-  log.systemDefault(logLine("CTK [%s-%d] +++START+++", kUnit, kAuthenticatedKeyStartLine));
-  auto key = keyForObjectID(keyObjectID, outError);
+  log.systemDefault(logLine("CTK [%s-%d] +++START+++", kUnit, 157));
+  const auto key = session.keyForObjectID(keyObjectID, outError);
   if (!key) {
     log.systemError("keyItem is nil.");
-    return nullptr;
+    return false;
   }
   const std::int64_t state = authState();
-  const auto card = smartCard();
-  const bool spent = asksForThePinEachTime(*key) && state == kUsed;
-  if (state != kNotAuthenticated && !spent && card && card->context().has_value()) {
-    log.systemDefault(logLine("CTK [%s-%d] ---END---", kUnit, kAuthenticatedKeyEndLine));
-    return key;
+  const bool spent = key->alwaysAuthenticate && state == kUsed;
+  if (state != kNotAuthenticated && !spent && session.smartCard().hasContext()) {
+    log.systemDefault(logLine("CTK [%s-%d] ---END---", kUnit, 177));
+    return true;
   }
   if (outError) {
-    *outError = errorOf(TKErrorCode::kAuthenticationNeeded);
-    log.process(logLine("[%s-%d] %@", kUnit, kAuthenticationNeededLine, errorDescription(**outError)));
+    *outError = tkError(TKErrorCode::kAuthenticationNeeded);
+    log.process(logLine("[%s-%d] %@", kUnit, 170, errorDescription(**outError)));
   }
-  return nullptr;
+  return false;
 }
 
-std::shared_ptr<TKTokenKeychainKey> MirelSCTokenSession::generalAuthenticateWithData(
-    const Bytes&, std::uint8_t, const Text& keyObjectID, TKErrorPointer outError) noexcept {
+bool MirelSCTokenSession::generalAuthenticateWithData(TKSmartCardTokenSession& session, const Bytes&,
+                                                      std::int64_t, const Text& keyObjectID,
+                                                      TKErrorPointer outError) noexcept {
   Log& log = *services_.log;
-  log.systemDefault(logLine("CTK [%s-%d] +++START+++", kUnit, kGeneralAuthenticateStartLine));
-  auto key = authenticatedKeyForObjectID(keyObjectID, outError);
-  if (key) {
-    log.systemDefault(logLine("CTK [%s-%d] ---END---", kUnit, kGeneralAuthenticateEndLine));
+  log.systemDefault(logLine("CTK [%s-%d] +++START+++", kUnit, 184));
+  const bool usable = authenticatedKeyForObjectID(session, keyObjectID, outError);
+  if (usable) {
+    log.systemDefault(logLine("CTK [%s-%d] ---END---", kUnit, 190));
   } else {
-    log.process(logLine("[%s-%d] keyObjectID = %@", kUnit, kGeneralAuthenticateFailedLine, keyObjectID));
+    log.process(logLine("[%s-%d] keyObjectID = %@", kUnit, 187, keyObjectID));
   }
-  return key;
+  return usable;
 }
 
-Bytes MirelSCTokenSession::signData(const std::shared_ptr<TKTokenSession>&, const Bytes& dataToSign,
+Bytes MirelSCTokenSession::signData(TKSmartCardTokenSession& session, const Bytes& dataToSign,
                                     const Text& keyObjectID, const TKTokenKeyAlgorithm& algorithm,
                                     TKErrorPointer outError) noexcept {
   Log& log = *services_.log;
-  log.systemDefault(logLine("CTK [%s-%d] +++START+++", kUnit, kSignStartLine));
+  log.systemDefault(logLine("CTK [%s-%d] +++START+++", kUnit, 204));
   const bool authenticated = authState() == kAuthenticated;
-  const auto key = generalAuthenticateWithData(dataToSign, kDataTag, keyObjectID, outError);
+  const bool usable = generalAuthenticateWithData(session, dataToSign, kDataTag, keyObjectID, outError);
   // Oddity: without a login the answer is only asked for the error it leaves.
   if (!authenticated) return {};
-  if (!key) {
+  if (!usable) {
     // Oddity: the error of the search is replaced, so a card without its mark does not ask for the PIN again.
-    log.systemError(logLine("[%s-%d] signData key not found", kUnit, kSignKeyNotFoundLine));
-    if (outError) *outError = errorOf(TKErrorCode::kTokenNotFound);
+    log.systemError(logLine("[%s-%d] signData key not found", kUnit, 211));
+    if (outError) *outError = tkError(TKErrorCode::kTokenNotFound);
     return {};
   }
-  log.systemDefault(logLine("CTK [%s-%d] ", kUnit, kSignLine));
+  log.systemDefault(logLine("CTK [%s-%d] ", kUnit, 217));
   algorithmToPrint(algorithm, log);
   const std::string_view name = algorithmName(TKTokenOperation::kSignData, algorithm);
   if (name.empty()) {
     // Oddity: the spelling is that of the log lines that are known, and there is no error.
-    log.process(logLine("[%s-%d] alogrithm not support, return nil.", kUnit, kSignNotSupportedLine));
+    log.process(logLine("[%s-%d] alogrithm not support, return nil.", kUnit, 230));
     return {};
   }
 
@@ -138,7 +99,7 @@ Bytes MirelSCTokenSession::signData(const std::shared_ptr<TKTokenSession>&, cons
   std::uint64_t signatureLen = CryptTKitSProvider::kMaxSignatureLen;
   bool isSigned = false;
   if (const auto provider = sp()) {
-    const Text reader = readerName();  // the platform is asked before the gate is taken
+    const Text reader = session.smartCard().name();  // the platform is asked before the gate is taken
     const std::lock_guard alone{provider->gate()};
     isSigned = provider->PerformSignHash(reader, keyObjectID, Text::fromUtf8(name), kNoFlag, dataToSign,
                                          dataToSign.size(), &signature, &signatureLen);
@@ -149,33 +110,33 @@ Bytes MirelSCTokenSession::signData(const std::shared_ptr<TKTokenSession>&, cons
   return signature;
 }
 
-Bytes MirelSCTokenSession::decryptData(const std::shared_ptr<TKTokenSession>&, const Bytes& ciphertext,
+Bytes MirelSCTokenSession::decryptData(TKSmartCardTokenSession& session, const Bytes& ciphertext,
                                        const Text& keyObjectID, const TKTokenKeyAlgorithm& algorithm,
                                        TKErrorPointer outError) noexcept {
   Log& log = *services_.log;
-  log.systemDefault(logLine("CTK [%s-%d] +++START+++", kUnit, kDecryptStartLine));
+  log.systemDefault(logLine("CTK [%s-%d] +++START+++", kUnit, 255));
   const bool authenticated = authState() == kAuthenticated;
-  const auto key = generalAuthenticateWithData(ciphertext, kDataTag, keyObjectID, outError);
+  const bool usable = generalAuthenticateWithData(session, ciphertext, kDataTag, keyObjectID, outError);
   // Oddity: without a login the answer is only asked for the error it leaves.
   if (!authenticated) return {};
-  if (!key) {
+  if (!usable) {
     // Oddity: the error is replaced as in signing, but the line goes to the other log.
-    log.process(logLine("[%s-%d] decryptData key not found", kUnit, kDecryptKeyNotFoundLine));
-    if (outError) *outError = errorOf(TKErrorCode::kTokenNotFound);
+    log.process(logLine("[%s-%d] decryptData key not found", kUnit, 265));
+    if (outError) *outError = tkError(TKErrorCode::kTokenNotFound);
     return {};
   }
-  log.systemDefault(logLine("CTK [%s-%d] ", kUnit, kDecryptLine));
+  log.systemDefault(logLine("CTK [%s-%d] ", kUnit, 271));
   algorithmToPrint(algorithm, log);
   const std::string_view name = algorithmName(TKTokenOperation::kDecryptData, algorithm);
   // Oddity: unlike in signing, nothing is logged.
   if (name.empty()) return {};
-  log.process(logLine("[%s-%d] decryptData %@ %@ algName %@", kUnit, kDecryptAlgorithmLine, keyObjectID,
+  log.process(logLine("[%s-%d] decryptData %@ %@ algName %@", kUnit, 287, keyObjectID,
                       dataDescription(ciphertext), name));
 
   Bytes plain = emptyBytes();
   std::uint64_t plainLen = CryptTKitSProvider::kMaxPlainLen;
   if (const auto provider = sp()) {
-    const Text reader = readerName();  // the platform is asked before the gate is taken
+    const Text reader = session.smartCard().name();  // the platform is asked before the gate is taken
     const std::lock_guard alone{provider->gate()};
     // Oddity: what the provider answers is not looked at; the plain text tells.
     (void)provider->PerformDecryption(reader, keyObjectID, Text::fromUtf8(name), kPadPKCS1,
@@ -184,19 +145,18 @@ Bytes MirelSCTokenSession::decryptData(const std::shared_ptr<TKTokenSession>&, c
   return plain;
 }
 
-Bytes MirelSCTokenSession::performKeyExchangeWithPublicKey(
-    const std::shared_ptr<TKTokenSession>&, const Bytes&, const Text& keyObjectID,
-    const TKTokenKeyAlgorithm& algorithm, const std::shared_ptr<TKTokenKeyExchangeParameters>&,
-    TKErrorPointer outError) noexcept {
+Bytes MirelSCTokenSession::performKeyExchangeWithPublicKey(TKSmartCardTokenSession& session,
+                                                           const Text& keyObjectID,
+                                                           const TKTokenKeyAlgorithm& algorithm,
+                                                           TKErrorPointer outError) noexcept {
   Log& log = *services_.log;
-  log.systemDefault(logLine("CTK [%s-%d] +++START+++", kUnit, kExchangeStartLine));
-  if (keyForObjectID(keyObjectID, outError)) {
-    log.process(logLine("[%s-%d] performKeyExchangeWithPublicKey %@ algorithm %@", kUnit, kExchangeLine,
-                        keyObjectID, objectDescription("TKTokenKeyAlgorithm", &algorithm)));
+  log.systemDefault(logLine("CTK [%s-%d] +++START+++", kUnit, 308));
+  if (session.keyForObjectID(keyObjectID, outError)) {
+    log.process(logLine("[%s-%d] performKeyExchangeWithPublicKey %@ algorithm %@", kUnit, 318, keyObjectID,
+                        algorithm.description()));
   } else {
-    log.process(logLine("[%s-%d] performKeyExchangeWithPublicKey objectID not found", kUnit,
-                        kExchangeKeyNotFoundLine));
-    if (outError) *outError = errorOf(TKErrorCode::kTokenNotFound);
+    log.process(logLine("[%s-%d] performKeyExchangeWithPublicKey objectID not found", kUnit, 312));
+    if (outError) *outError = tkError(TKErrorCode::kTokenNotFound);
   }
   // Oddity: key exchange is advertised, but answers nothing.
   return {};

@@ -21,8 +21,8 @@ namespace mirel {
 class CardWatch;
 class FailureDiary;
 struct FailedCall;
+class HostToken;
 class KeyClient;
-class MirelSCToken;
 class P11Bridge;
 
 /// A reader that holds a token, as the module describes both. Texts are the module's bytes, one
@@ -87,7 +87,7 @@ struct InsertedCard {
   Reader reader;
   Text instanceID;
   std::vector<PublishedItem> items;  ///< in published order
-  std::shared_ptr<MirelSCToken> token;
+  std::shared_ptr<HostToken> token;
   std::optional<Failure> incomplete;  ///< the read that failed, for which an item may be missing
   std::optional<Failure> uncertain;   ///< why another card may be meant, where no reader was named
   std::shared_ptr<CardWatch> watch;   ///< shared by all that use the token; null: nobody watches
@@ -115,9 +115,9 @@ struct Unpublished {
 /// One host for each process: the module is initialised once and stays so. Not thread-safe.
 class Host {
  public:
-  /// `services`: as for the token system; its token kit is replaced and its loader and observer are
-  /// wrapped, so that a failure can be explained.
-  /// `givenModule`: the path by which the user named the module, for messages; empty: the user did not.
+  /// `services`: as for the token system; its loader and observer are wrapped, so that a failure can be
+  /// explained. `givenModule`: the path by which the user named the module, for messages; empty: the user did
+  /// not.
   explicit Host(PlatformServices services, std::string givenModule = {});
   Host(const Host&) = delete;
   Host& operator=(const Host&) = delete;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -10,13 +11,13 @@
 #include "platform/Bytes.h"
 #include "platform/SecKeyAlgorithm.h"
 #include "platform/Text.h"
-#include "platform/TokenKit.h"
 
 namespace mirel {
 
 class FailureDiary;
 class InputSource;
-class MirelSCTokenSession;
+class HostTokenSession;
+enum class TKTokenOperation : std::int64_t;
 class PinSource;
 
 /// What is known to have gone wrong in the card, although its layers handed something out.
@@ -55,7 +56,7 @@ class KeyClient {
   /// cannot be sent.
   static constexpr int kMostPins = 3;
 
-  KeyClient(InsertedCard card, std::shared_ptr<MirelSCTokenSession> session,
+  KeyClient(InsertedCard card, std::shared_ptr<HostTokenSession> session,
             std::shared_ptr<FailureDiary> diary);
   KeyClient(const KeyClient&) = delete;
   KeyClient& operator=(const KeyClient&) = delete;
@@ -86,8 +87,7 @@ class KeyClient {
   template <typename Request>
   [[nodiscard]] Result<Bytes> perform(const PublishedKey& key, TKTokenOperation operation, PinSource& pins,
                                       const Request& request);
-  [[nodiscard]] Result<void> authenticate(TKTokenOperation operation, const Text& constraint,
-                                          PinSource& pins);
+  [[nodiscard]] Result<void> authenticate(const Text& constraint, PinSource& pins);
   [[nodiscard]] Result<void> lookForCard();
   void learnFrom(const Failure& failure);
   [[nodiscard]] Failure refusal(std::string what, std::string why, Advice advice);
@@ -97,7 +97,7 @@ class KeyClient {
                                                 TKTokenOperation operation);
 
   InsertedCard card_;
-  std::shared_ptr<MirelSCTokenSession> session_;
+  std::shared_ptr<HostTokenSession> session_;
   std::shared_ptr<FailureDiary> diary_;
 };
 

@@ -11,7 +11,6 @@ class DynamicLoader;
 class LocalizedStrings;
 class Log;
 class Memory;
-class TokenKit;
 class UserDirectory;
 
 /// Everything the system needs of its surroundings, handed down at construction. All are set, except
@@ -24,11 +23,10 @@ struct PlatformServices {
   std::shared_ptr<CertificateParser> certificates;
   std::shared_ptr<Memory> memory;
   std::shared_ptr<LocalizedStrings> strings;
-  std::shared_ptr<TokenKit> tokenKit;          ///< needed by the token layer only; null below it
   std::shared_ptr<CryptokiObserver> observer;  ///< may be null
 };
 
-/// The services of the running system, without a token kit and an observer.
+/// The services of the running system, without an observer.
 [[nodiscard]] PlatformServices systemServices();
 
 }  // namespace mirel

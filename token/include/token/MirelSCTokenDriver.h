@@ -1,23 +1,20 @@
 #pragma once
 
-#include <memory>
+#include <functional>
 
 #include "platform/PlatformServices.h"
-#include "platform/TokenKit.h"
+#include "platform/Text.h"
 
 namespace mirel {
 
-/// The token driver, one for each process: makes the token of every inserted card. It is the platform's
-/// driver and its own delegate.
-class MirelSCTokenDriver final : public TKSmartCardTokenDriver, public TKSmartCardTokenDriverDelegate {
+/// The token driver, one for each process: has the token of every inserted card made. Nothing throws.
+class MirelSCTokenDriver {
  public:
   explicit MirelSCTokenDriver(PlatformServices services) noexcept;
 
-  /// The card's token, or null. `driver`: this very driver as the system knows it, handed on to the token.
-  /// See MirelSCToken::initWithSmartCard for errors.
-  [[nodiscard]] std::shared_ptr<TKSmartCardToken> createTokenForSmartCard(
-      const std::shared_ptr<TKSmartCardTokenDriver>& driver, const std::shared_ptr<TKSmartCard>& smartCard,
-      const Bytes& AID, TKErrorPointer outError) noexcept override;
+  /// `newToken`: makes a token and initialises it with the card, the AID and the error pointer that the
+  /// caller was given (see MirelSCToken::initWithSmartCard); returns what prints for it, "(null)" for none.
+  void createTokenForSmartCard(const std::function<Text()>& newToken) noexcept;
 
  private:
   PlatformServices services_;
