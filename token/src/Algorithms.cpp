@@ -1,6 +1,7 @@
 #include "Algorithms.h"
 
-#include <array>
+#include <algorithm>
+#include <iterator>
 
 #include "platform/Log.h"
 #include "token/MirelSCTokenSession.h"
@@ -25,9 +26,10 @@ constexpr CapabilityRow kCapabilities[] = {
 struct AlgorithmRow {
   TKTokenOperation operation;
   SecKeyAlgorithm algorithm;
+  bool isSupported = true;  ///< what the system is told
 };
 
-constexpr AlgorithmRow kSupported[] = {
+constexpr AlgorithmRow kAlgorithms[] = {
     {kSignData, kSecKeyAlgorithmRSASignatureRaw},
     {kSignData, kSecKeyAlgorithmRSASignatureDigestPKCS1v15Raw},
     {kSignData, kSecKeyAlgorithmECDSASignatureDigestX962SHA256},
@@ -36,33 +38,25 @@ constexpr AlgorithmRow kSupported[] = {
     {kDecryptData, kSecKeyAlgorithmRSAEncryptionRaw},
     {kDecryptData, kSecKeyAlgorithmRSAEncryptionPKCS1},
     {kDecryptData, kSecKeyAlgorithmRSAEncryptionOAEPSHA256},
+    // Oddity: not supported, and yet decrypted with when somebody asks for it.
+    {kDecryptData, kSecKeyAlgorithmRSAEncryptionOAEPSHA384, false},
+    {kDecryptData, kSecKeyAlgorithmRSAEncryptionOAEPSHA256AESGCM, false},
     {kPerformKeyExchange, kSecKeyAlgorithmECDHKeyExchangeStandard},
 };
 
-/// Oddity: two algorithms more for decryption than are supported.
-constexpr AlgorithmRow kNamed[] = {
-    {kSignData, kSecKeyAlgorithmRSASignatureRaw},
-    {kSignData, kSecKeyAlgorithmRSASignatureDigestPKCS1v15Raw},
-    {kSignData, kSecKeyAlgorithmECDSASignatureDigestX962SHA256},
-    {kSignData, kSecKeyAlgorithmECDSASignatureDigestX962SHA384},
-    {kSignData, kSecKeyAlgorithmECDSASignatureDigestX962SHA512},
-    {kDecryptData, kSecKeyAlgorithmRSAEncryptionRaw},
-    {kDecryptData, kSecKeyAlgorithmRSAEncryptionPKCS1},
-    {kDecryptData, kSecKeyAlgorithmRSAEncryptionOAEPSHA256},
-    {kDecryptData, kSecKeyAlgorithmRSAEncryptionOAEPSHA384},
-    {kDecryptData, kSecKeyAlgorithmRSAEncryptionOAEPSHA256AESGCM},
+/// Oddity: these two alone are not looked for, so they print nothing.
+constexpr SecKeyAlgorithm kNotPrinted[] = {
+    kSecKeyAlgorithmRSASignatureDigestPKCS1v15Raw,
+    kSecKeyAlgorithmECIESEncryptionStandardVariableIVX963SHA224AESGCM,
 };
 
-struct PrintableRow {
+struct CardSideName {
   SecKeyAlgorithm algorithm;
-  const char* cardSideName;  ///< null: the constant's own name is printed
+  std::string_view name;
 };
 
-/// Oddity: two algorithms of the platform have no row, kSecKeyAlgorithmRSASignatureDigestPKCS1v15Raw and
-/// kSecKeyAlgorithmECIESEncryptionStandardVariableIVX963SHA224AESGCM, so they print nothing.
-constexpr std::array<PrintableRow, 74> kPrintable{{
-    {kSecKeyAlgorithmRSAEncryptionRaw, nullptr},
-    {kSecKeyAlgorithmRSASignatureRaw, nullptr},
+/// Oddity: these print the name that card software has for them. All others print the constant's own name.
+constexpr CardSideName kCardSideNames[] = {
     {kSecKeyAlgorithmRSASignatureDigestPKCS1v15SHA1,
      "SC_ALGORITHM_RSA_PAD_PKCS1 | SC_ALGORITHM_RSA_HASH_SHA1"},
     {kSecKeyAlgorithmRSASignatureDigestPKCS1v15SHA224,
@@ -73,74 +67,22 @@ constexpr std::array<PrintableRow, 74> kPrintable{{
      "SC_ALGORITHM_RSA_PAD_PKCS1 | SC_ALGORITHM_RSA_HASH_SHA384"},
     {kSecKeyAlgorithmRSASignatureDigestPKCS1v15SHA512,
      "SC_ALGORITHM_RSA_PAD_PKCS1 | SC_ALGORITHM_RSA_HASH_SHA512"},
-    {kSecKeyAlgorithmRSASignatureMessagePKCS1v15SHA1, nullptr},
-    {kSecKeyAlgorithmRSASignatureMessagePKCS1v15SHA224, nullptr},
-    {kSecKeyAlgorithmRSASignatureMessagePKCS1v15SHA256, nullptr},
-    {kSecKeyAlgorithmRSASignatureMessagePKCS1v15SHA384, nullptr},
-    {kSecKeyAlgorithmRSASignatureMessagePKCS1v15SHA512, nullptr},
-    {kSecKeyAlgorithmRSASignatureDigestPSSSHA1, nullptr},
-    {kSecKeyAlgorithmRSASignatureDigestPSSSHA224, nullptr},
-    {kSecKeyAlgorithmRSASignatureDigestPSSSHA256, nullptr},
-    {kSecKeyAlgorithmRSASignatureDigestPSSSHA384, nullptr},
-    {kSecKeyAlgorithmRSASignatureDigestPSSSHA512, nullptr},
-    {kSecKeyAlgorithmRSASignatureMessagePSSSHA1, nullptr},
-    {kSecKeyAlgorithmRSASignatureMessagePSSSHA224, nullptr},
-    {kSecKeyAlgorithmRSASignatureMessagePSSSHA256, nullptr},
-    {kSecKeyAlgorithmRSASignatureMessagePSSSHA384, nullptr},
-    {kSecKeyAlgorithmRSASignatureMessagePSSSHA512, nullptr},
-    {kSecKeyAlgorithmECDSASignatureRFC4754, nullptr},
-    {kSecKeyAlgorithmECDSASignatureDigestX962, nullptr},
     {kSecKeyAlgorithmECDSASignatureDigestX962SHA1, "SC_ALGORITHM_ECDSA_HASH_SHA1"},
     {kSecKeyAlgorithmECDSASignatureDigestX962SHA224, "SC_ALGORITHM_ECDSA_HASH_SHA224"},
     {kSecKeyAlgorithmECDSASignatureDigestX962SHA256, "SC_ALGORITHM_ECDSA_HASH_SHA256"},
     {kSecKeyAlgorithmECDSASignatureDigestX962SHA384, "SC_ALGORITHM_ECDSA_HASH_SHA384"},
     {kSecKeyAlgorithmECDSASignatureDigestX962SHA512, "SC_ALGORITHM_ECDSA_HASH_SHA512"},
-    {kSecKeyAlgorithmECDSASignatureMessageX962SHA1, nullptr},
-    {kSecKeyAlgorithmECDSASignatureMessageX962SHA224, nullptr},
-    {kSecKeyAlgorithmECDSASignatureMessageX962SHA256, nullptr},
-    {kSecKeyAlgorithmECDSASignatureMessageX962SHA384, nullptr},
-    {kSecKeyAlgorithmECDSASignatureMessageX962SHA512, nullptr},
     {kSecKeyAlgorithmRSAEncryptionPKCS1, "SC_ALGORITHM_RSA_PAD_PKCS1"},
-    {kSecKeyAlgorithmRSAEncryptionOAEPSHA1, nullptr},
-    {kSecKeyAlgorithmRSAEncryptionOAEPSHA224, nullptr},
-    {kSecKeyAlgorithmRSAEncryptionOAEPSHA256, nullptr},
-    {kSecKeyAlgorithmRSAEncryptionOAEPSHA384, nullptr},
-    {kSecKeyAlgorithmRSAEncryptionOAEPSHA512, nullptr},
-    {kSecKeyAlgorithmRSAEncryptionOAEPSHA1AESGCM, nullptr},
-    {kSecKeyAlgorithmRSAEncryptionOAEPSHA224AESGCM, nullptr},
-    {kSecKeyAlgorithmRSAEncryptionOAEPSHA256AESGCM, nullptr},
-    {kSecKeyAlgorithmRSAEncryptionOAEPSHA384AESGCM, nullptr},
-    {kSecKeyAlgorithmRSAEncryptionOAEPSHA512AESGCM, nullptr},
-    {kSecKeyAlgorithmECIESEncryptionStandardX963SHA1AESGCM, nullptr},
-    {kSecKeyAlgorithmECIESEncryptionStandardX963SHA224AESGCM, nullptr},
-    {kSecKeyAlgorithmECIESEncryptionStandardX963SHA256AESGCM, nullptr},
-    {kSecKeyAlgorithmECIESEncryptionStandardX963SHA384AESGCM, nullptr},
-    {kSecKeyAlgorithmECIESEncryptionStandardX963SHA512AESGCM, nullptr},
-    {kSecKeyAlgorithmECIESEncryptionCofactorX963SHA1AESGCM, nullptr},
-    {kSecKeyAlgorithmECIESEncryptionCofactorX963SHA224AESGCM, nullptr},
-    {kSecKeyAlgorithmECIESEncryptionCofactorX963SHA256AESGCM, nullptr},
-    {kSecKeyAlgorithmECIESEncryptionCofactorX963SHA384AESGCM, nullptr},
-    {kSecKeyAlgorithmECIESEncryptionCofactorX963SHA512AESGCM, nullptr},
-    {kSecKeyAlgorithmECIESEncryptionStandardVariableIVX963SHA256AESGCM, nullptr},
-    {kSecKeyAlgorithmECIESEncryptionStandardVariableIVX963SHA384AESGCM, nullptr},
-    {kSecKeyAlgorithmECIESEncryptionStandardVariableIVX963SHA512AESGCM, nullptr},
-    {kSecKeyAlgorithmECIESEncryptionCofactorVariableIVX963SHA224AESGCM, nullptr},
-    {kSecKeyAlgorithmECIESEncryptionCofactorVariableIVX963SHA256AESGCM, nullptr},
-    {kSecKeyAlgorithmECIESEncryptionCofactorVariableIVX963SHA384AESGCM, nullptr},
-    {kSecKeyAlgorithmECIESEncryptionCofactorVariableIVX963SHA512AESGCM, nullptr},
-    {kSecKeyAlgorithmECDHKeyExchangeStandard, nullptr},
-    {kSecKeyAlgorithmECDHKeyExchangeStandardX963SHA1, nullptr},
-    {kSecKeyAlgorithmECDHKeyExchangeStandardX963SHA224, nullptr},
-    {kSecKeyAlgorithmECDHKeyExchangeStandardX963SHA256, nullptr},
-    {kSecKeyAlgorithmECDHKeyExchangeStandardX963SHA384, nullptr},
-    {kSecKeyAlgorithmECDHKeyExchangeStandardX963SHA512, nullptr},
-    {kSecKeyAlgorithmECDHKeyExchangeCofactor, nullptr},
-    {kSecKeyAlgorithmECDHKeyExchangeCofactorX963SHA1, nullptr},
-    {kSecKeyAlgorithmECDHKeyExchangeCofactorX963SHA224, nullptr},
-    {kSecKeyAlgorithmECDHKeyExchangeCofactorX963SHA256, nullptr},
-    {kSecKeyAlgorithmECDHKeyExchangeCofactorX963SHA384, nullptr},
-    {kSecKeyAlgorithmECDHKeyExchangeCofactorX963SHA512, nullptr},
-}};
+};
+
+bool isPrinted(SecKeyAlgorithm algorithm) noexcept {
+  return std::ranges::find(kNotPrinted, algorithm) == std::end(kNotPrinted);
+}
+
+std::string_view printedName(const SecKeyAlgorithmName& algorithm) noexcept {
+  const auto* const row = std::ranges::find(kCardSideNames, algorithm.algorithm, &CardSideName::algorithm);
+  return row == std::end(kCardSideNames) ? algorithm.name : row->name;
+}
 
 }  // namespace
 
@@ -149,23 +91,24 @@ bool isSupported(TKTokenOperation operation, const TKTokenKeychainKey& key,
   for (const CapabilityRow& row : kCapabilities) {
     if (row.operation == operation && !(key.*row.keyCan)) return false;
   }
-  for (const AlgorithmRow& row : kSupported) {
-    if (row.operation == operation && algorithm.isAlgorithm(row.algorithm)) return true;
+  for (const AlgorithmRow& row : kAlgorithms) {
+    if (row.operation == operation && row.isSupported && algorithm.isAlgorithm(row.algorithm)) return true;
   }
   return false;
 }
 
 std::string_view algorithmName(TKTokenOperation operation, const TKTokenKeyAlgorithm& algorithm) noexcept {
-  for (const AlgorithmRow& row : kNamed) {
+  for (const AlgorithmRow& row : kAlgorithms) {
     if (row.operation == operation && algorithm.isAlgorithm(row.algorithm)) return nameOf(row.algorithm);
   }
   return {};
 }
 
 void algorithmToPrint(const TKTokenKeyAlgorithm& algorithm, Log& log) noexcept {
-  for (const PrintableRow& row : kPrintable) {
-    if (!algorithm.isAlgorithm(row.algorithm)) continue;
-    log.process(row.cardSideName ? std::string_view{row.cardSideName} : nameOf(row.algorithm));
+  for (const SecKeyAlgorithmName& candidate : kSecKeyAlgorithms) {
+    if (isPrinted(candidate.algorithm) && algorithm.isAlgorithm(candidate.algorithm)) {
+      log.process(printedName(candidate));
+    }
   }
 }
 

@@ -1,6 +1,6 @@
 #pragma once
 
-/// What this system says about algorithms: three tables, each in the order in which it is searched.
+/// What this system says about algorithms. Tables are searched in their order, which the platform can see.
 
 #include <string_view>
 

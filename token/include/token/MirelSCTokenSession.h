@@ -96,7 +96,8 @@ class MirelSCTokenSession {
   AtomicProperty<std::shared_ptr<CryptTKitSProvider>> sp_;
 };
 
-/// Writes the printable name of the algorithm to the process log; nothing for an algorithm without one.
+/// Writes the printable name of the algorithm to the process log; nothing for an algorithm without one. Asks
+/// for every algorithm with a name, in the order of `kSecKeyAlgorithms`.
 void algorithmToPrint(const TKTokenKeyAlgorithm& algorithm, Log& log) noexcept;
 
 }  // namespace mirel
