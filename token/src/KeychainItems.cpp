@@ -6,10 +6,10 @@
 #include "platform/Log.h"
 #include "provider/CryptTKitSProvider.h"
 
+// Oddity: the lines name the unit MirelSCToken.
+
 namespace mirel {
 namespace {
-
-constexpr const char* kUnit = "MirelSCToken";  // Oddity: the lines name the token's unit.
 
 constexpr std::u16string_view kPinAlways = u"PINAlways";
 
@@ -60,13 +60,13 @@ std::optional<ListedCertificate> lookUp(CryptTKitSProvider& provider,
 void appendKeychainItems(const PlatformServices& services, const std::optional<ListedCertificate>& listed,
                          TKTokenKeychainContents& contents) {
   if (!listed) {
-    services.log->systemError(logLine("[%s-%d] certificate == nil", kUnit, 136));
+    services.log->systemError("[MirelSCToken-136] certificate == nil");
     return;
   }
   const auto certificate = services.certificates->createWithData(listed->data);
   if (!certificate) {
     // Oddity: the text is that of another failure, and is kept.
-    services.log->systemError(logLine("[%s-%d] public key without mapping cert ID", kUnit, 132));
+    services.log->systemError("[MirelSCToken-132] public key without mapping cert ID");
     return;
   }
   if (!listed->hasKey) return;

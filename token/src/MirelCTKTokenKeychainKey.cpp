@@ -1,13 +1,14 @@
 #include "platform/Log.h"
 #include "token/TokenKit.h"
 
+// Oddity: the lines name the unit MirelSCToken.
+
 namespace mirel {
 
 bool MirelCTKTokenKeychainKey::initWithCertificate(const std::function<bool()>& super, Log& log) noexcept {
-  // Oddity: the lines name the token's unit.
-  log.systemDefault(logLine("CTK [%s-%d] +++START+++", "MirelSCToken", 15));
+  log.systemDefault("CTK [MirelSCToken-15] +++START+++");
   const bool made = super();
-  log.systemDefault(logLine("CTK [%s-%d] ---END---", "MirelSCToken", 21));
+  log.systemDefault("CTK [MirelSCToken-21] ---END---");
   return made;
 }
 

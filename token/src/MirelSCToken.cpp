@@ -13,8 +13,6 @@
 namespace mirel {
 namespace {
 
-constexpr const char* kUnit = "MirelSCToken";
-
 Text describeToken(CryptTKitSProvider& provider, const Text& readerName) noexcept {
   const std::lock_guard alone{provider.gate()};
   return provider.getSupportedTokenDescription(readerName);
@@ -44,19 +42,19 @@ MirelSCToken::~MirelSCToken() = default;
 bool MirelSCToken::initWithSmartCard(const TKSmartCard& smartCard, TKTokenKeychainContents& contents,
                                      const Super& super, TKErrorPointer outError) noexcept {
   Log& log = *services_.log;
-  log.systemDefault(logLine("CTK [%s-%d] +++Start+++", kUnit, 31));
+  log.systemDefault("CTK [MirelSCToken-31] +++Start+++");
   if (const auto old = sp()) {
-    log.systemDefault(logLine("CTK [%s-%d] nil != sp", kUnit, 33));
+    log.systemDefault("CTK [MirelSCToken-33] nil != sp");
     {
       const std::lock_guard alone{old->gate()};  // sessions may still use it
       old->releaseWithMirelCTKFramework();
     }
-    log.systemDefault(logLine("CTK [%s-%d] After releaseWithMirelCTKFramework", kUnit, 35));
+    log.systemDefault("CTK [MirelSCToken-35] After releaseWithMirelCTKFramework");
   }
   setSp(std::make_shared<CryptTKitSProvider>(services_)->initWithMirelCTKFramwork());
   const auto provider = sp();
   if (!provider) {
-    log.systemError(logLine("[%s-%d] CryptTKitSProvider initWithMirelCTKFramwork fail!!!", kUnit, 39));
+    log.systemError("[MirelSCToken-39] CryptTKitSProvider initWithMirelCTKFramwork fail!!!");
     return false;
   }
 
@@ -66,38 +64,38 @@ bool MirelSCToken::initWithSmartCard(const TKSmartCard& smartCard, TKTokenKeycha
     // Oddity: without an error pointer there is no log line either.
     if (outError) {
       *outError = tkError(TKErrorCode::kObjectNotFound);
-      log.systemError(logLine("[%s-%d] Get token ID fail", kUnit, 48));
+      log.systemError("[MirelSCToken-48] Get token ID fail");
     }
     return false;
   }
-  log.process(logLine("[%s-%d] instanceID = %@", kUnit, 52, instanceID));
+  log.process(logLine("[MirelSCToken-52] instanceID = %@", instanceID));
 
   const bool registered = super(instanceID);
   if (!registered) {
     setSp(nullptr);  // the platform may keep what it has refused
   } else if (const auto certificates = readCertificates(*provider, readerName); !certificates) {
-    log.systemError(logLine("[%s-%d] CryptTKitSProvider getTokenCerts fail", kUnit, 64));
+    log.systemError("[MirelSCToken-64] CryptTKitSProvider getTokenCerts fail");
   } else {
-    log.systemDefault(logLine("CTK [%s-%d] certs count = %lu", kUnit, 66, certificates->size()));
+    log.systemDefault(logLine("CTK [MirelSCToken-66] certs count = %lu", certificates->size()));
     for (const auto& certificate : *certificates) appendKeychainItems(services_, certificate, contents);
     contents.fillWithItems();
   }
-  log.systemDefault(logLine("CTK [%s-%d] ---END---", kUnit, 143));
+  log.systemDefault("CTK [MirelSCToken-143] ---END---");
   return registered;
 }
 
 void MirelSCToken::createSessionWithError(const Text& token, const std::optional<TKError>* error,
                                           const std::function<Text()>& newSession) noexcept {
   Log& log = *services_.log;
-  log.process(logLine("[%s-%d] token = %@", kUnit, 148, token));
+  log.process(logLine("[MirelSCToken-148] token = %@", token));
   if (!error) {
-    log.process(logLine("[%s-%d] token createSessionWithError NO ERROR!", kUnit, 150));
+    log.process("[MirelSCToken-150] token createSessionWithError NO ERROR!");
   } else if (*error) {
-    log.process(logLine("[%s-%d] Error: %@", kUnit, 152, errorDescription(**error)));
+    log.process(logLine("[MirelSCToken-152] Error: %@", errorDescription(**error)));
   }
   // Oddity: the session is on this token, whatever token was named.
   const Text session = newSession();
-  log.process(logLine("[%s-%d] token session = %@", kUnit, 155, session));
+  log.process(logLine("[MirelSCToken-155] token session = %@", session));
 }
 
 }  // namespace mirel

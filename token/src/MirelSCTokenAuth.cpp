@@ -11,10 +11,10 @@
 #include "provider/CryptTKitSProvider.h"
 #include "token/MirelSCTokenSession.h"
 
+// Oddity: the lines name the unit MirelSCTokenSession.
+
 namespace mirel {
 namespace {
-
-constexpr const char* kUnit = "MirelSCTokenSession";  // Oddity: the lines name the session's unit.
 
 constexpr int kPinBitOffset = 40;  // behind the header of the command
 
@@ -32,7 +32,7 @@ bool MirelSCTokenAuth::initWithSession(const std::shared_ptr<MirelSCTokenSession
                                        TKTokenSmartCardPINAuthOperation& operation,
                                        const std::function<bool()>& super) noexcept {
   Log& log = *services_.log;
-  log.systemDefault(logLine("CTK [%s-%d] +++START+++", kUnit, 13));
+  log.systemDefault("CTK [MirelSCTokenSession-13] +++START+++");
   const bool made = super();
   if (made) {
     session_ = session;
@@ -41,7 +41,7 @@ bool MirelSCTokenAuth::initWithSession(const std::shared_ptr<MirelSCTokenSession
     operation.setAPDUTemplate(verifyCommand(card.cla()));
     operation.setPINFormat(kPinBitOffset);
   }
-  log.systemDefault(logLine("CTK [%s-%d] ---END---", kUnit, 24));
+  log.systemDefault("CTK [MirelSCTokenSession-24] ---END---");
   return made;
 }
 

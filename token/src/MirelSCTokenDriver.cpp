@@ -10,10 +10,10 @@ MirelSCTokenDriver::MirelSCTokenDriver(PlatformServices services) noexcept : ser
 
 void MirelSCTokenDriver::createTokenForSmartCard(const std::function<Text()>& newToken) noexcept {
   Log& log = *services_.log;
-  log.systemDefault(logLine("CTK [%s-%d] +++Start+++", "MirelSCTokenDriver", 13));
+  log.systemDefault("CTK [MirelSCTokenDriver-13] +++Start+++");
   const Text token = newToken();
-  log.process(logLine("[%s-%d] token = %@", "MirelSCTokenDriver", 15, token));
-  log.systemDefault(logLine("CTK [%s-%d] ---END---", "MirelSCTokenDriver", 16));
+  log.process(logLine("[MirelSCTokenDriver-15] token = %@", token));
+  log.systemDefault("CTK [MirelSCTokenDriver-16] ---END---");
 }
 
 }  // namespace mirel

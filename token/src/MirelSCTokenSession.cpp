@@ -11,8 +11,6 @@
 namespace mirel {
 namespace {
 
-constexpr const char* kUnit = "MirelSCTokenSession";
-
 constexpr std::u16string_view kPinConstraints[] = {u"PIN", u"PINAlways"};
 // Oddity: the spelling is that of the key in the tables of texts.
 constexpr std::string_view kConstraintNotSupportedKey = "Not suppport this constraint";
@@ -30,16 +28,16 @@ MirelSCTokenSession::MirelSCTokenSession(PlatformServices services) noexcept
 bool MirelSCTokenSession::initWithToken(const MirelSCToken* token,
                                         const std::function<bool()>& super) noexcept {
   Log& log = *services_.log;
-  log.systemDefault(logLine("CTK [%s-%d] +++START+++", kUnit, 70));
+  log.systemDefault("CTK [MirelSCTokenSession-70] +++START+++");
   if (!super()) {
-    log.process(logLine("[%s-%d] ERROR", kUnit, 73));
+    log.process("[MirelSCTokenSession-73] ERROR");
     return false;
   }
   const auto provider = token ? token->sp() : nullptr;
   // Oddity: an error, and yet the session is made.
-  if (!provider) log.process(logLine("[%s-%d] ERROR", kUnit, 78));
+  if (!provider) log.process("[MirelSCTokenSession-78] ERROR");
   setSp(provider);
-  log.systemDefault(logLine("CTK [%s-%d] ---END---", kUnit, 81));
+  log.systemDefault("CTK [MirelSCTokenSession-81] ---END---");
   return true;
 }
 

@@ -7,10 +7,10 @@
 #include "provider/CryptTKitSProvider.h"
 #include "token/MirelSCTokenSession.h"
 
+// Oddity: the lines name the unit MirelSCTokenSession.
+
 namespace mirel {
 namespace {
-
-constexpr const char* kUnit = "MirelSCTokenSession";
 
 constexpr std::int64_t kDataTag = 0x82;
 constexpr std::uint64_t kNoFlag = 0;
@@ -26,10 +26,10 @@ bool MirelSCTokenSession::supportsOperation(TKSmartCardTokenSession& session, TK
   Log& log = *services_.log;
   const auto key = session.keyForObjectID(keyObjectID, nullptr);
   if (!key) {
-    log.systemError(logLine("[%s-%d] supportsOperation key not found", kUnit, 121));
+    log.systemError("[MirelSCTokenSession-121] supportsOperation key not found");
     return false;
   }
-  log.systemDefault(logLine("CTK [%s-%d] ", kUnit, 125));
+  log.systemDefault("CTK [MirelSCTokenSession-125] ");
   algorithmToPrint(algorithm, log);
   return isSupported(operation, *key, algorithm);
 }
@@ -38,7 +38,7 @@ bool MirelSCTokenSession::authenticatedKeyForObjectID(TKSmartCardTokenSession& s
                                                       const Text& keyObjectID,
                                                       TKErrorPointer outError) noexcept {
   Log& log = *services_.log;
-  log.systemDefault(logLine("CTK [%s-%d] +++START+++", kUnit, 157));
+  log.systemDefault("CTK [MirelSCTokenSession-157] +++START+++");
   const auto key = session.keyForObjectID(keyObjectID, outError);
   if (!key) {
     log.systemError("keyItem is nil.");
@@ -47,12 +47,12 @@ bool MirelSCTokenSession::authenticatedKeyForObjectID(TKSmartCardTokenSession& s
   const std::int64_t state = authState();
   const bool spent = key->alwaysAuthenticate && state == kUsed;
   if (state != kNotAuthenticated && !spent && session.smartCard().hasContext()) {
-    log.systemDefault(logLine("CTK [%s-%d] ---END---", kUnit, 177));
+    log.systemDefault("CTK [MirelSCTokenSession-177] ---END---");
     return true;
   }
   if (outError) {
     *outError = tkError(TKErrorCode::kAuthenticationNeeded);
-    log.process(logLine("[%s-%d] %@", kUnit, 170, errorDescription(**outError)));
+    log.process(logLine("[MirelSCTokenSession-170] %@", errorDescription(**outError)));
   }
   return false;
 }
@@ -61,12 +61,12 @@ bool MirelSCTokenSession::generalAuthenticateWithData(TKSmartCardTokenSession& s
                                                       std::int64_t, const Text& keyObjectID,
                                                       TKErrorPointer outError) noexcept {
   Log& log = *services_.log;
-  log.systemDefault(logLine("CTK [%s-%d] +++START+++", kUnit, 184));
+  log.systemDefault("CTK [MirelSCTokenSession-184] +++START+++");
   const bool usable = authenticatedKeyForObjectID(session, keyObjectID, outError);
   if (usable) {
-    log.systemDefault(logLine("CTK [%s-%d] ---END---", kUnit, 190));
+    log.systemDefault("CTK [MirelSCTokenSession-190] ---END---");
   } else {
-    log.process(logLine("[%s-%d] keyObjectID = %@", kUnit, 187, keyObjectID));
+    log.process(logLine("[MirelSCTokenSession-187] keyObjectID = %@", keyObjectID));
   }
   return usable;
 }
@@ -75,23 +75,23 @@ Bytes MirelSCTokenSession::signData(TKSmartCardTokenSession& session, const Byte
                                     const Text& keyObjectID, const TKTokenKeyAlgorithm& algorithm,
                                     TKErrorPointer outError) noexcept {
   Log& log = *services_.log;
-  log.systemDefault(logLine("CTK [%s-%d] +++START+++", kUnit, 204));
+  log.systemDefault("CTK [MirelSCTokenSession-204] +++START+++");
   const bool authenticated = authState() == kAuthenticated;
   const bool usable = generalAuthenticateWithData(session, dataToSign, kDataTag, keyObjectID, outError);
   // Oddity: without a login the answer is only asked for the error it leaves.
   if (!authenticated) return {};
   if (!usable) {
     // Oddity: the error of the search is replaced, so a card without its mark does not ask for the PIN again.
-    log.systemError(logLine("[%s-%d] signData key not found", kUnit, 211));
+    log.systemError("[MirelSCTokenSession-211] signData key not found");
     if (outError) *outError = tkError(TKErrorCode::kTokenNotFound);
     return {};
   }
-  log.systemDefault(logLine("CTK [%s-%d] ", kUnit, 217));
+  log.systemDefault("CTK [MirelSCTokenSession-217] ");
   algorithmToPrint(algorithm, log);
   const std::string_view name = algorithmName(TKTokenOperation::kSignData, algorithm);
   if (name.empty()) {
     // Oddity: the spelling is that of the log lines that are known, and there is no error.
-    log.process(logLine("[%s-%d] alogrithm not support, return nil.", kUnit, 230));
+    log.process("[MirelSCTokenSession-230] alogrithm not support, return nil.");
     return {};
   }
 
@@ -114,23 +114,23 @@ Bytes MirelSCTokenSession::decryptData(TKSmartCardTokenSession& session, const B
                                        const Text& keyObjectID, const TKTokenKeyAlgorithm& algorithm,
                                        TKErrorPointer outError) noexcept {
   Log& log = *services_.log;
-  log.systemDefault(logLine("CTK [%s-%d] +++START+++", kUnit, 255));
+  log.systemDefault("CTK [MirelSCTokenSession-255] +++START+++");
   const bool authenticated = authState() == kAuthenticated;
   const bool usable = generalAuthenticateWithData(session, ciphertext, kDataTag, keyObjectID, outError);
   // Oddity: without a login the answer is only asked for the error it leaves.
   if (!authenticated) return {};
   if (!usable) {
     // Oddity: the error is replaced as in signing, but the line goes to the other log.
-    log.process(logLine("[%s-%d] decryptData key not found", kUnit, 265));
+    log.process("[MirelSCTokenSession-265] decryptData key not found");
     if (outError) *outError = tkError(TKErrorCode::kTokenNotFound);
     return {};
   }
-  log.systemDefault(logLine("CTK [%s-%d] ", kUnit, 271));
+  log.systemDefault("CTK [MirelSCTokenSession-271] ");
   algorithmToPrint(algorithm, log);
   const std::string_view name = algorithmName(TKTokenOperation::kDecryptData, algorithm);
   // Oddity: unlike in signing, nothing is logged.
   if (name.empty()) return {};
-  log.process(logLine("[%s-%d] decryptData %@ %@ algName %@", kUnit, 287, keyObjectID,
+  log.process(logLine("[MirelSCTokenSession-287] decryptData %@ %@ algName %@", keyObjectID,
                       dataDescription(ciphertext), name));
 
   Bytes plain = emptyBytes();
@@ -150,12 +150,12 @@ Bytes MirelSCTokenSession::performKeyExchangeWithPublicKey(TKSmartCardTokenSessi
                                                            const TKTokenKeyAlgorithm& algorithm,
                                                            TKErrorPointer outError) noexcept {
   Log& log = *services_.log;
-  log.systemDefault(logLine("CTK [%s-%d] +++START+++", kUnit, 308));
+  log.systemDefault("CTK [MirelSCTokenSession-308] +++START+++");
   if (session.keyForObjectID(keyObjectID, outError)) {
-    log.process(logLine("[%s-%d] performKeyExchangeWithPublicKey %@ algorithm %@", kUnit, 318, keyObjectID,
-                        algorithm.description()));
+    log.process(logLine("[MirelSCTokenSession-318] performKeyExchangeWithPublicKey %@ algorithm %@",
+                        keyObjectID, algorithm.description()));
   } else {
-    log.process(logLine("[%s-%d] performKeyExchangeWithPublicKey objectID not found", kUnit, 312));
+    log.process("[MirelSCTokenSession-312] performKeyExchangeWithPublicKey objectID not found");
     if (outError) *outError = tkError(TKErrorCode::kTokenNotFound);
   }
   // Oddity: key exchange is advertised, but answers nothing.
