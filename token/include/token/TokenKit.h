@@ -153,7 +153,7 @@ class TKSmartCardTokenSession {
   TKSmartCardTokenSession& operator=(const TKSmartCardTokenSession&) = delete;
   virtual ~TKSmartCardTokenSession() = default;
 
-  /// The session's connection to the card. Valid until the next call.
+  /// The session's connection to the card. Valid until it is asked for again.
   [[nodiscard]] virtual TKSmartCard& smartCard() noexcept = 0;
   /// The key with that object identifier among the contents of the session's token; nothing and the
   /// platform's error when there is none, nothing alone when the token has gone.
@@ -169,9 +169,9 @@ class TKTokenSmartCardPINAuthOperation {
   TKTokenSmartCardPINAuthOperation& operator=(const TKTokenSmartCardPINAuthOperation&) = delete;
   virtual ~TKTokenSmartCardPINAuthOperation() = default;
 
-  /// The connection of the session that asked. Valid until the next call.
+  /// The connection of the session that asked. Valid until it is asked for again.
   [[nodiscard]] virtual TKSmartCard& sessionSmartCard() noexcept = 0;
-  /// The request's own connection, which the login goes to. Valid until the next call.
+  /// The request's own connection, which the login goes to. Valid until it is asked for again.
   [[nodiscard]] virtual TKSmartCard& smartCard() noexcept = 0;
   /// `card`: what `sessionSmartCard` has given.
   virtual void setSmartCard(const TKSmartCard& card) noexcept = 0;
