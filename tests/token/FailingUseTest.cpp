@@ -1,12 +1,10 @@
 #include <functional>
 #include <span>
 
-#include "token/ClientSessionTest.h"
+#include "token/TokenTest.h"
 
 namespace mirel::test {
 namespace {
-
-using enum SecKeyAlgorithm;
 
 constexpr std::size_t kModulusLen = 256;  // bytes
 
@@ -113,14 +111,8 @@ const UseStep kDecrypting[] = {
 
 class FailingUse : public LoggedInTest {
  protected:
-  [[nodiscard]] Bytes sign(TKErrorPointer outError) {
-    return session->signData(session, Bytes{data}, kKey, FakeKeyAlgorithm{kSecKeyAlgorithmRSASignatureRaw},
-                             outError);
-  }
-  [[nodiscard]] Bytes decrypt(TKErrorPointer outError) {
-    return session->decryptData(session, Bytes{cipherOf(data)}, kKey,
-                                FakeKeyAlgorithm{kSecKeyAlgorithmRSAEncryptionPKCS1}, outError);
-  }
+  [[nodiscard]] Bytes sign(TKErrorPointer outError) { return client->sign(data, outError); }
+  [[nodiscard]] Bytes decrypt(TKErrorPointer outError) { return client->decrypt(cipherOf(data), outError); }
 
   [[nodiscard]] static Answer answerOf(const Bytes& bytes, const Bytes& expected) {
     if (bytes == expected) return kResult;
@@ -129,15 +121,9 @@ class FailingUse : public LoggedInTest {
     return kEmpty;
   }
 
-  [[nodiscard]] std::vector<std::string> functionsCalled() const {
-    std::vector<std::string> functions;
-    for (const Call& call : script.calls()) functions.push_back(call.function);
-    return functions;
-  }
-
   /// Another login makes everything work again.
   void expectUsable() {
-    EXPECT_TRUE(login());
+    EXPECT_TRUE(client->login());
     EXPECT_EQ(sign(nullptr), signature);
     EXPECT_EQ(decrypt(nullptr), Bytes{data});
   }
@@ -152,7 +138,7 @@ class FailingUse : public LoggedInTest {
       std::optional<TKError> error;
       const Answer answer = answerOf(use(&error), expected);
       EXPECT_EQ(error, std::nullopt);
-      EXPECT_EQ(session->authState(), 1);
+      EXPECT_EQ(client->core->authState(), 1);
       EXPECT_EQ(memory->outstanding(), 0U);
       EXPECT_EQ(script.openSessions().size(), 2U);
       if (!point.fired()) {
@@ -180,11 +166,11 @@ TEST_F(FailingUse, OfThePin) {
     strings->texts["VERIFY_TRY_LEFT"] = Text{u"%lu"};
     point.arm();
     std::optional<TKError> error;
-    const bool accepted = login(u"123456", &error);
+    const bool accepted = client->login(u"123456", &error);
     EXPECT_EQ(memory->outstanding(), 0U);
-    EXPECT_EQ(session->authState(), accepted ? 1 : 0);
-    EXPECT_EQ(base->card->context().has_value(), accepted);
-    EXPECT_EQ(base->card->sensitive(), accepted);
+    EXPECT_EQ(client->core->authState(), accepted ? 1 : 0);
+    EXPECT_EQ(client->platform.card.marked.load(), accepted);
+    EXPECT_EQ(client->platform.card.sensitive.load(), accepted);
     if (!point.fired()) {
       EXPECT_TRUE(accepted);
       ASSERT_EQ(point.n(), kNumSteps);
@@ -252,7 +238,7 @@ TEST_F(FailingUse, OfACardThatIsPulledAtAnyCall) {
     const Bytes bytes = std::string_view{function} == "sign" ? sign(&error) : decrypt(&error);
     EXPECT_EQ(bytes, Bytes{Value{}});
     EXPECT_EQ(error, std::nullopt);
-    EXPECT_EQ(session->authState(), 1);
+    EXPECT_EQ(client->core->authState(), 1);
   };
   constexpr std::size_t kReadsForSigning = 25;
   constexpr std::size_t kReadsForDecrypting = 27;

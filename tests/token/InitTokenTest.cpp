@@ -1,5 +1,6 @@
 #include <algorithm>
 
+#include "token/MirelSCTokenDriver.h"
 #include "token/TokenTest.h"
 
 namespace mirel::test {
@@ -7,81 +8,124 @@ namespace {
 
 using ::testing::Contains;
 using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 using ::testing::IsEmpty;
-
-const TKError kEarlierError{Text{u"Somebody"}, 7, Text{u"else"}};
-const TKError kObjectNotFound{Text{u"CryptoTokenKit"}, -6, Text{}};
+using ::testing::SizeIs;
 
 constexpr const char* kStart = "default: CTK [MirelSCToken-31] +++Start+++";
-constexpr const char* kEnd = "default: CTK [MirelSCToken-143] ---END---";
+constexpr const char* kOldProvider = "default: CTK [MirelSCToken-33] nil != sp";
+constexpr const char* kReleased = "default: CTK [MirelSCToken-35] After releaseWithMirelCTKFramework";
+constexpr const char* kNoProvider =
+    "error: [MirelSCToken-39] CryptTKitSProvider initWithMirelCTKFramwork fail!!!";
 constexpr const char* kNoDescription =
     "error: [CryptTKitSProvider: 54] -[CryptTKitSProvider getSupportedTokenDescription:] _pCTKFramework "
     "EnumCards failed";
 constexpr const char* kNoTokenId = "error: [MirelSCToken-48] Get token ID fail";
+constexpr const char* kNoCertificates = "error: [MirelSCToken-64] CryptTKitSProvider getTokenCerts fail";
+constexpr const char* kKeyStart = "default: CTK [MirelSCToken-15] +++START+++";
+constexpr const char* kKeyEnd = "default: CTK [MirelSCToken-21] ---END---";
+constexpr const char* kEnd = "default: CTK [MirelSCToken-143] ---END---";
+
+/// What the default card is called: the 96 bytes from label to serial number with the first two bytes of
+/// the flags (0x40D), then the serial number and the same two bytes again.
+const Text kInstanceID{
+    u"TESTCARD                        "
+    u"Scripted cards                  "
+    u"Script 1        "
+    u"1234567890ABCDEF"
+    u"\x0D\x04"
+    u"1234567890ABCDEF"
+    u"\x0D\x04"};
+const std::string kInstanceIdLine = "process: [MirelSCToken-52] instanceID = " + kInstanceID.toUtf8();
+
+const char* const kCertificateItem = "certificate cert_MyKey_01, label 01";
+const char* const kKeyItem =
+    "key 01, label 01, certificate cert_MyKey_01, can sign, for login, PIN always, {2: PINAlways}";
+const char* const kNewKeyItem = "key 01, label , certificate cert_MyKey_01, PIN always, {}";
 
 class InitToken : public TokenTest {
  protected:
-  /// The line with the identifier of the card.
-  [[nodiscard]] std::string instanceIdLine() const {
-    const auto& all = log->processLines;
-    const auto found = std::find_if(all.begin(), all.end(), [](const std::string& line) {
-      return line.starts_with("[MirelSCToken-52] instanceID = TESTCARD");
-    });
-    return found == all.end() ? "no line with an identifier" : "process: " + *found;
+  InitToken() { token.emplace(services(), &calls); }
+
+  /// Initialises the token without a place for an error, and with an empty and an earlier error, which are to
+  /// be left alone.
+  void expectNoTokenAndNoError() {
+    EXPECT_FALSE(token->init());
+    for (const auto& before : kErrorsBefore) {
+      std::optional<TKError> error = before;
+      EXPECT_FALSE(token->init(&error));
+      EXPECT_EQ(error, before);
+    }
   }
+
+  std::optional<FakeToken> token;
 };
 
 // ---- The good way ----
 
-TEST_F(InitToken, ReturnsTheTokenItself) {
-  const auto token = newToken();
-  EXPECT_EQ(init(token), token);
+TEST_F(InitToken, LogsItsWay) {
+  EXPECT_TRUE(token->init());
+  EXPECT_THAT(log->allLines,
+              ElementsAre(kStart, moduleLine(), kInstanceIdLine,
+                          "default: CTK [MirelSCToken-66] certs count = 1", kKeyStart, kKeyEnd, kEnd));
   leavesOpen({kCardSession});
 }
 
-TEST_F(InitToken, HasNoProviderBefore) { EXPECT_FALSE(newToken()->sp()); }
+TEST_F(InitToken, AsksThePlatformForNoMoreAndInThisOrder) {
+  EXPECT_TRUE(token->init());
+  EXPECT_THAT(calls, ElementsAre("card.name", "super", std::string{"append "} + kCertificateItem,
+                                 std::string{"initKey "} + kNewKeyItem, std::string{"append "} + kKeyItem,
+                                 "fillWithItems"));
+  leavesOpen({kCardSession});
+}
 
-TEST_F(InitToken, HasAProviderWhenTheBaseInitialiserRuns) {
-  const auto token = newToken();
-  bool ran = false;
+TEST_F(InitToken, RegistersTheTokenByItsIdentifierOnceAndBeforeTheCardSession) {
+  std::vector<std::string> lines;
+  std::size_t sessions = 99;
   bool hadProvider = false;
-  kit->script->whenTokenIsInitialised = [&] {
-    ran = true;
-    hadProvider = token->sp() != nullptr;
+  token->whenRegistered = [&] {
+    lines = log->allLines;
+    sessions = script.countOf("C_OpenSession");
+    hadProvider = token->core.sp() != nullptr;
   };
-  EXPECT_TRUE(init(token));
-  EXPECT_TRUE(ran);
+  EXPECT_FALSE(token->core.sp());
+  EXPECT_TRUE(token->init());
+  EXPECT_THAT(token->instanceIDs, ElementsAre(kInstanceID));
+  EXPECT_THAT(lines, ElementsAre(kStart, moduleLine(), kInstanceIdLine));
   EXPECT_TRUE(hadProvider);
-  leavesOpen({kCardSession});
-}
-
-TEST_F(InitToken, OpensTheCardSessionAfterTheBaseInitialiser) {
-  std::size_t sessionsBefore = 99;
-  kit->script->whenTokenIsInitialised = [&] { sessionsBefore = script.countOf("C_OpenSession"); };
-  EXPECT_TRUE(init(newToken()));
-  EXPECT_EQ(sessionsBefore, 1U);  // closed again: it only served to read the token's information
+  EXPECT_EQ(sessions, 1U);  // closed again: it only served to read the token's information
   EXPECT_EQ(script.countOf("C_OpenSession"), 3U);
   leavesOpen({kCardSession});
 }
 
-TEST_F(InitToken, FillsTheContentsOnce) {
-  addKeyAndCertificate(bytesOf("02"), bytesOf("Second"), {});
-  EXPECT_TRUE(init(newToken()));
-  ASSERT_EQ(baseOfNewToken()->contents->fills.size(), 1U);
-  EXPECT_EQ(baseOfNewToken()->contents->fills.front().size(), 4U);
+TEST_F(InitToken, HasAProviderOfItsOwn) {
+  FakeToken other{services()};
+  EXPECT_TRUE(token->init());
+  EXPECT_TRUE(other.init());
+  EXPECT_NE(token->core.sp(), other.core.sp());
+  EXPECT_EQ(itemTexts(token->contents.items()), itemTexts(other.contents.items()));
+  leavesOpen({kCardSession, kCardSession + 3});
+}
+
+TEST_F(InitToken, UsesTheCardInTheNamedReader) {
+  const CK_SLOT_ID other = script.addSlot("Reader B 01", emptyCard("OTHER", "42"));
+  script.addObject(ecPublicKey(bytesOf("B2"), bytesOf("Theirs"), p256Params(), p256Point(3)), other);
+  script.addObject(certificate(bytesOf("B2"), bytesOf("Theirs"), testCertificate({})), other);
+  token->card.readerName = Text{u"Reader B"};
+  EXPECT_TRUE(token->init());
+  EXPECT_EQ(token->instanceIDs.at(0).units().substr(0, 6), u"OTHER ");
+  EXPECT_THAT(itemTexts(token->contents.items()),
+              ElementsAre("certificate cert_Theirs_B2, label B2",
+                          "key B2, label B2, certificate cert_Theirs_B2, PIN always, {}"));
   leavesOpen({kCardSession});
 }
 
-TEST_F(InitToken, PublishesInTheOrderOfTheCardsCertificates) {
-  addKeyAndCertificate(bytesOf("03"), bytesOf("Third"), {.keyUsage = 1U << 2U});
-  addKeyAndCertificate(bytesOf("02"), bytesOf("Second"), {.keyUsage = 1U << 4U});
-  EXPECT_TRUE(init(newToken()));
-  EXPECT_THAT(itemTexts(*baseOfNewToken()),
-              ElementsAre("certificate cert_MyKey_01, label 01",
-                          "key 01, label 01, certificate cert_MyKey_01, can sign, for login, PIN always, "
-                          "{2: PINAlways}",
-                          "certificate cert_Third_03, label 03",
+TEST_F(InitToken, PublishesInTheOrderOfTheCardsCertificatesAndAllAtOnce) {
+  addKeyAndCertificate(bytesOf("03"), bytesOf("Third"), {.keyUsage = kKeyEncipherment});
+  addKeyAndCertificate(bytesOf("02"), bytesOf("Second"), {.keyUsage = kKeyAgreement});
+  EXPECT_TRUE(token->init());
+  ASSERT_THAT(token->contents.fills, SizeIs(1));
+  EXPECT_THAT(itemTexts(token->contents.items()),
+              ElementsAre(kCertificateItem, kKeyItem, "certificate cert_Third_03, label 03",
                           "key 03, label 03, certificate cert_Third_03, can decrypt, for login, PIN always, "
                           "{3: PINAlways}",
                           "certificate cert_Second_02, label 02",
@@ -93,275 +137,209 @@ TEST_F(InitToken, PublishesInTheOrderOfTheCardsCertificates) {
 
 TEST_F(InitToken, PublishesACertificateOnceForEachKeyWithItsId) {
   script.addObject(ecPublicKey(bytesOf("01"), bytesOf("Twin"), p256Params(), p256Point(9)));
-  EXPECT_TRUE(init(newToken()));
-  const auto texts = itemTexts(*baseOfNewToken());
-  ASSERT_EQ(texts.size(), 4U);
-  EXPECT_EQ(texts[0], texts[2]);
-  EXPECT_EQ(texts[1], texts[3]);
-  leavesOpen({kCardSession});
-}
-
-TEST_F(InitToken, LeavesOutACertificateWithoutAKey) {
-  script.addObject(certificate(bytesOf("77"), bytesOf("Lonely"), testCertificate({})));
-  addKeyAndCertificate(bytesOf("02"), bytesOf("Second"), {});
-  EXPECT_TRUE(init(newToken()));
-  EXPECT_THAT(itemTexts(*baseOfNewToken()),
-              ElementsAre("certificate cert_MyKey_01, label 01", HasSubstr("key 01"),
-                          "certificate cert_Second_02, label 02", HasSubstr("key 02")));
-  EXPECT_THAT(log->systemErrorLines, IsEmpty());
+  EXPECT_TRUE(token->init());
+  EXPECT_THAT(itemTexts(token->contents.items()),
+              ElementsAre(kCertificateItem, kKeyItem, kCertificateItem, kKeyItem));
   leavesOpen({kCardSession});
 }
 
 TEST_F(InitToken, FillsTheContentsWithNothingFromACardWithoutCertificates) {
   script.card().objects.clear();
-  EXPECT_TRUE(init(newToken()));
-  ASSERT_EQ(baseOfNewToken()->contents->fills.size(), 1U);
-  EXPECT_THAT(baseOfNewToken()->contents->fills.front(), IsEmpty());
+  EXPECT_TRUE(token->init());
+  ASSERT_THAT(token->contents.fills, SizeIs(1));
+  EXPECT_THAT(token->contents.items(), IsEmpty());
   EXPECT_THAT(log->allLines, Contains("default: CTK [MirelSCToken-66] certs count = 0"));
-  leavesOpen({kCardSession});
-}
-
-TEST_F(InitToken, CarriesEveryByteOfIdAndLabel) {
-  script.card().objects.clear();
-  addKeyAndCertificate({0x00, 0x01}, {0xE4, 0x00, 0xFF}, {});
-  addKeyAndCertificate({0x01}, {0x7F}, {});
-  EXPECT_TRUE(init(newToken()));
-  const auto items = baseOfNewToken()->contents->items();
-  ASSERT_EQ(items.size(), 4U);
-  using namespace std::string_view_literals;
-  EXPECT_EQ(items[0]->objectID().units(), u"cert_\u00E4\0\u00FF_\0\u0001"sv);
-  EXPECT_EQ(items[0]->label().units(), u"\0\u0001"sv);
-  EXPECT_EQ(items[1]->objectID().units(), u"\0\u0001"sv);
-  EXPECT_EQ(items[2]->objectID().units(), u"cert_\u007F_\u0001"sv);
-  EXPECT_EQ(items[3]->objectID().units(), u"\u0001"sv);
   leavesOpen({kCardSession});
 }
 
 TEST_F(InitToken, PublishesFortyKeys) {
   script.card().objects.clear();
-  const CertificateRequest request;
-  const Value der = testCertificate(request);
+  const Value der = testCertificate({});
   for (CK_BYTE i = 0; i < 40; ++i) {
     script.addObject(ecPublicKey({i}, bytesOf("Key"), p256Params(), p256Point(i)));
     script.addObject(certificate({i}, bytesOf("Key"), der));
   }
-  EXPECT_TRUE(init(newToken()));
-  EXPECT_EQ(baseOfNewToken()->contents->items().size(), 80U);
-  leavesOpen({kCardSession});
-}
-
-TEST_F(InitToken, GoesOnWithoutContentsToFill) {
-  kit->script->withoutContents = true;
-  const auto token = newToken();
-  EXPECT_EQ(init(token), token);
-  EXPECT_FALSE(token->keychainContents());
-  EXPECT_THAT(log->allLines, Contains(kEnd));
+  EXPECT_TRUE(token->init());
+  EXPECT_THAT(token->contents.items(), SizeIs(80));
   leavesOpen({kCardSession});
 }
 
 TEST_F(InitToken, LeavesErrorsAloneWhenAllIsWell) {
-  std::optional<TKError> none;
-  EXPECT_TRUE(init(newToken(), &none));
-  EXPECT_EQ(none, std::nullopt);
-  std::optional<TKError> earlier = kEarlierError;
-  EXPECT_TRUE(init(newToken(), &earlier));
-  EXPECT_EQ(earlier, kEarlierError);
+  for (const auto& before : kErrorsBefore) {
+    std::optional<TKError> error = before;
+    EXPECT_TRUE(FakeToken{services()}.init(&error));
+    EXPECT_EQ(error, before);
+  }
   leavesOpen({kCardSession, kCardSession + 3});
-}
-
-// ---- The provider cannot be made ----
-
-TEST_F(InitToken, FailsWithoutAProvider) {
-  takeModuleAway();
-  const auto token = newToken();
-  EXPECT_FALSE(init(token));
-  EXPECT_FALSE(token->sp());
-  EXPECT_THAT(baseOfNewToken()->initialisations, IsEmpty());
-  EXPECT_THAT(log->allLines,
-              ElementsAre(kStart, moduleLine(),
-                          "error: [MirelSCToken-39] CryptTKitSProvider initWithMirelCTKFramwork fail!!!"));
-}
-
-TEST_F(InitToken, SetsNoErrorWithoutAProvider) {
-  script.failCallOf("C_Initialize", 0, CKR_GENERAL_ERROR, Times::kFromThenOn);
-  std::optional<TKError> none;
-  EXPECT_FALSE(init(newToken(), &none));
-  EXPECT_EQ(none, std::nullopt);
-  std::optional<TKError> earlier = kEarlierError;
-  EXPECT_FALSE(init(newToken(), &earlier));
-  EXPECT_EQ(earlier, kEarlierError);
 }
 
 TEST_F(InitToken, TakesAModuleThatIsInitialisedAlready) {
   script.setInitialised(true);
-  EXPECT_TRUE(init(newToken()));
+  EXPECT_TRUE(token->init());
   leavesOpen({kCardSession});
+}
+
+// ---- The provider cannot be made ----
+
+TEST_F(InitToken, AsksThePlatformForNothingWithoutAProvider) {
+  takeModuleAway();
+  token.emplace(services(), &calls);
+  EXPECT_FALSE(token->init());
+  EXPECT_FALSE(token->core.sp());
+  EXPECT_THAT(calls, IsEmpty());
+  EXPECT_THAT(log->allLines, ElementsAre(kStart, moduleLine(), kNoProvider));
+}
+
+TEST_F(InitToken, SetsNoErrorWithoutAProvider) {
+  script.failCallOf("C_Initialize", 0, CKR_GENERAL_ERROR, Times::kFromThenOn);
+  expectNoTokenAndNoError();
 }
 
 // ---- The card has no identifier ----
 
-TEST_F(InitToken, ReportsACardThatDoesNotAnswer) {
+TEST_F(InitToken, ReportsACardThatDoesNotAnswerAndKeepsTheProvider) {
   script.pullCard();
   std::optional<TKError> error;
-  EXPECT_FALSE(init(newToken(), &error));
-  EXPECT_EQ(error, kObjectNotFound);
-  EXPECT_THAT(baseOfNewToken()->initialisations, IsEmpty());
+  EXPECT_FALSE(token->init(&error));
+  EXPECT_EQ(error, tokenError(-6));
+  EXPECT_THAT(calls, ElementsAre("card.name"));
   EXPECT_THAT(log->allLines, ElementsAre(kStart, moduleLine(), kNoDescription, kNoTokenId));
+  EXPECT_TRUE(token->core.sp());
 }
 
 TEST_F(InitToken, ReplacesAnEarlierError) {
   script.pullCard();
   std::optional<TKError> error = kEarlierError;
-  EXPECT_FALSE(init(newToken(), &error));
-  EXPECT_EQ(error, kObjectNotFound);
+  EXPECT_FALSE(token->init(&error));
+  EXPECT_EQ(error, tokenError(-6));
   EXPECT_THAT(log->allLines, Contains(kNoTokenId));
 }
 
-TEST_F(InitToken, FailsInSilenceWithoutAnErrorPointer) {
+TEST_F(InitToken, FailsWithoutALineWithoutAnErrorPointer) {
   script.pullCard();
-  EXPECT_FALSE(init(newToken(), nullptr));
+  EXPECT_FALSE(token->init());
   EXPECT_THAT(log->allLines, ElementsAre(kStart, moduleLine(), kNoDescription));
 }
 
 TEST_F(InitToken, ReportsAReaderThatThereIsNot) {
+  token->card.readerName = Text{u"Reader Z"};
   std::optional<TKError> error;
-  EXPECT_FALSE(init(newToken(), &error, Text{u"Reader Z"}));
-  EXPECT_EQ(error, kObjectNotFound);
+  EXPECT_FALSE(token->init(&error));
+  EXPECT_EQ(error, tokenError(-6));
+  EXPECT_THAT(calls, ElementsAre("card.name"));
+}
+
+/// The name of no reader is what every name begins with.
+TEST_F(InitToken, TakesTheFirstCardForAConnectionToNone) {
+  token->card.isConnected = false;
+  EXPECT_TRUE(token->init());
+  EXPECT_THAT(token->instanceIDs, ElementsAre(kInstanceID));
+  leavesOpen({kCardSession});
 }
 
 TEST_F(InitToken, ReportsAnEmptyIdentifier) {
   script.card().info.label[0] = 0;
   script.card().info.serialNumber[0] = 0;
   std::optional<TKError> error;
-  EXPECT_FALSE(init(newToken(), &error));
-  EXPECT_EQ(error, kObjectNotFound);
+  EXPECT_FALSE(token->init(&error));
+  EXPECT_EQ(error, tokenError(-6));
+  EXPECT_THAT(calls, ElementsAre("card.name"));
   EXPECT_THAT(log->allLines, ElementsAre(kStart, moduleLine(), kNoTokenId));
-}
-
-TEST_F(InitToken, KeepsTheProviderOfACardThatDoesNotAnswer) {
-  script.pullCard();
-  const auto token = newToken();
-  EXPECT_FALSE(init(token));
-  EXPECT_TRUE(token->sp());
 }
 
 // ---- The platform refuses the token ----
 
-TEST_F(InitToken, FailsWhenThePlatformRefuses) {
-  kit->script->refusesTokens = true;
-  EXPECT_FALSE(init(newToken()));
-  EXPECT_EQ(baseOfNewToken()->initialisations.size(), 1U);
-  EXPECT_THAT(log->allLines, ElementsAre(kStart, moduleLine(), instanceIdLine(), kEnd));
+TEST_F(InitToken, EndsWhenThePlatformRefuses) {
+  token->isRefused = true;
+  std::size_t callsBefore = 0;
+  token->whenRegistered = [&] { callsBefore = script.calls().size(); };
+  EXPECT_FALSE(token->init());
+  EXPECT_THAT(calls, ElementsAre("card.name", "super"));
+  EXPECT_THAT(log->allLines, ElementsAre(kStart, moduleLine(), kInstanceIdLine, kEnd));
+  EXPECT_EQ(script.calls().size(), callsBefore);
+  EXPECT_FALSE(token->core.sp());
 }
 
 TEST_F(InitToken, SetsNoErrorWhenThePlatformRefuses) {
-  kit->script->refusesTokens = true;
-  std::optional<TKError> none;
-  EXPECT_FALSE(init(newToken(), &none));
-  EXPECT_EQ(none, std::nullopt);
-  std::optional<TKError> earlier = kEarlierError;
-  EXPECT_FALSE(init(newToken(), &earlier));
-  EXPECT_EQ(earlier, kEarlierError);
-}
-
-TEST_F(InitToken, LeavesTheCardAloneWhenThePlatformRefuses) {
-  kit->script->refusesTokens = true;
-  std::size_t callsBefore = 0;
-  kit->script->whenTokenIsInitialised = [&] { callsBefore = script.calls().size(); };
-  EXPECT_FALSE(init(newToken()));
-  EXPECT_EQ(script.calls().size(), callsBefore);
-  EXPECT_THAT(baseOfNewToken()->contents->fills, IsEmpty());
-}
-
-TEST_F(InitToken, LetsGoOfTheProviderWhenThePlatformRefuses) {
-  kit->script->refusesTokens = true;
-  const auto token = newToken();
-  EXPECT_FALSE(init(token));
-  EXPECT_FALSE(token->sp());
+  token->isRefused = true;
+  expectNoTokenAndNoError();
 }
 
 // ---- The certificates cannot be listed ----
 
-TEST_F(InitToken, GivesATokenWithoutItemsWhenTheCardCannotBeListed) {
+TEST_F(InitToken, GivesATokenWhoseContentsAreNotFilledWhenTheCardCannotBeListed) {
   script.failCallOf("C_FindObjectsInit", 0, CKR_DEVICE_ERROR);
-  const auto token = newToken();
   std::optional<TKError> error;
-  EXPECT_EQ(init(token, &error), token);
+  EXPECT_TRUE(token->init(&error));
   EXPECT_EQ(error, std::nullopt);
-  EXPECT_THAT(baseOfNewToken()->contents->fills, IsEmpty());
-  EXPECT_THAT(log->allLines,
-              ElementsAre(kStart, moduleLine(), instanceIdLine(),
-                          "error: [MirelSCToken-64] CryptTKitSProvider getTokenCerts fail", kEnd));
+  EXPECT_THAT(calls, ElementsAre("card.name", "super"));
+  EXPECT_THAT(log->allLines, ElementsAre(kStart, moduleLine(), kInstanceIdLine, kNoCertificates, kEnd));
   leavesOpen({kCardSession});
 }
 
-TEST_F(InitToken, GivesATokenWithoutItemsWhenNoSessionCanBeOpened) {
-  script.failCallOf("C_OpenSession", 0, CKR_SESSION_COUNT, Times::kFromThenOn);
-  const auto token = newToken();
-  EXPECT_EQ(init(token), token);
-  EXPECT_THAT(baseOfNewToken()->contents->fills, IsEmpty());
-  EXPECT_THAT(log->systemErrorLines, ElementsAre("[MirelSCToken-64] CryptTKitSProvider getTokenCerts fail"));
-}
-
-TEST_F(InitToken, GivesATokenWithoutItemsForACertificateThatIsTooLong) {
+TEST_F(InitToken, GivesATokenWhoseContentsAreNotFilledForACertificateThatIsTooLong) {
   constexpr std::size_t kTooLong = 2001;  // bytes; one more than the card framework reads
   Object& object = script.object(kCertificate);
   object = object.with(CKA_VALUE, patternValue(kTooLong, 1));
-  EXPECT_TRUE(init(newToken()));
-  EXPECT_THAT(baseOfNewToken()->contents->fills, IsEmpty());
-  EXPECT_THAT(log->systemErrorLines, ElementsAre("[MirelSCToken-64] CryptTKitSProvider getTokenCerts fail"));
+  EXPECT_TRUE(token->init());
+  EXPECT_THAT(token->contents.fills, IsEmpty());
+  EXPECT_THAT(log->allLines, Contains(kNoCertificates));
   leavesOpen({kCardSession});
 }
 
 // ---- A provider from before ----
 
 TEST_F(InitToken, ReplacesTheOldProvider) {
-  const auto token = newToken();
-  EXPECT_EQ(init(token), token);
-  const std::weak_ptr<CryptTKitSProvider> old = token->sp();
+  EXPECT_TRUE(token->init());
+  const std::weak_ptr<CryptTKitSProvider> old = token->core.sp();
   ASSERT_FALSE(old.expired());
-  EXPECT_EQ(init(token), token);
-  EXPECT_TRUE(old.expired());
-  EXPECT_TRUE(token->sp());
-  EXPECT_EQ(script.countOf("C_Finalize"), 0U);
-  leavesOpen({kCardSession, kCardSession + 3});
-}
-
-TEST_F(InitToken, LogsTheReleaseOfTheOldProvider) {
-  const auto token = newToken();
-  EXPECT_EQ(init(token), token);
   log->allLines.clear();
-  EXPECT_EQ(init(token), token);
+  EXPECT_TRUE(token->init());
+  EXPECT_TRUE(old.expired());
+  EXPECT_TRUE(token->core.sp());
+  EXPECT_EQ(script.countOf("C_Finalize"), 0U);
   EXPECT_THAT(log->allLines,
-              ElementsAre(kStart, "default: CTK [MirelSCToken-33] nil != sp",
-                          "default: CTK [MirelSCToken-35] After releaseWithMirelCTKFramework", moduleLine(),
-                          instanceIdLine(), "default: CTK [MirelSCToken-66] certs count = 1",
-                          "default: CTK [MirelSCToken-15] +++START+++",
-                          "default: CTK [MirelSCToken-21] ---END---", kEnd));
+              ElementsAre(kStart, kOldProvider, kReleased, moduleLine(), kInstanceIdLine,
+                          "default: CTK [MirelSCToken-66] certs count = 1", kKeyStart, kKeyEnd, kEnd));
   leavesOpen({kCardSession, kCardSession + 3});
 }
 
 TEST_F(InitToken, HasNoProviderWhenTheOldOneCannotBeReplaced) {
-  const auto token = newToken();
-  EXPECT_EQ(init(token), token);
+  EXPECT_TRUE(token->init());
   script.failCallOf("C_Initialize", 0, CKR_DEVICE_ERROR);
   log->allLines.clear();
-  EXPECT_FALSE(init(token));
-  EXPECT_FALSE(token->sp());
-  EXPECT_THAT(log->allLines,
-              ElementsAre(kStart, "default: CTK [MirelSCToken-33] nil != sp",
-                          "default: CTK [MirelSCToken-35] After releaseWithMirelCTKFramework", moduleLine(),
-                          "error: [MirelSCToken-39] CryptTKitSProvider initWithMirelCTKFramwork fail!!!"));
+  EXPECT_FALSE(token->init());
+  EXPECT_FALSE(token->core.sp());
+  EXPECT_THAT(log->allLines, ElementsAre(kStart, kOldProvider, kReleased, moduleLine(), kNoProvider));
   leavesOpen({kCardSession});
 }
 
 TEST_F(InitToken, DropsItsProviderWhenItEnds) {
-  auto token = newToken();
-  EXPECT_EQ(init(token), token);
-  const std::weak_ptr<CryptTKitSProvider> provider = token->sp();
+  EXPECT_TRUE(token->init());
+  const std::weak_ptr<CryptTKitSProvider> provider = token->core.sp();
   token.reset();
   EXPECT_TRUE(provider.expired());
   leavesOpen({kCardSession});
+}
+
+// ---- The driver ----
+
+TEST_F(InitToken, IsMadeByTheDriverBetweenItsLines) {
+  MirelSCTokenDriver driver{services()};
+  for (const Text& shown : {Text{u"<MirelSCToken: 0x1>"}, Text{u"(null)"}, Text{}}) {
+    log->allLines.clear();
+    int numMade = 0;
+    driver.createTokenForSmartCard([&] {
+      ++numMade;
+      log->process("the token");
+      return shown;
+    });
+    EXPECT_EQ(numMade, 1);
+    EXPECT_THAT(log->allLines,
+                ElementsAre("default: CTK [MirelSCTokenDriver-13] +++Start+++", "process: the token",
+                            "process: [MirelSCTokenDriver-15] token = " + shown.orNullMark().toUtf8(),
+                            "default: CTK [MirelSCTokenDriver-16] ---END---"));
+  }
 }
 
 }  // namespace

@@ -4,7 +4,7 @@
 #include <functional>
 #include <iterator>
 
-#include "token/ClientSessionTest.h"
+#include "token/TokenTest.h"
 
 namespace mirel::test {
 namespace {
@@ -29,6 +29,8 @@ class LongUse : public LoggedInTest {
  protected:
   void forgetAll() {
     script.forgetCalls();
+    calls.clear();
+    calls.shrink_to_fit();
     memory->reset();
     loader->calls.clear();
     observer->events.clear();
@@ -54,9 +56,7 @@ TEST_F(LongUse, OfOneLoginForAThousandSignaturesLeavesNothingBehind) {
   const Bytes signature{resultOf(CKM_RSA_X_509, data, 256)};
   const auto round = [&] {
     std::optional<TKError> error;
-    ASSERT_EQ(session->signData(session, Bytes{data}, kKey,
-                                FakeKeyAlgorithm{SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureRaw}, &error),
-              signature);
+    ASSERT_EQ(client->sign(data, &error), signature);
     ASSERT_EQ(error, std::nullopt);
   };
   repeat(kFirstRounds, round);
@@ -72,7 +72,7 @@ TEST_F(LongUse, OfOneLoginForAThousandSignaturesLeavesNothingBehind) {
 TEST_F(LongUse, OfAThousandLoginsLeavesOneSessionOfTheModuleBehindEach) {
   const auto round = [&] {
     script.card().loggedIn = false;
-    ASSERT_TRUE(login());
+    ASSERT_TRUE(client->login());
   };
   repeat(kFirstRounds, round);
   const std::size_t files = openFiles();
@@ -95,7 +95,7 @@ TEST_F(LongUse, OfAThousandRefusedPinsLeavesOneSessionOfTheModuleBehindEach) {
     script.card().loggedIn = false;
     script.card().triesLeft = 3;
     std::optional<TKError> error;
-    ASSERT_FALSE(login(u"000000", &error));
+    ASSERT_FALSE(client->login(u"000000", &error));
     ASSERT_TRUE(error);
   };
   repeat(kFirstRounds, round);

@@ -5,8 +5,8 @@
 #include <string_view>
 
 #include "platform/Memory.h"
-#include "token/ClientSessionTest.h"
 #include "token/ProcessMemory.h"
+#include "token/TokenTest.h"
 
 namespace mirel::test {
 namespace {
@@ -62,11 +62,11 @@ class PinInMemory : public ClientSessionTest {
 
   /// Enters the PIN and finishes the operation, which drops what the user has entered.
   [[nodiscard]] bool enterAndFinish(TKErrorPointer outError = nullptr) {
-    const auto operation = pinOperation(*session, u"");
-    operation->setPIN(entered());
-    const bool accepted = farDown([&] { return operation->finishWithError(outError); });
+    FakePinEntry entry = pinEntry(u"");
+    entry.request.pin = entered();
+    const bool accepted = farDown([&] { return entry.finish(outError); });
     expectNowhere();
-    EXPECT_FALSE(operation->PIN());
+    EXPECT_FALSE(entry.request.pin);
     return accepted;
   }
 
@@ -123,12 +123,12 @@ TEST_F(PinInMemory, IsFoundOnAStackThatWasGivenBackAsItWas) {
 }
 
 TEST_F(PinInMemory, IsThereAsLongAsItIsEntered) {
-  const auto operation = pinOperation(*session, u"");
-  operation->setPIN(entered());
+  FakePinEntry entry = pinEntry(u"");
+  entry.request.pin = entered();
   const PinCopies copies = copiesInMemory(pin);
   EXPECT_EQ(copies.utf16, 1U);
   EXPECT_EQ(copies.ascii, 0U);
-  EXPECT_TRUE(operation->finishWithError(nullptr));
+  EXPECT_TRUE(entry.finish());
 }
 
 TEST_F(PinInMemory, IsNowhereAfterALogin) {
@@ -154,7 +154,7 @@ TEST_F(PinInMemory, IsNowhereAfterALoginThatNeverReachedTheCard) {
 }
 
 TEST_F(PinInMemory, IsNowhereAfterALoginWithoutAProvider) {
-  session->setSp(nullptr);
+  client->core->setSp(nullptr);
   EXPECT_FALSE(enterAndFinish());
   expectNowhere();
   leavesOpen({kCardSession});
@@ -163,9 +163,7 @@ TEST_F(PinInMemory, IsNowhereAfterALoginWithoutAProvider) {
 TEST_F(PinInMemory, IsNowhereAfterALoginAndASignature) {
   EXPECT_TRUE(enterAndFinish());
   const Value data = patternValue(256, 1);
-  EXPECT_EQ(session->signData(session, Bytes{data}, kKey,
-                              FakeKeyAlgorithm{SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureRaw}, nullptr),
-            Bytes{resultOf(CKM_RSA_X_509, data, 256)});
+  EXPECT_EQ(client->sign(data), Bytes{resultOf(CKM_RSA_X_509, data, 256)});
   expectNowhere();
 }
 

@@ -1,123 +1,202 @@
-#include "token/ClientSessionTest.h"
+#include "token/TokenTest.h"
 
 namespace mirel::test {
 namespace {
 
 using ::testing::ElementsAre;
+using ::testing::HasSubstr;
 using ::testing::IsEmpty;
+using ::testing::Not;
+
+// ---- The initialiser ----
 
 constexpr const char* kStart = "default: CTK [MirelSCTokenSession-13] +++START+++";
 constexpr const char* kEnd = "default: CTK [MirelSCTokenSession-24] ---END---";
 
 class PinOperation : public ClientSessionTest {
  protected:
-  const std::shared_ptr<FakePinOperation> platform = std::make_shared<FakePinOperation>(kit->script);
-  MirelSCTokenAuth operation{services(), platform};
+  [[nodiscard]] bool init(bool isTaken = true) {
+    return operation.initWithSession(client->core, request, [&] {
+      log->process("super");
+      calls.emplace_back("super");
+      return isTaken;
+    });
+  }
+
+  FakePinRequest request{client->platform, &calls};
+  MirelSCTokenAuth operation{services()};
 };
 
-TEST_F(PinOperation, BelongsToNoSessionBefore) {
+TEST_F(PinOperation, SetsThePlatformsRequestUpInOrderWhenThePlatformHasInitialisedIt) {
   EXPECT_FALSE(operation.session());
-  EXPECT_FALSE(operation.PIN());
+  EXPECT_TRUE(init());
+  EXPECT_EQ(operation.session(), client->core);
+  EXPECT_THAT(calls, ElementsAre("super", "sessionSmartCard", "setSmartCard", "card.cla", "setAPDUTemplate",
+                                 "setPINFormat 40"));
+  EXPECT_EQ(request.givenCard, &client->platform.card);
+  EXPECT_THAT(log->allLines, ElementsAre(kStart, "process: super", kEnd));
+  EXPECT_THAT(script.callTexts(), IsEmpty());
 }
 
-TEST_F(PinOperation, KeepsTheSession) {
-  ASSERT_TRUE(operation.initWithSession(session));
-  EXPECT_EQ(operation.session(), session);
+TEST_F(PinOperation, AsksForNothingWhenThePlatformRefuses) {
+  EXPECT_FALSE(init(false));
+  EXPECT_FALSE(operation.session());
+  EXPECT_THAT(calls, ElementsAre("super"));
+  EXPECT_THAT(log->allLines, ElementsAre(kStart, "process: super", kEnd));
+}
+
+TEST_F(PinOperation, DescribesAVerifyCommandToTheSessionsCard) {
+  const auto expectCommandWith = [&](std::uint8_t cla) {
+    SCOPED_TRACE(int{cla});
+    ASSERT_TRUE(init());
+    EXPECT_EQ(request.APDUTemplate,
+              (Bytes{Value{cla, 0x20, 0x00, 0x80, 0x08, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}}));
+  };
+  for (const std::uint8_t cla : Value{0x00, 0x0C, 0x80, 0xFF}) {
+    client->platform.card.classByte = cla;
+    expectCommandWith(cla);
+  }
+  client->platform.card.isConnected = false;
+  expectCommandWith(0x00);
 }
 
 TEST_F(PinOperation, KeepsTheSessionAliveAsLongAsItLives) {
-  auto client = newClient();
-  const std::weak_ptr<MirelSCTokenSession> watched = client.session;
+  const std::weak_ptr<MirelSCTokenSession> session = client->core;
   {
-    MirelSCTokenAuth mine{services(), std::make_shared<FakePinOperation>(kit->script)};
-    ASSERT_TRUE(mine.initWithSession(client.session));
-    client.session.reset();
-    EXPECT_FALSE(watched.expired());
+    MirelSCTokenAuth mine{services()};
+    ASSERT_TRUE(mine.initWithSession(client->core, request, [] { return true; }));
+    client->core.reset();
+    EXPECT_FALSE(session.expired());
   }
-  EXPECT_TRUE(watched.expired());
+  EXPECT_TRUE(session.expired());
 }
 
-TEST_F(PinOperation, HasTheSessionsCard) {
-  ASSERT_TRUE(operation.initWithSession(session));
-  EXPECT_EQ(operation.smartCard(), base->card);
-}
-
-TEST_F(PinOperation, DescribesAVerifyCommand) {
-  for (const std::uint8_t cla : std::vector<std::uint8_t>{0x00, 0x0C, 0x80, 0xFF}) {
-    SCOPED_TRACE(int{cla});
-    base->card->classByte = cla;
-    ASSERT_TRUE(operation.initWithSession(session));
-    const std::vector<std::uint8_t> command{cla,  0x20, 0x00, 0x80, 0x08, 0xFF, 0xFF,
-                                            0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
-    EXPECT_EQ(operation.APDUTemplate(), Bytes{command});
-  }
-}
-
-TEST_F(PinOperation, ReadsTheClassByteOnce) {
-  ASSERT_TRUE(operation.initWithSession(session));
-  base->card->classByte = 0x80;
-  EXPECT_EQ(operation.APDUTemplate().view().front(), 0x00);
-}
-
-TEST_F(PinOperation, LaysThePinBehindTheHeaderOfTheCommandAndElseAsThePlatformDoes) {
-  ASSERT_TRUE(operation.initWithSession(session));
-  const auto format = operation.PINFormat();
-  ASSERT_TRUE(format);
-  EXPECT_EQ(format->PINBitOffset(), 40);
-  EXPECT_EQ(format->charset(), TKSmartCardPINCharset::kNumeric);
-  EXPECT_EQ(format->encoding(), TKSmartCardPINEncoding::kASCII);
-  EXPECT_EQ(format->minPINLength(), 4);
-  EXPECT_EQ(format->maxPINLength(), 8);
-  EXPECT_EQ(format->PINBlockByteLength(), 8);
-  EXPECT_EQ(format->PINJustification(), TKSmartCardPINJustification::kLeft);
-  EXPECT_EQ(format->PINLengthBitOffset(), 0);
-  EXPECT_EQ(format->PINLengthBitSize(), 0);
-}
-
-TEST_F(PinOperation, HasAFormatOfItsOwn) {
-  MirelSCTokenAuth other{services(), std::make_shared<FakePinOperation>(kit->script)};
-  ASSERT_TRUE(operation.initWithSession(session));
-  ASSERT_TRUE(other.initWithSession(session));
-  EXPECT_NE(operation.PINFormat(), other.PINFormat());
-}
-
-TEST_F(PinOperation, IsSetUpInOrder) {
-  ASSERT_TRUE(operation.initWithSession(session));
-  EXPECT_THAT(platform->calls,
-              ElementsAre("init", "setSmartCard", "setAPDUTemplate", "setPINFormat offset 0"));
-}
-
-TEST_F(PinOperation, LogsItsInitialisation) {
-  ASSERT_TRUE(operation.initWithSession(session));
-  EXPECT_THAT(log->allLines, ElementsAre(kStart, kEnd));
-}
-
-TEST_F(PinOperation, LogsItsStartBeforeThePlatformsInitialisation) {
-  std::vector<std::string> linesBefore;
-  kit->script->whenPinOperationIsInitialised = [&] { linesBefore = log->allLines; };
-  ASSERT_TRUE(operation.initWithSession(session));
-  EXPECT_THAT(linesBefore, ElementsAre(kStart));
-}
-
-TEST_F(PinOperation, IsLeftAsItIsWhenThePlatformRefuses) {
-  kit->script->refusesPinOperations = true;
-  EXPECT_FALSE(operation.initWithSession(session));
-  EXPECT_THAT(platform->calls, ElementsAre("init"));
+TEST_F(PinOperation, CanBeMadeForNoSession) {
+  EXPECT_TRUE(operation.initWithSession(nullptr, request, [] { return true; }));
   EXPECT_FALSE(operation.session());
-  EXPECT_THAT(log->allLines, ElementsAre(kStart, kEnd));
+  request.pin = std::make_shared<const SecretText>(std::u16string_view{u"123456"});
+  log->allLines.clear();
+  std::optional<TKError> error;
+  EXPECT_FALSE(operation.finishWithError(request, &error));
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->code, -5);
+  EXPECT_THAT(log->allLines, ElementsAre("error: sp is nil"));
 }
 
-TEST_F(PinOperation, CanBeMadeForASessionWithoutACard) {
-  base->card = nullptr;
-  ASSERT_TRUE(operation.initWithSession(session));
-  EXPECT_FALSE(operation.smartCard());
-  EXPECT_EQ(operation.APDUTemplate().size(), 13U);
-  EXPECT_EQ(operation.APDUTemplate().view().front(), 0x00);
+// ---- The PIN as the user has entered it ----
+
+class EnteredPin : public ClientSessionTest {
+ protected:
+  EnteredPin() { leavesOpen({kCardSession, kLoginSession}); }
+};
+
+TEST_F(EnteredPin, GoesToTheCardWithItsLengthInCharacters) {
+  using namespace std::string_view_literals;
+  const struct {
+    const char* name;
+    std::u16string_view pin;
+    const char* call;
+  } rows[] = {
+      {"one digit", u"7", "C_Login(9, 1, 37)"},
+      {"four digits", u"0815", "C_Login(9, 1, 30383135)"},
+      {"eight digits", u"12345678", "C_Login(9, 1, 3132333435363738)"},
+      {"letters and signs", u"aZ %n", "C_Login(9, 1, 615A20256E)"},
+      {"a NUL within", u"12\00034"sv, "C_Login(9, 1, 3132003334)"},
+      // Oddity: as many bytes as there are characters, so the end of the PIN is missing.
+      {"one character of two bytes", u"\u00E4", "C_Login(9, 1, C3)"},
+      {"three characters of two bytes", u"\u00E4\u00F6\u00FC", "C_Login(9, 1, C3A4C3)"},
+      {"digits and one character of three bytes", u"12\u20AC4", "C_Login(9, 1, 3132E282)"},
+      {"eight characters of three bytes", u"\u20AC\u20AC\u20AC\u20AC\u20AC\u20AC\u20AC\u20AC",
+       "C_Login(9, 1, E282ACE282ACE282)"},
+      // Characters outside the basic plane count twice.
+      {"one astral character", u"\U0001F511", "C_Login(9, 1, F09F)"},
+      {"four astral characters", u"\U0001F511\U0001F511\U0001F511\U0001F511",
+       "C_Login(9, 1, F09F9491F09F9491)"},
+      {"half a character", u"1\xD83D", "C_Login(9, 1, 31EF)"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    startAnew();
+    (void)client->login(row.pin);
+    EXPECT_THAT(script.callTexts("C_Login"), ElementsAre(row.call));
+  }
 }
 
-TEST_F(PinOperation, SendsNothingToTheCard) {
-  ASSERT_TRUE(operation.initWithSession(session));
-  EXPECT_THAT(script.callTexts(), IsEmpty());
+TEST_F(EnteredPin, IsRefusedWithoutBeingTriedWhenItIsEmptyOrTooLong) {
+  const std::u16string_view pins[] = {u"", u"123456789",
+                                      u"\u00E4\u00E4\u00E4\u00E4\u00E4\u00E4\u00E4\u00E4\u00E4",
+                                      // Eight characters for the user, nine in UTF-16.
+                                      u"1234567\U0001F511"};
+  for (const auto pin : pins) {
+    SCOPED_TRACE(Text{pin}.toUtf8());
+    startAnew();
+    script.card().info.ulMaxPinLen = 64;
+    std::optional<TKError> error;
+    EXPECT_FALSE(client->login(pin, &error));
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->code, -5);
+    EXPECT_EQ(client->core->authState(), 0);
+    EXPECT_EQ(script.countOf("C_Login"), 0U);
+    EXPECT_EQ(script.card().triesLeft, 3U);
+  }
+}
+
+TEST_F(EnteredPin, IsRefusedWithoutBeingTriedWhenThereIsNone) {
+  FakePinEntry entry = pinEntry();
+  for (const auto& none : {std::shared_ptr<const SecretText>{}, std::make_shared<const SecretText>()}) {
+    entry.request.pin = none;
+    std::optional<TKError> error;
+    EXPECT_FALSE(entry.finish(&error));
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->code, -5);
+  }
+  EXPECT_EQ(script.countOf("C_Login"), 0U);
+  leavesOpen({kCardSession, kLoginSession, kLoginSession + 2});
+}
+
+TEST_F(EnteredPin, StandsInNoLine) {
+  // Of digits that no address and no number of a line has in that order.
+  constexpr std::u16string_view kPin = u"73918264";
+  for (const bool isRight : {false, true}) {
+    for (const bool hasProvider : {false, true}) {
+      startAnew();
+      if (isRight) script.card().pin = "73918264";
+      if (!hasProvider) client->core->setSp(nullptr);
+      std::optional<TKError> error;
+      EXPECT_EQ(client->login(kPin, &error), isRight && hasProvider);
+      (void)client->sign(Value(256, 1), &error);
+      EXPECT_FALSE(log->allLines.empty());
+      for (const std::string& line : log->allLines) {
+        EXPECT_THAT(line, Not(HasSubstr("73918264")));
+        EXPECT_THAT(line, Not(HasSubstr("3733393138323634")));
+      }
+      const Text told = error ? error->localizedDescription : Text{};
+      EXPECT_THAT(told.toUtf8(), Not(HasSubstr("73918264")));
+    }
+  }
+}
+
+TEST_F(EnteredPin, StaysWithItsOwner) {
+  const auto pin = std::make_shared<const SecretText>(u"123456");
+  {
+    FakePinEntry entry = pinEntry();
+    entry.request.pin = pin;
+    EXPECT_TRUE(entry.finish());
+  }
+  EXPECT_EQ(pin.use_count(), 1);
+}
+
+TEST_F(EnteredPin, TakesNoMemoryOfTheCardSoftware) {
+  script.card().pin = "12345678";
+  memory->reset();
+  EXPECT_TRUE(client->login(u"12345678"));
+  // Twice the list of readers, and a record: nothing grows with the PIN.
+  const auto requests = memory->requests();
+  memory->reset();
+  script.card().loggedIn = false;
+  EXPECT_FALSE(client->login(u"1"));
+  EXPECT_EQ(memory->requests(), requests);
+  leavesOpen({kCardSession, kLoginSession, kLoginSession + 2});
 }
 
 }  // namespace

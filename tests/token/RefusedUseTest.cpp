@@ -1,4 +1,6 @@
-#include "token/ClientSessionTest.h"
+/// Which key may be used when, and what is answered when it may not.
+
+#include "token/KeyOperations.h"
 
 namespace mirel::test {
 namespace {
@@ -6,194 +8,277 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-using enum SecKeyAlgorithm;
+const Text kOnceKey{u"02"};
+constexpr std::int64_t kTag = 0x82;
 
-constexpr const char* kSignStart = "default: CTK [MirelSCTokenSession-204] +++START+++";
-constexpr const char* kSignKeyNotFound = "error: [MirelSCTokenSession-211] signData key not found";
-constexpr const char* kDecryptStart = "default: CTK [MirelSCTokenSession-255] +++START+++";
-constexpr const char* kDecryptKeyNotFound = "process: [MirelSCTokenSession-265] decryptData key not found";
+/// States of a session, with the keys that may be used in them.
+struct State {
+  std::int64_t state;
+  bool marked;
+  bool givesAlways = false;  ///< the key that asks for the PIN each time
+  bool givesOnce = false;    ///< the key that does not
+};
 
-class RefusedUse : public ClientSessionTest {
+const State kStates[] = {
+    {0, false},
+    {0, true},
+    {1, false},
+    {1, true, true, true},
+    {2, false},
+    {2, true, false, true},
+    // States that nobody knows.
+    {3, false},
+    {3, true, true, true},
+    {-1, true, true, true},
+    {0x100000000, true, true, true},
+};
+
+/// The token publishes a key that asks for the PIN each time, "01", and one that does not, "02".
+class KeySearch : public ClientSessionTest {
  protected:
-  /// The session is in that state, on a connection with that mark.
-  void isIn(std::int64_t state, std::optional<bool> context) {
-    session->setAuthState(state);
-    base->card->setContext(context);
+  using Search = std::function<bool(const Text& keyObjectID, TKErrorPointer outError)>;
+
+  KeySearch() { publish({keyItem(kKey, true), keyItem(kOnceKey, false)}); }
+
+  void isIn(const State& state) { ClientSessionTest::isIn(state.state, state.marked); }
+
+  /// Each key in each state, with and without an earlier error: it is given, with the error left alone, or it
+  /// needs the PIN, or is unknown.
+  void expectTable(const Search& search) {
+    for (const State& row : kStates) {
+      const struct {
+        Text id;
+        bool isGiven;
+        TKError error;
+      } keys[] = {{kKey, row.givesAlways, tokenError(-9)},
+                  {kOnceKey, row.givesOnce, tokenError(-9)},
+                  {kNoKey, false, tokenError(-6)}};
+      for (const auto& key : keys) {
+        SCOPED_TRACE(key.id.toUtf8() + " in " + std::to_string(row.state) + (row.marked ? " marked" : ""));
+        isIn(row);
+        EXPECT_EQ(search(key.id, nullptr), key.isGiven);
+        for (const auto& before : kErrorsBefore) {
+          std::optional<TKError> error = before;
+          EXPECT_EQ(search(key.id, &error), key.isGiven);
+          EXPECT_EQ(error, key.isGiven ? before : key.error);
+        }
+        EXPECT_EQ(client->core->authState(), row.state);
+        EXPECT_EQ(client->platform.card.marked.load(), row.marked);
+        EXPECT_THAT(script.callTexts(), IsEmpty());
+      }
+    }
+  }
+
+  [[nodiscard]] bool find(const Text& id, TKErrorPointer outError = nullptr) {
+    return client->core->authenticatedKeyForObjectID(client->platform, id, outError);
+  }
+  [[nodiscard]] bool authenticate(const Text& id, TKErrorPointer outError = nullptr) {
+    return client->core->generalAuthenticateWithData(client->platform, Bytes{Value{1, 2, 3}}, kTag, id,
+                                                     outError);
+  }
+
+  std::optional<TKError> given;  ///< for tests that need a place for an error
+};
+
+TEST_F(KeySearch, NeedsAStateAndAMarkAndNoUsedKeyThatAsksEachTime) {
+  expectTable([this](const Text& id, TKErrorPointer outError) { return find(id, outError); });
+}
+
+TEST_F(KeySearch, AsksForTheMarkOnlyWhenNothingElseSpeaksAgainstIt) {
+  for (const State& row : {State{0, true}, State{2, true}}) {
+    isIn(row);
+    EXPECT_FALSE(find(kKey));
+    EXPECT_THAT(calls, ElementsAre("session.keyForObjectID 01"));
+  }
+  isIn({1, true});
+  EXPECT_TRUE(find(kKey));
+  EXPECT_THAT(calls, ElementsAre("session.keyForObjectID 01", "session.smartCard", "card.hasContext"));
+}
+
+TEST_F(KeySearch, NeedsAConnectionToTheCard) {
+  isIn({1, true});
+  client->platform.card.isConnected = false;
+  EXPECT_FALSE(find(kKey, &given));
+  EXPECT_EQ(given, tokenError(-9));
+}
+
+TEST_F(KeySearch, FindsNothingAndSetsNoErrorWhenTheTokenHasGone) {
+  isIn({1, true});
+  client->platform.contents = nullptr;
+  EXPECT_FALSE(find(kKey, &given));
+  EXPECT_EQ(given, std::nullopt);
+  EXPECT_THAT(log->allLines, ElementsAre(kAuthenticatedStart, kKeyIsNil));
+}
+
+TEST_F(KeySearch, LogsItsWay) {
+  isIn({1, true});
+  EXPECT_TRUE(find(kKey));
+  EXPECT_THAT(log->allLines, ElementsAre(kAuthenticatedStart, kAuthenticatedEnd));
+}
+
+TEST_F(KeySearch, LogsThatThePinIsNeededWhereThereIsAPlaceForTheError) {
+  isIn({0, true});
+  EXPECT_FALSE(find(kKey, &given));
+  EXPECT_THAT(log->allLines, ElementsAre(kAuthenticatedStart, kNeeded));
+  log->allLines.clear();
+  EXPECT_FALSE(find(kKey));
+  EXPECT_THAT(log->allLines, ElementsAre(kAuthenticatedStart));
+}
+
+TEST_F(KeySearch, LogsAnUnknownKeyInEveryState) {
+  for (const State& row : kStates) {
+    for (const TKErrorPointer outError : {&given, TKErrorPointer{}}) {
+      isIn(row);
+      EXPECT_FALSE(find(kNoKey, outError));
+      EXPECT_THAT(log->allLines, ElementsAre(kAuthenticatedStart, kKeyIsNil));
+    }
+  }
+}
+
+TEST_F(KeySearch, IsAllThatAGeneralAuthenticationDoes) {
+  expectTable([this](const Text& id, TKErrorPointer outError) { return authenticate(id, outError); });
+}
+
+TEST_F(KeySearch, IsLoggedByAGeneralAuthentication) {
+  isIn({1, true});
+  EXPECT_TRUE(authenticate(kKey, &given));
+  EXPECT_THAT(log->allLines, ElementsAre(kGeneralStart, kAuthenticatedStart, kAuthenticatedEnd, kGeneralEnd));
+  log->allLines.clear();
+  EXPECT_FALSE(authenticate(kNoKey, &given));
+  EXPECT_THAT(log->allLines, ElementsAre(kGeneralStart, kAuthenticatedStart, kKeyIsNil, kFailedNoKey));
+  isIn({0, true});
+  EXPECT_FALSE(authenticate(kKey, &given));
+  EXPECT_THAT(log->allLines, ElementsAre(kGeneralStart, kAuthenticatedStart, kNeeded, kFailed));
+  log->allLines.clear();
+  EXPECT_FALSE(authenticate(kKey));
+  EXPECT_THAT(log->allLines, ElementsAre(kGeneralStart, kAuthenticatedStart, kFailed));
+}
+
+TEST_F(KeySearch, IsLoggedWithWhateverIdentifierWasGiven) {
+  EXPECT_FALSE(authenticate(Text{}));
+  EXPECT_EQ(log->allLines.back(), "process: [MirelSCTokenSession-187] keyObjectID = (null)");
+  EXPECT_FALSE(authenticate(Text{u"%n%s%@"}));
+  EXPECT_EQ(log->allLines.back(), "process: [MirelSCTokenSession-187] keyObjectID = %n%s%@");
+}
+
+TEST_F(KeySearch, DoesNotLookAtDataAndTag) {
+  isIn({1, true});
+  for (const Bytes& data : {Bytes{}, Bytes{Value(5000)}}) {
+    EXPECT_TRUE(client->core->generalAuthenticateWithData(client->platform, data, 255, kKey, nullptr));
+  }
+}
+
+// ---- Signing and decrypting, where it does not come to that ----
+
+class RefusedUse : public KeySearch, public ::testing::WithParamInterface<KeyOperation> {
+ protected:
+  /// In that state there is no answer for that key, that error (nothing: none) and these lines between those
+  /// for the beginning of the search and `end`. Nobody asks the card.
+  void expectRefusal(const State& state, const Text& id, const std::optional<TKError>& expected,
+                     std::vector<std::string> lines) {
+    lines.insert(lines.begin(), {GetParam().start, kGeneralStart, kAuthenticatedStart});
+    const FakeKeyAlgorithm algorithm{GetParam().algorithm};
+    const auto use = [&](TKErrorPointer outError) {
+      isIn(state);
+      EXPECT_TRUE(
+          (*client->core.*GetParam().use)(client->platform, Bytes{GetParam().input}, id, algorithm, outError)
+              .isNull());
+      EXPECT_EQ(log->allLines, lines);
+      EXPECT_THAT(script.callTexts(), IsEmpty());
+    };
+    for (const auto& before : kErrorsBefore) {
+      std::optional<TKError> outError = before;
+      use(&outError);
+      EXPECT_EQ(outError, expected ? expected : before);
+    }
+    std::erase(lines, kNeeded);
+    use(nullptr);
+    EXPECT_THAT(algorithm.askedFor, IsEmpty());
   }
 };
 
-/// Signing without a session that is authenticated.
-class SignDataRefused : public RefusedUse {
+TEST_P(RefusedUse, NeedsThePinFirst) { expectRefusal({0, false}, kKey, tokenError(-9), {kNeeded, kFailed}); }
+
+TEST_P(RefusedUse, NeedsThePinFirstOnAMarkedCardToo) {
+  expectRefusal({0, true}, kKey, tokenError(-9), {kNeeded, kFailed});
+}
+
+TEST_P(RefusedUse, ReportsAnUnknownKeyAsThePlatformDoesBeforeThePin) {
+  expectRefusal({0, false}, kNoKey, tokenError(-6), {kKeyIsNil, kFailedNoKey});
+}
+
+TEST_P(RefusedUse, ReportsAnUnknownKeyAsNotFoundAfterThePin) {
+  expectRefusal({1, true}, kNoKey, tokenError(-7), {kKeyIsNil, kFailedNoKey, GetParam().keyNotFound});
+}
+
+TEST_P(RefusedUse, TakesACardThatHasLostItsMarkForAMissingToken) {
+  expectRefusal({1, false}, kKey, tokenError(-7), {kNeeded, kFailed, GetParam().keyNotFound});
+}
+
+TEST_P(RefusedUse, TakesATokenThatHasGoneForAMissingToken) {
+  client->platform.contents = nullptr;
+  expectRefusal({1, true}, kKey, tokenError(-7), {kKeyIsNil, kFailed, GetParam().keyNotFound});
+}
+
+TEST_P(RefusedUse, RefusesAKeyThatAsksEachTimeInTheUsedState) {
+  expectRefusal({2, true}, kKey, tokenError(-9), {kNeeded, kFailed});
+}
+
+TEST_P(RefusedUse, AnswersNothingAndNoErrorForAKeyThatMayBeUsedInAnotherState) {
+  const char* const kFailedOnce = "process: [MirelSCTokenSession-187] keyObjectID = 02";
+  expectRefusal({2, true}, kOnceKey, std::nullopt, {kAuthenticatedEnd, kGeneralEnd});
+  expectRefusal({3, true}, kKey, std::nullopt, {kAuthenticatedEnd, kGeneralEnd});
+  expectRefusal({2, false}, kOnceKey, tokenError(-9), {kNeeded, kFailedOnce});
+}
+
+INSTANTIATE_TEST_SUITE_P(Key, RefusedUse, ::testing::ValuesIn(keyOperations()), nameOfParameter);
+
+// ---- Key exchange ----
+
+class KeyExchange : public ClientSessionTest {
  protected:
-  [[nodiscard]] Bytes sign(const Text& keyObjectID, TKErrorPointer outError) {
-    return session->signData(session, Bytes{patternValue(256, 0x20)}, keyObjectID,
-                             FakeKeyAlgorithm{kSecKeyAlgorithmRSASignatureRaw}, outError);
+  /// There is no answer whatever the state, and that error (nothing: none).
+  void expectNothing(const Text& id, const std::optional<TKError>& expected, const char* line) {
+    for (const State& row : kStates) {
+      const auto use = [&](TKErrorPointer outError) {
+        isIn(row.state, row.marked);
+        EXPECT_TRUE(client->core->performKeyExchangeWithPublicKey(client->platform, id, algorithm, outError)
+                        .isNull());
+        EXPECT_THAT(log->allLines, ElementsAre("default: CTK [MirelSCTokenSession-308] +++START+++", line));
+        EXPECT_THAT(calls, ElementsAre("session.keyForObjectID " + id.toUtf8()));
+        EXPECT_THAT(script.callTexts(), IsEmpty());
+      };
+      for (const auto& before : kErrorsBefore) {
+        std::optional<TKError> error = before;
+        use(&error);
+        EXPECT_EQ(error, expected ? expected : before);
+      }
+      use(nullptr);
+      EXPECT_EQ(client->core->authState(), row.state);
+    }
+    EXPECT_THAT(algorithm.askedFor, IsEmpty());
   }
+
+  const FakeKeyAlgorithm algorithm{SecKeyAlgorithm::kSecKeyAlgorithmECDHKeyExchangeStandard};
 };
 
-TEST_F(SignDataRefused, NeedsThePinFirst) {
-  std::optional<TKError> error;
-  EXPECT_TRUE(sign(kKey, &error).isNull());
-  EXPECT_EQ(error, tokenError(-9));
-  EXPECT_THAT(log->allLines, ElementsAre(kSignStart, kGeneralStart, kAuthenticatedStart, kNeeded, kFailed));
-  EXPECT_THAT(script.callTexts(), IsEmpty());
+TEST_F(KeyExchange, AnswersNothing) {
+  expectNothing(kKey, std::nullopt,
+                "process: [MirelSCTokenSession-318] performKeyExchangeWithPublicKey 01 algorithm <an "
+                "algorithm>");
 }
 
-TEST_F(SignDataRefused, NeedsThePinFirstWithoutAnErrorPointer) {
-  EXPECT_TRUE(sign(kKey, nullptr).isNull());
-  EXPECT_THAT(log->allLines, ElementsAre(kSignStart, kGeneralStart, kAuthenticatedStart, kFailed));
+TEST_F(KeyExchange, ReportsAnUnknownKeyAsAMissingToken) {
+  expectNothing(kNoKey, tokenError(-7),
+                "process: [MirelSCTokenSession-312] performKeyExchangeWithPublicKey objectID not found");
 }
 
-TEST_F(SignDataRefused, NeedsThePinFirstOnAMarkedCardToo) {
-  isIn(0, true);
-  std::optional<TKError> error;
-  EXPECT_TRUE(sign(kKey, &error).isNull());
-  EXPECT_EQ(error, tokenError(-9));
-}
-
-TEST_F(SignDataRefused, ReplacesAnEarlierError) {
-  std::optional<TKError> error = kEarlierError;
-  EXPECT_TRUE(sign(kKey, &error).isNull());
-  EXPECT_EQ(error, tokenError(-9));
-}
-
-TEST_F(SignDataRefused, ReportsAnUnknownKeyAsThePlatformDoesBeforeThePin) {
-  std::optional<TKError> error;
-  EXPECT_TRUE(sign(kNoKey, &error).isNull());
-  EXPECT_EQ(error, tokenError(-6));
-  EXPECT_THAT(log->allLines,
-              ElementsAre(kSignStart, kGeneralStart, kAuthenticatedStart, kKeyIsNil, kFailedNoKey));
-}
-
-TEST_F(SignDataRefused, ReportsAnUnknownKeyAsNotFoundAfterThePin) {
-  isIn(1, true);
-  std::optional<TKError> error;
-  EXPECT_TRUE(sign(kNoKey, &error).isNull());
-  EXPECT_EQ(error, tokenError(-7));
-  EXPECT_THAT(log->allLines, ElementsAre(kSignStart, kGeneralStart, kAuthenticatedStart, kKeyIsNil,
-                                         kFailedNoKey, kSignKeyNotFound));
-  EXPECT_THAT(script.callTexts(), IsEmpty());
-}
-
-TEST_F(SignDataRefused, LogsAnUnknownKeyWithoutAnErrorPointer) {
-  isIn(1, true);
-  EXPECT_TRUE(sign(kNoKey, nullptr).isNull());
-  EXPECT_THAT(log->allLines, ElementsAre(kSignStart, kGeneralStart, kAuthenticatedStart, kKeyIsNil,
-                                         kFailedNoKey, kSignKeyNotFound));
-}
-
-TEST_F(SignDataRefused, TakesACardThatHasLostItsMarkForAMissingToken) {
-  isIn(1, std::nullopt);
-  std::optional<TKError> error;
-  EXPECT_TRUE(sign(kKey, &error).isNull());
-  EXPECT_EQ(error, tokenError(-7));
-  EXPECT_THAT(log->allLines, ElementsAre(kSignStart, kGeneralStart, kAuthenticatedStart, kNeeded, kFailed,
-                                         kSignKeyNotFound));
-  EXPECT_THAT(script.callTexts(), IsEmpty());
-}
-
-TEST_F(SignDataRefused, RefusesAKeyThatAsksEachTimeInTheUsedState) {
-  isIn(2, true);
-  std::optional<TKError> error;
-  EXPECT_TRUE(sign(kKey, &error).isNull());
-  EXPECT_EQ(error, tokenError(-9));
-  EXPECT_THAT(log->allLines, ElementsAre(kSignStart, kGeneralStart, kAuthenticatedStart, kNeeded, kFailed));
-}
-
-TEST_F(SignDataRefused, AnswersNothingAndNoErrorForAKeyThatMayBeUsedInTheUsedState) {
-  publish({newKey(kKey, false)});
-  forget();
-  isIn(2, true);
-  std::optional<TKError> error;
-  EXPECT_TRUE(sign(kKey, &error).isNull());
-  EXPECT_EQ(error, std::nullopt);
-  EXPECT_THAT(log->allLines,
-              ElementsAre(kSignStart, kGeneralStart, kAuthenticatedStart, kAuthenticatedEnd, kGeneralEnd));
-  EXPECT_THAT(script.callTexts(), IsEmpty());
-}
-
-/// Decrypting without a session that is authenticated.
-class DecryptDataRefused : public RefusedUse {
- protected:
-  [[nodiscard]] Bytes decrypt(const Text& keyObjectID, TKErrorPointer outError) {
-    return session->decryptData(session, Bytes{cipherOf(bytesOf("attack at dawn"))}, keyObjectID,
-                                FakeKeyAlgorithm{kSecKeyAlgorithmRSAEncryptionPKCS1}, outError);
-  }
-};
-
-TEST_F(DecryptDataRefused, NeedsThePinFirst) {
-  std::optional<TKError> error;
-  EXPECT_TRUE(decrypt(kKey, &error).isNull());
-  EXPECT_EQ(error, tokenError(-9));
-  EXPECT_THAT(log->allLines,
-              ElementsAre(kDecryptStart, kGeneralStart, kAuthenticatedStart, kNeeded, kFailed));
-  EXPECT_THAT(script.callTexts(), IsEmpty());
-}
-
-TEST_F(DecryptDataRefused, NeedsThePinFirstWithoutAnErrorPointer) {
-  EXPECT_TRUE(decrypt(kKey, nullptr).isNull());
-  EXPECT_THAT(log->allLines, ElementsAre(kDecryptStart, kGeneralStart, kAuthenticatedStart, kFailed));
-}
-
-TEST_F(DecryptDataRefused, NeedsThePinFirstOnAMarkedCardToo) {
-  isIn(0, true);
-  std::optional<TKError> error = kEarlierError;
-  EXPECT_TRUE(decrypt(kKey, &error).isNull());
-  EXPECT_EQ(error, tokenError(-9));
-}
-
-TEST_F(DecryptDataRefused, ReportsAnUnknownKeyAsThePlatformDoesBeforeThePin) {
-  std::optional<TKError> error;
-  EXPECT_TRUE(decrypt(kNoKey, &error).isNull());
-  EXPECT_EQ(error, tokenError(-6));
-  EXPECT_THAT(log->allLines,
-              ElementsAre(kDecryptStart, kGeneralStart, kAuthenticatedStart, kKeyIsNil, kFailedNoKey));
-}
-
-TEST_F(DecryptDataRefused, ReportsAnUnknownKeyAsNotFoundAfterThePin) {
-  isIn(1, true);
-  std::optional<TKError> error;
-  EXPECT_TRUE(decrypt(kNoKey, &error).isNull());
-  EXPECT_EQ(error, tokenError(-7));
-  EXPECT_THAT(log->allLines, ElementsAre(kDecryptStart, kGeneralStart, kAuthenticatedStart, kKeyIsNil,
-                                         kFailedNoKey, kDecryptKeyNotFound));
-  EXPECT_THAT(script.callTexts(), IsEmpty());
-}
-
-TEST_F(DecryptDataRefused, LogsAnUnknownKeyWithoutAnErrorPointer) {
-  isIn(1, true);
-  EXPECT_TRUE(decrypt(kNoKey, nullptr).isNull());
-  EXPECT_THAT(log->allLines, ElementsAre(kDecryptStart, kGeneralStart, kAuthenticatedStart, kKeyIsNil,
-                                         kFailedNoKey, kDecryptKeyNotFound));
-}
-
-TEST_F(DecryptDataRefused, TakesACardThatHasLostItsMarkForAMissingToken) {
-  isIn(1, std::nullopt);
-  std::optional<TKError> error;
-  EXPECT_TRUE(decrypt(kKey, &error).isNull());
-  EXPECT_EQ(error, tokenError(-7));
-  EXPECT_THAT(log->allLines, ElementsAre(kDecryptStart, kGeneralStart, kAuthenticatedStart, kNeeded, kFailed,
-                                         kDecryptKeyNotFound));
-  EXPECT_THAT(script.callTexts(), IsEmpty());
-}
-
-TEST_F(DecryptDataRefused, RefusesAKeyThatAsksEachTimeInTheUsedState) {
-  isIn(2, true);
-  std::optional<TKError> error;
-  EXPECT_TRUE(decrypt(kKey, &error).isNull());
-  EXPECT_EQ(error, tokenError(-9));
-}
-
-TEST_F(DecryptDataRefused, AnswersNothingAndNoErrorForAKeyThatMayBeUsedInTheUsedState) {
-  publish({newKey(kKey, false)});
-  forget();
-  isIn(2, true);
-  std::optional<TKError> error;
-  EXPECT_TRUE(decrypt(kKey, &error).isNull());
-  EXPECT_EQ(error, std::nullopt);
-  EXPECT_THAT(log->allLines,
-              ElementsAre(kDecryptStart, kGeneralStart, kAuthenticatedStart, kAuthenticatedEnd, kGeneralEnd));
-  EXPECT_THAT(script.callTexts(), IsEmpty());
+TEST_F(KeyExchange, AnswersNothingAfterALoginToo) {
+  EXPECT_TRUE(client->login());
+  expectNothing(kKey, std::nullopt,
+                "process: [MirelSCTokenSession-318] performKeyExchangeWithPublicKey 01 algorithm <an "
+                "algorithm>");
+  leavesOpen({kCardSession, kLoginSession});
 }
 
 }  // namespace

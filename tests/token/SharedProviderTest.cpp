@@ -11,9 +11,6 @@
 #include "provider/CryptTKitSProvider.h"
 #include "support/QuietLog.h"
 #include "support/Threads.h"
-#include "token/FakeKeyAlgorithm.h"
-#include "token/MirelSCTokenAuth.h"
-#include "token/MirelSCTokenSession.h"
 #include "token/TokenTest.h"
 
 namespace mirel::test {
@@ -24,9 +21,6 @@ using ::testing::Each;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 
-using Session = std::shared_ptr<MirelSCTokenSession>;
-
-const Text kKey{u"01"};
 constexpr int kSignaturesPerThread = 200;
 /// Where two threads do different things.
 constexpr int kUsesPerThread = 50;
@@ -65,76 +59,56 @@ class SharedProvider : public TokenTest {
 
   [[nodiscard]] PlatformServices threadServices() const {
     PlatformServices services = servicesForAThread();
-    services.tokenKit = kit;
     services.observer = std::make_shared<GivingWay>();
     return services;
   }
 
-  [[nodiscard]] std::shared_ptr<MirelSCToken> insertCard(const Text& reader, const PlatformServices& with) {
-    const auto inserted =
-        std::make_shared<MirelSCToken>(with, std::make_shared<FakeSmartCardToken>(kit->script));
-    return init(inserted, nullptr, reader);
-  }
-
-  [[nodiscard]] Session openSession(const std::shared_ptr<MirelSCToken>& of,
-                                    const PlatformServices& with) const {
-    auto session =
-        std::make_shared<MirelSCTokenSession>(with, std::make_shared<FakeTokenSession>(kit->script));
-    EXPECT_TRUE(session->initWithToken(of));
-    return session;
-  }
-
-  /// A PIN operation of its own, with no use of the kit that threads share.
-  [[nodiscard]] bool logIn(const Session& session) const {
-    MirelSCTokenAuth operation{threadServices(), std::make_shared<FakePinOperation>(kit->script)};
-    if (!operation.initWithSession(session)) return false;
-    operation.setPIN(std::make_shared<const SecretText>(std::u16string_view{u"123456"}));
-    return operation.finishWithError(nullptr);
-  }
-
   /// Signs that many different blocks; how many of the signatures are right.
-  static int numRight(const Session& session, int numSignatures, CK_BYTE seed) {
-    const FakeKeyAlgorithm algorithm{SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureRaw};
+  static int numRight(FakeClient& client, int numSignatures, CK_BYTE seed) {
     int right = 0;
     for (int i = 0; i < numSignatures; ++i) {
       Value data = patternValue(40, seed);
       data[0] = static_cast<CK_BYTE>(i);
       data[1] = static_cast<CK_BYTE>(i / 256);
-      const Bytes signature = session->signData(session, Bytes{data}, kKey, algorithm, nullptr);
-      if (signature == Bytes{resultOf(CKM_RSA_X_509, data, 256)}) ++right;
+      if (client.sign(data) == Bytes{resultOf(CKM_RSA_X_509, data, 256)}) ++right;
     }
     return right;
   }
 
-  void setUpReader() {
-    script.setInitialised(false);
-    token = insertCard(Text{kReader}, threadServices());
-    ASSERT_TRUE(token);
-    first = openSession(token, threadServices());
-    second = openSession(token, threadServices());
-    ASSERT_TRUE(logIn(first));
-    ASSERT_TRUE(logIn(second));
+  /// How many of so many logins succeed.
+  static int numLoggedIn(FakeClient& client) {
+    int loggedIn = 0;
+    for (int i = 0; i < kUsesPerThread; ++i) loggedIn += client.login() ? 1 : 0;
+    return loggedIn;
   }
 
-  std::shared_ptr<MirelSCToken> token;
-  Session first;
-  Session second;
+  void setUpReader() {
+    script.setInitialised(false);
+    token.emplace(threadServices());
+    ASSERT_TRUE(token->init());
+    first.emplace(threadServices(), *token);
+    second.emplace(threadServices(), *token);
+    ASSERT_TRUE(first->login());
+    ASSERT_TRUE(second->login());
+  }
+
+  std::optional<FakeToken> token;
+  std::optional<FakeClient> first;
+  std::optional<FakeClient> second;
 };
 
 TEST_F(SharedProvider, SignsForTwoSessionsAtTheSameTime) {
   std::atomic<int> right{0};
-  runAtOnce({[&] { right += numRight(first, kSignaturesPerThread, 1); },
-             [&] { right += numRight(second, kSignaturesPerThread, 2); }});
+  runAtOnce({[&] { right += numRight(*first, kSignaturesPerThread, 1); },
+             [&] { right += numRight(*second, kSignaturesPerThread, 2); }});
   EXPECT_EQ(right, 2 * kSignaturesPerThread);
 }
 
 TEST_F(SharedProvider, SignsForOneSessionWhileAnotherLogsIn) {
   std::atomic<int> right{0};
   int loggedIn = 0;
-  runAtOnce({[&] { right += numRight(first, kUsesPerThread, 1); },
-             [&] {
-               for (int i = 0; i < kUsesPerThread; ++i) loggedIn += logIn(second) ? 1 : 0;
-             }});
+  runAtOnce(
+      {[&] { right += numRight(*first, kUsesPerThread, 1); }, [&] { loggedIn = numLoggedIn(*second); }});
   EXPECT_EQ(right, kUsesPerThread);
   EXPECT_EQ(loggedIn, kUsesPerThread);
 }
@@ -142,26 +116,19 @@ TEST_F(SharedProvider, SignsForOneSessionWhileAnotherLogsIn) {
 TEST_F(SharedProvider, SignsAndLogsInForTwoThreadsInOneSession) {
   std::atomic<int> right{0};
   int loggedIn = 0;
-  runAtOnce({[&] { right += numRight(first, kUsesPerThread, 1); },
-             [&] {
-               for (int i = 0; i < kUsesPerThread; ++i) loggedIn += logIn(first) ? 1 : 0;
-             }});
+  runAtOnce({[&] { right += numRight(*first, kUsesPerThread, 1); }, [&] { loggedIn = numLoggedIn(*first); }});
   EXPECT_EQ(right, kUsesPerThread);
   EXPECT_EQ(loggedIn, kUsesPerThread);
 }
 
 TEST_F(SharedProvider, SignsForOneSessionWhileAnotherDecrypts) {
   const Value plain = patternValue(32, 3);
-  const Bytes cipher{cipherOf(plain)};
-  const FakeKeyAlgorithm algorithm{SecKeyAlgorithm::kSecKeyAlgorithmRSAEncryptionPKCS1};
   std::atomic<int> right{0};
   int decrypted = 0;
-  runAtOnce({[&] { right += numRight(first, kUsesPerThread, 1); },
+  runAtOnce({[&] { right += numRight(*first, kUsesPerThread, 1); },
              [&] {
                for (int i = 0; i < kUsesPerThread; ++i) {
-                 if (second->decryptData(second, cipher, kKey, algorithm, nullptr) == Bytes{plain}) {
-                   ++decrypted;
-                 }
+                 if (second->decrypt(cipherOf(plain)) == Bytes{plain}) ++decrypted;
                }
              }});
   EXPECT_EQ(right, kUsesPerThread);
@@ -177,11 +144,11 @@ TEST_F(SharedProvider, AnswersTheSupportCheckWhileTheCardSigns) {
         goOn.get_future().wait_for(kTooLong);
         return real(session, data, dataLen, signature, signatureLen);
       });
-  auto signature = std::async(std::launch::async, [&] { return numRight(first, 1, 1); });
+  auto signature = std::async(std::launch::async, [&] { return numRight(*first, 1, 1); });
   ASSERT_EQ(signing.get_future().wait_for(kTooLong), std::future_status::ready);
   const FakeKeyAlgorithm algorithm{SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureRaw};
   auto supported = std::async(std::launch::async, [&] {
-    return second->supportsOperation(second, TKTokenOperation::kSignData, kKey, algorithm);
+    return second->core->supportsOperation(second->platform, TKTokenOperation::kSignData, kKey, algorithm);
   });
   EXPECT_EQ(supported.wait_for(kTooLong / 6), std::future_status::ready);
   EXPECT_EQ(signature.wait_for(0s), std::future_status::timeout) << "the signature is still being made";
@@ -211,17 +178,16 @@ TEST_F(SharedProvider, DoesNotHoldUpAnotherTokens) {
   PlatformServices stoppedServices = threadServices();
   const auto stopping = std::make_shared<StoppingLog>();
   stoppedServices.log = stopping;
-  kit->script->readerName = Text{u"Reader B 01"};
-  const auto otherToken = insertCard(kit->script->readerName, stoppedServices);
-  ASSERT_TRUE(otherToken);
-  const Session other = openSession(otherToken, stoppedServices);
-  ASSERT_TRUE(logIn(other));
+  FakeToken otherToken{stoppedServices, nullptr, Text{u"Reader B 01"}};
+  ASSERT_TRUE(otherToken.init());
+  FakeClient other{stoppedServices, otherToken};
+  ASSERT_TRUE(other.login());
   ASSERT_TRUE(script.card(slot).loggedIn);
 
   auto otherSignature = std::async(std::launch::async, [&] { return numRight(other, 1, 1); });
   ASSERT_EQ(stopping->stopped.get_future().wait_for(kTooLong), std::future_status::ready);
-  EXPECT_FALSE(isFree(*otherToken->sp()));
-  auto signature = std::async(std::launch::async, [&] { return numRight(first, 1, 2); });
+  EXPECT_FALSE(isFree(*otherToken.core.sp()));
+  auto signature = std::async(std::launch::async, [&] { return numRight(*first, 1, 2); });
   EXPECT_EQ(signature.wait_for(kTooLong / 6), std::future_status::ready);
   EXPECT_EQ(otherSignature.wait_for(0s), std::future_status::timeout) << "that thread is still stopped";
   stopping->goOn.set_value();
@@ -235,14 +201,13 @@ TEST_F(SharedProvider, PublishesAllItemsWhileSomebodySelectsTheCardAnew) {
   services.observer = nullptr;
   for (int i = 0; i < kRounds; ++i) {
     SCOPED_TRACE(i);
-    const auto inserted =
-        std::make_shared<MirelSCToken>(services, std::make_shared<FakeSmartCardToken>(kit->script));
+    FakeToken inserted{services};
     std::atomic<bool> done{false};
     std::atomic<bool> begun{false};
     std::thread selecting;
     // From here on the platform may have given the token to somebody else.
-    kit->script->whenTokenIsInitialised = [&] {
-      selecting = std::thread{[&, provider = inserted->sp()] {
+    inserted.whenRegistered = [&] {
+      selecting = std::thread{[&, provider = inserted.core.sp()] {
         while (!done) {
           begun = true;
           // Not to sleep while waiting gets in more often.
@@ -252,10 +217,10 @@ TEST_F(SharedProvider, PublishesAllItemsWhileSomebodySelectsTheCardAnew) {
       }};
       while (!begun) std::this_thread::yield();
     };
-    EXPECT_TRUE(init(inserted));
+    EXPECT_TRUE(inserted.init());
     done = true;
     selecting.join();
-    EXPECT_THAT(inserted->keychainContents()->items(), SizeIs(2));
+    EXPECT_THAT(inserted.contents.items(), SizeIs(2));
   }
 }
 
@@ -282,18 +247,17 @@ class LookingObserver final : public CryptokiObserver {
 };
 
 TEST_F(SharedProvider, CallsTheModuleBehindItsGateAlone) {
-  std::shared_ptr<MirelSCToken> inserted;
-  const auto looking = std::make_shared<LookingObserver>([&] { return inserted->sp(); });
+  std::optional<FakeToken> inserted;
+  const auto looking = std::make_shared<LookingObserver>([&] { return inserted->core.sp(); });
   PlatformServices services = threadServices();
   services.observer = looking;
-  inserted = std::make_shared<MirelSCToken>(services, std::make_shared<FakeSmartCardToken>(kit->script));
-  ASSERT_TRUE(init(inserted));
-  const Session session = openSession(inserted, services);
-  ASSERT_TRUE(logIn(session));
-  EXPECT_EQ(numRight(session, 1, 1), 1);
-  const FakeKeyAlgorithm algorithm{SecKeyAlgorithm::kSecKeyAlgorithmRSAEncryptionPKCS1};
+  inserted.emplace(services);
+  ASSERT_TRUE(inserted->init());
+  FakeClient client{services, *inserted};
+  ASSERT_TRUE(client.login());
+  EXPECT_EQ(numRight(client, 1, 1), 1);
   const Value plain = patternValue(32, 3);
-  EXPECT_EQ(session->decryptData(session, Bytes{cipherOf(plain)}, kKey, algorithm, nullptr), Bytes{plain});
+  EXPECT_EQ(client.decrypt(cipherOf(plain)), Bytes{plain});
   EXPECT_GT(looking->numCalls, 100U);
   EXPECT_THAT(looking->calledWithoutTheGate, IsEmpty());
 }
@@ -314,26 +278,27 @@ class LookingParser final : public CertificateParser {
 
 TEST_F(SharedProvider, LeavesItsGateWhileAnInsertionCallsThePlatform) {
   std::vector<bool> wasFree;
-  std::shared_ptr<MirelSCToken> inserted;
-  const auto look = [&] { wasFree.push_back(isFree(*inserted->sp())); };
+  std::optional<FakeToken> inserted;
+  const auto look = [&] { wasFree.push_back(isFree(*inserted->core.sp())); };
   PlatformServices services = threadServices();
   services.certificates = std::make_shared<LookingParser>(look);
-  kit->script->whenTokenIsInitialised = look;
-  kit->script->whenContentsAreFilled = look;
-  inserted = std::make_shared<MirelSCToken>(services, std::make_shared<FakeSmartCardToken>(kit->script));
-  EXPECT_TRUE(init(inserted));
-  EXPECT_THAT(wasFree, SizeIs(3));
+  inserted.emplace(services);
+  inserted->card.whenAsked = look;
+  inserted->whenRegistered = look;
+  inserted->contents.whenFilled = look;
+  EXPECT_TRUE(inserted->init());
+  EXPECT_THAT(wasFree, SizeIs(4));
   EXPECT_THAT(wasFree, Each(true));
 }
 
-TEST_F(SharedProvider, LeavesItsGateBeforeALoginMarksTheCard) {
+TEST_F(SharedProvider, LeavesItsGateWhileAClientsUseAsksTheCardOfThePlatform) {
   std::vector<bool> wasFree;
-  const auto card = std::dynamic_pointer_cast<FakeSmartCard>(first->smartCard());
-  ASSERT_TRUE(card);
-  card->whenContextIsSet = [&] { wasFree.push_back(isFree(*first->sp())); };
-  EXPECT_TRUE(logIn(first));
-  card->whenContextIsSet = [] {};
-  EXPECT_EQ(wasFree, std::vector<bool>{true});
+  first->platform.card.whenAsked = [&] { wasFree.push_back(isFree(*first->core->sp())); };
+  EXPECT_TRUE(first->login());
+  EXPECT_EQ(numRight(*first, 1, 1), 1);
+  EXPECT_EQ(first->decrypt(cipherOf(patternValue(32, 3))).size(), 32U);
+  EXPECT_THAT(wasFree, SizeIs(3 + 2 + 2));
+  EXPECT_THAT(wasFree, Each(true));
 }
 
 }  // namespace

@@ -1,88 +1,197 @@
-#include "token/MirelSCTokenSession.h"
 #include "token/TokenTest.h"
 
 namespace mirel::test {
 namespace {
 
 using ::testing::ElementsAre;
+using ::testing::IsEmpty;
 
-class TokenSession : public TokenTest {
+constexpr const char* kStart = "default: CTK [MirelSCTokenSession-70] +++START+++";
+constexpr const char* kRefused = "process: [MirelSCTokenSession-73] ERROR";
+constexpr const char* kNoProvider = "process: [MirelSCTokenSession-78] ERROR";
+constexpr const char* kEnd = "default: CTK [MirelSCTokenSession-81] ---END---";
+
+/// A session that is not yet initialised, beside the token and session of the base class.
+class TokenSession : public ClientSessionTest {
  protected:
-  const std::shared_ptr<FakeTokenSession> base = std::make_shared<FakeTokenSession>(kit->script);
-  MirelSCTokenSession session{services(), base};
+  [[nodiscard]] bool init(const MirelSCToken* of, bool isTaken = true) {
+    return session.initWithToken(of, [&] {
+      log->process("super");
+      return isTaken;
+    });
+  }
+
+  MirelSCTokenSession session{services()};
 };
 
+// ---- The initialiser ----
+
 TEST_F(TokenSession, TakesTheProviderOfItsToken) {
-  const auto token = newToken();
-  ASSERT_TRUE(init(token));
-  EXPECT_TRUE(session.initWithToken(token));
+  EXPECT_EQ(session.sp(), nullptr);
+  EXPECT_TRUE(init(&token->core));
   EXPECT_TRUE(session.sp());
-  EXPECT_EQ(session.sp(), token->sp());
-  leavesOpen({kCardSession});
+  EXPECT_EQ(session.sp(), token->core.sp());
+  EXPECT_THAT(log->allLines, ElementsAre(kStart, "process: super", kEnd));
 }
 
-TEST_F(TokenSession, KeepsItsProviderWhenTheTokenGetsAnother) {
-  const auto token = newToken();
-  ASSERT_TRUE(init(token));
-  const auto provider = token->sp();
-  EXPECT_TRUE(session.initWithToken(token));
-  token->setSp(nullptr);
-  EXPECT_EQ(session.sp(), provider);
-  leavesOpen({kCardSession});
+TEST_F(TokenSession, TakesTheProviderThatTheTokenHasBehindThePlatformsInitialiser) {
+  const auto super = [&] {
+    token->core.setSp(nullptr);
+    return true;
+  };
+  EXPECT_TRUE(session.initWithToken(&token->core, super));
+  EXPECT_FALSE(session.sp());
 }
 
-TEST_F(TokenSession, InitialisesThePlatformsSessionWithItsToken) {
-  const auto token = newToken();
-  EXPECT_TRUE(session.initWithToken(token));
-  EXPECT_THAT(base->initialisedWith, ElementsAre(token.get()));
-}
-
-TEST_F(TokenSession, HasTheTokenAndTheCardOfThePlatformsSession) {
-  const auto token = newToken();
-  EXPECT_TRUE(session.initWithToken(token));
-  EXPECT_EQ(session.token(), token);
-  EXPECT_EQ(session.smartCard(), base->card);
+TEST_F(TokenSession, KeepsItsProviderWhenTheTokenGetsAnotherOrEnds) {
+  EXPECT_TRUE(init(&token->core));
+  const std::weak_ptr<CryptTKitSProvider> provider = token->core.sp();
+  token->core.setSp(nullptr);
+  client.reset();
+  token.reset();
+  EXPECT_EQ(session.sp(), provider.lock());
+  EXPECT_FALSE(provider.expired());
+  session.setSp(nullptr);
+  EXPECT_TRUE(provider.expired());
 }
 
 TEST_F(TokenSession, IsNotAuthenticatedAtFirst) {
-  EXPECT_TRUE(session.initWithToken(newToken()));
+  EXPECT_TRUE(init(&token->core));
   EXPECT_EQ(session.authState(), 0);
-}
-
-TEST_F(TokenSession, KeepsAnAuthenticationState) {
-  EXPECT_TRUE(session.initWithToken(newToken()));
   session.setAuthState(1);
   EXPECT_EQ(session.authState(), 1);
 }
 
-TEST_F(TokenSession, LogsItsInitialisation) {
-  const auto token = newToken();
-  ASSERT_TRUE(init(token));
-  log->allLines.clear();
-  EXPECT_TRUE(session.initWithToken(token));
-  EXPECT_THAT(log->allLines, ElementsAre("default: CTK [MirelSCTokenSession-70] +++START+++",
-                                         "default: CTK [MirelSCTokenSession-81] ---END---"));
-  leavesOpen({kCardSession});
-}
-
 TEST_F(TokenSession, FailsWhenThePlatformRefuses) {
-  kit->script->refusesSessions = true;
-  const auto token = newToken();
-  ASSERT_TRUE(init(token));
-  log->allLines.clear();
-  EXPECT_FALSE(session.initWithToken(token));
+  EXPECT_FALSE(init(&token->core, false));
   EXPECT_FALSE(session.sp());
-  EXPECT_THAT(log->allLines, ElementsAre("default: CTK [MirelSCTokenSession-70] +++START+++",
-                                         "process: [MirelSCTokenSession-73] ERROR"));
-  leavesOpen({kCardSession});
+  EXPECT_THAT(log->allLines, ElementsAre(kStart, "process: super", kRefused));
 }
 
-TEST_F(TokenSession, GoesOnWithATokenWithoutAProvider) {
-  EXPECT_TRUE(session.initWithToken(newToken()));
-  EXPECT_FALSE(session.sp());
-  EXPECT_THAT(log->allLines, ElementsAre("default: CTK [MirelSCTokenSession-70] +++START+++",
-                                         "process: [MirelSCTokenSession-78] ERROR",
-                                         "default: CTK [MirelSCTokenSession-81] ---END---"));
+TEST_F(TokenSession, GoesOnWithoutAProvider) {
+  const MirelSCToken withoutProvider{services()};
+  for (const MirelSCToken* const of : {&withoutProvider, static_cast<const MirelSCToken*>(nullptr)}) {
+    SCOPED_TRACE(of ? "of a token" : "of no token");
+    log->allLines.clear();
+    EXPECT_TRUE(init(of));
+    EXPECT_FALSE(session.sp());
+    EXPECT_THAT(log->allLines, ElementsAre(kStart, "process: super", kNoProvider, kEnd));
+  }
+}
+
+TEST_F(TokenSession, LeavesTheCardAlone) {
+  EXPECT_TRUE(init(&token->core));
+  EXPECT_THAT(script.callTexts(), IsEmpty());
+}
+
+// ---- How a token makes one ----
+
+TEST_F(TokenSession, IsMadeByTheTokenBetweenItsLines) {
+  constexpr const char* kToken = "process: [MirelSCToken-148] token = <t>";
+  constexpr const char* kNew = "process: new";
+  constexpr const char* kSession = "process: [MirelSCToken-155] token session = <s>";
+  const std::optional<TKError> none;
+  const std::optional<TKError> withText = tokenError(-9, Text{u"Why"});
+  const std::optional<TKError> withoutText = tokenError(-9);
+  const struct {
+    const char* name;
+    const std::optional<TKError>* error;
+    const char* line;
+  } rows[] = {
+      {"no error", &none, nullptr},
+      {"no error pointer", nullptr, "process: [MirelSCToken-150] token createSessionWithError NO ERROR!"},
+      {"an error with a text", &withText,
+       "process: [MirelSCToken-152] Error: Error Domain=CryptoTokenKit Code=-9 \"Why\""},
+      {"an error without a text", &withoutText,
+       "process: [MirelSCToken-152] Error: Error Domain=CryptoTokenKit Code=-9 \"(null)\""},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    log->allLines.clear();
+    token->core.createSessionWithError(Text{u"<t>"}, row.error, [&] {
+      log->process("new");
+      return Text{u"<s>"};
+    });
+    std::vector<std::string> expected{kToken, kNew, kSession};
+    if (row.line) expected.insert(expected.begin() + 1, row.line);
+    EXPECT_EQ(log->allLines, expected);
+  }
+  EXPECT_THAT(script.callTexts(), IsEmpty());
+}
+
+TEST_F(TokenSession, IsLoggedAsNullWhereThereIsNone) {
+  const std::optional<TKError> none;
+  token->core.createSessionWithError(Text{}, &none, [] { return Text{}; });
+  EXPECT_THAT(log->allLines, ElementsAre("process: [MirelSCToken-148] token = (null)",
+                                         "process: [MirelSCToken-155] token session = (null)"));
+}
+
+// ---- The beginning of an authentication ----
+
+constexpr const char* kRefusalKey = "Not suppport this constraint";
+
+class BeginAuth : public ClientSessionTest {
+ protected:
+  [[nodiscard]] bool begin(const Text& constraint, TKErrorPointer outError = nullptr) {
+    return client->core->beginAuthForOperation(constraint, outError);
+  }
+};
+
+TEST_F(BeginAuth, IsForThePinConstraintsAndLeavesErrorsAlone) {
+  for (const Text& constraint : {Text{u"PIN"}, Text{u"PINAlways"}}) {
+    SCOPED_TRACE(constraint.toUtf8());
+    EXPECT_TRUE(begin(constraint));
+    for (const auto& before : kErrorsBefore) {
+      std::optional<TKError> error = before;
+      EXPECT_TRUE(begin(constraint, &error));
+      EXPECT_EQ(error, before);
+    }
+  }
+}
+
+TEST_F(BeginAuth, DoesNothingElse) {
+  EXPECT_TRUE(begin(Text{u"PIN"}));
+  EXPECT_FALSE(begin(Text{u"Biometry"}));
+  EXPECT_EQ(client->core->authState(), 0);
+  EXPECT_THAT(calls, IsEmpty());
+  EXPECT_THAT(script.callTexts(), IsEmpty());
+  EXPECT_THAT(log->allLines, IsEmpty());
+}
+
+TEST_F(BeginAuth, RefusesOtherConstraints) {
+  using namespace std::string_view_literals;
+  const struct {
+    const char* name;
+    Text constraint;
+  } rows[] = {
+      {"no text", Text{}},
+      {"empty", Text{u""}},
+      {"biometric", Text{u"Biometry"}},
+      {"small letters", Text{u"pin"}},
+      {"capital letters", Text{u"PINALWAYS"}},
+      {"one letter less", Text{u"PINAlway"}},
+      {"one letter more", Text{u"PINS"}},
+      {"a blank behind", Text{u"PIN "}},
+      {"a NUL behind", Text{u"PIN\0"sv}},
+      {"wide letters", Text{u"\uFF30\uFF29\uFF2E"}},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    EXPECT_FALSE(begin(row.constraint));
+    for (const auto& before : kErrorsBefore) {
+      std::optional<TKError> error = before;
+      EXPECT_FALSE(begin(row.constraint, &error));
+      EXPECT_EQ(error, tokenError(-8, Text::fromUtf8(kRefusalKey)));
+    }
+  }
+}
+
+TEST_F(BeginAuth, ExplainsARefusalInTheUsersLanguage) {
+  strings->texts[kRefusalKey] = Text{u"So geht es nicht: %lu"};
+  std::optional<TKError> error;
+  EXPECT_FALSE(begin(Text{u"Biometry"}, &error));
+  EXPECT_EQ(error, tokenError(-8, Text{u"So geht es nicht: %lu"}));
+  EXPECT_THAT(strings->askedFor, ElementsAre(kRefusalKey));
 }
 
 }  // namespace

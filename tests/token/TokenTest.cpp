@@ -1,62 +1,60 @@
 #include "token/TokenTest.h"
 
 #include <filesystem>
-#include <sstream>
-
-#include "token/MirelCTKTokenKeychainKey.h"
-#include "token/MirelSCTokenDriver.h"
 
 namespace mirel::test {
-namespace {
 
-constexpr unsigned kDigitalSignature = 1U << 0U;
-
-std::string constraintsText(const std::optional<TKTokenConstraints>& constraints) {
-  if (!constraints) return "no constraints";
-  std::string text = "{";
-  for (const auto& [operation, constraint] : *constraints) {
-    if (text != "{") text += ", ";
-    text += std::to_string(static_cast<std::int64_t>(operation)) + ": " + constraint.toUtf8();
-  }
-  return text + "}";
+TKError tokenError(std::int64_t code, const Text& text) {
+  return TKError{Text{u"CryptoTokenKit"}, code, text};
 }
 
-std::string certificateText(const TKTokenKeychainCertificate& item) {
-  return "certificate " + item.objectID().toUtf8() + ", label " + item.label().toUtf8();
+// ---- The platform's objects ----
+
+bool FakeToken::init(TKErrorPointer outError) {
+  const auto super = [this](const Text& instanceID) {
+    if (calls_) calls_->emplace_back("super");
+    instanceIDs.push_back(instanceID);
+    whenRegistered();
+    return !isRefused;
+  };
+  return core.initWithSmartCard(card, contents, super, outError);
 }
 
-std::string keyText(const MirelCTKTokenKeychainKey& item) {
-  std::string text = "key " + item.objectID().toUtf8() + ", label " + item.label().toUtf8() +
-                     ", certificate " + item.certificateID().toUtf8();
-  if (item.canSign()) text += ", can sign";
-  if (item.canDecrypt()) text += ", can decrypt";
-  if (item.canPerformKeyExchange()) text += ", can exchange keys";
-  if (item.suitableForLogin()) text += ", for login";
-  if (item.alwaysAuthenticate()) text += ", PIN always";
-  return text + ", " + constraintsText(item.constraints());
+FakePinEntry::FakePinEntry(const PlatformServices& services,
+                           const std::shared_ptr<MirelSCTokenSession>& session, FakeSession& platform,
+                           std::u16string_view pin, PortCalls* calls)
+    : request{platform, calls}, core{services} {
+  EXPECT_TRUE(core.initWithSession(session, request, [] { return true; }));
+  request.pin = std::make_shared<const SecretText>(pin);
 }
 
-std::string itemText(const TKTokenKeychainItem* item) {
-  if (const auto* certificate = dynamic_cast<const TKTokenKeychainCertificate*>(item)) {
-    return certificateText(*certificate);
-  }
-  if (const auto* key = dynamic_cast<const MirelCTKTokenKeychainKey*>(item)) return keyText(*key);
-  return item ? "an item of another class" : "a null item";
+FakeClient::FakeClient(const PlatformServices& services, FakeToken& token, PortCalls* calls)
+    : platform{&token.contents, calls, token.card.readerName},
+      core{std::make_shared<MirelSCTokenSession>(services)},
+      services_{services},
+      calls_{calls} {
+  EXPECT_TRUE(core->initWithToken(&token.core, [] { return true; }));
 }
 
-}  // namespace
+bool FakeClient::login(std::u16string_view pin, TKErrorPointer outError) {
+  return FakePinEntry{services_, core, platform, pin, calls_}.finish(outError);
+}
 
-TokenTest::TokenTest() { resetCard(); }
+Bytes FakeClient::sign(const Value& data, TKErrorPointer outError) {
+  const FakeKeyAlgorithm raw{SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureRaw};
+  return core->signData(platform, Bytes{data}, kKey, raw, outError);
+}
+
+Bytes FakeClient::decrypt(const Value& cipher, TKErrorPointer outError) {
+  const FakeKeyAlgorithm pkcs1{SecKeyAlgorithm::kSecKeyAlgorithmRSAEncryptionPKCS1};
+  return core->decryptData(platform, Bytes{cipher}, kKey, pkcs1, outError);
+}
+
+// ---- Tests with a card ----
 
 void TokenTest::resetCard() {
   script.reset();
   setCertificate({.keyUsage = kDigitalSignature});
-}
-
-PlatformServices TokenTest::services() const {
-  PlatformServices services = ModuleTest::services();
-  services.tokenKit = kit;
-  return services;
 }
 
 void TokenTest::takeModuleAway() {
@@ -74,44 +72,74 @@ void TokenTest::addKeyAndCertificate(Value id, Value label, const CertificateReq
   script.addObject(certificate(std::move(id), std::move(label), testCertificate(request)));
 }
 
-std::shared_ptr<TKSmartCardToken> TokenTest::insert(TKErrorPointer outError, const Text& readerName) {
-  MirelSCTokenDriver driver{services()};
-  return driver.createTokenForSmartCard(systemDriver, std::make_shared<FakeSmartCard>(readerName), Bytes{},
-                                        outError);
-}
-
-std::shared_ptr<MirelSCToken> TokenTest::newToken() {
-  base_ = std::make_shared<FakeSmartCardToken>(kit->script);
-  return std::make_shared<MirelSCToken>(services(), base_);
-}
-
-std::shared_ptr<MirelSCToken> TokenTest::init(const std::shared_ptr<MirelSCToken>& token,
-                                              TKErrorPointer outError, const Text& readerName) {
-  return token->initWithSmartCard(std::make_shared<FakeSmartCard>(readerName), Bytes{}, systemDriver,
-                                  outError);
-}
-
 std::string TokenTest::moduleLine() const {
   return "process: [-[P11Bridge pkcs11_Load:]-30] P11Bridge path = " +
          (otherHome_ ? *otherHome_ : home).modulePath();
 }
 
-std::vector<std::string> itemTexts(const std::vector<std::shared_ptr<TKTokenKeychainItem>>& items) {
-  std::vector<std::string> texts;
-  texts.reserve(items.size());
-  for (const auto& item : items) texts.push_back(itemText(item.get()));
-  return texts;
+std::vector<std::string> TokenTest::functionsCalled() const {
+  std::vector<std::string> functions;
+  for (const Call& call : script.calls()) functions.push_back(call.function);
+  return functions;
 }
 
-std::vector<std::string> itemTexts(const TKSmartCardToken& token) {
-  return itemTexts(token.keychainContents()->items());
+// ---- Tests with a session ----
+
+ClientSessionTest::ClientSessionTest() {
+  startAnew();
+  leavesOpen({kCardSession});
 }
 
-std::string shown(std::string_view className, const void* object) {
-  if (!object) return "(null)";
-  std::ostringstream text;
-  text << '<' << className << ": " << object << '>';
-  return text.str();
+void ClientSessionTest::startAnew() {
+  resetCard();
+  client.reset();
+  token.emplace(services());
+  EXPECT_TRUE(token->init());
+  publish({keyItem(kKey, true)});
+  client.emplace(services(), *token, &calls);
+  forget();
+}
+
+void ClientSessionTest::logInAnew() {
+  startAnew();
+  EXPECT_TRUE(client->login());
+  forget();
+}
+
+void ClientSessionTest::forget() {
+  script.forgetCalls();
+  log->allLines.clear();
+  calls.clear();
+}
+
+FakePinEntry ClientSessionTest::pinEntry(std::u16string_view pin) {
+  return {services(), client->core, client->platform, pin, &calls};
+}
+
+void ClientSessionTest::isIn(std::int64_t state, bool marked) {
+  client->core->setAuthState(state);
+  client->platform.card.marked = marked;
+  forget();
+}
+
+void ClientSessionTest::publish(const std::vector<MirelCTKTokenKeychainKey>& keys) {
+  for (const MirelCTKTokenKeychainKey& key : keys) token->contents.append(key);
+  token->contents.fillWithItems();
+}
+
+MirelCTKTokenKeychainKey ClientSessionTest::keyItem(const Text& objectID, bool alwaysAuthenticate) {
+  MirelCTKTokenKeychainKey key;
+  key.objectID = objectID;
+  key.certificateID = Text{u"certificate"};
+  key.alwaysAuthenticate = alwaysAuthenticate;
+  key.canSign = key.canDecrypt = key.canPerformKeyExchange = true;
+  return key;
+}
+
+LoggedInTest::LoggedInTest() {
+  EXPECT_TRUE(client->login());
+  forget();
+  leavesOpen({kCardSession, kLoginSession});
 }
 
 }  // namespace mirel::test

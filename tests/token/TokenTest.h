@@ -7,70 +7,149 @@
 #include <vector>
 
 #include "support/ModuleTest.h"
-#include "token/FakeTokenKit.h"
+#include "token/FakePorts.h"
 #include "token/MirelSCToken.h"
+#include "token/MirelSCTokenAuth.h"
+#include "token/MirelSCTokenSession.h"
 #include "token/TestCertificates.h"
 
 namespace mirel::test {
 
-inline constexpr const char16_t* kReader = u"Reader A 00";
-
-/// The session that a good insertion leaves open: the two before it were only opened to read the
-/// token's information.
+/// The session of the module that a good insertion leaves open: the two before it were only opened to read
+/// the token's information.
 inline constexpr CK_SESSION_HANDLE kCardSession = kFirstSession + 2;
+/// The session that the first login leaves open; the one before it only served to read the token's
+/// information.
+inline constexpr CK_SESSION_HANDLE kLoginSession = kCardSession + 2;
+
+/// The object identifier of the card's key.
+inline const Text kKey{u"01"};
+/// One that no key has.
+inline const Text kNoKey{u"99"};
+
+/// An error of the token's domain with that code and text.
+[[nodiscard]] TKError tokenError(std::int64_t code, const Text& text = Text{});
+
+/// An error that was there before.
+inline const TKError kEarlierError{Text{u"Somebody"}, 7, Text{u"else"}};
+/// What an error pointer may point to: nothing, and an error that was there before.
+inline const std::optional<TKError> kErrorsBefore[] = {std::nullopt, kEarlierError};
+
+// Bits of a certificate's key usage (RFC 5280, section 4.2.1.3).
+inline constexpr unsigned kDigitalSignature = 1U << 0U;
+inline constexpr unsigned kKeyEncipherment = 1U << 2U;
+inline constexpr unsigned kKeyAgreement = 1U << 4U;
+
+/// The platform's token around one of ours. Its super records "super".
+class FakeToken {
+ public:
+  explicit FakeToken(const PlatformServices& services, PortCalls* calls = nullptr,
+                     const Text& reader = Text{kReader})
+      : card{calls, reader}, contents{services.log, calls}, core{services}, calls_{calls} {}
+
+  [[nodiscard]] bool init(TKErrorPointer outError = nullptr);
+
+  FakeSmartCard card;
+  FakeContents contents;
+  MirelSCToken core;
+  /// The platform refuses it.
+  bool isRefused = false;
+  /// Called when the platform's initialiser runs.
+  std::function<void()> whenRegistered = [] {};
+  /// The identifier of each time that it ran.
+  std::vector<Text> instanceIDs;
+
+ private:
+  PortCalls* calls_;
+};
+
+/// The platform's request for a PIN around one of ours, already initialised and with the PIN entered.
+class FakePinEntry {
+ public:
+  FakePinEntry(const PlatformServices& services, const std::shared_ptr<MirelSCTokenSession>& session,
+               FakeSession& platform, std::u16string_view pin, PortCalls* calls = nullptr);
+  [[nodiscard]] bool finish(TKErrorPointer outError = nullptr) {
+    return core.finishWithError(request, outError);
+  }
+
+  FakePinRequest request;
+  MirelSCTokenAuth core;
+};
+
+/// The platform's session around one of ours, already initialised.
+class FakeClient {
+ public:
+  FakeClient(const PlatformServices& services, FakeToken& token, PortCalls* calls = nullptr);
+
+  [[nodiscard]] bool login(std::u16string_view pin = u"123456", TKErrorPointer outError = nullptr);
+  [[nodiscard]] Bytes sign(const Value& data, TKErrorPointer outError = nullptr);
+  [[nodiscard]] Bytes decrypt(const Value& cipher, TKErrorPointer outError = nullptr);
+
+  FakeSession platform;
+  std::shared_ptr<MirelSCTokenSession> core;
+
+ private:
+  PlatformServices services_;
+  PortCalls* calls_;
+};
 
 /// A test with the scripted module, whose card holds a real certificate for signing (label "MyKey", ID
-/// "01", P-256), and with a fake of the platform's token framework.
+/// "01", P-256).
 class TokenTest : public ModuleTest {
  protected:
-  TokenTest();
+  TokenTest() { resetCard(); }
 
   /// Forgets all that the script was told and puts the certificate on the card again.
   void resetCard();
-
-  /// The module's services and the token kit.
-  [[nodiscard]] PlatformServices services() const;
-
   /// The user gets another home, in which there is no module.
   void takeModuleAway();
-
   /// Replaces the value of the card's certificate.
   void setCertificate(const CertificateRequest& request);
   /// Adds a key (by its public part) and a certificate with the same ID.
   void addKeyAndCertificate(Value id, Value label, const CertificateRequest& request);
 
-  /// The driver's answer when that card is inserted.
-  [[nodiscard]] std::shared_ptr<TKSmartCardToken> insert(TKErrorPointer outError = nullptr,
-                                                         const Text& readerName = Text{kReader});
-
-  /// A token on a base that the test can look at.
-  [[nodiscard]] std::shared_ptr<MirelSCToken> newToken();
-  [[nodiscard]] std::shared_ptr<FakeSmartCardToken> baseOfNewToken() const { return base_; }
-
-  /// Initialises the token with a card in that reader.
-  [[nodiscard]] std::shared_ptr<MirelSCToken> init(const std::shared_ptr<MirelSCToken>& token,
-                                                   TKErrorPointer outError = nullptr,
-                                                   const Text& readerName = Text{kReader});
-
   /// What the bridge logs when it loads the module of the user's home.
   [[nodiscard]] std::string moduleLine() const;
+  /// The functions of the module that were called, in order.
+  [[nodiscard]] std::vector<std::string> functionsCalled() const;
 
-  const std::shared_ptr<FakeTokenKit> kit = std::make_shared<FakeTokenKit>();
-  const std::shared_ptr<TKSmartCardTokenDriver> systemDriver = std::make_shared<TKSmartCardTokenDriver>();
+  /// Of all ports that the test gives it to.
+  PortCalls calls;
 
  private:
   std::optional<ModuleHome> otherHome_;
-  std::shared_ptr<FakeSmartCardToken> base_;
 };
 
-/// The items of a token, each in one line:
-///   certificate cert_MyKey_01, label 01
-///   key 01, label 01, certificate cert_MyKey_01, can sign, for login, PIN always, {2: PINAlways}
-[[nodiscard]] std::vector<std::string> itemTexts(
-    const std::vector<std::shared_ptr<TKTokenKeychainItem>>& items);
-[[nodiscard]] std::vector<std::string> itemTexts(const TKSmartCardToken& token);
+/// A test with a client's session on a token. The card is that of the scripted module: an RSA key of 2048
+/// bits, which the token's contents have as "01", for everything. All calls and lines up to then are
+/// forgotten.
+class ClientSessionTest : public TokenTest {
+ protected:
+  ClientSessionTest();
 
-/// How the platform's formatter shows an object; "(null)" for none.
-[[nodiscard]] std::string shown(std::string_view className, const void* object);
+  /// Another card, token and session, for tests that go in rounds.
+  void startAnew();
+  /// The same with a login.
+  void logInAnew();
+  /// Forgets all calls and lines.
+  void forget();
+
+  [[nodiscard]] FakePinEntry pinEntry(std::u16string_view pin = u"123456");
+  /// The session is in that state, on a connection with or without a mark.
+  void isIn(std::int64_t state, bool marked);
+  /// The items of the token's contents are these keys and no other.
+  void publish(const std::vector<MirelCTKTokenKeychainKey>& keys);
+  /// A key that can do everything.
+  [[nodiscard]] static MirelCTKTokenKeychainKey keyItem(const Text& objectID, bool alwaysAuthenticate);
+
+  std::optional<FakeToken> token;
+  std::optional<FakeClient> client;
+};
+
+/// The same after a login in that session.
+class LoggedInTest : public ClientSessionTest {
+ protected:
+  LoggedInTest();
+};
 
 }  // namespace mirel::test

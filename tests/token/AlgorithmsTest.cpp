@@ -1,0 +1,239 @@
+#include <algorithm>
+#include <map>
+#include <set>
+#include <sstream>
+
+#include "token/TokenTest.h"
+
+namespace mirel::test {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+using enum SecKeyAlgorithm;
+using enum TKTokenOperation;
+
+// ---- Printed names ----
+
+/// The algorithms that are looked for, in their order and without their common prefix.
+constexpr const char* kLookedFor = R"(
+RSAEncryptionRaw RSASignatureRaw
+RSASignatureDigestPKCS1v15SHA1 RSASignatureDigestPKCS1v15SHA224 RSASignatureDigestPKCS1v15SHA256
+RSASignatureDigestPKCS1v15SHA384 RSASignatureDigestPKCS1v15SHA512
+RSASignatureMessagePKCS1v15SHA1 RSASignatureMessagePKCS1v15SHA224 RSASignatureMessagePKCS1v15SHA256
+RSASignatureMessagePKCS1v15SHA384 RSASignatureMessagePKCS1v15SHA512
+RSASignatureDigestPSSSHA1 RSASignatureDigestPSSSHA224 RSASignatureDigestPSSSHA256
+RSASignatureDigestPSSSHA384 RSASignatureDigestPSSSHA512
+RSASignatureMessagePSSSHA1 RSASignatureMessagePSSSHA224 RSASignatureMessagePSSSHA256
+RSASignatureMessagePSSSHA384 RSASignatureMessagePSSSHA512
+ECDSASignatureRFC4754 ECDSASignatureDigestX962
+ECDSASignatureDigestX962SHA1 ECDSASignatureDigestX962SHA224 ECDSASignatureDigestX962SHA256
+ECDSASignatureDigestX962SHA384 ECDSASignatureDigestX962SHA512
+ECDSASignatureMessageX962SHA1 ECDSASignatureMessageX962SHA224 ECDSASignatureMessageX962SHA256
+ECDSASignatureMessageX962SHA384 ECDSASignatureMessageX962SHA512
+RSAEncryptionPKCS1 RSAEncryptionOAEPSHA1 RSAEncryptionOAEPSHA224 RSAEncryptionOAEPSHA256
+RSAEncryptionOAEPSHA384 RSAEncryptionOAEPSHA512
+RSAEncryptionOAEPSHA1AESGCM RSAEncryptionOAEPSHA224AESGCM RSAEncryptionOAEPSHA256AESGCM
+RSAEncryptionOAEPSHA384AESGCM RSAEncryptionOAEPSHA512AESGCM
+ECIESEncryptionStandardX963SHA1AESGCM ECIESEncryptionStandardX963SHA224AESGCM
+ECIESEncryptionStandardX963SHA256AESGCM ECIESEncryptionStandardX963SHA384AESGCM
+ECIESEncryptionStandardX963SHA512AESGCM
+ECIESEncryptionCofactorX963SHA1AESGCM ECIESEncryptionCofactorX963SHA224AESGCM
+ECIESEncryptionCofactorX963SHA256AESGCM ECIESEncryptionCofactorX963SHA384AESGCM
+ECIESEncryptionCofactorX963SHA512AESGCM
+ECIESEncryptionStandardVariableIVX963SHA256AESGCM ECIESEncryptionStandardVariableIVX963SHA384AESGCM
+ECIESEncryptionStandardVariableIVX963SHA512AESGCM
+ECIESEncryptionCofactorVariableIVX963SHA224AESGCM ECIESEncryptionCofactorVariableIVX963SHA256AESGCM
+ECIESEncryptionCofactorVariableIVX963SHA384AESGCM ECIESEncryptionCofactorVariableIVX963SHA512AESGCM
+ECDHKeyExchangeStandard ECDHKeyExchangeStandardX963SHA1 ECDHKeyExchangeStandardX963SHA224
+ECDHKeyExchangeStandardX963SHA256 ECDHKeyExchangeStandardX963SHA384 ECDHKeyExchangeStandardX963SHA512
+ECDHKeyExchangeCofactor ECDHKeyExchangeCofactorX963SHA1 ECDHKeyExchangeCofactorX963SHA224
+ECDHKeyExchangeCofactorX963SHA256 ECDHKeyExchangeCofactorX963SHA384 ECDHKeyExchangeCofactorX963SHA512
+)";
+constexpr std::size_t kNumLookedFor = 74;
+
+/// Those that are not printed by their own name.
+const std::map<std::string, std::string> kOtherNames{
+    {"RSASignatureDigestPKCS1v15SHA1", "SC_ALGORITHM_RSA_PAD_PKCS1 | SC_ALGORITHM_RSA_HASH_SHA1"},
+    {"RSASignatureDigestPKCS1v15SHA224", "SC_ALGORITHM_RSA_PAD_PKCS1 | SC_ALGORITHM_RSA_HASH_SHA224"},
+    {"RSASignatureDigestPKCS1v15SHA256", "SC_ALGORITHM_RSA_PAD_PKCS1 | SC_ALGORITHM_RSA_HASH_SHA256"},
+    {"RSASignatureDigestPKCS1v15SHA384", "SC_ALGORITHM_RSA_PAD_PKCS1 | SC_ALGORITHM_RSA_HASH_SHA384"},
+    {"RSASignatureDigestPKCS1v15SHA512", "SC_ALGORITHM_RSA_PAD_PKCS1 | SC_ALGORITHM_RSA_HASH_SHA512"},
+    {"ECDSASignatureDigestX962SHA1", "SC_ALGORITHM_ECDSA_HASH_SHA1"},
+    {"ECDSASignatureDigestX962SHA224", "SC_ALGORITHM_ECDSA_HASH_SHA224"},
+    {"ECDSASignatureDigestX962SHA256", "SC_ALGORITHM_ECDSA_HASH_SHA256"},
+    {"ECDSASignatureDigestX962SHA384", "SC_ALGORITHM_ECDSA_HASH_SHA384"},
+    {"ECDSASignatureDigestX962SHA512", "SC_ALGORITHM_ECDSA_HASH_SHA512"},
+    {"RSAEncryptionPKCS1", "SC_ALGORITHM_RSA_PAD_PKCS1"},
+};
+
+[[nodiscard]] std::vector<std::string> printedOf(const TKTokenKeyAlgorithm& algorithm) {
+  RecordingLog log;
+  algorithmToPrint(algorithm, log);
+  return log.allLines;
+}
+
+TEST(AlgorithmToPrint, LooksForEachAlgorithmInOrderAndWritesItsNameToTheProcessLog) {
+  std::vector<std::string> lines;
+  std::vector<std::string> names;
+  std::istringstream list{kLookedFor};
+  for (std::string name; list >> name;) {
+    SCOPED_TRACE(name);
+    const auto other = kOtherNames.find(name);
+    lines.push_back("process: " + (other == kOtherNames.end() ? "kSecKeyAlgorithm" + name : other->second));
+    names.push_back("kSecKeyAlgorithm" + name);
+    const auto algorithm = secKeyAlgorithmNamed(name);
+    ASSERT_TRUE(algorithm);
+    EXPECT_THAT(printedOf(FakeKeyAlgorithm{*algorithm}), ElementsAre(lines.back()));
+  }
+  ASSERT_EQ(names.size(), kNumLookedFor);
+  for (const auto is : {FakeKeyAlgorithm::Is::kEvery, FakeKeyAlgorithm::Is::kNone}) {
+    const FakeKeyAlgorithm algorithm{is};
+    const std::vector<std::string> printed = printedOf(algorithm);
+    EXPECT_EQ(printed, is == FakeKeyAlgorithm::Is::kEvery ? lines : std::vector<std::string>{});
+    std::vector<std::string> asked;
+    for (const SecKeyAlgorithm one : algorithm.askedFor) asked.emplace_back(nameOf(one));
+    EXPECT_EQ(asked, names);
+  }
+}
+
+TEST(AlgorithmToPrint, PrintsNothingForTwoAlgorithms) {
+  std::set<SecKeyAlgorithm> silent;
+  for (const auto& [algorithm, name] : kSecKeyAlgorithms) {
+    if (printedOf(FakeKeyAlgorithm{algorithm}).empty()) silent.insert(algorithm);
+  }
+  EXPECT_THAT(silent, ElementsAre(kSecKeyAlgorithmRSASignatureDigestPKCS1v15Raw,
+                                  kSecKeyAlgorithmECIESEncryptionStandardVariableIVX963SHA224AESGCM));
+}
+
+// ---- Supported operations ----
+
+/// Every operation of the platform and one that it does not have.
+constexpr TKTokenOperation kOperations[] = {kNone,        kReadData,           kSignData,
+                                            kDecryptData, kPerformKeyExchange, TKTokenOperation{5}};
+
+/// All that is supported; each list in the order in which it is searched.
+const std::map<TKTokenOperation, std::vector<SecKeyAlgorithm>> kSupported{
+    {kSignData,
+     {kSecKeyAlgorithmRSASignatureRaw, kSecKeyAlgorithmRSASignatureDigestPKCS1v15Raw,
+      kSecKeyAlgorithmECDSASignatureDigestX962SHA256, kSecKeyAlgorithmECDSASignatureDigestX962SHA384,
+      kSecKeyAlgorithmECDSASignatureDigestX962SHA512}},
+    {kDecryptData,
+     {kSecKeyAlgorithmRSAEncryptionRaw, kSecKeyAlgorithmRSAEncryptionPKCS1,
+      kSecKeyAlgorithmRSAEncryptionOAEPSHA256}},
+    {kPerformKeyExchange, {kSecKeyAlgorithmECDHKeyExchangeStandard}},
+};
+
+[[nodiscard]] std::vector<SecKeyAlgorithm> supportedFor(TKTokenOperation operation) {
+  const auto found = kSupported.find(operation);
+  return found == kSupported.end() ? std::vector<SecKeyAlgorithm>{} : found->second;
+}
+
+/// The token publishes one key, which can do everything.
+class SupportsOperation : public ClientSessionTest {
+ protected:
+  [[nodiscard]] bool supports(TKTokenOperation operation, const TKTokenKeyAlgorithm& algorithm,
+                              const Text& keyObjectID = kKey) {
+    return client->core->supportsOperation(client->platform, operation, keyObjectID, algorithm);
+  }
+
+  static constexpr const char* kKeyNotFound =
+      "error: [MirelSCTokenSession-121] supportsOperation key not found";
+};
+
+TEST_F(SupportsOperation, NeedsTheCapabilityOfTheKeyAndAnAlgorithmOfTheTable) {
+  const struct {
+    const char* name;
+    bool TKTokenKeychainKey::*missing;
+    TKTokenOperation without;
+  } rows[] = {
+      {"a key that can do everything", nullptr, kNone},
+      {"a key that cannot sign", &TKTokenKeychainKey::canSign, kSignData},
+      {"a key that cannot decrypt", &TKTokenKeychainKey::canDecrypt, kDecryptData},
+      {"a key that cannot exchange keys", &TKTokenKeychainKey::canPerformKeyExchange, kPerformKeyExchange},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    MirelCTKTokenKeychainKey key = keyItem(kKey, true);
+    if (row.missing) key.*row.missing = false;
+    publish({key});
+    for (const TKTokenOperation operation : kOperations) {
+      const auto listed = supportedFor(operation);
+      for (const auto& [algorithm, name] : kSecKeyAlgorithms) {
+        SCOPED_TRACE(std::to_string(static_cast<std::int64_t>(operation)) + " " + std::string{name});
+        const bool isListed = std::count(listed.begin(), listed.end(), algorithm) == 1;
+        EXPECT_EQ(supports(operation, FakeKeyAlgorithm{algorithm}), isListed && operation != row.without);
+      }
+    }
+  }
+}
+
+TEST_F(SupportsOperation, SearchesItsListsInOrderAfterThePrintedNames) {
+  for (const TKTokenOperation operation : kOperations) {
+    SCOPED_TRACE(static_cast<std::int64_t>(operation));
+    const FakeKeyAlgorithm none{FakeKeyAlgorithm::Is::kNone};
+    EXPECT_FALSE(supports(operation, none));
+    ASSERT_GE(none.askedFor.size(), kNumLookedFor);
+    EXPECT_EQ((std::vector<SecKeyAlgorithm>{none.askedFor.begin() + kNumLookedFor, none.askedFor.end()}),
+              supportedFor(operation));
+  }
+}
+
+TEST_F(SupportsOperation, EndsItsSearchAtTheFirstMatch) {
+  const FakeKeyAlgorithm every{FakeKeyAlgorithm::Is::kEvery};
+  EXPECT_TRUE(supports(kSignData, every));
+  EXPECT_EQ(every.askedFor.size(), kNumLookedFor + 1);
+}
+
+TEST_F(SupportsOperation, AsksForNoAlgorithmOfAKeyThatCannot) {
+  MirelCTKTokenKeychainKey key = keyItem(kKey, true);
+  key.canSign = false;
+  publish({key});
+  const FakeKeyAlgorithm every{FakeKeyAlgorithm::Is::kEvery};
+  EXPECT_FALSE(supports(kSignData, every));
+  EXPECT_EQ(every.askedFor.size(), kNumLookedFor);
+}
+
+TEST_F(SupportsOperation, LogsTheAlgorithm) {
+  const struct {
+    TKTokenOperation operation;
+    SecKeyAlgorithm algorithm;
+    std::vector<std::string> lines;
+  } rows[] = {
+      {kDecryptData, kSecKeyAlgorithmRSAEncryptionPKCS1, {"process: SC_ALGORITHM_RSA_PAD_PKCS1"}},
+      {kSignData, kSecKeyAlgorithmRSASignatureDigestPKCS1v15Raw, {}},
+      // What is not supported too.
+      {kDecryptData,
+       kSecKeyAlgorithmRSAEncryptionOAEPSHA384,
+       {"process: kSecKeyAlgorithmRSAEncryptionOAEPSHA384"}},
+      {kNone, kSecKeyAlgorithmRSASignatureRaw, {"process: kSecKeyAlgorithmRSASignatureRaw"}},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(nameOf(row.algorithm));
+    log->allLines.clear();
+    (void)supports(row.operation, FakeKeyAlgorithm{row.algorithm});
+    std::vector<std::string> expected = row.lines;
+    expected.insert(expected.begin(), "default: CTK [MirelSCTokenSession-125] ");
+    EXPECT_EQ(log->allLines, expected);
+  }
+}
+
+TEST_F(SupportsOperation, KnowsNoKeyThatIsNotPublishedAndNoneWhenTheTokenHasGone) {
+  const FakeKeyAlgorithm every{FakeKeyAlgorithm::Is::kEvery};
+  EXPECT_FALSE(supports(kSignData, every, kNoKey));
+  EXPECT_FALSE(supports(kSignData, every, Text{}));
+  client->platform.contents = nullptr;
+  EXPECT_FALSE(supports(kSignData, every));
+  EXPECT_THAT(log->allLines, ElementsAre(kKeyNotFound, kKeyNotFound, kKeyNotFound));
+  EXPECT_THAT(every.askedFor, IsEmpty());
+}
+
+TEST_F(SupportsOperation, NeedsNeitherPinNorCard) {
+  EXPECT_TRUE(supports(kSignData, FakeKeyAlgorithm{kSecKeyAlgorithmRSASignatureRaw}));
+  EXPECT_THAT(calls, ElementsAre("session.keyForObjectID 01"));
+  EXPECT_THAT(script.callTexts(), IsEmpty());
+}
+
+}  // namespace
+}  // namespace mirel::test

@@ -1,0 +1,367 @@
+/// Signing and decrypting after a login.
+
+#include <algorithm>
+#include <functional>
+
+#include "token/KeyOperations.h"
+
+namespace mirel::test {
+namespace {
+
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+
+using enum SecKeyAlgorithm;
+
+constexpr std::size_t kModulusLen = 256;  // bytes
+
+[[nodiscard]] Bytes zeros(std::size_t size) { return Bytes{Value(size)}; }
+
+class KeyUse : public LoggedInTest, public ::testing::WithParamInterface<KeyOperation> {
+ protected:
+  [[nodiscard]] Bytes use(FakeClient& of, const TKTokenKeyAlgorithm& algorithm,
+                          TKErrorPointer outError = nullptr) {
+    return (*of.core.*GetParam().use)(of.platform, Bytes{GetParam().input}, kKey, algorithm, outError);
+  }
+  [[nodiscard]] Bytes use(TKErrorPointer outError = nullptr) {
+    return use(*client, FakeKeyAlgorithm{GetParam().algorithm}, outError);
+  }
+  [[nodiscard]] Bytes result() const { return Bytes{GetParam().result}; }
+
+  /// An empty answer without an error, and no use of the key on the card.
+  void expectEmpty() {
+    for (const auto& before : kErrorsBefore) {
+      std::optional<TKError> error = before;
+      EXPECT_EQ(use(&error), zeros(0));
+      EXPECT_EQ(error, before);
+    }
+    EXPECT_EQ(script.countOf(GetParam().function), 0U);
+  }
+
+  /// Takes the card out and puts it in again.
+  void insertAnew() {
+    Card card = script.card();
+    card.loggedIn = false;
+    script.pullCard();
+    script.insertCard(card);
+  }
+};
+
+// ---- The good way ----
+
+TEST_P(KeyUse, GivesTheResultOfTheCardInTheSessionOfTheLogin) {
+  for (const auto& before : kErrorsBefore) {
+    forget();
+    std::optional<TKError> error = before;
+    EXPECT_EQ(use(&error), result());
+    EXPECT_EQ(error, before);
+    EXPECT_THAT(script.callTexts(std::string{GetParam().function} + "Init"),
+                ElementsAre(GetParam().initCall));
+    EXPECT_EQ(script.countOf(GetParam().function), 1U);
+    EXPECT_EQ(script.countOf("C_Login") + script.countOf("C_OpenSession"), 0U);
+    EXPECT_THAT(script.openOperations(), IsEmpty());
+  }
+}
+
+TEST_P(KeyUse, AsksThePlatformForNoMoreAndInThisOrder) {
+  EXPECT_EQ(use(), result());
+  EXPECT_THAT(calls, ElementsAre("session.keyForObjectID 01", "session.smartCard", "card.hasContext",
+                                 "session.smartCard", "card.name"));
+}
+
+TEST_P(KeyUse, DoesNotAskWhatTheKeyCanDo) {
+  MirelCTKTokenKeychainKey key;
+  key.objectID = kKey;
+  publish({key});
+  EXPECT_EQ(use(), result());
+}
+
+TEST_P(KeyUse, DoesNotUseTheSessionUp) {
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(use(), result());
+  EXPECT_EQ(client->core->authState(), 1);
+  EXPECT_TRUE(client->platform.card.marked);
+}
+
+TEST_P(KeyUse, NeedsAPinInEverySession) {
+  FakeClient other{services(), *token};
+  std::optional<TKError> error;
+  EXPECT_TRUE(use(other, FakeKeyAlgorithm{GetParam().algorithm}, &error).isNull());
+  EXPECT_EQ(error, tokenError(-9));
+  EXPECT_EQ(use(), result());
+}
+
+TEST_P(KeyUse, HandsTheNameOfTheAlgorithmDown) {
+  for (const SecKeyAlgorithm algorithm : GetParam().algorithms) {
+    const std::string name{nameOf(algorithm)};
+    SCOPED_TRACE(name);
+    forget();
+    EXPECT_EQ(use(*client, FakeKeyAlgorithm{algorithm}), result());
+    EXPECT_THAT(log->allLines, Contains(::testing::AnyOf(::testing::EndsWith("] pccAlgName = " + name),
+                                                         ::testing::EndsWith(" algName " + name))));
+  }
+}
+
+TEST_P(KeyUse, LooksForItsAlgorithmsInOrderAfterThePrintedNames) {
+  constexpr std::size_t kNumPrinted = 74;
+  const FakeKeyAlgorithm none{FakeKeyAlgorithm::Is::kNone};
+  EXPECT_TRUE(use(*client, none).isNull());
+  ASSERT_GE(none.askedFor.size(), kNumPrinted);
+  EXPECT_EQ((std::vector<SecKeyAlgorithm>{none.askedFor.begin() + kNumPrinted, none.askedFor.end()}),
+            GetParam().algorithms);
+  const FakeKeyAlgorithm every{FakeKeyAlgorithm::Is::kEvery};
+  EXPECT_FALSE(use(*client, every).isNull());
+  EXPECT_EQ(every.askedFor.size(), kNumPrinted + 1);
+}
+
+TEST_P(KeyUse, IsDoneWithNoOtherAlgorithm) {
+  const auto& own = GetParam().algorithms;
+  for (const auto& [algorithm, name] : kSecKeyAlgorithms) {
+    if (std::find(own.begin(), own.end(), algorithm) != own.end()) continue;
+    SCOPED_TRACE(name);
+    forget();
+    std::optional<TKError> error;
+    EXPECT_TRUE(use(*client, FakeKeyAlgorithm{algorithm}, &error).isNull());
+    EXPECT_EQ(error, std::nullopt);
+    EXPECT_THAT(script.callTexts(), IsEmpty());
+  }
+}
+
+TEST_P(KeyUse, LogsAnAlgorithmThatItIsNotDoneWith) {
+  EXPECT_TRUE(use(*client, FakeKeyAlgorithm{kSecKeyAlgorithmRSASignatureMessagePSSSHA256}).isNull());
+  std::vector<std::string> expected{GetParam().start,
+                                    kGeneralStart,
+                                    kAuthenticatedStart,
+                                    kAuthenticatedEnd,
+                                    kGeneralEnd,
+                                    GetParam().choice,
+                                    "process: kSecKeyAlgorithmRSASignatureMessagePSSSHA256"};
+  if (GetParam().notSupported) expected.emplace_back(GetParam().notSupported);
+  EXPECT_EQ(log->allLines, expected);
+}
+
+// ---- Answers that are handed out whatever the provider says ----
+
+TEST_P(KeyUse, GivesAnEmptyAnswerWhereTheProviderRefuses) {
+  const struct {
+    const char* name;
+    std::function<void()> arrange;
+  } rows[] = {
+      {"no provider", [&] { client->core->setSp(nullptr); }},
+      {"the objects cannot be read",
+       [&] { script.failCallOf("C_FindObjectsInit", 0, CKR_DEVICE_ERROR, Times::kFromThenOn); }},
+      {"the key has gone from the card", [&] { script.card().objects.erase(kPublicKey); }},
+      {"the user was logged out", [&] { script.card().loggedIn = false; }},
+      {"another reader", [&] { client->platform.card.readerName = Text{u"Reader B 00"}; }},
+      {"a longer name of the reader", [&] { client->platform.card.readerName = Text{u"Reader A 001"}; }},
+      {"a name in small letters", [&] { client->platform.card.readerName = Text{u"reader a 00"}; }},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    logInAnew();
+    row.arrange();
+    expectEmpty();
+  }
+}
+
+TEST_P(KeyUse, AsksNobodyForAReaderWithoutAProvider) {
+  client->core->setSp(nullptr);
+  EXPECT_EQ(use(), zeros(0));
+  EXPECT_THAT(calls, ElementsAre("session.keyForObjectID 01", "session.smartCard", "card.hasContext"));
+  EXPECT_THAT(script.callTexts(), IsEmpty());
+}
+
+TEST_P(KeyUse, GivesAnEmptyAnswerWhenTheCardWasPulledAfterThePin) {
+  script.pullCard();
+  expectEmpty();
+  leavesOpen({});
+}
+
+TEST_P(KeyUse, NeedsAnotherLoginWhenTheCardWasPulledAndInsertedAgain) {
+  insertAnew();
+  expectEmpty();
+  ASSERT_TRUE(client->login());
+  EXPECT_EQ(use(), result());
+  leavesOpen({kLoginSession + 2});
+}
+
+INSTANTIATE_TEST_SUITE_P(Key, KeyUse, ::testing::ValuesIn(keyOperations()), nameOfParameter);
+
+// ---- Signing ----
+
+class SignData : public LoggedInTest {
+ protected:
+  /// The line with the result.
+  [[nodiscard]] std::string resultLine() const {
+    const auto& all = log->allLines;
+    const auto found = std::find_if(all.rbegin(), all.rend(), [](const std::string& line) {
+      return line.starts_with("process: isSigned");
+    });
+    return found == all.rend() ? "no line with a result" : *found;
+  }
+};
+
+TEST_F(SignData, LogsItsWay) {
+  EXPECT_EQ(client->sign(bytesOf("data")), Bytes{resultOf(CKM_RSA_X_509, bytesOf("data"), kModulusLen)});
+  EXPECT_THAT(script.callTexts("C_Sign"), ElementsAre("C_Sign(9, 64617461, room 512)"));
+  EXPECT_THAT(
+      log->allLines,
+      ElementsAre("default: CTK [MirelSCTokenSession-204] +++START+++", kGeneralStart, kAuthenticatedStart,
+                  kAuthenticatedEnd, kGeneralEnd, "default: CTK [MirelSCTokenSession-217] ",
+                  "process: kSecKeyAlgorithmRSASignatureRaw",
+                  "process: [-[MirelCTKFramework PerformSignHash::::::::]-437] pccAlgName = "
+                  "kSecKeyAlgorithmRSASignatureRaw",
+                  "process: [-[MirelCTKFramework PerformSignHash::::::::]-462] key ID = 01, public key = 15",
+                  "process: [-[MirelCTKFramework PerformSignHash::::::::]-480] keyName = "
+                  "1234567890ABCDEF_RSA_01_MyKey",
+                  "process: isSigned = 1 dataToSign = {length = 4, bytes = 0x64617461}, signature = {length "
+                  "= 256, bytes = 0x67657167 63697d6b 6f6d796f 6b716573 ... 9f9d899f 9b617563 }"));
+}
+
+TEST_F(SignData, PrintsNothingForTheAlgorithmWithoutAPrintedName) {
+  const FakeKeyAlgorithm algorithm{kSecKeyAlgorithmRSASignatureDigestPKCS1v15Raw};
+  (void)client->core->signData(client->platform, Bytes{Value(32)}, kKey, algorithm, nullptr);
+  ASSERT_GT(log->allLines.size(), 6U);
+  EXPECT_EQ(log->allLines[5], "default: CTK [MirelSCTokenSession-217] ");
+  EXPECT_THAT(log->allLines[6], HasSubstr("pccAlgName"));
+}
+
+TEST_F(SignData, DescribesDataInItsResultLine) {
+  const struct {
+    std::size_t size;
+    const char* expected;
+  } rows[] = {
+      {1, "dataToSign = {length = 1, bytes = 0x20}, "},
+      {24, "dataToSign = {length = 24, bytes = 0x20272e353c434a51585f666d747b828990979ea5acb3bac1}, "},
+      {25,
+       "dataToSign = {length = 25, bytes = 0x20272e35 3c434a51 585f666d 747b8289 ... 979ea5ac b3bac1c8 }, "},
+  };
+  for (const auto& row : rows) {
+    (void)client->sign(patternValue(row.size, 0x20));
+    EXPECT_THAT(resultLine(), HasSubstr(row.expected));
+  }
+}
+
+TEST_F(SignData, TellsInItsResultLineAloneThatTheProviderRefused) {
+  script.failCallOf("C_FindObjectsInit", 0, CKR_DEVICE_ERROR);
+  EXPECT_EQ(client->sign(bytesOf("data")), zeros(0));
+  EXPECT_EQ(log->allLines.back(),
+            "process: isSigned = 0 dataToSign = {length = 4, bytes = 0x64617461}, signature = {length = 0, "
+            "bytes = 0x}");
+}
+
+TEST_F(SignData, GivesZerosAndNoErrorForASignatureThatTheCardFailsToMake) {
+  for (const char* const function : {"C_SignInit", "C_Sign"}) {
+    SCOPED_TRACE(function);
+    logInAnew();
+    script.failCallOf(function, 0, CKR_DEVICE_ERROR);
+    std::optional<TKError> error;
+    EXPECT_EQ(client->sign(Value(kModulusLen), &error), zeros(kModulusLen));
+    EXPECT_EQ(error, std::nullopt);
+    EXPECT_THAT(resultLine(), HasSubstr("isSigned = 1 "));
+  }
+}
+
+TEST_F(SignData, GivesZerosForNoData) {
+  const FakeKeyAlgorithm raw{kSecKeyAlgorithmRSASignatureRaw};
+  EXPECT_EQ(client->core->signData(client->platform, Bytes{}, kKey, raw, nullptr), zeros(kModulusLen));
+  EXPECT_THAT(resultLine(), HasSubstr("dataToSign = (null), "));
+  EXPECT_EQ(client->sign(Value{}), zeros(kModulusLen));
+  EXPECT_THAT(resultLine(), HasSubstr("dataToSign = {length = 0, bytes = 0x}, "));
+}
+
+TEST_F(SignData, HasRoomFor256Bytes) {
+  const struct {
+    CK_ULONG length;
+    std::size_t given;
+  } rows[] = {{0, 0}, {255, 255}, {256, 256}, {257, 0}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.length);
+    script.deviations.claimedResults["C_Sign"] = {row.length, {}};
+    EXPECT_EQ(client->sign(Value(kModulusLen)).size(), row.given);
+  }
+}
+
+// ---- Decrypting ----
+
+class DecryptData : public LoggedInTest {};
+
+TEST_F(DecryptData, LogsItsWay) {
+  script.deviations.plainText = bytesOf("attack at dawn");
+  EXPECT_EQ(client->decrypt({0x01, 0x02, 0xFF}), Bytes{bytesOf("attack at dawn")});
+  EXPECT_THAT(script.callTexts("C_Decrypt"), ElementsAre("C_Decrypt(9, 0102FF, room 256)"));
+  EXPECT_THAT(
+      log->allLines,
+      ElementsAre("default: CTK [MirelSCTokenSession-255] +++START+++", kGeneralStart, kAuthenticatedStart,
+                  kAuthenticatedEnd, kGeneralEnd, "default: CTK [MirelSCTokenSession-271] ",
+                  "process: SC_ALGORITHM_RSA_PAD_PKCS1",
+                  "process: [MirelSCTokenSession-287] decryptData 01 {length = 3, bytes = 0x0102ff} "
+                  "algName kSecKeyAlgorithmRSAEncryptionPKCS1",
+                  "process: [MirelCTKFramework-607] -[MirelCTKFramework PerformPKCS1Decrypt:::::::]"));
+}
+
+TEST_F(DecryptData, IsDoneWithTwoAlgorithmsThatAreNotSupported) {
+  const Value plainText = bytesOf("attack at dawn");
+  for (const SecKeyAlgorithm one :
+       {kSecKeyAlgorithmRSAEncryptionOAEPSHA384, kSecKeyAlgorithmRSAEncryptionOAEPSHA256AESGCM}) {
+    const FakeKeyAlgorithm algorithm{one};
+    EXPECT_FALSE(
+        client->core->supportsOperation(client->platform, TKTokenOperation::kDecryptData, kKey, algorithm));
+    EXPECT_EQ(
+        client->core->decryptData(client->platform, Bytes{cipherOf(plainText)}, kKey, algorithm, nullptr),
+        Bytes{plainText});
+  }
+}
+
+TEST_F(DecryptData, KeepsThePlainTextOutOfTheLines) {
+  script.deviations.plainText = bytesOf("a very secret text");
+  EXPECT_EQ(client->decrypt(patternValue(256, 0x20)), Bytes{bytesOf("a very secret text")});
+  EXPECT_THAT(log->allLines,
+              Contains(HasSubstr("{length = 256, bytes = 0x20272e35 3c434a51 585f666d 747b8289 ... e8eff6fd "
+                                 "040b1219 } algName")));
+  for (const std::string& line : log->allLines) {
+    EXPECT_THAT(line, Not(HasSubstr("secret")));
+    EXPECT_THAT(line, Not(HasSubstr("736563726574")));
+  }
+}
+
+TEST_F(DecryptData, GivesAnEmptyPlainTextWhetherTheCardDecryptsToThatOrFails) {
+  EXPECT_EQ(client->decrypt(cipherOf({})), zeros(0));
+  for (const char* const function : {"C_GetAttributeValue", "C_DecryptInit", "C_Decrypt"}) {
+    SCOPED_TRACE(function);
+    logInAnew();
+    script.failCallOf(function, 0, CKR_DEVICE_ERROR);
+    std::optional<TKError> error;
+    EXPECT_EQ(client->decrypt(cipherOf(bytesOf("attack at dawn")), &error), zeros(0));
+    EXPECT_EQ(error, std::nullopt);
+  }
+  for (const Value& cipher : {Value{}, Value{0x01}, patternValue(256, 1), patternValue(257, 1)}) {
+    EXPECT_EQ(client->decrypt(cipher), zeros(0));
+  }
+  const FakeKeyAlgorithm pkcs1{kSecKeyAlgorithmRSAEncryptionPKCS1};
+  EXPECT_EQ(client->core->decryptData(client->platform, Bytes{}, kKey, pkcs1, nullptr), zeros(0));
+}
+
+TEST_F(DecryptData, HasRoomFor2000Bytes) {
+  // A modulus long enough to announce that much room.
+  for (const CK_OBJECT_HANDLE handle : {kPublicKey, kPrivateKey}) {
+    Object& key = script.object(handle);
+    key = key.with(CKA_MODULUS, patternValue(handle == kPublicKey ? 256 : 5011, 1));
+  }
+  for (const std::size_t length : {1999U, 2000U, 2001U}) {
+    SCOPED_TRACE(length);
+    script.deviations.plainText = patternValue(length, 1);
+    EXPECT_EQ(client->decrypt({0x01}).size(), length > 2000 ? 0 : length);
+  }
+}
+
+TEST_F(DecryptData, LogsAKeyThatHasGoneFromTheCard) {
+  script.card().objects.erase(kPublicKey);
+  EXPECT_EQ(client->decrypt(cipherOf(bytesOf("attack at dawn"))), zeros(0));
+  EXPECT_EQ(log->allLines.back(), "error: pAsymKeyInfo is nil");
+}
+
+}  // namespace
+}  // namespace mirel::test
