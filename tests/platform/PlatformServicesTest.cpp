@@ -16,9 +16,8 @@ TEST(SystemServices, SetsEveryServiceOfTheRunningSystem) {
   EXPECT_NE(services.strings, nullptr);
 }
 
-TEST(SystemServices, LeavesTheTokenKitAndTheObserverToTheCaller) {
+TEST(SystemServices, LeavesTheObserverToTheCaller) {
   const PlatformServices services = systemServices();
-  EXPECT_EQ(services.tokenKit, nullptr);
   EXPECT_EQ(services.observer, nullptr);
 }
 
