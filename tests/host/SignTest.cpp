@@ -3,9 +3,9 @@
 #include <functional>
 
 #include "FailureDiary.h"
+#include "HostToken.h"
 #include "host/KeyClientTest.h"
 #include "host/Verification.h"
-#include "HostToken.h"
 
 namespace mirel::test {
 namespace {
