@@ -27,58 +27,21 @@ std::string itemText(const MirelCTKTokenKeychainKey& item) {
   return text + ", " + constraintsText(item.constraints);
 }
 
-void record(PortCalls* calls, std::string what) {
-  if (calls) calls->push_back(std::move(what));
+std::string textOf(const FakeItem& item) {
+  return std::visit([](const auto& any) { return itemText(any); }, item);
 }
 
 }  // namespace
 
-// ---- Cards ----
-
-void FakeSmartCard::asked(const char* what) const {
-  record(calls_, std::string{"card."} + what);
-  whenAsked();
-}
-
-Text FakeSmartCard::name() const noexcept {
-  asked("name");
-  return isConnected ? readerName : Text{};
-}
-
-std::uint8_t FakeSmartCard::cla() const noexcept {
-  asked("cla");
-  return isConnected ? classByte : std::uint8_t{0};
-}
-
-void FakeSmartCard::setSensitive(bool value) noexcept {
-  asked(value ? "setSensitive 1" : "setSensitive 0");
-  sensitive = value;
-}
-
-bool FakeSmartCard::hasContext() const noexcept {
-  asked("hasContext");
-  return isConnected && marked;
-}
-
-void FakeSmartCard::setContext(bool value) noexcept {
-  asked(value ? "setContext 1" : "setContext 0");
-  marked = true;
-}
-
-// ---- Items ----
-
 std::vector<std::string> itemTexts(const std::vector<FakeItem>& items) {
   std::vector<std::string> texts;
-  texts.reserve(items.size());
-  for (const FakeItem& item : items) {
-    texts.push_back(std::visit([](const auto& any) { return itemText(any); }, item));
-  }
+  for (const FakeItem& item : items) texts.push_back(textOf(item));
   return texts;
 }
 
-void FakeContents::append(const TKTokenKeychainCertificate& item) noexcept {
-  record(calls_, "append " + itemText(item));
-  appended.emplace_back(item);
+void FakeContents::add(const FakeItem& item) {
+  record(calls_, "append " + textOf(item));
+  appended.push_back(item);
 }
 
 bool FakeContents::initKey(const MirelCTKTokenKeychainKey& item) noexcept {
@@ -87,19 +50,10 @@ bool FakeContents::initKey(const MirelCTKTokenKeychainKey& item) noexcept {
   return MirelCTKTokenKeychainKey::initWithCertificate(super, *log_);
 }
 
-void FakeContents::append(const MirelCTKTokenKeychainKey& item) noexcept {
-  record(calls_, "append " + itemText(item));
-  appended.emplace_back(item);
-}
-
 void FakeContents::fillWithItems() noexcept {
   record(calls_, "fillWithItems");
   whenFilled();
   fills.push_back(std::exchange(appended, {}));
-}
-
-std::vector<FakeItem> FakeContents::items() const {
-  return fills.empty() ? std::vector<FakeItem>{} : fills.back();
 }
 
 std::optional<MirelCTKTokenKeychainKey> FakeContents::keyForObjectID(const Text& objectID,
@@ -110,57 +64,6 @@ std::optional<MirelCTKTokenKeychainKey> FakeContents::keyForObjectID(const Text&
   }
   if (outError) *outError = tkError(TKErrorCode::kObjectNotFound);
   return std::nullopt;
-}
-
-// ---- Sessions ----
-
-TKSmartCard& FakeSession::smartCard() noexcept {
-  record(calls_, "session.smartCard");
-  return card;
-}
-
-std::optional<MirelCTKTokenKeychainKey> FakeSession::keyForObjectID(const Text& objectID,
-                                                                    TKErrorPointer outError) noexcept {
-  record(calls_, "session.keyForObjectID " + objectID.orNullMark().toUtf8());
-  return contents ? contents->keyForObjectID(objectID, outError) : std::nullopt;
-}
-
-// ---- Requests for a PIN ----
-
-void FakePinRequest::asked(std::string what) const { record(calls_, std::move(what)); }
-
-TKSmartCard& FakePinRequest::sessionSmartCard() noexcept {
-  asked("sessionSmartCard");
-  return session_.card;
-}
-
-TKSmartCard& FakePinRequest::smartCard() noexcept {
-  asked("smartCard");
-  return *card;
-}
-
-void FakePinRequest::setSmartCard(const TKSmartCard& given) noexcept {
-  asked("setSmartCard");
-  givenCard = &given;
-}
-
-void FakePinRequest::setAPDUTemplate(const Bytes& command) noexcept {
-  asked("setAPDUTemplate");
-  APDUTemplate = command;
-}
-
-void FakePinRequest::setPINFormat(int PINBitOffset) noexcept {
-  asked("setPINFormat " + std::to_string(PINBitOffset));
-}
-
-std::shared_ptr<const SecretText> FakePinRequest::PIN() noexcept {
-  asked("PIN");
-  return pin;
-}
-
-void FakePinRequest::clearPIN() noexcept {
-  asked("clearPIN");
-  pin = nullptr;
 }
 
 }  // namespace mirel::test

@@ -22,17 +22,31 @@ inline constexpr const char16_t* kReader = u"Reader A 00";
 /// can be used by several threads.
 using PortCalls = std::vector<std::string>;
 
+inline void record(PortCalls* calls, std::string what) {
+  if (calls) calls->push_back(std::move(what));
+}
+
 /// Records "card.name", "card.cla", "card.setSensitive 1", "card.hasContext" and "card.setContext 1".
 class FakeSmartCard final : public TKSmartCard {
  public:
   explicit FakeSmartCard(PortCalls* calls = nullptr, Text reader = Text{kReader})
       : readerName{std::move(reader)}, calls_{calls} {}
 
-  [[nodiscard]] Text name() const noexcept override;
-  [[nodiscard]] std::uint8_t cla() const noexcept override;
-  void setSensitive(bool value) noexcept override;
-  [[nodiscard]] bool hasContext() const noexcept override;
-  void setContext(bool value) noexcept override;
+  [[nodiscard]] Text name() const noexcept override {
+    return asked("name"), isConnected ? readerName : Text{};
+  }
+  [[nodiscard]] std::uint8_t cla() const noexcept override {
+    return asked("cla"), isConnected ? classByte : std::uint8_t{0};
+  }
+  [[nodiscard]] bool hasContext() const noexcept override {
+    return asked("hasContext"), isConnected && marked;
+  }
+  void setSensitive(bool value) noexcept override {
+    asked(value ? "setSensitive 1" : "setSensitive 0"), sensitive = value;
+  }
+  void setContext(bool value) noexcept override {
+    asked(value ? "setContext 1" : "setContext 0"), marked = true;
+  }
 
   /// False: a connection to no card.
   bool isConnected = true;
@@ -44,7 +58,7 @@ class FakeSmartCard final : public TKSmartCard {
   std::function<void()> whenAsked = [] {};
 
  private:
-  void asked(const char* what) const;
+  void asked(const char* what) const { record(calls_, std::string{"card."} + what), whenAsked(); }
 
   PortCalls* calls_;
 };
@@ -62,13 +76,15 @@ class FakeContents final : public TKTokenKeychainContents {
   explicit FakeContents(std::shared_ptr<Log> log, PortCalls* calls = nullptr)
       : log_{std::move(log)}, calls_{calls} {}
 
-  void append(const TKTokenKeychainCertificate& item) noexcept override;
+  void append(const TKTokenKeychainCertificate& item) noexcept override { add(item); }
+  void append(const MirelCTKTokenKeychainKey& item) noexcept override { add(item); }
   [[nodiscard]] bool initKey(const MirelCTKTokenKeychainKey& item) noexcept override;
-  void append(const MirelCTKTokenKeychainKey& item) noexcept override;
   void fillWithItems() noexcept override;
 
   /// What was published last.
-  [[nodiscard]] std::vector<FakeItem> items() const;
+  [[nodiscard]] std::vector<FakeItem> items() const {
+    return fills.empty() ? std::vector<FakeItem>{} : fills.back();
+  }
   /// kObjectNotFound for a key that was not published.
   [[nodiscard]] std::optional<MirelCTKTokenKeychainKey> keyForObjectID(const Text& objectID,
                                                                        TKErrorPointer outError) const;
@@ -83,6 +99,8 @@ class FakeContents final : public TKTokenKeychainContents {
   std::vector<std::vector<FakeItem>> fills;
 
  private:
+  void add(const FakeItem& item);
+
   std::shared_ptr<Log> log_;
   PortCalls* calls_;
 };
@@ -94,9 +112,14 @@ class FakeSession final : public TKSmartCardTokenSession {
                        const Text& reader = Text{kReader})
       : card{calls, reader}, contents{ofItsToken}, calls_{calls} {}
 
-  [[nodiscard]] TKSmartCard& smartCard() noexcept override;
+  [[nodiscard]] TKSmartCard& smartCard() noexcept override {
+    return record(calls_, "session.smartCard"), card;
+  }
   [[nodiscard]] std::optional<MirelCTKTokenKeychainKey> keyForObjectID(
-      const Text& objectID, TKErrorPointer outError) noexcept override;
+      const Text& objectID, TKErrorPointer outError) noexcept override {
+    record(calls_, "session.keyForObjectID " + objectID.orNullMark().toUtf8());
+    return contents ? contents->keyForObjectID(objectID, outError) : std::nullopt;
+  }
 
   FakeSmartCard card;
   /// Null: the token has gone.
@@ -112,13 +135,23 @@ class FakePinRequest final : public TKTokenSmartCardPINAuthOperation {
   explicit FakePinRequest(FakeSession& session, PortCalls* calls = nullptr)
       : card{&session.card}, session_{session}, calls_{calls} {}
 
-  [[nodiscard]] TKSmartCard& sessionSmartCard() noexcept override;
-  [[nodiscard]] TKSmartCard& smartCard() noexcept override;
-  void setSmartCard(const TKSmartCard& given) noexcept override;
-  void setAPDUTemplate(const Bytes& command) noexcept override;
-  void setPINFormat(int PINBitOffset) noexcept override;
-  [[nodiscard]] std::shared_ptr<const SecretText> PIN() noexcept override;
-  void clearPIN() noexcept override;
+  [[nodiscard]] TKSmartCard& sessionSmartCard() noexcept override {
+    return record(calls_, "sessionSmartCard"), session_.card;
+  }
+  [[nodiscard]] TKSmartCard& smartCard() noexcept override { return record(calls_, "smartCard"), *card; }
+  void setSmartCard(const TKSmartCard& given) noexcept override {
+    record(calls_, "setSmartCard"), givenCard = &given;
+  }
+  void setAPDUTemplate(const Bytes& command) noexcept override {
+    record(calls_, "setAPDUTemplate"), APDUTemplate = command;
+  }
+  void setPINFormat(int PINBitOffset) noexcept override {
+    record(calls_, "setPINFormat " + std::to_string(PINBitOffset));
+  }
+  [[nodiscard]] std::shared_ptr<const SecretText> PIN() noexcept override {
+    return record(calls_, "PIN"), pin;
+  }
+  void clearPIN() noexcept override { record(calls_, "clearPIN"), pin = nullptr; }
 
   FakeSmartCard* card;  ///< its own connection
   const TKSmartCard* givenCard = nullptr;
@@ -126,8 +159,6 @@ class FakePinRequest final : public TKTokenSmartCardPINAuthOperation {
   std::shared_ptr<const SecretText> pin;
 
  private:
-  void asked(std::string what) const;
-
   FakeSession& session_;
   PortCalls* calls_;
 };

@@ -31,9 +31,28 @@ class FinishAuth : public ClientSessionTest {
 
 // ---- The right PIN ----
 
-TEST_F(FinishAuth, AuthenticatesTheSessionAndMarksItsCard) {
+TEST_F(FinishAuth, AuthenticatesTheSessionAndMarksItsCardWhateverTheStateBefore) {
+  for (const std::int64_t state : {0, 1, 2}) {
+    for (const auto& before : kErrorsBefore) {
+      SCOPED_TRACE(state);
+      startAnew();
+      isIn(state, false);
+      std::optional<TKError> error = before;
+      EXPECT_TRUE(client->login(u"123456", &error));
+      expectAuthenticated();
+      EXPECT_EQ(error, before);
+    }
+  }
+}
+
+/// As after a login that is as good as it was: the card has lost its marks since.
+TEST_F(FinishAuth, MarksTheCardAgainForAUserWhoIsLoggedInAlready) {
   EXPECT_TRUE(client->login());
+  client->platform.card.sensitive = false;
+  client->platform.card.marked = false;
+  EXPECT_TRUE(client->login(u"000000"));
   expectAuthenticated();
+  leavesOpen({kCardSession, kLoginSession, kLoginSession + 2});
 }
 
 TEST_F(FinishAuth, AsksThePlatformForNoMoreAndInThisOrder) {
@@ -58,36 +77,6 @@ TEST_F(FinishAuth, EnumeratesTheCardAndLogsInOnceInASessionOfItsOwn) {
                           "C_Login", "C_GetSessionInfo"));
   EXPECT_THAT(script.callTexts("C_Login"), ElementsAre("C_Login(9, 1, 313233343536)"));
   EXPECT_TRUE(script.card().loggedIn);
-}
-
-TEST_F(FinishAuth, LeavesErrorsAloneWhenAllIsWell) {
-  for (const auto& before : kErrorsBefore) {
-    std::optional<TKError> error = before;
-    EXPECT_TRUE(client->login(u"123456", &error));
-    EXPECT_EQ(error, before);
-  }
-  leavesOpen({kCardSession, kLoginSession, kLoginSession + 2});
-}
-
-TEST_F(FinishAuth, MarksTheCardAgainOnASecondLogin) {
-  EXPECT_TRUE(client->login());
-  client->platform.card.sensitive = false;
-  client->platform.card.marked = false;
-  EXPECT_TRUE(client->login());
-  expectAuthenticated();
-  leavesOpen({kCardSession, kLoginSession, kLoginSession + 2});
-}
-
-TEST_F(FinishAuth, TakesAUserWhoIsLoggedInAlreadyForASuccess) {
-  script.card().loggedIn = true;
-  EXPECT_TRUE(client->login(u"000000"));
-  expectAuthenticated();
-}
-
-TEST_F(FinishAuth, AuthenticatesASessionInTheUsedState) {
-  client->core->setAuthState(2);
-  EXPECT_TRUE(client->login());
-  expectAuthenticated();
 }
 
 TEST_F(FinishAuth, LogsInToTheReaderOfItsOwnCardAndMarksTheSessions) {

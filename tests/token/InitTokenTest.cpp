@@ -1,4 +1,4 @@
-#include <algorithm>
+#include <functional>
 
 #include "token/MirelSCTokenDriver.h"
 #include "token/TokenTest.h"
@@ -8,6 +8,7 @@ namespace {
 
 using ::testing::Contains;
 using ::testing::ElementsAre;
+using ::testing::ElementsAreArray;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 
@@ -45,17 +46,6 @@ const char* const kNewKeyItem = "key 01, label , certificate cert_MyKey_01, PIN 
 class InitToken : public TokenTest {
  protected:
   InitToken() { token.emplace(services(), &calls); }
-
-  /// Initialises the token without a place for an error, and with an empty and an earlier error, which are to
-  /// be left alone.
-  void expectNoTokenAndNoError() {
-    EXPECT_FALSE(token->init());
-    for (const auto& before : kErrorsBefore) {
-      std::optional<TKError> error = before;
-      EXPECT_FALSE(token->init(&error));
-      EXPECT_EQ(error, before);
-    }
-  }
 
   std::optional<FakeToken> token;
 };
@@ -135,32 +125,12 @@ TEST_F(InitToken, PublishesInTheOrderOfTheCardsCertificatesAndAllAtOnce) {
   leavesOpen({kCardSession});
 }
 
-TEST_F(InitToken, PublishesACertificateOnceForEachKeyWithItsId) {
-  script.addObject(ecPublicKey(bytesOf("01"), bytesOf("Twin"), p256Params(), p256Point(9)));
-  EXPECT_TRUE(token->init());
-  EXPECT_THAT(itemTexts(token->contents.items()),
-              ElementsAre(kCertificateItem, kKeyItem, kCertificateItem, kKeyItem));
-  leavesOpen({kCardSession});
-}
-
 TEST_F(InitToken, FillsTheContentsWithNothingFromACardWithoutCertificates) {
   script.card().objects.clear();
   EXPECT_TRUE(token->init());
   ASSERT_THAT(token->contents.fills, SizeIs(1));
   EXPECT_THAT(token->contents.items(), IsEmpty());
   EXPECT_THAT(log->allLines, Contains("default: CTK [MirelSCToken-66] certs count = 0"));
-  leavesOpen({kCardSession});
-}
-
-TEST_F(InitToken, PublishesFortyKeys) {
-  script.card().objects.clear();
-  const Value der = testCertificate({});
-  for (CK_BYTE i = 0; i < 40; ++i) {
-    script.addObject(ecPublicKey({i}, bytesOf("Key"), p256Params(), p256Point(i)));
-    script.addObject(certificate({i}, bytesOf("Key"), der));
-  }
-  EXPECT_TRUE(token->init());
-  EXPECT_THAT(token->contents.items(), SizeIs(80));
   leavesOpen({kCardSession});
 }
 
@@ -173,60 +143,90 @@ TEST_F(InitToken, LeavesErrorsAloneWhenAllIsWell) {
   leavesOpen({kCardSession, kCardSession + 3});
 }
 
-TEST_F(InitToken, TakesAModuleThatIsInitialisedAlready) {
-  script.setInitialised(true);
-  EXPECT_TRUE(token->init());
+// ---- What can go wrong ----
+
+TEST_F(InitToken, FailsOrStaysEmptyWithTheErrorAndTheLinesOfThatFailure) {
+  const struct {
+    const char* name;
+    std::function<void()> arrange;
+    std::vector<std::string> lines;  ///< behind those for the start and the module
+    PortCalls calls = {"card.name"};
+    std::optional<TKError> error = std::nullopt;
+    bool isMade = false;
+    bool keepsProvider = true;
+    std::size_t sessions = 0;
+  } rows[] = {
+      {.name = "the module cannot be initialised",
+       .arrange = [&] { script.failCallOf("C_Initialize", 0, CKR_GENERAL_ERROR); },
+       .lines = {kNoProvider},
+       .calls = {},
+       .keepsProvider = false},
+      {.name = "the card does not answer",
+       .arrange = [&] { script.pullCard(); },
+       .lines = {kNoDescription, kNoTokenId},
+       .error = tokenError(-6)},
+      {.name = "there is no such reader",
+       .arrange = [&] { token->card.readerName = Text{u"Reader Z"}; },
+       .lines = {kNoDescription, kNoTokenId},
+       .error = tokenError(-6)},
+      {.name = "the identifier is empty",
+       .arrange = [&] { script.card().info.label[0] = script.card().info.serialNumber[0] = 0; },
+       .lines = {kNoTokenId},
+       .error = tokenError(-6)},
+      {.name = "the platform refuses the token",
+       .arrange = [&] { token->isRefused = true; },
+       .lines = {kInstanceIdLine, kEnd},
+       .calls = {"card.name", "super"},
+       .keepsProvider = false},
+      {.name = "the certificates cannot be listed",
+       .arrange = [&] { script.failCallOf("C_FindObjectsInit", 0, CKR_DEVICE_ERROR); },
+       .lines = {kInstanceIdLine, kNoCertificates, kEnd},
+       .calls = {"card.name", "super"},
+       .isMade = true,
+       .sessions = 1},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    const auto init = [&](TKErrorPointer outError) {
+      resetCard();
+      log->allLines.clear();
+      calls.clear();
+      token.emplace(services(), &calls);
+      row.arrange();
+      EXPECT_EQ(token->init(outError), row.isMade);
+      EXPECT_THAT(calls, ElementsAreArray(row.calls));
+      EXPECT_EQ(token->core.sp() != nullptr, row.keepsProvider);
+      EXPECT_EQ(script.openSessions().size(), row.sessions);
+      std::vector<std::string> expected = row.lines;
+      // Without an error pointer there is no line for the error either.
+      if (!outError) std::erase(expected, kNoTokenId);
+      expected.insert(expected.begin(), {kStart, moduleLine()});
+      EXPECT_EQ(log->allLines, expected);
+    };
+    init(nullptr);
+    for (const auto& before : kErrorsBefore) {
+      std::optional<TKError> error = before;
+      init(&error);
+      EXPECT_EQ(error, row.error ? row.error : before);
+    }
+  }
   leavesOpen({kCardSession});
 }
 
-// ---- The provider cannot be made ----
-
-TEST_F(InitToken, AsksThePlatformForNothingWithoutAProvider) {
+TEST_F(InitToken, FailsWithoutAModule) {
   takeModuleAway();
   token.emplace(services(), &calls);
   EXPECT_FALSE(token->init());
-  EXPECT_FALSE(token->core.sp());
   EXPECT_THAT(calls, IsEmpty());
   EXPECT_THAT(log->allLines, ElementsAre(kStart, moduleLine(), kNoProvider));
 }
 
-TEST_F(InitToken, SetsNoErrorWithoutAProvider) {
-  script.failCallOf("C_Initialize", 0, CKR_GENERAL_ERROR, Times::kFromThenOn);
-  expectNoTokenAndNoError();
-}
-
-// ---- The card has no identifier ----
-
-TEST_F(InitToken, ReportsACardThatDoesNotAnswerAndKeepsTheProvider) {
-  script.pullCard();
-  std::optional<TKError> error;
-  EXPECT_FALSE(token->init(&error));
-  EXPECT_EQ(error, tokenError(-6));
-  EXPECT_THAT(calls, ElementsAre("card.name"));
-  EXPECT_THAT(log->allLines, ElementsAre(kStart, moduleLine(), kNoDescription, kNoTokenId));
-  EXPECT_TRUE(token->core.sp());
-}
-
-TEST_F(InitToken, ReplacesAnEarlierError) {
-  script.pullCard();
-  std::optional<TKError> error = kEarlierError;
-  EXPECT_FALSE(token->init(&error));
-  EXPECT_EQ(error, tokenError(-6));
-  EXPECT_THAT(log->allLines, Contains(kNoTokenId));
-}
-
-TEST_F(InitToken, FailsWithoutALineWithoutAnErrorPointer) {
-  script.pullCard();
+TEST_F(InitToken, LeavesTheCardAloneWhenThePlatformRefuses) {
+  token->isRefused = true;
+  std::size_t callsBefore = 0;
+  token->whenRegistered = [&] { callsBefore = script.calls().size(); };
   EXPECT_FALSE(token->init());
-  EXPECT_THAT(log->allLines, ElementsAre(kStart, moduleLine(), kNoDescription));
-}
-
-TEST_F(InitToken, ReportsAReaderThatThereIsNot) {
-  token->card.readerName = Text{u"Reader Z"};
-  std::optional<TKError> error;
-  EXPECT_FALSE(token->init(&error));
-  EXPECT_EQ(error, tokenError(-6));
-  EXPECT_THAT(calls, ElementsAre("card.name"));
+  EXPECT_EQ(script.calls().size(), callsBefore);
 }
 
 /// The name of no reader is what every name begins with.
@@ -234,56 +234,6 @@ TEST_F(InitToken, TakesTheFirstCardForAConnectionToNone) {
   token->card.isConnected = false;
   EXPECT_TRUE(token->init());
   EXPECT_THAT(token->instanceIDs, ElementsAre(kInstanceID));
-  leavesOpen({kCardSession});
-}
-
-TEST_F(InitToken, ReportsAnEmptyIdentifier) {
-  script.card().info.label[0] = 0;
-  script.card().info.serialNumber[0] = 0;
-  std::optional<TKError> error;
-  EXPECT_FALSE(token->init(&error));
-  EXPECT_EQ(error, tokenError(-6));
-  EXPECT_THAT(calls, ElementsAre("card.name"));
-  EXPECT_THAT(log->allLines, ElementsAre(kStart, moduleLine(), kNoTokenId));
-}
-
-// ---- The platform refuses the token ----
-
-TEST_F(InitToken, EndsWhenThePlatformRefuses) {
-  token->isRefused = true;
-  std::size_t callsBefore = 0;
-  token->whenRegistered = [&] { callsBefore = script.calls().size(); };
-  EXPECT_FALSE(token->init());
-  EXPECT_THAT(calls, ElementsAre("card.name", "super"));
-  EXPECT_THAT(log->allLines, ElementsAre(kStart, moduleLine(), kInstanceIdLine, kEnd));
-  EXPECT_EQ(script.calls().size(), callsBefore);
-  EXPECT_FALSE(token->core.sp());
-}
-
-TEST_F(InitToken, SetsNoErrorWhenThePlatformRefuses) {
-  token->isRefused = true;
-  expectNoTokenAndNoError();
-}
-
-// ---- The certificates cannot be listed ----
-
-TEST_F(InitToken, GivesATokenWhoseContentsAreNotFilledWhenTheCardCannotBeListed) {
-  script.failCallOf("C_FindObjectsInit", 0, CKR_DEVICE_ERROR);
-  std::optional<TKError> error;
-  EXPECT_TRUE(token->init(&error));
-  EXPECT_EQ(error, std::nullopt);
-  EXPECT_THAT(calls, ElementsAre("card.name", "super"));
-  EXPECT_THAT(log->allLines, ElementsAre(kStart, moduleLine(), kInstanceIdLine, kNoCertificates, kEnd));
-  leavesOpen({kCardSession});
-}
-
-TEST_F(InitToken, GivesATokenWhoseContentsAreNotFilledForACertificateThatIsTooLong) {
-  constexpr std::size_t kTooLong = 2001;  // bytes; one more than the card framework reads
-  Object& object = script.object(kCertificate);
-  object = object.with(CKA_VALUE, patternValue(kTooLong, 1));
-  EXPECT_TRUE(token->init());
-  EXPECT_THAT(token->contents.fills, IsEmpty());
-  EXPECT_THAT(log->allLines, Contains(kNoCertificates));
   leavesOpen({kCardSession});
 }
 

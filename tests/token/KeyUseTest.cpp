@@ -1,7 +1,6 @@
 /// Signing and decrypting after a login.
 
 #include <algorithm>
-#include <functional>
 
 #include "token/KeyOperations.h"
 
@@ -63,6 +62,7 @@ TEST_P(KeyUse, GivesTheResultOfTheCardInTheSessionOfTheLogin) {
     EXPECT_EQ(script.countOf(GetParam().function), 1U);
     EXPECT_EQ(script.countOf("C_Login") + script.countOf("C_OpenSession"), 0U);
     EXPECT_THAT(script.openOperations(), IsEmpty());
+    EXPECT_EQ(client->core->authState(), 1) << "the session is not used up";
   }
 }
 
@@ -77,12 +77,6 @@ TEST_P(KeyUse, DoesNotAskWhatTheKeyCanDo) {
   key.objectID = kKey;
   publish({key});
   EXPECT_EQ(use(), result());
-}
-
-TEST_P(KeyUse, DoesNotUseTheSessionUp) {
-  for (int i = 0; i < 3; ++i) EXPECT_EQ(use(), result());
-  EXPECT_EQ(client->core->authState(), 1);
-  EXPECT_TRUE(client->platform.card.marked);
 }
 
 TEST_P(KeyUse, NeedsAPinInEverySession) {
@@ -116,61 +110,42 @@ TEST_P(KeyUse, LooksForItsAlgorithmsInOrderAfterThePrintedNames) {
   EXPECT_EQ(every.askedFor.size(), kNumPrinted + 1);
 }
 
-TEST_P(KeyUse, IsDoneWithNoOtherAlgorithm) {
-  const auto& own = GetParam().algorithms;
-  for (const auto& [algorithm, name] : kSecKeyAlgorithms) {
-    if (std::find(own.begin(), own.end(), algorithm) != own.end()) continue;
-    SCOPED_TRACE(name);
+TEST_P(KeyUse, AnswersNothingAndNoErrorToAnotherAlgorithm) {
+  std::vector<std::string> lines{GetParam().start,
+                                 kGeneralStart,
+                                 kAuthenticatedStart,
+                                 kAuthenticatedEnd,
+                                 kGeneralEnd,
+                                 GetParam().choice,
+                                 "process: kSecKeyAlgorithmRSASignatureMessagePSSSHA256"};
+  if (GetParam().notSupported) lines.emplace_back(GetParam().notSupported);
+  for (const auto& before : kErrorsBefore) {
     forget();
-    std::optional<TKError> error;
-    EXPECT_TRUE(use(*client, FakeKeyAlgorithm{algorithm}, &error).isNull());
-    EXPECT_EQ(error, std::nullopt);
+    std::optional<TKError> error = before;
+    const FakeKeyAlgorithm another{kSecKeyAlgorithmRSASignatureMessagePSSSHA256};
+    EXPECT_TRUE(use(*client, another, &error).isNull());
+    EXPECT_EQ(error, before);
+    EXPECT_EQ(log->allLines, lines);
     EXPECT_THAT(script.callTexts(), IsEmpty());
   }
 }
 
-TEST_P(KeyUse, LogsAnAlgorithmThatItIsNotDoneWith) {
-  EXPECT_TRUE(use(*client, FakeKeyAlgorithm{kSecKeyAlgorithmRSASignatureMessagePSSSHA256}).isNull());
-  std::vector<std::string> expected{GetParam().start,
-                                    kGeneralStart,
-                                    kAuthenticatedStart,
-                                    kAuthenticatedEnd,
-                                    kGeneralEnd,
-                                    GetParam().choice,
-                                    "process: kSecKeyAlgorithmRSASignatureMessagePSSSHA256"};
-  if (GetParam().notSupported) expected.emplace_back(GetParam().notSupported);
-  EXPECT_EQ(log->allLines, expected);
-}
-
 // ---- Answers that are handed out whatever the provider says ----
 
-TEST_P(KeyUse, GivesAnEmptyAnswerWhereTheProviderRefuses) {
-  const struct {
-    const char* name;
-    std::function<void()> arrange;
-  } rows[] = {
-      {"no provider", [&] { client->core->setSp(nullptr); }},
-      {"the objects cannot be read",
-       [&] { script.failCallOf("C_FindObjectsInit", 0, CKR_DEVICE_ERROR, Times::kFromThenOn); }},
-      {"the key has gone from the card", [&] { script.card().objects.erase(kPublicKey); }},
-      {"the user was logged out", [&] { script.card().loggedIn = false; }},
-      {"another reader", [&] { client->platform.card.readerName = Text{u"Reader B 00"}; }},
-      {"a longer name of the reader", [&] { client->platform.card.readerName = Text{u"Reader A 001"}; }},
-      {"a name in small letters", [&] { client->platform.card.readerName = Text{u"reader a 00"}; }},
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.name);
-    logInAnew();
-    row.arrange();
-    expectEmpty();
-  }
-}
-
-TEST_P(KeyUse, AsksNobodyForAReaderWithoutAProvider) {
+TEST_P(KeyUse, GivesAnEmptyAnswerWithoutAProviderAndAsksNobodyForAReader) {
   client->core->setSp(nullptr);
   EXPECT_EQ(use(), zeros(0));
   EXPECT_THAT(calls, ElementsAre("session.keyForObjectID 01", "session.smartCard", "card.hasContext"));
+  expectEmpty();
   EXPECT_THAT(script.callTexts(), IsEmpty());
+}
+
+TEST_P(KeyUse, GivesAnEmptyAnswerWhereTheProviderRefuses) {
+  client->platform.card.readerName = Text{u"Reader B 00"};
+  expectEmpty();
+  client->platform.card.readerName = Text{kReader};
+  script.card().objects.erase(kPublicKey);
+  expectEmpty();
 }
 
 TEST_P(KeyUse, GivesAnEmptyAnswerWhenTheCardWasPulledAfterThePin) {
@@ -220,14 +195,6 @@ TEST_F(SignData, LogsItsWay) {
                   "= 256, bytes = 0x67657167 63697d6b 6f6d796f 6b716573 ... 9f9d899f 9b617563 }"));
 }
 
-TEST_F(SignData, PrintsNothingForTheAlgorithmWithoutAPrintedName) {
-  const FakeKeyAlgorithm algorithm{kSecKeyAlgorithmRSASignatureDigestPKCS1v15Raw};
-  (void)client->core->signData(client->platform, Bytes{Value(32)}, kKey, algorithm, nullptr);
-  ASSERT_GT(log->allLines.size(), 6U);
-  EXPECT_EQ(log->allLines[5], "default: CTK [MirelSCTokenSession-217] ");
-  EXPECT_THAT(log->allLines[6], HasSubstr("pccAlgName"));
-}
-
 TEST_F(SignData, DescribesDataInItsResultLine) {
   const struct {
     std::size_t size;
@@ -244,32 +211,21 @@ TEST_F(SignData, DescribesDataInItsResultLine) {
   }
 }
 
-TEST_F(SignData, TellsInItsResultLineAloneThatTheProviderRefused) {
+TEST_F(SignData, TellsTheProvidersAnswerInItsResultLine) {
+  script.failCallOf("C_Sign", 0, CKR_DEVICE_ERROR);
+  EXPECT_EQ(client->sign(bytesOf("data")), zeros(kModulusLen));
+  EXPECT_THAT(resultLine(), HasSubstr("isSigned = 1 "));
   script.failCallOf("C_FindObjectsInit", 0, CKR_DEVICE_ERROR);
   EXPECT_EQ(client->sign(bytesOf("data")), zeros(0));
-  EXPECT_EQ(log->allLines.back(),
+  EXPECT_EQ(resultLine(),
             "process: isSigned = 0 dataToSign = {length = 4, bytes = 0x64617461}, signature = {length = 0, "
             "bytes = 0x}");
-}
-
-TEST_F(SignData, GivesZerosAndNoErrorForASignatureThatTheCardFailsToMake) {
-  for (const char* const function : {"C_SignInit", "C_Sign"}) {
-    SCOPED_TRACE(function);
-    logInAnew();
-    script.failCallOf(function, 0, CKR_DEVICE_ERROR);
-    std::optional<TKError> error;
-    EXPECT_EQ(client->sign(Value(kModulusLen), &error), zeros(kModulusLen));
-    EXPECT_EQ(error, std::nullopt);
-    EXPECT_THAT(resultLine(), HasSubstr("isSigned = 1 "));
-  }
 }
 
 TEST_F(SignData, GivesZerosForNoData) {
   const FakeKeyAlgorithm raw{kSecKeyAlgorithmRSASignatureRaw};
   EXPECT_EQ(client->core->signData(client->platform, Bytes{}, kKey, raw, nullptr), zeros(kModulusLen));
   EXPECT_THAT(resultLine(), HasSubstr("dataToSign = (null), "));
-  EXPECT_EQ(client->sign(Value{}), zeros(kModulusLen));
-  EXPECT_THAT(resultLine(), HasSubstr("dataToSign = {length = 0, bytes = 0x}, "));
 }
 
 TEST_F(SignData, HasRoomFor256Bytes) {
@@ -302,19 +258,6 @@ TEST_F(DecryptData, LogsItsWay) {
                   "process: [MirelCTKFramework-607] -[MirelCTKFramework PerformPKCS1Decrypt:::::::]"));
 }
 
-TEST_F(DecryptData, IsDoneWithTwoAlgorithmsThatAreNotSupported) {
-  const Value plainText = bytesOf("attack at dawn");
-  for (const SecKeyAlgorithm one :
-       {kSecKeyAlgorithmRSAEncryptionOAEPSHA384, kSecKeyAlgorithmRSAEncryptionOAEPSHA256AESGCM}) {
-    const FakeKeyAlgorithm algorithm{one};
-    EXPECT_FALSE(
-        client->core->supportsOperation(client->platform, TKTokenOperation::kDecryptData, kKey, algorithm));
-    EXPECT_EQ(
-        client->core->decryptData(client->platform, Bytes{cipherOf(plainText)}, kKey, algorithm, nullptr),
-        Bytes{plainText});
-  }
-}
-
 TEST_F(DecryptData, KeepsThePlainTextOutOfTheLines) {
   script.deviations.plainText = bytesOf("a very secret text");
   EXPECT_EQ(client->decrypt(patternValue(256, 0x20)), Bytes{bytesOf("a very secret text")});
@@ -327,19 +270,9 @@ TEST_F(DecryptData, KeepsThePlainTextOutOfTheLines) {
   }
 }
 
-TEST_F(DecryptData, GivesAnEmptyPlainTextWhetherTheCardDecryptsToThatOrFails) {
+TEST_F(DecryptData, GivesAnEmptyPlainTextForNoneAndForNoCipherText) {
   EXPECT_EQ(client->decrypt(cipherOf({})), zeros(0));
-  for (const char* const function : {"C_GetAttributeValue", "C_DecryptInit", "C_Decrypt"}) {
-    SCOPED_TRACE(function);
-    logInAnew();
-    script.failCallOf(function, 0, CKR_DEVICE_ERROR);
-    std::optional<TKError> error;
-    EXPECT_EQ(client->decrypt(cipherOf(bytesOf("attack at dawn")), &error), zeros(0));
-    EXPECT_EQ(error, std::nullopt);
-  }
-  for (const Value& cipher : {Value{}, Value{0x01}, patternValue(256, 1), patternValue(257, 1)}) {
-    EXPECT_EQ(client->decrypt(cipher), zeros(0));
-  }
+  EXPECT_EQ(client->decrypt(Value{}), zeros(0));
   const FakeKeyAlgorithm pkcs1{kSecKeyAlgorithmRSAEncryptionPKCS1};
   EXPECT_EQ(client->core->decryptData(client->platform, Bytes{}, kKey, pkcs1, nullptr), zeros(0));
 }
@@ -355,12 +288,6 @@ TEST_F(DecryptData, HasRoomFor2000Bytes) {
     script.deviations.plainText = patternValue(length, 1);
     EXPECT_EQ(client->decrypt({0x01}).size(), length > 2000 ? 0 : length);
   }
-}
-
-TEST_F(DecryptData, LogsAKeyThatHasGoneFromTheCard) {
-  script.card().objects.erase(kPublicKey);
-  EXPECT_EQ(client->decrypt(cipherOf(bytesOf("attack at dawn"))), zeros(0));
-  EXPECT_EQ(log->allLines.back(), "error: pAsymKeyInfo is nil");
 }
 
 }  // namespace

@@ -49,6 +49,27 @@ class LongUse : public LoggedInTest {
       forgetAll();
     }
   }
+
+  void expectOneSessionBehindEach(const std::function<void()>& login) {
+    const auto round = [&] {
+      script.card().loggedIn = false;
+      script.card().triesLeft = 3;
+      login();
+    };
+    repeat(kFirstRounds, round);
+    const std::size_t files = openFiles();
+    const std::size_t heap = heapInUse();
+    const std::size_t sessionsBefore = script.openSessions().size();
+    EXPECT_EQ(sessionsBefore, 2U + kFirstRounds);
+    repeat(kRounds, round);
+    EXPECT_EQ(openFiles(), files);
+    const auto sessions = script.openSessions();
+    EXPECT_EQ(sessions.size(), sessionsBefore + kRounds);
+    // They are the module's; without them nothing is left.
+    for (std::size_t i = sessionsBefore; i < sessions.size(); ++i) script.closeSession(sessions[i]);
+    EXPECT_LE(heapInUse(), heap + kHeapNoise);
+    leavesOpen(script.openSessions());
+  }
 };
 
 TEST_F(LongUse, OfOneLoginForAThousandSignaturesLeavesNothingBehind) {
@@ -70,44 +91,15 @@ TEST_F(LongUse, OfOneLoginForAThousandSignaturesLeavesNothingBehind) {
 }
 
 TEST_F(LongUse, OfAThousandLoginsLeavesOneSessionOfTheModuleBehindEach) {
-  const auto round = [&] {
-    script.card().loggedIn = false;
-    ASSERT_TRUE(client->login());
-  };
-  repeat(kFirstRounds, round);
-  const std::size_t files = openFiles();
-  const std::size_t heap = heapInUse();
-  const std::size_t sessionsBefore = script.openSessions().size();
-  repeat(kRounds, round);
-  EXPECT_EQ(openFiles(), files);
-  EXPECT_EQ(sessionsBefore, 2U + kFirstRounds);
-  const auto sessions = script.openSessions();
-  EXPECT_EQ(sessions.size(), sessionsBefore + kRounds);
-
-  // They are the module's; without them nothing is left.
-  for (std::size_t i = sessionsBefore; i < sessions.size(); ++i) script.closeSession(sessions[i]);
-  EXPECT_LE(heapInUse(), heap + kHeapNoise);
-  leavesOpen(script.openSessions());
+  expectOneSessionBehindEach([&] { ASSERT_TRUE(client->login()); });
 }
 
 TEST_F(LongUse, OfAThousandRefusedPinsLeavesOneSessionOfTheModuleBehindEach) {
-  const auto round = [&] {
-    script.card().loggedIn = false;
-    script.card().triesLeft = 3;
+  expectOneSessionBehindEach([&] {
     std::optional<TKError> error;
     ASSERT_FALSE(client->login(u"000000", &error));
     ASSERT_TRUE(error);
-  };
-  repeat(kFirstRounds, round);
-  const std::size_t files = openFiles();
-  const std::size_t heap = heapInUse();
-  repeat(kRounds, round);
-  EXPECT_EQ(openFiles(), files);
-  const auto sessions = script.openSessions();
-  EXPECT_EQ(sessions.size(), 2U + kFirstRounds + kRounds);
-  for (std::size_t i = 2U + kFirstRounds; i < sessions.size(); ++i) script.closeSession(sessions[i]);
-  EXPECT_LE(heapInUse(), heap + kHeapNoise);
-  leavesOpen(script.openSessions());
+  });
 }
 
 }  // namespace

@@ -122,36 +122,33 @@ TEST_F(EnteredPin, GoesToTheCardWithItsLengthInCharacters) {
   }
 }
 
-TEST_F(EnteredPin, IsRefusedWithoutBeingTriedWhenItIsEmptyOrTooLong) {
-  const std::u16string_view pins[] = {u"", u"123456789",
-                                      u"\u00E4\u00E4\u00E4\u00E4\u00E4\u00E4\u00E4\u00E4\u00E4",
-                                      // Eight characters for the user, nine in UTF-16.
-                                      u"1234567\U0001F511"};
-  for (const auto pin : pins) {
-    SCOPED_TRACE(Text{pin}.toUtf8());
+TEST_F(EnteredPin, IsRefusedWithoutBeingTriedWhenThereIsNoneOrItIsEmptyOrTooLong) {
+  const auto entered = [](std::u16string_view pin) { return std::make_shared<const SecretText>(pin); };
+  const struct {
+    const char* name;
+    std::shared_ptr<const SecretText> pin;
+  } rows[] = {
+      {"none", nullptr},
+      {"null", std::make_shared<const SecretText>()},
+      {"empty", entered(u"")},
+      {"nine digits", entered(u"123456789")},
+      {"nine characters of two bytes", entered(u"\u00E4\u00E4\u00E4\u00E4\u00E4\u00E4\u00E4\u00E4\u00E4")},
+      {"eight characters for the user, nine in UTF-16", entered(u"1234567\U0001F511")},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
     startAnew();
     script.card().info.ulMaxPinLen = 64;
+    FakePinEntry entry = pinEntry();
+    entry.request.pin = row.pin;
     std::optional<TKError> error;
-    EXPECT_FALSE(client->login(pin, &error));
+    EXPECT_FALSE(entry.finish(&error));
     ASSERT_TRUE(error);
     EXPECT_EQ(error->code, -5);
     EXPECT_EQ(client->core->authState(), 0);
     EXPECT_EQ(script.countOf("C_Login"), 0U);
     EXPECT_EQ(script.card().triesLeft, 3U);
   }
-}
-
-TEST_F(EnteredPin, IsRefusedWithoutBeingTriedWhenThereIsNone) {
-  FakePinEntry entry = pinEntry();
-  for (const auto& none : {std::shared_ptr<const SecretText>{}, std::make_shared<const SecretText>()}) {
-    entry.request.pin = none;
-    std::optional<TKError> error;
-    EXPECT_FALSE(entry.finish(&error));
-    ASSERT_TRUE(error);
-    EXPECT_EQ(error->code, -5);
-  }
-  EXPECT_EQ(script.countOf("C_Login"), 0U);
-  leavesOpen({kCardSession, kLoginSession, kLoginSession + 2});
 }
 
 TEST_F(EnteredPin, StandsInNoLine) {

@@ -79,11 +79,6 @@ TEST_F(TokenSession, GoesOnWithoutAProvider) {
   }
 }
 
-TEST_F(TokenSession, LeavesTheCardAlone) {
-  EXPECT_TRUE(init(&token->core));
-  EXPECT_THAT(script.callTexts(), IsEmpty());
-}
-
 // ---- How a token makes one ----
 
 TEST_F(TokenSession, IsMadeByTheTokenBetweenItsLines) {
@@ -137,7 +132,7 @@ class BeginAuth : public ClientSessionTest {
   }
 };
 
-TEST_F(BeginAuth, IsForThePinConstraintsAndLeavesErrorsAlone) {
+TEST_F(BeginAuth, IsForThePinConstraintsAndDoesNothingElse) {
   for (const Text& constraint : {Text{u"PIN"}, Text{u"PINAlways"}}) {
     SCOPED_TRACE(constraint.toUtf8());
     EXPECT_TRUE(begin(constraint));
@@ -147,15 +142,8 @@ TEST_F(BeginAuth, IsForThePinConstraintsAndLeavesErrorsAlone) {
       EXPECT_EQ(error, before);
     }
   }
-}
-
-TEST_F(BeginAuth, DoesNothingElse) {
-  EXPECT_TRUE(begin(Text{u"PIN"}));
-  EXPECT_FALSE(begin(Text{u"Biometry"}));
   EXPECT_EQ(client->core->authState(), 0);
   EXPECT_THAT(calls, IsEmpty());
-  EXPECT_THAT(script.callTexts(), IsEmpty());
-  EXPECT_THAT(log->allLines, IsEmpty());
 }
 
 TEST_F(BeginAuth, RefusesOtherConstraints) {
@@ -184,6 +172,9 @@ TEST_F(BeginAuth, RefusesOtherConstraints) {
       EXPECT_EQ(error, tokenError(-8, Text::fromUtf8(kRefusalKey)));
     }
   }
+  EXPECT_THAT(calls, IsEmpty());
+  EXPECT_THAT(script.callTexts(), IsEmpty());
+  EXPECT_THAT(log->allLines, IsEmpty());
 }
 
 TEST_F(BeginAuth, ExplainsARefusalInTheUsersLanguage) {

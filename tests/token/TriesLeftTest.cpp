@@ -17,6 +17,11 @@ class TriesLeft : public ::testing::Test {
     return triesLeftText(strings, triesLeft).toUtf8();
   }
 
+  [[nodiscard]] static std::string english(const std::string& triesLeft) {
+    return "The card did not accept the PIN (tries left: " + triesLeft +
+           "; 0 means that the card's software does not say).";
+  }
+
   FakeLocalizedStrings strings;
 };
 
@@ -88,25 +93,13 @@ TEST_F(TriesLeft, SpeaksEnglishWhenTheFormatIsAnother) {
                                          u"%lu\0%s"sv, u"%\0lu"sv};
   for (const auto format : formats) {
     SCOPED_TRACE(Text{format}.toUtf8());
-    EXPECT_EQ(
-        textOf(Text{format}),
-        "The card did not accept the PIN (tries left: 2; 0 means that the card's software does not say).");
+    EXPECT_EQ(textOf(Text{format}), english("2"));
   }
 }
 
-TEST_F(TriesLeft, SpeaksEnglishWithoutAFormat) {
-  EXPECT_EQ(
-      textOf(Text{}),
-      "The card did not accept the PIN (tries left: 2; 0 means that the card's software does not say).");
-}
-
 TEST_F(TriesLeft, FillsTheNumberIntoTheEnglishText) {
-  EXPECT_EQ(
-      textOf(Text{u"%s"}, 0),
-      "The card did not accept the PIN (tries left: 0; 0 means that the card's software does not say).");
-  EXPECT_EQ(textOf(Text{u"%s"}, 0xFFFFFFFFFFFFFFFF),
-            "The card did not accept the PIN (tries left: 18446744073709551615; 0 means that the card's "
-            "software does not say).");
+  EXPECT_EQ(textOf(Text{}, 0), english("0"));
+  EXPECT_EQ(textOf(Text{u"%s"}, 0xFFFFFFFFFFFFFFFF), english("18446744073709551615"));
 }
 
 }  // namespace
