@@ -20,8 +20,6 @@ Text describedObject(std::string_view className, const void* object) {
   return Text::fromUtf8(std::string{"<"}.append(className).append(": 0x").append(address).append(">"));
 }
 
-Text none() { return Text{}.orNullMark(); }
-
 }  // namespace
 
 // ---- Keychain contents ----
@@ -73,7 +71,7 @@ std::shared_ptr<HostToken> HostToken::createdForReader(const PlatformServices& s
   MirelSCTokenDriver{services}.createTokenForSmartCard([&] {
     token = std::make_shared<HostToken>(services, readerName);
     if (!token->initWithSmartCard(outError)) token.reset();
-    return token ? token->description() : none();
+    return token ? token->description() : Text{};
   });
   return token;
 }
@@ -91,7 +89,7 @@ std::shared_ptr<HostTokenSession> HostToken::createSessionWithError(TKErrorPoint
   core_.createSessionWithError(description(), outError, [&] {
     session = std::make_shared<HostTokenSession>(services_, readerName_, weak_from_this());
     if (!session->initWithToken()) session.reset();
-    return session ? session->description() : none();
+    return session ? session->description() : Text{};
   });
   return session;
 }

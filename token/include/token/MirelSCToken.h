@@ -40,10 +40,10 @@ class MirelSCToken {
   [[nodiscard]] bool initWithSmartCard(const TKSmartCard& smartCard, TKTokenKeychainContents& contents,
                                        const Super& super, TKErrorPointer outError) noexcept;
 
-  /// Makes a session by `newSession`, which initialises one on this token and returns what prints for it,
-  /// "(null)" when the platform refuses one. `token`: what prints for the token that the platform names,
-  /// which is only logged. `error`: null when the caller gave no place for an error; else it is only looked
-  /// at.
+  /// Makes a session by `newSession`, which initialises one on this token and returns what prints for it;
+  /// null when the platform refuses one. `token`: what prints for the token that the platform names, which is
+  /// only logged; null for none. `error`: null when the caller gave no place for an error; else it is only
+  /// looked at.
   void createSessionWithError(const Text& token, const std::optional<TKError>* error,
                               const std::function<Text()>& newSession) noexcept;
 

@@ -13,7 +13,7 @@ class MirelSCTokenDriver {
   explicit MirelSCTokenDriver(PlatformServices services) noexcept;
 
   /// `newToken`: makes a token and initialises it with the card, the AID and the error pointer that the
-  /// caller was given (see MirelSCToken::initWithSmartCard); returns what prints for it, "(null)" for none.
+  /// caller was given (see MirelSCToken::initWithSmartCard); returns what prints for it, null for none.
   void createTokenForSmartCard(const std::function<Text()>& newToken) noexcept;
 
  private:
