@@ -13,7 +13,6 @@ struct KeyOperation {
   Bytes (MirelSCTokenSession::*use)(TKSmartCardTokenSession&, const Bytes&, const Text&,
                                     const TKTokenKeyAlgorithm&, TKErrorPointer) noexcept;
   SecKeyAlgorithm algorithm;  ///< one that it is done with
-  const char* printedName;    ///< of that algorithm
   Value input;
   Value result;
   /// All algorithms that it is done with, in the order in which they are looked for.
@@ -38,7 +37,6 @@ struct KeyOperation {
       {"Sign",
        &MirelSCTokenSession::signData,
        kSecKeyAlgorithmRSASignatureRaw,
-       "process: kSecKeyAlgorithmRSASignatureRaw",
        kBlock,
        resultOf(CKM_RSA_X_509, kBlock, kModulusLen),
        {kSecKeyAlgorithmRSASignatureRaw, kSecKeyAlgorithmRSASignatureDigestPKCS1v15Raw,
@@ -53,7 +51,6 @@ struct KeyOperation {
       {"Decrypt",
        &MirelSCTokenSession::decryptData,
        kSecKeyAlgorithmRSAEncryptionPKCS1,
-       "process: SC_ALGORITHM_RSA_PAD_PKCS1",
        cipherOf(kPlainText),
        kPlainText,
        {kSecKeyAlgorithmRSAEncryptionRaw, kSecKeyAlgorithmRSAEncryptionPKCS1,
