@@ -10,6 +10,7 @@
 
 #include "Certificate.h"
 #include "Convert.h"
+#include "Guard.h"
 #include "Holder.h"
 #include "platform/Der.h"
 #include "platform/KeyUsage.h"
@@ -33,7 +34,7 @@ class PlatformCertificate final : public SecCertificate {
 
  private:
   /// An attribute of the public key, autoreleased; nil when there is none.
-  [[nodiscard]] id keyAttribute(CFStringRef name) const noexcept;
+  [[nodiscard]] id keyAttribute(CFStringRef name) const;
 
   Bytes der_;
   CFHolder<SecCertificateRef> certificate_;
@@ -41,7 +42,7 @@ class PlatformCertificate final : public SecCertificate {
 
 /// The value of an entry in what SecCertificateCopyValues tells of the certificate, autoreleased; nil when
 /// there is none.
-id valueOf(SecCertificateRef certificate, CFStringRef entry) noexcept {
+id valueOf(SecCertificateRef certificate, CFStringRef entry) {
   const auto values =
       CFHolder<CFDictionaryRef>::adopt(SecCertificateCopyValues(certificate, nullptr, nullptr));
   NSDictionary* entries = (NSDictionary*)values.get();
@@ -64,7 +65,9 @@ Text utcLine(NSTimeInterval since1970) noexcept {
 
 std::optional<std::int32_t> PlatformCertificate::keyUsage() const noexcept {
   @autoreleasepool {
-    if (!valueOf(certificate_.get(), kSecOIDKeyUsage)) return std::nullopt;
+    const bool hasKeyUsage = guarded("the key usage is not known",
+                                     [&] { return valueOf(certificate_.get(), kSecOIDKeyUsage) != nil; });
+    if (!hasKeyUsage) return std::nullopt;
     // What the value looks like is not documented: the SDK declares two layouts of a number (digitalSignature
     // as the lowest bit, and as 0x8000), and any other object is possible. The bits are the certificate's
     // own, therefore.
@@ -74,24 +77,30 @@ std::optional<std::int32_t> PlatformCertificate::keyUsage() const noexcept {
 
 Text PlatformCertificate::subject() const noexcept {
   @autoreleasepool {
-    const auto summary = CFHolder<CFStringRef>::adopt(SecCertificateCopySubjectSummary(certificate_.get()));
-    return textOf((NSString*)summary.get()).isNull() ? Text{u""} : textOf((NSString*)summary.get());
+    const auto summary = guarded("the name of a certificate is not known", [&] {
+      return CFHolder<CFStringRef>::adopt(SecCertificateCopySubjectSummary(certificate_.get()));
+    });
+    const Text text = textOf((NSString*)summary.get());
+    return text.isNull() ? Text{u""} : text;
   }
 }
 
 Text PlatformCertificate::notAfter() const noexcept {
   @autoreleasepool {
-    const id value = valueOf(certificate_.get(), kSecOIDX509V1ValidityNotAfter);
-    // A number counts from the first day of 2001, in UTC.
-    if ([value isKindOfClass:[NSNumber class]]) {
-      return utcLine([static_cast<NSNumber*>(value) doubleValue] + NSTimeIntervalSince1970);
-    }
-    return [value isKindOfClass:[NSDate class]] ? utcLine([static_cast<NSDate*>(value) timeIntervalSince1970])
-                                                : Text{};
+    return guarded("the end of a certificate is not known", [&] {
+      const id value = valueOf(certificate_.get(), kSecOIDX509V1ValidityNotAfter);
+      // A number counts from the first day of 2001, in UTC.
+      if ([value isKindOfClass:[NSNumber class]]) {
+        return utcLine([static_cast<NSNumber*>(value) doubleValue] + NSTimeIntervalSince1970);
+      }
+      return [value isKindOfClass:[NSDate class]]
+                 ? utcLine([static_cast<NSDate*>(value) timeIntervalSince1970])
+                 : Text{};
+    });
   }
 }
 
-id PlatformCertificate::keyAttribute(CFStringRef name) const noexcept {
+id PlatformCertificate::keyAttribute(CFStringRef name) const {
   const auto key = CFHolder<SecKeyRef>::adopt(SecCertificateCopyKey(certificate_.get()));
   if (!key) return nil;
   const auto attributes = CFHolder<CFDictionaryRef>::adopt(SecKeyCopyAttributes(key.get()));
@@ -101,7 +110,7 @@ id PlatformCertificate::keyAttribute(CFStringRef name) const noexcept {
 
 CertificateKeyType PlatformCertificate::keyType() const noexcept {
   @autoreleasepool {
-    const id type = keyAttribute(kSecAttrKeyType);
+    const id type = guarded("the kind of a key is not known", [&] { return keyAttribute(kSecAttrKeyType); });
     if ([type isEqual:(NSString*)kSecAttrKeyTypeRSA]) return CertificateKeyType::kRSA;
     if ([type isEqual:(NSString*)kSecAttrKeyTypeECSECPrimeRandom]) return CertificateKeyType::kECPrimeRandom;
     return CertificateKeyType::kOther;
@@ -110,7 +119,8 @@ CertificateKeyType PlatformCertificate::keyType() const noexcept {
 
 int PlatformCertificate::keySizeInBits() const noexcept {
   @autoreleasepool {
-    const id bits = keyAttribute(kSecAttrKeySizeInBits);
+    const id bits =
+        guarded("the size of a key is not known", [&] { return keyAttribute(kSecAttrKeySizeInBits); });
     return [bits isKindOfClass:[NSNumber class]] ? [static_cast<NSNumber*>(bits) intValue] : 0;
   }
 }
@@ -121,8 +131,11 @@ class PlatformCertificateParser final : public CertificateParser {
     // The platform takes a certificate with anything behind it.
     if (!onlyDerValue(der.view(), kDerSequence)) return nullptr;
     @autoreleasepool {
-      auto certificate =
-          CFHolder<SecCertificateRef>::adopt(SecCertificateCreateWithData(nullptr, (CFDataRef)dataOf(der)));
+      NSData* const data = dataOf(der);
+      if (!data) return nullptr;
+      auto certificate = guarded("a certificate is not read", [&] {
+        return CFHolder<SecCertificateRef>::adopt(SecCertificateCreateWithData(nullptr, (CFDataRef)data));
+      });
       return certificate ? std::make_shared<PlatformCertificate>(der, std::move(certificate)) : nullptr;
     }
   }
@@ -133,13 +146,6 @@ class PlatformCertificateParser final : public CertificateParser {
 SecCertificateRef refOf(const SecCertificate& certificate) noexcept {
   const auto* ours = dynamic_cast<const PlatformCertificate*>(&certificate);
   return ours ? ours->ref() : nullptr;
-}
-
-std::shared_ptr<SecCertificate> wrapped(SecCertificateRef certificate) noexcept {
-  if (!certificate) return nullptr;
-  const auto der = CFHolder<CFDataRef>::adopt(SecCertificateCopyData(certificate));
-  return std::make_shared<PlatformCertificate>(bytesOf((NSData*)der.get()),
-                                               CFHolder<SecCertificateRef>::retain(certificate));
 }
 
 std::shared_ptr<CertificateParser> systemCertificateParser() {

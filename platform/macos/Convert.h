@@ -1,8 +1,8 @@
 #pragma once
 
-/// From the platform's values to this system's and back. Nil is a null value, and the other way round. Texts
-/// keep every code unit, U+0000 included; byte strings every byte. What is made for the platform is
-/// autoreleased.
+/// From the platform's values to this system's and back. Nil is a null value, and the other way round; so is
+/// what the platform raises over. Texts keep every code unit, U+0000 included; byte strings every byte. What
+/// is made for the platform is autoreleased.
 
 #import <Foundation/Foundation.h>
 
@@ -24,5 +24,8 @@ namespace mirel {
 
 /// A copy of the string's content that is wiped when it ends; the string itself is the platform's.
 [[nodiscard]] std::shared_ptr<const SecretText> secretOf(NSString* string) noexcept;
+
+/// What the platform prints for an object; "(null)" for nil.
+[[nodiscard]] Text descriptionOf(id object) noexcept;
 
 }  // namespace mirel

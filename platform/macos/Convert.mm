@@ -1,8 +1,10 @@
 #include "Convert.h"
 
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "Guard.h"
 #include "platform/Memory.h"
 
 namespace mirel {
@@ -15,36 +17,51 @@ std::u16string unitsOf(NSString* string) {
   return units;
 }
 
-NSString* stringOfUnits(std::u16string_view units) noexcept {
-  return [NSString stringWithCharacters:reinterpret_cast<const unichar*>(units.data()) length:units.size()];
-}
-
 }  // namespace
 
-Text textOf(NSString* string) noexcept { return string ? Text{unitsOf(string)} : Text{}; }
+Text textOf(NSString* string) noexcept {
+  return guarded("a text is not read", [&] { return string ? Text{unitsOf(string)} : Text{}; });
+}
 
 Text textOfObject(id object) noexcept {
   return [object isKindOfClass:[NSString class]] ? textOf(static_cast<NSString*>(object)) : Text{};
 }
 
-NSString* stringOf(const Text& text) noexcept { return text.isNull() ? nil : stringOfUnits(text.units()); }
+NSString* stringOf(const Text& text) noexcept {
+  if (text.isNull()) return nil;
+  return guarded("a text is not handed on", [units = text.units()] {
+    return [NSString stringWithCharacters:reinterpret_cast<const unichar*>(units.data()) length:units.size()];
+  });
+}
 
 Bytes bytesOf(NSData* data) noexcept {
   if (!data) return {};
-  const auto* first = static_cast<const std::uint8_t*>([data bytes]);
-  return Bytes{std::vector<std::uint8_t>{first, first + [data length]}};
+  return guarded("data are not read", [&] {
+    const auto* first = static_cast<const std::uint8_t*>([data bytes]);
+    return Bytes{std::vector<std::uint8_t>{first, first + [data length]}};
+  });
 }
 
 NSData* dataOf(const Bytes& bytes) noexcept {
-  return bytes.isNull() ? nil : [NSData dataWithBytes:bytes.view().data() length:bytes.size()];
+  if (bytes.isNull()) return nil;
+  return guarded("data are not handed on",
+                 [&] { return [NSData dataWithBytes:bytes.view().data() length:bytes.size()]; });
 }
 
 std::shared_ptr<const SecretText> secretOf(NSString* string) noexcept {
   if (!string) return nullptr;
-  std::u16string units = unitsOf(string);
-  auto secret = std::make_shared<const SecretText>(units);
-  wipe(units.data(), units.size() * sizeof(char16_t));
+  auto units = guarded("the PIN is not read", [&] { return std::optional{unitsOf(string)}; });
+  if (!units) return nullptr;
+  auto secret = std::make_shared<const SecretText>(*units);
+  wipe(units->data(), units->size() * sizeof(char16_t));
   return secret;
+}
+
+Text descriptionOf(id object) noexcept {
+  @autoreleasepool {
+    NSString* text = guarded("an object is not printed", [&] { return [object description]; });
+    return textOf(text).orNullMark();
+  }
 }
 
 }  // namespace mirel

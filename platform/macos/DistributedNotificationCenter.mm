@@ -3,6 +3,7 @@
 #import <Foundation/Foundation.h>
 
 #include "Convert.h"
+#include "Guard.h"
 
 namespace mirel {
 namespace {
@@ -11,10 +12,12 @@ class FoundationNotificationCenter final : public DistributedNotificationCenter 
  public:
   void postNotificationName(const Text& name, const Text& object, bool deliverImmediately) noexcept override {
     @autoreleasepool {
-      [[NSDistributedNotificationCenter defaultCenter] postNotificationName:stringOf(name)
-                                                                     object:stringOf(object)
-                                                                   userInfo:nil
-                                                         deliverImmediately:deliverImmediately ? YES : NO];
+      guarded("a notification is not sent", [&] {
+        [[NSDistributedNotificationCenter defaultCenter] postNotificationName:stringOf(name)
+                                                                       object:stringOf(object)
+                                                                     userInfo:nil
+                                                           deliverImmediately:deliverImmediately ? YES : NO];
+      });
     }
   }
 };

@@ -1,23 +1,54 @@
 #pragma once
 
-/// Against what the platform raises.
+/// Against what the platform raises. What is raised in one request, say over one card, must not end the
+/// process, and with it the tokens of all other cards; nor may it go through functions of the core, which
+/// take no exceptions. So each call of the platform stands in a guard of its own, with nothing between them
+/// that is noexcept.
 
 #import <Foundation/Foundation.h>
+
+#include <type_traits>
 
 namespace mirel {
 
 /// Writes a line at error level. `what`: what does not happen.
 void logRaised(const char* what, NSException* exception) noexcept;
 
-/// Runs `call`, which hands the platform what a card holds. Not all that it wants of texts and items is
-/// documented; what it raises over one card must not end the process, and with it the tokens of the others.
-template <typename Call>
-void guard(const char* what, Call&& call) noexcept {
-  @try {
-    call();
-  } @catch (NSException* exception) {
-    logRaised(what, exception);
+namespace detail {
+
+template <typename Call, typename Handle>
+auto caught(Call&& call, Handle&& handle) noexcept {
+  using Value = std::invoke_result_t<Call>;
+  if constexpr (std::is_void_v<Value>) {
+    @try {
+      call();
+    } @catch (NSException* exception) {
+      handle(exception);
+    }
+  } else {
+    Value value{};
+    @try {
+      value = call();
+    } @catch (NSException* exception) {
+      handle(exception);
+    }
+    return value;
   }
+}
+
+}  // namespace detail
+
+/// What `call` returns; after an exception a log line, and the value that its type begins with: nil, null, 0,
+/// false. `what`: see logRaised.
+template <typename Call>
+auto guarded(const char* what, Call&& call) noexcept {
+  return detail::caught(call, [what](NSException* exception) { logRaised(what, exception); });
+}
+
+/// The same without a line, for the log itself.
+template <typename Call>
+auto guardedSilently(Call&& call) noexcept {
+  return detail::caught(call, [](NSException*) {});
 }
 
 }  // namespace mirel

@@ -1,19 +1,26 @@
 #include "Guard.h"
 
-#include "Convert.h"
 #include "platform/Log.h"
 
 namespace mirel {
 namespace {
 
-constexpr const char* kUnit = "Guard";
-constexpr int kRaisedLine = 15;
+/// Not by textOf, whose failure would come here again.
+Text readText(NSString* string) noexcept {
+  return guardedSilently([string] {
+    const char* const utf8 = [string UTF8String];
+    return utf8 ? Text::fromUtf8(utf8) : Text{};
+  });
+}
 
 }  // namespace
 
 void logRaised(const char* what, NSException* exception) noexcept {
-  systemLog()->systemError(logLine("[%s-%d] %s: the system raised %@: %@; see \"mireltoken items\"", kUnit,
-                                   kRaisedLine, what, textOf([exception name]), textOf([exception reason])));
+  @autoreleasepool {
+    systemLog()->systemError(logLine("[%s-%d] %s: the system raised %@: %@; see \"mireltoken items\"",
+                                     "Guard", 15, what, readText([exception name]),
+                                     readText([exception reason])));
+  }
 }
 
 }  // namespace mirel

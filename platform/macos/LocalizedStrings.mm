@@ -5,6 +5,7 @@
 #include <string>
 
 #include "Convert.h"
+#include "Guard.h"
 
 namespace mirel {
 namespace {
@@ -14,7 +15,9 @@ class BundleStrings final : public LocalizedStrings {
   Text localizedString(std::string_view key) noexcept override {
     @autoreleasepool {
       NSString* name = stringOf(Text::fromUtf8(key));
-      return textOf([[NSBundle mainBundle] localizedStringForKey:name value:@"" table:nil]);
+      return textOf(guarded("a text is not translated", [&] {
+        return [[NSBundle mainBundle] localizedStringForKey:name value:@"" table:nil];
+      }));
     }
   }
 };

@@ -3,6 +3,7 @@
 #import <Foundation/Foundation.h>
 
 #include "Convert.h"
+#include "Guard.h"
 
 namespace mirel {
 namespace {
@@ -11,7 +12,7 @@ class FoundationUserDirectory final : public UserDirectory {
  public:
   std::string loginName() noexcept override {
     @autoreleasepool {
-      return textOf(NSUserName()).toUtf8();
+      return textOf(guarded("the user's name is not known", [] { return NSUserName(); })).toUtf8();
     }
   }
   /// In a sandbox the home folder that the system tells is the container, so the path is built.

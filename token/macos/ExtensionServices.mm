@@ -1,9 +1,9 @@
-#import "Bases.h"
+#import "CoreHolder.h"
 
 namespace mirel {
 
 const PlatformServices& extensionServices() noexcept {
-  static const PlatformServices services = newExtensionServices();
+  static const PlatformServices services = systemServices();
   return services;
 }
 

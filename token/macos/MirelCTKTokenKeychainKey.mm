@@ -1,49 +1,34 @@
 #import "MirelCTKTokenKeychainKey.h"
 
-#import "Bases.h"
-#import "Certificate.h"
-#import "Convert.h"
+#import "CoreHolder.h"
+#import "Initialisation.h"
 
-#include "token/MirelCTKTokenKeychainKey.h"
+#include "token/TokenKit.h"
 
 @implementation MirelCTKTokenKeychainKey
-
-- (void)dealloc {
-  if (link_) link_->object = nil;
-  [super dealloc];
-}
 
 - (instancetype)initWithCertificate:(SecCertificateRef)certificate
                            objectID:(TKTokenObjectID)objectID
                       certificateID:(id)certificateID
                  alwaysAuthenticate:(BOOL)alwaysAuthenticate {
-  const auto core = [self mirel_core];
-  (void)core->initWithCertificate(mirel::wrapped(certificate), mirel::textOfObject(objectID),
-                                  mirel::textOfObject(certificateID), alwaysAuthenticate);
-  auto* made = static_cast<MirelCTKTokenKeychainKey*>(core->platformObject());
-  if (made) made->_certificateID = mirel::ObjCHolder<NSObject>::retain(certificateID);
-  return made;
-}
-
-- (instancetype)mirel_baseInitWithCertificate:(SecCertificateRef)certificate
-                                     objectID:(TKTokenObjectID)objectID {
-  const auto core = core_;
-  const auto link = link_;
-  self = [super initWithCertificate:certificate objectID:objectID];
-  if (self) {
-    core_ = core;
-    link_ = link;
+  mirel::Initialisation<MirelCTKTokenKeychainKey> key{self};
+  const auto superInit = [&] {
+    return key.runSuper([&](MirelCTKTokenKeychainKey* allocated) {
+      return [allocated mirel_superInitWithCertificate:certificate objectID:objectID];
+    });
+  };
+  const bool made =
+      mirel::MirelCTKTokenKeychainKey::initWithCertificate(superInit, *mirel::extensionServices().log);
+  self = key.take();
+  if (made) {
+    _certificateID = mirel::ObjCHolder<NSObject>::retain(certificateID);
+    _alwaysAuthenticate = alwaysAuthenticate;
   }
   return self;
 }
 
-- (const std::shared_ptr<mirel::MirelCTKTokenKeychainKey>&)mirel_core {
-  if (!core_) core_ = mirel::newCore<mirel::MirelCTKTokenKeychainKey>(self);
-  return core_;
-}
-
-- (void)mirel_setLink:(const std::shared_ptr<mirel::Link>&)link {
-  link_ = link;
+- (id)mirel_superInitWithCertificate:(SecCertificateRef)certificate objectID:(TKTokenObjectID)objectID {
+  return [super initWithCertificate:certificate objectID:objectID];
 }
 
 - (id)certificateID {
@@ -51,7 +36,7 @@
 }
 
 - (BOOL)alwaysAuthenticate {
-  return [self mirel_core]->alwaysAuthenticate();
+  return _alwaysAuthenticate;
 }
 
 @end

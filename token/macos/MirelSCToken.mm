@@ -1,64 +1,59 @@
 #import "MirelSCToken.h"
 
-#import "Bases.h"
 #import "Convert.h"
 #import "Errors.h"
-#import "Holder.h"
+#import "Initialisation.h"
 #import "MirelSCTokenSession.h"
-#import "TokenObjects.h"
+#import "Ports.h"
 
 #include "token/MirelSCToken.h"
 
 @implementation MirelSCToken
 
-- (void)dealloc {
-  if (link_) link_->object = nil;
-  [super dealloc];
-}
-
 - (instancetype)initWithSmartCard:(TKSmartCard*)smartCard
                               AID:(NSData*)AID
                MirelSCTokenDriver:(MirelSCTokenDriver*)driver
                             error:(NSError**)error {
-  const auto core = [self mirel_core];
+  mirel::Initialisation<MirelSCToken> token{self};
+  const auto core = core_;  // the base initialiser may give another object
+  mirel::ContentsPort contents;
+  const auto superInit = [&](const mirel::Text& instanceID) {
+    const bool made = token.runSuper([&](MirelSCToken* allocated) {
+      return [allocated mirel_superInitWithSmartCard:smartCard
+                                                 AID:AID
+                                          instanceID:mirel::stringOf(instanceID)
+                                         tokenDriver:driver];
+    });
+    if (!made) return false;
+    token.get()->core_ = core;
+    token.becomeOwnDelegate();
+    contents.setToken(token.get());
+    return true;
+  };
   mirel::ErrorArgument argument{error};
-  const bool made = core->initWithSmartCard(mirel::wrapped(smartCard), mirel::bytesOf(AID),
-                                            mirel::wrapped(driver), argument.pointer()) != nullptr;
-  // After a base initialiser that has failed there is no object any more.
-  auto token = mirel::ObjCHolder<MirelSCToken>::adopt(static_cast<MirelSCToken*>(core->platformObject()));
-  return made ? token.take() : nil;
-}
-
-- (instancetype)mirel_baseInitWithSmartCard:(TKSmartCard*)smartCard
-                                        AID:(NSData*)AID
-                                 instanceID:(NSString*)instanceID
-                                tokenDriver:(TKSmartCardTokenDriver*)driver {
-  const auto core = core_;
-  const auto link = link_;
-  self = [super initWithSmartCard:smartCard AID:AID instanceID:instanceID tokenDriver:driver];
-  if (self) {
-    core_ = core;
-    link_ = link;
-    [self setDelegate:self];
-  }
+  const bool made =
+      core->initWithSmartCard(mirel::CardPort{smartCard}, contents, superInit, argument.pointer());
+  self = made ? token.take() : nil;
   return self;
 }
 
-- (const std::shared_ptr<mirel::MirelSCToken>&)mirel_core {
-  if (!core_) core_ = mirel::newCore<mirel::MirelSCToken>(self);
+- (id)mirel_superInitWithSmartCard:(TKSmartCard*)smartCard
+                               AID:(NSData*)AID
+                        instanceID:(NSString*)instanceID
+                       tokenDriver:(TKSmartCardTokenDriver*)driver {
+  return [super initWithSmartCard:smartCard AID:AID instanceID:instanceID tokenDriver:driver];
+}
+
+- (const mirel::CoreHolder<mirel::MirelSCToken>&)mirel_core {
   return core_;
 }
 
-- (void)mirel_setLink:(const std::shared_ptr<mirel::Link>&)link {
-  link_ = link;
-}
-
 - (CryptTKitSProvider*)sp {
-  return [CryptTKitSProvider boxOf:[self mirel_core]->sp()];
+  return [CryptTKitSProvider boxOf:core_->sp()];
 }
 
 - (void)setSp:(CryptTKitSProvider*)sp {
-  [self mirel_core]->setSp([CryptTKitSProvider providerIn:sp]);
+  core_->setSp([CryptTKitSProvider providerIn:sp]);
 }
 
 - (TKTokenSession*)token:(TKToken*)token createSessionWithError:(NSError**)error {
@@ -66,8 +61,12 @@
   // reference counting may have left a variable there that was never set: then this reads what is no object.
   // Cocoa's own rule is that an error is only looked at after a failure, so such a caller does nothing wrong.
   mirel::ErrorArgument argument{error, mirel::ErrorArgument::Before::kShown};
-  return mirel::objectBehind(
-      [self mirel_core]->createSessionWithError(mirel::wrapped(token), argument.pointer()));
+  mirel::ObjCHolder<MirelSCTokenSession> session;
+  core_->createSessionWithError(mirel::descriptionOf(token), argument.pointer(), [&] {
+    session = mirel::ObjCHolder<MirelSCTokenSession>::adopt([[MirelSCTokenSession alloc] initWithToken:self]);
+    return mirel::descriptionOf(session.get());
+  });
+  return session.autoreleased();
 }
 
 @end

@@ -1,47 +1,36 @@
 #import "MirelSCTokenAuth.h"
 
-#import "Bases.h"
-#import "Convert.h"
 #import "Errors.h"
+#import "Initialisation.h"
 #import "MirelSCTokenSession.h"
-#import "TokenObjects.h"
+#import "Ports.h"
 
 #include "token/MirelSCTokenAuth.h"
-#include "token/MirelSCTokenSession.h"
 
 @implementation MirelSCTokenAuth
 
-- (void)dealloc {
-  if (link_) link_->object = nil;
-  [super dealloc];
-}
-
 - (instancetype)initWithSession:(MirelSCTokenSession*)session {
-  const auto core = [self mirel_core];
-  (void)core->initWithSession(session ? [session mirel_core] : nullptr);
-  auto* made = static_cast<MirelSCTokenAuth*>(core->platformObject());
-  if (made) made->session_ = mirel::ObjCHolder<MirelSCTokenSession>::retain(session);
-  return made;
-}
-
-- (instancetype)mirel_baseInit {
-  const auto core = core_;
-  const auto link = link_;
-  self = [super init];
-  if (self) {
+  mirel::Initialisation<MirelSCTokenAuth> operation{self};
+  const auto core = core_;  // the base initialiser may give another object
+  mirel::PINRequestPort request{session};
+  const auto superInit = [&] {
+    const bool made =
+        operation.runSuper([](MirelSCTokenAuth* allocated) { return [allocated mirel_superInit]; });
+    request.setOperation(operation.get());
+    return made;
+  };
+  const bool made =
+      core->initWithSession(session ? [session mirel_core].shared() : nullptr, request, superInit);
+  self = operation.take();
+  if (made) {
     core_ = core;
-    link_ = link;
+    session_ = mirel::ObjCHolder<MirelSCTokenSession>::retain(session);
   }
   return self;
 }
 
-- (const std::shared_ptr<mirel::MirelSCTokenAuth>&)mirel_core {
-  if (!core_) core_ = mirel::newCore<mirel::MirelSCTokenAuth>(self);
-  return core_;
-}
-
-- (void)mirel_setLink:(const std::shared_ptr<mirel::Link>&)link {
-  link_ = link;
+- (id)mirel_superInit {
+  return [super init];
 }
 
 - (MirelSCTokenSession*)session {
@@ -49,8 +38,10 @@
 }
 
 - (BOOL)finishWithError:(NSError**)error {
+  mirel::PINRequestPort request{session_.get()};
+  request.setOperation(self);
   mirel::ErrorArgument argument{error};
-  return [self mirel_core]->finishWithError(argument.pointer());
+  return core_->finishWithError(request, argument.pointer());
 }
 
 @end

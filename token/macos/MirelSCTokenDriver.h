@@ -2,7 +2,7 @@
 
 #import <CryptoTokenKit/CryptoTokenKit.h>
 
-#include <memory>
+#import "CoreHolder.h"
 
 namespace mirel {
 class MirelSCTokenDriver;
@@ -11,6 +11,6 @@ class MirelSCTokenDriver;
 /// The extension's driver, which the platform makes by its name in Info.plist.
 @interface MirelSCTokenDriver : TKSmartCardTokenDriver <TKSmartCardTokenDriverDelegate> {
  @private
-  std::shared_ptr<mirel::MirelSCTokenDriver> core_;
+  mirel::CoreHolder<mirel::MirelSCTokenDriver> core_;
 }
 @end

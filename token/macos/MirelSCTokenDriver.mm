@@ -1,35 +1,39 @@
 #import "MirelSCTokenDriver.h"
 
-#import "Bases.h"
 #import "Convert.h"
-#import "Errors.h"
-#import "TokenObjects.h"
+#import "Initialisation.h"
+#import "MirelSCToken.h"
 
 #include "token/MirelSCTokenDriver.h"
 
 @implementation MirelSCTokenDriver
 
 - (instancetype)init {
-  self = [super init];
-  if (self) {
-    core_ = mirel::newDriverCore();
-    [self setDelegate:self];
+  mirel::Initialisation<MirelSCTokenDriver> driver{self};
+  if (driver.runSuper([](MirelSCTokenDriver* allocated) { return [allocated mirel_superInit]; })) {
+    driver.becomeOwnDelegate();
   }
+  self = driver.take();
   return self;
 }
 
-/// One of its own for each call, which may come on any thread, where the platform knows another initialiser.
-- (std::shared_ptr<mirel::MirelSCTokenDriver>)mirel_core {
-  return core_ ? core_ : mirel::newDriverCore();
+- (id)mirel_superInit {
+  return [super init];
 }
 
 - (TKSmartCardToken*)tokenDriver:(TKSmartCardTokenDriver*)driver
          createTokenForSmartCard:(TKSmartCard*)smartCard
                              AID:(NSData*)AID
                            error:(NSError**)error {
-  mirel::ErrorArgument argument{error};
-  return mirel::objectBehind([self mirel_core]->createTokenForSmartCard(
-      mirel::wrapped(self), mirel::wrapped(smartCard), mirel::bytesOf(AID), argument.pointer()));
+  mirel::ObjCHolder<MirelSCToken> token;
+  core_->createTokenForSmartCard([&] {
+    token = mirel::ObjCHolder<MirelSCToken>::adopt([[MirelSCToken alloc] initWithSmartCard:smartCard
+                                                                                       AID:AID
+                                                                        MirelSCTokenDriver:self
+                                                                                     error:error]);
+    return mirel::descriptionOf(token.get());
+  });
+  return token.autoreleased();
 }
 
 @end

@@ -2,22 +2,17 @@
 
 #import <CryptoTokenKit/CryptoTokenKit.h>
 
-#include <memory>
-
+#import "CoreHolder.h"
 #import "CryptTKitSProviderBox.h"
-
-@class MirelSCToken;
 
 namespace mirel {
 class MirelSCTokenSession;
-struct Link;
-}  // namespace mirel
+}
 
 /// One client's session on a token; its own delegate.
 @interface MirelSCTokenSession : TKSmartCardTokenSession <TKTokenSessionDelegate> {
  @private
-  std::shared_ptr<mirel::MirelSCTokenSession> core_;
-  std::shared_ptr<mirel::Link> link_;
+  mirel::CoreHolder<mirel::MirelSCTokenSession> core_;
 }
 
 @property(atomic) NSInteger authState;
@@ -30,10 +25,8 @@ struct Link;
                                                    usingKey:(nonnull TKTokenObjectID)keyObjectID
                                                       error:(NSError* _Nullable* _Nullable)error;
 
-// For the core's base object. The prefix keeps them apart from what the platform's class may have of its own.
-- (nullable instancetype)mirel_baseInitWithToken:(nonnull TKToken*)token;
-- (const std::shared_ptr<mirel::MirelSCTokenSession>&)mirel_core;
-- (void)mirel_setLink:(const std::shared_ptr<mirel::Link>&)link;
+// For our other classes. The prefix keeps it apart from what the platform's class may have of its own.
+- (const mirel::CoreHolder<mirel::MirelSCTokenSession>&)mirel_core;
 
 @end
 

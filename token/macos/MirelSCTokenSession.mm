@@ -1,71 +1,73 @@
 #import "MirelSCTokenSession.h"
 
-#import "Bases.h"
 #import "Convert.h"
 #import "Errors.h"
+#import "Initialisation.h"
 #import "MirelSCToken.h"
 #import "MirelSCTokenAuth.h"
-#import "TokenObjects.h"
+#import "Ports.h"
 
 #include "token/MirelSCToken.h"
 #include "token/MirelSCTokenSession.h"
 
+namespace {
+
+/// Null for a token that is none of ours.
+const mirel::MirelSCToken* coreOf(TKToken* token) {
+  if (![token isKindOfClass:[MirelSCToken class]]) return nullptr;
+  return [static_cast<MirelSCToken*>(token) mirel_core].shared().get();
+}
+
+}  // namespace
+
 void algorithmToPrint(TKTokenKeyAlgorithm* algorithm) {
-  mirel::algorithmToPrint(*mirel::wrapped(algorithm), *mirel::extensionServices().log);
+  mirel::algorithmToPrint(mirel::AlgorithmPort{algorithm}, *mirel::extensionServices().log);
 }
 
 @implementation MirelSCTokenSession
 
-- (void)dealloc {
-  if (link_) link_->object = nil;
-  [super dealloc];
-}
-
-// The initialiser of the base runs where the core wants it to, through mirel_baseInitWithToken:.
+// The initialiser of the base runs where the core wants it to.
 #pragma clang diagnostic push
 #pragma clang diagnostic ignored "-Wobjc-designated-initializers"
 - (instancetype)initWithToken:(TKToken*)token {
-  const auto core = [self mirel_core];
-  (void)core->initWithToken(mirel::coreOf(token));
-  return static_cast<MirelSCTokenSession*>(core->platformObject());
+  mirel::Initialisation<MirelSCTokenSession> session{self};
+  const auto core = core_;  // the base initialiser may give another object
+  const auto superInit = [&] {
+    const bool made = session.runSuper(
+        [&](MirelSCTokenSession* allocated) { return [allocated mirel_superInitWithToken:token]; });
+    if (!made) return false;
+    session.get()->core_ = core;
+    session.becomeOwnDelegate();
+    return true;
+  };
+  (void)core->initWithToken(coreOf(token), superInit);
+  self = session.take();
+  return self;
 }
 #pragma clang diagnostic pop
 
-- (instancetype)mirel_baseInitWithToken:(TKToken*)token {
-  const auto core = core_;
-  const auto link = link_;
-  self = [super initWithToken:token];
-  if (self) {
-    core_ = core;
-    link_ = link;
-    [self setDelegate:self];
-  }
-  return self;
+- (id)mirel_superInitWithToken:(TKToken*)token {
+  return [super initWithToken:token];
 }
 
-- (const std::shared_ptr<mirel::MirelSCTokenSession>&)mirel_core {
-  if (!core_) core_ = mirel::newCore<mirel::MirelSCTokenSession>(self);
+- (const mirel::CoreHolder<mirel::MirelSCTokenSession>&)mirel_core {
   return core_;
 }
 
-- (void)mirel_setLink:(const std::shared_ptr<mirel::Link>&)link {
-  link_ = link;
-}
-
 - (NSInteger)authState {
-  return static_cast<NSInteger>([self mirel_core]->authState());
+  return static_cast<NSInteger>(core_->authState());
 }
 
 - (void)setAuthState:(NSInteger)authState {
-  [self mirel_core]->setAuthState(authState);
+  core_->setAuthState(authState);
 }
 
 - (CryptTKitSProvider*)sp {
-  return [CryptTKitSProvider boxOf:[self mirel_core]->sp()];
+  return [CryptTKitSProvider boxOf:core_->sp()];
 }
 
 - (void)setSp:(CryptTKitSProvider*)sp {
-  [self mirel_core]->setSp([CryptTKitSProvider providerIn:sp]);
+  core_->setSp([CryptTKitSProvider providerIn:sp]);
 }
 
 - (TKTokenAuthOperation*)tokenSession:(TKTokenSession*)session
@@ -73,18 +75,18 @@ void algorithmToPrint(TKTokenKeyAlgorithm* algorithm) {
                            constraint:(TKTokenOperationConstraint)constraint
                                 error:(NSError**)error {
   mirel::ErrorArgument argument{error};
-  return mirel::objectBehind([self mirel_core]->beginAuthForOperation(
-      [self mirel_core], static_cast<mirel::TKTokenOperation>(operation), mirel::textOfObject(constraint),
-      argument.pointer()));
+  if (!core_->beginAuthForOperation(mirel::textOfObject(constraint), argument.pointer())) return nil;
+  return mirel::ObjCHolder<MirelSCTokenAuth>::adopt([[MirelSCTokenAuth alloc] initWithSession:self])
+      .autoreleased();
 }
 
 - (BOOL)tokenSession:(TKTokenSession*)session
     supportsOperation:(TKTokenOperation)operation
              usingKey:(TKTokenObjectID)keyObjectID
             algorithm:(TKTokenKeyAlgorithm*)algorithm {
-  return
-      [self mirel_core]->supportsOperation([self mirel_core], static_cast<mirel::TKTokenOperation>(operation),
-                                           mirel::textOfObject(keyObjectID), *mirel::wrapped(algorithm));
+  mirel::SessionPort port{self};
+  return core_->supportsOperation(port, static_cast<mirel::TKTokenOperation>(operation),
+                                  mirel::textOfObject(keyObjectID), mirel::AlgorithmPort{algorithm});
 }
 
 - (NSData*)tokenSession:(TKTokenSession*)session
@@ -92,10 +94,12 @@ void algorithmToPrint(TKTokenKeyAlgorithm* algorithm) {
                usingKey:(TKTokenObjectID)keyObjectID
               algorithm:(TKTokenKeyAlgorithm*)algorithm
                   error:(NSError**)error {
+  const mirel::Bytes data = mirel::bytesOf(dataToSign);
+  if (data.isNull() && dataToSign) return nil;  // no signature of anything else
+  mirel::SessionPort port{self};
   mirel::ErrorArgument argument{error};
-  return mirel::dataOf([self mirel_core]->signData([self mirel_core], mirel::bytesOf(dataToSign),
-                                                   mirel::textOfObject(keyObjectID),
-                                                   *mirel::wrapped(algorithm), argument.pointer()));
+  return mirel::dataOf(core_->signData(port, data, mirel::textOfObject(keyObjectID),
+                                       mirel::AlgorithmPort{algorithm}, argument.pointer()));
 }
 
 - (NSData*)tokenSession:(TKTokenSession*)session
@@ -103,10 +107,12 @@ void algorithmToPrint(TKTokenKeyAlgorithm* algorithm) {
                usingKey:(TKTokenObjectID)keyObjectID
               algorithm:(TKTokenKeyAlgorithm*)algorithm
                   error:(NSError**)error {
+  const mirel::Bytes data = mirel::bytesOf(ciphertext);
+  if (data.isNull() && ciphertext) return nil;
+  mirel::SessionPort port{self};
   mirel::ErrorArgument argument{error};
-  return mirel::dataOf([self mirel_core]->decryptData([self mirel_core], mirel::bytesOf(ciphertext),
-                                                      mirel::textOfObject(keyObjectID),
-                                                      *mirel::wrapped(algorithm), argument.pointer()));
+  return mirel::dataOf(core_->decryptData(port, data, mirel::textOfObject(keyObjectID),
+                                          mirel::AlgorithmPort{algorithm}, argument.pointer()));
 }
 
 - (NSData*)tokenSession:(TKTokenSession*)session
@@ -115,26 +121,29 @@ void algorithmToPrint(TKTokenKeyAlgorithm* algorithm) {
                           algorithm:(TKTokenKeyAlgorithm*)algorithm
                          parameters:(TKTokenKeyExchangeParameters*)parameters
                               error:(NSError**)error {
+  mirel::SessionPort port{self};
   mirel::ErrorArgument argument{error};
-  return mirel::dataOf([self mirel_core]->performKeyExchangeWithPublicKey(
-      [self mirel_core], mirel::bytesOf(otherPartyPublicKeyData), mirel::textOfObject(keyObjectID),
-      *mirel::wrapped(algorithm), mirel::wrapped(parameters), argument.pointer()));
+  return mirel::dataOf(core_->performKeyExchangeWithPublicKey(
+      port, mirel::textOfObject(keyObjectID), mirel::AlgorithmPort{algorithm}, argument.pointer()));
 }
 
 - (TKTokenKeychainKey*)authenticatedKeyForObjectID:(TKTokenObjectID)keyObjectID error:(NSError**)error {
+  mirel::SessionPort port{self};
   mirel::ErrorArgument argument{error};
-  return mirel::objectBehind(
-      [self mirel_core]->authenticatedKeyForObjectID(mirel::textOfObject(keyObjectID), argument.pointer()));
+  const bool usable =
+      core_->authenticatedKeyForObjectID(port, mirel::textOfObject(keyObjectID), argument.pointer());
+  return usable ? port.takeFoundKey() : nil;
 }
 
 - (TKTokenKeychainKey*)generalAuthenticateWithData:(NSData*)data
                                            dataTag:(NSInteger)dataTag
                                           usingKey:(TKTokenObjectID)keyObjectID
                                              error:(NSError**)error {
+  mirel::SessionPort port{self};
   mirel::ErrorArgument argument{error};
-  return mirel::objectBehind(
-      [self mirel_core]->generalAuthenticateWithData(mirel::bytesOf(data), static_cast<std::uint8_t>(dataTag),
-                                                     mirel::textOfObject(keyObjectID), argument.pointer()));
+  const bool usable = core_->generalAuthenticateWithData(
+      port, mirel::bytesOf(data), dataTag, mirel::textOfObject(keyObjectID), argument.pointer());
+  return usable ? port.takeFoundKey() : nil;
 }
 
 @end

@@ -6,11 +6,11 @@
 
 #include <optional>
 
-#include "platform/TokenKit.h"
+#include "token/TokenKit.h"
 
 namespace mirel {
 
-/// The platform's own object, for an error that it has reported.
+/// The platform's own object, for an error that it has reported. Nil when the platform makes none.
 [[nodiscard]] NSError* errorOf(const TKError& error) noexcept;
 /// `error` is not nil. It stays with what is returned.
 [[nodiscard]] TKError tkErrorOf(NSError* error) noexcept;
