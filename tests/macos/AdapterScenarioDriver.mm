@@ -7,66 +7,35 @@
 namespace mirel::test {
 namespace {
 
-StepResult resultOf(const Outcome& outcome) {
-  StepResult result{outcome.succeeded, outcome.data};
-  if (outcome.error)
-    result.error = StepError{outcome.error->domain, outcome.error->code, outcome.error->userInfo};
-  return result;
-}
-
-ScenarioItem itemOf(const PublishedItem& item) {
-  ScenarioItem seen{item.isKey, item.objectID, item.label};
-  if (item.constraints)
-    seen.constraints =
-        std::map<std::int64_t, std::string>(item.constraints->begin(), item.constraints->end());
-  seen.canSign = item.canSign;
-  seen.canDecrypt = item.canDecrypt;
-  seen.canPerformKeyExchange = item.canPerformKeyExchange;
-  seen.suitableForLogin = item.suitableForLogin;
-  seen.certificateID = item.certificateID;
-  seen.alwaysAuthenticate = item.alwaysAuthenticate.value_or(false);
-  return seen;
-}
-
 class AdapterScenarioDriver final : public ScenarioDriver {
  public:
-  StepResult insert(const std::string& readerName) override {
-    return resultOf(system_.offerCard(readerName));
-  }
+  Outcome insert(const std::string& readerName) override { return system_.offerCard(readerName); }
   void remove() override { system_.removeCard(); }
   std::string instanceID() override { return system_.instanceID(); }
-  std::vector<ScenarioItem> items() override {
-    std::vector<ScenarioItem> items;
-    for (const PublishedItem& item : system_.items()) items.push_back(itemOf(item));
-    return items;
-  }
-  StepResult openSession() override { return resultOf(system_.openSession()); }
+  std::vector<PublishedItem> items() override { return system_.items(); }
+  Outcome openSession() override { return system_.openSession(); }
   bool supports(std::size_t session, std::int64_t operation, const std::string& key,
                 const std::string& algorithm) override {
     return system_.supports(session, operation, key, algorithm);
   }
-  StepResult beginAuth(std::size_t session, std::int64_t operation, const std::string& key,
-                       const std::optional<std::string>& constraint) override {
-    return resultOf(system_.beginAuth(session, operation, key, constraint));
+  Outcome beginAuth(std::size_t session, std::int64_t operation, const std::string& key,
+                    const std::optional<std::string>& constraint) override {
+    return system_.beginAuth(session, operation, key, constraint);
   }
-  ScenarioPin pinRequest() override {
-    const PinRequest request = system_.pinRequest().value();
-    return {request.apduTemplate, request.pinBitOffset, request.minPinLength, request.maxPinLength,
-            request.readerName};
-  }
+  PinRequest pinRequest() override { return system_.pinRequest().value(); }
   void enterPin(const std::optional<std::string>& pin) override { system_.enterPin(pin); }
-  StepResult finishAuth() override { return resultOf(system_.finishAuth()); }
-  StepResult sign(std::size_t session, const ByteVector& data, const std::string& key,
+  Outcome finishAuth() override { return system_.finishAuth(); }
+  Outcome sign(std::size_t session, const ByteVector& data, const std::string& key,
+               const std::string& algorithm) override {
+    return system_.sign(session, data, key, algorithm);
+  }
+  Outcome decrypt(std::size_t session, const ByteVector& data, const std::string& key,
                   const std::string& algorithm) override {
-    return resultOf(system_.sign(session, data, key, algorithm));
+    return system_.decrypt(session, data, key, algorithm);
   }
-  StepResult decrypt(std::size_t session, const ByteVector& data, const std::string& key,
-                     const std::string& algorithm) override {
-    return resultOf(system_.decrypt(session, data, key, algorithm));
-  }
-  StepResult exchange(std::size_t session, const ByteVector& publicKey, const std::string& key,
-                      const std::string& algorithm) override {
-    return resultOf(system_.exchange(session, publicKey, key, algorithm));
+  Outcome exchange(std::size_t session, const ByteVector& publicKey, const std::string& key,
+                   const std::string& algorithm) override {
+    return system_.exchange(session, publicKey, key, algorithm);
   }
 
   std::vector<std::string> takeLogLines() override {

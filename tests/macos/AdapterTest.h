@@ -44,14 +44,10 @@ class AdapterTest : public ModuleTest {
   Outcome logIn(const std::optional<std::string>& pin = "123456", SessionNumber session = 0,
                 ErrorPointer pointer = ErrorPointer::kEmpty);
 
-  /// Has the core publish the keys that the token publishes, and nothing else.
-  void publishKeysAgain();
-
   ScopedSwitches switches;
   LogRecorder recorder;
   std::optional<TokenSystem> system;
 
- private:
   std::unique_ptr<ScopedExtensionServices> services_;
 };
 

@@ -1,9 +1,7 @@
 #import "AdapterTest.h"
 
-#import "Bases.h"
+#import "CoreHolder.h"
 #include "ExtensionPropertyList.h"
-
-#include "token/MirelSCToken.h"
 
 namespace mirel::test {
 namespace {
@@ -37,14 +35,6 @@ void AdapterTest::setKeyUsage(unsigned usage) {
 void AdapterTest::insertAndOpen() {
   ASSERT_TRUE(system->offerCard(kReaderName).succeeded) << ::testing::PrintToString(recorder.texts());
   ASSERT_TRUE(system->openSession().succeeded);
-}
-
-void AdapterTest::publishKeysAgain() {
-  @autoreleasepool {
-    const auto token = coreOf(static_cast<::TKToken*>(system->token()));
-    const auto contents = token->keychainContents();
-    contents->fillWithItems(contents->items());
-  }
 }
 
 Outcome AdapterTest::logIn(const std::optional<std::string>& pin, SessionNumber session,

@@ -1,18 +1,12 @@
 #include "CoreScenarioDriver.h"
 
-#include <algorithm>
-#include <span>
 #include <utility>
+#include <variant>
 
-#include "HostTokenKit.h"
+#include "host/HostToken.h"
 #include "platform/Certificate.h"
 #include "platform/LocalizedStrings.h"
 #include "support/RecordingLog.h"
-#include "token/MirelCTKTokenKeychainKey.h"
-#include "token/MirelSCToken.h"
-#include "token/MirelSCTokenAuth.h"
-#include "token/MirelSCTokenDriver.h"
-#include "token/MirelSCTokenSession.h"
 
 namespace mirel {
 
@@ -40,39 +34,71 @@ std::optional<Data> dataOrNothing(const Bytes& bytes) {
   return Data(bytes.view().begin(), bytes.view().end());
 }
 
-StepResult resultOf(bool succeeded, const std::optional<TKError>& error, const Bytes& data = Bytes{}) {
-  StepResult result{succeeded, dataOrNothing(data)};
+Outcome resultOf(bool succeeded, const std::optional<TKError>& error, const Bytes& data = Bytes{}) {
+  Outcome result{succeeded, dataOrNothing(data), {}};
   if (!error) return result;
-  result.error = StepError{error->domain.toUtf8(), error->code};
+  result.error = SystemError{error->domain.toUtf8(), error->code};
   if (!error->localizedDescription.isNull())
     result.error->userInfo["NSLocalizedDescription"] = error->localizedDescription.toUtf8();
   return result;
 }
 
-ScenarioItem itemOf(const TKTokenKeychainItem& item) {
-  ScenarioItem seen;
-  seen.objectID = item.objectID().toUtf8();
-  seen.label = utf8OrNothing(item.label());
-  if (const auto constraints = item.constraints()) {
-    seen.constraints.emplace();
-    for (const auto& [operation, constraint] : *constraints)
-      (*seen.constraints)[static_cast<std::int64_t>(operation)] = constraint.toUtf8();
-  }
-  const auto* const key = dynamic_cast<const MirelCTKTokenKeychainKey*>(&item);
-  if (!key) return seen;
+void describe(const TKTokenKeychainCertificate& item, PublishedItem& seen) {
+  seen.objectID = item.objectID.toUtf8();
+  seen.label = utf8OrNothing(item.label);
+}
+
+void describe(const MirelCTKTokenKeychainKey& item, PublishedItem& seen) {
   seen.isKey = true;
-  seen.canSign = key->canSign();
-  seen.canDecrypt = key->canDecrypt();
-  seen.canPerformKeyExchange = key->canPerformKeyExchange();
-  seen.suitableForLogin = key->suitableForLogin();
-  seen.certificateID = utf8OrNothing(key->certificateID());
-  seen.alwaysAuthenticate = key->alwaysAuthenticate();
-  return seen;
+  seen.objectID = item.objectID.toUtf8();
+  seen.label = utf8OrNothing(item.label);
+  seen.constraints.emplace();
+  for (const auto& [operation, constraint] : item.constraints)
+    (*seen.constraints)[static_cast<long>(operation)] = constraint.toUtf8();
+  seen.canSign = item.canSign;
+  seen.canDecrypt = item.canDecrypt;
+  seen.canPerformKeyExchange = item.canPerformKeyExchange;
+  seen.suitableForLogin = item.suitableForLogin;
+  seen.certificateID = utf8OrNothing(item.certificateID);
+  seen.alwaysAuthenticate = item.alwaysAuthenticate;
 }
 
 HostKeyAlgorithm algorithmNamed(const std::string& name) {
   return HostKeyAlgorithm{secKeyAlgorithmNamed(name).value()};
 }
+
+/// A request for a PIN that remembers what the platform would be told.
+class RecordedRequest final : public TKTokenSmartCardPINAuthOperation {
+ public:
+  RecordedRequest(const PlatformServices& services, std::shared_ptr<HostTokenSession> session)
+      : session_{std::move(session)}, core_{services} {
+    asked_.minPinLength = 4;  // the platform's defaults
+    asked_.maxPinLength = 8;
+    (void)core_.initWithSession(session_->core(), *this, [] { return true; });
+  }
+
+  [[nodiscard]] TKSmartCard& sessionSmartCard() noexcept override { return session_->smartCard(); }
+  [[nodiscard]] TKSmartCard& smartCard() noexcept override { return session_->smartCard(); }
+  void setSmartCard(const TKSmartCard& card) noexcept override {
+    asked_.readerName = utf8OrNothing(card.name());
+  }
+  void setAPDUTemplate(const Bytes& command) noexcept override {
+    asked_.apduTemplate = dataOrNothing(command);
+  }
+  void setPINFormat(int PINBitOffset) noexcept override { asked_.pinBitOffset = PINBitOffset; }
+  [[nodiscard]] std::shared_ptr<const SecretText> PIN() noexcept override { return pin_; }
+  void clearPIN() noexcept override { pin_ = nullptr; }
+
+  [[nodiscard]] const PinRequest& asked() const { return asked_; }
+  void enter(std::shared_ptr<const SecretText> pin) { pin_ = std::move(pin); }
+  [[nodiscard]] bool finish(TKErrorPointer outError) { return core_.finishWithError(*this, outError); }
+
+ private:
+  std::shared_ptr<HostTokenSession> session_;
+  PinRequest asked_;
+  std::shared_ptr<const SecretText> pin_;
+  MirelSCTokenAuth core_;
+};
 
 class CoreScenarioDriver final : public ScenarioDriver {
  public:
@@ -82,17 +108,11 @@ class CoreScenarioDriver final : public ScenarioDriver {
     services_.strings = std::make_shared<EnglishTexts>();
     services_.observer = nullptr;
   }
-  ~CoreScenarioDriver() override { remove(); }
 
-  StepResult insert(const std::string& readerName) override {
+  Outcome insert(const std::string& readerName) override {
     remove();
-    const Text name = Text::fromUtf8(readerName);
-    kit_ = std::make_shared<HostTokenKit>(name);
-    services_.tokenKit = kit_;
-    driver_ = std::make_shared<MirelSCTokenDriver>(services_);
     std::optional<TKError> error;
-    token_ = std::dynamic_pointer_cast<MirelSCToken>(
-        driver_->createTokenForSmartCard(driver_, cardInReader(name), Bytes{}, &error));
+    token_ = HostToken::createdForReader(services_, Text::fromUtf8(readerName), &error);
     return resultOf(token_ != nullptr, error);
   }
 
@@ -100,87 +120,77 @@ class CoreScenarioDriver final : public ScenarioDriver {
     operation_.reset();
     sessions_.clear();
     token_.reset();
-    driver_.reset();
   }
 
-  std::string instanceID() override { return kit_->lastToken()->instanceID().toUtf8(); }
+  std::string instanceID() override { return token_->instanceID().toUtf8(); }
 
-  std::vector<ScenarioItem> items() override {
-    std::vector<ScenarioItem> items;
-    for (const auto& item : token_->keychainContents()->items()) items.push_back(itemOf(*item));
+  std::vector<PublishedItem> items() override {
+    std::vector<PublishedItem> items;
+    for (const auto& item : token_->contents().items())
+      std::visit([&](const auto& known) { describe(known, items.emplace_back()); }, item);
     return items;
   }
 
-  StepResult openSession() override {
+  Outcome openSession() override {
     std::optional<TKError> error;
-    auto session =
-        std::dynamic_pointer_cast<MirelSCTokenSession>(token_->createSessionWithError(token_, &error));
-    if (!session) return resultOf(false, error);
-    sessions_.push_back(std::move(session));
+    sessions_.push_back(token_->createSessionWithError(&error));
     return resultOf(true, error);
   }
 
   bool supports(std::size_t session, std::int64_t operation, const std::string& key,
                 const std::string& algorithm) override {
-    const auto& asked = sessions_.at(session);
-    return asked->supportsOperation(asked, TKTokenOperation{operation}, Text::fromUtf8(key),
-                                    algorithmNamed(algorithm));
+    return sessions_.at(session)->supportsOperation(TKTokenOperation{operation}, Text::fromUtf8(key),
+                                                    algorithmNamed(algorithm));
   }
 
-  StepResult beginAuth(std::size_t session, std::int64_t operation, const std::string& key,
-                       const std::optional<std::string>& constraint) override {
+  Outcome beginAuth(std::size_t session, std::int64_t operation, const std::string& key,
+                    const std::optional<std::string>& constraint) override {
     const auto& asked = sessions_.at(session);
     operation_.reset();
     std::optional<TKError> error;
-    operation_ = std::dynamic_pointer_cast<MirelSCTokenAuth>(asked->beginAuthForOperation(
-        asked, TKTokenOperation{operation},
-        constraint ? constraintNamed(*constraint) : constraintOf(TKTokenOperation{operation}, key), &error));
+    const Text wanted =
+        constraint ? constraintNamed(*constraint) : constraintOf(TKTokenOperation{operation}, key);
+    if (asked->core()->beginAuthForOperation(wanted, &error))
+      operation_ = std::make_unique<RecordedRequest>(services_, asked);
     return resultOf(operation_ != nullptr, error);
   }
 
-  ScenarioPin pinRequest() override {
-    const auto format = operation_->PINFormat();
-    return {dataOrNothing(operation_->APDUTemplate()), format->PINBitOffset(), format->minPINLength(),
-            format->maxPINLength(), utf8OrNothing(operation_->smartCard()->slot()->name())};
-  }
+  PinRequest pinRequest() override { return operation_->asked(); }
 
   void enterPin(const std::optional<std::string>& pin) override {
-    if (!pin) return operation_->setPIN(nullptr);
+    if (!pin) return operation_->enter(nullptr);
     const Data utf8(pin->begin(), pin->end());
-    operation_->setPIN(SecretText::fromUtf8(utf8));
+    operation_->enter(SecretText::fromUtf8(utf8));
   }
 
-  StepResult finishAuth() override {
+  Outcome finishAuth() override {
     std::optional<TKError> error;
-    const bool succeeded = operation_->finishWithError(&error);
+    const bool succeeded = operation_->finish(&error);
     operation_.reset();
     return resultOf(succeeded, error);
   }
 
-  StepResult sign(std::size_t session, const Data& data, const std::string& key,
+  Outcome sign(std::size_t session, const Data& data, const std::string& key,
+               const std::string& algorithm) override {
+    std::optional<TKError> error;
+    const Bytes answer =
+        sessions_.at(session)->signData(Bytes{data}, Text::fromUtf8(key), algorithmNamed(algorithm), &error);
+    return resultOf(!answer.isNull(), error, answer);
+  }
+
+  Outcome decrypt(std::size_t session, const Data& data, const std::string& key,
                   const std::string& algorithm) override {
-    const auto& asked = sessions_.at(session);
     std::optional<TKError> error;
-    const Bytes answer =
-        asked->signData(asked, Bytes{data}, Text::fromUtf8(key), algorithmNamed(algorithm), &error);
+    const Bytes answer = sessions_.at(session)->decryptData(Bytes{data}, Text::fromUtf8(key),
+                                                            algorithmNamed(algorithm), &error);
     return resultOf(!answer.isNull(), error, answer);
   }
 
-  StepResult decrypt(std::size_t session, const Data& data, const std::string& key,
-                     const std::string& algorithm) override {
-    const auto& asked = sessions_.at(session);
+  Outcome exchange(std::size_t session, const Data&, const std::string& key,
+                   const std::string& algorithm) override {
     std::optional<TKError> error;
-    const Bytes answer =
-        asked->decryptData(asked, Bytes{data}, Text::fromUtf8(key), algorithmNamed(algorithm), &error);
-    return resultOf(!answer.isNull(), error, answer);
-  }
-
-  StepResult exchange(std::size_t session, const Data& publicKey, const std::string& key,
-                      const std::string& algorithm) override {
-    const auto& asked = sessions_.at(session);
-    std::optional<TKError> error;
-    const Bytes answer = asked->performKeyExchangeWithPublicKey(asked, Bytes{publicKey}, Text::fromUtf8(key),
-                                                                algorithmNamed(algorithm), nullptr, &error);
+    const Bytes answer = sessions_.at(session)->performKeyExchangeWithPublicKey(
+        Text::fromUtf8(key), algorithmNamed(algorithm), &error);
     return resultOf(!answer.isNull(), error, answer);
   }
 
@@ -198,19 +208,15 @@ class CoreScenarioDriver final : public ScenarioDriver {
   }
 
   [[nodiscard]] Text constraintOf(TKTokenOperation operation, const std::string& key) const {
-    const auto item = token_->keychainContents()->keyForObjectID(Text::fromUtf8(key), nullptr);
-    const auto constraints = item ? item->constraints() : std::nullopt;
-    if (!constraints || !constraints->contains(operation)) return Text{};
-    return constraints->at(operation);
+    const auto item = token_->contents().keyForObjectID(Text::fromUtf8(key), nullptr);
+    return item && item->constraints.contains(operation) ? item->constraints.at(operation) : Text{};
   }
 
   std::shared_ptr<RecordingLog> log_ = std::make_shared<RecordingLog>();
   PlatformServices services_;
-  std::shared_ptr<HostTokenKit> kit_;
-  std::shared_ptr<MirelSCTokenDriver> driver_;
-  std::shared_ptr<MirelSCToken> token_;
-  std::vector<std::shared_ptr<MirelSCTokenSession>> sessions_;
-  std::shared_ptr<MirelSCTokenAuth> operation_;
+  std::shared_ptr<HostToken> token_;
+  std::vector<std::shared_ptr<HostTokenSession>> sessions_;
+  std::unique_ptr<RecordedRequest> operation_;
 };
 
 }  // namespace

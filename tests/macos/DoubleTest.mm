@@ -9,6 +9,7 @@
 
 #import "double/LogRecorder.h"
 #import "double/Objects.h"
+#import "double/RaisingCall.h"
 #import "double/Switches.h"
 #import "double/TokenSystem.h"
 #include "platform/CertificateBuilder.h"
@@ -38,133 +39,6 @@ TKSmartCardToken* makeToken() {
                                           tokenDriver:driver] autorelease];
 }
 
-TEST(DoublePinFormat, HasThePlatformsDefaults) {
-  TKSmartCardPINFormat* const format = [[[TKSmartCardPINFormat alloc] init] autorelease];
-  EXPECT_EQ([format charset], TKSmartCardPINCharsetNumeric);
-  EXPECT_EQ([format encoding], TKSmartCardPINEncodingASCII);
-  EXPECT_EQ([format minPINLength], 4);
-  EXPECT_EQ([format maxPINLength], 8);
-  EXPECT_EQ([format PINBlockByteLength], 8);
-  EXPECT_EQ([format PINJustification], TKSmartCardPINJustificationLeft);
-  EXPECT_EQ([format PINBitOffset], 0);
-  EXPECT_EQ([format PINLengthBitOffset], 0);
-  EXPECT_EQ([format PINLengthBitSize], 0);
-}
-
-TEST(DoublePinOperation, HasThePlatformsDefaultsAndSucceeds) {
-  TKTokenSmartCardPINAuthOperation* const operation =
-      [[[TKTokenSmartCardPINAuthOperation alloc] init] autorelease];
-  EXPECT_TRUE([operation PINFormat]);
-  EXPECT_FALSE([operation APDUTemplate]);
-  EXPECT_EQ([operation PINByteOffset], 0);
-  EXPECT_FALSE([operation smartCard]);
-  EXPECT_FALSE([operation PIN]);
-  EXPECT_TRUE([operation finishWithError:nil]);
-}
-
-TEST(DoublePinOperation, CopiesItsTexts) {
-  TKTokenSmartCardPINAuthOperation* const operation =
-      [[[TKTokenSmartCardPINAuthOperation alloc] init] autorelease];
-  NSMutableString* const pin = [NSMutableString stringWithString:@"1234"];
-  [operation setPIN:pin];
-  [pin appendString:@"5"];
-  EXPECT_TRUE([[operation PIN] isEqual:@"1234"]);
-}
-
-TEST(DoubleSmartCard, StartsWithoutMarks) {
-  TKSmartCard* const card = cardIn(@"Reader A 00");
-  EXPECT_TRUE([[[card slot] name] isEqual:@"Reader A 00"]);
-  EXPECT_EQ([[card slot] state], TKSmartCardSlotStateValidCard);
-  EXPECT_EQ([card cla], 0);
-  EXPECT_FALSE([card sensitive]);
-  EXPECT_FALSE([card context]);
-}
-
-TEST(DoubleSmartCard, LosesItsContext) {
-  TKSmartCard* const card = cardIn(@"Reader");
-  [card setContext:@YES];
-  EXPECT_TRUE([[card context] boolValue]);
-  [card loseContext];
-  EXPECT_FALSE([card context]);
-}
-
-TEST(DoubleDelegates, AreNotKept) {
-  TKSmartCardToken* const token = makeToken();
-  const id delegate = [[[NSObject alloc] init] autorelease];
-  const NSUInteger before = [delegate retainCount];
-  [token setDelegate:delegate];
-  [[token tokenDriver] setDelegate:delegate];
-  EXPECT_EQ([token delegate], delegate);
-  EXPECT_EQ([delegate retainCount], before);
-}
-
-TEST(DoubleContents, HoldTheItemsOfTheLastFill) {
-  TKTokenKeychainContents* const contents = [makeToken() keychainContents];
-  TKTokenKeychainItem* const one = [[[TKTokenKeychainItem alloc] initWithObjectID:@"1"] autorelease];
-  TKTokenKeychainItem* const two = [[[TKTokenKeychainItem alloc] initWithObjectID:@"2"] autorelease];
-  EXPECT_EQ([[contents items] count], 0U);
-
-  [contents fillWithItems:@[ one, two ]];
-  [contents fillWithItems:@[ two ]];
-  EXPECT_TRUE([[contents items] isEqual:@[ two ]]);
-  EXPECT_EQ([contents numFills], 2U);
-}
-
-TEST(DoubleContents, FindKeysAndCertificatesByTheirIdentifiers) {
-  const SecCertificateRef certificate = newCertificate();
-  TKTokenKeychainKey* const key = [[[TKTokenKeychainKey alloc] initWithCertificate:certificate
-                                                                          objectID:@"same"] autorelease];
-  TKTokenKeychainCertificate* const item =
-      [[[TKTokenKeychainCertificate alloc] initWithCertificate:certificate objectID:@"same"] autorelease];
-  CFRelease(certificate);
-  TKTokenKeychainContents* const contents = [makeToken() keychainContents];
-  [contents fillWithItems:@[ item, key ]];
-
-  NSError* error = nil;
-  EXPECT_EQ([contents keyForObjectID:@"same" error:&error], key);
-  EXPECT_EQ([contents certificateForObjectID:@"same" error:&error], item);
-  EXPECT_FALSE(error);
-
-  EXPECT_FALSE([contents keyForObjectID:@"other" error:nil]);
-  EXPECT_FALSE([contents keyForObjectID:@"other" error:&error]);
-  EXPECT_TRUE([[error domain] isEqual:TKErrorDomain]);
-  EXPECT_EQ([error code], TKErrorCodeObjectNotFound);
-}
-
-TEST(DoubleItems, TakeWhatTheCertificateTells) {
-  const KeyHolder rsa = makeRsaKey(2048);
-  const KeyHolder p384 = makeEcKey("P-384");
-  const struct {
-    const char* name;
-    EVP_PKEY* key;
-    CFStringRef type;
-    NSInteger size;
-    NSUInteger publicKeyLength;
-    unsigned char firstByte;
-  } rows[] = {
-      // A SEQUENCE of a modulus of 257 bytes and an exponent of 3, each with its header.
-      {"RSA", rsa.get(), kSecAttrKeyTypeRSA, 2048, 4 + 4 + 257 + 2 + 3, 0x30},
-      // An uncompressed point.
-      {"P-384", p384.get(), kSecAttrKeyTypeECSECPrimeRandom, 384, 1 + 48 + 48, 0x04},
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.name);
-    const SecCertificateRef certificate = newCertificate({.key = row.key});
-    TKTokenKeychainKey* const key = [[[TKTokenKeychainKey alloc] initWithCertificate:certificate
-                                                                            objectID:@"id"] autorelease];
-    CFRelease(certificate);
-    EXPECT_TRUE([[key keyType] isEqual:(NSString*)row.type]);
-    EXPECT_EQ([key keySizeInBits], row.size);
-    ASSERT_EQ([[key publicKeyData] length], row.publicKeyLength);
-    EXPECT_EQ(static_cast<const unsigned char*>([[key publicKeyData] bytes])[0], row.firstByte);
-    EXPECT_EQ([[key publicKeyHash] length], 20U);
-    EXPECT_FALSE([key label]);
-    EXPECT_FALSE([key constraints]);
-    EXPECT_FALSE([key canSign] || [key canDecrypt] || [key canPerformKeyExchange] ||
-                 [key isSuitableForLogin]);
-  }
-}
-
 TEST(DoubleItems, CertificatesMayAlwaysBeReadAndNothingElse) {
   const ByteVector der = makeCertificate();
   const SecCertificateRef certificate = SecCertificateCreateWithData(nullptr, (CFDataRef)dataOf(der));
@@ -182,26 +56,6 @@ TEST(DoubleItems, ThereIsNoKeyOfAKindThatTheKeychainCannotName) {
   CFRelease(certificate);
 }
 
-TEST(DoubleSwitches, MakeBaseInitialisersAnswerNil) {
-  const SecCertificateRef certificate = newCertificate();
-  TKSmartCardToken* const token = makeToken();
-  {
-    ScopedSwitches switches;
-    switches->refusesTokens = true;
-    switches->refusesSessions = true;
-    switches->refusesCertificateItems = true;
-    switches->refusesKeyItems = true;
-    switches->refusesPinOperations = true;
-    EXPECT_FALSE(makeToken());
-    EXPECT_FALSE([[TKSmartCardTokenSession alloc] initWithToken:token]);
-    EXPECT_FALSE([[TKTokenKeychainCertificate alloc] initWithCertificate:certificate objectID:@"id"]);
-    EXPECT_FALSE([[TKTokenKeychainKey alloc] initWithCertificate:certificate objectID:@"id"]);
-    EXPECT_FALSE([[TKTokenSmartCardPINAuthOperation alloc] init]);
-  }
-  EXPECT_TRUE(makeToken());
-  CFRelease(certificate);
-}
-
 TEST(DoubleObjects, AreCountedUntilTheyGo) {
   @autoreleasepool {
     (void)makeToken();
@@ -212,17 +66,6 @@ TEST(DoubleObjects, AreCountedUntilTheyGo) {
                                                            {"TKTokenKeychainContents", 1}}));
   }
   EXPECT_THAT(livingObjects(), IsEmpty());
-}
-
-TEST(DoubleAlgorithm, IsItsTargetAndSupportsWhatItPassedThrough) {
-  TKTokenKeyAlgorithm* const algorithm =
-      [TKTokenKeyAlgorithm algorithmWithTarget:kSecKeyAlgorithmRSASignatureRaw
-                                 passedThrough:{kSecKeyAlgorithmRSASignatureDigestPKCS1v15SHA1}];
-  EXPECT_TRUE([algorithm isAlgorithm:kSecKeyAlgorithmRSASignatureRaw]);
-  EXPECT_FALSE([algorithm isAlgorithm:kSecKeyAlgorithmRSASignatureDigestPKCS1v15SHA1]);
-  EXPECT_TRUE([algorithm supportsAlgorithm:kSecKeyAlgorithmRSASignatureRaw]);
-  EXPECT_TRUE([algorithm supportsAlgorithm:kSecKeyAlgorithmRSASignatureDigestPKCS1v15SHA1]);
-  EXPECT_FALSE([algorithm supportsAlgorithm:kSecKeyAlgorithmRSAEncryptionRaw]);
 }
 
 TEST(DoubleAlgorithm, ThereAreSeventySixDifferentOnes) {
@@ -304,33 +147,11 @@ TEST(DoubleCertificatesDeathTest, ReferencesMustNotBeNull) {
 }
 
 TEST(DoubleLog, HidesDynamicTextsThatAreNotPublic) {
-  const struct {
-    const char* name;
-    void (*write)();
-    const char* text;
-    const char* shown;
-  } rows[] = {
-      {"no conversion", [] { os_log(OS_LOG_DEFAULT, "100%% of it"); }, "100% of it", "100% of it"},
-      {"a number", [] { os_log(OS_LOG_DEFAULT, "[%d]", -5); }, "[-5]", "[-5]"},
-      {"a long", [] { os_log(OS_LOG_DEFAULT, "%lu of %#lx", 66UL, 255UL); }, "66 of 0xff", "66 of 0xff"},
-      {"a hidden number", [] { os_log(OS_LOG_DEFAULT, "%{private}d", 5); }, "5", "<private>"},
-      {"a text", [] { os_log(OS_LOG_DEFAULT, "<%s>", "card"); }, "<card>", "<<private>>"},
-      {"a public text", [] { os_log(OS_LOG_DEFAULT, "<%{public}s>", "card"); }, "<card>", "<card>"},
-      {"no text", [] { os_log(OS_LOG_DEFAULT, "%{public}s", static_cast<const char*>(nullptr)); }, "(null)",
-       "(null)"},
-      {"a part of a text", [] { os_log(OS_LOG_DEFAULT, "%{public}.*s", 2, "card"); }, "ca", "ca"},
-      {"an object", [] { os_log(OS_LOG_DEFAULT, "%@", @"card"); }, "card", "<private>"},
-      {"a public object", [] { os_log(OS_LOG_DEFAULT, "%{public}@", @"card"); }, "card", "card"},
-      {"no object", [] { os_log(OS_LOG_DEFAULT, "%{public}@", (NSString*)nil); }, "(null)", "(null)"},
-      {"bytes", [] { os_log(OS_LOG_DEFAULT, "%{public}.*P", 2, static_cast<const void*>("AB")); }, "4142",
-       "4142"},
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.name);
-    const LogRecorder recorder;
-    row.write();
-    EXPECT_THAT(recorder.lines(), ElementsAre(LogLine{LogChannel::kDefault, row.text, row.shown}));
-  }
+  const LogRecorder recorder;
+  os_log(OS_LOG_DEFAULT, "a line");
+  os_log(OS_LOG_DEFAULT, "<%{public}s>", "card");
+  os_log(OS_LOG_DEFAULT, "<%s>", "card");
+  EXPECT_THAT(recorder.texts(), ElementsAre("default: a line", "default: <card>", "default: <<private>>"));
 }
 
 TEST(DoubleLog, KnowsTheChannelOfALine) {
@@ -348,8 +169,9 @@ TEST(DoubleLog, EvaluatesNothingForALevelThatIsOff) {
   switches->defaultLevelOff = true;
   const LogRecorder recorder;
   int evaluated = 0;
-  os_log(OS_LOG_DEFAULT, "%d", ++evaluated);
-  os_log_error(OS_LOG_DEFAULT, "%d", ++evaluated);
+  const auto evaluate = [&] { return std::to_string(++evaluated); };
+  os_log(OS_LOG_DEFAULT, "%{public}s", evaluate().c_str());
+  os_log_error(OS_LOG_DEFAULT, "%{public}s", evaluate().c_str());
   EXPECT_THAT(recorder.texts(), ElementsAre("error: 1"));
 }
 
@@ -358,6 +180,32 @@ TEST(DoubleLog, ForgetsItsLines) {
   os_log(OS_LOG_DEFAULT, "one");
   recorder.clear();
   EXPECT_THAT(recorder.texts(), IsEmpty());
+}
+
+TEST(DoubleRaisingCall, RaisesUntilItGoes) {
+  TKSmartCard* const card = cardIn(@"Reader");
+  {
+    const RaisingCall raising{"-[TKSmartCard cla]"};
+    bool raised = false;
+    @try {
+      (void)[card cla];
+    } @catch (NSException*) {
+      raised = true;
+    }
+    EXPECT_TRUE(raised);
+    EXPECT_EQ(raising.count(), 1U);
+    EXPECT_TRUE([[[card slot] name] isEqual:@"Reader"]);
+  }
+  EXPECT_EQ([card cla], 0);
+}
+
+TEST(DoubleRaisingCallDeathTest, WantsACallThatThereIs) {
+  EXPECT_DEATH(RaisingCall{"-[TKSmartCard colour]"}, "there is no -.TKSmartCard colour");
+}
+
+TEST(DoubleSystemDeathTest, UnknownNamesEndTheProgram) {
+  TokenSystem system{"TKSmartCardTokenDriver"};
+  EXPECT_DEATH((void)system.supports(7, 2, "key", "RSASignatureRaw"), "unknown session \"7\"");
 }
 
 TEST(DoublePersonality, ExceptionsOfBothLanguagesAreCaught) {

@@ -2,7 +2,7 @@
 
 #include <optional>
 
-#import "Bases.h"
+#import "CoreHolder.h"
 
 namespace mirel {
 namespace {
@@ -16,7 +16,7 @@ std::optional<PlatformServices>& replacement() noexcept {
 
 /// In the extension it is another one, without a replacement.
 const PlatformServices& extensionServices() noexcept {
-  static const PlatformServices services = newExtensionServices();
+  static const PlatformServices services = systemServices();
   return replacement() ? *replacement() : services;
 }
 

@@ -3,7 +3,7 @@
 
 #import "AdapterScenarioDriver.h"
 #import "AdapterTest.h"
-#import "Bases.h"
+#import "CoreHolder.h"
 #include "CoreScenarioDriver.h"
 #include "platform/DynamicLoader.h"
 

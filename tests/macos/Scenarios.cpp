@@ -30,7 +30,7 @@ std::string hexOf(const Data& data) {
 
 std::string shown(const std::optional<std::string>& text) { return text ? '"' + *text + '"' : "nothing"; }
 
-std::string shown(const ScenarioItem& item) {
+std::string shown(const PublishedItem& item) {
   std::string line = (item.isKey ? "key " : "certificate ") + shown(item.objectID) + ", label " +
                      shown(item.label) + ", constraints";
   if (!item.constraints) line += " unset";
@@ -45,13 +45,13 @@ std::string shown(const ScenarioItem& item) {
   if (item.canPerformKeyExchange) line += " exchange";
   if (item.suitableForLogin) line += " log in";
   return line + ", certificate " + shown(item.certificateID) +
-         (item.alwaysAuthenticate ? ", asks always" : "");
+         (item.alwaysAuthenticate.value_or(false) ? ", asks always" : "");
 }
 
-std::string shown(const ScenarioPin& pin) {
-  return "asks for a PIN of " + std::to_string(pin.minLength) + " to " + std::to_string(pin.maxLength) +
-         " at bit " + std::to_string(pin.bitOffset) + " of " +
-         (pin.command ? hexOf(*pin.command) : "nothing") + " in " + shown(pin.readerName);
+std::string shown(const PinRequest& pin) {
+  return "asks for a PIN of " + std::to_string(pin.minPinLength) + " to " + std::to_string(pin.maxPinLength) +
+         " at bit " + std::to_string(pin.pinBitOffset) + " of " +
+         (pin.apduTemplate ? hexOf(*pin.apduTemplate) : "nothing") + " in " + shown(pin.readerName);
 }
 
 // ---- The cards ----
@@ -361,7 +361,7 @@ std::vector<Scenario> uses() {
 
 }  // namespace
 
-void Play::note(const std::string& step, const StepResult& result) {
+void Play::note(const std::string& step, const Outcome& result) {
   std::string line = step + (result.succeeded ? ": succeeded" : ": failed");
   if (result.data) line += ", data " + hexOf(*result.data);
   if (result.error) {
@@ -381,11 +381,11 @@ void Play::noteLog() {
 }
 
 void Play::insert(const std::string& readerName) {
-  const StepResult result = driver_.insert(readerName);
+  const Outcome result = driver_.insert(readerName);
   note("insert " + readerName, result);
   if (!result.succeeded) return;
   lines_.push_back("token " + driver_.instanceID());
-  for (ScenarioItem& item : driver_.items()) {
+  for (PublishedItem& item : driver_.items()) {
     dropPresets(item);
     lines_.push_back(shown(item));
   }
@@ -420,7 +420,7 @@ void Play::supportOfEverything(std::size_t session, const std::string& key) {
 
 void Play::beginAuth(std::size_t session, std::int64_t operation, const std::string& key,
                      const std::optional<std::string>& constraint) {
-  const StepResult result = driver_.beginAuth(session, operation, key, constraint);
+  const Outcome result = driver_.beginAuth(session, operation, key, constraint);
   note("begin " + std::to_string(operation) + ' ' + key + ' ' + constraint.value_or("as the key wants"),
        result);
   if (result.succeeded) lines_.push_back(shown(driver_.pinRequest()));
@@ -460,7 +460,7 @@ std::string withoutAddresses(std::string line) {
   return std::regex_replace(line, address, "<$1>");
 }
 
-void dropPresets(ScenarioItem& item) {
+void dropPresets(PublishedItem& item) {
   if (!item.isKey) item.constraints.reset();
 }
 

@@ -13,43 +13,10 @@
 #include <string_view>
 #include <vector>
 
+#include "double/TokenSystem.h"
 #include "module/Script.h"
 
 namespace mirel::test {
-
-struct StepError {
-  std::string domain;
-  std::int64_t code = 0;
-  std::map<std::string, std::string> userInfo{};
-};
-
-struct StepResult {
-  bool succeeded = false;
-  std::optional<std::vector<std::uint8_t>> data{};
-  std::optional<StepError> error{};
-};
-
-struct ScenarioItem {
-  bool isKey = false;
-  std::string objectID;
-  std::optional<std::string> label{};
-  std::optional<std::map<std::int64_t, std::string>> constraints{};
-  // Of keys alone.
-  bool canSign = false;
-  bool canDecrypt = false;
-  bool canPerformKeyExchange = false;
-  bool suitableForLogin = false;
-  std::optional<std::string> certificateID{};
-  bool alwaysAuthenticate = false;
-};
-
-struct ScenarioPin {
-  std::optional<std::vector<std::uint8_t>> command{};
-  std::int64_t bitOffset = 0;
-  std::int64_t minLength = 0;
-  std::int64_t maxLength = 0;
-  std::optional<std::string> readerName{};
-};
 
 /// Plays the system for one of the two implementations. Texts are UTF-8; operations have the platform's
 /// numbers, algorithms the names of its constants.
@@ -60,28 +27,28 @@ class ScenarioDriver {
   ScenarioDriver& operator=(const ScenarioDriver&) = delete;
   virtual ~ScenarioDriver() = default;
 
-  virtual StepResult insert(const std::string& readerName) = 0;
+  virtual Outcome insert(const std::string& readerName) = 0;
   virtual void remove() = 0;
   /// There is a token.
   [[nodiscard]] virtual std::string instanceID() = 0;
-  [[nodiscard]] virtual std::vector<ScenarioItem> items() = 0;
+  [[nodiscard]] virtual std::vector<PublishedItem> items() = 0;
   /// Sessions are numbered from 0 on.
-  virtual StepResult openSession() = 0;
+  virtual Outcome openSession() = 0;
   [[nodiscard]] virtual bool supports(std::size_t session, std::int64_t operation, const std::string& key,
                                       const std::string& algorithm) = 0;
   /// Without a `constraint` the one that the key has; "YES" and "NO" are booleans.
-  virtual StepResult beginAuth(std::size_t session, std::int64_t operation, const std::string& key,
-                               const std::optional<std::string>& constraint) = 0;
+  virtual Outcome beginAuth(std::size_t session, std::int64_t operation, const std::string& key,
+                            const std::optional<std::string>& constraint) = 0;
   /// Of the authentication that has begun.
-  [[nodiscard]] virtual ScenarioPin pinRequest() = 0;
+  [[nodiscard]] virtual PinRequest pinRequest() = 0;
   virtual void enterPin(const std::optional<std::string>& pin) = 0;
-  virtual StepResult finishAuth() = 0;
-  virtual StepResult sign(std::size_t session, const std::vector<std::uint8_t>& data, const std::string& key,
+  virtual Outcome finishAuth() = 0;
+  virtual Outcome sign(std::size_t session, const std::vector<std::uint8_t>& data, const std::string& key,
+                       const std::string& algorithm) = 0;
+  virtual Outcome decrypt(std::size_t session, const std::vector<std::uint8_t>& data, const std::string& key,
                           const std::string& algorithm) = 0;
-  virtual StepResult decrypt(std::size_t session, const std::vector<std::uint8_t>& data,
-                             const std::string& key, const std::string& algorithm) = 0;
-  virtual StepResult exchange(std::size_t session, const std::vector<std::uint8_t>& publicKey,
-                              const std::string& key, const std::string& algorithm) = 0;
+  virtual Outcome exchange(std::size_t session, const std::vector<std::uint8_t>& publicKey,
+                           const std::string& key, const std::string& algorithm) = 0;
   /// The log lines since the last call, each with its channel: "default: ", "error: ", "process: ".
   [[nodiscard]] virtual std::vector<std::string> takeLogLines() = 0;
 };
@@ -116,7 +83,7 @@ class Play {
   [[nodiscard]] const std::optional<std::vector<std::uint8_t>>& lastData() const { return lastData_; }
 
  private:
-  void note(const std::string& step, const StepResult& result);
+  void note(const std::string& step, const Outcome& result);
   void noteLog();
 
   ScenarioDriver& driver_;
@@ -142,6 +109,6 @@ struct Scenario {
 /// An object stands in a log line with its address, which is left out.
 [[nodiscard]] std::string withoutAddresses(std::string line);
 /// The platform presets the constraints of certificates, which we do not set: they are left out.
-void dropPresets(ScenarioItem& item);
+void dropPresets(PublishedItem& item);
 
 }  // namespace mirel::test

@@ -32,20 +32,19 @@ TEST(Selectors, BeginWithOurNameUnlessTheirNamesAreGiven) {
   } rows[] = {
       {"MirelSCTokenDriver", {"init", "tokenDriver:createTokenForSmartCard:AID:error:"}},
       {"MirelSCToken",
-       {"dealloc", "initWithSmartCard:AID:MirelSCTokenDriver:error:", "sp",
-        "setSp:", "token:createSessionWithError:"}},
+       {"initWithSmartCard:AID:MirelSCTokenDriver:error:", "sp", "setSp:", "token:createSessionWithError:"}},
       {"MirelCTKTokenKeychainKey",
-       {"dealloc", "initWithCertificate:objectID:certificateID:alwaysAuthenticate:", "certificateID",
+       {"initWithCertificate:objectID:certificateID:alwaysAuthenticate:", "certificateID",
         "alwaysAuthenticate"}},
       {"MirelSCTokenSession",
-       {"dealloc", "initWithToken:", "authState", "setAuthState:", "sp",
+       {"initWithToken:", "authState", "setAuthState:", "sp",
         "setSp:", "tokenSession:beginAuthForOperation:constraint:error:",
         "tokenSession:supportsOperation:usingKey:algorithm:",
         "tokenSession:signData:usingKey:algorithm:error:",
         "tokenSession:decryptData:usingKey:algorithm:error:",
         "tokenSession:performKeyExchangeWithPublicKey:usingKey:algorithm:parameters:error:",
         "authenticatedKeyForObjectID:error:", "generalAuthenticateWithData:dataTag:usingKey:error:"}},
-      {"MirelSCTokenAuth", {"dealloc", "initWithSession:", "session", "finishWithError:"}},
+      {"MirelSCTokenAuth", {"initWithSession:", "session", "finishWithError:"}},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.className);

@@ -5,7 +5,7 @@
 #include <stdexcept>
 
 #import "AdapterScenarioDriver.h"
-#import "Bases.h"
+#import "CoreHolder.h"
 #include "CoreScenarioDriver.h"
 #include "ExtensionServices.h"
 #include "bridge/cryptoki.h"

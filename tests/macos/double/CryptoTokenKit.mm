@@ -1,7 +1,5 @@
 #import <CryptoTokenKit/CryptoTokenKit.h>
 
-#include <openssl/sha.h>
-
 #include <cstdio>
 #include <cstdlib>
 
@@ -29,7 +27,6 @@ static id itemFor(NSArray* items, Class type, TKTokenObjectID objectID, NSError*
 /// What a base initialiser ends with that refuses.
 static id refused(id object) {
   [object release];
-  if (switches().raises) [NSException raise:NSInvalidArgumentException format:@"no such \u201Cobject\u201D"];
   return nil;
 }
 
@@ -95,6 +92,9 @@ static TKTokenKeychainKey* plainCopyOf(TKTokenKeychainKey* key) {
 - (BOOL)valid {
   return YES;
 }
+- (TKSmartCard*)anotherConnection {
+  return [_slot makeSmartCard];
+}
 - (void)loseContext {
   [self setContext:nil];
 }
@@ -127,12 +127,13 @@ static TKTokenKeychainKey* plainCopyOf(TKTokenKeychainKey* key) {
 - (instancetype)init {
   if ((self = [super init])) {
     countObject("TKTokenDriver", 1);
+    _counted = YES;
     if (switches().delegatesToItself) _delegate = (id)self;
   }
   return self;
 }
 - (void)dealloc {
-  countObject("TKTokenDriver", -1);
+  if (_counted) countObject("TKTokenDriver", -1);
   [super dealloc];
 }
 // The runtime has no weak references.
@@ -183,10 +184,6 @@ static TKTokenKeychainKey* plainCopyOf(TKTokenKeychainKey* key) {
   [self setConstraints:constraints];
   return self;
 }
-- (void)setLabel:(NSString*)label {
-  if (switches().refusesLabels) (void)refused(nil);
-  [super setLabel:label];
-}
 - (void)dealloc {
   [_data release];
   [super dealloc];
@@ -194,38 +191,13 @@ static TKTokenKeychainKey* plainCopyOf(TKTokenKeychainKey* key) {
 @end
 
 @implementation TKTokenKeychainKey
-@synthesize keyType = _keyType, applicationTag = _applicationTag, keySizeInBits = _keySizeInBits,
-            publicKeyData = _publicKeyData, publicKeyHash = _publicKeyHash, canDecrypt = _canDecrypt,
-            canSign = _canSign, canPerformKeyExchange = _canPerformKeyExchange,
+@synthesize canDecrypt = _canDecrypt, canSign = _canSign, canPerformKeyExchange = _canPerformKeyExchange,
             suitableForLogin = _suitableForLogin;
 - (instancetype)initWithCertificate:(SecCertificateRef)certificateRef objectID:(TKTokenObjectID)objectID {
   if (!(self = [super initWithObjectID:objectID])) return nil;
   DoubleCertificate* const certificate = (DoubleCertificate*)certificateRef;
   if (switches().refusesKeyItems || (certificate && ![certificate keyType])) return refused(self);
-  if (certificate) {
-    _keyType = [[certificate keyType] copy];
-    _keySizeInBits = [certificate keySizeInBits];
-    _publicKeyData = [[certificate publicKey] copy];
-    unsigned char hash[SHA_DIGEST_LENGTH];
-    SHA1(static_cast<const unsigned char*>([_publicKeyData bytes]), [_publicKeyData length], hash);
-    _publicKeyHash = [[NSData alloc] initWithBytes:hash length:sizeof hash];
-  }
   return self;
-}
-- (void)setLabel:(NSString*)label {
-  if (switches().refusesLabels) (void)refused(nil);
-  [super setLabel:label];
-}
-- (void)setConstraints:(NSDictionary*)constraints {
-  if (switches().refusesConstraints) (void)refused(nil);
-  [super setConstraints:constraints];
-}
-- (void)dealloc {
-  [_keyType release];
-  [_applicationTag release];
-  [_publicKeyData release];
-  [_publicKeyHash release];
-  [super dealloc];
 }
 @end
 
@@ -249,7 +221,6 @@ static TKTokenKeychainKey* plainCopyOf(TKTokenKeychainKey* key) {
   return _numFills;
 }
 - (void)fillWithItems:(NSArray*)items {
-  if (switches().refusesItems) (void)refused(nil);
   NSArray* const copy = [items copy];
   [_items release];
   _items = copy;
@@ -257,12 +228,8 @@ static TKTokenKeychainKey* plainCopyOf(TKTokenKeychainKey* key) {
   switches().whenContentsAreFilled();
 }
 - (TKTokenKeychainKey*)keyForObjectID:(TKTokenObjectID)objectID error:(NSError**)error {
-  if (switches().refusesIdentifiers) (void)refused(nil);
   TKTokenKeychainKey* const key = itemFor(_items, [TKTokenKeychainKey class], objectID, error);
   return key && switches().copiesKeys ? plainCopyOf(key) : key;
-}
-- (TKTokenKeychainCertificate*)certificateForObjectID:(TKTokenObjectID)objectID error:(NSError**)error {
-  return itemFor(_items, [TKTokenKeychainCertificate class], objectID, error);
 }
 @end
 
@@ -326,14 +293,9 @@ static TKTokenKeychainKey* plainCopyOf(TKTokenKeychainKey* key) {
 // ---- Session ----
 
 @implementation TKTokenKeyAlgorithm
-+ (instancetype)algorithmWithTarget:(SecKeyAlgorithm)target
-                      passedThrough:(const std::vector<SecKeyAlgorithm>&)passedThrough {
++ (instancetype)algorithmWithTarget:(SecKeyAlgorithm)target {
   TKTokenKeyAlgorithm* const made = [[[self alloc] initForDouble] autorelease];
   made->_target = [(NSString*)target copy];
-  NSMutableArray* const names = [NSMutableArray array];
-  for (const SecKeyAlgorithm algorithm : passedThrough) [names addObject:(NSString*)algorithm];
-  made->_passedThrough = [names copy];
-  made->_asked = [[NSMutableArray alloc] init];
   return made;
 }
 - (instancetype)initForDouble {
@@ -343,34 +305,14 @@ static TKTokenKeychainKey* plainCopyOf(TKTokenKeychainKey* key) {
 - (void)dealloc {
   countObject("TKTokenKeyAlgorithm", -1);
   [_target release];
-  [_passedThrough release];
-  [_asked release];
   [super dealloc];
 }
 - (BOOL)isAlgorithm:(SecKeyAlgorithm)algorithm {
-  [_asked addObject:(NSString*)algorithm];
   return [_target isEqual:(NSString*)algorithm];
-}
-- (BOOL)supportsAlgorithm:(SecKeyAlgorithm)algorithm {
-  return [self isAlgorithm:algorithm] || [_passedThrough containsObject:(NSString*)algorithm];
-}
-- (NSArray*)asked {
-  return [[_asked copy] autorelease];
 }
 @end
 
 @implementation TKTokenKeyExchangeParameters
-@synthesize requestedSize = _requestedSize, sharedInfo = _sharedInfo;
-+ (instancetype)parametersWithRequestedSize:(NSInteger)size sharedInfo:(NSData*)info {
-  TKTokenKeyExchangeParameters* const made = [[[self alloc] init] autorelease];
-  made->_requestedSize = size;
-  made->_sharedInfo = [info copy];
-  return made;
-}
-- (void)dealloc {
-  [_sharedInfo release];
-  [super dealloc];
-}
 @end
 
 @implementation TKTokenAuthOperation
@@ -398,21 +340,12 @@ static TKTokenKeychainKey* plainCopyOf(TKTokenKeychainKey* key) {
 }
 @end
 
-@implementation TKTokenPasswordAuthOperation
-@synthesize password = _password;
-- (void)dealloc {
-  [_password release];
-  [super dealloc];
-}
-@end
-
 @implementation TKTokenSmartCardPINAuthOperation
 @synthesize PINFormat = _PINFormat, APDUTemplate = _APDUTemplate, PINByteOffset = _PINByteOffset,
             smartCard = _smartCard, PIN = _PIN;
 - (instancetype)init {
   self = initialised(self);
   if (!(self = [super init])) return nil;
-  switches().whenPinOperationIsInitialised(self);
   if (switches().refusesPinOperations) return refused(self);
   _PINFormat = [[TKSmartCardPINFormat alloc] init];
   return self;
@@ -457,7 +390,7 @@ static TKTokenKeychainKey* plainCopyOf(TKTokenKeychainKey* key) {
 - (instancetype)initWithToken:(TKToken*)token {
   if ((self = [super initWithToken:token]) && !switches().withoutCard) {
     // A connection of its own, to the card that the token was made for.
-    _smartCard = [[[[(TKSmartCardToken*)token smartCard] slot] makeSmartCard] retain];
+    _smartCard = [[[(TKSmartCardToken*)token smartCard] anotherConnection] retain];
   }
   return self;
 }

@@ -9,10 +9,8 @@ enum class LogChannel { kDefault, kInfo, kDebug, kError, kFault, kNSLog };
 
 struct LogLine {
   LogChannel channel = LogChannel::kNSLog;
-  /// All that was written.
+  /// As a reader of the stored log sees it: dynamic texts that are not marked public are hidden.
   std::string text;
-  /// What a reader of the stored log sees: dynamic texts that are not marked public are hidden.
-  std::string shown;
 
   [[nodiscard]] bool operator==(const LogLine&) const = default;
 };

@@ -2,12 +2,14 @@
 
 #import <os/log.h>
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
 #include <string_view>
 
+#import "RaisingCall.h"
 #import "Switches.h"
 #import "Utf8.h"
 
@@ -36,7 +38,7 @@ void recordNSLog(NSString* message) {
   std::string text = utf8Of(message);
   if (const auto end = text.find("] "); end != std::string::npos) text.erase(0, end + 2);
   if (text.ends_with('\n')) text.pop_back();
-  addLine({LogChannel::kNSLog, text, text});
+  addLine({LogChannel::kNSLog, text});
 }
 
 LogChannel channelOf(os_log_type_t type) {
@@ -61,64 +63,28 @@ const char* nameOf(LogChannel channel) {
   return "NSLog: ";
 }
 
-/// The part of `format` up to the first character that is not one of `characters`, which is taken off.
-std::string take(std::string_view& format, std::string_view characters) {
-  const auto length = std::min(format.find_first_not_of(characters), format.size());
-  const std::string taken{format.substr(0, length)};
-  format.remove_prefix(length);
-  return taken;
-}
-
-template <typename Value>
-std::string printed(const std::string& conversion, Value value) {
-  const int size = std::snprintf(nullptr, 0, conversion.c_str(), value);
-  std::string text(static_cast<std::size_t>(std::max(size, 0)) + 1, '\0');
-  (void)std::snprintf(text.data(), text.size(), conversion.c_str(), value);
-  text.pop_back();
-  return text;
-}
-
-std::string hex(const unsigned char* bytes, int size) {
-  std::string text;
-  for (int i = 0; i < size; ++i) text += printed("%02X", static_cast<unsigned>(bytes[i]));
-  return text;
-}
-
-/// One conversion of an os_log format, taken off its front.
-struct Conversion {
-  explicit Conversion(std::string_view& format) {
-    if (format.starts_with('{')) {
-      privacy = format.substr(0, format.find('}') + 1);
-      format.remove_prefix(privacy.size());
+/// What a reader of the stored log sees: texts that are not marked public are hidden. The double knows no
+/// other conversion than "%s".
+std::string shownOf(std::string_view format, va_list arguments) {
+  constexpr std::string_view kPublic = "%{public}s";
+  constexpr std::string_view kHidden = "%s";
+  std::string shown;
+  while (!format.empty()) {
+    const auto plain = std::min(format.find('%'), format.size());
+    shown += format.substr(0, plain);
+    format.remove_prefix(plain);
+    if (format.empty()) break;
+    const bool isPublic = format.starts_with(kPublic);
+    if (!isPublic && !format.starts_with(kHidden)) {
+      (void)std::fprintf(stderr, "os_log: the recorder cannot read \"%.*s\"\n",
+                         static_cast<int>(format.size()), format.data());
+      std::abort();
     }
-    layout = "%" + take(format, "-+ #0123456789.*");
-    length = take(format, "hljztqL");
-    kind = format.empty() ? '\0' : format.front();
-    if (!format.empty()) format.remove_prefix(1);
+    format.remove_prefix((isPublic ? kPublic : kHidden).size());
+    const char* const text = va_arg(arguments, const char*);
+    shown += isPublic ? (text ? text : "(null)") : "<private>";
   }
-
-  [[nodiscard]] bool isText() const { return kind == 's' || kind == '@' || kind == 'P'; }
-  [[nodiscard]] bool isHidden() const {
-    if (privacy.find("private") != std::string_view::npos) return true;
-    if (privacy.find("sensitive") != std::string_view::npos) return true;
-    return isText() && privacy.find("public") == std::string_view::npos;
-  }
-
-  /// Fills in a width or precision that is an argument.
-  int fillStar(int value) {
-    layout.replace(layout.find('*'), 1, std::to_string(value));
-    return value;
-  }
-
-  std::string_view privacy;
-  std::string layout;
-  std::string length;
-  char kind;
-};
-
-[[noreturn]] void refuse(const char* format) {
-  (void)std::fprintf(stderr, "os_log: the recorder cannot read the format \"%s\"\n", format);
-  std::abort();
+  return shown;
 }
 
 }  // namespace
@@ -167,59 +133,23 @@ bool os_log_type_enabled(os_log_t, os_log_type_t type) {
   return type != OS_LOG_TYPE_DEFAULT || !switches().defaultLevelOff;
 }
 
-void _os_log_double(os_log_t, os_log_type_t type, const char* format, ...) {
-  LogLine line{channelOf(type), {}, {}};
+void NSLog(NSString* format, ...) {
+  raiseIn("NSLog");
   va_list arguments;
   va_start(arguments, format);
-  for (std::string_view rest{format}; !rest.empty();) {
-    std::string text{rest.substr(0, rest.find('%'))};
-    rest.remove_prefix(text.size());
-    bool isHidden = false;
-    if (text.empty() && rest.starts_with("%%")) {
-      text = "%";
-      rest.remove_prefix(2);
-    } else if (text.empty()) {
-      rest.remove_prefix(1);
-      Conversion conversion{rest};
-      isHidden = conversion.isHidden();
-      int star = 0;
-      while (conversion.layout.find('*') != std::string::npos)
-        star = conversion.fillStar(va_arg(arguments, int));
-      const bool isLong = conversion.length.find_first_of("ljztq") != std::string::npos;
-      const std::string number = conversion.layout + conversion.length + conversion.kind;
-      switch (conversion.kind) {
-        case 'd':
-        case 'i':
-        case 'u':
-        case 'x':
-        case 'X':
-        case 'o':
-          text = isLong ? printed(number, va_arg(arguments, long)) : printed(number, va_arg(arguments, int));
-          break;
-        case 'c': text = printed(number, va_arg(arguments, int)); break;
-        case 'f':
-        case 'g':
-        case 'e': text = printed(number, va_arg(arguments, double)); break;
-        case 'p': text = printed(number, va_arg(arguments, void*)); break;
-        case 's': {
-          const char* const chars = va_arg(arguments, const char*);
-          text = printed(number, chars ? chars : "(null)");
-          break;
-        }
-        case 'P': text = hex(va_arg(arguments, const unsigned char*), star); break;
-        case '@': {
-          @autoreleasepool {
-            const id object = va_arg(arguments, id);
-            text = object ? utf8Of(object) : "(null)";
-          }
-          break;
-        }
-        default: refuse(format);
-      }
-    }
-    line.text += text;
-    line.shown += isHidden ? "<private>" : text;
-  }
+  NSLogv(format, arguments);
   va_end(arguments);
-  addLine(std::move(line));
+}
+
+NSString* NSUserName() {
+  raiseIn("NSUserName");
+  return @"alice";
+}
+
+void _os_log_double(os_log_t, os_log_type_t type, const char* format, ...) {
+  raiseIn("os_log");
+  va_list arguments;
+  va_start(arguments, format);
+  addLine({channelOf(type), shownOf(format, arguments)});
+  va_end(arguments);
 }

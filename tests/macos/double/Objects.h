@@ -6,8 +6,6 @@
 #import <CryptoTokenKit/CryptoTokenKit.h>
 #include <openssl/evp.h>
 
-#include <vector>
-
 NS_ASSUME_NONNULL_BEGIN
 
 @interface TKSmartCardSlot (Double)
@@ -16,6 +14,7 @@ NS_ASSUME_NONNULL_BEGIN
 
 @interface TKSmartCard (Double)
 - (instancetype)initWithSlot:(TKSmartCardSlot*)slot;
+- (TKSmartCard*)anotherConnection;
 /// As the platform does when the card is reset, taken out or used by somebody else.
 - (void)loseContext;
 @end
@@ -35,15 +34,8 @@ NS_ASSUME_NONNULL_BEGIN
 @end
 
 @interface TKTokenKeyAlgorithm (Double)
-/// An algorithm in whose form the data arrive, and those that the request passed through before.
-+ (instancetype)algorithmWithTarget:(SecKeyAlgorithm)target
-                      passedThrough:(const std::vector<SecKeyAlgorithm>&)passedThrough;
-/// What isAlgorithm: and supportsAlgorithm: were asked for, in order.
-- (NSArray<NSString*>*)asked;
-@end
-
-@interface TKTokenKeyExchangeParameters (Double)
-+ (instancetype)parametersWithRequestedSize:(NSInteger)size sharedInfo:(nullable NSData*)info;
+/// An algorithm in whose form the data arrive.
++ (instancetype)algorithmWithTarget:(SecKeyAlgorithm)target;
 @end
 
 /// What a SecKeyRef is: a public key.
@@ -65,7 +57,6 @@ NS_ASSUME_NONNULL_BEGIN
   NSData* _der;
   NSString* _keyType;
   NSInteger _keySizeInBits;
-  NSData* _publicKey;
   NSNumber* _keyUsage;
   NSString* _commonName;
   NSDate* _notAfter;
@@ -76,8 +67,6 @@ NS_ASSUME_NONNULL_BEGIN
 /// Nil for a kind of key that the keychain has no name for.
 @property(readonly, nullable) NSString* keyType;
 @property(readonly) NSInteger keySizeInBits;
-/// RFC 8017's RSAPublicKey, or the uncompressed point.
-@property(readonly, nullable) NSData* publicKey;
 /// Bit n is bit n of RFC 5280's bit string; nil without the extension.
 @property(readonly, nullable) NSNumber* keyUsage;
 @property(readonly, nullable) NSString* commonName;

@@ -17,6 +17,7 @@
 #include <vector>
 
 #import "Objects.h"
+#import "RaisingCall.h"
 #import "Switches.h"
 
 using namespace mirel::test;
@@ -151,8 +152,8 @@ NSDictionary* entryOf(NSString* label, id value) {
 @end
 
 @implementation DoubleCertificate
-@synthesize der = _der, keyType = _keyType, keySizeInBits = _keySizeInBits, publicKey = _publicKey,
-            keyUsage = _keyUsage, commonName = _commonName, notAfter = _notAfter, key = _key;
+@synthesize der = _der, keyType = _keyType, keySizeInBits = _keySizeInBits, keyUsage = _keyUsage,
+            commonName = _commonName, notAfter = _notAfter, key = _key;
 
 - (instancetype)initWithDer:(NSData*)der {
   self = [super init];
@@ -176,7 +177,6 @@ NSDictionary* entryOf(NSString* label, id value) {
     _keyType = [keyTypeOf(key) retain];
     _keySizeInBits = EVP_PKEY_get_bits(key);
     if (_keyType) {
-      _publicKey = [encoded<i2d_PublicKey>(key) retain];
       _key = [[DoubleKey alloc] initWithKey:key keyType:_keyType];
     }
   }
@@ -187,7 +187,6 @@ NSDictionary* entryOf(NSString* label, id value) {
   countObject("SecCertificate", -1);
   [_der release];
   [_keyType release];
-  [_publicKey release];
   [_keyUsage release];
   [_commonName release];
   [_notAfter release];
@@ -260,6 +259,7 @@ const CFStringRef kSecAttrKeyTypeRSA = CFSTR("double RSA");
 const CFStringRef kSecAttrKeyTypeECSECPrimeRandom = CFSTR("double EC");
 
 SecCertificateRef SecCertificateCreateWithData(CFAllocatorRef, CFDataRef der) {
+  raiseIn("SecCertificateCreateWithData");
   @autoreleasepool {
     NSData* const data = objectOf(der, "SecCertificateCreateWithData");
     return (SecCertificateRef)[[DoubleCertificate alloc] initWithDer:data];
@@ -271,16 +271,19 @@ CFDataRef SecCertificateCopyData(SecCertificateRef certificate) {
 }
 
 CFStringRef SecCertificateCopySubjectSummary(SecCertificateRef certificate) {
+  raiseIn("SecCertificateCopySubjectSummary");
   DoubleCertificate* const object = objectOf(certificate, "SecCertificateCopySubjectSummary");
   return switches().withoutSummary ? nullptr : (CFStringRef)[[object commonName] copy];
 }
 
 SecKeyRef SecCertificateCopyKey(SecCertificateRef certificate) {
+  raiseIn("SecCertificateCopyKey");
   return (SecKeyRef)[[objectOf(certificate, "SecCertificateCopyKey") key] retain];
 }
 
 CFDictionaryRef SecCertificateCopyValues(SecCertificateRef certificate, CFArrayRef oids,
                                          CFErrorRef* outError) {
+  raiseIn("SecCertificateCopyValues");
   DoubleCertificate* const object = objectOf(certificate, "SecCertificateCopyValues");
   if (switches().keyUsageForm == KeyUsageForm::kError) {
     if (outError) *outError = (CFErrorRef)[[NSError alloc] initWithDomain:@"double" code:-1 userInfo:nil];
@@ -361,6 +364,7 @@ size_t SecKeyGetBlockSize(SecKeyRef key) {
 }
 
 CFDictionaryRef SecKeyCopyAttributes(SecKeyRef key) {
+  raiseIn("SecKeyCopyAttributes");
   DoubleKey* const object = objectOf(key, "SecKeyCopyAttributes");
   @autoreleasepool {
     NSMutableDictionary* const attributes = [NSMutableDictionary dictionary];

@@ -31,14 +31,6 @@ struct Switches {
   bool refusesCertificateItems = false;
   bool refusesKeyItems = false;
   bool refusesPinOperations = false;
-  /// Keychain contents refuse what they are filled with, and then raise.
-  bool refusesItems = false;
-  /// So do items their labels, keys their constraints, and contents the identifiers of keys.
-  bool refusesLabels = false;
-  bool refusesConstraints = false;
-  bool refusesIdentifiers = false;
-  /// What refuses raises an exception, instead of answering nil.
-  bool raises = false;
   /// Tokens have no keychain contents.
   bool withoutContents = false;
   /// Sessions have no connection to the card.
@@ -64,10 +56,9 @@ struct Switches {
   bool explainsMissingKeys = false;
   /// A PIN that goes into a command is sent by the system itself, and the operation does not get it.
   bool sendsPinsItself = false;
-  /// Called, with the object, when the base initialiser of a token, of a session or of a PIN operation runs.
+  /// Called, with the object, when the base initialiser of a token or of a session runs.
   std::function<void(void*)> whenTokenIsInitialised = [](void*) {};
   std::function<void(void*)> whenSessionIsInitialised = [](void*) {};
-  std::function<void(void*)> whenPinOperationIsInitialised = [](void*) {};
   /// Called when keychain contents are being filled.
   std::function<void()> whenContentsAreFilled = [] {};
 };

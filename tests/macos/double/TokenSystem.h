@@ -78,8 +78,8 @@ struct PinRequest {
 using SessionNumber = std::size_t;
 
 /// Plays CryptoTokenKit for one driver and one card at a time: calls the delegates as the system does, keeps
-/// what they answer, and lets it go again. A method that the delegate does not implement counts as failed,
-/// without an error. Texts are UTF-8.
+/// what they answer, and lets it go again. Without a delegate all fails without an error; a method that it
+/// does not implement raises. Texts are UTF-8.
 ///
 /// A key is named by its object identifier; an algorithm by the name of its constant, with or without the
 /// prefix "kSecKeyAlgorithm". An unknown name, or a number of no session, ends the program.
@@ -98,7 +98,7 @@ class TokenSystem {
   /// A card is put into that reader. Succeeded: there is a token.
   Outcome offerCard(const std::string& readerName, ErrorPointer pointer = ErrorPointer::kEmpty,
                     const std::optional<ByteVector>& aid = std::nullopt);
-  /// The card is taken out: sessions and token are told so and let go.
+  /// The card is taken out: sessions and token are let go.
   void removeCard();
 
   [[nodiscard]] std::string instanceID() const;
@@ -109,8 +109,6 @@ class TokenSystem {
   /// A new client. Succeeded: the session has the number `numSessions() - 1`.
   Outcome openSession(ErrorPointer pointer = ErrorPointer::kEmpty);
   [[nodiscard]] std::size_t numSessions() const;
-  /// The client is done. Numbers of other sessions stay.
-  void closeSession(SessionNumber session);
 
   [[nodiscard]] bool supports(SessionNumber session, long operation, const std::string& key,
                               const std::string& algorithm);
@@ -138,9 +136,6 @@ class TokenSystem {
   [[nodiscard]] bool cardIsSensitive(SessionNumber session) const;
   /// The card is reset, so its connections lose their marks.
   void resetCard();
-
-  /// Lets go of everything, the driver last.
-  void dropEverything();
 
 #ifdef __OBJC__
   /// The objects themselves; nil when there is none. The system keeps them.

@@ -78,8 +78,7 @@ TKTokenKeyAlgorithm* algorithmNamed(std::string name) {
   constexpr std::string_view kPrefix = "kSecKeyAlgorithm";
   if (name.starts_with(kPrefix)) name.erase(0, kPrefix.size());
 #define DOUBLE_IF_NAMED(constant) \
-  if (name == #constant)          \
-    return [TKTokenKeyAlgorithm algorithmWithTarget:kSecKeyAlgorithm##constant passedThrough:{}];
+  if (name == #constant) return [TKTokenKeyAlgorithm algorithmWithTarget:kSecKeyAlgorithm##constant];
   DOUBLE_SEC_KEY_ALGORITHMS(DOUBLE_IF_NAMED)
 #undef DOUBLE_IF_NAMED
   refuse("algorithm", name);
@@ -149,6 +148,16 @@ struct TokenSystem::State {
     if (number >= sessions.size() || !sessions[number].get()) refuse("session", std::to_string(number));
     return sessions[number].get();
   }
+
+  /// What the session's delegate answers.
+  template <typename Ask>
+  Outcome answerOf(SessionNumber number, ErrorPointer pointer, Ask&& ask) const {
+    @autoreleasepool {
+      ErrorPlace place{pointer};
+      NSData* const answer = ask(session(number), [session(number) delegate], place.pointer());
+      return place.outcome(answer != nil, answer);
+    }
+  }
 };
 
 TokenSystem::TokenSystem(const std::string& driverClass) : state_{std::make_unique<State>()} {
@@ -159,7 +168,7 @@ TokenSystem::TokenSystem(const std::string& driverClass) : state_{std::make_uniq
   }
 }
 
-TokenSystem::~TokenSystem() { dropEverything(); }
+TokenSystem::~TokenSystem() { removeCard(); }
 
 bool TokenSystem::hasDriver() const { return driver() != nil; }
 
@@ -171,12 +180,10 @@ Outcome TokenSystem::offerCard(const std::string& readerName, ErrorPointer point
     TKSmartCardSlot* const slot = [[[TKSmartCardSlot alloc] initWithName:string(readerName)] autorelease];
     state_->card = Kept{[slot makeSmartCard]};
     const id delegate = [(TKTokenDriver*)driver() delegate];
-    if ([delegate respondsToSelector:@selector(tokenDriver:createTokenForSmartCard:AID:error:)]) {
-      state_->token = Kept{[delegate tokenDriver:driver()
-                         createTokenForSmartCard:state_->card.get()
-                                             AID:aid ? dataOf(*aid) : nil
-                                           error:place.pointer()]};
-    }
+    state_->token = Kept{[delegate tokenDriver:driver()
+                       createTokenForSmartCard:state_->card.get()
+                                           AID:aid ? dataOf(*aid) : nil
+                                         error:place.pointer()]};
     return place.outcome(token() != nil);
   }
 }
@@ -184,14 +191,7 @@ Outcome TokenSystem::offerCard(const std::string& readerName, ErrorPointer point
 void TokenSystem::removeCard() {
   @autoreleasepool {
     state_->operation = Kept{};
-    for (SessionNumber number = 0; number < numSessions(); ++number) {
-      if (session(number)) closeSession(number);
-    }
     state_->sessions.clear();
-    const id delegate = [(TKTokenDriver*)driver() delegate];
-    if (token() && [delegate respondsToSelector:@selector(tokenDriver:terminateToken:)]) {
-      [delegate tokenDriver:driver() terminateToken:token()];
-    }
     state_->token = Kept{};
     state_->card = Kept{};
   }
@@ -225,26 +225,14 @@ Outcome TokenSystem::openSession(ErrorPointer pointer) {
 
 std::size_t TokenSystem::numSessions() const { return state_->sessions.size(); }
 
-void TokenSystem::closeSession(SessionNumber number) {
-  @autoreleasepool {
-    const id delegate = [(TKToken*)token() delegate];
-    if ([delegate respondsToSelector:@selector(token:terminateSession:)]) {
-      [delegate token:token() terminateSession:state_->session(number)];
-    }
-    state_->sessions[number] = Kept{};
-  }
-}
-
 bool TokenSystem::supports(SessionNumber number, long operation, const std::string& key,
                            const std::string& algorithm) {
   @autoreleasepool {
     TKTokenSession* const session = state_->session(number);
-    const id delegate = [session delegate];
-    return [delegate respondsToSelector:@selector(tokenSession:supportsOperation:usingKey:algorithm:)] &&
-           [delegate tokenSession:session
-                supportsOperation:(TKTokenOperation)operation
-                         usingKey:string(key)
-                        algorithm:algorithmNamed(algorithm)];
+    return [[session delegate] tokenSession:session
+                          supportsOperation:(TKTokenOperation)operation
+                                   usingKey:string(key)
+                                  algorithm:algorithmNamed(algorithm)];
   }
 }
 
@@ -253,17 +241,13 @@ Outcome TokenSystem::beginAuth(SessionNumber number, long operation, const std::
   @autoreleasepool {
     ErrorPlace place{pointer};
     TKTokenSession* const session = state_->session(number);
-    const id delegate = [session delegate];
     TKTokenKeychainKey* const item = [[(TKToken*)token() keychainContents] keyForObjectID:string(key)
                                                                                     error:nil];
     const id asked = constraint ? constraintOf(*constraint) : [[item constraints] objectForKey:@(operation)];
-    state_->operation = Kept{};
-    if ([delegate respondsToSelector:@selector(tokenSession:beginAuthForOperation:constraint:error:)]) {
-      state_->operation = Kept{[delegate tokenSession:session
-                                beginAuthForOperation:(TKTokenOperation)operation
-                                           constraint:asked
-                                                error:place.pointer()]};
-    }
+    state_->operation = Kept{[[session delegate] tokenSession:session
+                                        beginAuthForOperation:(TKTokenOperation)operation
+                                                   constraint:asked
+                                                        error:place.pointer()]};
     return place.outcome(authOperation() != nil);
   }
 }
@@ -305,60 +289,36 @@ Outcome TokenSystem::finishAuth(ErrorPointer pointer) {
 
 Outcome TokenSystem::sign(SessionNumber number, const ByteVector& data, const std::string& key,
                           const std::string& algorithm, ErrorPointer pointer) {
-  @autoreleasepool {
-    ErrorPlace place{pointer};
-    TKTokenSession* const session = state_->session(number);
-    const id delegate = [session delegate];
-    NSData* answer = nil;
-    if ([delegate respondsToSelector:@selector(tokenSession:signData:usingKey:algorithm:error:)]) {
-      answer = [delegate tokenSession:session
-                             signData:dataOf(data)
-                             usingKey:string(key)
-                            algorithm:algorithmNamed(algorithm)
-                                error:place.pointer()];
-    }
-    return place.outcome(answer != nil, answer);
-  }
+  return state_->answerOf(number, pointer, [&](TKTokenSession* session, id asked, NSError** error) {
+    return [asked tokenSession:session
+                      signData:dataOf(data)
+                      usingKey:string(key)
+                     algorithm:algorithmNamed(algorithm)
+                         error:error];
+  });
 }
 
 Outcome TokenSystem::decrypt(SessionNumber number, const ByteVector& data, const std::string& key,
                              const std::string& algorithm, ErrorPointer pointer) {
-  @autoreleasepool {
-    ErrorPlace place{pointer};
-    TKTokenSession* const session = state_->session(number);
-    const id delegate = [session delegate];
-    NSData* answer = nil;
-    if ([delegate respondsToSelector:@selector(tokenSession:decryptData:usingKey:algorithm:error:)]) {
-      answer = [delegate tokenSession:session
-                          decryptData:dataOf(data)
-                             usingKey:string(key)
-                            algorithm:algorithmNamed(algorithm)
-                                error:place.pointer()];
-    }
-    return place.outcome(answer != nil, answer);
-  }
+  return state_->answerOf(number, pointer, [&](TKTokenSession* session, id asked, NSError** error) {
+    return [asked tokenSession:session
+                   decryptData:dataOf(data)
+                      usingKey:string(key)
+                     algorithm:algorithmNamed(algorithm)
+                         error:error];
+  });
 }
 
 Outcome TokenSystem::exchange(SessionNumber number, const ByteVector& publicKey, const std::string& key,
                               const std::string& algorithm, ErrorPointer pointer) {
-  @autoreleasepool {
-    ErrorPlace place{pointer};
-    TKTokenSession* const session = state_->session(number);
-    const id delegate = [session delegate];
-    const SEL selector = @selector(tokenSession:
-                performKeyExchangeWithPublicKey:usingKey:algorithm:parameters:error:);
-    NSData* answer = nil;
-    if ([delegate respondsToSelector:selector]) {
-      answer = [delegate tokenSession:session
-          performKeyExchangeWithPublicKey:dataOf(publicKey)
-                                 usingKey:string(key)
-                                algorithm:algorithmNamed(algorithm)
-                               parameters:[TKTokenKeyExchangeParameters parametersWithRequestedSize:0
-                                                                                         sharedInfo:nil]
-                                    error:place.pointer()];
-    }
-    return place.outcome(answer != nil, answer);
-  }
+  return state_->answerOf(number, pointer, [&](TKTokenSession* session, id asked, NSError** error) {
+    return [asked tokenSession:session
+        performKeyExchangeWithPublicKey:dataOf(publicKey)
+                               usingKey:string(key)
+                              algorithm:algorithmNamed(algorithm)
+                             parameters:[[[TKTokenKeyExchangeParameters alloc] init] autorelease]
+                                  error:error];
+  });
 }
 
 std::optional<bool> TokenSystem::cardContext(SessionNumber number) const {
@@ -378,11 +338,6 @@ void TokenSystem::resetCard() {
     for (const Kept& session : state_->sessions)
       [[(TKSmartCardTokenSession*)session.get() smartCard] loseContext];
   }
-}
-
-void TokenSystem::dropEverything() {
-  removeCard();
-  state_->driver = Kept{};
 }
 
 id TokenSystem::driver() const { return state_->driver.get(); }

@@ -131,6 +131,7 @@ typedef NS_ENUM(NSInteger, TKSmartCardPINJustification) {
 @interface TKTokenDriver : NSObject {
  @private
   __unsafe_unretained id<TKTokenDriverDelegate> _delegate;
+  BOOL _counted;
 }
 @property(nullable, weak) id<TKTokenDriverDelegate> delegate;
 @end
@@ -166,11 +167,6 @@ typedef NS_ENUM(NSInteger, TKSmartCardPINJustification) {
 
 @interface TKTokenKeychainKey : TKTokenKeychainItem {
  @private
-  NSString* _keyType;
-  NSData* _applicationTag;
-  NSInteger _keySizeInBits;
-  NSData* _publicKeyData;
-  NSData* _publicKeyHash;
   BOOL _canDecrypt;
   BOOL _canSign;
   BOOL _canPerformKeyExchange;
@@ -179,11 +175,6 @@ typedef NS_ENUM(NSInteger, TKSmartCardPINJustification) {
 - (nullable instancetype)initWithCertificate:(nullable SecCertificateRef)certificateRef
                                     objectID:(TKTokenObjectID)objectID NS_DESIGNATED_INITIALIZER;
 - (instancetype)initWithObjectID:(TKTokenObjectID)objectID NS_UNAVAILABLE;
-@property(copy) NSString* keyType;
-@property(nullable, copy) NSData* applicationTag;
-@property NSInteger keySizeInBits;
-@property(nullable, copy) NSData* publicKeyData;
-@property(nullable, copy) NSData* publicKeyHash;
 @property BOOL canDecrypt;
 @property BOOL canSign;
 @property BOOL canPerformKeyExchange;
@@ -199,8 +190,6 @@ typedef NS_ENUM(NSInteger, TKSmartCardPINJustification) {
 - (void)fillWithItems:(NSArray<TKTokenKeychainItem*>*)items;
 @property(readonly, copy) NSArray<TKTokenKeychainItem*>* items;
 - (nullable TKTokenKeychainKey*)keyForObjectID:(TKTokenObjectID)objectID error:(NSError**)error;
-- (nullable TKTokenKeychainCertificate*)certificateForObjectID:(TKTokenObjectID)objectID
-                                                         error:(NSError**)error;
 @end
 
 // ---- Token ----
@@ -246,21 +235,12 @@ typedef NS_ENUM(NSInteger, TKSmartCardPINJustification) {
 @interface TKTokenKeyAlgorithm : NSObject {
  @private
   NSString* _target;
-  NSArray<NSString*>* _passedThrough;
-  NSMutableArray<NSString*>* _asked;
 }
 - (instancetype)init NS_UNAVAILABLE;
 - (BOOL)isAlgorithm:(SecKeyAlgorithm)algorithm;
-- (BOOL)supportsAlgorithm:(SecKeyAlgorithm)algorithm;
 @end
 
-@interface TKTokenKeyExchangeParameters : NSObject {
- @private
-  NSInteger _requestedSize;
-  NSData* _sharedInfo;
-}
-@property(readonly) NSInteger requestedSize;
-@property(readonly, copy, nullable) NSData* sharedInfo;
+@interface TKTokenKeyExchangeParameters : NSObject
 @end
 
 @interface TKTokenAuthOperation : NSObject <NSSecureCoding> {
@@ -268,13 +248,6 @@ typedef NS_ENUM(NSInteger, TKSmartCardPINJustification) {
   BOOL _counted;
 }
 - (BOOL)finishWithError:(NSError**)error;
-@end
-
-@interface TKTokenPasswordAuthOperation : TKTokenAuthOperation {
- @private
-  NSString* _password;
-}
-@property(nullable, copy) NSString* password;
 @end
 
 @interface TKTokenSmartCardPINAuthOperation : TKTokenAuthOperation {
