@@ -85,6 +85,7 @@ class PINRequestPort final : public TKTokenSmartCardPINAuthOperation {
  private:
   ::TKSmartCardTokenSession* session_;
   ::TKTokenSmartCardPINAuthOperation* operation_ = nil;
+  std::optional<CardPort> sessionCard_;
   std::optional<CardPort> card_;
 };
 

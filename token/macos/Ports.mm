@@ -131,7 +131,9 @@ std::optional<MirelCTKTokenKeychainKey> SessionPort::keyForObjectID(const Text& 
 
 // ---- PIN ----
 
-TKSmartCard& PINRequestPort::sessionSmartCard() noexcept { return card_.emplace(smartCardOf(session_)); }
+TKSmartCard& PINRequestPort::sessionSmartCard() noexcept {
+  return sessionCard_.emplace(smartCardOf(session_));
+}
 
 TKSmartCard& PINRequestPort::smartCard() noexcept {
   return card_.emplace(
