@@ -16,8 +16,6 @@ WARNINGS = ["-Wall", "-Wextra", "-Wpedantic", "-Wshadow", "-Wconversion"]
 INCLUDE_OPTIONS = ["-I", "-isystem", "-iquote", "-idirafter", "-F"]
 EXTENSION = "extension/MirelToken"
 COMMAND_LINE = "mireltoken"
-# What the extension alone needs of the services; the others are for all programs.
-OBJECTS_OF_TOKENS = [f"platform/macos/{name}.mm" for name in ("Errors", "Guard", "TokenObjects")]
 
 
 def after(words, option):
@@ -105,10 +103,10 @@ def check_compiled(checks, build, given, sdk):
 
 
 def check_archived(checks, build, source):
-    services = [name for name in sources_in(source, "platform/macos") if name not in OBJECTS_OF_TOKENS]
+    services = sources_in(source, "platform/macos")
     archive = objects_in(build.archived["platform/libplatform.a"])
     checks.equal("services that are not in platform", sorted(set(build.objects_of(services)) - set(archive)), [])
-    others = sorted(set(build.objects_of(OBJECTS_OF_TOKENS)) & set(archive))
+    others = sorted(set(build.objects_of(sources_in(source, "token/macos"))) & set(archive))
     checks.equal("what only the extension needs, and is in platform", others, [])
 
 
@@ -136,7 +134,7 @@ def check_linked(checks, build, source):
         check_libraries(checks, build, name)
 
     words = build.linked[EXTENSION]
-    parts = sources_in(source, "token/macos") + OBJECTS_OF_TOKENS
+    parts = sources_in(source, "token/macos")
     checks.equal("the extension's own objects", objects_in(words), build.objects_of(parts))
     checks.equal("the extension's frameworks", sorted(set(after(words, "-framework"))),
                  ["CryptoTokenKit", "Foundation", "Security"])
