@@ -31,7 +31,7 @@ class CallClock final : public CryptokiObserver {
     ++numCalls_;
     if (counting_) ++calls_[function];
   }
-  void operationReturned(const char*, std::uint64_t) noexcept override {}
+  void operationReturned(BridgeOperation, std::uint64_t) noexcept override {}
 
   void reset(bool counting) {
     inModule_ = {};

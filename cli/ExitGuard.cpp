@@ -49,7 +49,7 @@ class CallNames final : public CryptokiObserver {
  public:
   void callStarts(const char* function) noexcept override { runningCall = function; }
   void callReturned(const char*, std::uint64_t) noexcept override { runningCall = nullptr; }
-  void operationReturned(const char*, std::uint64_t) noexcept override {}
+  void operationReturned(BridgeOperation, std::uint64_t) noexcept override {}
 };
 
 }  // namespace

@@ -46,9 +46,9 @@ template <typename Read>
 
 /// Runs the body of one operation and tells the observer its result.
 template <typename Body>
-CK_RV P11Bridge::operation(const char* name, const Body& body) const noexcept {
+CK_RV P11Bridge::operation(BridgeOperation which, const Body& body) const noexcept {
   const CK_RV rv = body();
-  if (services_.observer) services_.observer->operationReturned(name, rv);
+  if (services_.observer) services_.observer->operationReturned(which, rv);
   return rv;
 }
 

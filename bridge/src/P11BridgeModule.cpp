@@ -58,7 +58,7 @@ bool P11Bridge::pkcs11_UnLoad(const void*) noexcept {
 }
 
 CK_RV P11Bridge::pkcs11_Initial(CK_VOID_PTR pInitArgs) noexcept {
-  return operation("pkcs11_Initial", [&]() -> CK_RV {
+  return operation(BridgeOperation::pkcs11_Initial, [&]() -> CK_RV {
     // Oddity: every other operation answers CKR_CRYPTOKI_NOT_INITIALIZED here.
     if (!ckFunc()) return CKR_GENERAL_ERROR;
     return call<&CK_FUNCTION_LIST::C_Initialize>(pInitArgs);
@@ -66,7 +66,7 @@ CK_RV P11Bridge::pkcs11_Initial(CK_VOID_PTR pInitArgs) noexcept {
 }
 
 CK_RV P11Bridge::pkcs11_Finalize(CK_VOID_PTR pReserved) noexcept {
-  return operation("pkcs11_Finalize", [&]() -> CK_RV {
+  return operation(BridgeOperation::pkcs11_Finalize, [&]() -> CK_RV {
     if (!ckFunc()) return CKR_CRYPTOKI_NOT_INITIALIZED;
     if (pReserved) return CKR_FUNCTION_FAILED;
     return call<&CK_FUNCTION_LIST::C_Finalize>(nullptr);
@@ -74,7 +74,7 @@ CK_RV P11Bridge::pkcs11_Finalize(CK_VOID_PTR pReserved) noexcept {
 }
 
 CK_RV P11Bridge::pkcs11_GetInfo(CK_INFO* outInfo) noexcept {
-  return operation("pkcs11_GetInfo", [&]() -> CK_RV {
+  return operation(BridgeOperation::pkcs11_GetInfo, [&]() -> CK_RV {
     if (!ckFunc()) return CKR_CRYPTOKI_NOT_INITIALIZED;
     if (!outInfo) return CKR_ARGUMENTS_BAD;
     CK_INFO info{};
@@ -87,7 +87,7 @@ CK_RV P11Bridge::pkcs11_GetInfo(CK_INFO* outInfo) noexcept {
 
 CK_RV P11Bridge::pkcs11_C_GetSlotList(CK_BBOOL tokenPresent, CK_SLOT_ID* outList,
                                       CK_ULONG* outCount) noexcept {
-  return operation("pkcs11_C_GetSlotList", [&]() -> CK_RV {
+  return operation(BridgeOperation::pkcs11_C_GetSlotList, [&]() -> CK_RV {
     if (!ckFunc()) return CKR_CRYPTOKI_NOT_INITIALIZED;
     if (!outCount) return CKR_ARGUMENTS_BAD;
     // Oddity: the module is told of so many entries, whatever room the caller has.
@@ -102,7 +102,7 @@ CK_RV P11Bridge::pkcs11_C_GetSlotList(CK_BBOOL tokenPresent, CK_SLOT_ID* outList
 }
 
 CK_RV P11Bridge::pkcs11_FindSlot(const Text& description, CK_SLOT_ID* outSlotID) noexcept {
-  return operation("pkcs11_FindSlot", [&]() -> CK_RV {
+  return operation(BridgeOperation::pkcs11_FindSlot, [&]() -> CK_RV {
     if (!ckFunc()) return CKR_CRYPTOKI_NOT_INITIALIZED;
     if (!outSlotID) return CKR_ARGUMENTS_BAD;
     *outSlotID = kNoHandle;
@@ -136,7 +136,7 @@ CK_RV P11Bridge::chooseSlot(const Text& description, const CK_SLOT_ID* slots, CK
 
 CK_RV P11Bridge::pkcs11_GetTokenInfo(CK_SLOT_ID slotID,
                                      std::shared_ptr<PKCS11_SERVICE_INFO>* ioRecord) noexcept {
-  return operation("pkcs11_GetTokenInfo", [&]() -> CK_RV {
+  return operation(BridgeOperation::pkcs11_GetTokenInfo, [&]() -> CK_RV {
     const std::shared_ptr<PKCS11_SERVICE_INFO> work = newServiceRecord(services_.memory);
     if (!ckFunc()) return CKR_CRYPTOKI_NOT_INITIALIZED;
     if (!ioRecord) return CKR_ARGUMENTS_BAD;

@@ -83,7 +83,7 @@ class GuardedTemplate {
 CK_RV P11Bridge::pkcs11_FindObjects(CK_SESSION_HANDLE session, CK_ATTRIBUTE* attributes, CK_ULONG count,
                                     CK_OBJECT_HANDLE* outObjects, CK_ULONG* outCount,
                                     CK_ULONG maxObjects) noexcept {
-  return operation("pkcs11_FindObjects", [&]() -> CK_RV {
+  return operation(BridgeOperation::pkcs11_FindObjects, [&]() -> CK_RV {
     if (!ckFunc()) return CKR_CRYPTOKI_NOT_INITIALIZED;
     if (!outCount) return CKR_ARGUMENTS_BAD;
     if (CK_RV rv = call<&CK_FUNCTION_LIST::C_FindObjectsInit>(session, attributes, count); rv != CKR_OK) {
@@ -114,7 +114,7 @@ CK_RV P11Bridge::pkcs11_FindObjects(CK_SESSION_HANDLE session, CK_ATTRIBUTE* att
 CK_RV P11Bridge::pkcs11_getObjsAttriValue(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object,
                                           CK_ATTRIBUTE* attributes, CK_ULONG count, CK_ULONG maxCount,
                                           CK_ULONG maxValueLen) noexcept {
-  return operation("pkcs11_getObjsAttriValue", [&]() -> CK_RV {
+  return operation(BridgeOperation::pkcs11_getObjsAttriValue, [&]() -> CK_RV {
     if (!ckFunc()) return CKR_CRYPTOKI_NOT_INITIALIZED;
     // A count above the limit is the caller's mistake; no more of its entries is touched than the
     // clean-up of a first read reaches.
@@ -154,14 +154,14 @@ struct P11Bridge::ValueReader {
     CK_ATTRIBUTE_TYPE type;
     CK_ULONG largest;  ///< bytes; a longer value is not fetched
   };
-  const char* name;
+  BridgeOperation operation;
   std::span<const Attribute> attributes;  ///< at most 2
   CK_ULONG limit;                         ///< bytes, for each value
 };
 
 CK_RV P11Bridge::readValue(const ValueReader& reader, CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object,
                            CK_BYTE* outValue, CK_ULONG* ioLen) noexcept {
-  return operation(reader.name, [&]() -> CK_RV {
+  return operation(reader.operation, [&]() -> CK_RV {
     const CK_ULONG capacity = ioLen ? *ioLen : 0;
     setLength(ioLen, 0);
     if (!ckFunc()) return CKR_CRYPTOKI_NOT_INITIALIZED;
@@ -205,7 +205,8 @@ CK_RV P11Bridge::readValue(const ValueReader& reader, CK_SESSION_HANDLE session,
 CK_RV P11Bridge::pkcs11_getRSAKeyModulus(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE key, CK_BYTE* outValue,
                                          CK_ULONG* ioLen) noexcept {
   static constexpr std::array<ValueReader::Attribute, 1> kAttributes{{{CKA_MODULUS, kModulus.largest}}};
-  static constexpr ValueReader kReader{"pkcs11_getRSAKeyModulus", kAttributes, kModulus.largest + 1};
+  static constexpr ValueReader kReader{BridgeOperation::pkcs11_getRSAKeyModulus, kAttributes,
+                                       kModulus.largest + 1};
   return readValue(kReader, session, key, outValue, ioLen);
 }
 
@@ -214,7 +215,7 @@ CK_RV P11Bridge::pkcs11_getECPublicKey(CK_SESSION_HANDLE session, CK_OBJECT_HAND
   static constexpr std::array<ValueReader::Attribute, 2> kAttributes{
       {{CKA_EC_PARAMS, kLargestFetchedParameters}, {CKA_EC_POINT, kPoint.refusedAbove}}};
   // Oddity: a point between the two limits gets a buffer but exceeds the limit of the read.
-  static constexpr ValueReader kReader{"pkcs11_getECPublicKey", kAttributes, kPoint.largest};
+  static constexpr ValueReader kReader{BridgeOperation::pkcs11_getECPublicKey, kAttributes, kPoint.largest};
   return readValue(kReader, session, key, outValue, ioLen);
 }
 
@@ -222,13 +223,14 @@ CK_RV P11Bridge::pkcs11_getCertificate(CK_SESSION_HANDLE session, CK_OBJECT_HAND
                                        CK_BYTE* outValue, CK_ULONG* ioLen) noexcept {
   static constexpr std::array<ValueReader::Attribute, 1> kAttributes{
       {{CKA_VALUE, kLargestFetchedCertificate}}};
-  static constexpr ValueReader kReader{"pkcs11_getCertificate", kAttributes, kCertificateValue.largest};
+  static constexpr ValueReader kReader{BridgeOperation::pkcs11_getCertificate, kAttributes,
+                                       kCertificateValue.largest};
   return readValue(kReader, session, certificate, outValue, ioLen);
 }
 
 CK_RV P11Bridge::pkcs11_getCorrespondingPrivateKey(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object,
                                                    CK_OBJECT_HANDLE* ioKey) noexcept {
-  return operation("pkcs11_getCorrespondingPrivateKey", [&]() -> CK_RV {
+  return operation(BridgeOperation::pkcs11_getCorrespondingPrivateKey, [&]() -> CK_RV {
     if (!ckFunc()) return CKR_CRYPTOKI_NOT_INITIALIZED;
     if (isNoHandle(session)) return CKR_ARGUMENTS_BAD;
     if (!ioKey || *ioKey == kNoHandle) return CKR_ARGUMENTS_BAD;
@@ -254,7 +256,7 @@ CK_RV P11Bridge::pkcs11_getCorrespondingPrivateKey(CK_SESSION_HANDLE session, CK
 
 CK_RV P11Bridge::GetCertBlobByLabel(CK_SESSION_HANDLE session, const CK_BYTE* label, CK_ULONG labelLen,
                                     CK_BYTE* outValue, CK_ULONG* ioLen) noexcept {
-  return operation("GetCertBlobByLabel", [&]() -> CK_RV {
+  return operation(BridgeOperation::GetCertBlobByLabel, [&]() -> CK_RV {
     const CK_ULONG capacity = ioLen ? *ioLen : 0;
     setLength(ioLen, 0);
     // Oddity: the arguments are checked before the function list.

@@ -77,7 +77,7 @@ CK_RV P11Bridge::useKey(CK_SESSION_HANDLE session, CK_MECHANISM& mechanism, CK_O
 CK_RV P11Bridge::pkcs11_genSignaturePKCS1(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE key,
                                           const CK_BYTE* data, CK_ULONG dataLen, CK_BYTE* outSignature,
                                           CK_ULONG* ioSignatureLen, CK_ULONG capacity) noexcept {
-  return operation("pkcs11_genSignaturePKCS1", [&]() -> CK_RV {
+  return operation(BridgeOperation::pkcs11_genSignaturePKCS1, [&]() -> CK_RV {
     if (!ckFunc()) return CKR_CRYPTOKI_NOT_INITIALIZED;
     if (isNoHandle(session) || isNoHandle(key)) return CKR_ARGUMENTS_BAD;
     if (!data || dataLen == 0 || !ioSignatureLen || capacity == 0) return CKR_ARGUMENTS_BAD;
@@ -96,7 +96,7 @@ CK_RV P11Bridge::pkcs11_genSignaturePSS(CK_SESSION_HANDLE session, CK_OBJECT_HAN
                                         CK_MECHANISM_TYPE hash, const CK_BYTE* data, CK_ULONG dataLen,
                                         CK_BYTE* outSignature, CK_ULONG* outSignatureLen,
                                         CK_ULONG capacity) noexcept {
-  return operation("pkcs11_genSignaturePSS", [&]() -> CK_RV {
+  return operation(BridgeOperation::pkcs11_genSignaturePSS, [&]() -> CK_RV {
     if (!ckFunc()) return CKR_CRYPTOKI_NOT_INITIALIZED;
     if (isNoHandle(session) || isNoHandle(keyObject)) return CKR_ARGUMENTS_BAD;
     if (!data || dataLen == 0 || !outSignatureLen || capacity == 0) return CKR_ARGUMENTS_BAD;
@@ -121,7 +121,7 @@ CK_RV P11Bridge::pkcs11_genECDSA(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE key
                                  std::uint32_t keySizeInBits, const CK_BYTE* data, CK_ULONG dataLen,
                                  CK_BYTE* outSignature, CK_ULONG* ioSignatureLen,
                                  CK_ULONG capacity) noexcept {
-  return operation("pkcs11_genECDSA", [&]() -> CK_RV {
+  return operation(BridgeOperation::pkcs11_genECDSA, [&]() -> CK_RV {
     if (!ckFunc()) return CKR_CRYPTOKI_NOT_INITIALIZED;
     if (isNoHandle(session) || isNoHandle(keyObject)) return CKR_ARGUMENTS_BAD;
     if (!data || dataLen == 0 || !ioSignatureLen || capacity == 0) return CKR_ARGUMENTS_BAD;
@@ -154,7 +154,7 @@ CK_RV P11Bridge::decryptPKCS1(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE keyObj
 CK_RV P11Bridge::pkcs11_genDecryptPKCS1(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE keyObject,
                                         const CK_BYTE* cipher, CK_ULONG cipherLen, CK_BYTE* outPlain,
                                         CK_ULONG* outPlainLen, CK_ULONG capacity) noexcept {
-  return operation("pkcs11_genDecryptPKCS1", [&]() -> CK_RV {
+  return operation(BridgeOperation::pkcs11_genDecryptPKCS1, [&]() -> CK_RV {
     if (!ckFunc()) return CKR_CRYPTOKI_NOT_INITIALIZED;
     if (isNoHandle(session) || isNoHandle(keyObject)) return CKR_ARGUMENTS_BAD;
     if (!cipher || cipherLen == 0 || !outPlainLen || capacity == 0) return CKR_ARGUMENTS_BAD;
@@ -166,7 +166,7 @@ CK_RV P11Bridge::pkcs11_genDecryptPKCS1(CK_SESSION_HANDLE session, CK_OBJECT_HAN
 CK_RV P11Bridge::pkcs11_genDecryptOAEP(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE keyObject,
                                        const CK_BYTE* cipher, CK_ULONG cipherLen, CK_MECHANISM_TYPE hash,
                                        CK_BYTE* outPlain, CK_ULONG* outPlainLen, CK_ULONG capacity) noexcept {
-  return operation("pkcs11_genDecryptOAEP", [&]() -> CK_RV {
+  return operation(BridgeOperation::pkcs11_genDecryptOAEP, [&]() -> CK_RV {
     if (!ckFunc()) return CKR_CRYPTOKI_NOT_INITIALIZED;
     if (isNoHandle(session) || isNoHandle(keyObject)) return CKR_ARGUMENTS_BAD;
     if (!cipher || cipherLen == 0 || !outPlainLen || capacity == 0) return CKR_ARGUMENTS_BAD;
@@ -180,7 +180,7 @@ CK_RV P11Bridge::pkcs11_genDecryptOAEP(CK_SESSION_HANDLE session, CK_OBJECT_HAND
 CK_RV P11Bridge::pkcs11_genSymKeyFromECDH(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE baseKey,
                                           const CK_BYTE* publicData, CK_ULONG publicDataLen,
                                           CK_OBJECT_HANDLE* outKey) noexcept {
-  return operation("pkcs11_genSymKeyFromECDH", [&]() -> CK_RV {
+  return operation(BridgeOperation::pkcs11_genSymKeyFromECDH, [&]() -> CK_RV {
     if (!ckFunc()) return CKR_CRYPTOKI_NOT_INITIALIZED;
     if (isNoHandle(session)) return CKR_ARGUMENTS_BAD;
     if (!publicData || publicDataLen == CK_UNAVAILABLE_INFORMATION || !outKey) return CKR_ARGUMENTS_BAD;

@@ -14,7 +14,7 @@ void P11Bridge::closeUnusedSession(CK_SESSION_HANDLE session,
 
 CK_RV P11Bridge::pkcs11_OpenReadOnlySession(CK_SLOT_ID slotID,
                                             std::shared_ptr<PKCS11_SERVICE_INFO>* ioRecord) noexcept {
-  return operation("pkcs11_OpenReadOnlySession", [&]() -> CK_RV {
+  return operation(BridgeOperation::pkcs11_OpenReadOnlySession, [&]() -> CK_RV {
     if (!ckFunc()) return CKR_CRYPTOKI_NOT_INITIALIZED;
     if (slotID == kNoHandle || !ioRecord) return CKR_ARGUMENTS_BAD;
 
@@ -55,7 +55,7 @@ CK_RV P11Bridge::pkcs11_OpenReadOnlySession(CK_SLOT_ID slotID,
 
 CK_RV P11Bridge::pkcs11_GetSessionInfo(CK_SESSION_HANDLE session,
                                        std::shared_ptr<PKCS11_SERVICE_INFO>* ioRecord) noexcept {
-  return operation("pkcs11_GetSessionInfo", [&]() -> CK_RV {
+  return operation(BridgeOperation::pkcs11_GetSessionInfo, [&]() -> CK_RV {
     if (!ckFunc()) return CKR_CRYPTOKI_NOT_INITIALIZED;
     CK_SESSION_INFO info{};
     if (CK_RV rv = call<&CK_FUNCTION_LIST::C_GetSessionInfo>(session, &info); rv != CKR_OK) return rv;
@@ -66,7 +66,7 @@ CK_RV P11Bridge::pkcs11_GetSessionInfo(CK_SESSION_HANDLE session,
 
 CK_RV P11Bridge::pkcs11_CloseSession(CK_SLOT_ID slotID,
                                      const std::shared_ptr<PKCS11_SERVICE_INFO>& record) noexcept {
-  return operation("pkcs11_CloseSession", [&]() -> CK_RV {
+  return operation(BridgeOperation::pkcs11_CloseSession, [&]() -> CK_RV {
     if (!ckFunc()) return CKR_CRYPTOKI_NOT_INITIALIZED;
     if (slotID == kNoHandle || !record) return CKR_ARGUMENTS_BAD;
     if (CK_RV rv = call<&CK_FUNCTION_LIST::C_CloseSession>(record->hSession()); rv != CKR_OK) return rv;
@@ -79,7 +79,7 @@ CK_RV P11Bridge::pkcs11_CloseSession(CK_SLOT_ID slotID,
 }
 
 CK_RV P11Bridge::pkcs11_UserLogin(CK_SESSION_HANDLE session, const CK_BYTE* pin, CK_ULONG pinLen) noexcept {
-  return operation("pkcs11_UserLogin", [&]() -> CK_RV {
+  return operation(BridgeOperation::pkcs11_UserLogin, [&]() -> CK_RV {
     if (!ckFunc()) return CKR_CRYPTOKI_NOT_INITIALIZED;
     if (!pin || pinLen == 0 || pinLen > kMaxPinLen) return CKR_ARGUMENTS_BAD;
     // The module only reads the PIN; the standard's prototype does not say so.

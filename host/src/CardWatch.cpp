@@ -36,7 +36,7 @@ std::optional<FailedCall> readToken(P11Bridge& bridge, const Reader& reader, Fai
   diary.clear();
   CK_SLOT_ID slotID = kNoHandle;
   if (const CK_RV rv = bridge.pkcs11_FindSlot(reader.distinctName, &slotID); rv != CKR_OK) {
-    return diary.cause().value_or(FailedCall{"pkcs11_FindSlot", rv});
+    return diary.cause().value_or(FailedCall{operationName(BridgeOperation::pkcs11_FindSlot), rv});
   }
   if (slotID != reader.slotID) {
     // The search passes over a slot that cannot be read just now, and may so come to another reader.

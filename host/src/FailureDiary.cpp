@@ -3,13 +3,12 @@
 #include <algorithm>
 
 #include "CodeMeaning.h"
+#include "bridge/BridgeOperation.h"
 #include "bridge/CardRules.h"
 #include "bridge/cryptoki.h"
 
 namespace mirel {
 namespace {
-
-constexpr std::string_view kSearchForSlot = "pkcs11_FindSlot";
 
 class LoaderWithDiary final : public DynamicLoader {
  public:
@@ -60,26 +59,26 @@ void FailureDiary::callStarts(const char* function) noexcept {
 
 void FailureDiary::callReturned(const char* function, std::uint64_t result) noexcept {
   Page& mine = page();
-  mine.lastResults[function] = result;
+  mine.lastAnswers[function] = result;
   if (result != CKR_OK) mine.failingCalls.push_back({function, result});
   if (!mine.failedRead && isFailedRead(function, result)) mine.failedRead = Entry{function, result};
   if (next_) next_->callReturned(function, result);
 }
 
-void FailureDiary::operationReturned(const char* operation, std::uint64_t result) noexcept {
+void FailureDiary::operationReturned(BridgeOperation operation, std::uint64_t result) noexcept {
   Page& mine = page();
   mine.lastResults[operation] = result;
   // Without memory no call is made that could fail.
   if (result == CKR_HOST_MEMORY && mine.failingCalls.empty() && !mine.failedRead)
-    mine.failedRead = Entry{operation, result};
+    mine.failedRead = Entry{operationName(operation), result};
   // A module that another host of it has initialised is as good as one that we have.
   if (result == CKR_OK || result == CKR_CRYPTOKI_ALREADY_INITIALIZED) {
     mine.operation.reset();
     mine.call.reset();
   } else if (!mine.operation) {
-    mine.operation = Entry{operation, result};
+    mine.operation = Entry{operationName(operation), result};
     // A slot that cannot be read is passed over in the search, which then finds none.
-    const bool passedOver = result == CKR_SLOT_ID_INVALID && std::string_view{operation} == kSearchForSlot;
+    const bool passedOver = result == CKR_SLOT_ID_INVALID && operation == BridgeOperation::pkcs11_FindSlot;
     // The first call with that code: what fails after it, in cleaning up, is no cause.
     const auto cause =
         std::find_if(mine.failingCalls.begin(), mine.failingCalls.end(), [&](const Entry& failed) {
@@ -93,9 +92,15 @@ void FailureDiary::operationReturned(const char* operation, std::uint64_t result
 
 void FailureDiary::clear() noexcept { page() = Page{}; }
 
-std::optional<std::uint64_t> FailureDiary::lastResultOf(std::string_view name) const {
+std::optional<std::uint64_t> FailureDiary::lastResultOf(std::string_view function) const {
   const Page& mine = page();
-  const auto found = mine.lastResults.find(name);
+  const auto found = mine.lastAnswers.find(function);
+  return found == mine.lastAnswers.end() ? std::nullopt : std::optional{found->second};
+}
+
+std::optional<std::uint64_t> FailureDiary::lastResultOf(BridgeOperation operation) const {
+  const Page& mine = page();
+  const auto found = mine.lastResults.find(operation);
   return found == mine.lastResults.end() ? std::nullopt : std::optional{found->second};
 }
 

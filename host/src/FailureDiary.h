@@ -38,7 +38,7 @@ class FailureDiary final : public CryptokiObserver {
 
   void callStarts(const char* function) noexcept override;
   void callReturned(const char* function, std::uint64_t result) noexcept override;
-  void operationReturned(const char* operation, std::uint64_t result) noexcept override;
+  void operationReturned(BridgeOperation operation, std::uint64_t result) noexcept override;
 
   void loaderFailed(std::string text) { page().loaderText = std::move(text); }
 
@@ -61,9 +61,10 @@ class FailureDiary final : public CryptokiObserver {
   /// object has no such attribute, or keeps it secret, is an answer and no failure.
   [[nodiscard]] const std::optional<Entry>& failedRead() const noexcept { return page().failedRead; }
 
-  /// What that Cryptoki function ("C_Login") or operation of the bridge ("pkcs11_UserLogin") answered last;
-  /// nothing when it was not called.
-  [[nodiscard]] std::optional<std::uint64_t> lastResultOf(std::string_view name) const;
+  /// What that Cryptoki function ("C_Login") or operation of the bridge answered last; nothing when it was
+  /// not called.
+  [[nodiscard]] std::optional<std::uint64_t> lastResultOf(std::string_view function) const;
+  [[nodiscard]] std::optional<std::uint64_t> lastResultOf(BridgeOperation operation) const;
 
   /// All that is known, as one phrase; nothing when nothing failed.
   [[nodiscard]] std::optional<std::string> reason() const;
@@ -75,7 +76,8 @@ class FailureDiary final : public CryptokiObserver {
     std::optional<Entry> call;
     std::optional<Entry> failedRead;
     std::vector<Entry> failingCalls;                        // of the operation that is running
-    std::map<std::string_view, std::uint64_t> lastResults;  // the names live as long as the program
+    std::map<std::string_view, std::uint64_t> lastAnswers;  // the names live as long as the program
+    std::map<BridgeOperation, std::uint64_t> lastResults;
   };
 
   /// This thread's.

@@ -440,11 +440,11 @@ Failure KeyClient::loginFailure(const std::string& text) {
     learnFrom(failure);
     return failure;
   }
-  const auto ended = diary_->lastResultOf("pkcs11_UserLogin");
+  const auto ended = diary_->lastResultOf(BridgeOperation::pkcs11_UserLogin);
   return refusal(what,
                  !ended || *ended == kLoginDidNotTake
                      ? "the login left no user logged in"
-                     : "pkcs11_UserLogin ended with " + cryptokiResultText(*ended),
+                     : answerText({operationName(BridgeOperation::pkcs11_UserLogin), *ended}),
                  UserStep::kSeeLog);
 }
 

@@ -30,7 +30,7 @@ class LookingObserver final : public CryptokiObserver {
  public:
   void callStarts(const char*) noexcept override { wasFree.push_back(isFree()); }
   void callReturned(const char*, std::uint64_t) noexcept override { wasFree.push_back(isFree()); }
-  void operationReturned(const char*, std::uint64_t) noexcept override { wasFree.push_back(isFree()); }
+  void operationReturned(BridgeOperation, std::uint64_t) noexcept override { wasFree.push_back(isFree()); }
 
   std::vector<bool> wasFree;
 };

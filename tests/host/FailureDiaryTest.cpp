@@ -5,6 +5,7 @@
 
 #include <thread>
 
+#include "bridge/BridgeOperation.h"
 #include "support/RecordingObserver.h"
 
 namespace mirel::test {
@@ -39,7 +40,7 @@ TEST_F(Diary, IsEmptyAtFirst) {
 
 TEST_F(Diary, KeepsTheCallAndTheOperationThatItMadeFail) {
   call("C_GetTokenInfo", kDeviceError);
-  diary->operationReturned("pkcs11_GetTokenInfo", kDeviceError);
+  diary->operationReturned(BridgeOperation::pkcs11_GetTokenInfo, kDeviceError);
   ASSERT_TRUE(diary->failedOperation());
   EXPECT_EQ(diary->failedOperation()->name, "pkcs11_GetTokenInfo");
   EXPECT_EQ(diary->failedOperation()->result, kDeviceError);
@@ -51,12 +52,12 @@ TEST_F(Diary, KeepsTheCallAndTheOperationThatItMadeFail) {
 
 TEST_F(Diary, HasAPageForEachThread) {
   call("C_GetTokenInfo", kDeviceError);
-  diary->operationReturned("pkcs11_GetTokenInfo", kDeviceError);
+  diary->operationReturned(BridgeOperation::pkcs11_GetTokenInfo, kDeviceError);
   std::thread{[this] {
     EXPECT_EQ(diary->reason(), std::nullopt);
     EXPECT_FALSE(diary->lastResultOf("C_GetTokenInfo"));
     call("C_Login", 0xA0);
-    diary->operationReturned("pkcs11_UserLogin", 0xA0);
+    diary->operationReturned(BridgeOperation::pkcs11_UserLogin, 0xA0);
     EXPECT_EQ(diary->reason(), "C_Login answered CKR_PIN_INCORRECT (0xA0)");
     diary->clear();
   }}.join();
@@ -66,15 +67,15 @@ TEST_F(Diary, HasAPageForEachThread) {
 
 TEST_F(Diary, KeepsTheInnermostOperation) {
   call("C_GetSlotList", kDeviceError);
-  diary->operationReturned("pkcs11_C_GetSlotList", kDeviceError);
-  diary->operationReturned("pkcs11_FindSlot", kDeviceError);
+  diary->operationReturned(BridgeOperation::pkcs11_C_GetSlotList, kDeviceError);
+  diary->operationReturned(BridgeOperation::pkcs11_FindSlot, kDeviceError);
   EXPECT_EQ(diary->failedOperation()->name, "pkcs11_C_GetSlotList");
   EXPECT_EQ(diary->reason(), "C_GetSlotList answered CKR_DEVICE_ERROR (0x30)");
 }
 
 TEST_F(Diary, NamesTheOperationWhenTheBridgeItselfIsNotContent) {
   call("C_GetAttributeValue", kOk);
-  diary->operationReturned("pkcs11_getObjsAttriValue", 0x13);
+  diary->operationReturned(BridgeOperation::pkcs11_getObjsAttriValue, 0x13);
   EXPECT_FALSE(diary->failedCall());
   EXPECT_EQ(diary->reason(), "pkcs11_getObjsAttriValue ended with CKR_ATTRIBUTE_VALUE_INVALID (0x13)");
 }
@@ -82,7 +83,7 @@ TEST_F(Diary, NamesTheOperationWhenTheBridgeItselfIsNotContent) {
 TEST_F(Diary, DoesNotBlameACallWhoseFailureDidNotMatter) {
   call("C_OpenSession", kSessionCount);
   call("C_GetTokenInfo", kOk);
-  diary->operationReturned("pkcs11_GetTokenInfo", kFunctionFailed);
+  diary->operationReturned(BridgeOperation::pkcs11_GetTokenInfo, kFunctionFailed);
   EXPECT_FALSE(diary->failedCall());
   EXPECT_EQ(diary->reason(), "pkcs11_GetTokenInfo ended with CKR_FUNCTION_FAILED (0x6)");
 }
@@ -90,7 +91,7 @@ TEST_F(Diary, DoesNotBlameACallWhoseFailureDidNotMatter) {
 TEST_F(Diary, KnowsTheCodeOfASecondRead) {
   call("C_GetAttributeValue", kOk);
   call("C_GetAttributeValue", kDeviceError);
-  diary->operationReturned("pkcs11_getObjsAttriValue", kReadAgain | kDeviceError);
+  diary->operationReturned(BridgeOperation::pkcs11_getObjsAttriValue, kReadAgain | kDeviceError);
   ASSERT_TRUE(diary->failedCall());
   EXPECT_EQ(diary->failedOperation()->result, kReadAgain | kDeviceError);
   EXPECT_EQ(diary->reason(), "C_GetAttributeValue answered CKR_DEVICE_ERROR (0x30)");
@@ -98,8 +99,8 @@ TEST_F(Diary, KnowsTheCodeOfASecondRead) {
 
 TEST_F(Diary, ForgetsAFailureWhenAnOperationSucceeds) {
   call("C_GetTokenInfo", kDeviceError);
-  diary->operationReturned("pkcs11_GetTokenInfo", kDeviceError);
-  diary->operationReturned("pkcs11_FindSlot", kOk);
+  diary->operationReturned(BridgeOperation::pkcs11_GetTokenInfo, kDeviceError);
+  diary->operationReturned(BridgeOperation::pkcs11_FindSlot, kOk);
   EXPECT_FALSE(diary->failedOperation());
   EXPECT_FALSE(diary->failedCall());
   EXPECT_EQ(diary->reason(), std::nullopt);
@@ -107,15 +108,15 @@ TEST_F(Diary, ForgetsAFailureWhenAnOperationSucceeds) {
 
 TEST_F(Diary, ForgetsACallWhoseOperationSucceedsAllTheSame) {
   call("C_CloseSession", kDeviceError);
-  diary->operationReturned("pkcs11_GetTokenInfo", kOk);
+  diary->operationReturned(BridgeOperation::pkcs11_GetTokenInfo, kOk);
   EXPECT_EQ(diary->reason(), std::nullopt);
 }
 
 TEST_F(Diary, KeepsTheFirstFailureWithItsOwnCall) {
   call("C_OpenSession", kSessionCount);
-  diary->operationReturned("pkcs11_OpenReadOnlySession", kSessionCount);
+  diary->operationReturned(BridgeOperation::pkcs11_OpenReadOnlySession, kSessionCount);
   call("C_FindObjectsInit", kSessionHandleInvalid);
-  diary->operationReturned("pkcs11_FindObjects", kSessionHandleInvalid);
+  diary->operationReturned(BridgeOperation::pkcs11_FindObjects, kSessionHandleInvalid);
   EXPECT_EQ(diary->failedOperation()->name, "pkcs11_OpenReadOnlySession");
   ASSERT_TRUE(diary->failedCall());
   EXPECT_EQ(diary->failedCall()->name, "C_OpenSession");
@@ -129,13 +130,13 @@ TEST_F(Diary, NamesACallOutsideOfOperations) {
 
 TEST_F(Diary, NamesACodeThatTheStandardDoesNotKnow) {
   call("C_Login", 0x80001234);
-  diary->operationReturned("pkcs11_UserLogin", 0x80001234);
+  diary->operationReturned(BridgeOperation::pkcs11_UserLogin, 0x80001234);
   EXPECT_EQ(diary->reason(), "C_Login answered 0x80001234");
 }
 
 TEST_F(Diary, CanBeCleared) {
   call("C_GetTokenInfo", kDeviceError);
-  diary->operationReturned("pkcs11_GetTokenInfo", kDeviceError);
+  diary->operationReturned(BridgeOperation::pkcs11_GetTokenInfo, kDeviceError);
   diary->loaderFailed("no such file");
   diary->clear();
   EXPECT_FALSE(diary->failedOperation());
@@ -160,17 +161,17 @@ TEST_F(Diary, KnowsTheLastAnswerOfAFunction) {
 }
 
 TEST_F(Diary, KnowsTheLastAnswerOfAnOperation) {
-  diary->operationReturned("pkcs11_UserLogin", kOk);
-  EXPECT_EQ(diary->lastResultOf("pkcs11_UserLogin"), kOk);
-  diary->operationReturned("pkcs11_UserLogin", kFunctionFailed);
-  EXPECT_EQ(diary->lastResultOf("pkcs11_UserLogin"), kFunctionFailed);
+  diary->operationReturned(BridgeOperation::pkcs11_UserLogin, kOk);
+  EXPECT_EQ(diary->lastResultOf(BridgeOperation::pkcs11_UserLogin), kOk);
+  diary->operationReturned(BridgeOperation::pkcs11_UserLogin, kFunctionFailed);
+  EXPECT_EQ(diary->lastResultOf(BridgeOperation::pkcs11_UserLogin), kFunctionFailed);
 }
 
 TEST_F(Diary, KeepsAnAnswerWhenAnOperationSucceedsAfterIt) {
   call("C_Login", kDeviceError);
-  diary->operationReturned("pkcs11_UserLogin", kDeviceError);
+  diary->operationReturned(BridgeOperation::pkcs11_UserLogin, kDeviceError);
   call("C_GetSessionInfo", kOk);
-  diary->operationReturned("pkcs11_GetSessionInfo", kOk);
+  diary->operationReturned(BridgeOperation::pkcs11_GetSessionInfo, kOk);
   EXPECT_EQ(diary->lastResultOf("C_Login"), kDeviceError);
 }
 
@@ -181,16 +182,16 @@ TEST_F(Diary, KnowsNoAnswerOfACallThatHasNotEnded) {
 
 TEST_F(Diary, ForgetsAnswersWhenCleared) {
   call("C_Login", kOk);
-  diary->operationReturned("pkcs11_UserLogin", kOk);
+  diary->operationReturned(BridgeOperation::pkcs11_UserLogin, kOk);
   diary->clear();
   EXPECT_EQ(diary->lastResultOf("C_Login"), std::nullopt);
-  EXPECT_EQ(diary->lastResultOf("pkcs11_UserLogin"), std::nullopt);
+  EXPECT_EQ(diary->lastResultOf(BridgeOperation::pkcs11_UserLogin), std::nullopt);
 }
 
 TEST_F(Diary, PassesEverythingOn) {
   using Kind = RecordingObserver::Event::Kind;
   call("C_Login", kDeviceError);
-  diary->operationReturned("pkcs11_UserLogin", kDeviceError);
+  diary->operationReturned(BridgeOperation::pkcs11_UserLogin, kDeviceError);
   EXPECT_THAT(
       next->events,
       ElementsAre(RecordingObserver::Event{Kind::kCallStarts, "C_Login", 0},
@@ -202,7 +203,7 @@ TEST_F(Diary, DoesWithoutAnotherObserver) {
   FailureDiary alone{nullptr};
   alone.callStarts("C_Login");
   alone.callReturned("C_Login", kDeviceError);
-  alone.operationReturned("pkcs11_UserLogin", kDeviceError);
+  alone.operationReturned(BridgeOperation::pkcs11_UserLogin, kDeviceError);
   EXPECT_EQ(alone.reason(), "C_Login answered CKR_DEVICE_ERROR (0x30)");
 }
 

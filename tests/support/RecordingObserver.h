@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "bridge/BridgeOperation.h"
 #include "platform/CryptokiObserver.h"
 
 namespace mirel::test {
@@ -25,8 +26,8 @@ class RecordingObserver final : public CryptokiObserver {
   void callReturned(const char* function, std::uint64_t result) noexcept override {
     events.push_back({Event::Kind::kCallReturned, function, result});
   }
-  void operationReturned(const char* operation, std::uint64_t result) noexcept override {
-    events.push_back({Event::Kind::kOperationReturned, operation, result});
+  void operationReturned(BridgeOperation operation, std::uint64_t result) noexcept override {
+    events.push_back({Event::Kind::kOperationReturned, operationName(operation), result});
   }
 
   std::vector<Event> events;

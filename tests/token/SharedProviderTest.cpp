@@ -43,7 +43,7 @@ class GivingWay final : public CryptokiObserver {
  public:
   void callStarts(const char*) noexcept override {}
   void callReturned(const char*, std::uint64_t) noexcept override { std::this_thread::sleep_for(10us); }
-  void operationReturned(const char*, std::uint64_t) noexcept override {}
+  void operationReturned(BridgeOperation, std::uint64_t) noexcept override {}
 };
 
 /// A token whose key signs, and two sessions of clients on it.
@@ -224,7 +224,7 @@ class LookingObserver final : public CryptokiObserver {
     if (provider && isFree(*provider)) calledWithoutTheGate.emplace_back(function);
   }
   void callReturned(const char*, std::uint64_t) noexcept override {}
-  void operationReturned(const char*, std::uint64_t) noexcept override {}
+  void operationReturned(BridgeOperation, std::uint64_t) noexcept override {}
 
   std::size_t numCalls = 0;
   std::vector<std::string> calledWithoutTheGate;

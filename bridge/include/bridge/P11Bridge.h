@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "bridge/BridgeOperation.h"
 #include "bridge/CardRules.h"
 #include "bridge/PKCS11_SERVICE_INFO.h"
 #include "bridge/cryptoki.h"
@@ -309,7 +310,7 @@ class P11Bridge final {
   template <auto Entry, typename... Args>
   [[nodiscard]] CK_RV ask(Args... args) const noexcept;
   template <typename Body>
-  [[nodiscard]] CK_RV operation(const char* name, const Body& body) const noexcept;
+  [[nodiscard]] CK_RV operation(BridgeOperation which, const Body& body) const noexcept;
 
   [[nodiscard]] CK_RV chooseSlot(const Text& description, const CK_SLOT_ID* slots, CK_ULONG numSlots,
                                  CK_SLOT_ID* outSlotID) const noexcept;

@@ -4,6 +4,9 @@
 
 namespace mirel {
 
+/// Which operation; the bridge's records list them.
+enum class BridgeOperation : std::uint8_t;
+
 /// Told of every call that the bridge makes into the PKCS #11 module for a token, and of the result of every
 /// operation of the bridge; not of the calls by which a host looks at readers and cards for the user. For
 /// measuring and for explaining failures; it gets no arguments, so it can see neither PINs nor data.
@@ -20,8 +23,8 @@ class CryptokiObserver {
   virtual void callStarts(const char* function) noexcept = 0;
   virtual void callReturned(const char* function, std::uint64_t result) noexcept = 0;
 
-  /// After an operation of the bridge ("pkcs11_FindSlot") has ended with a result code.
-  virtual void operationReturned(const char* operation, std::uint64_t result) noexcept = 0;
+  /// After an operation of the bridge has ended with a result code.
+  virtual void operationReturned(BridgeOperation operation, std::uint64_t result) noexcept = 0;
 };
 
 }  // namespace mirel
