@@ -7,7 +7,7 @@
 namespace mirel {
 namespace {
 
-constexpr std::u16string_view kModulePathHint = u"libs/libTorvo_p11v1.dylib";  // the bridge knows better
+constexpr std::u16string_view kModulePathHint = u"libs/libTorvo_p11v1.dylib";  // not looked at
 constexpr std::size_t kSlotListRoom = 30;
 
 }  // namespace

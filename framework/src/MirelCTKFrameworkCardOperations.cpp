@@ -59,7 +59,7 @@ bool MirelCTKFramework::PerformUserLogin(const std::shared_ptr<PKCS11_SERVICE_IN
 
   auto answer = std::make_shared<PKCS11_SERVICE_INFO>();
   answer->setHSessionInfo({});
-  (void)bridge->pkcs11_GetSessionInfo(session, &answer);  // zeros say enough
+  (void)bridge->pkcs11_GetSessionInfo(session, &answer);  // after a failure the zeros stay
   stored->setHSessionInfo(answer->hSessionInfo());
   // Oddity: the module is taken to report the tries left as a device error.
   if (outRemainingTries) *outRemainingTries = answer->hSessionInfo().ulDeviceError;

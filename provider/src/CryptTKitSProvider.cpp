@@ -98,7 +98,7 @@ Text CryptTKitSProvider::getSupportedTokenDescription(const Text& tokenName) noe
 std::uint64_t CryptTKitSProvider::openTKSmartCardTokenSession(const Text& tokenName) noexcept {
   const auto framework = pCTKFramework();
   if (!framework) return 0;
-  (void)framework->EnumCards(tokenName);  // the record tells
+  (void)framework->EnumCards(tokenName);  // whether it failed, the session below shows
   (void)framework->OpenCardSession(tokenName, framework->p11ServiceInfo());
   const auto record = framework->p11ServiceInfo();
   return record ? record->hSession() : 0;

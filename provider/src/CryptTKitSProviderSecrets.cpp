@@ -37,7 +37,7 @@ bool CryptTKitSProvider::userLogin(const Text& tokenName, const SecretText& pin,
   CK_ULONG remains = kTriesLeftAtFirst;
   bool accepted = false;
   if (const auto framework = pCTKFramework()) {
-    (void)framework->EnumCards(tokenName);  // the login tells
+    (void)framework->EnumCards(tokenName);  // whether it failed, the login below shows
     (void)framework->OpenCardSession(tokenName, framework->p11ServiceInfo());
     // Oddity: the length is the caller's, in characters, though the PIN goes in bytes of UTF-8. So the PIN
     // lies in a block that may be read for any length that is not refused.
@@ -56,7 +56,7 @@ bool CryptTKitSProvider::PerformSignHash(const Text& tokenName, const Text& keyN
   const auto framework = pCTKFramework();
   if (!framework || !framework->EnumCardKeys(tokenName)) return false;
   if (!ioSignatureLen || dataLen > data.size()) return false;
-  const auto key = getKeyFromCertID(keyName);  // a null one is the framework's to judge
+  const auto key = getKeyFromCertID(keyName);  // may be null: the framework finds no private key then
   std::array<std::uint8_t, kMaxSignatureLen> signature{};
   const CK_ULONG room = std::min(*ioSignatureLen, kMaxSignatureLen);
   CK_ULONG length = *ioSignatureLen;

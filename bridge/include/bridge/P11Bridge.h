@@ -197,7 +197,7 @@ class P11Bridge final {
 
   // ---- Private keys ----
   //
-  // Conventions: `data`, `cipher` and `publicData` are not null and not empty, `capacity` (bytes of the
+  // Conventions: `data` and `cipher` are not null and not empty, `capacity` (bytes of the
   // output) and the length pointers are not 0 or null, sessions and objects neither 0 nor all-ones; else
   // CKR_ARGUMENTS_BAD. A "key object" is any object with the CKA_ID of the key pair: its private key, its
   // public key or its certificate; CKR_KEY_HANDLE_INVALID: no private key has that ID.
@@ -252,8 +252,8 @@ class P11Bridge final {
 
   /// Derives a generic secret of 16 bytes by ECDH (CKM_ECDH1_DERIVE without a key derivation function): a
   /// sensitive session object, whose handle is written to `outKey`. `publicData`: the other party's point,
-  /// not null; `publicDataLen` not all-ones. After these the base key is looked at:
-  /// CKR_KEY_HANDLE_INVALID when it is 0, CKR_ARGUMENTS_BAD when it is all-ones.
+  /// not null, an empty one is passed on; `publicDataLen` not all-ones. After these the base key is looked
+  /// at: CKR_KEY_HANDLE_INVALID when it is 0, CKR_ARGUMENTS_BAD when it is all-ones.
   [[nodiscard]] CK_RV pkcs11_genSymKeyFromECDH(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE baseKey,
                                                const CK_BYTE* publicData, CK_ULONG publicDataLen,
                                                CK_OBJECT_HANDLE* outKey) noexcept;
@@ -292,7 +292,7 @@ class P11Bridge final {
   void closeInspection(CK_SESSION_HANDLE session) const noexcept;
 
   /// Finds the objects of a class, on the token or not, at most kMaxListedObjects. The answer is that of the
-  /// first search call that failed, else of the last one; `outObjects` gets what was found before it.
+  /// search call that failed, else of the last one; `outObjects` gets what was found before it.
   [[nodiscard]] Answer inspectObjects(CK_SESSION_HANDLE session, CK_OBJECT_CLASS objectClass,
                                       std::vector<CK_OBJECT_HANDLE>& outObjects) const noexcept;
 

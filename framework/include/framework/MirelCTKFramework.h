@@ -20,7 +20,7 @@ class P11Bridge;
 /// Conventions
 /// - Results are true for success. No operation says why it failed; nothing is logged except where an
 ///   operation says so.
-/// - Without a bridge every operation fails and touches no module.
+/// - Without a bridge no operation touches the module, and those that need it fail.
 /// - A record that is stored is a copy of the record built or received; the copy shares its arrays.
 /// - A module that was opened successfully stays loaded and initialised for the life of the process:
 ///   neither `CloseFrameworkService` nor the destructor ends it. That is intended.
