@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "bridge/BridgeOperation.h"
+
 namespace mirel::test {
 namespace {
 
@@ -25,6 +27,12 @@ TEST(CryptokiFunctionName, IsThatOfTheEntryAtThePlace) {
 TEST(CryptokiFunctionName, IsAQuestionMarkWhereThereIsNoFunction) {
   EXPECT_STREQ(cryptokiFunctionName(offsetof(CK_FUNCTION_LIST, version)), "?");
   EXPECT_STREQ(cryptokiFunctionName(sizeof(CK_FUNCTION_LIST)), "?");
+}
+
+TEST(OperationName, IsTheOperationsOwn) {
+  EXPECT_STREQ(operationName(BridgeOperation::pkcs11_Initial), "pkcs11_Initial");
+  EXPECT_STREQ(operationName(BridgeOperation::GetCertBlobByLabel), "GetCertBlobByLabel");
+  EXPECT_STREQ(operationName(static_cast<BridgeOperation>(0xFF)), "?");
 }
 
 TEST(CryptokiResultName, IsTheStandards) {
