@@ -245,6 +245,7 @@ def check_changes(checks, machine):
 QUICK_ROWS = [
     ("bridge/src/One.cpp", "bridge"),
     ("tests/framework/FrameworkTest.cpp\nprovider/src/New.cpp", "framework|provider"),
+    ("framework/src/Some.cpp\nhost/src/Some.cpp\ncli/Two.cpp", "cli|framework|host"),
     ("token/src/Some.cpp", "macos|token"),
     ("platform/linux/Some.cpp", "macos|platform"),
     ("fuzz/Some.cpp", "fuzz"),
