@@ -135,7 +135,7 @@ def tested(calls):
 
 
 def check_usage(checks, machine):
-    for words in (["--fast"], ["nowhere"], [""], ["--quick", "bridge"], ["tests/bridge"], ["bridge framework"]):
+    for words in (["--fast"], ["nowhere"], [""], ["--quick", "bridge"], ["tests/bridge"], ["bridge framework"], ["everything"]):
         code, shown, calls = machine.check(*words)
         checks.equal(f"{words}: {shown}", (code, shown.startswith("usage: ./check [--quick | --all | FOLDER]\n"), calls),
                      (2, True, []))
