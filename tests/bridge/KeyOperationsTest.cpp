@@ -174,6 +174,12 @@ TEST_P(KeyOperations, AnswerANullOutputEachInItsWay) {
         leavesActive({session});
     }
   }
+  if (!GetParam().signs()) {
+    startAnewWithPlainText();
+    with.capacity = 3;
+    EXPECT_EQ(run(with), GetParam().tooLong) << "the capacity counts without an output too";
+    EXPECT_EQ(length, kPlain.size());
+  }
 }
 
 // ---- What is particular to one of them ----

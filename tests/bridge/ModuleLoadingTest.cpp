@@ -168,7 +168,7 @@ TEST_F(UnLoad, LeavesTheOperationsCallingThroughTheOldList) {
   EXPECT_THAT(script.callTexts(), ElementsAre("C_Initialize(null)"));
 }
 
-TEST_F(UnLoad, ClosesTheSameHandleAgainAndSaysYesWhateverTheLoaderSays) {
+TEST_F(UnLoad, ClosesTheSameHandleAgainAndSucceedsWhateverTheLoaderAnswers) {
   PlatformServices withoutLoader = services();
   loader = std::make_shared<RecordingLoader>();  // fails to close anything
   withoutLoader.loader = loader;

@@ -126,7 +126,7 @@ TEST_F(EnumCardKeysFailures, AtTheLastOfManyObjectsAreTotal) {
 
 // ---- Without a session ----
 
-TEST_F(EnumCardKeysFailures, AreForARecordWithoutASessionTheRule) {
+TEST_F(EnumCardKeysFailures, FollowForARecordWhoseSessionWasClosed) {
   // The bridge opens a session for such a record, but the record cannot hold it.
   failEachCall(5, [&](FailPoint& point) {
     newFramework();
@@ -147,7 +147,7 @@ TEST_F(EnumCardKeysFailures, AreForARecordWithoutASessionTheRule) {
   });
 }
 
-TEST_F(EnumCardKeysFailures, AreWhatASelectionOrANewServiceComesTo) {
+TEST_F(EnumCardKeysFailures, FollowBeforeASessionWasOpened) {
   openService();
   EXPECT_FALSE(framework->EnumCardKeys(reader()));
   EXPECT_THAT(script.callTexts(), IsEmpty()) << "there is no slot to open a session on";

@@ -124,9 +124,9 @@ TEST_P(ReaderName, MatchesNoMoreThanTheDescriptionOfAStructureWithoutAZeroByte) 
     expectPasses(std::string(length, 'A'), false);
 }
 
-using NoReaderName = FrameworkTest;
+using ReaderNameText = FrameworkTest;
 
-TEST_F(NoReaderName, IsTakenForAnEmptyOne) {
+TEST_F(ReaderNameText, IsTakenForEmptyWhenItIsNull) {
   (void)openAndList();
   script.card().loggedIn = true;
   EXPECT_FALSE(framework->IsCardStateChanged(nullptr));
@@ -137,7 +137,7 @@ TEST_F(NoReaderName, IsTakenForAnEmptyOne) {
   EXPECT_TRUE(framework->BindingKeyCert(Text{}, kPublicKey, nullptr));
 }
 
-TEST_F(NoReaderName, IsOneOfWhichOnlyTheLowBytesAreAlike) {
+TEST_F(ReaderNameText, DoesNotMatchWhereOnlyTheLowBytesAreAlike) {
   (void)openAndList();
   EXPECT_FALSE(framework->BindingKeyCert(Text{u"\u0152eader"}, kPublicKey, nullptr));
   setStoredDescription("Lecteur \xE9");

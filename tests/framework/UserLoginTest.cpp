@@ -175,7 +175,10 @@ TEST_F(PerformUserLogin, FailsWithAnyCall) {
   });
 }
 
-TEST_F(PerformUserLogin, HasBesideItAKeyExchangeThatNeverDoesAnything) {
+using PerformGenSessionSymKey = FrameworkTest;
+
+TEST_F(PerformGenSessionSymKey, NeverDoesAnything) {
+  openSession();
   const int any = 1;
   EXPECT_FALSE(framework->PerformGenSessionSymKey(nullptr, nullptr, nullptr, nullptr, nullptr));
   EXPECT_FALSE(framework->PerformGenSessionSymKey(&any, &any, &any, &any, &any));
