@@ -9,7 +9,7 @@
 namespace mirel::test {
 namespace {
 
-const Value kCipher = cipherOf(bytesOf("plain"));
+const Value kSomeCipher = cipherOf(bytesOf("plain"));
 
 /// An operation that looks at the name, and whether it went on.
 struct NamedOperation {
@@ -18,7 +18,7 @@ struct NamedOperation {
   std::function<bool(MirelCTKFramework&, const std::string& bytes)> passes;
 };
 
-const NamedOperation kOperations[] = {
+const NamedOperation kNamedOperations[] = {
     {"IsCardStateChanged", false,
      [](auto& framework, const auto& name) { return !framework.IsCardStateChanged(name.c_str()); }},
     {"PerformSignHash", false,
@@ -26,21 +26,22 @@ const NamedOperation kOperations[] = {
        CK_BYTE output[256];
        CK_ULONG length = sizeof output;
        return framework.PerformSignHash(name.c_str(), framework.p11ServiceInfo()->pAsymKeys()->front(),
-                                        Text{}, 0, kCipher.data(), kCipher.size(), output, &length);
+                                        Text{}, 0, kSomeCipher.data(), kSomeCipher.size(), output, &length);
      }},
     {"PerformOAEPDecrypt", false,
      [](auto& framework, const auto& name) {
        CK_BYTE output[256];
        CK_ULONG length = 0;
        return framework.PerformOAEPDecrypt(name.c_str(), framework.p11ServiceInfo()->pAsymKeys()->front(),
-                                           CKM_SHA256, kCipher.data(), kCipher.size(), output, &length, 256);
+                                           CKM_SHA256, kSomeCipher.data(), kSomeCipher.size(), output,
+                                           &length, 256);
      }},
     {"PerformPKCS1Decrypt", false,
      [](auto& framework, const auto& name) {
        CK_BYTE output[256];
        CK_ULONG length = 0;
        return framework.PerformPKCS1Decrypt(name.c_str(), framework.p11ServiceInfo()->pAsymKeys()->front(),
-                                            kCipher.data(), kCipher.size(), output, &length, 256);
+                                            kSomeCipher.data(), kSomeCipher.size(), output, &length, 256);
      }},
     {"BindingKeyCert", true,
      [](auto& framework, const auto& name) {
@@ -65,7 +66,7 @@ class ReaderName : public FrameworkTest, public ::testing::WithParamInterface<Na
   }
 };
 
-INSTANTIATE_TEST_SUITE_P(All, ReaderName, ::testing::ValuesIn(kOperations),
+INSTANTIATE_TEST_SUITE_P(All, ReaderName, ::testing::ValuesIn(kNamedOperations),
                          [](const auto& row) { return row.param.name; });
 
 TEST_P(ReaderName, IsComparedWithTheStartOfTheStoredDescription) {
@@ -132,8 +133,8 @@ TEST_F(ReaderNameText, IsTakenForEmptyWhenItIsNull) {
   EXPECT_FALSE(framework->IsCardStateChanged(nullptr));
   CK_BYTE output[256];
   CK_ULONG length = 256;
-  EXPECT_TRUE(framework->PerformPKCS1Decrypt(nullptr, keys().front(), kCipher.data(), kCipher.size(), output,
-                                             &length, 256));
+  EXPECT_TRUE(framework->PerformPKCS1Decrypt(nullptr, keys().front(), kSomeCipher.data(), kSomeCipher.size(),
+                                             output, &length, 256));
   EXPECT_TRUE(framework->BindingKeyCert(Text{}, kPublicKey, nullptr));
 }
 
