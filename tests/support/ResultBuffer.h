@@ -25,7 +25,9 @@ class ResultBuffer {
   static constexpr CK_BYTE kUntouched = 0x11;
 
   explicit ResultBuffer(std::size_t capacity)
-      : capacity_{capacity}, bytes_(capacity + kGuardBytes, kUntouched) {}
+      : capacity_{capacity}, bytes_(capacity + kGuardBytes, kUntouched) {
+    bytes_.reserve(1);  // a buffer without room is not a null one
+  }
   ResultBuffer(const ResultBuffer&) = delete;
   ResultBuffer& operator=(const ResultBuffer&) = delete;
   ~ResultBuffer() {
