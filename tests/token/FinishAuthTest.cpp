@@ -45,7 +45,7 @@ TEST_F(FinishAuth, AuthenticatesTheSessionAndMarksItsCardWhateverTheStateBefore)
   }
 }
 
-/// As after a login that is as good as it was: the card has lost its marks since.
+/// The card has lost its marks since the first login; its software still knows the user.
 TEST_F(FinishAuth, MarksTheCardAgainForAUserWhoIsLoggedInAlready) {
   EXPECT_TRUE(client->login());
   client->platform.card.sensitive = false;

@@ -1,5 +1,7 @@
 #include <functional>
 
+#include "framework/MirelCTKFramework.h"
+#include "provider/CryptTKitSProvider.h"
 #include "token/MirelSCTokenDriver.h"
 #include "token/TokenTest.h"
 
@@ -249,6 +251,16 @@ TEST_F(InitToken, ReplacesTheOldProvider) {
               ElementsAre(kStart, kOldProvider, kReleased, moduleLine(), kInstanceIdLine,
                           "default: CTK [MirelSCToken-66] certs count = 1", kKeyStart, kKeyEnd, kEnd));
   leavesOpen({kCardSession, kCardSession + 3});
+}
+
+TEST_F(InitToken, ReleasesTheOldProvider) {
+  const auto old = std::make_shared<CryptTKitSProvider>(services());
+  // One that can be closed: its service was never opened.
+  old->setPCTKFramework(std::make_shared<MirelCTKFramework>(services()));
+  token->core.setSp(old);
+  EXPECT_TRUE(token->init());
+  EXPECT_FALSE(old->pCTKFramework());
+  leavesOpen({kCardSession});
 }
 
 TEST_F(InitToken, HasNoProviderWhenTheOldOneCannotBeReplaced) {

@@ -144,8 +144,8 @@ TEST_F(KeySearch, DoesNotLookAtDataAndTag) {
 
 class RefusedUse : public KeySearch, public ::testing::WithParamInterface<KeyOperation> {
  protected:
-  /// In that state there is no answer for that key, that error (nothing: none) and these lines between those
-  /// for the beginning of the search and `end`. Nobody asks the card.
+  /// In that state there is no answer for that key, that error (nothing: none), and `lines` behind those for
+  /// the beginning of the search. Nobody asks the card.
   void expectRefusal(const State& state, const Text& id, const std::optional<TKError>& expected,
                      std::vector<std::string> lines) {
     lines.insert(lines.begin(), {GetParam().start, kGeneralStart, kAuthenticatedStart});
