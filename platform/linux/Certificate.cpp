@@ -18,6 +18,7 @@
 
 #include "OpenSslErrors.h"
 #include "platform/Der.h"
+#include "platform/KeyUsage.h"
 
 namespace mirel {
 namespace {
@@ -34,7 +35,6 @@ struct Freer {
   }
 };
 using X509Holder = std::unique_ptr<X509, Freer<&X509_free>>;
-using BitStringHolder = std::unique_ptr<ASN1_BIT_STRING, Freer<&ASN1_BIT_STRING_free>>;
 using BioHolder = std::unique_ptr<BIO, Freer<&BIO_free>>;
 
 /// Deeper nesting than any certificate has; it bounds the recursion.
@@ -70,30 +70,6 @@ Holder parsedWhole(std::span<const std::uint8_t> der) noexcept {
   const unsigned char* next = der.data();
   Holder parsed{Parse(nullptr, &next, static_cast<long>(der.size()))};
   return next == der.data() + der.size() ? std::move(parsed) : Holder{};
-}
-
-/// digitalSignature (0) to decipherOnly (8).
-constexpr int kKeyUsageBits = 9;
-
-std::optional<std::int32_t> keyUsageOfExtension(std::span<const std::uint8_t> der) noexcept {
-  constexpr long kUnusedBits = 7;  // within the flags of an ASN1_BIT_STRING
-  if (der.empty() || !hasDerLengths(der, 0)) return std::nullopt;
-  const auto bits = parsedWhole<BitStringHolder, &d2i_ASN1_BIT_STRING>(der);
-  if (!bits || (bits->length == 0 && (bits->flags & kUnusedBits) != 0)) return std::nullopt;
-  std::int32_t usage = 0;
-  for (int bit = 0; bit < kKeyUsageBits; ++bit) {
-    if (ASN1_BIT_STRING_get_bit(bits.get(), bit) != 0) usage |= 1 << bit;
-  }
-  return usage;
-}
-
-std::optional<std::int32_t> keyUsageOf(const X509* x509) noexcept {
-  const int index = X509_get_ext_by_NID(x509, NID_key_usage, -1);
-  // A certificate must not have an extension twice (RFC 5280, section 4.2).
-  if (index < 0 || X509_get_ext_by_NID(x509, NID_key_usage, index) >= 0) return std::nullopt;
-  const ASN1_OCTET_STRING* value = X509_EXTENSION_get_data(X509_get_ext(x509, index));
-  return keyUsageOfExtension(
-      {ASN1_STRING_get0_data(value), static_cast<std::size_t>(ASN1_STRING_length(value))});
 }
 
 /// Empty when memory is short; OpenSSL takes no certificate whose names it cannot write out.
@@ -156,7 +132,7 @@ class ParsedCertificate final : public SecCertificate {
  public:
   ParsedCertificate(Bytes der, const X509* x509)
       : der_{std::move(der)},
-        keyUsage_{keyUsageOf(x509)},
+        keyUsage_{keyUsageOfCertificate(der_.view())},
         subject_{subjectOf(x509)},
         notAfter_{notAfterOf(x509)},
         publicKey_{publicKeyOf(x509)} {}

@@ -1,12 +1,15 @@
 #include "platform/KeyUsage.h"
 
 #include <gtest/gtest.h>
+#include <openssl/asn1.h>
+#include <openssl/x509v3.h>
 
 #include <cstddef>
 #include <filesystem>
 #include <fstream>
 #include <initializer_list>
 #include <iterator>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -24,12 +27,43 @@ std::shared_ptr<SecCertificate> parse(const ByteVector& der) {
   return systemCertificateParser()->createWithData(Bytes{der});
 }
 
-/// The bits as read without a library, which must be those that the system's parser reads if it takes
-/// the certificate at all.
+/// What OpenSSL reads of the extension's value, as long as that is DER.
+std::optional<std::int32_t> openSslUsageOfExtension(const ASN1_OCTET_STRING* value) {
+  const unsigned char* const first = ASN1_STRING_get0_data(value);
+  const int size = ASN1_STRING_length(value);
+  const unsigned char* next = first;
+  long length = 0;
+  int tag = 0;
+  int tagClass = 0;
+  const int form = ASN1_get_object(&next, &length, &tag, &tagClass, size);
+  const bool isDer = form == 0 && ASN1_object_size(0, static_cast<int>(length), tag) == size;
+  next = first;
+  const std::unique_ptr<ASN1_BIT_STRING, decltype(&ASN1_BIT_STRING_free)> bits{
+      isDer ? d2i_ASN1_BIT_STRING(nullptr, &next, size) : nullptr, &ASN1_BIT_STRING_free};
+  constexpr long kUnusedBits = 7;  // within the flags
+  if (!bits || next != first + size || (bits->length == 0 && (bits->flags & kUnusedBits) != 0))
+    return std::nullopt;
+  std::int32_t usage = 0;
+  for (int bit = 0; bit < 9; ++bit) usage |= ASN1_BIT_STRING_get_bit(bits.get(), bit) << bit;
+  return usage;
+}
+
+/// The reference: the key usage as OpenSSL reads it.
+std::optional<std::int32_t> openSslUsageOf(const ByteVector& der) {
+  const unsigned char* next = der.data();
+  const std::unique_ptr<X509, OpenSslFree> x509{d2i_X509(nullptr, &next, static_cast<long>(der.size()))};
+  const int index = x509 ? X509_get_ext_by_NID(x509.get(), NID_key_usage, -1) : -1;
+  if (index < 0 || X509_get_ext_by_NID(x509.get(), NID_key_usage, index) >= 0) return std::nullopt;
+  return openSslUsageOfExtension(X509_EXTENSION_get_data(X509_get_ext(x509.get(), index)));
+}
+
+/// The bits, which must be those that OpenSSL reads if the system's parser takes the certificate at all.
 std::optional<std::int32_t> usageOf(const ByteVector& der) {
   const auto usage = keyUsageOfCertificate(der);
-  const auto certificate = parse(der);
-  EXPECT_EQ(certificate ? certificate->keyUsage() : usage, usage);
+  if (const auto certificate = parse(der)) {
+    EXPECT_EQ(certificate->keyUsage(), usage);
+    EXPECT_EQ(openSslUsageOf(der), usage);
+  }
   return usage;
 }
 
