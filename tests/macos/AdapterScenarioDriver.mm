@@ -50,9 +50,9 @@ class AdapterScenarioDriver final : public ScenarioDriver {
     switch (line.channel) {
       case LogChannel::kDefault: return "default: ";
       case LogChannel::kError: return "error: ";
-      case LogChannel::kNSLog: return "process: ";
-      default: return "another channel: ";
+      case LogChannel::kNSLog: break;
     }
+    return "process: ";
   }
 
   LogRecorder recorder_;

@@ -20,7 +20,7 @@
 #import "double/Utf8.h"
 #include "platform/UserDirectory.h"
 
-/// A text that the platform hands to us; one class for each, so that one alone raises.
+/// A text that the platform hands to us; a class for each, so that one alone raises.
 @interface GivenText : NSString {
   NSString* _text;
 }
@@ -46,22 +46,16 @@
   return [_text characterAtIndex:index];
 }
 @end
-@interface ReaderName : GivenText
-@end
-@implementation ReaderName
-@end
-@interface KeyName : GivenText
-@end
-@implementation KeyName
-@end
-@interface Constraint : GivenText
-@end
-@implementation Constraint
-@end
-@interface EnteredPin : GivenText
-@end
-@implementation EnteredPin
-@end
+#define GIVEN_TEXT(name)      \
+  @interface name : GivenText \
+  @end                        \
+  @implementation name        \
+  @end
+GIVEN_TEXT(ReaderName)
+GIVEN_TEXT(KeyName)
+GIVEN_TEXT(Constraint)
+GIVEN_TEXT(EnteredPin)
+#undef GIVEN_TEXT
 
 @interface GivenData : NSData
 @end

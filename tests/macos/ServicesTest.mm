@@ -8,6 +8,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <optional>
 
@@ -16,6 +17,8 @@
 #import "Holder.h"
 #include "cli/ChildProcess.h"
 #include "double/Desktop.h"
+#include "double/LogRecorder.h"
+#include "double/RaisingCall.h"
 #import "double/Switches.h"
 #import "double/Utf8.h"
 #include "platform/Desktop.h"
@@ -29,6 +32,7 @@ namespace {
 
 using ::testing::ElementsAre;
 using ::testing::SizeIs;
+using ::testing::StartsWith;
 
 // ---- The user ----
 
@@ -90,6 +94,15 @@ TEST(MacNotificationCenter, PostsWithoutUserInfo) {
   EXPECT_TRUE(posted()[0].immediately);
   EXPECT_EQ(posted()[1].object, std::nullopt);
   EXPECT_FALSE(posted()[1].immediately);
+}
+
+TEST(MacNotificationCenter, OutlivesWhatThePlatformRaises) {
+  const LogRecorder recorder;
+  const RaisingCall raising{
+      "-[NSDistributedNotificationCenter postNotificationName:object:userInfo:deliverImmediately:]"};
+  systemDistributedNotificationCenter()->postNotificationName(Text{u"TokenNotify"}, Text{}, true);
+  EXPECT_EQ(raising.count(), 1U);
+  EXPECT_THAT(recorder.texts(), ElementsAre(StartsWith("error: [Guard-15] a notification is not sent: ")));
 }
 
 // ---- Certificates ----
@@ -159,6 +172,35 @@ TEST_F(MacCertificate, IsNamedAsThePlatformSumsItUp) {
   EXPECT_FALSE(certificate->subject().isEmpty());
   switches->withoutSummary = true;
   EXPECT_EQ(certificate->subject(), Text{u""});
+}
+
+TEST_F(MacCertificate, TellsNothingOverWhichThePlatformRaises) {
+  const auto certificate = parsed({.keyUsage = 1});
+  const struct {
+    const char* call;
+    std::function<bool()> tellsNothing;
+    const char* line;
+  } rows[] = {
+      {"SecCertificateCreateWithData", [] { return parsed({}) == nullptr; }, "a certificate is not read"},
+      {"SecCertificateCopyValues", [&] { return !certificate->keyUsage(); }, "the key usage is not known"},
+      {"SecCertificateCopyValues", [&] { return certificate->notAfter().isNull(); },
+       "the end of a certificate is not known"},
+      {"SecCertificateCopySubjectSummary", [&] { return certificate->subject() == Text{u""}; },
+       "the name of a certificate is not known"},
+      {"SecCertificateCopyKey", [&] { return certificate->keyType() == CertificateKeyType::kOther; },
+       "the kind of a key is not known"},
+      {"SecKeyCopyAttributes", [&] { return certificate->keySizeInBits() == 0; },
+       "the size of a key is not known"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.line);
+    const LogRecorder recorder;
+    EXPECT_FALSE(row.tellsNothing());
+    const RaisingCall raising{row.call};
+    EXPECT_TRUE(row.tellsNothing());
+    EXPECT_THAT(recorder.texts(),
+                ElementsAre(StartsWith(std::string{"error: [Guard-15] "} + row.line + ": ")));
+  }
 }
 
 TEST_F(MacCertificate, IsNullForAnythingElse) {

@@ -66,9 +66,6 @@ static TKTokenKeychainKey* plainCopyOf(TKTokenKeychainKey* key) {
   [_name release];
   [super dealloc];
 }
-- (TKSmartCardSlotState)state {
-  return TKSmartCardSlotStateValidCard;
-}
 - (TKSmartCard*)makeSmartCard {
   return [[[TKSmartCard alloc] initWithSlot:self] autorelease];
 }
@@ -89,9 +86,6 @@ static TKTokenKeychainKey* plainCopyOf(TKTokenKeychainKey* key) {
   [_context release];
   [super dealloc];
 }
-- (BOOL)valid {
-  return YES;
-}
 - (TKSmartCard*)anotherConnection {
   return [_slot makeSmartCard];
 }
@@ -101,17 +95,12 @@ static TKTokenKeychainKey* plainCopyOf(TKTokenKeychainKey* key) {
 @end
 
 @implementation TKSmartCardPINFormat
-@synthesize charset = _charset, encoding = _encoding, minPINLength = _minPINLength,
-            maxPINLength = _maxPINLength, PINBlockByteLength = _PINBlockByteLength,
-            PINJustification = _PINJustification, PINBitOffset = _PINBitOffset,
-            PINLengthBitOffset = _PINLengthBitOffset, PINLengthBitSize = _PINLengthBitSize;
+@synthesize minPINLength = _minPINLength, maxPINLength = _maxPINLength, PINBitOffset = _PINBitOffset;
 - (instancetype)init {
   if ((self = [super init])) {
     countObject("TKSmartCardPINFormat", 1);
-    _encoding = TKSmartCardPINEncodingASCII;
     _minPINLength = 4;
     _maxPINLength = 8;
-    _PINBlockByteLength = 8;
   }
   return self;
 }

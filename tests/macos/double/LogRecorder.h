@@ -5,7 +5,7 @@
 
 namespace mirel::test {
 
-enum class LogChannel { kDefault, kInfo, kDebug, kError, kFault, kNSLog };
+enum class LogChannel { kDefault, kError, kNSLog };
 
 struct LogLine {
   LogChannel channel = LogChannel::kNSLog;

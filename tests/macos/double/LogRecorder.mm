@@ -41,23 +41,10 @@ void recordNSLog(NSString* message) {
   addLine({LogChannel::kNSLog, text});
 }
 
-LogChannel channelOf(os_log_type_t type) {
-  switch (type) {
-    case OS_LOG_TYPE_INFO: return LogChannel::kInfo;
-    case OS_LOG_TYPE_DEBUG: return LogChannel::kDebug;
-    case OS_LOG_TYPE_ERROR: return LogChannel::kError;
-    case OS_LOG_TYPE_FAULT: return LogChannel::kFault;
-    default: return LogChannel::kDefault;
-  }
-}
-
 const char* nameOf(LogChannel channel) {
   switch (channel) {
     case LogChannel::kDefault: return "default: ";
-    case LogChannel::kInfo: return "info: ";
-    case LogChannel::kDebug: return "debug: ";
     case LogChannel::kError: return "error: ";
-    case LogChannel::kFault: return "fault: ";
     case LogChannel::kNSLog: break;
   }
   return "NSLog: ";
@@ -124,11 +111,6 @@ void LogRecorder::clear() {
 
 using namespace mirel::test;
 
-os_log_t os_log_create(const char*, const char*) {
-  static os_log_s log;
-  return &log;
-}
-
 bool os_log_type_enabled(os_log_t, os_log_type_t type) {
   return type != OS_LOG_TYPE_DEFAULT || !switches().defaultLevelOff;
 }
@@ -150,6 +132,7 @@ void _os_log_double(os_log_t, os_log_type_t type, const char* format, ...) {
   raiseIn("os_log");
   va_list arguments;
   va_start(arguments, format);
-  addLine({channelOf(type), shownOf(format, arguments)});
+  addLine(
+      {type == OS_LOG_TYPE_ERROR ? LogChannel::kError : LogChannel::kDefault, shownOf(format, arguments)});
   va_end(arguments);
 }

@@ -197,53 +197,8 @@ NSDictionary* entryOf(NSString* label, id value) {
 
 // ---- CoreFoundation ----
 
-const CFAllocatorRef kCFAllocatorDefault = nullptr;
-
 CFTypeRef CFRetain(CFTypeRef object) { return [objectOf(object, "CFRetain") retain]; }
 void CFRelease(CFTypeRef object) { [objectOf(object, "CFRelease") release]; }
-CFIndex CFGetRetainCount(CFTypeRef object) {
-  return (CFIndex)[objectOf(object, "CFGetRetainCount") retainCount];
-}
-Boolean CFEqual(CFTypeRef one, CFTypeRef other) {
-  return [objectOf(one, "CFEqual") isEqual:objectOf(other, "CFEqual")] ? 1 : 0;
-}
-
-CFTypeID CFGetTypeID(CFTypeRef object) {
-  const id foundation = objectOf(object, "CFGetTypeID");
-  for (Class type :
-       {[NSString class], [NSData class], [NSNumber class], [NSArray class], [NSDictionary class]}) {
-    if ([foundation isKindOfClass:type]) return (CFTypeID)type;
-  }
-  return (CFTypeID)[foundation class];
-}
-CFTypeID CFStringGetTypeID(void) { return (CFTypeID)[NSString class]; }
-CFTypeID CFDataGetTypeID(void) { return (CFTypeID)[NSData class]; }
-CFTypeID CFNumberGetTypeID(void) { return (CFTypeID)[NSNumber class]; }
-CFTypeID CFArrayGetTypeID(void) { return (CFTypeID)[NSArray class]; }
-CFTypeID CFDictionaryGetTypeID(void) { return (CFTypeID)[NSDictionary class]; }
-CFTypeID SecCertificateGetTypeID(void) { return (CFTypeID)[DoubleCertificate class]; }
-
-CFDataRef CFDataCreate(CFAllocatorRef, const UInt8* bytes, CFIndex length) {
-  return (CFDataRef)[[NSData alloc] initWithBytes:bytes length:(NSUInteger)length];
-}
-const UInt8* CFDataGetBytePtr(CFDataRef data) {
-  return static_cast<const UInt8*>([objectOf(data, "CFDataGetBytePtr") bytes]);
-}
-CFIndex CFDataGetLength(CFDataRef data) { return (CFIndex)[objectOf(data, "CFDataGetLength") length]; }
-
-const void* CFDictionaryGetValue(CFDictionaryRef dictionary, const void* key) {
-  return [(NSDictionary*)objectOf(dictionary, "CFDictionaryGetValue") objectForKey:(id)key];
-}
-
-Boolean CFNumberGetValue(CFNumberRef number, CFNumberType type, void* outValue) {
-  const long long value = [objectOf(number, "CFNumberGetValue") longLongValue];
-  if (type == kCFNumberSInt64Type) {
-    *static_cast<long long*>(outValue) = value;
-    return 1;
-  }
-  *static_cast<int*>(outValue) = (int)value;
-  return (int)value == value ? 1 : 0;
-}
 
 // ---- Certificates ----
 
@@ -406,7 +361,7 @@ CFDataRef SecKeyCreateEncryptedData(SecKeyRef key, SecKeyAlgorithm algorithm, CF
   NSData* const plain = objectOf(plaintext, "SecKeyCreateEncryptedData");
   DoubleKey* const object = objectOf(key, "SecKeyCreateEncryptedData");
   EVP_PKEY* const openSslKey = [object key];
-  if (!CFEqual(algorithm, kSecKeyAlgorithmRSAEncryptionRaw) ||
+  if (![(NSString*)algorithm isEqual:(NSString*)kSecKeyAlgorithmRSAEncryptionRaw] ||
       EVP_PKEY_get_base_id(openSslKey) != EVP_PKEY_RSA) {
     fail(outError);
     return nullptr;

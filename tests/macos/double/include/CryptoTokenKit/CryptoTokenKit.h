@@ -44,19 +44,10 @@ typedef NS_ENUM(NSInteger, TKTokenOperation) {
 
 // ---- Reader and card ----
 
-typedef NS_ENUM(NSInteger, TKSmartCardSlotState) {
-  TKSmartCardSlotStateMissing = 0,
-  TKSmartCardSlotStateEmpty = 1,
-  TKSmartCardSlotStateProbing = 2,
-  TKSmartCardSlotStateMuteCard = 3,
-  TKSmartCardSlotStateValidCard = 4,
-};
-
 @interface TKSmartCardSlot : NSObject {
  @private
   NSString* _name;
 }
-@property(readonly) TKSmartCardSlotState state;
 @property(readonly) NSString* name;
 - (nullable TKSmartCard*)makeSmartCard;
 @end
@@ -70,48 +61,20 @@ typedef NS_ENUM(NSInteger, TKSmartCardSlotState) {
   UInt8 _cla;
 }
 @property(readonly) TKSmartCardSlot* slot;
-@property(readonly) BOOL valid;
 @property BOOL sensitive;
 @property(nullable, strong) id context;
 @property UInt8 cla;
 @end
 
-typedef NS_ENUM(NSInteger, TKSmartCardPINCharset) {
-  TKSmartCardPINCharsetNumeric = 0,
-  TKSmartCardPINCharsetAlphanumeric = 1,
-  TKSmartCardPINCharsetUpperAlphanumeric = 2,
-};
-typedef NS_ENUM(NSInteger, TKSmartCardPINEncoding) {
-  TKSmartCardPINEncodingBinary = 0,
-  TKSmartCardPINEncodingASCII = 1,
-  TKSmartCardPINEncodingBCD = 2,
-};
-typedef NS_ENUM(NSInteger, TKSmartCardPINJustification) {
-  TKSmartCardPINJustificationLeft = 0,
-  TKSmartCardPINJustificationRight = 1,
-};
-
 @interface TKSmartCardPINFormat : NSObject {
  @private
-  TKSmartCardPINCharset _charset;
-  TKSmartCardPINEncoding _encoding;
   NSInteger _minPINLength;
   NSInteger _maxPINLength;
-  NSInteger _PINBlockByteLength;
-  TKSmartCardPINJustification _PINJustification;
   NSInteger _PINBitOffset;
-  NSInteger _PINLengthBitOffset;
-  NSInteger _PINLengthBitSize;
 }
-@property TKSmartCardPINCharset charset;
-@property TKSmartCardPINEncoding encoding;
 @property NSInteger minPINLength;
 @property NSInteger maxPINLength;
-@property NSInteger PINBlockByteLength;
-@property TKSmartCardPINJustification PINJustification;
 @property NSInteger PINBitOffset;
-@property NSInteger PINLengthBitOffset;
-@property NSInteger PINLengthBitSize;
 @end
 
 // ---- Driver ----

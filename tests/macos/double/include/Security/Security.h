@@ -15,8 +15,6 @@ NS_ASSUME_NONNULL_BEGIN
 typedef struct __SecCertificate* SecCertificateRef;
 typedef struct __SecKey* SecKeyRef;
 
-extern CFTypeID SecCertificateGetTypeID(void);
-
 /// The caller's; null unless `der` begins with the DER encoding of an X.509 certificate.
 extern SecCertificateRef _Nullable SecCertificateCreateWithData(CFAllocatorRef _Nullable allocator,
                                                                 CFDataRef der);

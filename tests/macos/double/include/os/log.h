@@ -13,16 +13,11 @@ typedef struct os_log_s* os_log_t;
 typedef uint8_t os_log_type_t;
 
 #define OS_LOG_TYPE_DEFAULT ((os_log_type_t)0x00)
-#define OS_LOG_TYPE_INFO ((os_log_type_t)0x01)
-#define OS_LOG_TYPE_DEBUG ((os_log_type_t)0x02)
 #define OS_LOG_TYPE_ERROR ((os_log_type_t)0x10)
-#define OS_LOG_TYPE_FAULT ((os_log_type_t)0x11)
 
 extern struct os_log_s _os_log_default;
 #define OS_LOG_DEFAULT (&_os_log_default)
 
-/// Never destroyed.
-extern os_log_t os_log_create(const char* subsystem, const char* category);
 extern bool os_log_type_enabled(os_log_t log, os_log_type_t type);
 
 extern void _os_log_double(os_log_t log, os_log_type_t type, const char* format, ...)
@@ -33,10 +28,7 @@ extern void _os_log_double(os_log_t log, os_log_type_t type, const char* format,
     if (os_log_type_enabled(log, type)) _os_log_double(log, type, "" __VA_ARGS__); \
   } while (false)
 #define os_log(log, ...) os_log_with_type(log, OS_LOG_TYPE_DEFAULT, __VA_ARGS__)
-#define os_log_info(log, ...) os_log_with_type(log, OS_LOG_TYPE_INFO, __VA_ARGS__)
-#define os_log_debug(log, ...) os_log_with_type(log, OS_LOG_TYPE_DEBUG, __VA_ARGS__)
 #define os_log_error(log, ...) os_log_with_type(log, OS_LOG_TYPE_ERROR, __VA_ARGS__)
-#define os_log_fault(log, ...) os_log_with_type(log, OS_LOG_TYPE_FAULT, __VA_ARGS__)
 
 #ifdef __cplusplus
 }
