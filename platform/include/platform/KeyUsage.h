@@ -11,7 +11,8 @@ namespace mirel {
 /// nine bits that have a name (0 digitalSignature to 8 decipherOnly).
 /// `der`: one whole certificate; it may be empty or anything else, and is only looked at in the call.
 /// Nothing when the certificate has no such extension or has it twice (section 4.2), when something follows
-/// the certificate, and when a value on the way to the extension or in the list of extensions is not DER: another type, a length that is indefinite,
+/// the certificate, and when a value on the
+/// way to the extension or in the list of extensions is not DER: another type, a length that is indefinite,
 /// longer than needed (X.690, section 10.1) or beyond the data, a string in pieces (section 10.2), or a bit
 /// string with an impossible number of unused bits (section 8.6.2). Two things that DER forbids are let
 /// through because they are clear: zeros at the end of the bit string, and unused bits that are set, which do
