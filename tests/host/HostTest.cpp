@@ -5,13 +5,6 @@ namespace {
 
 constexpr unsigned kDigitalSignature = 1U << 0U;
 
-void expectOneLine(const std::string& text) {
-  EXPECT_FALSE(text.empty());
-  for (const char c : text)
-    EXPECT_GE(static_cast<unsigned char>(c), 0x20) << "a control character in " << text;
-  EXPECT_FALSE(text.ends_with('.')) << text;
-}
-
 }  // namespace
 
 HostTest::HostTest() { setCertificate({.keyUsage = kDigitalSignature}); }
@@ -38,12 +31,6 @@ InsertedCard HostTest::inserted(const Text& readerName) {
   if (outcome) return *outcome;
   ADD_FAILURE() << outcome.failure().what << ": " << outcome.failure().why;
   return {};
-}
-
-void expectPresentable(const Failure& failure) {
-  expectOneLine(failure.what);
-  expectOneLine(failure.why);
-  if (!failure.advice.step()) expectOneLine(std::string{failure.advice.words()});
 }
 
 std::vector<Text> namesOf(const std::vector<Reader>& readers) {

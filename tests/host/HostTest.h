@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "host/Host.h"
+#include "host/Outcomes.h"
 #include "support/ModuleTest.h"
 #include "token/TestCertificates.h"
 
@@ -34,23 +35,6 @@ class HostTest : public ModuleTest {
 
   Host host{services()};
 };
-
-/// What went wrong; a success fails the test. Also checks that the user is told three things, each in
-/// one line without a full stop.
-template <typename Value>
-[[nodiscard]] Failure failureOf(const Result<Value>& outcome);
-
-void expectPresentable(const Failure& failure);
-
-template <typename Value>
-Failure failureOf(const Result<Value>& outcome) {
-  if (outcome) {
-    ADD_FAILURE() << "there is no failure";
-    return {};
-  }
-  expectPresentable(outcome.failure());
-  return outcome.failure();
-}
 
 /// The names of the readers.
 [[nodiscard]] std::vector<Text> namesOf(const std::vector<Reader>& readers);

@@ -6,7 +6,7 @@
 
 #include <algorithm>
 
-#include "host/HostTest.h"
+#include "host/Outcomes.h"
 #include "host/SoftwareKey.h"
 
 namespace mirel::test {

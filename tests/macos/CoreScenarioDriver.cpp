@@ -3,7 +3,7 @@
 #include <utility>
 #include <variant>
 
-#include "host/HostToken.h"
+#include "HostToken.h"
 #include "platform/Certificate.h"
 #include "platform/LocalizedStrings.h"
 #include "support/RecordingLog.h"
