@@ -9,12 +9,11 @@
 #include <cstring>
 
 #include "Wording.h"
+#include "platform/Hex.h"
 #include "platform/Log.h"
 
 namespace mirel::cli {
 namespace {
-
-constexpr std::string_view kHexDigits = "0123456789ABCDEF";
 
 /// Characters of a UTF-8 text; close enough to columns for aligning.
 std::size_t widthOf(std::string_view utf8) {
@@ -25,15 +24,12 @@ std::size_t widthOf(std::string_view utf8) {
 }  // namespace
 
 std::string hexOf(const Text& text) {
-  std::string hex;
-  for (const char16_t unit : text.units()) {
-    hex += kHexDigits[(unit >> 4U) & 0xFU];
-    hex += kHexDigits[unit & 0xFU];
-  }
-  return hex;
+  ByteVector bytes;
+  for (const char16_t unit : text.units()) bytes.push_back(static_cast<std::uint8_t>(unit & 0xFFU));
+  return hexOfBytes(bytes, HexDigits::kUpper);
 }
 
-std::string hexOf(const Bytes& bytes) { return hexOf(Text::fromBytes(bytes.view())); }
+std::string hexOf(const Bytes& bytes) { return hexOfBytes(bytes.view(), HexDigits::kUpper); }
 
 std::string joinedWith(std::string_view separator, const std::vector<std::string>& parts) {
   std::string all;

@@ -4,6 +4,7 @@
 #include <string_view>
 #include <utility>
 
+#include "platform/Hex.h"
 #include "platform/Log.h"
 #include "token/MirelSCTokenDriver.h"
 
@@ -12,11 +13,7 @@ namespace {
 
 /// What "%@" prints for an object without a description of its own: class and address.
 Text describedObject(std::string_view className, const void* object) {
-  constexpr std::string_view kDigits = "0123456789abcdef";
-  std::string address;
-  for (auto number = reinterpret_cast<std::uintptr_t>(object); number != 0; number >>= 4U) {
-    address.insert(address.begin(), kDigits[number & 0xFU]);
-  }
+  const std::string address = hexOfNumber(reinterpret_cast<std::uintptr_t>(object), HexDigits::kLower);
   return Text::fromUtf8(std::string{"<"}.append(className).append(": 0x").append(address).append(">"));
 }
 

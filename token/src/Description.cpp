@@ -1,7 +1,10 @@
 #include "Description.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <span>
+
+#include "platform/Hex.h"
 
 namespace mirel {
 namespace {
@@ -11,14 +14,13 @@ constexpr std::size_t kShownAtFront = 16;
 constexpr std::size_t kShownAtEnd = 8;
 constexpr std::size_t kGroup = 4;
 
-constexpr std::string_view kDigits = "0123456789abcdef";
+std::string hexOf(std::span<const std::uint8_t> bytes) { return hexOfBytes(bytes, HexDigits::kLower); }
 
-std::string hexOf(std::span<const std::uint8_t> bytes, bool grouped) {
-  std::string hex;
-  for (std::size_t i = 0; i < bytes.size(); ++i) {
-    if (grouped && i > 0 && i % kGroup == 0) hex += ' ';
-    hex += kDigits[bytes[i] >> 4U];
-    hex += kDigits[bytes[i] & 0xFU];
+/// With a blank after each group of bytes but the last.
+std::string groupedHexOf(std::span<const std::uint8_t> bytes) {
+  std::string hex = hexOf(bytes.first(std::min(kGroup, bytes.size())));
+  for (std::size_t i = kGroup; i < bytes.size(); i += kGroup) {
+    hex.append(" ").append(hexOf(bytes.subspan(i, std::min(kGroup, bytes.size() - i))));
   }
   return hex;
 }
@@ -29,9 +31,9 @@ std::string dataDescription(const Bytes& data) {
   if (data.isNull()) return "(null)";
   const auto bytes = data.view();
   std::string text = "{length = " + std::to_string(bytes.size()) + ", bytes = 0x";
-  if (bytes.size() <= kShownWhole) return text.append(hexOf(bytes, false)).append("}");
-  text.append(hexOf(bytes.first(kShownAtFront), true)).append(" ... ");
-  return text.append(hexOf(bytes.last(kShownAtEnd), true)).append(" }");
+  if (bytes.size() <= kShownWhole) return text.append(hexOf(bytes)).append("}");
+  text.append(groupedHexOf(bytes.first(kShownAtFront))).append(" ... ");
+  return text.append(groupedHexOf(bytes.last(kShownAtEnd))).append(" }");
 }
 
 }  // namespace mirel

@@ -17,10 +17,10 @@
 #include <string_view>
 #include <utility>
 
+#include "platform/Bytes.h"
 #include "platform/Certificate.h"
 #include "platform/SecKeyAlgorithm.h"
 #include "platform/SecretText.h"
-#include "platform/Bytes.h"
 #include "platform/Text.h"
 
 namespace mirel {
