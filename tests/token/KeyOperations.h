@@ -33,7 +33,7 @@ struct KeyOperation {
   constexpr std::size_t kModulusLen = 256;  // bytes
   static const Value kBlock = patternValue(kModulusLen, 0x20);
   static const Value kPlainText = bytesOf("attack at dawn");
-  static const std::vector<KeyOperation> kOperations{
+  static const std::vector<KeyOperation> kKeyOperations{
       {"Sign",
        &MirelSCTokenSession::signData,
        kSecKeyAlgorithmRSASignatureRaw,
@@ -63,7 +63,7 @@ struct KeyOperation {
        "C_DecryptInit(9, CKM 1 null 0, 22)",
        "C_Decrypt"},
   };
-  return kOperations;
+  return kKeyOperations;
 }
 
 inline std::ostream& operator<<(std::ostream& out, const KeyOperation& operation) {

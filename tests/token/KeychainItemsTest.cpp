@@ -86,12 +86,13 @@ TEST_F(KeychainItems, DoWhatTheFirstOfThreeBitsOfTheKeyUsageSaysWhichIsReadWhenT
   for (std::int32_t usage = -1; usage <= kAllBits; ++usage) {
     SCOPED_TRACE(usage);
     const bool hasUsage = usage >= 0;
+    const unsigned bits = hasUsage ? static_cast<unsigned>(usage) : 0U;
     const char* expected = "PIN always, {}";
-    if (hasUsage && (usage & kDigitalSignature)) {
+    if ((bits & kDigitalSignature) != 0) {
       expected = "can sign, for login, PIN always, {2: PINAlways}";
-    } else if (hasUsage && (usage & kKeyEncipherment)) {
+    } else if ((bits & kKeyEncipherment) != 0) {
       expected = "can decrypt, for login, PIN always, {3: PINAlways}";
-    } else if (hasUsage && (usage & kKeyAgreement)) {
+    } else if ((bits & kKeyAgreement) != 0) {
       expected = "can exchange keys, PIN always, {4: PINAlways}";
     }
     appendWithUsage(hasUsage ? std::optional{usage} : std::nullopt);
