@@ -22,7 +22,7 @@ Result<void> Session::insertCard() {
 }
 
 Result<void> Session::connect() {
-  if (const auto inserted = insertCard(); !inserted) return inserted;
+  if (auto inserted = insertCard(); !inserted) return inserted;
   auto client = host_.newClient(card());
   if (!client) return client.failure();
   client_ = *std::move(client);

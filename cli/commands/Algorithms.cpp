@@ -81,7 +81,7 @@ std::string jsonText(KeyClient& client, const std::vector<PublishedKey>& keys) {
 }
 
 Result<void> run(Session& session) {
-  if (const auto connected = session.connect(); !connected) return connected;
+  if (auto connected = session.connect(); !connected) return connected;
   std::vector<PublishedKey> keys = withoutRepetitions(keysOf(session.card()));
   if (session.options().key) {
     const auto chosen = session.chosenKey();

@@ -36,8 +36,8 @@ std::string pemOf(const Bytes& der) {
 }
 
 Result<void> run(Session& session) {
-  if (const auto writable = checkWriting(session.options().out); !writable) return writable;
-  if (const auto inserted = session.insertCard(); !inserted) return inserted;
+  if (auto writable = checkWriting(session.options().out); !writable) return writable;
+  if (auto inserted = session.insertCard(); !inserted) return inserted;
   const auto chosen = session.chosenKey();
   if (!chosen) return chosen.failure();
   const std::string pem = pemOf(chosen->certificate.data);

@@ -72,7 +72,7 @@ Result<void> decryptAndWrite(Session& session) {
   if (!options.json) return session.write(plain->view(), kPlainTextMode);
   Json json{{"key", chosen.key.objectID.toUtf8()}, {"algorithm", nameOf(algorithm)}, {"size", plain->size()}};
   if (!options.out) return session.write(withPlainText(std::move(json), *plain).view(), kPlainTextMode);
-  if (const auto written = session.write(plain->view(), kPlainTextMode); !written) return written;
+  if (auto written = session.write(plain->view(), kPlainTextMode); !written) return written;
   return writeOutput(jsonLines(json));
 }
 
@@ -85,7 +85,7 @@ Result<void> run(Session& session) {
                    "whatever the algorithm, the token takes off the padding of PKCS #1 v1.5",
                    "have the data encrypted by PKCS #1 v1.5: RSAEncryptionPKCS1"};
   }
-  const auto done = decryptAndWrite(session);
+  auto done = decryptAndWrite(session);
   wipeStackLeftBehind();
   return done;
 }

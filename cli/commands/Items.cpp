@@ -135,7 +135,7 @@ std::string unpublishedText(const Unpublished& unpublished) {
 }
 
 Result<void> run(Session& session) {
-  if (const auto inserted = session.insertCard(); !inserted) return inserted;
+  if (auto inserted = session.insertCard(); !inserted) return inserted;
   const InsertedCard& card = session.card();
   if (card.incomplete) writeMessage(failureLine(*card.incomplete));
   if (session.options().json) return writeOutput(jsonText(card));

@@ -8,7 +8,7 @@ namespace mirel::cli {
 namespace {
 
 Result<void> run(Session& session) {
-  if (const auto connected = session.connect(); !connected) return connected;
+  if (auto connected = session.connect(); !connected) return connected;
   const std::string before = session.remarkOnPin();
   if (const auto accepted = session.client().logIn(session.pins()); !accepted) {
     Failure failure = accepted.failure();

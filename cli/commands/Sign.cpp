@@ -67,7 +67,7 @@ Result<void> run(Session& session) {
     if (!verified) return andNothingWritten(verified.failure());
   }
   if (!options.json || options.out) {
-    if (const auto written = session.write(signature->value.view(), kSignatureMode); !written) return written;
+    if (auto written = session.write(signature->value.view(), kSignatureMode); !written) return written;
   }
   if (options.json) return writeOutput(jsonText(chosen, algorithm, *signature, verify));
   writeMessage(summary(chosen, algorithm, *signature, verify));

@@ -54,8 +54,8 @@ CardWatch::CardWatch(const std::shared_ptr<HostToken>& token, Reader reader)
     : token_{token}, reader_{std::move(reader)} {}
 
 Result<void> CardWatch::look(FailureDiary& diary) {
-  if (const auto going = goesOn(); !going) return going;
-  const auto there = lookAtCard(diary);
+  if (auto going = goesOn(); !going) return going;
+  auto there = lookAtCard(diary);
   if (!there) learnFrom(there.failure());
   return there;
 }
@@ -88,7 +88,7 @@ Result<void> CardWatch::lookAtCard(FailureDiary& diary) const {
                          FailureKind::kCardRefuses);
     return because.kind == FailureKind::kCardGone ? gone(because.why) : because;
   }
-  if (const auto same = compare(token); !same) return same;
+  if (auto same = compare(token); !same) return same;
 
   // What the framework calls a change may be a token without a random number generator, or a name beyond
   // ASCII. Only a session that has ended tells that this card was away.

@@ -392,9 +392,9 @@ Result<void> KeyClient::authenticate(const Text& constraint, PinSource& pins) {
 /// Whether the card can be asked anything. Drops the session of a token that has ended.
 Result<void> KeyClient::lookForCard() {
   if (!card_.watch) return {};
-  const auto there = card_.watch->look(*diary_);
+  auto there = card_.watch->look(*diary_);
   // Another client may have found out since.
-  const auto going = card_.watch->goesOn();
+  auto going = card_.watch->goesOn();
   if (going) return there;
   session_.reset();
   card_.token.reset();

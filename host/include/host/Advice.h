@@ -27,10 +27,11 @@ enum class UserStep {
 class Advice {
  public:
   constexpr Advice() = default;  ///< none
-  // Both implicit, so that each can stand for the advice of a failure.
+  // NOLINTBEGIN(google-explicit-constructor): each can stand for the advice of a failure
   constexpr Advice(UserStep step) : step_{step} {}
   /// `words`: a literal, UTF-8, without a full stop or line end.
   constexpr Advice(const char* words) : words_{words} {}
+  // NOLINTEND(google-explicit-constructor)
 
   /// Nothing where there are words.
   [[nodiscard]] constexpr std::optional<UserStep> step() const noexcept { return step_; }

@@ -16,9 +16,10 @@ namespace mirel {
 template <typename Value>
 class [[nodiscard]] Result {
  public:
-  // Both implicit, so that `return` takes either.
+  // NOLINTBEGIN(google-explicit-constructor): `return` takes either
   Result(Value value) : held_{std::in_place_index<0>, std::move(value)} {}
   Result(Failure failure) : held_{std::in_place_index<1>, std::move(failure)} {}
+  // NOLINTEND(google-explicit-constructor)
 
   [[nodiscard]] explicit operator bool() const noexcept { return held_.index() == 0; }
 
@@ -41,7 +42,7 @@ template <>
 class [[nodiscard]] Result<void> {
  public:
   Result() = default;
-  Result(Failure failure) : held_{std::move(failure)} {}
+  Result(Failure failure) : held_{std::move(failure)} {}  // NOLINT(google-explicit-constructor)
 
   [[nodiscard]] explicit operator bool() const noexcept { return held_.index() == 0; }
 
