@@ -1,6 +1,5 @@
 #include "Convert.h"
 
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -50,10 +49,14 @@ NSData* dataOf(const Bytes& bytes) noexcept {
 
 std::shared_ptr<const SecretText> secretOf(NSString* string) noexcept {
   if (!string) return nullptr;
-  auto units = guarded("the PIN is not read", [&] { return std::optional{unitsOf(string)}; });
-  if (!units) return nullptr;
-  auto secret = std::make_shared<const SecretText>(*units);
-  wipe(units->data(), units->size() * sizeof(char16_t));
+  std::u16string units;  // filled in place: a string that is moved leaves a short text behind
+  const bool isRead = guarded("the PIN is not read", [&] {
+    units.resize([string length]);
+    [string getCharacters:reinterpret_cast<unichar*>(units.data()) range:NSMakeRange(0, units.size())];
+    return true;
+  });
+  auto secret = isRead ? std::make_shared<const SecretText>(units) : nullptr;
+  wipe(units.data(), units.size() * sizeof(char16_t));
   return secret;
 }
 

@@ -2,8 +2,8 @@
 
 /// Against what the platform raises. What is raised in one request, say over one card, must not end the
 /// process, and with it the tokens of all other cards; nor may it go through functions of the core, which
-/// take no exceptions. So each call of the platform stands in a guard of its own, with nothing between them
-/// that is noexcept.
+/// take no exceptions. So a guard stands right around each call of the platform, or around a few that belong
+/// together, with nothing between them that is noexcept.
 
 #import <Foundation/Foundation.h>
 

@@ -17,9 +17,8 @@ Text readText(NSString* string) noexcept {
 
 void logRaised(const char* what, NSException* exception) noexcept {
   @autoreleasepool {
-    systemLog()->systemError(logLine("[%s-%d] %s: the system raised %@: %@; see \"mireltoken items\"",
-                                     "Guard", 15, what, readText([exception name]),
-                                     readText([exception reason])));
+    systemLog()->systemError(logLine("[Guard-15] %s: the system raised %@: %@; see \"mireltoken items\"",
+                                     what, readText([exception name]), readText([exception reason])));
   }
 }
 
