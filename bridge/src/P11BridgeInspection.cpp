@@ -13,6 +13,7 @@ constexpr int kSlotListTries = 3;  // a slot may appear between counting and lis
 CK_RV P11Bridge::inspectSlots(bool withTokenOnly, std::vector<CK_SLOT_ID>& outSlots) const noexcept {
   const CK_BBOOL tokenPresent = withTokenOnly ? CK_TRUE : CK_FALSE;
   CK_RV rv = CKR_OK;
+  outSlots.reserve(kMaxSlots);  // so that no size is the module's
   for (int attempt = 0; attempt < kSlotListTries; ++attempt) {
     CK_ULONG numSlots = 0;
     rv = ask<&CK_FUNCTION_LIST::C_GetSlotList>(tokenPresent, nullptr, &numSlots);
@@ -52,6 +53,7 @@ void P11Bridge::closeInspection(CK_SESSION_HANDLE session) const noexcept {
 P11Bridge::Answer P11Bridge::inspectObjects(CK_SESSION_HANDLE session, CK_OBJECT_CLASS objectClass,
                                             std::vector<CK_OBJECT_HANDLE>& outObjects) const noexcept {
   outObjects.clear();
+  outObjects.reserve(kMaxListedObjects);
   CK_ATTRIBUTE filter = attribute(CKA_CLASS, objectClass);
   if (CK_RV rv = ask<&CK_FUNCTION_LIST::C_FindObjectsInit>(session, &filter, CK_ULONG{1}); rv != CKR_OK) {
     return {"C_FindObjectsInit", rv};
