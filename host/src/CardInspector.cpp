@@ -142,7 +142,6 @@ void inspectPoint(Inspector& inspector, CK_OBJECT_HANDLE handle, CardObject& key
   constexpr AttributeRule kRule = ruleOf(CKO_PUBLIC_KEY, CKA_EC_POINT);
   const Attribute parameters = inspector.read(handle, CKA_EC_PARAMS, 0);
   const Attribute point = inspector.read(handle, kRule);
-  if (point.tooLong) block(key, "EC point", point);
   if (!parameters.tooLong) {
     leaveOut(key, "its EC parameters " + parameters.trouble, parameters.unread);
     key.listed = false;

@@ -182,6 +182,12 @@ const Change kChanges[] = {
        remove(s, kPublicKey, CKA_EC_PARAMS);
      },
      false},
+    {"EC: point of 521, no parameters",
+     [](Script& s) {
+       makeEcKey(s, 521);
+       remove(s, kPublicKey, CKA_EC_PARAMS);
+     },
+     false},
     // Keys of other kinds have no value that is read.
     {"DSA key", [](Script& s) { change(s, kPublicKey, CKA_KEY_TYPE, ulongValue(CKK_DSA)); }, false},
 };
