@@ -11,6 +11,7 @@
 #include "HostToken.h"
 #include "NameList.h"
 #include "RsaEncoding.h"
+#include "bridge/CardRules.h"
 #include "bridge/P11Bridge.h"
 #include "host/CryptokiNames.h"
 #include "host/Display.h"
@@ -179,13 +180,13 @@ Result<void> checkSending(const SecretText& pin) {
                    "give a PIN of 1 to 8 ASCII characters; if the card has another one, change it with the "
                    "card maker's tool"};
   };
-  constexpr std::size_t kMostBytes = 8;
-  SecretBytes<kMostBytes + 1> bytes;
+  static_assert(kMaxPinLen == 8, "the texts name the number");
+  SecretBytes<kMaxPinLen + 1> bytes;
   const std::size_t size = pin.copyUtf8(bytes.span());
   if (size == 0) return notSent("it is empty");
   if (std::any_of(bytes.data(), bytes.data() + size, [](std::uint8_t byte) { return byte >= 0x80; }))
     return notSent("it has characters that are not ASCII");
-  if (size > kMostBytes) return notSent("it has more than 8 characters");
+  if (size > kMaxPinLen) return notSent("it has more than 8 characters");
   return {};
 }
 

@@ -7,13 +7,15 @@
 
 #include "RsaEncoding.h"
 #include "platform/PublicKey.h"
+#include "provider/CryptTKitSProvider.h"
 
 namespace mirel {
 namespace {
 
 constexpr std::string_view kPssName =
     "a key with PSS in its name signs by PSS in the card, and that signature is not handed out";
-constexpr int kLongestSigningKey = 2048;  // bits
+constexpr int kLongestSigningKey = 8 * CryptTKitSProvider::kMaxSignatureLen;  // bits
+static_assert(kLongestSigningKey == 2048, "the text names the number");
 
 /// True for zeros with, at the end, exactly the data that PKCS #1 v1.5 should have padded.
 bool isUnpadded(const ByteVector& block, SecKeyAlgorithm algorithm, const Bytes& data) {
