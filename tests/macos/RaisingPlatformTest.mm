@@ -188,6 +188,14 @@ std::string tellLogin(World& world) {
   return [world.operation PIN] ? text + " PIN" : text;
 }
 
+void askToSign(World& world) {
+  world.answer = [world.session tokenSession:world.session
+                                    signData:world.data
+                                    usingKey:world.key
+                                   algorithm:world.signing
+                                       error:&world.error];
+}
+
 struct Entry {
   std::string name;
   bool logsIn;
@@ -257,24 +265,8 @@ const std::vector<Entry>& entries() {
                                  algorithm:w.signing];
        },
        tellBool, "YES"},
-      {"sign", true,
-       [](World& w) {
-         w.answer = [w.session tokenSession:w.session
-                                   signData:w.data
-                                   usingKey:w.key
-                                  algorithm:w.signing
-                                      error:&w.error];
-       },
-       tellData, "made"},
-      {"signFirst", false,
-       [](World& w) {
-         w.answer = [w.session tokenSession:w.session
-                                   signData:w.data
-                                   usingKey:w.key
-                                  algorithm:w.signing
-                                      error:&w.error];
-       },
-       tellData, "nil -9"},
+      {"sign", true, askToSign, tellData, "made"},
+      {"signFirst", false, askToSign, tellData, "nil -9"},
       {"decrypt", true,
        [](World& w) {
          w.answer = [w.session tokenSession:w.session
