@@ -1,6 +1,11 @@
 #include "host/Display.h"
 
+#include <algorithm>
+#include <cstdint>
 #include <string_view>
+#include <vector>
+
+#include "platform/Hex.h"
 
 namespace mirel {
 namespace {
@@ -46,5 +51,13 @@ std::string withEscapes(const Text& text, std::u16string_view alsoEscaped) {
 std::string displayed(const Text& text) { return withEscapes(text, u"\\"); }
 
 std::string displayedName(const Text& name) { return withEscapes(name, u""); }
+
+std::string idText(const Text& id) {
+  const std::u16string_view units = id.units();
+  if (std::any_of(units.begin(), units.end(), [](char16_t unit) { return unit > 0xFF; }))
+    return displayed(id);
+  const std::vector<std::uint8_t> bytes{units.begin(), units.end()};
+  return hexOfBytes(bytes, HexDigits::kLower);
+}
 
 }  // namespace mirel

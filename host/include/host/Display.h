@@ -14,4 +14,9 @@ namespace mirel {
 /// the name of a subject.
 [[nodiscard]] std::string displayedName(const Text& name);
 
+/// The ID of an object of the card, as hexadecimal digits in lower case ("0017"): an ID is bytes, and only by
+/// chance characters. Empty for a null text. A text that is no bytes, which no ID is, as `displayed` shows
+/// it.
+[[nodiscard]] std::string idText(const Text& id);
+
 }  // namespace mirel
