@@ -14,6 +14,7 @@
 
 #include "Check.h"
 #include "platform/Certificate.h"
+#include "platform/CertificateFields.h"
 #include "platform/KeyUsage.h"
 
 namespace mirel {
@@ -102,6 +103,8 @@ std::shared_ptr<SecCertificate> parseAndCheck(ByteSpan der) {
   const Text notAfter = certificate->notAfter();
   check(notAfter.isNull() || notAfter.length() == 20, "a time has twenty characters");
   checkKey(*certificate);
+  const auto fields = fieldsOfCertificate(der);
+  check(!fields || fields->notAfter.isNull() || fields->notAfter.length() == 20, "so has ours");
 
   ByteVector longer(der.begin(), der.end());
   longer.push_back(0);
