@@ -50,16 +50,24 @@ void P11Bridge::closeInspection(CK_SESSION_HANDLE session) const noexcept {
   (void)ask<&CK_FUNCTION_LIST::C_CloseSession>(session);
 }
 
+CK_RV P11Bridge::inspectSession(CK_SESSION_HANDLE session, CK_SESSION_INFO& outInfo) const noexcept {
+  outInfo = {};
+  const CK_RV rv = ask<&CK_FUNCTION_LIST::C_GetSessionInfo>(session, &outInfo);
+  if (rv != CKR_OK) outInfo = {};
+  return rv;
+}
+
 P11Bridge::Answer P11Bridge::inspectObjects(CK_SESSION_HANDLE session, CK_OBJECT_CLASS objectClass,
-                                            std::vector<CK_OBJECT_HANDLE>& outObjects) const noexcept {
+                                            std::vector<CK_OBJECT_HANDLE>& outObjects,
+                                            CK_ULONG most) const noexcept {
   outObjects.clear();
-  outObjects.reserve(kMaxListedObjects);
+  outObjects.reserve(most);
   CK_ATTRIBUTE filter = attribute(CKA_CLASS, objectClass);
   if (CK_RV rv = ask<&CK_FUNCTION_LIST::C_FindObjectsInit>(session, &filter, CK_ULONG{1}); rv != CKR_OK) {
     return {"C_FindObjectsInit", rv};
   }
   CK_RV rv = CKR_OK;
-  while (outObjects.size() < kMaxListedObjects) {
+  while (outObjects.size() < most) {
     CK_OBJECT_HANDLE object = 0;
     CK_ULONG numFetched = 0;
     rv = ask<&CK_FUNCTION_LIST::C_FindObjects>(session, &object, CK_ULONG{1}, &numFetched);

@@ -11,8 +11,8 @@
 namespace mirel {
 namespace {
 
-constexpr CK_ULONG kKeyIdCapacity = 255;   // bytes; an ID that fills it is refused
-constexpr CK_ULONG kMaxLabelMatches = 20;  // certificates
+constexpr CK_ULONG kKeyIdCapacity = kMaxSearchedIDLen + 1;  // bytes; an ID that fills it is refused
+constexpr CK_ULONG kMaxLabelMatches = 20;                   // certificates
 
 constexpr AttributeRule kModulus = ruleOf(CKO_PUBLIC_KEY, CKA_MODULUS);
 constexpr AttributeRule kPoint = ruleOf(CKO_PUBLIC_KEY, CKA_EC_POINT);

@@ -4,6 +4,7 @@
 #include <span>
 
 #include "CardRecord.h"
+#include "bridge/CardRules.h"
 #include "bridge/P11Bridge.h"
 #include "bridge/SlotDescription.h"
 #include "framework/MirelCTKFramework.h"
@@ -20,7 +21,6 @@ namespace {
 constexpr CK_ULONG kSignatureRoom = 512;
 
 constexpr std::u16string_view kRSAMark = u"RSA";
-constexpr std::u16string_view kPSSMark = u"PSS";
 
 CK_OBJECT_HANDLE publicHandleOf(const std::shared_ptr<PKCS11_ASYMKEY_INFO>& key) noexcept {
   return key ? key->hPubKey() : 0;
@@ -101,7 +101,7 @@ bool MirelCTKFramework::PerformSignHash(const char* readerName,
   // Oddity: the key's name decides, not the algorithm. Without "RSA" nothing is signed, with success.
   if (!containsIgnoringCase(keyName, kRSAMark)) return true;
   WorkingSignature work;
-  if (containsIgnoringCase(keyName, kPSSMark)) {
+  if (containsIgnoringCase(keyName, kPssMark)) {
     // Oddity: the signature stays here; the caller gets the length of the modulus and a success.
     return bridge->pkcs11_genSignaturePSS(session, privateKey, CKM_SHA256, data, dataLen, work.bytes.data(),
                                           &work.length, kSignatureRoom) == CKR_OK;

@@ -1,12 +1,7 @@
 #include "provider/CryptTKitSProvider.h"
 
 #include <algorithm>
-#include <array>
-#include <bit>
-#include <cstddef>
-#include <cstring>
 #include <iterator>
-#include <span>
 
 #include "bridge/CardRules.h"
 #include "bridge/PKCS11_SERVICE_INFO.h"
@@ -15,21 +10,6 @@
 
 namespace mirel {
 namespace {
-
-// The instance identifier takes in the bytes of the flags word, least significant first.
-static_assert(std::endian::native == std::endian::little);
-
-/// Without the padding at the structure's end, which has no defined content.
-using TokenInfoBytes =
-    std::array<std::uint8_t, offsetof(CK_TOKEN_INFO, utcTime) + sizeof CK_TOKEN_INFO::utcTime>;
-
-/// The bytes from `offset` to the first zero byte.
-/// Oddity: they run on through the fields behind, which
-/// is part of the name the token is known under; they end with the structure at the latest.
-Text zeroTerminatedText(const TokenInfoBytes& info, std::size_t offset) {
-  const auto start = info.begin() + static_cast<std::ptrdiff_t>(offset);
-  return Text::fromBytes(std::span{start, std::find(start, info.end(), 0)});
-}
 
 std::shared_ptr<PKCS11_SERVICE_INFO> recordOf(const std::shared_ptr<MirelCTKFramework>& framework) noexcept {
   return framework ? framework->p11ServiceInfo() : nullptr;
@@ -88,11 +68,7 @@ Text CryptTKitSProvider::getSupportedTokenDescription(const Text& tokenName) noe
         "_pCTKFramework EnumCards failed");
     return Text{u""};
   }
-  const CK_TOKEN_INFO info = tokenInfoOf(*framework);
-  TokenInfoBytes bytes{};
-  std::memcpy(bytes.data(), &info, bytes.size());
-  return joined({zeroTerminatedText(bytes, offsetof(CK_TOKEN_INFO, label)),
-                 zeroTerminatedText(bytes, offsetof(CK_TOKEN_INFO, serialNumber))});
+  return instanceIDOf(tokenInfoOf(*framework));
 }
 
 std::uint64_t CryptTKitSProvider::openTKSmartCardTokenSession(const Text& tokenName) noexcept {

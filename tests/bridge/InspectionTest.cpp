@@ -133,6 +133,22 @@ TEST_F(Inspection, FindsAsManyObjectsAsAreListedOfACard) {
   EXPECT_EQ(script.countOf("C_FindObjects"), kMaxListedObjects);
 }
 
+TEST_F(Inspection, FindsNoMoreObjectsThanWereAskedFor) {
+  script.deviations.endlessSearches = true;
+  EXPECT_EQ(bridge.inspectObjects(session, CKO_CERTIFICATE, objects, 3).result, CKR_OK);
+  EXPECT_THAT(objects, SizeIs(3));
+}
+
+TEST_F(Inspection, TellsTheStateOfTheSession) {
+  CK_SESSION_INFO info{};
+  script.card().loggedIn = true;
+  EXPECT_EQ(bridge.inspectSession(session, info), CKR_OK);
+  EXPECT_EQ(info.state, CKS_RO_USER_FUNCTIONS);
+  script.failCallOf("C_GetSessionInfo", 0, kSomeFailure);
+  EXPECT_EQ(bridge.inspectSession(session, info), kSomeFailure);
+  EXPECT_EQ(info.state, 0U);
+}
+
 TEST_F(Inspection, NamesTheCallByWhichASearchFails) {
   script.failCallOf("C_FindObjectsInit", 0, kSomeFailure);
   auto answer = bridge.inspectObjects(session, CKO_CERTIFICATE, objects);

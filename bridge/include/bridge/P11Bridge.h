@@ -286,15 +286,19 @@ class P11Bridge final {
   /// `outInfo`: zeros where the module wrote nothing.
   [[nodiscard]] CK_RV inspectToken(CK_SLOT_ID slotID, CK_TOKEN_INFO& outInfo) const noexcept;
 
-  /// C_OpenSession, read-only, and C_CloseSession: the session for the two below. Close each one that was
+  /// C_OpenSession, read-only, and C_CloseSession: the session for those below. Close each one that was
   /// opened; that this may fail is ignored.
   [[nodiscard]] CK_RV openInspection(CK_SLOT_ID slotID, CK_SESSION_HANDLE& outSession) const noexcept;
   void closeInspection(CK_SESSION_HANDLE session) const noexcept;
 
-  /// Finds the objects of a class, on the token or not, at most kMaxListedObjects. The answer is that of the
+  /// C_GetSessionInfo. `outInfo`: zeros after a failure, and where the module wrote nothing.
+  [[nodiscard]] CK_RV inspectSession(CK_SESSION_HANDLE session, CK_SESSION_INFO& outInfo) const noexcept;
+
+  /// Finds the objects of a class, on the token or not, at most `most`. The answer is that of the
   /// search call that failed, else of the last one; `outObjects` gets what was found before it.
   [[nodiscard]] Answer inspectObjects(CK_SESSION_HANDLE session, CK_OBJECT_CLASS objectClass,
-                                      std::vector<CK_OBJECT_HANDLE>& outObjects) const noexcept;
+                                      std::vector<CK_OBJECT_HANDLE>& outObjects,
+                                      CK_ULONG most = kMaxListedObjects) const noexcept;
 
   /// C_GetAttributeValue for one attribute. The length in `ioEntry` is as the module wrote it: look whether
   /// it exceeds the buffer.

@@ -86,7 +86,13 @@ inline constexpr std::array kAttributeRules{
   throw "there is no rule for this attribute";
 }
 
+/// The longest CKA_ID by which a private key is looked for.
+inline constexpr CK_ULONG kMaxSearchedIDLen = 254;
+
 // ---- Names ----
+
+/// In the name that the card layer has for a key, in whatever case, it makes the key sign by PSS in the card.
+inline constexpr std::u16string_view kPssMark = u"PSS";
 
 /// How the object identifiers of certificate items begin.
 inline constexpr std::u16string_view kCertificateNamePrefix = u"cert_";
@@ -94,5 +100,11 @@ inline constexpr std::u16string_view kCertificateNamePrefix = u"cert_";
 /// The object identifier of a certificate's keychain item, "cert_<label>_<ID>"; a null text reads as
 /// "(null)".
 [[nodiscard]] Text certificateNameOf(const Text& label, const Text& id);
+
+/// The token's instance identifier: the bytes of the card's token information from its label up to the first
+/// zero byte, then those from its serial number up to the first zero byte, one character for each.
+/// Oddity: they run on through the fields behind, which is part of the name the token is known under; they
+/// end with the structure at the latest.
+[[nodiscard]] Text instanceIDOf(const CK_TOKEN_INFO& token);
 
 }  // namespace mirel
