@@ -1,32 +1,16 @@
 #pragma once
 
-#include <vector>
-
-#include "bridge/cryptoki.h"
-#include "host/Host.h"
-#include "platform/Bytes.h"
-#include "platform/PlatformServices.h"
+#include "CardContents.h"
 
 namespace mirel {
 
-class P11Bridge;
+/// Holds the objects of a card against one another, as the token does when it publishes them, and notes in
+/// each one that is left out why. A reason that another object is missing is only given where all was read.
+void explainUnpublished(CardContents& contents);
 
-/// An object and what the second look was given of it.
-struct InspectedObject {
-  UnpublishedObject about;
-  Bytes data;              ///< of a certificate; null when it was not read
-  bool byAbsence = false;  ///< its reason is that another object was not found
-};
-
-struct Inspection {
-  std::vector<InspectedObject> objects;
-  std::string failedRead;  ///< the first call that failed to find or read something; empty: none
-};
-
-/// Reads the public keys and certificates of the card in a slot, through a session of its own, and holds
-/// them against what the system publishes. Those that are published are left out of the result, which is
-/// empty when the bridge has no module.
-[[nodiscard]] Inspection inspectCard(const P11Bridge& bridge, CK_SLOT_ID slotID,
-                                     CertificateParser& certificates);
+/// Whether the object would be published if nothing hid the card. After `explainUnpublished`.
+[[nodiscard]] inline bool isPublishable(const CardObject& object) noexcept {
+  return object.about.reason.empty();
+}
 
 }  // namespace mirel

@@ -204,10 +204,12 @@ const FindingEntry* findEntry(std::string_view code) noexcept {
   return found == std::end(kEntries) ? nullptr : found;
 }
 
+bool isWorse(Severity a, Severity b) noexcept { return rankOf(a) > rankOf(b); }
+
 Severity worstOf(std::span<const Finding> findings) noexcept {
   Severity worst = Severity::kOk;
   for (const Finding& finding : findings) {
-    if (rankOf(finding.severity) > rankOf(worst)) worst = finding.severity;
+    if (isWorse(finding.severity, worst)) worst = finding.severity;
   }
   return worst;
 }

@@ -1,16 +1,14 @@
 #include "host/Host.h"
 
 #include <algorithm>
-#include <functional>
 #include <iterator>
-#include <set>
 #include <utility>
 
 #include "Adaptation.h"
-#include "CardInspector.h"
 #include "CardWatch.h"
 #include "CertificateMemory.h"
 #include "CodeMeaning.h"
+#include "EnumerationFailure.h"
 #include "FailureDiary.h"
 #include "HostToken.h"
 #include "NameList.h"
@@ -19,22 +17,13 @@
 #include "bridge/P11Bridge.h"
 #include "host/CryptokiNames.h"
 #include "host/Display.h"
-#include "host/DistinctItems.h"
 #include "host/KeyClient.h"
 
 namespace mirel {
 namespace {
 
-constexpr const char* kNotInitialised = "the card is not initialised: prepare it with its maker's tool first";
 constexpr const char* kTooManyCards = "leave a card in 10 readers at most, the system cannot list more";
 static_assert(kAnnouncedSlots == 10, "the text names the number");
-
-std::string quoted(const Text& name) {
-  std::string text = displayed(name);
-  text.insert(text.begin(), '"');
-  text.push_back('"');
-  return text;
-}
 
 std::string namesOf(const std::vector<Reader>& readers) {
   NameList list;
@@ -44,7 +33,7 @@ std::string namesOf(const std::vector<Reader>& readers) {
   return list.textOf(readers.size());
 }
 
-PublishedItem published(const TKTokenKeychainCertificate& item) {
+PublishedItem published(const TKTokenKeychainCertificate& item, HostToken&) {
   PublishedCertificate certificate;
   certificate.objectID = item.objectID;
   certificate.label = item.label;
@@ -56,8 +45,9 @@ PublishedItem published(const TKTokenKeychainCertificate& item) {
   return certificate;
 }
 
-PublishedItem published(const MirelCTKTokenKeychainKey& item) {
+PublishedItem published(const MirelCTKTokenKeychainKey& item, HostToken& token) {
   PublishedKey key;
+  key.nameInCard = token.nameInCard(item.objectID);
   key.objectID = item.objectID;
   key.label = item.label;
   key.certificateID = item.certificateID;
@@ -74,73 +64,18 @@ PublishedItem published(const MirelCTKTokenKeychainKey& item) {
   return key;
 }
 
-std::vector<PublishedItem> publishedItems(const HostKeychainContents& contents) {
+std::vector<PublishedItem> publishedItems(HostToken& token) {
   std::vector<PublishedItem> items;
-  for (const auto& item : contents.items()) {
-    items.push_back(std::visit([](const auto& one) { return published(one); }, item));
+  for (const auto& item : token.contents().items()) {
+    items.push_back(std::visit([&](const auto& one) { return published(one, token); }, item));
   }
   return items;
-}
-
-std::string bytesOf(const Bytes& data) { return {data.view().begin(), data.view().end()}; }
-
-/// What the items of a card show of its objects.
-class PublishedNames {
- public:
-  explicit PublishedNames(const InsertedCard& card) {
-    for (const auto& [item, count] : distinctItems(card.items)) {
-      if (const auto* key = std::get_if<PublishedKey>(item)) {
-        keys_.emplace(key->objectID.units());
-      } else {
-        const auto& certificate = std::get<PublishedCertificate>(*item);
-        certificates_.emplace(certificate.objectID.units(), bytesOf(certificate.data));
-      }
-    }
-  }
-
-  /// `uncertain`: the second look has missed something.
-  [[nodiscard]] bool show(const InspectedObject& object, bool uncertain) const {
-    const UnpublishedObject& about = object.about;
-    // That something could not be read is told all the same.
-    if (about.unread || about.id.isNull()) return false;
-    if (about.kind == "public key") {
-      // Another key may have the same ID, and this one be left out for a reason of its own.
-      return (uncertain || object.byAbsence) && keys_.contains(about.id.units());
-    }
-    const Text name = certificateNameOf(about.label, about.id);
-    return certificates_.contains({std::u16string{name.units()}, bytesOf(object.data)});
-  }
-
- private:
-  std::set<std::u16string, std::less<>> keys_;
-  std::set<std::pair<std::u16string, std::string>> certificates_;
-};
-
-std::string describe(const UnpublishedObject& object) {
-  std::string text = object.kind;
-  const auto name = [](const Text& bytes) {
-    std::string shown{"\""};
-    return shown.append(shortened(displayed(bytes))).append("\"");
-  };
-  if (!object.label.isNull()) text.append(" ").append(name(object.label));
-  if (!object.id.isNull()) text.append(" with ID ").append(name(object.id));
-  return text.append(": ").append(object.reason);
 }
 
 /// True when more slots hold a token than the bridge has the module list.
 bool tooManyCards(P11Bridge& bridge) noexcept {
   CK_ULONG numSlots = 0;
   return bridge.pkcs11_C_GetSlotList(CK_TRUE, nullptr, &numSlots) == CKR_OK && numSlots > kAnnouncedSlots;
-}
-
-Failure enumerationFailure(const Reader& reader, const std::string& why, const Advice& advice) {
-  return {FailureKind::kCardEnumerationFailed,
-          "the card in reader " + quoted(reader.name) + " cannot be listed", why, advice};
-}
-
-Failure enumerationFailure(const Reader& reader, const FailedCall& cause) {
-  return failureBecauseOf(cause, "the card in reader " + quoted(reader.name) + " cannot be listed",
-                          FailureKind::kCardEnumerationFailed);
 }
 
 }  // namespace
@@ -158,6 +93,7 @@ Host::~Host() = default;
 
 Result<std::vector<Reader>> Host::readers(const Text& readerName) {
   auto found = findReaders(*bridge_, *diary_, givenModule_, true);
+  lastFound_ = found ? *found : std::vector<Reader>{};
   if (readerName.isNull() || !found) return found;
   const auto named = readerNamed(readerName, *found);
   if (!named) return named.failure();
@@ -250,8 +186,7 @@ Result<InsertedCard> Host::insert(const Text& readerName) {
     return enumerationFailure(reader, *cause);
   }
   if (!token->contents().filled()) return listingFailure(reader, cause);
-  InsertedCard card{reader, token->instanceID(), publishedItems(token->contents()),
-                    token,  std::nullopt,        std::nullopt,
+  InsertedCard card{reader, token->instanceID(), publishedItems(*token), token, std::nullopt, std::nullopt,
                     nullptr};
   if (failedRead) {
     card.incomplete = failureBecauseOf(*failedRead, "the objects of the card were not all read",
@@ -273,69 +208,6 @@ Result<std::unique_ptr<KeyClient>> Host::newClient(const InsertedCard& card) {
                    UserStep::kSeeLog};
   }
   return std::make_unique<KeyClient>(card, std::move(session), diary_);
-}
-
-Result<PinState> Host::pinState(const Reader& reader) {
-  using enum PinState::Tries;
-  CK_TOKEN_INFO token{};
-  if (const CK_RV rv = bridge_->inspectToken(reader.slotID, token); rv != CKR_OK) {
-    const FailedCall cause{"C_GetTokenInfo", rv};
-    Failure failure = failureBecauseOf(cause, "the PIN was not sent to the card", FailureKind::kCardRefuses);
-    if (failure.kind != FailureKind::kCardGone) failure.why = answerText(cause);
-    return failure;
-  }
-  const auto isSet = [&](CK_FLAGS flag) { return (token.flags & flag) != 0; };
-  PinState state{kNoWord, isSet(CKF_PROTECTED_AUTHENTICATION_PATH), {}};
-  if (isSet(CKF_USER_PIN_LOCKED)) {
-    state.tries = kNone;
-    state.text = "the PIN is locked";
-  } else if (isSet(CKF_USER_PIN_FINAL_TRY)) {
-    state.tries = kLast;
-    state.text = "one more wrong PIN locks the card";
-  } else if (isSet(CKF_USER_PIN_COUNT_LOW)) {
-    state.tries = kFewer;
-    state.text = "a wrong PIN was entered since the last right one";
-  }
-  return state;
-}
-
-Failure Host::listingFailure(const Reader& reader, const std::optional<FailedCall>& cause) {
-  const auto objects = unpublishedObjects(reader);
-  const auto culprit = std::find_if(objects.begin(), objects.end(),
-                                    [](const UnpublishedObject& object) { return object.blocksCard; });
-  if (culprit != objects.end()) {
-    return enumerationFailure(reader, describe(*culprit),
-                              "have the card's issuer mend or remove that object");
-  }
-  // To prepare a card empties it, so that is said of one only that was read and that nothing else is wrong
-  // with.
-  const bool bare = !reader.tokenInitialised && !reader.unreadable;
-  if (bare && (!cause || cause->result == CKR_TOKEN_NOT_RECOGNIZED)) {
-    return enumerationFailure(reader, cause ? answerText(*cause) : "the module gives no reason",
-                              kNotInitialised);
-  }
-  if (cause) return enumerationFailure(reader, *cause);
-  return enumerationFailure(reader, "the module gives no reason", UserStep::kSeeLog);
-}
-
-std::vector<UnpublishedObject> Host::unpublishedObjects(const Reader& reader) {
-  std::vector<UnpublishedObject> objects;
-  for (InspectedObject& object : inspectCard(*bridge_, reader.slotID, *services_.certificates).objects)
-    objects.push_back(std::move(object.about));
-  return objects;
-}
-
-Unpublished Host::unpublishedObjects(const InsertedCard& card) {
-  Inspection inspection = inspectCard(*bridge_, card.reader.slotID, *services_.certificates);
-  const PublishedNames published{card};
-  Unpublished unpublished{{}, std::move(inspection.failedRead)};
-  for (InspectedObject& object : inspection.objects) {
-    if (published.show(object, !unpublished.failedRead.empty())) continue;
-    // The card was inserted, so what would have kept it from that is new.
-    if (std::exchange(object.about.blocksCard, false)) object.about.unread = true;
-    unpublished.objects.push_back(std::move(object.about));
-  }
-  return unpublished;
 }
 
 }  // namespace mirel

@@ -1,11 +1,14 @@
 #include "HostToken.h"
 
 #include <cstdint>
+#include <mutex>
 #include <string_view>
 #include <utility>
 
+#include "bridge/PKCS11_ASYMKEY_INFO.h"
 #include "platform/Hex.h"
 #include "platform/Log.h"
+#include "provider/CryptTKitSProvider.h"
 #include "token/MirelSCTokenDriver.h"
 
 namespace mirel {
@@ -89,6 +92,14 @@ std::shared_ptr<HostTokenSession> HostToken::createSessionWithError(TKErrorPoint
     return session ? session->description() : Text{};
   });
   return session;
+}
+
+Text HostToken::nameInCard(const Text& keyObjectID) {
+  const auto provider = core_.sp();
+  if (!provider) return Text{};
+  const std::lock_guard alone{provider->gate()};
+  const auto key = provider->getKeyFromCertID(keyObjectID);
+  return key ? key->keyName() : Text{};
 }
 
 Text HostToken::description() const { return describedObject("MirelSCToken", &core_); }

@@ -88,6 +88,9 @@ class HostToken final : public std::enable_shared_from_this<HostToken> {
   /// Null until the token has been initialised.
   [[nodiscard]] const Text& instanceID() const noexcept { return instanceID_; }
   [[nodiscard]] const HostKeychainContents& contents() const noexcept { return contents_; }
+  /// The card layer's name of the key that it takes for that object identifier; null when it has none. As
+  /// the card was listed last; no call of the module.
+  [[nodiscard]] Text nameInCard(const Text& keyObjectID);
   [[nodiscard]] Text description() const;
 
  private:

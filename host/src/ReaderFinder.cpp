@@ -7,6 +7,7 @@
 #include "CodeMeaning.h"
 #include "FailureDiary.h"
 #include "FixedText.h"
+#include "bridge/CardRules.h"
 #include "bridge/P11Bridge.h"
 #include "bridge/SlotDescription.h"
 #include "host/CryptokiNames.h"
@@ -67,6 +68,7 @@ Reader readReader(const P11Bridge& bridge, CK_SLOT_ID slotID, bool withTokenOnly
   reader.manufacturer = trimmed(token.manufacturerID);
   reader.model = trimmed(token.model);
   reader.tokenFlags = tokenFlagNames(token.flags);
+  reader.instanceID = instanceIDOf(token);
   reader.tokenInitialised = (token.flags & CKF_TOKEN_INITIALIZED) != 0;
   return reader;
 }

@@ -273,7 +273,7 @@ TEST_F(Insert, NamesTheObjectThatIsInTheWay) {
   Object& object = script.object(kCertificate);
   object = object.with(CKA_VALUE, patternValue(2001, 1));
   const std::string why = whyNotListed();
-  EXPECT_THAT(why, HasSubstr("certificate \"MyKey\" with ID \"01\""));
+  EXPECT_THAT(why, HasSubstr("certificate 3031 \"MyKey\""));
   EXPECT_THAT(why, HasSubstr("2001 bytes"));
   leavesOpen({kCardSession});
 }

@@ -111,6 +111,9 @@ struct FindingEntry {
 /// Nothing where no entry has that code; upper and lower case are the same.
 [[nodiscard]] const FindingEntry* findEntry(std::string_view code) noexcept;
 
+/// True when `a` is worse than `b`.
+[[nodiscard]] bool isWorse(Severity a, Severity b) noexcept;
+
 /// The worst of them; kOk where there are none. A failure is worse than a warning, and that worse than what
 /// is not known.
 [[nodiscard]] Severity worstOf(std::span<const Finding> findings) noexcept;

@@ -9,6 +9,7 @@
 #include <variant>
 #include <vector>
 
+#include "host/CardReport.h"
 #include "host/PinState.h"
 #include "host/Result.h"
 #include "platform/Bytes.h"
@@ -44,6 +45,7 @@ struct Reader {
   /// another: `name`, with as much of the padding as that takes. Null when an earlier slot has the same
   /// description: then no name leads here.
   Text distinctName;
+  Text instanceID;  ///< as a token of this card would have it; null where the token could not be read
 };
 
 /// A certificate item of the keychain.
@@ -65,6 +67,7 @@ struct PublishedKey {
   Text objectID;
   Text label;
   Text certificateID;  ///< the object identifier of its certificate item
+  Text nameInCard;     ///< the card layer's own name of it, which decides how it signs
   CertificateKeyType keyType = CertificateKeyType::kOther;
   int keySizeInBits = 0;
   bool canSign = false;
@@ -91,16 +94,6 @@ struct InsertedCard {
   std::optional<Failure> incomplete;  ///< the read that failed, for which an item may be missing
   std::optional<Failure> uncertain;   ///< why another card may be meant, where no reader was named
   std::shared_ptr<CardWatch> watch;   ///< shared by all that use the token; null: nobody watches
-};
-
-/// An object of the card that is not published, or keeps the whole card from being published.
-struct UnpublishedObject {
-  std::string kind;  ///< "certificate" or "public key"
-  Text label;        ///< null when it cannot be read
-  Text id;           ///< null when it cannot be read
-  std::string reason;
-  bool blocksCard = false;  ///< because of it nothing at all is published
-  bool unread = false;      ///< it could not be read now: whether it is published is not known from this
 };
 
 /// What a second look at a card has found.
@@ -138,6 +131,14 @@ class Host {
   /// What the flags of the card's token say about the PIN just now.
   [[nodiscard]] Result<PinState> pinState(const Reader& reader);
 
+  /// Looks at an inserted card once more, apart from the token, and tells all that can be told of it without
+  /// a trial. `afterLogin`: a client of the host has logged in, so what shows only then can be told as well.
+  /// Never says of a published item that it is not.
+  [[nodiscard]] CardReport examine(const InsertedCard& card, bool afterLogin = false);
+
+  /// The same for a card that could not be inserted. Only after `readers` or `insert` has found the reader.
+  [[nodiscard]] CardReport examine(const Reader& reader);
+
   /// Looks at the card of a reader once more, apart from the token, for objects that are not published,
   /// and says why. Empty when there are none, or the card cannot be read. Only after `readers` or
   /// `insert` has found the reader.
@@ -154,6 +155,7 @@ class Host {
   };
 
   [[nodiscard]] Result<ChosenReader> chooseReader(const Text& readerName);
+  [[nodiscard]] std::vector<Finding> tokenFindings(const Reader& reader, const Text& instanceID);
   [[nodiscard]] Failure listingFailure(const Reader& reader, const std::optional<FailedCall>& cause);
   [[nodiscard]] Result<Reader> readerNamed(const Text& readerName, const std::vector<Reader>& candidates);
 
@@ -161,6 +163,7 @@ class Host {
   std::string givenModule_;
   std::shared_ptr<FailureDiary> diary_;
   std::unique_ptr<P11Bridge> bridge_;  // the host's own, for finding readers
+  std::vector<Reader> lastFound_;      // all readers, as they were listed last
 };
 
 }  // namespace mirel

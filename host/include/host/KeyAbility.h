@@ -1,0 +1,18 @@
+#pragma once
+
+#include <optional>
+
+#include "host/CardReport.h"
+#include "host/Host.h"
+
+namespace mirel {
+
+/// Why that key never does what it is asked for, whatever the card and its PIN: known from what is published
+/// of it. Nothing where it may. `operation`: also one that the key is not published for, which is no reason
+/// here.
+[[nodiscard]] std::optional<Finding> reasonNeverTo(KeyOperation operation, const PublishedKey& key);
+
+/// The finding as a failure of a request to that key, before any PIN is asked for.
+[[nodiscard]] Failure refusalBecauseOf(const Finding& finding, KeyOperation operation);
+
+}  // namespace mirel

@@ -1,0 +1,256 @@
+#include "CardContents.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "CodeMeaning.h"
+#include "FailureDiary.h"
+#include "bridge/CardRules.h"
+#include "bridge/P11Bridge.h"
+#include "host/CryptokiNames.h"
+#include "platform/Certificate.h"
+
+namespace mirel {
+namespace {
+
+constexpr const char* kGetAttribute = "C_GetAttributeValue";
+
+struct Attribute {
+  std::optional<std::vector<CK_BYTE>> value;
+  std::string trouble;  ///< why there is none, as the end of "its label ..."
+  bool tooLong = false;
+  bool unread = false;  ///< the module failed
+};
+
+/// Finds and reads in one session, and keeps the first call that failed.
+class ObjectReader {
+ public:
+  ObjectReader(const P11Bridge& bridge, CK_SESSION_HANDLE session, std::string& outFailedRead)
+      : bridge_{bridge}, session_{session}, failedRead_{outFailedRead} {}
+
+  /// As many as `most`, and whether there are more.
+  [[nodiscard]] std::vector<CK_OBJECT_HANDLE> find(CK_OBJECT_CLASS objectClass, CK_ULONG most,
+                                                   bool& outMore) {
+    std::vector<CK_OBJECT_HANDLE> found;
+    const auto [function, result] = bridge_.inspectObjects(session_, objectClass, found, most + 1);
+    outMore = found.size() > most;
+    if (outMore) found.resize(most);
+    note(function, result);
+    return found;
+  }
+
+  /// The attribute of a rule, unless it is so long that the card is refused.
+  [[nodiscard]] Attribute read(CK_OBJECT_HANDLE object, const AttributeRule& rule) {
+    return read(object, rule.type, rule.refusedAbove);
+  }
+
+  /// One attribute, if it has 1 to `limit` bytes.
+  [[nodiscard]] Attribute read(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type, CK_ULONG limit) {
+    CK_ATTRIBUTE entry{type, nullptr, 0};
+    if (const CK_RV rv = get(object, entry); rv != CKR_OK) return unreadable(rv);
+    const CK_ULONG length = entry.ulValueLen;
+    if (length == CK_UNAVAILABLE_INFORMATION) return {{}, "is not available"};
+    if (length == 0) return {{}, "is empty"};
+    if (length > limit) {
+      return {{}, "has " + std::to_string(length) + " bytes, more than " + std::to_string(limit), true};
+    }
+    std::vector<CK_BYTE> bytes(length);
+    entry.pValue = bytes.data();
+    if (const CK_RV rv = get(object, entry); rv != CKR_OK) return unreadable(rv);
+    if (entry.ulValueLen == 0 || entry.ulValueLen > length)
+      return {{}, "changes its length while it is read", false, true};
+    bytes.resize(entry.ulValueLen);
+    return {std::move(bytes), {}};
+  }
+
+  /// A CK_BBOOL, by one call; nothing when there is none.
+  [[nodiscard]] std::optional<bool> readFlag(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) {
+    CK_BBOOL flag = CK_FALSE;
+    CK_ATTRIBUTE entry{type, &flag, sizeof flag};
+    const CK_RV rv = get(object, entry);
+    note(kGetAttribute, rv);
+    if (rv != CKR_OK || entry.ulValueLen != sizeof flag) return std::nullopt;
+    return flag != CK_FALSE;
+  }
+
+ private:
+  void note(const char* function, CK_RV rv) {
+    if (failedRead_.empty() && isFailedRead(function, rv)) failedRead_ = answerText({function, rv});
+  }
+  [[nodiscard]] Attribute unreadable(CK_RV rv) {
+    note(kGetAttribute, rv);
+    if (!isFailedRead(kGetAttribute, rv)) return {{}, "cannot be read, " + cryptokiResultText(rv)};
+    return {{}, "could not be read now, " + answerText({kGetAttribute, rv}), false, true};
+  }
+  [[nodiscard]] CK_RV get(CK_OBJECT_HANDLE object, CK_ATTRIBUTE& entry) const {
+    return bridge_.inspectAttribute(session_, object, entry);
+  }
+
+  const P11Bridge& bridge_;
+  CK_SESSION_HANDLE session_;
+  std::string& failedRead_;
+};
+
+void leaveOut(CardObject& object, FindingID cause, std::string reason) {
+  object.listed = false;
+  if (!object.about.reason.empty()) return;
+  object.about.reason = std::move(reason);
+  object.about.cause = cause;
+}
+
+/// Because of an attribute that cannot be had; the card may be refused for it.
+void leaveOut(CardObject& object, const char* what, const Attribute& attribute, bool refusesCard) {
+  const bool isFirst = object.about.reason.empty();
+  const FindingID cause = attribute.unread ? FindingID::kObjectUnread
+                          : refusesCard    ? FindingID::kObjectHidesCard
+                                           : FindingID::kObjectLeftOut;
+  leaveOut(object, cause, std::string{"its "} + what + " " + attribute.trouble);
+  if (!isFirst) return;
+  object.about.unread = attribute.unread;
+  object.about.blocksCard = refusesCard && !attribute.unread;
+}
+
+/// What a value that was read by a rule means for its object.
+void judge(CardObject& object, const char* what, const AttributeRule& rule, const Attribute& attribute) {
+  if (!attribute.value) {
+    const bool refused = attribute.tooLong || rule.whenUnreadable == WhenUnreadable::kCardRefused;
+    leaveOut(object, what, attribute, refused);
+  } else if (attribute.value->size() > rule.largest) {
+    leaveOut(object, FindingID::kObjectLeftOut,
+             std::string{"its "} + what + " has " + std::to_string(attribute.value->size()) +
+                 " bytes, more than " + std::to_string(rule.largest));
+  }
+}
+
+/// Label and ID, which every object needs. After a login also whether it shows without one.
+void readNames(ObjectReader& reader, const AttributeRule& labelRule, const AttributeRule& idRule,
+               bool afterLogin, CardObject& object) {
+  if (afterLogin) object.isPrivate = reader.readFlag(object.handle, CKA_PRIVATE).value_or(false);
+  if (object.isPrivate) {
+    const bool isKey = labelRule.objectClass == CKO_PUBLIC_KEY;
+    leaveOut(object, isKey ? FindingID::kPublicKeyPrivate : FindingID::kCertificatePrivate,
+             "it is visible only after login");
+  }
+  const Attribute label = reader.read(object.handle, labelRule);
+  const Attribute id = reader.read(object.handle, idRule);
+  if (label.value) object.about.label = Text::fromBytes(*label.value);
+  if (id.value) {
+    object.about.id = Text::fromBytes(*id.value);
+    object.id = *id.value;
+  }
+  judge(object, "label", labelRule, label);
+  judge(object, "ID", idRule, id);
+}
+
+void readModulus(ObjectReader& reader, CardObject& key) {
+  constexpr AttributeRule kRule = ruleOf(CKO_PUBLIC_KEY, CKA_MODULUS);
+  Attribute modulus = reader.read(key.handle, kRule);
+  judge(key, "modulus", kRule, modulus);
+  if (modulus.value) key.publicValue = *std::move(modulus.value);
+}
+
+/// The parameters must be there too; their length does not matter.
+void readPoint(ObjectReader& reader, CardObject& key) {
+  constexpr AttributeRule kRule = ruleOf(CKO_PUBLIC_KEY, CKA_EC_POINT);
+  const Attribute parameters = reader.read(key.handle, CKA_EC_PARAMS, 0);
+  Attribute point = reader.read(key.handle, kRule);
+  if (!parameters.tooLong) leaveOut(key, "EC parameters", parameters, false);
+  judge(key, "EC point", kRule, point);
+  if (point.value) key.publicValue = *std::move(point.value);
+}
+
+CardObject readPublicKey(ObjectReader& reader, CK_OBJECT_HANDLE handle, bool afterLogin) {
+  CardObject key;
+  key.handle = handle;
+  key.about.kind = "public key";
+  readNames(reader, ruleOf(CKO_PUBLIC_KEY, CKA_LABEL), ruleOf(CKO_PUBLIC_KEY, CKA_ID), afterLogin, key);
+  constexpr AttributeRule kTypeRule = ruleOf(CKO_PUBLIC_KEY, CKA_KEY_TYPE);
+  const Attribute type = reader.read(handle, kTypeRule);
+  judge(key, "key type", kTypeRule, type);
+  if (!type.value) return key;
+  key.keyType = type.value->front();
+  if (key.keyType == CKK_RSA) readModulus(reader, key);
+  if (key.keyType == CKK_EC) readPoint(reader, key);
+  return key;
+}
+
+CardObject readCertificate(ObjectReader& reader, CK_OBJECT_HANDLE handle, bool afterLogin,
+                           CertificateParser& parser) {
+  CardObject certificate;
+  certificate.handle = handle;
+  certificate.about.kind = "certificate";
+  readNames(reader, ruleOf(CKO_CERTIFICATE, CKA_LABEL), ruleOf(CKO_CERTIFICATE, CKA_ID), afterLogin,
+            certificate);
+  constexpr AttributeRule kValueRule = ruleOf(CKO_CERTIFICATE, CKA_VALUE);
+  const Attribute data = reader.read(handle, kValueRule);
+  judge(certificate, "value", kValueRule, data);
+  if (!data.value) return certificate;
+  certificate.data = Bytes{*data.value};
+  const auto parsed = parser.createWithData(certificate.data);
+  certificate.readable = parsed != nullptr;
+  certificate.keyIsKnown = parsed && parsed->keyType() != CertificateKeyType::kOther;
+  if (!parsed && certificate.about.reason.empty()) {
+    // It is listed by the framework all the same, and only its item is missing.
+    certificate.about.reason = "its value is not an X.509 certificate in DER";
+    certificate.about.cause = FindingID::kCertificateUnusable;
+  }
+  return certificate;
+}
+
+/// Nothing of a private key decides whether it is published, so what cannot be read is not known.
+PrivateKeyObject readPrivateKey(ObjectReader& reader, CK_OBJECT_HANDLE handle) {
+  PrivateKeyObject key;
+  const Attribute id = reader.read(handle, CKA_ID, kMaxKeyAttributeLen);
+  const Attribute label = reader.read(handle, CKA_LABEL, kMaxKeyAttributeLen);
+  if (id.value) key.id = Text::fromBytes(*id.value);
+  if (label.value) key.label = Text::fromBytes(*label.value);
+  key.alwaysAuthenticate = reader.readFlag(handle, CKA_ALWAYS_AUTHENTICATE);
+  key.maySign = reader.readFlag(handle, CKA_SIGN);
+  key.mayDecrypt = reader.readFlag(handle, CKA_DECRYPT);
+  return key;
+}
+
+bool isLoggedIn(const P11Bridge& bridge, CK_SESSION_HANDLE session, std::string& outFailure) {
+  CK_SESSION_INFO info{};
+  if (const CK_RV rv = bridge.inspectSession(session, info); rv != CKR_OK) {
+    outFailure = answerText({"C_GetSessionInfo", rv});
+    return false;
+  }
+  return info.state == CKS_RO_USER_FUNCTIONS || info.state == CKS_RW_USER_FUNCTIONS;
+}
+
+}  // namespace
+
+CardContents readCard(const P11Bridge& bridge, CK_SLOT_ID slotID, CertificateParser& certificates,
+                      bool afterLogin) {
+  CardContents contents;
+  if (!bridge.hasModule()) return contents;
+  CK_SESSION_HANDLE session = 0;
+  if (const CK_RV rv = bridge.openInspection(slotID, session); rv != CKR_OK) {
+    contents.failedRead = answerText({"C_OpenSession", rv});
+    return contents;
+  }
+  contents.loggedIn = afterLogin && isLoggedIn(bridge, session, contents.failedPrivateRead);
+
+  ObjectReader reader{bridge, session, contents.failedRead};
+  for (const CK_OBJECT_HANDLE handle :
+       reader.find(CKO_PUBLIC_KEY, kMaxListedObjects, contents.morePublicKeys)) {
+    contents.publicKeys.push_back(readPublicKey(reader, handle, contents.loggedIn));
+  }
+  for (const CK_OBJECT_HANDLE handle :
+       reader.find(CKO_CERTIFICATE, kMaxListedObjects, contents.moreCertificates)) {
+    contents.certificates.push_back(readCertificate(reader, handle, contents.loggedIn, certificates));
+  }
+  ObjectReader privateReader{bridge, session, contents.failedPrivateRead};
+  bool more = false;
+  for (const CK_OBJECT_HANDLE handle : privateReader.find(CKO_PRIVATE_KEY, kMaxListedObjects, more)) {
+    contents.privateKeys.push_back(readPrivateKey(privateReader, handle));
+  }
+  contents.allPrivateKeysSeen = contents.loggedIn && !more && contents.failedPrivateRead.empty() &&
+                                std::none_of(contents.privateKeys.begin(), contents.privateKeys.end(),
+                                             [](const PrivateKeyObject& key) { return key.id.isNull(); });
+  bridge.closeInspection(session);
+  return contents;
+}
+
+}  // namespace mirel

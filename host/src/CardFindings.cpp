@@ -1,0 +1,384 @@
+#include "CardFindings.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <ctime>
+#include <map>
+#include <set>
+#include <span>
+
+#include "CardInspector.h"
+#include "NameList.h"
+#include "bridge/CardRules.h"
+#include "host/Display.h"
+#include "host/KeyAbility.h"
+#include "platform/CertificateFields.h"
+#include "platform/Hex.h"
+
+namespace mirel {
+namespace {
+
+using enum FindingID;
+using enum Severity;
+using ByteSpan = std::span<const std::uint8_t>;
+
+/// Whether it is about one object or key of several, so that the rest of the card may work.
+bool isOfOneObject(FindingID id) noexcept {
+  switch (id) {
+    case kObjectLeftOut:
+    case kCertificateUnusable:
+    case kPublicKeyMissing:
+    case kPublicKeyPrivate:
+    case kCertificateMissing:
+    case kCertificatePrivate:
+    case kPrivateKeyMissing:
+    case kCertificateOfOtherKey:
+    case kKeyUsageMissing:
+    case kRsaKeyTooLong:
+    case kEcKeyNeverSigns:
+    case kKeyNameWithPss:
+    case kNoKeyAgreement:
+    case kKeyIDTooLong:
+    case kSignatureFails:
+    case kDecryptionFails: return true;
+    default: return false;
+  }
+}
+
+/// UTC, in the form of CertificateFields.
+std::string timeText(std::chrono::system_clock::time_point time) {
+  const std::time_t seconds = std::chrono::system_clock::to_time_t(time);
+  std::tm utc{};
+  if (!gmtime_r(&seconds, &utc)) return {};
+  std::array<char, 80> line{};  // room for six numbers of any value
+  (void)std::snprintf(line.data(), line.size(), "%04d-%02d-%02dT%02d:%02d:%02dZ", utc.tm_year + 1900,
+                      utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec);
+  return line.data();
+}
+
+std::string countText(std::size_t count, const std::string& noun) {
+  return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
+}
+
+// ---- Public keys ----
+
+ByteSpan withoutZeros(ByteSpan number) {
+  while (!number.empty() && number.front() == 0) number = number.subspan(1);
+  return number;
+}
+
+/// The point of a CKA_EC_POINT, which some modules wrap (PKCS #11, section 2.3.3) and some do not.
+ByteSpan pointIn(ByteSpan value) {
+  const bool isWrapped = value.size() > 2 && value[0] == 0x04 && value[1] == value.size() - 2;
+  const bool isLongWrapped =
+      value.size() > 3 && value[0] == 0x04 && value[1] == 0x81 && value[2] == value.size() - 3;
+  if (isWrapped) return value.subspan(2);
+  return isLongWrapped ? value.subspan(3) : value;
+}
+
+bool areEqual(ByteSpan a, ByteSpan b) { return std::equal(a.begin(), a.end(), b.begin(), b.end()); }
+
+/// A point may be compressed (SEC 1, section 2.3.3), then the x coordinate alone can be compared.
+bool areSamePoint(ByteSpan a, ByteSpan b) {
+  constexpr std::uint8_t kUncompressed = 0x04;
+  if (a.empty() || b.empty()) return false;
+  if ((a[0] == kUncompressed) == (b[0] == kUncompressed)) return areEqual(a, b);
+  const ByteSpan full = a[0] == kUncompressed ? a : b;
+  const ByteSpan compressed = a[0] == kUncompressed ? b : a;
+  return full.size() == 2 * compressed.size() - 1 &&
+         areEqual(full.subspan(1, compressed.size() - 1), compressed.subspan(1));
+}
+
+/// "RSA 2048 bits c0ffee01...", enough to tell two apart.
+std::string keyText(bool isRsa, ByteSpan value) {
+  constexpr std::size_t kShownBytes = 4;
+  const ByteSpan tail = value.last(std::min(value.size(), kShownBytes));
+  return std::string{isRsa ? "an RSA modulus" : "an EC point"} + " of " + countText(value.size(), "byte") +
+         " that ends with " + hexOfBytes(tail, HexDigits::kLower);
+}
+
+struct KeyValue {
+  bool isRsa = false;
+  ByteSpan value;
+};
+
+KeyValue valueOf(const CardObject& publicKey) {
+  const bool isRsa = publicKey.keyType == CKK_RSA;
+  return {isRsa, isRsa ? withoutZeros(publicKey.publicValue) : pointIn(publicKey.publicValue)};
+}
+
+KeyValue valueOf(const CertificateFields& certificate) {
+  const bool isRsa = !certificate.modulus.empty();
+  return {isRsa, isRsa ? ByteSpan{certificate.modulus} : ByteSpan{certificate.publicKeyBits}};
+}
+
+bool areSame(const KeyValue& a, const KeyValue& b) {
+  if (a.isRsa != b.isRsa) return false;
+  return a.isRsa ? areEqual(a.value, b.value) : areSamePoint(a.value, b.value);
+}
+
+// ---- Objects with one ID ----
+
+/// The labels of the objects of each ID; an object that the module gives twice counts once.
+std::map<std::u16string, std::vector<Text>> labelsByID(const std::vector<CardObject>& objects) {
+  std::map<std::u16string, std::vector<Text>> labels;
+  std::set<CK_OBJECT_HANDLE> seen;
+  for (const CardObject& object : objects) {
+    if (object.listed && seen.insert(object.handle).second)
+      labels[std::u16string{object.about.id.units()}].push_back(object.about.label);
+  }
+  return labels;
+}
+
+/// "2 certificates (\"A\", \"B\")".
+std::string groupText(const std::vector<Text>& labels, const char* noun) {
+  NameList list;
+  for (const Text& label : labels) {
+    if (list.takesMore()) list.add("\"" + shortened(displayed(label)) + "\"");
+  }
+  return countText(labels.size(), noun) + " (" + list.textOf(labels.size()) + ")";
+}
+
+/// The operation that a key is published for; the token publishes it for one at most.
+std::optional<KeyOperation> operationOf(const PublishedKey& key) {
+  if (key.canSign) return KeyOperation::kSign;
+  if (key.canDecrypt) return KeyOperation::kDecrypt;
+  if (key.canPerformKeyExchange) return KeyOperation::kExchangeKeys;
+  return std::nullopt;
+}
+
+}  // namespace
+
+std::string subjectOf(std::string_view kind, const Text& id, const Text& label) {
+  std::string text{kind};
+  if (!id.isNull()) text.append(" ").append(shortened(idText(id)));
+  if (!label.isNull()) text.append(" \"").append(shortened(displayed(label))).append("\"");
+  return text;
+}
+
+std::string signingPhrase(ModulePadding padding) {
+  constexpr const char* kUsers = "PKCS #1 v1.5 (TLS 1.2 with rsa_pkcs1, CMS (S/MIME), most PDF signers)";
+  switch (padding) {
+    case ModulePadding::kAdds: return std::string{"signs RSA-PSS, "} + kUsers;
+    case ModulePadding::kNone: return std::string{"signs RSA-PSS; not "} + kUsers;
+    case ModulePadding::kUnknown: break;
+  }
+  return std::string{"signs RSA-PSS; "} + kUsers + " unknown until a trial";
+}
+
+void CardFindings::add(Finding finding, const Text& id) { located_.push_back({std::move(finding), id}); }
+
+bool CardFindings::has(FindingID finding, const Text& id) const {
+  return std::any_of(located_.begin(), located_.end(), [&](const Located& located) {
+    return located.finding.id == finding && !located.id.isNull() && located.id == id;
+  });
+}
+
+void CardFindings::addUnpublished(const std::vector<UnpublishedObject>& objects) {
+  for (const UnpublishedObject& object : objects) {
+    std::string evidence = object.reason;
+    if (object.cause == kCertificateMissing && contents_.certificates.empty()) {
+      evidence += "; there is no certificate at all, but " +
+                  countText(contents_.publicKeys.size(), "public key") + " and " +
+                  countText(contents_.privateKeys.size(), "private key");
+    }
+    const Severity severity = object.cause == kObjectUnread ? kUnknown : object.expected ? kOk : kFailure;
+    add({object.cause, severity, subjectOf(object.kind, object.id, object.label), evidence}, object.id);
+  }
+}
+
+void CardFindings::addSharedIDs() {
+  const auto certificates = labelsByID(contents_.certificates);
+  const auto publicKeys = labelsByID(contents_.publicKeys);
+  std::map<std::u16string, std::vector<Text>> privateKeys;
+  for (const PrivateKeyObject& key : contents_.privateKeys) {
+    if (!key.id.isNull()) privateKeys[std::u16string{key.id.units()}].push_back(key.label);
+  }
+  std::map<std::u16string, std::string> shared;
+  const auto collect = [&](const auto& groups, const char* noun) {
+    for (const auto& [id, labels] : groups) {
+      if (labels.size() < 2) continue;
+      std::string& text = shared[id];
+      text.append(text.empty() ? "" : ", ").append(groupText(labels, noun));
+    }
+  };
+  collect(certificates, "certificate");
+  collect(publicKeys, "public key");
+  collect(privateKeys, "private key");
+  for (const auto& [id, text] : shared)
+    add({kIDShared, kWarning, "ID " + shortened(idText(Text{id})), text}, Text{id});
+}
+
+void CardFindings::addCertificatesOfOtherKeys() {
+  if (!contents_.failedRead.empty()) return;  // the right key may not have been read
+  for (const CardObject& certificate : contents_.certificates) {
+    if (!isPublishable(certificate)) continue;
+    const auto fields = fieldsOfCertificate(certificate.data.view());
+    if (!fields) continue;
+    const KeyValue wanted = valueOf(*fields);
+    const CardObject* other = nullptr;
+    bool isFound = wanted.value.empty();
+    for (const CardObject& key : contents_.publicKeys) {
+      if (!key.listed || key.id != certificate.id || key.publicValue.empty()) continue;
+      isFound = isFound || areSame(valueOf(key), wanted);
+      other = &key;
+    }
+    if (isFound || !other) continue;
+    const KeyValue value = valueOf(*other);
+    add({kCertificateOfOtherKey, kFailure,
+         subjectOf("certificate", certificate.about.id, certificate.about.label),
+         "certificate and public key differ: it has " + keyText(wanted.isRsa, wanted.value) + ", the " +
+             subjectOf("public key", other->about.id, other->about.label) + " has " +
+             keyText(value.isRsa, value.value)},
+        certificate.about.id);
+  }
+}
+
+void CardFindings::addValidity(std::chrono::system_clock::time_point now) {
+  const std::string today = timeText(now);
+  for (const CardObject& certificate : contents_.certificates) {
+    if (!isPublishable(certificate)) continue;
+    const auto fields = fieldsOfCertificate(certificate.data.view());
+    if (!fields) continue;
+    const auto tell = [&](FindingID id, const char* what, const Text& time) {
+      add({id, kWarning, subjectOf("certificate", certificate.about.id, certificate.about.label),
+           what + time.toUtf8() + ", it is " + today},
+          certificate.about.id);
+    };
+    if (!fields->notAfter.isNull() && fields->notAfter.toUtf8() < today)
+      tell(kCertificateExpired, "valid until ", fields->notAfter);
+    if (!fields->notBefore.isNull() && fields->notBefore.toUtf8() > today)
+      tell(kCertificateNotYetValid, "valid from ", fields->notBefore);
+  }
+}
+
+void CardFindings::addWhatIsNotRead() {
+  if (!contents_.failedRead.empty())
+    add({kObjectUnread, kUnknown, "public keys and certificates", contents_.failedRead});
+  if (!contents_.failedPrivateRead.empty())
+    add({kObjectUnread, kUnknown, "private keys", contents_.failedPrivateRead});
+  const auto tellMore = [&](bool more, const char* what) {
+    if (more) add({kTooManyObjects, kWarning, what, "more than " + std::to_string(kMaxListedObjects)});
+  };
+  tellMore(contents_.morePublicKeys, "public keys");
+  tellMore(contents_.moreCertificates, "certificates");
+}
+
+void CardFindings::addLonelyPrivateKeys() {
+  if (!contents_.failedRead.empty() || !contents_.failedPrivateRead.empty()) return;
+  if (contents_.morePublicKeys || contents_.moreCertificates) return;
+  const auto isIn = [](const std::vector<CardObject>& objects, const Text& id) {
+    return std::any_of(objects.begin(), objects.end(),
+                       [&](const CardObject& object) { return object.about.id == id; });
+  };
+  const char* when = contents_.loggedIn ? "is on the card" : "is visible before login";
+  for (const PrivateKeyObject& key : contents_.privateKeys) {
+    if (key.id.isNull() || isIn(contents_.publicKeys, key.id) || isIn(contents_.certificates, key.id))
+      continue;
+    add({kCertificateMissing, kFailure, subjectOf("private key", key.id, key.label),
+         std::string{"no certificate and no public key with its ID "} + when},
+        key.id);
+  }
+  if (contents_.publicKeys.empty() && contents_.certificates.empty() && contents_.privateKeys.empty())
+    add({kCardEmpty, kFailure, "", std::string{"no certificate and no key "} + when});
+}
+
+void CardFindings::addKeys(const std::vector<PublishedKey>& keys, CardReport& report) {
+  std::set<std::u16string> seen;
+  for (const PublishedKey& key : keys) {
+    KeyReport& own = report.keys.emplace_back();
+    own.objectID = key.objectID;
+    const bool isShadowed = !seen.insert(std::u16string{key.objectID.units()}).second;
+    addKey(key, isShadowed, own);
+    own.works = phraseFor(key, isShadowed);
+    own.worksForNothing = own.works.starts_with("nothing");
+  }
+}
+
+void CardFindings::addKey(const PublishedKey& key, bool isShadowed, KeyReport& report) {
+  const auto publicKey = std::find_if(
+      contents_.publicKeys.begin(), contents_.publicKeys.end(),
+      [&](const CardObject& object) { return object.listed && object.about.id == key.objectID; });
+  // Else another object with that ID may be the one.
+  const bool isTheOne = publicKey != contents_.publicKeys.end() && contents_.failedRead.empty();
+  if (isTheOne) report.labelOnCard = publicKey->about.label;
+  const std::string subject = subjectOf("key", key.objectID, report.labelOnCard);
+  const auto tell = [&](FindingID id, Severity severity, std::string evidence) {
+    if (!isShadowed) add({id, severity, subject, std::move(evidence)}, key.objectID);
+  };
+
+  const auto operation = operationOf(key);
+  if (!operation) tell(kKeyUsageMissing, kFailure, "none of digitalSignature, keyEncipherment, keyAgreement");
+  if (operation) {
+    if (const auto never = reasonNeverTo(*operation, key)) {
+      tell(never->id, never->severity, never->evidence);
+    } else if (operation == KeyOperation::kSign) {
+      tell(kNoPkcs1Signatures, kUnknown, "only a module that pads by itself makes them; a trial tells");
+    }
+  }
+
+  const auto privateKey =
+      std::find_if(contents_.privateKeys.begin(), contents_.privateKeys.end(),
+                   [&](const PrivateKeyObject& object) { return object.id == key.objectID; });
+  if (privateKey == contents_.privateKeys.end()) {
+    if (!contents_.allPrivateKeysSeen) return;
+    report.hasPrivateKey = false;
+    return tell(kPrivateKeyMissing, kFailure, "after login no private key has its ID");
+  }
+  report.hasPrivateKey = true;
+  if (privateKey->alwaysAuthenticate == true)
+    tell(kPinForEachUse, kWarning, "CKA_ALWAYS_AUTHENTICATE of its private key is true");
+  if (operation == KeyOperation::kSign && privateKey->maySign == false)
+    tell(kSignatureFails, kFailure, "CKA_SIGN of its private key is false");
+  if (operation == KeyOperation::kDecrypt && privateKey->mayDecrypt == false)
+    tell(kDecryptionFails, kFailure, "CKA_DECRYPT of its private key is false");
+}
+
+std::string CardFindings::phraseFor(const PublishedKey& key, bool isShadowed) const {
+  if (isShadowed) return "nothing: the keychain finds another key with its ID first";
+  constexpr struct {
+    FindingID id;
+    const char* phrase;
+  } kNothing[] = {
+      {kPrivateKeyMissing, "its private key is missing"},
+      {kKeyIDTooLong, "its ID is longer than 254 bytes"},
+      {kKeyUsageMissing, "its certificate allows no use"},
+      {kNoKeyAgreement, "key agreement gets no answer here"},
+      {kRsaKeyTooLong, "RSA keys above 2048 bits never sign here"},
+      {kKeyNameWithPss, "its name contains \"PSS\", so its signatures are not handed out"},
+      {kCertificateOfOtherKey, "its certificate belongs to another key"},
+      {kSignatureFails, "the card does not allow its private key to sign"},
+      {kDecryptionFails, "the card does not allow its private key to decrypt"},
+  };
+  if (has(kEcKeyNeverSigns, key.objectID))
+    return key.canSign ? "nothing: EC keys never sign here" : "nothing: EC keys never decrypt here";
+  for (const auto& row : kNothing) {
+    if (has(row.id, key.objectID)) return std::string{"nothing: "} + row.phrase;
+  }
+  const std::string once = has(kPinForEachUse, key.objectID) ? "; only once after each login" : "";
+  if (key.canSign) return signingPhrase(ModulePadding::kUnknown) + once;
+  return "decrypts PKCS #1 v1.5; not OAEP" + once;
+}
+
+void CardFindings::finish(CardReport& report) {
+  const bool somethingWorks = std::any_of(report.keys.begin(), report.keys.end(),
+                                          [](const KeyReport& key) { return !key.worksForNothing; });
+  for (Located& located : located_) {
+    Finding& finding = located.finding;
+    if (somethingWorks && finding.severity == kFailure && isOfOneObject(finding.id))
+      finding.severity = kWarning;
+  }
+  std::stable_sort(located_.begin(), located_.end(), [](const Located& a, const Located& b) {
+    if (a.finding.severity != b.finding.severity) return isWorse(a.finding.severity, b.finding.severity);
+    return a.finding.id < b.finding.id;
+  });
+  for (const auto& [finding, id] : located_) {
+    report.findings.push_back(finding);
+    for (KeyReport& key : report.keys) {
+      if (!id.isNull() && key.objectID == id) key.findings.push_back(finding);
+    }
+  }
+}
+
+}  // namespace mirel

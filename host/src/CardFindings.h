@@ -1,0 +1,47 @@
+#pragma once
+
+#include <chrono>
+
+#include "CardContents.h"
+#include "host/Host.h"
+
+namespace mirel {
+
+/// What one look at a card has found, before it is put in order.
+class CardFindings {
+ public:
+  /// `contents`: explained (see CardInspector.h); outlives this.
+  explicit CardFindings(const CardContents& contents) : contents_{contents} {}
+
+  /// A finding about all objects with that ID; null: about none.
+  void add(Finding finding, const Text& id = Text{});
+
+  // About the objects. What is missing is only told where nothing failed.
+  void addUnpublished(const std::vector<UnpublishedObject>& objects);
+  void addSharedIDs();
+  void addCertificatesOfOtherKeys();
+  void addValidity(std::chrono::system_clock::time_point now);
+  void addWhatIsNotRead();
+  void addLonelyPrivateKeys();
+
+  /// About the published keys, and what they work for.
+  void addKeys(const std::vector<PublishedKey>& keys, CardReport& report);
+
+  /// Puts the findings into the report and those of each key to it.
+  void finish(CardReport& report);
+
+ private:
+  struct Located {
+    Finding finding;
+    Text id;
+  };
+
+  [[nodiscard]] bool has(FindingID finding, const Text& id) const;
+  void addKey(const PublishedKey& key, bool isShadowed, KeyReport& report);
+  [[nodiscard]] std::string phraseFor(const PublishedKey& key, bool isShadowed) const;
+
+  const CardContents& contents_;
+  std::vector<Located> located_;
+};
+
+}  // namespace mirel

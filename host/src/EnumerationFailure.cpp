@@ -1,0 +1,25 @@
+#include "EnumerationFailure.h"
+
+#include "CodeMeaning.h"
+#include "host/Display.h"
+
+namespace mirel {
+
+std::string quoted(const Text& name) {
+  std::string text = displayed(name);
+  text.insert(text.begin(), '"');
+  text.push_back('"');
+  return text;
+}
+
+Failure enumerationFailure(const Reader& reader, const std::string& why, const Advice& advice) {
+  return {FailureKind::kCardEnumerationFailed,
+          "the card in reader " + quoted(reader.name) + " cannot be listed", why, advice};
+}
+
+Failure enumerationFailure(const Reader& reader, const FailedCall& cause) {
+  return failureBecauseOf(cause, "the card in reader " + quoted(reader.name) + " cannot be listed",
+                          FailureKind::kCardEnumerationFailed);
+}
+
+}  // namespace mirel

@@ -1,0 +1,237 @@
+#include <algorithm>
+#include <chrono>
+#include <functional>
+#include <set>
+#include <utility>
+
+#include "CardFindings.h"
+#include "CardInspector.h"
+#include "CodeMeaning.h"
+#include "EnumerationFailure.h"
+#include "FailureDiary.h"
+#include "NameList.h"
+#include "TokenFindings.h"
+#include "bridge/CardRules.h"
+#include "bridge/P11Bridge.h"
+#include "host/CryptokiNames.h"
+#include "host/Display.h"
+#include "host/DistinctItems.h"
+#include "host/Host.h"
+#include "host/KeyChoice.h"
+
+namespace mirel {
+namespace {
+
+constexpr const char* kNotInitialised = "the card is not initialised: prepare it with its maker's tool first";
+
+std::string bytesOf(const Bytes& data) { return {data.view().begin(), data.view().end()}; }
+
+/// What the items of a card show of its objects.
+class PublishedNames {
+ public:
+  explicit PublishedNames(const InsertedCard& card) {
+    for (const auto& [item, count] : distinctItems(card.items)) {
+      if (const auto* key = std::get_if<PublishedKey>(item)) {
+        keys_.emplace(key->objectID.units());
+      } else {
+        const auto& certificate = std::get<PublishedCertificate>(*item);
+        certificates_.emplace(certificate.objectID.units(), bytesOf(certificate.data));
+      }
+    }
+  }
+
+  /// `uncertain`: the second look has missed something.
+  [[nodiscard]] bool show(const CardObject& object, bool uncertain) const {
+    const UnpublishedObject& about = object.about;
+    // That something could not be read is told all the same.
+    if (about.unread || about.id.isNull()) return false;
+    if (about.kind == "public key") {
+      // Another key may have the same ID, and this one be left out for a reason of its own.
+      return (uncertain || object.byAbsence) && keys_.contains(about.id.units());
+    }
+    const Text name = certificateNameOf(about.label, about.id);
+    return certificates_.contains({std::u16string{name.units()}, bytesOf(object.data)});
+  }
+
+ private:
+  std::set<std::u16string, std::less<>> keys_;
+  std::set<std::pair<std::u16string, std::string>> certificates_;
+};
+
+void collectUnpublished(const CardContents& contents,
+                        const std::function<bool(const CardObject&)>& isPublished, CardReport& report) {
+  for (const auto* objects : {&contents.publicKeys, &contents.certificates}) {
+    for (const CardObject& object : *objects) {
+      if (!object.about.reason.empty() && !isPublished(object)) report.unpublished.push_back(object.about);
+    }
+  }
+}
+
+/// The keys that only the objects that hide the card keep from being published.
+void collectLostKeys(const CardContents& contents, CardReport& report) {
+  for (const CardObject& key : contents.publicKeys) {
+    if (!isPublishable(key)) continue;
+    KeyReport& lost = report.keys.emplace_back();
+    lost.objectID = key.about.id;
+    lost.labelOnCard = key.about.label;
+    lost.works = "nothing: the whole card is hidden";
+    lost.worksForNothing = true;
+  }
+}
+
+std::string lostKeysText(const CardReport& report) {
+  if (report.keys.empty()) return "no good key is lost by it";
+  NameList list;
+  for (const KeyReport& key : report.keys) {
+    if (list.takesMore()) list.add(subjectOf("", key.objectID, key.labelOnCard).substr(1));
+  }
+  return "lost by it: " + list.textOf(report.keys.size());
+}
+
+/// All objects that hide the card, and what is lost by them.
+std::string culpritsText(const CardReport& report) {
+  constexpr std::size_t kMostCulprits = 5;
+  std::string text;
+  std::size_t count = 0;
+  for (const UnpublishedObject& object : report.unpublished) {
+    if (!object.blocksCard || ++count > kMostCulprits) continue;
+    text += subjectOf(object.kind, object.id, object.label) + ": " + object.reason + "; ";
+  }
+  if (count > kMostCulprits) text += "and " + std::to_string(count - kMostCulprits) + " more objects; ";
+  return text + lostKeysText(report);
+}
+
+void copyLook(const CardContents& contents, CardReport& report) {
+  report.failedRead = contents.failedRead;
+  report.loggedIn = contents.loggedIn;
+}
+
+}  // namespace
+
+Result<PinState> Host::pinState(const Reader& reader) {
+  using enum PinState::Tries;
+  CK_TOKEN_INFO token{};
+  if (const CK_RV rv = bridge_->inspectToken(reader.slotID, token); rv != CKR_OK) {
+    const FailedCall cause{"C_GetTokenInfo", rv};
+    Failure failure = failureBecauseOf(cause, "the PIN was not sent to the card", FailureKind::kCardRefuses);
+    if (failure.kind != FailureKind::kCardGone) failure.why = answerText(cause);
+    return failure;
+  }
+  const auto isSet = [&](CK_FLAGS flag) { return (token.flags & flag) != 0; };
+  PinState state{kNoWord, isSet(CKF_PROTECTED_AUTHENTICATION_PATH), {}};
+  if (isSet(CKF_USER_PIN_LOCKED)) {
+    state.tries = kNone;
+    state.text = entryOf(FindingID::kPinLocked).title;
+  } else if (isSet(CKF_USER_PIN_FINAL_TRY)) {
+    state.tries = kLast;
+    state.text = entryOf(FindingID::kPinLastTry).title;
+  } else if (isSet(CKF_USER_PIN_COUNT_LOW)) {
+    state.tries = kFewer;
+    state.text = entryOf(FindingID::kPinTriesFewer).title;
+  }
+  return state;
+}
+
+Failure Host::listingFailure(const Reader& reader, const std::optional<FailedCall>& cause) {
+  const CardReport report = examine(reader);
+  if (report.hidden) {
+    const bool several = std::count_if(report.unpublished.begin(), report.unpublished.end(),
+                                       [](const UnpublishedObject& object) { return object.blocksCard; }) > 1;
+    return enumerationFailure(reader, culpritsText(report),
+                              several ? "have the card's issuer mend or remove those objects"
+                                      : "have the card's issuer mend or remove that object");
+  }
+  // To prepare a card empties it, so that is said of one only that was read and that nothing else is wrong
+  // with.
+  const bool bare = !reader.tokenInitialised && !reader.unreadable;
+  if (bare && (!cause || cause->result == CKR_TOKEN_NOT_RECOGNIZED)) {
+    return enumerationFailure(reader, cause ? answerText(*cause) : "the module gives no reason",
+                              kNotInitialised);
+  }
+  if (cause) return enumerationFailure(reader, *cause);
+  return enumerationFailure(reader, "the module gives no reason", UserStep::kSeeLog);
+}
+
+std::vector<Finding> Host::tokenFindings(const Reader& reader, const Text& instanceID) {
+  const std::string subject = "reader \"" + displayed(reader.name) + "\"";
+  std::vector<Finding> findings = sharedInstanceFindings(reader, instanceID, lastFound_);
+  CK_TOKEN_INFO token{};
+  if (const CK_RV rv = bridge_->inspectToken(reader.slotID, token); rv != CKR_OK) {
+    findings.push_back(
+        {FindingID::kTokenUnreadable, Severity::kUnknown, subject, reasonText({"C_GetTokenInfo", rv})});
+    return findings;
+  }
+  if ((token.flags & CKF_TOKEN_INITIALIZED) == 0) {
+    findings.push_back({FindingID::kTokenNotInitialised, Severity::kFailure, subject,
+                        "the flags have no TOKEN_INITIALIZED"});
+  }
+  for (Finding& finding : pinFindings(token)) findings.push_back(std::move(finding));
+  return findings;
+}
+
+CardReport Host::examine(const InsertedCard& card, bool afterLogin) {
+  CardReport report;
+  if (!bridge_->hasModule()) return report;
+  const auto tokenFindings = this->tokenFindings(card.reader, card.instanceID);
+  CardContents contents = readCard(*bridge_, card.reader.slotID, *services_.certificates, afterLogin);
+  explainUnpublished(contents);
+  copyLook(contents, report);
+  const PublishedNames published{card};
+  const bool uncertain = !report.failedRead.empty();
+  collectUnpublished(
+      contents, [&](const CardObject& object) { return published.show(object, uncertain); }, report);
+  for (UnpublishedObject& object : report.unpublished) {
+    // The card was inserted, so what would have kept it from that is new.
+    if (!std::exchange(object.blocksCard, false)) continue;
+    object.unread = true;
+    object.cause = FindingID::kObjectUnread;
+  }
+
+  CardFindings findings{contents};
+  for (const Finding& finding : tokenFindings) findings.add(finding);
+  if (card.incomplete)
+    findings.add({FindingID::kObjectUnread, Severity::kUnknown, "insertion", card.incomplete->why});
+  findings.addUnpublished(report.unpublished);
+  findings.addWhatIsNotRead();
+  findings.addLonelyPrivateKeys();
+  findings.addSharedIDs();
+  findings.addCertificatesOfOtherKeys();
+  findings.addValidity(std::chrono::system_clock::now());
+  findings.addKeys(keysOf(card), report);
+  findings.finish(report);
+  return report;
+}
+
+CardReport Host::examine(const Reader& reader) {
+  CardReport report;
+  if (!bridge_->hasModule()) return report;
+  const auto tokenFindings = this->tokenFindings(reader, reader.instanceID);
+  CardContents contents = readCard(*bridge_, reader.slotID, *services_.certificates, false);
+  explainUnpublished(contents);
+  copyLook(contents, report);
+  collectUnpublished(
+      contents, [](const CardObject&) { return false; }, report);
+  report.hidden = std::any_of(report.unpublished.begin(), report.unpublished.end(),
+                              [](const UnpublishedObject& object) { return object.blocksCard; });
+  if (report.hidden) collectLostKeys(contents, report);
+
+  CardFindings findings{contents};
+  for (const Finding& finding : tokenFindings) findings.add(finding);
+  findings.addUnpublished(report.unpublished);
+  findings.addWhatIsNotRead();
+  findings.addLonelyPrivateKeys();
+  findings.addSharedIDs();
+  findings.finish(report);
+  return report;
+}
+
+std::vector<UnpublishedObject> Host::unpublishedObjects(const Reader& reader) {
+  return examine(reader).unpublished;
+}
+
+Unpublished Host::unpublishedObjects(const InsertedCard& card) {
+  CardReport report = examine(card);
+  return {std::move(report.unpublished), std::move(report.failedRead)};
+}
+
+}  // namespace mirel

@@ -1,0 +1,47 @@
+#include "host/KeyAbility.h"
+
+#include "bridge/CardRules.h"
+#include "host/Display.h"
+#include "provider/CryptTKitSProvider.h"
+
+namespace mirel {
+namespace {
+
+constexpr int kLongestSigningKey = 8 * CryptTKitSProvider::kMaxSignatureLen;  // bits
+static_assert(kLongestSigningKey == 2048 && kMaxSearchedIDLen == 254, "the catalogue names the numbers");
+
+std::string sizeText(const PublishedKey& key) {
+  const bool isRsa = key.keyType == CertificateKeyType::kRSA;
+  return std::string{isRsa ? "RSA, " : "EC, "} + std::to_string(key.keySizeInBits) + " bits";
+}
+
+}  // namespace
+
+std::optional<Finding> reasonNeverTo(KeyOperation operation, const PublishedKey& key) {
+  using enum FindingID;
+  const auto never = [&](FindingID id, std::string evidence) {
+    return Finding{id, Severity::kFailure, subjectOf("key", key.objectID, Text{}), std::move(evidence)};
+  };
+  if (operation == KeyOperation::kExchangeKeys) return never(kNoKeyAgreement, sizeText(key));
+  if (key.keyType != CertificateKeyType::kRSA) return never(kEcKeyNeverSigns, sizeText(key));
+  if (key.objectID.length() > kMaxSearchedIDLen)
+    return never(kKeyIDTooLong, std::to_string(key.objectID.length()) + " bytes");
+  if (operation != KeyOperation::kSign) return std::nullopt;
+  if (key.keySizeInBits > kLongestSigningKey) return never(kRsaKeyTooLong, sizeText(key));
+  if (containsIgnoringCase(key.nameInCard, kPssMark))
+    return never(kKeyNameWithPss,
+                 "the card layer's name of the key is \"" + displayed(key.nameInCard) + "\"");
+  return std::nullopt;
+}
+
+Failure refusalBecauseOf(const Finding& finding, KeyOperation operation) {
+  const FindingEntry& entry = entryOf(finding.id);
+  const bool isSigning = operation == KeyOperation::kSign;
+  return {isSigning ? FailureKind::kVerificationFailed : FailureKind::kNotSupported,
+          std::string{isSigning ? "there is no good signature by the " : "nothing is asked of the "} +
+              finding.subject,
+          std::string{entry.title} + " (" + finding.evidence + "): " + std::string{entry.why},
+          entry.remedy.data()};  // a literal
+}
+
+}  // namespace mirel

@@ -1,0 +1,20 @@
+#pragma once
+
+#include <span>
+#include <vector>
+
+#include "bridge/cryptoki.h"
+#include "host/Finding.h"
+#include "host/Host.h"
+
+namespace mirel {
+
+/// What the token information says of the card's PIN, one finding for each state that there is.
+[[nodiscard]] std::vector<Finding> pinFindings(const CK_TOKEN_INFO& token);
+
+/// The other cards that the system takes for this one: a finding for each reader but `reader` that holds a
+/// card with that instance ID.
+[[nodiscard]] std::vector<Finding> sharedInstanceFindings(const Reader& reader, const Text& instanceID,
+                                                          std::span<const Reader> readers);
+
+}  // namespace mirel

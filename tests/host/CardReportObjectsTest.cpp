@@ -1,0 +1,217 @@
+/// What a report says of the objects of a card.
+
+#include "host/CardReportTest.h"
+
+namespace mirel::test {
+namespace {
+
+using enum FindingID;
+using ::testing::AllOf;
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+
+class CardReportObjects : public CardReportTest {};
+
+TEST_F(CardReportObjects, HasNothingToSayOfAGoodCard) {
+  addKey("01", "Signer");
+  EXPECT_THAT(troubles(report()), IsEmpty());
+  EXPECT_THAT(troubles(reportAfterLogin()), IsEmpty());
+  EXPECT_THAT(report().unpublished, IsEmpty());
+}
+
+// ---- A pair that is not whole ----
+
+TEST_F(CardReportObjects, LeavesOpenBeforeALoginWhetherAPublicKeyIsMissing) {
+  addKey("01", "Good");
+  addCertificate("02", "Lonely");
+  const CardReport report = this->report();
+  const Finding finding = theFinding(report, kPublicKeyMissing);
+  EXPECT_EQ(finding.subject, "certificate 3032 \"Lonely\"");
+  EXPECT_THAT(finding.evidence, HasSubstr("is visible before login: it is missing, or private"));
+  EXPECT_EQ(finding.severity, Severity::kWarning);
+  ASSERT_EQ(report.unpublished.size(), 1U);
+  EXPECT_EQ(report.unpublished.front().cause, kPublicKeyMissing);
+}
+
+TEST_F(CardReportObjects, TellsAfterALoginThatAPublicKeyIsMissing) {
+  addPrivateKey("01", "MyKey");
+  addCertificate("01", "MyKey");
+  const CardReport report = reportAfterLogin();
+  EXPECT_TRUE(report.loggedIn);
+  const Finding finding = theFinding(report, kPublicKeyMissing);
+  EXPECT_THAT(finding.evidence, AllOf(HasSubstr("no public key on the card has its ID"),
+                                      HasSubstr("its private key is on the card")));
+  EXPECT_EQ(finding.severity, Severity::kFailure);
+}
+
+TEST_F(CardReportObjects, UsesAPrivateKeyThatShowsWithoutALogin) {
+  script.card().privateObjectsNeedLogin = false;
+  addPrivateKey("01", "MyKey");
+  addCertificate("01", "MyKey");
+  EXPECT_THAT(theFinding(report(), kPublicKeyMissing).evidence, HasSubstr("its private key is on the card"));
+}
+
+TEST_F(CardReportObjects, TellsAfterALoginThatAPublicKeyIsPrivate) {
+  addKey("01", "MyKey");
+  lastObject(2) = lastObject(2).with(CKA_PRIVATE, boolValue(true));
+  EXPECT_THAT(theFinding(report(), kPublicKeyMissing).evidence, HasSubstr("missing, or private"));
+  const CardReport report = reportAfterLogin();
+  EXPECT_THAT(troubles(report), ElementsAre("MT-C07", "MT-C07"));  // the key, and its certificate
+  EXPECT_THAT(report.findings.front().evidence, HasSubstr("visible only after login"));
+}
+
+TEST_F(CardReportObjects, TellsAfterALoginThatACertificateIsPrivate) {
+  addKey("01", "MyKey");
+  lastObject() = lastObject().with(CKA_PRIVATE, boolValue(true));
+  EXPECT_THAT(theFinding(report(), kCertificateMissing).evidence, HasSubstr("missing, or private"));
+  EXPECT_THAT(troubles(reportAfterLogin()), ElementsAre("MT-C09", "MT-C09"));
+}
+
+TEST_F(CardReportObjects, TellsAfterALoginThatAPrivateKeyIsMissing) {
+  addPublicKey("01", "MyKey");
+  addCertificate("01", "MyKey");
+  const CardReport before = report();
+  EXPECT_THAT(troubles(before), IsEmpty());
+  ASSERT_EQ(before.keys.size(), 1U);
+  EXPECT_FALSE(before.keys.front().hasPrivateKey.has_value());
+
+  const CardReport after = reportAfterLogin();
+  EXPECT_EQ(theFinding(after, kPrivateKeyMissing).subject, "key 3031 \"MyKey\"");
+  EXPECT_EQ(after.keys.front().hasPrivateKey, false);
+  EXPECT_EQ(after.keys.front().works, "nothing: its private key is missing");
+}
+
+TEST_F(CardReportObjects, TellsThatAKeyHasNoCertificate) {
+  script.card().privateObjectsNeedLogin = false;
+  addPublicKey("01", "MyKey");
+  addPrivateKey("01", "MyKey");
+  EXPECT_THAT(theFinding(report(), kCertificateMissing).evidence,
+              HasSubstr("there is no certificate at all, but 1 public key and 1 private key"));
+}
+
+TEST_F(CardReportObjects, TellsOfPrivateKeysThatAreAllThereIs) {
+  addPrivateKey("01", "MyKey");
+  const Finding before = theFinding(report(), kCardEmpty);
+  EXPECT_THAT(before.evidence, HasSubstr("visible before login"));
+  const CardReport after = reportAfterLogin();
+  EXPECT_EQ(theFinding(after, kCertificateMissing).subject, "private key 3031 \"MyKey\"");
+  EXPECT_THAT(troubles(after), Not(Contains("MT-C01")));
+}
+
+TEST_F(CardReportObjects, ExpectsNoKeyForTheCertificateOfAnIssuer) {
+  addKey("01", "Signer");
+  script.addObject(certificate(bytesOf("09"), bytesOf("Root"), authorityCertificate(rsa())));
+  const CardReport report = this->report();
+  EXPECT_THAT(troubles(report), IsEmpty());
+  ASSERT_EQ(report.unpublished.size(), 1U);
+  EXPECT_TRUE(report.unpublished.front().expected);
+}
+
+// ---- Objects that do not fit ----
+
+TEST_F(CardReportObjects, TellsACertificateOfAnotherKey) {
+  addPublicKey("01", "MyKey", otherRsa());
+  addCertificate("01", "MyCertificate");
+  addPublicKey("02", "Of another kind");
+  addCertificate("02", "Of another kind", kForSigning, SoftwareKey::ec("P-256"));
+  addKey("03", "Good");
+  addEcKey("04", "Good too", kForSigning);
+  const CardReport report = this->report();
+  std::vector<std::string> subjects;
+  for (const Finding& finding : report.findings) {
+    if (finding.id != kCertificateOfOtherKey) continue;
+    subjects.push_back(finding.subject);
+    EXPECT_THAT(finding.evidence, HasSubstr("certificate and public key differ"));
+  }
+  EXPECT_THAT(subjects,
+              ElementsAre("certificate 3031 \"MyCertificate\"", "certificate 3032 \"Of another kind\""));
+  ASSERT_EQ(report.keys.size(), 4U);
+  EXPECT_EQ(report.keys[0].works, "nothing: its certificate belongs to another key");
+}
+
+TEST_F(CardReportObjects, TakesAPointWithoutItsHeaderAndACompressedOne) {
+  const SoftwareKey& key = SoftwareKey::ec("P-256");
+  const Value bare = pointOf(key);
+  Value compressed(bare.begin(), bare.begin() + 33);
+  compressed[0] = static_cast<CK_BYTE>(0x02 | (bare.back() & 0x01));
+  for (const Value& point : {bare, compressed}) {
+    clearCard();
+    addEcKey("01", "Curve", kForSigning);
+    lastObject(2) = lastObject(2).with(CKA_EC_POINT, point);
+    EXPECT_THAT(troubles(report()), Not(Contains("MT-C11")));
+    Value other = point;
+    other[5] = static_cast<CK_BYTE>(other[5] ^ 0xFF);
+    lastObject(2) = lastObject(2).with(CKA_EC_POINT, other);
+    EXPECT_THAT(troubles(report()), Contains("MT-C11"));
+  }
+}
+
+TEST_F(CardReportObjects, TellsWhichObjectsShareAnID) {
+  addKey("01", "First");
+  addKey("01", "Second", kForSigning, otherRsa());
+  const CardReport report = this->report();
+  const Finding finding = theFinding(report, kIDShared);
+  EXPECT_EQ(finding.subject, "ID 3031");
+  EXPECT_EQ(finding.evidence,
+            "2 certificates (\"First\", \"Second\"), 2 public keys (\"First\", \"Second\")");
+}
+
+TEST_F(CardReportObjects, TellsValidity) {
+  addKey("01", "Old");
+  lastObject() = lastObject().with(CKA_VALUE, withTime(rsa().certificate(kForSigning), "400101", "210101"));
+  addKey("02", "New");
+  lastObject() = lastObject().with(CKA_VALUE, withTime(rsa().certificate(kForSigning), "200101", "390101"));
+  const CardReport report = this->report();
+  EXPECT_THAT(theFinding(report, kCertificateExpired).evidence,
+              HasSubstr("valid until 2021-01-01T00:00:00Z"));
+  EXPECT_EQ(theFinding(report, kCertificateExpired).subject, "certificate 3031 \"Old\"");
+  EXPECT_THAT(theFinding(report, kCertificateNotYetValid).evidence, HasSubstr("valid from 2039-01-01"));
+  EXPECT_EQ(theFinding(report, kCertificateNotYetValid).subject, "certificate 3032 \"New\"");
+}
+
+TEST_F(CardReportObjects, TellsThatThereAreMoreThanAreListed) {
+  addKey("01", "MyKey");
+  for (int i = 0; i < 160; ++i) addPublicKey("02", "Other");
+  const CardReport report = this->report();
+  EXPECT_EQ(theFinding(report, kTooManyObjects).subject, "public keys");
+  clearCard();
+  for (int i = 0; i < 160; ++i) addPublicKey("02", "Other");
+  EXPECT_THAT(troubles(this->report()), Not(Contains("MT-C16")));
+}
+
+TEST_F(CardReportObjects, TellsWhatIsLeftOutAndWhy) {
+  addKey("01", "MyKey");
+  addKey("02", "No modulus");
+  lastObject(2) = lastObject(2).without(CKA_MODULUS);
+  addPublicKey("03", "No certificate in it");
+  script.addObject(certificate(bytesOf("03"), bytesOf("None"), patternValue(300, 1)));
+  const CardReport report = this->report();
+  EXPECT_THAT(troubles(report), ElementsAre("MT-C04", "MT-C04", "MT-C05", "MT-C05"));
+  EXPECT_THAT(report.findings[1].evidence, HasSubstr("the public key with its ID is left out"));
+}
+
+// ---- A card that is hidden ----
+
+TEST_F(CardReportObjects, TellsAllObjectsThatHideTheCardAndWhatIsLost) {
+  addKey("01", "Good");
+  addKey("02", "Broken");
+  lastObject() = lastObject().with(CKA_LABEL, {});
+  addKey("03", "Large");
+  lastObject() = lastObject().with(CKA_VALUE, Value(2516, 'x'));
+  const Failure failure = failureOf(host.insert(Text{}));
+  EXPECT_THAT(failure.why,
+              AllOf(HasSubstr("certificate 3032: its label is empty"),
+                    HasSubstr("certificate 3033 \"Large\": its value has 2516 bytes, more than 2000"),
+                    HasSubstr("lost by it: 3031 \"Good\"")));
+  const CardReport report = host.examine(readers().front());
+  EXPECT_TRUE(report.hidden);
+  EXPECT_THAT(troubles(report), ElementsAre("MT-C02", "MT-C02", "MT-C04", "MT-C04"));
+  ASSERT_EQ(report.keys.size(), 1U);
+  EXPECT_EQ(report.keys.front().works, "nothing: the whole card is hidden");
+}
+
+}  // namespace
+}  // namespace mirel::test

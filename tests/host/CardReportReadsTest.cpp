@@ -1,0 +1,139 @@
+/// What a report costs, and what it says when the module fails while it is made.
+
+#include <algorithm>
+#include <iterator>
+#include <set>
+#include <sstream>
+
+#include "host/CardReportTest.h"
+
+namespace mirel::test {
+namespace {
+
+using enum FindingID;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+
+/// What is said not to work.
+std::vector<Finding> claimsOf(const CardReport& report) {
+  std::vector<Finding> claims;
+  for (const Finding& finding : report.findings) {
+    const bool isClaim = finding.severity == Severity::kFailure || finding.severity == Severity::kWarning;
+    if (isClaim) claims.push_back(finding);
+  }
+  return claims;
+}
+
+/// Whether that is said of an object that is named at least as exactly: an ID or a label may not be read.
+bool isAmong(const std::vector<Finding>& claims, const Finding& wanted) {
+  const auto has = [](const std::string& subject, const std::string& part) {
+    std::istringstream words{part};
+    return std::all_of(std::istream_iterator<std::string>{words}, {},
+                       [&](const std::string& word) { return subject.find(word) != std::string::npos; });
+  };
+  return std::any_of(claims.begin(), claims.end(), [&](const Finding& claim) {
+    return claim.id == wanted.id && has(claim.subject, wanted.subject);
+  });
+}
+
+class CardReportReads : public CardReportTest {
+ protected:
+  /// Good keys, and something of each kind that is missing or does not fit.
+  void makeCard() {
+    clearCard();
+    addKey("01", "Signer");
+    addCertificate("03", "Without key");
+    addPublicKey("04", "Without certificate");
+    addPublicKey("05", "Two keys, the first is right");
+    addPublicKey("05", "Two keys, the second is wrong", otherRsa());
+    addCertificate("05", "Two keys");
+    addPublicKey("06", "Private");
+    lastObject() = lastObject().with(CKA_PRIVATE, boolValue(true));
+    addPrivateKey("06", "Private");
+    addCertificate("06", "Private");
+    addPrivateKey("07", "Alone");
+    addPublicKey("08", "Without private key");
+    addCertificate("08", "Without private key");
+  }
+
+  /// Checks that no call that fails while `examine` runs, on a card made anew, makes the report claim what it
+  /// does not claim else.
+  void expectNoFalseClaims(const std::function<CardReport(const std::function<void()>& whenReady)>& examine) {
+    const std::vector<Finding> good = claimsOf(examine([] {}));
+    EXPECT_FALSE(good.empty());
+    forEachFailingCall(script, CKR_DEVICE_ERROR, [&](FailPoint& point) {
+      script.setInitialised(true);
+      const auto claims = claimsOf(examine([&] { point.arm(); }));
+      for (const Finding& claim : claims) {
+        EXPECT_TRUE(isAmong(good, claim)) << entryOf(claim.id).title << ": " << claim.subject;
+      }
+      if (!point.fired()) {
+        EXPECT_EQ(claims.size(), good.size());
+      }
+    });
+  }
+};
+
+TEST_F(CardReportReads, ClaimNothingBecauseOfACallThatFails) {
+  expectNoFalseClaims([&](const std::function<void()>& whenReady) {
+    makeCard();
+    const InsertedCard card = inserted();
+    whenReady();
+    return host.examine(card);
+  });
+}
+
+TEST_F(CardReportReads, ClaimNothingBecauseOfACallThatFailsAfterALogin) {
+  expectNoFalseClaims([&](const std::function<void()>& whenReady) {
+    makeCard();
+    script.card().loggedIn = false;
+    const InsertedCard card = inserted();
+    script.card().loggedIn = true;
+    whenReady();
+    CardReport report = host.examine(card, true);
+    // Where the session did not tell its state, the report is one without a login: see above.
+    if (!report.loggedIn) report.findings.clear();
+    return report;
+  });
+}
+
+TEST_F(CardReportReads, ClaimNothingOfAHiddenCardBecauseOfACallThatFails) {
+  expectNoFalseClaims([&](const std::function<void()>& whenReady) {
+    makeCard();
+    addKey("09", "Broken");
+    lastObject() = lastObject().with(CKA_LABEL, {});
+    const auto found = readers();
+    whenReady();
+    return host.examine(found.front());
+  });
+}
+
+TEST_F(CardReportReads, TellTheCallThatFailed) {
+  makeCard();
+  const InsertedCard card = inserted();
+  script.failCallOf("C_FindObjects", 0, CKR_DEVICE_ERROR);
+  const CardReport report = host.examine(card);
+  EXPECT_THAT(report.failedRead, HasSubstr("C_FindObjects answered CKR_DEVICE_ERROR"));
+  EXPECT_EQ(report.findings.empty() ? Severity::kOk : worstOf(report.findings), Severity::kUnknown);
+  bool isTold = false;
+  for (const Finding& finding : report.findings)
+    isTold = isTold || (finding.id == kObjectUnread && finding.evidence == report.failedRead);
+  EXPECT_TRUE(isTold);
+}
+
+TEST_F(CardReportReads, FindEachClassOnceAndReadNoAttributeTwice) {
+  makeCard();
+  script.card().privateObjectsNeedLogin = false;
+  const InsertedCard card = inserted();
+  script.forgetCalls();
+  (void)host.examine(card);
+  EXPECT_EQ(script.countOf("C_FindObjectsInit"), 3U);
+  EXPECT_EQ(script.countOf("C_GetTokenInfo"), 1U);
+  EXPECT_EQ(script.countOf("C_OpenSession"), 1U);
+  const auto reads = script.callTexts("C_GetAttributeValue");
+  EXPECT_EQ(std::set<std::string>(reads.begin(), reads.end()).size(), reads.size());
+  EXPECT_THAT(script.openSearches(), IsEmpty());
+}
+
+}  // namespace
+}  // namespace mirel::test
