@@ -158,13 +158,13 @@ std::string subjectOf(std::string_view kind, const Text& id, const Text& label) 
 }
 
 std::string signingPhrase(ModulePadding padding) {
-  constexpr const char* kUsers = "PKCS #1 v1.5 (TLS 1.2 with rsa_pkcs1, CMS (S/MIME), most PDF signers)";
+  const std::string users = "PKCS #1 v1.5 (" + std::string{kPkcs1Users} + ")";
   switch (padding) {
-    case ModulePadding::kAdds: return std::string{"signs RSA-PSS, "} + kUsers;
-    case ModulePadding::kNone: return std::string{"signs RSA-PSS; not "} + kUsers;
+    case ModulePadding::kAdds: return "signs RSA-PSS, " + users;
+    case ModulePadding::kNone: return "signs RSA-PSS; not " + users;
     case ModulePadding::kUnknown: break;
   }
-  return std::string{"signs RSA-PSS; "} + kUsers + " unknown until a trial";
+  return "signs RSA-PSS; " + users + " unknown until a trial";
 }
 
 void CardFindings::add(Finding finding, const Text& id) { located_.push_back({std::move(finding), id}); }

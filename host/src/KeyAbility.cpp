@@ -1,5 +1,7 @@
 #include "host/KeyAbility.h"
 
+#include <algorithm>
+
 #include "bridge/CardRules.h"
 #include "host/Display.h"
 #include "provider/CryptTKitSProvider.h"
@@ -37,11 +39,36 @@ std::optional<Finding> reasonNeverTo(KeyOperation operation, const PublishedKey&
 Failure refusalBecauseOf(const Finding& finding, KeyOperation operation) {
   const FindingEntry& entry = entryOf(finding.id);
   const bool isSigning = operation == KeyOperation::kSign;
-  return {isSigning ? FailureKind::kVerificationFailed : FailureKind::kNotSupported,
+  // A card that is asked does not find its private key.
+  const bool isOfCard = finding.id == FindingID::kKeyIDTooLong;
+  return {isSigning  ? FailureKind::kVerificationFailed
+          : isOfCard ? FailureKind::kCardRefuses
+                     : FailureKind::kNotSupported,
           std::string{isSigning ? "there is no good signature by the " : "nothing is asked of the "} +
               finding.subject,
           std::string{entry.title} + " (" + finding.evidence + "): " + std::string{entry.why},
           entry.remedy.data()};  // a literal
+}
+
+Failure explainedBy(const CardReport& report, const PublishedKey& key, Failure failure) {
+  using enum FindingID;
+  constexpr FindingID kCauses[] = {kCertificateOfOtherKey, kIDShared, kPrivateKeyMissing, kSignatureFails,
+                                   kPinForEachUse};
+  if (failure.kind != FailureKind::kVerificationFailed) return failure;
+  for (const KeyReport& own : report.keys) {
+    if (!(own.objectID == key.objectID)) continue;
+    for (const FindingID cause : kCauses) {
+      const auto found = std::find_if(own.findings.begin(), own.findings.end(),
+                                      [&](const Finding& finding) { return finding.id == cause; });
+      if (found == own.findings.end()) continue;
+      const FindingEntry& entry = entryOf(cause);
+      failure.why += ": " + std::string{entry.title} + " (" + found->subject + ": " + found->evidence + ")";
+      if (cause == kIDShared) failure.why += ", and " + std::string{entry.why};
+      failure.advice = entry.remedy.data();  // a literal
+      return failure;
+    }
+  }
+  return failure;
 }
 
 }  // namespace mirel

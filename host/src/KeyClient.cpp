@@ -16,6 +16,7 @@
 #include "host/CryptokiNames.h"
 #include "host/Display.h"
 #include "host/InputSource.h"
+#include "host/KeyAbility.h"
 #include "host/PinSource.h"
 #include "platform/SecretBytes.h"
 
@@ -168,6 +169,21 @@ bool isEmptyOrZero(const Bytes& bytes) noexcept {
   return std::all_of(view.begin(), view.end(), [](std::uint8_t byte) { return byte == 0; });
 }
 
+/// Whether the card publishes another key, with another certificate, by the same object identifier.
+bool sharesItsID(const InsertedCard& card, const PublishedKey& key) {
+  return std::any_of(card.items.begin(), card.items.end(), [&](const PublishedItem& item) {
+    const auto* other = std::get_if<PublishedKey>(&item);
+    return other && other->objectID == key.objectID && !(other->certificateID == key.certificateID);
+  });
+}
+
+Failure becauseOfSharedID(const PublishedKey& key, const std::string& what) {
+  const FindingEntry& entry = entryOf(FindingID::kIDShared);
+  return {FailureKind::kNotSupported, what,
+          std::string{entry.title} + " (" + shortened(idText(key.objectID)) + "): " + std::string{entry.why},
+          entry.remedy.data()};  // a literal
+}
+
 bool isRsaAlgorithm(SecKeyAlgorithm algorithm) noexcept {
   return nameOf(algorithm).substr(kSecKeyAlgorithmPrefix.size()).starts_with("RSA");
 }
@@ -218,9 +234,11 @@ Result<SecKeyAlgorithm> KeyClient::formFor(const PublishedKey& key, SecKeyAlgori
                    UserStep::kSeeAlgorithms};
   }
   const auto form = acceptedForm(key, algorithm);
-  if (!form)
+  if (!form) {
+    if (sharesItsID(card_, key)) return becauseOfSharedID(key, what);
     return Failure{FailureKind::kNotSupported, what, "the token accepts no form of it",
                    UserStep::kSeeAlgorithms};
+  }
   if (isComposite(stepsBetween(algorithm, *form))) {
     return Failure{FailureKind::kNotSupported, what,
                    "the token would be asked for " + named(*form) +
@@ -234,6 +252,8 @@ Result<SecKeyAlgorithm> KeyClient::formFor(const PublishedKey& key, SecKeyAlgori
         std::string{"the token accepts it, but the key is "} + (isRsaKey ? "an RSA key" : "no RSA key"),
         kAskFittingAlgorithm};
   }
+  const KeyOperation asked = keyOperationOf(operation);
+  if (const auto never = reasonNeverTo(asked, key)) return refusalBecauseOf(*never, asked);
   return *form;
 }
 

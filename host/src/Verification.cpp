@@ -12,11 +12,6 @@
 namespace mirel {
 namespace {
 
-constexpr std::string_view kPssName =
-    "a key with PSS in its name signs by PSS in the card, and that signature is not handed out";
-constexpr int kLongestSigningKey = 8 * CryptTKitSProvider::kMaxSignatureLen;  // bits
-static_assert(kLongestSigningKey == 2048, "the text names the number");
-
 /// True for zeros with, at the end, exactly the data that PKCS #1 v1.5 should have padded.
 bool isUnpadded(const ByteVector& block, SecKeyAlgorithm algorithm, const Bytes& data) {
   const auto hash = hashOf(algorithm);
@@ -32,26 +27,9 @@ bool allZero(const Bytes& bytes) {
   return std::all_of(bytes.view().begin(), bytes.view().end(), [](std::uint8_t byte) { return byte == 0; });
 }
 
-/// Why that key never signs through the card layer, whatever the card says; nothing for one that may.
-std::optional<std::string_view> reasonNeverToSign(const PublishedKey& key) {
-  if (key.keyType != CertificateKeyType::kRSA) return "only RSA keys sign through this card layer";
-  if (key.keySizeInBits > kLongestSigningKey)
-    return "RSA keys above 2048 bits do not sign through this card layer";
-  if (containsIgnoringCase(key.certificateID, u"PSS")) return kPssName;
-  return std::nullopt;
-}
-
 /// " (C_Sign answered CKR_DEVICE_ERROR (0x30))", where something is known to have gone wrong in the card.
 std::string remarkOn(const Signature& signature) {
   return signature.fault ? " (" + signature.fault->reason + ")" : std::string{};
-}
-
-std::string whyEmpty(const PublishedKey& key, const Signature& signature) {
-  const auto reason = reasonNeverToSign(key);
-  if (reason == kPssName) return std::string{kPssName} + remarkOn(signature);
-  std::string why = "the signature is empty";
-  if (reason) why.append(": ").append(*reason);
-  return why + remarkOn(signature);
 }
 
 /// Why a signature that does not verify is none.
@@ -59,7 +37,6 @@ std::string whyWrong(const PublicKey& publicKey, const PublishedKey& key, SecKey
                      const Signature& signature) {
   if (allZero(signature.value)) {
     if (signature.fault) return "the signature is all zeros: the card made none" + remarkOn(signature);
-    if (containsIgnoringCase(key.certificateID, u"PSS")) return std::string{kPssName};
     return "the signature is all zeros: the card layer handed none out";
   }
   if (key.keyType == CertificateKeyType::kRSA && signature.value.size() != modulusSizeOf(key)) {
@@ -68,18 +45,17 @@ std::string whyWrong(const PublicKey& publicKey, const PublishedKey& key, SecKey
   }
   const bool isPKCS1 = nameOf(algorithm).find("PKCS1v15") != std::string_view::npos;
   if (isPKCS1 && isUnpadded(publicKey.recoveredBlock(signature.value.view()), algorithm, signature.data)) {
-    return "the signature does not verify: the module does not pad, so PKCS #1 v1.5 through this card does "
-           "not verify; PSS does";
+    return "the signature does not verify: the module does not pad, so PKCS #1 v1.5 (" +
+           std::string{kPkcs1Users} + ") through this card does not verify; PSS does";
   }
   return "the signature does not verify with the public key of the certificate" + remarkOn(signature);
 }
 
 /// `why`: where no call of the card that failed explains it.
-Failure noSignature(const PublishedKey& key, const Signature& signature, const std::string& why) {
+Failure noSignature(const Signature& signature, const std::string& why) {
   constexpr const char* kWhat = "there is no good signature";
   const auto failed = signature.fault ? signature.fault->failure : std::nullopt;
-  const bool gone = failed && failed->kind == FailureKind::kCardGone;
-  if (failed && (gone || !reasonNeverToSign(key))) return {failed->kind, kWhat, failed->why, failed->advice};
+  if (failed) return {failed->kind, kWhat, failed->why, failed->advice};
   return {FailureKind::kVerificationFailed, kWhat, why, "try another algorithm or key"};
 }
 
@@ -87,8 +63,8 @@ Failure noSignature(const PublishedKey& key, const Signature& signature, const s
 
 Result<void> verifySignature(const PublishedCertificate& certificate, const PublishedKey& key,
                              SecKeyAlgorithm algorithm, const Signature& signature) {
-  const auto none = [&](const std::string& why) { return noSignature(key, signature, why); };
-  if (signature.value.size() == 0) return none(whyEmpty(key, signature));
+  const auto none = [&](const std::string& why) { return noSignature(signature, why); };
+  if (signature.value.size() == 0) return none("the signature is empty" + remarkOn(signature));
   const auto publicKey = publicKeyOfCertificate(certificate.data.view());
   if (!publicKey) return none("the public key of the certificate cannot be read");
   if (publicKey->verifies(algorithm, signature.data.view(), signature.value.view())) return {};

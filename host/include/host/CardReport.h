@@ -56,6 +56,10 @@ struct CardReport {
 /// What is known of how a module treats raw RSA: the padding of PKCS #1 v1.5 is only there if it adds it.
 enum class ModulePadding { kUnknown, kNone, kAdds };
 
+/// The programs that ask for signatures by PKCS #1 v1.5.
+inline constexpr std::string_view kPkcs1Users =
+    "TLS 1.2 with rsa_pkcs1, CMS (S/MIME), most PDF signers";
+
 /// What an RSA key of up to 2048 bits signs: "signs RSA-PSS; not PKCS #1 v1.5 (TLS 1.2 with ...)".
 [[nodiscard]] std::string signingPhrase(ModulePadding padding);
 
