@@ -85,8 +85,8 @@ ExitCode tellWhatToDo(Desktop& desktop, UserDirectory& user) {
 
   const Text message = hint.isNull() ? text : joined({text, Text{u"\n\n"}, hint});
   if (desktop.appWasOpened() && desktop.showMessage(title, message)) return notice.code;
-  std::string lines = displayed(title) + "\n" + displayed(text) + "\n";
-  if (!hint.isNull()) lines += displayed(hint) + "\n";
+  std::string lines = displayedName(title) + "\n" + displayedName(text) + "\n";
+  if (!hint.isNull()) lines += displayedName(hint) + "\n";
   const auto written = writeOutput(lines);
   return written ? notice.code : report(written.failure());
 }

@@ -5,12 +5,9 @@
 
 namespace mirel {
 
-std::string quoted(const Text& name) {
-  std::string text = displayed(name);
-  text.insert(text.begin(), '"');
-  text.push_back('"');
-  return text;
-}
+std::string quoted(const std::string& shown) { return "\"" + shown + "\""; }
+
+std::string quoted(const Text& name) { return quoted(displayed(name)); }
 
 Failure enumerationFailure(const Reader& reader, const std::string& why, const Advice& advice) {
   return {FailureKind::kCardEnumerationFailed,

@@ -8,7 +8,9 @@
 
 namespace mirel {
 
-/// The name between quotation marks, fit for a terminal.
+/// Between quotation marks. `shown`: fit for a message.
+[[nodiscard]] std::string quoted(const std::string& shown);
+/// The same for a name of the card.
 [[nodiscard]] std::string quoted(const Text& name);
 
 /// The card in the reader cannot be listed, for that reason ...

@@ -135,29 +135,33 @@ Result<Host::ChosenReader> Host::chooseReader(const Text& readerName) {
 }
 
 Result<Reader> Host::readerNamed(const Text& readerName, const std::vector<Reader>& candidates) {
-  const auto exact = std::find_if(candidates.begin(), candidates.end(),
-                                  [&](const Reader& reader) { return reader.name == readerName; });
+  const std::string wanted = readerName.toUtf8();
+  const std::string shownName = displayed(std::string_view{wanted});
+  const auto isNamed = [&](const Reader& reader) {
+    return displayed(reader.name) == wanted || reader.name == readerName;
+  };
+  const auto exact = std::find_if(candidates.begin(), candidates.end(), isNamed);
   if (exact != candidates.end()) return *exact;
 
   std::vector<Reader> alike;
   std::copy_if(candidates.begin(), candidates.end(), std::back_inserter(alike), [&](const Reader& reader) {
-    return !readerName.isEmpty() && reader.name.units().starts_with(readerName.units());
+    return !readerName.isEmpty() && (displayed(reader.name).starts_with(wanted) ||
+                                     reader.name.units().starts_with(readerName.units()));
   });
   if (alike.size() == 1) return alike.front();
   if (alike.size() > 1) {
-    return Failure{FailureKind::kNoCard, "the reader name " + quoted(readerName) + " is not clear",
+    return Failure{FailureKind::kNoCard, "the reader name " + quoted(shownName) + " is not clear",
                    "it fits " + namesOf(alike), "give the whole name"};
   }
 
   const auto all = findReaders(*bridge_, *diary_, givenModule_, false);
-  const bool empty = all && std::any_of(all->begin(), all->end(),
-                                        [&](const Reader& reader) { return reader.name == readerName; });
+  const bool empty = all && std::any_of(all->begin(), all->end(), isNamed);
   if (empty) {
-    return Failure{FailureKind::kNoCard, "the reader " + quoted(readerName) + " holds no card",
+    return Failure{FailureKind::kNoCard, "the reader " + quoted(shownName) + " holds no card",
                    "the module finds no token in it", "put a card into it"};
   }
   return Failure{
-      FailureKind::kNoCard, "there is no reader " + quoted(readerName),
+      FailureKind::kNoCard, "there is no reader " + quoted(shownName),
       candidates.empty() ? "no reader holds a card" : "the readers with a card are " + namesOf(candidates),
       UserStep::kSeeReaders};
 }

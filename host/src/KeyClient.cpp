@@ -226,7 +226,7 @@ std::optional<SecKeyAlgorithm> KeyClient::acceptedForm(const PublishedKey& key, 
 Result<SecKeyAlgorithm> KeyClient::formFor(const PublishedKey& key, SecKeyAlgorithm algorithm,
                                            TKTokenOperation operation) {
   if (const auto going = card_.watch ? card_.watch->goesOn() : Result<void>{}; !going) return going.failure();
-  const std::string what = "the key \"" + shortened(displayed(key.objectID)) + "\" does not " +
+  const std::string what = "the key " + shortened(idText(key.objectID), kMostHexDigits) + " does not " +
                            verbOf(operation) + " with " + named(algorithm);
   if (operationOf(algorithm) != operation) {
     return Failure{FailureKind::kNotSupported, what,

@@ -3,17 +3,16 @@
 namespace mirel {
 namespace {
 
-constexpr std::size_t kMostCharacters = 32;  // of one name
-constexpr std::size_t kEnough = 160;         // bytes of all names; the last one may go beyond
+constexpr std::size_t kEnough = 160;  // bytes of all names; the last one may go beyond
 
 bool continues(char c) noexcept { return (static_cast<unsigned char>(c) & 0xC0U) == 0x80U; }
 
 }  // namespace
 
-std::string shortened(const std::string& name) {
+std::string shortened(const std::string& name, std::size_t most) {
   std::size_t characters = 0;
   for (std::size_t i = 0; i < name.size(); ++i) {
-    if (!continues(name[i]) && ++characters > kMostCharacters) return name.substr(0, i) + "...";
+    if (!continues(name[i]) && ++characters > most) return name.substr(0, i) + "...";
   }
   return name;
 }

@@ -30,4 +30,11 @@ std::string hexOfBytes(std::span<const std::uint8_t> bytes, HexDigits digits) {
   return text;
 }
 
+std::optional<unsigned> valueOfHexDigit(char digit) noexcept {
+  if (digit >= '0' && digit <= '9') return static_cast<unsigned>(digit - '0');
+  if (digit >= 'a' && digit <= 'f') return static_cast<unsigned>(digit - 'a' + 10);
+  if (digit >= 'A' && digit <= 'F') return static_cast<unsigned>(digit - 'A' + 10);
+  return std::nullopt;
+}
+
 }  // namespace mirel

@@ -2,9 +2,9 @@
 
 #include <array>
 
-#include "Utf.h"
 #include "platform/LockedMemory.h"
 #include "platform/Memory.h"
+#include "platform/Utf.h"
 
 namespace mirel {
 

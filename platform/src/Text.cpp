@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "Utf.h"
+#include "platform/Utf.h"
 
 namespace mirel {
 Text::Text(std::u16string_view units) : units_{std::make_shared<const std::u16string>(units)} {}

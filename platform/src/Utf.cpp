@@ -1,4 +1,4 @@
-#include "Utf.h"
+#include "platform/Utf.h"
 
 namespace mirel {
 namespace {

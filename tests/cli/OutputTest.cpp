@@ -26,7 +26,6 @@ void expectEach(std::initializer_list<TextRow> rows, std::string (*shown)(const 
 TEST(Displayed, KeepsWhatCanBePrinted) {
   expectEach({{"empty", u"", ""},
               {"ASCII", u"Card 1 ~!\"'", "Card 1 ~!\"'"},
-              {"Latin 1", u"\u00A1\u00FF", "\xC2\xA1\xC3\xBF"},
               {"beyond", u"\u0100\u20AC", "\xC4\x80\xE2\x82\xAC"},
               {"pair of surrogates", u"\U0001F4B3", "\xF0\x9F\x92\xB3"},
               {"neighbours of invisible ones", u"\u200A\u2010\u2027\u202F\u205F\u2070",
@@ -59,6 +58,10 @@ TEST(Displayed, ReplacesHalfAPairOfSurrogates) {
   EXPECT_EQ(displayed(Text{std::u16string_view{kHalf, 3}}),
             "a\xEF\xBF\xBD"
             "b");
+}
+
+TEST(DisplayedName, TakesLatin1ForCharacters) {
+  EXPECT_EQ(displayedName(Text{u"\u00A1\u00FF"}), "\xC2\xA1\xC3\xBF");
 }
 
 TEST(DisplayedName, KeepsTheBackslash) { EXPECT_EQ(displayedName(Text{u"CN=a\\,b"}), "CN=a\\,b"); }

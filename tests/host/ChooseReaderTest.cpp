@@ -203,6 +203,13 @@ TEST_F(ChooseReader, TakesTheFirstOfTwoWithOneName) {
 TEST_F(ChooseReader, TakesANameWithLettersBeyondAscii) {
   setReaders({"Leser", "L\xE4ser"});
   EXPECT_EQ(labelFor(Text{u"L\u00E4ser"}), "Card 1");
+  EXPECT_EQ(labelFor(Text{u"L\\xE4"}), "Card 1");
+}
+
+TEST_F(ChooseReader, TakesANameInUtf8) {
+  setReaders({"Leser", "L\xC3\xA4ser \xE7\x8D\xB7"});
+  EXPECT_EQ(labelFor(Text{u"L\u00E4ser \u7377"}), "Card 1");
+  EXPECT_EQ(labelFor(Text{u"L\u00E4"}), "Card 1");
 }
 
 }  // namespace

@@ -2,8 +2,87 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
+
+#include "platform/Log.h"
+
 namespace mirel::test {
 namespace {
+
+struct BytesRow {
+  const char* name;
+  std::string bytes;
+  std::string expected;
+};
+
+Text cardText(const std::string& bytes) {
+  return Text::fromBytes({reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()});
+}
+
+TEST(Displayed, ShowsUtf8AsItsCharacters) {
+  const BytesRow rows[] = {
+      {"two bytes", "Gr\xC3\xBCn", "Gr\xC3\xBCn"},
+      {"three bytes", "\xE2\x82\xAC", "\xE2\x82\xAC"},
+      {"four bytes", "\xF0\x9F\x92\xB3", "\xF0\x9F\x92\xB3"},
+      {"combining", "e\xCC\x81", "e\xCC\x81"},
+      {"East Asian", "\xE7\x8D\xB7", "\xE7\x8D\xB7"},
+  };
+  for (const BytesRow& row : rows) {
+    SCOPED_TRACE(row.name);
+    EXPECT_EQ(displayed(cardText(row.bytes)), row.expected);
+    EXPECT_EQ(displayed(std::string_view{row.bytes}), row.expected);
+  }
+}
+
+TEST(Displayed, ShowsBytesThatAreNoUtf8ByNumber) {
+  const BytesRow rows[] = {
+      {"Latin 1", "Gr\xFCn", R"(Gr\xFCn)"},
+      {"among UTF-8", "\xC3\xBC\xFF", "\xC3\xBC\\xFF"},
+      {"overlong", "\xC0\xAF\xE0\x80\x9B\xF0\x80\x80\x9B", R"(\xC0\xAF\xE0\x80\x9B\xF0\x80\x80\x9B)"},
+      {"surrogate", "\xED\xA0\x80", R"(\xED\xA0\x80)"},
+      {"beyond Unicode", "\xF4\x90\x80\x80", R"(\xF4\x90\x80\x80)"},
+      {"cut off", "a\xE2\x82", R"(a\xE2\x82)"},
+      {"continuation alone", "\x9B", R"(\x9B)"},
+  };
+  for (const BytesRow& row : rows) {
+    SCOPED_TRACE(row.name);
+    EXPECT_EQ(displayed(cardText(row.bytes)), row.expected);
+  }
+}
+
+TEST(Displayed, LetsNoCharacterControlOrMisleadATerminal) {
+  const BytesRow rows[] = {
+      {"escape", "\x1B[2J", R"(\x1B[2J)"},
+      {"control of two bytes", "\xC2\x9B", R"(\u{009B})"},
+      {"line ends", "\n\r\xE2\x80\xA8", R"(\x0A\x0D\u{2028})"},
+      {"right to left", "\xE2\x80\xAE\xE2\x81\xA7", R"(\u{202E}\u{2067})"},
+      {"zero width", "\xE2\x80\x8B\xEF\xBB\xBF", R"(\u{200B}\u{FEFF})"},
+      {"variation", "\xEF\xB8\x8F", R"(\u{FE0F})"},
+      {"invisible tags", "\xF3\xA0\x81\x81", R"(\u{E0041})"},
+      {"filler", "\xE3\x85\xA4", R"(\u{3164})"},
+      {"no characters", "\xEF\xBF\xBE\xEF\xB7\x90", R"(\u{FFFE}\u{FDD0})"},
+      {"backslash", "\\", R"(\x5C)"},
+  };
+  for (const BytesRow& row : rows) {
+    SCOPED_TRACE(row.name);
+    EXPECT_EQ(displayed(cardText(row.bytes)), row.expected);
+  }
+}
+
+TEST(Displayed, GivesBackNoControlWhateverTheBytesAre) {
+  for (unsigned first = 0; first < 0x100; ++first) {
+    for (unsigned second = 0; second < 0x100; ++second) {
+      const std::string bytes{static_cast<char>(first), static_cast<char>(second)};
+      const std::string shown = displayed(cardText(bytes));
+      EXPECT_TRUE(isPrintableLine(shown)) << first << " " << second;
+      EXPECT_TRUE(isValidUtf8({reinterpret_cast<const std::uint8_t*>(shown.data()), shown.size()}));
+    }
+  }
+}
+
+TEST(DisplayedAsLatin1, TakesEachByteForACharacter) {
+  EXPECT_EQ(displayedAsLatin1(cardText("\x01\xFF\x80\\")), "\\x01\xC3\xBF\\x80\\x5C");
+}
 
 TEST(IdText, GivesTwoDigitsInLowerCaseForEachByte) {
   const struct {

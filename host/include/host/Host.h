@@ -121,7 +121,8 @@ class Host {
   [[nodiscard]] Result<std::vector<Reader>> readers(const Text& readerName = Text{});
 
   /// Inserts the card of a reader: driver, token, items. `readerName`: the reader's whole name, or a
-  /// beginning that only one reader has; null: the first reader whose token is initialised.
+  /// beginning that only one reader has, as it is displayed or with a character for each byte; null: the
+  /// first reader whose token is initialised.
   [[nodiscard]] Result<InsertedCard> insert(const Text& readerName);
 
   /// A new client of the token of an inserted card. None of a card that was taken because the one before

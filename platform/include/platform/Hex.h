@@ -1,8 +1,9 @@
 #pragma once
 
-/// Numbers and bytes in hexadecimal digits: the one place that writes them.
+/// Numbers and bytes in hexadecimal digits: the one place that writes and reads them.
 
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string>
 
@@ -15,5 +16,8 @@ enum class HexDigits { kUpper, kLower };
 
 /// Two digits for each byte.
 [[nodiscard]] std::string hexOfBytes(std::span<const std::uint8_t> bytes, HexDigits digits);
+
+/// What a digit of either case stands for; nothing for another character.
+[[nodiscard]] std::optional<unsigned> valueOfHexDigit(char digit) noexcept;
 
 }  // namespace mirel
