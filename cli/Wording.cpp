@@ -16,7 +16,7 @@ std::string_view wordsOf(UserStep step) noexcept {
     case UserStep::kInitialiseOrNameReader:
       return "initialise the card, insert another one, or name a reader with --reader";
     case UserStep::kRetryOrGiveObjectID:
-      return "run again, or give the object ID of a key that `mireltoken items` shows";
+      return "run again, or give the ID of a key that `mireltoken items` shows";
     case UserStep::kCheckModulePath: return "check the path given with --module";
     case UserStep::kCheckModuleKind:
       return "check that the path given with --module is a PKCS #11 module for this system";
