@@ -1,5 +1,6 @@
 #include "platform/PlatformServices.h"
 
+#include "platform/CardService.h"
 #include "platform/Certificate.h"
 #include "platform/DistributedNotificationCenter.h"
 #include "platform/DynamicLoader.h"
@@ -19,6 +20,7 @@ PlatformServices systemServices() {
   services.certificates = systemCertificateParser();
   services.memory = systemMemory();
   services.strings = systemLocalizedStrings();
+  services.cardService = systemCardService();
   return services;
 }
 

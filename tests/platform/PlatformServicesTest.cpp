@@ -14,6 +14,7 @@ TEST(SystemServices, SetsEveryServiceOfTheRunningSystem) {
   EXPECT_NE(services.certificates, nullptr);
   EXPECT_NE(services.memory, nullptr);
   EXPECT_NE(services.strings, nullptr);
+  EXPECT_NE(services.cardService, nullptr);
 }
 
 TEST(SystemServices, LeavesTheObserverToTheCaller) {

@@ -4,6 +4,7 @@
 
 namespace mirel {
 
+class CardService;
 class CertificateParser;
 class CryptokiObserver;
 class DistributedNotificationCenter;
@@ -24,6 +25,7 @@ struct PlatformServices {
   std::shared_ptr<Memory> memory;
   std::shared_ptr<LocalizedStrings> strings;
   std::shared_ptr<CryptokiObserver> observer;  ///< may be null
+  std::shared_ptr<CardService> cardService;    ///< for explanations alone; may be null
 };
 
 /// The services of the running system, without an observer.

@@ -1,0 +1,127 @@
+/// A PC/SC library that answers what the environment says; without MIREL_PCSC_READERS as where no service
+/// runs. In the form of pcsc-lite, or with MIREL_PCSC_APPLE in that of macOS.
+///
+///   MIREL_PCSC_READERS    "Reader A=22:3B6500;Reader B=10": the readers, ";" between them, each with the
+///   bits
+///                         of its state and the ATR of its card, in hexadecimal digits. Empty: there are
+///                         none.
+///   MIREL_PCSC_LENGTH     the length that SCardListReaders reports, decimal, whatever it wrote.
+///   MIREL_PCSC_ATR        the length that is reported of every ATR, decimal, whatever was written.
+///   MIREL_PCSC_HANGS      a function that does not come back.
+///   MIREL_PCSC_GONE       set: readers have gone when they are asked for.
+
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+#ifdef MIREL_PCSC_APPLE
+using Number = std::uint32_t;
+using Result = std::int32_t;
+#pragma pack(push, 1)
+#else
+using Number = unsigned long;
+using Result = long;
+#endif
+struct ReaderState {
+  const char* reader;
+  void* userData;
+  Number currentState;
+  Number eventState;
+  Number atrLength;
+  unsigned char atr[33];
+};
+#ifdef MIREL_PCSC_APPLE
+#pragma pack(pop)
+#endif
+using Context = Result;
+
+constexpr Context kContext = 77;
+constexpr std::uint32_t kNoService = 0x8010001D;
+constexpr std::uint32_t kInvalidHandle = 0x80100003;
+constexpr std::uint32_t kInsufficientBuffer = 0x80100008;
+constexpr std::uint32_t kUnknownReader = 0x80100009;
+constexpr std::uint32_t kNoReaders = 0x8010002E;
+
+Result answer(std::uint32_t code) { return static_cast<Result>(code); }
+
+struct Reader {
+  std::string name;
+  unsigned long state = 0;
+  std::string atr;
+};
+
+std::vector<Reader> readers() {
+  std::vector<Reader> all;
+  std::istringstream rows{std::getenv("MIREL_PCSC_READERS")};
+  for (std::string row; std::getline(rows, row, ';');) {
+    const std::size_t equals = row.find('=');
+    const std::size_t colon = row.find(':');
+    Reader reader{row.substr(0, equals), std::stoul(row.substr(equals + 1), nullptr, 16), {}};
+    for (std::size_t at = colon; at != std::string::npos && at + 2 < row.size(); at += 2)
+      reader.atr.push_back(static_cast<char>(std::stoul(row.substr(at + 1, 2), nullptr, 16)));
+    all.push_back(reader);
+  }
+  return all;
+}
+
+void mayHang(const char* function) {
+  const char* hanging = std::getenv("MIREL_PCSC_HANGS");
+  while (hanging && std::string{hanging} == function) (void)pause();
+}
+
+}  // namespace
+
+#define MIREL_EXPORT extern "C" __attribute__((visibility("default")))
+
+MIREL_EXPORT Result SCardEstablishContext(Number scope, const void*, const void*, Context* out) {
+  mayHang("SCardEstablishContext");
+  if (scope != 2 || !std::getenv("MIREL_PCSC_READERS")) return answer(kNoService);
+  *out = kContext;
+  return 0;
+}
+
+MIREL_EXPORT Result SCardReleaseContext(Context context) {
+  return context == kContext ? 0 : answer(kInvalidHandle);
+}
+
+MIREL_EXPORT Result SCardListReaders(Context context, const char*, char* out, Number* ioLength) {
+  mayHang("SCardListReaders");
+  if (context != kContext) return answer(kInvalidHandle);
+  std::string list;
+  for (const Reader& reader : readers()) list.append(reader.name).push_back('\0');
+  if (list.empty()) return answer(kNoReaders);
+  list.push_back('\0');
+  const Number room = *ioLength;
+  const char* claimed = std::getenv("MIREL_PCSC_LENGTH");
+  *ioLength = static_cast<Number>(claimed ? std::stoul(claimed) : list.size());
+  if (!out) return 0;
+  if (room < list.size()) {
+    std::memcpy(out, list.data(), room);
+    return claimed ? 0 : answer(kInsufficientBuffer);
+  }
+  std::memcpy(out, list.data(), list.size());
+  return 0;
+}
+
+MIREL_EXPORT Result SCardGetStatusChange(Context context, Number timeout, ReaderState* ioStates,
+                                         Number count) {
+  mayHang("SCardGetStatusChange");
+  if (context != kContext) return answer(kInvalidHandle);
+  if (timeout != 0 || count != 1 || ioStates->currentState != 0) return answer(kInsufficientBuffer);
+  for (const Reader& reader : readers()) {
+    if (reader.name != ioStates->reader || std::getenv("MIREL_PCSC_GONE")) continue;
+    ioStates->eventState = static_cast<Number>(reader.state);
+    std::memcpy(ioStates->atr, reader.atr.data(), reader.atr.size());
+    const char* claimed = std::getenv("MIREL_PCSC_ATR");
+    ioStates->atrLength = static_cast<Number>(claimed ? std::stoul(claimed) : reader.atr.size());
+    return 0;
+  }
+  return answer(kUnknownReader);
+}
