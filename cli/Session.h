@@ -38,6 +38,9 @@ class Session {
   /// The readers that hold a card, or the one that the options name.
   [[nodiscard]] Result<std::vector<Reader>> readers();
 
+  /// Why the module shows no card.
+  [[nodiscard]] Host::NoCard whyNoCard(std::string what) { return host_.whyNoCard(std::move(what)); }
+
   /// Inserts the card in the reader of the options.
   [[nodiscard]] Result<void> insertCard();
   /// The same, with a client of the card's token.

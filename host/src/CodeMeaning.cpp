@@ -38,6 +38,7 @@ constexpr Advice kOtherKey = UserStep::kChooseAnotherKey;
 constexpr Advice kCloseOthers = "close other programs that use the card, then run again";
 constexpr Advice kEnterPin = "enter the PIN of this card";
 constexpr Advice kMakersTool = "use the tool of the card's maker";
+constexpr Advice kBehindProxy = "put the module behind p11-kit-proxy, with its parameters as x-init-reserved";
 constexpr Advice kAskMaker = "ask the maker of the module";
 constexpr Advice kIssuer = "have the card's issuer mend it, or use another key";
 
@@ -54,9 +55,14 @@ constexpr CodeMeaning kMeanings[] = {
     {CKR_SESSION_CLOSED, kAny, kEnded, kPutBack, FailureKind::kCardGone},
     {CKR_CRYPTOKI_NOT_INITIALIZED, kAny, "the module was ended while it was in use", kCheckAll,
      FailureKind::kCardGone},
+    // The module does not start.
+    {CKR_ARGUMENTS_BAD, "C_Initialize", "the module wants parameters at its start", kBehindProxy,
+     FailureKind::kModuleRefuses},
     // The card, the reader or the module is not well.
     {CKR_TOKEN_NOT_RECOGNIZED, kAny, "the module does not know this card, or cannot reach it",
      "check that the card is the right way round and that the module is for it", kOfTheCommand},
+    {CKR_DEVICE_ERROR, "C_GetSlotInfo", "another program holds the card, or the reader does not work",
+     kCloseOthers, kOfTheCommand},
     {CKR_DEVICE_ERROR, kAny, "the card or its reader does not work as it should, or its service stopped",
      kCheckAll, kOfTheCommand},
     {CKR_DEVICE_MEMORY, kAny, "the card has no memory left for this",

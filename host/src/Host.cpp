@@ -13,11 +13,13 @@
 #include "HostToken.h"
 #include "NameList.h"
 #include "ReaderFinder.h"
+#include "ReaderFindings.h"
 #include "bridge/CardRules.h"
 #include "bridge/P11Bridge.h"
 #include "host/CryptokiNames.h"
 #include "host/Display.h"
 #include "host/KeyClient.h"
+#include "platform/CardService.h"
 
 namespace mirel {
 namespace {
@@ -118,10 +120,7 @@ Result<Host::ChosenReader> Host::chooseReader(const Text& readerName) {
                           UserStep::kRetryOrNameReader};
     }
     if (first != candidates.end()) return ChosenReader{*first, uncertain};
-    if (candidates.empty()) {
-      return Failure{FailureKind::kNoCard, "there is no card to insert", "no reader holds a card",
-                     "put a card into a reader"};
-    }
+    if (candidates.empty()) return whyNoCard("there is no card to insert").failure;
     const auto unreadable = std::find_if(candidates.begin(), candidates.end(),
                                          [](const Reader& reader) { return reader.unreadable.has_value(); });
     // Whether that card is initialised is not known.
@@ -155,15 +154,32 @@ Result<Reader> Host::readerNamed(const Text& readerName, const std::vector<Reade
   }
 
   const auto all = findReaders(*bridge_, *diary_, givenModule_, false);
-  const bool empty = all && std::any_of(all->begin(), all->end(), isNamed);
-  if (empty) {
+  if (!all) return all.failure();
+  const CardServiceView service = viewOf(services_.cardService);
+  const auto listed = std::find_if(all->begin(), all->end(), isNamed);
+  const Text& name = listed == all->end() ? readerName : listed->name;
+  if (listed != all->end() || serviceHasReader(service, name)) {
+    const std::vector<Finding> findings = findingsOfReader(name, *all, service);
+    if (!findings.empty() && findings.front().id != FindingID::kReadersEmpty)
+      return noCardFailure("the card in reader " + quoted(shownName) + " cannot be used", findings);
     return Failure{FailureKind::kNoCard, "the reader " + quoted(shownName) + " holds no card",
                    "the module finds no token in it", "put a card into it"};
   }
-  return Failure{
-      FailureKind::kNoCard, "there is no reader " + quoted(shownName),
-      candidates.empty() ? "no reader holds a card" : "the readers with a card are " + namesOf(candidates),
-      UserStep::kSeeReaders};
+  const std::string what = "there is no reader " + quoted(shownName);
+  if (candidates.empty()) return noCardFailure(what, readerFindings(*all, service));
+  return Failure{FailureKind::kNoCard, what, "the readers with a card are " + namesOf(candidates),
+                 UserStep::kSeeReaders};
+}
+
+Host::NoCard Host::whyNoCard(std::string what) {
+  const auto all = findReaders(*bridge_, *diary_, givenModule_, false);
+  if (!all) return {all.failure(), false};
+  std::vector<Finding> findings = readerFindings(*all, viewOf(services_.cardService));
+  // A card that was put in since leaves nothing to say but that there was none.
+  if (findings.empty()) findings.push_back({FindingID::kReadersEmpty, Severity::kFailure, {}, {}});
+  const FindingID first = findings.front().id;
+  return {noCardFailure(std::move(what), findings),
+          first == FindingID::kReadersEmpty || first == FindingID::kNoReader};
 }
 
 Result<InsertedCard> Host::insert(const Text& readerName) {

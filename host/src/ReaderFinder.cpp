@@ -52,12 +52,14 @@ Reader readReader(const P11Bridge& bridge, CK_SLOT_ID slotID, bool withTokenOnly
   reader.slotID = slotID;
   if (const CK_RV rv = bridge.inspectSlot(slotID, outSlot); rv != CKR_OK) {
     setUnreadable(reader, {"C_GetSlotInfo", rv});
+    reader.slotFailure = rv;
     return reader;
   }
   reader.name = trimmed(outSlot.slotDescription);
   reader.slotFlags = slotFlagNames(outSlot.flags);
   // A slot that is listed for its token has one, whatever its flags say.
-  if (!withTokenOnly && (outSlot.flags & CKF_TOKEN_PRESENT) == 0) return reader;
+  reader.hasToken = withTokenOnly || (outSlot.flags & CKF_TOKEN_PRESENT) != 0;
+  if (!reader.hasToken) return reader;
   CK_TOKEN_INFO token{};
   if (const CK_RV rv = bridge.inspectToken(slotID, token); rv != CKR_OK) {
     setUnreadable(reader, {"C_GetTokenInfo", rv});
@@ -90,18 +92,24 @@ Text distinctName(const std::vector<CK_SLOT_INFO>& slots, std::size_t index, con
 
 }  // namespace
 
-Result<std::vector<Reader>> findReaders(P11Bridge& bridge, FailureDiary& diary,
-                                        const std::string& givenModule, bool withTokenOnly) {
+Result<void> loadModule(P11Bridge& bridge, FailureDiary& diary, const std::string& givenModule) {
   diary.clear();
-  if (!bridge.pkcs11_Load(Text{})) return moduleFailure(diary, bridge.p11dylib(), givenModule);
-  const CK_RV initialised = bridge.pkcs11_Initial(nullptr);
-  if (initialised != CKR_OK && initialised != CKR_CRYPTOKI_ALREADY_INITIALIZED) {
-    return Failure{FailureKind::kModuleRefuses,
-                   "the PKCS #11 module " + moduleName(*bridge.p11dylib(), givenModule) + " does not start",
-                   "C_Initialize answered " + cryptokiResultText(initialised),
-                   "check the module's own configuration and the service it needs"};
-  }
+  if (bridge.pkcs11_Load(Text{})) return {};
+  return moduleFailure(diary, bridge.p11dylib(), givenModule);
+}
 
+Result<void> startModule(P11Bridge& bridge, const std::string& givenModule, CK_RV& outAnswer) {
+  outAnswer = bridge.pkcs11_Initial(nullptr);
+  if (outAnswer == CKR_OK || outAnswer == CKR_CRYPTOKI_ALREADY_INITIALIZED) return {};
+  const FailedCall cause{"C_Initialize", outAnswer};
+  const std::string what =
+      "the PKCS #11 module " + moduleName(*bridge.p11dylib(), givenModule) + " does not start";
+  if (outAnswer == CKR_ARGUMENTS_BAD) return failureBecauseOf(cause, what, FailureKind::kModuleRefuses);
+  return Failure{FailureKind::kModuleRefuses, what, answerText(cause),
+                 "check the module's own configuration and the service it needs"};
+}
+
+Result<std::vector<Reader>> listReaders(const P11Bridge& bridge, bool withTokenOnly) {
   std::vector<CK_SLOT_ID> slotIDs;
   if (const CK_RV rv = bridge.inspectSlots(withTokenOnly, slotIDs); rv != CKR_OK) {
     return failureBecauseOf({"C_GetSlotList", rv}, "the PKCS #11 module does not list its slots",
@@ -115,6 +123,14 @@ Result<std::vector<Reader>> findReaders(P11Bridge& bridge, FailureDiary& diary,
     readers.back().distinctName = distinctName(slots, slots.size() - 1, readers.back().name);
   }
   return readers;
+}
+
+Result<std::vector<Reader>> findReaders(P11Bridge& bridge, FailureDiary& diary,
+                                        const std::string& givenModule, bool withTokenOnly) {
+  if (const auto loaded = loadModule(bridge, diary, givenModule); !loaded) return loaded.failure();
+  CK_RV answer = CKR_OK;
+  if (const auto started = startModule(bridge, givenModule, answer); !started) return started.failure();
+  return listReaders(bridge, withTokenOnly);
 }
 
 }  // namespace mirel

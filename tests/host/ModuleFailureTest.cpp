@@ -99,6 +99,15 @@ TEST_F(ModuleFailure, AModuleThatDoesNotStartIsNamedWithItsResult) {
   EXPECT_THAT(failure.why, StartsWith("C_Initialize answered CKR_DEVICE_ERROR (0x30)"));
 }
 
+TEST_F(ModuleFailure, AModuleThatWantsParametersIsToldHowToGetThem) {
+  script.failCallOf("C_Initialize", 0, CKR_ARGUMENTS_BAD);
+  const Failure failure = failureOf(host.readers());
+  EXPECT_EQ(failure.kind, FailureKind::kModuleRefuses);
+  EXPECT_EQ(failure.why,
+            "C_Initialize answered CKR_ARGUMENTS_BAD (0x7), the module wants parameters at its start");
+  EXPECT_THAT(failure.advice.words(), HasSubstr("x-init-reserved"));
+}
+
 TEST_F(ModuleFailure, AModuleThatRunsAlreadyIsNone) {
   script.setInitialised(true);
   EXPECT_EQ(readers().size(), 1U);

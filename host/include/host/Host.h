@@ -37,6 +37,8 @@ struct Reader {
   Text manufacturer;
   Text model;
   std::vector<std::string> tokenFlags;
+  bool hasToken = false;                     ///< the module says so
+  std::optional<std::uint64_t> slotFailure;  ///< what C_GetSlotInfo answered, where it failed: all is unknown
   bool tokenInitialised = false;
   std::optional<Failure> unreadable;  ///< why the token could not be read; nothing also where there is none
   bool mayBeReadableLater = false;    ///< and it is no lasting answer, such as that the card is not known
@@ -119,6 +121,17 @@ class Host {
   /// The readers that hold a token, in the module's order. May be empty. `readerName`: only that one
   /// (see `insert`); null: all.
   [[nodiscard]] Result<std::vector<Reader>> readers(const Text& readerName = Text{});
+
+  /// Why there is no card.
+  struct NoCard {
+    Failure failure;
+    bool onlyMissing = true;  ///< nothing is wrong: a card or a reader is not there
+  };
+
+  /// Why the module shows no card: no reader, no card service, a card that it does not know or that another
+  /// program holds, or just no card. Asks the module for all its slots, and the card service. `what`: could
+  /// not be done for that.
+  [[nodiscard]] NoCard whyNoCard(std::string what);
 
   /// Inserts the card of a reader: driver, token, items. `readerName`: the reader's whole name, or a
   /// beginning that only one reader has, as it is displayed or with a character for each byte; null: the

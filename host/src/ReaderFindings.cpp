@@ -1,0 +1,189 @@
+#include "ReaderFindings.h"
+
+#include <algorithm>
+#include <iterator>
+
+#include "CodeMeaning.h"
+#include "FixedText.h"
+#include "bridge/CardRules.h"
+#include "bridge/cryptoki.h"
+#include "host/Display.h"
+#include "platform/Log.h"
+
+namespace mirel {
+namespace {
+
+using enum FindingID;
+using Card = ServiceReader::Card;
+
+constexpr std::size_t kDescriptionSize = sizeof CK_SLOT_INFO{}.slotDescription;
+
+/// The reader's name as a slot description would have it.
+Text nameOf(const ServiceReader& reader) {
+  const std::string name = reader.name.substr(0, kDescriptionSize);
+  return trimmed({reinterpret_cast<const CK_UTF8CHAR*>(name.data()), name.size()});
+}
+
+std::string subjectOf(const Text& name) { return "reader \"" + displayed(name) + "\""; }
+
+bool isAscii(const Text& text) {
+  return std::all_of(text.units().begin(), text.units().end(), [](char16_t unit) { return unit < 0x80; });
+}
+
+std::string slotInfoAnswer(const Reader& slot) { return answerText({"C_GetSlotInfo", *slot.slotFailure}); }
+
+/// Looks at each reader once.
+class ReaderExamination {
+ public:
+  ReaderExamination(const std::vector<Reader>& slots, const CardServiceView& service)
+      : slots_{slots},
+        service_{service},
+        hasToken_{std::any_of(slots.begin(), slots.end(), [](const Reader& slot) { return slot.hasToken; })} {
+  }
+
+  [[nodiscard]] std::vector<Finding> findings() && {
+    if (serviceIsMissed()) add(kCardServiceSilent, {}, printableLine(service_.evidence));
+    for (const ServiceReader& reader : service_.readers) lookAt(reader);
+    if (found_.empty()) lookAtSilentSlots();
+    if (found_.empty() && !hasToken_) nothingThere();
+    lookAtNames();
+    return std::move(found_);
+  }
+
+ private:
+  void add(FindingID id, std::string subject, std::string evidence) {
+    found_.push_back(
+        {id, hasToken_ ? Severity::kWarning : Severity::kFailure, std::move(subject), std::move(evidence)});
+  }
+
+  /// A module that shows slots has them from somewhere, so it does without the service.
+  [[nodiscard]] bool serviceIsMissed() const {
+    if (service_.state != CardServiceView::State::kSilent || hasToken_) return false;
+    return slots_.empty() || firstFailingSlot() != nullptr;
+  }
+
+  [[nodiscard]] const Reader* firstFailingSlot() const {
+    const auto found = std::find_if(slots_.begin(), slots_.end(),
+                                    [](const Reader& slot) { return slot.slotFailure.has_value(); });
+    return found == slots_.end() ? nullptr : &*found;
+  }
+
+  [[nodiscard]] const Reader* slotOf(const ServiceReader& reader) const {
+    const Text name = nameOf(reader);
+    const Reader* first = nullptr;
+    for (const Reader& slot : slots_) {
+      if (slot.slotFailure || !(slot.name == name)) continue;
+      if (slot.hasToken) return &slot;
+      if (!first) first = &slot;
+    }
+    return first;
+  }
+
+  [[nodiscard]] bool moduleListsAnotherReader() const {
+    return std::any_of(service_.readers.begin(), service_.readers.end(),
+                       [&](const ServiceReader& reader) { return slotOf(reader) != nullptr; });
+  }
+
+  void lookAt(const ServiceReader& reader) {
+    const Reader* slot = slotOf(reader);
+    if (slot && slot->hasToken) return;
+    const std::string subject = subjectOf(nameOf(reader));
+    const Reader* failing = slot ? nullptr : firstFailingSlot();  // which has no name
+    const std::string atr = reader.atr.empty() ? "the card service tells no ATR" : "ATR " + reader.atr;
+    if (reader.card == Card::kMute) return add(kCardMute, subject, "the card service finds the card mute");
+    if (reader.exclusive) return add(kCardHeldByAnother, subject, atr + ", in exclusive use");
+    if (failing && reader.card == Card::kPresent)
+      return add(kCardHeldByAnother, subject, slotInfoAnswer(*failing) + ", " + atr);
+    if (!slot && moduleListsAnotherReader()) {
+      return add(kReaderUnknownToModule, subject,
+                 reader.card == Card::kPresent ? "it holds a card, " + atr : "it holds no card");
+    }
+    if (reader.card == Card::kPresent) add(kCardNotRecognised, subject, atr);
+  }
+
+  /// Those that the service says nothing about.
+  void lookAtSilentSlots() {
+    for (const Reader& slot : slots_) {
+      if (!slot.slotFailure) continue;
+      const std::string subject = "slot " + std::to_string(slot.slotID);
+      const bool isDeviceError = *slot.slotFailure == CKR_DEVICE_ERROR;
+      add(isDeviceError ? kCardHeldByAnother : kTokenUnreadable, subject, slotInfoAnswer(slot));
+    }
+  }
+
+  void nothingThere() {
+    const bool answers = service_.state == CardServiceView::State::kAnswers;
+    if (answers ? service_.readers.empty() : slots_.empty()) {
+      return add(kNoReader, {},
+                 answers
+                     ? "the card service knows no reader, the module lists " + std::to_string(slots_.size()) +
+                           (slots_.size() == 1 ? " empty slot" : " empty slots")
+                     : "the module lists no slot");
+    }
+    add(kReadersEmpty, {},
+        std::to_string(answers ? service_.readers.size() : slots_.size()) + " without a card");
+  }
+
+  void lookAtNames() {
+    for (const Reader& slot : slots_) {
+      if (!slot.hasToken || slot.slotFailure) continue;
+      if (slot.distinctName.isNull())
+        found_.push_back({kReaderNamesAlike, Severity::kWarning, subjectOf(slot.name),
+                          "slot " + std::to_string(slot.slotID)});
+      if (!isAscii(slot.name))
+        found_.push_back({kReaderNameNotAscii, Severity::kFailure, subjectOf(slot.name),
+                          "slot " + std::to_string(slot.slotID)});
+    }
+    const auto numTokens =
+        std::count_if(slots_.begin(), slots_.end(), [](const Reader& slot) { return slot.hasToken; });
+    if (static_cast<std::size_t>(numTokens) > kAnnouncedSlots)
+      found_.push_back({kTooManyCards, Severity::kFailure, {}, std::to_string(numTokens) + " readers"});
+  }
+
+  const std::vector<Reader>& slots_;
+  const CardServiceView& service_;
+  bool hasToken_;
+  std::vector<Finding> found_;
+};
+
+}  // namespace
+
+std::vector<Finding> readerFindings(const std::vector<Reader>& slots, const CardServiceView& service) {
+  return ReaderExamination{slots, service}.findings();
+}
+
+std::vector<Finding> findingsOfReader(const Text& name, const std::vector<Reader>& slots,
+                                      const CardServiceView& service) {
+  std::vector<Reader> itsSlots;
+  std::copy_if(slots.begin(), slots.end(), std::back_inserter(itsSlots),
+               [&](const Reader& slot) { return slot.slotFailure || slot.name == name; });
+  CardServiceView itself{service.state, service.evidence, {}};
+  std::copy_if(service.readers.begin(), service.readers.end(), std::back_inserter(itself.readers),
+               [&](const ServiceReader& reader) { return nameOf(reader) == name; });
+  // A service that has not heard of the reader says nothing about it.
+  if (itself.readers.empty()) itself.state = CardServiceView::State::kNotThere;
+  return readerFindings(itsSlots, itself);
+}
+
+bool serviceHasReader(const CardServiceView& service, const Text& name) {
+  return std::any_of(service.readers.begin(), service.readers.end(),
+                     [&](const ServiceReader& reader) { return nameOf(reader) == name; });
+}
+
+CardServiceView viewOf(const std::shared_ptr<CardService>& service) {
+  return service ? service->look() : CardServiceView{};
+}
+
+Failure noCardFailure(std::string what, const std::vector<Finding>& findings) {
+  const Finding& first = findings.front();
+  const FindingEntry& entry = entryOf(first.id);
+  std::string why{entry.title};
+  if (first.id != kReadersEmpty && first.id != kNoReader) {
+    why.append(" (").append(first.subject);
+    if (!first.subject.empty() && !first.evidence.empty()) why.append(", ");
+    why.append(first.evidence).append(")");
+  }
+  return {FailureKind::kNoCard, std::move(what), std::move(why), entry.remedy.data()};
+}
+
+}  // namespace mirel

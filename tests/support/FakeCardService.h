@@ -1,0 +1,21 @@
+#pragma once
+
+#include <memory>
+
+#include "platform/CardService.h"
+
+namespace mirel::test {
+
+/// A card service that tells what a test sets. Counts how often it is asked.
+class FakeCardService final : public CardService {
+ public:
+  CardServiceView look() noexcept override {
+    ++looks;
+    return view;
+  }
+
+  CardServiceView view{CardServiceView::State::kAnswers, {}, {}};
+  int looks = 0;
+};
+
+}  // namespace mirel::test
