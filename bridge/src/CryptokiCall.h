@@ -9,13 +9,11 @@
 
 namespace mirel {
 
-/// Every Cryptoki call that is made for a token goes through here: one place for entries that a list lacks,
-/// for the lock around each call and for the observer, who is told without it. The caller has checked that
-/// there is a list.
+/// Every Cryptoki call goes through here: one place for entries that a list lacks, for the lock around each
+/// call and for the observer (may be null), who is told without it.
 template <auto Entry, typename... Args>
-CK_RV P11Bridge::call(Args... args) const noexcept {
-  const CK_FUNCTION_LIST& list = *ckFunc();
-  CryptokiObserver* observer = services_.observer.get();
+[[nodiscard]] CK_RV observedCall(const CK_FUNCTION_LIST& list, CryptokiObserver* observer,
+                                 Args... args) noexcept {
   if (!observer) return callAlone(list.*Entry, args...);
 
   const auto* listStart = reinterpret_cast<const std::byte*>(&list);
@@ -27,11 +25,18 @@ CK_RV P11Bridge::call(Args... args) const noexcept {
   return rv;
 }
 
-/// The same for a call beside the token's road: the observer is not told. Also checks that there is a list.
+/// A call that is made for a token. The caller has checked that there is a list.
+template <auto Entry, typename... Args>
+CK_RV P11Bridge::call(Args... args) const noexcept {
+  return observedCall<Entry>(*ckFunc(), services_.observer.get(), args...);
+}
+
+/// A call beside the token's road, which has an observer of its own. Also checks that there is a list.
 template <auto Entry, typename... Args>
 CK_RV P11Bridge::ask(Args... args) const noexcept {
   const CK_FUNCTION_LIST* list = ckFunc();
-  return list ? callAlone(list->*Entry, args...) : CKR_CRYPTOKI_NOT_INITIALIZED;
+  return list ? observedCall<Entry>(*list, services_.inspectionObserver.get(), args...)
+              : CKR_CRYPTOKI_NOT_INITIALIZED;
 }
 
 /// C_GetTokenInfo by `read`, once more where the card was just put back.

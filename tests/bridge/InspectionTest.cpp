@@ -34,6 +34,19 @@ class Inspection : public SessionTest {
   std::vector<CK_OBJECT_HANDLE> objects;
 };
 
+TEST_F(Inspection, HasAnObserverOfItsOwn) {
+  PlatformServices mine = services();
+  const auto own = std::make_shared<RecordingObserver>();
+  mine.inspectionObserver = own;
+  P11Bridge other{mine};
+  ASSERT_TRUE(other.pkcs11_Load(Text{}));
+  const auto before = observer->events;
+  EXPECT_EQ(other.inspectSlots(true, slots), CKR_OK);
+  EXPECT_EQ(own->events.size(), 4U);  // two calls
+  EXPECT_EQ(own->events.front().name, "C_GetSlotList");
+  EXPECT_EQ(observer->events, before);
+}
+
 TEST_F(Inspection, IsCallsThatTheObserverIsNotToldOf) {
   CK_SLOT_INFO slot{};
   CK_TOKEN_INFO token{};

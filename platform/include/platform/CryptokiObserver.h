@@ -8,7 +8,8 @@ namespace mirel {
 enum class BridgeOperation : std::uint8_t;
 
 /// Told of every call that the bridge makes into the PKCS #11 module for a token, and of the result of every
-/// operation of the bridge; not of the calls by which a host looks at readers and cards for the user. For
+/// operation of the bridge; not of the calls by which a host looks at readers and cards for the user, which
+/// have an observer of their own. For
 /// measuring and for explaining failures; it gets no arguments, so it can see neither PINs nor data.
 class CryptokiObserver {
  public:

@@ -24,8 +24,9 @@ struct PlatformServices {
   std::shared_ptr<CertificateParser> certificates;
   std::shared_ptr<Memory> memory;
   std::shared_ptr<LocalizedStrings> strings;
-  std::shared_ptr<CryptokiObserver> observer;  ///< may be null
-  std::shared_ptr<CardService> cardService;    ///< for explanations alone; may be null
+  std::shared_ptr<CryptokiObserver> observer;            ///< may be null
+  std::shared_ptr<CryptokiObserver> inspectionObserver;  ///< told of the host's own calls; may be null
+  std::shared_ptr<CardService> cardService;              ///< for explanations alone; may be null
 };
 
 /// The services of the running system, without an observer.
