@@ -1,5 +1,7 @@
 #pragma once
 
+#include <string_view>
+
 #include "host/Failure.h"
 
 namespace mirel::cli {
@@ -25,30 +27,42 @@ enum class ExitCode : int {
   kCardGone = 16,
   kPinHeldBack = 17,
   kPinCannotBeEntered = 18,
+  kOutputUnread = 141,  ///< as a shell shows a program that SIGPIPE has ended
 };
 
-[[nodiscard]] constexpr ExitCode exitCodeOf(FailureKind kind) noexcept {
+/// How programs tell the kinds of failures apart.
+struct ErrorTerms {
+  ExitCode exitCode;
+  std::string_view id;  ///< with --json; stable, and listed by docs/json.md and its schema
+};
+
+[[nodiscard]] constexpr ErrorTerms errorTermsOf(FailureKind kind) noexcept {
   switch (kind) {
-    case FailureKind::kModuleNotLoadable: return ExitCode::kModuleNotLoadable;
-    case FailureKind::kModuleRefuses: return ExitCode::kModuleRefuses;
-    case FailureKind::kNoCard: return ExitCode::kNoCard;
-    case FailureKind::kCardEnumerationFailed: return ExitCode::kCardEnumerationFailed;
-    case FailureKind::kPinWrong: return ExitCode::kPinWrong;
-    case FailureKind::kPinLocked: return ExitCode::kPinLocked;
-    case FailureKind::kPinHeldBack: return ExitCode::kPinHeldBack;
-    case FailureKind::kPinCannotBeEntered: return ExitCode::kPinCannotBeEntered;
-    case FailureKind::kCancelled: return ExitCode::kCancelled;
-    case FailureKind::kNotSupported: return ExitCode::kNotSupported;
-    case FailureKind::kVerificationFailed: return ExitCode::kVerificationFailed;
-    case FailureKind::kKeyNotFound: return ExitCode::kKeyNotFound;
-    case FailureKind::kCardRefuses: return ExitCode::kCardRefuses;
-    case FailureKind::kBadInput: return ExitCode::kUsage;
-    case FailureKind::kFileFailure: return ExitCode::kFileFailure;
-    case FailureKind::kAnotherCard: return ExitCode::kAnotherCard;
-    case FailureKind::kCardGone: return ExitCode::kCardGone;
+    case FailureKind::kModuleNotLoadable: return {ExitCode::kModuleNotLoadable, "module-not-loadable"};
+    case FailureKind::kModuleRefuses: return {ExitCode::kModuleRefuses, "module-refuses"};
+    case FailureKind::kNoCard: return {ExitCode::kNoCard, "no-card"};
+    case FailureKind::kCardEnumerationFailed: return {ExitCode::kCardEnumerationFailed, "card-not-listed"};
+    case FailureKind::kPinWrong: return {ExitCode::kPinWrong, "pin-wrong"};
+    case FailureKind::kPinLocked: return {ExitCode::kPinLocked, "pin-locked"};
+    case FailureKind::kPinHeldBack: return {ExitCode::kPinHeldBack, "pin-held-back"};
+    case FailureKind::kPinCannotBeEntered: return {ExitCode::kPinCannotBeEntered, "pin-cannot-be-entered"};
+    case FailureKind::kCancelled: return {ExitCode::kCancelled, "cancelled"};
+    case FailureKind::kNotSupported: return {ExitCode::kNotSupported, "not-supported"};
+    case FailureKind::kVerificationFailed: return {ExitCode::kVerificationFailed, "not-verified"};
+    case FailureKind::kKeyNotFound: return {ExitCode::kKeyNotFound, "key-not-found"};
+    case FailureKind::kCardRefuses: return {ExitCode::kCardRefuses, "card-refuses"};
+    case FailureKind::kBadInput: return {ExitCode::kUsage, "bad-input"};
+    case FailureKind::kWrongUsage: return {ExitCode::kUsage, "wrong-usage"};
+    case FailureKind::kFileFailure: return {ExitCode::kFileFailure, "file-failure"};
+    case FailureKind::kOutputFailure: return {ExitCode::kFileFailure, "output-failure"};
+    case FailureKind::kOutputUnread: return {ExitCode::kOutputUnread, "output-unread"};
+    case FailureKind::kAnotherCard: return {ExitCode::kAnotherCard, "another-card"};
+    case FailureKind::kCardGone: return {ExitCode::kCardGone, "card-gone"};
     case FailureKind::kInternal: break;
   }
-  return ExitCode::kInternal;
+  return {ExitCode::kInternal, "internal"};
 }
+
+[[nodiscard]] constexpr ExitCode exitCodeOf(FailureKind kind) noexcept { return errorTermsOf(kind).exitCode; }
 
 }  // namespace mirel::cli

@@ -8,7 +8,7 @@
 #include <string>
 
 #include "ExitCode.h"
-#include "Output.h"
+#include "Json.h"
 #include "Terminal.h"
 
 namespace mirel::cli {
@@ -16,6 +16,7 @@ namespace {
 
 // For the handler, which can be given nothing.
 std::atomic<bool> isArmed{false};
+std::atomic<bool> printsJson{false};
 std::atomic<const char*> runningCall{nullptr};
 std::atomic<pid_t> ownProcess{0};
 std::atomic<int> finalCode{-1};  // -1: the program has not come to its end
@@ -39,10 +40,11 @@ void endAsRefusal() {
   if (!isArmed.exchange(false)) return;
   restoreTerminal();
   const char* call = runningCall;
-  std::string message{"mireltoken: the card's software ended the program: it called exit"};
-  if (call) message.append(" in ").append(call);
-  writeMessage(message.append("; ask the card's maker for a version that does not"));
-  _exit(static_cast<int>(ExitCode::kCardRefuses));
+  std::string why{"it called exit"};
+  if (call) why.append(" in ").append(call);
+  const Failure failure{FailureKind::kCardRefuses, "the card's software ended the program", why,
+                        "ask the card's maker for a version that does not"};
+  _exit(static_cast<int>(report(failure, printsJson)));
 }
 
 class CallNames final : public CryptokiObserver {
@@ -54,7 +56,8 @@ class CallNames final : public CryptokiObserver {
 
 }  // namespace
 
-ExitGuard::ExitGuard() noexcept {
+ExitGuard::ExitGuard(bool json) noexcept {
+  printsJson = json;
   ownProcess = getpid();
   isArmed = std::atexit(&endAsRefusal) == 0;
 }

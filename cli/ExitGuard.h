@@ -11,7 +11,8 @@ namespace mirel::cli {
 /// would otherwise pass for ours. One for each process.
 class ExitGuard {
  public:
-  ExitGuard() noexcept;
+  /// `json`: a program reads the message too.
+  explicit ExitGuard(bool json) noexcept;
   ExitGuard(const ExitGuard&) = delete;
   ExitGuard& operator=(const ExitGuard&) = delete;
   ~ExitGuard();

@@ -14,6 +14,8 @@
 #include <memory>
 #include <vector>
 
+#include "Output.h"
+
 namespace mirel::cli {
 namespace {
 
@@ -207,7 +209,7 @@ Result<void> writeFile(const std::optional<std::string>& name, std::span<const s
                        mode_t mode) {
   if (isStandardStream(name)) {
     if (writeAll(STDOUT_FILENO, data)) return {};
-    return writeFailure("standard output", errno);
+    return outputFailure(errno);
   }
   return isSpecialFile(*name) ? writeInPlace(*name, data) : replaceFile(*name, data, mode);
 }

@@ -65,10 +65,15 @@ std::string table(const std::vector<std::vector<std::string>>& rows, bool colour
   return lines;
 }
 
+Failure outputFailure(int error) {
+  return {error == EPIPE ? FailureKind::kOutputUnread : FailureKind::kOutputFailure,
+          "standard output cannot be written", std::strerror(error),
+          "check where it goes and the space left there"};
+}
+
 Result<void> writeOutput(std::string_view text) {
   if (std::fwrite(text.data(), 1, text.size(), stdout) == text.size() && std::fflush(stdout) == 0) return {};
-  return Failure{FailureKind::kFileFailure, "the output cannot be written", std::strerror(errno),
-                 "check where it goes and the space left there"};
+  return outputFailure(errno);
 }
 
 void writeMessage(std::string_view text) {
@@ -84,7 +89,7 @@ std::string failureLine(const Failure& failure) {
 }
 
 ExitCode report(const Failure& failure) {
-  writeMessage(failureLine(failure));
+  if (failure.kind != FailureKind::kOutputUnread) writeMessage(failureLine(failure));
   return exitCodeOf(failure.kind);
 }
 

@@ -29,12 +29,8 @@ using mirel::displayedName;
 /// Rows of cells as lines with aligned columns. The first row is the heading, bold if `coloured`.
 [[nodiscard]] std::string table(const std::vector<std::vector<std::string>>& rows, bool coloured);
 
-/// A JSON value as lines for standard output. Whatever is not ASCII is escaped, so nothing of a card can
-/// control a terminal.
-template <typename Json>
-[[nodiscard]] std::string jsonLines(const Json& json) {
-  return json.dump(2, ' ', true) + "\n";
-}
+/// Why standard output cannot be written, for that errno.
+[[nodiscard]] Failure outputFailure(int error);
 
 /// Writes to standard output.
 [[nodiscard]] Result<void> writeOutput(std::string_view text);
@@ -45,7 +41,8 @@ void writeMessage(std::string_view text);
 /// The one line that tells the user of a failure.
 [[nodiscard]] std::string failureLine(const Failure& failure);
 
-/// Tells the user of the failure. Returns the exit code that goes with it.
+/// Tells the user of the failure, unless it is that nobody reads any more. Returns the exit code that goes
+/// with it.
 [[nodiscard]] ExitCode report(const Failure& failure);
 
 }  // namespace mirel::cli

@@ -222,7 +222,7 @@ std::unique_ptr<PinSource> pinSourceFor(const Options& options, PinStateReader p
 Result<void> checkPinDescriptor(const Options& options) {
   if (!options.pinFd) return {};
   if (isatty(*options.pinFd) != 0) {
-    return Failure{FailureKind::kBadInput, "wrong usage",
+    return Failure{FailureKind::kWrongUsage, "wrong usage",
                    nameOfDescriptor(*options.pinFd) + " is a terminal, which would show the PIN",
                    "leave out --pin-fd to be asked for it"};
   }

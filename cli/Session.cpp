@@ -44,7 +44,7 @@ std::string Session::remarkOnPin() {
 Result<SecKeyAlgorithm> Session::algorithmOr(SecKeyAlgorithm byDefault) const {
   if (!options_.algorithm) return byDefault;
   if (const auto algorithm = secKeyAlgorithmNamed(*options_.algorithm)) return *algorithm;
-  return Failure{FailureKind::kBadInput, "wrong usage",
+  return Failure{FailureKind::kWrongUsage, "wrong usage",
                  "there is no algorithm \"" + displayed(Text::fromUtf8(*options_.algorithm)) + "\"",
                  "see the names with: mireltoken algorithms"};
 }

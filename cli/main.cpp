@@ -2,11 +2,13 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cerrno>
 #include <clocale>
 #include <csignal>
 #include <filesystem>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "Command.h"
@@ -14,6 +16,7 @@
 #include "ExitCode.h"
 #include "ExitGuard.h"
 #include "FirstStart.h"
+#include "Json.h"
 #include "Options.h"
 #include "Output.h"
 #include "PinEntry.h"
@@ -38,11 +41,12 @@ void occupyStandardStreams() {
 }
 
 Failure wrongUsage(const std::string& why) {
-  return {FailureKind::kBadInput, "wrong usage", why, "see mireltoken --help"};
+  return {FailureKind::kWrongUsage, "wrong usage", why, "see mireltoken --help"};
 }
 
-ExitCode run(const Options& options) {
-  const ExitGuard guard;
+/// Runs the command that was chosen.
+Result<void> run(const Options& options) {
+  const ExitGuard guard{options.json};
   if (options.command->takes(CommandOption::Kind::kPin)) forbidMemoryDumps();
   PlatformServices services = systemServices();
   services.observer = ExitGuard::observer();
@@ -52,16 +56,9 @@ ExitCode run(const Options& options) {
     while (home.size() > 1 && home.back() == '/') home.pop_back();
     services.user = userWithHome(services.user, home);
   }
-  if (const auto chosen = chooseModule(services, {options.modulePath, options.trustModule}); !chosen)
-    return report(chosen.failure());
+  if (auto chosen = chooseModule(services, {options.modulePath, options.trustModule}); !chosen) return chosen;
   Session session{std::move(services), options};
-  const auto done = options.command->run(session);
-  return done ? ExitCode::kSuccess : report(done.failure());
-}
-
-ExitCode print(const std::string& text) {
-  const auto written = writeOutput(text);
-  return written ? ExitCode::kSuccess : report(written.failure());
+  return options.command->run(session);
 }
 
 /// Whether options that the parser lets pass make sense.
@@ -84,34 +81,57 @@ Result<void> checkUsage(const Options& options) {
   return {};
 }
 
-ExitCode parseAndRun(int argc, char** argv) {
-  occupyStandardStreams();
-  if (const auto code = runFirstStart(argc, systemDesktop().get(), *systemUserDirectory())) return *code;
+Result<void> parseAndRun(int argc, char** argv) {
   CLI::App app;
   Options options;
   declareOptions(app, options);
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp&) {
-    return print(helpText(app));
+    return writeOutput(helpText(app));
   } catch (const CLI::CallForVersion&) {
-    return print("mireltoken " MIREL_VERSION "\n");
+    return writeOutput("mireltoken " MIREL_VERSION "\n");
   } catch (const CLI::ParseError& error) {
-    return report(wrongUsage(refusalText(app, error)));
+    return wrongUsage(refusalText(app, error));
   }
-  if (const auto usage = checkUsage(options); !usage) return report(usage.failure());
+  if (auto usage = checkUsage(options); !usage) return usage;
   for (auto* name : {&options.in, &options.out}) {
     if (*name == "-") name->reset();
   }
-  if (const auto descriptor = checkPinDescriptor(options); !descriptor) return report(descriptor.failure());
+  if (auto descriptor = checkPinDescriptor(options); !descriptor) return descriptor;
   return run(options);
+}
+
+/// The same, whatever is thrown.
+Result<void> parseAndRunSafely(int argc, char** argv) {
+  const auto internal = [](const char* why) {
+    return Failure{FailureKind::kInternal, "internal error", why, "please report it"};
+  };
+  try {
+    return parseAndRun(argc, argv);
+  } catch (const std::exception& error) {
+    return internal(error.what());
+  } catch (...) {
+    return internal("of an unknown kind");
+  }
+}
+
+/// Also where the command line makes no sense: whoever writes --json wants to read what is wrong with it.
+bool asksForJson(int argc, char** argv) {
+  return std::any_of(argv, argv + argc, [](std::string_view word) { return word == "--json"; });
+}
+
+ExitCode start(int argc, char** argv) {
+  occupyStandardStreams();
+  if (const auto code = runFirstStart(argc, systemDesktop().get(), *systemUserDirectory())) return *code;
+  const auto done = parseAndRunSafely(argc, argv);
+  return done ? ExitCode::kSuccess : report(done.failure(), asksForJson(argc, argv));
 }
 
 }  // namespace
 }  // namespace mirel::cli
 
 int main(int argc, char** argv) {
-  using mirel::cli::ExitCode;
   // A reader of our output that goes away, or a module whose own service does, is an error to be told.
   (void)std::signal(SIGPIPE, SIG_IGN);
   // So is a file that may not grow any more: the write fails then, and what is half written is removed.
@@ -119,14 +139,10 @@ int main(int argc, char** argv) {
   // The texts that a token has for its users follow the user's language.
   (void)std::setlocale(LC_MESSAGES, "");
   try {
-    const int code = static_cast<int>(mirel::cli::parseAndRun(argc, argv));
+    const int code = static_cast<int>(mirel::cli::start(argc, argv));
     mirel::cli::ExitGuard::programEndsWith(code);
     return code;
-  } catch (const std::exception& error) {
-    mirel::cli::writeMessage("mireltoken: internal error: " + std::string{error.what()} +
-                             "; please report it");
-  } catch (...) {
-    mirel::cli::writeMessage("mireltoken: internal error: of an unknown kind; please report it");
+  } catch (...) {  // no memory to tell what went wrong
+    return static_cast<int>(mirel::cli::ExitCode::kInternal);
   }
-  return static_cast<int>(ExitCode::kInternal);
 }

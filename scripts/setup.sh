@@ -6,7 +6,7 @@ die() { printf '%s: %s\n' "${0##*/}" "$*" >&2; exit 1; }
 # Packages by their Debian names, for building and running.
 build_packages="g++ cmake ninja-build libssl-dev libcli11-dev nlohmann-json3-dev libsystemd-dev gettext"
 card_packages="softhsm2 openssl opensc"
-test_packages="libgtest-dev libgmock-dev libp11-kit-dev clang dbus python3 libgnustep-base-dev"
+test_packages="libgtest-dev libgmock-dev libp11-kit-dev clang dbus python3 python3-jsonschema libgnustep-base-dev"
 
 # The one version of clang-format and clang-tidy that counts: each other wants other lines and finds other things.
 checking_version=14

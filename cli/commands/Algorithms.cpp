@@ -1,17 +1,15 @@
 #include <map>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <set>
 #include <tuple>
 
 #include "Commands.h"
+#include "Json.h"
 #include "Output.h"
 #include "Session.h"
 
 namespace mirel::cli {
 namespace {
-
-using Json = nlohmann::ordered_json;
 
 std::string shortNameOf(SecKeyAlgorithm algorithm) {
   return std::string{nameOf(algorithm).substr(kSecKeyAlgorithmPrefix.size())};
@@ -77,7 +75,7 @@ std::string jsonText(KeyClient& client, const std::vector<PublishedKey>& keys) {
       accepted[std::string{kSecKeyAlgorithms[i].name}] = ofKey[i] ? Json(nameOf(*ofKey[i])) : Json{};
     list.push_back(Json{{"objectID", key.objectID.toUtf8()}, {"accepted", accepted}});
   }
-  return jsonLines(Json{{"keys", list}});
+  return jsonLines("algorithms", Json{{"keys", list}});
 }
 
 Result<void> run(Session& session) {

@@ -5,6 +5,7 @@
 
 #include "Commands.h"
 #include "Files.h"
+#include "Json.h"
 #include "Output.h"
 #include "Session.h"
 
@@ -40,8 +41,17 @@ Result<void> run(Session& session) {
   if (auto inserted = session.insertCard(); !inserted) return inserted;
   const auto chosen = session.chosenKey();
   if (!chosen) return chosen.failure();
+  const Options& options = session.options();
   const std::string pem = pemOf(chosen->certificate.data);
-  return session.write({reinterpret_cast<const std::uint8_t*>(pem.data()), pem.size()}, kCertificateMode);
+  if (!options.json || options.out) {
+    const std::span bytes{reinterpret_cast<const std::uint8_t*>(pem.data()), pem.size()};
+    if (auto written = session.write(bytes, kCertificateMode); !written) return written;
+  }
+  if (!options.json) return {};
+  return writeOutput(jsonLines("certificate", Json{{"key", chosen->key.objectID.toUtf8()},
+                                                   {"objectID", chosen->certificate.objectID.toUtf8()},
+                                                   {"size", chosen->certificate.size},
+                                                   {"pem", pem}}));
 }
 
 constexpr CommandOption kOptions[] = {

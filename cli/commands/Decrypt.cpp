@@ -1,11 +1,11 @@
 #include <algorithm>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "Commands.h"
 #include "Files.h"
+#include "Json.h"
 #include "Output.h"
 #include "Session.h"
 #include "platform/Log.h"
@@ -13,8 +13,6 @@
 
 namespace mirel::cli {
 namespace {
-
-using Json = nlohmann::ordered_json;
 
 constexpr mode_t kPlainTextMode = 0600;
 
@@ -40,23 +38,6 @@ bool isOaep(SecKeyAlgorithm algorithm) noexcept {
   }
 }
 
-/// `json` with the bytes in hexadecimal digits as its last member. The library for JSON would keep copies.
-Bytes withPlainText(Json json, const Bytes& plain) {
-  constexpr std::string_view kDigits = "0123456789ABCDEF";
-  json["plainTextHex"] = "";
-  const std::string text = jsonLines(json);
-  const auto end = text.begin() + static_cast<std::ptrdiff_t>(text.rfind('"'));
-  std::vector<std::uint8_t> all;
-  all.reserve(text.size() + 2 * plain.size());  // so that it never moves
-  all.insert(all.end(), text.begin(), end);
-  for (const std::uint8_t byte : plain.view()) {
-    all.push_back(static_cast<std::uint8_t>(kDigits[byte >> 4U]));
-    all.push_back(static_cast<std::uint8_t>(kDigits[byte & 0xFU]));
-  }
-  all.insert(all.end(), end, text.end());
-  return Bytes::secret(Bytes{std::move(all)});
-}
-
 Result<void> decryptAndWrite(Session& session) {
   const Options& options = session.options();
   const auto request = session.connectFor(SecKeyAlgorithm::kSecKeyAlgorithmRSAEncryptionPKCS1);
@@ -71,9 +52,12 @@ Result<void> decryptAndWrite(Session& session) {
   }
   if (!options.json) return session.write(plain->view(), kPlainTextMode);
   Json json{{"key", chosen.key.objectID.toUtf8()}, {"algorithm", nameOf(algorithm)}, {"size", plain->size()}};
-  if (!options.out) return session.write(withPlainText(std::move(json), *plain).view(), kPlainTextMode);
+  if (!options.out) {
+    const Bytes text = secretJsonLines("decrypt", std::move(json), "plainTextHex", *plain);
+    return session.write(text.view(), kPlainTextMode);
+  }
   if (auto written = session.write(plain->view(), kPlainTextMode); !written) return written;
-  return writeOutput(jsonLines(json));
+  return writeOutput(jsonLines("decrypt", json));
 }
 
 Result<void> run(Session& session) {

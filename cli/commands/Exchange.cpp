@@ -1,5 +1,6 @@
 #include "Commands.h"
 #include "Files.h"
+#include "Json.h"
 #include "Output.h"
 #include "Session.h"
 
@@ -20,7 +21,17 @@ Result<void> run(Session& session) {
                    "the token accepts the key exchange, but answers nothing",
                    "use another key store for key agreement: this one offers it only in name"};
   }
-  return session.write(exchanged->secret.view(), kSecretMode);
+  const Options& options = session.options();
+  if (!options.json) return session.write(exchanged->secret.view(), kSecretMode);
+  Json json{{"key", chosen.key.objectID.toUtf8()},
+            {"algorithm", nameOf(algorithm)},
+            {"size", exchanged->secret.size()}};
+  if (!options.out) {
+    const Bytes text = secretJsonLines("exchange", std::move(json), "sharedSecretHex", exchanged->secret);
+    return session.write(text.view(), kSecretMode);
+  }
+  if (auto written = session.write(exchanged->secret.view(), kSecretMode); !written) return written;
+  return writeOutput(jsonLines("exchange", json));
 }
 
 constexpr CommandOption kOptions[] = {

@@ -1,14 +1,12 @@
-#include <nlohmann/json.hpp>
 
 #include "Commands.h"
+#include "Json.h"
 #include "Output.h"
 #include "Session.h"
 #include "host/DistinctItems.h"
 
 namespace mirel::cli {
 namespace {
-
-using Json = nlohmann::ordered_json;
 
 const char* keyTypeName(CertificateKeyType type) noexcept {
   switch (type) {
@@ -71,7 +69,7 @@ std::string jsonText(const InsertedCard& card) {
             {"instanceIDHex", hexOf(card.instanceID)},
             {"items", items}};
   if (card.incomplete) json["incomplete"] = card.incomplete->why;
-  return jsonLines(json);
+  return jsonLines("items", json);
 }
 
 std::vector<std::string> rowOf(const PublishedCertificate& item) {

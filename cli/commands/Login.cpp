@@ -1,6 +1,5 @@
-#include <nlohmann/json.hpp>
-
 #include "Commands.h"
+#include "Json.h"
 #include "Output.h"
 #include "Session.h"
 
@@ -17,8 +16,9 @@ Result<void> run(Session& session) {
     return failure;
   }
   if (session.options().json) {
-    return writeOutput(jsonLines(nlohmann::ordered_json{
-        {"reader", session.card().reader.name.toUtf8()}, {"accepted", true}, {"before", before}}));
+    return writeOutput(jsonLines(
+        "login",
+        Json{{"reader", session.card().reader.name.toUtf8()}, {"accepted", true}, {"before", before}}));
   }
   std::string text = "The card accepts the PIN.\n";
   if (!before.empty()) text.append("Before this: ").append(before).append(".\n");

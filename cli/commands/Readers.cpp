@@ -1,14 +1,12 @@
-#include <nlohmann/json.hpp>
 
 #include "Commands.h"
+#include "Json.h"
 #include "Output.h"
 #include "Session.h"
 #include "Wording.h"
 
 namespace mirel::cli {
 namespace {
-
-using Json = nlohmann::ordered_json;
 
 /// Why the reader's card could not be read, and what to do.
 std::string problemOf(const Failure& unreadable) {
@@ -33,7 +31,7 @@ Json jsonOf(const Reader& reader) {
 std::string jsonText(const std::vector<Reader>& readers) {
   Json list = Json::array();
   for (const Reader& reader : readers) list.push_back(jsonOf(reader));
-  return jsonLines(Json{{"readers", list}});
+  return jsonLines("readers", Json{{"readers", list}});
 }
 
 std::string tableText(const std::vector<Reader>& readers) {

@@ -1,17 +1,15 @@
 #include <algorithm>
-#include <nlohmann/json.hpp>
 #include <span>
 
 #include "Commands.h"
 #include "Files.h"
+#include "Json.h"
 #include "Output.h"
 #include "Session.h"
 #include "host/Verification.h"
 
 namespace mirel::cli {
 namespace {
-
-using Json = nlohmann::ordered_json;
 
 constexpr mode_t kSignatureMode = 0666;
 constexpr const char* kNoVerify = "--no-verify";
@@ -42,17 +40,17 @@ std::string summary(const ChosenKey& chosen, SecKeyAlgorithm algorithm, const Si
 
 std::string jsonText(const ChosenKey& chosen, SecKeyAlgorithm algorithm, const Signature& signature,
                      bool verified) {
-  return jsonLines(Json{{"key", chosen.key.objectID.toUtf8()},
-                        {"algorithm", nameOf(algorithm)},
-                        {"performed", nameOf(signature.performed)},
-                        {"verified", verified},
-                        {"signatureHex", hexOf(signature.value)}});
+  return jsonLines("sign", Json{{"key", chosen.key.objectID.toUtf8()},
+                                {"algorithm", nameOf(algorithm)},
+                                {"performed", nameOf(signature.performed)},
+                                {"verified", verified},
+                                {"signatureHex", hexOf(signature.value)}});
 }
 
 Result<void> run(Session& session) {
   const Options& options = session.options();
   if (!options.json && goesToTerminal(options.out)) {
-    return Failure{FailureKind::kBadInput, "wrong usage", "a signature is no text for a terminal",
+    return Failure{FailureKind::kWrongUsage, "wrong usage", "a signature is no text for a terminal",
                    "give a file with --out, or redirect the output"};
   }
   const auto request = session.connectFor(SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureMessagePSSSHA256);

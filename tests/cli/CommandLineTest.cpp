@@ -135,7 +135,6 @@ TEST_F(CommandLine, HelpForACommandNamesItsOptions) {
 TEST_F(CommandLine, WordsItsRefusalsLikeThis) {
   const std::pair<Arguments, const char*> rows[] = {
       {"", "a subcommand is required"},
-      {"--json", "a subcommand is required"},
       {"cards", "there is no \"cards\""},
       {"readers items", "there is no \"items\""},
       {"items more", "there is no \"more\""},
@@ -233,15 +232,23 @@ TEST_F(CommandLine, PrintsJsonWithoutColourOnATerminal) {
 
 TEST_F(CommandLine, FailsWhenItsOutputTakesNothing) {
   const std::pair<Output, const char*> rows[] = {{Output::kFull, "No space left on device"},
-                                                 {Output::kClosed, "output"},
-                                                 {Output::kUnread, "Broken pipe"}};
+                                                 {Output::kClosed, "Bad file descriptor"}};
   for (const auto& [output, why] : rows) {
     // One for each way in which something gets to standard output.
     for (const std::string command :
          {"items", "items --json", "readers", "readers --json", "--help", "--version"}) {
       SCOPED_TRACE(command + " " + why);
-      expectFailure(runWithOutput(output, command), 14, {"output", why});
+      expectFailure(runWithOutput(output, command), 14, {"standard output cannot be written", why});
     }
+  }
+}
+
+TEST_F(CommandLine, EndsQuietlyWhenNobodyReadsItsOutput) {
+  for (const std::string command : {"items", "items --json", "readers", "certificate --key 01", "--help"}) {
+    SCOPED_TRACE(command);
+    const Result result = runWithOutput(Output::kUnread, command);
+    EXPECT_EQ(result.exitCode, 141);
+    EXPECT_THAT(result.err, IsEmpty());
   }
 }
 

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
@@ -47,13 +48,14 @@ std::string runCardmaker(const Arguments& arguments, const std::string& input) {
   return result.out;
 }
 
-/// The PIN's file for a command that takes one and names none.
+bool has(const Arguments& arguments, std::string_view word) {
+  return std::find(arguments.begin(), arguments.end(), word) != arguments.end();
+}
+
+/// Whether it takes a PIN and does not say from where.
 bool lacksPin(const Arguments& arguments) {
-  const auto has = [&](std::string_view word) {
-    return std::find(arguments.begin(), arguments.end(), word) != arguments.end();
-  };
-  return !has("--pin-file") && !has("--pin-fd") && !has("certificate") && !has("algorithms") &&
-         !has("items") && !has("readers");
+  constexpr std::array kOthers{"--pin-file", "--pin-fd", "certificate", "algorithms", "items", "readers"};
+  return std::none_of(kOthers.begin(), kOthers.end(), [&](const char* word) { return has(arguments, word); });
 }
 
 }  // namespace
@@ -165,7 +167,8 @@ void EndToEndTest::expectFailures(const std::vector<FailingRun>& rows) const {
     Invocation call =
         lacksPin(row.arguments) ? stagedWithPin(row.arguments, row.stage) : staged(row.arguments, row.stage);
     call.input = row.input;
-    expectFailure(run(call), row.exitCode, row.words);
+    const auto expectIt = has(row.arguments, "--json") ? expectJsonFailure : expectFailure;
+    expectIt(run(call), row.exitCode, row.words);
     EXPECT_FALSE(exists("out"));
   }
 }
@@ -264,6 +267,18 @@ void expectFailure(const Result& result, int exitCode, const std::vector<std::st
   EXPECT_THAT(result.out, IsEmpty());
   EXPECT_THAT(result.err, MatchesRegex("mireltoken: [^\n]+: [^\n]+; [^\n]+\n"));
   for (const std::string& word : words) EXPECT_THAT(result.err, HasSubstr(word));
+}
+
+void expectJsonFailure(const Result& result, int exitCode, const std::vector<std::string>& words) {
+  Result line = result;
+  line.out.clear();
+  expectFailure(line, exitCode, words);
+  const Json error = Json::parse(result.out, nullptr, false).value("error", Json::object());
+  EXPECT_EQ(error.value("exitCode", 0), exitCode) << result.out;
+  // A byte that is no UTF-8 is shown in one way to people, in another to programs.
+  if (result.out.find("\\ufffd") != std::string::npos) return;
+  EXPECT_EQ(result.err, "mireltoken: " + error.value("what", "") + ": " + error.value("why", "") + "; " +
+                            error.value("advice", "") + "\n");
 }
 
 void expectSuccess(const Result& result) {

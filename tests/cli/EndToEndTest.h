@@ -158,6 +158,9 @@ class ScopedMask {
 /// Expects that a run failed as the command line promises: this exit code, nothing on standard output,
 /// and on standard error one line of the form "mireltoken: what: why; what to do" with all of `words`.
 void expectFailure(const Result& result, int exitCode, const std::vector<std::string>& words);
+/// The same of a run with --json, which has an object of the kind "error" on standard output that tells the
+/// same.
+void expectJsonFailure(const Result& result, int exitCode, const std::vector<std::string>& words);
 /// Expects success with nothing on standard error.
 void expectSuccess(const Result& result);
 /// Expects success with this on standard output, and nothing on standard error.

@@ -235,7 +235,7 @@ TEST_F(FirstStart, FailsWhenTheOutputCannotBeWritten) {
     close(STDOUT_FILENO);
     std::_Exit(static_cast<int>(runFirstStart(1, &desktop, user).value()));
   };
-  EXPECT_EXIT(runWithoutOutput(), ::testing::ExitedWithCode(14), "the output cannot be written");
+  EXPECT_EXIT(runWithoutOutput(), ::testing::ExitedWithCode(14), "standard output cannot be written");
 }
 
 // ---- In which words ----

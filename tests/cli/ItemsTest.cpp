@@ -52,6 +52,7 @@ TEST_F(Items, PrintsTheDocumentedJson) {
   const std::string serialHex = slot["serialNumber"];
   ASSERT_EQ(slot["flags"], 0x42D);
   const Json expected{
+      {"schema", "mireltoken/items/1"},
       {"reader", textOf(slot["description"])},
       {"instanceID", "Card One                        SoftHSM project                 SoftHSM v2      " +
                          serial + "-\x04" + serial + "-\x04"},

@@ -149,9 +149,11 @@ TEST_F(Login, SaysThatThePinIsRightAndWhatWasBefore) {
 }
 
 TEST_F(Login, SaysTheSameAsJson) {
-  EXPECT_EQ(Json::parse(logInWith(kPin, " --json").out),
-            (Json{{"reader", readerOf("Card")}, {"accepted", true}, {"before", ""}}));
-  expectFailure(logInWith(kWrongPin, " --json"), 7, {"The card did not accept the PIN"});
+  EXPECT_EQ(Json::parse(logInWith(kPin, " --json").out), (Json{{"schema", "mireltoken/login/1"},
+                                                               {"reader", readerOf("Card")},
+                                                               {"accepted", true},
+                                                               {"before", ""}}));
+  expectJsonFailure(logInWith(kWrongPin, " --json"), 7, {"The card did not accept the PIN"});
   EXPECT_EQ(Json::parse(logInWith(kPin, " --json").out)["before"], kWrongBefore);
 }
 
@@ -240,7 +242,8 @@ TEST_F(KeyJson, OfASignatureHoldsItAndHowItWasMade) {
     EXPECT_TRUE(pssVerifies("rsa2048", "SHA256", digestOf("SHA256", kMessage), signature));
     EXPECT_EQ(read("signature"), exists("signature") ? signature : "");
     json.erase("signatureHex");
-    EXPECT_EQ(json, (Json{{"key", "01"},
+    EXPECT_EQ(json, (Json{{"schema", "mireltoken/sign/1"},
+                          {"key", "01"},
                           {"algorithm", "kSecKeyAlgorithmRSASignatureMessagePSSSHA256"},
                           {"performed", "kSecKeyAlgorithmRSASignatureRaw"},
                           {"verified", true}}));
@@ -254,7 +257,10 @@ TEST_F(KeyJson, OfASignatureHoldsItAndHowItWasMade) {
 
 TEST_F(KeyJson, OfAPlainTextHoldsItUnlessItIsInAFile) {
   const std::string cipher = encrypted("rsa2048", "pkcs1", "\x01plain");
-  Json expected{{"key", "02"}, {"algorithm", "kSecKeyAlgorithmRSAEncryptionPKCS1"}, {"size", 6}};
+  Json expected{{"schema", "mireltoken/decrypt/1"},
+                {"key", "02"},
+                {"algorithm", "kSecKeyAlgorithmRSAEncryptionPKCS1"},
+                {"size", 6}};
   const Result withFile = runWithPin("decrypt --key 02 --json --out " + path("plain"), cipher);
   expectSuccess(withFile);
   EXPECT_EQ(Json::parse(withFile.out), expected);
@@ -265,7 +271,7 @@ TEST_F(KeyJson, OfAPlainTextHoldsItUnlessItIsInAFile) {
   EXPECT_EQ(Json::parse(alone.out), expected);
 }
 
-TEST_F(KeyJson, IsNotWrittenWhenTheCommandFails) {
+TEST_F(KeyJson, IsAnErrorWhenTheCommandFails) {
   expectFailures({
       {"sign --key 01 --json --algorithm RSASignatureMessagePKCS1v15SHA256", 11, {"does not pad"}},
       {"decrypt --key 02 --json", 13, {}, std::string(256, '\0'), {{"ANSWERS", "C_Decrypt=40"}}},

@@ -83,7 +83,8 @@ TEST_F(Readers, AreListedAsJsonInTheModulesOrder) {
                         {"initialised", (slot["flags"].get<unsigned long>() & kTokenInitialised) != 0}});
   }
   ASSERT_THAT(expected, SizeIs(4));
-  expectOutput(mireltoken("readers --json"), Json({{"readers", expected}}).dump(2) + "\n");
+  expectOutput(mireltoken("readers --json"),
+               Json({{"schema", "mireltoken/readers/1"}, {"readers", expected}}).dump(2) + "\n");
 }
 
 TEST_F(Readers, AreListedForPeopleWithTheirFlagsSpelledOut) {
