@@ -9,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/Bytes.h"
 #include "platform/SecretText.h"
 
 namespace mirel {
