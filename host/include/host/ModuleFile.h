@@ -12,7 +12,7 @@ namespace mirel {
 /// What a user says about the PKCS #11 module of a run.
 struct ModuleChoice {
   /// The module's file; without a slash it is one in the working folder, never one in the loader's folders.
-  /// Nothing: the module in the home.
+  /// The names of configured modules are none: see ModuleLookup.h. Nothing: the module in the home.
   std::optional<std::string> path;
 
   /// It is loaded although somebody else may change it.
