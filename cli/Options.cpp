@@ -3,11 +3,12 @@
 #include <CLI/CLI.hpp>
 
 #include "Commands.h"
+#include "host/Home.h"
 
 namespace mirel::cli {
 namespace {
 
-constexpr const char* kFooter =
+constexpr const char* kExamples =
     "Examples:\n"
     "  mireltoken readers\n"
     "  mireltoken items --reader \"Virtual PCD 00 00\" --json\n"
@@ -21,7 +22,11 @@ constexpr const char* kFooter =
     "\n"
     "A key ID is the key's object ID as `items` shows it, #N for the N-th key, or a label that only one key\n"
     "has. The PIN is asked for at the terminal; it is never an argument or an environment variable.\n"
-    "The PKCS #11 module is Library/LunetLocalSignServer/libTorvo_p11v1.dylib in the user's home.\n"
+    "The PKCS #11 module is ";
+
+constexpr const char* kRemarks =
+    " in the user's home.\n"
+    "MIRELTOKEN_MODULE and MIRELTOKEN_READER in the environment stand for --module and --reader.\n"
     "Unprintable characters of the card are shown as \\xNN; JSON keeps every byte as one character.\n"
     "\n"
     "Exit codes:\n"
@@ -44,6 +49,8 @@ constexpr const char* kFooter =
     "  16  the card or its service went away\n"
     "  17  a try is left for the user: the PIN was not sent\n"
     "  18  this PIN, or this card's, cannot be entered here";
+
+std::string footer() { return kExamples + moduleInHome("").substr(1) + kRemarks; }
 
 void declarePinOptions(CLI::App& app, Options& options) {
   auto* file = app.add_option("--pin-file", options.pinFile,
@@ -90,13 +97,14 @@ void declareCommand(CLI::App& app, Options& options, const Command& command) {
 void declareOptions(CLI::App& app, Options& options) {
   app.name("mireltoken");
   app.description("Shows what a smart card would publish in the keychain, and why not; uses its keys.");
-  app.footer(kFooter);
+  app.footer(footer());
   app.set_version_flag("--version", MIREL_VERSION, "Print the version and exit");
   app.set_help_flag("-h,--help", "Print this help and exit");
   app.require_subcommand(1);
 
   auto* module =
-      app.add_option("--module", options.modulePath, "Use this PKCS #11 module, for this run only");
+      app.add_option("--module", options.modulePath,
+                     "Use this PKCS #11 module (a file, or a name that p11-kit knows), for this run only");
   auto* home = app.add_option("--home", options.home, "Look for the module in this home folder");
   module->type_name("PATH")->excludes(home);
   home->type_name("DIR");

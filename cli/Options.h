@@ -16,10 +16,14 @@ struct Command;
 
 /// What was asked for on the command line.
 struct Options {
-  std::optional<std::string> modulePath;  ///< nothing: the module in the user's home
+  /// A path, or the name of a configured module (see host/ModuleLookup.h); nothing: the one in the user's
+  /// home.
+  std::optional<std::string> modulePath;
+  bool moduleIsFromVariable = false;  ///< of the environment
   bool trustModule = false;
   std::optional<std::string> home;  ///< nothing: the user's
   std::optional<std::string> reader;
+  bool readerIsFromVariable = false;
   bool json = false;
   bool verbose = false;
   const Command* command = nullptr;  ///< the one that was chosen

@@ -22,8 +22,10 @@
 #include "PinEntry.h"
 #include "Session.h"
 #include "Usage.h"
+#include "Variables.h"
 #include "host/Home.h"
 #include "host/ModuleFile.h"
+#include "host/ModuleLookup.h"
 #include "platform/Desktop.h"
 #include "platform/MemoryDumps.h"
 #include "platform/PlatformServices.h"
@@ -45,7 +47,7 @@ Failure wrongUsage(const std::string& why) {
 }
 
 /// Runs the command that was chosen.
-Result<void> run(const Options& options) {
+Result<void> run(Options& options) {
   const ExitGuard guard{options.json};
   if (options.command->takes(CommandOption::Kind::kPin)) forbidMemoryDumps();
   PlatformServices services = systemServices();
@@ -55,6 +57,12 @@ Result<void> run(const Options& options) {
     std::string home = std::filesystem::absolute(*options.home).string();
     while (home.size() > 1 && home.back() == '/') home.pop_back();
     services.user = userWithHome(services.user, home);
+  }
+  if (options.modulePath) {
+    const auto folders = systemModuleFolders(*services.user);
+    const auto file = moduleFileFor(*options.modulePath, folders, options.trustModule);
+    if (!file) return file.failure();
+    options.modulePath = *file;
   }
   if (auto chosen = chooseModule(services, {options.modulePath, options.trustModule}); !chosen) return chosen;
   Session session{std::move(services), options};
@@ -99,7 +107,9 @@ Result<void> parseAndRun(int argc, char** argv) {
     if (*name == "-") name->reset();
   }
   if (auto descriptor = checkPinDescriptor(options); !descriptor) return descriptor;
-  return run(options);
+  takeVariables(options);
+  auto done = run(options);
+  return done ? done : namingVariables(std::move(done).failure(), options);
 }
 
 /// The same, whatever is thrown.

@@ -46,7 +46,7 @@ Options:
   --version                   Print the version and exit
   -h,--help                   Print this help and exit
   --module PATH Excludes: --home
-                              Use this PKCS #11 module, for this run only
+                              Use this PKCS #11 module (a file, or a name that p11-kit knows), for this run only
   --home DIR Excludes: --module
                               Look for the module in this home folder
   --trust-module              Load the module although somebody else may change its file

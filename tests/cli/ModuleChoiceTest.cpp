@@ -77,7 +77,7 @@ TEST_F(ModuleChoice, IsNotTheOneInTheEnvironmentsHome) {
   const ModuleHome bogus{softHsmModule()};
   Invocation call = items();
   call.environment["HOME"] = bogus.home();
-  expectFailure(run(atHome(call, home.home())), 3, {home.modulePath(), "No such file or directory"});
+  expectJsonFailure(run(atHome(call, home.home())), 3, {home.modulePath(), "No such file or directory"});
 }
 
 TEST_F(ModuleChoice, AsksTheRealPasswordDatabase) {
@@ -91,7 +91,7 @@ TEST_F(ModuleChoice, AsksTheRealPasswordDatabase) {
 }
 
 TEST_F(ModuleChoice, NeedsAHomeUnlessAModuleIsGiven) {
-  expectFailure(run(atHome(items(), "")), 3, {"no home", "--home"});
+  expectJsonFailure(run(atHome(items(), "")), 3, {"no home", "--home"});
   expectItems(atHome(onSoftHsm("items --json"), ""));
 }
 
@@ -113,10 +113,11 @@ TEST_F(ModuleChoice, TakesTheHomeOrTheModuleThatIsGiven) {
 
 TEST_F(ModuleChoice, FailsForAHomeWithoutAModule) {
   const ModuleHome home{""};
-  expectFailure(run(items("--home " + home.home())), 3,
-                {home.modulePath(), "cannot open shared object file: No such file or directory", "--module"});
-  expectFailure(run(items("--home /nowhere")), 3,
-                {std::string{"/nowhere"} + kModuleTail, "No such file or directory"});
+  expectJsonFailure(
+      run(items("--home " + home.home())), 3,
+      {home.modulePath(), "cannot open shared object file: No such file or directory", "--module"});
+  expectJsonFailure(run(items("--home /nowhere")), 3,
+                    {std::string{"/nowhere"} + kModuleTail, "No such file or directory"});
 }
 
 TEST_F(ModuleChoice, LeavesTheUsersHomeAloneWhenAModuleIsGiven) {
@@ -157,9 +158,9 @@ TEST_F(ModuleChoice, RefusesAModuleThatSomebodyElseMayChangeUnlessItIsTrusted) {
   const ModuleHome home{module};
   ASSERT_EQ(chmod(path("writable").c_str(), 0777), 0);
   for (const std::string& choice : {"--module " + module, "--home " + home.home()}) {
-    expectFailure(run(items(choice)), 3,
-                  {"somebody else may change the folder " + path("writable") + ", which belongs to ",
-                   "has mode 0777", "--trust-module"});
+    expectJsonFailure(run(items(choice)), 3,
+                      {"somebody else may change the folder " + path("writable") + ", which belongs to ",
+                       "has mode 0777", "--trust-module"});
     expectItems(items(choice + " --trust-module"));
   }
 }
@@ -172,8 +173,9 @@ TEST_F(ModuleChoice, NamesTheProcessorThatTheModuleIsFor) {
   const std::string module = write("module.so", library);
   const ModuleHome home{module};
   const std::string why = " the module is for machine 10023, this program is ";
-  expectFailure(run(items({"--module", module})), 3, {"module " + module + " ", why.substr(1)});
-  expectFailure(run(items({"--home", home.home()})), 3, {"module " + home.modulePath() + " ", why.substr(1)});
+  expectJsonFailure(run(items({"--module", module})), 3, {"module " + module + " ", why.substr(1)});
+  expectJsonFailure(run(items({"--home", home.home()})), 3,
+                    {"module " + home.modulePath() + " ", why.substr(1)});
 }
 
 TEST_F(ModuleChoice, FailsForAModuleThatIsOfNoUse) {
@@ -212,6 +214,63 @@ TEST_F(ModuleChoice, FailsForAModuleThatDoesNotInitialise) {
       expectFailure(run(call), 4, {softHsmModule().string(), "C_Initialize", "CKR_GENERAL_ERROR (0x5)"});
     }
   }
+}
+
+TEST_F(ModuleChoice, CanBeAConfiguredName) {
+  fs::create_directories(path("settings/pkcs11/modules"));
+  (void)write("settings/pkcs11/modules/my-card.module", "module: " + softHsmModule().string() + "\n");
+  const auto withSettings = [&](const Arguments& arguments) {
+    Invocation call = invocation(arguments);
+    call.environment["XDG_CONFIG_HOME"] = path("settings");
+    return call;
+  };
+  expectItems(withSettings("items --json --module my-card"));
+  expectFailure(run(withSettings("items --module my-cards")), 3, {"no module of that name", "my-card"});
+  ASSERT_EQ(chmod(path("settings/pkcs11/modules/my-card.module").c_str(), 0666), 0);
+  expectFailure(run(withSettings("items --module my-card")), 3,
+                {"somebody else may change", "--trust-module"});
+  expectItems(withSettings("items --json --module my-card --trust-module"));
+}
+
+/// `call` with these variables in its environment.
+Invocation with(Invocation call, const std::map<std::string, std::string>& variables) {
+  for (const auto& [name, value] : variables) call.environment[name] = value;
+  return call;
+}
+
+TEST_F(ModuleChoice, IsTheEnvironmentsWhereNoOptionSaysMore) {
+  const ModuleHome home{softHsmModule()};
+  const std::string named = "(MIRELTOKEN_MODULE names it)";
+  expectItems(with(items(), {{"MIRELTOKEN_MODULE", softHsmModule().string()}}));
+  expectItems(with(onSoftHsm("items --json"), {{"MIRELTOKEN_MODULE", "/nowhere"}}));
+  expectItems(with(items("--home " + home.home()), {{"MIRELTOKEN_MODULE", "/nowhere"}}));
+  expectItems(atHome(with(items(), {{"MIRELTOKEN_MODULE", ""}}), home.home()));
+  expectFailure(run(with(invocation("items"), {{"MIRELTOKEN_MODULE", "/nowhere"}})), 3, {"/nowhere", named});
+  expectFailure(run(with(invocation("items"), {{"MIRELTOKEN_MODULE", "/"}})), 3,
+                {named, "check the path in MIRELTOKEN_MODULE"});
+}
+
+TEST_F(ModuleChoice, OfTheReaderToo) {
+  const std::map<std::string, std::string> wrong{{"MIRELTOKEN_READER", "Nobody's"}};
+  expectItems(with(onSoftHsm("items --json"), {{"MIRELTOKEN_READER", readerOf("Card")}}));
+  expectItems(with(onSoftHsm({"items", "--json", "--reader", readerOf("Card")}), wrong));
+  expectFailure(run(with(onSoftHsm("items"), wrong)), 5, {"(MIRELTOKEN_READER names the reader)"});
+  expectOutput(run(with(onSoftHsm("readers"), wrong)), mireltoken("readers").out);
+}
+
+TEST_F(ModuleChoice, IsNotTheCallersForAProgramWithOtherRights) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root can become another user";
+  // The system takes a program for one with other rights when it starts with another effective user.
+  Invocation call{
+      .program = MIREL_JSON_PYTHON,
+      .arguments = {"-c",
+                    "import os, sys; f = os.open(sys.argv[1], os.O_RDONLY); os.set_inheritable(f, True); "
+                    "os.seteuid(65534); os.execve(f, sys.argv[1:], os.environ)",
+                    MIREL_MIRELTOKEN, "readers"}};
+  call.environment["MIRELTOKEN_MODULE"] = "/nowhere";
+  const Result result = run(call);
+  EXPECT_EQ(result.exitCode, 3) << result.err;
+  EXPECT_THAT(result.err, ::testing::Not(HasSubstr("/nowhere")));
 }
 
 TEST_F(ModuleChoice, NeverChangesTheCard) {
