@@ -34,8 +34,10 @@ Bytes secretJsonLines(std::string_view kind, Json members, const char* name, con
 }
 
 ExitCode report(const Failure& failure, bool json) {
-  // A broken standard output may have taken the beginning of a result, behind which no object may follow.
-  if (json && failure.kind != FailureKind::kOutputFailure && failure.kind != FailureKind::kOutputUnread) {
+  // One object is all that a program reads, be it a whole one or the beginning of one.
+  const bool broken =
+      failure.kind == FailureKind::kOutputFailure || failure.kind == FailureKind::kOutputUnread;
+  if (json && !broken && !outputWasBegun()) {
     const ErrorTerms terms = errorTermsOf(failure.kind);
     const Json error{{"id", terms.id},
                      {"exitCode", static_cast<int>(terms.exitCode)},

@@ -23,8 +23,8 @@ using Json = nlohmann::ordered_json;
                                     const Bytes& secret);
 
 /// Tells the user of the failure, and a program as well if `json`: it reads standard output, where an object
-/// of the kind "error" stands then in the place of a result. Returns the exit code that goes with the
-/// failure.
+/// of the kind "error" stands then in the place of a result, unless there is one already. Returns the exit
+/// code that goes with the failure.
 [[nodiscard]] ExitCode report(const Failure& failure, bool json);
 
 }  // namespace mirel::cli

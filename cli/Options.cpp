@@ -92,13 +92,21 @@ void declareCommand(CLI::App& app, Options& options, const Command& command) {
   for (const CommandOption& option : command.options) declareOption(*declared, options, option);
 }
 
+/// No command of the list: it needs no module.
+void declareHelp(CLI::App& app, Options& options) {
+  CLI::App* declared = app.add_subcommand("help", "Print the help of the program, or of a command");
+  declared->fallthrough();
+  declared->footer("");
+  declared->add_option("COMMAND", options.helpOn, "The command")->type_name("");
+}
+
 }  // namespace
 
 void declareOptions(CLI::App& app, Options& options) {
   app.name("mireltoken");
   app.description("Shows what a smart card would publish in the keychain, and why not; uses its keys.");
   app.footer(footer());
-  app.set_version_flag("--version", MIREL_VERSION, "Print the version and exit");
+  app.set_version_flag("--version", "", "Print the version, with those of the libraries, and exit");
   app.set_help_flag("-h,--help", "Print this help and exit");
   app.require_subcommand(1);
 
@@ -118,6 +126,7 @@ void declareOptions(CLI::App& app, Options& options) {
   app.add_flag("-v,--verbose", options.verbose, "Print the log lines on standard error");
 
   for (const Command* command : allCommands()) declareCommand(app, options, *command);
+  declareHelp(app, options);
 }
 
 }  // namespace mirel::cli

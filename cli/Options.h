@@ -26,7 +26,8 @@ struct Options {
   bool readerIsFromVariable = false;
   bool json = false;
   bool verbose = false;
-  const Command* command = nullptr;  ///< the one that was chosen
+  const Command* command = nullptr;   ///< the one that was chosen; null when help was
+  std::optional<std::string> helpOn;  ///< the command that help is wanted on; nothing: the whole program
 
   // Of the commands that use a key.
   std::optional<std::string> key;

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -14,6 +15,8 @@
 
 namespace mirel::cli {
 namespace {
+
+std::atomic<bool> outputIsBegun{false};
 
 /// Characters of a UTF-8 text; close enough to columns for aligning.
 std::size_t widthOf(std::string_view utf8) {
@@ -71,7 +74,10 @@ Failure outputFailure(int error) {
           "check where it goes and the space left there"};
 }
 
+bool outputWasBegun() noexcept { return outputIsBegun; }
+
 Result<void> writeOutput(std::string_view text) {
+  outputIsBegun = true;
   if (std::fwrite(text.data(), 1, text.size(), stdout) == text.size() && std::fflush(stdout) == 0) return {};
   return outputFailure(errno);
 }

@@ -32,6 +32,9 @@ using mirel::displayedName;
 /// Why standard output cannot be written, for that errno.
 [[nodiscard]] Failure outputFailure(int error);
 
+/// Whether something was written to standard output, or tried to be.
+[[nodiscard]] bool outputWasBegun() noexcept;
+
 /// Writes to standard output.
 [[nodiscard]] Result<void> writeOutput(std::string_view text);
 

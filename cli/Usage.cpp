@@ -77,6 +77,17 @@ const CLI::Option* optionNamedIn(std::string_view message, const Options& option
   return nullptr;
 }
 
+std::vector<const CLI::App*> commandsOf(const CLI::App& app) {
+  return app.get_subcommands([](const CLI::App*) { return true; });
+}
+
+std::string commandLines(const CLI::App& app) {
+  std::string lines;
+  for (const CLI::App* command : commandsOf(app))
+    lines += helpLine(command->get_name(), command->get_description());
+  return lines;
+}
+
 std::string exclusion(const Options& options) {
   for (const CLI::Option* option : options) {
     if (option->count() == 0) continue;
@@ -87,23 +98,40 @@ std::string exclusion(const Options& options) {
   return "there are options that exclude each other";
 }
 
-}  // namespace
-
-std::string helpText(const CLI::App& app) {
-  const CLI::App& shown = chosenIn(app);
+std::string helpTextFor(const CLI::App& app, const CLI::App& shown) {
   const bool isCommand = &shown != &app;
   std::string text = shown.get_description() + "\nUsage: " + app.get_name();
   if (isCommand) text.append(" ").append(shown.get_name());
-  text.append(" [OPTIONS]").append(isCommand ? "" : " SUBCOMMAND").append("\n\nOptions:\n");
-  for (const CLI::Option* option : optionsOf(shown)) text += optionLine(*option);
+  text.append(" [OPTIONS]").append(isCommand ? "" : " SUBCOMMAND");
+  for (const CLI::Option* option : optionsOf(shown)) {
+    if (option->get_positional()) text.append(" [").append(option->get_name(true)).append("]");
+  }
+  text += "\n\nOptions:\n";
+  for (const CLI::Option* option : optionsOf(shown)) {
+    if (!option->get_positional()) text += optionLine(*option);
+  }
   if (isCommand) return text.append("\n");
 
-  text += "\nSubcommands:\n";
-  const auto every = [](const CLI::App*) { return true; };
-  for (const CLI::App* command : app.get_subcommands(every)) {
-    text += helpLine(command->get_name(), command->get_description());
-  }
+  text += "\nSubcommands:\n" + commandLines(app);
   return text.append("\n").append(app.get_footer()).append("\n");
+}
+
+}  // namespace
+
+std::string helpText(const CLI::App& app) { return helpTextFor(app, chosenIn(app)); }
+
+std::optional<std::string> helpTextOn(const CLI::App& app, const std::string& command) {
+  if (command.empty()) return helpTextFor(app, app);
+  for (const CLI::App* known : commandsOf(app)) {
+    if (known->get_name() == command) return helpTextFor(app, *known);
+  }
+  return std::nullopt;
+}
+
+std::string shortHelpText(const CLI::App& app) {
+  return "Usage: " + app.get_name() + " [OPTIONS] SUBCOMMAND\n\n" + commandLines(app) +
+         "\nSee all options and exit codes with: mireltoken --help\n"
+         "See those of a command with: mireltoken help SUBCOMMAND\n";
 }
 
 std::string refusalText(const CLI::App& app, const CLI::ParseError& error) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 
 namespace CLI {
@@ -14,6 +15,13 @@ namespace mirel::cli {
 
 /// The help of the program, or of the command that was chosen in `app`.
 [[nodiscard]] std::string helpText(const CLI::App& app);
+
+/// The help of the command of that name, of the program for an empty one; nothing when there is no such
+/// command.
+[[nodiscard]] std::optional<std::string> helpTextOn(const CLI::App& app, const std::string& command);
+
+/// What the program says to somebody who gives it nothing to do.
+[[nodiscard]] std::string shortHelpText(const CLI::App& app);
 
 /// Why the command line was refused, without a period.
 [[nodiscard]] std::string refusalText(const CLI::App& app, const CLI::ParseError& error);

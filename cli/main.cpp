@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <clocale>
 #include <csignal>
+#include <cstdio>
 #include <filesystem>
 #include <string>
 #include <string_view>
@@ -23,6 +24,7 @@
 #include "Session.h"
 #include "Usage.h"
 #include "Variables.h"
+#include "Version.h"
 #include "host/Home.h"
 #include "host/ModuleFile.h"
 #include "host/ModuleLookup.h"
@@ -89,6 +91,12 @@ Result<void> checkUsage(const Options& options) {
   return {};
 }
 
+Result<void> printHelp(const CLI::App& app, const Options& options) {
+  const auto text = helpTextOn(app, options.helpOn.value_or(""));
+  if (!text) return wrongUsage("there is no command \"" + *options.helpOn + "\"");
+  return writeOutput(*text);
+}
+
 Result<void> parseAndRun(int argc, char** argv) {
   CLI::App app;
   Options options;
@@ -98,10 +106,11 @@ Result<void> parseAndRun(int argc, char** argv) {
   } catch (const CLI::CallForHelp&) {
     return writeOutput(helpText(app));
   } catch (const CLI::CallForVersion&) {
-    return writeOutput("mireltoken " MIREL_VERSION "\n");
+    return writeOutput(versionText());
   } catch (const CLI::ParseError& error) {
     return wrongUsage(refusalText(app, error));
   }
+  if (!options.command) return printHelp(app, options);
   if (auto usage = checkUsage(options); !usage) return usage;
   for (auto* name : {&options.in, &options.out}) {
     if (*name == "-") name->reset();
@@ -131,9 +140,19 @@ bool asksForJson(int argc, char** argv) {
   return std::any_of(argv, argv + argc, [](std::string_view word) { return word == "--json"; });
 }
 
+/// A script whose command got lost must not go on as if it had been carried out.
+ExitCode askForCommand() {
+  CLI::App app;
+  Options options;
+  declareOptions(app, options);
+  (void)std::fputs(shortHelpText(app).c_str(), stderr);
+  return ExitCode::kUsage;
+}
+
 ExitCode start(int argc, char** argv) {
   occupyStandardStreams();
   if (const auto code = runFirstStart(argc, systemDesktop().get(), *systemUserDirectory())) return *code;
+  if (argc <= 1) return askForCommand();
   const auto done = parseAndRunSafely(argc, argv);
   return done ? ExitCode::kSuccess : report(done.failure(), asksForJson(argc, argv));
 }

@@ -10,6 +10,7 @@ namespace {
 
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
+using ::testing::MatchesRegex;
 using ::testing::Not;
 using ::testing::StartsWith;
 
@@ -33,7 +34,11 @@ class CommandLine : public EndToEndTest {
 };
 
 TEST_F(CommandLine, TellsItsVersion) {
-  expectOutput(runAlone("--version"), "mireltoken " MIREL_PROJECT_VERSION "\n");
+  const Result result = runAlone("--version");
+  expectSuccess(result);
+  EXPECT_THAT(result.out, StartsWith("mireltoken " MIREL_PROJECT_VERSION));
+  EXPECT_THAT(result.out, MatchesRegex("mireltoken [0-9.]+( \\(commit [0-9a-f]{7,40}(-dirty)?\\))?\n"
+                                       "OpenSSL [0-9.]+, CLI11 [0-9.]+, nlohmann-json [0-9.]+\n"));
 }
 
 // To the byte: the library that parses the command line prints other texts in each of its versions.
@@ -43,7 +48,7 @@ TEST_F(CommandLine, HelpIsWrittenLikeThis) {
 Usage: mireltoken [OPTIONS] SUBCOMMAND
 
 Options:
-  --version                   Print the version and exit
+  --version                   Print the version, with those of the libraries, and exit
   -h,--help                   Print this help and exit
   --module PATH Excludes: --home
                               Use this PKCS #11 module (a file, or a name that p11-kit knows), for this run only
@@ -63,6 +68,7 @@ Subcommands:
   sign                        Sign with a key of the card, and verify the signature
   decrypt                     Decrypt with a key of the card
   exchange                    Ask for a key exchange, and show what the token answers
+  help                        Print the help of the program, or of a command
 )";
   constexpr const char* kReadersHelp = R"(List the readers that hold a card
 Usage: mireltoken readers [OPTIONS]
@@ -95,6 +101,8 @@ Options:
   EXPECT_THAT(result.out, Not(::testing::EndsWith("\n\n")));
   expectOutput(runAlone("readers --help"), kReadersHelp);
   expectOutput(runAlone("--json sign -h"), kSignHelp);
+  expectOutput(runAlone("help"), result.out);
+  expectOutput(runAlone("help sign"), kSignHelp);
 }
 
 TEST_F(CommandLine, HelpHasAnExampleOfEachCommandAndEveryExitCodeOnce) {
@@ -134,7 +142,9 @@ TEST_F(CommandLine, HelpForACommandNamesItsOptions) {
 
 TEST_F(CommandLine, WordsItsRefusalsLikeThis) {
   const std::pair<Arguments, const char*> rows[] = {
-      {"", "a subcommand is required"},
+      {"-v", "a subcommand is required"},
+      {"help cards", "there is no command \"cards\""},
+      {"help sign items", "there is no \"items\""},
       {"cards", "there is no \"cards\""},
       {"readers items", "there is no \"items\""},
       {"items more", "there is no \"more\""},
@@ -163,6 +173,15 @@ TEST_F(CommandLine, WordsItsRefusalsLikeThis) {
     EXPECT_EQ(result.out, "");
     EXPECT_EQ(result.err, std::string{"mireltoken: wrong usage: "} + why + "; see mireltoken --help\n");
   }
+}
+
+TEST_F(CommandLine, NamesTheCommandsToWhoeverGivesNone) {
+  const Result result = runAlone("");
+  EXPECT_EQ(result.exitCode, 2);
+  EXPECT_THAT(result.out, IsEmpty());
+  for (const std::string command : kCommands) EXPECT_THAT(result.err, HasSubstr("\n  " + command + "  "));
+  EXPECT_THAT(result.err, HasSubstr("mireltoken --help"));
+  EXPECT_LT(linesOf(result.err).size(), 25U);
 }
 
 TEST_F(CommandLine, TakesOptionsBeforeAndAfterTheCommand) {

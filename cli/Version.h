@@ -1,0 +1,10 @@
+#pragma once
+
+#include <string>
+
+namespace mirel::cli {
+
+/// What --version prints: the version, with the commit where it is known, and those of the libraries.
+[[nodiscard]] std::string versionText();
+
+}  // namespace mirel::cli

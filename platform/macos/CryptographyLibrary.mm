@@ -1,0 +1,7 @@
+#include "platform/CryptographyLibrary.h"
+
+namespace mirel {
+
+std::string cryptographyLibrary() { return "Security framework"; }
+
+}  // namespace mirel
