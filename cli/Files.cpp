@@ -181,12 +181,23 @@ Result<void> replaceFile(const std::string& name, std::span<const std::uint8_t> 
 
 }  // namespace
 
-Result<std::unique_ptr<FileInput>> FileInput::open(const std::optional<std::string>& name) {
+FileInput::FileInput(int descriptor, std::string name, bool showsProgress)
+    : descriptor_{descriptor},
+      name_{std::move(name)},
+      showsProgress_{showsProgress && isatty(descriptor) == 0} {
+  struct stat status {};
+  const off_t start = lseek(descriptor, 0, SEEK_CUR);
+  if (start >= 0 && fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode) && status.st_size > start)
+    size_ = static_cast<std::uint64_t>(status.st_size - start);
+}
+
+Result<std::unique_ptr<FileInput>> FileInput::open(const std::optional<std::string>& name,
+                                                   bool showsProgress) {
   if (isStandardStream(name))
-    return std::unique_ptr<FileInput>{new FileInput{STDIN_FILENO, "standard input"}};
+    return std::unique_ptr<FileInput>{new FileInput{STDIN_FILENO, "standard input", showsProgress}};
   const int descriptor = ::open(name->c_str(), O_RDONLY | O_CLOEXEC);
   if (descriptor < 0) return readFailure(*name, errno);
-  return std::unique_ptr<FileInput>{new FileInput{descriptor, *name}};
+  return std::unique_ptr<FileInput>{new FileInput{descriptor, *name, showsProgress}};
 }
 
 FileInput::~FileInput() {
@@ -194,10 +205,18 @@ FileInput::~FileInput() {
 }
 
 Result<std::size_t> FileInput::read(std::span<std::uint8_t> room) {
+  if (!progress_) progress_.emplace("reading the input", showsProgress_);
   while (true) {
     const ssize_t count = ::read(descriptor_, room.data(), room.size());
-    if (count >= 0) return static_cast<std::size_t>(count);
-    if (errno != EINTR) return readFailure(name_, errno);
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) return readFailure(name_, errno);
+    numRead_ += static_cast<std::uint64_t>(count);
+    if (count > 0) {
+      progress_->doneBytes(numRead_, size_);
+    } else {
+      progress_->clear();  // the PIN is asked for now
+    }
+    return static_cast<std::size_t>(count);
   }
 }
 

@@ -8,6 +8,7 @@
 #include <span>
 #include <string>
 
+#include "Progress.h"
 #include "host/InputSource.h"
 
 namespace mirel::cli {
@@ -15,17 +16,22 @@ namespace mirel::cli {
 /// Standard input or a file, read in pieces.
 class FileInput final : public InputSource {
  public:
-  /// `name`: nothing or "-" for standard input.
-  [[nodiscard]] static Result<std::unique_ptr<FileInput>> open(const std::optional<std::string>& name);
+  /// `name`: nothing or "-" for standard input. `showsProgress`: of long reading, at a terminal.
+  [[nodiscard]] static Result<std::unique_ptr<FileInput>> open(const std::optional<std::string>& name,
+                                                               bool showsProgress);
   ~FileInput() override;
 
   [[nodiscard]] Result<std::size_t> read(std::span<std::uint8_t> room) override;
 
  private:
-  FileInput(int descriptor, std::string name) : descriptor_{descriptor}, name_{std::move(name)} {}
+  FileInput(int descriptor, std::string name, bool showsProgress);
 
   int descriptor_;
   std::string name_;
+  bool showsProgress_;
+  std::optional<Progress> progress_{};   // from the first reading on
+  std::optional<std::uint64_t> size_{};  // bytes, where it is known
+  std::uint64_t numRead_ = 0;
 };
 
 /// True when `name` stands for standard output and that is a terminal.

@@ -53,7 +53,7 @@ Result<KeyRequest> Session::connectFor(SecKeyAlgorithm byDefault) {
   const auto algorithm = algorithmOr(byDefault);
   if (!algorithm) return algorithm.failure();
   if (const auto writable = checkWriting(options_.out); !writable) return writable.failure();
-  auto input = FileInput::open(options_.in);
+  auto input = FileInput::open(options_.in, !options_.json && !options_.verbose);
   if (!input) return input.failure();
 
   if (const auto connected = connect(); !connected) return connected.failure();

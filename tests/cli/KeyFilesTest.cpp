@@ -4,10 +4,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <csignal>
 #include <fstream>
+#include <thread>
 
 #include "EndToEndTest.h"
+#include "PseudoTerminal.h"
 #include "ReferenceCryptography.h"
 
 namespace mirel::test {
@@ -282,6 +285,23 @@ TEST_F(KeyFiles, BehindALinkThatLeadsToItselfCannotBeWritten) {
                           {path(name) + " cannot be written: Too many levels of symbolic links"}}});
     EXPECT_TRUE(fs::is_symlink(path(name)));
   }
+}
+
+TEST_F(KeyFiles, TellAtATerminalHowFarLongReadingIs) {
+  PseudoTerminal terminal;
+  const int descriptor = open(terminal.name().c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
+  Invocation call = withPin("sign --key 01 --in /dev/fd/41 --out " + file("signature"));
+  call.descriptors[STDERR_FILENO] = descriptor;
+  call.pipes[41] = "What is";
+  call.pipesStayOpen = true;
+  RunningChild child{call};
+  std::this_thread::sleep_for(std::chrono::milliseconds{2500});
+  child.writeToPipe(41, " to be signed\n");
+  EXPECT_TRUE(terminal.waitFor("\rreading the input: 0 MB"));
+  EXPECT_EQ(child.wait().exitCode, 0);
+  EXPECT_TRUE(terminal.waitFor("\r                       \rSigned with the key"));
+  EXPECT_TRUE(isSignature(read("files/signature")));
+  (void)close(descriptor);
 }
 
 TEST_F(KeyFiles, ThatStandForAnOpenFileAreAddedBehindWhatIsThere) {
