@@ -27,6 +27,10 @@ enum class ExitCode : int {
   kCardGone = 16,
   kPinHeldBack = 17,
   kPinCannotBeEntered = 18,
+  // 19 and 20 are the findings of a diagnosis.
+  kModuleCrashed = 21,
+  kModuleEndedProgram = 22,
+  kModuleHangs = 23,
   kOutputUnread = 141,  ///< as a shell shows a program that SIGPIPE has ended
 };
 
@@ -58,6 +62,9 @@ struct ErrorTerms {
     case FailureKind::kOutputUnread: return {ExitCode::kOutputUnread, "output-unread"};
     case FailureKind::kAnotherCard: return {ExitCode::kAnotherCard, "another-card"};
     case FailureKind::kCardGone: return {ExitCode::kCardGone, "card-gone"};
+    case FailureKind::kModuleCrashed: return {ExitCode::kModuleCrashed, "module-crashed"};
+    case FailureKind::kModuleEndedProgram: return {ExitCode::kModuleEndedProgram, "module-ended-program"};
+    case FailureKind::kModuleHangs: return {ExitCode::kModuleHangs, "module-hangs"};
     case FailureKind::kInternal: break;
   }
   return {ExitCode::kInternal, "internal"};

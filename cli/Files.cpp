@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "Output.h"
+#include "Worker.h"
 
 namespace mirel::cli {
 namespace {
@@ -166,11 +167,13 @@ Result<void> replaceFile(const std::string& name, std::span<const std::uint8_t> 
   if (auto replaceable = checkReplacing(name, target); !replaceable) return replaceable;
   // What is there already must not be lost to a crash before the new content has reached the disk.
   const bool replaces = access(target.c_str(), F_OK) == 0;
-  const std::string pattern = (folderOf(target) / ".mireltoken-XXXXXX").string();
+  const std::string pattern =
+      (folderOf(target) / std::string{kTemporaryFilePrefix}.append("XXXXXX")).string();
   std::vector<char> temporary{pattern.begin(), pattern.end()};
   temporary.push_back('\0');
   const int descriptor = mkostemp(temporary.data(), O_CLOEXEC);
   if (descriptor < 0) return writeFailure(name, errno);
+  const NotedFile noted{temporary.data()};
   const bool whole = fchmod(descriptor, modeFor(target, descriptor, mode)) == 0 &&
                      writeAll(descriptor, data) && (!replaces || fsync(descriptor) == 0);
   if (finish(descriptor, whole) && std::rename(temporary.data(), target.c_str()) == 0) return {};

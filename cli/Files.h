@@ -7,11 +7,15 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <string_view>
 
 #include "Progress.h"
 #include "host/InputSource.h"
 
 namespace mirel::cli {
+
+/// What the name of a temporary file begins with.
+inline constexpr std::string_view kTemporaryFilePrefix = ".mireltoken-";
 
 /// Standard input or a file, read in pieces.
 class FileInput final : public InputSource {

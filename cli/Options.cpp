@@ -8,6 +8,8 @@
 namespace mirel::cli {
 namespace {
 
+constexpr int kLongestTimeout = 86400;  // seconds
+
 constexpr const char* kExamples =
     "Examples:\n"
     "  mireltoken readers\n"
@@ -48,7 +50,10 @@ constexpr const char* kRemarks =
     "  15  another card is in the reader\n"
     "  16  the card or its service went away\n"
     "  17  a try is left for the user: the PIN was not sent\n"
-    "  18  this PIN, or this card's, cannot be entered here";
+    "  18  this PIN, or this card's, cannot be entered here\n"
+    "  21  the module crashed\n"
+    "  22  the module ended the program\n"
+    "  23  a call of the module did not return in time";
 
 std::string footer() { return kExamples + moduleInHome("").substr(1) + kRemarks; }
 
@@ -122,6 +127,10 @@ void declareOptions(CLI::App& app, Options& options) {
                  "The reader: its name, or a beginning that fits no other (default: the first with an "
                  "initialised card)")
       ->type_name("NAME");
+  app.add_option("--timeout", options.timeout,
+                 "Give a call of the module this many seconds, 0 for any time (default: 30)")
+      ->type_name("N")
+      ->check(CLI::Range(0, kLongestTimeout).description(""));
   app.add_flag("--json", options.json, "Print JSON for programs");
   app.add_flag("-v,--verbose", options.verbose, "Print the log lines on standard error");
 

@@ -24,6 +24,7 @@ struct Options {
   std::optional<std::string> home;  ///< nothing: the user's
   std::optional<std::string> reader;
   bool readerIsFromVariable = false;
+  int timeout = 30;  ///< seconds for one call of the module; 0: as long as it takes
   bool json = false;
   bool verbose = false;
   const Command* command = nullptr;   ///< the one that was chosen; null when help was

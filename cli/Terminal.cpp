@@ -11,6 +11,8 @@
 #include <csignal>
 #include <utility>
 
+#include "Worker.h"
+
 namespace mirel::cli {
 namespace {
 
@@ -24,10 +26,14 @@ constexpr std::uint8_t kDelete = 0x7F;
 
 constexpr std::array kEndingSignals{SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGABRT, SIGALRM, SIGXCPU};
 
-// For the handlers of signals and exit, which can be given nothing.
+// For the handlers of signals, which can be given nothing.
 std::atomic<int> savedDescriptor{-1};  // -1: the terminal is as it was
 termios savedSettings{};
 std::array<struct sigaction, kEndingSignals.size()> savedActions{};
+
+void restoreTerminal() noexcept {
+  if (savedDescriptor >= 0) (void)tcsetattr(savedDescriptor, TCSANOW, &savedSettings);
+}
 
 /// Puts the terminal right, then lets the signal do what it would have done.
 void restoreAndRaise(int signal) {
@@ -56,6 +62,7 @@ class QuietTerminal {
         (void)sigaction(kEndingSignals[i], &savedActions[i], nullptr);
     }
     savedDescriptor = descriptor;
+    noteTerminal(savedSettings);
     termios quiet = savedSettings;
     quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO | ICANON | ISIG);
     quiet.c_cc[VMIN] = 1;
@@ -69,6 +76,7 @@ class QuietTerminal {
     if (restored_) return;
     (void)tcsetattr(descriptor_, TCSAFLUSH, &savedSettings);
     savedDescriptor = -1;
+    forgetTerminal();
     (void)sigaction(SIGTSTP, &savedStop_, nullptr);
     for (std::size_t i = 0; i < kEndingSignals.size(); ++i) {
       (void)sigaction(kEndingSignals[i], &savedActions[i], nullptr);
@@ -168,10 +176,6 @@ PromptResult readSecret(int descriptor, std::span<std::uint8_t> room, std::size_
 }
 
 }  // namespace
-
-void restoreTerminal() noexcept {
-  if (savedDescriptor >= 0) (void)tcsetattr(savedDescriptor, TCSANOW, &savedSettings);
-}
 
 PromptResult promptForSecret(const std::string& prompt, std::span<std::uint8_t> room, std::size_t& outSize) {
   const int descriptor = open("/dev/tty", O_RDWR | O_CLOEXEC | O_NOCTTY);

@@ -25,7 +25,4 @@ template <std::size_t Size>
   return promptForSecret(prompt, std::span{room.data(), Size}, outSize);
 }
 
-/// Puts the terminal right if a prompt is open: for the end of a process that runs no destructors.
-void restoreTerminal() noexcept;
-
 }  // namespace mirel::cli

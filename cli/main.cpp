@@ -4,6 +4,7 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <clocale>
 #include <csignal>
 #include <cstdio>
@@ -15,7 +16,6 @@
 #include "Command.h"
 #include "CommandLineLog.h"
 #include "ExitCode.h"
-#include "ExitGuard.h"
 #include "FirstStart.h"
 #include "Json.h"
 #include "Options.h"
@@ -25,6 +25,7 @@
 #include "Usage.h"
 #include "Variables.h"
 #include "Version.h"
+#include "Worker.h"
 #include "host/Home.h"
 #include "host/ModuleFile.h"
 #include "host/ModuleLookup.h"
@@ -48,12 +49,13 @@ Failure wrongUsage(const std::string& why) {
   return {FailureKind::kWrongUsage, "wrong usage", why, "see mireltoken --help"};
 }
 
-/// Runs the command that was chosen.
-Result<void> run(Options& options) {
-  const ExitGuard guard{options.json};
+/// Carries out the command that was chosen.
+Result<void> carryOut(Options& options) {
   if (options.command->takes(CommandOption::Kind::kPin)) forbidMemoryDumps();
   PlatformServices services = systemServices();
-  services.observer = ExitGuard::observer();
+  services.observer = notingObserver();
+  services.inspectionObserver = services.observer;
+  services.loader = notingLoader(services.loader);
   services.log = commandLineLog(services.log, options.verbose);
   if (options.home) {
     std::string home = std::filesystem::absolute(*options.home).string();
@@ -69,6 +71,39 @@ Result<void> run(Options& options) {
   if (auto chosen = chooseModule(services, {options.modulePath, options.trustModule}); !chosen) return chosen;
   Session session{std::move(services), options};
   return options.command->run(session);
+}
+
+/// What `action` answers; an exception is a failure of ours.
+template <typename Action>
+auto guarded(const Action& action) -> decltype(action()) {
+  const auto internal = [](const char* why) {
+    return Failure{FailureKind::kInternal, "internal error", why, "please report it"};
+  };
+  try {
+    return action();
+  } catch (const std::exception& error) {
+    return internal(error.what());
+  } catch (...) {
+    return internal("of an unknown kind");
+  }
+}
+
+/// The same in a process of its own, which tells its failures itself.
+Result<ExitCode> run(Options& options) {
+  const auto work = [&] {
+    const auto done = guarded([&] { return carryOut(options); });
+    return done ? ExitCode::kSuccess : report(namingVariables(done.failure(), options), options.json);
+  };
+  const Watch watch{options.timeout > 0 ? std::optional{std::chrono::seconds{options.timeout}} : std::nullopt,
+                    !options.json && isatty(STDERR_FILENO) != 0};
+  return runInWorker(work, watch);
+}
+
+/// Standard output got that text.
+Result<ExitCode> print(const std::string& text) {
+  const auto written = writeOutput(text);
+  if (!written) return written.failure();
+  return ExitCode::kSuccess;
 }
 
 /// Whether options that the parser lets pass make sense.
@@ -91,48 +126,33 @@ Result<void> checkUsage(const Options& options) {
   return {};
 }
 
-Result<void> printHelp(const CLI::App& app, const Options& options) {
+Result<ExitCode> printHelp(const CLI::App& app, const Options& options) {
   const auto text = helpTextOn(app, options.helpOn.value_or(""));
   if (!text) return wrongUsage("there is no command \"" + *options.helpOn + "\"");
-  return writeOutput(*text);
+  return print(*text);
 }
 
-Result<void> parseAndRun(int argc, char** argv) {
+Result<ExitCode> parseAndRun(int argc, char** argv) {
   CLI::App app;
   Options options;
   declareOptions(app, options);
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp&) {
-    return writeOutput(helpText(app));
+    return print(helpText(app));
   } catch (const CLI::CallForVersion&) {
-    return writeOutput(versionText());
+    return print(versionText());
   } catch (const CLI::ParseError& error) {
     return wrongUsage(refusalText(app, error));
   }
   if (!options.command) return printHelp(app, options);
-  if (auto usage = checkUsage(options); !usage) return usage;
+  if (const auto usage = checkUsage(options); !usage) return usage.failure();
   for (auto* name : {&options.in, &options.out}) {
     if (*name == "-") name->reset();
   }
-  if (auto descriptor = checkPinDescriptor(options); !descriptor) return descriptor;
+  if (const auto descriptor = checkPinDescriptor(options); !descriptor) return descriptor.failure();
   takeVariables(options);
-  auto done = run(options);
-  return done ? done : namingVariables(std::move(done).failure(), options);
-}
-
-/// The same, whatever is thrown.
-Result<void> parseAndRunSafely(int argc, char** argv) {
-  const auto internal = [](const char* why) {
-    return Failure{FailureKind::kInternal, "internal error", why, "please report it"};
-  };
-  try {
-    return parseAndRun(argc, argv);
-  } catch (const std::exception& error) {
-    return internal(error.what());
-  } catch (...) {
-    return internal("of an unknown kind");
-  }
+  return run(options);
 }
 
 /// Also where the command line makes no sense: whoever writes --json wants to read what is wrong with it.
@@ -153,8 +173,8 @@ ExitCode start(int argc, char** argv) {
   occupyStandardStreams();
   if (const auto code = runFirstStart(argc, systemDesktop().get(), *systemUserDirectory())) return *code;
   if (argc <= 1) return askForCommand();
-  const auto done = parseAndRunSafely(argc, argv);
-  return done ? ExitCode::kSuccess : report(done.failure(), asksForJson(argc, argv));
+  const auto done = guarded([&] { return parseAndRun(argc, argv); });
+  return done ? *done : report(done.failure(), asksForJson(argc, argv));
 }
 
 }  // namespace
@@ -168,9 +188,7 @@ int main(int argc, char** argv) {
   // The texts that a token has for its users follow the user's language.
   (void)std::setlocale(LC_MESSAGES, "");
   try {
-    const int code = static_cast<int>(mirel::cli::start(argc, argv));
-    mirel::cli::ExitGuard::programEndsWith(code);
-    return code;
+    return static_cast<int>(mirel::cli::start(argc, argv));
   } catch (...) {  // no memory to tell what went wrong
     return static_cast<int>(mirel::cli::ExitCode::kInternal);
   }

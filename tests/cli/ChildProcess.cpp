@@ -11,8 +11,10 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <fstream>
 #include <memory>
 #include <optional>
+#include <stdexcept>
 #include <system_error>
 #include <thread>
 #include <utility>
@@ -326,6 +328,16 @@ RunningChild::~RunningChild() {
 }
 
 pid_t RunningChild::pid() const noexcept { return state_->pid; }
+
+pid_t RunningChild::worker() const {
+  const std::string process = std::to_string(state_->pid);
+  for (int i = 0; i < 20000; ++i) {
+    std::ifstream children{"/proc/" + process + "/task/" + process + "/children"};
+    if (pid_t worker = 0; children >> worker) return worker;
+    std::this_thread::sleep_for(kPause);
+  }
+  throw std::runtime_error{"the program has started no process"};
+}
 
 void RunningChild::writeToPipe(int descriptor, const std::string& text) const {
   state_->pipes.at(descriptor).fill(text);

@@ -57,6 +57,9 @@ class RunningChild {
   ~RunningChild();
 
   [[nodiscard]] pid_t pid() const noexcept;
+  /// The process that the program has started; waits for it, for twenty seconds at most. Throws
+  /// std::runtime_error when there is none.
+  [[nodiscard]] pid_t worker() const;
   void writeToPipe(int descriptor, const std::string& text) const;
 
   /// Waits for its end, which is forced after a minute. Once only.

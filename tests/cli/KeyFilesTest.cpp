@@ -364,7 +364,7 @@ class LargeMessages : public KeyFiles {
   [[nodiscard]] long peakMemoryFor(const std::string& message) const {
     const RunningChild child{stagedWithPin("sign --key 01 --in " + message, {{"PAUSE", "C_SignInit"}})};
     EXPECT_TRUE(waitForStagedCallOf("C_SignInit"));
-    std::ifstream status{"/proc/" + std::to_string(child.pid()) + "/status"};
+    std::ifstream status{"/proc/" + std::to_string(child.worker()) + "/status"};
     long peak = 0;
     for (std::string word; status >> word;) {
       if (word == "VmHWM:") status >> peak;

@@ -36,7 +36,7 @@ std::string inUtf16(const std::string& ascii) {
 }
 
 std::string processFile(const RunningChild& child, const std::string& name) {
-  return contentOf("/proc/" + std::to_string(child.pid()) + "/" + name);
+  return contentOf("/proc/" + std::to_string(child.worker()) + "/" + name);
 }
 
 /// A process's memory as far as it can be written, area by area.
@@ -44,7 +44,7 @@ std::vector<std::string> memoryOf(const RunningChild& child) {
   // Far more than the program needs; a sanitizer's reserve is larger, and mostly empty.
   constexpr std::size_t kLargestArea = std::size_t{256} << 20U;
   std::vector<std::string> areas;
-  const int memory = open(("/proc/" + std::to_string(child.pid()) + "/mem").c_str(), O_RDONLY | O_CLOEXEC);
+  const int memory = open(("/proc/" + std::to_string(child.worker()) + "/mem").c_str(), O_RDONLY | O_CLOEXEC);
   for (const std::string& line : linesOf(processFile(child, "maps"))) {
     std::istringstream words{line};
     std::size_t start = 0;

@@ -11,6 +11,7 @@
 ///   MIREL_STAGED_EXIT         a function in kStaged, or C_GetTokenInfo: its call ends the process by
 ///                             exit(0); "end": so does the end of this library; "child": a child that it
 ///                             makes ends so, and the library is not loaded unless the child's code is 0.
+///   MIREL_STAGED_CRASH        a function in kStaged, or "entry", the entry point: its call ends in SIGSEGV.
 ///   MIREL_STAGED_EXIT_FILE    once there is that file, a thread ends the process by exit(0).
 ///   MIREL_STAGED_TRACEABLE    set: other processes of the user may look into the memory of this one again.
 ///   MIREL_STAGED_PLAIN        a file: what C_Decrypt decrypts every cipher text to, without a copy of it, as
@@ -19,11 +20,12 @@
 ///                             does the entry point; "exit": the process waits when it has done its work.
 ///   MIREL_STAGED_SWAP         a function in kStaged: from its first call on every token has another serial
 ///                             number.
-///   MIREL_STAGED_CALLS        a file that gets the name of every call of a function in kStaged, in a line of
-///                             its own; those of C_GetTokenInfo too. C_Login adds "dumpable" and what prctl
-///                             answers, and C_FindObjects adds "certificate" and its ID in hexadecimal digits
-///                             for each that is found: what order a module has can differ from process to
-///                             process, so only a witness in the same process knows it.
+///   MIREL_STAGED_CALLS        a file that gets the name of every call of the first kNumNoted functions in
+///                             kStaged, in a line of its own; those of C_GetTokenInfo too. C_Login adds
+///                             "dumpable" and what prctl answers, and C_FindObjects adds "certificate" and
+///                             its ID in hexadecimal digits for each that is found: what order a module has
+///                             can differ from process to process, so only a witness in the same process
+///                             knows it.
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -33,6 +35,7 @@
 
 #include <algorithm>
 #include <array>
+#include <csignal>
 #include <cstdlib>
 #include <iomanip>
 #include <map>
@@ -104,15 +107,18 @@ void noteAndPause(const std::string& function) {
 template <auto Entry, std::size_t Name>
 struct Staged;
 
-constexpr std::array kStaged{"C_Login", "C_SignInit", "C_Sign", "C_DecryptInit", "C_Decrypt", "C_DeriveKey"};
+constexpr std::array kStaged{"C_Login",   "C_SignInit",  "C_Sign",       "C_DecryptInit",
+                             "C_Decrypt", "C_DeriveKey", "C_Initialize", "C_GetSlotList"};
+constexpr std::size_t kNumNoted = 6;  // the first of them
 
 template <typename... Args, CK_RV (*CK_FUNCTION_LIST::*Entry)(Args...), std::size_t Name>
 struct Staged<Entry, Name> {
   static CK_RV call(Args... args) {
-    note(kStaged[Name]);
+    if (Name < kNumNoted) note(kStaged[Name]);
     if (kStaged[Name] == std::string_view{"C_Login"})
       note("dumpable " + std::to_string(prctl(PR_GET_DUMPABLE, 0, 0, 0, 0)));
     if (variable("MIREL_STAGED_EXIT") == kStaged[Name]) std::exit(0);
+    if (variable("MIREL_STAGED_CRASH") == kStaged[Name]) (void)raise(SIGSEGV);
     if (variable("MIREL_STAGED_PAUSE") == kStaged[Name]) {
       while (true) (void)pause();
     }
@@ -222,6 +228,7 @@ extern "C" __attribute__((visibility("default"))) CK_RV C_GetFunctionList(CK_FUN
     if (callsFile < 0) return CKR_FUNCTION_FAILED;
   }
   if (variable("MIREL_STAGED_PAUSE") == "entry") noteAndPause("entry");
+  if (variable("MIREL_STAGED_CRASH") == "entry") (void)raise(SIGSEGV);
   ours = *real;
   ours.C_GetFunctionList = &C_GetFunctionList;
   ours.C_FindObjects = &findObjects;
@@ -231,6 +238,8 @@ extern "C" __attribute__((visibility("default"))) CK_RV C_GetFunctionList(CK_FUN
   ours.C_Sign = &Staged<&CK_FUNCTION_LIST::C_Sign, 2>::call;
   ours.C_DecryptInit = &Staged<&CK_FUNCTION_LIST::C_DecryptInit, 3>::call;
   ours.C_Decrypt = &decrypt;
+  ours.C_Initialize = &Staged<&CK_FUNCTION_LIST::C_Initialize, 6>::call;
+  ours.C_GetSlotList = &Staged<&CK_FUNCTION_LIST::C_GetSlotList, 7>::call;
   ours.C_DeriveKey = &Staged<&CK_FUNCTION_LIST::C_DeriveKey, 5>::call;
   return CKR_OK;
 }

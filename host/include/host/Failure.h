@@ -21,14 +21,17 @@ enum class FailureKind {
   kNotSupported,        ///< the key does not do that, or not with that algorithm
   kVerificationFailed,  ///< there is no signature, or it does not verify
   kKeyNotFound,
-  kCardRefuses,    ///< the card did not do what it was asked
-  kBadInput,       ///< the data to work on have the wrong length
-  kWrongUsage,     ///< what was asked for makes no sense
-  kFileFailure,    ///< a file cannot be read or written
-  kOutputFailure,  ///< standard output cannot be written
-  kOutputUnread,   ///< the program that read standard output went away
-  kAnotherCard,    ///< the reader holds another card than the one that was inserted
-  kCardGone,       ///< the card, its reader or the service behind it went away
+  kCardRefuses,         ///< the card did not do what it was asked
+  kBadInput,            ///< the data to work on have the wrong length
+  kWrongUsage,          ///< what was asked for makes no sense
+  kFileFailure,         ///< a file cannot be read or written
+  kOutputFailure,       ///< standard output cannot be written
+  kOutputUnread,        ///< the program that read standard output went away
+  kAnotherCard,         ///< the reader holds another card than the one that was inserted
+  kCardGone,            ///< the card, its reader or the service behind it went away
+  kModuleCrashed,       ///< a signal such as SIGSEGV ended the process while the module was at work
+  kModuleEndedProgram,  ///< the module called exit
+  kModuleHangs,         ///< a call of the module did not return in time
 };
 
 /// A failure as the user is told it, UTF-8, each text without a full stop or line end.

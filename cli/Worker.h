@@ -1,0 +1,63 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "ExitCode.h"
+#include "host/Result.h"
+#include "platform/CryptokiObserver.h"
+#include "platform/DynamicLoader.h"
+
+struct termios;
+
+namespace mirel::cli {
+
+// A card maker's module can crash, end the process or never return. So a command works in a process of its
+// own, the worker, which alone loads the module. The process that the user has started watches it, and can
+// always say what happened, put the terminal right and take away a file that is not whole.
+//
+// They share a page of memory, in which the worker writes what it is at. A module that has lost its way can
+// write there too, so what stands in it is checked.
+
+/// How a worker is watched.
+struct Watch {
+  /// How long one call of the module may take; nothing: as long as it likes.
+  std::optional<std::chrono::seconds> timeout;
+  /// Whether a call that takes long is told on standard error, while it lasts.
+  bool tellsOfWaiting = false;
+  /// How long it may take to end, when its work is done or a signal was sent to it.
+  std::chrono::milliseconds timeForEnd{5000};
+};
+
+/// Runs `work` in a worker, and returns its exit code. Where the worker came to another end, it tells the
+/// user and returns the code for that. A signal that ends the worker for the user, such as SIGINT, ends this
+/// process too. Does not return in the worker. Once for each process.
+[[nodiscard]] Result<ExitCode> runInWorker(const std::function<ExitCode()>& work, const Watch& watch);
+
+// For the worker; elsewhere they note nothing.
+
+/// Notes which call of the module is under way.
+[[nodiscard]] std::shared_ptr<CryptokiObserver> notingObserver();
+
+/// The loader `next`; notes that it is at work, since a library runs code when it is loaded.
+[[nodiscard]] std::shared_ptr<DynamicLoader> notingLoader(std::shared_ptr<DynamicLoader> next);
+
+/// Has the watching process put the terminal back to these settings should the worker end before
+/// `forgetTerminal` is called.
+void noteTerminal(const termios& settings) noexcept;
+void forgetTerminal() noexcept;
+
+/// Notes the name of a temporary file while there is one: not longer than kLongestNotedName, or it is not
+/// noted.
+class NotedFile {
+ public:
+  explicit NotedFile(const std::string& name) noexcept;
+  NotedFile(const NotedFile&) = delete;
+  NotedFile& operator=(const NotedFile&) = delete;
+  ~NotedFile();
+};
+
+}  // namespace mirel::cli

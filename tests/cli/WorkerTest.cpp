@@ -1,0 +1,223 @@
+#include "Output.h"
+#include "Worker.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <fstream>
+#include <stdexcept>
+
+#include "support/TemporaryFolder.h"
+
+namespace mirel::cli {
+namespace {
+
+using std::chrono::seconds;
+
+constexpr std::chrono::milliseconds kTimeForEnd{300};
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+
+#if defined(__SANITIZE_ADDRESS__)
+constexpr bool kChecksAtExit = true;
+#elif defined(__has_feature)
+constexpr bool kChecksAtExit = __has_feature(address_sanitizer);
+#else
+constexpr bool kChecksAtExit = false;
+#endif
+
+struct Seen {
+  ExitCode code;
+  std::string err;
+};
+
+/// Runs a worker whose work is that.
+Seen seenOf(const std::function<void()>& work, const Watch& watch = {seconds{20}, false, kTimeForEnd}) {
+  ::testing::internal::CaptureStderr();
+  const Result<ExitCode> done = runInWorker(
+      [&] {
+        work();
+        return ExitCode::kKeyNotFound;
+      },
+      watch);
+  const std::string err = ::testing::internal::GetCapturedStderr();
+  if (done) return {*done, err};
+  return {exitCodeOf(done.failure().kind), err + failureLine(done.failure())};
+}
+
+void call(const char* function) { notingObserver()->callStarts(function); }
+
+TEST(Worker, AnswersTheCodeOfItsWork) {
+  const Seen seen = seenOf([] {});
+  EXPECT_EQ(seen.code, ExitCode::kKeyNotFound);
+  EXPECT_THAT(seen.err, IsEmpty());
+}
+
+TEST(Worker, KeepsItsCodeWhateverHappensWhileItEnds) {
+  if (kChecksAtExit) GTEST_SKIP() << "there the code of the end is that of the check for leaks";
+  EXPECT_EQ(seenOf([] { std::atexit([] { _exit(1); }); }).code, ExitCode::kKeyNotFound);
+  EXPECT_EQ(seenOf([] { std::atexit([] { std::abort(); }); }).code, ExitCode::kKeyNotFound);
+}
+
+TEST(Worker, ThatDoesNotEndAfterItsWorkIsEnded) {
+  EXPECT_EQ(seenOf([] { std::atexit([] { (void)pause(); }); }).code, ExitCode::kKeyNotFound);
+}
+
+TEST(Worker, ThatCrashesNamesTheCallAndTheSignal) {
+  if (kChecksAtExit) GTEST_SKIP() << "the sanitizer makes an end of its own of a crash";
+  const std::pair<int, std::string> rows[] = {
+      {SIGSEGV, "(SIGSEGV)"}, {SIGABRT, "(SIGABRT)"}, {SIGKILL, "(SIGKILL)"}, {SIGUSR1, "(signal "}};
+  for (const auto& [signal, name] : rows) {
+    SCOPED_TRACE(name);
+    const Seen seen = seenOf([signal = signal] {
+      call("C_Sign");
+      (void)raise(signal);
+    });
+    EXPECT_EQ(seen.code, ExitCode::kModuleCrashed);
+    EXPECT_THAT(seen.err, HasSubstr("mireltoken: the module crashed in C_Sign " + name));
+  }
+}
+
+TEST(Worker, ThatCrashesOutsideOfCallsBlamesNone) {
+  const Seen seen = seenOf([] {
+    call("C_Sign");
+    notingObserver()->callReturned("C_Sign", 0);
+    (void)raise(SIGKILL);
+  });
+  EXPECT_EQ(seen.code, ExitCode::kModuleCrashed);
+  EXPECT_THAT(seen.err, HasSubstr("ended by SIGKILL: no call of the module was under way"));
+}
+
+TEST(Worker, ThatIsEndedByTheModuleNamesTheCall) {
+  const std::pair<std::function<void()>, std::string> rows[] = {
+      {[] { call("C_Login"); }, "called exit in C_Login:"},
+      {[] { call("C_GetSlotList"); }, "called exit in C_GetSlotList:"},
+      {[] {}, "called exit: that is"},
+      // What a module that has lost its way leaves there.
+      {[] { call("\x1b[31m"); }, "called exit: that is"},
+      {[] { call("C_AnEntryWithANameThatIsLongerThanAllOfThem"); }, "called exit in C_AnEntryWithANameThat"}};
+  for (const auto& [before, words] : rows) {
+    SCOPED_TRACE(words);
+    const Seen seen = seenOf([&before = before] {
+      before();
+      _exit(0);
+    });
+    EXPECT_EQ(seen.code, ExitCode::kModuleEndedProgram);
+    EXPECT_THAT(seen.err, HasSubstr(words));
+  }
+}
+
+TEST(Worker, WhoseCallDoesNotReturnIsEnded) {
+  const Seen seen = seenOf(
+      [] {
+        call("C_GetSlotList");
+        while (true) (void)pause();
+      },
+      {seconds{1}, false});
+  EXPECT_EQ(seen.code, ExitCode::kModuleHangs);
+  EXPECT_THAT(seen.err, HasSubstr("has not returned from C_GetSlotList for 1 s"));
+}
+
+TEST(Worker, MayMakeManyCallsThatTakeLongTogether) {
+  const Seen seen = seenOf(
+      [] {
+        for (int i = 0; i < 6; ++i) {
+          call("C_Sign");
+          (void)usleep(250'000);
+        }
+      },
+      {seconds{1}, true});
+  EXPECT_EQ(seen.code, ExitCode::kKeyNotFound);
+  EXPECT_THAT(seen.err, IsEmpty());
+}
+
+TEST(Worker, MayTakeAnyTimeBetweenCalls) {
+  EXPECT_EQ(seenOf([] { (void)usleep(1'500'000); }, {seconds{1}, true}).code, ExitCode::kKeyNotFound);
+}
+
+TEST(Worker, WhoseCallTakesLongIsToldOnceAfterTwoSeconds) {
+  const auto work = [] {
+    call("C_Sign");
+    (void)usleep(2'900'000);
+  };
+  EXPECT_EQ(seenOf(work, {seconds{20}, true}).err,
+            "mireltoken: waiting for the module in C_Sign (Ctrl-C ends it)\n");
+}
+
+TEST(Worker, LeavesNoTemporaryFileAndNoOtherFileIsTakenAway) {
+  const test::TemporaryFolder folder;
+  for (const auto& [name, stays] : {std::pair{".mireltoken-AbCdEf", false}, std::pair{"mine", true}}) {
+    SCOPED_TRACE(name);
+    const std::string file = folder.path() / name;
+    (void)seenOf([&] {
+      std::ofstream{file} << "half";
+      const NotedFile noted{file};
+      (void)raise(SIGKILL);
+    });
+    EXPECT_EQ(access(file.c_str(), F_OK) == 0, stays);
+  }
+}
+
+TEST(Worker, KeepsAFileThatIsWhole) {
+  const test::TemporaryFolder folder;
+  const std::string file = folder.path() / ".mireltoken-AbCdEf";
+  (void)seenOf([&] {
+    {
+      std::ofstream{file} << "whole";
+      const NotedFile noted{file};
+    }
+    (void)raise(SIGKILL);
+  });
+  EXPECT_EQ(access(file.c_str(), F_OK), 0);
+}
+
+TEST(Worker, NotesTheLoadingOfALibrary) {
+  class Loader final : public DynamicLoader {
+   public:
+    void* open(const char*) noexcept override { _exit(0); }
+    void* symbol(void*, const char*) noexcept override { return nullptr; }
+    bool close(void*) noexcept override { return true; }
+    std::string errorText() noexcept override { return {}; }
+  };
+  const Seen seen = seenOf([] { (void)notingLoader(std::make_shared<Loader>())->open("module"); });
+  EXPECT_THAT(seen.err, HasSubstr("it called exit while it was loaded"));
+}
+
+TEST(WorkerDeathTest, EndsTheProgramByTheSignalThatEndedIt) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+    EXPECT_EXIT((void)runInWorker([signal]() -> ExitCode { _exit(raise(signal)); }, Watch{}),
+                ::testing::KilledBySignal(signal), "");
+  }
+}
+
+TEST(WorkerDeathTest, GetsTheSignalsOfTheProgram) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT((void)runInWorker(
+                  []() -> ExitCode {
+                    (void)kill(getppid(), SIGTERM);
+                    while (true) (void)pause();
+                  },
+                  Watch{}),
+              ::testing::KilledBySignal(SIGTERM), "");
+}
+
+TEST(WorkerDeathTest, ThatIgnoresTheSignalsOfTheProgramIsEnded) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT((void)runInWorker(
+                  []() -> ExitCode {
+                    (void)std::signal(SIGTERM, SIG_IGN);
+                    (void)kill(getppid(), SIGTERM);
+                    while (true) (void)pause();
+                  },
+                  {std::nullopt, false, kTimeForEnd}),
+              ::testing::KilledBySignal(SIGTERM), "");
+}
+
+}  // namespace
+}  // namespace mirel::cli
