@@ -1,5 +1,6 @@
 #include "Output.h"
 
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -8,7 +9,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 
+#include "TextWidth.h"
 #include "Wording.h"
 #include "platform/Hex.h"
 #include "platform/Log.h"
@@ -18,10 +21,27 @@ namespace {
 
 std::atomic<bool> outputIsBegun{false};
 
-/// Characters of a UTF-8 text; close enough to columns for aligning.
-std::size_t widthOf(std::string_view utf8) {
-  return static_cast<std::size_t>(std::count_if(
-      utf8.begin(), utf8.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xC0U) != 0x80U; }));
+using Rows = std::vector<std::vector<std::string>>;
+
+std::string bold(const std::string& line, bool coloured) {
+  return coloured ? "\x1b[1m" + line + "\x1b[0m" : line;
+}
+
+/// A block of lines for each row, with a blank line between them.
+std::string blocksOf(const Rows& rows, bool coloured) {
+  std::string lines;
+  for (std::size_t row = 1; row < rows.size(); ++row) {
+    if (row > 1) lines += '\n';
+    bool isFirst = true;
+    for (std::size_t i = 0; i < rows[row].size(); ++i) {
+      if (rows[row][i].empty()) continue;
+      const std::string name = i < rows.front().size() ? rows.front()[i] + ": " : std::string{};
+      lines += isFirst ? bold(name + rows[row][i], coloured) : "  " + name + rows[row][i];
+      lines += '\n';
+      isFirst = false;
+    }
+  }
+  return lines;
 }
 
 }  // namespace
@@ -48,21 +68,29 @@ bool outputIsColoured() {
   return isatty(STDOUT_FILENO) != 0 && (!noColour || *noColour == '\0');
 }
 
-std::string table(const std::vector<std::vector<std::string>>& rows, bool coloured) {
+std::size_t outputWidth() {
+  constexpr std::size_t kUsual = 80;
+  if (isatty(STDOUT_FILENO) == 0) return std::numeric_limits<std::size_t>::max();
+  winsize size{};
+  if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0) return kUsual;
+  return size.ws_col;
+}
+
+std::string table(const std::vector<std::vector<std::string>>& rows, bool coloured, std::size_t width) {
   std::vector<std::size_t> widths;
   for (const auto& row : rows) {
     widths.resize(std::max(widths.size(), row.size()));
-    for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], widthOf(row[i]));
+    for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], columnsOf(row[i]));
   }
   std::string lines;
   for (const auto& row : rows) {
     std::string line;
     for (std::size_t i = 0; i < row.size(); ++i) {
       line += row[i];
-      if (i + 1 < row.size()) line.append(widths[i] - widthOf(row[i]) + 2, ' ');
+      if (i + 1 < row.size()) line.append(widths[i] - columnsOf(row[i]) + 2, ' ');
     }
-    const bool heading = &row == &rows.front();
-    lines += heading && coloured ? "\x1b[1m" + line + "\x1b[0m" : line;
+    if (columnsOf(line) > width && rows.size() > 1) return blocksOf(rows, coloured);
+    lines += bold(line, coloured && &row == &rows.front());
     lines += '\n';
   }
   return lines;

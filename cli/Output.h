@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -26,8 +27,14 @@ using mirel::displayedName;
 /// True when standard output may be coloured: it is a terminal, and NO_COLOR is unset or empty.
 [[nodiscard]] bool outputIsColoured();
 
-/// Rows of cells as lines with aligned columns. The first row is the heading, bold if `coloured`.
-[[nodiscard]] std::string table(const std::vector<std::vector<std::string>>& rows, bool coloured);
+/// The columns of the terminal that standard output is, 80 where it does not say; no limit for anything else.
+[[nodiscard]] std::size_t outputWidth();
+
+/// Rows of cells as lines with aligned columns. The first row is the heading, bold if `coloured`. Where a
+/// line would have more than `width` columns, each row is a block of lines "HEADING: cell" instead, all but
+/// the first indented; empty cells are left out, and the first line is the bold one.
+[[nodiscard]] std::string table(const std::vector<std::vector<std::string>>& rows, bool coloured,
+                                std::size_t width = outputWidth());
 
 /// Why standard output cannot be written, for that errno.
 [[nodiscard]] Failure outputFailure(int error);

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <spawn.h>
 #include <stdlib.h>  // NOLINT(modernize-deprecated-headers): posix_openpt is POSIX, not standard C++
+#include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -83,9 +84,12 @@ class Descriptor {
 /// A terminal, with us at the other end of its line.
 class Terminal {
  public:
-  Terminal()
-      : ours_{posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC), "posix_openpt"},
-        theirs_{openTheirs(), "ptsname"} {}
+  explicit Terminal(unsigned short columns)
+      : ours_{posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC), "posix_openpt"}, theirs_{openTheirs(), "ptsname"} {
+    winsize size{};
+    size.ws_col = columns;
+    require(ioctl(theirs(), TIOCSWINSZ, &size) == 0, "ioctl");
+  }
 
   [[nodiscard]] int theirs() const noexcept { return theirs_.get(); }
 
@@ -270,7 +274,9 @@ struct RunningChild::State {
   void prepareOutput(FileActions& actions) {
     switch (invocation.output) {
       case Output::kCaptured: actions.duplicate(out.descriptor(), STDOUT_FILENO); break;
-      case Output::kTerminal: actions.duplicate(terminal.emplace().theirs(), STDOUT_FILENO); break;
+      case Output::kTerminal:
+        actions.duplicate(terminal.emplace(invocation.columns).theirs(), STDOUT_FILENO);
+        break;
       case Output::kClosed: actions.close(STDOUT_FILENO); break;
       case Output::kFull: other.emplace(open("/dev/full", O_WRONLY | O_CLOEXEC), "/dev/full"); break;
       case Output::kUnread: other.emplace(openUnreadPipe(), "pipe"); break;

@@ -28,6 +28,7 @@ struct Invocation {
   std::string input{};
   bool inputIsClosed = false;  ///< the child is started without a standard input
   Output output = Output::kCaptured;
+  unsigned short columns = 1000;  ///< of the terminal that Output::kTerminal is; 0: it does not say
   /// Pipes that the child finds at these descriptors (above 30), with these contents.
   std::map<int, std::string> pipes{};
   bool pipesStayOpen = false;  ///< until `RunningChild::wait`, so that the child waits for more

@@ -5,6 +5,7 @@
 #include <initializer_list>
 
 #include "ExitCode.h"
+#include "TextWidth.h"
 #include "Wording.h"
 
 namespace mirel::cli {
@@ -108,6 +109,35 @@ TEST(Table, AlignsItsColumns) {
     SCOPED_TRACE(row.name);
     EXPECT_EQ(table(row.rows, row.coloured), row.expected);
   }
+}
+
+TEST(Table, IsBlocksWhereItIsTooWide) {
+  const std::vector<std::vector<std::string>> rows{{"NAME", "ID"}, {"first", "01"}, {"", "02", "more"}};
+  EXPECT_EQ(table(rows, false, 15), "NAME   ID\nfirst  01\n       02  more\n");
+  const std::string blocks = "NAME: first\n  ID: 01\n\nID: 02\n  more\n";
+  EXPECT_EQ(table(rows, false, 14), blocks);
+  EXPECT_EQ(table(rows, true, 8), "\x1b[1mNAME: first\x1b[0m\n  ID: 01\n\n\x1b[1mID: 02\x1b[0m\n  more\n");
+  EXPECT_EQ(table({{"LONG HEADING"}}, false, 8), "LONG HEADING\n");
+}
+
+TEST(ColumnsOf, CountsWideCharactersTwiceAndCombiningOnesNot) {
+  const std::pair<const char*, std::size_t> rows[] = {
+      {"", 0},
+      {"abc", 3},
+      {"Gr\xC3\xBCn", 4},
+      {"e\xCC\x81", 1},                 // an acute accent
+      {"\xE7\x8D\xB7\xE5\x8D\xA1", 4},  // Chinese
+      {"\xEA\xB0\x80", 2},              // Korean
+      {"\xE1\x84\x80\xE1\x85\xA1", 2},  // the same in its parts
+      {"\xEF\xBC\xA1", 2},              // a fullwidth letter
+      {"\xEF\xBD\xB1", 1},              // a halfwidth one
+      {"\xE3\x81\x8B\xE3\x82\x99", 2},  // Japanese, with a mark
+      {"\xE0\xB8\x81\xE0\xB8\xB4", 1},  // Thai, with a vowel above
+      {"\xF0\x9F\x92\xB3", 2},          // a picture
+      {"\xD0\x96", 1},
+      {"\xFF", 1},
+  };
+  for (const auto& [text, columns] : rows) EXPECT_EQ(columnsOf(text), columns) << text;
 }
 
 TEST(FailureLine, SaysWhatAndWhyAndWhatToDo) {

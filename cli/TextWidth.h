@@ -1,0 +1,13 @@
+#pragma once
+
+#include <cstddef>
+#include <string_view>
+
+namespace mirel::cli {
+
+/// The columns that a terminal takes for a text (UTF-8): two for a wide character of East Asia or a picture,
+/// none for a mark that stands over, under or beside the character before it, and one for all others. From a
+/// table of our own, so that it does not depend on the locale.
+[[nodiscard]] std::size_t columnsOf(std::string_view utf8) noexcept;
+
+}  // namespace mirel::cli
