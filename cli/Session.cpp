@@ -1,6 +1,7 @@
 #include "Session.h"
 
 #include "PinEntry.h"
+#include "host/AlgorithmNames.h"
 #include "host/Display.h"
 
 namespace mirel::cli {
@@ -41,16 +42,18 @@ std::string Session::remarkOnPin() {
   return state ? state->text : std::string{};
 }
 
-Result<SecKeyAlgorithm> Session::algorithmOr(SecKeyAlgorithm byDefault) const {
-  if (!options_.algorithm) return byDefault;
-  if (const auto algorithm = secKeyAlgorithmNamed(*options_.algorithm)) return *algorithm;
-  return Failure{FailureKind::kWrongUsage, "wrong usage",
-                 "there is no algorithm \"" + displayed(Text::fromUtf8(*options_.algorithm)) + "\"",
-                 "see the names with: mireltoken algorithms"};
+Result<std::optional<SecKeyAlgorithm>> Session::namedAlgorithm(KeyOperation operation) const {
+  if (!options_.algorithm) return std::optional<SecKeyAlgorithm>{};
+  const std::string& name = *options_.algorithm;
+  if (const auto algorithm = algorithmNamed(name, operation)) return algorithm;
+  return Failure{
+      FailureKind::kWrongUsage, "wrong usage",
+      "there is no algorithm \"" + displayed(std::string_view{name}) + "\"" + suggestedAlgorithm(name),
+      "see the names with: mireltoken algorithms --all"};
 }
 
-Result<KeyRequest> Session::connectFor(SecKeyAlgorithm byDefault) {
-  const auto algorithm = algorithmOr(byDefault);
+Result<KeyRequest> Session::connectFor(KeyOperation operation) {
+  const auto algorithm = namedAlgorithm(operation);
   if (!algorithm) return algorithm.failure();
   if (const auto writable = checkWriting(options_.out); !writable) return writable.failure();
   auto input = FileInput::open(options_.in, !options_.json && !options_.verbose);
@@ -59,7 +62,8 @@ Result<KeyRequest> Session::connectFor(SecKeyAlgorithm byDefault) {
   if (const auto connected = connect(); !connected) return connected.failure();
   const auto chosen = chosenKey();
   if (!chosen) return chosen.failure();
-  return KeyRequest{*algorithm, *std::move(input), *chosen};
+  return KeyRequest{algorithm->value_or(defaultAlgorithm(operation, chosen->key.keyType)), *std::move(input),
+                    *chosen};
 }
 
 Result<void> Session::write(std::span<const std::uint8_t> data, mode_t mode) const {

@@ -58,16 +58,16 @@ class Session {
   [[nodiscard]] KeyClient& client() const { return *client_; }
   [[nodiscard]] PinSource& pins() const { return *pins_; }
 
-  /// Connects, for a request of which all else that the options say was looked at first. `byDefault`: the
-  /// algorithm where they name none.
-  [[nodiscard]] Result<KeyRequest> connectFor(SecKeyAlgorithm byDefault);
+  /// Connects, for a request of which all else that the options say was looked at first. Where they name no
+  /// algorithm, it is the operation's for that type of key.
+  [[nodiscard]] Result<KeyRequest> connectFor(KeyOperation operation);
 
   /// Writes to the file of the options, or standard output (see `writeFile`).
   [[nodiscard]] Result<void> write(std::span<const std::uint8_t> data, mode_t mode) const;
 
  private:
   [[nodiscard]] Text readerName() const;
-  [[nodiscard]] Result<SecKeyAlgorithm> algorithmOr(SecKeyAlgorithm byDefault) const;
+  [[nodiscard]] Result<std::optional<SecKeyAlgorithm>> namedAlgorithm(KeyOperation operation) const;
 
   const Options& options_;
   Host host_;

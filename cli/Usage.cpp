@@ -5,6 +5,8 @@
 #include <string_view>
 #include <vector>
 
+#include "host/NearestName.h"
+
 namespace mirel::cli {
 namespace {
 
@@ -88,6 +90,17 @@ std::string commandLines(const CLI::App& app) {
   return lines;
 }
 
+/// What the user can have meant by a word that there is not.
+std::vector<std::string> namesLike(std::string_view word, const CLI::App& app) {
+  std::vector<std::string> names;
+  if (word.starts_with('-')) {
+    for (const CLI::Option* option : usableOptions(app)) names.push_back(nameOf(*option));
+  } else {
+    for (const CLI::App* command : commandsOf(app)) names.push_back(command->get_name());
+  }
+  return names;
+}
+
 std::string exclusion(const Options& options) {
   for (const CLI::Option* option : options) {
     if (option->count() == 0) continue;
@@ -136,7 +149,11 @@ std::string shortHelpText(const CLI::App& app) {
 
 std::string refusalText(const CLI::App& app, const CLI::ParseError& error) {
   const std::vector<std::string> unknown = app.remaining();
-  if (!unknown.empty()) return "there is no \"" + unknown.front() + "\"";
+  if (!unknown.empty()) {
+    // "--option=value" is one word.
+    const std::string word = unknown.front().substr(0, unknown.front().find('='));
+    return "there is no \"" + unknown.front() + "\"" + suggestionFor(word, namesLike(word, app));
+  }
   if (dynamic_cast<const CLI::RequiredError*>(&error)) return "a subcommand is required";
   const Options options = usableOptions(app);
   if (dynamic_cast<const CLI::ExcludesError*>(&error)) return exclusion(options);

@@ -27,6 +27,7 @@
 #include "Version.h"
 #include "Worker.h"
 #include "host/Home.h"
+#include "host/KeyChoice.h"
 #include "host/ModuleFile.h"
 #include "host/ModuleLookup.h"
 #include "platform/Desktop.h"
@@ -119,6 +120,7 @@ Result<void> checkUsage(const Options& options) {
   }
   if (!options.key && options.command->takes(CommandOption::Kind::kKey))
     return wrongUsage("--key is missing");
+  if (const auto key = checkKeyName(options.key.value_or("")); !key) return key;
   const bool readsInput = options.command->takes(CommandOption::Kind::kInput);
   if (options.pinFd == STDIN_FILENO && readsInput && options.in.value_or("-") == "-") {
     return wrongUsage("--pin-fd 0 and the data cannot both be standard input");

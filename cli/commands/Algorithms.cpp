@@ -15,8 +15,10 @@ std::string shortNameOf(SecKeyAlgorithm algorithm) {
   return std::string{nameOf(algorithm).substr(kSecKeyAlgorithmPrefix.size())};
 }
 
-std::string cellFor(SecKeyAlgorithm algorithm, const std::optional<SecKeyAlgorithm>& form) {
-  if (!form) return "-";
+constexpr const char* kAll = "--all";
+
+std::string cellFor(SecKeyAlgorithm algorithm, const std::optional<SecKeyAlgorithm>& form, bool shown) {
+  if (!form || !shown) return "-";
   return *form == algorithm ? "directly" : "as " + shortNameOf(*form);
 }
 
@@ -52,17 +54,26 @@ std::vector<PublishedKey> withoutRepetitions(const std::vector<PublishedKey>& ke
   return first;
 }
 
-std::string tableText(KeyClient& client, const std::vector<PublishedKey>& keys) {
+/// `all`: also what the token accepts, but this card layer never does, and what it does not accept at all.
+std::string tableText(KeyClient& client, const std::vector<PublishedKey>& keys, bool all) {
   FormsOfKeys forms{client};
   std::vector<std::vector<std::string>> rows{{"ALGORITHM"}};
-  for (const SecKeyAlgorithmName& known : kSecKeyAlgorithms) rows.push_back({shortNameOf(known.algorithm)});
-  for (const PublishedKey& key : keys) {
-    rows.front().push_back("KEY " + displayed(key.objectID));
-    const Forms& accepted = forms.of(key);
-    for (std::size_t i = 0; i < accepted.size(); ++i)
-      rows[i + 1].push_back(cellFor(kSecKeyAlgorithms[i].algorithm, accepted[i]));
+  for (const PublishedKey& key : keys) rows.front().push_back("KEY " + idText(key.objectID));
+  for (std::size_t i = 0; i < kSecKeyAlgorithms.size(); ++i) {
+    const SecKeyAlgorithm algorithm = kSecKeyAlgorithms[i].algorithm;
+    std::vector<std::string> row{shortNameOf(algorithm)};
+    bool worksForOne = false;
+    for (const PublishedKey& key : keys) {
+      const auto& form = forms.of(key)[i];
+      const bool works = form && mayWork(key, algorithm);
+      row.push_back(cellFor(algorithm, form, all || works));
+      worksForOne = worksForOne || works;
+    }
+    if (all || worksForOne) rows.push_back(std::move(row));
   }
-  return table(rows, outputIsColoured());
+  if (rows.size() > 1) return table(rows, outputIsColoured());
+  return "No algorithm works with " + std::string{keys.size() == 1 ? "this key" : "these keys"} +
+         "; see what the token accepts all the same with --all.\n";
 }
 
 std::string jsonText(KeyClient& client, const std::vector<PublishedKey>& keys) {
@@ -91,13 +102,16 @@ Result<void> run(Session& session) {
                    "see why with: mireltoken items"};
   }
   return writeOutput(session.options().json ? jsonText(session.client(), keys)
-                                            : tableText(session.client(), keys));
+                                            : tableText(session.client(), keys, session.options().has(kAll)));
 }
 
-constexpr CommandOption kOptions[] = {{CommandOption::Kind::kOptionalKey, "This key only"}};
+constexpr CommandOption kOptions[] = {
+    {CommandOption::Kind::kOptionalKey, "This key only"},
+    {CommandOption::Kind::kFlag, "Show every algorithm, and what the token says to it", kAll},
+};
 
 }  // namespace
 
-const Command algorithmsCommand{"algorithms", "Show which algorithms the keys accept", kOptions, run};
+const Command algorithmsCommand{"algorithms", "Show which algorithms work with the keys", kOptions, run};
 
 }  // namespace mirel::cli

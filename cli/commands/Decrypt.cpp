@@ -8,6 +8,7 @@
 #include "Json.h"
 #include "Output.h"
 #include "Session.h"
+#include "host/AlgorithmNames.h"
 #include "platform/Log.h"
 #include "platform/Memory.h"
 
@@ -40,7 +41,7 @@ bool isOaep(SecKeyAlgorithm algorithm) noexcept {
 
 Result<void> decryptAndWrite(Session& session) {
   const Options& options = session.options();
-  const auto request = session.connectFor(SecKeyAlgorithm::kSecKeyAlgorithmRSAEncryptionPKCS1);
+  const auto request = session.connectFor(KeyOperation::kDecrypt);
   if (!request) return request.failure();
   const auto& [algorithm, input, chosen] = *request;
 
@@ -62,7 +63,7 @@ Result<void> decryptAndWrite(Session& session) {
 
 Result<void> run(Session& session) {
   // Some modules answer a wrong padding with random bytes, so afterwards nobody could tell that it failed.
-  const auto named = secKeyAlgorithmNamed(session.options().algorithm.value_or(""));
+  const auto named = algorithmNamed(session.options().algorithm.value_or(""), KeyOperation::kDecrypt);
   if (named && isOaep(*named)) {
     return Failure{FailureKind::kNotSupported,
                    std::string{nameOf(*named)} + " never decrypts with these cards",
@@ -76,8 +77,7 @@ Result<void> run(Session& session) {
 
 constexpr CommandOption kOptions[] = {
     {CommandOption::Kind::kKey, "The key"},
-    {CommandOption::Kind::kAlgorithm,
-     "The platform's algorithm (default: kSecKeyAlgorithmRSAEncryptionPKCS1)"},
+    {CommandOption::Kind::kAlgorithm, "The algorithm (default: RSAEncryptionPKCS1 with an RSA key)"},
     {CommandOption::Kind::kInput, "What to decrypt (default: standard input)"},
     {CommandOption::Kind::kOutput, "Where to write the plain text (default: standard output)"},
     {CommandOption::Kind::kPin},

@@ -10,7 +10,7 @@ namespace {
 constexpr mode_t kSecretMode = 0600;
 
 Result<void> run(Session& session) {
-  const auto request = session.connectFor(SecKeyAlgorithm::kSecKeyAlgorithmECDHKeyExchangeStandard);
+  const auto request = session.connectFor(KeyOperation::kExchangeKeys);
   if (!request) return request.failure();
   const auto& [algorithm, input, chosen] = *request;
 
@@ -36,8 +36,7 @@ Result<void> run(Session& session) {
 
 constexpr CommandOption kOptions[] = {
     {CommandOption::Kind::kKey, "The key"},
-    {CommandOption::Kind::kAlgorithm,
-     "The platform's algorithm (default: kSecKeyAlgorithmECDHKeyExchangeStandard)"},
+    {CommandOption::Kind::kAlgorithm, "The algorithm (default: ECDHKeyExchangeStandard)"},
     {CommandOption::Kind::kInput,
      "The other party's public key, an uncompressed point (default: standard input)"},
     {CommandOption::Kind::kOutput, "Where to write the shared secret (default: standard output)"},

@@ -4,6 +4,7 @@
 #include "Output.h"
 #include "Session.h"
 #include "host/DistinctItems.h"
+#include "host/KeyChoice.h"
 
 namespace mirel::cli {
 namespace {
@@ -76,7 +77,7 @@ std::vector<std::string> rowOf(const PublishedCertificate& item) {
   const std::string usage = item.keyUsage.empty() ? "no key usage" : joinedWith(" ", item.keyUsage);
   const std::string validity = item.notAfter.isNull() ? "" : ", until " + displayed(item.notAfter);
   return {
-      "certificate", displayed(item.objectID), displayed(item.label),
+      "certificate", idText(item.label), displayed(labelOf(item)),
       displayedName(item.subject) + validity + ", " + usage + ", " + std::to_string(item.size) + " bytes"};
 }
 
@@ -90,7 +91,7 @@ std::vector<std::string> rowOf(const PublishedKey& item) {
   for (const auto& [operation, constraint] : item.constraints) {
     abilities.push_back(displayed(constraint) + " to " + operationName(operation));
   }
-  return {"key", displayed(item.objectID), displayed(item.label),
+  return {"key", idText(item.objectID), displayed(labelOf(item)),
           std::string{keyTypeName(item.keyType)} + " " + std::to_string(item.keySizeInBits) + ", " +
               joinedWith(", ", abilities)};
 }
@@ -102,7 +103,7 @@ std::string tableText(const InsertedCard& card) {
   text += "Instance ID  \"" + displayed(card.instanceID) + "\"\n\n";
 
   if (card.items.empty()) return text + "The card publishes nothing.\n";
-  std::vector<std::vector<std::string>> rows{{"ITEM", "OBJECT ID", "LABEL", "WHAT IT IS"}};
+  std::vector<std::vector<std::string>> rows{{"ITEM", "ID", "LABEL", "WHAT IT IS"}};
   for (const auto& [item, count] : distinctItems(card.items)) {
     rows.push_back(std::visit([](const auto& published) { return rowOf(published); }, *item));
     if (count > 1) rows.back().back().append(", ").append(std::to_string(count)).append(" times");
@@ -115,7 +116,7 @@ std::string objectsText(const char* heading, const std::vector<UnpublishedObject
   std::vector<std::vector<std::string>> rows{{heading, "LABEL", "ID", "WHY"}};
   for (const UnpublishedObject& object : objects) {
     if (object.unread == unread)
-      rows.push_back({object.kind, displayed(object.label), displayed(object.id), object.reason});
+      rows.push_back({object.kind, displayed(object.label), idText(object.id), object.reason});
   }
   return rows.size() == 1 ? std::string{} : "\n" + table(rows, outputIsColoured());
 }

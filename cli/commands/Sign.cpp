@@ -31,7 +31,7 @@ Failure andNothingWritten(Failure failure) {
 std::string summary(const ChosenKey& chosen, SecKeyAlgorithm algorithm, const Signature& signature,
                     bool verified) {
   std::string text =
-      "Signed with the key \"" + displayed(chosen.key.objectID) + "\" by " + std::string{nameOf(algorithm)};
+      "Signed with the key " + idText(chosen.key.objectID) + " by " + std::string{nameOf(algorithm)};
   if (signature.performed != algorithm)
     text.append(", asked of the card as ").append(nameOf(signature.performed));
   return text.append(verified ? "; the signature verifies with its certificate."
@@ -53,7 +53,7 @@ Result<void> run(Session& session) {
     return Failure{FailureKind::kWrongUsage, "wrong usage", "a signature is no text for a terminal",
                    "give a file with --out, or redirect the output"};
   }
-  const auto request = session.connectFor(SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureMessagePSSSHA256);
+  const auto request = session.connectFor(KeyOperation::kSign);
   if (!request) return request.failure();
   const auto& [algorithm, input, chosen] = *request;
 
@@ -74,8 +74,7 @@ Result<void> run(Session& session) {
 
 constexpr CommandOption kOptions[] = {
     {CommandOption::Kind::kKey, "The key"},
-    {CommandOption::Kind::kAlgorithm,
-     "The platform's algorithm (default: kSecKeyAlgorithmRSASignatureMessagePSSSHA256)"},
+    {CommandOption::Kind::kAlgorithm, "The algorithm (default: PS256 with an RSA key, ES256 with an EC key)"},
     {CommandOption::Kind::kInput, "What to sign (default: standard input)"},
     {CommandOption::Kind::kOutput, "Where to write the signature (default: standard output)"},
     {CommandOption::Kind::kFlag, "Do not verify the signature", kNoVerify},

@@ -31,6 +31,13 @@ std::string withoutFullStop(std::string text) {
   return text;
 }
 
+/// What the token says, in the language of the user, to stand within a line that is English.
+std::string wordsOf(const std::optional<TKError>& error) {
+  const Text text = error ? error->localizedDescription : Text{};
+  if (text.isEmpty()) return {};
+  return "\"" + withoutFullStop(displayedName(text)) + "\"";
+}
+
 /// More than any digest, block or cryptogram of one key.
 constexpr std::size_t kLargestInput = 65536;  // bytes
 constexpr std::size_t kPieceSize = 65536;     // bytes
@@ -208,6 +215,17 @@ Result<void> checkSending(const SecretText& pin) {
 
 }  // namespace
 
+bool mayWork(const PublishedKey& key, SecKeyAlgorithm algorithm) noexcept {
+  constexpr int kLargestSigningKey = 2048;  // bits
+  if (key.keyType != CertificateKeyType::kRSA || !isRsaAlgorithm(algorithm)) return false;
+  switch (operationOf(algorithm)) {
+    case TKTokenOperation::kSignData: return key.canSign && key.keySizeInBits <= kLargestSigningKey;
+    case TKTokenOperation::kDecryptData:
+      return key.canDecrypt && algorithm == SecKeyAlgorithm::kSecKeyAlgorithmRSAEncryptionPKCS1;
+    default: return false;
+  }
+}
+
 KeyClient::KeyClient(InsertedCard card, std::shared_ptr<HostTokenSession> session,
                      std::shared_ptr<FailureDiary> diary)
     : card_{std::move(card)}, session_{std::move(session)}, diary_{std::move(diary)} {}
@@ -362,8 +380,7 @@ Result<Bytes> KeyClient::perform(const PublishedKey& key, TKTokenOperation opera
       if (const auto done = authenticate(asked, pins); !done) return done.failure();
       continue;
     }
-    const std::string text =
-        error->localizedDescription.isNull() ? "" : displayedName(error->localizedDescription);
+    const std::string text = wordsOf(error);
     return refusal(
         std::string{"the token does not "} + verbOf(operation),
         "it answered with error " + std::to_string(error->code) + (text.empty() ? "" : ": " + text),
@@ -378,10 +395,10 @@ Result<void> KeyClient::authenticate(const Text& constraint, PinSource& pins) {
     std::optional<TKError> error;
     const auto pinOperation = session_->beginAuthForOperation(constraint, &error);
     if (!pinOperation) {
-      return Failure{
-          FailureKind::kNotSupported, "the key cannot be unlocked",
-          error ? displayedName(error->localizedDescription) : "the token begins no authentication",
-          UserStep::kSeeLog};
+      const std::string text = wordsOf(error);
+      return Failure{FailureKind::kNotSupported, "the key cannot be unlocked",
+                     text.empty() ? "the token begins no authentication" : "the token says " + text,
+                     UserStep::kSeeLog};
     }
     const auto entered = pins.askForPin(displayed(card_.reader.tokenLabel));
     if (!entered) return entered.failure();
@@ -402,11 +419,12 @@ Result<void> KeyClient::authenticate(const Text& constraint, PinSource& pins) {
     const bool accepted = pinOperation->finishWithPIN(pin, &error);
     if (accepted) return {};
 
-    const std::string text = error ? displayedName(error->localizedDescription) : std::string{};
-    Failure failure = loginFailure(withoutFullStop(text));
+    const std::string text = wordsOf(error);
+    Failure failure =
+        loginFailure(text.empty() ? "the PIN is wrong" : "the PIN is wrong, the token says " + text);
     const bool last = attempt == kMostPins || !pins.canAskAgain();
     if (failure.kind != FailureKind::kPinWrong || last) return failure;
-    pins.showRefusal(text);
+    pins.showRefusal(failure.what);
   }
 }
 
@@ -443,7 +461,8 @@ std::optional<std::string> KeyClient::faultIn(std::string_view function) const {
   return "the card was not asked";
 }
 
-Failure KeyClient::loginFailure(const std::string& text) {
+/// `wrongPin`: what is told where the card has found the PIN wrong.
+Failure KeyClient::loginFailure(const std::string& wrongPin) {
   const auto answer = diary_->lastResultOf("C_Login");
   if (!answer) {
     return refusal("the card did not take the PIN", "it is not there any more",
@@ -451,7 +470,7 @@ Failure KeyClient::loginFailure(const std::string& text) {
   }
   const FailedCall login{"C_Login", *answer};
   const auto decided = meaningOf(login.name, login.result).kind;
-  if (decided == FailureKind::kPinWrong) return failureBecauseOf(login, text, FailureKind::kPinWrong);
+  if (decided == FailureKind::kPinWrong) return failureBecauseOf(login, wrongPin, FailureKind::kPinWrong);
   if (decided == FailureKind::kPinLocked)
     return failureBecauseOf(login, "the PIN of the card is locked", FailureKind::kPinLocked);
   const char* what = "the card did not take the PIN";

@@ -64,7 +64,7 @@ Subcommands:
   readers                     List the readers that hold a card
   items                       Insert a card and list the keychain items it would publish
   certificate                 Write the certificate of a key, in PEM
-  algorithms                  Show which algorithms the keys accept
+  algorithms                  Show which algorithms work with the keys
   login                       Check the PIN
   sign                        Sign with a key of the card, and verify the signature
   decrypt                     Decrypt with a key of the card
@@ -84,7 +84,7 @@ Usage: mireltoken sign [OPTIONS]
 Options:
   -h,--help                   Print this help and exit
   --key ID                    The key
-  --algorithm NAME            The platform's algorithm (default: kSecKeyAlgorithmRSASignatureMessagePSSSHA256)
+  --algorithm NAME            The algorithm (default: PS256 with an RSA key, ES256 with an EC key)
   --in FILE                   What to sign (default: standard input)
   --out FILE                  Where to write the signature (default: standard output)
   --no-verify                 Do not verify the signature
@@ -131,7 +131,7 @@ TEST_F(CommandLine, HelpForACommandNamesItsOptions) {
   const std::pair<std::string, Arguments> rows[] = {
       {"items", ""},
       {"certificate", "--key --out"},
-      {"algorithms", "--key"},
+      {"algorithms", "--key --all"},
       {"login", "--pin-file --pin-fd"},
       {"decrypt", "--key --algorithm --in --out --pin-file --pin-fd"},
       {"exchange", "--key --algorithm --in --out --pin-file --pin-fd"},
@@ -153,6 +153,9 @@ TEST_F(CommandLine, WordsItsRefusalsLikeThis) {
       {"readers items", "there is no \"items\""},
       {"items more", "there is no \"more\""},
       {"items --colour", "there is no \"--colour\""},
+      {"itmes", "there is no \"itmes\" (did you mean \"items\"?)"},
+      {"items --raeder x", "there is no \"--raeder\" (did you mean \"--reader\"?)"},
+      {"sign --algoritm=PS256", "there is no \"--algoritm=PS256\" (did you mean \"--algorithm\"?)"},
       {"-x items", "there is no \"-x\""},
       {"items --module", "--module needs a value (PATH)"},
       {"items --reader", "--reader needs a value (NAME)"},
@@ -236,6 +239,18 @@ TEST_F(CommandLine, IsColouredOnATerminalOnly) {
       for (std::size_t at = 0; (at = shown.find(code)) != std::string::npos;) shown.erase(at, code.size());
     expectOutput(mireltoken(command), shown);
     EXPECT_THAT(shown, Not(HasSubstr("\x1b")));
+  }
+}
+
+TEST_F(CommandLine, ShowsBlocksOnATerminalThatIsTooNarrowForTheTable) {
+  for (const std::uint16_t columns : {std::uint16_t{0}, std::uint16_t{40}}) {
+    Invocation call = onSoftHsm("items");
+    call.output = Output::kTerminal;
+    call.columns = columns;
+    call.environment["NO_COLOR"] = "1";
+    EXPECT_THAT(run(call).out,
+                HasSubstr("\r\nITEM: key\r\n  ID: 3031\r\n  LABEL: Certificate\r\n  WHAT IT IS: EC 256, "))
+        << columns;
   }
 }
 

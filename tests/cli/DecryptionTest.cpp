@@ -116,7 +116,7 @@ TEST_F(Decryption, IsRefusedWhereTheKeyOrTheAlgorithmDoesNot) {
       {decryptBy("RSASignatureRaw"), 10, {"that algorithm is there to sign"}},
       {decryptBy("RSAEncryptionPKCS1", "sig"),
        10,
-       {"the key \"sig\" does not decrypt with kSecKeyAlgorithmRSAEncryptionPKCS1"}},
+       {"the key 736967 does not decrypt with kSecKeyAlgorithmRSAEncryptionPKCS1"}},
       // The first usage that matches decides, and that is the one for signing.
       {decryptBy("RSAEncryptionPKCS1", "both"), 10, {"the token accepts no form of it"}},
   });

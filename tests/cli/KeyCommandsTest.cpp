@@ -27,7 +27,7 @@ TEST_F(KeyUsage, RefusesWhatIsMissingOrEmpty) {
 
 TEST_F(KeyUsage, NeedsAnAlgorithmThatThereIs) {
   for (const char* command : {"sign", "decrypt", "exchange"}) {
-    for (const char* name : {"RSA", "kSecKeyAlgorithm", "rsasignatureraw", "RSASignatureRaw ",
+    for (const char* name : {"RSA", "kSecKeyAlgorithm", "RSASignatureRa w", "RSASignatureRaw ",
                              "kSecKeyAlgorithmkSecKeyAlgorithmRSASignatureRaw", "\x1B[2J"}) {
       SCOPED_TRACE(std::string{command} + " " + name);
       const Result result = mireltoken({command, "--key", "01", "--algorithm", name});
@@ -71,12 +71,25 @@ TEST_F(KeyChoice, IsByWhatItemsShows) {
   EXPECT_THAT(chosen, ::testing::UnorderedElementsAre("First", "Second", "Third", "Fourth"));
 }
 
-TEST_F(KeyChoice, PrefersTheIDToTheNumberAndTheLabel) {
-  EXPECT_EQ(chosenBy("#4"), "Second");
-  EXPECT_EQ(chosenBy("One"), "Fourth");
-  expectFailures({{"certificate --key Same",
-                   12,
-                   {"several keys have that label", "\"#4\" (Same)", "\"\\x5C\" (Same)", "(One)"}}});
+TEST_F(KeyChoice, PrefersTheLabelToTheIDAsCharacters) {
+  EXPECT_EQ(chosenBy("One"), "First");
+  EXPECT_EQ(chosenBy("#2"), "Fourth");
+  EXPECT_EQ(chosenBy("4f6e65"), "Fourth");
+  expectFailures(
+      {{"certificate --key Same", 12, {"several keys have that label: #", "2334 (Same)", "5c (Same)"}}});
+}
+
+TEST_F(KeyChoice, RefusesAUriWithAPinWithoutLookingForACard) {
+  const Result result = run(invocation({"certificate", "--key", "pkcs11:id=%01?pin-value=4711"}));
+  expectFailure(result, 2, {"it has a PIN in it", "--pin-file"});
+  EXPECT_THAT(result.err, Not(HasSubstr("4711")));
+  expectFailure(run(invocation("certificate --key pkcs11:id=%0")), 2, {"percent-encoded", "RFC 7512"});
+}
+
+TEST_F(KeyChoice, IsByAUri) {
+  EXPECT_EQ(chosenBy("pkcs11:id=%5C"), "Third");
+  EXPECT_EQ(chosenBy("pkcs11:object=One;token=Card;type=private"), "First");
+  expectFailures({{"certificate --key pkcs11:id=%5C;token=Other", 12, {"its token is \"Other\""}}});
 }
 
 TEST_F(KeyChoice, IsByTheNumberOrTheLabel) {
@@ -92,7 +105,7 @@ TEST_F(KeyChoice, ListsTheKeysWhenThereIsNoSuchOne) {
     for (const char* command : {"sign", "decrypt", "exchange", "certificate", "algorithms"}) {
       expectFailures({{{command, "--key", name},
                        12,
-                       {"there is no key \"" + name + "\"", "\"01\" (Signature)", "\"03\" (Agreement)",
+                       {"there is no key \"" + name + "\"", "3031 (Signature)", "3033 (Agreement)",
                         "or #N for the N-th"}}});
     }
   }

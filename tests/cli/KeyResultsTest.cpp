@@ -23,14 +23,14 @@ class Algorithms : public EndToEndTest {
 };
 
 TEST_F(Algorithms, AreARowEachWithAColumnForEachKeyAndNeedNoPin) {
-  const Result result = run(staged("algorithms"));
+  const Result result = run(staged("algorithms --all"));
   expectSuccess(result);
   const std::vector<std::string> lines = linesOf(result.out);
   ASSERT_THAT(lines, SizeIs(kNumAlgorithms + 1));
   for (const std::string& line : lines) EXPECT_THAT(cellsOf(line), SizeIs(1 + 3)) << line;
   EXPECT_EQ(cellsOf(lines.front()).front(), "ALGORITHM");
   EXPECT_THAT(cellsOf(lines.front()),
-              ::testing::UnorderedElementsAre("ALGORITHM", "KEY 01", "KEY 02", "KEY 03"));
+              ::testing::UnorderedElementsAre("ALGORITHM", "KEY 3031", "KEY 3032", "KEY 3033"));
   EXPECT_EQ(stagedCallsOf("C_Login"), 0);
 }
 
@@ -53,14 +53,38 @@ TEST_F(Algorithms, AreThoseOfTheKeysUsageAndWhatBecomesOfThem) {
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.key);
-    std::vector<std::string> lines = linesOf(mireltoken("algorithms --key " + row.key).out);
+    std::vector<std::string> lines = linesOf(mireltoken("algorithms --all --key " + row.key).out);
     ASSERT_THAT(lines, SizeIs(kNumAlgorithms + 1));
-    EXPECT_THAT(cellsOf(lines.front()), ::testing::ElementsAre("ALGORITHM", "KEY " + row.key));
+    EXPECT_THAT(cellsOf(lines.front()),
+                ::testing::ElementsAre("ALGORITHM", "KEY 30" + hexOfBytes(row.key.substr(1))));
     lines.erase(lines.begin());
     std::map<std::string, int> answers;
     for (const std::string& line : lines) ++answers[cellsOf(line).at(1)];
     EXPECT_EQ(answers, row.answers);
   }
+}
+
+TEST_F(Algorithms, AreThoseThatWorkUnlessAllAreAskedFor) {
+  std::vector<std::string> names;
+  for (const std::string& line : linesOf(mireltoken("algorithms --key 01").out))
+    names.push_back(cellsOf(line)[0]);
+  EXPECT_THAT(names, ::testing::Contains("RSASignatureMessagePSSSHA256"));
+  EXPECT_THAT(names, ::testing::Not(::testing::Contains("ECDSASignatureMessageX962SHA256")));
+  EXPECT_THAT(names,
+              SizeIs(1 + 22));  // raw, its padding, and five hashes of messages and digests with either
+  const Result decrypting = mireltoken("algorithms --key 02");
+  EXPECT_EQ(decrypting.out, "ALGORITHM           KEY 3032\nRSAEncryptionPKCS1  directly\n");
+  EXPECT_THAT(mireltoken("algorithms --key 03").out, StartsWith("No algorithm works with this key; "));
+}
+
+TEST_F(Algorithms, HaveNamesInOtherStandards) {
+  for (const char* name :
+       {"PS256", "rsa_pss_rsae_sha256", "SHA256-RSA-PKCS-PSS", "rsasignaturemessagepsssha256"}) {
+    const Result result = runWithPin(std::string{"sign --key 01 --json --algorithm "} + name, kMessage);
+    EXPECT_EQ(Json::parse(result.out)["algorithm"], kPrefix + "RSASignatureMessagePSSSHA256") << name;
+  }
+  expectFailure(runWithPin("sign --key 01 --algorithm RSASignatureMesagePSSSHA256", kMessage), 2,
+                {"(did you mean \"RSASignatureMessagePSSSHA256\"?)", "mireltoken algorithms --all"});
 }
 
 TEST_F(Algorithms, AreGivenAsJson) {
@@ -139,10 +163,11 @@ class Login : public EndToEndTest {
 
 TEST_F(Login, SaysThatThePinIsRightAndWhatWasBefore) {
   expectOutput(logInWith(kPin), "The card accepts the PIN.\n");
-  expectFailure(logInWith(kWrongPin), 7,
-                {"The card did not accept the PIN (tries left: 0; 0 means that the card's software does not "
-                 "say): C_Login answered CKR_PIN_INCORRECT (0xA0), "
-                 "a wrong PIN was entered since the last right one; enter the PIN of this card"});
+  expectFailure(
+      logInWith(kWrongPin), 7,
+      {"the PIN is wrong, the token says \"The card did not accept the PIN (tries left: 0; 0 means that the "
+       "card's software does not say)\": C_Login answered CKR_PIN_INCORRECT (0xA0), "
+       "a wrong PIN was entered since the last right one; enter the PIN of this card"});
   expectOutput(logInWith(kPin),
                std::string{"The card accepts the PIN.\nBefore this: "} + kWrongBefore + ".\n");
   expectOutput(logInWith(kPin), "The card accepts the PIN.\n");
@@ -167,11 +192,12 @@ TEST_F(Login, TellsOfALastTryThatIsLeft) {
 
 TEST_F(Login, SpeaksTheLanguageOfTheUser) {
   constexpr const char* kGerman =
-      "mireltoken: Die Karte hat die PIN nicht akzeptiert (verbleibende Versuche: 0; 0 hei\xC3\x9Ft, dass "
-      "die Software der Karte keine Angabe macht): ";
+      "mireltoken: the PIN is wrong, the token says \"Die Karte hat die PIN nicht akzeptiert (verbleibende "
+      "Versuche: 0; 0 hei\xC3\x9Ft, dass die Software der Karte keine Angabe macht)\": ";
   constexpr const char* kEnglish =
-      "mireltoken: The card did not accept the PIN (tries left: 0; 0 means that the card's software does "
-      "not say): ";
+      "mireltoken: the PIN is wrong, the token says \"The card did not accept the PIN (tries left: 0; 0 "
+      "means "
+      "that the card's software does not say)\": ";
   const struct {
     const char* locale;  ///< empty: one without a language of its own
     const char* language;

@@ -20,8 +20,8 @@ const std::string kPrompt = "PIN for \"Card\": ";
 const std::string kPromptAfterWrongPin =
     "PIN for \"Card\" (a wrong PIN was entered since the last right one): ";
 const std::string kRefusal =
-    "mireltoken: The card did not accept the PIN (tries left: 0; 0 means that the card's software does not "
-    "say).\n";
+    "mireltoken: the PIN is wrong, the token says \"The card did not accept the PIN (tries left: 0; 0 means "
+    "that the card's software does not say)\"\n";
 constexpr const char* kAccepted = "The card accepts the PIN.\n";
 
 std::string entered(const std::string& pin) { return pin + "\r"; }
@@ -146,7 +146,7 @@ TEST_F(PinPrompt, ComesThreeTimesAtMost) {
   EXPECT_EQ(result.exitCode, 7);
   EXPECT_THAT(result.out, IsEmpty());
   EXPECT_THAT(result.err,
-              ::testing::StartsWith(kRefusal + kRefusal + "mireltoken: The card did not accept the PIN"));
+              ::testing::StartsWith(kRefusal + kRefusal + "mireltoken: the PIN is wrong, the token says"));
   EXPECT_THAT(result.err, HasSubstr("C_Login answered CKR_PIN_INCORRECT (0xA0)"));
   EXPECT_EQ(login.terminal.shown(),
             kPrompt + "\r\n" + kPromptAfterWrongPin + "\r\n" + kPromptAfterWrongPin + "\r\n");

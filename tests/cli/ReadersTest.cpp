@@ -108,7 +108,7 @@ TEST_F(Readers, ShowPeopleUnprintableBytesOfATokenLabelByNumber) {
   makeCards("token label=0x411B5B316D9BFF\n");
   const Result result = mireltoken("readers");
   expectSuccess(result);
-  EXPECT_THAT(result.out, HasSubstr("  A\\x1B[1m\\x9B\xC3\xBF  "));
+  EXPECT_THAT(result.out, HasSubstr("  A\\x1B[1m\\x9B\\xFF  "));
 }
 
 TEST_F(Readers, AreNarrowedDownToTheOneNamed) {

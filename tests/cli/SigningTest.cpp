@@ -177,7 +177,7 @@ TEST_F(Signing, IsRefusedWhereTheKeyCannotOrMayNot) {
       {signBy("ECDSASignatureRFC4754", "256"), 10, noForm},
       {signBy("RSASignatureMessagePSSSHA256", "enc"),
        10,
-       {"the key \"enc\" does not sign with kSecKeyAlgorithmRSASignatureMessagePSSSHA256"}},
+       {"the key 656e63 does not sign with kSecKeyAlgorithmRSASignatureMessagePSSSHA256"}},
       {signBy("RSAEncryptionPKCS1"), 10, {"that algorithm is there to decrypt"}},
       {signBy("ECDHKeyExchangeStandard"), 10, {"that algorithm is there to exchange keys"}},
       {signBy("ECDSASignatureMessageX962SHA256"), 10, {"the key is an RSA key"}},

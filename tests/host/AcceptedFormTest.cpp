@@ -208,7 +208,7 @@ TEST_F(NotSupported, IsWhatIsComposedAroundAnExchange) {
 TEST_F(NotSupported, TellsKeyAndAlgorithm) {
   const Failure failure =
       failureOf(client->sign(published(u"02"), kSecKeyAlgorithmRSASignatureRaw, input, pins));
-  EXPECT_EQ(failure.what, "the key \"02\" does not sign with kSecKeyAlgorithmRSASignatureRaw");
+  EXPECT_EQ(failure.what, "the key 3032 does not sign with kSecKeyAlgorithmRSASignatureRaw");
 }
 
 }  // namespace

@@ -91,7 +91,8 @@ TEST_F(PinEntry, TellsWhatTheTokenSaysOfAWrongPin) {
   script.deviations.triesLeftAsDeviceError = true;
   GivenPins given{{u"000000", u"111111"}};
   const Failure failure = loginFailure(given);
-  EXPECT_THAT(given.refusals, ElementsAre("Wrong, 2 left.", "Wrong, 1 left."));
+  EXPECT_THAT(given.refusals, ElementsAre("the PIN is wrong, the token says \"Wrong, 2 left\"",
+                                          "the PIN is wrong, the token says \"Wrong, 1 left\""));
   EXPECT_EQ(failure.kind, FailureKind::kCancelled);
 }
 
@@ -100,7 +101,7 @@ TEST_F(PinEntry, EndsAfterThreeWrongPins) {
   GivenPins given{{u"000000", u"111111", u"222222", u"123456"}};
   const Failure failure = loginFailure(given);
   EXPECT_EQ(failure.kind, FailureKind::kPinWrong);
-  EXPECT_EQ(failure.what, "Wrong, 0 left");
+  EXPECT_EQ(failure.what, "the PIN is wrong, the token says \"Wrong, 0 left\"");
   EXPECT_THAT(failure.why, StartsWith("C_Login answered CKR_PIN_INCORRECT (0xA0)"));
   EXPECT_EQ(given.timesAsked(), 3U);
   EXPECT_THAT(given.refusals, SizeIs(2));
@@ -129,7 +130,7 @@ TEST_F(PinEntry, KeepsTheFullStopsOfOtherLanguagesOutOfTheMessage) {
   strings->texts["VERIFY_TRY_LEFT"] = Text{u"%lu \u56DE\u3002"};
   GivenPins given{{u"000000"}};
   given.again = false;
-  EXPECT_EQ(loginFailure(given).what, "0 \xE5\x9B\x9E");
+  EXPECT_THAT(loginFailure(given).what, HasSubstr("\"0 \xE5\x9B\x9E\""));
 }
 
 TEST_F(PinEntry, IsWrongForEachCodeThatSaysSo) {

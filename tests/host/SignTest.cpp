@@ -176,7 +176,7 @@ TEST_F(Sign, AuthenticatesByTheConstraintOfTheKey) {
   const Failure failure =
       failureOf(client->sign(other, kSecKeyAlgorithmRSASignatureMessagePSSSHA256, input, pins));
   EXPECT_EQ(failure.kind, FailureKind::kNotSupported);
-  EXPECT_EQ(failure.why, "Not that way");
+  EXPECT_EQ(failure.why, "the token says \"Not that way\"");
   EXPECT_EQ(pins.timesAsked(), 0U);
   EXPECT_THAT(secretCalls(), IsEmpty());
 }

@@ -20,6 +20,11 @@ class HostTokenSession;
 enum class TKTokenOperation : std::int64_t;
 class PinSource;
 
+/// Whether a request that the token accepts can come to something with that key. False where its type does
+/// not fit, and for what this card layer never does: signatures by EC keys and by RSA keys above 2048 bits,
+/// key exchange, decryption other than of PKCS #1 v1.5, and what is made of several such steps.
+[[nodiscard]] bool mayWork(const PublishedKey& key, SecKeyAlgorithm algorithm) noexcept;
+
 /// What is known to have gone wrong in the card, although its layers handed something out.
 struct CardFault {
   std::string reason;                ///< in words for the user
@@ -92,7 +97,7 @@ class KeyClient {
   void learnFrom(const Failure& failure);
   [[nodiscard]] Failure refusal(std::string what, std::string why, Advice advice);
   [[nodiscard]] std::optional<std::string> faultIn(std::string_view function) const;
-  [[nodiscard]] Failure loginFailure(const std::string& text);
+  [[nodiscard]] Failure loginFailure(const std::string& wrongPin);
   [[nodiscard]] Result<SecKeyAlgorithm> formFor(const PublishedKey& key, SecKeyAlgorithm algorithm,
                                                 TKTokenOperation operation);
 
