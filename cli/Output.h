@@ -14,6 +14,7 @@
 namespace mirel::cli {
 
 using mirel::displayed;
+using mirel::displayedAsLatin1;
 using mirel::displayedName;
 
 /// The text's characters as hexadecimal bytes, for texts of the card (U+0000 to U+00FF each).

@@ -10,7 +10,7 @@ std::string_view wordsOf(UserStep step) noexcept {
       return "run again with -v to see the log, and ask the maker of the module";
     case UserStep::kSeeReaders: return "see the readers with: mireltoken readers";
     case UserStep::kSeeKeys: return "see the keys with: mireltoken items";
-    case UserStep::kSeeAlgorithms: return "see what it accepts with: mireltoken algorithms";
+    case UserStep::kSeeAlgorithms: return "see what works with: mireltoken algorithms";
     case UserStep::kChooseAnotherKey: return "choose another key, see them with: mireltoken items";
     case UserStep::kRetryOrNameReader: return "run again, or name the reader with --reader";
     case UserStep::kInitialiseOrNameReader:

@@ -133,6 +133,18 @@ std::string unpublishedText(const Unpublished& unpublished) {
   return text;
 }
 
+/// What the keychain knows the items by: every byte of the card is one character of these texts.
+std::string identifiersText(const InsertedCard& card) {
+  std::vector<std::vector<std::string>> rows{{"KEYCHAIN", "IDENTIFIER"}};
+  rows.push_back({"token", '"' + displayedAsLatin1(card.instanceID) + '"'});
+  for (const auto& [item, count] : distinctItems(card.items)) {
+    const char* kind = std::holds_alternative<PublishedKey>(*item) ? "key" : "certificate";
+    const Text& id = std::visit([](const auto& one) -> const Text& { return one.objectID; }, *item);
+    rows.push_back({kind, displayedAsLatin1(id)});
+  }
+  return "\n" + table(rows, outputIsColoured());
+}
+
 Result<void> run(Session& session) {
   if (auto inserted = session.insertCard(); !inserted) return inserted;
   const InsertedCard& card = session.card();
@@ -141,6 +153,7 @@ Result<void> run(Session& session) {
 
   std::string text = tableText(card);
   text.append(unpublishedText(session.unpublishedObjects()));
+  if (session.options().verbose) text.append(identifiersText(card));
   return writeOutput(text);
 }
 

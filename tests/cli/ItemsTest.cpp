@@ -314,6 +314,17 @@ TEST_F(Items, ShowALabelInUtf8) {
   EXPECT_THAT(shown, HasSubstr("\nkey          01  Unterschrift-\xE7\x8D\xB7\xC3\xBC  "));
 }
 
+TEST_F(Items, AreToldByTheirIdentifiersInTheKeychainByRequest) {
+  makeCards(
+      "token label=Card\npublic type=p256 id=0x01FF label=K\n"
+      "certificate type=p256 id=0x01FF label=Gr\xC3\xBCn\n");
+  const std::string shown = mireltoken("items -v").out;
+  EXPECT_THAT(shown, HasSubstr("\nKEYCHAIN     IDENTIFIER\ntoken        \"Card    "));
+  EXPECT_THAT(
+      shown,
+      HasSubstr("\ncertificate  cert_Gr\xC3\x83\xC2\xBCn_\\x01\xC3\xBF\nkey          \\x01\xC3\xBF\n"));
+}
+
 TEST_F(Items, TellWhatTheirCertificateHolds) {
   makeCards(
       "token label=Card\npublic type=rsa2048 id=01 label=Key\n"
