@@ -31,7 +31,7 @@ Result<void> Session::connect() {
   return {};
 }
 
-Unpublished Session::unpublishedObjects() { return host_.unpublishedObjects(card()); }
+CardReport Session::examine(bool afterLogin) { return host_.examine(card(), afterLogin); }
 
 Result<ChosenKey> Session::chosenKey() const {
   return chooseKey(card(), options_.key.value_or(std::string{}));

@@ -48,7 +48,8 @@ class Session {
 
   // After the card was inserted.
   [[nodiscard]] const InsertedCard& card() const { return card_.value(); }
-  [[nodiscard]] Unpublished unpublishedObjects();
+  /// All that can be told of the card without a trial; after a login of the client also what shows only then.
+  [[nodiscard]] CardReport examine(bool afterLogin = false);
   /// The key that the options name.
   [[nodiscard]] Result<ChosenKey> chosenKey() const;
   /// What the card says about the tries of its PIN just now; empty when that is nothing, or not known.

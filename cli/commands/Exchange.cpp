@@ -3,6 +3,7 @@
 #include "Json.h"
 #include "Output.h"
 #include "Session.h"
+#include "host/KeyAbility.h"
 
 namespace mirel::cli {
 namespace {
@@ -17,9 +18,8 @@ Result<void> run(Session& session) {
   const auto exchanged = session.client().exchange(chosen.key, algorithm, *input, session.pins());
   if (!exchanged) return exchanged.failure();
   if (exchanged->secret.isNull()) {
-    return Failure{FailureKind::kNotSupported, "there is no shared secret",
-                   "the token accepts the key exchange, but answers nothing",
-                   "use another key store for key agreement: this one offers it only in name"};
+    const auto never = reasonNeverTo(KeyOperation::kExchangeKeys, chosen.key);
+    return refusalBecauseOf(*never, KeyOperation::kExchangeKeys);
   }
   const Options& options = session.options();
   if (!options.json) return session.write(exchanged->secret.view(), kSecretMode);

@@ -6,6 +6,7 @@
 #include "Json.h"
 #include "Output.h"
 #include "Session.h"
+#include "host/KeyAbility.h"
 #include "host/Verification.h"
 
 namespace mirel::cli {
@@ -62,6 +63,8 @@ Result<void> run(Session& session) {
   const bool verify = !options.has(kNoVerify);
   if (verify || !mayBeSignature(*signature, chosen.key)) {
     const auto verified = verifySignature(chosen.certificate, chosen.key, algorithm, *signature);
+    if (!verified && verified.failure().kind == FailureKind::kVerificationFailed)
+      return andNothingWritten(explainedBy(session.examine(true), chosen.key, verified.failure()));
     if (!verified) return andNothingWritten(verified.failure());
   }
   if (!options.json || options.out) {

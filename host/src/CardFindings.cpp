@@ -152,7 +152,7 @@ std::optional<KeyOperation> operationOf(const PublishedKey& key) {
 
 std::string subjectOf(std::string_view kind, const Text& id, const Text& label) {
   std::string text{kind};
-  if (!id.isNull()) text.append(" ").append(shortened(idText(id)));
+  if (!id.isNull()) text.append(" ").append(shortened(idText(id), kMostHexDigits));
   if (!label.isNull()) text.append(" \"").append(shortened(displayed(label))).append("\"");
   return text;
 }
@@ -207,7 +207,7 @@ void CardFindings::addSharedIDs() {
   collect(publicKeys, "public key");
   collect(privateKeys, "private key");
   for (const auto& [id, text] : shared)
-    add({kIDShared, kWarning, "ID " + shortened(idText(Text{id})), text}, Text{id});
+    add({kIDShared, kWarning, "ID " + shortened(idText(Text{id}), kMostHexDigits), text}, Text{id});
 }
 
 void CardFindings::addCertificatesOfOtherKeys() {

@@ -38,23 +38,33 @@ std::optional<Finding> reasonNeverTo(KeyOperation operation, const PublishedKey&
 
 Failure refusalBecauseOf(const Finding& finding, KeyOperation operation) {
   const FindingEntry& entry = entryOf(finding.id);
-  const bool isSigning = operation == KeyOperation::kSign;
-  // A card that is asked does not find its private key.
-  const bool isOfCard = finding.id == FindingID::kKeyIDTooLong;
-  return {isSigning  ? FailureKind::kVerificationFailed
-          : isOfCard ? FailureKind::kCardRefuses
-                     : FailureKind::kNotSupported,
-          std::string{isSigning ? "there is no good signature by the " : "nothing is asked of the "} +
-              finding.subject,
-          std::string{entry.title} + " (" + finding.evidence + "): " + std::string{entry.why},
-          entry.remedy.data()};  // a literal
+  Failure failure;
+  failure.why = finding.subject + ": " + std::string{entry.title} + " (" + finding.evidence +
+                "): " + std::string{entry.why};
+  failure.advice = entry.remedy.data();  // a literal
+  switch (operation) {
+    case KeyOperation::kSign:
+      failure.kind = FailureKind::kVerificationFailed;
+      failure.what = "there is no good signature";
+      break;
+    case KeyOperation::kDecrypt:
+      // The card would not find its private key.
+      failure.kind =
+          finding.id == FindingID::kKeyIDTooLong ? FailureKind::kCardRefuses : FailureKind::kNotSupported;
+      failure.what = "there is no plain text";
+      break;
+    case KeyOperation::kExchangeKeys:
+      failure.kind = FailureKind::kNotSupported;
+      failure.what = "there is no shared secret";
+      break;
+  }
+  return failure;
 }
 
 Failure explainedBy(const CardReport& report, const PublishedKey& key, Failure failure) {
   using enum FindingID;
   constexpr FindingID kCauses[] = {kCertificateOfOtherKey, kIDShared, kPrivateKeyMissing, kSignatureFails,
                                    kPinForEachUse};
-  if (failure.kind != FailureKind::kVerificationFailed) return failure;
   for (const KeyReport& own : report.keys) {
     if (!(own.objectID == key.objectID)) continue;
     for (const FindingID cause : kCauses) {

@@ -187,7 +187,8 @@ bool sharesItsID(const InsertedCard& card, const PublishedKey& key) {
 Failure becauseOfSharedID(const PublishedKey& key, const std::string& what) {
   const FindingEntry& entry = entryOf(FindingID::kIDShared);
   return {FailureKind::kNotSupported, what,
-          std::string{entry.title} + " (" + shortened(idText(key.objectID)) + "): " + std::string{entry.why},
+          std::string{entry.title} + " (" + shortened(idText(key.objectID), kMostHexDigits) +
+              "): " + std::string{entry.why},
           entry.remedy.data()};  // a literal
 }
 
@@ -270,8 +271,6 @@ Result<SecKeyAlgorithm> KeyClient::formFor(const PublishedKey& key, SecKeyAlgori
         std::string{"the token accepts it, but the key is "} + (isRsaKey ? "an RSA key" : "no RSA key"),
         kAskFittingAlgorithm};
   }
-  const KeyOperation asked = keyOperationOf(operation);
-  if (const auto never = reasonNeverTo(asked, key)) return refusalBecauseOf(*never, asked);
   return *form;
 }
 
@@ -300,6 +299,8 @@ Result<Signature> KeyClient::sign(const PublishedKey& key, SecKeyAlgorithm algor
     return badInput("with PKCS #1 v1.5 padding the key has too few bits for them");
   }
 
+  if (const auto never = reasonNeverTo(KeyOperation::kSign, key))
+    return refusalBecauseOf(*never, KeyOperation::kSign);
   const auto value = perform(key, TKTokenOperation::kSignData, pins, [&](TKErrorPointer outError) {
     return session_->signData(Bytes{prepared}, key.objectID, HostKeyAlgorithm{*form}, outError);
   });
@@ -324,6 +325,8 @@ Result<Bytes> KeyClient::decrypt(const PublishedKey& key, SecKeyAlgorithm algori
   if (!cipher) return cipher.failure();
   if (const auto fits = checkSize(algorithm, key, cipher->size()); !fits) return fits.failure();
 
+  if (const auto never = reasonNeverTo(KeyOperation::kDecrypt, key))
+    return refusalBecauseOf(*never, KeyOperation::kDecrypt);
   const auto answer = perform(key, TKTokenOperation::kDecryptData, pins, [&](TKErrorPointer outError) {
     return session_->decryptData(Bytes{*cipher}, key.objectID, HostKeyAlgorithm{*form}, outError);
   });

@@ -315,13 +315,6 @@ TEST_F(Sign, TellsTheLastFaultAlone) {
               HasSubstr("CKR_DEVICE_REMOVED (0x32)"));
 }
 
-TEST_F(Sign, GivesNoSignatureOfAnEcKey) {
-  const Signature made = signature(kSecKeyAlgorithmECDSASignatureMessageX962SHA256, kMessage, u"03");
-  EXPECT_EQ(made.value.size(), 0U);
-  EXPECT_EQ(made.performed, kSecKeyAlgorithmECDSASignatureDigestX962SHA256);
-  EXPECT_EQ(made.data, Bytes{softwareDigest("SHA256", kMessage)});
-}
-
 // ---- Tokens that keep refusing ----
 
 /// Does something when the token begins to sign.

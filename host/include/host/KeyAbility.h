@@ -15,7 +15,7 @@ namespace mirel {
 /// The finding as a failure of a request to that key, before any PIN is asked for.
 [[nodiscard]] Failure refusalBecauseOf(const Finding& finding, KeyOperation operation);
 
-/// The failure of a signature that does not verify, with what the report of the card knows of its cause.
+/// That failure, of a signature that does not verify, with what the report of the card knows of its cause.
 [[nodiscard]] Failure explainedBy(const CardReport& report, const PublishedKey& key, Failure failure);
 
 }  // namespace mirel

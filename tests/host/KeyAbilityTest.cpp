@@ -1,0 +1,116 @@
+/// What is refused before any PIN, and how the report of a card explains a signature that does not verify.
+
+#include "host/KeyAbility.h"
+
+#include "host/CardReportTest.h"
+#include "host/KeyChoice.h"
+#include "host/Verification.h"
+
+namespace mirel::test {
+namespace {
+
+using enum SecKeyAlgorithm;
+using ::testing::AllOf;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+
+class KeyAbility : public CardReportTest {
+ protected:
+  [[nodiscard]] Failure signFailure(std::size_t index, SecKeyAlgorithm algorithm) {
+    const InsertedCard card = inserted();
+    const auto client = host.newClient(card);
+    GivenInput input{{bytesOf("a message")}};
+    const auto made = (*client)->sign(keysOf(card).at(index), algorithm, input, pins);
+    return failureOf(made);
+  }
+
+  GivenPins pins{{u"123456"}};
+};
+
+TEST_F(KeyAbility, RefusesToSignInTheWordsOfTheFinding) {
+  const struct {
+    const char* name;
+    std::function<void()> make;
+    SecKeyAlgorithm algorithm;
+    FindingID id;
+  } rows[] = {
+      {"RSA of 3072 bits", [&] { addKey("01", "Long", kForSigning, SoftwareKey::rsa(3072)); },
+       kSecKeyAlgorithmRSASignatureMessagePSSSHA256, FindingID::kRsaKeyTooLong},
+      {"EC", [&] { addEcKey("01", "Curve", kForSigning); }, kSecKeyAlgorithmECDSASignatureMessageX962SHA256,
+       FindingID::kEcKeyNeverSigns},
+      {"label with PSS", [&] { addKey("01", "Pss"); }, kSecKeyAlgorithmRSASignatureMessagePSSSHA256,
+       FindingID::kKeyNameWithPss},
+      {"long ID", [&] { addKey(std::string(255, 'x').c_str(), "Key"); },
+       kSecKeyAlgorithmRSASignatureMessagePSSSHA256, FindingID::kKeyIDTooLong},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    clearCard();
+    row.make();
+    const Failure failure = signFailure(0, row.algorithm);
+    EXPECT_EQ(failure.kind, FailureKind::kVerificationFailed);
+    const FindingEntry& entry = entryOf(row.id);
+    EXPECT_THAT(failure.why, AllOf(HasSubstr(std::string{entry.title}), HasSubstr(std::string{entry.why}),
+                                   HasSubstr(theFinding(report(), row.id).evidence)));
+    EXPECT_EQ(failure.advice.words(), entry.remedy);
+  }
+  EXPECT_EQ(pins.timesAsked(), 0U);
+}
+
+TEST_F(KeyAbility, TellsThatTheKeychainFindsAnotherKeyWithThatID) {
+  addKey("01", "First", kForDecrypting);
+  addCertificate("01", "Second", kForSigning);
+  const Failure failure = signFailure(1, kSecKeyAlgorithmRSASignatureMessagePSSSHA256);
+  EXPECT_EQ(failure.kind, FailureKind::kNotSupported);
+  EXPECT_THAT(failure.why,
+              HasSubstr("several objects share one ID (3031): the keychain finds only the first"));
+  EXPECT_EQ(pins.timesAsked(), 0U);
+}
+
+TEST_F(KeyAbility, ExplainsASignatureThatDoesNotVerify) {
+  const struct {
+    const char* name;
+    std::function<void()> make;
+    const char* why;
+  } rows[] = {
+      {"another key",
+       [&] {
+         addPublicKey("01", "MyKey", otherRsa());
+         addPrivateKey("01", "MyKey", otherRsa());
+         addCertificate("01", "MyKey");
+       },
+       "a certificate belongs to another key (certificate 3031 \"MyKey\": certificate and public key differ"},
+      {"one ID",
+       [&] {
+         addKey("01", "First");
+         addKey("01", "Second", kForSigning, otherRsa());
+       },
+       "several objects share one ID (ID 3031: 2 certificates (\"First\", \"Second\")"},
+      {"PIN for each use",
+       [&] {
+         addKey("01", "MyKey");
+         lastObject(1) = lastObject(1).with(CKA_ALWAYS_AUTHENTICATE, boolValue(true));
+       },
+       "the key wants the PIN for each use (key 3031 \"MyKey\": CKA_ALWAYS_AUTHENTICATE"},
+      {"nothing known", [&] { addKey("01", "MyKey"); }, ""},
+  };
+  const Failure plain{FailureKind::kVerificationFailed, "there is no good signature", "it does not verify",
+                      "try another algorithm or key"};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    clearCard();
+    row.make();
+    script.card().loggedIn = false;
+    const CardReport report = reportAfterLogin();
+    const InsertedCard card = inserted();
+    const Failure failure = explainedBy(report, keysOf(card).front(), plain);
+    EXPECT_EQ(failure.kind, plain.kind);
+    EXPECT_THAT(failure.why, HasSubstr(row.why));
+    if (std::string{row.why}.empty()) {
+      EXPECT_EQ(failure.why, plain.why);
+    }
+  }
+}
+
+}  // namespace
+}  // namespace mirel::test
