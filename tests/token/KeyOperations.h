@@ -27,6 +27,13 @@ struct KeyOperation {
   const char* function;
 };
 
+/// Has the operation done with the card's key.
+[[nodiscard]] inline Bytes useKey(FakeClient& of, const KeyOperation& operation,
+                                  const TKTokenKeyAlgorithm& algorithm, TKErrorPointer outError = nullptr,
+                                  const Text& keyObjectID = kKey) {
+  return (*of.core.*operation.use)(of.platform, Bytes{operation.input}, keyObjectID, algorithm, outError);
+}
+
 /// Signing and decrypting.
 [[nodiscard]] inline const std::vector<KeyOperation>& keyOperations() {
   using enum SecKeyAlgorithm;

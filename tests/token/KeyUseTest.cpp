@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "support/Values.h"
 #include "token/KeyOperations.h"
 
 namespace mirel::test {
@@ -19,11 +20,17 @@ constexpr std::size_t kModulusLen = 256;  // bytes
 
 [[nodiscard]] Bytes zeros(std::size_t size) { return Bytes{Value(size)}; }
 
+/// The lines for a key that may be used.
+[[nodiscard]] std::vector<std::string> linesUpToTheChoice(const KeyOperation& operation) {
+  return {operation.start,   kGeneralStart, kAuthenticatedStart,
+          kAuthenticatedEnd, kGeneralEnd,   operation.choice};
+}
+
 class KeyUse : public LoggedInTest, public ::testing::WithParamInterface<KeyOperation> {
  protected:
   [[nodiscard]] Bytes use(FakeClient& of, const TKTokenKeyAlgorithm& algorithm,
                           TKErrorPointer outError = nullptr) {
-    return (*of.core.*GetParam().use)(of.platform, Bytes{GetParam().input}, kKey, algorithm, outError);
+    return useKey(of, GetParam(), algorithm, outError);
   }
   [[nodiscard]] Bytes use(TKErrorPointer outError = nullptr) {
     return use(*client, FakeKeyAlgorithm{GetParam().algorithm}, outError);
@@ -38,14 +45,6 @@ class KeyUse : public LoggedInTest, public ::testing::WithParamInterface<KeyOper
       EXPECT_EQ(error, before);
     }
     EXPECT_EQ(script.countOf(GetParam().function), 0U);
-  }
-
-  /// Takes the card out and puts it in again.
-  void insertAnew() {
-    Card card = script.card();
-    card.loggedIn = false;
-    script.pullCard();
-    script.insertCard(card);
   }
 };
 
@@ -111,13 +110,8 @@ TEST_P(KeyUse, LooksForItsAlgorithmsInOrderAfterThePrintedNames) {
 }
 
 TEST_P(KeyUse, AnswersNothingAndNoErrorToAnotherAlgorithm) {
-  std::vector<std::string> lines{GetParam().start,
-                                 kGeneralStart,
-                                 kAuthenticatedStart,
-                                 kAuthenticatedEnd,
-                                 kGeneralEnd,
-                                 GetParam().choice,
-                                 "process: kSecKeyAlgorithmRSASignatureMessagePSSSHA256"};
+  auto lines = linesUpToTheChoice(GetParam());
+  lines.emplace_back("process: kSecKeyAlgorithmRSASignatureMessagePSSSHA256");
   if (GetParam().notSupported) lines.emplace_back(GetParam().notSupported);
   for (const auto& before : kErrorsBefore) {
     forget();
@@ -148,14 +142,12 @@ TEST_P(KeyUse, GivesAnEmptyAnswerWhereTheProviderRefuses) {
   expectEmpty();
 }
 
-TEST_P(KeyUse, GivesAnEmptyAnswerWhenTheCardWasPulledAfterThePin) {
+TEST_P(KeyUse, NeedsAnotherLoginWhenTheCardWasPulledAfterThePinAndInsertedAgain) {
+  Card card = script.card();
+  card.loggedIn = false;
   script.pullCard();
   expectEmpty();
-  leavesOpen({});
-}
-
-TEST_P(KeyUse, NeedsAnotherLoginWhenTheCardWasPulledAndInsertedAgain) {
-  insertAnew();
+  script.insertCard(card);
   expectEmpty();
   ASSERT_TRUE(client->login());
   EXPECT_EQ(use(), result());
@@ -181,18 +173,17 @@ class SignData : public LoggedInTest {
 TEST_F(SignData, LogsItsWay) {
   EXPECT_EQ(client->sign(bytesOf("data")), Bytes{resultOf(CKM_RSA_X_509, bytesOf("data"), kModulusLen)});
   EXPECT_THAT(script.callTexts("C_Sign"), ElementsAre("C_Sign(9, 64617461, room 512)"));
-  EXPECT_THAT(
+  EXPECT_EQ(
       log->allLines,
-      ElementsAre("default: CTK [MirelSCTokenSession-204] +++START+++", kGeneralStart, kAuthenticatedStart,
-                  kAuthenticatedEnd, kGeneralEnd, "default: CTK [MirelSCTokenSession-217] ",
-                  "process: kSecKeyAlgorithmRSASignatureRaw",
-                  "process: [-[MirelCTKFramework PerformSignHash::::::::]-437] pccAlgName = "
-                  "kSecKeyAlgorithmRSASignatureRaw",
-                  "process: [-[MirelCTKFramework PerformSignHash::::::::]-462] key ID = 01, public key = 15",
-                  "process: [-[MirelCTKFramework PerformSignHash::::::::]-480] keyName = "
-                  "1234567890ABCDEF_RSA_01_MyKey",
-                  "process: isSigned = 1 dataToSign = {length = 4, bytes = 0x64617461}, signature = {length "
-                  "= 256, bytes = 0x67657167 63697d6b 6f6d796f 6b716573 ... 9f9d899f 9b617563 }"));
+      inOrder({linesUpToTheChoice(keyOperations()[0]),
+               {"process: kSecKeyAlgorithmRSASignatureRaw",
+                "process: [-[MirelCTKFramework PerformSignHash::::::::]-437] pccAlgName = "
+                "kSecKeyAlgorithmRSASignatureRaw",
+                "process: [-[MirelCTKFramework PerformSignHash::::::::]-462] key ID = 01, public key = 15",
+                "process: [-[MirelCTKFramework PerformSignHash::::::::]-480] keyName = "
+                "1234567890ABCDEF_RSA_01_MyKey",
+                "process: isSigned = 1 dataToSign = {length = 4, bytes = 0x64617461}, signature = {length "
+                "= 256, bytes = 0x67657167 63697d6b 6f6d796f 6b716573 ... 9f9d899f 9b617563 }"}}));
 }
 
 TEST_F(SignData, DescribesDataInItsResultLine) {
@@ -248,14 +239,12 @@ TEST_F(DecryptData, LogsItsWay) {
   script.deviations.plainText = bytesOf("attack at dawn");
   EXPECT_EQ(client->decrypt({0x01, 0x02, 0xFF}), Bytes{bytesOf("attack at dawn")});
   EXPECT_THAT(script.callTexts("C_Decrypt"), ElementsAre("C_Decrypt(9, 0102FF, room 256)"));
-  EXPECT_THAT(
-      log->allLines,
-      ElementsAre("default: CTK [MirelSCTokenSession-255] +++START+++", kGeneralStart, kAuthenticatedStart,
-                  kAuthenticatedEnd, kGeneralEnd, "default: CTK [MirelSCTokenSession-271] ",
-                  "process: SC_ALGORITHM_RSA_PAD_PKCS1",
-                  "process: [MirelSCTokenSession-287] decryptData 01 {length = 3, bytes = 0x0102ff} "
-                  "algName kSecKeyAlgorithmRSAEncryptionPKCS1",
-                  "process: [MirelCTKFramework-607] -[MirelCTKFramework PerformPKCS1Decrypt:::::::]"));
+  EXPECT_EQ(log->allLines,
+            inOrder({linesUpToTheChoice(keyOperations()[1]),
+                     {"process: SC_ALGORITHM_RSA_PAD_PKCS1",
+                      "process: [MirelSCTokenSession-287] decryptData 01 {length = 3, bytes = 0x0102ff} "
+                      "algName kSecKeyAlgorithmRSAEncryptionPKCS1",
+                      "process: [MirelCTKFramework-607] -[MirelCTKFramework PerformPKCS1Decrypt:::::::]"}}));
 }
 
 TEST_F(DecryptData, KeepsThePlainTextOutOfTheLines) {

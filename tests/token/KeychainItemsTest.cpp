@@ -14,12 +14,9 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
+const std::string kCertificateCall = std::string{"append "} + kCertificateItem;
+const std::string kNewKeyCall = std::string{"initKey "} + kNewKeyItem;
 constexpr const char* kUnreadable = "error: [MirelSCToken-132] public key without mapping cert ID";
-constexpr const char* kKeyStart = "default: CTK [MirelSCToken-15] +++START+++";
-constexpr const char* kKeyEnd = "default: CTK [MirelSCToken-21] ---END---";
-
-constexpr const char* kCertificateItem = "append certificate cert_MyKey_01, label 01";
-constexpr const char* kNewKey = "initKey key 01, label , certificate cert_MyKey_01, PIN always, {}";
 
 /// One with that key usage; records when that is read.
 class StubCertificate final : public SecCertificate {
@@ -85,8 +82,7 @@ TEST_F(KeychainItems, DoWhatTheFirstOfThreeBitsOfTheKeyUsageSaysWhichIsReadWhenT
   constexpr std::int32_t kAllBits = 0x1FF;
   for (std::int32_t usage = -1; usage <= kAllBits; ++usage) {
     SCOPED_TRACE(usage);
-    const bool hasUsage = usage >= 0;
-    const unsigned bits = hasUsage ? static_cast<unsigned>(usage) : 0U;
+    const unsigned bits = usage >= 0 ? static_cast<unsigned>(usage) : 0U;
     const char* expected = "PIN always, {}";
     if ((bits & kDigitalSignature) != 0) {
       expected = "can sign, for login, PIN always, {2: PINAlways}";
@@ -95,9 +91,9 @@ TEST_F(KeychainItems, DoWhatTheFirstOfThreeBitsOfTheKeyUsageSaysWhichIsReadWhenT
     } else if ((bits & kKeyAgreement) != 0) {
       expected = "can exchange keys, PIN always, {4: PINAlways}";
     }
-    appendWithUsage(hasUsage ? std::optional{usage} : std::nullopt);
+    appendWithUsage(usage >= 0 ? std::optional{usage} : std::nullopt);
     EXPECT_THAT(calls,
-                ElementsAre(kCertificateItem, kNewKey, "keyUsage",
+                ElementsAre(kCertificateCall, kNewKeyCall, "keyUsage",
                             "append key 01, label 01, certificate cert_MyKey_01, " + std::string{expected}));
   }
 }
@@ -105,7 +101,7 @@ TEST_F(KeychainItems, DoWhatTheFirstOfThreeBitsOfTheKeyUsageSaysWhichIsReadWhenT
 TEST_F(KeychainItems, AreTheCertificateAloneWhenTheKeyIsRefused) {
   contents.refusedKeys = {u"01"};
   appendWithUsage(kDigitalSignature);
-  EXPECT_THAT(calls, ElementsAre(kCertificateItem, kNewKey));
+  EXPECT_THAT(calls, ElementsAre(kCertificateCall, kNewKeyCall));
   EXPECT_THAT(log->allLines, ElementsAre(kKeyStart, kKeyEnd));
 }
 
@@ -154,8 +150,7 @@ TEST_F(KeychainItems, OfOtherCertificatesComeBehindASkippedOneAndARefusedKey) {
   token.contents.refusedKeys = {u"01"};
   EXPECT_TRUE(token.init());
   EXPECT_THAT(itemTexts(token.contents.items()),
-              ElementsAre("certificate cert_MyKey_01, label 01", "certificate cert_Third_03, label 03",
-                          HasSubstr("key 03")));
+              ElementsAre(kCertificateItem, "certificate cert_Third_03, label 03", HasSubstr("key 03")));
   const std::vector<std::string> tail{log->allLines.end() - 7, log->allLines.end()};
   EXPECT_THAT(tail,
               ElementsAre("default: CTK [MirelSCToken-66] certs count = 3", kKeyStart, kKeyEnd, kUnreadable,

@@ -98,18 +98,15 @@ TEST_F(EnteredPin, GoesToTheCardWithItsLengthInCharacters) {
     const char* call;
   } rows[] = {
       {"one digit", u"7", "C_Login(9, 1, 37)"},
-      {"four digits", u"0815", "C_Login(9, 1, 30383135)"},
       {"eight digits", u"12345678", "C_Login(9, 1, 3132333435363738)"},
       {"letters and signs", u"aZ %n", "C_Login(9, 1, 615A20256E)"},
       {"a NUL within", u"12\00034"sv, "C_Login(9, 1, 3132003334)"},
       // Oddity: as many bytes as there are characters, so the end of the PIN is missing.
-      {"one character of two bytes", u"\u00E4", "C_Login(9, 1, C3)"},
       {"three characters of two bytes", u"\u00E4\u00F6\u00FC", "C_Login(9, 1, C3A4C3)"},
       {"digits and one character of three bytes", u"12\u20AC4", "C_Login(9, 1, 3132E282)"},
       {"eight characters of three bytes", u"\u20AC\u20AC\u20AC\u20AC\u20AC\u20AC\u20AC\u20AC",
        "C_Login(9, 1, E282ACE282ACE282)"},
       // Characters outside the basic plane count twice.
-      {"one astral character", u"\U0001F511", "C_Login(9, 1, F09F)"},
       {"four astral characters", u"\U0001F511\U0001F511\U0001F511\U0001F511",
        "C_Login(9, 1, F09F9491F09F9491)"},
       {"half a character", u"1\xD83D", "C_Login(9, 1, 31EF)"},

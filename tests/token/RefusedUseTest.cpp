@@ -152,9 +152,7 @@ class RefusedUse : public KeySearch, public ::testing::WithParamInterface<KeyOpe
     const FakeKeyAlgorithm algorithm{GetParam().algorithm};
     const auto use = [&](TKErrorPointer outError) {
       isIn(state);
-      EXPECT_TRUE(
-          (*client->core.*GetParam().use)(client->platform, Bytes{GetParam().input}, id, algorithm, outError)
-              .isNull());
+      EXPECT_TRUE(useKey(*client, GetParam(), algorithm, outError, id).isNull());
       EXPECT_EQ(log->allLines, lines);
       EXPECT_THAT(script.callTexts(), IsEmpty());
     };
@@ -169,38 +167,34 @@ class RefusedUse : public KeySearch, public ::testing::WithParamInterface<KeyOpe
   }
 };
 
-TEST_P(RefusedUse, NeedsThePinFirst) { expectRefusal({0, false}, kKey, tokenError(-9), {kNeeded, kFailed}); }
-
-TEST_P(RefusedUse, NeedsThePinFirstOnAMarkedCardToo) {
-  expectRefusal({0, true}, kKey, tokenError(-9), {kNeeded, kFailed});
-}
-
-TEST_P(RefusedUse, ReportsAnUnknownKeyAsThePlatformDoesBeforeThePin) {
-  expectRefusal({0, false}, kNoKey, tokenError(-6), {kKeyIsNil, kFailedNoKey});
-}
-
-TEST_P(RefusedUse, ReportsAnUnknownKeyAsNotFoundAfterThePin) {
-  expectRefusal({1, true}, kNoKey, tokenError(-7), {kKeyIsNil, kFailedNoKey, GetParam().keyNotFound});
-}
-
-TEST_P(RefusedUse, TakesACardThatHasLostItsMarkForAMissingToken) {
-  expectRefusal({1, false}, kKey, tokenError(-7), {kNeeded, kFailed, GetParam().keyNotFound});
-}
-
-TEST_P(RefusedUse, TakesATokenThatHasGoneForAMissingToken) {
-  client->platform.contents = nullptr;
-  expectRefusal({1, true}, kKey, tokenError(-7), {kKeyIsNil, kFailed, GetParam().keyNotFound});
-}
-
-TEST_P(RefusedUse, RefusesAKeyThatAsksEachTimeInTheUsedState) {
-  expectRefusal({2, true}, kKey, tokenError(-9), {kNeeded, kFailed});
-}
-
-TEST_P(RefusedUse, AnswersNothingAndNoErrorForAKeyThatMayBeUsedInAnotherState) {
+TEST_P(RefusedUse, HasTheErrorAndTheLinesOfStateAndKey) {
   const char* const kFailedOnce = "process: [MirelSCTokenSession-187] keyObjectID = 02";
-  expectRefusal({2, true}, kOnceKey, std::nullopt, {kAuthenticatedEnd, kGeneralEnd});
-  expectRefusal({3, true}, kKey, std::nullopt, {kAuthenticatedEnd, kGeneralEnd});
-  expectRefusal({2, false}, kOnceKey, tokenError(-9), {kNeeded, kFailedOnce});
+  const char* const kNotFound = GetParam().keyNotFound;
+  const struct {
+    const char* what;
+    State state;
+    Text id;
+    std::optional<TKError> error;
+    std::vector<std::string> lines;
+  } rows[] = {
+      {"before the PIN", {0, false}, kKey, tokenError(-9), {kNeeded, kFailed}},
+      {"before the PIN, on a marked card", {0, true}, kKey, tokenError(-9), {kNeeded, kFailed}},
+      {"an unknown key before the PIN", {0, false}, kNoKey, tokenError(-6), {kKeyIsNil, kFailedNoKey}},
+      {"an unknown key after it", {1, true}, kNoKey, tokenError(-7), {kKeyIsNil, kFailedNoKey, kNotFound}},
+      {"a card that has lost its mark", {1, false}, kKey, tokenError(-7), {kNeeded, kFailed, kNotFound}},
+      // In the used state, and in one that nobody knows.
+      {"a key that asks each time", {2, true}, kKey, tokenError(-9), {kNeeded, kFailed}},
+      {"the other key without a mark", {2, false}, kOnceKey, tokenError(-9), {kNeeded, kFailedOnce}},
+      {"a key that may be used", {2, true}, kOnceKey, std::nullopt, {kAuthenticatedEnd, kGeneralEnd}},
+      {"a key in an unknown state", {3, true}, kKey, std::nullopt, {kAuthenticatedEnd, kGeneralEnd}},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
+    expectRefusal(row.state, row.id, row.error, row.lines);
+  }
+  client->platform.contents = nullptr;
+  SCOPED_TRACE("a token that has gone");
+  expectRefusal({1, true}, kKey, tokenError(-7), {kKeyIsNil, kFailed, kNotFound});
 }
 
 INSTANTIATE_TEST_SUITE_P(Key, RefusedUse, ::testing::ValuesIn(keyOperations()), nameOfParameter);

@@ -77,12 +77,6 @@ std::string TokenTest::moduleLine() const {
          (otherHome_ ? *otherHome_ : home).modulePath();
 }
 
-std::vector<std::string> TokenTest::functionsCalled() const {
-  std::vector<std::string> functions;
-  for (const Call& call : script.calls()) functions.push_back(call.function);
-  return functions;
-}
-
 // ---- Tests with a session ----
 
 ClientSessionTest::ClientSessionTest() {

@@ -27,6 +27,17 @@ inline const Text kKey{u"01"};
 /// One that no key has.
 inline const Text kNoKey{u"99"};
 
+/// What the default card's token publishes (see `itemTexts`).
+inline constexpr const char* kCertificateItem = "certificate cert_MyKey_01, label 01";
+inline constexpr const char* kKeyItem =
+    "key 01, label 01, certificate cert_MyKey_01, can sign, for login, PIN always, {2: PINAlways}";
+/// The key when the platform is asked whether it takes it.
+inline constexpr const char* kNewKeyItem = "key 01, label , certificate cert_MyKey_01, PIN always, {}";
+
+// The lines for a key.
+inline constexpr const char* kKeyStart = "default: CTK [MirelSCToken-15] +++START+++";
+inline constexpr const char* kKeyEnd = "default: CTK [MirelSCToken-21] ---END---";
+
 /// An error of the token's domain with that code and text.
 [[nodiscard]] TKError tokenError(std::int64_t code, const Text& text = Text{});
 
@@ -110,8 +121,6 @@ class TokenTest : public ModuleTest {
 
   /// What the bridge logs when it loads the module of the user's home.
   [[nodiscard]] std::string moduleLine() const;
-  /// The functions of the module that were called, in order.
-  [[nodiscard]] std::vector<std::string> functionsCalled() const;
 
   /// Of all ports that the test gives it to.
   PortCalls calls;
