@@ -9,23 +9,29 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 
-class InspectionUnloaded : public UnloadedBridgeTest {};
-
-TEST_F(InspectionUnloaded, AnswersThatThereIsNoFunctionList) {
+/// Makes every call once and expects that answer; the objects and the length that the calls have given.
+std::pair<std::vector<CK_OBJECT_HANDLE>, CK_ULONG> inspectAll(P11Bridge& bridge, CK_RV answer) {
   std::vector<CK_SLOT_ID> slots;
   std::vector<CK_OBJECT_HANDLE> objects;
   CK_SLOT_INFO slot{};
   CK_TOKEN_INFO token{};
-  CK_SESSION_HANDLE session = 0;
+  CK_SESSION_HANDLE opened = 0;
   CK_ATTRIBUTE attribute{CKA_ID, nullptr, 0};
+  EXPECT_EQ(bridge.inspectSlots(true, slots), answer);
+  EXPECT_EQ(bridge.inspectSlot(kSlot, slot), answer);
+  EXPECT_EQ(bridge.inspectToken(kSlot, token), answer);
+  EXPECT_EQ(bridge.openInspection(kSlot, opened), answer);
+  EXPECT_EQ(bridge.inspectObjects(opened, CKO_CERTIFICATE, objects).result, answer);
+  EXPECT_EQ(bridge.inspectAttribute(opened, kPublicKey, attribute), answer);
+  bridge.closeInspection(opened);
+  return {objects, attribute.ulValueLen};
+}
+
+class InspectionUnloaded : public UnloadedBridgeTest {};
+
+TEST_F(InspectionUnloaded, AnswersThatThereIsNoFunctionList) {
   EXPECT_FALSE(bridge.hasModule());
-  EXPECT_EQ(bridge.inspectSlots(true, slots), CKR_CRYPTOKI_NOT_INITIALIZED);
-  EXPECT_EQ(bridge.inspectSlot(kSlot, slot), CKR_CRYPTOKI_NOT_INITIALIZED);
-  EXPECT_EQ(bridge.inspectToken(kSlot, token), CKR_CRYPTOKI_NOT_INITIALIZED);
-  EXPECT_EQ(bridge.openInspection(kSlot, session), CKR_CRYPTOKI_NOT_INITIALIZED);
-  EXPECT_EQ(bridge.inspectObjects(5, CKO_CERTIFICATE, objects).result, CKR_CRYPTOKI_NOT_INITIALIZED);
-  EXPECT_EQ(bridge.inspectAttribute(5, kPublicKey, attribute), CKR_CRYPTOKI_NOT_INITIALIZED);
-  bridge.closeInspection(5);
+  (void)inspectAll(bridge, CKR_CRYPTOKI_NOT_INITIALIZED);
 }
 
 class Inspection : public SessionTest {
@@ -48,20 +54,10 @@ TEST_F(Inspection, HasAnObserverOfItsOwn) {
 }
 
 TEST_F(Inspection, IsCallsThatTheObserverIsNotToldOf) {
-  CK_SLOT_INFO slot{};
-  CK_TOKEN_INFO token{};
-  CK_SESSION_HANDLE opened = 0;
-  CK_ATTRIBUTE attribute{CKA_ID, nullptr, 0};
   EXPECT_TRUE(bridge.hasModule());
-  EXPECT_EQ(bridge.inspectSlots(true, slots), CKR_OK);
-  EXPECT_EQ(bridge.inspectSlot(kSlot, slot), CKR_OK);
-  EXPECT_EQ(bridge.inspectToken(kSlot, token), CKR_OK);
-  EXPECT_EQ(bridge.openInspection(kSlot, opened), CKR_OK);
-  EXPECT_EQ(bridge.inspectObjects(opened, CKO_CERTIFICATE, objects).result, CKR_OK);
-  EXPECT_EQ(bridge.inspectAttribute(opened, kPublicKey, attribute), CKR_OK);
-  bridge.closeInspection(opened);
-  EXPECT_EQ(attribute.ulValueLen, 2U);
-  EXPECT_THAT(objects, ElementsAre(kCertificate));
+  const auto [found, length] = inspectAll(bridge, CKR_OK);
+  EXPECT_THAT(found, ElementsAre(kCertificate));
+  EXPECT_EQ(length, 2U);
   EXPECT_THAT(script.callTexts(),
               ElementsAre("C_GetSlotList(1, null, 0)", "C_GetSlotList(1, list, 1)", "C_GetSlotInfo(1)",
                           "C_GetTokenInfo(1)", "C_OpenSession(1, 4, null, null)",
@@ -163,18 +159,18 @@ TEST_F(Inspection, TellsTheStateOfTheSession) {
 }
 
 TEST_F(Inspection, NamesTheCallByWhichASearchFails) {
-  script.failCallOf("C_FindObjectsInit", 0, kSomeFailure);
-  auto answer = bridge.inspectObjects(session, CKO_CERTIFICATE, objects);
-  EXPECT_STREQ(answer.function, "C_FindObjectsInit");
-  EXPECT_EQ(answer.result, kSomeFailure);
-  EXPECT_EQ(script.countOf("C_FindObjectsFinal"), 0U);
-
-  script.failCallOf("C_FindObjects", 1, kSomeFailure);
-  answer = bridge.inspectObjects(session, CKO_CERTIFICATE, objects);
-  EXPECT_STREQ(answer.function, "C_FindObjects");
-  EXPECT_EQ(answer.result, kSomeFailure);
+  const struct {
+    const char* function;
+    std::size_t n;  ///< the call of it that fails
+  } rows[] = {{"C_FindObjectsInit", 0}, {"C_FindObjects", 1}};
+  for (const auto& row : rows) {
+    script.failCallOf(row.function, row.n, kSomeFailure);
+    const auto answer = bridge.inspectObjects(session, CKO_CERTIFICATE, objects);
+    EXPECT_STREQ(answer.function, row.function);
+    EXPECT_EQ(answer.result, kSomeFailure);
+    EXPECT_EQ(script.countOf("C_FindObjectsFinal"), row.n);
+  }
   EXPECT_THAT(objects, ElementsAre(kCertificate));
-  EXPECT_EQ(script.countOf("C_FindObjectsFinal"), 1U);
 }
 
 }  // namespace

@@ -28,6 +28,7 @@ struct Arguments {
 /// An operation that has the module write a result.
 struct KeyOperation {
   const char* name;
+  const char* operation;  ///< as the observer is told
   CK_OBJECT_HANDLE object;
   const char* function;  ///< that writes the result
   CK_MECHANISM_TYPE mechanism;
@@ -41,28 +42,32 @@ struct KeyOperation {
 };
 
 inline const KeyOperation kOperations[] = {
-    {"RawSignature", kPrivateKey, "C_Sign", CKM_RSA_X_509, CKR_SIGNATURE_INVALID, false,
+    {"RawSignature", "pkcs11_genSignaturePKCS1", kPrivateKey, "C_Sign", CKM_RSA_X_509, CKR_SIGNATURE_INVALID,
+     false,
      [](P11Bridge& bridge, const Arguments& a) {
        return bridge.pkcs11_genSignaturePKCS1(a.session, a.object, a.data, a.dataLen, a.output, a.length,
                                               a.capacity);
      }},
-    {"PssSignature", kPublicKey, "C_Sign", CKM_RSA_PKCS_PSS, CKR_SIGNATURE_LEN_RANGE, true,
+    {"PssSignature", "pkcs11_genSignaturePSS", kPublicKey, "C_Sign", CKM_RSA_PKCS_PSS,
+     CKR_SIGNATURE_LEN_RANGE, true,
      [](P11Bridge& bridge, const Arguments& a) {
        return bridge.pkcs11_genSignaturePSS(a.session, a.object, a.hash, a.data, a.dataLen, a.output,
                                             a.length, a.capacity);
      },
      true},
-    {"EcdsaSignature", kEcPublicKey, "C_Sign", CKM_ECDSA, CKR_SIGNATURE_LEN_RANGE, false,
+    {"EcdsaSignature", "pkcs11_genECDSA", kEcPublicKey, "C_Sign", CKM_ECDSA, CKR_SIGNATURE_LEN_RANGE, false,
      [](P11Bridge& bridge, const Arguments& a) {
        return bridge.pkcs11_genECDSA(a.session, a.object, a.keySize, a.data, a.dataLen, a.output, a.length,
                                      a.capacity);
      }},
-    {"PKCS1Decryption", kPublicKey, "C_Decrypt", CKM_RSA_PKCS, CKR_ENCRYPTED_DATA_LEN_RANGE, true,
+    {"PKCS1Decryption", "pkcs11_genDecryptPKCS1", kPublicKey, "C_Decrypt", CKM_RSA_PKCS,
+     CKR_ENCRYPTED_DATA_LEN_RANGE, true,
      [](P11Bridge& bridge, const Arguments& a) {
        return bridge.pkcs11_genDecryptPKCS1(a.session, a.object, a.data, a.dataLen, a.output, a.length,
                                             a.capacity);
      }},
-    {"OAEPDecryption", kPublicKey, "C_Decrypt", CKM_RSA_PKCS, CKR_ENCRYPTED_DATA_LEN_RANGE, true,
+    {"OAEPDecryption", "pkcs11_genDecryptOAEP", kPublicKey, "C_Decrypt", CKM_RSA_PKCS,
+     CKR_ENCRYPTED_DATA_LEN_RANGE, true,
      [](P11Bridge& bridge, const Arguments& a) {
        return bridge.pkcs11_genDecryptOAEP(a.session, a.object, a.data, a.dataLen, a.hash, a.output, a.length,
                                            a.capacity);

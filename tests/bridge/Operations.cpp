@@ -1,5 +1,7 @@
 #include "Operations.h"
 
+#include "KeyOperations.h"
+
 namespace mirel::test {
 namespace {
 
@@ -222,45 +224,32 @@ std::vector<Operation> objects() {
   };
 }
 
+/// The row of that operation of KeyOperations.h, which is told of `room` bytes for its result.
+Operation keyOperation(const KeyOperation& of, Calls calls, CK_ULONG room = 600) {
+  const auto run = [&of, room](Bench& b) {
+    const Value& data = of.signs() ? kHash : kCipher;
+    b.length = room;
+    return of.run(b.bridge, {.object = of.object,
+                             .data = data.data(),
+                             .dataLen = data.size(),
+                             .output = b.output.data(),
+                             .length = &b.length,
+                             .capacity = 600});
+  };
+  const auto runBare = [&of](P11Bridge& b) { return of.run(b, {.session = 0, .hash = 0, .keySize = 0}); };
+  return {of.name, of.operation, run, std::move(calls), of.readsModulus ? 1U : 0U, runBare};
+}
+
 std::vector<Operation> privateKeys() {
+  const Calls decryption = joinedCalls({lookUp("21", "3031"), kModulus, kDecrypting});
   return {
-      {"RawSignature", "pkcs11_genSignaturePKCS1",
-       [](Bench& b) {
-         b.length = 256;
-         return b.bridge.pkcs11_genSignaturePKCS1(5, kPrivateKey, kHash.data(), kHash.size(), b.output.data(),
-                                                  &b.length, 600);
-       },
-       signing("3 null 0", "22", "256"), 0,
-       [](P11Bridge& b) { return b.pkcs11_genSignaturePKCS1(0, 0, nullptr, 0, nullptr, nullptr, 0); }},
-      {"PssSignature", "pkcs11_genSignaturePSS",
-       [](Bench& b) {
-         return b.bridge.pkcs11_genSignaturePSS(5, kPublicKey, CKM_SHA256, kHash.data(), kHash.size(),
-                                                b.output.data(), &b.length, 600);
-       },
-       joinedCalls({lookUp("21", "3031"), kModulus, signing("13 [592, 2, 32] 24", "22", "256")}), 1,
-       [](P11Bridge& b) { return b.pkcs11_genSignaturePSS(0, 0, 0, nullptr, 0, nullptr, nullptr, 0); }},
-      {"EcdsaSignature", "pkcs11_genECDSA",
-       [](Bench& b) {
-         b.length = 64;
-         return b.bridge.pkcs11_genECDSA(5, kEcPublicKey, 256, kHash.data(), kHash.size(), b.output.data(),
-                                         &b.length, 600);
-       },
-       joinedCalls({lookUp("24", "3032"), signing("4161 null 0", "25", "64")}), 0,
-       [](P11Bridge& b) { return b.pkcs11_genECDSA(0, 0, 0, nullptr, 0, nullptr, nullptr, 0); }},
-      {"PKCS1Decryption", "pkcs11_genDecryptPKCS1",
-       [](Bench& b) {
-         return b.bridge.pkcs11_genDecryptPKCS1(5, kPublicKey, kCipher.data(), kCipher.size(),
-                                                b.output.data(), &b.length, 600);
-       },
-       joinedCalls({lookUp("21", "3031"), kModulus, kDecrypting}), 1,
-       [](P11Bridge& b) { return b.pkcs11_genDecryptPKCS1(0, 0, nullptr, 0, nullptr, nullptr, 0); }},
-      {"OAEPDecryption", "pkcs11_genDecryptOAEP",
-       [](Bench& b) {
-         return b.bridge.pkcs11_genDecryptOAEP(5, kPublicKey, kCipher.data(), kCipher.size(), CKM_SHA384,
-                                               b.output.data(), &b.length, 600);
-       },
-       joinedCalls({lookUp("21", "3031"), kModulus, kDecrypting}), 1,
-       [](P11Bridge& b) { return b.pkcs11_genDecryptOAEP(0, 0, nullptr, 0, 0, nullptr, nullptr, 0); }},
+      keyOperation(kOperations[0], signing("3 null 0", "22", "256"), 256),
+      keyOperation(kOperations[1],
+                   joinedCalls({lookUp("21", "3031"), kModulus, signing("13 [592, 2, 32] 24", "22", "256")})),
+      keyOperation(kOperations[2], joinedCalls({lookUp("24", "3032"), signing("4161 null 0", "25", "64")}),
+                   64),
+      keyOperation(kOperations[3], decryption),
+      keyOperation(kOperations[4], decryption),
       {"KeyDerivation",
        "pkcs11_genSymKeyFromECDH",
        [](Bench& b) {

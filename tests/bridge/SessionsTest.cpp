@@ -1,4 +1,6 @@
-/// Opening, asking and closing sessions.
+/// Operations that fill a record: asking a slot and its token, opening, asking and closing sessions.
+
+#include <ostream>
 
 #include "BridgeTest.h"
 
@@ -25,6 +27,201 @@ std::shared_ptr<PKCS11_SERVICE_INFO> recordWith(CK_SLOT_ID slot, CK_SESSION_HAND
   return record;
 }
 
+// ---- What pkcs11_GetTokenInfo and pkcs11_OpenReadOnlySession have in common ----
+
+struct Filling {
+  const char* name;
+  CK_RV (P11Bridge::*run)(CK_SLOT_ID, std::shared_ptr<PKCS11_SERVICE_INFO>*) noexcept;
+  CK_SESSION_HANDLE session;  ///< of a new record
+  CK_SESSION_INFO info;       ///< the same
+  std::vector<CK_SESSION_HANDLE> open;
+  /// Calls whose failure ends it.
+  std::vector<const char*> needs;
+};
+
+const Filling kFillings[] = {
+    {"TokenInfo", &P11Bridge::pkcs11_GetTokenInfo, 0, {}, {}, {"C_GetSlotInfo", "C_GetTokenInfo"}},
+    {"Session",
+     &P11Bridge::pkcs11_OpenReadOnlySession,
+     kFirstSession,
+     kPublicSession,
+     {kFirstSession},
+     {"C_GetSlotInfo", "C_OpenSession", "C_GetSessionInfo", "C_GetTokenInfo"}},
+};
+
+void PrintTo(const Filling& filling, std::ostream* out) { *out << filling.name; }
+
+class FilledRecord : public BridgeTest, public ::testing::WithParamInterface<Filling> {
+ protected:
+  CK_RV fill() { return (bridge.*GetParam().run)(kSlot, &record); }
+
+  std::shared_ptr<PKCS11_SERVICE_INFO> record;
+};
+
+INSTANTIATE_TEST_SUITE_P(Of, FilledRecord, ::testing::ValuesIn(kFillings),
+                         [](const auto& row) { return row.param.name; });
+
+TEST_P(FilledRecord, IsANewOneWithAllThatWasReadWhereThereIsNone) {
+  EXPECT_EQ(fill(), CKR_OK);
+  ASSERT_NE(record, nullptr);
+  EXPECT_EQ(record->slotID(), kSlot);
+  CK_SLOT_INFO slotInfo = script.slot().info;
+  slotInfo.flags |= CKF_TOKEN_PRESENT;
+  EXPECT_EQ(membersOf(record->slotInfo()), membersOf(slotInfo));
+  EXPECT_EQ(membersOf(record->tokenInfo()), membersOf(script.card().info));
+  EXPECT_EQ(fieldText(record->tokenInfo().serialNumber), "1234567890ABCDEF");
+  EXPECT_EQ(record->hSession(), GetParam().session);
+  expectInfo(*record, GetParam().info);
+  EXPECT_EQ(record->m_keyIndex(), 0);
+  EXPECT_EQ(record->m_certIndex(), 0);
+  EXPECT_EQ(record->pAsymKeys(), nullptr);
+  EXPECT_EQ(record->pCerts(), nullptr);
+  leavesOpen(GetParam().open);
+}
+
+TEST_P(FilledRecord, HoldsZerosWhereTheModuleWritesNothing) {
+  script.deviations.silent = {"C_GetSlotInfo", "C_GetSessionInfo", "C_GetTokenInfo"};
+  EXPECT_EQ(fill(), CKR_OK);
+  ASSERT_NE(record, nullptr);
+  EXPECT_EQ(membersOf(record->slotInfo()), membersOf(CK_SLOT_INFO{}));
+  EXPECT_EQ(membersOf(record->tokenInfo()), membersOf(CK_TOKEN_INFO{}));
+  expectInfo(*record, {});
+  leavesOpen(GetParam().open);
+}
+
+TEST_P(FilledRecord, IsLeftAsItIsWhenACallFails) {
+  for (const char* function : GetParam().needs) {
+    SCOPED_TRACE(function);
+    const auto given = recordWith(77, 42);
+    record = given;
+    script.failCallOf(function, 0, kSomeFailure);
+    EXPECT_EQ(fill(), kSomeFailure);
+    EXPECT_EQ(record, given);
+    expectInfo(*given, kUnwritten);
+    EXPECT_EQ(given->slotInfo().flags, 0U);
+    EXPECT_EQ(given->tokenInfo().flags, 0U);
+    EXPECT_THAT(script.openSessions(), IsEmpty());
+  }
+}
+
+TEST_P(FilledRecord, KeepsTheSessionThatItHoldsOpen) {
+  record = recordWith(kSlot, kFirstSession);  // which the module hands out once more
+  EXPECT_EQ(fill(), CKR_OK);
+  EXPECT_EQ(record->hSession(), kFirstSession);
+  EXPECT_EQ(script.countOf("C_CloseSession"), 0U);
+  leavesOpen({kFirstSession});
+}
+
+TEST_P(FilledRecord, HasNoSessionClosedThatCouldNotBeOpened) {
+  script.hook<&CK_FUNCTION_LIST::C_OpenSession>(
+      [](auto, CK_SLOT_ID, CK_FLAGS, CK_VOID_PTR, CK_NOTIFY, CK_SESSION_HANDLE* session) {
+        *session = 4711;
+        return kSomeFailure;
+      });
+  EXPECT_EQ(fill(), GetParam().open.empty() ? CKR_OK : kSomeFailure);
+  EXPECT_EQ(script.countOf("C_CloseSession"), 0U);
+}
+
+// ---- pkcs11_GetTokenInfo ----
+
+class GetTokenInfo : public BridgeTest {
+ protected:
+  CK_RV read() { return bridge.pkcs11_GetTokenInfo(kSlot, &record); }
+
+  std::shared_ptr<PKCS11_SERVICE_INFO> record;
+};
+
+TEST_F(GetTokenInfo, LooksAtThePointerThenForMemoryThenAtTheSlot) {
+  EXPECT_EQ(bridge.pkcs11_GetTokenInfo(kAllOnes, &record), CKR_SLOT_ID_INVALID);
+  memory->failAllocation(0, Times::kFromThenOn);
+  EXPECT_EQ(bridge.pkcs11_GetTokenInfo(kAllOnes, &record), CKR_HOST_MEMORY);
+  EXPECT_EQ(bridge.pkcs11_GetTokenInfo(kAllOnes, nullptr), CKR_ARGUMENTS_BAD);
+  EXPECT_THAT(script.calls(), IsEmpty());
+  EXPECT_EQ(record, nullptr);
+}
+
+TEST_F(GetTokenInfo, RefreshesOnlySlotAndTokenInformationOfARecordGiven) {
+  const auto given = recordWith(99, 88);
+  given->setM_keyIndex(6);
+  given->setM_certIndex(7);
+  given->setPAsymKeys(std::make_shared<KeyRecords>());
+  const auto keys = given->pAsymKeys();
+  record = given;
+
+  EXPECT_EQ(read(), CKR_OK);
+  EXPECT_EQ(record, given);
+  EXPECT_EQ(fieldText(given->slotInfo().slotDescription).substr(0, 11), "Reader A 00");
+  EXPECT_EQ(membersOf(given->tokenInfo()), membersOf(script.card().info));
+  EXPECT_EQ(given->slotID(), 99U);
+  EXPECT_EQ(given->hSession(), 88U);
+  expectInfo(*given, kUnwritten);
+  EXPECT_EQ(given->m_keyIndex(), 6);
+  EXPECT_EQ(given->m_certIndex(), 7);
+  EXPECT_EQ(given->pAsymKeys(), keys);
+  EXPECT_EQ(given->pCerts(), nullptr);
+}
+
+TEST_F(GetTokenInfo, TriesAgainOnceAfterDeviceRemovedAndAfterNothingElse) {
+  const struct {
+    const char* what;
+    std::vector<CK_RV> answers;
+    CK_RV answer;
+    std::size_t numCalls;
+  } rows[] = {
+      {"removed once", {CKR_DEVICE_REMOVED}, CKR_OK, 2},
+      {"removed twice", {CKR_DEVICE_REMOVED, CKR_DEVICE_REMOVED}, CKR_DEVICE_REMOVED, 2},
+      {"removed, then another failure",
+       {CKR_DEVICE_REMOVED, CKR_TOKEN_NOT_RECOGNIZED},
+       CKR_TOKEN_NOT_RECOGNIZED,
+       2},
+      {"device error", {CKR_DEVICE_ERROR}, CKR_DEVICE_ERROR, 1},
+      {"not present", {CKR_TOKEN_NOT_PRESENT}, CKR_TOKEN_NOT_PRESENT, 1},
+      {"device memory", {CKR_DEVICE_MEMORY}, CKR_DEVICE_MEMORY, 1},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
+    startAnew();
+    record = nullptr;
+    for (std::size_t n = 0; n < row.answers.size(); ++n) {
+      script.failCallOf("C_GetTokenInfo", n, row.answers[n]);
+    }
+    EXPECT_EQ(read(), row.answer);
+    EXPECT_EQ(script.countOf("C_GetTokenInfo"), row.numCalls);
+    EXPECT_EQ(record != nullptr, row.answer == CKR_OK);
+  }
+}
+
+TEST_F(GetTokenInfo, ForgetsWhatATryWroteThatFailed) {
+  int numCalls = 0;
+  script.hook<&CK_FUNCTION_LIST::C_GetTokenInfo>([&](auto, CK_SLOT_ID, CK_TOKEN_INFO* info) -> CK_RV {
+    if (++numCalls == 2) return CKR_OK;
+    setField(info->label, "LEFT BEHIND");
+    return CKR_DEVICE_REMOVED;
+  });
+  EXPECT_EQ(read(), CKR_OK);
+  EXPECT_EQ(membersOf(record->tokenInfo()), membersOf(CK_TOKEN_INFO{}));
+}
+
+TEST_F(GetTokenInfo, ClosesNoSessionThatWasNotNamed) {
+  script.deviations.silent = {"C_OpenSession"};
+  EXPECT_EQ(read(), CKR_OK);
+  EXPECT_EQ(script.countOf("C_CloseSession"), 0U);
+}
+
+TEST_F(GetTokenInfo, DoesNotEndALogin) {
+  const CK_SESSION_HANDLE loggedIn = script.openSession(kSlot, CKF_SERIAL_SESSION);
+  script.card().loggedIn = true;
+  EXPECT_EQ(read(), CKR_OK);
+  EXPECT_TRUE(script.card().loggedIn);
+  leavesOpen({loggedIn});
+}
+
+TEST_F(GetTokenInfo, LeavesOtherSlotsToTheModule) {
+  EXPECT_EQ(bridge.pkcs11_GetTokenInfo(9, &record), CKR_SLOT_ID_INVALID);
+  EXPECT_EQ(bridge.pkcs11_GetTokenInfo(0, &record), CKR_SLOT_ID_INVALID);
+  EXPECT_EQ(script.calls().size(), 2U);
+}
+
 // ---- pkcs11_OpenReadOnlySession ----
 
 class OpenReadOnlySession : public BridgeTest {
@@ -39,23 +236,6 @@ TEST_F(OpenReadOnlySession, RefusesTheSlotNoneAndANullRecordPointerWithoutACall)
   EXPECT_EQ(bridge.pkcs11_OpenReadOnlySession(kSlot, nullptr), CKR_ARGUMENTS_BAD);
   EXPECT_THAT(script.calls(), IsEmpty());
   EXPECT_EQ(record, nullptr);
-}
-
-TEST_F(OpenReadOnlySession, MakesARecordWithAllThatWasRead) {
-  EXPECT_EQ(open(), CKR_OK);
-  ASSERT_NE(record, nullptr);
-  EXPECT_EQ(record->hSession(), kFirstSession);
-  EXPECT_EQ(record->slotID(), kSlot);
-  expectInfo(*record, kPublicSession);
-  CK_SLOT_INFO slotInfo = script.slot().info;
-  slotInfo.flags |= CKF_TOKEN_PRESENT;
-  EXPECT_EQ(membersOf(record->slotInfo()), membersOf(slotInfo));
-  EXPECT_EQ(membersOf(record->tokenInfo()), membersOf(script.card().info));
-  EXPECT_EQ(record->pAsymKeys(), nullptr);
-  EXPECT_EQ(record->pCerts(), nullptr);
-  EXPECT_EQ(record->m_keyIndex(), 0);
-  EXPECT_EQ(record->m_certIndex(), 0);
-  leavesOpen({kFirstSession});
 }
 
 TEST_F(OpenReadOnlySession, RefreshesOnlyTheSessionInformationOfARecordGivenAndClosesTheNewSession) {
@@ -78,27 +258,6 @@ TEST_F(OpenReadOnlySession, RefreshesOnlyTheSessionInformationOfARecordGivenAndC
   }
 }
 
-TEST_F(OpenReadOnlySession, LeavesARecordGivenAsItIsWhenItFails) {
-  for (const char* function : {"C_GetSlotInfo", "C_OpenSession", "C_GetSessionInfo", "C_GetTokenInfo"}) {
-    SCOPED_TRACE(function);
-    const auto given = recordWith(77, 42);
-    record = given;
-    script.failCallOf(function, 0, kSomeFailure);
-    EXPECT_EQ(open(), kSomeFailure);
-    EXPECT_EQ(record, given);
-    expectInfo(*given, kUnwritten);
-    EXPECT_THAT(script.openSessions(), IsEmpty());
-  }
-}
-
-TEST_F(OpenReadOnlySession, NeverClosesTheSessionThatARecordHolds) {
-  record = recordWith(kSlot, kFirstSession);  // which the module hands out once more
-  EXPECT_EQ(open(), CKR_OK);
-  EXPECT_EQ(record->hSession(), kFirstSession);
-  EXPECT_EQ(script.countOf("C_CloseSession"), 0U);
-  leavesOpen({kFirstSession});
-}
-
 TEST_F(OpenReadOnlySession, DoesNotTryAgainAfterDeviceRemoved) {
   script.failCallOf("C_GetTokenInfo", 0, CKR_DEVICE_REMOVED);
   EXPECT_EQ(open(), CKR_DEVICE_REMOVED);
@@ -116,26 +275,6 @@ TEST_F(OpenReadOnlySession, AnswersThatThereIsNoneWhenTheModuleNamesNoSession) {
   EXPECT_EQ(open(), CKR_SESSION_HANDLE_INVALID);
   EXPECT_EQ(record, nullptr);
   EXPECT_EQ(script.countOf("C_CloseSession"), 0U);
-}
-
-TEST_F(OpenReadOnlySession, ClosesNothingWhenOpeningFails) {
-  script.hook<&CK_FUNCTION_LIST::C_OpenSession>(
-      [](auto, CK_SLOT_ID, CK_FLAGS, CK_VOID_PTR, CK_NOTIFY, CK_SESSION_HANDLE* session) {
-        *session = 4711;
-        return kSomeFailure;
-      });
-  EXPECT_EQ(open(), kSomeFailure);
-  EXPECT_EQ(script.countOf("C_CloseSession"), 0U);
-}
-
-TEST_F(OpenReadOnlySession, GivesZerosWhereTheModuleWritesNothing) {
-  script.deviations.silent = {"C_GetSlotInfo", "C_GetSessionInfo", "C_GetTokenInfo"};
-  EXPECT_EQ(open(), CKR_OK);
-  ASSERT_NE(record, nullptr);
-  EXPECT_EQ(membersOf(record->slotInfo()), membersOf(CK_SLOT_INFO{}));
-  EXPECT_EQ(membersOf(record->tokenInfo()), membersOf(CK_TOKEN_INFO{}));
-  expectInfo(*record, {});
-  leavesOpen({kFirstSession});
 }
 
 // ---- pkcs11_GetSessionInfo ----
