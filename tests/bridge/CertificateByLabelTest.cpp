@@ -28,11 +28,13 @@ TEST_F(CertBlobByLabelUnloaded, ChecksItsArgumentsBeforeTheFunctionListAndThatBe
 
 class CertBlobByLabel : public SessionTest {
  protected:
+  CK_RV read(CK_BYTE* out, std::string_view label) {
+    return bridge.GetCertBlobByLabel(session, labelBytes(label), label.size(), out, &length);
+  }
   void expectRead(std::size_t capacity, const Value& expected, std::string_view label = "MyKey") {
     ResultBuffer out{capacity};
     length = capacity;
-    EXPECT_EQ(bridge.GetCertBlobByLabel(session, labelBytes(label), label.size(), out.data(), &length),
-              CKR_OK);
+    EXPECT_EQ(read(out.data(), label), CKR_OK);
     EXPECT_EQ(length, expected.size());
     EXPECT_EQ(out.first(expected.size()), expected);
     EXPECT_TRUE(out.untouchedFrom(expected.size()));
@@ -40,16 +42,13 @@ class CertBlobByLabel : public SessionTest {
   void expectRefused(CK_RV code, std::size_t capacity = 2000, std::string_view label = "MyKey") {
     ResultBuffer out{capacity};
     length = capacity;
-    EXPECT_EQ(bridge.GetCertBlobByLabel(session, labelBytes(label), label.size(), out.data(), &length), code);
+    EXPECT_EQ(read(out.data(), label), code);
     EXPECT_EQ(length, 0U);
   }
-  CK_RV readLength(std::string_view label = "MyKey") {
+  void expectLength(CK_RV code, CK_ULONG expected, std::string_view label = "MyKey") {
     length = 77;
-    return bridge.GetCertBlobByLabel(session, labelBytes(label), label.size(), nullptr, &length);
-  }
-  void moduleClaims(const Claims& claims) {
-    script.forgetCalls();
-    script.deviations.claimedLengths[CKA_VALUE] = claims;
+    EXPECT_EQ(read(nullptr, label), code);
+    EXPECT_EQ(length, expected);
   }
   Value setValue(std::size_t size) {
     script.forgetCalls();
@@ -67,18 +66,16 @@ TEST_F(CertBlobByLabel, RefusesHandlesOfNoneWithoutACall) {
   EXPECT_THAT(script.calls(), IsEmpty());
 }
 
-TEST_F(CertBlobByLabel, ReadsTheFirstOfSeveralLookingAtTwentyAtMost) {
+TEST_F(CertBlobByLabel, ReadsTheFirstOfSeveralLookingAtTwentyAtMostAlsoInASearchThatNeverEnds) {
   for (int i = 0; i < 24; ++i) {
     script.addObject(certificate(bytesOf("02"), bytesOf("MyKey"), patternValue(100, 9)));
   }
-  expectRead(2000, patternValue(700, 0x30));
-  EXPECT_EQ(script.countOf("C_FindObjects"), 21U);  // the last one is dropped
-}
-
-TEST_F(CertBlobByLabel, SurvivesASearchThatNeverEnds) {
-  script.deviations.endlessSearches = true;
-  expectRead(2000, patternValue(700, 0x30));
-  EXPECT_EQ(script.countOf("C_FindObjects"), 21U);
+  for (const bool isEndless : {false, true}) {
+    script.forgetCalls();
+    script.deviations.endlessSearches = isEndless;
+    expectRead(2000, patternValue(700, 0x30));
+    EXPECT_EQ(script.countOf("C_FindObjects"), 21U);  // the last one is dropped
+  }
 }
 
 TEST_F(CertBlobByLabel, TakesTheLabelAsBytes) {
@@ -90,8 +87,7 @@ TEST_F(CertBlobByLabel, TakesTheLabelAsBytes) {
 
 TEST_F(CertBlobByLabel, AnswersThatThereIsNone) {
   expectRefused(CKR_DATA_INVALID, 2000, "Other");
-  EXPECT_EQ(readLength("Other"), CKR_DATA_INVALID);
-  EXPECT_EQ(length, 0U);
+  expectLength(CKR_DATA_INVALID, 0, "Other");
   script.deviations.foundPerCall = 5;
   expectRefused(CKR_DATA_INVALID);
   EXPECT_EQ(script.countOf("C_GetAttributeValue"), 0U);
@@ -104,8 +100,7 @@ TEST_F(CertBlobByLabel, GivesLengthZeroWhenACallFails) {
     expectRefused(n <= 2 ? CKR_FUNCTION_FAILED : n == 4 ? kSomeFailure : kRereadFailed | kSomeFailure);
   }
   memory->failAllocation(0);
-  EXPECT_EQ(readLength(), CKR_HOST_MEMORY);
-  EXPECT_EQ(length, 0U);
+  expectLength(CKR_HOST_MEMORY, 0);
 }
 
 TEST_F(CertBlobByLabel, TakesUpTo2000BytesIntoAnOutputThatHasRoom) {
@@ -122,11 +117,8 @@ TEST_F(CertBlobByLabel, TakesUpTo2000BytesIntoAnOutputThatHasRoom) {
   for (const auto& row : rows) {
     SCOPED_TRACE(row.what);
     const Value value = setValue(row.size);
-    if (row.fits) {
-      expectRead(row.capacity, value);
-    } else {
-      expectRefused(CKR_BUFFER_TOO_SMALL, row.capacity);
-    }
+    if (row.fits) expectRead(row.capacity, value);
+    if (!row.fits) expectRefused(CKR_BUFFER_TOO_SMALL, row.capacity);
   }
 }
 
@@ -134,13 +126,11 @@ TEST_F(CertBlobByLabel, ReportsTheLengthOfAValueTooLongToBeFetched) {
   for (const std::size_t size : {1999U, 2000U, 2001U, 9000U}) {
     SCOPED_TRACE(size);
     setValue(size);
-    EXPECT_EQ(readLength(), CKR_OK);
-    EXPECT_EQ(length, size);
+    expectLength(CKR_OK, size);
     EXPECT_EQ(script.countOf("C_GetAttributeValue"), size < 2000 ? 3U : 1U);
   }
-  moduleClaims({1UL << 40U});
-  EXPECT_EQ(readLength(), CKR_OK);
-  EXPECT_EQ(length, 1UL << 40U);
+  script.deviations.claimedLengths[CKA_VALUE] = {1UL << 40U};
+  expectLength(CKR_OK, 1UL << 40U);
   EXPECT_LE(memory->largestRequest(), 2000U);
 }
 
@@ -163,7 +153,8 @@ TEST_F(CertBlobByLabel, JudgesTheLengthThatEachReadReports) {
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.what);
-    moduleClaims(row.claims);
+    script.forgetCalls();
+    script.deviations.claimedLengths[CKA_VALUE] = row.claims;
     expectRefused(row.answer, 100);
   }
 }

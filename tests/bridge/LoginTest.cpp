@@ -44,7 +44,7 @@ TEST_F(UserLogin, HandsPinsOfOneToEightBytesOnAsTheyAre) {
   }
 }
 
-TEST_F(UserLogin, RefusesOtherPinsWithoutACall) {
+TEST_F(UserLogin, RefusesOtherPinsWithoutACallAndLeavesTheHandleToTheModule) {
   script.card().info.ulMaxPinLen = 64;
   script.card().pin = "123456789";
   EXPECT_EQ(login("123456789"), CKR_ARGUMENTS_BAD) << "though the token would take it";
@@ -53,11 +53,9 @@ TEST_F(UserLogin, RefusesOtherPinsWithoutACall) {
   EXPECT_EQ(bridge.pkcs11_UserLogin(session, pinBytes("123456"), kAllOnes), CKR_ARGUMENTS_BAD);
   EXPECT_EQ(bridge.pkcs11_UserLogin(session, pinBytes("123456"), 0x100000006), CKR_ARGUMENTS_BAD);
   EXPECT_THAT(script.calls(), IsEmpty());
-}
-
-TEST_F(UserLogin, IsNoSuccessWhenTheUserIsLoggedInAlready) {
-  ASSERT_EQ(login(), CKR_OK);
-  EXPECT_EQ(login(), CKR_USER_ALREADY_LOGGED_IN);
+  for (const CK_SESSION_HANDLE none : kNoHandles) {
+    EXPECT_EQ(bridge.pkcs11_UserLogin(none, pinBytes("123456"), 6), CKR_SESSION_HANDLE_INVALID);
+  }
 }
 
 TEST_F(UserLogin, JudgesWhatTheSessionReportsAfterwards) {
@@ -106,15 +104,10 @@ TEST_F(UserLogin, DoesNotBelieveALoginThatDidNothing) {
   EXPECT_EQ(login(), kSessionReadOnlyExists) << "zeros are no serial session";
 }
 
-TEST_F(UserLogin, LeavesTheHandleToTheModule) {
-  for (const CK_SESSION_HANDLE none : kNoHandles) {
-    EXPECT_EQ(bridge.pkcs11_UserLogin(none, pinBytes("123456"), 6), CKR_SESSION_HANDLE_INVALID);
-  }
-}
-
-TEST_F(UserLogin, KeepsThePinToItself) {
+TEST_F(UserLogin, KeepsThePinToItselfAndIsNoSuccessASecondTime) {
   EXPECT_EQ(login("000000"), CKR_PIN_INCORRECT);
   EXPECT_EQ(login("123456"), CKR_OK);
+  EXPECT_EQ(login("123456"), CKR_USER_ALREADY_LOGGED_IN);
   EXPECT_THAT(log->allLines, IsEmpty());
   EXPECT_THAT(memory->requests(), IsEmpty());
 }

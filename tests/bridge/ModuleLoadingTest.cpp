@@ -36,35 +36,31 @@ class LoadPath : public ::testing::Test {
   std::unique_ptr<P11Bridge> bridge;
 };
 
-TEST_F(LoadPath, IsInTheHomeOfTheLoginNameStoredAndLoggedOnce) {
+TEST_F(LoadPath, IsInTheHomeOfTheLoginNameWhateverPathIsGivenStoredAndLoggedOnce) {
   const struct {
     const char* what;
     std::string loginName;
     std::string home;
+    Text path{};
   } rows[] = {
       {"a usual home", "alice", "/Users/alice"},
       {"a home that is elsewhere", "bob", "/home/elsewhere"},
       {"characters that mean something to others", "%s", "/home/%s %n \xC3\xBC"},
+      {"an empty path", "alice", "/Users/alice", Text{u""}},
+      {"a relative path", "alice", "/Users/alice", Text{u"libs/libTorvo_p11v1.dylib"}},
+      {"a full path", "alice", "/Users/alice", Text{u"/tmp/other.dylib"}},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.what);
     loader->calls.clear();
     log->allLines.clear();
-    load(row.loginName, row.home);
+    load(row.loginName, row.home, row.path);
     EXPECT_THAT(user->askedFor(), ElementsAre(row.loginName));
     EXPECT_THAT(loader->calls, ElementsAre("open " + row.home + kTail));
     ASSERT_NE(bridge->p11dylib(), nullptr);
     EXPECT_EQ(*bridge->p11dylib(), row.home + kTail);
     EXPECT_THAT(log->allLines,
                 ElementsAre("process: [-[P11Bridge pkcs11_Load:]-30] P11Bridge path = " + row.home + kTail));
-  }
-}
-
-TEST_F(LoadPath, IsTheSameWhateverPathIsGiven) {
-  for (const Text& path : {Text{u""}, Text{u"libs/libTorvo_p11v1.dylib"}, Text{u"/tmp/other.dylib"}}) {
-    loader->calls.clear();
-    load("alice", "/Users/alice", path);
-    EXPECT_THAT(loader->calls, ElementsAre(std::string{"open /Users/alice"} + kTail));
   }
 }
 
@@ -88,10 +84,6 @@ TEST_F(LoadModule, TakesTheFunctionListOfAGoodModuleAndDoesNotInitialiseIt) {
   EXPECT_THAT(loader->calls, ElementsAre("open " + home.modulePath(), "symbol C_GetFunctionList"));
   EXPECT_THAT(script.callTexts(), ElementsAre("C_GetFunctionList()"));
   EXPECT_FALSE(script.isInitialised());
-}
-
-TEST_F(LoadModule, TellsTheObserverOfTheEntryPoint) {
-  EXPECT_TRUE(bridge.pkcs11_Load(Text{}));
   using Event = RecordingObserver::Event;
   EXPECT_THAT(observer->events, ElementsAre(Event{Event::Kind::kCallStarts, "C_GetFunctionList"},
                                             Event{Event::Kind::kCallReturned, "C_GetFunctionList"}));
@@ -140,12 +132,10 @@ TEST_F(LoadModule, FailsOnEveryFaultOfTheLibraryAndKeepsWhatItReached) {
 
 class UnLoad : public UnloadedBridgeTest {};
 
-TEST_F(UnLoad, FailsWithoutAModule) {
+// The list is stale by design. This module stays mapped, because the test holds it too.
+TEST_F(UnLoad, ClosesTheModuleIfThereIsOneKeepsAllPropertiesAndGoesOnCallingThroughTheOldList) {
   EXPECT_FALSE(bridge.pkcs11_UnLoad(nullptr));
   EXPECT_THAT(loader->calls, IsEmpty());
-}
-
-TEST_F(UnLoad, ClosesTheModuleAndKeepsAllProperties) {
   ASSERT_TRUE(bridge.pkcs11_Load(Text{}));
   void* const module = bridge.phP11Module();
   const auto entry = bridge.phFunctionList();
@@ -157,12 +147,6 @@ TEST_F(UnLoad, ClosesTheModuleAndKeepsAllProperties) {
   EXPECT_EQ(bridge.phFunctionList(), entry);
   EXPECT_EQ(bridge.ckFunc(), list);
   EXPECT_EQ(*bridge.p11dylib(), home.modulePath());
-}
-
-// The list is stale by design. This module stays mapped, because the test holds it too.
-TEST_F(UnLoad, LeavesTheOperationsCallingThroughTheOldList) {
-  ASSERT_TRUE(bridge.pkcs11_Load(Text{}));
-  ASSERT_TRUE(bridge.pkcs11_UnLoad(nullptr));
   script.forgetCalls();
   EXPECT_EQ(bridge.pkcs11_Initial(nullptr), CKR_OK);
   EXPECT_THAT(script.callTexts(), ElementsAre("C_Initialize(null)"));
@@ -211,7 +195,9 @@ class GetInfo : public BridgeTest {
   CK_INFO info;
 };
 
-TEST_F(GetInfo, CopiesEveryField) {
+TEST_F(GetInfo, NeedsADestinationAndCopiesEveryField) {
+  EXPECT_EQ(bridge.pkcs11_GetInfo(nullptr), CKR_ARGUMENTS_BAD);
+  EXPECT_THAT(script.calls(), IsEmpty());
   EXPECT_EQ(bridge.pkcs11_GetInfo(&info), CKR_OK);
   EXPECT_EQ(info.cryptokiVersion.major, 2);
   EXPECT_EQ(info.cryptokiVersion.minor, 40);
@@ -222,7 +208,7 @@ TEST_F(GetInfo, CopiesEveryField) {
   EXPECT_EQ(info.libraryVersion.minor, 7);
 }
 
-TEST_F(GetInfo, CopiesWhatAFailingModuleWrote) {
+TEST_F(GetInfo, CopiesWhatAFailingModuleWroteAndZerosWhereNoneDid) {
   script.hook<&CK_FUNCTION_LIST::C_GetInfo>([](auto, CK_INFO* out) {
     out->flags = 77;
     return CKR_FUNCTION_FAILED;
@@ -230,19 +216,11 @@ TEST_F(GetInfo, CopiesWhatAFailingModuleWrote) {
   EXPECT_EQ(bridge.pkcs11_GetInfo(&info), CKR_FUNCTION_FAILED);
   EXPECT_EQ(info.flags, 77U);
   EXPECT_EQ(info.manufacturerID[0], 0);
-}
-
-TEST_F(GetInfo, GivesZerosWhenTheModuleWritesNothing) {
   script.deviations.silent = {"C_GetInfo"};
   EXPECT_EQ(bridge.pkcs11_GetInfo(&info), CKR_OK);
   EXPECT_EQ(info.cryptokiVersion.major, 0);
   EXPECT_EQ(info.flags, 0U);
   EXPECT_EQ(fieldText(info.libraryDescription), std::string(32, '\0'));
-}
-
-TEST_F(GetInfo, RefusesANullDestinationWithoutACall) {
-  EXPECT_EQ(bridge.pkcs11_GetInfo(nullptr), CKR_ARGUMENTS_BAD);
-  EXPECT_THAT(script.calls(), IsEmpty());
 }
 
 }  // namespace

@@ -94,7 +94,7 @@ class Readers : public SessionTest, public ::testing::WithParamInterface<Reader>
 INSTANTIATE_TEST_SUITE_P(All, Readers, ::testing::ValuesIn(kReaders),
                          [](const auto& row) { return row.param.name; });
 
-TEST_P(Readers, RefuseHandlesOfNoneWithoutACall) {
+TEST_P(Readers, RefuseHandlesOfNoneWithoutACallAndAMissingFunctionListWithLengthZero) {
   const CK_OBJECT_HANDLE readable = object;
   for (const CK_ULONG none : kNoHandles) {
     SCOPED_TRACE(none);
@@ -107,9 +107,6 @@ TEST_P(Readers, RefuseHandlesOfNoneWithoutACall) {
     session = kFirstSession;
   }
   EXPECT_THAT(script.calls(), IsEmpty());
-}
-
-TEST_P(Readers, GiveLengthZeroWithoutAFunctionList) {
   bridge.setCkFunc(nullptr);
   expectRefused(CKR_CRYPTOKI_NOT_INITIALIZED);
 }
@@ -117,8 +114,7 @@ TEST_P(Readers, GiveLengthZeroWithoutAFunctionList) {
 TEST_P(Readers, GiveValuesAndLengthsUpToTheLongest) {
   for (const std::size_t size : {std::size_t{1}, GetParam().usual, GetParam().longest}) {
     for (const std::size_t capacity : {size, size + 100}) {
-      SCOPED_TRACE(size);
-      SCOPED_TRACE(capacity);
+      SCOPED_TRACE(::testing::Message() << size << " bytes into " << capacity);
       makeObject(size);
       ResultBuffer out{capacity};
       expectRead(out, value);
@@ -127,11 +123,13 @@ TEST_P(Readers, GiveValuesAndLengthsUpToTheLongest) {
   }
 }
 
-TEST_P(Readers, RefuseAnOutputThatIsTooSmall) {
+TEST_P(Readers, RefuseAnOutputThatIsTooSmallAndAValueBetweenTheLongestAndTheirBound) {
   for (const std::size_t capacity : {GetParam().usual - 1, std::size_t{1}, std::size_t{0}}) {
     SCOPED_TRACE(capacity);
     expectRefused(CKR_BUFFER_TOO_SMALL, capacity);
   }
+  makeObject(GetParam().longest + 1);
+  expectRefused(CKR_BUFFER_TOO_SMALL);
 }
 
 TEST_P(Readers, RefuseANullLengthAfterReading) {
@@ -156,14 +154,9 @@ TEST_P(Readers, FetchNoValueFromTheirBoundOnButReportItsLength) {
   }
 }
 
-TEST_P(Readers, RefuseAValueBetweenTheLongestAndTheirBound) {
-  makeObject(GetParam().longest + 1);
-  expectRefused(CKR_BUFFER_TOO_SMALL);
-}
-
 TEST_P(Readers, NeverAskForMoreMemoryThanTheirBound) {
-  for (const CK_ULONG claimed : {CK_ULONG{GetParam().bound}, CK_ULONG{1} << 32U, CK_ULONG{0x100000010},
-                                 CK_ULONG{1} << 40U, CK_ULONG{1} << 62U, kAllOnes - 1}) {
+  for (const CK_ULONG claimed :
+       {CK_ULONG{GetParam().bound}, 1UL << 32U, 0x100000010UL, 1UL << 40U, 1UL << 62U, kAllOnes - 1}) {
     SCOPED_TRACE(claimed);
     moduleClaims({claimed});
     memory->reset();
@@ -209,8 +202,7 @@ TEST_P(Readers, TakeTheLastLengthOfAValueThatShrinks) {
 TEST_P(Readers, RefuseAValueThatVanishesBetweenTheReads) {
   for (const CK_ULONG claimed : {CK_ULONG{0}, kAllOnes}) {
     for (std::size_t honest = 1; honest < GetParam().calls; ++honest) {
-      SCOPED_TRACE(claimed);
-      SCOPED_TRACE(honest);
+      SCOPED_TRACE(::testing::Message() << claimed << " after " << honest << " honest reads");
       Claims claims(honest, std::nullopt);
       claims.emplace_back(claimed);
       moduleClaims(claims);
@@ -229,38 +221,32 @@ class PointParameters : public SessionTest {
     length = 640;
     return bridge.pkcs11_getECPublicKey(session, kEcPublicKey, out.data(), &length);
   }
-  void setParameters(const Value& value) { script.object(kEcPublicKey).attributes[CKA_EC_PARAMS] = value; }
 
   ResultBuffer out{640};
   CK_ULONG length = 640;
 };
 
 TEST_F(PointParameters, MustBeReadable) {
-  setParameters({});
+  auto& attributes = script.object(kEcPublicKey).attributes;
+  attributes[CKA_EC_PARAMS] = {};
   EXPECT_EQ(read(), CKR_ATTRIBUTE_VALUE_INVALID);
   EXPECT_EQ(length, 0U);
-  script.object(kEcPublicKey).attributes.erase(CKA_EC_PARAMS);
+  attributes.erase(CKA_EC_PARAMS);
   EXPECT_EQ(read(), CKR_ATTRIBUTE_TYPE_INVALID);
   EXPECT_EQ(length, 0U);
 }
 
-TEST_F(PointParameters, LeaveThePointItsWrapping) {
-  EXPECT_EQ(read(), CKR_OK);
-  EXPECT_EQ(out.first(2), (Value{0x04, 0x41})) << "OCTET STRING";
-  EXPECT_EQ(out.first(length), p256Point(3));
-}
-
-TEST_F(PointParameters, AreFetchedUpTo199Bytes) {
+TEST_F(PointParameters, AreFetchedUpTo199BytesAndLeaveThePointItsWrapping) {
   const struct {
     std::size_t size;
     std::vector<std::size_t> requests;
   } rows[] = {{199, {199, 67}}, {200, {67}}, {201, {67}}, {5000, {67}}};
   for (const auto& row : rows) {
     SCOPED_TRACE(row.size);
-    setParameters(patternValue(row.size, 2));
+    script.object(kEcPublicKey).attributes[CKA_EC_PARAMS] = patternValue(row.size, 2);
     forgetAll();
     EXPECT_EQ(read(), CKR_OK);
-    EXPECT_EQ(length, 67U);
+    EXPECT_EQ(out.first(length), p256Point(3)) << "an OCTET STRING";
     EXPECT_EQ(memory->requests(), row.requests);
     EXPECT_EQ(script.calls().size(), row.requests.size() + 2);
   }
