@@ -17,6 +17,8 @@ Calls joinedCalls(std::initializer_list<Calls> lists) {
   return all;
 }
 
+Calls one(const std::string& text) { return {{text}}; }
+
 /// A search that finds one object. What it answers when it fails is `replacement`, or else the call's code.
 Calls search(const std::string& filter, CK_RV replacement = CKR_OK) {
   const Failing failing = replacement == CKR_OK ? Failing::kAnswered : Failing::kReplaced;
@@ -57,65 +59,51 @@ std::shared_ptr<PKCS11_SERVICE_INFO> recordOf(CK_SESSION_HANDLE session) {
 }
 
 std::vector<Operation> moduleAndSlots() {
+  const Calls finding = {{"C_GetSlotList(1, null, 10)"},
+                         {"C_GetSlotList(1, list, 10)"},
+                         {"C_GetSlotInfo(1)", Failing::kReplaced, CKR_SLOT_ID_INVALID}};
+  const Calls asking = {
+      {"C_GetSlotInfo(1)"},
+      {"C_OpenSession(1, 4, null, null)", Failing::kIgnored, CKR_OK, {}, "C_CloseSession(6)"},
+      {"C_GetTokenInfo(1)", Failing::kAnswered, CKR_OK, "C_CloseSession(6)"},
+      {"C_CloseSession(6)", Failing::kIgnored}};
   return {
-      {"Initial",
-       "pkcs11_Initial",
+      {"Initial", "pkcs11_Initial",
        [](Bench& b) {
          b.script.setInitialised(false);
          return b.bridge.pkcs11_Initial(nullptr);
        },
-       {{"C_Initialize(null)"}},
-       0,
-       [](P11Bridge& b) { return b.pkcs11_Initial(nullptr); },
+       one("C_Initialize(null)"), 0, [](P11Bridge& b) { return b.pkcs11_Initial(nullptr); },
        CKR_GENERAL_ERROR},
-      {"Finalize",
-       "pkcs11_Finalize",
-       [](Bench& b) { return b.bridge.pkcs11_Finalize(nullptr); },
-       {{"C_Finalize(null)"}},
-       0,
-       [](P11Bridge& b) { return b.pkcs11_Finalize(&b); }},
-      {"GetInfo",
-       "pkcs11_GetInfo",
+      {"Finalize", "pkcs11_Finalize", [](Bench& b) { return b.bridge.pkcs11_Finalize(nullptr); },
+       one("C_Finalize(null)"), 0, [](P11Bridge& b) { return b.pkcs11_Finalize(&b); }},
+      {"GetInfo", "pkcs11_GetInfo",
        [](Bench& b) {
          CK_INFO info{};
          return b.bridge.pkcs11_GetInfo(&info);
        },
-       {{"C_GetInfo()"}},
-       0,
-       [](P11Bridge& b) { return b.pkcs11_GetInfo(nullptr); }},
-      {"GetSlotList",
-       "pkcs11_C_GetSlotList",
+       one("C_GetInfo()"), 0, [](P11Bridge& b) { return b.pkcs11_GetInfo(nullptr); }},
+      {"GetSlotList", "pkcs11_C_GetSlotList",
        [](Bench& b) {
          CK_SLOT_ID list[10]{};
          return b.bridge.pkcs11_C_GetSlotList(CK_TRUE, list, &b.length);
        },
-       {{"C_GetSlotList(1, list, 10)"}},
-       0,
+       one("C_GetSlotList(1, list, 10)"), 0,
        [](P11Bridge& b) { return b.pkcs11_C_GetSlotList(CK_TRUE, nullptr, nullptr); }},
-      {"FindSlot",
-       "pkcs11_FindSlot",
+      {"FindSlot", "pkcs11_FindSlot",
        [](Bench& b) {
          CK_SLOT_ID slot = 0;
          return b.bridge.pkcs11_FindSlot(Text{u"Reader"}, &slot);
        },
-       {{"C_GetSlotList(1, null, 10)"},
-        {"C_GetSlotList(1, list, 10)"},
-        {"C_GetSlotInfo(1)", Failing::kReplaced, CKR_SLOT_ID_INVALID}},
-       1,
-       [](P11Bridge& b) { return b.pkcs11_FindSlot(Text{}, nullptr); }},
-      {"GetTokenInfo",
-       "pkcs11_GetTokenInfo",
-       [](Bench& b) { return b.bridge.pkcs11_GetTokenInfo(kSlot, &b.record); },
-       {{"C_GetSlotInfo(1)"},
-        {"C_OpenSession(1, 4, null, null)", Failing::kIgnored, CKR_OK, {}, "C_CloseSession(6)"},
-        {"C_GetTokenInfo(1)", Failing::kAnswered, CKR_OK, "C_CloseSession(6)"},
-        {"C_CloseSession(6)", Failing::kIgnored}},
-       1,
+       finding, 1, [](P11Bridge& b) { return b.pkcs11_FindSlot(Text{}, nullptr); }},
+      {"GetTokenInfo", "pkcs11_GetTokenInfo",
+       [](Bench& b) { return b.bridge.pkcs11_GetTokenInfo(kSlot, &b.record); }, asking, 1,
        [](P11Bridge& b) { return b.pkcs11_GetTokenInfo(kAllOnes, nullptr); }},
   };
 }
 
 std::vector<Operation> sessions() {
+  const Calls loggingIn = {{"C_Login(5, 1, 313233343536)"}, {"C_GetSessionInfo(5)"}};
   const Calls opening = {{"C_GetSlotInfo(1)"},
                          {"C_OpenSession(1, 4, null, null)"},
                          {"C_GetSessionInfo(6)", Failing::kAnswered, CKR_OK, "C_CloseSession(6)"},
@@ -130,32 +118,30 @@ std::vector<Operation> sessions() {
          return b.bridge.pkcs11_OpenReadOnlySession(kSlot, &record);
        },
        joinedCalls({opening, {{"C_CloseSession(6)", Failing::kIgnored}}}), 0, openBare},
-      {"GetSessionInfo",
-       "pkcs11_GetSessionInfo",
-       [](Bench& b) { return b.bridge.pkcs11_GetSessionInfo(5, nullptr); },
-       {{"C_GetSessionInfo(5)"}},
-       0,
+      {"GetSessionInfo", "pkcs11_GetSessionInfo",
+       [](Bench& b) { return b.bridge.pkcs11_GetSessionInfo(5, nullptr); }, one("C_GetSessionInfo(5)"), 0,
        [](P11Bridge& b) { return b.pkcs11_GetSessionInfo(0, nullptr); }},
-      {"CloseSession",
-       "pkcs11_CloseSession",
-       [](Bench& b) { return b.bridge.pkcs11_CloseSession(kSlot, recordOf(5)); },
-       {{"C_CloseSession(5)"}},
-       0,
+      {"CloseSession", "pkcs11_CloseSession",
+       [](Bench& b) { return b.bridge.pkcs11_CloseSession(kSlot, recordOf(5)); }, one("C_CloseSession(5)"), 0,
        [](P11Bridge& b) { return b.pkcs11_CloseSession(kAllOnes, nullptr); }},
-      {"UserLogin",
-       "pkcs11_UserLogin",
+      {"UserLogin", "pkcs11_UserLogin",
        [](Bench& b) {
          b.script.card().loggedIn = false;
          const Value pin = bytesOf("123456");
          return b.bridge.pkcs11_UserLogin(5, pin.data(), pin.size());
        },
-       {{"C_Login(5, 1, 313233343536)"}, {"C_GetSessionInfo(5)"}},
-       0,
-       [](P11Bridge& b) { return b.pkcs11_UserLogin(0, nullptr, 0); }},
+       loggingIn, 0, [](P11Bridge& b) { return b.pkcs11_UserLogin(0, nullptr, 0); }},
   };
 }
 
 std::vector<Operation> objects() {
+  const Calls point = {
+      {"C_GetAttributeValue(5, 24, [CKA_EC_PARAMS null 0, CKA_EC_POINT null 0])"},
+      {"C_GetAttributeValue(5, 24, [CKA_EC_PARAMS room 10, CKA_EC_POINT room 67])"},
+      {"C_GetAttributeValue(5, 24, [CKA_EC_PARAMS room 10, CKA_EC_POINT room 67])", Failing::kMarked},
+      {"C_GetAttributeValue(5, 24, [CKA_EC_PARAMS room 10, CKA_EC_POINT room 67])", Failing::kMarked}};
+  const Calls label = {{"C_GetAttributeValue(5, 23, [CKA_LABEL room 5])"},
+                       {"C_GetAttributeValue(5, 23, [CKA_LABEL room 5])", Failing::kMarked}};
   const Calls certificateSearch =
       search("CKA_CLASS=0100000000000000, CKA_LABEL=4D794B6579", CKR_FUNCTION_FAILED);
   const auto byLabelBare = [](P11Bridge& b) {
@@ -172,29 +158,19 @@ std::vector<Operation> objects() {
        },
        search("CKA_CLASS=0100000000000000"), 0,
        [](P11Bridge& b) { return b.pkcs11_FindObjects(0, nullptr, 0, nullptr, nullptr, 0); }},
-      {"GetObjsAttriValue",
-       "pkcs11_getObjsAttriValue",
+      {"GetObjsAttriValue", "pkcs11_getObjsAttriValue",
        [](Bench& b) {
          CK_BYTE room[5];
          CK_ATTRIBUTE label{CKA_LABEL, room, sizeof room};
          return b.bridge.pkcs11_getObjsAttriValue(5, kCertificate, &label, 1, 1, 5);
        },
-       {{"C_GetAttributeValue(5, 23, [CKA_LABEL room 5])"},
-        {"C_GetAttributeValue(5, 23, [CKA_LABEL room 5])", Failing::kMarked}},
-       0,
-       [](P11Bridge& b) { return b.pkcs11_getObjsAttriValue(0, 0, nullptr, 3, 1, 0); }},
+       label, 0, [](P11Bridge& b) { return b.pkcs11_getObjsAttriValue(0, 0, nullptr, 3, 1, 0); }},
       {"GetRSAKeyModulus", "pkcs11_getRSAKeyModulus",
        [](Bench& b) { return b.bridge.pkcs11_getRSAKeyModulus(5, 22, b.output.data(), &b.length); }, kModulus,
        1, [](P11Bridge& b) { return b.pkcs11_getRSAKeyModulus(0, 0, nullptr, nullptr); }},
-      {"GetECPublicKey",
-       "pkcs11_getECPublicKey",
+      {"GetECPublicKey", "pkcs11_getECPublicKey",
        [](Bench& b) { return b.bridge.pkcs11_getECPublicKey(5, kEcPublicKey, b.output.data(), &b.length); },
-       {{"C_GetAttributeValue(5, 24, [CKA_EC_PARAMS null 0, CKA_EC_POINT null 0])"},
-        {"C_GetAttributeValue(5, 24, [CKA_EC_PARAMS room 10, CKA_EC_POINT room 67])"},
-        {"C_GetAttributeValue(5, 24, [CKA_EC_PARAMS room 10, CKA_EC_POINT room 67])", Failing::kMarked},
-        {"C_GetAttributeValue(5, 24, [CKA_EC_PARAMS room 10, CKA_EC_POINT room 67])", Failing::kMarked}},
-       2,
-       [](P11Bridge& b) { return b.pkcs11_getECPublicKey(0, 0, nullptr, nullptr); }},
+       point, 2, [](P11Bridge& b) { return b.pkcs11_getECPublicKey(0, 0, nullptr, nullptr); }},
       {"GetCertificate", "pkcs11_getCertificate",
        [](Bench& b) { return b.bridge.pkcs11_getCertificate(5, kCertificate, nullptr, &b.length); },
        oneValue("23, [CKA_VALUE", "700"), 1,
@@ -224,6 +200,11 @@ std::vector<Operation> objects() {
   };
 }
 
+const Calls kDerivation =
+    one("C_DeriveKey(5, CKM 4176 [kdf 1, shared null 0, public 04AABB] 1, 25, [CKA_CLASS=0400000000000000, "
+        "CKA_SENSITIVE=01, CKA_ENCRYPT=01, CKA_KEY_TYPE=1000000000000000, CKA_TOKEN=00, "
+        "CKA_VALUE_LEN=1000000000000000])");
+
 /// The row of that operation of KeyOperations.h, which is told of `room` bytes for its result.
 Operation keyOperation(const KeyOperation& of, Calls calls, CK_ULONG room = 600) {
   const auto run = [&of, room](Bench& b) {
@@ -250,16 +231,12 @@ std::vector<Operation> privateKeys() {
                    64),
       keyOperation(kOperations[3], decryption),
       keyOperation(kOperations[4], decryption),
-      {"KeyDerivation",
-       "pkcs11_genSymKeyFromECDH",
+      {"KeyDerivation", "pkcs11_genSymKeyFromECDH",
        [](Bench& b) {
          const CK_BYTE point[] = {0x04, 0xAA, 0xBB};
          return b.bridge.pkcs11_genSymKeyFromECDH(5, kEcPrivateKey, point, sizeof point, &b.length);
        },
-       {{"C_DeriveKey(5, CKM 4176 [kdf 1, shared null 0, public 04AABB] 1, 25, [CKA_CLASS=0400000000000000, "
-         "CKA_SENSITIVE=01, CKA_ENCRYPT=01, CKA_KEY_TYPE=1000000000000000, CKA_TOKEN=00, "
-         "CKA_VALUE_LEN=1000000000000000])"}},
-       0,
+       kDerivation, 0,
        [](P11Bridge& b) { return b.pkcs11_genSymKeyFromECDH(0, 0, nullptr, kAllOnes, nullptr); }},
   };
 }

@@ -29,9 +29,12 @@ const struct {
     {"the name and its padding", u"Reader 1  ", true},
     {"another letter at the start", u"reader 1", false},
     {"another letter at the end", u"Reader 2", false},
+    {"another letter in the middle", u"ReaderX1", false},
     {"more than the name", u"Reader 1x", false},
+    {"not the beginning", u"1", false},
     {"all 64 bytes", u"Reader 1" + std::u16string(56, u' '), true},
-    {"65 bytes", u"Reader 1" + std::u16string(56, u' ') + u"x", false},
+    {"65 bytes, on into the manufacturer", u"Reader 1" + std::u16string(56, u' ') + u"x", false},
+    {"on through the manufacturer", u"Reader 1" + std::u16string(56, u' ') + std::u16string(32, u'x'), false},
 };
 
 TEST(DescriptionBeginsWith, ComparesUnitByUnit) {

@@ -63,7 +63,7 @@ TEST_F(BindingKeyCert, ChoosesTheFirstOfSeveralThoughItHaveNoData) {
   EXPECT_THAT(log->allLines, ElementsAre(kBoundLine + "01", kChosenLine + "01"));
 }
 
-TEST_F(BindingKeyCert, FallsBackOnTheCertificateGivenIfThatHasData) {
+TEST_F(BindingKeyCert, FallsBackOnTheCertificateGivenIfThatHasDataAlsoWithoutAList) {
   const CK_OBJECT_HANDLE key = addKey(bytesOf("02"));
   EXPECT_TRUE(bind(key, own));
   EXPECT_THAT(log->allLines, ElementsAre(kChosenLine + "own"));
@@ -75,12 +75,10 @@ TEST_F(BindingKeyCert, FallsBackOnTheCertificateGivenIfThatHasData) {
   EXPECT_THAT(log->allLines, ElementsAre(kChosenLine + "(null)"));
   EXPECT_FALSE(bind(key));
   EXPECT_THAT(log->allLines, ElementsAre(kChosenLine + "(null)"));
-}
-
-TEST_F(BindingKeyCert, FallsBackWithoutAList) {
   record().setPCerts(nullptr);
-  EXPECT_TRUE(bind(kPublicKey, own));
   EXPECT_FALSE(bind(kPublicKey));
+  own->setPbCertData(Bytes{{0x30}});
+  EXPECT_TRUE(bind(kPublicKey, own));
 }
 
 TEST_F(BindingKeyCert, BindsBinaryIdentifiersByteForByte) {
@@ -100,14 +98,7 @@ TEST_F(BindingKeyCert, BindsBinaryIdentifiersByteForByte) {
 
 // ---- Failures ----
 
-TEST_F(BindingKeyCert, FailsWithoutARecord) {
-  framework->setP11ServiceInfo(nullptr);
-  EXPECT_FALSE(bind(kPublicKey, own));
-  EXPECT_THAT(script.calls(), IsEmpty());
-  EXPECT_THAT(log->allLines, IsEmpty());
-}
-
-TEST_F(BindingKeyCert, FailsWhenTheIdentifierCannotBeRead) {
+TEST_F(BindingKeyCert, FailsWhenTheIdentifierCannotBeReadOrThereIsNoRecord) {
   const CK_OBJECT_HANDLE unreadable[] = {addKey({}), addKey(Value(257, 'x')), 12345, 0, kNoHandle};
   for (const CK_OBJECT_HANDLE object : unreadable) {
     SCOPED_TRACE(object);
@@ -116,6 +107,10 @@ TEST_F(BindingKeyCert, FailsWhenTheIdentifierCannotBeRead) {
   }
   script.deviations.silent = {"C_GetAttributeValue"};
   EXPECT_FALSE(bind(kPublicKey)) << "256 bytes of zero, which no certificate has";
+  framework->setP11ServiceInfo(nullptr);
+  EXPECT_FALSE(bind(kPublicKey, own));
+  EXPECT_THAT(script.calls(), IsEmpty());
+  EXPECT_THAT(log->allLines, IsEmpty());
 }
 
 TEST_F(BindingKeyCert, FailsWithEitherCall) {

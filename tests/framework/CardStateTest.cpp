@@ -61,12 +61,10 @@ TEST_F(IsCardStateChanged, GoesByTheStoredTokenFlags) {
 TEST_F(IsCardStateChanged, NeedsAStoredSessionBeforeAndAfterItIsAsked) {
   for (const CK_SESSION_HANDLE none : kNoHandles) {
     SCOPED_TRACE(none);
+    script.forgetCalls();
     record().setHSession(none);
     EXPECT_TRUE(isChanged());
     EXPECT_EQ(script.countOf("C_GetSessionInfo"), 0U);
-  }
-  for (const CK_SESSION_HANDLE none : kNoHandles) {
-    SCOPED_TRACE(none);
     record().setHSession(kFirstSession);
     script.hook<&CK_FUNCTION_LIST::C_GetSessionInfo>(
         [&](auto real, CK_SESSION_HANDLE session, CK_SESSION_INFO* info) {
@@ -149,7 +147,9 @@ TEST_F(CheckEvent, PostsTokenNotifyWithTheObjectAtOnceEachTime) {
   EXPECT_THAT(log->allLines, IsEmpty());
 }
 
-TEST_F(CheckEvent, JudgesTheRecordGivenAlone) {
+TEST_F(CheckEvent, JudgesTheRecordGivenAloneAndPostsNothingForNone) {
+  EXPECT_FALSE(framework->CheckEvent(nullptr, Text{u"object"}));
+  EXPECT_THAT(notifications->posted, IsEmpty());
   constexpr Row rows[] = {
       {.what = "flags of exactly 7", .posts = true},
       {.what = "slot 0 and session 0 are not none", .posts = true, .slot = 0, .session = 0},
@@ -171,11 +171,6 @@ TEST_F(CheckEvent, JudgesTheRecordGivenAlone) {
     EXPECT_FALSE(framework->CheckEvent(recordOf(row), Text{u"object"}));
     EXPECT_EQ(notifications->posted.size(), row.posts ? 1U : 0U);
   }
-}
-
-TEST_F(CheckEvent, PostsNothingForNoRecord) {
-  EXPECT_FALSE(framework->CheckEvent(nullptr, Text{u"object"}));
-  EXPECT_THAT(notifications->posted, IsEmpty());
 }
 
 }  // namespace

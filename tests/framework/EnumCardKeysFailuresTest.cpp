@@ -163,9 +163,8 @@ TEST_F(EnumCardKeysFailures, FollowBeforeASessionWasOpened) {
 // ---- Lengths that are lies ----
 
 /// None of these can be the length of what the default card holds, and none is within a limit.
-constexpr CK_ULONG kLies[] = {
-    0,           CK_UNAVAILABLE_INFORMATION, 2001, CK_ULONG{3} << 30U, 0xFFFFFFFF, 0x100000000,
-    0x100000002, CK_ULONG{1} << 62U};
+constexpr CK_ULONG kLies[] = {0,          kAllOnes,    2001,        3UL << 30U,
+                              0xFFFFFFFF, 0x100000000, 0x100000002, 1UL << 62U};
 
 TEST_F(EnumCardKeysFailures, OfLengthsNeitherCrashNorTakeMemory) {
   // An attribute's reads are counted over both objects.
@@ -190,7 +189,7 @@ TEST_F(EnumCardKeysFailures, OfLengthsNeitherCrashNorTakeMemory) {
         claims.emplace_back(std::nullopt);
         script.deviations.claimedLengths[attribute.type] = claims;
         // A modulus may have no readable length. One that is merely too long has one.
-        const bool unreadable = n > 0 || lie == 0 || lie == CK_UNAVAILABLE_INFORMATION;
+        const bool unreadable = n > 0 || lie == 0 || lie == kAllOnes;
         const bool leftOut = attribute.type == CKA_MODULUS && n < 3 && unreadable;
         expectOutcome(leftOut ? Outcome::kKeyLeftOut : Outcome::kFails, retained);
       }

@@ -35,15 +35,7 @@ TEST_F(EnumCards, StoresTheCardOfTheReaderNamedWithoutSessionAndLists) {
   const RetainedRecord retained = openAndList();
   const CK_SLOT_ID second = script.addSlot("Reader B 01", emptyCard("OTHER", "0000000000000002"));
   EXPECT_TRUE(framework->EnumCards(Text{u"Reader B"}));
-  EXPECT_EQ(record().slotID(), second);
-  EXPECT_EQ(membersOf(record().slotInfo()), membersOf(slotInfo(second)));
-  EXPECT_EQ(membersOf(record().tokenInfo()), membersOf(script.card(second).info));
-  EXPECT_EQ(record().hSession(), 0U);
-  EXPECT_EQ(membersOf(record().hSessionInfo()), membersOf(CK_SESSION_INFO{}));
-  EXPECT_FALSE(record().pAsymKeys());
-  EXPECT_FALSE(record().pCerts());
-  EXPECT_EQ(record().m_keyIndex(), 0);
-  EXPECT_EQ(record().m_certIndex(), 0);
+  expectNewRecord(second, 0, {});
   // The old record is left to its holder.
   EXPECT_EQ(retained.record->hSession(), kFirstSession);
   expectUntouched(retained);

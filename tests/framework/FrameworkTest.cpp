@@ -105,6 +105,24 @@ void FrameworkTest::setStoredDescription(std::string_view description) {
   record().setSlotInfo(info);
 }
 
+void FrameworkTest::setModulusLen(std::size_t size) {
+  for (const CK_OBJECT_HANDLE key : {kPublicKey, kPrivateKey}) {
+    script.object(key).attributes[CKA_MODULUS] = patternValue(size, 0xC5);
+  }
+}
+
+void FrameworkTest::expectNewRecord(CK_SLOT_ID slot, CK_SESSION_HANDLE session, const CK_SESSION_INFO& info) {
+  EXPECT_EQ(record().slotID(), slot);
+  EXPECT_EQ(membersOf(record().slotInfo()), membersOf(slotInfo(slot)));
+  EXPECT_EQ(membersOf(record().tokenInfo()), membersOf(script.card(slot).info));
+  EXPECT_EQ(record().hSession(), session);
+  EXPECT_EQ(membersOf(record().hSessionInfo()), membersOf(info));
+  EXPECT_FALSE(record().pAsymKeys());
+  EXPECT_FALSE(record().pCerts());
+  EXPECT_EQ(record().m_keyIndex(), 0);
+  EXPECT_EQ(record().m_certIndex(), 0);
+}
+
 CK_SLOT_INFO FrameworkTest::slotInfo(CK_SLOT_ID slot) {
   CK_SLOT_INFO info = script.slot(slot).info;
   info.flags |= CKF_TOKEN_PRESENT;

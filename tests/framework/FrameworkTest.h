@@ -63,6 +63,11 @@ class FrameworkTest : public ModuleTest {
   /// Makes the record say something else about its slot.
   void setStoredDescription(std::string_view description);
 
+  /// Gives both keys of the default card a modulus of that size.
+  void setModulusLen(std::size_t size);
+  /// What the record says about its card, and that it lists nothing and has no session of its own.
+  void expectNewRecord(CK_SLOT_ID slot, CK_SESSION_HANDLE session, const CK_SESSION_INFO& info);
+
   /// What the module tells about the default card's slot.
   [[nodiscard]] CK_SLOT_INFO slotInfo(CK_SLOT_ID slot = kSlot);
 

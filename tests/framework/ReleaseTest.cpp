@@ -32,6 +32,9 @@ using FreeAllKeyInfo = ReleaseTest;
 TEST_F(FreeAllKeyInfo, EmptiesTheListOfKeysAndNoOther) {
   const auto stored = framework->p11ServiceInfo();
   const auto list = record().pAsymKeys();
+  const auto key = keys().at(0);
+  const Text name = key->keyName();
+  const Bytes value = key->pKeyValue();
   list->insert(list->begin(), nullptr);
   list->push_back(list->at(1));  // listed twice
   EXPECT_TRUE(framework->FreeAllKeyInfo());
@@ -42,13 +45,7 @@ TEST_F(FreeAllKeyInfo, EmptiesTheListOfKeysAndNoOther) {
   EXPECT_THAT(certificates(), SizeIs(1));
   EXPECT_EQ(record().m_certIndex(), 1);
   EXPECT_EQ(certificates().at(0)->pbCertData().size(), 700U);
-}
-
-TEST_F(FreeAllKeyInfo, TakesValueAndNameFromAKeyThatSomebodyHoldsButNotFromWhoHoldsThem) {
-  const auto key = keys().at(0);
-  const Text name = key->keyName();
-  const Bytes value = key->pKeyValue();
-  EXPECT_TRUE(framework->FreeAllKeyInfo());
+  // Value and name are taken from a key that somebody holds, but not from who holds them.
   EXPECT_EQ(key->pKeyValue(), Bytes{});
   EXPECT_EQ(key->keyName(), Text{});
   EXPECT_EQ(key->keyID(), Text{u"01"});
@@ -61,6 +58,7 @@ using FreeAllCertInfo = ReleaseTest;
 
 TEST_F(FreeAllCertInfo, EmptiesTheListOfCertificatesAndNoOther) {
   const auto list = record().pCerts();
+  const auto certificate = certificates().at(0);
   list->insert(list->begin(), nullptr);
   EXPECT_TRUE(framework->FreeAllCertInfo());
   EXPECT_EQ(record().pCerts(), list);
@@ -69,11 +67,7 @@ TEST_F(FreeAllCertInfo, EmptiesTheListOfCertificatesAndNoOther) {
   EXPECT_THAT(keys(), SizeIs(1));
   EXPECT_EQ(record().m_keyIndex(), 1);
   EXPECT_EQ(keys().at(0)->keyName(), Text{u"1234567890ABCDEF_RSA_01_MyKey"});
-}
-
-TEST_F(FreeAllCertInfo, TakesTheDataFromACertificateThatSomebodyHolds) {
-  const auto certificate = certificates().at(0);
-  EXPECT_TRUE(framework->FreeAllCertInfo());
+  // The data is taken from a certificate that somebody holds.
   EXPECT_EQ(certificate->pbCertData(), Bytes{});
   EXPECT_EQ(certificate->strID(), Text{u"01"});
   EXPECT_EQ(certificate->strLabel(), Text{u"MyKey"});

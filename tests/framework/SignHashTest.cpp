@@ -27,11 +27,6 @@ class PerformSignHash : public FrameworkTest {
                                       &length);
   }
   void usePss() { key->setKeyName(Text{u"RSA PSS"}); }
-  void setModulusLen(std::size_t size) {
-    for (const CK_OBJECT_HANDLE object : {kPublicKey, kPrivateKey}) {
-      script.object(object).attributes[CKA_MODULUS] = patternValue(size, 0xC5);
-    }
-  }
 
   Value data = Value(32, 0xAB);
   Text algorithm{u"algorithm"};
@@ -45,30 +40,32 @@ class PerformSignHash : public FrameworkTest {
 TEST_F(PerformSignHash, FollowsTheNameOfTheKeyAlone) {
   enum class Mechanism { kNone, kRaw, kPss };
   const struct {
-    const char* what;
     Text name;
-    Mechanism expected = Mechanism::kRaw;
+    Mechanism expected;
   } rows[] = {
-      {"as listed", Text{u"1234_RSA_01_MyKey"}},
-      {"mixed letters", Text{u"rSa"}},
-      {"within a word", Text{u"adversary"}},
-      {"in the label alone", Text{u"1234_(null)01_my rsa key"}},
-      {"PSS interrupted", Text{u"RSA_P_SS"}},
-      {"both", Text{u"1234_RSA_01_PSS"}, Mechanism::kPss},
-      {"both, mixed", Text{u"RsA pSs"}, Mechanism::kPss},
-      {"both, the other way round", Text{u"PSS_RSA"}, Mechanism::kPss},
-      {"both, within words", Text{u"adversary upsset"}, Mechanism::kPss},
-      {"both, next to other scripts", Text{u"\u00E4RSA\u4E2DPSS\U0001F511"}, Mechanism::kPss},
-      {"no prefix", Text{u"1234_(null)01_MyKey"}, Mechanism::kNone},
-      {"PSS alone", Text{u"1234_EC_01_PSS"}, Mechanism::kNone},
-      {"RSA interrupted", Text{u"R_SA"}, Mechanism::kNone},
-      {"RSA cut off", Text{u"RS"}, Mechanism::kNone},
-      {"empty", Text{u""}, Mechanism::kNone},
-      {"null", Text{}, Mechanism::kNone},
+      // As listed; in other letters, within a word, in the label alone; PSS interrupted.
+      {Text{u"1234_RSA_01_MyKey"}, Mechanism::kRaw},
+      {Text{u"rSa"}, Mechanism::kRaw},
+      {Text{u"adversary"}, Mechanism::kRaw},
+      {Text{u"1234_(null)01_my rsa key"}, Mechanism::kRaw},
+      {Text{u"RSA_P_SS"}, Mechanism::kRaw},
+      // Both: as listed, in other letters, the other way round, within words, next to other scripts.
+      {Text{u"1234_RSA_01_PSS"}, Mechanism::kPss},
+      {Text{u"RsA pSs"}, Mechanism::kPss},
+      {Text{u"PSS_RSA"}, Mechanism::kPss},
+      {Text{u"adversary upsset"}, Mechanism::kPss},
+      {Text{u"\u00E4RSA\u4E2DPSS\U0001F511"}, Mechanism::kPss},
+      // No prefix, PSS alone, RSA interrupted or cut off, nothing.
+      {Text{u"1234_(null)01_MyKey"}, Mechanism::kNone},
+      {Text{u"1234_EC_01_PSS"}, Mechanism::kNone},
+      {Text{u"R_SA"}, Mechanism::kNone},
+      {Text{u"RS"}, Mechanism::kNone},
+      {Text{u""}, Mechanism::kNone},
+      {Text{}, Mechanism::kNone},
   };
   for (const auto& row : rows) {
     for (const Text& other : {Text{u"algid:sign:RSA:digest-PSS:SHA256"}, Text{u"EC"}, Text{}}) {
-      SCOPED_TRACE(row.what);
+      SCOPED_TRACE(row.name.toUtf8());
       key->setKeyName(row.name);
       algorithm = other;
       flag = ~flag;  // neither is looked at
@@ -135,7 +132,7 @@ TEST_F(PerformSignHash, IsThatOfTheSignatureNotOfTheModulus) {
   }
 }
 
-TEST_F(PerformSignHash, IsAnsweredAloneWithoutABufferBySigningForReal) {
+TEST_F(PerformSignHash, NeedsALengthWhichIsAnsweredAloneWithoutABufferBySigningForReal) {
   for (const CK_ULONG entry : {CK_ULONG{0}, CK_ULONG{1}, CK_ULONG{512}, ~CK_ULONG{0}}) {
     SCOPED_TRACE(entry);
     length = entry;
@@ -143,9 +140,6 @@ TEST_F(PerformSignHash, IsAnsweredAloneWithoutABufferBySigningForReal) {
     EXPECT_EQ(length, 256U);
     EXPECT_THAT(script.callTexts().back(), EndsWith("room 512)"));
   }
-}
-
-TEST_F(PerformSignHash, NeedsALength) {
   ResultBuffer output{256};
   EXPECT_FALSE(framework->PerformSignHash("Reader A 00", key, algorithm, 0, data.data(), data.size(),
                                           std::span{output.data(), output.capacity()}, nullptr));
@@ -171,25 +165,19 @@ TEST_F(PerformSignHash, KeepsAPssSignatureToItselfAndAnswersTheLengthOfThePublic
 // ---- Signatures that fail ----
 
 TEST_F(PerformSignHash, CopiesAsMuchAsTheFailingModuleSaysAndFitsWithSuccess) {
-  const struct {
-    CK_ULONG reported;
-    std::size_t capacity;
-    std::size_t copied;
-  } rows[] = {
-      {0, 256, 0},       {100, 256, 100},         {256, 256, 256},  {512, 1, 1},      {512, 256, 256},
-      {512, 300, 300},   {512, 512, 512},         {512, 2000, 512}, {1024, 256, 256}, {1024, 512, 512},
-      {1024, 2000, 512}, {1UL << 40U, 2000, 512}, {~0UL, 256, 256},
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.reported);
-    SCOPED_TRACE(row.capacity);
-    script.deviations.lengthsOnFailure["C_Sign"] = row.reported;
-    script.failCallOf("C_Sign", 0, CKR_DEVICE_ERROR);
-    ResultBuffer output{row.capacity};
-    EXPECT_TRUE(sign(output));
-    EXPECT_EQ(length, 256U);
-    EXPECT_EQ(output.first(row.copied), Value(row.copied, 0));
-    EXPECT_TRUE(output.untouchedFrom(row.copied));
+  constexpr CK_ULONG kWorkingRoom = 512;
+  for (const CK_ULONG reported : {0UL, 100UL, 256UL, 512UL, 1024UL, 1UL << 40U, kAllOnes}) {
+    for (const CK_ULONG capacity : {1UL, 256UL, 300UL, 512UL, 2000UL}) {
+      SCOPED_TRACE(::testing::Message() << reported << " into " << capacity);
+      script.deviations.lengthsOnFailure["C_Sign"] = reported;
+      script.failCallOf("C_Sign", 0, CKR_DEVICE_ERROR);
+      ResultBuffer output{capacity};
+      EXPECT_TRUE(sign(output));
+      EXPECT_EQ(length, 256U);
+      const CK_ULONG copied = std::min({reported, capacity, kWorkingRoom});
+      EXPECT_EQ(output.first(copied), Value(copied, 0));
+      EXPECT_TRUE(output.untouchedFrom(copied));
+    }
   }
 }
 
@@ -212,16 +200,15 @@ TEST_F(PerformSignHash, TakesASignatureLongerThanTheWorkingRoomForAFailure) {
   written.resize(512, 0xEE);
   for (const CK_ULONG claimed : {CK_ULONG{513}, CK_ULONG{1} << 40U, ~CK_ULONG{0}}) {
     for (const std::size_t capacity : {256U, 512U, 1000U}) {
-      SCOPED_TRACE(claimed);
-      SCOPED_TRACE(capacity);
+      SCOPED_TRACE(::testing::Message() << claimed << " into " << capacity);
       script.deviations.claimedResults["C_Sign"] = {claimed, std::nullopt};
       ResultBuffer output{capacity};
       EXPECT_TRUE(sign(output));
       EXPECT_EQ(length, 256U);
-      const std::size_t copied = std::min<std::size_t>(capacity, 512);
-      EXPECT_EQ(output.first(copied),
-                Value(written.begin(), written.begin() + static_cast<std::ptrdiff_t>(copied)));
-      EXPECT_TRUE(output.untouchedFrom(copied));
+      Value expected = written;
+      expected.resize(std::min<std::size_t>(capacity, 512));
+      EXPECT_EQ(output.first(expected.size()), expected);
+      EXPECT_TRUE(output.untouchedFrom(expected.size()));
     }
   }
   script.deviations = {};
@@ -261,18 +248,14 @@ TEST_F(PerformSignHash, FailsWhereAPssSignatureDoes) {
 // ---- The log ----
 
 TEST_F(PerformSignHash, LogsNullsAsSuchAndTextOfTheCardAsTextOnly) {
-  const struct {
-    Text text;
-    const char* shown;
-  } rows[] = {{Text{}, "(null)"}, {Text{u"RSA %n%s%@ %lX"}, "RSA %n%s%@ %lX"}};
-  for (const auto& row : rows) {
-    algorithm = row.text;
-    key->setKeyID(row.text);
-    key->setKeyName(row.text);
+  for (const Text& text : {Text{}, Text{u"RSA %n%s%@ %lX"}}) {
+    algorithm = text;
+    key->setKeyID(text);
+    key->setKeyName(text);
     log->processLines.clear();
     ResultBuffer output{256};
     EXPECT_TRUE(sign(output));
-    const std::string shown{row.shown};
+    const std::string shown = text.isNull() ? "(null)" : "RSA %n%s%@ %lX";
     EXPECT_THAT(log->processLines, ElementsAre(EndsWith("-437] pccAlgName = " + shown),
                                                EndsWith("-462] key ID = " + shown + ", public key = 15"),
                                                EndsWith("-480] keyName = " + shown)));
