@@ -95,15 +95,12 @@ TEST_F(Decryption, HasTheLengthThatTheModuleReportsUpTo2000Bytes) {
   }
 }
 
-TEST_F(Decryption, HoldsZerosWhereTheModuleWroteNothing) {
+TEST_F(Decryption, HoldsZerosWhereTheModuleWroteNothingAndRefusesMoreThan2000Bytes) {
   script.deviations.claimedResults["C_Decrypt"] = {2000, 4};
   Value padded = bytesOf("plai");
   padded.resize(2000);
   expectDecrypted({}, padded);
-}
-
-TEST_F(Decryption, RefusesMoreThan2000Bytes) {
-  for (const CK_ULONG reported : {CK_ULONG{2001}, CK_ULONG{1} << 40U, kAllOnes}) {
+  for (const CK_ULONG reported : {2001UL, 1UL << 40U, kAllOnes}) {
     SCOPED_TRACE(reported);
     script.deviations.claimedResults["C_Decrypt"] = {reported, {}};
     expectRefused({});
@@ -111,42 +108,39 @@ TEST_F(Decryption, RefusesMoreThan2000Bytes) {
   }
 }
 
-TEST_F(Decryption, NeedsNoHolderForThePlainTextButALength) {
-  const Text rsa{u"RSA"};
-  EXPECT_TRUE(provider->PerformDecryption(reader(), Text{u"01"}, rsa, 1, cipher.data(), cipher.size(),
-                                          nullptr, &length));
+TEST_F(Decryption, NeedsNoHolderForThePlainTextButALengthAndACipherText) {
+  const auto decryptTo = [&](const CK_BYTE* from, std::uint64_t size, Bytes* out, std::uint64_t* outLen) {
+    return provider->PerformDecryption(reader(), Text{u"01"}, Text{u"RSA"}, 1, from, size, out, outLen);
+  };
+  EXPECT_TRUE(decryptTo(cipher.data(), cipher.size(), nullptr, &length));
   EXPECT_EQ(length, kPlain.size());
   script.forgetCalls();
-  EXPECT_FALSE(provider->PerformDecryption(reader(), Text{u"01"}, rsa, 1, cipher.data(), cipher.size(),
-                                           &plain, nullptr));
+  EXPECT_FALSE(decryptTo(cipher.data(), cipher.size(), &plain, nullptr));
+  EXPECT_FALSE(decryptTo(nullptr, 256, &plain, &length));
+  EXPECT_FALSE(decryptTo(cipher.data(), 0, &plain, &length));
   EXPECT_TRUE(plain.isNull());
-  EXPECT_EQ(script.countOf("C_DecryptInit"), 0U);
+  EXPECT_EQ(script.countOf("C_DecryptInit"), 0U) << "the card is not asked";
 }
 
 TEST_F(Decryption, GivesZerosWithoutAnOperationOfTheCardForAnyOtherNameOrFlag) {
-  const Decrypting rows[] = {
-      {.algName = Text{u"kSecKeyAlgorithmECDHKeyExchangeStandard"}},
-      {.algName = Text{u"R S A"}},
-      {.algName = Text{u""}},
-      {.algName = Text{}},
-      {.padFlag = 0},
-      {.padFlag = 2},
-      {.padFlag = 0x100000001},
-      {.padFlag = kAllOnes},
-  };
+  const Decrypting rows[] = {{.algName = Text{u"kSecKeyAlgorithmECDHKeyExchangeStandard"}},
+                             {.algName = Text{u"R S A"}},
+                             {.algName = Text{u""}},
+                             {.algName = Text{}},
+                             {.padFlag = 0},
+                             {.padFlag = 2},
+                             {.padFlag = 0x100000001},
+                             {.padFlag = kAllOnes}};
   for (Decrypting wish : rows) {
     SCOPED_TRACE(wish.algName.toUtf8() + ", " + std::to_string(wish.padFlag));
-    for (const std::uint64_t size : {0U, 1U, 2000U}) {
-      wish.plainLen = size;
-      expectDecrypted(wish, Value(size, 0));
-      EXPECT_EQ(script.calls().size(), kNumReadingCalls);
-      EXPECT_THAT(log->allLines, IsEmpty());
-    }
-    for (const std::uint64_t size : {std::uint64_t{2001}, std::uint64_t{1} << 40U, kAllOnes}) {
+    for (const std::uint64_t size : {0UL, 1UL, 2000UL, 2001UL, 1UL << 40U, kAllOnes}) {
       wish.plainLen = size;
       decrypt(wish);
       EXPECT_TRUE(done);
-      EXPECT_EQ(plain, bytesLike(Value(2000, 0)));
+      EXPECT_EQ(plain, bytesLike(Value(std::min(size, 2000UL), 0)));
+      if (size <= 2000) EXPECT_EQ(length, size);
+      EXPECT_EQ(script.calls().size(), kNumReadingCalls);
+      EXPECT_THAT(log->allLines, IsEmpty());
     }
   }
   expectDecrypted({.keyName = Text{u"02"}, .padFlag = 0, .plainLen = 16}, Value(16, 0));
@@ -156,15 +150,13 @@ TEST_F(Decryption, GivesZerosWithoutAnOperationOfTheCardForAnyOtherNameOrFlag) {
   EXPECT_TRUE(provider->PerformDecryption(reader(), Text{}, Text{}, 0, nullptr, 0, nullptr, nullptr));
 }
 
-TEST_F(Decryption, FailsAndSaysSoForAKeyThatIsNotThere) {
+TEST_F(Decryption, FailsAndSaysSoForAKeyThatIsNotThereWithoutAReadableCardOrAFramework) {
   for (const Text& name : {Text{u"02"}, Text{u""}, Text{}, Text{u"MyKey"}}) {
     expectRefused({.keyName = name});
     EXPECT_THAT(log->allLines, ElementsAre(kNoKeyLine));
     EXPECT_EQ(script.countOf("C_DecryptInit"), 0U);
   }
-}
-
-TEST_F(Decryption, FailsWithoutAFrameworkOrAReadableCardAndGivesNoZeros) {
+  // No zeros there.
   for (const std::uint64_t padFlag : {0U, 1U}) {
     SCOPED_TRACE(padFlag);
     startAnew();
@@ -176,15 +168,6 @@ TEST_F(Decryption, FailsWithoutAFrameworkOrAReadableCardAndGivesNoZeros) {
     expectRefused({.padFlag = padFlag});
     EXPECT_THAT(script.calls(), IsEmpty());
   }
-}
-
-TEST_F(Decryption, RefusesNoCipherTextWithoutAskingTheCard) {
-  EXPECT_FALSE(
-      provider->PerformDecryption(reader(), Text{u"01"}, Text{u"RSA"}, 1, nullptr, 256, &plain, &length));
-  EXPECT_FALSE(
-      provider->PerformDecryption(reader(), Text{u"01"}, Text{u"RSA"}, 1, cipher.data(), 0, &plain, &length));
-  EXPECT_TRUE(plain.isNull());
-  EXPECT_EQ(script.countOf("C_DecryptInit"), 0U);
 }
 
 }  // namespace

@@ -38,12 +38,6 @@ TEST_F(TokenObjects, AreTheFrameworksOwnRecordsAppendedInTheirOrderWhateverTheRe
   EXPECT_NE(keys[1], record().pAsymKeys()->at(0));
 }
 
-TEST_F(TokenObjects, AreOnlyReadWithoutAList) {
-  EXPECT_TRUE(provider->getTokenPubKeys(reader(), nullptr));
-  EXPECT_TRUE(provider->getTokenCerts(reader(), nullptr));
-  EXPECT_EQ(script.countOf("C_FindObjectsInit"), 4U);
-}
-
 TEST_F(TokenObjects, CanBeAppendedToTheListThatTheFrameworkReplacesOrKeeps) {
   (void)listedKeys();
   const auto oldKeys = record().pAsymKeys();
@@ -63,7 +57,10 @@ TEST_F(TokenObjects, CanBeAppendedToTheListThatTheFrameworkReplacesOrKeeps) {
   EXPECT_THAT(*keptCertificates, IsEmpty());
 }
 
-TEST_F(TokenObjects, AreNotAppendedWhenReadingFails) {
+TEST_F(TokenObjects, AreOnlyReadWithoutAListAndNotAppendedWhenReadingFails) {
+  EXPECT_TRUE(provider->getTokenPubKeys(reader(), nullptr));
+  EXPECT_TRUE(provider->getTokenCerts(reader(), nullptr));
+  EXPECT_EQ(script.countOf("C_FindObjectsInit"), 4U);
   script.failCallOf("C_FindObjectsInit", 0, CKR_DEVICE_ERROR);
   EXPECT_FALSE(provider->getTokenPubKeys(reader(), &keys));
   EXPECT_FALSE(provider->getTokenCerts(reader(), &certificates)) << "there is no record any more";
@@ -147,7 +144,7 @@ TEST_F(RecordLookup, FindsNothingWithoutListsOrRecord) {
   EXPECT_EQ(provider->getKeyFromCertID(Text{u"01"}), nullptr);
 }
 
-TEST_F(RecordLookup, WritesNullForAMissingLabelOrIdentifierAndKeepsEveryCharacter) {
+TEST_F(RecordLookup, WritesNullInNamesForAMissingLabelOrIdentifierAndHandsOutNullMembersAsTheyAre) {
   const struct {
     Text label;
     Text id;
@@ -164,9 +161,6 @@ TEST_F(RecordLookup, WritesNullForAMissingLabelOrIdentifierAndKeepsEveryCharacte
     EXPECT_EQ(provider->getCertName(listedCertificate), row.name);
     EXPECT_EQ(provider->getCertID(listedCertificate), row.id.orNullMark());
   }
-}
-
-TEST_F(RecordLookup, HandsOutMembersThatAreNullAsTheyAre) {
   key->setKeyName(Text{});
   key->setPKeyValue(Bytes{});
   listedCertificate->setPbCertData(Bytes{});

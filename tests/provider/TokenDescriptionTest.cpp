@@ -31,6 +31,9 @@ class TokenDescription : public ProviderTest {
   }
 
   CK_TOKEN_INFO& cardInfo() { return script.card().info; }
+  void expectDescription(const std::u16string& expected) {
+    EXPECT_EQ(provider->getSupportedTokenDescription(reader()), Text{expected});
+  }
 
   /// Label, manufacturer, model and serial number as set above: 96 characters.
   const std::u16string fields =
@@ -40,21 +43,12 @@ class TokenDescription : public ProviderTest {
 
 TEST_F(TokenDescription, JoinsTheFieldsWithTheFlagsAndTheSerialNumberWithThem) {
   cardInfo().flags = 0x40D;
-  const Text description = provider->getSupportedTokenDescription(reader());
-  EXPECT_EQ(description, Text{u"TESTCARD                        "  // 32
-                              u"Maker                           "  // 32
-                              u"Model           1234            "  // 16 + 16
-                              u"\u000D\u0004"                      // 2
-                              u"1234            \u000D\u0004"});   // 16 + 2
-  EXPECT_EQ(description.length(), 98U + 18U);
-}
-
-TEST_F(TokenDescription, EndsEachPieceAtAZeroByte) {
-  std::memset(cardInfo().label, 0, sizeof cardInfo().label);
-  std::memcpy(cardInfo().label, "TESTCARD", 8);
-  std::memset(cardInfo().serialNumber, 0, sizeof cardInfo().serialNumber);
-  std::memcpy(cardInfo().serialNumber, "1234", 4);
-  EXPECT_EQ(provider->getSupportedTokenDescription(reader()), Text{u"TESTCARD1234"});
+  expectDescription(
+      u"TESTCARD                        "  // 32
+      u"Maker                           "  // 32
+      u"Model           1234            "  // 16 + 16
+      u"\u000D\u0004"                      // 2
+      u"1234            \u000D\u0004");    // 16 + 2
 }
 
 TEST_F(TokenDescription, TakesInTheBytesOfTheFlagsFromTheLowestUpToAZeroByte) {
@@ -75,41 +69,34 @@ TEST_F(TokenDescription, TakesInTheBytesOfTheFlagsFromTheLowestUpToAZeroByte) {
   for (const auto& row : kRows) {
     SCOPED_TRACE(row.flags);
     cardInfo().flags = row.flags;
-    EXPECT_EQ(provider->getSupportedTokenDescription(reader()),
-              Text{fields + row.bytes + serialNumber + row.bytes});
+    expectDescription(fields + row.bytes + serialNumber + row.bytes);
   }
 }
 
 TEST_F(TokenDescription, EndsWhereverAFieldHoldsAZeroByte) {
   cardInfo().flags = 0x21;
   const std::u16string rest = serialNumber + u"!";
-  const auto zeroAt = [&](CK_BYTE& byte) {
-    const CK_BYTE before = byte;
-    byte = 0;
-    const Text description = provider->getSupportedTokenDescription(reader());
+  const auto expectWithZeroAt = [&](CK_BYTE& byte, const std::u16string& expected) {
+    const CK_BYTE before = std::exchange(byte, CK_BYTE{0});
+    expectDescription(expected);
     byte = before;
-    return description;
   };
-  EXPECT_EQ(zeroAt(cardInfo().label[0]), Text{rest});
-  EXPECT_EQ(zeroAt(cardInfo().label[31]), Text{fields.substr(0, 31) + rest});
-  EXPECT_EQ(zeroAt(cardInfo().manufacturerID[0]), Text{fields.substr(0, 32) + rest});
-  EXPECT_EQ(zeroAt(cardInfo().model[3]), Text{fields.substr(0, 67) + rest});
-  EXPECT_EQ(zeroAt(cardInfo().serialNumber[0]), Text{fields.substr(0, 80)});
-  EXPECT_EQ(zeroAt(cardInfo().serialNumber[15]), Text{fields.substr(0, 95) + serialNumber.substr(0, 15)});
+  expectWithZeroAt(cardInfo().label[0], rest);
+  expectWithZeroAt(cardInfo().label[31], fields.substr(0, 31) + rest);
+  expectWithZeroAt(cardInfo().manufacturerID[0], fields.substr(0, 32) + rest);
+  expectWithZeroAt(cardInfo().model[3], fields.substr(0, 67) + rest);
+  expectWithZeroAt(cardInfo().serialNumber[0], fields.substr(0, 80));
+  expectWithZeroAt(cardInfo().serialNumber[15], fields.substr(0, 95) + serialNumber.substr(0, 15));
 }
 
-TEST_F(TokenDescription, TakesBytesAsTheyAre) {
+TEST_F(TokenDescription, TakesBytesAsTheyAreAndIsEmptyForAModuleThatTellsNothing) {
   setField(cardInfo().label, "\x01\x7F\x80\xC3\xA9\xFF%s\n");
   cardInfo().flags = 0;
   const std::u16string label = padded(u"\u0001\u007F\u0080\u00C3\u00A9\u00FF%s\n", 32);
-  EXPECT_EQ(provider->getSupportedTokenDescription(reader()), Text{label + fields.substr(32) + serialNumber});
-}
-
-TEST_F(TokenDescription, IsEmptyForAModuleThatTellsNothing) {
+  expectDescription(label + fields.substr(32) + serialNumber);
   script.deviations.silent = {"C_GetTokenInfo"};
-  const Text description = provider->getSupportedTokenDescription(reader());
-  EXPECT_EQ(description, Text{u""});
-  EXPECT_THAT(log->allLines, IsEmpty()) << "that is no failure";
+  expectDescription(u"");
+  EXPECT_THAT(log->allLines, IsEmpty()) << "to tell nothing is no failure";
 }
 
 // ---- A structure without a zero byte ----
@@ -135,26 +122,23 @@ std::u16string fillAll(CK_TOKEN_INFO& info) {
          u"\u0003\u0004\u0005\u0006" + std::u16string(16, u'T');
 }
 
-TEST_F(TokenDescription, RunsOnThroughTheCountersWithoutAZeroByteInTheFlags) {
+TEST_F(TokenDescription, RunsOnWithoutAZeroByteInTheFlagsUpToTheLastMemberEvenWhenThePaddingBehindItIsFull) {
   const std::u16string all = fillAll(cardInfo());
   ASSERT_EQ(all.size(), 204U);
   cardInfo().ulMaxSessionCount = 0;
-  EXPECT_EQ(provider->getSupportedTokenDescription(reader()), Text{all.substr(0, 104) + all.substr(80, 24)});
+  expectDescription(all.substr(0, 104) + all.substr(80, 24));
   cardInfo().ulMaxSessionCount = 0x0202;
-  EXPECT_EQ(provider->getSupportedTokenDescription(reader()), Text{all.substr(0, 106) + all.substr(80, 26)});
+  expectDescription(all.substr(0, 106) + all.substr(80, 26));
   cardInfo().ulMaxSessionCount = 0x0202020202020202;
   cardInfo().utcTime[15] = 0;
-  EXPECT_EQ(provider->getSupportedTokenDescription(reader()), Text{all.substr(0, 203) + all.substr(80, 123)});
-}
-
-TEST_F(TokenDescription, EndsWithTheLastMemberEvenWhenThePaddingBehindItIsFull) {
-  const std::u16string all = fillAll(cardInfo());
-  EXPECT_EQ(provider->getSupportedTokenDescription(reader()), Text{all + all.substr(80)});
+  expectDescription(all.substr(0, 203) + all.substr(80, 123));
+  cardInfo().utcTime[15] = 'T';
+  expectDescription(all + all.substr(80));
   script.hook<&List::C_GetTokenInfo>([](auto, CK_SLOT_ID, CK_TOKEN_INFO* info) -> CK_RV {
     std::memset(static_cast<void*>(info), 'P', sizeof *info);
     return CKR_OK;
   });
-  EXPECT_EQ(provider->getSupportedTokenDescription(reader()), Text{std::u16string(204 + 124, u'P')});
+  expectDescription(std::u16string(204 + 124, u'P'));
 }
 
 // ---- Which card ----
@@ -191,7 +175,7 @@ TEST_F(TokenDescription, SelectsTheCardAndLogsAFailureOfThat) {
 
 TEST_F(TokenDescription, IsEmptyAndLoggedWithAFrameworkWhoseServiceIsNotOpen) {
   provider->setPCTKFramework(std::make_shared<MirelCTKFramework>(services()));
-  EXPECT_EQ(provider->getSupportedTokenDescription(reader()), Text{u""});
+  expectDescription(u"");
   EXPECT_THAT(log->allLines, ElementsAre(kFailedLine));
   EXPECT_THAT(script.callTexts(), IsEmpty());
 }

@@ -67,7 +67,7 @@ TEST_F(TokenSession, IsANewOneOnTheCardOfTheReaderNamedEachTime) {
   leavesOpen({6, 8});
 }
 
-TEST_F(TokenSession, IsReturnedInFull) {
+TEST_F(TokenSession, IsReturnedInFullAndZeroWithAFrameworkWhoseServiceIsNotOpen) {
   constexpr CK_SESSION_HANDLE kLarge = 0xFEDCBA9876543210;
   script.hook<&CK_FUNCTION_LIST::C_OpenSession>(
       [](auto, CK_SLOT_ID, CK_FLAGS, CK_VOID_PTR, CK_NOTIFY, CK_SESSION_HANDLE* session) -> CK_RV {
@@ -76,9 +76,7 @@ TEST_F(TokenSession, IsReturnedInFull) {
       });
   script.deviations.silent = {"C_GetSessionInfo"};
   EXPECT_EQ(provider->openTKSmartCardTokenSession(reader()), kLarge);
-}
-
-TEST_F(TokenSession, IsZeroWithAFrameworkWhoseServiceIsNotOpen) {
+  script.forgetCalls();
   provider->setPCTKFramework(std::make_shared<MirelCTKFramework>(services()));
   EXPECT_EQ(provider->openTKSmartCardTokenSession(reader()), 0U);
   EXPECT_THAT(script.callTexts(), IsEmpty());
@@ -126,7 +124,7 @@ void expectRefused(const Answer& answer, std::uint64_t remains) {
   EXPECT_EQ(answer.remains, remains);
 }
 
-TEST_F(ProviderLogin, SelectsTheCardOpensANewSessionAndLogsIn) {
+TEST_F(ProviderLogin, SelectsTheCardOpensANewSessionAndLogsInWithoutAHolderForTheCountToo) {
   script.addSlot("Reader B 01", emptyCard("SECOND", "2"));
   script.card(kSlot + 1).pin = "654321";
   expectAccepted(login());
@@ -138,14 +136,10 @@ TEST_F(ProviderLogin, SelectsTheCardOpensANewSessionAndLogsIn) {
   EXPECT_EQ(script.calls().back().result, CKR_USER_ALREADY_LOGGED_IN);
   EXPECT_EQ(record().hSession(), 8U);
   expectAccepted(login(SecretText{u"654321"}, 6, Text{u"Reader B 01"}));
-  EXPECT_THAT(log->allLines, IsEmpty());
-  leavesOpen({6, 8, 10});
-}
-
-TEST_F(ProviderLogin, NeedsNoHolderForTheCount) {
   EXPECT_TRUE(provider->userLogin(reader(), SecretText{u"123456"}, 6, nullptr));
   EXPECT_FALSE(provider->userLogin(reader(), SecretText{}, 6, nullptr));
-  leavesOpen({6, 8});
+  EXPECT_THAT(log->allLines, IsEmpty());
+  leavesOpen({6, 8, 10, 12, 14});
 }
 
 TEST_F(ProviderLogin, HandsTheFirstBytesOnAsManyAsTheCallerSays) {
@@ -183,8 +177,7 @@ TEST_F(ProviderLogin, HandsTheFirstBytesOnAsManyAsTheCallerSays) {
 
 TEST_F(ProviderLogin, RefusesOtherLengthsAndANullPinWithoutAskingTheCard) {
   script.deviations.triesLeftAsDeviceError = true;
-  for (const std::uint64_t pinLen :
-       {std::uint64_t{0}, std::uint64_t{9}, std::uint64_t{0x100000006}, kAllOnes}) {
+  for (const std::uint64_t pinLen : {0UL, 9UL, 0x100000006UL, kAllOnes}) {
     SCOPED_TRACE(pinLen);
     expectRefused(login(SecretText{u"123456789"}, pinLen), 3);
   }
