@@ -49,17 +49,14 @@ TEST_F(EnumCards, ReleasesTheRecordForAnUnknownReader) {
   expectUsableAgain();
 }
 
-TEST_F(EnumCards, AsksNoFurtherWhereTheFirstListFails) {
+TEST_F(EnumCards, AsksNoFurtherWhereTheFirstListFailsAndHasRoomForWhatAHostileModuleLists) {
   openService();
   for (int i = 2; i <= 11; ++i) script.addSlot("Reader N", emptyCard("N", "N"));
   expectFails();  // it has room for ten
   script.slots().clear();
   expectFails();
   EXPECT_THAT(script.callTexts(), ElementsAre("C_GetSlotList(1, list, 10)", "C_GetSlotList(1, list, 10)"));
-}
-
-TEST_F(EnumCards, HasRoomForWhatAHostileModuleLists) {
-  openService();
+  startAnew();
   script.deviations.slotCountOnList = ~CK_ULONG{0};
   EXPECT_TRUE(framework->EnumCards(reader()));
   EXPECT_EQ(record().slotID(), kSlot);
