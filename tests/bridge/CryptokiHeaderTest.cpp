@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "CryptokiTable.h"
+#include "bridge/CryptokiNames.h"
 
 namespace mirel::test {
 namespace {
@@ -40,6 +41,12 @@ TEST(CryptokiHeader, IsInTheTableWithAllItsKindsOfNames) {
   EXPECT_GE(rowsThatStartWith(ours, "CKF_"), 20U);
   EXPECT_GE(rowsThatStartWith(ours, "CKM_"), 8U);
   EXPECT_GE(rowsThatStartWith(ours, "sizeof(CK_ULONG)"), 1U);
+}
+
+TEST(CryptokiResultName, IsKnownForEveryResultThatTheHeaderDeclares) {
+  for (const CryptokiRow& row : ourCommonRows()) {
+    if (row.name.starts_with("CKR_")) EXPECT_EQ(cryptokiResultName(std::stoul(row.value)), row.name);
+  }
 }
 
 TEST(CryptokiHeader, HasTheStandardsValuesWhereTheReferenceLacksTheName) {

@@ -4,9 +4,9 @@
 
 #include <chrono>
 #include <future>
-#include <thread>
 
 #include "bridge/BridgeTest.h"
+#include "support/Threads.h"
 
 namespace mirel::test {
 namespace {
@@ -15,28 +15,18 @@ using ::testing::Each;
 using ::testing::ElementsAre;
 using ::testing::SizeIs;
 
-/// Whether another thread could take the lock at this moment.
-bool isFree() {
-  bool taken = false;
-  std::thread{[&] {
-    taken = moduleLock().try_lock();
-    if (taken) moduleLock().unlock();
-  }}.join();
-  return taken;
-}
-
-/// Keeps whether the lock was free whenever it was told something.
-class LookingObserver final : public CryptokiObserver {
- public:
-  void callStarts(const char*) noexcept override { wasFree.push_back(isFree()); }
-  void callReturned(const char*, std::uint64_t) noexcept override { wasFree.push_back(isFree()); }
-  void operationReturned(BridgeOperation, std::uint64_t) noexcept override { wasFree.push_back(isFree()); }
-
-  std::vector<bool> wasFree;
-};
-
 class ModuleLock : public ModuleTest {
  protected:
+  /// Keeps whether the lock was free whenever it was told something.
+  struct LookingObserver final : CryptokiObserver {
+    void callStarts(const char*) noexcept override { look(); }
+    void callReturned(const char*, std::uint64_t) noexcept override { look(); }
+    void operationReturned(BridgeOperation, std::uint64_t) noexcept override { look(); }
+    void look() { wasFree.push_back(isFree(moduleLock())); }
+
+    std::vector<bool> wasFree;
+  };
+
   /// A bridge with its module open, and that observer.
   std::unique_ptr<P11Bridge> openBridge(const std::shared_ptr<CryptokiObserver>& with) {
     PlatformServices used = services();
@@ -47,29 +37,21 @@ class ModuleLock : public ModuleTest {
     return bridge;
   }
 
-  /// Has C_GetInfo and C_GetFunctionList look whether the lock is free.
-  void lookInCalls() {
-    script.hook<&CK_FUNCTION_LIST::C_GetInfo>([this](auto real, CK_INFO* info) {
-      wasFree.push_back(isFree());
-      return real(info);
-    });
-    script.hook<&CK_FUNCTION_LIST::C_GetFunctionList>([this](auto real, CK_FUNCTION_LIST** list) {
-      wasFree.push_back(isFree());
-      return real(list);
-    });
-  }
-
-  std::vector<bool> wasFree;
+  CK_INFO info{};
 };
 
 TEST_F(ModuleLock, IsHeldInEveryCallWithAnObserverAndWithout) {
-  lookInCalls();
-  for (const std::shared_ptr<CryptokiObserver>& with :
-       {std::shared_ptr<CryptokiObserver>{}, std::shared_ptr<CryptokiObserver>{observer}}) {
+  std::vector<bool> wasFree;
+  const auto look = [&](auto real, auto* out) {
+    wasFree.push_back(isFree(moduleLock()));
+    return real(out);
+  };
+  script.hook<&CK_FUNCTION_LIST::C_GetInfo>(look);
+  script.hook<&CK_FUNCTION_LIST::C_GetFunctionList>(look);
+  for (const bool isObserved : {false, true}) {
     wasFree.clear();
     script.setInitialised(false);
-    CK_INFO info{};
-    EXPECT_EQ(openBridge(with)->pkcs11_GetInfo(&info), CKR_OK);
+    EXPECT_EQ(openBridge(isObserved ? observer : nullptr)->pkcs11_GetInfo(&info), CKR_OK);
     EXPECT_THAT(wasFree, ElementsAre(false, false));
   }
 }
@@ -77,7 +59,6 @@ TEST_F(ModuleLock, IsHeldInEveryCallWithAnObserverAndWithout) {
 TEST_F(ModuleLock, IsNotHeldWhileTheObserverIsTold) {
   const auto looking = std::make_shared<LookingObserver>();
   const auto bridge = openBridge(looking);
-  CK_INFO info{};
   EXPECT_EQ(bridge->pkcs11_GetInfo(&info), CKR_OK);
   // Three calls, and two operations that have results: loading has none.
   EXPECT_THAT(looking->wasFree, SizeIs(8));
@@ -87,15 +68,13 @@ TEST_F(ModuleLock, IsNotHeldWhileTheObserverIsTold) {
 TEST_F(ModuleLock, IsFreeAfterACallThatFails) {
   const auto bridge = openBridge(nullptr);
   script.failCall(0, kSomeFailure);
-  CK_INFO info{};
   EXPECT_EQ(bridge->pkcs11_GetInfo(&info), kSomeFailure);
-  EXPECT_TRUE(isFree());
+  EXPECT_TRUE(isFree(moduleLock()));
 }
 
 TEST_F(ModuleLock, IsNotWaitedForWhereTheModuleLacksTheFunction) {
   const auto bridge = openBridge(nullptr);
   script.removeEntry("C_GetInfo");
-  CK_INFO info{};
   std::future<CK_RV> result;
   {
     const std::lock_guard busy{moduleLock()};

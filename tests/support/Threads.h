@@ -23,4 +23,15 @@ inline void runAtOnce(const std::vector<std::function<void()>>& functions) {
   for (std::thread& thread : threads) thread.join();
 }
 
+/// Whether another thread could take the lock at this moment.
+template <typename Lock>
+[[nodiscard]] bool isFree(Lock& lock) {
+  bool taken = false;
+  std::thread{[&] {
+    taken = lock.try_lock();
+    if (taken) lock.unlock();
+  }}.join();
+  return taken;
+}
+
 }  // namespace mirel::test

@@ -50,25 +50,30 @@ class LongUse : public LoggedInTest {
     }
   }
 
+  /// Nothing stays behind but that many sessions of each round.
+  void expectNothingBehind(const std::function<void()>& round, std::size_t sessionsOfEach) {
+    repeat(kFirstRounds, round);
+    const std::size_t files = openFiles();
+    const std::size_t heap = heapInUse();
+    const std::size_t sessionsBefore = script.openSessions().size();
+    EXPECT_EQ(sessionsBefore, 2 + kFirstRounds * sessionsOfEach);
+    repeat(kRounds, round);
+    EXPECT_EQ(openFiles(), files);
+    const auto sessions = script.openSessions();
+    EXPECT_EQ(sessions.size(), sessionsBefore + kRounds * sessionsOfEach);
+    // They are the module's; without them nothing is left.
+    for (std::size_t i = sessionsBefore; i < sessions.size(); ++i) script.closeSession(sessions[i]);
+    EXPECT_LE(heapInUse(), heap + kHeapNoise);
+    EXPECT_TRUE(script.openOperations().empty());
+    leavesOpen(script.openSessions());
+  }
   void expectOneSessionBehindEach(const std::function<void()>& login) {
     const auto round = [&] {
       script.card().loggedIn = false;
       script.card().triesLeft = 3;
       login();
     };
-    repeat(kFirstRounds, round);
-    const std::size_t files = openFiles();
-    const std::size_t heap = heapInUse();
-    const std::size_t sessionsBefore = script.openSessions().size();
-    EXPECT_EQ(sessionsBefore, 2U + kFirstRounds);
-    repeat(kRounds, round);
-    EXPECT_EQ(openFiles(), files);
-    const auto sessions = script.openSessions();
-    EXPECT_EQ(sessions.size(), sessionsBefore + kRounds);
-    // They are the module's; without them nothing is left.
-    for (std::size_t i = sessionsBefore; i < sessions.size(); ++i) script.closeSession(sessions[i]);
-    EXPECT_LE(heapInUse(), heap + kHeapNoise);
-    leavesOpen(script.openSessions());
+    expectNothingBehind(round, 1);
   }
 };
 
@@ -80,14 +85,7 @@ TEST_F(LongUse, OfOneLoginForAThousandSignaturesLeavesNothingBehind) {
     ASSERT_EQ(client->sign(data, &error), signature);
     ASSERT_EQ(error, std::nullopt);
   };
-  repeat(kFirstRounds, round);
-  const std::size_t files = openFiles();
-  const std::size_t heap = heapInUse();
-  repeat(kRounds, round);
-  EXPECT_EQ(openFiles(), files);
-  EXPECT_LE(heapInUse(), heap + kHeapNoise);
-  EXPECT_EQ(script.openSessions().size(), 2U);
-  EXPECT_TRUE(script.openOperations().empty());
+  expectNothingBehind(round, 0);
 }
 
 TEST_F(LongUse, OfAThousandLoginsLeavesOneSessionOfTheModuleBehindEach) {

@@ -28,28 +28,29 @@ constexpr int kUsesPerThread = 50;
 /// A wait that nothing but a deadlock outlasts.
 constexpr auto kTooLong = 30s;
 
-/// Whether another thread could take the provider's gate at this moment.
-bool isFree(CryptTKitSProvider& provider) {
-  bool taken = false;
-  std::thread{[&] {
-    taken = provider.gate().try_lock();
-    if (taken) provider.gate().unlock();
-  }}.join();
-  return taken;
-}
-
-/// Lets other threads go on after each call of the module, so that they get in wherever they can.
-class GivingWay final : public CryptokiObserver {
+/// Does something before and after each call of the module.
+class AroundCalls final : public CryptokiObserver {
  public:
-  void callStarts(const char*) noexcept override {}
-  void callReturned(const char*, std::uint64_t) noexcept override { std::this_thread::sleep_for(10us); }
+  explicit AroundCalls(std::function<void(const char* function)> before, std::function<void()> after)
+      : before_{std::move(before)}, after_{std::move(after)} {}
+
+  void callStarts(const char* function) noexcept override { before_(function); }
+  void callReturned(const char*, std::uint64_t) noexcept override { after_(); }
   void operationReturned(BridgeOperation, std::uint64_t) noexcept override {}
+
+ private:
+  std::function<void(const char*)> before_;
+  std::function<void()> after_;
 };
 
 /// A token whose key signs, and two sessions of clients on it.
 class SharedProvider : public TokenTest {
  protected:
-  SharedProvider() { setUpReader(); }
+  SharedProvider() {
+    EXPECT_TRUE(isMade);
+    EXPECT_TRUE(first.login());
+    EXPECT_TRUE(second.login());
+  }
 
   void TearDown() override {
     leavesOpen(script.openSessions());  // one more for each login
@@ -57,9 +58,11 @@ class SharedProvider : public TokenTest {
     TokenTest::TearDown();
   }
 
+  /// Other threads may go on after each call of the module, so that they get in wherever they can.
   [[nodiscard]] PlatformServices threadServices() const {
     PlatformServices services = servicesForAThread();
-    services.observer = std::make_shared<GivingWay>();
+    services.observer =
+        std::make_shared<AroundCalls>([](const char*) {}, [] { std::this_thread::sleep_for(10us); });
     return services;
   }
 
@@ -79,7 +82,7 @@ class SharedProvider : public TokenTest {
   void expectAllRightWhile(const std::function<bool()>& other) {
     int right = 0;
     int otherRight = 0;
-    runAtOnce({[&] { right = numRight(*first, kUsesPerThread, 1); },
+    runAtOnce({[&] { right = numRight(first, kUsesPerThread, 1); },
                [&] {
                  for (int i = 0; i < kUsesPerThread; ++i) otherRight += other() ? 1 : 0;
                }});
@@ -87,39 +90,30 @@ class SharedProvider : public TokenTest {
     EXPECT_EQ(otherRight, kUsesPerThread);
   }
 
-  void setUpReader() {
-    script.setInitialised(false);
-    token.emplace(threadServices());
-    ASSERT_TRUE(token->init());
-    first.emplace(threadServices(), *token);
-    second.emplace(threadServices(), *token);
-    ASSERT_TRUE(first->login());
-    ASSERT_TRUE(second->login());
-  }
-
-  std::optional<FakeToken> token;
-  std::optional<FakeClient> first;
-  std::optional<FakeClient> second;
+  FakeToken token{threadServices()};
+  const bool isMade = token.init();  // the clients take the provider that it then has
+  FakeClient first{threadServices(), token};
+  FakeClient second{threadServices(), token};
 };
 
 TEST_F(SharedProvider, SignsForTwoSessionsAtTheSameTime) {
   std::atomic<int> right{0};
-  runAtOnce({[&] { right += numRight(*first, kSignaturesPerThread, 1); },
-             [&] { right += numRight(*second, kSignaturesPerThread, 2); }});
+  runAtOnce({[&] { right += numRight(first, kSignaturesPerThread, 1); },
+             [&] { right += numRight(second, kSignaturesPerThread, 2); }});
   EXPECT_EQ(right, 2 * kSignaturesPerThread);
 }
 
 TEST_F(SharedProvider, SignsForOneSessionWhileAnotherLogsIn) {
-  expectAllRightWhile([&] { return second->login(); });
+  expectAllRightWhile([&] { return second.login(); });
 }
 
 TEST_F(SharedProvider, SignsAndLogsInForTwoThreadsInOneSession) {
-  expectAllRightWhile([&] { return first->login(); });
+  expectAllRightWhile([&] { return first.login(); });
 }
 
 TEST_F(SharedProvider, SignsForOneSessionWhileAnotherDecrypts) {
   const Value plain = patternValue(32, 3);
-  expectAllRightWhile([&] { return second->decrypt(cipherOf(plain)) == Bytes{plain}; });
+  expectAllRightWhile([&] { return second.decrypt(cipherOf(plain)) == Bytes{plain}; });
 }
 
 TEST_F(SharedProvider, AnswersTheSupportCheckWhileTheCardSigns) {
@@ -131,11 +125,11 @@ TEST_F(SharedProvider, AnswersTheSupportCheckWhileTheCardSigns) {
         goOn.get_future().wait_for(kTooLong);
         return real(session, data, dataLen, signature, signatureLen);
       });
-  auto signature = std::async(std::launch::async, [&] { return numRight(*first, 1, 1); });
+  auto signature = std::async(std::launch::async, [&] { return numRight(first, 1, 1); });
   ASSERT_EQ(signing.get_future().wait_for(kTooLong), std::future_status::ready);
   const FakeKeyAlgorithm algorithm{SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureRaw};
   auto supported = std::async(std::launch::async, [&] {
-    return second->core->supportsOperation(second->platform, TKTokenOperation::kSignData, kKey, algorithm);
+    return second.core->supportsOperation(second.platform, TKTokenOperation::kSignData, kKey, algorithm);
   });
   EXPECT_EQ(supported.wait_for(kTooLong / 6), std::future_status::ready);
   EXPECT_EQ(signature.wait_for(0s), std::future_status::timeout) << "the signature is still being made";
@@ -173,8 +167,8 @@ TEST_F(SharedProvider, DoesNotHoldUpAnotherTokens) {
 
   auto otherSignature = std::async(std::launch::async, [&] { return numRight(other, 1, 1); });
   ASSERT_EQ(stopping->stopped.get_future().wait_for(kTooLong), std::future_status::ready);
-  EXPECT_FALSE(isFree(*otherToken.core.sp()));
-  auto signature = std::async(std::launch::async, [&] { return numRight(*first, 1, 2); });
+  EXPECT_FALSE(isFree(otherToken.core.sp()->gate()));
+  auto signature = std::async(std::launch::async, [&] { return numRight(first, 1, 2); });
   EXPECT_EQ(signature.wait_for(kTooLong / 6), std::future_status::ready);
   EXPECT_EQ(otherSignature.wait_for(0s), std::future_status::timeout) << "that thread is still stopped";
   stopping->goOn.set_value();
@@ -211,33 +205,18 @@ TEST_F(SharedProvider, PublishesAllItemsWhileSomebodySelectsTheCardAnew) {
   }
 }
 
-/// Keeps the functions of the module that are called while the gate of the token's provider is free.
-class LookingObserver final : public CryptokiObserver {
- public:
-  explicit LookingObserver(std::function<std::shared_ptr<CryptTKitSProvider>()> provider)
-      : provider_{std::move(provider)} {}
-
-  void callStarts(const char* function) noexcept override {
-    ++numCalls;
-    // While the provider is made, nobody else can know of it.
-    const auto provider = provider_();
-    if (provider && isFree(*provider)) calledWithoutTheGate.emplace_back(function);
-  }
-  void callReturned(const char*, std::uint64_t) noexcept override {}
-  void operationReturned(BridgeOperation, std::uint64_t) noexcept override {}
-
-  std::size_t numCalls = 0;
-  std::vector<std::string> calledWithoutTheGate;
-
- private:
-  std::function<std::shared_ptr<CryptTKitSProvider>()> provider_;
-};
-
 TEST_F(SharedProvider, CallsTheModuleBehindItsGateAlone) {
   std::optional<FakeToken> inserted;
-  const auto looking = std::make_shared<LookingObserver>([&] { return inserted->core.sp(); });
+  std::size_t numCalls = 0;
+  std::vector<std::string> calledWithoutTheGate;
+  const auto look = [&](const char* function) {
+    ++numCalls;
+    // While the provider is made, nobody else can know of it.
+    const auto provider = inserted->core.sp();
+    if (provider && isFree(provider->gate())) calledWithoutTheGate.emplace_back(function);
+  };
   PlatformServices services = threadServices();
-  services.observer = looking;
+  services.observer = std::make_shared<AroundCalls>(look, [] {});
   inserted.emplace(services);
   ASSERT_TRUE(inserted->init());
   FakeClient client{services, *inserted};
@@ -245,8 +224,8 @@ TEST_F(SharedProvider, CallsTheModuleBehindItsGateAlone) {
   EXPECT_EQ(numRight(client, 1, 1), 1);
   const Value plain = patternValue(32, 3);
   EXPECT_EQ(client.decrypt(cipherOf(plain)), Bytes{plain});
-  EXPECT_GT(looking->numCalls, 100U);
-  EXPECT_THAT(looking->calledWithoutTheGate, IsEmpty());
+  EXPECT_GT(numCalls, 100U);
+  EXPECT_THAT(calledWithoutTheGate, IsEmpty());
 }
 
 /// Tells whether the gate is free whenever a certificate is parsed.
@@ -266,7 +245,7 @@ class LookingParser final : public CertificateParser {
 TEST_F(SharedProvider, LeavesItsGateWhileAnInsertionCallsThePlatform) {
   std::vector<bool> wasFree;
   std::optional<FakeToken> inserted;
-  const auto look = [&] { wasFree.push_back(isFree(*inserted->core.sp())); };
+  const auto look = [&] { wasFree.push_back(isFree(inserted->core.sp()->gate())); };
   PlatformServices services = threadServices();
   services.certificates = std::make_shared<LookingParser>(look);
   inserted.emplace(services);
@@ -280,10 +259,10 @@ TEST_F(SharedProvider, LeavesItsGateWhileAnInsertionCallsThePlatform) {
 
 TEST_F(SharedProvider, LeavesItsGateWhileAClientsUseAsksTheCardOfThePlatform) {
   std::vector<bool> wasFree;
-  first->platform.card.whenAsked = [&] { wasFree.push_back(isFree(*first->core->sp())); };
-  EXPECT_TRUE(first->login());
-  EXPECT_EQ(numRight(*first, 1, 1), 1);
-  EXPECT_EQ(first->decrypt(cipherOf(patternValue(32, 3))).size(), 32U);
+  first.platform.card.whenAsked = [&] { wasFree.push_back(isFree(first.core->sp()->gate())); };
+  EXPECT_TRUE(first.login());
+  EXPECT_EQ(numRight(first, 1, 1), 1);
+  EXPECT_EQ(first.decrypt(cipherOf(patternValue(32, 3))).size(), 32U);
   EXPECT_THAT(wasFree, SizeIs(4 + 2 + 2));  // of a login, a signature and a decryption
   EXPECT_THAT(wasFree, Each(true));
 }

@@ -20,19 +20,9 @@ namespace {
 constexpr unsigned kRsaBits = 2048;
 constexpr int kKeyUsageBits = 9;
 
-template <auto Free>
-struct Freer {
-  template <typename T>
-  void operator()(T* object) const noexcept {
-    Free(object);
-  }
-};
-using KeyHolder = std::unique_ptr<EVP_PKEY, Freer<&EVP_PKEY_free>>;
-using X509Holder = std::unique_ptr<X509, Freer<&X509_free>>;
-using ExtensionHolder = std::unique_ptr<X509_EXTENSION, Freer<&X509_EXTENSION_free>>;
-using BitStringHolder = std::unique_ptr<ASN1_BIT_STRING, Freer<&ASN1_BIT_STRING_free>>;
-using OctetStringHolder = std::unique_ptr<ASN1_OCTET_STRING, Freer<&ASN1_OCTET_STRING_free>>;
-using ObjectHolder = std::unique_ptr<ASN1_OBJECT, Freer<&ASN1_OBJECT_free>>;
+template <typename T>
+using Holder = std::unique_ptr<T, void (*)(T*)>;
+using KeyHolder = Holder<EVP_PKEY>;
 
 void mustSucceed(bool succeeded, const char* what) {
   if (!succeeded) throw std::runtime_error{std::string{"OpenSSL fails: "} + what};
@@ -40,7 +30,7 @@ void mustSucceed(bool succeeded, const char* what) {
 
 KeyHolder made(EVP_PKEY* key) {
   mustSucceed(key != nullptr, "making a key");
-  return KeyHolder{key};
+  return {key, &EVP_PKEY_free};
 }
 
 EVP_PKEY* keyOf(TestKey kind) {
@@ -60,7 +50,7 @@ EVP_PKEY* keyOf(TestKey kind) {
 }
 
 void addKeyUsage(X509* certificate, unsigned usage) {
-  const BitStringHolder bits{ASN1_BIT_STRING_new()};
+  const Holder<ASN1_BIT_STRING> bits{ASN1_BIT_STRING_new(), &ASN1_BIT_STRING_free};
   mustSucceed(bits != nullptr, "making a bit string");
   for (int bit = 0; bit < kKeyUsageBits; ++bit) {
     if ((usage >> static_cast<unsigned>(bit) & 1U) == 0) continue;
@@ -73,13 +63,14 @@ void addKeyUsage(X509* certificate, unsigned usage) {
 
 void addPadding(X509* certificate, std::size_t size) {
   const Value content(size, 0x55);
-  const OctetStringHolder octets{ASN1_OCTET_STRING_new()};
+  const Holder<ASN1_OCTET_STRING> octets{ASN1_OCTET_STRING_new(), &ASN1_OCTET_STRING_free};
   // From the arc that is kept for examples (ITU-T X.660): nobody knows an extension of this name.
-  const ObjectHolder name{OBJ_txt2obj("2.999.1", 1)};
+  const Holder<ASN1_OBJECT> name{OBJ_txt2obj("2.999.1", 1), &ASN1_OBJECT_free};
   mustSucceed(octets && name, "making an extension");
   mustSucceed(ASN1_OCTET_STRING_set(octets.get(), content.data(), static_cast<int>(size)) == 1,
               "filling an extension");
-  const ExtensionHolder extension{X509_EXTENSION_create_by_OBJ(nullptr, name.get(), 0, octets.get())};
+  const Holder<X509_EXTENSION> extension{X509_EXTENSION_create_by_OBJ(nullptr, name.get(), 0, octets.get()),
+                                         &X509_EXTENSION_free};
   mustSucceed(extension && X509_add_ext(certificate, extension.get(), -1) == 1, "adding an extension");
 }
 
@@ -96,7 +87,7 @@ void setName(X509* certificate, const std::string& commonName) {
 
 Value testCertificate(const CertificateRequest& request) {
   EVP_PKEY* const key = keyOf(request.key);
-  const X509Holder certificate{X509_new()};
+  const Holder<X509> certificate{X509_new(), &X509_free};
   mustSucceed(certificate != nullptr, "making a certificate");
   constexpr long kVersion3 = 2;
   mustSucceed(X509_set_version(certificate.get(), kVersion3) == 1, "setting the version");

@@ -26,12 +26,15 @@ class TokenSession : public ClientSessionTest {
 
 // ---- The initialiser ----
 
-TEST_F(TokenSession, TakesTheProviderOfItsToken) {
+TEST_F(TokenSession, TakesTheProviderOfItsTokenAndIsNotAuthenticatedAtFirst) {
   EXPECT_EQ(session.sp(), nullptr);
   EXPECT_TRUE(init(&token->core));
   EXPECT_TRUE(session.sp());
   EXPECT_EQ(session.sp(), token->core.sp());
   EXPECT_THAT(log->allLines, ElementsAre(kStart, "process: super", kEnd));
+  EXPECT_EQ(session.authState(), 0);
+  session.setAuthState(1);
+  EXPECT_EQ(session.authState(), 1);
 }
 
 TEST_F(TokenSession, TakesTheProviderThatTheTokenHasBehindThePlatformsInitialiser) {
@@ -53,13 +56,6 @@ TEST_F(TokenSession, KeepsItsProviderWhenTheTokenGetsAnotherOrEnds) {
   EXPECT_FALSE(provider.expired());
   session.setSp(nullptr);
   EXPECT_TRUE(provider.expired());
-}
-
-TEST_F(TokenSession, IsNotAuthenticatedAtFirst) {
-  EXPECT_TRUE(init(&token->core));
-  EXPECT_EQ(session.authState(), 0);
-  session.setAuthState(1);
-  EXPECT_EQ(session.authState(), 1);
 }
 
 TEST_F(TokenSession, FailsWhenThePlatformRefuses) {
@@ -88,29 +84,20 @@ TEST_F(TokenSession, IsMadeByTheTokenBetweenItsLines) {
   const std::optional<TKError> none;
   const std::optional<TKError> withText = tokenError(-9, Text{u"Why"});
   const std::optional<TKError> withoutText = tokenError(-9);
-  const struct {
-    const char* name;
-    const std::optional<TKError>* error;
-    const char* line;
-  } rows[] = {
-      {"no error", &none, nullptr},
-      {"no error pointer", nullptr, "process: [MirelSCToken-150] token createSessionWithError NO ERROR!"},
-      {"an error with a text", &withText,
-       "process: [MirelSCToken-152] Error: Error Domain=CryptoTokenKit Code=-9 \"Why\""},
-      {"an error without a text", &withoutText,
-       "process: [MirelSCToken-152] Error: Error Domain=CryptoTokenKit Code=-9 \"(null)\""},
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.name);
+  const auto expectLines = [&](const std::optional<TKError>* error, const std::vector<std::string>& lines) {
     log->allLines.clear();
-    token->core.createSessionWithError(Text{u"<t>"}, row.error, [&] {
+    token->core.createSessionWithError(Text{u"<t>"}, error, [&] {
       log->process("new");
       return Text{u"<s>"};
     });
-    std::vector<std::string> expected{kToken, kNew, kSession};
-    if (row.line) expected.insert(expected.begin() + 1, row.line);
-    EXPECT_EQ(log->allLines, expected);
-  }
+    EXPECT_EQ(log->allLines, lines);
+  };
+  expectLines(&none, {kToken, kNew, kSession});
+  expectLines(nullptr,
+              {kToken, "process: [MirelSCToken-150] token createSessionWithError NO ERROR!", kNew, kSession});
+  const std::string error = "process: [MirelSCToken-152] Error: Error Domain=CryptoTokenKit Code=-9 ";
+  expectLines(&withText, {kToken, error + "\"Why\"", kNew, kSession});
+  expectLines(&withoutText, {kToken, error + "\"(null)\"", kNew, kSession});
   EXPECT_THAT(script.callTexts(), IsEmpty());
 }
 
@@ -148,27 +135,15 @@ TEST_F(BeginAuth, IsForThePinConstraintsAndDoesNothingElse) {
 
 TEST_F(BeginAuth, RefusesOtherConstraints) {
   using namespace std::string_view_literals;
-  const struct {
-    const char* name;
-    Text constraint;
-  } rows[] = {
-      {"no text", Text{}},
-      {"empty", Text{u""}},
-      {"biometric", Text{u"Biometry"}},
-      {"small letters", Text{u"pin"}},
-      {"capital letters", Text{u"PINALWAYS"}},
-      {"one letter less", Text{u"PINAlway"}},
-      {"one letter more", Text{u"PINS"}},
-      {"a blank behind", Text{u"PIN "}},
-      {"a NUL behind", Text{u"PIN\0"sv}},
-      {"wide letters", Text{u"\uFF30\uFF29\uFF2E"}},
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.name);
-    EXPECT_FALSE(begin(row.constraint));
+  // None, others, and neighbours of those that there are: the last one is in wide letters.
+  for (const Text& constraint :
+       {Text{}, Text{u""}, Text{u"Biometry"}, Text{u"pin"}, Text{u"PINALWAYS"}, Text{u"PINAlway"},
+        Text{u"PINS"}, Text{u"PIN "}, Text{u"PIN\0"sv}, Text{u"\uFF30\uFF29\uFF2E"}}) {
+    SCOPED_TRACE(constraint.toUtf8());
+    EXPECT_FALSE(begin(constraint));
     for (const auto& before : kErrorsBefore) {
       std::optional<TKError> error = before;
-      EXPECT_FALSE(begin(row.constraint, &error));
+      EXPECT_FALSE(begin(constraint, &error));
       EXPECT_EQ(error, tokenError(-8, Text::fromUtf8(kRefusalKey)));
     }
   }
