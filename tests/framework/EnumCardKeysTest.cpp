@@ -74,14 +74,13 @@ TEST_F(EnumCardKeys, ListsTheKeyAndTheCertificateAndKeepsAllElse) {
   script.card().loggedIn = true;  // still no private key is listed
   const auto before = framework->p11ServiceInfo();
   list();
-  EXPECT_EQ(record().m_keyIndex(), 1);
+  expectCounts(1, 1);
   ASSERT_THAT(keys(), SizeIs(1));
   EXPECT_EQ(keys().at(0)->hPubKey(), kPublicKey);
   EXPECT_EQ(keys().at(0)->hPriKey(), 0U);
   EXPECT_EQ(keys().at(0)->keyID(), Text{u"01"});
   EXPECT_EQ(keys().at(0)->keyName(), Text{u"1234567890ABCDEF_RSA_01_MyKey"});
   EXPECT_EQ(keys().at(0)->pKeyValue(), bytesLike(patternValue(256, 0xC5)));
-  EXPECT_EQ(record().m_certIndex(), 1);
   ASSERT_THAT(certificates(), SizeIs(1));
   EXPECT_EQ(certificates().at(0)->hCert(), kCertificate);
   EXPECT_EQ(certificates().at(0)->strID(), Text{u"01"});
@@ -283,8 +282,7 @@ TEST_F(EnumCardKeys, ListsUpTo160KeysAndCertificates) {
     expectedKeys.resize(expected);
     expectedCertificates.resize(expected);
     list();
-    EXPECT_EQ(record().m_keyIndex(), static_cast<std::int32_t>(expected));
-    EXPECT_EQ(record().m_certIndex(), static_cast<std::int32_t>(expected));
+    expectCounts(static_cast<std::int32_t>(expected), static_cast<std::int32_t>(expected));
     if (expected == 0) continue;
     std::vector<CK_OBJECT_HANDLE> listedKeys;
     for (const auto& key : keys()) listedKeys.push_back(key->hPubKey());
@@ -305,8 +303,7 @@ TEST_F(EnumCardKeys, ListsNoCertificateWithoutAKeyAndEmptiesTheListsOfACardThatH
   for (const bool isEmpty : {false, true}) {
     if (isEmpty) emptyTheCard();
     list();
-    EXPECT_EQ(record().m_keyIndex(), 0);
-    EXPECT_EQ(record().m_certIndex(), 0);
+    expectCounts(0, 0);
     EXPECT_THAT(keys(), IsEmpty());
     EXPECT_THAT(certificates(), IsEmpty());
   }
@@ -324,8 +321,7 @@ TEST_F(EnumCardKeys, ListsACertificateOnceForEachKeyWithItsIdentifierInTheOrderO
   EXPECT_THAT(keyNames(),
               ElementsAre(Text{u"1234567890ABCDEF_RSA_01_First"}, Text{u"1234567890ABCDEF_EC_02_Other"},
                           Text{u"1234567890ABCDEF_EC_01_Second"}));
-  EXPECT_EQ(record().m_keyIndex(), 3);
-  EXPECT_EQ(record().m_certIndex(), 5);
+  expectCounts(3, 5);
   EXPECT_THAT(certificateHandles(), ElementsAre(other, bound, bound, second, second));
   EXPECT_NE(certificates().at(1), certificates().at(2)) << "each is a record of its own";
 }

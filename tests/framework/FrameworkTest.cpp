@@ -111,6 +111,11 @@ void FrameworkTest::setModulusLen(std::size_t size) {
   }
 }
 
+void FrameworkTest::expectCounts(std::int32_t numKeys, std::int32_t numCertificates) {
+  EXPECT_EQ(record().m_keyIndex(), numKeys);
+  EXPECT_EQ(record().m_certIndex(), numCertificates);
+}
+
 void FrameworkTest::expectNewRecord(CK_SLOT_ID slot, CK_SESSION_HANDLE session, const CK_SESSION_INFO& info) {
   EXPECT_EQ(record().slotID(), slot);
   EXPECT_EQ(membersOf(record().slotInfo()), membersOf(slotInfo(slot)));
@@ -119,8 +124,7 @@ void FrameworkTest::expectNewRecord(CK_SLOT_ID slot, CK_SESSION_HANDLE session, 
   EXPECT_EQ(membersOf(record().hSessionInfo()), membersOf(info));
   EXPECT_FALSE(record().pAsymKeys());
   EXPECT_FALSE(record().pCerts());
-  EXPECT_EQ(record().m_keyIndex(), 0);
-  EXPECT_EQ(record().m_certIndex(), 0);
+  expectCounts(0, 0);
 }
 
 CK_SLOT_INFO FrameworkTest::slotInfo(CK_SLOT_ID slot) {

@@ -65,6 +65,8 @@ class FrameworkTest : public ModuleTest {
 
   /// Gives both keys of the default card a modulus of that size.
   void setModulusLen(std::size_t size);
+  /// How many keys and certificates the record counts.
+  void expectCounts(std::int32_t numKeys, std::int32_t numCertificates);
   /// What the record says about its card, and that it lists nothing and has no session of its own.
   void expectNewRecord(CK_SLOT_ID slot, CK_SESSION_HANDLE session, const CK_SESSION_INFO& info);
 

@@ -81,8 +81,7 @@ TEST_F(FreeAllCertInfo, SucceedsLikeTheOtherWhenThereIsNothing) {
   record().setM_certIndex(-1);
   EXPECT_TRUE(framework->FreeAllKeyInfo());
   EXPECT_TRUE(framework->FreeAllCertInfo());
-  EXPECT_EQ(record().m_keyIndex(), 0);
-  EXPECT_EQ(record().m_certIndex(), 0);
+  expectCounts(0, 0);
   framework->setP11ServiceInfo(nullptr);
   EXPECT_TRUE(framework->FreeAllKeyInfo());
   EXPECT_TRUE(framework->FreeAllCertInfo());

@@ -121,23 +121,15 @@ TEST_F(EnteredPin, GoesToTheCardWithItsLengthInCharacters) {
 
 TEST_F(EnteredPin, IsRefusedWithoutBeingTriedWhenThereIsNoneOrItIsEmptyOrTooLong) {
   const auto entered = [](std::u16string_view pin) { return std::make_shared<const SecretText>(pin); };
-  const struct {
-    const char* name;
-    std::shared_ptr<const SecretText> pin;
-  } rows[] = {
-      {"none", nullptr},
-      {"null", std::make_shared<const SecretText>()},
-      {"empty", entered(u"")},
-      {"nine digits", entered(u"123456789")},
-      {"nine characters of two bytes", entered(u"\u00E4\u00E4\u00E4\u00E4\u00E4\u00E4\u00E4\u00E4\u00E4")},
-      {"eight characters for the user, nine in UTF-16", entered(u"1234567\U0001F511")},
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.name);
+  // None and null; nine digits; nine characters of two bytes; eight for the user that are nine in UTF-16.
+  for (const auto& pin :
+       {std::shared_ptr<const SecretText>{}, std::make_shared<const SecretText>(), entered(u""),
+        entered(u"123456789"), entered(u"\u00E4\u00E4\u00E4\u00E4\u00E4\u00E4\u00E4\u00E4\u00E4"),
+        entered(u"1234567\U0001F511")}) {
     startAnew();
     script.card().info.ulMaxPinLen = 64;
     FakePinEntry entry = pinEntry();
-    entry.request.pin = row.pin;
+    entry.request.pin = pin;
     std::optional<TKError> error;
     EXPECT_FALSE(entry.finish(&error));
     ASSERT_TRUE(error);
@@ -178,19 +170,6 @@ TEST_F(EnteredPin, StaysWithItsOwner) {
     EXPECT_TRUE(entry.finish());
   }
   EXPECT_EQ(pin.use_count(), 1);
-}
-
-TEST_F(EnteredPin, TakesNoMemoryOfTheCardSoftware) {
-  script.card().pin = "12345678";
-  memory->reset();
-  EXPECT_TRUE(client->login(u"12345678"));
-  // Twice the list of readers, and a record: nothing grows with the PIN.
-  const auto requests = memory->requests();
-  memory->reset();
-  script.card().loggedIn = false;
-  EXPECT_FALSE(client->login(u"1"));
-  EXPECT_EQ(memory->requests(), requests);
-  leavesOpen({kCardSession, kLoginSession, kLoginSession + 2});
 }
 
 }  // namespace

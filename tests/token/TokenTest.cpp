@@ -1,7 +1,5 @@
 #include "token/TokenTest.h"
 
-#include <filesystem>
-
 namespace mirel::test {
 
 TKError tokenError(std::int64_t code, const Text& text) {
@@ -57,11 +55,6 @@ void TokenTest::resetCard() {
   setCertificate({.keyUsage = kDigitalSignature});
 }
 
-void TokenTest::takeModuleAway() {
-  otherHome_.emplace(std::filesystem::path{});
-  user = std::make_shared<FakeUserDirectory>("alice", otherHome_->home());
-}
-
 void TokenTest::setCertificate(const CertificateRequest& request) {
   Object& object = script.object(kCertificate);
   object = object.with(CKA_VALUE, testCertificate(request));
@@ -73,8 +66,7 @@ void TokenTest::addKeyAndCertificate(Value id, Value label, const CertificateReq
 }
 
 std::string TokenTest::moduleLine() const {
-  return "process: [-[P11Bridge pkcs11_Load:]-30] P11Bridge path = " +
-         (otherHome_ ? *otherHome_ : home).modulePath();
+  return "process: [-[P11Bridge pkcs11_Load:]-30] P11Bridge path = " + home.modulePath();
 }
 
 // ---- Tests with a session ----

@@ -112,8 +112,6 @@ class TokenTest : public ModuleTest {
 
   /// Forgets all that the script was told and puts the certificate on the card again.
   void resetCard();
-  /// The user gets another home, in which there is no module.
-  void takeModuleAway();
   /// Replaces the value of the card's certificate.
   void setCertificate(const CertificateRequest& request);
   /// Adds a key (by its public part) and a certificate with the same ID.
@@ -124,9 +122,6 @@ class TokenTest : public ModuleTest {
 
   /// Of all ports that the test gives it to.
   PortCalls calls;
-
- private:
-  std::optional<ModuleHome> otherHome_;
 };
 
 /// A test with a client's session on a token. The card is that of the scripted module: an RSA key of 2048
