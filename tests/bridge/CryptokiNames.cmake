@@ -1,8 +1,8 @@
 # Lists what the header HEADER declares, as C++ statements that fill `rows`:
 #   cmake -DHEADER=... -DOTHER_HEADER=... -DLACKING=name,name -DOUTPUT_FOLDER=... -P CryptokiNames.cmake
 # CommonRows.inc: sizes, offsets, values and signatures for all names but the lacking ones.
-# LackingRows.inc: the same for the lacking ones; only our header knows them.
-# LackingNames.inc: the lacking names, each with whether OTHER_HEADER mentions it after all.
+# LackingRows.inc: the same for the lacking ones; only our header knows them. Fails when OTHER_HEADER mentions
+# one of them after all.
 
 cmake_minimum_required(VERSION 3.25)
 
@@ -81,19 +81,13 @@ foreach(structure IN LISTS structures)
 endforeach()
 
 file(READ "${OTHER_HEADER}" other)
-set(names "")
 foreach(name IN LISTS lacking)
-  set(known false)
   if("${other}" MATCHES "[^A-Za-z0-9_]${name}[^A-Za-z0-9_]")
-    set(known true)
+    message(FATAL_ERROR "${OTHER_HEADER} has ${name} after all: it is to be compared")
   endif()
-  string(APPEND names "names.push_back({\"${name}\", ${known}})|\n")
 endforeach()
 
-foreach(file IN ITEMS CommonRows:common LackingRows:rest LackingNames:names)
-  string(REPLACE ":" ";" parts "${file}")
-  list(GET parts 0 stem)
-  list(GET parts 1 variable)
-  string(REPLACE "|" ";" content "${${variable}}")
-  file(WRITE "${OUTPUT_FOLDER}/${stem}.inc" "${content}")
-endforeach()
+string(REPLACE "|" ";" common "${common}")
+string(REPLACE "|" ";" rest "${rest}")
+file(WRITE "${OUTPUT_FOLDER}/CommonRows.inc" "${common}")
+file(WRITE "${OUTPUT_FOLDER}/LackingRows.inc" "${rest}")

@@ -15,10 +15,4 @@ CryptokiTable ourOtherRows() {
   return rows;
 }
 
-std::vector<std::pair<std::string, bool>> namesOfOursAlone() {
-  std::vector<std::pair<std::string, bool>> names;
-#include "LackingNames.inc"
-  return names;
-}
-
 }  // namespace mirel::test

@@ -8,7 +8,6 @@
 #include <cstddef>
 #include <string>
 #include <type_traits>
-#include <utility>
 #include <vector>
 
 namespace mirel::test {
@@ -27,9 +26,6 @@ using CryptokiTable = std::vector<CryptokiRow>;
 
 /// Of p11-kit's header: what both headers have.
 [[nodiscard]] CryptokiTable referenceRows();
-
-/// The names that are said to be ours alone, and whether p11-kit's header mentions them after all.
-[[nodiscard]] std::vector<std::pair<std::string, bool>> namesOfOursAlone();
 
 // ---- For the generated statements ----
 

@@ -117,12 +117,11 @@ TEST_F(FindObjects, GivesTheHandlesFoundBeforeAFailureAndEndsTheSearch) {
 }
 
 TEST_F(FindObjects, DoesNotKeepAHandleOfAFailingFetch) {
-  script.hook<&CK_FUNCTION_LIST::C_FindObjects>(
-      [](auto, CK_SESSION_HANDLE, CK_OBJECT_HANDLE* objects, CK_ULONG, CK_ULONG* number) {
-        *objects = 4711;
-        *number = 1;
-        return kSomeFailure;
-      });
+  script.hook<&CK_FUNCTION_LIST::C_FindObjects>([](auto, auto, auto* objects, auto, auto* number) {
+    *objects = 4711;
+    *number = 1;
+    return kSomeFailure;
+  });
   EXPECT_EQ(find(20), kSomeFailure);
   expectFound(0);
 }
@@ -148,28 +147,24 @@ TEST_F(FindObjects, EndsOnAModuleThatNeverEnds) {
   EXPECT_EQ(numFound, kMostKept);
 }
 
-TEST_F(FindObjects, StopsWhereTheModuleAnswersWithoutWriting) {
-  for (const int numWritten : {0, 1}) {
+TEST_F(FindObjects, StopsWhereTheModuleWritesNoNumberAndKeepsZeroForAHandleThatItDidNotWrite) {
+  for (const CK_ULONG numWritten : {0U, 1U}) {
     SCOPED_TRACE(numWritten);
-    int calls = 0;
+    CK_ULONG calls = 0;
     script.hook<&CK_FUNCTION_LIST::C_FindObjects>(
-        [&](auto real, CK_SESSION_HANDLE in, CK_OBJECT_HANDLE* objects, CK_ULONG most, CK_ULONG* number) {
+        [&](auto real, auto in, auto* objects, auto most, auto* number) {
           return calls++ < numWritten ? real(in, objects, most, number) : CKR_OK;
         });
     found.fill(kNotWritten);
     EXPECT_EQ(find(20), CKR_OK);
-    expectFound(static_cast<CK_ULONG>(numWritten));
+    expectFound(numWritten);
   }
-}
-
-TEST_F(FindObjects, KeepsZeroForAHandleThatTheModuleDidNotWrite) {
   int calls = 0;
-  script.hook<&CK_FUNCTION_LIST::C_FindObjects>(
-      [&](auto, CK_SESSION_HANDLE, CK_OBJECT_HANDLE* objects, CK_ULONG, CK_ULONG* number) {
-        if (calls == 0) *objects = 55;
-        *number = calls++ < 2 ? 1 : 0;
-        return CKR_OK;
-      });
+  script.hook<&CK_FUNCTION_LIST::C_FindObjects>([&](auto, auto, auto* objects, auto, auto* number) {
+    if (calls == 0) *objects = 55;
+    *number = calls++ < 2 ? 1 : 0;
+    return CKR_OK;
+  });
   EXPECT_EQ(find(20), CKR_OK);
   EXPECT_EQ(numFound, 2U);
   EXPECT_EQ(found[0], 55U);

@@ -193,13 +193,11 @@ TEST_P(Readers, RefuseALengthThatGrowsBetweenTheReads) {
   }
 }
 
-TEST_P(Readers, TakeTheLastLengthOfAValueThatShrinks) {
+TEST_P(Readers, TakeTheLastLengthOfAValueThatShrinksAndRefuseOneThatVanishesBetweenTheReads) {
   script.deviations.valuesInTurn[GetParam().type] = {patternValue(60, 1), patternValue(50, 2)};
   ResultBuffer out{50};
   expectRead(out, patternValue(50, 2));
-}
-
-TEST_P(Readers, RefuseAValueThatVanishesBetweenTheReads) {
+  script.deviations = {};
   for (const CK_ULONG claimed : {CK_ULONG{0}, kAllOnes}) {
     for (std::size_t honest = 1; honest < GetParam().calls; ++honest) {
       SCOPED_TRACE(::testing::Message() << claimed << " after " << honest << " honest reads");
