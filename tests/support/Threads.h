@@ -23,6 +23,25 @@ inline void runAtOnce(const std::vector<std::function<void()>>& functions) {
   for (std::thread& thread : threads) thread.join();
 }
 
+/// Has one thread read a property, often, while another replaces it by `first` and `second` in turn. Returns
+/// how often it was neither.
+template <typename Value, typename Get, typename Set>
+[[nodiscard]] int numTornReads(const Value& first, const Value& second, const Get& get, const Set& set) {
+  constexpr int kRounds = 2000;
+  int numTorn = 0;
+  const auto replace = [&] {
+    for (int i = 0; i < kRounds; ++i) set(i % 2 == 0 ? second : first);
+  };
+  const auto read = [&] {
+    for (int i = 0; i < kRounds; ++i) {
+      const Value seen = get();
+      numTorn += seen == first || seen == second ? 0 : 1;
+    }
+  };
+  runAtOnce({replace, read});
+  return numTorn;
+}
+
 /// Whether another thread could take the lock at this moment.
 template <typename Lock>
 [[nodiscard]] bool isFree(Lock& lock) {

@@ -51,23 +51,20 @@ class InitToken : public TokenTest {
 
 // ---- The good way ----
 
-TEST_F(InitToken, LogsItsWayAndLeavesErrorsAlone) {
+TEST_F(InitToken, AsksThePlatformInOrderLogsItsWayAndLeavesErrorsAlone) {
   for (const auto& before : kErrorsBefore) {
     resetCard();
     log->allLines.clear();
+    calls.clear();
     std::optional<TKError> error = before;
-    EXPECT_TRUE(FakeToken{services()}.init(&error));
+    EXPECT_TRUE(FakeToken(services(), &calls).init(&error));
     EXPECT_EQ(error, before);
+    EXPECT_THAT(calls, ElementsAre("card.name", "super", std::string{"append "} + kCertificateItem,
+                                   std::string{"initKey "} + kNewKeyItem, std::string{"append "} + kKeyItem,
+                                   "fillWithItems"));
     EXPECT_THAT(log->allLines, ElementsAre(kStart, moduleLine(), kInstanceIdLine, kOneCertificate, kKeyStart,
                                            kKeyEnd, kEnd));
   }
-}
-
-TEST_F(InitToken, AsksThePlatformForNoMoreAndInThisOrder) {
-  EXPECT_TRUE(token->init());
-  EXPECT_THAT(calls, ElementsAre("card.name", "super", std::string{"append "} + kCertificateItem,
-                                 std::string{"initKey "} + kNewKeyItem, std::string{"append "} + kKeyItem,
-                                 "fillWithItems"));
 }
 
 TEST_F(InitToken, RegistersTheTokenByItsIdentifierOnceAndBeforeTheCardSession) {
@@ -91,16 +88,20 @@ TEST_F(InitToken, RegistersTheTokenByItsIdentifierOnceAndBeforeTheCardSession) {
   EXPECT_EQ(script.countOf("C_OpenSession"), 3U);
 }
 
-TEST_F(InitToken, HasAProviderOfItsOwn) {
+TEST_F(InitToken, HasAProviderOfItsOwnWhichItDropsWhenItEnds) {
   FakeToken other{services()};
   EXPECT_TRUE(token->init());
   EXPECT_TRUE(other.init());
   EXPECT_NE(token->core.sp(), other.core.sp());
   EXPECT_EQ(itemTexts(token->contents.items()), itemTexts(other.contents.items()));
+  const std::weak_ptr<CryptTKitSProvider> provider = token->core.sp();
+  token.reset();
+  EXPECT_TRUE(provider.expired());
   leavesOpen({kCardSession, kCardSession + 3});
 }
 
-TEST_F(InitToken, UsesTheCardInTheNamedReader) {
+/// The name of no reader is what every name begins with.
+TEST_F(InitToken, UsesTheCardInTheNamedReaderAndTheFirstForAConnectionToNone) {
   const CK_SLOT_ID other = script.addSlot("Reader B 01", emptyCard("OTHER", "42"));
   script.addObject(ecPublicKey(bytesOf("B2"), bytesOf("Theirs"), p256Params(), p256Point(3)), other);
   script.addObject(certificate(bytesOf("B2"), bytesOf("Theirs"), testCertificate({})), other);
@@ -110,6 +111,11 @@ TEST_F(InitToken, UsesTheCardInTheNamedReader) {
   EXPECT_THAT(itemTexts(token->contents.items()),
               ElementsAre("certificate cert_Theirs_B2, label B2",
                           "key B2, label B2, certificate cert_Theirs_B2, PIN always, {}"));
+  FakeToken first{services()};
+  first.card.isConnected = false;
+  EXPECT_TRUE(first.init());
+  EXPECT_THAT(first.instanceIDs, ElementsAre(kInstanceID));
+  leavesOpen({kCardSession, kCardSession + 3});
 }
 
 TEST_F(InitToken, PublishesInTheOrderOfTheCardsCertificatesAndAllAtOnce) {
@@ -198,16 +204,9 @@ TEST_F(InitToken, FailsOrStaysEmptyWithTheErrorAndTheLinesOfThatFailure) {
   }
 }
 
-/// The name of no reader is what every name begins with.
-TEST_F(InitToken, TakesTheFirstCardForAConnectionToNone) {
-  token->card.isConnected = false;
-  EXPECT_TRUE(token->init());
-  EXPECT_THAT(token->instanceIDs, ElementsAre(kInstanceID));
-}
-
 // ---- A provider from before ----
 
-TEST_F(InitToken, ReplacesTheOldProvider) {
+TEST_F(InitToken, ReplacesTheOldProviderIfItCan) {
   EXPECT_TRUE(token->init());
   const std::weak_ptr<CryptTKitSProvider> old = token->core.sp();
   ASSERT_FALSE(old.expired());
@@ -218,6 +217,11 @@ TEST_F(InitToken, ReplacesTheOldProvider) {
   EXPECT_EQ(script.countOf("C_Finalize"), 0U);
   EXPECT_THAT(log->allLines, ElementsAre(kStart, kOldProvider, kReleased, moduleLine(), kInstanceIdLine,
                                          kOneCertificate, kKeyStart, kKeyEnd, kEnd));
+  script.failCallOf("C_Initialize", 0, CKR_DEVICE_ERROR);
+  log->allLines.clear();
+  EXPECT_FALSE(token->init());
+  EXPECT_FALSE(token->core.sp());
+  EXPECT_THAT(log->allLines, ElementsAre(kStart, kOldProvider, kReleased, moduleLine(), kNoProvider));
   leavesOpen({kCardSession, kCardSession + 3});
 }
 
@@ -228,22 +232,6 @@ TEST_F(InitToken, ReleasesTheOldProvider) {
   token->core.setSp(old);
   EXPECT_TRUE(token->init());
   EXPECT_FALSE(old->pCTKFramework());
-}
-
-TEST_F(InitToken, HasNoProviderWhenTheOldOneCannotBeReplaced) {
-  EXPECT_TRUE(token->init());
-  script.failCallOf("C_Initialize", 0, CKR_DEVICE_ERROR);
-  log->allLines.clear();
-  EXPECT_FALSE(token->init());
-  EXPECT_FALSE(token->core.sp());
-  EXPECT_THAT(log->allLines, ElementsAre(kStart, kOldProvider, kReleased, moduleLine(), kNoProvider));
-}
-
-TEST_F(InitToken, DropsItsProviderWhenItEnds) {
-  EXPECT_TRUE(token->init());
-  const std::weak_ptr<CryptTKitSProvider> provider = token->core.sp();
-  token.reset();
-  EXPECT_TRUE(provider.expired());
 }
 
 // ---- The driver ----

@@ -28,7 +28,11 @@ class PinOperation : public ClientSessionTest {
 };
 
 TEST_F(PinOperation, SetsThePlatformsRequestUpInOrderWhenThePlatformHasInitialisedIt) {
+  EXPECT_FALSE(init(false));
   EXPECT_FALSE(operation.session());
+  EXPECT_THAT(calls, ElementsAre("super")) << "nothing is asked for when it refuses";
+  EXPECT_THAT(log->allLines, ElementsAre(kStart, "process: super", kEnd));
+  forget();
   EXPECT_TRUE(init());
   EXPECT_EQ(operation.session(), client->core);
   EXPECT_THAT(calls, ElementsAre("super", "sessionSmartCard", "setSmartCard", "card.cla", "setAPDUTemplate",
@@ -36,13 +40,6 @@ TEST_F(PinOperation, SetsThePlatformsRequestUpInOrderWhenThePlatformHasInitialis
   EXPECT_EQ(request.givenCard, &client->platform.card);
   EXPECT_THAT(log->allLines, ElementsAre(kStart, "process: super", kEnd));
   EXPECT_THAT(script.callTexts(), IsEmpty());
-}
-
-TEST_F(PinOperation, AsksForNothingWhenThePlatformRefuses) {
-  EXPECT_FALSE(init(false));
-  EXPECT_FALSE(operation.session());
-  EXPECT_THAT(calls, ElementsAre("super"));
-  EXPECT_THAT(log->allLines, ElementsAre(kStart, "process: super", kEnd));
 }
 
 TEST_F(PinOperation, DescribesAVerifyCommandToTheSessionsCard) {
