@@ -45,7 +45,9 @@ TEST(CryptokiHeader, IsInTheTableWithAllItsKindsOfNames) {
 
 TEST(CryptokiResultName, IsKnownForEveryResultThatTheHeaderDeclares) {
   for (const CryptokiRow& row : ourCommonRows()) {
-    if (row.name.starts_with("CKR_")) EXPECT_EQ(cryptokiResultName(std::stoul(row.value)), row.name);
+    if (row.name.starts_with("CKR_")) {
+      EXPECT_EQ(cryptokiResultName(std::stoul(row.value)), row.name);
+    }
   }
 }
 

@@ -27,7 +27,9 @@ TEST_P(ResultRoom, HaveTheResultWrittenIntoALargeEnoughBufferOrAnnounceMoreRoomT
     EXPECT_TRUE(output.untouchedFrom(length));
     EXPECT_THAT(script.callTexts().back(), EndsWith(", room " + std::to_string(room) + ")"));
     EXPECT_EQ(memory->requests().size(), room > 512 || GetParam().readsModulus ? 1U : 0U);
-    if (room > 512) EXPECT_EQ(memory->requests().back(), room);
+    if (room > 512) {
+      EXPECT_EQ(memory->requests().back(), room);
+    }
   }
 }
 

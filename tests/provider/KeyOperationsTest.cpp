@@ -309,7 +309,9 @@ TEST_F(Decryption, GivesZerosWithoutAnOperationOfTheCardForAnyOtherNameOrFlag) {
       decrypt(wish);
       EXPECT_TRUE(done);
       EXPECT_EQ(plain, bytesLike(Value(std::min(size, 2000UL), 0)));
-      if (size <= 2000) EXPECT_EQ(length, size);
+      if (size <= 2000) {
+        EXPECT_EQ(length, size);
+      }
       EXPECT_EQ(script.calls().size(), kNumReadingCalls);
       EXPECT_THAT(log->allLines, IsEmpty());
     }
