@@ -38,8 +38,7 @@ inline constexpr std::pair<CK_ATTRIBUTE_TYPE, const char*> kAttributeNames[] = {
     {CKA_ENCRYPT, "CKA_ENCRYPT"},
     {CKA_VALUE_LEN, "CKA_VALUE_LEN"},
     {CKA_EC_PARAMS, "CKA_EC_PARAMS"},
-    {CKA_EC_POINT, "CKA_EC_POINT"},
-};
+    {CKA_EC_POINT, "CKA_EC_POINT"}};
 
 inline std::string attributeName(CK_ATTRIBUTE_TYPE type) {
   for (const auto& [known, name] : kAttributeNames) {
@@ -98,25 +97,64 @@ inline CK_RV findSession(CK_SESSION_HANDLE handle, Session*& outSession) {
   return outSession ? CKR_OK : code;
 }
 
-/// What the module does in each of its functions. `arguments` writes the arguments of a call down; `call` is
-/// what the module does; `afterFailure`, where there is one, what it still does when the call is made to
-/// fail. A function without a behaviour of its own is recorded, and not supported.
+inline std::string describedParameters(const CK_MECHANISM& mechanism) {
+  const CK_ULONG len = mechanism.ulParameterLen;
+  if (!mechanism.pParameter) return "null " + described(len);
+  if (mechanism.mechanism == CKM_RSA_PKCS_PSS && len == sizeof(CK_RSA_PKCS_PSS_PARAMS)) {
+    const auto& pss = *static_cast<const CK_RSA_PKCS_PSS_PARAMS*>(mechanism.pParameter);
+    return "[" + commaJoined({described(pss.hashAlg), described(pss.mgf), described(pss.sLen)}) + "] " +
+           described(len);
+  }
+  if (mechanism.mechanism == CKM_ECDH1_DERIVE && (len == 1 || len == sizeof(CK_ECDH1_DERIVE_PARAMS))) {
+    const auto& ecdh = *static_cast<const CK_ECDH1_DERIVE_PARAMS*>(mechanism.pParameter);
+    return "[" +
+           commaJoined({"kdf " + described(ecdh.kdf),
+                        "shared " + describedValue(ecdh.pSharedData, ecdh.ulSharedDataLen),
+                        "public " + describedValue(ecdh.pPublicData, ecdh.ulPublicDataLen)}) +
+           "] " + described(len);
+  }
+  return describedValue(mechanism.pParameter, len) + " " + described(len);
+}
+
+inline std::string describedMechanism(const CK_MECHANISM* mechanism) {
+  if (!mechanism) return "null";
+  return "CKM " + described(mechanism->mechanism) + " " + describedParameters(*mechanism);
+}
+
+/// Pointers for results, which are written down only when they are null.
+template <typename Arg>
+inline constexpr bool kIsForResult =
+    std::is_same_v<Arg, CK_ULONG_PTR> || std::is_same_v<Arg, CK_INFO_PTR> ||
+    std::is_same_v<Arg, CK_SLOT_INFO_PTR> || std::is_same_v<Arg, CK_TOKEN_INFO_PTR> ||
+    std::is_same_v<Arg, CK_SESSION_INFO_PTR> || std::is_same_v<Arg, CK_FUNCTION_LIST_PTR_PTR>;
+
+template <typename Arg>
+void describeArgument(std::vector<std::string>& parts, Arg arg) {
+  if constexpr (kIsForResult<Arg>) {
+    if (!arg) parts.emplace_back("null");
+  } else if constexpr (std::is_same_v<Arg, CK_MECHANISM_PTR>) {
+    parts.push_back(describedMechanism(arg));
+  } else if constexpr (std::is_pointer_v<Arg>) {
+    parts.push_back(describedPointer(arg, "set"));
+  } else {
+    parts.push_back(described(CK_ULONG{arg}));
+  }
+}
+
+/// What the module does in each of its functions, which specialise what they do otherwise. `arguments` writes
+/// the arguments of a call down; `call` is what the module does; `afterFailure`, where there is one, what it
+/// still does when the call is made to fail. A function without a behaviour of its own is recorded, and not
+/// supported.
 template <auto Function, typename Type = FunctionType<Function>>
 struct Behaviour;
 template <auto Function, typename... Args>
 struct Behaviour<Function, CK_RV (*)(Args...)> {
-  [[nodiscard]] static std::string arguments(Args... args) { return commaJoined({part(args)...}); }
-  static CK_RV call(Args...) { return CKR_FUNCTION_NOT_SUPPORTED; }
-
- private:
-  template <typename Arg>
-  [[nodiscard]] static std::string part(Arg arg) {
-    if constexpr (std::is_pointer_v<Arg>) {
-      return arg ? "set" : "null";
-    } else {
-      return described(CK_ULONG{arg});
-    }
+  [[nodiscard]] static std::string arguments(Args... args) {
+    std::vector<std::string> parts;
+    (describeArgument(parts, args), ...);
+    return commaJoined(parts);
   }
+  static CK_RV call(Args...) { return CKR_FUNCTION_NOT_SUPPORTED; }
 };
 
 }  // namespace mirel::test

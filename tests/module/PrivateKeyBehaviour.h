@@ -14,43 +14,6 @@ using Operation = std::optional<Session::Operation> Session::*;
 /// CKM_RSA_PKCS adds at least this many bytes (RFC 8017, section 7.2.1).
 inline constexpr std::size_t kLeastPadding = 11;
 
-// ---- How calls are written down ----
-
-inline std::string describedParameters(const CK_MECHANISM& mechanism) {
-  const CK_ULONG len = mechanism.ulParameterLen;
-  if (!mechanism.pParameter) return "null " + described(len);
-  if (mechanism.mechanism == CKM_RSA_PKCS_PSS && len == sizeof(CK_RSA_PKCS_PSS_PARAMS)) {
-    const auto& pss = *static_cast<const CK_RSA_PKCS_PSS_PARAMS*>(mechanism.pParameter);
-    return "[" + commaJoined({described(pss.hashAlg), described(pss.mgf), described(pss.sLen)}) + "] " +
-           described(len);
-  }
-  if (mechanism.mechanism == CKM_ECDH1_DERIVE && (len == 1 || len == sizeof(CK_ECDH1_DERIVE_PARAMS))) {
-    const auto& ecdh = *static_cast<const CK_ECDH1_DERIVE_PARAMS*>(mechanism.pParameter);
-    return "[" +
-           commaJoined({"kdf " + described(ecdh.kdf),
-                        "shared " + describedValue(ecdh.pSharedData, ecdh.ulSharedDataLen),
-                        "public " + describedValue(ecdh.pPublicData, ecdh.ulPublicDataLen)}) +
-           "] " + described(len);
-  }
-  return describedValue(mechanism.pParameter, len) + " " + described(len);
-}
-
-inline std::string describedMechanism(const CK_MECHANISM* mechanism) {
-  if (!mechanism) return "null";
-  return "CKM " + described(mechanism->mechanism) + " " + describedParameters(*mechanism);
-}
-
-inline std::string describedInit(CK_SESSION_HANDLE session, const CK_MECHANISM* mechanism,
-                                 CK_OBJECT_HANDLE key) {
-  return commaJoined({described(session), describedMechanism(mechanism), described(key)});
-}
-
-inline std::string describedUse(CK_SESSION_HANDLE session, const CK_BYTE* data, CK_ULONG dataLen,
-                                const CK_BYTE* output, const CK_ULONG* len) {
-  return commaJoined({described(session), describedValue(data, dataLen),
-                      (output ? "room " : "null ") + (len ? described(*len) : "null")});
-}
-
 // ---- Keys ----
 
 inline bool has(const Object& object, CK_ATTRIBUTE_TYPE type, const Value& value) {
@@ -202,125 +165,104 @@ inline CK_RV useWithoutDeviation(Work work, const char* function, Session& sessi
   return rv;
 }
 
-inline CK_RV use(Work work, const char* function, Operation operation, CK_SESSION_HANDLE handle,
-                 const CK_BYTE* data, CK_ULONG dataLen, CK_BYTE* output, CK_ULONG* len) {
-  Session* session = nullptr;
-  CK_RV rv = findSession(handle, session);
-  if (rv == CKR_OK) {
-    rv = useWithoutDeviation(work, function, *session, operation, data, dataLen, output, len);
-  }
-  if (rv != CKR_OK) overwriteLength(function, len);
-  return rv;
-}
+/// C_Sign and C_Decrypt.
+template <auto Function, Work work, Operation operation>
+struct Use {
+  static constexpr const char* kName = work == &sign ? "C_Sign" : "C_Decrypt";
 
-inline void endAfterFailure(const char* function, Operation operation, CK_SESSION_HANDLE handle,
-                            CK_ULONG* len) {
-  Session* session = nullptr;
-  if (findSession(handle, session) == CKR_OK) (session->*operation).reset();
-  overwriteLength(function, len);
-}
+  [[nodiscard]] static std::string arguments(CK_SESSION_HANDLE session, CK_BYTE_PTR data, CK_ULONG dataLen,
+                                             CK_BYTE_PTR output, CK_ULONG_PTR len) {
+    return commaJoined({described(session), describedValue(data, dataLen),
+                        (output ? "room " : "null ") + (len ? described(*len) : "null")});
+  }
+
+  static CK_RV call(CK_SESSION_HANDLE handle, CK_BYTE_PTR data, CK_ULONG dataLen, CK_BYTE_PTR output,
+                    CK_ULONG_PTR len) {
+    Session* session = nullptr;
+    CK_RV rv = findSession(handle, session);
+    if (rv == CKR_OK) {
+      rv = useWithoutDeviation(work, kName, *session, operation, data, dataLen, output, len);
+    }
+    if (rv != CKR_OK) overwriteLength(kName, len);
+    return rv;
+  }
+
+  static void afterFailure(CK_SESSION_HANDLE handle, CK_BYTE_PTR, CK_ULONG, CK_BYTE_PTR, CK_ULONG_PTR len) {
+    Session* session = nullptr;
+    if (findSession(handle, session) == CKR_OK) (session->*operation).reset();
+    overwriteLength(kName, len);
+  }
+};
 
 // ---- Signing ----
 
 template <>
-struct Behaviour<&List::C_SignInit> {
-  [[nodiscard]] static std::string arguments(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism,
-                                             CK_OBJECT_HANDLE key) {
-    return describedInit(session, mechanism, key);
-  }
-  static CK_RV call(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism, CK_OBJECT_HANDLE key) {
-    return begin(session, mechanism, key, CKA_SIGN,
-                 {CKM_RSA_PKCS, CKM_RSA_X_509, CKM_RSA_PKCS_PSS, CKM_ECDSA}, &Session::signing);
-  }
-};
+inline CK_RV Behaviour<&List::C_SignInit>::call(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism,
+                                                CK_OBJECT_HANDLE key) {
+  return begin(session, mechanism, key, CKA_SIGN, {CKM_RSA_PKCS, CKM_RSA_X_509, CKM_RSA_PKCS_PSS, CKM_ECDSA},
+               &Session::signing);
+}
 
 template <>
-struct Behaviour<&List::C_Sign> {
-  [[nodiscard]] static std::string arguments(CK_SESSION_HANDLE session, CK_BYTE_PTR data, CK_ULONG dataLen,
-                                             CK_BYTE_PTR signature, CK_ULONG_PTR signatureLen) {
-    return describedUse(session, data, dataLen, signature, signatureLen);
-  }
-  static CK_RV call(CK_SESSION_HANDLE session, CK_BYTE_PTR data, CK_ULONG dataLen, CK_BYTE_PTR signature,
-                    CK_ULONG_PTR signatureLen) {
-    return use(&sign, "C_Sign", &Session::signing, session, data, dataLen, signature, signatureLen);
-  }
-  static void afterFailure(CK_SESSION_HANDLE session, CK_BYTE_PTR, CK_ULONG, CK_BYTE_PTR,
-                           CK_ULONG_PTR signatureLen) {
-    endAfterFailure("C_Sign", &Session::signing, session, signatureLen);
-  }
-};
+struct Behaviour<&List::C_Sign> : Use<&List::C_Sign, &sign, &Session::signing> {};
 
 // ---- Decrypting ----
 
 template <>
-struct Behaviour<&List::C_DecryptInit> {
-  [[nodiscard]] static std::string arguments(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism,
-                                             CK_OBJECT_HANDLE key) {
-    return describedInit(session, mechanism, key);
-  }
-  static CK_RV call(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism, CK_OBJECT_HANDLE key) {
-    return begin(session, mechanism, key, CKA_DECRYPT, {CKM_RSA_PKCS}, &Session::decryption);
-  }
-};
+inline CK_RV Behaviour<&List::C_DecryptInit>::call(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism,
+                                                   CK_OBJECT_HANDLE key) {
+  return begin(session, mechanism, key, CKA_DECRYPT, {CKM_RSA_PKCS}, &Session::decryption);
+}
 
 template <>
-struct Behaviour<&List::C_Decrypt> {
-  [[nodiscard]] static std::string arguments(CK_SESSION_HANDLE session, CK_BYTE_PTR cipher,
-                                             CK_ULONG cipherLen, CK_BYTE_PTR plain, CK_ULONG_PTR plainLen) {
-    return describedUse(session, cipher, cipherLen, plain, plainLen);
-  }
-  static CK_RV call(CK_SESSION_HANDLE session, CK_BYTE_PTR cipher, CK_ULONG cipherLen, CK_BYTE_PTR plain,
-                    CK_ULONG_PTR plainLen) {
-    return use(&decrypt, "C_Decrypt", &Session::decryption, session, cipher, cipherLen, plain, plainLen);
-  }
-  static void afterFailure(CK_SESSION_HANDLE session, CK_BYTE_PTR, CK_ULONG, CK_BYTE_PTR,
-                           CK_ULONG_PTR plainLen) {
-    endAfterFailure("C_Decrypt", &Session::decryption, session, plainLen);
-  }
-};
+struct Behaviour<&List::C_Decrypt> : Use<&List::C_Decrypt, &decrypt, &Session::decryption> {};
 
 // ---- Deriving ----
 
 template <>
-struct Behaviour<&List::C_DeriveKey> {
-  [[nodiscard]] static std::string arguments(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism,
-                                             CK_OBJECT_HANDLE baseKey, CK_ATTRIBUTE_PTR attributes,
-                                             CK_ULONG count, CK_OBJECT_HANDLE_PTR key) {
-    return describedInit(session, mechanism, baseKey) + ", " + describedTemplate(attributes, count) +
-           (key ? "" : ", null");
-  }
-  static CK_RV call(CK_SESSION_HANDLE handle, CK_MECHANISM_PTR mechanism, CK_OBJECT_HANDLE baseKey,
-                    CK_ATTRIBUTE_PTR attributes, CK_ULONG count, CK_OBJECT_HANDLE_PTR key) {
-    Session* session = nullptr;
-    if (const CK_RV rv = findSession(handle, session); rv != CKR_OK) return rv;
-    if (!mechanism || (!attributes && count > 0) || !key) return CKR_ARGUMENTS_BAD;
-    if (mechanism->mechanism != CKM_ECDH1_DERIVE) return CKR_MECHANISM_INVALID;
-    if (!mechanism->pParameter) return CKR_MECHANISM_PARAM_INVALID;
-    const auto& ecdh = *static_cast<const CK_ECDH1_DERIVE_PARAMS*>(mechanism->pParameter);
-    if (!ecdh.pPublicData || ecdh.ulPublicDataLen == 0 || ecdh.ulPublicDataLen > kMostBytes) {
-      return CKR_MECHANISM_PARAM_INVALID;
-    }
-    if (const CK_RV rv = findPrivateKey(*session, baseKey, CKK_EC, CKA_DERIVE); rv != CKR_OK) return rv;
+inline std::string Behaviour<&List::C_DeriveKey>::arguments(CK_SESSION_HANDLE session,
+                                                            CK_MECHANISM_PTR mechanism,
+                                                            CK_OBJECT_HANDLE baseKey,
+                                                            CK_ATTRIBUTE_PTR attributes, CK_ULONG count,
+                                                            CK_OBJECT_HANDLE_PTR key) {
+  return commaJoined({described(session), describedMechanism(mechanism), described(baseKey),
+                      describedTemplate(attributes, count)}) +
+         (key ? "" : ", null");
+}
 
-    Object derived;
-    for (CK_ULONG i = 0; i < count; ++i) {
-      const auto* const bytes = static_cast<const CK_BYTE*>(attributes[i].pValue);
-      derived.attributes[attributes[i].type] = Value(bytes, bytes + attributes[i].ulValueLen);
-    }
-    const bool onToken = isTrue(derived, CKA_TOKEN);
-    if (onToken && (session->flags & CKF_RW_SESSION) == 0) return CKR_SESSION_READ_ONLY;
-    constexpr CK_ULONG kMostKeyBytes = 66;  // as many as the x coordinate of a P-521 point has
-    CK_ULONG length = 1;
-    while (length <= kMostKeyBytes && !has(derived, CKA_VALUE_LEN, ulongValue(length))) ++length;
-    if (length > kMostKeyBytes) return CKR_TEMPLATE_INCOMPLETE;
-    const Value publicData(ecdh.pPublicData, ecdh.pPublicData + ecdh.ulPublicDataLen);
-    derived.attributes[CKA_VALUE] = resultOf(CKM_ECDH1_DERIVE, publicData, length);
-    if (isTrue(derived, CKA_SENSITIVE)) derived.sensitive.insert(CKA_VALUE);
-
-    *key = theScript().addObject(std::move(derived), session->slot);
-    if (!onToken) session->objects.push_back(*key);
-    return CKR_OK;
+template <>
+inline CK_RV Behaviour<&List::C_DeriveKey>::call(CK_SESSION_HANDLE handle, CK_MECHANISM_PTR mechanism,
+                                                 CK_OBJECT_HANDLE baseKey, CK_ATTRIBUTE_PTR attributes,
+                                                 CK_ULONG count, CK_OBJECT_HANDLE_PTR key) {
+  Session* session = nullptr;
+  if (const CK_RV rv = findSession(handle, session); rv != CKR_OK) return rv;
+  if (!mechanism || (!attributes && count > 0) || !key) return CKR_ARGUMENTS_BAD;
+  if (mechanism->mechanism != CKM_ECDH1_DERIVE) return CKR_MECHANISM_INVALID;
+  if (!mechanism->pParameter) return CKR_MECHANISM_PARAM_INVALID;
+  const auto& ecdh = *static_cast<const CK_ECDH1_DERIVE_PARAMS*>(mechanism->pParameter);
+  if (!ecdh.pPublicData || ecdh.ulPublicDataLen == 0 || ecdh.ulPublicDataLen > kMostBytes) {
+    return CKR_MECHANISM_PARAM_INVALID;
   }
-};
+  if (const CK_RV rv = findPrivateKey(*session, baseKey, CKK_EC, CKA_DERIVE); rv != CKR_OK) return rv;
+
+  Object derived;
+  for (CK_ULONG i = 0; i < count; ++i) {
+    const auto* const bytes = static_cast<const CK_BYTE*>(attributes[i].pValue);
+    derived.attributes[attributes[i].type] = Value(bytes, bytes + attributes[i].ulValueLen);
+  }
+  const bool onToken = isTrue(derived, CKA_TOKEN);
+  if (onToken && (session->flags & CKF_RW_SESSION) == 0) return CKR_SESSION_READ_ONLY;
+  constexpr CK_ULONG kMostKeyBytes = 66;  // as many as the x coordinate of a P-521 point has
+  CK_ULONG length = 1;
+  while (length <= kMostKeyBytes && !has(derived, CKA_VALUE_LEN, ulongValue(length))) ++length;
+  if (length > kMostKeyBytes) return CKR_TEMPLATE_INCOMPLETE;
+  const Value publicData(ecdh.pPublicData, ecdh.pPublicData + ecdh.ulPublicDataLen);
+  derived.attributes[CKA_VALUE] = resultOf(CKM_ECDH1_DERIVE, publicData, length);
+  if (isTrue(derived, CKA_SENSITIVE)) derived.sensitive.insert(CKA_VALUE);
+
+  *key = theScript().addObject(std::move(derived), session->slot);
+  if (!onToken) session->objects.push_back(*key);
+  return CKR_OK;
+}
 
 }  // namespace mirel::test

@@ -68,7 +68,7 @@ struct Call {
   ///   C_DeriveKey(5, CKM 4176 [kdf 1, shared null 0, public 04AB] 1, 22, [CKA_CLASS=0400000000000000])
   /// A mechanism is shown with its parameters and the length given for them: "CKM 3 null 0" without any,
   /// "CKM 3 0102 2" with some that it should not have.
-  /// Functions that the module does not model show "set" or "null" for every pointer.
+  /// Other pointers are shown as "set" or "null".
   std::string text;
   CK_RV result = CKR_OK;
 };

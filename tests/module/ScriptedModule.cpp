@@ -13,14 +13,11 @@ CK_FUNCTION_LIST liveList{};
 }  // namespace
 
 template <>
-struct Behaviour<&List::C_GetFunctionList> {
-  [[nodiscard]] static std::string arguments(CK_FUNCTION_LIST_PTR_PTR list) { return list ? "" : "null"; }
-  static CK_RV call(CK_FUNCTION_LIST_PTR_PTR list) {
-    if (!list) return CKR_ARGUMENTS_BAD;
-    *list = &liveList;
-    return CKR_OK;
-  }
-};
+inline CK_RV Behaviour<&List::C_GetFunctionList>::call(CK_FUNCTION_LIST_PTR_PTR list) {
+  if (!list) return CKR_ARGUMENTS_BAD;
+  *list = &liveList;
+  return CKR_OK;
+}
 
 namespace {
 

@@ -150,9 +150,6 @@ TEST_F(ScriptedPrivateKeysTest, NeedTheLogin) {
   EXPECT_EQ(signInit(), CKR_USER_NOT_LOGGED_IN);
   EXPECT_EQ(decryptInit(), CKR_USER_NOT_LOGGED_IN);
   EXPECT_EQ(derive(ecKey), CKR_USER_NOT_LOGGED_IN);
-  // Also where the card shows them before it.
-  script.card().privateObjectsNeedLogin = false;
-  EXPECT_EQ(signInit(), CKR_USER_NOT_LOGGED_IN);
 }
 
 TEST_F(ScriptedPrivateKeysTest, KnowOneOperationOfAKindInASession) {
