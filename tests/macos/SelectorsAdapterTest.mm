@@ -26,10 +26,7 @@ std::set<std::string> methodsOf(const char* className) {
 }
 
 TEST(Selectors, BeginWithOurNameUnlessTheirNamesAreGiven) {
-  const struct {
-    const char* className;
-    std::set<std::string> given;
-  } rows[] = {
+  const std::pair<const char*, std::set<std::string>> rows[] = {
       {"MirelSCTokenDriver", {"init", "tokenDriver:createTokenForSmartCard:AID:error:"}},
       {"MirelSCToken",
        {"initWithSmartCard:AID:MirelSCTokenDriver:error:", "sp", "setSp:", "token:createSessionWithError:"}},
@@ -46,10 +43,10 @@ TEST(Selectors, BeginWithOurNameUnlessTheirNamesAreGiven) {
         "authenticatedKeyForObjectID:error:", "generalAuthenticateWithData:dataTag:usingKey:error:"}},
       {"MirelSCTokenAuth", {"initWithSession:", "session", "finishWithError:"}},
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.className);
-    std::set<std::string> unknown = methodsOf(row.className);
-    for (const std::string& name : row.given) EXPECT_EQ(unknown.erase(name), 1U) << name;
+  for (const auto& [className, given] : rows) {
+    SCOPED_TRACE(className);
+    std::set<std::string> unknown = methodsOf(className);
+    for (const std::string& name : given) EXPECT_EQ(unknown.erase(name), 1U) << name;
     EXPECT_FALSE(unknown.empty());
     EXPECT_THAT(unknown, ::testing::Each(::testing::StartsWith("mirel_")));
   }

@@ -65,10 +65,7 @@ TEST(CertificateParser, RefusesWhatIsNotExactlyOneCertificate) {
   const ByteVector good = makeCertificate();
   ASSERT_TRUE(parse(good));
   const ByteVector inside = contentOf(good);
-  const struct {
-    const char* description;
-    ByteVector der;
-  } rows[] = {
+  const std::pair<const char*, ByteVector> rows[] = {
       {"nothing", {}},
       {"one NUL", {0x00}},
       {"NULs", ByteVector(300, 0x00)},
@@ -93,10 +90,7 @@ TEST(CertificateParser, RefusesWhatIsNotExactlyOneCertificate) {
       {"length of 126 bytes", joinedBytes({{0x30, 0xFE}, inside})},
       {"the reserved length FF", joinedBytes({{0x30, 0xFF}, inside})},
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.description);
-    EXPECT_FALSE(parse(row.der));
-  }
+  for (const auto& [description, der] : rows) EXPECT_FALSE(parse(der)) << description;
 }
 
 TEST(CertificateParser, RefusesEveryTruncation) {

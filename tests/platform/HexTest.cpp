@@ -9,10 +9,7 @@ namespace mirel {
 namespace {
 
 TEST(HexOfNumber, WritesDigitsWithoutLeadingZeros) {
-  const struct {
-    std::uint64_t number;
-    const char* expected;
-  } rows[] = {
+  const std::pair<std::uint64_t, const char*> rows[] = {
       {0, "0"},
       {1, "1"},
       {9, "9"},
@@ -27,7 +24,7 @@ TEST(HexOfNumber, WritesDigitsWithoutLeadingZeros) {
       {0x8000000000000000, "8000000000000000"},
       {std::numeric_limits<std::uint64_t>::max(), "FFFFFFFFFFFFFFFF"},
   };
-  for (const auto& row : rows) EXPECT_EQ(hexOfNumber(row.number, HexDigits::kUpper), row.expected);
+  for (const auto& [number, expected] : rows) EXPECT_EQ(hexOfNumber(number, HexDigits::kUpper), expected);
 }
 
 TEST(HexOfNumber, WritesSmallLetters) { EXPECT_EQ(hexOfNumber(0xBEEF09, HexDigits::kLower), "beef09"); }

@@ -152,10 +152,7 @@ TEST(KeyUsage, TakesBitNOfTheBitStringAsBitN) {
       {"unused bits that are set in the second byte", {0x03, 0x03, 0x07, 0x00, 0x7F}, 0x000},
       {"bits without a name", {0x03, 0x05, 0x00, 0x20, 0x7F, 0xFF, 0xFF}, 0x004},
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.description);
-    EXPECT_EQ(usageOfExtension(row.extension), row.usage);
-  }
+  for (const auto& row : rows) EXPECT_EQ(usageOfExtension(row.extension), row.usage) << row.description;
 }
 
 TEST(KeyUsage, IsMissingWithoutTheExtensionOrWhenItStandsTwice) {
@@ -168,10 +165,7 @@ TEST(KeyUsage, IsMissingWithoutTheExtensionOrWhenItStandsTwice) {
 }
 
 TEST(KeyUsage, IsMissingWhenTheBitStringCannotBeRead) {
-  const struct {
-    const char* description;
-    ByteVector extension;
-  } rows[] = {
+  const std::pair<const char*, ByteVector> rows[] = {
       {"nothing", {}},
       {"one NUL", {0x00}},
       {"NULs", {0x00, 0x00, 0x00, 0x00}},
@@ -207,10 +201,8 @@ TEST(KeyUsage, IsMissingWhenTheBitStringCannotBeRead) {
       {"2^64 + 2", {0x03, 0x89, 0x01, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x02, 0x07, 0x80}},
       {"the length that no value has", {0x03, 0xFF, 0x07, 0x80}},
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.description);
-    EXPECT_EQ(usageOfExtension(row.extension), std::nullopt);
-  }
+  for (const auto& [description, extension] : rows)
+    EXPECT_EQ(usageOfExtension(extension), std::nullopt) << description;
 }
 
 TEST(KeyUsage, TakesALengthOfTheShortestForm) {
@@ -236,10 +228,7 @@ TEST(KeyUsage, TakesALengthOfTheShortestForm) {
 }
 
 TEST(KeyUsage, IsFoundWhateverStandsAroundIt) {
-  const struct {
-    const char* description;
-    ByteVector der;
-  } rows[] = {
+  const std::pair<const char*, ByteVector> rows[] = {
       {"alone", certificateWith({kKeyUsage})},
       {"behind another", certificateWith({kBasicConstraints, kKeyUsage})},
       {"before another", certificateWith({kKeyUsage, kBasicConstraints})},
@@ -251,10 +240,10 @@ TEST(KeyUsage, IsFoundWhateverStandsAroundIt) {
       {"a subject's number", certificate({.uniqueIds = {0x82, 0x02, 0x00, 0x01}})},
       {"both", certificate({.uniqueIds = {0x81, 0x02, 0x00, 0x01, 0x82, 0x02, 0x00, 0x01}})},
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.description);
-    EXPECT_TRUE(parse(row.der));
-    EXPECT_EQ(usageOf(row.der), kSigningBits);
+  for (const auto& [description, der] : rows) {
+    SCOPED_TRACE(description);
+    EXPECT_TRUE(parse(der));
+    EXPECT_EQ(usageOf(der), kSigningBits);
   }
 }
 
@@ -263,10 +252,7 @@ TEST(KeyUsage, IsMissingWhenTheWayToItIsNotACertificates) {
   const ByteVector inside = toBeSigned({});
   const ByteVector algorithm = Parts{}.algorithm;
   const ByteVector signature = Parts{}.signature;
-  const struct {
-    const char* description;
-    ByteVector der;
-  } rows[] = {
+  const std::pair<const char*, ByteVector> rows[] = {
       {"nothing", {}},
       {"NULs", ByteVector(64, 0x00)},
       {"all-ones", ByteVector(64, 0xFF)},
@@ -310,10 +296,7 @@ TEST(KeyUsage, IsMissingWhenTheWayToItIsNotACertificates) {
       {"before one that is not one", certificateWith({kKeyUsage, {0x30, 0x00}})},
       {"behind one that is not one", certificateWith({{0x05, 0x00}, kKeyUsage})},
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.description);
-    EXPECT_EQ(usageOf(row.der), std::nullopt);
-  }
+  for (const auto& [description, der] : rows) EXPECT_EQ(usageOf(der), std::nullopt) << description;
 }
 
 TEST(KeyUsage, IsNotReadWhenSomethingFollowsTheCertificate) {

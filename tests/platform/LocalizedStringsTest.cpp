@@ -67,10 +67,7 @@ TEST_F(LocalizedStringsOfAProgram, AreEnglishInTheCLocale) {
 
 TEST_F(LocalizedStringsOfAProgram, FollowTheLanguage) {
   place("build", "build/locale");
-  const struct {
-    const char* language;
-    const char* folder;
-  } rows[] = {
+  const std::pair<const char*, const char*> rows[] = {
       {"en", "en"},
       {"de", "de"},
       {"es", "es"},
@@ -88,10 +85,10 @@ TEST_F(LocalizedStringsOfAProgram, FollowTheLanguage) {
       {"pt_BR", "pt"},
       {"xx:fr:de", "fr"},
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.language);
-    EXPECT_EQ(printed(kTriesLeft, inLanguage(row.language)), textIn(row.folder, kTriesLeft));
-    EXPECT_EQ(printed(kConstraint, inLanguage(row.language)), textIn(row.folder, kConstraint));
+  for (const auto& [language, folder] : rows) {
+    SCOPED_TRACE(language);
+    EXPECT_EQ(printed(kTriesLeft, inLanguage(language)), textIn(folder, kTriesLeft));
+    EXPECT_EQ(printed(kConstraint, inLanguage(language)), textIn(folder, kConstraint));
   }
 }
 

@@ -68,10 +68,7 @@ TEST(LogLine, TakesTheWholeOfEachConversion) {
       {"%hhd before d", logLine("%hhdd", 1), "1d"},
       {"all in a row", logLine("%lX%hhd%lu%@%s%d", upper(255), 0, 2UL, Text{u"3"}, "4", 5), "FF02345"},
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.description);
-    EXPECT_EQ(row.line, row.expected);
-  }
+  for (const auto& row : rows) EXPECT_EQ(row.line, row.expected) << row.description;
 }
 
 TEST(LogLine, WritesTruthAsANumber) { EXPECT_EQ(logLine("%hhd %hhd", true, false), "1 0"); }

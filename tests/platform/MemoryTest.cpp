@@ -75,10 +75,8 @@ TEST(SystemMemory, AlignsForAnyType) {
 
 TEST(SystemMemory, RefusesSizesThatNoObjectCanHave) {
   const std::shared_ptr<Memory> memory = systemMemory();
-  for (const std::size_t size : {kLargestObject + 1, std::numeric_limits<std::size_t>::max()}) {
-    SCOPED_TRACE(size);
-    EXPECT_EQ(memory->allocate(size), nullptr);
-  }
+  for (const std::size_t size : {kLargestObject + 1, std::numeric_limits<std::size_t>::max()})
+    EXPECT_EQ(memory->allocate(size), nullptr) << size;
 }
 
 TEST(SystemMemory, AnswersNullWhenTheHeapCannotGiveTheSize) {

@@ -198,22 +198,14 @@ TEST(PublicKeyOfCertificate, IsReadForBothKindsOfKey) {
 
 TEST(PublicKeyOfCertificate, IsMissingForWhatIsNoCertificate) {
   const std::string text = "no certificate";
-  const struct {
-    const char* description;
-    ByteVector der;
-  } rows[] = {
-      {"nothing", {}},
-      {"one NUL", {0x00}},
-      {"NULs", ByteVector(300, 0x00)},
-      {"all-ones", ByteVector(300, 0xFF)},
-      {"a text", {text.begin(), text.end()}},
-      {"a tag alone", {0x30}},
-      {"an empty SEQUENCE", {0x30, 0x00}},
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.description);
-    EXPECT_FALSE(publicKeyOfCertificate(row.der));
-  }
+  const std::pair<const char*, ByteVector> rows[] = {{"nothing", {}},
+                                                     {"one NUL", {0x00}},
+                                                     {"NULs", ByteVector(300, 0x00)},
+                                                     {"all-ones", ByteVector(300, 0xFF)},
+                                                     {"a text", {text.begin(), text.end()}},
+                                                     {"a tag alone", {0x30}},
+                                                     {"an empty SEQUENCE", {0x30, 0x00}}};
+  for (const auto& [description, der] : rows) EXPECT_FALSE(publicKeyOfCertificate(der)) << description;
 }
 
 TEST(PublicKeyOfCertificate, IsMissingForEveryTruncation) {
@@ -377,20 +369,15 @@ TEST(RecoveredBlock, IsThereForTheLargestNumberBelowTheModulus) {
 TEST(RecoveredBlock, IsEmptyForWhatIsNoNumberBelowTheModulus) {
   ByteVector longer = signatureBy(rsaKey(), kRaw);
   longer.push_back(0);
-  const struct {
-    const char* description;
-    ByteVector signature;
-  } rows[] = {
+  const std::pair<const char*, ByteVector> rows[] = {
       {"the modulus", modulusAnd(0)},
       {"one more", modulusAnd(1)},
       {"all-ones", ByteVector(kModulusSize, 0xFF)},
       {"a byte more", longer},
       {"twice as long", ByteVector(2 * kModulusSize, 0x01)},
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.description);
-    EXPECT_EQ(rsaKey().publicKey->recoveredBlock(row.signature), ByteVector{});
-  }
+  for (const auto& [description, signature] : rows)
+    EXPECT_EQ(rsaKey().publicKey->recoveredBlock(signature), ByteVector{}) << description;
 }
 
 TEST(RecoveredBlock, IsEmptyForAnEcKey) {

@@ -84,10 +84,7 @@ TEST(SecKeyAlgorithm, ListsThemInTheOrderOfTheEnumeration) {
 TEST(SecKeyAlgorithm, HasTheNameOfItsConstant) {
   using enum SecKeyAlgorithm;
   // The first, the last, and one of each family: that a row of the table did not take its neighbour's name.
-  const struct {
-    SecKeyAlgorithm algorithm;
-    std::string_view name;
-  } rows[] = {
+  const std::pair<SecKeyAlgorithm, std::string_view> rows[] = {
       {kSecKeyAlgorithmRSAEncryptionRaw, "kSecKeyAlgorithmRSAEncryptionRaw"},
       {kSecKeyAlgorithmRSASignatureRaw, "kSecKeyAlgorithmRSASignatureRaw"},
       {kSecKeyAlgorithmRSASignatureDigestPKCS1v15Raw, "kSecKeyAlgorithmRSASignatureDigestPKCS1v15Raw"},
@@ -117,7 +114,7 @@ TEST(SecKeyAlgorithm, HasTheNameOfItsConstant) {
       {kSecKeyAlgorithmECDHKeyExchangeCofactorX963SHA512,
        "kSecKeyAlgorithmECDHKeyExchangeCofactorX963SHA512"},
   };
-  for (const auto& row : rows) EXPECT_EQ(nameOf(row.algorithm), row.name);
+  for (const auto& [algorithm, name] : rows) EXPECT_EQ(nameOf(algorithm), name);
 }
 
 TEST(SecKeyAlgorithmNamed, FindsEachWithItsPrefixAndWithout) {
@@ -150,10 +147,7 @@ TEST(SecKeyAlgorithmNamed, FindsNothingElse) {
       "ECDSASignatureDigestRFC4754SHA256",                // newer than the systems served
       std::string_view{"RSASignatureRaw\0", 16},
   };
-  for (const std::string_view row : rows) {
-    SCOPED_TRACE(row);
-    EXPECT_EQ(secKeyAlgorithmNamed(row), std::nullopt);
-  }
+  for (const std::string_view row : rows) EXPECT_EQ(secKeyAlgorithmNamed(row), std::nullopt) << row;
 }
 
 }  // namespace

@@ -277,10 +277,8 @@ TEST(ContainsIgnoringCase, FindsTheLettersInAnyCaseAndPlace) {
       {"beside other scripts", u"\u9375_rsa_\U0001F511", u"RSA"},
       {"non-letters", u"[1_", u"[1_"},
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.description);
-    EXPECT_TRUE(containsIgnoringCase(Text{row.text}, row.letters));
-  }
+  for (const auto& row : rows)
+    EXPECT_TRUE(containsIgnoringCase(Text{row.text}, row.letters)) << row.description;
 }
 
 TEST(ContainsIgnoringCase, FindsNothingElse) {
@@ -307,10 +305,7 @@ TEST(ContainsIgnoringCase, FindsNothingElse) {
       {"fullwidth letters", Text{u"\uFF32\uFF33\uFF21"}, u"RSA"},
       {"units with the letters in their lower bytes", Text{u"\u0152\u0153\u0141"}, u"RSA"},
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.description);
-    EXPECT_FALSE(containsIgnoringCase(row.text, row.letters));
-  }
+  for (const auto& row : rows) EXPECT_FALSE(containsIgnoringCase(row.text, row.letters)) << row.description;
 }
 
 TEST(Bytes, TellsEmptyFromNull) {

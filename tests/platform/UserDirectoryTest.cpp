@@ -90,26 +90,18 @@ TEST(SystemUserDirectory, TellsNoNameForAUserWithoutAnEntry) {
 }
 
 TEST(SystemUserDirectory, TellsNoHomeOfAnUnknownUser) {
-  const struct {
-    const char* description;
-    std::string name;
-  } rows[] = {
+  const std::pair<const char*, std::string> rows[] = {
       {"a name without an entry", "no such user here"},
       {"no name", ""},
       {"a name with a NUL behind a known one", std::string{"daemon\0x", 8}},
       {"a line of the database", "daemon:x:1:1"},
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.description);
-    EXPECT_EQ(systemUserDirectory()->homeOf(row.name), "");
-  }
+  for (const auto& [description, name] : rows)
+    EXPECT_EQ(systemUserDirectory()->homeOf(name), "") << description;
 }
 
 TEST(UsableHome, CanHaveAPathPutBehindIt) {
-  const struct {
-    const char* home;
-    const char* expected;
-  } rows[] = {
+  const std::pair<const char*, const char*> rows[] = {
       {"/home/alice", "/home/alice"},
       {"/home/alice/", "/home/alice"},
       {"/home/alice///", "/home/alice"},
@@ -124,10 +116,7 @@ TEST(UsableHome, CanHaveAPathPutBehindIt) {
       {"home", ""},
       {"./home", ""},
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.home);
-    EXPECT_EQ(usableHome(row.home), row.expected);
-  }
+  for (const auto& [home, expected] : rows) EXPECT_EQ(usableHome(home), expected) << home;
 }
 
 /// A database whose entry for alice needs `needed` bytes.
