@@ -19,21 +19,28 @@ HEADING = (
 )
 
 
-def app_list(version):
+def both_lists(version):
+    """What the lists of the app and of the extension have in common."""
     return {
         "CFBundleDevelopmentRegion": "en",
         "CFBundleDisplayName": "Mirel Token",
-        "CFBundleExecutable": "mireltoken",
-        "CFBundleIconFile": "AppIcon",
-        "CFBundleIdentifier": "com.mirel.token",
         "CFBundleInfoDictionaryVersion": "6.0",
         "CFBundleLocalizations": LANGUAGES,
-        "CFBundleName": "Mirel Token",
-        "CFBundlePackageType": "APPL",
         "CFBundleShortVersionString": version,
         "CFBundleSupportedPlatforms": ["MacOSX"],
         "CFBundleVersion": version,
         "LSMinimumSystemVersion": "12.0",
+    }
+
+
+def app_list(version):
+    return {
+        **both_lists(version),
+        "CFBundleExecutable": "mireltoken",
+        "CFBundleIconFile": "AppIcon",
+        "CFBundleIdentifier": "com.mirel.token",
+        "CFBundleName": "Mirel Token",
+        "CFBundlePackageType": "APPL",
         "LSUIElement": True,
         "NSHighResolutionCapable": True,
     }
@@ -41,18 +48,11 @@ def app_list(version):
 
 def extension_list(version):
     return {
-        "CFBundleDevelopmentRegion": "en",
-        "CFBundleDisplayName": "Mirel Token",
+        **both_lists(version),
         "CFBundleExecutable": "MirelToken",
         "CFBundleIdentifier": "com.mirel.token.extension",
-        "CFBundleInfoDictionaryVersion": "6.0",
-        "CFBundleLocalizations": LANGUAGES,
         "CFBundleName": "MirelToken",
         "CFBundlePackageType": "XPC!",
-        "CFBundleShortVersionString": version,
-        "CFBundleSupportedPlatforms": ["MacOSX"],
-        "CFBundleVersion": version,
-        "LSMinimumSystemVersion": "12.0",
         "NSExtension": {
             # No com.apple.ctk.aid: every card is offered, and none is held open.
             "NSExtensionAttributes": {
@@ -153,12 +153,9 @@ def faults_of_lists(tree):
 
 
 def class_is_defined(tree, name):
-    """In the extension's Objective-C, and before there is any, in the C++ that it hands on to."""
-    objective_c = sorted((tree / "token").glob("macos/**/*.mm"))
-    if objective_c:
-        return any(re.search(rf"^@implementation {name}$", file.read_text(), re.MULTILINE) for file in objective_c)
-    headers = (tree / "token/include").glob("**/*.h")
-    return any(re.search(rf"^class {name}\b[^;]*\{{", file.read_text(), re.MULTILINE) for file in headers)
+    """In the extension's Objective-C."""
+    sources = (tree / "token/macos").glob("**/*.mm")
+    return any(re.search(rf"^@implementation {name}$", file.read_text(), re.MULTILINE) for file in sources)
 
 
 def faults_of_references(tree):

@@ -9,7 +9,9 @@ import shlex
 import shutil
 import xml.etree.ElementTree
 
-from BundleFilesSupport import Checks, arguments, assemble, close_to_others, modes_below, run, temporary_folder
+from BundleFilesSupport import (
+    PROGRAMS, Checks, arguments, assemble, check_modes_of, close_to_others, run, temporary_folder,
+)  # fmt: skip
 
 IDENTITY = "Developer ID Application: Ada's Example (ABCDE12345)"
 INSTALLER = "Developer ID Installer: Ada's Example (ABCDE12345)"
@@ -98,6 +100,14 @@ class Signing:
         made = [line.split("\t") for line in calls.read_text().splitlines()] if calls.exists() else []
         return code, shown, error, made
 
+    def plan(self, *options, **others):
+        """The same of a --dry-run, whose lines are commands."""
+        code, shown, error, calls = self.run("--dry-run", *options, **others)
+        return code, words(shown), error, calls
+
+    def package(self, *options, **others):
+        return self.run("--output", self.output, *options, **others)
+
     def expected(self, stage, identity="-", installer=None, profile=None):
         """The commands for packages, in their order."""
         app = f"{stage}/root/Mirel Token.app"
@@ -171,6 +181,11 @@ def words(shown):
     return [shlex.split(line) for line in shown.splitlines()]
 
 
+def signed_in(lines):
+    """What these commands sign, in their order."""
+    return [line[-1] for line in lines if line[:2] == ["codesign", "--force"]]
+
+
 RELEASE = ["--identity", IDENTITY, "--installer-identity", INSTALLER, "--keychain-profile", "a profile"]
 
 
@@ -178,48 +193,42 @@ def check_shown(checks, signing):
     """What --dry-run prints."""
     stage = "/tmp/sign-and-package"
     output = ["--output", signing.output]
-    code, shown, error, calls = signing.run("--dry-run", *output)
-    checks.equal("ad hoc", (code, words(shown), error, calls), (0, signing.expected(stage), "", []))
-    code, shown, error, calls = signing.run("--dry-run", *output, tools=False)
-    checks.equal("without any tool", (code, words(shown), error), (0, signing.expected(stage), ""))
-    release = signing.run("--dry-run", *output, *RELEASE)
-    expected = signing.expected(stage, IDENTITY, INSTALLER, "a profile")
-    checks.equal("for release", (release[0], words(release[1])), (0, expected))
+    release = signing.expected(stage, IDENTITY, INSTALLER, "a profile")
+    for what, options, tools, expected in (
+        ("ad hoc", [], True, signing.expected(stage)),
+        ("without any tool", [], False, signing.expected(stage)),
+        ("for release", RELEASE, True, release),
+    ):
+        checks.equal(what, signing.plan(*output, *options, tools=tools), (0, expected, "", []))
     checks.true("nothing was made", not signing.output.exists())
-
-    signed = [line[-1] for line in words(release[1]) if line[:2] == ["codesign", "--force"]]
-    checks.equal("from the inside out", [path.rsplit("/", 1)[1] for path in signed],
+    checks.equal("from the inside out", [path.rsplit("/", 1)[1] for path in signed_in(release)],
                  ["MirelToken.appex", "Mirel Token.app", f"MirelToken-{signing.version}.dmg"])
-    checks.true("never --deep", "--deep" not in shown + release[1] + signing.script.read_text())
-    checks.true("never sudo", "sudo" not in signing.script.read_text())
+    for word in ("--deep", "sudo"):
+        checks.true(f"never {word}", word not in signing.script.read_text())
 
-    code, shown, _, _ = signing.run("--dry-run", "--sign-only")
-    where = [line[-1] for line in words(shown) if line[:2] == ["codesign", "--force"]]
+    there = signing.plan("--sign-only")
     expected = [f"{signing.app}/Contents/PlugIns/MirelToken.appex", f"{signing.app}"]
-    checks.equal("where it is", (code, where), (0, expected))
-    _, relative, _, _ = signing.run("--dry-run", "--sign-only", app="build/Mirel Token.app/", cwd=signing.folder)
-    checks.equal("a relative path with a slash", relative, shown)
+    checks.equal("where it is", (there[0], signed_in(there[1])), (0, expected))
+    relative = signing.plan("--sign-only", app="build/Mirel Token.app/", cwd=signing.folder)
+    checks.equal("a relative path with a slash", relative, there)
     other = signing.folder / "other.app"
     (other / "Contents/Frameworks").mkdir(parents=True)
     (other / "Contents/Frameworks/lib.dylib").write_text("a library\n")
-    _, same, _, _ = signing.run("--dry-run", "--sign-only", built=f"{other}")
-    checks.equal("a variable of another's", same, shown)
+    checks.equal("a variable of another's", signing.plan("--sign-only", built=f"{other}"), there)
 
     frameworks = signing.app / "Contents/Frameworks"
     frameworks.mkdir()
     (frameworks / "lib a.dylib").write_text("a library\n")
     for options in (["--sign-only"], output):
-        _, shown, _, _ = signing.run("--dry-run", *options)
-        signed = [line[-1].rsplit("/", 1)[1] for line in words(shown) if line[:2] == ["codesign", "--force"]]
+        signed = [path.rsplit("/", 1)[1] for path in signed_in(signing.plan(*options)[1])]
         checks.equal("libraries first", signed, ["lib a.dylib", "MirelToken.appex", "Mirel Token.app"])
-    (frameworks / "lib a.dylib").unlink()
-    frameworks.rmdir()
+    shutil.rmtree(frameworks)
 
 
 def check_run(checks, signing):
     """What is shown is what is run."""
     for options, notary in ([], False), (RELEASE, True):
-        code, shown, error, calls = signing.run("--output", signing.output, *options)
+        code, shown, error, calls = signing.package(*options)
         checks.equal("success", (code, error), (0, ""))
         stage = calls[0][2].split("/root/")[0]
         checks.true("works in a folder of its own", stage.startswith(f"{signing.folder}/sign-and-package."))
@@ -245,14 +254,14 @@ def check_run(checks, signing):
 def check_paths(checks, signing):
     """However the app's path is written, it is the app that is copied."""
     expected = signing.expected("/tmp/sign-and-package")
+    output = ["--output", signing.output]
     for ending in ("/", "//", "////", "/.", "/./", "/Contents/..", "/Contents/MacOS/../../"):
-        code, shown, error, _ = signing.run("--dry-run", "--output", signing.output, app=f"{signing.app}{ending}")
-        checks.equal(f"a path that ends in {ending}", (code, words(shown), error), (0, expected, ""))
-    code, shown, _, _ = signing.run("--dry-run", "--output", signing.output, app=".", cwd=signing.app)
-    checks.equal("the app is where we are", (code, words(shown)), (0, expected))
-    code, _, error, calls = signing.run("--dry-run", app=f"{signing.folder}/none.app//")
-    checks.equal("no app", (code, calls), (1, []))
-    checks.true(error, f"there is no folder {signing.folder}/none.app//\n" in error)
+        plan = signing.plan(*output, app=f"{signing.app}{ending}")
+        checks.equal(f"a path that ends in {ending}", plan, (0, expected, "", []))
+    checks.equal("the app is where we are", signing.plan(*output, app=".", cwd=signing.app), (0, expected, "", []))
+    code, _, error, calls = signing.plan(app=f"{signing.folder}/none.app//")
+    checks.fails("no app", code, error, f"there is no folder {signing.folder}/none.app//", 1)
+    checks.equal("no app, no work", calls, [])
 
     # Where cd looks for folders has no say in which script and which app it is.
     elsewhere = signing.folder / "elsewhere"
@@ -262,22 +271,18 @@ def check_paths(checks, signing):
     here.mkdir()
     (here / "packaging").symlink_to(signing.packaging.parent)
     (here / "build").symlink_to(signing.app.parent)
-    code, shown, error, _ = signing.run_other(
-        "sh", "packaging/macos/sign-and-package", "--dry-run", "--output", signing.output, "build/Mirel Token.app",
-        cwd=here, CDPATH=f"{elsewhere}",
-    )  # fmt: skip
+    code, shown, error, _ = signing.run_other("sh", "packaging/macos/sign-and-package", "--dry-run", *output,
+                                              "build/Mirel Token.app", cwd=here, CDPATH=f"{elsewhere}")
     ours = f"{here}/packaging/macos/"
     expected = [[word.replace(f"{signing.packaging}/", ours) for word in line] for line in expected]
     checks.equal("with a CDPATH", (code, words(shown), error), (0, expected, ""))
-
 
     renamed = signing.folder / "MirelToken-1.app"
     signing.app.rename(renamed)
     signing.app.symlink_to(renamed)
     for given in (renamed, signing.app):
-        _, shown, _, _ = signing.run("--dry-run", "--output", signing.output, app=given)
-        copied = [line[1:] for line in words(shown) if line[0] == "ditto"]
-        staged = [line[1].rsplit("/", 1)[1] for line in copied]
+        _, plan, _, _ = signing.plan(*output, app=given)
+        staged = [line[2].rsplit("/", 1)[1] for line in plan if line[0] == "ditto"]
         checks.equal(f"the name of what {given.name} becomes", staged, ["Mirel Token.app"] * 2)
     signing.app.unlink()
     renamed.rename(signing.app)
@@ -287,21 +292,17 @@ def check_modes(checks, signing):
     """Everybody can open what is installed, and nobody but its owner can change it, whoever has packed it."""
     private = signing.folder / "private/Mirel Token.app"
     for umask in (0o077, 0o027, 0o002):
-        app = private.name
         shutil.copytree(signing.app, private)
         for seal in private.rglob("_CodeSignature"):
             shutil.rmtree(seal)
         close_to_others(private, umask)
-        code, _, error, _ = signing.run("--output", signing.output, app=private, umask=umask)
+        code, _, error, _ = signing.package(app=private, umask=umask)
         checks.equal(f"umask {umask:03o}", (code, error), (0, ""))
         for made in ("package", "image"):
-            found = modes_below(signing.record / made)
-            checks.true(f"what is in the {made}", f"{app}/Contents/_CodeSignature/CodeResources" in found)
-            programs = [f"{app}/Contents/MacOS/mireltoken"]
-            programs += [f"{app}/Contents/PlugIns/MirelToken.appex/Contents/MacOS/MirelToken"]
-            for path, (is_folder, mode) in found.items():
-                wanted = 0o755 if is_folder or path in programs else 0o644
-                checks.equal(f"umask {umask:03o}, {made}: {path}", f"{mode:03o}", f"{wanted:03o}")
+            app = signing.record / made / private.name
+            checks.true(f"what is in the {made}", (app / "Contents/_CodeSignature/CodeResources").is_file())
+            programs = [f"{private.name}/{program}" for program in PROGRAMS]
+            check_modes_of(checks, f"umask {umask:03o}", app.parent, programs)
         shutil.rmtree(private)
 
 
@@ -316,7 +317,7 @@ def check_distribution(checks, signing):
     ):
         plist.write_text(changed)
         checks.equal(f"{what}: the app", plistlib.loads(changed.encode())["LSMinimumSystemVersion"], minimum)
-        code, _, error, calls = signing.run("--output", signing.output)
+        code, _, error, calls = signing.package()
         checks.equal(f"{what}: success", (code, error), (0, ""))
         text = (signing.record / "distribution").read_text()
         root = xml.etree.ElementTree.fromstring(text)
@@ -378,28 +379,27 @@ TROUBLE = [
 
 def check_trouble(checks, signing):
     for environment, options, message in TROUBLE:
-        code, _, error, calls = signing.run("--output", signing.output, *options, **environment)
-        checks.true(f"{environment} stops it", code != 0)
-        checks.true(f"{environment}: {error}", message in error)
+        code, _, error, calls = signing.package(*options, **environment)
+        checks.fails(environment, code, error, message)
         if "FAIL" in environment and "lipo" not in environment["FAIL"]:
             checks.true(f"{environment} was the last call", re.match(message.split()[0], calls[-1][0]))
         checks.equal("no folder stays behind", list(signing.folder.glob("sign-and-package.*")), [])
-    _, _, _, calls = signing.run("--output", signing.output, *RELEASE, ANSWER="Invalid")
+    _, _, _, calls = signing.package(*RELEASE, ANSWER="Invalid")
     checks.true("the log of a refusal is fetched", ["xcrun", "notarytool", "log"] == calls[-1][:3])
-    code, _, error, calls = signing.run("--output", signing.output, tools=False)
-    checks.equal("no tool, no work", (code, calls), (1, []))
-    checks.true(error, "is missing: this needs macOS" in error)
+    code, _, error, calls = signing.package(tools=False)
+    checks.fails("no tool", code, error, "is missing: this needs macOS", 1)
+    checks.equal("no tool, no work", calls, [])
 
 
 def check_busy(checks, signing):
     """The image is made again while the Mac is busy, some times, and with a pause."""
     for busy, wanted in ((2, 0), (99, 1)):
-        code, _, error, calls = signing.run("--output", signing.output, BUSY=str(busy))
+        code, _, error, calls = signing.package(BUSY=str(busy))
         tries = [call[0] for call in calls if call[0] in ("hdiutil", "sleep")]
         checks.equal(f"busy {busy} times: {error}", code, wanted)
         checks.equal(f"tries when busy {busy} times", tries, ["hdiutil", "sleep"] * min(busy, 4) + ["hdiutil"])
         checks.equal(f"what it says when busy {busy} times", error.count("Resource busy"), min(busy, 5))
-    code, _, _, calls = signing.run("--output", signing.output, FAIL="hdiutil*")
+    code, _, _, calls = signing.package(FAIL="hdiutil*")
     checks.equal("another failure is not tried again", (code, [call[0] for call in calls].count("hdiutil")), (1, 1))
 
 
@@ -438,21 +438,16 @@ def check_misuse(checks, signing):
         (["--keychain-profile", "p", "--sign-only"], "makes none"),
     ):
         code, _, error, calls = signing.run(*options)
-        checks.equal(f"{options}", (code, calls), (2, []))
-        checks.true(f"{options}: {error}", message in error and "usage:" in error)
+        checks.fails(options, code, error, message, 2)
+        checks.equal(f"{options}", ("usage:" in error, calls), (True, []))
     code, shown, error, _ = signing.run("--help")
     checks.equal("help", (code, shown.split(" [")[0], error), (0, "usage: sign-and-package", ""))
-    for missing in (
-        "Contents/Info.plist",
-        "Contents/MacOS/mireltoken",
-        "Contents/PlugIns/MirelToken.appex/Contents/Info.plist",
-        "Contents/PlugIns/MirelToken.appex/Contents/MacOS/MirelToken",
-    ):
+    for missing in ("Contents/Info.plist", "Contents/PlugIns/MirelToken.appex/Contents/Info.plist", *PROGRAMS):
         aside = signing.folder / "aside"
         (signing.app / missing).rename(aside)
-        code, _, error, calls = signing.run("--dry-run")
-        checks.equal(f"without {missing}", (code, calls), (1, []))
-        checks.true(error, f"it has no {missing}" in error)
+        code, _, error, calls = signing.plan()
+        checks.fails(f"without {missing}", code, error, f"it has no {missing}", 1)
+        checks.equal(f"without {missing}", calls, [])
         aside.rename(signing.app / missing)
     plist = signing.app / "Contents/Info.plist"
     content = plist.read_text()
@@ -466,9 +461,9 @@ def check_misuse(checks, signing):
         ("<string>com.mirel.token<", "<string>com.mirel/token<", "has a strange identifier"),
     ):
         plist.write_text(content.replace(old, new))
-        code, _, error, calls = signing.run("--dry-run")
-        checks.equal(f"{new} instead of {old}", (code, calls), (1, []))
-        checks.true(f"{new} instead of {old}: {error}", message in error)
+        code, _, error, calls = signing.plan()
+        checks.fails(f"{new} instead of {old}", code, error, message, 1)
+        checks.equal(f"{new} instead of {old}", calls, [])
     plist.write_text(content)
 
 

@@ -22,6 +22,9 @@ PARTS = [
     "token",
 ]
 
+# The programs in an app.
+PROGRAMS = ["Contents/MacOS/mireltoken", "Contents/PlugIns/MirelToken.appex/Contents/MacOS/MirelToken"]
+
 
 class Checks:
     """Counts what was checked, and says what was not as it should be."""
@@ -38,6 +41,11 @@ class Checks:
 
     def true(self, what, condition):
         self.equal(what, bool(condition), True)
+
+    def fails(self, what, code, error, message, wanted=None):
+        """A run that fails, with `wanted` where that is given, and says so, however its lines are broken."""
+        self.equal(f"{what}: the exit code", code if wanted is not None else code != 0, True if wanted is None else wanted)
+        self.true(f"{what}: {error}", message in " ".join(error.split()))
 
     def finish(self):
         print(f"{self.count} checks, {self.failures} failed")
@@ -117,10 +125,9 @@ def close_to_others(folder, umask):
         path.chmod(wide & ~umask)
 
 
-def modes_below(folder):
-    """Of a folder and all that is in it: whether it is a folder, and its mode."""
-    return {
-        os.path.relpath(path, folder): (path.is_dir(), stat.S_IMODE(path.stat().st_mode))
-        for path in [folder, *folder.rglob("*")]
-        if not path.is_symlink()
-    }
+def check_modes_of(checks, what, folder, programs):
+    """Of a folder and all that is in it: everybody can open it, and nobody but its owner can change it."""
+    for path in [folder, *folder.rglob("*")]:
+        if not path.is_symlink():
+            wanted = 0o755 if path.is_dir() or os.path.relpath(path, folder) in programs else 0o644
+            checks.equal(f"{what}: {path}", f"{stat.S_IMODE(path.stat().st_mode):03o}", f"{wanted:03o}")

@@ -90,6 +90,16 @@ ByteVector makeCertificate(const CertificateWish& wish) {
   return der;
 }
 
+std::vector<std::pair<const char*, ByteVector>> noCertificates() {
+  return {{"nothing", {}},
+          {"one NUL", {0x00}},
+          {"NULs", ByteVector(300, 0x00)},
+          {"all-ones", ByteVector(300, 0xFF)},
+          {"a text", {'n', 'o', ' ', 'c', 'e', 'r', 't'}},
+          {"a tag alone", {0x30}},
+          {"an empty SEQUENCE", {0x30, 0x00}}};
+}
+
 KeyHolder makeRsaKey(unsigned int bits) {
   static std::map<unsigned int, int> numMade;
   KeyHolder key{test::keptRsaKey(bits, "builder-" + std::to_string(numMade[bits]++))};

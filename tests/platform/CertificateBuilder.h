@@ -10,6 +10,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace mirel {
@@ -49,6 +50,9 @@ struct CertificateWish {
 
 /// The DER encoding of such a certificate, signed with a P-256 key of the test program.
 [[nodiscard]] ByteVector makeCertificate(const CertificateWish& wish = {});
+
+/// What is no certificate at all, each with a description.
+[[nodiscard]] std::vector<std::pair<const char*, ByteVector>> noCertificates();
 
 [[nodiscard]] KeyHolder makeRsaKey(unsigned int bits);
 [[nodiscard]] KeyHolder makeRsaPssKey(int bits);

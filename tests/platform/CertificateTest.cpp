@@ -52,26 +52,19 @@ ByteVector replaced(const ByteVector& der, const ByteVector& from, const ByteVec
   return result;
 }
 
-TEST(CertificateParser, KeepsTheEncodingItWasGiven) {
+TEST(CertificateParser, KeepsTheEncodingItWasGivenAndRefusesNull) {
   const Bytes der{makeCertificate()};
   const auto certificate = systemCertificateParser()->createWithData(der);
   ASSERT_TRUE(certificate);
   EXPECT_TRUE(certificate->data().sharesStorageWith(der));
+  EXPECT_FALSE(systemCertificateParser()->createWithData(Bytes{}));
 }
-
-TEST(CertificateParser, RefusesNull) { EXPECT_FALSE(systemCertificateParser()->createWithData(Bytes{})); }
 
 TEST(CertificateParser, RefusesWhatIsNotExactlyOneCertificate) {
   const ByteVector good = makeCertificate();
   ASSERT_TRUE(parse(good));
   const ByteVector inside = contentOf(good);
   const std::pair<const char*, ByteVector> rows[] = {
-      {"nothing", {}},
-      {"one NUL", {0x00}},
-      {"NULs", ByteVector(300, 0x00)},
-      {"all-ones", ByteVector(300, 0xFF)},
-      {"a tag alone", {0x30}},
-      {"an empty SEQUENCE", {0x30, 0x00}},
       {"a NULL", {0x05, 0x00}},
       {"one byte behind it", joinedBytes({good, {0x00}})},
       {"a second certificate behind it", joinedBytes({good, good})},
@@ -91,14 +84,13 @@ TEST(CertificateParser, RefusesWhatIsNotExactlyOneCertificate) {
       {"the reserved length FF", joinedBytes({{0x30, 0xFF}, inside})},
   };
   for (const auto& [description, der] : rows) EXPECT_FALSE(parse(der)) << description;
+  for (const auto& [description, der] : noCertificates()) EXPECT_FALSE(parse(der)) << description;
 }
 
 TEST(CertificateParser, RefusesEveryTruncation) {
   const ByteVector good = makeCertificate({.keyUsages = {{0x03, 0x02, 0x07, 0x80}}});
-  for (std::size_t size = 0; size < good.size(); ++size) {
-    SCOPED_TRACE(size);
-    EXPECT_FALSE(parse({good.begin(), good.begin() + static_cast<std::ptrdiff_t>(size)}));
-  }
+  for (std::size_t size = 0; size < good.size(); ++size)
+    EXPECT_FALSE(parse({good.begin(), good.begin() + static_cast<std::ptrdiff_t>(size)})) << size;
 }
 
 TEST(CertificateParser, RefusesFormsOfBerThatAreNotDer) {
@@ -306,7 +298,7 @@ TEST(CertificateNotAfter, IsNullWhenItCannotBeRead) {
 }
 
 TEST(CertificateKey, IsNamedByAlgorithmAndCurve) {
-  const KeyHolder explicitCurve = makeEcKey("P-256");
+  KeyHolder explicitCurve = makeEcKey("P-256");
   ASSERT_EQ(EVP_PKEY_set_utf8_string_param(explicitCurve.get(), OSSL_PKEY_PARAM_EC_ENCODING, "explicit"), 1);
   const struct {
     const char* description;
@@ -330,6 +322,7 @@ TEST(CertificateKey, IsNamedByAlgorithmAndCurve) {
       {"Ed25519", makeKey("ED25519"), CertificateKeyType::kOther, 256},
       {"X25519", makeKey("X25519"), CertificateKeyType::kOther, 253},
       {"SM2", makeEcKey("SM2"), CertificateKeyType::kOther, 256},
+      {"a curve that is written out", std::move(explicitCurve), CertificateKeyType::kOther, 256},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.description);
@@ -338,10 +331,6 @@ TEST(CertificateKey, IsNamedByAlgorithmAndCurve) {
     EXPECT_EQ(certificate->keyType(), row.type);
     EXPECT_EQ(certificate->keySizeInBits(), row.bits);
   }
-  const auto certificate = parse(makeCertificate({.key = explicitCurve.get()}));
-  ASSERT_TRUE(certificate);
-  EXPECT_EQ(certificate->keyType(), CertificateKeyType::kOther);
-  EXPECT_EQ(certificate->keySizeInBits(), 256);
 }
 
 TEST(CertificateKey, HasNoTypeWhenItCannotBeRead) {

@@ -11,16 +11,11 @@ namespace {
 TEST(HexOfNumber, WritesDigitsWithoutLeadingZeros) {
   const std::pair<std::uint64_t, const char*> rows[] = {
       {0, "0"},
-      {1, "1"},
       {9, "9"},
       {10, "A"},
-      {15, "F"},
       {16, "10"},
-      {0x100, "100"},
       {0xABCDEF, "ABCDEF"},
       {0x0123456789, "123456789"},
-      {0xFFFFFFFF, "FFFFFFFF"},
-      {0x100000000, "100000000"},
       {0x8000000000000000, "8000000000000000"},
       {std::numeric_limits<std::uint64_t>::max(), "FFFFFFFFFFFFFFFF"},
   };

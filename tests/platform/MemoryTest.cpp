@@ -9,6 +9,7 @@
 #include <limits>
 #include <map>
 #include <new>
+#include <optional>
 #include <vector>
 
 #include "platform/SecretBytes.h"
@@ -73,80 +74,69 @@ TEST(SystemMemory, AlignsForAnyType) {
   }
 }
 
-TEST(SystemMemory, RefusesSizesThatNoObjectCanHave) {
-  const std::shared_ptr<Memory> memory = systemMemory();
-  for (const std::size_t size : {kLargestObject + 1, std::numeric_limits<std::size_t>::max()})
-    EXPECT_EQ(memory->allocate(size), nullptr) << size;
-}
-
-TEST(SystemMemory, AnswersNullWhenTheHeapCannotGiveTheSize) {
-  EXPECT_EQ(systemMemory()->allocate(kLargestObject - 4096), nullptr);
+TEST(SystemMemory, RefusesSizesThatNoObjectCanHaveOrTheHeapCannotGive) {
+  for (const std::size_t size :
+       {kLargestObject + 1, std::numeric_limits<std::size_t>::max(), kLargestObject - 4096})
+    EXPECT_EQ(systemMemory()->allocate(size), nullptr) << size;
 }
 
 TEST(SystemMemory, ReleasesNull) { systemMemory()->release(nullptr); }
 
-TEST(MemoryBlock, OwnsNothingAtFirst) {
+class MemoryBlockTest : public testing::Test {
+ protected:
+  MemoryBlockTest() { EXPECT_TRUE(block->allocate(16)); }
+  /// The block is of that size, and the only one.
+  void expectOnly(std::size_t size) const {
+    EXPECT_EQ(block->size(), size);
+    EXPECT_EQ(block->data() != nullptr, size > 0);
+    EXPECT_EQ(memory.blocksInUse(), size > 0 ? 1U : 0U);
+  }
+
   CountingMemory memory;
-  const MemoryBlock block{memory};
-  EXPECT_EQ(block.data(), nullptr);
-  EXPECT_EQ(block.size(), 0U);
+  std::optional<MemoryBlock> block{std::in_place, memory};
+};
+
+TEST_F(MemoryBlockTest, OwnsNothingAtFirst) {
+  block.emplace(memory);
+  expectOnly(0);
 }
 
-TEST(MemoryBlock, ReleasesItsBlockAtTheEnd) {
-  CountingMemory memory;
-  {
-    MemoryBlock block{memory};
-    ASSERT_TRUE(block.allocate(16));
-    EXPECT_EQ(block.size(), 16U);
-    EXPECT_EQ(memory.blocksInUse(), 1U);
-  }
+TEST_F(MemoryBlockTest, ReleasesItsBlockAtTheEnd) {
+  expectOnly(16);
+  block.reset();
   EXPECT_EQ(memory.blocksInUse(), 0U);
 }
 
-TEST(MemoryBlock, ReplacesItsBlock) {
-  CountingMemory memory;
-  MemoryBlock block{memory};
-  ASSERT_TRUE(block.allocate(16));
-  ASSERT_TRUE(block.allocate(32));
-  EXPECT_EQ(block.size(), 32U);
-  EXPECT_EQ(memory.blocksInUse(), 1U);
+TEST_F(MemoryBlockTest, ReplacesItsBlock) {
+  ASSERT_TRUE(block->allocate(32));
+  expectOnly(32);
 }
 
-TEST(MemoryBlock, OwnsNothingAfterARefusal) {
-  CountingMemory memory;
-  MemoryBlock block{memory};
-  ASSERT_TRUE(block.allocate(16));
+TEST_F(MemoryBlockTest, OwnsNothingAfterARefusal) {
   memory.refuses = true;
-  EXPECT_FALSE(block.allocate(32));
-  EXPECT_EQ(block.data(), nullptr);
-  EXPECT_EQ(block.size(), 0U);
+  EXPECT_FALSE(block->allocate(32));
+  expectOnly(0);
+}
+
+TEST_F(MemoryBlockTest, KeepsABlockThatTheBorrowerLeft) {
+  block->reclaim(block->data());
+  expectOnly(16);
+}
+
+TEST_F(MemoryBlockTest, ForgetsABlockThatTheBorrowerReleased) {
+  memory.release(block->data());
+  block->reclaim(nullptr);
+  expectOnly(0);
+  block.reset();
   EXPECT_EQ(memory.blocksInUse(), 0U);
 }
 
-TEST(MemoryBlock, KeepsABlockThatTheBorrowerLeft) {
-  CountingMemory memory;
-  MemoryBlock block{memory};
-  ASSERT_TRUE(block.allocate(16));
-  block.reclaim(block.data());
-  EXPECT_EQ(block.size(), 16U);
-  EXPECT_EQ(memory.blocksInUse(), 1U);
-}
+class MemoryAllocatorTest : public testing::Test {
+ protected:
+  const std::shared_ptr<CountingMemory> memory = std::make_shared<CountingMemory>();
+};
 
-TEST(MemoryBlock, ForgetsABlockThatTheBorrowerReleased) {
-  CountingMemory memory;
-  {
-    MemoryBlock block{memory};
-    ASSERT_TRUE(block.allocate(16));
-    memory.release(block.data());
-    block.reclaim(nullptr);
-    EXPECT_EQ(block.data(), nullptr);
-    EXPECT_EQ(block.size(), 0U);
-  }
-  EXPECT_EQ(memory.blocksInUse(), 0U);
-}
-
-TEST(MemoryAllocator, ServesAContainer) {
-  const auto memory = std::make_shared<CountingMemory>();
+TEST_F(MemoryAllocatorTest, ServesAContainer) {
   {
     std::vector<std::uint64_t, MemoryAllocator<std::uint64_t>> numbers{
         MemoryAllocator<std::uint64_t>{memory}};
@@ -157,8 +147,7 @@ TEST(MemoryAllocator, ServesAContainer) {
   EXPECT_EQ(memory->blocksInUse(), 0U);
 }
 
-TEST(MemoryAllocator, ServesAllocateShared) {
-  const auto memory = std::make_shared<CountingMemory>();
+TEST_F(MemoryAllocatorTest, ServesAllocateShared) {
   auto number = std::allocate_shared<int>(MemoryAllocator<int>{memory}, 5);
   EXPECT_EQ(*number, 5);
   EXPECT_EQ(memory->blocksInUse(), 1U);
@@ -166,15 +155,13 @@ TEST(MemoryAllocator, ServesAllocateShared) {
   EXPECT_EQ(memory->blocksInUse(), 0U);
 }
 
-TEST(MemoryAllocator, ThrowsBadAllocWhenTheMemoryRefuses) {
-  const auto memory = std::make_shared<CountingMemory>();
+TEST_F(MemoryAllocatorTest, ThrowsBadAllocWhenTheMemoryRefuses) {
   memory->refuses = true;
   std::vector<int, MemoryAllocator<int>> numbers{MemoryAllocator<int>{memory}};
   EXPECT_THROW(numbers.push_back(1), std::bad_alloc);
 }
 
-TEST(MemoryAllocator, ThrowsBadAllocForACountWhoseSizeOverflows) {
-  const auto memory = std::make_shared<CountingMemory>();
+TEST_F(MemoryAllocatorTest, ThrowsBadAllocForACountWhoseSizeOverflows) {
   MemoryAllocator<std::uint64_t> allocator{memory};
   // 8 times this count is 8 again in 64 bits.
   constexpr std::size_t kCount = std::numeric_limits<std::size_t>::max() / 8 + 2;
@@ -182,8 +169,7 @@ TEST(MemoryAllocator, ThrowsBadAllocForACountWhoseSizeOverflows) {
   EXPECT_EQ(memory->blocksInUse(), 0U);
 }
 
-TEST(MemoryAllocator, IsEqualToOthersOfTheSameMemory) {
-  const auto memory = std::make_shared<CountingMemory>();
+TEST_F(MemoryAllocatorTest, IsEqualToOthersOfTheSameMemory) {
   const MemoryAllocator<int> ints{memory};
   EXPECT_TRUE(ints == MemoryAllocator<char>{ints});
   EXPECT_FALSE(ints == MemoryAllocator<int>{std::make_shared<CountingMemory>()});

@@ -61,50 +61,42 @@ struct Row {
   const char* hash;
 };
 
-constexpr Row kRsaRows[] = {
-    {kSecKeyAlgorithmRSASignatureRaw, RSA_NO_PADDING, nullptr},
-    {kSecKeyAlgorithmRSASignatureDigestPKCS1v15Raw, RSA_PKCS1_PADDING, nullptr},
-    {kSecKeyAlgorithmRSASignatureDigestPKCS1v15SHA1, RSA_PKCS1_PADDING, "SHA1"},
-    {kSecKeyAlgorithmRSASignatureDigestPKCS1v15SHA224, RSA_PKCS1_PADDING, "SHA224"},
-    {kSecKeyAlgorithmRSASignatureDigestPKCS1v15SHA256, RSA_PKCS1_PADDING, "SHA256"},
-    {kSecKeyAlgorithmRSASignatureDigestPKCS1v15SHA384, RSA_PKCS1_PADDING, "SHA384"},
-    {kSecKeyAlgorithmRSASignatureDigestPKCS1v15SHA512, RSA_PKCS1_PADDING, "SHA512"},
-    {kSecKeyAlgorithmRSASignatureDigestPSSSHA1, RSA_PKCS1_PSS_PADDING, "SHA1"},
-    {kSecKeyAlgorithmRSASignatureDigestPSSSHA224, RSA_PKCS1_PSS_PADDING, "SHA224"},
-    {kSecKeyAlgorithmRSASignatureDigestPSSSHA256, RSA_PKCS1_PSS_PADDING, "SHA256"},
-    {kSecKeyAlgorithmRSASignatureDigestPSSSHA384, RSA_PKCS1_PSS_PADDING, "SHA384"},
-    {kSecKeyAlgorithmRSASignatureDigestPSSSHA512, RSA_PKCS1_PSS_PADDING, "SHA512"},
-    // A token gets the digest of the message.
-    {kSecKeyAlgorithmRSASignatureMessagePKCS1v15SHA1, RSA_PKCS1_PADDING, "SHA1"},
-    {kSecKeyAlgorithmRSASignatureMessagePKCS1v15SHA224, RSA_PKCS1_PADDING, "SHA224"},
-    {kSecKeyAlgorithmRSASignatureMessagePKCS1v15SHA256, RSA_PKCS1_PADDING, "SHA256"},
-    {kSecKeyAlgorithmRSASignatureMessagePKCS1v15SHA384, RSA_PKCS1_PADDING, "SHA384"},
-    {kSecKeyAlgorithmRSASignatureMessagePKCS1v15SHA512, RSA_PKCS1_PADDING, "SHA512"},
-    {kSecKeyAlgorithmRSASignatureMessagePSSSHA1, RSA_PKCS1_PSS_PADDING, "SHA1"},
-    {kSecKeyAlgorithmRSASignatureMessagePSSSHA224, RSA_PKCS1_PSS_PADDING, "SHA224"},
-    {kSecKeyAlgorithmRSASignatureMessagePSSSHA256, RSA_PKCS1_PSS_PADDING, "SHA256"},
-    {kSecKeyAlgorithmRSASignatureMessagePSSSHA384, RSA_PKCS1_PSS_PADDING, "SHA384"},
-    {kSecKeyAlgorithmRSASignatureMessagePSSSHA512, RSA_PKCS1_PSS_PADDING, "SHA512"},
-};
+constexpr const char* kSignatureHashes[] = {"SHA1", "SHA224", "SHA256", "SHA384", "SHA512"};
 
-constexpr Row kEcRows[] = {
-    {kSecKeyAlgorithmECDSASignatureDigestX962, 0, nullptr},
-    {kSecKeyAlgorithmECDSASignatureDigestX962SHA1, 0, "SHA1"},
-    {kSecKeyAlgorithmECDSASignatureDigestX962SHA224, 0, "SHA224"},
-    {kSecKeyAlgorithmECDSASignatureDigestX962SHA256, 0, "SHA256"},
-    {kSecKeyAlgorithmECDSASignatureDigestX962SHA384, 0, "SHA384"},
-    {kSecKeyAlgorithmECDSASignatureDigestX962SHA512, 0, "SHA512"},
-    {kSecKeyAlgorithmECDSASignatureMessageX962SHA1, 0, "SHA1"},
-    {kSecKeyAlgorithmECDSASignatureMessageX962SHA224, 0, "SHA224"},
-    {kSecKeyAlgorithmECDSASignatureMessageX962SHA256, 0, "SHA256"},
-    {kSecKeyAlgorithmECDSASignatureMessageX962SHA384, 0, "SHA384"},
-    {kSecKeyAlgorithmECDSASignatureMessageX962SHA512, 0, "SHA512"},
-};
+SecKeyAlgorithm named(const std::string& name) { return secKeyAlgorithmNamed(name).value(); }
 
-constexpr Row kRaw = kRsaRows[0];
-constexpr Row kPkcs1Sha256 = kRsaRows[4];
-constexpr Row kPssSha256 = kRsaRows[9];
-constexpr Row kEcdsaSha256 = kEcRows[3];
+const std::vector<Row>& rsaRows() {
+  static const std::vector<Row> rows = [] {
+    std::vector<Row> all{{kSecKeyAlgorithmRSASignatureRaw, RSA_NO_PADDING, nullptr},
+                         {kSecKeyAlgorithmRSASignatureDigestPKCS1v15Raw, RSA_PKCS1_PADDING, nullptr}};
+    for (const char* hash : kSignatureHashes) {
+      // A token gets the digest of the message.
+      for (const std::string front : {"RSASignatureDigest", "RSASignatureMessage"}) {
+        all.push_back({named(front + "PKCS1v15" + hash), RSA_PKCS1_PADDING, hash});
+        all.push_back({named(front + "PSS" + hash), RSA_PKCS1_PSS_PADDING, hash});
+      }
+    }
+    return all;
+  }();
+  return rows;
+}
+
+const std::vector<Row>& ecRows() {
+  static const std::vector<Row> rows = [] {
+    std::vector<Row> all{{kSecKeyAlgorithmECDSASignatureDigestX962, 0, nullptr}};
+    for (const char* hash : kSignatureHashes) {
+      for (const std::string front : {"ECDSASignatureDigestX962", "ECDSASignatureMessageX962"})
+        all.push_back({named(front + hash), 0, hash});
+    }
+    return all;
+  }();
+  return rows;
+}
+
+constexpr Row kRaw{kSecKeyAlgorithmRSASignatureRaw, RSA_NO_PADDING, nullptr};
+constexpr Row kPkcs1Sha256{kSecKeyAlgorithmRSASignatureDigestPKCS1v15SHA256, RSA_PKCS1_PADDING, "SHA256"};
+constexpr Row kPssSha256{kSecKeyAlgorithmRSASignatureDigestPSSSHA256, RSA_PKCS1_PSS_PADDING, "SHA256"};
+constexpr Row kEcdsaSha256{kSecKeyAlgorithmECDSASignatureDigestX962SHA256, 0, "SHA256"};
 
 ByteVector digestBy(const char* hash, std::string_view message) {
   ByteVector digest(EVP_MAX_MD_SIZE);
@@ -128,7 +120,8 @@ ByteVector dataFor(const Row& row) {
   return digestBy(row.hash ? row.hash : "SHA256", "a message");
 }
 
-ByteVector signatureBy(const TestKey& key, const Row& row, const ByteVector& data) {
+ByteVector signatureBy(const TestKey& key, const Row& row, int saltLen = RSA_PSS_SALTLEN_DIGEST) {
+  const ByteVector data = dataFor(row);
   const std::unique_ptr<EVP_PKEY_CTX, OpenSslFree> context{EVP_PKEY_CTX_new(key.key.get(), nullptr)};
   require(context && EVP_PKEY_sign_init(context.get()) == 1, "signing does not begin");
   if (row.padding != 0)
@@ -136,10 +129,8 @@ ByteVector signatureBy(const TestKey& key, const Row& row, const ByteVector& dat
   if (row.hash) {
     const EVP_MD* hash = EVP_get_digestbyname(row.hash);
     require(EVP_PKEY_CTX_set_signature_md(context.get(), hash) == 1, "the hash was refused");
-    if (row.padding == RSA_PKCS1_PSS_PADDING) {
-      require(EVP_PKEY_CTX_set_rsa_pss_saltlen(context.get(), EVP_MD_get_size(hash)) == 1,
-              "the salt was refused");
-    }
+    if (row.padding == RSA_PKCS1_PSS_PADDING)
+      require(EVP_PKEY_CTX_set_rsa_pss_saltlen(context.get(), saltLen) == 1, "the salt was refused");
   }
   std::size_t size = static_cast<std::size_t>(EVP_PKEY_get_size(key.key.get()));
   ByteVector signature(size);
@@ -148,8 +139,6 @@ ByteVector signatureBy(const TestKey& key, const Row& row, const ByteVector& dat
   signature.resize(size);
   return signature;
 }
-
-ByteVector signatureBy(const TestKey& key, const Row& row) { return signatureBy(key, row, dataFor(row)); }
 
 /// With a bit of the byte at `at` turned round.
 ByteVector changedAt(std::size_t at, ByteVector bytes) {
@@ -165,9 +154,17 @@ bool isOf(const char* kind, SecKeyAlgorithm algorithm) {
   return nameOf(algorithm).substr(kSecKeyAlgorithmPrefix.size()).starts_with(kind);
 }
 
+/// Whether what the key signed as the row says is a signature by that algorithm.
+bool verifies(const TestKey& key, SecKeyAlgorithm algorithm, const Row& row) {
+  return key.publicKey->verifies(algorithm, dataFor(row), signatureBy(key, row));
+}
+
+void expectNoRsaSignature(SecKeyAlgorithm algorithm) {
+  for (const Row& row : {kRaw, kPkcs1Sha256, kPssSha256}) EXPECT_FALSE(verifies(rsaKey(), algorithm, row));
+}
+
 /// Checks everything that makes a signature of the rows a wrong one.
-template <std::size_t N>
-void expectNoWrongSignatureToVerify(const TestKey& key, const TestKey& other, const Row (&rows)[N]) {
+void expectNoWrongSignatureToVerify(const TestKey& key, const TestKey& other, const std::vector<Row>& rows) {
   for (const Row& row : rows) {
     SCOPED_TRACE(nameOf(row.algorithm));
     const ByteVector data = dataFor(row);
@@ -197,15 +194,8 @@ TEST(PublicKeyOfCertificate, IsReadForBothKindsOfKey) {
 }
 
 TEST(PublicKeyOfCertificate, IsMissingForWhatIsNoCertificate) {
-  const std::string text = "no certificate";
-  const std::pair<const char*, ByteVector> rows[] = {{"nothing", {}},
-                                                     {"one NUL", {0x00}},
-                                                     {"NULs", ByteVector(300, 0x00)},
-                                                     {"all-ones", ByteVector(300, 0xFF)},
-                                                     {"a text", {text.begin(), text.end()}},
-                                                     {"a tag alone", {0x30}},
-                                                     {"an empty SEQUENCE", {0x30, 0x00}}};
-  for (const auto& [description, der] : rows) EXPECT_FALSE(publicKeyOfCertificate(der)) << description;
+  for (const auto& [description, der] : noCertificates())
+    EXPECT_FALSE(publicKeyOfCertificate(der)) << description;
 }
 
 TEST(PublicKeyOfCertificate, IsMissingForEveryTruncation) {
@@ -230,46 +220,26 @@ TEST(PublicKeyOfCertificate, IsMissingWhenTheKeyCannotBeRead) {
 // ---- Verifying ----
 
 TEST(PublicKeyVerifies, EverySignatureOfItsPrivateKey) {
-  for (const Row& row : kRsaRows) {
-    SCOPED_TRACE(nameOf(row.algorithm));
-    EXPECT_TRUE(rsaKey().publicKey->verifies(row.algorithm, dataFor(row), signatureBy(rsaKey(), row)));
-  }
-  for (const Row& row : kEcRows) {
-    SCOPED_TRACE(nameOf(row.algorithm));
-    EXPECT_TRUE(ecKey().publicKey->verifies(row.algorithm, dataFor(row), signatureBy(ecKey(), row)));
-  }
+  for (const Row& row : rsaRows())
+    EXPECT_TRUE(verifies(rsaKey(), row.algorithm, row)) << nameOf(row.algorithm);
+  for (const Row& row : ecRows()) EXPECT_TRUE(verifies(ecKey(), row.algorithm, row)) << nameOf(row.algorithm);
 }
 
-TEST(PublicKeyVerifies, NoWrongSignatureOfAnRsaKey) {
-  expectNoWrongSignatureToVerify(rsaKey(), otherRsaKey(), kRsaRows);
-}
-
-TEST(PublicKeyVerifies, NoWrongSignatureOfAnEcKey) {
-  expectNoWrongSignatureToVerify(ecKey(), otherEcKey(), kEcRows);
+TEST(PublicKeyVerifies, NoWrongSignature) {
+  expectNoWrongSignatureToVerify(rsaKey(), otherRsaKey(), rsaRows());
+  expectNoWrongSignatureToVerify(ecKey(), otherEcKey(), ecRows());
 }
 
 TEST(PublicKeyVerifies, NoSignatureByAnotherAlgorithm) {
-  const ByteVector digest = dataFor(kPkcs1Sha256);
-  EXPECT_FALSE(
-      rsaKey().publicKey->verifies(kPssSha256.algorithm, digest, signatureBy(rsaKey(), kPkcs1Sha256)));
-  EXPECT_FALSE(
-      rsaKey().publicKey->verifies(kPkcs1Sha256.algorithm, digest, signatureBy(rsaKey(), kPssSha256)));
-  EXPECT_FALSE(rsaKey().publicKey->verifies(kSecKeyAlgorithmRSASignatureDigestPKCS1v15Raw, digest,
-                                            signatureBy(rsaKey(), kPkcs1Sha256)));
+  EXPECT_FALSE(verifies(rsaKey(), kPssSha256.algorithm, kPkcs1Sha256));
+  EXPECT_FALSE(verifies(rsaKey(), kPkcs1Sha256.algorithm, kPssSha256));
+  EXPECT_FALSE(verifies(rsaKey(), kSecKeyAlgorithmRSASignatureDigestPKCS1v15Raw, kPkcs1Sha256));
 }
 
 TEST(PublicKeyVerifies, NoSignatureByPssWithAnotherLengthOfSalt) {
   // RFC 8017, section 9.1: by their names the algorithms have a salt as long as the hash.
-  const std::unique_ptr<EVP_PKEY_CTX, OpenSslFree> context{EVP_PKEY_CTX_new(rsaKey().key.get(), nullptr)};
-  ASSERT_EQ(EVP_PKEY_sign_init(context.get()), 1);
-  ASSERT_EQ(EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_PSS_PADDING), 1);
-  ASSERT_EQ(EVP_PKEY_CTX_set_signature_md(context.get(), EVP_sha256()), 1);
-  ASSERT_EQ(EVP_PKEY_CTX_set_rsa_pss_saltlen(context.get(), 20), 1);
-  const ByteVector digest = dataFor(kPssSha256);
-  ByteVector signature(kModulusSize);
-  std::size_t size = signature.size();
-  ASSERT_EQ(EVP_PKEY_sign(context.get(), signature.data(), &size, digest.data(), digest.size()), 1);
-  EXPECT_FALSE(rsaKey().publicKey->verifies(kPssSha256.algorithm, digest, signature));
+  const ByteVector signature = signatureBy(rsaKey(), kPssSha256, 20);
+  EXPECT_FALSE(rsaKey().publicKey->verifies(kPssSha256.algorithm, dataFor(kPssSha256), signature));
 }
 
 TEST(PublicKeyVerifies, NothingByAnAlgorithmOfTheOtherKindOfKey) {
@@ -277,12 +247,9 @@ TEST(PublicKeyVerifies, NothingByAnAlgorithmOfTheOtherKindOfKey) {
     if (!signs(known.algorithm)) continue;
     SCOPED_TRACE(known.name);
     if (isOf("EC", known.algorithm)) {
-      for (const Row& row : {kRaw, kPkcs1Sha256, kPssSha256}) {
-        EXPECT_FALSE(rsaKey().publicKey->verifies(known.algorithm, dataFor(row), signatureBy(rsaKey(), row)));
-      }
+      expectNoRsaSignature(known.algorithm);
     } else {
-      const ByteVector signature = signatureBy(ecKey(), kEcdsaSha256);
-      EXPECT_FALSE(ecKey().publicKey->verifies(known.algorithm, dataFor(kEcdsaSha256), signature));
+      EXPECT_FALSE(verifies(ecKey(), known.algorithm, kEcdsaSha256));
     }
   }
 }
@@ -291,11 +258,8 @@ TEST(PublicKeyVerifies, NothingByAnAlgorithmThatDoesNotSign) {
   for (const auto& known : kSecKeyAlgorithms) {
     if (signs(known.algorithm)) continue;
     SCOPED_TRACE(known.name);
-    for (const Row& row : {kRaw, kPkcs1Sha256, kPssSha256}) {
-      EXPECT_FALSE(rsaKey().publicKey->verifies(known.algorithm, dataFor(row), signatureBy(rsaKey(), row)));
-    }
-    const ByteVector signature = signatureBy(ecKey(), kEcdsaSha256);
-    EXPECT_FALSE(ecKey().publicKey->verifies(known.algorithm, dataFor(kEcdsaSha256), signature));
+    expectNoRsaSignature(known.algorithm);
+    EXPECT_FALSE(verifies(ecKey(), known.algorithm, kEcdsaSha256));
   }
 }
 
@@ -366,7 +330,7 @@ TEST(RecoveredBlock, IsThereForTheLargestNumberBelowTheModulus) {
   EXPECT_EQ(rsaKey().publicKey->recoveredBlock(modulusAnd(-1)), modulusAnd(-1));
 }
 
-TEST(RecoveredBlock, IsEmptyForWhatIsNoNumberBelowTheModulus) {
+TEST(RecoveredBlock, IsEmptyForAnyOtherNumberOrLength) {
   ByteVector longer = signatureBy(rsaKey(), kRaw);
   longer.push_back(0);
   const std::pair<const char*, ByteVector> rows[] = {
@@ -375,6 +339,10 @@ TEST(RecoveredBlock, IsEmptyForWhatIsNoNumberBelowTheModulus) {
       {"all-ones", ByteVector(kModulusSize, 0xFF)},
       {"a byte more", longer},
       {"twice as long", ByteVector(2 * kModulusSize, 0x01)},
+      {"nothing", {}},
+      {"a single byte", {0x01}},
+      {"a byte less", ByteVector(kModulusSize - 1, 0x01)},
+      {"another byte more", ByteVector(kModulusSize + 1, 0x01)},
   };
   for (const auto& [description, signature] : rows)
     EXPECT_EQ(rsaKey().publicKey->recoveredBlock(signature), ByteVector{}) << description;
@@ -383,12 +351,6 @@ TEST(RecoveredBlock, IsEmptyForWhatIsNoNumberBelowTheModulus) {
 TEST(RecoveredBlock, IsEmptyForAnEcKey) {
   EXPECT_EQ(ecKey().publicKey->recoveredBlock(signatureBy(ecKey(), kEcdsaSha256)), ByteVector{});
   EXPECT_EQ(ecKey().publicKey->recoveredBlock({}), ByteVector{});
-}
-
-TEST(RecoveredBlock, IsEmptyForAnyLengthButThatOfTheModulus) {
-  for (const std::size_t size : {std::size_t{0}, std::size_t{1}, kModulusSize - 1, kModulusSize + 1}) {
-    EXPECT_TRUE(rsaKey().publicKey->recoveredBlock(ByteVector(size, 0x01)).empty()) << size;
-  }
 }
 
 }  // namespace

@@ -81,42 +81,6 @@ TEST(SecKeyAlgorithm, ListsThemInTheOrderOfTheEnumeration) {
   }
 }
 
-TEST(SecKeyAlgorithm, HasTheNameOfItsConstant) {
-  using enum SecKeyAlgorithm;
-  // The first, the last, and one of each family: that a row of the table did not take its neighbour's name.
-  const std::pair<SecKeyAlgorithm, std::string_view> rows[] = {
-      {kSecKeyAlgorithmRSAEncryptionRaw, "kSecKeyAlgorithmRSAEncryptionRaw"},
-      {kSecKeyAlgorithmRSASignatureRaw, "kSecKeyAlgorithmRSASignatureRaw"},
-      {kSecKeyAlgorithmRSASignatureDigestPKCS1v15Raw, "kSecKeyAlgorithmRSASignatureDigestPKCS1v15Raw"},
-      {kSecKeyAlgorithmRSASignatureDigestPKCS1v15SHA1, "kSecKeyAlgorithmRSASignatureDigestPKCS1v15SHA1"},
-      {kSecKeyAlgorithmRSASignatureMessagePKCS1v15SHA512,
-       "kSecKeyAlgorithmRSASignatureMessagePKCS1v15SHA512"},
-      {kSecKeyAlgorithmRSASignatureDigestPSSSHA256, "kSecKeyAlgorithmRSASignatureDigestPSSSHA256"},
-      {kSecKeyAlgorithmRSASignatureMessagePSSSHA256, "kSecKeyAlgorithmRSASignatureMessagePSSSHA256"},
-      {kSecKeyAlgorithmECDSASignatureRFC4754, "kSecKeyAlgorithmECDSASignatureRFC4754"},
-      {kSecKeyAlgorithmECDSASignatureDigestX962, "kSecKeyAlgorithmECDSASignatureDigestX962"},
-      {kSecKeyAlgorithmECDSASignatureDigestX962SHA384, "kSecKeyAlgorithmECDSASignatureDigestX962SHA384"},
-      {kSecKeyAlgorithmECDSASignatureMessageX962SHA224, "kSecKeyAlgorithmECDSASignatureMessageX962SHA224"},
-      {kSecKeyAlgorithmRSAEncryptionPKCS1, "kSecKeyAlgorithmRSAEncryptionPKCS1"},
-      {kSecKeyAlgorithmRSAEncryptionOAEPSHA256, "kSecKeyAlgorithmRSAEncryptionOAEPSHA256"},
-      {kSecKeyAlgorithmRSAEncryptionOAEPSHA384AESGCM, "kSecKeyAlgorithmRSAEncryptionOAEPSHA384AESGCM"},
-      {kSecKeyAlgorithmECIESEncryptionStandardX963SHA1AESGCM,
-       "kSecKeyAlgorithmECIESEncryptionStandardX963SHA1AESGCM"},
-      {kSecKeyAlgorithmECIESEncryptionCofactorX963SHA512AESGCM,
-       "kSecKeyAlgorithmECIESEncryptionCofactorX963SHA512AESGCM"},
-      {kSecKeyAlgorithmECIESEncryptionStandardVariableIVX963SHA224AESGCM,
-       "kSecKeyAlgorithmECIESEncryptionStandardVariableIVX963SHA224AESGCM"},
-      {kSecKeyAlgorithmECIESEncryptionCofactorVariableIVX963SHA512AESGCM,
-       "kSecKeyAlgorithmECIESEncryptionCofactorVariableIVX963SHA512AESGCM"},
-      {kSecKeyAlgorithmECDHKeyExchangeStandard, "kSecKeyAlgorithmECDHKeyExchangeStandard"},
-      {kSecKeyAlgorithmECDHKeyExchangeStandardX963SHA1, "kSecKeyAlgorithmECDHKeyExchangeStandardX963SHA1"},
-      {kSecKeyAlgorithmECDHKeyExchangeCofactor, "kSecKeyAlgorithmECDHKeyExchangeCofactor"},
-      {kSecKeyAlgorithmECDHKeyExchangeCofactorX963SHA512,
-       "kSecKeyAlgorithmECDHKeyExchangeCofactorX963SHA512"},
-  };
-  for (const auto& [algorithm, name] : rows) EXPECT_EQ(nameOf(algorithm), name);
-}
-
 TEST(SecKeyAlgorithmNamed, FindsEachWithItsPrefixAndWithout) {
   std::set<SecKeyAlgorithm> found;
   for (const std::string& name : expectedNames()) {

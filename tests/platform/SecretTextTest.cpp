@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "FreedBlocks.h"
+#include "SecretTextBytes.h"
 #include "platform/Memory.h"
 
 namespace mirel {
@@ -19,33 +20,19 @@ namespace {
 using namespace std::string_view_literals;
 using test::FreedBlocks;
 
-std::span<const std::uint8_t> bytesOf(std::string_view text) {
-  return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
-}
-
-std::span<const std::uint8_t> bytesOf(std::u16string_view units) {
-  return {reinterpret_cast<const std::uint8_t*>(units.data()), units.size() * sizeof(char16_t)};
-}
-
-std::string utf8Of(const SecretText& text) {
-  std::array<std::uint8_t, 64> room{};
-  const std::size_t written = text.copyUtf8(room);
-  return {room.begin(), room.begin() + static_cast<std::ptrdiff_t>(written)};
-}
-
-TEST(SecretText, IsNullAtFirst) {
-  const SecretText text;
-  EXPECT_TRUE(text.isNull());
-  EXPECT_EQ(text.length(), 0U);
-  EXPECT_EQ(utf8Of(text), "");
-}
+/// Odd lengths and those around the steps in which containers grow.
+constexpr std::size_t kLengths[] = {2, 3, 4, 6, 7, 8, 9, 15, 16, 17, 33, 64, 1000};
 
 TEST(SecretText, TellsEmptyFromNull) {
+  const SecretText null;
   const SecretText empty{u""};
+  EXPECT_TRUE(null.isNull());
   EXPECT_FALSE(empty.isNull());
-  EXPECT_EQ(empty.length(), 0U);
-  EXPECT_EQ(utf8Of(empty), "");
   EXPECT_FALSE(SecretText::fromUtf8({})->isNull());
+  for (const SecretText* text : {&null, &empty}) {
+    EXPECT_EQ(text->length(), 0U);
+    EXPECT_EQ(utf8Of(*text), "");
+  }
 }
 
 TEST(SecretText, CannotBeCopiedOrMoved) {
@@ -94,9 +81,8 @@ TEST(FreedBlocks, SeesABlockThatWasNotWiped) {
 }
 
 TEST(SecretTextMemory, HoldsNothingOfItWhenItIsGivenBack) {
-  // Odd lengths and those around the steps in which containers grow. The needle is the text's last two
-  // digits, so that a part that stays is noticed too.
-  for (const std::size_t length : {2U, 3U, 4U, 6U, 7U, 8U, 9U, 15U, 16U, 17U, 33U, 64U, 1000U}) {
+  // The needle is the text's last two digits, so that a part that stays is noticed too.
+  for (const std::size_t length : kLengths) {
     SCOPED_TRACE(length);
     for (const std::u16string_view tail : {u"79"sv, u"\u00E9\u00E8"sv}) {
       const std::u16string units = std::u16string(length - 2, tail.front()) + std::u16string{tail};
@@ -112,14 +98,14 @@ TEST(SecretTextMemory, HoldsNothingOfItWhenItIsGivenBack) {
 }
 
 TEST(SecretTextMemory, HoldsNothingOfItWhenItWasDecoded) {
-  for (const std::size_t length : {2U, 3U, 4U, 6U, 7U, 8U, 9U, 15U, 16U, 17U, 33U, 64U, 1000U}) {
+  for (const std::size_t length : kLengths) {
     SCOPED_TRACE(length);
     for (const bool ascii : {true, false}) {
       std::string utf8;
       for (std::size_t i = 2; i < length; ++i) utf8 += ascii ? "5" : "\xF0\x9F\x94\x91";
       utf8 += "79";
       const FreedBlocks freed{bytesOf(u"79"sv)};
-      SecretText::fromUtf8(bytesOf(utf8)).reset();
+      SecretText::fromUtf8(bytesOf(std::string_view{utf8})).reset();
       EXPECT_EQ(freed.withNeedle(), 0U);
       EXPECT_EQ(freed.count(), 2U) << "one block for the object and one for the text, never moved";
     }

@@ -59,34 +59,25 @@ class SystemLog : public testing::Test {
   std::shared_ptr<Log> log_ = systemLog();
 };
 
-TEST_F(SystemLog, WritesDefaultLinesAtNoticeLevel) {
-  log_->systemDefault("CTK [MirelSCToken-29] +++START+++");
-  ASSERT_EQ(syslogCalls().size(), 1U);
-  EXPECT_EQ(syslogCalls()[0].priority, LOG_NOTICE);
-  EXPECT_EQ(syslogCalls()[0].text, "CTK [MirelSCToken-29] +++START+++");
-}
-
-TEST_F(SystemLog, WritesErrorLinesAtErrorLevel) {
-  log_->systemError("[MirelSCToken-48] Get token ID fail");
-  ASSERT_EQ(syslogCalls().size(), 1U);
-  EXPECT_EQ(syslogCalls()[0].priority, LOG_ERR);
-  EXPECT_EQ(syslogCalls()[0].text, "[MirelSCToken-48] Get token ID fail");
-}
-
-TEST_F(SystemLog, NeverUsesALineAsAFormat) {
-  log_->systemError("%n%s%s%s%s");
-  ASSERT_EQ(syslogCalls().size(), 1U);
-  EXPECT_EQ(syslogCalls()[0].format, "%s");
-  EXPECT_EQ(syslogCalls()[0].text, "%n%s%s%s%s");
-}
-
-TEST_F(SystemLog, BringsAnythingToOneLine) {
+TEST_F(SystemLog, WritesEachLineAsOneAtItsLevelAndNeverAsAFormat) {
   using namespace std::string_view_literals;
-  log_->systemDefault("first\nsecond\0third\xFF"sv);
-  log_->systemError("first\nsecond\0third\xFF"sv);
-  ASSERT_EQ(syslogCalls().size(), 2U);
-  EXPECT_EQ(syslogCalls()[0].text, "first\\x0Asecond\\x00third\\xFF");
-  EXPECT_EQ(syslogCalls()[1].text, "first\\x0Asecond\\x00third\\xFF");
+  const std::pair<std::string_view, const char*> rows[] = {
+      {"[MirelSCToken-48] Get token ID fail", "[MirelSCToken-48] Get token ID fail"},
+      {"%n%s%s%s%s", "%n%s%s%s%s"},
+      {"first\nsecond\0third\xFF"sv, "first\\x0Asecond\\x00third\\xFF"},
+  };
+  for (const auto& [line, written] : rows) {
+    syslogCalls().clear();
+    log_->systemDefault(line);
+    log_->systemError(line);
+    ASSERT_EQ(syslogCalls().size(), 2U);
+    EXPECT_EQ(syslogCalls()[0].priority, LOG_NOTICE);
+    EXPECT_EQ(syslogCalls()[1].priority, LOG_ERR);
+    for (const SyslogCall& call : syslogCalls()) {
+      EXPECT_EQ(call.format, "%s");
+      EXPECT_EQ(call.text, written);
+    }
+  }
 }
 
 TEST_F(SystemLog, KeepsTheProcessLogOutOfTheSystemLog) {
