@@ -14,21 +14,13 @@ const TKError kOfTheCore{Text{kTKErrorDomain}, -6, Text{}};
 
 NSError* earlierError() { return [NSError errorWithDomain:@"earlier" code:1 userInfo:nil]; }
 
-TEST(ErrorArgument, LeavesAnEarlierErrorWhereTheCoreSetsNone) {
+TEST(ErrorArgument, ReplacesAnEarlierErrorByTheCoresAlone) {
   @autoreleasepool {
     for (const Before before : {Before::kIgnored, Before::kShown}) {
       NSError* const earlier = earlierError();
       NSError* error = earlier;
       { ErrorArgument argument{&error, before}; }
       EXPECT_TRUE(error == earlier);
-    }
-  }
-}
-
-TEST(ErrorArgument, ReplacesAnEarlierErrorByTheCores) {
-  @autoreleasepool {
-    for (const Before before : {Before::kIgnored, Before::kShown}) {
-      NSError* error = earlierError();
       {
         ErrorArgument argument{&error, before};
         *argument.pointer() = kOfTheCore;

@@ -51,7 +51,7 @@ class BothImplementations : public ModuleTest, public ::testing::WithParamInterf
   Record played(const std::function<std::unique_ptr<ScenarioDriver>()>& makeDriver) {
     script.reset();
     notifications->posted.clear();
-    GetParam().prepare(script);
+    prepare(GetParam(), script);
     const auto driver = makeDriver();
     Play play{*driver};
     GetParam().run(play, script);

@@ -89,8 +89,9 @@ void addKey(Script& script, std::string_view id, std::string_view label, TestKey
   script.addObject(certificate(bytesOf(id), bytesOf(label), certificateFor(key, usage)));
 }
 
+void tellingTheTriesLeft(Script& script) { script.deviations.triesLeftAsDeviceError = true; }
+
 void severalKeys(Script& script) {
-  setUsage(script, kDigitalSignature);
   addKey(script, "02", "Second", TestKey::kP256, kDigitalSignature);
   addKey(script, "03", "Third", TestKey::kRsa2048, kKeyEncipherment);
 }
@@ -105,58 +106,49 @@ void onlyInsert(Play& play, Script&) {
   play.remove();
 }
 
-void insertAndOpen(Play& play) {
-  play.insert();
-  play.openSession();
-}
-
 std::vector<Scenario> insertions() {
   return {
-      {"KeyThatSigns", cardFor(kDigitalSignature), onlyInsert, {"can sign log in"}},
-      {"KeyThatDecrypts", cardFor(kKeyEncipherment), onlyInsert, {"can decrypt"}},
-      {"KeyThatExchanges", cardFor(kKeyAgreement), onlyInsert, {"can exchange"}},
+      {"KeyThatSigns", onlyInsert, {"can sign log in"}},
+      {"KeyThatDecrypts", onlyInsert, {"can decrypt"}, cardFor(kKeyEncipherment)},
+      {"KeyThatExchanges", onlyInsert, {"can exchange"}, cardFor(kKeyAgreement)},
       {"KeyThatDoesAll",
-       cardFor(kDigitalSignature | kKeyEncipherment | kKeyAgreement),
        onlyInsert,
-       {"can sign log in"}},
-      {"KeyThatDoesNothing", cardFor(1U << 6U), onlyInsert, {"can, certificate"}},
-      {"SeveralKeys", severalKeys, onlyInsert, {"key \"01\"", "key \"02\"", "key \"03\""}},
+       {"can sign log in"},
+       cardFor(kDigitalSignature | kKeyEncipherment | kKeyAgreement)},
+      {"KeyThatDoesNothing", onlyInsert, {"can, certificate"}, cardFor(1U << 6U)},
+      {"SeveralKeys", onlyInsert, {"key \"01\"", "key \"02\"", "key \"03\""}, severalKeys},
       {"NoModule",
-       cardFor(kDigitalSignature),
        onlyInsert,
        {"insert Reader A 00: failed", "initWithMirelCTKFramwork fail"},
+       nullptr,
        false},
       {"NoCard",
-       cardFor(kDigitalSignature),
        [](Play& play, Script&) { play.insert("Reader B 00"); },
        {"failed, error CryptoTokenKit -6", "Get token ID fail"}},
       {"UnreadableCertificate",
+       onlyInsert,
+       {"public key without mapping cert ID"},
        [](Script& script) {
          severalKeys(script);
          script.object(kCertificate).attributes[CKA_VALUE] = bytesOf("this is no certificate");
-       },
-       onlyInsert,
-       {"public key without mapping cert ID"}},
+       }},
       {"KeyOfAnUnknownKind",
-       [](Script& script) { setUsage(script, kDigitalSignature, TestKey::kEd25519); },
        onlyInsert,
-       {"succeeded"}},
+       {"succeeded"},
+       [](Script& script) { setUsage(script, kDigitalSignature, TestKey::kEd25519); }},
       {"OddTexts",
+       onlyInsert,
+       {"key"},
        [](Script& script) {
-         setUsage(script, kDigitalSignature);
          rename(script, std::string_view{"\0\xFFx", 3}, "M\xC3\xBCller\n");
-       },
-       onlyInsert,
-       {"key"}},
+       }},
       {"FailingModule",
-       [](Script& script) {
-         setUsage(script, kDigitalSignature);
-         script.failCallOf("C_FindObjectsInit", 0, CKR_DEVICE_ERROR, Times::kFromThenOn);
-       },
        onlyInsert,
-       {"insert Reader A 00"}},
+       {"insert Reader A 00"},
+       [](Script& script) {
+         script.failCallOf("C_FindObjectsInit", 0, CKR_DEVICE_ERROR, Times::kFromThenOn);
+       }},
       {"AnotherCard",
-       cardFor(kDigitalSignature),
        [](Play& play, Script& script) {
          play.insert();
          play.remove();
@@ -167,57 +159,46 @@ std::vector<Scenario> insertions() {
   };
 }
 
+/// What happens in a session, number 0.
 std::vector<Scenario> logins() {
   return {
       {"WrongPinThenRightPin",
-       cardFor(kDigitalSignature),
-       [](Play& play, Script& script) {
-         script.deviations.triesLeftAsDeviceError = true;
-         insertAndOpen(play);
+       [](Play& play, Script&) {
          play.logIn(0, "000000");
          play.sign(0, kBlock);
          play.logIn(0);
          play.sign(0, kBlock);
        },
        {"finish: failed, error CryptoTokenKit -5 NSLocalizedDescription", "tries left: 2",
-        "error CryptoTokenKit -9", "finish: succeeded", "sign RSASignatureRaw 01: succeeded, data"}},
+        "error CryptoTokenKit -9", "finish: succeeded", "sign RSASignatureRaw 01: succeeded, data"},
+       tellingTheTriesLeft},
       {"LockedPin",
-       cardFor(kDigitalSignature),
        [](Play& play, Script&) {
-         insertAndOpen(play);
          for (int i = 0; i < 4; ++i) play.logIn(0, "000000");
          play.logIn(0);
          play.sign(0, kBlock);
        },
        {"finish: failed", "finish: failed", "finish: failed", "finish: failed", "finish: failed"}},
       {"NineCharacters",
-       cardFor(kDigitalSignature),
        [](Play& play, Script&) {
-         insertAndOpen(play);
          play.logIn(0, "123456789");
          play.logIn(0, "12\xC3\xA4");
        },
        {"finish: failed", "finish: failed"}},
       {"NoPinAndEmptyPin",
-       cardFor(kDigitalSignature),
        [](Play& play, Script&) {
-         insertAndOpen(play);
          play.logIn(0, std::nullopt);
          play.logIn(0, "");
        },
        {"finish: failed, error CryptoTokenKit -5", "finish: failed"}},
       {"TriesLeftOfTheDevice",
-       cardFor(kDigitalSignature),
-       [](Play& play, Script& script) {
-         script.deviations.triesLeftAsDeviceError = true;
-         insertAndOpen(play);
+       [](Play& play, Script&) {
          for (int i = 0; i < 3; ++i) play.logIn(0, "000000");
        },
-       {"tries left: 2", "tries left: 1", "finish: failed"}},
+       {"tries left: 2", "tries left: 1", "finish: failed"},
+       tellingTheTriesLeft},
       {"OtherConstraints",
-       cardFor(kDigitalSignature),
        [](Play& play, Script&) {
-         insertAndOpen(play);
          for (const char* constraint : {"YES", "NO", "Biometry", "", "pin", "PIN", "PINAlways"})
            play.beginAuth(0, kSigning, "01", constraint);
          play.beginAuth(0, kDecrypting, "01");
@@ -225,9 +206,7 @@ std::vector<Scenario> logins() {
        {"begin 2 01 YES: failed, error CryptoTokenKit -8", "begin 2 01 Biometry: failed",
         "begin 2 01 PIN: succeeded", "asks for a PIN of 4 to 8 at bit 40"}},
       {"TwoSessions",
-       cardFor(kDigitalSignature),
        [](Play& play, Script&) {
-         insertAndOpen(play);
          play.openSession();
          play.logIn(1);
          play.sign(0, kBlock);
@@ -239,36 +218,28 @@ std::vector<Scenario> logins() {
   };
 }
 
+/// The same.
 std::vector<Scenario> uses() {
   return {
       {"SupportOfEveryAlgorithm",
-       cardFor(kDigitalSignature | kKeyEncipherment | kKeyAgreement),
        [](Play& play, Script&) {
-         insertAndOpen(play);
          play.supportOfEverything(0, "01");
          play.supports(0, kSigning, "02", "RSASignatureRaw");
        },
-       {"supports 2 01", "RSASignatureDigestPKCS1v15Raw", "supports 2 02 RSASignatureRaw: no"}},
+       {"supports 2 01", "RSASignatureDigestPKCS1v15Raw", "supports 2 02 RSASignatureRaw: no"},
+       cardFor(kDigitalSignature | kKeyEncipherment | kKeyAgreement)},
       {"SupportOfAKeyThatOnlySigns",
-       cardFor(kDigitalSignature),
-       [](Play& play, Script&) {
-         insertAndOpen(play);
-         play.supportOfEverything(0, "01");
-       },
+       [](Play& play, Script&) { play.supportOfEverything(0, "01"); },
        {"supports 2 01", "supports 3 01:"}},
       {"SignatureWithoutALogin",
-       cardFor(kDigitalSignature),
        [](Play& play, Script&) {
-         insertAndOpen(play);
          play.sign(0, kBlock);
          play.decrypt(0, kBlock);
        },
        {"sign RSASignatureRaw 01: failed, error CryptoTokenKit -9",
         "decrypt RSAEncryptionPKCS1 01: failed, error CryptoTokenKit -9"}},
       {"SignatureWithWhatThereIsNot",
-       cardFor(kDigitalSignature),
        [](Play& play, Script&) {
-         insertAndOpen(play);
          play.sign(0, kBlock, "RSASignatureRaw", "02");
          play.logIn(0);
          play.sign(0, kBlock, "RSASignatureRaw", "02");
@@ -280,9 +251,7 @@ std::vector<Scenario> uses() {
         "sign RSASignatureRaw 02: failed, error CryptoTokenKit -7",
         "sign RSASignatureMessagePSSSHA256 01: failed"}},
       {"SignaturesOfEveryKind",
-       severalKeys,
        [](Play& play, Script&) {
-         insertAndOpen(play);
          play.logIn(0);
          play.sign(0, kBlock);
          play.sign(0, kDigest, "RSASignatureDigestPKCS1v15Raw");
@@ -290,41 +259,32 @@ std::vector<Scenario> uses() {
            play.sign(0, kDigest, std::string{"ECDSASignatureDigestX962SHA"} + hash, "02");
        },
        {"sign RSASignatureRaw 01: succeeded, data",
-        "sign ECDSASignatureDigestX962SHA256 02: succeeded, data"}},
+        "sign ECDSASignatureDigestX962SHA256 02: succeeded, data"},
+       severalKeys},
       {"KeyNamedForPss",
-       [](Script& script) {
-         setUsage(script, kDigitalSignature);
-         rename(script, "pss1", "My PSS key");
-       },
        [](Play& play, Script&) {
-         insertAndOpen(play);
          play.logIn(0, "123456", kSigning, "pss1");
          play.sign(0, kDigest, "RSASignatureDigestPKCS1v15Raw", "pss1");
          play.sign(0, kBlock, "RSASignatureRaw", "pss1");
        },
-       {"sign RSASignatureDigestPKCS1v15Raw pss1: succeeded, data"}},
+       {"sign RSASignatureDigestPKCS1v15Raw pss1: succeeded, data"},
+       [](Script& script) { rename(script, "pss1", "My PSS key"); }},
       {"CardPulledBeforeTheSignature",
-       cardFor(kDigitalSignature),
        [](Play& play, Script& script) {
-         insertAndOpen(play);
          play.logIn(0);
          script.pullCard();
          play.sign(0, kBlock);
        },
        {"finish: succeeded", "sign RSASignatureRaw 01: succeeded, data , no error"}},
       {"CardPulledBeforeTheLogin",
-       cardFor(kDigitalSignature),
        [](Play& play, Script& script) {
-         insertAndOpen(play);
          script.pullCard();
          play.logIn(0);
          play.sign(0, kBlock);
        },
        {"finish: failed, error CryptoTokenKit -5", "error CryptoTokenKit -9"}},
       {"CardRefusesTheSignature",
-       cardFor(kDigitalSignature),
        [](Play& play, Script& script) {
-         insertAndOpen(play);
          play.logIn(0);
          script.failCallOf("C_Sign", 0, CKR_FUNCTION_FAILED);
          play.sign(0, kBlock);
@@ -332,9 +292,7 @@ std::vector<Scenario> uses() {
        },
        {"sign RSASignatureRaw 01: succeeded, data 00000000", "sign RSASignatureRaw 01: succeeded, data"}},
       {"Decryption",
-       cardFor(kKeyEncipherment),
        [](Play& play, Script&) {
-         insertAndOpen(play);
          play.logIn(0, "123456", kDecrypting);
          play.decrypt(0, cipherOf({'h', 'i'}));
          play.decrypt(0, Data(256, 0x33));
@@ -344,18 +302,18 @@ std::vector<Scenario> uses() {
          play.decrypt(0, cipherOf({'h', 'i'}), "RSAEncryptionPKCS1", "02");
        },
        {"decrypt RSAEncryptionPKCS1 01: succeeded, data 6869, no error",
-        "decrypt RSAEncryptionPKCS1 02: failed, error CryptoTokenKit -7"}},
+        "decrypt RSAEncryptionPKCS1 02: failed, error CryptoTokenKit -7"},
+       cardFor(kKeyEncipherment)},
       {"KeyExchange",
-       cardFor(kKeyAgreement),
        [](Play& play, Script&) {
-         insertAndOpen(play);
          play.exchange(0, "01");
          play.exchange(0, "02");
          play.logIn(0, "123456", kExchanging);
          play.exchange(0, "01");
          play.exchange(0, "02");
        },
-       {"exchange 01: failed, no error", "exchange 02: failed, error CryptoTokenKit -7"}},
+       {"exchange 01: failed, no error", "exchange 02: failed, error CryptoTokenKit -7"},
+       cardFor(kKeyAgreement)},
   };
 }
 
@@ -449,10 +407,24 @@ void Play::exchange(std::size_t session, const std::string& key) {
 const std::vector<Scenario>& scenarios() {
   static const std::vector<Scenario> all = [] {
     std::vector<Scenario> table = insertions();
-    for (const auto& part : {logins(), uses()}) table.insert(table.end(), part.begin(), part.end());
+    for (const auto& part : {logins(), uses()}) {
+      for (Scenario scenario : part) {
+        scenario.run = [run = scenario.run](Play& play, Script& script) {
+          play.insert();
+          play.openSession();
+          run(play, script);
+        };
+        table.push_back(std::move(scenario));
+      }
+    }
     return table;
   }();
   return all;
+}
+
+void prepare(const Scenario& scenario, Script& script) {
+  setUsage(script, kDigitalSignature);
+  if (scenario.prepare) scenario.prepare(script);
 }
 
 std::string withoutAddresses(std::string line) {

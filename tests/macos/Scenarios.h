@@ -94,15 +94,17 @@ class Play {
 struct Scenario {
   /// Letters only.
   std::string name;
-  /// Makes the card.
-  std::function<void(Script&)> prepare;
   std::function<void(Play&, Script&)> run;
   /// Lines that must come, among others and in this order: so that the two do not agree on nothing.
   std::vector<std::string> mustSay;
+  /// Changes the card, whose key signs; null: not at all.
+  std::function<void(Script&)> prepare = nullptr;
   bool hasModule = true;
 };
 
 [[nodiscard]] const std::vector<Scenario>& scenarios();
+/// Makes the card of the scenario.
+void prepare(const Scenario& scenario, Script& script);
 
 // The only places that level out what may differ.
 

@@ -21,6 +21,7 @@
 #include "double/RaisingCall.h"
 #import "double/Switches.h"
 #import "double/Utf8.h"
+#include "platform/CertificateBuilder.h"
 #include "platform/Desktop.h"
 #include "platform/DistributedNotificationCenter.h"
 #include "platform/UserDirectory.h"
@@ -36,11 +37,8 @@ using ::testing::StartsWith;
 
 // ---- The user ----
 
-TEST(MacUserDirectory, KnowsTheLoginNameOfThePlatform) {
+TEST(MacUserDirectory, KnowsTheLoginNameOfThePlatformAndBuildsItsHome) {
   EXPECT_EQ(systemUserDirectory()->loginName(), utf8Of(NSUserName()));
-}
-
-TEST(MacUserDirectory, BuildsTheHomeOfTheLoginName) {
   EXPECT_EQ(systemUserDirectory()->homeOf("ada"), "/Users/ada");
   EXPECT_EQ(systemUserDirectory()->homeOf(""), "");
 }
@@ -204,10 +202,9 @@ TEST_F(MacCertificate, TellsNothingOverWhichThePlatformRaises) {
 }
 
 TEST_F(MacCertificate, IsNullForAnythingElse) {
-  const auto parser = systemCertificateParser();
-  EXPECT_FALSE(parser->createWithData(Bytes{}));
-  EXPECT_FALSE(parser->createWithData(Bytes{std::vector<std::uint8_t>{}}));
-  EXPECT_FALSE(parser->createWithData(Bytes{std::vector<std::uint8_t>{0x30, 0x00}}));
+  EXPECT_FALSE(systemCertificateParser()->createWithData(Bytes{}));
+  for (const auto& [description, der] : noCertificates())
+    EXPECT_FALSE(systemCertificateParser()->createWithData(Bytes{der})) << description;
 }
 
 // ---- The desktop ----
@@ -220,9 +217,11 @@ class MacDesktop : public ::testing::Test {
   std::shared_ptr<Desktop> desktop = systemDesktop();
 };
 
-TEST_F(MacDesktop, HasNoAppForAProgramOutsideOfOne) { EXPECT_EQ(desktop->appPath(), ""); }
-
-TEST_F(MacDesktop, KnowsAProgramThatWasStartedByAnother) { EXPECT_FALSE(desktop->appWasOpened()); }
+TEST_F(MacDesktop, IsOfAProgramOutsideOfAnAppThatWasStartedByAnother) {
+  EXPECT_EQ(desktop->appPath(), "");
+  EXPECT_FALSE(desktop->appWasOpened());
+  EXPECT_EQ(desktop->localized("No such text"), Text{u"No such text"});
+}
 
 TEST_F(MacDesktop, RegistersTheBundleOfTheProgramAnew) {
   EXPECT_EQ(desktop->registerApp(), 0);
@@ -270,10 +269,6 @@ TEST(MacApp, SaysWhatToDoNextInTheWordsOfItsOwnTable) {
       run({.program = app / "Mirel Token", .arguments = {"items"}, .environment = environment});
   EXPECT_EQ(withArgument.exitCode, 99);
   EXPECT_EQ(withArgument.out, "");
-}
-
-TEST_F(MacDesktop, KeepsTheEnglishTextWithoutATranslation) {
-  EXPECT_EQ(desktop->localized("No such text"), Text{u"No such text"});
 }
 
 }  // namespace

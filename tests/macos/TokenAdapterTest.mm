@@ -60,20 +60,16 @@ TEST_F(TokenAdapter, ReadsTheKeyUsageHoweverThePlatformTellsIt) {
 }
 
 TEST_F(TokenAdapter, GivesAKeyNoUseWithoutAKeyUsage) {
-  const auto expectNoUse = [this] {
+  for (const KeyUsageForm form : {KeyUsageForm::kNoValue, KeyUsageForm::kError, KeyUsageForm::kBitNumbers}) {
+    switches->keyUsageForm = form;
+    if (form == KeyUsageForm::kBitNumbers)
+      script.object(kCertificate).attributes[CKA_VALUE] = testCertificate({.key = TestKey::kRsa2048});
     ASSERT_TRUE(system->offerCard(kReaderName).succeeded);
     const PublishedItem key = system->items().back();
     EXPECT_FALSE(key.canSign || key.canDecrypt || key.canPerformKeyExchange || key.suitableForLogin);
     EXPECT_EQ(key.constraints, (std::map<long, std::string>{}));
     EXPECT_EQ(key.alwaysAuthenticate, true);
-  };
-  for (const KeyUsageForm form : {KeyUsageForm::kNoValue, KeyUsageForm::kError}) {
-    switches->keyUsageForm = form;
-    expectNoUse();
   }
-  switches->keyUsageForm = KeyUsageForm::kBitNumbers;
-  script.object(kCertificate).attributes[CKA_VALUE] = testCertificate({.key = TestKey::kRsa2048});
-  expectNoUse();
 }
 
 TEST_F(TokenAdapter, PublishesNothingOfACertificateWithoutAKey) {
@@ -129,9 +125,7 @@ TEST_F(TokenAdapter, AnswersWhileTheBaseInitialisersRun) {
     hadProvider = [filled sp] != nil;
   };
   switches->whenContentsAreFilled = [&] {
-    @autoreleasepool {
-      answered = [filled token:filled createSessionWithError:nil] != nil;
-    }
+    answered = [filled token:filled createSessionWithError:nil] != nil;
   };
   switches->whenSessionIsInitialised = [&](void* object) {
     state = [static_cast<::MirelSCTokenSession*>((id)object) authState];

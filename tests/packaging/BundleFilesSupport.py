@@ -43,8 +43,8 @@ class Checks:
         self.equal(what, bool(condition), True)
 
     def fails(self, what, code, error, message, wanted=None):
-        """A run that fails, with `wanted` where that is given, and says so, however its lines are broken."""
-        self.equal(f"{what}: the exit code", code if wanted is not None else code != 0, True if wanted is None else wanted)
+        """Of a run: it fails, with that code where one is wanted, and says why, however its lines are broken."""
+        self.true(f"{what}: it ends with {code}", code == wanted if wanted else code != 0)
         self.true(f"{what}: {error}", message in " ".join(error.split()))
 
     def finish(self):

@@ -55,14 +55,10 @@ static TKTokenKeychainKey* plainCopyOf(TKTokenKeychainKey* key) {
 @implementation TKSmartCardSlot
 @synthesize name = _name;
 - (instancetype)initWithName:(NSString*)name {
-  if ((self = [super init])) {
-    countObject("TKSmartCardSlot", 1);
-    _name = [name copy];
-  }
+  if ((self = [super init])) _name = [name copy];
   return self;
 }
 - (void)dealloc {
-  countObject("TKSmartCardSlot", -1);
   [_name release];
   [super dealloc];
 }
@@ -74,14 +70,10 @@ static TKTokenKeychainKey* plainCopyOf(TKTokenKeychainKey* key) {
 @implementation TKSmartCard
 @synthesize slot = _slot, sensitive = _sensitive, context = _context, cla = _cla;
 - (instancetype)initWithSlot:(TKSmartCardSlot*)slot {
-  if ((self = [super init])) {
-    countObject("TKSmartCard", 1);
-    _slot = [slot retain];
-  }
+  if ((self = [super init])) _slot = [slot retain];
   return self;
 }
 - (void)dealloc {
-  countObject("TKSmartCard", -1);
   [_slot release];
   [_context release];
   [super dealloc];
@@ -98,15 +90,10 @@ static TKTokenKeychainKey* plainCopyOf(TKTokenKeychainKey* key) {
 @synthesize minPINLength = _minPINLength, maxPINLength = _maxPINLength, PINBitOffset = _PINBitOffset;
 - (instancetype)init {
   if ((self = [super init])) {
-    countObject("TKSmartCardPINFormat", 1);
     _minPINLength = 4;
     _maxPINLength = 8;
   }
   return self;
-}
-- (void)dealloc {
-  countObject("TKSmartCardPINFormat", -1);
-  [super dealloc];
 }
 @end
 
@@ -114,16 +101,8 @@ static TKTokenKeychainKey* plainCopyOf(TKTokenKeychainKey* key) {
 
 @implementation TKTokenDriver
 - (instancetype)init {
-  if ((self = [super init])) {
-    countObject("TKTokenDriver", 1);
-    _counted = YES;
-    if (switches().delegatesToItself) _delegate = (id)self;
-  }
+  if ((self = [super init]) && switches().delegatesToItself) _delegate = (id)self;
   return self;
-}
-- (void)dealloc {
-  if (_counted) countObject("TKTokenDriver", -1);
-  [super dealloc];
 }
 // The runtime has no weak references.
 - (id<TKTokenDriverDelegate>)delegate {
@@ -143,15 +122,10 @@ static TKTokenKeychainKey* plainCopyOf(TKTokenKeychainKey* key) {
 @synthesize objectID = _objectID, label = _label, constraints = _constraints;
 - (instancetype)initWithObjectID:(TKTokenObjectID)objectID {
   self = initialised(self);
-  if ((self = [super init])) {
-    countObject("TKTokenKeychainItem", 1);
-    _counted = YES;
-    _objectID = [objectID copy];
-  }
+  if ((self = [super init])) _objectID = [objectID copy];
   return self;
 }
 - (void)dealloc {
-  if (_counted) countObject("TKTokenKeychainItem", -1);
   [_objectID release];
   [_label release];
   [_constraints release];
@@ -160,11 +134,9 @@ static TKTokenKeychainKey* plainCopyOf(TKTokenKeychainKey* key) {
 @end
 
 @implementation TKTokenKeychainCertificate
-@synthesize data = _data;
 - (instancetype)initWithCertificate:(SecCertificateRef)certificateRef objectID:(TKTokenObjectID)objectID {
   if (!(self = [super initWithObjectID:objectID])) return nil;
   if (switches().refusesCertificateItems || !certificateRef) return refused(self);
-  _data = [[(DoubleCertificate*)certificateRef der] copy];
   NSMutableDictionary* const constraints = [NSMutableDictionary dictionary];
   for (NSInteger operation = TKTokenOperationReadData; operation <= TKTokenOperationPerformKeyExchange;
        ++operation) {
@@ -172,10 +144,6 @@ static TKTokenKeychainKey* plainCopyOf(TKTokenKeychainKey* key) {
   }
   [self setConstraints:constraints];
   return self;
-}
-- (void)dealloc {
-  [_data release];
-  [super dealloc];
 }
 @end
 
@@ -185,21 +153,17 @@ static TKTokenKeychainKey* plainCopyOf(TKTokenKeychainKey* key) {
 - (instancetype)initWithCertificate:(SecCertificateRef)certificateRef objectID:(TKTokenObjectID)objectID {
   if (!(self = [super initWithObjectID:objectID])) return nil;
   DoubleCertificate* const certificate = (DoubleCertificate*)certificateRef;
-  if (switches().refusesKeyItems || (certificate && ![certificate keyType])) return refused(self);
+  if (switches().refusesKeyItems || (certificate && ![certificate publicKey])) return refused(self);
   return self;
 }
 @end
 
 @implementation TKTokenKeychainContents
 - (instancetype)initEmpty {
-  if ((self = [super init])) {
-    countObject("TKTokenKeychainContents", 1);
-    _items = [[NSArray alloc] init];
-  }
+  if ((self = [super init])) _items = [[NSArray alloc] init];
   return self;
 }
 - (void)dealloc {
-  countObject("TKTokenKeychainContents", -1);
   [_items release];
   [super dealloc];
 }
@@ -229,8 +193,6 @@ static TKTokenKeychainKey* plainCopyOf(TKTokenKeychainKey* key) {
 - (instancetype)initWithTokenDriver:(TKTokenDriver*)tokenDriver instanceID:(TKTokenInstanceID)instanceID {
   self = initialised(self);
   if (!(self = [super init])) return nil;
-  countObject("TKToken", 1);
-  _counted = YES;  // a token may go without having been initialised
   switches().whenTokenIsInitialised(self);
   if (switches().refusesTokens) return refused(self);
   _tokenDriver = [tokenDriver retain];
@@ -240,7 +202,6 @@ static TKTokenKeychainKey* plainCopyOf(TKTokenKeychainKey* key) {
   return self;
 }
 - (void)dealloc {
-  if (_counted) countObject("TKToken", -1);
   [_tokenDriver release];
   [_instanceID release];
   [_keychainContents release];
@@ -288,11 +249,9 @@ static TKTokenKeychainKey* plainCopyOf(TKTokenKeychainKey* key) {
   return made;
 }
 - (instancetype)initForDouble {
-  if ((self = [super init])) countObject("TKTokenKeyAlgorithm", 1);
-  return self;
+  return [super init];
 }
 - (void)dealloc {
-  countObject("TKTokenKeyAlgorithm", -1);
   [_target release];
   [super dealloc];
 }
@@ -305,33 +264,13 @@ static TKTokenKeychainKey* plainCopyOf(TKTokenKeychainKey* key) {
 @end
 
 @implementation TKTokenAuthOperation
-- (instancetype)init {
-  if ((self = [super init])) {
-    countObject("TKTokenAuthOperation", 1);
-    _counted = YES;
-  }
-  return self;
-}
-- (void)dealloc {
-  if (_counted) countObject("TKTokenAuthOperation", -1);
-  [super dealloc];
-}
 - (BOOL)finishWithError:(NSError**)error {
   return YES;
-}
-+ (BOOL)supportsSecureCoding {
-  return YES;
-}
-- (void)encodeWithCoder:(NSCoder*)coder {
-}
-- (instancetype)initWithCoder:(NSCoder*)coder {
-  return [self init];
 }
 @end
 
 @implementation TKTokenSmartCardPINAuthOperation
-@synthesize PINFormat = _PINFormat, APDUTemplate = _APDUTemplate, PINByteOffset = _PINByteOffset,
-            smartCard = _smartCard, PIN = _PIN;
+@synthesize PINFormat = _PINFormat, APDUTemplate = _APDUTemplate, smartCard = _smartCard, PIN = _PIN;
 - (instancetype)init {
   self = initialised(self);
   if (!(self = [super init])) return nil;
@@ -353,8 +292,6 @@ static TKTokenKeychainKey* plainCopyOf(TKTokenKeychainKey* key) {
 - (instancetype)initWithToken:(TKToken*)token {
   self = initialised(self);
   if (!(self = [super init])) return nil;
-  countObject("TKTokenSession", 1);
-  _counted = YES;  // a session may go without having been initialised
   switches().whenSessionIsInitialised(self);
   if (switches().refusesSessions) return refused(self);
   _token = [token retain];
@@ -362,7 +299,6 @@ static TKTokenKeychainKey* plainCopyOf(TKTokenKeychainKey* key) {
   return self;
 }
 - (void)dealloc {
-  if (_counted) countObject("TKTokenSession", -1);
   [_token release];
   [super dealloc];
 }

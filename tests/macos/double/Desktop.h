@@ -10,7 +10,6 @@ namespace mirel::test {
 struct ShownMessage {
   std::string title;
   std::string text;
-  std::string icon;  ///< the last part of its path; empty without
   unsigned long level = 0;
   double timeout = 0;
 };

@@ -5,6 +5,7 @@
 #include <utility>
 
 #import "Switches.h"
+#import "Utf8.h"
 
 using namespace mirel::test;
 
@@ -15,8 +16,6 @@ DesktopRequests& requests() {
   return all;
 }
 
-std::string utf8Of(NSString* text) { return text ? std::string{[text UTF8String]} : std::string{}; }
-
 }  // namespace
 
 namespace mirel::test {
@@ -25,11 +24,11 @@ DesktopRequests takeDesktopRequests() { return std::exchange(requests(), {}); }
 
 }  // namespace mirel::test
 
-SInt32 CFUserNotificationDisplayAlert(CFTimeInterval timeout, CFOptionFlags flags, CFURLRef iconURL, CFURLRef,
+SInt32 CFUserNotificationDisplayAlert(CFTimeInterval timeout, CFOptionFlags flags, CFURLRef, CFURLRef,
                                       CFURLRef, CFStringRef alertHeader, CFStringRef alertMessage,
                                       CFStringRef, CFStringRef, CFStringRef, CFOptionFlags* responseFlags) {
-  requests().messages.push_back({utf8Of((NSString*)alertHeader), utf8Of((NSString*)alertMessage),
-                                 utf8Of([[(NSURL*)iconURL path] lastPathComponent]), flags, timeout});
+  requests().messages.push_back(
+      {utf8Of((NSString*)alertHeader), utf8Of((NSString*)alertMessage), flags, timeout});
   *responseFlags = 0;
   return switches().messageStatus;
 }

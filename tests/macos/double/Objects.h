@@ -5,6 +5,7 @@
 
 #import <CryptoTokenKit/CryptoTokenKit.h>
 #include <openssl/evp.h>
+#include <openssl/x509.h>
 
 NS_ASSUME_NONNULL_BEGIN
 
@@ -38,41 +39,25 @@ NS_ASSUME_NONNULL_BEGIN
 + (instancetype)algorithmWithTarget:(SecKeyAlgorithm)target;
 @end
 
-/// What a SecKeyRef is: a public key.
-@interface DoubleKey : NSObject {
+/// What a SecKeyRef is: a public key of a kind that the keychain has a name for.
+@interface DoubleKey : CountedObject {
  @private
   EVP_PKEY* _key;
-  NSString* _keyType;
-  NSInteger _keySizeInBits;
 }
-- (instancetype)initWithKey:(EVP_PKEY*)key keyType:(NSString*)keyType;
+- (instancetype)initWithKey:(EVP_PKEY*)key;
 - (EVP_PKEY*)key;
-@property(readonly) NSString* keyType;
-@property(readonly) NSInteger keySizeInBits;
 @end
 
 /// What a SecCertificateRef is.
-@interface DoubleCertificate : NSObject {
+@interface DoubleCertificate : CountedObject {
  @private
-  NSData* _der;
-  NSString* _keyType;
-  NSInteger _keySizeInBits;
-  NSNumber* _keyUsage;
-  NSString* _commonName;
-  NSDate* _notAfter;
-  DoubleKey* _key;
+  X509* _x509;
+  DoubleKey* _publicKey;
 }
 - (nullable instancetype)initWithDer:(NSData*)der;
-@property(readonly) NSData* der;
+- (X509*)x509;
 /// Nil for a kind of key that the keychain has no name for.
-@property(readonly, nullable) NSString* keyType;
-@property(readonly) NSInteger keySizeInBits;
-/// Bit n is bit n of RFC 5280's bit string; nil without the extension.
-@property(readonly, nullable) NSNumber* keyUsage;
-@property(readonly, nullable) NSString* commonName;
-@property(readonly, nullable) NSDate* notAfter;
-/// Nil like keyType.
-@property(readonly, nullable) DoubleKey* key;
+- (nullable DoubleKey*)publicKey;
 @end
 
 NS_ASSUME_NONNULL_END

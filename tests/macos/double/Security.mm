@@ -25,7 +25,6 @@ using namespace mirel::test;
 namespace {
 
 struct OpenSslFree {
-  void operator()(X509* certificate) const noexcept { X509_free(certificate); }
   void operator()(ASN1_BIT_STRING* bits) const noexcept { ASN1_BIT_STRING_free(bits); }
   void operator()(EVP_PKEY_CTX* context) const noexcept { EVP_PKEY_CTX_free(context); }
 };
@@ -114,83 +113,53 @@ id notAfterValue(NSDate* notAfter) {
   }
 }
 
-NSDictionary* entryOf(NSString* label, id value) {
-  NSMutableDictionary* const entry = [NSMutableDictionary dictionary];
-  [entry setObject:@"double type" forKey:(id)kSecPropertyKeyType];
-  [entry setObject:label forKey:(id)kSecPropertyKeyLabel];
-  [entry setObject:label forKey:(id)kSecPropertyKeyLocalizedLabel];
-  if (value) [entry setObject:value forKey:(id)kSecPropertyKeyValue];
-  return entry;
-}
+NSDictionary* entryOf(id value) { return value ? @{(id)kSecPropertyKeyValue : value} : @{}; }
 
 }  // namespace
 
 @implementation DoubleKey
-@synthesize keyType = _keyType, keySizeInBits = _keySizeInBits;
-
-- (instancetype)initWithKey:(EVP_PKEY*)key keyType:(NSString*)keyType {
-  self = [super init];
-  if (!self) return nil;
-  countObject("SecKey", 1);
-  EVP_PKEY_up_ref(key);
-  _key = key;
-  _keyType = [keyType retain];
-  _keySizeInBits = EVP_PKEY_get_bits(key);
+- (instancetype)initWithKey:(EVP_PKEY*)key {
+  if ((self = [super init])) {
+    EVP_PKEY_up_ref(key);
+    _key = key;
+  }
   return self;
 }
-
 - (EVP_PKEY*)key {
   return _key;
 }
-
 - (void)dealloc {
-  countObject("SecKey", -1);
   EVP_PKEY_free(_key);
-  [_keyType release];
   [super dealloc];
 }
 @end
 
 @implementation DoubleCertificate
-@synthesize der = _der, keyType = _keyType, keySizeInBits = _keySizeInBits, keyUsage = _keyUsage,
-            commonName = _commonName, notAfter = _notAfter, key = _key;
-
 - (instancetype)initWithDer:(NSData*)der {
-  self = [super init];
-  if (!self) return nil;
-  countObject("SecCertificate", 1);
+  if (!(self = [super init])) return nil;
   const auto* next = static_cast<const unsigned char*>([der bytes]);
-  const std::unique_ptr<X509, OpenSslFree> x509{d2i_X509(nullptr, &next, (long)[der length])};
+  _x509 = d2i_X509(nullptr, &next, (long)[der length]);
   // OpenSSL also takes encodings that are not DER. What comes after the certificate does not matter.
-  NSData* const whole = x509 ? encoded<i2d_X509>(x509.get()) : nil;
+  NSData* const whole = _x509 ? encoded<i2d_X509>(_x509) : nil;
   const bool isDer =
       whole && [der length] >= [whole length] && std::memcmp([whole bytes], [der bytes], [whole length]) == 0;
   if (!isDer) {
     [self release];
     return nil;
   }
-  _der = [der copy];
-  _keyUsage = [keyUsageOf(x509.get()) retain];
-  _commonName = [commonNameOf(x509.get()) retain];
-  _notAfter = [notAfterOf(x509.get()) retain];
-  if (EVP_PKEY* key = X509_get0_pubkey(x509.get())) {
-    _keyType = [keyTypeOf(key) retain];
-    _keySizeInBits = EVP_PKEY_get_bits(key);
-    if (_keyType) {
-      _key = [[DoubleKey alloc] initWithKey:key keyType:_keyType];
-    }
-  }
+  EVP_PKEY* const key = X509_get0_pubkey(_x509);
+  if (key && keyTypeOf(key)) _publicKey = [[DoubleKey alloc] initWithKey:key];
   return self;
 }
-
+- (X509*)x509 {
+  return _x509;
+}
+- (DoubleKey*)publicKey {
+  return _publicKey;
+}
 - (void)dealloc {
-  countObject("SecCertificate", -1);
-  [_der release];
-  [_keyType release];
-  [_keyUsage release];
-  [_commonName release];
-  [_notAfter release];
-  [_key release];
+  X509_free(_x509);
+  [_publicKey release];
   [super dealloc];
 }
 @end
@@ -204,9 +173,6 @@ void CFRelease(CFTypeRef object) { [objectOf(object, "CFRelease") release]; }
 
 const CFStringRef kSecOIDKeyUsage = CFSTR("double OID of the key usage");
 const CFStringRef kSecOIDX509V1ValidityNotAfter = CFSTR("double OID of the end");
-const CFStringRef kSecPropertyKeyType = CFSTR("double type");
-const CFStringRef kSecPropertyKeyLabel = CFSTR("double label");
-const CFStringRef kSecPropertyKeyLocalizedLabel = CFSTR("double localized label");
 const CFStringRef kSecPropertyKeyValue = CFSTR("double value");
 const CFStringRef kSecAttrKeyType = CFSTR("double key type");
 const CFStringRef kSecAttrKeySizeInBits = CFSTR("double key size");
@@ -221,19 +187,15 @@ SecCertificateRef SecCertificateCreateWithData(CFAllocatorRef, CFDataRef der) {
   }
 }
 
-CFDataRef SecCertificateCopyData(SecCertificateRef certificate) {
-  return (CFDataRef)[[objectOf(certificate, "SecCertificateCopyData") der] copy];
-}
-
 CFStringRef SecCertificateCopySubjectSummary(SecCertificateRef certificate) {
   raiseIn("SecCertificateCopySubjectSummary");
   DoubleCertificate* const object = objectOf(certificate, "SecCertificateCopySubjectSummary");
-  return switches().withoutSummary ? nullptr : (CFStringRef)[[object commonName] copy];
+  return switches().withoutSummary ? nullptr : (CFStringRef)[commonNameOf([object x509]) copy];
 }
 
 SecKeyRef SecCertificateCopyKey(SecCertificateRef certificate) {
   raiseIn("SecCertificateCopyKey");
-  return (SecKeyRef)[[objectOf(certificate, "SecCertificateCopyKey") key] retain];
+  return (SecKeyRef)[[objectOf(certificate, "SecCertificateCopyKey") publicKey] retain];
 }
 
 CFDictionaryRef SecCertificateCopyValues(SecCertificateRef certificate, CFArrayRef oids,
@@ -247,12 +209,13 @@ CFDictionaryRef SecCertificateCopyValues(SecCertificateRef certificate, CFArrayR
   @autoreleasepool {
     NSMutableDictionary* const values = [NSMutableDictionary dictionary];
     const auto wanted = [oids](CFStringRef oid) { return !oids || [(NSArray*)oids containsObject:(id)oid]; };
-    if ([object keyUsage] && wanted(kSecOIDKeyUsage)) {
-      [values setObject:entryOf(@"Key Usage", keyUsageValue([object keyUsage])) forKey:(id)kSecOIDKeyUsage];
+    NSNumber* const usage = keyUsageOf([object x509]);
+    if (usage && wanted(kSecOIDKeyUsage)) {
+      [values setObject:entryOf(keyUsageValue(usage)) forKey:(id)kSecOIDKeyUsage];
     }
-    if ([object notAfter] && wanted(kSecOIDX509V1ValidityNotAfter)) {
-      [values setObject:entryOf(@"Not Valid After", notAfterValue([object notAfter]))
-                 forKey:(id)kSecOIDX509V1ValidityNotAfter];
+    NSDate* const notAfter = notAfterOf([object x509]);
+    if (notAfter && wanted(kSecOIDX509V1ValidityNotAfter)) {
+      [values setObject:entryOf(notAfterValue(notAfter)) forKey:(id)kSecOIDX509V1ValidityNotAfter];
     }
     return (CFDictionaryRef)[values copy];
   }
@@ -315,18 +278,17 @@ bool setUp(EVP_PKEY_CTX* context, const std::string& algorithm) {
 
 size_t SecKeyGetBlockSize(SecKeyRef key) {
   DoubleKey* const object = objectOf(key, "SecKeyGetBlockSize");
-  return (size_t)([object keySizeInBits] + 7) / 8;
+  return (size_t)(EVP_PKEY_get_bits([object key]) + 7) / 8;
 }
 
 CFDictionaryRef SecKeyCopyAttributes(SecKeyRef key) {
   raiseIn("SecKeyCopyAttributes");
   DoubleKey* const object = objectOf(key, "SecKeyCopyAttributes");
   @autoreleasepool {
-    NSMutableDictionary* const attributes = [NSMutableDictionary dictionary];
-    [attributes setObject:[object keyType] forKey:(id)kSecAttrKeyType];
-    [attributes setObject:[NSNumber numberWithInteger:[object keySizeInBits]]
-                   forKey:(id)kSecAttrKeySizeInBits];
-    return (CFDictionaryRef)[attributes copy];
+    return (CFDictionaryRef)[@{
+      (id)kSecAttrKeyType : keyTypeOf([object key]),
+      (id)kSecAttrKeySizeInBits : @(EVP_PKEY_get_bits([object key]))
+    } copy];
   }
 }
 

@@ -67,12 +67,10 @@ struct PinRequest {
   std::string className;
   /// Nothing when the operation asks for no PIN.
   std::optional<ByteVector> apduTemplate{};
-  long pinByteOffset = 0;
   long pinBitOffset = 0;
   long minPinLength = 0;
   long maxPinLength = 0;
   std::optional<std::string> readerName{};
-  bool hasPin = false;
 };
 
 using SessionNumber = std::size_t;
@@ -106,9 +104,8 @@ class TokenSystem {
   [[nodiscard]] std::size_t numFills() const;
   [[nodiscard]] std::vector<PublishedItem> items() const;
 
-  /// A new client. Succeeded: the session has the number `numSessions() - 1`.
+  /// A new client. Succeeded: the session has the next number; the first has 0.
   Outcome openSession(ErrorPointer pointer = ErrorPointer::kEmpty);
-  [[nodiscard]] std::size_t numSessions() const;
 
   [[nodiscard]] bool supports(SessionNumber session, long operation, const std::string& key,
                               const std::string& algorithm);

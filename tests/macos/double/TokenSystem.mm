@@ -223,8 +223,6 @@ Outcome TokenSystem::openSession(ErrorPointer pointer) {
   }
 }
 
-std::size_t TokenSystem::numSessions() const { return state_->sessions.size(); }
-
 bool TokenSystem::supports(SessionNumber number, long operation, const std::string& key,
                            const std::string& algorithm) {
   @autoreleasepool {
@@ -259,12 +257,10 @@ std::optional<PinRequest> TokenSystem::pinRequest() const {
     if (![authOperation() isKindOfClass:[TKTokenSmartCardPINAuthOperation class]]) return request;
     TKTokenSmartCardPINAuthOperation* const operation = authOperation();
     request.apduTemplate = bytesOf([operation APDUTemplate]);
-    request.pinByteOffset = [operation PINByteOffset];
     request.pinBitOffset = [[operation PINFormat] PINBitOffset];
     request.minPinLength = [[operation PINFormat] minPINLength];
     request.maxPinLength = [[operation PINFormat] maxPINLength];
     request.readerName = textOrNothing([[[operation smartCard] slot] name]);
-    request.hasPin = [operation PIN] != nil;
     return request;
   }
 }
@@ -343,7 +339,7 @@ void TokenSystem::resetCard() {
 id TokenSystem::driver() const { return state_->driver.get(); }
 id TokenSystem::token() const { return state_->token.get(); }
 id TokenSystem::session(SessionNumber number) const {
-  return number < numSessions() ? state_->sessions[number].get() : nil;
+  return number < state_->sessions.size() ? state_->sessions[number].get() : nil;
 }
 id TokenSystem::authOperation() const { return state_->operation.get(); }
 

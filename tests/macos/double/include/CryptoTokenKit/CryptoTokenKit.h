@@ -4,6 +4,7 @@
 
 #import <Foundation/Foundation.h>
 #import <Security/Security.h>
+#import <double/CountedObject.h>
 
 #ifdef __cplusplus
 extern "C" {
@@ -15,25 +16,13 @@ extern NSString* _Nonnull const TKErrorDomain;
 
 NS_ASSUME_NONNULL_BEGIN
 
-typedef NS_ENUM(NSInteger, TKErrorCode) {
-  TKErrorCodeNotImplemented = -1,
-  TKErrorCodeCommunicationError = -2,
-  TKErrorCodeCorruptedData = -3,
-  TKErrorCodeCanceledByUser = -4,
-  TKErrorCodeAuthenticationFailed = -5,
-  TKErrorCodeObjectNotFound = -6,
-  TKErrorCodeTokenNotFound = -7,
-  TKErrorCodeBadParameter = -8,
-  TKErrorCodeAuthenticationNeeded = -9,
-};
+typedef NS_ENUM(NSInteger, TKErrorCode) { TKErrorCodeObjectNotFound = -6 };
 
 typedef id TKTokenObjectID;
 typedef NSString* TKTokenInstanceID;
-typedef NSString* TKTokenDriverClassID;
 typedef id TKTokenOperationConstraint;
 
 typedef NS_ENUM(NSInteger, TKTokenOperation) {
-  TKTokenOperationNone = 0,
   TKTokenOperationReadData = 1,
   TKTokenOperationSignData = 2,
   TKTokenOperationDecryptData = 3,
@@ -44,7 +33,7 @@ typedef NS_ENUM(NSInteger, TKTokenOperation) {
 
 // ---- Reader and card ----
 
-@interface TKSmartCardSlot : NSObject {
+@interface TKSmartCardSlot : CountedObject {
  @private
   NSString* _name;
 }
@@ -53,7 +42,7 @@ typedef NS_ENUM(NSInteger, TKTokenOperation) {
 @end
 
 /// Without the calls that talk to the card: they would get in the way of a module that does so too.
-@interface TKSmartCard : NSObject {
+@interface TKSmartCard : CountedObject {
  @private
   TKSmartCardSlot* _slot;
   BOOL _sensitive;
@@ -66,7 +55,7 @@ typedef NS_ENUM(NSInteger, TKTokenOperation) {
 @property UInt8 cla;
 @end
 
-@interface TKSmartCardPINFormat : NSObject {
+@interface TKSmartCardPINFormat : CountedObject {
  @private
   NSInteger _minPINLength;
   NSInteger _maxPINLength;
@@ -80,8 +69,6 @@ typedef NS_ENUM(NSInteger, TKTokenOperation) {
 // ---- Driver ----
 
 @protocol TKTokenDriverDelegate <NSObject>
-@optional
-- (void)tokenDriver:(TKTokenDriver*)driver terminateToken:(TKToken*)token;
 @end
 
 @protocol TKSmartCardTokenDriverDelegate <TKTokenDriverDelegate>
@@ -91,10 +78,9 @@ typedef NS_ENUM(NSInteger, TKTokenOperation) {
                                     error:(NSError**)error;
 @end
 
-@interface TKTokenDriver : NSObject {
+@interface TKTokenDriver : CountedObject {
  @private
   __unsafe_unretained id<TKTokenDriverDelegate> _delegate;
-  BOOL _counted;
 }
 @property(nullable, weak) id<TKTokenDriverDelegate> delegate;
 @end
@@ -104,12 +90,11 @@ typedef NS_ENUM(NSInteger, TKTokenOperation) {
 
 // ---- Keychain contents ----
 
-@interface TKTokenKeychainItem : NSObject {
+@interface TKTokenKeychainItem : CountedObject {
  @private
   TKTokenObjectID _objectID;
   NSString* _label;
   NSDictionary<NSNumber*, TKTokenOperationConstraint>* _constraints;
-  BOOL _counted;
 }
 - (instancetype)initWithObjectID:(TKTokenObjectID)objectID NS_DESIGNATED_INITIALIZER;
 - (instancetype)init NS_UNAVAILABLE;
@@ -118,14 +103,10 @@ typedef NS_ENUM(NSInteger, TKTokenOperation) {
 @property(nullable, copy) NSDictionary<NSNumber*, TKTokenOperationConstraint>* constraints;
 @end
 
-@interface TKTokenKeychainCertificate : TKTokenKeychainItem {
- @private
-  NSData* _data;
-}
+@interface TKTokenKeychainCertificate : TKTokenKeychainItem
 - (nullable instancetype)initWithCertificate:(SecCertificateRef)certificateRef
                                     objectID:(TKTokenObjectID)objectID NS_DESIGNATED_INITIALIZER;
 - (instancetype)initWithObjectID:(TKTokenObjectID)objectID NS_UNAVAILABLE;
-@property(readonly, copy) NSData* data;
 @end
 
 @interface TKTokenKeychainKey : TKTokenKeychainItem {
@@ -144,7 +125,7 @@ typedef NS_ENUM(NSInteger, TKTokenOperation) {
 @property(getter=isSuitableForLogin) BOOL suitableForLogin;
 @end
 
-@interface TKTokenKeychainContents : NSObject {
+@interface TKTokenKeychainContents : CountedObject {
  @private
   NSArray<TKTokenKeychainItem*>* _items;
   NSUInteger _numFills;
@@ -159,17 +140,14 @@ typedef NS_ENUM(NSInteger, TKTokenOperation) {
 
 @protocol TKTokenDelegate <NSObject>
 - (nullable TKTokenSession*)token:(TKToken*)token createSessionWithError:(NSError**)error;
-@optional
-- (void)token:(TKToken*)token terminateSession:(TKTokenSession*)session;
 @end
 
-@interface TKToken : NSObject {
+@interface TKToken : CountedObject {
  @private
   TKTokenDriver* _tokenDriver;
   __unsafe_unretained id<TKTokenDelegate> _delegate;
   TKTokenKeychainContents* _keychainContents;
   TKTokenInstanceID _instanceID;
-  BOOL _counted;
 }
 - (instancetype)initWithTokenDriver:(TKTokenDriver*)tokenDriver
                          instanceID:(TKTokenInstanceID)instanceID NS_DESIGNATED_INITIALIZER;
@@ -195,7 +173,7 @@ typedef NS_ENUM(NSInteger, TKTokenOperation) {
 
 // ---- Session ----
 
-@interface TKTokenKeyAlgorithm : NSObject {
+@interface TKTokenKeyAlgorithm : CountedObject {
  @private
   NSString* _target;
 }
@@ -206,10 +184,7 @@ typedef NS_ENUM(NSInteger, TKTokenOperation) {
 @interface TKTokenKeyExchangeParameters : NSObject
 @end
 
-@interface TKTokenAuthOperation : NSObject <NSSecureCoding> {
- @private
-  BOOL _counted;
-}
+@interface TKTokenAuthOperation : CountedObject
 - (BOOL)finishWithError:(NSError**)error;
 @end
 
@@ -217,13 +192,11 @@ typedef NS_ENUM(NSInteger, TKTokenOperation) {
  @private
   TKSmartCardPINFormat* _PINFormat;
   NSData* _APDUTemplate;
-  NSInteger _PINByteOffset;
   TKSmartCard* _smartCard;
   NSString* _PIN;
 }
 @property(strong) TKSmartCardPINFormat* PINFormat;
 @property(nullable, copy) NSData* APDUTemplate;
-@property NSInteger PINByteOffset;
 @property(nullable, strong) TKSmartCard* smartCard;
 @property(nullable, copy) NSString* PIN;
 @end
@@ -256,11 +229,10 @@ typedef NS_ENUM(NSInteger, TKTokenOperation) {
                               error:(NSError**)error;
 @end
 
-@interface TKTokenSession : NSObject {
+@interface TKTokenSession : CountedObject {
  @private
   TKToken* _token;
   __unsafe_unretained id<TKTokenSessionDelegate> _delegate;
-  BOOL _counted;
 }
 - (instancetype)initWithToken:(TKToken*)token NS_DESIGNATED_INITIALIZER;
 - (instancetype)init NS_UNAVAILABLE;

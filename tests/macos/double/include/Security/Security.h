@@ -18,8 +18,6 @@ typedef struct __SecKey* SecKeyRef;
 /// The caller's; null unless `der` begins with the DER encoding of an X.509 certificate.
 extern SecCertificateRef _Nullable SecCertificateCreateWithData(CFAllocatorRef _Nullable allocator,
                                                                 CFDataRef der);
-/// The caller's.
-extern CFDataRef SecCertificateCopyData(SecCertificateRef certificate);
 /// The caller's; null, and an error for the caller, on failure. `oids`: the entries to give; null: all.
 extern CFDictionaryRef _Nullable SecCertificateCopyValues(SecCertificateRef certificate,
                                                           CFArrayRef _Nullable oids,
@@ -32,9 +30,6 @@ extern SecKeyRef _Nullable SecCertificateCopyKey(SecCertificateRef certificate);
 
 extern const CFStringRef kSecOIDKeyUsage;
 extern const CFStringRef kSecOIDX509V1ValidityNotAfter;
-extern const CFStringRef kSecPropertyKeyType;
-extern const CFStringRef kSecPropertyKeyLabel;
-extern const CFStringRef kSecPropertyKeyLocalizedLabel;
 extern const CFStringRef kSecPropertyKeyValue;
 
 extern const CFStringRef kSecAttrKeyType;

@@ -1,0 +1,11 @@
+#pragma once
+
+#import <Foundation/Foundation.h>
+
+/// The root of the double's classes: counts the objects that live from their initialisation on, by the names
+/// of the classes right below it (see `livingObjects`).
+@interface CountedObject : NSObject {
+ @private
+  const char* _countedAs;
+}
+@end
