@@ -39,22 +39,16 @@ class AdapterScenarioDriver final : public ScenarioDriver {
   }
 
   std::vector<std::string> takeLogLines() override {
-    std::vector<std::string> lines;
-    for (const LogLine& line : recorder_.lines()) lines.push_back(channelOf(line) + line.text);
+    constexpr std::string_view kProcess = "NSLog: ";
+    std::vector<std::string> lines = recorder_.texts();
     recorder_.clear();
+    for (std::string& line : lines) {
+      if (line.starts_with(kProcess)) line.replace(0, kProcess.size(), "process: ");
+    }
     return lines;
   }
 
  private:
-  static std::string channelOf(const LogLine& line) {
-    switch (line.channel) {
-      case LogChannel::kDefault: return "default: ";
-      case LogChannel::kError: return "error: ";
-      case LogChannel::kNSLog: break;
-    }
-    return "process: ";
-  }
-
   LogRecorder recorder_;
   TokenSystem system_{driverClassInPropertyList()};
 };

@@ -85,38 +85,6 @@ TEST(DoubleCertificates, OnlyWholeDerIsTakenWithWhateverFollowsIt) {
   }
 }
 
-/// The number that the values of such a certificate hold for its key usage; -1 when they hold none.
-int keyUsageIn(const CertificateWish& wish) {
-  const SecCertificateRef certificate = newCertificate(wish);
-  const CFDictionaryRef values = SecCertificateCopyValues(certificate, nullptr, nullptr);
-  CFRelease(certificate);
-  if (!values) return -1;
-  const id value =
-      [[(NSDictionary*)values objectForKey:(id)kSecOIDKeyUsage] objectForKey:(id)kSecPropertyKeyValue];
-  const int usage = [value isKindOfClass:[NSNumber class]] ? [value intValue] : -1;
-  CFRelease(values);
-  return usage;
-}
-
-TEST(DoubleCertificates, TellTheKeyUsageInTheFormThatIsSwitchedOn) {
-  // Contents of the extension: a BIT STRING, its number of unused bits, its bits.
-  const CertificateWish signAndEncipher{.keyUsages = {{0x03, 0x02, 0x05, 0xA0}}};
-  const CertificateWish decipherOnly{.keyUsages = {{0x03, 0x03, 0x07, 0x00, 0x80}}};
-  EXPECT_EQ(keyUsageIn(signAndEncipher), 1 << 0 | 1 << 2);
-  EXPECT_EQ(keyUsageIn(decipherOnly), 1 << 8);
-  EXPECT_EQ(keyUsageIn({}), -1);
-
-  ScopedSwitches switches;
-  switches->keyUsageForm = KeyUsageForm::kHighBits;
-  EXPECT_EQ(keyUsageIn(signAndEncipher), 0x8000 | 0x2000);
-  EXPECT_EQ(keyUsageIn(decipherOnly), 0x0080);
-  for (const KeyUsageForm form : {KeyUsageForm::kText, KeyUsageForm::kNoValue, KeyUsageForm::kError}) {
-    SCOPED_TRACE(static_cast<int>(form));
-    switches->keyUsageForm = form;
-    EXPECT_EQ(keyUsageIn(signAndEncipher), -1);
-  }
-}
-
 TEST(DoubleCertificates, HandOutAnErrorThatIsTheCallers) {
   ScopedSwitches switches;
   switches->keyUsageForm = KeyUsageForm::kError;

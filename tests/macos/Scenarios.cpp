@@ -18,16 +18,6 @@ constexpr unsigned kDigitalSignature = 1U << 0U;
 constexpr unsigned kKeyEncipherment = 1U << 2U;
 constexpr unsigned kKeyAgreement = 1U << 4U;
 
-std::string hexOf(const Data& data) {
-  constexpr std::string_view kDigits = "0123456789ABCDEF";
-  std::string hex;
-  for (const std::uint8_t byte : data) {
-    hex += kDigits[byte >> 4U];
-    hex += kDigits[byte & 0xFU];
-  }
-  return hex;
-}
-
 std::string shown(const std::optional<std::string>& text) { return text ? '"' + *text + '"' : "nothing"; }
 
 std::string shown(const PublishedItem& item) {
@@ -51,7 +41,7 @@ std::string shown(const PublishedItem& item) {
 std::string shown(const PinRequest& pin) {
   return "asks for a PIN of " + std::to_string(pin.minPinLength) + " to " + std::to_string(pin.maxPinLength) +
          " at bit " + std::to_string(pin.pinBitOffset) + " of " +
-         (pin.apduTemplate ? hexOf(*pin.apduTemplate) : "nothing") + " in " + shown(pin.readerName);
+         (pin.apduTemplate ? hexText(*pin.apduTemplate) : "nothing") + " in " + shown(pin.readerName);
 }
 
 // ---- The cards ----
@@ -321,7 +311,7 @@ std::vector<Scenario> uses() {
 
 void Play::note(const std::string& step, const Outcome& result) {
   std::string line = step + (result.succeeded ? ": succeeded" : ": failed");
-  if (result.data) line += ", data " + hexOf(*result.data);
+  if (result.data) line += ", data " + hexText(*result.data);
   if (result.error) {
     line += ", error " + result.error->domain + ' ' + std::to_string(result.error->code);
     for (const auto& [key, value] : result.error->userInfo)

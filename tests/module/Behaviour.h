@@ -47,17 +47,6 @@ inline std::string attributeName(CK_ATTRIBUTE_TYPE type) {
   return "CKA " + std::to_string(type);
 }
 
-inline std::string hex(const void* data, CK_ULONG len) {
-  constexpr std::string_view kDigits = "0123456789ABCDEF";
-  std::string digits;
-  for (CK_ULONG i = 0; i < len; ++i) {
-    const CK_BYTE byte = static_cast<const CK_BYTE*>(data)[i];
-    digits += kDigits[byte >> 4U];
-    digits += kDigits[byte & 0xFU];
-  }
-  return digits;
-}
-
 inline std::string describedPointer(bool set, const char* name) { return set ? name : "null"; }
 
 inline std::string commaJoined(const std::vector<std::string>& parts) {
@@ -75,7 +64,7 @@ inline std::string described(CK_ULONG number) {
 inline std::string describedValue(const void* data, CK_ULONG len) {
   if (!data) return "null " + described(len);
   if (len > kMostBytes) return "length " + described(len);
-  return hex(data, len);
+  return hexText({static_cast<const CK_BYTE*>(data), len});
 }
 
 /// Attributes with their values.

@@ -28,6 +28,14 @@ Object withRsa(Object object, Value modulus) {
 
 Value bytesOf(std::string_view text) { return {text.begin(), text.end()}; }
 
+std::string hexText(std::span<const CK_BYTE> bytes) {
+  std::string text;
+  for (const CK_BYTE byte : bytes) {
+    for (const unsigned digit : {byte / 16U, byte % 16U}) text += "0123456789ABCDEF"[digit];
+  }
+  return text;
+}
+
 Value ulongValue(CK_ULONG number) {
   Value value(sizeof number);
   std::memcpy(value.data(), &number, sizeof number);

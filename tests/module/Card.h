@@ -4,6 +4,7 @@
 
 #include <map>
 #include <set>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -17,6 +18,8 @@ using Value = std::vector<CK_BYTE>;
 
 /// The characters, without a terminator.
 [[nodiscard]] Value bytesOf(std::string_view text);
+/// Capital hexadecimal digits.
+[[nodiscard]] std::string hexText(std::span<const CK_BYTE> bytes);
 /// The bytes of a CK_ULONG, as CKA_CLASS and CKA_KEY_TYPE hold it.
 [[nodiscard]] Value ulongValue(CK_ULONG number);
 /// The one byte of a CK_BBOOL.

@@ -29,14 +29,6 @@ Value firstBytes(const Structure& structure, std::size_t size) {
 
 }  // namespace
 
-std::string hexText(std::span<const CK_BYTE> bytes) {
-  std::string text;
-  for (const CK_BYTE byte : bytes) {
-    for (const unsigned digit : {byte / 16U, byte % 16U}) text += "0123456789ABCDEF"[digit];
-  }
-  return text;
-}
-
 Value membersOf(const CK_SLOT_INFO& info) {
   return firstBytes(info, offsetof(CK_SLOT_INFO, firmwareVersion) + sizeof info.firmwareVersion);
 }

@@ -34,9 +34,6 @@ inline constexpr CK_RV kSomeFailure = CKR_DEVICE_ERROR;
 /// The name of the default card's reader.
 [[nodiscard]] inline Text reader() { return Text{u"Reader A 00"}; }
 
-/// Capital hexadecimal digits, as the script shows data.
-[[nodiscard]] std::string hexText(std::span<const CK_BYTE> bytes);
-
 /// `value` as a record holds it.
 [[nodiscard]] inline Bytes bytesLike(const Value& value) { return Bytes{value}; }
 

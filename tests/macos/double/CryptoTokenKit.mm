@@ -100,16 +100,10 @@ static TKTokenKeychainKey* plainCopyOf(TKTokenKeychainKey* key) {
 // ---- Driver ----
 
 @implementation TKTokenDriver
+@synthesize delegate = _delegate;
 - (instancetype)init {
   if ((self = [super init]) && switches().delegatesToItself) _delegate = (id)self;
   return self;
-}
-// The runtime has no weak references.
-- (id<TKTokenDriverDelegate>)delegate {
-  return _delegate;
-}
-- (void)setDelegate:(id<TKTokenDriverDelegate>)delegate {
-  _delegate = delegate;
 }
 @end
 
@@ -189,7 +183,7 @@ static TKTokenKeychainKey* plainCopyOf(TKTokenKeychainKey* key) {
 // ---- Token ----
 
 @implementation TKToken
-@synthesize tokenDriver = _tokenDriver, keychainContents = _keychainContents;
+@synthesize tokenDriver = _tokenDriver, delegate = _delegate, keychainContents = _keychainContents;
 - (instancetype)initWithTokenDriver:(TKTokenDriver*)tokenDriver instanceID:(TKTokenInstanceID)instanceID {
   self = initialised(self);
   if (!(self = [super init])) return nil;
@@ -206,12 +200,6 @@ static TKTokenKeychainKey* plainCopyOf(TKTokenKeychainKey* key) {
   [_instanceID release];
   [_keychainContents release];
   [super dealloc];
-}
-- (id<TKTokenDelegate>)delegate {
-  return _delegate;
-}
-- (void)setDelegate:(id<TKTokenDelegate>)delegate {
-  _delegate = delegate;
 }
 - (TKTokenInstanceID)instanceID {
   return _instanceID;
@@ -288,7 +276,7 @@ static TKTokenKeychainKey* plainCopyOf(TKTokenKeychainKey* key) {
 @end
 
 @implementation TKTokenSession
-@synthesize token = _token;
+@synthesize token = _token, delegate = _delegate;
 - (instancetype)initWithToken:(TKToken*)token {
   self = initialised(self);
   if (!(self = [super init])) return nil;
@@ -301,12 +289,6 @@ static TKTokenKeychainKey* plainCopyOf(TKTokenKeychainKey* key) {
 - (void)dealloc {
   [_token release];
   [super dealloc];
-}
-- (id<TKTokenSessionDelegate>)delegate {
-  return _delegate;
-}
-- (void)setDelegate:(id<TKTokenSessionDelegate>)delegate {
-  _delegate = delegate;
 }
 @end
 

@@ -23,12 +23,12 @@ namespace {
 
 std::mutex recordMutex;
 bool isRecording = false;
-std::vector<LogLine>& record() {
-  static std::vector<LogLine> lines;
+std::vector<std::string>& record() {
+  static std::vector<std::string> lines;
   return lines;
 }
 
-void addLine(LogLine line) {
+void addLine(std::string line) {
   const std::lock_guard lock{recordMutex};
   if (isRecording) record().push_back(std::move(line));
 }
@@ -38,16 +38,7 @@ void recordNSLog(NSString* message) {
   std::string text = utf8Of(message);
   if (const auto end = text.find("] "); end != std::string::npos) text.erase(0, end + 2);
   if (text.ends_with('\n')) text.pop_back();
-  addLine({LogChannel::kNSLog, text});
-}
-
-const char* nameOf(LogChannel channel) {
-  switch (channel) {
-    case LogChannel::kDefault: return "default: ";
-    case LogChannel::kError: return "error: ";
-    case LogChannel::kNSLog: break;
-  }
-  return "NSLog: ";
+  addLine("NSLog: " + text);
 }
 
 /// What a reader of the stored log sees: texts that are not marked public are hidden. The double knows no
@@ -91,15 +82,9 @@ LogRecorder::~LogRecorder() {
   record() = {};
 }
 
-std::vector<LogLine> LogRecorder::lines() const {
+std::vector<std::string> LogRecorder::texts() const {
   const std::lock_guard lock{recordMutex};
   return record();
-}
-
-std::vector<std::string> LogRecorder::texts() const {
-  std::vector<std::string> texts;
-  for (const LogLine& line : lines()) texts.push_back(nameOf(line.channel) + line.text);
-  return texts;
 }
 
 void LogRecorder::clear() {
@@ -132,7 +117,6 @@ void _os_log_double(os_log_t, os_log_type_t type, const char* format, ...) {
   raiseIn("os_log");
   va_list arguments;
   va_start(arguments, format);
-  addLine(
-      {type == OS_LOG_TYPE_ERROR ? LogChannel::kError : LogChannel::kDefault, shownOf(format, arguments)});
+  addLine((type == OS_LOG_TYPE_ERROR ? "error: " : "default: ") + shownOf(format, arguments));
   va_end(arguments);
 }

@@ -1,6 +1,7 @@
 #pragma once
 
-/// What is used of CryptoTokenKit, declared as the platform declares it.
+/// What is used of CryptoTokenKit, declared as the platform declares it, except that its delegates are weak:
+/// the runtime here has no weak references.
 
 #import <Foundation/Foundation.h>
 #import <Security/Security.h>
@@ -82,7 +83,7 @@ typedef NS_ENUM(NSInteger, TKTokenOperation) {
  @private
   __unsafe_unretained id<TKTokenDriverDelegate> _delegate;
 }
-@property(nullable, weak) id<TKTokenDriverDelegate> delegate;
+@property(nullable, assign) id<TKTokenDriverDelegate> delegate;
 @end
 
 @interface TKSmartCardTokenDriver : TKTokenDriver
@@ -153,7 +154,7 @@ typedef NS_ENUM(NSInteger, TKTokenOperation) {
                          instanceID:(TKTokenInstanceID)instanceID NS_DESIGNATED_INITIALIZER;
 - (instancetype)init NS_UNAVAILABLE;
 @property(readonly) TKTokenDriver* tokenDriver;
-@property(nullable, weak) id<TKTokenDelegate> delegate;
+@property(nullable, assign) id<TKTokenDelegate> delegate;
 @property(nullable, readonly) TKTokenKeychainContents* keychainContents;
 @end
 
@@ -237,7 +238,7 @@ typedef NS_ENUM(NSInteger, TKTokenOperation) {
 - (instancetype)initWithToken:(TKToken*)token NS_DESIGNATED_INITIALIZER;
 - (instancetype)init NS_UNAVAILABLE;
 @property(readonly) TKToken* token;
-@property(nullable, weak) id<TKTokenSessionDelegate> delegate;
+@property(nullable, assign) id<TKTokenSessionDelegate> delegate;
 @end
 
 @interface TKSmartCardTokenSession : TKTokenSession {
