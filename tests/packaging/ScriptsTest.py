@@ -108,6 +108,10 @@ def sources_of(calls, name):
     return sorted(word for words in called(calls, name) for word in words if word in SOURCES)
 
 
+def installs(calls):
+    return [words for words in called(calls, "apt-get") if words[1] == "install"]
+
+
 def skipped_lines(shown):
     return [line for line in shown.splitlines() if line.startswith("skipped: ")]
 
@@ -135,13 +139,11 @@ def tested(calls):
 
 
 def check_usage(checks, machine):
-    for words in (["--fast"], ["nowhere"], [""], ["--quick", "bridge"], ["tests/bridge"], ["bridge framework"], ["everything"]):
+    for words in (["--fast"], ["nowhere"], [""], ["--quick", "bridge"], ["tests/bridge"], ["bridge framework"], ["everything"],
+                  ["-h"], ["--help"]):
         code, shown, calls = machine.check(*words)
-        checks.equal(f"{words}: {shown}", (code, shown.startswith("usage: ./check [--quick | --all | FOLDER]\n"), calls),
-                     (2, True, []))
-    for word in ("-h", "--help"):
-        code, shown, calls = machine.check(word)
-        checks.equal(f"{word}: {shown}", (code, shown.startswith("usage: "), calls), (0, True, []))
+        usage = shown.startswith("usage: ./check [--quick | --all | FOLDER]\n")
+        checks.equal(f"{words}: {shown}", (code, usage, calls), (0 if words[0] in ("-h", "--help") else 2, True, []))
 
 
 def check_newest_clang(checks, machine):
@@ -155,9 +157,8 @@ def check_newest_clang(checks, machine):
     )
     for what, compiler in (("release", "g++"), ("sanitizers", "clang++-19"), ("thread sanitizer", "g++")):
         checks.true(f"what is said of {what}: {shown}", f"{what} with {compiler}\n" in shown)
-    installs = [words for words in called(calls, "apt-get") if words[1] == "install"]
-    checks.equal("what is installed for it", [words[-3:] for words in installs],
-                 [["libclang-rt-19-dev", "llvm-19", "lld-19"]])
+    installed = [words[-3:] for words in installs(calls)]
+    checks.equal("what is installed for it", installed, [["libclang-rt-19-dev", "llvm-19", "lld-19"]])
 
 
 def check_no_clang(checks, machine):
@@ -178,17 +179,14 @@ def check_other_version(checks, machine):
 
 def check_offered(checks, machine):
     _, _, calls = machine.check(OFFERED=" ".join(CHECKING), MISSING=" ".join(CHECKING))
-    installs = [words for words in called(calls, "apt-get") if words[1] == "install"]
-    checks.equal("the checking version, where there is one", [words[-2:] for words in installs], [CHECKING])
+    checks.equal("the checking version, where there is one", [words[-2:] for words in installs(calls)], [CHECKING])
 
 
 def check_without_git(checks, machine, what):
     code, shown, calls = machine.check()
-    checks.equal(f"{what}: {shown}", code, 0)
-    checks.equal(f"{what}: what is formatted", sources_of(calls, "clang-format-14"), sorted(SOURCES))
-    checks.equal(f"{what}: what is tidied", sources_of(calls, "clang-tidy-14"), [])
     said = "skipped: clang-tidy: without git it is not known what changed (./check --all looks at all sources)"
-    checks.equal(f"{what}: one line says so", skipped_lines(shown), [said])
+    seen = (code, sources_of(calls, "clang-format-14"), sources_of(calls, "clang-tidy-14"), skipped_lines(shown))
+    checks.equal(f"{what}: what is formatted and tidied: {shown}", seen, (0, sorted(SOURCES), [], [said]))
     checks.true(f"{what}: it is counted: {shown}", shown.endswith(" 0 failed, 1 skipped\n"))
 
     code, shown, calls = machine.check("--all", TOTAL_SECONDS=0)
@@ -213,8 +211,8 @@ TIDY_ROWS = [
 def check_changes(checks, machine):
     for what, variables, expected in TIDY_ROWS:
         code, shown, calls = machine.check(**{"OLDEST": "-old", **variables})
-        checks.equal(f"{what}: {shown}", (code, sources_of(calls, "clang-tidy-14")), (0, expected))
-        checks.equal(f"{what}: nothing is skipped", skipped_lines(shown), [])
+        seen = (code, sources_of(calls, "clang-tidy-14"), skipped_lines(shown))
+        checks.equal(f"{what}: {shown}", seen, (0, expected, []))
     (machine.tree / "cli/Two.cpp").write_text('#include "deep/Other.h"\n')
     (machine.tree / "cli/Other.h").write_text("\n")
     _, shown, calls = machine.check(OLDEST="-old", CHANGED="cli/Other.h")
@@ -223,12 +221,12 @@ def check_changes(checks, machine):
     for tag, range_of_commits in (("", "HEAD"), ("v1", "v1..HEAD")):
         _, _, calls = machine.check(OLDEST="-old", TAG=tag, CHANGED="cli/Two.cpp")
         git = called(calls, "git")
-        checks.true(f"the last tag but the one of the last commit: {git}",
-                    ["git", "describe", "--tags", "--abbrev=0", "HEAD^"] in git)
-        checks.true(f"20 commits at most: {git}",
-                    ["git", "rev-list", "--boundary", "--max-count=20", range_of_commits] in git)
-        checks.true(f"changes since then: {git}",
-                    ["git", "diff", "--name-only", "--diff-filter=d", "old", "--"] in git)
+        for what, words in (
+            ("the last tag but the one of the last commit", "describe --tags --abbrev=0 HEAD^"),
+            ("20 commits at most", f"rev-list --boundary --max-count=20 {range_of_commits}"),
+            ("changes since then", "diff --name-only --diff-filter=d old --"),
+        ):
+            checks.true(f"{what}: {git}", ["git", *words.split()] in git)
 
     (machine.tree / "cli/Other.h").unlink()
     code, shown, calls = machine.check(OLDEST="-old", CHANGED="cli/Two.cpp", TOTAL_SECONDS=0)
@@ -262,10 +260,9 @@ def check_quick(checks, machine):
     for changed, labels in QUICK_ROWS:
         code, shown, calls = machine.check("--quick", CHANGED=changed)
         expected = [("release", "-L", f"^({labels})$")] if labels else [("release",)]
-        checks.equal(f"{changed}: {shown}", (code, tested(calls)), (0, expected))
-        checks.equal(f"{changed}: what is built", built(calls), [("release",)])
-        checks.equal(f"{changed}: the format", sources_of(calls, "clang-format-14"), sorted(SOURCES))
-        checks.equal(f"{changed}: no clang-tidy", sources_of(calls, "clang-tidy-14"), [])
+        checks.equal(f"{changed}: {shown}", (code, built(calls), tested(calls)), (0, [("release",)], expected))
+        seen = (sources_of(calls, "clang-format-14"), sources_of(calls, "clang-tidy-14"))
+        checks.equal(f"{changed}: the format, and no clang-tidy", seen, (sorted(SOURCES), []))
     code, shown, calls = machine.check("--quick", CHANGED="docs/style.md")
     checks.equal(f"nothing that has tests: {shown}", (code, tested(calls)), (0, []))
     checks.true(f"it says so: {shown}", "nothing that has tests was changed\n" in shown)
@@ -293,9 +290,7 @@ def check_layers(checks, machine):
         if threads:
             builds.append(("tsan", "--target", f"{name}_threads"))
             tests.append(("tsan", "-L", f"^{name}$", "-R", "(atomic|thread)_tests:"))
-        checks.equal(f"{folder}: {shown}", code, 0)
-        checks.equal(f"{folder}: what is built", built(calls), builds)
-        checks.equal(f"{folder}: what is tested", tested(calls), tests)
+        checks.equal(f"{folder}: {shown}", (code, built(calls), tested(calls)), (0, builds, tests))
 
 
 def check_no_sources(checks, machine):
