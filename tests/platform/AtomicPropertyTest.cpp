@@ -26,21 +26,11 @@ Pair pairOf(char16_t letter, std::size_t length) {
   return {Text{units}, Text{units}};
 }
 
-TEST(AtomicProperty, IsEmptyAtFirst) {
-  const AtomicProperty<Text> property;
+TEST(AtomicProperty, IsEmptyAtFirstAndThenGivesTheVeryValueThatWasSetLast) {
+  AtomicProperty<Text> property;
   EXPECT_TRUE(property.get().isNull());
-}
-
-TEST(AtomicProperty, GivesWhatWasSetLast) {
-  AtomicProperty<Text> property;
+  const Text text{u"new"};
   property.set(Text{u"old"});
-  property.set(Text{u"new"});
-  EXPECT_EQ(property.get(), Text{u"new"});
-}
-
-TEST(AtomicProperty, SharesTheStorageOfTheValueSet) {
-  const Text text{u"shared"};
-  AtomicProperty<Text> property;
   property.set(text);
   EXPECT_TRUE(property.get().sharesStorageWith(text));
 }

@@ -5,7 +5,7 @@
 namespace mirel {
 namespace {
 
-TEST(SystemServices, SetsEveryServiceOfTheRunningSystem) {
+TEST(SystemServices, SetsEveryServiceOfTheRunningSystemAndLeavesTheObserverToTheCaller) {
   const PlatformServices services = systemServices();
   EXPECT_NE(services.loader, nullptr);
   EXPECT_NE(services.user, nullptr);
@@ -15,10 +15,6 @@ TEST(SystemServices, SetsEveryServiceOfTheRunningSystem) {
   EXPECT_NE(services.memory, nullptr);
   EXPECT_NE(services.strings, nullptr);
   EXPECT_NE(services.cardService, nullptr);
-}
-
-TEST(SystemServices, LeavesTheObserverToTheCaller) {
-  const PlatformServices services = systemServices();
   EXPECT_EQ(services.observer, nullptr);
 }
 

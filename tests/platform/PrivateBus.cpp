@@ -10,7 +10,6 @@
 #include <unistd.h>
 
 #include <array>
-#include <deque>
 #include <filesystem>
 #include <fstream>
 
@@ -91,98 +90,75 @@ void PrivateBus::freeze() {
 
 namespace {
 
-/// sd-bus by name: linked, it would be in the process before the code under test could load it.
-struct ReceiverFunctions {
-  decltype(&sd_bus_new) create = nullptr;
-  decltype(&sd_bus_set_address) setAddress = nullptr;
-  decltype(&sd_bus_set_bus_client) setBusClient = nullptr;
-  decltype(&sd_bus_start) start = nullptr;
-  decltype(&sd_bus_match_signal) matchSignal = nullptr;
-  decltype(&sd_bus_process) process = nullptr;
-  decltype(&sd_bus_wait) wait = nullptr;
-  decltype(&sd_bus_message_get_path) messagePath = nullptr;
-  decltype(&sd_bus_message_read) readMessage = nullptr;
-  decltype(&sd_bus_close_unref) closeUnref = nullptr;
+/// A function of sd-bus. By name: linked, it would be in the process before the code under test could load
+/// it.
+struct SdBusFunction {
+  const char* name;
+  template <typename Function>
+  operator Function*() const {  // NOLINT(google-explicit-constructor): takes the type of what it is put into
+    return reinterpret_cast<Function*>(dlsym(dlopen("libsystemd.so.0", RTLD_NOW), name));
+  }
 };
 
-template <typename Function>
-bool resolve(void* library, const char* name, Function& outFunction) {
-  outFunction = reinterpret_cast<Function>(dlsym(library, name));
-  return outFunction != nullptr;
-}
-
-const ReceiverFunctions* receiverFunctions() {
-  static ReceiverFunctions functions;
-  static const bool complete = [] {
-    void* library = dlopen("libsystemd.so.0", RTLD_NOW);
-    return library && resolve(library, "sd_bus_new", functions.create) &&
-           resolve(library, "sd_bus_set_address", functions.setAddress) &&
-           resolve(library, "sd_bus_set_bus_client", functions.setBusClient) &&
-           resolve(library, "sd_bus_start", functions.start) &&
-           resolve(library, "sd_bus_match_signal", functions.matchSignal) &&
-           resolve(library, "sd_bus_process", functions.process) &&
-           resolve(library, "sd_bus_wait", functions.wait) &&
-           resolve(library, "sd_bus_message_get_path", functions.messagePath) &&
-           resolve(library, "sd_bus_message_read", functions.readMessage) &&
-           resolve(library, "sd_bus_close_unref", functions.closeUnref);
-  }();
-  return complete ? &functions : nullptr;
-}
-
-class BusSignalReceiver final : public SignalReceiver {
- public:
-  explicit BusSignalReceiver(const ReceiverFunctions& functions) : sdBus_{functions} {}
-  ~BusSignalReceiver() override { sdBus_.closeUnref(bus_); }
-
-  bool open(const std::string& address) {
-    return sdBus_.create(&bus_) >= 0 && sdBus_.setAddress(bus_, address.c_str()) >= 0 &&
-           sdBus_.setBusClient(bus_, 1) >= 0 && sdBus_.start(bus_) >= 0 &&
-           sdBus_.matchSignal(bus_, nullptr, nullptr, nullptr, "org.mireltoken.DistributedNotification",
-                              "Posted", &BusSignalReceiver::keep, this) >= 0;
-  }
-
-  std::optional<ReceivedSignal> next(std::chrono::milliseconds limit) override {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (received_.empty()) {
-      const auto left =
-          std::chrono::duration_cast<std::chrono::microseconds>(deadline - std::chrono::steady_clock::now());
-      if (left.count() <= 0) return std::nullopt;
-      const int processed = sdBus_.process(bus_, nullptr);
-      if (processed < 0) return std::nullopt;
-      if (processed == 0) sdBus_.wait(bus_, static_cast<std::uint64_t>(left.count()));
-    }
-    ReceivedSignal signal = received_.front();
-    received_.pop_front();
-    return signal;
-  }
-
- private:
-  static int keep(sd_bus_message* message, void* receiver, sd_bus_error*) {
-    auto* self = static_cast<BusSignalReceiver*>(receiver);
-    const char* name = nullptr;
-    const char* object = nullptr;
-    int hasObject = 0;
-    int deliverImmediately = 0;
-    if (self->sdBus_.readMessage(message, "ssbb", &name, &object, &hasObject, &deliverImmediately) > 0) {
-      self->received_.push_back(
-          {self->sdBus_.messagePath(message), name, object, hasObject != 0, deliverImmediately != 0});
-    }
-    return 0;
-  }
-
-  const ReceiverFunctions& sdBus_;
-  sd_bus* bus_ = nullptr;
-  std::deque<ReceivedSignal> received_;
+struct SdBus {
+  decltype(&sd_bus_new) create = SdBusFunction{"sd_bus_new"};
+  decltype(&sd_bus_set_address) setAddress = SdBusFunction{"sd_bus_set_address"};
+  decltype(&sd_bus_set_bus_client) setBusClient = SdBusFunction{"sd_bus_set_bus_client"};
+  decltype(&sd_bus_start) start = SdBusFunction{"sd_bus_start"};
+  decltype(&sd_bus_match_signal) matchSignal = SdBusFunction{"sd_bus_match_signal"};
+  decltype(&sd_bus_process) process = SdBusFunction{"sd_bus_process"};
+  decltype(&sd_bus_wait) wait = SdBusFunction{"sd_bus_wait"};
+  decltype(&sd_bus_message_get_path) messagePath = SdBusFunction{"sd_bus_message_get_path"};
+  decltype(&sd_bus_message_read) readMessage = SdBusFunction{"sd_bus_message_read"};
+  decltype(&sd_bus_close_unref) closeUnref = SdBusFunction{"sd_bus_close_unref"};
 };
+
+const SdBus& sdBus() {
+  static const SdBus functions;
+  return functions;
+}
+
+int keep(sd_bus_message* message, void* received, sd_bus_error*) {
+  const char* name = nullptr;
+  const char* object = nullptr;
+  int hasObject = 0;
+  int deliverImmediately = 0;
+  if (sdBus().readMessage(message, "ssbb", &name, &object, &hasObject, &deliverImmediately) > 0) {
+    static_cast<std::deque<ReceivedSignal>*>(received)->push_back(
+        {sdBus().messagePath(message), name, object, hasObject != 0, deliverImmediately != 0});
+  }
+  return 0;
+}
 
 }  // namespace
 
 std::unique_ptr<SignalReceiver> SignalReceiver::connect(const std::string& address) {
-  const ReceiverFunctions* functions = receiverFunctions();
-  if (!functions) return nullptr;
-  auto receiver = std::make_unique<BusSignalReceiver>(*functions);
-  if (!receiver->open(address)) return nullptr;
-  return receiver;
+  if (!dlopen("libsystemd.so.0", RTLD_NOW)) return nullptr;
+  std::unique_ptr<SignalReceiver> receiver{new SignalReceiver};
+  sd_bus*& bus = receiver->bus_;
+  const bool open =
+      sdBus().create(&bus) >= 0 && sdBus().setAddress(bus, address.c_str()) >= 0 &&
+      sdBus().setBusClient(bus, 1) >= 0 && sdBus().start(bus) >= 0 &&
+      sdBus().matchSignal(bus, nullptr, nullptr, nullptr, "org.mireltoken.DistributedNotification", "Posted",
+                          &keep, &receiver->received_) >= 0;
+  return open ? std::move(receiver) : nullptr;
+}
+
+SignalReceiver::~SignalReceiver() { sdBus().closeUnref(bus_); }
+
+std::optional<ReceivedSignal> SignalReceiver::next(std::chrono::milliseconds limit) {
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  while (received_.empty()) {
+    const auto left =
+        std::chrono::duration_cast<std::chrono::microseconds>(deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0) return std::nullopt;
+    const int processed = sdBus().process(bus_, nullptr);
+    if (processed < 0) return std::nullopt;
+    if (processed == 0) sdBus().wait(bus_, static_cast<std::uint64_t>(left.count()));
+  }
+  ReceivedSignal signal = received_.front();
+  received_.pop_front();
+  return signal;
 }
 
 }  // namespace mirel

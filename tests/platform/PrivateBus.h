@@ -3,9 +3,12 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <deque>
 #include <memory>
 #include <optional>
 #include <string>
+
+struct sd_bus;
 
 namespace mirel {
 
@@ -47,13 +50,18 @@ class SignalReceiver {
   /// Null when the library libsystemd.so.0 is not installed or the bus does not take the connection.
   [[nodiscard]] static std::unique_ptr<SignalReceiver> connect(const std::string& address);
 
-  SignalReceiver() = default;
   SignalReceiver(const SignalReceiver&) = delete;
   SignalReceiver& operator=(const SignalReceiver&) = delete;
-  virtual ~SignalReceiver() = default;
+  ~SignalReceiver();
 
   /// The next signal; nothing when none comes in that time.
-  [[nodiscard]] virtual std::optional<ReceivedSignal> next(std::chrono::milliseconds limit) = 0;
+  [[nodiscard]] std::optional<ReceivedSignal> next(std::chrono::milliseconds limit);
+
+ private:
+  SignalReceiver() = default;
+
+  sd_bus* bus_ = nullptr;
+  std::deque<ReceivedSignal> received_;
 };
 
 }  // namespace mirel
