@@ -92,14 +92,10 @@ Object& Script::object(CK_OBJECT_HANDLE handle) {
 
 void Script::pullCard(CK_SLOT_ID id, CK_RV code) {
   slot(id).card.reset();
-  for (auto session = sessions_.begin(); session != sessions_.end();) {
-    if (session->second.slot != id) {
-      ++session;
-      continue;
-    }
-    pulledSessions_[session->first] = code;
-    session = sessions_.erase(session);
+  for (const auto& [handle, session] : sessions_) {
+    if (session.slot == id) pulledSessions_[handle] = code;
   }
+  std::erase_if(sessions_, [id](const auto& entry) { return entry.second.slot == id; });
 }
 
 void Script::insertCard(Card card, CK_SLOT_ID id) { slot(id).card = std::move(card); }
@@ -133,26 +129,24 @@ void Script::removeEntry(std::string_view function) {
   std::memset(reinterpret_cast<unsigned char*>(&live_) + offset, 0, sizeof(void*));
 }
 
-std::vector<CK_SESSION_HANDLE> Script::openSessions() const {
+std::vector<CK_SESSION_HANDLE> Script::sessionsThat(bool (*want)(const Session&)) const {
   std::vector<CK_SESSION_HANDLE> handles;
-  for (const auto& [handle, session] : sessions_) handles.push_back(handle);
+  for (const auto& [handle, session] : sessions_) {
+    if (want(session)) handles.push_back(handle);
+  }
   return handles;
+}
+
+std::vector<CK_SESSION_HANDLE> Script::openSessions() const {
+  return sessionsThat([](const Session&) { return true; });
 }
 
 std::vector<CK_SESSION_HANDLE> Script::openSearches() const {
-  std::vector<CK_SESSION_HANDLE> handles;
-  for (const auto& [handle, session] : sessions_) {
-    if (session.search) handles.push_back(handle);
-  }
-  return handles;
+  return sessionsThat([](const Session& session) { return session.search.has_value(); });
 }
 
 std::vector<CK_SESSION_HANDLE> Script::openOperations() const {
-  std::vector<CK_SESSION_HANDLE> handles;
-  for (const auto& [handle, session] : sessions_) {
-    if (session.signing || session.decryption) handles.push_back(handle);
-  }
-  return handles;
+  return sessionsThat([](const Session& session) { return session.signing || session.decryption; });
 }
 
 CK_SESSION_HANDLE Script::openSession(CK_SLOT_ID slot, CK_FLAGS flags) {

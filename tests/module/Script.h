@@ -265,6 +265,7 @@ class Script {
     bool fired = false;
   };
 
+  [[nodiscard]] std::vector<CK_SESSION_HANDLE> sessionsThat(bool (*want)(const Session&)) const;
   void setHook(std::size_t position, std::shared_ptr<void> hook) { hooks_.at(position) = std::move(hook); }
 
   const CK_FUNCTION_LIST& complete_;

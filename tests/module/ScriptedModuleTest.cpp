@@ -3,13 +3,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <dlfcn.h>
-
 #include <algorithm>
 #include <array>
 #include <vector>
 
-#include "module/ModuleFiles.h"
 #include "module/Script.h"
 #include "support/ScriptedModule.h"
 
@@ -25,13 +22,7 @@ class ScriptedModuleTest : public ::testing::Test {
  protected:
   void SetUp() override {
     script.reset();
-    // Another handle of the same library, taken as a stranger would take it.
-    void* const library = dlopen(kScriptedModule, RTLD_NOW);
-    ASSERT_NE(library, nullptr);
-    const auto entry = reinterpret_cast<CK_C_GetFunctionList>(dlsym(library, "C_GetFunctionList"));
-    ASSERT_NE(entry, nullptr);
-    ASSERT_EQ(entry(&module), CKR_OK);
-    dlclose(library);
+    ASSERT_NE(module, nullptr);
     ASSERT_EQ(module->C_Initialize(nullptr), CKR_OK);
     script.forgetCalls();
   }
@@ -57,7 +48,7 @@ class ScriptedModuleTest : public ::testing::Test {
   }
 
   Script& script = scriptedModule();
-  CK_FUNCTION_LIST* module = nullptr;
+  CK_FUNCTION_LIST* module = scriptedFunctions();
 };
 
 TEST_F(ScriptedModuleTest, HasAnEntryForEveryFunction) {
@@ -67,18 +58,14 @@ TEST_F(ScriptedModuleTest, HasAnEntryForEveryFunction) {
   EXPECT_EQ(std::count(words.begin() + 1, words.end(), nullptr), 0);
 }
 
-TEST_F(ScriptedModuleTest, NeedsToBeInitialised) {
+TEST_F(ScriptedModuleTest, NeedsToBeInitialisedAndLosesItsSessionsWhenItIsFinalised) {
   EXPECT_EQ(module->C_Initialize(nullptr), CKR_CRYPTOKI_ALREADY_INITIALIZED);
-  EXPECT_EQ(module->C_Finalize(nullptr), CKR_OK);
-  CK_ULONG count = 0;
-  EXPECT_EQ(module->C_GetSlotList(CK_TRUE, nullptr, &count), CKR_CRYPTOKI_NOT_INITIALIZED);
-  EXPECT_EQ(module->C_CloseSession(5), CKR_CRYPTOKI_NOT_INITIALIZED);
-}
-
-TEST_F(ScriptedModuleTest, LosesItsSessionsWhenItIsFinalised) {
   (void)open();
   EXPECT_EQ(module->C_Finalize(nullptr), CKR_OK);
   EXPECT_THAT(script.openSessions(), IsEmpty());
+  CK_ULONG count = 0;
+  EXPECT_EQ(module->C_GetSlotList(CK_TRUE, nullptr, &count), CKR_CRYPTOKI_NOT_INITIALIZED);
+  EXPECT_EQ(module->C_CloseSession(5), CKR_CRYPTOKI_NOT_INITIALIZED);
 }
 
 TEST_F(ScriptedModuleTest, ListsSlotsByTheSizeRule) {
@@ -97,21 +84,15 @@ TEST_F(ScriptedModuleTest, ListsSlotsByTheSizeRule) {
   EXPECT_THAT(list, ElementsAre(1U, 2U));
 }
 
-TEST_F(ScriptedModuleTest, KnowsItsSessions) {
+TEST_F(ScriptedModuleTest, KnowsItsSessionsAndLogsOutWithTheLast) {
   const CK_SESSION_HANDLE first = open();
   const CK_SESSION_HANDLE second = open();
   EXPECT_EQ(first, kFirstSession);
   EXPECT_EQ(second, kFirstSession + 1);
+  EXPECT_EQ(login(first, "123456"), CKR_OK);
   EXPECT_EQ(module->C_CloseSession(first), CKR_OK);
   EXPECT_EQ(module->C_CloseSession(first), CKR_SESSION_HANDLE_INVALID);
   EXPECT_THAT(script.openSessions(), ElementsAre(second));
-}
-
-TEST_F(ScriptedModuleTest, LogsOutWithItsLastSession) {
-  const CK_SESSION_HANDLE first = open();
-  const CK_SESSION_HANDLE second = open();
-  EXPECT_EQ(login(first, "123456"), CKR_OK);
-  EXPECT_EQ(module->C_CloseSession(first), CKR_OK);
   CK_SESSION_INFO info{};
   EXPECT_EQ(module->C_GetSessionInfo(second, &info), CKR_OK);
   EXPECT_EQ(info.state, CKS_RO_USER_FUNCTIONS);

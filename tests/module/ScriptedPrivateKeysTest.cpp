@@ -3,11 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <dlfcn.h>
-
 #include <array>
 
-#include "module/ModuleFiles.h"
 #include "module/Script.h"
 #include "support/ScriptedModule.h"
 
@@ -25,12 +22,7 @@ class ScriptedPrivateKeysTest : public ::testing::Test {
     ecKey = script.addObject(ecPrivateKey(bytesOf("02"), bytesOf("Curve"), p256Params()));
     session = script.openSession(kSlot, CKF_SERIAL_SESSION);
     script.card().loggedIn = true;
-    void* const library = dlopen(kScriptedModule, RTLD_NOW);
-    ASSERT_NE(library, nullptr);
-    const auto entry = reinterpret_cast<CK_C_GetFunctionList>(dlsym(library, "C_GetFunctionList"));
-    ASSERT_NE(entry, nullptr);
-    ASSERT_EQ(entry(&module), CKR_OK);
-    dlclose(library);
+    ASSERT_NE(module, nullptr);
     script.forgetCalls();
   }
   void TearDown() override { script.reset(); }
@@ -62,7 +54,7 @@ class ScriptedPrivateKeysTest : public ::testing::Test {
   [[nodiscard]] Value written(std::size_t size) const { return Value(output.data(), output.data() + size); }
 
   Script& script = scriptedModule();
-  CK_FUNCTION_LIST* module = nullptr;
+  CK_FUNCTION_LIST* module = scriptedFunctions();
   CK_SESSION_HANDLE session = 0;
   CK_OBJECT_HANDLE ecKey = 0;
   CK_OBJECT_HANDLE derived = 0;

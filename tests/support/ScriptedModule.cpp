@@ -9,19 +9,26 @@
 namespace mirel::test {
 namespace {
 
-Script& openedScript() {
+/// The library's function of that name.
+template <typename Function>
+Function functionNamed(const char* name) {
   void* const library = dlopen(kScriptedModule, RTLD_NOW);
-  if (!library) throw std::runtime_error{dlerror()};
-  const auto entry = reinterpret_cast<ScriptEntry>(dlsym(library, kScriptSymbol));
-  if (!entry) throw std::runtime_error{dlerror()};
-  return *entry();
+  void* const found = library ? dlsym(library, name) : nullptr;
+  if (!found) throw std::runtime_error{dlerror()};
+  return reinterpret_cast<Function>(found);
 }
 
 }  // namespace
 
 Script& scriptedModule() {
-  static Script& script = openedScript();
+  static Script& script = *functionNamed<ScriptEntry>(kScriptSymbol)();
   return script;
+}
+
+CK_FUNCTION_LIST* scriptedFunctions() {
+  CK_FUNCTION_LIST* list = nullptr;
+  const CK_RV rv = functionNamed<CK_C_GetFunctionList>("C_GetFunctionList")(&list);
+  return rv == CKR_OK ? list : nullptr;
 }
 
 }  // namespace mirel::test
