@@ -23,8 +23,8 @@ using testing::IsEmpty;
 NSData* dataOf(const ByteVector& bytes) { return [NSData dataWithBytes:bytes.data() length:bytes.size()]; }
 
 /// A certificate, the caller's.
-SecCertificateRef newCertificate(const CertificateWish& wish = {}) {
-  return SecCertificateCreateWithData(nullptr, (CFDataRef)dataOf(makeCertificate(wish)));
+SecCertificateRef newCertificate(const ByteVector& der = makeCertificate()) {
+  return SecCertificateCreateWithData(nullptr, (CFDataRef)dataOf(der));
 }
 
 TKSmartCard* cardIn(NSString* reader) {
@@ -37,21 +37,6 @@ TKSmartCardToken* makeToken() {
                                                   AID:nil
                                            instanceID:@"1"
                                           tokenDriver:driver] autorelease];
-}
-
-TEST(DoubleItems, CertificatesMayAlwaysBeReadAndNothingElse) {
-  const SecCertificateRef certificate = newCertificate();
-  TKTokenKeychainCertificate* const item =
-      [[[TKTokenKeychainCertificate alloc] initWithCertificate:certificate objectID:@"id"] autorelease];
-  CFRelease(certificate);
-  EXPECT_TRUE(([[item constraints] isEqual:@{@1 : @YES, @2 : @NO, @3 : @NO, @4 : @NO}]));
-}
-
-TEST(DoubleItems, ThereIsNoKeyOfAKindThatTheKeychainCannotName) {
-  const KeyHolder key = makeKey("ED25519");
-  const SecCertificateRef certificate = newCertificate({.key = key.get()});
-  EXPECT_FALSE([[TKTokenKeychainKey alloc] initWithCertificate:certificate objectID:@"id"]);
-  CFRelease(certificate);
 }
 
 TEST(DoubleObjects, AreCountedUntilTheyGo) {
@@ -74,14 +59,14 @@ TEST(DoubleAlgorithm, ThereAreSeventySixDifferentOnes) {
 TEST(DoubleCertificates, OnlyWholeDerIsTakenWithWhateverFollowsIt) {
   const ByteVector good = makeCertificate();
   for (const ByteVector& bytes : {good, joinedBytes({good, {0}})}) {
-    const SecCertificateRef certificate = SecCertificateCreateWithData(nullptr, (CFDataRef)dataOf(bytes));
+    const SecCertificateRef certificate = newCertificate(bytes);
     ASSERT_TRUE(certificate);
     CFRelease(certificate);
   }
   const ByteVector shorter(good.begin(), good.end() - 1);
   for (const ByteVector& bytes : {shorter, ByteVector{}, ByteVector{0x30, 0x00}}) {
     SCOPED_TRACE(bytes.size());
-    EXPECT_FALSE(SecCertificateCreateWithData(nullptr, (CFDataRef)dataOf(bytes)));
+    EXPECT_FALSE(newCertificate(bytes));
   }
 }
 

@@ -333,10 +333,7 @@ void Play::insert(const std::string& readerName) {
   note("insert " + readerName, result);
   if (!result.succeeded) return;
   lines_.push_back("token " + driver_.instanceID());
-  for (PublishedItem& item : driver_.items()) {
-    dropPresets(item);
-    lines_.push_back(shown(item));
-  }
+  for (const PublishedItem& item : driver_.items()) lines_.push_back(shown(item));
 }
 
 void Play::remove() {
@@ -420,10 +417,6 @@ void prepare(const Scenario& scenario, Script& script) {
 std::string withoutAddresses(std::string line) {
   static const std::regex address{"<([A-Za-z]+): 0x[0-9a-f]+>"};
   return std::regex_replace(line, address, "<$1>");
-}
-
-void dropPresets(PublishedItem& item) {
-  if (!item.isKey) item.constraints.reset();
 }
 
 }  // namespace mirel::test

@@ -106,11 +106,8 @@ struct Scenario {
 /// Makes the card of the scenario.
 void prepare(const Scenario& scenario, Script& script);
 
-// The only places that level out what may differ.
-
-/// An object stands in a log line with its address, which is left out.
+/// The only place that levels out what may differ: an object stands in a log line with its address, which is
+/// left out.
 [[nodiscard]] std::string withoutAddresses(std::string line);
-/// The platform presets the constraints of certificates, which we do not set: they are left out.
-void dropPresets(PublishedItem& item);
 
 }  // namespace mirel::test

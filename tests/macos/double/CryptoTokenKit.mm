@@ -81,9 +81,6 @@ static TKTokenKeychainKey* plainCopyOf(TKTokenKeychainKey* key) {
 - (TKSmartCard*)anotherConnection {
   return [_slot makeSmartCard];
 }
-- (void)loseContext {
-  [self setContext:nil];
-}
 @end
 
 @implementation TKSmartCardPINFormat
@@ -131,12 +128,6 @@ static TKTokenKeychainKey* plainCopyOf(TKTokenKeychainKey* key) {
 - (instancetype)initWithCertificate:(SecCertificateRef)certificateRef objectID:(TKTokenObjectID)objectID {
   if (!(self = [super initWithObjectID:objectID])) return nil;
   if (switches().refusesCertificateItems || !certificateRef) return refused(self);
-  NSMutableDictionary* const constraints = [NSMutableDictionary dictionary];
-  for (NSInteger operation = TKTokenOperationReadData; operation <= TKTokenOperationPerformKeyExchange;
-       ++operation) {
-    [constraints setObject:@(operation == TKTokenOperationReadData) forKey:@(operation)];
-  }
-  [self setConstraints:constraints];
   return self;
 }
 @end

@@ -16,8 +16,6 @@ NS_ASSUME_NONNULL_BEGIN
 @interface TKSmartCard (Double)
 - (instancetype)initWithSlot:(TKSmartCardSlot*)slot;
 - (TKSmartCard*)anotherConnection;
-/// As the platform does when the card is reset, taken out or used by somebody else.
-- (void)loseContext;
 @end
 
 @interface TKTokenKeychainContents (Double)

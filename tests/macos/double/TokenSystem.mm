@@ -330,9 +330,9 @@ bool TokenSystem::cardIsSensitive(SessionNumber number) const {
 
 void TokenSystem::resetCard() {
   @autoreleasepool {
-    [(TKSmartCard*)state_->card.get() loseContext];
+    [(TKSmartCard*)state_->card.get() setContext:nil];
     for (const Kept& session : state_->sessions)
-      [[(TKSmartCardTokenSession*)session.get() smartCard] loseContext];
+      [[(TKSmartCardTokenSession*)session.get() smartCard] setContext:nil];
   }
 }
 

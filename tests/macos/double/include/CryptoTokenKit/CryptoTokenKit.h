@@ -24,7 +24,6 @@ typedef NSString* TKTokenInstanceID;
 typedef id TKTokenOperationConstraint;
 
 typedef NS_ENUM(NSInteger, TKTokenOperation) {
-  TKTokenOperationReadData = 1,
   TKTokenOperationSignData = 2,
   TKTokenOperationDecryptData = 3,
   TKTokenOperationPerformKeyExchange = 4,
