@@ -11,9 +11,9 @@
 #include <map>
 #include <set>
 
-#include "packaging/StringsFile.h"
 #include "platform/Desktop.h"
 #include "support/FakeUserDirectory.h"
+#include "support/StringsFile.h"
 #include "support/TemporaryFolder.h"
 
 namespace mirel::cli {

@@ -200,6 +200,7 @@ TEST_F(ScriptedPrivateKeysTest, DecryptPaddedBlocks) {
   EXPECT_EQ(decryptInit(), CKR_OK);
   EXPECT_EQ(decrypt(nullptr), CKR_OK);
   EXPECT_EQ(length, plain.size());
+  EXPECT_THAT(script.openOperations(), ElementsAre(session));
   length = 8;
   EXPECT_EQ(decrypt(output.data()), CKR_BUFFER_TOO_SMALL);
   EXPECT_EQ(decrypt(output.data()), CKR_OK);

@@ -3,12 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <string>
 
 #include "cli/ChildProcess.h"
+#include "support/StringsFile.h"
 #include "support/TemporaryFolder.h"
 #include "support/TestLocale.h"
 
@@ -21,15 +20,8 @@ using Environment = std::map<std::string, std::string>;
 constexpr const char* kTriesLeft = "VERIFY_TRY_LEFT";
 constexpr const char* kConstraint = "Not suppport this constraint";
 
-/// The text in that language's file: `"key" = "text";`, without an escape.
 std::string textIn(const std::string& language, const std::string& key) {
-  std::ifstream file{MIREL_RESOURCES "/" + language + ".lproj/Localizable.strings", std::ios::binary};
-  const std::string content{std::istreambuf_iterator<char>{file}, {}};
-  const std::string front = '"' + key + "\" = \"";
-  const std::size_t start = content.find(front);
-  if (start == std::string::npos) throw std::runtime_error{"no such text"};
-  const std::size_t first = start + front.size();
-  return content.substr(first, content.find("\";\n", first) - first);
+  return test::readStringsFile(MIREL_RESOURCES "/" + language + ".lproj/Localizable.strings").at(key);
 }
 
 /// A program in a folder of its own, with the catalogues that the build has made where a test puts them.
