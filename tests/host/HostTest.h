@@ -12,6 +12,21 @@
 
 namespace mirel::test {
 
+// What most tests of the host use.
+using ::testing::AllOf;
+using ::testing::AnyOf;
+using ::testing::ContainsRegex;
+using ::testing::ElementsAre;
+using ::testing::EndsWith;
+using ::testing::Eq;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+using ::testing::Pair;
+using ::testing::SizeIs;
+using ::testing::StartsWith;
+using ::testing::UnorderedElementsAre;
+
 /// The session that a good insertion leaves open: the two before it were only opened to read the
 /// token's information.
 inline constexpr CK_SESSION_HANDLE kCardSession = kFirstSession + 2;

@@ -4,6 +4,8 @@
 
 #include <algorithm>
 
+#include "host/Verification.h"
+
 namespace mirel::test {
 namespace {
 
@@ -126,6 +128,12 @@ void KeyClientTest::decryptRawInTheModule() {
 Signature KeyClientTest::signature(SecKeyAlgorithm algorithm, const Value& data, const char16_t* objectID) {
   GivenInput input{{data}};
   return successOf(client->sign(published(objectID), algorithm, input, pins));
+}
+
+Result<void> KeyClientTest::verified(SecKeyAlgorithm algorithm, const Signature& made) const {
+  PublishedCertificate certificate;
+  certificate.data = Bytes{key.certificate()};
+  return verifySignature(certificate, published(u"01"), algorithm, made);
 }
 
 Value KeyClientTest::plainText(SecKeyAlgorithm algorithm, const Value& cipher) {

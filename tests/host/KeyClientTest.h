@@ -15,6 +15,10 @@
 
 namespace mirel::test {
 
+/// How most tests sign and decrypt.
+inline constexpr SecKeyAlgorithm kSignByPss = SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureMessagePSSSHA256;
+inline constexpr SecKeyAlgorithm kDecryptPkcs1 = SecKeyAlgorithm::kSecKeyAlgorithmRSAEncryptionPKCS1;
+
 /// Gives the PINs of a test in turn, and then none. Remembers what it was asked and told.
 class GivenPins final : public PinSource {
  public:
@@ -92,6 +96,9 @@ class KeyClientTest : public HostTest {
   [[nodiscard]] Signature signature(SecKeyAlgorithm algorithm, const Value& data,
                                     const char16_t* objectID = u"01");
   [[nodiscard]] Value plainText(SecKeyAlgorithm algorithm, const Value& cipher);
+
+  /// Whether that is a signature by the key "01".
+  [[nodiscard]] Result<void> verified(SecKeyAlgorithm algorithm, const Signature& made) const;
 
   /// Why the client gave none; a result fails the test.
   [[nodiscard]] Failure signFailure(SecKeyAlgorithm algorithm, const Value& data,
