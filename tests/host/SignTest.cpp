@@ -4,15 +4,11 @@
 
 #include "FailureDiary.h"
 #include "HostToken.h"
+#include "host/Algorithms.h"
 #include "host/KeyClientTest.h"
-#include "host/Verification.h"
 
 namespace mirel::test {
 namespace {
-
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
 
 using enum SecKeyAlgorithm;
 
@@ -21,37 +17,20 @@ const Value kMessage = bytesOf("a message");
 struct Row {
   SecKeyAlgorithm algorithm;
   const char* hash;
-  int saltLen = 0;
+  int saltLen;
 };
 
-const Row kPssRows[] = {{kSecKeyAlgorithmRSASignatureMessagePSSSHA1, "SHA1", 20},
-                        {kSecKeyAlgorithmRSASignatureMessagePSSSHA224, "SHA224", 28},
-                        {kSecKeyAlgorithmRSASignatureMessagePSSSHA256, "SHA256", 32},
-                        {kSecKeyAlgorithmRSASignatureMessagePSSSHA384, "SHA384", 48},
-                        {kSecKeyAlgorithmRSASignatureDigestPSSSHA1, "SHA1", 20},
-                        {kSecKeyAlgorithmRSASignatureDigestPSSSHA224, "SHA224", 28},
-                        {kSecKeyAlgorithmRSASignatureDigestPSSSHA256, "SHA256", 32},
-                        {kSecKeyAlgorithmRSASignatureDigestPSSSHA384, "SHA384", 48}};
-
-const Row kPkcs1Rows[] = {{kSecKeyAlgorithmRSASignatureMessagePKCS1v15SHA1, "SHA1"},
-                          {kSecKeyAlgorithmRSASignatureMessagePKCS1v15SHA224, "SHA224"},
-                          {kSecKeyAlgorithmRSASignatureMessagePKCS1v15SHA256, "SHA256"},
-                          {kSecKeyAlgorithmRSASignatureMessagePKCS1v15SHA384, "SHA384"},
-                          {kSecKeyAlgorithmRSASignatureMessagePKCS1v15SHA512, "SHA512"},
-                          {kSecKeyAlgorithmRSASignatureDigestPKCS1v15SHA1, "SHA1"},
-                          {kSecKeyAlgorithmRSASignatureDigestPKCS1v15SHA224, "SHA224"},
-                          {kSecKeyAlgorithmRSASignatureDigestPKCS1v15SHA256, "SHA256"},
-                          {kSecKeyAlgorithmRSASignatureDigestPKCS1v15SHA384, "SHA384"},
-                          {kSecKeyAlgorithmRSASignatureDigestPKCS1v15SHA512, "SHA512"}};
+constexpr Row kPssRows[] = {{kSecKeyAlgorithmRSASignatureMessagePSSSHA1, "SHA1", 20},
+                            {kSecKeyAlgorithmRSASignatureMessagePSSSHA224, "SHA224", 28},
+                            {kSignByPss, "SHA256", 32},
+                            {kSecKeyAlgorithmRSASignatureMessagePSSSHA384, "SHA384", 48},
+                            {kSecKeyAlgorithmRSASignatureDigestPSSSHA1, "SHA1", 20},
+                            {kSecKeyAlgorithmRSASignatureDigestPSSSHA224, "SHA224", 28},
+                            {kSecKeyAlgorithmRSASignatureDigestPSSSHA256, "SHA256", 32},
+                            {kSecKeyAlgorithmRSASignatureDigestPSSSHA384, "SHA384", 48}};
 
 class Sign : public KeyClientTest {
  protected:
-  [[nodiscard]] Result<void> verified(SecKeyAlgorithm algorithm, const Signature& made) const {
-    PublishedCertificate certificate;
-    certificate.data = Bytes{key.certificate()};
-    return verifySignature(certificate, published(u"01"), algorithm, made);
-  }
-
   /// The message, or its digest where the algorithm wants that.
   [[nodiscard]] static Value inputFor(const Row& row) {
     const bool isMessage = nameOf(row.algorithm).find("Message") != std::string_view::npos;
@@ -83,14 +62,17 @@ TEST_F(Sign, MakesSignaturesByPssThatVerify) {
 
 TEST_F(Sign, LeavesThePaddingOfPkcs1ToTheModule) {
   padInTheModule();
-  for (const Row& row : kPkcs1Rows) {
-    SCOPED_TRACE(nameOf(row.algorithm));
-    const Signature made = signature(row.algorithm, inputFor(row));
-    const Value digest = softwareDigest(row.hash, kMessage);
-    EXPECT_TRUE(key.verifies(valueOf(made.value), digest, row.hash, RSA_PKCS1_PADDING));
-    EXPECT_EQ(made.performed, kSecKeyAlgorithmRSASignatureDigestPKCS1v15Raw);
-    EXPECT_EQ(made.data, Bytes{digest});
-    EXPECT_TRUE(verified(row.algorithm, made));
+  for (const char* hash : {"SHA1", "SHA224", "SHA256", "SHA384", "SHA512"}) {
+    for (const std::string input : {"Message", "Digest"}) {
+      SCOPED_TRACE(input + hash);
+      const SecKeyAlgorithm algorithm = algorithmNamed("RSASignature" + input + "PKCS1v15" + hash);
+      const Value digest = softwareDigest(hash, kMessage);
+      const Signature made = signature(algorithm, input == "Message" ? kMessage : digest);
+      EXPECT_TRUE(key.verifies(valueOf(made.value), digest, hash, RSA_PKCS1_PADDING));
+      EXPECT_EQ(made.performed, kSecKeyAlgorithmRSASignatureDigestPKCS1v15Raw);
+      EXPECT_EQ(made.data, Bytes{digest});
+      EXPECT_TRUE(verified(algorithm, made));
+    }
   }
 }
 
@@ -108,6 +90,8 @@ TEST_F(Sign, GivesTheModuleRawBlocksAsTheyAre) {
   EXPECT_EQ(made.performed, kSecKeyAlgorithmRSASignatureRaw);
   EXPECT_EQ(made.data, Bytes{block()});
   EXPECT_TRUE(verified(kSecKeyAlgorithmRSASignatureRaw, made));
+  ASSERT_EQ(script.countOf("C_SignInit"), 1U);
+  EXPECT_THAT(script.callTexts("C_SignInit").front(), HasSubstr("CKM 3 null 0"));
 }
 
 TEST_F(Sign, GivesTheModuleRawDigestInfosAsTheyAre) {
@@ -125,8 +109,7 @@ TEST_F(Sign, HashesAMessageInPieces) {
   Value whole;
   for (const Value& piece : pieces) whole.insert(whole.end(), piece.begin(), piece.end());
   GivenInput input{{pieces[0], pieces[1], pieces[2]}};
-  const auto outcome =
-      client->sign(published(u"01"), kSecKeyAlgorithmRSASignatureMessagePSSSHA256, input, pins);
+  const auto outcome = client->sign(published(u"01"), kSignByPss, input, pins);
   ASSERT_TRUE(outcome);
   const Value digest = softwareDigest("SHA256", whole);
   EXPECT_EQ(outcome->data, Bytes{digest});
@@ -135,7 +118,7 @@ TEST_F(Sign, HashesAMessageInPieces) {
 }
 
 TEST_F(Sign, SignsAnEmptyMessage) {
-  const Signature made = signature(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, {});
+  const Signature made = signature(kSignByPss, {});
   EXPECT_TRUE(
       key.verifies(valueOf(made.value), softwareDigest("SHA256", {}), "SHA256", RSA_PKCS1_PSS_PADDING, 32));
 }
@@ -143,29 +126,13 @@ TEST_F(Sign, SignsAnEmptyMessage) {
 // ---- What the card is asked ----
 
 TEST_F(Sign, AsksForThePinOnceAndThenSigns) {
-  (void)signature(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, kMessage);
-  EXPECT_EQ(pins.timesAsked(), 1U);
-  EXPECT_THAT(pins.refusals, IsEmpty());
+  (void)signature(kSignByPss, kMessage);
   EXPECT_THAT(secretCalls(), ElementsAre("C_Login", "C_SignInit", "C_Sign"));
   EXPECT_THAT(script.callTexts("C_Login"), ElementsAre(HasSubstr(", 1, 313233343536)")));
-}
-
-TEST_F(Sign, NamesTheTokenWhereThePinIsAskedFor) {
-  (void)signature(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, kMessage);
-  EXPECT_THAT(pins.labels, ElementsAre("TESTCARD"));
-}
-
-TEST_F(Sign, AsksForNoPinTheSecondTime) {
-  (void)signature(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, kMessage);
-  (void)signature(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, kMessage);
-  EXPECT_EQ(pins.timesAsked(), 1U);
+  (void)signature(kSignByPss, kMessage);
   EXPECT_THAT(secretCalls(), ElementsAre("C_Login", "C_SignInit", "C_Sign", "C_SignInit", "C_Sign"));
-}
-
-TEST_F(Sign, GivesTheModuleTheWholeBlock) {
-  (void)signature(kSecKeyAlgorithmRSASignatureRaw, block());
-  ASSERT_EQ(script.countOf("C_SignInit"), 1U);
-  EXPECT_THAT(script.callTexts("C_SignInit").front(), HasSubstr("CKM 3 null 0"));
+  EXPECT_THAT(pins.labels, ElementsAre("TESTCARD"));
+  EXPECT_THAT(pins.refusals, IsEmpty());
 }
 
 TEST_F(Sign, AuthenticatesByTheConstraintOfTheKey) {
@@ -173,8 +140,7 @@ TEST_F(Sign, AuthenticatesByTheConstraintOfTheKey) {
   other.constraints[KeyOperation::kSign] = Text{u"Fingerprint"};
   strings->texts["Not suppport this constraint"] = Text{u"Not that way"};
   GivenInput input{{kMessage}};
-  const Failure failure =
-      failureOf(client->sign(other, kSecKeyAlgorithmRSASignatureMessagePSSSHA256, input, pins));
+  const Failure failure = failureOf(client->sign(other, kSignByPss, input, pins));
   EXPECT_EQ(failure.kind, FailureKind::kNotSupported);
   EXPECT_EQ(failure.why, "the token says \"Not that way\"");
   EXPECT_EQ(pins.timesAsked(), 0U);
@@ -185,8 +151,7 @@ TEST_F(Sign, AuthenticatesByTheConstraintOfTheOperation) {
   PublishedKey other = published(u"01");
   other.constraints = {{KeyOperation::kDecrypt, Text{u"PINAlways"}}};
   GivenInput input{{kMessage}};
-  const Failure failure =
-      failureOf(client->sign(other, kSecKeyAlgorithmRSASignatureMessagePSSSHA256, input, pins));
+  const Failure failure = failureOf(client->sign(other, kSignByPss, input, pins));
   EXPECT_EQ(failure.kind, FailureKind::kNotSupported);
   EXPECT_EQ(pins.timesAsked(), 0U);
 }
@@ -194,22 +159,21 @@ TEST_F(Sign, AuthenticatesByTheConstraintOfTheOperation) {
 TEST_F(Sign, AsksWithoutThePinFirst) {
   // Somebody who has logged in elsewhere spares nobody the PIN: each client has a login of its own.
   script.card().loggedIn = true;
-  (void)signature(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, kMessage);
+  (void)signature(kSignByPss, kMessage);
   EXPECT_EQ(pins.timesAsked(), 1U);
 }
 
 TEST_F(Sign, NeedsALoginForEachClient) {
-  (void)signature(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, kMessage);
+  (void)signature(kSignByPss, kMessage);
   const auto other = newClient();
   GivenPins otherPins{{u"123456"}};
   for (int round = 0; round < 2; ++round) {
     GivenInput input{{kMessage}};
-    const auto outcome =
-        other->sign(published(u"01"), kSecKeyAlgorithmRSASignatureMessagePSSSHA256, input, otherPins);
+    const auto outcome = other->sign(published(u"01"), kSignByPss, input, otherPins);
     EXPECT_TRUE(outcome);
     EXPECT_EQ(otherPins.timesAsked(), 1U);
   }
-  (void)signature(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, kMessage);
+  (void)signature(kSignByPss, kMessage);
   EXPECT_EQ(pins.timesAsked(), 1U);
 }
 
@@ -217,7 +181,7 @@ TEST_F(Sign, DoesNotNeedTheFirstClient) {
   const auto other = newClient();
   client.reset();
   GivenInput input{{kMessage}};
-  EXPECT_TRUE(other->sign(published(u"01"), kSecKeyAlgorithmRSASignatureMessagePSSSHA256, input, pins));
+  EXPECT_TRUE(other->sign(published(u"01"), kSignByPss, input, pins));
 }
 
 // ---- Input that cannot be ----
@@ -259,8 +223,7 @@ TEST_F(Sign, RefusesAnEncodingThatTheKeyIsTooShortFor) {
 }
 
 TEST_F(Sign, PassesOnWhatIsWrongWithTheInput) {
-  for (const SecKeyAlgorithm algorithm :
-       {kSecKeyAlgorithmRSASignatureMessagePSSSHA256, kSecKeyAlgorithmRSASignatureRaw}) {
+  for (const SecKeyAlgorithm algorithm : {kSignByPss, kSecKeyAlgorithmRSASignatureRaw}) {
     GivenInput input{{kMessage}};
     input.failure =
         Failure{FailureKind::kFileFailure, "the file cannot be read", "it is gone", "look for it"};
@@ -276,43 +239,35 @@ TEST_F(Sign, PassesOnWhatIsWrongWithTheInput) {
 
 TEST_F(Sign, TellsWhatWentWrongInTheCard) {
   script.failCallOf("C_Sign", 0, CKR_DEVICE_ERROR);
-  const Signature made = signature(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, kMessage);
+  const Signature made = signature(kSignByPss, kMessage);
   ASSERT_TRUE(made.fault);
   EXPECT_EQ(made.fault->reason, "C_Sign answered CKR_DEVICE_ERROR (0x30)");
-  EXPECT_THAT(failureOf(verified(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, made)).why,
-              HasSubstr(made.fault->reason));
+  EXPECT_THAT(failureOf(verified(kSignByPss, made)).why, HasSubstr(made.fault->reason));
 }
 
 TEST_F(Sign, TellsThatTheCardIsGone) {
-  script.hook<&CK_FUNCTION_LIST::C_SignInit>(
-      [&](auto real, CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism, CK_OBJECT_HANDLE handle) {
-        script.pullCard(kSlot, CKR_DEVICE_REMOVED);
-        return real(session, mechanism, handle);
-      });
-  const Signature made = signature(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, kMessage);
+  script.hook<&CK_FUNCTION_LIST::C_SignInit>([&](auto real, auto... args) {
+    script.pullCard(kSlot, CKR_DEVICE_REMOVED);
+    return real(args...);
+  });
+  const Signature made = signature(kSignByPss, kMessage);
   ASSERT_TRUE(made.fault);
   EXPECT_EQ(made.fault->reason, "C_SignInit answered CKR_DEVICE_REMOVED (0x32)");
 }
 
 TEST_F(Sign, TellsThatTheCardWasPulledAfterAnotherSignature) {
-  (void)signature(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, kMessage);
+  (void)signature(kSignByPss, kMessage);
   script.pullCard();
-  EXPECT_EQ(signFailure(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, kMessage).kind, FailureKind::kCardGone);
+  EXPECT_EQ(signFailure(kSignByPss, kMessage).kind, FailureKind::kCardGone);
   EXPECT_EQ(pins.timesAsked(), 1U);
-}
-
-TEST_F(Sign, ForgetsWhatWentWrongBefore) {
-  script.failCallOf("C_Sign", 0, CKR_DEVICE_ERROR);
-  (void)signature(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, kMessage);
-  EXPECT_FALSE(signature(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, kMessage).fault);
 }
 
 TEST_F(Sign, TellsTheLastFaultAlone) {
   script.failCallOf("C_Sign", 0, CKR_DEVICE_ERROR);
-  (void)signature(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, kMessage);
+  (void)signature(kSignByPss, kMessage);
+  EXPECT_FALSE(signature(kSignByPss, kMessage).fault);
   script.failCallOf("C_Sign", 0, CKR_DEVICE_REMOVED, Times::kFromThenOn);
-  EXPECT_THAT(signature(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, kMessage).fault.value().reason,
-              HasSubstr("CKR_DEVICE_REMOVED (0x32)"));
+  EXPECT_THAT(signature(kSignByPss, kMessage).fault.value().reason, HasSubstr("CKR_DEVICE_REMOVED (0x32)"));
 }
 
 // ---- Tokens that keep refusing ----
@@ -358,7 +313,7 @@ TEST_F(RefusingToken, IsNotAskedAThirdTime) {
     ++timesAsked;
     session->core()->setAuthState(MirelSCTokenSession::kNotAuthenticated);
   };
-  const Failure failure = signFailure(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, kMessage);
+  const Failure failure = signFailure(kSignByPss, kMessage);
   EXPECT_EQ(failure.kind, FailureKind::kCardRefuses);
   EXPECT_THAT(failure.why, HasSubstr("error -9"));
   EXPECT_EQ(timesAsked, 2);
@@ -366,10 +321,10 @@ TEST_F(RefusingToken, IsNotAskedAThirdTime) {
 }
 
 TEST_F(RefusingToken, AnswersWithItsError) {
-  (void)signature(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, kMessage);
+  (void)signature(kSignByPss, kMessage);
   // The card was reset: its user's mark is gone.
   session->smartCard().dropContext();
-  const Failure failure = signFailure(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, kMessage);
+  const Failure failure = signFailure(kSignByPss, kMessage);
   EXPECT_EQ(failure.kind, FailureKind::kCardRefuses);
   EXPECT_EQ(failure.what, "the token does not sign");
   EXPECT_EQ(failure.why, "it answered with error -7");
