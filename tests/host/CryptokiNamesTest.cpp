@@ -155,65 +155,44 @@ TEST(CryptokiResultText, NamesTheStandardsResultsWithTheirNumbers) {
   }
 }
 
-TEST(CryptokiResultText, IsTheNumberAloneForResultsWithoutAName) {
-  EXPECT_EQ(cryptokiResultText(0x4), "0x4");
-  EXPECT_EQ(cryptokiResultText(0xB2), "0xB2");
-  EXPECT_EQ(cryptokiResultText(0x800000B4), "0x800000B4");
-  EXPECT_EQ(cryptokiResultText(0xFFFFFFFFFFFFFFFF), "0xFFFFFFFFFFFFFFFF");
-}
-
-TEST(CryptokiResultText, DoesNotCutAResultToThirtyTwoBits) {
-  EXPECT_EQ(cryptokiResultText(0x100000030), "0x100000030");
+TEST(CryptokiResultText, IsTheWholeNumberAloneForResultsWithoutAName) {
+  for (const std::uint64_t value : {std::uint64_t{0x4}, std::uint64_t{0xB2}, std::uint64_t{0x800000B4},
+                                    std::uint64_t{0x100000030}, ~std::uint64_t{0}})
+    EXPECT_EQ(cryptokiResultText(value), hexadecimal(value));
 }
 
 // ---- Flags ----
 
-TEST(TokenFlagNames, AreTheStandards) {
+TEST(TokenFlagNames, AreTheStandardsInTheOrderOfTheBits) {
   for (const auto& [value, name] : kTokenFlags) EXPECT_THAT(tokenFlagNames(value), ElementsAre(name));
-}
-
-TEST(TokenFlagNames, ComeInTheOrderOfTheBits) {
   EXPECT_THAT(tokenFlagNames(0x40D),
               ElementsAre("RNG", "LOGIN_REQUIRED", "USER_PIN_INITIALIZED", "TOKEN_INITIALIZED"));
+  EXPECT_THAT(tokenFlagNames(0), IsEmpty());
 }
 
 TEST(TokenFlagNames, AreNumbersForBitsWithoutAName) {
   EXPECT_THAT(tokenFlagNames(0x10), ElementsAre("0x10"));
   EXPECT_THAT(tokenFlagNames(0x8000000000000001), ElementsAre("RNG", "0x8000000000000000"));
+  EXPECT_EQ(tokenFlagNames(~std::uint64_t{0}).size(), 64U);
 }
 
-TEST(TokenFlagNames, AreNoneWithoutAFlag) { EXPECT_THAT(tokenFlagNames(0), IsEmpty()); }
-
-TEST(TokenFlagNames, CoverAllBits) { EXPECT_EQ(tokenFlagNames(~std::uint64_t{0}).size(), 64U); }
-
-TEST(SlotFlagNames, AreTheStandards) {
+TEST(SlotFlagNames, AreTheStandardsAndNumbersForOtherBits) {
   for (const auto& [value, name] : kSlotFlags) EXPECT_THAT(slotFlagNames(value), ElementsAre(name));
-}
-
-TEST(SlotFlagNames, AreNumbersForBitsWithoutAName) {
   EXPECT_THAT(slotFlagNames(0x100D), ElementsAre("TOKEN_PRESENT", "HW_SLOT", "0x8", "0x1000"));
+  EXPECT_THAT(slotFlagNames(0), IsEmpty());
 }
 
-TEST(SlotFlagNames, AreNoneWithoutAFlag) { EXPECT_THAT(slotFlagNames(0), IsEmpty()); }
-
-// ---- Key usage ----
-
-TEST(KeyUsageNames, AreTheStandards) {
-  for (std::size_t bit = 0; bit < std::size(kUsages); ++bit) {
+TEST(KeyUsageNames, AreTheStandardsInTheOrderOfTheBits) {
+  for (std::size_t bit = 0; bit < std::size(kUsages); ++bit)
     EXPECT_THAT(keyUsageNames(std::int32_t{1} << bit), ElementsAre(kUsages[bit]));
-  }
-}
-
-TEST(KeyUsageNames, ComeInTheOrderOfTheBits) {
   EXPECT_THAT(keyUsageNames(0x105), ElementsAre("digitalSignature", "keyEncipherment", "decipherOnly"));
+  EXPECT_THAT(keyUsageNames(0), IsEmpty());
 }
 
 TEST(KeyUsageNames, AreNumbersForBitsWithoutAName) {
   EXPECT_THAT(keyUsageNames(0x200), ElementsAre("0x200"));
   EXPECT_THAT(keyUsageNames(INT32_MIN), ElementsAre("0x80000000"));
 }
-
-TEST(KeyUsageNames, AreNoneWithoutABit) { EXPECT_THAT(keyUsageNames(0), IsEmpty()); }
 
 }  // namespace
 }  // namespace mirel::test

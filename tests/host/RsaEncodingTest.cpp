@@ -35,39 +35,29 @@ const Value kMessage = bytesOf("a message");
 
 // ---- Digests ----
 
-TEST(HostDigest, KnowsTheSizesOfTheHashes) {
-  for (const HashRow& row : kHashes) {
-    EXPECT_EQ(factsOf(row.hash).size, static_cast<std::size_t>(row.size)) << row.name;
-    EXPECT_EQ(factsOf(row.hash).name, row.name);
-  }
-}
-
-TEST(HostDigest, IsTheDigestOfTheData) {
-  for (const HashRow& row : kHashes) {
-    EXPECT_EQ(digestOf(row.hash, kMessage), softwareDigest(row.name, kMessage)) << row.name;
-    EXPECT_EQ(digestOf(row.hash, {}), softwareDigest(row.name, {})) << row.name;
-  }
-}
-
-TEST(HostDigest, KnowsAPublishedAnswer) {
-  // FIPS 180-2, appendix B.1.
-  const ByteVector abc{0x61, 0x62, 0x63};
-  const ByteVector wanted{0xBA, 0x78, 0x16, 0xBF, 0x8F, 0x01, 0xCF, 0xEA, 0x41, 0x41, 0x40,
-                          0xDE, 0x5D, 0xAE, 0x22, 0x23, 0xB0, 0x03, 0x61, 0xA3, 0x96, 0x17,
-                          0x7A, 0x9C, 0xB4, 0x10, 0xFF, 0x61, 0xF2, 0x00, 0x15, 0xAD};
-  EXPECT_EQ(digestOf(Hash::kSHA256, abc), wanted);
-}
-
-TEST(HostDigest, IsTheSameInPieces) {
+TEST(HostDigest, IsTheDigestOfTheDataAtOnceAndInPieces) {
   const Value data = patternValue(1000, 3);
   for (const HashRow& row : kHashes) {
+    SCOPED_TRACE(row.name);
+    EXPECT_EQ(factsOf(row.hash).size, static_cast<std::size_t>(row.size));
+    EXPECT_EQ(factsOf(row.hash).name, row.name);
+    EXPECT_EQ(digestOf(row.hash, kMessage), softwareDigest(row.name, kMessage));
+    EXPECT_EQ(digestOf(row.hash, {}), softwareDigest(row.name, {}));
     Digest digest{row.hash};
     digest.update(std::span{data}.first(1));
     digest.update({});
     digest.update(std::span{data}.subspan(1, 700));
     digest.update(std::span{data}.subspan(701));
-    EXPECT_EQ(digest.finish(), softwareDigest(row.name, data)) << row.name;
+    EXPECT_EQ(digest.finish(), softwareDigest(row.name, data));
   }
+}
+
+TEST(HostDigest, KnowsAPublishedAnswer) {
+  // FIPS 180-2, appendix B.1.
+  const ByteVector wanted{0xBA, 0x78, 0x16, 0xBF, 0x8F, 0x01, 0xCF, 0xEA, 0x41, 0x41, 0x40,
+                          0xDE, 0x5D, 0xAE, 0x22, 0x23, 0xB0, 0x03, 0x61, 0xA3, 0x96, 0x17,
+                          0x7A, 0x9C, 0xB4, 0x10, 0xFF, 0x61, 0xF2, 0x00, 0x15, 0xAD};
+  EXPECT_EQ(digestOf(Hash::kSHA256, bytesOf("abc")), wanted);
 }
 
 // ---- DigestInfo ----
@@ -159,37 +149,26 @@ TEST(EncodedForPss, TakesAnotherSaltEachTime) {
 
 TEST(EncodedForPss, LeavesTheTopmostBitsClear) {
   const Value digest = softwareDigest("SHA256", kMessage);
-  struct Row {
-    std::size_t bits;
-    CK_BYTE forbidden;  // in the first byte of the block
-  };
-  constexpr Row kRows[] = {{1024, 0x80}, {1023, 0xC0}, {1018, 0xFE}, {1025, 0xFF}, {1026, 0xFE}};
-  for (const Row& row : kRows) {
+  // The size of the modulus in bits; what must not be set in the first byte of the block.
+  const std::pair<std::size_t, CK_BYTE> rows[] = {
+      {1024, 0x80}, {1023, 0xC0}, {1018, 0xFE}, {1025, 0xFF}, {1026, 0xFE}};
+  for (const auto& [bits, forbidden] : rows) {
     for (int i = 0; i < 64; ++i) {
-      const auto block = encodedForPss(Hash::kSHA256, digest, row.bits);
+      const auto block = encodedForPss(Hash::kSHA256, digest, bits);
       ASSERT_TRUE(block);
-      EXPECT_EQ(block->size(), (row.bits + 7) / 8);
-      EXPECT_EQ(block->front() & row.forbidden, 0) << row.bits;
+      EXPECT_EQ(block->size(), (bits + 7) / 8);
+      EXPECT_EQ(block->front() & forbidden, 0) << bits;
     }
   }
 }
 
 TEST(EncodedForPss, RefusesAKeyThatIsTooShort) {
-  struct Row {
-    Hash hash;
-    std::size_t digestSize;
-    std::size_t bits;
-    bool fits;
-  };
   // The encoded message has one bit less than the modulus and takes twice the digest and two bytes
   // (RFC 8017, section 9.1.1, step 3).
-  constexpr Row kRows[] = {
-      {Hash::kSHA512, 64, 1024, false}, {Hash::kSHA512, 64, 1033, false}, {Hash::kSHA512, 64, 1034, true},
-      {Hash::kSHA1, 20, 329, false},    {Hash::kSHA1, 20, 330, true},     {Hash::kSHA1, 20, 1, false},
-      {Hash::kSHA1, 20, 0, false},
-  };
-  for (const Row& row : kRows)
-    EXPECT_EQ(encodedForPss(row.hash, Value(row.digestSize, 1), row.bits).has_value(), row.fits) << row.bits;
+  for (const std::size_t bits : {1024U, 1033U, 1034U})
+    EXPECT_EQ(encodedForPss(Hash::kSHA512, Value(64, 1), bits).has_value(), bits >= 1034) << bits;
+  for (const std::size_t bits : {0U, 1U, 329U, 330U})
+    EXPECT_EQ(encodedForPss(Hash::kSHA1, Value(20, 1), bits).has_value(), bits >= 330) << bits;
 }
 
 // ---- PKCS #1 v1.5 after decrypting ----
@@ -230,9 +209,6 @@ TEST(UnpaddedAfterDecrypting, NeedsEightBytesOfPadding) {
     block.resize(20, 0x77);
     EXPECT_EQ(unpaddedAfterDecrypting(block).has_value(), paddingSize >= 8) << paddingSize;
   }
-}
-
-TEST(UnpaddedAfterDecrypting, GivesAnEmptyMessageOfTheShortestBlock) {
   EXPECT_EQ(unpaddedAfterDecrypting(Value{0x00, 0x02, 1, 2, 3, 4, 5, 6, 7, 8, 0x00}), Value{});
 }
 
@@ -255,32 +231,16 @@ TEST(DecodedFromOaep, GivesWhatOpenSslHasEncrypted) {
   }
 }
 
-TEST(DecodedFromOaep, KeepsZerosThatBeginTheMessage) {
-  const SoftwareKey& key = SoftwareKey::rsa(1024);
-  const Value plain{0x00, 0x00, 0x01, 0x00};
-  const Value cipher = key.encrypted(plain, RSA_PKCS1_OAEP_PADDING, "SHA256");
-  EXPECT_EQ(decodedFromOaep(Hash::kSHA256, key.rawPrivate(cipher)), plain);
-}
-
-TEST(DecodedFromOaep, RefusesABlockThatIsAltered) {
+TEST(DecodedFromOaep, RefusesABlockThatIsAlteredOrOfAnotherHashOrTooShort) {
   const SoftwareKey& key = SoftwareKey::rsa(1024);
   const Value block = key.rawPrivate(key.encrypted(kMessage, RSA_PKCS1_OAEP_PADDING, "SHA1"));
   ASSERT_EQ(decodedFromOaep(Hash::kSHA1, block), kMessage);
+  EXPECT_FALSE(decodedFromOaep(Hash::kSHA256, block));
   // The first byte, the seed, the hash of the label.
   for (const std::size_t position : {0U, 1U, 20U, 21U, 40U})
     EXPECT_FALSE(decodedFromOaep(Hash::kSHA1, flipped(block, position))) << position;
-}
-
-TEST(DecodedFromOaep, RefusesABlockOfAnotherHash) {
-  const SoftwareKey& key = SoftwareKey::rsa(1024);
-  const Value block = key.rawPrivate(key.encrypted(kMessage, RSA_PKCS1_OAEP_PADDING, "SHA1"));
-  EXPECT_FALSE(decodedFromOaep(Hash::kSHA256, block));
-}
-
-TEST(DecodedFromOaep, RefusesWhatIsTooShort) {
-  EXPECT_FALSE(decodedFromOaep(Hash::kSHA1, {}));
-  EXPECT_FALSE(decodedFromOaep(Hash::kSHA1, Value(1)));
-  EXPECT_FALSE(decodedFromOaep(Hash::kSHA1, Value(41)));
+  for (const std::size_t size : {0U, 1U, 41U})
+    EXPECT_FALSE(decodedFromOaep(Hash::kSHA1, Value(size))) << size;
   EXPECT_FALSE(decodedFromOaep(Hash::kSHA512, Value(128)));
 }
 
@@ -305,23 +265,18 @@ TEST(DecodedFromOaep, RefusesWhatIsTooShort) {
   return block;
 }
 
-[[nodiscard]] Value labelHashAnd(const Value& rest) {
-  Value data = softwareDigest("SHA1", {});
-  data.insert(data.end(), rest.begin(), rest.end());
-  return data;
-}
-
 TEST(DecodedFromOaep, LooksForTheMarkBehindZerosAlone) {
-  EXPECT_EQ(decodedFromOaep(Hash::kSHA1, oaepBlock(labelHashAnd({0, 0, 1, 7}))), Value{7});
-  EXPECT_EQ(decodedFromOaep(Hash::kSHA1, oaepBlock(labelHashAnd({1}))), Value{});
-  EXPECT_FALSE(decodedFromOaep(Hash::kSHA1, oaepBlock(labelHashAnd({0, 2, 1, 7}))));
-  EXPECT_FALSE(decodedFromOaep(Hash::kSHA1, oaepBlock(labelHashAnd({0, 0, 0, 0}))));
-}
-
-TEST(DecodedFromOaep, RefusesTheHashOfAnotherLabel) {
-  Value data = softwareDigest("SHA1", bytesOf("label"));
-  data.insert(data.end(), {0, 0, 1, 7});
-  EXPECT_FALSE(decodedFromOaep(Hash::kSHA1, oaepBlock(data)));
+  const auto decoded = [](const Value& rest, const char* label = "") {
+    Value data = softwareDigest("SHA1", bytesOf(label));
+    data.insert(data.end(), rest.begin(), rest.end());
+    return decodedFromOaep(Hash::kSHA1, oaepBlock(data));
+  };
+  EXPECT_EQ(decoded({0, 0, 1, 7}), Value{7});
+  EXPECT_EQ(decoded({0, 1, 0, 0, 1, 0}), (Value{0, 0, 1, 0}));
+  EXPECT_EQ(decoded({1}), Value{});
+  EXPECT_FALSE(decoded({0, 2, 1, 7}));
+  EXPECT_FALSE(decoded({0, 0, 0, 0}));
+  EXPECT_FALSE(decoded({0, 0, 1, 7}, "label"));
 }
 
 }  // namespace
