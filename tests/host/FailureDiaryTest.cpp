@@ -3,7 +3,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <optional>
+#include <set>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "bridge/BridgeOperation.h"
 #include "support/RecordingObserver.h"
@@ -20,44 +24,136 @@ constexpr std::uint64_t kSessionCount = 0xB1;
 constexpr std::uint64_t kSessionHandleInvalid = 0xB3;
 constexpr std::uint64_t kReadAgain = 0x80000000;
 
+/// What the diary is told: a call, or an operation, that ended so.
+struct Event {
+  Event(const char* function, std::uint64_t answer) : name{function}, result{answer} {}
+  Event(BridgeOperation ended, std::uint64_t code)
+      : name{operationName(ended)}, operation{ended}, result{code} {}
+
+  std::string name;
+  std::optional<BridgeOperation> operation;
+  std::uint64_t result;
+};
+
 class Diary : public ::testing::Test {
  protected:
-  void call(const char* function, std::uint64_t result) {
-    diary->callStarts(function);
-    diary->callReturned(function, result);
+  void tell(const std::vector<Event>& events) {
+    for (const auto& [name, operation, result] : events) {
+      if (operation) {
+        diary->operationReturned(*operation, result);
+      } else {
+        diary->callStarts(kept(name));
+        diary->callReturned(kept(name), result);
+      }
+    }
+  }
+
+  /// What the calls are named lives as long as the program.
+  [[nodiscard]] static const char* kept(const std::string& name) {
+    static std::set<std::string> names;
+    return names.insert(name).first->c_str();
   }
 
   const std::shared_ptr<RecordingObserver> next = std::make_shared<RecordingObserver>();
   const std::shared_ptr<FailureDiary> diary = std::make_shared<FailureDiary>(next);
 };
 
-TEST_F(Diary, IsEmptyAtFirst) {
+TEST_F(Diary, KeepsTheFirstFailureAndWhatItComesFrom) {
+  using enum BridgeOperation;
+  const struct {
+    const char* what;
+    std::vector<Event> events;
+    int operation = -1;  ///< which of them is the operation that failed
+    int call = -1;       ///< and which the call that made it fail
+    std::optional<std::string> reason{};
+  } rows[] = {
+      {"nothing has happened", {}},
+      {"the operation fails with its call",
+       {{"C_GetTokenInfo", kDeviceError}, {pkcs11_GetTokenInfo, kDeviceError}},
+       1,
+       0,
+       "C_GetTokenInfo answered CKR_DEVICE_ERROR (0x30)"},
+      {"operations within each other",
+       {{"C_GetSlotList", kDeviceError},
+        {pkcs11_C_GetSlotList, kDeviceError},
+        {pkcs11_FindSlot, kDeviceError}},
+       1,
+       0,
+       "C_GetSlotList answered CKR_DEVICE_ERROR (0x30)"},
+      {"the bridge itself is not content",
+       {{"C_GetAttributeValue", kOk}, {pkcs11_getObjsAttriValue, 0x13}},
+       1,
+       -1,
+       "pkcs11_getObjsAttriValue ended with CKR_ATTRIBUTE_VALUE_INVALID (0x13)"},
+      {"a call whose failure did not matter",
+       {{"C_OpenSession", kSessionCount}, {"C_GetTokenInfo", kOk}, {pkcs11_GetTokenInfo, kFunctionFailed}},
+       2,
+       -1,
+       "pkcs11_GetTokenInfo ended with CKR_FUNCTION_FAILED (0x6)"},
+      {"the code of a second read",
+       {{"C_GetAttributeValue", kOk},
+        {"C_GetAttributeValue", kDeviceError},
+        {pkcs11_getObjsAttriValue, kReadAgain | kDeviceError}},
+       2,
+       1,
+       "C_GetAttributeValue answered CKR_DEVICE_ERROR (0x30)"},
+      {"an operation that succeeds later",
+       {{"C_GetTokenInfo", kDeviceError}, {pkcs11_GetTokenInfo, kDeviceError}, {pkcs11_FindSlot, kOk}}},
+      {"an operation that succeeds all the same",
+       {{"C_CloseSession", kDeviceError}, {pkcs11_GetTokenInfo, kOk}}},
+      {"a second failure",
+       {{"C_OpenSession", kSessionCount},
+        {pkcs11_OpenReadOnlySession, kSessionCount},
+        {"C_FindObjectsInit", kSessionHandleInvalid},
+        {pkcs11_FindObjects, kSessionHandleInvalid}},
+       1,
+       0,
+       "C_OpenSession answered CKR_SESSION_COUNT (0xB1)"},
+      {"a code that the standard does not know",
+       {{"C_Login", 0x80001234}, {pkcs11_UserLogin, 0x80001234}},
+       1,
+       0,
+       "C_Login answered 0x80001234"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
+    diary->clear();
+    tell(row.events);
+    const auto expectEvent = [&](const std::optional<FailedCall>& kept, int number) {
+      ASSERT_EQ(kept.has_value(), number >= 0);
+      if (!kept) return;
+      EXPECT_EQ(kept->name, row.events[static_cast<std::size_t>(number)].name);
+      EXPECT_EQ(kept->result, row.events[static_cast<std::size_t>(number)].result);
+    };
+    expectEvent(diary->failedOperation(), row.operation);
+    expectEvent(diary->failedCall(), row.call);
+    EXPECT_EQ(diary->reason(), row.reason);
+  }
+}
+
+TEST_F(Diary, NamesACallOutsideOfOperations) {
+  tell({{"C_GetFunctionList", kDeviceError}});
+  EXPECT_EQ(diary->reason(), "C_GetFunctionList answered CKR_DEVICE_ERROR (0x30)");
+}
+
+TEST_F(Diary, CanBeCleared) {
+  tell({{"C_GetTokenInfo", kDeviceError}, {BridgeOperation::pkcs11_GetTokenInfo, kDeviceError}});
+  diary->loaderFailed("no such file");
+  diary->clear();
   EXPECT_FALSE(diary->failedOperation());
   EXPECT_FALSE(diary->failedCall());
   EXPECT_EQ(diary->loaderText(), std::nullopt);
   EXPECT_EQ(diary->reason(), std::nullopt);
-}
-
-TEST_F(Diary, KeepsTheCallAndTheOperationThatItMadeFail) {
-  call("C_GetTokenInfo", kDeviceError);
-  diary->operationReturned(BridgeOperation::pkcs11_GetTokenInfo, kDeviceError);
-  ASSERT_TRUE(diary->failedOperation());
-  EXPECT_EQ(diary->failedOperation()->name, "pkcs11_GetTokenInfo");
-  EXPECT_EQ(diary->failedOperation()->result, kDeviceError);
-  ASSERT_TRUE(diary->failedCall());
-  EXPECT_EQ(diary->failedCall()->name, "C_GetTokenInfo");
-  EXPECT_EQ(diary->failedCall()->result, kDeviceError);
-  EXPECT_EQ(diary->reason(), "C_GetTokenInfo answered CKR_DEVICE_ERROR (0x30)");
+  EXPECT_EQ(diary->lastResultOf("C_GetTokenInfo"), std::nullopt);
+  EXPECT_EQ(diary->lastResultOf(BridgeOperation::pkcs11_GetTokenInfo), std::nullopt);
 }
 
 TEST_F(Diary, HasAPageForEachThread) {
-  call("C_GetTokenInfo", kDeviceError);
-  diary->operationReturned(BridgeOperation::pkcs11_GetTokenInfo, kDeviceError);
+  tell({{"C_GetTokenInfo", kDeviceError}, {BridgeOperation::pkcs11_GetTokenInfo, kDeviceError}});
   std::thread{[this] {
     EXPECT_EQ(diary->reason(), std::nullopt);
     EXPECT_FALSE(diary->lastResultOf("C_GetTokenInfo"));
-    call("C_Login", 0xA0);
-    diary->operationReturned(BridgeOperation::pkcs11_UserLogin, 0xA0);
+    tell({{"C_Login", 0xA0}, {BridgeOperation::pkcs11_UserLogin, 0xA0}});
     EXPECT_EQ(diary->reason(), "C_Login answered CKR_PIN_INCORRECT (0xA0)");
     diary->clear();
   }}.join();
@@ -65,133 +161,25 @@ TEST_F(Diary, HasAPageForEachThread) {
   EXPECT_FALSE(diary->lastResultOf("C_Login"));
 }
 
-TEST_F(Diary, KeepsTheInnermostOperation) {
-  call("C_GetSlotList", kDeviceError);
-  diary->operationReturned(BridgeOperation::pkcs11_C_GetSlotList, kDeviceError);
-  diary->operationReturned(BridgeOperation::pkcs11_FindSlot, kDeviceError);
-  EXPECT_EQ(diary->failedOperation()->name, "pkcs11_C_GetSlotList");
-  EXPECT_EQ(diary->reason(), "C_GetSlotList answered CKR_DEVICE_ERROR (0x30)");
-}
-
-TEST_F(Diary, NamesTheOperationWhenTheBridgeItselfIsNotContent) {
-  call("C_GetAttributeValue", kOk);
-  diary->operationReturned(BridgeOperation::pkcs11_getObjsAttriValue, 0x13);
-  EXPECT_FALSE(diary->failedCall());
-  EXPECT_EQ(diary->reason(), "pkcs11_getObjsAttriValue ended with CKR_ATTRIBUTE_VALUE_INVALID (0x13)");
-}
-
-TEST_F(Diary, DoesNotBlameACallWhoseFailureDidNotMatter) {
-  call("C_OpenSession", kSessionCount);
-  call("C_GetTokenInfo", kOk);
-  diary->operationReturned(BridgeOperation::pkcs11_GetTokenInfo, kFunctionFailed);
-  EXPECT_FALSE(diary->failedCall());
-  EXPECT_EQ(diary->reason(), "pkcs11_GetTokenInfo ended with CKR_FUNCTION_FAILED (0x6)");
-}
-
-TEST_F(Diary, KnowsTheCodeOfASecondRead) {
-  call("C_GetAttributeValue", kOk);
-  call("C_GetAttributeValue", kDeviceError);
-  diary->operationReturned(BridgeOperation::pkcs11_getObjsAttriValue, kReadAgain | kDeviceError);
-  ASSERT_TRUE(diary->failedCall());
-  EXPECT_EQ(diary->failedOperation()->result, kReadAgain | kDeviceError);
-  EXPECT_EQ(diary->reason(), "C_GetAttributeValue answered CKR_DEVICE_ERROR (0x30)");
-}
-
-TEST_F(Diary, ForgetsAFailureWhenAnOperationSucceeds) {
-  call("C_GetTokenInfo", kDeviceError);
-  diary->operationReturned(BridgeOperation::pkcs11_GetTokenInfo, kDeviceError);
-  diary->operationReturned(BridgeOperation::pkcs11_FindSlot, kOk);
-  EXPECT_FALSE(diary->failedOperation());
-  EXPECT_FALSE(diary->failedCall());
-  EXPECT_EQ(diary->reason(), std::nullopt);
-}
-
-TEST_F(Diary, ForgetsACallWhoseOperationSucceedsAllTheSame) {
-  call("C_CloseSession", kDeviceError);
-  diary->operationReturned(BridgeOperation::pkcs11_GetTokenInfo, kOk);
-  EXPECT_EQ(diary->reason(), std::nullopt);
-}
-
-TEST_F(Diary, KeepsTheFirstFailureWithItsOwnCall) {
-  call("C_OpenSession", kSessionCount);
-  diary->operationReturned(BridgeOperation::pkcs11_OpenReadOnlySession, kSessionCount);
-  call("C_FindObjectsInit", kSessionHandleInvalid);
-  diary->operationReturned(BridgeOperation::pkcs11_FindObjects, kSessionHandleInvalid);
-  EXPECT_EQ(diary->failedOperation()->name, "pkcs11_OpenReadOnlySession");
-  ASSERT_TRUE(diary->failedCall());
-  EXPECT_EQ(diary->failedCall()->name, "C_OpenSession");
-  EXPECT_EQ(diary->reason(), "C_OpenSession answered CKR_SESSION_COUNT (0xB1)");
-}
-
-TEST_F(Diary, NamesACallOutsideOfOperations) {
-  call("C_GetFunctionList", kDeviceError);
-  EXPECT_EQ(diary->reason(), "C_GetFunctionList answered CKR_DEVICE_ERROR (0x30)");
-}
-
-TEST_F(Diary, NamesACodeThatTheStandardDoesNotKnow) {
-  call("C_Login", 0x80001234);
-  diary->operationReturned(BridgeOperation::pkcs11_UserLogin, 0x80001234);
-  EXPECT_EQ(diary->reason(), "C_Login answered 0x80001234");
-}
-
-TEST_F(Diary, CanBeCleared) {
-  call("C_GetTokenInfo", kDeviceError);
-  diary->operationReturned(BridgeOperation::pkcs11_GetTokenInfo, kDeviceError);
-  diary->loaderFailed("no such file");
-  diary->clear();
-  EXPECT_FALSE(diary->failedOperation());
-  EXPECT_FALSE(diary->failedCall());
-  EXPECT_EQ(diary->loaderText(), std::nullopt);
-  EXPECT_EQ(diary->reason(), std::nullopt);
-}
-
 // ---- What was answered last ----
 
-TEST_F(Diary, KnowsNoAnswerOfWhatWasNotCalled) {
-  call("C_GetSessionInfo", kOk);
+TEST_F(Diary, KnowsTheLastAnswerOfEachCallAndOperation) {
   EXPECT_EQ(diary->lastResultOf("C_Login"), std::nullopt);
-  EXPECT_EQ(diary->lastResultOf(""), std::nullopt);
-}
-
-TEST_F(Diary, KnowsTheLastAnswerOfAFunction) {
-  call("C_Login", kDeviceError);
-  EXPECT_EQ(diary->lastResultOf("C_Login"), kDeviceError);
-  call("C_Login", kOk);
-  EXPECT_EQ(diary->lastResultOf("C_Login"), kOk);
-}
-
-TEST_F(Diary, KnowsTheLastAnswerOfAnOperation) {
-  diary->operationReturned(BridgeOperation::pkcs11_UserLogin, kOk);
-  EXPECT_EQ(diary->lastResultOf(BridgeOperation::pkcs11_UserLogin), kOk);
-  diary->operationReturned(BridgeOperation::pkcs11_UserLogin, kFunctionFailed);
-  EXPECT_EQ(diary->lastResultOf(BridgeOperation::pkcs11_UserLogin), kFunctionFailed);
-}
-
-TEST_F(Diary, KeepsAnAnswerWhenAnOperationSucceedsAfterIt) {
-  call("C_Login", kDeviceError);
-  diary->operationReturned(BridgeOperation::pkcs11_UserLogin, kDeviceError);
-  call("C_GetSessionInfo", kOk);
-  diary->operationReturned(BridgeOperation::pkcs11_GetSessionInfo, kOk);
-  EXPECT_EQ(diary->lastResultOf("C_Login"), kDeviceError);
-}
-
-TEST_F(Diary, KnowsNoAnswerOfACallThatHasNotEnded) {
   diary->callStarts("C_Login");
-  EXPECT_EQ(diary->lastResultOf("C_Login"), std::nullopt);
-}
-
-TEST_F(Diary, ForgetsAnswersWhenCleared) {
-  call("C_Login", kOk);
-  diary->operationReturned(BridgeOperation::pkcs11_UserLogin, kOk);
-  diary->clear();
-  EXPECT_EQ(diary->lastResultOf("C_Login"), std::nullopt);
-  EXPECT_EQ(diary->lastResultOf(BridgeOperation::pkcs11_UserLogin), std::nullopt);
+  EXPECT_EQ(diary->lastResultOf("C_Login"), std::nullopt) << "the call has not ended";
+  tell({{"C_Login", kOk}, {"C_Login", kDeviceError}, {BridgeOperation::pkcs11_UserLogin, kOk}});
+  EXPECT_EQ(diary->lastResultOf(BridgeOperation::pkcs11_UserLogin), kOk);
+  tell({{BridgeOperation::pkcs11_UserLogin, kFunctionFailed},
+        {"C_GetSessionInfo", kOk},
+        {BridgeOperation::pkcs11_GetSessionInfo, kOk}});
+  EXPECT_EQ(diary->lastResultOf("C_Login"), kDeviceError);
+  EXPECT_EQ(diary->lastResultOf(BridgeOperation::pkcs11_UserLogin), kFunctionFailed);
+  EXPECT_EQ(diary->lastResultOf(""), std::nullopt);
 }
 
 TEST_F(Diary, PassesEverythingOn) {
   using Kind = RecordingObserver::Event::Kind;
-  call("C_Login", kDeviceError);
-  diary->operationReturned(BridgeOperation::pkcs11_UserLogin, kDeviceError);
+  tell({{"C_Login", kDeviceError}, {BridgeOperation::pkcs11_UserLogin, kDeviceError}});
   EXPECT_THAT(
       next->events,
       ElementsAre(RecordingObserver::Event{Kind::kCallStarts, "C_Login", 0},
@@ -222,17 +210,14 @@ class FailingLoader final : public DynamicLoader {
   std::string text_;
 };
 
-TEST_F(Diary, KeepsTheLoadersWordsForALibrary) {
+TEST_F(Diary, KeepsTheLoadersWords) {
   const auto loader = loaderWithDiary(std::make_shared<FailingLoader>("bad library"), diary);
   EXPECT_EQ(loader->open("/a/module"), nullptr);
   EXPECT_EQ(diary->loaderText(), "bad library");
   EXPECT_EQ(diary->reason(), "bad library");
-}
-
-TEST_F(Diary, KeepsTheLoadersWordsForASymbol) {
-  const auto loader = loaderWithDiary(std::make_shared<FailingLoader>("bad symbol"), diary);
+  diary->clear();
   EXPECT_EQ(loader->symbol(this, "C_GetFunctionList"), nullptr);
-  EXPECT_EQ(diary->loaderText(), "bad symbol");
+  EXPECT_EQ(diary->loaderText(), "bad library");
 }
 
 TEST_F(Diary, NamesWhatALoaderWithoutWordsCouldNotFind) {
