@@ -3,13 +3,6 @@
 namespace mirel::test {
 namespace {
 
-using ::testing::AnyOf;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::Not;
-using ::testing::StartsWith;
-
 constexpr unsigned kSignatureAndNonRepudiation = 0x03;
 constexpr unsigned kKeyEncipherment = 1U << 2U;
 constexpr unsigned kKeyAgreement = 1U << 4U;
@@ -60,56 +53,46 @@ TEST_F(Insert, PublishesACertificate) {
   leavesOpen({kCardSession});
 }
 
-TEST_F(Insert, PublishesAnRsaKeyForSigning) {
-  setCertificate({.key = TestKey::kRsa2048, .keyUsage = kSignatureAndNonRepudiation});
-  const auto key = at<PublishedKey>(inserted(), 1);
-  EXPECT_EQ(key.objectID, Text{u"01"});
-  EXPECT_EQ(key.label, Text{u"01"});
-  EXPECT_EQ(key.certificateID, Text{u"cert_MyKey_01"});
-  EXPECT_EQ(key.keyType, CertificateKeyType::kRSA);
-  EXPECT_EQ(key.keySizeInBits, 2048);
-  EXPECT_TRUE(key.canSign);
-  EXPECT_FALSE(key.canDecrypt);
-  EXPECT_FALSE(key.canPerformKeyExchange);
-  EXPECT_TRUE(key.suitableForLogin);
-  EXPECT_TRUE(key.alwaysAuthenticate);
-  EXPECT_THAT(key.constraints, ElementsAre(std::pair{KeyOperation::kSign, Text{u"PINAlways"}}));
-  leavesOpen({kCardSession});
-}
-
-TEST_F(Insert, PublishesAKeyForDecryption) {
-  setCertificate({.keyUsage = kKeyEncipherment});
-  const auto key = at<PublishedKey>(inserted(), 1);
-  EXPECT_FALSE(key.canSign);
-  EXPECT_TRUE(key.canDecrypt);
-  EXPECT_FALSE(key.canPerformKeyExchange);
-  EXPECT_TRUE(key.suitableForLogin);
-  EXPECT_THAT(key.constraints, ElementsAre(std::pair{KeyOperation::kDecrypt, Text{u"PINAlways"}}));
-  leavesOpen({kCardSession});
-}
-
-TEST_F(Insert, PublishesAnEcKeyForKeyExchange) {
-  setCertificate({.keyUsage = kKeyAgreement});
-  const auto key = at<PublishedKey>(inserted(), 1);
-  EXPECT_EQ(key.keyType, CertificateKeyType::kECPrimeRandom);
-  EXPECT_EQ(key.keySizeInBits, 256);
-  EXPECT_FALSE(key.canSign);
-  EXPECT_FALSE(key.canDecrypt);
-  EXPECT_TRUE(key.canPerformKeyExchange);
-  EXPECT_FALSE(key.suitableForLogin);
-  EXPECT_THAT(key.constraints, ElementsAre(std::pair{KeyOperation::kExchangeKeys, Text{u"PINAlways"}}));
-  leavesOpen({kCardSession});
-}
-
-TEST_F(Insert, PublishesAKeyWithoutAnyUse) {
-  setCertificate({});
-  const InsertedCard card = inserted();
-  EXPECT_THAT(at<PublishedCertificate>(card, 0).keyUsage, IsEmpty());
-  const auto key = at<PublishedKey>(card, 1);
-  EXPECT_FALSE(key.canSign || key.canDecrypt || key.canPerformKeyExchange || key.suitableForLogin);
-  EXPECT_TRUE(key.alwaysAuthenticate);
-  EXPECT_THAT(key.constraints, IsEmpty());
-  leavesOpen({kCardSession});
+TEST_F(Insert, PublishesTheKeyWithTheUseOfItsCertificate) {
+  const struct {
+    const char* use;  ///< empty: none
+    CertificateRequest request;
+    std::optional<KeyOperation> operation{};  ///< that asks for the PIN
+    bool forLogin = true;
+    int bits = 256;
+  } rows[] = {
+      {"sign",
+       {.key = TestKey::kRsa2048, .keyUsage = kSignatureAndNonRepudiation},
+       KeyOperation::kSign,
+       true,
+       2048},
+      {"decrypt", {.keyUsage = kKeyEncipherment}, KeyOperation::kDecrypt},
+      {"exchange", {.keyUsage = kKeyAgreement}, KeyOperation::kExchangeKeys, false},
+      {"", {}, {}, false},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.use);
+    setCertificate(row.request);
+    const InsertedCard card = inserted();
+    EXPECT_EQ(at<PublishedCertificate>(card, 0).keyUsage.empty(), !row.request.keyUsage);
+    const auto key = at<PublishedKey>(card, 1);
+    EXPECT_EQ(key.objectID, Text{u"01"});
+    EXPECT_EQ(key.label, Text{u"01"});
+    EXPECT_EQ(key.certificateID, Text{u"cert_MyKey_01"});
+    EXPECT_EQ(key.keyType, row.bits == 256 ? CertificateKeyType::kECPrimeRandom : CertificateKeyType::kRSA);
+    EXPECT_EQ(key.keySizeInBits, row.bits);
+    EXPECT_EQ(key.canSign, row.use == std::string_view{"sign"});
+    EXPECT_EQ(key.canDecrypt, row.use == std::string_view{"decrypt"});
+    EXPECT_EQ(key.canPerformKeyExchange, row.use == std::string_view{"exchange"});
+    EXPECT_EQ(key.suitableForLogin, row.forLogin);
+    EXPECT_TRUE(key.alwaysAuthenticate);
+    if (row.operation) {
+      EXPECT_THAT(key.constraints, ElementsAre(std::pair{*row.operation, Text{u"PINAlways"}}));
+    } else {
+      EXPECT_THAT(key.constraints, IsEmpty());
+    }
+  }
+  leavesOpen(script.openSessions());
 }
 
 TEST_F(Insert, PublishesInTheOrderOfTheCard) {
@@ -171,17 +154,14 @@ TEST_F(Insert, PublishesTheLongestCertificate) {
   leavesOpen({kCardSession});
 }
 
-TEST_F(Insert, WorksAgainAndAgain) {
+TEST_F(Insert, WorksAgainAndAgainAndAfterAFailure) {
   EXPECT_EQ(inserted().items.size(), 2U);
   EXPECT_EQ(inserted().items.size(), 2U);
-  leavesOpen({kCardSession, kCardSession + 3});
-}
-
-TEST_F(Insert, WorksAfterAFailure) {
+  EXPECT_THAT(script.openSessions(), ElementsAre(kCardSession, kCardSession + 3));
   script.failCallOf("C_FindObjectsInit", 0, CKR_DEVICE_ERROR);
   EXPECT_THAT(whyNotListed(), StartsWith("C_FindObjectsInit answered CKR_DEVICE_ERROR (0x30)"));
   EXPECT_EQ(inserted().items.size(), 2U);
-  leavesOpen({kCardSession, script.openSessions().back()});
+  leavesOpen(script.openSessions());
 }
 
 TEST_F(Insert, LeavesNothingBehind) {
@@ -256,10 +236,6 @@ TEST_F(Insert, TellsOfTokenInformationWithoutText) {
 TEST_F(Insert, TellsOfMoreReadersThanTheSystemTakes) {
   for (int i = 0; i < 10; ++i) script.addSlot("Reader " + std::to_string(i), emptyCard("C", "1"));
   EXPECT_THAT(whyNotListed(), StartsWith("C_GetSlotList answered CKR_BUFFER_TOO_SMALL (0x150)"));
-}
-
-TEST_F(Insert, SaysHowManyReadersTheSystemTakes) {
-  for (int i = 0; i < 10; ++i) script.addSlot("Reader " + std::to_string(i), emptyCard("C", "1"));
   EXPECT_THAT(std::string{failureOf(host.insert(Text{})).advice.words()}, HasSubstr("10 readers"));
 }
 
