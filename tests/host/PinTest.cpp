@@ -3,12 +3,6 @@
 namespace mirel::test {
 namespace {
 
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::SizeIs;
-using ::testing::StartsWith;
-
 using enum SecKeyAlgorithm;
 
 /// Entering the PIN, on its own and where a signature needs it.
@@ -37,7 +31,7 @@ TEST_F(PinEntry, IsAllThereIsToALogin) {
 
 TEST_F(PinEntry, IsGoodForSignatures) {
   EXPECT_TRUE(logsIn(pins));
-  EXPECT_EQ(signature(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, {}).value.size(), key.blockSize());
+  EXPECT_EQ(signature(kSignByPss, {}).value.size(), key.blockSize());
   EXPECT_EQ(pins.timesAsked(), 1U);
 }
 
@@ -58,8 +52,7 @@ TEST_F(PinEntry, GivesTheKeysOfAModuleThatIsLoggedIn) {
   client = newClient();
   GivenPins wrong{{u"000000"}};
   GivenInput input{{Value{1}}};
-  const auto made =
-      client->sign(published(u"01"), kSecKeyAlgorithmRSASignatureMessagePSSSHA256, input, wrong);
+  const auto made = client->sign(published(u"01"), kSignByPss, input, wrong);
   ASSERT_TRUE(made);
   EXPECT_EQ(made->value.size(), key.blockSize());
 }
@@ -79,49 +72,90 @@ TEST_F(PinEntry, TakesAPinOfEightCharacters) {
 
 // ---- The wrong PIN ----
 
-TEST_F(PinEntry, IsAskedForAgainAfterAWrongPin) {
-  GivenPins given{{u"000000", u"111111", u"123456"}};
-  EXPECT_TRUE(logsIn(given));
-  EXPECT_EQ(given.timesAsked(), 3U);
-  EXPECT_THAT(given.refusals, SizeIs(2));
-  EXPECT_EQ(script.countOf("C_Login"), 3U);
+/// What becomes of a login with these PINs.
+struct LoginRow {
+  const char* name;
+  std::deque<std::u16string> pins;
+  unsigned triesLeft;
+  std::optional<FailureKind> failure;  ///< nothing: it succeeds
+  std::size_t timesAsked;
+  std::size_t refusals;   ///< shown
+  std::size_t timesSent;  ///< to the card
+  bool again = true;      ///< whether the source can be asked again
+};
+
+TEST_F(PinEntry, IsAskedForAgainAFewTimes) {
+  const LoginRow rows[] = {
+      {"right the third time", {u"000000", u"111111", u"123456"}, 3, std::nullopt, 3, 2, 3},
+      {"wrong three times", {u"0", u"1", u"2", u"123456"}, 10, FailureKind::kPinWrong, 3, 2, 3},
+      {"wrong once, nobody to ask", {u"0", u"123456"}, 10, FailureKind::kPinWrong, 1, 0, 1, false},
+      {"locked before", {u"123456", u"123456"}, 0, FailureKind::kPinLocked, 1, 0, 1},
+      {"locked by a wrong one", {u"0", u"123456", u"123456"}, 1, FailureKind::kPinLocked, 2, 1, 2},
+      {"cancelled", {}, 3, FailureKind::kCancelled, 1, 0, 0},
+      {"cancelled after a wrong one", {u"000000"}, 3, FailureKind::kCancelled, 2, 1, 1},
+      // Those that cannot be sent cost no try, but are no endless affair either.
+      {"impossible twice", {u"123456789", u"", u"123456"}, 3, std::nullopt, 3, 2, 1},
+      {"impossible three times",
+       {u"", u"123456789", u"", u"123456"},
+       3,
+       FailureKind::kPinCannotBeEntered,
+       3,
+       2,
+       0},
+      {"impossible and wrong",
+       {u"123456789", u"000000", u"", u"111111", u"123456"},
+       10,
+       std::nullopt,
+       5,
+       4,
+       3},
+  };
+  for (const LoginRow& row : rows) {
+    SCOPED_TRACE(row.name);
+    script.reset();
+    startAnew();
+    script.card().triesLeft = row.triesLeft;
+    GivenPins given{row.pins};
+    given.again = row.again;
+    if (row.failure) {
+      EXPECT_EQ(loginFailure(given).kind, *row.failure);
+    } else {
+      EXPECT_TRUE(logsIn(given));
+    }
+    EXPECT_EQ(given.timesAsked(), row.timesAsked);
+    EXPECT_EQ(given.refusals.size(), row.refusals);
+    EXPECT_EQ(script.countOf("C_Login"), row.timesSent);
+  }
 }
 
 TEST_F(PinEntry, TellsWhatTheTokenSaysOfAWrongPin) {
   script.deviations.triesLeftAsDeviceError = true;
   GivenPins given{{u"000000", u"111111"}};
-  const Failure failure = loginFailure(given);
+  EXPECT_EQ(loginFailure(given).kind, FailureKind::kCancelled);
   EXPECT_THAT(given.refusals, ElementsAre("the PIN is wrong, the token says \"Wrong, 2 left\"",
                                           "the PIN is wrong, the token says \"Wrong, 1 left\""));
-  EXPECT_EQ(failure.kind, FailureKind::kCancelled);
 }
 
-TEST_F(PinEntry, EndsAfterThreeWrongPins) {
-  script.card().triesLeft = 10;
-  GivenPins given{{u"000000", u"111111", u"222222", u"123456"}};
-  const Failure failure = loginFailure(given);
-  EXPECT_EQ(failure.kind, FailureKind::kPinWrong);
-  EXPECT_EQ(failure.what, "the PIN is wrong, the token says \"Wrong, 0 left\"");
-  EXPECT_THAT(failure.why, StartsWith("C_Login answered CKR_PIN_INCORRECT (0xA0)"));
-  EXPECT_EQ(given.timesAsked(), 3U);
-  EXPECT_THAT(given.refusals, SizeIs(2));
-  EXPECT_EQ(script.countOf("C_Login"), 3U);
-}
-
-TEST_F(PinEntry, EndsAfterOneWrongPinOfASourceThatCannotBeAskedAgain) {
-  GivenPins given{{u"000000", u"123456"}};
-  given.again = false;
-  EXPECT_EQ(loginFailure(given).kind, FailureKind::kPinWrong);
-  EXPECT_EQ(given.timesAsked(), 1U);
-  EXPECT_THAT(given.refusals, IsEmpty());
-  EXPECT_EQ(script.countOf("C_Login"), 1U);
+TEST_F(PinEntry, TellsWhyTheLastPinWasNotTaken) {
+  GivenPins wrong{{u"000000"}};
+  wrong.again = false;
+  const Failure refused = loginFailure(wrong);
+  EXPECT_EQ(refused.what, "the PIN is wrong, the token says \"Wrong, 0 left\"");
+  EXPECT_THAT(refused.why, StartsWith("C_Login answered CKR_PIN_INCORRECT (0xA0)"));
+  script.card().triesLeft = 0;
+  GivenPins right{{u"123456"}};
+  EXPECT_THAT(loginFailure(right).why, StartsWith("C_Login answered CKR_PIN_LOCKED (0xA4)"));
+  GivenPins impossible{{u"", u"123456789"}};
+  (void)loginFailure(impossible);
+  EXPECT_THAT(impossible.refusals,
+              ElementsAre("the PIN was not sent to the card: it is empty",
+                          "the PIN was not sent to the card: it has more than 8 characters"));
 }
 
 TEST_F(PinEntry, EndsWhereASignatureNeedsIt) {
   GivenPins given{{u"000000", u"111111", u"222222"}};
   GivenInput input{{Value{1}}};
-  const Failure failure =
-      failureOf(client->sign(published(u"01"), kSecKeyAlgorithmRSASignatureMessagePSSSHA256, input, given));
+  const Failure failure = failureOf(client->sign(published(u"01"), kSignByPss, input, given));
   EXPECT_EQ(failure.kind, FailureKind::kPinWrong);
   EXPECT_THAT(secretCalls(), ElementsAre("C_Login", "C_Login", "C_Login"));
 }
@@ -168,66 +202,6 @@ TEST_F(PinEntry, DoesNotAskTheCardAboutAPinThatCannotBeSent) {
   EXPECT_EQ(script.card().triesLeft, 3U);
 }
 
-TEST_F(PinEntry, CountsNoRoundForAPinThatCannotBeSent) {
-  script.card().triesLeft = 10;
-  GivenPins given{{u"123456789", u"000000", u"", u"111111", u"123456"}};
-  EXPECT_TRUE(logsIn(given));
-  EXPECT_EQ(given.timesAsked(), 5U);
-  EXPECT_EQ(script.countOf("C_Login"), 3U);
-}
-
-TEST_F(PinEntry, EndsAfterThreePinsThatCannotBeSent) {
-  GivenPins given{{u"", u"123456789", u"", u"123456"}};
-  EXPECT_EQ(loginFailure(given).kind, FailureKind::kPinCannotBeEntered);
-  EXPECT_EQ(given.timesAsked(), 3U);
-  EXPECT_THAT(given.refusals, ElementsAre("the PIN was not sent to the card: it is empty",
-                                          "the PIN was not sent to the card: it has more than 8 characters"));
-  EXPECT_THAT(secretCalls(), IsEmpty());
-}
-
-TEST_F(PinEntry, IsAskedForAgainAfterAPinOfAnImpossibleLength) {
-  GivenPins given{{u"123456789", u"", u"123456"}};
-  EXPECT_TRUE(logsIn(given));
-  EXPECT_EQ(given.timesAsked(), 3U);
-  EXPECT_THAT(given.refusals, SizeIs(2));
-  EXPECT_EQ(script.countOf("C_Login"), 1U);
-}
-
-// ---- A locked PIN ----
-
-TEST_F(PinEntry, EndsAtOnceWhenThePinIsLocked) {
-  script.card().triesLeft = 0;
-  GivenPins given{{u"123456", u"123456"}};
-  const Failure failure = loginFailure(given);
-  EXPECT_EQ(failure.kind, FailureKind::kPinLocked);
-  EXPECT_THAT(failure.why, StartsWith("C_Login answered CKR_PIN_LOCKED (0xA4)"));
-  EXPECT_EQ(given.timesAsked(), 1U);
-  EXPECT_THAT(given.refusals, IsEmpty());
-}
-
-TEST_F(PinEntry, EndsWhenAWrongPinHasLockedIt) {
-  script.card().triesLeft = 1;
-  GivenPins given{{u"000000", u"123456", u"123456"}};
-  EXPECT_EQ(loginFailure(given).kind, FailureKind::kPinLocked);
-  EXPECT_EQ(given.timesAsked(), 2U);
-}
-
-// ---- No PIN ----
-
-TEST_F(PinEntry, EndsWhenTheUserCancels) {
-  GivenPins given;
-  EXPECT_EQ(loginFailure(given).kind, FailureKind::kCancelled);
-  EXPECT_EQ(given.timesAsked(), 1U);
-  EXPECT_THAT(secretCalls(), IsEmpty());
-}
-
-TEST_F(PinEntry, EndsWhenTheUserCancelsAfterAWrongPin) {
-  GivenPins given{{u"000000"}};
-  EXPECT_EQ(loginFailure(given).kind, FailureKind::kCancelled);
-  EXPECT_EQ(given.timesAsked(), 2U);
-  EXPECT_EQ(script.countOf("C_Login"), 1U);
-}
-
 TEST_F(PinEntry, PassesOnWhatIsWrongWithTheSource) {
   GivenPins given{{u"123456"}};
   given.failure = Failure{FailureKind::kFileFailure, "the PIN cannot be read", "others can", "protect it"};
@@ -253,31 +227,24 @@ TEST_F(PinEntry, FailsOnACardThatIsGoneBeforeIt) {
   EXPECT_THAT(given.refusals, IsEmpty());
 }
 
-TEST_F(PinEntry, FailsOnACardThatIsGoneWithinIt) {
-  script.hook<&CK_FUNCTION_LIST::C_Login>(
-      [&](auto real, CK_SESSION_HANDLE session, CK_USER_TYPE who, CK_UTF8CHAR_PTR pin, CK_ULONG pinLen) {
-        script.pullCard(kSlot, CKR_DEVICE_REMOVED);
-        return real(session, who, pin, pinLen);
-      });
-  GivenPins given{{u"123456", u"123456"}};
-  const Failure failure = loginFailure(given);
-  EXPECT_EQ(failure.kind, FailureKind::kCardGone);
-  EXPECT_THAT(failure.why, StartsWith("C_Login answered CKR_DEVICE_REMOVED (0x32)"));
-  EXPECT_EQ(given.timesAsked(), 1U);
-}
-
-TEST_F(PinEntry, FailsOnACardThatIsGoneAfterIt) {
-  script.hook<&CK_FUNCTION_LIST::C_Login>(
-      [&](auto real, CK_SESSION_HANDLE session, CK_USER_TYPE who, CK_UTF8CHAR_PTR pin, CK_ULONG pinLen) {
-        const CK_RV rv = real(session, who, pin, pinLen);
-        script.pullCard(kSlot, CKR_DEVICE_REMOVED);
-        return rv;
-      });
-  GivenPins given{{u"123456", u"123456"}};
-  const Failure failure = loginFailure(given);
-  EXPECT_EQ(failure.kind, FailureKind::kCardGone);
-  EXPECT_THAT(failure.why, HasSubstr("CKR_DEVICE_REMOVED (0x32)"));
-  EXPECT_EQ(given.timesAsked(), 1U);
+TEST_F(PinEntry, FailsOnACardThatGoesWithinItOrAfterIt) {
+  for (const bool within : {true, false}) {
+    SCOPED_TRACE(within);
+    script.reset();
+    startAnew();
+    script.hook<&CK_FUNCTION_LIST::C_Login>([&](auto real, auto... args) {
+      if (within) script.pullCard(kSlot, CKR_DEVICE_REMOVED);
+      const CK_RV rv = real(args...);
+      if (!within) script.pullCard(kSlot, CKR_DEVICE_REMOVED);
+      return rv;
+    });
+    GivenPins given{{u"123456", u"123456"}};
+    const Failure failure = loginFailure(given);
+    EXPECT_EQ(failure.kind, FailureKind::kCardGone);
+    EXPECT_THAT(failure.why, HasSubstr("CKR_DEVICE_REMOVED (0x32)"));
+    EXPECT_EQ(failure.why.starts_with("C_Login answered"), within);
+    EXPECT_EQ(given.timesAsked(), 1U);
+  }
 }
 
 TEST_F(PinEntry, FailsWhenTheStateCannotBeRead) {
@@ -336,8 +303,7 @@ TEST_F(PinEntry, IsGoodForOneClientAlone) {
   const auto other = newClient();
   GivenPins none;
   GivenInput input{{Value{1}}};
-  const Failure failure =
-      failureOf(other->sign(published(u"01"), kSecKeyAlgorithmRSASignatureMessagePSSSHA256, input, none));
+  const Failure failure = failureOf(other->sign(published(u"01"), kSignByPss, input, none));
   EXPECT_EQ(failure.kind, FailureKind::kCancelled);
   EXPECT_EQ(none.timesAsked(), 1U);
 }
