@@ -1,14 +1,9 @@
 #include <openssl/rsa.h>
 
 #include "host/KeyClientTest.h"
-#include "host/Verification.h"
 
 namespace mirel::test {
 namespace {
-
-using ::testing::AnyOf;
-
-using enum SecKeyAlgorithm;
 
 const Value kMessage = bytesOf("a message");
 const Value kPlain = bytesOf("a secret");
@@ -25,12 +20,12 @@ class FailingCard : public KeyClientTest {
 
   [[nodiscard]] Result<Signature> sign() {
     GivenInput input{{kMessage}};
-    return client->sign(published(u"01"), kSecKeyAlgorithmRSASignatureMessagePSSSHA256, input, *given);
+    return client->sign(published(u"01"), kSignByPss, input, *given);
   }
 
   [[nodiscard]] Result<Bytes> decrypt() {
     GivenInput input{{key.encrypted(kPlain, RSA_PKCS1_PADDING)}};
-    return client->decrypt(published(u"02"), kSecKeyAlgorithmRSAEncryptionPKCS1, input, *given);
+    return client->decrypt(published(u"02"), kDecryptPkcs1, input, *given);
   }
 
   void expectRefusal(const Failure& failure) const {
@@ -46,14 +41,10 @@ class FailingCard : public KeyClientTest {
       EXPECT_FALSE(mustBeGood);
       return expectRefusal(outcome.failure());
     }
-    const auto& made = *outcome;
-    PublishedCertificate certificate;
-    certificate.data = Bytes{key.certificate()};
-    const auto verified =
-        verifySignature(certificate, published(u"01"), kSecKeyAlgorithmRSASignatureMessagePSSSHA256, made);
-    if (verified) return;
-    EXPECT_FALSE(mustBeGood) << verified.failure().why;
-    EXPECT_TRUE(made.fault) << verified.failure().why;
+    const auto good = verified(kSignByPss, *outcome);
+    if (good) return;
+    EXPECT_FALSE(mustBeGood) << good.failure().why;
+    EXPECT_TRUE(outcome->fault) << good.failure().why;
   }
 
   /// A failure or the plain text; never another one.
@@ -69,44 +60,28 @@ class FailingCard : public KeyClientTest {
   FailureKind alsoAllowed = FailureKind::kCardRefuses;
 };
 
-TEST_F(FailingCard, GivesAReasonForEveryBadSignature) {
-  forEachFailingCall(script, CKR_DEVICE_ERROR, [&](FailPoint& point) {
-    begin();
-    point.arm();
-    const auto outcome = sign();
-    expectSignature(outcome, !point.fired());
-  });
-}
-
-TEST_F(FailingCard, GivesAReasonForEveryBadSignatureAfterTheLogin) {
-  alsoAllowed = FailureKind::kCardGone;
-  forEachFailingCall(script, CKR_DEVICE_REMOVED, [&](FailPoint& point) {
-    begin();
-    EXPECT_TRUE(client->logIn(*given));
-    point.arm();
-    const auto outcome = sign();
-    expectSignature(outcome, !point.fired());
-  });
-}
-
-TEST_F(FailingCard, NeverGivesAWrongPlainText) {
-  forEachFailingCall(script, CKR_DEVICE_ERROR, [&](FailPoint& point) {
-    begin();
-    point.arm();
-    const auto outcome = decrypt();
-    expectPlain(outcome, !point.fired());
-  });
-}
-
-TEST_F(FailingCard, NeverGivesAWrongPlainTextAfterTheLogin) {
-  alsoAllowed = FailureKind::kCardGone;
-  forEachFailingCall(script, CKR_DEVICE_REMOVED, [&](FailPoint& point) {
-    begin();
-    EXPECT_TRUE(client->logIn(*given));
-    point.arm();
-    const auto outcome = decrypt();
-    expectPlain(outcome, !point.fired());
-  });
+TEST_F(FailingCard, GivesAReasonForEveryBadSignatureAndNeverAWrongPlainText) {
+  const std::pair<CK_RV, bool> rows[] = {{CKR_DEVICE_ERROR, false}, {CKR_DEVICE_REMOVED, true}};
+  for (const auto& [code, afterLogin] : rows) {
+    for (const bool signs : {true, false}) {
+      SCOPED_TRACE(std::string{signs ? "signing" : "decrypting"} + (afterLogin ? " after the login" : ""));
+      alsoAllowed = afterLogin ? FailureKind::kCardGone : FailureKind::kCardRefuses;
+      forEachFailingCall(script, code, [&, loggedIn = afterLogin](FailPoint& point) {
+        begin();
+        if (loggedIn) {
+          EXPECT_TRUE(client->logIn(*given));
+        }
+        point.arm();
+        if (signs) {
+          const auto outcome = sign();
+          expectSignature(outcome, !point.fired());
+        } else {
+          const auto outcome = decrypt();
+          expectPlain(outcome, !point.fired());
+        }
+      });
+    }
+  }
 }
 
 TEST_F(FailingCard, NeverAsksForThePinTwiceBecauseOfIt) {
@@ -144,10 +119,7 @@ TEST_F(FailingCard, GivesAReasonForSignaturesThatWereNeverMade) {
       expectRefusal(outcome.failure());
       continue;
     }
-    PublishedCertificate certificate;
-    certificate.data = Bytes{key.certificate()};
-    EXPECT_FALSE(verifySignature(certificate, published(u"01"), kSecKeyAlgorithmRSASignatureMessagePSSSHA256,
-                                 *outcome));
+    EXPECT_FALSE(verified(kSignByPss, *outcome));
     script.deviations.silent.clear();
   }
 }

@@ -6,9 +6,6 @@
 namespace mirel::test {
 namespace {
 
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-
 using enum SecKeyAlgorithm;
 
 const Value kMessage = bytesOf("a message");
@@ -29,9 +26,7 @@ class SwappedCard : public KeyClientTest {
 
   [[nodiscard]] Failure loginFailure() { return failureOf(client->logIn(pins)); }
 
-  [[nodiscard]] Failure signFailure() {
-    return KeyClientTest::signFailure(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, kMessage);
-  }
+  [[nodiscard]] Failure signFailure() { return KeyClientTest::signFailure(kSignByPss, kMessage); }
 
   void expectAnotherCard(const Failure& failure) const {
     expectPresentable(failure);
@@ -79,15 +74,17 @@ TEST_F(SwappedCard, GetsNoPinForASignature) {
 TEST_F(SwappedCard, IsNoReasonToAskForThePin) {
   swap();
   expectAnotherCard(loginFailure());
+  expectAnotherCard(exchangeFailure(kSecKeyAlgorithmECDHKeyExchangeStandard, Value(65, 0x04)));
   EXPECT_EQ(pins.timesAsked(), 0U);
   expectUntouched();
 }
 
-TEST_F(SwappedCard, SignsNothingAfterTheLogin) {
+TEST_F(SwappedCard, SignsAndDecryptsNothingAfterTheLogin) {
   EXPECT_TRUE(client->logIn(pins));
   script.forgetCalls();
   swap();
   expectAnotherCard(signFailure());
+  expectAnotherCard(decryptFailure(kDecryptPkcs1, key.encrypted(kMessage, RSA_PKCS1_PADDING)));
   expectUntouched();
 }
 
@@ -102,37 +99,21 @@ TEST_F(SwappedCard, SignsNothingBetweenTheLoginAndTheRequestThatNeededIt) {
   });
   expectAnotherCard(signFailure());
   EXPECT_TRUE(loggedIn);
-  EXPECT_THAT(secretCalls(), ::testing::ElementsAre("C_Login"));
+  EXPECT_THAT(secretCalls(), ElementsAre("C_Login"));
 }
 
-TEST_F(SwappedCard, DecryptsNothingAfterTheLogin) {
-  EXPECT_TRUE(client->logIn(pins));
-  script.forgetCalls();
-  swap();
-  expectAnotherCard(
-      decryptFailure(kSecKeyAlgorithmRSAEncryptionPKCS1, key.encrypted(kMessage, RSA_PKCS1_PADDING)));
-  expectUntouched();
-}
-
-TEST_F(SwappedCard, ExchangesNoKeys) {
-  swap();
-  expectAnotherCard(exchangeFailure(kSecKeyAlgorithmECDHKeyExchangeStandard, Value(65, 0x04)));
-}
-
-TEST_F(SwappedCard, IsKnownByItsSerialNumberAlone) {
-  Card other = script.card();
-  setField(other.info.serialNumber, "1234567890ABCDE0");
-  script.pullCard();
-  script.insertCard(other);
-  EXPECT_EQ(loginFailure().kind, FailureKind::kAnotherCard);
-}
-
-TEST_F(SwappedCard, IsKnownByItsLabelAlone) {
-  Card other = script.card();
-  setField(other.info.label, "TESTCARE");
-  script.pullCard();
-  script.insertCard(other);
-  EXPECT_EQ(loginFailure().kind, FailureKind::kAnotherCard);
+TEST_F(SwappedCard, IsKnownByItsSerialNumberOrItsLabelAlone) {
+  for (const bool bySerialNumber : {true, false}) {
+    SCOPED_TRACE(bySerialNumber);
+    script.reset();
+    startAnew();
+    Card other = script.card();
+    if (bySerialNumber) setField(other.info.serialNumber, "1234567890ABCDE0");
+    if (!bySerialNumber) setField(other.info.label, "TESTCARE");
+    script.pullCard();
+    script.insertCard(other);
+    EXPECT_EQ(loginFailure().kind, FailureKind::kAnotherCard);
+  }
 }
 
 TEST_F(SwappedCard, IsSeenThoughTheModuleKeepsTheSession) {
@@ -195,7 +176,7 @@ TEST_F(SwappedCard, StaysGoneWhenItComesBackAfterThat) {
 TEST_F(SwappedCard, IsGoneForGoodWhenItGoesWithinASignature) {
   EXPECT_TRUE(client->logIn(pins));
   script.failCallOf("C_Sign", 0, CKR_DEVICE_REMOVED);
-  const Signature made = signature(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, kMessage);
+  const Signature made = signature(kSignByPss, kMessage);
   ASSERT_TRUE(made.fault && made.fault->failure);
   EXPECT_EQ(made.fault->failure->kind, FailureKind::kCardGone);
   EXPECT_EQ(signFailure().kind, FailureKind::kCardGone);
@@ -273,7 +254,7 @@ TEST_F(SwappedCard, IsNotEveryTokenWithoutARandomNumberGenerator) {
   card = inserted();
   client = newClient();
   EXPECT_TRUE(client->logIn(pins));
-  EXPECT_FALSE(signature(kSecKeyAlgorithmRSASignatureMessagePSSSHA256, kMessage).fault);
+  EXPECT_FALSE(signature(kSignByPss, kMessage).fault);
   swap();
   expectAnotherCard(signFailure());
 }
