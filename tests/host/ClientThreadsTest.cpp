@@ -3,13 +3,10 @@
 #include <atomic>
 
 #include "host/KeyClientTest.h"
-#include "host/Verification.h"
 #include "support/Threads.h"
 
 namespace mirel::test {
 namespace {
-
-using enum SecKeyAlgorithm;
 
 constexpr int kSignaturesPerThread = 50;
 
@@ -28,20 +25,10 @@ class ClientThreads : public KeyClientTest {
   [[nodiscard]] std::string refusalOfSignature(KeyClient& by, const Value& message) const {
     GivenInput input{{message}};
     GivenPins pin{{u"123456"}};
-    const PublishedKey& signer = published(u"01");
-    const auto made = by.sign(signer, kSecKeyAlgorithmRSASignatureMessagePSSSHA256, input, pin);
+    const auto made = by.sign(published(u"01"), kSignByPss, input, pin);
     if (!made) return made.failure().what + ": " + made.failure().why;
-    const auto verified =
-        verifySignature(certificateOf(signer), signer, kSecKeyAlgorithmRSASignatureMessagePSSSHA256, *made);
-    return verified ? std::string{} : verified.failure().why;
-  }
-
-  [[nodiscard]] const PublishedCertificate& certificateOf(const PublishedKey& wanted) const {
-    for (const PublishedItem& item : card.items) {
-      const auto* found = std::get_if<PublishedCertificate>(&item);
-      if (found && found->objectID == wanted.certificateID) return *found;
-    }
-    throw std::runtime_error{"there is no such certificate"};
+    const auto good = verified(kSignByPss, *made);
+    return good ? std::string{} : good.failure().why;
   }
 
   Host shared{servicesForAThread()};
@@ -70,7 +57,7 @@ TEST_F(ClientThreads, LookForTheCardAtOnce) {
   const auto sign = [&](KeyClient& by) {
     GivenInput input{{Value{1}}};
     GivenPins pin{{u"123456"}};
-    const auto made = by.sign(published(u"01"), kSecKeyAlgorithmRSASignatureMessagePSSSHA256, input, pin);
+    const auto made = by.sign(published(u"01"), kSignByPss, input, pin);
     if (!made && made.failure().kind == FailureKind::kCardGone) ++numGone;
   };
   runAtOnce({[&] { sign(*first); }, [&] { sign(*second); }});

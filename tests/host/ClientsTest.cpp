@@ -5,8 +5,6 @@
 namespace mirel::test {
 namespace {
 
-using ::testing::IsEmpty;
-
 class Clients : public HostTest {
  protected:
   void TearDown() override {

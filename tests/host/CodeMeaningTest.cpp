@@ -7,9 +7,6 @@
 namespace mirel::test {
 namespace {
 
-using ::testing::HasSubstr;
-using ::testing::Not;
-
 constexpr FailureKind kElse = FailureKind::kCardRefuses;
 
 struct Row {

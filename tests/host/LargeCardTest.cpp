@@ -89,7 +89,7 @@ TEST_F(LargeCard, HasMessagesThatStayALine) {
     EXPECT_EQ(failure.kind, FailureKind::kKeyNotFound);
     EXPECT_LT(failure.what.size() + failure.why.size() + failure.advice.words().size(), kMostInALine);
   }
-  EXPECT_THAT(failureOf(chooseKey(card, "none")).why, ::testing::ContainsRegex("and 15[0-9] more"));
+  EXPECT_THAT(failureOf(chooseKey(card, "none")).why, ContainsRegex("and 15[0-9] more"));
 }
 
 }  // namespace

@@ -4,8 +4,6 @@
 namespace mirel::test {
 namespace {
 
-using ::testing::HasSubstr;
-
 /// A card with the keys "01" (label "MyKey") and "02" (label "Second"), which may be read in part only.
 class MissingKey : public HostTest {
  protected:

@@ -5,10 +5,6 @@
 namespace mirel::test {
 namespace {
 
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::StartsWith;
-
 using Names = std::set<std::pair<std::string, std::string>>;
 
 /// A card with a published pair ("MyKey") and objects of every kind that are not published.
@@ -102,7 +98,7 @@ TEST_F(SecondLook, DoesNotBlameTheCardWhenTheListingFailsForAnotherReason) {
   script.failCallOf("C_GetAttributeValue", 0, CKR_DEVICE_ERROR, Times::kFromThenOn);
   const Failure failure = failureOf(host.insert(Text{}));
   EXPECT_THAT(failure.why, StartsWith("C_GetAttributeValue answered CKR_DEVICE_ERROR (0x30)"));
-  EXPECT_THAT(std::string{failure.advice.words()}, ::testing::Not(HasSubstr("issuer")));
+  EXPECT_THAT(std::string{failure.advice.words()}, Not(HasSubstr("issuer")));
 }
 
 }  // namespace
