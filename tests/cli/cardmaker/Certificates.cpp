@@ -25,6 +25,9 @@ using ObjectHolder = std::unique_ptr<ASN1_OBJECT, Freer<&ASN1_OBJECT_free>>;
 constexpr long kSerialNumber = 4711;
 constexpr const char* kNotBefore = "20200101000000Z";
 constexpr const char* kIssuer = "Test issuer";
+constexpr const char* kIssuerKey = "rsa2048";
+constexpr const char* kDefaultSubject = "Card holder";
+constexpr const char* kDefaultNotAfter = "20491231235959Z";
 
 /// Below the enterprise number that is set aside for examples (RFC 5612).
 constexpr const char* kPaddingOid = "1.3.6.1.4.1.32473.1";
@@ -72,48 +75,52 @@ void addPadding(X509* certificate, std::size_t length) {
   require(extension && X509_add_ext(certificate, extension.get(), -1) == 1, "add the padding");
 }
 
-X509Holder signedCertificate(const CertificateDescription& description, EVP_PKEY* key, EVP_PKEY* issuerKey,
-                             std::size_t padding) {
+X509Holder signedCertificate(const Line& line, KeyStore& keys, std::size_t padding) {
+  const std::string notAfter = line.bytes("notafter").value_or(kDefaultNotAfter);
   X509Holder certificate{X509_new()};
   X509* x509 = certificate.get();
   require(x509 && X509_set_version(x509, X509_VERSION_3) == 1, "make a certificate");
   require(ASN1_INTEGER_set(X509_get_serialNumber(x509), kSerialNumber) == 1, "take the serial number");
   require(ASN1_TIME_set_string_X509(X509_getm_notBefore(x509), kNotBefore) == 1, "take the date");
-  if (ASN1_TIME_set_string_X509(X509_getm_notAfter(x509), description.notAfter.c_str()) != 1)
-    throw std::invalid_argument{"no such date: " + description.notAfter};
-  setCommonName(X509_get_subject_name(x509), description.subject);
+  if (ASN1_TIME_set_string_X509(X509_getm_notAfter(x509), notAfter.c_str()) != 1)
+    throw std::invalid_argument{"no such date: " + notAfter};
+  setCommonName(X509_get_subject_name(x509), line.bytes("subject").value_or(kDefaultSubject));
   setCommonName(X509_get_issuer_name(x509), kIssuer);
-  require(X509_set_pubkey(x509, key) == 1, "take the public key");
-  addKeyUsage(x509, description.keyUsage);
+  require(X509_set_pubkey(x509, keys.pair(line.requiredBytes("type"))) == 1, "take the public key");
+  addKeyUsage(x509, line.list("usage"));
   addPadding(x509, padding);
-  require(X509_sign(x509, issuerKey, EVP_sha256()) > 0, "sign");
+  require(X509_sign(x509, keys.pair(kIssuerKey), EVP_sha256()) > 0, "sign");
   return certificate;
 }
 
 /// An RSA signature is as long as its key, so only the padding decides the size.
-std::size_t paddingFor(const CertificateDescription& description, EVP_PKEY* key, EVP_PKEY* issuerKey) {
+std::size_t paddingFor(const Line& line, KeyStore& keys, std::size_t wanted) {
   constexpr int kTries = 6;  // the lengths of lengths settle sooner
   std::size_t padding = 1;
   for (int attempt = 0; attempt < kTries; ++attempt) {
-    const std::size_t size =
-        derOf<&i2d_X509>(signedCertificate(description, key, issuerKey, padding).get()).size();
-    if (size == *description.size) return padding;
-    if (size > padding + *description.size) break;
-    padding = padding + *description.size - size;
+    const std::size_t size = derOf<&i2d_X509>(signedCertificate(line, keys, padding).get()).size();
+    if (size == wanted) return padding;
+    if (size > padding + wanted) break;
+    padding = padding + wanted - size;
   }
-  throw std::runtime_error{"no padding gives a certificate of " + std::to_string(*description.size) +
-                           " bytes"};
+  throw std::runtime_error{"no padding gives a certificate of " + std::to_string(wanted) + " bytes"};
 }
 
 }  // namespace
 
-Certificate makeCertificate(const CertificateDescription& description, EVP_PKEY* key, EVP_PKEY* issuerKey) {
-  const std::size_t padding = description.size ? paddingFor(description, key, issuerKey) : 0;
-  const X509Holder certificate = signedCertificate(description, key, issuerKey, padding);
-  return {derOf<&i2d_X509>(certificate.get()),
-          derOf<&i2d_X509_NAME>(X509_get_subject_name(certificate.get())),
-          derOf<&i2d_X509_NAME>(X509_get_issuer_name(certificate.get())),
-          derOf<&i2d_ASN1_INTEGER>(X509_get0_serialNumber(certificate.get()))};
+void describeCertificate(const Line& line, KeyStore& keys, Template& out) {
+  out.addNumber(CKA_CERTIFICATE_TYPE, CKC_X_509);
+  if (const auto value = line.bytes("value")) {
+    out.add(CKA_SUBJECT, "");
+    out.add(CKA_VALUE, *value);
+    return;
+  }
+  const auto size = line.number("size");
+  const X509Holder certificate = signedCertificate(line, keys, size ? paddingFor(line, keys, *size) : 0);
+  out.add(CKA_SUBJECT, derOf<&i2d_X509_NAME>(X509_get_subject_name(certificate.get())));
+  out.add(CKA_ISSUER, derOf<&i2d_X509_NAME>(X509_get_issuer_name(certificate.get())));
+  out.add(CKA_SERIAL_NUMBER, derOf<&i2d_ASN1_INTEGER>(X509_get0_serialNumber(certificate.get())));
+  out.add(CKA_VALUE, derOf<&i2d_X509>(certificate.get()));
 }
 
 }  // namespace mirel::cardmaker

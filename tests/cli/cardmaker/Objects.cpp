@@ -22,10 +22,6 @@ constexpr CK_ATTRIBUTE_TYPE CKA_EXPONENT_2 = 0x127;
 constexpr CK_ATTRIBUTE_TYPE CKA_COEFFICIENT = 0x128;
 constexpr CK_KEY_TYPE CKK_EC_EDWARDS = 0x40;
 
-constexpr const char* kIssuerKey = "rsa2048";
-constexpr const char* kDefaultSubject = "Card holder";
-constexpr const char* kDefaultNotAfter = "20491231235959Z";
-
 struct FreeNumber {
   void operator()(BIGNUM* number) const noexcept { BN_clear_free(number); }
 };
@@ -123,24 +119,6 @@ void describePrivateKey(const Line& line, EVP_PKEY* key, Template& out) {
       return;
     default: throw std::invalid_argument{"no private keys of this type"};
   }
-}
-
-void describeCertificate(const Line& line, KeyStore& keys, Template& out) {
-  out.addNumber(CKA_CERTIFICATE_TYPE, CKC_X_509);
-  if (const auto value = line.bytes("value")) {
-    out.add(CKA_SUBJECT, "");
-    out.add(CKA_VALUE, *value);
-    return;
-  }
-  const CertificateDescription description{line.bytes("subject").value_or(kDefaultSubject),
-                                           line.bytes("notafter").value_or(kDefaultNotAfter),
-                                           line.list("usage"), line.number("size")};
-  const Certificate certificate =
-      makeCertificate(description, keys.pair(line.requiredBytes("type")), keys.pair(kIssuerKey));
-  out.add(CKA_SUBJECT, certificate.subject);
-  out.add(CKA_ISSUER, certificate.issuer);
-  out.add(CKA_SERIAL_NUMBER, certificate.serialNumber);
-  out.add(CKA_VALUE, certificate.value);
 }
 
 }  // namespace
