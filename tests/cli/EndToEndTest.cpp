@@ -1,6 +1,5 @@
 #include "EndToEndTest.h"
 
-#include <gmock/gmock.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -20,9 +19,6 @@ namespace mirel::test {
 namespace {
 
 namespace fs = std::filesystem;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::MatchesRegex;
 
 /// What the sanitizers of an instrumented child need of our own environment.
 void passSanitizerOptions(std::map<std::string, std::string>& environment) {
@@ -145,6 +141,14 @@ Invocation EndToEndTest::staged(const Arguments& arguments, const Stage& stage) 
 Invocation EndToEndTest::stagedWithPin(const Arguments& arguments, const Stage& stage) const {
   Invocation call = staged(arguments + Arguments{"--pin-file", write("pin", kPin)}, stage);
   call.input = kMessage;
+  return call;
+}
+
+Invocation EndToEndTest::preloaded(Invocation call) {
+  call.environment["LD_PRELOAD"] = MIREL_PASSWORD_DATABASE;
+  // The address sanitizer wants to be loaded first, but has no need to here.
+  std::string& options = call.environment["ASAN_OPTIONS"];
+  options += (options.empty() ? "" : ":") + std::string{"verify_asan_link_order=0"};
   return call;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/types.h>
 
@@ -16,6 +17,26 @@
 namespace mirel::test {
 
 using Json = nlohmann::ordered_json;
+
+// What most tests of runs use.
+using ::testing::ContainsRegex;
+using ::testing::ElementsAre;
+using ::testing::EndsWith;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::MatchesRegex;
+using ::testing::Not;
+using ::testing::SizeIs;
+using ::testing::StartsWith;
+using ::testing::UnorderedElementsAre;
+
+#if defined(__SANITIZE_ADDRESS__)
+inline constexpr bool kHasAddressSanitizer = true;
+#elif defined(__has_feature)
+inline constexpr bool kHasAddressSanitizer = __has_feature(address_sanitizer);
+#else
+inline constexpr bool kHasAddressSanitizer = false;
+#endif
 
 /// The PIN of the cards, and another one that is none. Their "#" and "~" keep them out of random names.
 inline constexpr const char* kPin = "7kQ#x2Zp";
@@ -94,6 +115,8 @@ class EndToEndTest : public ::testing::Test {
   [[nodiscard]] Invocation staged(const Arguments& arguments, const Stage& stage = {}) const;
   /// The same, with the right PIN from a file and kMessage on its standard input.
   [[nodiscard]] Invocation stagedWithPin(const Arguments& arguments, const Stage& stage = {}) const;
+  /// The same with what PasswordDatabase.cpp has in the place of the system's.
+  [[nodiscard]] static Invocation preloaded(Invocation call);
   /// Runs `mireltoken` on SoftHSM2.
   [[nodiscard]] Result mireltoken(const Arguments& arguments) const { return run(onSoftHsm(arguments)); }
   [[nodiscard]] Result runWithPin(const Arguments& arguments, std::string input = {}) const {

@@ -1,5 +1,4 @@
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -17,8 +16,6 @@ namespace mirel::test {
 namespace {
 
 namespace fs = std::filesystem;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 /// Lets no file grow beyond so many bytes, in this process and its children, for its lifetime.
 class ScopedFileSizeLimit {
@@ -187,6 +184,14 @@ TEST_F(KeyFiles, AreNotWrittenWhereTheModeForbidsIt) {
   }
 }
 
+TEST_F(KeyFiles, OfSomebodyElseAreNotWrittenByRootWhereTheirModeForbidsIt) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root can give files away";
+  const std::string name = write("files/file", "older", 0444);
+  ASSERT_EQ(chown(name.c_str(), 4321, static_cast<gid_t>(-1)), 0);
+  expectEarlyFailures({{"sign --key 01 --out " + name, 14, {"its mode does not let it be written"}}});
+  EXPECT_EQ(read("files/file"), "older");
+}
+
 TEST_F(KeyFiles, AreReplacedAsAWhole) {
   expectSigned(signInto(write("files/signature", std::string(5000, 'x'))));
   EXPECT_TRUE(isSignature(read("files/signature")));
@@ -201,6 +206,17 @@ TEST_F(KeyFiles, KeepTheirContentWhenTheCommandFails) {
       {"decrypt --key 02" + out, 13, {}, std::string(256, '\0'), {{"ANSWERS", "C_Decrypt=40"}}},
   });
   expectNoSpaceForASignature();
+  EXPECT_EQ(read("files/file"), "older");
+  EXPECT_THAT(filesIn("files"), ElementsAre("file"));
+}
+
+TEST_F(KeyFiles, AreReplacedOnceTheNewContentHasReachedTheDisk) {
+  Invocation call = preloaded(withPin("sign --key 01 --out " + file("file"), kMessage));
+  call.environment["MIREL_TEST_FULL_DISK"] = "yes";
+  expectSigned(run(call));  // there is nothing to lose
+  EXPECT_TRUE(isSignature(read("files/file")));
+  (void)write("files/file", "older");
+  expectFailure(run(call), 14, {"files/file cannot be written: No space left on device"});
   EXPECT_EQ(read("files/file"), "older");
   EXPECT_THAT(filesIn("files"), ElementsAre("file"));
 }

@@ -1,4 +1,3 @@
-#include <gmock/gmock.h>
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -15,7 +14,6 @@ namespace mirel::test {
 namespace {
 
 namespace fs = std::filesystem;
-using ::testing::HasSubstr;
 
 constexpr const char* kModuleTail = "/Library/LunetLocalSignServer/libTorvo_p11v1.dylib";
 
@@ -29,12 +27,8 @@ class ModuleChoice : public EndToEndTest {
 
   /// The same with a password database in which `home` is the user's home; empty: which knows no user.
   [[nodiscard]] static Invocation atHome(Invocation call, const std::string& home) {
-    call.environment["LD_PRELOAD"] = MIREL_PASSWORD_DATABASE;
     if (!home.empty()) call.environment["MIREL_TEST_HOME"] = home;
-    // The address sanitizer wants to be loaded first, but has no need to here.
-    std::string& options = call.environment["ASAN_OPTIONS"];
-    options += (options.empty() ? "" : ":") + std::string{"verify_asan_link_order=0"};
-    return call;
+    return preloaded(std::move(call));
   }
   [[nodiscard]] Invocation items(const Arguments& choice = "") const {
     return invocation("items --json" + choice);

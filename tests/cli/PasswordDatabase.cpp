@@ -1,8 +1,9 @@
 /// Preloaded, it answers for the password database: there is one user, whose home is the environment's
 /// MIREL_TEST_HOME. So tests can look at the whole home of the user without owning one, and put things
-/// into it.
+/// into it. With the environment's MIREL_TEST_FULL_DISK no file reaches the disk: fsync fails.
 
 #include <pwd.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -56,6 +57,12 @@ __attribute__((visibility("default"))) int getpwnam_r(const char* name, passwd* 
                                                       std::size_t room, passwd** found) {
   *found = nullptr;
   return std::string_view{name} == kUserName ? answer(entry, buffer, room, found) : 0;
+}
+
+__attribute__((visibility("default"))) int fsync(int file) {
+  if (!std::getenv("MIREL_TEST_FULL_DISK")) return static_cast<int>(syscall(SYS_fsync, file));
+  errno = ENOSPC;
+  return -1;
 }
 
 }  // extern "C"
