@@ -36,6 +36,19 @@ struct CloseFile {
   void operator()(std::FILE* file) const noexcept { (void)std::fclose(file); }
 };
 
+/// All that can be read until the end, or until the last process at the other end has gone.
+std::string allFrom(int descriptor) {
+  std::string text;
+  std::array<char, 4096> buffer{};
+  for (ssize_t got = 0; (got = read(descriptor, buffer.data(), buffer.size())) > 0;)
+    text.append(buffer.data(), static_cast<std::size_t>(got));
+  return text;
+}
+
+void writeTo(int descriptor, const std::string& text) {
+  require(write(descriptor, text.data(), text.size()) == static_cast<ssize_t>(text.size()), "write");
+}
+
 /// A file without a name that takes what a child writes, or gives what it reads.
 class ScratchFile {
  public:
@@ -44,17 +57,13 @@ class ScratchFile {
   [[nodiscard]] int descriptor() const { return fileno(file_.get()); }
 
   void fill(const std::string& text) const {
-    require(write(descriptor(), text.data(), text.size()) == static_cast<ssize_t>(text.size()), "write");
+    writeTo(descriptor(), text);
     require(lseek(descriptor(), 0, SEEK_SET) == 0, "lseek");
   }
 
   [[nodiscard]] std::string content() const {
     require(lseek(descriptor(), 0, SEEK_SET) == 0, "lseek");
-    std::string text;
-    std::array<char, 4096> buffer{};
-    for (ssize_t got = 0; (got = read(descriptor(), buffer.data(), buffer.size())) > 0;)
-      text.append(buffer.data(), static_cast<std::size_t>(got));
-    return text;
+    return allFrom(descriptor());
   }
 
  private:
@@ -96,11 +105,7 @@ class Terminal {
   /// All that is written until the last process has closed its end.
   [[nodiscard]] std::string content() {
     theirs_.close();
-    std::string text;
-    std::array<char, 4096> buffer{};
-    for (ssize_t got = 0; (got = read(ours_.get(), buffer.data(), buffer.size())) > 0;)
-      text.append(buffer.data(), static_cast<std::size_t>(got));
-    return text;
+    return allFrom(ours_.get());
   }
 
  private:
@@ -168,18 +173,12 @@ class Pipe {
   explicit Pipe(const std::string& content) : Pipe{opened()} { fill(content); }
 
   [[nodiscard]] int forChild() const noexcept { return out_.get(); }
-  void fill(const std::string& text) const {
-    require(write(in_.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size()), "write");
-  }
+  void fill(const std::string& text) const { writeTo(in_.get(), text); }
   void end() noexcept { in_.close(); }
 
   [[nodiscard]] std::string rest() {
     end();
-    std::string text;
-    std::array<char, 4096> buffer{};
-    for (ssize_t got = 0; (got = read(out_.get(), buffer.data(), buffer.size())) > 0;)
-      text.append(buffer.data(), static_cast<std::size_t>(got));
-    return text;
+    return allFrom(out_.get());
   }
 
  private:

@@ -1,5 +1,3 @@
-#include <gmock/gmock.h>
-
 #include "EndToEndTest.h"
 #include "ReferenceCryptography.h"
 

@@ -1,5 +1,3 @@
-#include <gmock/gmock.h>
-
 #include <algorithm>
 
 #include "EndToEndTest.h"
@@ -7,9 +5,6 @@
 
 namespace mirel::test {
 namespace {
-
-using ::testing::HasSubstr;
-using ::testing::Not;
 
 class KeyUsage : public EndToEndTest {
  protected:
@@ -68,7 +63,7 @@ TEST_F(KeyChoice, IsByWhatItemsShows) {
   std::vector<std::string> chosen;
   for (const std::string& line : linesOf(mireltoken("items").out))
     if (line.starts_with("key ")) chosen.push_back(chosenBy(cellsOf(line).at(1)));
-  EXPECT_THAT(chosen, ::testing::UnorderedElementsAre("First", "Second", "Third", "Fourth"));
+  EXPECT_THAT(chosen, UnorderedElementsAre("First", "Second", "Third", "Fourth"));
 }
 
 TEST_F(KeyChoice, PrefersTheLabelToTheIDAsCharacters) {

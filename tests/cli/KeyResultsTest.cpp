@@ -1,5 +1,3 @@
-#include <gmock/gmock.h>
-
 #include <array>
 #include <map>
 
@@ -9,10 +7,6 @@
 
 namespace mirel::test {
 namespace {
-
-using ::testing::IsEmpty;
-using ::testing::SizeIs;
-using ::testing::StartsWith;
 
 const std::string kPrefix = "kSecKeyAlgorithm";
 constexpr std::size_t kNumAlgorithms = 76;
@@ -29,8 +23,7 @@ TEST_F(Algorithms, AreARowEachWithAColumnForEachKeyAndNeedNoPin) {
   ASSERT_THAT(lines, SizeIs(kNumAlgorithms + 1));
   for (const std::string& line : lines) EXPECT_THAT(cellsOf(line), SizeIs(1 + 3)) << line;
   EXPECT_EQ(cellsOf(lines.front()).front(), "ALGORITHM");
-  EXPECT_THAT(cellsOf(lines.front()),
-              ::testing::UnorderedElementsAre("ALGORITHM", "KEY 3031", "KEY 3032", "KEY 3033"));
+  EXPECT_THAT(cellsOf(lines.front()), UnorderedElementsAre("ALGORITHM", "KEY 3031", "KEY 3032", "KEY 3033"));
   EXPECT_EQ(stagedCallsOf("C_Login"), 0);
 }
 
@@ -55,8 +48,7 @@ TEST_F(Algorithms, AreThoseOfTheKeysUsageAndWhatBecomesOfThem) {
     SCOPED_TRACE(row.key);
     std::vector<std::string> lines = linesOf(mireltoken("algorithms --all --key " + row.key).out);
     ASSERT_THAT(lines, SizeIs(kNumAlgorithms + 1));
-    EXPECT_THAT(cellsOf(lines.front()),
-                ::testing::ElementsAre("ALGORITHM", "KEY 30" + hexOfBytes(row.key.substr(1))));
+    EXPECT_THAT(cellsOf(lines.front()), ElementsAre("ALGORITHM", "KEY 30" + hexOfBytes(row.key.substr(1))));
     lines.erase(lines.begin());
     std::map<std::string, int> answers;
     for (const std::string& line : lines) ++answers[cellsOf(line).at(1)];

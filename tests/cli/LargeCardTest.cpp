@@ -1,4 +1,3 @@
-#include <gmock/gmock.h>
 #include <sys/resource.h>
 
 #include <chrono>
@@ -8,8 +7,6 @@
 
 namespace mirel::test {
 namespace {
-
-using ::testing::SizeIs;
 
 constexpr unsigned kPairs = 160;
 constexpr std::size_t kMostInALine = 500;  // bytes

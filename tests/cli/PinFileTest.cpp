@@ -1,6 +1,5 @@
 /// The PIN from a file or a descriptor, and what the flags of the card say about trying it.
 
-#include <gmock/gmock.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -321,7 +320,7 @@ TEST_F(PinFlags, TellOfAPinThatCannotBeTyped) {
   Invocation call = staged("login", kPinPad);
   call.terminal = &terminal;
   expectUntried(run(call), 18, words);
-  EXPECT_THAT(terminal.shown(), ::testing::IsEmpty());
+  EXPECT_THAT(terminal.shown(), IsEmpty());
 }
 
 }  // namespace

@@ -1,4 +1,3 @@
-#include <gmock/gmock.h>
 #include <sys/types.h>
 
 #include <chrono>
@@ -11,10 +10,6 @@
 
 namespace mirel::test {
 namespace {
-
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::Not;
 
 const std::string kPrompt = "PIN for \"Card\": ";
 const std::string kPromptAfterWrongPin =
@@ -145,8 +140,7 @@ TEST_F(PinPrompt, ComesThreeTimesAtMost) {
   const Result result = login.after(entered(kWrongPin));
   EXPECT_EQ(result.exitCode, 7);
   EXPECT_THAT(result.out, IsEmpty());
-  EXPECT_THAT(result.err,
-              ::testing::StartsWith(kRefusal + kRefusal + "mireltoken: the PIN is wrong, the token says"));
+  EXPECT_THAT(result.err, StartsWith(kRefusal + kRefusal + "mireltoken: the PIN is wrong, the token says"));
   EXPECT_THAT(result.err, HasSubstr("C_Login answered CKR_PIN_INCORRECT (0xA0)"));
   EXPECT_EQ(login.terminal.shown(),
             kPrompt + "\r\n" + kPromptAfterWrongPin + "\r\n" + kPromptAfterWrongPin + "\r\n");

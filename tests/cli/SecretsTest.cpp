@@ -1,7 +1,6 @@
 /// Where PINs and plain texts do not get, and what keeps the memory of a process that has them from others.
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -15,18 +14,6 @@
 
 namespace mirel::test {
 namespace {
-
-using ::testing::ContainsRegex;
-using ::testing::HasSubstr;
-using ::testing::Not;
-
-#if defined(__SANITIZE_ADDRESS__)
-constexpr bool kHasSanitizer = true;
-#elif defined(__has_feature)
-constexpr bool kHasSanitizer = __has_feature(address_sanitizer);
-#else
-constexpr bool kHasSanitizer = false;
-#endif
 
 /// The text with two bytes for each character, as UTF-16 has it here.
 std::string inUtf16(const std::string& ascii) {
@@ -195,7 +182,7 @@ TEST_F(Pins, GoIntoNoCoreFile) {
 }
 
 TEST_F(Pins, AreInLockedMemory) {
-  if (kHasSanitizer) GTEST_SKIP() << "sanitizers leave out mlock";
+  if (kHasAddressSanitizer) GTEST_SKIP() << "sanitizers leave out mlock";
   rlimit limit{};
   ASSERT_EQ(getrlimit(RLIMIT_MEMLOCK, &limit), 0);
   if (limit.rlim_cur == 0) GTEST_SKIP() << "no memory may be locked here";

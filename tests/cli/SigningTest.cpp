@@ -1,5 +1,3 @@
-#include <gmock/gmock.h>
-
 #include <array>
 
 #include "EndToEndTest.h"
@@ -7,10 +5,6 @@
 
 namespace mirel::test {
 namespace {
-
-using ::testing::EndsWith;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
 
 /// A hash with the DER in front of its digest (RFC 8017, section 9.2, note 1).
 struct Hash {
