@@ -9,54 +9,38 @@ namespace {
 
 constexpr FailureKind kElse = FailureKind::kCardRefuses;
 
-struct Row {
-  CK_RV code;
-  FailureKind kind;
-};
+constexpr CK_RV kGone[] = {CKR_DEVICE_REMOVED,         CKR_TOKEN_NOT_PRESENT, CKR_SLOT_ID_INVALID,
+                           CKR_SESSION_HANDLE_INVALID, CKR_SESSION_CLOSED,    CKR_CRYPTOKI_NOT_INITIALIZED};
 
-const Row kGoneRows[] = {
-    {CKR_DEVICE_REMOVED, FailureKind::kCardGone},  {CKR_TOKEN_NOT_PRESENT, FailureKind::kCardGone},
-    {CKR_SLOT_ID_INVALID, FailureKind::kCardGone}, {CKR_SESSION_HANDLE_INVALID, FailureKind::kCardGone},
-    {CKR_SESSION_CLOSED, FailureKind::kCardGone},  {CKR_CRYPTOKI_NOT_INITIALIZED, FailureKind::kCardGone}};
+constexpr CK_RV kOthers[] = {CKR_TOKEN_NOT_RECOGNIZED,
+                             CKR_DEVICE_ERROR,
+                             CKR_DEVICE_MEMORY,
+                             CKR_HOST_MEMORY,
+                             CKR_GENERAL_ERROR,
+                             CKR_FUNCTION_FAILED,
+                             CKR_USER_NOT_LOGGED_IN,
+                             CKR_KEY_FUNCTION_NOT_PERMITTED,
+                             CKR_KEY_TYPE_INCONSISTENT,
+                             CKR_KEY_HANDLE_INVALID,
+                             CKR_MECHANISM_INVALID,
+                             CKR_DATA_LEN_RANGE,
+                             CKR_ENCRYPTED_DATA_INVALID,
+                             CKR_ENCRYPTED_DATA_LEN_RANGE,
+                             CKR_PIN_EXPIRED};
 
-const Row kOtherRows[] = {{CKR_TOKEN_NOT_RECOGNIZED, kElse},
-                          {CKR_DEVICE_ERROR, kElse},
-                          {CKR_DEVICE_MEMORY, kElse},
-                          {CKR_HOST_MEMORY, kElse},
-                          {CKR_GENERAL_ERROR, kElse},
-                          {CKR_FUNCTION_FAILED, kElse},
-                          {CKR_USER_NOT_LOGGED_IN, kElse},
-                          {CKR_KEY_FUNCTION_NOT_PERMITTED, kElse},
-                          {CKR_KEY_TYPE_INCONSISTENT, kElse},
-                          {CKR_KEY_HANDLE_INVALID, kElse},
-                          {CKR_MECHANISM_INVALID, kElse},
-                          {CKR_DATA_LEN_RANGE, kElse},
-                          {CKR_ENCRYPTED_DATA_INVALID, kElse},
-                          {CKR_ENCRYPTED_DATA_LEN_RANGE, kElse},
-                          {CKR_PIN_EXPIRED, kElse},
-                          {CKR_PIN_INVALID, FailureKind::kPinWrong},
-                          {CKR_PIN_LEN_RANGE, FailureKind::kPinWrong}};
-
-void expectKnown(const Row& row) {
-  const Failure failure = failureBecauseOf({"C_Sign", row.code}, "what", kElse);
+void expectKnown(CK_RV code, FailureKind kind) {
+  SCOPED_TRACE(code);
+  const Failure failure = failureBecauseOf({"C_Sign", code}, "what", kElse);
   expectPresentable(failure);
-  EXPECT_EQ(failure.kind, row.kind);
+  EXPECT_EQ(failure.kind, kind);
   EXPECT_THAT(failure.why, Not(HasSubstr("no known reason")));
   EXPECT_THAT(failure.why, HasSubstr("), ")) << "no reason";
 }
 
-TEST(CodeMeaning, KnowsTheCodesOfACardThatIsGone) {
-  for (const Row& row : kGoneRows) {
-    SCOPED_TRACE(row.code);
-    expectKnown(row);
-  }
-}
-
-TEST(CodeMeaning, KnowsTheOtherCodesOfCards) {
-  for (const Row& row : kOtherRows) {
-    SCOPED_TRACE(row.code);
-    expectKnown(row);
-  }
+TEST(CodeMeaning, KnowsTheCodesOfCards) {
+  for (const CK_RV code : kGone) expectKnown(code, FailureKind::kCardGone);
+  for (const CK_RV code : {CKR_PIN_INVALID, CKR_PIN_LEN_RANGE}) expectKnown(code, FailureKind::kPinWrong);
+  for (const CK_RV code : kOthers) expectKnown(code, kElse);
 }
 
 TEST(CodeMeaning, KnowsWhatToDoAboutAPin) {
@@ -66,11 +50,11 @@ TEST(CodeMeaning, KnowsWhatToDoAboutAPin) {
 }
 
 TEST(CodeMeaning, IsTheSameInEveryFunctionForACardThatIsGone) {
-  for (const Row& row : kGoneRows) {
+  for (const CK_RV code : kGone) {
     std::set<std::string> remedies;
     for (const char* function : {"C_GetTokenInfo", "C_GetAttributeValue", "C_Login", "C_Sign", "C_Decrypt"})
-      remedies.emplace(meaningOf(function, row.code).remedy.words());
-    EXPECT_EQ(remedies.size(), 1U) << row.code;
+      remedies.emplace(meaningOf(function, code).remedy.words());
+    EXPECT_EQ(remedies.size(), 1U) << code;
   }
 }
 
