@@ -1,7 +1,5 @@
 /// A module that ends its process, or keeps it: what the user is told, and what is left.
 
-#include <gmock/gmock.h>
-
 #include <csignal>
 
 #include "EndToEndTest.h"
@@ -9,16 +7,6 @@
 
 namespace mirel::test {
 namespace {
-
-using ::testing::HasSubstr;
-
-#if defined(__SANITIZE_ADDRESS__)
-constexpr bool kFindsLeaks = true;
-#elif defined(__has_feature)
-constexpr bool kFindsLeaks = __has_feature(address_sanitizer);
-#else
-constexpr bool kFindsLeaks = false;
-#endif
 
 class ModuleFails : public EndToEndTest {
  protected:
@@ -49,7 +37,7 @@ TEST_F(ModuleFails, ByExit) {
 }
 
 TEST_F(ModuleFails, ByACrash) {
-  if (kFindsLeaks) GTEST_SKIP() << "the sanitizer makes an end of its own of a crash";
+  if (kHasAddressSanitizer) GTEST_SKIP() << "the sanitizer makes an end of its own of a crash";
   expectInEachCall("CRASH", 21, "crashed in ");
   expectFailures(
       {{"items", 21, {"the module crashed in C_GetFunctionList (SIGSEGV)"}, "", {{"CRASH", "entry"}}}});
@@ -69,7 +57,7 @@ TEST_F(ModuleFails, ByNotComingBack) {
 }
 
 TEST_F(ModuleFails, AtItsEndWithoutChangingTheExitCode) {
-  if (kFindsLeaks) GTEST_SKIP() << "the check for leaks comes after the module's end";
+  if (kHasAddressSanitizer) GTEST_SKIP() << "the check for leaks comes after the module's end";
   expectFailures({{"login --pin-file " + write("wrong", kWrongPin),
                    7,
                    {"did not accept the PIN"},

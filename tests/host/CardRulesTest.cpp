@@ -10,14 +10,11 @@
 namespace mirel::test {
 namespace {
 
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-
 bool isPublicValue(const AttributeRule& rule) {
   return rule.type == CKA_MODULUS || rule.type == CKA_EC_POINT;
 }
 
-class CardRules : public HostTest {
+class CardRules : public InsertedCardTest {
  protected:
   /// A card of one key with its certificate, of which the attribute of the rule has that length; nothing: it
   /// is missing.
@@ -44,7 +41,7 @@ class CardRules : public HostTest {
     if (isPublicValue(rule)) {
       EXPECT_FALSE(card.items.empty());
     }
-    EXPECT_THAT(told(rule).reason, ::testing::Not(HasSubstr("bytes, more than")));
+    EXPECT_THAT(told(rule).reason, Not(HasSubstr("bytes, more than")));
     EXPECT_FALSE(told(rule).blocksCard);
   }
 
@@ -58,11 +55,6 @@ class CardRules : public HostTest {
     EXPECT_THAT(failureOf(host.insert(Text{})).why, HasSubstr(reason));
     EXPECT_THAT(told(rule).reason, HasSubstr(reason));
     EXPECT_TRUE(told(rule).blocksCard);
-  }
-
-  void TearDown() override {
-    leavesOpen(script.openSessions());
-    HostTest::TearDown();
   }
 
   /// Runs the check for each rule.

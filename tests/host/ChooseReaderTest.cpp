@@ -5,7 +5,7 @@ namespace mirel::test {
 namespace {
 
 /// Which reader a name leads to; the label of the inserted card tells.
-class ChooseReader : public HostTest {
+class ChooseReader : public InsertedCardTest {
  protected:
   /// The module has exactly these readers, each with a card that is labelled with its number.
   void setReaders(const std::vector<std::string>& names) {
@@ -56,21 +56,18 @@ TEST_F(ChooseReader, GivesNoClientOfACardThatIsTakenForOneThatCannotBeReadJustNo
   EXPECT_THAT(failure.why,
               AllOf(HasSubstr("\"Reader A\""), HasSubstr("C_GetTokenInfo answered CKR_DEVICE_ERROR")));
   EXPECT_EQ(failure.advice, UserStep::kRetryOrNameReader);
-  leavesOpen(script.openSessions());
 }
 
 TEST_F(ChooseReader, GivesAClientOfACardBehindOneThatTheModuleDoesNotKnow) {
   setReaders({"Reader A", "Reader B"});
   script.failCallOf("C_GetTokenInfo", 0, CKR_TOKEN_NOT_RECOGNIZED);
   EXPECT_TRUE(host.newClient(inserted()));
-  leavesOpen(script.openSessions());
 }
 
 TEST_F(ChooseReader, GivesAClientOfTheCardWhoseReaderIsNamed) {
   setReaders({"Reader A", "Reader B"});
   script.failCallOf("C_GetTokenInfo", 0, CKR_DEVICE_ERROR);
   EXPECT_TRUE(host.newClient(inserted(Text{u"Reader B"})));
-  leavesOpen(script.openSessions());
 }
 
 TEST_F(ChooseReader, FailsWithoutAnInitialisedCardOrAnyAtAll) {

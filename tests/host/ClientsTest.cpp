@@ -5,13 +5,7 @@
 namespace mirel::test {
 namespace {
 
-class Clients : public HostTest {
- protected:
-  void TearDown() override {
-    leavesOpen(script.openSessions());
-    HostTest::TearDown();
-  }
-};
+class Clients : public InsertedCardTest {};
 
 TEST_F(Clients, AreNewEachTime) {
   const InsertedCard card = inserted();

@@ -119,15 +119,6 @@ TEST_F(Decrypt, TellsWhichSizeIsWanted) {
   EXPECT_EQ(decryptFailure(kDecryptPkcs1, Value(7)).why, "they have 7 bytes, a block for this key has 128");
 }
 
-TEST_F(Decrypt, PassesOnWhatIsWrongWithTheInput) {
-  GivenInput input{{Value(128, 1)}};
-  input.failure = Failure{FailureKind::kFileFailure, "the file cannot be read", "it is gone", "look for it"};
-  const Failure failure = failureOf(client->decrypt(published(u"02"), kDecryptPkcs1, input, pins));
-  EXPECT_EQ(failure.kind, FailureKind::kFileFailure);
-  EXPECT_EQ(failure.advice.words(), "look for it");
-  EXPECT_EQ(pins.timesAsked(), 0U);
-}
-
 // ---- Decryptions that fail in the card ----
 
 TEST_F(Decrypt, TellsThatTheCardGaveNone) {
@@ -149,24 +140,10 @@ TEST_F(Decrypt, TellsTheCodeOfEachCallThatFails) {
   }
 }
 
-TEST_F(Decrypt, TellsThatTheCardIsGoneTheSecondTimeToo) {
-  // After a listing that failed, the card is not even asked any more.
-  (void)plainText(kDecryptPkcs1, key.encrypted(kPlain, RSA_PKCS1_PADDING));
-  script.pullCard();
-  for (int attempt = 1; attempt <= 2; ++attempt) {
-    SCOPED_TRACE(attempt);
-    EXPECT_EQ(decryptFailure(kDecryptPkcs1, key.encrypted(kPlain, RSA_PKCS1_PADDING)).kind,
-              FailureKind::kCardGone);
-  }
-}
-
 TEST_F(Decrypt, TellsThatTheCardWasNotAskedBecauseOfTheReadersName) {
   // The card framework compares no byte above 0x7F of a name, except when it selects the card.
   setField(script.slot().info.slotDescription, "L\xE4ser");
-  auto inserted = host.insert(Text{u"L\u00E4ser"});
-  ASSERT_TRUE(inserted);
-  card = *inserted;
-  client = newClient();
+  insertAnew(Text{u"L\u00E4ser"});
   const Failure failure = decryptFailure(kDecryptPkcs1, key.encrypted(kPlain, RSA_PKCS1_PADDING));
   EXPECT_EQ(failure.kind, FailureKind::kCardRefuses);
   EXPECT_EQ(failure.why, "the card was not asked");
@@ -175,13 +152,13 @@ TEST_F(Decrypt, TellsThatTheCardWasNotAskedBecauseOfTheReadersName) {
 // ---- Plain texts that cannot be ----
 
 TEST_F(Decrypt, RefusesARoomThatTheModuleDidNotWrite) {
-  script.hook<&CK_FUNCTION_LIST::C_Decrypt>([](auto real, CK_SESSION_HANDLE session, CK_BYTE_PTR data,
-                                               CK_ULONG dataLen, CK_BYTE_PTR, CK_ULONG_PTR outLen) {
-    Value elsewhere(*outLen);
-    CK_ULONG length = *outLen;
-    (void)real(session, data, dataLen, elsewhere.data(), &length);  // ends the operation
-    return CKR_OK;
-  });
+  script.hook<&CK_FUNCTION_LIST::C_Decrypt>(
+      [](auto real, auto session, auto* data, auto dataLen, auto*, auto* outLen) {
+        Value elsewhere(*outLen);
+        CK_ULONG length = *outLen;
+        (void)real(session, data, dataLen, elsewhere.data(), &length);  // ends the operation
+        return CKR_OK;
+      });
   for (const SecKeyAlgorithm algorithm :
        {kDecryptPkcs1, kSecKeyAlgorithmRSAEncryptionOAEPSHA256, kSecKeyAlgorithmRSAEncryptionRaw}) {
     SCOPED_TRACE(nameOf(algorithm));
@@ -229,12 +206,23 @@ TEST_F(Exchange, RefusesPointsOfAnImpossibleSize) {
               FailureKind::kBadInput);
 }
 
-TEST_F(Exchange, PassesOnWhatIsWrongWithTheInput) {
-  GivenInput input{{Value(1)}};
+// ---- Requests of every kind ----
+
+TEST_F(KeyClientTest, PassesOnWhatIsWrongWithTheInput) {
+  GivenInput input{{Value(128, 1)}};
   input.failure = Failure{FailureKind::kFileFailure, "the file cannot be read", "it is gone", "look for it"};
-  const Failure failure =
-      failureOf(client->exchange(published(u"04"), kSecKeyAlgorithmECDHKeyExchangeStandard, input, pins));
-  EXPECT_EQ(failure.kind, FailureKind::kFileFailure);
+  const auto expectPassedOn = [](const Failure& failure) {
+    EXPECT_EQ(failure.kind, FailureKind::kFileFailure);
+    EXPECT_EQ(failure.why, "it is gone");
+    EXPECT_EQ(failure.advice.words(), "look for it");
+  };
+  for (const SecKeyAlgorithm algorithm : {kSignByPss, kSecKeyAlgorithmRSASignatureRaw})
+    expectPassedOn(failureOf(client->sign(published(u"01"), algorithm, input, pins)));
+  expectPassedOn(failureOf(client->decrypt(published(u"02"), kDecryptPkcs1, input, pins)));
+  expectPassedOn(
+      failureOf(client->exchange(published(u"04"), kSecKeyAlgorithmECDHKeyExchangeStandard, input, pins)));
+  EXPECT_EQ(pins.timesAsked(), 0U);
+  EXPECT_THAT(script.callTexts(), IsEmpty());
 }
 
 }  // namespace

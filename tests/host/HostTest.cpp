@@ -33,6 +33,11 @@ InsertedCard HostTest::inserted(const Text& readerName) {
   return {};
 }
 
+void InsertedCardTest::TearDown() {
+  leavesOpen(script.openSessions());
+  HostTest::TearDown();
+}
+
 std::vector<Text> namesOf(const std::vector<Reader>& readers) {
   std::vector<Text> names;
   names.reserve(readers.size());

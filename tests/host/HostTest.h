@@ -51,6 +51,12 @@ class HostTest : public ModuleTest {
   Host host{services()};
 };
 
+/// The same where each card that is inserted may leave its session open: that is the token's affair.
+class InsertedCardTest : public HostTest {
+ protected:
+  void TearDown() override;
+};
+
 /// The names of the readers.
 [[nodiscard]] std::vector<Text> namesOf(const std::vector<Reader>& readers);
 

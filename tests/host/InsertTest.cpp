@@ -7,7 +7,7 @@ constexpr unsigned kSignatureAndNonRepudiation = 0x03;
 constexpr unsigned kKeyEncipherment = 1U << 2U;
 constexpr unsigned kKeyAgreement = 1U << 4U;
 
-class Insert : public HostTest {
+class Insert : public InsertedCardTest {
  protected:
   /// Item number `i` of the card, as a certificate or a key.
   template <typename Item>
@@ -38,7 +38,7 @@ TEST_F(Insert, TellsReaderAndToken) {
   EXPECT_EQ(card.instanceID.units().substr(80),
             u"1234567890ABCDEF\x0D\x04"
             u"1234567890ABCDEF\x0D\x04");
-  leavesOpen({kCardSession});
+  EXPECT_THAT(script.openSessions(), ElementsAre(kCardSession));
 }
 
 TEST_F(Insert, PublishesACertificate) {
@@ -50,7 +50,6 @@ TEST_F(Insert, PublishesACertificate) {
   EXPECT_EQ(certificate.notAfter.toUtf8(), kTestNotAfter);
   EXPECT_THAT(certificate.keyUsage, ElementsAre("digitalSignature", "nonRepudiation"));
   EXPECT_EQ(certificate.size, script.object(kCertificate).attributes.at(CKA_VALUE).size());
-  leavesOpen({kCardSession});
 }
 
 TEST_F(Insert, PublishesTheKeyWithTheUseOfItsCertificate) {
@@ -92,7 +91,6 @@ TEST_F(Insert, PublishesTheKeyWithTheUseOfItsCertificate) {
       EXPECT_THAT(key.constraints, IsEmpty());
     }
   }
-  leavesOpen(script.openSessions());
 }
 
 TEST_F(Insert, PublishesInTheOrderOfTheCard) {
@@ -106,7 +104,6 @@ TEST_F(Insert, PublishesInTheOrderOfTheCard) {
   EXPECT_EQ(at<PublishedKey>(card, 3).objectID, Text{u"03"});
   EXPECT_EQ(at<PublishedCertificate>(card, 4).objectID, Text{u"cert_Second_02"});
   EXPECT_EQ(at<PublishedKey>(card, 5).objectID, Text{u"02"});
-  leavesOpen({kCardSession});
 }
 
 TEST_F(Insert, KeepsEveryByteOfIdentifiers) {
@@ -116,7 +113,6 @@ TEST_F(Insert, KeepsEveryByteOfIdentifiers) {
   using namespace std::string_view_literals;
   EXPECT_EQ(key.objectID.units(), u"\0\u0001\u00FF"sv);
   EXPECT_EQ(key.certificateID.units(), u"cert_\u000A_\0\u0001\u00FF"sv);
-  leavesOpen({kCardSession});
 }
 
 TEST_F(Insert, PublishesTheCertificateAloneWhoseKeyIsOfAnUnknownKind) {
@@ -124,20 +120,17 @@ TEST_F(Insert, PublishesTheCertificateAloneWhoseKeyIsOfAnUnknownKind) {
   const InsertedCard card = inserted();
   ASSERT_EQ(card.items.size(), 1U);
   EXPECT_EQ(at<PublishedCertificate>(card, 0).objectID, Text{u"cert_MyKey_01"});
-  leavesOpen({kCardSession});
 }
 
 TEST_F(Insert, PassesOverACertificateThatIsNone) {
   script.addObject(ecPublicKey(bytesOf("02"), bytesOf("Broken"), p256Params(), p256Point(1)));
   script.addObject(certificate(bytesOf("02"), bytesOf("Broken"), patternValue(300, 1)));
   EXPECT_EQ(inserted().items.size(), 2U);
-  leavesOpen({kCardSession});
 }
 
 TEST_F(Insert, PublishesNothingOfAnEmptyCard) {
   script.card().objects.clear();
   EXPECT_THAT(inserted().items, IsEmpty());
-  leavesOpen({kCardSession});
 }
 
 TEST_F(Insert, PublishesTheLongestCertificate) {
@@ -151,7 +144,6 @@ TEST_F(Insert, PublishesTheLongestCertificate) {
   script.object(kCertificate) = certificate(bytesOf("01"), bytesOf("MyKey"), der);
   EXPECT_GE(der.size(), kLongest - 8);
   EXPECT_EQ(at<PublishedCertificate>(inserted(), 0).size, der.size());
-  leavesOpen({kCardSession});
 }
 
 TEST_F(Insert, WorksAgainAndAgainAndAfterAFailure) {
@@ -161,7 +153,6 @@ TEST_F(Insert, WorksAgainAndAgainAndAfterAFailure) {
   script.failCallOf("C_FindObjectsInit", 0, CKR_DEVICE_ERROR);
   EXPECT_THAT(whyNotListed(), StartsWith("C_FindObjectsInit answered CKR_DEVICE_ERROR (0x30)"));
   EXPECT_EQ(inserted().items.size(), 2U);
-  leavesOpen(script.openSessions());
 }
 
 TEST_F(Insert, LeavesNothingBehind) {
@@ -172,7 +163,6 @@ TEST_F(Insert, LeavesNothingBehind) {
     EXPECT_TRUE(anew.insert(Text{}));
   }
   EXPECT_EQ(log.use_count(), owners);
-  leavesOpen({kCardSession});
 }
 
 TEST_F(Insert, TellsTheObserverEveryCall) {
@@ -184,7 +174,6 @@ TEST_F(Insert, TellsTheObserverEveryCall) {
                  : 0U;
   }
   EXPECT_EQ(finds, script.countOf("C_FindObjects"));
-  leavesOpen({kCardSession});
 }
 
 // ---- What goes wrong ----
@@ -219,7 +208,6 @@ TEST_F(Insert, NamesTheCallThatFailed) {
     EXPECT_THAT(whyNotListed(), StartsWith(row.why));
     EXPECT_TRUE(script.fired());
   }
-  leavesOpen(script.openSessions());
 }
 
 TEST_F(Insert, NamesTheFirstFailedCallWhenNoSessionCanBeOpened) {
@@ -242,7 +230,6 @@ TEST_F(Insert, TellsOfMoreReadersThanTheSystemTakes) {
 TEST_F(Insert, TakesACardInEachOfTenReaders) {
   for (int i = 0; i < 9; ++i) script.addSlot("Reader " + std::to_string(i), emptyCard("C", "1"));
   EXPECT_EQ(inserted().items.size(), 2U);
-  leavesOpen({kCardSession});
 }
 
 TEST_F(Insert, NamesTheObjectThatIsInTheWay) {
@@ -251,7 +238,6 @@ TEST_F(Insert, NamesTheObjectThatIsInTheWay) {
   const std::string why = whyNotListed();
   EXPECT_THAT(why, HasSubstr("certificate 3031 \"MyKey\""));
   EXPECT_THAT(why, HasSubstr("2001 bytes"));
-  leavesOpen({kCardSession});
 }
 
 TEST_F(Insert, TellsOfACardThatIsGoneInTheMeantime) {
@@ -270,7 +256,6 @@ TEST_F(Insert, AdvisesToPrepareNoCardThatIsOnlyPulled) {
               code == CKR_DEVICE_REMOVED ? FailureKind::kCardGone : FailureKind::kCardEnumerationFailed);
     EXPECT_THAT(std::string{failure.advice.words()}, Not(HasSubstr("prepare")));
   }
-  leavesOpen(script.openSessions());
 }
 
 TEST_F(Insert, DoesNotCallACardBareThatCannotBeRead) {
@@ -308,7 +293,6 @@ TEST_F(Insert, ExplainsEveryFailure) {
     }
   });
   EXPECT_EQ(script.openSessions().size(), 1U);
-  leavesOpen(script.openSessions());
 }
 
 }  // namespace

@@ -60,33 +60,35 @@ void KeyClientTest::startAnew() {
   add("04", "Agree", kKeyAgreement, false);
 
   // Raw RSA, of which the real one only checks that it may be done.
-  script.hook<&CK_FUNCTION_LIST::C_Sign>([&](auto real, CK_SESSION_HANDLE session, CK_BYTE_PTR data,
-                                             CK_ULONG dataLen, CK_BYTE_PTR out, CK_ULONG_PTR outLen) {
-    const CK_RV rv = real(session, data, dataLen, out, outLen);
-    if (rv != CKR_OK || !out) return rv;
-    Value block(key.blockSize() - dataLen, 0x00);
-    block.insert(block.end(), data, data + dataLen);
-    const Value made = key.rawPrivate(block);
-    std::copy(made.begin(), made.end(), out);
-    return made.empty() ? CKR_DATA_INVALID : CKR_OK;
-  });
+  script.hook<&CK_FUNCTION_LIST::C_Sign>(
+      [&](auto real, auto session, auto* data, auto dataLen, auto* out, auto* outLen) {
+        const CK_RV rv = real(session, data, dataLen, out, outLen);
+        if (rv != CKR_OK || !out) return rv;
+        Value block(key.blockSize() - dataLen, 0x00);
+        block.insert(block.end(), data, data + dataLen);
+        const Value made = key.rawPrivate(block);
+        std::copy(made.begin(), made.end(), out);
+        return made.empty() ? CKR_DATA_INVALID : CKR_OK;
+      });
   // The real one takes the padding away.
-  script.hook<&CK_FUNCTION_LIST::C_Decrypt>([&](auto real, CK_SESSION_HANDLE session, CK_BYTE_PTR data,
-                                                CK_ULONG dataLen, CK_BYTE_PTR out, CK_ULONG_PTR outLen) {
-    Value block = key.rawPrivate(Value(data, data + dataLen));
-    return real(session, block.data(), block.size(), out, outLen);
-  });
+  script.hook<&CK_FUNCTION_LIST::C_Decrypt>(
+      [&](auto real, auto session, auto* data, auto dataLen, auto* out, auto* outLen) {
+        Value block = key.rawPrivate(Value(data, data + dataLen));
+        return real(session, block.data(), block.size(), out, outLen);
+      });
 
-  card = inserted();
-  client = newClient();
+  insertAnew();
   script.forgetCalls();
 }
 
+void KeyClientTest::insertAnew(const Text& readerName) {
+  card = inserted(readerName);
+  client = newClient();
+}
+
 void KeyClientTest::TearDown() {
-  // What a login leaves open is the token's affair.
-  leavesOpen(script.openSessions());
   EXPECT_TRUE(script.openOperations().empty());
-  HostTest::TearDown();
+  InsertedCardTest::TearDown();
 }
 
 std::unique_ptr<KeyClient> KeyClientTest::newClient() {
@@ -107,22 +109,22 @@ const PublishedKey& KeyClientTest::published(const char16_t* objectID) const {
 }
 
 void KeyClientTest::padInTheModule() {
-  script.hook<&CK_FUNCTION_LIST::C_Sign>([&](auto real, CK_SESSION_HANDLE session, CK_BYTE_PTR data,
-                                             CK_ULONG dataLen, CK_BYTE_PTR out, CK_ULONG_PTR outLen) {
-    const CK_RV rv = real(session, data, dataLen, out, outLen);
-    if (rv != CKR_OK || !out) return rv;
-    const Value made = key.signature(Value(data, data + dataLen), nullptr, RSA_PKCS1_PADDING);
-    std::copy(made.begin(), made.end(), out);
-    return rv;
-  });
+  script.hook<&CK_FUNCTION_LIST::C_Sign>(
+      [&](auto real, auto session, auto* data, auto dataLen, auto* out, auto* outLen) {
+        const CK_RV rv = real(session, data, dataLen, out, outLen);
+        if (rv != CKR_OK || !out) return rv;
+        const Value made = key.signature(Value(data, data + dataLen), nullptr, RSA_PKCS1_PADDING);
+        std::copy(made.begin(), made.end(), out);
+        return rv;
+      });
 }
 
 void KeyClientTest::decryptRawInTheModule() {
-  script.hook<&CK_FUNCTION_LIST::C_Decrypt>([&](auto real, CK_SESSION_HANDLE session, CK_BYTE_PTR data,
-                                                CK_ULONG dataLen, CK_BYTE_PTR out, CK_ULONG_PTR outLen) {
-    script.deviations.plainText = key.rawPrivate(Value(data, data + dataLen));
-    return real(session, data, dataLen, out, outLen);
-  });
+  script.hook<&CK_FUNCTION_LIST::C_Decrypt>(
+      [&](auto real, auto session, auto* data, auto dataLen, auto* out, auto* outLen) {
+        script.deviations.plainText = key.rawPrivate(Value(data, data + dataLen));
+        return real(session, data, dataLen, out, outLen);
+      });
 }
 
 Signature KeyClientTest::signature(SecKeyAlgorithm algorithm, const Value& data, const char16_t* objectID) {

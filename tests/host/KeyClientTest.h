@@ -70,7 +70,7 @@ class GivenInput final : public InputSource {
 ///   "03" P-256, signs, label "Curve"      "04" P-256, exchanges keys, label "Agree"
 /// The two RSA keys are the same one, `key`, and the module does with it what the mechanism says. Calls up to
 /// then are forgotten.
-class KeyClientTest : public HostTest {
+class KeyClientTest : public InsertedCardTest {
  protected:
   /// The size of the RSA key.
   static constexpr unsigned kBits = 1024;
@@ -83,6 +83,9 @@ class KeyClientTest : public HostTest {
   void startAnew();
 
   [[nodiscard]] std::unique_ptr<KeyClient> newClient();
+
+  /// Takes the card as inserted anew, with a client of it.
+  void insertAnew(const Text& readerName = Text{});
 
   /// The published key with that object identifier.
   [[nodiscard]] const PublishedKey& published(const char16_t* objectID) const;

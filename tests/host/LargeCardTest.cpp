@@ -11,7 +11,7 @@ constexpr std::size_t kPairs = 160;
 constexpr std::size_t kMostInALine = 500;
 
 /// 160 keys and as many certificates, all with one ID: 51,200 items.
-class LargeCard : public HostTest {
+class LargeCard : public InsertedCardTest {
  protected:
   LargeCard() {
     script.card().objects.clear();
@@ -21,10 +21,6 @@ class LargeCard : public HostTest {
       script.addObject(rsaPublicKey(id, bytesOf("Key " + std::to_string(i)), patternValue(256, 1)));
       script.addObject(certificate(id, bytesOf("Certificate " + std::to_string(i)), der));
     }
-  }
-  void TearDown() override {
-    leavesOpen(script.openSessions());
-    HostTest::TearDown();
   }
 
   /// Runs and measures, in milliseconds.

@@ -5,13 +5,9 @@ namespace mirel::test {
 namespace {
 
 /// A card with the keys "01" (label "MyKey") and "02" (label "Second"), which may be read in part only.
-class MissingKey : public HostTest {
+class MissingKey : public InsertedCardTest {
  protected:
   MissingKey() { begin(); }
-  void TearDown() override {
-    leavesOpen(script.openSessions());
-    HostTest::TearDown();
-  }
 
   void begin() {
     setCertificate({});
@@ -27,13 +23,12 @@ class MissingKey : public HostTest {
 
 TEST_F(MissingKey, DoesNotLendItsNumberToAnother) {
   bool failed = false;
-  script.hook<&CK_FUNCTION_LIST::C_GetAttributeValue>([&](auto real, CK_SESSION_HANDLE session,
-                                                          CK_OBJECT_HANDLE object, CK_ATTRIBUTE_PTR values,
-                                                          CK_ULONG count) {
-    if (values->type != CKA_MODULUS || std::exchange(failed, true))
-      return real(session, object, values, count);
-    return CK_RV{CKR_DEVICE_ERROR};
-  });
+  script.hook<&CK_FUNCTION_LIST::C_GetAttributeValue>(
+      [&](auto real, auto session, auto object, auto* values, auto count) {
+        if (values->type != CKA_MODULUS || std::exchange(failed, true))
+          return real(session, object, values, count);
+        return CK_RV{CKR_DEVICE_ERROR};
+      });
   const InsertedCard card = inserted();
   ASSERT_EQ(keysOf(card).size(), 1U);
   for (const char* name : {"#1", "#2", "MyKey", "Second"}) {

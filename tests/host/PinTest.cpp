@@ -27,10 +27,6 @@ TEST_F(PinEntry, IsAllThereIsToALogin) {
   EXPECT_THAT(script.callTexts("C_Login"), ElementsAre(HasSubstr(", 1, 313233343536)")));
   EXPECT_THAT(pins.labels, ElementsAre("TESTCARD"));
   EXPECT_TRUE(script.card().loggedIn);
-}
-
-TEST_F(PinEntry, IsGoodForSignatures) {
-  EXPECT_TRUE(logsIn(pins));
   EXPECT_EQ(signature(kSignByPss, {}).value.size(), key.blockSize());
   EXPECT_EQ(pins.timesAsked(), 1U);
 }
@@ -216,17 +212,6 @@ TEST_F(PinEntry, PassesOnWhatIsWrongWithTheSource) {
 
 // ---- Cards and modules that do not play along ----
 
-TEST_F(PinEntry, FailsOnACardThatIsGoneBeforeIt) {
-  GivenPins given{{u"123456", u"123456"}};
-  given.whenAsked = [&] { script.pullCard(); };
-  const Failure failure = loginFailure(given);
-  EXPECT_EQ(failure.kind, FailureKind::kCardGone);
-  EXPECT_THAT(failure.what, HasSubstr("not in the reader \"Reader A 00\" any more"));
-  EXPECT_THAT(failure.why, HasSubstr("CKR_SLOT_ID_INVALID (0x3)"));
-  EXPECT_EQ(given.timesAsked(), 1U);
-  EXPECT_THAT(given.refusals, IsEmpty());
-}
-
 TEST_F(PinEntry, FailsOnACardThatGoesWithinItOrAfterIt) {
   for (const bool within : {true, false}) {
     SCOPED_TRACE(within);
@@ -249,21 +234,18 @@ TEST_F(PinEntry, FailsOnACardThatGoesWithinItOrAfterIt) {
 
 TEST_F(PinEntry, FailsWhenTheStateCannotBeRead) {
   script.hook<&CK_FUNCTION_LIST::C_GetSessionInfo>(
-      [&](auto real, CK_SESSION_HANDLE session, CK_SESSION_INFO_PTR info) {
-        return script.card().loggedIn ? CKR_DEVICE_ERROR : real(session, info);
-      });
+      [&](auto real, auto... args) { return script.card().loggedIn ? CKR_DEVICE_ERROR : real(args...); });
   const Failure failure = loginFailure(pins);
   EXPECT_EQ(failure.kind, FailureKind::kCardRefuses);
   EXPECT_THAT(failure.why, HasSubstr("CKR_DEVICE_ERROR (0x30)"));
 }
 
 TEST_F(PinEntry, FailsWhenItLeavesNoUserLoggedIn) {
-  script.hook<&CK_FUNCTION_LIST::C_GetSessionInfo>(
-      [](auto real, CK_SESSION_HANDLE session, CK_SESSION_INFO_PTR info) {
-        const CK_RV rv = real(session, info);
-        if (rv == CKR_OK) info->state = CKS_RO_PUBLIC_SESSION;
-        return rv;
-      });
+  script.hook<&CK_FUNCTION_LIST::C_GetSessionInfo>([](auto real, auto session, auto* info) {
+    const CK_RV rv = real(session, info);
+    if (rv == CKR_OK) info->state = CKS_RO_PUBLIC_SESSION;
+    return rv;
+  });
   GivenPins given{{u"123456", u"123456"}};
   const Failure failure = loginFailure(given);
   EXPECT_EQ(failure.kind, FailureKind::kCardRefuses);
@@ -279,8 +261,7 @@ TEST_F(PinEntry, TellsTheCodeOfOtherErrors) {
       {CKR_USER_TOO_MANY_TYPES, "C_Login answered CKR_USER_TOO_MANY_TYPES (0x105)"},
       {CKR_VENDOR_DEFINED | 0x123, "C_Login answered 0x80000123"},
   };
-  for (std::size_t i = 0; i < std::size(kRows); ++i) {
-    const auto& [code, why] = kRows[i];
+  for (const auto& [code, why] : kRows) {
     SCOPED_TRACE(why);
     script.failCallOf("C_Login", 0, code);
     GivenPins given{{u"123456", u"123456"}};
@@ -296,16 +277,6 @@ TEST_F(PinEntry, TellsTheCodeOfASessionThatCannotBeOpened) {
   const Failure failure = loginFailure(pins);
   EXPECT_EQ(failure.kind, FailureKind::kCardRefuses);
   EXPECT_THAT(failure.why, StartsWith("C_OpenSession answered CKR_SESSION_COUNT (0xB1)"));
-}
-
-TEST_F(PinEntry, IsGoodForOneClientAlone) {
-  EXPECT_TRUE(logsIn(pins));
-  const auto other = newClient();
-  GivenPins none;
-  GivenInput input{{Value{1}}};
-  const Failure failure = failureOf(other->sign(published(u"01"), kSignByPss, input, none));
-  EXPECT_EQ(failure.kind, FailureKind::kCancelled);
-  EXPECT_EQ(none.timesAsked(), 1U);
 }
 
 // ---- Where the PIN goes ----

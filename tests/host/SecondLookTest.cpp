@@ -8,13 +8,8 @@ namespace {
 using Names = std::set<std::pair<std::string, std::string>>;
 
 /// A card with a published pair ("MyKey") and objects of every kind that are not published.
-class SecondLook : public HostTest {
+class SecondLook : public InsertedCardTest {
  protected:
-  void TearDown() override {
-    leavesOpen(script.openSessions());
-    HostTest::TearDown();
-  }
-
   void makeCard() {
     setCertificate({});
     addKeyAndCertificate(bytesOf("02"), bytesOf("Second"), {});

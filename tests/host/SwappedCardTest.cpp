@@ -140,7 +140,7 @@ TEST_F(SwappedCard, EndsTheTokenForAllItsClients) {
 
 TEST_F(SwappedCard, IsNotTakenForTheOneThatWasChosenWhileItIsInserted) {
   int calls = 0;
-  script.hook<&CK_FUNCTION_LIST::C_GetTokenInfo>([&](auto real, CK_SLOT_ID slot, CK_TOKEN_INFO_PTR info) {
+  script.hook<&CK_FUNCTION_LIST::C_GetTokenInfo>([&](auto real, auto slot, auto* info) {
     if (++calls == 2) swap();
     return real(slot, info);
   });
@@ -151,16 +151,25 @@ TEST_F(SwappedCard, IsNotTakenForTheOneThatWasChosenWhileItIsInserted) {
 
 TEST_F(SwappedCard, IsGoneWhileThePinIsEntered) {
   pins.whenAsked = [&] { script.pullCard(); };
-  expectGone(loginFailure());
+  const Failure failure = loginFailure();
+  expectGone(failure);
+  EXPECT_THAT(failure.why, HasSubstr("CKR_SLOT_ID_INVALID (0x3)"));
+  EXPECT_EQ(pins.timesAsked(), 1U);
+  EXPECT_THAT(pins.refusals, IsEmpty());
   EXPECT_THAT(secretCalls(), IsEmpty());
 }
 
-TEST_F(SwappedCard, IsGoneBeforeASignature) {
+TEST_F(SwappedCard, IsGoneBeforeARequest) {
   EXPECT_TRUE(client->logIn(pins));
   script.forgetCalls();
   script.pullCard();
-  expectGone(signFailure());
-  expectGone(signFailure());
+  // After a listing that failed, the card is not even asked any more.
+  for (int attempt = 1; attempt <= 2; ++attempt) {
+    SCOPED_TRACE(attempt);
+    expectGone(signFailure());
+    expectGone(decryptFailure(kDecryptPkcs1, key.encrypted(kMessage, RSA_PKCS1_PADDING)));
+  }
+  EXPECT_EQ(pins.timesAsked(), 1U);
   EXPECT_THAT(secretCalls(), IsEmpty());
 }
 
@@ -197,13 +206,12 @@ TEST_F(SwappedCard, IsANewOneWhenItWasTakenOutAndPutBack) {
 TEST_F(SwappedCard, CanBeInsertedAnewWhenItWasTakenOutAndPutBack) {
   takeOutAndPutBack();
   EXPECT_EQ(loginFailure().kind, FailureKind::kCardGone);
-  card = inserted();
-  client = newClient();
+  insertAnew();
   EXPECT_TRUE(client->logIn(pins));
 }
 
 TEST_F(SwappedCard, EndsForAClientThatLookedJustBeforeAnotherOneFoundOut) {
-  script.hook<&CK_FUNCTION_LIST::C_GetTokenInfo>([&](auto real, CK_SLOT_ID slot, CK_TOKEN_INFO_PTR info) {
+  script.hook<&CK_FUNCTION_LIST::C_GetTokenInfo>([&](auto real, auto slot, auto* info) {
     card.watch->learnFrom({FailureKind::kCardGone, "the card is gone", "another client saw it", "run again"});
     return real(slot, info);
   });
@@ -217,8 +225,7 @@ TEST_F(SwappedCard, EndsForAClientThatLookedJustBeforeAnotherOneFoundOut) {
 
 TEST_F(SwappedCard, IsNotACardThatCouldNotBeReadWhenTheReadersWereListed) {
   script.failCallOf("C_GetTokenInfo", 0, CKR_DEVICE_ERROR);
-  card = inserted(Text{u"Reader A 00"});
-  client = newClient();
+  insertAnew(Text{u"Reader A 00"});
   EXPECT_TRUE(client->logIn(pins));
   swap();
   expectAnotherCard(signFailure());
@@ -226,9 +233,8 @@ TEST_F(SwappedCard, IsNotACardThatCouldNotBeReadWhenTheReadersWereListed) {
 
 TEST_F(SwappedCard, IsNotACardThatIsReadAtTheSecondTime) {
   script.failCallOf("C_GetTokenInfo", 0, CKR_DEVICE_REMOVED);
-  card = inserted(Text{u"Reader A 00"});
+  insertAnew(Text{u"Reader A 00"});
   EXPECT_FALSE(card.reader.unreadable);
-  client = newClient();
   EXPECT_TRUE(client->logIn(pins));
 }
 
@@ -236,23 +242,20 @@ TEST_F(SwappedCard, IsNotSeenInAnotherReaderWhileItsOwnCannotBeRead) {
   Card other = script.card();
   setField(other.info.serialNumber, "0000000000000002");
   script.addSlot("Reader A 00 and more", other);
-  card = inserted(Text{u"Reader A 00"});
-  client = newClient();
-  script.hook<&CK_FUNCTION_LIST::C_GetSlotInfo>([&](auto real, CK_SLOT_ID slot, CK_SLOT_INFO_PTR info) {
+  insertAnew(Text{u"Reader A 00"});
+  script.hook<&CK_FUNCTION_LIST::C_GetSlotInfo>([&](auto real, auto slot, auto* info) {
     return slot == card.reader.slotID ? CKR_DEVICE_ERROR : real(slot, info);
   });
   const Failure failure = loginFailure();
   EXPECT_EQ(failure.kind, FailureKind::kCardRefuses);
   EXPECT_THAT(failure.why, HasSubstr("C_GetSlotInfo answered CKR_DEVICE_ERROR (0x30)"));
-  script.hook<&CK_FUNCTION_LIST::C_GetSlotInfo>(
-      [&](auto real, CK_SLOT_ID slot, CK_SLOT_INFO_PTR info) { return real(slot, info); });
+  script.hook<&CK_FUNCTION_LIST::C_GetSlotInfo>([](auto real, auto... args) { return real(args...); });
   EXPECT_TRUE(client->logIn(pins));
 }
 
 TEST_F(SwappedCard, IsNotEveryTokenWithoutARandomNumberGenerator) {
   script.card().info.flags &= ~static_cast<CK_FLAGS>(CKF_RNG);
-  card = inserted();
-  client = newClient();
+  insertAnew();
   EXPECT_TRUE(client->logIn(pins));
   EXPECT_FALSE(signature(kSignByPss, kMessage).fault);
   swap();
@@ -261,8 +264,7 @@ TEST_F(SwappedCard, IsNotEveryTokenWithoutARandomNumberGenerator) {
 
 TEST_F(SwappedCard, IsNotEveryReaderWithANameBeyondAscii) {
   setField(script.slot().info.slotDescription, "L\xE4ser");
-  card = inserted();
-  client = newClient();
+  insertAnew();
   EXPECT_TRUE(client->logIn(pins));
   takeOutAndPutBack();
   EXPECT_EQ(loginFailure().kind, FailureKind::kCardGone);
