@@ -57,16 +57,11 @@ SoftwareKey::SoftwareKey(EVP_PKEY* key) : key_{key, &EVP_PKEY_free} {
   require(key != nullptr, "making a key");
 }
 
-const SoftwareKey& SoftwareKey::rsa(unsigned bits) {
-  static std::map<unsigned, SoftwareKey> keys;
-  const auto found = keys.find(bits);
-  return found != keys.end() ? found->second : keys.emplace(bits, keptRsaKey(bits, "software")).first->second;
-}
-
-const SoftwareKey& SoftwareKey::otherRsa(unsigned bits) {
-  static std::map<unsigned, SoftwareKey> keys;
-  const auto found = keys.find(bits);
-  return found != keys.end() ? found->second : keys.emplace(bits, keptRsaKey(bits, "other")).first->second;
+const SoftwareKey& SoftwareKey::rsa(unsigned bits, const char* name) {
+  static std::map<std::pair<unsigned, std::string>, SoftwareKey> keys;
+  const auto found = keys.find({bits, name});
+  return found != keys.end() ? found->second
+                             : keys.emplace(std::pair{bits, name}, keptRsaKey(bits, name)).first->second;
 }
 
 const SoftwareKey& SoftwareKey::ec(const char* curve) {

@@ -15,10 +15,8 @@ namespace mirel::test {
 /// Every operation throws when OpenSSL fails in a way that no input explains.
 class SoftwareKey {
  public:
-  /// One RSA key of each size for the whole process, made when first used.
-  [[nodiscard]] static const SoftwareKey& rsa(unsigned bits);
-  /// Another one of the same size.
-  [[nodiscard]] static const SoftwareKey& otherRsa(unsigned bits);
+  /// One RSA key of each size and name for the whole process, made when first used.
+  [[nodiscard]] static const SoftwareKey& rsa(unsigned bits, const char* name = "software");
   /// One key on each curve ("P-256"), in the same way.
   [[nodiscard]] static const SoftwareKey& ec(const char* curve);
 

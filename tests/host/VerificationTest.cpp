@@ -160,7 +160,7 @@ TEST(VerifyEcSignature, AcceptsAGoodSignatureAlone) {
 TEST_F(VerifySignature, RefusesAnotherKeyAlgorithmOrSalt) {
   EXPECT_EQ(refusal(kSecKeyAlgorithmRSASignatureMessagePKCS1v15SHA256), kDoesNotVerify);
   EXPECT_EQ(refusal(kSecKeyAlgorithmRSASignatureMessagePSSSHA384), kDoesNotVerify);
-  signature = signatureBy(SoftwareKey::otherRsa(kBits), kPss);
+  signature = signatureBy(SoftwareKey::rsa(kBits, "other"), kPss);
   EXPECT_EQ(refusal(), kDoesNotVerify);
   signature = signatureBy(key, {kPss.algorithm, kPss.hash, kPss.padding, 20});
   EXPECT_EQ(refusal(), kDoesNotVerify);
