@@ -6,12 +6,8 @@
 namespace mirel::test {
 namespace {
 
-using ::testing::AllOf;
 using ::testing::Contains;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 using ::testing::MatchesRegex;
-using ::testing::SizeIs;
 
 // ---- Contents ----
 
