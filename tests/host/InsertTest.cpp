@@ -106,15 +106,6 @@ TEST_F(Insert, PublishesInTheOrderOfTheCard) {
   EXPECT_EQ(at<PublishedKey>(card, 5).objectID, Text{u"02"});
 }
 
-TEST_F(Insert, KeepsEveryByteOfIdentifiers) {
-  script.card().objects.clear();
-  addKeyAndCertificate({0x00, 0x01, 0xFF}, {0x0A}, {});
-  const auto key = at<PublishedKey>(inserted(), 1);
-  using namespace std::string_view_literals;
-  EXPECT_EQ(key.objectID.units(), u"\0\u0001\u00FF"sv);
-  EXPECT_EQ(key.certificateID.units(), u"cert_\u000A_\0\u0001\u00FF"sv);
-}
-
 TEST_F(Insert, PublishesTheCertificateAloneWhoseKeyIsOfAnUnknownKind) {
   setCertificate({.key = TestKey::kEd25519});
   const InsertedCard card = inserted();
@@ -122,28 +113,9 @@ TEST_F(Insert, PublishesTheCertificateAloneWhoseKeyIsOfAnUnknownKind) {
   EXPECT_EQ(at<PublishedCertificate>(card, 0).objectID, Text{u"cert_MyKey_01"});
 }
 
-TEST_F(Insert, PassesOverACertificateThatIsNone) {
-  script.addObject(ecPublicKey(bytesOf("02"), bytesOf("Broken"), p256Params(), p256Point(1)));
-  script.addObject(certificate(bytesOf("02"), bytesOf("Broken"), patternValue(300, 1)));
-  EXPECT_EQ(inserted().items.size(), 2U);
-}
-
 TEST_F(Insert, PublishesNothingOfAnEmptyCard) {
   script.card().objects.clear();
   EXPECT_THAT(inserted().items, IsEmpty());
-}
-
-TEST_F(Insert, PublishesTheLongestCertificate) {
-  constexpr std::size_t kLongest = 2000;  // bytes
-  const std::size_t bare = testCertificate({.padding = 1000}).size() - 1000;
-  // The signature of an EC key is a byte longer now and then, so the size is not known beforehand.
-  Value der;
-  for (std::size_t padding = kLongest - bare + 8; der.empty() || der.size() > kLongest; --padding) {
-    der = testCertificate({.padding = padding});
-  }
-  script.object(kCertificate) = certificate(bytesOf("01"), bytesOf("MyKey"), der);
-  EXPECT_GE(der.size(), kLongest - 8);
-  EXPECT_EQ(at<PublishedCertificate>(inserted(), 0).size, der.size());
 }
 
 TEST_F(Insert, WorksAgainAndAgainAndAfterAFailure) {
