@@ -6,10 +6,7 @@
 namespace mirel::test {
 namespace {
 
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-
-class UnpublishedObjects : public HostTest {
+class UnpublishedObjects : public InsertedCardTest {
  protected:
   /// What is left out of the card in the first reader.
   [[nodiscard]] std::vector<UnpublishedObject> unpublished() {
@@ -36,42 +33,37 @@ class UnpublishedObjects : public HostTest {
 
 // ---- What is left out ----
 
-TEST_F(UnpublishedObjects, AreNoneOnAGoodCard) { EXPECT_THAT(unpublished(), IsEmpty()); }
-
-TEST_F(UnpublishedObjects, AreNoneOnAnEmptyCard) {
+TEST_F(UnpublishedObjects, AreNoneOnAGoodCardAndOnAnEmptyOne) {
+  EXPECT_THAT(unpublished(), IsEmpty());
   script.card().objects.clear();
   EXPECT_THAT(unpublished(), IsEmpty());
 }
 
-TEST_F(UnpublishedObjects, AreCertificatesWithoutAKey) {
-  script.addObject(certificate({0x00, 0xFF}, bytesOf("Lonely"), testCertificate({})));
-  const UnpublishedObject object = theUnpublished();
-  EXPECT_EQ(object.kind, "certificate");
-  EXPECT_EQ(object.label, Text{u"Lonely"});
+TEST_F(UnpublishedObjects, AreCertificatesAndKeysWithoutTheOther) {
   using namespace std::string_view_literals;
-  EXPECT_EQ(object.id.units(), u"\0\u00FF"sv);
-  EXPECT_THAT(object.reason, HasSubstr("key"));
-  EXPECT_FALSE(object.blocksCard);
-}
-
-TEST_F(UnpublishedObjects, AreKeysWithoutACertificate) {
-  script.addObject(ecPublicKey(bytesOf("02"), bytesOf("Lonely"), p256Params(), p256Point(1)));
-  const UnpublishedObject object = theUnpublished();
-  EXPECT_EQ(object.kind, "public key");
-  EXPECT_EQ(object.label, Text{u"Lonely"});
-  EXPECT_EQ(object.id, Text{u"02"});
-  EXPECT_THAT(object.reason, HasSubstr("certificate"));
-  EXPECT_FALSE(object.blocksCard);
-}
-
-TEST_F(UnpublishedObjects, AreCertificatesThatAreNone) {
-  Object& object = script.object(kCertificate);
-  object = object.with(CKA_VALUE, patternValue(300, 1));
-  const auto objects = unpublished();
-  const bool told = std::any_of(objects.begin(), objects.end(), [](const UnpublishedObject& candidate) {
-    return candidate.kind == "certificate" && candidate.reason.find("X.509") != std::string::npos;
-  });
-  EXPECT_TRUE(told);
+  const struct {
+    Object object;
+    const char* kind;
+    std::u16string_view id;
+    const char* missing;
+  } rows[] = {
+      {certificate({0x00, 0xFF}, bytesOf("Lonely"), testCertificate({})), "certificate", u"\0\u00FF"sv,
+       "key"},
+      {ecPublicKey(bytesOf("02"), bytesOf("Lonely"), p256Params(), p256Point(1)), "public key", u"02"sv,
+       "certificate"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.kind);
+    script.reset();
+    setCertificate({});
+    script.addObject(row.object);
+    const UnpublishedObject object = theUnpublished();
+    EXPECT_EQ(object.kind, row.kind);
+    EXPECT_EQ(object.label, Text{u"Lonely"});
+    EXPECT_EQ(object.id.units(), row.id);
+    EXPECT_THAT(object.reason, HasSubstr(row.missing));
+    EXPECT_FALSE(object.blocksCard);
+  }
 }
 
 TEST_F(UnpublishedObjects, AreKeysOfAKindThatTheKeychainDoesNotKnow) {
@@ -79,7 +71,7 @@ TEST_F(UnpublishedObjects, AreKeysOfAKindThatTheKeychainDoesNotKnow) {
   EXPECT_THAT(theUnpublished().reason, HasSubstr("kind"));
 }
 
-TEST_F(UnpublishedObjects, AreKeysWhoseOnlyCertificateCannotBeRead) {
+TEST_F(UnpublishedObjects, AreACertificateThatIsNoneAndItsKey) {
   Object& object = script.object(kCertificate);
   object = object.with(CKA_VALUE, patternValue(300, 1));
   const auto objects = unpublished();
@@ -89,6 +81,7 @@ TEST_F(UnpublishedObjects, AreKeysWhoseOnlyCertificateCannotBeRead) {
   EXPECT_EQ(objects.front().reason, "no certificate with its ID can be read");
   EXPECT_FALSE(objects.front().blocksCard);
   EXPECT_EQ(objects.back().kind, "certificate");
+  EXPECT_THAT(objects.back().reason, HasSubstr("X.509"));
 }
 
 TEST_F(UnpublishedObjects, AreNoKeysWithOneCertificateThatCanBeRead) {
@@ -101,129 +94,67 @@ TEST_F(UnpublishedObjects, AreNoKeysWithOneCertificateThatCanBeRead) {
 
 // ---- What keeps the whole card from being published ----
 
-/// A change to the card that has a key (kPublicKey) and its certificate (kCertificate).
-struct Change {
+using Change = std::function<void(Script&)>;
+
+Change with(CK_OBJECT_HANDLE handle, CK_ATTRIBUTE_TYPE type, const Value& value) {
+  return [=](Script& script) { script.object(handle) = script.object(handle).with(type, value); };
+}
+/// An ID for both, so that they still belong together.
+Change withBothIds(std::size_t size) {
+  return [=](Script& script) {
+    for (const CK_OBJECT_HANDLE handle : {kPublicKey, kCertificate})
+      with(handle, CKA_ID, Value(size, 1))(script);
+  };
+}
+
+/// A change to the card that has a key and its certificate.
+struct ChangedCard {
   const char* name;
-  std::function<void(Script&)> make;
+  Change make;
   bool blocks;
 };
 
-void change(Script& script, CK_OBJECT_HANDLE handle, CK_ATTRIBUTE_TYPE type, Value value) {
-  Object& object = script.object(handle);
-  object = object.with(type, std::move(value));
-}
-void remove(Script& script, CK_OBJECT_HANDLE handle, CK_ATTRIBUTE_TYPE type) {
-  Object& object = script.object(handle);
-  object = object.without(type);
-}
-/// An ID for both, so that they still belong together.
-void setBothIds(Script& script, const Value& id) {
-  change(script, kPublicKey, CKA_ID, id);
-  change(script, kCertificate, CKA_ID, id);
-}
-void makeEcKey(Script& script, std::size_t pointSize) {
-  script.object(kPublicKey) =
-      ecPublicKey(bytesOf("01"), bytesOf("MyKey"), p256Params(), patternValue(pointSize, 4));
-}
-
-const Change kChanges[] = {
+/// What the tests of the rules of cards do not have, which go through all limits.
+const ChangedCard kChangedCards[] = {
     {"nothing", [](Script&) {}, false},
-    // Labels and IDs.
-    {"key: no label", [](Script& s) { remove(s, kPublicKey, CKA_LABEL); }, true},
-    {"key: empty label", [](Script& s) { change(s, kPublicKey, CKA_LABEL, {}); }, true},
-    {"key: label of 2000", [](Script& s) { change(s, kPublicKey, CKA_LABEL, Value(2000, 'x')); }, false},
-    {"key: label of 2001", [](Script& s) { change(s, kPublicKey, CKA_LABEL, Value(2001, 'x')); }, true},
-    {"key: no ID", [](Script& s) { remove(s, kPublicKey, CKA_ID); }, true},
-    {"key: empty ID", [](Script& s) { change(s, kPublicKey, CKA_ID, {}); }, true},
-    {"key: ID of 2001", [](Script& s) { change(s, kPublicKey, CKA_ID, Value(2001, 'x')); }, true},
-    {"key: no type", [](Script& s) { remove(s, kPublicKey, CKA_KEY_TYPE); }, true},
-    {"key: type of one byte", [](Script& s) { change(s, kPublicKey, CKA_KEY_TYPE, {0}); }, false},
-    {"certificate: no label", [](Script& s) { remove(s, kCertificate, CKA_LABEL); }, true},
-    {"certificate: empty label", [](Script& s) { change(s, kCertificate, CKA_LABEL, {}); }, true},
-    {"certificate: label of 256", [](Script& s) { change(s, kCertificate, CKA_LABEL, Value(256, 'x')); },
-     false},
-    {"certificate: label of 257", [](Script& s) { change(s, kCertificate, CKA_LABEL, Value(257, 'x')); },
-     true},
-    {"certificate: no ID", [](Script& s) { remove(s, kCertificate, CKA_ID); }, true},
-    {"certificate: empty ID", [](Script& s) { change(s, kCertificate, CKA_ID, {}); }, true},
-    {"IDs of 256", [](Script& s) { setBothIds(s, Value(256, 'x')); }, false},
-    {"IDs of 257", [](Script& s) { setBothIds(s, Value(257, 'x')); }, true},
-    {"certificate: sensitive label", [](Script& s) { s.object(kCertificate).sensitive.insert(CKA_LABEL); },
-     true},
-    // Certificates.
-    {"certificate: no value", [](Script& s) { remove(s, kCertificate, CKA_VALUE); }, true},
-    {"certificate: empty value", [](Script& s) { change(s, kCertificate, CKA_VALUE, {}); }, true},
-    {"certificate: value of 2000", [](Script& s) { change(s, kCertificate, CKA_VALUE, Value(2000, 'x')); },
-     false},
-    {"certificate: value of 2001", [](Script& s) { change(s, kCertificate, CKA_VALUE, Value(2001, 'x')); },
-     true},
-    // RSA keys.
-    {"RSA: no modulus", [](Script& s) { remove(s, kPublicKey, CKA_MODULUS); }, false},
-    {"RSA: empty modulus", [](Script& s) { change(s, kPublicKey, CKA_MODULUS, {}); }, false},
-    {"RSA: modulus of 639", [](Script& s) { change(s, kPublicKey, CKA_MODULUS, Value(639, 1)); }, false},
-    {"RSA: modulus of 640", [](Script& s) { change(s, kPublicKey, CKA_MODULUS, Value(640, 1)); }, true},
-    {"RSA: modulus of 2000", [](Script& s) { change(s, kPublicKey, CKA_MODULUS, Value(2000, 1)); }, true},
-    {"RSA: modulus of 2001", [](Script& s) { change(s, kPublicKey, CKA_MODULUS, Value(2001, 1)); }, true},
-    // EC keys.
-    {"EC: point of 200", [](Script& s) { makeEcKey(s, 200); }, false},
-    {"EC: point of 201", [](Script& s) { makeEcKey(s, 201); }, false},
-    {"EC: point of 520", [](Script& s) { makeEcKey(s, 520); }, false},
-    {"EC: point of 521", [](Script& s) { makeEcKey(s, 521); }, true},
-    {"EC: point of 2001", [](Script& s) { makeEcKey(s, 2001); }, true},
-    {"EC: no point",
-     [](Script& s) {
-       makeEcKey(s, 67);
-       remove(s, kPublicKey, CKA_EC_POINT);
+    {"key: type of one byte", with(kPublicKey, CKA_KEY_TYPE, Value{0}), false},
+    {"key: of another kind, which has no value that is read",
+     with(kPublicKey, CKA_KEY_TYPE, ulongValue(CKK_DSA)), false},
+    {"key: EC without parameters",
+     [](Script& script) {
+       script.object(kPublicKey) =
+           ecPublicKey(bytesOf("01"), bytesOf("MyKey"), p256Params(), p256Point(1)).without(CKA_EC_PARAMS);
      },
      false},
-    {"EC: no parameters",
-     [](Script& s) {
-       makeEcKey(s, 67);
-       remove(s, kPublicKey, CKA_EC_PARAMS);
-     },
-     false},
-    {"EC: point of 521, no parameters",
-     [](Script& s) {
-       makeEcKey(s, 521);
-       remove(s, kPublicKey, CKA_EC_PARAMS);
-     },
-     false},
-    // Keys of other kinds have no value that is read.
-    {"DSA key", [](Script& s) { change(s, kPublicKey, CKA_KEY_TYPE, ulongValue(CKK_DSA)); }, false},
+    {"key: modulus that no key has room for", with(kPublicKey, CKA_MODULUS, Value(2001, 1)), true},
+    {"certificate: sensitive label",
+     [](Script& script) { script.object(kCertificate).sensitive.insert(CKA_LABEL); }, true},
+    {"both: IDs of 256", withBothIds(256), false},
+    {"both: IDs of 257", withBothIds(257), true},
 };
 
-TEST_F(UnpublishedObjects, TellWhichObjectBlocksTheCard) {
-  for (const Change& row : kChanges) {
+TEST_F(UnpublishedObjects, BlockTheCardWhereTheInsertionFails) {
+  for (const ChangedCard& row : kChangedCards) {
     SCOPED_TRACE(row.name);
     script.reset();
     setCertificate({});
     row.make(script);
     const auto objects = unpublished();
-    const auto blocking = std::count_if(objects.begin(), objects.end(),
-                                        [](const UnpublishedObject& object) { return object.blocksCard; });
-    EXPECT_EQ(blocking > 0, row.blocks);
-  }
-}
-
-TEST_F(UnpublishedObjects, BlockTheCardWhereTheInsertionFails) {
-  for (const Change& row : kChanges) {
-    SCOPED_TRACE(row.name);
-    script.reset();
-    setCertificate({});
-    row.make(script);
+    EXPECT_EQ(std::any_of(objects.begin(), objects.end(),
+                          [](const UnpublishedObject& object) { return object.blocksCard; }),
+              row.blocks);
     const auto outcome = host.insert(Text{});
     EXPECT_EQ(!outcome, row.blocks);
     if (!row.blocks) continue;
     const Failure failure = failureOf(outcome);
     EXPECT_EQ(failure.kind, FailureKind::kCardEnumerationFailed);
-    EXPECT_THAT(failure.why, ::testing::AnyOf(HasSubstr("certificate"), HasSubstr("public key")));
+    EXPECT_THAT(failure.why, AnyOf(HasSubstr("certificate"), HasSubstr("public key")));
   }
-  leavesOpen(script.openSessions());
 }
 
 TEST_F(UnpublishedObjects, HaveNoLabelOrIdThatCannotBeRead) {
-  remove(script, kCertificate, CKA_LABEL);
-  change(script, kCertificate, CKA_ID, {});
+  Object& changed = script.object(kCertificate);
+  changed = changed.without(CKA_LABEL).with(CKA_ID, Value{});
   const auto objects = unpublished();
   const auto certificate = std::find_if(objects.begin(), objects.end(), [](const UnpublishedObject& object) {
     return object.kind == "certificate";
@@ -236,16 +167,10 @@ TEST_F(UnpublishedObjects, HaveNoLabelOrIdThatCannotBeRead) {
 
 // ---- Cards and modules that do not play along ----
 
-TEST_F(UnpublishedObjects, AreNoneBeforeTheModuleIsLoaded) {
-  EXPECT_THAT(host.unpublishedObjects(Reader{}), IsEmpty());
-}
-
-TEST_F(UnpublishedObjects, AreNoneWithoutASession) {
+TEST_F(UnpublishedObjects, AreNoneWhereTheCardCannotBeAsked) {
+  EXPECT_THAT(host.unpublishedObjects(Reader{}), IsEmpty()) << "the module is not loaded";
   script.failCallOf("C_OpenSession", 0, CKR_SESSION_COUNT);
   EXPECT_THAT(unpublished(), IsEmpty());
-}
-
-TEST_F(UnpublishedObjects, AreNoneOnACardThatIsGone) {
   const auto found = readers();
   ASSERT_EQ(found.size(), 1U);
   script.pullCard();
