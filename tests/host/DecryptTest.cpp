@@ -117,6 +117,9 @@ TEST_F(Decrypt, RefusesCryptogramsOfAnotherSizeBeforeThePin) {
 
 TEST_F(Decrypt, TellsWhichSizeIsWanted) {
   EXPECT_EQ(decryptFailure(kDecryptPkcs1, Value(7)).why, "they have 7 bytes, a block for this key has 128");
+  EXPECT_EQ(decryptFailure(kDecryptPkcs1, Value(65536)).why,
+            "they have 65536 bytes, a block for this key has 128");
+  EXPECT_EQ(decryptFailure(kDecryptPkcs1, Value(65537)).why, "there are more than 65536 bytes of them");
 }
 
 // ---- Decryptions that fail in the card ----
