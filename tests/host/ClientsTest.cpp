@@ -52,18 +52,22 @@ constexpr Flags kFlags[] = {
     {CKF_SO_PIN_COUNT_LOW | CKF_SO_PIN_FINAL_TRY | CKF_SO_PIN_LOCKED, "", Tries::kNoWord},
 };
 
-class PinState : public Clients {};
+class PinState : public Clients {
+ protected:
+  /// As the reader says it that is the only one.
+  [[nodiscard]] Result<mirel::PinState> state() { return host.pinState(reader); }
+
+  const Reader reader = readers().at(0);
+};
 
 TEST_F(PinState, IsWhatTheTokensFlagsSay) {
-  const auto found = readers();
-  ASSERT_EQ(found.size(), 1U);
   const CK_FLAGS before = script.card().info.flags;
   for (const Flags& row : kFlags) {
     SCOPED_TRACE(row.set);
     script.card().info.flags = before | row.set;
-    EXPECT_EQ(host.pinState(found.front())->text, row.state);
-    EXPECT_EQ(host.pinState(found.front())->tries, row.tries);
-    EXPECT_FALSE(host.pinState(found.front())->enteredAtReader);
+    EXPECT_EQ(state()->text, row.state);
+    EXPECT_EQ(state()->tries, row.tries);
+    EXPECT_FALSE(state()->enteredAtReader);
   }
 }
 
@@ -78,32 +82,29 @@ TEST_F(PinState, IsThatOfTheReader) {
 }
 
 TEST_F(PinState, IsReadAnewEachTime) {
-  const auto found = readers();
-  ASSERT_EQ(found.size(), 1U);
-  EXPECT_EQ(host.pinState(found.front())->text, "");
+  EXPECT_EQ(state()->text, "");
   script.card().triesLeft = 1;
-  EXPECT_EQ(host.pinState(found.front())->text, "one more wrong PIN locks the card");
+  EXPECT_EQ(state()->text, "one more wrong PIN locks the card");
 }
 
 TEST_F(PinState, IsUnknownWhenTheTokenCannotBeRead) {
-  const auto found = readers();
-  ASSERT_EQ(found.size(), 1U);
   script.card().triesLeft = 0;
   script.failCallOf("C_GetTokenInfo", 0, CKR_DEVICE_ERROR);
-  const auto unknown = host.pinState(found.front());
+  const auto unknown = state();
   EXPECT_EQ(failureOf(unknown).why, "C_GetTokenInfo answered CKR_DEVICE_ERROR (0x30)");
-  EXPECT_EQ(host.pinState(found.front())->text, "the PIN is locked");
+  EXPECT_EQ(state()->text, "the PIN is locked");
   script.pullCard();
-  EXPECT_EQ(failureOf(host.pinState(found.front())).kind, FailureKind::kCardGone);
+  EXPECT_EQ(failureOf(state()).kind, FailureKind::kCardGone);
 }
 
-TEST_F(PinState, IsUnknownBeforeTheModuleIsLoaded) { EXPECT_FALSE(host.pinState(Reader{})); }
+TEST_F(PinState, IsUnknownBeforeTheModuleIsLoaded) {
+  Host unused{services()};
+  EXPECT_FALSE(unused.pinState(reader));
+}
 
 TEST_F(PinState, TellsOfAPinThatIsEnteredAtTheReader) {
-  const auto found = readers();
-  ASSERT_EQ(found.size(), 1U);
   script.card().info.flags |= CKF_PROTECTED_AUTHENTICATION_PATH;
-  EXPECT_TRUE(host.pinState(found.front())->enteredAtReader);
+  EXPECT_TRUE(state()->enteredAtReader);
 }
 
 }  // namespace
