@@ -56,15 +56,6 @@ TEST_F(ModuleFailure, InStartingIsToldByTheNameThatTheUserGaveTheModule) {
   EXPECT_THAT(failure.what, AllOf(HasSubstr("./my module.so"), Not(HasSubstr(home.home()))));
 }
 
-TEST_F(ModuleFailure, AUserWithoutAHomeIsExplained) {
-  PlatformServices mine = services();
-  mine.user = std::make_shared<FakeUserDirectory>("", "");
-  Host homeless{mine};
-  const Failure failure = failureOf(homeless.readers());
-  EXPECT_EQ(failure.kind, FailureKind::kModuleNotLoadable);
-  EXPECT_THAT(failure.what, HasSubstr("home folder"));
-}
-
 TEST_F(ModuleFailure, AHomeWithALineEndIsToldInOneLine) {
   PlatformServices mine = services();
   mine.user = userWithHome(user, "/no/such\nhome");

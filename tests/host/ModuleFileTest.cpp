@@ -81,7 +81,9 @@ TEST_F(ModuleFile, IsTheOneInTheHomeWhenNoneIsNamed) {
   mine.user = std::make_shared<FakeUserDirectory>("", "");
   ASSERT_TRUE(chooseModule(mine, {std::nullopt, true}));
   Host homeless{mine};
-  EXPECT_THAT(failureOf(homeless.readers()).what, HasSubstr("home folder"));
+  const Failure failure = failureOf(homeless.readers());
+  EXPECT_EQ(failure.kind, FailureKind::kModuleNotLoadable);
+  EXPECT_THAT(failure.what, HasSubstr("home folder"));
 }
 
 TEST_F(ModuleFile, WithoutASlashIsInTheWorkingFolder) {
