@@ -74,21 +74,15 @@ std::string variable(const char* name) {
   return value ? value : "";
 }
 
-void readAnswers() {
-  std::istringstream words{variable("MIREL_STAGED_ANSWERS")};
+/// Takes the numbers of that variable, function by function.
+template <typename Take>
+void readNumbers(const char* name, const Take& take) {
+  std::istringstream words{variable(name)};
   for (std::string word; words >> word;) {
     const std::size_t equals = word.find('=');
-    std::istringstream codes{word.substr(equals + 1)};
-    std::vector<CK_RV>& answers = stages()[word.substr(0, equals)].answers;
-    for (std::string code; std::getline(codes, code, ',');) answers.push_back(std::stoul(code, nullptr, 16));
-  }
-}
-
-void readLengths() {
-  std::istringstream words{variable("MIREL_STAGED_LENGTHS")};
-  for (std::string word; words >> word;) {
-    const std::size_t equals = word.find('=');
-    stages()[word.substr(0, equals)].length = std::stoul(word.substr(equals + 1), nullptr, 16);
+    std::istringstream numbers{word.substr(equals + 1)};
+    for (std::string number; std::getline(numbers, number, ',');)
+      take(stages()[word.substr(0, equals)], std::stoul(number, nullptr, 16));
   }
 }
 
@@ -212,8 +206,8 @@ extern "C" __attribute__((visibility("default"))) CK_RV C_GetFunctionList(CK_FUN
     if (waitpid(child, &status, 0) != child || status != 0) return CKR_FUNCTION_FAILED;
   }
   real = found;
-  readAnswers();
-  readLengths();
+  readNumbers("MIREL_STAGED_ANSWERS", [](Stage& stage, CK_RV answer) { stage.answers.push_back(answer); });
+  readNumbers("MIREL_STAGED_LENGTHS", [](Stage& stage, CK_ULONG length) { stage.length = length; });
   if (!variable("MIREL_STAGED_TRACEABLE").empty()) (void)prctl(PR_SET_DUMPABLE, 1, 0, 0, 0);
   if (const std::string file = variable("MIREL_STAGED_EXIT_FILE"); !file.empty()) {
     std::thread{[file] {
