@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <optional>
-#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -30,7 +29,7 @@ struct Event {
   Event(BridgeOperation ended, std::uint64_t code)
       : name{operationName(ended)}, operation{ended}, result{code} {}
 
-  std::string name;
+  const char* name;
   std::optional<BridgeOperation> operation;
   std::uint64_t result;
 };
@@ -42,16 +41,10 @@ class Diary : public ::testing::Test {
       if (operation) {
         diary->operationReturned(*operation, result);
       } else {
-        diary->callStarts(kept(name));
-        diary->callReturned(kept(name), result);
+        diary->callStarts(name);
+        diary->callReturned(name, result);
       }
     }
-  }
-
-  /// What the calls are named lives as long as the program.
-  [[nodiscard]] static const char* kept(const std::string& name) {
-    static std::set<std::string> names;
-    return names.insert(name).first->c_str();
   }
 
   const std::shared_ptr<RecordingObserver> next = std::make_shared<RecordingObserver>();
@@ -63,39 +56,33 @@ TEST_F(Diary, KeepsTheFirstFailureAndWhatItComesFrom) {
   const struct {
     const char* what;
     std::vector<Event> events;
-    int operation = -1;  ///< which of them is the operation that failed
-    int call = -1;       ///< and which the call that made it fail
+    std::pair<int, int> failed{-1, -1};  ///< which of them is the operation that failed, and which its call
     std::optional<std::string> reason{};
   } rows[] = {
       {"nothing has happened", {}},
       {"the operation fails with its call",
        {{"C_GetTokenInfo", kDeviceError}, {pkcs11_GetTokenInfo, kDeviceError}},
-       1,
-       0,
+       {1, 0},
        "C_GetTokenInfo answered CKR_DEVICE_ERROR (0x30)"},
       {"operations within each other",
        {{"C_GetSlotList", kDeviceError},
         {pkcs11_C_GetSlotList, kDeviceError},
         {pkcs11_FindSlot, kDeviceError}},
-       1,
-       0,
+       {1, 0},
        "C_GetSlotList answered CKR_DEVICE_ERROR (0x30)"},
       {"the bridge itself is not content",
        {{"C_GetAttributeValue", kOk}, {pkcs11_getObjsAttriValue, 0x13}},
-       1,
-       -1,
+       {1, -1},
        "pkcs11_getObjsAttriValue ended with CKR_ATTRIBUTE_VALUE_INVALID (0x13)"},
       {"a call whose failure did not matter",
        {{"C_OpenSession", kSessionCount}, {"C_GetTokenInfo", kOk}, {pkcs11_GetTokenInfo, kFunctionFailed}},
-       2,
-       -1,
+       {2, -1},
        "pkcs11_GetTokenInfo ended with CKR_FUNCTION_FAILED (0x6)"},
       {"the code of a second read",
        {{"C_GetAttributeValue", kOk},
         {"C_GetAttributeValue", kDeviceError},
         {pkcs11_getObjsAttriValue, kReadAgain | kDeviceError}},
-       2,
-       1,
+       {2, 1},
        "C_GetAttributeValue answered CKR_DEVICE_ERROR (0x30)"},
       {"an operation that succeeds later",
        {{"C_GetTokenInfo", kDeviceError}, {pkcs11_GetTokenInfo, kDeviceError}, {pkcs11_FindSlot, kOk}}},
@@ -106,27 +93,25 @@ TEST_F(Diary, KeepsTheFirstFailureAndWhatItComesFrom) {
         {pkcs11_OpenReadOnlySession, kSessionCount},
         {"C_FindObjectsInit", kSessionHandleInvalid},
         {pkcs11_FindObjects, kSessionHandleInvalid}},
-       1,
-       0,
+       {1, 0},
        "C_OpenSession answered CKR_SESSION_COUNT (0xB1)"},
       {"a code that the standard does not know",
        {{"C_Login", 0x80001234}, {pkcs11_UserLogin, 0x80001234}},
-       1,
-       0,
+       {1, 0},
        "C_Login answered 0x80001234"},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.what);
     diary->clear();
     tell(row.events);
-    const auto expectEvent = [&](const std::optional<FailedCall>& kept, int number) {
-      ASSERT_EQ(kept.has_value(), number >= 0);
-      if (!kept) return;
-      EXPECT_EQ(kept->name, row.events[static_cast<std::size_t>(number)].name);
-      EXPECT_EQ(kept->result, row.events[static_cast<std::size_t>(number)].result);
+    const auto expectEvent = [&](const std::optional<FailedCall>& told, int number) {
+      ASSERT_EQ(told.has_value(), number >= 0);
+      if (!told) return;
+      EXPECT_EQ(told->name, row.events[static_cast<std::size_t>(number)].name);
+      EXPECT_EQ(told->result, row.events[static_cast<std::size_t>(number)].result);
     };
-    expectEvent(diary->failedOperation(), row.operation);
-    expectEvent(diary->failedCall(), row.call);
+    expectEvent(diary->failedOperation(), row.failed.first);
+    expectEvent(diary->failedCall(), row.failed.second);
     EXPECT_EQ(diary->reason(), row.reason);
   }
 }
