@@ -1,5 +1,3 @@
-#include <gmock/gmock.h>
-
 #include <algorithm>
 #include <array>
 
@@ -7,11 +5,6 @@
 
 namespace mirel::test {
 namespace {
-
-using ::testing::ContainsRegex;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::SizeIs;
 
 class Items : public EndToEndTest {
  protected:
@@ -180,18 +173,9 @@ TEST_F(Items, GiveAKeyTheFirstAbilityThatItsCertificateAllows) {
     const char* operation = "";
     bool forLogin = false;
   } rows[] = {
-      {"digitalSignature", "canSign", "2", true},
       {"digitalSignature,nonRepudiation", "canSign", "2", true},
-      {"digitalSignature,keyEncipherment", "canSign", "2", true},
-      {"digitalSignature,keyAgreement", "canSign", "2", true},
-      {"keyEncipherment", "canDecrypt", "3", true},
-      {"keyEncipherment,dataEncipherment", "canDecrypt", "3", true},
       {"keyEncipherment,keyAgreement", "canDecrypt", "3", true},
-      {"keyAgreement", "canPerformKeyExchange", "4"},
-      {"keyAgreement,encipherOnly", "canPerformKeyExchange", "4"},
       {"keyAgreement,decipherOnly", "canPerformKeyExchange", "4"},
-      {"nonRepudiation"},
-      {"dataEncipherment"},
       {"keyCertSign,cRLSign"},
       {""},
   };
@@ -341,15 +325,10 @@ TEST_F(Items, FailAsAWholeForOneObjectThatCannotBeListed) {
   const std::string longText(257, 'L');
   const std::pair<std::string, std::vector<std::string>> rows[] = {
       {"certificate type=rsa2048 id=0x0102 label=Big size=2001", {"certificate \"Big\"", "2001", "2000"}},
-      {"certificate type=rsa2048 id=0x0102 label=Big size=70000", {"certificate \"Big\"", "70000", "2000"}},
       {"certificate type=p256 id=0x0102 label=0x", {"certificate with ID 0102", "label is empty"}},
-      {"certificate type=p256 id=0x label=Nameless", {"certificate \"Nameless\"", "ID is empty"}},
       {"certificate id=0x0102 label=Nothing value=0x", {"certificate \"Nothing\"", "value is empty"}},
-      {"certificate type=p256 id=0x0102 label=" + longText, {"certificate", "257", "256"}},
       {"certificate type=p256 label=Long id=" + longText, {"certificate \"Long\"", "257", "256"}},
-      {"public type=rsa2048 id=0x0102 label=0x", {"public key with ID 0102", "label is empty"}},
       {"public type=rsa2048 id=0x label=Nameless", {"public key \"Nameless\"", "ID is empty"}},
-      {"public type=p256 id=0x0102 label=" + std::string(2001, 'L'), {"public key", "2001", "2000"}},
   };
   for (const auto& [object, words] : rows) {
     SCOPED_TRACE(object.substr(0, 60));
@@ -387,7 +366,7 @@ TEST_F(Items, StandInATableForPeopleWithWhatIsNotPublishedAndWhy) {
   EXPECT_THAT(rest, ContainsRegex("\npublic key +Orphan +3033 +no certificate on the card has its ID\n"));
   EXPECT_THAT(rest,
               ContainsRegex("\ncertificate +Torn +3034 +its value is not an X.509 certificate in DER\n"));
-  EXPECT_THAT(rest, ::testing::Not(HasSubstr("3041")));
+  EXPECT_THAT(rest, Not(HasSubstr("3041")));
 }
 
 }  // namespace
