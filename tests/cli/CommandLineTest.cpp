@@ -1,5 +1,3 @@
-#include <gmock/gmock.h>
-
 #include <algorithm>
 
 #include "EndToEndTest.h"
@@ -7,12 +5,6 @@
 
 namespace mirel::test {
 namespace {
-
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::MatchesRegex;
-using ::testing::Not;
-using ::testing::StartsWith;
 
 constexpr std::array kCommands{"readers", "items", "certificate", "algorithms",
                                "login",   "sign",  "decrypt",     "exchange"};
@@ -99,7 +91,7 @@ Options:
   expectSuccess(result);
   EXPECT_EQ(result.out.substr(0, result.out.find("\nExamples:\n")), kProgramHelp);
   EXPECT_EQ(result.out.find("\n\n\n"), std::string::npos);
-  EXPECT_THAT(result.out, Not(::testing::EndsWith("\n\n")));
+  EXPECT_THAT(result.out, Not(EndsWith("\n\n")));
   expectOutput(runAlone("readers --help"), kReadersHelp);
   expectOutput(runAlone("--json sign -h"), kSignHelp);
   expectOutput(runAlone("help"), result.out);
@@ -114,13 +106,13 @@ TEST_F(CommandLine, HelpHasAnExampleOfEachCommandAndEveryExitCodeOnce) {
   ASSERT_NE(codes, std::string::npos);
   const std::string example = help.substr(examples, codes - examples);
   for (const std::string command : kCommands)
-    EXPECT_THAT(example, ::testing::ContainsRegex("\n  mireltoken (--module [^ ]+ )?" + command)) << command;
+    EXPECT_THAT(example, ContainsRegex("\n  mireltoken (--module [^ ]+ )?" + command)) << command;
   EXPECT_THAT(example, HasSubstr(" --module "));
   EXPECT_THAT(example, HasSubstr(" --json"));
   int last = -1;
   for (const std::string& line : linesOf(help.substr(codes + std::string_view{"Exit codes:\n"}.size()))) {
     if (line.empty()) break;
-    EXPECT_THAT(line, ::testing::MatchesRegex("  [0-9 ][0-9]  [^ ].*| +[0-9]+  [^ ].*"));
+    EXPECT_THAT(line, MatchesRegex("  [0-9 ][0-9]  [^ ].*| +[0-9]+  [^ ].*"));
     EXPECT_GT(std::stoi(line), last) << line;
     last = std::stoi(line);
   }

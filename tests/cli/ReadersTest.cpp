@@ -1,14 +1,9 @@
-#include <gmock/gmock.h>
-
 #include <algorithm>
 
 #include "EndToEndTest.h"
 
 namespace mirel::test {
 namespace {
-
-using ::testing::HasSubstr;
-using ::testing::SizeIs;
 
 constexpr unsigned long kTokenInitialised = 0x400;  // CKF_TOKEN_INITIALIZED
 const std::string kStart = "SoftHSM slot ID 0x";
@@ -94,7 +89,7 @@ TEST_F(Readers, AreListedForPeopleWithTheirFlagsSpelledOut) {
   const Result result = mireltoken("readers");
   expectSuccess(result);
   const std::size_t width = std::max(reader.size(), freeReader().size());
-  EXPECT_THAT(result.out, ::testing::StartsWith("READER"));
+  EXPECT_THAT(result.out, StartsWith("READER"));
   EXPECT_THAT(result.out, HasSubstr("TOKEN LABEL  SERIAL NUMBER     FLAGS\n"));
   EXPECT_THAT(
       result.out,
