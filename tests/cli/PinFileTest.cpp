@@ -1,5 +1,6 @@
 /// The PIN from a file or a descriptor, and what the flags of the card say about trying it.
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -215,6 +216,15 @@ TEST_F(PinDescriptor, MayBeStandardInputThatHoldsNoData) {
           {command + " --key 01 --pin-fd 0 --out " + path("out") + in, 2, {"--pin-fd 0", "standard input"}});
   }
   expectFailures(rows);
+}
+
+TEST_F(PinDescriptor, MustBeNoTerminal) {
+  const PseudoTerminal terminal;
+  Invocation call = staged("login --pin-fd " + std::to_string(kDescriptor));
+  call.descriptors[kDescriptor] = open(terminal.name().c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
+  expectFailure(run(call), 2, {"file descriptor 41 is a terminal, which would show the PIN"});
+  (void)close(call.descriptors[kDescriptor]);
+  EXPECT_FALSE(exists("calls"));
 }
 
 TEST_F(PinDescriptor, MustBeOpen) {
