@@ -94,7 +94,7 @@ TEST_F(Signing, OfABlockIsTheRsaOperationItself) {
     const std::string block = blockOfSize(std::stoul(bits) / 8);
     const Result result = runWithPin(signBy("RSASignatureRaw", bits), block);
     expectSigned(result);
-    EXPECT_THAT(result.err, HasSubstr("verifies"));
+    EXPECT_THAT(result.err, HasSubstr("by kSecKeyAlgorithmRSASignatureRaw; the signature verifies"));
     EXPECT_EQ(blockOf("rsa" + bits, read("out")), block);
   }
 }
