@@ -90,20 +90,14 @@ TEST_F(Decryption, OfAWrongPaddingNeverGivesTheBlock) {
 }
 
 TEST_F(Decryption, IsRefusedForDataOfTheWrongSize) {
-  std::vector<FailingRun> rows{
+  expectFailures({
       {"decrypt --key 1024",
        2,
-       {"they have 256 bytes, a block for this key has 128"},
+       {"the data do not fit the algorithm", "they have 256 bytes, a block for this key has 128"},
        encrypted("rsa2048", "pkcs1", kPlain)},
-      {"decrypt --key 2048", 2, {"there are more than 65536 bytes of them"}, std::string(65537, 'x')}};
-  for (const std::size_t size : {0U, 255U, 257U, 512U}) {
-    rows.push_back({"decrypt --key 2048",
-                    2,
-                    {"the data do not fit the algorithm",
-                     "they have " + std::to_string(size) + " bytes, a block for this key has 256"},
-                    std::string(size, 'x')});
-  }
-  expectFailures(rows);
+      {"decrypt --key 2048", 2, {"they have 0 bytes, a block for this key has 256"}, ""},
+      {"decrypt --key 2048", 2, {"there are more than 65536 bytes of them"}, std::string(65537, 'x')},
+  });
 }
 
 TEST_F(Decryption, IsRefusedWhereTheKeyOrTheAlgorithmDoesNot) {
