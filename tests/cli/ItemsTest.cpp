@@ -268,27 +268,6 @@ TEST_F(Items, KeepEveryByteOfAnIdentifierInJsonAndShowPeopleHexadecimalDigits) {
     EXPECT_THAT(json.out, HasSubstr(std::string{"\"objectID\": \"cert_Certificate_"} + id + "\","));
 }
 
-TEST_F(Items, KeepTheBytesOfALabel) {
-  const std::string longest(256, 'L');
-  const std::string longestID(256, '\x01');
-  const struct {
-    const char* name;
-    std::string id;
-    std::string label;
-    std::string expected;
-  } rows[] = {
-      {"NUL", "01", "0x410042", std::string{"cert_A\0B_01", 11}},
-      {"no UTF-8", "01", "0xC328FF", characters("cert_\xC3\x28\xFF_01")},
-      {"as long as may be", "0x" + hexOfBytes(longestID), longest, "cert_" + longest + "_" + longestID},
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.name);
-    EXPECT_THAT(identifiersOf("public type=p256 label=0x00 id=" + row.id +
-                              "\ncertificate type=p256 label=" + row.label + " id=" + row.id + "\n"),
-                ElementsAre(row.expected, row.id == "01" ? "01" : longestID));
-  }
-}
-
 TEST_F(Items, ShowALabelInUtf8) {
   makeCards(
       "token label=Gr\xC3\xBCn\npublic type=p256 id=0x01 label=K\n"
