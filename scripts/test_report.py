@@ -33,6 +33,13 @@ def skipped_tests(output):
     return re.findall(r"Test *#\d+: (.*) \.*\*\*\*Skipped", output)
 
 
+def reason_of(test, results):
+    """Why a test was skipped, in brackets, when it has printed "skipped: " and the reason."""
+    printed = re.search(rf"^\d+/\d+ Testing: {re.escape(test)}\n(.*?)<end of output>", results, re.MULTILINE | re.DOTALL)
+    reason = printed and re.search(r"^skipped: (.*)$", printed[1], re.MULTILINE)
+    return f" ({reason[1]})" if reason else ""
+
+
 def skipped_within_programs(results, output):
     """The single tests that were skipped and that ctest does not name: it ran their program as one test."""
     skipped = re.findall(r"^\[  SKIPPED \] (.*) \(\d+ ms\)$", results, re.MULTILINE)
@@ -76,7 +83,7 @@ def report(what, junit, results, output):
     lines.append(f"{what}: {passed} passed, {failures} failed, {skips} skipped")
     if ended > tests:
         lines.append(f"some are whole programs; in all there were {ended} single tests")
-    lines += [f"skipped: {name}" for name in [*within, *skipped_tests(output)]]
+    lines += [f"skipped: {name}{reason_of(name, results)}" for name in [*within, *skipped_tests(output)]]
     if failures:
         lines += failure_lines(output)
     return lines, (passed, failures + lost, skips)

@@ -313,6 +313,15 @@ def suite(tests, failures=0, disabled=0, skipped=0):
 
 PROGRAM = "[==========] Running 3 tests from 1 test suite.\n[       OK ] A.B (1 ms)\n[  SKIPPED ] A.C (0 ms)\n"
 COMPLETE = PROGRAM + "[       OK ] A.D (20 ms)\n"
+SKIPPED_TEST = """\
+1/2 Testing: other
+skipped: of another test
+<end of output>
+2/2 Testing: pack (a)
+Output:
+skipped: there is no card
+<end of output>
+"""
 FAILED_TEST = "x\n1: f.cpp:3: Failure\n1: why\nThe following tests FAILED:\n\t  1 - bridge_tests:A.D (Failed)\n"
 
 # What ctest left behind: its counts, what the tests and what ctest itself printed; what is printed of it, and counted.
@@ -323,6 +332,8 @@ REPORT_ROWS = [
     ("all passed", (suite(3), "", ""), ["T: 3 passed, 0 failed, 0 skipped"], "3 0 0"),
     ("some did not run", (suite(5, disabled=1, skipped=1), "", " 2/5 Test  #2: a:A.C ....***Skipped   0.01 sec\n"),
      ["T: 3 passed, 0 failed, 2 skipped", "skipped: a:A.C"], "3 0 2"),
+    ("why it did not run", (suite(2, skipped=1), SKIPPED_TEST, "2/2 Test #2: pack (a) ....***Skipped 0 sec\n"),
+     ["T: 1 passed, 0 failed, 1 skipped", "skipped: pack (a) (there is no card)"], "1 0 1"),
     ("a whole program", (suite(1), COMPLETE, "1/1 Test #1: bridge_tests: all of them ... Passed\n"),
      ["T: 1 passed, 0 failed, 1 skipped", "some are whole programs; in all there were 3 single tests", "skipped: A.C"],
      "1 0 1"),
