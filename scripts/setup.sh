@@ -8,6 +8,11 @@ build_packages="g++ cmake ninja-build libssl-dev libcli11-dev nlohmann-json3-dev
 card_packages="softhsm2 openssl opensc"
 test_packages="libgtest-dev libgmock-dev libp11-kit-dev clang dbus python3 python3-jsonschema libgnustep-base-dev"
 
+# For tests of real readers, where they are offered. The driver of virtual readers is unpacked and not installed: the
+# machine's own service would offer its readers, and take cards for them from the network.
+reader_packages="pcscd"
+unpacked_packages="vsmartcard-vpcd"
+
 # The one version of clang-format and clang-tidy that counts: each other wants other lines and finds other things.
 checking_version=14
 
@@ -69,6 +74,25 @@ install_offered() {
     esac
   done
   install_missing $offered
+}
+
+# unpack_offered <folder> <Debian packages>...: those that are neither installed nor below the folder yet, and that this
+# system's package sources have, each into a folder of its name. Nothing on the system changes.
+unpack_offered() {
+  into=$1; shift
+  command -v apt-cache >/dev/null || return 0
+  for package in "$@"; do
+    [ ! -d "$into/$package" ] || continue
+    [ "$(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null)" != installed ] || continue
+    case "$(apt-cache policy "$package" 2>/dev/null)" in *"Candidate: (none)"*|"") continue ;; esac
+    say "Unpacking into $into: $package"
+    fetched=$(mktemp -d)
+    if ! { (cd "$fetched" && apt-get download "$package") && mkdir -p "$into" &&
+           dpkg-deb -x "$fetched/${package}"_*.deb "$fetched/unpacked" && mv "$fetched/unpacked" "$into/$package"; } >/dev/null 2>&1; then
+      say "$package could not be had"
+    fi
+    rm -rf "$fetched"
+  done
 }
 
 # softhsm_module: prints the path of SoftHSM2's module.

@@ -6,10 +6,10 @@ import pathlib
 import shutil
 import sys
 
-from BundleFilesSupport import Checks, arguments, run, temporary_folder
+from BundleFilesSupport import Checks, arguments, files_below, run, temporary_folder
 
 # All that the scripts may take for granted.
-BARE = """awk cat chmod cp date dirname env find getconf grep head id ls mkdir mktemp nice rm sed sh sleep sort tail touch
+BARE = """awk cat chmod cp date dirname env find getconf grep head id ls mkdir mktemp mv nice rm sed sh sleep sort tail touch
 tr uname wc xargs""".split()
 
 SOURCES = ["bridge/src/One.cpp", "cli/Two.cpp", "bridge/src/One.h", "token/macos/Three.mm"]
@@ -19,7 +19,8 @@ TIDIED = ["bridge/src/One.cpp", "cli/Two.cpp"]
 NOTES = '#!/bin/sh\n(IFS="\t"; printf "%s\\n" "${0##*/}\t$*") >>"$CALLS"\n'
 STAND_INS = {
     "cmake": "",
-    "apt-get": "",
+    "apt-get": '[ "$1" != download ] || : >"$2_1_all.deb"\n',
+    "dpkg-deb": 'mkdir "$3" && : >"$3/driver"\n',
     "g++": "",
     "clang++": "",
     "clang++-19": "",
@@ -43,6 +44,7 @@ mkdir -p "build/$preset/Testing/Temporary"
 """,
 }
 CHECKING = ["clang-format-14", "clang-tidy-14"]
+DRIVER = "vsmartcard-vpcd"
 REFUSING_GIT = "#!/bin/sh\necho 'fatal: detected dubious ownership' >&2\nexit 128\n"
 # Knows the tag and the files that were changed since a commit.
 GIT = NOTES + f"""\
@@ -178,8 +180,21 @@ def check_other_version(checks, machine):
 
 
 def check_offered(checks, machine):
-    _, _, calls = machine.check(OFFERED=" ".join(CHECKING), MISSING=" ".join(CHECKING))
-    checks.equal("the checking version, where there is one", [words[-2:] for words in installs(calls)], [CHECKING])
+    offered = [*CHECKING, "pcscd"]
+    _, _, calls = machine.check(OFFERED=" ".join(offered), MISSING=" ".join(offered))
+    checks.equal("the checking version and the service of the readers, where there are", [words[-3:] for words in installs(calls)],
+                 [offered])
+
+
+def check_unpacked(checks, machine):
+    for what, variables, downloads in (
+        ("installed", {"OFFERED": DRIVER}, 0),
+        ("offered", {"OFFERED": DRIVER, "MISSING": DRIVER}, 1),
+        ("unpacked already", {"OFFERED": DRIVER, "MISSING": DRIVER}, 0),
+    ):
+        _, shown, calls = machine.check("bridge", **variables)
+        checks.equal(f"{what}: {shown}", called(calls, "apt-get"), [["apt-get", "download", DRIVER]] * downloads)
+    checks.equal("what is there", files_below(machine.tree / "build/unpacked"), [f"{DRIVER}/driver"])
 
 
 def check_without_git(checks, machine, what):
@@ -381,6 +396,7 @@ def main():
         check_no_clang(checks, machine)
         check_other_version(checks, machine)
         check_offered(checks, machine)
+        check_unpacked(checks, machine)
         machine.add(*CHECKING)
         check_without_git(checks, machine, "without git")
         machine.add("git", text=REFUSING_GIT)
