@@ -249,21 +249,25 @@ class Readers(PivTest):
     def test_ends_when_a_card_that_fell_silent_is_taken_out(self):
         card = self.card()
         stack.insert(card)
-        card.expect(mute_from=10)
+        card.expect(mute_from=3)
 
         def take_out():
-            until("the card is asked", lambda: len(card.asked) == 10)
+            until("the card is asked", lambda: len(card.asked) == 3)
             card.remove()
 
         self.expect("card that falls silent and is taken out", "items", during=take_out)
 
-    def test_no_service_and_no_reader(self):
+    def test_no_service(self):
         stack.stop()
+        self.addCleanup(stack.start)
         self.expect("no service", "items")
-        stack.start(readers=False)
-        self.expect("no reader", "items")
+
+    def test_no_reader(self):
         stack.stop()
-        stack.start()
+        self.addCleanup(stack.start)
+        stack.start(readers=False)
+        self.addCleanup(stack.stop)
+        self.expect("no reader", "items")
 
 
 class TakenOut(PivTest):
@@ -325,9 +329,8 @@ def main():
     global given, stack
     enter_namespaces()
     parser = argparse.ArgumentParser()
-    parser.add_argument("--mireltoken", required=True)
-    for name in ("--keys", "--unpacked"):
-        parser.add_argument(name, type=pathlib.Path, required=True)
+    for name in ("--mireltoken", "--keys", "--unpacked"):
+        parser.add_argument(name, type=lambda path: pathlib.Path(path).resolve(), required=True)
     parser.add_argument("--first", type=int, default=0)
     parser.add_argument("--every", type=int, default=1)
     given, rest = parser.parse_known_args()
