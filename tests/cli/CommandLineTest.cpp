@@ -1,4 +1,6 @@
 #include <algorithm>
+#include <array>
+#include <cstdint>
 
 #include "EndToEndTest.h"
 #include "cardmaker/SoftHsm.h"

@@ -180,6 +180,14 @@ TEST_F(Signing, IsRefusedForDataOfTheWrongSize) {
   });
 }
 
+// An algorithm for RSA would be refused because of the key's type.
+TEST_F(Signing, IsByAnAlgorithmForTheTypeOfTheKeyWhereNoneIsNamed) {
+  const Result result = runWithPin("sign --key 256 --out " + path("out"), kMessage);
+  EXPECT_NE(result.exitCode, 0);
+  EXPECT_THAT(result.err, ::testing::Not(HasSubstr("the key is no RSA key")));
+  expectSigned(runWithPin("sign --key 2048 --out " + path("out"), kMessage));
+}
+
 // The card layer answers with zeros when the card fails, and with what it has when the length is wrong.
 TEST_F(Signing, OfAFailingCardIsNeverWritten) {
   const std::vector<std::string> deviceError{"C_Sign answered CKR_DEVICE_ERROR (0x30)",
