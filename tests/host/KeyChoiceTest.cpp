@@ -83,8 +83,9 @@ TEST_F(KeyChoice, FindsAnIDInHexadecimalDigits) {
 TEST_F(KeyChoice, RefusesWhatIsNoWholeID) {
   using namespace std::string_view_literals;
   add({Text{u"\0\x17"sv}, Text{u"one"}});
+  add({Text{u"\0\x17\x20"sv}, Text{u"two"}});
   for (const char* name : {"17", "017", "00", "001700", "0x", "00:1", "00:17:", ":0017", "0:017", "00 17",
-                           "0017 ", "00-17", "0x0x0017", "00:1x"})
+                           "0017 ", "00-17", "0x0x0017", "00:1x", "00:17-20"})
     (void)refused(name);
 }
 
@@ -235,6 +236,13 @@ TEST_F(KeyChoice, RefusesAUriThatFitsSeveralKeys) {
   add({Text{u"\x01"}, Text{u"one"}});
   add({Text{u"\x02"}, Text{u"two"}});
   EXPECT_EQ(refused("pkcs11:type=private").why, "the URI fits several keys: #1 01 (one), #2 02 (two)");
+}
+
+TEST_F(KeyChoice, TakesTheFirstOfTheKeysWithTheIDOfAUri) {
+  add({Text{u"\x01"}, Text{u"old"}});
+  add({Text{u"\x01"}, Text{u"new"}});
+  EXPECT_EQ(chooseKey(card, "pkcs11:id=%01")->certificate.objectID, Text{u"cert_old_\x01"});
+  EXPECT_EQ(chooseKey(card, "pkcs11:id=%01;object=new")->certificate.objectID, Text{u"cert_new_\x01"});
 }
 
 TEST_F(KeyChoice, NeverShowsThePinOfAUri) {
