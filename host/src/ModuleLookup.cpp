@@ -13,7 +13,7 @@
 
 #include "ModuleTrust.h"
 #include "NameList.h"
-#include "host/Home.h"
+#include "host/NearestName.h"
 #include "platform/Environment.h"
 #include "platform/Log.h"
 
@@ -112,7 +112,8 @@ Failure unknownModule(const std::string& name, const ModuleFolders& folders) {
   for (const std::string& known : names) {
     if (list.takesMore()) list.add(shortened(known));
   }
-  std::string why = "there is no such file in the working folder, and no module of that name is configured";
+  std::string why = "there is no such file in the working folder, and no module of that name is configured" +
+                    suggestionFor(name, {names.begin(), names.end()});
   if (!names.empty()) why.append("; there are: ").append(list.textOf(names.size()));
   return refusal(name, why, "give the module's path, or a name that is configured");
 }

@@ -79,6 +79,7 @@ TEST_F(ModuleLookup, NamesTheModulesThatAreConfigured) {
   configure("user", ".hidden", "module: h.so");
   std::ofstream{path("user/other.conf")} << "module: c.so";
   EXPECT_THAT(fileOf("card"), ::testing::EndsWith("; there are: a-card, b.1"));
+  EXPECT_THAT(fileOf("a-crad"), HasSubstr(" (did you mean \"a-card\"?); there are: "));
   EXPECT_THAT(fileOf(".hidden"), HasSubstr("no module of that name"));
 }
 
