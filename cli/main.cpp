@@ -12,9 +12,10 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
-#include "Command.h"
 #include "CommandLineLog.h"
+#include "Commands.h"
 #include "ExitCode.h"
 #include "FirstStart.h"
 #include "Json.h"
@@ -30,6 +31,7 @@
 #include "host/KeyChoice.h"
 #include "host/ModuleFile.h"
 #include "host/ModuleLookup.h"
+#include "host/NearestName.h"
 #include "platform/Desktop.h"
 #include "platform/MemoryDumps.h"
 #include "platform/PlatformServices.h"
@@ -129,9 +131,11 @@ Result<void> checkUsage(const Options& options) {
 }
 
 Result<ExitCode> printHelp(const CLI::App& app, const Options& options) {
-  const auto text = helpTextOn(app, options.helpOn.value_or(""));
-  if (!text) return wrongUsage("there is no command \"" + *options.helpOn + "\"");
-  return print(*text);
+  const std::string name = options.helpOn.value_or("");
+  if (const auto text = helpTextOn(app, name)) return print(*text);
+  std::vector<std::string> names;
+  for (const Command* command : allCommands()) names.emplace_back(command->name);
+  return wrongUsage("there is no command \"" + name + "\"" + suggestionFor(name, names));
 }
 
 Result<ExitCode> parseAndRun(int argc, char** argv) {

@@ -142,6 +142,7 @@ TEST_F(CommandLine, WordsItsRefusalsLikeThis) {
   const std::pair<Arguments, const char*> rows[] = {
       {"-v", "a subcommand is required"},
       {"help cards", "there is no command \"cards\""},
+      {"help decript", "there is no command \"decript\" (did you mean \"decrypt\"?)"},
       {"help sign items", "there is no \"items\""},
       {"cards", "there is no \"cards\""},
       {"readers items", "there is no \"items\""},
