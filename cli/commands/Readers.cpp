@@ -50,16 +50,13 @@ std::string tableText(const std::vector<Reader>& readers) {
 Result<void> run(Session& session) {
   const auto readers = session.readers();
   if (!readers) return readers.failure();
-  if (session.options().json) {
-    if (auto written = writeOutput(jsonText(*readers)); !written) return written;
-  }
   if (readers->empty()) {
     const auto [failure, onlyMissing] = session.whyNoCard("there is no card to show");
     if (!onlyMissing) return failure;
     writeMessage(failureLine(failure));
-    return {};
   }
-  if (session.options().json) return {};
+  if (session.options().json) return writeOutput(jsonText(*readers));
+  if (readers->empty()) return {};
   return writeOutput(tableText(*readers));
 }
 
