@@ -95,7 +95,7 @@ Result<std::optional<std::string>> configuredFile(const std::string& name, const
                                                   bool trusted) {
   if (!isModuleName(name)) return std::optional<std::string>{};
   for (const std::string& folder : folders.configurations) {
-    const auto traced = traceFile(folder + "/" + name + std::string{kEnding});
+    const auto traced = traceFile((fs::path{folder} / name).concat(kEnding).string());
     if (!traced) continue;
     if (traced->exposure && !trusted)
       return refusal(name, *traced->exposure, UserStep::kRestrictOrTrustModule);
