@@ -140,8 +140,8 @@ std::vector<Operation> objects() {
       {"C_GetAttributeValue(5, 24, [CKA_EC_PARAMS room 10, CKA_EC_POINT room 67])"},
       {"C_GetAttributeValue(5, 24, [CKA_EC_PARAMS room 10, CKA_EC_POINT room 67])", Failing::kMarked},
       {"C_GetAttributeValue(5, 24, [CKA_EC_PARAMS room 10, CKA_EC_POINT room 67])", Failing::kMarked}};
-  const Calls label = {{"C_GetAttributeValue(5, 23, [CKA_LABEL room 5])"},
-                       {"C_GetAttributeValue(5, 23, [CKA_LABEL room 5])", Failing::kMarked}};
+  const Calls readingTheLabel = {{"C_GetAttributeValue(5, 23, [CKA_LABEL room 5])"},
+                                 {"C_GetAttributeValue(5, 23, [CKA_LABEL room 5])", Failing::kMarked}};
   const Calls certificateSearch =
       search("CKA_CLASS=0100000000000000, CKA_LABEL=4D794B6579", CKR_FUNCTION_FAILED);
   const auto byLabelBare = [](P11Bridge& b) {
@@ -164,7 +164,7 @@ std::vector<Operation> objects() {
          CK_ATTRIBUTE label{CKA_LABEL, room, sizeof room};
          return b.bridge.pkcs11_getObjsAttriValue(5, kCertificate, &label, 1, 1, 5);
        },
-       label, 0, [](P11Bridge& b) { return b.pkcs11_getObjsAttriValue(0, 0, nullptr, 3, 1, 0); }},
+       readingTheLabel, 0, [](P11Bridge& b) { return b.pkcs11_getObjsAttriValue(0, 0, nullptr, 3, 1, 0); }},
       {"GetRSAKeyModulus", "pkcs11_getRSAKeyModulus",
        [](Bench& b) { return b.bridge.pkcs11_getRSAKeyModulus(5, 22, b.output.data(), &b.length); }, kModulus,
        1, [](P11Bridge& b) { return b.pkcs11_getRSAKeyModulus(0, 0, nullptr, nullptr); }},
