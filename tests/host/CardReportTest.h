@@ -44,7 +44,7 @@ class CardReportTest : public HostTest {
   [[nodiscard]] CardReport reportAfterLogin();
 
   [[nodiscard]] static const SoftwareKey& rsa() { return SoftwareKey::rsa(1024); }
-  [[nodiscard]] static const SoftwareKey& otherRsa() { return SoftwareKey::otherRsa(1024); }
+  [[nodiscard]] static const SoftwareKey& otherRsa() { return SoftwareKey::rsa(1024, "other"); }
 };
 
 /// The only finding of that kind; several or none fail the test.

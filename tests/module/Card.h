@@ -75,6 +75,8 @@ struct Card {
   CK_TOKEN_INFO info{};
   std::string pin = "123456";
   unsigned triesLeft = 3;
+  /// Whether private objects can be seen only after the user's login, as on most cards.
+  bool privateObjectsNeedLogin = true;
   bool loggedIn = false;
   /// In the order in which searches find them.
   std::map<CK_OBJECT_HANDLE, Object> objects;

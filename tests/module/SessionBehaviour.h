@@ -31,7 +31,9 @@ inline CK_RV findSlot(CK_SLOT_ID id, Slot*& outSlot) {
 }
 
 /// Private objects can be seen only after the user's login.
-inline bool isVisible(const Card& card, const Object& object) { return card.loggedIn || !object.isPrivate(); }
+inline bool isVisible(const Card& card, const Object& object) {
+  return !card.privateObjectsNeedLogin || card.loggedIn || !object.isPrivate();
+}
 
 inline bool matches(const Object& object, const CK_ATTRIBUTE& wanted) {
   const auto found = object.attributes.find(wanted.type);
