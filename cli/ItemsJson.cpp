@@ -57,6 +57,14 @@ Json jsonOf(const PublishedCertificate& item) {
   return json;
 }
 
+/// What they say in full stands among those of the card.
+Json briefly(const std::vector<Finding>& findings) {
+  Json list = Json::array();
+  for (const Finding& finding : findings)
+    list.push_back(Json{{"id", entryOf(finding.id).code}, {"severity", nameOf(finding.severity)}});
+  return list;
+}
+
 Json jsonOf(const PublishedKey& item, const KeyReport& report, const Json& hash) {
   Json constraints = Json::object();
   for (const auto& [operation, constraint] : item.constraints) {
@@ -78,7 +86,7 @@ Json jsonOf(const PublishedKey& item, const KeyReport& report, const Json& hash)
               {"labelOnCard", jsonOf(report.labelOnCard)},
               {"publicKeyHash", hash},
               {"works", report.works},
-              {"findings", cli::jsonOf(std::span<const Finding>{report.findings})}};
+              {"findings", briefly(report.findings)}};
 }
 
 Json jsonOf(const UnpublishedObject& object) {

@@ -66,6 +66,8 @@ class PairChecker {
     if (partner != partners.end() && partner->isPrivate)
       return miss(object, texts.causePrivate, texts.isPrivate);
     if (partner != partners.end()) return miss(object, FindingID::kObjectLeftOut, texts.leftOut);
+    if (object.about.expected)
+      return miss(object, texts.causeMissing, "it is the certificate of an issuer, which needs no key");
     std::string reason = contents_.loggedIn ? texts.missing : texts.missingOrPrivate;
     if (hasPrivateKey(object)) reason += "; its private key is on the card";
     miss(object, texts.causeMissing, reason);

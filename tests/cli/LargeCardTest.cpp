@@ -12,7 +12,7 @@ constexpr unsigned kPairs = 160;
 constexpr std::size_t kMostInALine = 500;  // bytes
 /// Of processor time. It takes less than one, and eight under the sanitizer of addresses.
 constexpr std::chrono::seconds kLongest{30};
-constexpr std::size_t kLargestOutput = 200UL * 1024UL;  // bytes
+constexpr std::size_t kLargestOutput = 256UL * 1024UL;  // bytes
 
 /// The processor time of all children that have ended: whatever else the machine does, it stays the same.
 std::chrono::microseconds timeOfChildren() {

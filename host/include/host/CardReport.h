@@ -57,8 +57,7 @@ struct CardReport {
 enum class ModulePadding { kUnknown, kNone, kAdds };
 
 /// The programs that ask for signatures by PKCS #1 v1.5.
-inline constexpr std::string_view kPkcs1Users =
-    "TLS 1.2 with rsa_pkcs1, CMS (S/MIME), most PDF signers";
+inline constexpr std::string_view kPkcs1Users = "TLS 1.2 with rsa_pkcs1, CMS (S/MIME), most PDF signers";
 
 /// What an RSA key of up to 2048 bits signs: "signs RSA-PSS; not PKCS #1 v1.5 (TLS 1.2 with ...)".
 [[nodiscard]] std::string signingPhrase(ModulePadding padding);

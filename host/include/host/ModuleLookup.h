@@ -24,9 +24,9 @@ struct ModuleFolders {
 /// him is what he means, and whether somebody else may change it is looked at when it is loaded (see
 /// ModuleFile.h). Any other is looked up in the folders, never in those of the loader.
 ///
-/// Fails when no module of that name is configured, naming those that are, and the one that may be meant. Fails for a configuration that is
-/// no text of such lines, and, unless `trusted`, for one that somebody else may change: he would choose the
-/// program's code.
+/// Fails when no module of that name is configured, naming those that are, and the one that may be meant.
+/// Fails for a configuration that is no text of such lines, and, unless `trusted`, for one that somebody else
+/// may change: he would choose the program's code.
 [[nodiscard]] Result<std::string> moduleFileFor(const std::string& name, const ModuleFolders& folders,
                                                 bool trusted);
 
