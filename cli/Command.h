@@ -19,11 +19,12 @@ struct CommandOption {
     kOutput,       ///< --out
     kPin,          ///< --pin-file, --pin-fd and --last-try; they have their own help
     kFlag,         ///< one without a value, of this command alone
+    kWord,         ///< a word without dashes, which may be left out
   };
 
   Kind kind;
   const char* help = "";
-  const char* flag = "";  ///< the name of a flag, with its dashes
+  const char* flag = "";  ///< the name of a flag, with its dashes, or of a word
 };
 
 /// A command: its file defines it, and Commands.h lists it.
@@ -32,6 +33,7 @@ struct Command {
   const char* help;
   std::span<const CommandOption> options;  ///< in the order of the help
   Result<void> (*run)(Session& session);
+  bool usesModule = true;  ///< the module is chosen before, and a failure in that ends the program
 
   [[nodiscard]] bool takes(CommandOption::Kind kind) const noexcept {
     return std::any_of(options.begin(), options.end(),

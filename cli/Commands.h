@@ -16,7 +16,9 @@ namespace mirel::cli {
   X(login)                \
   X(sign)                 \
   X(decrypt)              \
-  X(exchange)
+  X(exchange)             \
+  X(doctor)               \
+  X(explain)
 
 #define MIREL_DECLARATION(name) extern const Command name##Command;
 MIREL_COMMANDS(MIREL_DECLARATION)

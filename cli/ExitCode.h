@@ -27,7 +27,8 @@ enum class ExitCode : int {
   kCardGone = 16,
   kPinHeldBack = 17,
   kPinCannotBeEntered = 18,
-  // 19 and 20 are the findings of a diagnosis.
+  kFindingsWarn = 19,
+  kFindingsFail = 20,
   kModuleCrashed = 21,
   kModuleEndedProgram = 22,
   kModuleHangs = 23,

@@ -23,6 +23,8 @@ constexpr const char* kExamples =
     "  mireltoken certificate --key 01 --out letter.pem\n"
     "  mireltoken login --pin-fd 3 3< ~/.card-pin\n"
     "  mireltoken exchange --key 03 --in their-point.bin\n"
+    "  mireltoken doctor --login\n"
+    "  mireltoken explain MT-R02\n"
     "\n"
     "A key is named by its ID in hexadecimal digits as `items` shows it, by a label that only it has, by a\n"
     "PKCS #11 URI (RFC 7512) such as \"pkcs11:id=%01\", or by #N for the N-th key. The PIN is asked for at\n"
@@ -55,6 +57,8 @@ constexpr const char* kRemarks =
     "  16  the card or its service went away\n"
     "  17  a try is left for the user: the PIN was not sent\n"
     "  18  this PIN, or this card's, cannot be entered here\n"
+    "  19  the examination found what deserves a warning\n"
+    "  20  the examination found what does not work\n"
     "  21  the module crashed\n"
     "  22  the module ended the program\n"
     "  23  a call of the module did not return in time";
@@ -87,6 +91,7 @@ void declareOption(CLI::App& app, Options& options, const CommandOption& option)
       app.add_option("--out", options.out, option.help)->type_name("FILE");
       break;
     case CommandOption::Kind::kPin: declarePinOptions(app, options); break;
+    case CommandOption::Kind::kWord: app.add_option(option.flag, options.word, option.help); break;
     case CommandOption::Kind::kFlag:
       app.add_flag(option.flag, options.flags[option.flag], option.help);
       break;

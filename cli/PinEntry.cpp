@@ -81,10 +81,13 @@ class CheckedPins : public PinSource {
   Pin askForPin(const std::string& tokenLabel) final {
     const Result<PinState> state = pinState_();
     if (!state && state.failure().kind == FailureKind::kCardGone) return state.failure();
-    if (state && state->enteredAtReader) {
-      return Failure{FailureKind::kPinCannotBeEntered, "the PIN of this card cannot be entered here",
-                     "the card takes it from the keys of the reader",
-                     "use a card or a reader that takes the PIN from the computer"};
+    if (state && !state->obstacle.empty()) {
+      return Failure{
+          FailureKind::kPinCannotBeEntered, "the PIN of this card cannot be entered here", state->obstacle,
+          state->enteredAtReader
+              ? "use a card or a reader that takes the PIN from the computer"
+              : "change it to at most 8 ASCII characters, or ask the card's issuer for a card that "
+                "allows that"};
     }
     return askFor(tokenLabel, state);
   }

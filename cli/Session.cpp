@@ -7,7 +7,9 @@
 namespace mirel::cli {
 
 Session::Session(PlatformServices services, const Options& options)
-    : options_{options}, host_{std::move(services), options.modulePath.value_or(std::string{})} {}
+    : options_{options},
+      services_{std::move(services)},
+      host_{services_, options.modulePath.value_or(std::string{})} {}
 
 Session::~Session() = default;
 
@@ -40,6 +42,13 @@ Result<ChosenKey> Session::chosenKey() const {
 std::string Session::remarkOnPin() {
   const auto state = host_.pinState(card().reader);
   return state ? state->text : std::string{};
+}
+
+Failure Session::withRemarkOnPin(Failure failure) {
+  if (failure.kind != FailureKind::kPinWrong || !card_) return failure;
+  const std::string remark = remarkOnPin();
+  if (!remark.empty()) failure.why.append(", ").append(remark);
+  return failure;
 }
 
 Result<std::optional<SecKeyAlgorithm>> Session::namedAlgorithm(KeyOperation operation) const {

@@ -8,6 +8,7 @@
 #include <string_view>
 #include <vector>
 
+#include "ExitCode.h"
 #include "Files.h"
 #include "Options.h"
 #include "host/Host.h"
@@ -34,6 +35,14 @@ class Session {
   ~Session();
 
   [[nodiscard]] const Options& options() const noexcept { return options_; }
+  [[nodiscard]] const PlatformServices& services() const noexcept { return services_; }
+
+  /// What the program ends with when the command succeeds.
+  void setExitCode(ExitCode code) noexcept { exitCode_ = code; }
+  [[nodiscard]] ExitCode exitCode() const noexcept { return exitCode_; }
+
+  /// The reader that the options name; null: none.
+  [[nodiscard]] Text readerName() const;
 
   /// The readers that hold a card, or the one that the options name.
   [[nodiscard]] Result<std::vector<Reader>> readers();
@@ -55,6 +64,9 @@ class Session {
   /// What the card says about the tries of its PIN just now; empty when that is nothing, or not known.
   [[nodiscard]] std::string remarkOnPin();
 
+  /// The failure, where the PIN was refused with what the card says about its tries.
+  [[nodiscard]] Failure withRemarkOnPin(Failure failure);
+
   // After `connect`.
   [[nodiscard]] KeyClient& client() const { return *client_; }
   [[nodiscard]] PinSource& pins() const { return *pins_; }
@@ -67,10 +79,11 @@ class Session {
   [[nodiscard]] Result<void> write(std::span<const std::uint8_t> data, mode_t mode) const;
 
  private:
-  [[nodiscard]] Text readerName() const;
   [[nodiscard]] Result<std::optional<SecKeyAlgorithm>> namedAlgorithm(KeyOperation operation) const;
 
   const Options& options_;
+  PlatformServices services_;
+  ExitCode exitCode_ = ExitCode::kSuccess;
   Host host_;
   std::optional<InsertedCard> card_;
   std::unique_ptr<KeyClient> client_;

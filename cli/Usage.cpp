@@ -23,7 +23,7 @@ std::string allNamesOf(const CLI::Option& option) {
   std::string names;
   for (const std::string& letter : option.get_snames()) names += (names.empty() ? "-" : ",-") + letter;
   for (const std::string& word : option.get_lnames()) names += (names.empty() ? "--" : ",--") + word;
-  return names;
+  return names.empty() ? option.get_single_name() : names;
 }
 
 /// "--verbose"
@@ -42,7 +42,7 @@ std::string helpLine(const std::string& subject, const std::string& text) {
 
 std::string optionLine(const CLI::Option& option) {
   std::string subject = allNamesOf(option);
-  if (takesValue(option)) subject.append(" ").append(option.get_type_name());
+  if (takesValue(option) && option.nonpositional()) subject.append(" ").append(option.get_type_name());
   const auto excluded = option.get_excludes();
   if (!excluded.empty()) subject.append(" Excludes:");
   for (const CLI::Option* other : excluded) subject.append(" ").append(nameOf(*other));
@@ -68,6 +68,7 @@ Options usableOptions(const CLI::App& app) {
 /// names none.
 const CLI::Option* optionNamedIn(std::string_view message, const Options& options) {
   for (const CLI::Option* option : options) {
+    if (!option->nonpositional()) continue;
     const std::string name = nameOf(*option);
     const std::size_t found = message.find(name);
     if (found == std::string_view::npos) continue;

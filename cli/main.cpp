@@ -53,7 +53,7 @@ Failure wrongUsage(const std::string& why) {
 }
 
 /// Carries out the command that was chosen.
-Result<void> carryOut(Options& options) {
+Result<ExitCode> carryOut(Options& options) {
   if (options.command->takes(CommandOption::Kind::kPin)) forbidMemoryDumps();
   PlatformServices services = systemServices();
   services.observer = notingObserver();
@@ -71,9 +71,14 @@ Result<void> carryOut(Options& options) {
     if (!file) return file.failure();
     options.modulePath = *file;
   }
-  if (auto chosen = chooseModule(services, {options.modulePath, options.trustModule}); !chosen) return chosen;
+  if (options.command->usesModule) {
+    const auto chosen = chooseModule(services, {options.modulePath, options.trustModule});
+    if (!chosen) return chosen.failure();
+  }
   Session session{std::move(services), options};
-  return options.command->run(session);
+  auto done = options.command->run(session);
+  if (!done) return session.withRemarkOnPin(std::move(done).failure());
+  return session.exitCode();
 }
 
 /// What `action` answers; an exception is a failure of ours.
@@ -95,7 +100,7 @@ auto guarded(const Action& action) -> decltype(action()) {
 Result<ExitCode> run(Options& options) {
   const auto work = [&] {
     const auto done = guarded([&] { return carryOut(options); });
-    return done ? ExitCode::kSuccess : report(namingVariables(done.failure(), options), options.json);
+    return done ? *done : report(namingVariables(done.failure(), options), options.json);
   };
   const Watch watch{options.timeout > 0 ? std::optional{std::chrono::seconds{options.timeout}} : std::nullopt,
                     !options.json && isatty(STDERR_FILENO) != 0};

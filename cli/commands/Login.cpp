@@ -9,12 +9,7 @@ namespace {
 Result<void> run(Session& session) {
   if (auto connected = session.connect(); !connected) return connected;
   const std::string before = session.remarkOnPin();
-  if (const auto accepted = session.client().logIn(session.pins()); !accepted) {
-    Failure failure = accepted.failure();
-    const std::string after = session.remarkOnPin();
-    if (failure.kind == FailureKind::kPinWrong && !after.empty()) failure.why.append(", ").append(after);
-    return failure;
-  }
+  if (auto accepted = session.client().logIn(session.pins()); !accepted) return accepted;
   if (session.options().json) {
     return writeOutput(jsonLines(
         "login",

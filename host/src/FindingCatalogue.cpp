@@ -168,12 +168,17 @@ constexpr FindingEntry kEntries[] = {
      "use a reader without a PIN pad", kYou},
     {kPinTooLong, "MT-P05", "this card's PIN cannot be entered here",
      "a PIN of 1 to 8 ASCII characters is all that the token sends to the card",
-     "change the PIN to at most 8 ASCII characters with the tool of the card's maker", kYou},
+     "change the PIN to at most 8 ASCII characters with the tool of the card's maker; where the card does "
+     "not "
+     "allow that, ask its issuer for another one",
+     kYou},
     {kPinNotSet, "MT-P06", "the card has no PIN yet", "without a PIN nobody can log in",
      "set the PIN with the tool of the card's maker", kYou},
     {kPinCountUnknown, "MT-P07", "how many tries are left is not known",
      "this module reports no count; what the system's dialog says after a wrong PIN is no count either",
      "do not rely on the number", kMaker},
+    {kPinRefused, "MT-P08", "the card did not accept the PIN", "without the PIN no key can be used",
+     "enter the PIN of this card; look at the tries that are left before that", kYou},
 };
 
 char upperOf(char letter) noexcept {

@@ -22,6 +22,7 @@
 namespace mirel {
 namespace {
 
+static_assert(kMaxPinLen == 8, "the texts name the number");
 constexpr const char* kNotInitialised = "the card is not initialised: prepare it with its maker's tool first";
 
 std::string bytesOf(const Bytes& data) { return {data.view().begin(), data.view().end()}; }
@@ -118,7 +119,7 @@ Result<PinState> Host::pinState(const Reader& reader) {
     return failure;
   }
   const auto isSet = [&](CK_FLAGS flag) { return (token.flags & flag) != 0; };
-  PinState state{kNoWord, isSet(CKF_PROTECTED_AUTHENTICATION_PATH), {}};
+  PinState state{kNoWord, isSet(CKF_PROTECTED_AUTHENTICATION_PATH), {}, {}};
   if (isSet(CKF_USER_PIN_LOCKED)) {
     state.tries = kNone;
     state.text = entryOf(FindingID::kPinLocked).title;
@@ -129,7 +130,25 @@ Result<PinState> Host::pinState(const Reader& reader) {
     state.tries = kFewer;
     state.text = entryOf(FindingID::kPinTriesFewer).title;
   }
+  // A module that does not know the length says 0 or "unavailable".
+  const bool saysLength =
+      token.ulMinPinLen != CK_UNAVAILABLE_INFORMATION && token.ulMinPinLen != CK_EFFECTIVELY_INFINITE;
+  if (state.enteredAtReader) {
+    state.obstacle = "the card takes it from the keys of the reader";
+  } else if (saysLength && token.ulMinPinLen > kMaxPinLen) {
+    state.obstacle = "it has " + std::to_string(token.ulMinPinLen) +
+                     " characters at least, and 8 are the most that is sent";
+  }
   return state;
+}
+
+std::optional<std::uint64_t> Host::triesLeft(const Reader& reader) {
+  CK_SESSION_HANDLE session = 0;
+  if (bridge_->openInspection(reader.slotID, session) != CKR_OK) return std::nullopt;
+  std::shared_ptr<PKCS11_SERVICE_INFO> record = std::make_shared<PKCS11_SERVICE_INFO>();
+  const CK_RV rv = bridge_->pkcs11_GetSessionInfo(session, &record);
+  bridge_->closeInspection(session);
+  return rv == CKR_OK ? std::optional<std::uint64_t>{record->hSessionInfo().ulDeviceError} : std::nullopt;
 }
 
 Failure Host::listingFailure(const Reader& reader, const std::optional<FailedCall>& cause) {

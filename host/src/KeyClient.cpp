@@ -200,9 +200,10 @@ bool isRsaAlgorithm(SecKeyAlgorithm algorithm) noexcept {
 /// as many bytes of its UTF-8, and so cut one that is not ASCII.
 Result<void> checkSending(const SecretText& pin) {
   const auto notSent = [](const char* why) {
-    return Failure{FailureKind::kPinCannotBeEntered, "the PIN was not sent to the card", why,
-                   "give a PIN of 1 to 8 ASCII characters; if the card has another one, change it with the "
-                   "card maker's tool"};
+    return Failure{
+        FailureKind::kPinCannotBeEntered, "the PIN was not sent to the card", why,
+        "give a PIN of 1 to 8 ASCII characters; where this card's PIN is another one, it cannot be "
+        "entered here: change it to at most 8 ASCII characters with the card maker's tool"};
   };
   static_assert(kMaxPinLen == 8, "the texts name the number");
   SecretBytes<kMaxPinLen + 1> bytes;

@@ -124,6 +124,12 @@ std::vector<LibraryTarget> targetsOf(std::span<const std::uint8_t> start) {
   }
 }
 
+std::string namesOf(std::span<const LibraryTarget> targets) {
+  std::string names;
+  for (const LibraryTarget& target : targets) names += (names.empty() ? "" : " and ") + machineName(target);
+  return names;
+}
+
 Result<void> checkTarget(std::span<const std::uint8_t> library, std::span<const std::uint8_t> program) {
   const std::vector<LibraryTarget> targets = targetsOf(library);
   const std::vector<LibraryTarget> own = targetsOf(program);

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <span>
+#include <string>
 #include <vector>
 
 #include "host/Result.h"
@@ -26,6 +27,9 @@ inline constexpr std::size_t kLibraryHeaderSize = 1024;
 /// What the file with these first bytes was built for: one target of an ELF file (System V ABI, chapter 4) or
 /// a Mach-O file, all of a universal one. Empty when the bytes do not tell; also when they end too early.
 [[nodiscard]] std::vector<LibraryTarget> targetsOf(std::span<const std::uint8_t> start);
+
+/// The names of their processors, such as "x86-64 and aarch64"; empty where there are none.
+[[nodiscard]] std::string namesOf(std::span<const LibraryTarget> targets);
 
 /// Whether a program can load the library, by the first bytes of both. Succeeds also when they do not tell.
 /// The failure says why not: "the module is for aarch64, this program is x86-64".

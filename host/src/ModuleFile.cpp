@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "LibraryHeader.h"
+#include "ModuleFacts.h"
 #include "ModuleTrust.h"
 #include "host/Home.h"
 #include "platform/DynamicLoader.h"
@@ -93,32 +94,49 @@ Failure refusal(const std::string& name, const std::string& why, const Advice& a
 
 }  // namespace
 
+std::optional<ModuleFacts> factsOfModule(const PlatformServices& services, const ModuleChoice& choice) {
+  std::string home = services.user->homeOf(services.user->loginName());
+  if (home.empty() && choice.path) home = kNoHome;
+  if (home.empty()) return std::nullopt;
+  ModuleFacts facts{moduleInHome(home), choice.path.value_or(moduleInHome(home))};
+  const auto traced = traceFile(facts.name);
+  struct stat status {};
+  if (!traced) {
+    facts.error = stat(facts.name.c_str(), &status) == 0 ? ENOENT : errno;
+    return facts;
+  }
+  facts.path = traced->path;
+  facts.exposure = traced->exposure;
+  // Not opened for that: to open a pipe can wait for ever.
+  if (stat(facts.path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
+    facts.noFile = kindOf(status.st_mode);
+    return facts;
+  }
+  const std::vector<std::uint8_t> start = startOf(facts.path);
+  facts.target = namesOf(targetsOf(start));
+  if (const auto fits = checkTarget(start, ownImageStart()); !fits) facts.otherTarget = fits.failure();
+  return facts;
+}
+
 Result<void> chooseModule(PlatformServices& services, const ModuleChoice& choice) {
   if (choice.path && services.user->homeOf(services.user->loginName()).empty())
     services.user = userWithHome(services.user, kNoHome);
-  const std::string home = services.user->homeOf(services.user->loginName());
-  if (home.empty()) return {};  // The host tells.
-  const std::string place = moduleInHome(home);
-  const std::string name = choice.path.value_or(place);
-  const auto traced = traceFile(name);
-  struct stat status {};
-  if (!traced) {
-    const int error = stat(name.c_str(), &status) == 0 ? ENOENT : errno;
+  const auto facts = factsOfModule(services, choice);
+  if (!facts) return {};  // The host tells.
+  const std::string& name = facts->name;
+  if (facts->path.empty()) {
     services.loader = std::make_shared<LoaderWithoutModule>(
-        services.loader, place, name + ": cannot open shared object file: " + std::strerror(error));
+        services.loader, facts->place,
+        name + ": cannot open shared object file: " + std::strerror(facts->error));
     return {};
   }
-  const std::string& file = traced->path;
-
-  // Not opened for that: to open a pipe can wait for ever.
-  if (stat(file.c_str(), &status) == 0 && !S_ISREG(status.st_mode))
-    return refusal(name, kindOf(status.st_mode),
+  if (!facts->noFile.empty())
+    return refusal(name, facts->noFile,
                    choice.path ? UserStep::kCheckModulePath : UserStep::kInstallOrNameModule);
-  if (traced->exposure && !choice.trusted)
-    return refusal(name, *traced->exposure, UserStep::kRestrictOrTrustModule);
-  if (const auto fits = checkTarget(startOf(file), ownImageStart()); !fits)
-    return refusal(name, fits.failure().why, fits.failure().advice);
-  services.loader = std::make_shared<LoaderWithModule>(services.loader, place, file, name);
+  if (facts->exposure && !choice.trusted)
+    return refusal(name, *facts->exposure, UserStep::kRestrictOrTrustModule);
+  if (facts->otherTarget) return refusal(name, facts->otherTarget->why, facts->otherTarget->advice);
+  services.loader = std::make_shared<LoaderWithModule>(services.loader, facts->place, facts->path, name);
   return {};
 }
 

@@ -110,6 +110,20 @@ std::optional<ByteVector> encodedForPss(Hash hash, std::span<const std::uint8_t>
   return encoded;
 }
 
+std::optional<ByteVector> paddedForEncrypting(std::span<const std::uint8_t> message, std::size_t blockSize) {
+  if (blockSize < message.size() + kLeastPadding + 3) return std::nullopt;
+  ByteVector block(blockSize);
+  block[1] = 2;
+  const std::size_t paddingEnd = blockSize - message.size() - 1;
+  for (std::size_t i = 2; i < paddingEnd;) {
+    // One at a time: zeros do not count.
+    if (!fillWithRandomBytes(std::span{block}.subspan(i, 1))) return std::nullopt;
+    if (block[i] != 0) ++i;
+  }
+  std::copy(message.begin(), message.end(), block.begin() + static_cast<std::ptrdiff_t>(paddingEnd) + 1);
+  return block;
+}
+
 std::optional<ByteVector> unpaddedAfterDecrypting(std::span<const std::uint8_t> block) {
   if (block.size() < kLeastPadding + 3 || block[0] != 0x00 || block[1] != 0x02) return std::nullopt;
   const auto end = std::find(block.begin() + 2, block.end(), std::uint8_t{0});

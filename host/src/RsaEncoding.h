@@ -23,6 +23,11 @@ namespace mirel {
 [[nodiscard]] std::optional<ByteVector> encodedForPss(Hash hash, std::span<const std::uint8_t> digest,
                                                       std::size_t modulusBits);
 
+/// EME-PKCS1-v1_5 (section 7.2.1, step 2); nothing when `message` does not fit, or the system has no random
+/// bytes. For trials: the message is no secret.
+[[nodiscard]] std::optional<ByteVector> paddedForEncrypting(std::span<const std::uint8_t> message,
+                                                            std::size_t blockSize);
+
 /// The caller wipes the block and the message; nothing else of them is left in memory.
 ///
 /// The message in a block of EME-PKCS1-v1_5 (section 7.2.2, step 3); nothing when it is none.

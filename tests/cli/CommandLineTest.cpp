@@ -8,8 +8,8 @@
 namespace mirel::test {
 namespace {
 
-constexpr std::array kCommands{"readers", "items", "certificate", "algorithms",
-                               "login",   "sign",  "decrypt",     "exchange"};
+constexpr std::array kCommands{"readers", "items",   "certificate", "algorithms", "login",
+                               "sign",    "decrypt", "exchange",    "doctor",     "explain"};
 
 class CommandLine : public EndToEndTest {
  protected:
@@ -63,6 +63,8 @@ Subcommands:
   sign                        Sign with a key of the card, and verify the signature
   decrypt                     Decrypt with a key of the card
   exchange                    Ask for a key exchange, and show what the token answers
+  doctor                      Examine module, readers and card, and say what to do
+  explain                     Explain what `doctor` has found
   help                        Print the help of the program, or of a command
 )";
   constexpr const char* kReadersHelp = R"(List the readers that hold a card
@@ -129,6 +131,8 @@ TEST_F(CommandLine, HelpForACommandNamesItsOptions) {
       {"login", "--pin-file --pin-fd"},
       {"decrypt", "--key --algorithm --in --out --pin-file --pin-fd"},
       {"exchange", "--key --algorithm --in --out --pin-file --pin-fd"},
+      {"doctor", "--login --pin-file --pin-fd"},
+      {"explain", "ID"},
   };
   for (const auto& [command, options] : rows) {
     const Result result = runAlone({command, "--help"});

@@ -271,10 +271,10 @@ class PinFlags : public PinFile {
     return {run(fromDescriptor), run(stagedWithPin(command, stage))};
   }
   /// The token's information fails from the moment when the flags are looked at, just before the PIN is had:
-  /// that is the last look but one of a login that finds no PIN, which looks again to tell of it.
+  /// that is the last look of a login that finds no PIN.
   [[nodiscard]] Stage lostTokenInfo() const {
     expectRefused(logInWith(path("none")), "none");
-    return {{"TOKEN_INFOS", std::to_string(stagedCallsOf("C_GetTokenInfo") - 2)}};
+    return {{"TOKEN_INFOS", std::to_string(stagedCallsOf("C_GetTokenInfo") - 1)}};
   }
 };
 
@@ -318,6 +318,11 @@ TEST_F(PinFlags, AreNotGuessedAtThePrompt) {
   EXPECT_TRUE(terminal.waitFor("PIN for \"Card\" (whether tries are left is not known): "));
   terminal.type("\x03");
   EXPECT_EQ(child.wait().exitCode, 9);
+}
+
+TEST_F(PinFlags, TellOfAPinThatIsTooLong) {
+  for (const Result& result : runs("login", {{"MIN_PIN", "11"}}))
+    expectUntried(result, 18, {"cannot be entered here: it has 11 characters at least", "at most 8 ASCII"});
 }
 
 TEST_F(PinFlags, TellOfAPinThatCannotBeTyped) {

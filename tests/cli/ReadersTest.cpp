@@ -130,6 +130,40 @@ TEST_F(Readers, AreChosenByTheirNameOrItsBeginningOrTheModulesOrder) {
   }
 }
 
+/// A run on a module without slots, on a system with the tests' own PC/SC library.
+class NoCard : public EndToEndTest {
+ protected:
+  NoCard() : EndToEndTest{{{}}} {}  // so that SoftHSM2 starts
+  [[nodiscard]] Result runWith(const Arguments& arguments, const char* readers) const {
+    Invocation call = staged(arguments, {{"NO_SLOTS", "1"}});
+    call.environment["LD_LIBRARY_PATH"] = MIREL_FAKE_PCSC_FOLDER;
+    if (readers) call.environment["MIREL_PCSC_READERS"] = readers;
+    return run(call);
+  }
+};
+
+TEST_F(NoCard, IsExplainedByTheCardServiceOfTheSystem) {
+  const struct {
+    const char* readers;
+    int exitCode;  ///< of `readers`
+    const char* why;
+  } rows[] = {
+      {nullptr, 5, "the card service does not answer (SCardEstablishContext answered SCARD_E_NO_SERVICE"},
+      {"", 0, "no reader is connected; connect a reader"},
+      {"Reader A=12", 0, "no reader holds a card; put a card into a reader"},
+      {"Reader A=22:3B7A", 5, "does not know it (reader \"Reader A\", ATR 3B7A)"},
+      {"Reader A=A2:3B", 5, "another program holds the card"},
+      {"Reader A=222", 5, "the card does not answer"}};
+  for (const auto& [readers, exitCode, why] : rows) {
+    SCOPED_TRACE(why);
+    const Result listed = runWith("readers --json", readers);
+    EXPECT_EQ(listed.exitCode, exitCode);
+    EXPECT_EQ(Json::parse(listed.out)["readers"], Json::array());
+    EXPECT_THAT(listed.err, HasSubstr(why));
+    expectFailure(runWith("items", readers), 5, {why});
+  }
+}
+
 TEST_F(Readers, AreNotChosenByAnotherName) {
   makeThreeCards();
   for (const std::string& name :

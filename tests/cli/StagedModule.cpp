@@ -7,6 +7,9 @@
 ///   MIREL_STAGED_LENGTHS      "C_Sign=64": calls of C_Sign and C_Decrypt that answer CKR_OK report this
 ///                             length, hexadecimal, whatever they wrote.
 ///   MIREL_STAGED_TOKEN_FLAGS  hexadecimal: set in the flags of every token.
+///   MIREL_STAGED_MIN_PIN      decimal: the length of the shortest PIN of every token.
+///   MIREL_STAGED_INITIALIZE   hexadecimal: what C_Initialize answers.
+///   MIREL_STAGED_NO_SLOTS     set: no slot is listed.
 ///   MIREL_STAGED_TOKEN_INFOS  how many calls of C_GetTokenInfo are handed on; later ones answer 30.
 ///   MIREL_STAGED_EXIT         a function in kStaged, or C_GetTokenInfo: its call ends the process by
 ///                             exit(0); "end": so does the end of this library; "child": a child that it
@@ -185,8 +188,21 @@ CK_RV tokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO_PTR info) {
   }
   const CK_RV rv = real->C_GetTokenInfo(slot, info);
   if (rv == CKR_OK) info->flags |= moreFlags;
+  if (const std::string shortest = variable("MIREL_STAGED_MIN_PIN"); rv == CKR_OK && !shortest.empty())
+    info->ulMinPinLen = std::stoul(shortest);
   if (rv == CKR_OK && swapped) std::fill_n(info->serialNumber, sizeof info->serialNumber, CK_UTF8CHAR{'9'});
   return rv;
+}
+
+CK_RV initialize(CK_VOID_PTR arguments) {
+  const std::string answer = variable("MIREL_STAGED_INITIALIZE");
+  return answer.empty() ? real->C_Initialize(arguments) : std::stoul(answer, nullptr, 16);
+}
+
+CK_RV slotList(CK_BBOOL tokenPresent, CK_SLOT_ID_PTR list, CK_ULONG_PTR count) {
+  if (variable("MIREL_STAGED_NO_SLOTS").empty()) return real->C_GetSlotList(tokenPresent, list, count);
+  *count = 0;
+  return CKR_OK;
 }
 
 }  // namespace
@@ -225,6 +241,8 @@ extern "C" __attribute__((visibility("default"))) CK_RV C_GetFunctionList(CK_FUN
   if (variable("MIREL_STAGED_CRASH") == "entry") (void)raise(SIGSEGV);
   ours = *real;
   ours.C_GetFunctionList = &C_GetFunctionList;
+  ours.C_Initialize = &initialize;
+  ours.C_GetSlotList = &slotList;
   ours.C_FindObjects = &findObjects;
   ours.C_GetTokenInfo = &tokenInfo;
   ours.C_Login = &Staged<&CK_FUNCTION_LIST::C_Login, 0>::call;

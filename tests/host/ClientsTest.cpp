@@ -105,6 +105,20 @@ TEST_F(PinState, IsUnknownBeforeTheModuleIsLoaded) {
 TEST_F(PinState, TellsOfAPinThatIsEnteredAtTheReader) {
   script.card().info.flags |= CKF_PROTECTED_AUTHENTICATION_PATH;
   EXPECT_TRUE(state()->enteredAtReader);
+  EXPECT_EQ(state()->obstacle, "the card takes it from the keys of the reader");
+}
+
+TEST_F(PinState, TellsOfAPinThatIsTooLongToBeSent) {
+  const std::pair<CK_ULONG, const char*> rows[] = {
+      {0, ""},
+      {8, ""},
+      {9, "it has 9 characters at least, and 8 are the most that is sent"},
+      {CK_UNAVAILABLE_INFORMATION, ""}};
+  for (const auto& [shortest, obstacle] : rows) {
+    SCOPED_TRACE(shortest);
+    script.card().info.ulMinPinLen = shortest;
+    EXPECT_EQ(state()->obstacle, obstacle);
+  }
 }
 
 }  // namespace

@@ -83,6 +83,7 @@ enum class FindingID {
   kPinTooLong,
   kPinNotSet,
   kPinCountUnknown,
+  kPinRefused,
 };
 
 /// One thing that was found.

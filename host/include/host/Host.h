@@ -145,6 +145,10 @@ class Host {
   /// What the flags of the card's token say about the PIN just now.
   [[nodiscard]] Result<PinState> pinState(const Reader& reader);
 
+  /// The number of tries that the module reports in its session information after a wrong PIN (as a device
+  /// error), which is 0 where it reports none; nothing where that cannot be read.
+  [[nodiscard]] std::optional<std::uint64_t> triesLeft(const Reader& reader);
+
   /// Looks at an inserted card once more, apart from the token, and tells all that can be told of it without
   /// a trial. `afterLogin`: a client of the host has logged in, so what shows only then can be told as well.
   /// Never says of a published item that it is not.

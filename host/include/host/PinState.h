@@ -16,6 +16,7 @@ struct PinState {
   Tries tries = Tries::kNoWord;
   bool enteredAtReader = false;  ///< the PIN is entered at the reader's own keys
   std::string text;              ///< about the tries, in words for the user; empty for kNoWord
+  std::string obstacle{};        ///< why no PIN of this card can be entered here; empty: nothing is known
 };
 
 }  // namespace mirel

@@ -1,0 +1,53 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "host/Finding.h"
+#include "host/Host.h"
+#include "host/ModuleFile.h"
+#include "host/PinSource.h"
+#include "platform/PlatformServices.h"
+#include "platform/Text.h"
+
+namespace mirel {
+
+/// One step on the way from the module's file to a verified signature.
+struct Check {
+  std::string name;
+  Severity severity = Severity::kOk;
+  std::string evidence;           ///< what was seen, or why nothing was looked at; fit for a terminal
+  std::vector<Finding> findings;  ///< empty where all is well, and where a check was skipped
+  std::string reader{};           ///< whose card it is about, fit for a terminal; empty: about all
+};
+
+/// What an examination has come to.
+struct Diagnosis {
+  std::vector<Check> checks;  ///< in the order in which they were made
+
+  /// Those of all checks, in their order, each once.
+  [[nodiscard]] std::vector<Finding> findings() const;
+  /// kFailure, kWarning, or kOk: what could not be told is no fault.
+  [[nodiscard]] Severity verdict() const;
+};
+
+/// Gives the source of a reader's PIN; null: the keys are not tried.
+using PinsForReader = std::function<std::unique_ptr<PinSource>(Host& host, const Reader& reader)>;
+
+/// What is to be examined.
+struct Examination {
+  ModuleChoice module{};
+  Text reader{};         ///< its name (see `Host::insert`); null: all with a card
+  PinsForReader pins{};  ///< with it one card alone is examined: a PIN is never sent to a card by mistake
+  std::chrono::milliseconds slowCall{2000};  ///< a call of the module that takes longer is told
+};
+
+/// Examines module, card service, readers, PIN and card, one check after the other. A check that cannot be
+/// made since an earlier one failed is skipped, with the reason. Without PINs nothing is changed and no login
+/// is tried. Loads the module into this process, as `Host` does: once for each process.
+[[nodiscard]] Diagnosis diagnose(PlatformServices services, const Examination& wanted);
+
+}  // namespace mirel

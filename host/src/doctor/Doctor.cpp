@@ -1,0 +1,134 @@
+#include "host/Doctor.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <utility>
+
+#include "doctor/CallClock.h"
+#include "doctor/CardChecks.h"
+#include "doctor/Checks.h"
+#include "doctor/ModuleChecks.h"
+#include "host/Display.h"
+
+namespace mirel {
+namespace {
+
+std::string secondsOf(CallClock::Clock::duration time) {
+  std::array<char, 32> text{};
+  (void)std::snprintf(text.data(), text.size(), "%.3f s", std::chrono::duration<double>{time}.count());
+  return text.data();
+}
+
+void checkTimes(const CallClock& first, const CallClock& second, std::chrono::milliseconds slow,
+                Checks& checks) {
+  constexpr const char* kName = "time of the calls";
+  auto longest = first.longest();
+  for (const auto& [function, time] : second.longest()) {
+    auto& known = longest[function];
+    known = std::max(known, time);
+  }
+  if (longest.empty()) return checks.skip(kName, "the module was not called");
+  std::vector<Finding> findings;
+  for (const auto& [function, time] : longest) {
+    if (time > slow)
+      findings.push_back(
+          {FindingID::kModuleSlow, Severity::kWarning, std::string{function}, "it took " + secondsOf(time)});
+  }
+  const auto worst = std::max_element(longest.begin(), longest.end(),
+                                      [](const auto& a, const auto& b) { return a.second < b.second; });
+  checks.add(kName,
+             std::to_string(first.numCalls() + second.numCalls()) + " calls, the longest was " +
+                 std::string{worst->first} + " with " + secondsOf(worst->second),
+             std::move(findings));
+}
+
+/// The readers to look at; fails where the name fits none.
+Result<std::vector<Reader>> chosenOf(const std::vector<Reader>& slots, const Text& name, Host& host) {
+  if (!name.isNull()) return host.readers(name);
+  std::vector<Reader> withCard;
+  for (const Reader& slot : slots) {
+    // Of two with one name the token finds the first.
+    if (slot.hasToken && (slot.unreadable || !slot.distinctName.isNull())) withCard.push_back(slot);
+  }
+  return withCard;
+}
+
+/// A token that nobody has prepared is worth a word only where there is no other.
+bool isSpare(const Reader& reader, const std::vector<Reader>& all) {
+  const bool another =
+      std::any_of(all.begin(), all.end(), [](const Reader& other) { return other.tokenInitialised; });
+  return !reader.tokenInitialised && !reader.unreadable && another;
+}
+
+void checkCards(Host& host, const std::vector<Reader>& slots, const Examination& wanted, Checks& checks) {
+  const auto chosen = chosenOf(slots, wanted.reader, host);
+  if (!chosen) {
+    const Failure& failure = chosen.failure();
+    checks.add("card", Severity::kFailure, failure.what + ": " + failure.why);
+    return;
+  }
+  if (chosen->empty()) return skipCardChecks(checks, "there is no card");
+  std::size_t numCards = 0;
+  for (const Reader& reader : *chosen) numCards += isSpare(reader, *chosen) ? 0 : 1;
+  const bool login = wanted.pins && numCards == 1;
+  const std::string whyNoLogin =
+      wanted.pins ? "there are several cards, and no reader was named" : "no login was asked for";
+  for (const Reader& reader : *chosen) {
+    checks.turnTo(displayed(reader.name));
+    if (isSpare(reader, *chosen)) {
+      checks.skip("card", "it is not initialised");
+    } else {
+      checkCard(host, reader, login ? wanted.pins : PinsForReader{}, whyNoLogin, checks);
+    }
+  }
+  checks.turnTo({});
+}
+
+}  // namespace
+
+std::vector<Finding> Diagnosis::findings() const {
+  std::vector<Finding> all;
+  for (const Check& check : checks) {
+    for (const Finding& finding : check.findings) {
+      const bool known = std::any_of(all.begin(), all.end(), [&](const Finding& other) {
+        return other.id == finding.id && other.subject == finding.subject &&
+               other.evidence == finding.evidence;
+      });
+      if (!known) all.push_back(finding);
+    }
+  }
+  return all;
+}
+
+Severity Diagnosis::verdict() const {
+  Severity verdict = Severity::kOk;
+  for (const Check& check : checks) {
+    if (check.severity == Severity::kFailure) return Severity::kFailure;
+    if (check.severity == Severity::kWarning) verdict = Severity::kWarning;
+  }
+  return verdict;
+}
+
+Diagnosis diagnose(PlatformServices services, const Examination& wanted) {
+  Checks checks;
+  const auto calls = std::make_shared<CallClock>(std::exchange(services.observer, nullptr));
+  const auto looks = std::make_shared<CallClock>(std::exchange(services.inspectionObserver, nullptr));
+  services.observer = calls;
+  services.inspectionObserver = looks;
+
+  std::string reason;
+  const auto slots = checkModule(services, wanted.module, checks, reason);
+  checkReaders(services, slots, checks);
+  if (slots) {
+    Host host{services, wanted.module.path.value_or(std::string{})};
+    checkCards(host, *slots, wanted, checks);
+  } else {
+    checks.skip("readers", reason);
+    skipCardChecks(checks, reason);
+  }
+  checkTimes(*calls, *looks, wanted.slowCall, checks);
+  return std::move(checks).diagnosis();
+}
+
+}  // namespace mirel

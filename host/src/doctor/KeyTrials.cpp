@@ -1,0 +1,155 @@
+#include "doctor/KeyTrials.h"
+
+#include <algorithm>
+#include <array>
+
+#include "RsaEncoding.h"
+#include "host/Display.h"
+#include "host/InputSource.h"
+#include "host/KeyChoice.h"
+#include "host/Verification.h"
+#include "platform/PublicKey.h"
+#include "platform/Random.h"
+
+namespace mirel {
+namespace {
+
+using enum FindingID;
+
+constexpr auto kPss = SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureMessagePSSSHA256;
+constexpr auto kPkcs1 = SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureMessagePKCS1v15SHA256;
+constexpr auto kDecryption = SecKeyAlgorithm::kSecKeyAlgorithmRSAEncryptionPKCS1;
+constexpr std::size_t kTrialSize = 32;  // bytes
+
+class MemoryInput final : public InputSource {
+ public:
+  explicit MemoryInput(std::span<const std::uint8_t> data) : rest_{data} {}
+
+  Result<std::size_t> read(std::span<std::uint8_t> room) override {
+    const std::size_t count = std::min(room.size(), rest_.size());
+    std::copy_n(rest_.begin(), count, room.begin());
+    rest_ = rest_.subspan(count);
+    return count;
+  }
+
+ private:
+  std::span<const std::uint8_t> rest_;
+};
+
+std::string subjectOf(const PublishedKey& key) { return "key \"" + displayed(key.objectID) + "\""; }
+
+/// The certificate that the key's item names; null: there is none.
+const PublishedCertificate* certificateOf(const InsertedCard& card, const PublishedKey& key) {
+  for (const PublishedItem& item : card.items) {
+    const auto* certificate = std::get_if<PublishedCertificate>(&item);
+    if (certificate && certificate->objectID == key.certificateID) return certificate;
+  }
+  return nullptr;
+}
+
+/// Joins what is said of each key.
+class Evidence {
+ public:
+  void add(const PublishedKey& key, const std::string& text) {
+    if (!text_.empty()) text_ += "; ";
+    text_.append(displayed(key.objectID)).append(" ").append(text);
+  }
+  [[nodiscard]] bool isEmpty() const noexcept { return text_.empty(); }
+  [[nodiscard]] const std::string& text() const noexcept { return text_; }
+
+ private:
+  std::string text_;
+};
+
+/// The failure of one trial signature; nothing where it verifies.
+std::optional<Failure> failureOfSigning(KeyClient& client, const PublishedKey& key,
+                                        const PublishedCertificate& certificate, SecKeyAlgorithm algorithm,
+                                        PinSource& pins) {
+  constexpr std::array<std::uint8_t, 6> kMessage{'T', 'r', 'i', 'a', 'l', '\n'};
+  MemoryInput input{kMessage};
+  const auto signature = client.sign(key, algorithm, input, pins);
+  if (!signature) return signature.failure();
+  const auto verified = verifySignature(certificate, key, algorithm, *signature);
+  return verified ? std::nullopt : std::optional{verified.failure()};
+}
+
+/// The failure of one trial decryption; nothing where the text is as it was before.
+std::optional<Failure> failureOfDecrypting(KeyClient& client, const PublishedKey& key,
+                                           const PublishedCertificate& certificate, PinSource& pins) {
+  const auto failed = [](const char* why) {
+    return Failure{FailureKind::kInternal, "there is no trial text", why, {}};
+  };
+  ByteVector message(kTrialSize);
+  if (!fillWithRandomBytes(message)) return failed("the system has no random bytes");
+  const auto block = paddedForEncrypting(message, modulusSizeOf(key));
+  const auto publicKey = publicKeyOfCertificate(certificate.data.view());
+  // RSAEP and RSAVP1 are one operation (RFC 8017, sections 5.1.1 and 5.2.2).
+  const ByteVector cipher = block && publicKey ? publicKey->recoveredBlock(*block) : ByteVector{};
+  if (cipher.empty()) return failed("the public key of the certificate cannot encrypt");
+  MemoryInput input{cipher};
+  const auto plain = client.decrypt(key, kDecryption, input, pins);
+  if (!plain) return plain.failure();
+  const auto view = plain->view();
+  if (std::equal(view.begin(), view.end(), message.begin(), message.end())) return std::nullopt;
+  return Failure{FailureKind::kCardRefuses, "", "the plain text is another one than was encrypted", {}};
+}
+
+/// Whether a failure says nothing of what the key can do.
+bool saysNothing(const Failure& failure) {
+  return failure.kind == FailureKind::kCardGone || failure.kind == FailureKind::kAnotherCard ||
+         failure.kind == FailureKind::kInternal || failure.kind == FailureKind::kNotSupported;
+}
+
+bool worksForNothing(const CardLook& look, const PublishedKey& key) {
+  return std::any_of(look.keys.begin(), look.keys.end(), [&](const CardLook::Key& known) {
+    return known.objectID == key.objectID && known.worksForNothing;
+  });
+}
+
+}  // namespace
+
+void trySigning(KeyClient& client, const InsertedCard& card, const CardLook& look, PinSource& pins,
+                const char* name, Checks& checks) {
+  Evidence evidence;
+  std::vector<Finding> findings;
+  for (const PublishedKey& key : keysOf(card)) {
+    const PublishedCertificate* certificate = certificateOf(card, key);
+    if (!key.canSign || !certificate) continue;
+    if (key.keyType != CertificateKeyType::kRSA || worksForNothing(look, key)) {
+      evidence.add(key, "never signs here, not tried");
+      continue;
+    }
+    if (const auto failure = failureOfSigning(client, key, *certificate, kPss, pins)) {
+      evidence.add(key, "does not sign");
+      findings.push_back({kSignatureFails, saysNothing(*failure) ? Severity::kUnknown : Severity::kFailure,
+                          subjectOf(key), failure->why});
+      continue;
+    }
+    const auto failure = failureOfSigning(client, key, *certificate, kPkcs1, pins);
+    evidence.add(key, failure ? "signs RSA-PSS, not PKCS #1 v1.5" : "signs RSA-PSS and PKCS #1 v1.5");
+    // A key that wants the PIN for each use has not said anything about its padding.
+    if (failure && failure->kind == FailureKind::kVerificationFailed)
+      findings.push_back({kNoPkcs1Signatures, Severity::kWarning, subjectOf(key), failure->why});
+  }
+  if (evidence.isEmpty()) return checks.skip(name, "no key of the card signs");
+  checks.add(name, evidence.text(), std::move(findings));
+}
+
+void tryDecrypting(KeyClient& client, const InsertedCard& card, PinSource& pins, const char* name,
+                   Checks& checks) {
+  Evidence evidence;
+  std::vector<Finding> findings;
+  for (const PublishedKey& key : keysOf(card)) {
+    const PublishedCertificate* certificate = certificateOf(card, key);
+    if (!key.canDecrypt || !certificate || key.keyType != CertificateKeyType::kRSA) continue;
+    const auto failure = failureOfDecrypting(client, key, *certificate, pins);
+    evidence.add(key, failure ? "does not decrypt" : "decrypts PKCS #1 v1.5");
+    if (failure)
+      findings.push_back({kDecryptionFails, saysNothing(*failure) ? Severity::kUnknown : Severity::kFailure,
+                          subjectOf(key), failure->why});
+  }
+  if (evidence.isEmpty()) return checks.skip(name, "no RSA key of the card decrypts");
+  checks.add(name, evidence.text(), std::move(findings));
+}
+
+}  // namespace mirel

@@ -1,0 +1,125 @@
+#include <gmock/gmock.h>
+
+#include "EndToEndTest.h"
+
+namespace mirel::test {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+/// What `mireltoken doctor` says of a card that signs and decrypts, without and with a login.
+class Doctor : public EndToEndTest {
+ protected:
+  Doctor() : EndToEndTest{severalKeys()} {}
+
+  /// With the tests' own PC/SC library, behind which no service runs.
+  [[nodiscard]] Result examined(Invocation call) const {
+    call.environment["LD_LIBRARY_PATH"] = MIREL_FAKE_PCSC_FOLDER;
+    return run(call);
+  }
+  [[nodiscard]] static std::vector<std::string> codesIn(const Json& json) {
+    std::vector<std::string> codes;
+    for (const Json& finding : json["findings"]) codes.push_back(finding["id"]);
+    return codes;
+  }
+  [[nodiscard]] static Json checkIn(const Json& json, std::string_view name) {
+    for (const Json& check : json["checks"]) {
+      if (check["name"] == name && check["severity"] != "skipped") return check;
+    }
+    return {};
+  }
+};
+
+TEST_F(Doctor, SaysOfEachCheckWhatItSawAndThenWhatToDo) {
+  const Result result = examined(staged("doctor", {{"INITIALIZE", "7"}}));
+  EXPECT_EQ(result.exitCode, 20);
+  EXPECT_EQ(result.err, "");
+  EXPECT_THAT(result.out, StartsWith("ok    module file        "));
+  EXPECT_THAT(result.out,
+              HasSubstr("\nFAIL  module starts      C_Initialize answered CKR_ARGUMENTS_BAD (0x7)"));
+  EXPECT_THAT(result.out, HasSubstr("\nskip  slots              the module wants parameters at its start\n"));
+  EXPECT_THAT(result.out, HasSubstr("\n\nMT-M06  the module wants parameters at its start\n"
+                                    "  Seen    C_Initialize answered CKR_ARGUMENTS_BAD (0x7)"));
+  EXPECT_THAT(result.out, HasSubstr("\n  Do      put the module behind p11-kit-proxy"));
+  EXPECT_THAT(result.out, HasSubstr("\n  Who     the administrator of this computer\n"));
+  EXPECT_THAT(linesOf(result.out).back(), ::testing::MatchesRegex("17 checks: 1 failure, .*skipped\\."));
+}
+
+TEST_F(Doctor, SaysTheSameAsJson) {
+  const Json json = Json::parse(examined(staged("doctor --json", {{"INITIALIZE", "7"}})).out);
+  EXPECT_EQ(json["verdict"], "failure");
+  EXPECT_EQ(checkIn(json, "module starts")["findings"], Json::array({"MT-M06"}));
+  ASSERT_THAT(codesIn(json), ElementsAre("MT-M06"));
+  const Json& finding = json["findings"][0];
+  EXPECT_EQ(finding["severity"], "failure");
+  EXPECT_EQ(finding["who"], "administrator");
+  for (const char* key : {"subject", "evidence", "title", "why", "remedy"})
+    EXPECT_TRUE(finding.contains(key));
+}
+
+TEST_F(Doctor, NeedsNoPinAndAsksForNone) {
+  const Result result = examined(staged("doctor --json"));
+  EXPECT_THAT(checkIn(Json::parse(result.out), "card")["evidence"], HasSubstr("\"Card\""));
+  EXPECT_EQ(checkIn(Json::parse(result.out), "login"), Json{});
+  EXPECT_EQ(stagedCallsOf("C_Login"), 0);
+}
+
+TEST_F(Doctor, TriesTheKeysAfterALogin) {
+  const Result result = examined(stagedWithPin("doctor --login --json"));
+  const Json json = Json::parse(result.out);
+  EXPECT_THAT(checkIn(json, "signatures")["evidence"], HasSubstr("01 signs RSA-PSS, not PKCS #1 v1.5"));
+  EXPECT_THAT(checkIn(json, "decryption")["evidence"], HasSubstr("02 decrypts PKCS #1 v1.5"));
+  EXPECT_THAT(codesIn(json), ::testing::Contains("MT-K05"));
+  EXPECT_EQ(stagedCallsOf("C_Login"), 1);
+}
+
+TEST_F(Doctor, SpendsOneTryOfAWrongPinAndSaysSo) {
+  const Result result = examined(staged("doctor --login --json --pin-file " + write("wrong", kWrongPin)));
+  EXPECT_EQ(result.exitCode, 20);
+  EXPECT_THAT(codesIn(Json::parse(result.out)), ::testing::Contains("MT-P08"));
+  EXPECT_EQ(stagedCallsOf("C_Login"), 1);
+}
+
+TEST_F(Doctor, WarnsByItsExitCode) {
+  const Result result = examined(staged("doctor", {{"TOKEN_FLAGS", "10000"}}));
+  EXPECT_THAT(result.out, HasSubstr("\nwarn  PIN"));
+}
+
+TEST_F(Doctor, ExaminesAModuleThatIsNotThere) {
+  const Result result = examined(invocation({"doctor", "--module", path("none.so")}));
+  EXPECT_EQ(result.exitCode, 20);
+  EXPECT_THAT(result.out, HasSubstr("MT-M01  there is no module file"));
+}
+
+TEST_F(Doctor, TakesNoPinThatItDoesNotUse) {
+  expectFailure(examined(stagedWithPin("doctor")), 2, {"a PIN is of no use without --login"});
+}
+
+class Explain : public EndToEndTest {};
+
+TEST_F(Explain, ShowsAFindingOrAll) {
+  expectOutput(run(invocation("explain mt-r01")),
+               "MT-R01  no reader is connected\n"
+               "  Why     a card is reached through a reader\n"
+               "  Do      connect a reader\n"
+               "  Who     you\n");
+  EXPECT_EQ(Json::parse(run(invocation("explain MT-R01 --json")).out)["id"], "MT-R01");
+  const Result all = run(invocation("explain"));
+  expectSuccess(all);
+  EXPECT_THAT(all.out, HasSubstr("\nMT-P08  the card did not accept the PIN\n"));
+  EXPECT_EQ(Json::parse(run(invocation("explain --json")).out)["findings"].size() + 1,
+            linesOf(all.out).size());
+}
+
+TEST_F(Explain, NamesWhatIsNearToAnUnknownOne) {
+  const std::pair<const char*, const char*> rows[] = {
+      {"MT-R1", "\"MT-R1\"; near to it are MT-R01"}, {"r01", "near to it are MT-R01"}, {"MT-R99", "MT-R09"}};
+  for (const auto& [word, text] : rows)
+    expectFailure(run(invocation({"explain", word})), 2, {text, "mireltoken explain"});
+  expectFailure(run(invocation("explain something")), 2, {"there is no finding \"something\"; see all"});
+}
+
+}  // namespace
+}  // namespace mirel::test

@@ -1,0 +1,118 @@
+#include <openssl/rsa.h>
+
+#include "host/DoctorTest.h"
+#include "host/KeyClientTest.h"
+
+namespace mirel::test {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using enum FindingID;
+
+/// Hands on to the pins of a test.
+class Forwarded final : public PinSource {
+ public:
+  explicit Forwarded(GivenPins& pins) : pins_{pins} {}
+  Result<std::shared_ptr<const SecretText>> askForPin(const std::string& tokenLabel) override {
+    return pins_.askForPin(tokenLabel);
+  }
+  void showRefusal(const std::string& text) override { pins_.showRefusal(text); }
+  [[nodiscard]] bool canAskAgain() const override { return pins_.canAskAgain(); }
+
+ private:
+  GivenPins& pins_;
+};
+
+class DoctorTrials : public KeyClientTest {
+ protected:
+  [[nodiscard]] Diagnosis diagnosis() { return diagnosisWith(pins); }
+  [[nodiscard]] Diagnosis diagnosisWith(GivenPins& given) {
+    Examination wanted{{std::nullopt, true}};
+    wanted.pins = [&given](Host&, const Reader&) { return std::make_unique<Forwarded>(given); };
+    return diagnose(services(), wanted);
+  }
+  /// The codes of that check's findings.
+  [[nodiscard]] std::vector<std::string> codesOfCheck(const Diagnosis& found, const char* name) const {
+    return codesOf(Diagnosis{{checkIn(found, name)}});
+  }
+};
+
+TEST_F(DoctorTrials, TryEachKeyOnceWithOnePin) {
+  // Pads what is shorter than a block.
+  script.hook<&CK_FUNCTION_LIST::C_Sign>([&](auto real, CK_SESSION_HANDLE session, CK_BYTE_PTR data,
+                                             CK_ULONG dataLen, CK_BYTE_PTR out, CK_ULONG_PTR outLen) {
+    const CK_RV rv = real(session, data, dataLen, out, outLen);
+    if (rv != CKR_OK || !out) return rv;
+    const Value block(data, data + dataLen);
+    const Value made =
+        dataLen == key.blockSize() ? key.rawPrivate(block) : key.signature(block, nullptr, RSA_PKCS1_PADDING);
+    std::copy(made.begin(), made.end(), out);
+    return rv;
+  });
+  const Diagnosis found = diagnosis();
+  EXPECT_EQ(checkIn(found, "signatures").evidence,
+            "01 signs RSA-PSS and PKCS #1 v1.5; 03 never signs here, not tried");
+  EXPECT_EQ(checkIn(found, "login").evidence, "the card accepts the PIN");
+  EXPECT_EQ(checkIn(found, "decryption").evidence, "02 decrypts PKCS #1 v1.5");
+  EXPECT_EQ(pins.timesAsked(), 1U);
+  EXPECT_EQ(script.countOf("C_Decrypt"), 1U);
+}
+
+TEST_F(DoctorTrials, FindAModuleThatDoesNotPad) {
+  const Diagnosis found = diagnosis();
+  EXPECT_EQ(checkIn(found, "signatures").evidence,
+            "01 signs RSA-PSS, not PKCS #1 v1.5; 03 never signs here, not tried");
+  const Finding finding = findingIn(found, kNoPkcs1Signatures);
+  EXPECT_EQ(finding.severity, Severity::kWarning);
+  EXPECT_EQ(finding.subject, "key \"01\"");
+  EXPECT_THAT(finding.evidence, HasSubstr("does not pad"));
+  EXPECT_THAT(codesOfCheck(found, "decryption"), IsEmpty());
+}
+
+TEST_F(DoctorTrials, FindKeysThatDoNotWork) {
+  script.failCallOf("C_Sign", 0, CKR_FUNCTION_FAILED, Times::kFromThenOn);
+  script.failCallOf("C_Decrypt", 0, CKR_FUNCTION_FAILED, Times::kFromThenOn);
+  const Diagnosis found = diagnosis();
+  EXPECT_THAT(codesOfCheck(found, "signatures"), ElementsAre("MT-K08"));
+  EXPECT_THAT(codesOfCheck(found, "decryption"), ElementsAre("MT-K09"));
+  EXPECT_THAT(findingIn(found, kSignatureFails).evidence, HasSubstr("C_Sign answered CKR_FUNCTION_FAILED"));
+  EXPECT_EQ(found.verdict(), Severity::kFailure);
+}
+
+TEST_F(DoctorTrials, FindAPlainTextThatIsAnotherOne) {
+  script.deviations.plainText = Value(32, 0x55);
+  EXPECT_THAT(findingIn(diagnosis(), kDecryptionFails).evidence, HasSubstr("another one than was encrypted"));
+}
+
+TEST_F(DoctorTrials, EndWithALoginThatFails) {
+  const struct {
+    const char16_t* pin;
+    CK_RV answer;
+    const char* code;
+  } rows[] = {{u"999999", CKR_PIN_INCORRECT, "MT-P08"},
+              {u"123456", CKR_PIN_LOCKED, "MT-P01"},
+              {u"123456789", CKR_OK, "MT-P05"}};
+  for (const auto& [pin, answer, code] : rows) {
+    SCOPED_TRACE(code);
+    startAnew();
+    GivenPins given{{pin}};
+    given.again = false;
+    if (answer != CKR_OK) script.failCallOf("C_Login", 0, answer);
+    const Diagnosis found = diagnosisWith(given);
+    EXPECT_THAT(codesOfCheck(found, "login"), ElementsAre(code));
+    EXPECT_EQ(checkIn(found, "signatures").severity, Severity::kSkipped);
+    EXPECT_EQ(script.countOf("C_Sign"), 0U);
+  }
+}
+
+TEST_F(DoctorTrials, AreNotMadeWhereThePinCouldGoToAnotherCard) {
+  (void)script.addSlot("Reader B", emptyCard("B", "2"));
+  const Diagnosis found = diagnosis();
+  EXPECT_THAT(checkIn(found, "login").evidence, HasSubstr("several cards"));
+  EXPECT_EQ(pins.timesAsked(), 0U);
+}
+
+}  // namespace
+}  // namespace mirel::test
