@@ -218,6 +218,26 @@ TEST_F(Doctor, ExaminesEachCardOrTheOneThatIsNamed) {
   EXPECT_EQ(none.verdict(), Severity::kFailure);
 }
 
+TEST_F(Doctor, TellsOfACardThatCannotBeRead) {
+  for (const char* function : {"C_GetTokenInfo", "C_OpenSession"}) {
+    SCOPED_TRACE(function);
+    script.reset();
+    script.failCallOf(function, 0, CKR_DEVICE_ERROR, Times::kFromThenOn);
+    const Diagnosis found = diagnosis();
+    const Finding unreadable = findingIn(found, FindingID::kTokenUnreadable);
+    EXPECT_EQ(unreadable.severity, Severity::kFailure);
+    EXPECT_THAT(unreadable.evidence, HasSubstr(std::string{function} + " answered CKR_DEVICE_ERROR"));
+  }
+}
+
+TEST_F(Doctor, TellsOfACardThatIsNotInitialisedWhereThereIsNoOther) {
+  script.card().info.flags = CKF_RNG;
+  script.failCallOf("C_OpenSession", 0, CKR_TOKEN_NOT_RECOGNIZED, Times::kFromThenOn);
+  const Diagnosis found = diagnosis();
+  EXPECT_THAT(codesOf(found), ElementsAre("MT-T02"));
+  EXPECT_EQ(checkIn(found, "objects").evidence, "the card is not initialised");
+}
+
 // ---- The PIN ----
 
 TEST_F(Doctor, TellsTheStateOfThePin) {

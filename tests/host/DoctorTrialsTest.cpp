@@ -52,21 +52,23 @@ TEST_F(DoctorTrials, TryEachKeyOnceWithOnePin) {
     return rv;
   });
   const Diagnosis found = diagnosis();
-  EXPECT_EQ(checkIn(found, "signatures").evidence,
-            "01 signs RSA-PSS and PKCS #1 v1.5; 03 never signs here, not tried");
+  EXPECT_EQ(
+      checkIn(found, "signatures").evidence,
+      "key 3031 \"Signer\" signs RSA-PSS and PKCS #1 v1.5; key 3033 \"Curve\" never signs here, not tried");
   EXPECT_EQ(checkIn(found, "login").evidence, "the card accepts the PIN");
-  EXPECT_EQ(checkIn(found, "decryption").evidence, "02 decrypts PKCS #1 v1.5");
+  EXPECT_EQ(checkIn(found, "decryption").evidence, "key 3032 \"Vault\" decrypts PKCS #1 v1.5");
   EXPECT_EQ(pins.timesAsked(), 1U);
   EXPECT_EQ(script.countOf("C_Decrypt"), 1U);
 }
 
 TEST_F(DoctorTrials, FindAModuleThatDoesNotPad) {
   const Diagnosis found = diagnosis();
-  EXPECT_EQ(checkIn(found, "signatures").evidence,
-            "01 signs RSA-PSS, not PKCS #1 v1.5; 03 never signs here, not tried");
+  EXPECT_EQ(
+      checkIn(found, "signatures").evidence,
+      "key 3031 \"Signer\" signs RSA-PSS, not PKCS #1 v1.5; key 3033 \"Curve\" never signs here, not tried");
   const Finding finding = findingIn(found, kNoPkcs1Signatures);
   EXPECT_EQ(finding.severity, Severity::kWarning);
-  EXPECT_EQ(finding.subject, "key \"01\"");
+  EXPECT_EQ(finding.subject, "key 3031 \"Signer\"");
   EXPECT_THAT(finding.evidence, HasSubstr("does not pad"));
   EXPECT_THAT(codesOfCheck(found, "decryption"), IsEmpty());
 }

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <utility>
 
-#include "doctor/CardLook.h"
 #include "doctor/KeyTrials.h"
 #include "host/Display.h"
 #include "host/DistinctItems.h"
@@ -21,62 +20,41 @@ constexpr const char* kKeys = "keys";
 constexpr const char* kLogin = "login";
 constexpr const char* kTrials[] = {"signatures", "decryption"};
 
-bool hasFlag(const Reader& reader, const char* name) {
-  return std::find(reader.tokenFlags.begin(), reader.tokenFlags.end(), name) != reader.tokenFlags.end();
-}
-
-void checkPin(Host& host, const Reader& reader, Checks& checks) {
-  const auto state = host.pinState(reader);
-  if (!state) return checks.add(kPin, Severity::kUnknown, state.failure().why);
-  std::vector<Finding> findings;
-  const auto add = [&](FindingID id, Severity severity, std::string evidence) {
-    findings.push_back({id, severity, {}, std::move(evidence)});
-  };
-  switch (state->tries) {
-    case PinState::Tries::kNone:
-      add(kPinLocked, Severity::kFailure, "the flag USER_PIN_LOCKED is set");
-      break;
-    case PinState::Tries::kLast:
-      add(kPinLastTry, Severity::kWarning, "the flag USER_PIN_FINAL_TRY is set");
-      break;
-    case PinState::Tries::kFewer:
-      add(kPinTriesFewer, Severity::kWarning, "the flag USER_PIN_COUNT_LOW is set");
-      break;
-    case PinState::Tries::kNoWord: break;
-  }
-  if (!state->obstacle.empty())
-    add(state->enteredAtReader ? kPinPad : kPinTooLong, Severity::kFailure, state->obstacle);
-  const bool needed = hasFlag(reader, "LOGIN_REQUIRED");
-  if (needed && !hasFlag(reader, "USER_PIN_INITIALIZED"))
-    add(kPinNotSet, Severity::kFailure, "the flag USER_PIN_INITIALIZED is not set");
-  // A number that says how many are left is wanted when a wrong one was entered.
-  const bool counts = state->tries == PinState::Tries::kFewer || state->tries == PinState::Tries::kLast;
-  if (counts && host.triesLeft(reader) == std::optional<std::uint64_t>{0})
-    add(kPinCountUnknown, Severity::kUnknown, "the session information has the number 0");
-  checks.add(kPin,
-             !state->text.empty() ? state->text
-             : needed             ? "the flags tell of no wrong PIN"
-                                  : "the card wants none",
-             std::move(findings));
-}
-
 /// Whether a finding is of the kind with that letter in its code.
 bool isOf(char letter, const Finding& finding) { return entryOf(finding.id).code[3] == letter; }
 
-std::vector<Finding> findingsOf(char letter, const CardLook& look) {
+std::vector<Finding> findingsOf(char letter, const CardReport& report) {
   std::vector<Finding> findings;
-  std::copy_if(look.findings.begin(), look.findings.end(), std::back_inserter(findings),
+  std::copy_if(report.findings.begin(), report.findings.end(), std::back_inserter(findings),
                [letter](const Finding& finding) { return isOf(letter, finding); });
   return findings;
+}
+
+void checkPin(Host& host, const Reader& reader, const CardReport& report, Checks& checks) {
+  std::vector<Finding> findings = findingsOf('P', report);
+  const auto has = [&](FindingID id) {
+    return std::any_of(findings.begin(), findings.end(),
+                       [id](const Finding& finding) { return finding.id == id; });
+  };
+  // A number that says how many are left is wanted when a wrong one was entered.
+  const bool counts = has(kPinTriesFewer) || has(kPinLastTry);
+  if (counts && host.triesLeft(reader) == std::optional<std::uint64_t>{0})
+    findings.push_back(
+        {kPinCountUnknown, Severity::kUnknown, "PIN", "the session information has the number 0"});
+  std::string evidence = "the card wants none";
+  if (!findings.empty()) evidence = findings.front().evidence;
+  // What is as it should be is evidence alone.
+  std::erase_if(findings, [](const Finding& finding) { return finding.severity == Severity::kOk; });
+  checks.add(kPin, std::move(evidence), std::move(findings));
 }
 
 std::string countOf(std::size_t number, const char* what) {
   return std::to_string(number) + " " + what + (number == 1 ? "" : "s");
 }
 
-std::string textOf(const std::vector<CardLook::Key>& keys) {
+std::string textOf(const std::vector<KeyReport>& keys) {
   std::string text;
-  for (const CardLook::Key& key : keys) {
+  for (const KeyReport& key : keys) {
     if (!text.empty()) text += "; ";
     text += displayed(key.objectID);
     if (!key.works.empty()) text += " " + key.works;
@@ -84,11 +62,22 @@ std::string textOf(const std::vector<CardLook::Key>& keys) {
   return text.empty() ? "none" : text;
 }
 
-void addLook(const CardLook& look, std::size_t numItems, Checks& checks) {
-  checks.add(kObjects,
-             countOf(numItems, "item") + " published, " + countOf(look.numUnpublished, "object") + " not",
-             findingsOf('C', look));
-  checks.add(kKeys, textOf(look.keys), findingsOf('K', look));
+/// What is well is no finding, and what only a trial tells is none where the trial is made.
+std::vector<Finding> keyFindings(const CardReport& report, bool withTrials) {
+  std::vector<Finding> findings = findingsOf('K', report);
+  std::erase_if(findings, [withTrials](const Finding& finding) {
+    const bool byTrial = finding.id == kNoPkcs1Signatures && finding.severity == Severity::kUnknown;
+    return finding.severity == Severity::kOk || (withTrials && byTrial);
+  });
+  return findings;
+}
+
+void addReport(const CardReport& report, std::size_t numItems, bool withTrials, Checks& checks) {
+  checks.add(
+      kObjects,
+      countOf(numItems, "item") + " published, " + countOf(report.unpublished.size(), "object") + " not",
+      findingsOf('C', report));
+  checks.add(kKeys, textOf(report.keys), keyFindings(report, withTrials));
 }
 
 void skipLogin(Checks& checks, const std::string& reason) {
@@ -118,7 +107,8 @@ bool checkLogin(const Result<void>& accepted, Checks& checks) {
   }
 }
 
-void tryKeys(Host& host, const InsertedCard& card, const CardLook& look, PinSource& pins, Checks& checks) {
+void tryKeys(Host& host, const InsertedCard& card, const CardReport& report, PinSource& pins,
+             Checks& checks) {
   const auto client = host.newClient(card);
   const auto refuse = [&](const std::string& reason) {
     for (const char* name : kTrials) checks.skip(name, reason);
@@ -128,24 +118,29 @@ void tryKeys(Host& host, const InsertedCard& card, const CardLook& look, PinSour
     return refuse("there is no login");
   }
   if (!checkLogin((*client)->logIn(pins), checks)) return refuse("there is no login");
-  const CardLook after = lookAtCard(host, card, true);
+  const CardReport after = host.examine(card, true);
   std::vector<Finding> more;
   for (const Finding& finding : after.findings) {
-    const bool known = std::any_of(look.findings.begin(), look.findings.end(), [&](const Finding& other) {
+    const bool known = std::any_of(report.findings.begin(), report.findings.end(), [&](const Finding& other) {
       return other.id == finding.id && other.subject == finding.subject;
     });
     if (!known) more.push_back(finding);
   }
   checks.add("private keys", countOf(more.size(), "finding") + " more after the login", more);
   trySigning(**client, card, after, pins, kTrials[0], checks);
-  tryDecrypting(**client, card, pins, kTrials[1], checks);
+  tryDecrypting(**client, card, after, pins, kTrials[1], checks);
+}
+
+void skipAfterCard(Checks& checks, const std::string& reason) {
+  for (const char* name : {kPin, kObjects, kKeys}) checks.skip(name, reason);
+  skipLogin(checks, reason);
 }
 
 }  // namespace
 
 void skipCardChecks(Checks& checks, const std::string& reason) {
-  for (const char* name : {kCard, kPin, kObjects, kKeys}) checks.skip(name, reason);
-  skipLogin(checks, reason);
+  checks.skip(kCard, reason);
+  skipAfterCard(checks, reason);
 }
 
 void checkCard(Host& host, const Reader& reader, const PinsForReader& pins, const std::string& whyNoLogin,
@@ -153,32 +148,38 @@ void checkCard(Host& host, const Reader& reader, const PinsForReader& pins, cons
   if (reader.unreadable) {
     const std::string& why = reader.unreadable->why;
     checks.add(kCard, why, {{kTokenUnreadable, Severity::kFailure, {}, why}});
-    return;
+    return skipAfterCard(checks, "the card cannot be read");
   }
   const auto card = host.insert(reader.name);
   if (!card) {
-    const CardLook look = lookAtCard(host, reader);
-    std::vector<Finding> findings = findingsOf('T', look);
-    if (look.findings.empty())
-      findings.push_back({kTokenUnreadable, Severity::kFailure, {}, card.failure().why});
-    if (findings.empty()) {
-      checks.add(kCard, Severity::kFailure, card.failure().why);
-    } else {
-      checks.add(kCard, card.failure().why, std::move(findings));
+    const std::string& why = card.failure().why;
+    if (!reader.tokenInitialised) {
+      checks.add(kCard, why, {{kTokenNotInitialised, Severity::kFailure, {}, why}});
+      return skipAfterCard(checks, "the card is not initialised");
     }
-    checkPin(host, reader, checks);
-    addLook(look, 0, checks);
+    const CardReport report = host.examine(reader);
+    std::vector<Finding> findings = findingsOf('T', report);
+    // An object that hides the card is told with the objects.
+    if (findings.empty() && !report.hidden)
+      findings.push_back({kTokenUnreadable, Severity::kFailure, {}, why});
+    if (findings.empty()) {
+      checks.add(kCard, Severity::kFailure, why);
+    } else {
+      checks.add(kCard, why, std::move(findings));
+    }
+    checkPin(host, reader, report, checks);
+    addReport(report, 0, false, checks);
     return skipLogin(checks, "the card is not published");
   }
-  const CardLook look = lookAtCard(host, *card, false);
+  const CardReport report = host.examine(*card);
   checks.add(kCard,
              "\"" + displayed(reader.tokenLabel) + "\", serial number " + displayed(reader.serialNumber),
-             findingsOf('T', look));
-  checkPin(host, reader, checks);
-  addLook(look, distinctItems(card->items).size(), checks);
+             findingsOf('T', report));
+  checkPin(host, reader, report, checks);
   const auto source = pins ? pins(host, reader) : nullptr;
+  addReport(report, distinctItems(card->items).size(), source != nullptr, checks);
   if (!source) return skipLogin(checks, whyNoLogin);
-  tryKeys(host, *card, look, *source, checks);
+  tryKeys(host, *card, report, *source, checks);
 }
 
 }  // namespace mirel

@@ -36,7 +36,11 @@ class MemoryInput final : public InputSource {
   std::span<const std::uint8_t> rest_;
 };
 
-std::string subjectOf(const PublishedKey& key) { return "key \"" + displayed(key.objectID) + "\""; }
+std::string subjectOf(const CardReport& report, const PublishedKey& key) {
+  const auto known = std::find_if(report.keys.begin(), report.keys.end(),
+                                  [&](const KeyReport& one) { return one.objectID == key.objectID; });
+  return subjectOf("key", key.objectID, known == report.keys.end() ? Text{} : known->labelOnCard);
+}
 
 /// The certificate that the key's item names; null: there is none.
 const PublishedCertificate* certificateOf(const InsertedCard& card, const PublishedKey& key) {
@@ -50,9 +54,9 @@ const PublishedCertificate* certificateOf(const InsertedCard& card, const Publis
 /// Joins what is said of each key.
 class Evidence {
  public:
-  void add(const PublishedKey& key, const std::string& text) {
+  void add(const std::string& subject, const std::string& text) {
     if (!text_.empty()) text_ += "; ";
-    text_.append(displayed(key.objectID)).append(" ").append(text);
+    text_.append(subject).append(" ").append(text);
   }
   [[nodiscard]] bool isEmpty() const noexcept { return text_.empty(); }
   [[nodiscard]] const std::string& text() const noexcept { return text_; }
@@ -100,53 +104,55 @@ bool saysNothing(const Failure& failure) {
          failure.kind == FailureKind::kInternal || failure.kind == FailureKind::kNotSupported;
 }
 
-bool worksForNothing(const CardLook& look, const PublishedKey& key) {
-  return std::any_of(look.keys.begin(), look.keys.end(), [&](const CardLook::Key& known) {
+bool worksForNothing(const CardReport& report, const PublishedKey& key) {
+  return std::any_of(report.keys.begin(), report.keys.end(), [&](const KeyReport& known) {
     return known.objectID == key.objectID && known.worksForNothing;
   });
 }
 
 }  // namespace
 
-void trySigning(KeyClient& client, const InsertedCard& card, const CardLook& look, PinSource& pins,
+void trySigning(KeyClient& client, const InsertedCard& card, const CardReport& report, PinSource& pins,
                 const char* name, Checks& checks) {
   Evidence evidence;
   std::vector<Finding> findings;
   for (const PublishedKey& key : keysOf(card)) {
     const PublishedCertificate* certificate = certificateOf(card, key);
     if (!key.canSign || !certificate) continue;
-    if (key.keyType != CertificateKeyType::kRSA || worksForNothing(look, key)) {
-      evidence.add(key, "never signs here, not tried");
+    const std::string subject = subjectOf(report, key);
+    if (key.keyType != CertificateKeyType::kRSA || worksForNothing(report, key)) {
+      evidence.add(subject, "never signs here, not tried");
       continue;
     }
     if (const auto failure = failureOfSigning(client, key, *certificate, kPss, pins)) {
-      evidence.add(key, "does not sign");
+      evidence.add(subject, "does not sign");
       findings.push_back({kSignatureFails, saysNothing(*failure) ? Severity::kUnknown : Severity::kFailure,
-                          subjectOf(key), failure->why});
+                          subject, failure->why});
       continue;
     }
     const auto failure = failureOfSigning(client, key, *certificate, kPkcs1, pins);
-    evidence.add(key, failure ? "signs RSA-PSS, not PKCS #1 v1.5" : "signs RSA-PSS and PKCS #1 v1.5");
+    evidence.add(subject, failure ? "signs RSA-PSS, not PKCS #1 v1.5" : "signs RSA-PSS and PKCS #1 v1.5");
     // A key that wants the PIN for each use has not said anything about its padding.
     if (failure && failure->kind == FailureKind::kVerificationFailed)
-      findings.push_back({kNoPkcs1Signatures, Severity::kWarning, subjectOf(key), failure->why});
+      findings.push_back({kNoPkcs1Signatures, Severity::kWarning, subject, failure->why});
   }
   if (evidence.isEmpty()) return checks.skip(name, "no key of the card signs");
   checks.add(name, evidence.text(), std::move(findings));
 }
 
-void tryDecrypting(KeyClient& client, const InsertedCard& card, PinSource& pins, const char* name,
-                   Checks& checks) {
+void tryDecrypting(KeyClient& client, const InsertedCard& card, const CardReport& report, PinSource& pins,
+                   const char* name, Checks& checks) {
   Evidence evidence;
   std::vector<Finding> findings;
   for (const PublishedKey& key : keysOf(card)) {
     const PublishedCertificate* certificate = certificateOf(card, key);
     if (!key.canDecrypt || !certificate || key.keyType != CertificateKeyType::kRSA) continue;
+    const std::string subject = subjectOf(report, key);
     const auto failure = failureOfDecrypting(client, key, *certificate, pins);
-    evidence.add(key, failure ? "does not decrypt" : "decrypts PKCS #1 v1.5");
+    evidence.add(subject, failure ? "does not decrypt" : "decrypts PKCS #1 v1.5");
     if (failure)
       findings.push_back({kDecryptionFails, saysNothing(*failure) ? Severity::kUnknown : Severity::kFailure,
-                          subjectOf(key), failure->why});
+                          subject, failure->why});
   }
   if (evidence.isEmpty()) return checks.skip(name, "no RSA key of the card decrypts");
   checks.add(name, evidence.text(), std::move(findings));
