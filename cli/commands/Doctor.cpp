@@ -28,20 +28,19 @@ std::string markOf(Severity severity) {
   return {};
 }
 
-std::string checksText(const std::vector<Check>& checks) {
-  std::size_t width = 0;
-  for (const Check& check : checks) width = std::max(width, check.name.size());
+/// The line of one check; before the first about another card one that names its reader.
+std::string checkText(const Check& check, std::string& ioReader) {
+  constexpr std::size_t kMarkWidth = 6;
+  constexpr std::size_t kNameWidth = 19;
   std::string text;
-  std::string reader;
-  for (const Check& check : checks) {
-    if (check.reader != reader)
-      text += check.reader.empty() ? "\n" : "\nCard in reader \"" + check.reader + "\"\n";
-    reader = check.reader;
-    const std::string mark = markOf(check.severity);
-    text += mark + std::string(6 - mark.size(), ' ') + check.name +
-            std::string(width - check.name.size() + 2, ' ') + check.evidence + "\n";
-  }
-  return text;
+  if (check.reader != ioReader)
+    text += check.reader.empty() ? "\n" : "\nCard in reader \"" + check.reader + "\"\n";
+  ioReader = check.reader;
+  std::string start = markOf(check.severity);
+  start.resize(kMarkWidth, ' ');
+  start += check.name;
+  start.resize(std::max(start.size() + 1, kMarkWidth + kNameWidth), ' ');
+  return text + start + check.evidence + "\n";
 }
 
 std::string findingText(const Finding& finding) {
@@ -69,8 +68,8 @@ std::string summaryOf(const Diagnosis& diagnosis) {
          std::to_string(count(Severity::kSkipped)) + " skipped.\n";
 }
 
-std::string textOf(const Diagnosis& diagnosis) {
-  std::string text = checksText(diagnosis.checks);
+std::string endOf(const Diagnosis& diagnosis) {
+  std::string text;
   for (const Finding& finding : diagnosis.findings()) text += findingText(finding);
   return text + "\n" + summaryOf(diagnosis);
 }
@@ -120,9 +119,19 @@ Result<void> run(Session& session) {
     return Failure{FailureKind::kBadInput, "wrong usage", "a PIN is of no use without --login",
                    "see mireltoken doctor --help"};
   }
+  // Each check at once: the next one may wait for a card that does not answer.
+  Result<void> written;
+  std::string reader;
+  if (!options.json) {
+    wanted.onCheck = [&](const Check& check) {
+      const std::string text = checkText(check, reader);
+      if (written) written = writeOutput(text);
+    };
+  }
   const Diagnosis diagnosis = diagnose(session.services(), wanted);
+  if (!written) return written;
   session.setExitCode(exitCodeOf(diagnosis.verdict()));
-  return writeOutput(options.json ? jsonText(diagnosis) : textOf(diagnosis));
+  return writeOutput(options.json ? jsonText(diagnosis) : endOf(diagnosis));
 }
 
 constexpr CommandOption kOptions[] = {

@@ -34,6 +34,20 @@ class Doctor : public HostTest {
   std::shared_ptr<FakeCardService> service = std::make_shared<FakeCardService>();
 };
 
+TEST_F(Doctor, TellsEachCheckWhenItWasMade) {
+  Examination wanted{{std::nullopt, true}};
+  std::vector<std::string> told;
+  std::size_t callsAtSlots = 0;
+  wanted.onCheck = [&](const Check& check) {
+    told.push_back(check.name);
+    if (check.name == "module starts") callsAtSlots = script.countOf("C_GetSlotList");
+  };
+  const Diagnosis found = diagnosis(wanted);
+  EXPECT_EQ(told.size(), found.checks.size());
+  EXPECT_EQ(told.front(), "module file");
+  EXPECT_EQ(callsAtSlots, 0U);
+}
+
 TEST_F(Doctor, GoesFromTheModulesFileToTheKeysAndTellsOfEachCheck) {
   service->view.readers = {{"Reader A 00", InReader::kPresent, false, false, "3B00"}};
   const Diagnosis found = diagnosis();

@@ -42,7 +42,8 @@ struct Examination {
   ModuleChoice module{};
   Text reader{};         ///< its name (see `Host::insert`); null: all with a card
   PinsForReader pins{};  ///< with it one card alone is examined: a PIN is never sent to a card by mistake
-  std::chrono::milliseconds slowCall{2000};  ///< a call of the module that takes longer is told
+  std::chrono::milliseconds slowCall{2000};     ///< a call of the module that takes longer is told
+  std::function<void(const Check&)> onCheck{};  ///< is told of each check when it was made; may be empty
 };
 
 /// Examines module, card service, readers, PIN and card, one check after the other. A check that cannot be

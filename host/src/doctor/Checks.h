@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -11,14 +12,16 @@ namespace mirel {
 /// The checks that were made so far.
 class Checks {
  public:
+  explicit Checks(std::function<void(const Check&)> onCheck) : onCheck_{std::move(onCheck)} {}
+
   /// A check that found these things (none: all is well).
   void add(const char* name, std::string evidence, std::vector<Finding> findings = {}) {
     const Severity severity = worstOf(findings);
-    checks_.push_back({name, severity, std::move(evidence), std::move(findings), reader_});
+    append({name, severity, std::move(evidence), std::move(findings), reader_});
   }
   /// A check that came to something for which there is no finding.
   void add(const char* name, Severity severity, std::string evidence) {
-    checks_.push_back({name, severity, std::move(evidence), {}, reader_});
+    append({name, severity, std::move(evidence), {}, reader_});
   }
   void skip(const char* name, std::string reason) { add(name, Severity::kSkipped, std::move(reason)); }
 
@@ -29,6 +32,12 @@ class Checks {
   [[nodiscard]] Diagnosis diagnosis() && { return {std::move(checks_)}; }
 
  private:
+  void append(Check check) {
+    checks_.push_back(std::move(check));
+    if (onCheck_) onCheck_(checks_.back());
+  }
+
+  std::function<void(const Check&)> onCheck_;
   std::vector<Check> checks_;
   std::string reader_;
 };

@@ -111,7 +111,7 @@ Severity Diagnosis::verdict() const {
 }
 
 Diagnosis diagnose(PlatformServices services, const Examination& wanted) {
-  Checks checks;
+  Checks checks{wanted.onCheck};
   const auto calls = std::make_shared<CallClock>(std::exchange(services.observer, nullptr));
   const auto looks = std::make_shared<CallClock>(std::exchange(services.inspectionObserver, nullptr));
   services.observer = calls;

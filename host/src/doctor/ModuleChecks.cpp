@@ -194,14 +194,18 @@ void checkReaders(const PlatformServices& services, const std::optional<std::vec
   std::vector<Finding> silent{std::make_move_iterator(findings.begin()), std::make_move_iterator(ofService)};
   findings.erase(findings.begin(), ofService);
 
+  const bool isMissed = !silent.empty();
   if (view.state == CardServiceView::State::kAnswers) {
     checks.add(kService, textOf(view.readers));
-  } else if (!silent.empty()) {
+  } else if (isMissed) {
     checks.add(kService, printableLine(view.evidence), std::move(silent));
   } else {
     checks.skip(kService, view.evidence.empty() ? "it cannot be asked here" : printableLine(view.evidence));
   }
-  if (slots) checks.add("readers", namesOf(*slots), std::move(findings));
+  if (!slots) return;
+  if (isMissed && findings.empty())
+    return checks.skip("readers", std::string{entryOf(kCardServiceSilent).title});
+  checks.add("readers", namesOf(*slots), std::move(findings));
 }
 
 }  // namespace mirel
