@@ -16,8 +16,8 @@
 
 namespace mirel::pcsc {
 
-inline constexpr std::size_t kLongestAtr = 33;                // bytes
-inline constexpr std::size_t kLargestReaderList = 64 * 1024;  // bytes
+inline constexpr std::size_t kLongestAtr = 33;            // bytes
+inline constexpr std::size_t kLargestReaderList = 65536;  // bytes
 inline constexpr std::size_t kMostReaders = 64;
 
 /// PC/SC as pcsc-lite has it on Linux.
@@ -51,7 +51,7 @@ struct AppleForm {
   };
 #pragma pack(pop)
 };
-static_assert(sizeof(AppleForm::ReaderState) == 2 * sizeof(void*) + 3 * 4 + kLongestAtr);
+static_assert(sizeof(AppleForm::ReaderState) == 2 * sizeof(void*) + 3 * sizeof(std::uint32_t) + kLongestAtr);
 
 // Codes, the same in their lower 32 bits everywhere.
 inline constexpr std::uint32_t kSuccess = 0;

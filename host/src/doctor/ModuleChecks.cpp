@@ -26,7 +26,7 @@ constexpr const char* kVersion = "PKCS #11 version";
 constexpr const char* kStart = "module starts";
 constexpr const char* kSlots = "slots";
 
-Finding failure(FindingID id, std::string evidence) {
+Finding failure(FindingID id, const std::string& evidence) {
   return {id, Severity::kFailure, {}, printableLine(evidence)};
 }
 
