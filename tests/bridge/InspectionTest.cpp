@@ -31,6 +31,7 @@ class InspectionUnloaded : public UnloadedBridgeTest {};
 
 TEST_F(InspectionUnloaded, AnswersThatThereIsNoFunctionList) {
   EXPECT_FALSE(bridge.hasModule());
+  EXPECT_EQ(bridge.listVersion().major, 0);
   (void)inspectAll(bridge, CKR_CRYPTOKI_NOT_INITIALIZED);
 }
 
@@ -55,6 +56,8 @@ TEST_F(Inspection, HasAnObserverOfItsOwn) {
 
 TEST_F(Inspection, IsCallsThatTheObserverIsNotToldOf) {
   EXPECT_TRUE(bridge.hasModule());
+  EXPECT_EQ(bridge.listVersion().major, 2);
+  EXPECT_EQ(bridge.listVersion().minor, 40);
   const auto [found, length] = inspectAll(bridge, CKR_OK);
   EXPECT_THAT(found, ElementsAre(kCertificate));
   EXPECT_EQ(length, 2U);

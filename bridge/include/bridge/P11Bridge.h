@@ -274,6 +274,11 @@ class P11Bridge final {
   /// True when there is a function list.
   [[nodiscard]] bool hasModule() const noexcept { return ckFunc() != nullptr; }
 
+  /// The version of the standard that the function list names; 0.0 without a list.
+  [[nodiscard]] CK_VERSION listVersion() const noexcept {
+    return hasModule() ? ckFunc()->version : CK_VERSION{};
+  }
+
   /// C_GetSlotList: all slots, or those with a token, however many there are; asked for again where one has
   /// come between counting and listing. CKR_HOST_MEMORY: the module reports more than kMaxSlots.
   /// `outSlots` has no defined content after a failure.

@@ -111,7 +111,7 @@ class ModuleExamination {
   }
 
   [[nodiscard]] Outcome version() const {
-    const CK_VERSION version = bridge_->ckFunc()->version;
+    const CK_VERSION version = bridge_->listVersion();
     const std::string minor = std::to_string(version.minor);
     return {std::to_string(version.major) + "." + (minor.size() < 2 ? "0" + minor : minor)};
   }
