@@ -1,18 +1,16 @@
 #include "host/Doctor.h"
 
 #include <algorithm>
-#include <nlohmann/json.hpp>
 
 #include "Commands.h"
 #include "FindingText.h"
+#include "Json.h"
 #include "Output.h"
 #include "PinEntry.h"
 #include "Session.h"
 
 namespace mirel::cli {
 namespace {
-
-using Json = nlohmann::ordered_json;
 
 constexpr const char* kLogin = "--login";
 
@@ -97,6 +95,7 @@ std::string jsonText(const Diagnosis& diagnosis) {
   Json findings = Json::array();
   for (const Finding& finding : diagnosis.findings()) findings.push_back(jsonOf(finding));
   return jsonLines(
+      "doctor",
       Json{{"verdict", severityName(diagnosis.verdict())}, {"checks", checks}, {"findings", findings}});
 }
 

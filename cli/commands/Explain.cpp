@@ -1,17 +1,15 @@
 #include <algorithm>
-#include <nlohmann/json.hpp>
 #include <numeric>
 
 #include "Commands.h"
 #include "FindingText.h"
+#include "Json.h"
 #include "Output.h"
 #include "Session.h"
 #include "platform/Log.h"
 
 namespace mirel::cli {
 namespace {
-
-using Json = nlohmann::ordered_json;
 
 Json jsonOf(const FindingEntry& entry) {
   return Json{{"id", entry.code},
@@ -65,7 +63,7 @@ Result<void> run(Session& session) {
     if (options.json) {
       Json all = Json::array();
       for (const FindingEntry& entry : findingCatalogue()) all.push_back(jsonOf(entry));
-      return writeOutput(jsonLines(Json{{"findings", all}}));
+      return writeOutput(jsonLines("explain", Json{{"findings", all}}));
     }
     std::vector<std::vector<std::string>> rows{{"ID", "WHAT IS FOUND"}};
     for (const FindingEntry& entry : findingCatalogue())
@@ -73,7 +71,7 @@ Result<void> run(Session& session) {
     return writeOutput(table(rows, outputIsColoured()));
   }
   if (const FindingEntry* entry = findEntry(*options.word)) {
-    if (options.json) return writeOutput(jsonLines(jsonOf(*entry)));
+    if (options.json) return writeOutput(jsonLines("explain", jsonOf(*entry)));
     return writeOutput(std::string{entry->code} + "  " + std::string{entry->title} + "\n" + bodyOf(*entry));
   }
   const std::string near = nearCodes(*options.word);

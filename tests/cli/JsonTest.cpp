@@ -45,6 +45,9 @@ TEST_F(JsonOutput, OfEachCommandFollowsItsSchema) {
     for (const std::string kind : {"readers", "items", "algorithms"})
       (void)output(kind, mireltoken(kind + " --json" + more));
   }
+  expectOutputOf("explain", mireltoken("explain --json"));
+  expectOutputOf("explain", mireltoken("explain --json MT-C02"));
+  (void)output("doctor", mireltoken("doctor --json"));
   expectOutputOf("login", runWithPin("login --json"));
   for (const std::string& more : {std::string{" --json"}, out}) {
     expectOutputOf("certificate", mireltoken("certificate --key 01" + more));
