@@ -224,7 +224,10 @@ bool isLoggedIn(const P11Bridge& bridge, CK_SESSION_HANDLE session, std::string&
 CardContents readCard(const P11Bridge& bridge, CK_SLOT_ID slotID, CertificateParser& certificates,
                       bool afterLogin) {
   CardContents contents;
-  if (!bridge.hasModule()) return contents;
+  if (!bridge.hasModule()) {
+    contents.failedRead = "there is no module";
+    return contents;
+  }
   CK_SESSION_HANDLE session = 0;
   if (const CK_RV rv = bridge.openInspection(slotID, session); rv != CKR_OK) {
     contents.failedRead = answerText({"C_OpenSession", rv});

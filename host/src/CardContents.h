@@ -50,7 +50,7 @@ struct CardContents {
   std::string failedPrivateRead;    ///< the same for private keys
 };
 
-/// Reads the card in a slot through a session of its own. Empty when the bridge has no module. `afterLogin`:
+/// Reads the card in a slot through a session of its own. `afterLogin`:
 /// a user has logged in, so private objects may show; whether they do, the session tells.
 [[nodiscard]] CardContents readCard(const P11Bridge& bridge, CK_SLOT_ID slotID,
                                     CertificateParser& certificates, bool afterLogin);

@@ -9,6 +9,7 @@
 #include "CodeMeaning.h"
 #include "EnumerationFailure.h"
 #include "FailureDiary.h"
+#include "FixedText.h"
 #include "NameList.h"
 #include "TokenFindings.h"
 #include "bridge/CardRules.h"
@@ -24,6 +25,8 @@ namespace {
 
 static_assert(kMaxPinLen == 8, "the texts name the number");
 constexpr const char* kNotInitialised = "the card is not initialised: prepare it with its maker's tool first";
+
+constexpr const char* kAnotherCard = "the reader holds another card than before";
 
 std::string bytesOf(const Bytes& data) { return {data.view().begin(), data.view().end()}; }
 
@@ -100,6 +103,10 @@ std::string culpritsText(const CardReport& report) {
   }
   if (count > kMostCulprits) text += "and " + std::to_string(count - kMostCulprits) + " more objects; ";
   return text + lostKeysText(report);
+}
+
+bool holdsAnotherCard(const std::vector<Finding>& findings) {
+  return !findings.empty() && findings.front().evidence == kAnotherCard;
 }
 
 void copyLook(const CardContents& contents, CardReport& report) {
@@ -180,6 +187,9 @@ std::vector<Finding> Host::tokenFindings(const Reader& reader, const Text& insta
         {FindingID::kTokenUnreadable, Severity::kUnknown, subject, reasonText({"C_GetTokenInfo", rv})});
     return findings;
   }
+  const bool isAnother = !reader.unreadable && (!(trimmed(token.label) == reader.tokenLabel) ||
+                                                !(trimmed(token.serialNumber) == reader.serialNumber));
+  if (isAnother) return {{FindingID::kTokenUnreadable, Severity::kUnknown, subject, kAnotherCard}};
   if ((token.flags & CKF_TOKEN_INITIALIZED) == 0) {
     findings.push_back({FindingID::kTokenNotInitialised, Severity::kFailure, subject,
                         "the flags have no TOKEN_INITIALIZED"});
@@ -188,11 +198,18 @@ std::vector<Finding> Host::tokenFindings(const Reader& reader, const Text& insta
   return findings;
 }
 
+CardContents Host::contentsOf(const Reader& reader, const std::vector<Finding>& tokenFindings,
+                              bool afterLogin) {
+  CardContents nothing;
+  nothing.failedRead = kAnotherCard;
+  if (holdsAnotherCard(tokenFindings)) return nothing;
+  return readCard(*bridge_, reader.slotID, *services_.certificates, afterLogin);
+}
+
 CardReport Host::examine(const InsertedCard& card, bool afterLogin) {
   CardReport report;
-  if (!bridge_->hasModule()) return report;
   const auto tokenFindings = this->tokenFindings(card.reader, card.instanceID);
-  CardContents contents = readCard(*bridge_, card.reader.slotID, *services_.certificates, afterLogin);
+  CardContents contents = contentsOf(card.reader, tokenFindings, afterLogin);
   explainUnpublished(contents);
   copyLook(contents, report);
   const PublishedNames published{card};
@@ -225,7 +242,7 @@ CardReport Host::examine(const Reader& reader) {
   CardReport report;
   if (!bridge_->hasModule()) return report;
   const auto tokenFindings = this->tokenFindings(reader, reader.instanceID);
-  CardContents contents = readCard(*bridge_, reader.slotID, *services_.certificates, false);
+  CardContents contents = contentsOf(reader, tokenFindings, false);
   explainUnpublished(contents);
   copyLook(contents, report);
   collectUnpublished(

@@ -6,6 +6,7 @@
 #include <sstream>
 
 #include "host/CardReportTest.h"
+#include "host/KeyChoice.h"
 
 namespace mirel::test {
 namespace {
@@ -119,6 +120,17 @@ TEST_F(CardReportReads, TellTheCallThatFailed) {
   for (const Finding& finding : report.findings)
     isTold = isTold || (finding.id == kObjectUnread && finding.evidence == report.failedRead);
   EXPECT_TRUE(isTold);
+}
+
+TEST_F(CardReportReads, SayNothingOfAnotherCardThatIsInTheReaderNow) {
+  makeCard();
+  const InsertedCard card = inserted();
+  script.insertCard(emptyCard("OTHER", "2"));
+  const CardReport report = host.examine(card);
+  EXPECT_THAT(claimsOf(report), IsEmpty());
+  EXPECT_THAT(report.unpublished, IsEmpty());
+  EXPECT_EQ(report.failedRead, "the reader holds another card than before");
+  EXPECT_EQ(report.keys.size(), keysOf(card).size());
 }
 
 TEST_F(CardReportReads, FindEachClassOnceAndReadNoAttributeTwice) {

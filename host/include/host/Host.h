@@ -21,6 +21,7 @@ namespace mirel {
 
 class CardWatch;
 class FailureDiary;
+struct CardContents;
 struct FailedCall;
 class HostToken;
 class KeyClient;
@@ -174,6 +175,8 @@ class Host {
 
   [[nodiscard]] Result<ChosenReader> chooseReader(const Text& readerName);
   [[nodiscard]] std::vector<Finding> tokenFindings(const Reader& reader, const Text& instanceID);
+  [[nodiscard]] CardContents contentsOf(const Reader& reader, const std::vector<Finding>& tokenFindings,
+                                        bool afterLogin);
   [[nodiscard]] Failure listingFailure(const Reader& reader, const std::optional<FailedCall>& cause);
   [[nodiscard]] Result<Reader> readerNamed(const Text& readerName, const std::vector<Reader>& candidates);
 
