@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "platform/CertificateFields.h"
+#include "platform/KeyUsage.h"
 
 namespace mirel {
 namespace {
@@ -38,7 +39,12 @@ constexpr PartnerTexts kNoCertificate{
     FindingID::kCertificatePrivate,
 };
 
+/// By its extensions (RFC 5280, sections 4.2.1.3 and 4.2.1.9): one that a tool made for its own key often
+/// says that it is an authority, but not that it signs certificates.
 bool isOfIssuer(const CardObject& certificate) {
+  constexpr std::int32_t kKeyCertSign = 1 << 5;
+  const auto usage = keyUsageOfCertificate(certificate.data.view());
+  if (usage && (*usage & kKeyCertSign) == 0) return false;
   const auto fields = fieldsOfCertificate(certificate.data.view());
   return certificate.about.reason.empty() && fields && fields->isAuthority;
 }

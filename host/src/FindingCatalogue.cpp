@@ -96,7 +96,7 @@ constexpr FindingEntry kEntries[] = {
     {kCertificateUnusable, "MT-C05", "a certificate cannot be used",
      "its value is no X.509 certificate in DER, and it is left out with its key",
      "have the card's issuer replace the certificate", kIssuer},
-    {kPublicKeyMissing, "MT-C06", "a certificate has no public-key object",
+    {kPublicKeyMissing, "MT-C06", "a certificate has no public key that the token sees",
      "a certificate is published only together with a public-key object of the same ID that shows without a "
      "login",
      "have the card's issuer add the public-key object, with the ID of the certificate and CKA_PRIVATE false",
@@ -104,7 +104,7 @@ constexpr FindingEntry kEntries[] = {
     {kPublicKeyPrivate, "MT-C07", "a public key is visible only after login",
      "the token lists the card before any login, and does not see it",
      "have the card's issuer make the public key public (CKA_PRIVATE false)", kIssuer},
-    {kCertificateMissing, "MT-C08", "a key has no certificate",
+    {kCertificateMissing, "MT-C08", "a key has no certificate that the token sees",
      "a key is published only together with a certificate of the same ID",
      "have the card's issuer put the certificate on the card, with the ID of the key and CKA_PRIVATE false",
      kIssuer},

@@ -102,12 +102,23 @@ TEST_F(CardReportObjects, TellsOfPrivateKeysThatAreAllThereIs) {
 }
 
 TEST_F(CardReportObjects, ExpectsNoKeyForTheCertificateOfAnIssuer) {
-  addKey("01", "Signer");
-  script.addObject(certificate(bytesOf("09"), bytesOf("Root"), authorityCertificate(rsa())));
-  const CardReport report = this->report();
-  EXPECT_THAT(troubles(report), IsEmpty());
-  ASSERT_EQ(report.unpublished.size(), 1U);
-  EXPECT_TRUE(report.unpublished.front().expected);
+  const struct {
+    std::optional<unsigned> usage;
+    bool isExpected;
+  } rows[] = {{std::nullopt, true},
+              {kForCertificates, true},
+              {kForCertificates | kForSigning, true},
+              {kForSigning, false}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.usage.value_or(0));
+    clearCard();
+    addKey("01", "Signer");
+    script.addObject(certificate(bytesOf("09"), bytesOf("Root"), authorityCertificate(row.usage)));
+    const CardReport report = this->report();
+    EXPECT_EQ(troubles(report).empty(), row.isExpected);
+    ASSERT_EQ(report.unpublished.size(), 1U);
+    EXPECT_EQ(report.unpublished.front().expected, row.isExpected);
+  }
 }
 
 // ---- Objects that do not fit ----

@@ -12,6 +12,7 @@ namespace mirel::test {
 inline constexpr unsigned kForSigning = 1U << 0U;
 inline constexpr unsigned kForDecrypting = 1U << 2U;
 inline constexpr unsigned kForAgreement = 1U << 4U;
+inline constexpr unsigned kForCertificates = 1U << 5U;
 
 /// A card that holds what a test puts on it, and what its report says.
 class CardReportTest : public HostTest {
@@ -57,8 +58,8 @@ class CardReportTest : public HostTest {
 /// "YYMMDD".
 [[nodiscard]] Value withTime(Value certificate, const std::string& from, const std::string& to);
 
-/// A certificate that may sign others.
-[[nodiscard]] Value authorityCertificate(const SoftwareKey& key);
+/// A certificate whose basic constraints say that it may sign others.
+[[nodiscard]] Value authorityCertificate(std::optional<unsigned> usage);
 
 /// The uncompressed point of a key on a curve.
 [[nodiscard]] Value pointOf(const SoftwareKey& key);
