@@ -122,7 +122,7 @@ std::string helpTextFor(const CLI::App& app, const CLI::App& shown) {
   }
   text += "\n\nOptions:\n";
   for (const CLI::Option* option : optionsOf(shown)) {
-    if (!option->get_positional()) text += optionLine(*option);
+    if (!option->get_description().empty()) text += optionLine(*option);
   }
   if (isCommand) return text.append("\n");
 

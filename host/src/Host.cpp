@@ -157,7 +157,10 @@ Result<Reader> Host::readerNamed(const Text& readerName, const std::vector<Reade
   if (!all) return all.failure();
   const CardServiceView service = viewOf(services_.cardService);
   const auto listed = std::find_if(all->begin(), all->end(), isNamed);
-  const Text& name = listed == all->end() ? readerName : listed->name;
+  const Text name =
+      listed != all->end()
+          ? listed->name
+          : Text::fromBytes({reinterpret_cast<const std::uint8_t*>(wanted.data()), wanted.size()});
   if (listed != all->end() || serviceHasReader(service, name)) {
     const std::vector<Finding> findings = findingsOfReader(name, *all, service);
     if (!findings.empty() && findings.front().id != FindingID::kReadersEmpty)

@@ -152,10 +152,10 @@ Result<PinState> Host::pinState(const Reader& reader) {
 std::optional<std::uint64_t> Host::triesLeft(const Reader& reader) {
   CK_SESSION_HANDLE session = 0;
   if (bridge_->openInspection(reader.slotID, session) != CKR_OK) return std::nullopt;
-  std::shared_ptr<PKCS11_SERVICE_INFO> record = std::make_shared<PKCS11_SERVICE_INFO>();
-  const CK_RV rv = bridge_->pkcs11_GetSessionInfo(session, &record);
+  CK_SESSION_INFO info{};
+  const CK_RV rv = bridge_->inspectSession(session, info);
   bridge_->closeInspection(session);
-  return rv == CKR_OK ? std::optional<std::uint64_t>{record->hSessionInfo().ulDeviceError} : std::nullopt;
+  return rv == CKR_OK ? std::optional<std::uint64_t>{info.ulDeviceError} : std::nullopt;
 }
 
 Failure Host::listingFailure(const Reader& reader, const std::optional<FailedCall>& cause) {

@@ -93,7 +93,8 @@ TEST_F(JsonOutput, OfAFailureTellsItsKindAndWhatStandardErrorTells) {
       {"exchange --key 01", 10, "not-supported"},
       {"certificate --key \xFF", 12, "key-not-found"},
       {"certificate --key 01 --out /nowhere/file", 14, "file-failure"},
-      {"login", 13, "card-refuses", {{"EXIT", "C_Login"}}},
+      {"login", 13, "card-refuses", {{"ANSWERS", "C_Login=30"}}},
+      {"login", 22, "module-ended-program", {{"EXIT", "C_Login"}}},
       {"login", 16, "card-gone", {{"ANSWERS", "C_Login=32"}}},
   };
   for (const auto& [arguments, exitCode, id, stage] : rows) {

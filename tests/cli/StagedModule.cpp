@@ -196,11 +196,13 @@ CK_RV tokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO_PTR info) {
 
 CK_RV initialize(CK_VOID_PTR arguments) {
   const std::string answer = variable("MIREL_STAGED_INITIALIZE");
-  return answer.empty() ? real->C_Initialize(arguments) : std::stoul(answer, nullptr, 16);
+  if (!answer.empty()) return std::stoul(answer, nullptr, 16);
+  return Staged<&CK_FUNCTION_LIST::C_Initialize, 6>::call(arguments);
 }
 
 CK_RV slotList(CK_BBOOL tokenPresent, CK_SLOT_ID_PTR list, CK_ULONG_PTR count) {
-  if (variable("MIREL_STAGED_NO_SLOTS").empty()) return real->C_GetSlotList(tokenPresent, list, count);
+  if (variable("MIREL_STAGED_NO_SLOTS").empty())
+    return Staged<&CK_FUNCTION_LIST::C_GetSlotList, 7>::call(tokenPresent, list, count);
   *count = 0;
   return CKR_OK;
 }
@@ -250,8 +252,6 @@ extern "C" __attribute__((visibility("default"))) CK_RV C_GetFunctionList(CK_FUN
   ours.C_Sign = &Staged<&CK_FUNCTION_LIST::C_Sign, 2>::call;
   ours.C_DecryptInit = &Staged<&CK_FUNCTION_LIST::C_DecryptInit, 3>::call;
   ours.C_Decrypt = &decrypt;
-  ours.C_Initialize = &Staged<&CK_FUNCTION_LIST::C_Initialize, 6>::call;
-  ours.C_GetSlotList = &Staged<&CK_FUNCTION_LIST::C_GetSlotList, 7>::call;
   ours.C_DeriveKey = &Staged<&CK_FUNCTION_LIST::C_DeriveKey, 5>::call;
   return CKR_OK;
 }
