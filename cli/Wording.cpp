@@ -23,6 +23,10 @@ std::string_view wordsOf(UserStep step) noexcept {
     case UserStep::kInstallOrNameModule:
       return "install the card software for this user, or name another module with --module";
     case UserStep::kNameHomeOrModule: return "name the home folder with --home or the module with --module";
+    case UserStep::kGivePinApart: return "give the PIN at the terminal, or with --pin-file or --pin-fd";
+    case UserStep::kNameModuleAndPinApart:
+      return "leave out what begins with \"?\"; name a module with --module, a file with the PIN with "
+             "--pin-file";
     case UserStep::kRestrictOrTrustModule:
       return "take that right away, or load it all the same with --trust-module";
   }

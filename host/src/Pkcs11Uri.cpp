@@ -77,7 +77,7 @@ Failure twice(std::string_view name) { return refused("the attribute " + quoted(
 
 Failure pinInside() {
   return refused("it has a PIN in it, which others can read in the list of processes",
-                 "give the PIN at the terminal, or with --pin-file or --pin-fd");
+                 UserStep::kGivePinApart);
 }
 
 Result<void> readText(std::string_view name, std::string_view value, std::optional<std::string>& out) {
@@ -131,9 +131,7 @@ Failure queryRefused(std::string_view query) {
     if (attribute.size() == query.size()) break;
     query.remove_prefix(attribute.size() + 1);
   }
-  return refused("it has a query, which is not looked at here",
-                 "leave out what begins with \"?\"; name a module with --module, a file with the PIN with "
-                 "--pin-file");
+  return refused("it has a query, which is not looked at here", UserStep::kNameModuleAndPinApart);
 }
 
 }  // namespace

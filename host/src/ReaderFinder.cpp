@@ -63,6 +63,7 @@ Reader readReader(const P11Bridge& bridge, CK_SLOT_ID slotID, bool withTokenOnly
   CK_TOKEN_INFO token{};
   if (const CK_RV rv = bridge.inspectToken(slotID, token); rv != CKR_OK) {
     setUnreadable(reader, {"C_GetTokenInfo", rv});
+    reader.notRecognised = rv == CKR_TOKEN_NOT_RECOGNIZED;
     return reader;
   }
   reader.tokenLabel = trimmed(token.label);

@@ -32,14 +32,13 @@ bool isAscii(const Text& text) {
 
 std::string slotInfoAnswer(const Reader& slot) { return answerText({"C_GetSlotInfo", *slot.slotFailure}); }
 
+bool showsToken(const Reader& slot) { return slot.hasToken && !slot.notRecognised; }
+
 /// Looks at each reader once.
 class ReaderExamination {
  public:
   ReaderExamination(const std::vector<Reader>& slots, const CardServiceView& service)
-      : slots_{slots},
-        service_{service},
-        hasToken_{std::any_of(slots.begin(), slots.end(), [](const Reader& slot) { return slot.hasToken; })} {
-  }
+      : slots_{slots}, service_{service}, hasToken_{std::any_of(slots.begin(), slots.end(), &showsToken)} {}
 
   [[nodiscard]] std::vector<Finding> findings() && {
     if (serviceIsMissed()) add(kCardServiceSilent, {}, printableLine(service_.evidence));
@@ -73,7 +72,7 @@ class ReaderExamination {
     const Reader* first = nullptr;
     for (const Reader& slot : slots_) {
       if (slot.slotFailure || !(slot.name == name)) continue;
-      if (slot.hasToken) return &slot;
+      if (showsToken(slot)) return &slot;
       if (!first) first = &slot;
     }
     return first;
@@ -86,7 +85,7 @@ class ReaderExamination {
 
   void lookAt(const ServiceReader& reader) {
     const Reader* slot = slotOf(reader);
-    if (slot && slot->hasToken) return;
+    if (slot && showsToken(*slot)) return;
     const std::string subject = subjectOf(nameOf(reader));
     const Reader* failing = slot ? nullptr : firstFailingSlot();  // which has no name
     const std::string atr = reader.atr.empty() ? "the card service tells no ATR" : "ATR " + reader.atr;
@@ -104,6 +103,7 @@ class ReaderExamination {
   /// Those that the service says nothing about.
   void lookAtSilentSlots() {
     for (const Reader& slot : slots_) {
+      if (slot.notRecognised) add(kCardNotRecognised, subjectOf(slot.name), slot.unreadable->why);
       if (!slot.slotFailure) continue;
       const std::string subject = "slot " + std::to_string(slot.slotID);
       const bool isDeviceError = *slot.slotFailure == CKR_DEVICE_ERROR;

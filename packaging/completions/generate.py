@@ -52,6 +52,8 @@ def section(text, title):
 def options_in(text):
     options = []
     for line in section(text, "Options"):
+        if re.match("  [A-Z]", line):  # an argument without an option
+            continue
         found = OPTION.match(line)
         if not found or not found["text"]:
             raise SystemExit(f"generate.py does not understand this line of the help: {line}")

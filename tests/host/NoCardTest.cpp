@@ -1,3 +1,4 @@
+#include "ReaderFindings.h"
 #include "host/HostTest.h"
 #include "support/FakeCardService.h"
 
@@ -101,6 +102,23 @@ TEST_F(NoCard, HasAReasonOfItsOwnInEachCase) {
     EXPECT_EQ(failure.kind, FailureKind::kNoCard);
     EXPECT_EQ(failure.why, row.why);
     EXPECT_EQ(asked.whyNoCard("x").onlyMissing, row.onlyMissing);
+  }
+}
+
+/// As OpenSC has it: the slot shows a token, and is not listed among those with one.
+TEST_F(NoCard, IsNotSaidOfACardThatTheModuleDoesNotKnow) {
+  Reader slot;
+  slot.name = Text{u"Reader A"};
+  slot.hasToken = true;
+  slot.notRecognised = true;
+  slot.unreadable = Failure{FailureKind::kNoCard, "", "not known", ""};
+  for (const auto& [view, evidence] :
+       {std::pair{answering({kUnknown}), "ATR 3B00"}, {CardServiceView{}, "not known"}}) {
+    const std::vector<Finding> found = readerFindings({slot}, view);
+    ASSERT_EQ(found.size(), 1U);
+    EXPECT_EQ(found.front().id, FindingID::kCardNotRecognised);
+    EXPECT_EQ(found.front().subject, "reader \"Reader A\"");
+    EXPECT_EQ(found.front().evidence, evidence);
   }
 }
 

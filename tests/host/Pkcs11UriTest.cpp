@@ -120,7 +120,7 @@ TEST(Pkcs11Uri, RefusesWhatIsSaidElsewhere) {
                            "pkcs11:id=%01?"}) {
     const Failure failure = failureOf(parsePkcs11Uri(text));
     EXPECT_THAT(failure.why, HasSubstr("it has a query")) << text;
-    EXPECT_THAT(failure.advice.words(), HasSubstr("--module"));
+    EXPECT_EQ(failure.advice, UserStep::kNameModuleAndPinApart) << text;
   }
 }
 

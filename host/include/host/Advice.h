@@ -20,6 +20,8 @@ enum class UserStep {
   kCheckModuleKind,         ///< check that it leads to a PKCS #11 module for this system
   kInstallOrNameModule,     ///< install the card software, or name another module
   kNameHomeOrModule,        ///< name the home folder, or the module
+  kGivePinApart,            ///< give the PIN in one of the ways that there are for it
+  kNameModuleAndPinApart,   ///< leave that out of the URI; name the module, and give the PIN, otherwise
   kRestrictOrTrustModule,   ///< keep others from changing the module, or load it all the same
 };
 

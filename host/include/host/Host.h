@@ -39,6 +39,7 @@ struct Reader {
   Text model;
   std::vector<std::string> tokenFlags;
   bool hasToken = false;                     ///< the module says so
+  bool notRecognised = false;                ///< and that it does not know what the token is
   std::optional<std::uint64_t> slotFailure;  ///< what C_GetSlotInfo answered, where it failed: all is unknown
   bool tokenInitialised = false;
   std::optional<Failure> unreadable;  ///< why the token could not be read; nothing also where there is none
