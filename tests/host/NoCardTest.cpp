@@ -109,6 +109,7 @@ TEST_F(NoCard, HasAReasonOfItsOwnInEachCase) {
 TEST_F(NoCard, IsNotSaidOfACardThatTheModuleDoesNotKnow) {
   Reader slot;
   slot.name = Text{u"Reader A"};
+  slot.distinctName = slot.name;
   slot.hasToken = true;
   slot.notRecognised = true;
   slot.unreadable = Failure{FailureKind::kNoCard, "", "not known", ""};
