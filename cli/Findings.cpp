@@ -2,28 +2,23 @@
 
 #include <nlohmann/json.hpp>
 
+#include "FindingText.h"
 #include "Output.h"
 
 namespace mirel::cli {
 
 using Json = nlohmann::ordered_json;
 
-std::string_view nameOf(Severity severity) noexcept {
-  switch (severity) {
-    case Severity::kOk: return "ok";
-    case Severity::kSkipped: return "skipped";
-    case Severity::kUnknown: return "unknown";
-    case Severity::kWarning: return "warning";
-    case Severity::kFailure: return "failure";
-  }
-  return {};
-}
-
 Json jsonOf(const Finding& finding) {
   const FindingEntry& entry = entryOf(finding.id);
-  return Json{{"id", entry.code},      {"severity", nameOf(finding.severity)}, {"subject", finding.subject},
-              {"title", entry.title},  {"evidence", finding.evidence},         {"why", entry.why},
-              {"remedy", entry.remedy}};
+  return Json{{"id", entry.code},
+              {"severity", severityName(finding.severity)},
+              {"subject", finding.subject},
+              {"title", entry.title},
+              {"evidence", finding.evidence},
+              {"why", entry.why},
+              {"remedy", entry.remedy},
+              {"who", remedierName(entry.who)}};
 }
 
 Json jsonOf(std::span<const Finding> findings) {
@@ -43,7 +38,7 @@ std::string findingsTable(std::span<const Finding> findings) {
   for (const Finding& finding : findings) {
     if (finding.severity != Severity::kFailure && finding.severity != Severity::kWarning) continue;
     const FindingEntry& entry = entryOf(finding.id);
-    rows.push_back({std::string{entry.code}, std::string{nameOf(finding.severity)}, finding.subject,
+    rows.push_back({std::string{entry.code}, std::string{severityName(finding.severity)}, finding.subject,
                     causeText(finding) + "; " + std::string{entry.remedy}});
   }
   return rows.size() == 1 ? std::string{} : table(rows, outputIsColoured());

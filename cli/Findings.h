@@ -9,9 +9,6 @@
 
 namespace mirel::cli {
 
-/// "failure", "warning", "unknown", "skipped" or "ok".
-[[nodiscard]] std::string_view nameOf(Severity severity) noexcept;
-
 /// A finding with what the catalogue says of it: `id` is its code.
 [[nodiscard]] nlohmann::ordered_json jsonOf(const Finding& finding);
 [[nodiscard]] nlohmann::ordered_json jsonOf(std::span<const Finding> findings);

@@ -3,6 +3,7 @@
 #include <nlohmann/json.hpp>
 #include <span>
 
+#include "FindingText.h"
 #include "Findings.h"
 #include "Output.h"
 #include "host/DistinctItems.h"
@@ -61,7 +62,7 @@ Json jsonOf(const PublishedCertificate& item) {
 Json briefly(const std::vector<Finding>& findings) {
   Json list = Json::array();
   for (const Finding& finding : findings)
-    list.push_back(Json{{"id", entryOf(finding.id).code}, {"severity", nameOf(finding.severity)}});
+    list.push_back(Json{{"id", entryOf(finding.id).code}, {"severity", severityName(finding.severity)}});
   return list;
 }
 

@@ -45,7 +45,7 @@ void Progress::doneSteps(std::size_t done, std::size_t all, std::string_view nex
 
 void Progress::clear() {
   if (width_ == 0) return;
-  write(descriptor_, "\r" + std::string(width_, ' ') + "\r");
+  write(descriptor_, std::string{"\r"}.append(width_, ' ').append("\r"));
   width_ = 0;
 }
 

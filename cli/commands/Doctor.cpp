@@ -4,6 +4,7 @@
 
 #include "Commands.h"
 #include "FindingText.h"
+#include "Findings.h"
 #include "Json.h"
 #include "Output.h"
 #include "PinEntry.h"
@@ -81,22 +82,12 @@ Json jsonOf(const Check& check) {
   return json;
 }
 
-Json jsonOf(const Finding& finding) {
-  const FindingEntry& entry = entryOf(finding.id);
-  return Json{{"id", entry.code},           {"severity", severityName(finding.severity)},
-              {"subject", finding.subject}, {"evidence", finding.evidence},
-              {"title", entry.title},       {"why", entry.why},
-              {"remedy", entry.remedy},     {"who", remedierName(entry.who)}};
-}
-
 std::string jsonText(const Diagnosis& diagnosis) {
   Json checks = Json::array();
   for (const Check& check : diagnosis.checks) checks.push_back(jsonOf(check));
-  Json findings = Json::array();
-  for (const Finding& finding : diagnosis.findings()) findings.push_back(jsonOf(finding));
-  return jsonLines(
-      "doctor",
-      Json{{"verdict", severityName(diagnosis.verdict())}, {"checks", checks}, {"findings", findings}});
+  return jsonLines("doctor", Json{{"verdict", severityName(diagnosis.verdict())},
+                                  {"checks", checks},
+                                  {"findings", cli::jsonOf(std::span<const Finding>{diagnosis.findings()})}});
 }
 
 ExitCode exitCodeOf(Severity verdict) {

@@ -135,7 +135,7 @@ std::map<std::u16string, std::vector<Text>> labelsByID(const std::vector<CardObj
 std::string groupText(const std::vector<Text>& labels, const char* noun) {
   NameList list;
   for (const Text& label : labels) {
-    if (list.takesMore()) list.add("\"" + shortened(displayed(label)) + "\"");
+    if (list.takesMore()) list.add(std::string{"\""}.append(shortened(displayed(label))).append("\""));
   }
   return countText(labels.size(), noun) + " (" + list.textOf(labels.size()) + ")";
 }

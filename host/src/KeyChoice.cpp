@@ -19,7 +19,10 @@ namespace {
 using Keys = std::vector<PublishedKey>;
 using Indices = std::vector<std::size_t>;
 
-std::string quotedForDisplay(std::string_view name) { return "\"" + shortened(displayed(name)) + "\""; }
+std::string quotedForDisplay(std::string_view name) {
+  std::string text{"\""};
+  return text.append(shortened(displayed(name))).append("\"");
+}
 
 std::string shownID(const PublishedKey& key) { return shortened(idText(key.objectID), kMostHexDigits); }
 
@@ -79,7 +82,7 @@ Indices keysWith(const Keys& keys, const Predicate& fits) {
 /// The first of them: the keychain finds no other with its ID.
 Indices firstWithID(const Keys& keys, const std::function<bool(const Text& id)>& fits) {
   Indices found = keysWith(keys, [&](const PublishedKey& key) { return fits(key.objectID); });
-  if (found.size() > 1) found.resize(1);
+  if (found.size() > 1) found.erase(found.begin() + 1, found.end());
   return found;
 }
 
@@ -174,7 +177,7 @@ Result<ChosenKey> withCertificate(const InsertedCard& card, const PublishedKey& 
 /// The keys that the URI fits, those with one ID as one.
 Indices fittingKeys(const Keys& keys, const Pkcs11Uri& uri) {
   Indices found = keysWith(keys, [&](const PublishedKey& key) { return fits(uri, key); });
-  if (uri.id && found.size() > 1) found.resize(1);
+  if (uri.id && found.size() > 1) found.erase(found.begin() + 1, found.end());
   return found;
 }
 

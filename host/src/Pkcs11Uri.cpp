@@ -18,7 +18,10 @@ Failure refused(const std::string& why, const Advice& advice = kExample) {
   return {FailureKind::kBadInput, "the PKCS #11 URI does not name a key", why, advice};
 }
 
-std::string quoted(std::string_view name) { return "\"" + shortened(displayed(name)) + "\""; }
+std::string quoted(std::string_view name) {
+  std::string text{"\""};
+  return text.append(shortened(displayed(name))).append("\"");
+}
 
 bool isDigit(char c) noexcept { return c >= '0' && c <= '9'; }
 

@@ -154,9 +154,9 @@ std::optional<std::string> attributeText(ByteSpan content) {
   const std::string name = nameOf(*type, kAttributes);
   const bool isKnown = name != dotted(*type);
   const Text text = isKnown ? textOf(value->tag, value->content) : Text{};
-  const std::string shown =
-      text.isNull() ? "#" + hexOfBytes(value->whole, HexDigits::kUpper) : escapedValue(text.toUtf8());
-  return name + "=" + shown;
+  std::string shown = name;
+  if (text.isNull()) return shown.append("=#").append(hexOfBytes(value->whole, HexDigits::kUpper));
+  return shown.append("=").append(escapedValue(text.toUtf8()));
 }
 
 /// A Name (its content) as RFC 4514 writes it: the last part first.
@@ -172,7 +172,9 @@ Text nameText(ByteSpan content) {
       const auto part = reader.read(kDerSequence);
       const auto text = part ? attributeText(*part) : std::nullopt;
       if (!text) return Text{u""};
-      joined = *text + (joined.empty() ? "" : "+") + joined;
+      std::string longer = *text;
+      if (!joined.empty()) longer.append("+").append(joined);
+      joined = std::move(longer);
     }
     line = joined + (line.empty() ? "" : ",") + line;
   }

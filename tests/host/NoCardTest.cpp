@@ -33,7 +33,7 @@ CardServiceView answering(std::vector<ServiceReader> readers) {
   return {State::kAnswers, {}, std::move(readers)};
 }
 
-const ServiceReader kEmpty{"Reader A", InReader::kNone};
+const ServiceReader kEmptyReader{"Reader A", InReader::kNone};
 const ServiceReader kUnknown{"Reader A", InReader::kPresent, false, false, "3B00"};
 const ServiceReader kHeld{"Reader A", InReader::kPresent, true, true, "3B00"};
 const ServiceReader kMuteCard{"Reader A", InReader::kMute};
@@ -56,7 +56,7 @@ TEST_F(NoCard, HasAReasonOfItsOwnInEachCase) {
       {"no reader", Slot::kNone, answering({}), "no reader is connected", true},
       {"an empty slot that stands for no reader", Slot::kEmpty, answering({}), "no reader is connected",
        true},
-      {"no card", Slot::kEmpty, answering({kEmpty}), "no reader holds a card", true},
+      {"no card", Slot::kEmpty, answering({kEmptyReader}), "no reader holds a card", true},
       {"a card that is not known", Slot::kEmpty, answering({kUnknown}),
        "there is a card, and this module does not know it (reader \"Reader A\", ATR 3B00)", false},
       {"a card in a reader that is not listed", Slot::kNone, answering({kUnknown}),
@@ -133,7 +133,7 @@ TEST_F(NoCard, IsToldOfTheReaderThatIsNamed) {
     EXPECT_THAT(failure.why, HasSubstr("does not know it (reader \"Reader A\", ATR 3B00)"));
   }
   {
-    const Failure failure = failureOf(hostWith(answering({kEmpty, other})).insert(Text{u"Reader A"}));
+    const Failure failure = failureOf(hostWith(answering({kEmptyReader, other})).insert(Text{u"Reader A"}));
     EXPECT_EQ(failure.what, "the reader \"Reader A\" holds no card");
   }
   const ServiceReader unlisted{"Reader C", InReader::kPresent, false, false, "3BCC"};

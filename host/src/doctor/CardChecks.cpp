@@ -172,9 +172,11 @@ void checkCard(Host& host, const Reader& reader, const PinsForReader& pins, cons
     return skipLogin(checks, "the card is not published");
   }
   const CardReport report = host.examine(*card);
-  checks.add(kCard,
-             "\"" + displayed(reader.tokenLabel) + "\", serial number " + displayed(reader.serialNumber),
-             findingsOf('T', report));
+  std::string about{"\""};
+  about.append(displayed(reader.tokenLabel))
+      .append("\", serial number ")
+      .append(displayed(reader.serialNumber));
+  checks.add(kCard, about, findingsOf('T', report));
   checkPin(host, reader, report, checks);
   const auto source = pins ? pins(host, reader) : nullptr;
   addReport(report, distinctItems(card->items).size(), source != nullptr, checks);

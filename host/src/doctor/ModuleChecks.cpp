@@ -146,10 +146,10 @@ class ModuleExamination {
 
 std::string textOf(const ServiceReader& reader) {
   using enum ServiceReader::Card;
-  std::string text = "\"" +
-                     displayed(Text::fromBytes(
-                         {reinterpret_cast<const std::uint8_t*>(reader.name.data()), reader.name.size()})) +
-                     "\" ";
+  const Text name =
+      Text::fromBytes({reinterpret_cast<const std::uint8_t*>(reader.name.data()), reader.name.size()});
+  std::string text{"\""};
+  text.append(displayed(name)).append("\" ");
   switch (reader.card) {
     case kNone: return text + "empty";
     case kMute: return text + "with a mute card";
@@ -157,14 +157,14 @@ std::string textOf(const ServiceReader& reader) {
     case kPresent: break;
   }
   text += "with a card";
-  if (!reader.atr.empty()) text += ", ATR " + reader.atr;
+  if (!reader.atr.empty()) text.append(", ATR ").append(reader.atr);
   return reader.exclusive ? text + ", in exclusive use" : text;
 }
 
 std::string textOf(const std::vector<ServiceReader>& readers) {
   std::string text = std::to_string(readers.size()) + (readers.size() == 1 ? " reader" : " readers");
   for (const ServiceReader& reader : readers)
-    text += (&reader == &readers.front() ? ": " : "; ") + textOf(reader);
+    text.append(&reader == &readers.front() ? ": " : "; ").append(textOf(reader));
   return text;
 }
 
