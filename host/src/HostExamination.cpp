@@ -261,13 +261,4 @@ CardReport Host::examine(const Reader& reader) {
   return report;
 }
 
-std::vector<UnpublishedObject> Host::unpublishedObjects(const Reader& reader) {
-  return examine(reader).unpublished;
-}
-
-Unpublished Host::unpublishedObjects(const InsertedCard& card) {
-  CardReport report = examine(card);
-  return {std::move(report.unpublished), std::move(report.failedRead)};
-}
-
 }  // namespace mirel

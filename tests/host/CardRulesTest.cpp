@@ -30,7 +30,7 @@ class CardRules : public InsertedCardTest {
   /// What the second look says of the object with the attribute of the rule; empty: it says nothing.
   [[nodiscard]] UnpublishedObject told(const AttributeRule& rule) {
     const char* kind = rule.objectClass == CKO_CERTIFICATE ? "certificate" : "public key";
-    for (const UnpublishedObject& object : host.unpublishedObjects(readers().front())) {
+    for (const UnpublishedObject& object : host.examine(readers().front()).unpublished) {
       if (object.kind == kind) return object;
     }
     return {};
@@ -123,7 +123,7 @@ TEST_F(CardRules, CountTheObjectsThatAreListed) {
     script.addObject(itsCertificate);
     const bool listed = numBefore < kMaxListedObjects;
     EXPECT_EQ(inserted().items.empty(), !listed);
-    const auto objects = host.unpublishedObjects(readers().front());
+    const auto objects = host.examine(readers().front()).unpublished;
     const bool told = std::any_of(objects.begin(), objects.end(), [](const UnpublishedObject& object) {
       return object.kind == "certificate";
     });

@@ -290,7 +290,7 @@ TEST_F(Doctor, KnowsACountOfTriesThatTheModuleReports) {
 
 TEST_F(Doctor, WithoutALoginTakesAtMostTwiceTheCallsOfAnInsertionWithAllThatIsTold) {
   const auto card = inserted();
-  (void)host.unpublishedObjects(card);
+  (void)host.examine(card);
   const std::size_t ofItems = script.calls().size();
   script.forgetCalls();
   (void)diagnosis();

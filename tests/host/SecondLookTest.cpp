@@ -20,9 +20,9 @@ class SecondLook : public InsertedCardTest {
   }
 
   /// Kind and label of what is said not to be published.
-  [[nodiscard]] static Names namesOf(const Unpublished& unpublished) {
+  [[nodiscard]] static Names namesOf(const CardReport& report) {
     Names names;
-    for (const UnpublishedObject& object : unpublished.objects) {
+    for (const UnpublishedObject& object : report.unpublished) {
       if (!object.unread) names.emplace(object.kind, object.label.toUtf8());
     }
     return names;
@@ -36,9 +36,9 @@ class SecondLook : public InsertedCardTest {
 
 TEST_F(SecondLook, TellsWhatIsNotPublished) {
   makeCard();
-  const Unpublished unpublished = host.unpublishedObjects(inserted());
-  EXPECT_EQ(namesOf(unpublished), kLeftOut);
-  EXPECT_THAT(unpublished.failedRead, IsEmpty());
+  const CardReport report = host.examine(inserted());
+  EXPECT_EQ(namesOf(report), kLeftOut);
+  EXPECT_THAT(report.failedRead, IsEmpty());
 }
 
 TEST_F(SecondLook, NeverSaysOfAPublishedObjectThatItIsNotWhateverCallFails) {
@@ -48,22 +48,22 @@ TEST_F(SecondLook, NeverSaysOfAPublishedObjectThatItIsNotWhateverCallFails) {
       makeCard();
       const InsertedCard card = inserted();
       point.arm();
-      const Unpublished unpublished = host.unpublishedObjects(card);
-      for (const auto& name : namesOf(unpublished)) {
+      const CardReport report = host.examine(card);
+      for (const auto& name : namesOf(report)) {
         EXPECT_TRUE(kLeftOut.contains(name)) << name.first << " " << name.second;
       }
-      for (const UnpublishedObject& object : unpublished.objects) {
+      for (const UnpublishedObject& object : report.unpublished) {
         if (object.unread) {
           EXPECT_THAT(object.reason, HasSubstr("could not be read now, C_GetAttributeValue"));
         }
         EXPECT_FALSE(object.blocksCard);
       }
       if (!point.fired()) {
-        EXPECT_EQ(namesOf(unpublished), kLeftOut);
+        EXPECT_EQ(namesOf(report), kLeftOut);
       }
       const bool closeFailed = script.calls().back().function == "C_CloseSession" ||
                                script.calls().back().function == "C_FindObjectsFinal";
-      if (point.fired() && point.times() == Times::kOnce && unpublished.failedRead.empty()) {
+      if (point.fired() && point.times() == Times::kOnce && report.failedRead.empty()) {
         EXPECT_TRUE(closeFailed);
       }
     });
@@ -73,16 +73,16 @@ TEST_F(SecondLook, NeverSaysOfAPublishedObjectThatItIsNotWhateverCallFails) {
 TEST_F(SecondLook, TellsTheCallThatFailed) {
   const InsertedCard card = inserted();
   script.failCallOf("C_OpenSession", 0, CKR_SESSION_COUNT);
-  const Unpublished unpublished = host.unpublishedObjects(card);
-  EXPECT_THAT(unpublished.objects, IsEmpty());
-  EXPECT_THAT(unpublished.failedRead, StartsWith("C_OpenSession answered CKR_SESSION_COUNT"));
+  const CardReport report = host.examine(card);
+  EXPECT_THAT(report.unpublished, IsEmpty());
+  EXPECT_THAT(report.failedRead, StartsWith("C_OpenSession answered CKR_SESSION_COUNT"));
 }
 
 TEST_F(SecondLook, GivesNoReasonThatMayBeWrong) {
   makeCard();
   const InsertedCard card = inserted();
   script.failCallOf("C_FindObjects", 0, CKR_DEVICE_ERROR);  // no key is found
-  for (const UnpublishedObject& object : host.unpublishedObjects(card).objects) {
+  for (const UnpublishedObject& object : host.examine(card).unpublished) {
     if (object.label == Text{u"Without key"}) {
       EXPECT_THAT(object.reason, HasSubstr("why cannot be told now, C_FindObjects answered"));
     }

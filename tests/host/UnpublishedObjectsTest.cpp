@@ -13,7 +13,7 @@ class UnpublishedObjects : public InsertedCardTest {
     const auto found = readers();
     if (found.empty()) return {};
     const auto sessions = script.openSessions();
-    auto objects = host.unpublishedObjects(found.front());
+    auto objects = host.examine(found.front()).unpublished;
     EXPECT_EQ(script.openSessions(), sessions) << "a session was left open";
     EXPECT_THAT(script.openSearches(), IsEmpty());
     for (const UnpublishedObject& object : objects) {
@@ -171,13 +171,13 @@ TEST_F(UnpublishedObjects, HaveNoLabelOrIdThatCannotBeRead) {
 // ---- Cards and modules that do not play along ----
 
 TEST_F(UnpublishedObjects, AreNoneWhereTheCardCannotBeAsked) {
-  EXPECT_THAT(host.unpublishedObjects(Reader{}), IsEmpty()) << "the module is not loaded";
+  EXPECT_THAT(host.examine(Reader{}).unpublished, IsEmpty()) << "the module is not loaded";
   script.failCallOf("C_OpenSession", 0, CKR_SESSION_COUNT);
   EXPECT_THAT(unpublished(), IsEmpty());
   const auto found = readers();
   ASSERT_EQ(found.size(), 1U);
   script.pullCard();
-  EXPECT_THAT(host.unpublishedObjects(found.front()), IsEmpty());
+  EXPECT_THAT(host.examine(found.front()).unpublished, IsEmpty());
 }
 
 TEST_F(UnpublishedObjects, SurviveSearchesThatNeverEnd) {
@@ -217,7 +217,7 @@ TEST_F(UnpublishedObjects, SurviveFunctionsThatDoNothing) {
     const auto found = readers();
     ASSERT_EQ(found.size(), 1U);
     script.deviations.silent = {function};
-    for (const UnpublishedObject& object : host.unpublishedObjects(found.front())) {
+    for (const UnpublishedObject& object : host.examine(found.front()).unpublished) {
       EXPECT_FALSE(object.reason.empty());
     }
   }
@@ -231,7 +231,7 @@ TEST_F(UnpublishedObjects, EndTheirSessionWhateverFails) {
     script.setInitialised(true);
     setCertificate({});
     point.arm();
-    (void)host.unpublishedObjects(found.front());
+    (void)host.examine(found.front()).unpublished;
     // Calls in a row fail, or the last one: then the session cannot be closed.
     const auto& calls = script.calls();
     const bool closeFailed =

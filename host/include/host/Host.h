@@ -100,12 +100,6 @@ struct InsertedCard {
   std::shared_ptr<CardWatch> watch;   ///< shared by all that use the token; null: nobody watches
 };
 
-/// What a second look at a card has found.
-struct Unpublished {
-  std::vector<UnpublishedObject> objects;
-  std::string failedRead;  ///< the call for which objects or reasons may be missing; empty: none failed
-};
-
 /// Plays the operating system's part: finds the readers, hands the token driver a card and keeps what
 /// its token publishes.
 ///
@@ -158,15 +152,6 @@ class Host {
 
   /// The same for a card that could not be inserted. Only after `readers` or `insert` has found the reader.
   [[nodiscard]] CardReport examine(const Reader& reader);
-
-  /// Looks at the card of a reader once more, apart from the token, for objects that are not published,
-  /// and says why. Empty when there are none, or the card cannot be read. Only after `readers` or
-  /// `insert` has found the reader.
-  [[nodiscard]] std::vector<UnpublishedObject> unpublishedObjects(const Reader& reader);
-
-  /// The same for a card that was inserted: never what its items show, and no reason for which it could not
-  /// have been inserted.
-  [[nodiscard]] Unpublished unpublishedObjects(const InsertedCard& card);
 
  private:
   struct ChosenReader {
