@@ -19,12 +19,13 @@ struct CommandOption {
     kOutput,       ///< --out
     kPin,          ///< --pin-file, --pin-fd and --last-try; they have their own help
     kFlag,         ///< one without a value, of this command alone
+    kFile,         ///< one with a file, of this command alone
     kWord,         ///< a word without dashes, which may be left out
   };
 
   Kind kind;
   const char* help = "";
-  const char* flag = "";  ///< the name of a flag, with its dashes, or of a word
+  const char* flag = "";  ///< the name of a flag or a file's option, with its dashes, or of a word
 };
 
 /// A command: its file defines it, and Commands.h lists it.

@@ -42,10 +42,17 @@ struct Options {
   std::optional<std::string> word;                 ///< of a command that takes one
   std::map<std::string, bool, std::less<>> flags;  ///< the command's own
 
+  std::map<std::string, std::optional<std::string>, std::less<>> files;  ///< by the command's own options
+
   /// Whether that flag of the command was given.
   [[nodiscard]] bool has(std::string_view flag) const {
     const auto found = flags.find(flag);
     return found != flags.end() && found->second;
+  }
+  /// The file that was given with that option of the command.
+  [[nodiscard]] std::optional<std::string> fileOf(std::string_view option) const {
+    const auto found = files.find(option);
+    return found == files.end() ? std::nullopt : found->second;
   }
 };
 

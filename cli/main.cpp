@@ -125,6 +125,9 @@ Result<void> checkUsage(const Options& options) {
   for (const auto& [name, value] : texts) {
     if (value && value->empty()) return wrongUsage(std::string{name} + " is empty");
   }
+  for (const auto& [name, value] : options.files) {
+    if (value && value->empty()) return wrongUsage(name + " is empty");
+  }
   if (!options.key && options.command->takes(CommandOption::Kind::kKey))
     return wrongUsage("--key is missing");
   if (const auto key = checkKeyName(options.key.value_or("")); !key) return key;

@@ -1,19 +1,25 @@
 #include "host/Doctor.h"
 
 #include <algorithm>
+#include <array>
+#include <ctime>
 
 #include "Commands.h"
+#include "DoctorPage.h"
 #include "FindingText.h"
 #include "Findings.h"
 #include "Json.h"
 #include "Output.h"
 #include "PinEntry.h"
 #include "Session.h"
+#include "Version.h"
+#include "host/DistinctItems.h"
 
 namespace mirel::cli {
 namespace {
 
 constexpr const char* kLogin = "--login";
+constexpr const char* kHtml = "--html";
 
 /// As it stands before a check.
 std::string markOf(Severity severity) {
@@ -98,17 +104,52 @@ ExitCode exitCodeOf(Severity verdict) {
   }
 }
 
+Failure wrongUsage(const std::string& why) {
+  return {FailureKind::kBadInput, "wrong usage", why, "see mireltoken doctor --help"};
+}
+
+std::string dateNow() {
+  const std::time_t now = std::time(nullptr);
+  std::tm parts{};
+  std::array<char, sizeof "2026-01-31T12:00:00Z"> text{};
+  if (!gmtime_r(&now, &parts) || std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &parts) == 0)
+    return "not known";
+  return text.data();
+}
+
+Result<void> checkOptions(const Options& options) {
+  if (!options.has(kLogin) && (options.pinFile || options.pinFd || options.lastTry))
+    return wrongUsage("a PIN is of no use without --login");
+  for (const auto& [option, file] : options.files) {
+    if (!file) continue;
+    // Standard output has what is for the terminal, or the JSON.
+    if (file == "-") return wrongUsage(option + " needs a file, not standard output");
+    if (auto writable = checkWriting(file); !writable) return writable;
+  }
+  return {};
+}
+
+/// Writes a text to the file of that option; does nothing where it was not given.
+Result<void> writeTo(const Options& options, const char* option, const std::string& text) {
+  constexpr mode_t kMode = 0666;
+  const auto file = options.fileOf(option);
+  if (!file) return {};
+  return writeFile(file, {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()}, kMode);
+}
+
 Result<void> run(Session& session) {
   const Options& options = session.options();
+  if (auto usable = checkOptions(options); !usable) return usable;
   Examination wanted{{options.modulePath, options.trustModule}, session.readerName()};
   if (options.has(kLogin)) {
     wanted.pins = [&options](Host& host, const Reader& reader) {
       return pinSourceFor(options, [&host, reader] { return host.pinState(reader); });
     };
-  } else if (options.pinFile || options.pinFd || options.lastTry) {
-    return Failure{FailureKind::kBadInput, "wrong usage", "a PIN is of no use without --login",
-                   "see mireltoken doctor --help"};
   }
+  std::size_t numPublished = 0;
+  wanted.onCard = [&](const InsertedCard& card, const CardReport&) {
+    numPublished += distinctItems(card.items).size();
+  };
   // Each check at once: the next one may wait for a card that does not answer.
   Result<void> written;
   std::string reader;
@@ -121,11 +162,14 @@ Result<void> run(Session& session) {
   const Diagnosis diagnosis = diagnose(session.services(), wanted);
   if (!written) return written;
   session.setExitCode(exitCodeOf(diagnosis.verdict()));
-  return writeOutput(options.json ? jsonText(diagnosis) : endOf(diagnosis));
+  if (written = writeOutput(options.json ? jsonText(diagnosis) : endOf(diagnosis)); !written) return written;
+  if (!options.fileOf(kHtml)) return {};
+  return writeTo(options, kHtml, pageOf(diagnosis, {versionText(), dateNow(), numPublished}));
 }
 
 constexpr CommandOption kOptions[] = {
     {CommandOption::Kind::kFlag, "Log in, and try each key once", kLogin},
+    {CommandOption::Kind::kFile, "Write what was found as a page for a browser, too", kHtml},
     {CommandOption::Kind::kPin},
 };
 

@@ -97,6 +97,26 @@ TEST_F(Doctor, TakesNoPinThatItDoesNotUse) {
   expectFailure(examined(stagedWithPin("doctor")), 2, {"a PIN is of no use without --login"});
 }
 
+TEST_F(Doctor, WritesThePageBesidesTheText) {
+  const ScopedMask mask{022};
+  const Result result = examined(staged(Arguments{"doctor", "--html", path("page.html")}));
+  EXPECT_THAT(result.out, StartsWith("ok    module file        "));
+  EXPECT_EQ(modeOf("page.html"), 0644U);
+  EXPECT_THAT(read("page.html"), StartsWith("<!DOCTYPE html>"));
+  EXPECT_THAT(read("page.html"), HasSubstr("<td>&quot;Card&quot;, serial number "));
+  EXPECT_THAT(read("page.html"), HasSubstr("keychain: 6 items"));
+}
+
+TEST_F(Doctor, FindsOutBeforeThatAFileCannotBeWritten) {
+  const FailingRun rows[] = {{"--html -", 2, {"--html needs a file"}},
+                             {{"--html", ""}, 2, {"--html is empty"}},
+                             {"--html /nowhere/page.html", 14, {"/nowhere/page.html"}}};
+  for (const FailingRun& row : rows) {
+    expectFailure(examined(staged("doctor" + row.arguments)), row.exitCode, row.words);
+    EXPECT_EQ(stagedCallsOf("C_Initialize"), 0);
+  }
+}
+
 class Explain : public EndToEndTest {};
 
 TEST_F(Explain, ShowsAFindingOrAll) {

@@ -15,6 +15,9 @@
 
 namespace mirel {
 
+/// A place on the way from the module to the keys.
+enum class Station { kModule, kReaders, kCard, kObjects, kKeys };
+
 /// One step on the way from the module's file to a verified signature.
 struct Check {
   std::string name;
@@ -22,11 +25,20 @@ struct Check {
   std::string evidence;           ///< what was seen, or why nothing was looked at; fit for a terminal
   std::vector<Finding> findings;  ///< empty where all is well, and where a check was skipped
   std::string reader{};           ///< whose card it is about, fit for a terminal; empty: about all
+  Station station = Station::kModule;
+};
+
+/// The file of the module that was examined.
+struct ExaminedModule {
+  std::string path{};    ///< behind all links; empty: there is none
+  std::string target{};  ///< the processors that it was built for; empty: that does not show
 };
 
 /// What an examination has come to.
 struct Diagnosis {
   std::vector<Check> checks;  ///< in the order in which they were made
+  ExaminedModule module{};
+  std::vector<Reader> slots{};  ///< all that the module lists
 
   /// Those of all checks, in their order, each once.
   [[nodiscard]] std::vector<Finding> findings() const;
@@ -37,6 +49,9 @@ struct Diagnosis {
 /// Gives the source of a reader's PIN; null: the keys are not tried.
 using PinsForReader = std::function<std::unique_ptr<PinSource>(Host& host, const Reader& reader)>;
 
+/// Is told of a card that was inserted, with all that is known of it before any login.
+using CardListener = std::function<void(const InsertedCard& card, const CardReport& report)>;
+
 /// What is to be examined.
 struct Examination {
   ModuleChoice module{};
@@ -44,6 +59,7 @@ struct Examination {
   PinsForReader pins{};  ///< with it one card alone is examined: a PIN is never sent to a card by mistake
   std::chrono::milliseconds slowCall{2000};     ///< a call of the module that takes longer is told
   std::function<void(const Check&)> onCheck{};  ///< is told of each check when it was made; may be empty
+  CardListener onCard{};                        ///< may be empty
 };
 
 /// Examines module, card service, readers, PIN and card, one check after the other. A check that cannot be

@@ -13,12 +13,12 @@ namespace {
 
 using enum FindingID;
 
-constexpr const char* kPin = "PIN";
-constexpr const char* kCard = "card";
-constexpr const char* kObjects = "objects";
-constexpr const char* kKeys = "keys";
-constexpr const char* kLogin = "login";
-constexpr const char* kTrials[] = {"signatures", "decryption"};
+constexpr Checkpoint kPin{"PIN", Station::kCard};
+constexpr Checkpoint kObjects{"objects", Station::kObjects};
+constexpr Checkpoint kKeys{"keys", Station::kKeys};
+constexpr Checkpoint kLogin{"login", Station::kCard};
+constexpr Checkpoint kPrivateKeys{"private keys", Station::kKeys};
+constexpr Checkpoint kTrials[] = {{"signatures", Station::kKeys}, {"decryption", Station::kKeys}};
 
 /// Whether a finding is of the kind with that letter in its code.
 bool isOf(char letter, const Finding& finding) { return entryOf(finding.id).code[3] == letter; }
@@ -82,7 +82,7 @@ void addReport(const CardReport& report, std::size_t numItems, bool withTrials, 
 
 void skipLogin(Checks& checks, const std::string& reason) {
   checks.skip(kLogin, reason);
-  for (const char* name : kTrials) checks.skip(name, reason);
+  for (const Checkpoint& trial : kTrials) checks.skip(trial, reason);
 }
 
 /// What became of a login, as a check; true when the keys can be tried.
@@ -111,7 +111,7 @@ void tryKeys(Host& host, const InsertedCard& card, const CardReport& report, Pin
              Checks& checks) {
   const auto client = host.newClient(card);
   const auto refuse = [&](const std::string& reason) {
-    for (const char* name : kTrials) checks.skip(name, reason);
+    for (const Checkpoint& trial : kTrials) checks.skip(trial, reason);
   };
   if (!client) {
     checks.add(kLogin, Severity::kFailure, client.failure().what + ": " + client.failure().why);
@@ -126,35 +126,35 @@ void tryKeys(Host& host, const InsertedCard& card, const CardReport& report, Pin
     });
     if (!known) more.push_back(finding);
   }
-  checks.add("private keys", countOf(more.size(), "finding") + " more after the login", more);
+  checks.add(kPrivateKeys, countOf(more.size(), "finding") + " more after the login", more);
   trySigning(**client, card, after, pins, kTrials[0], checks);
   tryDecrypting(**client, card, after, pins, kTrials[1], checks);
 }
 
 void skipAfterCard(Checks& checks, const std::string& reason) {
-  for (const char* name : {kPin, kObjects, kKeys}) checks.skip(name, reason);
+  for (const Checkpoint& point : {kPin, kObjects, kKeys}) checks.skip(point, reason);
   skipLogin(checks, reason);
 }
 
 }  // namespace
 
 void skipCardChecks(Checks& checks, const std::string& reason) {
-  checks.skip(kCard, reason);
+  checks.skip(kCardCheck, reason);
   skipAfterCard(checks, reason);
 }
 
 void checkCard(Host& host, const Reader& reader, const PinsForReader& pins, const std::string& whyNoLogin,
-               Checks& checks) {
+               const CardListener& onCard, Checks& checks) {
   if (reader.unreadable) {
     const std::string& why = reader.unreadable->why;
-    checks.add(kCard, why, {{kTokenUnreadable, Severity::kFailure, {}, why}});
+    checks.add(kCardCheck, why, {{kTokenUnreadable, Severity::kFailure, {}, why}});
     return skipAfterCard(checks, "the card cannot be read");
   }
   const auto card = host.insert(reader.name);
   if (!card) {
     const std::string& why = card.failure().why;
     if (!reader.tokenInitialised) {
-      checks.add(kCard, why, {{kTokenNotInitialised, Severity::kFailure, {}, why}});
+      checks.add(kCardCheck, why, {{kTokenNotInitialised, Severity::kFailure, {}, why}});
       return skipAfterCard(checks, "the card is not initialised");
     }
     const CardReport report = host.examine(reader);
@@ -163,20 +163,21 @@ void checkCard(Host& host, const Reader& reader, const PinsForReader& pins, cons
     if (findings.empty() && !report.hidden)
       findings.push_back({kTokenUnreadable, Severity::kFailure, {}, why});
     if (findings.empty()) {
-      checks.add(kCard, Severity::kFailure, why);
+      checks.add(kCardCheck, Severity::kFailure, why);
     } else {
-      checks.add(kCard, why, std::move(findings));
+      checks.add(kCardCheck, why, std::move(findings));
     }
     checkPin(host, reader, report, checks);
     addReport(report, 0, false, checks);
     return skipLogin(checks, "the card is not published");
   }
   const CardReport report = host.examine(*card);
+  if (onCard) onCard(*card, report);
   std::string about{"\""};
   about.append(displayed(reader.tokenLabel))
       .append("\", serial number ")
       .append(displayed(reader.serialNumber));
-  checks.add(kCard, about, findingsOf('T', report));
+  checks.add(kCardCheck, about, findingsOf('T', report));
   checkPin(host, reader, report, checks);
   const auto source = pins ? pins(host, reader) : nullptr;
   addReport(report, distinctItems(card->items).size(), source != nullptr, checks);

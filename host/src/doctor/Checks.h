@@ -9,36 +9,47 @@
 
 namespace mirel {
 
+/// What a check is called, and where on the way it is made.
+struct Checkpoint {
+  const char* name;
+  Station station;
+};
+
 /// The checks that were made so far.
 class Checks {
  public:
   explicit Checks(std::function<void(const Check&)> onCheck) : onCheck_{std::move(onCheck)} {}
 
   /// A check that found these things (none: all is well).
-  void add(const char* name, std::string evidence, std::vector<Finding> findings = {}) {
+  void add(const Checkpoint& point, std::string evidence, std::vector<Finding> findings = {}) {
     const Severity severity = worstOf(findings);
-    append({name, severity, std::move(evidence), std::move(findings), reader_});
+    append({point.name, severity, std::move(evidence), std::move(findings), reader_, point.station});
   }
   /// A check that came to something for which there is no finding.
-  void add(const char* name, Severity severity, std::string evidence) {
-    append({name, severity, std::move(evidence), {}, reader_});
+  void add(const Checkpoint& point, Severity severity, std::string evidence) {
+    append({point.name, severity, std::move(evidence), {}, reader_, point.station});
   }
-  void skip(const char* name, std::string reason) { add(name, Severity::kSkipped, std::move(reason)); }
+  void skip(const Checkpoint& point, std::string reason) {
+    add(point, Severity::kSkipped, std::move(reason));
+  }
 
   /// The checks from now on are about the card in that reader; empty: about all.
   void turnTo(std::string reader) { reader_ = std::move(reader); }
   [[nodiscard]] const std::string& reader() const noexcept { return reader_; }
 
-  [[nodiscard]] Diagnosis diagnosis() && { return {std::move(checks_)}; }
+  void setModule(ExaminedModule module) { diagnosis_.module = std::move(module); }
+  void setSlots(std::vector<Reader> slots) { diagnosis_.slots = std::move(slots); }
+
+  [[nodiscard]] Diagnosis diagnosis() && { return std::move(diagnosis_); }
 
  private:
   void append(Check check) {
-    checks_.push_back(std::move(check));
-    if (onCheck_) onCheck_(checks_.back());
+    diagnosis_.checks.push_back(std::move(check));
+    if (onCheck_) onCheck_(diagnosis_.checks.back());
   }
 
   std::function<void(const Check&)> onCheck_;
-  std::vector<Check> checks_;
+  Diagnosis diagnosis_;
   std::string reader_;
 };
 

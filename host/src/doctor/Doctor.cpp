@@ -22,13 +22,13 @@ std::string secondsOf(CallClock::Clock::duration time) {
 
 void checkTimes(const CallClock& first, const CallClock& second, std::chrono::milliseconds slow,
                 Checks& checks) {
-  constexpr const char* kName = "time of the calls";
+  constexpr Checkpoint kTimes{"time of the calls", Station::kModule};
   auto longest = first.longest();
   for (const auto& [function, time] : second.longest()) {
     auto& known = longest[function];
     known = std::max(known, time);
   }
-  if (longest.empty()) return checks.skip(kName, "the module was not called");
+  if (longest.empty()) return checks.skip(kTimes, "the module was not called");
   std::vector<Finding> findings;
   for (const auto& [function, time] : longest) {
     if (time > slow)
@@ -37,7 +37,7 @@ void checkTimes(const CallClock& first, const CallClock& second, std::chrono::mi
   }
   const auto worst = std::max_element(longest.begin(), longest.end(),
                                       [](const auto& a, const auto& b) { return a.second < b.second; });
-  checks.add(kName,
+  checks.add(kTimes,
              std::to_string(first.numCalls() + second.numCalls()) + " calls, the longest was " +
                  std::string{worst->first} + " with " + secondsOf(worst->second),
              std::move(findings));
@@ -65,7 +65,7 @@ void checkCards(Host& host, const std::vector<Reader>& slots, const Examination&
   const auto chosen = chosenOf(slots, wanted.reader, host);
   if (!chosen) {
     const Failure& failure = chosen.failure();
-    checks.add("card", Severity::kFailure, failure.what + ": " + failure.why);
+    checks.add(kCardCheck, Severity::kFailure, failure.what + ": " + failure.why);
     return;
   }
   if (chosen->empty()) return skipCardChecks(checks, "there is no card");
@@ -77,9 +77,9 @@ void checkCards(Host& host, const std::vector<Reader>& slots, const Examination&
   for (const Reader& reader : *chosen) {
     checks.turnTo(displayed(reader.name));
     if (isSpare(reader, *chosen)) {
-      checks.skip("card", "it is not initialised");
+      checks.skip(kCardCheck, "it is not initialised");
     } else {
-      checkCard(host, reader, login ? wanted.pins : PinsForReader{}, whyNoLogin, checks);
+      checkCard(host, reader, login ? wanted.pins : PinsForReader{}, whyNoLogin, wanted.onCard, checks);
     }
   }
   checks.turnTo({});
@@ -124,7 +124,7 @@ Diagnosis diagnose(PlatformServices services, const Examination& wanted) {
     Host host{services, wanted.module.path.value_or(std::string{})};
     checkCards(host, *slots, wanted, checks);
   } else {
-    checks.skip("readers", reason);
+    checks.skip({"readers", Station::kReaders}, reason);
     skipCardChecks(checks, reason);
   }
   checkTimes(*calls, *looks, wanted.slowCall, checks);

@@ -113,7 +113,7 @@ bool worksForNothing(const CardReport& report, const PublishedKey& key) {
 }  // namespace
 
 void trySigning(KeyClient& client, const InsertedCard& card, const CardReport& report, PinSource& pins,
-                const char* name, Checks& checks) {
+                const Checkpoint& point, Checks& checks) {
   Evidence evidence;
   std::vector<Finding> findings;
   for (const PublishedKey& key : keysOf(card)) {
@@ -136,12 +136,12 @@ void trySigning(KeyClient& client, const InsertedCard& card, const CardReport& r
     if (failure && failure->kind == FailureKind::kVerificationFailed)
       findings.push_back({kNoPkcs1Signatures, Severity::kWarning, subject, failure->why});
   }
-  if (evidence.isEmpty()) return checks.skip(name, "no key of the card signs");
-  checks.add(name, evidence.text(), std::move(findings));
+  if (evidence.isEmpty()) return checks.skip(point, "no key of the card signs");
+  checks.add(point, evidence.text(), std::move(findings));
 }
 
 void tryDecrypting(KeyClient& client, const InsertedCard& card, const CardReport& report, PinSource& pins,
-                   const char* name, Checks& checks) {
+                   const Checkpoint& point, Checks& checks) {
   Evidence evidence;
   std::vector<Finding> findings;
   for (const PublishedKey& key : keysOf(card)) {
@@ -154,8 +154,8 @@ void tryDecrypting(KeyClient& client, const InsertedCard& card, const CardReport
       findings.push_back({kDecryptionFails, saysNothing(*failure) ? Severity::kUnknown : Severity::kFailure,
                           subject, failure->why});
   }
-  if (evidence.isEmpty()) return checks.skip(name, "no RSA key of the card decrypts");
-  checks.add(name, evidence.text(), std::move(findings));
+  if (evidence.isEmpty()) return checks.skip(point, "no RSA key of the card decrypts");
+  checks.add(point, evidence.text(), std::move(findings));
 }
 
 }  // namespace mirel

@@ -18,13 +18,13 @@ namespace {
 
 using enum FindingID;
 
-constexpr const char* kFile = "module file";
-constexpr const char* kSystem = "module's system";
-constexpr const char* kOwner = "module's owner";
-constexpr const char* kLoading = "module loads";
-constexpr const char* kVersion = "PKCS #11 version";
-constexpr const char* kStart = "module starts";
-constexpr const char* kSlots = "slots";
+constexpr Checkpoint kFile{"module file", Station::kModule};
+constexpr Checkpoint kSystem{"module's system", Station::kModule};
+constexpr Checkpoint kOwner{"module's owner", Station::kModule};
+constexpr Checkpoint kLoading{"module loads", Station::kModule};
+constexpr Checkpoint kVersion{"PKCS #11 version", Station::kModule};
+constexpr Checkpoint kStart{"module starts", Station::kModule};
+constexpr Checkpoint kSlots{"slots", Station::kModule};
 
 Finding failure(FindingID id, const std::string& evidence) {
   return {id, Severity::kFailure, {}, printableLine(evidence)};
@@ -57,15 +57,15 @@ class ModuleExamination {
   };
 
   template <typename Body>
-  void step(const char* name, const Body& body) {
-    if (!reason_.empty()) return checks_.skip(name, reason_);
+  void step(const Checkpoint& point, const Body& body) {
+    if (!reason_.empty()) return checks_.skip(point, reason_);
     Outcome outcome = body();
     if (worstOf(outcome.findings) == Severity::kFailure) {
       reason_ = std::string{entryOf(outcome.findings.front().id).title};
       if (outcome.evidence.empty()) outcome.evidence = outcome.findings.front().evidence;
     }
-    if (outcome.findings.empty()) return checks_.add(name, outcome.severity, std::move(outcome.evidence));
-    checks_.add(name, std::move(outcome.evidence), std::move(outcome.findings));
+    if (outcome.findings.empty()) return checks_.add(point, outcome.severity, std::move(outcome.evidence));
+    checks_.add(point, std::move(outcome.evidence), std::move(outcome.findings));
   }
 
   [[nodiscard]] Outcome lookAtFile() {
@@ -74,6 +74,7 @@ class ModuleExamination {
       return {"there is no home folder to look in",
               {failure(kModuleMissing, "the user database has no home folder for this user")}};
     }
+    checks_.setModule({facts_->path, facts_->target});
     const std::string name = printableLine(facts_->name);
     if (facts_->path.empty())
       return {{}, {failure(kModuleMissing, name + ": " + std::strerror(facts_->error))}};
@@ -131,6 +132,7 @@ class ModuleExamination {
     slots_ = *std::move(listed);
     const auto numTokens =
         std::count_if(slots_->begin(), slots_->end(), [](const Reader& slot) { return slot.hasToken; });
+    checks_.setSlots(*slots_);
     return {std::to_string(slots_->size()) + ", of which " + std::to_string(numTokens) + " with a card"};
   }
 
@@ -185,7 +187,8 @@ std::optional<std::vector<Reader>> checkModule(PlatformServices& services, const
 
 void checkReaders(const PlatformServices& services, const std::optional<std::vector<Reader>>& slots,
                   Checks& checks) {
-  constexpr const char* kService = "card service";
+  constexpr Checkpoint kService{"card service", Station::kReaders};
+  constexpr Checkpoint kReaders{"readers", Station::kReaders};
   const CardServiceView view = viewOf(services.cardService);
   std::vector<Finding> findings = slots ? readerFindings(*slots, view) : std::vector<Finding>{};
   const auto ofService = std::stable_partition(findings.begin(), findings.end(), [](const Finding& finding) {
@@ -204,8 +207,8 @@ void checkReaders(const PlatformServices& services, const std::optional<std::vec
   }
   if (!slots) return;
   if (isMissed && findings.empty())
-    return checks.skip("readers", std::string{entryOf(kCardServiceSilent).title});
-  checks.add("readers", namesOf(*slots), std::move(findings));
+    return checks.skip(kReaders, std::string{entryOf(kCardServiceSilent).title});
+  checks.add(kReaders, namesOf(*slots), std::move(findings));
 }
 
 }  // namespace mirel
