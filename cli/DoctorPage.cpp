@@ -268,10 +268,9 @@ std::string checksOf(const Diagnosis& diagnosis) {
   std::string reader;
   for (const Check& check : diagnosis.checks) {
     if (check.reader != reader) {
-      text +=
-          "<tr class=\"card\"><th colspan=\"4\">" +
-          (check.reader.empty() ? "In all" : "Card in reader &quot;" + escaped(check.reader) + "&quot;") +
-          "</th></tr>\n";
+      text += "<tr class=\"card\"><th colspan=\"4\">" +
+              (check.reader.empty() ? "In all" : "Card in reader &quot;" + escaped(check.reader) + "&quot;") +
+              "</th></tr>\n";
     }
     reader = check.reader;
     text += rowOf(check);

@@ -5,9 +5,11 @@
 #include <ctime>
 
 #include "Commands.h"
+#include "DoctorBundle.h"
 #include "DoctorPage.h"
 #include "FindingText.h"
 #include "Findings.h"
+#include "ItemsJson.h"
 #include "Json.h"
 #include "Output.h"
 #include "PinEntry.h"
@@ -20,6 +22,8 @@ namespace {
 
 constexpr const char* kLogin = "--login";
 constexpr const char* kHtml = "--html";
+constexpr const char* kBundle = "--bundle";
+constexpr const char* kAnonymous = "--anonymous";
 
 /// As it stands before a check.
 std::string markOf(Severity severity) {
@@ -120,6 +124,10 @@ std::string dateNow() {
 Result<void> checkOptions(const Options& options) {
   if (!options.has(kLogin) && (options.pinFile || options.pinFd || options.lastTry))
     return wrongUsage("a PIN is of no use without --login");
+  if (options.has(kAnonymous) && !options.fileOf(kBundle))
+    return wrongUsage("--anonymous is of no use without --bundle");
+  if (options.fileOf(kHtml) && options.fileOf(kHtml) == options.fileOf(kBundle))
+    return wrongUsage("--html and --bundle name the same file");
   for (const auto& [option, file] : options.files) {
     if (!file) continue;
     // Standard output has what is for the terminal, or the JSON.
@@ -129,26 +137,47 @@ Result<void> checkOptions(const Options& options) {
   return {};
 }
 
-/// Writes a text to the file of that option; does nothing where it was not given.
-Result<void> writeTo(const Options& options, const char* option, const std::string& text) {
+Result<void> writeText(const std::optional<std::string>& file, const std::string& text) {
   constexpr mode_t kMode = 0666;
-  const auto file = options.fileOf(option);
-  if (!file) return {};
   return writeFile(file, {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()}, kMode);
+}
+
+/// What the files tell besides the diagnosis.
+struct Noted {
+  std::size_t numPublished = 0;
+  std::vector<Json> cards{};
+  std::shared_ptr<KeptLog> log;
+};
+
+Result<void> writeFiles(const Session& session, const Diagnosis& diagnosis, Noted noted) {
+  const Options& options = session.options();
+  const std::string date = dateNow();
+  if (const auto file = options.fileOf(kHtml)) {
+    const auto written = writeText(file, pageOf(diagnosis, {versionText(), date, noted.numPublished}));
+    if (!written) return written;
+  }
+  const auto file = options.fileOf(kBundle);
+  if (!file) return {};
+  const BundleParts parts{versionText(), date, diagnosis, std::move(noted.cards), *noted.log};
+  return writeText(file, bundleOf(parts, session.services(), options.has(kAnonymous)));
 }
 
 Result<void> run(Session& session) {
   const Options& options = session.options();
   if (auto usable = checkOptions(options); !usable) return usable;
+  PlatformServices services = session.services();
+  Noted noted{.log = std::make_shared<KeptLog>(services.log)};
+  services.log = noted.log;
   Examination wanted{{options.modulePath, options.trustModule}, session.readerName()};
   if (options.has(kLogin)) {
-    wanted.pins = [&options](Host& host, const Reader& reader) {
+    wanted.pins = [&options, log = noted.log](Host& host, const Reader& reader) {
+      log->stop();
       return pinSourceFor(options, [&host, reader] { return host.pinState(reader); });
     };
   }
-  std::size_t numPublished = 0;
-  wanted.onCard = [&](const InsertedCard& card, const CardReport&) {
-    numPublished += distinctItems(card.items).size();
+  wanted.onCard = [&](const InsertedCard& card, const CardReport& report) {
+    noted.numPublished += distinctItems(card.items).size();
+    if (options.fileOf(kBundle)) noted.cards.push_back(itemsJson(card, report));
   };
   // Each check at once: the next one may wait for a card that does not answer.
   Result<void> written;
@@ -159,17 +188,18 @@ Result<void> run(Session& session) {
       if (written) written = writeOutput(text);
     };
   }
-  const Diagnosis diagnosis = diagnose(session.services(), wanted);
+  const Diagnosis diagnosis = diagnose(services, wanted);
   if (!written) return written;
   session.setExitCode(exitCodeOf(diagnosis.verdict()));
   if (written = writeOutput(options.json ? jsonText(diagnosis) : endOf(diagnosis)); !written) return written;
-  if (!options.fileOf(kHtml)) return {};
-  return writeTo(options, kHtml, pageOf(diagnosis, {versionText(), dateNow(), numPublished}));
+  return writeFiles(session, diagnosis, std::move(noted));
 }
 
 constexpr CommandOption kOptions[] = {
     {CommandOption::Kind::kFlag, "Log in, and try each key once", kLogin},
     {CommandOption::Kind::kFile, "Write what was found as a page for a browser, too", kHtml},
+    {CommandOption::Kind::kFile, "Write all that support needs, too", kBundle},
+    {CommandOption::Kind::kFlag, "Put pseudonyms for names and serial numbers in the bundle", kAnonymous},
     {CommandOption::Kind::kPin},
 };
 

@@ -52,6 +52,8 @@ complete -c mireltoken -n '__fish_seen_subcommand_from exchange' -l last-try -d 
 complete -c mireltoken -n 'not __fish_seen_subcommand_from readers items certificate algorithms login sign decrypt exchange doctor explain help' -a doctor -d 'Examine module, readers and card, and say what to do'
 complete -c mireltoken -n '__fish_seen_subcommand_from doctor' -l login -d 'Log in, and try each key once'
 complete -c mireltoken -n '__fish_seen_subcommand_from doctor' -l html -r -F -d 'Write what was found as a page for a browser, too'
+complete -c mireltoken -n '__fish_seen_subcommand_from doctor' -l bundle -r -F -d 'Write all that support needs, too'
+complete -c mireltoken -n '__fish_seen_subcommand_from doctor' -l anonymous -d 'Put pseudonyms for names and serial numbers in the bundle'
 complete -c mireltoken -n '__fish_seen_subcommand_from doctor' -l pin-file -r -F -d 'Read the PIN from this file, which nobody else may read'
 complete -c mireltoken -n '__fish_seen_subcommand_from doctor' -l pin-fd -x -d 'Read the PIN from this open file descriptor'
 complete -c mireltoken -n '__fish_seen_subcommand_from doctor' -l last-try -d 'Send a PIN from a file or descriptor also when that may lock the card'

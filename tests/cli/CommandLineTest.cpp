@@ -131,7 +131,7 @@ TEST_F(CommandLine, HelpForACommandNamesItsOptions) {
       {"login", "--pin-file --pin-fd"},
       {"decrypt", "--key --algorithm --in --out --pin-file --pin-fd"},
       {"exchange", "--key --algorithm --in --out --pin-file --pin-fd"},
-      {"doctor", "--login --html --pin-file --pin-fd"},
+      {"doctor", "--login --html --bundle --anonymous --pin-file --pin-fd"},
       {"explain", "ID"},
   };
   for (const auto& [command, options] : rows) {

@@ -1,0 +1,145 @@
+#include "Pseudonyms.h"
+
+#include <algorithm>
+
+#include "host/Display.h"
+#include "platform/Log.h"
+#include "platform/Text.h"
+
+namespace mirel::cli {
+namespace {
+
+constexpr std::size_t kStartSize = 3;  // bytes by which forms are found
+
+struct KindWords {
+  const char* prefix;
+  const char* plural;
+};
+
+constexpr std::array<KindWords, Pseudonyms::kNumKinds> kWords{{{"reader", "names of readers"},
+                                                               {"card", "identifiers of cards"},
+                                                               {"label", "labels"},
+                                                               {"serial", "serial numbers"},
+                                                               {"name", "names in certificates"},
+                                                               {"user", "names of users"},
+                                                               {"home", "home folders"},
+                                                               {"id", "long IDs of keys"},
+                                                               {"fingerprint", "fingerprints"},
+                                                               {"text", "other texts in quotation marks"}}};
+
+const KindWords& wordsOf(Pseudonyms::Kind kind) { return kWords.at(static_cast<std::size_t>(kind)); }
+
+bool isLetter(char c) noexcept { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
+
+bool isPartOfWord(char c) noexcept { return isLetter(c) || (c >= '0' && c <= '9') || (c & 0x80) != 0; }
+
+/// Whether a text that is found within a longer word is meant, and not some other word.
+bool isUnmistakable(std::string_view text) noexcept {
+  constexpr std::size_t kShortest = 4;
+  constexpr std::size_t kShortestOfLetters = 8;
+  const bool onlyLetters = std::all_of(text.begin(), text.end(), isLetter);
+  return text.size() >= (onlyLetters ? kShortestOfLetters : kShortest);
+}
+
+/// Whether `size` bytes there are no part of a longer word.
+bool isWordAt(std::string_view text, std::size_t at, std::size_t size) noexcept {
+  const bool joinsBefore = at > 0 && isPartOfWord(text[at - 1]) && isPartOfWord(text[at]);
+  const std::size_t end = at + size;
+  const bool joinsAfter = end < text.size() && isPartOfWord(text[end]) && isPartOfWord(text[end - 1]);
+  return !joinsBefore && !joinsAfter;
+}
+
+}  // namespace
+
+std::string Pseudonyms::pseudonymOf(Kind kind, const std::string& text) {
+  if (const auto known = pseudonyms_.find(text); known != pseudonyms_.end()) return known->second;
+  const std::size_t number = ++numOfKind_.at(static_cast<std::size_t>(kind));
+  return pseudonyms_[text] = std::string{wordsOf(kind).prefix} + "-" + std::to_string(number);
+}
+
+void Pseudonyms::add(Kind kind, const std::string& text) {
+  if (text.empty()) return;
+  const std::string pseudonym = pseudonymOf(kind, text);
+  const Text characters = Text::fromUtf8(text);
+  for (const std::string& form :
+       {text, displayed(characters), displayed(std::string_view{text}), displayedName(characters),
+        displayedAsLatin1(characters), printableLine(text)}) {
+    pseudonyms_.emplace(form, pseudonym);
+    auto& forms = formsByStart_[form.substr(0, kStartSize)];
+    if (std::find(forms.begin(), forms.end(), form) == forms.end()) forms.push_back(form);
+  }
+}
+
+/// The longest form that stands there; empty: none.
+std::string_view Pseudonyms::formAt(std::string_view text, std::size_t at) const {
+  std::string_view longest;
+  for (std::size_t size = 1; size <= kStartSize && at + size <= text.size(); ++size) {
+    const auto found = formsByStart_.find(text.substr(at, size));
+    if (found == formsByStart_.end()) continue;
+    for (const std::string& form : found->second) {
+      if (form.size() <= longest.size() || text.compare(at, form.size(), form) != 0) continue;
+      if (isUnmistakable(form) || isWordAt(text, at, form.size())) longest = form;
+    }
+  }
+  return longest;
+}
+
+std::string Pseudonyms::withoutKnown(std::string_view text) {
+  std::string all;
+  for (std::size_t at = 0; at < text.size();) {
+    if (const std::string_view form = formAt(text, at); !form.empty()) {
+      all += pseudonyms_.find(form)->second;
+      at += form.size();
+      continue;
+    }
+    std::size_t size = 1;
+    for (const std::string_view folder : {"/home/", "/Users/"}) {
+      if (!text.substr(at).starts_with(folder)) continue;
+      const std::size_t start = at + folder.size();
+      const std::size_t end = std::min(text.find_first_of("/ \"':;,", start), text.size());
+      all += folder;
+      if (end > start) all += pseudonymOf(Kind::kUser, std::string{text.substr(start, end - start)});
+      at = end;
+      size = 0;
+    }
+    all += text.substr(at, size);
+    at += size;
+  }
+  return all;
+}
+
+/// A quotation mark without another one after it begins a quotation to the end.
+std::string Pseudonyms::withoutQuoted(std::string_view text) {
+  const auto isPseudonym = [this](std::string_view quoted) {
+    return std::any_of(pseudonyms_.begin(), pseudonyms_.end(),
+                       [quoted](const auto& known) { return known.second == quoted; });
+  };
+  std::string all;
+  while (true) {
+    const std::size_t start = text.find('"');
+    if (start == std::string_view::npos) return all.append(text);
+    const std::size_t end = std::min(text.find('"', start + 1), text.size());
+    const std::string_view quoted = text.substr(start + 1, end - start - 1);
+    all.append(text.substr(0, start + 1));
+    all += quoted.empty() || isPseudonym(quoted) ? std::string{quoted}
+                                                 : pseudonymOf(Kind::kQuoted, std::string{quoted});
+    if (end == text.size()) return all;
+    all += '"';
+    text.remove_prefix(end + 1);
+  }
+}
+
+std::string Pseudonyms::replacedIn(std::string_view text) { return withoutQuoted(withoutKnown(text)); }
+
+std::string Pseudonyms::counts() const {
+  std::string text;
+  for (std::size_t kind = 0; kind < kNumKinds; ++kind) {
+    if (numOfKind_.at(kind) == 0) continue;
+    const KindWords& words = kWords.at(kind);
+    text.append(words.plural).append(" (").append(words.prefix).append("-N): ");
+    text.append(std::to_string(numOfKind_.at(kind))).append("\n");
+  }
+  return text;
+}
+
+}  // namespace mirel::cli
