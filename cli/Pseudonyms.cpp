@@ -54,7 +54,10 @@ bool isWordAt(std::string_view text, std::size_t at, std::size_t size) noexcept 
 std::string Pseudonyms::pseudonymOf(Kind kind, const std::string& text) {
   if (const auto known = pseudonyms_.find(text); known != pseudonyms_.end()) return known->second;
   const std::size_t number = ++numOfKind_.at(static_cast<std::size_t>(kind));
-  return pseudonyms_[text] = std::string{wordsOf(kind).prefix} + "-" + std::to_string(number);
+  const std::string pseudonym = std::string{wordsOf(kind).prefix} + "-" + std::to_string(number);
+  pseudonyms_.emplace(text, pseudonym);
+  given_.insert(pseudonym);
+  return pseudonym;
 }
 
 void Pseudonyms::add(Kind kind, const std::string& text) {
@@ -65,8 +68,7 @@ void Pseudonyms::add(Kind kind, const std::string& text) {
        {text, displayed(characters), displayed(std::string_view{text}), displayedName(characters),
         displayedAsLatin1(characters), printableLine(text)}) {
     pseudonyms_.emplace(form, pseudonym);
-    auto& forms = formsByStart_[form.substr(0, kStartSize)];
-    if (std::find(forms.begin(), forms.end(), form) == forms.end()) forms.push_back(form);
+    sizesByStart_[form.substr(0, kStartSize)].insert(form.size());
   }
 }
 
@@ -74,11 +76,14 @@ void Pseudonyms::add(Kind kind, const std::string& text) {
 std::string_view Pseudonyms::formAt(std::string_view text, std::size_t at) const {
   std::string_view longest;
   for (std::size_t size = 1; size <= kStartSize && at + size <= text.size(); ++size) {
-    const auto found = formsByStart_.find(text.substr(at, size));
-    if (found == formsByStart_.end()) continue;
-    for (const std::string& form : found->second) {
-      if (form.size() <= longest.size() || text.compare(at, form.size(), form) != 0) continue;
-      if (isUnmistakable(form) || isWordAt(text, at, form.size())) longest = form;
+    const auto found = sizesByStart_.find(text.substr(at, size));
+    if (found == sizesByStart_.end()) continue;
+    // From the longest on.
+    for (const std::size_t formSize : found->second) {
+      if (formSize <= longest.size()) break;
+      const std::string_view form = text.substr(at, formSize);
+      if (form.size() < formSize || !pseudonyms_.contains(form)) continue;
+      if (isUnmistakable(form) || isWordAt(text, at, formSize)) longest = form;
     }
   }
   return longest;
@@ -110,10 +115,6 @@ std::string Pseudonyms::withoutKnown(std::string_view text) {
 
 /// A quotation mark without another one after it begins a quotation to the end.
 std::string Pseudonyms::withoutQuoted(std::string_view text) {
-  const auto isPseudonym = [this](std::string_view quoted) {
-    return std::any_of(pseudonyms_.begin(), pseudonyms_.end(),
-                       [quoted](const auto& known) { return known.second == quoted; });
-  };
   std::string all;
   while (true) {
     const std::size_t start = text.find('"');
@@ -121,8 +122,8 @@ std::string Pseudonyms::withoutQuoted(std::string_view text) {
     const std::size_t end = std::min(text.find('"', start + 1), text.size());
     const std::string_view quoted = text.substr(start + 1, end - start - 1);
     all.append(text.substr(0, start + 1));
-    all += quoted.empty() || isPseudonym(quoted) ? std::string{quoted}
-                                                 : pseudonymOf(Kind::kQuoted, std::string{quoted});
+    all += quoted.empty() || given_.contains(quoted) ? std::string{quoted}
+                                                     : pseudonymOf(Kind::kQuoted, std::string{quoted});
     if (end == text.size()) return all;
     all += '"';
     text.remove_prefix(end + 1);

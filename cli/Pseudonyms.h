@@ -2,10 +2,11 @@
 
 #include <array>
 #include <cstddef>
+#include <functional>
 #include <map>
+#include <set>
 #include <string>
 #include <string_view>
-#include <vector>
 
 namespace mirel::cli {
 
@@ -35,7 +36,8 @@ class Pseudonyms {
   [[nodiscard]] std::string withoutQuoted(std::string_view text);
 
   std::map<std::string, std::string, std::less<>> pseudonyms_;  // by all forms of the texts
-  std::map<std::string, std::vector<std::string>, std::less<>> formsByStart_;
+  std::map<std::string, std::set<std::size_t, std::greater<>>, std::less<>> sizesByStart_;
+  std::set<std::string, std::less<>> given_;
   std::array<std::size_t, kNumKinds> numOfKind_{};
 };
 
