@@ -132,7 +132,11 @@ void addUser(const PlatformServices& services, Pseudonyms& pseudonyms) {
   for (const auto& directory : {services.user, systemUserDirectory()}) {
     const std::string name = directory->loginName();
     const std::string home = directory->homeOf(name);
-    if (home.size() > 1) pseudonyms.add(Kind::kHome, home);
+    std::error_code error;
+    // The module's path is the one behind all links.
+    for (const std::string& folder : {home, std::filesystem::canonical(home, error).string()}) {
+      if (folder.size() > 1) pseudonyms.add(Kind::kHome, folder);
+    }
     pseudonyms.add(Kind::kUser, name);
   }
 }

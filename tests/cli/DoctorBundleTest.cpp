@@ -73,6 +73,19 @@ TEST_F(DoctorBundle, ReplacesNamesOnRequest) {
   EXPECT_THAT(bundle, ContainsRegex("\nhome folders \\(home-N\\): [12]\n"));
 }
 
+TEST_F(DoctorBundle, ReplacesTheHomeAlsoBehindALink) {
+  namespace fs = std::filesystem;
+  const fs::path place = fs::path{path("JanesHome")} / "Library/LunetLocalSignServer";
+  fs::create_directories(place);
+  fs::copy_file(softHsmModule(), place / "libTorvo_p11v1.dylib");
+  fs::create_directory_symlink(path("JanesHome"), path("link"));
+  const std::string bundle =
+      bundleOf(invocation({"doctor", "--anonymous", "--trust-module", "--home", path("link")}));
+  EXPECT_THAT(bundle,
+              ContainsRegex("\nPath      home-[12]/Library/LunetLocalSignServer/libTorvo_p11v1.dylib\n"));
+  for (const char* name : {"JanesHome", "/link"}) EXPECT_THAT(bundle, Not(HasSubstr(name)));
+}
+
 TEST_F(DoctorBundle, OfAModuleThatDoesNotStartIsWrittenToo) {
   const std::string bundle = bundleOf(invocation({"doctor", "--module", path("none.so"), "--anonymous"}));
   EXPECT_THAT(bundle, HasSubstr("\n== Module ==\nThere is none.\n"));
