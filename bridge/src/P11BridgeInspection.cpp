@@ -10,6 +10,37 @@ constexpr int kSlotListTries = 3;  // a slot may appear between counting and lis
 
 }  // namespace
 
+std::vector<const char*> P11Bridge::missingEntries() const noexcept {
+  std::vector<const char*> missing;
+  const CK_FUNCTION_LIST* list = ckFunc();
+  if (!list) return missing;
+  const struct {
+    const char* name;
+    bool isThere;
+  } entries[] = {
+      {"C_Initialize", list->C_Initialize != nullptr},
+      {"C_GetSlotList", list->C_GetSlotList != nullptr},
+      {"C_GetSlotInfo", list->C_GetSlotInfo != nullptr},
+      {"C_GetTokenInfo", list->C_GetTokenInfo != nullptr},
+      {"C_OpenSession", list->C_OpenSession != nullptr},
+      {"C_CloseSession", list->C_CloseSession != nullptr},
+      {"C_GetSessionInfo", list->C_GetSessionInfo != nullptr},
+      {"C_FindObjectsInit", list->C_FindObjectsInit != nullptr},
+      {"C_FindObjects", list->C_FindObjects != nullptr},
+      {"C_FindObjectsFinal", list->C_FindObjectsFinal != nullptr},
+      {"C_GetAttributeValue", list->C_GetAttributeValue != nullptr},
+      {"C_Login", list->C_Login != nullptr},
+      {"C_SignInit", list->C_SignInit != nullptr},
+      {"C_Sign", list->C_Sign != nullptr},
+      {"C_DecryptInit", list->C_DecryptInit != nullptr},
+      {"C_Decrypt", list->C_Decrypt != nullptr},
+  };
+  for (const auto& [name, isThere] : entries) {
+    if (!isThere) missing.push_back(name);
+  }
+  return missing;
+}
+
 CK_RV P11Bridge::inspectSlots(bool withTokenOnly, std::vector<CK_SLOT_ID>& outSlots) const noexcept {
   const CK_BBOOL tokenPresent = withTokenOnly ? CK_TRUE : CK_FALSE;
   CK_RV rv = CKR_OK;

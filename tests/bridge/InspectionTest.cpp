@@ -41,6 +41,13 @@ class Inspection : public SessionTest {
   std::vector<CK_OBJECT_HANDLE> objects;
 };
 
+TEST_F(Inspection, NamesTheFunctionsThatTheListLacks) {
+  EXPECT_THAT(bridge.missingEntries(), IsEmpty());
+  script.removeEntry("C_Decrypt");
+  script.removeEntry("C_DigestInit");  // never called
+  EXPECT_THAT(bridge.missingEntries(), ElementsAre(::testing::StrEq("C_Decrypt")));
+}
+
 TEST_F(Inspection, HasAnObserverOfItsOwn) {
   PlatformServices mine = services();
   const auto own = std::make_shared<RecordingObserver>();

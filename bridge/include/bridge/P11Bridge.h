@@ -279,6 +279,9 @@ class P11Bridge final {
     return hasModule() ? ckFunc()->version : CK_VERSION{};
   }
 
+  /// The names of those functions that the layers call and the function list lacks; none without a list.
+  [[nodiscard]] std::vector<const char*> missingEntries() const noexcept;
+
   /// C_GetSlotList: all slots, or those with a token, however many there are; asked for again where one has
   /// come between counting and listing. CKR_HOST_MEMORY: the module reports more than kMaxSlots.
   /// `outSlots` has no defined content after a failure.

@@ -42,15 +42,6 @@ std::string subjectOf(const CardReport& report, const PublishedKey& key) {
   return subjectOf("key", key.objectID, known == report.keys.end() ? Text{} : known->labelOnCard);
 }
 
-/// The certificate that the key's item names; null: there is none.
-const PublishedCertificate* certificateOf(const InsertedCard& card, const PublishedKey& key) {
-  for (const PublishedItem& item : card.items) {
-    const auto* certificate = std::get_if<PublishedCertificate>(&item);
-    if (certificate && certificate->objectID == key.certificateID) return certificate;
-  }
-  return nullptr;
-}
-
 /// Joins what is said of each key.
 class Evidence {
  public:
@@ -65,7 +56,22 @@ class Evidence {
   std::string text_;
 };
 
-/// The failure of one trial signature; nothing where it verifies.
+bool worksForNothing(const CardReport& report, const PublishedKey& key) {
+  return std::any_of(report.keys.begin(), report.keys.end(), [&](const KeyReport& known) {
+    return known.objectID == key.objectID && known.worksForNothing;
+  });
+}
+
+}  // namespace
+
+const PublishedCertificate* certificateOf(const InsertedCard& card, const PublishedKey& key) {
+  for (const PublishedItem& item : card.items) {
+    const auto* certificate = std::get_if<PublishedCertificate>(&item);
+    if (certificate && certificate->objectID == key.certificateID) return certificate;
+  }
+  return nullptr;
+}
+
 std::optional<Failure> failureOfSigning(KeyClient& client, const PublishedKey& key,
                                         const PublishedCertificate& certificate, SecKeyAlgorithm algorithm,
                                         PinSource& pins) {
@@ -77,7 +83,6 @@ std::optional<Failure> failureOfSigning(KeyClient& client, const PublishedKey& k
   return verified ? std::nullopt : std::optional{verified.failure()};
 }
 
-/// The failure of one trial decryption; nothing where the text is as it was before.
 std::optional<Failure> failureOfDecrypting(KeyClient& client, const PublishedKey& key,
                                            const PublishedCertificate& certificate, PinSource& pins) {
   const auto failed = [](const char* why) {
@@ -98,19 +103,10 @@ std::optional<Failure> failureOfDecrypting(KeyClient& client, const PublishedKey
   return Failure{FailureKind::kCardRefuses, "", "the plain text is another one than was encrypted", {}};
 }
 
-/// Whether a failure says nothing of what the key can do.
 bool saysNothing(const Failure& failure) {
   return failure.kind == FailureKind::kCardGone || failure.kind == FailureKind::kAnotherCard ||
          failure.kind == FailureKind::kInternal || failure.kind == FailureKind::kNotSupported;
 }
-
-bool worksForNothing(const CardReport& report, const PublishedKey& key) {
-  return std::any_of(report.keys.begin(), report.keys.end(), [&](const KeyReport& known) {
-    return known.objectID == key.objectID && known.worksForNothing;
-  });
-}
-
-}  // namespace
 
 void trySigning(KeyClient& client, const InsertedCard& card, const CardReport& report, PinSource& pins,
                 const Checkpoint& point, Checks& checks) {

@@ -1,10 +1,28 @@
 #pragma once
 
+#include <optional>
+
 #include "doctor/Checks.h"
 #include "host/CardReport.h"
 #include "host/KeyClient.h"
 
 namespace mirel {
+
+/// The certificate that the key's item names; null: there is none.
+[[nodiscard]] const PublishedCertificate* certificateOf(const InsertedCard& card, const PublishedKey& key);
+
+/// The failure of one trial signature; nothing where it verifies.
+[[nodiscard]] std::optional<Failure> failureOfSigning(KeyClient& client, const PublishedKey& key,
+                                                      const PublishedCertificate& certificate,
+                                                      SecKeyAlgorithm algorithm, PinSource& pins);
+
+/// The failure of one trial decryption; nothing where the text is as it was before.
+[[nodiscard]] std::optional<Failure> failureOfDecrypting(KeyClient& client, const PublishedKey& key,
+                                                         const PublishedCertificate& certificate,
+                                                         PinSource& pins);
+
+/// Whether a failure says nothing of what the key can do.
+[[nodiscard]] bool saysNothing(const Failure& failure);
 
 /// One signature of each key that may sign, by RSA-PSS and by PKCS #1 v1.5, of data that are made up here;
 /// each is verified, none is kept. The client has logged in.

@@ -1,0 +1,82 @@
+#include "host/Conformance.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "conformance/KeyRules.h"
+#include "conformance/ModuleRules.h"
+#include "conformance/ObjectRules.h"
+
+namespace mirel {
+namespace {
+
+using enum RuleID;
+
+/// The reader to test; a failure where there is none.
+Result<Reader> chosenReader(Host& host, const Text& name) {
+  const auto readers = host.readers(name);
+  if (!readers) return readers.failure();
+  if (readers->empty()) return host.whyNoCard("there is no card to test").failure;
+  const auto first = std::find_if(readers->begin(), readers->end(), [](const Reader& reader) {
+    return reader.tokenInitialised && !reader.distinctName.isNull();
+  });
+  return first == readers->end() ? readers->front() : *first;
+}
+
+/// Why a card is not published, where no rule says it.
+void tellFailedInsertion(const Failure& failure, RuleResults& results) {
+  const bool isTold = results.isAny(RuleVerdict::kFail) || results.isAny(RuleVerdict::kUnknown);
+  if (!isTold) results.fail(kPublicObjects, failure.what + ": " + failure.why);
+}
+
+void testCard(Host& host, const P11Bridge& bridge, const Examination& wanted, RuleResults& results,
+              CardAbilities& abilities) {
+  const auto reader = chosenReader(host, wanted.reader);
+  if (!reader) {
+    results.fail(kNumTokens, reader.failure().what + ": " + reader.failure().why);
+    return results.skipRest("there is no card");
+  }
+  testSlotOfCard(bridge, reader->slotID, results);
+  testObjects(bridge, reader->slotID, results);
+  const auto card = host.insert(wanted.reader);
+  if (!card) {
+    abilities.published = false;
+    testReport({host.examine(*reader), false, {}, false}, results);
+    tellFailedInsertion(card.failure(), results);
+    return results.skipRest("nothing is published");
+  }
+  abilities.published = !card->items.empty();
+  CardReport report = host.examine(*card);
+  const auto pins = wanted.pins ? wanted.pins(host, card->reader) : nullptr;
+  const bool loggedIn = testKeys(host, bridge, *card, pins.get(), report, results, abilities);
+  const std::string missed = card->incomplete ? card->incomplete->why : std::string{};
+  testReport({report, *abilities.published, missed, loggedIn}, results);
+}
+
+}  // namespace
+
+RuleVerdict Conformance::verdict() const {
+  const auto isAny = [this](RuleVerdict verdict) {
+    return std::any_of(results.begin(), results.end(),
+                       [verdict](const RuleResult& result) { return result.verdict == verdict; });
+  };
+  if (isAny(RuleVerdict::kFail)) return RuleVerdict::kFail;
+  return isAny(RuleVerdict::kWarn) || isAny(RuleVerdict::kUnknown) ? RuleVerdict::kWarn : RuleVerdict::kPass;
+}
+
+Conformance testConformance(PlatformServices services, const Examination& wanted) {
+  RuleResults results;
+  CardAbilities abilities;
+  results.skip(kRemoval, "nobody takes the card out during the test: do that by hand");
+  std::string reason;
+  if (const auto bridge = testModule(services, wanted.module, results, reason)) {
+    Host host{services, wanted.module.path.value_or(std::string{})};
+    testCard(host, *bridge, wanted, results, abilities);
+  } else if (reason != "there is no card") {
+    abilities.published = false;
+  }
+  results.skipRest(reason);
+  return {std::move(results).taken(), gradeOf(abilities)};
+}
+
+}  // namespace mirel

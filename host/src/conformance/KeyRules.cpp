@@ -1,0 +1,205 @@
+#include "conformance/KeyRules.h"
+
+#include <algorithm>
+
+#include "CodeMeaning.h"
+#include "conformance/ObjectRules.h"
+#include "doctor/KeyTrials.h"
+#include "host/Display.h"
+#include "host/KeyAbility.h"
+#include "host/KeyChoice.h"
+#include "host/KeyClient.h"
+
+namespace mirel {
+namespace {
+
+using enum RuleID;
+
+struct SigningRule {
+  RuleID rule;
+  SecKeyAlgorithm algorithm;
+  std::size_t smallestModulus;  ///< bytes, for the hash to fit (RFC 8017, section 9.1.1)
+};
+
+constexpr std::size_t pssRoom(std::size_t hashSize) { return 2 * hashSize + 2; }
+
+constexpr SigningRule kSignatures[] = {
+    {kPssSha1, SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureMessagePSSSHA1, pssRoom(20)},
+    {kPssSha256, SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureMessagePSSSHA256, pssRoom(32)},
+    {kPssSha384, SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureMessagePSSSHA384, pssRoom(48)},
+    {kPssSha512, SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureMessagePSSSHA512, pssRoom(64)},
+    {kPkcs1, SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureMessagePKCS1v15SHA256, pssRoom(0)},
+};
+
+constexpr RuleID kAfterLogin[] = {kModulusReadable, kSigningPrivateKey, kRawSignature,
+                                  kPssSha1,      kPssSha256,       kPssSha384,         kPssSha512,
+                                  kPkcs1,        kPrivateModulus,  kDecryption};
+
+void skipAfterLogin(RuleResults& results, const std::string& reason) {
+  for (const RuleID rule : kAfterLogin) results.skip(rule, reason);
+}
+
+/// True when the keys can be tried. `isUser`: a session shows a user state.
+bool testLogin(const Result<void>& accepted, bool isUser, RuleResults& results) {
+  if (accepted) {
+    results.pass(kLogin, "the card accepts the PIN");
+    return true;
+  }
+  const Failure& failure = accepted.failure();
+  const std::string text = failure.what + ": " + failure.why;
+  switch (failure.kind) {
+    case FailureKind::kPinHeldBack:
+    case FailureKind::kCancelled: results.skip(kLogin, text); break;
+    case FailureKind::kCardGone:
+    case FailureKind::kAnotherCard:
+    case FailureKind::kInternal: results.unknown(kLogin, text); break;
+    default:
+      if (isUser) {
+        results.pass(kLogin, "the module shows a user state");  // so the rule about the session is broken
+      } else {
+        results.fail(kLogin, text);
+      }
+  }
+  return false;
+}
+
+/// True where the session shows a user state.
+bool testSessionState(const P11Bridge& bridge, CK_SLOT_ID slotID, RuleResults& results) {
+  CK_SESSION_HANDLE session = 0;
+  if (const CK_RV rv = bridge.openInspection(slotID, session); rv != CKR_OK)
+    return results.unknown(kSessionState, answerText({"C_OpenSession", rv})), false;
+  CK_SESSION_INFO info{};
+  const CK_RV rv = bridge.inspectSession(session, info);
+  bridge.closeInspection(session);
+  if (rv != CKR_OK) return results.unknown(kSessionState, answerText({"C_GetSessionInfo", rv})), false;
+  const bool isUser = info.state == CKS_RO_USER_FUNCTIONS || info.state == CKS_RW_USER_FUNCTIONS;
+  const bool isSerial = (info.flags & CKF_SERIAL_SESSION) != 0;
+  const std::string text = "state " + std::to_string(info.state) + ", flags " + std::to_string(info.flags) +
+                           ", ulDeviceError " + std::to_string(info.ulDeviceError);
+  const bool isGood = isUser && isSerial && info.ulDeviceError == 0;
+  results.set(kSessionState, isGood ? RuleVerdict::kPass : RuleVerdict::kFail, text);
+  return isUser;
+}
+
+/// What the trials of one rule came to.
+struct Trials {
+  std::size_t numGood = 0;
+  std::optional<std::string> broken;   ///< how the first key failed
+  std::optional<std::string> unknown;  ///< why the first one could not be tried
+
+  void add(const std::string& name, const std::optional<Failure>& failure) {
+    if (!failure) {
+      ++numGood;
+      return;
+    }
+    auto& text = saysNothing(*failure) ? unknown : broken;
+    if (!text) text = name + ": " + failure->why;
+  }
+
+  /// Nothing where it could not be told.
+  [[nodiscard]] std::optional<bool> works() const {
+    if (numGood > 0) return true;
+    return unknown ? std::nullopt : std::optional{false};
+  }
+
+  void tell(RuleID rule, RuleVerdict ifBroken, const std::string& ifNone, RuleResults& results) const {
+    if (broken) return results.set(rule, ifBroken, *broken);
+    if (unknown) return results.unknown(rule, *unknown);
+    if (numGood == 0) return results.skip(rule, ifNone);
+    results.pass(rule, std::to_string(numGood) + (numGood == 1 ? " key" : " keys") + " tried");
+  }
+};
+
+void testSignatures(KeyClient& client, const InsertedCard& card, PinSource& pins, RuleResults& results,
+                    CardAbilities& outAbilities) {
+  Trials raw;
+  for (const SigningRule& rule : kSignatures) {
+    Trials trials;
+    bool isTooShort = false;
+    for (const PublishedKey& key : keysOf(card)) {
+      const PublishedCertificate* certificate = certificateOf(card, key);
+      if (!key.canSign || !certificate || reasonNeverTo(KeyOperation::kSign, key)) continue;
+      if (modulusSizeOf(key) < rule.smallestModulus) {
+        isTooShort = true;
+        continue;
+      }
+      trials.add("key " + idText(key.objectID),
+                 failureOfSigning(client, key, *certificate, rule.algorithm, pins));
+    }
+    const bool isPkcs1 = rule.rule == kPkcs1;
+    trials.tell(rule.rule, isPkcs1 ? RuleVerdict::kWarn : RuleVerdict::kFail,
+                isTooShort ? "no key is long enough for the hash" : "no key of the card signs", results);
+    if (isPkcs1) {
+      outAbilities.signsPkcs1 = trials.works();
+      continue;
+    }
+    if (rule.rule == kPssSha256) outAbilities.signsPss = trials.works();
+    raw.numGood += trials.numGood;
+    if (!raw.broken) raw.broken = trials.broken;
+    if (!raw.unknown) raw.unknown = trials.unknown;
+  }
+  if (raw.numGood > 0) raw.broken.reset();  // it is the rule of that hash that is broken
+  raw.tell(kRawSignature, RuleVerdict::kFail, "no key of the card signs", results);
+}
+
+void testDecryption(KeyClient& client, const InsertedCard& card, PinSource& pins, RuleResults& results,
+                    CardAbilities& outAbilities) {
+  Trials trials;
+  for (const PublishedKey& key : keysOf(card)) {
+    const PublishedCertificate* certificate = certificateOf(card, key);
+    if (!key.canDecrypt || !certificate || reasonNeverTo(KeyOperation::kDecrypt, key)) continue;
+    trials.add("key " + idText(key.objectID), failureOfDecrypting(client, key, *certificate, pins));
+  }
+  outAbilities.decrypts = trials.works();
+  trials.tell(kDecryption, RuleVerdict::kFail, "no RSA key of the card decrypts", results);
+}
+
+/// The rules that the items of the keychain decide.
+void testKeyKinds(const InsertedCard& card, RuleResults& results) {
+  std::size_t numGood = 0;
+  for (const PublishedKey& key : keysOf(card)) {
+    if (!key.canDecrypt) continue;
+    if (key.keyType != CertificateKeyType::kRSA)
+      return results.fail(kDecryptingKey, "key " + idText(key.objectID) + " is an EC key");
+    ++numGood;
+  }
+  if (card.incomplete) return results.unknown(kDecryptingKey, card.incomplete->why);
+  if (numGood == 0) return results.skip(kDecryptingKey, "no key of the card decrypts");
+  results.pass(kDecryptingKey, std::to_string(numGood) + (numGood == 1 ? " key" : " keys") + " that decrypt");
+}
+
+}  // namespace
+
+bool testKeys(Host& host, const P11Bridge& bridge, const InsertedCard& card, PinSource* pins,
+              CardReport& ioReport, RuleResults& results, CardAbilities& outAbilities) {
+  testKeyKinds(card, results);
+  results.skip(kTriesLeft, "no wrong PIN is sent on purpose: it takes a try of the card");
+  if (!pins) {
+    results.skip(kLogin, "no login was asked for: give --login");
+    results.skip(kSessionState, "it needs a login: give --login");
+    skipAfterLogin(results, "it needs a login: give --login");
+    return false;
+  }
+  const auto client = host.newClient(card);
+  if (!client) {
+    results.unknown(kLogin, client.failure().what + ": " + client.failure().why);
+    results.skip(kSessionState, "there is no login");
+    skipAfterLogin(results, "there is no login");
+    return false;
+  }
+  const auto accepted = (*client)->logIn(*pins);
+  const bool isUser = testSessionState(bridge, card.reader.slotID, results);
+  if (!testLogin(accepted, isUser, results)) {
+    const bool isBroken = isUser && results.isBad(kSessionState);
+    if (!isBroken) results.skip(kSessionState, "there is no login");
+    skipAfterLogin(results, "there is no login");
+    return false;
+  }
+  ioReport = host.examine(card, true);
+  testKeyObjects(bridge, card, results);
+  testSignatures(**client, card, *pins, results, outAbilities);
+  testDecryption(**client, card, *pins, results, outAbilities);
+  return true;
+}
+
+}  // namespace mirel
