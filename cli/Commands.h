@@ -18,6 +18,7 @@ namespace mirel::cli {
   X(decrypt)              \
   X(exchange)             \
   X(doctor)               \
+  X(conformance)          \
   X(explain)
 
 #define MIREL_DECLARATION(name) extern const Command name##Command;

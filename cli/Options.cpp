@@ -24,6 +24,7 @@ constexpr const char* kExamples =
     "  mireltoken login --pin-fd 3 3< ~/.card-pin\n"
     "  mireltoken exchange --key 03 --in their-point.bin\n"
     "  mireltoken doctor --login\n"
+    "  mireltoken conformance --login --junit rules.xml\n"
     "  mireltoken explain MT-R02\n"
     "\n"
     "A key is named by its ID in hexadecimal digits as `items` shows it, by a label that only it has, by a\n"
@@ -91,6 +92,9 @@ void declareOption(CLI::App& app, Options& options, const CommandOption& option)
       app.add_option("--out", options.out, option.help)->type_name("FILE");
       break;
     case CommandOption::Kind::kPin: declarePinOptions(app, options); break;
+    case CommandOption::Kind::kFile:
+      app.add_option(option.flag, options.files[option.flag], option.help)->type_name("FILE");
+      break;
     case CommandOption::Kind::kWord: app.add_option(option.flag, options.word, option.help); break;
     case CommandOption::Kind::kFile:
       app.add_option(option.flag, options.files[option.flag], option.help)->type_name("FILE");

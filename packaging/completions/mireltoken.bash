@@ -17,7 +17,7 @@ _mireltoken() {
       --module|--out|--pin-file|--in|--html|--bundle|--home|--reader|--timeout|--key|--pin-fd|--algorithm)
         [ "${COMP_WORDS[i + 1]}" != = ] || i=$((i + 1))
         i=$((i + 1)) ;;
-      readers|items|certificate|algorithms|login|sign|decrypt|exchange|doctor|explain|help) command=$word; break ;;
+      readers|items|certificate|algorithms|login|sign|decrypt|exchange|doctor|conformance|explain|help) command=$word; break ;;
     esac
   done
 
@@ -43,8 +43,8 @@ _mireltoken() {
   esac
   case $cur,$command in
     -*) _mireltoken_words "$options" "$cur" ;;
-    *,) _mireltoken_words 'readers items certificate algorithms login sign decrypt exchange doctor explain help' "$cur" ;;
-    *,help) _mireltoken_words 'readers items certificate algorithms login sign decrypt exchange doctor explain' "$cur" ;;
+    *,) _mireltoken_words 'readers items certificate algorithms login sign decrypt exchange doctor conformance explain help' "$cur" ;;
+    *,help) _mireltoken_words 'readers items certificate algorithms login sign decrypt exchange doctor conformance explain' "$cur" ;;
     *) _mireltoken_words "" "$cur" ;;
   esac
 }

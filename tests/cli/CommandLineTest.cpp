@@ -8,8 +8,8 @@
 namespace mirel::test {
 namespace {
 
-constexpr std::array kCommands{"readers", "items",   "certificate", "algorithms", "login",
-                               "sign",    "decrypt", "exchange",    "doctor",     "explain"};
+constexpr std::array kCommands{"readers", "items",    "certificate", "algorithms",  "login",  "sign",
+                               "decrypt", "exchange", "doctor",      "conformance", "explain"};
 
 class CommandLine : public EndToEndTest {
  protected:
@@ -64,6 +64,7 @@ Subcommands:
   decrypt                     Decrypt with a key of the card
   exchange                    Ask for a key exchange, and show what the token answers
   doctor                      Examine module, readers and card, and say what to do
+  conformance                 Test module and card against every rule for card makers
   explain                     Explain what `doctor` has found
   help                        Print the help of the program, or of a command
 )";
@@ -132,6 +133,7 @@ TEST_F(CommandLine, HelpForACommandNamesItsOptions) {
       {"decrypt", "--key --algorithm --in --out --pin-file --pin-fd"},
       {"exchange", "--key --algorithm --in --out --pin-file --pin-fd"},
       {"doctor", "--login --html --bundle --anonymous --pin-file --pin-fd"},
+      {"conformance", "--login --junit --pin-file --pin-fd"},
       {"explain", "ID"},
   };
   for (const auto& [command, options] : rows) {

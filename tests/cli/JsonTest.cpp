@@ -48,6 +48,7 @@ TEST_F(JsonOutput, OfEachCommandFollowsItsSchema) {
   expectOutputOf("explain", mireltoken("explain --json"));
   expectOutputOf("explain", mireltoken("explain --json MT-C02"));
   (void)output("doctor", mireltoken("doctor --json"));
+  (void)output("conformance", mireltoken("conformance --json"));
   expectOutputOf("login", runWithPin("login --json"));
   for (const std::string& more : {std::string{" --json"}, out}) {
     expectOutputOf("certificate", mireltoken("certificate --key 01" + more));

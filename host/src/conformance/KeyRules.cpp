@@ -31,9 +31,9 @@ constexpr SigningRule kSignatures[] = {
     {kPkcs1, SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureMessagePKCS1v15SHA256, pssRoom(0)},
 };
 
-constexpr RuleID kAfterLogin[] = {kModulusReadable, kSigningPrivateKey, kRawSignature,
-                                  kPssSha1,      kPssSha256,       kPssSha384,         kPssSha512,
-                                  kPkcs1,        kPrivateModulus,  kDecryption};
+constexpr RuleID kAfterLogin[] = {kModulusReadable, kSigningPrivateKey, kRawSignature, kPssSha1,
+                                  kPssSha256,       kPssSha384,         kPssSha512,    kPkcs1,
+                                  kPrivateModulus,  kDecryption};
 
 void skipAfterLogin(RuleResults& results, const std::string& reason) {
   for (const RuleID rule : kAfterLogin) results.skip(rule, reason);
@@ -165,7 +165,7 @@ void testKeyKinds(const InsertedCard& card, RuleResults& results) {
   }
   if (card.incomplete) return results.unknown(kDecryptingKey, card.incomplete->why);
   if (numGood == 0) return results.skip(kDecryptingKey, "no key of the card decrypts");
-  results.pass(kDecryptingKey, std::to_string(numGood) + (numGood == 1 ? " key" : " keys") + " that decrypt");
+  results.pass(kDecryptingKey, std::to_string(numGood) + (numGood == 1 ? " key" : " keys") + " looked at");
 }
 
 }  // namespace
@@ -175,9 +175,9 @@ bool testKeys(Host& host, const P11Bridge& bridge, const InsertedCard& card, Pin
   testKeyKinds(card, results);
   results.skip(kTriesLeft, "no wrong PIN is sent on purpose: it takes a try of the card");
   if (!pins) {
-    results.skip(kLogin, "no login was asked for: give --login");
-    results.skip(kSessionState, "it needs a login: give --login");
-    skipAfterLogin(results, "it needs a login: give --login");
+    results.skip(kLogin, "no login was asked for");
+    results.skip(kSessionState, "it needs a login");
+    skipAfterLogin(results, "it needs a login");
     return false;
   }
   const auto client = host.newClient(card);

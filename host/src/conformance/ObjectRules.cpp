@@ -282,11 +282,20 @@ class ObjectTest {
   std::map<RuleID, Gathered>& gathered_;
 };
 
-/// Each of these is told once all objects were looked at.
-constexpr RuleID kOfAllObjects[] = {kPublicObjects, kAttributes, kSizeQuery, kSmallBuffer};
-constexpr RuleID kOfCertificates[] = {kCertificateValueLen, kCertificateNameLen};
-constexpr RuleID kOfPublicKeys[] = {kKeyTypes,   kPublicKeyNameLen, kSearchedIDLen,
-                                    kModulusLen, kPointLen,         kParamsLen};
+/// What the objects are gathered for, and what is counted.
+struct GatheredRule {
+  RuleID rule;
+  const char* noun;
+};
+
+constexpr GatheredRule kGathered[] = {
+    {kPublicObjects, "object"},     {kAttributes, "value"},
+    {kKeyTypes, "public key"},      {kCertificateValueLen, "certificate"},
+    {kCertificateNameLen, "value"}, {kPublicKeyNameLen, "value"},
+    {kSearchedIDLen, "value"},      {kModulusLen, "value"},
+    {kPointLen, "value"},           {kParamsLen, "value"},
+    {kSizeQuery, "value"},          {kSmallBuffer, "value"},
+};
 
 /// A rule that the findings of a report decide.
 struct FindingRule {
@@ -301,10 +310,7 @@ struct FindingRule {
 void testObjects(const P11Bridge& bridge, CK_SLOT_ID slotID, RuleResults& results) {
   CK_SESSION_HANDLE session = 0;
   std::map<RuleID, Gathered> gathered;
-  for (const auto rules : {std::span<const RuleID>{kOfAllObjects}, std::span<const RuleID>{kOfCertificates},
-                           std::span<const RuleID>{kOfPublicKeys}}) {
-    for (const RuleID rule : rules) gathered[rule];
-  }
+  for (const GatheredRule& rule : kGathered) gathered[rule.rule];
   if (const CK_RV rv = bridge.openInspection(slotID, session); rv != CKR_OK) {
     const std::string text = answerText({"C_OpenSession", rv});
     for (auto& [rule, one] : gathered) one.unread(text);
@@ -316,9 +322,7 @@ void testObjects(const P11Bridge& bridge, CK_SLOT_ID slotID, RuleResults& result
     test.test(CKO_CERTIFICATE, kNumCertificates, {CKA_LABEL, CKA_ID, CKA_VALUE}, results);
     bridge.closeInspection(session);
   }
-  for (const RuleID rule : kOfAllObjects) gathered[rule].tell(rule, "object or value", results);
-  for (const RuleID rule : kOfCertificates) gathered[rule].tell(rule, "certificate", results);
-  for (const RuleID rule : kOfPublicKeys) gathered[rule].tell(rule, "public key", results);
+  for (const auto& [rule, noun] : kGathered) gathered[rule].tell(rule, noun, results);
 }
 
 void testReport(const ReportRules& rules, RuleResults& results) {

@@ -1,0 +1,190 @@
+#include "host/Conformance.h"
+
+#include <algorithm>
+
+#include "Commands.h"
+#include "Files.h"
+#include "Json.h"
+#include "Output.h"
+#include "PinEntry.h"
+#include "Session.h"
+
+namespace mirel::cli {
+namespace {
+
+constexpr const char* kLogin = "--login";
+constexpr const char* kJunit = "--junit";
+constexpr mode_t kReportMode = 0666;  // less the process's mask
+
+/// With --json; stable.
+const char* verdictName(RuleVerdict verdict) {
+  switch (verdict) {
+    case RuleVerdict::kPass: return "pass";
+    case RuleVerdict::kFail: return "fail";
+    case RuleVerdict::kWarn: return "warning";
+    case RuleVerdict::kSkip: return "skipped";
+    case RuleVerdict::kUnknown: return "unknown";
+  }
+  return "";
+}
+
+/// As it stands before a rule.
+const char* markOf(RuleVerdict verdict) {
+  switch (verdict) {
+    case RuleVerdict::kPass: return "pass  ";
+    case RuleVerdict::kFail: return "FAIL  ";
+    case RuleVerdict::kWarn: return "warn  ";
+    case RuleVerdict::kSkip: return "skip  ";
+    case RuleVerdict::kUnknown: return "??    ";
+  }
+  return "";
+}
+
+std::size_t countOf(RuleVerdict verdict, const Conformance& conformance) {
+  return static_cast<std::size_t>(
+      std::count_if(conformance.results.begin(), conformance.results.end(),
+                    [verdict](const RuleResult& result) { return result.verdict == verdict; }));
+}
+
+std::string textOf(const Conformance& conformance) {
+  std::string text;
+  for (const RuleResult& result : conformance.results) {
+    text.append(markOf(result.verdict)).append(result.rule.number).append("  ").append(result.rule.title);
+    text.append(": ").append(result.evidence).append("\n");
+  }
+  const auto count = [&](RuleVerdict verdict) { return std::to_string(countOf(verdict, conformance)); };
+  text += "\n" + std::to_string(conformance.results.size()) + " rules: " + count(RuleVerdict::kPass) +
+          " pass, " + count(RuleVerdict::kFail) + " fail, " + count(RuleVerdict::kWarn) + " warn, " +
+          count(RuleVerdict::kUnknown) + " not known, " + count(RuleVerdict::kSkip) + " skipped.\n";
+  return text.append("Grade ")
+      .append(conformance.grade.letter)
+      .append(": ")
+      .append(conformance.grade.sentence)
+      .append(".\n");
+}
+
+std::string jsonText(const Conformance& conformance) {
+  Json rules = Json::array();
+  for (const RuleResult& result : conformance.results) {
+    rules.push_back(Json{{"number", result.rule.number},
+                         {"group", result.rule.group},
+                         {"title", result.rule.title},
+                         {"verdict", verdictName(result.verdict)},
+                         {"evidence", result.evidence}});
+  }
+  return jsonLines("conformance", Json{{"verdict", verdictName(conformance.verdict())},
+                                       {"grade", conformance.grade.letter},
+                                       {"sentence", conformance.grade.sentence},
+                                       {"rules", rules}});
+}
+
+// ---- JUnit ----
+
+/// For the value of an attribute. XML has no form for most control characters.
+std::string escaped(std::string_view text) {
+  std::string out;
+  for (const char c : text) {
+    switch (c) {
+      case '&': out += "&amp;"; break;
+      case '<': out += "&lt;"; break;
+      case '>': out += "&gt;"; break;
+      case '"': out += "&quot;"; break;
+      default: out += static_cast<unsigned char>(c) < ' ' || c == '\x7F' ? ' ' : c; break;
+    }
+  }
+  return out;
+}
+
+std::string attribute(const char* name, std::string_view value) {
+  return std::string{" "} + name + "=\"" + escaped(value) + "\"";
+}
+
+std::string countsText(const Conformance& conformance) {
+  const std::size_t numSkipped =
+      countOf(RuleVerdict::kSkip, conformance) + countOf(RuleVerdict::kWarn, conformance);
+  return attribute("tests", std::to_string(conformance.results.size())) +
+         attribute("failures", std::to_string(countOf(RuleVerdict::kFail, conformance))) +
+         attribute("errors", std::to_string(countOf(RuleVerdict::kUnknown, conformance))) +
+         attribute("skipped", std::to_string(numSkipped));
+}
+
+std::string junitCase(const RuleResult& result) {
+  const std::string name = std::string{result.rule.number} + " " + std::string{result.rule.title};
+  std::string text = "    <testcase" +
+                     attribute("classname", "mireltoken." + std::string{result.rule.group}) +
+                     attribute("name", name) + ">";
+  const auto outcome = [&](const char* element, const std::string& message) {
+    text += std::string{"<"} + element + attribute("message", message) + "/>";
+  };
+  switch (result.verdict) {
+    case RuleVerdict::kPass: text += "<system-out>" + escaped(result.evidence) + "</system-out>"; break;
+    case RuleVerdict::kFail: outcome("failure", result.evidence); break;
+    // JUnit has no warnings, and this is no failure.
+    case RuleVerdict::kWarn: outcome("skipped", "warning: " + result.evidence); break;
+    case RuleVerdict::kSkip: outcome("skipped", result.evidence); break;
+    case RuleVerdict::kUnknown: outcome("error", result.evidence); break;
+  }
+  return text + "</testcase>\n";
+}
+
+std::string junitText(const Conformance& conformance) {
+  const std::string counts = countsText(conformance);
+  std::string text = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<testsuites" + counts + ">\n  <testsuite" +
+                     attribute("name", "mireltoken conformance") + counts + ">\n    <properties>" +
+                     "<property name=\"grade\"" + attribute("value", conformance.grade.letter) +
+                     "/><property name=\"sentence\"" + attribute("value", conformance.grade.sentence) +
+                     "/></properties>\n";
+  for (const RuleResult& result : conformance.results) text += junitCase(result);
+  return text + "  </testsuite>\n</testsuites>\n";
+}
+
+ExitCode exitCodeOf(RuleVerdict verdict) {
+  switch (verdict) {
+    case RuleVerdict::kFail: return ExitCode::kFindingsFail;
+    case RuleVerdict::kWarn: return ExitCode::kFindingsWarn;
+    default: return ExitCode::kSuccess;
+  }
+}
+
+Failure wrongUsage(const char* why) {
+  return {FailureKind::kWrongUsage, "wrong usage", why, "see mireltoken conformance --help"};
+}
+
+Result<void> run(Session& session) {
+  const Options& options = session.options();
+  Examination wanted{{options.modulePath, options.trustModule}, session.readerName()};
+  if (options.has(kLogin)) {
+    wanted.pins = [&options](Host& host, const Reader& reader) {
+      return pinSourceFor(options, [&host, reader] { return host.pinState(reader); });
+    };
+  } else if (options.pinFile || options.pinFd || options.lastTry) {
+    return wrongUsage("a PIN is of no use without --login");
+  }
+  const auto junit = options.fileOf(kJunit);
+  if (junit) {
+    if (junit->empty() || *junit == "-") return wrongUsage("--junit needs the name of a file");
+    if (const auto writable = checkWriting(junit); !writable) return writable;
+  }
+  const Conformance conformance = testConformance(session.services(), wanted);
+  if (junit) {
+    const std::string text = junitText(conformance);
+    const auto written =
+        writeFile(junit, {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()}, kReportMode);
+    if (!written) return written;
+  }
+  session.setExitCode(exitCodeOf(conformance.verdict()));
+  return writeOutput(options.json ? jsonText(conformance) : textOf(conformance));
+}
+
+constexpr CommandOption kOptions[] = {
+    {CommandOption::Kind::kFlag, "Log in, and try each key", kLogin},
+    {CommandOption::Kind::kFile, "Write the results to this file as well, as JUnit XML", kJunit},
+    {CommandOption::Kind::kPin},
+};
+
+}  // namespace
+
+const Command conformanceCommand{"conformance", "Test module and card against every rule for card makers",
+                                 kOptions, run, false};
+
+}  // namespace mirel::cli

@@ -1,0 +1,66 @@
+#include "EndToEndTest.h"
+
+namespace mirel::test {
+namespace {
+
+/// What `mireltoken conformance` says of a card with RSA keys that sign and decrypt.
+class ConformanceCommand : public EndToEndTest {
+ protected:
+  ConformanceCommand()
+      : EndToEndTest{{KeyLine{}, KeyLine{"rsa2048", "02", "Encryption", "keyEncipherment", "decrypt"}}} {}
+
+  [[nodiscard]] static std::map<std::string, std::string> verdictsIn(const Json& json) {
+    std::map<std::string, std::string> verdicts;
+    for (const Json& rule : json["rules"]) verdicts[rule["number"]] = rule["verdict"];
+    return verdicts;
+  }
+};
+
+TEST_F(ConformanceCommand, TestsEachRuleAndSaysWhatUsersCanDo) {
+  const Result result = runWithPin("conformance --login --junit " + path("rules.xml"));
+  EXPECT_EQ(result.err, "");
+  EXPECT_THAT(result.out, StartsWith("skip  CR-01  the module is in its place and can be loaded: "));
+  EXPECT_THAT(result.out, HasSubstr("\npass  CR-33  C_Login accepts the PIN of the user: "));
+  EXPECT_THAT(result.out, HasSubstr("\npass  CR-43  RSA-PSS with SHA-256 verifies: 1 key tried\n"));
+  EXPECT_THAT(result.out, HasSubstr("\nwarn  CR-46  "));
+  EXPECT_THAT(result.out,
+              ContainsRegex("\n\n52 rules: [0-9]+ pass, 0 fail, 1 warn, 0 not known, [0-9]+ skip"));
+  EXPECT_THAT(result.out,
+              EndsWith("\nGrade B: TLS 1.3 login and S/MIME decryption; no PKCS #1 v1.5 signatures.\n"));
+  EXPECT_EQ(result.exitCode, 19);
+  const std::string xml = read("rules.xml");
+  EXPECT_THAT(
+      xml, StartsWith("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<testsuites tests=\"52\" failures=\"0\""));
+  EXPECT_THAT(xml, HasSubstr("<property name=\"grade\" value=\"B\"/>"));
+  EXPECT_THAT(xml,
+              HasSubstr("<testcase classname=\"mireltoken.signing\" name=\"CR-40 &quot;PSS&quot; is not"));
+  EXPECT_THAT(xml, HasSubstr("<skipped message=\"warning: "));
+  EXPECT_THAT(xml, EndsWith("</testsuites>\n"));
+}
+
+TEST_F(ConformanceCommand, NeedsNoPinAndAsksForNone) {
+  const Result result = run(staged("conformance --json"));
+  const Json json = Json::parse(result.out);
+  EXPECT_EQ(json["grade"], "-");
+  EXPECT_EQ(verdictsIn(json).at("CR-33"), "skipped");
+  EXPECT_EQ(verdictsIn(json).at("CR-14"), "pass");
+  EXPECT_EQ(stagedCallsOf("C_Login"), 0);
+  EXPECT_EQ(result.exitCode, 0);
+}
+
+TEST_F(ConformanceCommand, EndsWithAnErrorWhereARuleIsBroken) {
+  const Result result = run(staged("conformance --junit " + path("rules.xml"), {{"TOKEN_FLAGS", "100"}}));
+  EXPECT_EQ(result.exitCode, 20);
+  EXPECT_THAT(result.out, HasSubstr("\nFAIL  CR-32  the PIN is entered at the computer: the flags have "));
+  EXPECT_THAT(read("rules.xml"),
+              HasSubstr("<failure message=\"the flags have PROTECTED_AUTHENTICATION_PATH\"/>"));
+}
+
+TEST_F(ConformanceCommand, RefusesWhatItCouldNotUse) {
+  expectFailure(runWithPin("conformance"), 2, {"a PIN is of no use without --login"});
+  expectFailure(mireltoken("conformance --junit -"), 2, {"--junit needs the name of a file"});
+  expectFailure(mireltoken("conformance --junit /nowhere/file"), 14, {"/nowhere/file"});
+}
+
+}  // namespace
+}  // namespace mirel::test
