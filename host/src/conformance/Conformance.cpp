@@ -6,17 +6,23 @@
 #include "conformance/KeyRules.h"
 #include "conformance/ModuleRules.h"
 #include "conformance/ObjectRules.h"
+#include "host/KeyChoice.h"
 
 namespace mirel {
 namespace {
 
 using enum RuleID;
 
-/// The reader to test; a failure where there is none.
-Result<Reader> chosenReader(Host& host, const Text& name) {
+/// The reader to test; a failure where there is none. `outIsOnly`: it is named, or no other has a card that
+/// is initialised.
+Result<Reader> chosenReader(Host& host, const Text& name, bool& outIsOnly) {
   const auto readers = host.readers(name);
   if (!readers) return readers.failure();
   if (readers->empty()) return host.whyNoCard("there is no card to test").failure;
+  // One that could not be read may be the one that is meant.
+  outIsOnly = std::count_if(readers->begin(), readers->end(), [](const Reader& reader) {
+                return reader.tokenInitialised || reader.unreadable;
+              }) == 1;
   const auto first = std::find_if(readers->begin(), readers->end(), [](const Reader& reader) {
     return reader.tokenInitialised && !reader.distinctName.isNull();
   });
@@ -31,7 +37,8 @@ void tellFailedInsertion(const Failure& failure, RuleResults& results) {
 
 void testCard(Host& host, const P11Bridge& bridge, const Examination& wanted, RuleResults& results,
               CardAbilities& abilities) {
-  const auto reader = chosenReader(host, wanted.reader);
+  bool isOnly = false;
+  const auto reader = chosenReader(host, wanted.reader, isOnly);
   if (!reader) {
     results.fail(kNumTokens, reader.failure().what + ": " + reader.failure().why);
     return results.skipRest("there is no card");
@@ -41,16 +48,21 @@ void testCard(Host& host, const P11Bridge& bridge, const Examination& wanted, Ru
   const auto card = host.insert(wanted.reader);
   if (!card) {
     abilities.published = false;
-    testReport({host.examine(*reader), false, {}, false}, results);
+    testReport({host.examine(*reader), false, {}, false, false}, results);
     tellFailedInsertion(card.failure(), results);
     return results.skipRest("nothing is published");
   }
   abilities.published = !card->items.empty();
   CardReport report = host.examine(*card);
-  const auto pins = wanted.pins ? wanted.pins(host, card->reader) : nullptr;
-  const bool loggedIn = testKeys(host, bridge, *card, pins.get(), report, results, abilities);
+  const auto pins = wanted.pins && isOnly ? wanted.pins(host, card->reader) : nullptr;
+  const char* whyNoLogin =
+      wanted.pins ? "there are several cards, and no reader was named" : "no login was asked for";
+  const bool loggedIn = testKeys(host, bridge, *card, pins.get(), whyNoLogin, report, results, abilities);
+  const auto keys = keysOf(*card);
+  const bool signs =
+      std::any_of(keys.begin(), keys.end(), [](const PublishedKey& key) { return key.canSign; });
   const std::string missed = card->incomplete ? card->incomplete->why : std::string{};
-  testReport({report, *abilities.published, missed, loggedIn}, results);
+  testReport({report, *abilities.published, missed, signs, loggedIn}, results);
 }
 
 }  // namespace

@@ -171,11 +171,12 @@ void testKeyKinds(const InsertedCard& card, RuleResults& results) {
 }  // namespace
 
 bool testKeys(Host& host, const P11Bridge& bridge, const InsertedCard& card, PinSource* pins,
-              CardReport& ioReport, RuleResults& results, CardAbilities& outAbilities) {
+              const std::string& whyNoLogin, CardReport& ioReport, RuleResults& results,
+              CardAbilities& outAbilities) {
   testKeyKinds(card, results);
   results.skip(kTriesLeft, "no wrong PIN is sent on purpose: it takes a try of the card");
   if (!pins) {
-    results.skip(kLogin, "no login was asked for");
+    results.skip(kLogin, whyNoLogin);
     results.skip(kSessionState, "it needs a login");
     skipAfterLogin(results, "it needs a login");
     return false;

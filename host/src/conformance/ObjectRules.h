@@ -14,6 +14,7 @@ struct ReportRules {
   const CardReport& report;
   bool published = false;  ///< the card has items in the keychain
   std::string missed{};    ///< why the insertion may have missed something; empty: it has not
+  bool signs = false;      ///< one of its keys may sign
   bool loggedIn = false;   ///< the report was made after a login
 };
 
