@@ -2,6 +2,7 @@
 
 #include <openssl/rsa.h>
 
+#include <algorithm>
 #include <fstream>
 #include <iterator>
 #include <regex>
@@ -116,7 +117,7 @@ constexpr std::size_t kPublic3 = 6;
 
 // ---- The table of rules ----
 
-TEST(ConformanceRules, AreThoseOfThePageForCardMakersInItsOrder) {
+TEST(ConformanceRules, AreThoseOfThePageForCardMakers) {
   std::ifstream file{MIREL_SOURCE_FOLDER "/docs/cards.md"};
   const std::string page{std::istreambuf_iterator<char>{file}, {}};
   const std::regex number{"CR-[0-9]+"};
@@ -128,7 +129,8 @@ TEST(ConformanceRules, AreThoseOfThePageForCardMakersInItsOrder) {
     inTable.emplace_back(rule.number);
     EXPECT_FALSE(rule.title.empty() || rule.group.empty()) << rule.number;
   }
-  EXPECT_EQ(onPage, inTable);
+  EXPECT_TRUE(std::is_sorted(inTable.begin(), inTable.end()));
+  EXPECT_THAT(onPage, ::testing::UnorderedElementsAreArray(inTable));
 }
 
 // ---- A good card ----
