@@ -96,9 +96,6 @@ void declareOption(CLI::App& app, Options& options, const CommandOption& option)
       app.add_option(option.flag, options.files[option.flag], option.help)->type_name("FILE");
       break;
     case CommandOption::Kind::kWord: app.add_option(option.flag, options.word, option.help); break;
-    case CommandOption::Kind::kFile:
-      app.add_option(option.flag, options.files[option.flag], option.help)->type_name("FILE");
-      break;
     case CommandOption::Kind::kFlag:
       app.add_flag(option.flag, options.flags[option.flag], option.help);
       break;

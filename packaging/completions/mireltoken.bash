@@ -14,7 +14,7 @@ _mireltoken() {
   for ((i = 1; i < COMP_CWORD; i++)); do
     word=${COMP_WORDS[i]}
     case $word in
-      --module|--out|--pin-file|--in|--html|--bundle|--home|--reader|--timeout|--key|--pin-fd|--algorithm)
+      --module|--out|--pin-file|--in|--html|--bundle|--junit|--home|--reader|--timeout|--key|--pin-fd|--algorithm)
         [ "${COMP_WORDS[i + 1]}" != = ] || i=$((i + 1))
         i=$((i + 1)) ;;
       readers|items|certificate|algorithms|login|sign|decrypt|exchange|doctor|conformance|explain|help) command=$word; break ;;
@@ -22,7 +22,7 @@ _mireltoken() {
   done
 
   case $prev in
-    --module|--out|--pin-file|--in|--html|--bundle)
+    --module|--out|--pin-file|--in|--html|--bundle|--junit)
       _mireltoken_paths -f "$cur"; return ;;
     --home)
       _mireltoken_paths -d "$cur"; return ;;
@@ -40,6 +40,7 @@ _mireltoken() {
     decrypt) options+=' --key --algorithm --in --out --pin-file --pin-fd --last-try' ;;
     exchange) options+=' --key --algorithm --in --out --pin-file --pin-fd --last-try' ;;
     doctor) options+=' --login --html --bundle --anonymous --pin-file --pin-fd --last-try' ;;
+    conformance) options+=' --login --junit --pin-file --pin-fd --last-try' ;;
   esac
   case $cur,$command in
     -*) _mireltoken_words "$options" "$cur" ;;
