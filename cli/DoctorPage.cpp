@@ -253,10 +253,12 @@ std::string findingsOf(const Diagnosis& diagnosis) {
 std::string rowOf(const Check& check) {
   std::string codes;
   for (const Finding& finding : check.findings)
-    codes += (codes.empty() ? "" : " ") + std::string{entryOf(finding.id).code};
-  return "<tr><td class=\"mark\">" + markOf(check.severity, severityName(check.severity)) +
-         "</td><td class=\"name\">" + escaped(check.name) + "</td>" + element("td", check.evidence) +
-         "<td class=\"codes\">" + escaped(codes) + "</td></tr>\n";
+    codes.append(codes.empty() ? "" : " ").append(entryOf(finding.id).code);
+  std::string row{"<tr><td class=\"mark\">"};
+  row.append(markOf(check.severity, severityName(check.severity)));
+  row.append("</td><td class=\"name\">").append(escaped(check.name)).append("</td>");
+  row.append(element("td", check.evidence));
+  return row.append("<td class=\"codes\">").append(escaped(codes)).append("</td></tr>\n");
 }
 
 std::string checksOf(const Diagnosis& diagnosis) {
