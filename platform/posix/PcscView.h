@@ -1,6 +1,6 @@
 #pragma once
 
-/// The few calls of PC/SC (Part 5 of its specification) that tell what is in the readers, written once for
+/// The few calls of PC/SC that tell what is in the readers, written once for
 /// the two forms in which systems have them.
 
 #include <dlfcn.h>
