@@ -248,6 +248,8 @@ TEST_F(ModuleChoice, OfTheReaderToo) {
 
 TEST_F(ModuleChoice, IsNotTheCallersForAProgramWithOtherRights) {
   if (geteuid() != 0) GTEST_SKIP() << "only root can become another user";
+  if (kHasAddressSanitizer)
+    GTEST_SKIP() << "the check for leaks cannot look into a program with other rights";
   // The system takes a program for one with other rights when it starts with another effective user.
   Invocation call{
       .program = MIREL_JSON_PYTHON,
@@ -256,7 +258,6 @@ TEST_F(ModuleChoice, IsNotTheCallersForAProgramWithOtherRights) {
                     "os.seteuid(65534); os.execve(f, sys.argv[1:], os.environ)",
                     MIREL_MIRELTOKEN, "readers"}};
   call.environment["MIRELTOKEN_MODULE"] = "/nowhere";
-  call.environment["ASAN_OPTIONS"] = "detect_leaks=0";  // nobody may look into a program with other rights
   const Result result = run(call);
   EXPECT_EQ(result.exitCode, 3) << result.err;
   EXPECT_THAT(result.err, ::testing::Not(HasSubstr("/nowhere")));
