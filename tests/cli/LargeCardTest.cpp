@@ -10,7 +10,7 @@ namespace {
 
 constexpr unsigned kPairs = 160;
 constexpr std::size_t kMostInALine = 500;  // bytes
-/// Of processor time. It takes less than one, and eight under the sanitizer of addresses.
+/// Of processor time. It takes less than one.
 constexpr std::chrono::seconds kLongest{30};
 constexpr std::size_t kLargestOutput = 256UL * 1024UL;  // bytes
 
@@ -50,6 +50,7 @@ class LargeCardCommands : public EndToEndTest {
 };
 
 TEST_F(LargeCardCommands, EndInAShortTimeWithShortLines) {
+  if (kHasAddressSanitizer) GTEST_SKIP() << "the time is that of the program without a sanitizer";
   EXPECT_EQ(timed("items").exitCode, 0);
   EXPECT_EQ(timed("algorithms").exitCode, 0);
   EXPECT_EQ(timed("algorithms --json").exitCode, 0);
