@@ -21,14 +21,22 @@ std::optional<std::size_t> DerReader::readLength() noexcept {
   return isShortest ? std::optional{length} : std::nullopt;
 }
 
-std::optional<ByteSpan> DerReader::read(std::uint8_t tag) noexcept {
-  if (!isNext(tag)) return std::nullopt;
+std::optional<DerValue> DerReader::readAny() noexcept {
+  constexpr unsigned kMoreBytes = 0x1F;  // in the tag's lower bits: it has more bytes than one
+  if (rest_.empty() || (rest_.front() & kMoreBytes) == kMoreBytes) return std::nullopt;
+  const std::uint8_t tag = rest_.front();
   rest_ = rest_.subspan(1);
   const auto length = readLength();
   if (!length || *length > rest_.size()) return std::nullopt;
   const ByteSpan content = rest_.first(*length);
   rest_ = rest_.subspan(*length);
-  return content;
+  return DerValue{tag, content};
+}
+
+std::optional<ByteSpan> DerReader::read(std::uint8_t tag) noexcept {
+  if (!isNext(tag)) return std::nullopt;
+  const auto value = readAny();
+  return value ? std::optional{value->content} : std::nullopt;
 }
 
 std::optional<ByteSpan> onlyDerValue(ByteSpan der, std::uint8_t tag) noexcept {
