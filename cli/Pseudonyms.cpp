@@ -11,24 +11,6 @@ namespace {
 
 constexpr std::size_t kStartSize = 3;  // bytes by which forms are found
 
-struct KindWords {
-  const char* prefix;
-  const char* plural;
-};
-
-constexpr std::array<KindWords, Pseudonyms::kNumKinds> kWords{{{"reader", "names of readers"},
-                                                               {"card", "identifiers of cards"},
-                                                               {"label", "labels"},
-                                                               {"serial", "serial numbers"},
-                                                               {"name", "names in certificates"},
-                                                               {"user", "names of users"},
-                                                               {"home", "home folders"},
-                                                               {"id", "long IDs of keys"},
-                                                               {"fingerprint", "fingerprints"},
-                                                               {"text", "other texts in quotation marks"}}};
-
-const KindWords& wordsOf(Pseudonyms::Kind kind) { return kWords.at(static_cast<std::size_t>(kind)); }
-
 bool isLetter(char c) noexcept { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
 
 bool isPartOfWord(char c) noexcept { return isLetter(c) || (c >= '0' && c <= '9') || (c & 0x80) != 0; }
@@ -134,9 +116,9 @@ std::string Pseudonyms::replacedIn(std::string_view text) { return withoutQuoted
 
 std::string Pseudonyms::counts() const {
   std::string text;
-  for (std::size_t kind = 0; kind < kNumKinds; ++kind) {
+  for (std::size_t kind = 0; kind < recording::kNumPseudonymKinds; ++kind) {
     if (numOfKind_.at(kind) == 0) continue;
-    const KindWords& words = kWords.at(kind);
+    const recording::PseudonymWords& words = recording::kPseudonymWords.at(kind);
     text.append(words.plural).append(" (").append(words.prefix).append("-N): ");
     text.append(std::to_string(numOfKind_.at(kind))).append("\n");
   }

@@ -8,14 +8,15 @@
 #include <string>
 #include <string_view>
 
+#include "recording/PseudonymKind.h"
+
 namespace mirel::cli {
 
 /// Replaces what names a person, a card or a computer by pseudonyms such as "label-2": the same text always
 /// by the same one. All texts are UTF-8.
 class Pseudonyms {
  public:
-  enum class Kind { kReader, kCard, kLabel, kSerialNumber, kName, kUser, kHome, kID, kFingerprint, kQuoted };
-  static constexpr std::size_t kNumKinds = 10;
+  using Kind = recording::PseudonymKind;
 
   /// From now on that text is replaced wherever it stands, in every form in which the program shows it. A
   /// short one (of letters alone: less than eight) only as a word of its own, lest it is found in others.
@@ -38,7 +39,7 @@ class Pseudonyms {
   std::map<std::string, std::string, std::less<>> pseudonyms_;  // by all forms of the texts
   std::map<std::string, std::set<std::size_t, std::greater<>>, std::less<>> sizesByStart_;
   std::set<std::string, std::less<>> given_;
-  std::array<std::size_t, kNumKinds> numOfKind_{};
+  std::array<std::size_t, recording::kNumPseudonymKinds> numOfKind_{};
 };
 
 }  // namespace mirel::cli
