@@ -4,12 +4,14 @@
 
 #include "../posix/LimitedCardService.h"
 #include "../posix/PcscView.h"
+#include "../posix/PcscWatch.h"
 
 namespace mirel {
 
 std::shared_ptr<CardService> cardServiceOf(std::string library, std::chrono::milliseconds limit) {
-  return limitedCardService(
-      [library = std::move(library)] { return pcsc::View<pcsc::AppleForm>::of(library); }, limit);
+  return limitedCardService([library] { return pcsc::View<pcsc::AppleForm>::of(library); },
+                            [library] { return std::make_unique<pcsc::Watch<pcsc::AppleForm>>(library); },
+                            limit);
 }
 
 std::shared_ptr<CardService> systemCardService() {

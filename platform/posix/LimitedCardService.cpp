@@ -39,14 +39,24 @@ class SignalsBlocked {
 
 class LimitedCardService final : public CardService {
  public:
-  LimitedCardService(std::function<CardServiceView()> look, std::chrono::milliseconds limit)
-      : look_{std::move(look)}, limit_{limit} {}
+  LimitedCardService(std::function<CardServiceView()> look,
+                     std::function<std::unique_ptr<CardServiceWatch>()> watch,
+                     std::chrono::milliseconds limit)
+      : look_{std::move(look)}, watch_{std::move(watch)}, limit_{limit} {}
 
   CardServiceView look() noexcept override {
     try {
       return lookInTime();
     } catch (const std::exception& error) {  // no thread, or no memory
       return silent(error.what());
+    }
+  }
+
+  std::unique_ptr<CardServiceWatch> watch() noexcept override {
+    try {
+      return watch_();
+    } catch (const std::exception&) {
+      return nullptr;
     }
   }
 
@@ -74,14 +84,16 @@ class LimitedCardService final : public CardService {
   }
 
   std::function<CardServiceView()> look_;
+  std::function<std::unique_ptr<CardServiceWatch>()> watch_;
   std::chrono::milliseconds limit_;
 };
 
 }  // namespace
 
 std::shared_ptr<CardService> limitedCardService(std::function<CardServiceView()> look,
+                                                std::function<std::unique_ptr<CardServiceWatch>()> watch,
                                                 std::chrono::milliseconds limit) {
-  return std::make_shared<LimitedCardService>(std::move(look), limit);
+  return std::make_shared<LimitedCardService>(std::move(look), std::move(watch), limit);
 }
 
 }  // namespace mirel

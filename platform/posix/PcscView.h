@@ -66,6 +66,9 @@ inline constexpr std::uint32_t kStatePresent = 0x20;
 inline constexpr std::uint32_t kStateExclusive = 0x80;
 inline constexpr std::uint32_t kStateInUse = 0x100;
 inline constexpr std::uint32_t kStateMute = 0x200;
+inline constexpr std::uint32_t kStateChanged = 0x2;
+inline constexpr std::uint32_t kStateUnknown = 0x4;
+inline constexpr unsigned kChangesShift = 16;  // above it stands how often cards came and went
 
 [[nodiscard]] inline std::string answerOf(const char* function, std::uint32_t code) {
   struct Name {
@@ -109,48 +112,47 @@ class View {
   using Context = typename Form::Context;
   using ReaderState = typename Form::ReaderState;
 
-  /// Opens the library and leaves it open: it may have threads of its own.
+  /// One look, with a connection of its own.
   [[nodiscard]] static CardServiceView of(const std::string& library) {
-    using enum CardServiceView::State;
     View view;
-    void* opened = dlopen(library.c_str(), RTLD_NOW);
-    if (!opened) {
-      const char* text = dlerror();
-      return {kNotThere, text ? text : library + " cannot be opened", {}};
-    }
-    const bool whole = view.find(opened, "SCardEstablishContext", view.establish_) &&
-                       view.find(opened, "SCardReleaseContext", view.release_) &&
-                       view.find(opened, "SCardListReaders", view.list_) &&
-                       view.find(opened, "SCardGetStatusChange", view.status_);
-    if (!whole) return {kNotThere, library + " is no whole PC/SC library", {}};
-
-    constexpr Number kScopeSystem = 2;
     Context context{};
-    if (const auto code = codeOf(view.establish_(kScopeSystem, nullptr, nullptr, &context)); code != kSuccess)
-      return {kSilent, answerOf("SCardEstablishContext", code), {}};
-    CardServiceView seen = view.readersIn(context);
-    (void)view.release_(context);
+    if (CardServiceView failed; !view.open(library, failed) || !view.connect(context, failed)) return failed;
+    CardServiceView seen = view.readersIn(context, nullptr);
+    view.disconnect(context);
     return seen;
   }
 
- private:
-  using Result = typename Form::Result;
-  using Establish = Result (*)(Number scope, const void*, const void*, Context* outContext);
-  using Release = Result (*)(Context context);
-  using List = Result (*)(Context context, const char* groups, char* outReaders, Number* ioLength);
-  using Status = Result (*)(Context context, Number timeout, ReaderState* ioStates, Number count);
-
-  template <typename Function>
-  [[nodiscard]] static bool find(void* library, const char* name, Function& outFunction) {
-    outFunction = reinterpret_cast<Function>(dlsym(library, name));
-    return outFunction != nullptr;
+  /// Opens the library and leaves it open: it may have threads of its own. `outFailed`: what is told where
+  /// there is no whole one.
+  [[nodiscard]] bool open(const std::string& library, CardServiceView& outFailed) {
+    using enum CardServiceView::State;
+    void* opened = dlopen(library.c_str(), RTLD_NOW);
+    if (!opened) {
+      const char* text = dlerror();
+      outFailed = {kNotThere, text ? text : library + " cannot be opened", {}};
+      return false;
+    }
+    const bool whole = find(opened, "SCardEstablishContext", establish_) &&
+                       find(opened, "SCardReleaseContext", release_) &&
+                       find(opened, "SCardListReaders", list_) &&
+                       find(opened, "SCardGetStatusChange", status_) && find(opened, "SCardCancel", cancel_);
+    if (!whole) outFailed = {kNotThere, library + " is no whole PC/SC library", {}};
+    return whole;
   }
 
-  [[nodiscard]] static std::uint32_t codeOf(Result result) noexcept {
-    return static_cast<std::uint32_t>(result);
-  }
+  // After `open`.
 
-  [[nodiscard]] CardServiceView readersIn(Context context) const {
+  [[nodiscard]] bool connect(Context& outContext, CardServiceView& outFailed) const {
+    constexpr Number kScopeSystem = 2;
+    const auto code = codeOf(establish_(kScopeSystem, nullptr, nullptr, &outContext));
+    if (code != kSuccess)
+      outFailed = {CardServiceView::State::kSilent, answerOf("SCardEstablishContext", code), {}};
+    return code == kSuccess;
+  }
+  void disconnect(Context context) const { (void)release_(context); }
+
+  /// `outStates`: the state of each reader as the service has given it; may be null.
+  [[nodiscard]] CardServiceView readersIn(Context context, std::vector<Number>* outStates) const {
     using enum CardServiceView::State;
     std::vector<char> list;
     // A reader that is plugged in between the two calls makes the list longer.
@@ -165,20 +167,48 @@ class View {
         if (code == kSuccess) list.resize(std::min<std::size_t>(length, list.size()));
       }
       if (code == kNoReaders) return {kAnswers, {}, {}};
-      if (code == kSuccess) return {kAnswers, {}, statesOf(context, namesIn(list.data(), list.size()))};
+      if (code == kSuccess)
+        return {kAnswers, {}, statesOf(context, namesIn(list.data(), list.size()), outStates)};
       if (code != kInsufficientBuffer) return {kSilent, answerOf("SCardListReaders", code), {}};
     }
     return {kSilent, answerOf("SCardListReaders", kInsufficientBuffer), {}};
   }
 
-  [[nodiscard]] std::vector<ServiceReader> statesOf(Context context,
-                                                    const std::vector<std::string>& names) const {
+  /// Waits until a reader is in another state than is given for it, and returns the code.
+  [[nodiscard]] std::uint32_t wait(Context context, Number milliseconds,
+                                   std::vector<ReaderState>& ioStates) const {
+    return codeOf(status_(context, milliseconds, ioStates.data(), static_cast<Number>(ioStates.size())));
+  }
+  /// Ends that in another thread.
+  void cancel(Context context) const { (void)cancel_(context); }
+
+ private:
+  using Result = typename Form::Result;
+  using Establish = Result (*)(Number scope, const void*, const void*, Context* outContext);
+  using Release = Result (*)(Context context);
+  using List = Result (*)(Context context, const char* groups, char* outReaders, Number* ioLength);
+  using Status = Result (*)(Context context, Number timeout, ReaderState* ioStates, Number count);
+  using Cancel = Result (*)(Context context);
+
+  template <typename Function>
+  [[nodiscard]] static bool find(void* library, const char* name, Function& outFunction) {
+    outFunction = reinterpret_cast<Function>(dlsym(library, name));
+    return outFunction != nullptr;
+  }
+
+  [[nodiscard]] static std::uint32_t codeOf(Result result) noexcept {
+    return static_cast<std::uint32_t>(result);
+  }
+
+  [[nodiscard]] std::vector<ServiceReader> statesOf(Context context, const std::vector<std::string>& names,
+                                                    std::vector<Number>* outStates) const {
     std::vector<ServiceReader> readers;
     // One by one: a reader that has gone would spoil the answer for all.
     for (const std::string& name : names) {
       ReaderState state{};
       state.reader = name.c_str();
       const auto code = codeOf(status_(context, 0, &state, 1));
+      if (outStates) outStates->push_back(state.eventState);
       readers.push_back(code == kSuccess || code == kTimeout ? readerOf(name, state) : ServiceReader{name});
     }
     return readers;
@@ -194,6 +224,7 @@ class View {
                                        : kUnknown;
     reader.exclusive = has(kStateExclusive);
     reader.inUse = has(kStateInUse);
+    reader.changes = static_cast<std::uint32_t>(state.eventState) >> kChangesShift;
     const std::size_t length = state.atrLength;
     if (reader.card == kPresent && length <= kLongestAtr)
       reader.atr = hexOfBytes({state.atr, length}, HexDigits::kUpper);
@@ -204,6 +235,7 @@ class View {
   Release release_ = nullptr;
   List list_ = nullptr;
   Status status_ = nullptr;
+  Cancel cancel_ = nullptr;
 };
 
 }  // namespace mirel::pcsc

@@ -5,6 +5,9 @@
 ///   bits
 ///                         of its state and the ATR of its card, in hexadecimal digits. Empty: there are
 ///                         none.
+///   MIREL_PCSC_FILE       a file with such a text, read anew each time; a call that finds none ends all
+///                         connections, as a service that was stopped.
+///   MIREL_PCSC_NO_COMING  set: the name that stands for readers that come and go is not known.
 ///   MIREL_PCSC_LENGTH     the length that SCardListReaders reports, decimal, whatever it wrote.
 ///   MIREL_PCSC_ATR        the length that is reported of every ATR, decimal, whatever was written.
 ///   MIREL_PCSC_HANGS      a function that does not come back.
@@ -12,11 +15,17 @@
 
 #include <unistd.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <iterator>
+#include <optional>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -43,6 +52,11 @@ struct ReaderState {
 using Context = Result;
 
 constexpr Context kContext = 77;
+constexpr const char* kComingReaders = "\\\\?PnP?\\Notification";
+constexpr std::uint32_t kStateChanged = 2;
+constexpr std::uint32_t kCancelled = 0x80100002;
+constexpr std::uint32_t kTimeout = 0x8010000A;
+constexpr std::uint32_t kServiceStopped = 0x8010001E;
 constexpr std::uint32_t kNoService = 0x8010001D;
 constexpr std::uint32_t kInvalidHandle = 0x80100003;
 constexpr std::uint32_t kInsufficientBuffer = 0x80100008;
@@ -57,9 +71,29 @@ struct Reader {
   std::string atr;
 };
 
+bool connected = false;
+std::atomic<bool> cancelled{false};
+
+/// What there is to be told; nothing where the service does not run.
+std::optional<std::string> told() {
+  const char* name = std::getenv("MIREL_PCSC_FILE");
+  const char* variable = std::getenv("MIREL_PCSC_READERS");
+  if (!name) return variable ? std::optional<std::string>{variable} : std::nullopt;
+  std::ifstream file{name};
+  if (!file) return std::nullopt;
+  return std::string{std::istreambuf_iterator<char>{file}, {}};
+}
+
+/// Whether a call with that context gets no further, for that code.
+std::optional<std::uint32_t> refused(Context context) {
+  connected = connected && told();
+  if (context != kContext) return kInvalidHandle;
+  return connected ? std::nullopt : std::optional{kServiceStopped};
+}
+
 std::vector<Reader> readers() {
   std::vector<Reader> all;
-  std::istringstream rows{std::getenv("MIREL_PCSC_READERS")};
+  std::istringstream rows{told().value_or("")};
   for (std::string row; std::getline(rows, row, ';');) {
     const std::size_t equals = row.find('=');
     const std::size_t colon = row.find(':');
@@ -69,6 +103,18 @@ std::vector<Reader> readers() {
     all.push_back(reader);
   }
   return all;
+}
+
+/// The state of the reader behind that name, and its ATR.
+std::optional<Reader> readerNamed(const char* name) {
+  if (std::getenv("MIREL_PCSC_GONE")) return std::nullopt;
+  const std::vector<Reader> all = readers();
+  if (std::strcmp(name, kComingReaders) == 0 && !std::getenv("MIREL_PCSC_NO_COMING"))
+    return Reader{name, static_cast<unsigned long>(all.size()) << 16U, {}};
+  for (const Reader& reader : all) {
+    if (reader.name == name) return reader;
+  }
+  return std::nullopt;
 }
 
 void mayHang(const char* function) {
@@ -82,7 +128,8 @@ void mayHang(const char* function) {
 
 MIREL_EXPORT Result SCardEstablishContext(Number scope, const void*, const void*, Context* out) {
   mayHang("SCardEstablishContext");
-  if (scope != 2 || !std::getenv("MIREL_PCSC_READERS")) return answer(kNoService);
+  if (scope != 2 || !told()) return answer(kNoService);
+  connected = true;
   *out = kContext;
   return 0;
 }
@@ -93,7 +140,7 @@ MIREL_EXPORT Result SCardReleaseContext(Context context) {
 
 MIREL_EXPORT Result SCardListReaders(Context context, const char*, char* out, Number* ioLength) {
   mayHang("SCardListReaders");
-  if (context != kContext) return answer(kInvalidHandle);
+  if (const auto code = refused(context)) return answer(*code);
   std::string list;
   for (const Reader& reader : readers()) list.append(reader.name).push_back('\0');
   if (list.empty()) return answer(kNoReaders);
@@ -113,15 +160,34 @@ MIREL_EXPORT Result SCardListReaders(Context context, const char*, char* out, Nu
 MIREL_EXPORT Result SCardGetStatusChange(Context context, Number timeout, ReaderState* ioStates,
                                          Number count) {
   mayHang("SCardGetStatusChange");
-  if (context != kContext) return answer(kInvalidHandle);
-  if (timeout != 0 || count != 1 || ioStates->currentState != 0) return answer(kInsufficientBuffer);
-  for (const Reader& reader : readers()) {
-    if (reader.name != ioStates->reader || std::getenv("MIREL_PCSC_GONE")) continue;
-    ioStates->eventState = static_cast<Number>(reader.state);
-    std::memcpy(ioStates->atr, reader.atr.data(), reader.atr.size());
-    const char* claimed = std::getenv("MIREL_PCSC_ATR");
-    ioStates->atrLength = static_cast<Number>(claimed ? std::stoul(claimed) : reader.atr.size());
-    return 0;
+  // A look is at one reader, of which nothing is known.
+  if (timeout == 0 && (count != 1 || ioStates->currentState != 0)) return answer(kInsufficientBuffer);
+  cancelled = false;
+  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds{timeout};
+  while (true) {
+    if (const auto code = refused(context)) return answer(*code);
+    bool changed = false;
+    for (Number i = 0; i < count; ++i) {
+      const auto reader = readerNamed(ioStates[i].reader);
+      if (!reader) return answer(kUnknownReader);
+      ioStates[i].eventState = static_cast<Number>(reader->state);
+      if (reader->state != ioStates[i].currentState) {
+        ioStates[i].eventState |= kStateChanged;
+        changed = true;
+      }
+      std::memcpy(ioStates[i].atr, reader->atr.data(), reader->atr.size());
+      const char* claimed = std::getenv("MIREL_PCSC_ATR");
+      ioStates[i].atrLength = static_cast<Number>(claimed ? std::stoul(claimed) : reader->atr.size());
+    }
+    if (changed) return 0;
+    if (cancelled) return answer(kCancelled);
+    if (std::chrono::steady_clock::now() >= end) return answer(kTimeout);
+    std::this_thread::sleep_for(std::chrono::milliseconds{2});
   }
-  return answer(kUnknownReader);
+}
+
+MIREL_EXPORT Result SCardCancel(Context context) {
+  if (context != kContext) return answer(kInvalidHandle);
+  cancelled = true;
+  return 0;
 }

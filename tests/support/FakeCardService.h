@@ -14,6 +14,8 @@ class FakeCardService final : public CardService {
     return view;
   }
 
+  std::unique_ptr<CardServiceWatch> watch() noexcept override { return nullptr; }
+
   CardServiceView view{CardServiceView::State::kAnswers, {}, {}};
   int looks = 0;
 };

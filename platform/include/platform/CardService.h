@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -21,6 +22,11 @@ struct ServiceReader {
   bool exclusive = false;  ///< another program uses the card, and lets nobody else
   bool inUse = false;      ///< another program uses the card
   std::string atr{};       ///< of the card, in hexadecimal digits; empty where the service gives none
+  /// Another number when a card came or went in between, also where that shows by nothing else; always 0
+  /// where the service does not count.
+  std::uint32_t changes = 0;
+
+  friend bool operator==(const ServiceReader&, const ServiceReader&) = default;
 };
 
 /// What the card service tells of the readers.
@@ -34,6 +40,29 @@ struct CardServiceView {
   State state = State::kNotThere;
   std::string evidence{};                ///< why it does not answer, UTF-8; empty where it does
   std::vector<ServiceReader> readers{};  ///< in the service's order
+  /// Another number when the service has stopped in between; of a CardServiceWatch alone.
+  std::uint32_t connection = 0;
+
+  friend bool operator==(const CardServiceView&, const CardServiceView&) = default;
+};
+
+/// Follows what the card service tells. Goes on when the service stops, and connects to it again when it is
+/// back. For one thread, except for `cancel`.
+class CardServiceWatch {
+ public:
+  CardServiceWatch() = default;
+  CardServiceWatch(const CardServiceWatch&) = delete;
+  CardServiceWatch& operator=(const CardServiceWatch&) = delete;
+  virtual ~CardServiceWatch() = default;
+
+  /// What the service tells, as soon as that is something else than this has returned last; the same once
+  /// more after `limit`. Connects to no card and changes nothing. A service that does not answer may keep it
+  /// for longer.
+  [[nodiscard]] virtual CardServiceView next(std::chrono::milliseconds limit) noexcept = 0;
+
+  /// Ends the `next` that another thread is in, and all later ones at once. To be repeated until that thread
+  /// has come back: a call of the service that is just about to begin may miss it.
+  virtual void cancel() noexcept = 0;
 };
 
 /// The card service of the system, through which PKCS #11 modules reach the readers.
@@ -47,6 +76,9 @@ class CardService {
   /// What the service tells just now. Connects to no card and changes nothing. Answers within a fixed time:
   /// a service that takes longer is kSilent.
   [[nodiscard]] virtual CardServiceView look() noexcept = 0;
+
+  /// Begins to follow the service; asks it nothing yet. Null where there is no memory for that.
+  [[nodiscard]] virtual std::unique_ptr<CardServiceWatch> watch() noexcept = 0;
 };
 
 /// How long the service of the running system may take for one look.
