@@ -102,6 +102,8 @@ Result<std::vector<Reader>> Host::readers(const Text& readerName) {
   return std::vector{*named};
 }
 
+Result<std::vector<Reader>> Host::slots() { return findReaders(*bridge_, *diary_, givenModule_, false); }
+
 Result<Host::ChosenReader> Host::chooseReader(const Text& readerName) {
   const auto found = readers();
   if (!found) return found.failure();

@@ -18,12 +18,6 @@ using Card = ServiceReader::Card;
 
 constexpr std::size_t kDescriptionSize = sizeof CK_SLOT_INFO{}.slotDescription;
 
-/// The reader's name as a slot description would have it.
-Text nameOf(const ServiceReader& reader) {
-  const std::string name = reader.name.substr(0, kDescriptionSize);
-  return trimmed({reinterpret_cast<const CK_UTF8CHAR*>(name.data()), name.size()});
-}
-
 std::string subjectOf(const Text& name) { return "reader \"" + displayed(name) + "\""; }
 
 bool isAscii(const Text& text) {
@@ -147,6 +141,11 @@ class ReaderExamination {
 };
 
 }  // namespace
+
+Text nameOf(const ServiceReader& reader) {
+  const std::string name = reader.name.substr(0, kDescriptionSize);
+  return trimmed({reinterpret_cast<const CK_UTF8CHAR*>(name.data()), name.size()});
+}
 
 std::vector<Finding> readerFindings(const std::vector<Reader>& slots, const CardServiceView& service) {
   return ReaderExamination{slots, service}.findings();

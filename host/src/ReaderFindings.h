@@ -11,6 +11,9 @@
 
 namespace mirel {
 
+/// The reader's name as a slot description would have it.
+[[nodiscard]] Text nameOf(const ServiceReader& reader);
+
 /// Why a reader, or its card, cannot be used: the module's view held against that of the card service. What
 /// explains the most comes first; where no slot holds a token there is always something.
 /// `slots`: all that the module lists, those without a token too.

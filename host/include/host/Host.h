@@ -118,6 +118,9 @@ class Host {
   /// (see `insert`); null: all.
   [[nodiscard]] Result<std::vector<Reader>> readers(const Text& readerName = Text{});
 
+  /// All readers that the module has, those without a token too.
+  [[nodiscard]] Result<std::vector<Reader>> slots();
+
   /// Why there is no card.
   struct NoCard {
     Failure failure;
