@@ -156,6 +156,13 @@ std::vector<Stop> stopsOf(const Diagnosis& diagnosis, std::size_t numPublished) 
     const Severity severity = severityAt(station, diagnosis);
     stops.push_back({name, severity, std::string{lookOf(severity).word}});
   }
+  const auto& checks = diagnosis.checks;
+  const bool hasSystem = std::any_of(checks.begin(), checks.end(),
+                                     [](const Check& check) { return check.station == Station::kSystem; });
+  if (hasSystem) {
+    const Severity severity = severityAt(Station::kSystem, diagnosis);
+    stops.push_back({"extension", severity, std::string{lookOf(severity).word}});
+  }
   if (numPublished > 0) {
     stops.push_back(
         {"keychain", Severity::kOk, std::to_string(numPublished) + (numPublished == 1 ? " item" : " items")});

@@ -16,6 +16,7 @@
 #include "Session.h"
 #include "Version.h"
 #include "host/DistinctItems.h"
+#include "platform/Desktop.h"
 
 namespace mirel::cli {
 namespace {
@@ -179,6 +180,8 @@ Result<void> run(Session& session) {
     noted.numPublished += distinctItems(card.items).size();
     if (options.fileOf(kBundle)) noted.cards.push_back(itemsJson(card, report));
   };
+  wanted.systemTools = systemProgramRunner();
+  if (const auto desktop = systemDesktop()) wanted.app = desktop->appPath();
   // Each check at once: the next one may wait for a card that does not answer.
   Result<void> written;
   std::string reader;

@@ -25,13 +25,13 @@ TEST(Finding, HasACodeOfItsOwnInTheOrderOfTheCodesOfItsKind) {
 }
 
 TEST(Finding, HasAnEntryForEachID) {
-  for (int i = 0; i <= static_cast<int>(FindingID::kPinRefused); ++i) {
+  for (int i = 0; i <= static_cast<int>(FindingID::kSystemToolFails); ++i) {
     const auto id = static_cast<FindingID>(i);
     ASSERT_LT(static_cast<std::size_t>(i), findingCatalogue().size());
     EXPECT_EQ(findingCatalogue()[static_cast<std::size_t>(i)].id, id) << i;
     EXPECT_EQ(entryOf(id).id, id);
   }
-  EXPECT_EQ(findingCatalogue().size(), static_cast<std::size_t>(FindingID::kPinRefused) + 1);
+  EXPECT_EQ(findingCatalogue().size(), static_cast<std::size_t>(FindingID::kSystemToolFails) + 1);
 }
 
 TEST(Finding, SaysWhatWhyAndWhatToDoWithoutAFullStop) {

@@ -11,12 +11,13 @@
 #include "host/ModuleFile.h"
 #include "host/PinSource.h"
 #include "platform/PlatformServices.h"
+#include "platform/ProgramRunner.h"
 #include "platform/Text.h"
 
 namespace mirel {
 
-/// A place on the way from the module to the keys.
-enum class Station { kModule, kReaders, kCard, kObjects, kKeys };
+/// A place on the way from the module to the keychain.
+enum class Station { kModule, kReaders, kCard, kObjects, kKeys, kSystem };
 
 /// One step on the way from the module's file to a verified signature.
 struct Check {
@@ -60,6 +61,9 @@ struct Examination {
   std::chrono::milliseconds slowCall{2000};     ///< a call of the module that takes longer is told
   std::function<void(const Check&)> onCheck{};  ///< is told of each check when it was made; may be empty
   CardListener onCard{};                        ///< may be empty
+  /// Asks the system about the token extension; null: the system has none, and nothing is said of it.
+  std::shared_ptr<ProgramRunner> systemTools{};
+  std::string app{};  ///< path of the app that this program is in; empty: it is in none
 };
 
 /// Examines module, card service, readers, PIN and card, one check after the other. A check that cannot be

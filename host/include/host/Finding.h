@@ -84,6 +84,19 @@ enum class FindingID {
   kPinNotSet,
   kPinCountUnknown,
   kPinRefused,
+  // The system's part: the extension, and what the system sees of the card.
+  kExtensionNotRegistered,
+  kExtensionIgnored,
+  kExtensionCopies,
+  kCardNotInSystem,
+  kKeyNotInSystem,
+  kOtherDriverOnCard,
+  kQuarantined,
+  kSignatureInvalid,
+  kEntitlementMissing,
+  kNotNotarised,
+  kSystemToolMissing,
+  kSystemToolFails,
 };
 
 /// One thing that was found.

@@ -38,6 +38,7 @@ class Checks {
   [[nodiscard]] const std::string& reader() const noexcept { return reader_; }
 
   void setModule(ExaminedModule module) { diagnosis_.module = std::move(module); }
+  [[nodiscard]] const ExaminedModule& module() const noexcept { return diagnosis_.module; }
   void setSlots(std::vector<Reader> slots) { diagnosis_.slots = std::move(slots); }
 
   [[nodiscard]] Diagnosis diagnosis() && { return std::move(diagnosis_); }

@@ -9,6 +9,7 @@
 #include "doctor/CardChecks.h"
 #include "doctor/Checks.h"
 #include "doctor/ModuleChecks.h"
+#include "doctor/SystemChecks.h"
 #include "host/Display.h"
 
 namespace mirel {
@@ -110,8 +111,14 @@ Severity Diagnosis::verdict() const {
   return verdict;
 }
 
-Diagnosis diagnose(PlatformServices services, const Examination& wanted) {
-  Checks checks{wanted.onCheck};
+Diagnosis diagnose(PlatformServices services, const Examination& given) {
+  Checks checks{given.onCheck};
+  SystemExpectation expected{.app = given.app};
+  Examination wanted = given;
+  wanted.onCard = [&](const InsertedCard& card, const CardReport& report) {
+    expect(expected, card);
+    if (given.onCard) given.onCard(card, report);
+  };
   const auto calls = std::make_shared<CallClock>(std::exchange(services.observer, nullptr));
   const auto looks = std::make_shared<CallClock>(std::exchange(services.inspectionObserver, nullptr));
   services.observer = calls;
@@ -126,6 +133,10 @@ Diagnosis diagnose(PlatformServices services, const Examination& wanted) {
   } else {
     checks.skip({"readers", Station::kReaders}, reason);
     skipCardChecks(checks, reason);
+  }
+  if (wanted.systemTools) {
+    expected.module = checks.module().path;
+    checkSystem(*wanted.systemTools, expected, checks);
   }
   checkTimes(*calls, *looks, wanted.slowCall, checks);
   return std::move(checks).diagnosis();

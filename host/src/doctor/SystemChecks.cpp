@@ -1,0 +1,284 @@
+#include "doctor/SystemChecks.h"
+
+#include <algorithm>
+#include <set>
+#include <utility>
+
+#include "doctor/KeyTrials.h"
+#include "doctor/SystemTools.h"
+#include "platform/CertificateFields.h"
+#include "platform/Digest.h"
+#include "platform/Hex.h"
+#include "platform/Log.h"
+
+namespace mirel {
+namespace {
+
+using enum FindingID;
+
+constexpr std::string_view kExtensionID = "com.mirel.token.extension";
+constexpr std::string_view kTokenPrefix = "com.mirel.token.extension:";
+
+constexpr Checkpoint kExtension{"extension", Station::kSystem};
+constexpr Checkpoint kCards{"cards in the system", Station::kSystem};
+constexpr Checkpoint kKeysSeen{"keys in the system", Station::kSystem};
+constexpr Checkpoint kDrivers{"other drivers", Station::kSystem};
+constexpr Checkpoint kQuarantine{"quarantine", Station::kSystem};
+constexpr Checkpoint kSignatures{"code signatures", Station::kSystem};
+constexpr Checkpoint kEntitlements{"entitlements", Station::kSystem};
+constexpr Checkpoint kNotarisation{"notarisation", Station::kSystem};
+
+/// Without these the extension reaches no card, or no module.
+constexpr std::string_view kNeeded[] = {"com.apple.security.app-sandbox", "com.apple.security.smartcard",
+                                        "com.apple.security.cs.disable-library-validation"};
+
+std::string countOf(std::size_t number, const char* what) {
+  return std::to_string(number) + " " + what + (number == 1 ? "" : "s");
+}
+
+std::string joined(const std::vector<std::string>& texts) {
+  std::string all;
+  for (const std::string& text : texts) all += (all.empty() ? "" : ", ") + printableLine(text);
+  return all;
+}
+
+/// The app that an extension lies in; empty where it is in none.
+std::string appOf(const std::string& extension) {
+  constexpr std::string_view kFolder = "/Contents/PlugIns/";
+  const std::size_t end = extension.find(kFolder);
+  return end == std::string::npos ? std::string{} : extension.substr(0, end);
+}
+
+class SystemExamination {
+ public:
+  SystemExamination(ProgramRunner& runner, const SystemExpectation& expected, Checks& checks)
+      : runner_{runner}, expected_{expected}, checks_{checks}, app_{expected.app} {}
+
+  void examine() {
+    lookForExtension();
+    lookForCards();
+    lookForKeys();
+    lookForDrivers();
+    lookAtSignatures();
+    lookAtEntitlements();
+    lookAtNotarisation();
+    lookForQuarantine();
+  }
+
+ private:
+  void add(const Checkpoint& point, std::string evidence, Finding finding) {
+    std::vector<Finding> findings;
+    findings.push_back(std::move(finding));
+    checks_.add(point, std::move(evidence), std::move(findings));
+  }
+  /// What came of it is not known.
+  void addUnknown(const Checkpoint& point, Finding finding) {
+    std::string evidence = finding.subject + ": " + finding.evidence;
+    add(point, std::move(evidence), std::move(finding));
+  }
+
+  void lookForExtension() {
+    const ToolAnswer answer = askTool(runner_, "pluginkit", {"-mADv", "-p", "com.apple.ctk-tokens"});
+    if (answer.unanswered) return addUnknown(kExtension, *answer.unanswered);
+    const auto all = extensionsIn(answer.output);
+    if (answer.code != 0 || (all.empty() && !firstLineOf(answer.output).empty()))
+      return addUnknown(kExtension, uselessAnswer("pluginkit", answer));
+    std::vector<ExtensionCopy> copies;
+    std::copy_if(all.begin(), all.end(), std::back_inserter(copies),
+                 [](const ExtensionCopy& copy) { return copy.id == kExtensionID; });
+    if (copies.empty()) {
+      const std::string evidence =
+          "the system knows " + countOf(all.size(), "token extension") + ", not this one";
+      return add(kExtension, evidence, {kExtensionNotRegistered, Severity::kFailure, {}, evidence});
+    }
+    addCopies(copies);
+  }
+
+  void addCopies(const std::vector<ExtensionCopy>& copies) {
+    const auto isUsed = [](const ExtensionCopy& copy) { return copy.sign != '-' && copy.sign != '='; };
+    const auto used = std::find_if(copies.begin(), copies.end(), isUsed);
+    if (used == copies.end()) {
+      const std::string evidence = "it is marked with \"" + std::string{copies.front().sign} + "\"";
+      return add(kExtension, evidence, {kExtensionIgnored, Severity::kFailure, {}, evidence});
+    }
+    extensionPath_ = used->path;
+    const std::string usedApp = appOf(used->path);
+    if (app_.empty()) app_ = usedApp;
+    std::set<std::string> paths;
+    for (const ExtensionCopy& copy : copies) paths.insert(copy.path);
+    const std::string evidence = used->path.empty() ? "it is registered" : printableLine(used->path);
+    const bool isOther = !expected_.app.empty() && !usedApp.empty() && usedApp != expected_.app;
+    if (paths.size() < 2 && !isOther) return checks_.add(kExtension, evidence);
+    if (isOther) paths.insert(expected_.app + "/");
+    paths.erase(used->path);
+    add(kExtension, evidence,
+        {kExtensionCopies,
+         Severity::kWarning,
+         {},
+         "the system uses " + evidence + ", and there is " + joined({paths.begin(), paths.end()})});
+  }
+
+  void lookForCards() {
+    if (expected_.numCards == 0) return checks_.skip(kCards, "there is no card");
+    const ToolAnswer answer = askTool(runner_, "security", {"list-smartcards"});
+    if (answer.unanswered) return addUnknown(kCards, *answer.unanswered);
+    tokens_ = tokenIDsIn(answer.output);
+    if (tokens_.empty() && answer.code != 0) return addUnknown(kCards, uselessAnswer("security", answer));
+    const auto own = static_cast<std::size_t>(std::count_if(
+        tokens_.begin(), tokens_.end(), [](const std::string& id) { return id.starts_with(kTokenPrefix); }));
+    const std::string evidence = tokens_.empty() ? "the system lists none" : joined(tokens_);
+    if (own >= expected_.numCards) return checks_.add(kCards, evidence);
+    add(kCards, evidence,
+        {kCardNotInSystem,
+         own == 0 ? Severity::kFailure : Severity::kWarning,
+         {},
+         "the module shows " + countOf(expected_.numCards, "card") + ", the system " + std::to_string(own)});
+  }
+
+  void lookForKeys() {
+    if (expected_.keyHashes.empty()) return checks_.skip(kKeysSeen, "no key is published");
+    const ToolAnswer answer = askTool(runner_, "sc_auth", {"identities"});
+    if (answer.unanswered) return addUnknown(kKeysSeen, *answer.unanswered);
+    listed_ = keyHashesIn(answer.output);
+    if (listed_.empty() && answer.code != 0) return addUnknown(kKeysSeen, uselessAnswer("sc_auth", answer));
+    std::vector<std::string> missing;
+    std::copy_if(expected_.keyHashes.begin(), expected_.keyHashes.end(), std::back_inserter(missing),
+                 [&](const std::string& hash) {
+                   return std::find(listed_.begin(), listed_.end(), hash) == listed_.end();
+                 });
+    const std::string evidence = std::to_string(expected_.keyHashes.size() - missing.size()) + " of " +
+                                 countOf(expected_.keyHashes.size(), "key") + " listed as identities";
+    if (missing.empty()) return checks_.add(kKeysSeen, evidence);
+    add(kKeysSeen, evidence, {kKeyNotInSystem, Severity::kWarning, {}, "public-key hash " + joined(missing)});
+  }
+
+  /// Another driver at the same card shows as its token beside ours, and as a key that is listed twice.
+  void lookForDrivers() {
+    if (tokens_.empty()) return checks_.skip(kDrivers, "no token is listed");
+    std::vector<std::string> others;
+    std::copy_if(tokens_.begin(), tokens_.end(), std::back_inserter(others),
+                 [](const std::string& id) { return !id.starts_with(kTokenPrefix); });
+    if (others.empty()) return checks_.add(kDrivers, "none has a token");
+    const std::string evidence = joined(others);
+    for (const std::string& hash : listed_) {
+      if (std::count(listed_.begin(), listed_.end(), hash) < 2) continue;
+      return add(
+          kDrivers, evidence,
+          {kOtherDriverOnCard, Severity::kWarning, evidence, "both publish the key with the hash " + hash});
+    }
+    if (tokens_.size() <= expected_.numCards) return checks_.add(kDrivers, evidence);
+    add(kDrivers, evidence,
+        {kOtherDriverOnCard, Severity::kUnknown, evidence,
+         countOf(tokens_.size(), "token") + " for " + countOf(expected_.numCards, "card")});
+  }
+
+  void lookForQuarantine() {
+    std::vector<Finding> findings;
+    std::vector<std::string> clean;
+    for (const auto& [what, path] : files()) {
+      const ToolAnswer answer = askTool(runner_, "xattr", {path});
+      if (answer.unanswered) return addUnknown(kQuarantine, *answer.unanswered);
+      if (answer.code != 0) {
+        findings.push_back(uselessAnswer("xattr", answer));
+      } else if (what == kAppName && isAccepted_) {
+        clean.push_back(what);  // it was downloaded as it should be
+      } else if (answer.output.find("com.apple.quarantine") != std::string::npos) {
+        findings.push_back({kQuarantined, Severity::kWarning, what, printableLine(path)});
+      } else {
+        clean.push_back(what);
+      }
+    }
+    addFiles(kQuarantine, clean, " not held back", std::move(findings));
+  }
+
+  void lookAtSignatures() {
+    std::vector<Finding> findings;
+    std::vector<std::string> good;
+    for (const auto& [what, path] : files()) {
+      const ToolAnswer answer = askTool(runner_, "codesign", {"-vvv", "--deep", "--strict", path});
+      if (answer.unanswered) return addUnknown(kSignatures, *answer.unanswered);
+      if (answer.code == 0) {
+        good.push_back(what);
+      } else {
+        const Severity severity = what == kAppName ? Severity::kFailure : Severity::kWarning;
+        findings.push_back({kSignatureInvalid, severity, what, firstLineOf(answer.output)});
+      }
+    }
+    addFiles(kSignatures, good, " with a valid one", std::move(findings));
+  }
+
+  void addFiles(const Checkpoint& point, const std::vector<std::string>& good, const char* why,
+                std::vector<Finding> findings) {
+    if (good.empty() && findings.empty()) return checks_.skip(point, "there is no file to look at");
+    std::string evidence =
+        good.empty() ? findings.front().subject + ": " + findings.front().evidence : joined(good) + why;
+    checks_.add(point, std::move(evidence), std::move(findings));
+  }
+
+  void lookAtEntitlements() {
+    if (extensionPath_.empty())
+      return checks_.skip(kEntitlements, "it is not known where the extension lies");
+    const ToolAnswer answer =
+        askTool(runner_, "codesign", {"-d", "--entitlements", "-", "--xml", extensionPath_});
+    if (answer.unanswered) return addUnknown(kEntitlements, *answer.unanswered);
+    if (answer.code != 0) return addUnknown(kEntitlements, uselessAnswer("codesign", answer));
+    std::vector<std::string> missing;
+    for (const std::string_view name : kNeeded) {
+      if (!isEntitled(answer.output, name)) missing.emplace_back(name);
+    }
+    if (missing.empty()) return checks_.add(kEntitlements, "the extension has those that it needs");
+    add(kEntitlements, "missing: " + joined(missing),
+        {kEntitlementMissing, Severity::kFailure, "extension", joined(missing)});
+  }
+
+  void lookAtNotarisation() {
+    if (app_.empty()) return checks_.skip(kNotarisation, "it is not known where the app lies");
+    const ToolAnswer answer = askTool(runner_, "spctl", {"-a", "-vv", app_});
+    if (answer.unanswered) return addUnknown(kNotarisation, *answer.unanswered);
+    const std::string evidence = firstLineOf(answer.output);
+    isAccepted_ = answer.code == 0;
+    if (isAccepted_) return checks_.add(kNotarisation, evidence.empty() ? "accepted" : evidence);
+    add(kNotarisation, evidence.empty() ? "exit code " + std::to_string(answer.code) : evidence,
+        {kNotNotarised, Severity::kWarning, kAppName, evidence});
+  }
+
+  /// What the system must let run, by name and path.
+  [[nodiscard]] std::vector<std::pair<std::string, std::string>> files() const {
+    std::vector<std::pair<std::string, std::string>> files;
+    if (!app_.empty()) files.emplace_back(kAppName, app_);
+    if (!expected_.module.empty()) files.emplace_back("module", expected_.module);
+    return files;
+  }
+
+  static constexpr const char* kAppName = "app";
+
+  ProgramRunner& runner_;
+  const SystemExpectation& expected_;
+  Checks& checks_;
+  std::string app_;
+  std::string extensionPath_;
+  bool isAccepted_ = false;          ///< the app, by the system's rules on where programs come from
+  std::vector<std::string> tokens_;  ///< that the system lists
+  std::vector<std::string> listed_;  ///< the hashes of keys that it lists
+};
+
+}  // namespace
+
+void expect(SystemExpectation& expectation, const InsertedCard& card) {
+  ++expectation.numCards;
+  for (const PublishedItem& item : card.items) {
+    const auto* key = std::get_if<PublishedKey>(&item);
+    const auto* certificate = key ? certificateOf(card, *key) : nullptr;
+    const auto fields = certificate ? fieldsOfCertificate(certificate->data.view()) : std::nullopt;
+    if (!fields) continue;
+    std::string hash = hexOfBytes(digestOf(Hash::kSHA1, fields->publicKeyBits), HexDigits::kLower);
+    auto& known = expectation.keyHashes;
+    if (std::find(known.begin(), known.end(), hash) == known.end()) known.push_back(std::move(hash));
+  }
+}
+
+void checkSystem(ProgramRunner& runner, const SystemExpectation& expected, Checks& checks) {
+  SystemExamination{runner, expected, checks}.examine();
+}
+
+}  // namespace mirel
