@@ -10,7 +10,7 @@
 namespace mirel {
 namespace {
 
-constexpr std::string_view kAny{};
+constexpr CryptokiFunction kAny{};
 constexpr auto kOfTheCommand = std::nullopt;
 
 constexpr std::string_view kEnded =
@@ -113,19 +113,17 @@ constexpr CodeMeaning kMeanings[] = {
 constexpr CodeMeaning kUnknown{0, kAny, "a code that has no known reason here", UserStep::kSeeLogAndAskMaker,
                                kOfTheCommand};
 
-bool isOfTheModule(std::string_view function) noexcept { return function.starts_with("C_"); }
-
 }  // namespace
 
 const CodeMeaning& meaningOf(std::string_view function, std::uint64_t code) noexcept {
   const auto* found = std::find_if(std::begin(kMeanings), std::end(kMeanings), [&](const CodeMeaning& row) {
-    return row.code == code && (row.function.empty() || row.function == function);
+    return row.code == code && (row.function.name().empty() || row.function.name() == function);
   });
   return found == std::end(kMeanings) ? kUnknown : *found;
 }
 
 std::string answerText(const FailedCall& cause) {
-  return cause.name + (isOfTheModule(cause.name) ? " answered " : " ended with ") +
+  return cause.name + (isCryptokiFunction(cause.name) ? " answered " : " ended with ") +
          cryptokiResultText(cause.result);
 }
 

@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "FailureDiary.h"
+#include "bridge/CryptokiNames.h"
 #include "host/Failure.h"
 
 namespace mirel {
@@ -13,7 +14,7 @@ namespace mirel {
 /// What a code of a Cryptoki function means to the user.
 struct CodeMeaning {
   std::uint64_t code = 0;
-  std::string_view function;  ///< of the module or the bridge, where that decides; else empty
+  CryptokiFunction function;  ///< where that decides; else none
   std::string_view reason;    ///< empty: the name of the code is all there is to say
   Advice remedy;
   std::optional<FailureKind> kind;  ///< null: what the command was about decides

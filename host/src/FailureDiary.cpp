@@ -1,6 +1,7 @@
 #include "FailureDiary.h"
 
 #include <algorithm>
+#include <array>
 
 #include "CodeMeaning.h"
 #include "bridge/BridgeOperation.h"
@@ -9,6 +10,10 @@
 
 namespace mirel {
 namespace {
+
+constexpr std::array<CryptokiFunction, 3> kReads{CryptokiFunction{"C_GetAttributeValue"},
+                                                 CryptokiFunction{"C_FindObjectsInit"},
+                                                 CryptokiFunction{"C_FindObjects"}};
 
 class LoaderWithDiary final : public DynamicLoader {
  public:
@@ -42,7 +47,7 @@ class LoaderWithDiary final : public DynamicLoader {
 
 bool isFailedRead(std::string_view function, std::uint64_t result) noexcept {
   const bool reads =
-      function == "C_GetAttributeValue" || function == "C_FindObjectsInit" || function == "C_FindObjects";
+      std::any_of(kReads.begin(), kReads.end(), [&](CryptokiFunction one) { return one.name() == function; });
   const bool answers =
       result == CKR_OK || result == CKR_ATTRIBUTE_TYPE_INVALID || result == CKR_ATTRIBUTE_SENSITIVE;
   return reads && !answers;
@@ -92,9 +97,9 @@ void FailureDiary::operationReturned(BridgeOperation operation, std::uint64_t re
 
 void FailureDiary::clear() noexcept { page() = Page{}; }
 
-std::optional<std::uint64_t> FailureDiary::lastResultOf(std::string_view function) const {
+std::optional<std::uint64_t> FailureDiary::lastResultOf(CryptokiFunction function) const {
   const Page& mine = page();
-  const auto found = mine.lastAnswers.find(function);
+  const auto found = mine.lastAnswers.find(function.name());
   return found == mine.lastAnswers.end() ? std::nullopt : std::optional{found->second};
 }
 

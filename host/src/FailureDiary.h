@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "bridge/CryptokiNames.h"
 #include "platform/CryptokiObserver.h"
 #include "platform/DynamicLoader.h"
 
@@ -61,9 +62,9 @@ class FailureDiary final : public CryptokiObserver {
   /// object has no such attribute, or keeps it secret, is an answer and no failure.
   [[nodiscard]] const std::optional<Entry>& failedRead() const noexcept { return page().failedRead; }
 
-  /// What that Cryptoki function ("C_Login") or operation of the bridge answered last; nothing when it was
+  /// What that Cryptoki function or operation of the bridge answered last; nothing when it was
   /// not called.
-  [[nodiscard]] std::optional<std::uint64_t> lastResultOf(std::string_view function) const;
+  [[nodiscard]] std::optional<std::uint64_t> lastResultOf(CryptokiFunction function) const;
   [[nodiscard]] std::optional<std::uint64_t> lastResultOf(BridgeOperation operation) const;
 
   /// All that is known, as one phrase; nothing when nothing failed.

@@ -459,7 +459,7 @@ Failure KeyClient::refusal(std::string what, std::string why, Advice advice) {
 
 /// Why the card did not do what that Cryptoki function does; nothing when no such reason is known. A card
 /// that was not asked may leave no other trace.
-std::optional<std::string> KeyClient::faultIn(std::string_view function) const {
+std::optional<std::string> KeyClient::faultIn(CryptokiFunction function) const {
   if (auto reason = diary_->reason()) return reason;
   if (diary_->lastResultOf(function) == CKR_OK) return std::nullopt;
   return "the card was not asked";

@@ -29,6 +29,14 @@ TEST(CryptokiFunctionName, IsAQuestionMarkWhereThereIsNoFunction) {
   EXPECT_STREQ(cryptokiFunctionName(sizeof(CK_FUNCTION_LIST)), "?");
 }
 
+TEST(CryptokiFunction, IsInTheList) {
+  EXPECT_EQ(CryptokiFunction{"C_Login"}.name(), "C_Login");
+  EXPECT_EQ(CryptokiFunction{}.name(), "");
+  EXPECT_TRUE(isCryptokiFunction("C_WaitForSlotEvent"));
+  EXPECT_FALSE(isCryptokiFunction("C_Log"));
+  EXPECT_FALSE(isCryptokiFunction("pkcs11_UserLogin"));
+}
+
 TEST(OperationName, IsTheOperationsOwn) {
   EXPECT_STREQ(operationName(BridgeOperation::pkcs11_Initial), "pkcs11_Initial");
   EXPECT_STREQ(operationName(BridgeOperation::GetCertBlobByLabel), "GetCertBlobByLabel");

@@ -159,7 +159,6 @@ TEST_F(Diary, KnowsTheLastAnswerOfEachCallAndOperation) {
         {BridgeOperation::pkcs11_GetSessionInfo, kOk}});
   EXPECT_EQ(diary->lastResultOf("C_Login"), kDeviceError);
   EXPECT_EQ(diary->lastResultOf(BridgeOperation::pkcs11_UserLogin), kFunctionFailed);
-  EXPECT_EQ(diary->lastResultOf(""), std::nullopt);
 }
 
 TEST_F(Diary, PassesEverythingOn) {

@@ -138,79 +138,8 @@ constexpr std::array kSlotFlagNames{
     Name{CKF_HW_SLOT, "HW_SLOT"},
 };
 
-/// In the order of CK_FUNCTION_LIST.
-constexpr std::array kFunctionNames{
-    "C_Initialize",
-    "C_Finalize",
-    "C_GetInfo",
-    "C_GetFunctionList",
-    "C_GetSlotList",
-    "C_GetSlotInfo",
-    "C_GetTokenInfo",
-    "C_GetMechanismList",
-    "C_GetMechanismInfo",
-    "C_InitToken",
-    "C_InitPIN",
-    "C_SetPIN",
-    "C_OpenSession",
-    "C_CloseSession",
-    "C_CloseAllSessions",
-    "C_GetSessionInfo",
-    "C_GetOperationState",
-    "C_SetOperationState",
-    "C_Login",
-    "C_Logout",
-    "C_CreateObject",
-    "C_CopyObject",
-    "C_DestroyObject",
-    "C_GetObjectSize",
-    "C_GetAttributeValue",
-    "C_SetAttributeValue",
-    "C_FindObjectsInit",
-    "C_FindObjects",
-    "C_FindObjectsFinal",
-    "C_EncryptInit",
-    "C_Encrypt",
-    "C_EncryptUpdate",
-    "C_EncryptFinal",
-    "C_DecryptInit",
-    "C_Decrypt",
-    "C_DecryptUpdate",
-    "C_DecryptFinal",
-    "C_DigestInit",
-    "C_Digest",
-    "C_DigestUpdate",
-    "C_DigestKey",
-    "C_DigestFinal",
-    "C_SignInit",
-    "C_Sign",
-    "C_SignUpdate",
-    "C_SignFinal",
-    "C_SignRecoverInit",
-    "C_SignRecover",
-    "C_VerifyInit",
-    "C_Verify",
-    "C_VerifyUpdate",
-    "C_VerifyFinal",
-    "C_VerifyRecoverInit",
-    "C_VerifyRecover",
-    "C_DigestEncryptUpdate",
-    "C_DecryptDigestUpdate",
-    "C_SignEncryptUpdate",
-    "C_DecryptVerifyUpdate",
-    "C_GenerateKey",
-    "C_GenerateKeyPair",
-    "C_WrapKey",
-    "C_UnwrapKey",
-    "C_DeriveKey",
-    "C_SeedRandom",
-    "C_GenerateRandom",
-    "C_GetFunctionStatus",
-    "C_CancelFunction",
-    "C_WaitForSlotEvent",
-};
 constexpr std::size_t kFirstEntry = offsetof(CK_FUNCTION_LIST, C_Initialize);
-static_assert(kFirstEntry + kFunctionNames.size() * sizeof(void*) == sizeof(CK_FUNCTION_LIST));
+static_assert(kFirstEntry + kCryptokiFunctionNames.size() * sizeof(void*) == sizeof(CK_FUNCTION_LIST));
 
 std::string_view nameIn(std::span<const Name> names, CK_ULONG value) noexcept {
   const auto name =
@@ -228,7 +157,7 @@ std::string_view slotFlagName(CK_FLAGS flag) noexcept { return nameIn(kSlotFlagN
 
 const char* cryptokiFunctionName(std::size_t offset) noexcept {
   const std::size_t index = (offset - kFirstEntry) / sizeof(void*);
-  return index < kFunctionNames.size() ? kFunctionNames[index] : "?";
+  return index < kCryptokiFunctionNames.size() ? kCryptokiFunctionNames[index].data() : "?";
 }
 
 }  // namespace mirel

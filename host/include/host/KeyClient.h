@@ -14,6 +14,7 @@
 
 namespace mirel {
 
+class CryptokiFunction;
 class FailureDiary;
 class InputSource;
 class HostTokenSession;
@@ -96,7 +97,7 @@ class KeyClient {
   [[nodiscard]] Result<void> lookForCard();
   void learnFrom(const Failure& failure);
   [[nodiscard]] Failure refusal(std::string what, std::string why, Advice advice);
-  [[nodiscard]] std::optional<std::string> faultIn(std::string_view function) const;
+  [[nodiscard]] std::optional<std::string> faultIn(CryptokiFunction function) const;
   [[nodiscard]] Failure loginFailure(const std::string& wrongPin);
   [[nodiscard]] Result<SecKeyAlgorithm> formFor(const PublishedKey& key, SecKeyAlgorithm algorithm,
                                                 TKTokenOperation operation);
