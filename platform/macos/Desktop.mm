@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include "Convert.h"
+#include "Guard.h"
 
 namespace mirel {
 namespace {
@@ -13,8 +14,11 @@ class FoundationDesktop final : public Desktop {
  public:
   [[nodiscard]] std::string appPath() noexcept override {
     @autoreleasepool {
-      NSString* path = [[NSBundle mainBundle] bundlePath];
-      return [[path pathExtension] isEqualToString:@"app"] ? textOf(path).toUtf8() : std::string{};
+      NSString* path = guarded("the place of the app is not known", [] {
+        NSString* bundle = [[NSBundle mainBundle] bundlePath];
+        return [[bundle pathExtension] isEqualToString:@"app"] ? bundle : nil;
+      });
+      return textOf(path).toUtf8();
     }
   }
 
@@ -26,26 +30,36 @@ class FoundationDesktop final : public Desktop {
   [[nodiscard]] std::int32_t registerApp() noexcept override {
     @autoreleasepool {
       constexpr Boolean kReadAgain = 1;  // also when the app is known already
-      return LSRegisterURL((CFURLRef)[[NSBundle mainBundle] bundleURL], kReadAgain);
+      std::int32_t status = kLSUnknownErr;
+      guarded("the app is not made known",
+              [&] { status = LSRegisterURL((CFURLRef)[[NSBundle mainBundle] bundleURL], kReadAgain); });
+      return status;
     }
   }
 
   [[nodiscard]] Text localized(std::string_view english) noexcept override {
     @autoreleasepool {
-      NSString* key = stringOf(Text::fromUtf8(english));
-      return textOf([[NSBundle mainBundle] localizedStringForKey:key value:key table:@"App"]);
+      const Text text = Text::fromUtf8(english);
+      NSString* key = stringOf(text);
+      const Text found = textOf(guarded("a text is not translated", [key] {
+        return [[NSBundle mainBundle] localizedStringForKey:key value:key table:@"App"];
+      }));
+      return found.isNull() ? text : found;
     }
   }
 
   [[nodiscard]] bool showMessage(const Text& title, const Text& text) noexcept override {
     @autoreleasepool {
       constexpr CFTimeInterval kWithoutEnd = 0;
-      NSURL* icon = [[NSBundle mainBundle] URLForResource:@"AppIcon" withExtension:@"icns"];
-      CFOptionFlags answer = 0;
-      return CFUserNotificationDisplayAlert(kWithoutEnd, kCFUserNotificationNoteAlertLevel, (CFURLRef)icon,
-                                            nullptr, nullptr, (CFStringRef)stringOf(title),
-                                            (CFStringRef)stringOf(text), nullptr, nullptr, nullptr,
-                                            &answer) == 0;
+      CFStringRef const header = (CFStringRef)stringOf(title);
+      CFStringRef const message = (CFStringRef)stringOf(text);
+      return guarded("a message is not shown", [&] {
+        NSURL* icon = [[NSBundle mainBundle] URLForResource:@"AppIcon" withExtension:@"icns"];
+        CFOptionFlags answer = 0;
+        return CFUserNotificationDisplayAlert(kWithoutEnd, kCFUserNotificationNoteAlertLevel, (CFURLRef)icon,
+                                              nullptr, nullptr, header, message, nullptr, nullptr, nullptr,
+                                              &answer) == 0;
+      });
     }
   }
 };

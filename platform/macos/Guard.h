@@ -11,8 +11,9 @@
 
 namespace mirel {
 
-/// Writes a line at error level. `what`: what does not happen.
-void logRaised(const char* what, NSException* exception) noexcept;
+/// Writes a line at error level. `what`: what does not happen. `raised`: an exception as a rule; any object
+/// can be raised.
+void logRaised(const char* what, id raised) noexcept;
 
 namespace detail {
 
@@ -22,15 +23,15 @@ auto caught(Call&& call, Handle&& handle) noexcept {
   if constexpr (std::is_void_v<Value>) {
     @try {
       call();
-    } @catch (NSException* exception) {
-      handle(exception);
+    } @catch (id raised) {
+      handle(raised);
     }
   } else {
     Value value{};
     @try {
       value = call();
-    } @catch (NSException* exception) {
-      handle(exception);
+    } @catch (id raised) {
+      handle(raised);
     }
     return value;
   }
@@ -38,17 +39,17 @@ auto caught(Call&& call, Handle&& handle) noexcept {
 
 }  // namespace detail
 
-/// What `call` returns; after an exception a log line, and the value that its type begins with: nil, null, 0,
-/// false. `what`: see logRaised.
+/// What `call` returns; after something was raised a log line, and the value that its type begins with: nil,
+/// null, 0, false. `what`: see logRaised.
 template <typename Call>
 auto guarded(const char* what, Call&& call) noexcept {
-  return detail::caught(call, [what](NSException* exception) { logRaised(what, exception); });
+  return detail::caught(call, [what](id raised) { logRaised(what, raised); });
 }
 
 /// The same without a line, for the log itself.
 template <typename Call>
 auto guardedSilently(Call&& call) noexcept {
-  return detail::caught(call, [](NSException*) {});
+  return detail::caught(call, [](id) {});
 }
 
 }  // namespace mirel

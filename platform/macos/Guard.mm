@@ -15,10 +15,15 @@ Text readText(NSString* string) noexcept {
 
 }  // namespace
 
-void logRaised(const char* what, NSException* exception) noexcept {
+void logRaised(const char* what, id raised) noexcept {
   @autoreleasepool {
+    NSString* name = guardedSilently([&] {
+      return [raised isKindOfClass:[NSException class]] ? [raised name] : NSStringFromClass([raised class]);
+    });
+    NSString* reason = guardedSilently(
+        [&] { return [raised isKindOfClass:[NSException class]] ? [raised reason] : [raised description]; });
     systemLog()->systemError(logLine("[Guard-15] %s: the system raised %@: %@; see \"mireltoken items\"",
-                                     what, readText([exception name]), readText([exception reason])));
+                                     what, readText(name), readText(reason)));
   }
 }
 

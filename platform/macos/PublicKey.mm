@@ -8,12 +8,14 @@
 
 #include "Algorithms.h"
 #include "Convert.h"
+#include "Guard.h"
 #include "Holder.h"
 
 namespace mirel {
 namespace {
 
-NSData* copyOf(std::span<const std::uint8_t> bytes) noexcept {
+/// Not by dataOf: this runs within the guard of who calls it.
+NSData* copyOf(std::span<const std::uint8_t> bytes) {
   return [NSData dataWithBytes:bytes.data() length:bytes.size()];
 }
 
@@ -34,17 +36,21 @@ class PlatformPublicKey final : public PublicKey {
   [[nodiscard]] bool verifies(SecKeyAlgorithm algorithm, std::span<const std::uint8_t> data,
                               std::span<const std::uint8_t> signature) const noexcept override {
     @autoreleasepool {
-      return SecKeyVerifySignature(key_.get(), constantOf(digestForm(algorithm)), (CFDataRef)copyOf(data),
-                                   (CFDataRef)copyOf(signature), nullptr) != 0;
+      return guarded("a signature is not verified", [&] {
+        return SecKeyVerifySignature(key_.get(), constantOf(digestForm(algorithm)), (CFDataRef)copyOf(data),
+                                     (CFDataRef)copyOf(signature), nullptr) != 0;
+      });
     }
   }
 
   [[nodiscard]] ByteVector recoveredBlock(std::span<const std::uint8_t> signature) const noexcept override {
-    if (signature.size() != SecKeyGetBlockSize(key_.get())) return {};
     @autoreleasepool {
-      // Encryption without padding is the same computation.
-      const auto block = CFHolder<CFDataRef>::adopt(SecKeyCreateEncryptedData(
-          key_.get(), ::kSecKeyAlgorithmRSAEncryptionRaw, (CFDataRef)copyOf(signature), nullptr));
+      const auto block = guarded("the block in a signature is not known", [&] {
+        if (signature.size() != SecKeyGetBlockSize(key_.get())) return CFHolder<CFDataRef>{};
+        // Encryption without padding is the same computation.
+        return CFHolder<CFDataRef>::adopt(SecKeyCreateEncryptedData(
+            key_.get(), ::kSecKeyAlgorithmRSAEncryptionRaw, (CFDataRef)copyOf(signature), nullptr));
+      });
       const auto view = bytesOf((NSData*)block.get());
       return {view.view().begin(), view.view().end()};
     }
@@ -58,10 +64,12 @@ class PlatformPublicKey final : public PublicKey {
 
 std::unique_ptr<PublicKey> publicKeyOfCertificate(std::span<const std::uint8_t> der) noexcept {
   @autoreleasepool {
-    const auto certificate =
-        CFHolder<SecCertificateRef>::adopt(SecCertificateCreateWithData(nullptr, (CFDataRef)copyOf(der)));
-    if (!certificate) return nullptr;
-    auto key = CFHolder<SecKeyRef>::adopt(SecCertificateCopyKey(certificate.get()));
+    auto key = guarded("the key of a certificate is not read", [&] {
+      const auto certificate =
+          CFHolder<SecCertificateRef>::adopt(SecCertificateCreateWithData(nullptr, (CFDataRef)copyOf(der)));
+      return certificate ? CFHolder<SecKeyRef>::adopt(SecCertificateCopyKey(certificate.get()))
+                         : CFHolder<SecKeyRef>{};
+    });
     return key ? std::make_unique<PlatformPublicKey>(std::move(key)) : nullptr;
   }
 }

@@ -9,11 +9,13 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <initializer_list>
 #include <map>
 #include <optional>
 
 #import "Certificate.h"
 #import "Convert.h"
+#import "Guard.h"
 #import "Holder.h"
 #include "cli/ChildProcess.h"
 #include "double/Desktop.h"
@@ -24,6 +26,7 @@
 #include "platform/CertificateBuilder.h"
 #include "platform/Desktop.h"
 #include "platform/DistributedNotificationCenter.h"
+#include "platform/PublicKey.h"
 #include "platform/UserDirectory.h"
 #include "support/TemporaryFolder.h"
 #include "token/TestCertificates.h"
@@ -31,7 +34,9 @@
 namespace mirel::test {
 namespace {
 
+using ::testing::AllOf;
 using ::testing::ElementsAre;
+using ::testing::HasSubstr;
 using ::testing::SizeIs;
 using ::testing::StartsWith;
 
@@ -101,6 +106,44 @@ TEST(MacNotificationCenter, OutlivesWhatThePlatformRaises) {
   systemDistributedNotificationCenter()->postNotificationName(Text{u"TokenNotify"}, Text{}, true);
   EXPECT_EQ(raising.count(), 1U);
   EXPECT_THAT(recorder.texts(), ElementsAre(StartsWith("error: [Guard-15] a notification is not sent: ")));
+}
+
+// ---- What the platform raises ----
+
+struct RaisingRow {
+  const char* call;
+  std::function<bool()> fails;
+  const char* line;
+};
+
+void expectFailures(std::initializer_list<RaisingRow> rows) {
+  for (const RaisingRow& row : rows) {
+    SCOPED_TRACE(std::string{row.call} + ": " + row.line);
+    const LogRecorder recorder;
+    EXPECT_FALSE(row.fails());
+    const RaisingCall raising{row.call};
+    EXPECT_TRUE(row.fails());
+    EXPECT_THAT(recorder.texts(),
+                ElementsAre(StartsWith(std::string{"error: [Guard-15] "} + row.line + ": ")));
+  }
+}
+
+TEST(MacGuard, CatchesObjectsThatAreNoExceptions) {
+  const LogRecorder recorder;
+  EXPECT_EQ(guarded("a number is not told", []() -> int { @throw @[ @"three", @"four" ]; }), 0);
+  EXPECT_EQ(guardedSilently([]() -> int { @throw @"text"; }), 0);
+  ASSERT_THAT(recorder.texts(), SizeIs(1));
+  EXPECT_THAT(recorder.texts()[0], StartsWith("error: [Guard-15] a number is not told: the system raised "));
+  EXPECT_THAT(recorder.texts()[0], AllOf(HasSubstr("Array: "), HasSubstr("three")));
+}
+
+TEST(MacGuard, TellsOfAnObjectThatCannotBePrinted) {
+  const LogRecorder recorder;
+  const RaisingCall raising{"-[NSDate description]"};
+  guarded("nothing is done", [] { @throw [NSDate date]; });
+  EXPECT_EQ(raising.count(), 1U);
+  EXPECT_THAT(recorder.texts(),
+              ElementsAre(StartsWith("error: [Guard-15] nothing is done: the system raised ")));
 }
 
 // ---- Certificates ----
@@ -174,11 +217,7 @@ TEST_F(MacCertificate, IsNamedAsThePlatformSumsItUp) {
 
 TEST_F(MacCertificate, TellsNothingOverWhichThePlatformRaises) {
   const auto certificate = parsed({.keyUsage = 1});
-  const struct {
-    const char* call;
-    std::function<bool()> tellsNothing;
-    const char* line;
-  } rows[] = {
+  expectFailures({
       {"SecCertificateCreateWithData", [] { return parsed({}) == nullptr; }, "a certificate is not read"},
       {"SecCertificateCopyValues", [&] { return !certificate->keyUsage(); }, "the key usage is not known"},
       {"SecCertificateCopyValues", [&] { return certificate->notAfter().isNull(); },
@@ -189,22 +228,41 @@ TEST_F(MacCertificate, TellsNothingOverWhichThePlatformRaises) {
        "the kind of a key is not known"},
       {"SecKeyCopyAttributes", [&] { return certificate->keySizeInBits() == 0; },
        "the size of a key is not known"},
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.line);
-    const LogRecorder recorder;
-    EXPECT_FALSE(row.tellsNothing());
-    const RaisingCall raising{row.call};
-    EXPECT_TRUE(row.tellsNothing());
-    EXPECT_THAT(recorder.texts(),
-                ElementsAre(StartsWith(std::string{"error: [Guard-15] "} + row.line + ": ")));
-  }
+  });
 }
 
 TEST_F(MacCertificate, IsNullForAnythingElse) {
   EXPECT_FALSE(systemCertificateParser()->createWithData(Bytes{}));
   for (const auto& [description, der] : noCertificates())
     EXPECT_FALSE(systemCertificateParser()->createWithData(Bytes{der})) << description;
+}
+
+// ---- Public keys ----
+
+TEST(MacPublicKey, TellsNothingOverWhichThePlatformRaises) {
+  const auto der = testCertificate({.key = TestKey::kRsa2048});
+  const auto key = publicKeyOfCertificate(der);
+  ASSERT_TRUE(key);
+  std::vector<std::uint8_t> one(256);  // is its own signature
+  one.back() = 1;
+  const auto verifies = [&] {
+    return key->verifies(SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureRaw, one, one);
+  };
+  const auto recovers = [&] { return key->recoveredBlock(one) == ByteVector{one}; };
+  const auto reads = [&] { return publicKeyOfCertificate(der) != nullptr; };
+  const char* const noBlock = "the block in a signature is not known";
+  const char* const noKey = "the key of a certificate is not read";
+  const char* const newData = "+[NSData dataWithBytes:length:]";
+  expectFailures({
+      {"SecKeyVerifySignature", std::not_fn(verifies), "a signature is not verified"},
+      {newData, std::not_fn(verifies), "a signature is not verified"},
+      {"SecKeyGetBlockSize", std::not_fn(recovers), noBlock},
+      {"SecKeyCreateEncryptedData", std::not_fn(recovers), noBlock},
+      {newData, std::not_fn(recovers), noBlock},
+      {"SecCertificateCreateWithData", std::not_fn(reads), noKey},
+      {"SecCertificateCopyKey", std::not_fn(reads), noKey},
+      {newData, std::not_fn(reads), noKey},
+  });
 }
 
 // ---- The desktop ----
@@ -243,6 +301,31 @@ TEST_F(MacDesktop, ShowsAMessageUntilItWasRead) {
   EXPECT_EQ(messages[0].timeout, 0);
   switches->messageStatus = -1;
   EXPECT_FALSE(desktop->showMessage(Text{u"Title"}, Text{u"Text"}));
+}
+
+TEST_F(MacDesktop, FailsInWhatThePlatformRaises) {
+  const auto registers = [&] { return desktop->registerApp() == 0; };
+  const auto shows = [&] { return desktop->showMessage(Text{u"Title"}, Text{u"Text"}); };
+  const char* const noMessage = "a message is not shown";
+  expectFailures({
+      {"LSRegisterURL", std::not_fn(registers), "the app is not made known"},
+      {"-[NSBundle bundleURL]", std::not_fn(registers), "the app is not made known"},
+      {"CFUserNotificationDisplayAlert", std::not_fn(shows), noMessage},
+      {"-[NSBundle URLForResource:withExtension:]", std::not_fn(shows), noMessage},
+  });
+}
+
+TEST_F(MacDesktop, AnswersAsWithoutAnAppWhenThePlatformRaises) {
+  const LogRecorder recorder;
+  {
+    const RaisingCall raising{"-[NSBundle bundlePath]"};
+    EXPECT_EQ(desktop->appPath(), "");
+  }
+  const RaisingCall raising{"-[NSBundle localizedStringForKey:value:table:]"};
+  EXPECT_EQ(desktop->localized("A text"), Text{u"A text"});
+  EXPECT_THAT(recorder.texts(),
+              ElementsAre(StartsWith("error: [Guard-15] the place of the app is not known: "),
+                          StartsWith("error: [Guard-15] a text is not translated: ")));
 }
 
 TEST(MacApp, SaysWhatToDoNextInTheWordsOfItsOwnTable) {

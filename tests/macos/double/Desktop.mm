@@ -4,6 +4,7 @@
 
 #include <utility>
 
+#import "RaisingCall.h"
 #import "Switches.h"
 #import "Utf8.h"
 
@@ -27,6 +28,7 @@ DesktopRequests takeDesktopRequests() { return std::exchange(requests(), {}); }
 SInt32 CFUserNotificationDisplayAlert(CFTimeInterval timeout, CFOptionFlags flags, CFURLRef, CFURLRef,
                                       CFURLRef, CFStringRef alertHeader, CFStringRef alertMessage,
                                       CFStringRef, CFStringRef, CFStringRef, CFOptionFlags* responseFlags) {
+  raiseIn("CFUserNotificationDisplayAlert");
   requests().messages.push_back(
       {utf8Of((NSString*)alertHeader), utf8Of((NSString*)alertMessage), flags, timeout});
   *responseFlags = 0;
@@ -34,6 +36,7 @@ SInt32 CFUserNotificationDisplayAlert(CFTimeInterval timeout, CFOptionFlags flag
 }
 
 OSStatus LSRegisterURL(CFURLRef url, Boolean update) {
+  raiseIn("LSRegisterURL");
   requests().registrations.push_back({utf8Of([(NSURL*)url path]), update != 0});
   return switches().registrationStatus;
 }

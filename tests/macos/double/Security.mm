@@ -277,6 +277,7 @@ bool setUp(EVP_PKEY_CTX* context, const std::string& algorithm) {
 }  // namespace
 
 size_t SecKeyGetBlockSize(SecKeyRef key) {
+  raiseIn("SecKeyGetBlockSize");
   DoubleKey* const object = objectOf(key, "SecKeyGetBlockSize");
   return (size_t)(EVP_PKEY_get_bits([object key]) + 7) / 8;
 }
@@ -294,6 +295,7 @@ CFDictionaryRef SecKeyCopyAttributes(SecKeyRef key) {
 
 Boolean SecKeyVerifySignature(SecKeyRef key, SecKeyAlgorithm algorithm, CFDataRef signedData,
                               CFDataRef signature, CFErrorRef* outError) {
+  raiseIn("SecKeyVerifySignature");
   NSData* const data = objectOf(signedData, "SecKeyVerifySignature");
   NSData* made = objectOf(signature, "SecKeyVerifySignature");
   std::string name = nameOfAlgorithm(algorithm);
@@ -320,6 +322,7 @@ Boolean SecKeyVerifySignature(SecKeyRef key, SecKeyAlgorithm algorithm, CFDataRe
 
 CFDataRef SecKeyCreateEncryptedData(SecKeyRef key, SecKeyAlgorithm algorithm, CFDataRef plaintext,
                                     CFErrorRef* outError) {
+  raiseIn("SecKeyCreateEncryptedData");
   NSData* const plain = objectOf(plaintext, "SecKeyCreateEncryptedData");
   DoubleKey* const object = objectOf(key, "SecKeyCreateEncryptedData");
   EVP_PKEY* const openSslKey = [object key];
