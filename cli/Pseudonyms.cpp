@@ -36,7 +36,7 @@ bool isWordAt(std::string_view text, std::size_t at, std::size_t size) noexcept 
 std::string Pseudonyms::pseudonymOf(Kind kind, const std::string& text) {
   if (const auto known = pseudonyms_.find(text); known != pseudonyms_.end()) return known->second;
   const std::size_t number = ++numOfKind_.at(static_cast<std::size_t>(kind));
-  const std::string pseudonym = std::string{wordsOf(kind).prefix} + "-" + std::to_string(number);
+  std::string pseudonym = std::string{wordsOf(kind).prefix} + "-" + std::to_string(number);
   pseudonyms_.emplace(text, pseudonym);
   given_.insert(pseudonym);
   return pseudonym;

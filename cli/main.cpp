@@ -130,7 +130,7 @@ Result<void> checkUsage(const Options& options) {
   }
   if (!options.key && options.command->takes(CommandOption::Kind::kKey))
     return wrongUsage("--key is missing");
-  if (const auto key = checkKeyName(options.key.value_or("")); !key) return key;
+  if (auto key = checkKeyName(options.key.value_or("")); !key) return key;
   const bool readsInput = options.command->takes(CommandOption::Kind::kInput);
   if (options.pinFd == STDIN_FILENO && readsInput && options.in.value_or("-") == "-") {
     return wrongUsage("--pin-fd 0 and the data cannot both be standard input");

@@ -195,7 +195,7 @@ Result<ChosenKey> chooseByUri(const InsertedCard& card, const Keys& keys, std::s
 
 /// What programs that take each byte for a character call the key.
 Indices keysByCharacters(const Keys& keys, std::string_view name) {
-  const Indices byID = firstWithID(keys, [&](const Text& id) { return displayedAsLatin1(id) == name; });
+  Indices byID = firstWithID(keys, [&](const Text& id) { return displayedAsLatin1(id) == name; });
   if (!byID.empty()) return byID;
   return keysWith(keys, [&](const PublishedKey& key) { return hasLabel(key, name, &displayedAsLatin1); });
 }

@@ -93,8 +93,8 @@ inline constexpr std::array<std::string_view, 68> kCryptokiFunctionNames{
 /// list does not compile.
 class CryptokiFunction {
  public:
-  constexpr CryptokiFunction() noexcept = default;  ///< none
-  consteval CryptokiFunction(const char* name) : name_{name} {
+  constexpr CryptokiFunction() noexcept = default;              ///< none
+  consteval CryptokiFunction(const char* name) : name_{name} {  // NOLINT(google-explicit-constructor)
     if (!isCryptokiFunction(name_)) throw "PKCS #11 has no function of this name";
   }
 
