@@ -20,6 +20,7 @@
 #include "host/Display.h"
 #include "host/KeyClient.h"
 #include "platform/CardService.h"
+#include "platform/TimeAndChance.h"
 
 namespace mirel {
 namespace {
@@ -88,6 +89,7 @@ Host::Host(PlatformServices services, std::string givenModule)
       diary_{std::make_shared<FailureDiary>(services_.observer)} {
   services_.loader = loaderWithDiary(services_.loader, diary_);
   services_.observer = diary_;
+  services_.timeAndChance = givenOrSystem(services_.timeAndChance);
   bridge_ = std::make_unique<P11Bridge>(services_);
 }
 
@@ -232,7 +234,7 @@ Result<std::unique_ptr<KeyClient>> Host::newClient(const InsertedCard& card) {
     return Failure{FailureKind::kInternal, "the token gives no session", "the host's own session refuses it",
                    UserStep::kSeeLog};
   }
-  return std::make_unique<KeyClient>(card, std::move(session), diary_);
+  return std::make_unique<KeyClient>(card, std::move(session), diary_, services_.timeAndChance);
 }
 
 }  // namespace mirel

@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <chrono>
 #include <functional>
 #include <set>
 #include <utility>
@@ -19,6 +18,7 @@
 #include "host/DistinctItems.h"
 #include "host/Host.h"
 #include "host/KeyChoice.h"
+#include "platform/TimeAndChance.h"
 
 namespace mirel {
 namespace {
@@ -232,7 +232,7 @@ CardReport Host::examine(const InsertedCard& card, bool afterLogin) {
   findings.addLonelyPrivateKeys();
   findings.addSharedIDs();
   findings.addCertificatesOfOtherKeys();
-  findings.addValidity(std::chrono::system_clock::now());
+  findings.addValidity(services_.timeAndChance->date());
   findings.addKeys(keysOf(card), report);
   findings.finish(report);
   return report;

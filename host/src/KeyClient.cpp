@@ -19,6 +19,7 @@
 #include "host/KeyAbility.h"
 #include "host/PinSource.h"
 #include "platform/SecretBytes.h"
+#include "platform/TimeAndChance.h"
 
 namespace mirel {
 namespace {
@@ -114,14 +115,14 @@ Result<void> checkSize(SecKeyAlgorithm algorithm, const PublishedKey& key, std::
 }
 
 /// The data in the next form; nothing when they do not fit into the key.
-std::optional<ByteVector> adapted(const AdaptationStep& step, const PublishedKey& key,
-                                  const ByteVector& data) {
+std::optional<ByteVector> adapted(const AdaptationStep& step, const PublishedKey& key, const ByteVector& data,
+                                  TimeAndChance& chance) {
   switch (step.kind) {
     case AdaptationKind::kHash: return digestOf(step.hash, data);
     case AdaptationKind::kDigestInfo: return digestInfo(step.hash, data);
     case AdaptationKind::kPadPKCS1: return paddedForSigning(data, modulusSizeOf(key));
     case AdaptationKind::kEncodePSS:
-      return encodedForPss(step.hash, data, static_cast<std::size_t>(std::max(key.keySizeInBits, 0)));
+      return encodedForPss(step.hash, data, static_cast<std::size_t>(std::max(key.keySizeInBits, 0)), chance);
     case AdaptationKind::kAsItIs: return data;
     default: return std::nullopt;
   }
@@ -229,8 +230,11 @@ bool mayWork(const PublishedKey& key, SecKeyAlgorithm algorithm) noexcept {
 }
 
 KeyClient::KeyClient(InsertedCard card, std::shared_ptr<HostTokenSession> session,
-                     std::shared_ptr<FailureDiary> diary)
-    : card_{std::move(card)}, session_{std::move(session)}, diary_{std::move(diary)} {}
+                     std::shared_ptr<FailureDiary> diary, std::shared_ptr<TimeAndChance> chance)
+    : card_{std::move(card)},
+      session_{std::move(session)},
+      diary_{std::move(diary)},
+      chance_{givenOrSystem(std::move(chance))} {}
 
 KeyClient::~KeyClient() = default;
 
@@ -291,7 +295,7 @@ Result<Signature> KeyClient::sign(const PublishedKey& key, SecKeyAlgorithm algor
   }
   ByteVector prepared = *data;
   for (const AdaptationStep& step : steps) {
-    auto next = adapted(step, key, prepared);
+    auto next = adapted(step, key, prepared, *chance_);
     if (!next) return badInput("the key has too few bits for them");
     prepared = std::move(*next);
   }

@@ -86,14 +86,14 @@ std::optional<ByteVector> paddedForSigning(std::span<const std::uint8_t> data, s
 }
 
 std::optional<ByteVector> encodedForPss(Hash hash, std::span<const std::uint8_t> digest,
-                                        std::size_t modulusBits) {
+                                        std::size_t modulusBits, TimeAndChance& chance) {
   const std::size_t hashSize = factsOf(hash).size;
   const std::size_t encodedBits = modulusBits - 1;
   const std::size_t encodedSize = (encodedBits + 7) / 8;
   if (modulusBits < 2 || encodedSize < 2 * hashSize + 2) return std::nullopt;
 
   ByteVector salt(hashSize);
-  if (!fillWithRandomBytes(salt)) throw std::runtime_error{"the operating system has no random bytes"};
+  if (!chance.drawSalt(salt)) throw std::runtime_error{"the operating system has no random bytes"};
   ByteVector toHash(8, 0x00);
   append(toHash, digest);
   append(toHash, salt);

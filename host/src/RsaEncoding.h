@@ -8,6 +8,7 @@
 
 #include "platform/Bytes.h"
 #include "platform/Digest.h"
+#include "platform/TimeAndChance.h"
 
 namespace mirel {
 
@@ -19,9 +20,9 @@ namespace mirel {
                                                          std::size_t blockSize);
 
 /// EMSA-PSS with MGF1 of the same hash and a salt of its size (section 9.1.1), as a whole block; nothing when
-/// the key is too short.
+/// the key is too short. `chance`: draws the salt.
 [[nodiscard]] std::optional<ByteVector> encodedForPss(Hash hash, std::span<const std::uint8_t> digest,
-                                                      std::size_t modulusBits);
+                                                      std::size_t modulusBits, TimeAndChance& chance);
 
 /// EME-PKCS1-v1_5 (section 7.2.1, step 2); nothing when `message` does not fit, or the system has no random
 /// bytes. For trials: the message is no secret.

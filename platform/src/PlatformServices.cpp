@@ -7,6 +7,7 @@
 #include "platform/LocalizedStrings.h"
 #include "platform/Log.h"
 #include "platform/Memory.h"
+#include "platform/TimeAndChance.h"
 #include "platform/UserDirectory.h"
 
 namespace mirel {
@@ -21,6 +22,7 @@ PlatformServices systemServices() {
   services.memory = systemMemory();
   services.strings = systemLocalizedStrings();
   services.cardService = systemCardService();
+  services.timeAndChance = systemTimeAndChance();
   return services;
 }
 

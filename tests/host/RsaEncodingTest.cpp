@@ -123,6 +123,8 @@ TEST(PaddedForSigning, NeedsEightBytesOfPadding) {
 
 // ---- PSS ----
 
+const std::shared_ptr<TimeAndChance> chance = systemTimeAndChance();
+
 TEST(EncodedForPss, GivesBlocksThatVerifyOnceSigned) {
   for (const unsigned bits : kSizes) {
     const SoftwareKey& key = SoftwareKey::rsa(bits);
@@ -131,7 +133,7 @@ TEST(EncodedForPss, GivesBlocksThatVerifyOnceSigned) {
       if (bits < 1040 && row.hash == Hash::kSHA512) continue;
       SCOPED_TRACE(std::to_string(bits) + " " + row.name);
       const Value digest = softwareDigest(row.name, kMessage);
-      const auto block = encodedForPss(row.hash, digest, bits);
+      const auto block = encodedForPss(row.hash, digest, bits, *chance);
       ASSERT_TRUE(block);
       EXPECT_EQ(block->size(), key.blockSize());
       const Value signature = key.rawPrivate(*block);
@@ -144,7 +146,8 @@ TEST(EncodedForPss, GivesBlocksThatVerifyOnceSigned) {
 
 TEST(EncodedForPss, TakesAnotherSaltEachTime) {
   const Value digest = softwareDigest("SHA256", kMessage);
-  EXPECT_NE(encodedForPss(Hash::kSHA256, digest, 1024), encodedForPss(Hash::kSHA256, digest, 1024));
+  EXPECT_NE(encodedForPss(Hash::kSHA256, digest, 1024, *chance),
+            encodedForPss(Hash::kSHA256, digest, 1024, *chance));
 }
 
 TEST(EncodedForPss, LeavesTheTopmostBitsClear) {
@@ -154,7 +157,7 @@ TEST(EncodedForPss, LeavesTheTopmostBitsClear) {
       {1024, 0x80}, {1023, 0xC0}, {1018, 0xFE}, {1025, 0xFF}, {1026, 0xFE}};
   for (const auto& [bits, forbidden] : rows) {
     for (int i = 0; i < 64; ++i) {
-      const auto block = encodedForPss(Hash::kSHA256, digest, bits);
+      const auto block = encodedForPss(Hash::kSHA256, digest, bits, *chance);
       ASSERT_TRUE(block);
       EXPECT_EQ(block->size(), (bits + 7) / 8);
       EXPECT_EQ(block->front() & forbidden, 0) << bits;
@@ -166,9 +169,9 @@ TEST(EncodedForPss, RefusesAKeyThatIsTooShort) {
   // The encoded message has one bit less than the modulus and takes twice the digest and two bytes
   // (RFC 8017, section 9.1.1, step 3).
   for (const std::size_t bits : {1024U, 1033U, 1034U})
-    EXPECT_EQ(encodedForPss(Hash::kSHA512, Value(64, 1), bits).has_value(), bits >= 1034) << bits;
+    EXPECT_EQ(encodedForPss(Hash::kSHA512, Value(64, 1), bits, *chance).has_value(), bits >= 1034) << bits;
   for (const std::size_t bits : {0U, 1U, 329U, 330U})
-    EXPECT_EQ(encodedForPss(Hash::kSHA1, Value(20, 1), bits).has_value(), bits >= 330) << bits;
+    EXPECT_EQ(encodedForPss(Hash::kSHA1, Value(20, 1), bits, *chance).has_value(), bits >= 330) << bits;
 }
 
 // ---- PKCS #1 v1.5 after decrypting ----

@@ -20,6 +20,7 @@ class InputSource;
 class HostTokenSession;
 enum class TKTokenOperation : std::int64_t;
 class PinSource;
+class TimeAndChance;
 
 /// Whether a request that the token accepts can come to something with that key. False where its type does
 /// not fit, and for what this card layer never does: signatures by EC keys and by RSA keys above 2048 bits,
@@ -62,8 +63,8 @@ class KeyClient {
   /// cannot be sent.
   static constexpr int kMostPins = 3;
 
-  KeyClient(InsertedCard card, std::shared_ptr<HostTokenSession> session,
-            std::shared_ptr<FailureDiary> diary);
+  KeyClient(InsertedCard card, std::shared_ptr<HostTokenSession> session, std::shared_ptr<FailureDiary> diary,
+            std::shared_ptr<TimeAndChance> chance = nullptr);
   KeyClient(const KeyClient&) = delete;
   KeyClient& operator=(const KeyClient&) = delete;
   ~KeyClient();
@@ -89,6 +90,9 @@ class KeyClient {
   /// logged in already: then it takes any PIN.
   [[nodiscard]] Result<void> logIn(PinSource& pins);
 
+  /// Where it draws what is random.
+  [[nodiscard]] TimeAndChance& chance() const noexcept { return *chance_; }
+
  private:
   template <typename Request>
   [[nodiscard]] Result<Bytes> perform(const PublishedKey& key, TKTokenOperation operation, PinSource& pins,
@@ -105,6 +109,7 @@ class KeyClient {
   InsertedCard card_;
   std::shared_ptr<HostTokenSession> session_;
   std::shared_ptr<FailureDiary> diary_;
+  std::shared_ptr<TimeAndChance> chance_;
 };
 
 }  // namespace mirel

@@ -6,15 +6,17 @@ namespace mirel {
 
 void CallClock::callStarts(const char* function) noexcept {
   if (next_) next_->callStarts(function);
+  const Clock::time_point now = time_->clock();
   const std::lock_guard lock{mutex_};
-  running_[std::this_thread::get_id()] = Clock::now();
+  running_[std::this_thread::get_id()] = now;
 }
 
 void CallClock::callReturned(const char* function, std::uint64_t result) noexcept {
+  const Clock::time_point now = time_->clock();
   {
     const std::lock_guard lock{mutex_};
     Clock::duration& longest = longest_[function];
-    longest = std::max(longest, Clock::now() - running_[std::this_thread::get_id()]);
+    longest = std::max(longest, now - running_[std::this_thread::get_id()]);
     ++numCalls_;
   }
   if (next_) next_->callReturned(function, result);

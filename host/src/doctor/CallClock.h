@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "platform/CryptokiObserver.h"
+#include "platform/TimeAndChance.h"
 
 namespace mirel {
 
@@ -18,7 +19,8 @@ class CallClock final : public CryptokiObserver {
  public:
   using Clock = std::chrono::steady_clock;
 
-  explicit CallClock(std::shared_ptr<CryptokiObserver> next) : next_{std::move(next)} {}
+  CallClock(std::shared_ptr<CryptokiObserver> next, std::shared_ptr<TimeAndChance> time)
+      : next_{std::move(next)}, time_{std::move(time)} {}
 
   void callStarts(const char* function) noexcept override;
   void callReturned(const char* function, std::uint64_t result) noexcept override;
@@ -30,6 +32,7 @@ class CallClock final : public CryptokiObserver {
 
  private:
   std::shared_ptr<CryptokiObserver> next_;
+  std::shared_ptr<TimeAndChance> time_;
   mutable std::mutex mutex_;
   std::map<std::thread::id, Clock::time_point> running_;
   std::map<std::string_view, Clock::duration> longest_;

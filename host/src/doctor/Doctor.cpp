@@ -119,8 +119,11 @@ Diagnosis diagnose(PlatformServices services, const Examination& given) {
     expect(expected, card);
     if (given.onCard) given.onCard(card, report);
   };
-  const auto calls = std::make_shared<CallClock>(std::exchange(services.observer, nullptr));
-  const auto looks = std::make_shared<CallClock>(std::exchange(services.inspectionObserver, nullptr));
+  services.timeAndChance = givenOrSystem(services.timeAndChance);
+  const auto calls =
+      std::make_shared<CallClock>(std::exchange(services.observer, nullptr), services.timeAndChance);
+  const auto looks = std::make_shared<CallClock>(std::exchange(services.inspectionObserver, nullptr),
+                                                 services.timeAndChance);
   services.observer = calls;
   services.inspectionObserver = looks;
 

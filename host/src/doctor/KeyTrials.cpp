@@ -9,7 +9,7 @@
 #include "host/KeyChoice.h"
 #include "host/Verification.h"
 #include "platform/PublicKey.h"
-#include "platform/Random.h"
+#include "platform/TimeAndChance.h"
 
 namespace mirel {
 namespace {
@@ -89,7 +89,7 @@ std::optional<Failure> failureOfDecrypting(KeyClient& client, const PublishedKey
     return Failure{FailureKind::kInternal, "there is no trial text", why, {}};
   };
   ByteVector message(kTrialSize);
-  if (!fillWithRandomBytes(message)) return failed("the system has no random bytes");
+  if (!client.chance().drawTrialText(message)) return failed("the system has no random bytes");
   const auto block = paddedForEncrypting(message, modulusSizeOf(key));
   const auto publicKey = publicKeyOfCertificate(certificate.data.view());
   // RSAEP and RSAVP1 are one operation (RFC 8017, sections 5.1.1 and 5.2.2).

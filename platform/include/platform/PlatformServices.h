@@ -12,6 +12,7 @@ class DynamicLoader;
 class LocalizedStrings;
 class Log;
 class Memory;
+class TimeAndChance;
 class UserDirectory;
 
 /// Everything the system needs of its surroundings, handed down at construction. All are set, except
@@ -27,6 +28,7 @@ struct PlatformServices {
   std::shared_ptr<CryptokiObserver> observer;            ///< may be null
   std::shared_ptr<CryptokiObserver> inspectionObserver;  ///< told of the host's own calls; may be null
   std::shared_ptr<CardService> cardService;              ///< for explanations alone; may be null
+  std::shared_ptr<TimeAndChance> timeAndChance;          ///< for the host; null: the system's
 };
 
 /// The services of the running system, without an observer.
