@@ -92,9 +92,7 @@ Failure refusal(const std::string& name, const std::string& why, const Advice& a
           why, advice};
 }
 
-}  // namespace
-
-std::optional<ModuleFacts> factsOfModule(const PlatformServices& services, const ModuleChoice& choice) {
+std::optional<ModuleFacts> foundFacts(const PlatformServices& services, const ModuleChoice& choice) {
   std::string home = services.user->homeOf(services.user->loginName());
   if (home.empty() && choice.path) home = kNoHome;
   if (home.empty()) return std::nullopt;
@@ -116,6 +114,13 @@ std::optional<ModuleFacts> factsOfModule(const PlatformServices& services, const
   facts.target = namesOf(targetsOf(start));
   if (const auto fits = checkTarget(start, ownImageStart()); !fits) facts.otherTarget = fits.failure();
   return facts;
+}
+
+}  // namespace
+
+std::optional<ModuleFacts> factsOfModule(const PlatformServices& services, const ModuleChoice& choice) {
+  auto facts = foundFacts(services, choice);
+  return choice.onFacts ? choice.onFacts(std::move(facts)) : facts;
 }
 
 Result<void> chooseModule(PlatformServices& services, const ModuleChoice& choice) {

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <memory>
+#include <functional>
 #include <optional>
 #include <string>
 
@@ -8,6 +8,18 @@
 #include "platform/PlatformServices.h"
 
 namespace mirel {
+
+/// What stands where the module should be, found without loading it.
+struct ModuleFacts {
+  std::string place;                      ///< where the card layer looks for it
+  std::string name;                       ///< as the user knows it
+  std::string path{};                     ///< the file behind all links; empty: there is none
+  int error = 0;                          ///< why there is none: an errno
+  std::string noFile{};                   ///< what it is instead of a regular file; empty where it is one
+  std::optional<std::string> exposure{};  ///< how somebody else may change it; nothing: nobody
+  std::string target{};                   ///< the processors that it was built for; empty: that does not show
+  std::optional<Failure> otherTarget{};   ///< why it is not for this program; nothing where it is or may be
+};
 
 /// What a user says about the PKCS #11 module of a run.
 struct ModuleChoice {
@@ -17,6 +29,10 @@ struct ModuleChoice {
 
   /// It is loaded although somebody else may change it.
   bool trusted = false;
+
+  /// Is told what was found of the file, and answers what is to be taken for it, so that a run can be
+  /// recorded and repeated; null: nobody.
+  std::function<std::optional<ModuleFacts>(std::optional<ModuleFacts> found)> onFacts{};
 };
 
 /// Has the loader of `services` open the chosen file where the card layer looks for its module: in the user's
