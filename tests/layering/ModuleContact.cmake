@@ -29,6 +29,8 @@ if(NOT own MATCHES "CryptokiCall.h: .*callAlone" OR NOT own MATCHES "P11Bridge.h
   message(FATAL_ERROR "The bridge itself does not match: the names looked for are out of date.")
 endif()
 contacts_in(others framework provider token platform host cli bench fuzz)
+# What records and replays a module is itself one: it stands where the bridge finds its module.
+string(REGEX REPLACE "[^\n]*/host/recording/src/[^\n]*\n" "" others "${others}")
 if(others)
   message(FATAL_ERROR "Only the bridge touches the module; these go past it:\n${others}")
 endif()

@@ -1,0 +1,26 @@
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+
+#include "platform/PlatformServices.h"
+#include "recording/RecordedCall.h"
+
+namespace mirel::recording {
+
+/// What was found of the module's file, one look after the other; nothing when it was not looked at once
+/// more.
+using RecordedModules = std::function<std::optional<RecordedModule>()>;
+
+/// Puts a recording in place of the module, the loader, the clock, chance and the card service. All answer in
+/// the order in which they did; no call takes time. A PIN is not looked at, and what was hidden when it was
+/// recorded is as many letters "Z". The text of a trial is such letters too, so that it comes back as it was.
+///
+/// `onMissing`: told, in words, of something that was not recorded, or not there. It may end the program;
+/// when it returns, the answer is a failure.
+[[nodiscard]] RecordedModules replayInto(Recording recording,
+                                         std::function<void(const std::string& what)> onMissing,
+                                         PlatformServices& services);
+
+}  // namespace mirel::recording

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "ModuleFront.h"
+#include "recording/RecordedCall.h"
+
+namespace mirel::recording {
+
+/// Answers as a module did whose calls were recorded.
+class ReplayingFront final : public ModuleFront {
+ public:
+  /// Which calls of the recording answer.
+  enum class Order {
+    kExact,    ///< all, one behind the other
+    kPassOver  ///< those for the token; what is not asked for again is passed over
+  };
+
+  /// `onMissing`: told, in words, of a call for which there is no answer; it gets CKR_FUNCTION_FAILED. Calls
+  /// may come from several threads.
+  ReplayingFront(std::vector<RecordedCall> calls, Order order,
+                 std::function<void(const std::string& what)> onMissing);
+
+  CK_RV getFunctionList(CK_FUNCTION_LIST** outList) noexcept override;
+  CK_RV called(const char* function, std::span<const Word> words, const Forward& module) noexcept override;
+
+ private:
+  /// The call that answers an equal one; null when there is none.
+  [[nodiscard]] const RecordedCall* take(const std::string& function, const Fields& in);
+  void tellMissing(const std::string& function, const Fields& in) const;
+
+  std::vector<RecordedCall> calls_;
+  Order order_;
+  std::function<void(const std::string&)> onMissing_;
+  std::mutex mutex_;
+  std::size_t next_ = 0;  // of the calls
+};
+
+}  // namespace mirel::recording

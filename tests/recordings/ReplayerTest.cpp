@@ -1,0 +1,139 @@
+#include "RecordedBridge.h"
+#include "ReplayingFront.h"
+#include "platform/CardService.h"
+#include "platform/TimeAndChance.h"
+#include "recording/RecordingFile.h"
+#include "recording/Replayer.h"
+#include "support/FakeCardService.h"
+
+namespace mirel::test {
+namespace {
+
+using namespace recording;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::StartsWith;
+
+class ReplayerTest : public RecordedBridgeTest {
+ protected:
+  /// What was recorded, as it comes out of a file.
+  [[nodiscard]] Recording stored() const {
+    Recording recording;
+    recording.records = kept->records;
+    return readRecording(textOf(recording)).recording.value();
+  }
+
+  /// Services with the recording in place of the module.
+  [[nodiscard]] PlatformServices replaying(Recording recording) {
+    PlatformServices all = services();
+    (void)replayInto(
+        std::move(recording), [this](const std::string& what) { missing.push_back(what); }, all);
+    return all;
+  }
+
+  std::vector<std::string> missing;
+};
+
+TEST_F(ReplayerTest, AnswersAsTheModuleDid) {
+  const std::string recorded = useEverything(*bridge);
+  leavesOpen(script.openSessions());
+  const auto calls = script.callTexts();
+  P11Bridge replayed{replaying(stored())};
+  EXPECT_EQ(useEverything(replayed), recorded);
+  EXPECT_THAT(missing, IsEmpty());
+  EXPECT_EQ(script.callTexts(), calls) << "the module was called";
+}
+
+TEST_F(ReplayerTest, LoadsAndMissesWhatTheModuleDid) {
+  useModule(kModuleWithoutEntry);
+  PlatformServices all = services();
+  (void)recordInto({kept}, all);
+  EXPECT_FALSE(P11Bridge{all}.pkcs11_Load(Text{}));
+  const std::string why = all.loader->errorText();
+  EXPECT_FALSE(why.empty());
+
+  PlatformServices other = replaying(stored());
+  EXPECT_FALSE(P11Bridge{other}.pkcs11_Load(Text{}));
+  EXPECT_EQ(other.loader->errorText(), why);
+  EXPECT_THAT(missing, IsEmpty());
+}
+
+TEST_F(ReplayerTest, NamesWhatWasNotRecorded) {
+  ASSERT_TRUE(bridge->pkcs11_Load(Text{}));
+  ASSERT_EQ(bridge->pkcs11_Initial(nullptr), CKR_OK);
+  CK_SLOT_INFO info{};
+  ASSERT_EQ(bridge->inspectSlot(kSlot, info), CKR_OK);
+
+  P11Bridge replayed{replaying(stored())};
+  ASSERT_TRUE(replayed.pkcs11_Load(Text{}));
+  CK_TOKEN_INFO token{};
+  EXPECT_EQ(replayed.inspectToken(kSlot, token), CKR_FUNCTION_FAILED);
+  ASSERT_EQ(replayed.pkcs11_Initial(nullptr), CKR_OK);
+  EXPECT_EQ(replayed.inspectSlot(kSlot + 1, info), CKR_FUNCTION_FAILED);
+  EXPECT_EQ(replayed.inspectSlot(kSlot, info), CKR_OK);
+  EXPECT_EQ(replayed.inspectSlot(kSlot, info), CKR_FUNCTION_FAILED);
+  EXPECT_THAT(
+      missing,
+      ElementsAre("C_GetTokenInfo (slot 1) was not recorded here: the recording goes on with C_Initialize",
+                  "C_GetSlotInfo (slot 2) was not recorded here: the recording goes on with "
+                  "C_GetSlotInfo (slot 1)",
+                  "C_GetSlotInfo (slot 1) was not recorded here: the recording ends before it"));
+}
+
+TEST_F(ReplayerTest, RepeatsTimeChanceAndTheCardService) {
+  PlatformServices all = services();
+  auto service = std::make_shared<FakeCardService>();
+  service->view = {
+      CardServiceView::State::kAnswers, "", {{"Reader 1", ServiceReader::Card::kMute, true, false, "3B00"}}};
+  all.cardService = service;
+  (void)recordInto({kept}, all);
+  const auto date = all.timeAndChance->date();
+  const auto start = all.timeAndChance->clock();
+  const auto end = all.timeAndChance->clock();
+  std::array<std::uint8_t, 20> salt{};
+  ASSERT_TRUE(all.timeAndChance->drawSalt(salt));
+  (void)all.cardService->look();
+
+  PlatformServices other = replaying(stored());
+  EXPECT_EQ(other.timeAndChance->date(), date);
+  EXPECT_EQ(other.timeAndChance->clock(), start);
+  EXPECT_EQ(other.timeAndChance->clock(), end);
+  std::array<std::uint8_t, 20> again{};
+  EXPECT_TRUE(other.timeAndChance->drawSalt(again));
+  EXPECT_EQ(again, salt);
+  const CardServiceView view = other.cardService->look();
+  ASSERT_EQ(view.readers.size(), 1U);
+  EXPECT_EQ(view.readers[0].name, "Reader 1");
+  EXPECT_EQ(view.readers[0].card, ServiceReader::Card::kMute);
+  EXPECT_TRUE(view.readers[0].exclusive);
+  EXPECT_EQ(view.readers[0].atr, "3B00");
+  EXPECT_THAT(missing, IsEmpty());
+  EXPECT_FALSE(other.timeAndChance->drawSalt(again));
+  EXPECT_THAT(missing, ElementsAre("no such salt was drawn here when it was recorded"));
+}
+
+TEST_F(ReplayerTest, NeverWritesMoreThanThereIsRoomFor) {
+  // A recording may say anything of an answer, its question being equal.
+  RecordedCall list;
+  list.function = "C_GetFunctionList";
+  list.out = {{"version", {Fields{{"major", {std::uint64_t{2}}}, {"minor", {std::uint64_t{40}}}}}}};
+  RecordedCall call;
+  call.function = "C_FindObjects";
+  call.in = {{"session", {std::uint64_t{1}}}, {"objects", {std::uint64_t{1}}}};
+  List many;
+  for (int i = 0; i < 100; ++i) many.push_back({std::uint64_t{9}});
+  call.out = {{"objects", {Fields{{"count", {std::uint64_t{100}}}, {"value", {many}}}}}};
+  ReplayingFront front{{list, call}, ReplayingFront::Order::kExact, [](const std::string&) {}};
+  CK_FUNCTION_LIST* functions = nullptr;
+  ASSERT_EQ(ModuleFront::entryPoint()(&functions), CKR_OK);
+  CK_OBJECT_HANDLE room[2] = {0, 7};
+  CK_ULONG count = 0;
+  EXPECT_EQ(functions->C_FindObjects(1, room, 1, &count), CKR_OK);
+  EXPECT_EQ(count, 100U);
+  EXPECT_EQ(room[0], 9U);
+  EXPECT_EQ(room[1], 7U);
+}
+
+}  // namespace
+}  // namespace mirel::test
