@@ -226,13 +226,17 @@ void ShapedPseudonyms::replaceText(PseudonymKind kind, std::span<std::uint8_t> t
 
 void ShapedPseudonyms::replaceInReaderName(std::span<std::uint8_t> name) {
   constexpr std::size_t kShortestNumber = 5;
-  const std::string original{name.begin(), name.end()};
+  const auto shown = [&] {
+    const auto text = trimmed(name);
+    return std::string{text.begin(), text.end()};
+  };
+  const std::string original = shown();
   forEachWord(name, Encoding::kBytes, [&](std::span<Character> word) {
     const bool hasDigit = std::any_of(
         word.begin(), word.end(), [](const Character& character) { return isDigit(character.character); });
     if (hasDigit && word.size() >= kShortestNumber) replaceWord(PseudonymKind::kReader, word);
   });
-  note(PseudonymKind::kReader, original, std::string{name.begin(), name.end()});
+  note(PseudonymKind::kReader, original, shown());
 }
 
 void ShapedPseudonyms::replaceKnownWords(std::span<std::uint8_t> text) {

@@ -16,7 +16,8 @@ enum class PseudonymKind {
   kHome,
   kID,
   kFingerprint,
-  kQuoted
+  kQuoted,
+  kOther
 };
 
 struct PseudonymWords {
@@ -24,7 +25,7 @@ struct PseudonymWords {
   const char* plural;  ///< for people
 };
 
-inline constexpr std::size_t kNumPseudonymKinds = 10;
+inline constexpr std::size_t kNumPseudonymKinds = 11;
 
 /// In the order of the kinds.
 inline constexpr std::array<PseudonymWords, kNumPseudonymKinds> kPseudonymWords{
@@ -37,7 +38,8 @@ inline constexpr std::array<PseudonymWords, kNumPseudonymKinds> kPseudonymWords{
      {"home", "home folders"},
      {"id", "long IDs of keys"},
      {"fingerprint", "fingerprints"},
-     {"text", "other texts in quotation marks"}}};
+     {"text", "other texts in quotation marks"},
+     {"other", "other texts and bytes"}}};
 
 [[nodiscard]] constexpr const PseudonymWords& wordsOf(PseudonymKind kind) {
   return kPseudonymWords.at(static_cast<std::size_t>(kind));
