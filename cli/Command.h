@@ -20,6 +20,8 @@ struct CommandOption {
     kPin,          ///< --pin-file, --pin-fd and --last-try; they have their own help
     kFlag,         ///< one without a value, of this command alone
     kFile,         ///< one with a file, of this command alone
+    kExec,         ///< --exec, with a command for the shell
+    kSeconds,      ///< --for, with a number of seconds
     kWord,         ///< a word without dashes, which may be left out
   };
 
@@ -35,6 +37,7 @@ struct Command {
   std::span<const CommandOption> options;  ///< in the order of the help
   Result<void> (*run)(Session& session);
   bool usesModule = true;  ///< the module is chosen before, and a failure in that ends the program
+  bool hasWorker = true;   ///< it runs in a process of its own; else it starts those that load the module
 
   [[nodiscard]] bool takes(CommandOption::Kind kind) const noexcept {
     return std::any_of(options.begin(), options.end(),

@@ -19,6 +19,7 @@ namespace mirel::cli {
   X(exchange)             \
   X(doctor)               \
   X(conformance)          \
+  X(watch)                \
   X(explain)
 
 #define MIREL_DECLARATION(name) extern const Command name##Command;

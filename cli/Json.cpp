@@ -10,12 +10,21 @@
 
 namespace mirel::cli {
 
-std::string jsonLines(std::string_view kind, const Json& members) {
+namespace {
+
+/// `indent`: -1: all in one line.
+std::string textOf(std::string_view kind, const Json& members, int indent) {
   Json all{{"schema", "mireltoken/" + std::string{kind} + "/1"}};
   all.update(members);
   // A name from the command line need not be UTF-8.
-  return all.dump(2, ' ', true, Json::error_handler_t::replace) + "\n";
+  return all.dump(indent, ' ', true, Json::error_handler_t::replace) + "\n";
 }
+
+}  // namespace
+
+std::string jsonLines(std::string_view kind, const Json& members) { return textOf(kind, members, 2); }
+
+std::string jsonLine(std::string_view kind, const Json& members) { return textOf(kind, members, -1); }
 
 Bytes secretJsonLines(std::string_view kind, Json members, const char* name, const Bytes& secret) {
   constexpr std::string_view kDigits = "0123456789ABCDEF";

@@ -17,8 +17,11 @@ using Json = nlohmann::ordered_json;
 /// not ASCII is escaped, so nothing of a card can control a terminal.
 [[nodiscard]] std::string jsonLines(std::string_view kind, const Json& members);
 
-/// The same with the bytes in hexadecimal digits as the last member, of that name. Leaves no copy of them:
-/// the library for JSON would keep some.
+/// The same as one line, for commands that print several objects.
+[[nodiscard]] std::string jsonLine(std::string_view kind, const Json& members);
+
+/// The same as lines with the bytes in hexadecimal digits as the last member, of that name. Leaves no copy of
+/// them: the library for JSON would keep some.
 [[nodiscard]] Bytes secretJsonLines(std::string_view kind, Json members, const char* name,
                                     const Bytes& secret);
 

@@ -25,6 +25,7 @@ constexpr const char* kExamples =
     "  mireltoken exchange --key 03 --in their-point.bin\n"
     "  mireltoken doctor --login\n"
     "  mireltoken conformance --login --junit rules.xml\n"
+    "  mireltoken watch --for 2 --exec 'echo \"$EVENT of $SERIAL in $READER\"'\n"
     "  mireltoken explain MT-R02\n"
     "\n"
     "A key is named by its ID in hexadecimal digits as `items` shows it, by a label that only it has, by a\n"
@@ -94,6 +95,14 @@ void declareOption(CLI::App& app, Options& options, const CommandOption& option)
     case CommandOption::Kind::kPin: declarePinOptions(app, options); break;
     case CommandOption::Kind::kFile:
       app.add_option(option.flag, options.files[option.flag], option.help)->type_name("FILE");
+      break;
+    case CommandOption::Kind::kExec:
+      app.add_option("--exec", options.exec, option.help)->type_name("COMMAND");
+      break;
+    case CommandOption::Kind::kSeconds:
+      app.add_option("--for", options.seconds, option.help)
+          ->type_name("N")
+          ->check(CLI::Range(1, kLongestTimeout).description(""));
       break;
     case CommandOption::Kind::kWord: app.add_option(option.flag, options.word, option.help); break;
     case CommandOption::Kind::kFlag:

@@ -39,6 +39,8 @@ struct Options {
   std::optional<int> pinFd;
   bool lastTry = false;  ///< a PIN from there may take the last try
 
+  std::optional<std::string> exec;                 ///< a command for the shell
+  std::optional<int> seconds;                      ///< after which to end; nothing: never
   std::optional<std::string> word;                 ///< of a command that takes one
   std::map<std::string, bool, std::less<>> flags;  ///< the command's own
 

@@ -47,6 +47,9 @@ class Session {
   /// The readers that hold a card, or the one that the options name.
   [[nodiscard]] Result<std::vector<Reader>> readers();
 
+  /// All readers that the module has.
+  [[nodiscard]] Result<std::vector<Reader>> slots() { return host_.slots(); }
+
   /// Why the module shows no card.
   [[nodiscard]] Host::NoCard whyNoCard(std::string what) { return host_.whyNoCard(std::move(what)); }
 

@@ -98,6 +98,10 @@ auto guarded(const Action& action) -> decltype(action()) {
 
 /// The same in a process of its own, which tells its failures itself.
 Result<ExitCode> run(Options& options) {
+  if (!options.command->hasWorker) {
+    const auto done = carryOut(options);
+    return done ? done : namingVariables(done.failure(), options);
+  }
   const auto work = [&] {
     const auto done = guarded([&] { return carryOut(options); });
     return done ? *done : report(namingVariables(done.failure(), options), options.json);
@@ -121,7 +125,7 @@ Result<void> checkUsage(const Options& options) {
     const std::optional<std::string>& value;
   } texts[] = {{"--module", options.modulePath},   {"--home", options.home}, {"--key", options.key},
                {"--algorithm", options.algorithm}, {"--in", options.in},     {"--out", options.out},
-               {"--pin-file", options.pinFile}};
+               {"--pin-file", options.pinFile},    {"--exec", options.exec}};
   for (const auto& [name, value] : texts) {
     if (value && value->empty()) return wrongUsage(std::string{name} + " is empty");
   }

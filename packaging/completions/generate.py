@@ -16,7 +16,8 @@ REMARK = "# Written by packaging/completions/generate.py; changes belong there.\
 # What may stand behind an option, by the word that the help has for it. Names of readers and of keys are not
 # completed: that would take the module and the card.
 FILES, FOLDERS, ALGORITHM, ANYTHING = "files", "folders", "algorithm", "anything"
-VALUES = {"FILE": FILES, "PATH": FILES, "DIR": FOLDERS, "ID": ANYTHING, "N": ANYTHING, "NAME": ANYTHING}
+VALUES = {"FILE": FILES, "PATH": FILES, "DIR": FOLDERS, "ID": ANYTHING, "N": ANYTHING, "NAME": ANYTHING,
+          "COMMAND": ANYTHING}
 
 OPTION = re.compile(
     r"^  (?P<names>-[^ ]+)(?: (?P<value>[A-Z]+)(?= |$))?(?: Excludes:(?P<excluded>(?: --[a-z-]+)+))?(?: +(?P<text>\S.*))?$"

@@ -21,6 +21,8 @@
 ///                             a module does that hides a wrong padding.
 ///   MIREL_STAGED_PAUSE        a function in kStaged: its call waits for the end of the process; "entry": so
 ///                             does the entry point; "exit": the process waits when it has done its work.
+///   MIREL_STAGED_HANGS        the label of a token on which no session can be opened: that call waits for the
+///                             end of the process.
 ///   MIREL_STAGED_SWAP         a function in kStaged: from its first call on every token has another serial
 ///                             number.
 ///   MIREL_STAGED_CALLS        a file that gets the name of every call of the first kNumNoted functions in
@@ -194,6 +196,16 @@ CK_RV tokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO_PTR info) {
   return rv;
 }
 
+CK_RV openSession(CK_SLOT_ID slot, CK_FLAGS flags, CK_VOID_PTR application, CK_NOTIFY notify,
+                  CK_SESSION_HANDLE_PTR session) {
+  CK_TOKEN_INFO info{};
+  const std::string label = variable("MIREL_STAGED_HANGS");
+  const bool hangs = !label.empty() && real->C_GetTokenInfo(slot, &info) == CKR_OK &&
+                     std::equal(label.begin(), label.end(), std::begin(info.label));
+  while (hangs) (void)pause();
+  return real->C_OpenSession(slot, flags, application, notify, session);
+}
+
 CK_RV initialize(CK_VOID_PTR arguments) {
   const std::string answer = variable("MIREL_STAGED_INITIALIZE");
   if (!answer.empty()) return std::stoul(answer, nullptr, 16);
@@ -245,6 +257,7 @@ extern "C" __attribute__((visibility("default"))) CK_RV C_GetFunctionList(CK_FUN
   ours.C_GetFunctionList = &C_GetFunctionList;
   ours.C_Initialize = &initialize;
   ours.C_GetSlotList = &slotList;
+  ours.C_OpenSession = &openSession;
   ours.C_FindObjects = &findObjects;
   ours.C_GetTokenInfo = &tokenInfo;
   ours.C_Login = &Staged<&CK_FUNCTION_LIST::C_Login, 0>::call;
