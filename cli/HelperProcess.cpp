@@ -43,8 +43,8 @@ std::optional<Pipe> newPipe() {
   return Pipe{ends[0], ends[1]};
 }
 
-/// The helper's end of the two pipes. Lives until the process ends, since a thread uses it.
-class Line final : public HelperLine {
+/// The helper's end of the two pipes; a thread shares it.
+class Line final : public HelperLine, public std::enable_shared_from_this<Line> {
  public:
   Line(int texts, int leash, std::chrono::milliseconds timeForEnd)
       : texts_{texts}, leash_{leash}, timeForEnd_{timeForEnd} {}
@@ -55,7 +55,7 @@ class Line final : public HelperLine {
     sigset_t before;
     sigfillset(&all);
     (void)pthread_sigmask(SIG_SETMASK, &all, &before);
-    std::thread{[this] {
+    std::thread{[this, self = shared_from_this()] {
       char none = 0;
       while (read(leash_, &none, 1) < 0 && errno == EINTR) continue;
       {
@@ -107,15 +107,15 @@ void becomeHelper() {
 [[noreturn]] void work(const std::function<void(HelperLine&)>& work, const Watch& watch, int texts, int leash,
                        std::chrono::milliseconds timeForEnd) {
   becomeHelper();
-  static Line line{texts, leash, timeForEnd};
+  const auto line = std::make_shared<Line>(texts, leash, timeForEnd);
   const auto done = runInWorker(
       [&] {
-        line.wear();
-        work(line);
+        line->wear();
+        work(*line);
         return ExitCode::kSuccess;
       },
       watch);
-  if (!done) line.send(messageOf(done.failure()));
+  if (!done) line->send(messageOf(done.failure()));
   _exit(0);
 }
 

@@ -188,7 +188,8 @@ class PinDescriptor final : public UnattendedPins {
 
 class PinPrompt final : public CheckedPins {
  public:
-  using CheckedPins::CheckedPins;
+  PinPrompt(PinStateReader pinState, CardGuard guard)
+      : CheckedPins{std::move(pinState)}, guard_{std::move(guard)} {}
 
   void showRefusal(const std::string& text) override { writeMessage("mireltoken: " + text); }
   bool canAskAgain() const override { return true; }
@@ -200,26 +201,39 @@ class PinPrompt final : public CheckedPins {
     if (!remark.empty()) prompt.append(" (").append(remark).append(")");
     SecretBytes<kLongestPin> line;
     std::size_t size = 0;
-    switch (promptForSecret(prompt.append(": "), line, size)) {
+    const auto alarm = guard_.watch();
+    switch (promptForSecret(prompt.append(": "), line, size, alarm->descriptor())) {
       case PromptResult::kEntered: return SecretText::fromUtf8({line.data(), size});
       case PromptResult::kCancelled: return std::shared_ptr<const SecretText>{};
+      case PromptResult::kInterrupted: return guard_.whyGone();
       case PromptResult::kNoTerminal: break;
     }
     return Failure{FailureKind::kCancelled, "no PIN was given", "there is no terminal to ask at",
                    "give it with --pin-file or --pin-fd"};
   }
+
+  CardGuard guard_;
 };
 
 }  // namespace
 
-std::unique_ptr<PinSource> pinSourceFor(const Options& options, PinStateReader pinState) {
+CardGuard guardOf(std::shared_ptr<CardService> service, const Text& reader) {
+  return {[service = std::move(service), reader] { return std::make_unique<CardAlarm>(service, reader); },
+          [reader] {
+            return Failure{FailureKind::kCardGone,
+                           "the card is not in the reader \"" + displayed(reader) + "\" any more",
+                           "the card service has seen it going", "put that card back and run again"};
+          }};
+}
+
+std::unique_ptr<PinSource> pinSourceFor(const Options& options, PinStateReader pinState, CardGuard guard) {
   if (options.pinFile) {
     return std::make_unique<PinFile>(*options.pinFile, std::move(pinState), options.lastTry);
   }
   if (options.pinFd) {
     return std::make_unique<PinDescriptor>(*options.pinFd, std::move(pinState), options.lastTry);
   }
-  return std::make_unique<PinPrompt>(std::move(pinState));
+  return std::make_unique<PinPrompt>(std::move(pinState), std::move(guard));
 }
 
 Result<void> checkPinDescriptor(const Options& options) {

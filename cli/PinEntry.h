@@ -4,6 +4,7 @@
 #include <memory>
 #include <string>
 
+#include "CardAlarm.h"
 #include "Options.h"
 #include "host/PinSource.h"
 #include "host/PinState.h"
@@ -13,10 +14,21 @@ namespace mirel::cli {
 /// Asks the card what it says about its PIN just now.
 using PinStateReader = std::function<Result<PinState>()>;
 
+/// The watch over a card while its PIN is awaited.
+struct CardGuard {
+  std::function<std::unique_ptr<CardAlarm>()> watch;
+  std::function<Failure()> whyGone;  ///< after an alarm
+};
+
+/// For the card in that reader: whyGone says no more than that it is gone.
+[[nodiscard]] CardGuard guardOf(std::shared_ptr<CardService> service, const Text& reader);
+
 /// Where the options say that the PIN comes from: a file, an open file descriptor (each read once), or the
 /// terminal, whose prompt shows what the card says. A file or a descriptor gives no PIN that could lock the
 /// card, unless the options allow it; none of them gives one to a card whose PIN is entered at the reader.
-[[nodiscard]] std::unique_ptr<PinSource> pinSourceFor(const Options& options, PinStateReader pinState);
+/// At the terminal the entry ends when `guard` gives an alarm.
+[[nodiscard]] std::unique_ptr<PinSource> pinSourceFor(const Options& options, PinStateReader pinState,
+                                                      CardGuard guard);
 
 /// Whether the options' file descriptor can give a PIN, as far as that shows beforehand. To be asked before
 /// anything is opened, because a file of ours could get the number of a closed one, and be taken for the PIN.

@@ -29,7 +29,10 @@ Result<void> Session::connect() {
   auto client = host_.newClient(card());
   if (!client) return client.failure();
   client_ = *std::move(client);
-  pins_ = pinSourceFor(options_, [this] { return host_.pinState(card().reader); });
+  CardGuard guard = guardOf(services_.cardService, card().reader.name);
+  guard.whyGone = [this] { return host_.whyGone(card()); };
+  pins_ = pinSourceFor(
+      options_, [this] { return host_.pinState(card().reader); }, std::move(guard));
   return {};
 }
 

@@ -2,9 +2,11 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/select.h>
 #include <termios.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -148,10 +150,26 @@ class KeySequence {
   State state_ = State::kNone;
 };
 
-PromptResult readSecret(int descriptor, std::span<std::uint8_t> room, std::size_t& outSize) {
+/// Waits for a key; false when the alarm came first.
+bool waitForKey(int descriptor, int alarm) {
+  if (alarm < 0 || std::max(descriptor, alarm) >= FD_SETSIZE) return true;
+  while (true) {
+    // Not poll, which knows no terminals on some systems.
+    fd_set inputs;
+    FD_ZERO(&inputs);
+    FD_SET(descriptor, &inputs);
+    FD_SET(alarm, &inputs);
+    const int count = select(std::max(descriptor, alarm) + 1, &inputs, nullptr, nullptr, nullptr);
+    if (count < 0 && errno == EINTR) continue;
+    return count <= 0 || !FD_ISSET(alarm, &inputs);
+  }
+}
+
+PromptResult readSecret(int descriptor, std::span<std::uint8_t> room, std::size_t& outSize, int alarm) {
   outSize = 0;
   KeySequence sequence;
   while (true) {
+    if (!waitForKey(descriptor, alarm)) return PromptResult::kInterrupted;
     SecretBytes<1> next;
     const ssize_t count = read(descriptor, next.data(), 1);
     if (count < 0 && errno == EINTR) continue;
@@ -177,7 +195,8 @@ PromptResult readSecret(int descriptor, std::span<std::uint8_t> room, std::size_
 
 }  // namespace
 
-PromptResult promptForSecret(const std::string& prompt, std::span<std::uint8_t> room, std::size_t& outSize) {
+PromptResult promptForSecret(const std::string& prompt, std::span<std::uint8_t> room, std::size_t& outSize,
+                             int alarm) {
   const int descriptor = open("/dev/tty", O_RDWR | O_CLOEXEC | O_NOCTTY);
   if (descriptor < 0) return PromptResult::kNoTerminal;
   PromptResult result = PromptResult::kNoTerminal;
@@ -185,7 +204,7 @@ PromptResult promptForSecret(const std::string& prompt, std::span<std::uint8_t> 
     const QuietTerminal quiet{descriptor};
     if (quiet.ready()) {
       say(descriptor, prompt);
-      result = readSecret(descriptor, room, outSize);
+      result = readSecret(descriptor, room, outSize, alarm);
       say(descriptor, "\n");
     }
   }

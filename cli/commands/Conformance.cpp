@@ -154,8 +154,10 @@ Result<void> run(Session& session) {
   const Options& options = session.options();
   Examination wanted{{options.modulePath, options.trustModule}, session.readerName()};
   if (options.has(kLogin)) {
-    wanted.pins = [&options](Host& host, const Reader& reader) {
-      return pinSourceFor(options, [&host, reader] { return host.pinState(reader); });
+    wanted.pins = [&options, &session](Host& host, const Reader& reader) {
+      return pinSourceFor(
+          options, [&host, reader] { return host.pinState(reader); },
+          guardOf(session.services().cardService, reader.name));
     };
   } else if (options.pinFile || options.pinFd || options.lastTry) {
     return wrongUsage("a PIN is of no use without --login");

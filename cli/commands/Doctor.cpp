@@ -171,9 +171,11 @@ Result<void> run(Session& session) {
   services.log = noted.log;
   Examination wanted{{options.modulePath, options.trustModule}, session.readerName()};
   if (options.has(kLogin)) {
-    wanted.pins = [&options, log = noted.log](Host& host, const Reader& reader) {
+    wanted.pins = [&options, &session, log = noted.log](Host& host, const Reader& reader) {
       log->stop();
-      return pinSourceFor(options, [&host, reader] { return host.pinState(reader); });
+      return pinSourceFor(
+          options, [&host, reader] { return host.pinState(reader); },
+          guardOf(session.services().cardService, reader.name));
     };
   }
   wanted.onCard = [&](const InsertedCard& card, const CardReport& report) {

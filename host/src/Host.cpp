@@ -225,6 +225,17 @@ Result<InsertedCard> Host::insert(const Text& readerName) {
   return card;
 }
 
+Failure Host::whyGone(const InsertedCard& card) {
+  if (card.watch) (void)card.watch->look(*diary_);  // that it cannot tell is no reason
+  const auto going = card.watch ? card.watch->goesOn() : Result<void>{};
+  if (!going) return going.failure();
+  Failure gone{FailureKind::kCardGone,
+               "the card is not in the reader " + quoted(displayed(card.reader.name)) + " any more",
+               "the card service has seen it going", "put that card back and run again"};
+  if (card.watch) card.watch->learnFrom(gone);
+  return gone;
+}
+
 Result<std::unique_ptr<KeyClient>> Host::newClient(const InsertedCard& card) {
   if (const auto going = card.watch ? card.watch->goesOn() : Result<void>{}; !going) return going.failure();
   if (card.uncertain) return *card.uncertain;

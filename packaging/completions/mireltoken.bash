@@ -14,10 +14,10 @@ _mireltoken() {
   for ((i = 1; i < COMP_CWORD; i++)); do
     word=${COMP_WORDS[i]}
     case $word in
-      --module|--out|--pin-file|--in|--html|--bundle|--junit|--home|--reader|--timeout|--key|--pin-fd|--algorithm)
+      --module|--out|--pin-file|--in|--html|--bundle|--junit|--home|--reader|--timeout|--key|--pin-fd|--exec|--for|--algorithm)
         [ "${COMP_WORDS[i + 1]}" != = ] || i=$((i + 1))
         i=$((i + 1)) ;;
-      readers|items|certificate|algorithms|login|sign|decrypt|exchange|doctor|conformance|explain|help) command=$word; break ;;
+      readers|items|certificate|algorithms|login|sign|decrypt|exchange|doctor|conformance|watch|explain|help) command=$word; break ;;
     esac
   done
 
@@ -28,7 +28,7 @@ _mireltoken() {
       _mireltoken_paths -d "$cur"; return ;;
     --algorithm)
       _mireltoken_words 'RSAEncryptionRaw RSASignatureRaw RSASignatureDigestPKCS1v15Raw RSASignatureDigestPKCS1v15SHA1 RSASignatureDigestPKCS1v15SHA224 RSASignatureDigestPKCS1v15SHA256 RSASignatureDigestPKCS1v15SHA384 RSASignatureDigestPKCS1v15SHA512 RSASignatureMessagePKCS1v15SHA1 RSASignatureMessagePKCS1v15SHA224 RSASignatureMessagePKCS1v15SHA256 RSASignatureMessagePKCS1v15SHA384 RSASignatureMessagePKCS1v15SHA512 RSASignatureDigestPSSSHA1 RSASignatureDigestPSSSHA224 RSASignatureDigestPSSSHA256 RSASignatureDigestPSSSHA384 RSASignatureDigestPSSSHA512 RSASignatureMessagePSSSHA1 RSASignatureMessagePSSSHA224 RSASignatureMessagePSSSHA256 RSASignatureMessagePSSSHA384 RSASignatureMessagePSSSHA512 ECDSASignatureRFC4754 ECDSASignatureDigestX962 ECDSASignatureDigestX962SHA1 ECDSASignatureDigestX962SHA224 ECDSASignatureDigestX962SHA256 ECDSASignatureDigestX962SHA384 ECDSASignatureDigestX962SHA512 ECDSASignatureMessageX962SHA1 ECDSASignatureMessageX962SHA224 ECDSASignatureMessageX962SHA256 ECDSASignatureMessageX962SHA384 ECDSASignatureMessageX962SHA512 RSAEncryptionPKCS1 RSAEncryptionOAEPSHA1 RSAEncryptionOAEPSHA224 RSAEncryptionOAEPSHA256 RSAEncryptionOAEPSHA384 RSAEncryptionOAEPSHA512 RSAEncryptionOAEPSHA1AESGCM RSAEncryptionOAEPSHA224AESGCM RSAEncryptionOAEPSHA256AESGCM RSAEncryptionOAEPSHA384AESGCM RSAEncryptionOAEPSHA512AESGCM ECIESEncryptionStandardX963SHA1AESGCM ECIESEncryptionStandardX963SHA224AESGCM ECIESEncryptionStandardX963SHA256AESGCM ECIESEncryptionStandardX963SHA384AESGCM ECIESEncryptionStandardX963SHA512AESGCM ECIESEncryptionCofactorX963SHA1AESGCM ECIESEncryptionCofactorX963SHA224AESGCM ECIESEncryptionCofactorX963SHA256AESGCM ECIESEncryptionCofactorX963SHA384AESGCM ECIESEncryptionCofactorX963SHA512AESGCM ECIESEncryptionStandardVariableIVX963SHA224AESGCM ECIESEncryptionStandardVariableIVX963SHA256AESGCM ECIESEncryptionStandardVariableIVX963SHA384AESGCM ECIESEncryptionStandardVariableIVX963SHA512AESGCM ECIESEncryptionCofactorVariableIVX963SHA224AESGCM ECIESEncryptionCofactorVariableIVX963SHA256AESGCM ECIESEncryptionCofactorVariableIVX963SHA384AESGCM ECIESEncryptionCofactorVariableIVX963SHA512AESGCM ECDHKeyExchangeStandard ECDHKeyExchangeStandardX963SHA1 ECDHKeyExchangeStandardX963SHA224 ECDHKeyExchangeStandardX963SHA256 ECDHKeyExchangeStandardX963SHA384 ECDHKeyExchangeStandardX963SHA512 ECDHKeyExchangeCofactor ECDHKeyExchangeCofactorX963SHA1 ECDHKeyExchangeCofactorX963SHA224 ECDHKeyExchangeCofactorX963SHA256 ECDHKeyExchangeCofactorX963SHA384 ECDHKeyExchangeCofactorX963SHA512' "$cur"; return ;;
-    --reader|--timeout|--key|--pin-fd)
+    --reader|--timeout|--key|--pin-fd|--exec|--for)
       _mireltoken_words "" "$cur"; return ;;
   esac
   options='--version -h --help --module --home --trust-module --reader --timeout --json -v --verbose'
@@ -41,11 +41,12 @@ _mireltoken() {
     exchange) options+=' --key --algorithm --in --out --pin-file --pin-fd --last-try' ;;
     doctor) options+=' --login --html --bundle --anonymous --pin-file --pin-fd --last-try' ;;
     conformance) options+=' --login --junit --pin-file --pin-fd --last-try' ;;
+    watch) options+=' --exec --for' ;;
   esac
   case $cur,$command in
     -*) _mireltoken_words "$options" "$cur" ;;
-    *,) _mireltoken_words 'readers items certificate algorithms login sign decrypt exchange doctor conformance explain help' "$cur" ;;
-    *,help) _mireltoken_words 'readers items certificate algorithms login sign decrypt exchange doctor conformance explain' "$cur" ;;
+    *,) _mireltoken_words 'readers items certificate algorithms login sign decrypt exchange doctor conformance watch explain help' "$cur" ;;
+    *,help) _mireltoken_words 'readers items certificate algorithms login sign decrypt exchange doctor conformance watch explain' "$cur" ;;
     *) _mireltoken_words "" "$cur" ;;
   esac
 }

@@ -144,6 +144,10 @@ class Host {
   /// What the flags of the card's token say about the PIN just now.
   [[nodiscard]] Result<PinState> pinState(const Reader& reader);
 
+  /// Why an inserted card that the card service has seen going is not there: it is gone, or another one is in
+  /// its place. Its token has ended then.
+  [[nodiscard]] Failure whyGone(const InsertedCard& card);
+
   /// The number of tries that the module reports in its session information after a wrong PIN (as a device
   /// error), which is 0 where it reports none; nothing where that cannot be read.
   [[nodiscard]] std::optional<std::uint64_t> triesLeft(const Reader& reader);
