@@ -8,8 +8,8 @@
 namespace mirel::test {
 namespace {
 
-constexpr std::array kCommands{"readers", "items",    "certificate", "algorithms",  "login",  "sign",
-                               "decrypt", "exchange", "doctor",      "conformance", "explain"};
+constexpr std::array kCommands{"readers", "items",    "certificate", "algorithms",  "login", "sign",
+                               "decrypt", "exchange", "doctor",      "conformance", "watch", "explain"};
 
 class CommandLine : public EndToEndTest {
  protected:
@@ -65,6 +65,7 @@ Subcommands:
   exchange                    Ask for a key exchange, and show what the token answers
   doctor                      Examine module, readers and card, and say what to do
   conformance                 Test module and card against every rule for card makers
+  watch                       Tell of cards that are inserted and removed, as it happens
   explain                     Explain what `doctor` has found
   help                        Print the help of the program, or of a command
 )";
@@ -134,6 +135,7 @@ TEST_F(CommandLine, HelpForACommandNamesItsOptions) {
       {"exchange", "--key --algorithm --in --out --pin-file --pin-fd"},
       {"doctor", "--login --html --bundle --anonymous --pin-file --pin-fd"},
       {"conformance", "--login --junit --pin-file --pin-fd"},
+      {"watch", "--exec --for"},
       {"explain", "ID"},
   };
   for (const auto& [command, options] : rows) {

@@ -11,9 +11,13 @@ import contextlib
 import json
 import os
 import pathlib
+import pty
+import queue
+import signal
 import subprocess
 import sys
 import tempfile
+import threading
 import unittest
 
 from PivCard import NO_ATR, PIN, UNKNOWN_ATR, Applet, ForeignApplet, VirtualCard, make_keys
@@ -266,6 +270,129 @@ class Readers(PivTest):
         stack.start(readers=False)
         self.addCleanup(stack.stop)
         self.expect("no reader", "items")
+
+
+class Watched:
+    """`mireltoken watch` at work."""
+
+    def __init__(self, test, *words):
+        self.test = test
+        environment = {"TMPDIR": str(test.folder / "tmp"), "OPENSC_CONF": "/dev/null"}
+        environment.update({name: value for name, value in os.environ.items() if name.endswith("SAN_OPTIONS")})
+        command = [given.mireltoken, "--trust-module", "--module", stack.module, "--json", "watch", *words]
+        self.process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                                        text=True, env=environment)
+        self.events = queue.Queue()
+        self.reading = threading.Thread(target=self.read, daemon=True)
+        self.reading.start()
+        test.addCleanup(self.process.stderr.close)
+        test.addCleanup(self.process.stdout.close)
+        test.addCleanup(self.reading.join)
+        test.addCleanup(self.process.kill)
+
+    def read(self):
+        for line in self.process.stdout:
+            self.events.put(json.loads(line))
+
+    def next(self):
+        return self.events.get(timeout=SECONDS)
+
+    def expect(self, event, reader):
+        """The next event, which must be that one."""
+        told = self.next()
+        self.test.assertEqual((told["event"], told["reader"]), (event, reader), told)
+        return told
+
+    def end(self):
+        """Ends it as Ctrl-C does; returns standard error."""
+        self.process.send_signal(signal.SIGINT)
+        self.process.wait(SECONDS)
+        self.reading.join(SECONDS)
+        err = self.process.stderr.read()
+        self.test.assertEqual((self.process.returncode, self.events.qsize()), (0, 0), err)
+        left = subprocess.run(["pgrep", "-f", f"^{given.mireltoken}"], capture_output=True, text=True, check=False)
+        self.test.assertEqual(left.stdout, "", "processes that it left")
+        return err
+
+
+class Watching(PivTest):
+    """Cards that come and go while it is watched."""
+
+    def test_a_card_is_inserted_removed_and_swapped(self):
+        watched = Watched(self)
+        card, other = self.card(), self.card(applet=piv_applet(SECOND))
+        stack.insert(card)
+        first = watched.expect("insertion", FIRST)
+        self.assertEqual((first["keys"], first["certificates"]), (4, 4))
+        stack.remove(card)
+        watched.expect("removal", FIRST)
+        stack.insert(other)
+        second = watched.expect("insertion", FIRST)
+        self.assertNotEqual(second["serialNumber"], first["serialNumber"])
+        stack.remove(other)
+        stack.insert(card)
+        watched.expect("removal", FIRST)
+        self.assertEqual(watched.expect("insertion", FIRST)["serialNumber"], first["serialNumber"])
+        stack.remove(card)
+        watched.expect("removal", FIRST)
+        self.assertEqual(watched.end(), "")
+
+    def test_two_readers_or_the_one_that_is_named(self):
+        both, named = Watched(self), Watched(self, "--reader", SECOND)
+        for reader in READERS:
+            stack.insert(self.card(reader))
+            both.expect("insertion", reader)
+        named.expect("insertion", SECOND)
+        named.process.send_signal(signal.SIGTERM)
+        self.assertEqual(named.process.wait(SECONDS), 0)
+        both.end()
+
+    def test_a_card_that_is_unknown_or_falls_silent_does_not_stop_the_others(self):
+        watched = Watched(self, "--timeout", "2")
+        other, unknown, silent = self.card(SECOND), self.card(applet=ForeignApplet(), atr=UNKNOWN_ATR), self.card()
+        for card, error in ((unknown, "no-card"), (silent, "module-hangs")):
+            stack.insert(other)
+            self.assertEqual(watched.expect("insertion", SECOND)["keys"], 4)
+            if card is silent:
+                card.expect(mute_from=3)
+            stack.insert(card)
+            self.assertEqual(watched.expect("insertion", FIRST)["error"]["id"], error)
+            stack.remove(other)
+            watched.expect("removal", SECOND)
+            stack.remove(card)
+            watched.expect("removal", FIRST)
+        watched.end()
+
+    def test_goes_on_when_the_service_is_started_anew(self):
+        watched = Watched(self)
+        card = self.card()
+        stack.insert(card)
+        watched.expect("insertion", FIRST)
+        stack.stop()
+        watched.expect("removal", FIRST)
+        stack.start()
+        stack.insert(card)
+        self.assertEqual(watched.expect("insertion", FIRST)["keys"], 4)
+        self.assertRegex(watched.end(), r"does not answer: [^\n]+\nmireltoken: the card service answers\n\Z")
+
+    def test_ends_the_prompt_for_the_pin_when_the_card_is_taken_out(self):
+        card = self.card()
+        stack.insert(card)
+        process, terminal = pty.fork()
+        if process == 0:
+            command = [str(given.mireltoken), "--trust-module", "--module", stack.module, "login"]
+            os.execve(command[0], command, {"TMPDIR": str(self.folder / "tmp"), "OPENSC_CONF": "/dev/null"})
+        self.addCleanup(os.close, terminal)
+        shown = b""
+        while b"PIN for" not in shown:
+            shown += os.read(terminal, 4096)
+        stack.remove(card)
+        with contextlib.suppress(OSError):  # the other end was closed
+            while part := os.read(terminal, 4096):
+                shown += part
+        self.assertEqual(os.waitstatus_to_exitcode(os.waitpid(process, 0)[1]), 16, shown)
+        self.assertIn(b"is not in the reader", shown)
+        self.assertEqual(card.pins_sent, 0)
 
 
 class TakenOut(PivTest):

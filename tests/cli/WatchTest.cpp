@@ -1,0 +1,268 @@
+/// `mireltoken watch`, and the watch over a card whose PIN is awaited. The card service is the tests' own;
+/// its readers are named as the slots of SoftHSM2, or there is none and the module is asked.
+
+#include <csignal>
+#include <fstream>
+#include <thread>
+
+#include "EndToEndTest.h"
+#include "PseudoTerminal.h"
+
+namespace mirel::test {
+namespace {
+
+using ::testing::AllOf;
+using ::testing::Contains;
+
+class Watching : public EndToEndTest {
+ protected:
+  Watching() : EndToEndTest{{{}}} {}
+
+  /// `watch` with a card service, and a command that notes each event in the file "events".
+  [[nodiscard]] Invocation watching(const Arguments& more = {}, const Stage& stage = {}) const {
+    Invocation call =
+        staged(Arguments{"watch", "--exec", "echo \"$EVENT $SERIAL\" >> " + path("events")} + more, stage);
+    call.environment["LD_LIBRARY_PATH"] = MIREL_FAKE_PCSC_FOLDER;
+    call.environment["MIREL_PCSC_FILE"] = path("readers");
+    return call;
+  }
+  /// What the card service tells from here on: for each label the state of its reader.
+  void tell(const std::vector<std::pair<std::string, std::string>>& states) const {
+    std::string readers;
+    for (const auto& [label, state] : states) readers += readerOf(label) + "=" + state + ";";
+    std::ofstream{path("next")} << readers;
+    std::filesystem::rename(path("next"), path("readers"));
+  }
+  /// Waits until so many events were noted. They are noted in any order.
+  [[nodiscard]] std::vector<std::string> events(std::size_t number) const {
+    std::vector<std::string> lines;
+    for (int i = 0; i < 2000 && lines.size() < number; ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds{10});
+      lines = exists("events") ? linesOf(read("events")) : lines;
+    }
+    EXPECT_THAT(lines, SizeIs(number));
+    return lines;
+  }
+  /// Ends it as Ctrl-C does. Nothing is left of it.
+  [[nodiscard]] static Result ended(RunningChild& child, int signal = SIGINT) {
+    EXPECT_EQ(kill(child.pid(), signal), 0);
+    return child.wait();
+  }
+  [[nodiscard]] static std::vector<Json> jsonOf(const Result& result) {
+    std::vector<Json> all;
+    for (const std::string& line : linesOf(result.out)) all.push_back(Json::parse(line));
+    return all;
+  }
+  void expectSchema(const Result& result) const {
+    Invocation call{.program = MIREL_JSON_PYTHON,
+                    .arguments = {"-B", MIREL_JSON_AGREES, "--source", MIREL_SOURCE}};
+    for (const std::string& line : linesOf(result.out))
+      call.arguments.push_back(write("line" + std::to_string(call.arguments.size()), line + "\n"));
+    const Result checked = run(call);
+    if (checked.exitCode != 77) expectOutput(checked, "");
+  }
+
+  const std::string kNone = "10";
+  const std::string kCard = "10022:3B";
+  const std::string kCardAgain = "30022:3B";
+};
+
+TEST_F(Watching, TellsOfACardThatComesAndGoes) {
+  tell({{"Card", kNone}});
+  RunningChild child{watching("--json")};
+  tell({{"Card", kCard}});
+  const std::string insertion = events(1)[0];
+  tell({{"Card", kNone}});
+  EXPECT_THAT(events(2), Contains("removal " + insertion.substr(insertion.find(' ') + 1)));
+  const Result result = ended(child);
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_THAT(result.err, IsEmpty());
+  const auto told = jsonOf(result);
+  ASSERT_THAT(told, SizeIs(2));
+  EXPECT_EQ(told[0]["event"], "insertion");
+  EXPECT_EQ(told[0]["reader"], readerOf("Card"));
+  EXPECT_EQ(told[0]["keys"], 1);
+  EXPECT_EQ(told[0]["certificates"], 1);
+  EXPECT_EQ(insertion, "insertion " + told[0]["serialNumber"].get<std::string>());
+  EXPECT_EQ(told[1]["event"], "removal");
+  expectSchema(result);
+}
+
+TEST_F(Watching, TellsPeopleInOneLine) {
+  tell({{"Card", kCard}});
+  RunningChild child{watching()};
+  (void)events(1);
+  EXPECT_THAT(ended(child, SIGTERM).out,
+              ContainsRegex("^[0-9 :-]+  " + readerOf("Card") +
+                            "  insertion  \"Card\" [0-9a-f]+: 1 key, 1 certificate; .*\n$"));
+}
+
+TEST_F(Watching, TakesASwapForARemovalAndAnInsertion) {
+  tell({{"Card", kCard}});
+  RunningChild child{watching("--json")};
+  (void)events(1);
+  tell({{"Card", kCardAgain}});
+  (void)events(3);
+  const auto told = jsonOf(ended(child));
+  ASSERT_THAT(told, SizeIs(3));
+  EXPECT_EQ(told[1]["event"], "removal");
+  EXPECT_EQ(told[2]["event"], "insertion");
+}
+
+TEST_F(Watching, GoesOnWhenTheCardServiceIsStartedAnew) {
+  tell({{"Card", kCard}});
+  // Without slots of its own, as a module behind a service that was stopped.
+  RunningChild child{watching("--json", {{"NO_SLOTS", "1"}})};
+  (void)events(1);
+  std::filesystem::remove(path("readers"));
+  (void)events(2);
+  tell({{"Card", kCard}});
+  (void)events(3);
+  const Result result = ended(child);
+  EXPECT_THAT(result.err, AllOf(HasSubstr("the card service does not answer: SCard"),
+                                HasSubstr("the card service answers\n")));
+  const auto told = jsonOf(result);
+  ASSERT_THAT(told, SizeIs(3));
+  EXPECT_EQ(told[0]["error"]["id"], "no-card");
+  EXPECT_EQ(told[1]["event"], "removal");
+  expectSchema(result);
+}
+
+TEST_F(Watching, AsksTheModuleWhereThereIsNoCardService) {
+  RunningChild child{watching("--json")};
+  (void)events(1);
+  makeCards("token label=Other\n");
+  (void)events(3);
+  const auto told = jsonOf(ended(child));
+  ASSERT_THAT(told, SizeIs(3));
+  EXPECT_EQ(told[0]["tokenLabel"], "Card");
+  EXPECT_EQ(told[1]["event"], "removal");
+  EXPECT_EQ(told[2]["tokenLabel"], "Other");
+}
+
+TEST_F(Watching, IsNotHeldUpByAModuleThatHangsOnOneReader) {
+  makeCards("token label=Bad\ntoken label=Good\n");
+  tell({{"Bad", kCard}, {"Good", kCard}});
+  RunningChild child{watching("--json --timeout 2", {{"HANGS", "Bad"}})};
+  (void)events(1);
+  tell({{"Bad", kCard}, {"Good", kNone}});
+  (void)events(3);
+  const auto told = jsonOf(ended(child));
+  ASSERT_THAT(told, SizeIs(3));
+  EXPECT_EQ(told[0]["tokenLabel"], "Good");
+  for (const Json& event : told) {
+    if (event.contains("error")) EXPECT_EQ(event["reader"], readerOf("Bad"));
+  }
+  EXPECT_THAT(told,
+              Contains(::testing::ResultOf(
+                  [](const Json& event) { return event.contains("error") ? event["error"]["what"] : Json{}; },
+                  "the module has not returned from C_OpenSession for 2 s")));
+}
+
+TEST_F(Watching, EndsAModuleThatHangsWhenItsCardIsTakenOut) {
+  tell({{"Card", kCard}});
+  RunningChild child{watching("--json --timeout 0", {{"HANGS", "Card"}})};
+  std::this_thread::sleep_for(std::chrono::milliseconds{300});
+  tell({{"Card", kNone}});
+  (void)events(2);
+  const auto told = jsonOf(ended(child));
+  ASSERT_THAT(told, SizeIs(2));
+  EXPECT_EQ(told[0]["error"]["id"], "card-gone");
+}
+
+TEST_F(Watching, IsLimitedToOneReader) {
+  makeCards("token label=One\ntoken label=Two\n");
+  tell({{"One", kCard}, {"Two", kCard}});
+  RunningChild child{watching({"--json", "--reader", readerOf("Two")})};
+  (void)events(1);
+  const auto told = jsonOf(ended(child));
+  ASSERT_THAT(told, SizeIs(1));
+  EXPECT_EQ(told[0]["tokenLabel"], "Two");
+}
+
+TEST_F(Watching, GivesACommandTextsThatControlNoTerminal) {
+  tell({{"Card", kCard}});
+  std::string name = readerOf("Card");
+  std::string readers = read("readers");
+  readers.replace(readers.find(name), name.size(), "A\x1B[2J");
+  (void)write("readers", readers);
+  Invocation call = staged({"watch", "--exec", "echo \"$READER\" >> " + path("events") + "; exit 7"});
+  call.environment = watching().environment;
+  RunningChild child{call};
+  EXPECT_THAT(events(2), Contains("A\\x1B[2J"));  // the other is the slot of the token
+  const Result result = ended(child);
+  EXPECT_THAT(
+      result.err,
+      HasSubstr("the command of --exec failed for insertion, reader \"A\\x1B[2J\": its exit code is 7\n"));
+  EXPECT_THAT(result.out, Not(HasSubstr("\x1B")));
+}
+
+TEST_F(Watching, IsNotHeldUpByACommandThatHangsAndLeavesNoneBehind) {
+  tell({{"Card", kCard}});
+  Invocation call = watching("--json");
+  call.arguments.insert(call.arguments.end(), {"--for", "30"});
+  for (std::string& word : call.arguments) {
+    if (word.starts_with("echo ")) word = "echo $$ >> " + path("events") + "; exec sleep 1000";
+  }
+  RunningChild child{call};
+  (void)events(1);
+  tell({{"Card", kNone}});
+  const auto processes = events(2);
+  EXPECT_EQ(ended(child).exitCode, 0);
+  for (const std::string& process : processes) EXPECT_NE(kill(std::stoi(process), 0), 0);
+}
+
+TEST_F(Watching, EndsWithAModuleThatCannotBeLoaded) {
+  tell({{"Card", kNone}});
+  Invocation call = watching("--json");
+  for (std::string& word : call.arguments) {
+    if (word == MIREL_STAGED_MODULE_FILE) word = write("module.so", "no library");
+  }
+  const Result result = run(call);
+  EXPECT_EQ(result.exitCode, 3);
+  EXPECT_EQ(Json::parse(result.out)["error"]["id"], "module-not-loadable");
+}
+
+TEST_F(Watching, LeavesNoProcessBehindWhenItIsKilled) {
+  tell({{"Card", kCard}});
+  RunningChild child{watching()};
+  (void)events(1);
+  const pid_t helper = child.worker();
+  ASSERT_EQ(kill(child.pid(), SIGKILL), 0);
+  for (int i = 0; i < 2000 && kill(helper, 0) == 0; ++i) (void)usleep(10000);
+  EXPECT_NE(kill(helper, 0), 0);
+}
+
+TEST_F(Watching, EndsThePromptForThePinOfACardThatGoes) {
+  const struct {
+    const char* name;
+    const char* before;
+    const char* after;
+    Stage stage;
+    int exitCode;
+    const char* what;
+  } rows[] = {{"taken out", "10022:3B", "20010", {}, 16, "the card is not in the reader"},
+              {"swapped", "10022:3B", "30022:3B", {}, 16, "the card is not in the reader"},
+              {"its reader goes", "10022:3B", nullptr, {}, 16, "the card is not in the reader"}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    tell({{"Card", row.before}});
+    PseudoTerminal terminal;
+    const std::string settings = terminal.settings();
+    Invocation call = staged("login", row.stage);
+    call.environment["LD_LIBRARY_PATH"] = MIREL_FAKE_PCSC_FOLDER;
+    call.environment["MIREL_PCSC_FILE"] = path("readers");
+    call.terminal = &terminal;
+    RunningChild child{call};
+    ASSERT_TRUE(terminal.waitFor("PIN for "));
+    terminal.type("123");
+    std::this_thread::sleep_for(std::chrono::milliseconds{100});
+    row.after ? tell({{"Card", row.after}}) : tell({});
+    expectFailure(child.wait(), row.exitCode, {row.what});
+    EXPECT_EQ(terminal.settings(), settings);
+    EXPECT_EQ(stagedCallsOf("C_Login"), 0);
+  }
+}
+
+}  // namespace
+}  // namespace mirel::test
