@@ -236,6 +236,11 @@ Result<void> writeFile(const std::optional<std::string>& name, std::span<const s
   return isSpecialFile(*name) ? writeInPlace(*name, data) : replaceFile(*name, data, mode);
 }
 
+Result<void> writeText(const std::optional<std::string>& name, const std::string& text) {
+  constexpr mode_t kMode = 0666;
+  return writeFile(name, {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()}, kMode);
+}
+
 Result<void> checkWriting(const std::optional<std::string>& name) {
   (void)processMask();
   if (isStandardStream(name)) return {};

@@ -49,6 +49,9 @@ class FileInput final : public InputSource {
 [[nodiscard]] Result<void> writeFile(const std::optional<std::string>& name,
                                      std::span<const std::uint8_t> data, mode_t mode);
 
+/// The same for a text that others may read as well.
+[[nodiscard]] Result<void> writeText(const std::optional<std::string>& name, const std::string& text);
+
 /// Whether a file of that name can be written, as far as that shows beforehand.
 [[nodiscard]] Result<void> checkWriting(const std::optional<std::string>& name);
 

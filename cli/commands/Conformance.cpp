@@ -3,18 +3,21 @@
 #include <algorithm>
 
 #include "Commands.h"
+#include "ConformancePage.h"
 #include "Files.h"
 #include "Json.h"
 #include "Output.h"
+#include "Page.h"
 #include "PinEntry.h"
 #include "Session.h"
+#include "Version.h"
 
 namespace mirel::cli {
 namespace {
 
 constexpr const char* kLogin = "--login";
+constexpr const char* kHtml = "--html";
 constexpr const char* kJunit = "--junit";
-constexpr mode_t kReportMode = 0666;  // less the process's mask
 
 /// With --json; stable.
 const char* verdictName(RuleVerdict verdict) {
@@ -146,8 +149,29 @@ ExitCode exitCodeOf(RuleVerdict verdict) {
   }
 }
 
-Failure wrongUsage(const char* why) {
+Failure wrongUsage(const std::string& why) {
   return {FailureKind::kWrongUsage, "wrong usage", why, "see mireltoken conformance --help"};
+}
+
+Result<void> checkFiles(const Options& options) {
+  if (options.fileOf(kHtml) && options.fileOf(kHtml) == options.fileOf(kJunit))
+    return wrongUsage("--html and --junit name the same file");
+  for (const char* option : {kHtml, kJunit}) {
+    const auto file = options.fileOf(option);
+    if (!file) continue;
+    if (file->empty() || *file == "-") return wrongUsage(std::string{option} + " needs the name of a file");
+    if (auto writable = checkWriting(file); !writable) return writable;
+  }
+  return {};
+}
+
+Result<void> writeFiles(const Options& options, const Conformance& conformance) {
+  if (const auto html = options.fileOf(kHtml)) {
+    if (auto written = writeText(html, pageOf(conformance, versionText(), dateNow())); !written)
+      return written;
+  }
+  const auto junit = options.fileOf(kJunit);
+  return junit ? writeText(junit, junitText(conformance)) : Result<void>{};
 }
 
 Result<void> run(Session& session) {
@@ -162,24 +186,16 @@ Result<void> run(Session& session) {
   } else if (options.pinFile || options.pinFd || options.lastTry) {
     return wrongUsage("a PIN is of no use without --login");
   }
-  const auto junit = options.fileOf(kJunit);
-  if (junit) {
-    if (junit->empty() || *junit == "-") return wrongUsage("--junit needs the name of a file");
-    if (const auto writable = checkWriting(junit); !writable) return writable;
-  }
+  if (auto usable = checkFiles(options); !usable) return usable;
   const Conformance conformance = testConformance(session.services(), wanted);
-  if (junit) {
-    const std::string text = junitText(conformance);
-    const auto written =
-        writeFile(junit, {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()}, kReportMode);
-    if (!written) return written;
-  }
+  if (auto written = writeFiles(options, conformance); !written) return written;
   session.setExitCode(exitCodeOf(conformance.verdict()));
   return writeOutput(options.json ? jsonText(conformance) : textOf(conformance));
 }
 
 constexpr CommandOption kOptions[] = {
     {CommandOption::Kind::kFlag, "Log in, and try each key", kLogin},
+    {CommandOption::Kind::kFile, "Write the results as a page for a browser, too", kHtml},
     {CommandOption::Kind::kFile, "Write the results to this file as well, as JUnit XML", kJunit},
     {CommandOption::Kind::kPin},
 };

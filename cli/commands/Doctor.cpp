@@ -1,8 +1,6 @@
 #include "host/Doctor.h"
 
 #include <algorithm>
-#include <array>
-#include <ctime>
 
 #include "Commands.h"
 #include "DoctorBundle.h"
@@ -12,6 +10,7 @@
 #include "ItemsJson.h"
 #include "Json.h"
 #include "Output.h"
+#include "Page.h"
 #include "PinEntry.h"
 #include "Session.h"
 #include "Version.h"
@@ -113,15 +112,6 @@ Failure wrongUsage(const std::string& why) {
   return {FailureKind::kBadInput, "wrong usage", why, "see mireltoken doctor --help"};
 }
 
-std::string dateNow() {
-  const std::time_t now = std::time(nullptr);
-  std::tm parts{};
-  std::array<char, sizeof "2026-01-31T12:00:00Z"> text{};
-  if (!gmtime_r(&now, &parts) || std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &parts) == 0)
-    return "not known";
-  return text.data();
-}
-
 Result<void> checkOptions(const Options& options) {
   if (!options.has(kLogin) && (options.pinFile || options.pinFd || options.lastTry))
     return wrongUsage("a PIN is of no use without --login");
@@ -136,11 +126,6 @@ Result<void> checkOptions(const Options& options) {
     if (auto writable = checkWriting(file); !writable) return writable;
   }
   return {};
-}
-
-Result<void> writeText(const std::optional<std::string>& file, const std::string& text) {
-  constexpr mode_t kMode = 0666;
-  return writeFile(file, {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()}, kMode);
 }
 
 /// What the files tell besides the diagnosis.

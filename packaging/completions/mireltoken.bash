@@ -40,7 +40,7 @@ _mireltoken() {
     decrypt) options+=' --key --algorithm --in --out --pin-file --pin-fd --last-try' ;;
     exchange) options+=' --key --algorithm --in --out --pin-file --pin-fd --last-try' ;;
     doctor) options+=' --login --html --bundle --anonymous --pin-file --pin-fd --last-try' ;;
-    conformance) options+=' --login --junit --pin-file --pin-fd --last-try' ;;
+    conformance) options+=' --login --html --junit --pin-file --pin-fd --last-try' ;;
     watch) options+=' --exec --for' ;;
   esac
   case $cur,$command in

@@ -134,7 +134,7 @@ TEST_F(CommandLine, HelpForACommandNamesItsOptions) {
       {"decrypt", "--key --algorithm --in --out --pin-file --pin-fd"},
       {"exchange", "--key --algorithm --in --out --pin-file --pin-fd"},
       {"doctor", "--login --html --bundle --anonymous --pin-file --pin-fd"},
-      {"conformance", "--login --junit --pin-file --pin-fd"},
+      {"conformance", "--login --html --junit --pin-file --pin-fd"},
       {"watch", "--exec --for"},
       {"explain", "ID"},
   };

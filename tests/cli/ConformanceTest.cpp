@@ -17,7 +17,8 @@ class ConformanceCommand : public EndToEndTest {
 };
 
 TEST_F(ConformanceCommand, TestsEachRuleAndSaysWhatUsersCanDo) {
-  const Result result = runWithPin("conformance --login --junit " + path("rules.xml"));
+  const Result result =
+      runWithPin("conformance --login --junit " + path("rules.xml") + " --html " + path("page.html"));
   EXPECT_EQ(result.err, "");
   EXPECT_THAT(result.out, StartsWith("skip  CR-01  the module is in its place and can be loaded: "));
   EXPECT_THAT(result.out, HasSubstr("\npass  CR-33  C_Login accepts the PIN of the user: "));
@@ -36,6 +37,8 @@ TEST_F(ConformanceCommand, TestsEachRuleAndSaysWhatUsersCanDo) {
               HasSubstr("<testcase classname=\"mireltoken.signing\" name=\"CR-40 &quot;PSS&quot; is not"));
   EXPECT_THAT(xml, HasSubstr("<skipped message=\"warning: "));
   EXPECT_THAT(xml, EndsWith("</testsuites>\n"));
+  EXPECT_THAT(read("page.html"), StartsWith("<!DOCTYPE html>"));
+  EXPECT_THAT(read("page.html"), HasSubstr("<h2>Grade B</h2>"));
 }
 
 TEST_F(ConformanceCommand, NeedsNoPinAndAsksForNone) {
@@ -60,6 +63,8 @@ TEST_F(ConformanceCommand, RefusesWhatItCouldNotUse) {
   expectFailure(runWithPin("conformance"), 2, {"a PIN is of no use without --login"});
   expectFailure(mireltoken("conformance --junit -"), 2, {"--junit needs the name of a file"});
   expectFailure(mireltoken("conformance --junit /nowhere/file"), 14, {"/nowhere/file"});
+  expectFailure(mireltoken("conformance --html /nowhere/file"), 14, {"/nowhere/file"});
+  expectFailure(mireltoken("conformance --html a --junit a"), 2, {"--html and --junit name the same file"});
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Looks at the page of `mireltoken doctor --html`: it is well-formed, and at no width does it scroll sideways.
+"""Looks at the pages of `mireltoken doctor` and `conformance`: they are well-formed, and do not scroll sideways.
 
 usage: page_in_browser.py MIRELTOKEN     exit code 77: there is no browser
 """
@@ -28,11 +28,11 @@ addEventListener("load", () => {{
 </script>"""
 
 
-def page_of(program, folder):
+def page_of(program, command, folder):
     # A name that cannot be broken at a blank.
     module = folder / ("m" * 200 + ".so")
     file = folder / "page.html"
-    run = subprocess.run([program, "--module", module, "doctor", "--html", file], capture_output=True, text=True)
+    run = subprocess.run([program, "--module", module, command, "--html", file], capture_output=True, text=True)
     if run.returncode != 20:
         raise SystemExit(f"the examination ended with {run.returncode}: {run.stderr}")
     return file.read_text(encoding="utf-8")
@@ -53,19 +53,20 @@ def widths_of(browser, page, width, folder):
 def main():
     with tempfile.TemporaryDirectory() as name:
         folder = pathlib.Path(name)
-        page = page_of(sys.argv[1], folder)
-        root = xml.etree.ElementTree.fromstring(page)
-        if not root.findall(".//{*}svg"):
-            raise SystemExit("the page has no picture")
+        pages = [page_of(sys.argv[1], command, folder) for command in ("doctor", "conformance")]
+        roots = [xml.etree.ElementTree.fromstring(page) for page in pages]
+        if not roots[0].findall(".//{*}svg"):
+            raise SystemExit("the page of doctor has no picture")
         browser = next(filter(None, map(shutil.which, BROWSERS)), None)
         if not browser:
             print("skipped: there is no browser (Debian: apt-get install chromium)")
             sys.exit(77)
-        for width in WIDTHS:
-            needed, shown = widths_of(browser, page, width, folder)
-            print(f"at {width} pixels: {needed} needed, {shown} shown")
-            if needed > shown:
-                raise SystemExit("the page scrolls sideways")
+        for page in pages:
+            for width in WIDTHS:
+                needed, shown = widths_of(browser, page, width, folder)
+                print(f"at {width} pixels: {needed} needed, {shown} shown")
+                if needed > shown:
+                    raise SystemExit("the page scrolls sideways")
 
 
 if __name__ == "__main__":
