@@ -1,11 +1,9 @@
-#include <algorithm>
-#include <numeric>
-
 #include "Commands.h"
 #include "FindingText.h"
 #include "Json.h"
 #include "Output.h"
 #include "Session.h"
+#include "host/NearestName.h"
 #include "platform/Log.h"
 
 namespace mirel::cli {
@@ -19,42 +17,15 @@ Json jsonOf(const FindingEntry& entry) {
               {"who", remedierName(entry.who)}};
 }
 
-char upperOf(char letter) {
-  return letter >= 'a' && letter <= 'z' ? static_cast<char>(letter - 'a' + 'A') : letter;
-}
-
-/// How many letters have to be changed, added or taken away to make one word of another.
-std::size_t distanceOf(std::string_view a, std::string_view b) {
-  std::vector<std::size_t> row(b.size() + 1);
-  std::iota(row.begin(), row.end(), std::size_t{0});
-  for (std::size_t i = 1; i <= a.size(); ++i) {
-    std::size_t diagonal = std::exchange(row[0], i);
-    for (std::size_t j = 1; j <= b.size(); ++j) {
-      const std::size_t changed = diagonal + (upperOf(a[i - 1]) == b[j - 1] ? 0 : 1);
-      diagonal = row[j];
-      row[j] = std::min({changed, row[j - 1] + 1, diagonal + 1});
-    }
-  }
-  return row.back();
-}
-
-/// The codes that look most like the word; none where nothing does.
-std::string nearCodes(std::string_view word) {
-  constexpr std::size_t kFarthest = 3;  // "C3" for "MT-C03" is farther
-  constexpr std::size_t kMost = 5;
-  std::vector<std::pair<std::size_t, std::string_view>> near;
-  for (const FindingEntry& entry : findingCatalogue()) {
-    // Whoever leaves the prefix out means the rest.
-    const std::size_t distance =
-        std::min(distanceOf(word, entry.code), distanceOf(word, entry.code.substr(3)));
-    if (distance <= kFarthest && distance < word.size()) near.emplace_back(distance, entry.code);
-  }
-  std::stable_sort(near.begin(), near.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
+/// " (did you mean "MT-C03"?)"; nothing where no code is near. Whoever leaves the prefix out means the rest.
+std::string suggestionOf(const std::string& word) {
+  const bool hasPrefix = word.starts_with("MT-") || word.starts_with("mt-");
+  const std::string whole = hasPrefix ? word : "MT-" + word;
   std::vector<std::string> codes;
-  for (const auto& [distance, code] : near) {
-    if (codes.size() < kMost && distance == near.front().first) codes.emplace_back(code);
-  }
-  return joinedWith(", ", codes);
+  for (const FindingEntry& entry : findingCatalogue()) codes.emplace_back(entry.code);
+  const FindingEntry* same = findEntry(whole);
+  const std::string near = same ? std::string{same->code} : nearestName(whole, codes);
+  return near.empty() ? near : " (did you mean \"" + near + "\"?)";
 }
 
 Result<void> run(Session& session) {
@@ -74,10 +45,8 @@ Result<void> run(Session& session) {
     if (options.json) return writeOutput(jsonLines("explain", jsonOf(*entry)));
     return writeOutput(std::string{entry->code} + "  " + std::string{entry->title} + "\n" + bodyOf(*entry));
   }
-  const std::string near = nearCodes(*options.word);
   return Failure{FailureKind::kBadInput, "wrong usage",
-                 "there is no finding \"" + printableLine(*options.word) + "\"" +
-                     (near.empty() ? "" : "; near to it are " + near),
+                 "there is no finding \"" + printableLine(*options.word) + "\"" + suggestionOf(*options.word),
                  "see all with: mireltoken explain"};
 }
 

@@ -134,8 +134,9 @@ TEST_F(Explain, ShowsAFindingOrAll) {
 }
 
 TEST_F(Explain, NamesWhatIsNearToAnUnknownOne) {
-  const std::pair<const char*, const char*> rows[] = {
-      {"MT-R1", "\"MT-R1\"; near to it are MT-R01"}, {"r01", "near to it are MT-R01"}, {"MT-R99", "MT-R09"}};
+  const std::pair<const char*, const char*> rows[] = {{"MT-R1", "\"MT-R1\" (did you mean \"MT-R01\"?)"},
+                                                      {"r01", "mean \"MT-R01\""},
+                                                      {"C3", "mean \"MT-C03\""}};
   for (const auto& [word, text] : rows)
     expectFailure(run(invocation({"explain", word})), 2, {text, "mireltoken explain"});
   expectFailure(run(invocation("explain something")), 2, {"there is no finding \"something\"; see all"});
