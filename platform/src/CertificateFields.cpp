@@ -176,7 +176,8 @@ Text nameText(ByteSpan content) {
       if (!joined.empty()) longer.append("+").append(joined);
       joined = std::move(longer);
     }
-    line = joined + (line.empty() ? "" : ",") + line;
+    if (!line.empty()) joined.append(",").append(line);
+    line = std::move(joined);
   }
   return Text::fromUtf8(line);
 }
