@@ -20,7 +20,8 @@ namespace mirel::cli {
   X(doctor)               \
   X(conformance)          \
   X(watch)                \
-  X(explain)
+  X(explain)              \
+  X(trace)
 
 #define MIREL_DECLARATION(name) extern const Command name##Command;
 MIREL_COMMANDS(MIREL_DECLARATION)

@@ -32,6 +32,7 @@ enum class ExitCode : int {
   kModuleCrashed = 21,
   kModuleEndedProgram = 22,
   kModuleHangs = 23,
+  kNotRecorded = 24,
   kOutputUnread = 141,  ///< as a shell shows a program that SIGPIPE has ended
 };
 
@@ -66,6 +67,7 @@ struct ErrorTerms {
     case FailureKind::kModuleCrashed: return {ExitCode::kModuleCrashed, "module-crashed"};
     case FailureKind::kModuleEndedProgram: return {ExitCode::kModuleEndedProgram, "module-ended-program"};
     case FailureKind::kModuleHangs: return {ExitCode::kModuleHangs, "module-hangs"};
+    case FailureKind::kNotRecorded: return {ExitCode::kNotRecorded, "not-recorded"};
     case FailureKind::kInternal: break;
   }
   return {ExitCode::kInternal, "internal"};

@@ -1,6 +1,7 @@
 #include "Options.h"
 
 #include <CLI/CLI.hpp>
+#include <cstdint>
 
 #include "Commands.h"
 #include "host/Home.h"
@@ -9,6 +10,7 @@ namespace mirel::cli {
 namespace {
 
 constexpr int kLongestTimeout = 86400;  // seconds
+constexpr const char* kRecord = "record";
 
 constexpr const char* kExamples =
     "Examples:\n"
@@ -27,6 +29,10 @@ constexpr const char* kExamples =
     "  mireltoken conformance --login --junit rules.xml\n"
     "  mireltoken watch --for 2 --exec 'echo \"$EVENT of $SERIAL in $READER\"'\n"
     "  mireltoken explain MT-R02\n"
+    "  mireltoken record --out bug.jsonl items\n"
+    "  mireltoken --replay bug.jsonl items\n"
+    "  mireltoken items --trace calls.jsonl\n"
+    "  mireltoken trace show calls.jsonl --failed\n"
     "\n"
     "A key is named by its ID in hexadecimal digits as `items` shows it, by a label that only it has, by a\n"
     "PKCS #11 URI (RFC 7512) such as \"pkcs11:id=%01\", or by #N for the N-th key. The PIN is asked for at\n"
@@ -63,7 +69,8 @@ constexpr const char* kRemarks =
     "  20  the examination found what does not work\n"
     "  21  the module crashed\n"
     "  22  the module ended the program\n"
-    "  23  a call of the module did not return in time";
+    "  23  a call of the module did not return in time\n"
+    "  24  the recording has no answer to a call";
 
 std::string footer() { return kExamples + moduleInHome("").substr(1) + kRemarks; }
 
@@ -119,6 +126,15 @@ void declareCommand(CLI::App& app, Options& options, const Command& command) {
   for (const CommandOption& option : command.options) declareOption(*declared, options, option);
 }
 
+/// No command of the list: it stands before one.
+void declareRecord(CLI::App& app, Options& options) {
+  CLI::App* declared =
+      app.add_subcommand(kRecord, "Carry out a command, and record what the module was asked and answered");
+  declared->footer("");
+  declared->prefix_command();
+  declared->add_option("--out", options.recordTo, "Where the recording goes")->type_name("FILE");
+}
+
 /// No command of the list: it needs no module.
 void declareHelp(CLI::App& app, Options& options) {
   CLI::App* declared = app.add_subcommand("help", "Print the help of the program, or of a command");
@@ -129,7 +145,7 @@ void declareHelp(CLI::App& app, Options& options) {
 
 }  // namespace
 
-void declareOptions(CLI::App& app, Options& options) {
+void declareOptions(CLI::App& app, Options& options, bool recorded) {
   app.name("mireltoken");
   app.description("Shows what a smart card would publish in the keychain, and why not; uses its keys.");
   app.footer(footer());
@@ -154,10 +170,54 @@ void declareOptions(CLI::App& app, Options& options) {
       ->type_name("N")
       ->check(CLI::Range(0, kLongestTimeout).description(""));
   app.add_flag("--json", options.json, "Print JSON for programs");
-  app.add_flag("-v,--verbose", options.verbose, "Print the log lines on standard error");
+  app.add_option("--trace", options.trace, "Write each call of the module to this file, while it is made")
+      ->type_name("FILE");
+  app.add_option("--replay", options.replay, "Let this recording answer in place of a module and a card")
+      ->type_name("FILE")
+      ->excludes(module)
+      ->excludes(home);
+  // Added, since a command behind "record" may have some of its own.
+  const auto count = [&options](std::int64_t times) { options.verbose += static_cast<int>(times); };
+  app.add_flag_function("-v,--verbose", count,
+                        "Print the log lines on standard error; twice (-vv): the calls of the module, too");
 
-  for (const Command* command : allCommands()) declareCommand(app, options, *command);
+  for (const Command* command : allCommands()) {
+    // What is recorded can be shown.
+    if (command == &traceCommand && !recorded) declareRecord(app, options);
+    declareCommand(app, options, *command);
+  }
   declareHelp(app, options);
+}
+
+std::optional<std::vector<std::string>> commandToRecord(const CLI::App& app) {
+  for (const CLI::App* command : app.get_subcommands()) {
+    if (command->get_name() == kRecord) return command->remaining();
+  }
+  return std::nullopt;
+}
+
+std::vector<std::string> wordsOf(std::span<const CLI::App* const> apps, const Options& options) {
+  std::vector<std::string> words;
+  if (options.command) words.emplace_back(options.command->name);
+  const auto add = [&words](const CLI::App& declared) {
+    for (const CLI::Option* option : declared.get_options(nullptr)) {
+      if (option->count() == 0) continue;
+      const std::string type = option->get_type_name();
+      const bool isFile = type == "FILE" || type == "PATH" || type == "DIR";
+      if (option->nonpositional()) words.push_back("--" + option->get_lnames().front());
+      if (option->get_expected_max() == 0) continue;
+      words.push_back(isFile ? type : option->results().front());
+    }
+  };
+  for (const CLI::App* app : apps) {
+    for (const CLI::App* command : app->get_subcommands()) {
+      if (command->get_name() != kRecord) add(*command);
+    }
+    add(*app);
+  }
+  if (options.moduleIsFromVariable) words.insert(words.end(), {"--module", "PATH"});
+  if (options.readerIsFromVariable) words.insert(words.end(), {"--reader", *options.reader});
+  return words;
 }
 
 }  // namespace mirel::cli

@@ -3,8 +3,10 @@
 #include <functional>
 #include <map>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace CLI {
 class App;
@@ -26,9 +28,13 @@ struct Options {
   bool readerIsFromVariable = false;
   int timeout = 30;  ///< seconds for one call of the module; 0: as long as it takes
   bool json = false;
-  bool verbose = false;
-  const Command* command = nullptr;   ///< the one that was chosen; null when help was
-  std::optional<std::string> helpOn;  ///< the command that help is wanted on; nothing: the whole program
+  int verbose = 0;  ///< 1: with the log lines; 2 and more: with a line for each call of the module, too
+  std::optional<std::string> trace;     ///< where the calls are written to
+  std::optional<std::string> replay;    ///< the recording in place of a module
+  std::optional<std::string> recordTo;  ///< where the recording goes; nothing: none is made
+  std::vector<std::string> words;       ///< of the command line, without the names of files
+  const Command* command = nullptr;     ///< the one that was chosen; null when help was
+  std::optional<std::string> helpOn;    ///< the command that help is wanted on; nothing: the whole program
 
   // Of the commands that use a key.
   std::optional<std::string> key;
@@ -58,7 +64,16 @@ struct Options {
   }
 };
 
-/// Declares everything that the command line takes, with its help.
-void declareOptions(CLI::App& app, Options& options);
+/// Declares everything that the command line takes, with its help. `recorded`: of a command behind "record",
+/// which does not stand there again.
+void declareOptions(CLI::App& app, Options& options, bool recorded = false);
+
+/// The words behind "record" and its own options, which are for another parser; nothing without "record".
+/// After `app` has parsed the command line.
+[[nodiscard]] std::optional<std::vector<std::string>> commandToRecord(const CLI::App& app);
+
+/// What was given on the command line: the command, and the options in the order of their declaration, each
+/// file as the word that the help has for it. `apps`: have parsed the command line, or parts of it.
+[[nodiscard]] std::vector<std::string> wordsOf(std::span<const CLI::App* const> apps, const Options& options);
 
 }  // namespace mirel::cli

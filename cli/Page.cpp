@@ -128,8 +128,8 @@ std::string versionsInOneLine(std::string versions) {
   return versions;
 }
 
-std::string dateNow() {
-  const std::time_t now = std::time(nullptr);
+std::string dateOf(std::chrono::system_clock::time_point time) {
+  const std::time_t now = std::chrono::system_clock::to_time_t(time);
   std::tm parts{};
   std::array<char, sizeof "2026-01-31T12:00:00Z"> text{};
   if (!gmtime_r(&now, &parts) || std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &parts) == 0)

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <string>
 #include <string_view>
 
@@ -35,8 +36,8 @@ struct SeverityLook {
 /// What --version prints, as one line.
 [[nodiscard]] std::string versionsInOneLine(std::string versions);
 
-/// The date and time in UTC.
-[[nodiscard]] std::string dateNow();
+/// That date and time, in UTC.
+[[nodiscard]] std::string dateOf(std::chrono::system_clock::time_point time);
 
 /// What stands at the top of a page.
 struct PageTop {

@@ -6,9 +6,10 @@
 
 namespace mirel::cli {
 
-Session::Session(PlatformServices services, const Options& options)
+Session::Session(PlatformServices services, const Options& options, ModuleChoice module)
     : options_{options},
       services_{std::move(services)},
+      module_{std::move(module)},
       host_{services_, options.modulePath.value_or(std::string{})} {}
 
 Session::~Session() = default;
@@ -68,7 +69,7 @@ Result<KeyRequest> Session::connectFor(KeyOperation operation) {
   const auto algorithm = namedAlgorithm(operation);
   if (!algorithm) return algorithm.failure();
   if (const auto writable = checkWriting(options_.out); !writable) return writable.failure();
-  auto input = FileInput::open(options_.in, !options_.json && !options_.verbose);
+  auto input = FileInput::open(options_.in, !options_.json && options_.verbose == 0);
   if (!input) return input.failure();
 
   if (const auto connected = connect(); !connected) return connected.failure();

@@ -14,6 +14,7 @@
 #include "host/Host.h"
 #include "host/KeyChoice.h"
 #include "host/KeyClient.h"
+#include "host/ModuleFile.h"
 #include "host/PinSource.h"
 
 namespace mirel::cli {
@@ -29,13 +30,14 @@ struct KeyRequest {
 class Session {
  public:
   /// `options`: outlive the session.
-  Session(PlatformServices services, const Options& options);
+  Session(PlatformServices services, const Options& options, ModuleChoice module);
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
   ~Session();
 
   [[nodiscard]] const Options& options() const noexcept { return options_; }
   [[nodiscard]] const PlatformServices& services() const noexcept { return services_; }
+  [[nodiscard]] const ModuleChoice& module() const noexcept { return module_; }
 
   /// What the program ends with when the command succeeds.
   void setExitCode(ExitCode code) noexcept { exitCode_ = code; }
@@ -86,6 +88,7 @@ class Session {
 
   const Options& options_;
   PlatformServices services_;
+  ModuleChoice module_;
   ExitCode exitCode_ = ExitCode::kSuccess;
   Host host_;
   std::optional<InsertedCard> card_;

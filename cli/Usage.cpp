@@ -117,6 +117,7 @@ std::string helpTextFor(const CLI::App& app, const CLI::App& shown) {
   std::string text = shown.get_description() + "\nUsage: " + app.get_name();
   if (isCommand) text.append(" ").append(shown.get_name());
   text.append(" [OPTIONS]").append(isCommand ? "" : " SUBCOMMAND");
+  if (shown.get_prefix_command()) text += " COMMAND...";
   for (const CLI::Option* option : optionsOf(shown)) {
     if (option->get_positional()) text.append(" [").append(option->get_name(true)).append("]");
   }

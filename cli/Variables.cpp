@@ -6,7 +6,7 @@
 namespace mirel::cli {
 
 void takeVariables(Options& options) {
-  if (!options.modulePath && !options.home) {
+  if (!options.modulePath && !options.home && !options.replay) {
     options.modulePath = callersVariable("MIRELTOKEN_MODULE");
     options.moduleIsFromVariable = options.modulePath.has_value();
   }

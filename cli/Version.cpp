@@ -11,6 +11,8 @@
 
 namespace mirel::cli {
 
+std::string programVersion() { return MIREL_VERSION; }
+
 std::string versionText() {
   std::string text = "mireltoken " MIREL_VERSION;
   if (const std::string_view commit{kCommit}; !commit.empty())

@@ -400,6 +400,11 @@ Result<ExitCode> runInWorker(const std::function<ExitCode()>& work, const Watch&
   std::exit(code);
 }
 
+void endWorker(ExitCode code) noexcept {
+  if (page) page->code = static_cast<int>(code);
+  std::_Exit(static_cast<int>(code));
+}
+
 std::shared_ptr<CryptokiObserver> notingObserver() { return std::make_shared<CallNotes>(); }
 
 std::shared_ptr<DynamicLoader> notingLoader(std::shared_ptr<DynamicLoader> next) {

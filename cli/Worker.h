@@ -39,6 +39,9 @@ struct Watch {
 
 // For the worker; elsewhere they note nothing.
 
+/// Ends the process with that code, in the middle of what it does, as its own decision.
+[[noreturn]] void endWorker(ExitCode code) noexcept;
+
 /// Notes which call of the module is under way.
 [[nodiscard]] std::shared_ptr<CryptokiObserver> notingObserver();
 

@@ -22,6 +22,7 @@
 #include "Options.h"
 #include "Output.h"
 #include "PinEntry.h"
+#include "Recordings.h"
 #include "Session.h"
 #include "Usage.h"
 #include "Variables.h"
@@ -53,31 +54,38 @@ Failure wrongUsage(const std::string& why) {
 }
 
 /// Carries out the command that was chosen.
-Result<ExitCode> carryOut(Options& options) {
+Result<ExitCode> carryOut(Options& options, RunRecorder& recorder) {
   if (options.command->takes(CommandOption::Kind::kPin)) forbidMemoryDumps();
   PlatformServices services = systemServices();
+  ModuleChoice module{options.modulePath, options.trustModule};
+  if (options.replay) {
+    if (const auto ready = replay(options, services, module); !ready) return ready.failure();
+  }
   services.observer = notingObserver();
   services.inspectionObserver = services.observer;
   services.loader = notingLoader(services.loader);
-  services.log = commandLineLog(services.log, options.verbose);
+  services.log = commandLineLog(services.log, options.verbose > 0);
   if (options.home) {
     std::string home = std::filesystem::absolute(*options.home).string();
     while (home.size() > 1 && home.back() == '/') home.pop_back();
     services.user = userWithHome(services.user, home);
   }
-  if (options.modulePath) {
+  if (options.modulePath && !options.replay) {
     const auto folders = systemModuleFolders(*services.user);
     const auto file = moduleFileFor(*options.modulePath, folders, options.trustModule);
     if (!file) return file.failure();
     options.modulePath = *file;
   }
+  module.path = options.modulePath;
+  module.trusted = options.trustModule;
+  recorder.record(services, module);
   if (options.command->usesModule) {
-    const auto chosen = chooseModule(services, {options.modulePath, options.trustModule});
-    if (!chosen) return chosen.failure();
+    if (const auto chosen = chooseModule(services, module); !chosen) return chosen.failure();
   }
-  Session session{std::move(services), options};
+  Session session{std::move(services), options, std::move(module)};
   auto done = options.command->run(session);
   if (!done) return session.withRemarkOnPin(std::move(done).failure());
+  if (const auto written = recorder.checkWritten(); !written) return written.failure();
   return session.exitCode();
 }
 
@@ -98,17 +106,23 @@ auto guarded(const Action& action) -> decltype(action()) {
 
 /// The same in a process of its own, which tells its failures itself.
 Result<ExitCode> run(Options& options) {
+  const auto recorder = RunRecorder::open(options);
+  if (!recorder) return recorder.failure();
   if (!options.command->hasWorker) {
-    const auto done = carryOut(options);
+    const auto done = carryOut(options, **recorder);
     return done ? done : namingVariables(done.failure(), options);
   }
   const auto work = [&] {
-    const auto done = guarded([&] { return carryOut(options); });
+    const auto done = guarded([&] { return carryOut(options, **recorder); });
     return done ? *done : report(namingVariables(done.failure(), options), options.json);
   };
   const Watch watch{options.timeout > 0 ? std::optional{std::chrono::seconds{options.timeout}} : std::nullopt,
                     !options.json && isatty(STDERR_FILENO) != 0};
-  return runInWorker(work, watch);
+  auto ended = runInWorker(work, watch);
+  const auto stored = guarded([&] { return (*recorder)->store(); });
+  if (stored) return ended;
+  if (!ended) (void)report(ended.failure(), options.json);
+  return report(stored.failure());
 }
 
 /// Standard output got that text.
@@ -123,9 +137,16 @@ Result<void> checkUsage(const Options& options) {
   const struct {
     const char* name;
     const std::optional<std::string>& value;
-  } texts[] = {{"--module", options.modulePath},   {"--home", options.home}, {"--key", options.key},
-               {"--algorithm", options.algorithm}, {"--in", options.in},     {"--out", options.out},
-               {"--pin-file", options.pinFile},    {"--exec", options.exec}};
+  } texts[] = {{"--module", options.modulePath},
+               {"--home", options.home},
+               {"--key", options.key},
+               {"--algorithm", options.algorithm},
+               {"--in", options.in},
+               {"--out", options.out},
+               {"--pin-file", options.pinFile},
+               {"--trace", options.trace},
+               {"--replay", options.replay},
+               {"--exec", options.exec}};
   for (const auto& [name, value] : texts) {
     if (value && value->empty()) return wrongUsage(std::string{name} + " is empty");
   }
@@ -135,10 +156,22 @@ Result<void> checkUsage(const Options& options) {
   if (!options.key && options.command->takes(CommandOption::Kind::kKey))
     return wrongUsage("--key is missing");
   if (auto key = checkKeyName(options.key.value_or("")); !key) return key;
+  if (options.replay && options.modulePath) return wrongUsage("--replay excludes --module");
+  if (options.replay && options.home) return wrongUsage("--replay excludes --home");
+  if (!options.command->hasWorker && (options.trace || options.replay || options.verbose > 1))
+    return wrongUsage(std::string{options.command->name} + " takes neither --trace, --replay nor -vv");
   const bool readsInput = options.command->takes(CommandOption::Kind::kInput);
   if (options.pinFd == STDIN_FILENO && readsInput && options.in.value_or("-") == "-") {
     return wrongUsage("--pin-fd 0 and the data cannot both be standard input");
   }
+  return {};
+}
+
+Result<void> checkRecord(const Options& options) {
+  if (!options.recordTo) return wrongUsage("record needs --out");
+  if (options.recordTo->empty()) return wrongUsage("--out is empty");
+  // Standard output has what the command prints.
+  if (*options.recordTo == "-") return wrongUsage("record --out needs a file, not standard output");
   return {};
 }
 
@@ -147,21 +180,39 @@ Result<ExitCode> printHelp(const CLI::App& app, const Options& options) {
   if (const auto text = helpTextOn(app, name)) return print(*text);
   std::vector<std::string> names;
   for (const Command* command : allCommands()) names.emplace_back(command->name);
+  names.emplace_back("record");
   return wrongUsage("there is no command \"" + name + "\"" + suggestionFor(name, names));
 }
 
-Result<ExitCode> parseAndRun(int argc, char** argv) {
-  CLI::App app;
-  Options options;
-  declareOptions(app, options);
+/// Parses the command line; with "record" in front, what is to be recorded too. Returns what is to be said
+/// where there is no more to do.
+template <typename Parse>
+std::optional<Result<ExitCode>> parse(CLI::App& app, const Parse& words) {
   try {
-    app.parse(argc, argv);
+    words();
   } catch (const CLI::CallForHelp&) {
     return print(helpText(app));
   } catch (const CLI::CallForVersion&) {
     return print(versionText());
   } catch (const CLI::ParseError& error) {
     return wrongUsage(refusalText(app, error));
+  }
+  return std::nullopt;
+}
+
+Result<ExitCode> parseAndRun(int argc, char** argv) {
+  CLI::App app;
+  Options options;
+  declareOptions(app, options);
+  if (auto said = parse(app, [&] { app.parse(argc, argv); })) return *std::move(said);
+  CLI::App recorded;
+  declareOptions(recorded, options, true);
+  auto words = commandToRecord(app);
+  if (words) {
+    if (const auto usage = checkRecord(options); !usage) return usage.failure();
+    std::reverse(words->begin(), words->end());  // the parser takes them from the end
+    if (auto said = parse(recorded, [&] { recorded.parse(*words); })) return *std::move(said);
+    if (!options.command) return wrongUsage("record needs a command that uses a card");
   }
   if (!options.command) return printHelp(app, options);
   if (const auto usage = checkUsage(options); !usage) return usage.failure();
@@ -170,6 +221,8 @@ Result<ExitCode> parseAndRun(int argc, char** argv) {
   }
   if (const auto descriptor = checkPinDescriptor(options); !descriptor) return descriptor.failure();
   takeVariables(options);
+  const CLI::App* const parsed[] = {&recorded, &app};
+  options.words = wordsOf(parsed, options);
   return run(options);
 }
 

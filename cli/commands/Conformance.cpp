@@ -11,6 +11,7 @@
 #include "PinEntry.h"
 #include "Session.h"
 #include "Version.h"
+#include "platform/TimeAndChance.h"
 
 namespace mirel::cli {
 namespace {
@@ -165,10 +166,9 @@ Result<void> checkFiles(const Options& options) {
   return {};
 }
 
-Result<void> writeFiles(const Options& options, const Conformance& conformance) {
+Result<void> writeFiles(const Options& options, const Conformance& conformance, const std::string& date) {
   if (const auto html = options.fileOf(kHtml)) {
-    if (auto written = writeText(html, pageOf(conformance, versionText(), dateNow())); !written)
-      return written;
+    if (auto written = writeText(html, pageOf(conformance, versionText(), date)); !written) return written;
   }
   const auto junit = options.fileOf(kJunit);
   return junit ? writeText(junit, junitText(conformance)) : Result<void>{};
@@ -176,7 +176,7 @@ Result<void> writeFiles(const Options& options, const Conformance& conformance) 
 
 Result<void> run(Session& session) {
   const Options& options = session.options();
-  Examination wanted{{options.modulePath, options.trustModule}, session.readerName()};
+  Examination wanted{session.module(), session.readerName()};
   if (options.has(kLogin)) {
     wanted.pins = [&options, &session](Host& host, const Reader& reader) {
       return pinSourceFor(
@@ -188,7 +188,8 @@ Result<void> run(Session& session) {
   }
   if (auto usable = checkFiles(options); !usable) return usable;
   const Conformance conformance = testConformance(session.services(), wanted);
-  if (auto written = writeFiles(options, conformance); !written) return written;
+  const auto date = dateOf(givenOrSystem(session.services().timeAndChance)->date());
+  if (auto written = writeFiles(options, conformance, date); !written) return written;
   session.setExitCode(exitCodeOf(conformance.verdict()));
   return writeOutput(options.json ? jsonText(conformance) : textOf(conformance));
 }

@@ -16,6 +16,7 @@
 #include "Version.h"
 #include "host/DistinctItems.h"
 #include "platform/Desktop.h"
+#include "platform/TimeAndChance.h"
 
 namespace mirel::cli {
 namespace {
@@ -137,7 +138,7 @@ struct Noted {
 
 Result<void> writeFiles(const Session& session, const Diagnosis& diagnosis, Noted noted) {
   const Options& options = session.options();
-  const std::string date = dateNow();
+  const std::string date = dateOf(givenOrSystem(session.services().timeAndChance)->date());
   if (const auto file = options.fileOf(kHtml)) {
     const auto written = writeText(file, pageOf(diagnosis, {versionText(), date, noted.numPublished}));
     if (!written) return written;
@@ -154,7 +155,7 @@ Result<void> run(Session& session) {
   PlatformServices services = session.services();
   Noted noted{.log = std::make_shared<KeptLog>(services.log)};
   services.log = noted.log;
-  Examination wanted{{options.modulePath, options.trustModule}, session.readerName()};
+  Examination wanted{session.module(), session.readerName()};
   if (options.has(kLogin)) {
     wanted.pins = [&options, &session, log = noted.log](Host& host, const Reader& reader) {
       log->stop();

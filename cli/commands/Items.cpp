@@ -105,7 +105,7 @@ Result<void> run(Session& session) {
   text.append(unpublishedText(report));
   if (const std::string findings = findingsTable(report.findings); !findings.empty())
     text.append("\n").append(findings);
-  if (session.options().verbose) text.append(identifiersText(card));
+  if (session.options().verbose > 0) text.append(identifiersText(card));
   return writeOutput(text);
 }
 

@@ -110,16 +110,17 @@ void followService(const PlatformServices& services, HelperLine& line) {
   }
 }
 
-void lookAtModule(const PlatformServices& services, const Options& options, HelperLine& line) {
-  Session session{services, options};
+void lookAtModule(const Session& watching, HelperLine& line) {
+  Session session{watching.services(), watching.options(), watching.module()};
   const auto slots = session.slots();
   line.send(slots ? messageOf(watchedReaders(*slots)) : messageOf(slots.failure()));
 }
 
 /// Inserts the card and keeps its token until the card goes.
-void keepCard(const PlatformServices& services, Options options, const Text& reader, HelperLine& line) {
+void keepCard(const Session& watching, const Text& reader, HelperLine& line) {
+  Options options = watching.options();
   options.reader = reader.toUtf8();
-  Session session{services, options};
+  Session session{watching.services(), options, watching.module()};
   if (const auto inserted = session.insertCard(); !inserted) return line.send(messageOf(inserted.failure()));
   line.send(messageOf(session.card(), session.examine()));
   line.waitForEnd();
@@ -238,8 +239,7 @@ class WatchRun {
     if (!look_) {
       const auto next = sources_.nextLook();
       if (!next || Clock::now() < *next) return {};
-      auto started =
-          start([&](HelperLine& line) { lookAtModule(session_.services(), options_, line); }, true);
+      auto started = start([&](HelperLine& line) { lookAtModule(session_, line); }, true);
       if (!started) return started.failure();
       look_ = *std::move(started);
       sources_.lookBegins(Clock::now());
@@ -272,8 +272,7 @@ class WatchRun {
   [[nodiscard]] Result<void> take(const ReaderEvent& event) {
     const std::u16string name{event.reader.units()};
     if (event.kind == ReaderEvent::Kind::kInsertion) {
-      auto started = start(
-          [&](HelperLine& line) { keepCard(session_.services(), options_, event.reader, line); }, false);
+      auto started = start([&](HelperLine& line) { keepCard(session_, event.reader, line); }, false);
       if (!started) return started.failure();
       cards_.insert_or_assign(name, InsertedOne{event, *std::move(started)});
       return {};

@@ -8,8 +8,9 @@
 namespace mirel::test {
 namespace {
 
-constexpr std::array kCommands{"readers", "items",    "certificate", "algorithms",  "login", "sign",
-                               "decrypt", "exchange", "doctor",      "conformance", "watch", "explain"};
+constexpr std::array kCommands{"readers", "items",   "certificate", "algorithms", "login",
+                               "sign",    "decrypt", "exchange",    "doctor",     "conformance",
+                               "watch",   "explain", "record",      "trace"};
 
 class CommandLine : public EndToEndTest {
  protected:
@@ -44,15 +45,18 @@ Usage: mireltoken [OPTIONS] SUBCOMMAND
 Options:
   --version                   Print the version, with those of the libraries, and exit
   -h,--help                   Print this help and exit
-  --module PATH Excludes: --home
+  --module PATH Excludes: --home --replay
                               Use this PKCS #11 module (a file, or a name that p11-kit knows), for this run only
-  --home DIR Excludes: --module
+  --home DIR Excludes: --module --replay
                               Look for the module in this home folder
   --trust-module              Load the module although somebody else may change its file
   --reader NAME               The reader: its name, or a beginning that fits no other (default: the first with an initialised card)
   --timeout N                 Give a call of the module this many seconds, 0 for any time (default: 30)
   --json                      Print JSON for programs
-  -v,--verbose                Print the log lines on standard error
+  --trace FILE                Write each call of the module to this file, while it is made
+  --replay FILE Excludes: --module --home
+                              Let this recording answer in place of a module and a card
+  -v,--verbose                Print the log lines on standard error; twice (-vv): the calls of the module, too
 
 Subcommands:
   readers                     List the readers that hold a card
@@ -67,6 +71,8 @@ Subcommands:
   conformance                 Test module and card against every rule for card makers
   watch                       Tell of cards that are inserted and removed, as it happens
   explain                     Explain what `doctor` has found
+  record                      Carry out a command, and record what the module was asked and answered
+  trace                       Show the calls of a trace or a recording (trace show FILE)
   help                        Print the help of the program, or of a command
 )";
   constexpr const char* kReadersHelp = R"(List the readers that hold a card
@@ -122,7 +128,7 @@ TEST_F(CommandLine, HelpHasAnExampleOfEachCommandAndEveryExitCodeOnce) {
     EXPECT_GT(std::stoi(line), last) << line;
     last = std::stoi(line);
   }
-  EXPECT_EQ(last, 23);
+  EXPECT_EQ(last, 24);
 }
 
 TEST_F(CommandLine, HelpForACommandNamesItsOptions) {

@@ -76,7 +76,7 @@ class Examples : public EndToEndTest {
     (void)write("bin/mireltoken",
                 "#!/bin/sh\n"
                 "case \" $* \" in\n"
-                "  *' --module '*|*' --home '*) ;;\n"
+                "  *' --module '*|*' --home '*|*' --replay '*) ;;\n"
                 "  *) set -- --module \"$MODULE\" \"$@\" ;;\n"
                 "esac\n"
                 "case \" $* \" in\n"

@@ -34,7 +34,7 @@ class JsonOutput : public EndToEndTest {
     expectOutput(checked, "");
   }
 
- private:
+ protected:
   std::vector<std::string> files_;
 };
 
@@ -49,6 +49,10 @@ TEST_F(JsonOutput, OfEachCommandFollowsItsSchema) {
   expectOutputOf("explain", mireltoken("explain --json MT-C02"));
   (void)output("doctor", mireltoken("doctor --json"));
   (void)output("conformance", mireltoken("conformance --json"));
+  const std::string trace = path("trace");
+  (void)runWithPin("doctor --login --trace " + trace);
+  expectOutputOf("trace", mireltoken("trace show --json " + trace));
+  files_.push_back(trace);
   expectOutputOf("login", runWithPin("login --json"));
   for (const std::string& more : {std::string{" --json"}, out}) {
     expectOutputOf("certificate", mireltoken("certificate --key 01" + more));

@@ -41,9 +41,20 @@ def faults_of(document, folder):
     return [f"{fault.json_path}: {fault.message}" for fault in validator.iter_errors(document)]
 
 
+def check_recording(text, folder):
+    # A line for each record, in a shape of its own.
+    header, *records = text.splitlines()
+    schema = closed(json.loads((folder / "recording.schema.json").read_text(encoding="utf-8")))
+    line = Draft202012Validator({"$defs": schema["$defs"], "$ref": "#/$defs/record"})
+    faults = faults_of(json.loads(header), folder) + ([] if records else ["there is no record"])
+    return faults + [f"{fault.json_path}: {fault.message}" for one in records for fault in line.iter_errors(json.loads(one))]
+
+
 def check_output(file, folder):
     # What the program prints is one object and a line end, and nothing but ASCII.
     text = pathlib.Path(file).read_bytes().decode("ascii")
+    if text.startswith('{"schema":"mireltoken/recording/'):
+        return [f"{file}: {fault}" for fault in check_recording(text, folder)]
     return [f"{file}: {fault}" for fault in faults_of(json.loads(text), folder)]
 
 

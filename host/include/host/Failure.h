@@ -32,6 +32,7 @@ enum class FailureKind {
   kModuleCrashed,       ///< a signal such as SIGSEGV ended the process while the module was at work
   kModuleEndedProgram,  ///< the module called exit
   kModuleHangs,         ///< a call of the module did not return in time
+  kNotRecorded,         ///< what is replayed was never recorded
 };
 
 /// A failure as the user is told it, UTF-8, each text without a full stop or line end.

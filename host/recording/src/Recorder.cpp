@@ -190,6 +190,8 @@ class RecordingCardService final : public CardService {
     notes_->add(seen);
     return std::move(seen.view);
   }
+  // What is followed beside a run, for a card that leaves, is no part of it.
+  std::unique_ptr<CardServiceWatch> watch() noexcept override { return next_->watch(); }
 
  private:
   std::shared_ptr<CardService> next_;

@@ -139,6 +139,7 @@ class ReplayingCardService final : public CardService {
  public:
   explicit ReplayingCardService(std::shared_ptr<Memories> memories) : memories_{std::move(memories)} {}
   CardServiceView look() noexcept override { return memories_->view(); }
+  std::unique_ptr<CardServiceWatch> watch() noexcept override { return nullptr; }  // no card leaves
 
  private:
   std::shared_ptr<Memories> memories_;

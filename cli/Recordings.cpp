@@ -1,0 +1,280 @@
+#include "Recordings.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <span>
+#include <utility>
+
+#include "Files.h"
+#include "Json.h"
+#include "Output.h"
+#include "Version.h"
+#include "Worker.h"
+#include "host/Home.h"
+#include "platform/Log.h"
+#include "platform/UserDirectory.h"
+#include "recording/CallText.h"
+#include "recording/Recorder.h"
+#include "recording/RecordingFile.h"
+#include "recording/Replayer.h"
+
+namespace mirel::cli {
+namespace {
+
+using recording::ReadRecording;
+using recording::Record;
+using recording::RecordedCall;
+using recording::RecordedModule;
+using recording::Recording;
+
+constexpr mode_t kOwnerOnly = 0600;
+constexpr const char* kNoHome = "/nonexistent";
+
+Failure fileFailure(const std::string& name, const char* what, int error) {
+  return {FailureKind::kFileFailure, printableLine(name) + " cannot be " + what, std::strerror(error),
+          "check the path and its rights"};
+}
+
+recording::Header headerOf(const Options& options) {
+  recording::Header header;
+  header.program = programVersion();
+  header.command = options.words;
+  header.started =
+      std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch())
+          .count();
+  if (options.modulePath) header.module = std::filesystem::path{*options.modulePath}.filename().string();
+  return header;
+}
+
+/// A line for each call, on standard error.
+class CallLines final : public recording::RecordSink {
+ public:
+  void note(const Record& record) noexcept override {
+    const auto* call = std::get_if<RecordedCall>(&record);
+    if (!call) return;
+    const std::string subject = subjectText(*call);
+    std::array<char, 32> time{};
+    (void)std::snprintf(time.data(), time.size(), "%.3f ms", static_cast<double>(call->microseconds) / 1000);
+    writeMessage(call->function + (subject.empty() ? "" : " (" + subject + ")") + ": " +
+                 recording::resultText(call->result) + ", " + time.data());
+  }
+};
+
+RecordedModule recordedOf(const std::optional<ModuleFacts>& facts) {
+  if (!facts) return {};
+  const auto otherTarget = facts->otherTarget ? std::optional{facts->otherTarget->why} : std::nullopt;
+  return {facts->name, facts->path, facts->error, facts->noFile, facts->exposure, facts->target, otherTarget};
+}
+
+/// `place`: where the card layer looks for the module in this run.
+std::optional<ModuleFacts> factsOf(const RecordedModule& module, std::string place) {
+  if (module.name.empty()) return std::nullopt;
+  ModuleFacts facts{std::move(place), module.name,     module.path,   module.error,
+                    module.noFile,    module.exposure, module.target, std::nullopt};
+  if (module.otherTarget) {
+    facts.otherTarget = Failure{FailureKind::kModuleNotLoadable, "the module is for another system",
+                                *module.otherTarget, "get the module for this system from its maker"};
+  }
+  return facts;
+}
+
+bool has(const std::vector<std::string>& words, std::string_view word) {
+  return std::find(words.begin(), words.end(), word) != words.end();
+}
+
+/// What is stored of a recording. Whoever has something in it replaced does that here.
+Recording forStorage(Recording recorded) { return recorded; }
+
+Failure withoutOption(Failure failure) {
+  failure.advice = "check the name of the recording";
+  return failure;
+}
+
+Result<std::string> contentOf(const std::string& file) {
+  auto input = FileInput::open(file, false);
+  if (!input) return withoutOption(input.failure());
+  std::string content;
+  std::vector<std::uint8_t> piece(std::size_t{1} << 16U);
+  while (true) {
+    const auto count = (*input)->read(piece);
+    if (!count) return withoutOption(count.failure());
+    if (*count == 0) return content;
+    content.append(piece.begin(), piece.begin() + static_cast<std::ptrdiff_t>(*count));
+    if (content.size() > recording::kLargestRecording)
+      return Failure{FailureKind::kBadInput, printableLine(file) + " is no recording", "it is too large",
+                     "give a file that mireltoken has written with --trace or record"};
+  }
+}
+
+/// The file of a recording that is under way: it has no name, so that nothing is left of it whatever happens.
+int openNameless(const std::string& beside) {
+  const std::filesystem::path folder = std::filesystem::path{beside}.parent_path();
+  std::string name = (folder / (std::string{kTemporaryFilePrefix} + "XXXXXX")).string();
+  const int descriptor = mkstemp(name.data());
+  if (descriptor < 0) return -1;
+  (void)fcntl(descriptor, F_SETFD, FD_CLOEXEC);
+  (void)unlink(name.c_str());
+  return descriptor;
+}
+
+}  // namespace
+
+/// Gets lines, for as long as they can be written.
+class RunRecorder::LineFile final : public recording::RecordSink {
+ public:
+  LineFile(int descriptor, std::string name) : descriptor_{descriptor}, name_{std::move(name)} {}
+  ~LineFile() override { (void)close(descriptor_); }
+
+  void note(const Record& record) noexcept override { write(lineOf(record)); }
+
+  void write(std::string_view line) noexcept {
+    while (!line.empty() && error_ == 0) {
+      const ssize_t count = ::write(descriptor_, line.data(), line.size());
+      if (count > 0) line.remove_prefix(static_cast<std::size_t>(count));
+      if (count < 0 && errno != EINTR) error_ = errno;
+    }
+  }
+
+  [[nodiscard]] Result<void> checkWritten() const {
+    if (error_ != 0) return fileFailure(name_, "written", error_);
+    return {};
+  }
+
+  [[nodiscard]] std::string content() const {
+    std::string text;
+    std::vector<char> piece(std::size_t{1} << 16U);
+    while (text.size() <= recording::kLargestRecording) {
+      const ssize_t count = pread(descriptor_, piece.data(), piece.size(), static_cast<off_t>(text.size()));
+      if (count < 0 && errno == EINTR) continue;
+      if (count <= 0) break;
+      text.append(piece.data(), static_cast<std::size_t>(count));
+    }
+    return text;
+  }
+
+ private:
+  int descriptor_;
+  std::string name_;
+  int error_ = 0;
+};
+
+Result<LoadedRecording> loadRecording(const std::string& file) {
+  const auto content = contentOf(file);
+  if (!content) return content.failure();
+  ReadRecording read = recording::readRecording(*content);
+  if (!read.recording) {
+    return Failure{FailureKind::kBadInput, printableLine(file) + " is no recording",
+                   printableLine(read.refusal),
+                   "give a file that mireltoken has written with --trace or record"};
+  }
+  return LoadedRecording{std::move(*read.recording), read.isCutOff};
+}
+
+RunRecorder::RunRecorder(const Options& options) : options_{options} {}
+
+RunRecorder::~RunRecorder() = default;
+
+Result<std::unique_ptr<RunRecorder>> RunRecorder::open(const Options& options) {
+  std::unique_ptr<RunRecorder> recorder{new RunRecorder{options}};
+  const std::string header = lineOf(headerOf(options));
+  if (options.trace) {
+    const int descriptor = ::open(options.trace->c_str(),
+                                  O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC | O_NOCTTY, kOwnerOnly);
+    if (descriptor < 0) return fileFailure(*options.trace, "written", errno);
+    recorder->trace_ = std::make_shared<LineFile>(descriptor, *options.trace);
+    struct stat status {};
+    // A file that was there may have been for others, too.
+    if (fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode) && fchmod(descriptor, kOwnerOnly) != 0)
+      return fileFailure(*options.trace, "kept from others", errno);
+    recorder->trace_->write(header);
+  }
+  if (options.recordTo) {
+    if (const auto writable = checkWriting(options.recordTo); !writable) return writable.failure();
+    const int descriptor = openNameless(*options.recordTo);
+    if (descriptor < 0) return fileFailure(*options.recordTo, "written", errno);
+    recorder->recording_ = std::make_shared<LineFile>(descriptor, *options.recordTo);
+    recorder->recording_->write(header);
+  }
+  return recorder;
+}
+
+void RunRecorder::record(PlatformServices& services, ModuleChoice& choice) {
+  std::vector<std::shared_ptr<recording::RecordSink>> sinks;
+  if (trace_) sinks.push_back(trace_);
+  if (recording_) sinks.push_back(recording_);
+  if (options_.verbose > 1) sinks.push_back(std::make_shared<CallLines>());
+  if (sinks.empty()) return;
+  choice.onFacts = [note = recording::recordInto(std::move(sinks), services),
+                    before = choice.onFacts](std::optional<ModuleFacts> found) {
+    if (before) found = before(std::move(found));
+    note(recordedOf(found));
+    return found;
+  };
+}
+
+Result<void> RunRecorder::checkWritten() const {
+  for (const auto& file : {trace_, recording_}) {
+    if (!file) continue;
+    if (auto written = file->checkWritten(); !written) return written;
+  }
+  return {};
+}
+
+Result<void> RunRecorder::store() const {
+  if (!recording_) return {};
+  // The worker may have been overrun by a module that writes anywhere.
+  ReadRecording read = recording::readRecording(recording_->content());
+  if (!read.recording) {
+    return Failure{FailureKind::kFileFailure, printableLine(*options_.recordTo) + " was not written",
+                   "what was recorded is damaged: " + printableLine(read.refusal),
+                   "run with --trace, which keeps what there is"};
+  }
+  const std::string text = textOf(forStorage(std::move(*read.recording)));
+  return writeFile(options_.recordTo, {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()},
+                   kOwnerOnly);
+}
+
+Result<void> replay(Options& ioOptions, PlatformServices& services, ModuleChoice& choice) {
+  auto loaded = loadRecording(*ioOptions.replay);
+  if (!loaded) return loaded.failure();
+  Recording& recorded = loaded->recording;
+  const std::vector<std::string> words = recorded.header.command;
+  const auto first = std::find_if(recorded.records.begin(), recorded.records.end(), [](const Record& record) {
+    return std::holds_alternative<RecordedModule>(record);
+  });
+  const std::string name = first == recorded.records.end() ? "" : std::get<RecordedModule>(*first).name;
+
+  ioOptions.trustModule = has(words, "--trust-module");
+  if (has(words, "--module") && !name.empty()) {
+    ioOptions.modulePath = name;
+  } else if (const std::string tail = moduleInHome(""); name.ends_with(tail)) {
+    services.user = userWithHome(services.user, name.substr(0, name.size() - tail.size()));
+  }
+  if (services.user->homeOf(services.user->loginName()).empty())
+    services.user = userWithHome(services.user, kNoHome);
+
+  const bool json = ioOptions.json;
+  const auto onMissing = [json, words](const std::string& what) {
+    const Failure failure{FailureKind::kNotRecorded, "the recording does not go on like this",
+                          printableLine(what) + "; it is one of: " + printableLine(joinedWith(" ", words)),
+                          "give the command and the options that were recorded"};
+    endWorker(report(failure, json));
+  };
+  const auto module = recording::replayInto(std::move(recorded), onMissing, services);
+  choice.onFacts = [module](const std::optional<ModuleFacts>& found) -> std::optional<ModuleFacts> {
+    const auto next = module();
+    return next ? factsOf(*next, found ? found->place : moduleInHome(kNoHome)) : std::nullopt;
+  };
+  return {};
+}
+
+}  // namespace mirel::cli

@@ -1,0 +1,214 @@
+/// Traces, recordings, and runs that a recording answers.
+
+#include <algorithm>
+
+#include "EndToEndTest.h"
+#include "ReferenceCryptography.h"
+#include "cardmaker/SoftHsm.h"
+
+namespace mirel::test {
+namespace {
+
+std::string base64Of(const std::string& bytes) {
+  constexpr std::string_view kDigits = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  std::string text;
+  for (std::size_t i = 0; i + 2 < bytes.size(); i += 3) {
+    unsigned group = 0;
+    for (std::size_t j = 0; j < 3; ++j) group = group << 8U | static_cast<unsigned char>(bytes[i + j]);
+    for (unsigned shift : {18U, 12U, 6U, 0U}) text += kDigits[group >> shift & 63U];
+  }
+  return text;
+}
+
+std::string lowered(std::string text) {
+  std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return std::tolower(c); });
+  return text;
+}
+
+/// Looks for the secret in each form in which it could be written; base64 has three, by where it begins.
+void expectNoTraceOf(const std::string& secret, const std::string& text) {
+  std::string reversed{secret.rbegin(), secret.rend()};
+  for (const std::string& bytes : {secret, reversed}) {
+    EXPECT_EQ(text.find(bytes), std::string::npos) << hexOfBytes(bytes);
+    EXPECT_EQ(lowered(text).find(lowered(hexOfBytes(bytes))), std::string::npos) << hexOfBytes(bytes);
+    for (std::size_t start = 0; start < 3; ++start)
+      EXPECT_EQ(text.find(base64Of(bytes.substr(start))), std::string::npos) << hexOfBytes(bytes);
+  }
+}
+
+class Recordings : public EndToEndTest {
+ protected:
+  Recordings() : EndToEndTest{severalKeys()} {}
+
+  [[nodiscard]] std::string file() const { return path("recording"); }
+
+  /// Runs the command with its recording made. `pin`: the file of the PIN.
+  [[nodiscard]] Result recorded(const Arguments& arguments, const std::string& input = {}) const {
+    Invocation call = invocation(Arguments{"--module", kSoftHsm, "record", "--out", file()} + arguments);
+    call.input = input;
+    return run(call);
+  }
+
+  /// Without the module, the card and the home of the user.
+  [[nodiscard]] Result replayed(const Arguments& arguments, const std::string& input = {}) const {
+    Invocation call = invocation(Arguments{"--replay", file()} + arguments);
+    call.environment.erase("SOFTHSM2_CONF");
+    call.input = input;
+    return run(call);
+  }
+
+  const std::string kSoftHsm = softHsmModule().string();
+};
+
+TEST_F(Recordings, AnswerAsTheCardDid) {
+  const std::string pin = " --pin-file " + write("pin", kPin);
+  const std::string wrong = " --pin-file " + write("wrong", kWrongPin);
+  const struct {
+    Arguments arguments;
+    int exitCode = 0;
+  } rows[] = {
+      {"readers"},
+      {"items"},
+      {"items --json"},
+      {"certificate --key 01"},
+      {"sign --key 01" + pin},
+      {"sign --json --key 01 --algorithm PS384" + pin},
+      {"login" + wrong, 7},
+      {"login --json" + wrong, 7},
+      {"doctor", 19},
+      {"doctor --login" + pin, 19},
+      {"conformance --login" + pin, 20},
+      {"sign --key 09" + pin, 12},
+  };
+  for (const auto& [arguments, exitCode] : rows) {
+    SCOPED_TRACE(::testing::PrintToString(arguments));
+    const Result first = recorded(arguments, kMessage);
+    const Result second = replayed(arguments, kMessage);
+    EXPECT_EQ(first.exitCode, second.exitCode);
+    if (exitCode != 20) {
+      EXPECT_EQ(first.exitCode, exitCode) << first.err;
+    }
+    EXPECT_EQ(first.out, second.out);
+    EXPECT_EQ(first.err, second.err);
+  }
+}
+
+TEST_F(Recordings, AnswerADecryptionWithAsManyLetters) {
+  const std::string pin = " --pin-file " + write("pin", kPin);
+  const std::string cipher = encrypted("rsa2048", "pkcs1", kPlain);
+  ASSERT_EQ(recorded("decrypt --key 02" + pin, cipher).out, kPlain);
+  expectOutput(replayed("decrypt --key 02" + pin, cipher), std::string(std::string{kPlain}.size(), 'Z'));
+}
+
+TEST_F(Recordings, NameWhatTheyDoNotHave) {
+  expectSuccess(recorded("readers"));
+  expectFailure(replayed("certificate --key 01"), 24,
+                {"the recording does not go on like this", "was not recorded here", "it is one of: readers"});
+  expectJsonFailure(replayed("certificate --key 01 --json"), 24, {"was not recorded here"});
+}
+
+TEST_F(Recordings, AreForTheirOwnerAlone) {
+  write("recording", "", 0644);
+  expectSuccess(recorded("readers"));
+  EXPECT_EQ(modeOf("recording"), 0600U);
+  write("trace", "", 0644);
+  expectSuccess(mireltoken("readers --trace " + path("trace")));
+  EXPECT_EQ(modeOf("trace"), 0600U);
+}
+
+TEST_F(Recordings, KeepTheNamesOfFilesFromTheirHeader) {
+  expectSuccess(recorded("certificate --key 01 --out " + path("secret-name")));
+  const Json header = Json::parse(linesOf(read("recording")).front());
+  EXPECT_EQ(header["schema"], "mireltoken/recording/1");
+  EXPECT_EQ(header["command"].dump(), R"(["certificate","--key","01","--out","FILE","--module","PATH"])");
+  EXPECT_EQ(header["module"], std::filesystem::path{kSoftHsm}.filename().string());
+  EXPECT_THAT(read("recording"), Not(HasSubstr("secret-name")));
+}
+
+TEST_F(Recordings, HoldNoSecret) {
+  const std::string pin = " --pin-file " + write("pin", kPin);
+  const std::string text = "Nobody reads this text";
+  const std::string cipher = encrypted("rsa2048", "pkcs1", text);
+  const std::string message = "What is signed is not there either";
+  const std::pair<Arguments, std::string> rows[] = {
+      {"readers", ""},
+      {"items", ""},
+      {"certificate --key 01", ""},
+      {"algorithms --key 01", ""},
+      {"login" + pin, ""},
+      {"login --pin-file " + write("wrong", kWrongPin), ""},
+      {"sign --key 01" + pin, message},
+      {"sign --key 01 --algorithm PS256" + pin, message},
+      {"decrypt --key 02" + pin, cipher},
+      {"exchange --key 03" + pin, message},
+      {"doctor --login" + pin, ""},
+      {"conformance --login" + pin, ""},
+  };
+  for (const auto& [arguments, input] : rows) {
+    SCOPED_TRACE(::testing::PrintToString(arguments));
+    (void)recorded(arguments, input);
+    const std::string all = read("recording");
+    EXPECT_THAT(all, HasSubstr(R"("function":"C_GetSlotList")"));
+    for (const std::string& secret : {std::string{kPin}, std::string{kWrongPin}, text, message, cipher})
+      expectNoTraceOf(secret, all);
+  }
+}
+
+TEST_F(Recordings, AreNotMadeWhereThatMakesNoSense) {
+  const std::pair<Arguments, const char*> rows[] = {
+      {"record items", "record needs --out"},
+      {"record --out - items", "needs a file"},
+      {"record --out " + path("out"), "a subcommand is required"},
+      {"record --out " + path("out") + " help", "record needs a command"},
+      {"record --out " + path("out") + " record --out x items", "there is no \"record\""},
+      {"record --out " + path("out") + " items --colour", "there is no \"--colour\""},
+      {"--module x --replay y items", "excludes"},
+      {"--module x record --out " + path("out") + " items --replay y", "excludes"},
+  };
+  for (const auto& [arguments, why] : rows) expectFailure(run(invocation(arguments)), 2, {why});
+  EXPECT_FALSE(exists("out"));
+  expectFailure(run(invocation("items --replay " + write("none", "{}"))), 2, {"is no recording", "line 1"});
+  expectFailure(run(invocation("items --replay /nowhere/file")), 14, {"cannot be read"});
+  expectFailure(run(invocation("items --trace /nowhere/file")), 14, {"cannot be written"});
+}
+
+TEST_F(Recordings, TellOfEachCallBeforeACrash) {
+  if (kHasAddressSanitizer) GTEST_SKIP() << "the sanitizer makes an end of its own of a crash";
+  const std::string trace = path("trace");
+  expectFailure(run(stagedWithPin("login --trace " + trace, {{"CRASH", "C_Login"}})), 21, {"in C_Login"});
+  const Result shown = run(invocation("trace show " + trace));
+  expectSuccess(shown);
+  EXPECT_THAT(shown.out, HasSubstr("C_OpenSession"));
+  EXPECT_THAT(shown.out, Not(HasSubstr("C_Login")));
+  expectFailure(run(stagedWithPin("record --out " + file() + " login", {{"CRASH", "C_Login"}})), 21, {});
+  EXPECT_THAT(read("recording"), HasSubstr("C_OpenSession"));
+}
+
+TEST_F(Recordings, AreShownAsATable) {
+  const std::string wrong = " --pin-file " + write("wrong", kWrongPin);
+  EXPECT_EQ(mireltoken("login --trace " + path("trace") + wrong).exitCode, 7);
+  const Result all = run(invocation("trace show " + path("trace")));
+  expectSuccess(all);
+  EXPECT_THAT(all.out, ContainsRegex("CALL +FUNCTION +FOR +ABOUT +RESULT +MS\n"));
+  EXPECT_THAT(all.out, ContainsRegex("C_GetAttributeValue +token +object [0-9]+: CKA_"));
+  const std::vector<std::string> failed =
+      linesOf(run(invocation("trace show --failed " + path("trace"))).out);
+  ASSERT_EQ(failed.size(), 4U);
+  EXPECT_THAT(failed[1], ContainsRegex("C_Login +token +CKR_PIN_INCORRECT"));
+  EXPECT_THAT(failed[3], ContainsRegex("[0-9]+ calls that took [0-9.]+ ms; 1 failed\\."));
+  const Result slow = run(invocation("trace show --slow --json " + path("trace")));
+  const Json calls = Json::parse(slow.out)["calls"];
+  EXPECT_GE(calls.front()["milliseconds"], calls.back()["milliseconds"]);
+  expectFailure(run(invocation("trace shows x")), 2, {"trace show FILE"});
+}
+
+TEST_F(Recordings, OfOneCallAreALineOnStandardError) {
+  const Result run = recorded("items -v --json -v");
+  EXPECT_TRUE(Json::parse(run.out).is_object());
+  EXPECT_THAT(run.err, ContainsRegex("\nC_GetSlotList: CKR_OK, [0-9.]+ ms\n"));
+  EXPECT_THAT(run.err, ContainsRegex("\nC_GetAttributeValue \\(object [0-9]+: CKA_LABEL[^)]*\\): CKR_OK, "));
+  EXPECT_THAT(mireltoken("items -v").err, Not(HasSubstr("C_GetSlotList: CKR_OK")));
+}
+
+}  // namespace
+}  // namespace mirel::test
