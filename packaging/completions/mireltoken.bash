@@ -14,15 +14,15 @@ _mireltoken() {
   for ((i = 1; i < COMP_CWORD; i++)); do
     word=${COMP_WORDS[i]}
     case $word in
-      --module|--out|--pin-file|--in|--html|--bundle|--junit|--home|--reader|--timeout|--key|--pin-fd|--exec|--for|--algorithm)
+      --module|--trace|--replay|--out|--pin-file|--in|--html|--bundle|--junit|--home|--reader|--timeout|--key|--pin-fd|--exec|--for|--algorithm)
         [ "${COMP_WORDS[i + 1]}" != = ] || i=$((i + 1))
         i=$((i + 1)) ;;
-      readers|items|certificate|algorithms|login|sign|decrypt|exchange|doctor|conformance|watch|explain|help) command=$word; break ;;
+      readers|items|certificate|algorithms|login|sign|decrypt|exchange|doctor|conformance|watch|explain|record|trace|help) command=$word; break ;;
     esac
   done
 
   case $prev in
-    --module|--out|--pin-file|--in|--html|--bundle|--junit)
+    --module|--trace|--replay|--out|--pin-file|--in|--html|--bundle|--junit)
       _mireltoken_paths -f "$cur"; return ;;
     --home)
       _mireltoken_paths -d "$cur"; return ;;
@@ -31,7 +31,7 @@ _mireltoken() {
     --reader|--timeout|--key|--pin-fd|--exec|--for)
       _mireltoken_words "" "$cur"; return ;;
   esac
-  options='--version -h --help --module --home --trust-module --reader --timeout --json -v --verbose'
+  options='--version -h --help --module --home --trust-module --reader --timeout --json --trace --replay -v --verbose'
   case $command in
     certificate) options+=' --key --out' ;;
     algorithms) options+=' --key --all' ;;
@@ -42,11 +42,13 @@ _mireltoken() {
     doctor) options+=' --login --html --bundle --anonymous --pin-file --pin-fd --last-try' ;;
     conformance) options+=' --login --html --junit --pin-file --pin-fd --last-try' ;;
     watch) options+=' --exec --for' ;;
+    record) options+=' --out' ;;
+    trace) options+=' --failed --slow' ;;
   esac
   case $cur,$command in
     -*) _mireltoken_words "$options" "$cur" ;;
-    *,) _mireltoken_words 'readers items certificate algorithms login sign decrypt exchange doctor conformance watch explain help' "$cur" ;;
-    *,help) _mireltoken_words 'readers items certificate algorithms login sign decrypt exchange doctor conformance watch explain' "$cur" ;;
+    *,) _mireltoken_words 'readers items certificate algorithms login sign decrypt exchange doctor conformance watch explain record trace help' "$cur" ;;
+    *,help) _mireltoken_words 'readers items certificate algorithms login sign decrypt exchange doctor conformance watch explain record trace' "$cur" ;;
     *) _mireltoken_words "" "$cur" ;;
   esac
 }
