@@ -113,6 +113,27 @@ TEST_F(ReplayerTest, RepeatsTimeChanceAndTheCardService) {
   EXPECT_THAT(missing, ElementsAre("no such salt was drawn here when it was recorded"));
 }
 
+TEST_F(ReplayerTest, MayPassOverWhatIsNotAskedAgain) {
+  (void)useEverything(*bridge);
+  leavesOpen(script.openSessions());
+  std::vector<RecordedCall> calls = kept->calls();
+  ReplayingFront front{calls, ReplayingFront::Order::kPassOver,
+                       [this](const std::string& what) { missing.push_back(what); }};
+  CK_FUNCTION_LIST* functions = nullptr;
+  ASSERT_EQ(ModuleFront::entryPoint()(&functions), CKR_OK);
+  CK_SESSION_HANDLE session = 0;
+  // The first that was opened was closed again; the user has logged in to the second.
+  ASSERT_EQ(functions->C_OpenSession(kSlot, CKF_SERIAL_SESSION, nullptr, nullptr, &session), CKR_OK);
+  EXPECT_EQ(functions->C_Login(session, CKU_USER, nullptr, 0), CKR_PIN_INCORRECT);
+  EXPECT_EQ(functions->C_Login(session, CKU_USER, nullptr, 0), CKR_OK);
+  CK_SESSION_INFO info{};
+  EXPECT_EQ(functions->C_GetSessionInfo(session, &info), CKR_OK);
+  EXPECT_EQ(info.state, CKS_RO_USER_FUNCTIONS);
+  EXPECT_THAT(missing, IsEmpty());
+  EXPECT_EQ(functions->C_Login(session, CKU_USER, nullptr, 0), CKR_FUNCTION_FAILED);
+  EXPECT_THAT(missing, ElementsAre(StartsWith("C_Login was not recorded here")));
+}
+
 TEST_F(ReplayerTest, NeverWritesMoreThanThereIsRoomFor) {
   // A recording may say anything of an answer, its question being equal.
   RecordedCall list;

@@ -1,6 +1,7 @@
 #include "ReplayingFront.h"
 
 #include <algorithm>
+#include <type_traits>
 #include <utility>
 
 #include "CallAnswer.h"
@@ -11,6 +12,18 @@ namespace mirel::recording {
 namespace {
 
 constexpr const char* kEntryPoint = "C_GetFunctionList";
+constexpr const char* kOpening = "C_OpenSession";
+
+/// The session among arguments or answers; null when there is none.
+template <typename SomeFields>
+auto* sessionIn(SomeFields& fields) noexcept {
+  using Number = std::conditional_t<std::is_const_v<SomeFields>, const std::uint64_t, std::uint64_t>;
+  Number* session = nullptr;
+  for (auto& field : fields) {
+    if (field.name == "session") session = std::get_if<std::uint64_t>(&field.value.held);
+  }
+  return session;
+}
 
 std::string textOf(const RecordedCall& call) {
   const std::string subject = subjectText(call);
@@ -75,14 +88,55 @@ CK_RV ReplayingFront::called(const char* function, std::span<const Word> words, 
   return answer->result;
 }
 
-const RecordedCall* ReplayingFront::take(const std::string& function, const Fields& in) {
-  const auto isEqual = [&](const RecordedCall& call) { return call.function == function && call.in == in; };
-  const auto start = calls_.begin() + static_cast<std::ptrdiff_t>(next_);
-  const auto end = order_ == Order::kExact && start != calls_.end() ? start + 1 : calls_.end();
-  const auto found = std::find_if(start, end, isEqual);
-  if (found == end) return nullptr;
-  next_ = static_cast<std::size_t>(found - calls_.begin()) + 1;
-  return &*found;
+const RecordedCall* ReplayingFront::take(const std::string& function, Fields in) {
+  if (std::uint64_t* session = sessionIn(in)) {
+    const auto later = later_.find(*session);
+    if (later != later_.end()) *session = later->second;
+  }
+  const std::size_t end = order_ == Order::kExact ? std::min(next_ + 1, calls_.size()) : calls_.size();
+  for (std::size_t i = next_; i < end; ++i) {
+    if (calls_[i].function == function && calls_[i].in == in) return taken(i);
+  }
+  return order_ == Order::kExact ? nullptr : takeInLaterSession(function, in);
+}
+
+const RecordedCall* ReplayingFront::takeInLaterSession(const std::string& function, const Fields& in) {
+  Fields wanted = in;
+  std::uint64_t* session = sessionIn(wanted);
+  if (!session) return nullptr;
+  const std::uint64_t asked = *session;
+  const auto opened = handedOut_.find(asked);
+  for (std::size_t i = next_; i < calls_.size(); ++i) {
+    const auto place = openingOf(i);
+    if (calls_[i].function != function || !place || opened == handedOut_.end() || *place <= opened->second)
+      continue;
+    *session = *sessionIn(calls_[i].in);
+    if (calls_[i].in != wanted) continue;
+    handedOut_[*session] = *place;
+    for (auto& [from, to] : later_) to = to == asked ? *session : to;
+    later_[asked] = *session;
+    return taken(i);
+  }
+  return nullptr;
+}
+
+const RecordedCall* ReplayingFront::taken(std::size_t index) {
+  next_ = index + 1;
+  RecordedCall& call = calls_[index];
+  if (const std::uint64_t* session = call.function == kOpening ? sessionIn(call.out) : nullptr) {
+    handedOut_[*session] = index;
+    later_.erase(*session);
+  }
+  return &call;
+}
+
+std::optional<std::size_t> ReplayingFront::openingOf(std::size_t index) const {
+  const std::uint64_t* session = sessionIn(calls_[index].in);
+  for (std::size_t i = index; session && i-- > 0;) {
+    const std::uint64_t* opened = calls_[i].function == kOpening ? sessionIn(calls_[i].out) : nullptr;
+    if (opened && *opened == *session) return i;
+  }
+  return std::nullopt;
 }
 
 void ReplayingFront::tellMissing(const std::string& function, const Fields& in) const {

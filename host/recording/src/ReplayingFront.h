@@ -2,7 +2,9 @@
 
 #include <cstddef>
 #include <functional>
+#include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -17,7 +19,8 @@ class ReplayingFront final : public ModuleFront {
   /// Which calls of the recording answer.
   enum class Order {
     kExact,    ///< all, one behind the other
-    kPassOver  ///< those for the token; what is not asked for again is passed over
+    kPassOver  ///< those for the token; what is not asked for again is passed over, and a session that does
+               ///< not go on stands for a later one
   };
 
   /// `onMissing`: told, in words, of a call for which there is no answer; it gets CKR_FUNCTION_FAILED. Calls
@@ -30,14 +33,20 @@ class ReplayingFront final : public ModuleFront {
 
  private:
   /// The call that answers an equal one; null when there is none.
-  [[nodiscard]] const RecordedCall* take(const std::string& function, const Fields& in);
+  [[nodiscard]] const RecordedCall* take(const std::string& function, Fields in);
+  [[nodiscard]] const RecordedCall* takeInLaterSession(const std::string& function, const Fields& in);
+  [[nodiscard]] const RecordedCall* taken(std::size_t index);
+  /// Where the session of the call at that place was opened.
+  [[nodiscard]] std::optional<std::size_t> openingOf(std::size_t index) const;
   void tellMissing(const std::string& function, const Fields& in) const;
 
   std::vector<RecordedCall> calls_;
   Order order_;
   std::function<void(const std::string&)> onMissing_;
   std::mutex mutex_;
-  std::size_t next_ = 0;  // of the calls
+  std::size_t next_ = 0;                            // of the calls
+  std::map<std::uint64_t, std::size_t> handedOut_;  // sessions, with the place of their opening
+  std::map<std::uint64_t, std::uint64_t> later_;    // what stands for a session that does not go on
 };
 
 }  // namespace mirel::recording
