@@ -210,5 +210,37 @@ TEST_F(Recordings, OfOneCallAreALineOnStandardError) {
   EXPECT_THAT(mireltoken("items -v").err, Not(HasSubstr("C_GetSlotList: CKR_OK")));
 }
 
+/// Those in tests/recordings, each of the command that its header names. NAME.out has what was printed, and
+/// the exit code.
+TEST_F(Recordings, OfCardsAnswerAsTheyDid) {
+  std::size_t numPlayed = 0;
+  for (const auto& entry : std::filesystem::directory_iterator{MIREL_SOURCE "/tests/recordings"}) {
+    std::filesystem::path expected = entry.path();
+    expected.replace_extension(".out");
+    if (entry.path().extension() != ".jsonl" || !std::filesystem::exists(expected)) continue;
+    SCOPED_TRACE(entry.path());
+    ++numPlayed;
+    Arguments arguments{"--replay", entry.path().string()};
+    const auto words =
+        Json::parse(linesOf(contentOf(entry.path())).front())["command"].get<std::vector<std::string>>();
+    for (std::size_t i = 0; i < words.size(); ++i) {
+      const bool isFile = words[i] == "FILE";
+      if (words[i] == "--module") {
+        ++i;  // the recording is in its place
+      } else if (isFile && words[i - 1] == "--pin-file") {
+        arguments.push_back(write("pin", kPin));
+      } else {
+        arguments.push_back(isFile ? write("message", kMessage) : words[i]);
+      }
+    }
+    Invocation call = invocation(arguments);
+    call.input = kMessage;
+    const Result result = run(call);
+    EXPECT_EQ(result.out + "exit code " + std::to_string(result.exitCode) + "\n", contentOf(expected))
+        << result.err;
+  }
+  EXPECT_GE(numPlayed, 3U);
+}
+
 }  // namespace
 }  // namespace mirel::test
