@@ -11,7 +11,7 @@ void takeVariables(Options& options) {
     options.moduleIsFromVariable = options.modulePath.has_value();
   }
   // Whoever looks for the right name must not be kept from seeing it by a wrong one.
-  if (!options.reader && options.command != &readersCommand) {
+  if (!options.reader && options.command != &readersCommand && !options.replay) {
     options.reader = callersVariable("MIRELTOKEN_READER");
     options.readerIsFromVariable = options.reader.has_value();
   }

@@ -156,6 +156,9 @@ Result<void> checkUsage(const Options& options) {
   if (!options.key && options.command->takes(CommandOption::Kind::kKey))
     return wrongUsage("--key is missing");
   if (auto key = checkKeyName(options.key.value_or("")); !key) return key;
+  if (options.trace == "-") return wrongUsage("--trace needs a file, not standard output");
+  if (options.trace && options.trace == options.replay)
+    return wrongUsage("--trace would overwrite the recording of --replay");
   if (options.replay && options.modulePath) return wrongUsage("--replay excludes --module");
   if (options.replay && options.home) return wrongUsage("--replay excludes --home");
   if (!options.command->hasWorker && (options.trace || options.replay || options.verbose > 1))

@@ -53,6 +53,7 @@ class Recordings : public EndToEndTest {
   [[nodiscard]] Result replayed(const Arguments& arguments, const std::string& input = {}) const {
     Invocation call = invocation(Arguments{"--replay", file()} + arguments);
     call.environment.erase("SOFTHSM2_CONF");
+    for (const char* name : {"MIRELTOKEN_MODULE", "MIRELTOKEN_READER"}) call.environment[name] = "another";
     call.input = input;
     return run(call);
   }
@@ -163,6 +164,8 @@ TEST_F(Recordings, AreNotMadeWhereThatMakesNoSense) {
       {"record --out " + path("out") + " record --out x items", "there is no \"record\""},
       {"record --out " + path("out") + " items --colour", "there is no \"--colour\""},
       {"--module x --replay y items", "excludes"},
+      {"--trace - items", "needs a file"},
+      {"--trace x --replay x items", "would overwrite"},
       {"--module x record --out " + path("out") + " items --replay y", "excludes"},
   };
   for (const auto& [arguments, why] : rows) expectFailure(run(invocation(arguments)), 2, {why});
