@@ -133,6 +133,8 @@ void declareRecord(CLI::App& app, Options& options) {
   declared->footer("");
   declared->prefix_command();
   declared->add_option("--out", options.recordTo, "Where the recording goes")->type_name("FILE");
+  declared->add_flag("--anonymous", options.anonymous,
+                     "Put pseudonyms of the same length for names, labels and serial numbers");
 }
 
 /// No command of the list: it needs no module.

@@ -32,6 +32,7 @@ struct Options {
   std::optional<std::string> trace;     ///< where the calls are written to
   std::optional<std::string> replay;    ///< the recording in place of a module
   std::optional<std::string> recordTo;  ///< where the recording goes; nothing: none is made
+  bool anonymous = false;               ///< with pseudonyms in the recording
   std::vector<std::string> words;       ///< of the command line, without the names of files
   const Command* command = nullptr;     ///< the one that was chosen; null when help was
   std::optional<std::string> helpOn;    ///< the command that help is wanted on; nothing: the whole program

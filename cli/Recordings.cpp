@@ -17,11 +17,14 @@
 #include "Files.h"
 #include "Json.h"
 #include "Output.h"
+#include "ReplacedList.h"
 #include "Version.h"
 #include "Worker.h"
 #include "host/Home.h"
 #include "platform/Log.h"
+#include "platform/PlatformServices.h"
 #include "platform/UserDirectory.h"
+#include "recording/AnonymousRecording.h"
 #include "recording/CallText.h"
 #include "recording/Recorder.h"
 #include "recording/RecordingFile.h"
@@ -91,8 +94,23 @@ bool has(const std::vector<std::string>& words, std::string_view word) {
   return std::find(words.begin(), words.end(), word) != words.end();
 }
 
-/// What is stored of a recording. Whoever has something in it replaced does that here.
-Recording forStorage(Recording recorded) { return recorded; }
+std::vector<std::string> namesOfUser() {
+  std::vector<std::string> names;
+  for (const auto& directory : {systemServices().user, systemUserDirectory()}) {
+    names.push_back(directory->loginName());
+    names.push_back(std::filesystem::path{directory->homeOf(names.back())}.filename().string());
+  }
+  std::erase(names, std::string{});
+  return names;
+}
+
+/// What is stored of a recording.
+Recording forStorage(Recording recorded, const Options& options) {
+  if (!options.anonymous) return recorded;
+  recording::AnonymousRecording anonymous = recording::anonymousRecording(recorded, namesOfUser());
+  tellReplaced(*options.recordTo, anonymous.pseudonyms);
+  return std::move(anonymous.recording);
+}
 
 Failure withoutOption(Failure failure) {
   failure.advice = "check the name of the recording";
@@ -238,7 +256,7 @@ Result<void> RunRecorder::store() const {
                    "what was recorded is damaged: " + printableLine(read.refusal),
                    "run with --trace, which keeps what there is"};
   }
-  const std::string text = textOf(forStorage(std::move(*read.recording)));
+  const std::string text = textOf(forStorage(std::move(*read.recording), options_));
   return writeFile(options_.recordTo, {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()},
                    kOwnerOnly);
 }
