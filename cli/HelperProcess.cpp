@@ -104,8 +104,8 @@ void becomeHelper() {
   (void)dup2(STDERR_FILENO, STDOUT_FILENO);
 }
 
-[[noreturn]] void work(const std::function<void(HelperLine&)>& work, const Watch& watch, int texts, int leash,
-                       std::chrono::milliseconds timeForEnd) {
+[[noreturn]] void helpWith(const std::function<void(HelperLine&)>& work, const Watch& watch, int texts,
+                           int leash, std::chrono::milliseconds timeForEnd) {
   becomeHelper();
   const auto line = std::make_shared<Line>(texts, leash, timeForEnd);
   const auto done = runInWorker(
@@ -133,8 +133,8 @@ Result<std::unique_ptr<HelperProcess>> HelperProcess::start(const std::function<
   if (process == 0) {
     (void)close(texts->output);
     (void)close(leash->input);
-    cli::work(work, watch, texts->input, leash->output,
-              endsAtOnce ? std::chrono::milliseconds{0} : kTimeForEnd);
+    helpWith(work, watch, texts->input, leash->output,
+             endsAtOnce ? std::chrono::milliseconds{0} : kTimeForEnd);
   }
   const Failure failure = noProcess();
   if (texts) (void)close(texts->input);

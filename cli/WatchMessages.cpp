@@ -1,6 +1,7 @@
 #include "WatchMessages.h"
 
 #include <algorithm>
+#include <stdexcept>
 #include <variant>
 
 #include "ExitCode.h"
@@ -22,13 +23,20 @@ auto taken(const std::string& message, const char* name, const Take& take)
     const Json json = Json::parse(message);
     if (!json.is_object() || !json.contains(name)) return std::nullopt;
     return take(json[name]);
-  } catch (const Json::exception&) {
+  } catch (const std::exception&) {
     return std::nullopt;
   }
 }
 
+template <typename Number>
+Number numberOf(const Json& json) {
+  if (!json.is_number_unsigned()) throw std::invalid_argument{"it is no such number"};
+  return json.get<Number>();
+}
+
 ToldFailure failureOf(const Json& json) {
-  return {json.at("id"), json.at("exitCode"), json.at("what"), json.at("why"), json.at("advice")};
+  return {json.at("id"), numberOf<int>(json.at("exitCode")), json.at("what"), json.at("why"),
+          json.at("advice")};
 }
 
 Json listOf(const std::vector<WatchedReader>& readers) {
@@ -46,7 +54,7 @@ std::vector<WatchedReader> readersOf(const Json& list, bool isServices) {
   for (const Json& json : list) {
     WatchedReader reader{Text{}, WatchedReader::Card::kUnknown, json.at("mark"), isServices};
     if (json.contains("name")) reader.name = Text::fromUtf8(json["name"].get<std::string>());
-    const int card = json.at("card");
+    const int card = numberOf<int>(json.at("card"));
     for (const auto known : {WatchedReader::Card::kNone, WatchedReader::Card::kPresent}) {
       if (static_cast<int>(known) == card) reader.card = known;
     }
@@ -57,7 +65,7 @@ std::vector<WatchedReader> readersOf(const Json& list, bool isServices) {
 
 Finding findingOf(const Json& json) {
   const FindingEntry* entry = findEntry(json.at("code").get<std::string>());
-  const int severity = json.at("severity");
+  const int severity = numberOf<int>(json.at("severity"));
   return {entry ? entry->id : FindingID::kObjectUnread,
           entry && severity == static_cast<int>(Severity::kFailure)   ? Severity::kFailure
           : entry && severity == static_cast<int>(Severity::kWarning) ? Severity::kWarning
@@ -142,8 +150,13 @@ std::string messageOf(const InsertedCard& card, const CardReport& report) {
 std::optional<CardNews> cardIn(const std::string& message) {
   return taken(message, "card", [](const Json& json) {
     const auto text = [&](const char* name) { return Text::fromUtf8(json.at(name).get<std::string>()); };
-    CardNews news{text("tokenLabel"), text("serialNumber"), text("instanceID"), json.at("certificates"),
-                  json.at("keys"),    std::nullopt,         std::nullopt};
+    CardNews news{text("tokenLabel"),
+                  text("serialNumber"),
+                  text("instanceID"),
+                  numberOf<std::size_t>(json.at("certificates")),
+                  numberOf<std::size_t>(json.at("keys")),
+                  std::nullopt,
+                  std::nullopt};
     if (json.contains("worst")) news.worst = findingOf(json["worst"]);
     if (json.contains("incomplete")) news.incomplete = failureOf(json["incomplete"]);
     return news;

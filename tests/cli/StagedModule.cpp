@@ -21,10 +21,12 @@
 ///                             a module does that hides a wrong padding.
 ///   MIREL_STAGED_PAUSE        a function in kStaged: its call waits for the end of the process; "entry": so
 ///                             does the entry point; "exit": the process waits when it has done its work.
-///   MIREL_STAGED_HANGS        the label of a token on which no session can be opened: that call waits for the
+///   MIREL_STAGED_HANGS        the label of a token on which no session can be opened: that call waits for
+///   the
 ///                             end of the process.
 ///   MIREL_STAGED_SWAP         a function in kStaged: from its first call on every token has another serial
 ///                             number.
+///   MIREL_STAGED_SWAP_FILE    the same once there is that file.
 ///   MIREL_STAGED_CALLS        a file that gets the name of every call of the first kNumNoted functions in
 ///                             kStaged, in a line of its own; those of C_GetTokenInfo too. C_Login adds
 ///                             "dumpable" and what prctl answers, and C_FindObjects adds "certificate" and
@@ -192,6 +194,8 @@ CK_RV tokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO_PTR info) {
   if (rv == CKR_OK) info->flags |= moreFlags;
   if (const std::string shortest = variable("MIREL_STAGED_MIN_PIN"); rv == CKR_OK && !shortest.empty())
     info->ulMinPinLen = std::stoul(shortest);
+  if (const std::string file = variable("MIREL_STAGED_SWAP_FILE"); !file.empty())
+    swapped = swapped || access(file.c_str(), F_OK) == 0;
   if (rv == CKR_OK && swapped) std::fill_n(info->serialNumber, sizeof info->serialNumber, CK_UTF8CHAR{'9'});
   return rv;
 }

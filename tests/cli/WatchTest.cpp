@@ -242,10 +242,17 @@ TEST_F(Watching, EndsThePromptForThePinOfACardThatGoes) {
     int exitCode;
     const char* what;
   } rows[] = {{"taken out", "10022:3B", "20010", {}, 16, "the card is not in the reader"},
-              {"swapped", "10022:3B", "30022:3B", {}, 16, "the card is not in the reader"},
+              {"taken out and put back", "10022:3B", "30022:3B", {}, 16, "the card is not in the reader"},
+              {"swapped",
+               "10022:3B",
+               "30022:3B",
+               {{"SWAP_FILE", path("swapped")}},
+               15,
+               "another card is in the reader"},
               {"its reader goes", "10022:3B", nullptr, {}, 16, "the card is not in the reader"}};
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
+    std::filesystem::remove(path("swapped"));
     tell({{"Card", row.before}});
     PseudoTerminal terminal;
     const std::string settings = terminal.settings();
@@ -257,6 +264,7 @@ TEST_F(Watching, EndsThePromptForThePinOfACardThatGoes) {
     ASSERT_TRUE(terminal.waitFor("PIN for "));
     terminal.type("123");
     std::this_thread::sleep_for(std::chrono::milliseconds{100});
+    (void)write("swapped", "");
     row.after ? tell({{"Card", row.after}}) : tell({});
     expectFailure(child.wait(), row.exitCode, {row.what});
     EXPECT_EQ(terminal.settings(), settings);
