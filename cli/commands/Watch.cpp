@@ -141,6 +141,7 @@ class WatchRun {
       wait();
       if (auto done = goOn(); !done) return done;
     }
+    if (!isOver_) tellOfSilence();
     endHelpers();
     return {};
   }
@@ -225,12 +226,21 @@ class WatchRun {
     serviceDeadline_.reset();
     sources_.serviceTells(news.answers, news.readers);
     if (!news.answers && !serviceIsSilent_) {
-      writeMessage("mireltoken: the card service does not answer" +
-                   (news.evidence.empty() ? "" : ": " + news.evidence) +
-                   "; until it does, the module is asked for its readers");
+      silence_ = "mireltoken: the card service does not answer" +
+                 (news.evidence.empty() ? "" : ": " + news.evidence) +
+                 "; until it does, the module is asked for its readers";
     }
-    if (news.answers && serviceIsSilent_) writeMessage("mireltoken: the card service answers");
+    if (news.answers && serviceIsSilent_) {
+      tellOfSilence();
+      writeMessage("mireltoken: the card service answers");
+    }
     serviceIsSilent_ = !news.answers;
+  }
+
+  /// Only once the module has answered: where it cannot be loaded, that is all there is to tell.
+  void tellOfSilence() {
+    if (silence_) writeMessage(*silence_);
+    silence_.reset();
   }
 
   // ---- The module's slots ----
@@ -251,6 +261,7 @@ class WatchRun {
     if (!ended && !slots) return {};
     if (!slots) tellOfModule(look_->failure());
     if (slots) lastTold_.reset();
+    if (!isOver_) tellOfSilence();
     sources_.lookEnds(Clock::now(), slots);
     leave(std::move(look_));
     return {};
@@ -357,6 +368,7 @@ class WatchRun {
   std::optional<Clock::time_point> serviceDeadline_;  // for its first word
   std::optional<Clock::time_point> serviceStart_;     // after a crash
   bool serviceIsSilent_ = false;
+  std::optional<std::string> silence_;  // what is to be told of it
   std::unique_ptr<HelperProcess> look_;
   std::optional<ToldFailure> lastTold_;
   std::map<std::u16string, InsertedOne> cards_;  // by the names of their readers

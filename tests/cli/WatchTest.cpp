@@ -212,15 +212,15 @@ TEST_F(Watching, IsNotHeldUpByACommandThatHangsAndLeavesNoneBehind) {
   for (const std::string& process : processes) EXPECT_NE(kill(std::stoi(process), 0), 0);
 }
 
-TEST_F(Watching, EndsWithAModuleThatCannotBeLoaded) {
-  tell({{"Card", kNone}});
-  Invocation call = watching("--json");
+TEST_F(Watching, EndsWithAModuleThatCannotBeLoadedAndSaysNothingElse) {
+  Invocation call = watching("--json");  // without a card service
   for (std::string& word : call.arguments) {
     if (word == MIREL_STAGED_MODULE_FILE) word = write("module.so", "no library");
   }
   const Result result = run(call);
   EXPECT_EQ(result.exitCode, 3);
   EXPECT_EQ(Json::parse(result.out)["error"]["id"], "module-not-loadable");
+  EXPECT_THAT(result.err, MatchesRegex("mireltoken: [^\n]+ cannot be loaded: [^\n]+\n"));
 }
 
 TEST_F(Watching, LeavesNoProcessBehindWhenItIsKilled) {
