@@ -23,7 +23,7 @@
 ///                             does the entry point; "exit": the process waits when it has done its work.
 ///   MIREL_STAGED_HANGS        the label of a token on which no session can be opened: that call waits for
 ///   the
-///                             end of the process.
+///                             end of the process, and makes the file MIREL_STAGED_HANGING.
 ///   MIREL_STAGED_SWAP         a function in kStaged: from its first call on every token has another serial
 ///                             number.
 ///   MIREL_STAGED_SWAP_FILE    the same once there is that file.
@@ -206,6 +206,8 @@ CK_RV openSession(CK_SLOT_ID slot, CK_FLAGS flags, CK_VOID_PTR application, CK_N
   const std::string label = variable("MIREL_STAGED_HANGS");
   const bool hangs = !label.empty() && real->C_GetTokenInfo(slot, &info) == CKR_OK &&
                      std::equal(label.begin(), label.end(), std::begin(info.label));
+  if (hangs)
+    (void)close(open(variable("MIREL_STAGED_HANGING").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
   while (hangs) (void)pause();
   return real->C_OpenSession(slot, flags, application, notify, session);
 }

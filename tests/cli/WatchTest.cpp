@@ -161,8 +161,9 @@ TEST_F(Watching, IsNotHeldUpByAModuleThatHangsOnOneReader) {
 
 TEST_F(Watching, EndsAModuleThatHangsWhenItsCardIsTakenOut) {
   tell({{"Card", kCard}});
-  RunningChild child{watching("--json --timeout 0", {{"HANGS", "Card"}})};
-  std::this_thread::sleep_for(std::chrono::milliseconds{300});
+  RunningChild child{watching("--json --timeout 0", {{"HANGS", "Card"}, {"HANGING", path("hanging")}})};
+  for (int i = 0; i < 2000 && !exists("hanging"); ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds{10});
   tell({{"Card", kNone}});
   (void)events(2);
   const auto told = jsonOf(ended(child));
