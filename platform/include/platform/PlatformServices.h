@@ -27,7 +27,7 @@ struct PlatformServices {
   std::shared_ptr<LocalizedStrings> strings;
   std::shared_ptr<CryptokiObserver> observer;            ///< may be null
   std::shared_ptr<CryptokiObserver> inspectionObserver;  ///< told of the host's own calls; may be null
-  std::shared_ptr<CardService> cardService;              ///< for explanations alone; may be null
+  std::shared_ptr<CardService> cardService;              ///< for the host and its watches alone; may be null
   std::shared_ptr<TimeAndChance> timeAndChance;          ///< for the host; null: the system's
 };
 
