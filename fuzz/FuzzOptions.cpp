@@ -1,8 +1,8 @@
-// How the sanitizers work in a fuzzer: a run makes thousands of small blocks, of which neither the whole way to each nor
+// How the sanitizers work in a fuzzer: a run makes thousands of small blocks, of which neither the way to each nor
 // a long memory of freed ones is worth half of the time.
 
 extern "C" const char* __asan_default_options();
 
 const char* __asan_default_options() {
-  return "malloc_context_size=6:quarantine_size_mb=16:detect_stack_use_after_return=0";
+  return "malloc_context_size=1:quarantine_size_mb=4:detect_stack_use_after_return=0";
 }

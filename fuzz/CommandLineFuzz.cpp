@@ -1,0 +1,74 @@
+// What a user types: words after the program's name, parsed as the program parses them. No command is run.
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "Check.h"
+#include "Commands.h"
+#include "Input.h"
+#include "Options.h"
+#include "Presentable.h"
+#include "Usage.h"
+#include "host/KeyChoice.h"
+
+namespace mirel::fuzz {
+namespace {
+
+/// The words, which the input has zeros between: no word of a command line has one.
+std::vector<std::string> wordsFrom(Input& input) {
+  std::vector<std::string> words{"mireltoken"};
+  const std::string all{input.rest().begin(), input.rest().end()};
+  for (std::size_t start = 0; start < all.size();) {
+    const std::size_t end = std::min(all.find('\0', start), all.size());
+    words.push_back(all.substr(start, end - start));
+    start = end + 1;
+  }
+  return words;
+}
+
+bool isKnown(const cli::Command* command) {
+  const auto commands = cli::allCommands();
+  return std::find(commands.begin(), commands.end(), command) != commands.end();
+}
+
+void checkOptions(const cli::Options& options) {
+  check(options.timeout >= 0 && options.timeout <= 86400, "a time to wait is within its limits");
+  check(!options.command || isKnown(options.command), "a command is one of ours");
+  check(!options.pinFile || !options.pinFd, "there is one source of the PIN");
+  check(!options.modulePath || !options.home, "the module is named in one way");
+  if (!options.key) return;
+  if (const auto key = checkKeyName(*options.key); !key) checkFailure(key.failure());
+}
+
+void run(Input& input) {
+  std::vector<std::string> words = wordsFrom(input);
+  std::vector<char*> argv;
+  for (std::string& word : words) argv.push_back(word.data());
+  CLI::App app;
+  cli::Options options;
+  cli::declareOptions(app, options);
+  try {
+    app.parse(static_cast<int>(argv.size()), argv.data());
+    checkOptions(options);
+    if (!options.command) (void)cli::helpTextOn(app, options.helpOn.value_or(""));
+  } catch (const CLI::CallForHelp&) {
+    check(!cli::helpText(app).empty(), "there is help");
+  } catch (const CLI::CallForVersion&) {
+    // has nothing to do with what was typed
+  } catch (const CLI::ParseError& error) {
+    checkOneLine(cli::refusalText(app, error), "why a command line is refused");
+  }
+}
+
+}  // namespace
+}  // namespace mirel::fuzz
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
+
+int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  mirel::fuzz::Input input{{data, size}};
+  mirel::fuzz::run(input);
+  return 0;
+}
