@@ -40,8 +40,16 @@ class PublishedNames {
       } else {
         const auto& certificate = std::get<PublishedCertificate>(*item);
         certificates_.emplace(certificate.objectID.units(), bytesOf(certificate.data));
+        names_.emplace(certificate.objectID.units());
       }
     }
+  }
+
+  /// Whether an item may be about the object, be it with another content.
+  [[nodiscard]] bool mayShow(const CardObject& object) const {
+    const UnpublishedObject& about = object.about;
+    if (about.kind == "public key") return keys_.contains(about.id.units());
+    return names_.contains(certificateNameOf(about.label, about.id).units());
   }
 
   /// `uncertain`: the second look has missed something.
@@ -60,6 +68,7 @@ class PublishedNames {
  private:
   std::set<std::u16string, std::less<>> keys_;
   std::set<std::pair<std::u16string, std::string>> certificates_;
+  std::set<std::u16string, std::less<>> names_;  // of the certificates
 };
 
 void collectUnpublished(const CardContents& contents,
@@ -67,6 +76,20 @@ void collectUnpublished(const CardContents& contents,
   for (const auto* objects : {&contents.publicKeys, &contents.certificates}) {
     for (const CardObject& object : *objects) {
       if (!object.about.reason.empty() && !isPublished(object)) report.unpublished.push_back(object.about);
+    }
+  }
+}
+
+/// Tells of objects that nothing speaks against, and that are not published all the same: the token looks for
+/// those alone that the module says are on the card.
+void explainUnlisted(const PublishedNames& published, CardContents& contents) {
+  for (auto* objects : {&contents.publicKeys, &contents.certificates}) {
+    for (CardObject& object : *objects) {
+      if (!isPublishable(object) || published.mayShow(object)) continue;
+      object.about.reason =
+          "the token does not list it: perhaps CKA_TOKEN is not true of it, or of the other object with its "
+          "ID";
+      object.about.cause = FindingID::kObjectLeftOut;
     }
   }
 }
@@ -214,6 +237,7 @@ CardReport Host::examine(const InsertedCard& card, bool afterLogin) {
   copyLook(contents, report);
   const PublishedNames published{card};
   const bool uncertain = !report.failedRead.empty();
+  if (!uncertain && !card.incomplete) explainUnlisted(published, contents);
   collectUnpublished(
       contents, [&](const CardObject& object) { return published.show(object, uncertain); }, report);
   for (UnpublishedObject& object : report.unpublished) {

@@ -70,6 +70,16 @@ TEST_F(SecondLook, NeverSaysOfAPublishedObjectThatItIsNotWhateverCallFails) {
   }
 }
 
+TEST_F(SecondLook, TellsOfObjectsThatAreNotOnTheToken) {
+  setCertificate({});
+  Object& key = script.object(kPublicKey);
+  key = key.with(CKA_TOKEN, boolValue(false));
+  const CardReport report = host.examine(inserted());
+  EXPECT_EQ(namesOf(report), (Names{{"certificate", "MyKey"}, {"public key", "MyKey"}}));
+  for (const UnpublishedObject& object : report.unpublished)
+    EXPECT_THAT(object.reason, HasSubstr("perhaps CKA_TOKEN is not true"));
+}
+
 TEST_F(SecondLook, TellsTheCallThatFailed) {
   const InsertedCard card = inserted();
   script.failCallOf("C_OpenSession", 0, CKR_SESSION_COUNT);
