@@ -1,5 +1,5 @@
-// A user decrypts with a key of the card, while the module answers what the input says. For the scripted module a
-// cipher text is the padded block itself (see test::cipherOf).
+// A user decrypts with a key of the card, while the module answers what the input says. For the scripted
+// module a cipher text is the padded block itself (see test::cipherOf).
 
 #include <algorithm>
 #include <string_view>
@@ -39,8 +39,9 @@ void decrypt(Input& input) {
                        !run.module().decryptsRaw();
   if (!isAsked) return;
   if (plain) {
-    check(!plain->isNull() && std::equal(text.begin(), text.end(), plain->view().begin(), plain->view().end()),
-          "a plain text is the one that was encrypted");
+    check(
+        !plain->isNull() && std::equal(text.begin(), text.end(), plain->view().begin(), plain->view().end()),
+        "a plain text is the one that was encrypted");
   }
   const bool isGood = run.allIsWell() && run.pins().areGood() && mayWork(*key, algorithm);
   check(bool{plain} || !isGood, "the good card decrypts");

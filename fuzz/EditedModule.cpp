@@ -108,15 +108,37 @@ void makeGoodCard(test::Script& script, unsigned keys) {
 // ---- Answers ----
 
 CK_RV codeFrom(Input& input) {
-  constexpr CK_RV kCodes[] = {
-      CKR_DEVICE_ERROR,         CKR_DEVICE_REMOVED,           CKR_TOKEN_NOT_PRESENT,       CKR_TOKEN_NOT_RECOGNIZED,
-      CKR_SESSION_HANDLE_INVALID, CKR_SESSION_CLOSED,         CKR_SESSION_COUNT,           CKR_USER_NOT_LOGGED_IN,
-      CKR_USER_ALREADY_LOGGED_IN, CKR_PIN_INCORRECT,          CKR_PIN_LOCKED,              CKR_PIN_LEN_RANGE,
-      CKR_GENERAL_ERROR,        CKR_FUNCTION_FAILED,          CKR_HOST_MEMORY,             CKR_DEVICE_MEMORY,
-      CKR_BUFFER_TOO_SMALL,     CKR_ATTRIBUTE_TYPE_INVALID,   CKR_ATTRIBUTE_SENSITIVE,     CKR_OBJECT_HANDLE_INVALID,
-      CKR_CRYPTOKI_NOT_INITIALIZED, CKR_CRYPTOKI_ALREADY_INITIALIZED, CKR_FUNCTION_NOT_SUPPORTED,
-      CKR_ARGUMENTS_BAD,        CKR_OPERATION_ACTIVE,         CKR_OPERATION_NOT_INITIALIZED, CKR_DATA_LEN_RANGE,
-      CKR_ENCRYPTED_DATA_INVALID, CKR_MECHANISM_INVALID,      CKR_KEY_HANDLE_INVALID,      CKR_SLOT_ID_INVALID};
+  constexpr CK_RV kCodes[] = {CKR_DEVICE_ERROR,
+                              CKR_DEVICE_REMOVED,
+                              CKR_TOKEN_NOT_PRESENT,
+                              CKR_TOKEN_NOT_RECOGNIZED,
+                              CKR_SESSION_HANDLE_INVALID,
+                              CKR_SESSION_CLOSED,
+                              CKR_SESSION_COUNT,
+                              CKR_USER_NOT_LOGGED_IN,
+                              CKR_USER_ALREADY_LOGGED_IN,
+                              CKR_PIN_INCORRECT,
+                              CKR_PIN_LOCKED,
+                              CKR_PIN_LEN_RANGE,
+                              CKR_GENERAL_ERROR,
+                              CKR_FUNCTION_FAILED,
+                              CKR_HOST_MEMORY,
+                              CKR_DEVICE_MEMORY,
+                              CKR_BUFFER_TOO_SMALL,
+                              CKR_ATTRIBUTE_TYPE_INVALID,
+                              CKR_ATTRIBUTE_SENSITIVE,
+                              CKR_OBJECT_HANDLE_INVALID,
+                              CKR_CRYPTOKI_NOT_INITIALIZED,
+                              CKR_CRYPTOKI_ALREADY_INITIALIZED,
+                              CKR_FUNCTION_NOT_SUPPORTED,
+                              CKR_ARGUMENTS_BAD,
+                              CKR_OPERATION_ACTIVE,
+                              CKR_OPERATION_NOT_INITIALIZED,
+                              CKR_DATA_LEN_RANGE,
+                              CKR_ENCRYPTED_DATA_INVALID,
+                              CKR_MECHANISM_INVALID,
+                              CKR_KEY_HANDLE_INVALID,
+                              CKR_SLOT_ID_INVALID};
   const std::size_t which = input.byte();
   return which < std::size(kCodes) ? kCodes[which] : static_cast<CK_RV>(input.number());
 }
@@ -228,8 +250,8 @@ struct Edit<&List::C_FindObjects> {
 
 template <>
 struct Edit<&List::C_GetAttributeValue> {
-  static CK_RV call(Input& input, CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE_PTR attributes,
-                    CK_ULONG count) {
+  static CK_RV call(Input& input, CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object,
+                    CK_ATTRIBUTE_PTR attributes, CK_ULONG count) {
     if (!attributes || count == 0) {
       return Behaviour<&List::C_GetAttributeValue>::call(session, object, attributes, count);
     }
@@ -262,8 +284,8 @@ struct Edit<&List::C_GetAttributeValue> {
 /// C_Sign and C_Decrypt.
 template <auto Function>
 struct EditResult {
-  static CK_RV call(Input& input, CK_SESSION_HANDLE session, CK_BYTE_PTR data, CK_ULONG dataLen, CK_BYTE_PTR output,
-                    CK_ULONG_PTR len) {
+  static CK_RV call(Input& input, CK_SESSION_HANDLE session, CK_BYTE_PTR data, CK_ULONG dataLen,
+                    CK_BYTE_PTR output, CK_ULONG_PTR len) {
     const CK_ULONG room = len ? *len : 0;
     const CK_RV rv = Behaviour<Function>::call(session, data, dataLen, output, len);
     if (!len) return rv;
@@ -284,8 +306,9 @@ struct Edit<&List::C_Decrypt> : EditResult<&List::C_Decrypt> {};
 
 template <>
 struct Edit<&List::C_DeriveKey> {
-  static CK_RV call(Input& input, CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism, CK_OBJECT_HANDLE base,
-                    CK_ATTRIBUTE_PTR attributes, CK_ULONG count, CK_OBJECT_HANDLE_PTR key) {
+  static CK_RV call(Input& input, CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism,
+                    CK_OBJECT_HANDLE base, CK_ATTRIBUTE_PTR attributes, CK_ULONG count,
+                    CK_OBJECT_HANDLE_PTR key) {
     const CK_RV rv = Behaviour<&List::C_DeriveKey>::call(session, mechanism, base, attributes, count, key);
     if (!key) return rv;
     *key = input.number();
@@ -466,10 +489,10 @@ test::Object* objectFrom(Input& input, test::Card& card) {
 }
 
 CK_ATTRIBUTE_TYPE attributeFrom(Input& input) {
-  constexpr CK_ATTRIBUTE_TYPE kTypes[] = {CKA_LABEL,   CKA_ID,       CKA_VALUE,     CKA_KEY_TYPE,
-                                          CKA_MODULUS, CKA_EC_POINT, CKA_EC_PARAMS, CKA_CLASS,
-                                          CKA_PRIVATE, CKA_TOKEN,    CKA_SIGN,      CKA_DECRYPT,
-                                          CKA_DERIVE,  CKA_SUBJECT,  CKA_ALWAYS_AUTHENTICATE};
+  constexpr CK_ATTRIBUTE_TYPE kTypes[] = {
+      CKA_LABEL,    CKA_ID,        CKA_VALUE,  CKA_KEY_TYPE, CKA_MODULUS,
+      CKA_EC_POINT, CKA_EC_PARAMS, CKA_CLASS,  CKA_PRIVATE,  CKA_TOKEN,
+      CKA_SIGN,     CKA_DECRYPT,   CKA_DERIVE, CKA_SUBJECT,  CKA_ALWAYS_AUTHENTICATE};
   return kTypes[input.below(std::size(kTypes))];
 }
 

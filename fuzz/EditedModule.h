@@ -13,8 +13,8 @@
 
 namespace mirel::fuzz {
 
-/// The keys that a good card may have, each with a certificate: "01" RSA, signs, label "Signer"; "02" RSA, decrypts,
-/// "Vault"; "03" P-256, agrees on keys, "Agree". The two RSA keys are the same one.
+/// The keys that a good card may have, each with a certificate: "01" RSA, signs, label "Signer"; "02" RSA,
+/// decrypts, "Vault"; "03" P-256, agrees on keys, "Agree". The two RSA keys are the same one.
 inline constexpr unsigned kSigner = 1;
 inline constexpr unsigned kVault = 2;
 inline constexpr unsigned kAgree = 4;
@@ -28,18 +28,20 @@ inline constexpr unsigned kAllKeys = kSigner | kVault | kAgree;
 /// The PIN of the good card. Long and odd enough to be found where it must not be.
 inline constexpr std::string_view kGoodPin = "q7#Zk!2x";
 
-/// A PKCS #11 module in this process, without file and loader, whose answers are those of the scripted module (see
-/// tests/module/Script.h) for a good card, edited by the input. The input says
+/// A PKCS #11 module in this process, without file and loader, whose answers are those of the scripted module
+/// (see tests/module/Script.h) for a good card, edited by the input. The input says
 /// - what the card holds instead: attributes, objects, texts, flags, readers;
-/// - which of the calls are answered otherwise, and how: with a code, with nothing done, with another length, count,
+/// - which of the calls are answered otherwise, and how: with a code, with nothing done, with another length,
+/// count,
 ///   handle, value or pointer, or by a card that is pulled out or exchanged at that moment.
 /// What it does not say is as it is good, so each byte of an input is about one deviation.
 ///
-/// The module writes nowhere but where its caller gave it room, and does real raw RSA. There can be one at a time.
+/// The module writes nowhere but where its caller gave it room, and does real raw RSA. There can be one at a
+/// time.
 class EditedModule {
  public:
-  /// Takes from the input what the card holds. `input` outlives the module. `keys`: those of the good card, unless the
-  /// input wants all.
+  /// Takes from the input what the card holds. `input` outlives the module. `keys`: those of the good card,
+  /// unless the input wants all.
   EditedModule(Input& input, unsigned keys);
   EditedModule(const EditedModule&) = delete;
   EditedModule& operator=(const EditedModule&) = delete;

@@ -1,5 +1,5 @@
-// The encodings around raw RSA, and DER. Each is held against another way to do the same: OpenSSL, or the text of the
-// standard written down as plainly as can be.
+// The encodings around raw RSA, and DER. Each is held against another way to do the same: OpenSSL, or the
+// text of the standard written down as plainly as can be.
 
 #define OPENSSL_SUPPRESS_DEPRECATED  // its functions for paddings alone, without a key
 
@@ -63,7 +63,8 @@ void tryPaddingForEncrypting(Input& input) {
   if (padded) check(unpaddedAfterDecrypting(*padded) == message, "the message comes back");
 
   ByteVector block = padded ? *padded : message;
-  for (std::size_t i = input.below(4); i > 0 && !block.empty(); --i) block[input.number() % block.size()] = input.byte();
+  for (std::size_t i = input.below(4); i > 0 && !block.empty(); --i)
+    block[input.number() % block.size()] = input.byte();
   check(unpaddedAfterDecrypting(block) == plainlyUnpadded(block), "a block is read as the standard says");
 }
 
@@ -89,24 +90,31 @@ void tryOaep(Input& input) {
   const EVP_MD* const md = openSslHash(hash);
   ByteVector block(input.byte());
   const ByteVector message = input.bytes(kMostBytes);
-  const bool isMade = block.size() > 2 * factsOf(hash).size + 2 &&
-                      RSA_padding_add_PKCS1_OAEP_mgf1(block.data(), static_cast<int>(block.size()), message.data(),
-                                                      static_cast<int>(message.size()), nullptr, 0, md, md) == 1;
-  if (!isMade) block = message;
-  else check(decodedFromOaep(hash, block) == message, "the message in a block of OAEP comes out");
-  for (std::size_t i = input.below(4); i > 0 && !block.empty(); --i) block[input.number() % block.size()] ^= input.byte();
+  const bool isMade =
+      block.size() > 2 * factsOf(hash).size + 2 &&
+      RSA_padding_add_PKCS1_OAEP_mgf1(block.data(), static_cast<int>(block.size()), message.data(),
+                                      static_cast<int>(message.size()), nullptr, 0, md, md) == 1;
+  if (!isMade)
+    block = message;
+  else
+    check(decodedFromOaep(hash, block) == message, "the message in a block of OAEP comes out");
+  for (std::size_t i = input.below(4); i > 0 && !block.empty(); --i)
+    block[input.number() % block.size()] ^= input.byte();
   const auto decoded = decodedFromOaep(hash, block);
   ByteVector room(block.size() + 1);
-  const int size = block.size() < 2 * factsOf(hash).size + 2
-                       ? -1
-                       : RSA_padding_check_PKCS1_OAEP_mgf1(room.data(), static_cast<int>(room.size()), block.data(),
-                                                           static_cast<int>(block.size()), static_cast<int>(block.size()),
-                                                           nullptr, 0, md, md);
+  const int size =
+      block.size() < 2 * factsOf(hash).size + 2
+          ? -1
+          : RSA_padding_check_PKCS1_OAEP_mgf1(room.data(), static_cast<int>(room.size()), block.data(),
+                                              static_cast<int>(block.size()), static_cast<int>(block.size()),
+                                              nullptr, 0, md, md);
   check(decoded.has_value() == (size >= 0), "OpenSSL and we take the same blocks");
-  if (decoded) check(std::equal(decoded->begin(), decoded->end(), room.begin(), room.begin() + size), "for the same");
+  if (decoded)
+    check(std::equal(decoded->begin(), decoded->end(), room.begin(), room.begin() + size), "for the same");
 }
 
-/// X.690, sections 8.1.3 and 10.1: the size of the value's header, and of its content; nothing for what is not DER.
+/// X.690, sections 8.1.3 and 10.1: the size of the value's header, and of its content; nothing for what is
+/// not DER.
 std::optional<std::pair<std::size_t, std::size_t>> sizesOf(std::span<const std::uint8_t> der) {
   if (der.size() < 2) return {};
   if (der[1] < 0x80) return std::pair{std::size_t{2}, std::size_t{der[1]}};
@@ -128,7 +136,8 @@ void tryDer(Input& input) {
     const auto content = reader.read(rest[0]);
     check(content.has_value() == isThere, "a value is there when its length says so");
     if (!content) return;
-    check(content->data() == rest.data() + sizes->first && content->size() == sizes->second, "and is its content");
+    check(content->data() == rest.data() + sizes->first && content->size() == sizes->second,
+          "and is its content");
     const bool isOnly = rest.size() == sizes->first + sizes->second;
     check(onlyDerValue(rest, rest[0]).has_value() == isOnly, "the only value has nothing behind it");
     rest = rest.subspan(sizes->first + sizes->second);

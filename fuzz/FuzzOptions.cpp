@@ -1,5 +1,5 @@
-// How the sanitizers work in a fuzzer: a run makes thousands of small blocks, of which neither the way to each nor
-// a long memory of freed ones is worth half of the time.
+// How the sanitizers work in a fuzzer: a run makes thousands of small blocks, of which neither the way to
+// each nor a long memory of freed ones is worth half of the time.
 
 extern "C" const char* __asan_default_options();
 

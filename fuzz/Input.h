@@ -9,8 +9,8 @@
 
 namespace mirel::fuzz {
 
-/// The bytes that the fuzzer gives, taken from front to back. Where they are used up everything is 0 or empty, which
-/// each user takes for "as a good module does it": so a short input goes as deep as a long one.
+/// The bytes that the fuzzer gives, taken from front to back. Where they are used up everything is 0 or
+/// empty, which each user takes for "as a good module does it": so a short input goes as deep as a long one.
 class Input {
  public:
   explicit Input(std::span<const std::uint8_t> bytes) noexcept : rest_{bytes} {}
@@ -33,9 +33,10 @@ class Input {
   [[nodiscard]] std::uint64_t number() noexcept {
     constexpr std::uint64_t kAll = ~std::uint64_t{0};
     constexpr std::array<std::uint64_t, 32> kBorders{
-        199,  200,   201,   254,        255,        256,        257,           520,       521,      638,  639,
-        640,  1999,  2000,  2001,       4095,       4096,       4097,          8191,      8192,     65535, 65536,
-        1U << 20U, 0x7FFFFFFF, 0x80000000, 0xFFFFFFFF, kAll / 2, kAll / 2 + 1, kAll - 15, kAll - 7, kAll - 1, kAll};
+        199,        200,        201,      254,          255,       256,      257,       520,
+        521,        638,        639,      640,          1999,      2000,     2001,      4095,
+        4096,       4097,       8191,     8192,         65535,     65536,    1U << 20U, 0x7FFFFFFF,
+        0x80000000, 0xFFFFFFFF, kAll / 2, kAll / 2 + 1, kAll - 15, kAll - 7, kAll - 1,  kAll};
     constexpr std::uint8_t kFirstBorder = 0xC0;
     constexpr std::uint8_t kWhole = 0xE0;
     const std::uint8_t kind = byte();

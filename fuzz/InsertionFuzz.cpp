@@ -1,5 +1,6 @@
-// A card is inserted, with all that a user can be told of it before a login: readers, driver, token, items, and the
-// second look that explains what is not published. Every answer of the module may come from the input.
+// A card is inserted, with all that a user can be told of it before a login: readers, driver, token, items,
+// and the second look that explains what is not published. Every answer of the module may come from the
+// input.
 
 #include <algorithm>
 #include <map>
@@ -29,11 +30,13 @@ constexpr AttributeRule kValue = ruleOf(CKO_CERTIFICATE, CKA_VALUE);
 // ---- Items ----
 
 void checkCertificate(const PublishedCertificate& certificate) {
-  check(certificate.objectID.units().starts_with(kCertificateNamePrefix), "a certificate's name begins as it must");
+  check(certificate.objectID.units().starts_with(kCertificateNamePrefix),
+        "a certificate's name begins as it must");
   check(certificate.objectID.length() <= kCertificateNamePrefix.size() + kLabel.largest + 1 + kID.largest,
         "a certificate's name has label and ID within their limits");
   check(certificate.label.length() <= kID.largest, "a certificate's ID is within its limit");
-  check(certificate.data.size() == certificate.size && certificate.size > 0 && certificate.size <= kValue.largest,
+  check(certificate.data.size() == certificate.size && certificate.size > 0 &&
+            certificate.size <= kValue.largest,
         "a certificate's size is within its limit");
   check(certificate.notAfter.isNull() || certificate.notAfter.length() == 20, "a time has twenty characters");
   for (const std::string& use : certificate.keyUsage) checkOneLine(use, "a key usage");
@@ -46,7 +49,8 @@ void checkKey(const PublishedKey& key, const std::set<std::u16string>& certifica
   check(key.keyType == CertificateKeyType::kRSA || key.keyType == CertificateKeyType::kECPrimeRandom,
         "the keychain knows the type of a key");
   const int numUses = int{key.canSign} + int{key.canDecrypt} + int{key.canPerformKeyExchange};
-  check(numUses <= 1 && key.constraints.size() == static_cast<std::size_t>(numUses), "a key has one use at most");
+  check(numUses <= 1 && key.constraints.size() == static_cast<std::size_t>(numUses),
+        "a key has one use at most");
   check(key.alwaysAuthenticate, "every key wants the PIN");
   for (const auto& [operation, constraint] : key.constraints)
     check(constraint == Text{u"PINAlways"}, "its use wants the PIN");
@@ -54,7 +58,8 @@ void checkKey(const PublishedKey& key, const std::set<std::u16string>& certifica
 
 void checkItems(const InsertedCard& card) {
   // A certificate is listed, with its key, once for each key of its ID.
-  check(card.items.size() <= 2 * kMaxListedObjects * kMaxListedObjects, "no more is published than is listed");
+  check(card.items.size() <= 2 * kMaxListedObjects * kMaxListedObjects,
+        "no more is published than is listed");
   check(!card.instanceID.isEmpty() && card.instanceID.length() <= 2 * sizeof(CK_TOKEN_INFO),
         "an instance ID comes from the token's information");
   std::set<std::u16string> certificates;
@@ -85,8 +90,8 @@ void checkTexts(const CardReport& report) {
 
 Text textOf(const test::Value& value) { return Text::fromBytes(value); }
 
-/// How often the card has a certificate of each name that can be read without a login, from what the script holds:
-/// neither the token nor the second look is asked.
+/// How often the card has a certificate of each name that can be read without a login, from what the script
+/// holds: neither the token nor the second look is asked.
 std::map<std::u16string, std::size_t> certificatesOf(const test::Card& card) {
   std::map<std::u16string, std::size_t> names;
   for (const auto& [handle, object] : card.objects) {
@@ -98,14 +103,15 @@ std::map<std::u16string, std::size_t> certificatesOf(const test::Card& card) {
     const bool isCertificate = valueOf(CKA_CLASS) == test::ulongValue(CKO_CERTIFICATE);
     const test::Value id = valueOf(CKA_ID);
     const test::Value label = valueOf(CKA_LABEL);
-    if (!isCertificate || id.empty() || label.empty() || (card.privateObjectsNeedLogin && object.isPrivate())) continue;
+    if (!isCertificate || id.empty() || label.empty() || (card.privateObjectsNeedLogin && object.isPrivate()))
+      continue;
     ++names[std::u16string{certificateNameOf(textOf(label), textOf(id)).units()}];
   }
   return names;
 }
 
-/// The second look says of no published certificate that it is not, whatever call failed; and where none did, it
-/// leaves out no certificate of the card. Of a module that lied nothing can be said.
+/// The second look says of no published certificate that it is not, whatever call failed; and where none did,
+/// it leaves out no certificate of the card. Of a module that lied nothing can be said.
 void checkSecondLook(const InsertedCard& card, const CardReport& report, EditedModule& module) {
   if (module.hasLied()) return;
   const auto onCard = certificatesOf(module.script().card());
@@ -121,13 +127,15 @@ void checkSecondLook(const InsertedCard& card, const CardReport& report, EditedM
     unpublished.insert(name);
     const auto found = onCard.find(name);
     const bool isTheOnlyOne = found != onCard.end() && found->second == 1;
-    check(object.unread || !isTheOnlyOne || !published.contains(name), "what is published is not said to be missing");
+    check(object.unread || !isTheOnlyOne || !published.contains(name),
+          "what is published is not said to be missing");
   }
   const bool allSeen = !module.hasFailed() && report.failedRead.empty() &&
                        module.script().card().objects.size() <= kMaxListedObjects;
   if (!allSeen) return;
   for (const auto& [name, count] : onCard)
-    check(published.contains(name) || unpublished.contains(name), "every certificate is published or explained");
+    check(published.contains(name) || unpublished.contains(name),
+          "every certificate is published or explained");
 }
 
 // ---- One run ----
@@ -188,7 +196,8 @@ void run(Input& input) {
     const auto card = host.insert(readerName);
     if (card) {
       checkItems(*card);
-      for (const auto& [item, count] : distinctItems(card->items)) check(count > 0, "an item is there at least once");
+      for (const auto& [item, count] : distinctItems(card->items))
+        check(count > 0, "an item is there at least once");
       const CardReport report = host.examine(*card, (how & 2U) != 0);
       checkTexts(report);
       if (!surroundings.ranOutOfMemory()) checkSecondLook(*card, report, module);
@@ -197,7 +206,8 @@ void run(Input& input) {
       checkFailure(card.failure());
       lookAtReaders(host);
     }
-    check(!isGood || surroundings.ranOutOfMemory() || (card && card->items.size() >= 2), "the good card is published");
+    check(!isGood || surroundings.ranOutOfMemory() || (card && card->items.size() >= 2),
+          "the good card is published");
   }
   const bool mayLeaveSearches = module.hasLied() || module.hasFailed();
   check(mayLeaveSearches || module.script().openSearches().empty(), "every search is ended");

@@ -19,7 +19,8 @@ namespace mirel::fuzz {
 /// A PIN that the good card does not have, as easily found in a text as the right one.
 inline constexpr std::string_view kWrongPin = "W4!gx_9T";
 
-/// The PINs that a user enters, as the input says: the right one when it says nothing. Checks what the user is shown.
+/// The PINs that a user enters, as the input says: the right one when it says nothing. Checks what the user
+/// is shown.
 class EnteredPins final : public PinSource {
  public:
   explicit EnteredPins(Input& input);
@@ -29,7 +30,9 @@ class EnteredPins final : public PinSource {
   [[nodiscard]] bool canAskAgain() const override { return again_; }
 
   /// Whether the user enters the right PIN at once.
-  [[nodiscard]] bool areGood() const noexcept { return pins_.size() == 1 && pins_.front() == kGoodPin && !cancelled_; }
+  [[nodiscard]] bool areGood() const noexcept {
+    return pins_.size() == 1 && pins_.front() == kGoodPin && !cancelled_;
+  }
 
  private:
   std::vector<std::string> pins_;  // the last one again and again
@@ -41,7 +44,8 @@ class EnteredPins final : public PinSource {
 /// Data at hand, in pieces of the size that the input says.
 class GivenData final : public InputSource {
  public:
-  GivenData(std::vector<std::uint8_t> data, std::size_t pieceSize) : data_{std::move(data)}, pieceSize_{pieceSize} {}
+  GivenData(std::vector<std::uint8_t> data, std::size_t pieceSize)
+      : data_{std::move(data)}, pieceSize_{pieceSize} {}
 
   [[nodiscard]] Result<std::size_t> read(std::span<std::uint8_t> room) override;
 
@@ -51,7 +55,8 @@ class GivenData final : public InputSource {
   std::size_t position_ = 0;
 };
 
-/// A card that was inserted, and a client of its token: what login, signing, decrypting and exchanging have in common.
+/// A card that was inserted, and a client of its token: what login, signing, decrypting and exchanging have
+/// in common.
 class KeyRun {
  public:
   /// `keys`: those of the good card.

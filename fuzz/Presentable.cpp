@@ -11,7 +11,8 @@
 namespace mirel::fuzz {
 namespace {
 
-/// The controls of Unicode's category Cc, and those that embed, override or isolate a direction, or break a line.
+/// The controls of Unicode's category Cc, and those that embed, override or isolate a direction, or break a
+/// line.
 bool controls(char32_t character) {
   return character < 0x20 || (character >= 0x7F && character < 0xA0) || character == 0x61C ||
          (character >= 0x200E && character <= 0x200F) || (character >= 0x2028 && character <= 0x202E) ||

@@ -10,8 +10,8 @@
 
 namespace mirel::fuzz {
 
-/// Ends the process unless the text is UTF-8 without characters that control a terminal or turn the direction of
-/// writing. `what`: which text it is.
+/// Ends the process unless the text is UTF-8 without characters that control a terminal or turn the direction
+/// of writing. `what`: which text it is.
 void checkShown(std::string_view text, const char* what);
 
 /// The same, of one that says something: it is not empty and has no full stop at its end.

@@ -1,5 +1,6 @@
-// A user signs with a key of the card and has the signature verified, while the module answers what the input says. A
-// signature that is called good is verified here once more, with OpenSSL and the key that the good card really has.
+// A user signs with a key of the card and has the signature verified, while the module answers what the input
+// says. A signature that is called good is verified here once more, with OpenSSL and the key that the good
+// card really has.
 
 #include <openssl/rsa.h>
 
@@ -41,7 +42,8 @@ bool isSignature(SecKeyAlgorithm algorithm, const Signature& made) {
   const test::Value value(made.value.view().begin(), made.value.view().end());
   const test::Value digest(made.data.view().begin(), made.data.view().end());
   return goodKey().verifies(value, digest, std::string{factsOf(*hash).name}.c_str(),
-                            isPss ? RSA_PKCS1_PSS_PADDING : RSA_PKCS1_PADDING, static_cast<int>(digest.size()));
+                            isPss ? RSA_PKCS1_PSS_PADDING : RSA_PKCS1_PADDING,
+                            static_cast<int>(digest.size()));
 }
 
 void sign(Input& input) {
@@ -75,7 +77,8 @@ void signWell(Input& input) {
   const auto made = run.client().sign(*key, kAlgorithm, given, run.pins());
   if (!run.allIsWell()) return;
   check(bool{made}, "the good card signs");
-  check(bool{verifySignature(*run.certificateOf(*key), *key, kAlgorithm, *made)}, "and the signature is good");
+  check(bool{verifySignature(*run.certificateOf(*key), *key, kAlgorithm, *made)},
+        "and the signature is good");
 }
 
 }  // namespace

@@ -99,22 +99,25 @@ CardServiceView serviceFrom(Input& input) {
   for (std::size_t i = 0; i < numReaders; ++i) {
     const auto name = input.bytes(128);
     const std::uint8_t facts = input.byte();
-    view.readers.push_back({std::string{name.begin(), name.end()}, static_cast<ServiceReader::Card>(facts % 4),
-                            (facts & 4U) != 0, (facts & 8U) != 0, (facts & 16U) != 0 ? "3B00" : ""});
+    view.readers.push_back({std::string{name.begin(), name.end()},
+                            static_cast<ServiceReader::Card>(facts % 4), (facts & 4U) != 0, (facts & 8U) != 0,
+                            (facts & 16U) != 0 ? "3B00" : ""});
   }
   return view;
 }
 
 /// The PINs that are not in the input, each also in hexadecimal digits.
-std::vector<std::string> secretsOf(const std::vector<std::string>& pins, std::span<const std::uint8_t> input) {
+std::vector<std::string> secretsOf(const std::vector<std::string>& pins,
+                                   std::span<const std::uint8_t> input) {
   std::vector<std::string> secrets;
   for (const std::string& pin : pins) {
-    if (std::search(input.begin(), input.end(), pin.begin(), pin.end(),
-                    [](std::uint8_t byte, char letter) { return byte == static_cast<std::uint8_t>(letter); }) !=
-        input.end())
+    if (std::search(input.begin(), input.end(), pin.begin(), pin.end(), [](std::uint8_t byte, char letter) {
+          return byte == static_cast<std::uint8_t>(letter);
+        }) != input.end())
       continue;
     const std::span bytes{reinterpret_cast<const std::uint8_t*>(pin.data()), pin.size()};
-    secrets.insert(secrets.end(), {pin, hexOfBytes(bytes, HexDigits::kUpper), hexOfBytes(bytes, HexDigits::kLower)});
+    secrets.insert(secrets.end(),
+                   {pin, hexOfBytes(bytes, HexDigits::kUpper), hexOfBytes(bytes, HexDigits::kLower)});
   }
   return secrets;
 }

@@ -11,16 +11,16 @@
 
 namespace mirel::fuzz {
 
-/// The services of the platform around one run: an edited module in place of the loader, memory that may run out, a
-/// card service that says what the input says, and fakes that keep nothing for the rest. They check what they are
-/// given:
+/// The services of the platform around one run: an edited module in place of the loader, memory that may run
+/// out, a card service that says what the input says, and fakes that keep nothing for the rest. They check
+/// what they are given:
 /// - no line of the log has the PIN in it, as text or in hexadecimal digits;
 /// - every call of the module that starts returns;
 /// - every block of memory is given back.
 class Surroundings {
  public:
-  /// Takes from the input what is wrong with memory and card service. `pins`: no line of the log may have one of
-  /// them; one that is in the input itself is not looked for.
+  /// Takes from the input what is wrong with memory and card service. `pins`: no line of the log may have one
+  /// of them; one that is in the input itself is not looked for.
   Surroundings(Input& input, std::vector<std::string> pins);
   Surroundings(const Surroundings&) = delete;
   Surroundings& operator=(const Surroundings&) = delete;

@@ -1,5 +1,5 @@
-// Texts of cards and of people: encodings, what is shown, names of algorithms and keys, PKCS #11 URIs, PINs from a
-// file descriptor. The first byte of the input says which; the rest is the text.
+// Texts of cards and of people: encodings, what is shown, names of algorithms and keys, PKCS #11 URIs, PINs
+// from a file descriptor. The first byte of the input says which; the rest is the text.
 
 #include <unistd.h>
 
@@ -30,7 +30,9 @@ namespace {
 
 using ByteSpan = std::span<const std::uint8_t>;
 
-ByteSpan bytesOf(std::string_view text) { return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()}; }
+ByteSpan bytesOf(std::string_view text) {
+  return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
+}
 
 /// RFC 3629, section 4, written as its grammar stands there.
 bool isUtf8(ByteSpan bytes) {
@@ -41,7 +43,12 @@ bool isUtf8(ByteSpan bytes) {
     const std::uint8_t first = bytes[i];
     const std::uint8_t low = first == 0xE0 ? 0xA0 : first == 0xF0 ? 0x90 : 0x80;
     const std::uint8_t high = first == 0xED ? 0x9F : first == 0xF4 ? 0x8F : 0xBF;
-    const std::size_t size = first < 0x80 ? 1 : first < 0xC2 ? 0 : first < 0xE0 ? 2 : first < 0xF0 ? 3 : first < 0xF5 ? 4 : 0;
+    const std::size_t size = first < 0x80   ? 1
+                             : first < 0xC2 ? 0
+                             : first < 0xE0 ? 2
+                             : first < 0xF0 ? 3
+                             : first < 0xF5 ? 4
+                                            : 0;
     if (size == 0 || (size > 1 && !tail(i + 1, low, high))) return false;
     for (std::size_t k = 2; k < size; ++k) {
       if (!tail(i + k, 0x80, 0xBF)) return false;
@@ -60,7 +67,8 @@ void tryEncodings(const std::string& text) {
   std::size_t size = 0;
   for (std::string_view rest = text; !rest.empty();) {
     const DecodedCharacter next = decodedFromUtf8(rest);
-    check(next.size >= 1 && next.size <= 4 && next.character <= 0x10FFFF, "a character has one to four bytes");
+    check(next.size >= 1 && next.size <= 4 && next.character <= 0x10FFFF,
+          "a character has one to four bytes");
     size += next.size;
     rest.remove_prefix(next.size);
   }
@@ -78,17 +86,20 @@ void tryEncodings(const std::string& text) {
 void tryUnits(const std::string& text) {
   std::u16string units;
   for (std::size_t i = 0; i + 1 < text.size(); i += 2) {
-    units.push_back(static_cast<char16_t>(static_cast<std::uint8_t>(text[i]) << 8U | static_cast<std::uint8_t>(text[i + 1])));
+    units.push_back(static_cast<char16_t>(static_cast<std::uint8_t>(text[i]) << 8U |
+                                          static_cast<std::uint8_t>(text[i + 1])));
   }
   const Text made{units};
   check(isUtf8(bytesOf(made.toUtf8())), "any code units can be written as UTF-8");
-  for (const std::string& shown : {displayed(made), displayedName(made), displayedAsLatin1(made), idText(made)})
+  for (const std::string& shown :
+       {displayed(made), displayedName(made), displayedAsLatin1(made), idText(made)})
     checkShown(shown, "code units that are displayed");
 }
 
 void tryDisplay(const std::string& text) {
   const Text bytes = Text::fromBytes(bytesOf(text));
-  for (const std::string& shown : {displayed(text), displayed(bytes), displayedName(bytes), displayedAsLatin1(bytes)}) {
+  for (const std::string& shown :
+       {displayed(text), displayed(bytes), displayedName(bytes), displayedAsLatin1(bytes)}) {
     checkShown(shown, "a text that is displayed");
     check(cli::columnsOf(shown) <= 2 * shown.size(), "a character has two columns at most");
   }
@@ -105,7 +116,8 @@ void tryHex(const std::string& text) {
   for (std::size_t i = 0; i < text.size(); ++i) {
     const auto high = valueOfHexDigit(upper[2 * i]);
     const auto low = valueOfHexDigit(upper[2 * i + 1]);
-    check(high && low && (*high << 4U | *low) == static_cast<std::uint8_t>(text[i]), "digits stand for the byte");
+    check(high && low && (*high << 4U | *low) == static_cast<std::uint8_t>(text[i]),
+          "digits stand for the byte");
   }
   std::uint64_t number = 0;
   for (std::size_t i = 0; i < std::min<std::size_t>(text.size(), 8); ++i)
@@ -124,7 +136,8 @@ void tryNames(const std::string& text) {
   }
   const std::vector<std::string> names{"readers", "items", "sign", "decrypt", "doctor", ""};
   const std::string near = nearestName(text, names);
-  check(near.empty() || std::find(names.begin(), names.end(), near) != names.end(), "one of the names is near");
+  check(near.empty() || std::find(names.begin(), names.end(), near) != names.end(),
+        "one of the names is near");
   if (const auto key = checkKeyName(text); !key) checkFailure(key.failure());
 }
 
@@ -190,7 +203,8 @@ class Pipe {
     closeWriting();
   }
   void fill(const std::string& text) {
-    check(write(ends_[1], text.data(), text.size()) == static_cast<ssize_t>(text.size()), "a pipe takes the text");
+    check(write(ends_[1], text.data(), text.size()) == static_cast<ssize_t>(text.size()),
+          "a pipe takes the text");
     closeWriting();
   }
   [[nodiscard]] int reading() const { return ends_[0]; }
