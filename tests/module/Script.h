@@ -184,6 +184,8 @@ class Script {
   /// Takes the card out: its sessions are gone, and calls on them answer `code`.
   void pullCard(CK_SLOT_ID id = kSlot, CK_RV code = CKR_SESSION_HANDLE_INVALID);
   void insertCard(Card card, CK_SLOT_ID id = kSlot);
+  /// Calls on sessions that were gone with a card answer as on those that never were.
+  void forgetPulledSessions() { pulledSessions_.clear(); }
 
   // ---- What was called ----
 
