@@ -7,6 +7,7 @@
 #include "Json.h"
 #include "Output.h"
 #include "Session.h"
+#include "host/KeyAbility.h"
 
 namespace mirel::cli {
 namespace {

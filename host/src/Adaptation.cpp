@@ -1,5 +1,6 @@
 #include "Adaptation.h"
 
+#include <algorithm>
 #include <array>
 #include <string>
 #include <string_view>
@@ -80,6 +81,26 @@ KeyOperation keyOperationOf(TKTokenOperation operation) noexcept {
   static_assert(same(TKTokenOperation::kDecryptData, KeyOperation::kDecrypt));
   static_assert(same(TKTokenOperation::kPerformKeyExchange, KeyOperation::kExchangeKeys));
   return static_cast<KeyOperation>(operation);
+}
+
+bool isRsaAlgorithm(SecKeyAlgorithm algorithm) noexcept {
+  return nameOf(algorithm).substr(kSecKeyAlgorithmPrefix.size()).starts_with("RSA");
+}
+
+std::vector<AdaptationStep> stepsBetween(SecKeyAlgorithm from, SecKeyAlgorithm to) {
+  std::vector<AdaptationStep> steps;
+  while (from != to) {
+    const auto step = nextStep(from);
+    if (!step) break;
+    steps.push_back(*step);
+    from = step->to;
+  }
+  return steps;
+}
+
+bool isComposite(const std::vector<AdaptationStep>& steps) noexcept {
+  return std::any_of(steps.begin(), steps.end(),
+                     [](const AdaptationStep& step) { return step.kind == AdaptationKind::kComposite; });
 }
 
 }  // namespace mirel

@@ -4,6 +4,7 @@
 /// does more of the work outside the token.
 
 #include <optional>
+#include <vector>
 
 #include "host/Host.h"
 #include "platform/Digest.h"
@@ -38,5 +39,13 @@ struct AdaptationStep {
 
 /// The same operation as items know it.
 [[nodiscard]] KeyOperation keyOperationOf(TKTokenOperation operation) noexcept;
+
+[[nodiscard]] bool isRsaAlgorithm(SecKeyAlgorithm algorithm) noexcept;
+
+/// The way from one form to another that follows it.
+[[nodiscard]] std::vector<AdaptationStep> stepsBetween(SecKeyAlgorithm from, SecKeyAlgorithm to);
+
+/// Whether one of the steps is more than this program does.
+[[nodiscard]] bool isComposite(const std::vector<AdaptationStep>& steps) noexcept;
 
 }  // namespace mirel

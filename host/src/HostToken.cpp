@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "bridge/PKCS11_ASYMKEY_INFO.h"
+#include "host/Display.h"
 #include "platform/Hex.h"
 #include "platform/Log.h"
 #include "provider/CryptTKitSProvider.h"
@@ -18,6 +19,14 @@ namespace {
 Text describedObject(std::string_view className, const void* object) {
   const std::string address = hexOfNumber(reinterpret_cast<std::uintptr_t>(object), HexDigits::kLower);
   return Text::fromUtf8(std::string{"<"}.append(className).append(": 0x").append(address).append(">"));
+}
+
+/// The text without the full stop at its end, to stand within a line.
+std::string withoutFullStop(std::string text) {
+  for (const std::string_view stop : {".", "\u3002"}) {
+    if (text.ends_with(stop)) text.resize(text.size() - stop.size());
+  }
+  return text;
 }
 
 }  // namespace
@@ -169,5 +178,13 @@ bool HostPINAuthOperation::finishWithPIN(std::shared_ptr<const SecretText> pin, 
 // ---- Algorithm ----
 
 Text HostKeyAlgorithm::description() const noexcept { return describedObject("TKTokenKeyAlgorithm", this); }
+
+// ---- Errors ----
+
+std::string wordsOf(const std::optional<TKError>& error) {
+  const Text text = error ? error->localizedDescription : Text{};
+  if (text.isEmpty()) return {};
+  return "\"" + withoutFullStop(displayedName(text)) + "\"";
+}
 
 }  // namespace mirel

@@ -178,4 +178,7 @@ class HostKeyAlgorithm final : public TKTokenKeyAlgorithm {
   SecKeyAlgorithm algorithm_;
 };
 
+/// What the token says, in the language of the user, to stand within a line that is English.
+[[nodiscard]] std::string wordsOf(const std::optional<TKError>& error);
+
 }  // namespace mirel

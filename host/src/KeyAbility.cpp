@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "Adaptation.h"
 #include "bridge/CardRules.h"
 #include "host/Display.h"
 #include "provider/CryptTKitSProvider.h"
@@ -34,6 +35,13 @@ std::optional<Finding> reasonNeverTo(KeyOperation operation, const PublishedKey&
     return never(kKeyNameWithPss,
                  "the card layer's name of the key is \"" + displayed(key.nameInCard) + "\"");
   return std::nullopt;
+}
+
+bool mayWork(const PublishedKey& key, SecKeyAlgorithm algorithm) {
+  const KeyOperation operation = keyOperationOf(operationOf(algorithm));
+  if (!isRsaAlgorithm(algorithm) || reasonNeverTo(operation, key)) return false;
+  if (operation == KeyOperation::kSign) return key.canSign;
+  return key.canDecrypt && algorithm == SecKeyAlgorithm::kSecKeyAlgorithmRSAEncryptionPKCS1;
 }
 
 Failure refusalBecauseOf(const Finding& finding, KeyOperation operation) {

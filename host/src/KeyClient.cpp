@@ -10,39 +10,16 @@
 #include "FailureDiary.h"
 #include "HostToken.h"
 #include "NameList.h"
+#include "RequestData.h"
 #include "RsaEncoding.h"
-#include "bridge/CardRules.h"
 #include "bridge/P11Bridge.h"
-#include "host/CryptokiNames.h"
 #include "host/Display.h"
-#include "host/InputSource.h"
 #include "host/KeyAbility.h"
 #include "host/PinSource.h"
-#include "platform/SecretBytes.h"
 #include "platform/TimeAndChance.h"
 
 namespace mirel {
 namespace {
-
-/// The text without the full stop at its end, to stand within a line.
-std::string withoutFullStop(std::string text) {
-  for (const std::string_view stop : {".", "\u3002"}) {
-    if (text.ends_with(stop)) text.resize(text.size() - stop.size());
-  }
-  return text;
-}
-
-/// What the token says, in the language of the user, to stand within a line that is English.
-std::string wordsOf(const std::optional<TKError>& error) {
-  const Text text = error ? error->localizedDescription : Text{};
-  if (text.isEmpty()) return {};
-  return "\"" + withoutFullStop(displayedName(text)) + "\"";
-}
-
-/// More than any digest, block or cryptogram of one key.
-constexpr std::size_t kLargestInput = 65536;  // bytes
-constexpr std::size_t kPieceSize = 65536;     // bytes
-constexpr std::u16string_view kPinConstraint = u"PIN";
 
 constexpr const char* kAskFittingAlgorithm = "name an algorithm for this type of key";
 
@@ -58,118 +35,6 @@ const char* verbOf(TKTokenOperation operation) noexcept {
     case TKTokenOperation::kDecryptData: return "decrypt";
     default: return "exchange keys";
   }
-}
-
-Failure badInput(const std::string& why) {
-  return {FailureKind::kBadInput, "the data do not fit the algorithm", why,
-          "give it what the algorithm works on"};
-}
-
-/// All data, kLargestInput at most.
-Result<ByteVector> readAll(InputSource& input) {
-  ByteVector data;
-  std::vector<std::uint8_t> piece(kPieceSize);
-  while (true) {
-    const auto count = input.read(piece);
-    if (!count) return count.failure();
-    if (*count == 0) return data;
-    data.insert(data.end(), piece.begin(), piece.begin() + static_cast<std::ptrdiff_t>(*count));
-    if (data.size() > kLargestInput)
-      return badInput("there are more than " + std::to_string(kLargestInput) + " bytes of them");
-  }
-}
-
-Result<ByteVector> readDigest(Hash hash, InputSource& input) {
-  Digest digest{hash};
-  std::vector<std::uint8_t> piece(kPieceSize);
-  while (true) {
-    const auto count = input.read(piece);
-    if (!count) return count.failure();
-    if (*count == 0) return digest.finish();
-    digest.update(std::span{piece}.first(*count));
-  }
-}
-
-/// Whether data of that size can be the input of the algorithm.
-Result<void> checkSize(SecKeyAlgorithm algorithm, const PublishedKey& key, std::size_t size) {
-  std::size_t wanted = 0;
-  std::string what;
-  const auto step = nextStep(algorithm);
-  const bool digestWanted =
-      step && (step->kind == AdaptationKind::kDigestInfo || step->kind == AdaptationKind::kEncodePSS ||
-               step->kind == AdaptationKind::kAsItIs);
-  if (digestWanted) {
-    wanted = factsOf(step->hash).size;
-    what = "a digest of " + std::string{factsOf(step->hash).name};
-  } else if (algorithm == SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureRaw ||
-             operationOf(algorithm) == TKTokenOperation::kDecryptData) {
-    wanted = modulusSizeOf(key);
-    what = "a block for this key";
-  }
-  if (wanted != 0 && wanted != size) {
-    return badInput("they have " + std::to_string(size) + " bytes, " + what + " has " +
-                    std::to_string(wanted));
-  }
-  if (size == 0) return badInput("there are none");
-  return {};
-}
-
-/// The data in the next form; nothing when they do not fit into the key.
-std::optional<ByteVector> adapted(const AdaptationStep& step, const PublishedKey& key, const ByteVector& data,
-                                  TimeAndChance& chance) {
-  switch (step.kind) {
-    case AdaptationKind::kHash: return digestOf(step.hash, data);
-    case AdaptationKind::kDigestInfo: return digestInfo(step.hash, data);
-    case AdaptationKind::kPadPKCS1: return paddedForSigning(data, modulusSizeOf(key));
-    case AdaptationKind::kEncodePSS:
-      return encodedForPss(step.hash, data, static_cast<std::size_t>(std::max(key.keySizeInBits, 0)), chance);
-    case AdaptationKind::kAsItIs: return data;
-    default: return std::nullopt;
-  }
-}
-
-/// The way from one form to another that follows it.
-std::vector<AdaptationStep> stepsBetween(SecKeyAlgorithm from, SecKeyAlgorithm to) {
-  std::vector<AdaptationStep> steps;
-  while (from != to) {
-    const auto step = nextStep(from);
-    if (!step) break;
-    steps.push_back(*step);
-    from = step->to;
-  }
-  return steps;
-}
-
-bool isComposite(const std::vector<AdaptationStep>& steps) noexcept {
-  return std::any_of(steps.begin(), steps.end(),
-                     [](const AdaptationStep& step) { return step.kind == AdaptationKind::kComposite; });
-}
-
-/// Whether `plain` can be what the card made of `cipher` (not empty) when asked in that form. A module that
-/// answers CKR_OK and writes nothing leaves the length of the whole block, and zeros.
-/// Where a module claims a shorter length and writes nothing, the zeros are taken for the plain text: it may
-/// have been zeros, and a module that lies about the length could write any other bytes as well.
-Result<void> checkPlainText(SecKeyAlgorithm form, const PublishedKey& key, const ByteVector& cipher,
-                            const Bytes& plain) {
-  const auto refused = [](const std::string& why) {
-    return Failure{FailureKind::kCardRefuses, "the card gave no plain text", why,
-                   "ask the maker of the module"};
-  };
-  constexpr std::size_t kPaddingSize = 11;  // bytes at least (RFC 8017, section 7.2.1)
-  const std::size_t blockSize = modulusSizeOf(key);
-  if (plain.size() + kPaddingSize <= blockSize) return {};
-  const bool mayBeBlock = form == SecKeyAlgorithm::kSecKeyAlgorithmRSAEncryptionRaw;
-  if (!mayBeBlock || plain.size() != blockSize) {
-    return refused("C_Decrypt answered CKR_OK with " + std::to_string(plain.size()) +
-                   " bytes, a plain text in a block for this key has " +
-                   std::to_string(blockSize - std::min(blockSize, kPaddingSize)) + " at most");
-  }
-  // Raw RSA makes zero of nothing but zero.
-  const auto isZero = [](std::uint8_t byte) { return byte == 0; };
-  const bool nothingWritten = std::all_of(plain.view().begin(), plain.view().end(), isZero) &&
-                              !std::all_of(cipher.begin(), cipher.end(), isZero);
-  if (nothingWritten) return refused("C_Decrypt answered CKR_OK, but wrote no plain text");
-  return {};
 }
 
 bool isEmptyOrZero(const Bytes& bytes) noexcept {
@@ -193,41 +58,7 @@ Failure becauseOfSharedID(const PublishedKey& key, const std::string& what) {
           entry.remedy.data()};  // a literal
 }
 
-bool isRsaAlgorithm(SecKeyAlgorithm algorithm) noexcept {
-  return nameOf(algorithm).substr(kSecKeyAlgorithmPrefix.size()).starts_with("RSA");
-}
-
-/// Whether that PIN can be sent to a card as it was entered. The token would count its characters, but send
-/// as many bytes of its UTF-8, and so cut one that is not ASCII.
-Result<void> checkSending(const SecretText& pin) {
-  const auto notSent = [](const char* why) {
-    return Failure{
-        FailureKind::kPinCannotBeEntered, "the PIN was not sent to the card", why,
-        "give a PIN of 1 to 8 ASCII characters; where this card's PIN is another one, it cannot be "
-        "entered here: change it to at most 8 ASCII characters with the card maker's tool"};
-  };
-  static_assert(kMaxPinLen == 8, "the texts name the number");
-  SecretBytes<kMaxPinLen + 1> bytes;
-  const std::size_t size = pin.copyUtf8(bytes.span());
-  if (size == 0) return notSent("it is empty");
-  if (std::any_of(bytes.data(), bytes.data() + size, [](std::uint8_t byte) { return byte >= 0x80; }))
-    return notSent("it has characters that are not ASCII");
-  if (size > kMaxPinLen) return notSent("it has more than 8 characters");
-  return {};
-}
-
 }  // namespace
-
-bool mayWork(const PublishedKey& key, SecKeyAlgorithm algorithm) noexcept {
-  constexpr int kLargestSigningKey = 2048;  // bits
-  if (key.keyType != CertificateKeyType::kRSA || !isRsaAlgorithm(algorithm)) return false;
-  switch (operationOf(algorithm)) {
-    case TKTokenOperation::kSignData: return key.canSign && key.keySizeInBits <= kLargestSigningKey;
-    case TKTokenOperation::kDecryptData:
-      return key.canDecrypt && algorithm == SecKeyAlgorithm::kSecKeyAlgorithmRSAEncryptionPKCS1;
-    default: return false;
-  }
-}
 
 KeyClient::KeyClient(InsertedCard card, std::shared_ptr<HostTokenSession> session,
                      std::shared_ptr<FailureDiary> diary, std::shared_ptr<TimeAndChance> chance)
@@ -396,46 +227,6 @@ Result<Bytes> KeyClient::perform(const PublishedKey& key, TKTokenOperation opera
   }
 }
 
-Result<void> KeyClient::authenticate(const Text& constraint, PinSource& pins) {
-  int notSent = 0;
-  for (int attempt = 1;; ++attempt) {
-    if (const auto card = lookForCard(); !card) return card.failure();
-    std::optional<TKError> error;
-    const auto pinOperation = session_->beginAuthForOperation(constraint, &error);
-    if (!pinOperation) {
-      const std::string text = wordsOf(error);
-      return Failure{FailureKind::kNotSupported, "the key cannot be unlocked",
-                     text.empty() ? "the token begins no authentication" : "the token says " + text,
-                     UserStep::kSeeLog};
-    }
-    const auto entered = pins.askForPin(displayed(card_.reader.tokenLabel));
-    if (!entered) return entered.failure();
-    const std::shared_ptr<const SecretText>& pin = *entered;
-    if (!pin) {
-      return Failure{FailureKind::kCancelled, "no PIN was given", "the entry was cancelled",
-                     "run again to try once more"};
-    }
-    if (const auto fit = checkSending(*pin); !fit) {
-      if (++notSent == kMostPins || !pins.canAskAgain()) return fit.failure();
-      --attempt;  // it was none: the card has not been asked
-      pins.showRefusal(fit.failure().what + ": " + fit.failure().why);
-      continue;
-    }
-    // As late as can be: the user may have taken any time.
-    if (const auto card = lookForCard(); !card) return card.failure();
-    diary_->clear();
-    const bool accepted = pinOperation->finishWithPIN(pin, &error);
-    if (accepted) return {};
-
-    const std::string text = wordsOf(error);
-    Failure failure =
-        loginFailure(text.empty() ? "the PIN is wrong" : "the PIN is wrong, the token says " + text);
-    const bool last = attempt == kMostPins || !pins.canAskAgain();
-    if (failure.kind != FailureKind::kPinWrong || last) return failure;
-    pins.showRefusal(failure.what);
-  }
-}
-
 /// Whether the card can be asked anything. Drops the session of a token that has ended.
 Result<void> KeyClient::lookForCard() {
   if (!card_.watch) return {};
@@ -467,42 +258,6 @@ std::optional<std::string> KeyClient::faultIn(CryptokiFunction function) const {
   if (auto reason = diary_->reason()) return reason;
   if (diary_->lastResultOf(function) == CKR_OK) return std::nullopt;
   return "the card was not asked";
-}
-
-/// `wrongPin`: what is told where the card has found the PIN wrong.
-Failure KeyClient::loginFailure(const std::string& wrongPin) {
-  const auto answer = diary_->lastResultOf("C_Login");
-  if (!answer) {
-    return refusal("the card did not take the PIN", "it is not there any more",
-                   "insert the card and run again");
-  }
-  const FailedCall login{"C_Login", *answer};
-  const auto decided = meaningOf(login.name, login.result).kind;
-  if (decided == FailureKind::kPinWrong) return failureBecauseOf(login, wrongPin, FailureKind::kPinWrong);
-  if (decided == FailureKind::kPinLocked)
-    return failureBecauseOf(login, "the PIN of the card is locked", FailureKind::kPinLocked);
-  const char* what = "the card did not take the PIN";
-  if (!diary_->cause() && *answer != CKR_OK) {
-    // The framework has looked at the session since, so the diary does not tell any more.
-    Failure failure = failureBecauseOf(login, what, FailureKind::kCardRefuses);
-    learnFrom(failure);
-    return failure;
-  }
-  const auto ended = diary_->lastResultOf(BridgeOperation::pkcs11_UserLogin);
-  return refusal(what,
-                 !ended || *ended == kLoginDidNotTake
-                     ? "the login left no user logged in"
-                     : answerText({operationName(BridgeOperation::pkcs11_UserLogin), *ended}),
-                 UserStep::kSeeLog);
-}
-
-Result<void> KeyClient::logIn(PinSource& pins) {
-  if (const auto done = authenticate(Text{kPinConstraint}, pins); !done) return done.failure();
-  if (diary_->lastResultOf("C_Login") != CKR_USER_ALREADY_LOGGED_IN) return {};
-  return Failure{FailureKind::kCardRefuses, "the PIN was not checked",
-                 "the card's software was logged in already (C_Login answered " +
-                     cryptokiResultText(CKR_USER_ALREADY_LOGGED_IN) + ")",
-                 "end the other programs that use the card and run again"};
 }
 
 }  // namespace mirel

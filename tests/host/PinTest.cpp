@@ -193,6 +193,8 @@ TEST_F(PinEntry, DoesNotAskTheCardAboutAPinThatCannotBeSent) {
     EXPECT_EQ(failure.kind, FailureKind::kPinCannotBeEntered);
     EXPECT_EQ(failure.what, "the PIN was not sent to the card");
     EXPECT_EQ(failure.why, why);
+    EXPECT_THAT(std::string{failure.advice.words()},
+                HasSubstr("this card's PIN cannot be entered here: change it to at most 8 ASCII characters"));
   }
   EXPECT_THAT(secretCalls(), IsEmpty());
   EXPECT_EQ(script.card().triesLeft, 3U);

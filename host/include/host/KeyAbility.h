@@ -4,6 +4,7 @@
 
 #include "host/CardReport.h"
 #include "host/Host.h"
+#include "platform/SecKeyAlgorithm.h"
 
 namespace mirel {
 
@@ -12,10 +13,16 @@ namespace mirel {
 /// here.
 [[nodiscard]] std::optional<Finding> reasonNeverTo(KeyOperation operation, const PublishedKey& key);
 
+/// Whether a request that the token accepts can come to something with that key. False where the type of the
+/// key does not fit or it is not published for that, where there is a reason never to do it, for decryption
+/// other than of PKCS #1 v1.5, and for what is made of several such steps.
+[[nodiscard]] bool mayWork(const PublishedKey& key, SecKeyAlgorithm algorithm);
+
 /// The finding as a failure of a request to that key, before any PIN is asked for.
 [[nodiscard]] Failure refusalBecauseOf(const Finding& finding, KeyOperation operation);
 
-/// That failure, of a signature that does not verify, with what the report of the card knows of its cause.
+/// That failure, of a signature that does not verify or of a plain text that there is not, with what the
+/// report of the card knows of its cause.
 [[nodiscard]] Failure explainedBy(const CardReport& report, const PublishedKey& key, Failure failure);
 
 }  // namespace mirel

@@ -22,11 +22,6 @@ enum class TKTokenOperation : std::int64_t;
 class PinSource;
 class TimeAndChance;
 
-/// Whether a request that the token accepts can come to something with that key. False where its type does
-/// not fit, and for what this card layer never does: signatures by EC keys and by RSA keys above 2048 bits,
-/// key exchange, decryption other than of PKCS #1 v1.5, and what is made of several such steps.
-[[nodiscard]] bool mayWork(const PublishedKey& key, SecKeyAlgorithm algorithm) noexcept;
-
 /// What is known to have gone wrong in the card, although its layers handed something out.
 struct CardFault {
   std::string reason;                ///< in words for the user
