@@ -9,6 +9,7 @@
 #include "Output.h"
 #include "Session.h"
 #include "host/AlgorithmNames.h"
+#include "host/KeyAbility.h"
 #include "platform/Log.h"
 #include "platform/Memory.h"
 
@@ -39,6 +40,13 @@ bool isOaep(SecKeyAlgorithm algorithm) noexcept {
   }
 }
 
+/// Why the card gave no plain text may stand in its objects: another key, another certificate, no private
+/// key.
+Failure explained(Failure failure, Session& session, const PublishedKey& key) {
+  if (failure.kind != FailureKind::kCardRefuses) return failure;
+  return explainedBy(session.examine(true), key, std::move(failure));
+}
+
 Result<void> decryptAndWrite(Session& session) {
   const Options& options = session.options();
   const auto request = session.connectFor(KeyOperation::kDecrypt);
@@ -46,7 +54,7 @@ Result<void> decryptAndWrite(Session& session) {
   const auto& [algorithm, input, chosen] = *request;
 
   const auto plain = session.client().decrypt(chosen.key, algorithm, *input, session.pins());
-  if (!plain) return plain.failure();
+  if (!plain) return explained(plain.failure(), session, chosen.key);
   if (!options.json && goesToTerminal(options.out) && !isPrintableText(*plain)) {
     return Failure{FailureKind::kBadInput, "the plain text is not shown", "it is no text for a terminal",
                    "give a file with --out, or redirect the output"};

@@ -133,6 +133,32 @@ TEST_F(Decryption, WithAFailingCardFails) {
   });
 }
 
+TEST_F(Decryption, SaysWhatOfTheCardMayBeTheReason) {
+  const struct {
+    const char* card;
+    std::size_t size;  ///< of a block, by the certificate
+    const char* why;
+    const char* remedy;
+  } rows[] = {
+      {"token label=Card pin=7kQ#x2Zp\n"
+       "public type=rsa2048 id=01 label=Key\n"
+       "certificate type=rsa2048 id=01 label=Key usage=keyEncipherment\n",
+       256, "a private key is missing", "have the card's issuer put the private key on the card"},
+      {"token label=Card pin=7kQ#x2Zp\n"
+       "public type=rsa2048 id=01 label=Key\n"
+       "private type=rsa2048 id=01 label=Key allow=decrypt\n"
+       "certificate type=rsa1024 id=01 label=Key usage=keyEncipherment\n",
+       128, "a certificate belongs to another key", "have the card's issuer put the right certificate"}};
+  for (const auto& [card, size, why, remedy] : rows) {
+    makeCards(card);
+    expectFailures({{"decrypt --key 01 --out " + path("out"),
+                     13,
+                     {why, remedy},
+                     std::string(size, '\x11'),
+                     {{"ANSWERS", "C_Decrypt=40"}}}});
+  }
+}
+
 class KeyAgreement : public EndToEndTest {
  protected:
   KeyAgreement()
