@@ -2,11 +2,13 @@
 
 #include <algorithm>
 #include <span>
+#include <string_view>
 
 #include "host/Result.h"
 
 namespace mirel::cli {
 
+struct Options;
 class Session;
 
 /// An option that a command takes, apart from those that all take.
@@ -38,6 +40,8 @@ struct Command {
   Result<void> (*run)(Session& session);
   bool usesModule = true;  ///< the module is chosen before, and a failure in that ends the program
   bool hasWorker = true;   ///< it runs in a process of its own; else it starts those that load the module
+  /// What is left to do where the module ended the command: see Worker.h. Null: nothing.
+  Failure (*salvage)(const Options& options, Failure failure, std::string_view noted) = nullptr;
 
   [[nodiscard]] bool takes(CommandOption::Kind kind) const noexcept {
     return std::any_of(options.begin(), options.end(),

@@ -150,6 +150,10 @@ Pseudonyms pseudonymsFor(const BundleParts& parts, const PlatformServices& servi
     pseudonyms.add(Kind::kLabel, slot.tokenLabel.toUtf8());
     pseudonyms.add(Kind::kSerialNumber, slot.serialNumber.toUtf8());
   }
+  for (const std::string& token : parts.diagnosis.systemTokens) {
+    const std::string card = token.substr(std::min(token.find(':'), token.size() - 1) + 1);
+    pseudonyms.add(Kind::kCard, card);
+  }
   for (const Json& card : parts.cards) addCard(card, pseudonyms);
   return pseudonyms;
 }
@@ -215,13 +219,13 @@ void writeDiagnosis(const Diagnosis& diagnosis, Writer& writer) {
   }
 }
 
-void writeLog(const KeptLog& log, Writer& writer) {
+void writeLog(const BundleParts& parts, Writer& writer) {
   writer.heading("Log");
-  for (const std::string& line : log.lines()) {
+  for (const std::string& line : parts.log) {
     writer.shown(line);
     writer.fixed("\n");
   }
-  if (log.wasStopped())
+  if (parts.logWasStopped)
     writer.fixed("(From the login on nothing is kept: those lines show what was signed and decrypted.)\n");
 }
 
@@ -276,7 +280,7 @@ std::string bundleOf(const BundleParts& parts, const PlatformServices& services,
   writer.heading("Cards");
   if (parts.cards.empty()) writer.fixed("No card was inserted.\n");
   for (const Json& card : parts.cards) writer.json(card);
-  writeLog(parts.log, writer);
+  writeLog(parts, writer);
   if (pseudonyms) {
     writer.heading("Replaced");
     writer.fixed(pseudonyms->counts());

@@ -42,8 +42,9 @@ struct BundleParts {
   std::string versions;  ///< as --version prints them
   std::string date;      ///< UTC
   const Diagnosis& diagnosis;
-  std::vector<nlohmann::ordered_json> cards;  ///< what `items --json` prints of each
-  const KeptLog& log;
+  const std::vector<nlohmann::ordered_json>& cards;  ///< what `items --json` prints of each
+  const std::vector<std::string>& log;               ///< its lines
+  bool logWasStopped;                                ///< at a login
 };
 
 /// All that support needs, as one text for people. It holds no PIN and no data of a key's use. `anonymous`:

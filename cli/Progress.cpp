@@ -38,9 +38,9 @@ void Progress::doneBytes(std::uint64_t done, std::optional<std::uint64_t> all) {
   }
 }
 
-void Progress::doneSteps(std::size_t done, std::size_t all, std::string_view next) {
+void Progress::doneSteps(std::size_t done, std::string_view next) {
   if (!isDue()) return;
-  show(std::to_string(done) + " of " + std::to_string(all) + ", " + std::string{next});
+  show(std::to_string(done) + " done, next " + std::string{next});
 }
 
 void Progress::clear() {

@@ -29,8 +29,8 @@ class Progress {
 
   /// So much is done, of all that is to do or of an unknown whole, in bytes.
   void doneBytes(std::uint64_t done, std::optional<std::uint64_t> all);
-  /// So many of all steps are done; `next`: the one that begins, in a few words.
-  void doneSteps(std::size_t done, std::size_t all, std::string_view next);
+  /// So many steps of an unknown number are done; `next`: the one that begins, in a few words.
+  void doneSteps(std::size_t done, std::string_view next);
 
   /// Takes the line away, until more is done.
   void clear();

@@ -21,6 +21,7 @@
 #include <filesystem>
 #include <string_view>
 #include <thread>
+#include <utility>
 
 #include "Files.h"
 #include "Output.h"
@@ -59,6 +60,32 @@ struct Page {
 };
 
 Page* page = nullptr;
+
+/// What the work has come to: one of two texts, of which the other one is written. The texts stay as the
+/// system gives them, so they cost nothing until they are used.
+struct Results {
+  static constexpr std::size_t kMost = std::size_t{512} * 1024;  // bytes
+  std::atomic<std::uint32_t> last{0};                            // which of them
+  std::array<std::atomic<std::uint32_t>, 2> sizes{};
+  std::array<std::array<char, kMost>, 2> texts;
+};
+
+Results* results = nullptr;
+
+/// Empty where there is none, or none that makes sense.
+std::string notedResult() {
+  if (!results) return {};
+  const std::uint32_t last = results->last;
+  if (last > 1) return {};
+  const std::uint32_t size = results->sizes[last];
+  return size > Results::kMost ? std::string{} : std::string{results->texts[last].data(), size};
+}
+
+/// Memory that this process and its children have together, of zeros; null: there is none.
+void* sharedMemory(std::size_t size) {
+  void* memory = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  return memory == MAP_FAILED ? nullptr : memory;
+}
 
 void noteCall(const char* name) noexcept {
   if (!page) return;
@@ -292,8 +319,8 @@ void tidyUp() {
 /// Watches a worker until it ends.
 class Watcher {
  public:
-  Watcher(pid_t worker, const Watch& watch, Signals& signals)
-      : worker_{worker}, watch_{watch}, signals_{signals} {}
+  Watcher(pid_t worker, const Watch& watch, Signals& signals, const Salvage& salvage)
+      : worker_{worker}, watch_{watch}, signals_{signals}, salvage_{salvage} {}
 
   [[nodiscard]] Result<ExitCode> watch() {
     signals_.take();
@@ -357,16 +384,21 @@ class Watcher {
     if (code != kStillAtWork && kChecksAtExit && WIFEXITED(status))
       return static_cast<ExitCode>(WEXITSTATUS(status));
     tidyUp();
-    if (hungIn_) return hang(*hungIn_, *watch_.timeout);
+    if (hungIn_) return salvaged(hang(*hungIn_, *watch_.timeout));
     if (ending_ != 0) signals_.die(ending_);
     if (WIFSIGNALED(status) && isUsers(WTERMSIG(status))) signals_.die(WTERMSIG(status));
-    if (WIFSIGNALED(status)) return crash(WTERMSIG(status), callUnderWay());
-    return exitOfModule(callUnderWay());
+    if (WIFSIGNALED(status)) return salvaged(crash(WTERMSIG(status), callUnderWay()));
+    return salvaged(exitOfModule(callUnderWay()));
+  }
+
+  [[nodiscard]] Failure salvaged(Failure failure) const {
+    return salvage_ ? salvage_(std::move(failure), notedResult()) : std::move(failure);
   }
 
   pid_t worker_;
   const Watch& watch_;
   Signals& signals_;
+  const Salvage& salvage_;
   std::uint64_t calls_ = 0;
   milliseconds inCall_{0};
   int ending_ = 0;  // the signal that was passed on
@@ -376,21 +408,24 @@ class Watcher {
 
 }  // namespace
 
-Result<ExitCode> runInWorker(const std::function<ExitCode()>& work, const Watch& watch) {
-  void* memory = mmap(nullptr, sizeof(Page), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+Result<ExitCode> runInWorker(const std::function<ExitCode()>& work, const Watch& watch,
+                             const Salvage& salvage) {
+  void* memory = sharedMemory(sizeof(Page));
   const auto noProcess = [] {
     return Failure{FailureKind::kInternal, "no process can be started", std::strerror(errno),
                    "close other programs, then run again"};
   };
-  if (memory == MAP_FAILED) return noProcess();
+  if (!memory) return noProcess();
   page = new (memory) Page;
+  // Without it there is nothing to salvage.
+  if (void* room = salvage ? sharedMemory(sizeof(Results)) : nullptr) results = new (room) Results;
   Signals signals;
   Leash leash;
   const pid_t worker = fork();
   if (worker < 0) return noProcess();
   if (worker > 0) {
     leash.hold();
-    return Watcher{worker, watch, signals}.watch();
+    return Watcher{worker, watch, signals, salvage}.watch();
   }
 
   signals.letGo();
@@ -409,6 +444,15 @@ std::shared_ptr<CryptokiObserver> notingObserver() { return std::make_shared<Cal
 
 std::shared_ptr<DynamicLoader> notingLoader(std::shared_ptr<DynamicLoader> next) {
   return std::make_shared<LoaderNotes>(std::move(next));
+}
+
+bool noteResult(std::string_view text) noexcept {
+  if (!results || text.size() > Results::kMost) return false;
+  const std::uint32_t next = results->last == 0 ? 1 : 0;
+  std::copy(text.begin(), text.end(), results->texts[next].begin());
+  results->sizes[next] = static_cast<std::uint32_t>(text.size());
+  results->last = next;
+  return true;
 }
 
 void noteTerminal(const termios& settings) noexcept {

@@ -5,6 +5,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "ExitCode.h"
 #include "host/Result.h"
@@ -32,10 +33,17 @@ struct Watch {
   std::chrono::milliseconds timeForEnd{5000};
 };
 
+/// See `runInWorker`.
+using Salvage = std::function<Failure(Failure failure, std::string_view noted)>;
+
 /// Runs `work` in a worker, and returns its exit code. Where the worker came to another end, it tells the
 /// user and returns the code for that. A signal that ends the worker for the user, such as SIGINT, ends this
 /// process too. Does not return in the worker. Once for each process.
-[[nodiscard]] Result<ExitCode> runInWorker(const std::function<ExitCode()>& work, const Watch& watch);
+/// `salvage`: may be empty; where the module brought the worker to a bad end, gets that failure and the text
+/// that the worker has noted last (see `noteResult`), which a module may have changed, and returns what is
+/// told.
+[[nodiscard]] Result<ExitCode> runInWorker(const std::function<ExitCode()>& work, const Watch& watch,
+                                           const Salvage& salvage = {});
 
 // For the worker; elsewhere they note nothing.
 
@@ -52,6 +60,9 @@ struct Watch {
 /// `forgetTerminal` is called.
 void noteTerminal(const termios& settings) noexcept;
 void forgetTerminal() noexcept;
+
+/// Notes what the work has come to so far, in the place of what was noted before. False where it is too long.
+bool noteResult(std::string_view text) noexcept;
 
 /// Notes the name of a temporary file while there is one: not longer than kLongestNotedName, or it is not
 /// noted.

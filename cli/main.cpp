@@ -118,7 +118,13 @@ Result<ExitCode> run(Options& options) {
   };
   const Watch watch{options.timeout > 0 ? std::optional{std::chrono::seconds{options.timeout}} : std::nullopt,
                     !options.json && isatty(STDERR_FILENO) != 0};
-  auto ended = runInWorker(work, watch);
+  Salvage salvage;
+  if (options.command->salvage) {
+    salvage = [&options](Failure failure, std::string_view noted) {
+      return options.command->salvage(options, std::move(failure), noted);
+    };
+  }
+  auto ended = runInWorker(work, watch, salvage);
   const auto stored = guarded([&] { return (*recorder)->store(); });
   if (stored) return ended;
   if (!ended) (void)report(ended.failure(), options.json);

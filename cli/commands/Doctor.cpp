@@ -4,6 +4,7 @@
 
 #include "Commands.h"
 #include "DoctorBundle.h"
+#include "DoctorNotes.h"
 #include "DoctorPage.h"
 #include "FindingText.h"
 #include "Findings.h"
@@ -12,9 +13,12 @@
 #include "Output.h"
 #include "Page.h"
 #include "PinEntry.h"
+#include "Progress.h"
 #include "Session.h"
 #include "Version.h"
+#include "Worker.h"
 #include "host/DistinctItems.h"
+#include "host/Home.h"
 #include "platform/Desktop.h"
 #include "platform/TimeAndChance.h"
 
@@ -129,35 +133,47 @@ Result<void> checkOptions(const Options& options) {
   return {};
 }
 
-/// What the files tell besides the diagnosis.
-struct Noted {
-  std::size_t numPublished = 0;
-  std::vector<Json> cards{};
-  std::shared_ptr<KeptLog> log;
-};
+bool writesFiles(const Options& options) { return options.fileOf(kHtml) || options.fileOf(kBundle); }
 
-Result<void> writeFiles(const Session& session, const Diagnosis& diagnosis, Noted noted) {
-  const Options& options = session.options();
-  const std::string date = dateOf(givenOrSystem(session.services().timeAndChance)->date());
+/// `services`: tell the names of the user.
+Result<void> writeFiles(const Options& options, const PlatformServices& services, const DoctorNotes& notes) {
+  const std::string date = dateOf(givenOrSystem(services.timeAndChance)->date());
   if (const auto file = options.fileOf(kHtml)) {
-    const auto written = writeText(file, pageOf(diagnosis, {versionText(), date, noted.numPublished}));
+    auto written = writeText(file, pageOf(notes.diagnosis, {versionText(), date, notes.numPublished}));
     if (!written) return written;
   }
   const auto file = options.fileOf(kBundle);
   if (!file) return {};
-  const BundleParts parts{versionText(), date, diagnosis, std::move(noted.cards), *noted.log};
-  return writeText(file, bundleOf(parts, session.services(), options.has(kAnonymous)));
+  const BundleParts parts{versionText(), date, notes.diagnosis, notes.cards, notes.log, notes.logWasStopped};
+  return writeText(file, bundleOf(parts, services, options.has(kAnonymous)));
+}
+
+/// The module has ended the examination: the files tell what was found until then.
+Failure salvage(const Options& options, Failure failure, std::string_view noted) {
+  auto notes = writesFiles(options) ? notesFrom(noted) : std::nullopt;
+  if (!notes) return failure;
+  addEnd(failure, notes->diagnosis);
+  PlatformServices services = systemServices();
+  if (options.home) services.user = userWithHome(services.user, *options.home);
+  const auto written = writeFiles(options, services, *notes);
+  failure.why += written ? "; what was found until then was written" : "; " + written.failure().what;
+  return failure;
 }
 
 Result<void> run(Session& session) {
   const Options& options = session.options();
   if (auto usable = checkOptions(options); !usable) return usable;
   PlatformServices services = session.services();
-  Noted noted{.log = std::make_shared<KeptLog>(services.log)};
-  services.log = noted.log;
+  const auto log = std::make_shared<KeptLog>(services.log);
+  services.log = log;
+  DoctorNotes notes;
+  const auto takeLog = [&] {
+    notes.log = log->lines();
+    notes.logWasStopped = log->wasStopped();
+  };
   Examination wanted{session.module(), session.readerName()};
   if (options.has(kLogin)) {
-    wanted.pins = [&options, &session, log = noted.log](Host& host, const Reader& reader) {
+    wanted.pins = [&options, &session, log](Host& host, const Reader& reader) {
       log->stop();
       return pinSourceFor(
           options, [&host, reader] { return host.pinState(reader); },
@@ -165,25 +181,37 @@ Result<void> run(Session& session) {
     };
   }
   wanted.onCard = [&](const InsertedCard& card, const CardReport& report) {
-    noted.numPublished += distinctItems(card.items).size();
-    if (options.fileOf(kBundle)) noted.cards.push_back(itemsJson(card, report));
+    notes.numPublished += distinctItems(card.items).size();
+    if (options.fileOf(kBundle)) notes.cards.push_back(itemsJson(card, report));
   };
   wanted.systemTools = systemProgramRunner();
   if (const auto desktop = systemDesktop()) wanted.app = desktop->appPath();
   // Each check at once: the next one may wait for a card that does not answer.
   Result<void> written;
   std::string reader;
-  if (!options.json) {
-    wanted.onCheck = [&](const Check& check) {
-      const std::string text = checkText(check, reader);
-      if (written) written = writeOutput(text);
-    };
-  }
-  const Diagnosis diagnosis = diagnose(services, wanted);
+  Progress progress{"examining", !options.json && !options.verbose};
+  std::size_t numDone = 0;
+  wanted.onStart = [&](std::string_view check) { progress.doneSteps(numDone, check); };
+  wanted.onCheck = [&](const Diagnosis& soFar) {
+    ++numDone;
+    if (writesFiles(options)) {
+      notes.diagnosis = soFar;
+      takeLog();
+      (void)noteResult(textOf(notes));  // where it is too long, what was noted before stays
+    }
+    if (options.json) return;
+    progress.clear();
+    const std::string text = checkText(soFar.checks.back(), reader);
+    if (written) written = writeOutput(text);
+  };
+  notes.diagnosis = diagnose(services, wanted);
+  progress.clear();
+  takeLog();
   if (!written) return written;
+  const Diagnosis& diagnosis = notes.diagnosis;
   session.setExitCode(exitCodeOf(diagnosis.verdict()));
   if (written = writeOutput(options.json ? jsonText(diagnosis) : endOf(diagnosis)); !written) return written;
-  return writeFiles(session, diagnosis, std::move(noted));
+  return writeFiles(options, session.services(), notes);
 }
 
 constexpr CommandOption kOptions[] = {
@@ -196,7 +224,7 @@ constexpr CommandOption kOptions[] = {
 
 }  // namespace
 
-const Command doctorCommand{"doctor", "Examine module, readers and card, and say what to do", kOptions, run,
-                            false};
+const Command doctorCommand{
+    "doctor", "Examine module, readers and card, and say what to do", kOptions, run, false, salvage};
 
 }  // namespace mirel::cli

@@ -39,6 +39,12 @@ constexpr FindingEntry kEntries[] = {
     {kModuleSlow, "MT-M09", "a call of the module takes long",
      "the system waits for the module before it shows the card or signs",
      "look whether the same card is quicker in another reader, and ask the maker of the module", kMaker},
+    {kModuleCrashed, "MT-M10", "the module crashed or ended the program",
+     "each program that uses the card ends with it", "ask the maker of the module, and name the call",
+     kMaker},
+    {kModuleHangs, "MT-M11", "the module does not come back from a call",
+     "each program that uses the card waits for it",
+     "take the card out and put it back; where that does not help, ask the maker of the module", kYou},
     // The readers and the service behind them.
     {kNoReader, "MT-R01", "no reader is connected", "a card is reached through a reader", "connect a reader",
      kYou},

@@ -117,6 +117,39 @@ TEST_F(Doctor, FindsOutBeforeThatAFileCannotBeWritten) {
   }
 }
 
+TEST_F(Doctor, WritesWhatItHasFoundWhereTheModuleEndsIt) {
+  const struct {
+    Stage stage;
+    int exitCode;
+    const char* code;
+    const char* words;
+  } rows[] = {{{{"CRASH", "C_Login"}}, 21, "MT-M10", "the module crashed in C_Login (SIGSEGV)"},
+              {{{"EXIT", "C_Login"}}, 22, "MT-M10", "it called exit in C_Login"},
+              {{{"PAUSE", "C_Login"}}, 23, "MT-M11", "the module has not returned from C_Login for 1 s"}};
+  for (const auto& [stage, exitCode, code, words] : rows) {
+    if (kHasAddressSanitizer && exitCode == 21) continue;  // the sanitizer makes an end of its own of a crash
+    SCOPED_TRACE(words);
+    const Arguments files{"--html", path("page.html"), "--bundle", path("bundle"), "--anonymous"};
+    const Result result = examined(stagedWithPin("doctor --login --timeout 1" + files, stage));
+    EXPECT_EQ(result.exitCode, exitCode);
+    EXPECT_THAT(result.err, HasSubstr(words));
+    EXPECT_THAT(result.err, HasSubstr("what was found until then was written"));
+    for (const char* file : {"page.html", "bundle"}) {
+      EXPECT_THAT(read(file), HasSubstr(code));
+      EXPECT_THAT(read(file), HasSubstr(words));
+      EXPECT_THAT(read(file), HasSubstr("C_Initialize without parameters"));
+    }
+    EXPECT_THAT(read("page.html"), HasSubstr("&quot;Card&quot;, serial number"));
+    EXPECT_THAT(read("bundle"), Not(HasSubstr("\"Card\"")));
+    EXPECT_THAT(read("bundle"), HasSubstr("\"idHex\""));
+  }
+}
+
+TEST_F(Doctor, WithoutFilesIsEndedByTheModuleAsEachCommand) {
+  expectJsonFailure(examined(staged("doctor --json", {{"EXIT", "C_GetTokenInfo"}})), 22,
+                    {"it called exit in C_GetTokenInfo"});
+}
+
 class Explain : public EndToEndTest {};
 
 TEST_F(Explain, ShowsAFindingOrAll) {

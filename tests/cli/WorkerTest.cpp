@@ -149,6 +149,41 @@ TEST(Worker, WhoseCallTakesLongIsToldOnceAfterTwoSeconds) {
             "mireltoken: waiting for the module in C_Sign (Ctrl-C ends it)\n");
 }
 
+TEST(Worker, ThatIsEndedLeavesTheLastOfItsResults) {
+  std::string salvaged;
+  const auto salvage = [&](Failure failure, std::string_view noted) {
+    salvaged = noted;
+    failure.why += "; and more";
+    return failure;
+  };
+  const auto done = runInWorker(
+      []() -> ExitCode {
+        const bool noted = noteResult("first") && noteResult("the second");
+        if (noteResult(std::string(1'000'000, 'x')) || !noted) return ExitCode::kInternal;
+        call("C_Sign");
+        std::exit(0);
+      },
+      Watch{seconds{20}, false, kTimeForEnd}, salvage);
+  ASSERT_FALSE(done);
+  EXPECT_EQ(salvaged, "the second");
+  EXPECT_THAT(done.failure().why, ::testing::EndsWith("; and more"));
+}
+
+TEST(Worker, ThatDoesItsWorkLeavesNothingToSalvage) {
+  const auto done = runInWorker(
+      [] {
+        (void)noteResult("text");
+        return ExitCode::kKeyNotFound;
+      },
+      Watch{seconds{20}, false, kTimeForEnd},
+      [](Failure failure, std::string_view) {
+        ADD_FAILURE();
+        return failure;
+      });
+  ASSERT_TRUE(done);
+  EXPECT_EQ(*done, ExitCode::kKeyNotFound);
+}
+
 TEST(Worker, LeavesNoTemporaryFileAndNoOtherFileIsTakenAway) {
   const test::TemporaryFolder folder;
   for (const auto& [name, stays] : {std::pair{".mireltoken-AbCdEf", false}, std::pair{"mine", true}}) {

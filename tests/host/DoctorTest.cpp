@@ -36,15 +36,20 @@ class Doctor : public HostTest {
 
 TEST_F(Doctor, TellsEachCheckWhenItWasMade) {
   Examination wanted{{std::nullopt, true}};
+  std::vector<std::string> begun;
   std::vector<std::string> told;
   std::size_t callsAtSlots = 0;
-  wanted.onCheck = [&](const Check& check) {
-    told.push_back(check.name);
-    if (check.name == "module starts") callsAtSlots = script.countOf("C_GetSlotList");
+  wanted.onStart = [&](std::string_view check) { begun.emplace_back(check); };
+  wanted.onCheck = [&](const Diagnosis& soFar) {
+    told.push_back(soFar.checks.back().name);
+    if (told.back() == "module starts") callsAtSlots = script.countOf("C_GetSlotList");
   };
   const Diagnosis found = diagnosis(wanted);
   EXPECT_EQ(told.size(), found.checks.size());
   EXPECT_EQ(told.front(), "module file");
+  EXPECT_THAT(begun,
+              ElementsAre("module file", "module's system", "module's owner", "module loads",
+                          "PKCS #11 version", "module starts", "slots", "card service", "card", "objects"));
   EXPECT_EQ(callsAtSlots, 0U);
 }
 

@@ -4,6 +4,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "host/Finding.h"
@@ -39,7 +40,8 @@ struct ExaminedModule {
 struct Diagnosis {
   std::vector<Check> checks;  ///< in the order in which they were made
   ExaminedModule module{};
-  std::vector<Reader> slots{};  ///< all that the module lists
+  std::vector<Reader> slots{};              ///< all that the module lists
+  std::vector<std::string> systemTokens{};  ///< IDs ("driver:card") of the tokens that the system lists
 
   /// Those of all checks, in their order, each once.
   [[nodiscard]] std::vector<Finding> findings() const;
@@ -58,9 +60,11 @@ struct Examination {
   ModuleChoice module{};
   Text reader{};         ///< its name (see `Host::insert`); null: all with a card
   PinsForReader pins{};  ///< with it one card alone is examined: a PIN is never sent to a card by mistake
-  std::chrono::milliseconds slowCall{2000};     ///< a call of the module that takes longer is told
-  std::function<void(const Check&)> onCheck{};  ///< is told of each check when it was made; may be empty
-  CardListener onCard{};                        ///< may be empty
+  std::chrono::milliseconds slowCall{2000};               ///< a call of the module that takes longer is told
+  std::function<void(std::string_view check)> onStart{};  ///< is told of a check that begins; may be empty
+  /// Is told of each check when it was made: the last one of those so far; may be empty.
+  std::function<void(const Diagnosis& soFar)> onCheck{};
+  CardListener onCard{};  ///< may be empty
   /// Asks the system about the token extension; null: the system has none, and nothing is said of it.
   std::shared_ptr<ProgramRunner> systemTools{};
   std::string app{};  ///< path of the app that this program is in; empty: it is in none

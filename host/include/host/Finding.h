@@ -33,6 +33,8 @@ enum class FindingID {
   kModuleDoesNotStart,
   kModuleListsNoSlots,
   kModuleSlow,
+  kModuleCrashed,
+  kModuleHangs,
   // The readers and the service behind them.
   kNoReader,
   kCardServiceSilent,

@@ -56,7 +56,7 @@ std::string textOf(const std::vector<KeyReport>& keys) {
   std::string text;
   for (const KeyReport& key : keys) {
     if (!text.empty()) text += "; ";
-    text += displayed(key.objectID);
+    text += subjectOf("key", key.objectID, key.labelOnCard);
     if (!key.works.empty()) text += " " + key.works;
   }
   return text.empty() ? "none" : text;
@@ -118,6 +118,7 @@ void tryKeys(Host& host, const InsertedCard& card, const CardReport& report, Pin
     return refuse("there is no login");
   }
   if (!checkLogin((*client)->logIn(pins), checks)) return refuse("there is no login");
+  checks.start(kPrivateKeys);
   const CardReport after = host.examine(card, true);
   std::vector<Finding> more;
   for (const Finding& finding : after.findings) {
@@ -150,6 +151,7 @@ void checkCard(Host& host, const Reader& reader, const PinsForReader& pins, cons
     checks.add(kCardCheck, why, {{kTokenUnreadable, Severity::kFailure, {}, why}});
     return skipAfterCard(checks, "the card cannot be read");
   }
+  checks.start(kCardCheck);
   const auto card = host.insert(reader.name);
   if (!card) {
     const std::string& why = card.failure().why;
@@ -171,6 +173,7 @@ void checkCard(Host& host, const Reader& reader, const PinsForReader& pins, cons
     addReport(report, 0, false, checks);
     return skipLogin(checks, "the card is not published");
   }
+  checks.start(kObjects);
   const CardReport report = host.examine(*card);
   if (onCard) onCard(*card, report);
   std::string about{"\""};

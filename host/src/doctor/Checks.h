@@ -18,7 +18,12 @@ struct Checkpoint {
 /// The checks that were made so far.
 class Checks {
  public:
-  explicit Checks(std::function<void(const Check&)> onCheck) : onCheck_{std::move(onCheck)} {}
+  explicit Checks(const Examination& wanted) : onStart_{wanted.onStart}, onCheck_{wanted.onCheck} {}
+
+  /// A check that may take its time begins.
+  void start(const Checkpoint& point) const {
+    if (onStart_) onStart_(point.name);
+  }
 
   /// A check that found these things (none: all is well).
   void add(const Checkpoint& point, std::string evidence, std::vector<Finding> findings = {}) {
@@ -41,15 +46,18 @@ class Checks {
   [[nodiscard]] const ExaminedModule& module() const noexcept { return diagnosis_.module; }
   void setSlots(std::vector<Reader> slots) { diagnosis_.slots = std::move(slots); }
 
+  void setSystemTokens(std::vector<std::string> ids) { diagnosis_.systemTokens = std::move(ids); }
+
   [[nodiscard]] Diagnosis diagnosis() && { return std::move(diagnosis_); }
 
  private:
   void append(Check check) {
     diagnosis_.checks.push_back(std::move(check));
-    if (onCheck_) onCheck_(diagnosis_.checks.back());
+    if (onCheck_) onCheck_(diagnosis_);
   }
 
-  std::function<void(const Check&)> onCheck_;
+  std::function<void(std::string_view)> onStart_;
+  std::function<void(const Diagnosis&)> onCheck_;
   Diagnosis diagnosis_;
   std::string reader_;
 };

@@ -112,7 +112,7 @@ Severity Diagnosis::verdict() const {
 }
 
 Diagnosis diagnose(PlatformServices services, const Examination& given) {
-  Checks checks{given.onCheck};
+  Checks checks{given};
   SystemExpectation expected{.app = given.app};
   Examination wanted = given;
   wanted.onCard = [&](const InsertedCard& card, const CardReport& report) {

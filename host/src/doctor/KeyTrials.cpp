@@ -120,6 +120,7 @@ void trySigning(KeyClient& client, const InsertedCard& card, const CardReport& r
       evidence.add(subject, "never signs here, not tried");
       continue;
     }
+    checks.start(point);
     if (const auto failure = failureOfSigning(client, key, *certificate, kPss, pins)) {
       evidence.add(subject, "does not sign");
       findings.push_back({kSignatureFails, saysNothing(*failure) ? Severity::kUnknown : Severity::kFailure,
@@ -144,6 +145,7 @@ void tryDecrypting(KeyClient& client, const InsertedCard& card, const CardReport
     const PublishedCertificate* certificate = certificateOf(card, key);
     if (!key.canDecrypt || !certificate || key.keyType != CertificateKeyType::kRSA) continue;
     const std::string subject = subjectOf(report, key);
+    checks.start(point);
     const auto failure = failureOfDecrypting(client, key, *certificate, pins);
     evidence.add(subject, failure ? "does not decrypt" : "decrypts PKCS #1 v1.5");
     if (failure)

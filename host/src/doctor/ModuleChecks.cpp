@@ -59,6 +59,7 @@ class ModuleExamination {
   template <typename Body>
   void step(const Checkpoint& point, const Body& body) {
     if (!reason_.empty()) return checks_.skip(point, reason_);
+    checks_.start(point);
     Outcome outcome = body();
     if (worstOf(outcome.findings) == Severity::kFailure) {
       reason_ = std::string{entryOf(outcome.findings.front().id).title};
@@ -189,6 +190,7 @@ void checkReaders(const PlatformServices& services, const std::optional<std::vec
                   Checks& checks) {
   constexpr Checkpoint kService{"card service", Station::kReaders};
   constexpr Checkpoint kReaders{"readers", Station::kReaders};
+  checks.start(kService);
   const CardServiceView view = viewOf(services.cardService);
   std::vector<Finding> findings = slots ? readerFindings(*slots, view) : std::vector<Finding>{};
   const auto ofService = std::stable_partition(findings.begin(), findings.end(), [](const Finding& finding) {

@@ -77,8 +77,14 @@ class SystemExamination {
     add(point, std::move(evidence), std::move(finding));
   }
 
+  [[nodiscard]] ToolAnswer ask(const Checkpoint& point, const std::string& tool,
+                               const std::vector<std::string>& arguments) {
+    checks_.start(point);
+    return askTool(runner_, tool, arguments);
+  }
+
   void lookForExtension() {
-    const ToolAnswer answer = askTool(runner_, "pluginkit", {"-mADv", "-p", "com.apple.ctk-tokens"});
+    const ToolAnswer answer = ask(kExtension, "pluginkit", {"-mADv", "-p", "com.apple.ctk-tokens"});
     if (answer.unanswered) return addUnknown(kExtension, *answer.unanswered);
     const auto all = extensionsIn(answer.output);
     if (answer.code != 0 || (all.empty() && !firstLineOf(answer.output).empty()))
@@ -120,9 +126,10 @@ class SystemExamination {
 
   void lookForCards() {
     if (expected_.numCards == 0) return checks_.skip(kCards, "there is no card");
-    const ToolAnswer answer = askTool(runner_, "security", {"list-smartcards"});
+    const ToolAnswer answer = ask(kCards, "security", {"list-smartcards"});
     if (answer.unanswered) return addUnknown(kCards, *answer.unanswered);
     tokens_ = tokenIDsIn(answer.output);
+    checks_.setSystemTokens(tokens_);
     if (tokens_.empty() && answer.code != 0) return addUnknown(kCards, uselessAnswer("security", answer));
     const auto own = static_cast<std::size_t>(std::count_if(
         tokens_.begin(), tokens_.end(), [](const std::string& id) { return id.starts_with(kTokenPrefix); }));
@@ -137,7 +144,7 @@ class SystemExamination {
 
   void lookForKeys() {
     if (expected_.keyHashes.empty()) return checks_.skip(kKeysSeen, "no key is published");
-    const ToolAnswer answer = askTool(runner_, "sc_auth", {"identities"});
+    const ToolAnswer answer = ask(kKeysSeen, "sc_auth", {"identities"});
     if (answer.unanswered) return addUnknown(kKeysSeen, *answer.unanswered);
     listed_ = keyHashesIn(answer.output);
     if (listed_.empty() && answer.code != 0) return addUnknown(kKeysSeen, uselessAnswer("sc_auth", answer));
@@ -176,7 +183,7 @@ class SystemExamination {
     std::vector<Finding> findings;
     std::vector<std::string> clean;
     for (const auto& [what, path] : files()) {
-      const ToolAnswer answer = askTool(runner_, "xattr", {path});
+      const ToolAnswer answer = ask(kQuarantine, "xattr", {path});
       if (answer.unanswered) return addUnknown(kQuarantine, *answer.unanswered);
       if (answer.code != 0) {
         findings.push_back(uselessAnswer("xattr", answer));
@@ -195,7 +202,7 @@ class SystemExamination {
     std::vector<Finding> findings;
     std::vector<std::string> good;
     for (const auto& [what, path] : files()) {
-      const ToolAnswer answer = askTool(runner_, "codesign", {"-vvv", "--deep", "--strict", path});
+      const ToolAnswer answer = ask(kSignatures, "codesign", {"-vvv", "--deep", "--strict", path});
       if (answer.unanswered) return addUnknown(kSignatures, *answer.unanswered);
       if (answer.code == 0) {
         good.push_back(what);
@@ -219,7 +226,7 @@ class SystemExamination {
     if (extensionPath_.empty())
       return checks_.skip(kEntitlements, "it is not known where the extension lies");
     const ToolAnswer answer =
-        askTool(runner_, "codesign", {"-d", "--entitlements", "-", "--xml", extensionPath_});
+        ask(kEntitlements, "codesign", {"-d", "--entitlements", "-", "--xml", extensionPath_});
     if (answer.unanswered) return addUnknown(kEntitlements, *answer.unanswered);
     if (answer.code != 0) return addUnknown(kEntitlements, uselessAnswer("codesign", answer));
     std::vector<std::string> missing;
@@ -233,7 +240,7 @@ class SystemExamination {
 
   void lookAtNotarisation() {
     if (app_.empty()) return checks_.skip(kNotarisation, "it is not known where the app lies");
-    const ToolAnswer answer = askTool(runner_, "spctl", {"-a", "-vv", app_});
+    const ToolAnswer answer = ask(kNotarisation, "spctl", {"-a", "-vv", app_});
     if (answer.unanswered) return addUnknown(kNotarisation, *answer.unanswered);
     const std::string evidence = firstLineOf(answer.output);
     isAccepted_ = answer.code == 0;
