@@ -3,10 +3,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "DoctorBundle.h"
+
 namespace mirel::cli {
 namespace {
 
 using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::Not;
 using ::testing::SizeIs;
 
 DoctorNotes someNotes() {
@@ -67,6 +71,19 @@ TEST(DoctorNotes, LeaveOutWhatDoesNotFit) {
   EXPECT_THAT(notes->log, ElementsAre("a\\x0Ab"));
   EXPECT_FALSE(notes->logWasStopped);
   EXPECT_THAT(notes->cards, SizeIs(1));
+}
+
+TEST(DoctorNotes, OfWhatTheSystemListsNameNoCardInAnAnonymousBundle) {
+  DoctorNotes notes = someNotes();
+  notes.diagnosis.systemTokens = {"com.apple.CryptoTokenKit.pivtoken:12345678"};
+  notes.diagnosis.checks.front().evidence = notes.diagnosis.systemTokens.front();
+  const auto bundle = [&](bool anonymous) {
+    return bundleOf({"1.0", "today", notes.diagnosis, notes.cards, notes.log, false}, systemServices(),
+                    anonymous);
+  };
+  EXPECT_THAT(bundle(false), HasSubstr("pivtoken:12345678"));
+  EXPECT_THAT(bundle(true), HasSubstr("pivtoken:card-1"));
+  EXPECT_THAT(bundle(true), Not(HasSubstr("12345678")));
 }
 
 TEST(DoctorNotes, SayHowTheModuleCameToItsEnd) {

@@ -100,6 +100,7 @@ TEST_F(DoctorOnAMac, FindsNothingWhereAllIsWell) {
     EXPECT_EQ(checkIn(found, name).station, Station::kSystem);
   }
   EXPECT_THAT(tools->lines, ::testing::Contains("/usr/bin/pluginkit -mADv -p com.apple.ctk-tokens"));
+  EXPECT_THAT(found.systemTokens, ElementsAre("com.mirel.token.extension:1234567890ABCDEF"));
 }
 
 TEST_F(DoctorOnAMac, OnlyThereAsksTools) {
