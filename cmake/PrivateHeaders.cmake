@@ -1,7 +1,8 @@
 # mirel_private_headers(<target> [<folder>])
 # Has each header of <folder> (src, as seen from the target's own folder), which only the target's sources include,
 # compile alone with what those sources see. It is built with the headers that everybody may include, by
-# all_verify_interface_header_sets. Headers of Objective-C++ are left out: that check takes C++ alone.
+# all_verify_interface_header_sets. Headers of Objective-C++ are left out: that check takes C++ alone. So are those that
+# the source of the same name includes before all others: it sees the same, and is built anyway.
 function(mirel_private_headers target)
   set(folder src)
   if(ARGC GREATER 1)
@@ -13,6 +14,16 @@ function(mirel_private_headers target)
   if(NOT headers)
     message(FATAL_ERROR "${target} has no private headers in ${folder}.")
   endif()
+  foreach(header IN LISTS headers)
+    cmake_path(GET header FILENAME name)
+    cmake_path(REPLACE_EXTENSION header LAST_ONLY cpp OUTPUT_VARIABLE source)
+    if(EXISTS ${source})
+      file(STRINGS ${source} first LIMIT_COUNT 1 REGEX "^ *#")
+      if(first STREQUAL "#include \"${name}\"")
+        list(REMOVE_ITEM headers ${header})
+      endif()
+    endif()
+  endforeach()
   cmake_path(RELATIVE_PATH folder BASE_DIRECTORY ${PROJECT_SOURCE_DIR} OUTPUT_VARIABLE name)
   string(REGEX REPLACE "/$" "" name "private_headers_${name}")
   string(MAKE_C_IDENTIFIER ${name} name)
