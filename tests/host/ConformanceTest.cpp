@@ -1,7 +1,5 @@
 #include "host/Conformance.h"
 
-#include <openssl/rsa.h>
-
 #include <algorithm>
 #include <fstream>
 #include <iterator>
@@ -16,20 +14,6 @@ namespace {
 using ::testing::Contains;
 
 using Verdicts = std::map<std::string, RuleVerdict>;
-
-/// Hands on to the pins of a test.
-class HandedOn final : public PinSource {
- public:
-  explicit HandedOn(GivenPins& pins) : pins_{pins} {}
-  Result<std::shared_ptr<const SecretText>> askForPin(const std::string& tokenLabel) override {
-    return pins_.askForPin(tokenLabel);
-  }
-  void showRefusal(const std::string& text) override { pins_.showRefusal(text); }
-  [[nodiscard]] bool canAskAgain() const override { return pins_.canAskAgain(); }
-
- private:
-  GivenPins& pins_;
-};
 
 /// A card that keeps every rule: the keys "01", which signs, and "02", which decrypts, and a module that
 /// pads.
@@ -48,21 +32,8 @@ class ConformanceTest : public KeyClientTest {
     objects.clear();
     addKey("01", "Signer", kForSigning, own);
     addKey("02", "Vault", kForDecrypting, own);
-    script.hook<&CK_FUNCTION_LIST::C_Sign>([&](auto real, auto session, auto* data, auto dataLen, auto* out,
-                                               auto* outLen) {
-      const CK_RV rv = real(session, data, dataLen, out, outLen);
-      if (rv != CKR_OK || !out) return rv;
-      const Value block(data, data + dataLen);
-      const bool isWhole = dataLen == own.blockSize();
-      const Value made = isWhole ? own.rawPrivate(block) : own.signature(block, nullptr, RSA_PKCS1_PADDING);
-      std::copy(made.begin(), made.end(), out);
-      return rv;
-    });
-    script.hook<&CK_FUNCTION_LIST::C_Decrypt>(
-        [&](auto real, auto session, auto* data, auto dataLen, auto* out, auto* outLen) {
-          Value block = own.rawPrivate(Value(data, data + dataLen));
-          return real(session, block.data(), block.size(), out, outLen);
-        });
+    padInTheModule(own);
+    decryptInTheModule(own);
   }
   void addKey(const char* name, const char* label, unsigned usage, const SoftwareKey& own) {
     const Value id = bytesOf(name);
@@ -85,7 +56,7 @@ class ConformanceTest : public KeyClientTest {
 
   [[nodiscard]] Conformance tested(bool withLogin = true) {
     Examination wanted{{module, true}, reader};
-    if (withLogin) wanted.pins = [this](Host&, const Reader&) { return std::make_unique<HandedOn>(*given); };
+    if (withLogin) wanted.pins = [this](Host&, const Reader&) { return handedOn(*given); };
     return testConformance(services(), wanted);
   }
   [[nodiscard]] static Verdicts verdictsOf(const Conformance& conformance) {

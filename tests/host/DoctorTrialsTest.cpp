@@ -1,5 +1,3 @@
-#include <openssl/rsa.h>
-
 #include "host/DoctorTest.h"
 #include "host/KeyClientTest.h"
 
@@ -11,26 +9,12 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using enum FindingID;
 
-/// Hands on to the pins of a test.
-class Forwarded final : public PinSource {
- public:
-  explicit Forwarded(GivenPins& pins) : pins_{pins} {}
-  Result<std::shared_ptr<const SecretText>> askForPin(const std::string& tokenLabel) override {
-    return pins_.askForPin(tokenLabel);
-  }
-  void showRefusal(const std::string& text) override { pins_.showRefusal(text); }
-  [[nodiscard]] bool canAskAgain() const override { return pins_.canAskAgain(); }
-
- private:
-  GivenPins& pins_;
-};
-
 class DoctorTrials : public KeyClientTest {
  protected:
   [[nodiscard]] Diagnosis diagnosis() { return diagnosisWith(pins); }
   [[nodiscard]] Diagnosis diagnosisWith(GivenPins& given) {
     Examination wanted{{std::nullopt, true}};
-    wanted.pins = [&given](Host&, const Reader&) { return std::make_unique<Forwarded>(given); };
+    wanted.pins = [&given](Host&, const Reader&) { return handedOn(given); };
     return diagnose(services(), wanted);
   }
   /// The codes of that check's findings.
@@ -40,17 +24,7 @@ class DoctorTrials : public KeyClientTest {
 };
 
 TEST_F(DoctorTrials, TryEachKeyOnceWithOnePin) {
-  // Pads what is shorter than a block.
-  script.hook<&CK_FUNCTION_LIST::C_Sign>([&](auto real, CK_SESSION_HANDLE session, CK_BYTE_PTR data,
-                                             CK_ULONG dataLen, CK_BYTE_PTR out, CK_ULONG_PTR outLen) {
-    const CK_RV rv = real(session, data, dataLen, out, outLen);
-    if (rv != CKR_OK || !out) return rv;
-    const Value block(data, data + dataLen);
-    const Value made =
-        dataLen == key.blockSize() ? key.rawPrivate(block) : key.signature(block, nullptr, RSA_PKCS1_PADDING);
-    std::copy(made.begin(), made.end(), out);
-    return rv;
-  });
+  padInTheModule();
   const Diagnosis found = diagnosis();
   EXPECT_EQ(
       checkIn(found, "signatures").evidence,

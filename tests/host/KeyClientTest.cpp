@@ -22,7 +22,22 @@ template <typename Value>
   return {};
 }
 
+class HandedOn final : public PinSource {
+ public:
+  explicit HandedOn(GivenPins& pins) : pins_{pins} {}
+  Result<std::shared_ptr<const SecretText>> askForPin(const std::string& tokenLabel) override {
+    return pins_.askForPin(tokenLabel);
+  }
+  void showRefusal(const std::string& text) override { pins_.showRefusal(text); }
+  [[nodiscard]] bool canAskAgain() const override { return pins_.canAskAgain(); }
+
+ private:
+  GivenPins& pins_;
+};
+
 }  // namespace
+
+std::unique_ptr<PinSource> handedOn(GivenPins& pins) { return std::make_unique<HandedOn>(pins); }
 
 Result<std::size_t> GivenInput::read(std::span<std::uint8_t> room) {
   ++timesRead;
@@ -70,12 +85,7 @@ void KeyClientTest::startAnew() {
         std::copy(made.begin(), made.end(), out);
         return made.empty() ? CKR_DATA_INVALID : CKR_OK;
       });
-  // The real one takes the padding away.
-  script.hook<&CK_FUNCTION_LIST::C_Decrypt>(
-      [&](auto real, auto session, auto* data, auto dataLen, auto* out, auto* outLen) {
-        Value block = key.rawPrivate(Value(data, data + dataLen));
-        return real(session, block.data(), block.size(), out, outLen);
-      });
+  decryptInTheModule(key);
 
   insertAnew();
   script.forgetCalls();
@@ -108,14 +118,25 @@ const PublishedKey& KeyClientTest::published(const char16_t* objectID) const {
   return kNone;
 }
 
-void KeyClientTest::padInTheModule() {
+void KeyClientTest::padInTheModule(const SoftwareKey& own) {
   script.hook<&CK_FUNCTION_LIST::C_Sign>(
-      [&](auto real, auto session, auto* data, auto dataLen, auto* out, auto* outLen) {
+      [&own](auto real, auto session, auto* data, auto dataLen, auto* out, auto* outLen) {
         const CK_RV rv = real(session, data, dataLen, out, outLen);
         if (rv != CKR_OK || !out) return rv;
-        const Value made = key.signature(Value(data, data + dataLen), nullptr, RSA_PKCS1_PADDING);
+        const Value block(data, data + dataLen);
+        const bool isWhole = dataLen == own.blockSize();
+        const Value made = isWhole ? own.rawPrivate(block) : own.signature(block, nullptr, RSA_PKCS1_PADDING);
         std::copy(made.begin(), made.end(), out);
         return rv;
+      });
+}
+
+void KeyClientTest::decryptInTheModule(const SoftwareKey& own) {
+  // The real one takes the padding away.
+  script.hook<&CK_FUNCTION_LIST::C_Decrypt>(
+      [&own](auto real, auto session, auto* data, auto dataLen, auto* out, auto* outLen) {
+        Value block = own.rawPrivate(Value(data, data + dataLen));
+        return real(session, block.data(), block.size(), out, outLen);
       });
 }
 

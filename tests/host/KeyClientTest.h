@@ -49,6 +49,9 @@ class GivenPins final : public PinSource {
   std::deque<std::u16string> pins_;
 };
 
+/// Another source of the same PINs, for who takes one over.
+[[nodiscard]] std::unique_ptr<PinSource> handedOn(GivenPins& pins);
+
 /// Gives pieces of data in turn, each cut to the room that there is. Then comes the failure, or the end.
 class GivenInput final : public InputSource {
  public:
@@ -90,8 +93,11 @@ class KeyClientTest : public InsertedCardTest {
   /// The published key with that object identifier.
   [[nodiscard]] const PublishedKey& published(const char16_t* objectID) const;
 
-  /// Has the module add the padding of PKCS #1 v1.5 to what it signs.
-  void padInTheModule();
+  /// Has the module add the padding of PKCS #1 v1.5 to what it signs, unless that is a whole block.
+  void padInTheModule() { padInTheModule(key); }
+  void padInTheModule(const SoftwareKey& own);
+  /// Has it decrypt, and take the padding away.
+  void decryptInTheModule(const SoftwareKey& own);
   /// Has the module hand out whole blocks instead of the messages in them.
   void decryptRawInTheModule();
 
