@@ -1,6 +1,5 @@
 #include "host/Conformance.h"
 
-#include <algorithm>
 #include <fstream>
 #include <iterator>
 #include <regex>
