@@ -224,7 +224,11 @@ constexpr CommandOption kOptions[] = {
 
 }  // namespace
 
-const Command doctorCommand{
-    "doctor", "Examine module, readers and card, and say what to do", kOptions, run, false, salvage};
+const Command doctorCommand{.name = "doctor",
+                            .help = "Examine module, readers and card, and say what to do",
+                            .options = kOptions,
+                            .run = run,
+                            .usesModule = false,
+                            .salvage = salvage};
 
 }  // namespace mirel::cli

@@ -385,7 +385,10 @@ constexpr CommandOption kOptions[] = {
 
 }  // namespace
 
-const Command watchCommand{
-    "watch", "Tell of cards that are inserted and removed, as it happens", kOptions, run, true, false};
+const Command watchCommand{.name = "watch",
+                           .help = "Tell of cards that are inserted and removed, as it happens",
+                           .options = kOptions,
+                           .run = run,
+                           .hasWorker = false};
 
 }  // namespace mirel::cli
