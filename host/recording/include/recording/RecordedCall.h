@@ -16,7 +16,7 @@ namespace mirel::recording {
 // What a recording consists of: the calls of a PKCS #11 module with their arguments and answers, and whatever
 // else of its surroundings a run depends on. Plain data, which can be rewritten before it is stored.
 //
-// No PIN, no plain text, no key and no random byte of the module is ever part of it, see ArgumentKinds.h.
+// No PIN, no plain text, no key and no random byte of the module is ever part of it, see src/ArgumentTable.h.
 
 struct Value;
 struct NamedValue;
