@@ -38,6 +38,18 @@ std::vector<std::string> linesOf(const fs::path& file) {
   return lines;
 }
 
+/// The name of a key, in which \xNN stands for a byte.
+std::string keyNamed(std::string_view word) {
+  std::string name;
+  for (std::size_t at = 0; at < word.size(); ++at) {
+    const bool isByte = word.substr(at, 2) == "\\x" && at + 4 <= word.size();
+    name +=
+        isByte ? static_cast<char>(std::stoi(std::string{word.substr(at + 2, 2)}, nullptr, 16)) : word[at];
+    if (isByte) at += 3;
+  }
+  return name;
+}
+
 /// Carries out a step such as "sign RSASignatureRaw 01 256": the data are so many bytes.
 void carryOut(const std::string& step, Play& play) {
   std::istringstream words{step};
@@ -55,6 +67,7 @@ void carryOut(const std::string& step, Play& play) {
   if (verb == "login") return play.logIn(0);
   if (verb == "remove") return play.remove();
   words >> algorithm >> key >> size;
+  key = keyNamed(key);
   if (verb == "sign") return play.sign(0, Data(size, 0x12), algorithm, key);
   if (verb == "decrypt") return play.decrypt(0, Data(size, 0x12), algorithm, key);
   ADD_FAILURE() << "there is no step \"" << step << '"';
