@@ -6,8 +6,8 @@
 
 namespace mirel::cli {
 
-/// Tells on standard error how much of each kind was replaced in that file; and, where that is a terminal and
-/// nobody else reads it, by what.
+/// Tells on standard error how many of each kind were replaced in that file. Where it is a terminal it tells
+/// by what, too: that is for the user alone, and must not get into a file.
 void tellReplaced(const std::string& file, const recording::ShapedPseudonyms& pseudonyms);
 
 }  // namespace mirel::cli

@@ -5,10 +5,14 @@
 #include <openssl/x509v3.h>
 
 #include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <utility>
 
 #include "../platform/CertificateBuilder.h"
+#include "platform/Certificate.h"
 
 namespace mirel::recording {
 namespace {
@@ -125,6 +129,27 @@ TEST(AnonymousCertificate, KeepsNoOriginalByte) {
        {"ane"s, "JANE"s, "oe"s, "ller"s, "people"s, "70112"s, "\0a\0n\0e"s, "\x91\xA2"s, "\x0A\x14\x1E"s,
         "\x01\x02\x03\x04"s, "login"s, "directory"s, "made"s, "Test"s})
     EXPECT_EQ(bytes.find(original), std::string::npos) << original;
+}
+
+TEST(AnonymousCertificate, IsReadAsTheOriginalIs) {
+  const auto parser = systemCertificateParser();
+  int numCertificates = 0;
+  for (const auto& entry : std::filesystem::directory_iterator{MIREL_CERTIFICATE_SEEDS}) {
+    SCOPED_TRACE(entry.path());
+    std::ifstream file{entry.path(), std::ios::binary};
+    const ByteVector der{std::istreambuf_iterator<char>{file}, {}};
+    const auto original = parser->createWithData(Bytes{der});
+    if (!original) continue;
+    ++numCertificates;
+    ShapedPseudonyms pseudonyms;
+    const auto anonymous = parser->createWithData(Bytes{anonymousCertificate(der, pseudonyms)});
+    ASSERT_TRUE(anonymous);
+    EXPECT_EQ(anonymous->keyUsage(), original->keyUsage());
+    EXPECT_EQ(anonymous->notAfter(), original->notAfter());
+    EXPECT_EQ(anonymous->keyType(), original->keyType());
+    EXPECT_EQ(anonymous->keySizeInBits(), original->keySizeInBits());
+  }
+  EXPECT_GT(numCertificates, 3);
 }
 
 TEST(AnonymousCertificate, IsTheSameForTheSameNames) {
