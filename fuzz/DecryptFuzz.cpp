@@ -7,6 +7,7 @@
 #include "Check.h"
 #include "Input.h"
 #include "KeyRun.h"
+#include "host/KeyAbility.h"
 
 namespace mirel::fuzz {
 namespace {

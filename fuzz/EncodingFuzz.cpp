@@ -14,6 +14,7 @@
 #include "Input.h"
 #include "RsaEncoding.h"
 #include "platform/Der.h"
+#include "platform/TimeAndChance.h"
 
 namespace mirel::fuzz {
 namespace {
@@ -72,7 +73,7 @@ void tryPss(Input& input) {
   const Hash hash = hashFrom(input);
   const ByteVector digest = digestFrom(input, hash);
   const std::size_t bits = 8 * input.byte() + input.below(9);
-  const auto block = encodedForPss(hash, digest, bits);
+  const auto block = encodedForPss(hash, digest, bits, *systemTimeAndChance());
   const std::size_t size = (bits + 7) / 8;
   const bool fits = bits > 1 && (bits - 1 + 7) / 8 >= 2 * factsOf(hash).size + 2;
   check(block.has_value() == fits, "what has room is encoded");

@@ -10,6 +10,7 @@
 #include "Check.h"
 #include "Input.h"
 #include "KeyRun.h"
+#include "host/KeyAbility.h"
 #include "host/SoftwareKey.h"
 #include "host/Verification.h"
 

@@ -223,7 +223,8 @@ void tryPin(const std::string& text) {
   given.fill(text);
   cli::Options options;
   options.pinFd = given.reading();
-  const auto source = cli::pinSourceFor(options, [] { return Result<PinState>{PinState{}}; });
+  const auto source = cli::pinSourceFor(
+      options, [] { return Result<PinState>{PinState{}}; }, cli::CardGuard{});
   const auto pin = source->askForPin("a card");
   if (!pin) return checkFailure(pin.failure());
   check(*pin && !(*pin)->isNull(), "a descriptor cannot cancel");
