@@ -12,6 +12,7 @@
 #include "Presentable.h"
 #include "Usage.h"
 #include "host/KeyChoice.h"
+#include "platform/Log.h"
 
 namespace mirel::fuzz {
 namespace {
@@ -58,7 +59,10 @@ void run(Input& input) {
   } catch (const CLI::CallForVersion&) {
     // has nothing to do with what was typed
   } catch (const CLI::ParseError& error) {
-    checkOneLine(cli::refusalText(app, error), "why a command line is refused");
+    const std::string why = cli::refusalText(app, error);
+    check(!why.empty(), "a command line is not refused without a word");
+    // The words of the user, which stand in it, are made printable where it is written.
+    check(isPrintableLine(printableLine(why)), "a refusal can be made printable");
   }
 }
 

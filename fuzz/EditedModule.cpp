@@ -522,7 +522,9 @@ void changeObjects(Input& input, test::Script& script) {
   }
   constexpr std::size_t kManyCopies = 170;  // more than are listed
   const std::size_t kind = input.byte();
-  const std::size_t copies = kind == 0xFF ? kManyCopies : kind % 4 + 1;
+  // A card lists each certificate once for each key of its ID, so many of both would take long.
+  const bool maybeMany = kind == 0xFF && card.objects.size() < kManyCopies / 2;
+  const std::size_t copies = maybeMany ? kManyCopies : kind % 4 + 1;
   const test::Object copy = *object;
   for (std::size_t i = 0; i < copies; ++i) script.addObject(copy);
 }
@@ -558,11 +560,14 @@ void changePin(Input& input, test::Card& card) {
   }
 }
 
-void changeBehaviour(Input& input, test::Deviations& deviations) {
+void changeBehaviour(Input& input, test::Script& script) {
   thePlay.lied = true;
+  test::Deviations& deviations = script.deviations;
   const std::uint8_t kind = input.byte();
-  // Takes long: a card lists each certificate once for each key of its ID.
-  if (kind == 0xFF) deviations.endlessSearches = true;
+  if (kind == 0xFF) {
+    script.card().objects.clear();  // else each certificate would be listed once for each key
+    deviations.endlessSearches = true;
+  }
   switch (kind % 6) {
     case 0: deviations.slotCountOnQuery = input.number() % 64; break;
     case 1: deviations.foundPerCall = input.number(); break;
@@ -589,7 +594,7 @@ void EditedModule::changeCard(Input& input) {
     case 6: editToken(input, script.card().info); break;
     case 7: changeReaders(input, script); break;
     case 8: changePin(input, script.card()); break;
-    case 9: changeBehaviour(input, script.deviations); break;
+    case 9: changeBehaviour(input, script); break;
     case 10:
       thePlay.failed = true;
       script.removeEntry(test::kFunctionNames[input.byte() % test::kNumFunctions]);

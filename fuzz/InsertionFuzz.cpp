@@ -114,7 +114,8 @@ std::map<std::u16string, std::size_t> certificatesOf(const test::Card& card) {
 /// it leaves out no certificate of the card. Of a module that lied nothing can be said.
 void checkSecondLook(const InsertedCard& card, const CardReport& report, EditedModule& module) {
   if (module.hasLied()) return;
-  const auto onCard = certificatesOf(module.script().card());
+  const test::Card& inReader = module.script().card(card.reader.slotID);
+  const auto onCard = certificatesOf(inReader);
   std::set<std::u16string> published;
   for (const PublishedItem& item : card.items) {
     if (const auto* certificate = std::get_if<PublishedCertificate>(&item))
@@ -130,8 +131,8 @@ void checkSecondLook(const InsertedCard& card, const CardReport& report, EditedM
     check(object.unread || !isTheOnlyOne || !published.contains(name),
           "what is published is not said to be missing");
   }
-  const bool allSeen = !module.hasFailed() && report.failedRead.empty() &&
-                       module.script().card().objects.size() <= kMaxListedObjects;
+  const bool allSeen =
+      !module.hasFailed() && report.failedRead.empty() && inReader.objects.size() <= kMaxListedObjects;
   if (!allSeen) return;
   for (const auto& [name, count] : onCard)
     check(published.contains(name) || unpublished.contains(name),
