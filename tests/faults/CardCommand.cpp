@@ -80,12 +80,11 @@ bool isError(const Fault& fault) {
          fault.code != CKR_ATTRIBUTE_TYPE_INVALID;
 }
 
-bool saysWhatWasNotRead(const RunResult& result) {
-  constexpr const char* kWords[] = {"could not be read", "NOT READ NOW", "unreadable",
-                                    "\"incomplete\"",    "\"problem\"",  "\"failedRead\"",
-                                    "\"unread\": true"};
-  return !result.err.empty() || std::any_of(std::begin(kWords), std::end(kWords), [&](const char* words) {
-    return result.out.find(words) != std::string::npos;
+bool saysWhatWasNotRead(const Fault& fault, const RunResult& result) {
+  const std::string words[] = {fault.function + " answered", "could not be read", "NOT READ NOW",
+                               "unreadable", "\"incomplete\""};
+  return !result.err.empty() || std::any_of(std::begin(words), std::end(words), [&](const std::string& told) {
+    return result.out.find(told) != std::string::npos;
   });
 }
 
@@ -172,7 +171,7 @@ std::string RunFolder::wrongAnswer(const CardCommand& command, const Fault& faul
     }
     case Answer::kLogin: return card_.record().loggedIn ? "" : "the module has accepted no PIN";
     case Answer::kListing: {
-      const bool isTold = !isError(fault) || run.out == good.out || saysWhatWasNotRead(run);
+      const bool isTold = !isError(fault) || run.out == good.out || saysWhatWasNotRead(fault, run);
       return isTold ? "" : "it lists something else, and says nothing of it";
     }
     case Answer::kReport: {

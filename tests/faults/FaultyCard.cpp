@@ -1,11 +1,13 @@
 #include "faults/FaultyCard.h"
 
+#include <openssl/core_names.h>
 #include <openssl/evp.h>
 #include <sys/mman.h>
 
 #include <algorithm>
 #include <map>
 #include <new>
+#include <stdexcept>
 #include <string_view>
 #include <tuple>
 
@@ -191,6 +193,17 @@ void hookAll(Script& script, FunctionPack<Functions...>) {
   (script.hook<Functions>([](auto real, auto... args) { return answer<Functions>(real, args...); }), ...);
 }
 
+/// Of a key on P-256, as a module gives it.
+Value wrappedPoint(EVP_PKEY* key) {
+  Value point{0x04, 0x41};
+  point.resize(67);
+  std::size_t size = 0;
+  if (EVP_PKEY_get_octet_string_param(key, OSSL_PKEY_PARAM_PUB_KEY, point.data() + 2, point.size() - 2,
+                                      &size) != 1)
+    throw std::runtime_error{"the key has no point"};
+  return point;
+}
+
 /// The same one each time, so that runs can be compared.
 const ByteVector& certificateFor(EVP_PKEY* key, const std::string& subject, const ByteVector& keyUsage) {
   static std::map<std::pair<std::string, ByteVector>, ByteVector> made;
@@ -238,7 +251,7 @@ void FaultyCard::makeCard(const std::string& subject) {
     const Value idBytes{id};
     const Value text = bytesOf(label);
     script.addObject(isRsa ? rsaPublicKey(idBytes, text, key_.modulus())
-                           : ecPublicKey(idBytes, text, p256Params(), p256Point(1)));
+                           : ecPublicKey(idBytes, text, p256Params(), wrappedPoint(key)));
     script.addObject(isRsa ? rsaPrivateKey(idBytes, text, key_.modulus())
                            : ecPrivateKey(idBytes, text, p256Params()));
     script.addObject(certificate(idBytes, text, certificateFor(key, subject, keyUsage)));
