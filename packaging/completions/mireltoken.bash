@@ -42,7 +42,7 @@ _mireltoken() {
     doctor) options+=' --login --html --bundle --anonymous --pin-file --pin-fd --last-try' ;;
     conformance) options+=' --login --html --junit --pin-file --pin-fd --last-try' ;;
     watch) options+=' --exec --for' ;;
-    record) options+=' --out' ;;
+    record) options+=' --out --anonymous' ;;
     trace) options+=' --failed --slow' ;;
   esac
   case $cur,$command in

@@ -72,6 +72,7 @@ complete -c mireltoken -n '__fish_seen_subcommand_from watch' -l for -x -d 'End 
 complete -c mireltoken -n 'not __fish_seen_subcommand_from readers items certificate algorithms login sign decrypt exchange doctor conformance watch explain record trace help' -a explain -d 'Explain what `doctor` has found'
 complete -c mireltoken -n 'not __fish_seen_subcommand_from readers items certificate algorithms login sign decrypt exchange doctor conformance watch explain record trace help' -a record -d 'Carry out a command, and record what the module was asked and answered'
 complete -c mireltoken -n '__fish_seen_subcommand_from record' -l out -r -F -d 'Where the recording goes'
+complete -c mireltoken -n '__fish_seen_subcommand_from record' -l anonymous -d 'Put pseudonyms of the same length for names, labels and serial numbers'
 complete -c mireltoken -n 'not __fish_seen_subcommand_from readers items certificate algorithms login sign decrypt exchange doctor conformance watch explain record trace help' -a trace -d 'Show the calls of a trace or a recording (trace show FILE)'
 complete -c mireltoken -n '__fish_seen_subcommand_from trace' -l failed -d 'Only the calls that failed'
 complete -c mireltoken -n '__fish_seen_subcommand_from trace' -l slow -d 'The slowest calls first'

@@ -185,7 +185,7 @@ def faults_of_references(tree):
             faults.append("the driver class is not in the sources")
         if not (packaging / f"{app['CFBundleIconFile']}.icns").is_file():
             faults.append("there is no icon")
-        if f"add_executable({app['CFBundleExecutable']}\n" not in (tree / "cli/CMakeLists.txt").read_text():
+        if f"add_executable({app['CFBundleExecutable']} " not in (tree / "cli/CMakeLists.txt").read_text():
             faults.append("no program has the name of the app's executable")
         return faults
     except (xml.parsers.expat.ExpatError, KeyError, TypeError) as error:
