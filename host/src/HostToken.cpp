@@ -184,7 +184,7 @@ Text HostKeyAlgorithm::description() const noexcept { return describedObject("TK
 std::string wordsOf(const std::optional<TKError>& error) {
   const Text text = error ? error->localizedDescription : Text{};
   if (text.isEmpty()) return {};
-  return "\"" + withoutFullStop(displayedName(text)) + "\"";
+  return std::string{"\""}.append(withoutFullStop(displayedName(text))).append("\"");
 }
 
 }  // namespace mirel

@@ -151,7 +151,9 @@ TEST_F(Watching, IsNotHeldUpByAModuleThatHangsOnOneReader) {
   ASSERT_THAT(told, SizeIs(3));
   EXPECT_EQ(told[0]["tokenLabel"], "Good");
   for (const Json& event : told) {
-    if (event.contains("error")) EXPECT_EQ(event["reader"], readerOf("Bad"));
+    if (event.contains("error")) {
+      EXPECT_EQ(event["reader"], readerOf("Bad"));
+    }
   }
   EXPECT_THAT(told,
               Contains(::testing::ResultOf(

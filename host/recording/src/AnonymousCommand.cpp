@@ -69,7 +69,7 @@ std::string uriValue(std::string_view plain) {
     if (isLetter(byte) || (one >= '0' && one <= '9')) {
       value += one;
     } else {
-      value += "%" + hexOfBytes({&byte, 1}, HexDigits::kUpper);
+      value.append("%").append(hexOfBytes({&byte, 1}, HexDigits::kUpper));
     }
   }
   return value;

@@ -103,7 +103,7 @@ void ShapedPseudonyms::encode(const Characters& characters, std::span<std::uint8
     if (encoding == Encoding::kUtf32) {
       put(character, 4);
     } else if (encoding == Encoding::kUtf16) {
-      std::u16string units;
+      std::vector<char16_t> units;
       appendUtf16(units, character);
       for (const char16_t unit : units) put(unit, 2);
     } else if (size == 1) {

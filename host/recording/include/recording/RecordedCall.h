@@ -84,8 +84,8 @@ enum class Road : std::uint8_t {
 struct RecordedCall {
   std::string function;  ///< "C_Login"
   Road road = Road::kToken;
-  Fields in;   ///< the arguments that the module is given
-  Fields out;  ///< what it wrote
+  Fields in{};   ///< the arguments that the module is given
+  Fields out{};  ///< what it wrote
   std::uint64_t result = 0;
   std::uint64_t microseconds = 0;
   std::uint32_t thread = 0;  ///< 1 for the first thread that made a call, and so on
