@@ -29,14 +29,20 @@ std::string_view characterAtFront(std::string_view line) {
   return length > 1 && Text::fromUtf8(character).toUtf8() == character ? character : line.substr(0, 1);
 }
 
-/// True for a whole UTF-8 character that does not control the terminal or end the line.
+/// Whether a character turns the direction of writing, so that a line would read otherwise than it is.
+bool turnsDirection(char16_t unit) noexcept {
+  return unit == 0x061C || unit == 0x200E || unit == 0x200F || (unit >= 0x202A && unit <= 0x202E) ||
+         (unit >= 0x2066 && unit <= 0x2069);
+}
+
+/// True for a whole UTF-8 character that does not control the terminal, end the line or turn its direction.
 bool isPrintable(std::string_view character) {
   const auto first = static_cast<unsigned char>(character.front());
   if (character.size() == 1) return first >= 0x20 && first < 0x7F;
   const char16_t unit = Text::fromUtf8(character).units().front();
   const bool c1Control = unit >= 0x80 && unit < 0xA0;
   const bool lineBreak = unit == 0x2028 || unit == 0x2029;
-  return !c1Control && !lineBreak;
+  return !c1Control && !lineBreak && !turnsDirection(unit);
 }
 
 }  // namespace

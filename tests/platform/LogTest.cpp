@@ -71,7 +71,13 @@ TEST(PrintableLine, LeavesPrintableCharactersAlone) {
       "\xC2\xA0",          // the first behind the C1 controls
       "\xC3\xA9",          // e acute
       "\xE2\x80\xA7",      // U+2027, before the line separator
-      "\xE2\x80\xAA",      // U+202A, behind the paragraph separator
+      "\xD8\x9B",          // U+061B, before the Arabic letter mark
+      "\xD8\x9D",          // U+061D, behind it
+      "\xE2\x80\x8D",      // U+200D, before the marks of direction
+      "\xE2\x80\x90",      // U+2010, behind them
+      "\xE2\x80\xAF",      // U+202F, behind the overrides
+      "\xE2\x81\xA5",      // U+2065, before the isolates
+      "\xE2\x81\xAA",      // U+206A, behind them
       "\xEF\xBF\xBD",      // a U+FFFD that is really there
       "\xF0\x9F\x94\x91",  // a key
   };
@@ -109,6 +115,14 @@ TEST(PrintableLine, EscapesWhatIsNotPrintable) {
       {"U+009F", "\xC2\x9F", "\\xC2\\x9F"},
       {"U+2028, line separator", "\xE2\x80\xA8", "\\xE2\\x80\\xA8"},
       {"U+2029, paragraph separator", "\xE2\x80\xA9", "\\xE2\\x80\\xA9"},
+      // Characters that turn the direction of writing
+      {"U+061C", "\xD8\x9C", "\\xD8\\x9C"},
+      {"U+200E", "\xE2\x80\x8E", "\\xE2\\x80\\x8E"},
+      {"U+200F", "\xE2\x80\x8F", "\\xE2\\x80\\x8F"},
+      {"U+202A", "\xE2\x80\xAA", "\\xE2\\x80\\xAA"},
+      {"U+202E, right-to-left override", "a\xE2\x80\xAE\x62", "a\\xE2\\x80\\xAEb"},
+      {"U+2066", "\xE2\x81\xA6", "\\xE2\\x81\\xA6"},
+      {"U+2069", "\xE2\x81\xA9", "\\xE2\\x81\\xA9"},
       // Bytes that are not UTF-8
       {"a lone continuation byte", "a\x80", "a\\x80"},
       {"FF", "\xFF", "\\xFF"},

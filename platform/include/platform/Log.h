@@ -33,7 +33,8 @@ class Log {
 /// The system log is the running system's; the process log is standard error.
 [[nodiscard]] std::shared_ptr<Log> systemLog();
 
-/// `line` with each control character, and each byte that is not valid UTF-8, written as \xNN.
+/// `line` with each control character, each that turns the direction of writing or ends a line, and each byte
+/// that is not valid UTF-8, written as \xNN.
 [[nodiscard]] std::string printableLine(std::string_view line);
 
 /// True when `printableLine` leaves `line` as it is. Makes no copy of it.
