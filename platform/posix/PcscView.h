@@ -58,6 +58,7 @@ inline constexpr std::uint32_t kSuccess = 0;
 inline constexpr std::uint32_t kTimeout = 0x8010000A;
 inline constexpr std::uint32_t kInsufficientBuffer = 0x80100008;
 inline constexpr std::uint32_t kUnknownReader = 0x80100009;
+inline constexpr std::uint32_t kReaderUnavailable = 0x80100017;
 inline constexpr std::uint32_t kNoReaders = 0x8010002E;
 
 // Bits of a reader's state.

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <exception>
+#include <iterator>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -130,7 +131,11 @@ class Watch final : public CardServiceWatch {
     const auto begin = Clock::now();
     const auto code = view_.wait(*context_, static_cast<Number>(most.count()), states);
     if (knowsComing_) coming_ = static_cast<Number>(states.back().eventState & ~Number{kStateChanged});
-    const bool goesOn = code == kSuccess || code == kTimeout || code == kUnknownReader || cancelled_;
+    // That a reader has gone is no reason to take the service for one that was stopped.
+    constexpr std::uint32_t kOfRunning[] = {kSuccess, kTimeout, kUnknownReader, kReaderUnavailable,
+                                            kNoReaders};
+    const bool goesOn =
+        cancelled_ || std::find(std::begin(kOfRunning), std::end(kOfRunning), code) != std::end(kOfRunning);
     if (!goesOn) disconnect();
     // A service may call a change what is none for us, or fail at once each time.
     if (!goesOn || (Clock::now() - begin < kPause && asTold(look()))) pause(std::min(limit, kPause));

@@ -107,6 +107,21 @@ TEST_P(CardServiceWatching, GoesOnWhenTheServiceWasStopped) {
   EXPECT_NE(after.connection, before.connection);
 }
 
+TEST_P(CardServiceWatching, TakesAReaderThatGoesForNoEndOfTheService) {
+  // Unknown, unavailable, and no readers left.
+  for (const char* code : {"80100009", "80100017", "8010002E"}) {
+    SCOPED_TRACE(code);
+    const ScopedVariable answer{"MIREL_PCSC_GONE_CODE", code};
+    watch_ = GetParam()();
+    tell("Reader A=10022:3B;Reader B=10");
+    const CardServiceView before = watch_->next(kLong);
+    tellSoon("Reader A=10022:3B");
+    const CardServiceView after = change();
+    EXPECT_THAT(after.readers, SizeIs(1));
+    EXPECT_EQ(after.connection, before.connection);
+  }
+}
+
 TEST_P(CardServiceWatching, IsEndedByAnotherThread) {
   for (const char* readers : {"Reader A=10", "-"}) {  // with a service to wait for, and without
     SCOPED_TRACE(readers);

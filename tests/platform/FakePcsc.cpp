@@ -12,6 +12,7 @@
 ///   MIREL_PCSC_ATR        the length that is reported of every ATR, decimal, whatever was written.
 ///   MIREL_PCSC_HANGS      a function that does not come back.
 ///   MIREL_PCSC_GONE       set: readers have gone when they are asked for.
+///   MIREL_PCSC_GONE_CODE  what is answered for a reader that has gone, hexadecimal; else that it is unknown.
 
 #include <unistd.h>
 
@@ -169,7 +170,9 @@ MIREL_EXPORT Result SCardGetStatusChange(Context context, Number timeout, Reader
     bool changed = false;
     for (Number i = 0; i < count; ++i) {
       const auto reader = readerNamed(ioStates[i].reader);
-      if (!reader) return answer(kUnknownReader);
+      const char* code = std::getenv("MIREL_PCSC_GONE_CODE");
+      if (!reader)
+        return answer(code ? static_cast<std::uint32_t>(std::stoul(code, nullptr, 16)) : kUnknownReader);
       ioStates[i].eventState = static_cast<Number>(reader->state);
       if (reader->state != ioStates[i].currentState) {
         ioStates[i].eventState |= kStateChanged;
