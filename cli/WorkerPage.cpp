@@ -1,0 +1,138 @@
+#include "WorkerPage.h"
+
+#include <sys/mman.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cstring>
+#include <new>
+#include <utility>
+
+#include "Worker.h"
+
+namespace mirel::cli {
+namespace {
+
+constexpr const char* kNothing = nullptr;  // of the calls
+
+WorkerPage* page = nullptr;
+
+/// What the work has come to: one of two texts, of which the other one is written. The texts stay as the
+/// system gives them, so they cost nothing until they are used.
+struct Results {
+  static constexpr std::size_t kMost = std::size_t{512} * 1024;  // bytes
+  std::atomic<std::uint32_t> last{0};                            // which of them
+  std::array<std::atomic<std::uint32_t>, 2> sizes{};
+  std::array<std::array<char, kMost>, 2> texts;
+};
+
+Results* results = nullptr;
+
+/// Memory that this process and its children have together, of zeros; null: there is none.
+void* sharedMemory(std::size_t size) {
+  void* memory = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  return memory == MAP_FAILED ? nullptr : memory;
+}
+
+void noteCall(const char* name) noexcept {
+  if (!page) return;
+  const std::size_t length = name ? std::min(std::strlen(name), WorkerPage::kLongestCallName - 1) : 0;
+  for (std::size_t i = 0; i < length; ++i) page->call[i] = name[i];
+  page->call[length] = '\0';
+  ++page->calls;
+}
+
+class CallNotes final : public CryptokiObserver {
+ public:
+  void callStarts(const char* function) noexcept override { noteCall(function); }
+  void callReturned(const char*, std::uint64_t) noexcept override { noteCall(kNothing); }
+  void operationReturned(BridgeOperation, std::uint64_t) noexcept override {}
+};
+
+class LoaderNotes final : public DynamicLoader {
+ public:
+  explicit LoaderNotes(std::shared_ptr<DynamicLoader> next) : next_{std::move(next)} {}
+
+  void* open(const char* path) noexcept override {
+    noteCall(kLoading);
+    void* library = next_->open(path);
+    noteCall(kNothing);
+    return library;
+  }
+  void* symbol(void* library, const char* name) noexcept override { return next_->symbol(library, name); }
+  bool close(void* library) noexcept override { return next_->close(library); }
+  std::string errorText() noexcept override { return next_->errorText(); }
+
+ private:
+  std::shared_ptr<DynamicLoader> next_;
+};
+
+}  // namespace
+
+std::string WorkerPage::callUnderWay() const {
+  std::string name;
+  for (const std::atomic<char>& place : call) {
+    const char letter = place;
+    if (letter == '\0') return name;
+    if (std::isalnum(static_cast<unsigned char>(letter)) == 0 && letter != '_') break;
+    name += letter;
+  }
+  return {};
+}
+
+bool makeWorkerPage(bool withResults) {
+  void* memory = sharedMemory(sizeof(WorkerPage));
+  if (!memory) return false;
+  page = new (memory) WorkerPage;
+  if (void* room = withResults ? sharedMemory(sizeof(Results)) : nullptr) results = new (room) Results;
+  return true;
+}
+
+WorkerPage* workerPage() noexcept { return page; }
+
+std::string notedResult() {
+  if (!results) return {};
+  const std::uint32_t last = results->last;
+  if (last > 1) return {};
+  const std::uint32_t size = results->sizes[last];
+  return size > Results::kMost ? std::string{} : std::string{results->texts[last].data(), size};
+}
+
+// ---- For the worker ----
+
+std::shared_ptr<CryptokiObserver> notingObserver() { return std::make_shared<CallNotes>(); }
+
+std::shared_ptr<DynamicLoader> notingLoader(std::shared_ptr<DynamicLoader> next) {
+  return std::make_shared<LoaderNotes>(std::move(next));
+}
+
+bool noteResult(std::string_view text) noexcept {
+  if (!results || text.size() > Results::kMost) return false;
+  const std::uint32_t next = results->last == 0 ? 1 : 0;
+  std::copy(text.begin(), text.end(), results->texts[next].begin());
+  results->sizes[next] = static_cast<std::uint32_t>(text.size());
+  results->last = next;
+  return true;
+}
+
+void noteTerminal(const termios& settings) noexcept {
+  if (!page) return;
+  page->terminal = settings;
+  page->terminalIsChanged = true;
+}
+
+void forgetTerminal() noexcept {
+  if (page) page->terminalIsChanged = false;
+}
+
+NotedFile::NotedFile(const std::string& name) noexcept {
+  if (!page || name.size() >= page->file.size()) return;
+  std::copy_n(name.c_str(), name.size() + 1, page->file.begin());
+  page->fileIsThere = true;
+}
+
+NotedFile::~NotedFile() {
+  if (page) page->fileIsThere = false;
+}
+
+}  // namespace mirel::cli

@@ -1,0 +1,47 @@
+#pragma once
+
+#include <termios.h>
+
+#include <array>
+#include <atomic>
+#include <climits>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+namespace mirel::cli {
+
+// What a worker tells the process that watches it (see Worker.h), in memory that both have.
+
+/// The name under which the loading of a library is noted, as if it were a call.
+inline constexpr const char* kLoading = "dlopen";
+
+/// The page that both processes have. The worker writes it, and so can a module that has lost its way.
+struct WorkerPage {
+  static constexpr std::size_t kLongestCallName = 32;
+  static constexpr int kStillAtWork = -1;
+
+  // A call that is under way, and its number: two calls of one function are not one long call.
+  std::atomic<std::uint64_t> calls{0};
+  std::array<std::atomic<char>, kLongestCallName> call{};  // without a zero where there is none under way
+  std::atomic<int> code{kStillAtWork};
+  std::atomic<bool> terminalIsChanged{false};
+  termios terminal{};
+  std::atomic<bool> fileIsThere{false};
+  std::array<char, PATH_MAX> file{};
+
+  /// The call that the worker is in; empty: none. Only names have letters, digits and "_".
+  [[nodiscard]] std::string callUnderWay() const;
+};
+
+/// Makes the page; `withResults`: and room for what the work comes to. To be called before the worker is
+/// started. False where there is no memory for the page; without the room nothing is noted there.
+[[nodiscard]] bool makeWorkerPage(bool withResults);
+
+/// Null before it was made.
+[[nodiscard]] WorkerPage* workerPage() noexcept;
+
+/// What the work has come to; empty where that was not noted, or makes no sense.
+[[nodiscard]] std::string notedResult();
+
+}  // namespace mirel::cli
