@@ -9,6 +9,7 @@
 #include <condition_variable>
 #include <csignal>
 #include <cstring>
+#include <exception>
 #include <mutex>
 #include <set>
 #include <thread>
@@ -97,6 +98,8 @@ class Line final : public HelperLine, public std::enable_shared_from_this<Line> 
 void becomeHelper() {
   (void)setpgid(0, 0);
   for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGCHLD}) (void)std::signal(signal, SIG_DFL);
+  // A message to a terminal that is set to stop whoever writes from the background must not stop this one.
+  (void)std::signal(SIGTTOU, SIG_IGN);
   for (const int end : heldEnds()) (void)close(end);
   heldEnds().clear();
   const int nothing = open("/dev/null", O_RDONLY | O_CLOEXEC);
@@ -104,14 +107,20 @@ void becomeHelper() {
   (void)dup2(STDERR_FILENO, STDOUT_FILENO);
 }
 
+/// Nothing may be thrown out of here: this is a copy of a process that has other helpers, and would end them.
 [[noreturn]] void helpWith(const std::function<void(HelperLine&)>& work, const Watch& watch, int texts,
-                           int leash, std::chrono::milliseconds timeForEnd) {
+                           int leash, std::chrono::milliseconds timeForEnd) noexcept {
   becomeHelper();
   const auto line = std::make_shared<Line>(texts, leash, timeForEnd);
   const auto done = runInWorker(
       [&] {
-        line->wear();
-        work(*line);
+        try {
+          line->wear();
+          work(*line);
+        } catch (const std::exception& error) {
+          line->send(
+              messageOf(Failure{FailureKind::kInternal, "internal error", error.what(), "please report it"}));
+        }
         return ExitCode::kSuccess;
       },
       watch);
@@ -182,7 +191,11 @@ std::vector<std::string> HelperProcess::takeTexts() {
   return texts;
 }
 
-void HelperProcess::end() noexcept { closeEnd(leash_); }
+void HelperProcess::end() noexcept {
+  closeEnd(leash_);
+  // Nobody reads any more: a helper that is just writing would wait for room without end.
+  closeEnd(texts_);
+}
 
 void HelperProcess::kill() noexcept {
   closeEnd(leash_);

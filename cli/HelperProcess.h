@@ -40,8 +40,8 @@ inline constexpr std::chrono::milliseconds kTimeForEnd{2000};
 /// latest, when this process does.
 class HelperProcess {
  public:
-  /// `work` may take as long as it likes after it was told to end, or has to come back within kTimeForEnd
-  /// (`endsAtOnce` false), so that it can put right what it began.
+  /// `endsAtOnce`: the helper is killed as soon as it is told to end; else `work` has kTimeForEnd to come
+  /// back, so that it can put right what it began. What `work` throws is a failure.
   [[nodiscard]] static Result<std::unique_ptr<HelperProcess>> start(
       const std::function<void(HelperLine&)>& work, const Watch& watch, bool endsAtOnce);
   HelperProcess(const HelperProcess&) = delete;
@@ -56,7 +56,7 @@ class HelperProcess {
   /// Why it ended before its work was done, when it has.
   [[nodiscard]] const std::optional<ToldFailure>& failure() const noexcept { return failure_; }
 
-  /// Has it end, and waits for nothing.
+  /// Has it end, and waits for nothing. Texts that were not taken are lost.
   void end() noexcept;
   void kill() noexcept;
   /// Whether it has ended and nothing is left of it.

@@ -16,6 +16,11 @@ volatile std::sig_atomic_t requests = 0;
 void note(int signal) {
   const int error = errno;
   if (signal != SIGCHLD) requests = requests + 1;
+  // Whoever asks so often sees a program that is held up, as by output that nobody reads.
+  if (signal != SIGCHLD && requests > WatchSignals::kMostRequests) {
+    (void)std::signal(signal, SIG_DFL);
+    (void)raise(signal);
+  }
   (void)!write(input, "", 1);  // where there is no room, there is input
   errno = error;
 }

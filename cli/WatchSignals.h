@@ -4,10 +4,12 @@
 
 namespace mirel::cli {
 
-/// While it lives, SIGINT, SIGTERM and SIGHUP are requests to end; those that are ignored stay so. One for a
-/// process.
+/// While it lives, SIGINT, SIGTERM and SIGHUP are requests to end; those that are ignored stay so. One more
+/// than kMostRequests ends the process, whatever it does. One for a process.
 class WatchSignals {
  public:
+  static constexpr int kMostRequests = 2;
+
   WatchSignals();
   WatchSignals(const WatchSignals&) = delete;
   WatchSignals& operator=(const WatchSignals&) = delete;
