@@ -53,7 +53,9 @@ class DoctorOnAMac : public InsertedCardTest {
  protected:
   DoctorOnAMac() {
     const InsertedCard card = inserted();
-    hash = keyHashOf(std::get<PublishedCertificate>(card.items.front()));
+    const auto& first = std::get<PublishedCertificate>(card.items.front());
+    hash = keyHashOf(first);
+    der = {first.data.view().begin(), first.data.view().end()};
     tools->answer(kPluginkit, copyAt(kExtension));
     tools->answer(kSecurity, kOurToken);
     tools->answer(kScAuth, "Unpaired identities:\n" + hash + "\tCertificate for signing\n");
@@ -80,6 +82,7 @@ class DoctorOnAMac : public InsertedCardTest {
 
   std::shared_ptr<FakeProgramRunner> tools = std::make_shared<FakeProgramRunner>();
   std::string hash;
+  Value der;  // of the certificate
 };
 
 TEST_F(DoctorOnAMac, FindsNothingWhereAllIsWell) {
@@ -168,6 +171,15 @@ TEST_F(DoctorOnAMac, TellsOfAKeyThatTwoDriversPublish) {
   EXPECT_THAT(seen.evidence, StartsWith("both publish the key with the hash "));
 }
 
+TEST_F(DoctorOnAMac, TakesTwoCertificatesOfOneKeyForNoOtherDriver) {
+  script.addObject(rsaPublicKey(bytesOf("02"), bytesOf("Second"), patternValue(256, 1)));
+  script.addObject(rsaPrivateKey(bytesOf("02"), bytesOf("Second"), patternValue(256, 1)));
+  script.addObject(certificate(bytesOf("02"), bytesOf("Second"), der));
+  tools->answer(kSecurity, std::string{kOurToken} + kOtherToken);
+  tools->answer(kScAuth, hash + "\tone\n" + hash + "\tthe other\n");
+  EXPECT_EQ(findingIn(diagnosis(), FindingID::kOtherDriverOnCard).severity, Severity::kUnknown);
+}
+
 TEST_F(DoctorOnAMac, TakesAQuarantinedAppForGoodWhereTheSystemAcceptsIt) {
   tools->answer(std::string{kXattr} + " " + kApp, "com.apple.quarantine\n");
   EXPECT_THAT(systemCodesOf(diagnosis()), IsEmpty());
@@ -208,7 +220,7 @@ TEST_F(DoctorOnAMac, ConcludesNothingFromAToolThatFails) {
               {{End::kExited, 1, "no permission\n"}, "exit code 1: no permission"},
               {{End::kExited, 64, garbage}, "exit code 64: \\x01\\xFF<?xml"}};
   for (const auto& [answer, evidence] : rows) {
-    for (const char* tool : {kPluginkit, kSecurity, kScAuth}) {
+    for (const char* tool : {kPluginkit, kSecurity, kScAuth, kSpctl}) {
       SCOPED_TRACE(std::string{tool} + ": " + evidence);
       const auto before = tools->answers;
       tools->answers[tool] = answer;
@@ -219,6 +231,9 @@ TEST_F(DoctorOnAMac, ConcludesNothingFromAToolThatFails) {
       tools->answers = before;
     }
   }
+  tools->answer(std::string{kVerify} + kApp, "usage: codesign\n", 2);
+  EXPECT_THAT(systemCodesOf(diagnosis()), ElementsAre("MT-X12"));
+  tools->answer(std::string{kVerify} + kApp, "");
   tools->answer(kPluginkit, garbage);
   EXPECT_THAT(systemCodesOf(diagnosis()), ElementsAre("MT-X12"));
 }

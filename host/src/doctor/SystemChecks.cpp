@@ -1,6 +1,8 @@
 #include "doctor/SystemChecks.h"
 
 #include <algorithm>
+#include <cstddef>
+#include <optional>
 #include <set>
 #include <utility>
 
@@ -47,6 +49,13 @@ std::string appOf(const std::string& extension) {
   constexpr std::string_view kFolder = "/Contents/PlugIns/";
   const std::size_t end = extension.find(kFolder);
   return end == std::string::npos ? std::string{} : extension.substr(0, end);
+}
+
+/// As the system lists the certificate's key; nothing where there is none that can be read.
+std::optional<std::string> keyHashOf(const PublishedCertificate* certificate) {
+  const auto fields = certificate ? fieldsOfCertificate(certificate->data.view()) : std::nullopt;
+  if (!fields) return std::nullopt;
+  return hexOfBytes(digestOf(Hash::kSHA1, fields->publicKeyBits), HexDigits::kLower);
 }
 
 class SystemExamination {
@@ -159,7 +168,8 @@ class SystemExamination {
     add(kKeysSeen, evidence, {kKeyNotInSystem, Severity::kWarning, {}, "public-key hash " + joined(missing)});
   }
 
-  /// Another driver at the same card shows as its token beside ours, and as a key that is listed twice.
+  /// Another driver at the same card shows as its token beside ours, and as a key that is listed twice,
+  /// unless our card has several certificates for it.
   void lookForDrivers() {
     if (tokens_.empty()) return checks_.skip(kDrivers, "no token is listed");
     std::vector<std::string> others;
@@ -168,7 +178,9 @@ class SystemExamination {
     if (others.empty()) return checks_.add(kDrivers, "none has a token");
     const std::string evidence = joined(others);
     for (const std::string& hash : listed_) {
-      if (std::count(listed_.begin(), listed_.end(), hash) < 2) continue;
+      const auto& own = expected_.certificateHashes;
+      const auto expected = std::max<std::ptrdiff_t>(std::count(own.begin(), own.end(), hash), 1);
+      if (std::count(listed_.begin(), listed_.end(), hash) <= expected) continue;
       return add(
           kDrivers, evidence,
           {kOtherDriverOnCard, Severity::kWarning, evidence, "both publish the key with the hash " + hash});
@@ -206,6 +218,8 @@ class SystemExamination {
       if (answer.unanswered) return addUnknown(kSignatures, *answer.unanswered);
       if (answer.code == 0) {
         good.push_back(what);
+      } else if (answer.code != 1) {  // no answer to the question
+        findings.push_back(uselessAnswer("codesign", answer));
       } else {
         const Severity severity = what == kAppName ? Severity::kFailure : Severity::kWarning;
         findings.push_back({kSignatureInvalid, severity, what, firstLineOf(answer.output)});
@@ -245,7 +259,9 @@ class SystemExamination {
     const std::string evidence = firstLineOf(answer.output);
     isAccepted_ = answer.code == 0;
     if (isAccepted_) return checks_.add(kNotarisation, evidence.empty() ? "accepted" : evidence);
-    add(kNotarisation, evidence.empty() ? "exit code " + std::to_string(answer.code) : evidence,
+    constexpr int kRejected = 3;  // other codes say that it was not looked at
+    if (answer.code != kRejected) return addUnknown(kNotarisation, uselessAnswer("spctl", answer));
+    add(kNotarisation, evidence.empty() ? "rejected" : evidence,
         {kNotNotarised, Severity::kWarning, kAppName, evidence});
   }
 
@@ -274,13 +290,14 @@ class SystemExamination {
 void expect(SystemExpectation& expectation, const InsertedCard& card) {
   ++expectation.numCards;
   for (const PublishedItem& item : card.items) {
-    const auto* key = std::get_if<PublishedKey>(&item);
-    const auto* certificate = key ? certificateOf(card, *key) : nullptr;
-    const auto fields = certificate ? fieldsOfCertificate(certificate->data.view()) : std::nullopt;
-    if (!fields) continue;
-    std::string hash = hexOfBytes(digestOf(Hash::kSHA1, fields->publicKeyBits), HexDigits::kLower);
+    if (const auto* certificate = std::get_if<PublishedCertificate>(&item)) {
+      if (auto hash = keyHashOf(certificate)) expectation.certificateHashes.push_back(*std::move(hash));
+      continue;
+    }
+    auto hash = keyHashOf(certificateOf(card, std::get<PublishedKey>(item)));
     auto& known = expectation.keyHashes;
-    if (std::find(known.begin(), known.end(), hash) == known.end()) known.push_back(std::move(hash));
+    if (hash && std::find(known.begin(), known.end(), *hash) == known.end())
+      known.push_back(*std::move(hash));
   }
 }
 

@@ -17,6 +17,8 @@ struct SystemExpectation {
   std::string module{};                  ///< path of the module's file; empty: there is none
   std::size_t numCards = 0;              ///< that were inserted
   std::vector<std::string> keyHashes{};  ///< of the published keys: SHA-1 in small hexadecimal digits
+  /// The same of each published certificate: several can have one key.
+  std::vector<std::string> certificateHashes{};
 };
 
 /// Adds what that card publishes.
