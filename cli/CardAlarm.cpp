@@ -23,9 +23,26 @@ namespace {
 using std::chrono::milliseconds;
 
 constexpr milliseconds kOneWait{60000};
-// For a call of the card service to come back; a thread that it keeps is left alone.
+// For calls of the card service to come back; threads that it keeps are left alone.
 constexpr milliseconds kTimeForEnd{500};
 constexpr milliseconds kBetweenCancels{5};
+
+/// A thread without signals, which are for the one that has the terminal. False where there can be none.
+template <typename Work>
+bool startThread(Work work) {
+  sigset_t all;
+  sigset_t before;
+  sigfillset(&all);
+  (void)pthread_sigmask(SIG_SETMASK, &all, &before);
+  bool started = true;
+  try {
+    std::thread{std::move(work)}.detach();
+  } catch (const std::exception&) {
+    started = false;
+  }
+  (void)pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  return started;
+}
 
 }  // namespace
 
@@ -61,6 +78,17 @@ struct CardAlarm::State {
     ended.notify_all();
   }
 
+  /// Ends `follow`. Cancelled are calls of the card service, by one that may not come back itself.
+  void cancel() {
+    std::unique_lock lock{mutex};
+    while (!hasEnded) {
+      lock.unlock();
+      watch->cancel();
+      lock.lock();
+      (void)ended.wait_for(lock, kBetweenCancels, [this] { return hasEnded; });
+    }
+  }
+
   std::unique_ptr<CardServiceWatch> watch;
   Text reader;
   std::array<int, 2> ends{-1, -1};
@@ -76,27 +104,15 @@ CardAlarm::CardAlarm(const std::shared_ptr<CardService>& service, const Text& re
   state->reader = reader;
   if (!state->watch || pipe(state->ends.data()) != 0) return;
   for (const int end : state->ends) (void)fcntl(end, F_SETFD, FD_CLOEXEC);
-  // Signals are for the thread that has the terminal.
-  sigset_t all;
-  sigset_t before;
-  sigfillset(&all);
-  (void)pthread_sigmask(SIG_SETMASK, &all, &before);
-  try {
-    std::thread{[state] { state->follow(); }}.detach();
-    state_ = std::move(state);
-  } catch (const std::exception&) {  // no thread: nobody watches
-  }
-  (void)pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  if (startThread([state] { state->follow(); })) state_ = std::move(state);
 }
 
 CardAlarm::~CardAlarm() {
   if (!state_) return;
   state_->isOver = true;
+  (void)startThread([state = state_] { state->cancel(); });
   std::unique_lock lock{state_->mutex};
-  for (milliseconds waited{0}; !state_->hasEnded && waited < kTimeForEnd; waited += kBetweenCancels) {
-    state_->watch->cancel();
-    (void)state_->ended.wait_for(lock, kBetweenCancels, [this] { return state_->hasEnded; });
-  }
+  (void)state_->ended.wait_for(lock, kTimeForEnd, [this] { return state_->hasEnded; });
 }
 
 int CardAlarm::descriptor() const noexcept { return state_ ? state_->ends[0] : -1; }

@@ -12,6 +12,7 @@
 
 #include "Output.h"
 #include "Terminal.h"
+#include "host/Host.h"
 #include "platform/SecretBytes.h"
 #include "platform/Text.h"
 
@@ -219,11 +220,7 @@ class PinPrompt final : public CheckedPins {
 
 CardGuard guardOf(std::shared_ptr<CardService> service, const Text& reader) {
   return {[service = std::move(service), reader] { return std::make_unique<CardAlarm>(service, reader); },
-          [reader] {
-            return Failure{FailureKind::kCardGone,
-                           "the card is not in the reader \"" + displayed(reader) + "\" any more",
-                           "the card service has seen it going", "put that card back and run again"};
-          }};
+          [reader] { return cardSeenGoing(reader); }};
 }
 
 std::unique_ptr<PinSource> pinSourceFor(const Options& options, PinStateReader pinState, CardGuard guard) {

@@ -225,13 +225,17 @@ Result<InsertedCard> Host::insert(const Text& readerName) {
   return card;
 }
 
+Failure cardSeenGoing(const Text& reader) {
+  return {FailureKind::kCardGone, "the card did not stay in the reader " + quoted(displayed(reader)),
+          "the card service has seen it going, if only for a moment, or has stopped itself",
+          "put that card back, leave it in, and run again"};
+}
+
 Failure Host::whyGone(const InsertedCard& card) {
   if (card.watch) (void)card.watch->look(*diary_);  // that it cannot tell is no reason
   const auto going = card.watch ? card.watch->goesOn() : Result<void>{};
   if (!going) return going.failure();
-  Failure gone{FailureKind::kCardGone,
-               "the card is not in the reader " + quoted(displayed(card.reader.name)) + " any more",
-               "the card service has seen it going", "put that card back and run again"};
+  Failure gone = cardSeenGoing(card.reader.name);
   if (card.watch) card.watch->learnFrom(gone);
   return gone;
 }

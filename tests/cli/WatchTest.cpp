@@ -226,6 +226,15 @@ TEST_F(Watching, EndsWithAModuleThatCannotBeLoadedAndSaysNothingElse) {
   EXPECT_THAT(result.err, MatchesRegex("mireltoken: [^\n]+ cannot be loaded: [^\n]+\n"));
 }
 
+TEST_F(Watching, EndsWhenNobodyReadsItsOutputAnyMore) {
+  tell({{"Card", kNone}});
+  Invocation call = watching();
+  call.output = Output::kUnread;
+  const Result result = run(call);
+  EXPECT_EQ(result.exitCode, 141);
+  EXPECT_THAT(result.err, IsEmpty());
+}
+
 TEST_F(Watching, LeavesNoProcessBehindWhenItIsKilled) {
   tell({{"Card", kCard}});
   RunningChild child{watching()};
@@ -244,15 +253,16 @@ TEST_F(Watching, EndsThePromptForThePinOfACardThatGoes) {
     Stage stage;
     int exitCode;
     const char* what;
-  } rows[] = {{"taken out", "10022:3B", "20010", {}, 16, "the card is not in the reader"},
-              {"taken out and put back", "10022:3B", "30022:3B", {}, 16, "the card is not in the reader"},
-              {"swapped",
-               "10022:3B",
-               "30022:3B",
-               {{"SWAP_FILE", path("swapped")}},
-               15,
-               "another card is in the reader"},
-              {"its reader goes", "10022:3B", nullptr, {}, 16, "the card is not in the reader"}};
+  } rows[] = {
+      {"taken out", "10022:3B", "20010", {}, 16, "the card did not stay in the reader"},
+      {"taken out and put back", "10022:3B", "30022:3B", {}, 16, "the card did not stay in the reader"},
+      {"swapped",
+       "10022:3B",
+       "30022:3B",
+       {{"SWAP_FILE", path("swapped")}},
+       15,
+       "another card is in the reader"},
+      {"its reader goes", "10022:3B", nullptr, {}, 16, "the card did not stay in the reader"}};
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
     std::filesystem::remove(path("swapped"));
@@ -273,6 +283,20 @@ TEST_F(Watching, EndsThePromptForThePinOfACardThatGoes) {
     EXPECT_EQ(terminal.settings(), settings);
     EXPECT_EQ(stagedCallsOf("C_Login"), 0);
   }
+}
+
+TEST_F(Watching, IsNotHeldUpAfterAPinByACardServiceThatHangs) {
+  tell({{"Card", kCard}});
+  PseudoTerminal terminal;
+  Invocation call = staged("login");
+  call.environment["LD_LIBRARY_PATH"] = MIREL_FAKE_PCSC_FOLDER;
+  call.environment["MIREL_PCSC_FILE"] = path("readers");
+  call.environment["MIREL_PCSC_HANGS"] = "SCardCancel";
+  call.terminal = &terminal;
+  RunningChild child{call};
+  ASSERT_TRUE(terminal.waitFor("PIN for "));
+  terminal.type(kPin + "\r");
+  expectSuccess(child.wait());
 }
 
 }  // namespace

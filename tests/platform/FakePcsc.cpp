@@ -190,6 +190,7 @@ MIREL_EXPORT Result SCardGetStatusChange(Context context, Number timeout, Reader
 }
 
 MIREL_EXPORT Result SCardCancel(Context context) {
+  mayHang("SCardCancel");
   if (context != kContext) return answer(kInvalidHandle);
   cancelled = true;
   return 0;

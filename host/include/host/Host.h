@@ -100,6 +100,10 @@ struct InsertedCard {
   std::shared_ptr<CardWatch> watch;   ///< shared by all that use the token; null: nobody watches
 };
 
+/// Why an operation ends that was begun with the card in that reader: the card service has seen it going, and
+/// no more is known.
+[[nodiscard]] Failure cardSeenGoing(const Text& reader);
+
 /// Plays the operating system's part: finds the readers, hands the token driver a card and keeps what
 /// its token publishes.
 ///
@@ -144,8 +148,8 @@ class Host {
   /// What the flags of the card's token say about the PIN just now.
   [[nodiscard]] Result<PinState> pinState(const Reader& reader);
 
-  /// Why an inserted card that the card service has seen going is not there: it is gone, or another one is in
-  /// its place. Its token has ended then.
+  /// Why an inserted card that the card service has seen going cannot be used: it is gone, another one is in
+  /// its place, or it was away. Its token has ended then.
   [[nodiscard]] Failure whyGone(const InsertedCard& card);
 
   /// The number of tries that the module reports in its session information after a wrong PIN (as a device
