@@ -1,7 +1,10 @@
 #include <poll.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <chrono>
 #include <ctime>
 #include <map>
@@ -29,6 +32,7 @@ using std::chrono::seconds;
 using Clock = std::chrono::steady_clock;
 
 constexpr seconds kPauseAfterCrash{1};  // of the card service's library
+constexpr std::size_t kMostCards = 64;  // each has processes of its own, and a module may name any number
 
 std::string timeNow(bool isForPrograms) {
   const std::time_t now = std::time(nullptr);
@@ -38,6 +42,13 @@ std::string timeNow(bool isForPrograms) {
   const char* form = isForPrograms ? "%Y-%m-%dT%H:%M:%SZ" : "%Y-%m-%d %H:%M:%S";
   if (!known || std::strftime(text.data(), text.size(), form, &parts) == 0) return "not known";
   return text.data();
+}
+
+/// Standard output where it can be asked whether anybody reads it; else -1. Some systems ask no terminal.
+int outputWithReader() {
+  struct stat status {};
+  const bool known = fstat(STDOUT_FILENO, &status) == 0;
+  return known && (S_ISFIFO(status.st_mode) || S_ISSOCK(status.st_mode)) ? STDOUT_FILENO : -1;
 }
 
 std::string countOf(std::size_t number, const char* what) {
@@ -136,14 +147,14 @@ class WatchRun {
   }
 
   [[nodiscard]] Result<void> run() {
-    if (auto started = startService(); !started) return started;
-    while (!isOver_ && signals_.numRequests() == 0 && Clock::now() < end_) {
-      wait();
-      if (auto done = goOn(); !done) return done;
+    Result<void> done = startService();
+    while (done && !isOver_ && signals_.numRequests() == 0 && Clock::now() < end_) {
+      done = wait();
+      if (done) done = goOn();
     }
-    if (!isOver_) tellOfSilence();
+    if (done && !isOver_) tellOfSilence();
     endHelpers();
-    return {};
+    return done;
   }
 
  private:
@@ -169,9 +180,9 @@ class WatchRun {
     return {};
   }
 
-  /// Until something has happened, or is to be done.
-  void wait() {
-    std::vector<pollfd> inputs{{signals_.descriptor(), POLLIN, 0}};
+  /// Until something has happened, or is to be done. A failure when nobody reads the events any more.
+  [[nodiscard]] Result<void> wait() {
+    std::vector<pollfd> inputs{{output_, 0, 0}, {signals_.descriptor(), POLLIN, 0}};
     const auto add = [&](const std::unique_ptr<HelperProcess>& helper) {
       if (helper && helper->descriptor() >= 0) inputs.push_back({helper->descriptor(), POLLIN, 0});
     };
@@ -181,8 +192,10 @@ class WatchRun {
     auto next = std::min({end_, serviceDeadline_.value_or(end_), serviceStart_.value_or(end_),
                           sources_.nextLook().value_or(end_), Clock::now() + seconds{60}});
     const auto time = std::chrono::ceil<milliseconds>(std::max(next - Clock::now(), Clock::duration{0}));
-    (void)poll(inputs.data(), inputs.size(), static_cast<int>(time.count()));
+    const int count = poll(inputs.data(), static_cast<nfds_t>(inputs.size()), static_cast<int>(time.count()));
     signals_.take();
+    if (count > 0 && (inputs.front().revents & (POLLERR | POLLHUP)) != 0) return outputFailure(EPIPE);
+    return {};
   }
 
   [[nodiscard]] Result<void> goOn() {
@@ -283,6 +296,13 @@ class WatchRun {
   [[nodiscard]] Result<void> take(const ReaderEvent& event) {
     const std::u16string name{event.reader.units()};
     if (event.kind == ReaderEvent::Kind::kInsertion) {
+      if (cards_.size() >= kMostCards) {
+        InsertedOne& card = cards_.insert_or_assign(name, InsertedOne{event, nullptr}).first->second;
+        const Failure tooMany{FailureKind::kModuleRefuses, "the card is not read",
+                              "there are more than " + std::to_string(kMostCards) + " cards",
+                              "name one reader with --reader"};
+        return tell(card, {std::nullopt, toldFailure(tooMany)});
+      }
       auto started = start([&](HelperLine& line) { keepCard(session_, event.reader, line); }, false);
       if (!started) return started.failure();
       cards_.insert_or_assign(name, InsertedOne{event, *std::move(started)});
@@ -358,6 +378,7 @@ class WatchRun {
   Session& session_;
   const Options& options_;
   WatchSignals signals_;
+  const int output_ = outputWithReader();
   std::unique_ptr<EventCommands> commands_;
   Clock::time_point end_ = Clock::time_point::max();
   bool isOver_ = false;
