@@ -109,6 +109,7 @@ class RecordedBridgeTest : public ModuleTest {
 
   static Value sequenceOf(std::size_t size) {
     Value der{0x30, 0x82, static_cast<CK_BYTE>(size >> 8U), static_cast<CK_BYTE>(size)};
+    der.push_back(0x30);
     der.resize(4 + size, 0x41);
     return der;
   }

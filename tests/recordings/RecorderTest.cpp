@@ -4,6 +4,7 @@
 #include <sstream>
 
 #include "ArgumentTable.h"
+#include "CallNote.h"
 #include "RecordedBridge.h"
 #include "bridge/CardRules.h"
 #include "recording/CallText.h"
@@ -115,6 +116,31 @@ TEST_F(RecorderTest, HidesWhatOnlyCallsItselfACertificate) {
   setValue(kCertificate, patternValue(300, 0x30));
   EXPECT_THAT(lineOf(Record{readingOf(CKO_CERTIFICATE, kCertificate)}),
               HasSubstr("\"value\":{\"hidden\":300}"));
+}
+
+TEST_F(RecorderTest, HidesAPrivateKeyThatIsCalledACertificate) {
+  Value key = sequenceOf(300);
+  key[4] = 0x02;  // a version, an INTEGER
+  setValue(kCertificate, key);
+  EXPECT_THAT(lineOf(Record{readingOf(CKO_CERTIFICATE, kCertificate)}),
+              HasSubstr("\"value\":{\"hidden\":304}"));
+}
+
+TEST(FoundCertificates, AreNoneWhenTheirHandleIsThatOfADerivedKey) {
+  const auto number = [](std::uint64_t value) { return recording::Value{value}; };
+  const Fields inSession{{"session", number(1)}};
+  const List search{
+      recording::Value{Fields{{"type", {std::string{"CKA_CLASS"}}}, {"value", number(CKO_CERTIFICATE)}}}};
+  const Fields found{{"count", number(1)}, {"value", {List{number(9)}}}};
+  FoundCertificates certificates;
+  certificates.learn({.function = "C_OpenSession", .in = {{"slot", number(4)}}, .out = inSession});
+  certificates.learn(
+      {.function = "C_FindObjectsInit", .in = {{"session", number(1)}, {"attributes", {search}}}});
+  certificates.learn({.function = "C_FindObjects", .in = inSession, .out = {{"objects", {found}}}});
+  const Fields read{{"session", number(1)}, {"object", number(9)}};
+  EXPECT_TRUE(certificates.isAbout("C_GetAttributeValue", read));
+  certificates.learn({.function = "C_DeriveKey", .in = inSession, .out = {{"key", number(9)}}});
+  EXPECT_FALSE(certificates.isAbout("C_GetAttributeValue", read));
 }
 
 TEST_F(RecorderTest, HidesTheValueOfWhatWasFoundOtherwise) {

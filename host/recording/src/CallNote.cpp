@@ -22,6 +22,13 @@ T* pointerOf(Word word) noexcept {
 Value number(std::uint64_t value) { return {value}; }
 Value nothing() { return {NullPointer{}}; }
 
+/// Whether they begin as a certificate does (RFC 5280, section 4.1), and end with it. Something else that a
+/// module gives out as one hardly does; an unencrypted private key begins with a number.
+bool looksLikeCertificate(std::span<const CK_BYTE> bytes) {
+  const auto content = onlyDerValue(bytes, kDerSequence);
+  return content && DerReader{*content}.isNext(kDerSequence);
+}
+
 /// The value of an attribute or a field, in the form that its type has.
 Value bytesAs(AttributeForm form, const CK_BYTE* data, CK_ULONG size, bool ofCertificate) {
   const std::span bytes{data, size};
@@ -32,8 +39,7 @@ Value bytesAs(AttributeForm form, const CK_BYTE* data, CK_ULONG size, bool ofCer
     case AttributeForm::kText: return {std::string{bytes.begin(), bytes.end()}};
     case AttributeForm::kBytes: return {ByteVector{bytes.begin(), bytes.end()}};
     case AttributeForm::kCertificate:
-      // Something else that a module gives out as a certificate is hardly a whole SEQUENCE.
-      if (!ofCertificate || !onlyDerValue(bytes, kDerSequence)) return hidden();
+      if (!ofCertificate || !looksLikeCertificate(bytes)) return hidden();
       return {ByteVector{bytes.begin(), bytes.end()}};
     case AttributeForm::kNumber: break;
   }
@@ -276,6 +282,9 @@ void FoundCertificates::learn(const RecordedCall& call) {
     slots_[numberNamed(call.out, "session")] = numberNamed(call.in, "slot");
   } else if (call.function == "C_FindObjectsInit") {
     searches_[session] = asksForCertificates(call.in);
+  } else if (call.function == "C_DeriveKey") {
+    // A module may give a handle anew.
+    certificates_.erase({slots_[session], numberNamed(call.out, "key")});
   } else if (call.function == "C_FindObjects") {
     const Value* objects = valueNamed(call.out, "objects");
     const auto* answer = objects ? std::get_if<Fields>(&objects->held) : nullptr;
