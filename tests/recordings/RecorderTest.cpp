@@ -143,6 +143,17 @@ TEST(FoundCertificates, AreNoneWhenTheirHandleIsThatOfADerivedKey) {
   EXPECT_FALSE(certificates.isAbout("C_GetAttributeValue", read));
 }
 
+TEST_F(RecorderTest, TellsTheSlotsOfAListThatCountsTooMany) {
+  ASSERT_TRUE(bridge->pkcs11_Load(Text{}));
+  ASSERT_EQ(bridge->pkcs11_Initial(nullptr), CKR_OK);
+  script.deviations.slotCountOnList = kAnnouncedSlots + 2;
+  CK_SLOT_ID slots[kAnnouncedSlots] = {};
+  CK_ULONG count = 0;
+  ASSERT_EQ(bridge->pkcs11_C_GetSlotList(CK_TRUE, slots, &count), CKR_OK);
+  EXPECT_EQ(slots[0], kSlot);
+  EXPECT_THAT(lineOf(Record{kept->calls().back()}), HasSubstr(R"("slots":{"count":12,"value":[1,0,)"));
+}
+
 TEST_F(RecorderTest, HidesTheValueOfWhatWasFoundOtherwise) {
   setValue(kPublicKey, sequenceOf(300));
   EXPECT_THAT(lineOf(Record{readingOf(CKO_PUBLIC_KEY, kPublicKey)}), HasSubstr("\"value\":{\"hidden\":304}"));

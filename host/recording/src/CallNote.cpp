@@ -244,11 +244,12 @@ void CallNote::noteBuffer(const Argument& argument, const Word* words, CK_RV res
   const auto* count = pointerOf<const CK_ULONG>(words[1]);
   if (!count) return;
   Fields answer{{"count", number(*count)}};
-  if (result == CKR_OK && words[0] != 0 && *count <= room_) {
-    if (argument.kind == ArgumentKind::kSlots) {
-      answer.push_back(
-          {"value", {numbersOf(pointerOf<const CK_ULONG>(words[0]), std::min(*count, kMostHandles))}});
-    } else if (argument.kind == ArgumentKind::kSignature && *count <= kLargestSignature) {
+  if (result == CKR_OK && words[0] != 0 && argument.kind == ArgumentKind::kSlots) {
+    // The layers use the slots that there is room for, also where the module counts more.
+    answer.push_back(
+        {"value", {numbersOf(pointerOf<const CK_ULONG>(words[0]), std::min({*count, room_, kMostHandles}))}});
+  } else if (result == CKR_OK && words[0] != 0 && *count <= room_) {
+    if (argument.kind == ArgumentKind::kSignature && *count <= kLargestSignature) {
       const std::span bytes{pointerOf<const CK_BYTE>(words[0]), *count};
       answer.push_back({"value", {ByteVector{bytes.begin(), bytes.end()}}});
     } else {
