@@ -1,3 +1,5 @@
+#include <thread>
+
 #include "RecordedBridge.h"
 #include "ReplayingFront.h"
 #include "platform/CardService.h"
@@ -57,6 +59,19 @@ TEST_F(ReplayerTest, LoadsAndMissesWhatTheModuleDid) {
   EXPECT_FALSE(P11Bridge{other}.pkcs11_Load(Text{}));
   EXPECT_EQ(other.loader->errorText(), why);
   EXPECT_THAT(missing, IsEmpty());
+}
+
+TEST_F(ReplayerTest, TellsWhyNothingWasLoadedInTheThreadThatAskedForIt) {
+  PlatformServices all = services();
+  (void)recordInto({kept}, all);
+  EXPECT_EQ(all.loader->open("/nowhere"), nullptr);
+  const PlatformServices other = replaying(stored());
+  EXPECT_EQ(other.loader->open("/nowhere"), nullptr);
+  std::thread{[&] {
+    EXPECT_EQ(all.loader->errorText(), "");
+    EXPECT_EQ(other.loader->errorText(), "");
+  }}.join();
+  EXPECT_THAT(other.loader->errorText(), HasSubstr("/nowhere"));
 }
 
 TEST_F(ReplayerTest, NamesWhatWasNotRecorded) {

@@ -21,6 +21,9 @@ constexpr const char* kEntryPoint = "C_GetFunctionList";
 /// Set by the observer of a road before each of its calls.
 thread_local Road roadOfThread = Road::kToken;
 
+/// What the loader said of its last failure in this thread.
+thread_local std::string loaderErrorOfThread;
+
 /// Tells all sinks, one record at a time.
 class Notes {
  public:
@@ -135,14 +138,14 @@ class RecordingLoader final : public DynamicLoader {
     return reinterpret_cast<void*>(ModuleFront::entryPoint());
   }
   bool close(void* library) noexcept override { return next_->close(library); }
-  std::string errorText() noexcept override { return std::exchange(error_, {}); }
+  std::string errorText() noexcept override { return std::exchange(loaderErrorOfThread, {}); }
 
  private:
   void note(const char* subject, bool succeeded) {
     RecordedLoading loading{subject, std::nullopt};
     if (!succeeded) {
-      error_ = next_->errorText();
-      loading.error = error_;
+      loaderErrorOfThread = next_->errorText();
+      loading.error = loaderErrorOfThread;
     }
     notes_->add(loading);
   }
@@ -150,7 +153,6 @@ class RecordingLoader final : public DynamicLoader {
   std::shared_ptr<DynamicLoader> next_;
   std::shared_ptr<Notes> notes_;
   RecordingFront front_;
-  std::string error_;
 };
 
 class RecordingChance final : public TimeAndChance {

@@ -19,6 +19,9 @@ namespace {
 
 constexpr const char* kEntryPoint = "C_GetFunctionList";
 
+/// What the loader said of its last failure in this thread.
+thread_local std::string loaderErrorOfThread;
+
 /// The records that are no calls, each kind in its order.
 class Memories {
  public:
@@ -99,18 +102,17 @@ class ReplayingLoader final : public DynamicLoader {
     return reinterpret_cast<void*>(ModuleFront::entryPoint());
   }
   bool close(void*) noexcept override { return true; }
-  std::string errorText() noexcept override { return std::exchange(error_, {}); }
+  std::string errorText() noexcept override { return std::exchange(loaderErrorOfThread, {}); }
 
  private:
   bool succeeds(const char* subject) {
     const auto loading = memories_->loading(subject);
-    if (loading && loading->error) error_ = *loading->error;
+    if (loading && loading->error) loaderErrorOfThread = *loading->error;
     return loading && !loading->error;
   }
 
   std::shared_ptr<Memories> memories_;
   ReplayingFront front_;
-  std::string error_;
 };
 
 class ReplayingChance final : public TimeAndChance {
