@@ -6,6 +6,8 @@
 #include <string>
 #include <utility>
 
+#include "recording/CallText.h"
+
 namespace mirel::test {
 namespace {
 
@@ -55,6 +57,13 @@ TEST(RecordingFile, ReadsWhatItWrote) {
 
 TEST(RecordingFile, IsAsciiWithoutControlCharacters) {
   for (const char one : textOf(everyKind())) EXPECT_TRUE(one == '\n' || (one >= ' ' && one < 0x7F));
+}
+
+TEST(CallText, IsShortWhateverAFileHolds) {
+  RecordedCall call;
+  const recording::Value attribute{Fields{{"type", {std::string(500'000, 'x')}}}};
+  call.in = {{"attributes", {List{attribute}}}};
+  EXPECT_LT(subjectText(call).size(), 500U);
 }
 
 TEST(RecordingFile, LeavesOutALineThatWasCutOff) {

@@ -10,6 +10,9 @@
 namespace mirel::recording {
 namespace {
 
+// A call of this program is about less; a file may hold anything, and a table is as wide as its widest row.
+constexpr std::size_t kLongestSubject = 400;  // bytes
+
 // All results that the standard has names for are below, but for this one.
 constexpr CK_RV kResultsEnd = 0x1000;
 
@@ -63,6 +66,7 @@ std::string subjectText(const RecordedCall& call) {
   const Value* attributes = valueNamed(call.in, "attributes");
   if (const auto* list = attributes ? std::get_if<List>(&attributes->held) : nullptr)
     add(text, typesOf(*list), ": ");
+  if (text.size() > kLongestSubject) text = text.substr(0, kLongestSubject) + "...";
   return text;
 }
 

@@ -14,7 +14,8 @@ namespace mirel::recording {
 [[nodiscard]] std::optional<std::uint64_t> resultOfText(std::string_view text);
 
 /// What a call is about, in a few words: "object 7: CKA_LABEL, CKA_ID". Empty for a call that is about
-/// nothing in particular. It has texts of the recording: bring it to a printable line before it is shown.
+/// nothing in particular; what is very long is cut off. It has texts of the recording: bring it to a
+/// printable line before it is shown.
 [[nodiscard]] std::string subjectText(const RecordedCall& call);
 
 /// Whether the call tells of something that went wrong. That an object has no such attribute, or keeps it
