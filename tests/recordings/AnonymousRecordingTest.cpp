@@ -189,6 +189,27 @@ TEST(AnonymousRecording, NamesTheSameKeyInTheCommand) {
   EXPECT_EQ(std::get<Fields>(token.out[0].value.held)[0].value, Value{padded("Laab Lab'b laac", 32)});
 }
 
+TEST(AnonymousRecording, ReplacesWhatACommandCallsAKey) {
+  const std::pair<const char*, const char*> rows[] = {
+      {"pkcs11:slot-id=3;type=secret-key;model=Model%203;object=Abbe",
+       "pkcs11:slot-id=3;type=secret-key;model=Model%203;object=Laab"},
+      {"PKCS11:object=Abbe", "PKCS11:object=Laab"},
+      {"Abbe", "Laab"},
+      {"abba", "abba"},
+      {"0abb", "0abb"},
+      {"#3", "#3"},
+  };
+  for (const auto& [key, expected] : rows) {
+    Recording recording;
+    recording.header.command = {"sign", "--key", key};
+    recording.records.push_back(
+        RecordedCall{.function = "C_FindObjectsInit",
+                     .in = {{"attributes", {List{attribute("CKA_LABEL", {std::string{"Abbe"}})}}}}});
+    EXPECT_THAT(anonymousRecording(recording, {}).recording.header.command,
+                ElementsAre("sign", "--key", expected));
+  }
+}
+
 TEST(AnonymousRecording, SaysWhatWasReplaced) {
   const AnonymousRecording anonymous = anonymousRecording(janesRecording(), kUsers);
   EXPECT_THAT(anonymous.recording.header.replaced,

@@ -46,6 +46,14 @@ bool replaceIDInDigits(std::string& text, ShapedPseudonyms& pseudonyms) {
   return true;
 }
 
+/// In letters of either case (RFC 3986, section 3.1).
+bool isUri(std::string_view text) {
+  constexpr std::string_view kScheme = "pkcs11:";
+  return text.size() >= kScheme.size() &&
+         std::equal(kScheme.begin(), kScheme.end(), text.begin(),
+                    [](char expected, char c) { return static_cast<char>(c | 0x20) == expected; });
+}
+
 /// A value in a URI (RFC 7512), without its percent signs.
 std::string plainValue(std::string_view value) {
   std::string plain;
@@ -82,10 +90,12 @@ void replaceInUri(std::string& uri, ShapedPseudonyms& pseudonyms) {
     const std::size_t end = std::min(uri.find_first_of(kEnds, at), uri.size());
     const std::size_t equals = uri.find('=', at);
     std::string_view part = std::string_view{uri}.substr(at, end - at);
-    if (equals < end) {
-      std::string_view name = part.substr(0, equals - at);
-      if (const std::size_t colon = name.find(':'); colon != std::string_view::npos)
-        name.remove_prefix(colon + 1);
+    std::string_view name = part.substr(0, std::min(equals, end) - at);
+    if (const std::size_t colon = name.find(':'); colon != std::string_view::npos)
+      name.remove_prefix(colon + 1);
+    const bool namesNobody =
+        name == "type" || name == "model" || name == "slot-id" || name.ends_with("manufacturer");
+    if (equals < end && !namesNobody) {
       std::string plain = plainValue(part.substr(equals - at + 1));
       all += part.substr(0, equals - at + 1);
       if (name == "id") {
@@ -94,7 +104,7 @@ void replaceInUri(std::string& uri, ShapedPseudonyms& pseudonyms) {
         pseudonyms.replaceInReaderName(bytesOf(plain));
       } else if (name == "serial") {
         pseudonyms.replaceText(PseudonymKind::kSerialNumber, bytesOf(plain));
-      } else if (name != "type" && name != "model" && !name.ends_with("manufacturer")) {
+      } else {
         pseudonyms.replaceText(PseudonymKind::kLabel, bytesOf(plain));
       }
       all += uriValue(plain);
@@ -109,8 +119,15 @@ void replaceInUri(std::string& uri, ShapedPseudonyms& pseudonyms) {
 
 void replaceKey(std::string& key, ShapedPseudonyms& pseudonyms) {
   constexpr std::string_view kItem = "cert_";
-  if (key.starts_with('#') || replaceIDInDigits(key, pseudonyms)) return;
-  if (key.starts_with("pkcs11:")) return replaceInUri(key, pseudonyms);
+  if (key.starts_with('#')) return;
+  if (replaceIDInDigits(key, pseudonyms)) {
+    // "Abbe" can be digits as well.
+    const bool isWord = std::all_of(key.begin(), key.end(),
+                                    [](char one) { return isLetter(static_cast<std::uint8_t>(one)); });
+    if (isWord) pseudonyms.replaceKnownWords(bytesOf(key));
+    return;
+  }
+  if (isUri(key)) return replaceInUri(key, pseudonyms);
   const std::size_t last = key.rfind('_');
   if (!key.starts_with(kItem) || last < kItem.size())
     return pseudonyms.replaceText(PseudonymKind::kLabel, bytesOf(key));
