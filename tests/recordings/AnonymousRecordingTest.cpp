@@ -210,6 +210,13 @@ TEST(AnonymousRecording, ReplacesWhatACommandCallsAKey) {
   }
 }
 
+TEST(AnonymousRecording, KeepsWhichFunctionsAModuleLacks) {
+  Recording recording;
+  recording.records.push_back(RecordedCall{.function = "C_GetFunctionList",
+                                           .out = {{"missing", {List{{std::string{"C_DeriveKey"}}}}}}});
+  EXPECT_EQ(textOf(anonymousRecording(recording, {}).recording), textOf(recording));
+}
+
 TEST(AnonymousRecording, SaysWhatWasReplaced) {
   const AnonymousRecording anonymous = anonymousRecording(janesRecording(), kUsers);
   EXPECT_THAT(anonymous.recording.header.replaced,

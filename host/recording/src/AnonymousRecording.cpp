@@ -88,7 +88,8 @@ void Anonymiser::fields(Fields& fields, std::string_view parent) {
 
 void Anonymiser::value(Value& value, std::string_view name, std::string_view parent) {
   if (auto* text = std::get_if<std::string>(&value.held)) {
-    if (isOneOf(name, kPlainTexts)) return;
+    const bool isFunction = parent == "missing";
+    if (isFunction || isOneOf(name, kPlainTexts)) return;
     if (name == "slotDescription") return pseudonyms_.replaceInReaderName(bytesOf(*text));
     const PseudonymKind kind = name == "serialNumber" ? PseudonymKind::kSerialNumber
                                : name == "label"      ? PseudonymKind::kLabel
