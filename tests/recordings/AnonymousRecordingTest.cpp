@@ -217,6 +217,22 @@ TEST(AnonymousRecording, KeepsWhichFunctionsAModuleLacks) {
   EXPECT_EQ(textOf(anonymousRecording(recording, {}).recording), textOf(recording));
 }
 
+TEST(AnonymousRecording, ReplacesNamesOfUsersWithinPartsOfPaths) {
+  const std::pair<const char*, const char*> rows[] = {
+      {"/opt/janedoe-build/x.so", "/opt/useraab-build/x.so"},
+      {"/opt/x_janedoe.so: no file", "/opt/x_useraab.so: no file"},
+      {"/opt/janedoes/ab.so", "/opt/janedoes/ab.so"},
+      {"/mnt/so/libx.so", "/mnt/ab/libx.so"},
+  };
+  for (const auto& [error, expected] : rows) {
+    Recording recording;
+    recording.records.push_back(RecordedLoading{"library", error});
+    const Recording anonymous =
+        anonymousRecording(recording, std::vector<std::string>{"janedoe", "so"}).recording;
+    EXPECT_EQ(std::get<RecordedLoading>(anonymous.records[0]).error, expected);
+  }
+}
+
 TEST(AnonymousRecording, SaysWhatWasReplaced) {
   const AnonymousRecording anonymous = anonymousRecording(janesRecording(), kUsers);
   EXPECT_THAT(anonymous.recording.header.replaced,

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstring>
 #include <string_view>
 #include <utility>
 #include <variant>
@@ -68,6 +69,7 @@ class Anonymiser {
   void attribute(std::string_view type, Value& value);
   void serialNumber(ByteVector& bytes);
   void path(std::string& text);
+  void usersIn(std::span<std::uint8_t> part);
 
   std::span<const std::string> users_;
   ShapedPseudonyms& pseudonyms_;
@@ -134,19 +136,40 @@ void Anonymiser::serialNumber(ByteVector& bytes) {
   pseudonyms_.replaceNumber(PseudonymKind::kSerialNumber, std::span{bytes}.last(size));
 }
 
-/// A text in which paths may stand: the parts of paths that are names of users.
+/// A text in which paths may stand: the parts of paths that are names of users, and those names in others.
 void Anonymiser::path(std::string& text) {
   constexpr std::string_view kEnds = "/ \"':;,()";
   constexpr std::array<std::string_view, 2> kHomes{"/home/", "/Users/"};
   for (std::size_t at = 0; at < text.size();) {
     const std::size_t end = std::min(text.find_first_of(kEnds, at), text.size());
-    const std::string_view part = std::string_view{text}.substr(at, end - at);
     const std::string_view before = std::string_view{text}.substr(0, at);
     const bool isBelowHomes = std::any_of(kHomes.begin(), kHomes.end(),
                                           [&](std::string_view folder) { return before.ends_with(folder); });
-    if (isBelowHomes || std::find(users_.begin(), users_.end(), part) != users_.end())
+    if (isBelowHomes) {
       pseudonyms_.replaceText(PseudonymKind::kUser, bytesOf(text).subspan(at, end - at));
+    } else {
+      usersIn(bytesOf(text).subspan(at, end - at));
+    }
     at = end + 1;
+  }
+}
+
+/// Names of users that stand apart from other letters and digits, such as "jane" in "jane-pkcs11.so"; those
+/// of one or two letters only where there is nothing else.
+void Anonymiser::usersIn(std::span<std::uint8_t> part) {
+  constexpr std::size_t kShortest = 3;
+  const auto isBetweenWords = [&](std::size_t at) {
+    return at >= part.size() ||
+           std::string_view{"-_.@+~="}.find(static_cast<char>(part[at])) != std::string_view::npos;
+  };
+  for (const std::string& user : users_) {
+    if (user.empty() || (user.size() < kShortest && user.size() != part.size())) continue;
+    for (std::size_t at = 0; at + user.size() <= part.size(); ++at) {
+      const auto piece = part.subspan(at, user.size());
+      const bool isApart = (at == 0 || isBetweenWords(at - 1)) && isBetweenWords(at + user.size());
+      if (isApart && std::memcmp(piece.data(), user.data(), user.size()) == 0)
+        pseudonyms_.replaceText(PseudonymKind::kUser, piece);
+    }
   }
 }
 
