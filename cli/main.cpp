@@ -167,6 +167,8 @@ Result<void> checkUsage(const Options& options) {
     return wrongUsage("--trace would overwrite the recording of --replay");
   if (options.replay && options.modulePath) return wrongUsage("--replay excludes --module");
   if (options.replay && options.home) return wrongUsage("--replay excludes --home");
+  if (!options.command->hasWorker && options.recordTo)
+    return wrongUsage(std::string{options.command->name} + " cannot be recorded");
   if (!options.command->hasWorker && (options.trace || options.replay || options.verbose > 1))
     return wrongUsage(std::string{options.command->name} + " takes neither --trace, --replay nor -vv");
   const bool readsInput = options.command->takes(CommandOption::Kind::kInput);
