@@ -85,7 +85,6 @@ Result<ExitCode> carryOut(Options& options, RunRecorder& recorder) {
   Session session{std::move(services), options, std::move(module)};
   auto done = options.command->run(session);
   if (!done) return session.withRemarkOnPin(std::move(done).failure());
-  if (const auto written = recorder.checkWritten(); !written) return written.failure();
   return session.exitCode();
 }
 
@@ -114,7 +113,10 @@ Result<ExitCode> run(Options& options) {
   }
   const auto work = [&] {
     const auto done = guarded([&] { return carryOut(options, **recorder); });
-    return done ? *done : report(namingVariables(done.failure(), options), options.json);
+    const ExitCode code = done ? *done : report(namingVariables(done.failure(), options), options.json);
+    // A command that failed is the one whose trace is needed.
+    const auto written = (*recorder)->checkWritten();
+    return written ? code : report(written.failure(), options.json);
   };
   const Watch watch{options.timeout > 0 ? std::optional{std::chrono::seconds{options.timeout}} : std::nullopt,
                     !options.json && isatty(STDERR_FILENO) != 0};

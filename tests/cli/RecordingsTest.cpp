@@ -117,6 +117,15 @@ TEST_F(Recordings, AreForTheirOwnerAlone) {
   EXPECT_EQ(modeOf("trace"), 0600U);
 }
 
+TEST_F(Recordings, TellThatATraceIsNotWhole) {
+  const Result good = mireltoken("readers --trace /dev/full");
+  EXPECT_EQ(good.exitCode, 14);
+  EXPECT_THAT(good.err, HasSubstr("/dev/full cannot be written"));
+  const Result failed = mireltoken("login --trace /dev/full --pin-file " + write("wrong", kWrongPin));
+  EXPECT_EQ(failed.exitCode, 14);
+  EXPECT_THAT(failed.err, ContainsRegex("PIN is wrong[^\n]*\n[^\n]*/dev/full cannot be written"));
+}
+
 TEST_F(Recordings, KeepTheNamesOfFilesFromTheirHeader) {
   expectSuccess(recorded("certificate --key 01 --out " + path("secret-name")));
   const Json header = Json::parse(linesOf(read("recording")).front());
