@@ -188,8 +188,10 @@ void writeStart(const BundleParts& parts, Writer& writer) {
   if (module.path.empty()) return writer.fixed("There is none.\n");
   writer.fixed("Path      ");
   writer.shown(printableLine(module.path));
-  writer.fixed("\nBuilt for " + (module.target.empty() ? "not known" : module.target) + "\n" +
-               contentText(module.path));
+  writer.fixed("\nBuilt for " + (module.target.empty() ? "not known" : module.target) + "\n");
+  // Another file may have that path here.
+  writer.fixed(parts.isOfRecording ? "As recorded, maybe on another system than the one above.\n"
+                                   : contentText(module.path));
 }
 
 void writeDiagnosis(const Diagnosis& diagnosis, Writer& writer) {

@@ -144,7 +144,13 @@ Result<void> writeFiles(const Options& options, const PlatformServices& services
   }
   const auto file = options.fileOf(kBundle);
   if (!file) return {};
-  const BundleParts parts{versionText(), date, notes.diagnosis, notes.cards, notes.log, notes.logWasStopped};
+  const BundleParts parts{versionText(),
+                          date,
+                          notes.diagnosis,
+                          notes.cards,
+                          notes.log,
+                          notes.logWasStopped,
+                          options.replay.has_value()};
   return writeText(file, bundleOf(parts, services, options.has(kAnonymous)));
 }
 
@@ -184,7 +190,8 @@ Result<void> run(Session& session) {
     notes.numPublished += distinctItems(card.items).size();
     if (options.fileOf(kBundle)) notes.cards.push_back(itemsJson(card, report));
   };
-  wanted.systemTools = systemProgramRunner();
+  // They tell of the cards of this system.
+  if (!options.replay) wanted.systemTools = systemProgramRunner();
   if (const auto desktop = systemDesktop()) wanted.app = desktop->appPath();
   // Each check at once: the next one may wait for a card that does not answer.
   Result<void> written;

@@ -108,6 +108,12 @@ TEST_F(Recordings, NameWhatTheyDoNotHave) {
   expectJsonFailure(replayed("certificate --key 01 --json"), 24, {"was not recorded here"});
 }
 
+TEST_F(Recordings, LeaveTheModuleOfThisSystemOutOfABundle) {
+  (void)recorded("doctor");
+  (void)replayed("doctor --bundle " + path("bundle"));
+  EXPECT_THAT(read("bundle"), AllOf(HasSubstr("\nAs recorded, "), Not(HasSubstr("SHA-256"))));
+}
+
 TEST_F(Recordings, AreForTheirOwnerAlone) {
   write("recording", "", 0644);
   expectSuccess(recorded("readers"));
