@@ -282,9 +282,10 @@ Result<void> replay(Options& ioOptions, PlatformServices& services, ModuleChoice
 
   const bool json = ioOptions.json;
   const auto onMissing = [json, words](const std::string& what) {
-    const Failure failure{FailureKind::kNotRecorded, "the recording does not go on like this",
-                          printableLine(what) + "; it is one of: " + printableLine(joinedWith(" ", words)),
-                          "give the command and the options that were recorded"};
+    const Failure failure{
+        FailureKind::kNotRecorded, "the recording does not go on like this",
+        printableLine(what) + "; it was made with: " + printableLine(joinedWith(" ", words)),
+        "give the command and the options that were recorded"};
     endWorker(report(failure, json));
   };
   const auto module = recording::replayInto(std::move(recorded), onMissing, services);

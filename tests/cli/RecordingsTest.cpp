@@ -104,7 +104,7 @@ TEST_F(Recordings, AnswerADecryptionWithAsManyLetters) {
 TEST_F(Recordings, NameWhatTheyDoNotHave) {
   expectSuccess(recorded("readers"));
   expectFailure(replayed("certificate --key 01"), 24,
-                {"the recording does not go on like this", "was not recorded here", "it is one of: readers"});
+                {"the recording does not go on like this", "was not recorded here", "it was made with: readers"});
   expectJsonFailure(replayed("certificate --key 01 --json"), 24, {"was not recorded here"});
 }
 
