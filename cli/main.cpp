@@ -140,6 +140,24 @@ Result<ExitCode> print(const std::string& text) {
   return ExitCode::kSuccess;
 }
 
+/// A trace is begun before anything is read.
+Result<void> checkTrace(const Options& options) {
+  const struct {
+    const char* name;
+    const std::optional<std::string>& value;
+  } files[] = {{"--module", options.modulePath},
+               {"--in", options.in},
+               {"--pin-file", options.pinFile},
+               {"--replay", options.replay}};
+  for (const auto& [name, value] : files) {
+    std::error_code error;
+    if (options.trace && value &&
+        (*options.trace == *value || std::filesystem::equivalent(*options.trace, *value, error)))
+      return wrongUsage(std::string{"--trace would overwrite the file of "} + name);
+  }
+  return {};
+}
+
 /// Whether options that the parser lets pass make sense.
 Result<void> checkUsage(const Options& options) {
   const struct {
@@ -165,8 +183,7 @@ Result<void> checkUsage(const Options& options) {
     return wrongUsage("--key is missing");
   if (auto key = checkKeyName(options.key.value_or("")); !key) return key;
   if (options.trace == "-") return wrongUsage("--trace needs a file, not standard output");
-  if (options.trace && options.trace == options.replay)
-    return wrongUsage("--trace would overwrite the recording of --replay");
+  if (auto trace = checkTrace(options); !trace) return trace;
   if (options.replay && options.modulePath) return wrongUsage("--replay excludes --module");
   if (options.replay && options.home) return wrongUsage("--replay excludes --home");
   if (!options.command->hasWorker && options.recordTo)

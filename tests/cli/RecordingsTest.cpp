@@ -103,8 +103,9 @@ TEST_F(Recordings, AnswerADecryptionWithAsManyLetters) {
 
 TEST_F(Recordings, NameWhatTheyDoNotHave) {
   expectSuccess(recorded("readers"));
-  expectFailure(replayed("certificate --key 01"), 24,
-                {"the recording does not go on like this", "was not recorded here", "it was made with: readers"});
+  expectFailure(
+      replayed("certificate --key 01"), 24,
+      {"the recording does not go on like this", "was not recorded here", "it was made with: readers"});
   expectJsonFailure(replayed("certificate --key 01 --json"), 24, {"was not recorded here"});
 }
 
@@ -181,10 +182,14 @@ TEST_F(Recordings, AreNotMadeWhereThatMakesNoSense) {
       {"record --out " + path("out") + " items --colour", "there is no \"--colour\""},
       {"--module x --replay y items", "excludes"},
       {"--trace - items", "needs a file"},
-      {"--trace x --replay x items", "would overwrite"},
+      {"--trace x --replay x items", "would overwrite the file of --replay"},
+      {"sign --key 01 --in " + path("text") + " --trace " + path("./text"),
+       "would overwrite the file of --in"},
       {"--module x record --out " + path("out") + " items --replay y", "excludes"},
   };
+  write("text", kMessage);
   for (const auto& [arguments, why] : rows) expectFailure(run(invocation(arguments)), 2, {why});
+  EXPECT_EQ(read("text"), kMessage);
   EXPECT_FALSE(exists("out"));
   expectFailure(run(invocation("items --replay " + write("none", "{}"))), 2, {"is no recording", "line 1"});
   expectFailure(run(invocation("items --replay /nowhere/file")), 14, {"cannot be read"});
