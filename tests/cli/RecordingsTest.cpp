@@ -101,6 +101,17 @@ TEST_F(Recordings, AnswerADecryptionWithAsManyLetters) {
   expectOutput(replayed("decrypt --key 02" + pin, cipher), std::string(std::string{kPlain}.size(), 'Z'));
 }
 
+TEST_F(Recordings, CanBeTracedAndRecordedInAReplay) {
+  expectSuccess(recorded("readers"));
+  const std::string trace = path("trace");
+  const std::string again = path("again");
+  const Result replay = replayed("--trace " + trace + " -vv record --out " + again + " readers");
+  EXPECT_EQ(replay.exitCode, 0);
+  EXPECT_THAT(replay.err, HasSubstr("\nC_GetSlotList: CKR_OK, "));
+  EXPECT_THAT(run(invocation("trace show " + trace)).out, HasSubstr("C_GetSlotList"));
+  EXPECT_EQ(run(invocation("readers --replay " + again)).out, replay.out);
+}
+
 TEST_F(Recordings, NameWhatTheyDoNotHave) {
   expectSuccess(recorded("readers"));
   expectFailure(

@@ -58,5 +58,5 @@ extern "C" __attribute__((visibility("default"))) CK_RV C_GetFunctionList(CK_FUN
   static std::vector<std::unique_ptr<ReplayingFront>> fronts;
   fronts.push_back(std::make_unique<ReplayingFront>(
       mirel::recording::recordedCalls(), ReplayingFront::Order::kPassOver, mirel::recording::tellMissing));
-  return mirel::recording::ModuleFront::entryPoint()(list);
+  return fronts.back()->entryPoint()(list);
 }

@@ -47,6 +47,20 @@ TEST_F(ReplayerTest, AnswersAsTheModuleDid) {
   EXPECT_EQ(script.callTexts(), calls) << "the module was called";
 }
 
+TEST_F(ReplayerTest, CanBeRecorded) {
+  const std::string recorded = useEverything(*bridge);
+  leavesOpen(script.openSessions());
+  const std::vector<RecordedCall> first = kept->calls();
+  PlatformServices all = replaying(stored());
+  const auto keptAgain = std::make_shared<KeptRecords>();
+  (void)recordInto({keptAgain}, all);
+  P11Bridge replayed{all};
+  EXPECT_EQ(useEverything(replayed), recorded);
+  const std::vector<RecordedCall> second = keptAgain->calls();
+  ASSERT_EQ(second.size(), first.size());
+  for (std::size_t i = 0; i < first.size(); ++i) EXPECT_EQ(second[i].function, first[i].function);
+}
+
 TEST_F(ReplayerTest, LoadsAndMissesWhatTheModuleDid) {
   useModule(kModuleWithoutEntry);
   PlatformServices all = services();
@@ -135,7 +149,7 @@ TEST_F(ReplayerTest, MayPassOverWhatIsNotAskedAgain) {
   ReplayingFront front{calls, ReplayingFront::Order::kPassOver,
                        [this](const std::string& what) { missing.push_back(what); }};
   CK_FUNCTION_LIST* functions = nullptr;
-  ASSERT_EQ(ModuleFront::entryPoint()(&functions), CKR_OK);
+  ASSERT_EQ(front.entryPoint()(&functions), CKR_OK);
   CK_SESSION_HANDLE session = 0;
   // The first that was opened was closed again; the user has logged in to the second.
   ASSERT_EQ(functions->C_OpenSession(kSlot, CKF_SERIAL_SESSION, nullptr, nullptr, &session), CKR_OK);
@@ -162,7 +176,7 @@ TEST_F(ReplayerTest, NeverWritesMoreThanThereIsRoomFor) {
   call.out = {{"objects", {Fields{{"count", {std::uint64_t{100}}}, {"value", {many}}}}}};
   ReplayingFront front{{list, call}, ReplayingFront::Order::kExact, [](const std::string&) {}};
   CK_FUNCTION_LIST* functions = nullptr;
-  ASSERT_EQ(ModuleFront::entryPoint()(&functions), CKR_OK);
+  ASSERT_EQ(front.entryPoint()(&functions), CKR_OK);
   CK_OBJECT_HANDLE room[2] = {0, 7};
   CK_ULONG count = 0;
   EXPECT_EQ(functions->C_FindObjects(1, room, 1, &count), CKR_OK);

@@ -10,7 +10,14 @@
 namespace mirel::recording {
 namespace {
 
+using Place = ModuleFront::Place;
+
+template <Place place>
 std::atomic<ModuleFront*> front{nullptr};
+
+std::atomic<ModuleFront*>& frontIn(Place place) noexcept {
+  return place == Place::kRecorder ? front<Place::kRecorder> : front<Place::kReplayer>;
+}
 
 template <typename T>
 Word wordOf(T argument) noexcept {
@@ -29,13 +36,13 @@ const char* nameOf(const CK_FUNCTION_LIST& list) noexcept {
 }
 
 /// What stands in the list in place of a function of the module.
-template <auto Member, typename Function>
+template <Place place, auto Member, typename Function>
 struct Entry;
 
-template <auto Member, typename... Args>
-struct Entry<Member, CK_RV (*CK_FUNCTION_LIST::*)(Args...)> {
+template <Place place, auto Member, typename... Args>
+struct Entry<place, Member, CK_RV (*CK_FUNCTION_LIST::*)(Args...)> {
   static CK_RV call(Args... args) noexcept {
-    ModuleFront* module = front;
+    ModuleFront* module = front<place>;
     if (!module) return CKR_GENERAL_ERROR;
     const std::array<Word, sizeof...(Args)> words{wordOf(args)...};
     auto forward = [&]() -> CK_RV {
@@ -50,16 +57,14 @@ struct Entry<Member, CK_RV (*CK_FUNCTION_LIST::*)(Args...)> {
 /// All functions but C_GetFunctionList.
 template <auto... Members>
 struct Functions {
-  /// Ours in place of those that `list` has.
-  static void put(CK_FUNCTION_LIST& ours, const CK_FUNCTION_LIST& list) noexcept {
-    ((ours.*Members = list.*Members ? &Entry<Members, decltype(Members)>::call : nullptr), ...);
-  }
-  /// Ours in place of those that are not among the names.
+  /// Those of the front in that place, without those of these names.
+  template <Place place>
   static void put(CK_FUNCTION_LIST& ours, const std::vector<std::string>& missing) {
     const auto isThere = [&](const char* name) {
       return std::find(missing.begin(), missing.end(), name) == missing.end();
     };
-    ((ours.*Members = isThere(nameOf<Members>(ours)) ? &Entry<Members, decltype(Members)>::call : nullptr),
+    ((ours.*Members =
+          isThere(nameOf<Members>(ours)) ? &Entry<place, Members, decltype(Members)>::call : nullptr),
      ...);
   }
   static std::vector<std::string> missing(const CK_FUNCTION_LIST& list) {
@@ -100,8 +105,9 @@ using AllFunctions = Functions<
 static_assert(offsetof(CK_FUNCTION_LIST, C_Initialize) + (AllFunctions::kCount + 1) * sizeof(void*) ==
               sizeof(CK_FUNCTION_LIST));
 
+template <Place place>
 CK_RV getFunctionList(CK_FUNCTION_LIST_PTR_PTR outList) {
-  ModuleFront* module = front;
+  ModuleFront* module = front<place>;
   if (!outList) return CKR_ARGUMENTS_BAD;
   *outList = nullptr;
   return module ? module->getFunctionList(outList) : CKR_GENERAL_ERROR;
@@ -109,27 +115,33 @@ CK_RV getFunctionList(CK_FUNCTION_LIST_PTR_PTR outList) {
 
 }  // namespace
 
-ModuleFront::ModuleFront() noexcept { front = this; }
+ModuleFront::ModuleFront(Place place) noexcept : place_{place} { frontIn(place) = this; }
 
 ModuleFront::~ModuleFront() {
   ModuleFront* self = this;
-  front.compare_exchange_strong(self, nullptr);
+  frontIn(place_).compare_exchange_strong(self, nullptr);
 }
 
-CK_C_GetFunctionList ModuleFront::entryPoint() noexcept { return &recording::getFunctionList; }
+CK_C_GetFunctionList ModuleFront::entryPoint() const noexcept {
+  return place_ == Place::kRecorder ? &recording::getFunctionList<Place::kRecorder>
+                                    : &recording::getFunctionList<Place::kReplayer>;
+}
 
-CK_FUNCTION_LIST* ModuleFront::frontOf(const CK_FUNCTION_LIST& list) noexcept {
+CK_FUNCTION_LIST* ModuleFront::frontOf(const CK_FUNCTION_LIST& list) {
   behindCopy_ = list;
   behind_ = &behindCopy_;
-  list_.version = list.version;
-  AllFunctions::put(list_, list);
-  list_.C_GetFunctionList = list.C_GetFunctionList ? entryPoint() : nullptr;
-  return &list_;
+  CK_FUNCTION_LIST* ours = frontWithout(missingIn(list), list.version);
+  if (!list.C_GetFunctionList) ours->C_GetFunctionList = nullptr;
+  return ours;
 }
 
 CK_FUNCTION_LIST* ModuleFront::frontWithout(const std::vector<std::string>& missing, CK_VERSION version) {
   list_.version = version;
-  AllFunctions::put(list_, missing);
+  if (place_ == Place::kRecorder) {
+    AllFunctions::put<Place::kRecorder>(list_, missing);
+  } else {
+    AllFunctions::put<Place::kReplayer>(list_, missing);
+  }
   list_.C_GetFunctionList = entryPoint();
   return &list_;
 }

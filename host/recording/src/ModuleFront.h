@@ -23,13 +23,18 @@ class Forward {
 };
 
 /// A module of our own that stands where another one is expected. Its functions are called without anything
-/// that says which module is meant, so there is one for each process: the one that was made last.
+/// that says which module is meant, so a process has one in each place: the one that was made last.
 ///
 /// A caller may hold the lock of the process for calls into modules. So nothing that calls a module may be
 /// called from here.
 class ModuleFront {
  public:
-  ModuleFront() noexcept;
+  enum class Place {
+    kRecorder,  ///< before a module, or before a replayer
+    kReplayer
+  };
+
+  explicit ModuleFront(Place place) noexcept;
   ModuleFront(const ModuleFront&) = delete;
   ModuleFront& operator=(const ModuleFront&) = delete;
   virtual ~ModuleFront();
@@ -41,14 +46,14 @@ class ModuleFront {
   virtual CK_RV called(const char* function, std::span<const Word> words, const Forward& module) noexcept = 0;
 
   /// The function of this list that `getFunctionList` stands behind.
-  [[nodiscard]] static CK_C_GetFunctionList entryPoint() noexcept;
+  [[nodiscard]] CK_C_GetFunctionList entryPoint() const noexcept;
 
   /// The module's own list, to which `Forward` leads; null: there is none.
   [[nodiscard]] const CK_FUNCTION_LIST* behind() const noexcept { return behind_; }
 
  protected:
   /// Hands out functions in place of those that `list` has, and leads to them. It stays valid.
-  [[nodiscard]] CK_FUNCTION_LIST* frontOf(const CK_FUNCTION_LIST& list) noexcept;
+  [[nodiscard]] CK_FUNCTION_LIST* frontOf(const CK_FUNCTION_LIST& list);
   /// The same without a module, and without the functions of these names.
   [[nodiscard]] CK_FUNCTION_LIST* frontWithout(const std::vector<std::string>& missing, CK_VERSION version);
 
@@ -56,6 +61,7 @@ class ModuleFront {
   [[nodiscard]] static std::vector<std::string> missingIn(const CK_FUNCTION_LIST& list);
 
  private:
+  Place place_;
   const CK_FUNCTION_LIST* behind_ = nullptr;
   CK_FUNCTION_LIST behindCopy_{};
   CK_FUNCTION_LIST list_{};

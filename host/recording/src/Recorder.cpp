@@ -68,7 +68,8 @@ class RoadObserver final : public CryptokiObserver {
 
 class RecordingFront final : public ModuleFront {
  public:
-  explicit RecordingFront(std::shared_ptr<Notes> notes) : notes_{std::move(notes)} {}
+  explicit RecordingFront(std::shared_ptr<Notes> notes)
+      : ModuleFront{Place::kRecorder}, notes_{std::move(notes)} {}
 
   void setModule(CK_C_GetFunctionList function) noexcept { module_ = function; }
 
@@ -135,7 +136,7 @@ class RecordingLoader final : public DynamicLoader {
     note(name, address != nullptr);
     if (!address || std::string_view{name} != kEntryPoint) return address;
     front_.setModule(reinterpret_cast<CK_C_GetFunctionList>(address));
-    return reinterpret_cast<void*>(ModuleFront::entryPoint());
+    return reinterpret_cast<void*>(front_.entryPoint());
   }
   bool close(void* library) noexcept override { return next_->close(library); }
   std::string errorText() noexcept override { return std::exchange(loaderErrorOfThread, {}); }

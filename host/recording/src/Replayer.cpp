@@ -99,7 +99,7 @@ class ReplayingLoader final : public DynamicLoader {
   void* open(const char*) noexcept override { return succeeds("library") ? this : nullptr; }
   void* symbol(void*, const char* name) noexcept override {
     if (!succeeds(name) || std::string_view{name} != kEntryPoint) return nullptr;
-    return reinterpret_cast<void*>(ModuleFront::entryPoint());
+    return reinterpret_cast<void*>(front_.entryPoint());
   }
   bool close(void*) noexcept override { return true; }
   std::string errorText() noexcept override { return std::exchange(loaderErrorOfThread, {}); }

@@ -58,7 +58,10 @@ std::vector<std::string> missingOf(const RecordedCall& call) {
 
 ReplayingFront::ReplayingFront(std::vector<RecordedCall> calls, Order order,
                                std::function<void(const std::string&)> onMissing)
-    : calls_{std::move(calls)}, order_{order}, onMissing_{std::move(onMissing)} {
+    : ModuleFront{Place::kReplayer},
+      calls_{std::move(calls)},
+      order_{order},
+      onMissing_{std::move(onMissing)} {
   if (order_ == Order::kPassOver)
     std::erase_if(calls_, [](const RecordedCall& call) { return call.road != Road::kToken; });
 }
