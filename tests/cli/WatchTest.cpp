@@ -295,7 +295,7 @@ TEST_F(Watching, IsNotHeldUpAfterAPinByACardServiceThatHangs) {
   call.terminal = &terminal;
   RunningChild child{call};
   ASSERT_TRUE(terminal.waitFor("PIN for "));
-  terminal.type(kPin + "\r");
+  terminal.type(std::string{kPin} + "\r");
   expectSuccess(child.wait());
 }
 

@@ -113,9 +113,9 @@ TEST_P(CardServiceWatching, TakesAReaderThatGoesForNoEndOfTheService) {
     SCOPED_TRACE(code);
     const ScopedVariable answer{"MIREL_PCSC_GONE_CODE", code};
     watch_ = GetParam()();
-    tell("Reader A=10022:3B;Reader B=10");
+    tell("Reader A=10020:3B;Reader B=10");
     const CardServiceView before = watch_->next(kLong);
-    tellSoon("Reader A=10022:3B");
+    tellSoon("Reader A=10020:3B");
     const CardServiceView after = change();
     EXPECT_THAT(after.readers, SizeIs(1));
     EXPECT_EQ(after.connection, before.connection);
