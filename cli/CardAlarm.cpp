@@ -63,6 +63,8 @@ struct CardAlarm::State {
       if (isOver) break;
       std::vector<WatchedReader> readers = watchedReaders(view);
       std::erase_if(readers, [&](const WatchedReader& one) { return !(one.name == reader); });
+      // A slot has so many bytes of a reader's name that two can have the same.
+      if (readers.size() > 1) continue;
       const auto happened = events.take(readers);
       const bool went = std::any_of(happened.begin(), happened.end(), [](const ReaderEvent& event) {
         return event.kind == ReaderEvent::Kind::kRemoval;

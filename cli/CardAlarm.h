@@ -11,7 +11,8 @@ namespace mirel::cli {
 /// alone: a call of the module could change what the token knows of the card.
 class CardAlarm {
  public:
-  /// Begins to watch. `service`: null, or without that reader: then there is never an alarm.
+  /// Begins to watch. `service`: null, or without that reader, or with several of that name: then there is
+  /// never an alarm.
   CardAlarm(const std::shared_ptr<CardService>& service, const Text& reader);
   CardAlarm(const CardAlarm&) = delete;
   CardAlarm& operator=(const CardAlarm&) = delete;

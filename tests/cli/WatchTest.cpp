@@ -285,18 +285,28 @@ TEST_F(Watching, EndsThePromptForThePinOfACardThatGoes) {
   }
 }
 
-TEST_F(Watching, IsNotHeldUpAfterAPinByACardServiceThatHangs) {
-  tell({{"Card", kCard}});
-  PseudoTerminal terminal;
-  Invocation call = staged("login");
-  call.environment["LD_LIBRARY_PATH"] = MIREL_FAKE_PCSC_FOLDER;
-  call.environment["MIREL_PCSC_FILE"] = path("readers");
-  call.environment["MIREL_PCSC_HANGS"] = "SCardCancel";
-  call.terminal = &terminal;
-  RunningChild child{call};
-  ASSERT_TRUE(terminal.waitFor("PIN for "));
-  terminal.type(std::string{kPin} + "\r");
-  expectSuccess(child.wait());
+TEST_F(Watching, LeavesAPromptAloneWhereTwoReadersHaveOneNameOrTheServiceHangs) {
+  const struct {
+    const char* name;
+    std::vector<std::pair<std::string, std::string>> readers;
+    const char* hangs;
+  } rows[] = {{"two readers", {{"Card", kNone}, {"Card", kCard}}, ""},
+              {"service that hangs", {{"Card", kCard}}, "SCardCancel"}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    tell(row.readers);
+    PseudoTerminal terminal;
+    Invocation call = staged("login");
+    call.environment["LD_LIBRARY_PATH"] = MIREL_FAKE_PCSC_FOLDER;
+    call.environment["MIREL_PCSC_FILE"] = path("readers");
+    call.environment["MIREL_PCSC_HANGS"] = row.hangs;
+    call.terminal = &terminal;
+    RunningChild child{call};
+    ASSERT_TRUE(terminal.waitFor("PIN for "));
+    std::this_thread::sleep_for(std::chrono::milliseconds{100});  // nothing is to happen
+    terminal.type(std::string{kPin} + "\r");
+    expectSuccess(child.wait());
+  }
 }
 
 }  // namespace
