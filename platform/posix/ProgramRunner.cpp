@@ -101,6 +101,26 @@ class Start {
   bool ready_ = false;
 };
 
+/// Has the system tell of programs that end: where SIGCHLD is ignored, as a module may have it, it does not.
+class EndsToldOf {
+ public:
+  EndsToldOf() noexcept {
+    ignored_ = sigaction(SIGCHLD, nullptr, &before_) == 0 && before_.sa_handler == SIG_IGN;
+    struct sigaction standard {};
+    standard.sa_handler = SIG_DFL;
+    if (ignored_) (void)sigaction(SIGCHLD, &standard, nullptr);
+  }
+  EndsToldOf(const EndsToldOf&) = delete;
+  EndsToldOf& operator=(const EndsToldOf&) = delete;
+  ~EndsToldOf() {
+    if (ignored_) (void)sigaction(SIGCHLD, &before_, nullptr);
+  }
+
+ private:
+  struct sigaction before_ {};
+  bool ignored_ = false;
+};
+
 /// A program that was started. It has ended at the end of this.
 class Child {
  public:
@@ -192,6 +212,7 @@ class PosixProgramRunner final : public ProgramRunner {
     const std::vector<char*> wordPointers = pointersTo(words);
     const std::vector<char*> variablePointers = pointersTo(variables);
 
+    const EndsToldOf told;
     pid_t id = 0;
     const Start start{writing.number()};
     const int error = start.program(id, path, wordPointers.data(), variablePointers.data());

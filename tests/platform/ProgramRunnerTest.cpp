@@ -45,6 +45,14 @@ TEST(ProgramRunner, TellsOfASignal) {
   EXPECT_EQ(answer.code, SIGSEGV);
 }
 
+TEST(ProgramRunner, GivesTheExitCodeAlsoWhereTheEndOfChildrenIsIgnored) {
+  const auto before = std::signal(SIGCHLD, SIG_IGN);
+  const ProgramAnswer answer = answerOf("exit 7");
+  EXPECT_EQ(answer.end, kExited);
+  EXPECT_EQ(answer.code, 7);
+  EXPECT_EQ(std::signal(SIGCHLD, before), SIG_IGN);
+}
+
 TEST(ProgramRunner, EndsWhatDoesNotEndInTime) {
   for (const char* script :
        {"sleep 60", "exec >&- 2>&-; sleep 60", "sleep 60 & sleep 60", "trap '' TERM; sleep 60"}) {
