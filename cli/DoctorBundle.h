@@ -45,7 +45,7 @@ struct BundleParts {
   const std::vector<nlohmann::ordered_json>& cards;  ///< what `items --json` prints of each
   const std::vector<std::string>& log;               ///< its lines
   bool logWasStopped;                                ///< at a login
-  bool isOfRecording;  ///< a recording answered: the module is not on this system
+  bool isOfRecording = false;  ///< a recording answered: the module is not on this system
 };
 
 /// All that support needs, as one text for people. It holds no PIN and no data of a key's use. `anonymous`:
