@@ -30,13 +30,13 @@ std::string millisecondsText(std::uint64_t microseconds) {
   return text.data();
 }
 
-/// The calls, with their numbers in the file.
-using NumberedCalls = std::vector<std::pair<std::size_t, RecordedCall>>;
+/// The calls of a recording, with their numbers in the file.
+using NumberedCalls = std::vector<std::pair<std::size_t, const RecordedCall*>>;
 
 NumberedCalls callsIn(const recording::Recording& recorded) {
   NumberedCalls calls;
   for (const auto& record : recorded.records) {
-    if (const auto* call = std::get_if<RecordedCall>(&record)) calls.emplace_back(calls.size() + 1, *call);
+    if (const auto* call = std::get_if<RecordedCall>(&record)) calls.emplace_back(calls.size() + 1, call);
   }
   return calls;
 }
@@ -49,10 +49,10 @@ std::string countOf(std::size_t number, const char* what) {
 
 std::string summaryOf(const NumberedCalls& calls, bool isCutOff) {
   const auto failed = static_cast<std::size_t>(std::count_if(
-      calls.begin(), calls.end(), [](const auto& call) { return recording::isFailure(call.second); }));
+      calls.begin(), calls.end(), [](const auto& call) { return recording::isFailure(*call.second); }));
   const std::uint64_t time =
       std::accumulate(calls.begin(), calls.end(), std::uint64_t{0},
-                      [](std::uint64_t sum, const auto& call) { return sum + call.second.microseconds; });
+                      [](std::uint64_t sum, const auto& call) { return sum + call.second->microseconds; });
   return "\n" + countOf(calls.size(), "call") + " that took " + millisecondsText(time) + " ms; " +
          std::to_string(failed) + " failed.\n" +
          (isCutOff ? "The last record is not whole: the program was ended while it wrote it.\n" : "");
@@ -61,9 +61,9 @@ std::string summaryOf(const NumberedCalls& calls, bool isCutOff) {
 std::string tableOf(const NumberedCalls& calls) {
   std::vector<std::vector<std::string>> rows{{"CALL", "FUNCTION", "FOR", "ABOUT", "RESULT", "MS"}};
   for (const auto& [number, call] : calls) {
-    rows.push_back({std::to_string(number), printableLine(call.function), nameOf(call.road),
-                    printableLine(recording::subjectText(call)), recording::resultText(call.result),
-                    millisecondsText(call.microseconds)});
+    rows.push_back({std::to_string(number), printableLine(call->function), nameOf(call->road),
+                    printableLine(recording::subjectText(*call)), recording::resultText(call->result),
+                    millisecondsText(call->microseconds)});
   }
   return calls.empty() ? std::string{"There is no such call.\n"} : table(rows, outputIsColoured());
 }
@@ -72,11 +72,11 @@ std::string jsonText(const NumberedCalls& calls, bool isCutOff) {
   Json list = Json::array();
   for (const auto& [number, call] : calls) {
     list.push_back({{"number", number},
-                    {"function", printableLine(call.function)},
-                    {"for", nameOf(call.road)},
-                    {"about", printableLine(recording::subjectText(call))},
-                    {"result", recording::resultText(call.result)},
-                    {"milliseconds", static_cast<double>(call.microseconds) / 1000}});
+                    {"function", printableLine(call->function)},
+                    {"for", nameOf(call->road)},
+                    {"about", printableLine(recording::subjectText(*call))},
+                    {"result", recording::resultText(call->result)},
+                    {"milliseconds", static_cast<double>(call->microseconds) / 1000}});
   }
   return jsonLines("trace", Json{{"calls", list}, {"cutOff", isCutOff}});
 }
@@ -90,10 +90,10 @@ Result<void> run(Session& session) {
   const NumberedCalls all = callsIn(loaded->recording);
   NumberedCalls calls = all;
   if (options.has(kFailed))
-    std::erase_if(calls, [](const auto& call) { return !recording::isFailure(call.second); });
+    std::erase_if(calls, [](const auto& call) { return !recording::isFailure(*call.second); });
   if (options.has(kSlow)) {
     std::stable_sort(calls.begin(), calls.end(), [](const auto& a, const auto& b) {
-      return a.second.microseconds > b.second.microseconds;
+      return a.second->microseconds > b.second->microseconds;
     });
   }
   if (options.json) return writeOutput(jsonText(calls, loaded->isCutOff));
