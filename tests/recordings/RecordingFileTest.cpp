@@ -59,6 +59,13 @@ TEST(RecordingFile, IsAsciiWithoutControlCharacters) {
   for (const char one : textOf(everyKind())) EXPECT_TRUE(one == '\n' || (one >= ' ' && one < 0x7F));
 }
 
+TEST(RecordingFile, IsRefusedWithTooManyValues) {
+  std::string text = kHeader;
+  for (int i = 0; i < 40; ++i) text += "{\"date\":1}\n";
+  EXPECT_EQ(readRecording(text).refusal, "");
+  EXPECT_THAT(readRecording(text, 100).refusal, HasSubstr("there are too many values"));
+}
+
 TEST(CallText, IsShortWhateverAFileHolds) {
   RecordedCall call;
   const recording::Value attribute{Fields{{"type", {std::string(500'000, 'x')}}}};

@@ -357,15 +357,20 @@ Header headerOf(const Json& json) {
   return header;
 }
 
-Json parsed(std::string_view text) {
+/// `ioValuesLeft`: that it and the lines behind it may have.
+Json parsed(std::string_view text, std::size_t& ioValuesLeft) {
   if (text.size() > kLongestLine) throw Refusal{"it is too long"};
   bool tooDeep = false;
+  bool tooMany = false;
   const auto keep = [&](int depth, Json::parse_event_t, Json&) {
     tooDeep = tooDeep || depth > kDeepest;
-    return !tooDeep;
+    tooMany = tooMany || ioValuesLeft == 0;
+    if (!tooMany) --ioValuesLeft;
+    return !tooDeep && !tooMany;
   };
   Json json = Json::parse(text, keep, false);
   if (tooDeep) throw Refusal{"it has values in values in values"};
+  if (tooMany) throw Refusal{"there are too many values"};
   if (json.is_discarded()) throw Refusal{"it is no JSON"};
   return json;
 }
@@ -396,7 +401,7 @@ std::string textOf(const Recording& recording) {
   return text;
 }
 
-ReadRecording readRecording(std::string_view text) {
+ReadRecording readRecording(std::string_view text, std::size_t mostValues) {
   ReadRecording read;
   Recording recording;
   std::size_t number = 0;
@@ -408,7 +413,7 @@ ReadRecording readRecording(std::string_view text) {
         read.isCutOff = true;
         break;
       }
-      const Json json = parsed(text.substr(0, end));
+      const Json json = parsed(text.substr(0, end), mostValues);
       if (number == 1) {
         recording.header = headerOf(json);
       } else {

@@ -26,11 +26,14 @@ struct ReadRecording {
   bool isCutOff = false;               ///< the last line is not whole, as when a program ended while it wrote
 };
 
-/// Reads the text of a file, which may be anybody's: what is not exactly as it is to be, or larger than a
-/// recording can be, is refused. A last line without an end is left out.
-[[nodiscard]] ReadRecording readRecording(std::string_view text);
-
 /// The largest file that is read, in bytes.
 inline constexpr std::size_t kLargestRecording = std::size_t{256} * 1024 * 1024;
+
+/// The most values of JSON that are read of a file. A short one takes many times its size in memory.
+inline constexpr std::size_t kMostValues = 16'000'000;
+
+/// Reads the text of a file, which may be anybody's: what is not exactly as it is to be, or has more values
+/// than a recording can have, is refused. A last line without an end is left out.
+[[nodiscard]] ReadRecording readRecording(std::string_view text, std::size_t mostValues = kMostValues);
 
 }  // namespace mirel::recording
