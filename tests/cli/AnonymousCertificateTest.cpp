@@ -64,6 +64,10 @@ ByteVector janesCertificate() {
   return encoded(certificate.get());
 }
 
+void replaceFirst(std::string& text, std::string_view what, std::string_view by) {
+  if (const std::size_t at = text.find(what); at != std::string::npos) text.replace(at, what.size(), by);
+}
+
 std::string printed(const ByteVector& der) {
   const X509Holder certificate = parsed(der);
   if (!certificate) return "no certificate";
@@ -74,6 +78,9 @@ std::string printed(const ByteVector& der) {
   const long size = BIO_get_mem_data(output, &text);
   std::string all{text, static_cast<std::size_t>(size)};
   BIO_free(output);
+  // Versions of OpenSSL differ in a colon and an empty line.
+  replaceFirst(all, "UPN::", "UPN:");
+  replaceFirst(all, "\n\n", "\n");
   return all;
 }
 
@@ -106,7 +113,7 @@ TEST(AnonymousCertificate, HasNoNamesAndStaysReadable) {
             X509v3 Key Usage: critical
                 Digital Signature, Key Encipherment
             X509v3 Subject Alternative Name: 
-                email:naab.nab@nameaab.nameaac, URI:http://nameaab.nameaac/nameac/naab, IP Address:1.0.0.1, othername: UPN::naab@namab.nameaac
+                email:naab.nab@nameaab.nameaac, URI:http://nameaab.nameaac/nameac/naab, IP Address:1.0.0.1, othername: UPN:naab@namab.nameaac
             X509v3 Extended Key Usage: 
                 TLS Web Client Authentication
             X509v3 Subject Key Identifier: 
