@@ -419,7 +419,7 @@ struct Entry;
 template <auto Function, typename... Args>
 struct Entry<Function, CK_RV (*)(Args...)> {
   static CK_RV call(Args... args) {
-    static const std::size_t position = test::functionPosition(test::functionName<Function>());
+    static const std::size_t position = test::functionPosition(kCryptokiNameOf<Function>);
     switch (nextStep(position)) {
       case Step::kReal: break;
       case Step::kFail:
@@ -440,7 +440,7 @@ struct Entry<Function, CK_RV (*)(Args...)> {
 };
 
 template <auto... Functions>
-CK_FUNCTION_LIST listOf(test::FunctionPack<Functions...>) {
+CK_FUNCTION_LIST listOf(FunctionPack<Functions...>) {
   CK_FUNCTION_LIST list{};
   list.version = {2, 40};
   ((list.*Functions = &Entry<Functions>::call), ...);
@@ -597,7 +597,7 @@ void EditedModule::changeCard(Input& input) {
     case 9: changeBehaviour(input, script); break;
     case 10:
       thePlay.failed = true;
-      script.removeEntry(test::kFunctionNames[input.byte() % test::kNumFunctions]);
+      script.removeEntry(kCryptokiFunctionNames[input.byte() % AllFunctions::kCount]);
       break;
     default: changeStart(input); break;
   }

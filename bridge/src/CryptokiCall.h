@@ -1,9 +1,7 @@
 #pragma once
 
-#include <cstddef>
-
 #include "ModuleLock.h"
-#include "bridge/CryptokiNames.h"
+#include "bridge/CryptokiFunctions.h"
 #include "bridge/P11Bridge.h"
 #include "platform/CryptokiObserver.h"
 
@@ -16,9 +14,7 @@ template <auto Entry, typename... Args>
                                  Args... args) noexcept {
   if (!observer) return callAlone(list.*Entry, args...);
 
-  const auto* listStart = reinterpret_cast<const std::byte*>(&list);
-  const auto* entryStart = reinterpret_cast<const std::byte*>(&(list.*Entry));
-  const char* name = cryptokiFunctionName(static_cast<std::size_t>(entryStart - listStart));
+  const char* name = kCryptokiNameOf<Entry>;
   observer->callStarts(name);
   const CK_RV rv = callAlone(list.*Entry, args...);
   observer->callReturned(name, rv);

@@ -8,36 +8,26 @@ namespace {
 
 constexpr int kSlotListTries = 3;  // a slot may appear between counting and listing
 
+using CalledFunctions = FunctionPack<
+    &CK_FUNCTION_LIST::C_Initialize, &CK_FUNCTION_LIST::C_GetSlotList, &CK_FUNCTION_LIST::C_GetSlotInfo,
+    &CK_FUNCTION_LIST::C_GetTokenInfo, &CK_FUNCTION_LIST::C_OpenSession, &CK_FUNCTION_LIST::C_CloseSession,
+    &CK_FUNCTION_LIST::C_GetSessionInfo, &CK_FUNCTION_LIST::C_FindObjectsInit,
+    &CK_FUNCTION_LIST::C_FindObjects, &CK_FUNCTION_LIST::C_FindObjectsFinal,
+    &CK_FUNCTION_LIST::C_GetAttributeValue, &CK_FUNCTION_LIST::C_Login, &CK_FUNCTION_LIST::C_SignInit,
+    &CK_FUNCTION_LIST::C_Sign, &CK_FUNCTION_LIST::C_DecryptInit, &CK_FUNCTION_LIST::C_Decrypt>;
+
+template <auto... Members>
+void addMissing(const CK_FUNCTION_LIST& list, FunctionPack<Members...>, std::vector<const char*>& names) {
+  ((list.*Members ? void() : names.push_back(kCryptokiNameOf<Members>)), ...);
+}
+
 }  // namespace
 
 std::vector<const char*> P11Bridge::missingEntries() const noexcept {
   std::vector<const char*> missing;
   const CK_FUNCTION_LIST* list = ckFunc();
   if (!list) return missing;
-  const struct {
-    const char* name;
-    bool isThere;
-  } entries[] = {
-      {"C_Initialize", list->C_Initialize != nullptr},
-      {"C_GetSlotList", list->C_GetSlotList != nullptr},
-      {"C_GetSlotInfo", list->C_GetSlotInfo != nullptr},
-      {"C_GetTokenInfo", list->C_GetTokenInfo != nullptr},
-      {"C_OpenSession", list->C_OpenSession != nullptr},
-      {"C_CloseSession", list->C_CloseSession != nullptr},
-      {"C_GetSessionInfo", list->C_GetSessionInfo != nullptr},
-      {"C_FindObjectsInit", list->C_FindObjectsInit != nullptr},
-      {"C_FindObjects", list->C_FindObjects != nullptr},
-      {"C_FindObjectsFinal", list->C_FindObjectsFinal != nullptr},
-      {"C_GetAttributeValue", list->C_GetAttributeValue != nullptr},
-      {"C_Login", list->C_Login != nullptr},
-      {"C_SignInit", list->C_SignInit != nullptr},
-      {"C_Sign", list->C_Sign != nullptr},
-      {"C_DecryptInit", list->C_DecryptInit != nullptr},
-      {"C_Decrypt", list->C_Decrypt != nullptr},
-  };
-  for (const auto& [name, isThere] : entries) {
-    if (!isThere) missing.push_back(name);
-  }
+  addMissing(*list, CalledFunctions{}, missing);
   return missing;
 }
 

@@ -69,7 +69,7 @@ class Collector {
   [[nodiscard]] std::vector<Fault> all() && {
     for (std::size_t place = 0; place < record_.numCalls && place < kMostCalls; ++place) {
       const SeenCall& call = record_.calls[place];
-      const std::string function{kFunctionNames[call.function]};
+      const std::string function{kCryptokiFunctionNames[call.function]};
       const std::string where = "call " + std::to_string(place) + ", " + function;
       addCodes(place, function, where);
       for (std::size_t i = 0; i < call.numNumbers; ++i)

@@ -62,7 +62,7 @@ std::array<CK_ULONG, 2> limitsOf(CK_ATTRIBUTE_TYPE type) {
 /// Before the call: where its numbers will be. Functions that report none have nothing here.
 template <auto Function, typename... Args>
 AllReported reportedBy(Args... args) {
-  constexpr std::string_view kName = functionName<Function>();
+  constexpr std::string_view kName = kCryptokiNameOf<Function>;
   [[maybe_unused]] const std::tuple given{args...};
   AllReported all;
   if constexpr (kName == "C_GetSlotList") {
@@ -132,7 +132,7 @@ CK_RV withRawRsa(CK_RV rv, const CK_BYTE* data, CK_ULONG dataLen, CK_BYTE* out) 
 
 template <auto Function, typename Real, typename... Args>
 CK_RV honestAnswer(Real real, Args... args) {
-  constexpr std::string_view kName = functionName<Function>();
+  constexpr std::string_view kName = kCryptokiNameOf<Function>;
   [[maybe_unused]] const std::tuple given{args...};
   if constexpr (kName == "C_Sign") {
     const auto [session, data, dataLen, out, outLen] = given;
@@ -164,7 +164,7 @@ void endOperation(Real real, CK_SESSION_HANDLE session, CK_BYTE* data, CK_ULONG 
 
 template <auto Function, typename Real, typename... Args>
 CK_RV answer(Real real, Args... args) {
-  constexpr std::string_view kName = functionName<Function>();
+  constexpr std::string_view kName = kCryptokiNameOf<Function>;
   const std::size_t position = scriptedModule().calls().size() - 1;
   if (position >= kMostCalls) return honestAnswer<Function>(real, args...);
   theRecord->numCalls = position + 1;

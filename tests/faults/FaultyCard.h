@@ -25,7 +25,7 @@ struct SeenNumber {
 inline constexpr std::size_t kMostNumbers = 14;
 
 struct SeenCall {
-  std::size_t function = 0;  ///< its position in kFunctionNames
+  std::size_t function = 0;  ///< its position in kCryptokiFunctionNames
   std::size_t numNumbers = 0;
   std::array<SeenNumber, kMostNumbers> numbers{};
 };

@@ -86,7 +86,7 @@ std::string room(std::string& before, const char* name, const void* there, CK_UL
 /// The arguments in C, and what has to be declared before.
 template <auto Function, typename... Args>
 std::string arguments(std::string& before, Args... args) {
-  constexpr std::string_view kName = functionName<Function>();
+  constexpr std::string_view kName = mirel::kCryptokiNameOf<Function>;
   const std::tuple given{args...};
   if constexpr (kName == "C_Initialize") {
     if (!std::get<0>(given)) return "0";
@@ -146,14 +146,14 @@ struct Entry<Function, CK_RV (*)(Args...)> {
     std::string types;
     ((types += std::is_pointer_v<Args> ? ", P" : ", UL"), ...);
     (void)std::fprintf(calls, "{ %sCALL(%zu, %luUL%s)(%s)); }\n", before.c_str(),
-                       functionPosition(functionName<Function>()), rv, types.c_str(), given.c_str());
+                       functionPosition(mirel::kCryptokiNameOf<Function>), rv, types.c_str(), given.c_str());
     (void)std::fflush(calls);
     return rv;
   }
 };
 
 template <auto... Functions>
-void fill(FunctionPack<Functions...>) {
+void fill(mirel::FunctionPack<Functions...>) {
   ours.version = real->version;
   ((ours.*Functions = &Entry<Functions>::call), ...);
 }
@@ -169,6 +169,6 @@ extern "C" __attribute__((visibility("default"))) CK_RV C_GetFunctionList(CK_FUN
   if (!entry || entry(&real) != CKR_OK) return CKR_LIBRARY_LOAD_FAILED;
   calls = std::fopen(variable("MIREL_CALLS_FILE").c_str(), "w");
   if (!calls) return CKR_FUNCTION_FAILED;
-  fill(AllFunctions{});
+  fill(mirel::AllFunctions{});
   return CKR_OK;
 }

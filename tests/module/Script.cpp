@@ -16,9 +16,9 @@ namespace {
 }  // namespace
 
 std::size_t functionPosition(std::string_view name) {
-  const auto* const found = std::find(kFunctionNames.begin(), kFunctionNames.end(), name);
-  if (found == kFunctionNames.end()) endTheProcess("there is no such function", std::string{name});
-  return static_cast<std::size_t>(found - kFunctionNames.begin());
+  const auto* const found = std::find(kCryptokiFunctionNames.begin(), kCryptokiFunctionNames.end(), name);
+  if (found == kCryptokiFunctionNames.end()) endTheProcess("there is no such function", std::string{name});
+  return static_cast<std::size_t>(found - kCryptokiFunctionNames.begin());
 }
 
 Script::Script(const CK_FUNCTION_LIST& complete, CK_FUNCTION_LIST& live) : complete_{complete}, live_{live} {

@@ -213,7 +213,7 @@ class Script {
   ///   const CK_RV rv = real(slot, info); ...; return rv; });
   template <auto Function>
   void hook(Hook<Function> replacement) {
-    setHook(functionPosition(functionName<Function>()),
+    setHook(functionPosition(kCryptokiNameOf<Function>),
             std::make_shared<Hook<Function>>(std::move(replacement)));
   }
 
@@ -282,7 +282,7 @@ class Script {
   CK_OBJECT_HANDLE nextObject_ = kPublicKey;
   std::vector<Call> calls_;
   std::vector<Fault> faults_;
-  std::array<std::shared_ptr<void>, kNumFunctions> hooks_;
+  std::array<std::shared_ptr<void>, AllFunctions::kCount> hooks_;
   std::map<CK_ATTRIBUTE_TYPE, std::size_t> reads_;
 };
 

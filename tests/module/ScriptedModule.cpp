@@ -30,7 +30,7 @@ struct Entry<Function, CK_RV (*)(Args...)> {
     Script& script = theScript();
     if (!script.beginCall()) return CKR_CANT_LOCK;
     const std::size_t place =
-        script.record(functionName<Function>(), Behaviour<Function>::arguments(args...));
+        script.record(kCryptokiNameOf<Function>, Behaviour<Function>::arguments(args...));
     const CK_RV result = answer(script, args...);
     script.setResult(place, result);
     script.endCall();
@@ -39,15 +39,15 @@ struct Entry<Function, CK_RV (*)(Args...)> {
 
  private:
   static CK_RV answer(Script& script, Args... args) {
-    if (const auto code = script.dueFault(functionName<Function>())) {
+    if (const auto code = script.dueFault(kCryptokiNameOf<Function>)) {
       if constexpr (requires { Behaviour<Function>::afterFailure(args...); }) {
         Behaviour<Function>::afterFailure(args...);
       }
       return *code;
     }
-    if (script.deviations.silent.contains(std::string{functionName<Function>()})) return CKR_OK;
+    if (script.deviations.silent.contains(std::string{kCryptokiNameOf<Function>})) return CKR_OK;
     // Held here, because the hook may replace itself.
-    const std::shared_ptr<void> hook = script.hookAt(functionPosition(functionName<Function>()));
+    const std::shared_ptr<void> hook = script.hookAt(functionPosition(kCryptokiNameOf<Function>));
     if (hook) return (*static_cast<Hook<Function>*>(hook.get()))(&Behaviour<Function>::call, args...);
     return Behaviour<Function>::call(args...);
   }

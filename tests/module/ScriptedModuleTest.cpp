@@ -52,7 +52,7 @@ class ScriptedModuleTest : public ::testing::Test {
 };
 
 TEST_F(ScriptedModuleTest, HasAnEntryForEveryFunction) {
-  std::array<void*, kNumFunctions + 1> words{};
+  std::array<void*, AllFunctions::kCount + 1> words{};
   static_assert(sizeof words == sizeof *module);
   std::copy_n(reinterpret_cast<void* const*>(module), words.size(), words.begin());
   EXPECT_EQ(std::count(words.begin() + 1, words.end(), nullptr), 0);

@@ -2,9 +2,9 @@
 
 #include <algorithm>
 #include <array>
-#include <cstddef>
 #include <string_view>
 
+#include "bridge/CryptokiFunctions.h"
 #include "bridge/cryptoki.h"
 
 namespace mirel {
@@ -13,76 +13,10 @@ namespace mirel {
 /// show them to somebody.
 
 /// The functions, in the order of CK_FUNCTION_LIST.
-inline constexpr std::array<std::string_view, 68> kCryptokiFunctionNames{
-    "C_Initialize",
-    "C_Finalize",
-    "C_GetInfo",
-    "C_GetFunctionList",
-    "C_GetSlotList",
-    "C_GetSlotInfo",
-    "C_GetTokenInfo",
-    "C_GetMechanismList",
-    "C_GetMechanismInfo",
-    "C_InitToken",
-    "C_InitPIN",
-    "C_SetPIN",
-    "C_OpenSession",
-    "C_CloseSession",
-    "C_CloseAllSessions",
-    "C_GetSessionInfo",
-    "C_GetOperationState",
-    "C_SetOperationState",
-    "C_Login",
-    "C_Logout",
-    "C_CreateObject",
-    "C_CopyObject",
-    "C_DestroyObject",
-    "C_GetObjectSize",
-    "C_GetAttributeValue",
-    "C_SetAttributeValue",
-    "C_FindObjectsInit",
-    "C_FindObjects",
-    "C_FindObjectsFinal",
-    "C_EncryptInit",
-    "C_Encrypt",
-    "C_EncryptUpdate",
-    "C_EncryptFinal",
-    "C_DecryptInit",
-    "C_Decrypt",
-    "C_DecryptUpdate",
-    "C_DecryptFinal",
-    "C_DigestInit",
-    "C_Digest",
-    "C_DigestUpdate",
-    "C_DigestKey",
-    "C_DigestFinal",
-    "C_SignInit",
-    "C_Sign",
-    "C_SignUpdate",
-    "C_SignFinal",
-    "C_SignRecoverInit",
-    "C_SignRecover",
-    "C_VerifyInit",
-    "C_Verify",
-    "C_VerifyUpdate",
-    "C_VerifyFinal",
-    "C_VerifyRecoverInit",
-    "C_VerifyRecover",
-    "C_DigestEncryptUpdate",
-    "C_DecryptDigestUpdate",
-    "C_SignEncryptUpdate",
-    "C_DecryptVerifyUpdate",
-    "C_GenerateKey",
-    "C_GenerateKeyPair",
-    "C_WrapKey",
-    "C_UnwrapKey",
-    "C_DeriveKey",
-    "C_SeedRandom",
-    "C_GenerateRandom",
-    "C_GetFunctionStatus",
-    "C_CancelFunction",
-    "C_WaitForSlotEvent",
-};
+#define MIREL_NAME(name) #name,
+inline constexpr std::array<std::string_view, AllFunctions::kCount> kCryptokiFunctionNames{
+    MIREL_CRYPTOKI_FUNCTIONS(MIREL_NAME)};
+#undef MIREL_NAME
 
 [[nodiscard]] constexpr bool isCryptokiFunction(std::string_view name) noexcept {
   return std::find(kCryptokiFunctionNames.begin(), kCryptokiFunctionNames.end(), name) !=
@@ -103,10 +37,6 @@ class CryptokiFunction {
  private:
   std::string_view name_;
 };
-
-/// A function's name ("C_Login"), by the place of its entry: `offset` bytes into CK_FUNCTION_LIST. "?" where
-/// no function is.
-[[nodiscard]] const char* cryptokiFunctionName(std::size_t offset) noexcept;
 
 /// A result code's name ("CKR_DEVICE_ERROR"); empty when the standard has none for it.
 [[nodiscard]] std::string_view cryptokiResultName(CK_RV result) noexcept;

@@ -138,9 +138,6 @@ constexpr std::array kSlotFlagNames{
     Name{CKF_HW_SLOT, "HW_SLOT"},
 };
 
-constexpr std::size_t kFirstEntry = offsetof(CK_FUNCTION_LIST, C_Initialize);
-static_assert(kFirstEntry + kCryptokiFunctionNames.size() * sizeof(void*) == sizeof(CK_FUNCTION_LIST));
-
 std::string_view nameIn(std::span<const Name> names, CK_ULONG value) noexcept {
   const auto name =
       std::find_if(names.begin(), names.end(), [&](const Name& row) { return row.value == value; });
@@ -154,10 +151,5 @@ std::string_view cryptokiResultName(CK_RV result) noexcept { return nameIn(kResu
 std::string_view tokenFlagName(CK_FLAGS flag) noexcept { return nameIn(kTokenFlagNames, flag); }
 
 std::string_view slotFlagName(CK_FLAGS flag) noexcept { return nameIn(kSlotFlagNames, flag); }
-
-const char* cryptokiFunctionName(std::size_t offset) noexcept {
-  const std::size_t index = (offset - kFirstEntry) / sizeof(void*);
-  return index < kCryptokiFunctionNames.size() ? kCryptokiFunctionNames[index].data() : "?";
-}
 
 }  // namespace mirel
