@@ -15,12 +15,11 @@
 #include <utility>
 
 #include "Files.h"
-#include "Json.h"
 #include "Output.h"
+#include "RecorderPage.h"
 #include "ReplacedList.h"
 #include "Version.h"
-#include "Worker.h"
-#include "host/Home.h"
+#include "WorkerPage.h"
 #include "platform/Log.h"
 #include "platform/PlatformServices.h"
 #include "platform/UserDirectory.h"
@@ -28,7 +27,6 @@
 #include "recording/CallText.h"
 #include "recording/Recorder.h"
 #include "recording/RecordingFile.h"
-#include "recording/Replayer.h"
 
 namespace mirel::cli {
 namespace {
@@ -36,11 +34,11 @@ namespace {
 using recording::ReadRecording;
 using recording::Record;
 using recording::RecordedCall;
+using recording::RecordedEnd;
 using recording::RecordedModule;
 using recording::Recording;
 
 constexpr mode_t kOwnerOnly = 0600;
-constexpr const char* kNoHome = "/nonexistent";
 
 Failure fileFailure(const std::string& name, const char* what, int error) {
   return {FailureKind::kFileFailure, printableLine(name) + " cannot be " + what, std::strerror(error),
@@ -76,22 +74,6 @@ RecordedModule recordedOf(const std::optional<ModuleFacts>& facts) {
   if (!facts) return {};
   const auto otherTarget = facts->otherTarget ? std::optional{facts->otherTarget->why} : std::nullopt;
   return {facts->name, facts->path, facts->error, facts->noFile, facts->exposure, facts->target, otherTarget};
-}
-
-/// `place`: where the card layer looks for the module in this run.
-std::optional<ModuleFacts> factsOf(const RecordedModule& module, std::string place) {
-  if (module.name.empty()) return std::nullopt;
-  ModuleFacts facts{std::move(place), module.name,     module.path,   module.error,
-                    module.noFile,    module.exposure, module.target, std::nullopt};
-  if (module.otherTarget) {
-    facts.otherTarget = Failure{FailureKind::kModuleNotLoadable, "the module is for another system",
-                                *module.otherTarget, "get the module for this system from its maker"};
-  }
-  return facts;
-}
-
-bool has(const std::vector<std::string>& words, std::string_view word) {
-  return std::find(words.begin(), words.end(), word) != words.end();
 }
 
 std::vector<std::string> namesOfUser() {
@@ -149,10 +131,17 @@ int openNameless(const std::string& beside) {
 /// Gets lines, for as long as they can be written.
 class RunRecorder::LineFile final : public recording::RecordSink {
  public:
-  LineFile(int descriptor, std::string name) : descriptor_{descriptor}, name_{std::move(name)} {}
+  /// `page`: may be null; told while a line is being written.
+  LineFile(int descriptor, std::string name, std::shared_ptr<RecorderPage> page)
+      : descriptor_{descriptor}, name_{std::move(name)}, page_{std::move(page)} {}
   ~LineFile() override { (void)close(descriptor_); }
 
-  void note(const Record& record) noexcept override { write(lineOf(record)); }
+  void note(const Record& record) noexcept override {
+    const std::string line = lineOf(record);
+    if (page_) page_->setWriting(true);
+    write(line);
+    if (page_) page_->setWriting(false);
+  }
 
   void write(std::string_view line) noexcept {
     while (!line.empty() && error_ == 0) {
@@ -166,6 +155,8 @@ class RunRecorder::LineFile final : public recording::RecordSink {
     if (error_ != 0) return fileFailure(name_, "written", error_);
     return {};
   }
+
+  [[nodiscard]] const std::string& name() const noexcept { return name_; }
 
   [[nodiscard]] std::string content() const {
     std::string text;
@@ -182,6 +173,7 @@ class RunRecorder::LineFile final : public recording::RecordSink {
  private:
   int descriptor_;
   std::string name_;
+  std::shared_ptr<RecorderPage> page_;
   int error_ = 0;
 };
 
@@ -203,12 +195,13 @@ RunRecorder::~RunRecorder() = default;
 
 Result<std::unique_ptr<RunRecorder>> RunRecorder::open(const Options& options) {
   std::unique_ptr<RunRecorder> recorder{new RunRecorder{options}};
+  if (options.trace || options.recordTo) recorder->page_ = std::make_shared<RecorderPage>();
   const std::string header = lineOf(headerOf(options));
   if (options.trace) {
     const int descriptor = ::open(options.trace->c_str(),
                                   O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC | O_NOCTTY, kOwnerOnly);
     if (descriptor < 0) return fileFailure(*options.trace, "written", errno);
-    recorder->trace_ = std::make_shared<LineFile>(descriptor, *options.trace);
+    recorder->trace_ = std::make_shared<LineFile>(descriptor, *options.trace, recorder->page_);
     struct stat status {};
     // A file that was there may have been for others, too.
     if (fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode) && fchmod(descriptor, kOwnerOnly) != 0)
@@ -219,7 +212,7 @@ Result<std::unique_ptr<RunRecorder>> RunRecorder::open(const Options& options) {
     if (const auto writable = checkWriting(options.recordTo); !writable) return writable.failure();
     const int descriptor = openNameless(*options.recordTo);
     if (descriptor < 0) return fileFailure(*options.recordTo, "written", errno);
-    recorder->recording_ = std::make_shared<LineFile>(descriptor, *options.recordTo);
+    recorder->recording_ = std::make_shared<LineFile>(descriptor, *options.recordTo, nullptr);
     recorder->recording_->write(header);
   }
   return recorder;
@@ -229,6 +222,7 @@ void RunRecorder::record(PlatformServices& services, ModuleChoice& choice) {
   std::vector<std::shared_ptr<recording::RecordSink>> sinks;
   if (trace_) sinks.push_back(trace_);
   if (recording_) sinks.push_back(recording_);
+  if (page_) sinks.push_back(page_);
   if (options_.verbose > 1) sinks.push_back(std::make_shared<CallLines>());
   if (sinks.empty()) return;
   choice.onFacts = [note = recording::recordInto(std::move(sinks), services),
@@ -247,6 +241,34 @@ Result<void> RunRecorder::checkWritten() const {
   return {};
 }
 
+void RunRecorder::workerEnded(const WorkerEnd& end) {
+  if (!page_) return;
+  noteEnd(end);
+  if (end.how.kind != recording::BadEnd::Kind::kInterrupted) return;
+  if (const auto stored = store(); !stored) {
+    (void)report(stored.failure());
+    return;
+  }
+  std::string names;
+  for (const auto& file : {trace_, recording_}) {
+    if (file) names += (names.empty() ? "" : " and ") + file->name();
+  }
+  writeMessage("mireltoken: interrupted by " + end.how.signal + "; what was recorded until then is in " +
+               names);
+}
+
+void RunRecorder::noteEnd(const WorkerEnd& end) {
+  end_ = RecordedEnd{end.how, end.call == kLoading, std::nullopt};
+  if (!end.call.empty() && !end_->whileLoading) {
+    end_->call = page_->lastCallOf(end.call);
+    if (!end_->call) end_->call = RecordedCall{.function = end.call};
+  }
+  // Behind a half of a line nothing could be read.
+  if (!trace_ || page_->isWriting()) return;
+  trace_->note(*end_);
+  if (const auto written = trace_->checkWritten(); !written) (void)report(written.failure());
+}
+
 Result<void> RunRecorder::store() const {
   if (!recording_) return {};
   // The worker may have been overrun by a module that writes anywhere.
@@ -256,44 +278,10 @@ Result<void> RunRecorder::store() const {
                    "what was recorded is damaged: " + printableLine(read.refusal),
                    "run with --trace, which keeps what there is"};
   }
+  if (end_) read.recording->records.emplace_back(*end_);
   const std::string text = textOf(forStorage(std::move(*read.recording), options_));
   return writeFile(options_.recordTo, {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()},
                    kOwnerOnly);
-}
-
-Result<void> replay(Options& ioOptions, PlatformServices& services, ModuleChoice& choice) {
-  auto loaded = loadRecording(*ioOptions.replay);
-  if (!loaded) return loaded.failure();
-  Recording& recorded = loaded->recording;
-  const std::vector<std::string> words = recorded.header.command;
-  const auto first = std::find_if(recorded.records.begin(), recorded.records.end(), [](const Record& record) {
-    return std::holds_alternative<RecordedModule>(record);
-  });
-  const std::string name = first == recorded.records.end() ? "" : std::get<RecordedModule>(*first).name;
-
-  ioOptions.trustModule = has(words, "--trust-module");
-  if (has(words, "--module") && !name.empty()) {
-    ioOptions.modulePath = name;
-  } else if (const std::string tail = moduleInHome(""); name.ends_with(tail)) {
-    services.user = userWithHome(services.user, name.substr(0, name.size() - tail.size()));
-  }
-  if (services.user->homeOf(services.user->loginName()).empty())
-    services.user = userWithHome(services.user, kNoHome);
-
-  const bool json = ioOptions.json;
-  const auto onMissing = [json, words](const std::string& what) {
-    const Failure failure{
-        FailureKind::kNotRecorded, "the recording does not go on like this",
-        printableLine(what) + "; it was made with: " + printableLine(joinedWith(" ", words)),
-        "give the command and the options that were recorded"};
-    endWorker(report(failure, json));
-  };
-  const auto module = recording::replayInto(std::move(recorded), onMissing, services);
-  choice.onFacts = [module](const std::optional<ModuleFacts>& found) -> std::optional<ModuleFacts> {
-    const auto next = module();
-    return next ? factsOf(*next, found ? found->place : moduleInHome(kNoHome)) : std::nullopt;
-  };
-  return {};
 }
 
 }  // namespace mirel::cli

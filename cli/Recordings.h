@@ -1,12 +1,15 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "ExitCode.h"
 #include "Options.h"
+#include "RecorderPage.h"
+#include "Worker.h"
 #include "host/ModuleFile.h"
 #include "host/Result.h"
 #include "recording/RecordedCall.h"
@@ -42,6 +45,9 @@ class RunRecorder {
 
   // For the process that watches, after the worker's end.
 
+  /// Notes the bad end to which the worker came, with the call that did not return. Where that was a signal
+  /// of the user's, by which this process ends, too: puts the recording in its place, and tells the user.
+  void workerEnded(const WorkerEnd& end);
   /// Puts the recording in its place; a trace is there already.
   [[nodiscard]] Result<void> store() const;
 
@@ -49,14 +55,18 @@ class RunRecorder {
   class LineFile;
 
   explicit RunRecorder(const Options& options);
+  void noteEnd(const WorkerEnd& end);
 
   const Options& options_;
+  std::shared_ptr<RecorderPage> page_;
+  std::optional<recording::RecordedEnd> end_;
   std::shared_ptr<LineFile> trace_;
   std::shared_ptr<LineFile> recording_;
 };
 
 /// Puts the recording that the options name in place of the module and of what else it holds. A call that it
-/// does not have ends the process, with a failure that names it. `ioOptions` gets what the recorded run was
+/// does not have ends the process, with a failure that names it; the one that did not return ends it so that
+/// the user is told what was told when it was recorded. `ioOptions` gets what the recorded run was
 /// told of the module.
 [[nodiscard]] Result<void> replay(Options& ioOptions, PlatformServices& services, ModuleChoice& choice);
 

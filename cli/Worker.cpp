@@ -61,7 +61,7 @@ class Leash {
 }  // namespace
 
 Result<ExitCode> runInWorker(const std::function<ExitCode()>& work, const Watch& watch,
-                             const Salvage& salvage) {
+                             const Salvage& salvage, const WhenEnded& whenEnded) {
   const auto noProcess = [] {
     return Failure{FailureKind::kInternal, "no process can be started", std::strerror(errno),
                    "close other programs, then run again"};
@@ -74,7 +74,7 @@ Result<ExitCode> runInWorker(const std::function<ExitCode()>& work, const Watch&
   if (worker < 0) return noProcess();
   if (worker > 0) {
     leash.hold();
-    return WorkerWatcher{worker, watch, signals, salvage, page}.watch();
+    return WorkerWatcher{worker, watch, signals, salvage, whenEnded, page}.watch();
   }
 
   signals.letGo();
@@ -87,6 +87,11 @@ Result<ExitCode> runInWorker(const std::function<ExitCode()>& work, const Watch&
 void endWorker(ExitCode code) noexcept {
   if (WorkerPage* page = workerPage()) page->code = static_cast<int>(code);
   std::_Exit(static_cast<int>(code));
+}
+
+void endWorkerAs(const recording::BadEnd& end) noexcept {
+  if (WorkerPage* page = workerPage()) page->noteReplayedEnd(end);
+  std::_Exit(static_cast<int>(ExitCode::kInternal));
 }
 
 }  // namespace mirel::cli

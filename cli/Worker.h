@@ -11,6 +11,7 @@
 #include "host/Result.h"
 #include "platform/CryptokiObserver.h"
 #include "platform/DynamicLoader.h"
+#include "recording/RecordedCall.h"
 
 struct termios;
 
@@ -33,7 +34,15 @@ struct Watch {
   std::chrono::milliseconds timeForEnd{5000};
 };
 
+/// How a worker came to an end that is not that of its work.
+struct WorkerEnd {
+  recording::BadEnd how;
+  std::string call{};       ///< that was under way, or kLoading of WorkerPage.h; empty: none
+  bool isReplayed = false;  ///< it is that of another process, see `endWorkerAs`
+};
+
 /// See `runInWorker`.
+using WhenEnded = std::function<void(const WorkerEnd& end)>;
 using Salvage = std::function<Failure(Failure failure, std::string_view noted)>;
 
 /// Runs `work` in a worker, and returns its exit code. Where the worker came to another end, it tells the
@@ -42,13 +51,17 @@ using Salvage = std::function<Failure(Failure failure, std::string_view noted)>;
 /// `salvage`: may be empty; where the module brought the worker to a bad end, gets that failure and the text
 /// that the worker has noted last (see `noteResult`), which a module may have changed, and returns what is
 /// told.
+/// `whenEnded`: may be empty; told of a bad end, in this process, before that has any other consequence.
 [[nodiscard]] Result<ExitCode> runInWorker(const std::function<ExitCode()>& work, const Watch& watch,
-                                           const Salvage& salvage = {});
+                                           const Salvage& salvage = {}, const WhenEnded& whenEnded = {});
 
 // For the worker; elsewhere they note nothing.
 
 /// Ends the process with that code, in the middle of what it does, as its own decision.
 [[noreturn]] void endWorker(ExitCode code) noexcept;
+
+/// Ends the process, and lets the user be told of it as of one that came to this end in the same call.
+[[noreturn]] void endWorkerAs(const recording::BadEnd& end) noexcept;
 
 /// Notes which call of the module is under way.
 [[nodiscard]] std::shared_ptr<CryptokiObserver> notingObserver();

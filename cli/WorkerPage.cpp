@@ -4,14 +4,16 @@
 
 #include <algorithm>
 #include <cctype>
-#include <cstring>
 #include <new>
+#include <string_view>
 #include <utility>
 
 #include "Worker.h"
 
 namespace mirel::cli {
 namespace {
+
+using recording::BadEnd;
 
 constexpr const char* kNothing = nullptr;  // of the calls
 
@@ -28,17 +30,32 @@ struct Results {
 
 Results* results = nullptr;
 
-/// Memory that this process and its children have together, of zeros; null: there is none.
-void* sharedMemory(std::size_t size) {
-  void* memory = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-  return memory == MAP_FAILED ? nullptr : memory;
+/// As much of the name as there is room for.
+template <std::size_t room>
+void put(std::string_view name, std::array<std::atomic<char>, room>& out) noexcept {
+  const std::size_t length = std::min(name.size(), room - 1);
+  for (std::size_t i = 0; i < length; ++i) out[i] = name[i];
+  out[length] = '\0';
 }
+
+/// Empty where it has no end or another character than `isPart` allows.
+template <std::size_t room, typename IsPart>
+std::string nameIn(const std::array<std::atomic<char>, room>& places, const IsPart& isPart) {
+  std::string name;
+  for (const std::atomic<char>& place : places) {
+    const char letter = place;
+    if (letter == '\0') return name;
+    if (!isPart(letter)) break;
+    name += letter;
+  }
+  return {};
+}
+
+bool isLetterOrDigit(char letter) { return std::isalnum(static_cast<unsigned char>(letter)) != 0; }
 
 void noteCall(const char* name) noexcept {
   if (!page) return;
-  const std::size_t length = name ? std::min(std::strlen(name), WorkerPage::kLongestCallName - 1) : 0;
-  for (std::size_t i = 0; i < length; ++i) page->call[i] = name[i];
-  page->call[length] = '\0';
+  put(name ? name : "", page->call);
   ++page->calls;
 }
 
@@ -70,14 +87,26 @@ class LoaderNotes final : public DynamicLoader {
 }  // namespace
 
 std::string WorkerPage::callUnderWay() const {
-  std::string name;
-  for (const std::atomic<char>& place : call) {
-    const char letter = place;
-    if (letter == '\0') return name;
-    if (std::isalnum(static_cast<unsigned char>(letter)) == 0 && letter != '_') break;
-    name += letter;
-  }
-  return {};
+  return nameIn(call, [](char letter) { return isLetterOrDigit(letter) || letter == '_'; });
+}
+
+void WorkerPage::noteReplayedEnd(const BadEnd& end) noexcept {
+  put(end.signal, endSignal);
+  endSeconds = end.seconds;
+  endKind = static_cast<int>(end.kind);
+}
+
+std::optional<BadEnd> WorkerPage::replayedEnd() const {
+  const auto kind = static_cast<BadEnd::Kind>(endKind.load());
+  if (kind != BadEnd::Kind::kCrashed && kind != BadEnd::Kind::kExited && kind != BadEnd::Kind::kHung)
+    return std::nullopt;
+  return BadEnd{kind, nameIn(endSignal, [](char letter) { return isLetterOrDigit(letter) || letter == ' '; }),
+                endSeconds};
+}
+
+void* sharedMemory(std::size_t size) noexcept {
+  void* memory = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  return memory == MAP_FAILED ? nullptr : memory;
 }
 
 bool makeWorkerPage(bool withResults) {

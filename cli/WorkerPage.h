@@ -7,7 +7,10 @@
 #include <climits>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
+
+#include "recording/RecordedCall.h"
 
 namespace mirel::cli {
 
@@ -19,7 +22,9 @@ inline constexpr const char* kLoading = "dlopen";
 /// The page that both processes have. The worker writes it, and so can a module that has lost its way.
 struct WorkerPage {
   static constexpr std::size_t kLongestCallName = 32;
+  static constexpr std::size_t kLongestSignalName = 16;
   static constexpr int kStillAtWork = -1;
+  static constexpr int kNoEnd = -1;
 
   // A call that is under way, and its number: two calls of one function are not one long call.
   std::atomic<std::uint64_t> calls{0};
@@ -29,10 +34,22 @@ struct WorkerPage {
   termios terminal{};
   std::atomic<bool> fileIsThere{false};
   std::array<char, PATH_MAX> file{};
+  // The end of another process, where a recording of that is replayed.
+  std::atomic<int> endKind{kNoEnd};
+  std::array<std::atomic<char>, kLongestSignalName> endSignal{};
+  std::atomic<std::uint64_t> endSeconds{0};
 
   /// The call that the worker is in; empty: none. Only names have letters, digits and "_".
   [[nodiscard]] std::string callUnderWay() const;
+
+  void noteReplayedEnd(const recording::BadEnd& end) noexcept;
+  /// Nothing: none was noted, or it makes no sense.
+  [[nodiscard]] std::optional<recording::BadEnd> replayedEnd() const;
 };
+
+/// Memory that this process and its children have together, of zeros; null: there is none. It stays until
+/// the process ends.
+[[nodiscard]] void* sharedMemory(std::size_t size) noexcept;
 
 /// Makes the page; `withResults`: and room for what the work comes to. To be called before the worker is
 /// started. False where there is no memory for the page; without the room nothing is noted there.

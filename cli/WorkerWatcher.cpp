@@ -17,6 +17,7 @@
 namespace mirel::cli {
 namespace {
 
+using recording::BadEnd;
 using std::chrono::milliseconds;
 
 constexpr milliseconds kStep{200};
@@ -47,6 +48,12 @@ std::string nameOfSignal(int signal) {
     case SIGTRAP: return "SIGTRAP";
     case SIGSYS: return "SIGSYS";
     case SIGKILL: return "SIGKILL";
+    case SIGHUP: return "SIGHUP";
+    case SIGINT: return "SIGINT";
+    case SIGQUIT: return "SIGQUIT";
+    case SIGTERM: return "SIGTERM";
+    case SIGALRM: return "SIGALRM";
+    case SIGXCPU: return "SIGXCPU";
     default: return "signal " + std::to_string(signal);
   }
 }
@@ -63,15 +70,15 @@ constexpr Advice kTellMaker =
 
 constexpr const char* kItsError = "that is an error in the card's software";
 
-Failure crash(int signal, const std::string& call) {
+Failure crash(const std::string& signal, const std::string& call) {
   if (call.empty()) {
     return {
-        FailureKind::kModuleCrashed, "the program was ended by " + nameOfSignal(signal),
+        FailureKind::kModuleCrashed, "the program was ended by " + signal,
         "no call of the module was under way; a thread of the module can be the cause, or too little memory",
         "run again, and report it if it happens again"};
   }
-  return {FailureKind::kModuleCrashed,
-          "the module crashed" + placeOf(call) + " (" + nameOfSignal(signal) + ")", kItsError, kTellMaker};
+  return {FailureKind::kModuleCrashed, "the module crashed" + placeOf(call) + " (" + signal + ")", kItsError,
+          kTellMaker};
 }
 
 Failure exitOfModule(const std::string& call) {
@@ -79,12 +86,20 @@ Failure exitOfModule(const std::string& call) {
           kItsError, kTellMaker};
 }
 
-Failure hang(const std::string& call, std::chrono::seconds waited) {
+Failure hang(const std::string& call, std::uint64_t seconds) {
   const std::string what =
       call == kLoading ? "the module has not been loaded" : "the module has not returned from " + call;
-  return {FailureKind::kModuleHangs, what + " for " + std::to_string(waited.count()) + " s",
+  return {FailureKind::kModuleHangs, what + " for " + std::to_string(seconds) + " s",
           "the card, its reader or the service behind it does not answer",
           "take the card out and put it back, then run again; --timeout sets how long to wait"};
+}
+
+Failure failureOf(const WorkerEnd& end) {
+  Failure failure = end.how.kind == BadEnd::Kind::kHung     ? hang(end.call, end.how.seconds)
+                    : end.how.kind == BadEnd::Kind::kExited ? exitOfModule(end.call)
+                                                            : crash(end.how.signal, end.call);
+  if (end.isReplayed) failure.what += ", as recorded";
+  return failure;
 }
 
 }  // namespace
@@ -146,11 +161,23 @@ Result<ExitCode> WorkerWatcher::outcome(int status) const {
   if (code != WorkerPage::kStillAtWork && kChecksAtExit && WIFEXITED(status))
     return static_cast<ExitCode>(WEXITSTATUS(status));
   tidyUp();
-  if (hungIn_) return salvaged(hang(*hungIn_, *watch_.timeout));
-  if (ending_ != 0) signals_.die(ending_);
-  if (WIFSIGNALED(status) && isUsers(WTERMSIG(status))) signals_.die(WTERMSIG(status));
-  if (WIFSIGNALED(status)) return salvaged(crash(WTERMSIG(status), page_.callUnderWay()));
-  return salvaged(exitOfModule(page_.callUnderWay()));
+  const WorkerEnd end = endOf(status);
+  if (whenEnded_) whenEnded_(end);
+  if (end.how.kind == BadEnd::Kind::kInterrupted) signals_.die(ending_ != 0 ? ending_ : WTERMSIG(status));
+  return salvaged(failureOf(end));
+}
+
+WorkerEnd WorkerWatcher::endOf(int status) const {
+  using Kind = BadEnd::Kind;
+  if (hungIn_) return {{Kind::kHung, {}, static_cast<std::uint64_t>(watch_.timeout->count())}, *hungIn_};
+  const std::string call = page_.callUnderWay();
+  if (ending_ != 0) return {{Kind::kInterrupted, nameOfSignal(ending_)}, call};
+  if (WIFSIGNALED(status)) {
+    const int signal = WTERMSIG(status);
+    return {{isUsers(signal) ? Kind::kInterrupted : Kind::kCrashed, nameOfSignal(signal)}, call};
+  }
+  if (const auto replayed = page_.replayedEnd()) return {*replayed, call, true};
+  return {{Kind::kExited}, call};
 }
 
 Failure WorkerWatcher::salvaged(Failure failure) const {

@@ -16,10 +16,15 @@ namespace mirel::cli {
 /// Watches a worker until it ends.
 class WorkerWatcher {
  public:
-  /// `watch`, `signals`, `salvage`, `page`: live longer than this.
+  /// All but `worker` live longer than this.
   WorkerWatcher(pid_t worker, const Watch& watch, WorkerSignals& signals, const Salvage& salvage,
-                WorkerPage& page)
-      : worker_{worker}, watch_{watch}, signals_{signals}, salvage_{salvage}, page_{page} {}
+                const WhenEnded& whenEnded, WorkerPage& page)
+      : worker_{worker},
+        watch_{watch},
+        signals_{signals},
+        salvage_{salvage},
+        whenEnded_{whenEnded},
+        page_{page} {}
 
   /// Returns when the worker has ended: its code, or why it came to another end. Where it came to no good
   /// one, the terminal is put right, and a file that is not whole is taken away.
@@ -30,6 +35,7 @@ class WorkerWatcher {
   [[nodiscard]] bool look(std::chrono::milliseconds passed);
   void end() const;
   [[nodiscard]] Result<ExitCode> outcome(int status) const;
+  [[nodiscard]] WorkerEnd endOf(int status) const;
   [[nodiscard]] Failure salvaged(Failure failure) const;
   void tidyUp() const;
 
@@ -37,6 +43,7 @@ class WorkerWatcher {
   const Watch& watch_;
   WorkerSignals& signals_;
   const Salvage& salvage_;
+  const WhenEnded& whenEnded_;
   WorkerPage& page_;
   std::uint64_t calls_ = 0;
   std::chrono::milliseconds inCall_{0};

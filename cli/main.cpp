@@ -126,7 +126,8 @@ Result<ExitCode> run(Options& options) {
       return options.command->salvage(options, std::move(failure), noted);
     };
   }
-  auto ended = runInWorker(work, watch, salvage);
+  const auto whenEnded = [&](const WorkerEnd& end) { (*recorder)->workerEnded(end); };
+  auto ended = runInWorker(work, watch, salvage, whenEnded);
   const auto stored = guarded([&] { return (*recorder)->store(); });
   if (stored) return ended;
   if (!ended) (void)report(ended.failure(), options.json);

@@ -15,6 +15,7 @@ namespace mirel::cli {
 namespace {
 
 using recording::RecordedCall;
+using recording::RecordedEnd;
 
 constexpr const char* kFile = "FILE";
 constexpr const char* kFailed = "--failed";
@@ -47,7 +48,13 @@ std::string countOf(std::size_t number, const char* what) {
   return std::to_string(number) + " " + what + (number == 1 ? "" : "s");
 }
 
-std::string summaryOf(const NumberedCalls& calls, bool isCutOff) {
+/// The bad end of the run; null: it had none.
+const RecordedEnd* endOf(const recording::Recording& recorded) {
+  return recorded.records.empty() ? nullptr : std::get_if<RecordedEnd>(&recorded.records.back());
+}
+
+std::string summaryOf(const NumberedCalls& calls, const LoadedRecording& loaded) {
+  const RecordedEnd* end = endOf(loaded.recording);
   const auto failed = static_cast<std::size_t>(std::count_if(
       calls.begin(), calls.end(), [](const auto& call) { return recording::isFailure(*call.second); }));
   const std::uint64_t time =
@@ -55,7 +62,8 @@ std::string summaryOf(const NumberedCalls& calls, bool isCutOff) {
                       [](std::uint64_t sum, const auto& call) { return sum + call.second->microseconds; });
   return "\n" + countOf(calls.size(), "call") + " that took " + millisecondsText(time) + " ms; " +
          std::to_string(failed) + " failed.\n" +
-         (isCutOff ? "The last record is not whole: the program was ended while it wrote it.\n" : "");
+         (end ? printableLine(recording::endText(*end)) + ".\n" : "") +
+         (loaded.isCutOff ? "The last record is not whole: the program was ended while it wrote it.\n" : "");
 }
 
 std::string tableOf(const NumberedCalls& calls) {
@@ -68,7 +76,15 @@ std::string tableOf(const NumberedCalls& calls) {
   return calls.empty() ? std::string{"There is no such call.\n"} : table(rows, outputIsColoured());
 }
 
-std::string jsonText(const NumberedCalls& calls, bool isCutOff) {
+Json jsonOf(const RecordedEnd* end) {
+  if (!end) return nullptr;
+  const bool hasCall = end->call.has_value();
+  return {{"text", printableLine(recording::endText(*end))},
+          {"function", hasCall ? Json(printableLine(end->call->function)) : Json(nullptr)},
+          {"about", hasCall ? printableLine(recording::subjectText(*end->call)) : ""}};
+}
+
+std::string jsonText(const NumberedCalls& calls, const LoadedRecording& loaded) {
   Json list = Json::array();
   for (const auto& [number, call] : calls) {
     list.push_back({{"number", number},
@@ -78,7 +94,8 @@ std::string jsonText(const NumberedCalls& calls, bool isCutOff) {
                     {"result", recording::resultText(call->result)},
                     {"milliseconds", static_cast<double>(call->microseconds) / 1000}});
   }
-  return jsonLines("trace", Json{{"calls", list}, {"cutOff", isCutOff}});
+  return jsonLines(
+      "trace", Json{{"calls", list}, {"end", jsonOf(endOf(loaded.recording))}, {"cutOff", loaded.isCutOff}});
 }
 
 Result<void> run(Session& session) {
@@ -96,8 +113,8 @@ Result<void> run(Session& session) {
       return a.second->microseconds > b.second->microseconds;
     });
   }
-  if (options.json) return writeOutput(jsonText(calls, loaded->isCutOff));
-  return writeOutput(tableOf(calls) + summaryOf(all, loaded->isCutOff));
+  if (options.json) return writeOutput(jsonText(calls, *loaded));
+  return writeOutput(tableOf(calls) + summaryOf(all, *loaded));
 }
 
 constexpr CommandOption kOptions[] = {

@@ -53,6 +53,10 @@ TEST_F(JsonOutput, OfEachCommandFollowsItsSchema) {
   (void)runWithPin("doctor --login --trace " + trace);
   expectOutputOf("trace", mireltoken("trace show --json " + trace));
   files_.push_back(trace);
+  const std::string cutShort = path("cut-short");
+  (void)run(stagedWithPin("login --trace " + cutShort, {{"EXIT", "C_Login"}}));
+  expectOutputOf("trace", mireltoken("trace show --json " + cutShort));
+  files_.push_back(cutShort);
   expectOutputOf("login", runWithPin("login --json"));
   for (const std::string& more : {std::string{" --json"}, out}) {
     expectOutputOf("certificate", mireltoken("certificate --key 01" + more));

@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <stdexcept>
+#include <tuple>
 
 #include "support/TemporaryFolder.h"
 
@@ -108,6 +109,26 @@ TEST(Worker, ThatIsEndedByTheModuleNamesTheCall) {
       _exit(0);
     });
     EXPECT_EQ(seen.code, ExitCode::kModuleEndedProgram);
+    EXPECT_THAT(seen.err, HasSubstr(words));
+  }
+}
+
+TEST(Worker, ThatReplaysABadEndTellsItAsRecorded) {
+  using recording::BadEnd;
+  const std::tuple<BadEnd, ExitCode, std::string> rows[] = {
+      {{BadEnd::Kind::kCrashed, "SIGSEGV"},
+       ExitCode::kModuleCrashed,
+       "the module crashed in C_Sign (SIGSEGV), as recorded: "},
+      {{BadEnd::Kind::kExited}, ExitCode::kModuleEndedProgram, "called exit in C_Sign, as recorded: "},
+      {{BadEnd::Kind::kHung, "", 7},
+       ExitCode::kModuleHangs,
+       "the module has not returned from C_Sign for 7 s, as recorded: "}};
+  for (const auto& [end, code, words] : rows) {
+    const Seen seen = seenOf([&end = end] {
+      call("C_Sign");
+      endWorkerAs(end);
+    });
+    EXPECT_EQ(seen.code, code);
     EXPECT_THAT(seen.err, HasSubstr(words));
   }
 }

@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "bridge/P11Bridge.h"
@@ -16,6 +17,10 @@ class KeptRecords final : public recording::RecordSink {
  public:
   void note(const recording::Record& record) noexcept override { records.push_back(record); }
 
+  void callStarts(const recording::RecordedCall& call) noexcept override {
+    started.emplace_back(calls().size(), call);
+  }
+
   [[nodiscard]] std::vector<recording::RecordedCall> calls() const {
     std::vector<recording::RecordedCall> calls;
     for (const auto& record : records) {
@@ -25,6 +30,7 @@ class KeptRecords final : public recording::RecordSink {
   }
 
   std::vector<recording::Record> records;
+  std::vector<std::pair<std::size_t, recording::RecordedCall>> started;  // after how many had come back
 };
 
 /// The scripted module behind a recorder.

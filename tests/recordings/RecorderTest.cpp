@@ -97,6 +97,19 @@ TEST_F(RecorderTest, NotesEachCallWithItsRoad) {
                                  "host C_GetSlotList CKR_OK", "host C_GetSlotList CKR_OK"));
 }
 
+TEST_F(RecorderTest, TellsOfEachCallBeforeItIsMade) {
+  (void)useEverything(*bridge);
+  leavesOpen(script.openSessions());
+  std::vector<RecordedCall> calls = kept->calls();
+  ASSERT_EQ(kept->started.size(), calls.size());
+  for (std::size_t i = 0; i < calls.size(); ++i) {
+    SCOPED_TRACE(calls[i].function);
+    calls[i].out.clear();
+    calls[i].result = calls[i].microseconds = 0;
+    EXPECT_EQ(kept->started[i], (std::pair{i, calls[i]}));
+  }
+}
+
 TEST_F(RecorderTest, LeavesTheListAsTheModuleHasIt) {
   script.removeEntry("C_Sign");
   ASSERT_TRUE(bridge->pkcs11_Load(Text{}));

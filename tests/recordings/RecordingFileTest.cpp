@@ -40,7 +40,11 @@ Recording everyKind() {
                  RecordedSalt{{1, 2}},
                  RecordedTime{RecordedTime::Clock::kDate, 1700000001},
                  RecordedTime{RecordedTime::Clock::kSteady, 5},
-                 RecordedView{{CardServiceView::State::kSilent, "why", {}}}};
+                 RecordedView{{CardServiceView::State::kSilent, "why", {}}},
+                 RecordedEnd{{BadEnd::Kind::kHung, "", 30}, false, call}};
+  auto& last = *std::get<RecordedEnd>(all.records.back()).call;
+  last.out.clear();
+  last.result = last.microseconds = 0;
   return all;
 }
 
@@ -52,6 +56,8 @@ TEST(RecordingFile, ReadsWhatItWrote) {
   EXPECT_EQ(read.recording->header.replaced, written.header.replaced);
   ASSERT_EQ(read.recording->records.size(), written.records.size());
   EXPECT_EQ(std::get<RecordedCall>(read.recording->records[0]), std::get<RecordedCall>(written.records[0]));
+  EXPECT_EQ(std::get<RecordedEnd>(read.recording->records.back()),
+            std::get<RecordedEnd>(written.records.back()));
   EXPECT_EQ(textOf(*read.recording), textOf(written));
 }
 
@@ -73,6 +79,19 @@ TEST(CallText, IsShortWhateverAFileHolds) {
   EXPECT_LT(subjectText(call).size(), 500U);
 }
 
+TEST(CallText, TellsHowARecordedRunEnded) {
+  RecordedCall sign;
+  sign.function = "C_SignInit";
+  sign.in = {{"key", {std::uint64_t{7}}}};
+  const std::pair<RecordedEnd, const char*> rows[] = {
+      {{{BadEnd::Kind::kCrashed, "SIGSEGV"}, false, sign}, "C_SignInit (key 7) did not return: SIGSEGV"},
+      {{{BadEnd::Kind::kExited}, true}, "The module was not loaded to the end: the module called exit"},
+      {{{BadEnd::Kind::kHung, "", 5}, true}, "The module was not loaded to the end: hung, ended after 5 s"},
+      {{{BadEnd::Kind::kInterrupted, "SIGINT"}},
+       "The program was ended while no call was under way: interrupted by SIGINT"}};
+  for (const auto& [end, text] : rows) EXPECT_EQ(endText(end), text);
+}
+
 TEST(RecordingFile, LeavesOutALineThatWasCutOff) {
   const ReadRecording read = readRecording(kHeader + "{\"date\":1}\n{\"date\":");
   ASSERT_TRUE(read.recording) << read.refusal;
@@ -82,6 +101,7 @@ TEST(RecordingFile, LeavesOutALineThatWasCutOff) {
 
 TEST(RecordingFile, RefusesWhatIsNoneAndNamesTheLine) {
   const std::string call = R"({"function":"C_Login","for":"token","in":{},"out":{},"result":"CKR_OK",)";
+  const std::string end = R"({"end":"exited",)";
   const std::pair<std::string, const char*> rows[] = {
       {"", "line 1: it is empty"},
       {"\n", "line 1: it is no JSON"},
@@ -111,6 +131,12 @@ TEST(RecordingFile, RefusesWhatIsNoneAndNamesTheLine) {
       {kHeader + R"({"function":"C_Login","for":"host","in":{},"out":{},"result":"CKR_NONE"})"
                  "\n",
        "line 2: there is no result"},
+      {kHeader + end + "\"signal\":\"\\u001b\",\"seconds\":0,\"whileLoading\":true,\"call\":null}\n",
+       "line 2: there is no signal"},
+      {kHeader + end + "\"signal\":\"\",\"seconds\":0,\"whileLoading\":true,\"call\":{}}\n",
+       "line 2: there is a call where"},
+      {kHeader + end + "\"signal\":\"\",\"seconds\":0,\"whileLoading\":true,\"call\":null}\n{\"date\":1}\n",
+       "line 3: it goes on after its end"},
       {kHeader + std::string(100000, '[') + "\n", "line 2: it has values in values"},
       {kHeader + std::string(2000000, ' ') + "\n", "line 2: it is too long"},
   };

@@ -4,6 +4,7 @@
 #include "ReplayingFront.h"
 #include "platform/CardService.h"
 #include "platform/TimeAndChance.h"
+#include "recording/CallText.h"
 #include "recording/RecordingFile.h"
 #include "recording/Replayer.h"
 #include "support/FakeCardService.h"
@@ -15,6 +16,7 @@ using namespace recording;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
+using ::testing::SizeIs;
 using ::testing::StartsWith;
 
 class ReplayerTest : public RecordedBridgeTest {
@@ -30,11 +32,13 @@ class ReplayerTest : public RecordedBridgeTest {
   [[nodiscard]] PlatformServices replaying(Recording recording) {
     PlatformServices all = services();
     (void)replayInto(
-        std::move(recording), [this](const std::string& what) { missing.push_back(what); }, all);
+        std::move(recording), [this](const std::string& what) { missing.push_back(what); },
+        [this](const RecordedEnd& end) { ends.push_back(endText(end)); }, all);
     return all;
   }
 
   std::vector<std::string> missing;
+  std::vector<std::string> ends;
 };
 
 TEST_F(ReplayerTest, AnswersAsTheModuleDid) {
@@ -108,6 +112,51 @@ TEST_F(ReplayerTest, NamesWhatWasNotRecorded) {
                   "C_GetSlotInfo (slot 2) was not recorded here: the recording goes on with "
                   "C_GetSlotInfo (slot 1)",
                   "C_GetSlotInfo (slot 1) was not recorded here: the recording ends before it"));
+}
+
+TEST_F(ReplayerTest, EndsInTheCallThatDidNotReturn) {
+  ASSERT_TRUE(bridge->pkcs11_Load(Text{}));
+  ASSERT_EQ(bridge->pkcs11_Initial(nullptr), CKR_OK);
+  CK_SLOT_INFO info{};
+  ASSERT_EQ(bridge->inspectSlot(kSlot, info), CKR_OK);
+  Recording recorded = stored();
+  RecordedEnd end{
+      {BadEnd::Kind::kCrashed, "SIGSEGV"}, false, std::get<RecordedCall>(recorded.records.back())};
+  recorded.records.back() = end;
+
+  P11Bridge replayed{replaying(std::move(recorded))};
+  ASSERT_TRUE(replayed.pkcs11_Load(Text{}));
+  EXPECT_EQ(replayed.inspectSlot(kSlot, info), CKR_FUNCTION_FAILED) << "C_Initialize comes first";
+  ASSERT_EQ(replayed.pkcs11_Initial(nullptr), CKR_OK);
+  EXPECT_EQ(replayed.inspectSlot(kSlot + 1, info), CKR_FUNCTION_FAILED);
+  EXPECT_THAT(missing, ElementsAre(HasSubstr("goes on with C_Initialize"),
+                                   HasSubstr("goes on with C_GetSlotInfo (slot 1)")));
+  EXPECT_THAT(ends, IsEmpty());
+  EXPECT_EQ(replayed.inspectSlot(kSlot, info), CKR_FUNCTION_FAILED);
+  EXPECT_THAT(ends, ElementsAre("C_GetSlotInfo (slot 1) did not return: SIGSEGV"));
+}
+
+TEST_F(ReplayerTest, EndsWithWhatIsAskedNextWhereNoCallWasUnderWay) {
+  ASSERT_TRUE(bridge->pkcs11_Load(Text{}));
+  Recording recorded = stored();
+  recorded.records.emplace_back(RecordedEnd{{BadEnd::Kind::kExited}});
+  const PlatformServices other = replaying(std::move(recorded));
+  P11Bridge replayed{other};
+  ASSERT_TRUE(replayed.pkcs11_Load(Text{}));
+  EXPECT_THAT(ends, IsEmpty());
+  EXPECT_EQ(replayed.pkcs11_Initial(nullptr), CKR_FUNCTION_FAILED);
+  (void)other.timeAndChance->date();
+  EXPECT_THAT(ends, SizeIs(2));
+  EXPECT_THAT(missing, IsEmpty());
+}
+
+TEST_F(ReplayerTest, EndsInTheLoadingThatDidNotReturn) {
+  Recording recorded;
+  recorded.records.emplace_back(RecordedEnd{{BadEnd::Kind::kHung, "", 5}, true});
+  const PlatformServices other = replaying(std::move(recorded));
+  EXPECT_EQ(other.loader->open("/nowhere"), nullptr);
+  EXPECT_THAT(ends, SizeIs(1));
+  EXPECT_THAT(missing, IsEmpty());
 }
 
 TEST_F(ReplayerTest, RepeatsTimeChanceAndTheCardService) {

@@ -78,9 +78,11 @@ Json textOrNull(const std::optional<std::string>& text) {
   return text ? Json(charactersOf(*text)) : Json(nullptr);
 }
 
+const char* nameOf(Road road) { return road == Road::kToken ? "token" : "host"; }
+
 Json jsonOf(const RecordedCall& call) {
   return {{"function", call.function},
-          {"for", call.road == Road::kToken ? "token" : "host"},
+          {"for", nameOf(call.road)},
           {"in", jsonOf(call.in)},
           {"out", jsonOf(call.out)},
           {"result", resultText(call.result)},
@@ -134,6 +136,25 @@ Json jsonOf(const RecordedView& seen) {
            {{"state", nameIn(kStates, seen.view.state)},
             {"evidence", charactersOf(seen.view.evidence)},
             {"readers", std::move(readers)}}}};
+}
+
+constexpr std::array kEnds{std::pair{BadEnd::Kind::kCrashed, "crashed"},
+                           std::pair{BadEnd::Kind::kExited, "exited"}, std::pair{BadEnd::Kind::kHung, "hung"},
+                           std::pair{BadEnd::Kind::kInterrupted, "interrupted"}};
+
+Json jsonOf(const RecordedEnd& end) {
+  Json call = nullptr;
+  if (end.call) {
+    call = {{"function", end.call->function},
+            {"for", nameOf(end.call->road)},
+            {"in", jsonOf(end.call->in)},
+            {"thread", end.call->thread}};
+  }
+  return {{"end", nameIn(kEnds, end.how.kind)},
+          {"signal", end.how.signal},
+          {"seconds", end.how.seconds},
+          {"whileLoading", end.whileLoading},
+          {"call", std::move(call)}};
 }
 
 /// Nothing but ASCII, so that no text of a card controls a terminal.
@@ -253,10 +274,9 @@ auto keyIn(const Table& table, const Json& json) {
   return found->first;
 }
 
-RecordedCall callOf(Members& members) {
+/// What is known of a call before it comes back.
+RecordedCall questionOf(Members& members) {
   constexpr std::size_t kLongestName = 64;
-  constexpr std::uint64_t kMostThreads = 1'000'000;
-  constexpr double kLongest = 1e12;  // milliseconds
   RecordedCall call;
   call.function = stringOf(members["function"]);
   if (!call.function.starts_with("C_") || call.function.size() > kLongestName)
@@ -265,6 +285,17 @@ RecordedCall callOf(Members& members) {
   if (road != "token" && road != "host") throw Refusal{"\"for\" is neither \"token\" nor \"host\""};
   call.road = road == "token" ? Road::kToken : Road::kHost;
   call.in = fieldsOf(members["in"]);
+  return call;
+}
+
+std::uint32_t threadOf(Members& members) {
+  constexpr std::uint64_t kMostThreads = 1'000'000;
+  return static_cast<std::uint32_t>(numberOf(members["thread"], kMostThreads));
+}
+
+RecordedCall callOf(Members& members) {
+  constexpr double kLongest = 1e12;  // milliseconds
+  RecordedCall call = questionOf(members);
   call.out = fieldsOf(members["out"]);
   const auto result = resultOfText(stringOf(members["result"]));
   if (!result) throw Refusal{"there is no result of that name"};
@@ -273,7 +304,7 @@ RecordedCall callOf(Members& members) {
   if (!time.is_number() || !(time.get<double>() >= 0 && time.get<double>() <= kLongest))
     throw Refusal{"\"milliseconds\" is no time"};
   call.microseconds = static_cast<std::uint64_t>(std::llround(time.get<double>() * 1000));
-  call.thread = static_cast<std::uint32_t>(numberOf(members["thread"], kMostThreads));
+  call.thread = threadOf(members);
   return call;
 }
 
@@ -312,6 +343,30 @@ std::int64_t timeOf(const Json& json, std::int64_t unitsPerSecond) {
   return static_cast<std::int64_t>(numberOf(json, static_cast<std::uint64_t>(kLatest * unitsPerSecond)));
 }
 
+RecordedEnd endOf(Members& members) {
+  constexpr std::size_t kLongestSignal = 16;
+  constexpr std::uint64_t kMostSeconds = std::numeric_limits<std::int32_t>::max();
+  RecordedEnd end;
+  end.how.kind = keyIn(kEnds, members["end"]);
+  end.how.signal = stringOf(members["signal"]);
+  const bool isName = std::all_of(end.how.signal.begin(), end.how.signal.end(), [](unsigned char one) {
+    return one == ' ' || (one >= '0' && one <= '9') || (one >= 'A' && one <= 'Z') ||
+           (one >= 'a' && one <= 'z');
+  });
+  if (!isName || end.how.signal.size() > kLongestSignal) throw Refusal{"there is no signal of that name"};
+  end.how.seconds = numberOf(members["seconds"], kMostSeconds);
+  end.whileLoading = boolOf(members["whileLoading"]);
+  const Json& call = members["call"];
+  if (!call.is_null()) {
+    if (end.whileLoading) throw Refusal{"there is a call where the module was being loaded"};
+    Members question{call};
+    end.call = questionOf(question);
+    end.call->thread = threadOf(question);
+    question.end();
+  }
+  return end;
+}
+
 Record recordOf(const Json& json) {
   Members members{json};
   Record record;
@@ -330,6 +385,8 @@ Record recordOf(const Json& json) {
     record = RecordedTime{RecordedTime::Clock::kSteady, timeOf(members["clock"], 1'000'000)};
   } else if (members.has("cardService")) {
     record = viewOf(members["cardService"]);
+  } else if (members.has("end")) {
+    record = endOf(members);
   } else {
     throw Refusal{"it is no record that is known"};
   }
@@ -418,6 +475,8 @@ ReadRecording readRecording(std::string_view text, std::size_t mostValues) {
         recording.header = headerOf(json);
       } else {
         if (recording.records.size() == kMostRecords) throw Refusal{"there are too many records"};
+        if (!recording.records.empty() && std::holds_alternative<RecordedEnd>(recording.records.back()))
+          throw Refusal{"it goes on after its end"};
         recording.records.push_back(recordOf(json));
       }
       text = end == std::string_view::npos ? std::string_view{} : text.substr(end + 1);

@@ -61,6 +61,9 @@ class Anonymiser {
     path(recorded.view.evidence);
     for (ServiceReader& reader : recorded.view.readers) pseudonyms_.replaceInReaderName(bytesOf(reader.name));
   }
+  void rewrite(RecordedEnd& end) {
+    if (end.call) fields(end.call->in, {});
+  }
   void rewrite(RecordedSalt&) {}
   void rewrite(RecordedTime&) {}
 

@@ -70,6 +70,22 @@ std::string subjectText(const RecordedCall& call) {
   return text;
 }
 
+std::string endText(const RecordedEnd& end) {
+  std::string text = "The program was ended while no call was under way: ";
+  if (end.whileLoading) text = "The module was not loaded to the end: ";
+  if (end.call) {
+    const std::string subject = subjectText(*end.call);
+    text = end.call->function + (subject.empty() ? "" : " (" + subject + ")") + " did not return: ";
+  }
+  switch (end.how.kind) {
+    case BadEnd::Kind::kCrashed: return text + end.how.signal;
+    case BadEnd::Kind::kExited: return text + "the module called exit";
+    case BadEnd::Kind::kHung: return text + "hung, ended after " + std::to_string(end.how.seconds) + " s";
+    case BadEnd::Kind::kInterrupted: break;
+  }
+  return text + "interrupted by " + end.how.signal;
+}
+
 bool isFailure(const RecordedCall& call) noexcept {
   return call.result != CKR_OK && call.result != CKR_ATTRIBUTE_SENSITIVE &&
          call.result != CKR_ATTRIBUTE_TYPE_INVALID && call.result != CKR_CRYPTOKI_ALREADY_INITIALIZED;

@@ -34,6 +34,11 @@ class Notes {
     for (const auto& sink : sinks_) sink->note(record);
   }
 
+  void starts(const RecordedCall& call) noexcept {
+    const std::lock_guard lock{mutex_};
+    for (const auto& sink : sinks_) sink->callStarts(call);
+  }
+
   [[nodiscard]] std::uint32_t thread() {
     const std::lock_guard lock{mutex_};
     return threads_.try_emplace(std::this_thread::get_id(), threads_.size() + 1).first->second;
@@ -110,6 +115,7 @@ class RecordingFront final : public ModuleFront {
     using Clock = std::chrono::steady_clock;
     call.road = roadOfThread;
     call.thread = notes_->thread();
+    notes_->starts(call);
     const auto start = Clock::now();
     call.result = run();
     const auto time = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start);

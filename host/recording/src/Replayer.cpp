@@ -18,6 +18,7 @@ namespace mirel::recording {
 namespace {
 
 constexpr const char* kEntryPoint = "C_GetFunctionList";
+constexpr const char* kLibrary = "library";
 
 /// What the loader said of its last failure in this thread.
 thread_local std::string loaderErrorOfThread;
@@ -25,39 +26,47 @@ thread_local std::string loaderErrorOfThread;
 /// The records that are no calls, each kind in its order.
 class Memories {
  public:
-  Memories(std::vector<Record> records, std::function<void(const std::string&)> onMissing)
-      : onMissing_{std::move(onMissing)} {
+  Memories(std::vector<Record> records, std::function<void(const std::string&)> onMissing,
+           std::function<void(const RecordedEnd&)> onEnd)
+      : onMissing_{std::move(onMissing)}, onEnd_{std::move(onEnd)} {
     for (Record& record : records) std::visit([this](auto& one) { keep(std::move(one)); }, record);
   }
 
   [[nodiscard]] std::vector<RecordedCall> takeCalls() { return std::move(calls_); }
 
+  [[nodiscard]] const std::optional<RecordedEnd>& end() const noexcept { return end_; }
+  void reachEnd() const { onEnd_(*end_); }
+
   [[nodiscard]] std::optional<RecordedLoading> loading(std::string_view subject) {
     auto next = taken(loadings_);
     if (next && next->subject == subject) return next;
-    onMissing_("the loading of " + std::string{subject} + " was not recorded here");
+    if (!next && end_ && end_->whileLoading && subject == kLibrary) {
+      reachEnd();
+    } else {
+      lacks(!next, "the loading of " + std::string{subject} + " was not recorded here");
+    }
     return std::nullopt;
   }
   [[nodiscard]] std::optional<RecordedModule> module() {
     auto next = taken(modules_);
-    if (!next) onMissing_("the recording does not tell what the module's file was");
+    if (!next) lacks(true, "the recording does not tell what the module's file was");
     return next;
   }
   [[nodiscard]] std::int64_t time(RecordedTime::Clock clock) {
     const auto next = taken(clock == RecordedTime::Clock::kDate ? dates_ : clocks_);
-    if (!next) onMissing_("the time was not asked here when it was recorded");
+    if (!next) lacks(true, "the time was not asked here when it was recorded");
     return next ? next->time : 0;
   }
   [[nodiscard]] bool salt(std::span<std::uint8_t> out) {
     const auto next = taken(salts_);
     const bool fits = next && next->bytes.size() == out.size();
-    if (!fits) onMissing_("no such salt was drawn here when it was recorded");
+    if (!fits) lacks(!next, "no such salt was drawn here when it was recorded");
     if (fits) std::copy(next->bytes.begin(), next->bytes.end(), out.begin());
     return fits;
   }
   [[nodiscard]] CardServiceView view() {
     const auto next = taken(views_);
-    if (!next) onMissing_("the card service was not asked here when it was recorded");
+    if (!next) lacks(true, "the card service was not asked here when it was recorded");
     return next ? next->view : CardServiceView{};
   }
 
@@ -68,6 +77,13 @@ class Memories {
   void keep(RecordedSalt salt) { salts_.push(std::move(salt)); }
   void keep(RecordedTime time) { (time.clock == RecordedTime::Clock::kDate ? dates_ : clocks_).push(time); }
   void keep(RecordedView view) { views_.push(std::move(view)); }
+  void keep(RecordedEnd end) { end_ = std::move(end); }
+
+  /// `areUsedUp`: all records of its kind.
+  void lacks(bool areUsedUp, const std::string& what) const {
+    const bool isAtEnd = areUsedUp && end_ && !end_->call && !end_->whileLoading;
+    isAtEnd ? reachEnd() : onMissing_(what);
+  }
 
   template <typename T>
   std::optional<T> taken(std::queue<T>& queue) {
@@ -79,6 +95,8 @@ class Memories {
   }
 
   std::function<void(const std::string&)> onMissing_;
+  std::function<void(const RecordedEnd&)> onEnd_;
+  std::optional<RecordedEnd> end_;
   std::mutex mutex_;
   std::vector<RecordedCall> calls_;
   std::queue<RecordedLoading> loadings_;
@@ -94,9 +112,12 @@ class ReplayingLoader final : public DynamicLoader {
  public:
   ReplayingLoader(std::shared_ptr<Memories> memories, std::function<void(const std::string&)> onMissing)
       : memories_{std::move(memories)},
-        front_{memories_->takeCalls(), ReplayingFront::Order::kExact, std::move(onMissing)} {}
+        front_{memories_->takeCalls(), ReplayingFront::Order::kExact, std::move(onMissing)} {
+    const auto& end = memories_->end();
+    if (end && !end->whileLoading) front_.endIn(end->call, [this] { memories_->reachEnd(); });
+  }
 
-  void* open(const char*) noexcept override { return succeeds("library") ? this : nullptr; }
+  void* open(const char*) noexcept override { return succeeds(kLibrary) ? this : nullptr; }
   void* symbol(void*, const char* name) noexcept override {
     if (!succeeds(name) || std::string_view{name} != kEntryPoint) return nullptr;
     return reinterpret_cast<void*>(front_.entryPoint());
@@ -150,8 +171,8 @@ class ReplayingCardService final : public CardService {
 }  // namespace
 
 RecordedModules replayInto(Recording recording, std::function<void(const std::string&)> onMissing,
-                           PlatformServices& services) {
-  const auto memories = std::make_shared<Memories>(std::move(recording.records), onMissing);
+                           std::function<void(const RecordedEnd& end)> onEnd, PlatformServices& services) {
+  const auto memories = std::make_shared<Memories>(std::move(recording.records), onMissing, std::move(onEnd));
   services.loader = std::make_shared<ReplayingLoader>(memories, std::move(onMissing));
   services.timeAndChance = std::make_shared<ReplayingChance>(memories);
   services.cardService = std::make_shared<ReplayingCardService>(memories);

@@ -66,11 +66,16 @@ ReplayingFront::ReplayingFront(std::vector<RecordedCall> calls, Order order,
     std::erase_if(calls_, [](const RecordedCall& call) { return call.road != Road::kToken; });
 }
 
+void ReplayingFront::endIn(std::optional<RecordedCall> call, std::function<void()> onEnd) {
+  lastCall_ = std::move(call);
+  onEnd_ = std::move(onEnd);
+}
+
 CK_RV ReplayingFront::getFunctionList(CK_FUNCTION_LIST** outList) noexcept {
   const std::lock_guard lock{mutex_};
   const RecordedCall* answer = take(kEntryPoint, {});
   if (!answer) {
-    tellMissing(kEntryPoint, {});
+    fail(kEntryPoint, {});
     return CKR_FUNCTION_FAILED;
   }
   const auto version = versionOf(*answer);
@@ -84,7 +89,7 @@ CK_RV ReplayingFront::called(const char* function, std::span<const Word> words, 
   const std::lock_guard lock{mutex_};
   const RecordedCall* answer = take(function, note.in());
   if (!answer) {
-    tellMissing(function, note.in());
+    fail(function, note.in());
     return CKR_FUNCTION_FAILED;
   }
   if (row) writeAnswer(*row, words, *answer);
@@ -142,18 +147,25 @@ std::optional<std::size_t> ReplayingFront::openingOf(std::size_t index) const {
   return std::nullopt;
 }
 
+void ReplayingFront::fail(const std::string& function, const Fields& in) const {
+  const bool isLast = !lastCall_ || (lastCall_->function == function && lastCall_->in == in);
+  if (onEnd_ && next_ >= calls_.size() && isLast) return onEnd_();
+  tellMissing(function, in);
+}
+
 void ReplayingFront::tellMissing(const std::string& function, const Fields& in) const {
   RecordedCall wanted;
   wanted.function = function;
   wanted.in = in;
+  const RecordedCall* next = lastCall_ ? &*lastCall_ : nullptr;
+  if (next_ < calls_.size()) next = &calls_[next_];
   std::string what = textOf(wanted) + " was not recorded here: ";
-  if (next_ >= calls_.size()) {
+  if (!next) {
     what += "the recording ends before it";
-  } else if (calls_[next_].function == function && calls_[next_].in != in &&
-             textOf(calls_[next_]) == textOf(wanted)) {
+  } else if (next->function == function && next->in != in && textOf(*next) == textOf(wanted)) {
     what += "it had other arguments";
   } else {
-    what += "the recording goes on with " + textOf(calls_[next_]);
+    what += "the recording goes on with " + textOf(*next);
   }
   onMissing_(what);
 }

@@ -28,6 +28,10 @@ class ReplayingFront final : public ModuleFront {
   ReplayingFront(std::vector<RecordedCall> calls, Order order,
                  std::function<void(const std::string& what)> onMissing);
 
+  /// Tells `onEnd` once all calls have answered and `call`, which never came back, is asked for; without a
+  /// call, whatever is asked for then. When it returns, the answer is CKR_FUNCTION_FAILED.
+  void endIn(std::optional<RecordedCall> call, std::function<void()> onEnd);
+
   CK_RV getFunctionList(CK_FUNCTION_LIST** outList) noexcept override;
   CK_RV called(const char* function, std::span<const Word> words, const Forward& module) noexcept override;
 
@@ -39,10 +43,14 @@ class ReplayingFront final : public ModuleFront {
   /// Where the session of the call at that place was opened.
   [[nodiscard]] std::optional<std::size_t> openingOf(std::size_t index) const;
   void tellMissing(const std::string& function, const Fields& in) const;
+  /// Nothing answers that call: it is the end, or it was not recorded.
+  void fail(const std::string& function, const Fields& in) const;
 
   std::vector<RecordedCall> calls_;
   Order order_;
   std::function<void(const std::string&)> onMissing_;
+  std::optional<RecordedCall> lastCall_;
+  std::function<void()> onEnd_;
   std::mutex mutex_;
   std::size_t next_ = 0;                            // of the calls
   std::map<std::uint64_t, std::size_t> handedOut_;  // sessions, with the place of their opening

@@ -18,6 +18,9 @@ namespace mirel::recording {
 /// printable line before it is shown.
 [[nodiscard]] std::string subjectText(const RecordedCall& call);
 
+/// "C_Sign (key 7) did not return: SIGSEGV". What subjectText says of texts holds here, too.
+[[nodiscard]] std::string endText(const RecordedEnd& end);
+
 /// Whether the call tells of something that went wrong. That an object has no such attribute, or keeps it
 /// secret, does not; nor that the module was initialised before.
 [[nodiscard]] bool isFailure(const RecordedCall& call) noexcept;

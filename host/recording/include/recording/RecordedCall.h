@@ -136,8 +136,32 @@ struct RecordedView {
   CardServiceView view;
 };
 
-using Record =
-    std::variant<RecordedCall, RecordedLoading, RecordedModule, RecordedSalt, RecordedTime, RecordedView>;
+/// How a process came to an end that was not its own.
+struct BadEnd {
+  enum class Kind : std::uint8_t {
+    kCrashed,     ///< a signal that the user did not send
+    kExited,      ///< the module called exit
+    kHung,        ///< a call that did not return in time
+    kInterrupted  ///< a signal by which users end programs
+  };
+  Kind kind = Kind::kCrashed;
+  std::string signal{};       ///< its name, "SIGSEGV"; empty: none
+  std::uint64_t seconds = 0;  ///< how long was waited where it hung
+
+  friend bool operator==(const BadEnd&, const BadEnd&) = default;
+};
+
+/// The bad end of the process that was recorded. No record follows it.
+struct RecordedEnd {
+  BadEnd how;
+  bool whileLoading = false;           ///< the loader had not returned with the module
+  std::optional<RecordedCall> call{};  ///< the one that did not return, without an answer; nothing: none
+
+  friend bool operator==(const RecordedEnd&, const RecordedEnd&) = default;
+};
+
+using Record = std::variant<RecordedCall, RecordedLoading, RecordedModule, RecordedSalt, RecordedTime,
+                            RecordedView, RecordedEnd>;
 
 /// What stands at the top of a recording.
 struct Header {

@@ -19,6 +19,9 @@ class RecordSink {
   virtual ~RecordSink() = default;
 
   virtual void note(const Record& record) noexcept = 0;
+
+  /// Before each call of the module, which may never come back: `call` is without an answer.
+  virtual void callStarts(const RecordedCall& call) noexcept { (void)call; }
 };
 
 /// Whoever looks at the module's file tells it here. See ModuleChoice in host/ModuleFile.h.

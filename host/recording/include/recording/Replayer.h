@@ -17,10 +17,12 @@ using RecordedModules = std::function<std::optional<RecordedModule>()>;
 /// the order in which they did; no call takes time. A PIN is not looked at, and what was hidden when it was
 /// recorded is as many letters "Z". The text of a trial is such letters too, so that it comes back as it was.
 ///
-/// `onMissing`: told, in words, of something that was not recorded, or not there. It may end the program;
-/// when it returns, the answer is a failure.
+/// `onMissing`: told, in words, of something that was not recorded, or not there. `onEnd`: told when the
+/// replay has come to where the recorded process ended: at the call that did not return, or, where there was
+/// none, at what is asked next. Both may end the program; when they return, the answer is a failure.
 [[nodiscard]] RecordedModules replayInto(Recording recording,
                                          std::function<void(const std::string& what)> onMissing,
+                                         std::function<void(const RecordedEnd& end)> onEnd,
                                          PlatformServices& services);
 
 }  // namespace mirel::recording
