@@ -188,7 +188,8 @@ Result<void> checkUsage(const Options& options) {
   if (options.replay && options.modulePath) return wrongUsage("--replay excludes --module");
   if (options.replay && options.home) return wrongUsage("--replay excludes --home");
   if (!options.command->hasWorker && options.recordTo)
-    return wrongUsage(std::string{options.command->name} + " cannot be recorded");
+    return wrongUsage(std::string{options.command->name} +
+                      " cannot be recorded, since each card has a process of its own");
   if (!options.command->hasWorker && (options.trace || options.replay || options.verbose > 1))
     return wrongUsage(std::string{options.command->name} + " takes neither --trace, --replay nor -vv");
   const bool readsInput = options.command->takes(CommandOption::Kind::kInput);

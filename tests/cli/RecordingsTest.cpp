@@ -189,7 +189,7 @@ TEST_F(Recordings, AreNotMadeWhereThatMakesNoSense) {
       {"record --out - items", "needs a file"},
       {"record --out " + path("out"), "a subcommand is required"},
       {"record --out " + path("out") + " help", "record needs a command"},
-      {"record --out " + path("out") + " watch --for 1", "watch cannot be recorded"},
+      {"record --out " + path("out") + " watch --for 1", "watch cannot be recorded, since each card"},
       {"record --out " + path("out") + " record --out x items", "there is no \"record\""},
       {"record --out " + path("out") + " items --colour", "there is no \"--colour\""},
       {"--module x --replay y items", "excludes"},
