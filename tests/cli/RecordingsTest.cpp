@@ -299,8 +299,9 @@ TEST_F(Recordings, OfCardsAnswerAsTheyDid) {
     SCOPED_TRACE(entry.path());
     ++numPlayed;
     Arguments arguments{"--replay", entry.path().string()};
-    const auto words =
-        Json::parse(linesOf(contentOf(entry.path())).front())["command"].get<std::vector<std::string>>();
+    const Json header = Json::parse(linesOf(contentOf(entry.path())).front());
+    EXPECT_FALSE(header["replaced"].empty()) << "it is not anonymous";
+    const auto words = header["command"].get<std::vector<std::string>>();
     for (std::size_t i = 0; i < words.size(); ++i) {
       const bool isFile = words[i] == "FILE";
       if (words[i] == "--module") {

@@ -2,7 +2,7 @@
 
 usage: make_recordings.py --mireltoken FILE --cardmaker FILE --unpacked FOLDER --out FOLDER [--try] STACK...
 
-STACK: p11-kit, opencryptoki, opensc-piv or opensc-cac. With --try the commands are run without a recording.
+STACK: softhsm2, p11-kit, opencryptoki, opensc-piv or opensc-cac. With --try the commands are run without a recording.
 Where something is missing it says so and leaves that stack out. The machine stays as it is: all happens in namespaces,
 with folders of their own."""
 
@@ -34,6 +34,14 @@ private type=rsa2048 id=0x416461 label=Signature allow=sign
 certificate type=rsa2048 id=0x416461 label=Signature subject=0x416461204578616D706C65 usage=digitalSignature
 """
 
+# One key of each kind, and a certificate without one.
+SEVERAL_KEYS = "token label=0x4164612043617264 pin=123456\n" + "".join(
+    f"public {key}\nprivate {key} allow={allow}\ncertificate {key} subject=0x416461204578616D706C65 usage={usage}\n"
+    for key, allow, usage in [("type=rsa2048 id=01 label=Signature", "sign", "digitalSignature"),
+                              ("type=rsa1024 id=02 label=Encryption", "decrypt", "keyEncipherment"),
+                              ("type=p256 id=03 label=Agreement", "derive", "keyAgreement")]
+) + "certificate type=p384 id=04 label=Lonely usage=digitalSignature subject=0x416461204578616D706C65\n"
+
 
 class Missing(Exception):
     """What a stack needs and this system does not have."""
@@ -56,30 +64,31 @@ class Stack:
         self.module, self.environment, self.signing, self.decrypting = module, environment or {}, signing, decrypting
 
 
-def softhsm_card(folder):
+def softhsm_card(folder, description):
+    """The module, and the environment in which it has that card alone."""
+    module = needed("softhsm2", first_file("/usr/lib/softhsm/libsofthsm2.so", f"{DRIVER_FOLDERS}/softhsm/libsofthsm2.so"))
     folder.mkdir()
-    run(given.cardmaker, "make", str(folder), input=CARD.encode())
-    return {"SOFTHSM2_CONF": str(folder / "softhsm2.conf")}
+    run(given.cardmaker, "make", str(folder), input=description.encode())
+    return module, {"SOFTHSM2_CONF": str(folder / "softhsm2.conf")}
 
 
 @contextlib.contextmanager
 def softhsm2(folder):
-    module = needed("softhsm2", first_file("/usr/lib/softhsm/libsofthsm2.so", f"{DRIVER_FOLDERS}/softhsm/libsofthsm2.so"))
-    yield Stack(module, softhsm_card(folder / "card"), signing="416461")
+    yield Stack(*softhsm_card(folder / "card", SEVERAL_KEYS), signing="3031", decrypting="3032")
 
 
 @contextlib.contextmanager
 def p11_kit(folder):
     """The proxy, which knows of SoftHSM2 alone."""
     proxy = needed("p11-kit", first_file(f"{DRIVER_FOLDERS}/p11-kit-proxy.so", f"{DRIVER_FOLDERS}/libp11-kit.so.0"))
-    with softhsm2(folder) as stack:
-        configurations = "/usr/share/p11-kit/modules"
-        run("mount", "-t", "tmpfs", "tmpfs", configurations)
-        pathlib.Path(configurations, "softhsm2.module").write_text(f"module: {stack.module}\n")
-        try:
-            yield Stack(proxy, stack.environment, stack.signing)
-        finally:
-            run("umount", configurations)
+    module, environment = softhsm_card(folder / "card", CARD)
+    configurations = "/usr/share/p11-kit/modules"
+    run("mount", "-t", "tmpfs", "tmpfs", configurations)
+    pathlib.Path(configurations, "softhsm2.module").write_text(f"module: {module}\n")
+    try:
+        yield Stack(proxy, environment, signing="416461")
+    finally:
+        run("umount", configurations)
 
 
 @contextlib.contextmanager
@@ -201,6 +210,7 @@ def opensc_cac(folder):
 
 # The stacks, and what is recorded of each: every command of some module, since all of them would be too large.
 STACKS = {
+    "softhsm2": (softhsm2, ["items", "sign-pss", "wrong-pin"]),
     "p11-kit": (p11_kit, ["sign-pkcs1"]),
     "opencryptoki": (opencryptoki, ["decrypt"]),
     "opensc-piv": (opensc_piv, ["sign-pss", "wrong-pin"]),
