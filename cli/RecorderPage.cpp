@@ -36,8 +36,8 @@ void RecorderPage::callStarts(const RecordedCall& call) noexcept {
   page_->size = static_cast<std::uint32_t>(text.size());
 }
 
-void RecorderPage::setWriting(bool isWriting) noexcept {
-  if (page_) page_->isWriting = isWriting;
+void RecorderPage::setWriting(bool now) noexcept {
+  if (page_) page_->isWriting = now;
 }
 
 bool RecorderPage::isWriting() const noexcept { return page_ && page_->isWriting; }

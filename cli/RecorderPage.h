@@ -19,7 +19,7 @@ class RecorderPage final : public recording::RecordSink {
   void note(const recording::Record&) noexcept override {}
 
   /// While a line is being written to a trace, which the other process must not go on with.
-  void setWriting(bool isWriting) noexcept;
+  void setWriting(bool now) noexcept;
   [[nodiscard]] bool isWriting() const noexcept;
 
   /// The call that has started last, when it was of that function.
