@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -67,7 +68,8 @@ class RunRecorder {
 /// Puts the recording that the options name in place of the module and of what else it holds. A call that it
 /// does not have ends the process, with a failure that names it; the one that did not return ends it so that
 /// the user is told what was told when it was recorded. `ioOptions` gets what the recorded run was
-/// told of the module.
-[[nodiscard]] Result<void> replay(Options& ioOptions, PlatformServices& services, ModuleChoice& choice);
+/// told of the module. Returns what is to be called when the command has done its work.
+[[nodiscard]] Result<std::function<void()>> replay(Options& ioOptions, PlatformServices& services,
+                                                   ModuleChoice& choice);
 
 }  // namespace mirel::cli

@@ -44,7 +44,7 @@ bool has(const std::vector<std::string>& words, std::string_view word) {
 
 }  // namespace
 
-Result<void> replay(Options& ioOptions, PlatformServices& services, ModuleChoice& choice) {
+Result<std::function<void()>> replay(Options& ioOptions, PlatformServices& services, ModuleChoice& choice) {
   auto loaded = loadRecording(*ioOptions.replay);
   if (!loaded) return loaded.failure();
   Recording& recorded = loaded->recording;
@@ -77,12 +77,13 @@ Result<void> replay(Options& ioOptions, PlatformServices& services, ModuleChoice
                           printableLine(recording::endText(end)), "record again, and wait for the end"};
     endWorker(report(failure, json));
   };
-  const auto module = recording::replayInto(std::move(recorded), onMissing, onEnd, services);
-  choice.onFacts = [module](const std::optional<ModuleFacts>& found) -> std::optional<ModuleFacts> {
+  auto replay = recording::replayInto(std::move(recorded), onMissing, onEnd, services);
+  choice.onFacts = [module = std::move(replay.module)](
+                       const std::optional<ModuleFacts>& found) -> std::optional<ModuleFacts> {
     const auto next = module();
     return next ? factsOf(*next, found ? found->place : moduleInHome(kNoHome)) : std::nullopt;
   };
-  return {};
+  return std::move(replay.workIsDone);
 }
 
 }  // namespace mirel::cli

@@ -9,6 +9,7 @@
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -58,8 +59,11 @@ Result<ExitCode> carryOut(Options& options, RunRecorder& recorder) {
   if (options.command->takes(CommandOption::Kind::kPin)) forbidMemoryDumps();
   PlatformServices services = systemServices();
   ModuleChoice module{options.modulePath, options.trustModule};
+  std::function<void()> endReplay;
   if (options.replay) {
-    if (const auto ready = replay(options, services, module); !ready) return ready.failure();
+    auto ready = replay(options, services, module);
+    if (!ready) return ready.failure();
+    endReplay = *std::move(ready);
   }
   services.observer = notingObserver();
   services.inspectionObserver = services.observer;
@@ -84,6 +88,7 @@ Result<ExitCode> carryOut(Options& options, RunRecorder& recorder) {
   }
   Session session{std::move(services), options, std::move(module)};
   auto done = options.command->run(session);
+  if (endReplay) endReplay();
   if (!done) return session.withRemarkOnPin(std::move(done).failure());
   return session.exitCode();
 }

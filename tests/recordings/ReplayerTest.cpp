@@ -31,7 +31,7 @@ class ReplayerTest : public RecordedBridgeTest {
   /// Services with the recording in place of the module.
   [[nodiscard]] PlatformServices replaying(Recording recording) {
     PlatformServices all = services();
-    (void)replayInto(
+    replay = replayInto(
         std::move(recording), [this](const std::string& what) { missing.push_back(what); },
         [this](const RecordedEnd& end) { ends.push_back(endText(end)); }, all);
     return all;
@@ -39,6 +39,7 @@ class ReplayerTest : public RecordedBridgeTest {
 
   std::vector<std::string> missing;
   std::vector<std::string> ends;
+  Replay replay;
 };
 
 TEST_F(ReplayerTest, AnswersAsTheModuleDid) {
@@ -146,8 +147,25 @@ TEST_F(ReplayerTest, EndsWithWhatIsAskedNextWhereNoCallWasUnderWay) {
   EXPECT_THAT(ends, IsEmpty());
   EXPECT_EQ(replayed.pkcs11_Initial(nullptr), CKR_FUNCTION_FAILED);
   (void)other.timeAndChance->date();
-  EXPECT_THAT(ends, SizeIs(2));
+  replay.workIsDone();
+  EXPECT_THAT(ends, SizeIs(3));
   EXPECT_THAT(missing, IsEmpty());
+}
+
+TEST_F(ReplayerTest, DoesNotEndWhereTheWorkWasDoneOtherwise) {
+  ASSERT_TRUE(bridge->pkcs11_Load(Text{}));
+  const RecordedEnd exited{{BadEnd::Kind::kExited}};
+  const RecordedEnd interrupted{{BadEnd::Kind::kInterrupted, "SIGINT"}};
+  for (const auto& [end, isLoaded] : {std::pair{exited, false}, std::pair{interrupted, true}}) {
+    Recording recorded = stored();
+    recorded.records.emplace_back(end);
+    P11Bridge replayed{replaying(std::move(recorded))};
+    if (isLoaded) {
+      ASSERT_TRUE(replayed.pkcs11_Load(Text{}));
+    }
+    replay.workIsDone();
+    EXPECT_THAT(ends, IsEmpty());
+  }
 }
 
 TEST_F(ReplayerTest, EndsInTheLoadingThatDidNotReturn) {

@@ -37,6 +37,11 @@ class Memories {
   [[nodiscard]] const std::optional<RecordedEnd>& end() const noexcept { return end_; }
   void reachEnd() const { onEnd_(*end_); }
 
+  /// All calls have answered, and nothing more is asked. Who was interrupted then got all there was.
+  void endWork() const {
+    if (isEndBetweenCalls() && end_->how.kind != BadEnd::Kind::kInterrupted) reachEnd();
+  }
+
   [[nodiscard]] std::optional<RecordedLoading> loading(std::string_view subject) {
     auto next = taken(loadings_);
     if (next && next->subject == subject) return next;
@@ -81,9 +86,9 @@ class Memories {
 
   /// `areUsedUp`: all records of its kind.
   void lacks(bool areUsedUp, const std::string& what) const {
-    const bool isAtEnd = areUsedUp && end_ && !end_->call && !end_->whileLoading;
-    isAtEnd ? reachEnd() : onMissing_(what);
+    areUsedUp&& isEndBetweenCalls() ? reachEnd() : onMissing_(what);
   }
+  [[nodiscard]] bool isEndBetweenCalls() const { return end_ && !end_->call && !end_->whileLoading; }
 
   template <typename T>
   std::optional<T> taken(std::queue<T>& queue) {
@@ -123,6 +128,7 @@ class ReplayingLoader final : public DynamicLoader {
     return reinterpret_cast<void*>(front_.entryPoint());
   }
   bool close(void*) noexcept override { return true; }
+  [[nodiscard]] bool isUsedUp() { return front_.isUsedUp(); }
   std::string errorText() noexcept override { return std::exchange(loaderErrorOfThread, {}); }
 
  private:
@@ -170,13 +176,17 @@ class ReplayingCardService final : public CardService {
 
 }  // namespace
 
-RecordedModules replayInto(Recording recording, std::function<void(const std::string&)> onMissing,
-                           std::function<void(const RecordedEnd& end)> onEnd, PlatformServices& services) {
+Replay replayInto(Recording recording, std::function<void(const std::string&)> onMissing,
+                  std::function<void(const RecordedEnd& end)> onEnd, PlatformServices& services) {
   const auto memories = std::make_shared<Memories>(std::move(recording.records), onMissing, std::move(onEnd));
-  services.loader = std::make_shared<ReplayingLoader>(memories, std::move(onMissing));
+  const auto loader = std::make_shared<ReplayingLoader>(memories, std::move(onMissing));
+  services.loader = loader;
   services.timeAndChance = std::make_shared<ReplayingChance>(memories);
   services.cardService = std::make_shared<ReplayingCardService>(memories);
-  return [memories] { return memories->module(); };
+  return {[memories] { return memories->module(); },
+          [memories, loader] {
+            if (loader->isUsedUp()) memories->endWork();
+          }};
 }
 
 }  // namespace mirel::recording

@@ -71,6 +71,11 @@ void ReplayingFront::endIn(std::optional<RecordedCall> call, std::function<void(
   onEnd_ = std::move(onEnd);
 }
 
+bool ReplayingFront::isUsedUp() {
+  const std::lock_guard lock{mutex_};
+  return next_ >= calls_.size();
+}
+
 CK_RV ReplayingFront::getFunctionList(CK_FUNCTION_LIST** outList) noexcept {
   const std::lock_guard lock{mutex_};
   const RecordedCall* answer = take(kEntryPoint, {});

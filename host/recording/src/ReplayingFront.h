@@ -32,6 +32,9 @@ class ReplayingFront final : public ModuleFront {
   /// call, whatever is asked for then. When it returns, the answer is CKR_FUNCTION_FAILED.
   void endIn(std::optional<RecordedCall> call, std::function<void()> onEnd);
 
+  /// Whether all calls have answered.
+  [[nodiscard]] bool isUsedUp();
+
   CK_RV getFunctionList(CK_FUNCTION_LIST** outList) noexcept override;
   CK_RV called(const char* function, std::span<const Word> words, const Forward& module) noexcept override;
 
