@@ -1,6 +1,7 @@
 #include "Options.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdint>
 
 #include "Commands.h"
@@ -11,6 +12,7 @@ namespace {
 
 constexpr int kLongestTimeout = 86400;  // seconds
 constexpr const char* kRecord = "record";
+constexpr const char* kHelp = "help";
 
 constexpr const char* kExamples =
     "Examples:\n"
@@ -139,7 +141,7 @@ void declareRecord(CLI::App& app, Options& options) {
 
 /// No command of the list: it needs no module.
 void declareHelp(CLI::App& app, Options& options) {
-  CLI::App* declared = app.add_subcommand("help", "Print the help of the program, or of a command");
+  CLI::App* declared = app.add_subcommand(kHelp, "Print the help of the program, or of a command");
   declared->fallthrough();
   declared->footer("");
   declared->add_option("COMMAND", options.helpOn, "The command")->type_name("");
@@ -147,7 +149,11 @@ void declareHelp(CLI::App& app, Options& options) {
 
 }  // namespace
 
-void declareOptions(CLI::App& app, Options& options, bool recorded) {
+void declareOptions(CLI::App& app, Options& options, std::optional<std::span<char* const>> words,
+                    bool recorded) {
+  const auto isWanted = [&words](std::string_view name) {
+    return !words || std::find(words->begin(), words->end(), name) != words->end();
+  };
   app.name("mireltoken");
   app.description("Shows what a smart card would publish in the keychain, and why not; uses its keys.");
   app.footer(footer());
@@ -185,10 +191,10 @@ void declareOptions(CLI::App& app, Options& options, bool recorded) {
 
   for (const Command* command : allCommands()) {
     // What is recorded can be shown.
-    if (command == &traceCommand && !recorded) declareRecord(app, options);
-    declareCommand(app, options, *command);
+    if (command == &traceCommand && !recorded && isWanted(kRecord)) declareRecord(app, options);
+    if (isWanted(command->name)) declareCommand(app, options, *command);
   }
-  declareHelp(app, options);
+  if (isWanted(kHelp)) declareHelp(app, options);
 }
 
 std::optional<std::vector<std::string>> commandToRecord(const CLI::App& app) {
@@ -212,13 +218,12 @@ std::vector<std::string> wordsOf(std::span<const CLI::App* const> apps, const Op
     }
   };
   for (const CLI::App* app : apps) {
+    if (!app) continue;
     for (const CLI::App* command : app->get_subcommands()) {
       if (command->get_name() != kRecord) add(*command);
     }
     add(*app);
   }
-  if (options.moduleIsFromVariable) words.insert(words.end(), {"--module", "PATH"});
-  if (options.readerIsFromVariable) words.insert(words.end(), {"--reader", *options.reader});
   return words;
 }
 

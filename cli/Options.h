@@ -65,16 +65,19 @@ struct Options {
   }
 };
 
-/// Declares everything that the command line takes, with its help. `recorded`: of a command behind "record",
-/// which does not stand there again.
-void declareOptions(CLI::App& app, Options& options, bool recorded = false);
+/// Declares everything that the command line takes, with its help. `words`: those of the command line; only
+/// the commands that are among them are declared, which takes far less time. Nothing: all are. `recorded`: of
+/// a command behind "record", which does not stand there again.
+void declareOptions(CLI::App& app, Options& options,
+                    std::optional<std::span<char* const>> words = std::nullopt, bool recorded = false);
 
 /// The words behind "record" and its own options, which are for another parser; nothing without "record".
 /// After `app` has parsed the command line.
 [[nodiscard]] std::optional<std::vector<std::string>> commandToRecord(const CLI::App& app);
 
 /// What was given on the command line: the command, and the options in the order of their declaration, each
-/// file as the word that the help has for it. `apps`: have parsed the command line, or parts of it.
+/// file as the word that the help has for it. `apps`: have parsed the command line, or parts of it; null ones
+/// have not.
 [[nodiscard]] std::vector<std::string> wordsOf(std::span<const CLI::App* const> apps, const Options& options);
 
 }  // namespace mirel::cli

@@ -9,11 +9,14 @@ void takeVariables(Options& options) {
   if (!options.modulePath && !options.home && !options.replay) {
     options.modulePath = callersVariable("MIRELTOKEN_MODULE");
     options.moduleIsFromVariable = options.modulePath.has_value();
+    if (options.moduleIsFromVariable) options.words.insert(options.words.end(), {"--module", "PATH"});
   }
   // Whoever looks for the right name must not be kept from seeing it by a wrong one.
   if (!options.reader && options.command != &readersCommand && !options.replay) {
     options.reader = callersVariable("MIRELTOKEN_READER");
     options.readerIsFromVariable = options.reader.has_value();
+    if (options.readerIsFromVariable)
+      options.words.insert(options.words.end(), {"--reader", *options.reader});
   }
 }
 

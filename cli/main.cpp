@@ -10,6 +10,8 @@
 #include <cstdio>
 #include <filesystem>
 #include <functional>
+#include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -221,45 +223,74 @@ Result<ExitCode> printHelp(const CLI::App& app, const Options& options) {
   return wrongUsage("there is no command \"" + name + "\"" + suggestionFor(name, names));
 }
 
-/// Parses the command line; with "record" in front, what is to be recorded too. Returns what is to be said
-/// where there is no more to do.
-template <typename Parse>
-std::optional<Result<ExitCode>> parse(CLI::App& app, const Parse& words) {
+/// What reads the command line, and the command behind "record", if there is one.
+struct Parsers {
+  CLI::App whole;
+  std::optional<CLI::App> recorded;
+
+  [[nodiscard]] const CLI::App& last() const { return recorded ? *recorded : whole; }
+};
+
+/// Parses the command line; with "record" in front, what is to be recorded too. `words`: see declareOptions.
+/// Throws what the library throws, where help is wanted too.
+Result<void> parse(std::span<char* const> line, std::optional<std::span<char* const>> words, Parsers& parsers,
+                   Options& options) {
+  declareOptions(parsers.whole, options, words);
+  parsers.whole.parse(static_cast<int>(line.size()), line.data());
+  if (auto behind = commandToRecord(parsers.whole)) {
+    if (auto usage = checkRecord(options); !usage) return usage;
+    declareOptions(parsers.recorded.emplace(), options, words, true);
+    std::reverse(behind->begin(), behind->end());  // the parser takes them from the end
+    parsers.recorded->parse(*behind);
+    if (!options.command) return wrongUsage("record needs a command that uses a card");
+  }
+  const CLI::App* const parsed[] = {parsers.recorded ? &*parsers.recorded : nullptr, &parsers.whole};
+  options.words = wordsOf(parsed, options);
+  return {};
+}
+
+/// Parses a command line that is in order, and no question for help. Nothing where it is not. Only the
+/// commands that it names are declared: to declare all takes longer than the rest of our own work.
+std::optional<Options> parseShort(std::span<char* const> line) {
+  Options options;
+  Parsers parsers;
   try {
-    words();
+    if (!parse(line, line.subspan(1), parsers, options) || !options.command) return std::nullopt;
+  } catch (const CLI::Error&) {
+    return std::nullopt;
+  }
+  return options;
+}
+
+/// Parses any command line. Returns what is to be said where there is no more to do.
+std::optional<Result<ExitCode>> parseWhole(std::span<char* const> line, Options& options) {
+  Parsers parsers;
+  try {
+    if (const auto usage = parse(line, std::nullopt, parsers, options); !usage) return usage.failure();
+    if (!options.command) return printHelp(parsers.whole, options);
   } catch (const CLI::CallForHelp&) {
-    return print(helpText(app));
+    return print(helpText(parsers.last()));
   } catch (const CLI::CallForVersion&) {
     return print(versionText());
   } catch (const CLI::ParseError& error) {
-    return wrongUsage(refusalText(app, error));
+    return wrongUsage(refusalText(parsers.last(), error));
   }
   return std::nullopt;
 }
 
-Result<ExitCode> parseAndRun(int argc, char** argv) {
-  CLI::App app;
+Result<ExitCode> parseAndRun(std::span<char* const> line) {
   Options options;
-  declareOptions(app, options);
-  if (auto said = parse(app, [&] { app.parse(argc, argv); })) return *std::move(said);
-  CLI::App recorded;
-  declareOptions(recorded, options, true);
-  auto words = commandToRecord(app);
-  if (words) {
-    if (const auto usage = checkRecord(options); !usage) return usage.failure();
-    std::reverse(words->begin(), words->end());  // the parser takes them from the end
-    if (auto said = parse(recorded, [&] { recorded.parse(*words); })) return *std::move(said);
-    if (!options.command) return wrongUsage("record needs a command that uses a card");
+  if (auto parsed = parseShort(line)) {
+    options = *std::move(parsed);
+  } else if (auto said = parseWhole(line, options)) {
+    return *std::move(said);
   }
-  if (!options.command) return printHelp(app, options);
   if (const auto usage = checkUsage(options); !usage) return usage.failure();
   for (auto* name : {&options.in, &options.out}) {
     if (*name == "-") name->reset();
   }
   if (const auto descriptor = checkPinDescriptor(options); !descriptor) return descriptor.failure();
   takeVariables(options);
-  const CLI::App* const parsed[] = {&recorded, &app};
-  options.words = wordsOf(parsed, options);
   return run(options);
 }
 
@@ -281,7 +312,7 @@ ExitCode start(int argc, char** argv) {
   occupyStandardStreams();
   if (const auto code = runFirstStart(argc, systemDesktop().get(), *systemUserDirectory())) return *code;
   if (argc <= 1) return askForCommand();
-  const auto done = guarded([&] { return parseAndRun(argc, argv); });
+  const auto done = guarded([&] { return parseAndRun({argv, static_cast<std::size_t>(argc)}); });
   return done ? *done : report(done.failure(), asksForJson(argc, argv));
 }
 

@@ -2,6 +2,8 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -43,10 +45,38 @@ void checkOptions(const cli::Options& options) {
   if (const auto key = checkKeyName(*options.key); !key) checkFailure(key.failure());
 }
 
+/// What the parser makes of these words when it knows all commands, or only those that are among them;
+/// nothing where it takes them not, or prints something.
+std::optional<cli::Options> parsed(std::span<char* const> line, bool knowsAll) {
+  CLI::App app;
+  cli::Options options;
+  std::optional<std::span<char* const>> words;
+  if (!knowsAll) words = line.subspan(1);
+  cli::declareOptions(app, options, words);
+  try {
+    app.parse(static_cast<int>(line.size()), line.data());
+  } catch (const CLI::Error&) {
+    return std::nullopt;
+  }
+  const CLI::App* const apps[] = {&app};
+  options.words = cli::wordsOf(apps, options);
+  return options;
+}
+
+/// Commands that a command line does not name make no difference to what it means.
+void checkShortParsing(std::span<char* const> line) {
+  const auto whole = parsed(line, true);
+  const auto fewer = parsed(line, false);
+  check(whole.has_value() == fewer.has_value(), "both parsers take the same command lines");
+  if (!whole || !fewer) return;
+  check(whole->command == fewer->command && whole->words == fewer->words, "both see the same in it");
+}
+
 void run(Input& input) {
   std::vector<std::string> words = wordsFrom(input);
   std::vector<char*> argv;
   for (std::string& word : words) argv.push_back(word.data());
+  checkShortParsing(argv);
   CLI::App app;
   cli::Options options;
   cli::declareOptions(app, options);
