@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <mutex>
 #include <vector>
 
 #include "PasswordDatabase.h"
@@ -15,25 +16,51 @@ constexpr std::size_t kLargestBufferSize = 1024 * kFirstBufferSize;
 
 std::string orEmpty(const char* text) { return text ? text : ""; }
 
+/// Asks the database, which may be behind a network, once for a user. What it did not tell is asked again.
 class PasswordUserDirectory final : public UserDirectory {
  public:
   std::string loginName() noexcept override {
+    const std::lock_guard lock{mutex_};
     const uid_t user = geteuid();
+    if (name_.empty() || user_ != user) {
+      name_ = nameOf(user);
+      user_ = user;
+    }
+    return name_;
+  }
+
+  std::string homeOf(const std::string& loginName) noexcept override {
+    // The database would look for the part before the NUL, which is another user.
+    if (loginName.find('\0') != std::string::npos) return {};
+    const std::lock_guard lock{mutex_};
+    if (home_.empty() || homesUser_ != loginName) {
+      home_ = askedHomeOf(loginName);
+      homesUser_ = loginName;
+    }
+    return home_;
+  }
+
+ private:
+  static std::string nameOf(uid_t user) {
     const auto entry = readPasswordEntry([user](passwd* out, char* buffer, std::size_t size, passwd** found) {
       return getpwuid_r(user, out, buffer, size, found);
     });
     return entry ? entry->name : std::string{};
   }
 
-  std::string homeOf(const std::string& loginName) noexcept override {
-    // The database would look for the part before the NUL, which is another user.
-    if (loginName.find('\0') != std::string::npos) return {};
+  static std::string askedHomeOf(const std::string& loginName) {
     const auto entry =
         readPasswordEntry([&loginName](passwd* out, char* buffer, std::size_t size, passwd** found) {
           return getpwnam_r(loginName.c_str(), out, buffer, size, found);
         });
     return entry ? usableHome(entry->home) : std::string{};
   }
+
+  std::mutex mutex_;
+  uid_t user_ = 0;
+  std::string name_;  // of that user; empty: not known
+  std::string homesUser_;
+  std::string home_;  // of that login name; empty: not known
 };
 
 }  // namespace
