@@ -90,6 +90,7 @@ Host::Host(PlatformServices services, std::string givenModule)
   services_.loader = loaderWithDiary(services_.loader, diary_);
   services_.observer = diary_;
   services_.timeAndChance = givenOrSystem(services_.timeAndChance);
+  certificates_ = services_.certificates;
   bridge_ = std::make_unique<P11Bridge>(services_);
 }
 
@@ -195,7 +196,8 @@ Result<InsertedCard> Host::insert(const Text& readerName) {
   const Reader& reader = chosen->reader;
 
   PlatformServices services = services_;
-  services.certificates = parserWithMemory(services_.certificates);
+  // For the examination of the card too, which sees the same certificates.
+  services.certificates = certificates_ = parserWithMemory(services_.certificates);
   std::optional<TKError> error;
   diary_->clear();
   const auto token = HostToken::createdForReader(services, reader.distinctName, &error);

@@ -226,7 +226,7 @@ CardContents Host::contentsOf(const Reader& reader, const std::vector<Finding>& 
   CardContents nothing;
   nothing.failedRead = kAnotherCard;
   if (holdsAnotherCard(tokenFindings)) return nothing;
-  return readCard(*bridge_, reader.slotID, *services_.certificates, afterLogin);
+  return readCard(*bridge_, reader.slotID, *certificates_, afterLogin);
 }
 
 CardReport Host::examine(const InsertedCard& card, bool afterLogin) {

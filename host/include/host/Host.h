@@ -180,8 +180,9 @@ class Host {
   PlatformServices services_;
   std::string givenModule_;
   std::shared_ptr<FailureDiary> diary_;
-  std::unique_ptr<P11Bridge> bridge_;  // the host's own, for finding readers
-  std::vector<Reader> lastFound_;      // all readers, as they were listed last
+  std::unique_ptr<P11Bridge> bridge_;                // the host's own, for finding readers
+  std::vector<Reader> lastFound_;                    // all readers, as they were listed last
+  std::shared_ptr<CertificateParser> certificates_;  // knows those of the card that was inserted last
 };
 
 }  // namespace mirel
