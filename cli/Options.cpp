@@ -76,56 +76,94 @@ constexpr const char* kRemarks =
 
 std::string footer() { return kExamples + moduleInHome("").substr(1) + kRemarks; }
 
-void declarePinOptions(CLI::App& app, Options& options) {
-  auto* file = app.add_option("--pin-file", options.pinFile,
-                              "Read the PIN from this file, which nobody else may read");
-  auto* descriptor = app.add_option("--pin-fd", options.pinFd, "Read the PIN from this open file descriptor");
-  file->type_name("FILE")->excludes(descriptor);
-  descriptor->type_name("N");
-  app.add_flag("--last-try", options.lastTry,
-               "Send a PIN from a file or descriptor also when that may lock the card");
+/// What of the command line's language is to be declared.
+class Wanted {
+ public:
+  explicit Wanted(std::optional<std::span<char* const>> words) : words_{words} {}
+
+  [[nodiscard]] bool command(std::string_view name) const {
+    return !words_ || std::find(words_->begin(), words_->end(), name) != words_->end();
+  }
+  /// `name`: with its dashes; one without stands for any word.
+  [[nodiscard]] bool option(std::string_view name) const {
+    const auto isNamed = [name](std::string_view word) { return word.starts_with(name); };
+    return !words_ || !name.starts_with('-') || std::any_of(words_->begin(), words_->end(), isNamed);
+  }
+
+ private:
+  std::optional<std::span<char* const>> words_;
+};
+
+/// Declares what is wanted of the options of a program or a command.
+class Declarer {
+ public:
+  Declarer(CLI::App& app, const Wanted& wanted) : app_{app}, wanted_{wanted} {}
+
+  /// With a value. Null where it is not wanted.
+  template <typename Value>
+  CLI::Option* option(const char* name, Value& value, const char* help, const char* type) const {
+    if (!wanted_.option(name)) return nullptr;
+    return app_.add_option(name, value, help)->type_name(type);
+  }
+
+  template <typename Value>
+  void seconds(const char* name, Value& value, const char* help, int least) const {
+    if (auto* declared = option(name, value, help, "N"))
+      declared->check(CLI::Range(least, kLongestTimeout).description(""));
+  }
+
+  void flag(const char* name, bool& value, const char* help) const {
+    if (wanted_.option(name)) app_.add_flag(name, value, help);
+  }
+
+ private:
+  CLI::App& app_;
+  const Wanted& wanted_;
+};
+
+/// Options that may be null.
+void exclude(CLI::Option* one, CLI::Option* other) {
+  if (one && other) one->excludes(other);
 }
 
-void declareOption(CLI::App& app, Options& options, const CommandOption& option) {
+void declarePinOptions(const Declarer& declarer, Options& options) {
+  auto* file = declarer.option("--pin-file", options.pinFile,
+                               "Read the PIN from this file, which nobody else may read", "FILE");
+  exclude(file,
+          declarer.option("--pin-fd", options.pinFd, "Read the PIN from this open file descriptor", "N"));
+  declarer.flag("--last-try", options.lastTry,
+                "Send a PIN from a file or descriptor also when that may lock the card");
+}
+
+void declareOption(CLI::App& app, const Wanted& wanted, Options& options, const CommandOption& option) {
+  const Declarer declarer{app, wanted};
   switch (option.kind) {
     case CommandOption::Kind::kKey:
-    case CommandOption::Kind::kOptionalKey:
-      app.add_option("--key", options.key, option.help)->type_name("ID");
-      break;
+    case CommandOption::Kind::kOptionalKey: declarer.option("--key", options.key, option.help, "ID"); break;
     case CommandOption::Kind::kAlgorithm:
-      app.add_option("--algorithm", options.algorithm, option.help)->type_name("NAME");
+      declarer.option("--algorithm", options.algorithm, option.help, "NAME");
       break;
-    case CommandOption::Kind::kInput:
-      app.add_option("--in", options.in, option.help)->type_name("FILE");
-      break;
-    case CommandOption::Kind::kOutput:
-      app.add_option("--out", options.out, option.help)->type_name("FILE");
-      break;
-    case CommandOption::Kind::kPin: declarePinOptions(app, options); break;
+    case CommandOption::Kind::kInput: declarer.option("--in", options.in, option.help, "FILE"); break;
+    case CommandOption::Kind::kOutput: declarer.option("--out", options.out, option.help, "FILE"); break;
+    case CommandOption::Kind::kPin: declarePinOptions(declarer, options); break;
     case CommandOption::Kind::kFile:
-      app.add_option(option.flag, options.files[option.flag], option.help)->type_name("FILE");
+      declarer.option(option.flag, options.files[option.flag], option.help, "FILE");
       break;
-    case CommandOption::Kind::kExec:
-      app.add_option("--exec", options.exec, option.help)->type_name("COMMAND");
-      break;
-    case CommandOption::Kind::kSeconds:
-      app.add_option("--for", options.seconds, option.help)
-          ->type_name("N")
-          ->check(CLI::Range(1, kLongestTimeout).description(""));
-      break;
+    case CommandOption::Kind::kExec: declarer.option("--exec", options.exec, option.help, "COMMAND"); break;
+    case CommandOption::Kind::kSeconds: declarer.seconds("--for", options.seconds, option.help, 1); break;
     case CommandOption::Kind::kWord: app.add_option(option.flag, options.word, option.help); break;
     case CommandOption::Kind::kFlag:
-      app.add_flag(option.flag, options.flags[option.flag], option.help);
+      declarer.flag(option.flag, options.flags[option.flag], option.help);
       break;
   }
 }
 
-void declareCommand(CLI::App& app, Options& options, const Command& command) {
+void declareCommand(CLI::App& app, const Wanted& wanted, Options& options, const Command& command) {
   CLI::App* declared = app.add_subcommand(command.name, command.help);
   declared->fallthrough();
   declared->footer("");  // not the whole program's
   declared->callback([&options, &command] { options.command = &command; });
-  for (const CommandOption& option : command.options) declareOption(*declared, options, option);
+  for (const CommandOption& option : command.options) declareOption(*declared, wanted, options, option);
 }
 
 /// No command of the list: it stands before one.
@@ -151,50 +189,49 @@ void declareHelp(CLI::App& app, Options& options) {
 
 void declareOptions(CLI::App& app, Options& options, std::optional<std::span<char* const>> words,
                     bool recorded) {
-  const auto isWanted = [&words](std::string_view name) {
-    return !words || std::find(words->begin(), words->end(), name) != words->end();
-  };
+  const Wanted wanted{words};
+  const Declarer declarer{app, wanted};
   app.name("mireltoken");
-  app.description("Shows what a smart card would publish in the keychain, and why not; uses its keys.");
-  app.footer(footer());
-  app.set_version_flag("--version", "", "Print the version, with those of the libraries, and exit");
-  app.set_help_flag("-h,--help", "Print this help and exit");
   app.require_subcommand(1);
+  if (!words) {
+    app.description("Shows what a smart card would publish in the keychain, and why not; uses its keys.");
+    app.footer(footer());
+    app.set_version_flag("--version", "", "Print the version, with those of the libraries, and exit");
+    app.set_help_flag("-h,--help", "Print this help and exit");
+  }
 
-  auto* module =
-      app.add_option("--module", options.modulePath,
-                     "Use this PKCS #11 module (a file, or a name that p11-kit knows), for this run only");
-  auto* home = app.add_option("--home", options.home, "Look for the module in this home folder");
-  module->type_name("PATH")->excludes(home);
-  home->type_name("DIR");
-  app.add_flag("--trust-module", options.trustModule,
-               "Load the module although somebody else may change its file");
-  app.add_option("--reader", options.reader,
-                 "The reader: its name, or a beginning that fits no other (default: the first with an "
-                 "initialised card)")
-      ->type_name("NAME");
-  app.add_option("--timeout", options.timeout,
-                 "Give a call of the module this many seconds, 0 for any time (default: 30)")
-      ->type_name("N")
-      ->check(CLI::Range(0, kLongestTimeout).description(""));
-  app.add_flag("--json", options.json, "Print JSON for programs");
-  app.add_option("--trace", options.trace, "Write each call of the module to this file, while it is made")
-      ->type_name("FILE");
-  app.add_option("--replay", options.replay, "Let this recording answer in place of a module and a card")
-      ->type_name("FILE")
-      ->excludes(module)
-      ->excludes(home);
+  auto* module = declarer.option(
+      "--module", options.modulePath,
+      "Use this PKCS #11 module (a file, or a name that p11-kit knows), for this run only", "PATH");
+  auto* home = declarer.option("--home", options.home, "Look for the module in this home folder", "DIR");
+  exclude(module, home);
+  declarer.flag("--trust-module", options.trustModule,
+                "Load the module although somebody else may change its file");
+  declarer.option("--reader", options.reader,
+                  "The reader: its name, or a beginning that fits no other (default: the first with an "
+                  "initialised card)",
+                  "NAME");
+  declarer.seconds("--timeout", options.timeout,
+                   "Give a call of the module this many seconds, 0 for any time (default: 30)", 0);
+  declarer.flag("--json", options.json, "Print JSON for programs");
+  declarer.option("--trace", options.trace, "Write each call of the module to this file, while it is made",
+                  "FILE");
+  auto* replay = declarer.option("--replay", options.replay,
+                                 "Let this recording answer in place of a module and a card", "FILE");
+  exclude(replay, module);
+  exclude(replay, home);
   // Added, since a command behind "record" may have some of its own.
   const auto count = [&options](std::int64_t times) { options.verbose += static_cast<int>(times); };
-  app.add_flag_function("-v,--verbose", count,
-                        "Print the log lines on standard error; twice (-vv): the calls of the module, too");
+  if (wanted.option("-v") || wanted.option("--verbose"))
+    app.add_flag_function("-v,--verbose", count,
+                          "Print the log lines on standard error; twice (-vv): the calls of the module, too");
 
   for (const Command* command : allCommands()) {
     // What is recorded can be shown.
-    if (command == &traceCommand && !recorded && isWanted(kRecord)) declareRecord(app, options);
-    if (isWanted(command->name)) declareCommand(app, options, *command);
+    if (command == &traceCommand && !recorded && wanted.command(kRecord)) declareRecord(app, options);
+    if (wanted.command(command->name)) declareCommand(app, wanted, options, *command);
   }
-  if (isWanted(kHelp)) declareHelp(app, options);
+  if (wanted.command(kHelp)) declareHelp(app, options);
 }
 
 std::optional<std::vector<std::string>> commandToRecord(const CLI::App& app) {

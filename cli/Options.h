@@ -66,8 +66,8 @@ struct Options {
 };
 
 /// Declares everything that the command line takes, with its help. `words`: those of the command line; only
-/// the commands that are among them are declared, which takes far less time. Nothing: all are. `recorded`: of
-/// a command behind "record", which does not stand there again.
+/// the commands and options that they name are declared, without questions for help, which takes far less
+/// time. Nothing: all are. `recorded`: of a command behind "record", which does not stand there again.
 void declareOptions(CLI::App& app, Options& options,
                     std::optional<std::span<char* const>> words = std::nullopt, bool recorded = false);
 

@@ -249,8 +249,8 @@ Result<void> parse(std::span<char* const> line, std::optional<std::span<char* co
   return {};
 }
 
-/// Parses a command line that is in order, and no question for help. Nothing where it is not. Only the
-/// commands that it names are declared: to declare all takes longer than the rest of our own work.
+/// Parses a command line that is in order, and no question for help. Nothing where it is not. Only what it
+/// names is declared: to declare all takes longer than the rest of our own work.
 std::optional<Options> parseShort(std::span<char* const> line) {
   Options options;
   Parsers parsers;
