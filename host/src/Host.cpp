@@ -75,6 +75,14 @@ std::vector<PublishedItem> publishedItems(HostToken& token) {
   return items;
 }
 
+/// Why no reader holds a card that the module knows. A card that was put in since leaves nothing to say but
+/// that there was none.
+std::vector<Finding> noCardFindings(const std::vector<Reader>& all, const CardServiceView& service) {
+  std::vector<Finding> findings = readerFindings(all, service);
+  if (findings.empty()) findings.push_back({FindingID::kReadersEmpty, Severity::kFailure, {}, {}});
+  return findings;
+}
+
 /// True when more slots hold a token than the bridge has the module list.
 bool tooManyCards(P11Bridge& bridge) noexcept {
   CK_ULONG numSlots = 0;
@@ -174,7 +182,7 @@ Result<Reader> Host::readerNamed(const Text& readerName, const std::vector<Reade
                    "the module finds no token in it", "put a card into it"};
   }
   const std::string what = "there is no reader " + quoted(shownName);
-  if (candidates.empty()) return noCardFailure(what, readerFindings(*all, service));
+  if (candidates.empty()) return noCardFailure(what, noCardFindings(*all, service));
   return Failure{FailureKind::kNoCard, what, "the readers with a card are " + namesOf(candidates),
                  UserStep::kSeeReaders};
 }
@@ -182,9 +190,7 @@ Result<Reader> Host::readerNamed(const Text& readerName, const std::vector<Reade
 Host::NoCard Host::whyNoCard(std::string what) {
   const auto all = findReaders(*bridge_, *diary_, givenModule_, false);
   if (!all) return {all.failure(), false};
-  std::vector<Finding> findings = readerFindings(*all, viewOf(services_.cardService));
-  // A card that was put in since leaves nothing to say but that there was none.
-  if (findings.empty()) findings.push_back({FindingID::kReadersEmpty, Severity::kFailure, {}, {}});
+  const std::vector<Finding> findings = noCardFindings(*all, viewOf(services_.cardService));
   const FindingID first = findings.front().id;
   return {noCardFailure(std::move(what), findings),
           first == FindingID::kReadersEmpty || first == FindingID::kNoReader};

@@ -141,6 +141,16 @@ TEST_F(NoCard, IsToldOfTheReaderThatIsNamed) {
               HasSubstr("ATR 3BCC"));
 }
 
+TEST_F(NoCard, IsToldWhereOneIsPutInMeanwhile) {
+  script.hook<&CK_FUNCTION_LIST::C_GetSlotList>([&](auto real, auto present, auto* list, auto* count) {
+    const CK_RV rv = real(present, list, count);
+    if (script.slots().empty()) (void)script.addSlot("Reader A", emptyCard("A", "1"));
+    return rv;
+  });
+  EXPECT_EQ(failureOf(hostWith(answering({kUnknown})).insert(Text{u"Reader B"})).why,
+            "no reader holds a card");
+}
+
 TEST_F(NoCard, IsNotLookedForWhereTheModuleShowsOne) {
   (void)script.addSlot("Reader A", emptyCard("A", "1"));
   Host& asked = hostWith(answering({kUnknown}));
