@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <memory>
 #include <span>
@@ -22,8 +23,8 @@ inline constexpr unsigned kAllKeys = kSigner | kVault | kAgree;
 
 /// The RSA key of the good card, whose private half the module uses (1024 bits).
 [[nodiscard]] const test::SoftwareKey& goodKey();
-/// The certificate of its key "01", which signs.
-[[nodiscard]] const test::Value& signerCertificate();
+/// The certificates of the keys, in their order.
+[[nodiscard]] const std::array<test::Value, 3>& goodCertificates();
 
 /// The PIN of the good card. Long and odd enough to be found where it must not be.
 inline constexpr std::string_view kGoodPin = "q7#Zk!2x";
