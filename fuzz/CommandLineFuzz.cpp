@@ -2,9 +2,9 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <optional>
 #include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Check.h"
@@ -45,43 +45,59 @@ void checkOptions(const cli::Options& options) {
   if (const auto key = checkKeyName(*options.key); !key) checkFailure(key.failure());
 }
 
-/// What the parser makes of these words when it knows all commands, or only those that are among them;
-/// nothing where it takes them not, or prints something.
-std::optional<cli::Options> parsed(std::span<char* const> line, bool knowsAll) {
+/// The program's command line, declared once for all runs: that takes many times as long as to read words
+/// with it.
+class CommandLine {
+ public:
+  CommandLine() { cli::declareOptions(app, options); }
+
+  /// Forgets the words that were read. The app does so itself; it knows the members of the maps by their
+  /// address.
+  void reset() {
+    auto flags = std::move(options.flags);
+    auto files = std::move(options.files);
+    options = cli::Options{};
+    for (auto& [name, isSet] : flags) isSet = false;
+    for (auto& [name, file] : files) file.reset();
+    options.flags = std::move(flags);
+    options.files = std::move(files);
+  }
+
   CLI::App app;
   cli::Options options;
-  std::optional<std::span<char* const>> words;
-  if (!knowsAll) words = line.subspan(1);
-  cli::declareOptions(app, options, words);
+};
+
+/// Commands that a command line does not name make no difference to what it means. `whole`: what the parser
+/// that knows all of them makes of it; null where it takes the words not, or prints something.
+void checkShortParsing(std::span<char* const> line, const CLI::App& parser, const cli::Options* whole) {
+  CLI::App app;
+  cli::Options options;
+  cli::declareOptions(app, options, line.subspan(1));
+  bool taken = true;
   try {
     app.parse(static_cast<int>(line.size()), line.data());
   } catch (const CLI::Error&) {
-    return std::nullopt;
+    taken = false;
   }
-  const CLI::App* const apps[] = {&app};
-  options.words = cli::wordsOf(apps, options);
-  return options;
-}
-
-/// Commands that a command line does not name make no difference to what it means.
-void checkShortParsing(std::span<char* const> line) {
-  const auto whole = parsed(line, true);
-  const auto fewer = parsed(line, false);
-  check(whole.has_value() == fewer.has_value(), "both parsers take the same command lines");
-  if (!whole || !fewer) return;
-  check(whole->command == fewer->command && whole->words == fewer->words, "both see the same in it");
+  check(taken == (whole != nullptr), "both parsers take the same command lines");
+  if (!whole || !taken) return;
+  const CLI::App* const fewer[] = {&app};
+  const CLI::App* const all[] = {&parser};
+  check(options.command == whole->command && cli::wordsOf(fewer, options) == cli::wordsOf(all, *whole),
+        "both see the same in it");
 }
 
 void run(Input& input) {
+  static CommandLine line;
+  auto& [app, options] = line;
+  line.reset();
   std::vector<std::string> words = wordsFrom(input);
   std::vector<char*> argv;
   for (std::string& word : words) argv.push_back(word.data());
-  checkShortParsing(argv);
-  CLI::App app;
-  cli::Options options;
-  cli::declareOptions(app, options);
+  bool taken = false;
   try {
     app.parse(static_cast<int>(argv.size()), argv.data());
+    taken = true;
     checkOptions(options);
     if (!options.command) (void)cli::helpTextOn(app, options.helpOn.value_or(""));
   } catch (const CLI::CallForHelp&) {
@@ -94,6 +110,7 @@ void run(Input& input) {
     // The words of the user, which stand in it, are made printable where it is written.
     check(isPrintableLine(printableLine(why)), "a refusal can be made printable");
   }
+  checkShortParsing(argv, app, taken ? &options : nullptr);
 }
 
 }  // namespace
