@@ -189,6 +189,7 @@ TEST(AnonymousCertificate, ReplacesValuesOfUnknownMeaning) {
       {"a long number", value(0x02, {{0x12, 0x34, 0x56}}), value(0x02, {{0x01, 0x00, 0x01}})},
       {"long bits", value(0x03, {{0x04, 0x12, 0x34, 0x50}}), value(0x03, {{0x04, 0x01, 0x00, 0x00}})},
       {"a text in bytes", value(0x04, {jane}), value(0x04, {laab})},
+      {"a text where true or false is to be", value(0x01, {jane}), value(0x01, {laab})},
       {"a text of a type of its own", value(0x85, {jane}), value(0x85, {laab})},
       {"a day of birth",
        value(0x18, {{'1', '9', '8', '8', '1', '2', '3', '1', '1', '2', '0', '0', '0', '0', 'Z'}}),

@@ -34,7 +34,8 @@ constexpr std::uint8_t kExtensions = 0xA3;   // [3], explicit
 
 constexpr int kDeepest = 32;
 constexpr std::size_t kLongestSmallNumber = 2;  // bytes; a number of this size is a version or a limit
-constexpr std::size_t kLongestFlags = 3;        // with the byte that counts the unused bits
+constexpr std::size_t kLongestBoolean = 1;
+constexpr std::size_t kLongestFlags = 3;  // with the byte that counts the unused bits
 
 // Extensions that hold no names (RFC 5280, section 4.2.1).
 constexpr std::array<std::string_view, 6> kWithoutNames{{
@@ -209,7 +210,9 @@ void Rewriter::value(const DerValue& value, PseudonymKind kind, int depth) {
   }
   switch (value.tag) {
     case kBoolean:
-    case kNull: return;
+    case kNull:
+      if (content.size() > kLongestBoolean) unknown(content, kind);
+      return;
     case kObjectIdentifier:
       if (hasWord(content)) unknown(content, kind);
       return;
