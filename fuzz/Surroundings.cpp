@@ -168,12 +168,17 @@ Surroundings::~Surroundings() {
 }
 
 PlatformServices Surroundings::services(EditedModule& module) const {
+  PlatformServices all = services();
+  all.loader = module.loader();
+  return all;
+}
+
+PlatformServices Surroundings::services() const {
   const auto user = std::make_shared<test::FakeUserDirectory>("alice", "/home/alice");
   static const auto notifications = std::make_shared<NoNotifications>();
   static const auto strings = std::make_shared<EnglishStrings>();
   static const auto certificates = std::make_shared<ParserForRuns>();
   PlatformServices services;
-  services.loader = module.loader();
   services.user = user;
   services.log = parts_->log;
   services.notifications = notifications;

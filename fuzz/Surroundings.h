@@ -27,6 +27,8 @@ class Surroundings {
   /// Everything that got the services has ended.
   ~Surroundings();
 
+  /// All but a loader.
+  [[nodiscard]] PlatformServices services() const;
   [[nodiscard]] PlatformServices services(EditedModule& module) const;
 
   /// Ends the process when the text has a PIN.

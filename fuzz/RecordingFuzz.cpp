@@ -1,0 +1,259 @@
+// Recordings of a module's calls: a file of any bytes, or the recording of the good card, which the input
+// edits. What can be read is shown, has its names replaced, and answers in place of a module while a card is
+// inserted.
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <type_traits>
+#include <utility>
+#include <variant>
+#include <vector>
+
+#include "CardChecks.h"
+#include "Check.h"
+#include "EditedModule.h"
+#include "Input.h"
+#include "Presentable.h"
+#include "Surroundings.h"
+#include "host/Host.h"
+#include "platform/Log.h"
+#include "recording/AnonymousRecording.h"
+#include "recording/CallText.h"
+#include "recording/Recorder.h"
+#include "recording/RecordingFile.h"
+#include "recording/Replayer.h"
+
+namespace mirel::fuzz {
+namespace {
+
+using namespace recording;
+
+/// What is done with each card, be it recorded or replayed. Returns the number of its items, 0: there is no
+/// card.
+std::size_t useCard(const PlatformServices& services) {
+  Host host{services};
+  const auto card = host.insert(Text{});
+  if (!card) {
+    checkFailure(card.failure());
+    lookAtReaders(host);
+    return 0;
+  }
+  checkItems(*card);
+  checkReport(host.examine(*card, true));
+  return card->items.size();
+}
+
+// ---- The recording of the good card ----
+
+class KeptRecords final : public RecordSink {
+ public:
+  void note(const Record& record) noexcept override { records.push_back(record); }
+  std::vector<Record> records;
+};
+
+struct GoodRun {
+  Recording recording;
+  std::size_t numItems = 0;
+};
+
+GoodRun recordGoodRun() {
+  Input nothing{{}};
+  const Surroundings surroundings{nothing, {}};
+  EditedModule module{nothing, kAllKeys};
+  const auto kept = std::make_shared<KeptRecords>();
+  PlatformServices services = surroundings.services(module);
+  const ModuleNotes note = recordInto({kept}, services);
+  note({});
+  const std::size_t numItems = useCard(services);
+  check(numItems > 0, "the good card is published");
+  return {{{"0.1.0", {"items"}, 1'700'000'000, "module.so"}, kept->records}, numItems};
+}
+
+const GoodRun& goodRun() {
+  static const GoodRun run = recordGoodRun();
+  return run;
+}
+
+// ---- Edits ----
+
+Value valueFrom(Input& input) {
+  switch (input.below(8)) {
+    case 0: return {NullPointer{}};
+    case 1: {
+      const ByteVector text = input.bytes(300);
+      return {std::string{text.begin(), text.end()}};
+    }
+    case 2: return {input.bytes(300)};
+    case 3: return {HiddenBytes{input.number()}};
+    case 4: return {List{}};
+    case 5: return {Fields{}};
+    default: return {input.number()};
+  }
+}
+
+/// The values of a structure or a list; none of anything else.
+std::vector<Value*> partsOf(Value& value) {
+  std::vector<Value*> parts;
+  if (auto* const list = std::get_if<List>(&value.held)) {
+    for (Value& one : *list) parts.push_back(&one);
+  } else if (auto* const fields = std::get_if<Fields>(&value.held)) {
+    for (NamedValue& field : *fields) parts.push_back(&field.value);
+  }
+  return parts;
+}
+
+/// Puts another value in the place of one, however deep it lies.
+void editFields(Input& input, Fields& fields) {
+  constexpr std::size_t kEndsHere = 0x0F;
+  Value all{std::move(fields)};
+  Value* place = &all;
+  for (auto parts = partsOf(all); !parts.empty(); parts = partsOf(*place)) {
+    const std::size_t which = input.byte();
+    if (place != &all && which % 16 == kEndsHere) break;
+    place = parts[which % parts.size()];
+  }
+  if (place != &all) *place = valueFrom(input);
+  fields = std::move(std::get<Fields>(all.held));
+}
+
+void editRecord(Input& input, Record& record) {
+  std::visit(
+      [&](auto& one) {
+        using Kind = std::decay_t<decltype(one)>;
+        if constexpr (std::is_same_v<Kind, RecordedCall>) {
+          const std::size_t part = input.below(8);
+          if (part == 0) {
+            one.result = input.number();
+          } else {
+            editFields(input, part == 1 ? one.in : one.out);
+          }
+        } else if constexpr (std::is_same_v<Kind, RecordedLoading>) {
+          one.error = "the loader says why";
+        } else if constexpr (std::is_same_v<Kind, RecordedTime>) {
+          one.time = static_cast<std::int64_t>(input.number());
+        }
+      },
+      record);
+}
+
+/// Takes the record through a file. False when it is refused.
+bool passThroughFile(const Header& header, Record& record) {
+  const std::string line = lineOf(record);
+  ReadRecording read = readRecording(lineOf(header) + line);
+  check(read.recording.has_value() == read.refusal.empty(), "what is refused has a reason");
+  if (!read.recording) return false;
+  check(read.recording->records.size() == 1 && lineOf(read.recording->records.front()) == line,
+        "a record is read as it was written");
+  record = std::move(read.recording->records.front());
+  return true;
+}
+
+/// False when the file would be refused.
+bool edit(Input& input, Recording& recording) {
+  constexpr int kMostEdits = 12;
+  for (int i = 0; i < kMostEdits && !input.atEnd() && !recording.records.empty(); ++i) {
+    auto& records = recording.records;
+    const std::size_t how = input.below(8);
+    const std::size_t which = input.byte() % records.size();
+    const auto at = records.begin() + static_cast<std::ptrdiff_t>(which);
+    switch (how) {
+      case 0: records.erase(at); break;
+      case 1: records.insert(at, Record{*at}); break;
+      case 2: std::swap(*at, records[(which + 1) % records.size()]); break;
+      default:
+        editRecord(input, *at);
+        if (!passThroughFile(recording.header, *at)) return false;
+        break;
+    }
+  }
+  return true;
+}
+
+// ---- What is done with a recording ----
+
+void show(const Recording& recording) {
+  for (const Record& record : recording.records) {
+    const auto* const call = std::get_if<RecordedCall>(&record);
+    if (!call) continue;
+    checkShown(printableLine(subjectText(*call)), "what a call is about");
+    check(resultOfText(resultText(call->result)) == call->result, "the text of a result is that result");
+    (void)isFailure(*call);  // may be either
+  }
+}
+
+struct Replayed {
+  std::size_t numItems = 0;
+  bool wasComplete = true;  ///< nothing was asked for that was not recorded
+};
+
+Replayed replay(Input& input, Recording recording) {
+  const Surroundings surroundings{input, {}};
+  Replayed replayed;
+  const auto onMissing = [&replayed](const std::string& what) {
+    check(isPrintableLine(printableLine(what)), "what is missing can be shown");
+    replayed.wasComplete = false;
+  };
+  PlatformServices services = surroundings.services();
+  const RecordedModules modules = replayInto(std::move(recording), onMissing, services);
+  (void)modules();
+  replayed.numItems = useCard(services);
+  return replayed;
+}
+
+/// Names are replaced, and the recording has the same shape.
+Recording anonymousForm(const Recording& recording) {
+  const std::vector<std::string> users{"alice"};
+  Recording anonymous = anonymousRecording(recording, users).recording;
+  check(anonymous.records.size() == recording.records.size(), "no record gets lost with the names");
+  return anonymous;
+}
+
+void tryFile(Input& input) {
+  constexpr std::size_t kMostOfOurs = 100'000;
+  const std::string text{input.rest().begin(), input.rest().end()};
+  const ReadRecording read = readRecording(text, kMostOfOurs);
+  check(read.recording.has_value() == read.refusal.empty(), "what is refused has a reason");
+  if (!read.recording) return checkShown(printableLine(read.refusal), "why a file is refused");
+  const std::string written = textOf(*read.recording);
+  const ReadRecording again = readRecording(written);
+  check(again.recording && !again.isCutOff && textOf(*again.recording) == written,
+        "a file is read as it was written");
+  show(*read.recording);
+  check(readRecording(textOf(anonymousForm(*read.recording))).recording.has_value(),
+        "a file without names can be read");
+  Input nothing{{}};
+  (void)replay(nothing, *read.recording);
+}
+
+void tryEdited(Input& input, bool withoutNames) {
+  const bool isGood = input.atEnd();
+  Recording recording = goodRun().recording;
+  if (!edit(input, recording)) return;
+  show(recording);
+  if (withoutNames) recording = anonymousForm(recording);
+  const Replayed replayed = replay(input, std::move(recording));
+  check(!isGood || (replayed.wasComplete && replayed.numItems == goodRun().numItems),
+        "a recording replays as it was recorded");
+}
+
+void run(Input& input) {
+  switch (input.below(4)) {
+    case 0: return tryFile(input);
+    case 1: return tryEdited(input, true);
+    default: return tryEdited(input, false);
+  }
+}
+
+}  // namespace
+}  // namespace mirel::fuzz
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
+
+int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  mirel::fuzz::Input input{{data, size}};
+  mirel::fuzz::run(input);
+  return 0;
+}
