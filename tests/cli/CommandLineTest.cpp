@@ -131,27 +131,6 @@ TEST_F(CommandLine, HelpHasAnExampleOfEachCommandAndEveryExitCodeOnce) {
   EXPECT_EQ(last, 24);
 }
 
-TEST_F(CommandLine, HelpForACommandNamesItsOptions) {
-  const std::pair<std::string, Arguments> rows[] = {
-      {"items", ""},
-      {"certificate", "--key --out"},
-      {"algorithms", "--key --all"},
-      {"login", "--pin-file --pin-fd"},
-      {"decrypt", "--key --algorithm --in --out --pin-file --pin-fd"},
-      {"exchange", "--key --algorithm --in --out --pin-file --pin-fd"},
-      {"doctor", "--login --html --bundle --anonymous --pin-file --pin-fd"},
-      {"conformance", "--login --html --junit --pin-file --pin-fd"},
-      {"watch", "--exec --for"},
-      {"explain", "ID"},
-  };
-  for (const auto& [command, options] : rows) {
-    const Result result = runAlone({command, "--help"});
-    expectSuccess(result);
-    EXPECT_THAT(result.out, HasSubstr("Usage: mireltoken " + command));
-    for (const std::string& option : options) EXPECT_THAT(result.out, HasSubstr("\n  " + option + " "));
-  }
-}
-
 TEST_F(CommandLine, WordsItsRefusalsLikeThis) {
   const std::pair<Arguments, const char*> rows[] = {
       {"-v", "a subcommand is required"},

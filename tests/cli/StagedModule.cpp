@@ -22,17 +22,13 @@
 ///   MIREL_STAGED_PAUSE        a function in kStaged: its call waits for the end of the process; "entry": so
 ///                             does the entry point; "exit": the process waits when it has done its work.
 ///   MIREL_STAGED_HANGS        the label of a token on which no session can be opened: that call waits for
-///   the
-///                             end of the process, and makes the file MIREL_STAGED_HANGING.
+///                             the end of the process, and makes the file MIREL_STAGED_HANGING.
 ///   MIREL_STAGED_SWAP         a function in kStaged: from its first call on every token has another serial
 ///                             number.
 ///   MIREL_STAGED_SWAP_FILE    the same once there is that file.
 ///   MIREL_STAGED_CALLS        a file that gets the name of every call of the first kNumNoted functions in
 ///                             kStaged, in a line of its own; those of C_GetTokenInfo too. C_Login adds
-///                             "dumpable" and what prctl answers, and C_FindObjects adds "certificate" and
-///                             its ID in hexadecimal digits for each that is found: what order a module has
-///                             can differ from process to process, so only a witness in the same process
-///                             knows it.
+///                             "dumpable" and what prctl answers.
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -44,7 +40,6 @@
 #include <array>
 #include <csignal>
 #include <cstdlib>
-#include <iomanip>
 #include <map>
 #include <optional>
 #include <sstream>
@@ -163,26 +158,6 @@ struct End {
   }
 } end;
 
-void noteCertificate(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object) {
-  CK_OBJECT_CLASS objectClass = 0;
-  std::array<CK_BYTE, 256> id{};
-  std::array entries{CK_ATTRIBUTE{CKA_CLASS, &objectClass, sizeof objectClass},
-                     CK_ATTRIBUTE{CKA_ID, id.data(), id.size()}};
-  const CK_RV rv = real->C_GetAttributeValue(session, object, entries.data(), entries.size());
-  if (rv != CKR_OK || objectClass != CKO_CERTIFICATE) return;
-  std::ostringstream line;
-  line << "certificate " << std::hex << std::uppercase << std::setfill('0');
-  for (std::size_t i = 0; i < entries[1].ulValueLen; ++i) line << std::setw(2) << int{id[i]};
-  note(line.str());
-}
-
-CK_RV findObjects(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE_PTR objects, CK_ULONG room,
-                  CK_ULONG_PTR count) {
-  const CK_RV rv = real->C_FindObjects(session, objects, room, count);
-  for (CK_ULONG i = 0; rv == CKR_OK && i < *count; ++i) noteCertificate(session, objects[i]);
-  return rv;
-}
-
 CK_RV tokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO_PTR info) {
   static unsigned long calls = 0;
   note("C_GetTokenInfo");
@@ -264,7 +239,6 @@ extern "C" __attribute__((visibility("default"))) CK_RV C_GetFunctionList(CK_FUN
   ours.C_Initialize = &initialize;
   ours.C_GetSlotList = &slotList;
   ours.C_OpenSession = &openSession;
-  ours.C_FindObjects = &findObjects;
   ours.C_GetTokenInfo = &tokenInfo;
   ours.C_Login = &Staged<&CK_FUNCTION_LIST::C_Login, 0>::call;
   ours.C_SignInit = &Staged<&CK_FUNCTION_LIST::C_SignInit, 1>::call;

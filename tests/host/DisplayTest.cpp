@@ -80,6 +80,38 @@ TEST(Displayed, GivesBackNoControlWhateverTheBytesAre) {
   }
 }
 
+// A text with characters that are no bytes.
+TEST(Displayed, ShowsCharactersByTheSameRules) {
+  constexpr char16_t kHalf[] = {u'\u0100', 0xD83D, u'b'};
+  const struct {
+    const char* name;
+    Text text;
+    const char* expected;
+  } rows[] = {
+      {"null", Text{}, ""},
+      {"empty", Text{u""}, ""},
+      {"ASCII", Text{u"Card 1 ~!\"'"}, "Card 1 ~!\"'"},
+      {"beyond bytes", Text{u"\u0100\u20AC\U0001F4B3"}, "\u0100\u20AC\U0001F4B3"},
+      {"neighbours of invisible ones", Text{u"\u200A\u2010\u2027\u202F\u205F\u2070"},
+       "\u200A\u2010\u2027\u202F\u205F\u2070"},
+      {"half a pair of surrogates", Text{std::u16string_view{kHalf, 3}}, "\u0100\uFFFDb"},
+      {"NUL, delete and C1", Text{std::u16string_view{u"a\0\x7F\u0080\u009F", 5}}, R"(a\x00\x7F\x80\x9F)"},
+      {"blank that is none, and soft hyphen", Text{u"\u00A0\u00AD"}, R"(\xA0\xAD)"},
+      {"zero width", Text{u"\u200B\u200D\uFEFF"}, R"(\u{200B}\u{200D}\u{FEFF})"},
+      {"directions", Text{u"\u200E\u200F\u202A\u202E\u2066\u2069\u061C"},
+       R"(\u{200E}\u{200F}\u{202A}\u{202E}\u{2066}\u{2069}\u{061C})"},
+      {"line and paragraph separator", Text{u"\u2028\u2029"}, R"(\u{2028}\u{2029})"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    EXPECT_EQ(displayed(row.text), row.expected);
+  }
+}
+
+TEST(DisplayedName, KeepsLatin1AndTheBackslashAndShowsControlsByNumber) {
+  EXPECT_EQ(displayedName(Text{u"CN=\u00A1\u00FF\\,b\x1B[1m\u202E"}), "CN=\u00A1\u00FF\\,b\\x1B[1m\\u{202E}");
+}
+
 TEST(DisplayedAsLatin1, TakesEachByteForACharacter) {
   EXPECT_EQ(displayedAsLatin1(cardText("\x01\xFF\x80\\")), "\\x01\xC3\xBF\\x80\\x5C");
 }
