@@ -1,9 +1,8 @@
-/// The scripted module itself: that it is honest when it is left alone, and hostile exactly as told.
+/// The scripted module itself: that it is hostile exactly as told. All other tests need it to be honest else.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <array>
 #include <vector>
 
@@ -14,7 +13,6 @@ namespace mirel::test {
 namespace {
 
 using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 constexpr CK_ULONG kAllOnes = ~CK_ULONG{0};
 
@@ -28,16 +26,14 @@ class ScriptedModuleTest : public ::testing::Test {
   }
   void TearDown() override { script.reset(); }
 
-  CK_SESSION_HANDLE open() {
-    CK_SESSION_HANDLE session = 0;
+  void open() {
     EXPECT_EQ(module->C_OpenSession(kSlot, CKF_SERIAL_SESSION, nullptr, nullptr, &session), CKR_OK);
-    return session;
   }
-  CK_RV login(CK_SESSION_HANDLE session, std::string_view pin) {
+  CK_RV login(std::string_view pin) {
     Value bytes = bytesOf(pin);
     return module->C_Login(session, CKU_USER, bytes.data(), bytes.size());
   }
-  std::vector<CK_OBJECT_HANDLE> findAll(CK_SESSION_HANDLE session) {
+  std::vector<CK_OBJECT_HANDLE> findAll() {
     EXPECT_EQ(module->C_FindObjectsInit(session, nullptr, 0), CKR_OK);
     std::vector<CK_OBJECT_HANDLE> found(50);
     CK_ULONG count = 0;
@@ -47,117 +43,25 @@ class ScriptedModuleTest : public ::testing::Test {
     return found;
   }
 
+  /// Begins to sign with a session that is logged in.
+  void signInit() {
+    CK_MECHANISM mechanism{CKM_RSA_X_509, nullptr, 0};
+    script.card().loggedIn = true;
+    EXPECT_EQ(module->C_SignInit(session, &mechanism, kPrivateKey), CKR_OK);
+  }
+  CK_RV sign() { return module->C_Sign(session, data.data(), data.size(), output.data(), &length); }
+
   Script& script = scriptedModule();
   CK_FUNCTION_LIST* module = scriptedFunctions();
+  CK_SESSION_HANDLE session = 0;
+  Value data = patternValue(32, 1);
+  std::array<CK_BYTE, 600> output{};
+  CK_ULONG length = 600;
 };
 
-TEST_F(ScriptedModuleTest, HasAnEntryForEveryFunction) {
-  std::array<void*, AllFunctions::kCount + 1> words{};
-  static_assert(sizeof words == sizeof *module);
-  std::copy_n(reinterpret_cast<void* const*>(module), words.size(), words.begin());
-  EXPECT_EQ(std::count(words.begin() + 1, words.end(), nullptr), 0);
-}
-
-TEST_F(ScriptedModuleTest, NeedsToBeInitialisedAndLosesItsSessionsWhenItIsFinalised) {
-  EXPECT_EQ(module->C_Initialize(nullptr), CKR_CRYPTOKI_ALREADY_INITIALIZED);
-  (void)open();
-  EXPECT_EQ(module->C_Finalize(nullptr), CKR_OK);
-  EXPECT_THAT(script.openSessions(), IsEmpty());
-  CK_ULONG count = 0;
-  EXPECT_EQ(module->C_GetSlotList(CK_TRUE, nullptr, &count), CKR_CRYPTOKI_NOT_INITIALIZED);
-  EXPECT_EQ(module->C_CloseSession(5), CKR_CRYPTOKI_NOT_INITIALIZED);
-}
-
-TEST_F(ScriptedModuleTest, ListsSlotsByTheSizeRule) {
-  script.addSlot("Empty");
-  CK_ULONG count = 0;
-  EXPECT_EQ(module->C_GetSlotList(CK_TRUE, nullptr, &count), CKR_OK);
-  EXPECT_EQ(count, 1U);
-  EXPECT_EQ(module->C_GetSlotList(CK_FALSE, nullptr, &count), CKR_OK);
-  EXPECT_EQ(count, 2U);
-  std::array<CK_SLOT_ID, 2> list{};
-  count = 1;
-  EXPECT_EQ(module->C_GetSlotList(CK_FALSE, list.data(), &count), CKR_BUFFER_TOO_SMALL);
-  EXPECT_EQ(count, 2U);
-  EXPECT_EQ(list[0], 0U);
-  EXPECT_EQ(module->C_GetSlotList(CK_FALSE, list.data(), &count), CKR_OK);
-  EXPECT_THAT(list, ElementsAre(1U, 2U));
-}
-
-TEST_F(ScriptedModuleTest, KnowsItsSessionsAndLogsOutWithTheLast) {
-  const CK_SESSION_HANDLE first = open();
-  const CK_SESSION_HANDLE second = open();
-  EXPECT_EQ(first, kFirstSession);
-  EXPECT_EQ(second, kFirstSession + 1);
-  EXPECT_EQ(login(first, "123456"), CKR_OK);
-  EXPECT_EQ(module->C_CloseSession(first), CKR_OK);
-  EXPECT_EQ(module->C_CloseSession(first), CKR_SESSION_HANDLE_INVALID);
-  EXPECT_THAT(script.openSessions(), ElementsAre(second));
-  CK_SESSION_INFO info{};
-  EXPECT_EQ(module->C_GetSessionInfo(second, &info), CKR_OK);
-  EXPECT_EQ(info.state, CKS_RO_USER_FUNCTIONS);
-  EXPECT_EQ(module->C_CloseSession(second), CKR_OK);
-  const CK_SESSION_HANDLE third = open();
-  EXPECT_EQ(module->C_GetSessionInfo(third, &info), CKR_OK);
-  EXPECT_EQ(info.state, CKS_RO_PUBLIC_SESSION);
-}
-
-TEST_F(ScriptedModuleTest, CountsWrongPins) {
-  const CK_SESSION_HANDLE session = open();
-  const auto flags = [&] {
-    CK_TOKEN_INFO info{};
-    EXPECT_EQ(module->C_GetTokenInfo(kSlot, &info), CKR_OK);
-    return info.flags;
-  };
-  EXPECT_EQ(flags(), 0x40DU);
-  EXPECT_EQ(login(session, "12345"), CKR_PIN_INCORRECT);
-  EXPECT_EQ(flags(), 0x40DU | CKF_USER_PIN_COUNT_LOW);
-  EXPECT_EQ(login(session, "1234567"), CKR_PIN_INCORRECT);
-  EXPECT_EQ(flags(), 0x40DU | CKF_USER_PIN_COUNT_LOW | CKF_USER_PIN_FINAL_TRY);
-  EXPECT_EQ(login(session, "000000"), CKR_PIN_INCORRECT);
-  EXPECT_EQ(flags(), 0x40DU | CKF_USER_PIN_LOCKED);
-  EXPECT_EQ(login(session, "123456"), CKR_PIN_LOCKED);
-}
-
-TEST_F(ScriptedModuleTest, ReportsTheTriesLeftWhenToldAndOnlyBeforeTheLogin) {
-  const CK_SESSION_HANDLE session = open();
-  const auto deviceError = [&] {
-    CK_SESSION_INFO info{};
-    EXPECT_EQ(module->C_GetSessionInfo(session, &info), CKR_OK);
-    return info.ulDeviceError;
-  };
-  EXPECT_EQ(deviceError(), 0U);
-  script.deviations.triesLeftAsDeviceError = true;
-  EXPECT_EQ(deviceError(), 3U);
-  EXPECT_EQ(login(session, "000000"), CKR_PIN_INCORRECT);
-  EXPECT_EQ(deviceError(), 2U);
-  EXPECT_EQ(login(session, "123456"), CKR_OK);
-  EXPECT_EQ(deviceError(), 0U);
-}
-
-TEST_F(ScriptedModuleTest, ShowsPrivateObjectsAfterTheLogin) {
-  const CK_SESSION_HANDLE session = open();
-  EXPECT_THAT(findAll(session), ElementsAre(kPublicKey, kCertificate));
-  CK_ATTRIBUTE id{CKA_ID, nullptr, 0};
-  EXPECT_EQ(module->C_GetAttributeValue(session, kPrivateKey, &id, 1), CKR_OBJECT_HANDLE_INVALID);
-  EXPECT_EQ(login(session, "123456"), CKR_OK);
-  EXPECT_THAT(findAll(session), ElementsAre(kPublicKey, kPrivateKey, kCertificate));
-  EXPECT_EQ(module->C_GetAttributeValue(session, kPrivateKey, &id, 1), CKR_OK);
-}
-
-TEST_F(ScriptedModuleTest, AllowsOneSearchInASession) {
-  const CK_SESSION_HANDLE session = open();
-  EXPECT_EQ(module->C_FindObjectsFinal(session), CKR_OPERATION_NOT_INITIALIZED);
-  EXPECT_EQ(module->C_FindObjectsInit(session, nullptr, 0), CKR_OK);
-  EXPECT_EQ(module->C_FindObjectsInit(session, nullptr, 0), CKR_OPERATION_ACTIVE);
-  EXPECT_THAT(script.openSearches(), ElementsAre(session));
-  EXPECT_EQ(module->C_FindObjectsFinal(session), CKR_OK);
-  EXPECT_THAT(script.openSearches(), IsEmpty());
-}
-
 TEST_F(ScriptedModuleTest, ReadsAttributesAsTheStandardSays) {
-  const CK_SESSION_HANDLE session = open();
-  (void)login(session, "123456");
+  open();
+  (void)login("123456");
   CK_BYTE room[300];
   const struct {
     const char* name;
@@ -180,54 +84,13 @@ TEST_F(ScriptedModuleTest, ReadsAttributesAsTheStandardSays) {
   }
 }
 
-TEST_F(ScriptedModuleTest, ReadsTheOtherAttributesWhenOneFails) {
-  const CK_SESSION_HANDLE session = open();
-  CK_ATTRIBUTE attributes[] = {{CKA_EC_POINT, nullptr, 0}, {CKA_LABEL, nullptr, 0}};
-  EXPECT_EQ(module->C_GetAttributeValue(session, kPublicKey, attributes, 2), CKR_ATTRIBUTE_TYPE_INVALID);
-  EXPECT_EQ(attributes[1].ulValueLen, 5U);
-}
-
-TEST_F(ScriptedModuleTest, LosesItsSessionsWithTheCard) {
-  const CK_SESSION_HANDLE session = open();
-  script.pullCard(kSlot, CKR_DEVICE_REMOVED);
-  CK_SESSION_INFO info{};
-  EXPECT_EQ(module->C_GetSessionInfo(session, &info), CKR_DEVICE_REMOVED);
-  CK_TOKEN_INFO token{};
-  EXPECT_EQ(module->C_GetTokenInfo(kSlot, &token), CKR_TOKEN_NOT_PRESENT);
-  EXPECT_THAT(script.openSessions(), IsEmpty());
-  script.insertCard(emptyCard("OTHER", "1"));
-  EXPECT_EQ(module->C_GetTokenInfo(kSlot, &token), CKR_OK);
-  EXPECT_EQ(token.label[0], 'O');
-  EXPECT_EQ(module->C_GetSessionInfo(session, &info), CKR_DEVICE_REMOVED);
-}
-
-// ---- What it records ----
-
-TEST_F(ScriptedModuleTest, WritesCallsDownWithTheirArgumentsAndResults) {
-  const CK_SESSION_HANDLE session = open();
-  CK_BYTE room[33];
-  CK_ATTRIBUTE attributes[] = {
-      {CKA_ID, nullptr, 0}, {CKA_LABEL, room, sizeof room}, {0x9999, nullptr, kAllOnes}};
-  (void)module->C_GetAttributeValue(session, kPublicKey, attributes, 3);
-  (void)module->C_VerifyInit(session, nullptr, 22);
-  EXPECT_THAT(
-      script.callTexts(),
-      ElementsAre("C_OpenSession(1, 4, null, null)",
-                  "C_GetAttributeValue(5, 21, [CKA_ID null 0, CKA_LABEL room 33, CKA 39321 null none])",
-                  "C_VerifyInit(5, null, 22)"));
-  EXPECT_EQ(script.calls()[0].result, CKR_OK);
-  EXPECT_EQ(script.calls()[1].result, CKR_ATTRIBUTE_TYPE_INVALID);
-  EXPECT_EQ(script.calls()[2].result, CKR_FUNCTION_NOT_SUPPORTED);
-}
-
-// ---- Faults and deviations ----
-
 TEST_F(ScriptedModuleTest, FailsTheCallItIsToldTo) {
   script.failCall(1, CKR_DEVICE_ERROR);
-  EXPECT_EQ(login(open(), "123456"), CKR_DEVICE_ERROR);
+  open();
+  EXPECT_EQ(login("123456"), CKR_DEVICE_ERROR);
   EXPECT_TRUE(script.fired());
   EXPECT_FALSE(script.card().loggedIn);
-  EXPECT_EQ(login(kFirstSession, "123456"), CKR_OK);
+  EXPECT_EQ(login("123456"), CKR_OK);
 }
 
 TEST_F(ScriptedModuleTest, FailsFromThenOn) {
@@ -235,13 +98,13 @@ TEST_F(ScriptedModuleTest, FailsFromThenOn) {
   CK_INFO info{};
   EXPECT_EQ(module->C_GetInfo(&info), CKR_OK);
   EXPECT_FALSE(script.fired());
-  (void)open();
+  open();
   EXPECT_EQ(module->C_GetInfo(&info), CKR_DEVICE_ERROR);
   EXPECT_EQ(module->C_GetInfo(&info), CKR_DEVICE_ERROR);
 }
 
 TEST_F(ScriptedModuleTest, ClaimsLengthsButStaysInTheRoom) {
-  const CK_SESSION_HANDLE session = open();
+  open();
   script.deviations.claimedLengths[CKA_LABEL] = {std::nullopt, 7, 5000, kAllOnes};
   std::array<CK_BYTE, 10> room{};
   const auto read = [&] {
@@ -270,7 +133,7 @@ TEST_F(ScriptedModuleTest, ClaimsSlotsAndHandlesButStaysInTheRoom) {
   EXPECT_EQ(count, 12U);
   EXPECT_THAT(list, ElementsAre(1U, 0U));
 
-  const CK_SESSION_HANDLE session = open();
+  open();
   script.deviations.foundPerCall = 5;
   EXPECT_EQ(module->C_FindObjectsInit(session, nullptr, 0), CKR_OK);
   std::array<CK_OBJECT_HANDLE, 2> found{};
@@ -280,23 +143,11 @@ TEST_F(ScriptedModuleTest, ClaimsSlotsAndHandlesButStaysInTheRoom) {
 }
 
 TEST_F(ScriptedModuleTest, SearchesWithoutEnd) {
-  const CK_SESSION_HANDLE session = open();
+  open();
   script.deviations.endlessSearches = true;
-  EXPECT_THAT(findAll(session), ::testing::SizeIs(50));
+  EXPECT_THAT(findAll(), ::testing::SizeIs(50));
   script.card().objects.clear();
-  EXPECT_THAT(findAll(session), ::testing::Each(999U));
-}
-
-TEST_F(ScriptedModuleTest, LetsHooksDoTheWork) {
-  script.hook<&CK_FUNCTION_LIST::C_GetSlotInfo>([](auto real, CK_SLOT_ID slot, CK_SLOT_INFO* info) {
-    const CK_RV rv = real(slot, info);
-    info->flags = 0x77;
-    return rv;
-  });
-  CK_SLOT_INFO info{};
-  EXPECT_EQ(module->C_GetSlotInfo(kSlot, &info), CKR_OK);
-  EXPECT_EQ(info.flags, 0x77U);
-  EXPECT_EQ(info.slotDescription[0], 'R');
+  EXPECT_THAT(findAll(), ::testing::Each(999U));
 }
 
 TEST_F(ScriptedModuleTest, StaysSilent) {
@@ -306,27 +157,54 @@ TEST_F(ScriptedModuleTest, StaysSilent) {
   EXPECT_EQ(info.cryptokiVersion.major, 0);
 }
 
-TEST_F(ScriptedModuleTest, LosesEntriesUntilTheNextReset) {
-  script.removeEntry("C_DeriveKey");
-  EXPECT_EQ(module->C_DeriveKey, nullptr);
-  EXPECT_NE(module->C_UnwrapKey, nullptr);
-  EXPECT_NE(module->C_SeedRandom, nullptr);
-  script.reset();
-  EXPECT_NE(module->C_DeriveKey, nullptr);
+TEST_F(ScriptedModuleTest, EndsAnOperationThatIsMadeToFail) {
+  open();
+  signInit();
+  script.failCall(0, CKR_DEVICE_ERROR);
+  EXPECT_EQ(sign(), CKR_DEVICE_ERROR);
+  EXPECT_EQ(length, 600U);
+  EXPECT_EQ(sign(), CKR_OPERATION_NOT_INITIALIZED);
 }
 
-TEST_F(ScriptedModuleTest, ForgetsEverythingAtAReset) {
-  (void)open();
-  script.deviations.endlessSearches = true;
+TEST_F(ScriptedModuleTest, ClaimsLengthsOfResultsButStaysInTheRoomAnnounced) {
+  open();
+  const struct {
+    const char* name;
+    Deviations::ClaimedResult claim;
+    std::size_t written;
+  } rows[] = {
+      {"short", {3, std::nullopt}, 3},         {"nothing", {0, std::nullopt}, 0},
+      {"beyond the room", {600, 301}, 300},    {"beyond any room", {1UL << 40U, std::nullopt}, 300},
+      {"long, little written", {300, 10}, 10}, {"all-ones", {~CK_ULONG{0}, 0}, 0},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    script.deviations.claimedResults["C_Sign"] = row.claim;
+    signInit();
+    output.fill(0x11);
+    length = 300;
+    EXPECT_EQ(sign(), CKR_OK);
+    EXPECT_EQ(length, row.claim.length);
+    Value expected = resultOf(CKM_RSA_X_509, data, std::min<std::size_t>(row.written, 256));
+    expected.resize(row.written, 0xEE);
+    expected.resize(output.size(), 0x11);
+    EXPECT_EQ(Value(output.begin(), output.end()), expected);
+    EXPECT_TRUE(script.openOperations().empty());
+  }
+}
+
+TEST_F(ScriptedModuleTest, OverwritesTheLengthWhenItFails) {
+  open();
+  script.deviations.lengthsOnFailure = {{"C_Sign", 1024}, {"C_Decrypt", 5000}};
+  EXPECT_EQ(sign(), CKR_OPERATION_NOT_INITIALIZED);
+  EXPECT_EQ(length, 1024U);
   script.failCall(0, CKR_DEVICE_ERROR);
-  script.reset();
-  EXPECT_THAT(script.calls(), IsEmpty());
-  EXPECT_THAT(script.openSessions(), IsEmpty());
-  EXPECT_FALSE(script.isInitialised());
-  EXPECT_EQ(module->C_Initialize(nullptr), CKR_OK);
-  EXPECT_FALSE(script.fired());
-  EXPECT_EQ(open(), kFirstSession);
-  EXPECT_THAT(findAll(kFirstSession), ElementsAre(kPublicKey, kCertificate));
+  EXPECT_EQ(module->C_Decrypt(session, data.data(), data.size(), output.data(), &length), CKR_DEVICE_ERROR);
+  EXPECT_EQ(length, 5000U);
+  length = 600;
+  signInit();
+  EXPECT_EQ(sign(), CKR_OK);
+  EXPECT_EQ(length, 256U);
 }
 
 }  // namespace
