@@ -60,18 +60,39 @@ class CardReportReads : public CardReportTest {
   /// Checks that no call that fails while `examine` runs, on a card made anew, makes the report claim what it
   /// does not claim else.
   void expectNoFalseClaims(const std::function<CardReport(const std::function<void()>& whenReady)>& examine) {
-    const std::vector<Finding> good = claimsOf(examine([] {}));
+    const CardReport goodReport = examine([] {});
+    const std::vector<Finding> good = claimsOf(goodReport);
     EXPECT_FALSE(good.empty());
-    forEachFailingCall(script, CKR_DEVICE_ERROR, [&](FailPoint& point) {
-      script.setInitialised(true);
-      const auto claims = claimsOf(examine([&] { point.arm(); }));
-      for (const Finding& claim : claims) {
-        EXPECT_TRUE(isAmong(good, claim)) << entryOf(claim.id).title << ": " << claim.subject;
+    for (const CK_RV code : {CKR_DEVICE_ERROR, CKR_DEVICE_REMOVED}) {
+      forEachFailingCall(script, code, [&](FailPoint& point) {
+        script.setInitialised(true);
+        const CardReport report = examine([&] { point.arm(); });
+        const auto claims = claimsOf(report);
+        for (const Finding& claim : claims) {
+          EXPECT_TRUE(isAmong(good, claim)) << entryOf(claim.id).title << ": " << claim.subject;
+        }
+        if (!point.fired()) {
+          EXPECT_EQ(claims.size(), good.size());
+        }
+        if (!goodReport.hidden) expectNoFalseUnpublished(report, goodReport);
+      });
+    }
+  }
+
+  /// That no published object is said not to be, and that nothing is said of one that could not be read.
+  static void expectNoFalseUnpublished(const CardReport& report, const CardReport& good) {
+    for (const UnpublishedObject& object : report.unpublished) {
+      if (object.unread) {
+        EXPECT_THAT(object.reason, HasSubstr("could not be read now, C_GetAttributeValue"));
+        continue;
       }
-      if (!point.fired()) {
-        EXPECT_EQ(claims.size(), good.size());
-      }
-    });
+      const auto isIt = [&](const UnpublishedObject& other) {
+        return other.kind == object.kind && (object.label.isEmpty() || other.label == object.label) &&
+               (object.id.isEmpty() || other.id == object.id);
+      };
+      EXPECT_TRUE(std::any_of(good.unpublished.begin(), good.unpublished.end(), isIt))
+          << object.kind << " " << object.label.toUtf8();
+    }
   }
 };
 
@@ -120,6 +141,17 @@ TEST_F(CardReportReads, TellTheCallThatFailed) {
   for (const Finding& finding : report.findings)
     isTold = isTold || (finding.id == kObjectUnread && finding.evidence == report.failedRead);
   EXPECT_TRUE(isTold);
+}
+
+TEST_F(CardReportReads, GiveNoReasonThatMayBeWrong) {
+  makeCard();
+  const InsertedCard card = inserted();
+  script.failCallOf("C_FindObjects", 0, CKR_DEVICE_ERROR);  // no key is found
+  for (const UnpublishedObject& object : host.examine(card).unpublished) {
+    if (object.label == Text{u"Without key"}) {
+      EXPECT_THAT(object.reason, HasSubstr("why cannot be told now, C_FindObjects answered"));
+    }
+  }
 }
 
 TEST_F(CardReportReads, SayNothingOfAnotherCardThatIsInTheReaderNow) {

@@ -204,14 +204,6 @@ TEST_F(Insert, TakesACardInEachOfTenReaders) {
   EXPECT_EQ(inserted().items.size(), 2U);
 }
 
-TEST_F(Insert, NamesTheObjectThatIsInTheWay) {
-  Object& object = script.object(kCertificate);
-  object = object.with(CKA_VALUE, patternValue(2001, 1));
-  const std::string why = whyNotListed();
-  EXPECT_THAT(why, HasSubstr("certificate 3031 \"MyKey\""));
-  EXPECT_THAT(why, HasSubstr("2001 bytes"));
-}
-
 TEST_F(Insert, TellsOfACardThatIsGoneInTheMeantime) {
   script.failCallOf("C_GetTokenInfo", 1, CKR_TOKEN_NOT_PRESENT, Times::kFromThenOn);
   EXPECT_THAT(whyNotListed(), StartsWith("C_GetTokenInfo answered CKR_TOKEN_NOT_PRESENT (0xE0)"));

@@ -118,19 +118,13 @@ TEST_F(KeyChoice, FindsAnIDAsCharacters) {
 
 // ---- By number ----
 
-TEST_F(KeyChoice, CountsFromOne) {
+TEST_F(KeyChoice, CountsFromOneAndKeysThatAreAlikeAsTheyAreListed) {
+  add({Text{u"B"}, Text{u"one"}});
   add({Text{u"B"}, Text{u"one"}});
   add({Text{u"A"}, Text{u"two"}});
   EXPECT_EQ(chosen("#1"), "B");
   EXPECT_EQ(chosen("#2"), "A");
-}
-
-TEST_F(KeyChoice, CountsKeysThatAreAlikeAsTheyAreListed) {
-  add({Text{u"A"}, Text{u"one"}});
-  add({Text{u"A"}, Text{u"one"}});
-  add({Text{u"B"}, Text{u"two"}});
-  EXPECT_EQ(chosen("#2"), "B");
-  EXPECT_EQ(chosen("one"), "A");
+  EXPECT_EQ(chosen("one"), "B");
 }
 
 TEST_F(KeyChoice, RefusesWhatIsNoNumberOfAKey) {
@@ -144,39 +138,33 @@ TEST_F(KeyChoice, RefusesWhatIsNoNumberOfAKey) {
 
 // ---- By label ----
 
-TEST_F(KeyChoice, FindsTheLabelOfTheItem) {
-  add({Text{u"01"}, Text{u"one"}, Text{u"My item"}});
-  add({Text{u"02"}, Text{u"two"}});
-  EXPECT_EQ(chosen("My item"), "01");
+TEST_F(KeyChoice, FindsALabel) {
+  const struct {
+    const char* what;
+    Names names;
+    const char* label;
+  } rows[] = {
+      {"of the item", {Text{u"01"}, Text{u"one"}, Text{u"My item"}}, "My item"},
+      {"of the certificate", {Text{u"01"}, Text{u"Decryption"}}, "Decryption"},
+      {"of both", {Text{u"01"}, Text{u"Same"}, Text{u"Same"}}, "Same"},
+      {"with underscores", {Text{u"0_1"}, Text{u"a_b_"}}, "a_b_"},
+      {"as it is displayed", {Text{u"01"}, Text{u"Gr\u00C3\u00BCn\x07"}}, "Gr\u00FCn\\x07"},
+      {"that is no UTF-8, by number", {Text{u"01"}, Text{u"Gr\u00FCn"}}, "Gr\\xFCn"},
+      {"that is no UTF-8, by letter", {Text{u"01"}, Text{u"Gr\u00FCn"}}, "Gr\u00FCn"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
+    card.items.clear();
+    add({Text{u"02"}, Text{u"two"}});
+    add(row.names);
+    EXPECT_EQ(chosen(row.label), row.names.objectID.toUtf8());
+  }
 }
 
-TEST_F(KeyChoice, FindsTheLabelOfTheCertificate) {
-  add({Text{u"01"}, Text{u"Signing"}});
+TEST_F(KeyChoice, RefusesWhatIsNoWholeLabel) {
   add({Text{u"02"}, Text{u"Decryption"}});
-  EXPECT_EQ(chosen("Decryption"), "02");
   (void)refused("cert_Decryption_02");
   (void)refused("Decrypt");
-}
-
-TEST_F(KeyChoice, FindsALabelWithUnderscores) {
-  add({Text{u"0_1"}, Text{u"a_b_"}});
-  EXPECT_EQ(chosen("a_b_"), "0_1");
-}
-
-TEST_F(KeyChoice, FindsALabelAsItIsDisplayed) {
-  add({Text{u"01"}, Text{u"Gr\u00C3\u00BCn\x07"}});
-  EXPECT_EQ(chosen("Gr\u00FCn\\x07"), "01");
-}
-
-TEST_F(KeyChoice, FindsALabelThatIsNoUtf8InBothWays) {
-  add({Text{u"01"}, Text{u"Gr\u00FCn"}});
-  EXPECT_EQ(chosen("Gr\\xFCn"), "01");
-  EXPECT_EQ(chosen("Gr\u00FCn"), "01");
-}
-
-TEST_F(KeyChoice, FindsALabelOfItemAndCertificateOnce) {
-  add({Text{u"01"}, Text{u"Same"}, Text{u"Same"}});
-  EXPECT_EQ(chosen("Same"), "01");
 }
 
 TEST_F(KeyChoice, RefusesALabelThatSeveralKeysHave) {
@@ -270,32 +258,25 @@ TEST_F(KeyChoice, TakesAnIDOnlyWhereAKeyMayBeMissing) {
 
 // ---- What comes first ----
 
-TEST_F(KeyChoice, RefusesAnIDThatIsTheLabelOfAnotherKey) {
+TEST_F(KeyChoice, RefusesAnIDThatIsTheLabelOfAnotherKeyAlone) {
   add({Text{u"\x01"}, Text{u"02"}});
   add({Text{u"\x02"}, Text{u"03"}});
+  add({Text{u"\x04"}, Text{u"04"}});
   EXPECT_EQ(refused("02").why, "it is the ID of one key and the label of another: #2 02 (03), #1 01 (02)");
   EXPECT_EQ(chosen("03"), "\x02");
+  EXPECT_EQ(chosen("04"), "\x04");
 }
 
-TEST_F(KeyChoice, IsClearForAnIDThatIsTheLabelOfItsOwnKey) {
-  add({Text{u"\x01"}, Text{u"01"}});
-  EXPECT_EQ(chosen("01"), "\x01");
-}
-
-TEST_F(KeyChoice, PrefersALabelToWhatComesAfterIt) {
+TEST_F(KeyChoice, PrefersALabelToWhatComesAfterItAndANumberToAnIDAsCharacters) {
   add({Text{u"\x01"}, Text{u"#2"}});
   add({Text{u"\x02"}, Text{u"pkcs11:id=%01"}});
   add({Text{u"Name"}, Text{u"x"}});
   add({Text{u"\x04"}, Text{u"Name"}});
+  add({Text{u"#4"}, Text{u"y"}});
   EXPECT_EQ(chosen("#2"), "\x01");
   EXPECT_EQ(chosen("pkcs11:id=%01"), "\x02");
   EXPECT_EQ(chosen("Name"), "\x04");
-}
-
-TEST_F(KeyChoice, PrefersANumberToAnIDAsCharacters) {
-  add({Text{u"#2"}, Text{u"one"}});
-  add({Text{u"\x02"}, Text{u"two"}});
-  EXPECT_EQ(chosen("#2"), "\x02");
+  EXPECT_EQ(chosen("#4"), "\x04");
 }
 
 // ---- What the user is told ----

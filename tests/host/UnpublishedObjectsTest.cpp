@@ -92,6 +92,17 @@ TEST_F(UnpublishedObjects, AreNoKeysWithOneCertificateThatCanBeRead) {
   EXPECT_EQ(theUnpublished().label, Text{u"MyKey"});
 }
 
+TEST_F(UnpublishedObjects, AreObjectsThatAreNotOnTheToken) {
+  Object& key = script.object(kPublicKey);
+  key = key.with(CKA_TOKEN, boolValue(false));
+  const auto objects = host.examine(inserted()).unpublished;
+  ASSERT_EQ(objects.size(), 2U);
+  for (const UnpublishedObject& object : objects) {
+    EXPECT_EQ(object.label, Text{u"MyKey"});
+    EXPECT_THAT(object.reason, HasSubstr("perhaps CKA_TOKEN is not true"));
+  }
+}
+
 // ---- What keeps the whole card from being published ----
 
 using Change = std::function<void(Script&)>;
@@ -178,6 +189,13 @@ TEST_F(UnpublishedObjects, AreNoneWhereTheCardCannotBeAsked) {
   ASSERT_EQ(found.size(), 1U);
   script.pullCard();
   EXPECT_THAT(host.examine(found.front()).unpublished, IsEmpty());
+}
+
+TEST_F(UnpublishedObjects, AreNotBlamedWhenTheListingFailsForAnotherReason) {
+  script.failCallOf("C_GetAttributeValue", 0, CKR_DEVICE_ERROR, Times::kFromThenOn);
+  const Failure failure = failureOf(host.insert(Text{}));
+  EXPECT_THAT(failure.why, StartsWith("C_GetAttributeValue answered CKR_DEVICE_ERROR (0x30)"));
+  EXPECT_THAT(std::string{failure.advice.words()}, Not(HasSubstr("issuer")));
 }
 
 TEST_F(UnpublishedObjects, SurviveSearchesThatNeverEnd) {

@@ -37,6 +37,7 @@ class TokenAdapter : public AdapterTest {
 
 TEST_F(TokenAdapter, PublishesItsItemsOnceAndInOrder) {
   ASSERT_TRUE(system->offerCard(kReaderName).succeeded);
+  EXPECT_FALSE(livingObjects().empty());
   EXPECT_EQ(system->numFills(), 1U);
   const auto items = system->items();
   ASSERT_THAT(items, SizeIs(2));
@@ -275,18 +276,6 @@ TEST_F(TokenAdapter, PrintsThePlatformsObjects) {
 }
 
 // ---- The system that plays the platform ----
-
-TEST_F(TokenAdapter, IsOnlyAskedAsADelegate) {
-  insertAndOpen();
-  [static_cast<TKTokenSession*>(session()) setDelegate:nil];
-  EXPECT_FALSE(system->supports(0, kSign, "01", "RSASignatureRaw"));
-  EXPECT_EQ(system->beginAuth(0, kSign, "01"), Outcome{});
-  EXPECT_EQ(system->sign(0, {1}, "01", "RSASignatureRaw"), Outcome{});
-  [token() setDelegate:nil];
-  EXPECT_EQ(system->openSession(), Outcome{});
-  [driver() setDelegate:nil];
-  EXPECT_EQ(system->offerCard(kReaderName), Outcome{});
-}
 
 TEST_F(TokenAdapter, HasADriverOfTheNameInThePropertyList) {
   EXPECT_TRUE(system->hasDriver());

@@ -10,7 +10,6 @@
 #include <string_view>
 
 #import "RaisingCall.h"
-#import "Switches.h"
 #import "Utf8.h"
 
 struct os_log_s {
@@ -95,10 +94,6 @@ void LogRecorder::clear() {
 }  // namespace mirel::test
 
 using namespace mirel::test;
-
-bool os_log_type_enabled(os_log_t, os_log_type_t type) {
-  return type != OS_LOG_TYPE_DEFAULT || !switches().defaultLevelOff;
-}
 
 void NSLog(NSString* format, ...) {
   raiseIn("NSLog");

@@ -38,8 +38,6 @@ struct Switches {
   /// Drivers, tokens and sessions are their own delegates without having said so. Nothing tells whether
   /// that is so on the platform.
   bool delegatesToItself = false;
-  /// The lines of the unified log's default level are not wanted.
-  bool defaultLevelOff = false;
   KeyUsageForm keyUsageForm = KeyUsageForm::kBitNumbers;
   ValidityForm validityForm = ValidityForm::kSeconds;
   /// Certificates have no summary of their subject.

@@ -18,17 +18,11 @@ typedef uint8_t os_log_type_t;
 extern struct os_log_s _os_log_default;
 #define OS_LOG_DEFAULT (&_os_log_default)
 
-extern bool os_log_type_enabled(os_log_t log, os_log_type_t type);
-
 extern void _os_log_double(os_log_t log, os_log_type_t type, const char* format, ...)
     __attribute__((__format__(os_log, 3, 4)));
 
-#define os_log_with_type(log, type, ...)                                           \
-  do {                                                                             \
-    if (os_log_type_enabled(log, type)) _os_log_double(log, type, "" __VA_ARGS__); \
-  } while (false)
-#define os_log(log, ...) os_log_with_type(log, OS_LOG_TYPE_DEFAULT, __VA_ARGS__)
-#define os_log_error(log, ...) os_log_with_type(log, OS_LOG_TYPE_ERROR, __VA_ARGS__)
+#define os_log(log, ...) _os_log_double(log, OS_LOG_TYPE_DEFAULT, "" __VA_ARGS__)
+#define os_log_error(log, ...) _os_log_double(log, OS_LOG_TYPE_ERROR, "" __VA_ARGS__)
 
 #ifdef __cplusplus
 }
