@@ -12,13 +12,14 @@
 #include <memory>
 #include <stdexcept>
 
+#include "host/SoftwareKey.h"
+
 namespace mirel::test {
 namespace {
 
 using Key = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
 using Certificate = std::unique_ptr<X509, decltype(&X509_free)>;
 using Memory = std::unique_ptr<BIO, decltype(&BIO_free)>;
-using Context = std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)>;
 
 void require(bool done, const char* what) {
   if (!done) throw std::runtime_error{std::string{"OpenSSL does not "} + what};
@@ -38,17 +39,10 @@ Key pairOf(const std::string& type) {
   return key;
 }
 
-Context contextFor(const Key& key) {
-  Context context{EVP_PKEY_CTX_new(key.get(), nullptr), &EVP_PKEY_CTX_free};
-  require(context != nullptr, "make a context");
-  return context;
-}
+SoftwareKey keyOf(const std::string& type) { return SoftwareKey{pairOf(type).release()}; }
 
-const EVP_MD* hashNamed(std::string_view name) {
-  const EVP_MD* hash = EVP_get_digestbyname(std::string{name}.c_str());
-  require(hash != nullptr, "know the hash");
-  return hash;
-}
+Value valueOf(const std::string& text) { return {text.begin(), text.end()}; }
+std::string textOf(const Value& value) { return {value.begin(), value.end()}; }
 
 Certificate certificateIn(const std::string& pem) {
   const Memory memory{BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())), &BIO_free};
@@ -60,54 +54,22 @@ Certificate certificateIn(const std::string& pem) {
 }  // namespace
 
 std::string digestOf(std::string_view hash, const std::string& data) {
-  std::string digest(EVP_MAX_MD_SIZE, '\0');
-  unsigned size = 0;
-  require(EVP_Digest(data.data(), data.size(), bytes(digest), &size, hashNamed(hash), nullptr) == 1, "hash");
-  digest.resize(size);
-  return digest;
+  return textOf(softwareDigest(std::string{hash}.c_str(), valueOf(data)));
 }
 
 bool pssVerifies(const std::string& keyType, std::string_view hash, const std::string& digest,
                  const std::string& signature) {
-  const Key key = pairOf(keyType);
-  const Context context = contextFor(key);
-  require(EVP_PKEY_verify_init(context.get()) == 1 &&
-              EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_PSS_PADDING) == 1 &&
-              EVP_PKEY_CTX_set_signature_md(context.get(), hashNamed(hash)) == 1 &&
-              EVP_PKEY_CTX_set_rsa_mgf1_md(context.get(), hashNamed(hash)) == 1 &&
-              EVP_PKEY_CTX_set_rsa_pss_saltlen(context.get(), RSA_PSS_SALTLEN_DIGEST) == 1,
-          "prepare for PSS");
-  return EVP_PKEY_verify(context.get(), bytes(signature), signature.size(), bytes(digest), digest.size()) ==
-         1;
+  return keyOf(keyType).verifies(valueOf(signature), valueOf(digest), std::string{hash}.c_str(),
+                                 RSA_PKCS1_PSS_PADDING, RSA_PSS_SALTLEN_DIGEST);
 }
 
 std::string blockOf(const std::string& keyType, const std::string& signature) {
-  const Key key = pairOf(keyType);
-  const Context context = contextFor(key);
-  require(EVP_PKEY_verify_recover_init(context.get()) == 1 &&
-              EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_NO_PADDING) == 1,
-          "prepare for a block");
-  std::string block(static_cast<std::size_t>(EVP_PKEY_get_size(key.get())), '\0');
-  std::size_t size = block.size();
-  require(
-      EVP_PKEY_verify_recover(context.get(), bytes(block), &size, bytes(signature), signature.size()) == 1,
-      "make a block of the signature");
-  block.resize(size);
-  return block;
+  return textOf(keyOf(keyType).encrypted(valueOf(signature), RSA_NO_PADDING));
 }
 
 std::string encrypted(const std::string& keyType, std::string_view padding, const std::string& plain) {
-  const Key key = pairOf(keyType);
-  const Context context = contextFor(key);
   const int number = padding == "pkcs1" ? RSA_PKCS1_PADDING : RSA_NO_PADDING;
-  require(
-      EVP_PKEY_encrypt_init(context.get()) == 1 && EVP_PKEY_CTX_set_rsa_padding(context.get(), number) == 1,
-      "prepare for encryption");
-  std::size_t size = static_cast<std::size_t>(EVP_PKEY_get_size(key.get()));
-  std::string cipher(size, '\0');
-  require(EVP_PKEY_encrypt(context.get(), bytes(cipher), &size, bytes(plain), plain.size()) == 1, "encrypt");
-  cipher.resize(size);
-  return cipher;
+  return textOf(keyOf(keyType).encrypted(valueOf(plain), number));
 }
 
 std::string newPoint(const std::string& keyType) {

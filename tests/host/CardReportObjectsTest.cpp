@@ -172,12 +172,12 @@ TEST_F(CardReportObjects, TellsWhichObjectsShareAnID) {
 
 TEST_F(CardReportObjects, TellsValidity) {
   addKey("01", "Old");
-  lastObject() = lastObject().with(CKA_VALUE, withTime(rsa().certificate(kForSigning), "400101", "210101"));
+  lastObject() = lastObject().with(CKA_VALUE, withTime(rsa().certificate(kForSigning), "350102", "210101"));
   addKey("02", "New");
   lastObject() = lastObject().with(CKA_VALUE, withTime(rsa().certificate(kForSigning), "200101", "390101"));
   const CardReport report = this->report();
   EXPECT_THAT(theFinding(report, kCertificateExpired).evidence,
-              HasSubstr("valid until 2021-01-01T00:00:00Z"));
+              HasSubstr("valid until 2021-01-01T03:04:05Z"));
   EXPECT_EQ(theFinding(report, kCertificateExpired).subject, "certificate 3031 \"Old\"");
   EXPECT_THAT(theFinding(report, kCertificateNotYetValid).evidence, HasSubstr("valid from 2039-01-01"));
   EXPECT_EQ(theFinding(report, kCertificateNotYetValid).subject, "certificate 3032 \"New\"");

@@ -4,21 +4,18 @@
 #include <openssl/core_names.h>
 #include <openssl/err.h>
 #include <openssl/rsa.h>
-#include <openssl/x509.h>
-#include <openssl/x509v3.h>
 
 #include <map>
 #include <stdexcept>
 #include <string>
 
 #include "support/KeptKeys.h"
+#include "token/TestCertificates.h"
 
 namespace mirel::test {
 namespace {
 
 using ContextHolder = std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)>;
-using CertificateHolder = std::unique_ptr<X509, decltype(&X509_free)>;
-using BitStringHolder = std::unique_ptr<ASN1_BIT_STRING, decltype(&ASN1_BIT_STRING_free)>;
 using NumberHolder = std::unique_ptr<BIGNUM, decltype(&BN_free)>;
 
 void require(bool condition, const char* what) {
@@ -39,16 +36,6 @@ void setSignatureHash(EVP_PKEY_CTX* context, const char* hash, int padding, int 
   require(EVP_PKEY_CTX_set_signature_md(context, EVP_get_digestbyname(hash)) == 1, "setting the hash");
   if (padding == RSA_PKCS1_PSS_PADDING)
     require(EVP_PKEY_CTX_set_rsa_pss_saltlen(context, saltLen) == 1, "setting the length of the salt");
-}
-
-void addKeyUsage(X509* certificate, unsigned keyUsage) {
-  const BitStringHolder bits{ASN1_BIT_STRING_new(), &ASN1_BIT_STRING_free};
-  for (int bit = 0; bit < 9; ++bit) {
-    if ((keyUsage & (1U << static_cast<unsigned>(bit))) != 0)
-      require(ASN1_BIT_STRING_set_bit(bits.get(), bit, 1) == 1, "setting a bit");
-  }
-  require(X509_add1_ext_i2d(certificate, NID_key_usage, bits.get(), 1, X509V3_ADD_DEFAULT) == 1,
-          "adding the key usage");
 }
 
 }  // namespace
@@ -84,23 +71,7 @@ Value SoftwareKey::modulus() const {
 }
 
 Value SoftwareKey::certificate(std::optional<unsigned> keyUsage) const {
-  const CertificateHolder holder{X509_new(), &X509_free};
-  X509* const made = holder.get();
-  X509_NAME* const name = X509_get_subject_name(made);
-  constexpr unsigned char kName[] = "Software";
-  require(X509_set_version(made, X509_VERSION_3) == 1 && X509_set_pubkey(made, key_.get()) == 1 &&
-              ASN1_INTEGER_set(X509_get_serialNumber(made), 7) == 1 &&
-              ASN1_TIME_set_string(X509_getm_notBefore(made), "20200101000000Z") == 1 &&
-              ASN1_TIME_set_string(X509_getm_notAfter(made), "20400101000000Z") == 1 &&
-              X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, kName, -1, -1, 0) == 1 &&
-              X509_set_issuer_name(made, name) == 1,
-          "filling a certificate");
-  if (keyUsage) addKeyUsage(made, *keyUsage);
-  require(X509_sign(made, key_.get(), EVP_sha256()) > 0, "signing a certificate");
-  Value der(static_cast<std::size_t>(i2d_X509(made, nullptr)));
-  unsigned char* next = der.data();
-  require(i2d_X509(made, &next) > 0, "encoding a certificate");
-  return der;
+  return testCertificate({.commonName = "Software", .keyUsage = keyUsage, .owner = key_.get()});
 }
 
 Value SoftwareKey::rawPrivate(const Value& block) const {

@@ -39,13 +39,15 @@ void setTime(ASN1_TIME* time, int type, const std::string& text) {
   require(ASN1_STRING_set(time, text.data(), static_cast<int>(text.size())) == 1, "a time was refused");
 }
 
-void addKeyUsage(X509* certificate, const ByteVector& content) {
+void addExtension(X509* certificate, const char* type, int critical, const ByteVector& content) {
+  ASN1_OBJECT* object = OBJ_txt2obj(type, 0);
   ASN1_OCTET_STRING* value = ASN1_OCTET_STRING_new();
   ASN1_OCTET_STRING_set(value, content.data(), static_cast<int>(content.size()));
-  X509_EXTENSION* extension = X509_EXTENSION_create_by_NID(nullptr, NID_key_usage, 1, value);
+  X509_EXTENSION* extension = X509_EXTENSION_create_by_OBJ(nullptr, object, critical, value);
   const bool added = X509_add_ext(certificate, extension, -1) == 1;
   X509_EXTENSION_free(extension);
   ASN1_OCTET_STRING_free(value);
+  ASN1_OBJECT_free(object);
   require(added, "an extension was refused");
 }
 
@@ -69,8 +71,21 @@ ByteVector value(std::uint8_t tag, std::initializer_list<ByteVector> parts) {
   return joinedBytes({der, content});
 }
 
+ByteVector keyUsageOf(unsigned bits) {
+  ByteVector content{0x03, 0x01, 0x00};
+  for (unsigned bit = 0; bits >> bit != 0; ++bit) {
+    if (bit % 8 == 0) content.push_back(0);
+    if ((bits >> bit & 1U) != 0)
+      content.back() = static_cast<std::uint8_t>(content.back() | 0x80U >> bit % 8);
+    content[2] = static_cast<std::uint8_t>(7 - bit % 8);
+  }
+  content[1] = static_cast<std::uint8_t>(content.size() - 2);
+  return content;
+}
+
 ByteVector makeCertificate(const CertificateWish& wish) {
-  static const KeyHolder signer = makeEcKey("P-256");
+  static const KeyHolder ownSigner = makeEcKey("P-256");
+  EVP_PKEY* const signer = wish.signer ? wish.signer : ownSigner.get();
   const std::unique_ptr<X509, OpenSslFree> certificate{X509_new()};
   const NameHolder issuer = makeName({{"CN", MBSTRING_UTF8, "Issuer"}});
   const NameHolder subject = makeName(wish.subject);
@@ -80,9 +95,13 @@ ByteVector makeCertificate(const CertificateWish& wish) {
   require(X509_set_subject_name(certificate.get(), subject.get()) == 1, "subject");
   setTime(X509_getm_notBefore(certificate.get()), V_ASN1_UTCTIME, "200101000000Z");
   setTime(X509_getm_notAfter(certificate.get()), wish.notAfterType, wish.notAfter);
-  require(X509_set_pubkey(certificate.get(), wish.key ? wish.key : signer.get()) == 1, "key");
-  for (const ByteVector& content : wish.keyUsages) addKeyUsage(certificate.get(), content);
-  require(X509_sign(certificate.get(), signer.get(), EVP_sha256()) > 0, "signature");
+  require(X509_set_pubkey(certificate.get(), wish.key ? wish.key : signer) == 1, "key");
+  for (const ByteVector& content : wish.keyUsages) addExtension(certificate.get(), "keyUsage", 1, content);
+  // From the arc that is kept for examples (ITU-T X.660): nobody knows an extension of this name.
+  if (wish.padding > 0) addExtension(certificate.get(), "2.999.1", 0, ByteVector(wish.padding, 0x55));
+  // Ed25519 has its digest built in (RFC 8410).
+  const EVP_MD* const digest = EVP_PKEY_is_a(signer, "ED25519") == 1 ? nullptr : EVP_sha256();
+  require(X509_sign(certificate.get(), signer, digest) > 0, "signature");
 
   ByteVector der(static_cast<std::size_t>(i2d_X509(certificate.get(), nullptr)));
   unsigned char* next = der.data();

@@ -41,14 +41,19 @@ struct NameEntry {
 
 /// What a test wants of a certificate; everything else is the same in all of them.
 struct CertificateWish {
-  EVP_PKEY* key = nullptr;  ///< the subject's key; null: the P-256 key that signs
+  EVP_PKEY* key = nullptr;     ///< the subject's key; null: the P-256 key that signs
+  EVP_PKEY* signer = nullptr;  ///< null: a P-256 key of the test program
   std::vector<NameEntry> subject{{"CN", MBSTRING_UTF8, "Test"}};
   int notAfterType = V_ASN1_UTCTIME;
   std::string notAfter = "301231235959Z";
   std::vector<ByteVector> keyUsages{};  ///< the contents of each KeyUsage extension, taken as they are
+  std::size_t padding = 0;  ///< as many bytes in an extension that nobody reads; 0: no such extension
 };
 
-/// The DER encoding of such a certificate, signed with a P-256 key of the test program.
+/// The content of a KeyUsage extension with these bits, bit n being bit n of its bit string.
+[[nodiscard]] ByteVector keyUsageOf(unsigned bits);
+
+/// The DER encoding of such a certificate.
 [[nodiscard]] ByteVector makeCertificate(const CertificateWish& wish = {});
 
 /// What is no certificate at all, each with a description.

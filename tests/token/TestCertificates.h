@@ -2,6 +2,8 @@
 
 /// X.509 certificates for tests, made with OpenSSL and signed with their own key.
 
+#include <openssl/types.h>
+
 #include <cstddef>
 #include <optional>
 #include <string>
@@ -25,6 +27,8 @@ struct CertificateRequest {
   std::optional<unsigned> keyUsage = std::nullopt;
   /// As many bytes in an extension that nobody reads; 0: no such extension.
   std::size_t padding = 0;
+  /// A key of the caller, in place of `key`.
+  EVP_PKEY* owner = nullptr;
 };
 
 /// Every certificate ends to be valid at this time.
