@@ -320,7 +320,6 @@ void Play::note(const std::string& step, const Outcome& result) {
     line += ", no error";
   }
   lines_.push_back(line);
-  lastData_ = result.data;
   noteLog();
 }
 

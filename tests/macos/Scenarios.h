@@ -79,8 +79,6 @@ class Play {
   void exchange(std::size_t session, const std::string& key);
 
   [[nodiscard]] const std::vector<std::string>& lines() const { return lines_; }
-  /// The data that came of the last step.
-  [[nodiscard]] const std::optional<std::vector<std::uint8_t>>& lastData() const { return lastData_; }
 
  private:
   void note(const std::string& step, const Outcome& result);
@@ -88,7 +86,6 @@ class Play {
 
   ScenarioDriver& driver_;
   std::vector<std::string> lines_;
-  std::optional<std::vector<std::uint8_t>> lastData_;
 };
 
 struct Scenario {
