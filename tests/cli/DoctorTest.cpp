@@ -87,12 +87,6 @@ TEST_F(Doctor, WarnsByItsExitCode) {
   EXPECT_THAT(result.out, HasSubstr("\nwarn  PIN"));
 }
 
-TEST_F(Doctor, ExaminesAModuleThatIsNotThere) {
-  const Result result = examined(invocation({"doctor", "--module", path("none.so")}));
-  EXPECT_EQ(result.exitCode, 20);
-  EXPECT_THAT(result.out, HasSubstr("MT-M01  there is no module file"));
-}
-
 TEST_F(Doctor, TakesNoPinThatItDoesNotUse) {
   expectFailure(examined(stagedWithPin("doctor")), 2, {"a PIN is of no use without --login"});
 }

@@ -7,19 +7,12 @@
 namespace mirel::test {
 namespace {
 
-TEST(UserWithHome, HasTheUsersName) {
-  const auto user = userWithHome(std::make_shared<FakeUserDirectory>("alice", "/home/alice"), "/else/where");
-  EXPECT_EQ(user->loginName(), "alice");
-}
-
-TEST(UserWithHome, HasThatHome) {
-  const auto user = userWithHome(std::make_shared<FakeUserDirectory>("alice", "/home/alice"), "/else/where");
-  EXPECT_EQ(user->homeOf("alice"), "/else/where");
-}
-
-TEST(UserWithHome, HasThatHomeForAUserWhomNobodyKnows) {
-  const auto user = userWithHome(std::make_shared<FakeUserDirectory>("", ""), "/else/where");
-  EXPECT_EQ(user->homeOf(user->loginName()), "/else/where");
+TEST(UserWithHome, HasTheUsersNameAndThatHomeAlsoWhereNobodyKnowsTheUser) {
+  for (const char* name : {"alice", ""}) {
+    const auto user = userWithHome(std::make_shared<FakeUserDirectory>(name, "/home/alice"), "/else/where");
+    EXPECT_EQ(user->loginName(), name);
+    EXPECT_EQ(user->homeOf(user->loginName()), "/else/where");
+  }
 }
 
 }  // namespace
