@@ -61,6 +61,7 @@ TEST(Displayed, LetsNoCharacterControlOrMisleadATerminal) {
       {"invisible tags", "\xF3\xA0\x81\x81", R"(\u{E0041})"},
       {"filler", "\xE3\x85\xA4", R"(\u{3164})"},
       {"no characters", "\xEF\xBF\xBE\xEF\xB7\x90", R"(\u{FFFE}\u{FDD0})"},
+      {"blank that is none, and soft hyphen", "\xC2\xA0\xC2\xAD", R"(\u{00A0}\u{00AD})"},
       {"backslash", "\\", R"(\x5C)"},
   };
   for (const BytesRow& row : rows) {
@@ -96,7 +97,7 @@ TEST(Displayed, ShowsCharactersByTheSameRules) {
        "\u200A\u2010\u2027\u202F\u205F\u2070"},
       {"half a pair of surrogates", Text{std::u16string_view{kHalf, 3}}, "\u0100\uFFFDb"},
       {"NUL, delete and C1", Text{std::u16string_view{u"a\0\x7F\u0080\u009F", 5}}, R"(a\x00\x7F\x80\x9F)"},
-      {"blank that is none, and soft hyphen", Text{u"\u00A0\u00AD"}, R"(\xA0\xAD)"},
+      {"bytes that are no UTF-8", Text{u"\u00A0\u00AD"}, R"(\xA0\xAD)"},
       {"zero width", Text{u"\u200B\u200D\uFEFF"}, R"(\u{200B}\u{200D}\u{FEFF})"},
       {"directions", Text{u"\u200E\u200F\u202A\u202E\u2066\u2069\u061C"},
        R"(\u{200E}\u{200F}\u{202A}\u{202E}\u{2066}\u{2069}\u{061C})"},
