@@ -25,43 +25,25 @@ X509Holder parsed(const ByteVector& der) {
   return certificate && at == der.data() + der.size() ? std::move(certificate) : nullptr;
 }
 
-ByteVector encoded(X509* certificate) {
-  (void)i2d_re_X509_tbs(certificate, nullptr);
-  ByteVector der(static_cast<std::size_t>(i2d_X509(certificate, nullptr)));
-  std::uint8_t* at = der.data();
-  (void)i2d_X509(certificate, &at);
-  return der;
-}
-
 /// A certificate with names in many places.
 ByteVector janesCertificate() {
   using namespace std::string_literals;
-  const X509Holder certificate =
-      parsed(makeCertificate({.subject = {{"C", MBSTRING_UTF8, "SE"},
-                                          {"CN", V_ASN1_BMPSTRING, "\0J\0a\0n\0e\0 \0D\0o\0e"s},
-                                          {"serialNumber", MBSTRING_UTF8, "PN-70112"},
-                                          {"O", V_ASN1_T61STRING, "M\xFCller"}},
-                              .keyUsages = {{0x03, 0x02, 0x05, 0xA0}}}));
-  BIGNUM* serialNumber = nullptr;
-  BN_hex2bn(&serialNumber, "91A2B3C4D5E6F708");
-  BN_to_ASN1_INTEGER(serialNumber, X509_get_serialNumber(certificate.get()));
-  BN_free(serialNumber);
-  constexpr std::pair<int, const char*> kExtensions[] = {
-      {NID_subject_alt_name,
-       "email:jane.doe@mueller.example,URI:http://mueller.example/people/jane,IP:10.20.30.40,"
-       "otherName:1.3.6.1.4.1.311.20.2.3;UTF8:jane@login.example"},
-      {NID_ext_key_usage, "clientAuth"},
-      {NID_subject_key_identifier, "0102030405060708090A0B0C0D0E0F1011121314"},
-      {NID_crl_distribution_points, "URI:ldap://directory.example/CN=Mueller"},
-      {NID_netscape_comment, "made for Jane"},
-  };
-  for (const auto& [id, text] : kExtensions) {
-    X509_EXTENSION* extension = X509V3_EXT_nconf_nid(nullptr, nullptr, id, text);
-    EXPECT_NE(extension, nullptr) << text;
-    X509_add_ext(certificate.get(), extension, -1);
-    X509_EXTENSION_free(extension);
-  }
-  return encoded(certificate.get());
+  return makeCertificate(
+      {.serialNumber = "91A2B3C4D5E6F708",
+       .subject = {{"C", MBSTRING_UTF8, "SE"},
+                   {"CN", V_ASN1_BMPSTRING, "\0J\0a\0n\0e\0 \0D\0o\0e"s},
+                   {"serialNumber", MBSTRING_UTF8, "PN-70112"},
+                   {"O", V_ASN1_T61STRING, "M\xFCller"}},
+       .keyUsages = {{0x03, 0x02, 0x05, 0xA0}},
+       .extensions = {
+           {NID_subject_alt_name,
+            "email:jane.doe@mueller.example,URI:http://mueller.example/people/jane,IP:10.20.30.40,"
+            "otherName:1.3.6.1.4.1.311.20.2.3;UTF8:jane@login.example"},
+           {NID_ext_key_usage, "clientAuth"},
+           {NID_subject_key_identifier, "0102030405060708090A0B0C0D0E0F1011121314"},
+           {NID_crl_distribution_points, "URI:ldap://directory.example/CN=Mueller"},
+           {NID_netscape_comment, "made for Jane"},
+       }});
 }
 
 void replaceFirst(std::string& text, std::string_view what, std::string_view by) {

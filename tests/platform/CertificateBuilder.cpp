@@ -1,6 +1,7 @@
 #include "CertificateBuilder.h"
 
 #include <openssl/asn1.h>
+#include <openssl/bn.h>
 #include <openssl/ec.h>
 #include <openssl/objects.h>
 #include <openssl/rsa.h>
@@ -37,6 +38,14 @@ NameHolder makeName(const std::vector<NameEntry>& entries) {
 void setTime(ASN1_TIME* time, int type, const std::string& text) {
   time->type = type;  // The text is taken unchecked: it may be no time at all.
   require(ASN1_STRING_set(time, text.data(), static_cast<int>(text.size())) == 1, "a time was refused");
+}
+
+void setSerialNumber(X509* certificate, const std::string& digits) {
+  BIGNUM* number = nullptr;
+  const bool isSet = BN_hex2bn(&number, digits.c_str()) > 0 &&
+                     BN_to_ASN1_INTEGER(number, X509_get_serialNumber(certificate)) != nullptr;
+  BN_free(number);
+  require(isSet, "a serial number was refused");
 }
 
 void addExtension(X509* certificate, const char* type, int critical, const ByteVector& content) {
@@ -87,16 +96,22 @@ ByteVector makeCertificate(const CertificateWish& wish) {
   static const KeyHolder ownSigner = makeEcKey("P-256");
   EVP_PKEY* const signer = wish.signer ? wish.signer : ownSigner.get();
   const std::unique_ptr<X509, OpenSslFree> certificate{X509_new()};
-  const NameHolder issuer = makeName({{"CN", MBSTRING_UTF8, "Issuer"}});
+  const NameHolder issuer = makeName(wish.issuer);
   const NameHolder subject = makeName(wish.subject);
   require(X509_set_version(certificate.get(), X509_VERSION_3) == 1, "version");
-  require(ASN1_INTEGER_set(X509_get_serialNumber(certificate.get()), 7) == 1, "serial number");
+  setSerialNumber(certificate.get(), wish.serialNumber);
   require(X509_set_issuer_name(certificate.get(), issuer.get()) == 1, "issuer");
   require(X509_set_subject_name(certificate.get(), subject.get()) == 1, "subject");
-  setTime(X509_getm_notBefore(certificate.get()), V_ASN1_UTCTIME, "200101000000Z");
+  setTime(X509_getm_notBefore(certificate.get()), V_ASN1_UTCTIME, wish.notBefore);
   setTime(X509_getm_notAfter(certificate.get()), wish.notAfterType, wish.notAfter);
   require(X509_set_pubkey(certificate.get(), wish.key ? wish.key : signer) == 1, "key");
   for (const ByteVector& content : wish.keyUsages) addExtension(certificate.get(), "keyUsage", 1, content);
+  for (const auto& [type, text] : wish.extensions) {
+    X509_EXTENSION* extension = X509V3_EXT_nconf_nid(nullptr, nullptr, type, text);
+    const bool added = extension && X509_add_ext(certificate.get(), extension, -1) == 1;
+    X509_EXTENSION_free(extension);
+    require(added, text);
+  }
   // From the arc that is kept for examples (ITU-T X.660): nobody knows an extension of this name.
   if (wish.padding > 0) addExtension(certificate.get(), "2.999.1", 0, ByteVector(wish.padding, 0x55));
   // Ed25519 has its digest built in (RFC 8410).

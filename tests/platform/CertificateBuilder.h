@@ -41,12 +41,17 @@ struct NameEntry {
 
 /// What a test wants of a certificate; everything else is the same in all of them.
 struct CertificateWish {
-  EVP_PKEY* key = nullptr;     ///< the subject's key; null: the P-256 key that signs
-  EVP_PKEY* signer = nullptr;  ///< null: a P-256 key of the test program
+  EVP_PKEY* key = nullptr;          ///< the subject's key; null: the P-256 key that signs
+  EVP_PKEY* signer = nullptr;       ///< null: a P-256 key of the test program
+  std::string serialNumber = "07";  ///< in hexadecimal digits
+  std::vector<NameEntry> issuer{{"CN", MBSTRING_UTF8, "Issuer"}};
   std::vector<NameEntry> subject{{"CN", MBSTRING_UTF8, "Test"}};
+  std::string notBefore = "200101000000Z";
   int notAfterType = V_ASN1_UTCTIME;
   std::string notAfter = "301231235959Z";
   std::vector<ByteVector> keyUsages{};  ///< the contents of each KeyUsage extension, taken as they are
+  /// By their numbers, with values in the form of OpenSSL's configuration.
+  std::vector<std::pair<int, const char*>> extensions{};
   std::size_t padding = 0;  ///< as many bytes in an extension that nobody reads; 0: no such extension
 };
 

@@ -16,46 +16,20 @@
 namespace mirel {
 namespace {
 
-struct Extension {
-  int nid;
-  const char* value;  ///< in the form of OpenSSL's configuration
-};
-
-using X509Holder = std::unique_ptr<X509, OpenSslFree>;
-
 /// A certificate of that key, issuer and extensions.
-X509Holder certificateOf(EVP_PKEY* key, const std::vector<NameEntry>& issuer,
-                         std::initializer_list<Extension> extensions) {
-  X509Holder made{X509_new()};
-  X509_NAME* const name = X509_get_issuer_name(made.get());
-  bool good = X509_set_version(made.get(), X509_VERSION_3) == 1 && X509_set_pubkey(made.get(), key) == 1 &&
-              ASN1_INTEGER_set(X509_get_serialNumber(made.get()), 0x80FF) == 1 &&
-              ASN1_TIME_set_string(X509_getm_notBefore(made.get()), "19991231235958Z") == 1 &&
-              ASN1_TIME_set_string(X509_getm_notAfter(made.get()), "20610203040506Z") == 1;
-  for (const NameEntry& entry : issuer) {
-    good = good && X509_NAME_add_entry_by_txt(name, entry.type.c_str(), entry.encoding,
-                                              reinterpret_cast<const unsigned char*>(entry.value.data()),
-                                              static_cast<int>(entry.value.size()), -1,
-                                              entry.withPrevious ? -1 : 0) == 1;
-  }
-  for (const Extension& extension : extensions) {
-    X509_EXTENSION* const holder = X509V3_EXT_conf_nid(nullptr, nullptr, extension.nid, extension.value);
-    good = good && holder && X509_add_ext(made.get(), holder, -1) == 1;
-    X509_EXTENSION_free(holder);
-  }
-  EXPECT_TRUE(good && X509_sign(made.get(), key, EVP_sha256()) > 0);
-  return made;
+ByteVector certificateOf(EVP_PKEY* key, const std::vector<NameEntry>& issuer,
+                         const std::vector<std::pair<int, const char*>>& extensions) {
+  return makeCertificate({.key = key,
+                          .serialNumber = "80FF",
+                          .issuer = issuer,
+                          .notBefore = "991231235958Z",
+                          .notAfterType = V_ASN1_GENERALIZEDTIME,
+                          .notAfter = "20610203040506Z",
+                          .extensions = extensions});
 }
 
-ByteVector derOf(X509* certificate) {
-  ByteVector der(static_cast<std::size_t>(i2d_X509(certificate, nullptr)));
-  unsigned char* next = der.data();
-  EXPECT_GT(i2d_X509(certificate, &next), 0);
-  return der;
-}
-
-CertificateFields fieldsOf(const X509Holder& certificate) {
-  const auto fields = fieldsOfCertificate(derOf(certificate.get()));
+CertificateFields fieldsOf(const ByteVector& certificate) {
+  const auto fields = fieldsOfCertificate(certificate);
   EXPECT_TRUE(fields);
   return fields.value_or(CertificateFields{});
 }
@@ -72,10 +46,13 @@ std::vector<std::string> utf8(const std::vector<Text>& texts) {
 }
 
 /// The reference: the issuer as OpenSSL writes it by RFC 2253.
-std::string openSslIssuer(X509* certificate) {
+std::string openSslIssuer(const ByteVector& der) {
+  const unsigned char* next = der.data();
+  const std::unique_ptr<X509, OpenSslFree> certificate{
+      d2i_X509(nullptr, &next, static_cast<long>(der.size()))};
   const std::unique_ptr<BIO, decltype(&BIO_free)> line{BIO_new(BIO_s_mem()), &BIO_free};
   constexpr unsigned long kFlags = XN_FLAG_RFC2253 & ~static_cast<unsigned long>(ASN1_STRFLGS_ESC_MSB);
-  (void)X509_NAME_print_ex(line.get(), X509_get_issuer_name(certificate), 0, kFlags);
+  (void)X509_NAME_print_ex(line.get(), X509_get_issuer_name(certificate.get()), 0, kFlags);
   char* text = nullptr;
   const long length = BIO_get_mem_data(line.get(), &text);
   return {text, static_cast<std::size_t>(length)};
@@ -92,7 +69,7 @@ TEST(CertificateFields, HaveTheIssuerThatOpenSslReads) {
   };
   for (const auto& issuer : issuers) {
     const auto certificate = certificateOf(someKey(), issuer, {});
-    EXPECT_EQ(fieldsOf(certificate).issuer.toUtf8(), openSslIssuer(certificate.get()));
+    EXPECT_EQ(fieldsOf(certificate).issuer.toUtf8(), openSslIssuer(certificate));
   }
 }
 
@@ -143,7 +120,7 @@ TEST(CertificateFields, HaveThePublicKey) {
 }
 
 TEST(CertificateFields, AreNothingForWhatIsNoCertificate) {
-  ByteVector der = derOf(certificateOf(someKey(), {}, {{NID_subject_alt_name, "DNS:a"}}).get());
+  ByteVector der = certificateOf(someKey(), {}, {{NID_subject_alt_name, "DNS:a"}});
   EXPECT_TRUE(fieldsOfCertificate(der));
   EXPECT_FALSE(fieldsOfCertificate({}));
   EXPECT_FALSE(fieldsOfCertificate(std::span{der}.first(der.size() - 1)));
@@ -153,10 +130,9 @@ TEST(CertificateFields, AreNothingForWhatIsNoCertificate) {
 
 /// What is wrong inside must neither be read beyond its end nor keep the rest from being read.
 TEST(CertificateFields, SurviveEachByteBeingChanged) {
-  const ByteVector der = derOf(
+  const ByteVector der =
       certificateOf(someKey(), {{"CN", MBSTRING_UTF8, "A"}},
-                    {{NID_ext_key_usage, "clientAuth"}, {NID_subject_alt_name, "otherName:1.2.3;UTF8:x"}})
-          .get());
+                    {{NID_ext_key_usage, "clientAuth"}, {NID_subject_alt_name, "otherName:1.2.3;UTF8:x"}});
   std::size_t read = 0;
   for (std::size_t i = 0; i < der.size(); ++i) {
     for (const int change : {0x01, 0x80, 0xFF}) {

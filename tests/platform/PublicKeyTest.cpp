@@ -1,7 +1,7 @@
 #include "platform/PublicKey.h"
 
 #include <gtest/gtest.h>
-#include <openssl/core_names.h>
+#include <openssl/ec.h>
 #include <openssl/ecdsa.h>
 #include <openssl/rsa.h>
 
@@ -11,6 +11,7 @@
 #include <string_view>
 
 #include "CertificateBuilder.h"
+#include "host/SoftwareKey.h"
 
 namespace mirel {
 namespace {
@@ -25,32 +26,33 @@ void require(bool condition, const char* what) {
 
 /// One key of each kind for the whole process, and another one.
 struct TestKey {
-  explicit TestKey(KeyHolder made)
-      : key{std::move(made)}, publicKey{publicKeyOfCertificate(makeCertificate({.key = key.get()}))} {
+  explicit TestKey(const test::SoftwareKey& made)
+      : key{made}, publicKey{publicKeyOfCertificate(made.certificate())} {
     require(publicKey != nullptr, "no public key");
   }
 
-  KeyHolder key;
+  const test::SoftwareKey& key;
   std::unique_ptr<PublicKey> publicKey;
 };
 
 const TestKey& rsaKey() {
-  static const TestKey key{makeRsaKey(8 * kModulusSize)};
+  static const TestKey key{test::SoftwareKey::rsa(8 * kModulusSize)};
   return key;
 }
 
 const TestKey& otherRsaKey() {
-  static const TestKey key{makeRsaKey(8 * kModulusSize)};
+  static const TestKey key{test::SoftwareKey::rsa(8 * kModulusSize, "other")};
   return key;
 }
 
 const TestKey& ecKey() {
-  static const TestKey key{makeEcKey("P-256")};
+  static const TestKey key{test::SoftwareKey::ec("P-256")};
   return key;
 }
 
 const TestKey& otherEcKey() {
-  static const TestKey key{makeEcKey("P-256")};
+  static const test::SoftwareKey other{EVP_EC_gen("P-256")};
+  static const TestKey key{other};
   return key;
 }
 
@@ -98,15 +100,6 @@ constexpr Row kPkcs1Sha256{kSecKeyAlgorithmRSASignatureDigestPKCS1v15SHA256, RSA
 constexpr Row kPssSha256{kSecKeyAlgorithmRSASignatureDigestPSSSHA256, RSA_PKCS1_PSS_PADDING, "SHA256"};
 constexpr Row kEcdsaSha256{kSecKeyAlgorithmECDSASignatureDigestX962SHA256, 0, "SHA256"};
 
-ByteVector digestBy(const char* hash, std::string_view message) {
-  ByteVector digest(EVP_MAX_MD_SIZE);
-  std::size_t size = 0;
-  require(EVP_Q_digest(nullptr, hash, nullptr, message.data(), message.size(), digest.data(), &size) == 1,
-          hash);
-  digest.resize(size);
-  return digest;
-}
-
 /// A number below every modulus, as a block of its length.
 ByteVector smallBlock() {
   ByteVector block(kModulusSize);
@@ -117,27 +110,11 @@ ByteVector smallBlock() {
 /// What the row's algorithm works on.
 ByteVector dataFor(const Row& row) {
   if (row.padding == RSA_NO_PADDING) return smallBlock();
-  return digestBy(row.hash ? row.hash : "SHA256", "a message");
+  return test::softwareDigest(row.hash ? row.hash : "SHA256", ByteVector{'m', 's', 'g'});
 }
 
 ByteVector signatureBy(const TestKey& key, const Row& row, int saltLen = RSA_PSS_SALTLEN_DIGEST) {
-  const ByteVector data = dataFor(row);
-  const std::unique_ptr<EVP_PKEY_CTX, OpenSslFree> context{EVP_PKEY_CTX_new(key.key.get(), nullptr)};
-  require(context && EVP_PKEY_sign_init(context.get()) == 1, "signing does not begin");
-  if (row.padding != 0)
-    require(EVP_PKEY_CTX_set_rsa_padding(context.get(), row.padding) == 1, "the padding was refused");
-  if (row.hash) {
-    const EVP_MD* hash = EVP_get_digestbyname(row.hash);
-    require(EVP_PKEY_CTX_set_signature_md(context.get(), hash) == 1, "the hash was refused");
-    if (row.padding == RSA_PKCS1_PSS_PADDING)
-      require(EVP_PKEY_CTX_set_rsa_pss_saltlen(context.get(), saltLen) == 1, "the salt was refused");
-  }
-  std::size_t size = static_cast<std::size_t>(EVP_PKEY_get_size(key.key.get()));
-  ByteVector signature(size);
-  require(EVP_PKEY_sign(context.get(), signature.data(), &size, data.data(), data.size()) == 1,
-          "the data was not signed");
-  signature.resize(size);
-  return signature;
+  return key.key.signature(dataFor(row), row.hash, row.padding, saltLen);
 }
 
 /// With a bit of the byte at `at` turned round.
@@ -189,8 +166,8 @@ void expectNoWrongSignatureToVerify(const TestKey& key, const TestKey& other, co
 // ---- Reading ----
 
 TEST(PublicKeyOfCertificate, IsReadForBothKindsOfKey) {
-  EXPECT_TRUE(publicKeyOfCertificate(makeCertificate({.key = rsaKey().key.get()})));
-  EXPECT_TRUE(publicKeyOfCertificate(makeCertificate({.key = ecKey().key.get()})));
+  EXPECT_TRUE(publicKeyOfCertificate(rsaKey().key.certificate()));
+  EXPECT_TRUE(publicKeyOfCertificate(ecKey().key.certificate()));
 }
 
 TEST(PublicKeyOfCertificate, IsMissingForWhatIsNoCertificate) {
@@ -209,7 +186,7 @@ TEST(PublicKeyOfCertificate, IsMissingForEveryTruncation) {
 TEST(PublicKeyOfCertificate, IsMissingWhenTheKeyCannotBeRead) {
   // rsaEncryption as in every RSA certificate, but the key is no RSAPublicKey any more: its outer tag is
   // broken.
-  ByteVector der = makeCertificate({.key = rsaKey().key.get()});
+  ByteVector der = rsaKey().key.certificate();
   const ByteVector keyStart{0x00, 0x30, 0x82, 0x01, 0x0A, 0x02, 0x82, 0x01, 0x01};
   const auto found = std::search(der.begin(), der.end(), keyStart.begin(), keyStart.end());
   ASSERT_NE(found, der.end());
@@ -295,9 +272,10 @@ TEST(PublicKeyVerifies, TwoNumbersWhereTheAlgorithmHasThatForm) {
 
 /// The modulus as a block of its length, with `difference` added.
 ByteVector modulusAnd(int difference) {
-  BIGNUM* number = nullptr;
-  require(EVP_PKEY_get_bn_param(rsaKey().key.get(), OSSL_PKEY_PARAM_RSA_N, &number) == 1, "no modulus");
-  const std::unique_ptr<BIGNUM, decltype(&BN_free)> modulus{number, &BN_free};
+  const test::Value bytes = rsaKey().key.modulus();
+  const std::unique_ptr<BIGNUM, decltype(&BN_free)> modulus{
+      BN_bin2bn(bytes.data(), static_cast<int>(bytes.size()), nullptr), &BN_free};
+  BIGNUM* const number = modulus.get();
   require((difference < 0 ? BN_sub_word(number, static_cast<BN_ULONG>(-difference))
                           : BN_add_word(number, static_cast<BN_ULONG>(difference))) == 1,
           "no other number");
