@@ -19,9 +19,6 @@ using File = std::unique_ptr<std::FILE, CloseFile>;
 
 Key generated(const std::string& type) {
   if (type == "p256") return Key{EVP_EC_gen("P-256")};
-  if (type == "p384") return Key{EVP_EC_gen("P-384")};
-  if (type == "p521") return Key{EVP_EC_gen("P-521")};
-  if (type == "ed25519") return Key{EVP_PKEY_Q_keygen(nullptr, nullptr, "ED25519")};
   unsigned bits = 0;
   const bool rsa =
       type.starts_with("rsa") &&

@@ -14,13 +14,12 @@
 namespace mirel::cardmaker {
 namespace {
 
-// What the standard has beyond bridge/cryptoki.h (PKCS #11 v3.0 for CKK_EC_EDWARDS).
+// What the standard has beyond bridge/cryptoki.h.
 constexpr CK_ATTRIBUTE_TYPE CKA_PRIME_1 = 0x124;
 constexpr CK_ATTRIBUTE_TYPE CKA_PRIME_2 = 0x125;
 constexpr CK_ATTRIBUTE_TYPE CKA_EXPONENT_1 = 0x126;
 constexpr CK_ATTRIBUTE_TYPE CKA_EXPONENT_2 = 0x127;
 constexpr CK_ATTRIBUTE_TYPE CKA_COEFFICIENT = 0x128;
-constexpr CK_KEY_TYPE CKK_EC_EDWARDS = 0x40;
 
 struct FreeNumber {
   void operator()(BIGNUM* number) const noexcept { BN_clear_free(number); }
@@ -57,13 +56,9 @@ std::string pointOf(EVP_PKEY* key) {
 /// The object identifier of the curve, as DER.
 std::string curveOf(EVP_PKEY* key) {
   std::array<char, 64> name{};
-  int nid = EVP_PKEY_get_base_id(key);  // for Ed25519 the algorithm is the curve
-  if (nid == EVP_PKEY_EC) {
-    (void)EVP_PKEY_get_group_name(key, name.data(), name.size(), nullptr);
-    nid = OBJ_txt2nid(name.data());
-  }
+  (void)EVP_PKEY_get_group_name(key, name.data(), name.size(), nullptr);
   unsigned char* der = nullptr;
-  const int length = i2d_ASN1_OBJECT(OBJ_nid2obj(nid), &der);
+  const int length = i2d_ASN1_OBJECT(OBJ_nid2obj(OBJ_txt2nid(name.data())), &der);
   if (length <= 0) throw std::runtime_error{"the key has no curve"};
   std::string bytes{reinterpret_cast<const char*>(der), static_cast<std::size_t>(length)};
   OPENSSL_free(der);
@@ -85,7 +80,7 @@ void describePublicKey(EVP_PKEY* key, Template& out) {
     out.add(CKA_PUBLIC_EXPONENT, numberOf(key, OSSL_PKEY_PARAM_RSA_E));
     return;
   }
-  out.addNumber(CKA_KEY_TYPE, EVP_PKEY_get_base_id(key) == EVP_PKEY_EC ? CKK_EC : CKK_EC_EDWARDS);
+  out.addNumber(CKA_KEY_TYPE, CKK_EC);
   out.add(CKA_EC_PARAMS, curveOf(key));
   out.add(CKA_EC_POINT, pointOf(key));
 }
@@ -100,25 +95,21 @@ void describePrivateKey(const Line& line, EVP_PKEY* key, Template& out) {
   out.addBool(CKA_SIGN, allows("sign"));
   out.addBool(CKA_DECRYPT, allows("decrypt"));
   out.addBool(CKA_DERIVE, allows("derive"));
-  switch (EVP_PKEY_get_base_id(key)) {
-    case EVP_PKEY_RSA:
-      out.addNumber(CKA_KEY_TYPE, CKK_RSA);
-      out.add(CKA_MODULUS, numberOf(key, OSSL_PKEY_PARAM_RSA_N));
-      out.add(CKA_PUBLIC_EXPONENT, numberOf(key, OSSL_PKEY_PARAM_RSA_E));
-      out.add(CKA_PRIVATE_EXPONENT, numberOf(key, OSSL_PKEY_PARAM_RSA_D));
-      out.add(CKA_PRIME_1, numberOf(key, OSSL_PKEY_PARAM_RSA_FACTOR1));
-      out.add(CKA_PRIME_2, numberOf(key, OSSL_PKEY_PARAM_RSA_FACTOR2));
-      out.add(CKA_EXPONENT_1, numberOf(key, OSSL_PKEY_PARAM_RSA_EXPONENT1));
-      out.add(CKA_EXPONENT_2, numberOf(key, OSSL_PKEY_PARAM_RSA_EXPONENT2));
-      out.add(CKA_COEFFICIENT, numberOf(key, OSSL_PKEY_PARAM_RSA_COEFFICIENT1));
-      return;
-    case EVP_PKEY_EC:
-      out.addNumber(CKA_KEY_TYPE, CKK_EC);
-      out.add(CKA_EC_PARAMS, curveOf(key));
-      out.add(CKA_VALUE, numberOf(key, OSSL_PKEY_PARAM_PRIV_KEY, (EVP_PKEY_get_bits(key) + 7) / 8));
-      return;
-    default: throw std::invalid_argument{"no private keys of this type"};
+  if (EVP_PKEY_get_base_id(key) == EVP_PKEY_RSA) {
+    out.addNumber(CKA_KEY_TYPE, CKK_RSA);
+    out.add(CKA_MODULUS, numberOf(key, OSSL_PKEY_PARAM_RSA_N));
+    out.add(CKA_PUBLIC_EXPONENT, numberOf(key, OSSL_PKEY_PARAM_RSA_E));
+    out.add(CKA_PRIVATE_EXPONENT, numberOf(key, OSSL_PKEY_PARAM_RSA_D));
+    out.add(CKA_PRIME_1, numberOf(key, OSSL_PKEY_PARAM_RSA_FACTOR1));
+    out.add(CKA_PRIME_2, numberOf(key, OSSL_PKEY_PARAM_RSA_FACTOR2));
+    out.add(CKA_EXPONENT_1, numberOf(key, OSSL_PKEY_PARAM_RSA_EXPONENT1));
+    out.add(CKA_EXPONENT_2, numberOf(key, OSSL_PKEY_PARAM_RSA_EXPONENT2));
+    out.add(CKA_COEFFICIENT, numberOf(key, OSSL_PKEY_PARAM_RSA_COEFFICIENT1));
+    return;
   }
+  out.addNumber(CKA_KEY_TYPE, CKK_EC);
+  out.add(CKA_EC_PARAMS, curveOf(key));
+  out.add(CKA_VALUE, numberOf(key, OSSL_PKEY_PARAM_PRIV_KEY, (EVP_PKEY_get_bits(key) + 7) / 8));
 }
 
 }  // namespace

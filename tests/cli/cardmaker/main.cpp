@@ -19,11 +19,11 @@
 //   private      type=  id=  label=  allow= (some of sign,decrypt,derive; nothing unless told)
 //   certificate  type=  id=  label=  subject= (the common name)  usage= (RFC 5280's names, with commas;
 //                without it there is no key usage extension)  notafter=YYYYMMDDhhmmssZ  size= (bytes; an
-//                extension of zeros fills it)
+//                extension that nobody reads fills it)
 //   certificate  id=  label=  value= (whatever bytes stand in the place of a certificate)
 //
-// Types: rsa2048 (or any other number of bits), p256, p384, p521, ed25519 (no private key). All objects
-// of one type share one key pair. An attribute whose word is left out gets the module's default.
+// Types: rsa2048 (or any other number of bits) and p256. All objects of one type share one key pair. An
+// attribute whose word is left out gets the module's default.
 //
 //   token label=0x43617264204F6E65
 //   public type=rsa2048 id=0x01 label=Signature
