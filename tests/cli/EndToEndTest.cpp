@@ -9,11 +9,14 @@
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
+#include <span>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
 
 #include "cardmaker/SoftHsm.h"
+#include "platform/Hex.h"
+#include "platform/Text.h"
 
 namespace mirel::test {
 namespace {
@@ -32,6 +35,10 @@ TemporaryFolder folderInMemory() {
   constexpr const char* kMemory = "/dev/shm";
   if (!std::getenv("TMPDIR") && access(kMemory, W_OK | X_OK) == 0) (void)setenv("TMPDIR", kMemory, 1);
   return {};
+}
+
+std::span<const std::uint8_t> viewOf(std::string_view bytes) {
+  return {reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()};
 }
 
 std::string runCardmaker(const Arguments& arguments, const std::string& input) {
@@ -211,29 +218,9 @@ std::string bytesOfHex(std::string_view digits) {
   return bytes;
 }
 
-std::string hexOfBytes(std::string_view bytes) {
-  constexpr std::string_view kDigits = "0123456789ABCDEF";
-  std::string digits;
-  for (const char c : bytes) {
-    const auto byte = static_cast<unsigned char>(c);
-    digits.append(1, kDigits[byte >> 4U]).append(1, kDigits[byte & 0xFU]);
-  }
-  return digits;
-}
+std::string hexOfBytes(std::string_view bytes) { return mirel::hexOfBytes(viewOf(bytes), HexDigits::kUpper); }
 
-std::string characters(std::string_view bytes) {
-  std::string utf8;
-  for (const char c : bytes) {
-    const unsigned byte = static_cast<unsigned char>(c);
-    if (byte < 0x80) {
-      utf8.push_back(c);
-    } else {
-      utf8.push_back(byte < 0xC0 ? '\xC2' : '\xC3');
-      utf8.push_back(static_cast<char>(0x80U | (byte & 0x3FU)));
-    }
-  }
-  return utf8;
-}
+std::string characters(std::string_view bytes) { return Text::fromBytes(viewOf(bytes)).toUtf8(); }
 
 std::string textOf(const Json& digits) {
   std::string bytes = bytesOfHex(digits.get<std::string>());
