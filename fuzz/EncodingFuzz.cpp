@@ -114,10 +114,10 @@ void tryOaep(Input& input) {
     check(std::equal(decoded->begin(), decoded->end(), room.begin(), room.begin() + size), "for the same");
 }
 
-/// X.690, sections 8.1.3 and 10.1: the size of the value's header, and of its content; nothing for what is
-/// not DER.
+/// X.690, sections 8.1.2, 8.1.3 and 10.1: the size of the value's header, and of its content; nothing for
+/// what is not DER, or has a tag of several bytes.
 std::optional<std::pair<std::size_t, std::size_t>> sizesOf(std::span<const std::uint8_t> der) {
-  if (der.size() < 2) return {};
+  if (der.size() < 2 || (der[0] & 0x1FU) == 0x1F) return {};
   if (der[1] < 0x80) return std::pair{std::size_t{2}, std::size_t{der[1]}};
   const std::size_t count = der[1] - std::size_t{0x80};
   if (count == 0 || count > 8 || der.size() < 2 + count || der[2] == 0) return {};
