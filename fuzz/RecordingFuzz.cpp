@@ -79,6 +79,8 @@ const GoodRun& goodRun() {
 
 /// As "trace show" does.
 void show(const Record& record) {
+  if (const auto* const end = std::get_if<RecordedEnd>(&record))
+    checkShown(printableLine(endText(*end)), "how a run ended");
   const auto* const call = std::get_if<RecordedCall>(&record);
   if (!call) return;
   checkShown(printableLine(subjectText(*call)), "what a call is about");
@@ -149,6 +151,21 @@ void editRecord(Input& input, Record& record) {
       record);
 }
 
+/// The process comes to a bad end in the call, or before what else stands there.
+void endAt(Input& input, std::vector<Record>& records, std::size_t which) {
+  using Kind = BadEnd::Kind;
+  const auto kind = static_cast<Kind>(input.below(4));
+  RecordedEnd end{.how = {.kind = kind}};
+  if (kind == Kind::kCrashed || kind == Kind::kInterrupted) end.how.signal = "SIGSEGV";
+  if (kind == Kind::kHung) end.how.seconds = input.byte();
+  if (auto* const call = std::get_if<RecordedCall>(&records[which])) {
+    call->out.clear();
+    end.call = std::move(*call);
+  }
+  records.erase(records.begin() + static_cast<std::ptrdiff_t>(which), records.end());
+  records.emplace_back(std::move(end));
+}
+
 /// Writes the record into a file and reads it again.
 void passThroughFile(const Header& header, Record& record) {
   const std::string line = lineOf(record);
@@ -171,6 +188,7 @@ void edit(Input& input, Recording& recording) {
       case 0: records.erase(at); break;
       case 1: records.insert(at, Record{*at}); break;
       case 2: std::swap(*at, records[(which + 1) % records.size()]); break;
+      case 4: endAt(input, records, which); break;
       default:
         editRecord(input, *at);
         show(*at);
@@ -196,9 +214,11 @@ Replayed replay(Input& input, Recording recording) {
     replayed.wasComplete = false;
   };
   PlatformServices services = surroundings.services();
-  const RecordedModules modules = replayInto(std::move(recording), onMissing, services);
-  (void)modules();
+  const auto onEnd = [&replayed](const RecordedEnd&) { replayed.wasComplete = false; };
+  const Replay running = replayInto(std::move(recording), onMissing, onEnd, services);
+  (void)running.module();
   replayed.numItems = useCard(services);
+  running.workIsDone();
   return replayed;
 }
 
