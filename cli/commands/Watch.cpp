@@ -165,11 +165,11 @@ class WatchRun {
     Text serialNumber{};
   };
 
-  [[nodiscard]] Result<std::unique_ptr<HelperProcess>> start(std::function<void(HelperLine&)> work,
+  [[nodiscard]] Result<std::unique_ptr<HelperProcess>> start(const std::function<void(HelperLine&)>& work,
                                                              bool endsAtOnce) const {
     const Watch watch{options_.timeout > 0 ? std::optional{seconds{options_.timeout}} : std::nullopt, false,
                       kTimeForEnd};
-    return HelperProcess::start(std::move(work), watch, endsAtOnce);
+    return HelperProcess::start(work, watch, endsAtOnce);
   }
 
   [[nodiscard]] Result<void> startService() {

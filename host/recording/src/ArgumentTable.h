@@ -13,6 +13,12 @@ namespace mirel::recording {
 using Word = std::uintptr_t;
 static_assert(sizeof(CK_ULONG) == sizeof(Word));
 
+/// What the argument points to.
+template <typename T>
+[[nodiscard]] T* pointerOf(Word word) noexcept {
+  return reinterpret_cast<T*>(word);  // NOLINT(performance-no-int-to-ptr): it was that pointer
+}
+
 /// What an argument is. The kind alone decides what of it is recorded, and in a replay what is written there.
 enum class ArgumentKind : std::uint8_t {
   kNumber,       ///< a number, a handle, flags: recorded

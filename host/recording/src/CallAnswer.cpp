@@ -9,11 +9,6 @@
 namespace mirel::recording {
 namespace {
 
-template <typename T>
-T* pointerOf(Word word) noexcept {
-  return reinterpret_cast<T*>(word);
-}
-
 template <typename Held>
 const Held* heldIn(const Value* value) noexcept {
   return value ? std::get_if<Held>(&value->held) : nullptr;

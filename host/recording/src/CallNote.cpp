@@ -14,11 +14,6 @@ constexpr CK_ULONG kLargestValue = 64UL * 1024;  // bytes; a larger one is told 
 constexpr CK_ULONG kLargestSignature = 4096;     // bytes
 constexpr CK_ULONG kMostHandles = 4096;          // of one list
 
-template <typename T>
-T* pointerOf(Word word) noexcept {
-  return reinterpret_cast<T*>(word);
-}
-
 Value number(std::uint64_t value) { return {value}; }
 Value nothing() { return {NullPointer{}}; }
 
