@@ -223,7 +223,9 @@ void tryValues(Input& input) {
   check(anonymousValues(der, kind, pseudonyms).size() == der.size(), "values have their size");
 }
 
-void run(Input& input) {
+}  // namespace
+
+void runTarget(Input& input) {
   switch (input.below(4)) {
     case 0: return tryCertificate(ByteVector(input.rest().begin(), input.rest().end()));
     case 1: return tryValues(input);
@@ -231,13 +233,4 @@ void run(Input& input) {
   }
 }
 
-}  // namespace
 }  // namespace mirel::fuzz
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
-
-int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  mirel::fuzz::Input input{{data, size}};
-  mirel::fuzz::run(input);
-  return 0;
-}

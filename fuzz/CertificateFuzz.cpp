@@ -12,6 +12,7 @@
 
 #include "CertificateParts.h"
 #include "Check.h"
+#include "Input.h"
 #include "platform/Certificate.h"
 #include "platform/CertificateFields.h"
 #include "platform/KeyUsage.h"
@@ -91,15 +92,13 @@ void tryAsOtherParts(const ByteVector& input) {
 }
 
 }  // namespace
-}  // namespace mirel
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
-
-int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  if (size > mirel::kLargestInput) return 0;
-  const mirel::ByteVector input(data, data + size);
-  (void)mirel::parseAndCheck(input);
-  mirel::tryAsKeyUsage(input);
-  mirel::tryAsOtherParts(input);
-  return 0;
+void fuzz::runTarget(fuzz::Input& input) {
+  if (input.rest().size() > kLargestInput) return;
+  const ByteVector all(input.rest().begin(), input.rest().end());
+  (void)parseAndCheck(all);
+  tryAsKeyUsage(all);
+  tryAsOtherParts(all);
 }
+
+}  // namespace mirel

@@ -87,7 +87,9 @@ void checkShortParsing(std::span<char* const> line, const CLI::App& parser, cons
         "both see the same in it");
 }
 
-void run(Input& input) {
+}  // namespace
+
+void runTarget(Input& input) {
   static CommandLine line;
   auto& [app, options] = line;
   line.reset();
@@ -113,13 +115,4 @@ void run(Input& input) {
   checkShortParsing(argv, app, taken ? &options : nullptr);
 }
 
-}  // namespace
 }  // namespace mirel::fuzz
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
-
-int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  mirel::fuzz::Input input{{data, size}};
-  mirel::fuzz::run(input);
-  return 0;
-}

@@ -24,7 +24,9 @@ SecKeyAlgorithm algorithmFrom(Input& input) {
                     : kSecKeyAlgorithms[which % kSecKeyAlgorithms.size()].algorithm;
 }
 
-void decrypt(Input& input) {
+}  // namespace
+
+void runTarget(Input& input) {
   KeyRun run{input, kVault};
   if (!run.hasClient()) return;
   const PublishedKey* const key = run.keyFrom(input);
@@ -48,13 +50,4 @@ void decrypt(Input& input) {
   check(bool{plain} || !isGood, "the good card decrypts");
 }
 
-}  // namespace
 }  // namespace mirel::fuzz
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
-
-int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  mirel::fuzz::Input input{{data, size}};
-  mirel::fuzz::decrypt(input);
-  return 0;
-}

@@ -146,7 +146,9 @@ void tryDer(Input& input) {
   check(reader.atEnd(), "at the end there is no value");
 }
 
-void run(Input& input) {
+}  // namespace
+
+void runTarget(Input& input) {
   switch (input.below(5)) {
     case 0: return tryPaddingForSigning(input);
     case 1: return tryPaddingForEncrypting(input);
@@ -156,13 +158,4 @@ void run(Input& input) {
   }
 }
 
-}  // namespace
 }  // namespace mirel::fuzz
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
-
-int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  mirel::fuzz::Input input{{data, size}};
-  mirel::fuzz::run(input);
-  return 0;
-}

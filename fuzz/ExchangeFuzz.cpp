@@ -21,7 +21,9 @@ test::Value pointFrom(Input& input) {
   return point;
 }
 
-void exchange(Input& input) {
+}  // namespace
+
+void runTarget(Input& input) {
   KeyRun run{input, kAgree};
   if (!run.hasClient()) return;
   const PublishedKey* const key = run.keyFrom(input);
@@ -35,13 +37,4 @@ void exchange(Input& input) {
   check(agreed->secret.size() == 0, "no secret leaves the card");
 }
 
-}  // namespace
 }  // namespace mirel::fuzz
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
-
-int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  mirel::fuzz::Input input{{data, size}};
-  mirel::fuzz::exchange(input);
-  return 0;
-}

@@ -68,4 +68,8 @@ class Input {
   std::span<const std::uint8_t> rest_;
 };
 
+/// One run with an input, by the target that the program is made of. Ends the process when a promise is
+/// broken.
+void runTarget(Input& input);
+
 }  // namespace mirel::fuzz

@@ -109,7 +109,9 @@ Text readerNameFrom(Input& input) {
   }
 }
 
-void run(Input& input) {
+}  // namespace
+
+void runTarget(Input& input) {
   const Text readerName = readerNameFrom(input);
   const std::uint8_t how = input.byte();
   Surroundings surroundings{input, {std::string{kGoodPin}}};
@@ -137,13 +139,4 @@ void run(Input& input) {
   check(mayLeaveSearches || module.script().openSearches().empty(), "every search is ended");
 }
 
-}  // namespace
 }  // namespace mirel::fuzz
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
-
-int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  mirel::fuzz::Input input{{data, size}};
-  mirel::fuzz::run(input);
-  return 0;
-}

@@ -16,7 +16,9 @@ void lookAtTries(KeyRun& run) {
   (void)run.host().triesLeft(run.card().reader);  // any number may be right
 }
 
-void logIn(Input& input) {
+}  // namespace
+
+void runTarget(Input& input) {
   KeyRun run{input, kSigner};
   if (!run.hasClient()) return;
   // The input may have pulled the card.
@@ -33,13 +35,4 @@ void logIn(Input& input) {
   lookAtTries(run);
 }
 
-}  // namespace
 }  // namespace mirel::fuzz
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
-
-int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  mirel::fuzz::Input input{{data, size}};
-  mirel::fuzz::logIn(input);
-  return 0;
-}

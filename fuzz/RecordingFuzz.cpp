@@ -257,7 +257,9 @@ void tryEdited(Input& input, bool withoutNames) {
         "a recording replays as it was recorded");
 }
 
-void run(Input& input) {
+}  // namespace
+
+void runTarget(Input& input) {
   switch (input.below(4)) {
     case 0: return tryFile(input);
     case 1: return tryEdited(input, true);
@@ -265,13 +267,4 @@ void run(Input& input) {
   }
 }
 
-}  // namespace
 }  // namespace mirel::fuzz
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
-
-int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  mirel::fuzz::Input input{{data, size}};
-  mirel::fuzz::run(input);
-  return 0;
-}

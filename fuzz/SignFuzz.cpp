@@ -83,12 +83,7 @@ void signWell(Input& input) {
 }
 
 }  // namespace
+
+void runTarget(Input& input) { input.flag() ? signWell(input) : sign(input); }
+
 }  // namespace mirel::fuzz
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
-
-int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  mirel::fuzz::Input input{{data, size}};
-  input.flag() ? mirel::fuzz::signWell(input) : mirel::fuzz::sign(input);
-  return 0;
-}

@@ -235,7 +235,9 @@ void tryPin(const std::string& text) {
   check(std::string(copied.begin(), copied.end()) == line, "the PIN is the first line");
 }
 
-void run(Input& input) {
+}  // namespace
+
+void runTarget(Input& input) {
   const std::size_t kind = input.below(64);
   const std::string text{input.rest().begin(), input.rest().end()};
   constexpr std::size_t kNumKinds = 8;
@@ -252,13 +254,4 @@ void run(Input& input) {
   }
 }
 
-}  // namespace
 }  // namespace mirel::fuzz
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
-
-int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  mirel::fuzz::Input input{{data, size}};
-  mirel::fuzz::run(input);
-  return 0;
-}
