@@ -18,32 +18,55 @@ using recording::RecordedCall;
 
 struct RecorderPage::Page {
   static constexpr std::size_t kMost = std::size_t{1024} * 1024;  // bytes, as of a line
-  std::atomic<bool> isWriting{false};
-  std::atomic<std::uint32_t> size{0};
-  std::array<char, kMost> text;  // as the system gives it, so it costs nothing until it is used
+  struct FileState {
+    std::atomic<bool> isWriting{false};
+    std::atomic<int> error{0};
+  };
+  std::array<FileState, 2> files;
+  std::atomic<bool> isUnderWay{false};
+  std::atomic<std::uint32_t> size{0};  // 0: the call is too long
+  std::array<char, kMost> text;        // as the system gives it, so it costs nothing until it is used
 };
 
-RecorderPage::RecorderPage() : page_{nullptr} {
-  if (void* memory = sharedMemory(sizeof(Page))) page_ = new (memory) Page;
+RecorderPage::RecorderPage() {
+  void* const memory = sharedMemory(sizeof(Page));
+  if (!memory) throw std::bad_alloc{};
+  page_ = new (memory) Page;
 }
 
 void RecorderPage::callStarts(const RecordedCall& call) noexcept {
-  if (!page_) return;
   const std::string text = lineOf(recording::Record{call});
   page_->size = 0;
+  page_->isUnderWay = true;
   if (text.size() > Page::kMost) return;
   std::copy(text.begin(), text.end(), page_->text.begin());
   page_->size = static_cast<std::uint32_t>(text.size());
 }
 
-void RecorderPage::setWriting(bool now) noexcept {
-  if (page_) page_->isWriting = now;
+void RecorderPage::note(const recording::Record& record) noexcept {
+  if (std::holds_alternative<RecordedCall>(record)) page_->isUnderWay = false;
 }
 
-bool RecorderPage::isWriting() const noexcept { return page_ && page_->isWriting; }
+void RecorderPage::setWriting(File file, bool now) noexcept {
+  page_->files[static_cast<std::size_t>(file)].isWriting = now;
+}
 
-std::optional<RecordedCall> RecorderPage::lastCallOf(std::string_view function) const {
-  const std::uint32_t size = page_ ? page_->size.load() : 0;
+bool RecorderPage::isWriting(File file) const noexcept {
+  return page_->files[static_cast<std::size_t>(file)].isWriting;
+}
+
+void RecorderPage::setError(File file, int error) noexcept {
+  page_->files[static_cast<std::size_t>(file)].error = error;
+}
+
+int RecorderPage::error(File file) const noexcept {
+  return page_->files[static_cast<std::size_t>(file)].error;
+}
+
+bool RecorderPage::isCallUnderWay() const noexcept { return page_->isUnderWay; }
+
+std::optional<RecordedCall> RecorderPage::callUnderWay(std::string_view function) const {
+  const std::uint32_t size = isCallUnderWay() ? page_->size.load() : 0;
   if (size == 0 || size > Page::kMost) return std::nullopt;
   const auto read =
       recording::readRecording(lineOf(recording::Header{}) + std::string{page_->text.data(), size});

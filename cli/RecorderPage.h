@@ -8,22 +8,31 @@
 namespace mirel::cli {
 
 /// What the recorder of a worker is at, in memory that the worker shares with the process that watches it:
-/// the call of the module that may never come back, with its arguments. A module that has lost its way can
-/// write there, so what stands in it is checked.
+/// the call of the module that may never come back, with its arguments, and how its files do. A module that
+/// has lost its way can write there, so what stands in it is checked.
 class RecorderPage final : public recording::RecordSink {
  public:
-  /// To be made before the worker, once for each process. Where there is no memory it notes nothing.
+  enum class File { kTrace, kRecording };
+
+  /// To be made before the worker, once for each process. Throws std::bad_alloc.
   RecorderPage();
 
   void callStarts(const recording::RecordedCall& call) noexcept override;
-  void note(const recording::Record&) noexcept override {}
+  /// A call has come back.
+  void note(const recording::Record& record) noexcept override;
 
-  /// While a line is being written to a trace, which the other process must not go on with.
-  void setWriting(bool now) noexcept;
-  [[nodiscard]] bool isWriting() const noexcept;
+  /// A line is being written, or is there in part: the other process must not go on behind it.
+  void setWriting(File file, bool now) noexcept;
+  [[nodiscard]] bool isWriting(File file) const noexcept;
 
-  /// The call that has started last, when it was of that function.
-  [[nodiscard]] std::optional<recording::RecordedCall> lastCallOf(std::string_view function) const;
+  /// Why no more is written to the file, an errno; 0: nothing is wrong.
+  void setError(File file, int error) noexcept;
+  [[nodiscard]] int error(File file) const noexcept;
+
+  /// Whether a call has started and not come back.
+  [[nodiscard]] bool isCallUnderWay() const noexcept;
+  /// That call, when it is of that function and not too long.
+  [[nodiscard]] std::optional<recording::RecordedCall> callUnderWay(std::string_view function) const;
 
  private:
   struct Page;

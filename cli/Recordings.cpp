@@ -131,28 +131,27 @@ int openNameless(const std::string& beside) {
 /// Gets lines, for as long as they can be written.
 class RunRecorder::LineFile final : public recording::RecordSink {
  public:
-  /// `page`: may be null; told while a line is being written.
-  LineFile(int descriptor, std::string name, std::shared_ptr<RecorderPage> page)
-      : descriptor_{descriptor}, name_{std::move(name)}, page_{std::move(page)} {}
+  /// `page`: what both processes know of the file.
+  LineFile(int descriptor, std::string name, RecorderPage::File file, std::shared_ptr<RecorderPage> page)
+      : descriptor_{descriptor}, name_{std::move(name)}, file_{file}, page_{std::move(page)} {}
   ~LineFile() override { (void)close(descriptor_); }
 
-  void note(const Record& record) noexcept override {
-    const std::string line = lineOf(record);
-    if (page_) page_->setWriting(true);
-    write(line);
-    if (page_) page_->setWriting(false);
-  }
+  void note(const Record& record) noexcept override { write(lineOf(record)); }
 
+  /// Nothing behind a line that could not be written, or not whole, in either process.
   void write(std::string_view line) noexcept {
-    while (!line.empty() && error_ == 0) {
+    if (page_->isWriting(file_)) return;
+    page_->setWriting(file_, true);
+    while (!line.empty()) {
       const ssize_t count = ::write(descriptor_, line.data(), line.size());
       if (count > 0) line.remove_prefix(static_cast<std::size_t>(count));
-      if (count < 0 && errno != EINTR) error_ = errno;
+      if (count < 0 && errno != EINTR) return page_->setError(file_, errno);
     }
+    page_->setWriting(file_, false);
   }
 
   [[nodiscard]] Result<void> checkWritten() const {
-    if (error_ != 0) return fileFailure(name_, "written", error_);
+    if (const int error = page_->error(file_); error != 0) return fileFailure(name_, "written", error);
     return {};
   }
 
@@ -173,8 +172,8 @@ class RunRecorder::LineFile final : public recording::RecordSink {
  private:
   int descriptor_;
   std::string name_;
+  RecorderPage::File file_;
   std::shared_ptr<RecorderPage> page_;
-  int error_ = 0;
 };
 
 Result<LoadedRecording> loadRecording(const std::string& file) {
@@ -201,7 +200,8 @@ Result<std::unique_ptr<RunRecorder>> RunRecorder::open(const Options& options) {
     const int descriptor = ::open(options.trace->c_str(),
                                   O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC | O_NOCTTY, kOwnerOnly);
     if (descriptor < 0) return fileFailure(*options.trace, "written", errno);
-    recorder->trace_ = std::make_shared<LineFile>(descriptor, *options.trace, recorder->page_);
+    recorder->trace_ =
+        std::make_shared<LineFile>(descriptor, *options.trace, RecorderPage::File::kTrace, recorder->page_);
     struct stat status {};
     // A file that was there may have been for others, too.
     if (fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode) && fchmod(descriptor, kOwnerOnly) != 0)
@@ -212,7 +212,8 @@ Result<std::unique_ptr<RunRecorder>> RunRecorder::open(const Options& options) {
     if (const auto writable = checkWriting(options.recordTo); !writable) return writable.failure();
     const int descriptor = openNameless(*options.recordTo);
     if (descriptor < 0) return fileFailure(*options.recordTo, "written", errno);
-    recorder->recording_ = std::make_shared<LineFile>(descriptor, *options.recordTo, nullptr);
+    recorder->recording_ = std::make_shared<LineFile>(descriptor, *options.recordTo,
+                                                      RecorderPage::File::kRecording, recorder->page_);
     recorder->recording_->write(header);
   }
   return recorder;
@@ -220,9 +221,9 @@ Result<std::unique_ptr<RunRecorder>> RunRecorder::open(const Options& options) {
 
 void RunRecorder::record(PlatformServices& services, ModuleChoice& choice) {
   std::vector<std::shared_ptr<recording::RecordSink>> sinks;
+  if (page_) sinks.push_back(page_);
   if (trace_) sinks.push_back(trace_);
   if (recording_) sinks.push_back(recording_);
-  if (page_) sinks.push_back(page_);
   if (options_.verbose > 1) sinks.push_back(std::make_shared<CallLines>());
   if (sinks.empty()) return;
   choice.onFacts = [note = recording::recordInto(std::move(sinks), services),
@@ -233,13 +234,7 @@ void RunRecorder::record(PlatformServices& services, ModuleChoice& choice) {
   };
 }
 
-Result<void> RunRecorder::checkWritten() const {
-  for (const auto& file : {trace_, recording_}) {
-    if (!file) continue;
-    if (auto written = file->checkWritten(); !written) return written;
-  }
-  return {};
-}
+Result<void> RunRecorder::checkWritten() const { return trace_ ? trace_->checkWritten() : Result<void>{}; }
 
 void RunRecorder::workerEnded(const WorkerEnd& end) {
   if (!page_) return;
@@ -259,18 +254,21 @@ void RunRecorder::workerEnded(const WorkerEnd& end) {
 
 void RunRecorder::noteEnd(const WorkerEnd& end) {
   end_ = RecordedEnd{end.how, end.call == kLoading, std::nullopt};
-  if (!end.call.empty() && !end_->whileLoading) {
-    end_->call = page_->lastCallOf(end.call);
+  // Its name is noted a little before the call is made, and stays until a little after it has come back.
+  const bool hung = end.how.kind == recording::BadEnd::Kind::kHung;
+  if (end.call.starts_with("C_") && (page_->isCallUnderWay() || hung)) {
+    end_->call = page_->callUnderWay(end.call);
     if (!end_->call) end_->call = RecordedCall{.function = end.call};
   }
-  // Behind a half of a line nothing could be read.
-  if (!trace_ || page_->isWriting()) return;
+  if (hung && !end_->call && !end_->whileLoading) end_.reset();  // the name was overwritten
+  if (!trace_ || !end_) return;
   trace_->note(*end_);
   if (const auto written = trace_->checkWritten(); !written) (void)report(written.failure());
 }
 
 Result<void> RunRecorder::store() const {
   if (!recording_) return {};
+  if (auto written = recording_->checkWritten(); !written) return written;
   // The worker may have been overrun by a module that writes anywhere.
   ReadRecording read = recording::readRecording(recording_->content());
   if (!read.recording) {

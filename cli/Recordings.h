@@ -41,7 +41,7 @@ class RunRecorder {
   /// Puts itself between the services and the module (see recording/Recorder.h), and has it noted in `choice`
   /// what is found of the module's file.
   void record(PlatformServices& services, ModuleChoice& choice);
-  /// Whether all could be written.
+  /// Whether the trace could be written. Of a recording `store` tells.
   [[nodiscard]] Result<void> checkWritten() const;
 
   // For the process that watches, after the worker's end.

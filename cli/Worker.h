@@ -51,7 +51,7 @@ using Salvage = std::function<Failure(Failure failure, std::string_view noted)>;
 /// `salvage`: may be empty; where the module brought the worker to a bad end, gets that failure and the text
 /// that the worker has noted last (see `noteResult`), which a module may have changed, and returns what is
 /// told.
-/// `whenEnded`: may be empty; told of a bad end, in this process, before that has any other consequence.
+/// `whenEnded`: may be empty; told of a bad end, in this process, before the user is told.
 [[nodiscard]] Result<ExitCode> runInWorker(const std::function<ExitCode()>& work, const Watch& watch,
                                            const Salvage& salvage = {}, const WhenEnded& whenEnded = {});
 

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <optional>
 #include <span>
 #include <string>
@@ -133,7 +134,13 @@ Result<ExitCode> run(Options& options) {
       return options.command->salvage(options, std::move(failure), noted);
     };
   }
-  const auto whenEnded = [&](const WorkerEnd& end) { (*recorder)->workerEnded(end); };
+  const auto whenEnded = [&](const WorkerEnd& end) {
+    const auto noted = guarded([&]() -> Result<void> {
+      (*recorder)->workerEnded(end);
+      return {};
+    });
+    if (!noted) (void)report(noted.failure(), options.json);
+  };
   auto ended = runInWorker(work, watch, salvage, whenEnded);
   const auto stored = guarded([&] { return (*recorder)->store(); });
   if (stored) return ended;
@@ -150,18 +157,16 @@ Result<ExitCode> print(const std::string& text) {
 
 /// A trace is begun before anything is read.
 Result<void> checkTrace(const Options& options) {
-  const struct {
-    const char* name;
-    const std::optional<std::string>& value;
-  } files[] = {{"--module", options.modulePath},
-               {"--in", options.in},
-               {"--pin-file", options.pinFile},
-               {"--replay", options.replay}};
+  std::map<std::string, std::optional<std::string>, std::less<>> files = options.files;
+  files.insert({{"--module", options.modulePath},
+                {"--in", options.in},
+                {"--pin-file", options.pinFile},
+                {"--replay", options.replay}});
   for (const auto& [name, value] : files) {
     std::error_code error;
     if (options.trace && value &&
         (*options.trace == *value || std::filesystem::equivalent(*options.trace, *value, error)))
-      return wrongUsage(std::string{"--trace would overwrite the file of "} + name);
+      return wrongUsage("--trace would overwrite the file of " + name);
   }
   return {};
 }

@@ -162,6 +162,7 @@ void endAt(Input& input, std::vector<Record>& records, std::size_t which) {
     call->out.clear();
     end.call = std::move(*call);
   }
+  end.whileLoading = kind == Kind::kHung && !end.call;
   records.erase(records.begin() + static_cast<std::ptrdiff_t>(which), records.end());
   records.emplace_back(std::move(end));
 }

@@ -97,7 +97,9 @@ Recording janesRecording() {
       RecordedCall{.function = "C_Sign",
                    .out = {{"signature",
                             {Fields{{"count", {std::uint64_t{64}}}, {"value", {ByteVector(64, 0x44)}}}}}}},
-      RecordedEnd{{}, false, RecordedCall{.function = "C_FindObjectsInit", .in = {{"attributes", {search}}}}},
+      RecordedEnd{{BadEnd::Kind::kExited},
+                  false,
+                  RecordedCall{.function = "C_FindObjectsInit", .in = {{"attributes", {search}}}}},
   };
   return recording;
 }

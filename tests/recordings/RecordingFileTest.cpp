@@ -133,6 +133,14 @@ TEST(RecordingFile, RefusesWhatIsNoneAndNamesTheLine) {
        "line 2: there is no result"},
       {kHeader + end + "\"signal\":\"\\u001b\",\"seconds\":0,\"whileLoading\":true,\"call\":null}\n",
        "line 2: there is no signal"},
+      {kHeader + end + "\"signal\":\"SIGWITHALONGNAME\",\"seconds\":0,\"whileLoading\":true,\"call\":null}\n",
+       "line 2: there is no signal"},
+      {kHeader + R"({"end":"crashed","signal":"","seconds":0,"whileLoading":true,"call":null})"
+                 "\n",
+       "line 2: the signal is missing"},
+      {kHeader + R"({"end":"hung","signal":"","seconds":5,"whileLoading":false,"call":null})"
+                 "\n",
+       "line 2: nothing is named that hung"},
       {kHeader + end + "\"signal\":\"\",\"seconds\":0,\"whileLoading\":true,\"call\":{}}\n",
        "line 2: there is a call where"},
       {kHeader + end + "\"signal\":\"\",\"seconds\":0,\"whileLoading\":true,\"call\":null}\n{\"date\":1}\n",

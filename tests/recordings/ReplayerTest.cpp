@@ -143,13 +143,15 @@ TEST_F(ReplayerTest, EndsWithWhatIsAskedNextWhereNoCallWasUnderWay) {
   recorded.records.emplace_back(RecordedEnd{{BadEnd::Kind::kExited}});
   const PlatformServices other = replaying(std::move(recorded));
   P11Bridge replayed{other};
+  (void)other.timeAndChance->date();
+  EXPECT_THAT(missing, ElementsAre(HasSubstr("the time was not asked here"))) << "the calls come first";
   ASSERT_TRUE(replayed.pkcs11_Load(Text{}));
   EXPECT_THAT(ends, IsEmpty());
   EXPECT_EQ(replayed.pkcs11_Initial(nullptr), CKR_FUNCTION_FAILED);
   (void)other.timeAndChance->date();
   replay.workIsDone();
   EXPECT_THAT(ends, SizeIs(3));
-  EXPECT_THAT(missing, IsEmpty());
+  EXPECT_THAT(missing, SizeIs(1));
 }
 
 TEST_F(ReplayerTest, DoesNotEndWhereTheWorkWasDoneOtherwise) {

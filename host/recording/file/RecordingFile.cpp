@@ -344,7 +344,7 @@ std::int64_t timeOf(const Json& json, std::int64_t unitsPerSecond) {
 }
 
 RecordedEnd endOf(Members& members) {
-  constexpr std::size_t kLongestSignal = 16;
+  constexpr std::size_t kLongestSignal = 15;
   constexpr std::uint64_t kMostSeconds = std::numeric_limits<std::int32_t>::max();
   RecordedEnd end;
   end.how.kind = keyIn(kEnds, members["end"]);
@@ -364,6 +364,11 @@ RecordedEnd endOf(Members& members) {
     end.call->thread = threadOf(question);
     question.end();
   }
+  using Kind = BadEnd::Kind;
+  const bool needsSignal = end.how.kind == Kind::kCrashed || end.how.kind == Kind::kInterrupted;
+  if (needsSignal && end.how.signal.empty()) throw Refusal{"the signal is missing"};
+  if (end.how.kind == Kind::kHung && !end.call && !end.whileLoading)
+    throw Refusal{"nothing is named that hung"};
   return end;
 }
 

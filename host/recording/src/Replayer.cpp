@@ -34,6 +34,9 @@ class Memories {
 
   [[nodiscard]] std::vector<RecordedCall> takeCalls() { return std::move(calls_); }
 
+  /// Who knows whether all the calls have answered.
+  void knowWhen(std::function<bool()> callsAreUsedUp) { callsAreUsedUp_ = std::move(callsAreUsedUp); }
+
   [[nodiscard]] const std::optional<RecordedEnd>& end() const noexcept { return end_; }
   void reachEnd() const { onEnd_(*end_); }
 
@@ -86,7 +89,8 @@ class Memories {
 
   /// `areUsedUp`: all records of its kind.
   void lacks(bool areUsedUp, const std::string& what) const {
-    areUsedUp&& isEndBetweenCalls() ? reachEnd() : onMissing_(what);
+    areUsedUp&& isEndBetweenCalls() && (!callsAreUsedUp_ || callsAreUsedUp_()) ? reachEnd()
+                                                                               : onMissing_(what);
   }
   [[nodiscard]] bool isEndBetweenCalls() const { return end_ && !end_->call && !end_->whileLoading; }
 
@@ -101,6 +105,7 @@ class Memories {
 
   std::function<void(const std::string&)> onMissing_;
   std::function<void(const RecordedEnd&)> onEnd_;
+  std::function<bool()> callsAreUsedUp_;
   std::optional<RecordedEnd> end_;
   std::mutex mutex_;
   std::vector<RecordedCall> calls_;
@@ -180,6 +185,10 @@ Replay replayInto(Recording recording, std::function<void(const std::string&)> o
                   std::function<void(const RecordedEnd& end)> onEnd, PlatformServices& services) {
   const auto memories = std::make_shared<Memories>(std::move(recording.records), onMissing, std::move(onEnd));
   const auto loader = std::make_shared<ReplayingLoader>(memories, std::move(onMissing));
+  memories->knowWhen([known = std::weak_ptr{loader}] {
+    const auto still = known.lock();
+    return !still || still->isUsedUp();
+  });
   services.loader = loader;
   services.timeAndChance = std::make_shared<ReplayingChance>(memories);
   services.cardService = std::make_shared<ReplayingCardService>(memories);

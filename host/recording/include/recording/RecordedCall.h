@@ -72,7 +72,7 @@ enum class Road : std::uint8_t {
   kHost    ///< the host, which looks at readers and cards for the user
 };
 
-/// A call of the module that has come back.
+/// A call of the module. One that has not come back has no answer.
 ///
 /// An attribute, in a search, a query or an answer, is a structure with "type" (a text such as "CKA_LABEL", a
 /// number where the standard has no name for it), and
