@@ -197,6 +197,7 @@ TEST_F(Recordings, AreNotMadeWhereThatMakesNoSense) {
       {"--trace x --replay x items", "would overwrite the file of --replay"},
       {"sign --key 01 --in " + path("text") + " --trace " + path("./text"),
        "would overwrite the file of --in"},
+      {"trace show " + path("text") + " --trace " + path("text"), "would overwrite the file of FILE"},
       {"--module x record --out " + path("out") + " items --replay y", "excludes"},
   };
   write("text", kMessage);
