@@ -242,6 +242,7 @@ class PosixProgramRunner final : public ProgramRunner {
   /// Null-terminated, as the system wants them; they live as long as the texts.
   [[nodiscard]] static std::vector<char*> pointersTo(std::vector<std::string>& texts) {
     std::vector<char*> pointers;
+    pointers.reserve(texts.size() + 1);
     for (std::string& text : texts) pointers.push_back(text.data());
     pointers.push_back(nullptr);
     return pointers;
