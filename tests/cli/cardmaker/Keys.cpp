@@ -19,6 +19,7 @@ using File = std::unique_ptr<std::FILE, CloseFile>;
 
 Key generated(const std::string& type) {
   if (type == "p256") return Key{EVP_EC_gen("P-256")};
+  if (type == "p384") return Key{EVP_EC_gen("P-384")};
   unsigned bits = 0;
   const bool rsa =
       type.starts_with("rsa") &&

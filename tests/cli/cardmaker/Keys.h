@@ -21,7 +21,7 @@ class KeyStore {
   /// `folder`: where key pairs are kept from one run to the next; empty: nowhere.
   explicit KeyStore(std::filesystem::path folder) : folder_{std::move(folder)} {}
 
-  /// The key pair of a type, ours: "rsa" with a number of bits, or "p256".
+  /// The key pair of a type, ours: "rsa" with a number of bits, "p256" or "p384".
   /// Throws std::invalid_argument for another, std::runtime_error when the key cannot be made.
   [[nodiscard]] EVP_PKEY* pair(const std::string& type);
 

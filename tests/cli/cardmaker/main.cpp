@@ -22,8 +22,8 @@
 //                extension that nobody reads fills it)
 //   certificate  id=  label=  value= (whatever bytes stand in the place of a certificate)
 //
-// Types: rsa2048 (or any other number of bits) and p256. All objects of one type share one key pair. An
-// attribute whose word is left out gets the module's default.
+// Types: rsa2048 (or any other number of bits), p256 and p384. All objects of one type share one key pair.
+// An attribute whose word is left out gets the module's default.
 //
 //   token label=0x43617264204F6E65
 //   public type=rsa2048 id=0x01 label=Signature
