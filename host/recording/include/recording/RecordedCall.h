@@ -53,11 +53,6 @@ struct NamedValue {
   friend bool operator==(const NamedValue&, const NamedValue&);
 };
 
-inline bool operator==(const Value& a, const Value& b) { return a.held == b.held; }
-inline bool operator==(const NamedValue& a, const NamedValue& b) {
-  return a.name == b.name && a.value == b.value;
-}
-
 /// The value of that name; null when there is none.
 [[nodiscard]] inline const Value* valueNamed(const Fields& fields, std::string_view name) noexcept {
   for (const NamedValue& field : fields) {
