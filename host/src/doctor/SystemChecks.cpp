@@ -197,11 +197,10 @@ class SystemExamination {
     for (const auto& [what, path] : files()) {
       const ToolAnswer answer = ask(kQuarantine, "xattr", {path});
       if (answer.unanswered) return addUnknown(kQuarantine, *answer.unanswered);
+      const bool isGoodDownload = what == kAppName && isAccepted_;  // may keep its mark
       if (answer.code != 0) {
         findings.push_back(uselessAnswer("xattr", answer));
-      } else if (what == kAppName && isAccepted_) {
-        clean.push_back(what);  // it was downloaded as it should be
-      } else if (answer.output.find("com.apple.quarantine") != std::string::npos) {
+      } else if (!isGoodDownload && answer.output.find("com.apple.quarantine") != std::string::npos) {
         findings.push_back({kQuarantined, Severity::kWarning, what, printableLine(path)});
       } else {
         clean.push_back(what);
