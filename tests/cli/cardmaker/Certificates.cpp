@@ -25,6 +25,9 @@ std::string derOf(const T* object) {
 
 ByteVector signedCertificate(const Line& line, KeyStore& keys, std::size_t padding) {
   const std::string notAfter = line.bytes("notafter").value_or("20491231235959Z");
+  // The builder would take it unchecked. A time of UTCTime, which is shorter, has no century.
+  if (notAfter.size() != 15 || ASN1_TIME_set_string_X509(nullptr, notAfter.c_str()) != 1)
+    throw std::invalid_argument{"no such date: " + notAfter};
   const bool hasShortYear = notAfter < "2050";  // RFC 5280, section 4.1.2.5
   std::string usage = "critical";
   for (const std::string& name : line.list("usage")) usage += "," + name;
