@@ -149,6 +149,33 @@ TEST_F(Items, AreToldByTheirIdentifiersInTheKeychainByRequest) {
       HasSubstr("\ncertificate  cert_Gr\xC3\x83\xC2\xBCn_\\x01\xC3\xBF\nkey          \\x01\xC3\xBF\n"));
 }
 
+TEST_F(Items, OfSeveralKeysThatAreAlikeAreListedOnceWithTheirNumber) {
+  makeCards(
+      "token label=Card\npublic type=p256 id=01 label=Key\npublic type=p256 id=01 label=Key\n"
+      "certificate type=p256 id=01 label=Key usage=keyAgreement\n"
+      "public type=p256 id=02 label=Other\ncertificate type=p256 id=02 label=Other usage=keyAgreement\n");
+  const Json all = items();
+  EXPECT_THAT(all, SizeIs(4));
+  for (const Json& item : all) {
+    const std::string id = item["idHex"];
+    EXPECT_EQ(item.value("count", 1), id == "3031" ? 2 : 1) << item;
+  }
+  const std::string shown = mireltoken("items").out;
+  for (const char* line : {"\ncertificate  3031 [^\n]*, 2 times\n", "\nkey          3031 [^\n]*, 2 times\n"})
+    EXPECT_THAT(shown, ContainsRegex(line));
+  EXPECT_THAT(shown, Not(ContainsRegex("3032[^\n]* times")));
+}
+
+TEST_F(Items, AreNotMadeForTestsOfAWrongKeyUsageOrDate) {
+  for (const auto& [word, why] :
+       {std::pair{"usage=digitalSignature,noUsage", "no such keyUsage: critical,digitalSignature,noUsage\n"},
+        {"notafter=20311303040506Z", "no such date: 20311303040506Z\n"},
+        {"notafter=310203040506Z", "no such date: 310203040506Z\n"}}) {
+    const std::string card = std::string{"token label=Card\ncertificate type=p256 id=01 "} + word + "\n";
+    EXPECT_THAT([&] { makeCards(card); }, ::testing::ThrowsMessage<std::runtime_error>(EndsWith(why)));
+  }
+}
+
 TEST_F(Items, FailAsAWholeForOneObjectThatCannotBeListed) {
   makeCards(
       "token label=Card\npublic type=p256 id=01 label=Key\ncertificate type=p256 id=01 label=Key\n"
