@@ -169,6 +169,24 @@ TEST_F(ModuleFile, InTheHomeThatSomebodyElseMayChangeIsRefusedUnlessItIsTrusted)
   EXPECT_THAT(openedFor(std::nullopt), ElementsAre("open " + fs::canonical(kScriptedModule).string()));
 }
 
+// ---- What is for another system ----
+
+TEST_F(ModuleFile, ForAnotherProcessorIsRefused) {
+  const std::string other = (folder.path() / "other.so").string();
+  std::ofstream{other, std::ios::binary}
+      << std::string{"\x7F" "ELF\x02\x01\x01", 7} + std::string(9, '\0') + std::string{"\x03\0\xB7\0", 4};
+  const ModuleHome otherHome{other};
+  user = std::make_shared<FakeUserDirectory>("alice", otherHome.home());
+  for (const auto& [path, name] :
+       {std::pair{std::optional{other}, other}, {std::nullopt, otherHome.modulePath()}}) {
+    SCOPED_TRACE(name);
+    const Failure failure = refusalOf(path);
+    EXPECT_EQ(failure.kind, FailureKind::kModuleNotLoadable);
+    EXPECT_EQ(failure.what, "the PKCS #11 module " + name + " is not loaded");
+    EXPECT_THAT(failure.why, StartsWith("the module is for aarch64"));
+  }
+}
+
 // ---- What is no file ----
 
 TEST_F(ModuleFile, ThatIsNoRegularFileIsRefused) {
