@@ -160,9 +160,14 @@ TEST_F(NotSupported, IsDecryptingOrExchangingThatTheKeyOrTheTokenDoesNot) {
 }
 
 TEST_F(NotSupported, TellsKeyAndAlgorithm) {
-  const Failure failure =
-      failureOf(client->sign(published(u"02"), kSecKeyAlgorithmRSASignatureRaw, input, pins));
-  EXPECT_EQ(failure.what, "the key 3032 does not sign with kSecKeyAlgorithmRSASignatureRaw");
+  EXPECT_EQ(failureOf(client->sign(published(u"02"), kSecKeyAlgorithmRSASignatureRaw, input, pins)).what,
+            "the key 3032 does not sign with kSecKeyAlgorithmRSASignatureRaw");
+  EXPECT_EQ(failureOf(client->decrypt(published(u"01"), kSecKeyAlgorithmRSAEncryptionRaw, input, pins)).what,
+            "the key 3031 does not decrypt with kSecKeyAlgorithmRSAEncryptionRaw");
+  EXPECT_EQ(
+      failureOf(client->exchange(published(u"03"), kSecKeyAlgorithmECDHKeyExchangeStandard, input, pins))
+          .what,
+      "the key 3033 does not exchange keys with kSecKeyAlgorithmECDHKeyExchangeStandard");
 }
 
 }  // namespace
