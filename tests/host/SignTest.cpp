@@ -190,7 +190,9 @@ TEST_F(Sign, TellsWhichSizeIsWanted) {
 
 TEST_F(Sign, RefusesAnEncodingThatTheKeyIsTooShortFor) {
   // 1024 bits have no room for a digest and a salt of 64 bytes each.
-  EXPECT_EQ(signFailure(kSecKeyAlgorithmRSASignatureMessagePSSSHA512, kMessage).kind, FailureKind::kBadInput);
+  const Failure failure = signFailure(kSecKeyAlgorithmRSASignatureMessagePSSSHA512, kMessage);
+  EXPECT_EQ(failure.kind, FailureKind::kBadInput);
+  EXPECT_EQ(failure.why, "the key has too few bits for them");
   EXPECT_EQ(pins.timesAsked(), 0U);
 }
 
