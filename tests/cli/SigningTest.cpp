@@ -80,6 +80,7 @@ TEST_F(Signing, WithAKeyThatNeverSignsFails) {
   const std::string tooLong = "RSA keys above 2048 bits are published and never sign";
   expectFailures(
       {{signBy("ECDSASignatureMessageX962SHA256", "256") + " --no-verify", 11, {"an EC key never signs"}},
+       {"sign --key 256 --out " + path("out"), 11, {"an EC key never signs"}},
        {signBy("RSASignatureMessagePSSSHA256", "3072"), 11, {tooLong}},
        {signBy("RSASignatureRaw", "3072") + " --no-verify", 11, {tooLong}, blockOfSize(384)}});
 }
