@@ -1,5 +1,4 @@
 #include <array>
-#include <map>
 
 #include "EndToEndTest.h"
 #include "ReferenceCryptography.h"
@@ -133,6 +132,12 @@ TEST_F(Login, SaysTheSameAsJson) {
                                                                {"before", ""}}));
   expectJsonFailure(logInWith(kWrongPin, " --json"), 7, {"The card did not accept the PIN"});
   EXPECT_EQ(Json::parse(logInWith(kPin, " --json").out)["before"], kWrongBefore);
+}
+
+TEST_F(Login, SaysAfterAWrongPinWhatIsLeft) {
+  const std::string command = "login --last-try --pin-file " + write("pin", kWrongPin);
+  expectFailures({{command, 7, {"one more wrong PIN locks the card"}, {}, {{"TOKEN_FLAGS", "20000"}}},
+                  {command, 7, {"the PIN is locked"}, {}, {{"TOKEN_FLAGS", "40000"}}}});
 }
 
 TEST_F(Login, SpeaksTheLanguageOfTheUser) {
