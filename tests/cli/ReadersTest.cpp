@@ -80,6 +80,8 @@ TEST_F(Readers, AreListedForPeopleWithTheirFlagsSpelledOut) {
                 textOf(slot["serialNumber"]) +
                 "  RNG LOGIN_REQUIRED USER_PIN_INITIALIZED RESTORE_KEY_NOT_NEEDED TOKEN_INITIALIZED\n"));
   EXPECT_THAT(result.out, HasSubstr(freeReader()));
+  makeCards("token label=0x52651B5B326D64\n");
+  EXPECT_THAT(mireltoken("readers").out, HasSubstr("  Re\\x1B[2md  "));
 }
 
 TEST_F(Readers, AreChosenByTheirNameOrTheModulesOrder) {
