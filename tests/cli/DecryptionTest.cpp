@@ -126,7 +126,7 @@ TEST_F(Decryption, SaysWhatOfTheCardMayBeTheReason) {
   }
 }
 
-TEST_F(Decryption, HasACounterpartThatIsAcceptedAndGivesNothing) {
+TEST_F(Decryption, IsNotExchangingKeysWhichIsAcceptedAndGivesNothing) {
   makeCard({{.type = "p256", .id = "256", .usage = "keyAgreement", .allow = "derive"}});
   for (const char* algorithm : {"", " --algorithm ECDHKeyExchangeStandard"}) {
     expectFailures({{std::string{"exchange --key 256"} + algorithm + " --out " + path("out"),
