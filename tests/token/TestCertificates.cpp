@@ -25,9 +25,9 @@ EVP_PKEY* keyOf(TestKey kind) {
 }  // namespace
 
 Value testCertificate(const CertificateRequest& request) {
-  CertificateWish wish{.subject = {{"CN", MBSTRING_UTF8, request.commonName}},
-                       .notAfter = "350102030405Z",
-                       .padding = request.padding};
+  const std::vector<NameEntry> name{{"CN", MBSTRING_UTF8, request.commonName}};
+  CertificateWish wish{
+      .issuer = name, .subject = name, .notAfter = "350102030405Z", .padding = request.padding};
   wish.key = wish.signer = request.owner ? request.owner : keyOf(request.key);
   if (request.keyUsage) wish.keyUsages.push_back(keyUsageOf(*request.keyUsage));
   return makeCertificate(wish);

@@ -1,6 +1,6 @@
 #pragma once
 
-/// X.509 certificates for tests, made with OpenSSL and signed with their own key.
+/// Self-signed X.509 certificates for tests, made with OpenSSL.
 
 #include <openssl/types.h>
 
