@@ -128,10 +128,6 @@ std::string culpritsText(const CardReport& report) {
   return text + lostKeysText(report);
 }
 
-bool holdsAnotherCard(const std::vector<Finding>& findings) {
-  return !findings.empty() && findings.front().evidence == kAnotherCard;
-}
-
 void copyLook(const CardContents& contents, CardReport& report) {
   report.failedRead = contents.failedRead;
   report.loggedIn = contents.loggedIn;
@@ -223,9 +219,15 @@ std::vector<Finding> Host::tokenFindings(const Reader& reader, const Text& insta
 
 CardContents Host::contentsOf(const Reader& reader, const std::vector<Finding>& tokenFindings,
                               bool afterLogin) {
-  CardContents nothing;
-  nothing.failedRead = kAnotherCard;
-  if (holdsAnotherCard(tokenFindings)) return nothing;
+  const auto unreadable =
+      std::find_if(tokenFindings.begin(), tokenFindings.end(),
+                   [](const Finding& finding) { return finding.id == FindingID::kTokenUnreadable; });
+  // It is another card, or may be one, and what is on that explains nothing here.
+  if (!reader.unreadable && unreadable != tokenFindings.end()) {
+    CardContents nothing;
+    nothing.failedRead = unreadable->evidence;
+    return nothing;
+  }
   return readCard(*bridge_, reader.slotID, *certificates_, afterLogin);
 }
 

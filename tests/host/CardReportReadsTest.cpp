@@ -14,6 +14,7 @@ namespace {
 using enum FindingID;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
+using ::testing::StartsWith;
 
 /// What is said not to work.
 std::vector<Finding> claimsOf(const CardReport& report) {
@@ -163,6 +164,13 @@ TEST_F(CardReportReads, SayNothingOfAnotherCardThatIsInTheReaderNow) {
   EXPECT_THAT(report.unpublished, IsEmpty());
   EXPECT_EQ(report.failedRead, "the reader holds another card than before");
   EXPECT_EQ(report.keys.size(), keysOf(card).size());
+
+  // Whether it is another one cannot be told.
+  script.failCallOf("C_GetTokenInfo", 0, CKR_DEVICE_ERROR);
+  const CardReport blind = host.examine(card);
+  EXPECT_THAT(claimsOf(blind), IsEmpty());
+  EXPECT_THAT(blind.unpublished, IsEmpty());
+  EXPECT_THAT(blind.failedRead, StartsWith("C_GetTokenInfo answered CKR_DEVICE_ERROR"));
 }
 
 TEST_F(CardReportReads, FindEachClassOnceAndReadNoAttributeTwice) {
