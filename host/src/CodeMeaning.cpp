@@ -95,8 +95,8 @@ constexpr CodeMeaning kMeanings[] = {
     {CKR_DATA_LEN_RANGE, kAny, kWrongSize, kOtherKeyOrAlgorithm, kOfTheCommand},
     {CKR_ENCRYPTED_DATA_INVALID, kAny, kNotForThisKey, kCheckData, kOfTheCommand},
     {CKR_ENCRYPTED_DATA_LEN_RANGE, kAny, kNotForThisKey, kCheckData, kOfTheCommand},
-    {CKR_ATTRIBUTE_TYPE_INVALID, kAny, kObjectLacks, kIssuer, kOfTheCommand},
-    {CKR_ATTRIBUTE_SENSITIVE, kAny, kObjectLacks, kIssuer, kOfTheCommand},
+    {CKR_ATTRIBUTE_TYPE_INVALID, "C_GetAttributeValue", kObjectLacks, kIssuer, kOfTheCommand},
+    {CKR_ATTRIBUTE_SENSITIVE, "C_GetAttributeValue", kObjectLacks, kIssuer, kOfTheCommand},
     // The PIN.
     {CKR_PIN_INCORRECT, kAny, {}, kEnterPin, FailureKind::kPinWrong},
     {CKR_PIN_INVALID, kAny, "the PIN has characters that the card does not take", kEnterPin,

@@ -11,8 +11,8 @@
 namespace mirel {
 namespace {
 
-constexpr std::array<CryptokiFunction, 3> kReads{CryptokiFunction{"C_GetAttributeValue"},
-                                                 CryptokiFunction{"C_FindObjectsInit"},
+constexpr CryptokiFunction kReadsAttribute{"C_GetAttributeValue"};
+constexpr std::array<CryptokiFunction, 3> kReads{kReadsAttribute, CryptokiFunction{"C_FindObjectsInit"},
                                                  CryptokiFunction{"C_FindObjects"}};
 
 class LoaderWithDiary final : public DynamicLoader {
@@ -48,8 +48,8 @@ class LoaderWithDiary final : public DynamicLoader {
 bool isFailedRead(std::string_view function, std::uint64_t result) noexcept {
   const bool reads =
       std::any_of(kReads.begin(), kReads.end(), [&](CryptokiFunction one) { return one.name() == function; });
-  const bool answers =
-      result == CKR_OK || result == CKR_ATTRIBUTE_TYPE_INVALID || result == CKR_ATTRIBUTE_SENSITIVE;
+  const bool saysNo = result == CKR_ATTRIBUTE_TYPE_INVALID || result == CKR_ATTRIBUTE_SENSITIVE;
+  const bool answers = result == CKR_OK || (saysNo && function == kReadsAttribute.name());
   return reads && !answers;
 }
 

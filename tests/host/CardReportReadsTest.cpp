@@ -6,6 +6,7 @@
 #include <sstream>
 
 #include "host/CardReportTest.h"
+#include "host/CryptokiNames.h"
 #include "host/KeyChoice.h"
 
 namespace mirel::test {
@@ -132,16 +133,36 @@ TEST_F(CardReportReads, ClaimNothingOfAHiddenCardBecauseOfACallThatFails) {
 }
 
 TEST_F(CardReportReads, TellTheCallThatFailed) {
-  makeCard();
-  const InsertedCard card = inserted();
-  script.failCallOf("C_FindObjects", 0, CKR_DEVICE_ERROR);
-  const CardReport report = host.examine(card);
-  EXPECT_THAT(report.failedRead, HasSubstr("C_FindObjects answered CKR_DEVICE_ERROR"));
-  EXPECT_EQ(report.findings.empty() ? Severity::kOk : worstOf(report.findings), Severity::kUnknown);
-  bool isTold = false;
-  for (const Finding& finding : report.findings)
-    isTold = isTold || (finding.id == kObjectUnread && finding.evidence == report.failedRead);
-  EXPECT_TRUE(isTold);
+  const struct {
+    const char* function;
+    CK_RV code;
+  } rows[] = {
+      {"C_GetTokenInfo", CKR_DEVICE_ERROR},
+      {"C_OpenSession", CKR_DEVICE_ERROR},
+      {"C_FindObjectsInit", CKR_DEVICE_ERROR},
+      {"C_FindObjects", CKR_DEVICE_ERROR},
+      {"C_GetAttributeValue", CKR_DEVICE_ERROR},
+      // Answers of an object, which a search is not.
+      {"C_FindObjectsInit", CKR_ATTRIBUTE_TYPE_INVALID},
+      {"C_FindObjectsInit", CKR_ATTRIBUTE_SENSITIVE},
+      {"C_FindObjects", CKR_ATTRIBUTE_TYPE_INVALID},
+      {"C_FindObjects", CKR_ATTRIBUTE_SENSITIVE},
+  };
+  for (const auto& row : rows) {
+    const std::string told = std::string{row.function} + " answered " + cryptokiResultText(row.code);
+    SCOPED_TRACE(told);
+    script.reset();
+    clearCard();
+    addKey("01", "Signer");
+    const InsertedCard card = inserted();
+    script.failCallOf(row.function, 0, row.code);
+    const CardReport report = host.examine(card);
+    EXPECT_THAT(report.failedRead, StartsWith(told));
+    EXPECT_THAT(claimsOf(report), IsEmpty());
+    EXPECT_TRUE(std::any_of(report.findings.begin(), report.findings.end(), [&](const Finding& finding) {
+      return finding.id == kObjectUnread && finding.evidence == report.failedRead;
+    }));
+  }
 }
 
 TEST_F(CardReportReads, GiveNoReasonThatMayBeWrong) {

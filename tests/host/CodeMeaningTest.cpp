@@ -66,6 +66,13 @@ TEST(CodeMeaning, AdvisesToLookAtTheDataOnlyWhereTheyCanBeTheCause) {
   }
 }
 
+TEST(CodeMeaning, BlamesAnObjectOnlyWhereOneWasAsked) {
+  for (const CK_RV code : {CKR_ATTRIBUTE_TYPE_INVALID, CKR_ATTRIBUTE_SENSITIVE}) {
+    EXPECT_THAT(std::string{meaningOf("C_GetAttributeValue", code).reason}, HasSubstr("an object"));
+    EXPECT_THAT(std::string{meaningOf("C_FindObjectsInit", code).reason}, Not(HasSubstr("an object")));
+  }
+}
+
 TEST(CodeMeaning, SaysThatACodeIsNotKnown) {
   for (const CK_RV code : {CK_RV{CKR_VENDOR_DEFINED | 0x123}, CK_RV{CKR_FUNCTION_NOT_PARALLEL}}) {
     const Failure failure = failureBecauseOf({"C_Sign", code}, "what", kElse);
