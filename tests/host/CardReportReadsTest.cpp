@@ -169,11 +169,12 @@ TEST_F(CardReportReads, GiveNoReasonThatMayBeWrong) {
   makeCard();
   const InsertedCard card = inserted();
   script.failCallOf("C_FindObjects", 0, CKR_DEVICE_ERROR);  // no key is found
-  for (const UnpublishedObject& object : host.examine(card).unpublished) {
-    if (object.label == Text{u"Without key"}) {
-      EXPECT_THAT(object.reason, HasSubstr("why cannot be told now, C_FindObjects answered"));
-    }
-  }
+  const auto objects = host.examine(card).unpublished;
+  const auto lonely = std::find_if(objects.begin(), objects.end(), [](const UnpublishedObject& object) {
+    return object.label == Text{u"Without key"};
+  });
+  ASSERT_NE(lonely, objects.end());
+  EXPECT_THAT(lonely->reason, HasSubstr("why cannot be told now, C_FindObjects answered"));
 }
 
 TEST_F(CardReportReads, SayNothingOfAnotherCardThatIsInTheReaderNow) {
