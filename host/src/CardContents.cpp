@@ -233,7 +233,8 @@ CardContents readCard(const P11Bridge& bridge, CK_SLOT_ID slotID, CertificatePar
     contents.failedRead = answerText({"C_OpenSession", rv});
     return contents;
   }
-  contents.loggedIn = afterLogin && isLoggedIn(bridge, session, contents.failedPrivateRead);
+  contents.loggedIn = afterLogin && isLoggedIn(bridge, session, contents.failedRead);
+  contents.failedPrivateRead = contents.failedRead;  // without the login's state nothing private is known
 
   ObjectReader reader{bridge, session, contents.failedRead};
   for (const CK_OBJECT_HANDLE handle :
