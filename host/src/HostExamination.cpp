@@ -107,12 +107,16 @@ void collectLostKeys(const CardContents& contents, CardReport& report) {
 }
 
 std::string lostKeysText(const CardReport& report) {
-  if (report.keys.empty()) return "no good key is lost by it";
+  const bool allRead = report.failedRead.empty();
+  if (report.keys.empty())
+    return allRead ? "no good key is lost by it"
+                   : "what is lost by it cannot be told now, " + report.failedRead;
   NameList list;
   for (const KeyReport& key : report.keys) {
     if (list.takesMore()) list.add(subjectOf("", key.objectID, key.labelOnCard).substr(1));
   }
-  return "lost by it: " + list.textOf(report.keys.size());
+  const std::string text = "lost by it: " + list.textOf(report.keys.size());
+  return allRead ? text : text + "; what else cannot be told now, " + report.failedRead;
 }
 
 /// All objects that hide the card, and what is lost by them.

@@ -224,5 +224,43 @@ TEST_F(CardReportObjects, TellsAllObjectsThatHideTheCardAndWhatIsLost) {
   EXPECT_EQ(report.keys.front().works, "nothing: the whole card is hidden");
 }
 
+TEST_F(CardReportObjects, TellsWhatIsLostByAHiddenCardOnlyAsFarAsItWasRead) {
+  const struct {
+    const char* name;
+    const char* good;  // key; null: none
+    const char* function;
+    std::size_t fromLast;  // of its calls; 0: none fails
+    const char* lost;
+  } rows[] = {
+      {"nothing", nullptr, "C_FindObjects", 0, "; no good key is lost by it"},
+      {"keys not sought", "Good", "C_FindObjectsInit", 3,
+       "; what is lost by it cannot be told now, C_FindObjectsInit answered CKR_DEVICE_ERROR"},
+      {"no key found", nullptr, "C_FindObjectsInit", 3,
+       "; what is lost by it cannot be told now, C_FindObjectsInit answered CKR_DEVICE_ERROR"},
+      {"an attribute not read", "Good", "C_GetAttributeValue", 4,
+       "; lost by it: 3031 \"Good\"; what else cannot be told now, C_GetAttributeValue answered"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    const auto failure = [&](const std::function<void()>& arm) {
+      script.reset();
+      clearCard();
+      if (row.good) addKey("01", row.good);
+      addCertificate("02", "Broken");
+      lastObject() = lastObject().with(CKA_LABEL, {});
+      addCertificate("03", "Alone");
+      arm();
+      return failureOf(host.insert(Text{}));
+    };
+    (void)failure([] {});
+    const std::size_t calls = script.countOf(row.function);
+    const Failure told = failure([&] {
+      if (row.fromLast > 0) script.failCallOf(row.function, calls - row.fromLast, CKR_DEVICE_ERROR);
+    });
+    EXPECT_EQ(script.fired(), row.fromLast > 0);
+    EXPECT_THAT(told.why, AllOf(HasSubstr("certificate 3032: its label is empty"), HasSubstr(row.lost)));
+  }
+}
+
 }  // namespace
 }  // namespace mirel::test
