@@ -190,15 +190,21 @@ Failure Host::listingFailure(const Reader& reader, const std::optional<FailedCal
                               several ? "have the card's issuer mend or remove those objects"
                                       : "have the card's issuer mend or remove that object");
   }
+  const bool failedAnew =
+      !report.failedRead.empty() && !(cause && report.failedRead.starts_with(answerText(*cause)));
   // To prepare a card empties it, so that is said of one only that was read and that nothing else is wrong
   // with.
-  const bool bare = !reader.tokenInitialised && !reader.unreadable;
+  const bool bare = !reader.tokenInitialised && !reader.unreadable && !failedAnew;
   if (bare && (!cause || cause->result == CKR_TOKEN_NOT_RECOGNIZED)) {
     return enumerationFailure(reader, cause ? answerText(*cause) : "the module gives no reason",
                               kNotInitialised);
   }
-  if (cause) return enumerationFailure(reader, *cause);
-  return enumerationFailure(reader, "the module gives no reason", UserStep::kSeeLog);
+  Failure failure = cause ? enumerationFailure(reader, *cause)
+                          : enumerationFailure(reader, "the module gives no reason", UserStep::kSeeLog);
+  // That a card which is gone cannot be read either goes without saying.
+  if (failedAnew && failure.kind != FailureKind::kCardGone)
+    failure.why += "; whether an object is the reason cannot be told now, " + report.failedRead;
+  return failure;
 }
 
 std::vector<Finding> Host::tokenFindings(const Reader& reader, const Text& instanceID) {

@@ -198,6 +198,32 @@ TEST_F(UnpublishedObjects, AreNotBlamedWhenTheListingFailsForAnotherReason) {
   EXPECT_THAT(std::string{failure.advice.words()}, Not(HasSubstr("issuer")));
 }
 
+TEST_F(UnpublishedObjects, AreNotSoughtInVainWithoutAWord) {
+  for (const bool initialised : {true, false}) {
+    SCOPED_TRACE(initialised);
+    // First the listing fails, then the look for its reason.
+    const auto failure = [&](const std::function<void()>& arm) {
+      script.reset();
+      setCertificate({});
+      if (!initialised) script.card().info.flags &= ~CKF_TOKEN_INITIALIZED;
+      arm();
+      return failureOf(host.insert(initialised ? Text{} : Text{u"Reader A 00"}));
+    };
+    const auto failListing = [&] { script.failCallOf("C_OpenSession", 2, CKR_TOKEN_NOT_RECOGNIZED); };
+    const Failure plain = failure(failListing);
+    const std::size_t sessions = script.countOf("C_OpenSession");
+    EXPECT_EQ(std::string{plain.advice.words()}.find("prepare it") != std::string::npos, !initialised);
+    const Failure told = failure([&] {
+      failListing();
+      script.failCallOf("C_OpenSession", sessions - 1, CKR_DEVICE_ERROR);
+    });
+    EXPECT_THAT(told.why, AllOf(StartsWith("C_OpenSession answered CKR_TOKEN_NOT_RECOGNIZED"),
+                                HasSubstr("; whether an object is the reason cannot be told now, "
+                                          "C_OpenSession answered CKR_DEVICE_ERROR")));
+    EXPECT_THAT(std::string{told.advice.words()}, Not(HasSubstr("prepare it")));
+  }
+}
+
 TEST_F(UnpublishedObjects, SurviveSearchesThatNeverEnd) {
   script.deviations.endlessSearches = true;
   EXPECT_LE(unpublished().size(), 320U);
