@@ -166,6 +166,19 @@ TEST_F(UnpublishedObjects, BlockTheCardWhereTheInsertionFails) {
   }
 }
 
+TEST_F(UnpublishedObjects, DoNotHideACardThatWasInsertedBeforeTheyWentBad) {
+  const InsertedCard card = inserted();
+  script.object(kCertificate) = script.object(kCertificate).with(CKA_LABEL, {});
+  const CardReport report = host.examine(card);
+  EXPECT_FALSE(report.hidden);
+  ASSERT_EQ(report.unpublished.size(), 1U);
+  const UnpublishedObject& object = report.unpublished.front();
+  EXPECT_EQ(object.reason, "its label is empty");
+  EXPECT_EQ(object.cause, FindingID::kObjectUnread);
+  EXPECT_TRUE(object.unread);
+  EXPECT_FALSE(object.blocksCard);
+}
+
 TEST_F(UnpublishedObjects, HaveNoLabelOrIdThatCannotBeRead) {
   Object& changed = script.object(kCertificate);
   changed = changed.without(CKA_LABEL).with(CKA_ID, Value{});
