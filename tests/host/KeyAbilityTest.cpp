@@ -13,6 +13,7 @@ using enum SecKeyAlgorithm;
 using ::testing::AllOf;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
+using ::testing::StartsWith;
 
 class KeyAbility : public CardReportTest {
  protected:
@@ -109,6 +110,28 @@ TEST_F(KeyAbility, ExplainsASignatureThatDoesNotVerify) {
     if (std::string{row.why}.empty()) {
       EXPECT_EQ(failure.why, plain.why);
     }
+  }
+}
+
+TEST_F(KeyAbility, SaysThatTheCardCouldNotBeLookedAtForTheReason) {
+  const Failure plain{FailureKind::kCardRefuses, "there is no plain text", "C_Decrypt answered", "run again"};
+  addKey("01", "MyKey");
+  const InsertedCard card = inserted();
+  const std::pair<const char*, const char*> rows[] = {
+      {"C_GetTokenInfo", "(reader \"Reader A 00\": "},
+      {"C_OpenSession", "(public keys and certificates: "},
+      {"C_FindObjects", "(public keys and certificates: "},
+      {"C_GetAttributeValue", "(public key 3031: its label could not be read now, "},
+  };
+  for (const auto& [function, subject] : rows) {
+    SCOPED_TRACE(function);
+    script.failCallOf(function, 0, CKR_DEVICE_ERROR);
+    const Failure failure = explainedBy(host.examine(card), keysOf(card).front(), plain);
+    EXPECT_THAT(
+        failure.why,
+        StartsWith("C_Decrypt answered; whether the card's objects are the reason cannot be told now " +
+                   std::string{subject} + function + " answered CKR_DEVICE_ERROR"));
+    EXPECT_EQ(failure.advice.words(), plain.advice.words());
   }
 }
 
