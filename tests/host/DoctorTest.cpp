@@ -266,6 +266,15 @@ TEST_F(Doctor, KnowsACountOfTriesThatTheModuleReports) {
   EXPECT_EQ(checkIn(diagnosis(), "PIN").findings.size(), 1U);
 }
 
+TEST_F(Doctor, DoesNotSayThatACardWantsNoPinWhereItCannotBeAsked) {
+  (void)diagnosis();
+  script.failCallOf("C_GetTokenInfo", script.countOf("C_GetTokenInfo") - 1, CKR_DEVICE_ERROR);
+  script.forgetCalls();
+  const Check pin = checkIn(diagnosis(), "PIN");
+  EXPECT_EQ(pin.severity, Severity::kUnknown);
+  EXPECT_THAT(pin.evidence, HasSubstr("C_GetTokenInfo answered CKR_DEVICE_ERROR"));
+}
+
 // ---- What it costs ----
 
 TEST_F(Doctor, WithoutALoginTakesAtMostTwiceTheCallsOfAnInsertionWithAllThatIsTold) {

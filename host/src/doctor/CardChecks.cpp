@@ -31,6 +31,9 @@ std::vector<Finding> findingsOf(char letter, const CardReport& report) {
 }
 
 void checkPin(Host& host, const Reader& reader, const CardReport& report, Checks& checks) {
+  const auto unreadable = std::find_if(report.findings.begin(), report.findings.end(),
+                                       [](const Finding& finding) { return finding.id == kTokenUnreadable; });
+  if (unreadable != report.findings.end()) return checks.add(kPin, Severity::kUnknown, unreadable->evidence);
   std::vector<Finding> findings = findingsOf('P', report);
   const auto has = [&](FindingID id) {
     return std::any_of(findings.begin(), findings.end(),
