@@ -249,6 +249,32 @@ TEST_F(Doctor, TellsOfACardThatCannotBeRead) {
   }
 }
 
+TEST_F(Doctor, FailsWhereTheInsertionFailsWhateverElseIsFound) {
+  const struct {
+    const char* name;
+    bool shared;
+    bool failsAgain;
+  } rows[] = {{"the token information fails as well", false, true},
+              {"another card with the same name", true, false}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    const auto found = [&](std::size_t failing) {
+      script.reset();
+      if (row.shared) (void)script.addSlot("Reader B", script.card());
+      script.failCallOf("C_OpenSession", 0, CKR_DEVICE_ERROR, Times::kFromThenOn);
+      if (row.failsAgain) script.failCallOf("C_GetTokenInfo", failing, CKR_DEVICE_ERROR);
+      return diagnosis({{std::nullopt, true}, Text{u"Reader A 00"}});
+    };
+    (void)found(1000);
+    const Diagnosis diagnosis = found(script.countOf("C_GetTokenInfo") - 1);
+    const Check card = checkIn(diagnosis, "card");
+    EXPECT_EQ(card.severity, Severity::kFailure);
+    EXPECT_THAT(card.evidence, HasSubstr("C_OpenSession answered CKR_DEVICE_ERROR"));
+    EXPECT_EQ(card.findings.size(), 2U);
+    EXPECT_EQ(diagnosis.verdict(), Severity::kFailure);
+  }
+}
+
 TEST_F(Doctor, TellsOfACardThatIsNotInitialisedWhereThereIsNoOther) {
   script.card().info.flags = CKF_RNG;
   script.failCallOf("C_OpenSession", 0, CKR_TOKEN_NOT_RECOGNIZED, Times::kFromThenOn);

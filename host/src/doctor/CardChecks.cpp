@@ -165,8 +165,8 @@ void checkCard(Host& host, const Reader& reader, const PinsForReader& pins, cons
     const CardReport report = host.examine(reader);
     std::vector<Finding> findings = findingsOf('T', report);
     // An object that hides the card is told with the objects.
-    if (findings.empty() && !report.hidden)
-      findings.push_back({kTokenUnreadable, Severity::kFailure, {}, why});
+    if (worstOf(findings) != Severity::kFailure && !report.hidden)
+      findings.insert(findings.begin(), {kTokenUnreadable, Severity::kFailure, {}, why});
     if (findings.empty()) {
       checks.add(kCardCheck, Severity::kFailure, why);
     } else {
