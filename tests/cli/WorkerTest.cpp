@@ -75,9 +75,9 @@ TEST(Worker, ThatCrashesNamesTheCallAndTheSignal) {
       {SIGSEGV, "(SIGSEGV)"}, {SIGABRT, "(SIGABRT)"}, {SIGKILL, "(SIGKILL)"}, {SIGUSR1, "(signal "}};
   for (const auto& [signal, name] : rows) {
     SCOPED_TRACE(name);
-    const Seen seen = seenOf([signal = signal] {
+    const Seen seen = seenOf([raised = signal] {
       call("C_Sign");
-      (void)raise(signal);
+      (void)raise(raised);
     });
     EXPECT_EQ(seen.code, ExitCode::kModuleCrashed);
     EXPECT_THAT(seen.err, HasSubstr("mireltoken: the module crashed in C_Sign " + name));
@@ -104,8 +104,8 @@ TEST(Worker, ThatIsEndedByTheModuleNamesTheCall) {
       {[] { call("C_AnEntryWithANameThatIsLongerThanAllOfThem"); }, "called exit in C_AnEntryWithANameThat"}};
   for (const auto& [before, words] : rows) {
     SCOPED_TRACE(words);
-    const Seen seen = seenOf([&before = before] {
-      before();
+    const Seen seen = seenOf([&first = before] {
+      first();
       _exit(0);
     });
     EXPECT_EQ(seen.code, ExitCode::kModuleEndedProgram);
@@ -124,9 +124,9 @@ TEST(Worker, ThatReplaysABadEndTellsItAsRecorded) {
        ExitCode::kModuleHangs,
        "the module has not returned from C_Sign for 7 s, as recorded: "}};
   for (const auto& [end, code, words] : rows) {
-    const Seen seen = seenOf([&end = end] {
+    const Seen seen = seenOf([&recorded = end] {
       call("C_Sign");
-      endWorkerAs(end);
+      endWorkerAs(recorded);
     });
     EXPECT_EQ(seen.code, code);
     EXPECT_THAT(seen.err, HasSubstr(words));
