@@ -46,7 +46,8 @@ struct CardContents {
   bool moreCertificates = false;    ///< than are listed
   bool loggedIn = false;            ///< the session sees private objects too
   bool allPrivateKeysSeen = false;  ///< and their IDs read
-  std::string failedRead;           ///< the first call that failed to find or read the above; empty: none
+  std::string failedRead;           ///< the first call that failed to find or read them, or to tell whether
+                                    ///< somebody is logged in; empty: none
   std::string failedPrivateRead;    ///< the same for private keys
 };
 

@@ -254,10 +254,15 @@ void CardFindings::addValidity(std::chrono::system_clock::time_point now) {
 }
 
 void CardFindings::addWhatIsNotRead() {
-  if (!contents_.failedRead.empty())
-    add({kObjectUnread, kUnknown, "public keys and certificates", contents_.failedRead});
-  if (!contents_.failedPrivateRead.empty())
-    add({kObjectUnread, kUnknown, "private keys", contents_.failedPrivateRead});
+  const auto tell = [&](const char* what, const std::string& failed) {
+    if (!failed.empty()) add({kObjectUnread, kUnknown, what, failed});
+  };
+  if (contents_.failedRead == contents_.failedPrivateRead) {
+    tell("objects", contents_.failedRead);
+  } else {
+    tell("public keys and certificates", contents_.failedRead);
+    tell("private keys", contents_.failedPrivateRead);
+  }
   const auto tellMore = [&](bool more, const char* what) {
     if (more) add({kTooManyObjects, kWarning, what, "more than " + std::to_string(kMaxListedObjects)});
   };

@@ -134,6 +134,7 @@ std::string culpritsText(const CardReport& report) {
 
 void copyLook(const CardContents& contents, CardReport& report) {
   report.failedRead = contents.failedRead;
+  report.failedPrivateRead = contents.failedPrivateRead;
   report.loggedIn = contents.loggedIn;
 }
 
@@ -191,9 +192,9 @@ Failure Host::listingFailure(const Reader& reader, const std::optional<FailedCal
                                       : "have the card's issuer mend or remove that object");
   }
   const bool failedAnew =
-      !report.failedRead.empty() && !(cause && report.failedRead.starts_with(answerText(*cause)));
-  // To prepare a card empties it, so that is said of one only that was read and that nothing else is wrong
-  // with.
+      !report.failedRead.empty() &&
+      !(cause && report.failedRead.find(cryptokiResultText(cause->result)) != std::string::npos);
+  // To prepare a card empties it, so that is said only where nothing else is known to be wrong.
   const bool bare = !reader.tokenInitialised && !reader.unreadable && !failedAnew;
   if (bare && (!cause || cause->result == CKR_TOKEN_NOT_RECOGNIZED)) {
     return enumerationFailure(reader, cause ? answerText(*cause) : "the module gives no reason",

@@ -86,14 +86,9 @@ Failure explainedBy(const CardReport& report, const PublishedKey& key, Failure f
       return failure;
     }
   }
-  const auto unread =
-      std::find_if(report.findings.begin(), report.findings.end(), [](const Finding& finding) {
-        return finding.severity == Severity::kUnknown &&
-               (finding.id == kObjectUnread || finding.id == kTokenUnreadable);
-      });
-  if (unread != report.findings.end())
-    failure.why += "; whether the card's objects are the reason cannot be told now (" + unread->subject +
-                   ": " + unread->evidence + ")";
+  const std::string& unread = report.failedRead.empty() ? report.failedPrivateRead : report.failedRead;
+  if (!unread.empty())
+    failure.why += "; whether the card's objects are the reason cannot be told now, " + unread;
   return failure;
 }
 

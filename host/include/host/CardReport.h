@@ -48,6 +48,7 @@ struct CardReport {
   bool hidden = false;     ///< an object keeps the whole card from being published
   bool loggedIn = false;   ///< objects that show only after a login were seen as well
   std::string failedRead;  ///< the call for which objects or reasons may be missing; empty: none failed
+  std::string failedPrivateRead;  ///< the same of private keys
 };
 
 /// A card's object as findings name it: certificate 02 "Signature". Null texts are left out.
