@@ -246,8 +246,9 @@ void RunRecorder::workerEnded(const WorkerEnd& end) {
   }
   std::string names;
   for (const auto& file : {trace_, recording_}) {
-    if (file) names += (names.empty() ? "" : " and ") + file->name();
+    if (file && file->checkWritten()) names += (names.empty() ? "" : " and ") + file->name();
   }
+  if (names.empty()) return;
   writeMessage("mireltoken: interrupted by " + end.how.signal + "; what was recorded until then is in " +
                names);
 }

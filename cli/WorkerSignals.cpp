@@ -32,13 +32,22 @@ WorkerSignals::WorkerSignals() {
 }
 
 WorkerSignals::~WorkerSignals() {
-  (void)sigaction(SIGCHLD, &childBefore_, nullptr);
-  for (std::size_t i = 0; i < kUsersSignals.size(); ++i)
-    (void)sigaction(kUsersSignals[i], &before_[i], nullptr);
+  restoreHandlers();
   letGo();
 }
 
 void WorkerSignals::letGo() const { (void)sigprocmask(SIG_SETMASK, &mask_, nullptr); }
+
+void WorkerSignals::giveBack() const {
+  letGo();
+  restoreHandlers();
+}
+
+void WorkerSignals::restoreHandlers() const {
+  (void)sigaction(SIGCHLD, &childBefore_, nullptr);
+  for (std::size_t i = 0; i < kUsersSignals.size(); ++i)
+    (void)sigaction(kUsersSignals[i], &before_[i], nullptr);
+}
 
 void WorkerSignals::take() {
   struct sigaction action {};

@@ -24,6 +24,10 @@ class WorkerSignals {
   /// For the process that watches.
   void take();
 
+  /// For the process that watches, after the worker's end: a signal that comes from now on does what it did
+  /// before. One that was held back until now was meant for the worker as well, and does nothing more.
+  void giveBack() const;
+
   /// Until a signal comes, at most for that time.
   void wait(std::chrono::milliseconds time) const;
 
@@ -34,6 +38,8 @@ class WorkerSignals {
   [[noreturn]] void die(int signal) const;
 
  private:
+  void restoreHandlers() const;
+
   sigset_t mask_{};
   struct sigaction childBefore_ {};
   std::array<struct sigaction, kUsersSignals.size()> before_{};

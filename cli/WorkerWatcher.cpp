@@ -162,7 +162,7 @@ Result<ExitCode> WorkerWatcher::outcome(int status) const {
     return static_cast<ExitCode>(WEXITSTATUS(status));
   tidyUp();
   const WorkerEnd end = endOf(status);
-  signals_.letGo();  // who does not want to wait for what follows can end it
+  signals_.giveBack();  // who does not want to wait for what follows can end it
   if (whenEnded_) whenEnded_(end);
   if (end.how.kind == BadEnd::Kind::kInterrupted) signals_.die(ending_ != 0 ? ending_ : WTERMSIG(status));
   return salvaged(failureOf(end));

@@ -113,6 +113,20 @@ TEST(Worker, ThatIsEndedByTheModuleNamesTheCall) {
   }
 }
 
+TEST(Worker, ThatHasEndedLeavesTheSignalsToTheUser) {
+  const auto waitForUser = [](const WorkerEnd&) {
+    (void)raise(SIGTERM);
+    while (true) (void)pause();
+  };
+  EXPECT_EXIT((void)runInWorker(
+                  [] {
+                    _exit(0);
+                    return ExitCode::kSuccess;
+                  },
+                  {seconds{20}, false, kTimeForEnd}, {}, waitForUser),
+              ::testing::KilledBySignal(SIGTERM), "");
+}
+
 TEST(Worker, ThatReplaysABadEndTellsItAsRecorded) {
   using recording::BadEnd;
   const std::tuple<BadEnd, ExitCode, std::string> rows[] = {
