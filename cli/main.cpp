@@ -37,6 +37,7 @@
 #include "host/ModuleFile.h"
 #include "host/ModuleLookup.h"
 #include "host/NearestName.h"
+#include "platform/CryptographyLibrary.h"
 #include "platform/Desktop.h"
 #include "platform/MemoryDumps.h"
 #include "platform/PlatformServices.h"
@@ -331,6 +332,7 @@ int main(int argc, char** argv) {
   (void)std::signal(SIGXFSZ, SIG_IGN);
   // The texts that a token has for its users follow the user's language.
   (void)std::setlocale(LC_MESSAGES, "");
+  mirel::leaveCryptographyLibraryToExit();
   try {
     return static_cast<int>(mirel::cli::start(argc, argv));
   } catch (...) {  // no memory to tell what went wrong

@@ -2,12 +2,16 @@
 // outer layers, also put into a good certificate in place of one of its parts. Every certificate that
 // comes out must keep the promises of platform/Certificate.h.
 
+#include <openssl/evp.h>
+#include <openssl/x509.h>
+
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
 #include <span>
+#include <utility>
 #include <vector>
 
 #include "CertificateParts.h"
@@ -27,9 +31,23 @@ std::shared_ptr<SecCertificate> parse(ByteSpan der) {
   return parser->createWithData(Bytes{ByteVector(der.begin(), der.end())});
 }
 
-void checkKey(const SecCertificate& certificate) {
+using X509Holder = std::unique_ptr<X509, decltype(&X509_free)>;
+
+/// As OpenSSL reads it whole, its public key with it.
+X509Holder parseAtOnce(ByteSpan der) {
+  const unsigned char* next = der.data();
+  X509Holder certificate{d2i_X509(nullptr, &next, static_cast<long>(der.size())), &X509_free};
+  return next == der.data() + der.size() ? std::move(certificate) : X509Holder{nullptr, &X509_free};
+}
+
+void checkKey(const SecCertificate& certificate, ByteSpan der) {
   const int bits = certificate.keySizeInBits();
   check(bits >= 0, "a size is not negative");
+  const X509Holder whole = parseAtOnce(der);
+  check(whole != nullptr, "only a certificate is one");
+  const EVP_PKEY* const key = X509_get0_pubkey(whole.get());
+  check(bits == (key ? EVP_PKEY_get_bits(key) : 0), "a key has the size that it has when it is read at once");
+  check(key || certificate.keyType() == CertificateKeyType::kOther, "a key that cannot be read has no type");
   if (certificate.keyType() != CertificateKeyType::kECPrimeRandom) return;
   check(bits == 192 || bits == 224 || bits == 256 || bits == 384 || bits == 521, "a curve has its size");
 }
@@ -44,7 +62,7 @@ std::shared_ptr<SecCertificate> parseAndCheck(ByteSpan der) {
   check(!certificate->subject().isNull(), "there is a subject");
   const Text notAfter = certificate->notAfter();
   check(notAfter.isNull() || notAfter.length() == 20, "a time has twenty characters");
-  checkKey(*certificate);
+  checkKey(*certificate, der);
   const auto fields = fieldsOfCertificate(der);
   check(!fields || fields->notAfter.isNull() || fields->notAfter.length() == 20, "so has ours");
 

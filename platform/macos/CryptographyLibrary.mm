@@ -4,4 +4,6 @@ namespace mirel {
 
 std::string cryptographyLibrary() { return "Security framework"; }
 
+void leaveCryptographyLibraryToExit() noexcept {}
+
 }  // namespace mirel
