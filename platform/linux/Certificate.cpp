@@ -129,10 +129,27 @@ ItemHolder<T, Item> parsedWhole(std::span<const std::uint8_t> der) noexcept {
 /// Deeper nesting than any certificate has; it bounds the recursion.
 constexpr int kDeepestNesting = 32;
 
-/// True when `data` (INT_MAX bytes at most) consists of whole values whose lengths, and those of all
-/// values inside them down to `nesting` levels, are encoded as DER demands (X.690, section 10.1):
-/// definite, and in the fewest bytes. OpenSSL alone would take any of BER's forms.
-bool hasDerLengths(std::span<const std::uint8_t> data, int nesting) noexcept {
+/// Tags of X.680, section 8.6, that OpenSSL has no names for.
+constexpr int kEmbeddedPdv = 11;
+constexpr int kCharacterString = 29;
+
+/// A universal type may have only one form in DER (X.690, sections 8.9.1, 8.11.1 and 10.2). The others, which
+/// no certificate has, have either.
+bool hasFormOfItsType(int tag, bool isConstructed) noexcept {
+  switch (tag) {
+    case V_ASN1_SEQUENCE:
+    case V_ASN1_SET: return isConstructed;
+    case V_ASN1_EXTERNAL:
+    case kEmbeddedPdv:
+    case kCharacterString: return true;
+    default: return !isConstructed;
+  }
+}
+
+/// True when `data` (INT_MAX bytes at most) consists of whole values that are encoded as DER demands, as far
+/// as form and length go, with all values inside them down to `nesting` levels: lengths are definite and in
+/// the fewest bytes (X.690, section 10.1). OpenSSL alone would take any of BER's forms.
+bool hasDerForm(std::span<const std::uint8_t> data, int nesting) noexcept {
   constexpr int kUnreadableOrIndefinite = 0x80 | 0x01;
   while (!data.empty()) {
     const unsigned char* content = data.data();
@@ -142,12 +159,13 @@ bool hasDerLengths(std::span<const std::uint8_t> data, int nesting) noexcept {
     const int form = ASN1_get_object(&content, &length, &tag, &tagClass, static_cast<long>(data.size()));
     if ((form & kUnreadableOrIndefinite) != 0) return false;
 
-    const int constructed = form & V_ASN1_CONSTRUCTED;
+    const bool isConstructed = (form & V_ASN1_CONSTRUCTED) != 0;
+    if (tagClass == V_ASN1_UNIVERSAL && !hasFormOfItsType(tag, isConstructed)) return false;
     const auto whole = static_cast<std::size_t>(content - data.data() + length);
-    const int expected = ASN1_object_size(constructed != 0 ? 1 : 0, static_cast<int>(length), tag);
+    const int expected = ASN1_object_size(isConstructed ? 1 : 0, static_cast<int>(length), tag);
     if (expected < 0 || static_cast<std::size_t>(expected) != whole) return false;
     const std::span<const std::uint8_t> inside{content, static_cast<std::size_t>(length)};
-    if (constructed != 0 && (nesting == 0 || !hasDerLengths(inside, nesting - 1))) return false;
+    if (isConstructed && (nesting == 0 || !hasDerForm(inside, nesting - 1))) return false;
     data = data.subspan(whole);
   }
   return true;
@@ -258,7 +276,7 @@ class OpenSslCertificateParser final : public CertificateParser {
     const ErrorMark mark;
     const std::span<const std::uint8_t> bytes = der.view();
     if (!onlyDerValue(bytes, kDerSequence)) return nullptr;
-    if (bytes.size() > INT_MAX || !hasDerLengths(bytes, kDeepestNesting)) return nullptr;
+    if (bytes.size() > INT_MAX || !hasDerForm(bytes, kDeepestNesting)) return nullptr;
     const auto certificate = parsedWhole<SignedCertificate, &SignedCertificate_it>(bytes);
     return certificate ? std::make_shared<ParsedCertificate>(der, *certificate->info) : nullptr;
   }

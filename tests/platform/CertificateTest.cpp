@@ -94,7 +94,8 @@ TEST(CertificateParser, RefusesEveryTruncation) {
 }
 
 TEST(CertificateParser, RefusesFormsOfBerThatAreNotDer) {
-  const ByteVector inside = contentOf(makeCertificate());
+  const ByteVector good = makeCertificate();
+  const ByteVector inside = contentOf(good);
   // ecdsa-with-SHA256, once in what is signed and once before the signature.
   const ByteVector algorithm{0x30, 0x0A, 0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x04, 0x03, 0x02};
   const ByteVector identifier(algorithm.begin() + 2, algorithm.end());
@@ -104,10 +105,18 @@ TEST(CertificateParser, RefusesFormsOfBerThatAreNotDer) {
   const ByteVector after(last + static_cast<std::ptrdiff_t>(algorithm.size()), inside.end());
   const auto length = static_cast<std::uint8_t>(inside.size());
   const auto upperLength = static_cast<std::uint8_t>(inside.size() >> 8U);
+  const ByteVector subject{0x30, 0x0F, 0x31, 0x0D, 0x30, 0x0B, 0x06, 0x03, 0x55,
+                           0x04, 0x03, 0x0C, 0x04, 'T',  'e',  's',  't'};
+  ByteVector primitiveSubject = subject;
+  primitiveSubject.front() = 0x10;
+  ByteVector constructedText = subject;
+  std::copy_n(ByteVector{0x2C, 0x04, 0x0C, 0x02, 'T', 't'}.begin(), 6, constructedText.end() - 6);
   const struct {
     const char* description;
     ByteVector der;
   } rows[] = {
+      {"a SEQUENCE in primitive form", replaced(good, subject, primitiveSubject)},
+      {"a text in constructed form", replaced(good, subject, constructedText)},
       {"indefinite length outside", joinedBytes({{0x30, 0x80}, inside, {0x00, 0x00}})},
       {"indefinite length inside", value(0x30, {before, {0x30, 0x80}, identifier, {0x00, 0x00}, after})},
       {"a longer length than needed outside", joinedBytes({{0x30, 0x83, 0x00, upperLength, length}, inside})},
