@@ -1,41 +1,20 @@
 #include <fcntl.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <csignal>
 #include <fstream>
 #include <thread>
 
 #include "EndToEndTest.h"
 #include "PseudoTerminal.h"
 #include "ReferenceCryptography.h"
+#include "ScopedFileSizeLimit.h"
 
 namespace mirel::test {
 namespace {
 
 namespace fs = std::filesystem;
-
-/// Lets no file grow beyond so many bytes, in this process and its children, for its lifetime.
-class ScopedFileSizeLimit {
- public:
-  explicit ScopedFileSizeLimit(rlim_t size) : action_{std::signal(SIGXFSZ, SIG_IGN)} {
-    (void)getrlimit(RLIMIT_FSIZE, &before_);
-    const rlimit limited{size, before_.rlim_max};
-    (void)setrlimit(RLIMIT_FSIZE, &limited);
-  }
-  ScopedFileSizeLimit(const ScopedFileSizeLimit&) = delete;
-  ScopedFileSizeLimit& operator=(const ScopedFileSizeLimit&) = delete;
-  ~ScopedFileSizeLimit() {
-    (void)setrlimit(RLIMIT_FSIZE, &before_);
-    (void)std::signal(SIGXFSZ, action_);
-  }
-
- private:
-  void (*action_)(int);
-  rlimit before_{};
-};
 
 class KeyFiles : public EndToEndTest {
  protected:

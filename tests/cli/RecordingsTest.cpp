@@ -5,6 +5,7 @@
 
 #include "EndToEndTest.h"
 #include "ReferenceCryptography.h"
+#include "ScopedFileSizeLimit.h"
 #include "cardmaker/SoftHsm.h"
 
 namespace mirel::test {
@@ -145,6 +146,15 @@ TEST_F(Recordings, TellThatATraceIsNotWhole) {
   EXPECT_THAT(failed.err, ContainsRegex("PIN is wrong[^\n]*\n[^\n]*/dev/full cannot be written"));
 }
 
+TEST_F(Recordings, AreNotStoredWhereTheyCouldNotBeWritten) {
+  constexpr rlim_t kLess = 1024;  // than a recording takes, and more than the list of readers
+  const ScopedFileSizeLimit limit{kLess};
+  const Result result = recorded("readers");
+  EXPECT_EQ(result.exitCode, 14);
+  EXPECT_EQ(result.err.find("mireltoken: " + path("recording") + " cannot be written: File too large; "), 0U);
+  EXPECT_FALSE(exists("recording"));
+}
+
 TEST_F(Recordings, KeepTheNamesOfFilesFromTheirHeader) {
   expectSuccess(recorded("certificate --key 01 --out " + path("secret-name")));
   const Json header = Json::parse(linesOf(read("recording")).front());
@@ -198,6 +208,11 @@ TEST_F(Recordings, AreNotMadeWhereThatMakesNoSense) {
       {"sign --key 01 --in " + path("text") + " --trace " + path("./text"),
        "would overwrite the file of --in"},
       {"trace show " + path("text") + " --trace " + path("text"), "would overwrite the file of FILE"},
+      {"certificate --key 01 --out x --trace x", "--trace would overwrite the file of --out"},
+      {"record --out x items --trace x", "--trace would overwrite the file of record --out"},
+      {"record --out x certificate --key 01 --out x", "record --out would overwrite the file of --out"},
+      {"record --out " + path("text") + " sign --key 01 --in " + path("text"),
+       "record --out would overwrite the file of --in"},
       {"--module x record --out " + path("out") + " items --replay y", "excludes"},
   };
   write("text", kMessage);

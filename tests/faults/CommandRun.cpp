@@ -9,8 +9,7 @@
 #include <cstdlib>
 #include <system_error>
 
-/// The entry of the command line: cli/main.cpp is compiled with this name for its "main".
-int mireltokenMain(int argc, char** argv);
+#include "Program.h"
 
 namespace mirel::test {
 namespace {
@@ -49,7 +48,7 @@ class Captured {
   std::vector<char*> argv;
   for (std::string& word : words) argv.push_back(word.data());
   argv.push_back(nullptr);
-  std::exit(mireltokenMain(static_cast<int>(words.size()), argv.data()));
+  std::exit(cli::runProgram(static_cast<int>(words.size()), argv.data()));
 }
 
 }  // namespace
