@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <clocale>
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
@@ -262,8 +261,6 @@ int runProgram(int argc, char** argv) noexcept {
   (void)std::signal(SIGPIPE, SIG_IGN);
   // So is a file that may not grow any more: the write fails then, and what is half written is removed.
   (void)std::signal(SIGXFSZ, SIG_IGN);
-  // The texts that a token has for its users follow the user's language.
-  (void)std::setlocale(LC_MESSAGES, "");
   leaveCryptographyLibraryToExit();
   try {
     return static_cast<int>(start(argc, argv));

@@ -3,7 +3,7 @@
 namespace mirel::cli {
 
 /// The whole program but for its entry point, with the arguments of one. Changes how the process takes
-/// signals, and its language. Returns the exit code; what there was to say was said.
+/// signals. Returns the exit code; what there was to say was said.
 [[nodiscard]] int runProgram(int argc, char** argv) noexcept;
 
 }  // namespace mirel::cli

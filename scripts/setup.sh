@@ -6,7 +6,7 @@ die() { printf '%s: %s\n' "${0##*/}" "$*" >&2; exit 1; }
 # Packages by their Debian names, for building and running.
 build_packages="g++ cmake ninja-build libssl-dev libcli11-dev nlohmann-json3-dev libsystemd-dev gettext"
 card_packages="softhsm2 openssl opensc"
-test_packages="libgtest-dev libgmock-dev libp11-kit-dev clang dbus python3 python3-jsonschema libgnustep-base-dev"
+test_packages="libgtest-dev libgmock-dev libp11-kit-dev clang dbus libc-l10n python3 python3-jsonschema libgnustep-base-dev"
 
 # For tests of real readers, where they are offered. The driver of virtual readers is unpacked and not installed: the
 # machine's own service would offer its readers, and take cards for them from the network.

@@ -1,8 +1,10 @@
 #include "platform/LocalizedStrings.h"
 
 #include <libintl.h>
+#include <locale.h>  // newlocale, of POSIX
 
 #include <filesystem>
+#include <mutex>
 #include <string>
 #include <system_error>
 
@@ -22,6 +24,21 @@ std::string catalogueFolder() {
   return {};
 }
 
+/// Makes the calling thread read texts in a language, for its lifetime; null: that of the process.
+class ScopedLanguage {
+ public:
+  explicit ScopedLanguage(locale_t language) noexcept
+      : before_{language ? uselocale(language) : locale_t{}} {}
+  ScopedLanguage(const ScopedLanguage&) = delete;
+  ScopedLanguage& operator=(const ScopedLanguage&) = delete;
+  ~ScopedLanguage() {
+    if (before_) (void)uselocale(before_);
+  }
+
+ private:
+  locale_t before_;
+};
+
 class GettextStrings final : public LocalizedStrings {
  public:
   GettextStrings() {
@@ -30,14 +47,25 @@ class GettextStrings final : public LocalizedStrings {
     bindtextdomain(kDomain, folder.empty() ? "/nonexistent" : folder.c_str());
     bind_textdomain_codeset(kDomain, "UTF-8");
   }
+  GettextStrings(const GettextStrings&) = delete;
+  GettextStrings& operator=(const GettextStrings&) = delete;
+  ~GettextStrings() override {
+    if (language_) freelocale(language_);
+  }
 
   Text localizedString(std::string_view key) noexcept override {
     if (key.empty()) return Text::fromUtf8({});  // gettext would answer with the header of the catalogue
     const std::string name{key};
+    std::call_once(once_, [this] { language_ = newlocale(LC_MESSAGES_MASK, "", nullptr); });
+    const ScopedLanguage language{language_};
     const char* text = dgettext(kDomain, name.c_str());
     // The C locale has no catalogue, and some locales lack a translation: both read English.
     return Text::fromUtf8(text == name.c_str() ? englishString(key) : text);
   }
+
+ private:
+  std::once_flag once_;
+  locale_t language_ = nullptr;  ///< the user's; null where the system does not have it
 };
 
 }  // namespace

@@ -140,13 +140,17 @@ TEST_F(Login, SaysAfterAWrongPinWhatIsLeft) {
                   {command, 7, {"the PIN is locked"}, {}, {{"TOKEN_FLAGS", "40000"}}}});
 }
 
-TEST_F(Login, SpeaksTheLanguageOfTheUser) {
-  Invocation call = onSoftHsm("login --pin-file " + write("pin", kWrongPin));
-  for (const auto& [name, value] : testLocale(folder())) call.environment[name] = value;
-  call.environment["LANGUAGE"] = "de";
-  expectFailure(run(call), 7,
+TEST_F(Login, QuotesTheTokenInTheLanguageOfTheUserAndTheSystemInEnglish) {
+  const auto inGerman = [this](const std::string& command) {
+    Invocation call = onSoftHsm(command);
+    for (const auto& [name, value] : testLocale(folder())) call.environment[name] = value;
+    call.environment["LANGUAGE"] = "de";
+    return run(call);
+  };
+  expectFailure(inGerman("login --pin-file " + write("pin", kWrongPin)), 7,
                 {"the PIN is wrong, the token says \"Die Karte hat die PIN nicht akzeptiert (verbleibende "
                  "Versuche: 0; 0 hei\xC3\x9Ft, dass die Software der Karte keine Angabe macht)\": "});
+  expectFailure(inGerman("login --pin-file " + path("none")), 14, {"No such file or directory"});
 }
 
 class CardThatLeaves : public EndToEndTest {

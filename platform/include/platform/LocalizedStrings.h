@@ -23,8 +23,8 @@ class LocalizedStrings {
 /// The English text of that key; the key itself when there is none.
 [[nodiscard]] std::string_view englishString(std::string_view key) noexcept;
 
-/// The texts of the running system. On Linux they follow the locale of the process: call
-/// setlocale(LC_MESSAGES, "") first. English when the locale has none.
+/// The texts of the running system. On Linux they follow LANGUAGE, LC_ALL, LC_MESSAGES and LANG whatever the
+/// locale of the process, in which the system's own messages are. English when that language has none.
 [[nodiscard]] std::shared_ptr<LocalizedStrings> systemLocalizedStrings();
 
 }  // namespace mirel
