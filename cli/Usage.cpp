@@ -64,12 +64,14 @@ Options usableOptions(const CLI::App& app) {
   return options;
 }
 
-/// The option that the library's message is about: every version names it, whatever it says. Null when it
-/// names none.
+/// The option that the library's message is about: every version names it, whatever it says, and as its first
+/// word without the dashes where a flag was given a value. Null when it names none.
 const CLI::Option* optionNamedIn(std::string_view message, const Options& options) {
   for (const CLI::Option* option : options) {
     if (!option->nonpositional()) continue;
     const std::string name = nameOf(*option);
+    if (!takesValue(*option) && message.starts_with(name.substr(name.find_first_not_of('-')) + " "))
+      return option;
     const std::size_t found = message.find(name);
     if (found == std::string_view::npos) continue;
     const std::string_view rest = message.substr(found + name.size());
