@@ -4,6 +4,29 @@ namespace mirel {
 
 using ByteSpan = std::span<const std::uint8_t>;
 
+namespace {
+
+constexpr unsigned kSeveralBytes = 0x1F;  // in the lower bits of a tag: its number follows
+
+constexpr bool hasSeveralBytes(std::uint8_t tag) noexcept { return (tag & kSeveralBytes) == kSeveralBytes; }
+
+}  // namespace
+
+bool DerReader::skipTag() noexcept {
+  constexpr std::uint8_t kMore = 0x80;  // another byte of the number follows
+  if (rest_.empty()) return false;
+  const bool hasNumber = hasSeveralBytes(rest_.front());
+  rest_ = rest_.subspan(1);
+  if (!hasNumber) return true;
+
+  std::size_t last = 0;
+  while (last < rest_.size() && (rest_[last] & kMore) != 0) ++last;
+  if (last == rest_.size()) return false;
+  const bool isShortest = last == 0 ? rest_.front() >= kSeveralBytes : rest_.front() != kMore;
+  rest_ = rest_.subspan(last + 1);
+  return isShortest;
+}
+
 std::optional<std::size_t> DerReader::readLength() noexcept {
   constexpr std::size_t kLongForm = 0x80;  // from here on the first byte tells how many follow
   if (rest_.empty()) return std::nullopt;
@@ -22,10 +45,9 @@ std::optional<std::size_t> DerReader::readLength() noexcept {
 }
 
 std::optional<DerValue> DerReader::readAny() noexcept {
-  constexpr unsigned kMoreBytes = 0x1F;  // in the tag's lower bits: it has more bytes than one
-  if (rest_.empty() || (rest_.front() & kMoreBytes) == kMoreBytes) return std::nullopt;
+  if (rest_.empty()) return std::nullopt;
   const std::uint8_t tag = rest_.front();
-  rest_ = rest_.subspan(1);
+  if (!skipTag()) return std::nullopt;
   const auto length = readLength();
   if (!length || *length > rest_.size()) return std::nullopt;
   const ByteSpan content = rest_.first(*length);
@@ -34,7 +56,7 @@ std::optional<DerValue> DerReader::readAny() noexcept {
 }
 
 std::optional<ByteSpan> DerReader::read(std::uint8_t tag) noexcept {
-  if (!isNext(tag)) return std::nullopt;
+  if (!isNext(tag) || hasSeveralBytes(tag)) return std::nullopt;
   const auto value = readAny();
   return value ? std::optional{value->content} : std::nullopt;
 }
