@@ -14,6 +14,7 @@ class DoctorTrials : public KeyClientTest {
   [[nodiscard]] Diagnosis diagnosis() { return diagnosisWith(pins); }
   [[nodiscard]] Diagnosis diagnosisWith(GivenPins& given) {
     Examination wanted{{std::nullopt, true}};
+    wanted.onStart = [this](std::string_view check) { begun.emplace_back(check); };
     wanted.pins = [&given](Host&, const Reader&) { return handedOn(given); };
     return diagnose(services(), wanted);
   }
@@ -21,6 +22,8 @@ class DoctorTrials : public KeyClientTest {
   [[nodiscard]] std::vector<std::string> codesOfCheck(const Diagnosis& found, const char* name) const {
     return codesOf(Diagnosis{{checkIn(found, name)}});
   }
+
+  std::vector<std::string> begun;
 };
 
 TEST_F(DoctorTrials, TryEachKeyOnceWithOnePin) {
@@ -33,6 +36,9 @@ TEST_F(DoctorTrials, TryEachKeyOnceWithOnePin) {
   EXPECT_EQ(checkIn(found, "decryption").evidence, "key 3032 \"Vault\" decrypts PKCS #1 v1.5");
   EXPECT_EQ(pins.timesAsked(), 1U);
   EXPECT_EQ(script.countOf("C_Decrypt"), 1U);
+  ASSERT_GE(begun.size(), 2U);
+  EXPECT_THAT((std::vector<std::string>{begun.end() - 2, begun.end()}),
+              ElementsAre("signatures", "decryption"));
 }
 
 TEST_F(DoctorTrials, FindAModuleThatDoesNotPad) {

@@ -139,12 +139,17 @@ TEST_F(ModuleFile, ThatAppearsLaterIsNotOpened) {
 }
 
 TEST_F(ModuleFile, ThatIsMissingIsToldByTheLoader) {
-  PlatformServices mine = services();
-  ASSERT_TRUE(chooseModule(mine, {"/no/such\nmodule.so"}));
-  Host named{mine, "/no/such\nmodule.so"};
-  const Failure failure = failureOf(named.readers());
-  EXPECT_EQ(failure.kind, FailureKind::kModuleNotLoadable);
-  EXPECT_THAT(failure.why, EndsWith("No such file or directory"));
+  const std::pair<std::string, const char*> rows[] = {
+      {"/no/such\nmodule.so", "No such file or directory"},
+      {std::string{kScriptedModule} + "/module.so", "Not a directory"}};
+  for (const auto& [name, why] : rows) {
+    PlatformServices mine = services();
+    ASSERT_TRUE(chooseModule(mine, {name}));
+    Host named{mine, name};
+    const Failure failure = failureOf(named.readers());
+    EXPECT_EQ(failure.kind, FailureKind::kModuleNotLoadable);
+    EXPECT_THAT(failure.why, EndsWith(why));
+  }
 }
 
 // ---- What somebody else may change ----
