@@ -29,13 +29,15 @@ namespace {
 Text textOf(const test::Value& value) { return Text::fromBytes(value); }
 
 /// How often the card has a certificate of each name that can be read without a login, from what the script
-/// holds: neither the token nor the second look is asked.
+/// holds: neither the token nor the second look is asked. A value that is so long that nobody reads it is in
+/// no name.
 std::map<std::u16string, std::size_t> certificatesOf(const test::Card& card) {
   std::map<std::u16string, std::size_t> names;
   for (const auto& [handle, object] : card.objects) {
     const auto valueOf = [&content = object](CK_ATTRIBUTE_TYPE type) {
       const auto found = content.attributes.find(type);
-      const bool canBeRead = found != content.attributes.end() && !content.sensitive.contains(type);
+      const bool canBeRead = found != content.attributes.end() && !content.sensitive.contains(type) &&
+                             found->second.size() <= ruleOf(CKO_CERTIFICATE, CKA_LABEL).refusedAbove;
       return canBeRead ? found->second : test::Value{};
     };
     const bool isCertificate = valueOf(CKA_CLASS) == test::ulongValue(CKO_CERTIFICATE);
