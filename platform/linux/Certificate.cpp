@@ -75,13 +75,13 @@ struct RsaKey {
   BIGNUM* publicExponent;
 };
 
-// What the macros of OpenSSL define has no internal linkage of its own, and casts as C does.
+// What the macros of OpenSSL define casts as C does.
 // NOLINTBEGIN
 // clang-format off
 ASN1_SEQUENCE(KeyInfo) = {
   ASN1_SIMPLE(KeyInfo, algorithm, X509_ALGOR),
   ASN1_SIMPLE(KeyInfo, key, ASN1_BIT_STRING),
-} static_ASN1_SEQUENCE_END(KeyInfo)
+} static_ASN1_SEQUENCE_END(KeyInfo);
 
 ASN1_SEQUENCE(CertificateInfo) = {
   ASN1_EXP_OPT(CertificateInfo, version, ASN1_INTEGER, 0),
@@ -94,24 +94,24 @@ ASN1_SEQUENCE(CertificateInfo) = {
   ASN1_IMP_OPT(CertificateInfo, issuerUniqueID, ASN1_BIT_STRING, 1),
   ASN1_IMP_OPT(CertificateInfo, subjectUniqueID, ASN1_BIT_STRING, 2),
   ASN1_EXP_SEQUENCE_OF_OPT(CertificateInfo, extensions, X509_EXTENSION, 3),
-} static_ASN1_SEQUENCE_END(CertificateInfo)
+} static_ASN1_SEQUENCE_END(CertificateInfo);
 
 ASN1_SEQUENCE(SignedCertificate) = {
   ASN1_SIMPLE(SignedCertificate, info, CertificateInfo),
   ASN1_SIMPLE(SignedCertificate, signatureAlgorithm, X509_ALGOR),
   ASN1_SIMPLE(SignedCertificate, signature, ASN1_BIT_STRING),
-} static_ASN1_SEQUENCE_END(SignedCertificate)
+} static_ASN1_SEQUENCE_END(SignedCertificate);
 
 ASN1_SEQUENCE(RsaKey) = {
   ASN1_SIMPLE(RsaKey, modulus, BIGNUM),
   ASN1_SIMPLE(RsaKey, publicExponent, BIGNUM),
-} static_ASN1_SEQUENCE_END(RsaKey)
-    // clang-format on
-    // NOLINTEND
+} static_ASN1_SEQUENCE_END(RsaKey);
+// clang-format on
+// NOLINTEND
 
-    /// Owns what was read by one of the items above.
-    template <typename T, const ASN1_ITEM* (*Item)()>
-    struct ItemFreer {
+/// Owns what was read by one of the items above.
+template <typename T, const ASN1_ITEM* (*Item)()>
+struct ItemFreer {
   void operator()(T* object) const noexcept { ASN1_item_free(reinterpret_cast<ASN1_VALUE*>(object), Item()); }
 };
 template <typename T, const ASN1_ITEM* (*Item)()>
@@ -133,8 +133,8 @@ constexpr int kDeepestNesting = 32;
 constexpr int kEmbeddedPdv = 11;
 constexpr int kCharacterString = 29;
 
-/// A universal type may have only one form in DER (X.690, sections 8.9.1, 8.11.1 and 10.2). The others, which
-/// no certificate has, have either.
+/// A universal type has one form only in DER (X.690, sections 8.9.1, 8.11.1 and 10.2), but for three that no
+/// certificate has.
 bool hasFormOfItsType(int tag, bool isConstructed) noexcept {
   switch (tag) {
     case V_ASN1_SEQUENCE:
