@@ -23,7 +23,7 @@ Result<void> checkPlace(const NamedFile& recording, const std::vector<NamedFile>
   for (const auto& [name, other] : others) {
     std::error_code error;
     if (file && other && (*file == *other || std::filesystem::equivalent(*file, *other, error)))
-      return wrongUsage(option + " would overwrite the file of " + name);
+      return wrongUsage(std::string{option}.append(" would overwrite the file of ").append(name));
   }
   return {};
 }
