@@ -193,7 +193,8 @@ void declareOptions(CLI::App& app, Options& options, std::optional<std::span<cha
   const Declarer declarer{app, wanted};
   app.name("mireltoken");
   app.require_subcommand(1);
-  // A flag is given or not: "--verbose=loud" is no number, nor "--json=false" no JSON.
+  // A flag is given or not: "--verbose=loud" is no number, nor "--json=false" no JSON. Only "=true" is still
+  // taken, which says nothing else.
   app.option_defaults()->disable_flag_override();
   if (!words) {
     app.description("Shows what a smart card would publish in the keychain, and why not; uses its keys.");

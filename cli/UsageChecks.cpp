@@ -14,15 +14,28 @@
 namespace mirel::cli {
 namespace {
 
+namespace fs = std::filesystem;
+
 using NamedFile = std::pair<std::string, std::optional<std::string>>;
+
+/// Also where there is no such file yet.
+bool isSameFile(const std::string& one, const std::string& other) {
+  std::error_code error;
+  if (one == other || fs::equivalent(one, other, error)) return true;
+  const auto wholeName = [](const std::string& name) {
+    std::error_code unknown;
+    const fs::path whole = fs::weakly_canonical(fs::absolute(name, unknown), unknown);
+    return unknown ? fs::path{name} : whole;
+  };
+  return wholeName(one) == wholeName(other);
+}
 
 /// A recording must not take the place of any other file of the command line. `recording` is its option, and
 /// its file.
 Result<void> checkPlace(const NamedFile& recording, const std::vector<NamedFile>& others) {
   const auto& [option, file] = recording;
   for (const auto& [name, other] : others) {
-    std::error_code error;
-    if (file && other && (*file == *other || std::filesystem::equivalent(*file, *other, error)))
+    if (file && other && isSameFile(*file, *other))
       return wrongUsage(std::string{option}.append(" would overwrite the file of ").append(name));
   }
   return {};

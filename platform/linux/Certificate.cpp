@@ -133,15 +133,14 @@ constexpr int kDeepestNesting = 32;
 constexpr int kEmbeddedPdv = 11;
 constexpr int kCharacterString = 29;
 
-/// A universal type has one form only in DER (X.690, sections 8.9.1, 8.11.1 and 10.2), but for three that no
-/// certificate has.
+/// A universal type has one form only in DER (X.690, sections 8.9.1, 8.11.1, 8.17, 8.18 and 10.2).
 bool hasFormOfItsType(int tag, bool isConstructed) noexcept {
   switch (tag) {
-    case V_ASN1_SEQUENCE:
-    case V_ASN1_SET: return isConstructed;
     case V_ASN1_EXTERNAL:
     case kEmbeddedPdv:
-    case kCharacterString: return true;
+    case V_ASN1_SEQUENCE:
+    case V_ASN1_SET:
+    case kCharacterString: return isConstructed;
     default: return !isConstructed;
   }
 }
