@@ -18,10 +18,10 @@ namespace fs = std::filesystem;
 
 using NamedFile = std::pair<std::string, std::optional<std::string>>;
 
-/// Also where there is no such file yet.
+/// Also one with two hard links, and one that is not there yet.
 bool isSameFile(const std::string& one, const std::string& other) {
   std::error_code error;
-  if (one == other || fs::equivalent(one, other, error)) return true;
+  if (fs::equivalent(one, other, error)) return true;
   const auto wholeName = [](const std::string& name) {
     std::error_code unknown;
     const fs::path whole = fs::weakly_canonical(fs::absolute(name, unknown), unknown);

@@ -207,6 +207,7 @@ TEST_F(Recordings, AreNotMadeWhereThatMakesNoSense) {
       {"--trace x --replay x items", "would overwrite the file of --replay"},
       {"sign --key 01 --in " + path("text") + " --trace " + path("./text"),
        "would overwrite the file of --in"},
+      {"sign --key 01 --in " + path("text") + " --trace " + path("link"), "would overwrite the file of --in"},
       {"trace show " + path("text") + " --trace " + path("text"), "would overwrite the file of FILE"},
       {"certificate --key 01 --out " + path("x") + " --trace " + path("./none/../x"),
        "--trace would overwrite the file of --out"},
@@ -217,6 +218,7 @@ TEST_F(Recordings, AreNotMadeWhereThatMakesNoSense) {
       {"--module x record --out " + path("out") + " items --replay y", "excludes"},
   };
   write("text", kMessage);
+  std::filesystem::create_hard_link(path("text"), path("link"));
   for (const auto& [arguments, why] : rows) expectFailure(run(invocation(arguments)), 2, {why});
   EXPECT_EQ(read("text"), kMessage);
   EXPECT_FALSE(exists("out"));

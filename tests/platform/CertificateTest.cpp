@@ -111,12 +111,20 @@ TEST(CertificateParser, RefusesFormsOfBerThatAreNotDer) {
   primitiveSubject.front() = 0x10;
   ByteVector constructedText = subject;
   std::copy_n(ByteVector{0x2C, 0x04, 0x0C, 0x02, 'T', 't'}.begin(), 6, constructedText.end() - 6);
+  const auto withParameter = [&](const ByteVector& parameter) {
+    return value(0x30, {before, value(0x30, {identifier, parameter}), after});
+  };
+  for (const std::uint8_t tag : ByteVector{0x28, 0x2B, 0x3D})
+    EXPECT_TRUE(parse(withParameter({tag, 0x02, 0x05, 0x00})));
   const struct {
     const char* description;
     ByteVector der;
   } rows[] = {
       {"a SEQUENCE in primitive form", replaced(good, subject, primitiveSubject)},
       {"a text in constructed form", replaced(good, subject, constructedText)},
+      {"an EXTERNAL in primitive form", withParameter({0x08, 0x00})},
+      {"an EMBEDDED PDV in primitive form", withParameter({0x0B, 0x00})},
+      {"a CHARACTER STRING in primitive form", withParameter({0x1D, 0x00})},
       {"indefinite length outside", joinedBytes({{0x30, 0x80}, inside, {0x00, 0x00}})},
       {"indefinite length inside", value(0x30, {before, {0x30, 0x80}, identifier, {0x00, 0x00}, after})},
       {"a longer length than needed outside", joinedBytes({{0x30, 0x83, 0x00, upperLength, length}, inside})},
