@@ -45,6 +45,7 @@ constexpr std::array kWide{
 
 template <std::size_t kCount>
 bool isIn(const std::array<Range, kCount>& ranges, char32_t character) noexcept {
+  if (character < ranges.front().first) return false;  // as most characters are
   const auto* const range = std::lower_bound(ranges.begin(), ranges.end(), character,
                                              [](const Range& r, char32_t c) { return r.last < c; });
   return range != ranges.end() && range->first <= character;

@@ -99,9 +99,10 @@ P11Bridge::Answer P11Bridge::inspectObjects(CK_SESSION_HANDLE session, CK_OBJECT
   return {"C_FindObjects", rv};
 }
 
-CK_RV P11Bridge::inspectAttribute(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object,
-                                  CK_ATTRIBUTE& ioEntry) const noexcept {
-  return ask<&CK_FUNCTION_LIST::C_GetAttributeValue>(session, object, &ioEntry, CK_ULONG{1});
+CK_RV P11Bridge::inspectAttributes(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object,
+                                   std::span<CK_ATTRIBUTE> ioEntries) const noexcept {
+  return ask<&CK_FUNCTION_LIST::C_GetAttributeValue>(session, object, ioEntries.data(),
+                                                     CK_ULONG{ioEntries.size()});
 }
 
 }  // namespace mirel

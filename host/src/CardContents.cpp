@@ -1,6 +1,9 @@
 #include "CardContents.h"
 
 #include <algorithm>
+#include <initializer_list>
+#include <map>
+#include <span>
 #include <utility>
 
 #include "CodeMeaning.h"
@@ -39,8 +42,29 @@ class ObjectReader {
     return found;
   }
 
+  /// Asks for the attributes of these rules together, as the token does for their lengths, and keeps the
+  /// values for `read`. Where one cannot be had none is kept: asked alone, each one tells why.
+  void readTogether(CK_OBJECT_HANDLE object, std::initializer_list<AttributeRule> rules) {
+    kept_.clear();
+    std::vector<CK_ATTRIBUTE> entries;
+    for (const AttributeRule& rule : rules) entries.push_back({rule.type, nullptr, 0});
+    if (!getAll(object, entries)) return;
+    std::vector<std::vector<CK_BYTE>> values;
+    for (const AttributeRule& rule : rules) {
+      CK_ATTRIBUTE& entry = entries[values.size()];
+      if (entry.ulValueLen == 0 || entry.ulValueLen > rule.refusedAbove) return;
+      entry.pValue = values.emplace_back(entry.ulValueLen).data();
+    }
+    if (!getAll(object, entries)) return;
+    for (std::size_t i = 0; i < entries.size(); ++i) {
+      if (entries[i].ulValueLen != values[i].size()) return kept_.clear();
+      kept_.emplace(entries[i].type, std::move(values[i]));
+    }
+  }
+
   /// The attribute of a rule, unless it is so long that the card is refused.
   [[nodiscard]] Attribute read(CK_OBJECT_HANDLE object, const AttributeRule& rule) {
+    if (auto kept = kept_.extract(rule.type)) return {std::move(kept.mapped()), {}};
     return read(object, rule.type, rule.refusedAbove);
   }
 
@@ -82,13 +106,19 @@ class ObjectReader {
     if (!isFailedRead(kGetAttribute, rv)) return {{}, "cannot be read, " + cryptokiResultText(rv)};
     return {{}, "could not be read now, " + answerText({kGetAttribute, rv}), false, true};
   }
+  [[nodiscard]] bool getAll(CK_OBJECT_HANDLE object, std::span<CK_ATTRIBUTE> entries) {
+    const CK_RV rv = bridge_.inspectAttributes(session_, object, entries);
+    note(kGetAttribute, rv);
+    return rv == CKR_OK;
+  }
   [[nodiscard]] CK_RV get(CK_OBJECT_HANDLE object, CK_ATTRIBUTE& entry) const {
-    return bridge_.inspectAttribute(session_, object, entry);
+    return bridge_.inspectAttributes(session_, object, {&entry, 1});
   }
 
   const P11Bridge& bridge_;
   CK_SESSION_HANDLE session_;
   std::string& failedRead_;
+  std::map<CK_ATTRIBUTE_TYPE, std::vector<CK_BYTE>> kept_;  ///< of one object, until they are asked for
 };
 
 void leaveOut(CardObject& object, FindingID cause, std::string reason) {
@@ -163,8 +193,11 @@ CardObject readPublicKey(ObjectReader& reader, CK_OBJECT_HANDLE handle, bool aft
   CardObject key;
   key.handle = handle;
   key.about.kind = "public key";
-  readNames(reader, ruleOf(CKO_PUBLIC_KEY, CKA_LABEL), ruleOf(CKO_PUBLIC_KEY, CKA_ID), afterLogin, key);
+  constexpr AttributeRule kLabelRule = ruleOf(CKO_PUBLIC_KEY, CKA_LABEL);
+  constexpr AttributeRule kIDRule = ruleOf(CKO_PUBLIC_KEY, CKA_ID);
   constexpr AttributeRule kTypeRule = ruleOf(CKO_PUBLIC_KEY, CKA_KEY_TYPE);
+  reader.readTogether(handle, {kLabelRule, kIDRule, kTypeRule});
+  readNames(reader, kLabelRule, kIDRule, afterLogin, key);
   const Attribute type = reader.read(handle, kTypeRule);
   judge(key, "key type", kTypeRule, type);
   if (!type.value) return key;
@@ -179,9 +212,11 @@ CardObject readCertificate(ObjectReader& reader, CK_OBJECT_HANDLE handle, bool a
   CardObject certificate;
   certificate.handle = handle;
   certificate.about.kind = "certificate";
-  readNames(reader, ruleOf(CKO_CERTIFICATE, CKA_LABEL), ruleOf(CKO_CERTIFICATE, CKA_ID), afterLogin,
-            certificate);
+  constexpr AttributeRule kLabelRule = ruleOf(CKO_CERTIFICATE, CKA_LABEL);
+  constexpr AttributeRule kIDRule = ruleOf(CKO_CERTIFICATE, CKA_ID);
   constexpr AttributeRule kValueRule = ruleOf(CKO_CERTIFICATE, CKA_VALUE);
+  reader.readTogether(handle, {kLabelRule, kIDRule, kValueRule});
+  readNames(reader, kLabelRule, kIDRule, afterLogin, certificate);
   const Attribute data = reader.read(handle, kValueRule);
   judge(certificate, "value", kValueRule, data);
   if (!data.value) return certificate;

@@ -22,7 +22,7 @@ std::pair<std::vector<CK_OBJECT_HANDLE>, CK_ULONG> inspectAll(P11Bridge& bridge,
   EXPECT_EQ(bridge.inspectToken(kSlot, token), answer);
   EXPECT_EQ(bridge.openInspection(kSlot, opened), answer);
   EXPECT_EQ(bridge.inspectObjects(opened, CKO_CERTIFICATE, objects).result, answer);
-  EXPECT_EQ(bridge.inspectAttribute(opened, kPublicKey, attribute), answer);
+  EXPECT_EQ(bridge.inspectAttributes(opened, kPublicKey, {&attribute, 1}), answer);
   bridge.closeInspection(opened);
   return {objects, attribute.ulValueLen};
 }

@@ -13,8 +13,10 @@ namespace mirel::test {
 namespace {
 
 using enum FindingID;
+using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
+using ::testing::IsSupersetOf;
 using ::testing::StartsWith;
 
 /// What is said not to work.
@@ -89,6 +91,21 @@ class CardReportReads : public CardReportTest {
         if (!goodReport.hidden) expectNoFalseUnpublished(report, goodReport);
       });
     }
+  }
+
+  /// The types in each call that asked for attributes.
+  [[nodiscard]] std::vector<std::string> attributesAsked() const {
+    std::vector<std::string> asked;
+    for (const std::string& text : script.callTexts("C_GetAttributeValue")) {
+      std::istringstream words{text};
+      std::string types;
+      for (std::string word; words >> word;) {
+        const std::size_t start = word.find("CKA_");
+        if (start != std::string::npos) types.append(types.empty() ? "" : " ").append(word, start);
+      }
+      asked.push_back(types);
+    }
+    return asked;
   }
 
   /// Whether something could not be read because of a call that answered with the code.
@@ -230,6 +247,33 @@ TEST_F(CardReportReads, FindEachClassOnceAndReadNoAttributeTwice) {
   const auto reads = script.callTexts("C_GetAttributeValue");
   EXPECT_EQ(std::set<std::string>(reads.begin(), reads.end()).size(), reads.size());
   EXPECT_THAT(script.openSearches(), IsEmpty());
+}
+
+TEST_F(CardReportReads, AskForTheAttributesOfAnObjectTogether) {
+  clearCard();
+  addKey("01", "Signer");
+  const InsertedCard card = inserted();
+  script.forgetCalls();
+  (void)host.examine(card);
+  EXPECT_THAT(attributesAsked(),
+              ElementsAre("CKA_LABEL CKA_ID CKA_KEY_TYPE", "CKA_LABEL CKA_ID CKA_KEY_TYPE", "CKA_MODULUS",
+                          "CKA_MODULUS", "CKA_LABEL CKA_ID CKA_VALUE", "CKA_LABEL CKA_ID CKA_VALUE"));
+}
+
+TEST_F(CardReportReads, AskOneByOneWhereALengthChanges) {
+  clearCard();
+  addKey("01", "Signer");
+  const InsertedCard card = inserted();
+  script.hook<&CK_FUNCTION_LIST::C_GetAttributeValue>(
+      [](auto real, auto session, auto object, CK_ATTRIBUTE* attributes, CK_ULONG count) {
+        const CK_RV rv = real(session, object, attributes, count);
+        if (count == 3 && attributes[1].pValue) attributes[1].ulValueLen = 0;
+        return rv;
+      });
+  script.forgetCalls();
+  const CardReport report = host.examine(card);
+  EXPECT_THAT(report.unpublished, IsEmpty());
+  EXPECT_THAT(attributesAsked(), IsSupersetOf({"CKA_LABEL", "CKA_ID", "CKA_KEY_TYPE", "CKA_VALUE"}));
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -308,10 +309,10 @@ class P11Bridge final {
                                       std::vector<CK_OBJECT_HANDLE>& outObjects,
                                       CK_ULONG most = kMaxListedObjects) const noexcept;
 
-  /// C_GetAttributeValue for one attribute. The length in `ioEntry` is as the module wrote it: look whether
-  /// it exceeds the buffer.
-  [[nodiscard]] CK_RV inspectAttribute(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object,
-                                       CK_ATTRIBUTE& ioEntry) const noexcept;
+  /// C_GetAttributeValue. The lengths in `ioEntries` are as the module wrote them: look whether they exceed
+  /// the buffers.
+  [[nodiscard]] CK_RV inspectAttributes(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object,
+                                        std::span<CK_ATTRIBUTE> ioEntries) const noexcept;
 
  private:
   struct ValueReader;

@@ -93,7 +93,7 @@ class CardObjects {
 
   [[nodiscard]] Size sizeOf(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) const {
     CK_ATTRIBUTE entry{type, nullptr, 0};
-    const CK_RV rv = bridge_.inspectAttribute(session_, object, entry);
+    const CK_RV rv = bridge_.inspectAttributes(session_, object, {&entry, 1});
     const bool isThere = rv == CKR_OK && entry.ulValueLen != CK_UNAVAILABLE_INFORMATION;
     return {rv, isThere ? entry.ulValueLen : 0};
   }
@@ -105,7 +105,7 @@ class CardObjects {
     if (size.length == 0 || size.length > kLongestRead) return {};
     ByteVector value(size.length);
     CK_ATTRIBUTE entry{type, value.data(), size.length};
-    outRv = bridge_.inspectAttribute(session_, object, entry);
+    outRv = bridge_.inspectAttributes(session_, object, {&entry, 1});
     if (outRv != CKR_OK || entry.ulValueLen > value.size()) return {};
     value.resize(entry.ulValueLen);
     return value;
@@ -128,7 +128,7 @@ class CardObjects {
     constexpr CK_BYTE kUntouched = 0xA5;
     ByteVector buffer(kLongestRead + room, kUntouched);
     CK_ATTRIBUTE entry{type, buffer.data(), room};
-    const CK_RV rv = bridge_.inspectAttribute(session_, object, entry);
+    const CK_RV rv = bridge_.inspectAttributes(session_, object, {&entry, 1});
     outWroteBehind = std::any_of(buffer.begin() + static_cast<std::ptrdiff_t>(room), buffer.end(),
                                  [](CK_BYTE byte) { return byte != kUntouched; });
     return rv;
