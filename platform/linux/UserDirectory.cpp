@@ -23,7 +23,7 @@ class PasswordUserDirectory final : public UserDirectory {
     const std::lock_guard lock{mutex_};
     const uid_t user = geteuid();
     if (name_.empty() || user_ != user) {
-      name_ = nameOf(user);
+      learn(user);
       user_ = user;
     }
     return name_;
@@ -41,11 +41,15 @@ class PasswordUserDirectory final : public UserDirectory {
   }
 
  private:
-  static std::string nameOf(uid_t user) {
+  /// The name, and with it the home: who asks for the one asks for the other next.
+  void learn(uid_t user) {
     const auto entry = readPasswordEntry([user](passwd* out, char* buffer, std::size_t size, passwd** found) {
       return getpwuid_r(user, out, buffer, size, found);
     });
-    return entry ? entry->name : std::string{};
+    name_ = entry ? entry->name : std::string{};
+    if (name_.empty()) return;
+    homesUser_ = name_;
+    home_ = usableHome(entry->home);
   }
 
   static std::string askedHomeOf(const std::string& loginName) {

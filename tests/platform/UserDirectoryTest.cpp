@@ -1,5 +1,6 @@
 #include "platform/UserDirectory.h"
 
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -12,6 +13,18 @@
 
 #include "PasswordDatabase.h"
 #include "ScopedVariable.h"
+
+namespace {
+
+int homesAsked = 0;  // of the password database
+
+}  // namespace
+
+extern "C" int getpwnam_r(const char* name, passwd* entry, char* buffer, std::size_t size, passwd** found) {
+  ++homesAsked;
+  static const auto real = reinterpret_cast<decltype(&getpwnam_r)>(dlsym(RTLD_NEXT, "getpwnam_r"));
+  return real(name, entry, buffer, size, found);
+}
 
 namespace mirel {
 namespace {
@@ -47,6 +60,17 @@ TEST(SystemUserDirectory, TellsTheNameAndTheHomeThatTheSystemTells) {
   const std::string expected = homeByGetent(user);
   ASSERT_NE(expected, "");
   EXPECT_EQ(systemUserDirectory()->homeOf(user), expected);
+}
+
+TEST(SystemUserDirectory, AsksTheDatabaseOnceForTheNameAndTheHomeOfItsUser) {
+  const auto users = systemUserDirectory();
+  const std::string user = users->loginName();
+  if (user.empty()) GTEST_SKIP() << "this user has no entry in the password database";
+  homesAsked = 0;
+  EXPECT_EQ(users->homeOf(user), homeByGetent(user));
+  EXPECT_EQ(homesAsked, 0);
+  EXPECT_NE(users->homeOf("daemon"), "");
+  EXPECT_EQ(homesAsked, 1);
 }
 
 TEST(SystemUserDirectory, TellsTheHomeOfAnotherUser) {
