@@ -42,6 +42,7 @@ TEST(ShapedPseudonyms, KeepWhatSeparatesWordsAndTheKindsOfCharacters) {
       // As long in bytes: two, three and four for each character.
       {Kind::kName, "M\u00FCller M\u00DCLLER", "N\u00E0meab N\u00C0MEAB"},
       {Kind::kName, "\u0416\u0437", "\u00E0\u00E1"},
+      {Kind::kName, "\u07FF\u0800", "\u00E0\u4E01"},
       {Kind::kName, "\u5C71\u7530\u3000\U0002070E", "\u4E00\u4E01\u3000\U00020001"},
       // A label in Latin-1, and one whose last character was cut off.
       {Kind::kLabel, "M\xFCller", "N\xE0meab"},

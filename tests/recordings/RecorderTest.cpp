@@ -1,3 +1,5 @@
+#include <array>
+#include <cstring>
 #include <fstream>
 #include <regex>
 #include <set>
@@ -183,6 +185,29 @@ TEST_F(RecorderTest, KeepsNoSecret) {
   }
   EXPECT_THAT(file, HasSubstr(R"("function":"C_Login")"));
   EXPECT_THAT(file, HasSubstr(R"("plainText":{"count":22,"value":{"hidden":22}})"));
+}
+
+TEST_F(RecorderTest, KeepsTheValuesThatCameBesideOneThatDidNot) {
+  const std::pair<CK_RV, bool> rows[] = {{CKR_OK, true},
+                                         {CKR_ATTRIBUTE_SENSITIVE, true},
+                                         {CKR_ATTRIBUTE_TYPE_INVALID, true},
+                                         {CKR_BUFFER_TOO_SMALL, true},
+                                         {CKR_DEVICE_ERROR, false}};
+  ASSERT_TRUE(bridge->pkcs11_Load(Text{}));
+  CK_RV answer = CKR_OK;
+  script.hook<&CK_FUNCTION_LIST::C_GetAttributeValue>([&](auto, auto, auto, CK_ATTRIBUTE* attributes, auto) {
+    std::memcpy(attributes[0].pValue, "MyKey", 5);
+    attributes[0].ulValueLen = 5;
+    return answer;
+  });
+  for (const auto& [result, isKept] : rows) {
+    answer = result;
+    std::array<CK_BYTE, 8> label{};
+    CK_ATTRIBUTE entry{CKA_LABEL, label.data(), label.size()};
+    EXPECT_EQ(bridge->inspectAttributes(1, kPublicKey, {&entry, 1}), result);
+    EXPECT_EQ(lineOf(Record{kept->calls().back()}).find(R"("value":"MyKey")") != std::string::npos, isKept)
+        << resultText(result);
+  }
 }
 
 TEST_F(RecorderTest, FollowsNoPointerAndNoLengthOfTheModule) {
