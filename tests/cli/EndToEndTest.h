@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "ChildProcess.h"
+#include "support/AddressSanitizer.h"
 #include "support/TemporaryFolder.h"
 
 namespace mirel::test {
@@ -29,14 +30,6 @@ using ::testing::Not;
 using ::testing::SizeIs;
 using ::testing::StartsWith;
 using ::testing::UnorderedElementsAre;
-
-#if defined(__SANITIZE_ADDRESS__)
-inline constexpr bool kHasAddressSanitizer = true;
-#elif defined(__has_feature)
-inline constexpr bool kHasAddressSanitizer = __has_feature(address_sanitizer);
-#else
-inline constexpr bool kHasAddressSanitizer = false;
-#endif
 
 /// The PIN of the cards, and another one that is none. Their "#" and "~" keep them out of random names.
 inline constexpr const char* kPin = "7kQ#x2Zp";

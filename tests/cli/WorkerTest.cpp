@@ -13,6 +13,7 @@
 #include <stdexcept>
 #include <tuple>
 
+#include "support/AddressSanitizer.h"
 #include "support/TemporaryFolder.h"
 
 namespace mirel::cli {
@@ -23,14 +24,6 @@ using std::chrono::seconds;
 constexpr std::chrono::milliseconds kTimeForEnd{300};
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
-
-#if defined(__SANITIZE_ADDRESS__)
-constexpr bool kChecksAtExit = true;
-#elif defined(__has_feature)
-constexpr bool kChecksAtExit = __has_feature(address_sanitizer);
-#else
-constexpr bool kChecksAtExit = false;
-#endif
 
 struct Seen {
   ExitCode code;
@@ -60,7 +53,7 @@ TEST(Worker, AnswersTheCodeOfItsWork) {
 }
 
 TEST(Worker, KeepsItsCodeWhateverHappensWhileItEnds) {
-  if (kChecksAtExit) GTEST_SKIP() << "there the code of the end is that of the check for leaks";
+  if (test::kHasAddressSanitizer) GTEST_SKIP() << "there the code of the end is that of the check for leaks";
   EXPECT_EQ(seenOf([] { std::atexit([] { _exit(1); }); }).code, ExitCode::kKeyNotFound);
   EXPECT_EQ(seenOf([] { std::atexit([] { std::abort(); }); }).code, ExitCode::kKeyNotFound);
 }
@@ -70,7 +63,7 @@ TEST(Worker, ThatDoesNotEndAfterItsWorkIsEnded) {
 }
 
 TEST(Worker, ThatCrashesNamesTheCallAndTheSignal) {
-  if (kChecksAtExit) GTEST_SKIP() << "the sanitizer makes an end of its own of a crash";
+  if (test::kHasAddressSanitizer) GTEST_SKIP() << "the sanitizer makes an end of its own of a crash";
   const std::pair<int, std::string> rows[] = {
       {SIGSEGV, "(SIGSEGV)"}, {SIGABRT, "(SIGABRT)"}, {SIGKILL, "(SIGKILL)"}, {SIGUSR1, "(signal "}};
   for (const auto& [signal, name] : rows) {

@@ -8,6 +8,7 @@
 #include "host/CardReportTest.h"
 #include "host/CryptokiNames.h"
 #include "host/KeyChoice.h"
+#include "support/AddressSanitizer.h"
 
 namespace mirel::test {
 namespace {
@@ -76,7 +77,10 @@ class CardReportReads : public CardReportTest {
     const std::vector<Finding> good = claimsOf(goodReport);
     EXPECT_FALSE(good.empty());
     EXPECT_FALSE(tellsOfAFailure(goodReport));
-    for (const CK_RV code : {CKR_DEVICE_ERROR, CKR_DEVICE_REMOVED}) {
+    std::vector<CK_RV> codes{CKR_DEVICE_REMOVED};
+    // A sanitizer, under which this takes ten times as long, would see the same of another code.
+    if (!kHasAddressSanitizer) codes.push_back(CKR_DEVICE_ERROR);
+    for (const CK_RV code : codes) {
       forEachFailingCall(script, code, [&](FailPoint& point) {
         script.setInitialised(true);
         const CardReport report = examine([&] { point.arm(); });

@@ -7,14 +7,7 @@
 #include <vector>
 
 #include "bridge/cryptoki.h"
-
-#if defined(__SANITIZE_ADDRESS__)
-#define MIREL_ADDRESS_SANITIZER 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define MIREL_ADDRESS_SANITIZER 1
-#endif
-#endif
+#include "support/AddressSanitizer.h"
 
 namespace mirel::test {
 
