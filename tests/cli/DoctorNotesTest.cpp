@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "DoctorBundle.h"
+#include "support/RecordingLog.h"
 
 namespace mirel::cli {
 namespace {
@@ -97,6 +98,20 @@ TEST(DoctorNotes, SayHowTheModuleCameToItsEnd) {
     EXPECT_EQ(diagnosis.findings().front().id, id);
     EXPECT_EQ(diagnosis.verdict(), Severity::kFailure);
   }
+}
+
+TEST(KeptLog, HandsOnEveryLineAndKeepsItUntilItIsStopped) {
+  const auto next = std::make_shared<test::RecordingLog>();
+  KeptLog log{next};
+  log.systemDefault("first");
+  log.systemError("second\x1B");
+  log.process("third");
+  log.stop();
+  log.process("fourth");
+  EXPECT_THAT(next->allLines,
+              ElementsAre("default: first", "error: second\x1B", "process: third", "process: fourth"));
+  EXPECT_THAT(log.lines(), ElementsAre("first", "second\\x1B", "third"));
+  EXPECT_TRUE(log.wasStopped());
 }
 
 }  // namespace
