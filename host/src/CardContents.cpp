@@ -43,22 +43,25 @@ class ObjectReader {
   }
 
   /// Asks for the attributes of these rules together, as the token does for their lengths, and keeps the
-  /// values for `read`. Where one cannot be had none is kept: asked alone, each one tells why.
+  /// values for `read`. Where one cannot be had, or the module refuses this, none is kept and nothing is
+  /// said: asked alone, each one tells why.
   void readTogether(CK_OBJECT_HANDLE object, std::initializer_list<AttributeRule> rules) {
     kept_.clear();
-    std::vector<CK_ATTRIBUTE> entries;
-    for (const AttributeRule& rule : rules) entries.push_back({rule.type, nullptr, 0});
-    if (!getAll(object, entries)) return;
+    std::vector<CK_ATTRIBUTE> lengths;
+    for (const AttributeRule& rule : rules) lengths.push_back({rule.type, nullptr, 0});
+    if (bridge_.inspectAttributes(session_, object, lengths) != CKR_OK) return;
     std::vector<std::vector<CK_BYTE>> values;
+    std::vector<CK_ATTRIBUTE> entries;
     for (const AttributeRule& rule : rules) {
-      CK_ATTRIBUTE& entry = entries[values.size()];
-      if (entry.ulValueLen == 0 || entry.ulValueLen > rule.refusedAbove) return;
-      entry.pValue = values.emplace_back(entry.ulValueLen).data();
+      const CK_ULONG length = lengths[entries.size()].ulValueLen;
+      if (length == 0 || length > rule.refusedAbove) return;
+      entries.push_back({rule.type, values.emplace_back(length).data(), length});
     }
-    if (!getAll(object, entries)) return;
-    for (std::size_t i = 0; i < entries.size(); ++i) {
+    if (bridge_.inspectAttributes(session_, object, entries) != CKR_OK) return;
+    for (const AttributeRule& rule : rules) {
+      const std::size_t i = kept_.size();
       if (entries[i].ulValueLen != values[i].size()) return kept_.clear();
-      kept_.emplace(entries[i].type, std::move(values[i]));
+      kept_.emplace(rule.type, std::move(values[i]));
     }
   }
 
@@ -105,11 +108,6 @@ class ObjectReader {
     note(kGetAttribute, rv);
     if (!isFailedRead(kGetAttribute, rv)) return {{}, "cannot be read, " + cryptokiResultText(rv)};
     return {{}, "could not be read now, " + answerText({kGetAttribute, rv}), false, true};
-  }
-  [[nodiscard]] bool getAll(CK_OBJECT_HANDLE object, std::span<CK_ATTRIBUTE> entries) {
-    const CK_RV rv = bridge_.inspectAttributes(session_, object, entries);
-    note(kGetAttribute, rv);
-    return rv == CKR_OK;
   }
   [[nodiscard]] CK_RV get(CK_OBJECT_HANDLE object, CK_ATTRIBUTE& entry) const {
     return bridge_.inspectAttributes(session_, object, {&entry, 1});

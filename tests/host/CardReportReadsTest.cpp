@@ -112,7 +112,8 @@ class CardReportReads : public CardReportTest {
     return asked;
   }
 
-  /// Whether something could not be read because of a call that answered with the code.
+  /// Whether something could not be read because of a call that answered with the code. What is asked for
+  /// together is asked for alone then.
   [[nodiscard]] bool hasFailed(CK_RV code) const {
     const auto& calls = script.calls();
     for (std::size_t i = 0; i < calls.size(); ++i) {
@@ -120,7 +121,8 @@ class CardReportReads : public CardReportTest {
           calls[i].function == "C_CloseSession" || calls[i].function == "C_FindObjectsFinal";
       const bool madeGood =
           i + 1 < calls.size() && calls[i + 1].text == calls[i].text && calls[i + 1].result == CKR_OK;
-      if (calls[i].result == code && !tidiesUp && !madeGood) return true;
+      const bool isAskedAlone = calls[i].text.find(", CKA_") != std::string::npos;
+      if (calls[i].result == code && !tidiesUp && !madeGood && !isAskedAlone) return true;
     }
     return false;
   }
@@ -199,7 +201,7 @@ TEST_F(CardReportReads, TellTheCallThatFailed) {
     clearCard();
     addKey("01", "Signer");
     const InsertedCard card = inserted();
-    script.failCallOf(row.function, 0, row.code);
+    script.failCallOf(row.function, 0, row.code, Times::kFromThenOn);
     const CardReport report = host.examine(card);
     EXPECT_THAT(report.failedRead, StartsWith(told));
     EXPECT_THAT(claimsOf(report), IsEmpty());
@@ -264,20 +266,35 @@ TEST_F(CardReportReads, AskForTheAttributesOfAnObjectTogether) {
                           "CKA_MODULUS", "CKA_LABEL CKA_ID CKA_VALUE", "CKA_LABEL CKA_ID CKA_VALUE"));
 }
 
-TEST_F(CardReportReads, AskOneByOneWhereALengthChanges) {
+TEST_F(CardReportReads, AskOneByOneWhereThatDoesNotWork) {
   clearCard();
   addKey("01", "Signer");
   const InsertedCard card = inserted();
-  script.hook<&CK_FUNCTION_LIST::C_GetAttributeValue>(
-      [](auto real, auto session, auto object, CK_ATTRIBUTE* attributes, CK_ULONG count) {
-        const CK_RV rv = real(session, object, attributes, count);
-        if (count == 3 && attributes[1].pValue) attributes[1].ulValueLen = 0;
-        return rv;
-      });
-  script.forgetCalls();
-  const CardReport report = host.examine(card);
-  EXPECT_THAT(report.unpublished, IsEmpty());
-  EXPECT_THAT(attributesAsked(), IsSupersetOf({"CKA_LABEL", "CKA_ID", "CKA_KEY_TYPE", "CKA_VALUE"}));
+  const std::pair<const char*, std::function<CK_RV(CK_ATTRIBUTE*)>> rows[] = {
+      {"a module that gives one value at a time", [](CK_ATTRIBUTE*) { return CKR_FUNCTION_FAILED; }},
+      {"a length that changes",
+       [](CK_ATTRIBUTE* attributes) {
+         if (attributes[1].pValue) attributes[1].ulValueLen = 0;
+         return CKR_OK;
+       }},
+      {"types that change places",
+       [](CK_ATTRIBUTE* attributes) {
+         std::swap(attributes[0].type, attributes[1].type);
+         return CKR_OK;
+       }},
+  };
+  for (const auto& [what, change] : rows) {
+    SCOPED_TRACE(what);
+    script.hook<&CK_FUNCTION_LIST::C_GetAttributeValue>(
+        [&, change = change](auto real, auto session, auto object, CK_ATTRIBUTE* attributes, CK_ULONG count) {
+          const CK_RV rv = real(session, object, attributes, count);
+          return count == 3 && rv == CKR_OK ? change(attributes) : rv;
+        });
+    const CardReport report = host.examine(card);
+    EXPECT_THAT(report.unpublished, IsEmpty());
+    EXPECT_THAT(claimsOf(report), IsEmpty());
+    EXPECT_EQ(report.failedRead, "");
+  }
 }
 
 }  // namespace

@@ -117,9 +117,9 @@ TEST_F(KeyAbility, SaysThatTheCardCouldNotBeLookedAtForTheReason) {
   const Failure plain{FailureKind::kCardRefuses, "there is no plain text", "C_Decrypt answered", "run again"};
   addKey("01", "MyKey");
   const InsertedCard card = inserted();
-  for (const char* function : {"C_GetTokenInfo", "C_OpenSession", "C_FindObjects", "C_GetAttributeValue"}) {
+  for (const char* function : {"C_GetAttributeValue", "C_FindObjects", "C_OpenSession", "C_GetTokenInfo"}) {
     SCOPED_TRACE(function);
-    script.failCallOf(function, 0, CKR_DEVICE_ERROR);
+    script.failCallOf(function, 0, CKR_DEVICE_ERROR, Times::kFromThenOn);
     const Failure failure = explainedBy(host.examine(card), keysOf(card).front(), plain);
     EXPECT_THAT(
         failure.why,
