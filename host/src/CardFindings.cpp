@@ -4,6 +4,7 @@
 #include <array>
 #include <cstdio>
 #include <ctime>
+#include <deque>
 #include <map>
 #include <set>
 #include <span>
@@ -289,6 +290,26 @@ void CardFindings::addLonelyPrivateKeys() {
     add({kCardEmpty, kFailure, "", std::string{"no certificate and no key "} + when});
 }
 
+/// Whether objects of that ID belong to different keys, as far as they were read.
+bool CardFindings::hasSeveralKeys(const Text& id) const {
+  std::optional<KeyValue> first;
+  const auto isAnother = [&](const KeyValue& value) {
+    if (value.value.empty()) return false;
+    if (!first) first = value;
+    return !areSame(*first, value);
+  };
+  for (const CardObject& key : contents_.publicKeys)
+    if (key.about.id == id && isAnother(valueOf(key))) return true;
+  std::deque<CertificateFields> certificates;  // the values are in them
+  for (const CardObject& certificate : contents_.certificates) {
+    if (!(certificate.about.id == id)) continue;
+    const auto fields = fieldsOfCertificate(certificate.data.view());
+    if (fields && isAnother(valueOf(certificates.emplace_back(*fields)))) return true;
+  }
+  return std::count_if(contents_.privateKeys.begin(), contents_.privateKeys.end(),
+                       [&](const PrivateKeyObject& key) { return key.id == id; }) > 1;
+}
+
 void CardFindings::addKeys(const std::vector<PublishedKey>& keys, CardReport& report) {
   std::set<std::u16string> seen;
   for (const PublishedKey& key : keys) {
@@ -296,6 +317,7 @@ void CardFindings::addKeys(const std::vector<PublishedKey>& keys, CardReport& re
     own.objectID = key.objectID;
     const bool isShadowed = !seen.insert(std::u16string{key.objectID.units()}).second;
     addKey(key, isShadowed, own);
+    own.sharesIDWithOtherKey = has(kIDShared, key.objectID) && hasSeveralKeys(key.objectID);
     own.works = phraseFor(key, isShadowed);
     own.worksForNothing = own.works.starts_with("nothing");
   }

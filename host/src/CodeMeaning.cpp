@@ -113,6 +113,14 @@ constexpr CodeMeaning kMeanings[] = {
 constexpr CodeMeaning kUnknown{0, kAny, "a code that has no known reason here", UserStep::kSeeLogAndAskMaker,
                                kOfTheCommand};
 
+/// Whether that is about the card as a whole, its reader or the module, whatever objects the card has.
+bool isOfDevice(std::uint64_t code) {
+  constexpr std::uint64_t kCodes[] = {
+      CKR_DEVICE_ERROR,  CKR_DEVICE_MEMORY,          CKR_HOST_MEMORY,      CKR_TOKEN_NOT_RECOGNIZED,
+      CKR_SESSION_COUNT, CKR_FUNCTION_NOT_SUPPORTED, CKR_BUFFER_TOO_SMALL, CKR_OPERATION_ACTIVE};
+  return std::find(std::begin(kCodes), std::end(kCodes), code) != std::end(kCodes);
+}
+
 }  // namespace
 
 const CodeMeaning& meaningOf(std::string_view function, std::uint64_t code) noexcept {
@@ -134,7 +142,8 @@ std::string reasonText(const FailedCall& cause) {
 
 Failure failureBecauseOf(const FailedCall& cause, std::string what, FailureKind kindElse) {
   const CodeMeaning& meaning = meaningOf(cause.name, cause.result);
-  return {meaning.kind.value_or(kindElse), std::move(what), reasonText(cause), meaning.remedy};
+  return {meaning.kind.value_or(kindElse), std::move(what), reasonText(cause), meaning.remedy,
+          isOfDevice(cause.result)};
 }
 
 }  // namespace mirel

@@ -73,9 +73,11 @@ Failure explainedBy(const CardReport& report, const PublishedKey& key, Failure f
   using enum FindingID;
   constexpr FindingID kCauses[] = {kCertificateOfOtherKey, kIDShared, kPrivateKeyMissing, kSignatureFails,
                                    kPinForEachUse};
+  if (failure.isCauseKnown) return failure;
   for (const KeyReport& own : report.keys) {
     if (!(own.objectID == key.objectID)) continue;
     for (const FindingID cause : kCauses) {
+      if (cause == kIDShared && !own.sharesIDWithOtherKey) continue;
       const auto found = std::find_if(own.findings.begin(), own.findings.end(),
                                       [&](const Finding& finding) { return finding.id == cause; });
       if (found == own.findings.end()) continue;

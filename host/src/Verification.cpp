@@ -4,6 +4,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "RsaEncoding.h"
 #include "platform/PublicKey.h"
@@ -32,43 +33,48 @@ std::string remarkOn(const Signature& signature) {
   return signature.fault ? " (" + signature.fault->reason + ")" : std::string{};
 }
 
-/// Why a signature that does not verify is none.
-std::string whyWrong(const PublicKey& publicKey, const PublishedKey& key, SecKeyAlgorithm algorithm,
-                     const Signature& signature) {
+/// Why a signature that does not verify is none, and whether that is the cause.
+std::pair<std::string, bool> whyWrong(const PublicKey& publicKey, const PublishedKey& key,
+                                      SecKeyAlgorithm algorithm, const Signature& signature) {
   if (allZero(signature.value)) {
-    if (signature.fault) return "the signature is all zeros: the card made none" + remarkOn(signature);
-    return "the signature is all zeros: the card layer handed none out";
+    if (signature.fault)
+      return {"the signature is all zeros: the card made none" + remarkOn(signature), false};
+    return {"the signature is all zeros: the card layer handed none out", false};
   }
   if (key.keyType == CertificateKeyType::kRSA && signature.value.size() != modulusSizeOf(key)) {
-    return "the signature has " + std::to_string(signature.value.size()) + " bytes, one by this key has " +
-           std::to_string(modulusSizeOf(key)) + remarkOn(signature);
+    return {"the signature has " + std::to_string(signature.value.size()) + " bytes, one by this key has " +
+                std::to_string(modulusSizeOf(key)) + remarkOn(signature),
+            false};
   }
   const bool isPKCS1 = nameOf(algorithm).find("PKCS1v15") != std::string_view::npos;
   if (isPKCS1 && isUnpadded(publicKey.recoveredBlock(signature.value.view()), algorithm, signature.data)) {
-    return "the signature does not verify: the module does not pad, so PKCS #1 v1.5 (" +
-           std::string{kPkcs1Users} + ") through this card does not verify; PSS does";
+    return {"the signature does not verify: the module does not pad, so PKCS #1 v1.5 (" +
+                std::string{kPkcs1Users} + ") through this card does not verify; PSS does",
+            true};
   }
-  return "the signature does not verify with the public key of the certificate" + remarkOn(signature);
+  return {"the signature does not verify with the public key of the certificate" + remarkOn(signature),
+          false};
 }
 
 /// `why`: where no call of the card that failed explains it.
-Failure noSignature(const Signature& signature, const std::string& why) {
+Failure noSignature(const Signature& signature, const std::string& why, bool isCause) {
   constexpr const char* kWhat = "there is no good signature";
   const auto failed = signature.fault ? signature.fault->failure : std::nullopt;
-  if (failed) return {failed->kind, kWhat, failed->why, failed->advice};
-  return {FailureKind::kVerificationFailed, kWhat, why, "try another algorithm or key"};
+  if (failed) return {failed->kind, kWhat, failed->why, failed->advice, failed->isCauseKnown};
+  return {FailureKind::kVerificationFailed, kWhat, why, "try another algorithm or key", isCause};
 }
 
 }  // namespace
 
 Result<void> verifySignature(const PublishedCertificate& certificate, const PublishedKey& key,
                              SecKeyAlgorithm algorithm, const Signature& signature) {
-  const auto none = [&](const std::string& why) { return noSignature(signature, why); };
+  const auto none = [&](const std::string& why) { return noSignature(signature, why, false); };
   if (signature.value.size() == 0) return none("the signature is empty" + remarkOn(signature));
   const auto publicKey = publicKeyOfCertificate(certificate.data.view());
   if (!publicKey) return none("the public key of the certificate cannot be read");
   if (publicKey->verifies(algorithm, signature.data.view(), signature.value.view())) return {};
-  return none(whyWrong(*publicKey, key, algorithm, signature));
+  const auto [why, isCause] = whyWrong(*publicKey, key, algorithm, signature);
+  return noSignature(signature, why, isCause);
 }
 
 }  // namespace mirel

@@ -93,6 +93,18 @@ TEST_F(KeyAbility, ExplainsASignatureThatDoesNotVerify) {
          lastObject(1) = lastObject(1).with(CKA_ALWAYS_AUTHENTICATE, boolValue(true));
        },
        "the key wants the PIN for each use (key 3031 \"MyKey\": CKA_ALWAYS_AUTHENTICATE"},
+      {"two private keys",
+       [&] {
+         addKey("01", "MyKey");
+         addPrivateKey("01", "Other", otherRsa());
+       },
+       "several objects share one ID (ID 3031: 2 private keys"},
+      {"a renewed certificate",
+       [&] {
+         addKey("01", "MyKey");
+         addCertificate("01", "Renewed");
+       },
+       ""},
       {"nothing known", [&] { addKey("01", "MyKey"); }, ""},
   };
   const Failure plain{FailureKind::kVerificationFailed, "there is no good signature", "it does not verify",
@@ -107,6 +119,9 @@ TEST_F(KeyAbility, ExplainsASignatureThatDoesNotVerify) {
     const Failure failure = explainedBy(report, keysOf(card).front(), plain);
     EXPECT_EQ(failure.kind, plain.kind);
     EXPECT_THAT(failure.why, HasSubstr(row.why));
+    Failure known = plain;
+    known.isCauseKnown = true;
+    EXPECT_EQ(explainedBy(report, keysOf(card).front(), known).why, plain.why);
     if (std::string{row.why}.empty()) {
       EXPECT_EQ(failure.why, plain.why);
     }

@@ -32,7 +32,8 @@ struct KeyReport {
   bool worksForNothing = false;
   /// Whether its private key is on the card; nothing where that cannot be seen without a login.
   std::optional<bool> hasPrivateKey;
-  std::vector<Finding> findings;  ///< those of the report that are about this key or its certificate
+  bool sharesIDWithOtherKey = false;  ///< one of its ID is another one, not only another certificate of it
+  std::vector<Finding> findings;      ///< those of the report that are about this key or its certificate
 };
 
 /// What is known about the card in a reader, found without any trial of its keys.

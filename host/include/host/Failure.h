@@ -38,9 +38,10 @@ enum class FailureKind {
 /// A failure as the user is told it, UTF-8, each text without a full stop or line end.
 struct Failure {
   FailureKind kind = FailureKind::kInternal;
-  std::string what;  ///< what did not work
-  std::string why;   ///< as the loader or the module says it
-  Advice advice;     ///< what the user can try
+  std::string what;           ///< what did not work
+  std::string why;            ///< as the loader or the module says it
+  Advice advice;              ///< what the user can try
+  bool isCauseKnown = false;  ///< `why` is the cause, and nothing of the card's objects can be it
 };
 
 }  // namespace mirel

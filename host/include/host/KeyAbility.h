@@ -22,7 +22,8 @@ namespace mirel {
 [[nodiscard]] Failure refusalBecauseOf(const Finding& finding, KeyOperation operation);
 
 /// That failure, of a signature that does not verify or of a plain text that there is not, with what the
-/// report of the card knows of its cause; also that it may not know it, because the module failed.
+/// report of the card knows of its cause; also that it may not know it, because the module failed. Unchanged
+/// where its cause is known.
 [[nodiscard]] Failure explainedBy(const CardReport& report, const PublishedKey& key, Failure failure);
 
 }  // namespace mirel
