@@ -31,10 +31,8 @@ WorkerSignals::WorkerSignals() {
   (void)sigprocmask(SIG_BLOCK, &held, &mask_);
 }
 
-WorkerSignals::~WorkerSignals() {
-  restoreHandlers();
-  letGo();
-}
+// A signal that came when the work was done already ends nothing of what follows.
+WorkerSignals::~WorkerSignals() { giveBack(); }
 
 void WorkerSignals::letGo() const { (void)sigprocmask(SIG_SETMASK, &mask_, nullptr); }
 
