@@ -1,8 +1,10 @@
 #include "Session.h"
 
 #include "PinEntry.h"
+#include "Worker.h"
 #include "host/AlgorithmNames.h"
 #include "host/Display.h"
+#include "host/KeyAbility.h"
 
 namespace mirel::cli {
 
@@ -39,6 +41,12 @@ Result<void> Session::connect() {
 
 CardReport Session::examine(bool afterLogin) { return host_.examine(card(), afterLogin); }
 
+Failure Session::explained(Failure failure, const PublishedKey& key) {
+  if (failure.isCauseKnown) return failure;
+  noteFailure(failure);
+  return explainedBy(examine(true), key, std::move(failure));
+}
+
 Result<ChosenKey> Session::chosenKey() const {
   return chooseKey(card(), options_.key.value_or(std::string{}));
 }
@@ -50,6 +58,7 @@ std::string Session::remarkOnPin() {
 
 Failure Session::withRemarkOnPin(Failure failure) {
   if (failure.kind != FailureKind::kPinWrong || !card_) return failure;
+  noteFailure(failure);
   const std::string remark = remarkOnPin();
   if (!remark.empty()) failure.why.append(", ").append(remark);
   return failure;

@@ -64,6 +64,8 @@ class Session {
   [[nodiscard]] const InsertedCard& card() const { return card_.value(); }
   /// All that can be told of the card without a trial; after a login of the client also what shows only then.
   [[nodiscard]] CardReport examine(bool afterLogin = false);
+  /// The failure of a request to that key, after a login, with what the card's objects say of its cause.
+  [[nodiscard]] Failure explained(Failure failure, const PublishedKey& key);
   /// The key that the options name.
   [[nodiscard]] Result<ChosenKey> chosenKey() const;
   /// What the card says about the tries of its PIN just now; empty when that is nothing, or not known.

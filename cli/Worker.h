@@ -77,6 +77,10 @@ void forgetTerminal() noexcept;
 /// Notes what the work has come to so far, in the place of what was noted before. False where it is too long.
 bool noteResult(std::string_view text) noexcept;
 
+/// Notes what has failed, before the module is asked for more about it: that is told where the module then
+/// brings the worker to a bad end. Texts are cut where they are very long.
+void noteFailure(const Failure& failure) noexcept;
+
 /// Notes the name of a temporary file while there is one: not longer than kLongestNotedName, or it is not
 /// noted.
 class NotedFile {

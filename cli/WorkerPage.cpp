@@ -8,7 +8,9 @@
 #include <string_view>
 #include <utility>
 
+#include "Wording.h"
 #include "Worker.h"
+#include "platform/Log.h"
 
 namespace mirel::cli {
 namespace {
@@ -104,6 +106,17 @@ std::optional<BadEnd> WorkerPage::replayedEnd() const {
                 endSeconds};
 }
 
+std::optional<Failure> WorkerPage::notedFailure() const {
+  const int kind = failureKind;
+  if (kind < 0 || kind > static_cast<int>(FailureKind::kNotRecorded)) return std::nullopt;
+  const auto textIn = [](const auto& places) {
+    return printableLine(nameIn(places, [](char) { return true; }));
+  };
+  static std::string advice;  // an advice holds no text of its own
+  advice = textIn(failureAdvice);
+  return Failure{static_cast<FailureKind>(kind), textIn(failureWhat), textIn(failureWhy), advice.c_str()};
+}
+
 void* sharedMemory(std::size_t size) noexcept {
   void* memory = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
   return memory == MAP_FAILED ? nullptr : memory;
@@ -142,6 +155,15 @@ bool noteResult(std::string_view text) noexcept {
   results->sizes[next] = static_cast<std::uint32_t>(text.size());
   results->last = next;
   return true;
+}
+
+void noteFailure(const Failure& failure) noexcept {
+  if (!page) return;
+  page->failureKind = WorkerPage::kNoFailure;
+  put(failure.what, page->failureWhat);
+  put(failure.why, page->failureWhy);
+  put(wordsOf(failure.advice), page->failureAdvice);
+  page->failureKind = static_cast<int>(failure.kind);
 }
 
 void noteTerminal(const termios& settings) noexcept {

@@ -10,6 +10,7 @@
 #include <optional>
 #include <string>
 
+#include "host/Failure.h"
 #include "recording/RecordedCall.h"
 
 namespace mirel::cli {
@@ -25,6 +26,8 @@ struct WorkerPage {
   static constexpr std::size_t kLongestSignalName = 16;
   static constexpr int kStillAtWork = -1;
   static constexpr int kNoEnd = -1;
+  static constexpr int kNoFailure = -1;
+  static constexpr std::size_t kLongestText = 1024;
 
   // A call that is under way, and its number: two calls of one function are not one long call.
   std::atomic<std::uint64_t> calls{0};
@@ -38,6 +41,11 @@ struct WorkerPage {
   std::atomic<int> endKind{kNoEnd};
   std::array<std::atomic<char>, kLongestSignalName> endSignal{};
   std::atomic<std::uint64_t> endSeconds{0};
+  // What has failed already, while more is asked about it.
+  std::atomic<int> failureKind{kNoFailure};
+  std::array<std::atomic<char>, kLongestText> failureWhat{};
+  std::array<std::atomic<char>, kLongestText> failureWhy{};
+  std::array<std::atomic<char>, kLongestText> failureAdvice{};
 
   /// The call that the worker is in; empty: none. Only names have letters, digits and "_".
   [[nodiscard]] std::string callUnderWay() const;
@@ -45,6 +53,10 @@ struct WorkerPage {
   void noteReplayedEnd(const recording::BadEnd& end) noexcept;
   /// Nothing: none was noted, or it makes no sense.
   [[nodiscard]] std::optional<recording::BadEnd> replayedEnd() const;
+
+  /// The failure that was noted; nothing: none was, or it makes no sense. No text has characters that control
+  /// a terminal.
+  [[nodiscard]] std::optional<Failure> notedFailure() const;
 };
 
 /// Memory that this process and its children have together, of zeros; null: there is none. It stays until

@@ -77,6 +77,13 @@ Failure crash(const std::string& signal, const std::string& call) {
         "no call of the module was under way; a thread of the module can be the cause, or too little memory",
         "run again, and report it if it happens again"};
   }
+  if (signal == "SIGKILL") {
+    return {FailureKind::kModuleCrashed,
+            "the program was ended by SIGKILL" +
+                (call == kLoading ? " while the module was loaded" : " in " + call),
+            "somebody ended it, or the system did because there was too little memory",
+            "run again, and report it if it happens again"};
+  }
   return {FailureKind::kModuleCrashed, "the module crashed" + placeOf(call) + " (" + signal + ")", kItsError,
           kTellMaker};
 }
@@ -84,6 +91,12 @@ Failure crash(const std::string& signal, const std::string& call) {
 Failure exitOfModule(const std::string& call) {
   return {FailureKind::kModuleEndedProgram, "the module ended the program, it called exit" + placeOf(call),
           kItsError, kTellMaker};
+}
+
+/// A module may have written the page.
+bool isExitCode(int code) {
+  return (code >= 0 && code <= static_cast<int>(ExitCode::kNotRecorded)) ||
+         code == static_cast<int>(ExitCode::kOutputUnread);
 }
 
 Failure hang(const std::string& call, std::uint64_t seconds) {
@@ -155,7 +168,7 @@ bool WorkerWatcher::look(milliseconds passed) {
 void WorkerWatcher::end() const { (void)kill(worker_, SIGKILL); }
 
 Result<ExitCode> WorkerWatcher::outcome(int status) const {
-  const int code = page_.code;
+  const int code = isExitCode(page_.code) ? page_.code.load() : WorkerPage::kStillAtWork;
   if (code != WorkerPage::kStillAtWork && !(kChecksAtExit && WIFEXITED(status)) && ending_ == 0)
     return static_cast<ExitCode>(code);
   if (code != WorkerPage::kStillAtWork && kChecksAtExit && WIFEXITED(status))
@@ -165,6 +178,10 @@ Result<ExitCode> WorkerWatcher::outcome(int status) const {
   signals_.giveBack();  // who does not want to wait for what follows can end it
   if (whenEnded_) whenEnded_(end);
   if (end.how.kind == BadEnd::Kind::kInterrupted) signals_.die(ending_ != 0 ? ending_ : WTERMSIG(status));
+  if (auto known = page_.notedFailure()) {
+    known->why += "; after that " + failureOf(end).what;
+    return *std::move(known);
+  }
   return salvaged(failureOf(end));
 }
 

@@ -44,7 +44,7 @@ bool isOaep(SecKeyAlgorithm algorithm) noexcept {
 /// key.
 Failure explained(Failure failure, Session& session, const PublishedKey& key) {
   if (failure.kind != FailureKind::kCardRefuses) return failure;
-  return explainedBy(session.examine(true), key, std::move(failure));
+  return session.explained(std::move(failure), key);
 }
 
 Result<void> decryptAndWrite(Session& session) {

@@ -64,7 +64,7 @@ Result<void> run(Session& session) {
   if (verify || !mayBeSignature(*signature, chosen.key)) {
     const auto verified = verifySignature(chosen.certificate, chosen.key, algorithm, *signature);
     if (!verified && verified.failure().kind == FailureKind::kVerificationFailed)
-      return andNothingWritten(explainedBy(session.examine(true), chosen.key, verified.failure()));
+      return andNothingWritten(session.explained(verified.failure(), chosen.key));
     if (!verified) return andNothingWritten(verified.failure());
   }
   if (!options.json || options.out) {

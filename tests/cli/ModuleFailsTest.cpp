@@ -56,6 +56,22 @@ TEST_F(ModuleFails, ByNotComingBack) {
                    {{"PAUSE", "entry"}}}});
 }
 
+TEST_F(ModuleFails, AfterSomethingElseThatIsToldFirst) {
+  const std::string after = "; after that the module has not returned from C_GetTokenInfo for 1 s; ";
+  expectFailures(
+      {{"login --timeout 1",
+        7,
+        {"the PIN is wrong", "C_Login answered CKR_PIN_INCORRECT (0xA0)" + after + "enter the PIN"},
+        "",
+        {{"ANSWERS", "C_Login=A0"}, {"PAUSE_AFTER", "C_Login"}}},
+       {"sign --key 01 --timeout 1 --out " + path("out"),
+        11,
+        {"there is no good signature", "C_Sign answered CKR_FUNCTION_FAILED (0x6)", after},
+        "",
+        {{"ANSWERS", "C_Sign=6"}, {"PAUSE_AFTER", "C_Sign"}}}});
+  EXPECT_FALSE(exists("out"));
+}
+
 TEST_F(ModuleFails, AtItsEndWithoutChangingTheExitCode) {
   if (kHasAddressSanitizer) GTEST_SKIP() << "the check for leaks comes after the module's end";
   expectFailures({{"login --pin-file " + write("wrong", kWrongPin),

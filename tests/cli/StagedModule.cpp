@@ -21,6 +21,9 @@
 ///                             a module does that hides a wrong padding.
 ///   MIREL_STAGED_PAUSE        a function in kStaged: its call waits for the end of the process; "entry": so
 ///                             does the entry point; "exit": the process waits when it has done its work.
+///   MIREL_STAGED_PAUSE_AFTER  a function in kStaged: once it was called, C_GetTokenInfo waits for the end of
+///   the
+///                             process.
 ///   MIREL_STAGED_HANGS        the label of a token on which no session can be opened: that call waits for
 ///                             the end of the process, and makes the file MIREL_STAGED_HANGING.
 ///   MIREL_STAGED_SWAP         a function in kStaged: from its first call on every token has another serial
@@ -59,6 +62,7 @@ CK_FUNCTION_LIST ours{};
 CK_FLAGS moreFlags = 0;
 int callsFile = -1;
 bool swapped = false;
+bool pauses = false;
 
 struct Stage {
   std::vector<CK_RV> answers;
@@ -119,6 +123,7 @@ struct Staged<Entry, Name> {
       while (true) (void)pause();
     }
     if (variable("MIREL_STAGED_SWAP") == kStaged[Name]) swapped = true;
+    if (variable("MIREL_STAGED_PAUSE_AFTER") == kStaged[Name]) pauses = true;
     Stage& stage = stages()[kStaged[Name]];
     const CK_RV rv =
         stage.calls < stage.answers.size() ? stage.answers[stage.calls++] : (real->*Entry)(args...);
@@ -161,6 +166,7 @@ struct End {
 CK_RV tokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO_PTR info) {
   static unsigned long calls = 0;
   note("C_GetTokenInfo");
+  while (pauses) (void)pause();
   if (variable("MIREL_STAGED_EXIT") == "C_GetTokenInfo") std::exit(0);
   if (const std::string most = variable("MIREL_STAGED_TOKEN_INFOS"); !most.empty()) {
     if (calls++ >= std::stoul(most)) return CKR_DEVICE_ERROR;

@@ -1,5 +1,6 @@
 #include "Output.h"
 #include "Worker.h"
+#include "WorkerPage.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -65,7 +66,11 @@ TEST(Worker, ThatDoesNotEndAfterItsWorkIsEnded) {
 TEST(Worker, ThatCrashesNamesTheCallAndTheSignal) {
   if (test::kHasAddressSanitizer) GTEST_SKIP() << "the sanitizer makes an end of its own of a crash";
   const std::pair<int, std::string> rows[] = {
-      {SIGSEGV, "(SIGSEGV)"}, {SIGABRT, "(SIGABRT)"}, {SIGKILL, "(SIGKILL)"}, {SIGUSR1, "(signal "}};
+      {SIGSEGV, "the module crashed in C_Sign (SIGSEGV)"},
+      {SIGABRT, "the module crashed in C_Sign (SIGABRT)"},
+      {SIGUSR1, "the module crashed in C_Sign (signal "},
+      // Not by its own doing.
+      {SIGKILL, "the program was ended by SIGKILL in C_Sign: somebody ended it, or the system did"}};
   for (const auto& [signal, name] : rows) {
     SCOPED_TRACE(name);
     const Seen seen = seenOf([raised = signal] {
@@ -73,7 +78,7 @@ TEST(Worker, ThatCrashesNamesTheCallAndTheSignal) {
       (void)raise(raised);
     });
     EXPECT_EQ(seen.code, ExitCode::kModuleCrashed);
-    EXPECT_THAT(seen.err, HasSubstr("mireltoken: the module crashed in C_Sign " + name));
+    EXPECT_THAT(seen.err, HasSubstr("mireltoken: " + name));
   }
 }
 
@@ -104,6 +109,28 @@ TEST(Worker, ThatIsEndedByTheModuleNamesTheCall) {
     EXPECT_EQ(seen.code, ExitCode::kModuleEndedProgram);
     EXPECT_THAT(seen.err, HasSubstr(words));
   }
+}
+
+TEST(Worker, IsNotBelievedACodeThatThereIsNot) {
+  for (const int code : {-2, 25, 256}) {
+    EXPECT_EQ(seenOf([code] {
+                workerPage()->code = code;
+                _exit(0);
+              }).code,
+              ExitCode::kModuleEndedProgram)
+        << code;
+  }
+}
+
+TEST(Worker, ThatKnowsAFailureAlreadyHasItToldFirst) {
+  const Seen seen = seenOf([] {
+    noteFailure({FailureKind::kPinWrong, "the PIN is wrong", "C_Login answered \x1B", "enter it again"});
+    call("C_GetTokenInfo");
+    _exit(0);
+  });
+  EXPECT_EQ(seen.code, ExitCode::kPinWrong);
+  EXPECT_THAT(seen.err, HasSubstr("the PIN is wrong: C_Login answered \\x1B; after that the module ended the "
+                                  "program, it called exit in C_GetTokenInfo; enter it again"));
 }
 
 TEST(Worker, ThatHasEndedLeavesTheSignalsToTheUser) {
