@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "bridge/CardRules.h"
 #include "platform/CertificateFields.h"
 #include "platform/KeyUsage.h"
 
@@ -12,12 +13,15 @@ namespace {
 
 using Objects = std::vector<CardObject>;
 
+static_assert(kMaxListedObjects == 160, "texts below name the number");
+
 /// What is said of an object whose partner, the other one of the pair with one ID, is not there.
 struct PartnerTexts {
   const char* missing;
   const char* missingOrPrivate;
   const char* isPrivate;
   const char* leftOut;
+  const char* cutOff;
   FindingID causeMissing;
   FindingID causePrivate;
 };
@@ -27,6 +31,7 @@ constexpr PartnerTexts kNoPublicKey{
     "no public key with its ID is visible before login: it is missing, or private",
     "its public key is visible only after login",
     "the public key with its ID is left out",
+    "none of the first 160 public keys has its ID, and no more are listed",
     FindingID::kPublicKeyMissing,
     FindingID::kPublicKeyPrivate,
 };
@@ -35,6 +40,7 @@ constexpr PartnerTexts kNoCertificate{
     "no certificate with its ID is visible before login: it is missing, or private",
     "its certificate is visible only after login",
     "the certificate with its ID is left out",
+    "none of the first 160 certificates has its ID, and no more are listed",
     FindingID::kCertificateMissing,
     FindingID::kCertificatePrivate,
 };
@@ -72,6 +78,9 @@ class PairChecker {
     if (partner != partners.end() && partner->isPrivate)
       return miss(object, texts.causePrivate, texts.isPrivate);
     if (partner != partners.end()) return miss(object, FindingID::kObjectLeftOut, texts.leftOut);
+    const bool isCutOff =
+        &partners == &contents_.publicKeys ? contents_.morePublicKeys : contents_.moreCertificates;
+    if (isCutOff) return miss(object, FindingID::kTooManyObjects, texts.cutOff);
     if (object.about.expected)
       return miss(object, texts.causeMissing, "it is the certificate of an issuer, which needs no key");
     std::string reason = contents_.loggedIn ? texts.missing : texts.missingOrPrivate;

@@ -193,6 +193,24 @@ TEST_F(CardReportObjects, TellsThatThereAreMoreThanAreListed) {
   EXPECT_THAT(troubles(this->report()), Not(Contains("MT-C16")));
 }
 
+TEST_F(CardReportObjects, DoesNotMissWhatMayBeBehindTheLimit) {
+  addCertificate("01", "MyKey");
+  for (int i = 0; i < 161; ++i) addPublicKey("02", "Other");
+  for (int i = 0; i < 159; ++i) addCertificate("02", "Other");
+  const CardReport report = this->report();
+  ASSERT_THAT(report.unpublished, SizeIs(1));
+  EXPECT_EQ(report.unpublished[0].cause, kTooManyObjects);
+  EXPECT_EQ(report.unpublished[0].reason,
+            "none of the first 160 public keys has its ID, and no more are listed");
+  EXPECT_THAT(troubles(report), Not(Contains("MT-C06")));
+
+  clearCard();
+  addPublicKey("01", "MyKey");
+  addPublicKey("02", "Other");
+  for (int i = 0; i < 161; ++i) addCertificate("02", "Other");
+  EXPECT_EQ(this->report().unpublished[0].cause, kTooManyObjects);
+}
+
 TEST_F(CardReportObjects, TellsWhatIsLeftOutAndWhy) {
   addKey("01", "MyKey");
   addKey("02", "No modulus");
