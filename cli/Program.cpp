@@ -223,12 +223,12 @@ Result<ExitCode> parseAndRun(std::span<char* const> line) {
   } else if (auto said = parseWhole(line, options)) {
     return *std::move(said);
   }
+  takeVariables(options);
   if (const auto usage = checkUsage(options); !usage) return usage.failure();
   for (auto* name : {&options.in, &options.out}) {
     if (*name == "-") name->reset();
   }
   if (const auto descriptor = checkPinDescriptor(options); !descriptor) return descriptor.failure();
-  takeVariables(options);
   return run(options);
 }
 

@@ -44,7 +44,8 @@ Result<void> checkPlace(const NamedFile& recording, const std::vector<NamedFile>
 /// A trace is begun before anything is read.
 Result<void> checkRecordings(const Options& options) {
   std::vector<NamedFile> others(options.files.begin(), options.files.end());
-  others.insert(others.end(), {{"--module", options.modulePath},
+  const char* module = options.moduleIsFromVariable ? "MIRELTOKEN_MODULE" : "--module";
+  others.insert(others.end(), {{module, options.modulePath},
                                {"--in", options.in},
                                {"--out", options.out},
                                {"--pin-file", options.pinFile},

@@ -9,7 +9,8 @@ namespace mirel::cli {
 
 // What a command line must satisfy beyond what the parser knows.
 
-/// Whether the options of a command make sense together. No file is opened.
+/// Whether the options of a command, with what the environment adds to them, make sense together. No file is
+/// opened.
 [[nodiscard]] Result<void> checkUsage(const Options& options);
 
 /// Whether the options of "record" itself do.

@@ -227,6 +227,17 @@ TEST_F(Recordings, AreNotMadeWhereThatMakesNoSense) {
   expectFailure(run(invocation("items --trace /nowhere/file")), 14, {"cannot be written"});
 }
 
+TEST_F(Recordings, DoNotTakeThePlaceOfTheModuleThatTheEnvironmentNames) {
+  const std::string module = path("module.so");
+  std::filesystem::copy_file(kSoftHsm, module);
+  for (const std::string option : {"--trace", "record --out"}) {
+    Invocation call = invocation(option + " " + path("./module.so") + " items");
+    call.environment["MIRELTOKEN_MODULE"] = module;
+    expectFailure(run(call), 2, {option + " would overwrite the file of MIRELTOKEN_MODULE"});
+    EXPECT_EQ(contentOf(module), contentOf(kSoftHsm));
+  }
+}
+
 TEST_F(Recordings, KeepARunThatCameToABadEnd) {
   const struct {
     Arguments command;
