@@ -30,10 +30,10 @@ bool isSameFile(const std::string& one, const std::string& other) {
   return wholeName(one) == wholeName(other);
 }
 
-/// A recording must not take the place of any other file of the command line. `recording` is its option, and
-/// its file.
-Result<void> checkPlace(const NamedFile& recording, const std::vector<NamedFile>& others) {
-  const auto& [option, file] = recording;
+/// A file that is written must not take the place of another one. `written`: its option, and its file.
+Result<void> checkPlace(const NamedFile& written, const std::vector<NamedFile>& others) {
+  const auto& [option, file] = written;
+  if (file == "-") return {};
   for (const auto& [name, other] : others) {
     if (file && other && isSameFile(*file, *other))
       return wrongUsage(std::string{option}.append(" would overwrite the file of ").append(name));
@@ -41,17 +41,30 @@ Result<void> checkPlace(const NamedFile& recording, const std::vector<NamedFile>
   return {};
 }
 
-/// A trace is begun before anything is read.
-Result<void> checkRecordings(const Options& options) {
-  std::vector<NamedFile> others(options.files.begin(), options.files.end());
-  const char* module = options.moduleIsFromVariable ? "MIRELTOKEN_MODULE" : "--module";
-  others.insert(others.end(), {{module, options.modulePath},
-                               {"--in", options.in},
-                               {"--out", options.out},
-                               {"--pin-file", options.pinFile},
-                               {"--replay", options.replay}});
-  if (auto place = checkPlace({"record --out", options.recordTo}, others); !place) return place;
-  others.emplace_back("record --out", options.recordTo);
+/// The module's file; nothing where the name is that of a configured module.
+NamedFile moduleFileOf(const Options& options) {
+  std::error_code error;
+  const bool isFile = options.modulePath && fs::exists(*options.modulePath, error);
+  return {options.moduleIsFromVariable ? "MIRELTOKEN_MODULE" : "--module",
+          isFile ? options.modulePath : std::nullopt};
+}
+
+/// No file that is written may take the place of another one of the command line.
+Result<void> checkPlaces(const Options& options) {
+  std::vector<NamedFile> others{
+      moduleFileOf(options), {"--pin-file", options.pinFile}, {"--replay", options.replay}};
+  std::vector<NamedFile> written{{"--out", options.out}};
+  std::vector<NamedFile> inputs{{"--in", options.in}};
+  for (const auto& file : options.files) (file.first.starts_with("--") ? written : inputs).push_back(file);
+  for (const NamedFile& file : written) {
+    if (auto place = checkPlace(file, others); !place) return place;
+    others.push_back(file);
+  }
+  // A result may replace the input, which has been read by then; a trace is begun before.
+  others.insert(others.end(), inputs.begin(), inputs.end());
+  const NamedFile recording{"record --out", options.recordTo};
+  if (auto place = checkPlace(recording, others); !place) return place;
+  others.push_back(recording);
   return checkPlace({"--trace", options.trace}, others);
 }
 
@@ -81,7 +94,7 @@ Result<void> checkUsage(const Options& options) {
     return wrongUsage("--key is missing");
   if (auto key = checkKeyName(options.key.value_or("")); !key) return key;
   if (options.trace == "-") return wrongUsage("--trace needs a file, not standard output");
-  if (auto recordings = checkRecordings(options); !recordings) return recordings;
+  if (auto places = checkPlaces(options); !places) return places;
   if (options.replay && options.modulePath) return wrongUsage("--replay excludes --module");
   if (options.replay && options.home) return wrongUsage("--replay excludes --home");
   if (!options.command->hasWorker && options.recordTo)

@@ -155,8 +155,6 @@ Failure wrongUsage(const std::string& why) {
 }
 
 Result<void> checkFiles(const Options& options) {
-  if (options.fileOf(kHtml) && options.fileOf(kHtml) == options.fileOf(kJunit))
-    return wrongUsage("--html and --junit name the same file");
   for (const char* option : {kHtml, kJunit}) {
     const auto file = options.fileOf(option);
     if (!file) continue;

@@ -122,8 +122,6 @@ Result<void> checkOptions(const Options& options) {
     return wrongUsage("a PIN is of no use without --login");
   if (options.has(kAnonymous) && !options.fileOf(kBundle))
     return wrongUsage("--anonymous is of no use without --bundle");
-  if (options.fileOf(kHtml) && options.fileOf(kHtml) == options.fileOf(kBundle))
-    return wrongUsage("--html and --bundle name the same file");
   for (const auto& [option, file] : options.files) {
     if (!file) continue;
     // Standard output has what is for the terminal, or the JSON.

@@ -111,6 +111,23 @@ TEST_F(Doctor, FindsOutBeforeThatAFileCannotBeWritten) {
   }
 }
 
+TEST_F(Doctor, WritesOverNoOtherFileOfTheCommandLine) {
+  const std::string module = path("module.so");
+  std::filesystem::copy_file(MIREL_STAGED_MODULE_FILE, module);
+  const std::pair<Arguments, const char*> rows[] = {
+      {"--html " + path("file") + " --bundle " + path("./file"), "--bundle"},
+      {"--module " + module + " --bundle " + path("./module.so"), "--module"},
+      {"--login --pin-file " + write("pin", kPin) + " --bundle " + path("./pin"), "--pin-file"},
+      {"--replay " + write("replay", "{}") + " --html " + path("./replay"), "--replay"},
+  };
+  for (const auto& [arguments, other] : rows)
+    expectFailure(examined(invocation("doctor" + arguments)), 2,
+                  {std::string{" would overwrite the file of "} + other});
+  EXPECT_FALSE(exists("file"));
+  EXPECT_EQ(read("pin"), kPin);
+  EXPECT_EQ(contentOf(module), contentOf(MIREL_STAGED_MODULE_FILE));
+}
+
 TEST_F(Doctor, WritesWhatItHasFoundWhereTheModuleEndsIt) {
   const struct {
     Stage stage;

@@ -90,6 +90,16 @@ TEST_F(KeyFiles, MayBeTheSameForBoth) {
   EXPECT_EQ(read("cipher"), kPlain);
 }
 
+TEST_F(KeyFiles, TakeThePlaceOfNoOtherFileOfTheCommandLine) {
+  expectFailure(signInto(path("./pin")), 2, {"--out would overwrite the file of --pin-file"});
+  EXPECT_EQ(read("pin"), kPin);
+  fs::copy_file(MIREL_STAGED_MODULE_FILE, file("module.so"));
+  expectFailure(run(invocation({"certificate", "--key", "01", "--module", file("module.so"), "--out",
+                                file("./module.so")})),
+                2, {"--out would overwrite the file of --module"});
+  EXPECT_EQ(read("files/module.so"), contentOf(MIREL_STAGED_MODULE_FILE));
+}
+
 TEST_F(KeyFiles, OfPlainTextsAreForTheUserAloneWhateverTheMask) {
   for (const mode_t mask : {mode_t{0}, mode_t{022}, mode_t{077}}) {
     SCOPED_TRACE(mask);
