@@ -3,6 +3,8 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdint>
+#include <filesystem>
+#include <system_error>
 
 #include "Commands.h"
 #include "host/Home.h"
@@ -235,6 +237,19 @@ void declareOptions(CLI::App& app, Options& options, std::optional<std::span<cha
     if (wanted.command(command->name)) declareCommand(app, wanted, options, *command);
   }
   if (wanted.command(kHelp)) declareHelp(app, options);
+}
+
+void makeNamesAbsolute(Options& ioOptions) {
+  const auto makeAbsolute = [](std::optional<std::string>& ioName) {
+    if (!ioName || ioName == "-") return;
+    std::error_code error;
+    const std::filesystem::path whole = std::filesystem::absolute(*ioName, error);
+    if (!error) ioName = whole.string();
+  };
+  for (auto* name : {&ioOptions.in, &ioOptions.out, &ioOptions.pinFile, &ioOptions.trace, &ioOptions.replay,
+                     &ioOptions.recordTo})
+    makeAbsolute(*name);
+  for (auto& [option, name] : ioOptions.files) makeAbsolute(name);
 }
 
 std::optional<std::vector<std::string>> commandToRecord(const CLI::App& app) {

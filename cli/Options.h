@@ -71,6 +71,9 @@ struct Options {
 void declareOptions(CLI::App& app, Options& options,
                     std::optional<std::span<char* const>> words = std::nullopt, bool recorded = false);
 
+/// Makes the names of files absolute, except for "-": a module may change the working folder.
+void makeNamesAbsolute(Options& ioOptions);
+
 /// The words behind "record" and its own options, which are for another parser; nothing without "record".
 /// After `app` has parsed the command line.
 [[nodiscard]] std::optional<std::vector<std::string>> commandToRecord(const CLI::App& app);

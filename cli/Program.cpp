@@ -228,6 +228,7 @@ Result<ExitCode> parseAndRun(std::span<char* const> line) {
   for (auto* name : {&options.in, &options.out}) {
     if (*name == "-") name->reset();
   }
+  makeNamesAbsolute(options);
   if (const auto descriptor = checkPinDescriptor(options); !descriptor) return descriptor.failure();
   return run(options);
 }

@@ -100,6 +100,21 @@ TEST_F(KeyFiles, TakeThePlaceOfNoOtherFileOfTheCommandLine) {
   EXPECT_EQ(read("files/module.so"), contentOf(MIREL_STAGED_MODULE_FILE));
 }
 
+TEST_F(KeyFiles, AreThoseInTheFolderOfTheCallerWhereverTheModuleGoes) {
+  fs::create_directory(path("elsewhere"));
+  (void)write("files/pin", kPin);
+  (void)write("files/message", kMessage);
+  const fs::path before = fs::current_path();
+  fs::current_path(path("files"));
+  const Stage stage{{"FOLDER", path("elsewhere")}};
+  expectSigned(run(staged("sign --key 01 --in message --out signature --pin-file pin", stage)));
+  (void)run(staged("conformance --html page", stage));
+  fs::current_path(before);
+  EXPECT_TRUE(isSignature(read("files/signature")));
+  EXPECT_THAT(filesIn("files"), ElementsAre("message", "page", "pin", "signature"));
+  EXPECT_THAT(filesIn("elsewhere"), IsEmpty());
+}
+
 TEST_F(KeyFiles, OfPlainTextsAreForTheUserAloneWhateverTheMask) {
   for (const mode_t mask : {mode_t{0}, mode_t{022}, mode_t{077}}) {
     SCOPED_TRACE(mask);

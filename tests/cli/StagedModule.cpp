@@ -29,6 +29,7 @@
 ///   MIREL_STAGED_SWAP         a function in kStaged: from its first call on every token has another serial
 ///                             number.
 ///   MIREL_STAGED_SWAP_FILE    the same once there is that file.
+///   MIREL_STAGED_FOLDER       a folder: the entry point makes it the working folder of the process.
 ///   MIREL_STAGED_CALLS        a file that gets the name of every call of the first kNumNoted functions in
 ///                             kStaged, in a line of its own; those of C_GetTokenInfo too. C_Login adds
 ///                             "dumpable" and what prctl answers.
@@ -237,6 +238,9 @@ extern "C" __attribute__((visibility("default"))) CK_RV C_GetFunctionList(CK_FUN
   if (const std::string path = variable("MIREL_STAGED_CALLS"); !path.empty()) {
     callsFile = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     if (callsFile < 0) return CKR_FUNCTION_FAILED;
+  }
+  if (const std::string folder = variable("MIREL_STAGED_FOLDER"); !folder.empty()) {
+    if (chdir(folder.c_str()) != 0) return CKR_FUNCTION_FAILED;
   }
   if (variable("MIREL_STAGED_PAUSE") == "entry") noteAndPause("entry");
   if (variable("MIREL_STAGED_CRASH") == "entry") (void)raise(SIGSEGV);
