@@ -241,6 +241,12 @@ Result<void> writeText(const std::optional<std::string>& name, const std::string
   return writeFile(name, {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()}, kMode);
 }
 
+Result<void> checkOpenFile(const std::optional<std::string>& name) {
+  const auto descriptor = isStandardStream(name) ? std::nullopt : openFileBehind(*name);
+  if (!descriptor || fcntl(*descriptor, F_GETFD) != -1) return {};
+  return writeFailure(*name, errno);
+}
+
 Result<void> checkWriting(const std::optional<std::string>& name) {
   (void)processMask();
   if (isStandardStream(name)) return {};

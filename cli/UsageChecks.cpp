@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "Commands.h"
+#include "Files.h"
 #include "host/KeyChoice.h"
 
 namespace mirel::cli {
@@ -30,10 +31,12 @@ bool isSameFile(const std::string& one, const std::string& other) {
   return wholeName(one) == wholeName(other);
 }
 
-/// A file that is written must not take the place of another one. `written`: its option, and its file.
+/// A file that is written must not take the place of another one, nor be one that only comes to be opened.
+/// `written`: its option, and its file.
 Result<void> checkPlace(const NamedFile& written, const std::vector<NamedFile>& others) {
   const auto& [option, file] = written;
   if (file == "-") return {};
+  if (auto open = checkOpenFile(file); !open) return open;
   for (const auto& [name, other] : others) {
     if (file && other && isSameFile(*file, *other))
       return wrongUsage(std::string{option}.append(" would overwrite the file of ").append(name));

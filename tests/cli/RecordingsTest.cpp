@@ -238,6 +238,18 @@ TEST_F(Recordings, DoNotTakeThePlaceOfTheModuleThatTheEnvironmentNames) {
   }
 }
 
+TEST_F(Recordings, GetNoResultByADescriptorThatWasNotOpenBeforeThem) {
+  const std::string trace = "--trace " + path("trace") + " ";
+  for (const std::string file : {"/dev/fd/3", "/dev/fd/4", "/dev/fd/5"}) {
+    for (const std::string command : {"certificate --key 01 --out ", "doctor --html ", "record --out "}) {
+      const std::string recorded = command.starts_with("record") ? " items" : "";
+      expectFailure(mireltoken(trace + command + file + recorded), 14,
+                    {file + " cannot be written: Bad file descriptor"});
+      EXPECT_FALSE(exists("trace"));
+    }
+  }
+}
+
 TEST_F(Recordings, KeepARunThatCameToABadEnd) {
   const struct {
     Arguments command;
