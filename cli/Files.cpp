@@ -50,16 +50,6 @@ Result<void> checkReplacing(const std::string& name, const std::string& target) 
   return {};
 }
 
-bool writeAll(int descriptor, std::span<const std::uint8_t> data) {
-  while (!data.empty()) {
-    const ssize_t written = write(descriptor, data.data(), data.size());
-    if (written < 0 && errno == EINTR) continue;
-    if (written < 0) return false;
-    data = data.subspan(static_cast<std::size_t>(written));
-  }
-  return true;
-}
-
 /// Closes, keeping errno when something went wrong before.
 bool finish(int descriptor, bool good) {
   const int error = errno;

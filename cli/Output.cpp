@@ -1,5 +1,6 @@
 #include "Output.h"
 
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -104,9 +105,24 @@ Failure outputFailure(int error) {
 
 bool outputWasBegun() noexcept { return outputIsBegun; }
 
+bool writeAll(int descriptor, std::span<const std::uint8_t> data) noexcept {
+  while (!data.empty()) {
+    const ssize_t written = write(descriptor, data.data(), data.size());
+    if (written >= 0) {
+      data = data.subspan(static_cast<std::size_t>(written));
+    } else if (errno == EAGAIN) {
+      pollfd reader{descriptor, POLLOUT, 0};
+      (void)poll(&reader, 1, -1);  // what is wrong there, the next write tells
+    } else if (errno != EINTR) {
+      return false;
+    }
+  }
+  return true;
+}
+
 Result<void> writeOutput(std::string_view text) {
   outputIsBegun = true;
-  if (std::fwrite(text.data(), 1, text.size(), stdout) == text.size() && std::fflush(stdout) == 0) return {};
+  if (writeAll(STDOUT_FILENO, {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()})) return {};
   return outputFailure(errno);
 }
 

@@ -1,6 +1,8 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -42,6 +44,10 @@ using mirel::displayedName;
 
 /// Whether something was written to standard output, or tried to be.
 [[nodiscard]] bool outputWasBegun() noexcept;
+
+/// Writes all of `data`, waiting for the reader also where the descriptor does not block. False, with errno:
+/// it cannot be written.
+[[nodiscard]] bool writeAll(int descriptor, std::span<const std::uint8_t> data) noexcept;
 
 /// Writes to standard output.
 [[nodiscard]] Result<void> writeOutput(std::string_view text);

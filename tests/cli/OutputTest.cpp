@@ -1,6 +1,12 @@
 #include "Output.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <array>
+#include <chrono>
+#include <thread>
 
 #include "ExitCode.h"
 #include "TextWidth.h"
@@ -107,6 +113,28 @@ TEST(WriteOutput, WritesTheTextAsItIs) {
   testing::internal::CaptureStdout();
   EXPECT_TRUE(writeOutput(std::string_view{"a\0b\n", 4}));
   EXPECT_EQ(testing::internal::GetCapturedStdout(), std::string("a\0b\n", 4));
+}
+
+TEST(WriteOutput, WaitsForTheReaderWhereStandardOutputIsNotBlocking) {
+  std::array<int, 2> ends{};
+  ASSERT_EQ(pipe(ends.data()), 0);
+  ASSERT_EQ(fcntl(ends[1], F_SETFL, O_NONBLOCK), 0);
+  const int before = dup(STDOUT_FILENO);
+  ASSERT_GE(dup2(ends[1], STDOUT_FILENO), 0);
+  (void)close(ends[1]);
+  const std::string text(std::size_t{1} << 20U, 'x');  // more than a pipe holds
+  std::string got;
+  std::thread reader{[&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds{50});
+    std::array<char, 4096> piece{};
+    for (ssize_t count = 0; (count = read(ends[0], piece.data(), piece.size())) > 0;)
+      got.append(piece.data(), static_cast<std::size_t>(count));
+  }};
+  EXPECT_TRUE(writeOutput(text));
+  (void)dup2(before, STDOUT_FILENO);
+  reader.join();
+  for (const int descriptor : {before, ends[0]}) (void)close(descriptor);
+  EXPECT_EQ(got, text);
 }
 
 TEST(ExitCode, IsADifferentOneForEachKindOfFailure) {
