@@ -91,13 +91,6 @@ std::optional<int> openFileBehind(const std::string& name) {
   return descriptor;
 }
 
-/// A file that is something else, such as a device or a pipe, is written in place.
-bool isSpecialFile(const std::string& name) {
-  struct stat status {};
-  if (stat(name.c_str(), &status) != 0 || S_ISDIR(status.st_mode)) return false;
-  return !S_ISREG(status.st_mode) || openFileBehind(name).has_value();
-}
-
 Result<void> writeInPlace(const std::string& name, std::span<const std::uint8_t> data) {
   // To open it again would begin at its start and forget that it is to be appended to.
   if (const auto descriptor = openFileBehind(name)) {
@@ -215,6 +208,12 @@ Result<std::size_t> FileInput::read(std::span<std::uint8_t> room) {
 
 bool goesToTerminal(const std::optional<std::string>& name) {
   return isStandardStream(name) && isatty(STDOUT_FILENO) != 0;
+}
+
+bool isSpecialFile(const std::string& name) {
+  struct stat status {};
+  if (stat(name.c_str(), &status) != 0 || S_ISDIR(status.st_mode)) return false;
+  return !S_ISREG(status.st_mode) || openFileBehind(name).has_value();
 }
 
 Result<void> writeFile(const std::optional<std::string>& name, std::span<const std::uint8_t> data,

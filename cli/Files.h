@@ -41,6 +41,10 @@ class FileInput final : public InputSource {
 /// True when `name` stands for standard output and that is a terminal.
 [[nodiscard]] bool goesToTerminal(const std::optional<std::string>& name);
 
+/// True for what is something else than a file, such as a device, a pipe or an open file: it is written in
+/// place.
+[[nodiscard]] bool isSpecialFile(const std::string& name);
+
 /// Writes all of `data`: a file completely or not at all (an existing one keeps its content until the new one
 /// is whole), with `mode` less the process's mask. A file of this user that is there keeps its mode, as far
 /// as `mode` reaches: what is for the user alone stays so. One whose mode does not let it be written is

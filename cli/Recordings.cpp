@@ -116,8 +116,11 @@ Result<std::string> contentOf(const std::string& file) {
 }
 
 /// The file of a recording that is under way: it has no name, so that nothing is left of it whatever happens.
-int openNameless(const std::string& beside) {
-  const std::filesystem::path folder = std::filesystem::path{beside}.parent_path();
+/// `target`: where it goes at the end; its folder has the space for it, unless it is a special file.
+int openNameless(const std::string& target) {
+  std::error_code error;
+  const std::filesystem::path folder = isSpecialFile(target) ? std::filesystem::temp_directory_path(error)
+                                                             : std::filesystem::path{target}.parent_path();
   std::string name = (folder / (std::string{kTemporaryFilePrefix} + "XXXXXX")).string();
   const int descriptor = mkstemp(name.data());
   if (descriptor < 0) return -1;

@@ -1,5 +1,8 @@
 /// Traces, recordings, and runs that a recording answers.
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <csignal>
 
@@ -248,6 +251,16 @@ TEST_F(Recordings, GetNoResultByADescriptorThatWasNotOpenBeforeThem) {
       EXPECT_FALSE(exists("trace"));
     }
   }
+}
+
+TEST_F(Recordings, CanGoToAnOpenFileAndToADevice) {
+  Invocation call = onSoftHsm("record --out /dev/fd/41 readers");
+  const int descriptor = open(write("open", "").c_str(), O_WRONLY | O_CLOEXEC);
+  call.descriptors[41] = descriptor;
+  expectSuccess(run(call));
+  (void)close(descriptor);
+  EXPECT_THAT(run(invocation("trace show " + path("open"))).out, HasSubstr("C_GetSlotList"));
+  expectSuccess(mireltoken("record --out /dev/null readers"));
 }
 
 TEST_F(Recordings, KeepARunThatCameToABadEnd) {
