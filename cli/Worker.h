@@ -81,8 +81,7 @@ bool noteResult(std::string_view text) noexcept;
 /// brings the worker to a bad end. Texts are cut where they are very long.
 void noteFailure(const Failure& failure) noexcept;
 
-/// Notes the name of a temporary file while there is one: not longer than kLongestNotedName, or it is not
-/// noted.
+/// Notes the name of a temporary file while there is one; not where WorkerPage::file is too short for it.
 class NotedFile {
  public:
   explicit NotedFile(const std::string& name) noexcept;
