@@ -38,9 +38,11 @@ Failure writeFailure(const std::string& name, int error) {
 /// well, who would not be kept from writing: it says what its owner wants.
 Result<void> checkReplacing(const std::string& name, const std::string& target) {
   struct stat there {};
-  if (stat(target.c_str(), &there) != 0) {
-    return errno == ELOOP ? writeFailure(name, errno) : Result<void>{};
-  }
+  const bool isThere = stat(target.c_str(), &there) == 0;
+  if (!isThere && errno == ELOOP) return writeFailure(name, errno);
+  // One that was not followed.
+  if (std::error_code error; std::filesystem::is_symlink(target, error)) return writeFailure(name, EACCES);
+  if (!isThere) return {};
   const bool ownersModeCounts = geteuid() == 0 || there.st_uid == geteuid();
   if (ownersModeCounts && (there.st_mode & S_IWUSR) == 0) {
     return Failure{FailureKind::kFileFailure, name + " cannot be written",
@@ -63,14 +65,26 @@ std::filesystem::path folderOf(const std::string& name) {
   return folder.empty() ? std::filesystem::path{"."} : folder;
 }
 
-/// The file behind a link, which need not be there; the name itself when it is no link.
+/// Whether the system would follow the link to open it. In a folder where everybody may make links but only
+/// their owners remove them, those of others lead where these want.
+bool isTrustedLink(const std::filesystem::path& link) {
+  constexpr mode_t kShared = S_ISVTX | S_IWOTH;
+  struct stat itself {};
+  struct stat folder {};
+  if (lstat(link.c_str(), &itself) != 0 || stat(folderOf(link.string()).c_str(), &folder) != 0) return false;
+  return (folder.st_mode & kShared) != kShared || itself.st_uid == geteuid() ||
+         itself.st_uid == folder.st_uid;
+}
+
+/// The file behind a link, which need not be there; the name itself when it is no link, or one that is not to
+/// be followed.
 std::filesystem::path targetOf(std::filesystem::path name) {
   constexpr int kMostLinks = 40;  // as many as the kernel follows
   std::error_code error;
   for (int i = 0; i < kMostLinks && std::filesystem::is_symlink(name, error); ++i) {
     const auto folder = std::filesystem::canonical(folderOf(name.string()), error);
     // Links to open files lead to names that only tell what the file is.
-    if (error || folder.string().starts_with("/proc/")) break;
+    if (error || folder.string().starts_with("/proc/") || !isTrustedLink(name)) break;
     name = folder / std::filesystem::read_symlink(name, error);
   }
   return name;

@@ -295,6 +295,22 @@ TEST_F(KeyFiles, BehindALinkAreMadeOrReplacedAndTheLinkStays) {
   }
 }
 
+TEST_F(KeyFiles, BehindALinkOfSomebodyElseInASharedFolderAreNotWritten) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root can give links away";
+  constexpr uid_t kSomebody = 4321;
+  constexpr auto kSameGroup = static_cast<gid_t>(-1);
+  fs::create_symlink(write("target", "older"), file("link"));
+  ASSERT_EQ(lchown(file("link").c_str(), kSomebody, kSameGroup), 0);
+  ASSERT_EQ(chmod(path("files").c_str(), 01777), 0);
+  expectEarlyFailures(
+      {{"sign --key 01 --out " + file("link"), 14, {"files/link cannot be written: Permission denied"}}});
+  EXPECT_EQ(read("target"), "older");
+  // The owner of the folder could do with its files what they like.
+  ASSERT_EQ(chown(path("files").c_str(), kSomebody, kSameGroup), 0);
+  expectSigned(signInto(file("link")));
+  EXPECT_TRUE(isSignature(read("target")));
+}
+
 TEST_F(KeyFiles, BehindALinkThatLeadsToItselfCannotBeWritten) {
   fs::create_symlink("loop", path("loop"));
   fs::create_symlink("there", path("here"));
