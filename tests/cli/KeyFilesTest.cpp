@@ -300,7 +300,8 @@ TEST_F(KeyFiles, BehindALinkOfSomebodyElseInASharedFolderAreNotWritten) {
   constexpr uid_t kSomebody = 4321;
   constexpr auto kSameGroup = static_cast<gid_t>(-1);
   fs::create_symlink(write("target", "older"), file("link"));
-  ASSERT_EQ(lchown(file("link").c_str(), kSomebody, kSameGroup), 0);
+  if (lchown(file("link").c_str(), kSomebody, kSameGroup) != 0)
+    GTEST_SKIP() << "this root cannot give it away";
   ASSERT_EQ(chmod(path("files").c_str(), 01777), 0);
   expectEarlyFailures(
       {{"sign --key 01 --out " + file("link"), 14, {"files/link cannot be written: Permission denied"}}});
