@@ -3,6 +3,7 @@ SDK is one of a few stubs. Besides, what the preset for macOS says, and what sto
 
 import collections
 import json
+import os
 import pathlib
 import shlex
 
@@ -53,7 +54,7 @@ class Build:
         self.archived, self.linked, self.other = {}, {}, []
         for words in map(shlex.split, shown.splitlines()):
             if "-c" in words:
-                self.compiled[str(pathlib.Path(after(words, "-c")[0]).relative_to(source))].append(words)
+                self.compiled[os.path.relpath(after(words, "-c")[0], source)].append(words)
             elif "-static" in words and "-o" in words:
                 self.archived[after(words, "-o")[0]] = words
             elif "-o" in words:
@@ -213,6 +214,47 @@ def check_preset(checks, source):
     checks.equal("how it is built", builds, ["macos"])
 
 
+# What tests are built with, where a build for macOS looks for it: as empty as CMake takes it.
+TEST_PACKAGES = {
+    "lib/cmake/GTest/GTestConfig.cmake": "".join(
+        f"add_library(GTest::{name} INTERFACE IMPORTED)\n" for name in ("gtest", "gtest_main", "gmock", "gmock_main")
+    ),
+    "include/openssl/ssl.h": "",
+    "include/openssl/opensslv.h": '#define OPENSSL_VERSION_STR "3.0.0"\n',
+    "include/p11-kit-1/p11-kit/pkcs11.h": "",
+    "lib/libcrypto.a": "",
+    "lib/libssl.a": "",
+    "lib/libp11-kit.a": "",
+}
+
+
+def check_with_tests(checks, given):
+    """The presets that ./check uses on a Mac can be configured and generated there."""
+    with temporary_folder() as name:
+        folder = pathlib.Path(name).resolve()
+        sdk = make_sdk(folder / "MacOSX.sdk")
+        for file, content in TEST_PACKAGES.items():
+            (sdk / "usr" / file).parent.mkdir(parents=True, exist_ok=True)
+            (sdk / "usr" / file).write_text(content)
+        options = [f"-DCMAKE_TOOLCHAIN_FILE={given.source}/cmake/macos-toolchain.cmake", f"-DMIREL_MACOS_SDK={sdk}"]
+        for preset in ("release", "asan"):
+            code, shown, error = run(given.cmake, "--preset", preset, "-B", folder / preset, *options,
+                                     "-DBUILD_TESTING=ON", cwd=given.source)  # fmt: skip
+            checks.equal(f"configuring {preset} with tests: {shown}", (code, error), (0, ""))
+            if code == 0:
+                check_tests_linked(checks, folder / preset, preset, given)
+
+
+def check_tests_linked(checks, folder, preset, given):
+    """Whatever has the whole command line in it is linked with what that needs of the system."""
+    build = Build(given.source, folder, settings_of(folder)["CMAKE_MAKE_PROGRAM:FILEPATH"])
+    users = [name for name, words in build.linked.items() if "cli/libcommand_line.a" in words]
+    checks.true(f"{preset}: tests that have the command line in them: {users}", "fuzz/fuzz_commandline_replay" in users)
+    for name in users:
+        found = after(build.linked[name], "-framework")
+        checks.true(f"{preset}, {name}: its frameworks: {found}", "CoreServices" in found)
+
+
 def check_stops(checks, given):
     """What cannot be built says so by name."""
     with temporary_folder() as name:
@@ -235,6 +277,7 @@ def main():
     checks = Checks()
     check_preset(checks, given.source)
     check_commands(checks, given)
+    check_with_tests(checks, given)
     check_stops(checks, given)
     checks.finish()
 
