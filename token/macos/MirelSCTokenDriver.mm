@@ -8,6 +8,9 @@
 
 @implementation MirelSCTokenDriver
 
+// The initialiser of the base runs in a method of its own, where an exception is caught.
+#pragma clang diagnostic push
+#pragma clang diagnostic ignored "-Wobjc-designated-initializers"
 - (instancetype)init {
   mirel::Initialisation<MirelSCTokenDriver> driver{self};
   if (driver.runSuper([](MirelSCTokenDriver* allocated) { return [allocated mirel_superInit]; })) {
@@ -16,6 +19,7 @@
   self = driver.take();
   return self;
 }
+#pragma clang diagnostic pop
 
 - (id)mirel_superInit {
   return [super init];

@@ -8,4 +8,6 @@
  @private
   const char* _countedAs;
 }
+// As the platform's NSObject declares it, so that the compiler warns of the same initialisers.
+- (instancetype)init NS_DESIGNATED_INITIALIZER;
 @end
