@@ -194,7 +194,7 @@ void declareOptions(CLI::App& app, Options& options, std::optional<std::span<cha
   const Wanted wanted{words};
   const Declarer declarer{app, wanted};
   app.name("mireltoken");
-  app.require_subcommand(1);
+  app.require_subcommand(recorded ? 0 : 1, 1);  // the caller has words for "none to record"
   // A flag is given or not: "--verbose=loud" is no number, nor "--json=false" no JSON. Only "=true" is still
   // taken, which says nothing else.
   app.option_defaults()->disable_flag_override();

@@ -118,7 +118,7 @@ std::string helpTextFor(const CLI::App& app, const CLI::App& shown) {
   const bool isCommand = &shown != &app;
   std::string text = shown.get_description() + "\nUsage: " + app.get_name();
   if (isCommand) text.append(" ").append(shown.get_name());
-  text.append(" [OPTIONS]").append(isCommand ? "" : " SUBCOMMAND");
+  text.append(" [OPTIONS]").append(isCommand ? "" : " COMMAND");
   if (shown.get_prefix_command()) text += " COMMAND...";
   for (const CLI::Option* option : optionsOf(shown)) {
     if (option->get_positional()) text.append(" [").append(option->get_name(true)).append("]");
@@ -129,7 +129,7 @@ std::string helpTextFor(const CLI::App& app, const CLI::App& shown) {
   }
   if (isCommand) return text.append("\n");
 
-  text += "\nSubcommands:\n" + commandLines(app);
+  text += "\nCommands:\n" + commandLines(app);
   return text.append("\n").append(app.get_footer()).append("\n");
 }
 
@@ -146,9 +146,9 @@ std::optional<std::string> helpTextOn(const CLI::App& app, const std::string& co
 }
 
 std::string shortHelpText(const CLI::App& app) {
-  return "Usage: " + app.get_name() + " [OPTIONS] SUBCOMMAND\n\n" + commandLines(app) +
+  return "Usage: " + app.get_name() + " [OPTIONS] COMMAND\n\n" + commandLines(app) +
          "\nSee all options and exit codes with: mireltoken --help\n"
-         "See those of a command with: mireltoken help SUBCOMMAND\n";
+         "See those of a command with: mireltoken help COMMAND\n";
 }
 
 std::string refusalText(const CLI::App& app, const CLI::ParseError& error) {
@@ -158,7 +158,7 @@ std::string refusalText(const CLI::App& app, const CLI::ParseError& error) {
     const std::string word = unknown.front().substr(0, unknown.front().find('='));
     return "there is no \"" + unknown.front() + "\"" + suggestionFor(word, namesLike(word, app));
   }
-  if (dynamic_cast<const CLI::RequiredError*>(&error)) return "a subcommand is required";
+  if (dynamic_cast<const CLI::RequiredError*>(&error)) return "a command is required";
   const Options options = usableOptions(app);
   if (dynamic_cast<const CLI::ExcludesError*>(&error)) return exclusion(options);
 

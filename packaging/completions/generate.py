@@ -67,7 +67,7 @@ def read(program):
     """The common options, and for each command its text and its options."""
     text = help_of(program)
     commands = {}
-    for line in section(text, "Subcommands"):
+    for line in section(text, "Commands"):
         name, summary = line.split(None, 1)
         own = help_of(program, name)
         commands[name] = (summary, [option for option in options_in(own) if "--help" not in option.names])

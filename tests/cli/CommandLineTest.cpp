@@ -40,7 +40,7 @@ TEST_F(CommandLine, TellsItsVersion) {
 TEST_F(CommandLine, HelpIsWrittenLikeThis) {
   constexpr const char* kProgramHelp =
       R"(Shows what a smart card would publish in the keychain, and why not; uses its keys.
-Usage: mireltoken [OPTIONS] SUBCOMMAND
+Usage: mireltoken [OPTIONS] COMMAND
 
 Options:
   --version                   Print the version, with those of the libraries, and exit
@@ -58,7 +58,7 @@ Options:
                               Let this recording answer in place of a module and a card
   -v,--verbose                Print the log lines on standard error; twice (-vv): the calls of the module, too
 
-Subcommands:
+Commands:
   readers                     List the readers that hold a card
   items                       Insert a card and list the keychain items it would publish
   certificate                 Write the certificate of a key, in PEM
@@ -133,7 +133,7 @@ TEST_F(CommandLine, HelpHasAnExampleOfEachCommandAndEveryExitCodeOnce) {
 
 TEST_F(CommandLine, WordsItsRefusalsLikeThis) {
   const std::pair<Arguments, const char*> rows[] = {
-      {"-v", "a subcommand is required"},
+      {"-v", "a command is required"},
       {"help cards", "there is no command \"cards\""},
       {"help decript", "there is no command \"decript\" (did you mean \"decrypt\"?)"},
       {"help sign items", "there is no \"items\""},

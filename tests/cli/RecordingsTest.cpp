@@ -200,7 +200,8 @@ TEST_F(Recordings, AreNotMadeWhereThatMakesNoSense) {
   const std::pair<Arguments, const char*> rows[] = {
       {"record items", "record needs --out"},
       {"record --out - items", "needs a file"},
-      {"record --out " + path("out"), "a subcommand is required"},
+      {"record --out " + path("out"), "record needs a command that uses a card"},
+      {"record --out " + path("out") + " -v", "record needs a command that uses a card"},
       {"record --out " + path("out") + " help", "record needs a command"},
       {"record --out " + path("out") + " watch --for 1", "watch cannot be recorded, since each card"},
       {"record --out " + path("out") + " record --out x items", "there is no \"record\""},

@@ -35,7 +35,7 @@ class Program:
     def __init__(self, path):
         self.path = path
         text = self.help_of()
-        self.commands = words_in(text.split("\nSubcommands:\n")[1].split("\n\n")[0], r"^  ([a-z]+) ")
+        self.commands = words_in(text.split("\nCommands:\n")[1].split("\n\n")[0], r"^  ([a-z]+) ")
         self.common = self.options_in(text)
 
     def help_of(self, *command):

@@ -11,7 +11,7 @@ trap 'rm -rf "$folder"' EXIT
 sed 's/\\-/-/g; s/\\f[A-Z]//g' "$manual" >"$folder/manual"
 
 # Options stand in the help of their commands.
-sed -n '/^Subcommands:/,/^$/s/^  \([a-z]*\) .*/\1/p' "$folder/help" >"$folder/help.commands"
+sed -n '/^Commands:/,/^$/s/^  \([a-z]*\) .*/\1/p' "$folder/help" >"$folder/help.commands"
 cp "$folder/help" "$folder/help.all"
 while read -r command; do "$mireltoken" "$command" --help >>"$folder/help.all"; done <"$folder/help.commands"
 
