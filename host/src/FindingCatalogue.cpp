@@ -50,7 +50,7 @@ constexpr FindingEntry kEntries[] = {
      kYou},
     {kCardServiceSilent, "MT-R02", "the card service does not answer",
      "all programs reach the readers through the card service of the system",
-     "start the card service (pcscd)", kAdministrator},
+     "start the card service (pcscd); on a Mac unplug the reader, or restart", kAdministrator},
     {kCardNotRecognised, "MT-R03", "there is a card, and this module does not know it",
      "each card needs the module of its maker", "use the module of the card's maker", kYou},
     {kCardHeldByAnother, "MT-R04", "another program holds the card",
