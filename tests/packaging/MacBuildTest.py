@@ -222,9 +222,9 @@ TEST_PACKAGES = {
     "include/openssl/ssl.h": "",
     "include/openssl/opensslv.h": '#define OPENSSL_VERSION_STR "3.0.0"\n',
     "include/p11-kit-1/p11-kit/pkcs11.h": "",
-    "lib/libcrypto.a": "",
-    "lib/libssl.a": "",
-    "lib/libp11-kit.a": "",
+    "lib/libcrypto.tbd": "",
+    "lib/libssl.tbd": "",
+    "lib/libp11-kit.tbd": "",
 }
 
 
