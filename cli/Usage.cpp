@@ -104,6 +104,47 @@ std::vector<std::string> namesLike(std::string_view word, const CLI::App& app) {
   return names;
 }
 
+/// " (did you mean …?)". A whole beginning such as "--pin" stands for the first option that goes on with a
+/// dash; a name that is merely near means something else.
+std::string suggestionIn(const CLI::App& app, const std::string& word) {
+  const std::vector<std::string> names = namesLike(word, app);
+  const auto begun = std::find_if(names.begin(), names.end(), [&](const std::string& name) {
+    return word.starts_with("--") && name.starts_with(word + "-");
+  });
+  return begun == names.end() ? suggestionFor(word, names) : " (did you mean \"" + *begun + "\"?)";
+}
+
+/// The name in "--name=value" and "-nvalue": the value may be a PIN, so it is not repeated.
+std::string optionNameIn(const std::string& word) {
+  const auto end = std::find_if(word.begin(), word.end(), [](char c) {
+    return c != '-' && (c < 'a' || c > 'z') && (c < 'A' || c > 'Z');
+  });
+  const std::string name{word.begin(), end};
+  return name.starts_with("--") ? name : name.substr(0, 2);
+}
+
+/// The command that was chosen and that takes a PIN; null where there is none.
+const CLI::App* pinCommandIn(const CLI::App& app) {
+  const auto chosen = app.get_subcommands();
+  const auto found = std::find_if(chosen.begin(), chosen.end(), [](const CLI::App* command) {
+    return command->get_option_no_throw("--pin-file") != nullptr;
+  });
+  return found == chosen.end() ? nullptr : *found;
+}
+
+std::string unknownWord(const CLI::App& app, const std::string& unknown) {
+  if (unknown.starts_with('-')) {
+    const std::string name = optionNameIn(unknown);
+    return "there is no \"" + name + "\"" + suggestionIn(app, name);
+  }
+  if (const CLI::App* command = pinCommandIn(app)) {
+    return command->get_name() +
+           " takes options only; the other word is not repeated, since it may be a PIN (for a PIN see "
+           "--pin-file)";
+  }
+  return "there is no \"" + unknown + "\"" + suggestionIn(app, unknown);
+}
+
 std::string exclusion(const Options& options) {
   for (const CLI::Option* option : options) {
     if (option->count() == 0) continue;
@@ -153,11 +194,7 @@ std::string shortHelpText(const CLI::App& app) {
 
 std::string refusalText(const CLI::App& app, const CLI::ParseError& error) {
   const std::vector<std::string> unknown = app.remaining();
-  if (!unknown.empty()) {
-    // "--option=value" is one word.
-    const std::string word = unknown.front().substr(0, unknown.front().find('='));
-    return "there is no \"" + unknown.front() + "\"" + suggestionFor(word, namesLike(word, app));
-  }
+  if (!unknown.empty()) return unknownWord(app, unknown.front());
   if (dynamic_cast<const CLI::RequiredError*>(&error)) return "a command is required";
   const Options options = usableOptions(app);
   if (dynamic_cast<const CLI::ExcludesError*>(&error)) return exclusion(options);

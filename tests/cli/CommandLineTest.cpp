@@ -143,8 +143,9 @@ TEST_F(CommandLine, WordsItsRefusalsLikeThis) {
       {"items --colour", "there is no \"--colour\""},
       {"itmes", "there is no \"itmes\" (did you mean \"items\"?)"},
       {"items --raeder x", "there is no \"--raeder\" (did you mean \"--reader\"?)"},
-      {"sign --algoritm=PS256", "there is no \"--algoritm=PS256\" (did you mean \"--algorithm\"?)"},
+      {"sign --algoritm=PS256", "there is no \"--algoritm\" (did you mean \"--algorithm\"?)"},
       {"-x items", "there is no \"-x\""},
+      {"sign --pin 123456", "there is no \"--pin\" (did you mean \"--pin-file\"?)"},
       {"items --module", "--module needs a value (PATH)"},
       {"items --reader", "--reader needs a value (NAME)"},
       {"items --home", "--home needs a value (DIR)"},
@@ -170,6 +171,18 @@ TEST_F(CommandLine, WordsItsRefusalsLikeThis) {
     EXPECT_EQ(result.exitCode, 2);
     EXPECT_EQ(result.out, "");
     EXPECT_EQ(result.err, std::string{"mireltoken: wrong usage: "} + why + "; see mireltoken --help\n");
+  }
+}
+
+TEST_F(CommandLine, NeverRepeatsAWordThatMayBeAPin) {
+  for (const char* arguments :
+       {"login 123456", "--json login 123456", "123456 login", "login --pin=123456", "sign --key 01 -p123456",
+        "login -123456", "record --out x login 123456", "doctor --login 123456"}) {
+    SCOPED_TRACE(arguments);
+    const Result result = runAlone(arguments);
+    EXPECT_EQ(result.exitCode, 2);
+    EXPECT_THAT(result.out + result.err, HasSubstr("wrong usage"));
+    EXPECT_THAT(result.out + result.err, Not(HasSubstr("123456")));
   }
 }
 
