@@ -14,6 +14,8 @@ constexpr std::uint32_t kMachO32Swapped = 0xCEFAEDFE;
 constexpr std::uint32_t kMachO64Swapped = 0xCFFAEDFE;
 constexpr std::uint32_t kUniversal32 = 0xCAFEBABE;
 constexpr std::uint32_t kUniversal64 = 0xCAFEBABF;
+constexpr std::uint32_t kDosMagic = 0x4D5A;  // two bytes only
+constexpr std::uint32_t kPeMagic = 0x50450000;
 
 /// Java's class files begin as universal ones do; there the number of slices is a version of 45 and more.
 constexpr std::uint32_t kMostSlices = 40;
@@ -73,6 +75,19 @@ std::vector<LibraryTarget> universalTargets(const Header& header, std::size_t en
   return targets;
 }
 
+/// The header of DOS in front says where the own one of PE begins.
+std::vector<LibraryTarget> peTarget(const Header& header) {
+  constexpr std::size_t kPlaceOfHeader = 0x3C;
+  constexpr std::uint32_t kX8664 = 0x8664;
+  constexpr std::uint32_t kAarch64 = 0xAA64;
+  if (header.number(0, 2, true) != kDosMagic) return {};
+  const auto at = header.number(kPlaceOfHeader, 4, false);
+  if (!at || header.number(*at, 4, true) != kPeMagic) return {};
+  const auto machine = header.number(std::size_t{*at} + 4, 2, false);
+  if (!machine) return {};
+  return {{LibraryFormat::kPe, *machine, *machine == kX8664 || *machine == kAarch64, false}};
+}
+
 struct MachineName {
   LibraryFormat format;
   std::uint32_t machine;
@@ -80,15 +95,17 @@ struct MachineName {
 };
 
 constexpr MachineName kMachineNames[] = {
-    {LibraryFormat::kElf, 2, "sparc"},      {LibraryFormat::kElf, 3, "i386"},
-    {LibraryFormat::kElf, 8, "mips"},       {LibraryFormat::kElf, 20, "powerpc"},
-    {LibraryFormat::kElf, 21, "powerpc64"}, {LibraryFormat::kElf, 22, "s390"},
-    {LibraryFormat::kElf, 40, "arm"},       {LibraryFormat::kElf, 43, "sparc64"},
-    {LibraryFormat::kElf, 62, "x86-64"},    {LibraryFormat::kElf, 183, "aarch64"},
-    {LibraryFormat::kElf, 243, "riscv"},    {LibraryFormat::kElf, 258, "loongarch"},
-    {LibraryFormat::kMachO, 7, "i386"},     {LibraryFormat::kMachO, 0x01000007, "x86-64"},
-    {LibraryFormat::kMachO, 12, "arm"},     {LibraryFormat::kMachO, 0x0100000C, "aarch64"},
-    {LibraryFormat::kMachO, 18, "powerpc"}, {LibraryFormat::kMachO, 0x01000012, "powerpc64"},
+    {LibraryFormat::kElf, 2, "sparc"},       {LibraryFormat::kElf, 3, "i386"},
+    {LibraryFormat::kElf, 8, "mips"},        {LibraryFormat::kElf, 20, "powerpc"},
+    {LibraryFormat::kElf, 21, "powerpc64"},  {LibraryFormat::kElf, 22, "s390"},
+    {LibraryFormat::kElf, 40, "arm"},        {LibraryFormat::kElf, 43, "sparc64"},
+    {LibraryFormat::kElf, 62, "x86-64"},     {LibraryFormat::kElf, 183, "aarch64"},
+    {LibraryFormat::kElf, 243, "riscv"},     {LibraryFormat::kElf, 258, "loongarch"},
+    {LibraryFormat::kMachO, 7, "i386"},      {LibraryFormat::kMachO, 0x01000007, "x86-64"},
+    {LibraryFormat::kMachO, 12, "arm"},      {LibraryFormat::kMachO, 0x0100000C, "aarch64"},
+    {LibraryFormat::kMachO, 18, "powerpc"},  {LibraryFormat::kMachO, 0x01000012, "powerpc64"},
+    {LibraryFormat::kPe, 0x014C, "i386"},    {LibraryFormat::kPe, 0x8664, "x86-64"},
+    {LibraryFormat::kPe, 0xAA64, "aarch64"},
 };
 
 std::string machineName(const LibraryTarget& target) {
@@ -98,11 +115,19 @@ std::string machineName(const LibraryTarget& target) {
   return found == std::end(kMachineNames) ? "machine " + std::to_string(target.machine) : found->name;
 }
 
+const char* formatName(LibraryFormat format) noexcept {
+  switch (format) {
+    case LibraryFormat::kElf: return "ELF";
+    case LibraryFormat::kMachO: return "Mach-O";
+    case LibraryFormat::kPe: return "Windows";
+  }
+  return "";
+}
+
 /// With what `other` has as well, if the name alone does not tell them apart.
 std::string nameBeside(const LibraryTarget& target, const LibraryTarget& other) {
   std::string name = machineName(target);
-  if (target.format != other.format)
-    return name + (target.format == LibraryFormat::kElf ? " (ELF)" : " (Mach-O)");
+  if (target.format != other.format) return name + " (" + formatName(target.format) + ")";
   if (name != machineName(other)) return name;
   return name + (target.is64Bit ? " (64 bits, " : " (32 bits, ") +
          (target.isBigEndian ? "big-endian)" : "little-endian)");
@@ -120,7 +145,7 @@ std::vector<LibraryTarget> targetsOf(std::span<const std::uint8_t> start) {
     case kMachO64Swapped: return thinTarget(header, false);
     case kUniversal32: return universalTargets(header, 20);
     case kUniversal64: return universalTargets(header, 32);
-    default: return {};
+    default: return peTarget(header);
   }
 }
 

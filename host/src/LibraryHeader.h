@@ -9,12 +9,12 @@
 
 namespace mirel {
 
-enum class LibraryFormat { kElf, kMachO };
+enum class LibraryFormat { kElf, kMachO, kPe };
 
 /// What a shared library or a program was built for.
 struct LibraryTarget {
   LibraryFormat format;
-  std::uint32_t machine = 0;  ///< e_machine of ELF, or the cputype of Mach-O
+  std::uint32_t machine = 0;  ///< e_machine of ELF, the cputype of Mach-O, or the Machine of PE
   bool is64Bit = false;
   bool isBigEndian = false;
 
@@ -25,7 +25,8 @@ struct LibraryTarget {
 inline constexpr std::size_t kLibraryHeaderSize = 1024;
 
 /// What the file with these first bytes was built for: one target of an ELF file (System V ABI, chapter 4) or
-/// a Mach-O file, all of a universal one. Empty when the bytes do not tell; also when they end too early.
+/// a Mach-O file or a PE file of Windows, all of a universal one. Empty when the bytes do not tell; also when
+/// they end too early.
 [[nodiscard]] std::vector<LibraryTarget> targetsOf(std::span<const std::uint8_t> start);
 
 /// The names of their processors, such as "x86-64 and aarch64"; empty where there are none.

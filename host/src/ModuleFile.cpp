@@ -78,10 +78,13 @@ const char* kindOf(mode_t mode) noexcept {
   return "it is a device";
 }
 
-/// As many bytes as can be had from the start of the file, at most what is looked at.
-std::vector<std::uint8_t> startOf(const std::string& file) {
+/// As many bytes as can be had from the start of the file, at most what is looked at. `outError`: an errno
+/// where the file cannot be opened; else untouched.
+std::vector<std::uint8_t> startOf(const std::string& file, int& outError) {
   std::vector<std::uint8_t> start(kLibraryHeaderSize);
+  errno = 0;
   std::ifstream in{file, std::ios::binary};
+  if (!in.is_open()) outError = errno != 0 ? errno : EIO;
   in.read(reinterpret_cast<char*>(start.data()), static_cast<std::streamsize>(start.size()));
   start.resize(static_cast<std::size_t>(in.gcount()));
   return start;
@@ -110,8 +113,10 @@ std::optional<ModuleFacts> foundFacts(const PlatformServices& services, const Mo
     facts.noFile = kindOf(status.st_mode);
     return facts;
   }
-  const std::vector<std::uint8_t> start = startOf(facts.path);
+  const std::vector<std::uint8_t> start = startOf(facts.path, facts.error);
+  if (facts.error != 0) return facts;
   facts.target = namesOf(targetsOf(start));
+  if (facts.target.empty()) facts.noFile = start.empty() ? "it is empty" : "it is no library";
   if (const auto fits = checkTarget(start, ownImageStart()); !fits) facts.otherTarget = fits.failure();
   return facts;
 }
@@ -138,6 +143,9 @@ Result<void> chooseModule(PlatformServices& services, const ModuleChoice& choice
   if (!facts->noFile.empty())
     return refusal(name, facts->noFile,
                    choice.path ? UserStep::kCheckModulePath : UserStep::kInstallOrNameModule);
+  if (facts->error != 0)
+    return refusal(name, std::string{"it cannot be read: "} + std::strerror(facts->error),
+                   "get the right to read the file from whoever installed it");
   if (facts->exposure && !choice.trusted)
     return refusal(name, *facts->exposure, UserStep::kRestrictOrTrustModule);
   if (facts->otherTarget) return refusal(name, facts->otherTarget->why, facts->otherTarget->advice);

@@ -229,7 +229,7 @@ TEST_F(Watching, EndsWithAModuleThatCannotBeLoadedAndSaysNothingElse) {
   const Result result = run(call);
   EXPECT_EQ(result.exitCode, 3);
   EXPECT_EQ(Json::parse(result.out)["error"]["id"], "module-not-loadable");
-  EXPECT_THAT(result.err, MatchesRegex("mireltoken: [^\n]+ cannot be loaded: [^\n]+\n"));
+  EXPECT_THAT(result.err, MatchesRegex("mireltoken: [^\n]+ is not loaded: [^\n]+\n"));
 }
 
 TEST_F(Watching, EndsWhenNobodyReadsItsOutputAnyMore) {

@@ -5,6 +5,7 @@
 #include <fstream>
 
 #include "host/HostTest.h"
+#include "platform/DynamicLoader.h"
 #include "support/FakeCardService.h"
 #include "support/TemporaryFolder.h"
 
@@ -82,6 +83,9 @@ TEST_F(Doctor, TellsWhatIsWrongWithTheFileOfTheModuleAndSkipsTheRest) {
   std::ofstream{other, std::ios::binary}
       << std::string{"\x7F" "ELF\x02\x01\x01", 7} + std::string(9, '\0') + std::string{"\x03\0\xB7\0", 4} +
              std::string(64, '\0');
+  const std::string cut = folder.path() / "cut.so";
+  const auto image = ownImageStart();
+  std::ofstream{cut, std::ios::binary} << std::string{image.begin(), image.end()};
   const struct {
     std::string path;
     const char* code;
@@ -90,7 +94,8 @@ TEST_F(Doctor, TellsWhatIsWrongWithTheFileOfTheModuleAndSkipsTheRest) {
   } rows[] = {{folder.path() / "none.so", "MT-M01", "module file", "No such file or directory"},
               {folder.path(), "MT-M05", "module file", "it is a folder"},
               {other, "MT-M02", "module's system", "the module is for aarch64"},
-              {kNotALibrary, "MT-M04", "module loads", "not_a_library"},
+              {kNotALibrary, "MT-M05", "module file", "it is no library"},
+              {cut, "MT-M04", "module loads", "cut.so"},
               {kModuleWithoutEntry, "MT-M05", "module loads", "C_GetFunctionList"},
               {kModuleEntryFails, "MT-M05", "module loads", "CKR_GENERAL_ERROR"},
               {kModuleNullList, "MT-M05", "module loads", "no function list"}};

@@ -55,6 +55,17 @@ Header universal(const std::vector<std::uint32_t>& cpuTypes, bool is64Bit = fals
   return header;
 }
 
+/// A file of Windows up to its processor.
+Header pe(std::uint32_t machine) {
+  Header header{'M', 'Z'};
+  header.resize(0x3C);
+  append(header, 0x80, 4, false);
+  header.resize(0x80);
+  header.insert(header.end(), {'P', 'E', 0, 0});
+  append(header, machine, 2, false);
+  return header;
+}
+
 TEST(LibraryHeader, TellsWhatAFileIsFor) {
   const std::pair<Header, LibraryTarget> rows[] = {
       {elf(kX8664), {LibraryFormat::kElf, kX8664, true, false}},
@@ -63,6 +74,8 @@ TEST(LibraryHeader, TellsWhatAFileIsFor) {
       {machO(0xFEEDFACF, kMachAarch64), {LibraryFormat::kMachO, kMachAarch64, true, false}},
       {machO(0xFEEDFACE, 7), {LibraryFormat::kMachO, 7, false, false}},
       {machO(0xFEEDFACE, 18, true), {LibraryFormat::kMachO, 18, false, true}},
+      {pe(0x8664), {LibraryFormat::kPe, 0x8664, true, false}},
+      {pe(0x014C), {LibraryFormat::kPe, 0x014C, false, false}},
   };
   for (const auto& [header, target] : rows) EXPECT_THAT(targetsOf(header), ElementsAre(target));
   for (const bool is64Bit : {false, true}) {
@@ -73,7 +86,7 @@ TEST(LibraryHeader, TellsWhatAFileIsFor) {
 }
 
 TEST(LibraryHeader, TellsNothingWhenItEndsTooEarly) {
-  for (const Header& whole : {elf(kX8664), machO(0xFEEDFACF, kMachAarch64)}) {
+  for (const Header& whole : {elf(kX8664), machO(0xFEEDFACF, kMachAarch64), pe(0x8664)}) {
     for (std::size_t size = 0; size < whole.size(); ++size) {
       SCOPED_TRACE(size);
       EXPECT_THAT(targetsOf(std::span{whole}.first(size)), IsEmpty());
@@ -122,6 +135,7 @@ TEST(LibraryTargets, AreNamedWhenNoneFits) {
       {elf(9999), elf(kX8664), "the module is for machine 9999, this program is x86-64"},
       {machO(0xFEEDFACF, kMachAarch64), elf(kX8664),
        "the module is for aarch64 (Mach-O), this program is x86-64 (ELF)"},
+      {pe(0x8664), elf(kX8664), "the module is for x86-64 (Windows), this program is x86-64 (ELF)"},
       {machO(0xFEEDFACF, kMachX8664), machO(0xFEEDFACF, kMachAarch64),
        "the module is for x86-64, this program is aarch64"},
       {universal({7, kMachX8664}), machO(0xFEEDFACF, kMachAarch64),

@@ -9,6 +9,7 @@
 #include <fstream>
 
 #include "host/HostTest.h"
+#include "platform/DynamicLoader.h"
 #include "support/TemporaryFolder.h"
 
 namespace mirel::test {
@@ -30,6 +31,28 @@ class ScopedWorkingFolder {
 
  private:
   fs::path old_;
+};
+
+std::string startOfOwnProgram() {
+  const auto start = ownImageStart();
+  return {start.begin(), start.end()};
+}
+
+/// Without the rights of an administrator for a while.
+class ScopedPlainUser {
+ public:
+  ScopedPlainUser() {
+    if (old_ == 0) changed_ = seteuid(65534) == 0;
+  }
+  ScopedPlainUser(const ScopedPlainUser&) = delete;
+  ScopedPlainUser& operator=(const ScopedPlainUser&) = delete;
+  ~ScopedPlainUser() {
+    if (changed_) (void)seteuid(old_);
+  }
+
+ private:
+  uid_t old_ = geteuid();
+  bool changed_ = false;
 };
 
 /// With the scripted module in a user's home, and a folder for other modules.
@@ -113,7 +136,7 @@ TEST_F(ModuleFile, LeavesOtherFilesToTheLoader) {
 
 TEST_F(ModuleFile, IsNamedInTheLoadersTextAsTheUserNamedIt) {
   const ScopedWorkingFolder inFolder{folder.path()};
-  std::ofstream{"my module.so"} << "no library";
+  std::ofstream{"my module.so", std::ios::binary} << startOfOwnProgram();  // too short for the loader
   // The last name holds the path by which the loader opens the file.
   for (const std::string& name : {std::string{"my module.so"}, std::string{"././my module.so"},
                                   "/" + (fs::canonical(folder.path()) / "my module.so").string()}) {
@@ -225,6 +248,31 @@ TEST_F(ModuleFile, InTheHomeIsRefusedWhenItIsNoRegularFile) {
   EXPECT_THAT(failure.what, HasSubstr(otherHome.modulePath()));
   EXPECT_EQ(failure.why, "it is a device");
   EXPECT_EQ(failure.advice, UserStep::kInstallOrNameModule);
+}
+
+TEST_F(ModuleFile, ThatIsNoLibraryIsRefused) {
+  const std::pair<const char*, const char*> kRows[] = {{"", "it is empty"},
+                                                       {"#!/bin/sh\n", "it is no library"}};
+  const std::string path = (folder.path() / "module.so").string();
+  for (const auto& [content, why] : kRows) {
+    std::ofstream{path, std::ios::binary | std::ios::trunc} << content;
+    const Failure failure = refusalOf(path);
+    EXPECT_EQ(failure.kind, FailureKind::kModuleNotLoadable);
+    EXPECT_EQ(failure.why, why);
+    EXPECT_EQ(failure.advice, UserStep::kCheckModulePath);
+  }
+}
+
+TEST_F(ModuleFile, ThatCannotBeReadIsRefusedForThatReason) {
+  const std::string path = (folder.path() / "module.so").string();
+  fs::copy_file(kScriptedModule, path);
+  ASSERT_EQ(chmod(folder.path().c_str(), 0755), 0);
+  ASSERT_EQ(chmod(path.c_str(), 0), 0);
+  const ScopedPlainUser plain;
+  const Failure failure = refusalOf(path);
+  EXPECT_EQ(failure.kind, FailureKind::kModuleNotLoadable);
+  EXPECT_EQ(failure.why, "it cannot be read: Permission denied");
+  EXPECT_THAT(failure.advice.words(), HasSubstr("right to read"));
 }
 
 }  // namespace
