@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "Adaptation.h"
+#include "RsaEncoding.h"
 #include "bridge/CardRules.h"
 #include "host/Display.h"
 #include "provider/CryptTKitSProvider.h"
@@ -37,9 +38,23 @@ std::optional<Finding> reasonNeverTo(KeyOperation operation, const PublishedKey&
   return std::nullopt;
 }
 
+int leastKeySizeFor(SecKeyAlgorithm algorithm) {
+  constexpr std::size_t kOtherBytesOfPkcs1 = 11;
+  for (auto step = nextStep(algorithm); step; step = nextStep(step->to)) {
+    const std::size_t hashSize = factsOf(step->hash).size;
+    // The encoded message of PSS has one bit less than the modulus.
+    if (step->kind == AdaptationKind::kEncodePSS) return static_cast<int>(8 * (2 * hashSize + 1) + 2);
+    if (step->kind != AdaptationKind::kDigestInfo) continue;
+    const std::size_t size = digestInfo(step->hash, ByteVector(hashSize)).size() + kOtherBytesOfPkcs1;
+    return static_cast<int>(8 * (size - 1) + 1);
+  }
+  return 0;
+}
+
 bool mayWork(const PublishedKey& key, SecKeyAlgorithm algorithm) {
   const KeyOperation operation = keyOperationOf(operationOf(algorithm));
   if (!isRsaAlgorithm(algorithm) || reasonNeverTo(operation, key)) return false;
+  if (key.keySizeInBits < leastKeySizeFor(algorithm)) return false;
   if (operation == KeyOperation::kSign) return key.canSign;
   return key.canDecrypt && algorithm == SecKeyAlgorithm::kSecKeyAlgorithmRSAEncryptionPKCS1;
 }

@@ -107,6 +107,12 @@ Result<SecKeyAlgorithm> KeyClient::formFor(const PublishedKey& key, SecKeyAlgori
         std::string{"the token accepts it, but the key is "} + (isRsaKey ? "an RSA key" : "no RSA key"),
         kAskFittingAlgorithm};
   }
+  if (const int least = leastKeySizeFor(algorithm); key.keySizeInBits < least) {
+    return Failure{FailureKind::kNotSupported, what,
+                   "the key is too short for this hash: it has " + std::to_string(key.keySizeInBits) +
+                       " bits, and " + std::to_string(least) + " are needed",
+                   UserStep::kSeeAlgorithms};
+  }
   return *form;
 }
 

@@ -58,6 +58,31 @@ TEST_F(KeyAbility, RefusesToSignInTheWordsOfTheFinding) {
   EXPECT_EQ(pins.timesAsked(), 0U);
 }
 
+TEST(KeySize, DecidesWhichHashesWork) {
+  const struct {
+    SecKeyAlgorithm algorithm;
+    int least;
+  } rows[] = {{kSecKeyAlgorithmRSASignatureMessagePSSSHA1, 330},
+              {kSecKeyAlgorithmRSASignatureMessagePSSSHA256, 522},
+              {kSecKeyAlgorithmRSASignatureMessagePSSSHA512, 1034},
+              {kSecKeyAlgorithmRSASignatureDigestPSSSHA512, 1034},
+              {kSecKeyAlgorithmRSASignatureMessagePKCS1v15SHA256, 489},
+              {kSecKeyAlgorithmRSASignatureDigestPKCS1v15SHA512, 745}};
+  PublishedKey key;
+  key.keyType = CertificateKeyType::kRSA;
+  key.canSign = true;
+  for (const auto& [algorithm, least] : rows) {
+    SCOPED_TRACE(std::string{nameOf(algorithm)});
+    EXPECT_EQ(leastKeySizeFor(algorithm), least);
+    key.keySizeInBits = least;
+    EXPECT_TRUE(mayWork(key, algorithm));
+    key.keySizeInBits = least - 1;
+    EXPECT_FALSE(mayWork(key, algorithm));
+  }
+  key.keySizeInBits = 512;
+  EXPECT_TRUE(mayWork(key, kSecKeyAlgorithmRSASignatureRaw));
+}
+
 TEST_F(KeyAbility, TellsThatTheKeychainFindsAnotherKeyWithThatID) {
   addKey("01", "First", kForDecrypting);
   addCertificate("01", "Second", kForSigning);

@@ -191,8 +191,8 @@ TEST_F(Sign, TellsWhichSizeIsWanted) {
 TEST_F(Sign, RefusesAnEncodingThatTheKeyIsTooShortFor) {
   // 1024 bits have no room for a digest and a salt of 64 bytes each.
   const Failure failure = signFailure(kSecKeyAlgorithmRSASignatureMessagePSSSHA512, kMessage);
-  EXPECT_EQ(failure.kind, FailureKind::kBadInput);
-  EXPECT_EQ(failure.why, "the key has too few bits for them");
+  EXPECT_EQ(failure.kind, FailureKind::kNotSupported);
+  EXPECT_EQ(failure.why, "the key is too short for this hash: it has 1024 bits, and 1034 are needed");
   EXPECT_EQ(pins.timesAsked(), 0U);
 }
 
