@@ -58,6 +58,40 @@ Failure becauseOfSharedID(const PublishedKey& key, const std::string& what) {
           entry.remedy.data()};  // a literal
 }
 
+/// What the token made of the certificate's key usage; empty where it does none of it.
+const char* onlyUseOf(const PublishedKey& key) noexcept {
+  if (key.canSign) return "only signs";
+  if (key.canDecrypt) return "only decrypts";
+  return key.canPerformKeyExchange ? "only exchanges keys" : "";
+}
+
+bool isPublishedFor(TKTokenOperation operation, const PublishedKey& key) noexcept {
+  switch (operation) {
+    case TKTokenOperation::kSignData: return key.canSign;
+    case TKTokenOperation::kDecryptData: return key.canDecrypt;
+    default: return key.canPerformKeyExchange;
+  }
+}
+
+Failure becauseOfKeyUsage(const InsertedCard& card, const PublishedKey& key, const std::string& what) {
+  const std::string use = onlyUseOf(key);
+  if (use.empty()) {
+    const FindingEntry& entry = entryOf(FindingID::kKeyUsageMissing);
+    return {FailureKind::kNotSupported, what,
+            std::string{entry.title} + " (" + std::string{entry.code} + "): " + std::string{entry.why},
+            entry.remedy.data()};  // a literal
+  }
+  std::string usage;
+  for (const PublishedItem& item : card.items) {
+    const auto* certificate = std::get_if<PublishedCertificate>(&item);
+    if (!certificate || !(certificate->objectID == key.certificateID)) continue;
+    for (const std::string& name : certificate->keyUsage) usage += (usage.empty() ? "" : ", ") + name;
+    break;
+  }
+  return {FailureKind::kNotSupported, what,
+          "by the key usage of its certificate (" + usage + ") the key " + use, UserStep::kSeeKeys};
+}
+
 }  // namespace
 
 KeyClient::KeyClient(InsertedCard card, std::shared_ptr<HostTokenSession> session,
@@ -91,6 +125,7 @@ Result<SecKeyAlgorithm> KeyClient::formFor(const PublishedKey& key, SecKeyAlgori
   const auto form = acceptedForm(key, algorithm);
   if (!form) {
     if (sharesItsID(card_, key)) return becauseOfSharedID(key, what);
+    if (!isPublishedFor(operation, key)) return becauseOfKeyUsage(card_, key, what);
     return Failure{FailureKind::kNotSupported, what, "the token accepts no form of it",
                    UserStep::kSeeAlgorithms};
   }

@@ -95,7 +95,7 @@ TEST_F(Decryption, IsRefusedWhereTheKeyOrTheAlgorithmDoesNot) {
        10,
        {"the key 736967 does not decrypt with kSecKeyAlgorithmRSAEncryptionPKCS1"}},
       // The first usage that matches decides, and that is the one for signing.
-      {decryptBy("RSAEncryptionPKCS1", "both"), 10, {"the token accepts no form of it"}},
+      {decryptBy("RSAEncryptionPKCS1", "both"), 10, {"keyEncipherment) the key only signs"}},
   });
   expectSigned(runWithPin("sign --key both --out " + path("signature"), kPlain));
 }

@@ -114,8 +114,9 @@ TEST_F(NotSupported, IsSigningThatTheKeyOrTheTokenDoesNot) {
       {u"03", "ECDSASignatureMessageX962SHA224"},
       {u"03", "ECDSASignatureRFC4754"},
       // Keys that do not sign.
-      {u"02", "RSASignatureRaw"},
-      {u"04", "ECDSASignatureDigestX962SHA256"},
+      {u"02", "RSASignatureRaw",
+       "by the key usage of its certificate (keyEncipherment) the key only decrypts"},
+      {u"04", "ECDSASignatureDigestX962SHA256", "(keyAgreement) the key only exchanges keys"},
       {u"01", "RSAEncryptionRaw", "that algorithm is there to decrypt"},
       {u"04", "ECDHKeyExchangeStandard", "that algorithm is there to exchange keys"},
       {u"03", "RSASignatureRaw", "the key is no RSA key"},
@@ -138,12 +139,12 @@ TEST_F(NotSupported, IsDecryptingOrExchangingThatTheKeyOrTheTokenDoesNot) {
     const char* algorithm;
     const char* why;
   } rows[] = {
-      {true, u"01", "RSAEncryptionPKCS1", "the token accepts no form of it"},
+      {true, u"01", "RSAEncryptionPKCS1", "(digitalSignature) the key only signs"},
       {true, u"02", "RSASignatureRaw", "that algorithm is there to sign"},
       {true, u"02", "RSAEncryptionOAEPSHA256AESGCM", "is not done here"},
       {true, u"02", "RSAEncryptionOAEPSHA512AESGCM", "is not done here"},
       {true, u"04", "ECIESEncryptionStandardX963SHA256AESGCM", "is not done here"},
-      {false, u"03", "ECDHKeyExchangeStandard", "the token accepts no form of it"},
+      {false, u"03", "ECDHKeyExchangeStandard", "(digitalSignature) the key only signs"},
       {false, u"04", "ECDHKeyExchangeCofactor", "the token accepts no form of it"},
       {false, u"04", "RSAEncryptionRaw", "that algorithm is there to decrypt"},
       {false, u"04", "ECDHKeyExchangeStandardX963SHA256", "is not done here"},

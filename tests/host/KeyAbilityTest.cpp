@@ -93,6 +93,14 @@ TEST_F(KeyAbility, TellsThatTheKeychainFindsAnotherKeyWithThatID) {
   EXPECT_EQ(pins.timesAsked(), 0U);
 }
 
+TEST_F(KeyAbility, TellsThatACertificateAllowsItsKeyNoUse) {
+  addKey("01", "MyKey", 1U << 5U);  // keyCertSign
+  const Failure failure = signFailure(0, kSecKeyAlgorithmRSASignatureMessagePSSSHA256);
+  EXPECT_EQ(failure.kind, FailureKind::kNotSupported);
+  EXPECT_THAT(failure.why, HasSubstr("a certificate allows its key no use (MT-C15)"));
+  EXPECT_EQ(failure.advice.words(), entryOf(FindingID::kKeyUsageMissing).remedy);
+}
+
 TEST_F(KeyAbility, ExplainsASignatureThatDoesNotVerify) {
   const struct {
     const char* name;
