@@ -11,6 +11,7 @@
 #include "PinEntry.h"
 #include "Session.h"
 #include "Version.h"
+#include "host/Display.h"
 #include "platform/TimeAndChance.h"
 
 namespace mirel::cli {
@@ -60,11 +61,22 @@ std::string textOf(const Conformance& conformance) {
   text += "\n" + std::to_string(conformance.results.size()) + " rules: " + count(RuleVerdict::kPass) +
           " pass, " + count(RuleVerdict::kFail) + " fail, " + count(RuleVerdict::kWarn) + " warn, " +
           count(RuleVerdict::kUnknown) + " not known, " + count(RuleVerdict::kSkip) + " skipped.\n";
+  if (const auto& card = conformance.card) {
+    text += "Tested: the card \"" + displayed(card->tokenLabel) + "\", serial number " +
+            displayed(card->serialNumber) + ", in the reader \"" + displayed(card->name) + "\".\n";
+  }
   return text.append("Grade ")
       .append(conformance.grade.letter)
       .append(": ")
       .append(conformance.grade.sentence)
       .append(".\n");
+}
+
+Json cardJson(const std::optional<Reader>& card) {
+  if (!card) return nullptr;
+  return Json{{"reader", card->name.toUtf8()},
+              {"label", card->tokenLabel.toUtf8()},
+              {"serialNumber", card->serialNumber.toUtf8()}};
 }
 
 std::string jsonText(const Conformance& conformance) {
@@ -79,6 +91,7 @@ std::string jsonText(const Conformance& conformance) {
   return jsonLines("conformance", Json{{"verdict", verdictName(conformance.verdict())},
                                        {"grade", conformance.grade.letter},
                                        {"sentence", conformance.grade.sentence},
+                                       {"card", cardJson(conformance.card)},
                                        {"rules", rules}});
 }
 

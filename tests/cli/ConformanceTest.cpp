@@ -26,6 +26,7 @@ TEST_F(ConformanceCommand, TestsEachRuleAndSaysWhatUsersCanDo) {
   EXPECT_THAT(result.out, HasSubstr("\nwarn  CR-46  "));
   EXPECT_THAT(result.out,
               ContainsRegex("\n\n52 rules: [0-9]+ pass, 0 fail, 1 warn, 0 not known, [0-9]+ skip"));
+  EXPECT_THAT(result.out, HasSubstr("\nTested: the card \"Card\", serial number "));
   EXPECT_THAT(result.out,
               EndsWith("\nGrade B: TLS 1.3 login and S/MIME decryption; no PKCS #1 v1.5 signatures.\n"));
   EXPECT_EQ(result.exitCode, 19);
@@ -45,6 +46,8 @@ TEST_F(ConformanceCommand, NeedsNoPinAndAsksForNone) {
   const Result result = run(staged("conformance --json"));
   const Json json = Json::parse(result.out);
   EXPECT_EQ(json["grade"], "-");
+  EXPECT_EQ(json["card"]["label"], "Card");
+  EXPECT_EQ(json["card"]["reader"], readerOf("Card"));
   EXPECT_EQ(verdictsIn(json).at("CR-33"), "skipped");
   EXPECT_EQ(verdictsIn(json).at("CR-14"), "pass");
   EXPECT_EQ(stagedCallsOf("C_Login"), 0);

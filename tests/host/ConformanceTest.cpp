@@ -120,6 +120,24 @@ TEST_F(ConformanceTest, PassesAGoodCardByEachRuleThatCanBeTested) {
   EXPECT_EQ(given->timesAsked(), 1U);
 }
 
+TEST_F(ConformanceTest, TellsWhichCardWasTested) {
+  const Conformance found = tested(false);
+  ASSERT_TRUE(found.card);
+  EXPECT_EQ(found.card->name, Text{u"Reader A 00"});
+  EXPECT_EQ(found.card->tokenLabel, Text{u"TESTCARD"});
+}
+
+TEST_F(ConformanceTest, NamesEachObjectThatLacksAnAttribute) {
+  value(kPublic1, CKA_LABEL) = {};
+  value(kCertificate1, CKA_ID) = {};
+  const Conformance found = tested(false);
+  const auto broken = std::find_if(found.results.begin(), found.results.end(), [](const RuleResult& result) {
+    return result.evidence.find("lacks") != std::string::npos;
+  });
+  ASSERT_NE(broken, found.results.end());
+  EXPECT_EQ(broken->evidence, "public key number 1 lacks CKA_LABEL; certificate number 1 lacks CKA_ID");
+}
+
 TEST_F(ConformanceTest, SendsNoPinWithoutBeingAskedTo) {
   const Conformance found = tested(false);
   EXPECT_EQ(script.countOf("C_Login"), 0U);

@@ -56,6 +56,7 @@ struct Grade {
 struct Conformance {
   std::vector<RuleResult> results;  ///< of every rule, in the order of their numbers
   Grade grade;
+  std::optional<Reader> card{};  ///< the one that was tested; nothing: there was none
 
   /// kFail where a rule failed; kWarn where one warns or could not be told; else kPass.
   [[nodiscard]] RuleVerdict verdict() const;

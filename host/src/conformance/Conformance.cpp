@@ -36,13 +36,14 @@ void tellFailedInsertion(const Failure& failure, RuleResults& results) {
 }
 
 void testCard(Host& host, const P11Bridge& bridge, const Examination& wanted, RuleResults& results,
-              CardAbilities& abilities) {
+              CardAbilities& abilities, std::optional<Reader>& outCard) {
   bool isOnly = false;
   const auto reader = chosenReader(host, wanted.reader, isOnly);
   if (!reader) {
     results.fail(kNumTokens, reader.failure().what + ": " + reader.failure().why);
     return results.skipRest("there is no card");
   }
+  outCard = *reader;
   testSlotOfCard(bridge, reader->slotID, results);
   testObjects(bridge, reader->slotID, results);
   const auto card = host.insert(wanted.reader);
@@ -52,6 +53,7 @@ void testCard(Host& host, const P11Bridge& bridge, const Examination& wanted, Ru
     tellFailedInsertion(card.failure(), results);
     return results.skipRest("nothing is published");
   }
+  outCard = card->reader;
   abilities.published = !card->items.empty();
   CardReport report = host.examine(*card);
   const auto pins = wanted.pins && isOnly ? wanted.pins(host, card->reader) : nullptr;
@@ -80,15 +82,16 @@ Conformance testConformance(PlatformServices services, const Examination& wanted
   RuleResults results;
   CardAbilities abilities;
   results.skip(kRemoval, "nobody takes the card out during the test: do that by hand");
+  std::optional<Reader> card;
   std::string reason;
   if (const auto bridge = testModule(services, wanted.module, results, reason)) {
     Host host{services, wanted.module.path.value_or(std::string{})};
-    testCard(host, *bridge, wanted, results, abilities);
+    testCard(host, *bridge, wanted, results, abilities, card);
   } else if (reason != "there is no card") {
     abilities.published = false;
   }
   results.skipRest(reason);
-  return {std::move(results).taken(), gradeOf(abilities)};
+  return {std::move(results).taken(), gradeOf(abilities), std::move(card)};
 }
 
 }  // namespace mirel

@@ -18,6 +18,7 @@ using ByteVector = std::vector<CK_BYTE>;
 
 constexpr CK_ULONG kNoLimit = CK_UNAVAILABLE_INFORMATION - 1;
 constexpr CK_ULONG kLongestRead = 4096;  // bytes
+constexpr std::size_t kMostToldFaults = 5;
 
 /// A length that the rules know.
 struct LengthRule {
@@ -45,19 +46,21 @@ constexpr LengthRule kLengths[] = {
     {kParamsLen, CKO_PUBLIC_KEY, CKA_EC_PARAMS, "CKA_EC_PARAMS", kNoLimit, CKK_EC},
 };
 
-/// Gathers what objects say about one rule. The first fault is told, else the first that was not read.
+/// Gathers what objects say about one rule. The first faults are told, else the first that was not read.
 class Gathered {
  public:
   void good() { ++numGood_; }
-  void fault(std::string text) {
-    if (fault_.empty()) fault_ = std::move(text);
+  void fault(const std::string& text) {
+    if (++numFaults_ <= kMostToldFaults) faults_ += (faults_.empty() ? "" : "; ") + text;
   }
   void unread(std::string text) {
     if (unread_.empty()) unread_ = std::move(text);
   }
 
   void tell(RuleID rule, const char* noun, RuleResults& results) const {
-    if (!fault_.empty()) return results.fail(rule, fault_);
+    if (numFaults_ > kMostToldFaults)
+      return results.fail(rule, faults_ + "; and " + std::to_string(numFaults_ - kMostToldFaults) + " more");
+    if (numFaults_ > 0) return results.fail(rule, faults_);
     if (!unread_.empty()) return results.unknown(rule, unread_);
     if (numGood_ == 0) return results.skip(rule, std::string{"there is no such "} + noun);
     results.pass(rule, std::to_string(numGood_) + " " + noun + (numGood_ == 1 ? "" : "s") + " looked at");
@@ -65,7 +68,8 @@ class Gathered {
 
  private:
   std::size_t numGood_ = 0;
-  std::string fault_;
+  std::size_t numFaults_ = 0;
+  std::string faults_;
   std::string unread_;
 };
 
@@ -144,6 +148,16 @@ std::string nameOf(CK_OBJECT_CLASS objectClass, std::size_t index) {
          std::to_string(index + 1);
 }
 
+/// Of those that each object needs.
+const char* attributeName(CK_ATTRIBUTE_TYPE type) noexcept {
+  switch (type) {
+    case CKA_LABEL: return "CKA_LABEL";
+    case CKA_ID: return "CKA_ID";
+    case CKA_VALUE: return "CKA_VALUE";
+    default: return "CKA_KEY_TYPE";
+  }
+}
+
 std::string attributeAnswer(CK_RV rv) { return answerText({"C_GetAttributeValue", rv}); }
 
 /// The rules about the objects of one class.
@@ -198,7 +212,7 @@ class ObjectTest {
         continue;
       }
       if (size.length == 0) {
-        gathered_[kAttributes].fault(subject.name + " lacks attribute " + std::to_string(type));
+        gathered_[kAttributes].fault(subject.name + " lacks " + attributeName(type));
         continue;
       }
       gathered_[kAttributes].good();
