@@ -290,6 +290,17 @@ void CardFindings::addLonelyPrivateKeys() {
     add({kCardEmpty, kFailure, "", std::string{"no certificate and no key "} + when});
 }
 
+void CardFindings::addNothingPublished() {
+  if (!contents_.failedRead.empty()) return;
+  const bool isTold = std::any_of(located_.begin(), located_.end(), [](const Located& located) {
+    return located.finding.severity == kFailure && entryOf(located.finding.id).code.starts_with("MT-C");
+  });
+  if (isTold) return;
+  add({kNothingPublished, kFailure, "",
+       countText(contents_.certificates.size(), "certificate") + " and " +
+           countText(contents_.publicKeys.size(), "public key") + " show, and none of them is published"});
+}
+
 /// Whether objects of that ID belong to different keys, as far as they were read.
 bool CardFindings::hasSeveralKeys(const Text& id) const {
   std::optional<KeyValue> first;

@@ -23,6 +23,8 @@ class CardFindings {
   void addValidity(std::chrono::system_clock::time_point now);
   void addWhatIsNotRead();
   void addLonelyPrivateKeys();
+  /// Of a card without items in the keychain, where nothing that was added before says why.
+  void addNothingPublished();
 
   /// About the published keys, and what they work for.
   void addKeys(const std::vector<PublishedKey>& keys, CardReport& report);

@@ -136,6 +136,9 @@ constexpr FindingEntry kEntries[] = {
     {kTooManyObjects, "MT-C16", "the card has more objects than are listed",
      "only the first 160 public keys and the first 160 certificates are seen",
      "have the card's issuer remove what is not used", kIssuer},
+    {kNothingPublished, "MT-C17", "nothing of the card is published",
+     "a certificate is published only together with a public key of its own; those of issuers are not",
+     "have the card's issuer put a key pair and its certificate on the card", kIssuer},
     // What its keys can do.
     {kRsaKeyTooLong, "MT-K01", "the RSA key is too long to sign",
      "RSA keys above 2048 bits are published and never sign", "sign with an RSA key of 2048 bits", kIssuer},

@@ -271,6 +271,7 @@ CardReport Host::examine(const InsertedCard& card, bool afterLogin) {
   findings.addCertificatesOfOtherKeys();
   findings.addValidity(services_.timeAndChance->date());
   findings.addKeys(keysOf(card), report);
+  if (card.items.empty() && !card.incomplete) findings.addNothingPublished();
   findings.finish(report);
   return report;
 }

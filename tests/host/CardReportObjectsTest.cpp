@@ -121,6 +121,15 @@ TEST_F(CardReportObjects, ExpectsNoKeyForTheCertificateOfAnIssuer) {
   }
 }
 
+TEST_F(CardReportObjects, FailsWhereOnlyCertificatesOfIssuersAreThere) {
+  script.addObject(certificate(bytesOf("09"), bytesOf("Root"), authorityCertificate(kForCertificates)));
+  EXPECT_THAT(troubles(report()), ElementsAre("MT-C17"));
+  addPrivateKey("01", "MyKey");
+  EXPECT_EQ(theFinding(report(), kNothingPublished).evidence,
+            "1 certificate and 0 public keys show, and none of them is published");
+  EXPECT_THAT(troubles(reportAfterLogin()), ElementsAre("MT-C08"));
+}
+
 // ---- Objects that do not fit ----
 
 TEST_F(CardReportObjects, TellsACertificateOfAnotherKey) {

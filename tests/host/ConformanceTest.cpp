@@ -360,6 +360,14 @@ TEST_F(BrokenRules, NeverPassWhereACallOfTheModuleFails) {
   }
 }
 
+TEST_F(ConformanceTest, FailsACardOfWhichNothingIsPublished) {
+  script.card().objects.clear();
+  script.addObject(certificate(bytesOf("09"), bytesOf("Root"), authorityCertificate(kForCertificates)));
+  const Conformance found = tested(false);
+  EXPECT_EQ(found.grade.letter, "F");
+  EXPECT_THAT(numbersWith(RuleVerdict::kFail, found), ElementsAre("CR-12"));
+}
+
 // ---- Calls that fail ----
 
 TEST_F(ConformanceTest, TellsNothingMoreOfAModuleThatAnswersNoMore) {

@@ -67,6 +67,7 @@ enum class FindingID {
   kCertificateNotYetValid,
   kKeyUsageMissing,
   kTooManyObjects,
+  kNothingPublished,
   // What its keys can do.
   kRsaKeyTooLong,
   kEcKeyNeverSigns,

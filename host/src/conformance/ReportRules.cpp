@@ -24,7 +24,7 @@ void testReport(const ReportRules& rules, RuleResults& results) {
   using enum FindingID;
   const FindingRule kRules[] = {
       {kPublicObjects,
-       {kTokenNotInitialised, kCardEmpty, kPublicKeyPrivate, kCertificatePrivate},
+       {kTokenNotInitialised, kCardEmpty, kNothingPublished, kPublicKeyPrivate, kCertificatePrivate},
        Needs::kLogin,
        "nothing more shows after the login"},
       {kSameID, {kPublicKeyMissing, kCertificateMissing}, Needs::kPublished, "each key has its certificate"},
