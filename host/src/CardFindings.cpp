@@ -352,7 +352,7 @@ void CardFindings::addKey(const PublishedKey& key, bool isShadowed, KeyReport& r
     if (const auto never = reasonNeverTo(*operation, key)) {
       tell(never->id, never->severity, never->evidence);
     } else if (operation == KeyOperation::kSign) {
-      tell(kNoPkcs1Signatures, kUnknown, "only a module that pads by itself makes them; a trial tells");
+      tell(kPkcs1NotTried, kUnknown, "no signature was tried; only a module that pads by itself makes them");
     }
   }
 

@@ -166,6 +166,9 @@ constexpr FindingEntry kEntries[] = {
      kMaker},
     {kDecryptionFails, "MT-K09", "the key does not decrypt",
      "a trial text was not decrypted to what it was before", "ask the maker of the module", kMaker},
+    {kPkcs1NotTried, "MT-K10", "whether the key makes PKCS #1 v1.5 signatures is not known",
+     "TLS 1.2 with rsa_pkcs1, CMS (S/MIME) and most PDF signers ask for them, and only a trial tells",
+     "try the keys with: mireltoken doctor --login", kYou},
     // The PIN.
     {kPinLocked, "MT-P01", "the PIN is locked", "no key of the card can be used",
      "unlock the PIN with the PUK, or have the card's issuer unlock it", kIssuer},

@@ -53,18 +53,18 @@ const std::vector<Symptom>& symptoms() {
       {"The browser shows the certificate, and the connection fails",
        "With TLS 1.3 a browser asks for RSA-PSS, with TLS 1.2 often for PKCS #1 v1.5. Try the key with "
        "\"mireltoken doctor --login\".",
-       {kNoPkcs1Signatures, kRsaKeyTooLong, kEcKeyNeverSigns, kKeyNameWithPss, kSignatureFails,
-        kCertificateOfOtherKey, kCertificateExpired, kCertificateNotYetValid, kKeyUsageMissing,
-        kPrivateKeyMissing}},
+       {kNoPkcs1Signatures, kPkcs1NotTried, kRsaKeyTooLong, kEcKeyNeverSigns, kKeyNameWithPss,
+        kSignatureFails, kCertificateOfOtherKey, kCertificateExpired, kCertificateNotYetValid,
+        kKeyUsageMissing, kPrivateKeyMissing}},
       {"Mail is not signed or not decrypted",
        "Signed mail (S/MIME) mostly wants PKCS #1 v1.5; encrypted mail needs a key that decrypts. The "
        "certificate "
        "must name the sender's address.",
-       {kNoPkcs1Signatures, kSignatureFails, kDecryptionFails, kKeyUsageMissing, kCertificateExpired,
-        kIDShared}},
+       {kNoPkcs1Signatures, kPkcs1NotTried, kSignatureFails, kDecryptionFails, kKeyUsageMissing,
+        kCertificateExpired, kIDShared}},
       {"ssh says \"agent refused operation\"",
        "RSA keys sign by PKCS #1 v1.5 for ssh, which not every module does.",
-       {kNoPkcs1Signatures, kEcKeyNeverSigns, kRsaKeyTooLong, kModuleChangeableByOthers}},
+       {kNoPkcs1Signatures, kPkcs1NotTried, kEcKeyNeverSigns, kRsaKeyTooLong, kModuleChangeableByOthers}},
       {"The login window does not take the card",
        "The login window of a Mac wants a key that signs and another one that decrypts, and the card must be "
        "paired "

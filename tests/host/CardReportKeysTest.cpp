@@ -31,7 +31,7 @@ TEST_F(CardReportKeys, SayWhatAGoodKeyWorksFor) {
       "a trial");
   EXPECT_FALSE(signer.worksForNothing);
   ASSERT_EQ(signer.findings.size(), 1U);
-  EXPECT_EQ(signer.findings.front().id, kNoPkcs1Signatures);
+  EXPECT_EQ(signer.findings.front().id, kPkcs1NotTried);
   EXPECT_EQ(signer.findings.front().severity, Severity::kUnknown);
 
   clearCard();

@@ -78,6 +78,7 @@ enum class FindingID {
   kKeyIDTooLong,
   kSignatureFails,
   kDecryptionFails,
+  kPkcs1NotTried,
   // The PIN.
   kPinLocked,
   kPinLastTry,

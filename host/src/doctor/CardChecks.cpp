@@ -69,8 +69,7 @@ std::string textOf(const std::vector<KeyReport>& keys) {
 std::vector<Finding> keyFindings(const CardReport& report, bool withTrials) {
   std::vector<Finding> findings = findingsOf('K', report);
   std::erase_if(findings, [withTrials](const Finding& finding) {
-    const bool byTrial = finding.id == kNoPkcs1Signatures && finding.severity == Severity::kUnknown;
-    return finding.severity == Severity::kOk || (withTrials && byTrial);
+    return finding.severity == Severity::kOk || (withTrials && finding.id == kPkcs1NotTried);
   });
   return findings;
 }
