@@ -178,13 +178,14 @@ bool CardFindings::has(FindingID finding, const Text& id) const {
 
 void CardFindings::addUnpublished(const std::vector<UnpublishedObject>& objects) {
   for (const UnpublishedObject& object : objects) {
+    if (object.expected) continue;  // nobody has to do anything about it
     std::string evidence = object.reason;
     if (object.cause == kCertificateMissing && contents_.certificates.empty()) {
       evidence += "; there is no certificate at all, but " +
                   countText(contents_.publicKeys.size(), "public key") + " and " +
                   countText(contents_.privateKeys.size(), "private key");
     }
-    const Severity severity = object.cause == kObjectUnread ? kUnknown : object.expected ? kOk : kFailure;
+    const Severity severity = object.cause == kObjectUnread ? kUnknown : kFailure;
     add({object.cause, severity, subjectOf(object.kind, object.id, object.label), evidence}, object.id);
   }
 }

@@ -1,5 +1,5 @@
+#include "host/CardReportTest.h"
 #include "host/DoctorTest.h"
-#include "host/KeyClientTest.h"
 
 namespace mirel::test {
 namespace {
@@ -61,6 +61,13 @@ TEST_F(DoctorTrials, FindKeysThatDoNotWork) {
   EXPECT_THAT(codesOfCheck(found, "decryption"), ElementsAre("MT-K09"));
   EXPECT_THAT(findingIn(found, kSignatureFails).evidence, HasSubstr("C_Sign answered CKR_FUNCTION_FAILED"));
   EXPECT_EQ(found.verdict(), Severity::kFailure);
+}
+
+TEST_F(DoctorTrials, ComeWithACountOfTheCertificatesOfIssuersThatNeedNothing) {
+  script.addObject(certificate(bytesOf("09"), bytesOf("Root"), authorityCertificate(kForCertificates)));
+  const Check objects = checkIn(diagnosis(), "objects");
+  EXPECT_THAT(objects.evidence, HasSubstr("1 object not, of which 1 of an issuer, as it should be"));
+  EXPECT_THAT(codesOf(Diagnosis{{objects}}), ::testing::Not(::testing::Contains("MT-C06")));
 }
 
 TEST_F(DoctorTrials, FindAPlainTextThatIsAnotherOne) {

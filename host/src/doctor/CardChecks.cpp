@@ -75,10 +75,12 @@ std::vector<Finding> keyFindings(const CardReport& report, bool withTrials) {
 }
 
 void addReport(const CardReport& report, std::size_t numItems, bool withTrials, Checks& checks) {
-  checks.add(
-      kObjects,
-      countOf(numItems, "item") + " published, " + countOf(report.unpublished.size(), "object") + " not",
-      findingsOf('C', report));
+  std::string text =
+      countOf(numItems, "item") + " published, " + countOf(report.unpublished.size(), "object") + " not";
+  const auto numExpected = std::count_if(report.unpublished.begin(), report.unpublished.end(),
+                                         [](const UnpublishedObject& object) { return object.expected; });
+  if (numExpected > 0) text += ", of which " + std::to_string(numExpected) + " of an issuer, as it should be";
+  checks.add(kObjects, std::move(text), findingsOf('C', report));
   checks.add(kKeys, textOf(report.keys), keyFindings(report, withTrials));
 }
 
