@@ -191,6 +191,11 @@ constexpr FindingEntry kEntries[] = {
      "do not rely on the number", kMaker},
     {kPinRefused, "MT-P08", "the card did not accept the PIN", "without the PIN no key can be used",
      "enter the PIN of this card; look at the tries that are left before that", kYou},
+    {kLoginNotMade, "MT-P09", "the login that was asked for was not made",
+     "no key was tried, so whether the keys work is not known",
+     "name the reader where there are several cards (--reader), and give the PIN: at the terminal, or with "
+     "--pin-file or --pin-fd",
+     kYou},
     // The system's part.
     {kExtensionNotRegistered, "MT-X01", "the system does not know the extension",
      "the system starts the extension for a card, and must have been told of it",

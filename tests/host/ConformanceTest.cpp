@@ -150,9 +150,17 @@ TEST_F(ConformanceTest, SendsNoPinToOneOfSeveralCardsUnlessItsReaderIsNamed) {
   (void)script.addSlot("Reader B", emptyCard("B", "2"));
   const Conformance found = tested();
   EXPECT_EQ(given->timesAsked(), 0U);
-  EXPECT_EQ(verdictsOf(found).at("CR-33"), RuleVerdict::kSkip);
+  EXPECT_EQ(verdictsOf(found).at("CR-33"), RuleVerdict::kUnknown);
+  EXPECT_EQ(found.verdict(), RuleVerdict::kWarn);
   reader = Text{u"Reader A 00"};
   EXPECT_EQ(verdictsOf(tested()).at("CR-33"), RuleVerdict::kPass);
+}
+
+TEST_F(ConformanceTest, WarnsWhereALoginWasAskedForAndNoPinGiven) {
+  given.emplace();
+  const Conformance found = tested();
+  EXPECT_EQ(verdictsOf(found).at("CR-33"), RuleVerdict::kUnknown);
+  EXPECT_EQ(found.verdict(), RuleVerdict::kWarn);
 }
 
 TEST_F(ConformanceTest, DoesNotPassRulesAboutKeysThatAreNotThere) {

@@ -100,7 +100,22 @@ TEST_F(DoctorTrials, AreNotMadeWhereThePinCouldGoToAnotherCard) {
   (void)script.addSlot("Reader B", emptyCard("B", "2"));
   const Diagnosis found = diagnosis();
   EXPECT_THAT(checkIn(found, "login").evidence, HasSubstr("several cards"));
+  EXPECT_THAT(codesOfCheck(found, "login"), ElementsAre("MT-P09"));
+  EXPECT_EQ(checkIn(found, "login").severity, Severity::kWarning);
   EXPECT_EQ(pins.timesAsked(), 0U);
+}
+
+TEST_F(DoctorTrials, WarnWhereNoPinWasGiven) {
+  for (const FailureKind kind : {FailureKind::kCancelled, FailureKind::kPinHeldBack}) {
+    startAnew();
+    padInTheModule();
+    GivenPins given;
+    given.failure = Failure{kind, "no PIN was given", "there is no terminal to ask at", {}};
+    const Diagnosis found = diagnosisWith(given);
+    EXPECT_EQ(findingIn(found, kLoginNotMade).evidence, "no PIN was given: there is no terminal to ask at");
+    EXPECT_EQ(checkIn(found, "login").severity, Severity::kWarning);
+    EXPECT_EQ(checkIn(found, "signatures").severity, Severity::kSkipped);
+  }
 }
 
 }  // namespace

@@ -88,6 +88,7 @@ enum class FindingID {
   kPinNotSet,
   kPinCountUnknown,
   kPinRefused,
+  kLoginNotMade,
   // The system's part: the extension, and what the system sees of the card.
   kExtensionNotRegistered,
   kExtensionIgnored,

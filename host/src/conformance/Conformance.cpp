@@ -57,9 +57,9 @@ void testCard(Host& host, const P11Bridge& bridge, const Examination& wanted, Ru
   abilities.published = !card->items.empty();
   CardReport report = host.examine(*card);
   const auto pins = wanted.pins && isOnly ? wanted.pins(host, card->reader) : nullptr;
-  const char* whyNoLogin =
-      wanted.pins ? "there are several cards, and no reader was named" : "no login was asked for";
-  const bool loggedIn = testKeys(host, bridge, *card, pins.get(), whyNoLogin, report, results, abilities);
+  const char* whyNotAsWanted =
+      wanted.pins && !isOnly ? "there are several cards, and no reader was named (--reader)" : "";
+  const bool loggedIn = testKeys(host, bridge, *card, pins.get(), whyNotAsWanted, report, results, abilities);
   const auto keys = keysOf(*card);
   const bool signs =
       std::any_of(keys.begin(), keys.end(), [](const PublishedKey& key) { return key.canSign; });

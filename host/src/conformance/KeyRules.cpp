@@ -49,7 +49,7 @@ bool testLogin(const Result<void>& accepted, bool isUser, RuleResults& results) 
   const std::string text = failure.what + ": " + failure.why;
   switch (failure.kind) {
     case FailureKind::kPinHeldBack:
-    case FailureKind::kCancelled: results.skip(kLogin, text); break;
+    case FailureKind::kCancelled:
     case FailureKind::kCardGone:
     case FailureKind::kAnotherCard:
     case FailureKind::kInternal: results.unknown(kLogin, text); break;
@@ -171,12 +171,16 @@ void testKeyKinds(const InsertedCard& card, RuleResults& results) {
 }  // namespace
 
 bool testKeys(Host& host, const P11Bridge& bridge, const InsertedCard& card, PinSource* pins,
-              const std::string& whyNoLogin, CardReport& ioReport, RuleResults& results,
+              const std::string& whyNotAsWanted, CardReport& ioReport, RuleResults& results,
               CardAbilities& outAbilities) {
   testKeyKinds(card, results);
   results.skip(kTriesLeft, "no wrong PIN is sent on purpose: it takes a try of the card");
   if (!pins) {
-    results.skip(kLogin, whyNoLogin);
+    if (whyNotAsWanted.empty()) {
+      results.skip(kLogin, "no login was asked for");
+    } else {
+      results.unknown(kLogin, whyNotAsWanted);
+    }
     results.skip(kSessionState, "it needs a login");
     skipAfterLogin(results, "it needs a login");
     return false;

@@ -84,9 +84,18 @@ void addReport(const CardReport& report, std::size_t numItems, bool withTrials, 
   checks.add(kKeys, textOf(report.keys), keyFindings(report, withTrials));
 }
 
+void skipTrials(Checks& checks, const std::string& reason) {
+  for (const Checkpoint& trial : kTrials) checks.skip(trial, reason);
+}
+
 void skipLogin(Checks& checks, const std::string& reason) {
   checks.skip(kLogin, reason);
-  for (const Checkpoint& trial : kTrials) checks.skip(trial, reason);
+  skipTrials(checks, reason);
+}
+
+/// Somebody asked for a login, and no PIN was sent.
+void missLogin(Checks& checks, const std::string& reason) {
+  checks.add(kLogin, reason, {{kLoginNotMade, Severity::kWarning, {}, reason}});
 }
 
 /// What became of a login, as a check; true when the keys can be tried.
@@ -106,7 +115,7 @@ bool checkLogin(const Result<void>& accepted, Checks& checks) {
     case FailureKind::kPinLocked: return refused(kPinLocked);
     case FailureKind::kPinCannotBeEntered: return refused(kPinTooLong);
     case FailureKind::kPinHeldBack:
-    case FailureKind::kCancelled: checks.skip(kLogin, why); return false;
+    case FailureKind::kCancelled: missLogin(checks, why); return false;
     default: checks.add(kLogin, Severity::kFailure, why); return false;
   }
 }
@@ -114,14 +123,11 @@ bool checkLogin(const Result<void>& accepted, Checks& checks) {
 void tryKeys(Host& host, const InsertedCard& card, const CardReport& report, PinSource& pins,
              Checks& checks) {
   const auto client = host.newClient(card);
-  const auto refuse = [&](const std::string& reason) {
-    for (const Checkpoint& trial : kTrials) checks.skip(trial, reason);
-  };
   if (!client) {
     checks.add(kLogin, Severity::kFailure, client.failure().what + ": " + client.failure().why);
-    return refuse("there is no login");
+    return skipTrials(checks, "there is no login");
   }
-  if (!checkLogin((*client)->logIn(pins), checks)) return refuse("there is no login");
+  if (!checkLogin((*client)->logIn(pins), checks)) return skipTrials(checks, "there is no login");
   checks.start(kPrivateKeys);
   const CardReport after = host.examine(card, true);
   std::vector<Finding> more;
@@ -148,7 +154,7 @@ void skipCardChecks(Checks& checks, const std::string& reason) {
   skipAfterCard(checks, reason);
 }
 
-void checkCard(Host& host, const Reader& reader, const PinsForReader& pins, const std::string& whyNoLogin,
+void checkCard(Host& host, const Reader& reader, const PinsForReader& pins, const std::string& whyNotAsWanted,
                const CardListener& onCard, Checks& checks) {
   if (reader.unreadable) {
     const std::string& why = reader.unreadable->why;
@@ -188,7 +194,11 @@ void checkCard(Host& host, const Reader& reader, const PinsForReader& pins, cons
   checkPin(host, reader, report, checks);
   const auto source = pins ? pins(host, reader) : nullptr;
   addReport(report, distinctItems(card->items).size(), source != nullptr, checks);
-  if (!source) return skipLogin(checks, whyNoLogin);
+  if (!source && whyNotAsWanted.empty()) return skipLogin(checks, "no login was asked for");
+  if (!source) {
+    missLogin(checks, whyNotAsWanted);
+    return skipTrials(checks, whyNotAsWanted);
+  }
   tryKeys(host, *card, report, *source, checks);
 }
 

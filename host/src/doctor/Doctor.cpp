@@ -73,14 +73,14 @@ void checkCards(Host& host, const std::vector<Reader>& slots, const Examination&
   std::size_t numCards = 0;
   for (const Reader& reader : *chosen) numCards += isSpare(reader, *chosen) ? 0 : 1;
   const bool login = wanted.pins && numCards == 1;
-  const std::string whyNoLogin =
-      wanted.pins ? "there are several cards, and no reader was named" : "no login was asked for";
+  const std::string whyNotAsWanted =
+      wanted.pins && !login ? "there are several cards, and no reader was named" : "";
   for (const Reader& reader : *chosen) {
     checks.turnTo(displayed(reader.name));
     if (isSpare(reader, *chosen)) {
       checks.skip(kCardCheck, "it is not initialised");
     } else {
-      checkCard(host, reader, login ? wanted.pins : PinsForReader{}, whyNoLogin, wanted.onCard, checks);
+      checkCard(host, reader, login ? wanted.pins : PinsForReader{}, whyNotAsWanted, wanted.onCard, checks);
     }
   }
   checks.turnTo({});
