@@ -88,6 +88,10 @@ constexpr FindingEntry kEntries[] = {
     {kInstanceIDShared, "MT-T03", "two cards have one instance ID",
      "the system takes both for one card and shows the items of one of them",
      "use one of them at a time, and ask the issuer for cards with serial numbers of their own", kIssuer},
+    {kCardWentAway, "MT-T04", "the card went away during the examination",
+     "what was left to look at is not known, and no key is to blame for that",
+     "put the card into its reader and examine it again; where it goes away each time, try another reader",
+     kYou},
     // Its objects.
     {kCardEmpty, "MT-C01", "the card shows no key and no certificate",
      "only what shows without a login is published, and that is nothing",

@@ -79,7 +79,7 @@ const std::vector<Symptom>& symptoms() {
        "A call of the module waits for the card or for its reader. On a Mac the log of the extension names a "
        "call "
        "that has not returned for 5 seconds; here \"mireltoken doctor\" tells how long the calls take.",
-       {kCardMute, kCardHeldByAnother, kModuleSlow, kModuleHangs, kPinPad}},
+       {kCardMute, kCardHeldByAnother, kModuleSlow, kModuleHangs, kPinPad, kCardWentAway}},
       {"Another card or another key is used than the one that is meant",
        "Cards and keys are told apart by names and IDs, which may be the same.",
        {kInstanceIDShared, kReaderNamesAlike, kReaderNameNotAscii, kIDShared, kCertificateOfOtherKey,

@@ -4,9 +4,11 @@
 namespace mirel::test {
 namespace {
 
+using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
+using ::testing::Not;
 using enum FindingID;
 
 class DoctorTrials : public KeyClientTest {
@@ -61,6 +63,30 @@ TEST_F(DoctorTrials, FindKeysThatDoNotWork) {
   EXPECT_THAT(codesOfCheck(found, "decryption"), ElementsAre("MT-K09"));
   EXPECT_THAT(findingIn(found, kSignatureFails).evidence, HasSubstr("C_Sign answered CKR_FUNCTION_FAILED"));
   EXPECT_EQ(found.verdict(), Severity::kFailure);
+}
+
+TEST_F(DoctorTrials, BlameNoKeyWhereTheCardGoes) {
+  const struct {
+    const char* function;
+    std::size_t call;
+    const char* check;
+  } rows[] = {{"C_Sign", 0, "signatures"},
+              {"C_Sign", 1, "signatures"},
+              {"C_Decrypt", 0, "decryption"},
+              {"C_Login", 0, "login"}};
+  for (const auto& [function, call, check] : rows) {
+    SCOPED_TRACE(std::string{function} + " " + std::to_string(call));
+    script.reset();
+    startAnew();
+    GivenPins given{{u"123456"}};
+    script.failCallOf(function, call, CKR_DEVICE_REMOVED, Times::kFromThenOn);
+    const Diagnosis found = diagnosisWith(given);
+    EXPECT_THAT(codesOfCheck(found, check), Contains("MT-T04"));
+    EXPECT_THAT(codesOf(found), ::testing::AllOf(Not(Contains("MT-K08")), Not(Contains("MT-K09"))));
+    if (std::string{check} != "decryption")
+      EXPECT_EQ(checkIn(found, "decryption").severity, Severity::kSkipped);
+    EXPECT_EQ(found.verdict(), Severity::kFailure);
+  }
 }
 
 TEST_F(DoctorTrials, ComeWithACountOfTheCertificatesOfIssuersThatNeedNothing) {

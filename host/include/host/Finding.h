@@ -50,6 +50,7 @@ enum class FindingID {
   kTokenUnreadable,
   kTokenNotInitialised,
   kInstanceIDShared,
+  kCardWentAway,
   // Its objects.
   kCardEmpty,
   kObjectHidesCard,

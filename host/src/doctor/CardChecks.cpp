@@ -114,6 +114,8 @@ bool checkLogin(const Result<void>& accepted, Checks& checks) {
     case FailureKind::kPinWrong: return refused(kPinRefused);
     case FailureKind::kPinLocked: return refused(kPinLocked);
     case FailureKind::kPinCannotBeEntered: return refused(kPinTooLong);
+    case FailureKind::kCardGone:
+    case FailureKind::kAnotherCard: return refused(kCardWentAway);
     case FailureKind::kPinHeldBack:
     case FailureKind::kCancelled: missLogin(checks, why); return false;
     default: checks.add(kLogin, Severity::kFailure, why); return false;
@@ -138,7 +140,8 @@ void tryKeys(Host& host, const InsertedCard& card, const CardReport& report, Pin
     if (!known) more.push_back(finding);
   }
   checks.add(kPrivateKeys, countOf(more.size(), "finding") + " more after the login", more);
-  trySigning(**client, card, after, pins, kTrials[0], checks);
+  if (!trySigning(**client, card, after, pins, kTrials[0], checks))
+    return checks.skip(kTrials[1], "the card went away");
   tryDecrypting(**client, card, after, pins, kTrials[1], checks);
 }
 

@@ -56,6 +56,13 @@ class Evidence {
   std::string text_;
 };
 
+/// The card is not there any more: that says nothing of the key that was tried.
+bool isGone(const Failure& failure) {
+  return failure.kind == FailureKind::kCardGone || failure.kind == FailureKind::kAnotherCard;
+}
+
+Finding goneFinding(const Failure& failure) { return {kCardWentAway, Severity::kFailure, {}, failure.why}; }
+
 bool worksForNothing(const CardReport& report, const PublishedKey& key) {
   return std::any_of(report.keys.begin(), report.keys.end(), [&](const KeyReport& known) {
     return known.objectID == key.objectID && known.worksForNothing;
@@ -104,11 +111,11 @@ std::optional<Failure> failureOfDecrypting(KeyClient& client, const PublishedKey
 }
 
 bool saysNothing(const Failure& failure) {
-  return failure.kind == FailureKind::kCardGone || failure.kind == FailureKind::kAnotherCard ||
-         failure.kind == FailureKind::kInternal || failure.kind == FailureKind::kNotSupported;
+  return isGone(failure) || failure.kind == FailureKind::kInternal ||
+         failure.kind == FailureKind::kNotSupported;
 }
 
-void trySigning(KeyClient& client, const InsertedCard& card, const CardReport& report, PinSource& pins,
+bool trySigning(KeyClient& client, const InsertedCard& card, const CardReport& report, PinSource& pins,
                 const Checkpoint& point, Checks& checks) {
   Evidence evidence;
   std::vector<Finding> findings;
@@ -121,20 +128,33 @@ void trySigning(KeyClient& client, const InsertedCard& card, const CardReport& r
       continue;
     }
     checks.start(point);
+    const auto endWith = [&](const Failure& failure, const char* text) {
+      evidence.add(subject, text);
+      findings.push_back(goneFinding(failure));
+      checks.add(point, evidence.text(), std::move(findings));
+      return false;
+    };
     if (const auto failure = failureOfSigning(client, key, *certificate, kPss, pins)) {
+      if (isGone(*failure)) return endWith(*failure, "could not be tried");
       evidence.add(subject, "does not sign");
       findings.push_back({kSignatureFails, saysNothing(*failure) ? Severity::kUnknown : Severity::kFailure,
                           subject, failure->why});
       continue;
     }
     const auto failure = failureOfSigning(client, key, *certificate, kPkcs1, pins);
+    if (failure && isGone(*failure))
+      return endWith(*failure, "signs RSA-PSS, and could not be tried further");
     evidence.add(subject, failure ? "signs RSA-PSS, not PKCS #1 v1.5" : "signs RSA-PSS and PKCS #1 v1.5");
     // A key that wants the PIN for each use has not said anything about its padding.
     if (failure && failure->kind == FailureKind::kVerificationFailed)
       findings.push_back({kNoPkcs1Signatures, Severity::kWarning, subject, failure->why});
   }
-  if (evidence.isEmpty()) return checks.skip(point, "no key of the card signs");
-  checks.add(point, evidence.text(), std::move(findings));
+  if (evidence.isEmpty()) {
+    checks.skip(point, "no key of the card signs");
+  } else {
+    checks.add(point, evidence.text(), std::move(findings));
+  }
+  return true;
 }
 
 void tryDecrypting(KeyClient& client, const InsertedCard& card, const CardReport& report, PinSource& pins,
@@ -147,6 +167,11 @@ void tryDecrypting(KeyClient& client, const InsertedCard& card, const CardReport
     const std::string subject = subjectOf(report, key);
     checks.start(point);
     const auto failure = failureOfDecrypting(client, key, *certificate, pins);
+    if (failure && isGone(*failure)) {
+      evidence.add(subject, "could not be tried");
+      findings.push_back(goneFinding(*failure));
+      break;
+    }
     evidence.add(subject, failure ? "does not decrypt" : "decrypts PKCS #1 v1.5");
     if (failure)
       findings.push_back({kDecryptionFails, saysNothing(*failure) ? Severity::kUnknown : Severity::kFailure,

@@ -25,8 +25,8 @@ namespace mirel {
 [[nodiscard]] bool saysNothing(const Failure& failure);
 
 /// One signature of each key that may sign, by RSA-PSS and by PKCS #1 v1.5, of data that are made up here;
-/// each is verified, none is kept. The client has logged in.
-void trySigning(KeyClient& client, const InsertedCard& card, const CardReport& report, PinSource& pins,
+/// each is verified, none is kept. The client has logged in. False where the card went away meanwhile.
+bool trySigning(KeyClient& client, const InsertedCard& card, const CardReport& report, PinSource& pins,
                 const Checkpoint& point, Checks& checks);
 
 /// One decryption by each key that decrypts, of a text that is made up here.
