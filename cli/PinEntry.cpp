@@ -146,6 +146,11 @@ class PinFile final : public UnattendedPins {
   PinFile(std::string name, PinStateReader pinState, bool lastTry)
       : UnattendedPins{std::move(pinState), lastTry}, name_{std::move(name)} {}
 
+  [[nodiscard]] Result<void> check() {
+    const Pin pin = readIt();
+    return pin ? Result<void>{} : pin.failure();
+  }
+
  private:
   Pin readIt() override {
     const int descriptor = open(name_.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
@@ -231,6 +236,10 @@ std::unique_ptr<PinSource> pinSourceFor(const Options& options, PinStateReader p
     return std::make_unique<PinDescriptor>(*options.pinFd, std::move(pinState), options.lastTry);
   }
   return std::make_unique<PinPrompt>(std::move(pinState), std::move(guard));
+}
+
+Result<void> checkPinFile(const Options& options) {
+  return options.pinFile ? PinFile{*options.pinFile, {}, options.lastTry}.check() : Result<void>{};
 }
 
 Result<void> checkPinDescriptor(const Options& options) {

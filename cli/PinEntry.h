@@ -30,6 +30,10 @@ struct CardGuard {
 [[nodiscard]] std::unique_ptr<PinSource> pinSourceFor(const Options& options, PinStateReader pinState,
                                                       CardGuard guard);
 
+/// Whether the options' file gives a PIN, which is not kept. For commands that tell what the card does with
+/// the PIN: that there is none is not the card's fault.
+[[nodiscard]] Result<void> checkPinFile(const Options& options);
+
 /// Whether the options' file descriptor can give a PIN, as far as that shows beforehand. To be asked before
 /// anything is opened, because a file of ours could get the number of a closed one, and be taken for the PIN.
 [[nodiscard]] Result<void> checkPinDescriptor(const Options& options);

@@ -198,6 +198,7 @@ Result<void> run(Session& session) {
     return wrongUsage("a PIN is of no use without --login");
   }
   if (auto usable = checkFiles(options); !usable) return usable;
+  if (auto readable = checkPinFile(options); !readable) return readable;
   const Conformance conformance = testConformance(session.services(), wanted);
   const auto date = dateOf(givenOrSystem(session.services().timeAndChance)->date());
   if (auto written = writeFiles(options, conformance, date); !written) return written;

@@ -122,6 +122,7 @@ Result<void> checkOptions(const Options& options) {
     return wrongUsage("a PIN is of no use without --login");
   if (options.has(kAnonymous) && !options.fileOf(kBundle))
     return wrongUsage("--anonymous is of no use without --bundle");
+  if (auto readable = checkPinFile(options); !readable) return readable;
   for (const auto& [option, file] : options.files) {
     if (!file) continue;
     // Standard output has what is for the terminal, or the JSON.

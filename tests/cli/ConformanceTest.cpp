@@ -64,6 +64,8 @@ TEST_F(ConformanceCommand, EndsWithAnErrorWhereARuleIsBroken) {
 
 TEST_F(ConformanceCommand, RefusesWhatItCouldNotUse) {
   expectFailure(runWithPin("conformance"), 2, {"a PIN is of no use without --login"});
+  expectFailure(mireltoken("conformance --login --pin-file " + path("none")), 14,
+                {"the PIN cannot be read from"});
   expectFailure(mireltoken("conformance --junit -"), 2, {"--junit needs the name of a file"});
   expectFailure(mireltoken("conformance --junit /nowhere/file"), 14, {"/nowhere/file"});
   expectFailure(mireltoken("conformance --html /nowhere/file"), 14, {"/nowhere/file"});

@@ -91,6 +91,13 @@ TEST_F(Doctor, TakesNoPinThatItDoesNotUse) {
   expectFailure(examined(stagedWithPin("doctor")), 2, {"a PIN is of no use without --login"});
 }
 
+TEST_F(Doctor, DoesNotTakeAPinFileThatCannotBeReadForAFaultOfTheCard) {
+  for (const std::string& file : {path("none"), write("blank", "12 34")}) {
+    expectFailure(examined(staged("doctor --login --pin-file " + file)), 14, {"the PIN cannot be read from"});
+    EXPECT_EQ(stagedCallsOf("C_Initialize"), 0);
+  }
+}
+
 TEST_F(Doctor, WritesThePageBesidesTheText) {
   const ScopedMask mask{022};
   const Result result = examined(staged(Arguments{"doctor", "--html", path("page.html")}));

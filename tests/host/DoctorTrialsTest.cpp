@@ -132,7 +132,8 @@ TEST_F(DoctorTrials, AreNotMadeWhereThePinCouldGoToAnotherCard) {
 }
 
 TEST_F(DoctorTrials, WarnWhereNoPinWasGiven) {
-  for (const FailureKind kind : {FailureKind::kCancelled, FailureKind::kPinHeldBack}) {
+  for (const FailureKind kind :
+       {FailureKind::kCancelled, FailureKind::kPinHeldBack, FailureKind::kFileFailure}) {
     startAnew();
     padInTheModule();
     GivenPins given;

@@ -48,6 +48,7 @@ bool testLogin(const Result<void>& accepted, bool isUser, RuleResults& results) 
   const Failure& failure = accepted.failure();
   const std::string text = failure.what + ": " + failure.why;
   switch (failure.kind) {
+    case FailureKind::kFileFailure:  // the one with the PIN
     case FailureKind::kPinHeldBack:
     case FailureKind::kCancelled:
     case FailureKind::kCardGone:

@@ -116,6 +116,7 @@ bool checkLogin(const Result<void>& accepted, Checks& checks) {
     case FailureKind::kPinCannotBeEntered: return refused(kPinTooLong);
     case FailureKind::kCardGone:
     case FailureKind::kAnotherCard: return refused(kCardWentAway);
+    case FailureKind::kFileFailure:  // the one with the PIN
     case FailureKind::kPinHeldBack:
     case FailureKind::kCancelled: missLogin(checks, why); return false;
     default: checks.add(kLogin, Severity::kFailure, why); return false;
