@@ -208,8 +208,12 @@ void CardFindings::addSharedIDs() {
   collect(certificates, "certificate");
   collect(publicKeys, "public key");
   collect(privateKeys, "private key");
-  for (const auto& [id, text] : shared)
-    add({kIDShared, kWarning, "ID " + shortened(idText(Text{id}), kMostHexDigits), text}, Text{id});
+  for (const auto& [id, text] : shared) {
+    const bool onlyCertificates =
+        certificates.contains(id) && publicKeys.contains(id) && publicKeys.at(id).size() == 1;
+    const FindingID kind = onlyCertificates && areOfOneKey(Text{id}) ? kCertificatesOfOneKey : kIDShared;
+    add({kind, kWarning, "ID " + shortened(idText(Text{id}), kMostHexDigits), text}, Text{id});
+  }
 }
 
 void CardFindings::addCertificatesOfOtherKeys() {
@@ -322,20 +326,34 @@ bool CardFindings::hasSeveralKeys(const Text& id) const {
                        [&](const PrivateKeyObject& key) { return key.id == id; }) > 1;
 }
 
+/// Whether all objects of that ID were read, and belong to one key.
+bool CardFindings::areOfOneKey(const Text& id) const {
+  const auto isRead = [&](const CardObject& certificate) {
+    if (!(certificate.about.id == id)) return true;
+    const auto fields = fieldsOfCertificate(certificate.data.view());
+    return fields && !valueOf(*fields).value.empty();
+  };
+  return std::all_of(contents_.certificates.begin(), contents_.certificates.end(), isRead) &&
+         !hasSeveralKeys(id);
+}
+
 void CardFindings::addKeys(const std::vector<PublishedKey>& keys, CardReport& report) {
-  std::set<std::u16string> seen;
+  std::map<std::u16string, const PublishedKey*> seen;
   for (const PublishedKey& key : keys) {
     KeyReport& own = report.keys.emplace_back();
     own.objectID = key.objectID;
-    const bool isShadowed = !seen.insert(std::u16string{key.objectID.units()}).second;
-    addKey(key, isShadowed, own);
+    const PublishedKey& first = *seen.emplace(key.objectID.units(), &key).first->second;
+    const bool isRepeated = &first != &key;
+    addKey(key, isRepeated, own);
     own.sharesIDWithOtherKey = has(kIDShared, key.objectID) && hasSeveralKeys(key.objectID);
-    own.works = phraseFor(key, isShadowed);
+    // With another certificate of the same key the first one does the same.
+    const bool isAlike = has(kCertificatesOfOneKey, key.objectID) && operationOf(key) == operationOf(first);
+    own.works = phraseFor(key, isRepeated && !isAlike);
     own.worksForNothing = own.works.starts_with("nothing");
   }
 }
 
-void CardFindings::addKey(const PublishedKey& key, bool isShadowed, KeyReport& report) {
+void CardFindings::addKey(const PublishedKey& key, bool isRepeated, KeyReport& report) {
   const auto publicKey = std::find_if(
       contents_.publicKeys.begin(), contents_.publicKeys.end(),
       [&](const CardObject& object) { return object.listed && object.about.id == key.objectID; });
@@ -344,7 +362,7 @@ void CardFindings::addKey(const PublishedKey& key, bool isShadowed, KeyReport& r
   if (isTheOne) report.labelOnCard = publicKey->about.label;
   const std::string subject = subjectOf("key", key.objectID, report.labelOnCard);
   const auto tell = [&](FindingID id, Severity severity, std::string evidence) {
-    if (!isShadowed) add({id, severity, subject, std::move(evidence)}, key.objectID);
+    if (!isRepeated) add({id, severity, subject, std::move(evidence)}, key.objectID);
   };
 
   const auto operation = operationOf(key);

@@ -39,8 +39,9 @@ class CardFindings {
   };
 
   [[nodiscard]] bool has(FindingID finding, const Text& id) const;
-  void addKey(const PublishedKey& key, bool isShadowed, KeyReport& report);
+  void addKey(const PublishedKey& key, bool isRepeated, KeyReport& report);
   [[nodiscard]] bool hasSeveralKeys(const Text& id) const;
+  [[nodiscard]] bool areOfOneKey(const Text& id) const;
   [[nodiscard]] std::string phraseFor(const PublishedKey& key, bool isShadowed) const;
 
   const CardContents& contents_;

@@ -143,6 +143,9 @@ constexpr FindingEntry kEntries[] = {
     {kNothingPublished, "MT-C17", "nothing of the card is published",
      "a certificate is published only together with a public key of its own; those of issuers are not",
      "have the card's issuer put a key pair and its certificate on the card", kIssuer},
+    {kCertificatesOfOneKey, "MT-C18", "several certificates of one key share its ID",
+     "programs show each of them, and may take the one that is out of date",
+     "have the card's issuer remove the certificate that is not used any more", kIssuer},
     // What its keys can do.
     {kRsaKeyTooLong, "MT-K01", "the RSA key is too long to sign",
      "RSA keys above 2048 bits are published and never sign", "sign with an RSA key of 2048 bits", kIssuer},

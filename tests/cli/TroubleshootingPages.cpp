@@ -61,7 +61,7 @@ const std::vector<Symptom>& symptoms() {
        "certificate "
        "must name the sender's address.",
        {kNoPkcs1Signatures, kPkcs1NotTried, kSignatureFails, kDecryptionFails, kKeyUsageMissing,
-        kCertificateExpired, kIDShared}},
+        kCertificateExpired, kIDShared, kCertificatesOfOneKey}},
       {"ssh says \"agent refused operation\"",
        "RSA keys sign by PKCS #1 v1.5 for ssh, which not every module does.",
        {kNoPkcs1Signatures, kPkcs1NotTried, kEcKeyNeverSigns, kRsaKeyTooLong, kModuleChangeableByOthers}},

@@ -183,6 +183,15 @@ TEST_F(CardReportObjects, TellsWhichObjectsShareAnID) {
             "2 certificates (\"First\", \"Second\"), 2 public keys (\"First\", \"Second\")");
 }
 
+TEST_F(CardReportObjects, TellsCertificatesOfOneKeyFromKeysThatShareAnID) {
+  addKey("01", "Old");
+  addCertificate("01", "New");
+  EXPECT_EQ(theFinding(report(), kCertificatesOfOneKey).evidence, "2 certificates (\"Old\", \"New\")");
+  addCertificate("01", "Broken");
+  lastObject().attributes[CKA_VALUE].resize(40);
+  EXPECT_THAT(troubles(report()), Contains("MT-C12"));
+}
+
 TEST_F(CardReportObjects, TellsValidity) {
   addKey("01", "Old");
   lastObject() = lastObject().with(CKA_VALUE, withTime(rsa().certificate(kForSigning), "350102", "210101"));

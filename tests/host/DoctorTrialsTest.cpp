@@ -89,6 +89,14 @@ TEST_F(DoctorTrials, BlameNoKeyWhereTheCardGoes) {
   }
 }
 
+TEST_F(DoctorTrials, TryAKeyOnceThatHasTwoCertificates) {
+  script.addObject(certificate(bytesOf("01"), bytesOf("Old"), key.certificate(kForSigning)));
+  const Check trial = checkIn(diagnosis(), "signatures");
+  EXPECT_THAT(trial.evidence,
+              ::testing::StartsWith("key 3031 \"Signer\" signs RSA-PSS, not PKCS #1 v1.5; key"));
+  EXPECT_EQ(script.countOf("C_Sign"), 2U);
+}
+
 TEST_F(DoctorTrials, ComeWithACountOfTheCertificatesOfIssuersThatNeedNothing) {
   script.addObject(certificate(bytesOf("09"), bytesOf("Root"), authorityCertificate(kForCertificates)));
   const Check objects = checkIn(diagnosis(), "objects");

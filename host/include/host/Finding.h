@@ -69,6 +69,7 @@ enum class FindingID {
   kKeyUsageMissing,
   kTooManyObjects,
   kNothingPublished,
+  kCertificatesOfOneKey,
   // What its keys can do.
   kRsaKeyTooLong,
   kEcKeyNeverSigns,

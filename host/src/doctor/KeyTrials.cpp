@@ -64,9 +64,20 @@ bool isGone(const Failure& failure) {
 Finding goneFinding(const Failure& failure) { return {kCardWentAway, Severity::kFailure, {}, failure.why}; }
 
 bool worksForNothing(const CardReport& report, const PublishedKey& key) {
-  return std::any_of(report.keys.begin(), report.keys.end(), [&](const KeyReport& known) {
-    return known.objectID == key.objectID && known.worksForNothing;
-  });
+  const auto first = std::find_if(report.keys.begin(), report.keys.end(),
+                                  [&](const KeyReport& known) { return known.objectID == key.objectID; });
+  return first != report.keys.end() && first->worksForNothing;
+}
+
+/// Of several with one ID only the first is found.
+std::vector<PublishedKey> findableKeysOf(const InsertedCard& card) {
+  std::vector<PublishedKey> keys;
+  for (const PublishedKey& key : keysOf(card)) {
+    const bool isFound = std::none_of(
+        keys.begin(), keys.end(), [&](const PublishedKey& other) { return other.objectID == key.objectID; });
+    if (isFound) keys.push_back(key);
+  }
+  return keys;
 }
 
 }  // namespace
@@ -119,7 +130,7 @@ bool trySigning(KeyClient& client, const InsertedCard& card, const CardReport& r
                 const Checkpoint& point, Checks& checks) {
   Evidence evidence;
   std::vector<Finding> findings;
-  for (const PublishedKey& key : keysOf(card)) {
+  for (const PublishedKey& key : findableKeysOf(card)) {
     const PublishedCertificate* certificate = certificateOf(card, key);
     if (!key.canSign || !certificate) continue;
     const std::string subject = subjectOf(report, key);
@@ -161,7 +172,7 @@ void tryDecrypting(KeyClient& client, const InsertedCard& card, const CardReport
                    const Checkpoint& point, Checks& checks) {
   Evidence evidence;
   std::vector<Finding> findings;
-  for (const PublishedKey& key : keysOf(card)) {
+  for (const PublishedKey& key : findableKeysOf(card)) {
     const PublishedCertificate* certificate = certificateOf(card, key);
     if (!key.canDecrypt || !certificate || key.keyType != CertificateKeyType::kRSA) continue;
     const std::string subject = subjectOf(report, key);
