@@ -203,6 +203,9 @@ constexpr FindingEntry kEntries[] = {
      "name the reader where there are several cards (--reader), and give the PIN: at the terminal, or with "
      "--pin-file or --pin-fd",
      kYou},
+    {kPinToBeChanged, "MT-P10", "the PIN has to be changed first",
+     "it is the one that the card came with, or out of date, and the card may refuse to work with it",
+     "change the PIN with the tool of the card's maker", kYou},
     // The system's part.
     {kExtensionNotRegistered, "MT-X01", "the system does not know the extension",
      "the system starts the extension for a card, and must have been told of it",

@@ -160,6 +160,8 @@ Result<PinState> Host::pinState(const Reader& reader) {
   } else if (isSet(CKF_USER_PIN_COUNT_LOW)) {
     state.tries = kFewer;
     state.text = entryOf(FindingID::kPinTriesFewer).title;
+  } else if (isSet(CKF_USER_PIN_TO_BE_CHANGED)) {
+    state.text = entryOf(FindingID::kPinToBeChanged).title;
   }
   // A module that does not know the length says 0 or "unavailable".
   const bool saysLength =

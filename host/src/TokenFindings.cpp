@@ -37,6 +37,8 @@ std::vector<Finding> pinFindings(const CK_TOKEN_INFO& token) {
   const bool needsPin = isSet(CKF_LOGIN_REQUIRED);
   if (isSet(CKF_PROTECTED_AUTHENTICATION_PATH))
     add(kPinPad, kFailure, "the flags have PROTECTED_AUTHENTICATION_PATH");
+  if (isSet(CKF_USER_PIN_TO_BE_CHANGED))
+    add(kPinToBeChanged, kWarning, "the flags have USER_PIN_TO_BE_CHANGED");
   const bool leastIsTold = token.ulMinPinLen != CK_UNAVAILABLE_INFORMATION;
   if (leastIsTold && token.ulMinPinLen > kMaxPinLen) add(kPinTooLong, kFailure, limitsText(token));
   if (needsPin && !isSet(CKF_USER_PIN_INITIALIZED)) {

@@ -166,6 +166,8 @@ TEST_F(CardReportKeys, ComeWithWhatTheFlagsSayOfThePin) {
       {"locked", [](Card& card) { card.triesLeft = 0; }, kPinLocked, Severity::kFailure, "PIN_LOCKED"},
       {"pad", [](Card& card) { card.info.flags |= CKF_PROTECTED_AUTHENTICATION_PATH; }, kPinPad,
        Severity::kFailure, "PROTECTED_AUTHENTICATION_PATH"},
+      {"to be changed", [](Card& card) { card.info.flags |= CKF_USER_PIN_TO_BE_CHANGED; }, kPinToBeChanged,
+       Severity::kWarning, "USER_PIN_TO_BE_CHANGED"},
       {"not set", [](Card& card) { card.info.flags &= ~CKF_USER_PIN_INITIALIZED; }, kPinNotSet,
        Severity::kFailure, "USER_PIN_INITIALIZED"},
       {"at least 9", [](Card& card) { card.info.ulMinPinLen = 9; }, kPinTooLong, Severity::kFailure,

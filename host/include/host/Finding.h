@@ -91,6 +91,7 @@ enum class FindingID {
   kPinCountUnknown,
   kPinRefused,
   kLoginNotMade,
+  kPinToBeChanged,
   // The system's part: the extension, and what the system sees of the card.
   kExtensionNotRegistered,
   kExtensionIgnored,

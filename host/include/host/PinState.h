@@ -15,8 +15,8 @@ struct PinState {
 
   Tries tries = Tries::kNoWord;
   bool enteredAtReader = false;  ///< the PIN is entered at the reader's own keys
-  std::string text;              ///< about the tries, in words for the user; empty for kNoWord
-  std::string obstacle{};        ///< why no PIN of this card can be entered here; empty: nothing is known
+  std::string text;  ///< about the tries, or that it has to be changed, in words for the user; may be empty
+  std::string obstacle{};  ///< why no PIN of this card can be entered here; empty: nothing is known
 };
 
 }  // namespace mirel
