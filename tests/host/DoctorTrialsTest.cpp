@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include "host/CardReportTest.h"
 #include "host/DoctorTest.h"
 
@@ -137,6 +139,20 @@ TEST_F(DoctorTrials, AreNotMadeWhereThePinCouldGoToAnotherCard) {
   EXPECT_THAT(codesOfCheck(found, "login"), ElementsAre("MT-P09"));
   EXPECT_EQ(checkIn(found, "login").severity, Severity::kWarning);
   EXPECT_EQ(pins.timesAsked(), 0U);
+}
+
+TEST_F(DoctorTrials, AdviseNoOtherPinWhereItIsEnteredAtTheReader) {
+  script.card().info.flags |= CKF_PROTECTED_AUTHENTICATION_PATH;
+  GivenPins given;
+  given.failure = Failure{FailureKind::kPinCannotBeEntered,
+                          "the PIN of this card cannot be entered here",
+                          "the card takes it from the keys of the reader",
+                          {}};
+  const Diagnosis found = diagnosisWith(given);
+  EXPECT_THAT(codesOfCheck(found, "login"), ElementsAre("MT-P04"));
+  const auto all = codesOf(found);
+  EXPECT_EQ(std::count(all.begin(), all.end(), "MT-P04"), 1);
+  EXPECT_THAT(all, Not(Contains("MT-P05")));
 }
 
 TEST_F(DoctorTrials, WarnWhereNoPinWasGiven) {

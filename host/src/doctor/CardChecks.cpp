@@ -99,7 +99,7 @@ void missLogin(Checks& checks, const std::string& reason) {
 }
 
 /// What became of a login, as a check; true when the keys can be tried.
-bool checkLogin(const Result<void>& accepted, Checks& checks) {
+bool checkLogin(const Result<void>& accepted, const CardReport& report, Checks& checks) {
   if (accepted) {
     checks.add(kLogin, "the card accepts the PIN");
     return true;
@@ -113,7 +113,13 @@ bool checkLogin(const Result<void>& accepted, Checks& checks) {
   switch (failure.kind) {
     case FailureKind::kPinWrong: return refused(kPinRefused);
     case FailureKind::kPinLocked: return refused(kPinLocked);
-    case FailureKind::kPinCannotBeEntered: return refused(kPinTooLong);
+    case FailureKind::kPinCannotBeEntered: {
+      const auto pad = std::find_if(report.findings.begin(), report.findings.end(),
+                                    [](const Finding& finding) { return finding.id == kPinPad; });
+      if (pad == report.findings.end()) return refused(kPinTooLong);
+      checks.add(kLogin, why, {*pad});
+      return false;
+    }
     case FailureKind::kCardGone:
     case FailureKind::kAnotherCard: return refused(kCardWentAway);
     case FailureKind::kFileFailure:  // the one with the PIN
@@ -130,7 +136,7 @@ void tryKeys(Host& host, const InsertedCard& card, const CardReport& report, Pin
     checks.add(kLogin, Severity::kFailure, client.failure().what + ": " + client.failure().why);
     return skipTrials(checks, "there is no login");
   }
-  if (!checkLogin((*client)->logIn(pins), checks)) return skipTrials(checks, "there is no login");
+  if (!checkLogin((*client)->logIn(pins), report, checks)) return skipTrials(checks, "there is no login");
   checks.start(kPrivateKeys);
   const CardReport after = host.examine(card, true);
   std::vector<Finding> more;
