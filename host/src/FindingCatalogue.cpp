@@ -206,6 +206,10 @@ constexpr FindingEntry kEntries[] = {
     {kPinToBeChanged, "MT-P10", "the PIN has to be changed first",
      "it is the one that the card came with, or out of date, and the card may refuse to work with it",
      "change the PIN with the tool of the card's maker", kYou},
+    {kLoginFails, "MT-P11", "the login failed", "without a login no key can be used",
+     "end other programs that use the card, take it out and put it back, and see that the service of the "
+     "card software runs; then try again",
+     kYou},
     // The system's part.
     {kExtensionNotRegistered, "MT-X01", "the system does not know the extension",
      "the system starts the extension for a card, and must have been told of it",

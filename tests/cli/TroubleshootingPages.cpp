@@ -49,7 +49,8 @@ const std::vector<Symptom>& symptoms() {
        {kPinCountUnknown, kPinTriesFewer, kPinLastTry, kPinLocked}},
       {"The PIN cannot be entered, or is not accepted",
        "Do not try on: each wrong PIN may cost a try.",
-       {kPinRefused, kPinTooLong, kPinPad, kPinNotSet, kPinLocked, kLoginNotMade, kPinToBeChanged}},
+       {kPinRefused, kPinTooLong, kPinPad, kPinNotSet, kPinLocked, kLoginNotMade, kPinToBeChanged,
+        kLoginFails}},
       {"The browser shows the certificate, and the connection fails",
        "With TLS 1.3 a browser asks for RSA-PSS, with TLS 1.2 often for PKCS #1 v1.5. Try the key with "
        "\"mireltoken doctor --login\".",

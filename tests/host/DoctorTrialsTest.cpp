@@ -118,6 +118,11 @@ TEST_F(DoctorTrials, EndWithALoginThatFails) {
     const char* code;
   } rows[] = {{u"999999", CKR_PIN_INCORRECT, "MT-P08"},
               {u"123456", CKR_PIN_LOCKED, "MT-P01"},
+              {u"123456", CKR_PIN_EXPIRED, "MT-P10"},
+              {u"123456", CKR_USER_PIN_NOT_INITIALIZED, "MT-P06"},
+              {u"123456", CKR_TOKEN_NOT_PRESENT, "MT-T04"},
+              {u"123456", CKR_DEVICE_ERROR, "MT-P11"},
+              {u"123456", CKR_USER_ALREADY_LOGGED_IN, "MT-P11"},
               {u"123456789", CKR_OK, "MT-P05"}};
   for (const auto& [pin, answer, code] : rows) {
     SCOPED_TRACE(code);

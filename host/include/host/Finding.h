@@ -92,6 +92,7 @@ enum class FindingID {
   kPinRefused,
   kLoginNotMade,
   kPinToBeChanged,
+  kLoginFails,
   // The system's part: the extension, and what the system sees of the card.
   kExtensionNotRegistered,
   kExtensionIgnored,

@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <utility>
 
+#include "bridge/cryptoki.h"
 #include "doctor/KeyTrials.h"
+#include "host/CryptokiNames.h"
 #include "host/Display.h"
 #include "host/DistinctItems.h"
 #include "host/KeyClient.h"
@@ -125,15 +127,20 @@ bool checkLogin(const Result<void>& accepted, const CardReport& report, Checks& 
     case FailureKind::kFileFailure:  // the one with the PIN
     case FailureKind::kPinHeldBack:
     case FailureKind::kCancelled: missLogin(checks, why); return false;
-    default: checks.add(kLogin, Severity::kFailure, why); return false;
+    default: break;
   }
+  const auto answered = [&](CK_RV code) {
+    return failure.why.find(cryptokiResultText(code)) != std::string::npos;
+  };
+  if (answered(CKR_USER_PIN_NOT_INITIALIZED)) return refused(kPinNotSet);
+  return refused(answered(CKR_PIN_EXPIRED) ? kPinToBeChanged : kLoginFails);
 }
 
 void tryKeys(Host& host, const InsertedCard& card, const CardReport& report, PinSource& pins,
              Checks& checks) {
   const auto client = host.newClient(card);
   if (!client) {
-    checks.add(kLogin, Severity::kFailure, client.failure().what + ": " + client.failure().why);
+    (void)checkLogin(client.failure(), report, checks);
     return skipTrials(checks, "there is no login");
   }
   if (!checkLogin((*client)->logIn(pins), report, checks)) return skipTrials(checks, "there is no login");
