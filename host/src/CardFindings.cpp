@@ -413,7 +413,7 @@ std::string CardFindings::phraseFor(const PublishedKey& key, bool isShadowed) co
   for (const auto& row : kNothing) {
     if (has(row.id, key.objectID)) return std::string{"nothing: "} + row.phrase;
   }
-  const std::string once = has(kPinForEachUse, key.objectID) ? "; only once after each login" : "";
+  const std::string once = has(kPinForEachUse, key.objectID) ? "; at most once after each login" : "";
   if (key.canSign) return signingPhrase(ModulePadding::kUnknown) + once;
   return "decrypts PKCS #1 v1.5; not OAEP" + once;
 }

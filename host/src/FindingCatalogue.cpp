@@ -155,7 +155,7 @@ constexpr FindingEntry kEntries[] = {
      "such a key is asked for PSS in the card, and that signature is not handed out",
      "have the card's issuer rename the label of the public key", kIssuer},
     {kPinForEachUse, "MT-K04", "the key wants the PIN for each use",
-     "only the first signature after each login works",
+     "at most the first signature after each login works",
      "use another key, or start the program anew for each "
      "signature",
      kIssuer},

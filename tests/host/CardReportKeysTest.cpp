@@ -130,7 +130,7 @@ TEST_F(CardReportKeys, ThatWantThePinForEachUseSignOnce) {
   EXPECT_THAT(troubles(report()), IsEmpty());  // it is not seen
   const CardReport after = reportAfterLogin();
   EXPECT_THAT(theFinding(after, kPinForEachUse).evidence, HasSubstr("CKA_ALWAYS_AUTHENTICATE"));
-  EXPECT_THAT(theKey(after).works, HasSubstr("; only once after each login"));
+  EXPECT_THAT(theKey(after).works, HasSubstr("; at most once after each login"));
   script.card().loggedIn = false;
   script.card().privateObjectsNeedLogin = false;
   EXPECT_THAT(troubles(report()), ElementsAre("MT-K04"));

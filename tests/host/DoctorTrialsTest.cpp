@@ -99,6 +99,28 @@ TEST_F(DoctorTrials, TryAKeyOnceThatHasTwoCertificates) {
   EXPECT_EQ(script.countOf("C_Sign"), 2U);
 }
 
+TEST_F(DoctorTrials, BlameThePinForEachUseAndNotTheModule) {
+  for (auto& [handle, object] : script.card().objects) {
+    if (object.attributes[CKA_CLASS] == ulongValue(CKO_PRIVATE_KEY))
+      object = object.with(CKA_ALWAYS_AUTHENTICATE, boolValue(true));
+  }
+  const struct {
+    CK_RV answer;
+    const char* signatures;
+    const char* decryption;
+  } rows[] = {{CKR_USER_NOT_LOGGED_IN, "MT-K04", "MT-K04"}, {CKR_FUNCTION_FAILED, "MT-K08", "MT-K09"}};
+  for (const auto& [answer, signatures, decryption] : rows) {
+    SCOPED_TRACE(answer);
+    script.card().loggedIn = false;
+    GivenPins given{{u"123456"}};
+    script.failCallOf("C_Sign", 0, answer);
+    script.failCallOf("C_Decrypt", 0, answer);
+    const Diagnosis found = diagnosisWith(given);
+    EXPECT_THAT(codesOfCheck(found, "signatures"), ElementsAre(signatures));
+    EXPECT_THAT(codesOfCheck(found, "decryption"), ElementsAre(decryption));
+  }
+}
+
 TEST_F(DoctorTrials, ComeWithACountOfTheCertificatesOfIssuersThatNeedNothing) {
   script.addObject(certificate(bytesOf("09"), bytesOf("Root"), authorityCertificate(kForCertificates)));
   const Check objects = checkIn(diagnosis(), "objects");

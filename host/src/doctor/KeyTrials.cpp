@@ -4,6 +4,8 @@
 #include <array>
 
 #include "RsaEncoding.h"
+#include "bridge/cryptoki.h"
+#include "host/CryptokiNames.h"
 #include "host/Display.h"
 #include "host/InputSource.h"
 #include "host/KeyChoice.h"
@@ -67,6 +69,20 @@ bool worksForNothing(const CardReport& report, const PublishedKey& key) {
   const auto first = std::find_if(report.keys.begin(), report.keys.end(),
                                   [&](const KeyReport& known) { return known.objectID == key.objectID; });
   return first != report.keys.end() && first->worksForNothing;
+}
+
+/// What a key that was tried in vain is told of. The PIN that it wants for each use is not the module's
+/// fault.
+Finding trialFinding(FindingID id, const CardReport& report, const PublishedKey& key,
+                     const Failure& failure) {
+  const auto known = std::find_if(report.keys.begin(), report.keys.end(),
+                                  [&](const KeyReport& one) { return one.objectID == key.objectID; });
+  const bool wantsPin = failure.why.find(cryptokiResultText(CKR_USER_NOT_LOGGED_IN)) != std::string::npos &&
+                        known != report.keys.end() &&
+                        std::any_of(known->findings.begin(), known->findings.end(),
+                                    [](const Finding& finding) { return finding.id == kPinForEachUse; });
+  return {wantsPin ? kPinForEachUse : id, saysNothing(failure) ? Severity::kUnknown : Severity::kFailure,
+          subjectOf(report, key), failure.why};
 }
 
 /// Of several with one ID only the first is found.
@@ -148,8 +164,7 @@ bool trySigning(KeyClient& client, const InsertedCard& card, const CardReport& r
     if (const auto failure = failureOfSigning(client, key, *certificate, kPss, pins)) {
       if (isGone(*failure)) return endWith(*failure, "could not be tried");
       evidence.add(subject, "does not sign");
-      findings.push_back({kSignatureFails, saysNothing(*failure) ? Severity::kUnknown : Severity::kFailure,
-                          subject, failure->why});
+      findings.push_back(trialFinding(kSignatureFails, report, key, *failure));
       continue;
     }
     const auto failure = failureOfSigning(client, key, *certificate, kPkcs1, pins);
@@ -184,9 +199,7 @@ void tryDecrypting(KeyClient& client, const InsertedCard& card, const CardReport
       break;
     }
     evidence.add(subject, failure ? "does not decrypt" : "decrypts PKCS #1 v1.5");
-    if (failure)
-      findings.push_back({kDecryptionFails, saysNothing(*failure) ? Severity::kUnknown : Severity::kFailure,
-                          subject, failure->why});
+    if (failure) findings.push_back(trialFinding(kDecryptionFails, report, key, *failure));
   }
   if (evidence.isEmpty()) return checks.skip(point, "no RSA key of the card decrypts");
   checks.add(point, evidence.text(), std::move(findings));
