@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <system_error>
+#include <utility>
 
 #include "Commands.h"
 #include "host/Home.h"
@@ -13,6 +14,7 @@ namespace mirel::cli {
 namespace {
 
 constexpr int kLongestTimeout = 86400;  // seconds
+constexpr std::pair<std::string_view, int> kLeastSeconds[] = {{"--timeout", 0}, {"--for", 1}};
 constexpr const char* kRecord = "record";
 constexpr const char* kHelp = "help";
 
@@ -96,6 +98,14 @@ class Wanted {
   std::optional<std::span<char* const>> words_;
 };
 
+/// Of an option with a number of seconds.
+std::optional<int> leastSecondsOf(std::string_view option) {
+  for (const auto& [name, least] : kLeastSeconds) {
+    if (name == option) return least;
+  }
+  return std::nullopt;
+}
+
 /// Declares what is wanted of the options of a program or a command.
 class Declarer {
  public:
@@ -109,9 +119,9 @@ class Declarer {
   }
 
   template <typename Value>
-  void seconds(const char* name, Value& value, const char* help, int least) const {
+  void seconds(const char* name, Value& value, const char* help) const {
     if (auto* declared = option(name, value, help, "N"))
-      declared->check(CLI::Range(least, kLongestTimeout).description(""));
+      declared->check(CLI::Range(leastSecondsOf(name).value_or(0), kLongestTimeout).description(""));
   }
 
   void flag(const char* name, bool& value, const char* help) const {
@@ -152,7 +162,7 @@ void declareOption(CLI::App& app, const Wanted& wanted, Options& options, const 
       declarer.option(option.flag, options.files[option.flag], option.help, "FILE");
       break;
     case CommandOption::Kind::kExec: declarer.option("--exec", options.exec, option.help, "COMMAND"); break;
-    case CommandOption::Kind::kSeconds: declarer.seconds("--for", options.seconds, option.help, 1); break;
+    case CommandOption::Kind::kSeconds: declarer.seconds("--for", options.seconds, option.help); break;
     case CommandOption::Kind::kWord: app.add_option(option.flag, options.word, option.help); break;
     case CommandOption::Kind::kFlag:
       declarer.flag(option.flag, options.flags[option.flag], option.help);
@@ -216,8 +226,9 @@ void declareOptions(CLI::App& app, Options& options, std::optional<std::span<cha
                   "The reader: its name, or a beginning that fits no other (default: the first with an "
                   "initialised card)",
                   "NAME");
-  declarer.seconds("--timeout", options.timeout,
-                   "Give a call of the module this many seconds, 0 for any time (default: 30)", 0);
+  declarer.seconds(
+      "--timeout", options.timeout,
+      "Give a call of the module this many seconds, 0 for any time (default: 30; at most 86400)");
   declarer.flag("--json", options.json, "Print JSON for programs");
   declarer.option("--trace", options.trace, "Write each call of the module to this file, while it is made",
                   "FILE");
@@ -250,6 +261,12 @@ void makeNamesAbsolute(Options& ioOptions) {
                      &ioOptions.recordTo})
     makeAbsolute(*name);
   for (auto& [option, name] : ioOptions.files) makeAbsolute(name);
+}
+
+std::optional<std::string> rangeOf(std::string_view option) {
+  const auto least = leastSecondsOf(option);
+  if (!least) return std::nullopt;
+  return "a whole number from " + std::to_string(*least) + " to " + std::to_string(kLongestTimeout);
 }
 
 std::optional<std::vector<std::string>> commandToRecord(const CLI::App& app) {

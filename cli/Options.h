@@ -74,6 +74,10 @@ void declareOptions(CLI::App& app, Options& options,
 /// Makes the names of files absolute, except for "-": a module may change the working folder.
 void makeNamesAbsolute(Options& ioOptions);
 
+/// What the value of that option ("--timeout") has to be where not any number will do, such as "a whole
+/// number from 0 to 86400"; else nothing.
+[[nodiscard]] std::optional<std::string> rangeOf(std::string_view option);
+
 /// The words behind "record" and its own options, which are for another parser; nothing without "record".
 /// After `app` has parsed the command line.
 [[nodiscard]] std::optional<std::vector<std::string>> commandToRecord(const CLI::App& app);

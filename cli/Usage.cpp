@@ -5,6 +5,7 @@
 #include <string_view>
 #include <vector>
 
+#include "Options.h"
 #include "host/NearestName.h"
 
 namespace mirel::cli {
@@ -12,9 +13,9 @@ namespace {
 
 constexpr std::size_t kTextColumn = 30;
 
-using Options = std::vector<const CLI::Option*>;
+using OptionList = std::vector<const CLI::Option*>;
 
-Options optionsOf(const CLI::App& app) { return app.get_options(nullptr); }
+OptionList optionsOf(const CLI::App& app) { return app.get_options(nullptr); }
 
 bool takesValue(const CLI::Option& option) { return option.get_expected_max() > 0; }
 
@@ -55,10 +56,10 @@ const CLI::App& chosenIn(const CLI::App& app) {
 }
 
 /// The options of the program and of the command that was chosen.
-Options usableOptions(const CLI::App& app) {
-  Options options = optionsOf(app);
+OptionList usableOptions(const CLI::App& app) {
+  OptionList options = optionsOf(app);
   if (const CLI::App& command = chosenIn(app); &command != &app) {
-    const Options more = optionsOf(command);
+    const OptionList more = optionsOf(command);
     options.insert(options.end(), more.begin(), more.end());
   }
   return options;
@@ -66,7 +67,7 @@ Options usableOptions(const CLI::App& app) {
 
 /// The option that the library's message is about: every version names it, whatever it says, and as its first
 /// word without the dashes where a flag was given a value. Null when it names none.
-const CLI::Option* optionNamedIn(std::string_view message, const Options& options) {
+const CLI::Option* optionNamedIn(std::string_view message, const OptionList& options) {
   for (const CLI::Option* option : options) {
     if (!option->nonpositional()) continue;
     const std::string name = nameOf(*option);
@@ -145,7 +146,7 @@ std::string unknownWord(const CLI::App& app, const std::string& unknown) {
   return "there is no \"" + unknown + "\"" + suggestionIn(app, unknown);
 }
 
-std::string exclusion(const Options& options) {
+std::string exclusion(const OptionList& options) {
   for (const CLI::Option* option : options) {
     if (option->count() == 0) continue;
     for (const CLI::Option* other : option->get_excludes()) {
@@ -196,7 +197,7 @@ std::string refusalText(const CLI::App& app, const CLI::ParseError& error) {
   const std::vector<std::string> unknown = app.remaining();
   if (!unknown.empty()) return unknownWord(app, unknown.front());
   if (dynamic_cast<const CLI::RequiredError*>(&error)) return "a command is required";
-  const Options options = usableOptions(app);
+  const OptionList options = usableOptions(app);
   if (dynamic_cast<const CLI::ExcludesError*>(&error)) return exclusion(options);
 
   const CLI::Option* option = optionNamedIn(error.what(), options);
@@ -206,6 +207,9 @@ std::string refusalText(const CLI::App& app, const CLI::ParseError& error) {
   if (dynamic_cast<const CLI::ArgumentMismatch*>(&error)) {
     return nameOf(*option) + " needs a value (" + option->get_type_name() + ")";
   }
+  if (const auto range = rangeOf(nameOf(*option)); range && !option->results().empty())
+    return "the value \"" + option->results().front() + "\" of " + nameOf(*option) + " is not " + *range;
+  // Not repeated: it may be a PIN.
   return "the value of " + nameOf(*option) + " is no " + option->get_type_name();
 }
 

@@ -401,7 +401,7 @@ Result<void> run(Session& session) { return WatchRun{session}.run(); }
 constexpr CommandOption kOptions[] = {
     {CommandOption::Kind::kExec,
      "Run this by the shell for each event, with EVENT, READER and SERIAL in its environment"},
-    {CommandOption::Kind::kSeconds, "End after this many seconds (default: at Ctrl-C)"},
+    {CommandOption::Kind::kSeconds, "End after this many seconds (default: at Ctrl-C; at most 86400)"},
 };
 
 }  // namespace

@@ -51,7 +51,7 @@ Options:
                               Look for the module in this home folder
   --trust-module              Load the module although somebody else may change its file
   --reader NAME               The reader: its name, or a beginning that fits no other (default: the first with an initialised card)
-  --timeout N                 Give a call of the module this many seconds, 0 for any time (default: 30)
+  --timeout N                 Give a call of the module this many seconds, 0 for any time (default: 30; at most 86400)
   --json                      Print JSON for programs
   --trace FILE                Write each call of the module to this file, while it is made
   --replay FILE Excludes: --module --home
@@ -152,6 +152,11 @@ TEST_F(CommandLine, WordsItsRefusalsLikeThis) {
       {"login --pin-fd", "--pin-fd needs a value (N)"},
       {"login --pin-file", "--pin-file needs a value (FILE)"},
       {"login --pin-fd x", "the value of --pin-fd is no N"},
+      {"items --timeout 0.5", "the value \"0.5\" of --timeout is not a whole number from 0 to 86400"},
+      {"items --timeout -1", "the value \"-1\" of --timeout is not a whole number from 0 to 86400"},
+      {"items --timeout 99999999999",
+       "the value \"99999999999\" of --timeout is not a whole number from 0 to 86400"},
+      {"watch --for 0", "the value \"0\" of --for is not a whole number from 1 to 86400"},
       {"items --json=perhaps", "--json takes no such value"},
       {"items --json=false", "--json takes no such value"},
       {"items --verbose=loud", "--verbose takes no such value"},
