@@ -34,7 +34,7 @@ std::string causeText(const Finding& finding) {
 }
 
 std::string findingsTable(std::span<const Finding> findings) {
-  std::vector<std::vector<std::string>> rows{{"FINDING", "", "ABOUT", "WHAT IT IS, AND WHAT TO DO"}};
+  std::vector<std::vector<std::string>> rows{{"FINDING", "SEVERITY", "ABOUT", "WHAT IT IS, AND WHAT TO DO"}};
   for (const Finding& finding : findings) {
     if (finding.severity != Severity::kFailure && finding.severity != Severity::kWarning) continue;
     const FindingEntry& entry = entryOf(finding.id);

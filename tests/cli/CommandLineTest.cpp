@@ -257,9 +257,11 @@ TEST_F(CommandLine, ShowsBlocksOnATerminalThatIsTooNarrowForTheTable) {
     call.output = Output::kTerminal;
     call.columns = columns;
     call.environment["NO_COLOR"] = "1";
-    EXPECT_THAT(run(call).out,
+    const std::string shown = run(call).out;
+    EXPECT_THAT(shown,
                 HasSubstr("\r\nITEM: key\r\n  ID: 3031\r\n  LABEL: Certificate\r\n  WHAT IT IS: EC 256, "))
         << columns;
+    EXPECT_THAT(shown, HasSubstr("\r\nFINDING: MT-K06\r\n  SEVERITY: failure\r\n  ABOUT: ")) << columns;
   }
 }
 
