@@ -76,7 +76,8 @@ Result<ExitCode> carryOut(Options& options, RunRecorder& recorder) {
   }
   if (options.modulePath && !options.replay) {
     const auto folders = systemModuleFolders(*services.user);
-    const auto file = moduleFileFor(*options.modulePath, folders, options.trustModule);
+    const auto lookUp = options.command->usesModule ? moduleFileFor : moduleFileToExamine;
+    const auto file = lookUp(*options.modulePath, folders, options.trustModule);
     if (!file) return file.failure();
     options.modulePath = *file;
   }

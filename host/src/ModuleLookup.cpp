@@ -118,6 +118,18 @@ Failure unknownModule(const std::string& name, const ModuleFolders& folders) {
   return refusal(name, why, "give the module's path, or a name that is configured");
 }
 
+/// Nothing where the name is neither that of a file nor of a module that is configured.
+Result<std::optional<std::string>> knownFile(const std::string& name, const ModuleFolders& folders,
+                                             bool trusted) {
+  struct stat there {};
+  const bool isThere = lstat(name.c_str(), &there) == 0;
+  const bool isBareName = name.find('/') == std::string::npos;
+  if (!isBareName || (isThere && !S_ISDIR(there.st_mode))) return std::optional{name};
+  auto file = configuredFile(name, folders, trusted);
+  if (file && !*file && isThere) return std::optional{name};
+  return file;
+}
+
 }  // namespace
 
 ModuleFolders systemModuleFolders(UserDirectory& user) {
@@ -133,13 +145,16 @@ ModuleFolders systemModuleFolders(UserDirectory& user) {
 }
 
 Result<std::string> moduleFileFor(const std::string& name, const ModuleFolders& folders, bool trusted) {
-  struct stat there {};
-  const bool isBareName = name.find('/') == std::string::npos;
-  if (!isBareName || (lstat(name.c_str(), &there) == 0 && !S_ISDIR(there.st_mode))) return name;
-  auto file = configuredFile(name, folders, trusted);
+  auto file = knownFile(name, folders, trusted);
   if (!file) return file.failure();
   if (!*file) return unknownModule(name, folders);
   return **file;
+}
+
+Result<std::string> moduleFileToExamine(const std::string& name, const ModuleFolders& folders, bool trusted) {
+  auto file = knownFile(name, folders, trusted);
+  if (!file) return file.failure();
+  return file->value_or(name);
 }
 
 }  // namespace mirel

@@ -47,6 +47,16 @@ TEST_F(Doctor, SaysOfEachCheckWhatItSawAndThenWhatToDo) {
   EXPECT_THAT(linesOf(result.out).back(), ::testing::MatchesRegex("17 checks: 1 failure, .*skipped\\."));
 }
 
+TEST_F(Doctor, ExaminesAModuleByANameThatIsNotKnown) {
+  const Result result = examined(invocation(
+      {"--module", "nofile.so", "doctor", "--html", path("page.html"), "--bundle", path("bundle.txt")}));
+  EXPECT_EQ(result.exitCode, 20);
+  EXPECT_THAT(result.out,
+              HasSubstr("\n\nMT-M01  there is no module file\n  Seen    nofile.so: No such file"));
+  EXPECT_TRUE(exists("page.html"));
+  EXPECT_TRUE(exists("bundle.txt"));
+}
+
 TEST_F(Doctor, SaysTheSameAsJson) {
   const Json json = Json::parse(examined(staged("doctor --json", {{"INITIALIZE", "7"}})).out);
   EXPECT_EQ(json["verdict"], "failure");

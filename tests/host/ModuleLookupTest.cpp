@@ -65,10 +65,18 @@ TEST_F(ModuleLookup, LeavesAFileToTheUserWhoNamesOne) {
   fs::current_path(folder_.path());
   fs::create_directory("card");
   EXPECT_EQ(fileOf("card"), "/modules/user.so") << "a folder is no module";
+  fs::remove(path("user/card.module"));
+  EXPECT_EQ(fileOf("card"), "card") << "what it is, is told later";
   fs::remove("card");
   std::ofstream{"card"} << "";
   EXPECT_EQ(fileOf("card"), "card");
   fs::current_path(before);
+}
+
+TEST_F(ModuleLookup, TakesANameThatIsNotKnownForAMissingFileWhereThatIsExamined) {
+  EXPECT_EQ(*moduleFileToExamine("card", folders_, false), "card");
+  configure("user", "card", "module: user.so");
+  EXPECT_EQ(*moduleFileToExamine("card", folders_, false), "/modules/user.so");
 }
 
 TEST_F(ModuleLookup, NamesTheModulesThatAreConfigured) {

@@ -26,8 +26,14 @@ struct ModuleFolders {
 ///
 /// Fails when no module of that name is configured, naming those that are, and the one that may be meant.
 /// Fails for a configuration that is no text of such lines, and, unless `trusted`, for one that somebody else
-/// may change: he would choose the program's code.
+/// may change: he would choose the program's code. A folder that nothing else of its name stands for is left
+/// to chooseModule, which tells what it is.
 [[nodiscard]] Result<std::string> moduleFileFor(const std::string& name, const ModuleFolders& folders,
                                                 bool trusted);
+
+/// The same for who examines what is wrong with the module: a name that is not known is that of a file which
+/// is missing.
+[[nodiscard]] Result<std::string> moduleFileToExamine(const std::string& name, const ModuleFolders& folders,
+                                                      bool trusted);
 
 }  // namespace mirel
