@@ -181,7 +181,9 @@ Result<void> parse(std::span<char* const> line, std::optional<std::span<char* co
     declareOptions(parsers.recorded.emplace(), options, words, true);
     std::reverse(behind->begin(), behind->end());  // the parser takes them from the end
     parsers.recorded->parse(*behind);
-    if (!options.command) return wrongUsage("record needs a command that uses a card");
+    const bool usesCard =
+        options.command && options.command != &explainCommand && options.command != &traceCommand;
+    if (!usesCard) return wrongUsage("record needs a command that uses a card");
   }
   const CLI::App* const parsed[] = {parsers.recorded ? &*parsers.recorded : nullptr, &parsers.whole};
   options.words = wordsOf(parsed, options);

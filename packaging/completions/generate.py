@@ -19,6 +19,9 @@ FILES, FOLDERS, ALGORITHM, ANYTHING = "files", "folders", "algorithm", "anything
 VALUES = {"FILE": FILES, "PATH": FILES, "DIR": FOLDERS, "ID": ANYTHING, "N": ANYTHING, "NAME": ANYTHING,
           "COMMAND": ANYTHING}
 
+# What makes no recording, and cannot stand behind "record".
+NOT_RECORDED = {"watch", "explain", "record", "trace", "help"}
+
 OPTION = re.compile(
     r"^  (?P<names>-[^ ]+)(?: (?P<value>[A-Z]+)(?= |$))?(?: Excludes:(?P<excluded>(?: --[a-z-]+)+))?(?: +(?P<text>\S.*))?$"
 )
@@ -81,6 +84,19 @@ def algorithms():
     return names
 
 
+def findings(program):
+    """What `explain` explains."""
+    listed = subprocess.run([program, "explain"], check=True, capture_output=True, text=True).stdout
+    codes = re.findall(r"^(MT-\w+) ", listed, re.M)
+    if not codes:
+        raise SystemExit("generate.py finds no finding")
+    return codes
+
+
+def recorded_in(commands):
+    return [name for name in commands if name not in NOT_RECORDED]
+
+
 def quoted(text):
     return "'" + text.replace("'", "'\\''") + "'"
 
@@ -89,7 +105,7 @@ def words_of(options):
     return " ".join(name for option in options for name in option.names)
 
 
-def bash(common, commands):
+def bash(common, commands, codes):
     every = common + [option for _, options in commands.values() for option in options]
     by_value = {}
     for option in every:
@@ -100,7 +116,7 @@ def bash(common, commands):
         "# Completions of mireltoken for bash.",
         REMARK,
         "_mireltoken() {",
-        '  local cur=${COMP_WORDS[COMP_CWORD]} prev="" command="" options word i',
+        '  local cur=${COMP_WORDS[COMP_CWORD]} prev="" command="" options word words=0 i',
         "  COMPREPLY=()",
         "  # What stands before the word, in the words of bash: --in=FILE is three of them.",
         '  [ "$COMP_CWORD" -gt 0 ] && prev=${COMP_WORDS[COMP_CWORD - 1]}',
@@ -115,7 +131,10 @@ def bash(common, commands):
         f"      {'|'.join(sum(by_value.values(), []))})",
         "        [ \"${COMP_WORDS[i + 1]}\" != = ] || i=$((i + 1))",
         "        i=$((i + 1)) ;;",
-        f"      {'|'.join(commands)}) command=$word; break ;;",
+        "      record) [ -n \"$command\" ] || command=record ;;",
+        f"      {'|'.join(name for name in commands if name != 'record')})",
+        '        case $command in ""|record) command=$word ;; *) words=$((words + 1)) ;; esac ;;',
+        '      [!-]*) words=$((words + 1)) ;;',
         "    esac",
         "  done",
         "",
@@ -143,6 +162,10 @@ def bash(common, commands):
         '    -*) _mireltoken_words "$options" "$cur" ;;',
         f"    *,) _mireltoken_words {quoted(names)} \"$cur\" ;;",
         f"    *,help) _mireltoken_words {quoted(others)} \"$cur\" ;;",
+        f"    *,record) _mireltoken_words {quoted(' '.join(recorded_in(commands)))} \"$cur\" ;;",
+        f"    *,explain) _mireltoken_words {quoted(' '.join(codes))} \"$cur\" ;;",
+        "    *,trace)",
+        '      case $words in 0) _mireltoken_words show "$cur" ;; *) _mireltoken_paths -f "$cur" ;; esac ;;',
         '    *) _mireltoken_words "" "$cur" ;;',
         "  esac",
         "}",
@@ -175,7 +198,7 @@ def zsh_option(option):
     return [quoted(f"({barred}){name}[{text}]") + (action and f"'{action}'") for name in names]
 
 
-def zsh(common, commands):
+def zsh(common, commands, codes):
     def listed(options, indent):
         return "".join(f" \\\n{indent}{word}" for option in options for word in zsh_option(option))
 
@@ -188,9 +211,16 @@ def zsh(common, commands):
     lines += [f"    {word}" for option in common for word in zsh_option(option)]
     lines += ["  )", "  _arguments -C $common '1: :->command' '*:: :->rest' && return", "  case $state in"]
     lines += ["    command) _describe -t commands command commands ;;", "    rest)", "      case $words[1] in"]
+    places = {
+        "help": ["1: :{_describe -t commands command commands}"],
+        "explain": [f"1:finding:({' '.join(codes)})"],
+        "record": [f"1:command:({' '.join(recorded_in(commands))})", "*:word:_files"],
+        "trace": ["1:action:(show)", "2:file:_files"],
+    }
     for name, (_, options) in commands.items():
-        places = " \\\n          '1: :{_describe -t commands command commands}'" if name == "help" else ""
-        lines.append(f"        {name}) _arguments $common{listed(options, ' ' * 10)}{places} ;;")
+        words = places.get(name, [])
+        behind = "".join(f" \\\n          {quoted(word)}" for word in words)
+        lines.append(f"        {name}) _arguments $common{listed(options, ' ' * 10)}{behind} ;;")
     lines += ["      esac ;;", "  esac", "}", "", '_mireltoken "$@"']
     return "\n".join(lines) + "\n"
 
@@ -209,7 +239,7 @@ def fish_quoted(text):
     return "'" + text.replace("\\", "\\\\").replace("'", "\\'") + "'"
 
 
-def fish(common, commands):
+def fish(common, commands, codes):
     names = " ".join(commands)
     lines = ["# Completions of mireltoken for fish.", REMARK, "set -l algorithms " + " ".join(algorithms())]
     lines.append("complete -c mireltoken -f")
@@ -221,16 +251,26 @@ def fish(common, commands):
     others = " ".join(name for name in commands if name != "help")
     place = fish_quoted(f"__fish_seen_subcommand_from help; and not __fish_seen_subcommand_from {others}")
     lines.append(f"complete -c mireltoken -n {place} -a {fish_quoted(others)}")
+    recorded = " ".join(recorded_in(commands))
+    for seen, unseen, words in [
+        ("record", recorded, f"-a {fish_quoted(recorded)}"),
+        ("explain", "help", f"-a {fish_quoted(' '.join(codes))}"),
+        ("trace", "show help", "-a show"),
+        ("show", "help", "-F"),
+    ]:
+        place = fish_quoted(f"__fish_seen_subcommand_from {seen}; and not __fish_seen_subcommand_from {unseen}")
+        lines.append(f"complete -c mireltoken -n {place} {words}")
     return "\n".join(lines) + "\n"
 
 
 def generate(program):
     """The texts by the names of their files."""
     common, commands = read(program)
+    codes = findings(program)
     return {
-        "mireltoken.bash": bash(common, commands),
-        "_mireltoken": zsh(common, commands),
-        "mireltoken.fish": fish(common, commands),
+        "mireltoken.bash": bash(common, commands, codes),
+        "_mireltoken": zsh(common, commands, codes),
+        "mireltoken.fish": fish(common, commands, codes),
     }
 
 

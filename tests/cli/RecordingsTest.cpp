@@ -203,6 +203,8 @@ TEST_F(Recordings, AreNotMadeWhereThatMakesNoSense) {
       {"record --out " + path("out"), "record needs a command that uses a card"},
       {"record --out " + path("out") + " -v", "record needs a command that uses a card"},
       {"record --out " + path("out") + " help", "record needs a command"},
+      {"record --out " + path("out") + " explain", "record needs a command"},
+      {"record --out " + path("out") + " trace show " + path("text"), "record needs a command"},
       {"record --out " + path("out") + " watch --for 1", "watch cannot be recorded, since each card"},
       {"record --out " + path("out") + " record --out x items", "there is no \"record\""},
       {"record --out " + path("out") + " items --colour", "there is no \"--colour\""},
