@@ -175,7 +175,7 @@ constexpr FindingEntry kEntries[] = {
      "a trial text was not decrypted to what it was before", "ask the maker of the module", kMaker},
     {kPkcs1NotTried, "MT-K10", "whether the key makes PKCS #1 v1.5 signatures is not known",
      "TLS 1.2 with rsa_pkcs1, CMS (S/MIME) and most PDF signers ask for them, and only a trial tells",
-     "try the keys with: mireltoken doctor --login", kYou},
+     "have the keys tried, which takes a login", kYou},
     // The PIN.
     {kPinLocked, "MT-P01", "the PIN is locked", "no key of the card can be used",
      "unlock the PIN with the PUK, or have the card's issuer unlock it", kIssuer},
@@ -200,8 +200,8 @@ constexpr FindingEntry kEntries[] = {
      "enter the PIN of this card; look at the tries that are left before that", kYou},
     {kLoginNotMade, "MT-P09", "the login that was asked for was not made",
      "no key was tried, so whether the keys work is not known",
-     "name the reader where there are several cards (--reader), and give the PIN: at the terminal, or with "
-     "--pin-file or --pin-fd",
+     "name the reader where there are several cards, and give the PIN at the terminal, in a file or by an "
+     "open descriptor",
      kYou},
     {kPinToBeChanged, "MT-P10", "the PIN has to be changed first",
      "it is the one that the card came with, or out of date, and the card may refuse to work with it",

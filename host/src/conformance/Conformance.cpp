@@ -58,7 +58,7 @@ void testCard(Host& host, const P11Bridge& bridge, const Examination& wanted, Ru
   CardReport report = host.examine(*card);
   const auto pins = wanted.pins && isOnly ? wanted.pins(host, card->reader) : nullptr;
   const char* whyNotAsWanted =
-      wanted.pins && !isOnly ? "there are several cards, and no reader was named (--reader)" : "";
+      wanted.pins && !isOnly ? "there are several cards, and no reader was named" : "";
   const bool loggedIn = testKeys(host, bridge, *card, pins.get(), whyNotAsWanted, report, results, abilities);
   const auto keys = keysOf(*card);
   const bool signs =
