@@ -81,7 +81,8 @@ void addReport(const CardReport& report, std::size_t numItems, bool withTrials, 
       countOf(numItems, "item") + " published, " + countOf(report.unpublished.size(), "object") + " not";
   const auto numExpected = std::count_if(report.unpublished.begin(), report.unpublished.end(),
                                          [](const UnpublishedObject& object) { return object.expected; });
-  if (numExpected > 0) text += ", of which " + std::to_string(numExpected) + " of an issuer, as it should be";
+  if (numExpected > 0)
+    text += ", " + std::to_string(numExpected) + " of them of an issuer, which needs no key";
   checks.add(kObjects, std::move(text), findingsOf('C', report));
   checks.add(kKeys, textOf(report.keys), keyFindings(report, withTrials));
 }
