@@ -338,17 +338,23 @@ bool CardFindings::areOfOneKey(const Text& id) const {
 }
 
 void CardFindings::addKeys(const std::vector<PublishedKey>& keys, CardReport& report) {
-  std::map<std::u16string, const PublishedKey*> seen;
+  struct First {
+    const PublishedKey* key;
+    bool sharesIDWithOtherKey;
+  };
+  std::map<std::u16string, First> seen;
   for (const PublishedKey& key : keys) {
     KeyReport& own = report.keys.emplace_back();
     own.objectID = key.objectID;
-    const PublishedKey& first = *seen.emplace(key.objectID.units(), &key).first->second;
-    const bool isRepeated = &first != &key;
-    addKey(key, isRepeated, own);
-    own.sharesIDWithOtherKey = has(kIDShared, key.objectID) && hasSeveralKeys(key.objectID);
+    const auto [first, isNew] = seen.try_emplace(std::u16string{key.objectID.units()}, First{&key, false});
+    if (isNew)
+      first->second.sharesIDWithOtherKey = has(kIDShared, key.objectID) && hasSeveralKeys(key.objectID);
+    own.sharesIDWithOtherKey = first->second.sharesIDWithOtherKey;
+    addKey(key, !isNew, own);
     // With another certificate of the same key the first one does the same.
-    const bool isAlike = has(kCertificatesOfOneKey, key.objectID) && operationOf(key) == operationOf(first);
-    own.works = phraseFor(key, isRepeated && !isAlike);
+    const bool isAlike =
+        has(kCertificatesOfOneKey, key.objectID) && operationOf(key) == operationOf(*first->second.key);
+    own.works = phraseFor(key, !isNew && !isAlike);
     own.worksForNothing = own.works.starts_with("nothing");
   }
 }

@@ -143,7 +143,7 @@ std::string reasonText(const FailedCall& cause) {
 Failure failureBecauseOf(const FailedCall& cause, std::string what, FailureKind kindElse) {
   const CodeMeaning& meaning = meaningOf(cause.name, cause.result);
   return {meaning.kind.value_or(kindElse), std::move(what), reasonText(cause), meaning.remedy,
-          isOfDevice(cause.result)};
+          isOfDevice(cause.result),        cause.result};
 }
 
 }  // namespace mirel

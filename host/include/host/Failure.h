@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdint>
+#include <optional>
 #include <string>
 
 #include "host/Advice.h"
@@ -38,10 +40,11 @@ enum class FailureKind {
 /// A failure as the user is told it, UTF-8, each text without a full stop or line end.
 struct Failure {
   FailureKind kind = FailureKind::kInternal;
-  std::string what;           ///< what did not work
-  std::string why;            ///< as the loader or the module says it
-  Advice advice;              ///< what the user can try
-  bool isCauseKnown = false;  ///< `why` is the cause, and nothing of the card's objects can be it
+  std::string what;                       ///< what did not work
+  std::string why;                        ///< as the loader or the module says it
+  Advice advice;                          ///< what the user can try
+  bool isCauseKnown = false;              ///< `why` is the cause, and nothing of the card's objects can be it
+  std::optional<std::uint64_t> result{};  ///< what the Cryptoki call answered that failed, if one did
 };
 
 }  // namespace mirel

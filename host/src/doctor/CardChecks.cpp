@@ -5,7 +5,6 @@
 
 #include "bridge/cryptoki.h"
 #include "doctor/KeyTrials.h"
-#include "host/CryptokiNames.h"
 #include "host/Display.h"
 #include "host/DistinctItems.h"
 #include "host/KeyClient.h"
@@ -130,11 +129,8 @@ bool checkLogin(const Result<void>& accepted, const CardReport& report, Checks& 
     case FailureKind::kCancelled: missLogin(checks, why); return false;
     default: break;
   }
-  const auto answered = [&](CK_RV code) {
-    return failure.why.find(cryptokiResultText(code)) != std::string::npos;
-  };
-  if (answered(CKR_USER_PIN_NOT_INITIALIZED)) return refused(kPinNotSet);
-  return refused(answered(CKR_PIN_EXPIRED) ? kPinToBeChanged : kLoginFails);
+  if (failure.result == CKR_USER_PIN_NOT_INITIALIZED) return refused(kPinNotSet);
+  return refused(failure.result == CKR_PIN_EXPIRED ? kPinToBeChanged : kLoginFails);
 }
 
 void tryKeys(Host& host, const InsertedCard& card, const CardReport& report, PinSource& pins,

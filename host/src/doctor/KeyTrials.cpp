@@ -5,7 +5,6 @@
 
 #include "RsaEncoding.h"
 #include "bridge/cryptoki.h"
-#include "host/CryptokiNames.h"
 #include "host/Display.h"
 #include "host/InputSource.h"
 #include "host/KeyChoice.h"
@@ -77,8 +76,7 @@ Finding trialFinding(FindingID id, const CardReport& report, const PublishedKey&
                      const Failure& failure) {
   const auto known = std::find_if(report.keys.begin(), report.keys.end(),
                                   [&](const KeyReport& one) { return one.objectID == key.objectID; });
-  const bool wantsPin = failure.why.find(cryptokiResultText(CKR_USER_NOT_LOGGED_IN)) != std::string::npos &&
-                        known != report.keys.end() &&
+  const bool wantsPin = failure.result == CKR_USER_NOT_LOGGED_IN && known != report.keys.end() &&
                         std::any_of(known->findings.begin(), known->findings.end(),
                                     [](const Finding& finding) { return finding.id == kPinForEachUse; });
   return {wantsPin ? kPinForEachUse : id, saysNothing(failure) ? Severity::kUnknown : Severity::kFailure,
