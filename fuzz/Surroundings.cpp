@@ -125,10 +125,12 @@ CardServiceView serviceFrom(Input& input) {
   return view;
 }
 
-/// The PINs, each also in hexadecimal digits, as far as the input does not have them.
+/// The PINs, each also in hexadecimal digits, as far as the input does not have them, nor what is shown of it:
+/// an escape ends with digits.
 std::vector<std::string> secretsOf(const std::vector<std::string>& pins,
                                    std::span<const std::uint8_t> input) {
-  const std::string_view given{reinterpret_cast<const char*>(input.data()), input.size()};
+  std::string given{input.begin(), input.end()};
+  given += printableLine(given);
   const auto isGiven = [&](const std::string& text) { return given.find(text) != std::string_view::npos; };
   std::vector<std::string> secrets;
   for (const std::string& pin : pins) {
