@@ -12,6 +12,8 @@ test_packages="libgtest-dev libgmock-dev libp11-kit-dev clang dbus libc-l10n pyt
 # machine's own service would offer its readers, and take cards for them from the network.
 reader_packages="pcscd"
 unpacked_packages="vsmartcard-vpcd"
+# For tests of what shells complete, where they are offered.
+shell_packages="zsh fish"
 
 # The one version of clang-format and clang-tidy that counts: each other wants other lines and finds other things.
 checking_version=14
