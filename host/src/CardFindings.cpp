@@ -69,13 +69,16 @@ ByteSpan withoutZeros(ByteSpan number) {
   return number;
 }
 
-/// The point of a CKA_EC_POINT, which some modules wrap (PKCS #11, section 2.3.3) and some do not.
+/// The point of a CKA_EC_POINT, which some modules wrap (PKCS #11, section 2.3.3) and some do not. The header
+/// of the wrapping begins like an uncompressed point, so what it would wrap has to begin like a point, too.
 ByteSpan pointIn(ByteSpan value) {
-  const bool isWrapped = value.size() > 2 && value[0] == 0x04 && value[1] == value.size() - 2;
-  const bool isLongWrapped =
-      value.size() > 3 && value[0] == 0x04 && value[1] == 0x81 && value[2] == value.size() - 3;
-  if (isWrapped) return value.subspan(2);
-  return isLongWrapped ? value.subspan(3) : value;
+  const auto wraps = [&](std::size_t headerSize) {
+    return value.size() > headerSize && value[0] == 0x04 &&
+           value[headerSize - 1] == value.size() - headerSize && value[headerSize] >= 0x02 &&
+           value[headerSize] <= 0x04;
+  };
+  if (wraps(2)) return value.subspan(2);
+  return wraps(3) && value[1] == 0x81 ? value.subspan(3) : value;
 }
 
 bool areEqual(ByteSpan a, ByteSpan b) { return std::equal(a.begin(), a.end(), b.begin(), b.end()); }

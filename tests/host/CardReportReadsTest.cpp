@@ -286,9 +286,9 @@ TEST_F(CardReportReads, AskOneByOneWhereThatDoesNotWork) {
   for (const auto& [what, change] : rows) {
     SCOPED_TRACE(what);
     script.hook<&CK_FUNCTION_LIST::C_GetAttributeValue>(
-        [&, change = change](auto real, auto session, auto object, CK_ATTRIBUTE* attributes, CK_ULONG count) {
+        [&, answer = change](auto real, auto session, auto object, CK_ATTRIBUTE* attributes, CK_ULONG count) {
           const CK_RV rv = real(session, object, attributes, count);
-          return count == 3 && rv == CKR_OK ? change(attributes) : rv;
+          return count == 3 && rv == CKR_OK ? answer(attributes) : rv;
         });
     const CardReport report = host.examine(card);
     EXPECT_THAT(report.unpublished, IsEmpty());
