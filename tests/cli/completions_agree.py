@@ -82,8 +82,8 @@ class Shell:
             self.expect(folder, ["--"], self.long(program.common))
             self.expect(folder, ["help", ""], [command for command in program.commands if command != "help"])
             recorded = [name for name in program.commands if name not in ("watch", "explain", "record", "trace", "help")]
-            self.expect(folder, ["record", "--out", "x", ""], recorded)
-            self.expect(folder, ["record", "--out", "x", "items", ""], [])
+            self.expect(folder, ["record", "--out", "file.jsonl", ""], recorded)
+            self.expect(folder, ["record", "--out", "file.jsonl", "items", ""], [])
             self.expect(folder, ["explain", "MT-R02"], ["MT-R02"])
             self.expect(folder, ["trace", ""], ["show"])
             self.expect(folder, ["trace", "show", "lett"], ["letter one.txt", "letters"])
