@@ -125,8 +125,8 @@ CardServiceView serviceFrom(Input& input) {
   return view;
 }
 
-/// The PINs, each also in hexadecimal digits, as far as the input does not have them, nor what is shown of it:
-/// an escape ends with digits.
+/// The PINs, each also in hexadecimal digits, as far as the input does not have them, nor what is shown of
+/// it: an escape ends with digits.
 std::vector<std::string> secretsOf(const std::vector<std::string>& pins,
                                    std::span<const std::uint8_t> input) {
   std::string given{input.begin(), input.end()};
