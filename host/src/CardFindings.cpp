@@ -331,6 +331,7 @@ bool CardFindings::hasSeveralKeys(const Text& id) const {
 
 /// Whether all objects of that ID were read, and belong to one key.
 bool CardFindings::areOfOneKey(const Text& id) const {
+  if (!contents_.failedRead.empty() || contents_.morePublicKeys || contents_.moreCertificates) return false;
   const auto isRead = [&](const CardObject& certificate) {
     if (!(certificate.about.id == id)) return true;
     const auto fields = fieldsOfCertificate(certificate.data.view());

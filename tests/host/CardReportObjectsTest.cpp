@@ -1,5 +1,7 @@
 /// What a report says of the objects of a card.
 
+#include <openssl/ec.h>
+
 #include <algorithm>
 
 #include "host/CardReportTest.h"
@@ -171,6 +173,18 @@ TEST_F(CardReportObjects, TakesAPointWithoutItsHeaderAndACompressedOne) {
     lastObject(2) = lastObject(2).with(CKA_EC_POINT, other);
     EXPECT_THAT(troubles(report()), Contains("MT-C11"));
   }
+}
+
+TEST_F(CardReportObjects, TakesABarePointThatBeginsLikeAWrappedOne) {
+  const auto makeKey = [] { return SoftwareKey{EVP_EC_gen("P-256")}; };
+  SoftwareKey key = makeKey();
+  // One key in 256 has such a point.
+  for (int tries = 0; tries < 10000 && pointOf(key)[1] != 63; ++tries) key = makeKey();
+  ASSERT_EQ(pointOf(key)[1], 63);
+  addEcKey("01", "Curve", kForSigning);
+  lastObject(2) = lastObject(2).with(CKA_EC_POINT, pointOf(key));
+  lastObject() = lastObject().with(CKA_VALUE, key.certificate(kForSigning));
+  EXPECT_THAT(troubles(report()), Not(Contains("MT-C11")));
 }
 
 TEST_F(CardReportObjects, TellsWhichObjectsShareAnID) {

@@ -61,6 +61,7 @@ class CardReportReads : public CardReportTest {
     addPublicKey("05", "Two keys, the first is right");
     addPublicKey("05", "Two keys, the second is wrong", otherRsa());
     addCertificate("05", "Two keys");
+    addCertificate("05", "Two keys, renewed");
     addPublicKey("06", "Private");
     lastObject() = lastObject().with(CKA_PRIVATE, boolValue(true));
     addPrivateKey("06", "Private");
