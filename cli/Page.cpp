@@ -3,67 +3,11 @@
 #include <array>
 #include <ctime>
 
+#include "PageStyle.h"
 #include "host/Display.h"
 #include "platform/Text.h"
 
 namespace mirel::cli {
-namespace {
-
-constexpr std::string_view kStyle = R"css(
-:root { color-scheme: light dark;
-  --page: #ffffff; --text: #1b1f24; --quiet: #545d68; --line: #c9d1d9; --box: #f5f7f9;
-  --ok: #17692f; --warning: #825000; --failure: #b3140f; --unknown: #5f3dab; --skipped: #545d68; }
-@media (prefers-color-scheme: dark) { :root {
-  --page: #14181d; --text: #e8ecf0; --quiet: #a9b4c0; --line: #3a434d; --box: #1e242b;
-  --ok: #6fd08c; --warning: #f0b849; --failure: #ff8f87; --unknown: #c4aaff; --skipped: #a9b4c0; } }
-* { box-sizing: border-box; }
-body { margin: 0; background: var(--page); color: var(--text);
-  font: 1rem/1.5 system-ui, -apple-system, "Segoe UI", "Liberation Sans", "DejaVu Sans", sans-serif; }
-main { max-width: 60rem; margin: 0 auto; padding: 1rem; overflow-wrap: anywhere; }
-h1 { font-size: 1.6rem; margin: .5rem 0; }
-h2 { font-size: 1.25rem; margin: 2rem 0 .75rem; }
-h3 { font-size: 1.05rem; margin: 0 0 .5rem; }
-dl { margin: 0; display: grid; grid-template-columns: 6.5rem 1fr; gap: .25rem .75rem; }
-dt { color: var(--quiet); } dd { margin: 0; }
-article { border: 1px solid var(--line); border-left: .4rem solid var(--tone); border-radius: .4rem;
-  background: var(--box); padding: .75rem 1rem; margin: 0 0 1rem; }
-svg { display: block; width: 100%; height: auto; margin: 0 auto; }
-svg.wide { max-width: 56rem; } svg.tall { display: none; max-width: 24rem; }
-svg text { fill: var(--text); font-size: 15px; }
-svg .name { font-weight: 600; }
-svg .word { fill: var(--tone); }
-svg .road { stroke: var(--line); stroke-width: 4; }
-svg .sign { fill: none; stroke: var(--page); stroke-width: 3.5; stroke-linecap: round; stroke-linejoin: round; }
-svg circle { fill: var(--tone); }
-.verdict { font-size: 1.1rem; } .quiet { color: var(--quiet); }
-.mark { color: var(--tone); font-weight: 600; white-space: nowrap; }
-.ok { --tone: var(--ok); } .warning { --tone: var(--warning); } .failure { --tone: var(--failure); }
-.unknown { --tone: var(--unknown); } .skipped { --tone: var(--skipped); }
-table { width: 100%; border-collapse: collapse; }
-th, td { text-align: left; vertical-align: top; padding: .4rem .6rem .4rem 0; border-bottom: 1px solid var(--line); }
-th, td.name, td.codes { overflow-wrap: normal; } td.name, td.codes { white-space: nowrap; }
-tr.card th { overflow-wrap: anywhere; }
-tr.card th { padding-top: 1.2rem; }
-@media (max-width: 40rem) {
-  svg.wide { display: none; } svg.tall { display: block; }
-  dl { grid-template-columns: 1fr; gap: 0; } dd { margin-bottom: .5rem; }
-  table, tbody, tr, td, tr.card th { display: block; } thead { display: none; }
-  tr { padding: .5rem 0; border-bottom: 1px solid var(--line); }
-  th, td { padding: 0; border: 0; } td.codes { white-space: normal; }
-  td.mark, td.name { display: inline; } td.name { font-weight: 600; padding-left: .5rem; }
-}
-@media print {
-  :root { color-scheme: light; --page: #ffffff; --text: #000000; --quiet: #333333; --line: #999999;
-    --box: #ffffff; --ok: #17692f; --warning: #825000; --failure: #b3140f; --unknown: #5f3dab;
-    --skipped: #333333; }
-  * { -webkit-print-color-adjust: exact; print-color-adjust: exact; }
-  main { max-width: none; padding: 0; } body { font-size: 10.5pt; }
-  article, tr, svg { break-inside: avoid; } h2, h3, thead { break-after: avoid; }
-}
-)css";
-
-}  // namespace
-
 const SeverityLook& lookOf(Severity severity) {
   static constexpr SeverityLook kOk{"ok", "\u2713", "M-8 1 L-3 6 L8 -6", "works"};
   static constexpr SeverityLook kSkipped{"skipped", "\u2013", "M-7 0 L7 0", "not looked at"};
@@ -145,7 +89,7 @@ std::string pageWith(const PageTop& top, std::string_view sections) {
       "<meta http-equiv=\"Content-Security-Policy\" content=\"default-src 'none'; style-src "
       "'unsafe-inline'\"/>\n";
   page += pageElement("title", top.title) + "\n<style>";
-  page.append(kStyle).append("</style>\n</head>\n<body>\n<main>\n<header>\n");
+  page.append(kPageStyle).append("</style>\n</head>\n<body>\n<main>\n<header>\n");
   page +=
       pageElement("h1", top.title) + "\n<p class=\"verdict\">" + pageMark(top.verdict, top.words) + "</p>\n";
   page += "<p class=\"quiet\">" + escapedForPage(top.date) + "</p>\n</header>\n";
