@@ -167,7 +167,7 @@ def check_no_clang(checks, machine):
     code, shown, calls = machine.check()
     checks.equal(f"no numbered clang: {shown}", code, 0)
     checks.equal("the one without a number", compilers_of(checks, calls)["asan"], ("clang++", "clang++"))
-    left = "^(fuzz|macos|bridge|framework|provider|token|platform)$"
+    left = "^(fuzz|macos|bridge|framework|provider|token|platform|host)$"
     pages = "^end_to_end_tests:Examples|^completions"
     checks.equal("all that is tested", tested(calls),
                  [("release", "-E", "^faults:", "-LE", left), ("asan", "-LE", "^sources$", "-E", pages),
