@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "TextWidth.h"
 #include "platform/Log.h"
 
 namespace mirel::cli {
@@ -10,7 +11,7 @@ namespace {
 
 constexpr std::chrono::seconds kPatience{2};
 constexpr std::chrono::milliseconds kPause{200};  // between two lines
-constexpr std::size_t kMostBytes = 79;            // of a line, which must not go on in the next one
+constexpr std::size_t kMostColumns = 79;          // of a line, which must not go on in the next one
 
 void write(int descriptor, const std::string& text) {
   (void)!::write(descriptor, text.data(), text.size());  // there is nowhere else to tell it
@@ -58,16 +59,11 @@ bool Progress::isDue() {
 }
 
 void Progress::show(const std::string& state) {
-  std::string line = printableLine(what_ + ": " + state);
-  // A character that is cut in its middle would be shown as a strange one.
-  if (line.size() > kMostBytes) {
-    line.resize(kMostBytes);
-    while (!line.empty() && static_cast<unsigned char>(line.back()) >= 0x80U) line.pop_back();
-  }
-  const std::size_t size = line.size();
-  if (size < width_) line.append(width_ - size, ' ');  // over the rest of the last one
+  std::string line{firstColumns(printableLine(what_ + ": " + state), kMostColumns)};
+  const std::size_t width = columnsOf(line);
+  if (width < width_) line.append(width_ - width, ' ');  // over the rest of the last one
   write(descriptor_, "\r" + line);
-  width_ = size;
+  width_ = width;
 }
 
 }  // namespace mirel::cli

@@ -51,6 +51,11 @@ bool isIn(const std::array<Range, kCount>& ranges, char32_t character) noexcept 
   return range != ranges.end() && range->first <= character;
 }
 
+std::size_t columnsOf(char32_t character) noexcept {
+  if (isIn(kWithoutWidth, character)) return 0;
+  return isIn(kWide, character) ? 2 : 1;
+}
+
 }  // namespace
 
 std::size_t columnsOf(std::string_view utf8) noexcept {
@@ -58,10 +63,21 @@ std::size_t columnsOf(std::string_view utf8) noexcept {
   while (!utf8.empty()) {
     const DecodedCharacter next = decodedFromUtf8(utf8);
     utf8.remove_prefix(next.size);
-    if (isIn(kWithoutWidth, next.character)) continue;
-    columns += isIn(kWide, next.character) ? 2U : 1U;
+    columns += columnsOf(next.character);
   }
   return columns;
+}
+
+std::string_view firstColumns(std::string_view utf8, std::size_t columns) noexcept {
+  std::size_t size = 0;
+  while (size < utf8.size()) {
+    const DecodedCharacter next = decodedFromUtf8(utf8.substr(size));
+    const std::size_t width = columnsOf(next.character);
+    if (width > columns) break;
+    columns -= width;
+    size += next.size;
+  }
+  return utf8.substr(0, size);
 }
 
 }  // namespace mirel::cli

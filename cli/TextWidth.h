@@ -10,4 +10,7 @@ namespace mirel::cli {
 /// table of our own, so that it does not depend on the locale.
 [[nodiscard]] std::size_t columnsOf(std::string_view utf8) noexcept;
 
+/// As many of the first characters of a text (UTF-8) as fit in that many columns.
+[[nodiscard]] std::string_view firstColumns(std::string_view utf8, std::size_t columns) noexcept;
+
 }  // namespace mirel::cli

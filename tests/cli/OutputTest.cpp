@@ -80,6 +80,15 @@ TEST(ColumnsOf, CountsWideCharactersTwiceAndCombiningOnesNot) {
   for (const auto& [text, columns] : rows) EXPECT_EQ(columnsOf(text), columns) << text;
 }
 
+TEST(FirstColumns, CutNoCharacter) {
+  const std::string text =
+      "a\xE7\x8D\xB7"
+      "e\xCC\x81z";  // of one, two, one column with its accent, and one
+  const std::pair<std::size_t, std::size_t> rows[] = {{0, 0}, {1, 1}, {2, 1}, {3, 4}, {4, 7}, {5, 8}, {6, 8}};
+  for (const auto& [columns, size] : rows)
+    EXPECT_EQ(firstColumns(text, columns), text.substr(0, size)) << columns;
+}
+
 TEST(FailureLine, SaysWhatIsKnownAndNamesTheOptionThatAStepTakes) {
   const struct {
     const char* why;

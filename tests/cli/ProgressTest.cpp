@@ -73,6 +73,20 @@ TEST_F(ProgressLine, StaysOneLine) {
   EXPECT_EQ(shown().size(), 1U + 79U + 1U);
 }
 
+TEST_F(ProgressLine, HasWholeCharactersAndIsTakenAwayByItsColumns) {
+  std::string wide;
+  for (int i = 0; i < 40; ++i) wide += "\xE7\x8D\xB7";  // two columns each
+  {
+    Progress work = progress();
+    now_ += 3s;
+    work.doneSteps(1, wide);
+  }
+  const std::string line = "reading: 1 done, next ";
+  const std::size_t most = (79 - line.size()) / 2;
+  const std::size_t columns = line.size() + 2 * most;
+  EXPECT_EQ(shown(), "\r" + line + wide.substr(0, 3 * most) + "\r" + std::string(columns, ' ') + "\r|");
+}
+
 TEST_F(ProgressLine, IsNotShownWhereItIsNotWantedOrThereIsNoTerminal) {
   int ends[2]{};
   ASSERT_EQ(pipe(ends), 0);
