@@ -98,6 +98,13 @@ TEST_F(Watching, TellsPeopleInOneLine) {
                             "  insertion  \"Card\" [0-9a-f]+: 1 key, 1 certificate; .*\n$"));
 }
 
+TEST_F(Watching, AsksNoMoreOfACardServiceThatHasAnswered) {
+  tell({{"Card", kCard}});
+  const Result result = run(watching({"--for", "4"}));  // more than its first answer may take
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_THAT(result.err, IsEmpty());
+}
+
 TEST_F(Watching, TakesASwapForARemovalAndAnInsertion) {
   tell({{"Card", kCard}});
   RunningChild child{watching("--json")};
