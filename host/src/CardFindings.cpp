@@ -41,8 +41,7 @@ bool isOfOneObject(FindingID id) noexcept {
     case kKeyNameWithPss:
     case kNoKeyAgreement:
     case kKeyIDTooLong:
-    case kSignatureFails:
-    case kDecryptionFails: return true;
+    case kUseNotAllowed: return true;
     default: return false;
   }
 }
@@ -397,9 +396,9 @@ void CardFindings::addKey(const PublishedKey& key, bool isRepeated, KeyReport& r
   if (privateKey->alwaysAuthenticate == true)
     tell(kPinForEachUse, kWarning, "CKA_ALWAYS_AUTHENTICATE of its private key is true");
   if (operation == KeyOperation::kSign && privateKey->maySign == false)
-    tell(kSignatureFails, kFailure, "CKA_SIGN of its private key is false");
+    tell(kUseNotAllowed, kFailure, "CKA_SIGN of its private key is false");
   if (operation == KeyOperation::kDecrypt && privateKey->mayDecrypt == false)
-    tell(kDecryptionFails, kFailure, "CKA_DECRYPT of its private key is false");
+    tell(kUseNotAllowed, kFailure, "CKA_DECRYPT of its private key is false");
 }
 
 std::string CardFindings::phraseFor(const PublishedKey& key, bool isShadowed) const {
@@ -415,14 +414,15 @@ std::string CardFindings::phraseFor(const PublishedKey& key, bool isShadowed) co
       {kRsaKeyTooLong, "RSA keys above 2048 bits never sign here"},
       {kKeyNameWithPss, "its name contains \"PSS\", so its signatures are not handed out"},
       {kCertificateOfOtherKey, "its certificate belongs to another key"},
-      {kSignatureFails, "the card does not allow its private key to sign"},
-      {kDecryptionFails, "the card does not allow its private key to decrypt"},
   };
   if (has(kEcKeyNeverSigns, key.objectID))
     return key.canSign ? "nothing: EC keys never sign here" : "nothing: EC keys never decrypt here";
   for (const auto& row : kNothing) {
     if (has(row.id, key.objectID)) return std::string{"nothing: "} + row.phrase;
   }
+  if (has(kUseNotAllowed, key.objectID))
+    return std::string{"nothing: the card does not allow its private key to "} +
+           (key.canSign ? "sign" : "decrypt");
   const std::string once = has(kPinForEachUse, key.objectID) ? "; at most once after each login" : "";
   if (key.canSign) return signingPhrase(ModulePadding::kUnknown) + once;
   return "decrypts PKCS #1 v1.5; not OAEP" + once;

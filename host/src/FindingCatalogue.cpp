@@ -92,6 +92,9 @@ constexpr FindingEntry kEntries[] = {
      "what was left to look at is not known, and no key is to blame for that",
      "put the card into its reader and examine it again; where it goes away each time, try another reader",
      kYou},
+    {kTrialDisturbed, "MT-T05", "a key could not be tried",
+     "a call failed that says nothing of the key, so whether the key works is not known",
+     "check the card, its reader and the service of the card software, then try again", kYou},
     // Its objects.
     {kCardEmpty, "MT-C01", "the card shows no key and no certificate",
      "only what shows without a login is published, and that is nothing",
@@ -176,6 +179,9 @@ constexpr FindingEntry kEntries[] = {
     {kPkcs1NotTried, "MT-K10", "whether the key makes PKCS #1 v1.5 signatures is not known",
      "TLS 1.2 with rsa_pkcs1, CMS (S/MIME) and most PDF signers ask for them, and only a trial tells",
      "have the keys tried, which takes a login", kYou},
+    {kUseNotAllowed, "MT-K11", "the card does not allow its private key what the certificate says",
+     "the certificate decides what the key is asked for, and the card refuses that",
+     "have the card's issuer put a private key and a certificate for the same use on the card", kIssuer},
     // The PIN.
     {kPinLocked, "MT-P01", "the PIN is locked", "no key of the card can be used",
      "unlock the PIN with the PUK, or have the card's issuer unlock it", kIssuer},

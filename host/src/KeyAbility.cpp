@@ -86,7 +86,7 @@ Failure refusalBecauseOf(const Finding& finding, KeyOperation operation) {
 
 Failure explainedBy(const CardReport& report, const PublishedKey& key, Failure failure) {
   using enum FindingID;
-  constexpr FindingID kCauses[] = {kCertificateOfOtherKey, kIDShared, kPrivateKeyMissing, kSignatureFails,
+  constexpr FindingID kCauses[] = {kCertificateOfOtherKey, kIDShared, kPrivateKeyMissing, kUseNotAllowed,
                                    kPinForEachUse};
   if (failure.isCauseKnown) return failure;
   for (const KeyReport& own : report.keys) {

@@ -56,13 +56,13 @@ const std::vector<Symptom>& symptoms() {
        "\"mireltoken doctor --login\".",
        {kNoPkcs1Signatures, kPkcs1NotTried, kRsaKeyTooLong, kEcKeyNeverSigns, kKeyNameWithPss,
         kSignatureFails, kCertificateOfOtherKey, kCertificateExpired, kCertificateNotYetValid,
-        kKeyUsageMissing, kPrivateKeyMissing}},
+        kKeyUsageMissing, kPrivateKeyMissing, kUseNotAllowed, kTrialDisturbed}},
       {"Mail is not signed or not decrypted",
        "Signed mail (S/MIME) mostly wants PKCS #1 v1.5; encrypted mail needs a key that decrypts. The "
        "certificate "
        "must name the sender's address.",
-       {kNoPkcs1Signatures, kPkcs1NotTried, kSignatureFails, kDecryptionFails, kKeyUsageMissing,
-        kCertificateExpired, kIDShared, kCertificatesOfOneKey}},
+       {kNoPkcs1Signatures, kPkcs1NotTried, kSignatureFails, kDecryptionFails, kUseNotAllowed,
+        kKeyUsageMissing, kCertificateExpired, kIDShared, kCertificatesOfOneKey}},
       {"ssh says \"agent refused operation\"",
        "RSA keys sign by PKCS #1 v1.5 for ssh, which not every module does.",
        {kNoPkcs1Signatures, kPkcs1NotTried, kEcKeyNeverSigns, kRsaKeyTooLong, kModuleChangeableByOthers}},

@@ -142,7 +142,7 @@ TEST_F(CardReportKeys, ThatTheCardDoesNotAllowAreTold) {
   addKey("02", "Vault", kForDecrypting);
   lastObject(1) = lastObject(1).with(CKA_DECRYPT, boolValue(false));
   const CardReport report = reportAfterLogin();
-  EXPECT_THAT(troubles(report), ElementsAre("MT-K08", "MT-K09"));
+  EXPECT_THAT(troubles(report), ElementsAre("MT-K11", "MT-K11"));
   EXPECT_EQ(report.keys[0].works, "nothing: the card does not allow its private key to sign");
   EXPECT_EQ(report.keys[1].works, "nothing: the card does not allow its private key to decrypt");
 }

@@ -386,6 +386,36 @@ TEST_F(ConformanceTest, TellsNothingMoreOfAModuleThatAnswersNoMore) {
   EXPECT_EQ(found.grade.letter, "F");
 }
 
+TEST_F(ConformanceTest, LeavesOpenWhatTheModuleIsNotToBlameFor) {
+  const struct {
+    const char* name;
+    std::function<void()> breakIt;
+    std::vector<std::string> numbers;
+  } rows[] = {
+      {"card at the first signature",
+       [this] { script.failCallOf("C_Sign", 0, CKR_DEVICE_ERROR); },
+       {"CR-42"}},
+      {"card at the decryption", [this] { script.failCallOf("C_Decrypt", 0, CKR_DEVICE_ERROR); }, {"CR-49"}},
+      {"card at the login", [this] { script.failCallOf("C_Login", 0, CKR_DEVICE_ERROR); }, {"CR-33"}},
+      {"card at the first session",
+       [this] { script.failCallOf("C_OpenSession", 0, CKR_DEVICE_ERROR); },
+       {"CR-07"}},
+      {"another key with its ID",
+       [this] {
+         script.addObject(
+             rsaPrivateKey(bytesOf("02"), bytesOf("Other"), SoftwareKey::rsa(1024, "other").modulus()));
+         script.deviations.plainText = Value(32, 0x55);
+       },
+       {"CR-49"}},
+  };
+  for (const auto& [name, breakIt, numbers] : rows) {
+    SCOPED_TRACE(name);
+    makeGood();
+    breakIt();
+    EXPECT_EQ(numbersWith(RuleVerdict::kUnknown, tested()), numbers);
+  }
+}
+
 // ---- The grade ----
 
 TEST(Grades, SayWhatUsersWillBeAbleToDo) {
@@ -405,7 +435,9 @@ TEST(Grades, SayWhatUsersWillBeAbleToDo) {
       {{false, {}, {}, {}}, "F", "nothing is published"},
       {{true, true, {}, true},
        "-",
-       "certificates are published; what the keys do was not seen, which takes a login"},
+       "certificates are published; what the keys do was not all seen, which takes a login and trials that "
+       "tell "
+       "something"},
       {{}, "-", "not known: no card was reached"},
   };
   for (const auto& [abilities, letter, sentence] : rows) {

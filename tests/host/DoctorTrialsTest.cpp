@@ -92,6 +92,74 @@ TEST_F(DoctorTrials, BlameNoKeyWhereTheCardGoes) {
   }
 }
 
+TEST_F(DoctorTrials, BlameTheModuleForNothingThatHasAnotherCause) {
+  const struct {
+    const char* name;
+    const char* function;
+    std::size_t call;
+    CK_RV answer;
+    const char* check;
+    const char* code;
+  } rows[] = {
+      {"device", "C_Sign", 0, CKR_DEVICE_ERROR, "signatures", "MT-T05"},
+      {"device, the second time", "C_Sign", 1, CKR_DEVICE_ERROR, "signatures", "MT-T05"},
+      {"use", "C_SignInit", 0, CKR_KEY_FUNCTION_NOT_PERMITTED, "signatures", "MT-K11"},
+      {"device", "C_Decrypt", 0, CKR_HOST_MEMORY, "decryption", "MT-T05"},
+      {"use", "C_DecryptInit", 0, CKR_KEY_FUNCTION_NOT_PERMITTED, "decryption", "MT-K11"},
+  };
+  for (const auto& [name, function, call, answer, check, code] : rows) {
+    SCOPED_TRACE(std::string{function} + " " + name);
+    script.reset();
+    startAnew();
+    GivenPins given{{u"123456"}};
+    script.failCallOf(function, call, answer);
+    const Diagnosis found = diagnosisWith(given);
+    EXPECT_THAT(codesOfCheck(found, check), ElementsAre(code));
+    EXPECT_EQ(checkIn(found, check).severity, Severity::kFailure);
+  }
+}
+
+TEST_F(DoctorTrials, SayNothingOfTheModuleWhereTwoPrivateKeysHaveOneID) {
+  const Value other = SoftwareKey::rsa(kBits, "other").modulus();
+  for (const char* id : {"01", "02"}) script.addObject(rsaPrivateKey(bytesOf(id), bytesOf("Other"), other));
+  script.failCallOf("C_Sign", 0, CKR_FUNCTION_FAILED);
+  script.deviations.plainText = Value(32, 0x55);
+  const Diagnosis found = diagnosis();
+  EXPECT_THAT(codesOfCheck(found, "signatures"), ElementsAre("MT-C12"));
+  EXPECT_THAT(codesOfCheck(found, "decryption"), ElementsAre("MT-C12"));
+  const auto all = codesOf(found);
+  EXPECT_EQ(std::count(all.begin(), all.end(), "MT-C12"), 2);  // one for each ID
+  EXPECT_THAT(all, ::testing::AllOf(Not(Contains("MT-K08")), Not(Contains("MT-K09"))));
+  EXPECT_EQ(findingIn(found, kIDShared).severity, Severity::kFailure);
+}
+
+TEST_F(DoctorTrials, TakeWhatFitsAShortKey) {
+  const SoftwareKey& shortKey = SoftwareKey::rsa(512);
+  script.card().objects.clear();
+  const auto add = [&](const char* id, unsigned usage) {
+    script.addObject(rsaPublicKey(bytesOf(id), bytesOf(id), shortKey.modulus()));
+    script.addObject(rsaPrivateKey(bytesOf(id), bytesOf(id), shortKey.modulus()));
+    script.addObject(certificate(bytesOf(id), bytesOf(id), shortKey.certificate(usage)));
+  };
+  add("01", kForSigning);
+  add("02", kForDecrypting);
+  padInTheModule(shortKey);
+  decryptInTheModule(shortKey);
+  const Diagnosis found = diagnosis();
+  EXPECT_EQ(checkIn(found, "signatures").evidence, "key 3031 \"01\" signs RSA-PSS and PKCS #1 v1.5");
+  EXPECT_EQ(checkIn(found, "decryption").evidence, "key 3032 \"02\" decrypts PKCS #1 v1.5");
+}
+
+TEST_F(DoctorTrials, TryNoKeyThatIsKnownToDecryptNothing) {
+  for (auto& [handle, object] : script.card().objects) {
+    if (object.attributes[CKA_CLASS] == ulongValue(CKO_PRIVATE_KEY))
+      object = object.with(CKA_DECRYPT, boolValue(false));
+  }
+  const Diagnosis found = diagnosis();
+  EXPECT_THAT(codesOf(found), ::testing::AllOf(Contains("MT-K11"), Not(Contains("MT-K09"))));
+  EXPECT_EQ(checkIn(found, "decryption").evidence, "key 3032 \"Vault\" never decrypts here, not tried");
+}
+
 TEST_F(DoctorTrials, TryAKeyOnceThatHasTwoCertificates) {
   script.addObject(certificate(bytesOf("01"), bytesOf("Old"), key.certificate(kForSigning)));
   const Check trial = checkIn(diagnosis(), "signatures");

@@ -51,6 +51,7 @@ enum class FindingID {
   kTokenNotInitialised,
   kInstanceIDShared,
   kCardWentAway,
+  kTrialDisturbed,
   // Its objects.
   kCardEmpty,
   kObjectHidesCard,
@@ -81,6 +82,7 @@ enum class FindingID {
   kSignatureFails,
   kDecryptionFails,
   kPkcs1NotTried,
+  kUseNotAllowed,
   // The PIN.
   kPinLocked,
   kPinLastTry,

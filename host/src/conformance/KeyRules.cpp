@@ -18,17 +18,14 @@ using enum RuleID;
 struct SigningRule {
   RuleID rule;
   SecKeyAlgorithm algorithm;
-  std::size_t smallestModulus;  ///< bytes, for the hash to fit (RFC 8017, section 9.1.1)
 };
 
-constexpr std::size_t pssRoom(std::size_t hashSize) { return 2 * hashSize + 2; }
-
 constexpr SigningRule kSignatures[] = {
-    {kPssSha1, SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureMessagePSSSHA1, pssRoom(20)},
-    {kPssSha256, SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureMessagePSSSHA256, pssRoom(32)},
-    {kPssSha384, SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureMessagePSSSHA384, pssRoom(48)},
-    {kPssSha512, SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureMessagePSSSHA512, pssRoom(64)},
-    {kPkcs1, SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureMessagePKCS1v15SHA256, pssRoom(0)},
+    {kPssSha1, SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureMessagePSSSHA1},
+    {kPssSha256, SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureMessagePSSSHA256},
+    {kPssSha384, SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureMessagePSSSHA384},
+    {kPssSha512, SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureMessagePSSSHA512},
+    {kPkcs1, SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureMessagePKCS1v15SHA256},
 };
 
 constexpr RuleID kAfterLogin[] = {kModulusReadable, kSigningPrivateKey, kRawSignature, kPssSha1,
@@ -57,6 +54,8 @@ bool testLogin(const Result<void>& accepted, bool isUser, RuleResults& results) 
     default:
       if (isUser) {
         results.pass(kLogin, "the module shows a user state");  // so the rule about the session is broken
+      } else if (saysNothing(failure)) {
+        results.unknown(kLogin, text);
       } else {
         results.fail(kLogin, text);
       }
@@ -88,13 +87,16 @@ struct Trials {
   std::optional<std::string> broken;   ///< how the first key failed
   std::optional<std::string> unknown;  ///< why the first one could not be tried
 
-  void add(const std::string& name, const std::optional<Failure>& failure) {
+  void add(const PublishedKey& key, const CardReport& report, const std::optional<Failure>& failure) {
     if (!failure) {
       ++numGood;
       return;
     }
-    auto& text = saysNothing(*failure) ? unknown : broken;
-    if (!text) text = name + ": " + failure->why;
+    const bool isShared = sharesItsID(key, report);
+    auto& text = isShared || saysNothing(*failure) ? unknown : broken;
+    if (text) return;
+    text = "key " + idText(key.objectID) + ": " + failure->why;
+    if (isShared) text->append(", and another key has its ID");
   }
 
   /// Nothing where it could not be told.
@@ -111,8 +113,8 @@ struct Trials {
   }
 };
 
-void testSignatures(KeyClient& client, const InsertedCard& card, PinSource& pins, RuleResults& results,
-                    CardAbilities& outAbilities) {
+void testSignatures(KeyClient& client, const InsertedCard& card, const CardReport& report, PinSource& pins,
+                    RuleResults& results, CardAbilities& outAbilities) {
   Trials raw;
   for (const SigningRule& rule : kSignatures) {
     Trials trials;
@@ -120,12 +122,11 @@ void testSignatures(KeyClient& client, const InsertedCard& card, PinSource& pins
     for (const PublishedKey& key : keysOf(card)) {
       const PublishedCertificate* certificate = certificateOf(card, key);
       if (!key.canSign || !certificate || reasonNeverTo(KeyOperation::kSign, key)) continue;
-      if (modulusSizeOf(key) < rule.smallestModulus) {
+      if (key.keySizeInBits < leastKeySizeFor(rule.algorithm)) {
         isTooShort = true;
         continue;
       }
-      trials.add("key " + idText(key.objectID),
-                 failureOfSigning(client, key, *certificate, rule.algorithm, pins));
+      trials.add(key, report, failureOfSigning(client, key, *certificate, rule.algorithm, pins));
     }
     const bool isPkcs1 = rule.rule == kPkcs1;
     trials.tell(rule.rule, isPkcs1 ? RuleVerdict::kWarn : RuleVerdict::kFail,
@@ -139,17 +140,20 @@ void testSignatures(KeyClient& client, const InsertedCard& card, PinSource& pins
     if (!raw.broken) raw.broken = trials.broken;
     if (!raw.unknown) raw.unknown = trials.unknown;
   }
-  if (raw.numGood > 0) raw.broken.reset();  // it is the rule of that hash that is broken
+  if (raw.numGood > 0) {  // the rules of the other hashes tell what is wrong with them
+    raw.broken.reset();
+    raw.unknown.reset();
+  }
   raw.tell(kRawSignature, RuleVerdict::kFail, "no key of the card signs", results);
 }
 
-void testDecryption(KeyClient& client, const InsertedCard& card, PinSource& pins, RuleResults& results,
-                    CardAbilities& outAbilities) {
+void testDecryption(KeyClient& client, const InsertedCard& card, const CardReport& report, PinSource& pins,
+                    RuleResults& results, CardAbilities& outAbilities) {
   Trials trials;
   for (const PublishedKey& key : keysOf(card)) {
     const PublishedCertificate* certificate = certificateOf(card, key);
     if (!key.canDecrypt || !certificate || reasonNeverTo(KeyOperation::kDecrypt, key)) continue;
-    trials.add("key " + idText(key.objectID), failureOfDecrypting(client, key, *certificate, pins));
+    trials.add(key, report, failureOfDecrypting(client, key, *certificate, pins));
   }
   outAbilities.decrypts = trials.works();
   trials.tell(kDecryption, RuleVerdict::kFail, "no RSA key of the card decrypts", results);
@@ -203,8 +207,8 @@ bool testKeys(Host& host, const P11Bridge& bridge, const InsertedCard& card, Pin
   }
   ioReport = host.examine(card, true);
   testKeyObjects(bridge, card, results);
-  testSignatures(**client, card, *pins, results, outAbilities);
-  testDecryption(**client, card, *pins, results, outAbilities);
+  testSignatures(**client, card, ioReport, *pins, results, outAbilities);
+  testDecryption(**client, card, ioReport, *pins, results, outAbilities);
   return true;
 }
 

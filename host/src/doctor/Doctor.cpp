@@ -92,11 +92,15 @@ std::vector<Finding> Diagnosis::findings() const {
   std::vector<Finding> all;
   for (const Check& check : checks) {
     for (const Finding& finding : check.findings) {
-      const bool known = std::any_of(all.begin(), all.end(), [&](const Finding& other) {
+      const auto known = std::find_if(all.begin(), all.end(), [&](const Finding& other) {
         return other.id == finding.id && other.subject == finding.subject &&
                other.evidence == finding.evidence;
       });
-      if (!known) all.push_back(finding);
+      if (known == all.end()) {
+        all.push_back(finding);
+      } else if (isWorse(finding.severity, known->severity)) {
+        known->severity = finding.severity;
+      }
     }
   }
   return all;

@@ -7,6 +7,7 @@
 #include "bridge/cryptoki.h"
 #include "host/Display.h"
 #include "host/InputSource.h"
+#include "host/KeyAbility.h"
 #include "host/KeyChoice.h"
 #include "host/Verification.h"
 #include "platform/PublicKey.h"
@@ -17,10 +18,20 @@ namespace {
 
 using enum FindingID;
 
-constexpr auto kPss = SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureMessagePSSSHA256;
-constexpr auto kPkcs1 = SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureMessagePKCS1v15SHA256;
+/// What a key is tried with: the first row for which it is long enough.
+struct TrialAlgorithms {
+  SecKeyAlgorithm pss;
+  SecKeyAlgorithm pkcs1;
+};
+constexpr TrialAlgorithms kTrialAlgorithms[] = {
+    {SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureMessagePSSSHA256,
+     SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureMessagePKCS1v15SHA256},
+    {SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureMessagePSSSHA1,
+     SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureMessagePKCS1v15SHA1},
+};
 constexpr auto kDecryption = SecKeyAlgorithm::kSecKeyAlgorithmRSAEncryptionPKCS1;
-constexpr std::size_t kTrialSize = 32;  // bytes
+constexpr std::size_t kTrialSize = 32;     // bytes
+constexpr std::size_t kLeastPadding = 11;  // bytes (RFC 8017, section 7.2.1)
 
 class MemoryInput final : public InputSource {
  public:
@@ -37,10 +48,24 @@ class MemoryInput final : public InputSource {
   std::span<const std::uint8_t> rest_;
 };
 
-std::string subjectOf(const CardReport& report, const PublishedKey& key) {
+/// Null where the report does not know the key.
+const KeyReport* reportOf(const PublishedKey& key, const CardReport& report) {
   const auto known = std::find_if(report.keys.begin(), report.keys.end(),
                                   [&](const KeyReport& one) { return one.objectID == key.objectID; });
-  return subjectOf("key", key.objectID, known == report.keys.end() ? Text{} : known->labelOnCard);
+  return known == report.keys.end() ? nullptr : &*known;
+}
+
+std::string subjectOf(const CardReport& report, const PublishedKey& key) {
+  const KeyReport* known = reportOf(key, report);
+  return subjectOf("key", key.objectID, known ? known->labelOnCard : Text{});
+}
+
+const TrialAlgorithms* algorithmsFor(const PublishedKey& key) {
+  const auto* fitting =
+      std::find_if(std::begin(kTrialAlgorithms), std::end(kTrialAlgorithms), [&](const TrialAlgorithms& row) {
+        return key.keySizeInBits >= std::max(leastKeySizeFor(row.pss), leastKeySizeFor(row.pkcs1));
+      });
+  return fitting == std::end(kTrialAlgorithms) ? nullptr : fitting;
 }
 
 /// Joins what is said of each key.
@@ -64,23 +89,47 @@ bool isGone(const Failure& failure) {
 
 Finding goneFinding(const Failure& failure) { return {kCardWentAway, Severity::kFailure, {}, failure.why}; }
 
-bool worksForNothing(const CardReport& report, const PublishedKey& key) {
-  const auto first = std::find_if(report.keys.begin(), report.keys.end(),
-                                  [&](const KeyReport& known) { return known.objectID == key.objectID; });
-  return first != report.keys.end() && first->worksForNothing;
+/// The card, its reader or the service behind it failed, whatever the key and the module are like.
+bool isDisturbed(const Failure& failure) {
+  constexpr CK_RV kAnswers[] = {CKR_DEVICE_ERROR, CKR_DEVICE_MEMORY, CKR_HOST_MEMORY,
+                                CKR_TOKEN_NOT_RECOGNIZED, CKR_SESSION_COUNT};
+  return failure.result &&
+         std::find(std::begin(kAnswers), std::end(kAnswers), *failure.result) != std::end(kAnswers);
 }
 
-/// What a key that was tried in vain is told of. The PIN that it wants for each use is not the module's
-/// fault.
+bool worksForNothing(const CardReport& report, const PublishedKey& key) {
+  const KeyReport* known = reportOf(key, report);
+  return known && known->worksForNothing;
+}
+
+/// The finding of that kind about the key; null where there is none.
+const Finding* findingOf(FindingID id, const CardReport& report, const PublishedKey& key) {
+  const KeyReport* known = reportOf(key, report);
+  if (!known) return nullptr;
+  const auto found = std::find_if(known->findings.begin(), known->findings.end(),
+                                  [id](const Finding& finding) { return finding.id == id; });
+  return found == known->findings.end() ? nullptr : &*found;
+}
+
+bool wantsPin(const Failure& failure, const CardReport& report, const PublishedKey& key) {
+  return failure.result == CKR_USER_NOT_LOGGED_IN && findingOf(kPinForEachUse, report, key);
+}
+
+/// What a key that was tried in vain is told of. The module is to blame only where nothing else is known to
+/// be the cause.
 Finding trialFinding(FindingID id, const CardReport& report, const PublishedKey& key,
                      const Failure& failure) {
-  const auto known = std::find_if(report.keys.begin(), report.keys.end(),
-                                  [&](const KeyReport& one) { return one.objectID == key.objectID; });
-  const bool wantsPin = failure.result == CKR_USER_NOT_LOGGED_IN && known != report.keys.end() &&
-                        std::any_of(known->findings.begin(), known->findings.end(),
-                                    [](const Finding& finding) { return finding.id == kPinForEachUse; });
-  return {wantsPin ? kPinForEachUse : id, saysNothing(failure) ? Severity::kUnknown : Severity::kFailure,
-          subjectOf(report, key), failure.why};
+  const std::string subject = subjectOf(report, key);
+  const auto failed = [&](FindingID cause) {
+    return Finding{cause, Severity::kFailure, subject, failure.why};
+  };
+  if (isDisturbed(failure)) return failed(kTrialDisturbed);
+  if (const Finding* shared = findingOf(kIDShared, report, key); shared && sharesItsID(key, report))
+    return {shared->id, Severity::kFailure, shared->subject, shared->evidence};
+  if (wantsPin(failure, report, key)) return failed(kPinForEachUse);
+  if (failure.result == CKR_KEY_FUNCTION_NOT_PERMITTED) return failed(kUseNotAllowed);
+  if (saysNothing(failure)) return {kTrialDisturbed, Severity::kUnknown, subject, failure.why};
+  return failed(id);
 }
 
 /// Of several with one ID only the first is found.
@@ -120,9 +169,11 @@ std::optional<Failure> failureOfDecrypting(KeyClient& client, const PublishedKey
   const auto failed = [](const char* why) {
     return Failure{FailureKind::kInternal, "there is no trial text", why, {}};
   };
-  ByteVector message(kTrialSize);
+  const std::size_t blockSize = modulusSizeOf(key);
+  if (blockSize <= kLeastPadding) return failed("the key is too short for any text");
+  ByteVector message(std::min(kTrialSize, blockSize - kLeastPadding));
   if (!client.chance().drawTrialText(message)) return failed("the system has no random bytes");
-  const auto block = paddedForEncrypting(message, modulusSizeOf(key));
+  const auto block = paddedForEncrypting(message, blockSize);
   const auto publicKey = publicKeyOfCertificate(certificate.data.view());
   // RSAEP and RSAVP1 are one operation (RFC 8017, sections 5.1.1 and 5.2.2).
   const ByteVector cipher = block && publicKey ? publicKey->recoveredBlock(*block) : ByteVector{};
@@ -135,8 +186,13 @@ std::optional<Failure> failureOfDecrypting(KeyClient& client, const PublishedKey
   return Failure{FailureKind::kCardRefuses, "", "the plain text is another one than was encrypted", {}};
 }
 
+bool sharesItsID(const PublishedKey& key, const CardReport& report) {
+  const KeyReport* known = reportOf(key, report);
+  return known && known->sharesIDWithOtherKey;
+}
+
 bool saysNothing(const Failure& failure) {
-  return isGone(failure) || failure.kind == FailureKind::kInternal ||
+  return isGone(failure) || isDisturbed(failure) || failure.kind == FailureKind::kInternal ||
          failure.kind == FailureKind::kNotSupported;
 }
 
@@ -152,6 +208,11 @@ bool trySigning(KeyClient& client, const InsertedCard& card, const CardReport& r
       evidence.add(subject, "never signs here, not tried");
       continue;
     }
+    const TrialAlgorithms* algorithms = algorithmsFor(key);
+    if (!algorithms) {
+      evidence.add(subject, "is too short for a trial");
+      continue;
+    }
     checks.start(point);
     const auto endWith = [&](const Failure& failure, const char* text) {
       evidence.add(subject, text);
@@ -159,19 +220,25 @@ bool trySigning(KeyClient& client, const InsertedCard& card, const CardReport& r
       checks.add(point, evidence.text(), std::move(findings));
       return false;
     };
-    if (const auto failure = failureOfSigning(client, key, *certificate, kPss, pins)) {
+    if (const auto failure = failureOfSigning(client, key, *certificate, algorithms->pss, pins)) {
       if (isGone(*failure)) return endWith(*failure, "could not be tried");
-      evidence.add(subject, "does not sign");
+      evidence.add(subject, saysNothing(*failure) ? "could not be tried" : "does not sign");
       findings.push_back(trialFinding(kSignatureFails, report, key, *failure));
       continue;
     }
-    const auto failure = failureOfSigning(client, key, *certificate, kPkcs1, pins);
+    const auto failure = failureOfSigning(client, key, *certificate, algorithms->pkcs1, pins);
     if (failure && isGone(*failure))
       return endWith(*failure, "signs RSA-PSS, and could not be tried further");
-    evidence.add(subject, failure ? "signs RSA-PSS, not PKCS #1 v1.5" : "signs RSA-PSS and PKCS #1 v1.5");
     // A key that wants the PIN for each use has not said anything about its padding.
-    if (failure && failure->kind == FailureKind::kVerificationFailed)
-      findings.push_back({kNoPkcs1Signatures, Severity::kWarning, subject, failure->why});
+    const bool isVerdict = failure && failure->kind == FailureKind::kVerificationFailed &&
+                           !saysNothing(*failure) && !wantsPin(*failure, report, key);
+    if (failure && !isVerdict) {
+      evidence.add(subject, "signs RSA-PSS, and could not be tried further");
+      if (saysNothing(*failure)) findings.push_back(trialFinding(kNoPkcs1Signatures, report, key, *failure));
+      continue;
+    }
+    evidence.add(subject, failure ? "signs RSA-PSS, not PKCS #1 v1.5" : "signs RSA-PSS and PKCS #1 v1.5");
+    if (failure) findings.push_back({kNoPkcs1Signatures, Severity::kWarning, subject, failure->why});
   }
   if (evidence.isEmpty()) {
     checks.skip(point, "no key of the card signs");
@@ -189,6 +256,10 @@ void tryDecrypting(KeyClient& client, const InsertedCard& card, const CardReport
     const PublishedCertificate* certificate = certificateOf(card, key);
     if (!key.canDecrypt || !certificate || key.keyType != CertificateKeyType::kRSA) continue;
     const std::string subject = subjectOf(report, key);
+    if (worksForNothing(report, key)) {
+      evidence.add(subject, "never decrypts here, not tried");
+      continue;
+    }
     checks.start(point);
     const auto failure = failureOfDecrypting(client, key, *certificate, pins);
     if (failure && isGone(*failure)) {
@@ -196,8 +267,12 @@ void tryDecrypting(KeyClient& client, const InsertedCard& card, const CardReport
       findings.push_back(goneFinding(*failure));
       break;
     }
-    evidence.add(subject, failure ? "does not decrypt" : "decrypts PKCS #1 v1.5");
-    if (failure) findings.push_back(trialFinding(kDecryptionFails, report, key, *failure));
+    if (!failure) {
+      evidence.add(subject, "decrypts PKCS #1 v1.5");
+      continue;
+    }
+    evidence.add(subject, saysNothing(*failure) ? "could not be tried" : "does not decrypt");
+    findings.push_back(trialFinding(kDecryptionFails, report, key, *failure));
   }
   if (evidence.isEmpty()) return checks.skip(point, "no RSA key of the card decrypts");
   checks.add(point, evidence.text(), std::move(findings));

@@ -21,6 +21,10 @@ namespace mirel {
                                                          const PublishedCertificate& certificate,
                                                          PinSource& pins);
 
+/// Whether another key has its ID: which of the two the card works with is not known, so that a trial that
+/// fails says nothing of the module.
+[[nodiscard]] bool sharesItsID(const PublishedKey& key, const CardReport& report);
+
 /// Whether a failure says nothing of what the key can do.
 [[nodiscard]] bool saysNothing(const Failure& failure);
 
