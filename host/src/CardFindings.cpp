@@ -143,6 +143,25 @@ std::string groupText(const std::vector<Text>& labels, const char* noun) {
   return countText(labels.size(), noun) + " (" + list.textOf(labels.size()) + ")";
 }
 
+std::string pssPhrase(int keySizeInBits) {
+  constexpr struct {
+    SecKeyAlgorithm algorithm;
+    const char* hash;
+  } kRows[] = {{SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureMessagePSSSHA1, "SHA-1"},
+               {SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureMessagePSSSHA224, "SHA-224"},
+               {SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureMessagePSSSHA256, "SHA-256"},
+               {SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureMessagePSSSHA384, "SHA-384"},
+               {SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureMessagePSSSHA512, "SHA-512"}};
+  const char* longest = nullptr;
+  for (const auto& [algorithm, hash] : kRows) {
+    if (keySizeInBits < leastKeySizeFor(algorithm))
+      return longest ? std::string{"signs RSA-PSS up to "} + longest
+                     : "signs no RSA-PSS, for which it is too short";
+    longest = hash;
+  }
+  return "signs RSA-PSS";
+}
+
 /// The operation that a key is published for; the token publishes it for one at most.
 std::optional<KeyOperation> operationOf(const PublishedKey& key) {
   if (key.canSign) return KeyOperation::kSign;
@@ -160,14 +179,15 @@ std::string subjectOf(std::string_view kind, const Text& id, const Text& label) 
   return text;
 }
 
-std::string signingPhrase(ModulePadding padding) {
+std::string signingPhrase(ModulePadding padding, int keySizeInBits) {
+  const std::string pss = pssPhrase(keySizeInBits);
   const std::string users = "PKCS #1 v1.5 (" + std::string{kPkcs1Users} + ")";
   switch (padding) {
-    case ModulePadding::kAdds: return "signs RSA-PSS, " + users;
-    case ModulePadding::kNone: return "signs RSA-PSS; not " + users;
+    case ModulePadding::kAdds: return pss + ", " + users;
+    case ModulePadding::kNone: return pss + "; not " + users;
     case ModulePadding::kUnknown: break;
   }
-  return "signs RSA-PSS; " + users + " unknown until a trial";
+  return pss + "; " + users + " unknown until a trial";
 }
 
 void CardFindings::add(Finding finding, const Text& id) { located_.push_back({std::move(finding), id}); }
@@ -180,7 +200,8 @@ bool CardFindings::has(FindingID finding, const Text& id) const {
 
 void CardFindings::addUnpublished(const std::vector<UnpublishedObject>& objects) {
   for (const UnpublishedObject& object : objects) {
-    if (object.expected) continue;  // nobody has to do anything about it
+    // Nobody has to do anything about it, or only about the other object of the pair.
+    if (object.expected || object.byPartner) continue;
     std::string evidence = object.reason;
     if (object.cause == kCertificateMissing && contents_.certificates.empty()) {
       evidence += "; there is no certificate at all, but " +
@@ -374,15 +395,24 @@ void CardFindings::addKey(const PublishedKey& key, bool isRepeated, KeyReport& r
     if (!isRepeated) add({id, severity, subject, std::move(evidence)}, key.objectID);
   };
 
-  const auto operation = operationOf(key);
-  if (!operation) tell(kKeyUsageMissing, kFailure, "none of digitalSignature, keyEncipherment, keyAgreement");
-  if (operation) {
-    if (const auto never = reasonNeverTo(*operation, key)) {
+  const bool isOfOtherKey = has(kCertificateOfOtherKey, key.objectID);
+  const auto published = operationOf(key);
+  if (isOfOtherKey) {
+    // What the certificate says of its key says nothing of this one. The ID and the name are its own.
+    PublishedKey itself = key;
+    itself.keyType = CertificateKeyType::kRSA;
+    itself.keySizeInBits = 0;
+    const bool isAsked = published && published != KeyOperation::kExchangeKeys;
+    if (const auto never = isAsked ? reasonNeverTo(*published, itself) : std::nullopt)
       tell(never->id, never->severity, never->evidence);
-    } else if (operation == KeyOperation::kSign) {
-      tell(kPkcs1NotTried, kUnknown, "no signature was tried; only a module that pads by itself makes them");
-    }
+  } else if (!published) {
+    tell(kKeyUsageMissing, kFailure, "none of digitalSignature, keyEncipherment, keyAgreement");
+  } else if (const auto never = reasonNeverTo(*published, key)) {
+    tell(never->id, never->severity, never->evidence);
+  } else if (published == KeyOperation::kSign) {
+    tell(kPkcs1NotTried, kUnknown, "no signature was tried; only a module that pads by itself makes them");
   }
+  const auto operation = isOfOtherKey ? std::nullopt : published;
 
   const auto privateKey =
       std::find_if(contents_.privateKeys.begin(), contents_.privateKeys.end(),
@@ -424,7 +454,7 @@ std::string CardFindings::phraseFor(const PublishedKey& key, bool isShadowed) co
     return std::string{"nothing: the card does not allow its private key to "} +
            (key.canSign ? "sign" : "decrypt");
   const std::string once = has(kPinForEachUse, key.objectID) ? "; at most once after each login" : "";
-  if (key.canSign) return signingPhrase(ModulePadding::kUnknown) + once;
+  if (key.canSign) return signingPhrase(ModulePadding::kUnknown, key.keySizeInBits) + once;
   return "decrypts PKCS #1 v1.5; not OAEP" + once;
 }
 

@@ -21,9 +21,9 @@ struct PartnerTexts {
   const char* missingOrPrivate;
   const char* isPrivate;
   const char* leftOut;
+  const char* unread;
   const char* cutOff;
   FindingID causeMissing;
-  FindingID causePrivate;
 };
 
 constexpr PartnerTexts kNoPublicKey{
@@ -31,18 +31,18 @@ constexpr PartnerTexts kNoPublicKey{
     "no public key with its ID is visible before login: it is missing, or private",
     "its public key is visible only after login",
     "the public key with its ID is left out",
+    "the public key with its ID could not be read now",
     "none of the first 160 public keys has its ID, and no more are listed",
     FindingID::kPublicKeyMissing,
-    FindingID::kPublicKeyPrivate,
 };
 constexpr PartnerTexts kNoCertificate{
     "no certificate on the card has its ID",
     "no certificate with its ID is visible before login: it is missing, or private",
     "its certificate is visible only after login",
     "the certificate with its ID is left out",
+    "the certificate with its ID could not be read now",
     "none of the first 160 certificates has its ID, and no more are listed",
     FindingID::kCertificateMissing,
-    FindingID::kCertificatePrivate,
 };
 
 /// By its extensions (RFC 5280, sections 4.2.1.3 and 4.2.1.9): one that a tool made for its own key often
@@ -64,10 +64,15 @@ class PairChecker {
                        [&](const CardObject& object) { return object.listed && object.id == wanted.id; });
   }
 
-  [[nodiscard]] bool hasReadableCertificate(const CardObject& key) const {
-    return std::any_of(
-        contents_.certificates.begin(), contents_.certificates.end(),
-        [&](const CardObject& object) { return object.listed && object.readable && object.id == key.id; });
+  /// The first certificate with the key's ID where none of those can be read; else null.
+  [[nodiscard]] const CardObject* unreadableCertificateOf(const CardObject& key) const {
+    const CardObject* first = nullptr;
+    for (const CardObject& object : contents_.certificates) {
+      if (!object.listed || object.id != key.id) continue;
+      if (object.readable) return nullptr;
+      if (!first) first = &object;
+    }
+    return first;
   }
 
   /// Notes why `object` has no partner among `partners`.
@@ -75,9 +80,12 @@ class PairChecker {
     const auto partner = std::find_if(partners.begin(), partners.end(), [&](const CardObject& candidate) {
       return !candidate.id.empty() && candidate.id == object.id;
     });
-    if (partner != partners.end() && partner->isPrivate)
-      return miss(object, texts.causePrivate, texts.isPrivate);
-    if (partner != partners.end()) return miss(object, FindingID::kObjectLeftOut, texts.leftOut);
+    if (partner != partners.end()) {
+      const char* reason = partner->isPrivate      ? texts.isPrivate
+                           : partner->about.unread ? texts.unread
+                                                   : texts.leftOut;
+      return missBecauseOf(*partner, object, reason);
+    }
     const bool isCutOff =
         &partners == &contents_.publicKeys ? contents_.morePublicKeys : contents_.moreCertificates;
     if (isCutOff) return miss(object, FindingID::kTooManyObjects, texts.cutOff);
@@ -86,6 +94,15 @@ class PairChecker {
     std::string reason = contents_.loggedIn ? texts.missing : texts.missingOrPrivate;
     if (hasPrivateKey(object)) reason += "; its private key is on the card";
     miss(object, texts.causeMissing, reason);
+  }
+
+  /// `partner` is told of by itself, so that this is only listed.
+  void missBecauseOf(const CardObject& partner, CardObject& object, const char* reason) const {
+    if (!object.about.reason.empty()) return;
+    miss(object, partner.about.cause, reason);
+    if (!contents_.failedRead.empty()) return;  // then that is what is told
+    object.about.unread = partner.about.unread;
+    object.about.byPartner = true;
   }
 
   void miss(CardObject& object, FindingID cause, const std::string& reason) const {
@@ -125,8 +142,8 @@ void explainUnpublished(CardContents& contents) {
   for (CardObject& key : contents.publicKeys) {
     if (!PairChecker::isListedIn(contents.certificates, key)) {
       pairs.missPartner(key, contents.certificates, kNoCertificate);
-    } else if (!pairs.hasReadableCertificate(key)) {
-      pairs.miss(key, FindingID::kCertificateUnusable, "no certificate with its ID can be read");
+    } else if (const CardObject* certificate = pairs.unreadableCertificateOf(key)) {
+      pairs.missBecauseOf(*certificate, key, "no certificate with its ID can be read");
     }
   }
 }

@@ -83,6 +83,7 @@ void collectUnpublished(const CardContents& contents,
 /// Tells of objects that nothing speaks against, and that are not published all the same: the token looks for
 /// those alone that the module says are on the card.
 void explainUnlisted(const PublishedNames& published, CardContents& contents) {
+  std::set<std::vector<CK_BYTE>> told;
   for (auto* objects : {&contents.publicKeys, &contents.certificates}) {
     for (CardObject& object : *objects) {
       if (!isPublishable(object) || published.mayShow(object)) continue;
@@ -90,6 +91,7 @@ void explainUnlisted(const PublishedNames& published, CardContents& contents) {
           "the token does not list it: perhaps CKA_TOKEN is not true of it, or of the other object with its "
           "ID";
       object.about.cause = FindingID::kObjectLeftOut;
+      object.about.byPartner = !told.insert(object.id).second;  // one finding for the two
     }
   }
 }
@@ -257,7 +259,9 @@ CardReport Host::examine(const InsertedCard& card, bool afterLogin) {
       contents, [&](const CardObject& object) { return published.show(object, uncertain); }, report);
   for (UnpublishedObject& object : report.unpublished) {
     // The card was inserted, so what would have kept it from that is new.
-    if (!std::exchange(object.blocksCard, false)) continue;
+    const bool isNew = std::exchange(object.blocksCard, false) ||
+                       (object.byPartner && object.cause == FindingID::kObjectHidesCard);
+    if (!isNew) continue;
     object.unread = true;
     object.cause = FindingID::kObjectUnread;
   }

@@ -25,10 +25,10 @@ TEST_F(CardReportKeys, SayWhatAGoodKeyWorksFor) {
   const KeyReport signer = theKey(report());
   EXPECT_EQ(signer.objectID, Text{u"01"});
   EXPECT_EQ(signer.labelOnCard, Text{u"Signer"});
-  EXPECT_EQ(
-      signer.works,
-      "signs RSA-PSS; PKCS #1 v1.5 (TLS 1.2 with rsa_pkcs1, CMS (S/MIME), most PDF signers) unknown until "
-      "a trial");
+  EXPECT_EQ(signer.works,
+            "signs RSA-PSS up to SHA-384; PKCS #1 v1.5 (TLS 1.2 with rsa_pkcs1, CMS (S/MIME), most PDF "
+            "signers) unknown until "
+            "a trial");
   EXPECT_FALSE(signer.worksForNothing);
   ASSERT_EQ(signer.findings.size(), 1U);
   EXPECT_EQ(signer.findings.front().id, kPkcs1NotTried);
@@ -40,8 +40,19 @@ TEST_F(CardReportKeys, SayWhatAGoodKeyWorksFor) {
 }
 
 TEST_F(CardReportKeys, SayWhatATrialHasShownOfThePadding) {
-  EXPECT_THAT(signingPhrase(ModulePadding::kNone), HasSubstr("signs RSA-PSS; not PKCS #1 v1.5 (TLS 1.2"));
-  EXPECT_THAT(signingPhrase(ModulePadding::kAdds), HasSubstr("signs RSA-PSS, PKCS #1 v1.5 (TLS 1.2"));
+  EXPECT_THAT(signingPhrase(ModulePadding::kNone, 2048),
+              HasSubstr("signs RSA-PSS; not PKCS #1 v1.5 (TLS 1.2"));
+  EXPECT_THAT(signingPhrase(ModulePadding::kAdds, 2048), HasSubstr("signs RSA-PSS, PKCS #1 v1.5 (TLS 1.2"));
+}
+
+TEST_F(CardReportKeys, SayForWhichHashesTheyAreLongEnough) {
+  const std::pair<int, const char*> rows[] = {{1034, "signs RSA-PSS; "},
+                                              {1033, "signs RSA-PSS up to SHA-384; "},
+                                              {512, "signs RSA-PSS up to SHA-224; "},
+                                              {330, "signs RSA-PSS up to SHA-1; "},
+                                              {329, "signs no RSA-PSS, for which it is too short; "}};
+  for (const auto& [size, phrase] : rows)
+    EXPECT_THAT(signingPhrase(ModulePadding::kUnknown, size), ::testing::StartsWith(phrase));
 }
 
 TEST_F(CardReportKeys, SayWhatNeverWorks) {

@@ -63,15 +63,18 @@ TEST_F(CardReportObjects, TellsAfterALoginThatAPublicKeyIsPrivate) {
   lastObject(2) = lastObject(2).with(CKA_PRIVATE, boolValue(true));
   EXPECT_THAT(theFinding(report(), kPublicKeyMissing).evidence, HasSubstr("missing, or private"));
   const CardReport report = reportAfterLogin();
-  EXPECT_THAT(troubles(report), ElementsAre("MT-C07", "MT-C07"));  // the key, and its certificate
-  EXPECT_THAT(report.findings.front().evidence, HasSubstr("visible only after login"));
+  EXPECT_THAT(troubles(report), ElementsAre("MT-C07"));
+  EXPECT_EQ(theFinding(report, kPublicKeyPrivate).subject, "public key 3031 \"MyKey\"");
+  ASSERT_EQ(report.unpublished.size(), 2U);
+  EXPECT_EQ(report.unpublished[1].reason, "its public key is visible only after login");
+  EXPECT_EQ(report.unpublished[1].cause, kPublicKeyPrivate);
 }
 
 TEST_F(CardReportObjects, TellsAfterALoginThatACertificateIsPrivate) {
   addKey("01", "MyKey");
   lastObject() = lastObject().with(CKA_PRIVATE, boolValue(true));
   EXPECT_THAT(theFinding(report(), kCertificateMissing).evidence, HasSubstr("missing, or private"));
-  EXPECT_THAT(troubles(reportAfterLogin()), ElementsAre("MT-C09", "MT-C09"));
+  EXPECT_THAT(troubles(reportAfterLogin()), ElementsAre("MT-C09"));
 }
 
 TEST_F(CardReportObjects, TellsAfterALoginThatAPrivateKeyIsMissing) {
@@ -145,6 +148,8 @@ TEST_F(CardReportObjects, TellsACertificateOfAnotherKey) {
   addCertificate("02", "Of another kind", kForSigning, SoftwareKey::ec("P-256"));
   addKey("03", "Good");
   addEcKey("04", "Good too", kForSigning);
+  addPublicKey("05", "Without a use", otherRsa());
+  addCertificate("05", "Without a use", std::nullopt);
   const CardReport report = this->report();
   std::vector<std::string> subjects;
   for (const Finding& finding : report.findings) {
@@ -153,9 +158,13 @@ TEST_F(CardReportObjects, TellsACertificateOfAnotherKey) {
     EXPECT_THAT(finding.evidence, HasSubstr("certificate and public key differ"));
   }
   EXPECT_THAT(subjects,
-              ElementsAre("certificate 3031 \"MyCertificate\"", "certificate 3032 \"Of another kind\""));
-  ASSERT_EQ(report.keys.size(), 4U);
-  EXPECT_EQ(report.keys[0].works, "nothing: its certificate belongs to another key");
+              ElementsAre("certificate 3031 \"MyCertificate\"", "certificate 3032 \"Of another kind\"",
+                          "certificate 3035 \"Without a use\""));
+  ASSERT_EQ(report.keys.size(), 5U);
+  for (const std::size_t i : {0U, 1U, 4U}) {
+    EXPECT_EQ(report.keys[i].works, "nothing: its certificate belongs to another key");
+    EXPECT_EQ(report.keys[i].findings.size(), 1U);  // nothing is told of the key by what is not its own
+  }
 }
 
 TEST_F(CardReportObjects, TakesAPointWithoutItsHeaderAndACompressedOne) {
@@ -254,8 +263,15 @@ TEST_F(CardReportObjects, TellsWhatIsLeftOutAndWhy) {
   addPublicKey("03", "No certificate in it");
   script.addObject(certificate(bytesOf("03"), bytesOf("None"), patternValue(300, 1)));
   const CardReport report = this->report();
-  EXPECT_THAT(troubles(report), ElementsAre("MT-C04", "MT-C04", "MT-C05", "MT-C05"));
-  EXPECT_THAT(report.findings[1].evidence, HasSubstr("the public key with its ID is left out"));
+  EXPECT_THAT(troubles(report), ElementsAre("MT-C04", "MT-C05"));
+  EXPECT_EQ(theFinding(report, kObjectLeftOut).subject, "public key 3032 \"No modulus\"");
+  EXPECT_EQ(theFinding(report, kCertificateUnusable).subject, "certificate 3033 \"None\"");
+  std::vector<std::string> reasons;
+  for (const UnpublishedObject& object : report.unpublished) reasons.push_back(object.reason);
+  EXPECT_THAT(reasons,
+              ElementsAre("its modulus cannot be read, CKR_ATTRIBUTE_TYPE_INVALID (0x12)",
+                          "no certificate with its ID can be read", "the public key with its ID is left out",
+                          "its value is not an X.509 certificate in DER"));
 }
 
 // ---- A card that is hidden ----
@@ -273,7 +289,11 @@ TEST_F(CardReportObjects, TellsAllObjectsThatHideTheCardAndWhatIsLost) {
                     HasSubstr("lost by it: 3031 \"Good\"")));
   const CardReport report = host.examine(readers().front());
   EXPECT_TRUE(report.hidden);
-  EXPECT_THAT(troubles(report), ElementsAre("MT-C02", "MT-C02", "MT-C04", "MT-C04"));
+  EXPECT_THAT(troubles(report), ElementsAre("MT-C02", "MT-C02"));
+  ASSERT_EQ(report.unpublished.size(), 4U);
+  EXPECT_EQ(report.unpublished[0].kind, "public key");
+  EXPECT_EQ(report.unpublished[0].cause, kObjectHidesCard);  // of its certificate
+  EXPECT_FALSE(report.unpublished[0].blocksCard);
   ASSERT_EQ(report.keys.size(), 1U);
   EXPECT_EQ(report.keys.front().works, "nothing: the whole card is hidden");
 }

@@ -43,7 +43,9 @@ class ConformanceTest : public KeyClientTest {
   }
   void addEcKey(unsigned usage) {
     const Value id = bytesOf("03");
-    objects.push_back(script.addObject(ecPublicKey(id, bytesOf("Curve"), p256Params(), p256Point(1))));
+    Value point = pointOf(SoftwareKey::ec("P-256"));
+    point.insert(point.begin(), {0x04, 0x41});
+    objects.push_back(script.addObject(ecPublicKey(id, bytesOf("Curve"), p256Params(), point)));
     objects.push_back(script.addObject(ecPrivateKey(id, bytesOf("Curve"), p256Params())));
     objects.push_back(
         script.addObject(certificate(id, bytesOf("Curve"), SoftwareKey::ec("P-256").certificate(usage))));

@@ -20,6 +20,7 @@ struct UnpublishedObject {
   bool blocksCard = false;  ///< because of it nothing at all is published
   bool unread = false;      ///< it could not be read now: whether it is published is not known from this
   bool expected = false;    ///< it is as it should be: the certificate of an issuer needs no key
+  bool byPartner = false;  ///< because of the object with its ID, which is told itself: no finding of its own
 };
 
 /// A key that is published, or would be if nothing hid the card.
@@ -61,7 +62,8 @@ enum class ModulePadding { kUnknown, kNone, kAdds };
 /// The programs that ask for signatures by PKCS #1 v1.5.
 inline constexpr std::string_view kPkcs1Users = "TLS 1.2 with rsa_pkcs1, CMS (S/MIME), most PDF signers";
 
-/// What an RSA key of up to 2048 bits signs: "signs RSA-PSS; not PKCS #1 v1.5 (TLS 1.2 with ...)".
-[[nodiscard]] std::string signingPhrase(ModulePadding padding);
+/// What an RSA key of up to 2048 bits signs: "signs RSA-PSS; not PKCS #1 v1.5 (TLS 1.2 with ...)". Of a key
+/// that is too short for some hashes: "signs RSA-PSS up to SHA-384; ...".
+[[nodiscard]] std::string signingPhrase(ModulePadding padding, int keySizeInBits);
 
 }  // namespace mirel
