@@ -232,6 +232,8 @@ void CardFindings::addSharedIDs() {
   collect(publicKeys, "public key");
   collect(privateKeys, "private key");
   for (const auto& [id, text] : shared) {
+    // Certificates without any key are not published, and it matters to nobody that they have one ID.
+    if (!publicKeys.contains(id) && !privateKeys.contains(id)) continue;
     const bool onlyCertificates =
         certificates.contains(id) && publicKeys.contains(id) && publicKeys.at(id).size() == 1;
     const FindingID kind = onlyCertificates && areOfOneKey(Text{id}) ? kCertificatesOfOneKey : kIDShared;

@@ -34,7 +34,10 @@ constexpr FindingEntry kEntries[] = {
      "it refuses C_Initialize, so no card can be reached through it",
      "check the module's own configuration and the service it needs", kAdministrator},
     {kModuleListsNoSlots, "MT-M08", "the module does not list its slots",
-     "without the list of its slots no reader and no card can be found", "ask the maker of the module",
+     "without the list of its slots no reader and no card can be found",
+     "see that the card service and the service of the card software run; where they do, ask the maker of "
+     "the "
+     "module",
      kMaker},
     {kModuleSlow, "MT-M09", "a call of the module takes long",
      "the system waits for the module before it shows the card or signs",
@@ -80,14 +83,15 @@ constexpr FindingEntry kEntries[] = {
      "check the card, its reader and the service of the "
      "card software, then try again",
      kYou},
-    {kTokenNotInitialised, "MT-T02", "the card is not initialised",
-     "there is nothing on it that could be published",
-     "prepare the card with the tool of its maker, which "
-     "empties it",
+    {kTokenNotInitialised, "MT-T02", "the card says that it is not initialised",
+     "it is passed over where no reader is named, and mostly there is nothing on it",
+     "unless keys or certificates are listed: prepare the card with the tool of its maker, which empties it",
      kIssuer},
-    {kInstanceIDShared, "MT-T03", "two cards have one instance ID",
-     "the system takes both for one card and shows the items of one of them",
-     "use one of them at a time, and ask the issuer for cards with serial numbers of their own", kIssuer},
+    {kInstanceIDShared, "MT-T03", "two cards, or two slots of one card, have one instance ID",
+     "the system takes both for one and shows the items of one of them",
+     "use one card at a time, and ask the issuer for cards with serial numbers of their own, or labels of "
+     "their own for the slots of one card",
+     kIssuer},
     {kCardWentAway, "MT-T04", "the card went away during the examination",
      "what was left to look at is not known, and no key is to blame for that",
      "put the card into its reader and examine it again; where it goes away each time, try another reader",
@@ -107,7 +111,8 @@ constexpr FindingEntry kEntries[] = {
     {kObjectLeftOut, "MT-C04", "an object is left out", "the token does not publish an object of this form",
      "have the card's issuer mend that object", kIssuer},
     {kCertificateUnusable, "MT-C05", "a certificate cannot be used",
-     "its value is no X.509 certificate in DER, and it is left out with its key",
+     "its value is no X.509 certificate in DER; it is left out, and so is its key where no other "
+     "certificate has its ID",
      "have the card's issuer replace the certificate", kIssuer},
     {kPublicKeyMissing, "MT-C06", "a certificate has no public key that the token sees",
      "a certificate is published only together with a public-key object of the same ID that shows without a "
@@ -131,7 +136,9 @@ constexpr FindingEntry kEntries[] = {
     {kCertificateOfOtherKey, "MT-C11", "a certificate belongs to another key",
      "signatures of the key do not verify with this certificate",
      "have the card's issuer put the right certificate on the card", kIssuer},
-    {kIDShared, "MT-C12", "several objects share one ID", "the keychain finds only the first of them",
+    {kIDShared, "MT-C12", "several objects share one ID",
+     "the keychain finds only the first of them, and the card may use another private key than the one that "
+     "is meant",
      "have the card's issuer give each key pair an ID of its own", kIssuer},
     {kCertificateExpired, "MT-C13", "a certificate has expired",
      "most programs refuse it, also its signatures", "renew the certificate", kIssuer},
@@ -156,12 +163,12 @@ constexpr FindingEntry kEntries[] = {
      "EC keys are published, and only RSA keys sign and decrypt", "use an RSA key of 2048 bits", kIssuer},
     {kKeyNameWithPss, "MT-K03", "the name of the key contains \"PSS\"",
      "such a key is asked for PSS in the card, and that signature is not handed out",
-     "have the card's issuer rename the label of the public key", kIssuer},
-    {kPinForEachUse, "MT-K04", "the key wants the PIN for each use",
-     "at most the first signature after each login works",
-     "use another key, or start the program anew for each "
-     "signature",
+     "have the card's issuer change the label or the ID of the public key, or the serial number of the card, "
+     "whichever contains it",
      kIssuer},
+    {kPinForEachUse, "MT-K04", "the key wants the PIN for each use",
+     "at most the first use after each login works",
+     "use another key, or start the program anew for each use", kIssuer},
     {kNoPkcs1Signatures, "MT-K05", "the key makes no PKCS #1 v1.5 signatures",
      "the module does not pad; TLS 1.2 with rsa_pkcs1, CMS (S/MIME) and most PDF signers ask for them",
      "use programs that sign by RSA-PSS, such as with TLS 1.3, or ask the maker for a module that pads",

@@ -134,6 +134,13 @@ std::string culpritsText(const CardReport& report) {
   return text + lostKeysText(report);
 }
 
+std::string otherUnreadText(const Reader& reader, const std::vector<Reader>& all) {
+  const auto other = std::find_if(all.begin(), all.end(), [&](const Reader& one) {
+    return one.slotID != reader.slotID && one.unreadable;
+  });
+  return other == all.end() ? std::string{} : other->unreadable->what + ": " + other->unreadable->why;
+}
+
 void copyLook(const CardContents& contents, CardReport& report) {
   report.failedRead = contents.failedRead;
   report.failedPrivateRead = contents.failedPrivateRead;
@@ -223,7 +230,7 @@ std::vector<Finding> Host::tokenFindings(const Reader& reader, const Text& insta
   }
   const bool isAnother = !reader.unreadable && (!(trimmed(token.label) == reader.tokenLabel) ||
                                                 !(trimmed(token.serialNumber) == reader.serialNumber));
-  if (isAnother) return {{FindingID::kTokenUnreadable, Severity::kUnknown, subject, kAnotherCard}};
+  if (isAnother) return {{FindingID::kCardWentAway, Severity::kUnknown, subject, kAnotherCard}};
   if ((token.flags & CKF_TOKEN_INITIALIZED) == 0) {
     findings.push_back({FindingID::kTokenNotInitialised, Severity::kFailure, subject,
                         "the flags have no TOKEN_INITIALIZED"});
@@ -234,9 +241,8 @@ std::vector<Finding> Host::tokenFindings(const Reader& reader, const Text& insta
 
 CardContents Host::contentsOf(const Reader& reader, const std::vector<Finding>& tokenFindings,
                               bool afterLogin) {
-  const auto unreadable =
-      std::find_if(tokenFindings.begin(), tokenFindings.end(),
-                   [](const Finding& finding) { return finding.id == FindingID::kTokenUnreadable; });
+  const auto unreadable = std::find_if(tokenFindings.begin(), tokenFindings.end(),
+                                       [](const Finding& finding) { return isUnreadToken(finding.id); });
   // It is another card, or may be one, and what is on that explains nothing here.
   if (!reader.unreadable && unreadable != tokenFindings.end()) {
     CardContents nothing;
@@ -252,6 +258,7 @@ CardReport Host::examine(const InsertedCard& card, bool afterLogin) {
   CardContents contents = contentsOf(card.reader, tokenFindings, afterLogin);
   explainUnpublished(contents);
   copyLook(contents, report);
+  report.otherUnread = otherUnreadText(card.reader, lastFound_);
   const PublishedNames published{card};
   const bool uncertain = !report.failedRead.empty();
   if (!uncertain && !card.incomplete) explainUnlisted(published, contents);
@@ -267,7 +274,11 @@ CardReport Host::examine(const InsertedCard& card, bool afterLogin) {
   }
 
   CardFindings findings{contents};
-  for (const Finding& finding : tokenFindings) findings.add(finding);
+  for (Finding finding : tokenFindings) {
+    const bool isRefuted = finding.id == FindingID::kTokenNotInitialised && !card.items.empty();
+    if (isRefuted) finding.severity = Severity::kWarning;
+    findings.add(std::move(finding));
+  }
   if (card.incomplete)
     findings.add({FindingID::kObjectUnread, Severity::kUnknown, "insertion", card.incomplete->why});
   findings.addUnpublished(report.unpublished);

@@ -9,6 +9,11 @@
 
 namespace mirel {
 
+/// Whether a finding of that kind says that what is in the reader is not known, or not the card any more.
+[[nodiscard]] constexpr bool isUnreadToken(FindingID id) noexcept {
+  return id == FindingID::kTokenUnreadable || id == FindingID::kCardWentAway;
+}
+
 /// What the token information says of the card's PIN, one finding for each state that there is.
 [[nodiscard]] std::vector<Finding> pinFindings(const CK_TOKEN_INFO& token);
 

@@ -211,6 +211,13 @@ TEST_F(CardReportKeys, ComeWithTheOtherCardThatTheSystemTakesForThisOne) {
   EXPECT_THAT(finding.evidence, HasSubstr("the serial number \"1234567890ABCDEF\""));
 }
 
+TEST_F(CardReportKeys, AreThereOnACardThatOnlySaysThatItIsNotInitialised) {
+  addKey("01", "Signer");
+  script.card().info.flags &= ~CKF_TOKEN_INITIALIZED;
+  const CardReport report = host.examine(inserted(Text{u"Reader A 00"}));
+  EXPECT_EQ(theFinding(report, kTokenNotInitialised).severity, Severity::kWarning);
+}
+
 TEST_F(CardReportKeys, ComeWithACardThatIsNotInitialised) {
   script.card().info.flags &= ~CKF_TOKEN_INITIALIZED;
   const auto found = readers();

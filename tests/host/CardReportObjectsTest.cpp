@@ -206,6 +206,13 @@ TEST_F(CardReportObjects, TellsWhichObjectsShareAnID) {
             "2 certificates (\"First\", \"Second\"), 2 public keys (\"First\", \"Second\")");
 }
 
+TEST_F(CardReportObjects, DoesNotMindCertificatesWithOneIDAndNoKey) {
+  addKey("01", "Good");
+  for (const char* label : {"Root", "Other root"})
+    script.addObject(certificate(bytesOf("09"), bytesOf(label), authorityCertificate(kForCertificates)));
+  EXPECT_THAT(troubles(report()), IsEmpty());
+}
+
 TEST_F(CardReportObjects, TellsCertificatesOfOneKeyFromKeysThatShareAnID) {
   addKey("01", "Old");
   addCertificate("01", "New");

@@ -46,7 +46,7 @@ bool isAmong(const std::vector<Finding>& claims, const Finding& wanted) {
 bool tellsOfAFailure(const CardReport& report) {
   return std::any_of(report.findings.begin(), report.findings.end(), [](const Finding& finding) {
     return finding.severity == Severity::kUnknown &&
-           (finding.id == kObjectUnread || finding.id == kTokenUnreadable);
+           (finding.id == kObjectUnread || finding.id == kTokenUnreadable || finding.id == kCardWentAway);
   });
 }
 

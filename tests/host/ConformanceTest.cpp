@@ -188,6 +188,26 @@ TEST_F(ConformanceTest, OnlyWarnsOfAModuleThatDoesNotPad) {
   EXPECT_EQ(found.grade.letter, "B");
 }
 
+TEST_F(ConformanceTest, OnlyWarnsOfAPinThatHasToBeChanged) {
+  script.card().info.flags |= CKF_USER_PIN_TO_BE_CHANGED;
+  EXPECT_THAT(numbersWith(RuleVerdict::kWarn, tested(false)), ElementsAre("CR-53"));
+}
+
+TEST_F(ConformanceTest, TakesAnEcKeyThatDecryptsForNoKeyThatSigns) {
+  addEcKey(kForDecrypting);
+  EXPECT_THAT(numbersWith(RuleVerdict::kFail, tested()), ElementsAre("CR-47"));
+}
+
+TEST_F(ConformanceTest, LeavesOpenWhetherACardHasANameOfItsOwnWhereAnotherCannotBeRead) {
+  const CK_SLOT_ID other = script.addSlot("Reader B", script.card());
+  script.hook<&CK_FUNCTION_LIST::C_GetTokenInfo>([other](auto real, auto slot, auto* info) {
+    return slot == other ? CKR_DEVICE_ERROR : real(slot, info);
+  });
+  reader = Text{u"Reader A 00"};
+  const Conformance found = tested(false);
+  EXPECT_THAT(numbersWith(RuleVerdict::kUnknown, found), ElementsAre("CR-30"));
+}
+
 // ---- Rules that are broken ----
 
 class BrokenRules : public ConformanceTest {
@@ -326,7 +346,7 @@ TEST_F(BrokenRules, FailOneByOne) {
     missing.erase(number);
   }
   // On a Mac only, with a wrong PIN, only a warning, by hand.
-  EXPECT_THAT(missing, ElementsAre("CR-10", "CR-35", "CR-46", "CR-50"));
+  EXPECT_THAT(missing, ElementsAre("CR-10", "CR-35", "CR-46", "CR-50", "CR-53"));
 }
 
 TEST_F(BrokenRules, NeverPassWhereACallOfTheModuleFails) {

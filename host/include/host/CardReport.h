@@ -51,6 +51,7 @@ struct CardReport {
   bool loggedIn = false;   ///< objects that show only after a login were seen as well
   std::string failedRead;  ///< the call for which objects or reasons may be missing; empty: none failed
   std::string failedPrivateRead;  ///< the same of private keys
+  std::string otherUnread;        ///< why the name of another card is not known; empty: all are
 };
 
 /// A card's object as findings name it: certificate 02 "Signature". Null texts are left out.

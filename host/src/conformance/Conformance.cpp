@@ -6,6 +6,7 @@
 #include "conformance/KeyRules.h"
 #include "conformance/ModuleRules.h"
 #include "conformance/ObjectRules.h"
+#include "doctor/KeyTrials.h"
 #include "host/KeyChoice.h"
 
 namespace mirel {
@@ -32,7 +33,19 @@ Result<Reader> chosenReader(Host& host, const Text& name, bool& outIsOnly) {
 /// Why a card is not published, where no rule says it.
 void tellFailedInsertion(const Failure& failure, RuleResults& results) {
   const bool isTold = results.isAny(RuleVerdict::kFail) || results.isAny(RuleVerdict::kUnknown);
-  if (!isTold) results.fail(kPublicObjects, failure.what + ": " + failure.why);
+  if (isTold) return;
+  results.set(kPublicObjects, saysNothing(failure) ? RuleVerdict::kUnknown : RuleVerdict::kFail,
+              failure.what + ": " + failure.why);
+}
+
+std::vector<std::string> signersOf(const InsertedCard& card, const CardReport& report) {
+  std::vector<std::string> signers;
+  const auto keys = keysOf(card);
+  for (std::size_t i = 0; i < keys.size() && i < report.keys.size(); ++i) {
+    if (keys[i].canSign)
+      signers.push_back(subjectOf("key", report.keys[i].objectID, report.keys[i].labelOnCard));
+  }
+  return signers;
 }
 
 void testCard(Host& host, const P11Bridge& bridge, const Examination& wanted, RuleResults& results,
@@ -49,7 +62,7 @@ void testCard(Host& host, const P11Bridge& bridge, const Examination& wanted, Ru
   const auto card = host.insert(wanted.reader);
   if (!card) {
     abilities.published = false;
-    testReport({host.examine(*reader), false, {}, false, false}, results);
+    testReport({host.examine(*reader)}, results);
     tellFailedInsertion(card.failure(), results);
     return results.skipRest("nothing is published");
   }
@@ -60,11 +73,9 @@ void testCard(Host& host, const P11Bridge& bridge, const Examination& wanted, Ru
   const char* whyNotAsWanted =
       wanted.pins && !isOnly ? "there are several cards, and no reader was named" : "";
   const bool loggedIn = testKeys(host, bridge, *card, pins.get(), whyNotAsWanted, report, results, abilities);
-  const auto keys = keysOf(*card);
-  const bool signs =
-      std::any_of(keys.begin(), keys.end(), [](const PublishedKey& key) { return key.canSign; });
   const std::string missed = card->incomplete ? card->incomplete->why : std::string{};
-  testReport({report, *abilities.published, missed, signs, loggedIn}, results);
+  testReport({report, *abilities.published, missed, signersOf(*card, report), loggedIn, report.otherUnread},
+             results);
 }
 
 }  // namespace

@@ -194,7 +194,7 @@ void testSlotOfCard(const P11Bridge& bridge, CK_SLOT_ID slotID, RuleResults& res
   if (rv = bridge.inspectToken(slotID, token); rv != CKR_OK) {
     const std::string text = answerText({"C_GetTokenInfo", rv});
     if (!results.has(kPadding)) results.unknown(kPadding, text);
-    for (const RuleID rule : {kInstanceID, kPinLen, kPinEntry}) results.unknown(rule, text);
+    for (const RuleID rule : {kInstanceID, kPinLen, kPinEntry, kPinUnchanged}) results.unknown(rule, text);
     return;
   }
   if (!results.has(kPadding)) {
@@ -210,6 +210,11 @@ void testSlotOfCard(const P11Bridge& bridge, CK_SLOT_ID slotID, RuleResults& res
   const bool pad = (token.flags & CKF_PROTECTED_AUTHENTICATION_PATH) != 0;
   results.set(kPinEntry, pad ? RuleVerdict::kFail : RuleVerdict::kPass,
               pad ? "the flags have PROTECTED_AUTHENTICATION_PATH" : "the flags name no PIN pad");
+  const bool isToBeChanged = (token.flags & CKF_USER_PIN_TO_BE_CHANGED) != 0;
+  results.set(kPinUnchanged, isToBeChanged ? RuleVerdict::kWarn : RuleVerdict::kPass,
+              isToBeChanged ? std::string{entryOf(FindingID::kPinToBeChanged).code} +
+                                  " the flags have USER_PIN_TO_BE_CHANGED"
+                            : "the flags do not say so");
   const bool isLong = token.ulMinPinLen != CK_UNAVAILABLE_INFORMATION && token.ulMinPinLen > kMaxPinLen;
   results.set(kPinLen, isLong ? RuleVerdict::kFail : RuleVerdict::kPass,
               token.ulMinPinLen == CK_UNAVAILABLE_INFORMATION

@@ -12,10 +12,11 @@ void testObjects(const P11Bridge& bridge, CK_SLOT_ID slotID, RuleResults& result
 /// What can be told of a report of the card.
 struct ReportRules {
   const CardReport& report;
-  bool published = false;  ///< the card has items in the keychain
-  std::string missed{};    ///< why the insertion may have missed something; empty: it has not
-  bool signs = false;      ///< one of its keys may sign
-  bool loggedIn = false;   ///< the report was made after a login
+  bool published = false;              ///< the card has items in the keychain
+  std::string missed{};                ///< why the insertion may have missed something; empty: it has not
+  std::vector<std::string> signers{};  ///< the keys that may sign, as findings name them
+  bool loggedIn = false;               ///< the report was made after a login
+  std::string otherUnread{};           ///< why the name of another card is not known; empty: all are
 };
 
 /// The rules that the report of a card decides.

@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <initializer_list>
 
+#include "TokenFindings.h"
 #include "conformance/ObjectRules.h"
 
 namespace mirel {
@@ -44,7 +45,7 @@ void testReport(const ReportRules& rules, RuleResults& results) {
   const auto& findings = rules.report.findings;
   const auto unread = std::find_if(findings.begin(), findings.end(), [](const Finding& finding) {
     return finding.severity == Severity::kUnknown &&
-           (finding.id == kObjectUnread || finding.id == kTokenUnreadable);
+           (finding.id == kObjectUnread || isUnreadToken(finding.id));
   });
   const bool privateKeysSeen =
       std::all_of(rules.report.keys.begin(), rules.report.keys.end(),
@@ -52,7 +53,11 @@ void testReport(const ReportRules& rules, RuleResults& results) {
   for (const FindingRule& rule : kRules) {
     const auto broken = std::find_if(findings.begin(), findings.end(), [&](const Finding& finding) {
       const bool isBad = finding.severity == Severity::kFailure || finding.severity == Severity::kWarning;
-      return isBad &&
+      // The same is told of keys that decrypt, for which there are rules of their own.
+      const bool isOfOther =
+          rule.needs == Needs::kSigningKey &&
+          std::find(rules.signers.begin(), rules.signers.end(), finding.subject) == rules.signers.end();
+      return isBad && !isOfOther &&
              std::find(rule.findings.begin(), rule.findings.end(), finding.id) != rule.findings.end();
     });
     if (broken != findings.end()) {
@@ -65,11 +70,13 @@ void testReport(const ReportRules& rules, RuleResults& results) {
       results.unknown(rule.rule, unread->evidence.empty() ? "not all was read" : unread->evidence);
     } else if (!rules.report.failedRead.empty()) {
       results.unknown(rule.rule, rules.report.failedRead);
+    } else if (rule.rule == kInstanceID && !rules.otherUnread.empty()) {
+      results.unknown(rule.rule, rules.otherUnread);
     } else if (!rules.missed.empty()) {
       results.unknown(rule.rule, rules.missed);
     } else if (!rules.published) {
       results.skip(rule.rule, "nothing is published");
-    } else if (rule.needs == Needs::kSigningKey && !rules.signs) {
+    } else if (rule.needs == Needs::kSigningKey && rules.signers.empty()) {
       results.skip(rule.rule, "no key of the card signs");
     } else if (rule.needs == Needs::kLogin && !rules.loggedIn) {
       results.skip(rule.rule, "that shows only after a login");

@@ -59,6 +59,7 @@ constexpr ConformanceRule kRules[] = {
     {"CR-50", "removal", "without its card a slot holds no token, and its sessions fail"},
     {"CR-51", "robustness", "C_GetAttributeValue with a null pointer gives the length"},
     {"CR-52", "robustness", "a buffer that is too small is refused, and nothing written behind it"},
+    {"CR-53", "login", "the PIN need not be changed first (a card may come so)"},
 };
 static_assert(std::size(kRules) == kNumRules);
 

@@ -63,6 +63,7 @@ enum class RuleID : std::size_t {
   kRemoval,
   kSizeQuery,
   kSmallBuffer,
+  kPinUnchanged,
   kCount,
 };
 
