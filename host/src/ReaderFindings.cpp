@@ -77,6 +77,17 @@ class ReaderExamination {
                        [&](const ServiceReader& reader) { return slotOf(reader) != nullptr; });
   }
 
+  /// A card in a slot that bears no name of the service's readers may be the card of any of them.
+  [[nodiscard]] bool moduleListsACardElsewhere() const {
+    return std::any_of(slots_.begin(), slots_.end(), [&](const Reader& slot) {
+      return showsToken(slot) && !slot.slotFailure && !serviceHasReader(service_, slot.name);
+    });
+  }
+
+  [[nodiscard]] static FindingID causeOf(const Reader& failing) {
+    return *failing.slotFailure == CKR_DEVICE_ERROR ? kCardHeldByAnother : kTokenUnreadable;
+  }
+
   void lookAt(const ServiceReader& reader) {
     const Reader* slot = slotOf(reader);
     if (slot && showsToken(*slot)) return;
@@ -86,7 +97,8 @@ class ReaderExamination {
     if (reader.card == Card::kMute) return add(kCardMute, subject, "the card service finds the card mute");
     if (reader.exclusive) return add(kCardHeldByAnother, subject, atr + ", in exclusive use");
     if (failing && reader.card == Card::kPresent)
-      return add(kCardHeldByAnother, subject, slotInfoAnswer(*failing) + ", " + atr);
+      return add(causeOf(*failing), subject, slotInfoAnswer(*failing) + ", " + atr);
+    if (!slot && reader.card == Card::kPresent && moduleListsACardElsewhere()) return;
     if (!slot && moduleListsAnotherReader()) {
       return add(kReaderUnknownToModule, subject,
                  reader.card == Card::kPresent ? "it holds a card, " + atr : "it holds no card");
@@ -100,8 +112,7 @@ class ReaderExamination {
       if (slot.notRecognised) add(kCardNotRecognised, subjectOf(slot.name), slot.unreadable->why);
       if (!slot.slotFailure) continue;
       const std::string subject = "slot " + std::to_string(slot.slotID);
-      const bool isDeviceError = *slot.slotFailure == CKR_DEVICE_ERROR;
-      add(isDeviceError ? kCardHeldByAnother : kTokenUnreadable, subject, slotInfoAnswer(slot));
+      add(causeOf(slot), subject, slotInfoAnswer(slot));
     }
   }
 

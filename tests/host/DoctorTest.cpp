@@ -280,6 +280,49 @@ TEST_F(Doctor, FailsWhereTheInsertionFailsWhateverElseIsFound) {
   }
 }
 
+TEST_F(Doctor, TellsOfACardInAReaderThatCannotBeUsedOnce) {
+  const struct {
+    const char* name;
+    std::function<void()> make;
+    const char* code;
+  } rows[] = {
+      {"unknown to the module",
+       [this] { script.failCallOf("C_GetTokenInfo", 0, CKR_TOKEN_NOT_RECOGNIZED, Times::kFromThenOn); },
+       "MT-R03"},
+      {"name", [this] { setField(script.slot().info.slotDescription, "L\xE4ser"); }, "MT-R09"},
+      {"number",
+       [this] {
+         for (int i = 0; i < 10; ++i)
+           (void)script.addSlot("Reader " + std::to_string(i), emptyCard("C", "1"));
+       },
+       "MT-R10"},
+  };
+  for (const auto& [name, make, code] : rows) {
+    SCOPED_TRACE(name);
+    script.reset();
+    setCertificate({});
+    make();
+    const auto codes = codesOf(diagnosis());
+    EXPECT_THAT(codes, ::testing::Contains(code));
+    EXPECT_THAT(codes, ::testing::Not(::testing::Contains("MT-T01")));
+  }
+}
+
+TEST_F(Doctor, DoesNotMissACardThatTheModuleListsByAnotherName) {
+  service->view.readers = {{"Service's name", InReader::kPresent, false, false, "3B00"}};
+  EXPECT_THAT(codesOf(diagnosis()), ::testing::Not(::testing::Contains("MT-R03")));
+}
+
+TEST_F(Doctor, BlamesNoOtherProgramForASlotThatFailsForAnotherReason) {
+  service->view.readers = {{"Reader A 00", InReader::kPresent, false, false, "3B00"}};
+  const std::pair<CK_RV, const char*> rows[] = {{CKR_DEVICE_ERROR, "MT-R04"}, {CKR_HOST_MEMORY, "MT-T01"}};
+  for (const auto& [answer, code] : rows) {
+    script.reset();
+    script.failCallOf("C_GetSlotInfo", 0, answer, Times::kFromThenOn);
+    EXPECT_THAT(codesOf(Diagnosis{{checkIn(diagnosis(), "readers")}}), ElementsAre(code));
+  }
+}
+
 TEST_F(Doctor, TellsOfACardThatIsNotInitialisedWhereThereIsNoOther) {
   script.card().info.flags = CKF_RNG;
   script.failCallOf("C_OpenSession", 0, CKR_TOKEN_NOT_RECOGNIZED, Times::kFromThenOn);

@@ -202,6 +202,28 @@ TEST_F(DoctorTrials, FindAPlainTextThatIsAnotherOne) {
   EXPECT_THAT(findingIn(diagnosis(), kDecryptionFails).evidence, HasSubstr("another one than was encrypted"));
 }
 
+TEST_F(DoctorTrials, TakeBackWhatTheLoginRefutes) {
+  script.addObject(certificate(bytesOf("05"), bytesOf("Pair"), key.certificate(kForSigning)));
+  script.addObject(
+      rsaPublicKey(bytesOf("05"), bytesOf("Pair"), key.modulus()).with(CKA_PRIVATE, boolValue(true)));
+  script.card().info.flags &= ~CKF_USER_PIN_INITIALIZED;
+  const Diagnosis found = diagnosis();
+  EXPECT_THAT(codesOfCheck(found, "objects"), Contains("MT-C07"));
+  EXPECT_EQ(checkIn(found, "objects").severity, Severity::kWarning);
+  EXPECT_EQ(findingIn(found, kPublicKeyPrivate).subject, "public key 3035 \"Pair\"");
+  EXPECT_THAT(codesOf(found), ::testing::AllOf(Not(Contains("MT-C06")), Not(Contains("MT-P06"))));
+  EXPECT_EQ(checkIn(found, "PIN").severity, Severity::kOk);
+}
+
+TEST_F(DoctorTrials, TakeNothingBackWhereTheSecondLookFails) {
+  script.addObject(certificate(bytesOf("05"), bytesOf("Pair"), key.certificate(kForSigning)));
+  script.hook<&CK_FUNCTION_LIST::C_FindObjectsInit>(
+      [this](auto real, auto session, auto* filter, auto count) {
+        return script.card().loggedIn ? CKR_DEVICE_ERROR : real(session, filter, count);
+      });
+  EXPECT_THAT(codesOfCheck(diagnosis(), "objects"), Contains("MT-C06"));
+}
+
 TEST_F(DoctorTrials, EndWithALoginThatFails) {
   const struct {
     const char16_t* pin;

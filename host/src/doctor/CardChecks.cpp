@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "TokenFindings.h"
 #include "bridge/cryptoki.h"
 #include "doctor/KeyTrials.h"
 #include "host/Display.h"
@@ -33,7 +34,7 @@ std::vector<Finding> findingsOf(char letter, const CardReport& report) {
 
 void checkPin(Host& host, const Reader& reader, const CardReport& report, Checks& checks) {
   const auto unreadable = std::find_if(report.findings.begin(), report.findings.end(),
-                                       [](const Finding& finding) { return finding.id == kTokenUnreadable; });
+                                       [](const Finding& finding) { return isUnreadToken(finding.id); });
   if (unreadable != report.findings.end()) return checks.add(kPin, Severity::kUnknown, unreadable->evidence);
   std::vector<Finding> findings = findingsOf('P', report);
   const auto has = [&](FindingID id) {
@@ -64,6 +65,14 @@ std::string textOf(const std::vector<KeyReport>& keys) {
     if (!key.works.empty()) text += " " + key.works;
   }
   return text.empty() ? "none" : text;
+}
+
+/// The one about the same thing, whatever was seen of it; null where there is none.
+const Finding* sameIn(const std::vector<Finding>& findings, const Finding& wanted) {
+  const auto found = std::find_if(findings.begin(), findings.end(), [&](const Finding& finding) {
+    return finding.id == wanted.id && finding.subject == wanted.subject;
+  });
+  return found == findings.end() ? nullptr : &*found;
 }
 
 /// What is well is no finding, and what only a trial tells is none where the trial is made.
@@ -133,6 +142,40 @@ bool checkLogin(const Result<void>& accepted, const CardReport& report, Checks& 
   return refused(failure.result == CKR_PIN_EXPIRED ? kPinToBeChanged : kLoginFails);
 }
 
+/// What the flags have said of a PIN that the card has accepted since is not so.
+void takeBackPin(Checks& checks) {
+  checks.amend(kPin, [](std::vector<Finding>& findings) {
+    std::erase_if(findings, [](const Finding& finding) {
+      return finding.id == kPinNotSet || finding.id == kPinLocked || finding.id == kPinTooLong ||
+             finding.id == kPinPad;
+    });
+  });
+}
+
+/// After the login more of the card shows: what was said before is told as it is known then, or taken back.
+/// `ioMore`: the findings that were not there before; those about objects leave it for the places of others.
+void correctObjects(const CardReport& after, std::vector<Finding>& ioMore, Checks& checks) {
+  if (!after.loggedIn || !after.failedRead.empty() || !after.failedPrivateRead.empty()) return;
+  const auto correct = [&](std::vector<Finding>& findings) {
+    std::vector<Finding> known;
+    for (const Finding& finding : findings) {
+      const Finding* same = sameIn(after.findings, finding);
+      if (same) known.push_back(*same);
+    }
+    const bool isRefuted = known.size() < findings.size();
+    findings = std::move(known);
+    return isRefuted;
+  };
+  checks.amend(kKeys, correct);
+  checks.amend(kObjects, [&](std::vector<Finding>& findings) {
+    if (!correct(findings)) return;
+    const auto others = std::stable_partition(ioMore.begin(), ioMore.end(),
+                                              [](const Finding& finding) { return !isOf('C', finding); });
+    findings.insert(findings.end(), others, ioMore.end());
+    ioMore.erase(others, ioMore.end());
+  });
+}
+
 void tryKeys(Host& host, const InsertedCard& card, const CardReport& report, PinSource& pins,
              Checks& checks) {
   const auto client = host.newClient(card);
@@ -141,16 +184,16 @@ void tryKeys(Host& host, const InsertedCard& card, const CardReport& report, Pin
     return skipTrials(checks, "there is no login");
   }
   if (!checkLogin((*client)->logIn(pins), report, checks)) return skipTrials(checks, "there is no login");
+  takeBackPin(checks);
   checks.start(kPrivateKeys);
   const CardReport after = host.examine(card, true);
   std::vector<Finding> more;
   for (const Finding& finding : after.findings) {
-    const bool known = std::any_of(report.findings.begin(), report.findings.end(), [&](const Finding& other) {
-      return other.id == finding.id && other.subject == finding.subject;
-    });
-    if (!known) more.push_back(finding);
+    if (!sameIn(report.findings, finding)) more.push_back(finding);
   }
-  checks.add(kPrivateKeys, countOf(more.size(), "finding") + " more after the login", more);
+  std::string evidence = countOf(more.size(), "finding") + " more after the login";
+  correctObjects(after, more, checks);
+  checks.add(kPrivateKeys, std::move(evidence), std::move(more));
   if (!trySigning(**client, card, after, pins, kTrials[0], checks))
     return checks.skip(kTrials[1], "the card went away");
   tryDecrypting(**client, card, after, pins, kTrials[1], checks);
@@ -170,9 +213,14 @@ void skipCardChecks(Checks& checks, const std::string& reason) {
 
 void checkCard(Host& host, const Reader& reader, const PinsForReader& pins, const std::string& whyNotAsWanted,
                const CardListener& onCard, Checks& checks) {
+  const Finding* told = checks.findingAbout("reader \"" + displayed(reader.name) + "\"");
   if (reader.unreadable) {
     const std::string& why = reader.unreadable->why;
-    checks.add(kCardCheck, why, {{kTokenUnreadable, Severity::kFailure, {}, why}});
+    if (told) {
+      checks.skip(kCardCheck, std::string{entryOf(told->id).title});
+    } else {
+      checks.add(kCardCheck, why, {{kTokenUnreadable, Severity::kFailure, {}, why}});
+    }
     return skipAfterCard(checks, "the card cannot be read");
   }
   checks.start(kCardCheck);
@@ -185,9 +233,13 @@ void checkCard(Host& host, const Reader& reader, const PinsForReader& pins, cons
     }
     const CardReport report = host.examine(reader);
     std::vector<Finding> findings = findingsOf('T', report);
-    // An object that hides the card is told with the objects.
-    if (worstOf(findings) != Severity::kFailure && !report.hidden)
-      findings.insert(findings.begin(), {kTokenUnreadable, Severity::kFailure, {}, why});
+    // An object that hides the card is told with the objects, and a reader that cannot be used with those.
+    if (worstOf(findings) != Severity::kFailure && !report.hidden && !told && !checks.has(kTooManyCards)) {
+      const FailureKind kind = card.failure().kind;
+      const bool isGone = kind == FailureKind::kCardGone || kind == FailureKind::kAnotherCard;
+      findings.insert(findings.begin(),
+                      {isGone ? kCardWentAway : kTokenUnreadable, Severity::kFailure, {}, why});
+    }
     if (findings.empty()) {
       checks.add(kCardCheck, Severity::kFailure, why);
     } else {

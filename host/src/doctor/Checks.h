@@ -1,7 +1,9 @@
 #pragma once
 
+#include <algorithm>
 #include <functional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -38,6 +40,26 @@ class Checks {
     add(point, Severity::kSkipped, std::move(reason));
   }
 
+  /// Has the last check of that name about the same card be known better: `change` gets its findings.
+  template <typename Change>
+  void amend(const Checkpoint& point, const Change& change) {
+    auto& made = diagnosis_.checks;
+    const auto found = std::find_if(made.rbegin(), made.rend(), [&](const Check& check) {
+      return check.name == point.name && check.reader == reader_;
+    });
+    if (found == made.rend() || found->findings.empty()) return;
+    change(found->findings);
+    found->severity = worstOf(found->findings);
+  }
+
+  /// The first finding about that so far; null: there is none.
+  [[nodiscard]] const Finding* findingAbout(std::string_view subject) const {
+    return firstFinding([&](const Finding& finding) { return finding.subject == subject; });
+  }
+  [[nodiscard]] bool has(FindingID id) const {
+    return firstFinding([id](const Finding& finding) { return finding.id == id; }) != nullptr;
+  }
+
   /// The checks from now on are about the card in that reader; empty: about all.
   void turnTo(std::string reader) { reader_ = std::move(reader); }
   [[nodiscard]] const std::string& reader() const noexcept { return reader_; }
@@ -51,6 +73,15 @@ class Checks {
   [[nodiscard]] Diagnosis diagnosis() && { return std::move(diagnosis_); }
 
  private:
+  template <typename Predicate>
+  [[nodiscard]] const Finding* firstFinding(const Predicate& fits) const {
+    for (const Check& check : diagnosis_.checks) {
+      const auto found = std::find_if(check.findings.begin(), check.findings.end(), fits);
+      if (found != check.findings.end()) return &*found;
+    }
+    return nullptr;
+  }
+
   void append(Check check) {
     diagnosis_.checks.push_back(std::move(check));
     if (onCheck_) onCheck_(diagnosis_);
