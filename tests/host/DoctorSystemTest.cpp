@@ -106,6 +106,20 @@ TEST_F(DoctorOnAMac, FindsNothingWhereAllIsWell) {
   EXPECT_THAT(found.systemTokens, ElementsAre("com.mirel.token.extension:1234567890ABCDEF"));
 }
 
+TEST_F(DoctorOnAMac, SaysOnceWhyTheSystemHasNeitherTheCardNorItsKeys) {
+  tools->answer(kSecurity, "No smartcards found.\n");
+  tools->answer(kScAuth, "");
+  EXPECT_THAT(systemCodesOf(diagnosis()), ElementsAre("MT-X04"));
+  tools->answer(kPluginkit, "");
+  EXPECT_THAT(systemCodesOf(diagnosis()), ElementsAre("MT-X01"));
+}
+
+TEST_F(DoctorOnAMac, ExpectsOneTokenOfTwoCardsWithOneInstanceID) {
+  (void)script.addSlot("Reader B", script.card());
+  EXPECT_THAT(codesOf(diagnosis()),
+              ::testing::AllOf(::testing::Contains("MT-T03"), ::testing::Not(::testing::Contains("MT-X04"))));
+}
+
 TEST_F(DoctorOnAMac, OnlyThereAsksTools) {
   EXPECT_EQ(checkIn(diagnose(services(), {{std::nullopt, true}}), "extension").evidence, "none");
   EXPECT_THAT(tools->lines, IsEmpty());

@@ -104,6 +104,7 @@ class SystemExamination {
     if (copies.empty()) {
       const std::string evidence =
           "the system knows " + countOf(all.size(), "token extension") + ", not this one";
+      isStarted_ = false;
       return add(kExtension, evidence, {kExtensionNotRegistered, Severity::kFailure, {}, evidence});
     }
     addCopies(copies);
@@ -113,6 +114,7 @@ class SystemExamination {
     const auto isUsed = [](const ExtensionCopy& copy) { return copy.sign != '-' && copy.sign != '='; };
     const auto used = std::find_if(copies.begin(), copies.end(), isUsed);
     if (used == copies.end()) {
+      isStarted_ = false;
       const std::string evidence = "it is marked with \"" + std::string{copies.front().sign} + "\"";
       return add(kExtension, evidence, {kExtensionIgnored, Severity::kFailure, {}, evidence});
     }
@@ -134,7 +136,7 @@ class SystemExamination {
   }
 
   void lookForCards() {
-    if (expected_.numCards == 0) return checks_.skip(kCards, "there is no card");
+    if (numCards_ == 0) return checks_.skip(kCards, "there is no card");
     const ToolAnswer answer = ask(kCards, "security", {"list-smartcards"});
     if (answer.unanswered) return addUnknown(kCards, *answer.unanswered);
     tokens_ = tokenIDsIn(answer.output);
@@ -143,12 +145,15 @@ class SystemExamination {
     const auto own = static_cast<std::size_t>(std::count_if(
         tokens_.begin(), tokens_.end(), [](const std::string& id) { return id.starts_with(kTokenPrefix); }));
     const std::string evidence = tokens_.empty() ? "the system lists none" : joined(tokens_);
-    if (own >= expected_.numCards) return checks_.add(kCards, evidence);
+    lacksCard_ = own < numCards_;
+    if (!lacksCard_) return checks_.add(kCards, evidence);
+    // Why an extension that is not started has no card was said.
+    if (!isStarted_) return checks_.add(kCards, Severity::kFailure, evidence);
     add(kCards, evidence,
         {kCardNotInSystem,
          own == 0 ? Severity::kFailure : Severity::kWarning,
          {},
-         "the module shows " + countOf(expected_.numCards, "card") + ", the system " + std::to_string(own)});
+         "the module shows " + countOf(numCards_, "card") + ", the system " + std::to_string(own)});
   }
 
   void lookForKeys() {
@@ -165,6 +170,7 @@ class SystemExamination {
     const std::string evidence = std::to_string(expected_.keyHashes.size() - missing.size()) + " of " +
                                  countOf(expected_.keyHashes.size(), "key") + " listed as identities";
     if (missing.empty()) return checks_.add(kKeysSeen, evidence);
+    if (lacksCard_) return checks_.add(kKeysSeen, Severity::kWarning, evidence);  // they are that card's
     add(kKeysSeen, evidence, {kKeyNotInSystem, Severity::kWarning, {}, "public-key hash " + joined(missing)});
   }
 
@@ -185,10 +191,10 @@ class SystemExamination {
           kDrivers, evidence,
           {kOtherDriverOnCard, Severity::kWarning, evidence, "both publish the key with the hash " + hash});
     }
-    if (tokens_.size() <= expected_.numCards) return checks_.add(kDrivers, evidence);
+    if (tokens_.size() <= numCards_) return checks_.add(kDrivers, evidence);
     add(kDrivers, evidence,
         {kOtherDriverOnCard, Severity::kUnknown, evidence,
-         countOf(tokens_.size(), "token") + " for " + countOf(expected_.numCards, "card")});
+         countOf(tokens_.size(), "token") + " for " + countOf(numCards_, "card")});
   }
 
   void lookForQuarantine() {
@@ -276,9 +282,12 @@ class SystemExamination {
 
   ProgramRunner& runner_;
   const SystemExpectation& expected_;
+  const std::size_t numCards_ = expected_.instanceIDs.size();
   Checks& checks_;
   std::string app_;
   std::string extensionPath_;
+  bool isStarted_ = true;            ///< the extension, as far as is known
+  bool lacksCard_ = false;           ///< the system shows fewer cards than the module
   bool isAccepted_ = false;          ///< the app, by the system's rules on where programs come from
   std::vector<std::string> tokens_;  ///< that the system lists
   std::vector<std::string> listed_;  ///< the hashes of keys that it lists
@@ -287,7 +296,7 @@ class SystemExamination {
 }  // namespace
 
 void expect(SystemExpectation& expectation, const InsertedCard& card) {
-  ++expectation.numCards;
+  expectation.instanceIDs.emplace(card.instanceID.units());
   for (const PublishedItem& item : card.items) {
     if (const auto* certificate = std::get_if<PublishedCertificate>(&item)) {
       if (auto hash = keyHashOf(certificate)) expectation.certificateHashes.push_back(*std::move(hash));

@@ -1,6 +1,7 @@
 #pragma once
 
-#include <cstddef>
+#include <functional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -13,9 +14,10 @@ class ProgramRunner;
 
 /// What the system is expected to know.
 struct SystemExpectation {
-  std::string app{};                     ///< path of this program's app; empty: it is in none
-  std::string module{};                  ///< path of the module's file; empty: there is none
-  std::size_t numCards = 0;              ///< that were inserted
+  std::string app{};     ///< path of this program's app; empty: it is in none
+  std::string module{};  ///< path of the module's file; empty: there is none
+  std::set<std::u16string, std::less<>>
+      instanceIDs{};                     ///< of the inserted cards, as the system tells them apart
   std::vector<std::string> keyHashes{};  ///< of the published keys: SHA-1 in small hexadecimal digits
   /// The same of each published certificate: several can have one key.
   std::vector<std::string> certificateHashes{};
