@@ -304,6 +304,10 @@ void CardFindings::addWhatIsNotRead() {
 void CardFindings::addLonelyPrivateKeys() {
   if (!contents_.failedRead.empty() || !contents_.failedPrivateRead.empty()) return;
   if (contents_.morePublicKeys || contents_.moreCertificates) return;
+  const auto hasNoID = [](const CardObject& object) { return object.id.empty(); };
+  const bool mayBeTheirs = std::any_of(contents_.publicKeys.begin(), contents_.publicKeys.end(), hasNoID) ||
+                           std::any_of(contents_.certificates.begin(), contents_.certificates.end(), hasNoID);
+  if (mayBeTheirs) return;
   const auto isIn = [](const std::vector<CardObject>& objects, const Text& id) {
     return std::any_of(objects.begin(), objects.end(),
                        [&](const CardObject& object) { return object.about.id == id; });

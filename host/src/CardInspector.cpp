@@ -22,6 +22,7 @@ struct PartnerTexts {
   const char* isPrivate;
   const char* leftOut;
   const char* unread;
+  const char* nameless;
   const char* cutOff;
   FindingID causeMissing;
 };
@@ -32,6 +33,7 @@ constexpr PartnerTexts kNoPublicKey{
     "its public key is visible only after login",
     "the public key with its ID is left out",
     "the public key with its ID could not be read now",
+    "no public key has its ID, and that of one cannot be read",
     "none of the first 160 public keys has its ID, and no more are listed",
     FindingID::kPublicKeyMissing,
 };
@@ -41,6 +43,7 @@ constexpr PartnerTexts kNoCertificate{
     "its certificate is visible only after login",
     "the certificate with its ID is left out",
     "the certificate with its ID could not be read now",
+    "no certificate has its ID, and that of one cannot be read",
     "none of the first 160 certificates has its ID, and no more are listed",
     FindingID::kCertificateMissing,
 };
@@ -91,6 +94,9 @@ class PairChecker {
     if (isCutOff) return miss(object, FindingID::kTooManyObjects, texts.cutOff);
     if (object.about.expected)
       return miss(object, texts.causeMissing, "it is the certificate of an issuer, which needs no key");
+    const auto nameless = std::find_if(partners.begin(), partners.end(),
+                                       [](const CardObject& candidate) { return candidate.id.empty(); });
+    if (nameless != partners.end()) return missBecauseOf(*nameless, object, texts.nameless);
     std::string reason = contents_.loggedIn ? texts.missing : texts.missingOrPrivate;
     if (hasPrivateKey(object)) reason += "; its private key is on the card";
     miss(object, texts.causeMissing, reason);

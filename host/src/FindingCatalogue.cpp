@@ -134,8 +134,8 @@ constexpr FindingEntry kEntries[] = {
      "the same ID",
      kIssuer},
     {kCertificateOfOtherKey, "MT-C11", "a certificate belongs to another key",
-     "signatures of the key do not verify with this certificate",
-     "have the card's issuer put the right certificate on the card", kIssuer},
+     "signatures do not verify with it, unless it is the public-key object with its ID that is the wrong one",
+     "have the card's issuer put the certificate and the public key of the private key on the card", kIssuer},
     {kIDShared, "MT-C12", "several objects share one ID",
      "the keychain finds only the first of them, and the card may use another private key than the one that "
      "is meant",

@@ -305,6 +305,17 @@ TEST_F(CardReportObjects, TellsAllObjectsThatHideTheCardAndWhatIsLost) {
   EXPECT_EQ(report.keys.front().works, "nothing: the whole card is hidden");
 }
 
+TEST_F(CardReportObjects, MissesNothingThatMayBeTheObjectWithoutAnID) {
+  script.card().privateObjectsNeedLogin = false;
+  addKey("01", "MyKey");
+  lastObject(2) = lastObject(2).with(CKA_ID, {});
+  lastObject() = lastObject().with(CKA_ID, {});
+  const CardReport report = host.examine(readers().front());
+  EXPECT_THAT(troubles(report), ElementsAre("MT-C02", "MT-C02"));
+  addPublicKey("02", "Other");
+  EXPECT_THAT(troubles(host.examine(readers().front())), ElementsAre("MT-C02", "MT-C02"));
+}
+
 TEST_F(CardReportObjects, TellsWhatIsLostByAHiddenCardOnlyAsFarAsItWasRead) {
   const struct {
     const char* name;

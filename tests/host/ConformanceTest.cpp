@@ -24,6 +24,7 @@ class ConformanceTest : public KeyClientTest {
     script.reset();
     given.emplace(std::deque<std::u16string>{u"123456"});
     module = {};
+    reader = {};
     makeCard(SoftwareKey::rsa(1024));
   }
   void makeCard(const SoftwareKey& own) {
@@ -419,6 +420,10 @@ TEST_F(ConformanceTest, LeavesOpenWhatTheModuleIsNotToBlameFor) {
        {"CR-42"}},
       {"card at the decryption", [this] { script.failCallOf("C_Decrypt", 0, CKR_DEVICE_ERROR); }, {"CR-49"}},
       {"card at the login", [this] { script.failCallOf("C_Login", 0, CKR_DEVICE_ERROR); }, {"CR-33"}},
+      {"another reader", [this] { reader = Text{u"Reader X"}; }, {"CR-11"}},
+      {"card in the second thread",
+       [this] { script.failCallOf("C_GetSlotList", 2, CKR_DEVICE_ERROR); },
+       {"CR-05"}},
       {"card at the first session",
        [this] { script.failCallOf("C_OpenSession", 0, CKR_DEVICE_ERROR); },
        {"CR-07"}},
