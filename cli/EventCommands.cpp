@@ -19,6 +19,7 @@ namespace mirel::cli {
 namespace {
 
 constexpr int kShellHasNone = 127;  // the exit code of a shell that could not be started
+constexpr std::chrono::milliseconds kTimeAfterKill{1000};
 
 [[noreturn]] void becomeShell(const std::string& command, const std::string& event, const std::string& reader,
                               const std::string& serialNumber) {
@@ -42,21 +43,30 @@ void tell(const std::string& what, const std::string& why) {
 }  // namespace
 
 EventCommands::~EventCommands() {
-  using Clock = std::chrono::steady_clock;
+  takeLeave();
   for (const Running& one : running_) (void)kill(-one.process, SIGTERM);
-  const auto end = Clock::now() + kTimeForEnd;
+  waitForEnds(kTimeForEnd);
+  for (Running& one : running_) one.whyNotEnded = kill(-one.process, SIGKILL) == 0 ? 0 : errno;
+  waitForEnds(kTimeAfterKill);
+  // A program that has become another user's is not ours to end.
+  for (const Running& one : running_) {
+    const std::string why = one.whyNotEnded != 0 ? std::strerror(one.whyNotEnded) : "it does not end";
+    tell("goes on for " + one.what, why + "; end process " + std::to_string(one.process) + " yourself");
+  }
+}
+
+void EventCommands::waitForEnds(std::chrono::milliseconds most) {
+  using Clock = std::chrono::steady_clock;
+  const auto end = Clock::now() + most;
   const auto hasEnded = [](const Running& one) { return waitpid(one.process, nullptr, WNOHANG) != 0; };
   while (std::erase_if(running_, hasEnded), !running_.empty() && Clock::now() < end)
     std::this_thread::sleep_for(std::chrono::milliseconds{10});
-  for (const Running& one : running_) {
-    (void)kill(-one.process, SIGKILL);
-    (void)waitpid(one.process, nullptr, 0);
-  }
 }
 
 void EventCommands::run(const std::string& event, const std::string& reader,
                         const std::string& serialNumber) {
   const std::string what = event + ", reader \"" + reader + "\"";
+  if (running_.size() == kMost) takeLeave();
   if (running_.size() == kMost)
     return tell("was not run for " + what, "32 are still running; see why they do not end");
   const pid_t process = fork();

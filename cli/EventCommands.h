@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -18,7 +19,8 @@ class EventCommands {
   explicit EventCommands(std::string command) : command_{std::move(command)} {}
   EventCommands(const EventCommands&) = delete;
   EventCommands& operator=(const EventCommands&) = delete;
-  /// Ends those that run: by SIGTERM, and after a while by SIGKILL.
+  /// Ends those that run: by SIGTERM, and after a while by SIGKILL. Tells the user of one that it may not
+  /// end.
   ~EventCommands();
 
   /// Runs the command with EVENT, READER and SERIAL in its environment. The texts must be fit for a terminal:
@@ -31,8 +33,11 @@ class EventCommands {
  private:
   struct Running {
     pid_t process;
-    std::string what;  ///< "EVENT, reader "NAME""
+    std::string what;     ///< "EVENT, reader "NAME""
+    int whyNotEnded = 0;  ///< an errno
   };
+
+  void waitForEnds(std::chrono::milliseconds most);
 
   std::string command_;
   std::vector<Running> running_;
