@@ -90,6 +90,14 @@ Json jsonOf(const ToldFailure& failure) {
           {"advice", failure.advice}};
 }
 
+ExitCode exitCodeOf(const ToldFailure& failure) {
+  for (int kind = 0; kind <= static_cast<int>(FailureKind::kNotRecorded); ++kind) {
+    const ErrorTerms terms = errorTermsOf(static_cast<FailureKind>(kind));
+    if (terms.id == failure.id) return terms.exitCode;
+  }
+  return ExitCode::kInternal;
+}
+
 std::string messageOf(const Failure& failure) {
   return textOf(Json{{"failure", jsonOf(toldFailure(failure))}});
 }
@@ -124,6 +132,15 @@ std::string messageOf(const std::vector<WatchedReader>& slots) {
 
 std::optional<std::vector<WatchedReader>> slotsIn(const std::string& message) {
   return taken(message, "slots", [](const Json& json) { return readersOf(json, false); });
+}
+
+std::string messageOf(const Reader& reader) {
+  return textOf(Json{{"reader", {{"serialNumber", reader.serialNumber.toUtf8()}}}});
+}
+
+std::optional<Text> serialNumberIn(const std::string& message) {
+  return taken(message, "reader",
+               [](const Json& json) { return Text::fromUtf8(json.at("serialNumber").get<std::string>()); });
 }
 
 std::string messageOf(const InsertedCard& card, const CardReport& report) {

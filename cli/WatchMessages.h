@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "ExitCode.h"
 #include "host/Finding.h"
 #include "host/Host.h"
 #include "host/ReaderWatch.h"
@@ -27,6 +28,8 @@ struct ToldFailure {
   friend bool operator==(const ToldFailure&, const ToldFailure&) = default;
 };
 [[nodiscard]] ToldFailure toldFailure(const Failure& failure);
+/// The code that goes with its id: the number itself may be anything. kInternal where there is no such id.
+[[nodiscard]] ExitCode exitCodeOf(const ToldFailure& failure);
 /// As the member "error" of what a command prints.
 [[nodiscard]] nlohmann::ordered_json jsonOf(const ToldFailure& failure);
 [[nodiscard]] std::string messageOf(const Failure& failure);
@@ -46,6 +49,10 @@ struct ServiceNews {
 /// The module's slots.
 [[nodiscard]] std::string messageOf(const std::vector<WatchedReader>& slots);
 [[nodiscard]] std::optional<std::vector<WatchedReader>> slotsIn(const std::string& message);
+
+/// Which card is in a reader, where it became no token.
+[[nodiscard]] std::string messageOf(const Reader& reader);
+[[nodiscard]] std::optional<Text> serialNumberIn(const std::string& message);
 
 /// A card that was inserted, and what its token publishes.
 struct CardNews {

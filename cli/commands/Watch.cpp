@@ -20,6 +20,7 @@
 #include "Session.h"
 #include "WatchMessages.h"
 #include "WatchSignals.h"
+#include "Worker.h"
 #include "host/ReaderWatch.h"
 #include "platform/CardService.h"
 #include "platform/Log.h"
@@ -132,7 +133,13 @@ void keepCard(const Session& watching, const Text& reader, HelperLine& line) {
   Options options = watching.options();
   options.reader = reader.toUtf8();
   Session session{watching.services(), options, watching.module()};
-  if (const auto inserted = session.insertCard(); !inserted) return line.send(messageOf(inserted.failure()));
+  if (const auto inserted = session.insertCard(); !inserted) {
+    noteFailure(inserted.failure());
+    // The reader may tell all the same which card it is.
+    if (const auto found = session.readers(); found && found->size() == 1)
+      line.send(messageOf(found->front()));
+    return line.send(messageOf(inserted.failure()));
+  }
   line.send(messageOf(session.card(), session.examine()));
   line.waitForEnd();
 }
@@ -153,6 +160,7 @@ class WatchRun {
       if (done) done = goOn();
     }
     if (done && !isOver_) tellOfSilence();
+    if (done && !isOver_ && !moduleHasAnswered_ && lastTold_) endFor(*lastTold_);
     endHelpers();
     return done;
   }
@@ -273,7 +281,10 @@ class WatchRun {
     for (const std::string& text : look_->takeTexts()) slots = slotsIn(text);
     if (!ended && !slots) return {};
     if (!slots) tellOfModule(look_->failure());
-    if (slots) lastTold_.reset();
+    if (slots) {
+      lastTold_.reset();
+      moduleHasAnswered_ = true;
+    }
     if (!isOver_) tellOfSilence();
     sources_.lookEnds(Clock::now(), slots);
     leave(std::move(look_));
@@ -285,10 +296,15 @@ class WatchRun {
     lastTold_ = failure;
     // It will not be another one when a card is inserted.
     isOver_ = failure->id == errorTermsOf(FailureKind::kModuleNotLoadable).id;
-    if (isOver_) session_.setExitCode(ExitCode::kModuleNotLoadable);
-    if (isOver_ && options_.json && !outputWasBegun())
-      (void)writeOutput(jsonLine("error", {{"error", jsonOf(*failure)}}));  // the message tells it as well
+    if (isOver_) endFor(*failure);
     writeMessage("mireltoken: " + wordsOf(*failure));
+  }
+
+  /// That is what it comes to: nothing was seen of the module but this failure, of which a message tells.
+  void endFor(const ToldFailure& failure) {
+    session_.setExitCode(exitCodeOf(failure));
+    if (options_.json && !outputWasBegun())
+      (void)writeOutput(jsonLine("error", {{"error", jsonOf(failure)}}));  // the message tells it as well
   }
 
   // ---- Cards ----
@@ -326,8 +342,10 @@ class WatchRun {
     if (!card.helper) return {};
     const bool ended = card.helper->hasEnded();
     for (const std::string& text : card.helper->takeTexts()) {
+      if (auto serialNumber = serialNumberIn(text)) card.serialNumber = *std::move(serialNumber);
       auto news = card.isTold ? std::nullopt : cardIn(text);
       if (!news) continue;
+      moduleHasAnswered_ = true;
       card.serialNumber = news->serialNumber;
       if (auto done = tell(card, {std::move(news), std::nullopt}); !done) return done;
     }
@@ -392,6 +410,7 @@ class WatchRun {
   std::optional<std::string> silence_;  // what is to be told of it
   std::unique_ptr<HelperProcess> look_;
   std::optional<ToldFailure> lastTold_;
+  bool moduleHasAnswered_ = false;
   std::map<std::u16string, InsertedOne> cards_;  // by the names of their readers
   std::vector<std::unique_ptr<HelperProcess>> leaving_;
 };

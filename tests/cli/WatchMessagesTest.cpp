@@ -68,6 +68,7 @@ TEST(WatchMessages, AreNoneWhenTheyAreNotWhatIsSent) {
                                 R"({"failure":{"id":"x"}})",
                                 R"({"failure":{"id":"x","exitCode":1.5,"what":"","why":"","advice":""}})",
                                 std::string(100000, '['),
+                                R"({"reader":{"serialNumber":7}})",
                                 R"({"card":{}})"};
   for (const char* count : {"-1", "1e99", "\"2\"", "null"}) {
     std::string wrong = card;
@@ -81,6 +82,7 @@ TEST(WatchMessages, AreNoneWhenTheyAreNotWhatIsSent) {
     EXPECT_FALSE(serviceIn(row));
     EXPECT_FALSE(failureIn(row));
     EXPECT_FALSE(cardIn(row));
+    EXPECT_FALSE(serialNumberIn(row));
   }
 }
 

@@ -1,6 +1,9 @@
 /// `mireltoken watch`, and the watch over a card whose PIN is awaited. The card service is the tests' own;
 /// its readers are named as the slots of SoftHSM2, or there is none and the module is asked.
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <csignal>
 #include <fstream>
 #include <thread>
@@ -226,6 +229,50 @@ TEST_F(Watching, IsNotHeldUpByACommandThatHangsAndLeavesNoneBehind) {
   const auto processes = events(2);
   EXPECT_EQ(ended(child).exitCode, 0);
   for (const std::string& process : processes) EXPECT_NE(kill(std::stoi(process), 0), 0);
+}
+
+TEST_F(Watching, DoesNotWaitForACommandThatItMayNotEnd) {
+  const char* setpriv = "/usr/bin/setpriv";
+  if (geteuid() != 0 || !std::filesystem::exists(setpriv)) GTEST_SKIP() << "only root can become another";
+  tell({{"Card", kCard}});
+  Invocation call = watching();
+  for (std::string& word : call.arguments) {
+    if (word.starts_with("echo "))
+      word = "echo $$ >> " + path("events") +
+             "; exec setpriv --reuid 65534 --clear-groups sleep 1000 > /dev/null 2>&1";
+  }
+  call.arguments.insert(call.arguments.begin(),
+                        {"--bounding-set", "-kill", "--inh-caps", "-kill", call.program.string()});
+  call.program = setpriv;
+  RunningChild child{call};
+  const std::string process = events(1)[0];
+  struct stat status {};
+  for (int i = 0; i < 2000 && stat(("/proc/" + process).c_str(), &status) == 0 && status.st_uid == 0; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds{10});
+  const Result result = ended(child);
+  EXPECT_EQ(kill(std::stoi(process), SIGKILL), 0);
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_THAT(result.err,
+              HasSubstr("the command of --exec goes on for insertion, reader \"" + readerOf("Card") +
+                        "\": Operation not permitted; end process " + process + " yourself\n"));
+}
+
+TEST_F(Watching, TellsACommandWhichCardIsNotPublished) {
+  makeCards("token label=Card\ncertificate type=rsa2048 id=02 label=Big size=2001\n");
+  const Json slot = slots().front();
+  tell({{"Card", kCard}});
+  RunningChild child{watching("--json")};
+  EXPECT_THAT(events(1), ElementsAre("insertion " + textOf(slot["serialNumber"])));
+  const auto told = jsonOf(ended(child));
+  ASSERT_THAT(told, SizeIs(1));
+  EXPECT_EQ(told[0]["error"]["id"], "card-not-listed");
+}
+
+TEST_F(Watching, EndsWithTheCodeOfAModuleThatHasNeverStarted) {
+  const Result result = run(watching("--json --for 3", {{"INITIALIZE", "5"}}));  // without a card service
+  EXPECT_EQ(result.exitCode, 4);
+  EXPECT_EQ(Json::parse(result.out)["error"]["id"], "module-refuses");
+  EXPECT_THAT(result.err, HasSubstr(" does not start: C_Initialize answered CKR_GENERAL_ERROR"));
 }
 
 TEST_F(Watching, EndsWithAModuleThatCannotBeLoadedAndSaysNothingElse) {
