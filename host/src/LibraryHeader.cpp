@@ -36,9 +36,32 @@ class Header {
     return value;
   }
 
+  /// The same for one of 8 bytes.
+  [[nodiscard]] std::optional<std::uint64_t> longNumber(std::size_t at, bool bigEndian) const {
+    const auto first = number(at, 4, bigEndian);
+    const auto second = number(at + 4, 4, bigEndian);
+    if (!first || !second) return std::nullopt;
+    const std::uint64_t high = bigEndian ? *first : *second;
+    return (high << 32U) | (bigEndian ? *second : *first);
+  }
+
  private:
   std::span<const std::uint8_t> bytes_;
 };
+
+/// Where the numbers of an ELF file stand (System V ABI, chapters 4 and 5).
+struct ElfPlaces {
+  bool is64Bit;
+  std::size_t fileHeaderSize;
+  std::size_t tableAt;  // in the header of the file: of the program headers
+  std::size_t entrySize;
+  std::size_t count;
+  std::size_t segmentAt;  // in a program header
+  std::size_t segmentSize;
+  std::size_t headerSize;  // of a program header
+};
+constexpr ElfPlaces kElf32{false, 52, 28, 42, 44, 4, 16, 32};
+constexpr ElfPlaces kElf64{true, 64, 32, 54, 56, 8, 32, 56};
 
 std::vector<LibraryTarget> elfTarget(const Header& header) {
   const auto fileClass = header.number(4, 1, true);
@@ -147,6 +170,41 @@ std::vector<LibraryTarget> targetsOf(std::span<const std::uint8_t> start) {
     case kUniversal64: return universalTargets(header, 32);
     default: return peTarget(header);
   }
+}
+
+bool isCutOff(std::span<const std::uint8_t> start, std::uint64_t size, const FileReader& read) {
+  constexpr std::uint32_t kLoaded = 1;               // PT_LOAD
+  constexpr std::uint32_t kCountElsewhere = 0xFFFF;  // PN_XNUM
+  const Header header{start};
+  const auto targets =
+      header.number(0, 4, true) == kElfMagic ? elfTarget(header) : std::vector<LibraryTarget>{};
+  if (targets.empty()) return false;
+  const bool isBigEndian = targets.front().isBigEndian;
+  const ElfPlaces& places = targets.front().is64Bit ? kElf64 : kElf32;
+  if (size < places.fileHeaderSize) return true;
+  const auto offset = [&](const Header& from, std::size_t at) -> std::optional<std::uint64_t> {
+    if (places.is64Bit) return from.longNumber(at, isBigEndian);
+    return from.number(at, 4, isBigEndian);
+  };
+  const auto reaches = [size](std::uint64_t from, std::uint64_t length) {
+    return from <= size && length <= size - from;
+  };
+  const auto tableAt = offset(header, places.tableAt);
+  const auto count = header.number(places.count, 2, isBigEndian);
+  if (!tableAt || !count || *count == kCountElsewhere ||
+      header.number(places.entrySize, 2, isBigEndian) != places.headerSize)
+    return false;
+  std::vector<std::uint8_t> table(places.headerSize * *count);
+  if (!reaches(*tableAt, table.size())) return true;
+  if (!read(*tableAt, table)) return false;
+  const Header entries{table};
+  for (std::size_t at = 0; at < table.size(); at += places.headerSize) {
+    const auto from = offset(entries, at + places.segmentAt);
+    const auto length = offset(entries, at + places.segmentSize);
+    if (entries.number(at, 4, isBigEndian) == kLoaded && from && length && !reaches(*from, *length))
+      return true;
+  }
+  return false;
 }
 
 std::string namesOf(std::span<const LibraryTarget> targets) {

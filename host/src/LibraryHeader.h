@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <span>
 #include <string>
 #include <vector>
@@ -28,6 +29,14 @@ inline constexpr std::size_t kLibraryHeaderSize = 1024;
 /// a Mach-O file or a PE file of Windows, all of a universal one. Empty when the bytes do not tell; also when
 /// they end too early.
 [[nodiscard]] std::vector<LibraryTarget> targetsOf(std::span<const std::uint8_t> start);
+
+/// Fills `room` with the bytes of a file from `at` on. False where there are not as many.
+using FileReader = std::function<bool(std::uint64_t at, std::span<std::uint8_t> room)>;
+
+/// Whether an ELF file of that size lacks some of the bytes that the loader maps (its headers, and the
+/// segments of the type PT_LOAD). The loader does not look, and a process that uses the rest of them ends
+/// by SIGBUS. `start`: as for `targetsOf`. False where the bytes do not tell.
+[[nodiscard]] bool isCutOff(std::span<const std::uint8_t> start, std::uint64_t size, const FileReader& read);
 
 /// The names of their processors, such as "x86-64 and aarch64"; empty where there are none.
 [[nodiscard]] std::string namesOf(std::span<const LibraryTarget> targets);

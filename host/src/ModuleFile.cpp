@@ -90,6 +90,18 @@ std::vector<std::uint8_t> startOf(const std::string& file, int& outError) {
   return start;
 }
 
+/// Nothing where the file is whole, as far as it tells.
+std::string lackOf(const std::string& file, std::span<const std::uint8_t> start, off_t size) {
+  const auto read = [&](std::uint64_t at, std::span<std::uint8_t> room) {
+    std::ifstream in{file, std::ios::binary};
+    in.seekg(static_cast<std::streamoff>(at));
+    in.read(reinterpret_cast<char*>(room.data()), static_cast<std::streamsize>(room.size()));
+    return in.good();
+  };
+  if (!isCutOff(start, static_cast<std::uint64_t>(size), read)) return {};
+  return "it is cut off: only " + std::to_string(size) + " bytes of it are there";
+}
+
 Failure refusal(const std::string& name, const std::string& why, const Advice& advice) {
   return {FailureKind::kModuleNotLoadable, "the PKCS #11 module " + printableLine(name) + " is not loaded",
           why, advice};
@@ -109,7 +121,8 @@ std::optional<ModuleFacts> foundFacts(const PlatformServices& services, const Mo
   facts.path = traced->path;
   facts.exposure = traced->exposure;
   // Not opened for that: to open a pipe can wait for ever.
-  if (stat(facts.path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
+  const bool hasStatus = stat(facts.path.c_str(), &status) == 0;
+  if (hasStatus && !S_ISREG(status.st_mode)) {
     facts.noFile = kindOf(status.st_mode);
     return facts;
   }
@@ -118,6 +131,8 @@ std::optional<ModuleFacts> foundFacts(const PlatformServices& services, const Mo
   facts.target = namesOf(targetsOf(start));
   if (facts.target.empty()) facts.noFile = start.empty() ? "it is empty" : "it is no library";
   if (const auto fits = checkTarget(start, ownImageStart()); !fits) facts.otherTarget = fits.failure();
+  if (hasStatus && !facts.target.empty() && !facts.otherTarget)
+    facts.noFile = lackOf(facts.path, start, status.st_size);
   return facts;
 }
 
@@ -140,6 +155,8 @@ Result<void> chooseModule(PlatformServices& services, const ModuleChoice& choice
         name + ": cannot open shared object file: " + std::strerror(facts->error));
     return {};
   }
+  if (!facts->noFile.empty() && !facts->target.empty())
+    return refusal(name, facts->noFile, "copy or install it again");
   if (!facts->noFile.empty())
     return refusal(name, facts->noFile,
                    choice.path ? UserStep::kCheckModulePath : UserStep::kInstallOrNameModule);

@@ -95,7 +95,7 @@ TEST_F(Doctor, TellsWhatIsWrongWithTheFileOfTheModuleAndSkipsTheRest) {
               {folder.path(), "MT-M05", "module file", "it is a folder"},
               {other, "MT-M02", "module's system", "the module is for aarch64"},
               {kNotALibrary, "MT-M05", "module file", "it is no library"},
-              {cut, "MT-M04", "module loads", "cut.so"},
+              {cut, "MT-M04", "module file", "cut.so: it is cut off"},
               {kModuleWithoutEntry, "MT-M05", "module loads", "C_GetFunctionList"},
               {kModuleEntryFails, "MT-M05", "module loads", "CKR_GENERAL_ERROR"},
               {kModuleNullList, "MT-M05", "module loads", "no function list"}};

@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "platform/DynamicLoader.h"
 
 namespace mirel::test {
@@ -150,6 +152,66 @@ TEST(LibraryTargets, AreNamedWhenNoneFits) {
   for (const Row& row : kRows) {
     const auto fits = checkTarget(row.library, row.program);
     EXPECT_EQ(fits ? "" : fits.failure().why, row.why);
+  }
+}
+
+TEST(IsCutOff, LooksForAllThatTheLoaderMaps) {
+  constexpr std::uint32_t kLoaded = 1;
+  constexpr std::uint32_t kNote = 4;
+  struct Row {
+    const char* name;
+    std::uint8_t fileClass;
+    std::uint8_t order;
+    std::uint32_t type;
+    std::uint32_t from;
+    std::uint32_t length;
+    bool expected;
+  };
+  const Row kRows[] = {
+      {"up to the end", 2, 1, kLoaded, 1000, 1000, false},
+      {"one byte more", 2, 1, kLoaded, 1000, 1001, true},
+      {"begins behind it", 2, 1, kLoaded, 2001, 0, true},
+      {"is not mapped", 2, 1, kNote, 1000, 9999, false},
+      {"32 bits", 1, 1, kLoaded, 1000, 1001, true},
+      {"32 bits, whole", 1, 1, kLoaded, 0, 2000, false},
+      {"big-endian", 2, 2, kLoaded, 1000, 1001, true},
+      {"big-endian, whole", 1, 2, kLoaded, 0, 2000, false},
+  };
+  for (const auto& [name, fileClass, order, type, from, length, expected] : kRows) {
+    SCOPED_TRACE(name);
+    const bool isBigEndian = order == 2;
+    const bool is64Bit = fileClass == 2;
+    const auto offset = [&](Header& out, std::uint32_t number) {
+      if (is64Bit && isBigEndian) append(out, 0, 4, true);
+      append(out, number, 4, isBigEndian);
+      if (is64Bit && !isBigEndian) append(out, 0, 4, false);
+    };
+    constexpr std::uint32_t kTableAt = 1500;  // behind what is read at first
+    Header start = elf(kX8664, fileClass, order);
+    start.resize(is64Bit ? 32 : 28);
+    offset(start, kTableAt);
+    start.resize(is64Bit ? 54 : 42);
+    append(start, is64Bit ? 56 : 32, 2, isBigEndian);
+    append(start, 1, 2, isBigEndian);
+    Header entry;
+    append(entry, type, 4, isBigEndian);
+    entry.resize(is64Bit ? 8 : 4);
+    offset(entry, from);
+    entry.resize(is64Bit ? 32 : 16);
+    offset(entry, length);
+    entry.resize(is64Bit ? 56 : 32);
+    const auto read = [&](std::uint64_t at, std::span<std::uint8_t> room) {
+      EXPECT_EQ(at, kTableAt);
+      EXPECT_EQ(room.size(), entry.size());
+      std::copy_n(entry.begin(), room.size(), room.begin());
+      return true;
+    };
+    EXPECT_EQ(isCutOff(start, 2000, read), expected);
+    EXPECT_TRUE(isCutOff(start, kTableAt + entry.size() - 1, read));
+    EXPECT_FALSE(isCutOff(start, 2000, [](std::uint64_t, std::span<std::uint8_t>) { return false; }));
+    start.pop_back();  // the number of headers
+    EXPECT_FALSE(isCutOff(start, 2000, read));
+    EXPECT_TRUE(isCutOff(start, start.size(), read));
   }
 }
 

@@ -136,7 +136,7 @@ TEST_F(ModuleFile, LeavesOtherFilesToTheLoader) {
 
 TEST_F(ModuleFile, IsNamedInTheLoadersTextAsTheUserNamedIt) {
   const ScopedWorkingFolder inFolder{folder.path()};
-  std::ofstream{"my module.so", std::ios::binary} << startOfOwnProgram();  // too short for the loader
+  std::ofstream{"my module.so", std::ios::binary} << startOfOwnProgram() << std::string(100, '\0');
   // The last name holds the path by which the loader opens the file.
   for (const std::string& name : {std::string{"my module.so"}, std::string{"././my module.so"},
                                   "/" + (fs::canonical(folder.path()) / "my module.so").string()}) {
@@ -261,6 +261,16 @@ TEST_F(ModuleFile, ThatIsNoLibraryIsRefused) {
     EXPECT_EQ(failure.why, why);
     EXPECT_EQ(failure.advice, UserStep::kCheckModulePath);
   }
+}
+
+TEST_F(ModuleFile, ThatIsCutOffIsRefused) {
+  const std::string path = (folder.path() / "module.so").string();
+  fs::copy_file(kScriptedModule, path);
+  fs::resize_file(path, 4096);
+  const Failure failure = refusalOf(path);
+  EXPECT_EQ(failure.kind, FailureKind::kModuleNotLoadable);
+  EXPECT_EQ(failure.why, "it is cut off: only 4096 bytes of it are there");
+  EXPECT_THAT(failure.advice.words(), HasSubstr("install it again"));
 }
 
 TEST_F(ModuleFile, ThatCannotBeReadIsRefusedForThatReason) {

@@ -11,11 +11,13 @@ namespace mirel {
 
 /// What stands where the module should be, found without loading it.
 struct ModuleFacts {
-  std::string place;                      ///< where the card layer looks for it
-  std::string name;                       ///< as the user knows it
-  std::string path{};                     ///< the file behind all links; empty: there is none
-  int error = 0;                          ///< why there is none, or why it cannot be read: an errno
-  std::string noFile{};                   ///< what it is instead of a library; empty where it may be one
+  std::string place;   ///< where the card layer looks for it
+  std::string name;    ///< as the user knows it
+  std::string path{};  ///< the file behind all links; empty: there is none
+  int error = 0;       ///< why there is none, or why it cannot be read: an errno
+  /// What it is instead of a library, or, where `target` is known, why no whole one; empty where it may be
+  /// one.
+  std::string noFile{};
   std::optional<std::string> exposure{};  ///< how somebody else may change it; nothing: nobody
   std::string target{};                   ///< the processors that it was built for; empty: that does not show
   std::optional<Failure> otherTarget{};   ///< why it is not for this program; nothing where it is or may be
@@ -40,10 +42,10 @@ struct ModuleChoice {
 /// when there is no such file: the loader then tells that, and does not open it when it appears later.
 ///
 /// Fails for what is no regular file or no library, for what cannot be read, and for a library whose header
-/// says that it is for other systems. Fails for a file that is not trusted and that somebody else may change:
-/// the module gets the PIN, and runs with the rights of this user. What is looked at, and what is not (access
-/// control lists), stands in ModuleTrust.h. What is looked at is also what is opened: the file behind all
-/// links.
+/// says that it is for other systems or that the file is cut off. Fails for a file that is not trusted and
+/// that somebody else may change: the module gets the PIN, and runs with the rights of this user. What is
+/// looked at, and what is not (access control lists), stands in ModuleTrust.h. What is looked at is also what
+/// is opened: the file behind all links.
 [[nodiscard]] Result<void> chooseModule(PlatformServices& services, const ModuleChoice& choice);
 
 }  // namespace mirel

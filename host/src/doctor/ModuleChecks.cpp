@@ -79,7 +79,9 @@ class ModuleExamination {
     const std::string name = printableLine(facts_->name);
     if (facts_->path.empty())
       return {{}, {failure(kModuleMissing, name + ": " + std::strerror(facts_->error))}};
-    if (!facts_->noFile.empty()) return {{}, {failure(kModuleWithoutEntry, name + ": " + facts_->noFile)}};
+    const bool isPart = !facts_->target.empty();
+    if (!facts_->noFile.empty())
+      return {{}, {failure(isPart ? kModuleNotLoadable : kModuleWithoutEntry, name + ": " + facts_->noFile)}};
     const std::string path = printableLine(facts_->path);
     return {path == name ? name : name + ", which is " + path};
   }
