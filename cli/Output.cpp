@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
@@ -43,6 +42,10 @@ std::string blocksOf(const Rows& rows, bool coloured) {
     }
   }
   return lines;
+}
+
+std::span<const std::uint8_t> bytesOf(std::string_view text) noexcept {
+  return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
 }
 
 }  // namespace
@@ -122,13 +125,13 @@ bool writeAll(int descriptor, std::span<const std::uint8_t> data) noexcept {
 
 Result<void> writeOutput(std::string_view text) {
   outputIsBegun = true;
-  if (writeAll(STDOUT_FILENO, {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()})) return {};
+  if (writeAll(STDOUT_FILENO, bytesOf(text))) return {};
   return outputFailure(errno);
 }
 
 void writeMessage(std::string_view text) {
   const std::string line = printableLine(text) + "\n";
-  (void)std::fwrite(line.data(), 1, line.size(), stderr);  // there is nowhere else to tell it
+  (void)writeAll(STDERR_FILENO, bytesOf(line));  // there is nowhere else to tell it
 }
 
 std::string failureLine(const Failure& failure) {

@@ -52,7 +52,7 @@ using mirel::displayedName;
 /// Writes to standard output.
 [[nodiscard]] Result<void> writeOutput(std::string_view text);
 
-/// Writes a message as one line to standard error.
+/// Writes a message as one line to standard error, waiting for its reader as `writeAll` does.
 void writeMessage(std::string_view text);
 
 /// The one line that tells the user of a failure.

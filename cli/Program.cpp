@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <cstdio>
 #include <filesystem>
 #include <functional>
 #include <optional>
@@ -246,7 +245,8 @@ ExitCode askForCommand() {
   CLI::App app;
   Options options;
   declareOptions(app, options);
-  (void)std::fputs(shortHelpText(app).c_str(), stderr);
+  const std::string help = shortHelpText(app);
+  (void)writeAll(STDERR_FILENO, {reinterpret_cast<const std::uint8_t*>(help.data()), help.size()});
   return ExitCode::kUsage;
 }
 

@@ -6,6 +6,7 @@
 
 #include <array>
 #include <chrono>
+#include <functional>
 #include <thread>
 
 #include "ExitCode.h"
@@ -124,14 +125,14 @@ TEST(WriteOutput, WritesTheTextAsItIs) {
   EXPECT_EQ(testing::internal::GetCapturedStdout(), std::string("a\0b\n", 4));
 }
 
-TEST(WriteOutput, WaitsForTheReaderWhereStandardOutputIsNotBlocking) {
+/// What a slow reader gets of what `write` writes to that descriptor, a pipe that does not block.
+std::string readSlowly(int descriptor, const std::function<void()>& write) {
   std::array<int, 2> ends{};
-  ASSERT_EQ(pipe(ends.data()), 0);
-  ASSERT_EQ(fcntl(ends[1], F_SETFL, O_NONBLOCK), 0);
-  const int before = dup(STDOUT_FILENO);
-  ASSERT_GE(dup2(ends[1], STDOUT_FILENO), 0);
+  EXPECT_EQ(pipe(ends.data()), 0);
+  EXPECT_EQ(fcntl(ends[1], F_SETFL, O_NONBLOCK), 0);
+  const int before = dup(descriptor);
+  EXPECT_GE(dup2(ends[1], descriptor), 0);
   (void)close(ends[1]);
-  const std::string text(std::size_t{1} << 20U, 'x');  // more than a pipe holds
   std::string got;
   std::thread reader{[&] {
     std::this_thread::sleep_for(std::chrono::milliseconds{50});
@@ -139,11 +140,21 @@ TEST(WriteOutput, WaitsForTheReaderWhereStandardOutputIsNotBlocking) {
     for (ssize_t count = 0; (count = read(ends[0], piece.data(), piece.size())) > 0;)
       got.append(piece.data(), static_cast<std::size_t>(count));
   }};
-  EXPECT_TRUE(writeOutput(text));
-  (void)dup2(before, STDOUT_FILENO);
+  write();
+  (void)dup2(before, descriptor);
   reader.join();
-  for (const int descriptor : {before, ends[0]}) (void)close(descriptor);
-  EXPECT_EQ(got, text);
+  for (const int end : {before, ends[0]}) (void)close(end);
+  return got;
+}
+
+const std::string kLongText(std::size_t{1} << 20U, 'x');  // more than a pipe holds
+
+TEST(WriteOutput, WaitsForTheReaderWhereStandardOutputIsNotBlocking) {
+  EXPECT_EQ(readSlowly(STDOUT_FILENO, [] { EXPECT_TRUE(writeOutput(kLongText)); }), kLongText);
+}
+
+TEST(WriteMessage, WaitsForTheReaderWhereStandardErrorIsNotBlocking) {
+  EXPECT_EQ(readSlowly(STDERR_FILENO, [] { writeMessage(kLongText); }), kLongText + "\n");
 }
 
 TEST(ExitCode, IsADifferentOneForEachKindOfFailure) {
