@@ -79,7 +79,7 @@ class CheckedPins : public PinSource {
  public:
   explicit CheckedPins(PinStateReader pinState) : pinState_{std::move(pinState)} {}
 
-  Pin askForPin(const std::string& tokenLabel) final {
+  Pin askForPin(const std::string& card) final {
     const Result<PinState> state = pinState_();
     if (!state && state.failure().kind == FailureKind::kCardGone) return state.failure();
     if (state && !state->obstacle.empty()) {
@@ -90,12 +90,12 @@ class CheckedPins : public PinSource {
               : "change it to at most 8 ASCII characters, or ask the card's issuer for a card that "
                 "allows that"};
     }
-    return askFor(tokenLabel, state);
+    return askFor(card, state);
   }
 
  private:
   /// `state`: what the card says, or why that is not known.
-  [[nodiscard]] virtual Pin askFor(const std::string& tokenLabel, const Result<PinState>& state) = 0;
+  [[nodiscard]] virtual Pin askFor(const std::string& card, const Result<PinState>& state) = 0;
 
   PinStateReader pinState_;
 };
@@ -201,8 +201,8 @@ class PinPrompt final : public CheckedPins {
   bool canAskAgain() const override { return true; }
 
  private:
-  Pin askFor(const std::string& tokenLabel, const Result<PinState>& state) override {
-    std::string prompt = "PIN for \"" + tokenLabel + "\"";
+  Pin askFor(const std::string& card, const Result<PinState>& state) override {
+    std::string prompt = "PIN for " + card;
     const std::string remark = state ? state->text : "whether tries are left is not known";
     if (!remark.empty()) prompt.append(" (").append(remark).append(")");
     SecretBytes<kLongestPin> line;

@@ -32,8 +32,8 @@ EnteredPins::EnteredPins(Input& input) {
   }
 }
 
-Result<std::shared_ptr<const SecretText>> EnteredPins::askForPin(const std::string& tokenLabel) {
-  checkShown(tokenLabel, "the label of a token");
+Result<std::shared_ptr<const SecretText>> EnteredPins::askForPin(const std::string& card) {
+  checkShown(card, "the name of a card");
   check(++numAsked_ <= kMostAsked, "PINs are not asked for without end");
   const std::size_t which = std::min(numAsked_, pins_.size()) - 1;
   if (cancelled_ && numAsked_ >= pins_.size()) return std::shared_ptr<const SecretText>{};

@@ -25,7 +25,7 @@ class EnteredPins final : public PinSource {
  public:
   explicit EnteredPins(Input& input);
 
-  [[nodiscard]] Result<std::shared_ptr<const SecretText>> askForPin(const std::string& tokenLabel) override;
+  [[nodiscard]] Result<std::shared_ptr<const SecretText>> askForPin(const std::string& card) override;
   void showRefusal(const std::string& text) override;
   [[nodiscard]] bool canAskAgain() const override { return again_; }
 

@@ -16,6 +16,13 @@ namespace {
 
 constexpr std::u16string_view kPinConstraint = u"PIN";
 
+std::string nameOf(const Reader& reader) {
+  const std::string place = "the reader \"" + displayed(reader.name) + "\"";
+  if (reader.tokenLabel.isEmpty()) return "the card in " + place;
+  const std::string label = "\"" + displayed(reader.tokenLabel) + "\"";
+  return reader.labelIsShared ? label + " in " + place : label;
+}
+
 /// Whether that PIN can be sent to a card as it was entered. The token would count its characters, but send
 /// as many bytes of its UTF-8, and so cut one that is not ASCII.
 Result<void> checkSending(const SecretText& pin) {
@@ -49,7 +56,7 @@ Result<void> KeyClient::authenticate(const Text& constraint, PinSource& pins) {
                      text.empty() ? "the token begins no authentication" : "the token says " + text,
                      UserStep::kSeeLog};
     }
-    const auto entered = pins.askForPin(displayed(card_.reader.tokenLabel));
+    const auto entered = pins.askForPin(nameOf(card_.reader));
     if (!entered) return entered.failure();
     const std::shared_ptr<const SecretText>& pin = *entered;
     if (!pin) {

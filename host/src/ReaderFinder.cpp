@@ -1,6 +1,7 @@
 #include "ReaderFinder.h"
 
 #include <algorithm>
+#include <map>
 #include <optional>
 #include <span>
 
@@ -91,6 +92,13 @@ Text distinctName(const std::vector<CK_SLOT_INFO>& slots, std::size_t index, con
   return Text{};
 }
 
+/// Those that look alike to the user.
+void markSharedLabels(std::vector<Reader>& readers) {
+  std::map<std::string, std::size_t> counts;
+  for (const Reader& reader : readers) ++counts[displayed(reader.tokenLabel)];
+  for (Reader& reader : readers) reader.labelIsShared = counts[displayed(reader.tokenLabel)] > 1;
+}
+
 }  // namespace
 
 Result<void> loadModule(P11Bridge& bridge, FailureDiary& diary, const std::string& givenModule) {
@@ -123,6 +131,7 @@ Result<std::vector<Reader>> listReaders(const P11Bridge& bridge, bool withTokenO
     readers.push_back(readReader(bridge, slotID, withTokenOnly, slots.emplace_back()));
     readers.back().distinctName = distinctName(slots, slots.size() - 1, readers.back().name);
   }
+  markSharedLabels(readers);
   return readers;
 }
 

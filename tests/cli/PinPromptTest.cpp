@@ -246,6 +246,17 @@ TEST_F(PinPrompt, WarnsOfTheLastTry) {
   EXPECT_EQ(login.after("\x03").exitCode, 9);
 }
 
+TEST_F(PinPrompt, NamesTheReaderWhereTheLabelAloneDoesNotSayWhichCardItIs) {
+  for (const auto& [cards, start] :
+       {std::pair{"token label=0x\n", "PIN for the card in the reader \""},
+        {"token label=Card\ntoken label=Card\n", "PIN for \"Card\" in the reader \""}}) {
+    makeCards(cards);
+    const std::string reader = textOf(slots().front()["description"]);
+    Prompted login{staged({"login", "--reader", reader}), start + reader + "\": "};
+    EXPECT_EQ(login.after("\x03").exitCode, 9);
+  }
+}
+
 TEST_F(PinPrompt, ShowsALabelThatCannotControlTheTerminal) {
   makeCards("token label=0x1B5B324A\n");
   Prompted login{staged("login"), "PIN for \"\\x1B[2J\": "};

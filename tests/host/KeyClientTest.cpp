@@ -25,8 +25,8 @@ template <typename Value>
 class HandedOn final : public PinSource {
  public:
   explicit HandedOn(GivenPins& pins) : pins_{pins} {}
-  Result<std::shared_ptr<const SecretText>> askForPin(const std::string& tokenLabel) override {
-    return pins_.askForPin(tokenLabel);
+  Result<std::shared_ptr<const SecretText>> askForPin(const std::string& card) override {
+    return pins_.askForPin(card);
   }
   void showRefusal(const std::string& text) override { pins_.showRefusal(text); }
   [[nodiscard]] bool canAskAgain() const override { return pins_.canAskAgain(); }

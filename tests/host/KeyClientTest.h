@@ -25,8 +25,8 @@ class GivenPins final : public PinSource {
   GivenPins() = default;
   explicit GivenPins(std::deque<std::u16string> pins) : pins_{std::move(pins)} {}
 
-  [[nodiscard]] Result<std::shared_ptr<const SecretText>> askForPin(const std::string& tokenLabel) override {
-    labels.push_back(tokenLabel);
+  [[nodiscard]] Result<std::shared_ptr<const SecretText>> askForPin(const std::string& card) override {
+    cards.push_back(card);
     if (whenAsked) whenAsked();
     if (failure) return *failure;
     if (pins_.empty()) return std::shared_ptr<const SecretText>{};
@@ -37,9 +37,9 @@ class GivenPins final : public PinSource {
   void showRefusal(const std::string& text) override { refusals.push_back(text); }
   [[nodiscard]] bool canAskAgain() const override { return again; }
 
-  [[nodiscard]] std::size_t timesAsked() const { return labels.size(); }
+  [[nodiscard]] std::size_t timesAsked() const { return cards.size(); }
 
-  std::vector<std::string> labels;    ///< of the tokens that a PIN was asked for
+  std::vector<std::string> cards;     ///< that a PIN was asked for
   std::vector<std::string> refusals;  ///< that were shown
   std::function<void()> whenAsked;
   std::optional<Failure> failure;  ///< what it answers instead of PINs

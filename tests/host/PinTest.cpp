@@ -25,7 +25,7 @@ TEST_F(PinEntry, IsAllThereIsToALogin) {
   EXPECT_TRUE(logsIn(pins));
   EXPECT_THAT(secretCalls(), ElementsAre("C_Login"));
   EXPECT_THAT(script.callTexts("C_Login"), ElementsAre(HasSubstr(", 1, 313233343536)")));
-  EXPECT_THAT(pins.labels, ElementsAre("TESTCARD"));
+  EXPECT_THAT(pins.cards, ElementsAre("\"TESTCARD\""));
   EXPECT_TRUE(script.card().loggedIn);
   EXPECT_EQ(signature(kSignByPss, {}).value.size(), key.blockSize());
   EXPECT_EQ(pins.timesAsked(), 1U);
@@ -57,7 +57,7 @@ TEST_F(PinEntry, ShowsTheLabelOfTheTokenWithoutWhatMisleadsATerminal) {
   card.reader.tokenLabel = Text{u"Evil\x1B[2J"};
   client = newClient();
   EXPECT_TRUE(logsIn(pins));
-  EXPECT_THAT(pins.labels, ElementsAre("Evil\\x1B[2J"));
+  EXPECT_THAT(pins.cards, ElementsAre("\"Evil\\x1B[2J\""));
 }
 
 TEST_F(PinEntry, TakesAPinOfEightCharacters) {

@@ -108,7 +108,7 @@ TEST_F(Sign, AsksForThePinOnceAndThenSigns) {
   EXPECT_THAT(script.callTexts("C_Login"), ElementsAre(HasSubstr(", 1, 313233343536)")));
   (void)signature(kSignByPss, kMessage);
   EXPECT_THAT(secretCalls(), ElementsAre("C_Login", "C_SignInit", "C_Sign", "C_SignInit", "C_Sign"));
-  EXPECT_THAT(pins.labels, ElementsAre("TESTCARD"));
+  EXPECT_THAT(pins.cards, ElementsAre("\"TESTCARD\""));
   EXPECT_THAT(pins.refusals, IsEmpty());
 }
 

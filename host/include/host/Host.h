@@ -34,6 +34,7 @@ struct Reader {
   std::uint64_t slotID = 0;
   std::vector<std::string> slotFlags;  ///< the standard's names without "CKF_", in the order of the bits
   Text tokenLabel;
+  bool labelIsShared = false;  ///< the card of another reader is shown with the same label
   Text serialNumber;
   Text manufacturer;
   Text model;

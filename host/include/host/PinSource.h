@@ -16,9 +16,9 @@ class PinSource {
   PinSource& operator=(const PinSource&) = delete;
   virtual ~PinSource() = default;
 
-  /// The PIN for the token of that label (UTF-8, for display); null when the user cancels.
-  [[nodiscard]] virtual Result<std::shared_ptr<const SecretText>> askForPin(
-      const std::string& tokenLabel) = 0;
+  /// The PIN for that card; null when the user cancels. `card`: as it is shown to the user (UTF-8): its label
+  /// in quotation marks, with its reader where the label is not the only one of its kind, or is empty.
+  [[nodiscard]] virtual Result<std::shared_ptr<const SecretText>> askForPin(const std::string& card) = 0;
 
   /// Tells the user why the PIN was not accepted (UTF-8).
   virtual void showRefusal(const std::string& text) = 0;
