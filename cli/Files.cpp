@@ -244,10 +244,12 @@ Result<void> writeText(const std::optional<std::string>& name, const std::string
   return writeFile(name, {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()}, kMode);
 }
 
-Result<void> checkOpenFile(const std::optional<std::string>& name) {
+Result<void> checkOpenFile(const std::optional<std::string>& name, FileUse use) {
   const auto descriptor = isStandardStream(name) ? std::nullopt : openFileBehind(*name);
   if (!descriptor || fcntl(*descriptor, F_GETFD) != -1) return {};
-  return writeFailure(*name, errno);
+  Failure failure = use == FileUse::kReading ? readFailure(*name, errno) : writeFailure(*name, errno);
+  failure.advice = "name one that is open, or a file";
+  return failure;
 }
 
 Result<void> checkWriting(const std::optional<std::string>& name) {

@@ -56,10 +56,12 @@ class FileInput final : public InputSource {
 /// The same for a text that others may read as well.
 [[nodiscard]] Result<void> writeText(const std::optional<std::string>& name, const std::string& text);
 
+enum class FileUse { kReading, kWriting };
+
 /// Whether the open file that the name stands for, such as /dev/fd/3, is there; so it is where the name
 /// stands for none. To be asked before anything is opened, because a file of ours or of the module could get
-/// the number of a closed one, and what is written there.
-[[nodiscard]] Result<void> checkOpenFile(const std::optional<std::string>& name);
+/// the number of a closed one, and be read or written in its place.
+[[nodiscard]] Result<void> checkOpenFile(const std::optional<std::string>& name, FileUse use);
 
 /// Whether a file of that name can be written, as far as that shows beforehand.
 [[nodiscard]] Result<void> checkWriting(const std::optional<std::string>& name);

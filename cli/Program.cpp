@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <filesystem>
 #include <functional>
 #include <optional>
 #include <span>
@@ -32,7 +31,6 @@
 #include "Variables.h"
 #include "Version.h"
 #include "Worker.h"
-#include "host/Home.h"
 #include "host/ModuleFile.h"
 #include "host/ModuleLookup.h"
 #include "host/NearestName.h"
@@ -68,11 +66,7 @@ Result<ExitCode> carryOut(Options& options, RunRecorder& recorder) {
   services.inspectionObserver = services.observer;
   services.loader = notingLoader(services.loader);
   services.log = commandLineLog(services.log, options.verbose > 0);
-  if (options.home) {
-    std::string home = std::filesystem::absolute(*options.home).string();
-    while (home.size() > 1 && home.back() == '/') home.pop_back();
-    services.user = userWithHome(services.user, home);
-  }
+  services.user = userOf(options, services.user);
   if (options.modulePath && !options.replay) {
     const auto folders = systemModuleFolders(*services.user);
     const auto lookUp = options.command->usesModule ? moduleFileFor : moduleFileToExamine;

@@ -10,7 +10,9 @@
 
 #include "Commands.h"
 #include "Files.h"
+#include "host/Home.h"
 #include "host/KeyChoice.h"
+#include "host/ModuleLookup.h"
 
 namespace mirel::cli {
 namespace {
@@ -31,12 +33,10 @@ bool isSameFile(const std::string& one, const std::string& other) {
   return wholeName(one) == wholeName(other);
 }
 
-/// A file that is written must not take the place of another one, nor be one that only comes to be opened.
-/// `written`: its option, and its file.
+/// A file that is written must not take the place of another one. `written`: its option, and its file.
 Result<void> checkPlace(const NamedFile& written, const std::vector<NamedFile>& others) {
   const auto& [option, file] = written;
   if (file == "-") return {};
-  if (auto open = checkOpenFile(file); !open) return open;
   for (const auto& [name, other] : others) {
     if (file && other && isSameFile(*file, *other))
       return wrongUsage(std::string{option}.append(" would overwrite the file of ").append(name));
@@ -44,34 +44,61 @@ Result<void> checkPlace(const NamedFile& written, const std::vector<NamedFile>& 
   return {};
 }
 
-/// The module's file; nothing where the name is that of a configured module.
+/// The module's file, as far as it can be found; that it cannot is told when it is to be loaded.
 NamedFile moduleFileOf(const Options& options) {
-  std::error_code error;
-  const bool isFile = options.modulePath && fs::exists(*options.modulePath, error);
-  return {options.moduleIsFromVariable ? "MIRELTOKEN_MODULE" : "--module",
-          isFile ? options.modulePath : std::nullopt};
+  if (options.replay) return {};
+  const auto user = userOf(options, systemUserDirectory());
+  if (options.modulePath) {
+    const auto file = moduleFileToExamine(*options.modulePath, systemModuleFolders(*user), true);
+    return {options.moduleIsFromVariable ? "MIRELTOKEN_MODULE" : "--module",
+            file ? std::optional{*file} : std::nullopt};
+  }
+  const std::string home = user->homeOf(user->loginName());
+  return {"the module in the home folder", home.empty() ? std::nullopt : std::optional{moduleInHome(home)}};
 }
 
-/// No file that is written may take the place of another one of the command line.
+/// No file may be one that only comes to be opened, and none that is written may take the place of another
+/// one of the command line, or of the module.
 Result<void> checkPlaces(const Options& options) {
-  std::vector<NamedFile> others{
-      moduleFileOf(options), {"--pin-file", options.pinFile}, {"--replay", options.replay}};
+  std::vector<NamedFile> others{{"--pin-file", options.pinFile}, {"--replay", options.replay}};
   std::vector<NamedFile> written{{"--out", options.out}};
   std::vector<NamedFile> inputs{{"--in", options.in}};
   for (const auto& file : options.files) (file.first.starts_with("--") ? written : inputs).push_back(file);
+  const NamedFile recording{"record --out", options.recordTo};
+  const NamedFile trace{"--trace", options.trace};
+  for (const auto& files : {others, inputs}) {
+    for (const auto& [name, file] : files) {
+      if (auto open = checkOpenFile(file, FileUse::kReading); !open) return open;
+    }
+  }
+  bool anyIsWritten = false;
+  for (const auto& files : {written, std::vector{recording, trace}}) {
+    for (const auto& [name, file] : files) {
+      if (auto open = checkOpenFile(file, FileUse::kWriting); !open) return open;
+      anyIsWritten = anyIsWritten || (file && file != "-");
+    }
+  }
+  if (!anyIsWritten) return {};
+  others.push_back(moduleFileOf(options));
   for (const NamedFile& file : written) {
     if (auto place = checkPlace(file, others); !place) return place;
     others.push_back(file);
   }
   // A result may replace the input, which has been read by then; a trace is begun before.
   others.insert(others.end(), inputs.begin(), inputs.end());
-  const NamedFile recording{"record --out", options.recordTo};
   if (auto place = checkPlace(recording, others); !place) return place;
   others.push_back(recording);
-  return checkPlace({"--trace", options.trace}, others);
+  return checkPlace(trace, others);
 }
 
 }  // namespace
+
+std::shared_ptr<UserDirectory> userOf(const Options& options, std::shared_ptr<UserDirectory> user) {
+  if (!options.home) return user;
+  std::string home = fs::absolute(*options.home).string();
+  while (home.size() > 1 && home.back() == '/') home.pop_back();
+  return userWithHome(std::move(user), home);
+}
 
 Result<void> checkUsage(const Options& options) {
   const struct {

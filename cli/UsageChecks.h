@@ -1,16 +1,22 @@
 #pragma once
 
+#include <memory>
 #include <string>
 
 #include "Options.h"
 #include "host/Result.h"
+#include "platform/UserDirectory.h"
 
 namespace mirel::cli {
 
 // What a command line must satisfy beyond what the parser knows.
 
-/// Whether the options of a command, with what the environment adds to them, make sense together. No file is
-/// opened.
+/// The user, with the home folder that the options name.
+[[nodiscard]] std::shared_ptr<UserDirectory> userOf(const Options& options,
+                                                    std::shared_ptr<UserDirectory> user);
+
+/// Whether the options of a command, with what the environment adds to them, make sense together. None of
+/// their files is opened.
 [[nodiscard]] Result<void> checkUsage(const Options& options);
 
 /// Whether the options of "record" itself do.

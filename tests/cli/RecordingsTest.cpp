@@ -10,6 +10,7 @@
 #include "ReferenceCryptography.h"
 #include "ScopedFileSizeLimit.h"
 #include "cardmaker/SoftHsm.h"
+#include "support/ModuleHome.h"
 
 namespace mirel::test {
 namespace {
@@ -233,15 +234,32 @@ TEST_F(Recordings, AreNotMadeWhereThatMakesNoSense) {
   expectFailure(run(invocation("items --trace /nowhere/file")), 14, {"cannot be written"});
 }
 
-TEST_F(Recordings, DoNotTakeThePlaceOfTheModuleThatTheEnvironmentNames) {
+TEST_F(Recordings, DoNotTakeThePlaceOfTheModuleWhereverItIsNamed) {
   const std::string module = path("module.so");
   std::filesystem::copy_file(kSoftHsm, module);
-  for (const std::string option : {"--trace", "record --out"}) {
-    Invocation call = invocation(option + " " + path("./module.so") + " items");
-    call.environment["MIRELTOKEN_MODULE"] = module;
-    expectFailure(run(call), 2, {option + " would overwrite the file of MIRELTOKEN_MODULE"});
-    EXPECT_EQ(contentOf(module), contentOf(kSoftHsm));
+  const ModuleHome home{module};
+  std::filesystem::create_directories(path("settings/pkcs11/modules"));
+  (void)write("settings/pkcs11/modules/card.module", "module: " + module + "\n");
+  const std::tuple<Arguments, std::pair<std::string, std::string>, const char*> rows[] = {
+      {"", {"MIRELTOKEN_MODULE", module}, "MIRELTOKEN_MODULE"},
+      {"", {"MIRELTOKEN_MODULE", "card"}, "MIRELTOKEN_MODULE"},
+      {"--module card", {}, "--module"},
+      {"--home " + home.home(), {}, "the module in the home folder"}};
+  for (const auto& [choice, variable, name] : rows) {
+    for (const std::string option : {"--trace", "record --out"}) {
+      Invocation call = invocation(choice + Arguments(option + " " + path("./module.so") + " items"));
+      call.environment["XDG_CONFIG_HOME"] = path("settings");
+      call.environment.insert(variable);
+      expectFailure(run(call), 2, {option + " would overwrite the file of " + name});
+      EXPECT_EQ(contentOf(module), contentOf(kSoftHsm));
+    }
   }
+}
+
+TEST_F(Recordings, AreNotReadAsTheInput) {
+  for (const char* file : {"/dev/fd/3", "/dev/fd/4", "/dev/fd/5"})
+    expectFailure(mireltoken("sign --key 01 --trace " + path("trace") + " --in " + file), 14,
+                  {std::string{file} + " cannot be read: Bad file descriptor"});
 }
 
 TEST_F(Recordings, GetNoResultByADescriptorThatWasNotOpenBeforeThem) {
