@@ -9,8 +9,10 @@
 #include "Output.h"
 #include "Page.h"
 #include "PinEntry.h"
+#include "RuleNotes.h"
 #include "Session.h"
 #include "Version.h"
+#include "Worker.h"
 #include "host/Display.h"
 #include "platform/TimeAndChance.h"
 
@@ -95,6 +97,9 @@ std::string jsonText(const Conformance& conformance) {
                                        {"rules", rules}});
 }
 
+/// What a module breaks that does not let the test come to its end. It is none of docs/cards.md.
+constexpr ConformanceRule kEndRule{"", "end", "the module lasts until the end of the test"};
+
 // ---- JUnit ----
 
 /// For the value of an attribute. XML has no form for most control characters.
@@ -116,12 +121,13 @@ std::string attribute(const char* name, std::string_view value) {
   return std::string{" "} + name + "=\"" + escaped(value) + "\"";
 }
 
-std::string countsText(const Conformance& conformance) {
+/// `numErrors`: those that are no rules.
+std::string countsText(const Conformance& conformance, std::size_t numErrors) {
   const std::size_t numSkipped =
       countOf(RuleVerdict::kSkip, conformance) + countOf(RuleVerdict::kWarn, conformance);
-  return attribute("tests", std::to_string(conformance.results.size())) +
+  return attribute("tests", std::to_string(conformance.results.size() + numErrors)) +
          attribute("failures", std::to_string(countOf(RuleVerdict::kFail, conformance))) +
-         attribute("errors", std::to_string(countOf(RuleVerdict::kUnknown, conformance))) +
+         attribute("errors", std::to_string(countOf(RuleVerdict::kUnknown, conformance) + numErrors)) +
          attribute("skipped", std::to_string(numSkipped));
 }
 
@@ -144,14 +150,19 @@ std::string junitCase(const RuleResult& result) {
   return text + "</testcase>\n";
 }
 
-std::string junitText(const Conformance& conformance) {
-  const std::string counts = countsText(conformance);
+/// `end`: the failure that has ended the test; empty: it came to its end.
+std::string junitText(const Conformance& conformance, const std::string& end) {
+  const std::string counts = countsText(conformance, end.empty() ? 0 : 1);
   std::string text = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<testsuites" + counts + ">\n  <testsuite" +
                      attribute("name", "mireltoken conformance") + counts + ">\n    <properties>" +
                      "<property name=\"grade\"" + attribute("value", conformance.grade.letter) +
                      "/><property name=\"sentence\"" + attribute("value", conformance.grade.sentence) +
                      "/></properties>\n";
   for (const RuleResult& result : conformance.results) text += junitCase(result);
+  if (!end.empty()) {
+    text += "    <testcase" + attribute("classname", "mireltoken.module") +
+            attribute("name", kEndRule.title) + "><error" + attribute("message", end) + "/></testcase>\n";
+  }
   return text + "  </testsuite>\n</testsuites>\n";
 }
 
@@ -177,12 +188,28 @@ Result<void> checkFiles(const Options& options) {
   return {};
 }
 
-Result<void> writeFiles(const Options& options, const Conformance& conformance, const std::string& date) {
+/// `end`: as for junitText.
+Result<void> writeFiles(const Options& options, const Conformance& conformance, const std::string& date,
+                        const std::string& end = {}) {
   if (const auto html = options.fileOf(kHtml)) {
-    if (auto written = writeText(html, pageOf(conformance, versionText(), date)); !written) return written;
+    Conformance shown = conformance;
+    if (!end.empty()) shown.results.push_back({kEndRule, RuleVerdict::kFail, end});
+    if (auto written = writeText(html, pageOf(shown, versionText(), date)); !written) return written;
   }
   const auto junit = options.fileOf(kJunit);
-  return junit ? writeText(junit, junitText(conformance)) : Result<void>{};
+  return junit ? writeText(junit, junitText(conformance, end)) : Result<void>{};
+}
+
+bool writesFiles(const Options& options) { return options.fileOf(kHtml) || options.fileOf(kJunit); }
+
+/// The module has ended the test: the files tell what was tested until then.
+Failure salvage(const Options& options, Failure failure, std::string_view noted) {
+  if (!writesFiles(options) || !checkFiles(options)) return failure;
+  const Conformance conformance{resultsFrom(noted),
+                                {"-", "not known: the module did not last until the end of the test"}};
+  const auto written = writeFiles(options, conformance, dateOf(systemTimeAndChance()->date()), failure.what);
+  failure.why += written ? "; what was tested until then was written" : "; " + written.failure().what;
+  return failure;
 }
 
 Result<void> run(Session& session) {
@@ -199,7 +226,13 @@ Result<void> run(Session& session) {
   }
   if (auto usable = checkFiles(options); !usable) return usable;
   if (auto readable = checkPinFile(options); !readable) return readable;
-  const Conformance conformance = testConformance(session.services(), wanted);
+  RuleListener onRule;
+  if (writesFiles(options)) {
+    onRule = [](const std::vector<RuleResult>& soFar) {
+      (void)noteResult(noteOf(soFar));  // where it is too long, what was noted before stays
+    };
+  }
+  const Conformance conformance = testConformance(session.services(), wanted, std::move(onRule));
   const auto date = dateOf(givenOrSystem(session.services().timeAndChance)->date());
   if (auto written = writeFiles(options, conformance, date); !written) return written;
   session.setExitCode(exitCodeOf(conformance.verdict()));
@@ -215,7 +248,11 @@ constexpr CommandOption kOptions[] = {
 
 }  // namespace
 
-const Command conformanceCommand{"conformance", "Test module and card against every rule for card makers",
-                                 kOptions, run, false};
+const Command conformanceCommand{.name = "conformance",
+                                 .help = "Test module and card against every rule for card makers",
+                                 .options = kOptions,
+                                 .run = run,
+                                 .usesModule = false,
+                                 .salvage = salvage};
 
 }  // namespace mirel::cli

@@ -62,6 +62,30 @@ TEST_F(ConformanceCommand, EndsWithAnErrorWhereARuleIsBroken) {
               HasSubstr("<failure message=\"the flags have PROTECTED_AUTHENTICATION_PATH\"/>"));
 }
 
+TEST_F(ConformanceCommand, WritesItsFilesAlsoWhereTheModuleEndsTheTest) {
+  const struct {
+    Stage stage;
+    int exitCode;
+    const char* what;
+    const char* initialise;  ///< the verdict on it
+  } rows[] = {
+      {{{"PAUSE", "entry"}}, 23, "has not returned from C_GetFunctionList for 1 s", "<skipped"},
+      {{{"EXIT", "C_Login"}}, 22, "the module ended the program, it called exit in C_Login", "<system-out>"}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
+    const std::string files = " --junit " + path("rules.xml") + " --html " + path("page.html");
+    const Result result = run(stagedWithPin("conformance --login --timeout 1" + files, row.stage));
+    expectFailure(result, row.exitCode, {row.what, "; what was tested until then was written; "});
+    const std::string xml = read("rules.xml");
+    EXPECT_THAT(xml, HasSubstr("<testsuites tests=\"53\" failures=\"0\" errors=\"1\""));
+    EXPECT_THAT(xml,
+                ContainsRegex("name=\"the module lasts until the end of the test\"><error message=\"[^\"]*" +
+                              std::string{row.what}));
+    EXPECT_THAT(xml, ContainsRegex("\"CR-03 [^>]*>" + std::string{row.initialise}));
+    EXPECT_THAT(read("page.html"), HasSubstr(row.what));
+  }
+}
+
 TEST_F(ConformanceCommand, RefusesWhatItCouldNotUse) {
   expectFailure(runWithPin("conformance"), 2, {"a PIN is of no use without --login"});
   expectFailure(mireltoken("conformance --login --pin-file " + path("none")), 14,

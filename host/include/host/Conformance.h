@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <span>
 #include <string>
@@ -62,10 +63,14 @@ struct Conformance {
   [[nodiscard]] RuleVerdict verdict() const;
 };
 
+/// Is told of the rules that came to something so far, in the order of their numbers, after each.
+using RuleListener = std::function<void(const std::vector<RuleResult>& soFar)>;
+
 /// Tests a module and one card against every rule. `wanted`: as for `diagnose`, but one card alone is tested:
 /// that of `reader`, else the first that is initialised. Without `pins` no login is tried, and the rules that
 /// need one are skipped. A rule that was not seen to be kept never passes. Changes nothing on the card. Loads
-/// the module into this process, as `Host` does.
-[[nodiscard]] Conformance testConformance(PlatformServices services, const Examination& wanted);
+/// the module into this process, as `Host` does. `onRule`: may be empty.
+[[nodiscard]] Conformance testConformance(PlatformServices services, const Examination& wanted,
+                                          RuleListener onRule = {});
 
 }  // namespace mirel

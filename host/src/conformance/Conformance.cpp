@@ -90,8 +90,8 @@ RuleVerdict Conformance::verdict() const {
   return isAny(RuleVerdict::kWarn) || isAny(RuleVerdict::kUnknown) ? RuleVerdict::kWarn : RuleVerdict::kPass;
 }
 
-Conformance testConformance(PlatformServices services, const Examination& wanted) {
-  RuleResults results;
+Conformance testConformance(PlatformServices services, const Examination& wanted, RuleListener onRule) {
+  RuleResults results{std::move(onRule)};
   CardAbilities abilities;
   results.skip(kRemoval, "nobody takes the card out during the test: do that by hand");
   std::optional<Reader> card;

@@ -83,6 +83,14 @@ void RuleResults::skipRest(const std::string& reason) {
   }
 }
 
+std::vector<RuleResult> RuleResults::soFar() const {
+  std::vector<RuleResult> results;
+  for (std::size_t i = 0; i < kNumRules; ++i) {
+    if (const Held& held = held_[i]) results.push_back({kRules[i], held->first, held->second});
+  }
+  return results;
+}
+
 std::vector<RuleResult> RuleResults::taken() && {
   std::vector<RuleResult> results;
   for (std::size_t i = 0; i < kNumRules; ++i) {

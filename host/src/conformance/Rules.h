@@ -72,8 +72,13 @@ inline constexpr std::size_t kNumRules = static_cast<std::size_t>(RuleID::kCount
 /// What the rules came to so far.
 class RuleResults {
  public:
+  RuleResults() = default;
+  /// `onRule`: may be empty.
+  explicit RuleResults(RuleListener onRule) : onRule_{std::move(onRule)} {}
+
   void set(RuleID rule, RuleVerdict verdict, std::string evidence) {
     at(rule) = std::pair{verdict, std::move(evidence)};
+    if (onRule_) onRule_(soFar());
   }
   void pass(RuleID rule, std::string evidence) { set(rule, RuleVerdict::kPass, std::move(evidence)); }
   void fail(RuleID rule, std::string evidence) { set(rule, RuleVerdict::kFail, std::move(evidence)); }
@@ -91,11 +96,14 @@ class RuleResults {
   [[nodiscard]] std::vector<RuleResult> taken() &&;
 
  private:
+  [[nodiscard]] std::vector<RuleResult> soFar() const;
+
   using Held = std::optional<std::pair<RuleVerdict, std::string>>;
 
   [[nodiscard]] Held& at(RuleID rule) { return held_[static_cast<std::size_t>(rule)]; }
 
   std::array<Held, kNumRules> held_;
+  RuleListener onRule_{};
 };
 
 }  // namespace mirel
