@@ -45,42 +45,66 @@ class FormsOfKeys {
   std::map<std::tuple<CertificateKeyType, int, bool, bool, bool>, Forms> known_;
 };
 
+/// A key, and why nothing works with it; empty: something may.
+struct AskedKey {
+  PublishedKey key;
+  std::string nothing{};
+};
+
 /// The first key of each object ID: the keychain finds no other.
-std::vector<PublishedKey> withoutRepetitions(const std::vector<PublishedKey>& keys) {
-  std::vector<PublishedKey> first;
+std::vector<AskedKey> withoutRepetitions(const std::vector<PublishedKey>& keys) {
+  std::vector<AskedKey> first;
   std::set<std::string> seen;
   for (const PublishedKey& key : keys) {
-    if (seen.insert(key.objectID.toUtf8()).second) first.push_back(key);
+    if (seen.insert(key.objectID.toUtf8()).second) first.push_back({key});
   }
   return first;
 }
 
+/// Takes from a report of the card which keys work for nothing.
+void judge(std::vector<AskedKey>& keys, const InsertedCard& card, const CardReport& report) {
+  const auto published = keysOf(card);  // the report has one for each
+  for (AskedKey& asked : keys) {
+    for (std::size_t i = 0; i < published.size() && i < report.keys.size(); ++i) {
+      const bool isIt = published[i].objectID == asked.key.objectID &&
+                        published[i].certificateID == asked.key.certificateID;
+      if (!isIt) continue;
+      if (report.keys[i].worksForNothing) asked.nothing = report.keys[i].works;
+      break;
+    }
+  }
+}
+
 /// `all`: also what the token accepts, but this card layer never does, and what it does not accept at all.
-std::string tableText(KeyClient& client, const std::vector<PublishedKey>& keys, bool all) {
+std::string tableText(KeyClient& client, const std::vector<AskedKey>& keys, bool all) {
   FormsOfKeys forms{client};
   std::vector<std::vector<std::string>> rows{{"ALGORITHM"}};
-  for (const PublishedKey& key : keys) rows.front().push_back("KEY " + idText(key.objectID));
+  for (const AskedKey& asked : keys) rows.front().push_back("KEY " + idText(asked.key.objectID));
   for (std::size_t i = 0; i < kSecKeyAlgorithms.size(); ++i) {
     const SecKeyAlgorithm algorithm = kSecKeyAlgorithms[i].algorithm;
     std::vector<std::string> row{shortNameOf(algorithm)};
     bool worksForOne = false;
-    for (const PublishedKey& key : keys) {
-      const auto& form = forms.of(key)[i];
-      const bool works = form && mayWork(key, algorithm);
+    for (const AskedKey& asked : keys) {
+      const auto& form = forms.of(asked.key)[i];
+      const bool works = form && asked.nothing.empty() && mayWork(asked.key, algorithm);
       row.push_back(cellFor(algorithm, form, all || works));
       worksForOne = worksForOne || works;
     }
     if (all || worksForOne) rows.push_back(std::move(row));
   }
   if (rows.size() > 1) return table(rows, outputIsColoured());
-  return "No algorithm works with " + std::string{keys.size() == 1 ? "this key" : "these keys"} +
-         "; see what the token accepts all the same with --all.\n";
+  std::string text = "No algorithm works with " + std::string{keys.size() == 1 ? "this key" : "these keys"} +
+                     "; see what the token accepts all the same with --all.\n";
+  for (const AskedKey& asked : keys) {
+    if (!asked.nothing.empty()) text += "Key " + idText(asked.key.objectID) + ": " + asked.nothing + ".\n";
+  }
+  return text;
 }
 
-std::string jsonText(KeyClient& client, const std::vector<PublishedKey>& keys) {
+std::string jsonText(KeyClient& client, const std::vector<AskedKey>& keys) {
   FormsOfKeys forms{client};
   Json list = Json::array();
-  for (const PublishedKey& key : keys) {
+  for (const auto& [key, nothing] : keys) {
     const Forms& ofKey = forms.of(key);
     Json accepted = Json::object();
     for (std::size_t i = 0; i < ofKey.size(); ++i)
@@ -92,18 +116,21 @@ std::string jsonText(KeyClient& client, const std::vector<PublishedKey>& keys) {
 
 Result<void> run(Session& session) {
   if (auto connected = session.connect(); !connected) return connected;
-  std::vector<PublishedKey> keys = withoutRepetitions(keysOf(session.card()));
+  std::vector<AskedKey> keys = withoutRepetitions(keysOf(session.card()));
   if (session.options().key) {
     const auto chosen = session.chosenKey();
     if (!chosen) return chosen.failure();
-    keys = {chosen->key};
+    keys = {{chosen->key}};
   }
   if (keys.empty()) {
     return Failure{FailureKind::kKeyNotFound, "there is no key to ask", "the card publishes no key",
                    "see why with: mireltoken items"};
   }
-  return writeOutput(session.options().json ? jsonText(session.client(), keys)
-                                            : tableText(session.client(), keys, session.options().has(kAll)));
+  const Options& options = session.options();
+  // The others tell what the token says.
+  if (!options.json && !options.has(kAll)) judge(keys, session.card(), session.examine());
+  return writeOutput(options.json ? jsonText(session.client(), keys)
+                                  : tableText(session.client(), keys, options.has(kAll)));
 }
 
 constexpr CommandOption kOptions[] = {

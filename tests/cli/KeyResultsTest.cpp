@@ -39,6 +39,12 @@ TEST_F(Algorithms, AreThoseThatWorkUnlessAllAreAskedFor) {
   const Result decrypting = mireltoken("algorithms --key 02");
   EXPECT_EQ(decrypting.out, "ALGORITHM           KEY 3032\nRSAEncryptionPKCS1  directly\n");
   EXPECT_THAT(mireltoken("algorithms --key 03").out, StartsWith("No algorithm works with this key; "));
+  makeCards(
+      "token label=Card\npublic type=rsa1024 id=01 label=A\n"
+      "certificate type=rsa2048 id=01 label=A usage=digitalSignature subject=Other\n");
+  const Result other = mireltoken("algorithms");
+  EXPECT_THAT(other.out, StartsWith("No algorithm works with this key; "));
+  EXPECT_THAT(other.out, HasSubstr("Key 3031: nothing: its certificate belongs to another key.\n"));
 }
 
 TEST_F(Algorithms, HaveNamesInOtherStandards) {
