@@ -53,7 +53,7 @@ _mireltoken() {
     *,) _mireltoken_words 'readers items certificate algorithms login sign decrypt exchange doctor conformance watch explain record trace help' "$cur" ;;
     *,help) _mireltoken_words 'readers items certificate algorithms login sign decrypt exchange doctor conformance watch explain record trace' "$cur" ;;
     *,record) _mireltoken_words 'readers items certificate algorithms login sign decrypt exchange doctor conformance' "$cur" ;;
-    *,explain) _mireltoken_words 'MT-M01 MT-M02 MT-M03 MT-M04 MT-M05 MT-M06 MT-M07 MT-M08 MT-M09 MT-M10 MT-M11 MT-R01 MT-R02 MT-R03 MT-R04 MT-R05 MT-R06 MT-R07 MT-R08 MT-R09 MT-R10 MT-T01 MT-T02 MT-T03 MT-T04 MT-C01 MT-C02 MT-C03 MT-C04 MT-C05 MT-C06 MT-C07 MT-C08 MT-C09 MT-C10 MT-C11 MT-C12 MT-C13 MT-C14 MT-C15 MT-C16 MT-C17 MT-C18 MT-K01 MT-K02 MT-K03 MT-K04 MT-K05 MT-K06 MT-K07 MT-K08 MT-K09 MT-K10 MT-P01 MT-P02 MT-P03 MT-P04 MT-P05 MT-P06 MT-P07 MT-P08 MT-P09 MT-P10 MT-P11 MT-X01 MT-X02 MT-X03 MT-X04 MT-X05 MT-X06 MT-X07 MT-X08 MT-X09 MT-X10 MT-X11 MT-X12' "$cur" ;;
+    *,explain) _mireltoken_words 'MT-M01 MT-M02 MT-M03 MT-M04 MT-M05 MT-M06 MT-M07 MT-M08 MT-M09 MT-M10 MT-M11 MT-R01 MT-R02 MT-R03 MT-R04 MT-R05 MT-R06 MT-R07 MT-R08 MT-R09 MT-R10 MT-T01 MT-T02 MT-T03 MT-T04 MT-T05 MT-C01 MT-C02 MT-C03 MT-C04 MT-C05 MT-C06 MT-C07 MT-C08 MT-C09 MT-C10 MT-C11 MT-C12 MT-C13 MT-C14 MT-C15 MT-C16 MT-C17 MT-C18 MT-K01 MT-K02 MT-K03 MT-K04 MT-K05 MT-K06 MT-K07 MT-K08 MT-K09 MT-K10 MT-K11 MT-P01 MT-P02 MT-P03 MT-P04 MT-P05 MT-P06 MT-P07 MT-P08 MT-P09 MT-P10 MT-P11 MT-X01 MT-X02 MT-X03 MT-X04 MT-X05 MT-X06 MT-X07 MT-X08 MT-X09 MT-X10 MT-X11 MT-X12' "$cur" ;;
     *,trace)
       case $words in 0) _mireltoken_words show "$cur" ;; *) _mireltoken_paths -f "$cur" ;; esac ;;
     *) _mireltoken_words "" "$cur" ;;
