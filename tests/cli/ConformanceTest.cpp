@@ -32,7 +32,7 @@ TEST_F(ConformanceCommand, TestsEachRuleAndSaysWhatUsersCanDo) {
   EXPECT_EQ(result.exitCode, 19);
   const std::string xml = read("rules.xml");
   EXPECT_THAT(
-      xml, StartsWith("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<testsuites tests=\"52\" failures=\"0\""));
+      xml, StartsWith("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<testsuites tests=\"53\" failures=\"0\""));
   EXPECT_THAT(xml, HasSubstr("<property name=\"grade\" value=\"B\"/>"));
   EXPECT_THAT(xml,
               HasSubstr("<testcase classname=\"mireltoken.signing\" name=\"CR-40 &quot;PSS&quot; is not"));

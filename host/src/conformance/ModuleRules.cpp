@@ -221,7 +221,7 @@ void testSlotOfCard(const P11Bridge& bridge, CK_SLOT_ID slotID, RuleResults& res
   results.set(kPinUnchanged, isToBeChanged ? RuleVerdict::kWarn : RuleVerdict::kPass,
               isToBeChanged ? std::string{entryOf(FindingID::kPinToBeChanged).code} +
                                   " the flags have USER_PIN_TO_BE_CHANGED"
-                            : "the flags do not say so");
+                            : std::string{"the flags have no USER_PIN_TO_BE_CHANGED"});
   const bool isLong = token.ulMinPinLen != CK_UNAVAILABLE_INFORMATION && token.ulMinPinLen > kMaxPinLen;
   results.set(kPinLen, isLong ? RuleVerdict::kFail : RuleVerdict::kPass,
               token.ulMinPinLen == CK_UNAVAILABLE_INFORMATION
