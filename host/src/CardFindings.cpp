@@ -202,6 +202,8 @@ void CardFindings::addUnpublished(const std::vector<UnpublishedObject>& objects)
   for (const UnpublishedObject& object : objects) {
     // Nobody has to do anything about it, or only about the other object of the pair.
     if (object.expected || object.byPartner) continue;
+    // The call that failed is told once.
+    if (object.cause == kObjectUnread && !contents_.failedRead.empty()) continue;
     std::string evidence = object.reason;
     if (object.cause == kCertificateMissing && contents_.certificates.empty()) {
       evidence += "; there is no certificate at all, but " +
@@ -251,17 +253,19 @@ void CardFindings::addCertificatesOfOtherKeys() {
     const CardObject* other = nullptr;
     bool isFound = wanted.value.empty();
     for (const CardObject& key : contents_.publicKeys) {
-      if (!key.listed || key.id != certificate.id || key.publicValue.empty()) continue;
+      const bool isOfOtherKind = key.keyType != CKK_RSA && key.keyType != CKK_EC;
+      if (!key.listed || key.id != certificate.id || (key.publicValue.empty() && !isOfOtherKind)) continue;
       isFound = isFound || areSame(valueOf(key), wanted);
       other = &key;
     }
     if (isFound || !other) continue;
     const KeyValue value = valueOf(*other);
+    const std::string otherText = value.value.empty() ? "the key type " + std::to_string(other->keyType)
+                                                      : keyText(value.isRsa, value.value);
     add({kCertificateOfOtherKey, kFailure,
          subjectOf("certificate", certificate.about.id, certificate.about.label),
          "certificate and public key differ: it has " + keyText(wanted.isRsa, wanted.value) + ", the " +
-             subjectOf("public key", other->about.id, other->about.label) + " has " +
-             keyText(value.isRsa, value.value)},
+             subjectOf("public key", other->about.id, other->about.label) + " has " + otherText},
         certificate.about.id);
   }
 }

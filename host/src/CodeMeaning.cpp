@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <iterator>
 
+#include "bridge/BridgeOperation.h"
 #include "bridge/CardRules.h"
 #include "bridge/cryptoki.h"
 #include "host/CryptokiNames.h"
@@ -142,8 +143,10 @@ std::string reasonText(const FailedCall& cause) {
 
 Failure failureBecauseOf(const FailedCall& cause, std::string what, FailureKind kindElse) {
   const CodeMeaning& meaning = meaningOf(cause.name, cause.result);
+  const bool isKeyMissing = cause.result == CKR_KEY_HANDLE_INVALID &&
+                            cause.name == operationName(BridgeOperation::pkcs11_getCorrespondingPrivateKey);
   return {meaning.kind.value_or(kindElse), std::move(what), reasonText(cause), meaning.remedy,
-          isOfDevice(cause.result),        cause.result};
+          isOfDevice(cause.result),        cause.result,    isKeyMissing};
 }
 
 }  // namespace mirel

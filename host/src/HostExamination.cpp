@@ -224,8 +224,10 @@ std::vector<Finding> Host::tokenFindings(const Reader& reader, const Text& insta
   std::vector<Finding> findings = sharedInstanceFindings(reader, instanceID, lastFound_);
   CK_TOKEN_INFO token{};
   if (const CK_RV rv = bridge_->inspectToken(reader.slotID, token); rv != CKR_OK) {
-    findings.push_back(
-        {FindingID::kTokenUnreadable, Severity::kUnknown, subject, reasonText({"C_GetTokenInfo", rv})});
+    const FailedCall cause{"C_GetTokenInfo", rv};
+    const bool isGone = meaningOf(cause.name, cause.result).kind == FailureKind::kCardGone;
+    findings.push_back({isGone ? FindingID::kCardWentAway : FindingID::kTokenUnreadable, Severity::kUnknown,
+                        subject, reasonText(cause)});
     return findings;
   }
   const bool isAnother = !reader.unreadable && (!(trimmed(token.label) == reader.tokenLabel) ||

@@ -60,7 +60,11 @@ std::pair<std::string, bool> whyWrong(const PublicKey& publicKey, const Publishe
 Failure noSignature(const Signature& signature, const std::string& why, bool isCause) {
   constexpr const char* kWhat = "there is no good signature";
   const auto failed = signature.fault ? signature.fault->failure : std::nullopt;
-  if (failed) return {failed->kind, kWhat, failed->why, failed->advice, failed->isCauseKnown, failed->result};
+  if (failed) {
+    Failure failure = *failed;
+    failure.what = kWhat;
+    return failure;
+  }
   return {FailureKind::kVerificationFailed, kWhat, why, "try another algorithm or key", isCause};
 }
 

@@ -148,6 +148,8 @@ TEST_F(CardReportObjects, TellsACertificateOfAnotherKey) {
   addCertificate("02", "Of another kind", kForSigning, SoftwareKey::ec("P-256"));
   addKey("03", "Good");
   addEcKey("04", "Good too", kForSigning);
+  addKey("06", "Of a kind that is not known");
+  lastObject(2) = lastObject(2).with(CKA_KEY_TYPE, ulongValue(CKK_DSA));
   addPublicKey("05", "Without a use", otherRsa());
   addCertificate("05", "Without a use", std::nullopt);
   const CardReport report = this->report();
@@ -157,11 +159,12 @@ TEST_F(CardReportObjects, TellsACertificateOfAnotherKey) {
     subjects.push_back(finding.subject);
     EXPECT_THAT(finding.evidence, HasSubstr("certificate and public key differ"));
   }
-  EXPECT_THAT(subjects,
-              ElementsAre("certificate 3031 \"MyCertificate\"", "certificate 3032 \"Of another kind\"",
-                          "certificate 3035 \"Without a use\""));
-  ASSERT_EQ(report.keys.size(), 5U);
-  for (const std::size_t i : {0U, 1U, 4U}) {
+  EXPECT_THAT(
+      subjects,
+      ElementsAre("certificate 3031 \"MyCertificate\"", "certificate 3032 \"Of another kind\"",
+                  "certificate 3036 \"Of a kind that is not known\"", "certificate 3035 \"Without a use\""));
+  ASSERT_EQ(report.keys.size(), 6U);
+  for (const std::size_t i : {0U, 1U, 4U, 5U}) {
     EXPECT_EQ(report.keys[i].works, "nothing: its certificate belongs to another key");
     EXPECT_EQ(report.keys[i].findings.size(), 1U);  // nothing is told of the key by what is not its own
   }

@@ -104,6 +104,7 @@ TEST_F(DoctorTrials, BlameTheModuleForNothingThatHasAnotherCause) {
       {"device", "C_Sign", 0, CKR_DEVICE_ERROR, "signatures", "MT-T05"},
       {"device, the second time", "C_Sign", 1, CKR_DEVICE_ERROR, "signatures", "MT-T05"},
       {"use", "C_SignInit", 0, CKR_KEY_FUNCTION_NOT_PERMITTED, "signatures", "MT-K11"},
+      {"type", "C_SignInit", 0, CKR_KEY_TYPE_INCONSISTENT, "signatures", "MT-K11"},
       {"device", "C_Decrypt", 0, CKR_HOST_MEMORY, "decryption", "MT-T05"},
       {"use", "C_DecryptInit", 0, CKR_KEY_FUNCTION_NOT_PERMITTED, "decryption", "MT-K11"},
   };
@@ -116,6 +117,45 @@ TEST_F(DoctorTrials, BlameTheModuleForNothingThatHasAnotherCause) {
     const Diagnosis found = diagnosisWith(given);
     EXPECT_THAT(codesOfCheck(found, check), ElementsAre(code));
     EXPECT_EQ(checkIn(found, check).severity, Severity::kFailure);
+  }
+}
+
+TEST_F(DoctorTrials, BlameThePrivateKeyThatTheCardLayerDoesNotFind) {
+  for (auto& [handle, object] : script.card().objects) {
+    if (object.attributes[CKA_CLASS] == ulongValue(CKO_PRIVATE_KEY))
+      object = object.with(CKA_TOKEN, boolValue(false));
+  }
+  const Diagnosis found = diagnosis();
+  EXPECT_THAT(codesOfCheck(found, "signatures"), ElementsAre("MT-C10"));
+  EXPECT_THAT(codesOfCheck(found, "decryption"), ElementsAre("MT-C10"));
+}
+
+TEST_F(DoctorTrials, BlameNoKeyWhereTheCardCannotBeReadAfterTheLogin) {
+  const std::pair<const char*, CK_RV> rows[] = {{"C_FindObjectsInit", CKR_GENERAL_ERROR},
+                                                {"C_GetAttributeValue", CKR_DEVICE_ERROR},
+                                                {"C_GetTokenInfo", CKR_GENERAL_ERROR},
+                                                {"C_GetTokenInfo", CKR_TOKEN_NOT_PRESENT}};
+  for (const auto& [function, answer] : rows) {
+    SCOPED_TRACE(std::string{function} + " " + std::to_string(answer));
+    script.reset();
+    startAnew();
+    GivenPins counted{{u"123456"}};
+    (void)diagnosisWith(counted);
+    const auto& calls = script.calls();
+    const auto login =
+        std::find_if(calls.begin(), calls.end(), [](const Call& call) { return call.function == "C_Login"; });
+    const auto before = std::count_if(
+        calls.begin(), login, [function = function](const Call& call) { return call.function == function; });
+    script.reset();
+    startAnew();
+    GivenPins given{{u"123456"}};
+    script.failCallOf(function, static_cast<std::size_t>(before), answer, Times::kFromThenOn);
+    const auto codes = codesOf(diagnosisWith(given));
+    EXPECT_THAT(codes,
+                ::testing::AllOf(Not(Contains("MT-K08")), Not(Contains("MT-K09")), Not(Contains("MT-K10"))));
+    EXPECT_THAT(codes, ::testing::AnyOf(Contains("MT-T05"), Contains("MT-T04")));
+    EXPECT_LE(std::count(codes.begin(), codes.end(), "MT-T04"), 1);
+    EXPECT_LE(std::count(codes.begin(), codes.end(), "MT-C03"), 1);
   }
 }
 

@@ -189,14 +189,22 @@ void tryKeys(Host& host, const InsertedCard& card, const CardReport& report, Pin
   const CardReport after = host.examine(card, true);
   std::vector<Finding> more;
   for (const Finding& finding : after.findings) {
-    if (!sameIn(report.findings, finding)) more.push_back(finding);
+    if (finding.id != kPkcs1NotTried && !sameIn(report.findings, finding)) more.push_back(finding);
   }
   std::string evidence = countOf(more.size(), "finding") + " more after the login";
   correctObjects(after, more, checks);
+  const bool isGone = std::any_of(more.begin(), more.end(),
+                                  [](const Finding& finding) { return finding.id == kCardWentAway; });
   checks.add(kPrivateKeys, std::move(evidence), std::move(more));
+  if (isGone) return skipTrials(checks, "the card went away");
   if (!trySigning(**client, card, after, pins, kTrials[0], checks))
     return checks.skip(kTrials[1], "the card went away");
   tryDecrypting(**client, card, after, pins, kTrials[1], checks);
+}
+
+Finding unreadCard(const Failure& failure) {
+  const bool isGone = failure.kind == FailureKind::kCardGone || failure.kind == FailureKind::kAnotherCard;
+  return {isGone ? kCardWentAway : kTokenUnreadable, Severity::kFailure, {}, failure.why};
 }
 
 void skipAfterCard(Checks& checks, const std::string& reason) {
@@ -219,7 +227,7 @@ void checkCard(Host& host, const Reader& reader, const PinsForReader& pins, cons
     if (told) {
       checks.skip(kCardCheck, std::string{entryOf(told->id).title});
     } else {
-      checks.add(kCardCheck, why, {{kTokenUnreadable, Severity::kFailure, {}, why}});
+      checks.add(kCardCheck, why, {unreadCard(*reader.unreadable)});
     }
     return skipAfterCard(checks, "the card cannot be read");
   }
@@ -235,10 +243,7 @@ void checkCard(Host& host, const Reader& reader, const PinsForReader& pins, cons
     std::vector<Finding> findings = findingsOf('T', report);
     // An object that hides the card is told with the objects, and a reader that cannot be used with those.
     if (worstOf(findings) != Severity::kFailure && !report.hidden && !told && !checks.has(kTooManyCards)) {
-      const FailureKind kind = card.failure().kind;
-      const bool isGone = kind == FailureKind::kCardGone || kind == FailureKind::kAnotherCard;
-      findings.insert(findings.begin(),
-                      {isGone ? kCardWentAway : kTokenUnreadable, Severity::kFailure, {}, why});
+      findings.insert(findings.begin(), unreadCard(card.failure()));
     }
     if (findings.empty()) {
       checks.add(kCardCheck, Severity::kFailure, why);

@@ -123,11 +123,14 @@ Finding trialFinding(FindingID id, const CardReport& report, const PublishedKey&
   const auto failed = [&](FindingID cause) {
     return Finding{cause, Severity::kFailure, subject, failure.why};
   };
-  if (isDisturbed(failure)) return failed(kTrialDisturbed);
+  const bool wasAllRead = report.failedRead.empty() && report.failedPrivateRead.empty();
+  if (isDisturbed(failure) || !wasAllRead) return failed(kTrialDisturbed);
   if (const Finding* shared = findingOf(kIDShared, report, key); shared && sharesItsID(key, report))
     return {shared->id, Severity::kFailure, shared->subject, shared->evidence};
   if (wantsPin(failure, report, key)) return failed(kPinForEachUse);
-  if (failure.result == CKR_KEY_FUNCTION_NOT_PERMITTED) return failed(kUseNotAllowed);
+  if (failure.isKeyMissing) return failed(kPrivateKeyMissing);
+  if (failure.result == CKR_KEY_FUNCTION_NOT_PERMITTED || failure.result == CKR_KEY_TYPE_INCONSISTENT)
+    return failed(kUseNotAllowed);
   if (saysNothing(failure)) return {kTrialDisturbed, Severity::kUnknown, subject, failure.why};
   return failed(id);
 }
@@ -272,7 +275,9 @@ void tryDecrypting(KeyClient& client, const InsertedCard& card, const CardReport
       continue;
     }
     evidence.add(subject, saysNothing(*failure) ? "could not be tried" : "does not decrypt");
-    findings.push_back(trialFinding(kDecryptionFails, report, key, *failure));
+    // A card that failed before may not be asked any more.
+    const bool goesOn = !failure->result && checks.has(kTrialDisturbed);
+    findings.push_back(trialFinding(goesOn ? kTrialDisturbed : kDecryptionFails, report, key, *failure));
   }
   if (evidence.isEmpty()) return checks.skip(point, "no RSA key of the card decrypts");
   checks.add(point, evidence.text(), std::move(findings));
