@@ -213,11 +213,12 @@ Result<void> run(Session& session) {
   notes.diagnosis = diagnose(services, wanted);
   progress.clear();
   takeLog();
-  if (!written) return written;
   const Diagnosis& diagnosis = notes.diagnosis;
   session.setExitCode(exitCodeOf(diagnosis.verdict()));
-  if (written = writeOutput(options.json ? jsonText(diagnosis) : endOf(diagnosis)); !written) return written;
-  return writeFiles(options, session.services(), notes);
+  if (written) written = writeOutput(options.json ? jsonText(diagnosis) : endOf(diagnosis));
+  // Also where nobody reads the rest of the text.
+  const auto stored = writeFiles(options, session.services(), notes);
+  return stored ? written : stored;
 }
 
 constexpr CommandOption kOptions[] = {

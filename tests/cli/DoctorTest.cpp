@@ -57,6 +57,14 @@ TEST_F(Doctor, ExaminesAModuleByANameThatIsNotKnown) {
   EXPECT_TRUE(exists("bundle.txt"));
 }
 
+TEST_F(Doctor, WritesItsFilesAlsoWhereNobodyReadsItsOutput) {
+  Invocation call = staged(Arguments{"doctor", "--html", path("page.html"), "--bundle", path("bundle.txt")});
+  call.output = Output::kUnread;
+  EXPECT_EQ(examined(call).exitCode, 141);
+  EXPECT_TRUE(exists("page.html"));
+  EXPECT_TRUE(exists("bundle.txt"));
+}
+
 TEST_F(Doctor, SaysTheSameAsJson) {
   const Json json = Json::parse(examined(staged("doctor --json", {{"INITIALIZE", "7"}})).out);
   EXPECT_EQ(json["verdict"], "failure");
