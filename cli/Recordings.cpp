@@ -42,7 +42,7 @@ constexpr mode_t kOwnerOnly = 0600;
 
 Failure fileFailure(const std::string& name, const char* what, int error) {
   return {FailureKind::kFileFailure, printableLine(name) + " cannot be " + what, std::strerror(error),
-          "check the path and its rights"};
+          "check the path, its rights and the space left there"};
 }
 
 recording::Header headerOf(const Options& options) {
