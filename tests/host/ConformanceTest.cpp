@@ -443,6 +443,17 @@ TEST_F(ConformanceTest, LeavesOpenWhatTheModuleIsNotToBlameFor) {
   }
 }
 
+TEST_F(ConformanceTest, GivesNoGradeToACardThatIsTakenOutWhileItIsRead) {
+  for (const char* call : {"C_OpenSession", "C_FindObjects", "C_GetAttributeValue"}) {
+    SCOPED_TRACE(call);
+    makeGood();
+    script.failCallOf(call, 0, CKR_DEVICE_REMOVED, Times::kFromThenOn);
+    const Conformance found = tested();
+    EXPECT_EQ(found.grade.letter, "-");
+    EXPECT_THAT(numbersWith(RuleVerdict::kFail, found), IsEmpty());
+  }
+}
+
 // ---- The grade ----
 
 TEST(Grades, SayWhatUsersWillBeAbleToDo) {
@@ -463,9 +474,8 @@ TEST(Grades, SayWhatUsersWillBeAbleToDo) {
       {{true, true, {}, true},
        "-",
        "certificates are published; what the keys do was not all seen, which takes a login and trials that "
-       "tell "
-       "something"},
-      {{}, "-", "not known: no card was reached"},
+       "tell something"},
+      {{}, "-", "not known: no card was read"},
   };
   for (const auto& [abilities, letter, sentence] : rows) {
     EXPECT_EQ(gradeOf(abilities).letter, letter);

@@ -62,10 +62,12 @@ void testCard(Host& host, const P11Bridge& bridge, const Examination& wanted, Ru
   testObjects(bridge, reader->slotID, results);
   const auto card = host.insert(wanted.reader);
   if (!card) {
-    abilities.published = false;
+    const FailureKind kind = card.failure().kind;
+    const bool isGone = kind == FailureKind::kCardGone || kind == FailureKind::kAnotherCard;
+    if (!isGone) abilities.published = false;
     testReport({host.examine(*reader)}, results);
     tellFailedInsertion(card.failure(), results);
-    return results.skipRest("nothing is published");
+    return results.skipRest(isGone ? "the card did not stay in the reader" : "nothing is published");
   }
   outCard = card->reader;
   abilities.published = !card->items.empty();

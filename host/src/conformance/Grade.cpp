@@ -25,7 +25,7 @@ constexpr GradeRow kGrades[] = {
 
 Grade gradeOf(const CardAbilities& abilities) noexcept {
   if (abilities.published == false) return {"F", "nothing is published"};
-  if (!abilities.published) return {"-", "not known: no card was reached"};
+  if (!abilities.published) return {"-", "not known: no card was read"};
   if (!abilities.signsPss || !abilities.signsPkcs1 || !abilities.decrypts)
     return {"-",
             "certificates are published; what the keys do was not all seen, which takes a login and trials "
