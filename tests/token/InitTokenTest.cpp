@@ -150,7 +150,8 @@ TEST_F(InitToken, FailsOrStaysEmptyWithTheErrorAndTheLinesOfThatFailure) {
     std::vector<std::string> lines;  ///< behind those for the start and the module
     PortCalls calls = {"card.name"};
     bool keepsProvider = true;
-    bool isMade = false;  ///< and has opened its session
+    bool isMade = false;
+    std::size_t numSessions = 0;  ///< left open
   } rows[] = {
       {"the module cannot be initialised",
        [&] { script.failCallOf("C_Initialize", 0, CKR_GENERAL_ERROR); },
@@ -169,12 +170,19 @@ TEST_F(InitToken, FailsOrStaysEmptyWithTheErrorAndTheLinesOfThatFailure) {
        {kInstanceIdLine, kEnd},
        {"card.name", "super"},
        false},
+      {"the card session cannot be opened",
+       [&] { script.failCallOf("C_OpenSession", 2, CKR_DEVICE_ERROR); },
+       {kInstanceIdLine, kNoCertificates, kEnd},
+       {"card.name", "super"},
+       true,
+       true},
       {"the certificates cannot be listed",
        [&] { script.failCallOf("C_FindObjectsInit", 0, CKR_DEVICE_ERROR); },
        {kInstanceIdLine, kNoCertificates, kEnd},
        {"card.name", "super"},
        true,
-       true},
+       true,
+       1},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
@@ -187,7 +195,7 @@ TEST_F(InitToken, FailsOrStaysEmptyWithTheErrorAndTheLinesOfThatFailure) {
       EXPECT_EQ(token->init(outError), row.isMade);
       EXPECT_THAT(calls, ElementsAreArray(row.calls));
       EXPECT_EQ(token->core.sp() != nullptr, row.keepsProvider);
-      EXPECT_EQ(script.openSessions().size(), row.isMade ? 1U : 0U);
+      EXPECT_EQ(script.openSessions().size(), row.numSessions);
       std::vector<std::string> expected = row.lines;
       // Without an error pointer there is no line for the error either.
       if (!outError) std::erase(expected, kNoTokenId);

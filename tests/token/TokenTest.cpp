@@ -52,12 +52,7 @@ Bytes FakeClient::decrypt(const Value& cipher, TKErrorPointer outError) {
 
 void TokenTest::resetCard() {
   script.reset();
-  setCertificate({.keyUsage = kDigitalSignature});
-}
-
-void TokenTest::setCertificate(const CertificateRequest& request) {
-  Object& object = script.object(kCertificate);
-  object = object.with(CKA_VALUE, testCertificate(request));
+  script.object(kCertificate).attributes[CKA_VALUE] = testCertificate({.keyUsage = kDigitalSignature});
 }
 
 void TokenTest::addKeyAndCertificate(Value id, Value label, const CertificateRequest& request) {
@@ -83,12 +78,6 @@ void ClientSessionTest::startAnew() {
   EXPECT_TRUE(token->init());
   publish({keyItem(kKey, true)});
   client.emplace(services(), *token, &calls);
-  forget();
-}
-
-void ClientSessionTest::logInAnew() {
-  startAnew();
-  EXPECT_TRUE(client->login());
   forget();
 }
 
