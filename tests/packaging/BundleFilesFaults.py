@@ -77,29 +77,9 @@ ENTITLEMENTS = {
 }
 
 
-def same(actual, expected):
-    """Like ==, but a number is no boolean."""
-    if type(actual) is not type(expected):
-        return False
-    if isinstance(expected, dict):
-        return actual.keys() == expected.keys() and all(same(actual[key], expected[key]) for key in expected)
-    if isinstance(expected, list):
-        return len(actual) == len(expected) and all(map(same, actual, expected))
-    return actual == expected
-
-
-def differences(actual, expected, at=""):
-    """The places where two property lists differ."""
-    if isinstance(actual, dict) and isinstance(expected, dict):
-        for key in sorted(actual.keys() | expected.keys()):
-            if key not in actual:
-                yield f"{at}{key} is missing"
-            elif key not in expected:
-                yield f"{at}{key} is not wanted"
-            else:
-                yield from differences(actual[key], expected[key], f"{at}{key}: ")
-    elif not same(actual, expected):
-        yield f"{at}{actual!r}"
+def text_of(plist):
+    """A property list to be compared, in which true is not 1."""
+    return json.dumps(plist, sort_keys=True, default=repr)
 
 
 def read_list(content):
@@ -127,10 +107,10 @@ def read_list(content):
 
 def faults_of_list(name, content, expected):
     try:
-        found = read_list(content)
+        found = text_of(read_list(content))
     except ValueError as error:
         return [f"{name}: {error}"]
-    return [f"{name}: {difference}" for difference in differences(found, expected)]
+    return [] if found == text_of(expected) else [f"{name}: {found}, not {text_of(expected)}"]
 
 
 def project_version(tree):

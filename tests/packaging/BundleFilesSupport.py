@@ -1,26 +1,12 @@
-"""What the tests of the macOS bundle share: counting, copies to be spoiled, programs run."""
+"""What the tests of the macOS bundle share: counting, putting an app together, programs run."""
 
 import argparse
 import os
 import pathlib
-import shutil
 import stat
 import subprocess
 import sys
 import tempfile
-
-# What a copy of the tree must hold for the bundle's files to be judged.
-PARTS = [
-    "CMakeLists.txt",
-    "CMakePresets.json",
-    "check",
-    "cli/CMakeLists.txt",
-    "cmake/macos-toolchain.cmake",
-    "docs/first-mac.md",
-    ".github",
-    "packaging/macos",
-    "token",
-]
 
 # The programs in an app.
 PROGRAMS = ["Contents/MacOS/mireltoken", "Contents/PlugIns/MirelToken.appex/Contents/MacOS/MirelToken"]
@@ -63,18 +49,6 @@ def arguments():
 
 def temporary_folder():
     return tempfile.TemporaryDirectory(prefix="mirel bundle 'n' files ")
-
-
-def copy_of(source, folder):
-    """A copy of the parts of the tree, to be spoiled."""
-    for part in PARTS:
-        target = folder / part
-        target.parent.mkdir(parents=True, exist_ok=True)
-        if (source / part).is_dir():
-            shutil.copytree(source / part, target)
-        else:
-            shutil.copy2(source / part, target)
-    return folder
 
 
 def run(*command, **options):
