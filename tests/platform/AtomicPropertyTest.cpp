@@ -2,15 +2,13 @@
 
 #include <gtest/gtest.h>
 
-#include <array>
 #include <atomic>
 #include <functional>
 #include <memory>
 #include <string>
-#include <thread>
-#include <vector>
 
 #include "platform/Text.h"
+#include "support/Threads.h"
 
 namespace mirel {
 namespace {
@@ -36,36 +34,23 @@ TEST(AtomicProperty, IsEmptyAtFirstAndThenGivesTheVeryValueThatWasSetLast) {
 }
 
 TEST(AtomicProperty, NeverShowsAMixtureToAReader) {
-  constexpr int kWrites = 20000;
+  constexpr int kRounds = 20000;
   AtomicProperty<Pair> property;
   property.set(pairOf(u'-', 1));
-  std::atomic<int> writersLeft{2};
-  std::array<std::atomic<int>, 2> mixtures{};
-  std::array<std::atomic<int>, 2> reads{};
-
-  const auto write = [&](char16_t letter) {
-    for (int i = 0; i < kWrites; ++i) property.set(pairOf(letter, 1 + static_cast<std::size_t>(i % 40)));
-    --writersLeft;
+  std::atomic<int> numMixtures{0};
+  const auto writer = [&](char16_t letter) {
+    return [&property, letter] {
+      for (int i = 0; i < kRounds; ++i) property.set(pairOf(letter, 1 + static_cast<std::size_t>(i % 40)));
+    };
   };
-  const auto read = [&](std::size_t reader) {
-    do {
+  const auto read = [&] {
+    for (int i = 0; i < kRounds; ++i) {
       const Pair pair = property.get();
-      if (!(pair.first == pair.second)) ++mixtures[reader];
-      ++reads[reader];
-    } while (writersLeft > 0);
+      if (!(pair.first == pair.second)) ++numMixtures;
+    }
   };
-  std::vector<std::thread> threads;
-  threads.emplace_back(read, 0U);
-  threads.emplace_back(read, 1U);
-  threads.emplace_back(write, u'a');
-  threads.emplace_back(write, u'b');
-  for (std::thread& thread : threads) thread.join();
-
-  for (std::size_t reader = 0; reader < mixtures.size(); ++reader) {
-    SCOPED_TRACE(reader);
-    EXPECT_EQ(mixtures[reader], 0);
-    EXPECT_GT(reads[reader], 0);
-  }
+  test::runAtOnce({read, read, writer(u'a'), writer(u'b')});
+  EXPECT_EQ(numMixtures, 0);
 }
 
 /// A value whose destruction runs a function.

@@ -75,11 +75,13 @@ class NotificationOnABus : public testing::Test {
     for (int i = 0; i < kTries && timeOfPost(name, object, deliverImmediately) >= kPostLimit; ++i) continue;
   }
 
-  /// The next signal, after those of that name, which a busy computer may have made us post twice.
-  std::optional<ReceivedSignal> nextAfter(const std::string& name) {
+  /// The next signal, which must come, after those of that name, which a busy computer may have made us post
+  /// twice.
+  ReceivedSignal next(const std::string& nameBefore = "no name") {
     auto signal = receiver_->next(kDeliveryLimit);
-    while (signal && signal->name == name) signal = receiver_->next(kDeliveryLimit);
-    return signal;
+    while (signal && signal->name == nameBefore) signal = receiver_->next(kDeliveryLimit);
+    EXPECT_TRUE(signal);
+    return signal.value_or(ReceivedSignal{});
   }
 
   std::unique_ptr<PrivateBus> bus_;
@@ -89,45 +91,43 @@ class NotificationOnABus : public testing::Test {
 
 TEST_F(NotificationOnABus, ArrivesWithItsArguments) {
   post(Text{u"TokenNotify"}, Text{u"Reader \u00E9 \U0001F511"});
-  const auto signal = receiver_->next(kDeliveryLimit);
-  ASSERT_TRUE(signal);
-  EXPECT_EQ(signal->path, "/org/mireltoken/DistributedNotification");
-  EXPECT_EQ(signal->name, "TokenNotify");
-  EXPECT_EQ(signal->object, "Reader \xC3\xA9 \xF0\x9F\x94\x91");
-  EXPECT_TRUE(signal->hasObject);
-  EXPECT_TRUE(signal->deliverImmediately);
+  const ReceivedSignal signal = next();
+  EXPECT_EQ(signal.path, "/org/mireltoken/DistributedNotification");
+  EXPECT_EQ(signal.name, "TokenNotify");
+  EXPECT_EQ(signal.object, "Reader \xC3\xA9 \xF0\x9F\x94\x91");
+  EXPECT_TRUE(signal.hasObject);
+  EXPECT_TRUE(signal.deliverImmediately);
 }
 
 TEST_F(NotificationOnABus, TellsAMissingObjectFromAnEmptyOne) {
   post(Text{u"without"}, Text{});
   post(Text{u"empty"}, Text{u""});
-  const auto without = receiver_->next(kDeliveryLimit);
-  ASSERT_TRUE(without);
-  EXPECT_EQ(without->object, "");
-  EXPECT_FALSE(without->hasObject);
-  const auto empty = nextAfter("without");
-  ASSERT_TRUE(empty);
-  EXPECT_EQ(empty->object, "");
-  EXPECT_TRUE(empty->hasObject);
+  const ReceivedSignal without = next();
+  EXPECT_EQ(without.name, "without");
+  EXPECT_EQ(without.object, "");
+  EXPECT_FALSE(without.hasObject);
+  const ReceivedSignal empty = next("without");
+  EXPECT_EQ(empty.name, "empty");
+  EXPECT_EQ(empty.object, "");
+  EXPECT_TRUE(empty.hasObject);
 }
 
 TEST_F(NotificationOnABus, TellsWhenNoImmediateDeliveryWasAskedFor) {
   post(Text{u"TokenNotify"}, Text{u"object"}, false);
-  const auto signal = receiver_->next(kDeliveryLimit);
-  ASSERT_TRUE(signal);
-  EXPECT_FALSE(signal->deliverImmediately);
+  const ReceivedSignal signal = next();
+  EXPECT_EQ(signal.name, "TokenNotify");
+  EXPECT_FALSE(signal.deliverImmediately);
 }
 
 TEST_F(NotificationOnABus, ReplacesWhatABusStringCannotHold) {
   const Text text{std::u16string{u'a', 0x0000, u'b', 0xD800, u'c', 0xDC00}};
   post(text, text);
-  const auto signal = receiver_->next(kDeliveryLimit);
-  ASSERT_TRUE(signal);
-  EXPECT_EQ(signal->name,
+  const ReceivedSignal signal = next();
+  EXPECT_EQ(signal.name,
             "a\xEF\xBF\xBD"
             "b\xEF\xBF\xBD"
             "c\xEF\xBF\xBD");
-  EXPECT_EQ(signal->object, signal->name);
+  EXPECT_EQ(signal.object, signal.name);
 }
 
 TEST_F(NotificationOnABus, ArrivesEveryTimeAndInOrder) {
@@ -137,9 +137,7 @@ TEST_F(NotificationOnABus, ArrivesEveryTimeAndInOrder) {
   }
   for (int i = 0; i < kPosts; ++i) {
     SCOPED_TRACE(i);
-    const auto signal = nextAfter(std::to_string(i - 1));
-    ASSERT_TRUE(signal);
-    EXPECT_EQ(signal->name, std::to_string(i));
+    ASSERT_EQ(next(std::to_string(i - 1)).name, std::to_string(i));
   }
   EXPECT_FALSE(receiver_->next(kSilence));
 }
@@ -147,9 +145,7 @@ TEST_F(NotificationOnABus, ArrivesEveryTimeAndInOrder) {
 TEST_F(NotificationOnABus, ArrivesWholeThoughItIsLarge) {
   const std::u16string text(400'000, u'x');
   post(Text{u"large"}, Text{text});
-  const auto signal = receiver_->next(kDeliveryLimit);
-  ASSERT_TRUE(signal);
-  EXPECT_EQ(signal->object.size(), text.size());
+  EXPECT_EQ(next().object.size(), text.size());
 }
 
 TEST_F(NotificationOnABus, IsNotPostedWithoutAName) {
@@ -163,7 +159,7 @@ TEST_F(NotificationOnABus, IsFoundThroughTheRuntimeFolder) {
   const std::string folder = path.substr(0, path.find("/bus,"));
   const SessionBus environment{nullptr, folder.c_str()};
   post(Text{u"TokenNotify"}, Text{});
-  EXPECT_TRUE(receiver_->next(kDeliveryLimit));
+  EXPECT_EQ(next().name, "TokenNotify");
 }
 
 TEST_F(NotificationOnABus, IsGivenUpWhenTheBusHangs) {

@@ -49,20 +49,20 @@ std::optional<std::int32_t> openSslUsageOfExtension(const ASN1_OCTET_STRING* val
 }
 
 /// The reference: the key usage as OpenSSL reads it.
-std::optional<std::int32_t> openSslUsageOf(const ByteVector& der) {
-  const unsigned char* next = der.data();
-  const std::unique_ptr<X509, OpenSslFree> x509{d2i_X509(nullptr, &next, static_cast<long>(der.size()))};
-  const int index = x509 ? X509_get_ext_by_NID(x509.get(), NID_key_usage, -1) : -1;
-  if (index < 0 || X509_get_ext_by_NID(x509.get(), NID_key_usage, index) >= 0) return std::nullopt;
-  return openSslUsageOfExtension(X509_EXTENSION_get_data(X509_get_ext(x509.get(), index)));
+std::optional<std::int32_t> openSslUsageOf(const X509& x509) {
+  const int index = X509_get_ext_by_NID(&x509, NID_key_usage, -1);
+  if (index < 0 || X509_get_ext_by_NID(&x509, NID_key_usage, index) >= 0) return std::nullopt;
+  return openSslUsageOfExtension(X509_EXTENSION_get_data(X509_get_ext(&x509, index)));
 }
 
-/// The bits, which must be those that OpenSSL reads if the system's parser takes the certificate at all.
+/// The bits, which must be those that OpenSSL reads if both parsers take the certificate at all.
 std::optional<std::int32_t> usageOf(const ByteVector& der) {
   const auto usage = keyUsageOfCertificate(der);
   if (const auto certificate = parse(der)) {
     EXPECT_EQ(certificate->keyUsage(), usage);
-    EXPECT_EQ(openSslUsageOf(der), usage);
+    const unsigned char* next = der.data();
+    const std::unique_ptr<X509, OpenSslFree> x509{d2i_X509(nullptr, &next, static_cast<long>(der.size()))};
+    if (x509) EXPECT_EQ(openSslUsageOf(*x509), usage);
   }
   return usage;
 }
@@ -321,35 +321,23 @@ TEST(KeyUsage, IsMissingFromACertificateThatIsCutShort) {
   }
 }
 
-TEST(KeyUsage, AgreesWithTheSystemsParserWhicheverByteChanges) {
+TEST(KeyUsage, AgreesWithOpenSslWhicheverByteChanges) {
   ByteVector der = certificate({.extensions = extensions({kBasicConstraints, kKeyUsage})});
-  int numAccepted = 0;
   int numOtherUsages = 0;
   for (std::size_t i = 0; i < der.size(); ++i) {
     for (int change = 1; change <= 0xFF; ++change) {
       const std::uint8_t before = der[i];
       der[i] = static_cast<std::uint8_t>(before ^ change);
-      const auto parsed = parse(der);
-      const auto usage = keyUsageOfCertificate(der);
-      if (parsed) {
-        ++numAccepted;
-        // The bit of a tag that tells whether a value holds other values (X.690, section 8.1.2.5) is one
-        // that OpenSSL does not look at everywhere.
-        const bool maybeOtherForm = change == 0x20;
-        if (!maybeOtherForm || usage) {
-          ASSERT_EQ(usage, parsed->keyUsage()) << "byte " << i << " is " << int{der[i]};
-        }
-        if (usage && usage != kSigningBits) ++numOtherUsages;
-      }
+      const auto usage = usageOf(der);
+      ASSERT_FALSE(HasFailure()) << "byte " << i << " is " << int{der[i]};
+      if (usage && usage != kSigningBits && parse(der)) ++numOtherUsages;
       der[i] = before;
     }
   }
-  // Many changes leave a certificate, and several a certificate of another use.
-  EXPECT_GT(numAccepted, 1000);
-  EXPECT_GT(numOtherUsages, 100);
+  EXPECT_GT(numOtherUsages, 100) << "several changes leave a certificate of another use";
 }
 
-TEST(KeyUsage, AgreesWithTheSystemsParserOnFiles) {
+TEST(KeyUsage, AgreesWithOpenSslOnFiles) {
   int numWithUsage = 0;
   int numFiles = 0;
   for (const auto& entry : std::filesystem::directory_iterator{MIREL_CERTIFICATE_SEEDS}) {

@@ -71,15 +71,6 @@ TEST(SecretTextCopyUtf8, CanBeRepeated) {
   EXPECT_EQ(utf8Of(text), "1234");
 }
 
-/// That the look into freed blocks sees anything at all.
-TEST(FreedBlocks, SeesABlockThatWasNotWiped) {
-  static constexpr std::u16string_view kUnits = u"a text that is too long for the string itself";
-  const FreedBlocks freed{bytesOf(kUnits)};
-  { const std::vector<char16_t> kept{kUnits.begin(), kUnits.end()}; }
-  EXPECT_EQ(freed.withNeedle(), 1U);
-  EXPECT_GE(freed.count(), 1U);
-}
-
 TEST(SecretTextMemory, HoldsNothingOfItWhenItIsGivenBack) {
   // The needle is the text's last two digits, so that a part that stays is noticed too.
   for (const std::size_t length : kLengths) {

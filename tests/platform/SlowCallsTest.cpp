@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "platform/Log.h"
+#include "support/Threads.h"
 
 namespace mirel {
 namespace {
@@ -98,16 +99,13 @@ TEST_F(SlowCalls, DoNotKeepTheObserverFromEnding) {
 }
 
 TEST_F(SlowCalls, ComeFromManyThreadsAtOnce) {
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 4; ++i) {
-    threads.emplace_back([this] {
-      for (int call = 0; call < 500; ++call) {
-        observer->callStarts("C_Sign");
-        observer->callReturned("C_Sign", 0);
-      }
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
+  const auto callOften = [this] {
+    for (int call = 0; call < 500; ++call) {
+      observer->callStarts("C_Sign");
+      observer->callReturned("C_Sign", 0);
+    }
+  };
+  test::runAtOnce({callOften, callOften, callOften, callOften});
   observer->callStarts("C_Login");
   EXPECT_EQ(log->linesAfter(log->lines().size() + 1).back(), lineOf("C_Login"));
 }
