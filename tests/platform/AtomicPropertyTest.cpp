@@ -34,17 +34,19 @@ TEST(AtomicProperty, IsEmptyAtFirstAndThenGivesTheVeryValueThatWasSetLast) {
 }
 
 TEST(AtomicProperty, NeverShowsAMixtureToAReader) {
-  constexpr int kRounds = 20000;
+  constexpr int kWrites = 20000;
   AtomicProperty<Pair> property;
   property.set(pairOf(u'-', 1));
+  std::atomic<int> writersLeft{2};
   std::atomic<int> numMixtures{0};
   const auto writer = [&](char16_t letter) {
-    return [&property, letter] {
-      for (int i = 0; i < kRounds; ++i) property.set(pairOf(letter, 1 + static_cast<std::size_t>(i % 40)));
+    return [&, letter] {
+      for (int i = 0; i < kWrites; ++i) property.set(pairOf(letter, 1 + static_cast<std::size_t>(i % 40)));
+      --writersLeft;
     };
   };
   const auto read = [&] {
-    for (int i = 0; i < kRounds; ++i) {
+    while (writersLeft > 0) {
       const Pair pair = property.get();
       if (!(pair.first == pair.second)) ++numMixtures;
     }
