@@ -107,58 +107,42 @@ TEST_F(EnumCardKeys, ListsOnlyWhatIsOnTheToken) {
 // ---- Names ----
 
 TEST_F(EnumCardKeys, NamesAKeyBySerialNumberTypeIdentifierAndLabel) {
+  const Value rsa = ulongValue(CKK_RSA);
   const struct {
     const char* what;
-    Text name;
-    Value keyType = ulongValue(CKK_RSA);
+    std::u16string_view nameBehindTheNumber;
+    Value keyType;
     Value id = bytesOf("01");
     Value label = bytesOf("MyKey");
-    std::string serialNumber = "1234567890ABCDEF";
+    std::u16string_view serialNumber = u"1234567890ABCDEF";
   } rows[] = {
-      {.what = "RSA", .name = Text{u"1234567890ABCDEF_RSA_01_MyKey"}},
-      {.what = "EC", .name = Text{u"1234567890ABCDEF_EC_01_MyKey"}, .keyType = ulongValue(CKK_EC)},
-      {.what = "DSA", .name = Text{u"1234567890ABCDEF_(null)01_MyKey"}, .keyType = ulongValue(CKK_DSA)},
-      {.what = "no standard type",
-       .name = Text{u"1234567890ABCDEF_(null)01_MyKey"},
-       .keyType = ulongValue(CKR_VENDOR_DEFINED | 0x7F)},
+      {"RSA", u"_RSA_01_MyKey", rsa},
+      {"EC", u"_EC_01_MyKey", ulongValue(CKK_EC)},
+      {"DSA", u"_(null)01_MyKey", ulongValue(CKK_DSA)},
+      {"no standard type", u"_(null)01_MyKey", ulongValue(CKR_VENDOR_DEFINED | 0x7F)},
       // The first byte of the type decides, however many there are.
-      {.what = "RSA in one byte", .name = Text{u"1234567890ABCDEF_RSA_01_MyKey"}, .keyType = {0x00}},
-      {.what = "EC in four bytes", .name = Text{u"1234567890ABCDEF_EC_01_MyKey"}, .keyType = {3, 0, 0, 0}},
-      {.what = "EC with more behind", .name = Text{u"1234567890ABCDEF_EC_01_MyKey"}, .keyType = {3, 0xFF}},
-      {.what = "0x100", .name = Text{u"1234567890ABCDEF_RSA_01_MyKey"}, .keyType = ulongValue(0x100)},
-      {.what = "0x10", .name = Text{u"1234567890ABCDEF_(null)01_MyKey"}, .keyType = {0x10}},
+      {"RSA in one byte", u"_RSA_01_MyKey", {0x00}},
+      {"EC in four bytes", u"_EC_01_MyKey", {3, 0, 0, 0}},
+      {"EC with more behind", u"_EC_01_MyKey", {3, 0xFF}},
+      {"0x100", u"_RSA_01_MyKey", ulongValue(0x100)},
+      {"0x10", u"_(null)01_MyKey", {0x10}},
       // Nothing is trimmed, and every byte counts.
-      {.what = "a padded serial number",
-       .name = Text{u"42              _RSA_01_MyKey"},
-       .serialNumber = "42              "},
-      {.what = "padded identifier and label",
-       .name = Text{u"1234567890ABCDEF_RSA_ 01 _ My "},
-       .id = bytesOf(" 01 "),
-       .label = bytesOf(" My ")},
-      {.what = "NUL in the serial number",
-       .name = Text{u"12\0\0ABCDEFGHIJKL_RSA_01_MyKey"sv},
-       .serialNumber = std::string{"12\0\0ABCDEFGHIJKL", 16}},
-      {.what = "NUL in identifier and label",
-       .name = Text{u"1234567890ABCDEF_RSA_\0\1_a\0b\0"sv},
-       .id = {0x00, 0x01},
-       .label = {'a', 0, 'b', 0}},
-      {.what = "bytes above 0x7F",
-       .name = Text{u"1234567890ABCDEF_RSA_\u0080\u00FF_\u00C3\u00A9"},
-       .id = {0x80, 0xFF},
-       .label = {0xC3, 0xA9}},
+      {"padded texts", u"_RSA_ 01 _ My ", rsa, bytesOf(" 01 "), bytesOf(" My "), u"42              "},
+      {"NUL", u"_RSA_\0\1_a\0b\0"sv, rsa, {0, 1}, {'a', 0, 'b', 0}, u"12\0\0ABCDEFGHIJKL"sv},
+      {"bytes above 0x7F", u"_RSA_\u0080\u00FF_\u00C3\u00A9", rsa, {0x80, 0xFF}, {0xC3, 0xA9}},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.what);
     emptyTheCard();
     CK_TOKEN_INFO tokenInfo = record().tokenInfo();
-    setField(tokenInfo.serialNumber, row.serialNumber);
+    setField(tokenInfo.serialNumber, Text{row.serialNumber}.toUtf8());
     record().setTokenInfo(tokenInfo);  // the record's counts, not the card's
     script.addObject(rsaPublicKey(row.id, row.label, patternValue(128, 1))
                          .with(CKA_EC_PARAMS, p256Params())
                          .with(CKA_EC_POINT, p256Point(1))
                          .with(CKA_KEY_TYPE, row.keyType));
     list();
-    EXPECT_THAT(keyNames(), ElementsAre(row.name));
+    EXPECT_THAT(keyNames(), ElementsAre(joined({Text{row.serialNumber}, Text{row.nameBehindTheNumber}})));
     EXPECT_EQ(keys().at(0)->keyID().length(), row.id.size());
   }
 }

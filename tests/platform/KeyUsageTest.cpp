@@ -12,7 +12,6 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <vector>
 
 #include "CertificateBuilder.h"
 #include "platform/Certificate.h"

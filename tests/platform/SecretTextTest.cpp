@@ -4,7 +4,6 @@
 
 #include <array>
 #include <cstring>
-#include <memory>
 #include <string>
 #include <string_view>
 #include <type_traits>

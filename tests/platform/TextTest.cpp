@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <array>
-#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
