@@ -9,51 +9,44 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-/// What comes of the selection, the opening and the login when one call of theirs fails.
+/// What comes of the selection, the opening and the login when one of them fails.
 struct Ending {
-  std::size_t firstCall;
-  std::size_t lastCall;
   const char* what;
+  const char* function;
+  std::size_t n;  ///< the call of it that fails
+  Times times;
   CK_SESSION_HANDLE session;  ///< of the record; 0: none, or there is no record
-  bool accepted = false;
-  std::uint64_t remains = 0;
-  std::vector<CK_SESSION_HANDLE> open{};
+  bool accepted;
+  std::uint64_t remains;
 };
 
-const Ending kOnce[] = {
+const Ending kEndings[] = {
     // The selection's result is not looked at: the session is opened all the same.
-    {0, 5, "finding the slot for the selection, opening a session there", 5, true, 5, {5}},
-    {6, 6, "reading the token information", 6, true, 5, {6}},
-    {7, 7, "closing the session for the token information", 6, true, 5, {5, 6}},
+    {"the selection's list fails", "C_GetSlotList", 0, Times::kOnce, 5, true, 5},
+    {"the rest of the selection fails", "C_GetTokenInfo", 0, Times::kOnce, 6, true, 5},
     // The record is then that of the selection, which has no session to log in to or to ask.
-    {8, 12, "finding the slot for the session and opening it", 0},
-    {13, 14, "reading about the session", 0},
-    {15, 16, "the login, reading the session's state", 6, false, 0, {6}},
-    {17, 17, "nothing", 6, true, 5, {6}},
-};
-const Ending kFromThenOn[] = {
+    {"the opening fails", "C_OpenSession", 1, Times::kOnce, 0, false, 0},
     // Nothing is selected, so there is nobody to ask for the tries.
-    {0, 5, "finding the slot for the selection, opening a session there", 0, false, 5},
-    {6, 6, "reading the token information", 0, false, 5, {5}},
-    {7, 7, "closing the session for the token information", 0, false, 0, {5}},
-    {8, 12, "finding the slot for the session and opening it", 0},
-    {13, 14, "reading about the session", 0, false, 0, {6}},
-    {15, 16, "the login, reading the session's state", 6, false, 0, {6}},
-    {17, 17, "nothing", 6, true, 5, {6}},
+    {"both fail", "C_GetSlotList", 0, Times::kFromThenOn, 0, false, 5},
+    {"the login fails", "C_Login", 0, Times::kOnce, 6, false, 0},
 };
 
-const Ending& endingOf(const FailPoint& point) {
-  const Ending* ending = point.once() ? kOnce : kFromThenOn;
-  while (point.n() > ending->lastCall) ++ending;
-  return *ending;
-}
+/// A test of a provider that is initialised.
+class CardSession : public ProviderTest {
+ protected:
+  CardSession() { init(); }
+
+  void startAnewFor(const Ending& ending) {
+    script.reset();
+    newProvider();
+    init();
+    script.failCallOf(ending.function, ending.n, CKR_DEVICE_ERROR, ending.times);
+  }
+};
 
 // ---- openTKSmartCardTokenSession ----
 
-class TokenSession : public ProviderTest {
- protected:
-  TokenSession() { init(); }
-};
+using TokenSession = CardSession;
 
 TEST_F(TokenSession, IsANewOneOnTheCardOfTheReaderNamedEachTime) {
   const CK_SLOT_ID second = script.addSlot("Reader B 01", emptyCard("SECOND", "2"));
@@ -82,17 +75,13 @@ TEST_F(TokenSession, IsReturnedInFullAndZeroWithAFrameworkWhoseServiceIsNotOpen)
   EXPECT_THAT(script.callTexts(), IsEmpty());
 }
 
-TEST_F(TokenSession, IsTheOneOfTheRecordWhateverCallFails) {
-  failEachCall(kNumSelectingCalls + kNumOpeningCalls, [&](FailPoint& point) {
-    newProvider();
-    init();
-    point.arm();
-    const CK_SESSION_HANDLE returned = provider->openTKSmartCardTokenSession(reader());
-    const Ending& ending = endingOf(point);
+TEST_F(TokenSession, IsTheOneOfTheRecordWhateverFails) {
+  for (const Ending& ending : kEndings) {
     SCOPED_TRACE(ending.what);
-    EXPECT_EQ(returned, ending.session);
-    EXPECT_EQ(script.openSessions(), ending.open);
-  });
+    startAnewFor(ending);
+    EXPECT_EQ(provider->openTKSmartCardTokenSession(reader()), ending.session);
+  }
+  leavesOpen(script.openSessions());
 }
 
 // ---- userLogin ----
@@ -102,10 +91,8 @@ struct Answer {
   std::optional<std::uint64_t> remains = 77;
 };
 
-class ProviderLogin : public ProviderTest {
+class ProviderLogin : public CardSession {
  protected:
-  ProviderLogin() { init(); }
-
   Answer login(const SecretText& pin, std::uint64_t pinLen, const Text& tokenName = reader()) {
     Answer answer;
     answer.accepted = provider->userLogin(tokenName, pin, pinLen, &answer.remains);
@@ -208,19 +195,16 @@ TEST_F(ProviderLogin, LeavesTheCountWhereThereIsNobodyToAsk) {
   expectRefused(login(), 5);
 }
 
-TEST_F(ProviderLogin, EndsAsTheFailingCallHasIt) {
-  failEachCall(kNumSelectingCalls + kNumOpeningCalls + 2, [&](FailPoint& point) {
-    newProvider();
-    init();
-    point.arm();
-    const Answer answer = login();
-    const Ending& ending = endingOf(point);
+TEST_F(ProviderLogin, EndsAsThatWhichFailsHasIt) {
+  for (const Ending& ending : kEndings) {
     SCOPED_TRACE(ending.what);
+    startAnewFor(ending);
+    const Answer answer = login();
     EXPECT_EQ(answer.accepted, ending.accepted);
     EXPECT_EQ(answer.remains, ending.remains);
-    EXPECT_EQ(script.openSessions(), ending.open);
     EXPECT_THAT(log->allLines, IsEmpty());
-  });
+  }
+  leavesOpen(script.openSessions());
 }
 
 }  // namespace
