@@ -1,7 +1,6 @@
 #include <malloc.h>
 
 #include <filesystem>
-#include <functional>
 #include <iterator>
 
 #include "token/TokenTest.h"
@@ -42,62 +41,40 @@ class LongUse : public LoggedInTest {
     }
   }
 
-  void repeat(int rounds, const std::function<void()>& round) {
-    for (int i = 0; i < rounds && !HasFailure(); ++i) {
-      round();
-      ASSERT_EQ(memory->outstanding(), 0U);
-      forgetAll();
-    }
-  }
-
-  /// Nothing stays behind but that many sessions of each round.
-  void expectNothingBehind(const std::function<void()>& round, std::size_t sessionsOfEach) {
-    repeat(kFirstRounds, round);
-    const std::size_t files = openFiles();
-    const std::size_t heap = heapInUse();
-    const std::size_t sessionsBefore = script.openSessions().size();
-    EXPECT_EQ(sessionsBefore, 2 + kFirstRounds * sessionsOfEach);
-    repeat(kRounds, round);
-    EXPECT_EQ(openFiles(), files);
-    const auto sessions = script.openSessions();
-    EXPECT_EQ(sessions.size(), sessionsBefore + kRounds * sessionsOfEach);
-    // They are the module's; without them nothing is left.
-    for (std::size_t i = sessionsBefore; i < sessions.size(); ++i) script.closeSession(sessions[i]);
-    EXPECT_LE(heapInUse(), heap + kHeapNoise);
-    EXPECT_TRUE(script.openOperations().empty());
-    leavesOpen(script.openSessions());
-  }
-  void expectOneSessionBehindEach(const std::function<void()>& login) {
-    const auto round = [&] {
-      script.card().loggedIn = false;
-      script.card().triesLeft = 3;
-      login();
-    };
-    expectNothingBehind(round, 1);
-  }
-};
-
-TEST_F(LongUse, OfOneLoginForAThousandSignaturesLeavesNothingBehind) {
-  const Value data = patternValue(256, 1);
-  const Bytes signature{resultOf(CKM_RSA_X_509, data, 256)};
-  const auto round = [&] {
-    std::optional<TKError> error;
-    ASSERT_EQ(client->sign(data, &error), signature);
-    ASSERT_EQ(error, std::nullopt);
-  };
-  expectNothingBehind(round, 0);
-}
-
-TEST_F(LongUse, OfAThousandLoginsLeavesOneSessionOfTheModuleBehindEach) {
-  expectOneSessionBehindEach([&] { ASSERT_TRUE(client->login()); });
-}
-
-TEST_F(LongUse, OfAThousandRefusedPinsLeavesOneSessionOfTheModuleBehindEach) {
-  expectOneSessionBehindEach([&] {
+  /// A refused PIN, a login and a signature.
+  void use() {
+    script.card().loggedIn = false;
+    script.card().triesLeft = 3;
     std::optional<TKError> error;
     ASSERT_FALSE(client->login(u"000000", &error));
     ASSERT_TRUE(error);
-  });
+    ASSERT_TRUE(client->login());
+    ASSERT_EQ(client->sign(data), signature);
+    ASSERT_EQ(memory->outstanding(), 0U);
+    forgetAll();
+  }
+  void useOften(int rounds) {
+    for (int i = 0; i < rounds && !HasFailure(); ++i) use();
+  }
+
+  const Value data = patternValue(256, 1);
+  const Bytes signature{resultOf(CKM_RSA_X_509, data, 256)};
+};
+
+TEST_F(LongUse, LeavesOneSessionOfTheModuleBehindEachPinAndNothingElse) {
+  useOften(kFirstRounds);
+  const std::size_t files = openFiles();
+  const std::size_t heap = heapInUse();
+  const std::size_t sessionsBefore = script.openSessions().size();
+  EXPECT_EQ(sessionsBefore, 2 + 2 * kFirstRounds);
+  useOften(kRounds);
+  EXPECT_EQ(openFiles(), files);
+  EXPECT_EQ(script.openSessions().size(), sessionsBefore + 2 * kRounds);
+  // They are the module's; without them nothing is left.
+  while (script.openSessions().size() > sessionsBefore) script.closeSession(script.openSessions().back());
+  EXPECT_LE(heapInUse(), heap + kHeapNoise);
+  EXPECT_TRUE(script.openOperations().empty());
+  leavesOpen(script.openSessions());
 }
 
 }  // namespace
