@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <set>
 
 #import "AdapterTest.h"
 #import "CoreHolder.h"
@@ -183,7 +184,7 @@ std::string tellLogin(World& world) {
   TKSmartCard* const card = [world.session smartCard];
   std::string text = tellBool(world);
   if ([card sensitive]) text += " sensitive";
-  if ([[card context] isEqual:@YES]) text += " marked";
+  if ([card context]) text += " marked";
   return [world.operation PIN] ? text + " PIN" : text;
 }
 
@@ -383,9 +384,9 @@ const RaisedCall kCalls[] = {
 };
 // clang-format on
 
-class RaisingPlatform : public AdapterTest, public ::testing::WithParamInterface<RaisedCall> {
+class RaisingRequests : public AdapterTest {
  protected:
-  RaisingPlatform() {
+  RaisingRequests() {
     PlatformServices all = extensionServices();
     all.user = std::make_shared<UserOfThePlatform>(user);
     services_.reset();
@@ -404,7 +405,10 @@ class RaisingPlatform : public AdapterTest, public ::testing::WithParamInterface
     entry.act(world);
     return raising.count();
   }
+};
 
+class RaisingPlatform : public RaisingRequests, public ::testing::WithParamInterface<RaisedCall> {
+ protected:
   void expectOutcome(const RaisedCall& row, const Entry& entry, const std::string& outcome) {
     World world{entry.logsIn};
     recorder.clear();
@@ -443,6 +447,42 @@ INSTANTIATE_TEST_SUITE_P(Calls, RaisingPlatform, ::testing::ValuesIn(kCalls), []
   std::erase_if(name, [](char c) { return !std::isalnum(static_cast<unsigned char>(c)); });
   return name;
 });
+
+TEST_F(RaisingRequests, AreAnsweredWhenNothingRaises) {
+  for (const Entry& entry : entries()) {
+    SCOPED_TRACE(entry.name);
+    @autoreleasepool {
+      World world{entry.logsIn};
+      entry.act(world);
+      EXPECT_EQ(entry.tell(world), entry.normally);
+    }
+  }
+}
+
+/// The table has every request under every call that it makes.
+TEST_F(RaisingRequests, MakeNoOtherCallThanTheTableSays) {
+  std::map<std::string, std::set<std::string>> made;
+  for (const RaisedCall& row : kCalls) {
+    for (const auto& [outcome, names] : row.outcomes) made[row.call].insert(names.begin(), names.end());
+  }
+  std::size_t numPairs = 0;
+  for (const auto& [call, names] : made) {
+    numPairs += names.size();
+    SCOPED_TRACE(call);
+    @autoreleasepool {
+      World first{false};
+      World loggedIn{true};
+      for (const Entry& entry : entries()) {
+        if (names.contains(entry.name)) continue;
+        World& world = entry.logsIn ? loggedIn : first;
+        world.prepareAgain();
+        if (!entry.logsIn) [world.session setAuthState:0];
+        EXPECT_EQ(actWhileRaising(world, entry, call), 0U) << entry.name;
+      }
+    }
+  }
+  EXPECT_EQ(numPairs, 192U);
+}
 
 }  // namespace
 }  // namespace mirel::test

@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -68,6 +69,15 @@ TEST(SecretTextCopyUtf8, CanBeRepeated) {
   const SecretText text{u"1234"};
   EXPECT_EQ(utf8Of(text), "1234");
   EXPECT_EQ(utf8Of(text), "1234");
+}
+
+/// That the look into freed blocks sees anything at all.
+TEST(FreedBlocks, SeesABlockThatWasNotWiped) {
+  static constexpr std::u16string_view kUnits = u"a text that is too long for the string itself";
+  const FreedBlocks freed{bytesOf(kUnits)};
+  { const std::vector<char16_t> kept{kUnits.begin(), kUnits.end()}; }
+  EXPECT_EQ(freed.withNeedle(), 1U);
+  EXPECT_GE(freed.count(), 1U);
 }
 
 TEST(SecretTextMemory, HoldsNothingOfItWhenItIsGivenBack) {

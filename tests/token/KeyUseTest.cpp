@@ -212,6 +212,14 @@ TEST_F(SignData, TellsTheProvidersAnswerInItsResultLine) {
             "bytes = 0x}");
 }
 
+TEST_F(SignData, HasRoomFor256Bytes) {
+  for (const std::size_t length : {0U, 255U, 256U, 257U}) {
+    SCOPED_TRACE(length);
+    script.deviations.claimedResults["C_Sign"] = {length, {}};
+    EXPECT_EQ(client->sign(Value(kModulusLen)).size(), length > 256 ? 0 : length);
+  }
+}
+
 // ---- Decrypting ----
 
 class DecryptData : public LoggedInTest {};
@@ -245,6 +253,19 @@ TEST_F(DecryptData, GivesAnEmptyPlainTextForNoneAndForNoCipherText) {
   EXPECT_EQ(client->decrypt(Value{}), zeros(0));
   const FakeKeyAlgorithm pkcs1{kSecKeyAlgorithmRSAEncryptionPKCS1};
   EXPECT_EQ(client->core->decryptData(client->platform, Bytes{}, kKey, pkcs1, nullptr), zeros(0));
+}
+
+TEST_F(DecryptData, HasRoomFor2000Bytes) {
+  // A modulus long enough to announce that much room.
+  for (const CK_OBJECT_HANDLE handle : {kPublicKey, kPrivateKey}) {
+    Object& key = script.object(handle);
+    key = key.with(CKA_MODULUS, patternValue(handle == kPublicKey ? 256 : 5011, 1));
+  }
+  for (const std::size_t length : {1999U, 2000U, 2001U}) {
+    SCOPED_TRACE(length);
+    script.deviations.plainText = patternValue(length, 1);
+    EXPECT_EQ(client->decrypt({0x01}).size(), length > 2000 ? 0 : length);
+  }
 }
 
 }  // namespace

@@ -1,3 +1,6 @@
+#include <malloc.h>
+
+#include <array>
 #include <memory>
 #include <string_view>
 
@@ -88,6 +91,33 @@ TEST_F(PinInMemory, IsFoundWhereItIs) {
     expectCopies(2, 1);
   }
   expectNowhere();
+  leavesOpen({kCardSession});
+}
+
+TEST_F(PinInMemory, IsFoundInABlockThatWasGivenBackAsItWas) {
+  // Far from the front, which the heap uses for itself and for the next small blocks, and below another
+  // block, so that the heap keeps it.
+  constexpr std::size_t kBlockSize = 65536;
+  constexpr std::size_t kPlace = 60000;
+#ifdef M_PERTURB
+  (void)mallopt(M_PERTURB, 0);  // The environment may tell the heap to write over what it gets back.
+#endif
+  auto block = std::make_unique<std::array<char, kBlockSize>>();
+  const auto above = std::make_unique<std::array<char, kBlockSize>>();
+  for (std::size_t i = 0; i < HiddenPin::kSize; ++i) (*block)[kPlace + i] = static_cast<char>(pin.at(i));
+  block.reset();
+  expectCopies(1, 0);
+  leavesOpen({kCardSession});
+}
+
+TEST_F(PinInMemory, IsFoundOnAStackThatWasGivenBackAsItWas) {
+  const bool planted = farDown([this] {
+    volatile char copy[HiddenPin::kSize];
+    for (std::size_t i = 0; i < HiddenPin::kSize; ++i) copy[i] = static_cast<char>(pin.at(i));
+    return copy[0] != 0;
+  });
+  EXPECT_TRUE(planted);
+  expectCopies(1, 0);
   leavesOpen({kCardSession});
 }
 

@@ -90,17 +90,25 @@ class EnteredPin : public ClientSessionTest {
 };
 
 TEST_F(EnteredPin, GoesToTheCardWithItsLengthInCharacters) {
+  using namespace std::string_view_literals;
   const struct {
     const char* name;
     std::u16string_view pin;
     const char* call;
   } rows[] = {
       {"one digit", u"7", "C_Login(9, 1, 37)"},
+      {"eight digits", u"12345678", "C_Login(9, 1, 3132333435363738)"},
+      {"letters and signs", u"aZ %n", "C_Login(9, 1, 615A20256E)"},
+      {"a NUL within", u"12\00034"sv, "C_Login(9, 1, 3132003334)"},
       // Oddity: as many bytes as there are characters, so the end of the PIN is missing.
       {"three characters of two bytes", u"\u00E4\u00F6\u00FC", "C_Login(9, 1, C3A4C3)"},
+      {"digits and one character of three bytes", u"12\u20AC4", "C_Login(9, 1, 3132E282)"},
+      {"eight characters of three bytes", u"\u20AC\u20AC\u20AC\u20AC\u20AC\u20AC\u20AC\u20AC",
+       "C_Login(9, 1, E282ACE282ACE282)"},
       // Characters outside the basic plane count twice.
       {"four astral characters", u"\U0001F511\U0001F511\U0001F511\U0001F511",
        "C_Login(9, 1, F09F9491F09F9491)"},
+      {"half a character", u"1\xD83D", "C_Login(9, 1, 31EF)"},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
@@ -222,6 +230,12 @@ TEST_F(FinishAuth, AsksThePlatformForNoMoreAndInThisOrder) {
   EXPECT_THAT(log->allLines, IsEmpty());
 }
 
+TEST_F(FinishAuth, LogsInOnceInASessionOfItsOwn) {
+  EXPECT_TRUE(client->login());
+  EXPECT_THAT(script.callTexts("C_Login"), ElementsAre("C_Login(9, 1, 313233343536)"));
+  EXPECT_TRUE(script.card().loggedIn);
+}
+
 TEST_F(FinishAuth, LogsInToTheReaderOfItsOwnCardAndMarksTheSessions) {
   const CK_SLOT_ID otherSlot = script.addSlot("Reader B 00", script.card());
   script.card(otherSlot).pin = "87654321";
@@ -246,6 +260,18 @@ TEST_F(FinishAuth, AuthenticatesEachSessionOfTheTokenByItsOwnPin) {
 }
 
 // ---- A PIN that is refused ----
+
+TEST_F(FinishAuth, ReportsTheTriesLeftUntilThePinIsLocked) {
+  script.deviations.triesLeftAsDeviceError = true;
+  for (const char* const left : {"2", "1", "0", "0"}) {
+    SCOPED_TRACE(left);
+    std::optional<TKError> error;
+    EXPECT_FALSE(client->login(u"000000", &error));
+    EXPECT_EQ(error, refusal(left));
+    expectUntouched();
+  }
+  leavesOpen({kCardSession, kLoginSession, kLoginSession + 2, kLoginSession + 4, kLoginSession + 6});
+}
 
 TEST_F(FinishAuth, ReportsTheTriesThatTheProviderCountsInPlaceOfAnyError) {
   for (const bool isPulled : {true, false}) {

@@ -52,7 +52,12 @@ Bytes FakeClient::decrypt(const Value& cipher, TKErrorPointer outError) {
 
 void TokenTest::resetCard() {
   script.reset();
-  script.object(kCertificate).attributes[CKA_VALUE] = testCertificate({.keyUsage = kDigitalSignature});
+  setCertificate({.keyUsage = kDigitalSignature});
+}
+
+void TokenTest::setCertificate(const CertificateRequest& request) {
+  Object& object = script.object(kCertificate);
+  object = object.with(CKA_VALUE, testCertificate(request));
 }
 
 void TokenTest::addKeyAndCertificate(Value id, Value label, const CertificateRequest& request) {
@@ -78,6 +83,12 @@ void ClientSessionTest::startAnew() {
   EXPECT_TRUE(token->init());
   publish({keyItem(kKey, true)});
   client.emplace(services(), *token, &calls);
+  forget();
+}
+
+void ClientSessionTest::logInAnew() {
+  startAnew();
+  EXPECT_TRUE(client->login());
   forget();
 }
 

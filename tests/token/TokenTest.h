@@ -112,6 +112,8 @@ class TokenTest : public ModuleTest {
 
   /// Forgets all that the script was told and puts the certificate on the card again.
   void resetCard();
+  /// Replaces the value of the card's certificate.
+  void setCertificate(const CertificateRequest& request);
   /// Adds a key (by its public part) and a certificate with the same ID.
   void addKeyAndCertificate(Value id, Value label, const CertificateRequest& request);
 
@@ -131,6 +133,8 @@ class ClientSessionTest : public TokenTest {
 
   /// Another card, token and session, for tests that go in rounds.
   void startAnew();
+  /// The same with a login.
+  void logInAnew();
   /// Forgets all calls and lines.
   void forget();
 
