@@ -7,22 +7,20 @@
 #include <deque>
 #include <map>
 #include <set>
-#include <span>
 
 #include "CardInspector.h"
+#include "KeyValue.h"
 #include "NameList.h"
 #include "bridge/CardRules.h"
 #include "host/Display.h"
 #include "host/KeyAbility.h"
 #include "platform/CertificateFields.h"
-#include "platform/Hex.h"
 
 namespace mirel {
 namespace {
 
 using enum FindingID;
 using enum Severity;
-using ByteSpan = std::span<const std::uint8_t>;
 
 /// Whether it is about one object or key of several, so that the rest of the card may work.
 bool isOfOneObject(FindingID id) noexcept {
@@ -59,66 +57,6 @@ std::string timeText(std::chrono::system_clock::time_point time) {
 
 std::string countText(std::size_t count, const std::string& noun) {
   return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
-}
-
-// ---- Public keys ----
-
-ByteSpan withoutZeros(ByteSpan number) {
-  while (!number.empty() && number.front() == 0) number = number.subspan(1);
-  return number;
-}
-
-/// The point of a CKA_EC_POINT, which some modules wrap (PKCS #11, section 2.3.3) and some do not. The header
-/// of the wrapping begins like an uncompressed point, so what it would wrap has to begin like a point, too.
-ByteSpan pointIn(ByteSpan value) {
-  const auto wraps = [&](std::size_t headerSize) {
-    return value.size() > headerSize && value[0] == 0x04 &&
-           value[headerSize - 1] == value.size() - headerSize && value[headerSize] >= 0x02 &&
-           value[headerSize] <= 0x04;
-  };
-  if (wraps(2)) return value.subspan(2);
-  return wraps(3) && value[1] == 0x81 ? value.subspan(3) : value;
-}
-
-bool areEqual(ByteSpan a, ByteSpan b) { return std::equal(a.begin(), a.end(), b.begin(), b.end()); }
-
-/// A point may be compressed (SEC 1, section 2.3.3), then the x coordinate alone can be compared.
-bool areSamePoint(ByteSpan a, ByteSpan b) {
-  constexpr std::uint8_t kUncompressed = 0x04;
-  if (a.empty() || b.empty()) return false;
-  if ((a[0] == kUncompressed) == (b[0] == kUncompressed)) return areEqual(a, b);
-  const ByteSpan full = a[0] == kUncompressed ? a : b;
-  const ByteSpan compressed = a[0] == kUncompressed ? b : a;
-  return full.size() == 2 * compressed.size() - 1 &&
-         areEqual(full.subspan(1, compressed.size() - 1), compressed.subspan(1));
-}
-
-/// "RSA 2048 bits c0ffee01...", enough to tell two apart.
-std::string keyText(bool isRsa, ByteSpan value) {
-  constexpr std::size_t kShownBytes = 4;
-  const ByteSpan tail = value.last(std::min(value.size(), kShownBytes));
-  return std::string{isRsa ? "an RSA modulus" : "an EC point"} + " of " + countText(value.size(), "byte") +
-         " that ends with " + hexOfBytes(tail, HexDigits::kLower);
-}
-
-struct KeyValue {
-  bool isRsa = false;
-  ByteSpan value;
-};
-
-KeyValue valueOf(const CardObject& publicKey) {
-  const bool isRsa = publicKey.keyType == CKK_RSA;
-  return {isRsa, isRsa ? withoutZeros(publicKey.publicValue) : pointIn(publicKey.publicValue)};
-}
-
-KeyValue valueOf(const CertificateFields& certificate) {
-  const bool isRsa = !certificate.modulus.empty();
-  return {isRsa, isRsa ? ByteSpan{certificate.modulus} : ByteSpan{certificate.publicKeyBits}};
-}
-
-bool areSame(const KeyValue& a, const KeyValue& b) {
-  if (a.isRsa != b.isRsa) return false;
-  return a.isRsa ? areEqual(a.value, b.value) : areSamePoint(a.value, b.value);
 }
 
 // ---- Objects with one ID ----
@@ -260,11 +198,11 @@ void CardFindings::addCertificatesOfOtherKeys() {
     }
     if (isFound || !other) continue;
     const KeyValue value = valueOf(*other);
-    const std::string otherText = value.value.empty() ? "the key type " + std::to_string(other->keyType)
-                                                      : keyText(value.isRsa, value.value);
+    const std::string otherText =
+        value.value.empty() ? "the key type " + std::to_string(other->keyType) : textOf(value);
     add({kCertificateOfOtherKey, kFailure,
          subjectOf("certificate", certificate.about.id, certificate.about.label),
-         "certificate and public key differ: it has " + keyText(wanted.isRsa, wanted.value) + ", the " +
+         "certificate and public key differ: it has " + textOf(wanted) + ", the " +
              subjectOf("public key", other->about.id, other->about.label) + " has " + otherText},
         certificate.about.id);
   }

@@ -4,7 +4,10 @@
 #include <string>
 #include <vector>
 
+#include "KeyValue.h"
+#include "NameList.h"
 #include "bridge/CardRules.h"
+#include "host/Display.h"
 #include "platform/CertificateFields.h"
 #include "platform/KeyUsage.h"
 
@@ -47,6 +50,8 @@ constexpr PartnerTexts kNoCertificate{
     "none of the first 160 certificates has its ID, and no more are listed",
     FindingID::kCertificateMissing,
 };
+
+std::string shownID(const Text& id) { return shortened(idText(id), kMostHexDigits); }
 
 /// By its extensions (RFC 5280, sections 4.2.1.3 and 4.2.1.9): one that a tool made for its own key often
 /// says that it is an authority, but not that it signs certificates.
@@ -130,6 +135,26 @@ class PairChecker {
   const CardContents& contents_;
 };
 
+/// A certificate and the public key of its key that have different IDs are one fault, told of the
+/// certificate.
+void joinParted(CardContents& contents) {
+  for (CardObject& certificate : contents.certificates) {
+    const auto& about = certificate.about;
+    if (about.cause != FindingID::kPublicKeyMissing || !certificate.byAbsence || about.expected) continue;
+    const auto fields = fieldsOfCertificate(certificate.data.view());
+    if (!fields || valueOf(*fields).value.empty()) continue;
+    const auto key = std::find_if(
+        contents.publicKeys.begin(), contents.publicKeys.end(), [&](const CardObject& candidate) {
+          return candidate.about.cause == FindingID::kCertificateMissing && candidate.byAbsence &&
+                 !candidate.publicValue.empty() && areSame(valueOf(candidate), valueOf(*fields));
+        });
+    if (key == contents.publicKeys.end()) continue;
+    certificate.about.reason += "; the one of its key has the ID " + shownID(key->about.id);
+    key->about.reason += "; the one of its key has the ID " + shownID(certificate.about.id);
+    key->about.byPartner = true;
+  }
+}
+
 }  // namespace
 
 void explainUnpublished(CardContents& contents) {
@@ -152,6 +177,7 @@ void explainUnpublished(CardContents& contents) {
       pairs.missBecauseOf(*certificate, key, "no certificate with its ID can be read");
     }
   }
+  joinParted(contents);
 }
 
 }  // namespace mirel

@@ -28,6 +28,18 @@ TEST_F(CardReportObjects, HasNothingToSayOfAGoodCard) {
 
 // ---- A pair that is not whole ----
 
+TEST_F(CardReportObjects, TellsOnceThatACertificateAndItsKeyHaveDifferentIDs) {
+  addPublicKey("01", "MyKey");
+  addCertificate("02", "MyKey");
+  addPublicKey("03", "Another", otherRsa());
+  const CardReport report = this->report();
+  EXPECT_THAT(theFinding(report, kPublicKeyMissing).evidence,
+              HasSubstr("; the one of its key has the ID 3031"));
+  EXPECT_EQ(theFinding(report, kCertificateMissing).subject, "public key 3033 \"Another\"");
+  ASSERT_EQ(report.unpublished.size(), 3U);
+  EXPECT_THAT(report.unpublished[0].reason, HasSubstr("; the one of its key has the ID 3032"));
+}
+
 TEST_F(CardReportObjects, LeavesOpenBeforeALoginWhetherAPublicKeyIsMissing) {
   addKey("01", "Good");
   addCertificate("02", "Lonely");

@@ -126,6 +126,12 @@ TEST_F(KeyAbility, ExplainsASignatureThatDoesNotVerify) {
          lastObject(1) = lastObject(1).with(CKA_ALWAYS_AUTHENTICATE, boolValue(true));
        },
        "the key wants the PIN for each use (key 3031 \"MyKey\": CKA_ALWAYS_AUTHENTICATE"},
+      {"a use that is not allowed",
+       [&] {
+         addKey("01", "MyKey");
+         lastObject(1) = lastObject(1).with(CKA_SIGN, boolValue(false));
+       },
+       "the card does not allow its private key what the certificate says (key 3031 \"MyKey\": CKA_SIGN"},
       {"two private keys",
        [&] {
          addKey("01", "MyKey");
