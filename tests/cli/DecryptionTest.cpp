@@ -106,16 +106,16 @@ TEST_F(Decryption, SaysWhatOfTheCardMayBeTheReason) {
     std::size_t size;  ///< of a block, by the certificate
     const char* why;
     const char* remedy;
-  } rows[] = {
-      {"token label=Card pin=7kQ#x2Zp\n"
-       "public type=rsa2048 id=01 label=Key\n"
-       "certificate type=rsa2048 id=01 label=Key usage=keyEncipherment\n",
-       256, "a private key is missing", "have the card's issuer put the private key on the card"},
-      {"token label=Card pin=7kQ#x2Zp\n"
-       "public type=rsa2048 id=01 label=Key\n"
-       "private type=rsa2048 id=01 label=Key allow=decrypt\n"
-       "certificate type=rsa1024 id=01 label=Key usage=keyEncipherment\n",
-       128, "a certificate belongs to another key", "have the card's issuer put the right certificate"}};
+  } rows[] = {{"token label=Card pin=7kQ#x2Zp\n"
+               "public type=rsa2048 id=01 label=Key\n"
+               "certificate type=rsa2048 id=01 label=Key usage=keyEncipherment\n",
+               256, "a private key is missing", "have the card's issuer put the private key on the card"},
+              {"token label=Card pin=7kQ#x2Zp\n"
+               "public type=rsa2048 id=01 label=Key\n"
+               "private type=rsa2048 id=01 label=Key allow=decrypt\n"
+               "certificate type=rsa1024 id=01 label=Key usage=keyEncipherment\n",
+               128, "a certificate belongs to another key",
+               "have the card's issuer put the certificate and the public key"}};
   for (const auto& [card, size, why, remedy] : rows) {
     makeCards(card);
     expectFailures({{"decrypt --key 01 --out " + path("out"),
