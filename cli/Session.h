@@ -49,6 +49,9 @@ class Session {
   /// The readers that hold a card, or the one that the options name.
   [[nodiscard]] Result<std::vector<Reader>> readers();
 
+  /// What was found last, without asking the module again.
+  [[nodiscard]] const std::vector<Reader>& lastFound() const noexcept { return host_.lastFound(); }
+
   /// All readers that the module has.
   [[nodiscard]] Result<std::vector<Reader>> slots() { return host_.slots(); }
 

@@ -20,7 +20,6 @@
 #include "Session.h"
 #include "WatchMessages.h"
 #include "WatchSignals.h"
-#include "Worker.h"
 #include "host/ReaderWatch.h"
 #include "platform/CardService.h"
 #include "platform/Log.h"
@@ -134,10 +133,9 @@ void keepCard(const Session& watching, const Text& reader, HelperLine& line) {
   options.reader = reader.toUtf8();
   Session session{watching.services(), options, watching.module()};
   if (const auto inserted = session.insertCard(); !inserted) {
-    noteFailure(inserted.failure());
-    // The reader may tell all the same which card it is.
-    if (const auto found = session.readers(); found && found->size() == 1)
-      line.send(messageOf(found->front()));
+    for (const Reader& found : session.lastFound()) {
+      if (found.name == reader) line.send(messageOf(found));
+    }
     return line.send(messageOf(inserted.failure()));
   }
   line.send(messageOf(session.card(), session.examine()));

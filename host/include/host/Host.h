@@ -123,6 +123,9 @@ class Host {
   /// (see `insert`); null: all.
   [[nodiscard]] Result<std::vector<Reader>> readers(const Text& readerName = Text{});
 
+  /// What `readers` or `insert` has found last, without asking the module again. May be empty.
+  [[nodiscard]] const std::vector<Reader>& lastFound() const noexcept { return lastFound_; }
+
   /// All readers that the module has, those without a token too.
   [[nodiscard]] Result<std::vector<Reader>> slots();
 
