@@ -283,9 +283,15 @@ TEST_F(KeyDerivation, RefusesNullAndNoneWithoutACallAndLooksAtTheBaseKeyLast) {
   EXPECT_EQ(derived, 77U);
 }
 
-TEST_F(KeyDerivation, AnswersTheHandleOfTheNewKey) {
+TEST_F(KeyDerivation, AnswersTheHandleOfASensitiveSessionKeyOf16Bytes) {
   EXPECT_EQ(derive(), CKR_OK);
-  EXPECT_TRUE(script.card().objects.contains(derived));
+  ASSERT_TRUE(script.card().objects.contains(derived));
+  const Object& key = script.object(derived);
+  EXPECT_EQ(key.attributes.at(CKA_VALUE).size(), 16U);
+  EXPECT_TRUE(key.sensitive.contains(CKA_VALUE));
+  script.closeSession(session);
+  EXPECT_FALSE(script.card().objects.contains(derived));
+  leavesOpen({});
 }
 
 TEST_F(KeyDerivation, LeavesAnEmptyPointAndOtherKeysToTheModule) {

@@ -250,7 +250,18 @@ inline CK_RV Behaviour<&List::C_DeriveKey>::call(CK_SESSION_HANDLE handle, CK_ME
     const auto* const bytes = static_cast<const CK_BYTE*>(attributes[i].pValue);
     derived.attributes[attributes[i].type] = Value(bytes, bytes + attributes[i].ulValueLen);
   }
+  const bool onToken = isTrue(derived, CKA_TOKEN);
+  if (onToken && (session->flags & CKF_RW_SESSION) == 0) return CKR_SESSION_READ_ONLY;
+  constexpr CK_ULONG kMostKeyBytes = 66;  // as many as the x coordinate of a P-521 point has
+  CK_ULONG length = 1;
+  while (length <= kMostKeyBytes && !has(derived, CKA_VALUE_LEN, ulongValue(length))) ++length;
+  if (length > kMostKeyBytes) return CKR_TEMPLATE_INCOMPLETE;
+  const Value publicData(ecdh.pPublicData, ecdh.pPublicData + ecdh.ulPublicDataLen);
+  derived.attributes[CKA_VALUE] = resultOf(CKM_ECDH1_DERIVE, publicData, length);
+  if (isTrue(derived, CKA_SENSITIVE)) derived.sensitive.insert(CKA_VALUE);
+
   *key = theScript().addObject(std::move(derived), session->slot);
+  if (!onToken) session->objects.push_back(*key);
   return CKR_OK;
 }
 

@@ -159,11 +159,14 @@ CK_SESSION_HANDLE Script::openSession(CK_SLOT_ID slot, CK_FLAGS flags) {
 
 void Script::closeSession(CK_SESSION_HANDLE handle) {
   const CK_SLOT_ID slot = sessions_.at(handle).slot;
+  const std::vector<CK_OBJECT_HANDLE> objects = sessions_.at(handle).objects;
   sessions_.erase(handle);
   const bool lastOne = std::none_of(sessions_.begin(), sessions_.end(),
                                     [&](const auto& other) { return other.second.slot == slot; });
   Slot* const holder = findSlot(slot);
-  if (lastOne && holder && holder->card) holder->card->loggedIn = false;
+  if (!holder || !holder->card) return;
+  if (lastOne) holder->card->loggedIn = false;
+  for (const CK_OBJECT_HANDLE object : objects) holder->card->objects.erase(object);
 }
 
 void Script::closeSessionsOf(CK_SLOT_ID slot) {

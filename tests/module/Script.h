@@ -15,9 +15,9 @@
 /// Left alone the module behaves as the standard wants (v2.40), without any cryptography: `resultOf` and
 /// `cipherOf` (Card.h) tell what it takes for signatures and cipher texts. It signs with CKM_RSA_PKCS,
 /// CKM_RSA_X_509 (blocks up to the modulus length), CKM_RSA_PKCS_PSS (data of the hash's length) and
-/// CKM_ECDSA, decrypts with CKM_RSA_PKCS and derives with CKM_ECDH1_DERIVE a key that has the attributes of
-/// the template and no value; there the parameters are read whatever length they are given. What it can be
-/// made to do instead, each step coming before the next: fail a call (`failCall`), do nothing and answer
+/// CKM_ECDSA, decrypts with CKM_RSA_PKCS and derives with CKM_ECDH1_DERIVE; there the parameters are read
+/// whatever length they are given, and the value of the new key is `resultOf` of the public data. What it can
+/// be made to do instead, each step coming before the next: fail a call (`failCall`), do nothing and answer
 /// CKR_OK
 /// (`Deviations::silent`), do whatever a test says (`hook`), deviate in a named way (`deviations`).
 /// However hostile it plays, it never writes outside the room that its caller really gave.
@@ -144,6 +144,8 @@ struct Session {
   };
   std::optional<Operation> signing;
   std::optional<Operation> decryption;
+  /// Objects that end with the session.
+  std::vector<CK_OBJECT_HANDLE> objects;
 };
 
 struct Slot {

@@ -247,6 +247,16 @@ inline CK_RV Behaviour<&List::C_Login>::call(CK_SESSION_HANDLE handle, CK_USER_T
   return CKR_OK;
 }
 
+template <>
+inline CK_RV Behaviour<&List::C_Logout>::call(CK_SESSION_HANDLE handle) {
+  Session* session = nullptr;
+  if (const CK_RV rv = findSession(handle, session); rv != CKR_OK) return rv;
+  Card& card = theScript().card(session->slot);
+  if (!card.loggedIn) return CKR_USER_NOT_LOGGED_IN;
+  card.loggedIn = false;
+  return CKR_OK;
+}
+
 // ---- Objects ----
 
 template <>
