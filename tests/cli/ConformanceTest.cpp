@@ -77,7 +77,7 @@ TEST_F(ConformanceCommand, WritesItsFilesAlsoWhereTheModuleEndsTheTest) {
     const Result result = run(stagedWithPin("conformance --login --timeout 1" + files, row.stage));
     expectFailure(result, row.exitCode, {row.what, "; what was tested until then was written; "});
     const std::string xml = read("rules.xml");
-    EXPECT_THAT(xml, HasSubstr("<testsuites tests=\"53\" failures=\"0\" errors=\"1\""));
+    EXPECT_THAT(xml, HasSubstr("<testsuites tests=\"54\" failures=\"0\" errors=\"1\""));
     EXPECT_THAT(xml,
                 ContainsRegex("name=\"the module lasts until the end of the test\"><error message=\"[^\"]*" +
                               std::string{row.what}));
