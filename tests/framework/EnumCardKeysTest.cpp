@@ -311,24 +311,13 @@ TEST_F(EnumCardKeys, ListsACertificateOnceForEachKeyWithItsIdentifierInTheOrderO
 }
 
 TEST_F(EnumCardKeys, BindsByTheIdentifierAloneByteForByte) {
-  // Such as of real cards, and neighbours; "?" is what a character outside ASCII is often replaced with.
-  const std::vector<Value> identifiers{patternValue(20, 0xA9),
-                                       patternValue(19, 0xA9),
-                                       Value(255, 0x41),
-                                       Value(256, 0x41),
-                                       {1},
-                                       {0},
-                                       {0, 1},
-                                       {1, 0},
-                                       {0, 0},
-                                       {0x80},
-                                       {0xFF},
-                                       {'?'},
-                                       {0xC3, 0xA9},
-                                       {0xE9},
-                                       {0xC3},
-                                       {'a', 'B'},
-                                       {'a', 'b'}};
+  // "?" is what a character outside ASCII is often replaced with.
+  std::vector<Value> identifiers{patternValue(20, 0xA9), patternValue(19, 0xA9), Value(255, 0x41),
+                                 Value(256, 0x41)};
+  for (const auto id : {"\1"sv, "\0"sv, "\0\1"sv, "\1\0"sv, "\0\0"sv, "\x80"sv, "\xFF"sv, "?"sv, "\xC3\xA9"sv,
+                        "\xE9"sv, "\xC3"sv, "aB"sv, "ab"sv}) {
+    identifiers.push_back(bytesOf(id));
+  }
   emptyTheCard();
   for (const Value& id : identifiers) addRsaKey(id);
   // In reverse, so that no order can bind them by chance.
