@@ -61,7 +61,9 @@ std::optional<std::int32_t> usageOf(const ByteVector& der) {
     EXPECT_EQ(certificate->keyUsage(), usage);
     const unsigned char* next = der.data();
     const std::unique_ptr<X509, OpenSslFree> x509{d2i_X509(nullptr, &next, static_cast<long>(der.size()))};
-    if (x509) EXPECT_EQ(openSslUsageOf(*x509), usage);
+    if (x509) {
+      EXPECT_EQ(openSslUsageOf(*x509), usage);
+    }
   }
   return usage;
 }
