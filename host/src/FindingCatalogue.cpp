@@ -35,9 +35,8 @@ constexpr FindingEntry kEntries[] = {
      "check the module's own configuration and the service it needs", kAdministrator},
     {kModuleListsNoSlots, "MT-M08", "the module does not list its slots",
      "without the list of its slots no reader and no card can be found",
-     "see that the card service and the service of the card software run; where they do, ask the maker of "
-     "the "
-     "module",
+     "see that the card service and the service of the card software run; where they do, "
+     "ask the maker of the module",
      kMaker},
     {kModuleSlow, "MT-M09", "a call of the module takes long",
      "the system waits for the module before it shows the card or signs",
