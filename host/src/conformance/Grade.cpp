@@ -28,9 +28,8 @@ Grade gradeOf(const CardAbilities& abilities) noexcept {
   if (!abilities.published) return {"-", "not known: no card was read"};
   if (!abilities.signsPss || !abilities.signsPkcs1 || !abilities.decrypts)
     return {"-",
-            "certificates are published; what the keys do was not all seen, which takes a login and trials "
-            "that tell "
-            "something"};
+            "certificates are published; what the keys do was not all seen, which takes a login and "
+            "trials that tell something"};
   for (const GradeRow& row : kGrades) {
     if (row.signsPss == *abilities.signsPss && row.signsPkcs1 == *abilities.signsPkcs1 &&
         row.decrypts == *abilities.decrypts)
