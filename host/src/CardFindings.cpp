@@ -360,7 +360,8 @@ void CardFindings::addKey(const PublishedKey& key, bool isRepeated, KeyReport& r
   } else if (published == KeyOperation::kSign) {
     tell(kPkcs1NotTried, kUnknown, "no signature was tried; only a module that pads by itself makes them");
   }
-  const auto operation = isOfOtherKey ? std::nullopt : published;
+  const bool shallSign = !isOfOtherKey && published == KeyOperation::kSign;
+  const bool shallDecrypt = !isOfOtherKey && published == KeyOperation::kDecrypt;
 
   const auto privateKey =
       std::find_if(contents_.privateKeys.begin(), contents_.privateKeys.end(),
@@ -373,9 +374,9 @@ void CardFindings::addKey(const PublishedKey& key, bool isRepeated, KeyReport& r
   report.hasPrivateKey = true;
   if (privateKey->alwaysAuthenticate == true)
     tell(kPinForEachUse, kWarning, "CKA_ALWAYS_AUTHENTICATE of its private key is true");
-  if (operation == KeyOperation::kSign && privateKey->maySign == false)
+  if (shallSign && privateKey->maySign == false)
     tell(kUseNotAllowed, kFailure, "CKA_SIGN of its private key is false");
-  if (operation == KeyOperation::kDecrypt && privateKey->mayDecrypt == false)
+  if (shallDecrypt && privateKey->mayDecrypt == false)
     tell(kUseNotAllowed, kFailure, "CKA_DECRYPT of its private key is false");
 }
 
