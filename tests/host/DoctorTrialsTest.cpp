@@ -145,7 +145,7 @@ TEST_F(DoctorTrials, BlameNoKeyWhereTheCardCannotBeReadAfterTheLogin) {
     const auto login =
         std::find_if(calls.begin(), calls.end(), [](const Call& call) { return call.function == "C_Login"; });
     const auto before = std::count_if(
-        calls.begin(), login, [function = function](const Call& call) { return call.function == function; });
+        calls.begin(), login, [wanted = function](const Call& call) { return call.function == wanted; });
     script.reset();
     startAnew();
     GivenPins given{{u"123456"}};
