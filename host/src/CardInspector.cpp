@@ -1,6 +1,7 @@
 #include "CardInspector.h"
 
 #include <algorithm>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -63,6 +64,21 @@ bool isOfIssuer(const CardObject& certificate) {
   return certificate.about.reason.empty() && fields && fields->isAuthority;
 }
 
+/// What the object shows of its key, empty where that is nothing. `fields`: of a certificate.
+KeyValue valueOf(const CardObject& object, const std::optional<CertificateFields>& fields) {
+  if (fields) return valueOf(*fields);
+  return object.publicValue.empty() ? KeyValue{} : valueOf(object);
+}
+
+/// Whether both show their keys, and these differ.
+bool areOfTwoKeys(const CardObject& a, const CardObject& b) {
+  const auto fieldsOfA = fieldsOfCertificate(a.data.view());
+  const auto fieldsOfB = fieldsOfCertificate(b.data.view());
+  const KeyValue valueOfA = valueOf(a, fieldsOfA);
+  const KeyValue valueOfB = valueOf(b, fieldsOfB);
+  return !valueOfA.value.empty() && !valueOfB.value.empty() && !areSame(valueOfA, valueOfB);
+}
+
 class PairChecker {
  public:
   explicit PairChecker(const CardContents& contents) : contents_{contents} {}
@@ -99,8 +115,9 @@ class PairChecker {
     if (isCutOff) return miss(object, FindingID::kTooManyObjects, texts.cutOff);
     if (object.about.expected)
       return miss(object, texts.causeMissing, "it is the certificate of an issuer, which needs no key");
-    const auto nameless = std::find_if(partners.begin(), partners.end(),
-                                       [](const CardObject& candidate) { return candidate.id.empty(); });
+    const auto nameless = std::find_if(partners.begin(), partners.end(), [&](const CardObject& candidate) {
+      return candidate.id.empty() && !areOfTwoKeys(candidate, object);
+    });
     if (nameless != partners.end()) return missBecauseOf(*nameless, object, texts.nameless);
     std::string reason = contents_.loggedIn ? texts.missing : texts.missingOrPrivate;
     if (hasPrivateKey(object)) reason += "; its private key is on the card";

@@ -331,6 +331,13 @@ TEST_F(CardReportObjects, MissesNothingThatMayBeTheObjectWithoutAnID) {
   EXPECT_THAT(troubles(host.examine(readers().front())), ElementsAre("MT-C02", "MT-C02"));
 }
 
+TEST_F(CardReportObjects, MissesWhatTheObjectWithoutAnIDCannotBe) {
+  addPublicKey("01", "Lonely");
+  addCertificate("02", "Other", kForSigning, otherRsa());
+  lastObject() = lastObject().with(CKA_ID, {});
+  EXPECT_THAT(troubles(host.examine(readers().front())), ElementsAre("MT-C02", "MT-C08"));
+}
+
 TEST_F(CardReportObjects, TellsWhatIsLostByAHiddenCardOnlyAsFarAsItWasRead) {
   const struct {
     const char* name;
