@@ -308,6 +308,14 @@ TEST_F(Doctor, TellsOfACardInAReaderThatCannotBeUsedOnce) {
   }
 }
 
+TEST_F(Doctor, TellsOfACardThatCannotBeReadAlsoInAReaderWithACommonName) {
+  (void)script.addSlot("Reader A 00", emptyCard("B", "2"));
+  script.failCallOf("C_GetTokenInfo", 0, CKR_DEVICE_ERROR, Times::kFromThenOn);
+  const Diagnosis found = diagnosis();
+  EXPECT_THAT(codesOf(found), ::testing::IsSupersetOf({"MT-R08", "MT-T01"}));
+  EXPECT_EQ(found.verdict(), Severity::kFailure);
+}
+
 TEST_F(Doctor, DoesNotMissACardThatTheModuleListsByAnotherName) {
   service->view.readers = {{"Service's name", InReader::kPresent, false, false, "3B00"}};
   EXPECT_THAT(codesOf(diagnosis()), ::testing::Not(::testing::Contains("MT-R03")));

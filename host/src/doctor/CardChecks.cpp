@@ -1,6 +1,7 @@
 #include "doctor/CardChecks.h"
 
 #include <algorithm>
+#include <array>
 #include <utility>
 
 #include "TokenFindings.h"
@@ -221,8 +222,12 @@ void skipCardChecks(Checks& checks, const std::string& reason) {
 
 void checkCard(Host& host, const Reader& reader, const PinsForReader& pins, const std::string& whyNotAsWanted,
                const CardListener& onCard, Checks& checks) {
-  const Finding* told = checks.findingAbout("reader \"" + displayed(reader.name) + "\"");
+  // Why a card cannot be read; a reader that is not found by its name can be told of the last as well.
+  constexpr std::array kReasons{kCardMute, kCardHeldByAnother, kCardNotRecognised, kTokenUnreadable,
+                                kReaderNameNotAscii};
+  const std::string subject = "reader \"" + displayed(reader.name) + "\"";
   if (reader.unreadable) {
+    const Finding* told = checks.findingAbout(subject, std::span{kReasons}.first(kReasons.size() - 1));
     const std::string& why = reader.unreadable->why;
     if (told) {
       checks.skip(kCardCheck, std::string{entryOf(told->id).title});
@@ -242,7 +247,8 @@ void checkCard(Host& host, const Reader& reader, const PinsForReader& pins, cons
     const CardReport report = host.examine(reader);
     std::vector<Finding> findings = findingsOf('T', report);
     // An object that hides the card is told with the objects, and a reader that cannot be used with those.
-    if (worstOf(findings) != Severity::kFailure && !report.hidden && !told && !checks.has(kTooManyCards)) {
+    if (worstOf(findings) != Severity::kFailure && !report.hidden &&
+        !checks.findingAbout(subject, kReasons) && !checks.has(kTooManyCards)) {
       findings.insert(findings.begin(), unreadCard(card.failure()));
     }
     if (findings.empty()) {

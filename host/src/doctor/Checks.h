@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -52,9 +53,12 @@ class Checks {
     found->severity = worstOf(found->findings);
   }
 
-  /// The first finding about that so far; null: there is none.
-  [[nodiscard]] const Finding* findingAbout(std::string_view subject) const {
-    return firstFinding([&](const Finding& finding) { return finding.subject == subject; });
+  /// The first finding of one of those kinds about that so far; null: there is none.
+  [[nodiscard]] const Finding* findingAbout(std::string_view subject,
+                                            std::span<const FindingID> kinds) const {
+    return firstFinding([&](const Finding& finding) {
+      return finding.subject == subject && std::find(kinds.begin(), kinds.end(), finding.id) != kinds.end();
+    });
   }
   [[nodiscard]] bool has(FindingID id) const {
     return firstFinding([id](const Finding& finding) { return finding.id == id; }) != nullptr;
