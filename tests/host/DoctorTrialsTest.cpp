@@ -242,6 +242,31 @@ TEST_F(DoctorTrials, FindAPlainTextThatIsAnotherOne) {
   EXPECT_THAT(findingIn(diagnosis(), kDecryptionFails).evidence, HasSubstr("another one than was encrypted"));
 }
 
+TEST_F(DoctorTrials, FindAPlainTextThatIsAnotherOneAlsoWhereACallFailedBefore) {
+  script.failCallOf("C_Sign", 0, CKR_DEVICE_ERROR);
+  script.deviations.plainText = Value(32, 0x55);
+  const Diagnosis found = diagnosis();
+  EXPECT_THAT(codesOfCheck(found, "signatures"), ElementsAre("MT-T05"));
+  EXPECT_THAT(codesOfCheck(found, "decryption"), ElementsAre("MT-K09"));
+}
+
+TEST_F(DoctorTrials, FindASignatureThatIsWrongAlsoWhereNotAllWasRead) {
+  script.hook<&CK_FUNCTION_LIST::C_Sign>(
+      [](auto real, auto session, auto* data, auto size, auto* out, auto* room) {
+        const CK_RV rv = real(session, data, size, out, room);
+        if (rv == CKR_OK && out) out[5] ^= 1U;
+        return rv;
+      });
+  script.hook<&CK_FUNCTION_LIST::C_GetAttributeValue>(
+      [this](auto real, auto session, auto object, auto* entries, auto count) {
+        const bool fails = script.card().loggedIn && entries->type == CKA_ALWAYS_AUTHENTICATE;
+        return fails ? CK_RV{CKR_GENERAL_ERROR} : real(session, object, entries, count);
+      });
+  const Diagnosis found = diagnosis();
+  EXPECT_THAT(codesOfCheck(found, "signatures"), ElementsAre("MT-K08"));
+  EXPECT_THAT(findingIn(found, kSignatureFails).evidence, HasSubstr("are the reason cannot be told now"));
+}
+
 TEST_F(DoctorTrials, TakeBackWhatTheLoginRefutes) {
   script.addObject(certificate(bytesOf("05"), bytesOf("Pair"), key.certificate(kForSigning)));
   script.addObject(

@@ -115,6 +115,11 @@ bool wantsPin(const Failure& failure, const CardReport& report, const PublishedK
   return failure.result == CKR_USER_NOT_LOGGED_IN && findingOf(kPinForEachUse, report, key);
 }
 
+/// Whether the card gave a result, and that is wrong.
+bool isWrongResult(const Failure& failure) {
+  return failure.kind == FailureKind::kVerificationFailed && !failure.result;
+}
+
 /// What a key that was tried in vain is told of. The module is to blame only where nothing else is known to
 /// be the cause.
 Finding trialFinding(FindingID id, const CardReport& report, const PublishedKey& key,
@@ -124,7 +129,7 @@ Finding trialFinding(FindingID id, const CardReport& report, const PublishedKey&
     return Finding{cause, Severity::kFailure, subject, failure.why};
   };
   const bool wasAllRead = report.failedRead.empty() && report.failedPrivateRead.empty();
-  if (isDisturbed(failure) || !wasAllRead) return failed(kTrialDisturbed);
+  if (isDisturbed(failure) || (!wasAllRead && !isWrongResult(failure))) return failed(kTrialDisturbed);
   if (const Finding* shared = findingOf(kIDShared, report, key); shared && sharesItsID(key, report))
     return {shared->id, Severity::kFailure, shared->subject, shared->evidence};
   if (wantsPin(failure, report, key)) return failed(kPinForEachUse);
@@ -132,6 +137,7 @@ Finding trialFinding(FindingID id, const CardReport& report, const PublishedKey&
   if (failure.result == CKR_KEY_FUNCTION_NOT_PERMITTED || failure.result == CKR_KEY_TYPE_INCONSISTENT)
     return failed(kUseNotAllowed);
   if (saysNothing(failure)) return {kTrialDisturbed, Severity::kUnknown, subject, failure.why};
+  if (!wasAllRead) return {id, Severity::kFailure, subject, explainedBy(report, key, failure).why};
   return failed(id);
 }
 
@@ -186,7 +192,8 @@ std::optional<Failure> failureOfDecrypting(KeyClient& client, const PublishedKey
   if (!plain) return plain.failure();
   const auto view = plain->view();
   if (std::equal(view.begin(), view.end(), message.begin(), message.end())) return std::nullopt;
-  return Failure{FailureKind::kCardRefuses, "", "the plain text is another one than was encrypted", {}};
+  return Failure{
+      FailureKind::kVerificationFailed, "", "the plain text is another one than was encrypted", {}};
 }
 
 bool sharesItsID(const PublishedKey& key, const CardReport& report) {
@@ -276,7 +283,7 @@ void tryDecrypting(KeyClient& client, const InsertedCard& card, const CardReport
     }
     evidence.add(subject, saysNothing(*failure) ? "could not be tried" : "does not decrypt");
     // A card that failed before may not be asked any more.
-    const bool goesOn = !failure->result && checks.has(kTrialDisturbed);
+    const bool goesOn = !failure->result && !isWrongResult(*failure) && checks.has(kTrialDisturbed);
     findings.push_back(trialFinding(goesOn ? kTrialDisturbed : kDecryptionFails, report, key, *failure));
   }
   if (evidence.isEmpty()) return checks.skip(point, "no RSA key of the card decrypts");
