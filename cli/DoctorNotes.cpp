@@ -2,6 +2,7 @@
 
 #include <cstdint>
 
+#include "NoteParser.h"
 #include "platform/Log.h"
 
 namespace mirel::cli {
@@ -120,10 +121,7 @@ std::string textOf(const DoctorNotes& notes) {
 }
 
 std::optional<DoctorNotes> notesFrom(std::string_view text) {
-  // Whoever handles a value goes down into it, and has only so much room for that.
-  constexpr int kDeepest = 8;
-  const auto isFlat = [](int depth, Json::parse_event_t, const Json&) { return depth <= kDeepest; };
-  const Json all = Json::parse(text, isFlat, false);
+  const Json all = parsedNote(text, 8);
   if (!all.is_object()) return std::nullopt;
   DoctorNotes notes;
   forEachObjectIn(all, "checks",

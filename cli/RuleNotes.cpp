@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <nlohmann/json.hpp>
 
+#include "NoteParser.h"
 #include "platform/Log.h"
 
 namespace mirel::cli {
@@ -17,10 +18,7 @@ std::string noteOf(const std::vector<RuleResult>& results) {
 }
 
 std::vector<RuleResult> resultsFrom(std::string_view text) {
-  // Whoever handles a value goes down into it, and has only so much room for that.
-  constexpr int kDeepest = 2;
-  const auto isFlat = [](int depth, Json::parse_event_t, const Json&) { return depth <= kDeepest; };
-  const Json all = Json::parse(text, isFlat, false);
+  const Json all = parsedNote(text, 2);
   std::vector<RuleResult> results;
   for (const ConformanceRule& rule : conformanceRules()) {
     RuleResult& result = results.emplace_back(

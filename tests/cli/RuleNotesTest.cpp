@@ -21,6 +21,13 @@ TEST(RuleNotes, HaveWhatTheRulesCameToAndSkipTheOthers) {
   EXPECT_EQ(results[1].verdict, RuleVerdict::kSkip);
 }
 
+TEST(RuleNotes, AreNotSoughtBehindMoreMembersThanAnyNoteHas) {
+  std::string text = "{";
+  for (int i = 0; i < 50000; ++i) text += "\"" + std::to_string(i) + "\":0,";
+  const auto results = resultsFrom(text + R"("CR-01":[1,"x"]})");
+  EXPECT_EQ(resultOf("CR-01", results).verdict, RuleVerdict::kSkip);
+}
+
 TEST(RuleNotes, AreNoneWhereTheyMakeNoSense) {
   const std::string rows[] = {"",
                               "[]",
