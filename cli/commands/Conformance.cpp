@@ -234,9 +234,11 @@ Result<void> run(Session& session) {
   }
   const Conformance conformance = testConformance(session.services(), wanted, std::move(onRule));
   const auto date = dateOf(givenOrSystem(session.services().timeAndChance)->date());
-  if (auto written = writeFiles(options, conformance, date); !written) return written;
   session.setExitCode(exitCodeOf(conformance.verdict()));
-  return writeOutput(options.json ? jsonText(conformance) : textOf(conformance));
+  // What was tested is told, and kept, also where one of the two does not work.
+  const auto told = writeOutput(options.json ? jsonText(conformance) : textOf(conformance));
+  const auto kept = writeFiles(options, conformance, date);
+  return kept ? told : kept;
 }
 
 constexpr CommandOption kOptions[] = {

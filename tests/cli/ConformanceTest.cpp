@@ -86,6 +86,13 @@ TEST_F(ConformanceCommand, WritesItsFilesAlsoWhereTheModuleEndsTheTest) {
   }
 }
 
+TEST_F(ConformanceCommand, TellsWhatItTestedAlsoWhereItsFileCannotBeWritten) {
+  const Result result = mireltoken("conformance --junit /dev/full");
+  EXPECT_EQ(result.exitCode, 14);
+  EXPECT_THAT(result.out, HasSubstr("CR-53"));
+  EXPECT_THAT(result.err, HasSubstr("/dev/full"));
+}
+
 TEST_F(ConformanceCommand, RefusesWhatItCouldNotUse) {
   expectFailure(runWithPin("conformance"), 2, {"a PIN is of no use without --login"});
   expectFailure(mireltoken("conformance --login --pin-file " + path("none")), 14,
