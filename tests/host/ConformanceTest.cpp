@@ -199,6 +199,15 @@ TEST_F(ConformanceTest, TakesAnEcKeyThatDecryptsForNoKeyThatSigns) {
   EXPECT_THAT(numbersWith(RuleVerdict::kFail, tested()), ElementsAre("CR-47"));
 }
 
+TEST_F(ConformanceTest, LeavesOpenWhatTheCertificateOfAnotherKeySays) {
+  for (const auto& [usage, rule] : {std::pair{kForSigning, "CR-36"}, std::pair{kForCertificates, "CR-29"}}) {
+    makeGood();
+    addEcKey(usage);
+    value(kPublic3, CKA_EC_POINT).back() ^= 1U;
+    EXPECT_EQ(verdictsOf(tested(false)).at(rule), RuleVerdict::kUnknown) << rule;
+  }
+}
+
 TEST_F(ConformanceTest, LeavesOpenWhetherACardHasANameOfItsOwnWhereAnotherCannotBeRead) {
   const CK_SLOT_ID other = script.addSlot("Reader B", script.card());
   script.hook<&CK_FUNCTION_LIST::C_GetTokenInfo>([other](auto real, auto slot, auto* info) {

@@ -47,6 +47,10 @@ void testReport(const ReportRules& rules, RuleResults& results) {
     return finding.severity == Severity::kUnknown &&
            (finding.id == kObjectUnread || isUnreadToken(finding.id));
   });
+  // It tells nothing of the key, so what rules ask of certificates is not looked at.
+  const auto ofOtherKey = std::find_if(findings.begin(), findings.end(), [](const Finding& finding) {
+    return finding.id == kCertificateOfOtherKey;
+  });
   const bool privateKeysSeen =
       std::all_of(rules.report.keys.begin(), rules.report.keys.end(),
                   [](const KeyReport& key) { return key.hasPrivateKey.has_value(); });
@@ -84,6 +88,9 @@ void testReport(const ReportRules& rules, RuleResults& results) {
       results.unknown(rule.rule, "whether the session is logged in could not be told");
     } else if (rule.rule == kPrivateKeyThere && !privateKeysSeen) {
       results.unknown(rule.rule, "not all private keys of the card were seen");
+    } else if (ofOtherKey != findings.end() && (rule.rule == kSigningKey || rule.rule == kKeyUsage)) {
+      results.unknown(rule.rule, std::string{entryOf(ofOtherKey->id).code} + " " + ofOtherKey->subject +
+                                     " belongs to another key");
     } else {
       results.pass(rule.rule, rule.evidence);
     }
