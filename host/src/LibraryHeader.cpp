@@ -201,8 +201,9 @@ bool isCutOff(std::span<const std::uint8_t> start, std::uint64_t size, const Fil
   for (std::size_t at = 0; at < table.size(); at += places.headerSize) {
     const auto from = offset(entries, at + places.segmentAt);
     const auto length = offset(entries, at + places.segmentSize);
-    if (entries.number(at, 4, isBigEndian) == kLoaded && from && length && !reaches(*from, *length))
-      return true;
+    // One that takes nothing from the file may have any place in it.
+    const bool isTaken = entries.number(at, 4, isBigEndian) == kLoaded && from && length && *length > 0;
+    if (isTaken && !reaches(*from, *length)) return true;
   }
   return false;
 }

@@ -170,7 +170,8 @@ TEST(IsCutOff, LooksForAllThatTheLoaderMaps) {
   const Row kRows[] = {
       {"up to the end", 2, 1, kLoaded, 1000, 1000, false},
       {"one byte more", 2, 1, kLoaded, 1000, 1001, true},
-      {"begins behind it", 2, 1, kLoaded, 2001, 0, true},
+      {"begins behind it", 2, 1, kLoaded, 2001, 1, true},
+      {"takes nothing", 2, 1, kLoaded, 2001, 0, false},
       {"is not mapped", 2, 1, kNote, 1000, 9999, false},
       {"32 bits", 1, 1, kLoaded, 1000, 1001, true},
       {"32 bits, whole", 1, 1, kLoaded, 0, 2000, false},
