@@ -150,7 +150,9 @@ TEST_F(DoctorTrials, BlameNoKeyWhereTheCardCannotBeReadAfterTheLogin) {
     startAnew();
     GivenPins given{{u"123456"}};
     script.failCallOf(function, static_cast<std::size_t>(before), answer, Times::kFromThenOn);
-    const auto codes = codesOf(diagnosisWith(given));
+    const Diagnosis found = diagnosisWith(given);
+    EXPECT_EQ(found.verdict(), Severity::kFailure);
+    const auto codes = codesOf(found);
     EXPECT_THAT(codes,
                 ::testing::AllOf(Not(Contains("MT-K08")), Not(Contains("MT-K09")), Not(Contains("MT-K10"))));
     EXPECT_THAT(codes, ::testing::AnyOf(Contains("MT-T05"), Contains("MT-T04")));

@@ -33,6 +33,13 @@ std::vector<Finding> findingsOf(char letter, const CardReport& report) {
   return findings;
 }
 
+/// A report leaves open what it means that the card has gone. For an examination it is the end.
+void judgeGone(std::vector<Finding>& findings) {
+  for (Finding& finding : findings) {
+    if (finding.id == kCardWentAway) finding.severity = Severity::kFailure;
+  }
+}
+
 void checkPin(Host& host, const Reader& reader, const CardReport& report, Checks& checks) {
   const auto unreadable = std::find_if(report.findings.begin(), report.findings.end(),
                                        [](const Finding& finding) { return isUnreadToken(finding.id); });
@@ -192,6 +199,7 @@ void tryKeys(Host& host, const InsertedCard& card, const CardReport& report, Pin
   for (const Finding& finding : after.findings) {
     if (finding.id != kPkcs1NotTried && !sameIn(report.findings, finding)) more.push_back(finding);
   }
+  judgeGone(more);
   std::string evidence = countOf(more.size(), "finding") + " more after the login";
   correctObjects(after, more, checks);
   const bool isGone = std::any_of(more.begin(), more.end(),
@@ -267,7 +275,9 @@ void checkCard(Host& host, const Reader& reader, const PinsForReader& pins, cons
   about.append(displayed(reader.tokenLabel))
       .append("\", serial number ")
       .append(displayed(reader.serialNumber));
-  checks.add(kCardCheck, about, findingsOf('T', report));
+  std::vector<Finding> findings = findingsOf('T', report);
+  judgeGone(findings);
+  checks.add(kCardCheck, about, std::move(findings));
   checkPin(host, reader, report, checks);
   const auto source = pins ? pins(host, reader) : nullptr;
   addReport(report, distinctItems(card->items).size(), source != nullptr, checks);
