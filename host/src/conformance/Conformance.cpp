@@ -55,7 +55,7 @@ void testCard(Host& host, const P11Bridge& bridge, const Examination& wanted, Ru
   if (!reader) {
     // Slots with a token were there before: it is another reader that was named, or the card has gone.
     results.unknown(kNumTokens, reader.failure().what + ": " + reader.failure().why);
-    return results.skipRest("there is no card");
+    return results.skipRest("no card was reached");
   }
   outCard = *reader;
   testSlotOfCard(bridge, reader->slotID, results);
