@@ -145,8 +145,14 @@ Failure failureBecauseOf(const FailedCall& cause, std::string what, FailureKind 
   const CodeMeaning& meaning = meaningOf(cause.name, cause.result);
   const bool isKeyMissing = cause.result == CKR_KEY_HANDLE_INVALID &&
                             cause.name == operationName(BridgeOperation::pkcs11_getCorrespondingPrivateKey);
-  return {meaning.kind.value_or(kindElse), std::move(what), reasonText(cause), meaning.remedy,
-          isOfDevice(cause.result),        cause.result,    isKeyMissing};
+  return {meaning.kind.value_or(kindElse),
+          std::move(what),
+          reasonText(cause),
+          meaning.remedy,
+          isOfDevice(cause.result),
+          cause.result,
+          false,
+          isKeyMissing};
 }
 
 }  // namespace mirel

@@ -183,9 +183,8 @@ Result<Signature> KeyClient::sign(const PublishedKey& key, SecKeyAlgorithm algor
   });
   if (!value) return value.failure();
   Signature made{*value, *form, Bytes{*data}, std::nullopt};
-  const auto reason = faultIn("C_Sign");
-  if (!reason) return made;
-  made.fault = CardFault{*reason};
+  made.fault = faultIn("C_Sign");
+  if (!made.fault) return made;
   if (const auto cause = diary_->cause()) {
     made.fault->failure =
         failureBecauseOf(*cause, "there is no good signature", FailureKind::kVerificationFailed);
@@ -210,10 +209,12 @@ Result<Bytes> KeyClient::decrypt(const PublishedKey& key, SecKeyAlgorithm algori
   if (!answer) return answer.failure();
   Bytes plain = Bytes::secret(*answer);
   if (const auto fault = faultIn("C_Decrypt")) {
-    return refusal(
-        "the card gave no plain text", *fault,
-        "check that the data were encrypted for this key, with PKCS #1 v1.5 padding: the card layer "
-        "knows no other");
+    Failure failure =
+        refusal("the card gave no plain text", fault->reason,
+                "check that the data were encrypted for this key, with PKCS #1 v1.5 padding: the card layer "
+                "knows no other");
+    failure.isCardUnasked = fault->isCardUnasked;
+    return failure;
   }
   if (const auto possible = checkPlainText(*form, key, *cipher, plain); !possible) return possible.failure();
   for (const AdaptationStep& step : stepsBetween(algorithm, *form)) {
@@ -295,10 +296,10 @@ Failure KeyClient::refusal(std::string what, std::string why, Advice advice) {
 
 /// Why the card did not do what that Cryptoki function does; nothing when no such reason is known. A card
 /// that was not asked may leave no other trace.
-std::optional<std::string> KeyClient::faultIn(CryptokiFunction function) const {
-  if (auto reason = diary_->reason()) return reason;
+std::optional<CardFault> KeyClient::faultIn(CryptokiFunction function) const {
+  if (auto reason = diary_->reason()) return CardFault{*std::move(reason)};
   if (diary_->lastResultOf(function) == CKR_OK) return std::nullopt;
-  return "the card was not asked";
+  return CardFault{"the card was not asked", {}, true};
 }
 
 }  // namespace mirel

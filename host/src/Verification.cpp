@@ -65,7 +65,9 @@ Failure noSignature(const Signature& signature, const std::string& why, bool isC
     failure.what = kWhat;
     return failure;
   }
-  return {FailureKind::kVerificationFailed, kWhat, why, "try another algorithm or key", isCause};
+  Failure failure{FailureKind::kVerificationFailed, kWhat, why, "try another algorithm or key", isCause};
+  failure.isCardUnasked = signature.fault && signature.fault->isCardUnasked;
+  return failure;
 }
 
 }  // namespace

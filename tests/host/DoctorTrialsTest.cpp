@@ -269,6 +269,21 @@ TEST_F(DoctorTrials, FindASignatureThatIsWrongAlsoWhereNotAllWasRead) {
   EXPECT_THAT(findingIn(found, kSignatureFails).evidence, HasSubstr("are the reason cannot be told now"));
 }
 
+TEST_F(DoctorTrials, BlameNoKeyForWhichTheCardWasNotAskedAfterAFailure) {
+  script.addObject(rsaPublicKey(bytesOf("05"), bytesOf("Second"), key.modulus()));
+  script.addObject(rsaPrivateKey(bytesOf("05"), bytesOf("Second"), key.modulus()));
+  script.addObject(certificate(bytesOf("05"), bytesOf("Second"), key.certificate(kForSigning)));
+  bool hasFailed = false;
+  script.hook<&CK_FUNCTION_LIST::C_FindObjectsInit>(
+      [&](auto real, auto session, auto* filter, CK_ULONG count) {
+        const bool fails = script.card().loggedIn && count > 1 && !std::exchange(hasFailed, true);
+        return fails ? CK_RV{CKR_GENERAL_ERROR} : real(session, filter, count);
+      });
+  const Diagnosis found = diagnosis();
+  EXPECT_THAT(codesOfCheck(found, "signatures"), ElementsAre("MT-K08", "MT-T05"));
+  EXPECT_THAT(codesOfCheck(found, "decryption"), ElementsAre("MT-T05"));
+}
+
 TEST_F(DoctorTrials, TakeBackWhatTheLoginRefutes) {
   script.addObject(certificate(bytesOf("05"), bytesOf("Pair"), key.certificate(kForSigning)));
   script.addObject(

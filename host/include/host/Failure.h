@@ -45,6 +45,7 @@ struct Failure {
   Advice advice;                          ///< what the user can try
   bool isCauseKnown = false;              ///< `why` is the cause, and nothing of the card's objects can be it
   std::optional<std::uint64_t> result{};  ///< what the Cryptoki call answered that failed, if one did
+  bool isCardUnasked = false;             ///< it says nothing of what the card would have done
   bool isKeyMissing = false;              ///< the card layer finds no private key with that ID
 };
 

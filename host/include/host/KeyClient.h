@@ -26,6 +26,7 @@ class TimeAndChance;
 struct CardFault {
   std::string reason;                ///< in words for the user
   std::optional<Failure> failure{};  ///< the same, where it is a call that failed
+  bool isCardUnasked = false;        ///< it was never asked to do it
 };
 
 /// A signature as a client of the key services gets it.
@@ -96,7 +97,7 @@ class KeyClient {
   [[nodiscard]] Result<void> lookForCard();
   void learnFrom(const Failure& failure);
   [[nodiscard]] Failure refusal(std::string what, std::string why, Advice advice);
-  [[nodiscard]] std::optional<std::string> faultIn(CryptokiFunction function) const;
+  [[nodiscard]] std::optional<CardFault> faultIn(CryptokiFunction function) const;
   [[nodiscard]] Failure loginFailure(const std::string& wrongPin);
   [[nodiscard]] Result<SecKeyAlgorithm> formFor(const PublishedKey& key, SecKeyAlgorithm algorithm,
                                                 TKTokenOperation operation);

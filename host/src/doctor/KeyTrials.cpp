@@ -93,6 +93,7 @@ Finding goneFinding(const Failure& failure) { return {kCardWentAway, Severity::k
 bool isDisturbed(const Failure& failure) {
   constexpr CK_RV kAnswers[] = {CKR_DEVICE_ERROR, CKR_DEVICE_MEMORY, CKR_HOST_MEMORY,
                                 CKR_TOKEN_NOT_RECOGNIZED, CKR_SESSION_COUNT};
+  if (failure.isCardUnasked) return true;  // as happens after a call that failed
   return failure.result &&
          std::find(std::begin(kAnswers), std::end(kAnswers), *failure.result) != std::end(kAnswers);
 }
@@ -282,9 +283,7 @@ void tryDecrypting(KeyClient& client, const InsertedCard& card, const CardReport
       continue;
     }
     evidence.add(subject, saysNothing(*failure) ? "could not be tried" : "does not decrypt");
-    // A card that failed before may not be asked any more.
-    const bool goesOn = !failure->result && !isWrongResult(*failure) && checks.has(kTrialDisturbed);
-    findings.push_back(trialFinding(goesOn ? kTrialDisturbed : kDecryptionFails, report, key, *failure));
+    findings.push_back(trialFinding(kDecryptionFails, report, key, *failure));
   }
   if (evidence.isEmpty()) return checks.skip(point, "no RSA key of the card decrypts");
   checks.add(point, evidence.text(), std::move(findings));
