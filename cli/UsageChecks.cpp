@@ -95,7 +95,9 @@ Result<void> checkPlaces(const Options& options) {
 
 std::shared_ptr<UserDirectory> userOf(const Options& options, std::shared_ptr<UserDirectory> user) {
   if (!options.home) return user;
-  std::string home = fs::absolute(*options.home).string();
+  std::error_code error;  // where the working folder was removed: then nothing is found there
+  const fs::path whole = fs::absolute(*options.home, error);
+  std::string home = error ? *options.home : whole.string();
   while (home.size() > 1 && home.back() == '/') home.pop_back();
   return userWithHome(std::move(user), home);
 }

@@ -89,6 +89,16 @@ TEST_F(ModuleChoice, NeedsAHomeUnlessAModuleIsGiven) {
   expectItems(atHome(onSoftHsm("items --json"), ""));
 }
 
+TEST_F(ModuleChoice, FindsNothingFromAFolderThatWasRemoved) {
+  Invocation call = invocation("readers --home relative");
+  const std::string gone = (folder() / "gone").string();
+  const std::string change =
+      "mkdir '" + gone + "' && cd '" + gone + "' && rmdir '" + gone + "' && exec \"$@\"";
+  call.arguments.insert(call.arguments.begin(), {"-c", change, "sh", call.program.string()});
+  call.program = "/bin/sh";
+  expectFailure(run(call), 3, {"relative/", "No such file or directory"});
+}
+
 TEST_F(ModuleChoice, TakesTheHomeOrTheModuleThatIsGiven) {
   const ModuleHome home{softHsmModule()};
   const fs::path link = folder() /
