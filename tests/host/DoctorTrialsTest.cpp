@@ -297,6 +297,19 @@ TEST_F(DoctorTrials, TakeBackWhatTheLoginRefutes) {
   EXPECT_EQ(checkIn(found, "PIN").severity, Severity::kOk);
 }
 
+TEST_F(DoctorTrials, TakeBackTheLastTryWhereTheLoginHasGivenAllBack) {
+  script.card().info.flags |= CKF_USER_PIN_COUNT_LOW;
+  EXPECT_THAT(codesOf(diagnosis()), Contains("MT-P03"));
+  startAnew();
+  script.card().loggedIn = false;
+  script.hook<&CK_FUNCTION_LIST::C_Login>([this](auto real, auto session, auto user, auto* pin, auto size) {
+    script.card().info.flags &= ~CKF_USER_PIN_COUNT_LOW;
+    return real(session, user, pin, size);
+  });
+  GivenPins given{{u"123456"}};
+  EXPECT_THAT(codesOf(diagnosisWith(given)), Not(Contains("MT-P03")));
+}
+
 TEST_F(DoctorTrials, TakeNothingBackWhereTheSecondLookFails) {
   script.addObject(certificate(bytesOf("05"), bytesOf("Pair"), key.certificate(kForSigning)));
   script.hook<&CK_FUNCTION_LIST::C_FindObjectsInit>(

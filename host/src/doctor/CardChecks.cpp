@@ -160,6 +160,18 @@ void takeBackPin(Checks& checks) {
   });
 }
 
+/// A PIN that was accepted has all its tries again, where the flags say so.
+void takeBackTries(const CardReport& after, Checks& checks) {
+  const auto isUnread = [](const Finding& finding) { return isUnreadToken(finding.id); };
+  if (std::any_of(after.findings.begin(), after.findings.end(), isUnread)) return;
+  checks.amend(kPin, [&](std::vector<Finding>& findings) {
+    std::erase_if(findings, [&](const Finding& finding) {
+      const bool isOfTries = finding.id == kPinLastTry || finding.id == kPinTriesFewer;
+      return isOfTries && !sameIn(after.findings, finding);
+    });
+  });
+}
+
 /// After the login more of the card shows: what was said before is told as it is known then, or taken back.
 /// `ioMore`: the findings that were not there before; those about objects leave it for the places of others.
 void correctObjects(const CardReport& after, std::vector<Finding>& ioMore, Checks& checks) {
@@ -195,6 +207,7 @@ void tryKeys(Host& host, const InsertedCard& card, const CardReport& report, Pin
   takeBackPin(checks);
   checks.start(kPrivateKeys);
   const CardReport after = host.examine(card, true);
+  takeBackTries(after, checks);
   std::vector<Finding> more;
   for (const Finding& finding : after.findings) {
     if (finding.id != kPkcs1NotTried && !sameIn(report.findings, finding)) more.push_back(finding);
