@@ -158,7 +158,7 @@ class WatchRun {
       if (done) done = goOn();
     }
     if (done && !isOver_) tellOfSilence();
-    if (done && !isOver_ && !moduleHasAnswered_ && lastTold_) endFor(*lastTold_);
+    if (done && !isOver_ && !moduleHasAnswered_) endWithoutAnswer();
     endHelpers();
     return done;
   }
@@ -296,6 +296,23 @@ class WatchRun {
     isOver_ = failure->id == errorTermsOf(FailureKind::kModuleNotLoadable).id;
     if (isOver_) endFor(*failure);
     writeMessage("mireltoken: " + wordsOf(*failure));
+  }
+
+  /// The module has never said anything good. It is to blame for its silence only where it had all the time.
+  void endWithoutAnswer() {
+    if (lastTold_) return endFor(*lastTold_);
+    const auto isAwaited = [](const std::unique_ptr<HelperProcess>& helper) {
+      return helper && !helper->hasEnded();
+    };
+    const bool isAsked = isAwaited(look_) || std::any_of(cards_.begin(), cards_.end(), [&](const auto& card) {
+                           return !card.second.isTold && isAwaited(card.second.helper);
+                         });
+    if (!isAsked || Clock::now() < end_) return;
+    const auto told = toldFailure({FailureKind::kModuleHangs, "nothing was seen of the readers",
+                                   "the module has not answered until the end of the watch",
+                                   "watch for longer, or ask the maker of the module"});
+    endFor(told);
+    writeMessage("mireltoken: " + wordsOf(told));
   }
 
   /// That is what it comes to: nothing was seen of the module but this failure, of which a message tells.

@@ -275,6 +275,13 @@ TEST_F(Watching, EndsWithTheCodeOfAModuleThatHasNeverStarted) {
   EXPECT_THAT(result.err, HasSubstr(" does not start: C_Initialize answered CKR_GENERAL_ERROR"));
 }
 
+TEST_F(Watching, TellsAtItsEndThatTheModuleHasNeverAnswered) {
+  const Result result = run(watching("--json --for 1", {{"PAUSE", "entry"}}));  // without a card service
+  EXPECT_EQ(result.exitCode, 23);
+  EXPECT_EQ(Json::parse(result.out)["error"]["id"], "module-hangs");
+  EXPECT_THAT(result.err, HasSubstr("the module has not answered until the end of the watch"));
+}
+
 TEST_F(Watching, EndsWithAModuleThatCannotBeLoadedAndSaysNothingElse) {
   Invocation call = watching("--json");  // without a card service
   for (std::string& word : call.arguments) {
