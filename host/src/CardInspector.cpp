@@ -166,8 +166,8 @@ void joinParted(CardContents& contents) {
                  !candidate.publicValue.empty() && areSame(valueOf(candidate), valueOf(*fields));
         });
     if (key == contents.publicKeys.end()) continue;
-    certificate.about.reason += "; the one of its key has the ID " + shownID(key->about.id);
-    key->about.reason += "; the one of its key has the ID " + shownID(certificate.about.id);
+    certificate.about.reason += "; the one with the ID " + shownID(key->about.id) + " is of its key";
+    key->about.reason += "; the one with the ID " + shownID(certificate.about.id) + " is of its key";
     key->about.byPartner = true;
   }
 }

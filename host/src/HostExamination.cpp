@@ -48,7 +48,9 @@ class PublishedNames {
   /// Whether an item may be about the object, be it with another content.
   [[nodiscard]] bool mayShow(const CardObject& object) const {
     const UnpublishedObject& about = object.about;
-    if (about.kind == "public key") return keys_.contains(about.id.units());
+    return about.kind == "public key" ? keys_.contains(about.id.units()) : mayShowCertificate(about);
+  }
+  [[nodiscard]] bool mayShowCertificate(const UnpublishedObject& about) const {
     return names_.contains(certificateNameOf(about.label, about.id).units());
   }
 
@@ -81,12 +83,23 @@ void collectUnpublished(const CardContents& contents,
 }
 
 /// Tells of objects that nothing speaks against, and that are not published all the same: the token looks for
-/// those alone that the module says are on the card.
+/// those alone that the module says are on the card. A certificate whose key alone is left out was told of as
+/// that key.
 void explainUnlisted(const PublishedNames& published, CardContents& contents) {
   std::set<std::vector<CK_BYTE>> told;
+  std::set<std::vector<CK_BYTE>> keysOfUnknownKind;
+  for (const CardObject& certificate : contents.certificates) {
+    if (certificate.about.kind == "public key" && published.mayShowCertificate(certificate.about))
+      keysOfUnknownKind.insert(certificate.id);
+  }
   for (auto* objects : {&contents.publicKeys, &contents.certificates}) {
     for (CardObject& object : *objects) {
-      if (!isPublishable(object) || published.mayShow(object)) continue;
+      const bool isToldAsKey = objects == &contents.certificates && object.about.kind == "public key";
+      const bool isExplained = isToldAsKey ? published.mayShowCertificate(object.about)
+                                           : !isPublishable(object) || published.mayShow(object) ||
+                                                 keysOfUnknownKind.contains(object.id);
+      if (isExplained) continue;
+      if (isToldAsKey) object.about.kind = "certificate";
       object.about.reason =
           "the token does not list it: perhaps CKA_TOKEN is not true of it, or of the other object with its "
           "ID";

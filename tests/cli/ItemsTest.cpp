@@ -214,12 +214,12 @@ TEST_F(Items, StandInATableForPeopleWithWhatIsNotPublishedAndWhy) {
       rest,
       ContainsRegex(
           "\ncertificate +Lonely +3032 +no public key with its ID is visible before login: it is missing, or "
-          "private; the one of its key has the ID 3033\n"));
+          "private; the one with the ID 3033 is of its key\n"));
   EXPECT_THAT(
       rest,
       ContainsRegex(
           "\npublic key +Orphan +3033 +no certificate with its ID is visible before login: it is missing, "
-          "or private; the one of its key has the ID 3032\n"));
+          "or private; the one with the ID 3032 is of its key\n"));
   EXPECT_THAT(rest,
               ContainsRegex("\ncertificate +Torn +3034 +its value is not an X.509 certificate in DER\n"));
   EXPECT_THAT(rest, Not(HasSubstr("3041")));

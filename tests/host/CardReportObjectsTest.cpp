@@ -34,10 +34,10 @@ TEST_F(CardReportObjects, TellsOnceThatACertificateAndItsKeyHaveDifferentIDs) {
   addPublicKey("03", "Another", otherRsa());
   const CardReport report = this->report();
   EXPECT_THAT(theFinding(report, kPublicKeyMissing).evidence,
-              HasSubstr("; the one of its key has the ID 3031"));
+              HasSubstr("; the one with the ID 3031 is of its key"));
   EXPECT_EQ(theFinding(report, kCertificateMissing).subject, "public key 3033 \"Another\"");
   ASSERT_EQ(report.unpublished.size(), 3U);
-  EXPECT_THAT(report.unpublished[0].reason, HasSubstr("; the one of its key has the ID 3032"));
+  EXPECT_THAT(report.unpublished[0].reason, HasSubstr("; the one with the ID 3032 is of its key"));
 }
 
 TEST_F(CardReportObjects, LeavesOpenBeforeALoginWhetherAPublicKeyIsMissing) {
@@ -209,6 +209,23 @@ TEST_F(CardReportObjects, TakesABarePointThatBeginsLikeAWrappedOne) {
   lastObject(2) = lastObject(2).with(CKA_EC_POINT, pointOf(key));
   lastObject() = lastObject().with(CKA_VALUE, key.certificate(kForSigning));
   EXPECT_THAT(troubles(report()), Not(Contains("MT-C11")));
+}
+
+TEST_F(CardReportObjects, TellsThatACertificateOfAnUnknownKindOfKeyIsPublishedOnlyWhereItIs) {
+  for (const bool isOnToken : {true, false}) {
+    clearCard();
+    addPublicKey("01", "Odd");
+    addCertificate("01", "Odd", kForSigning, SoftwareKey::ec("secp256k1"));
+    lastObject() = lastObject().with(CKA_TOKEN, boolValue(isOnToken));
+    const CardReport report = this->report();
+    const auto isExplained = [&](const UnpublishedObject& object) {
+      return object.kind == (isOnToken ? "public key" : "certificate") &&
+             object.reason.find(isOnToken ? "only its certificate is published"
+                                          : "the token does not list it") != std::string::npos;
+    };
+    EXPECT_EQ(std::count_if(report.unpublished.begin(), report.unpublished.end(), isExplained), 1);
+    EXPECT_EQ(report.unpublished.size(), isOnToken ? 1U : 2U);
+  }
 }
 
 TEST_F(CardReportObjects, TellsWhichObjectsShareAnID) {
