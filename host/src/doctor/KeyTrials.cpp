@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <initializer_list>
 
 #include "RsaEncoding.h"
 #include "bridge/cryptoki.h"
@@ -89,13 +90,15 @@ bool isGone(const Failure& failure) {
 
 Finding goneFinding(const Failure& failure) { return {kCardWentAway, Severity::kFailure, {}, failure.why}; }
 
+bool hasAnswer(const Failure& failure, std::initializer_list<CK_RV> answers) {
+  return failure.result && std::find(answers.begin(), answers.end(), *failure.result) != answers.end();
+}
+
 /// The card, its reader or the service behind it failed, whatever the key and the module are like.
 bool isDisturbed(const Failure& failure) {
-  constexpr CK_RV kAnswers[] = {CKR_DEVICE_ERROR, CKR_DEVICE_MEMORY, CKR_HOST_MEMORY,
-                                CKR_TOKEN_NOT_RECOGNIZED, CKR_SESSION_COUNT};
   if (failure.isCardUnasked) return true;  // as happens after a call that failed
-  return failure.result &&
-         std::find(std::begin(kAnswers), std::end(kAnswers), *failure.result) != std::end(kAnswers);
+  return hasAnswer(failure, {CKR_DEVICE_ERROR, CKR_DEVICE_MEMORY, CKR_HOST_MEMORY, CKR_TOKEN_NOT_RECOGNIZED,
+                             CKR_SESSION_COUNT});
 }
 
 bool worksForNothing(const CardReport& report, const PublishedKey& key) {
@@ -135,7 +138,7 @@ Finding trialFinding(FindingID id, const CardReport& report, const PublishedKey&
     return {shared->id, Severity::kFailure, shared->subject, shared->evidence};
   if (wantsPin(failure, report, key)) return failed(kPinForEachUse);
   if (failure.isKeyMissing) return failed(kPrivateKeyMissing);
-  if (failure.result == CKR_KEY_FUNCTION_NOT_PERMITTED || failure.result == CKR_KEY_TYPE_INCONSISTENT)
+  if (hasAnswer(failure, {CKR_KEY_FUNCTION_NOT_PERMITTED, CKR_KEY_TYPE_INCONSISTENT}))
     return failed(kUseNotAllowed);
   if (saysNothing(failure)) return {kTrialDisturbed, Severity::kUnknown, subject, failure.why};
   if (!wasAllRead) return {id, Severity::kFailure, subject, explainedBy(report, key, failure).why};
