@@ -9,44 +9,51 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-/// What comes of the selection, the opening and the login when one of them fails.
+/// What comes of the selection, the opening and the login when one call of theirs fails.
 struct Ending {
+  std::size_t firstCall;
+  std::size_t lastCall;
   const char* what;
-  const char* function;
-  std::size_t n;  ///< the call of it that fails
-  Times times;
   CK_SESSION_HANDLE session;  ///< of the record; 0: none, or there is no record
-  bool accepted;
-  std::uint64_t remains;
+  bool accepted = false;
+  std::uint64_t remains = 0;
+  std::vector<CK_SESSION_HANDLE> open{};
 };
 
-const Ending kEndings[] = {
+const Ending kOnce[] = {
     // The selection's result is not looked at: the session is opened all the same.
-    {"the selection's list fails", "C_GetSlotList", 0, Times::kOnce, 5, true, 5},
-    {"the rest of the selection fails", "C_GetTokenInfo", 0, Times::kOnce, 6, true, 5},
+    {0, 5, "finding the slot for the selection, opening a session there", 5, true, 5, {5}},
+    {6, 6, "reading the token information", 6, true, 5, {6}},
+    {7, 7, "closing the session for the token information", 6, true, 5, {5, 6}},
     // The record is then that of the selection, which has no session to log in to or to ask.
-    {"the opening fails", "C_OpenSession", 1, Times::kOnce, 0, false, 0},
+    {8, 12, "finding the slot for the session and opening it", 0},
+    {13, 14, "reading about the session", 0},
+    {15, 16, "the login, reading the session's state", 6, false, 0, {6}},
+    {17, 17, "nothing", 6, true, 5, {6}},
+};
+const Ending kFromThenOn[] = {
     // Nothing is selected, so there is nobody to ask for the tries.
-    {"both fail", "C_GetSlotList", 0, Times::kFromThenOn, 0, false, 5},
-    {"the login fails", "C_Login", 0, Times::kOnce, 6, false, 0},
+    {0, 5, "finding the slot for the selection, opening a session there", 0, false, 5},
+    {6, 6, "reading the token information", 0, false, 5, {5}},
+    {7, 7, "closing the session for the token information", 0, false, 0, {5}},
+    {8, 12, "finding the slot for the session and opening it", 0},
+    {13, 14, "reading about the session", 0, false, 0, {6}},
+    {15, 16, "the login, reading the session's state", 6, false, 0, {6}},
+    {17, 17, "nothing", 6, true, 5, {6}},
 };
 
-/// A test of a provider that is initialised.
-class CardSession : public ProviderTest {
- protected:
-  CardSession() { init(); }
-
-  void startAnewFor(const Ending& ending) {
-    script.reset();
-    newProvider();
-    init();
-    script.failCallOf(ending.function, ending.n, CKR_DEVICE_ERROR, ending.times);
-  }
-};
+const Ending& endingOf(const FailPoint& point) {
+  const Ending* ending = point.once() ? kOnce : kFromThenOn;
+  while (point.n() > ending->lastCall) ++ending;
+  return *ending;
+}
 
 // ---- openTKSmartCardTokenSession ----
 
-using TokenSession = CardSession;
+class TokenSession : public ProviderTest {
+ protected:
+  TokenSession() { init(); }
+};
 
 TEST_F(TokenSession, IsANewOneOnTheCardOfTheReaderNamedEachTime) {
   const CK_SLOT_ID second = script.addSlot("Reader B 01", emptyCard("SECOND", "2"));
@@ -75,13 +82,17 @@ TEST_F(TokenSession, IsReturnedInFullAndZeroWithAFrameworkWhoseServiceIsNotOpen)
   EXPECT_THAT(script.callTexts(), IsEmpty());
 }
 
-TEST_F(TokenSession, IsTheOneOfTheRecordWhateverFails) {
-  for (const Ending& ending : kEndings) {
+TEST_F(TokenSession, IsTheOneOfTheRecordWhateverCallFails) {
+  failEachCall(kNumSelectingCalls + kNumOpeningCalls, [&](FailPoint& point) {
+    newProvider();
+    init();
+    point.arm();
+    const CK_SESSION_HANDLE returned = provider->openTKSmartCardTokenSession(reader());
+    const Ending& ending = endingOf(point);
     SCOPED_TRACE(ending.what);
-    startAnewFor(ending);
-    EXPECT_EQ(provider->openTKSmartCardTokenSession(reader()), ending.session);
-  }
-  leavesOpen(script.openSessions());
+    EXPECT_EQ(returned, ending.session);
+    EXPECT_EQ(script.openSessions(), ending.open);
+  });
 }
 
 // ---- userLogin ----
@@ -91,8 +102,10 @@ struct Answer {
   std::optional<std::uint64_t> remains = 77;
 };
 
-class ProviderLogin : public CardSession {
+class ProviderLogin : public ProviderTest {
  protected:
+  ProviderLogin() { init(); }
+
   Answer login(const SecretText& pin, std::uint64_t pinLen, const Text& tokenName = reader()) {
     Answer answer;
     answer.accepted = provider->userLogin(tokenName, pin, pinLen, &answer.remains);
@@ -195,16 +208,19 @@ TEST_F(ProviderLogin, LeavesTheCountWhereThereIsNobodyToAsk) {
   expectRefused(login(), 5);
 }
 
-TEST_F(ProviderLogin, EndsAsThatWhichFailsHasIt) {
-  for (const Ending& ending : kEndings) {
-    SCOPED_TRACE(ending.what);
-    startAnewFor(ending);
+TEST_F(ProviderLogin, EndsAsTheFailingCallHasIt) {
+  failEachCall(kNumSelectingCalls + kNumOpeningCalls + 2, [&](FailPoint& point) {
+    newProvider();
+    init();
+    point.arm();
     const Answer answer = login();
+    const Ending& ending = endingOf(point);
+    SCOPED_TRACE(ending.what);
     EXPECT_EQ(answer.accepted, ending.accepted);
     EXPECT_EQ(answer.remains, ending.remains);
+    EXPECT_EQ(script.openSessions(), ending.open);
     EXPECT_THAT(log->allLines, IsEmpty());
-  }
-  leavesOpen(script.openSessions());
+  });
 }
 
 }  // namespace

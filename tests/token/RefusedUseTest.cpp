@@ -172,9 +172,12 @@ TEST_P(RefusedUse, HasTheErrorAndTheLinesOfStateAndKey) {
     std::vector<std::string> lines;
   } rows[] = {
       {"before the PIN", {0, false}, kKey, tokenError(-9), {kNeeded, kFailed}},
+      {"before the PIN, on a marked card", {0, true}, kKey, tokenError(-9), {kNeeded, kFailed}},
       {"an unknown key before the PIN", {0, false}, kNoKey, tokenError(-6), {kKeyIsNil, kFailedNoKey}},
       {"an unknown key after it", {1, true}, kNoKey, tokenError(-7), {kKeyIsNil, kFailedNoKey, kNotFound}},
       {"a card that has lost its mark", {1, false}, kKey, tokenError(-7), {kNeeded, kFailed, kNotFound}},
+      // In the used state, and in one that nobody knows.
+      {"a key that asks each time", {2, true}, kKey, tokenError(-9), {kNeeded, kFailed}},
       {"the other key without a mark", {2, false}, kOnceKey, tokenError(-9), {kNeeded, kFailedOnce}},
       {"a key that may be used", {2, true}, kOnceKey, std::nullopt, {kAuthenticatedEnd, kGeneralEnd}},
       {"a key in an unknown state", {3, true}, kKey, std::nullopt, {kAuthenticatedEnd, kGeneralEnd}},
@@ -183,6 +186,9 @@ TEST_P(RefusedUse, HasTheErrorAndTheLinesOfStateAndKey) {
     SCOPED_TRACE(row.what);
     expectRefusal(row.state, row.id, row.error, row.lines);
   }
+  client->platform.contents = nullptr;
+  SCOPED_TRACE("a token that has gone");
+  expectRefusal({1, true}, kKey, tokenError(-7), {kKeyIsNil, kFailed, kNotFound});
 }
 
 INSTANTIATE_TEST_SUITE_P(Key, RefusedUse, ::testing::ValuesIn(keyOperations()), nameOfParameter);
