@@ -91,6 +91,7 @@ TEST_F(IsCardStateChanged, LeavesTheRecordAsItIs) {
 
 TEST_F(IsCardStateChanged, CannotTellWhenACallFailsThatItNeeds) {
   constexpr std::size_t kOpenSession = 1;
+  constexpr std::size_t kTokenInfo = 2;
   constexpr std::size_t kCloseSession = 3;
   failEachCall(5, [&](FailPoint& point) {
     newFramework();
@@ -103,6 +104,8 @@ TEST_F(IsCardStateChanged, CannotTellWhenACallFailsThatItNeeds) {
     EXPECT_EQ(framework->p11ServiceInfo(), retained.record);
     EXPECT_EQ(record().hSession(), kFirstSession);
     expectUntouched(retained);
+    const bool left = point.n() == kCloseSession || (point.n() == kTokenInfo && !point.once());
+    EXPECT_EQ(script.openSessions().size(), left ? 2U : 1U);
   });
 }
 

@@ -93,5 +93,12 @@ TEST_F(ReaderNameText, IsTakenForEmptyWhenItIsNull) {
   EXPECT_TRUE(framework->BindingKeyCert(Text{}, kPublicKey, nullptr));
 }
 
+TEST_F(ReaderNameText, DoesNotMatchWhereOnlyTheLowBytesAreAlike) {
+  (void)openAndList();
+  EXPECT_FALSE(framework->BindingKeyCert(Text{u"\u0152eader"}, kPublicKey, nullptr));
+  setStoredDescription("Lecteur \xE9");
+  EXPECT_FALSE(framework->BindingKeyCert(Text{u"Lecteur \u01E9"}, kPublicKey, nullptr));
+}
+
 }  // namespace
 }  // namespace mirel::test

@@ -124,16 +124,32 @@ TEST_F(SignHash, HasTheLengthThatTheFrameworkReports) {
   }
 }
 
-/// A key of that name is not used, which the framework answers with success and the length of the modulus.
+/// For all of them the framework answers success and the length of the modulus.
 TEST_F(SignHash, IsZerosWhereNothingWasSigned) {
-  for (const std::size_t modulusLen : {128U, 256U}) {
-    SCOPED_TRACE(modulusLen);
-    useKey(modulusLen, "PSS");
-    expectSigned({}, Value(modulusLen, 0));
-    expectRefused({.capacity = modulusLen - 1}, modulusLen);
+  const struct {
+    const char* what;
+    const char* label = "MyKey";
+    CK_KEY_TYPE type = CKK_RSA;
+    bool fails = false;
+  } rows[] = {{.what = "a key named PSS", .label = "PSS"},
+              {.what = "a key without RSA in its name", .type = CKK_DSA},
+              {.what = "a signature that fails", .fails = true}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
+    const auto prepare = [&](std::size_t modulusLen) {
+      useKey(modulusLen, row.label, row.type);
+      if (row.fails) script.failCallOf("C_Sign", 0, CKR_DEVICE_ERROR);
+    };
+    for (const std::size_t modulusLen : {128U, 256U}) {
+      SCOPED_TRACE(modulusLen);
+      prepare(modulusLen);
+      expectSigned({}, Value(modulusLen, 0));
+      prepare(modulusLen);
+      expectRefused({.capacity = modulusLen - 1}, modulusLen);
+    }
+    prepare(257);
+    expectRefused({.capacity = kAllOnes}, 257);
   }
-  useKey(257, "PSS");
-  expectRefused({.capacity = kAllOnes}, 257);
 }
 
 TEST_F(SignHash, NeedsNoHolderForTheSignatureButALength) {

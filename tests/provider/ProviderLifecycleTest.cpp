@@ -94,6 +94,17 @@ TEST_F(ProviderRelease, DropsAFrameworkWhoseServiceCouldBeClosedAndSucceedsWitho
   ProviderTest::expectUsableAgain();
 }
 
+TEST_F(ProviderRelease, FailsWithTheFirstTwoCallsAndIgnoresTheThird) {
+  failEachCall(3, [&](FailPoint& point) {
+    newProvider();
+    const auto fresh = giveFreshFramework();
+    point.arm();
+    const bool released = provider->releaseWithMirelCTKFramework();
+    EXPECT_EQ(released, point.n() >= 2);
+    EXPECT_EQ(provider->pCTKFramework(), released ? nullptr : fresh);
+  });
+}
+
 // ---- The object itself ----
 
 using ProviderObject = ProviderLifecycle;

@@ -60,10 +60,10 @@ CryptTKitSProvider::CertificateList ProviderTest::listedCertificates() {
   return certificates;
 }
 
-void ProviderTest::useKey(std::size_t modulusLen, std::string_view label) {
+void ProviderTest::useKey(std::size_t modulusLen, std::string_view label, CK_KEY_TYPE type) {
   script.card().objects.clear();
   const Value modulus = patternValue(modulusLen, 0xC5);
-  script.addObject(rsaPublicKey(bytesOf("01"), bytesOf(label), modulus));
+  script.addObject(rsaPublicKey(bytesOf("01"), bytesOf(label), modulus).with(CKA_KEY_TYPE, ulongValue(type)));
   script.addObject(rsaPrivateKey(bytesOf("01"), bytesOf(label), modulus));
 }
 

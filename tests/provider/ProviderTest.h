@@ -47,7 +47,7 @@ class ProviderTest : public ModuleTest {
   [[nodiscard]] CryptTKitSProvider::CertificateList listedCertificates();
 
   /// Puts another RSA key in the place of the card's objects, with the ID "01".
-  void useKey(std::size_t modulusLen, std::string_view label = "MyKey");
+  void useKey(std::size_t modulusLen, std::string_view label = "MyKey", CK_KEY_TYPE type = CKK_RSA);
 
   std::shared_ptr<CryptTKitSProvider> provider;
 };

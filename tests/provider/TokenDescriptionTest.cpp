@@ -158,6 +158,21 @@ TEST_F(TokenDescription, IsThatOfTheCardInTheReaderNamedAskedAnewEachTime) {
   EXPECT_EQ(label(reader()), padded(u"RENAMED", 32));
 }
 
+TEST_F(TokenDescription, SelectsTheCardAndLogsAFailureOfThat) {
+  failEachCall(kNumSelectingCalls, [&](FailPoint& point) {
+    newProvider();
+    init();
+    point.arm();
+    const Text description = provider->getSupportedTokenDescription(reader());
+    // What concerns the session for the token information is harmless.
+    const bool harmless = point.n() >= 7 || (point.n() == 5 && point.once());
+    EXPECT_FALSE(description.isNull());
+    EXPECT_EQ(description.isEmpty(), !harmless);
+    EXPECT_EQ(log->allLines, harmless ? std::vector<std::string>{} : std::vector<std::string>{kFailedLine});
+    EXPECT_EQ(framework().p11ServiceInfo() != nullptr, harmless);
+  });
+}
+
 TEST_F(TokenDescription, IsEmptyAndLoggedWithAFrameworkWhoseServiceIsNotOpen) {
   provider->setPCTKFramework(std::make_shared<MirelCTKFramework>(services()));
   expectDescription(u"");
