@@ -5,7 +5,6 @@
 
 #include <atomic>
 #include <string>
-#include <type_traits>
 #include <vector>
 
 #include "bridge/P11Bridge.h"
@@ -21,22 +20,46 @@ namespace {
 constexpr int kRounds = 4000;
 
 /// Value `which` (0 or 1), every part of which tells which one it is. Those that have storage are new each
-/// time, so that the last reference goes away while others read. Pointers are not followed.
+/// time, so that the last reference goes away while others read.
 template <typename Value>
-Value valueOf(unsigned which) {
-  const std::size_t length = which == 0 ? 40 : 80;
-  const std::uint64_t number = which == 0 ? 0x1111111111111111 : 0x2222222222222222;
-  if constexpr (std::is_same_v<Value, Text>) {
-    return Text{std::u16string(length, which == 0 ? u'a' : u'b')};
-  } else if constexpr (std::is_same_v<Value, Bytes>) {
-    return Bytes{std::vector<std::uint8_t>(length, static_cast<std::uint8_t>(which))};
-  } else if constexpr (std::is_same_v<Value, std::shared_ptr<const std::string>>) {
-    return std::make_shared<const std::string>(length, which == 0 ? 'a' : 'b');
-  } else if constexpr (std::is_pointer_v<Value>) {
-    return reinterpret_cast<Value>(number);
-  } else {
-    return static_cast<Value>(number);
-  }
+Value valueOf(unsigned which);
+template <>
+CK_ULONG valueOf(unsigned which) {
+  return which == 0 ? 0x1111111111111111 : 0x2222222222222222;
+}
+template <>
+std::int32_t valueOf(unsigned which) {
+  return which == 0 ? -1 : 0x22222222;
+}
+template <>
+Text valueOf(unsigned which) {
+  return Text{std::u16string(which == 0 ? 40 : 80, which == 0 ? u'a' : u'b')};
+}
+template <>
+Bytes valueOf(unsigned which) {
+  return Bytes{std::vector<std::uint8_t>(which == 0 ? 40 : 80, static_cast<std::uint8_t>(which))};
+}
+
+CK_RV someEntry(CK_FUNCTION_LIST**) { return CKR_OK; }
+CK_RV otherEntry(CK_FUNCTION_LIST**) { return CKR_GENERAL_ERROR; }
+CK_FUNCTION_LIST lists[2]{};
+int modules[2]{};
+
+template <>
+std::shared_ptr<const std::string> valueOf(unsigned which) {
+  return std::make_shared<const std::string>(which == 0 ? 40U : 80U, which == 0 ? 'a' : 'b');
+}
+template <>
+void* valueOf(unsigned which) {
+  return &modules[which];
+}
+template <>
+CK_C_GetFunctionList valueOf(unsigned which) {
+  return which == 0 ? &someEntry : &otherEntry;
+}
+template <>
+CK_FUNCTION_LIST* valueOf(unsigned which) {
+  return &lists[which];
 }
 
 template <typename Value>

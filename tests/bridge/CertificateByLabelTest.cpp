@@ -7,6 +7,8 @@ namespace {
 
 using ::testing::IsEmpty;
 
+using Claims = std::vector<std::optional<CK_ULONG>>;
+
 const CK_BYTE* labelBytes(std::string_view label) { return reinterpret_cast<const CK_BYTE*>(label.data()); }
 
 class CertBlobByLabelUnloaded : public UnloadedBridgeTest {};
@@ -130,6 +132,26 @@ TEST_F(CertBlobByLabel, ReportsTheLengthOfAValueTooLongToBeFetched) {
   script.deviations.claimedLengths[CKA_VALUE] = {1UL << 40U};
   expectLength(CKR_OK, 1UL << 40U);
   EXPECT_LE(memory->largestRequest(), 2000U);
+}
+
+TEST_F(CertBlobByLabel, JudgesTheLengthThatEachReadReports) {
+  const struct {
+    const char* what;
+    Claims claims;
+    CK_RV answer = CKR_BUFFER_TOO_SMALL;
+  } rows[] = {
+      {"more than the room", {1500}},
+      {"one too many on the second read", {80, 81}},
+      {"low 32 bits small on the second read", {80, 0x100000010}},
+      {"empty", {0}, CKR_ATTRIBUTE_VALUE_INVALID},
+      {"unavailable on the second read", {80, kAllOnes}, kRereadFailed | CKR_ATTRIBUTE_VALUE_INVALID},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
+    script.forgetCalls();
+    script.deviations.claimedLengths[CKA_VALUE] = row.claims;
+    expectRefused(row.answer, 100);
+  }
 }
 
 }  // namespace

@@ -31,7 +31,15 @@ TEST(CryptokiHeader, IsInTheTableWithAllItsKindsOfNames) {
   const CryptokiTable ours = ourCommonRows();
   EXPECT_EQ(rowsThatStartWith(ours, "signature of C_"), 68U);  // the number of functions in v2.40
   EXPECT_EQ(rowsThatStartWith(ours, "offsetof(CK_FUNCTION_LIST, "), 69U);
+  EXPECT_EQ(rowsThatStartWith(ours, "offsetof(CK_TOKEN_INFO, "), 18U);
+  EXPECT_EQ(rowsThatStartWith(ours, "offsetof(CK_SLOT_INFO, "), 5U);
+  EXPECT_EQ(rowsThatStartWith(ours, "offsetof(CK_SESSION_INFO, "), 4U);
+  EXPECT_EQ(rowsThatStartWith(ours, "offsetof(CK_ATTRIBUTE, "), 3U);
+  EXPECT_EQ(rowsThatStartWith(ours, "offsetof(CK_MECHANISM, "), 3U);
   EXPECT_GE(rowsThatStartWith(ours, "CKR_"), 90U);
+  EXPECT_GE(rowsThatStartWith(ours, "CKA_"), 20U);
+  EXPECT_GE(rowsThatStartWith(ours, "CKF_"), 20U);
+  EXPECT_GE(rowsThatStartWith(ours, "CKM_"), 8U);
   EXPECT_GE(rowsThatStartWith(ours, "sizeof(CK_ULONG)"), 1U);
 }
 

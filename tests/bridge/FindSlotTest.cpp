@@ -96,7 +96,8 @@ TEST_F(FindSlot, NeedsAnOutputAndGivesNoSlotWhenTheListsCannotBeHad) {
 }
 
 TEST_F(FindSlot, ChoosesTheFirstSlotWhoseDescriptionStartsWithTheText) {
-  readers({"Reader A 00", "Reader B 01"});
+  readers({"Reader A 00", "Reader B 01", "Reader \xC9t\xE9", std::string(64, 'R')});
+  setField(script.slot(4).info.manufacturerID, "RRRR");
   const struct {
     const char* what;
     Text text;
@@ -107,7 +108,11 @@ TEST_F(FindSlot, ChoosesTheFirstSlotWhoseDescriptionStartsWithTheText) {
       {"all of the second", Text{u"Reader B 01"}, 2},
       {"empty", Text{u""}, 1},
       {"null", Text{}, 1},
+      {"bytes above 0x7F, as unsigned numbers", Text{u"Reader \u00C9t\u00E9"}, 3},
+      {"all 64 characters", Text{std::u16string(64, u'R')}, 4},
+      {"65 characters that go on as the manufacturer does", Text{std::u16string(65, u'R')}},
       {"another reader", Text{u"Reader C"}},
+      {"a code unit whose low byte would match", Text{u"\u0152eader"}},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.what);

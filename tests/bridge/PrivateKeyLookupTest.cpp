@@ -122,5 +122,27 @@ TEST_F(CorrespondingPrivateKey, NeedsAnIdAndJudgesItsLength) {
   EXPECT_EQ(find(), CKR_ATTRIBUTE_TYPE_INVALID);
 }
 
+TEST_F(CorrespondingPrivateKey, NeverSearchesForMoreThanWasRead) {
+  const struct {
+    const char* what;
+    std::vector<std::optional<CK_ULONG>> claims;
+    CK_RV answer = CKR_BUFFER_TOO_SMALL;
+  } rows[] = {
+      {"one more than the buffer on the first read", {256}},
+      {"more than the buffer on the second read", {254, 4000}},
+      {"more than offered on the second read", {254, 255}},
+      {"low 32 bits small", {254, 0x100000010}},
+      {"all-ones on the second read", {254, kAllOnes}, kRereadFailed | CKR_ATTRIBUTE_VALUE_INVALID},
+      {"255 in both", {255}, CKR_KEY_HANDLE_INVALID},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
+    script.forgetCalls();
+    script.deviations.claimedLengths[CKA_ID] = row.claims;
+    EXPECT_EQ(find(), row.answer);
+    EXPECT_EQ(script.countOf("C_FindObjectsInit"), 0U);
+  }
+}
+
 }  // namespace
 }  // namespace mirel::test

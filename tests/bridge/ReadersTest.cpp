@@ -166,28 +166,49 @@ TEST_P(Readers, NeverAskForMoreMemoryThanTheirBound) {
   }
 }
 
-// What each read of an attribute may report is in AttributesTest.cpp.
-
-TEST_P(Readers, RefuseMissingAndEmptyValues) {
+TEST_P(Readers, RefuseMissingEmptyAndUnavailableValues) {
+  for (const CK_ULONG claimed : {CK_ULONG{0}, kAllOnes}) {
+    moduleClaims({claimed});
+    expectRefused(CKR_ATTRIBUTE_VALUE_INVALID);
+    expectLengthRefused(CKR_ATTRIBUTE_VALUE_INVALID);
+  }
+  script.deviations = {};
   script.object(object).attributes[GetParam().type] = {};
   expectLengthRefused(CKR_ATTRIBUTE_VALUE_INVALID);
   script.object(object).attributes.erase(GetParam().type);
   expectLengthRefused(CKR_ATTRIBUTE_TYPE_INVALID);
-  expectRefused(CKR_ATTRIBUTE_TYPE_INVALID);
+  script.deviations.silent = {"C_GetAttributeValue"};
+  expectLengthRefused(CKR_ATTRIBUTE_VALUE_INVALID);
 }
 
-TEST_P(Readers, RefuseALengthThatGrowsBetweenTheirReadsAndTakeTheLastOfOneThatShrinks) {
-  // The buffer has the size that the first read reported.
-  for (const Claims& claims : {Claims{60, 61}, Claims{60, 60, 61}, Claims{60, 60, 0x10000003C}}) {
+TEST_P(Readers, RefuseALengthThatGrowsBetweenTheReads) {
+  // The claims of the 1st, 2nd, ... read; the buffer has the size that the first one reported.
+  for (const Claims& claims :
+       {Claims{128, 600}, Claims{128, 129}, Claims{60, 60, 199}, Claims{60, 60, 61}, Claims{60, 60, 5000},
+        Claims{60, 1UL << 40U}, Claims{60, 60, 1UL << 40U}, Claims{60, 0x10000003C},
+        Claims{60, 60, 0x10000003C}, Claims{60, kAllOnes - 1}}) {
     SCOPED_TRACE(::testing::PrintToString(claims));
     moduleClaims(claims);
     expectRefused(CKR_BUFFER_TOO_SMALL);
   }
-  script.deviations = {};
+}
+
+TEST_P(Readers, TakeTheLastLengthOfAValueThatShrinksAndRefuseOneThatVanishesBetweenTheReads) {
   script.deviations.valuesInTurn[GetParam().type] = {patternValue(60, 1), patternValue(50, 2)};
-  script.forgetCalls();
   ResultBuffer out{50};
   expectRead(out, patternValue(50, 2));
+  script.deviations = {};
+  for (const CK_ULONG claimed : {CK_ULONG{0}, kAllOnes}) {
+    for (std::size_t honest = 1; honest < GetParam().calls; ++honest) {
+      SCOPED_TRACE(::testing::Message() << claimed << " after " << honest << " honest reads");
+      Claims claims(honest, std::nullopt);
+      claims.emplace_back(claimed);
+      moduleClaims(claims);
+      // Only the read that is the value's own second one marks its failure.
+      const bool marked = honest + 1 == GetParam().calls;
+      expectRefused((marked ? kRereadFailed : CKR_OK) | CKR_ATTRIBUTE_VALUE_INVALID);
+    }
+  }
 }
 
 // ---- The parameters beside a point ----

@@ -93,6 +93,16 @@ TEST(KeyRecord, CopyHasTheSameValuesAndKeepsThemWhenTheSourceChanges) {
   EXPECT_EQ(copy->keyID(), Text{u"id"});
 }
 
+TEST(KeyRecord, KeepsNullAndEmptyApartThroughACopy) {
+  PKCS11_ASYMKEY_INFO source;
+  source.setKeyID(Text{u""});
+  source.setPKeyValue(Bytes{std::vector<std::uint8_t>{}});
+  const auto copy = source.mutableCopyWithZone();
+  EXPECT_EQ(copy->keyID(), Text{u""});
+  EXPECT_TRUE(copy->keyName().isNull());
+  EXPECT_FALSE(copy->pKeyValue().isNull());
+}
+
 TEST(CertificateRecord, CopyHasTheSameValues) {
   using Record = PKCS11_CERTIFICATEOBJ_INFO;
   Record source;
@@ -138,6 +148,32 @@ TEST(CardRecord, SharesItsArraysWithItsCopyUntilOneGetsAnother) {
   EXPECT_TRUE(source.pAsymKeys()->empty());
   copy->setPAsymKeys(nullptr);
   EXPECT_NE(source.pAsymKeys(), nullptr);
+}
+
+TEST(CardRecord, HandsStructuresOutAndTakesThemInByValue) {
+  PKCS11_SERVICE_INFO record;
+  CK_SESSION_INFO info{1, 2, 3, 4};
+  record.setHSessionInfo(info);
+  info.state = 99;
+  EXPECT_EQ(record.hSessionInfo().state, 2U);
+  info = record.hSessionInfo();
+  info.flags = 7;
+  EXPECT_EQ(record.hSessionInfo().flags, 3U);
+}
+
+TEST(CardRecord, ReleasesItsArraysWithItsLastCopy) {
+  std::shared_ptr<PKCS11_SERVICE_INFO> copy;
+  std::weak_ptr<PKCS11_ASYMKEY_INFO> key;
+  {
+    PKCS11_SERVICE_INFO source;
+    source.setPAsymKeys(std::make_shared<KeyRecords>());
+    source.pAsymKeys()->push_back(std::make_shared<PKCS11_ASYMKEY_INFO>());
+    key = source.pAsymKeys()->front();
+    copy = source.mutableCopyWithZone();
+  }
+  EXPECT_FALSE(key.expired());
+  copy.reset();
+  EXPECT_TRUE(key.expired());
 }
 
 }  // namespace
