@@ -184,7 +184,7 @@ std::string tellLogin(World& world) {
   TKSmartCard* const card = [world.session smartCard];
   std::string text = tellBool(world);
   if ([card sensitive]) text += " sensitive";
-  if ([card context]) text += " marked";
+  if ([[card context] isEqual:@YES]) text += " marked";
   return [world.operation PIN] ? text + " PIN" : text;
 }
 

@@ -88,5 +88,10 @@ TEST_P(BothImplementations, SayTheSame) {
 INSTANTIATE_TEST_SUITE_P(Scenarios, BothImplementations, ::testing::ValuesIn(scenarios()),
                          [](const auto& info) { return info.param.name; });
 
+TEST(ScenarioTexts, LeaveOutAddresses) {
+  EXPECT_EQ(withoutAddresses("[MirelSCToken-1] token = <MirelSCToken: 0x55d0c0ffee10>, 0x12"),
+            "[MirelSCToken-1] token = <MirelSCToken>, 0x12");
+}
+
 }  // namespace
 }  // namespace mirel::test

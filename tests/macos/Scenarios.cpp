@@ -101,7 +101,12 @@ std::vector<Scenario> insertions() {
       {"KeyThatSigns", onlyInsert, {"can sign log in"}},
       {"KeyThatDecrypts", onlyInsert, {"can decrypt"}, cardFor(kKeyEncipherment)},
       {"KeyThatExchanges", onlyInsert, {"can exchange"}, cardFor(kKeyAgreement)},
+      {"KeyThatDoesAll",
+       onlyInsert,
+       {"can sign log in"},
+       cardFor(kDigitalSignature | kKeyEncipherment | kKeyAgreement)},
       {"KeyThatDoesNothing", onlyInsert, {"can, certificate"}, cardFor(1U << 6U)},
+      {"SeveralKeys", onlyInsert, {"key \"01\"", "key \"02\"", "key \"03\""}, severalKeys},
       {"NoModule",
        onlyInsert,
        {"insert Reader A 00: failed", "initWithMirelCTKFramwork fail"},
@@ -127,6 +132,20 @@ std::vector<Scenario> insertions() {
        [](Script& script) {
          rename(script, std::string_view{"\0\xFFx", 3}, "M\xC3\xBCller\n");
        }},
+      {"FailingModule",
+       onlyInsert,
+       {"insert Reader A 00"},
+       [](Script& script) {
+         script.failCallOf("C_FindObjectsInit", 0, CKR_DEVICE_ERROR, Times::kFromThenOn);
+       }},
+      {"AnotherCard",
+       [](Play& play, Script& script) {
+         play.insert();
+         play.remove();
+         setUsage(script, kKeyEncipherment);
+         play.insert();
+       },
+       {"can sign", "can decrypt"}},
   };
 }
 
@@ -143,6 +162,13 @@ std::vector<Scenario> logins() {
        {"finish: failed, error CryptoTokenKit -5 NSLocalizedDescription", "tries left: 2",
         "error CryptoTokenKit -9", "finish: succeeded", "sign RSASignatureRaw 01: succeeded, data"},
        tellingTheTriesLeft},
+      {"LockedPin",
+       [](Play& play, Script&) {
+         for (int i = 0; i < 4; ++i) play.logIn(0, "000000");
+         play.logIn(0);
+         play.sign(0, kBlock);
+       },
+       {"finish: failed", "finish: failed", "finish: failed", "finish: failed", "finish: failed"}},
       {"NineCharacters",
        [](Play& play, Script&) {
          play.logIn(0, "123456789");
@@ -155,6 +181,12 @@ std::vector<Scenario> logins() {
          play.logIn(0, "");
        },
        {"finish: failed, error CryptoTokenKit -5", "finish: failed"}},
+      {"TriesLeftOfTheDevice",
+       [](Play& play, Script&) {
+         for (int i = 0; i < 3; ++i) play.logIn(0, "000000");
+       },
+       {"tries left: 2", "tries left: 1", "finish: failed"},
+       tellingTheTriesLeft},
       {"OtherConstraints",
        [](Play& play, Script&) {
          for (const char* constraint : {"YES", "NO", "Biometry", "", "pin", "PIN", "PINAlways"})
@@ -189,6 +221,13 @@ std::vector<Scenario> uses() {
       {"SupportOfAKeyThatOnlySigns",
        [](Play& play, Script&) { play.supportOfEverything(0, "01"); },
        {"supports 2 01", "supports 3 01:"}},
+      {"SignatureWithoutALogin",
+       [](Play& play, Script&) {
+         play.sign(0, kBlock);
+         play.decrypt(0, kBlock);
+       },
+       {"sign RSASignatureRaw 01: failed, error CryptoTokenKit -9",
+        "decrypt RSAEncryptionPKCS1 01: failed, error CryptoTokenKit -9"}},
       {"SignatureWithWhatThereIsNot",
        [](Play& play, Script&) {
          play.sign(0, kBlock, "RSASignatureRaw", "02");
@@ -212,6 +251,36 @@ std::vector<Scenario> uses() {
        {"sign RSASignatureRaw 01: succeeded, data",
         "sign ECDSASignatureDigestX962SHA256 02: succeeded, data"},
        severalKeys},
+      {"KeyNamedForPss",
+       [](Play& play, Script&) {
+         play.logIn(0, "123456", kSigning, "pss1");
+         play.sign(0, kDigest, "RSASignatureDigestPKCS1v15Raw", "pss1");
+         play.sign(0, kBlock, "RSASignatureRaw", "pss1");
+       },
+       {"sign RSASignatureDigestPKCS1v15Raw pss1: succeeded, data"},
+       [](Script& script) { rename(script, "pss1", "My PSS key"); }},
+      {"CardPulledBeforeTheSignature",
+       [](Play& play, Script& script) {
+         play.logIn(0);
+         script.pullCard();
+         play.sign(0, kBlock);
+       },
+       {"finish: succeeded", "sign RSASignatureRaw 01: succeeded, data , no error"}},
+      {"CardPulledBeforeTheLogin",
+       [](Play& play, Script& script) {
+         script.pullCard();
+         play.logIn(0);
+         play.sign(0, kBlock);
+       },
+       {"finish: failed, error CryptoTokenKit -5", "error CryptoTokenKit -9"}},
+      {"CardRefusesTheSignature",
+       [](Play& play, Script& script) {
+         play.logIn(0);
+         script.failCallOf("C_Sign", 0, CKR_FUNCTION_FAILED);
+         play.sign(0, kBlock);
+         play.sign(0, kBlock);
+       },
+       {"sign RSASignatureRaw 01: succeeded, data 00000000", "sign RSASignatureRaw 01: succeeded, data"}},
       {"Decryption",
        [](Play& play, Script&) {
          play.logIn(0, "123456", kDecrypting);

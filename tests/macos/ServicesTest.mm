@@ -41,6 +41,20 @@ using ::testing::HasSubstr;
 using ::testing::SizeIs;
 using ::testing::StartsWith;
 
+// ---- The double, where it could hide what is wrong with ours ----
+
+TEST(Double, HidesDynamicTextsThatAreNotPublic) {
+  const LogRecorder recorder;
+  os_log(OS_LOG_DEFAULT, "<%{public}s>", "card");
+  os_log(OS_LOG_DEFAULT, "<%s>", "card");
+  EXPECT_THAT(recorder.texts(), ElementsAre("default: <card>", "default: <<private>>"));
+}
+
+TEST(DoubleDeathTest, ReferencesThatAreReleasedMustNotBeNull) {
+  CFTypeRef volatile nothing = nullptr;
+  EXPECT_DEATH(CFRelease((CFTypeRef)nothing), "CFRelease: NULL");
+}
+
 // ---- The user ----
 
 TEST(MacUserDirectory, KnowsTheLoginNameOfThePlatformAndBuildsItsHome) {

@@ -55,6 +55,14 @@ TEST_F(SessionAdapter, IsTheSessionOfItsPinOperations) {
   EXPECT_TRUE([static_cast<::MirelSCTokenAuth*>(system->authOperation()) session] == session());
 }
 
+TEST_F(SessionAdapter, MarksItsCardAfterTheRightPin) {
+  ASSERT_TRUE(logIn().succeeded);
+  EXPECT_EQ([session() authState], 1);
+  EXPECT_EQ(system->cardContext(0), true);
+  EXPECT_TRUE(system->cardIsSensitive(0));
+  EXPECT_EQ(signature().data, resultOf(CKM_RSA_X_509, kBlock, 256));
+}
+
 TEST_F(SessionAdapter, LosesItsKeysWithTheMarkUntilTheNextPin) {
   ASSERT_TRUE(logIn().succeeded);
   system->resetCard();

@@ -275,5 +275,13 @@ TEST_F(TokenAdapter, PrintsThePlatformsObjects) {
   }
 }
 
+// ---- The system that plays the platform ----
+
+TEST_F(TokenAdapter, HasADriverOfTheNameInThePropertyList) {
+  EXPECT_TRUE(system->hasDriver());
+  EXPECT_FALSE(TokenSystem{"NoSuchClass"}.hasDriver());
+  EXPECT_FALSE(TokenSystem{"NSObject"}.hasDriver());
+}
+
 }  // namespace
 }  // namespace mirel::test

@@ -58,6 +58,8 @@ struct PublishedItem {
   /// What the key's own class adds; nothing when the class has no such property.
   std::optional<std::string> certificateID{};
   std::optional<bool> alwaysAuthenticate{};
+
+  [[nodiscard]] bool operator==(const PublishedItem&) const = default;
 };
 
 /// An authentication that is under way.
@@ -87,6 +89,9 @@ class TokenSystem {
   TokenSystem& operator=(const TokenSystem&) = delete;
   /// Drops everything.
   ~TokenSystem();
+
+  /// False when there is no such class, or when it is no driver.
+  [[nodiscard]] bool hasDriver() const;
 
   /// A card is put into that reader. Succeeded: there is a token.
   Outcome offerCard(const std::string& readerName, ErrorPointer pointer = ErrorPointer::kEmpty,
@@ -123,6 +128,9 @@ class TokenSystem {
   Outcome exchange(SessionNumber session, const ByteVector& publicKey, const std::string& key,
                    const std::string& algorithm, ErrorPointer pointer = ErrorPointer::kEmpty);
 
+  /// The marks on the session's connection to the card: true, false, or nothing.
+  [[nodiscard]] std::optional<bool> cardContext(SessionNumber session) const;
+  [[nodiscard]] bool cardIsSensitive(SessionNumber session) const;
   /// The card is reset, so its connections lose their marks.
   void resetCard();
 
@@ -141,6 +149,7 @@ class TokenSystem {
 
 // What failing tests show.
 void PrintTo(const Outcome& outcome, std::ostream* out);
+void PrintTo(const PublishedItem& item, std::ostream* out);
 
 /// The names of all algorithms, without their prefix.
 [[nodiscard]] std::vector<std::string> algorithmNames();

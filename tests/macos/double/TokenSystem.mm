@@ -170,6 +170,8 @@ TokenSystem::TokenSystem(const std::string& driverClass) : state_{std::make_uniq
 
 TokenSystem::~TokenSystem() { removeCard(); }
 
+bool TokenSystem::hasDriver() const { return driver() != nil; }
+
 Outcome TokenSystem::offerCard(const std::string& readerName, ErrorPointer pointer,
                                const std::optional<ByteVector>& aid) {
   @autoreleasepool {
@@ -315,6 +317,17 @@ Outcome TokenSystem::exchange(SessionNumber number, const ByteVector& publicKey,
   });
 }
 
+std::optional<bool> TokenSystem::cardContext(SessionNumber number) const {
+  @autoreleasepool {
+    const id context = [[state_->session(number) smartCard] context];
+    return context ? std::optional<bool>{[context boolValue]} : std::nullopt;
+  }
+}
+
+bool TokenSystem::cardIsSensitive(SessionNumber number) const {
+  return [[state_->session(number) smartCard] sensitive];
+}
+
 void TokenSystem::resetCard() {
   @autoreleasepool {
     [(TKSmartCard*)state_->card.get() setContext:nil];
@@ -336,6 +349,16 @@ void PrintTo(const Outcome& outcome, std::ostream* out) {
   if (!outcome.error) return;
   *out << ", error " << outcome.error->domain << ' ' << outcome.error->code << ' '
        << testing::PrintToString(outcome.error->userInfo);
+}
+
+void PrintTo(const PublishedItem& item, std::ostream* out) {
+  *out << item.className << ' ' << item.objectID << ", label " << testing::PrintToString(item.label)
+       << ", constraints " << testing::PrintToString(item.constraints);
+  if (!item.isKey) return;
+  *out << ", can" << (item.canSign ? " sign" : "") << (item.canDecrypt ? " decrypt" : "")
+       << (item.canPerformKeyExchange ? " exchange" : "") << (item.suitableForLogin ? " log in" : "")
+       << ", certificateID " << testing::PrintToString(item.certificateID) << ", alwaysAuthenticate "
+       << testing::PrintToString(item.alwaysAuthenticate);
 }
 
 std::vector<std::string> algorithmNames() {
