@@ -13,7 +13,7 @@
 /// the commands run in processes made of this one, which have them too.
 ///
 ///   --every N       every N-th fault of each command
-///   --command TEXT  commands with that text
+///   --command TEXT  commands that begin with that text
 ///   --only TEXT     faults with that text, and what each run came to
 ///   --list          the faults, without runs
 
@@ -70,7 +70,7 @@ class Matrix {
       std::puts("|---|---|---|---|---|---|---|---|");
     }
     for (const CardCommand& command : runs_.commands()) {
-      if (command.name.find(wanted_.command) != std::string::npos) runOne(command);
+      if (command.name.starts_with(wanted_.command)) runOne(command);
     }
     if (wanted_.list) return 0;
     print("all", 0, all_);
