@@ -167,10 +167,10 @@ def check_no_clang(checks, machine):
     code, shown, calls = machine.check()
     checks.equal(f"no numbered clang: {shown}", code, 0)
     checks.equal("the one without a number", compilers_of(checks, calls)["asan"], ("clang++", "clang++"))
-    left = "^(fuzz|macos|bridge|framework|provider|token|platform|host)$"
+    left = "^(fuzz|macos|bridge|framework|provider|token|platform|host|recordings)$"
     pages = "^end_to_end_tests:Examples|^completions"
     checks.equal("all that is tested", tested(calls),
-                 [("release", "-E", "^faults:", "-LE", left), ("asan", "-LE", "^sources$", "-E", pages),
+                 [("release", "-E", "^faults:|^cli_tests", "-LE", left), ("asan", "-LE", "^sources$", "-E", pages),
                   ("tsan", "-R", "(atomic|thread)_tests:")])
 
 
