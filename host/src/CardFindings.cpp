@@ -7,6 +7,7 @@
 #include <deque>
 #include <map>
 #include <set>
+#include <utility>
 
 #include "CardInspector.h"
 #include "KeyValue.h"
@@ -128,11 +129,14 @@ std::string signingPhrase(ModulePadding padding, int keySizeInBits) {
   return pss + "; " + users + " unknown until a trial";
 }
 
-void CardFindings::add(Finding finding, const Text& id) { located_.push_back({std::move(finding), id}); }
+void CardFindings::add(Finding finding, const Text& id) {
+  located_.push_back({std::move(finding), id, false});
+}
 
 bool CardFindings::has(FindingID finding, const Text& id) const {
   return std::any_of(located_.begin(), located_.end(), [&](const Located& located) {
-    return located.finding.id == finding && !located.id.isNull() && located.id == id;
+    return located.finding.id == finding && !located.id.isNull() && located.id == id &&
+           !located.sparesTheFirst;
   });
 }
 
@@ -183,8 +187,10 @@ void CardFindings::addSharedIDs() {
 
 void CardFindings::addCertificatesOfOtherKeys() {
   if (!contents_.failedRead.empty()) return;  // the right key may not have been read
+  std::set<std::u16string> seen;
   for (const CardObject& certificate : contents_.certificates) {
     if (!isPublishable(certificate)) continue;
+    const bool isFirst = seen.insert(std::u16string{certificate.about.id.units()}).second;
     const auto fields = fieldsOfCertificate(certificate.data.view());
     if (!fields) continue;
     const KeyValue wanted = valueOf(*fields);
@@ -200,11 +206,13 @@ void CardFindings::addCertificatesOfOtherKeys() {
     const KeyValue value = valueOf(*other);
     const std::string otherText =
         value.value.empty() ? "the key type " + std::to_string(other->keyType) : textOf(value);
-    add({kCertificateOfOtherKey, kFailure,
-         subjectOf("certificate", certificate.about.id, certificate.about.label),
-         "certificate and public key differ: it has " + textOf(wanted) + ", the " +
-             subjectOf("public key", other->about.id, other->about.label) + " has " + otherText},
-        certificate.about.id);
+    located_.push_back(
+        {{kCertificateOfOtherKey, kFailure,
+          subjectOf("certificate", certificate.about.id, certificate.about.label),
+          "certificate and public key differ: it has " + textOf(wanted) + ", the " +
+              subjectOf("public key", other->about.id, other->about.label) + " has " + otherText},
+         certificate.about.id,
+         !isFirst});
   }
 }
 
@@ -419,10 +427,12 @@ void CardFindings::finish(CardReport& report) {
     if (a.finding.severity != b.finding.severity) return isWorse(a.finding.severity, b.finding.severity);
     return a.finding.id < b.finding.id;
   });
-  for (const auto& [finding, id] : located_) {
+  for (const auto& [finding, id, sparesTheFirst] : located_) {
     report.findings.push_back(finding);
+    bool isSpared = sparesTheFirst;
     for (KeyReport& key : report.keys) {
-      if (!id.isNull() && key.objectID == id) key.findings.push_back(finding);
+      if (id.isNull() || !(key.objectID == id)) continue;
+      if (!std::exchange(isSpared, false)) key.findings.push_back(finding);
     }
   }
 }

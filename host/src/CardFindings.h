@@ -36,8 +36,10 @@ class CardFindings {
   struct Located {
     Finding finding;
     Text id;
+    bool sparesTheFirst = false;  ///< of several keys with that ID it is about the others
   };
 
+  /// Whether the first key with that ID has it.
   [[nodiscard]] bool has(FindingID finding, const Text& id) const;
   void addKey(const PublishedKey& key, bool isRepeated, KeyReport& report);
   [[nodiscard]] bool hasSeveralKeys(const Text& id) const;

@@ -1,5 +1,8 @@
 /// What a report says of the keys of a card and of its PIN.
 
+#include <algorithm>
+#include <tuple>
+
 #include "host/CardReportTest.h"
 
 namespace mirel::test {
@@ -132,6 +135,26 @@ TEST_F(CardReportKeys, WorkTheSameWithAnotherCertificateOfTheSameUse) {
     EXPECT_THAT(report.keys[0].works, HasSubstr("signs RSA-PSS"));
     EXPECT_THAT(report.keys[1].works, HasSubstr(works));
     EXPECT_THAT(troubles(report), ElementsAre("MT-C18"));
+  }
+}
+
+TEST_F(CardReportKeys, WorkForNothingWhereTheFirstCertificateOfTheirIDIsOfAnotherKey) {
+  const auto isOf = [](const Finding& finding) { return finding.id == kCertificateOfOtherKey; };
+  for (const bool rightIsFirst : {true, false}) {
+    SCOPED_TRACE(rightIsFirst);
+    clearCard();
+    addPublicKey("01", "Key");
+    addPrivateKey("01", "Key");
+    addCertificate("01", "First", kForSigning, rightIsFirst ? rsa() : otherRsa());
+    addCertificate("01", "Second", kForSigning, rightIsFirst ? otherRsa() : rsa());
+    const CardReport report = this->report();
+    ASSERT_EQ(report.keys.size(), 2U);
+    const auto& [first, second] = std::tie(report.keys[0], report.keys[1]);
+    EXPECT_THAT(first.works,
+                HasSubstr(rightIsFirst ? "signs RSA-PSS" : "its certificate belongs to another"));
+    EXPECT_EQ(second.works, "nothing: the keychain finds another key with its ID first");
+    EXPECT_EQ(std::any_of(first.findings.begin(), first.findings.end(), isOf), !rightIsFirst);
+    EXPECT_TRUE(std::any_of(second.findings.begin(), second.findings.end(), isOf));
   }
 }
 

@@ -120,6 +120,12 @@ TEST_F(KeyAbility, ExplainsASignatureThatDoesNotVerify) {
          addKey("01", "Second", kForSigning, otherRsa());
        },
        "several objects share one ID (ID 3031: 2 certificates (\"First\", \"Second\")"},
+      {"another certificate with its ID",
+       [&] {
+         addKey("01", "First");
+         addCertificate("01", "Second", kForSigning, otherRsa());
+       },
+       "several objects share one ID (ID 3031: 2 certificates (\"First\", \"Second\")"},
       {"PIN for each use",
        [&] {
          addKey("01", "MyKey");
