@@ -221,8 +221,10 @@ Failure Host::listingFailure(const Reader& reader, const std::optional<FailedCal
   // To prepare a card empties it, so that is said only where nothing else is known to be wrong.
   const bool bare = !reader.tokenInitialised && !reader.unreadable && !failedAnew;
   if (bare && (!cause || cause->result == CKR_TOKEN_NOT_RECOGNIZED)) {
-    return enumerationFailure(reader, cause ? answerText(*cause) : "the module gives no reason",
-                              kNotInitialised);
+    Failure unprepared = enumerationFailure(reader, cause ? answerText(*cause) : "the module gives no reason",
+                                            kNotInitialised);
+    if (cause) unprepared.result = cause->result;
+    return unprepared;
   }
   Failure failure = cause ? enumerationFailure(reader, *cause)
                           : enumerationFailure(reader, "the module gives no reason", UserStep::kSeeLog);

@@ -339,6 +339,33 @@ TEST_F(Doctor, TellsOfACardThatIsNotInitialisedWhereThereIsNoOther) {
   EXPECT_EQ(checkIn(found, "objects").evidence, "the card is not initialised");
 }
 
+TEST_F(Doctor, AdvisesToEmptyNoCardForWhichAnotherReasonIsKnown) {
+  const struct {
+    const char* name;
+    std::function<void()> make;
+    const char* code;
+  } rows[] = {
+      {"a session that fails",
+       [this] { script.failCallOf("C_OpenSession", 0, CKR_DEVICE_ERROR, Times::kFromThenOn); }, "MT-T01"},
+      {"a search that fails",
+       [this] { script.failCallOf("C_FindObjects", 0, CKR_DEVICE_ERROR, Times::kFromThenOn); }, "MT-T01"},
+      {"a card that was taken out",
+       [this] { script.failCallOf("C_OpenSession", 0, CKR_DEVICE_REMOVED, Times::kFromThenOn); }, "MT-T04"},
+      {"an object that hides it", [this] { script.object(kPublicKey).attributes[CKA_LABEL].clear(); },
+       "MT-C02"},
+  };
+  for (const auto& [name, make, code] : rows) {
+    SCOPED_TRACE(name);
+    script.reset();
+    script.card().info.flags &= ~CKF_TOKEN_INITIALIZED;
+    make();
+    const Diagnosis found = diagnosis();
+    EXPECT_THAT(codesOf(found), ::testing::Contains(code));
+    EXPECT_THAT(codesOf(found), ::testing::Not(::testing::Contains("MT-T02")));
+    EXPECT_EQ(found.verdict(), Severity::kFailure);
+  }
+}
+
 // ---- The PIN ----
 
 TEST_F(Doctor, KnowsACountOfTriesThatTheModuleReports) {

@@ -229,6 +229,13 @@ Finding unreadCard(const Failure& failure) {
   return {isGone ? kCardWentAway : kTokenUnreadable, Severity::kFailure, {}, failure.why};
 }
 
+/// Whether a card that says that it is not initialised was not inserted for that: nothing else is known. To
+/// prepare it would empty it.
+bool isUnprepared(const Failure& failure, const CardReport& report) {
+  if (report.hidden) return false;
+  return failure.result ? *failure.result == CKR_TOKEN_NOT_RECOGNIZED : report.failedRead.empty();
+}
+
 void skipAfterCard(Checks& checks, const std::string& reason) {
   for (const Checkpoint& point : {kPin, kObjects, kKeys}) checks.skip(point, reason);
   skipLogin(checks, reason);
@@ -261,12 +268,13 @@ void checkCard(Host& host, const Reader& reader, const PinsForReader& pins, cons
   const auto card = host.insert(reader.name);
   if (!card) {
     const std::string& why = card.failure().why;
-    if (!reader.tokenInitialised) {
+    const CardReport report = host.examine(reader);
+    if (!reader.tokenInitialised && isUnprepared(card.failure(), report)) {
       checks.add(kCardCheck, why, {{kTokenNotInitialised, Severity::kFailure, {}, why}});
       return skipAfterCard(checks, "the card is not initialised");
     }
-    const CardReport report = host.examine(reader);
     std::vector<Finding> findings = findingsOf('T', report);
+    std::erase_if(findings, [](const Finding& finding) { return finding.id == kTokenNotInitialised; });
     // An object that hides the card is told with the objects, and a reader that cannot be used with those.
     if (worstOf(findings) != Severity::kFailure && !report.hidden &&
         !checks.findingAbout(subject, kReasons) && !checks.has(kTooManyCards)) {
