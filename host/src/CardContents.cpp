@@ -25,11 +25,28 @@ struct Attribute {
   bool unread = false;  ///< the module failed
 };
 
+/// Keeps the first call that failed.
+class FirstFailure {
+ public:
+  FirstFailure(std::string& outFailedRead, bool& outIsGone)
+      : failedRead_{outFailedRead}, isGone_{outIsGone} {}
+
+  void note(const FailedCall& call) {
+    if (!failedRead_.empty()) return;
+    failedRead_ = answerText(call);
+    isGone_ = isGone_ || meaningOf(call.name, call.result).kind == FailureKind::kCardGone;
+  }
+
+ private:
+  std::string& failedRead_;
+  bool& isGone_;
+};
+
 /// Finds and reads in one session, and keeps the first call that failed.
 class ObjectReader {
  public:
-  ObjectReader(const P11Bridge& bridge, CK_SESSION_HANDLE session, std::string& outFailedRead)
-      : bridge_{bridge}, session_{session}, failedRead_{outFailedRead} {}
+  ObjectReader(const P11Bridge& bridge, CK_SESSION_HANDLE session, FirstFailure firstFailure)
+      : bridge_{bridge}, session_{session}, firstFailure_{firstFailure} {}
 
   /// As many as `most`, and whether there are more.
   [[nodiscard]] std::vector<CK_OBJECT_HANDLE> find(CK_OBJECT_CLASS objectClass, CK_ULONG most,
@@ -102,7 +119,7 @@ class ObjectReader {
 
  private:
   void note(const char* function, CK_RV rv) {
-    if (failedRead_.empty() && isFailedRead(function, rv)) failedRead_ = answerText({function, rv});
+    if (isFailedRead(function, rv)) firstFailure_.note({function, rv});
   }
   [[nodiscard]] Attribute unreadable(CK_RV rv) {
     note(kGetAttribute, rv);
@@ -115,7 +132,7 @@ class ObjectReader {
 
   const P11Bridge& bridge_;
   CK_SESSION_HANDLE session_;
-  std::string& failedRead_;
+  FirstFailure firstFailure_;
   std::map<CK_ATTRIBUTE_TYPE, std::vector<CK_BYTE>> kept_;  ///< of one object, until they are asked for
 };
 
@@ -243,10 +260,10 @@ PrivateKeyObject readPrivateKey(ObjectReader& reader, CK_OBJECT_HANDLE handle) {
   return key;
 }
 
-bool isLoggedIn(const P11Bridge& bridge, CK_SESSION_HANDLE session, std::string& outFailure) {
+bool isLoggedIn(const P11Bridge& bridge, CK_SESSION_HANDLE session, FirstFailure failure) {
   CK_SESSION_INFO info{};
   if (const CK_RV rv = bridge.inspectSession(session, info); rv != CKR_OK) {
-    outFailure = answerText({"C_GetSessionInfo", rv});
+    failure.note({"C_GetSessionInfo", rv});
     return false;
   }
   return info.state == CKS_RO_USER_FUNCTIONS || info.state == CKS_RW_USER_FUNCTIONS;
@@ -261,15 +278,16 @@ CardContents readCard(const P11Bridge& bridge, CK_SLOT_ID slotID, CertificatePar
     contents.failedRead = "there is no module";
     return contents;
   }
+  FirstFailure failure{contents.failedRead, contents.isGone};
   CK_SESSION_HANDLE session = 0;
   if (const CK_RV rv = bridge.openInspection(slotID, session); rv != CKR_OK) {
-    contents.failedRead = answerText({"C_OpenSession", rv});
+    failure.note({"C_OpenSession", rv});
     return contents;
   }
-  contents.loggedIn = afterLogin && isLoggedIn(bridge, session, contents.failedRead);
+  contents.loggedIn = afterLogin && isLoggedIn(bridge, session, failure);
   contents.failedPrivateRead = contents.failedRead;  // without the login's state nothing private is known
 
-  ObjectReader reader{bridge, session, contents.failedRead};
+  ObjectReader reader{bridge, session, failure};
   for (const CK_OBJECT_HANDLE handle :
        reader.find(CKO_PUBLIC_KEY, kMaxListedObjects, contents.morePublicKeys)) {
     contents.publicKeys.push_back(readPublicKey(reader, handle, contents.loggedIn));
@@ -278,7 +296,7 @@ CardContents readCard(const P11Bridge& bridge, CK_SLOT_ID slotID, CertificatePar
        reader.find(CKO_CERTIFICATE, kMaxListedObjects, contents.moreCertificates)) {
     contents.certificates.push_back(readCertificate(reader, handle, contents.loggedIn, certificates));
   }
-  ObjectReader privateReader{bridge, session, contents.failedPrivateRead};
+  ObjectReader privateReader{bridge, session, {contents.failedPrivateRead, contents.isGone}};
   bool more = false;
   for (const CK_OBJECT_HANDLE handle : privateReader.find(CKO_PRIVATE_KEY, kMaxListedObjects, more)) {
     contents.privateKeys.push_back(readPrivateKey(privateReader, handle));

@@ -234,13 +234,20 @@ void CardFindings::addValidity(std::chrono::system_clock::time_point now) {
   }
 }
 
-void CardFindings::addWhatIsNotRead() {
+void CardFindings::addWhatIsNotRead(const std::string& reader) {
   const auto tell = [&](const char* what, const std::string& failed) {
     if (!failed.empty()) add({kObjectUnread, kUnknown, what, failed});
   };
-  if (contents_.failedRead == contents_.failedPrivateRead) {
+  const bool isToldAsGone = std::any_of(located_.begin(), located_.end(), [](const Located& located) {
+    return located.finding.id == kCardWentAway;
+  });
+  if (contents_.isGone && !isToldAsGone) {
+    const std::string& call =
+        contents_.failedRead.empty() ? contents_.failedPrivateRead : contents_.failedRead;
+    add({kCardWentAway, kUnknown, reader, call});
+  } else if (!isToldAsGone && contents_.failedRead == contents_.failedPrivateRead) {
     tell("objects", contents_.failedRead);
-  } else {
+  } else if (!isToldAsGone) {
     tell("public keys and certificates", contents_.failedRead);
     tell("private keys", contents_.failedPrivateRead);
   }

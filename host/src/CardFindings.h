@@ -21,7 +21,8 @@ class CardFindings {
   void addSharedIDs();
   void addCertificatesOfOtherKeys();
   void addValidity(std::chrono::system_clock::time_point now);
-  void addWhatIsNotRead();
+  /// `reader`: as findings name it.
+  void addWhatIsNotRead(const std::string& reader);
   void addLonelyPrivateKeys();
   /// Of a card without items in the keychain, where nothing that was added before says why.
   void addNothingPublished();

@@ -28,6 +28,8 @@ constexpr const char* kNotInitialised = "the card is not initialised: prepare it
 
 constexpr const char* kAnotherCard = "the reader holds another card than before";
 
+std::string subjectOf(const Reader& reader) { return "reader \"" + displayed(reader.name) + "\""; }
+
 std::string bytesOf(const Bytes& data) { return {data.view().begin(), data.view().end()}; }
 
 /// What the items of a card show of its objects.
@@ -235,7 +237,7 @@ Failure Host::listingFailure(const Reader& reader, const std::optional<FailedCal
 }
 
 std::vector<Finding> Host::tokenFindings(const Reader& reader, const Text& instanceID) {
-  const std::string subject = "reader \"" + displayed(reader.name) + "\"";
+  const std::string subject = subjectOf(reader);
   std::vector<Finding> findings = sharedInstanceFindings(reader, instanceID, lastFound_);
   CK_TOKEN_INFO token{};
   if (const CK_RV rv = bridge_->inspectToken(reader.slotID, token); rv != CKR_OK) {
@@ -299,7 +301,7 @@ CardReport Host::examine(const InsertedCard& card, bool afterLogin) {
   if (card.incomplete)
     findings.add({FindingID::kObjectUnread, Severity::kUnknown, "insertion", card.incomplete->why});
   findings.addUnpublished(report.unpublished);
-  findings.addWhatIsNotRead();
+  findings.addWhatIsNotRead(subjectOf(card.reader));
   findings.addLonelyPrivateKeys();
   findings.addSharedIDs();
   findings.addCertificatesOfOtherKeys();
@@ -326,7 +328,7 @@ CardReport Host::examine(const Reader& reader) {
   CardFindings findings{contents};
   for (const Finding& finding : tokenFindings) findings.add(finding);
   findings.addUnpublished(report.unpublished);
-  findings.addWhatIsNotRead();
+  findings.addWhatIsNotRead(subjectOf(reader));
   findings.addLonelyPrivateKeys();
   findings.addSharedIDs();
   findings.finish(report);

@@ -212,6 +212,37 @@ TEST_F(CardReportReads, TellTheCallThatFailed) {
   }
 }
 
+TEST_F(CardReportReads, TellOnceThatTheCardWentAway) {
+  for (const CK_RV code : {CKR_DEVICE_REMOVED, CKR_TOKEN_NOT_PRESENT, CKR_SESSION_HANDLE_INVALID}) {
+    for (const char* function :
+         {"C_GetTokenInfo", "C_OpenSession", "C_FindObjectsInit", "C_FindObjects", "C_GetAttributeValue"}) {
+      SCOPED_TRACE(std::string{function} + " " + cryptokiResultText(code));
+      script.reset();
+      clearCard();
+      addKey("01", "Signer");
+      const InsertedCard card = inserted();
+      script.failCallOf(function, 0, code, Times::kFromThenOn);
+      const CardReport report = host.examine(card);
+      const Finding gone = theFinding(report, kCardWentAway);
+      EXPECT_EQ(gone.severity, Severity::kUnknown);
+      EXPECT_EQ(gone.subject, "reader \"Reader A 00\"");
+      EXPECT_THAT(gone.evidence, StartsWith(std::string{function} + " answered " + cryptokiResultText(code)));
+      EXPECT_TRUE(std::none_of(report.findings.begin(), report.findings.end(),
+                               [](const Finding& finding) { return finding.id == kObjectUnread; }));
+    }
+  }
+}
+
+TEST_F(CardReportReads, TellThatTheCardWentAwayBeforeItsPrivateKeysWereRead) {
+  clearCard();
+  addKey("01", "Signer");
+  const InsertedCard card = inserted();
+  script.failCallOf("C_FindObjectsInit", 2, CKR_DEVICE_REMOVED);
+  const CardReport report = host.examine(card);
+  EXPECT_EQ(report.failedRead, "");
+  EXPECT_THAT(theFinding(report, kCardWentAway).evidence, StartsWith("C_FindObjectsInit answered"));
+}
+
 TEST_F(CardReportReads, GiveNoReasonThatMayBeWrong) {
   makeCard();
   const InsertedCard card = inserted();

@@ -339,6 +339,29 @@ TEST_F(Doctor, TellsOfACardThatIsNotInitialisedWhereThereIsNoOther) {
   EXPECT_EQ(checkIn(found, "objects").evidence, "the card is not initialised");
 }
 
+TEST_F(Doctor, FailsWhereTheCardGoesAwayWhileItsObjectsAreRead) {
+  (void)diagnosis();
+  const std::size_t searches = script.countOf("C_FindObjectsInit");
+  for (std::size_t before = 1; before <= 3; ++before) {
+    SCOPED_TRACE(before);
+    script.reset();
+    setCertificate({});
+    script.failCallOf("C_FindObjectsInit", searches - before, CKR_DEVICE_REMOVED, Times::kFromThenOn);
+    const Diagnosis found = diagnosis();
+    EXPECT_EQ(found.verdict(), Severity::kFailure);
+    EXPECT_THAT(codesOf(Diagnosis{{checkIn(found, "card")}}), ElementsAre("MT-T04"));
+    EXPECT_EQ(checkIn(found, "PIN").severity, Severity::kOk);  // it was read before
+    EXPECT_THAT(codesOf(found), ::testing::Not(::testing::Contains("MT-C03")));
+  }
+}
+
+TEST_F(Doctor, TellsOnceOfACardThatGoesAwayWhileItIsInserted) {
+  script.failCallOf("C_OpenSession", 0, CKR_DEVICE_REMOVED, Times::kFromThenOn);
+  const Diagnosis found = diagnosis();
+  EXPECT_THAT(codesOf(found), ElementsAre("MT-T04"));
+  EXPECT_EQ(found.verdict(), Severity::kFailure);
+}
+
 TEST_F(Doctor, AdvisesToEmptyNoCardForWhichAnotherReasonIsKnown) {
   const struct {
     const char* name;

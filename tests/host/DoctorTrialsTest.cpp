@@ -92,6 +92,22 @@ TEST_F(DoctorTrials, BlameNoKeyWhereTheCardGoes) {
   }
 }
 
+TEST_F(DoctorTrials, AskForNoPinWhereTheCardHasGoneBefore) {
+  GivenPins counted{{u"123456"}};
+  script.failCallOf("C_Login", 0, CKR_PIN_INCORRECT);
+  counted.again = false;
+  (void)diagnosisWith(counted);
+  const std::size_t searches = script.countOf("C_FindObjectsInit");
+  startAnew();
+  script.failCallOf("C_FindObjectsInit", searches - 2, CKR_DEVICE_REMOVED, Times::kFromThenOn);
+  const Diagnosis found = diagnosis();
+  EXPECT_EQ(pins.timesAsked(), 0U);
+  EXPECT_EQ(checkIn(found, "objects").severity, Severity::kUnknown);
+  EXPECT_EQ(checkIn(found, "login").evidence, "the card went away");
+  const auto codes = codesOf(found);
+  EXPECT_EQ(std::count(codes.begin(), codes.end(), "MT-T04"), 1);
+}
+
 TEST_F(DoctorTrials, BlameTheModuleForNothingThatHasAnotherCause) {
   const struct {
     const char* name;

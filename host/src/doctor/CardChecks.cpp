@@ -33,18 +33,25 @@ std::vector<Finding> findingsOf(char letter, const CardReport& report) {
   return findings;
 }
 
-/// A report leaves open what it means that the card has gone. For an examination it is the end.
-void judgeGone(std::vector<Finding>& findings) {
+/// A report leaves open what it means that the card has gone. For an examination it is the end. True where it
+/// has.
+bool judgeGone(std::vector<Finding>& findings) {
+  bool isGone = false;
   for (Finding& finding : findings) {
-    if (finding.id == kCardWentAway) finding.severity = Severity::kFailure;
+    if (finding.id != kCardWentAway) continue;
+    finding.severity = Severity::kFailure;
+    isGone = true;
   }
+  return isGone;
 }
 
 void checkPin(Host& host, const Reader& reader, const CardReport& report, Checks& checks) {
   const auto unreadable = std::find_if(report.findings.begin(), report.findings.end(),
                                        [](const Finding& finding) { return isUnreadToken(finding.id); });
-  if (unreadable != report.findings.end()) return checks.add(kPin, Severity::kUnknown, unreadable->evidence);
   std::vector<Finding> findings = findingsOf('P', report);
+  // The card may have gone away after its flags were read.
+  if (findings.empty() && unreadable != report.findings.end())
+    return checks.add(kPin, Severity::kUnknown, unreadable->evidence);
   const auto has = [&](FindingID id) {
     return std::any_of(findings.begin(), findings.end(),
                        [id](const Finding& finding) { return finding.id == id; });
@@ -99,7 +106,12 @@ void addReport(const CardReport& report, std::size_t numItems, bool withTrials, 
                                          [](const UnpublishedObject& object) { return object.expected; });
   if (numExpected > 0)
     text += ", " + std::to_string(numExpected) + " of them of an issuer, which needs no key";
-  checks.add(kObjects, std::move(text), findingsOf('C', report));
+  std::vector<Finding> findings = findingsOf('C', report);
+  if (findings.empty() && !report.failedRead.empty()) {  // why is told of the card itself
+    checks.add(kObjects, Severity::kUnknown, std::move(text));
+  } else {
+    checks.add(kObjects, std::move(text), std::move(findings));
+  }
   checks.add(kKeys, textOf(report.keys), keyFindings(report, withTrials));
 }
 
@@ -212,11 +224,9 @@ void tryKeys(Host& host, const InsertedCard& card, const CardReport& report, Pin
   for (const Finding& finding : after.findings) {
     if (finding.id != kPkcs1NotTried && !sameIn(report.findings, finding)) more.push_back(finding);
   }
-  judgeGone(more);
+  const bool isGone = judgeGone(more);
   std::string evidence = countOf(more.size(), "finding") + " more after the login";
   correctObjects(after, more, checks);
-  const bool isGone = std::any_of(more.begin(), more.end(),
-                                  [](const Finding& finding) { return finding.id == kCardWentAway; });
   checks.add(kPrivateKeys, std::move(evidence), std::move(more));
   if (isGone) return skipTrials(checks, "the card went away");
   if (!trySigning(**client, card, after, pins, kTrials[0], checks))
@@ -275,6 +285,7 @@ void checkCard(Host& host, const Reader& reader, const PinsForReader& pins, cons
     }
     std::vector<Finding> findings = findingsOf('T', report);
     std::erase_if(findings, [](const Finding& finding) { return finding.id == kTokenNotInitialised; });
+    (void)judgeGone(findings);  // then that is told already
     // An object that hides the card is told with the objects, and a reader that cannot be used with those.
     if (worstOf(findings) != Severity::kFailure && !report.hidden &&
         !checks.findingAbout(subject, kReasons) && !checks.has(kTooManyCards)) {
@@ -297,11 +308,12 @@ void checkCard(Host& host, const Reader& reader, const PinsForReader& pins, cons
       .append("\", serial number ")
       .append(displayed(reader.serialNumber));
   std::vector<Finding> findings = findingsOf('T', report);
-  judgeGone(findings);
+  const bool isGone = judgeGone(findings);
   checks.add(kCardCheck, about, std::move(findings));
   checkPin(host, reader, report, checks);
   const auto source = pins ? pins(host, reader) : nullptr;
   addReport(report, distinctItems(card->items).size(), source != nullptr, checks);
+  if (isGone) return skipLogin(checks, "the card went away");
   if (!source && whyNotAsWanted.empty()) return skipLogin(checks, "no login was asked for");
   if (!source) {
     missLogin(checks, whyNotAsWanted);
