@@ -39,6 +39,7 @@ class ReaderExamination {
     for (const ServiceReader& reader : service_.readers) lookAt(reader);
     if (found_.empty()) lookAtSilentSlots();
     if (found_.empty() && !hasToken_) nothingThere();
+    found_.insert(found_.end(), unlisted_.begin(), unlisted_.end());
     lookAtNames();
     return std::move(found_);
   }
@@ -100,8 +101,9 @@ class ReaderExamination {
       return add(causeOf(*failing), subject, slotInfoAnswer(*failing) + ", " + atr);
     if (!slot && reader.card == Card::kPresent && moduleListsACardElsewhere()) return;
     if (!slot && moduleListsAnotherReader()) {
-      return add(kReaderUnknownToModule, subject,
-                 reader.card == Card::kPresent ? "it holds a card, " + atr : "it holds no card");
+      if (reader.card == Card::kPresent)
+        return add(kReaderUnknownToModule, subject, "it holds a card, " + atr);
+      return unlisted_.push_back({kReaderUnknownToModule, Severity::kWarning, subject, "it holds no card"});
     }
     if (reader.card == Card::kPresent) add(kCardNotRecognised, subject, atr);
   }
@@ -149,6 +151,7 @@ class ReaderExamination {
   const CardServiceView& service_;
   bool hasToken_;
   std::vector<Finding> found_;
+  std::vector<Finding> unlisted_;  ///< about empty readers, in which nobody misses a card
 };
 
 }  // namespace

@@ -196,6 +196,15 @@ TEST_F(Doctor, TellsWhyThereIsNoCard) {
   }
 }
 
+TEST_F(Doctor, WarnsOfAnEmptyReaderThatTheModuleDoesNotListBehindWhatIsToBeDone) {
+  script.slots().clear();
+  (void)script.addSlot("Reader A");
+  service->view.readers = {{"Reader Z", InReader::kNone}, {"Reader A", InReader::kNone}};
+  const Diagnosis found = diagnosis();
+  EXPECT_THAT(codesOf(found), ElementsAre("MT-R06", "MT-R07"));
+  EXPECT_EQ(findingIn(found, FindingID::kReaderUnknownToModule).severity, Severity::kWarning);
+}
+
 TEST_F(Doctor, WarnsOfReadersBesideOneThatWorks) {
   service->view.readers = {{"Reader A 00", InReader::kPresent, false, false, "3B00"},
                            {"Reader B 00", InReader::kPresent, false, false, "3B7A"},

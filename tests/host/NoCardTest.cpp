@@ -39,7 +39,7 @@ const ServiceReader kHeld{"Reader A", InReader::kPresent, true, true, "3B00"};
 const ServiceReader kMuteCard{"Reader A", InReader::kMute};
 
 TEST_F(NoCard, HasAReasonOfItsOwnInEachCase) {
-  enum class Slot { kNone, kEmpty, kFailing, kBroken };
+  enum class Slot { kNone, kEmpty, kFailing, kBroken, kSecondFailing };
   const struct {
     const char* name;
     Slot slot;
@@ -57,6 +57,11 @@ TEST_F(NoCard, HasAReasonOfItsOwnInEachCase) {
       {"an empty slot that stands for no reader", Slot::kEmpty, answering({}), "no reader is connected",
        true},
       {"no card", Slot::kEmpty, answering({kEmptyReader}), "no reader holds a card", true},
+      {"no card, and an empty reader that the module does not list", Slot::kEmpty,
+       answering({{"Reader Z", InReader::kNone}, kEmptyReader}), "no reader holds a card", true},
+      {"a slot that fails, and an empty reader that the module does not list", Slot::kSecondFailing,
+       answering({{"Reader Z", InReader::kNone}, kEmptyReader}),
+       "another program holds the card (slot 2, C_GetSlotInfo answered CKR_DEVICE_ERROR (0x30))", false},
       {"a card that is not known", Slot::kEmpty, answering({kUnknown}),
        "there is a card, and this module does not know it (reader \"Reader A\", ATR 3B00)", false},
       {"a card in a reader that is not listed", Slot::kNone, answering({kUnknown}),
@@ -97,6 +102,12 @@ TEST_F(NoCard, HasAReasonOfItsOwnInEachCase) {
       script.failCallOf("C_GetSlotInfo", 0, CKR_DEVICE_ERROR, Times::kFromThenOn);
     if (row.slot == Slot::kBroken)
       script.failCallOf("C_GetSlotInfo", 0, CKR_GENERAL_ERROR, Times::kFromThenOn);
+    if (row.slot == Slot::kSecondFailing) {
+      const CK_SLOT_ID second = script.addSlot("Reader B");
+      script.hook<&CK_FUNCTION_LIST::C_GetSlotInfo>([second](auto real, CK_SLOT_ID slot, auto* info) {
+        return slot == second ? CK_RV{CKR_DEVICE_ERROR} : real(slot, info);
+      });
+    }
     Host& asked = hostWith(row.service);
     const Failure failure = failureOf(asked.insert(Text{}));
     EXPECT_EQ(failure.kind, FailureKind::kNoCard);
