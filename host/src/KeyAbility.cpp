@@ -5,6 +5,7 @@
 #include "Adaptation.h"
 #include "RsaEncoding.h"
 #include "bridge/CardRules.h"
+#include "bridge/cryptoki.h"
 #include "host/Display.h"
 #include "provider/CryptTKitSProvider.h"
 
@@ -93,6 +94,7 @@ Failure explainedBy(const CardReport& report, const PublishedKey& key, Failure f
     if (!(own.objectID == key.objectID)) continue;
     for (const FindingID cause : kCauses) {
       if (cause == kIDShared && !own.sharesIDWithOtherKey) continue;
+      if (cause == kPinForEachUse && failure.result != CKR_USER_NOT_LOGGED_IN) continue;
       const auto found = std::find_if(own.findings.begin(), own.findings.end(),
                                       [&](const Finding& finding) { return finding.id == cause; });
       if (found == own.findings.end()) continue;

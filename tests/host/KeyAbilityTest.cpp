@@ -126,12 +126,13 @@ TEST_F(KeyAbility, ExplainsASignatureThatDoesNotVerify) {
          addCertificate("01", "Second", kForSigning, otherRsa());
        },
        "several objects share one ID (ID 3031: 2 certificates (\"First\", \"Second\")"},
+      // It gave a result, so it did not want the PIN.
       {"PIN for each use",
        [&] {
          addKey("01", "MyKey");
          lastObject(1) = lastObject(1).with(CKA_ALWAYS_AUTHENTICATE, boolValue(true));
        },
-       "the key wants the PIN for each use (key 3031 \"MyKey\": CKA_ALWAYS_AUTHENTICATE"},
+       ""},
       {"a use that is not allowed",
        [&] {
          addKey("01", "MyKey");
@@ -170,6 +171,27 @@ TEST_F(KeyAbility, ExplainsASignatureThatDoesNotVerify) {
     if (std::string{row.why}.empty()) {
       EXPECT_EQ(failure.why, plain.why);
     }
+  }
+}
+
+TEST_F(KeyAbility, ExplainsByThePinForEachUseOnlyWhatTheCardRefusedForThat) {
+  addKey("01", "MyKey");
+  lastObject(1) = lastObject(1).with(CKA_ALWAYS_AUTHENTICATE, boolValue(true));
+  const CardReport report = reportAfterLogin();
+  Failure failure{FailureKind::kCardRefuses, "there is no plain text", "C_Decrypt answered", "run again"};
+  const std::pair<CK_RV, bool> rows[] = {{CKR_USER_NOT_LOGGED_IN, true},
+                                         {CKR_GENERAL_ERROR, false},
+                                         {CKR_ENCRYPTED_DATA_INVALID, false},
+                                         {CKR_MECHANISM_INVALID, false}};
+  for (const auto& [answer, isCause] : rows) {
+    SCOPED_TRACE(answer);
+    failure.result = answer;
+    const Failure told = explainedBy(report, keysOf(inserted()).front(), failure);
+    EXPECT_EQ(told.why, isCause ? "C_Decrypt answered: the key wants the PIN for each use (key 3031 "
+                                  "\"MyKey\": CKA_ALWAYS_AUTHENTICATE of its private key is true)"
+                                : failure.why);
+    EXPECT_EQ(told.advice.words(),
+              isCause ? entryOf(FindingID::kPinForEachUse).remedy : failure.advice.words());
   }
 }
 
