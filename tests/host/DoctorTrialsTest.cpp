@@ -248,6 +248,35 @@ TEST_F(DoctorTrials, BlameThePinForEachUseAndNotTheModule) {
   }
 }
 
+TEST_F(DoctorTrials, FindAKeyThatSignsOnceForEachPinAndDoesNotSaySo) {
+  script.failCallOf("C_Sign", 1, CKR_USER_NOT_LOGGED_IN, Times::kFromThenOn);
+  const Diagnosis found = diagnosis();
+  EXPECT_THAT(codesOfCheck(found, "signatures"), ElementsAre("MT-K04"));
+  EXPECT_THAT(findingIn(found, kPinForEachUse).evidence, HasSubstr("CKR_USER_NOT_LOGGED_IN"));
+  EXPECT_THAT(checkIn(found, "signatures").evidence,
+              HasSubstr("key 3031 \"Signer\" signs RSA-PSS, and could not be tried further"));
+}
+
+TEST_F(DoctorTrials, TakeBackThePinForEachUseOfAKeyThatSignsTwiceWithOne) {
+  for (auto& [handle, object] : script.card().objects) {
+    const bool isSigner = object.attributes[CKA_ID] == bytesOf("01");
+    if (isSigner && object.attributes[CKA_CLASS] == ulongValue(CKO_PRIVATE_KEY))
+      object = object.with(CKA_ALWAYS_AUTHENTICATE, boolValue(true));
+  }
+  for (const bool seenBefore : {false, true}) {
+    SCOPED_TRACE(seenBefore);
+    script.card().loggedIn = false;
+    script.card().privateObjectsNeedLogin = !seenBefore;
+    GivenPins given{{u"123456"}};
+    EXPECT_THAT(codesOf(diagnosisWith(given)), Not(Contains("MT-K04")));
+  }
+  script.card().loggedIn = false;
+  script.failCallOf("C_Sign", 1, CKR_USER_NOT_LOGGED_IN);
+  GivenPins given{{u"123456"}};
+  const auto codes = codesOf(diagnosisWith(given));
+  EXPECT_EQ(std::count(codes.begin(), codes.end(), "MT-K04"), 1);
+}
+
 TEST_F(DoctorTrials, ComeWithACountOfTheCertificatesOfIssuersThatNeedNothing) {
   script.addObject(certificate(bytesOf("09"), bytesOf("Root"), authorityCertificate(kForCertificates)));
   const Check objects = checkIn(diagnosis(), "objects");

@@ -53,6 +53,17 @@ class Checks {
     found->severity = worstOf(found->findings);
   }
 
+  /// Has no check about the same card tell that of that subject.
+  void takeBack(FindingID id, std::string_view subject) {
+    for (Check& check : diagnosis_.checks) {
+      if (check.reader != reader_) continue;
+      const auto count = std::erase_if(check.findings, [&](const Finding& finding) {
+        return finding.id == id && finding.subject == subject;
+      });
+      if (count > 0) check.severity = worstOf(check.findings);
+    }
+  }
+
   /// The first finding of one of those kinds about that so far; null: there is none.
   [[nodiscard]] const Finding* findingAbout(std::string_view subject,
                                             std::span<const FindingID> kinds) const {

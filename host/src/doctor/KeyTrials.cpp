@@ -115,9 +115,8 @@ const Finding* findingOf(FindingID id, const CardReport& report, const Published
   return found == known->findings.end() ? nullptr : &*found;
 }
 
-bool wantsPin(const Failure& failure, const CardReport& report, const PublishedKey& key) {
-  return failure.result == CKR_USER_NOT_LOGGED_IN && findingOf(kPinForEachUse, report, key);
-}
+/// Asked for after a login that was accepted.
+bool wantsPin(const Failure& failure) { return failure.result == CKR_USER_NOT_LOGGED_IN; }
 
 /// Whether the card gave a result, and that is wrong.
 bool isWrongResult(const Failure& failure) {
@@ -136,7 +135,7 @@ Finding trialFinding(FindingID id, const CardReport& report, const PublishedKey&
   if (isDisturbed(failure) || (!wasAllRead && !isWrongResult(failure))) return failed(kTrialDisturbed);
   if (const Finding* shared = findingOf(kIDShared, report, key); shared && sharesItsID(key, report))
     return {shared->id, Severity::kFailure, shared->subject, shared->evidence};
-  if (wantsPin(failure, report, key)) return failed(kPinForEachUse);
+  if (wantsPin(failure) && findingOf(kPinForEachUse, report, key)) return failed(kPinForEachUse);
   if (failure.isKeyMissing) return failed(kPrivateKeyMissing);
   if (hasAnswer(failure, {CKR_KEY_FUNCTION_NOT_PERMITTED, CKR_KEY_TYPE_INCONSISTENT}))
     return failed(kUseNotAllowed);
@@ -245,12 +244,15 @@ bool trySigning(KeyClient& client, const InsertedCard& card, const CardReport& r
       return endWith(*failure, "signs RSA-PSS, and could not be tried further");
     // A key that wants the PIN for each use has not said anything about its padding.
     const bool isVerdict = failure && failure->kind == FailureKind::kVerificationFailed &&
-                           !saysNothing(*failure) && !wantsPin(*failure, report, key);
+                           !saysNothing(*failure) && !wantsPin(*failure);
     if (failure && !isVerdict) {
       evidence.add(subject, "signs RSA-PSS, and could not be tried further");
       if (saysNothing(*failure)) findings.push_back(trialFinding(kNoPkcs1Signatures, report, key, *failure));
+      if (wantsPin(*failure) && !findingOf(kPinForEachUse, report, key))
+        findings.push_back({kPinForEachUse, Severity::kWarning, subject, failure->why});
       continue;
     }
+    if (!failure || isWrongResult(*failure)) checks.takeBack(kPinForEachUse, subject);  // it signed twice
     evidence.add(subject, failure ? "signs RSA-PSS, not PKCS #1 v1.5" : "signs RSA-PSS and PKCS #1 v1.5");
     if (failure) findings.push_back({kNoPkcs1Signatures, Severity::kWarning, subject, failure->why});
   }
