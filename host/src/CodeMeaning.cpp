@@ -122,6 +122,16 @@ bool isOfDevice(std::uint64_t code) {
   return std::find(std::begin(kCodes), std::end(kCodes), code) != std::end(kCodes);
 }
 
+/// Whether a call that failed so has asked nothing of a key, nor of the PIN.
+bool asksOfNoKey(const FailedCall& call) {
+  constexpr std::string_view kAsking[] = {"C_Login",       "C_SignInit", "C_Sign",
+                                          "C_DecryptInit", "C_Decrypt",  "C_DeriveKey"};
+  const bool saysWhatIsLacking =
+      call.result == CKR_ATTRIBUTE_TYPE_INVALID || call.result == CKR_ATTRIBUTE_SENSITIVE;
+  return isCryptokiFunction(call.name) && !saysWhatIsLacking &&
+         std::find(std::begin(kAsking), std::end(kAsking), call.name) == std::end(kAsking);
+}
+
 }  // namespace
 
 const CodeMeaning& meaningOf(std::string_view function, std::uint64_t code) noexcept {
@@ -145,14 +155,8 @@ Failure failureBecauseOf(const FailedCall& cause, std::string what, FailureKind 
   const CodeMeaning& meaning = meaningOf(cause.name, cause.result);
   const bool isKeyMissing = cause.result == CKR_KEY_HANDLE_INVALID &&
                             cause.name == operationName(BridgeOperation::pkcs11_getCorrespondingPrivateKey);
-  return {meaning.kind.value_or(kindElse),
-          std::move(what),
-          reasonText(cause),
-          meaning.remedy,
-          isOfDevice(cause.result),
-          cause.result,
-          false,
-          isKeyMissing};
+  return {meaning.kind.value_or(kindElse), std::move(what), reasonText(cause),  meaning.remedy,
+          isOfDevice(cause.result),        cause.result,    asksOfNoKey(cause), isKeyMissing};
 }
 
 }  // namespace mirel

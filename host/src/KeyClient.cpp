@@ -213,7 +213,7 @@ Result<Bytes> KeyClient::decrypt(const PublishedKey& key, SecKeyAlgorithm algori
         refusal("the card gave no plain text", fault->reason,
                 "check that the data were encrypted for this key, with PKCS #1 v1.5 padding: the card layer "
                 "knows no other");
-    failure.isCardUnasked = fault->isCardUnasked;
+    failure.isCardUnasked = failure.isCardUnasked || fault->isCardUnasked;
     return failure;
   }
   if (const auto possible = checkPlainText(*form, key, *cipher, plain); !possible) return possible.failure();

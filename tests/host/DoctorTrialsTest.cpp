@@ -123,6 +123,8 @@ TEST_F(DoctorTrials, BlameTheModuleForNothingThatHasAnotherCause) {
       {"type", "C_SignInit", 0, CKR_KEY_TYPE_INCONSISTENT, "signatures", "MT-K11"},
       {"device", "C_Decrypt", 0, CKR_HOST_MEMORY, "decryption", "MT-T05"},
       {"use", "C_DecryptInit", 0, CKR_KEY_FUNCTION_NOT_PERMITTED, "decryption", "MT-K11"},
+      {"module", "C_SignInit", 0, CKR_GENERAL_ERROR, "signatures", "MT-K08"},
+      {"module", "C_DecryptInit", 0, CKR_GENERAL_ERROR, "decryption", "MT-K09"},
   };
   for (const auto& [name, function, call, answer, check, code] : rows) {
     SCOPED_TRACE(std::string{function} + " " + name);
@@ -133,6 +135,35 @@ TEST_F(DoctorTrials, BlameTheModuleForNothingThatHasAnotherCause) {
     const Diagnosis found = diagnosisWith(given);
     EXPECT_THAT(codesOfCheck(found, check), ElementsAre(code));
     EXPECT_EQ(checkIn(found, check).severity, Severity::kFailure);
+  }
+}
+
+/// The last of the calls by which a key is looked for, and the card.
+TEST_F(DoctorTrials, BlameNoKeyForACallThatAsksNothingOfOne) {
+  for (const char* function :
+       {"C_FindObjectsInit", "C_FindObjects", "C_GetAttributeValue", "C_GetTokenInfo"}) {
+    SCOPED_TRACE(function);
+    for (const auto& [use, check] :
+         {std::pair{"C_SignInit", "signatures"}, {"C_DecryptInit", "decryption"}}) {
+      SCOPED_TRACE(check);
+      std::size_t before = 0;
+      for (const bool fails : {false, true}) {
+        script.reset();
+        startAnew();
+        GivenPins given{{u"123456"}};
+        if (fails) script.failCallOf(function, before - 1, CKR_GENERAL_ERROR);
+        const Diagnosis found = diagnosisWith(given);
+        const auto& calls = script.calls();
+        const auto firstUse = std::find_if(calls.begin(), calls.end(),
+                                           [use = use](const Call& call) { return call.function == use; });
+        before = static_cast<std::size_t>(std::count_if(
+            calls.begin(), firstUse, [function](const Call& call) { return call.function == function; }));
+        if (fails) {
+          EXPECT_THAT(codesOfCheck(found, check), Contains("MT-T05"));
+          EXPECT_THAT(codesOf(found), ::testing::AllOf(Not(Contains("MT-K08")), Not(Contains("MT-K09"))));
+        }
+      }
+    }
   }
 }
 
@@ -325,7 +356,7 @@ TEST_F(DoctorTrials, BlameNoKeyForWhichTheCardWasNotAskedAfterAFailure) {
         return fails ? CK_RV{CKR_GENERAL_ERROR} : real(session, filter, count);
       });
   const Diagnosis found = diagnosis();
-  EXPECT_THAT(codesOfCheck(found, "signatures"), ElementsAre("MT-K08", "MT-T05"));
+  EXPECT_THAT(codesOfCheck(found, "signatures"), ElementsAre("MT-T05", "MT-T05"));
   EXPECT_THAT(codesOfCheck(found, "decryption"), ElementsAre("MT-T05"));
 }
 
