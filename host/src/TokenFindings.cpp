@@ -1,5 +1,6 @@
 #include "TokenFindings.h"
 
+#include <algorithm>
 #include <string>
 
 #include "bridge/CardRules.h"
@@ -60,8 +61,11 @@ std::vector<Finding> sharedInstanceFindings(const Reader& reader, const Text& in
   std::vector<Finding> findings;
   for (const Reader& other : readers) {
     if (other.slotID == reader.slotID || instanceID.isEmpty() || !(other.instanceID == instanceID)) continue;
+    // In one order, whichever of them is looked at: it is one finding.
+    const auto& [first, second] =
+        std::minmax(reader, other, [](const Reader& a, const Reader& b) { return a.slotID < b.slotID; });
     findings.push_back({FindingID::kInstanceIDShared, Severity::kWarning,
-                        "readers \"" + displayed(reader.name) + "\" and \"" + displayed(other.name) + "\"",
+                        "readers \"" + displayed(first.name) + "\" and \"" + displayed(second.name) + "\"",
                         "both cards have the label \"" + displayed(other.tokenLabel) +
                             "\" and the serial number \"" + displayed(other.serialNumber) + "\""});
   }

@@ -251,6 +251,12 @@ TEST_F(Doctor, ExaminesEachCardOrTheOneThatIsNamed) {
   EXPECT_EQ(none.verdict(), Severity::kFailure);
 }
 
+TEST_F(Doctor, TellsOnceOfTwoCardsWithOneInstanceID) {
+  (void)script.addSlot("Reader B", script.card());
+  const auto codes = codesOf(diagnosis());
+  EXPECT_EQ(std::count(codes.begin(), codes.end(), "MT-T03"), 1);
+}
+
 TEST_F(Doctor, TellsOfACardThatCannotBeRead) {
   for (const char* function : {"C_GetTokenInfo", "C_OpenSession"}) {
     SCOPED_TRACE(function);
