@@ -8,6 +8,7 @@
 #include "doctor/SystemTools.h"
 #include "host/DoctorTest.h"
 #include "host/HostTest.h"
+#include "host/SoftwareKey.h"
 #include "support/FakeProgramRunner.h"
 
 namespace mirel::test {
@@ -192,6 +193,35 @@ TEST_F(DoctorOnAMac, TakesTwoCertificatesOfOneKeyForNoOtherDriver) {
   tools->answer(kSecurity, std::string{kOurToken} + kOtherToken);
   tools->answer(kScAuth, hash + "\tone\n" + hash + "\tthe other\n");
   EXPECT_EQ(findingIn(diagnosis(), FindingID::kOtherDriverOnCard).severity, Severity::kUnknown);
+}
+
+TEST_F(DoctorOnAMac, ExcusesByACardThatIsNotShownNoKeyOfTheOther) {
+  const SoftwareKey& own = SoftwareKey::rsa(1024);
+  script.addObject(rsaPublicKey(bytesOf("02"), bytesOf("Second"), own.modulus()));
+  script.addObject(certificate(bytesOf("02"), bytesOf("Second"), own.certificate(1)));
+  const auto second = inserted();
+  const std::string ofSecond = keyHashOf(std::get<PublishedCertificate>(second.items[2]));
+  Card other = emptyCard("OTHER", "2");
+  const SoftwareKey& others = SoftwareKey::rsa(1024, "other");
+  other.objects[901] = rsaPublicKey(bytesOf("01"), bytesOf("Key"), others.modulus());
+  other.objects[902] = certificate(bytesOf("01"), bytesOf("Key"), others.certificate(1));
+  (void)script.addSlot("Reader B", other);
+  const struct {
+    std::string listed;
+    std::vector<std::string> codes;
+    const char* evidence;
+  } rows[] = {{hash + "\n" + ofSecond + "\n", {"MT-X04"}, "2 of 3 keys listed as identities"},
+              {hash + "\n", {"MT-X04", "MT-X05"}, "1 of 3 keys listed as identities"},
+              {"", {"MT-X04", "MT-X05"}, "0 of 3 keys listed as identities"}};
+  for (const auto& [listed, codes, evidence] : rows) {
+    SCOPED_TRACE(evidence);
+    tools->answer(kScAuth, listed);
+    const Diagnosis found = diagnosis();
+    EXPECT_EQ(systemCodesOf(found), codes);
+    EXPECT_EQ(checkIn(found, "keys in the system").evidence, evidence);
+    const std::string hashes = findingIn(found, FindingID::kKeyNotInSystem).evidence;
+    EXPECT_EQ(std::count(hashes.begin(), hashes.end(), ','), listed.empty() ? 2 : 0) << hashes;
+  }
 }
 
 TEST_F(DoctorOnAMac, TakesAQuarantinedAppForGoodWhereTheSystemAcceptsIt) {

@@ -145,8 +145,8 @@ class SystemExamination {
     const auto own = static_cast<std::size_t>(std::count_if(
         tokens_.begin(), tokens_.end(), [](const std::string& id) { return id.starts_with(kTokenPrefix); }));
     const std::string evidence = tokens_.empty() ? "the system lists none" : joined(tokens_);
-    lacksCard_ = own < numCards_;
-    if (!lacksCard_) return checks_.add(kCards, evidence);
+    numLacking_ = numCards_ - std::min(own, numCards_);
+    if (numLacking_ == 0) return checks_.add(kCards, evidence);
     // Why an extension that is not started has no card was said.
     if (!isStarted_) return checks_.add(kCards, Severity::kFailure, evidence);
     add(kCards, evidence,
@@ -164,14 +164,32 @@ class SystemExamination {
     if (listed_.empty() && answer.code != 0) return addUnknown(kKeysSeen, uselessAnswer("sc_auth", answer));
     std::vector<std::string> missing;
     std::copy_if(expected_.keyHashes.begin(), expected_.keyHashes.end(), std::back_inserter(missing),
-                 [&](const std::string& hash) {
-                   return std::find(listed_.begin(), listed_.end(), hash) == listed_.end();
-                 });
+                 [this](const std::string& hash) { return !isListed(hash); });
     const std::string evidence = std::to_string(expected_.keyHashes.size() - missing.size()) + " of " +
                                  countOf(expected_.keyHashes.size(), "key") + " listed as identities";
     if (missing.empty()) return checks_.add(kKeysSeen, evidence);
-    if (lacksCard_) return checks_.add(kKeysSeen, Severity::kWarning, evidence);  // they are that card's
+    const auto excused = keysOfLackingCards();  // why these are missing was said
+    std::erase_if(missing, [&](const std::string& hash) { return excused.contains(hash); });
+    if (missing.empty()) return checks_.add(kKeysSeen, Severity::kWarning, evidence);
     add(kKeysSeen, evidence, {kKeyNotInSystem, Severity::kWarning, {}, "public-key hash " + joined(missing)});
+  }
+
+  [[nodiscard]] bool isListed(const std::string& hash) const {
+    return std::find(listed_.begin(), listed_.end(), hash) != listed_.end();
+  }
+
+  /// The keys of cards of which none is listed, where these may all be cards that the system does not show.
+  [[nodiscard]] std::set<std::string> keysOfLackingCards() const {
+    std::size_t numUnlisted = 0;
+    std::set<std::string> keys;
+    for (const auto& [instanceID, hashes] : expected_.cards) {
+      const bool isUnlisted = std::none_of(hashes.begin(), hashes.end(),
+                                           [this](const std::string& hash) { return isListed(hash); });
+      if (hashes.empty() || !isUnlisted) continue;
+      ++numUnlisted;
+      keys.insert(hashes.begin(), hashes.end());
+    }
+    return numUnlisted > numLacking_ ? std::set<std::string>{} : keys;
   }
 
   /// Another driver at the same card shows as its token beside ours, and as a key that is listed twice,
@@ -282,12 +300,12 @@ class SystemExamination {
 
   ProgramRunner& runner_;
   const SystemExpectation& expected_;
-  const std::size_t numCards_ = expected_.instanceIDs.size();
+  const std::size_t numCards_ = expected_.cards.size();
   Checks& checks_;
   std::string app_;
   std::string extensionPath_;
   bool isStarted_ = true;            ///< the extension, as far as is known
-  bool lacksCard_ = false;           ///< the system shows fewer cards than the module
+  std::size_t numLacking_ = 0;       ///< cards that the module shows, and the system does not
   bool isAccepted_ = false;          ///< the app, by the system's rules on where programs come from
   std::vector<std::string> tokens_;  ///< that the system lists
   std::vector<std::string> listed_;  ///< the hashes of keys that it lists
@@ -296,7 +314,7 @@ class SystemExamination {
 }  // namespace
 
 void expect(SystemExpectation& expectation, const InsertedCard& card) {
-  expectation.instanceIDs.emplace(card.instanceID.units());
+  auto& ofCard = expectation.cards[std::u16string{card.instanceID.units()}];
   for (const PublishedItem& item : card.items) {
     if (const auto* certificate = std::get_if<PublishedCertificate>(&item)) {
       if (auto hash = keyHashOf(certificate)) expectation.certificateHashes.push_back(*std::move(hash));
@@ -304,6 +322,7 @@ void expect(SystemExpectation& expectation, const InsertedCard& card) {
     }
     auto hash = keyHashOf(certificateOf(card, std::get<PublishedKey>(item)));
     auto& known = expectation.keyHashes;
+    if (hash) ofCard.insert(*hash);
     if (hash && std::find(known.begin(), known.end(), *hash) == known.end())
       known.push_back(*std::move(hash));
   }

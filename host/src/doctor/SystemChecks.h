@@ -1,6 +1,6 @@
 #pragma once
 
-#include <functional>
+#include <map>
 #include <set>
 #include <string>
 #include <vector>
@@ -14,11 +14,11 @@ class ProgramRunner;
 
 /// What the system is expected to know.
 struct SystemExpectation {
-  std::string app{};     ///< path of this program's app; empty: it is in none
-  std::string module{};  ///< path of the module's file; empty: there is none
-  std::set<std::u16string, std::less<>>
-      instanceIDs{};                     ///< of the inserted cards, as the system tells them apart
+  std::string app{};                     ///< path of this program's app; empty: it is in none
+  std::string module{};                  ///< path of the module's file; empty: there is none
   std::vector<std::string> keyHashes{};  ///< of the published keys: SHA-1 in small hexadecimal digits
+  /// Those of each inserted card, by its instance ID: as the system tells them apart.
+  std::map<std::u16string, std::set<std::string>> cards{};
   /// The same of each published certificate: several can have one key.
   std::vector<std::string> certificateHashes{};
 };
