@@ -40,7 +40,7 @@ std::string tableText(const std::vector<Reader>& readers) {
     std::string flags = reader.unreadable ? "unreadable: " + problemOf(*reader.unreadable)
                                           : joinedWith(" ", reader.tokenFlags);
     if (reader.distinctName.isNull())
-      flags.append(" (cannot be chosen: an earlier reader has the same name)");
+      flags.append(" (cannot be chosen: an earlier reader or slot has the same name)");
     rows.push_back(
         {displayed(reader.name), displayed(reader.tokenLabel), displayed(reader.serialNumber), flags});
   }

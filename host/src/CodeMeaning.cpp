@@ -76,8 +76,8 @@ constexpr CodeMeaning kMeanings[] = {
     {CKR_FUNCTION_FAILED, kAny, kSaysNothing, kCheckAll, kOfTheCommand},
     {CKR_SESSION_COUNT, kAny, "the card takes no more connections", kCloseOthers, kOfTheCommand},
     {CKR_FUNCTION_NOT_SUPPORTED, kAny, "the module does not have this function", kAskMaker, kOfTheCommand},
-    {CKR_BUFFER_TOO_SMALL, "C_GetSlotList", "more than 10 readers hold a card",
-     "leave a card in 10 readers at most, the system cannot list more", kOfTheCommand},
+    {CKR_BUFFER_TOO_SMALL, "C_GetSlotList", "there are more than 10 cards, or slots of cards",
+     "leave a card in 10 readers at most, in fewer where a card has several slots", kOfTheCommand},
     {CKR_BUFFER_TOO_SMALL, kAny, "the module gives more than this system takes", kAskMaker, kOfTheCommand},
     {CKR_OPERATION_ACTIVE, kAny, "an earlier request to the card has not ended", "run again", kOfTheCommand},
     // The key, the algorithm and the data.

@@ -25,7 +25,8 @@
 namespace mirel {
 namespace {
 
-constexpr const char* kTooManyCards = "leave a card in 10 readers at most, the system cannot list more";
+constexpr const char* kTooManyCards =
+    "leave a card in 10 readers at most, in fewer where a card has several slots";
 static_assert(kAnnouncedSlots == 10, "the text names the number");
 
 std::string namesOf(const std::vector<Reader>& readers) {

@@ -144,7 +144,7 @@ class ReaderExamination {
     const auto numTokens =
         std::count_if(slots_.begin(), slots_.end(), [](const Reader& slot) { return slot.hasToken; });
     if (static_cast<std::size_t>(numTokens) > kAnnouncedSlots)
-      found_.push_back({kTooManyCards, Severity::kFailure, {}, std::to_string(numTokens) + " readers"});
+      found_.push_back({kTooManyCards, Severity::kFailure, {}, std::to_string(numTokens) + " slots"});
   }
 
   const std::vector<Reader>& slots_;

@@ -226,7 +226,7 @@ TEST_F(Doctor, TellsOfReadersThatCannotBeUsedByTheirName) {
   EXPECT_EQ(findingIn(found, FindingID::kReaderNamesAlike).evidence, "slot 2");
   EXPECT_EQ(findingIn(found, FindingID::kReaderNameNotAscii).subject, "reader \"L\\xE4ser\"");
   for (int i = 0; i < 10; ++i) (void)script.addSlot("Reader " + std::to_string(i), emptyCard("C", "1"));
-  EXPECT_EQ(findingIn(diagnosis(), FindingID::kTooManyCards).evidence, "13 readers");
+  EXPECT_EQ(findingIn(diagnosis(), FindingID::kTooManyCards).evidence, "13 slots");
 }
 
 TEST_F(Doctor, ExaminesEachCardOrTheOneThatIsNamed) {
