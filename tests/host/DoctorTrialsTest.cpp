@@ -421,6 +421,51 @@ TEST_F(DoctorTrials, EndWithALoginThatFails) {
   }
 }
 
+TEST_F(DoctorTrials, TellOnceOfAPinThatTheFlagsHaveToldOf) {
+  const struct {
+    const char* name;
+    std::function<void(Card&)> make;
+    std::optional<Failure> ofSource;
+    CK_RV answer;
+    const char* code;
+  } rows[] = {
+      {"locked", [](Card& card) { card.triesLeft = 0; }, {}, CKR_PIN_LOCKED, "MT-P01"},
+      {"locked, and held back", [](Card& card) { card.triesLeft = 0; },
+       Failure{FailureKind::kPinHeldBack, "the PIN was not sent to the card", "the PIN is locked", {}},
+       CKR_OK, "MT-P01"},
+      {"too long", [](Card& card) { card.info.ulMinPinLen = 9; },
+       Failure{FailureKind::kPinCannotBeEntered, "the PIN cannot be entered", "it has 9 characters", {}},
+       CKR_OK, "MT-P05"},
+      {"not set",
+       [](Card& card) { card.info.flags &= ~CKF_USER_PIN_INITIALIZED; },
+       {},
+       CKR_USER_PIN_NOT_INITIALIZED,
+       "MT-P06"},
+      {"to be changed",
+       [](Card& card) { card.info.flags |= CKF_USER_PIN_TO_BE_CHANGED; },
+       {},
+       CKR_PIN_EXPIRED,
+       "MT-P10"},
+  };
+  for (const auto& [name, make, ofSource, answer, code] : rows) {
+    SCOPED_TRACE(name);
+    script.reset();
+    startAnew();
+    make(script.card());
+    GivenPins given{{u"123456"}};
+    given.again = false;
+    given.failure = ofSource;
+    if (answer != CKR_OK) script.failCallOf("C_Login", 0, answer);
+    const Diagnosis found = diagnosisWith(given);
+    EXPECT_THAT(codesOfCheck(found, "login"), ElementsAre(code));
+    EXPECT_EQ(checkIn(found, "login").severity, Severity::kFailure);
+    const auto codes = codesOf(found);
+    EXPECT_EQ(std::count(codes.begin(), codes.end(), code), 1);
+    EXPECT_THAT(codes, Not(Contains("MT-P09")));
+    EXPECT_EQ(findingIn(found, findEntry(code)->id).severity, Severity::kFailure);
+  }
+}
+
 TEST_F(DoctorTrials, AreNotMadeWhereThePinCouldGoToAnotherCard) {
   (void)script.addSlot("Reader B", emptyCard("B", "2"));
   const Diagnosis found = diagnosis();

@@ -137,24 +137,29 @@ bool checkLogin(const Result<void>& accepted, const CardReport& report, Checks& 
   }
   const Failure& failure = accepted.failure();
   const std::string why = failure.what + ": " + failure.why;
+  /// What the flags have told already; null where they have not.
+  const auto toldBefore = [&](FindingID id) {
+    const auto told = std::find_if(report.findings.begin(), report.findings.end(),
+                                   [id](const Finding& finding) { return finding.id == id; });
+    return told == report.findings.end() || !isOf('P', *told) ? nullptr : &*told;
+  };
   const auto refused = [&](FindingID id) {
-    checks.add(kLogin, why, {{id, Severity::kFailure, {}, failure.why}});
+    Finding finding{id, Severity::kFailure, {}, failure.why};
+    if (const Finding* told = toldBefore(id))  // it is the same one
+      finding = {id, Severity::kFailure, told->subject, told->evidence};
+    checks.add(kLogin, why, {std::move(finding)});
     return false;
   };
   switch (failure.kind) {
     case FailureKind::kPinWrong: return refused(kPinRefused);
     case FailureKind::kPinLocked: return refused(kPinLocked);
-    case FailureKind::kPinCannotBeEntered: {
-      const auto pad = std::find_if(report.findings.begin(), report.findings.end(),
-                                    [](const Finding& finding) { return finding.id == kPinPad; });
-      if (pad == report.findings.end()) return refused(kPinTooLong);
-      checks.add(kLogin, why, {*pad});
-      return false;
-    }
+    case FailureKind::kPinCannotBeEntered: return refused(toldBefore(kPinPad) ? kPinPad : kPinTooLong);
     case FailureKind::kCardGone:
     case FailureKind::kAnotherCard: return refused(kCardWentAway);
-    case FailureKind::kFileFailure:  // the one with the PIN
     case FailureKind::kPinHeldBack:
+      if (toldBefore(kPinLocked)) return refused(kPinLocked);
+      [[fallthrough]];
+    case FailureKind::kFileFailure:  // the one with the PIN
     case FailureKind::kCancelled: missLogin(checks, why); return false;
     default: break;
   }
