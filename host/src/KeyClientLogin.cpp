@@ -114,10 +114,12 @@ Failure KeyClient::loginFailure(const std::string& wrongPin) {
 Result<void> KeyClient::logIn(PinSource& pins) {
   if (const auto done = authenticate(Text{kPinConstraint}, pins); !done) return done.failure();
   if (diary_->lastResultOf("C_Login") != CKR_USER_ALREADY_LOGGED_IN) return {};
-  return Failure{FailureKind::kCardRefuses, "the PIN was not checked",
-                 "the card's software was logged in already (C_Login answered " +
-                     cryptokiResultText(CKR_USER_ALREADY_LOGGED_IN) + ")",
-                 "end the other programs that use the card and run again"};
+  Failure unchecked{FailureKind::kCardRefuses, "the PIN was not checked",
+                    "the card's software was logged in already (C_Login answered " +
+                        cryptokiResultText(CKR_USER_ALREADY_LOGGED_IN) + ")",
+                    "end the other programs that use the card and run again"};
+  unchecked.result = CKR_USER_ALREADY_LOGGED_IN;
+  return unchecked;
 }
 
 }  // namespace mirel

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <optional>
 #include <utility>
 
 #include "TokenFindings.h"
@@ -220,11 +221,21 @@ void tryKeys(Host& host, const InsertedCard& card, const CardReport& report, Pin
     (void)checkLogin(client.failure(), report, checks);
     return skipTrials(checks, "there is no login");
   }
-  if (!checkLogin((*client)->logIn(pins), report, checks)) return skipTrials(checks, "there is no login");
-  takeBackPin(checks);
-  checks.start(kPrivateKeys);
-  const CardReport after = host.examine(card, true);
-  takeBackTries(after, checks);
+  const auto accepted = (*client)->logIn(pins);
+  // Somebody else's login serves the keys as well, where a session shows it.
+  std::optional<CardReport> byOther;
+  if (!accepted && accepted.failure().result == CKR_USER_ALREADY_LOGGED_IN)
+    byOther = host.examine(card, true);
+  if (byOther && byOther->loggedIn) {
+    checks.add(kLogin, Severity::kUnknown, accepted.failure().what + ": " + accepted.failure().why);
+  } else if (checkLogin(accepted, report, checks)) {
+    takeBackPin(checks);
+    checks.start(kPrivateKeys);
+  } else {
+    return skipTrials(checks, "there is no login");
+  }
+  const CardReport after = byOther ? *std::move(byOther) : host.examine(card, true);
+  if (accepted) takeBackTries(after, checks);
   std::vector<Finding> more;
   for (const Finding& finding : after.findings) {
     if (finding.id != kPkcs1NotTried && !sameIn(report.findings, finding)) more.push_back(finding);
