@@ -103,7 +103,9 @@ class ReaderExamination {
     if (!slot && moduleListsAnotherReader()) {
       if (reader.card == Card::kPresent)
         return add(kReaderUnknownToModule, subject, "it holds a card, " + atr);
-      return unlisted_.push_back({kReaderUnknownToModule, Severity::kWarning, subject, "it holds no card"});
+      return unlisted_.push_back(
+          {kReaderUnknownToModule, Severity::kWarning, subject,
+           reader.card == Card::kNone ? "it holds no card" : "whether it holds a card is not known"});
     }
     if (reader.card == Card::kPresent) add(kCardNotRecognised, subject, atr);
   }
@@ -151,7 +153,7 @@ class ReaderExamination {
   const CardServiceView& service_;
   bool hasToken_;
   std::vector<Finding> found_;
-  std::vector<Finding> unlisted_;  ///< about empty readers, in which nobody misses a card
+  std::vector<Finding> unlisted_;  ///< about readers in which no card is known to be
 };
 
 }  // namespace

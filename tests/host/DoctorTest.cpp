@@ -205,6 +205,13 @@ TEST_F(Doctor, WarnsOfAnEmptyReaderThatTheModuleDoesNotListBehindWhatIsToBeDone)
   EXPECT_EQ(findingIn(found, FindingID::kReaderUnknownToModule).severity, Severity::kWarning);
 }
 
+TEST_F(Doctor, DoesNotSayThatAReaderIsEmptyOfWhichTheServiceTellsNothing) {
+  service->view.readers = {{"Reader A 00", InReader::kPresent, false, false, "3B00"},
+                           {"Reader Z", InReader::kUnknown}};
+  EXPECT_EQ(findingIn(diagnosis(), FindingID::kReaderUnknownToModule).evidence,
+            "whether it holds a card is not known");
+}
+
 TEST_F(Doctor, WarnsOfReadersBesideOneThatWorks) {
   service->view.readers = {{"Reader A 00", InReader::kPresent, false, false, "3B00"},
                            {"Reader B 00", InReader::kPresent, false, false, "3B7A"},
