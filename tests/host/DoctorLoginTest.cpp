@@ -1,0 +1,171 @@
+/// What an examination says of its login, and takes back after it.
+
+#include <algorithm>
+
+#include "host/DoctorTrialsTest.h"
+
+namespace mirel::test {
+namespace {
+
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+TEST_F(DoctorTrials, TakeBackWhatTheLoginRefutes) {
+  script.addObject(certificate(bytesOf("05"), bytesOf("Pair"), key.certificate(kForSigning)));
+  script.addObject(
+      rsaPublicKey(bytesOf("05"), bytesOf("Pair"), key.modulus()).with(CKA_PRIVATE, boolValue(true)));
+  script.card().info.flags &= ~CKF_USER_PIN_INITIALIZED;
+  const Diagnosis found = diagnosis();
+  EXPECT_THAT(codesOfCheck(found, "objects"), Contains("MT-C07"));
+  EXPECT_EQ(checkIn(found, "objects").severity, Severity::kWarning);
+  EXPECT_EQ(findingIn(found, FindingID::kPublicKeyPrivate).subject, "public key 3035 \"Pair\"");
+  EXPECT_THAT(codesOf(found), ::testing::AllOf(Not(Contains("MT-C06")), Not(Contains("MT-P06"))));
+  EXPECT_EQ(checkIn(found, "PIN").severity, Severity::kOk);
+}
+
+TEST_F(DoctorTrials, TakeBackTheLastTryWhereTheLoginHasGivenAllBack) {
+  script.card().info.flags |= CKF_USER_PIN_COUNT_LOW;
+  EXPECT_THAT(codesOf(diagnosis()), Contains("MT-P03"));
+  startAnew();
+  script.card().loggedIn = false;
+  script.hook<&CK_FUNCTION_LIST::C_Login>([this](auto real, auto session, auto user, auto* pin, auto size) {
+    script.card().info.flags &= ~CKF_USER_PIN_COUNT_LOW;
+    return real(session, user, pin, size);
+  });
+  GivenPins given{{u"123456"}};
+  EXPECT_THAT(codesOf(diagnosisWith(given)), Not(Contains("MT-P03")));
+}
+
+TEST_F(DoctorTrials, TakeNothingBackWhereTheSecondLookFails) {
+  script.addObject(certificate(bytesOf("05"), bytesOf("Pair"), key.certificate(kForSigning)));
+  script.hook<&CK_FUNCTION_LIST::C_FindObjectsInit>(
+      [this](auto real, auto session, auto* filter, auto count) {
+        return script.card().loggedIn ? CKR_DEVICE_ERROR : real(session, filter, count);
+      });
+  EXPECT_THAT(codesOfCheck(diagnosis(), "objects"), Contains("MT-C06"));
+}
+
+TEST_F(DoctorTrials, EndWithALoginThatFails) {
+  const struct {
+    const char16_t* pin;
+    CK_RV answer;
+    const char* code;
+  } rows[] = {{u"999999", CKR_PIN_INCORRECT, "MT-P08"},
+              {u"123456", CKR_PIN_LOCKED, "MT-P01"},
+              {u"123456", CKR_PIN_EXPIRED, "MT-P10"},
+              {u"123456", CKR_USER_PIN_NOT_INITIALIZED, "MT-P06"},
+              {u"123456", CKR_TOKEN_NOT_PRESENT, "MT-T04"},
+              {u"123456", CKR_DEVICE_ERROR, "MT-P11"},
+              {u"123456", CKR_USER_ALREADY_LOGGED_IN, "MT-P11"},
+              {u"123456789", CKR_OK, "MT-P05"}};
+  for (const auto& [pin, answer, code] : rows) {
+    SCOPED_TRACE(code);
+    startAnew();
+    GivenPins given{{pin}};
+    given.again = false;
+    if (answer != CKR_OK) script.failCallOf("C_Login", 0, answer);
+    const Diagnosis found = diagnosisWith(given);
+    EXPECT_THAT(codesOfCheck(found, "login"), ElementsAre(code));
+    EXPECT_EQ(checkIn(found, "signatures").severity, Severity::kSkipped);
+    EXPECT_EQ(script.countOf("C_Sign"), 0U);
+  }
+}
+
+TEST_F(DoctorTrials, TellOnceOfAPinThatTheFlagsHaveToldOf) {
+  const struct {
+    const char* name;
+    std::function<void(Card&)> make;
+    std::optional<Failure> ofSource;
+    CK_RV answer;
+    const char* code;
+  } rows[] = {
+      {"locked", [](Card& card) { card.triesLeft = 0; }, {}, CKR_PIN_LOCKED, "MT-P01"},
+      {"locked, and held back", [](Card& card) { card.triesLeft = 0; },
+       Failure{FailureKind::kPinHeldBack, "the PIN was not sent to the card", "the PIN is locked", {}},
+       CKR_OK, "MT-P01"},
+      {"too long", [](Card& card) { card.info.ulMinPinLen = 9; },
+       Failure{FailureKind::kPinCannotBeEntered, "the PIN cannot be entered", "it has 9 characters", {}},
+       CKR_OK, "MT-P05"},
+      {"not set",
+       [](Card& card) { card.info.flags &= ~CKF_USER_PIN_INITIALIZED; },
+       {},
+       CKR_USER_PIN_NOT_INITIALIZED,
+       "MT-P06"},
+      {"to be changed",
+       [](Card& card) { card.info.flags |= CKF_USER_PIN_TO_BE_CHANGED; },
+       {},
+       CKR_PIN_EXPIRED,
+       "MT-P10"},
+  };
+  for (const auto& [name, make, ofSource, answer, code] : rows) {
+    SCOPED_TRACE(name);
+    script.reset();
+    startAnew();
+    make(script.card());
+    GivenPins given{{u"123456"}};
+    given.again = false;
+    given.failure = ofSource;
+    if (answer != CKR_OK) script.failCallOf("C_Login", 0, answer);
+    const Diagnosis found = diagnosisWith(given);
+    EXPECT_THAT(codesOfCheck(found, "login"), ElementsAre(code));
+    EXPECT_EQ(checkIn(found, "login").severity, Severity::kFailure);
+    const auto codes = codesOf(found);
+    EXPECT_EQ(std::count(codes.begin(), codes.end(), code), 1);
+    EXPECT_THAT(codes, Not(Contains("MT-P09")));
+    EXPECT_EQ(findingIn(found, findEntry(code)->id).severity, Severity::kFailure);
+  }
+}
+
+TEST_F(DoctorTrials, AreMadeWhereTheModuleWasLoggedInBefore) {
+  script.card().loggedIn = true;
+  script.card().info.flags |= CKF_USER_PIN_COUNT_LOW;
+  const Diagnosis found = diagnosis();
+  EXPECT_EQ(checkIn(found, "login").severity, Severity::kUnknown);
+  EXPECT_THAT(checkIn(found, "login").evidence, ::testing::StartsWith("the PIN was not checked: "));
+  EXPECT_THAT(checkIn(found, "signatures").evidence, HasSubstr("key 3031 \"Signer\" signs RSA-PSS"));
+  EXPECT_EQ(checkIn(found, "decryption").evidence, "key 3032 \"Vault\" decrypts PKCS #1 v1.5");
+  EXPECT_THAT(codesOf(found), ::testing::AllOf(Not(Contains("MT-P11")), Contains("MT-P03")));
+}
+
+TEST_F(DoctorTrials, AreNotMadeWhereThePinCouldGoToAnotherCard) {
+  (void)script.addSlot("Reader B", emptyCard("B", "2"));
+  const Diagnosis found = diagnosis();
+  EXPECT_THAT(checkIn(found, "login").evidence, HasSubstr("several cards"));
+  EXPECT_THAT(codesOfCheck(found, "login"), ElementsAre("MT-P09"));
+  EXPECT_EQ(checkIn(found, "login").severity, Severity::kWarning);
+  EXPECT_EQ(pins.timesAsked(), 0U);
+}
+
+TEST_F(DoctorTrials, AdviseNoOtherPinWhereItIsEnteredAtTheReader) {
+  script.card().info.flags |= CKF_PROTECTED_AUTHENTICATION_PATH;
+  GivenPins given;
+  given.failure = Failure{FailureKind::kPinCannotBeEntered,
+                          "the PIN of this card cannot be entered here",
+                          "the card takes it from the keys of the reader",
+                          {}};
+  const Diagnosis found = diagnosisWith(given);
+  EXPECT_THAT(codesOfCheck(found, "login"), ElementsAre("MT-P04"));
+  const auto all = codesOf(found);
+  EXPECT_EQ(std::count(all.begin(), all.end(), "MT-P04"), 1);
+  EXPECT_THAT(all, Not(Contains("MT-P05")));
+}
+
+TEST_F(DoctorTrials, WarnWhereNoPinWasGiven) {
+  for (const FailureKind kind :
+       {FailureKind::kCancelled, FailureKind::kPinHeldBack, FailureKind::kFileFailure}) {
+    startAnew();
+    padInTheModule();
+    GivenPins given;
+    given.failure = Failure{kind, "no PIN was given", "there is no terminal to ask at", {}};
+    const Diagnosis found = diagnosisWith(given);
+    EXPECT_EQ(findingIn(found, FindingID::kLoginNotMade).evidence,
+              "no PIN was given: there is no terminal to ask at");
+    EXPECT_EQ(checkIn(found, "login").severity, Severity::kWarning);
+    EXPECT_EQ(checkIn(found, "signatures").severity, Severity::kSkipped);
+  }
+}
+
+}  // namespace
+}  // namespace mirel::test
