@@ -27,6 +27,13 @@ Result<void> Session::insertCard() {
   return {};
 }
 
+Result<void> Session::insertCardFrom(const Text& reader) {
+  auto inserted = host_.insertFrom(reader);
+  if (!inserted) return inserted.failure();
+  card_ = *std::move(inserted);
+  return {};
+}
+
 Result<void> Session::connect() {
   if (auto inserted = insertCard(); !inserted) return inserted;
   auto client = host_.newClient(card());

@@ -60,6 +60,8 @@ class Session {
 
   /// Inserts the card in the reader of the options.
   [[nodiscard]] Result<void> insertCard();
+  /// Inserts the card in the reader of that name, whatever the options say.
+  [[nodiscard]] Result<void> insertCardFrom(const Text& reader);
   /// The same, with a client of the card's token.
   [[nodiscard]] Result<void> connect();
 

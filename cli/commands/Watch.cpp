@@ -129,10 +129,8 @@ void lookAtModule(const Session& watching, HelperLine& line) {
 
 /// Inserts the card and keeps its token until the card goes.
 void keepCard(const Session& watching, const Text& reader, HelperLine& line) {
-  Options options = watching.options();
-  options.reader = reader.toUtf8();
-  Session session{watching.services(), options, watching.module()};
-  if (const auto inserted = session.insertCard(); !inserted) {
+  Session session{watching.services(), watching.options(), watching.module()};
+  if (const auto inserted = session.insertCardFrom(reader); !inserted) {
     for (const Reader& found : session.lastFound()) {
       if (found.name == reader) line.send(messageOf(found));
     }

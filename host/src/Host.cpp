@@ -84,6 +84,17 @@ std::vector<Finding> noCardFindings(const std::vector<Reader>& all, const CardSe
   return findings;
 }
 
+/// Why a beginning that fits the name of one reader may fit that of another; nothing where all are known.
+std::optional<Failure> whyNotOnly(const std::vector<Reader>& all) {
+  const auto nameless =
+      std::find_if(all.begin(), all.end(), [](const Reader& slot) { return slot.slotFailure.has_value(); });
+  if (nameless == all.end()) return std::nullopt;
+  return Failure{nameless->unreadable->kind, "which card is meant cannot be told",
+                 "the name of another reader, slot " + std::to_string(nameless->slotID) +
+                     ", cannot be read: " + nameless->unreadable->why,
+                 "run again, or give the whole name of the reader"};
+}
+
 /// True when more slots hold a token than the bridge has the module list.
 bool tooManyCards(P11Bridge& bridge) noexcept {
   CK_ULONG numSlots = 0;
@@ -109,9 +120,9 @@ Result<std::vector<Reader>> Host::readers(const Text& readerName) {
   auto found = findReaders(*bridge_, *diary_, givenModule_, true);
   lastFound_ = found ? *found : std::vector<Reader>{};
   if (readerName.isNull() || !found) return found;
-  const auto named = readerNamed(readerName, *found);
+  const auto named = readerNamed(readerName, false, *found);
   if (!named) return named.failure();
-  return std::vector{*named};
+  return std::vector{named->reader};
 }
 
 Result<std::vector<Reader>> Host::slots() { return findReaders(*bridge_, *diary_, givenModule_, false); }
@@ -142,31 +153,20 @@ Result<Host::ChosenReader> Host::chooseReader(const Text& readerName) {
     return Failure{FailureKind::kNoCard, "there is no card to insert",
                    "no reader holds a card that is initialised", UserStep::kInitialiseOrNameReader};
   }
-  const auto named = readerNamed(readerName, candidates);
-  if (!named) return named.failure();
-  return ChosenReader{*named, std::nullopt};
+  return readerNamed(readerName, false, candidates);
 }
 
-Result<Reader> Host::readerNamed(const Text& readerName, const std::vector<Reader>& candidates) {
+Result<Host::ChosenReader> Host::readerNamed(const Text& readerName, bool isWholeName,
+                                             const std::vector<Reader>& candidates) {
   const std::string wanted = readerName.toUtf8();
   const std::string shownName = displayed(std::string_view{wanted});
   const auto isNamed = [&](const Reader& reader) {
     return displayed(reader.name) == wanted || reader.name == readerName;
   };
   const auto exact = std::find_if(candidates.begin(), candidates.end(), isNamed);
-  if (exact != candidates.end()) return *exact;
+  if (exact != candidates.end()) return ChosenReader{*exact, std::nullopt};
 
-  std::vector<Reader> alike;
-  std::copy_if(candidates.begin(), candidates.end(), std::back_inserter(alike), [&](const Reader& reader) {
-    return !readerName.isEmpty() && (displayed(reader.name).starts_with(wanted) ||
-                                     reader.name.units().starts_with(readerName.units()));
-  });
-  if (alike.size() == 1) return alike.front();
-  if (alike.size() > 1) {
-    return Failure{FailureKind::kNoCard, "the reader name " + quoted(shownName) + " is not clear",
-                   "it fits " + namesOf(alike), "give the whole name"};
-  }
-
+  // A whole name stands for that reader alone, be it empty.
   const auto all = findReaders(*bridge_, *diary_, givenModule_, false);
   if (!all) return all.failure();
   const CardServiceView service = viewOf(services_.cardService);
@@ -175,12 +175,28 @@ Result<Reader> Host::readerNamed(const Text& readerName, const std::vector<Reade
       listed != all->end()
           ? listed->name
           : Text::fromBytes({reinterpret_cast<const std::uint8_t*>(wanted.data()), wanted.size()});
-  if (listed != all->end() || serviceHasReader(service, name)) {
+  std::vector<Reader> alike;
+  std::copy_if(candidates.begin(), candidates.end(), std::back_inserter(alike), [&](const Reader& reader) {
+    return !isWholeName && !readerName.isEmpty() &&
+           (displayed(reader.name).starts_with(wanted) ||
+            reader.name.units().starts_with(readerName.units()));
+  });
+  // The module may have longer names than the service, of the same readers.
+  const bool isOther = std::all_of(alike.begin(), alike.end(), [&](const Reader& reader) {
+    return serviceHasReader(service, reader.name);
+  });
+  if (listed != all->end() || (isOther && serviceHasReader(service, name))) {
     const std::vector<Finding> findings = findingsOfReader(name, *all, service);
     if (!findings.empty() && findings.front().id != FindingID::kReadersEmpty)
       return noCardFailure("the card in reader " + quoted(shownName) + " cannot be used", findings);
     return Failure{FailureKind::kNoCard, "the reader " + quoted(shownName) + " holds no card",
                    "the module finds no token in it", "put a card into it"};
+  }
+
+  if (alike.size() == 1) return ChosenReader{alike.front(), whyNotOnly(*all)};
+  if (alike.size() > 1) {
+    return Failure{FailureKind::kNoCard, "the reader name " + quoted(shownName) + " is not clear",
+                   "it fits " + namesOf(alike), "give the whole name"};
   }
   const std::string what = "there is no reader " + quoted(shownName);
   if (candidates.empty()) return noCardFailure(what, noCardFindings(*all, service));
@@ -199,9 +215,18 @@ Host::NoCard Host::whyNoCard(std::string what) {
 
 Result<InsertedCard> Host::insert(const Text& readerName) {
   const auto chosen = chooseReader(readerName);
-  if (!chosen) return chosen.failure();
-  const Reader& reader = chosen->reader;
+  return chosen ? insertChosen(*chosen) : chosen.failure();
+}
 
+Result<InsertedCard> Host::insertFrom(const Text& wholeName) {
+  const auto found = readers();
+  if (!found) return found.failure();
+  const auto chosen = readerNamed(wholeName, true, *found);
+  return chosen ? insertChosen(*chosen) : chosen.failure();
+}
+
+Result<InsertedCard> Host::insertChosen(const ChosenReader& chosen) {
+  const Reader& reader = chosen.reader;
   PlatformServices services = services_;
   // For the examination of the card too, which sees the same certificates.
   services.certificates = certificates_ = parserWithMemory(services_.certificates);
@@ -228,7 +253,7 @@ Result<InsertedCard> Host::insert(const Text& readerName) {
     card.incomplete = failureBecauseOf(*failedRead, "the objects of the card were not all read",
                                        FailureKind::kCardEnumerationFailed);
   }
-  card.uncertain = chosen->uncertain;
+  card.uncertain = chosen.uncertain;
   card.watch = std::make_shared<CardWatch>(token, reader);
   if (const auto same = card.watch->checkInsertion(); !same) return same.failure();
   return card;

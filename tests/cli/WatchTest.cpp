@@ -34,6 +34,10 @@ class Watching : public EndToEndTest {
   void tell(const std::vector<std::pair<std::string, std::string>>& states) const {
     std::string readers;
     for (const auto& [label, state] : states) readers += readerOf(label) + "=" + state + ";";
+    tellReaders(readers);
+  }
+  /// The same of readers of any name: "NAME=STATE;" of each.
+  void tellReaders(const std::string& readers) const {
     std::ofstream{path("next")} << readers;
     std::filesystem::rename(path("next"), path("readers"));
   }
@@ -192,6 +196,18 @@ TEST_F(Watching, IsLimitedToOneReader) {
   const auto told = jsonOf(ended(child));
   ASSERT_THAT(told, SizeIs(1));
   EXPECT_EQ(told[0]["tokenLabel"], "Two");
+}
+
+TEST_F(Watching, TakesTheCardOfNoReaderWhoseNameOnlyBeginsAlike) {
+  makeCards("token label=One\n");
+  const std::string longName = readerOf("One");
+  const std::string name = longName.substr(0, longName.size() - 1);
+  tellReaders(name + "=" + kCard + ";" + longName + "=" + kNone + ";");
+  RunningChild child{watching({"--json"})};
+  (void)events(1);
+  const auto told = jsonOf(ended(child));
+  ASSERT_TRUE(told.size() == 1 && told[0].contains("error"));
+  EXPECT_EQ(told[0]["error"]["id"], "no-card");
 }
 
 TEST_F(Watching, GivesACommandTextsThatControlNoTerminal) {

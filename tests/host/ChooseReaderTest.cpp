@@ -1,5 +1,6 @@
 #include "host/HostTest.h"
 #include "host/KeyClient.h"
+#include "support/FakeCardService.h"
 
 namespace mirel::test {
 namespace {
@@ -131,6 +132,45 @@ TEST_F(ChooseReader, TellsAReaderWithoutACardFromNoReader) {
   script.addSlot("Empty reader");
   EXPECT_THAT(refusalOf(Text{u"Empty reader"}).what,
               AllOf(HasSubstr("\"Empty reader\""), HasSubstr("no card")));
+}
+
+// The card of another reader would get the PIN.
+TEST_F(ChooseReader, TakesAWholeNameForThatReaderAloneBeItEmpty) {
+  for (const std::vector<std::string>& others :
+       {std::vector<std::string>{"Reader 10"}, std::vector<std::string>{"Reader 10", "Reader 11"}}) {
+    SCOPED_TRACE(others.size());
+    setReaders(others);
+    script.addSlot("Reader 1");
+    EXPECT_EQ(refusalOf(Text{u"Reader 1"}).what, "the reader \"Reader 1\" holds no card");
+  }
+}
+
+TEST_F(ChooseReader, TakesAWholeNameOfTheCardServiceForThatReaderUnlessTheModuleCallsItOtherwise) {
+  const auto service = std::make_shared<FakeCardService>();
+  PlatformServices mine = services();
+  mine.cardService = service;
+  Host own{mine};
+  setReaders({"Reader 10"});
+  service->view.readers = {{"Reader 1", ServiceReader::Card::kNone}};
+  service->view.readers.push_back({"Reader 10", ServiceReader::Card::kPresent});
+  EXPECT_EQ(failureOf(own.insert(Text{u"Reader 1"})).what, "the reader \"Reader 1\" holds no card");
+  service->view.readers.pop_back();
+  const auto card = own.insert(Text{u"Reader 1"});
+  EXPECT_TRUE(card);
+}
+
+TEST_F(ChooseReader, GivesNoClientByAShortNameWhileTheNameOfAnotherReaderCannotBeRead) {
+  setReaders({"Reader 1", "Reader 10"});
+  script.hook<&CK_FUNCTION_LIST::C_GetSlotInfo>(
+      [first = script.slots().begin()->first](auto real, auto slot, auto* info) {
+        return slot == first ? CKR_DEVICE_ERROR : real(slot, info);
+      });
+  const InsertedCard card = inserted(Text{u"Reader 1"});
+  EXPECT_EQ(card.reader.tokenLabel, Text{u"Card 1"});
+  const Failure failure = failureOf(host.newClient(card));
+  expectPresentable(failure);
+  EXPECT_THAT(failure.why, HasSubstr("C_GetSlotInfo answered CKR_DEVICE_ERROR"));
+  EXPECT_TRUE(host.newClient(inserted(Text{u"Reader 10"})));
 }
 
 TEST_F(ChooseReader, ShowsANameWithControlCharactersInOneLine) {

@@ -144,6 +144,8 @@ class Host {
   /// beginning that only one reader has, as it is displayed or with a character for each byte; null: the
   /// first reader whose token is initialised.
   [[nodiscard]] Result<InsertedCard> insert(const Text& readerName);
+  /// The card of the reader that has exactly that name.
+  [[nodiscard]] Result<InsertedCard> insertFrom(const Text& wholeName);
 
   /// A new client of the token of an inserted card. None of a card that was taken because the one before
   /// could not be read just now: it would get a PIN that is not its own.
@@ -175,11 +177,13 @@ class Host {
   };
 
   [[nodiscard]] Result<ChosenReader> chooseReader(const Text& readerName);
+  [[nodiscard]] Result<InsertedCard> insertChosen(const ChosenReader& chosen);
   [[nodiscard]] std::vector<Finding> tokenFindings(const Reader& reader, const Text& instanceID);
   [[nodiscard]] CardContents contentsOf(const Reader& reader, const std::vector<Finding>& tokenFindings,
                                         bool afterLogin);
   [[nodiscard]] Failure listingFailure(const Reader& reader, const std::optional<FailedCall>& cause);
-  [[nodiscard]] Result<Reader> readerNamed(const Text& readerName, const std::vector<Reader>& candidates);
+  [[nodiscard]] Result<ChosenReader> readerNamed(const Text& readerName, bool isWholeName,
+                                                 const std::vector<Reader>& candidates);
 
   PlatformServices services_;
   std::string givenModule_;
