@@ -98,14 +98,14 @@ std::string jsonTextOf(const ReaderEvent& event, const Outcome& outcome) {
   return jsonLine("watch", json);
 }
 
-/// Those whose name is the one of the options; where none is, those whose name begins with it.
+/// Those whose name is the one of the options; where none has ever been, those whose name begins with it.
 std::vector<WatchedReader> namedReaders(std::vector<WatchedReader> readers,
-                                        const std::optional<std::string>& wanted) {
+                                        const std::optional<std::string>& wanted, bool& ioIsWholeName) {
   if (!wanted) return readers;
   const auto isNamed = [&](const WatchedReader& reader) { return displayed(reader.name) == *wanted; };
-  const bool exact = std::any_of(readers.begin(), readers.end(), isNamed);
+  if (std::any_of(readers.begin(), readers.end(), isNamed)) ioIsWholeName = true;
   std::erase_if(readers, [&](const WatchedReader& reader) {
-    return exact ? !isNamed(reader) : !displayed(reader.name).starts_with(*wanted);
+    return ioIsWholeName ? !isNamed(reader) : !displayed(reader.name).starts_with(*wanted);
   });
   return readers;
 }
@@ -208,7 +208,8 @@ class WatchRun {
     for (auto& [name, card] : cards_) {
       if (auto done = takeFromCard(card); !done) return done;
     }
-    for (const ReaderEvent& event : watch_.take(namedReaders(sources_.readers(), options_.reader))) {
+    auto readers = namedReaders(sources_.readers(), options_.reader, isWholeName_);
+    for (const ReaderEvent& event : watch_.take(readers)) {
       if (auto done = take(event); !done) return done;
     }
     std::erase_if(leaving_, [](const auto& helper) { return helper->hasEnded(); });
@@ -413,6 +414,7 @@ class WatchRun {
   std::unique_ptr<EventCommands> commands_;
   Clock::time_point end_ = Clock::time_point::max();
   bool isOver_ = false;
+  bool isWholeName_ = false;  // a reader had the name of the options
 
   ReaderSources sources_;
   ReaderWatch watch_;

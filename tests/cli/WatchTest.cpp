@@ -198,6 +198,20 @@ TEST_F(Watching, IsLimitedToOneReader) {
   EXPECT_EQ(told[0]["tokenLabel"], "Two");
 }
 
+TEST_F(Watching, TellsOfNoOtherReaderWhenTheOneOfThatNameIsGone) {
+  makeCards("token label=One\n");
+  const std::string longName = readerOf("One");
+  const std::string name = longName.substr(0, longName.size() - 1);
+  tellReaders(name + "=" + kCard + ";" + longName + "=" + kCard + ";");
+  RunningChild child{watching({"--json", "--reader", name})};
+  (void)events(1);
+  tellReaders(longName + "=" + kCard + ";");
+  (void)events(2);
+  tellReaders(name + "=" + kCard + ";");
+  (void)events(3);
+  for (const Json& event : jsonOf(ended(child))) EXPECT_EQ(event["reader"], name);
+}
+
 TEST_F(Watching, TakesTheCardOfNoReaderWhoseNameOnlyBeginsAlike) {
   makeCards("token label=One\n");
   const std::string longName = readerOf("One");
