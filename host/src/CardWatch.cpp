@@ -50,6 +50,19 @@ std::optional<FailedCall> readToken(P11Bridge& bridge, const Reader& reader, Fai
 
 }  // namespace
 
+Result<void> checkSame(const Reader& before, const Text& label, const Text& serialNumber) {
+  if (label == before.tokenLabel && serialNumber == before.serialNumber) return {};
+  return Failure{FailureKind::kAnotherCard, "another card is in the reader " + quoted(before.name),
+                 "the card " + described(before.tokenLabel, before.serialNumber) + " was inserted, and now " +
+                     described(label, serialNumber) + " is there",
+                 kPutBack};
+}
+
+Failure cardGone(const Text& reader, std::string why) {
+  return {FailureKind::kCardGone, "the card is not in the reader " + quoted(reader) + " any more",
+          std::move(why), kPutBack};
+}
+
 CardWatch::CardWatch(const std::shared_ptr<HostToken>& token, Reader reader)
     : token_{token}, reader_{std::move(reader)} {}
 
@@ -120,18 +133,9 @@ Result<void> CardWatch::checkInsertion() {
 }
 
 Result<void> CardWatch::compare(const CK_TOKEN_INFO& token) const {
-  const Text label = trimmed(token.label);
-  const Text serialNumber = trimmed(token.serialNumber);
-  if (label == reader_.tokenLabel && serialNumber == reader_.serialNumber) return {};
-  return Failure{FailureKind::kAnotherCard, "another card is in the reader " + quoted(reader_.name),
-                 "the card " + described(reader_.tokenLabel, reader_.serialNumber) +
-                     " was inserted, and now " + described(label, serialNumber) + " is there",
-                 kPutBack};
+  return checkSame(reader_, trimmed(token.label), trimmed(token.serialNumber));
 }
 
-Failure CardWatch::gone(std::string why) const {
-  return {FailureKind::kCardGone, "the card is not in the reader " + quoted(reader_.name) + " any more",
-          std::move(why), kPutBack};
-}
+Failure CardWatch::gone(std::string why) const { return cardGone(reader_.name, std::move(why)); }
 
 }  // namespace mirel

@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <mutex>
+#include <string>
 
 #include "bridge/cryptoki.h"
 #include "host/Host.h"
@@ -11,6 +12,13 @@ namespace mirel {
 
 class FailureDiary;
 class HostToken;
+
+/// Whether a card with that label and serial number may be the one that was in the reader before, which was
+/// read; the failure says that it is another one.
+[[nodiscard]] Result<void> checkSame(const Reader& before, const Text& label, const Text& serialNumber);
+
+/// The card has left the reader of that name.
+[[nodiscard]] Failure cardGone(const Text& reader, std::string why);
 
 /// Watches, as the platform does, whether the card that became a token is still in its reader. When it is
 /// not, the token has ended for good: whoever uses it drops it. All who use the token share one, also from

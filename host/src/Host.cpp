@@ -225,6 +225,27 @@ Result<InsertedCard> Host::insertFrom(const Text& wholeName) {
   return chosen ? insertChosen(*chosen) : chosen.failure();
 }
 
+Result<InsertedCard> Host::insert(const Reader& found) {
+  const auto listed = readers();
+  if (!listed) return listed.failure();
+  auto chosen = readerNamed(found.name, true, *listed);
+  if (!chosen) {
+    const Failure& failure = chosen.failure();
+    if (failure.kind != FailureKind::kNoCard) return failure;
+    return cardGone(found.name, failure.what + ": " + failure.why);
+  }
+  if (found.unreadable) return insertChosen(*chosen);
+  Reader& now = chosen->reader;
+  if (now.unreadable) {
+    // Until the token has read it, it is taken for what it was.
+    const Reader seen = std::exchange(now, found);
+    now.slotID = seen.slotID;
+    now.distinctName = seen.distinctName;
+  }
+  if (const auto same = checkSame(found, now.tokenLabel, now.serialNumber); !same) return same.failure();
+  return insertChosen(*chosen);
+}
+
 Result<InsertedCard> Host::insertChosen(const ChosenReader& chosen) {
   const Reader& reader = chosen.reader;
   PlatformServices services = services_;

@@ -1,6 +1,7 @@
 /// What an examination says of its login, and takes back after it.
 
 #include <algorithm>
+#include <utility>
 
 #include "host/DoctorTrialsTest.h"
 
@@ -136,6 +137,62 @@ TEST_F(DoctorTrials, AreNotMadeWhereThePinCouldGoToAnotherCard) {
   EXPECT_THAT(codesOfCheck(found, "login"), ElementsAre("MT-P09"));
   EXPECT_EQ(checkIn(found, "login").severity, Severity::kWarning);
   EXPECT_EQ(pins.timesAsked(), 0U);
+}
+
+TEST_F(DoctorTrials, AreNotMadeWhereTheCardHasLeftSinceItWasFound) {
+  const struct {
+    const char* name;
+    void (*leave)(Script& script);
+    const char* seen;
+  } rows[] = {
+      {"no card", [](Script& module) { module.pullCard(); },
+       "the reader \"Reader A 00\" holds no card: the module finds no token in it"},
+      {"another card",
+       [](Script& module) {
+         Card other = module.card();
+         setField(other.info.label, "OTHER");
+         module.pullCard();
+         module.insertCard(other);
+       },
+       "\"OTHER\" with serial number \"1234567890ABCDEF\" is there"},
+      {"the card of a reader with a longer name",
+       [](Script& module) {
+         (void)module.addSlot("Reader A 00 and more", module.card());
+         module.pullCard();
+       },
+       "the reader \"Reader A 00\" holds no card"},
+      {"no reader, but one with a longer name",
+       [](Script& module) {
+         (void)module.addSlot("Reader A 00 and more", module.card());
+         module.pullCard();
+         module.slots().erase(kSlot);
+       },
+       "there is no reader \"Reader A 00\""},
+  };
+  for (const auto& [name, leave, seen] : rows) {
+    SCOPED_TRACE(name);
+    script.reset();
+    startAnew();
+    GivenPins given{{u"123456"}};
+    bool wasFound = false;
+    bool hasLeft = false;
+    script.hook<&CK_FUNCTION_LIST::C_GetTokenInfo>([&](auto real, auto slot, auto* info) {
+      wasFound = true;
+      return real(slot, info);
+    });
+    script.hook<&CK_FUNCTION_LIST::C_GetSlotList>(
+        [&, run = leave](auto real, auto present, auto* list, auto* count) {
+          if (wasFound && !std::exchange(hasLeft, true)) run(script);
+          return real(present, list, count);
+        });
+    const Diagnosis found = diagnosisWith(given);
+    EXPECT_EQ(given.timesAsked(), 0U);
+    EXPECT_EQ(script.countOf("C_Login"), 0U);
+    EXPECT_THAT(codesOfCheck(found, "card"), Contains("MT-T04"));
+    EXPECT_THAT(codesOf(found), Not(Contains("MT-T01")));
+    EXPECT_THAT(findingIn(found, FindingID::kCardWentAway).evidence, HasSubstr(seen));
+    EXPECT_EQ(checkIn(found, "card").severity, Severity::kFailure);
+  }
 }
 
 TEST_F(DoctorTrials, AdviseNoOtherPinWhereItIsEnteredAtTheReader) {

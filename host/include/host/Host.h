@@ -146,6 +146,9 @@ class Host {
   [[nodiscard]] Result<InsertedCard> insert(const Text& readerName);
   /// The card of the reader that has exactly that name.
   [[nodiscard]] Result<InsertedCard> insertFrom(const Text& wholeName);
+  /// The card that was found in that reader, and no other: it is a failure where that one has gone, and
+  /// where another one is in its place.
+  [[nodiscard]] Result<InsertedCard> insert(const Reader& found);
 
   /// A new client of the token of an inserted card. None of a card that was taken because the one before
   /// could not be read just now: it would get a PIN that is not its own.

@@ -250,15 +250,18 @@ void tryKeys(Host& host, const InsertedCard& card, const CardReport& report, Pin
   tryDecrypting(**client, card, after, pins, kTrials[1], checks);
 }
 
+bool isOfGoneCard(const Failure& failure) {
+  return failure.kind == FailureKind::kCardGone || failure.kind == FailureKind::kAnotherCard;
+}
+
 Finding unreadCard(const Failure& failure) {
-  const bool isGone = failure.kind == FailureKind::kCardGone || failure.kind == FailureKind::kAnotherCard;
-  return {isGone ? kCardWentAway : kTokenUnreadable, Severity::kFailure, {}, failure.why};
+  return {isOfGoneCard(failure) ? kCardWentAway : kTokenUnreadable, Severity::kFailure, {}, failure.why};
 }
 
 /// Whether a card that says that it is not initialised was not inserted for that: nothing else is known. To
 /// prepare it would empty it.
 bool isUnprepared(const Failure& failure, const CardReport& report) {
-  if (report.hidden) return false;
+  if (report.hidden || isOfGoneCard(failure)) return false;
   return failure.result ? *failure.result == CKR_TOKEN_NOT_RECOGNIZED : report.failedRead.empty();
 }
 
@@ -291,7 +294,7 @@ void checkCard(Host& host, const Reader& reader, const PinsForReader& pins, cons
     return skipAfterCard(checks, "the card cannot be read");
   }
   checks.start(kCardCheck);
-  const auto card = host.insert(reader.name);
+  const auto card = host.insert(reader);
   if (!card) {
     const std::string& why = card.failure().why;
     const CardReport report = host.examine(reader);
@@ -326,8 +329,8 @@ void checkCard(Host& host, const Reader& reader, const PinsForReader& pins, cons
   std::vector<Finding> findings = findingsOf('T', report);
   const bool isGone = judgeGone(findings);
   checks.add(kCardCheck, about, std::move(findings));
-  checkPin(host, reader, report, checks);
-  const auto source = pins ? pins(host, reader) : nullptr;
+  checkPin(host, card->reader, report, checks);
+  const auto source = pins ? pins(host, card->reader) : nullptr;
   addReport(report, distinctItems(card->items).size(), source != nullptr, checks);
   if (isGone) return skipLogin(checks, "the card went away");
   if (!source && whyNotAsWanted.empty()) return skipLogin(checks, "no login was asked for");
