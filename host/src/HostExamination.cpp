@@ -243,6 +243,8 @@ std::vector<Finding> Host::tokenFindings(const Reader& reader, const Text& insta
   if (const CK_RV rv = bridge_->inspectToken(reader.slotID, token); rv != CKR_OK) {
     const FailedCall cause{"C_GetTokenInfo", rv};
     const bool isGone = meaningOf(cause.name, cause.result).kind == FailureKind::kCardGone;
+    // It may be the other card by now.
+    if (isGone) findings.clear();
     findings.push_back({isGone ? FindingID::kCardWentAway : FindingID::kTokenUnreadable, Severity::kUnknown,
                         subject, reasonText(cause)});
     return findings;

@@ -60,7 +60,9 @@ void testCard(Host& host, const P11Bridge& bridge, const Examination& wanted, Ru
   outCard = *reader;
   testSlotOfCard(bridge, reader->slotID, results);
   testObjects(bridge, reader->slotID, results);
-  const auto card = host.insert(wanted.reader);
+  // That a card is not initialised is told of the one that would be taken.
+  const bool isFound = reader->tokenInitialised || !wanted.reader.isNull();
+  const auto card = isFound ? host.insert(*reader) : host.insert(wanted.reader);
   if (!card) {
     const FailureKind kind = card.failure().kind;
     const bool isGone = kind == FailureKind::kCardGone || kind == FailureKind::kAnotherCard;

@@ -1,0 +1,60 @@
+#include <functional>
+#include <utility>
+
+#include "host/ConformanceTest.h"
+
+namespace mirel::test {
+namespace {
+
+class ConformanceGone : public ConformanceTest {};
+
+TEST_F(ConformanceGone, GivesNoGradeAndNoPinWhereTheCardHasLeftSinceItsObjectsWereTested) {
+  const std::pair<const char*, std::function<void()>> rows[] = {
+      {"no card", [this] { script.pullCard(); }},
+      {"another card",
+       [this] {
+         Card other = script.card();
+         setField(other.info.label, "OTHER");
+         script.pullCard();
+         script.insertCard(other);
+       }},
+      {"the card of a reader with a longer name",
+       [this] {
+         (void)script.addSlot("Reader A 00 and more", script.card());
+         script.pullCard();
+       }},
+  };
+  for (const auto& [name, leave] : rows) {
+    SCOPED_TRACE(name);
+    makeGood();
+    bool hasLeft = false;
+    script.hook<&CK_FUNCTION_LIST::C_CloseSession>([&, run = leave](auto real, auto session) {
+      const CK_RV rv = real(session);
+      // The third one that is closed is that in which the objects were read.
+      if (script.countOf("C_CloseSession") == 3 && !std::exchange(hasLeft, true)) run();
+      return rv;
+    });
+    const Conformance found = tested();
+    EXPECT_TRUE(hasLeft);
+    EXPECT_EQ(found.grade.letter, "-");
+    EXPECT_THAT(numbersWith(RuleVerdict::kFail, found), IsEmpty());
+    EXPECT_EQ(script.countOf("C_Login"), 0U);
+  }
+}
+
+TEST_F(ConformanceGone, SendsNoPinToACardThatCameIntoAnEarlierReader) {
+  script.slots()[kSlot + 1] = script.slot();
+  setField(script.slot().info.slotDescription, "Earlier");
+  const Card own = script.card();
+  script.pullCard();
+  script.hook<&CK_FUNCTION_LIST::C_CloseSession>([&](auto real, auto session) {
+    if (!script.slot().card) script.insertCard(own);
+    return real(session);
+  });
+  const Conformance found = tested();
+  EXPECT_EQ(found.card->name, Text{u"Reader A 00"});
+  EXPECT_FALSE(script.card().loggedIn);
+}
+
+}  // namespace
+}  // namespace mirel::test
