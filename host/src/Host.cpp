@@ -286,8 +286,12 @@ Failure cardSeenGoing(const Text& reader) {
           "put that card back, leave it in, and run again"};
 }
 
+Result<void> Host::lookFor(const InsertedCard& card) {
+  return card.watch ? card.watch->look(*diary_) : Result<void>{};
+}
+
 Failure Host::whyGone(const InsertedCard& card) {
-  if (card.watch) (void)card.watch->look(*diary_);  // that it cannot tell is no reason
+  (void)lookFor(card);  // that it cannot tell is no reason
   const auto going = card.watch ? card.watch->goesOn() : Result<void>{};
   if (!going) return going.failure();
   Failure gone = cardSeenGoing(card.reader.name);

@@ -6,6 +6,8 @@
 namespace mirel::test {
 namespace {
 
+using ::testing::Contains;
+
 class ConformanceGone : public ConformanceTest {};
 
 TEST_F(ConformanceGone, GivesNoGradeAndNoPinWhereTheCardHasLeftSinceItsObjectsWereTested) {
@@ -54,6 +56,28 @@ TEST_F(ConformanceGone, SendsNoPinToACardThatCameIntoAnEarlierReader) {
   const Conformance found = tested();
   EXPECT_EQ(found.card->name, Text{u"Reader A 00"});
   EXPECT_FALSE(script.card().loggedIn);
+}
+
+TEST_F(ConformanceGone, BlamesNoCardForWhatIsSeenWithoutTheLoginThatItHasLost) {
+  Card own = script.card();
+  script.hook<&CK_FUNCTION_LIST::C_Login>([&](auto real, auto session, auto user, auto* pin, auto size) {
+    own = script.card();
+    return real(session, user, pin, size);
+  });
+  // It is put back before the host has looked at its objects once more.
+  bool wasAway = false;
+  script.hook<&CK_FUNCTION_LIST::C_OpenSession>(
+      [&](auto real, auto slot, auto flags, auto* application, auto notify, auto* session) {
+        if (script.card().loggedIn && !std::exchange(wasAway, true)) {
+          script.pullCard();
+          script.insertCard(own);
+        }
+        return real(slot, flags, application, notify, session);
+      });
+  const Conformance found = tested();
+  EXPECT_TRUE(wasAway);
+  EXPECT_THAT(numbersWith(RuleVerdict::kFail, found), IsEmpty());
+  EXPECT_THAT(numbersWith(RuleVerdict::kUnknown, found), Contains("CR-38"));
 }
 
 }  // namespace

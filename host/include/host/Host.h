@@ -157,6 +157,10 @@ class Host {
   /// What the flags of the card's token say about the PIN just now.
   [[nodiscard]] Result<PinState> pinState(const Reader& reader);
 
+  /// Whether an inserted card is still in its reader, and its token with it. Asks the module; the failure
+  /// says that it is not, or that it cannot be told.
+  [[nodiscard]] Result<void> lookFor(const InsertedCard& card);
+
   /// Why an inserted card that the card service has seen going cannot be used: it is gone, another one is in
   /// its place, or it was away. Its token has ended then.
   [[nodiscard]] Failure whyGone(const InsertedCard& card);

@@ -1,6 +1,7 @@
 #include "conformance/KeyRules.h"
 
 #include <algorithm>
+#include <iterator>
 
 #include "CodeMeaning.h"
 #include "conformance/ObjectRules.h"
@@ -173,6 +174,18 @@ void testKeyKinds(const InsertedCard& card, RuleResults& results) {
   results.pass(kDecryptingKey, std::to_string(numGood) + (numGood == 1 ? " key" : " keys") + " looked at");
 }
 
+/// What was seen of objects through a session of its own may have been another card, or one without a login.
+void takeBackWithoutCard(Host& host, const InsertedCard& card, RuleResults& results) {
+  constexpr RuleID kRules[] = {kSessionState, kModulusReadable, kSigningPrivateKey, kPrivateModulus};
+  const auto isBad = [&](RuleID rule) { return results.isBad(rule); };
+  if (std::none_of(std::begin(kRules), std::end(kRules), isBad)) return;
+  const auto there = host.lookFor(card);
+  if (there) return;
+  for (const RuleID rule : kRules) {
+    if (isBad(rule)) results.unknown(rule, there.failure().what + ": " + there.failure().why);
+  }
+}
+
 }  // namespace
 
 bool testKeys(Host& host, const P11Bridge& bridge, const InsertedCard& card, PinSource* pins,
@@ -207,6 +220,7 @@ bool testKeys(Host& host, const P11Bridge& bridge, const InsertedCard& card, Pin
   }
   ioReport = host.examine(card, true);
   testKeyObjects(bridge, card, results);
+  takeBackWithoutCard(host, card, results);
   testSignatures(**client, card, ioReport, *pins, results, outAbilities);
   testDecryption(**client, card, ioReport, *pins, results, outAbilities);
   return true;
