@@ -81,7 +81,8 @@ class CheckedPins : public PinSource {
 
   Pin askForPin(const std::string& card) final {
     const Result<PinState> state = pinState_();
-    if (!state && state.failure().kind == FailureKind::kCardGone) return state.failure();
+    const auto isUnsaid = [&](FailureKind kind) { return !state && state.failure().kind == kind; };
+    if (isUnsaid(FailureKind::kCardGone) || isUnsaid(FailureKind::kAnotherCard)) return state.failure();
     if (state && !state->obstacle.empty()) {
       return Failure{
           FailureKind::kPinCannotBeEntered, "the PIN of this card cannot be entered here", state->obstacle,

@@ -5,6 +5,7 @@
 
 #include "CardFindings.h"
 #include "CardInspector.h"
+#include "CardWatch.h"
 #include "CodeMeaning.h"
 #include "EnumerationFailure.h"
 #include "FailureDiary.h"
@@ -173,6 +174,9 @@ Result<PinState> Host::pinState(const Reader& reader) {
     if (failure.kind != FailureKind::kCardGone) failure.why = answerText(cause);
     return failure;
   }
+  const auto same = reader.unreadable ? Result<void>{}
+                                      : checkSame(reader, trimmed(token.label), trimmed(token.serialNumber));
+  if (!same) return same.failure();
   const auto isSet = [&](CK_FLAGS flag) { return (token.flags & flag) != 0; };
   PinState state{kNoWord, isSet(CKF_PROTECTED_AUTHENTICATION_PATH), {}, {}};
   if (isSet(CKF_USER_PIN_LOCKED)) {

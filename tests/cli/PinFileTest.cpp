@@ -296,6 +296,15 @@ TEST_F(PinFlags, KeepTheTryWhenTheyCannotBeRead) {
   }
 }
 
+TEST_F(PinFlags, AreNotThoseOfAnotherCard) {
+  // The last look at the token is the one at its flags.
+  expectUntried(run(stagedWithPin("login", kFinalTry)), 17, {"one more wrong PIN locks the card"});
+  Stage swapped = kFinalTry;
+  swapped["SWAP_INFO"] = std::to_string(stagedCallsOf("C_GetTokenInfo"));
+  for (const Result& result : runs("login", swapped))
+    expectUntried(result, 15, {"another card is in the reader", "9999999999999999"});
+}
+
 TEST_F(PinFlags, AreNotGuessedAtThePrompt) {
   PseudoTerminal terminal;
   Invocation call = staged("login", lostTokenInfo());

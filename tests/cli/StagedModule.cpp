@@ -28,6 +28,7 @@
 ///                             the end of the process, and makes the file MIREL_STAGED_HANGING.
 ///   MIREL_STAGED_SWAP         a function in kStaged: from its first call on every token has another serial
 ///                             number.
+///   MIREL_STAGED_SWAP_INFO    decimal: from so many calls of C_GetTokenInfo on, counted from 1, the same.
 ///   MIREL_STAGED_SWAP_FILE    the same once there is that file.
 ///   MIREL_STAGED_FOLDER       a folder: the entry point makes it the working folder of the process.
 ///   MIREL_STAGED_CALLS        a file that gets the name of every call of the first kNumNoted functions in
@@ -172,6 +173,9 @@ CK_RV tokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO_PTR info) {
   if (const std::string most = variable("MIREL_STAGED_TOKEN_INFOS"); !most.empty()) {
     if (calls++ >= std::stoul(most)) return CKR_DEVICE_ERROR;
   }
+  static unsigned long infos = 0;
+  if (const std::string first = variable("MIREL_STAGED_SWAP_INFO"); !first.empty())
+    swapped = swapped || ++infos >= std::stoul(first);
   const CK_RV rv = real->C_GetTokenInfo(slot, info);
   if (rv == CKR_OK) info->flags |= moreFlags;
   if (const std::string shortest = variable("MIREL_STAGED_MIN_PIN"); rv == CKR_OK && !shortest.empty())

@@ -90,6 +90,17 @@ TEST_F(PinState, IsUnknownWhenTheTokenCannotBeRead) {
   EXPECT_EQ(failureOf(state()).kind, FailureKind::kCardGone);
 }
 
+TEST_F(PinState, IsNotThatOfAnotherCard) {
+  Card other = script.card();
+  setField(other.info.serialNumber, "0000000000000002");
+  other.info.flags |= CKF_USER_PIN_LOCKED;
+  script.pullCard();
+  script.insertCard(other);
+  const Failure failure = failureOf(state());
+  EXPECT_EQ(failure.kind, FailureKind::kAnotherCard);
+  EXPECT_THAT(failure.why, HasSubstr("now \"TESTCARD\" with serial number \"0000000000000002\" is there"));
+}
+
 TEST_F(PinState, IsUnknownBeforeTheModuleIsLoaded) {
   Host unused{services()};
   EXPECT_FALSE(unused.pinState(reader));

@@ -154,7 +154,8 @@ class Host {
   /// could not be read just now: it would get a PIN that is not its own.
   [[nodiscard]] Result<std::unique_ptr<KeyClient>> newClient(const InsertedCard& card);
 
-  /// What the flags of the card's token say about the PIN just now.
+  /// What the flags of the card's token say about the PIN just now. A failure where the reader holds another
+  /// card than it did.
   [[nodiscard]] Result<PinState> pinState(const Reader& reader);
 
   /// Whether an inserted card is still in its reader, and its token with it. Asks the module; the failure
