@@ -4,7 +4,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <csignal>
+#include <cstdio>
 
 #include "EndToEndTest.h"
 #include "ReferenceCryptography.h"
@@ -105,6 +107,12 @@ TEST_F(Recordings, AnswerADecryptionWithAsManyLetters) {
   const std::string cipher = encrypted("rsa2048", "pkcs1", kPlain);
   ASSERT_EQ(recorded("decrypt --key 02" + pin, cipher).out, kPlain);
   expectOutput(replayed("decrypt --key 02" + pin, cipher), std::string(std::string{kPlain}.size(), 'Z'));
+}
+
+TEST_F(Recordings, ReplayInTheHomeThatHadTheModule) {
+  const ModuleHome home{kSoftHsm};
+  expectSuccess(run(invocation("--home " + home.home() + " record --out " + file() + " items")));
+  EXPECT_THAT(replayed("items -v").err, HasSubstr(" path = " + home.modulePath() + "\n"));
 }
 
 TEST_F(Recordings, CanBeTracedAndRecordedInAReplay) {
@@ -352,7 +360,20 @@ TEST_F(Recordings, AreShownAsATable) {
   const Result slow = run(invocation("trace show --slow --json " + path("trace")));
   const Json calls = Json::parse(slow.out)["calls"];
   EXPECT_GE(calls.front()["milliseconds"], calls.back()["milliseconds"]);
+  double sum = 0;
+  for (const Json& call : calls) sum += call["milliseconds"].get<double>();
+  std::array<char, 64> took{};
+  (void)std::snprintf(took.data(), took.size(), "\n%zu calls that took %.3f ms; 1 failed.\n", calls.size(),
+                      sum);
+  EXPECT_THAT(all.out, HasSubstr(took.data()));
   expectFailure(run(invocation("trace shows x")), 2, {"trace show FILE"});
+}
+
+TEST_F(Recordings, AreShownWhateverModuleIsChosen) {
+  expectSuccess(recorded("readers"));
+  Invocation call = invocation("trace show " + file());
+  call.environment["MIRELTOKEN_MODULE"] = write("none", "no library");
+  expectSuccess(run(call));
 }
 
 TEST_F(Recordings, OfOneCallAreALineOnStandardError) {
