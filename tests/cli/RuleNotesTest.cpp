@@ -21,6 +21,16 @@ TEST(RuleNotes, HaveWhatTheRulesCameToAndSkipTheOthers) {
   EXPECT_EQ(results[1].verdict, RuleVerdict::kSkip);
 }
 
+TEST(RuleNotes, HaveEachVerdict) {
+  const auto rules = conformanceRules();
+  for (const RuleVerdict verdict : {RuleVerdict::kPass, RuleVerdict::kWarn, RuleVerdict::kFail,
+                                    RuleVerdict::kSkip, RuleVerdict::kUnknown}) {
+    const RuleResult result = resultsFrom(noteOf({{rules[0], verdict, "seen"}})).front();
+    EXPECT_EQ(result.verdict, verdict);
+    EXPECT_EQ(result.evidence, "seen");
+  }
+}
+
 TEST(RuleNotes, AreNotSoughtBehindMoreMembersThanAnyNoteHas) {
   std::string text = "{";
   for (int i = 0; i < 50000; ++i) text += "\"" + std::to_string(i) + "\":0,";

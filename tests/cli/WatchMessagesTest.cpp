@@ -86,6 +86,18 @@ TEST(WatchMessages, AreNoneWhenTheyAreNotWhatIsSent) {
   }
 }
 
+TEST(WatchMessages, HoldTheSeverityOfAFindingThatThereIs) {
+  const std::string code{entryOf(FindingID::kPinLocked).code};
+  for (const Severity severity : {Severity::kFailure, Severity::kWarning, Severity::kUnknown}) {
+    CardReport report;
+    report.findings = {{FindingID::kPinLocked, severity, "key", "seen"}};
+    std::string message = messageOf(InsertedCard{}, report);
+    EXPECT_EQ(cardIn(message)->worst->severity, severity);
+    message.replace(message.find(code), code.size(), "MT-X99");
+    EXPECT_EQ(cardIn(message)->worst->severity, Severity::kUnknown);
+  }
+}
+
 TEST(WatchMessages, HoldNoFindingThatThereIsNot) {
   CardReport report;
   report.findings = {{FindingID::kPinLocked, Severity::kFailure, "key", "seen"}};
