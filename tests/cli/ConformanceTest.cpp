@@ -86,6 +86,15 @@ TEST_F(ConformanceCommand, WritesItsFilesAlsoWhereTheModuleEndsTheTest) {
   }
 }
 
+TEST_F(ConformanceCommand, WritesAlsoOneFileAloneWhereTheModuleEndsTheTest) {
+  for (const std::string option : {"--junit", "--html"}) {
+    const Arguments arguments{"conformance", option, path("alone" + option)};
+    expectFailure(run(staged(arguments, {{"EXIT", "C_GetTokenInfo"}})), 22,
+                  {"; what was tested until then was written; "});
+    EXPECT_THAT(read("alone" + option), HasSubstr("called exit in C_GetTokenInfo"));
+  }
+}
+
 TEST_F(ConformanceCommand, TellsWhatItTestedAlsoWhereItsFileCannotBeWritten) {
   const Result result = mireltoken("conformance --junit /dev/full");
   EXPECT_EQ(result.exitCode, 14);
@@ -94,7 +103,10 @@ TEST_F(ConformanceCommand, TellsWhatItTestedAlsoWhereItsFileCannotBeWritten) {
 }
 
 TEST_F(ConformanceCommand, RefusesWhatItCouldNotUse) {
-  expectFailure(runWithPin("conformance"), 2, {"a PIN is of no use without --login"});
+  const std::string unused = "a PIN is of no use without --login";
+  expectFailure(runWithPin("conformance"), 2, {unused});
+  for (const char* option : {"--pin-fd 0", "--last-try"})
+    expectFailure(mireltoken(std::string{"conformance "} + option), 2, {unused});
   expectFailure(mireltoken("conformance --login --pin-file " + path("none")), 14,
                 {"the PIN cannot be read from"});
   expectFailure(mireltoken("conformance --junit -"), 2, {"--junit needs the name of a file"});

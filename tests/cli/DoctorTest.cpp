@@ -106,7 +106,10 @@ TEST_F(Doctor, WarnsByItsExitCode) {
 }
 
 TEST_F(Doctor, TakesNoPinThatItDoesNotUse) {
-  expectFailure(examined(stagedWithPin("doctor")), 2, {"a PIN is of no use without --login"});
+  const std::string unused = "a PIN is of no use without --login";
+  expectFailure(examined(stagedWithPin("doctor")), 2, {unused});
+  for (const char* option : {"--pin-fd 0", "--last-try"})
+    expectFailure(examined(staged(std::string{"doctor "} + option)), 2, {unused});
 }
 
 TEST_F(Doctor, DoesNotTakeAPinFileThatCannotBeReadForAFaultOfTheCard) {
