@@ -3,6 +3,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <functional>
+#include <sstream>
+
 #include "PageTest.h"
 
 namespace mirel::cli {
@@ -15,6 +19,15 @@ const PageFacts kFacts{"mireltoken 1.0\nOpenSSL 3\n", "2026-01-31T12:00:00Z"};
 
 Check checkWith(Severity severity, Station station = Station::kModule) {
   return {"the check", severity, "the evidence", {}, {}, station};
+}
+
+/// The values of an attribute, in their order.
+std::vector<std::size_t> numbersAt(const std::string& attribute, const std::string& picture) {
+  std::vector<std::size_t> numbers;
+  const std::string start = " " + attribute + "=\"";
+  for (std::size_t at = picture.find(start); at != std::string::npos; at = picture.find(start, at + 1))
+    numbers.push_back(std::stoull(picture.substr(at + start.size())));
+  return numbers;
 }
 
 TEST(DoctorPage, EscapesWhateverComesFromTheCardOrTheModule) {
@@ -60,6 +73,27 @@ TEST(DoctorPage, ShowsTheWorstOfAStationAndWhereTheWayIsBroken) {
   EXPECT_THAT(page, HasSubstr("aria-label=\"module: works, readers: not looked at, card: does not work, "
                               "objects: does not work, keys: not looked at, keychain: gets nothing\""));
   EXPECT_THAT(page, HasSubstr("broken at: <strong>card</strong>"));
+}
+
+TEST(DoctorPage, DrawsARoadFromStopToStopWithinEachPicture) {
+  const std::string page = pageOf({{checkWith(Severity::kOk)}}, kFacts);
+  const std::pair<std::string, std::string> rows[] = {{"wide", "x"}, {"tall", "y"}};
+  for (const auto& [name, along] : rows) {
+    SCOPED_TRACE(name);
+    std::string picture = page.substr(page.find("<svg class=\"" + name));
+    picture.resize(picture.find("</svg>"));
+    std::vector<std::size_t> stops = numbersAt("c" + along, picture);
+    ASSERT_EQ(stops.size(), 6U);
+    EXPECT_EQ(std::adjacent_find(stops.begin(), stops.end(), std::greater_equal<>{}), stops.end());
+    std::istringstream box{picture.substr(picture.find("viewBox=\"0 0 ") + 13)};
+    std::size_t width = 0;
+    std::size_t height = 0;
+    box >> width >> height;
+    EXPECT_LT(stops.back(), along == "x" ? width : height);
+    EXPECT_EQ(numbersAt(along + "2", picture), (std::vector<std::size_t>{stops.begin() + 1, stops.end()}));
+    stops.pop_back();
+    EXPECT_EQ(numbersAt(along + "1", picture), stops);
+  }
 }
 
 TEST(DoctorPage, TellsWhatWasFoundWithReasonAndRemedy) {
