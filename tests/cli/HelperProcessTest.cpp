@@ -3,7 +3,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <stdexcept>
 #include <thread>
 
@@ -66,6 +71,26 @@ TEST(HelperProcess, IsNotStoppedWhereItMayNotWriteToTheTerminal) {
   });
   EXPECT_TRUE(endsInTime(*helper));
   EXPECT_THAT(helper->takeTexts(), ElementsAre("ignored"));
+}
+
+TEST(HelperProcess, IsNotStartedWithoutRoomForItsPipesAndLeavesNoneOpen) {
+  const int next = dup(STDERR_FILENO);
+  (void)close(next);
+  rlimit before{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+  for (rlim_t room = 0; room < 4; ++room) {
+    SCOPED_TRACE(room);
+    const rlimit less{static_cast<rlim_t>(next) + room, before.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &less), 0);
+    const auto helper = HelperProcess::start([](HelperLine&) {}, {}, true);
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+    ASSERT_FALSE(helper);
+    EXPECT_EQ(helper.failure().what, "no process can be started");
+    EXPECT_EQ(helper.failure().why, std::strerror(EMFILE));
+    const int nextAfter = dup(STDERR_FILENO);
+    EXPECT_EQ(nextAfter, next);
+    (void)close(nextAfter);
+  }
 }
 
 TEST(WatchSignals, EndAProgramThatDoesNotReact) {
