@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <regex>
 
 #include "EndToEndTest.h"
 
@@ -82,6 +83,17 @@ TEST_F(Readers, AreListedForPeopleWithTheirFlagsSpelledOut) {
   EXPECT_THAT(result.out, HasSubstr(freeReader()));
   makeCards("token label=0x52651B5B326D64\n");
   EXPECT_THAT(mireltoken("readers").out, HasSubstr("  Re\\x1B[2md  "));
+}
+
+TEST_F(Readers, AreListedForPeopleWithWhyTheyCannotBeChosen) {
+  makeCards("token label=Card\n");
+  expectSuccess(mireltoken("record --out " + path("recording") + " readers"));
+  const std::regex names{R"("slotDescription":"[^"]*")"};
+  const std::string name = R"("slotDescription":"Reader)" + std::string(58, ' ') + '"';
+  const std::string renamed = write("renamed", std::regex_replace(read("recording"), names, name));
+  const std::string out = run(invocation("--replay " + renamed + " readers")).out;
+  EXPECT_THAT(out, HasSubstr(" TOKEN_INITIALIZED\nReader "));
+  EXPECT_THAT(out, EndsWith(" (cannot be chosen: an earlier reader has the same name)\n"));
 }
 
 TEST_F(Readers, AreChosenByTheirNameOrTheModulesOrder) {
