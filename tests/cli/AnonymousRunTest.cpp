@@ -54,7 +54,8 @@ TEST_F(AnonymousRun, IsRecordedWithoutNames) {
     SCOPED_TRACE(command);
     const Result result = run(recording(command));
     EXPECT_EQ(result.exitCode, 0) << result.err;
-    EXPECT_THAT(result.err, ContainsRegex("replaced in [^\n]*recording: names of readers: [0-9]+, labels: "));
+    EXPECT_THAT(result.err, ContainsRegex("replaced in [^\n]*recording: names of readers: [0-9]+, labels: "
+                                          "[0-9]+[^\n]*: [0-9]+\n"));
     const std::string recorded = read("recording");
     for (const std::string name : {"Grace", "Lovelace", "Hopper"}) {
       EXPECT_THAT(recorded, Not(HasSubstr(name)));

@@ -222,6 +222,7 @@ TEST_F(ModuleChoice, OfTheReaderToo) {
   expectItems(with(onSoftHsm("items --json"), {{"MIRELTOKEN_READER", readerOf("Card")}}));
   expectItems(with(onSoftHsm({"items", "--json", "--reader", readerOf("Card")}), wrong));
   expectFailure(run(with(onSoftHsm("items"), wrong)), 5, {"(MIRELTOKEN_READER names the reader)"});
+  EXPECT_THAT(mireltoken({"items", "--reader", "Nobody's"}).err, Not(HasSubstr("MIRELTOKEN_READER")));
   expectOutput(run(with(onSoftHsm("readers"), wrong)), mireltoken("readers").out);
 }
 

@@ -60,10 +60,13 @@ TEST_F(ProgressLine, CountsWhatHasNoKnownEndAndSteps) {
   Progress work = progress();
   now_ += 3s;
   work.doneBytes(12'999'999, std::nullopt);
+  now_ += 1s;
+  work.doneBytes(13'000'000, 0);
   work.clear();
   now_ += 1s;
   work.doneSteps(1, "\x1B[2Jthe card");
-  EXPECT_EQ(shown(), "\rreading: 12 MB\r              \r\rreading: 1 done, next \\x1B[2Jthe card|");
+  EXPECT_EQ(shown(),
+            "\rreading: 12 MB\rreading: 13 MB\r              \r\rreading: 1 done, next \\x1B[2Jthe card|");
 }
 
 TEST_F(ProgressLine, StaysOneLine) {

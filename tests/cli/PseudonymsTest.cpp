@@ -45,6 +45,7 @@ TEST(Pseudonyms, ReplaceLikeThis) {
       // short ones and plain words by themselves alone
       {"SCardKey K Kk", "SCardKey label-1 Kk"},
       {"cert_Key_01", "cert_label-2_01"},
+      {"zKeyz ZKeyZ 0Key 9Key Key0", "zKeyz ZKeyZ 0Key 9Key Key0"},
       {"mySignatures \\x0412345", "mylabel-6s \\x04label-7"},
       // quotations
       {"reader \"unknown\" and \"unknown\", \"other\"", "reader \"text-1\" and \"text-1\", \"text-2\""},
