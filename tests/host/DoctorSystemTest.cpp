@@ -192,7 +192,9 @@ TEST_F(DoctorOnAMac, TakesTwoCertificatesOfOneKeyForNoOtherDriver) {
   script.addObject(certificate(bytesOf("02"), bytesOf("Second"), der));
   tools->answer(kSecurity, std::string{kOurToken} + kOtherToken);
   tools->answer(kScAuth, hash + "\tone\n" + hash + "\tthe other\n");
-  EXPECT_EQ(findingIn(diagnosis(), FindingID::kOtherDriverOnCard).severity, Severity::kUnknown);
+  const Diagnosis found = diagnosis();
+  EXPECT_EQ(findingIn(found, FindingID::kOtherDriverOnCard).severity, Severity::kUnknown);
+  EXPECT_EQ(checkIn(found, "keys in the system").evidence, "1 of 1 key listed as identities");
 }
 
 TEST_F(DoctorOnAMac, ExcusesByACardThatIsNotShownNoKeyOfTheOther) {

@@ -413,6 +413,24 @@ TEST_F(Doctor, AdvisesToEmptyNoCardForWhichAnotherReasonIsKnown) {
 
 // ---- The PIN ----
 
+TEST(Diagnosis, HasAFindingOnceForEachThingThatItIsAboutAsTheWorst) {
+  const Finding finding{FindingID::kNoReader, Severity::kWarning, "A", "seen"};
+  Finding worse = finding;
+  worse.severity = Severity::kFailure;
+  Finding elsewhere = finding;
+  elsewhere.subject = "B";
+  Finding another = finding;
+  another.id = FindingID::kReadersEmpty;
+  Finding otherwise = finding;
+  otherwise.evidence = "heard";
+  const Diagnosis diagnosis{{{"one", Severity::kWarning, "", {finding, elsewhere, another, otherwise}},
+                             {"two", Severity::kFailure, "", {worse}}}};
+  const auto found = diagnosis.findings();
+  ASSERT_EQ(found.size(), 4U);
+  EXPECT_EQ(found.front().severity, Severity::kFailure);
+  EXPECT_EQ(found.back().severity, Severity::kWarning);
+}
+
 TEST_F(Doctor, KnowsACountOfTriesThatTheModuleReports) {
   script.card().info.flags |= CKF_USER_PIN_COUNT_LOW;
   EXPECT_THAT(codesOf(Diagnosis{{checkIn(diagnosis(), "PIN")}}), ElementsAre("MT-P03", "MT-P07"));
