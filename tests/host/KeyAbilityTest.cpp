@@ -83,6 +83,21 @@ TEST(KeySize, DecidesWhichHashesWork) {
   EXPECT_TRUE(mayWork(key, kSecKeyAlgorithmRSASignatureRaw));
 }
 
+TEST(KeyAbilities, OfAKeyThatNeverDoesItAndOfAnAlgorithmThatIsNotOfRsaAreNone) {
+  PublishedKey key;
+  key.keyType = CertificateKeyType::kRSA;
+  key.keySizeInBits = 2048;
+  key.canSign = true;
+  const auto algorithm = kSecKeyAlgorithmRSASignatureMessagePSSSHA256;
+  EXPECT_TRUE(mayWork(key, algorithm));
+  EXPECT_FALSE(mayWork(key, kSecKeyAlgorithmECDSASignatureMessageX962SHA256));
+  key.keySizeInBits = 4096;
+  EXPECT_FALSE(mayWork(key, algorithm));
+  key.keySizeInBits = 2048;
+  key.keyType = CertificateKeyType::kECPrimeRandom;
+  EXPECT_FALSE(mayWork(key, algorithm));
+}
+
 TEST_F(KeyAbility, TellsThatTheKeychainFindsAnotherKeyWithThatID) {
   addKey("01", "First", kForDecrypting);
   addCertificate("01", "Second", kForSigning);

@@ -131,6 +131,7 @@ TEST_F(VerifySignature, TellsTheReasonWithWhatWentWrongInTheCard) {
     EXPECT_EQ(refusal(), row.alone);
     signature.fault = CardFault{kFault};
     EXPECT_EQ(refusal(), row.inCard + " (" + kFault + ")");
+    EXPECT_FALSE(failureOf(verified(kPss)).isCauseKnown);
   }
 }
 
