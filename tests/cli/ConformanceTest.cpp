@@ -100,6 +100,7 @@ TEST_F(ConformanceCommand, TellsWhatItTestedAlsoWhereItsFileCannotBeWritten) {
   EXPECT_EQ(result.exitCode, 14);
   EXPECT_THAT(result.out, HasSubstr("CR-53"));
   EXPECT_THAT(result.err, HasSubstr("/dev/full"));
+  EXPECT_TRUE(Json::accept(mireltoken("conformance --json --junit /dev/full").out));  // one object alone
 }
 
 TEST_F(ConformanceCommand, RefusesWhatItCouldNotUse) {

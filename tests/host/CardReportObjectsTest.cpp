@@ -265,6 +265,10 @@ TEST_F(CardReportObjects, TellsCertificatesOfOneKeyFromKeysThatShareAnID) {
   addCertificate("01", "Broken");
   lastObject().attributes[CKA_VALUE].resize(40);
   EXPECT_THAT(troubles(report()), Contains("MT-C12"));
+  clearCard();
+  addKey("01", "Old");
+  addCertificate("01", "Other", kForSigning, otherRsa());
+  EXPECT_THAT(troubles(report()), Contains("MT-C12"));
 }
 
 TEST_F(CardReportObjects, TellsValidity) {
