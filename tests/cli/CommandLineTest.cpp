@@ -141,6 +141,7 @@ TEST_F(CommandLine, WordsItsRefusalsLikeThis) {
       {"readers items", "there is no \"items\""},
       {"items more", "there is no \"more\""},
       {"items --colour", "there is no \"--colour\""},
+      {"items --AZaz", "there is no \"--AZaz\""},
       {"itmes", "there is no \"itmes\" (did you mean \"items\"?)"},
       {"items --raeder x", "there is no \"--raeder\" (did you mean \"--reader\"?)"},
       {"sign --algoritm=PS256", "there is no \"--algoritm\" (did you mean \"--algorithm\"?)"},
