@@ -11,6 +11,7 @@ namespace {
 
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
+using ::testing::IsEmpty;
 using ::testing::Not;
 using ::testing::SizeIs;
 
@@ -57,7 +58,7 @@ TEST(DoctorNotes, LeaveOutWhatDoesNotFit) {
   const auto notes = notesFrom(
       R"({"checks": [1, {"name": "x\u001b[2J", "severity": 99, "station": -1, "evidence": [],
                          "findings": [{"id": "MT-Z99"}, {"id": "MT-P01", "severity": "x"}, 3]}],
-          "slots": {"a": 1}, "module": 5, "numPublished": -1, "log": [1, "a\nb"], "logWasStopped": 7,
+          "slots": {"a": {}}, "module": 5, "numPublished": -1, "log": [1, "a\nb"], "logWasStopped": 7,
           "cards": [{}, {"items": [1], "notPublished": []}, {"items": [{"idHex": 1}], "notPublished": []},
                     {"items": [], "notPublished": [], "idHex": "00"}, {"items": [], "notPublished": []}]})");
   ASSERT_TRUE(notes);
@@ -68,6 +69,7 @@ TEST(DoctorNotes, LeaveOutWhatDoesNotFit) {
   EXPECT_EQ(check.station, Station::kModule);
   ASSERT_THAT(check.findings, SizeIs(1));
   EXPECT_EQ(check.findings.front().id, FindingID::kPinLocked);
+  EXPECT_THAT(notes->diagnosis.slots, IsEmpty());
   EXPECT_EQ(notes->numPublished, 0U);
   EXPECT_THAT(notes->log, ElementsAre("a\\x0Ab"));
   EXPECT_FALSE(notes->logWasStopped);

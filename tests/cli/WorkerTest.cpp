@@ -281,6 +281,7 @@ TEST(Worker, NotesTheLoadingOfALibrary) {
 TEST(WorkerDeathTest, EndsTheProgramByTheSignalThatEndedIt) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+    (void)std::signal(signal, SIG_DFL);  // it may be ignored from the start, as by nohup
     EXPECT_EXIT((void)runInWorker([signal]() -> ExitCode { _exit(raise(signal)); }, Watch{}),
                 ::testing::KilledBySignal(signal), "");
   }
