@@ -93,7 +93,7 @@ TEST_F(Readers, AreListedForPeopleWithWhyTheyCannotBeChosen) {
   const std::string renamed = write("renamed", std::regex_replace(read("recording"), names, name));
   const std::string out = run(invocation("--replay " + renamed + " readers")).out;
   EXPECT_THAT(out, HasSubstr(" TOKEN_INITIALIZED\nReader "));
-  EXPECT_THAT(out, EndsWith(" (cannot be chosen: an earlier reader has the same name)\n"));
+  EXPECT_THAT(out, EndsWith(" (cannot be chosen: an earlier reader or slot has the same name)\n"));
 }
 
 TEST_F(Readers, AreChosenByTheirNameOrTheModulesOrder) {

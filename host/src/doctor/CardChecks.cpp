@@ -261,7 +261,7 @@ Finding unreadCard(const Failure& failure) {
 /// Whether a card that says that it is not initialised was not inserted for that: nothing else is known. To
 /// prepare it would empty it.
 bool isUnprepared(const Failure& failure, const CardReport& report) {
-  if (report.hidden || isOfGoneCard(failure)) return false;
+  if (report.hidden) return false;
   return failure.result ? *failure.result == CKR_TOKEN_NOT_RECOGNIZED : report.failedRead.empty();
 }
 
@@ -297,6 +297,10 @@ void checkCard(Host& host, const Reader& reader, const PinsForReader& pins, cons
   const auto card = host.insert(reader);
   if (!card) {
     const std::string& why = card.failure().why;
+    if (isOfGoneCard(card.failure())) {
+      checks.add(kCardCheck, why, {unreadCard(card.failure())});
+      return skipAfterCard(checks, "the card went away");
+    }
     const CardReport report = host.examine(reader);
     if (!reader.tokenInitialised && isUnprepared(card.failure(), report)) {
       checks.add(kCardCheck, why, {{kTokenNotInitialised, Severity::kFailure, {}, why}});
