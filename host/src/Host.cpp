@@ -95,6 +95,11 @@ std::optional<Failure> whyNotOnly(const std::vector<Reader>& all) {
                  "run again, or give the whole name of the reader"};
 }
 
+/// The name that is displayed so, unless it has characters that are escaped.
+Text namedAs(std::string_view displayedName) {
+  return Text::fromBytes({reinterpret_cast<const std::uint8_t*>(displayedName.data()), displayedName.size()});
+}
+
 /// True when more slots hold a token than the bridge has the module list.
 bool tooManyCards(P11Bridge& bridge) noexcept {
   CK_ULONG numSlots = 0;
@@ -120,14 +125,14 @@ Result<std::vector<Reader>> Host::readers(const Text& readerName) {
   auto found = findReaders(*bridge_, *diary_, givenModule_, true);
   lastFound_ = found ? *found : std::vector<Reader>{};
   if (readerName.isNull() || !found) return found;
-  const auto named = readerNamed(readerName, false, *found);
+  const auto named = readerNamed(readerName, NamedBy::kUser, *found);
   if (!named) return named.failure();
-  return std::vector{named->reader};
+  return std::vector{*named};
 }
 
 Result<std::vector<Reader>> Host::slots() { return findReaders(*bridge_, *diary_, givenModule_, false); }
 
-Result<Host::ChosenReader> Host::chooseReader(const Text& readerName) {
+Result<Reader> Host::chooseReader(const Text& readerName) {
   const auto found = readers();
   if (!found) return found.failure();
   const std::vector<Reader>& candidates = *found;
@@ -138,13 +143,15 @@ Result<Host::ChosenReader> Host::chooseReader(const Text& readerName) {
     });
     const auto passedOver = std::find_if(candidates.begin(), first,
                                          [](const Reader& reader) { return reader.mayBeReadableLater; });
-    std::optional<Failure> uncertain;
-    if (first != candidates.end() && passedOver != first) {
-      uncertain = Failure{passedOver->unreadable->kind, "which card is meant cannot be told",
-                          passedOver->unreadable->what + ": " + passedOver->unreadable->why,
-                          UserStep::kRetryOrNameReader};
+    if (first != candidates.end()) {
+      Reader chosen = *first;
+      if (passedOver != first) {
+        chosen.uncertain = Failure{passedOver->unreadable->kind, "which card is meant cannot be told",
+                                   passedOver->unreadable->what + ": " + passedOver->unreadable->why,
+                                   UserStep::kRetryOrNameReader};
+      }
+      return chosen;
     }
-    if (first != candidates.end()) return ChosenReader{*first, uncertain};
     if (candidates.empty()) return whyNoCard("there is no card to insert").failure;
     const auto unreadable = std::find_if(candidates.begin(), candidates.end(),
                                          [](const Reader& reader) { return reader.unreadable.has_value(); });
@@ -153,47 +160,51 @@ Result<Host::ChosenReader> Host::chooseReader(const Text& readerName) {
     return Failure{FailureKind::kNoCard, "there is no card to insert",
                    "no reader holds a card that is initialised", UserStep::kInitialiseOrNameReader};
   }
-  return readerNamed(readerName, false, candidates);
+  return readerNamed(readerName, NamedBy::kUser, candidates);
 }
 
-Result<Host::ChosenReader> Host::readerNamed(const Text& readerName, bool isWholeName,
-                                             const std::vector<Reader>& candidates) {
-  const std::string wanted = readerName.toUtf8();
-  const std::string shownName = displayed(std::string_view{wanted});
+Result<Reader> Host::readerNamed(const Text& readerName, NamedBy by, const std::vector<Reader>& candidates) {
+  const bool mayBeShort = by == NamedBy::kUser;
+  const std::string wanted = mayBeShort ? readerName.toUtf8() : displayed(readerName);
+  const std::string shownName = mayBeShort ? displayed(std::string_view{wanted}) : wanted;
   const auto isNamed = [&](const Reader& reader) {
-    return displayed(reader.name) == wanted || reader.name == readerName;
+    return reader.name == readerName || (mayBeShort && displayed(reader.name) == wanted);
   };
   const auto exact = std::find_if(candidates.begin(), candidates.end(), isNamed);
-  if (exact != candidates.end()) return ChosenReader{*exact, std::nullopt};
+  if (exact != candidates.end()) return *exact;
 
   // A whole name stands for that reader alone, be it empty.
   const auto all = findReaders(*bridge_, *diary_, givenModule_, false);
   if (!all) return all.failure();
   const CardServiceView service = viewOf(services_.cardService);
   const auto listed = std::find_if(all->begin(), all->end(), isNamed);
-  const Text name =
-      listed != all->end()
-          ? listed->name
-          : Text::fromBytes({reinterpret_cast<const std::uint8_t*>(wanted.data()), wanted.size()});
+  const Text name = listed != all->end() ? listed->name : mayBeShort ? namedAs(wanted) : readerName;
+  const ServiceReader* known = readerOfService(service, name);
   std::vector<Reader> alike;
   std::copy_if(candidates.begin(), candidates.end(), std::back_inserter(alike), [&](const Reader& reader) {
-    return !isWholeName && !readerName.isEmpty() &&
-           (displayed(reader.name).starts_with(wanted) ||
-            reader.name.units().starts_with(readerName.units()));
+    if (readerName.isEmpty() || by == NamedBy::kModule) return false;
+    if (known) return isLongerNameOf(*known, reader.name, service);
+    return mayBeShort && (displayed(reader.name).starts_with(wanted) ||
+                          reader.name.units().starts_with(readerName.units()));
   });
-  // The module may have longer names than the service, of the same readers.
-  const bool isOther = std::all_of(alike.begin(), alike.end(), [&](const Reader& reader) {
-    return serviceHasReader(service, reader.name);
-  });
-  if (listed != all->end() || (isOther && serviceHasReader(service, name))) {
+  if (listed != all->end() || (known && alike.empty())) {
     const std::vector<Finding> findings = findingsOfReader(name, *all, service);
     if (!findings.empty() && findings.front().id != FindingID::kReadersEmpty)
       return noCardFailure("the card in reader " + quoted(shownName) + " cannot be used", findings);
+    if (listed == all->end() && known->card == ServiceReader::Card::kUnknown) {
+      return Failure{
+          FailureKind::kNoCard, "the reader " + quoted(shownName) + " cannot be used",
+          "the module does not list it, and the card service does not tell whether it holds a card",
+          "put a card into it, or unplug it and plug it in again"};
+    }
     return Failure{FailureKind::kNoCard, "the reader " + quoted(shownName) + " holds no card",
                    "the module finds no token in it", "put a card into it"};
   }
 
-  if (alike.size() == 1) return ChosenReader{alike.front(), whyNotOnly(*all)};
+  if (alike.size() == 1) {
+    alike.front().uncertain = whyNotOnly(*all);
+    return alike.front();
+  }
   if (alike.size() > 1) {
     return Failure{FailureKind::kNoCard, "the reader name " + quoted(shownName) + " is not clear",
                    "it fits " + namesOf(alike), "give the whole name"};
@@ -221,21 +232,22 @@ Result<InsertedCard> Host::insert(const Text& readerName) {
 Result<InsertedCard> Host::insertFrom(const Text& wholeName) {
   const auto found = readers();
   if (!found) return found.failure();
-  const auto chosen = readerNamed(wholeName, true, *found);
+  const auto chosen = readerNamed(wholeName, NamedBy::kService, *found);
   return chosen ? insertChosen(*chosen) : chosen.failure();
 }
 
 Result<InsertedCard> Host::insert(const Reader& found) {
   const auto listed = readers();
   if (!listed) return listed.failure();
-  auto chosen = readerNamed(found.name, true, *listed);
+  auto chosen = readerNamed(found.name, NamedBy::kModule, *listed);
   if (!chosen) {
     const Failure& failure = chosen.failure();
     if (failure.kind != FailureKind::kNoCard) return failure;
     return cardGone(found.name, failure.what + ": " + failure.why);
   }
-  if (found.unreadable) return insertChosen(*chosen);
-  Reader& now = chosen->reader;
+  Reader& now = *chosen;
+  now.uncertain = found.uncertain;
+  if (found.unreadable) return insertChosen(now);
   if (now.unreadable) {
     // Until the token has read it, it is taken for what it was.
     const Reader seen = std::exchange(now, found);
@@ -243,11 +255,10 @@ Result<InsertedCard> Host::insert(const Reader& found) {
     now.distinctName = seen.distinctName;
   }
   if (const auto same = checkSame(found, now.tokenLabel, now.serialNumber); !same) return same.failure();
-  return insertChosen(*chosen);
+  return insertChosen(now);
 }
 
-Result<InsertedCard> Host::insertChosen(const ChosenReader& chosen) {
-  const Reader& reader = chosen.reader;
+Result<InsertedCard> Host::insertChosen(const Reader& reader) {
   PlatformServices services = services_;
   // For the examination of the card too, which sees the same certificates.
   services.certificates = certificates_ = parserWithMemory(services_.certificates);
@@ -268,13 +279,11 @@ Result<InsertedCard> Host::insertChosen(const ChosenReader& chosen) {
     return enumerationFailure(reader, *cause);
   }
   if (!token->contents().filled()) return listingFailure(reader, cause);
-  InsertedCard card{reader, token->instanceID(), publishedItems(*token), token, std::nullopt, std::nullopt,
-                    nullptr};
+  InsertedCard card{reader, token->instanceID(), publishedItems(*token), token, std::nullopt, nullptr};
   if (failedRead) {
     card.incomplete = failureBecauseOf(*failedRead, "the objects of the card were not all read",
                                        FailureKind::kCardEnumerationFailed);
   }
-  card.uncertain = chosen.uncertain;
   card.watch = std::make_shared<CardWatch>(token, reader);
   if (const auto same = card.watch->checkInsertion(); !same) return same.failure();
   return card;
@@ -301,7 +310,7 @@ Failure Host::whyGone(const InsertedCard& card) {
 
 Result<std::unique_ptr<KeyClient>> Host::newClient(const InsertedCard& card) {
   if (const auto going = card.watch ? card.watch->goesOn() : Result<void>{}; !going) return going.failure();
-  if (card.uncertain) return *card.uncertain;
+  if (card.reader.uncertain) return *card.reader.uncertain;
   std::optional<TKError> error;
   auto session = card.token->createSessionWithError(&error);
   if (!session) {

@@ -24,6 +24,11 @@ bool isAscii(const Text& text) {
   return std::all_of(text.units().begin(), text.units().end(), [](char16_t unit) { return unit < 0x80; });
 }
 
+bool isOfWord(char16_t unit) {
+  return (unit >= u'0' && unit <= u'9') || (unit >= u'A' && unit <= u'Z') || (unit >= u'a' && unit <= u'z') ||
+         unit >= 0x80;
+}
+
 std::string slotInfoAnswer(const Reader& slot) { return answerText({"C_GetSlotInfo", *slot.slotFailure}); }
 
 bool showsToken(const Reader& slot) { return slot.hasToken && !slot.notRecognised; }
@@ -81,7 +86,7 @@ class ReaderExamination {
   /// A card in a slot that bears no name of the service's readers may be the card of any of them.
   [[nodiscard]] bool moduleListsACardElsewhere() const {
     return std::any_of(slots_.begin(), slots_.end(), [&](const Reader& slot) {
-      return showsToken(slot) && !slot.slotFailure && !serviceHasReader(service_, slot.name);
+      return showsToken(slot) && !slot.slotFailure && !readerOfService(service_, slot.name);
     });
   }
 
@@ -180,9 +185,23 @@ std::vector<Finding> findingsOfReader(const Text& name, const std::vector<Reader
   return readerFindings(itsSlots, itself);
 }
 
-bool serviceHasReader(const CardServiceView& service, const Text& name) {
-  return std::any_of(service.readers.begin(), service.readers.end(),
-                     [&](const ServiceReader& reader) { return nameOf(reader) == name; });
+const ServiceReader* readerOfService(const CardServiceView& service, const Text& name) {
+  const auto found = std::find_if(service.readers.begin(), service.readers.end(),
+                                  [&](const ServiceReader& reader) { return nameOf(reader) == name; });
+  return found == service.readers.end() ? nullptr : &*found;
+}
+
+bool isLongerNameOf(const ServiceReader& reader, const Text& name, const CardServiceView& service) {
+  const Text shorter = nameOf(reader);
+  const auto isBeginning = [&](const Text& beginning) {
+    return !beginning.isEmpty() && name.units().starts_with(beginning.units());
+  };
+  if (!isBeginning(shorter) || name == shorter || isOfWord(name.units()[shorter.units().size()]))
+    return false;
+  return std::none_of(service.readers.begin(), service.readers.end(), [&](const ServiceReader& other) {
+    const Text otherName = nameOf(other);
+    return otherName.units().size() > shorter.units().size() && isBeginning(otherName);
+  });
 }
 
 CardServiceView viewOf(const std::shared_ptr<CardService>& service) {

@@ -24,8 +24,14 @@ namespace mirel {
 [[nodiscard]] std::vector<Finding> findingsOfReader(const Text& name, const std::vector<Reader>& slots,
                                                     const CardServiceView& service);
 
-/// Whether the card service has a reader of that name; slot descriptions hold its first 64 bytes.
-[[nodiscard]] bool serviceHasReader(const CardServiceView& service, const Text& name);
+/// The reader of that name of the card service; slot descriptions hold its first 64 bytes. Null: none. Valid
+/// as long as the view.
+[[nodiscard]] const ServiceReader* readerOfService(const CardServiceView& service, const Text& name);
+
+/// Whether that is a name of the module for that reader, which the service has: a longer one, behind a blank
+/// or another sign that ends a word, and not one that begins with the name of another reader.
+[[nodiscard]] bool isLongerNameOf(const ServiceReader& reader, const Text& name,
+                                  const CardServiceView& service);
 
 /// What the card service tells; nothing where there is none (null).
 [[nodiscard]] CardServiceView viewOf(const std::shared_ptr<CardService>& service);

@@ -145,18 +145,56 @@ TEST_F(ChooseReader, TakesAWholeNameForThatReaderAloneBeItEmpty) {
   }
 }
 
-TEST_F(ChooseReader, TakesAWholeNameOfTheCardServiceForThatReaderUnlessTheModuleCallsItOtherwise) {
+TEST_F(ChooseReader, TakesAWholeNameOfTheCardServiceForThatReaderAloneAlsoUnderALongerName) {
+  const struct {
+    std::vector<std::string> readers;  ///< of the service
+    std::string listed;                ///< by the module
+    bool isTaken;                      ///< for "Reader 1"
+  } rows[] = {{{"Reader 1", "Reader 10"}, "Reader 10", false},
+              {{"Reader 1", "Reader 10"}, "Reader 10 (USB)", false},
+              {{"Reader 1"}, "Reader 10", false},
+              {{"Reader 1", "Reader 1 (USB)"}, "Reader 1 (USB) 00", false},
+              {{"Reader 1"}, "Reader 1 (USB)", true}};
+  const auto service = std::make_shared<FakeCardService>();
+  PlatformServices mine = services();
+  mine.cardService = service;
+  for (const auto& [readers, listed, isTaken] : rows) {
+    SCOPED_TRACE(readers.back() + ", " + listed);
+    Host own{mine};
+    setReaders({listed});
+    service->view.readers.clear();
+    for (const std::string& name : readers)
+      service->view.readers.push_back({name, ServiceReader::Card::kNone});
+    for (const auto& card : {own.insert(Text{u"Reader 1"}), own.insertFrom(Text{u"Reader 1"})}) {
+      EXPECT_EQ(static_cast<bool>(card), isTaken);
+      if (!card) {
+        EXPECT_EQ(card.failure().what, "the reader \"Reader 1\" holds no card");
+      }
+    }
+  }
+}
+
+TEST_F(ChooseReader, DoesNotSayThatAReaderIsEmptyOfWhichNobodyTells) {
   const auto service = std::make_shared<FakeCardService>();
   PlatformServices mine = services();
   mine.cardService = service;
   Host own{mine};
-  setReaders({"Reader 10"});
-  service->view.readers = {{"Reader 1", ServiceReader::Card::kNone}};
-  service->view.readers.push_back({"Reader 10", ServiceReader::Card::kPresent});
-  EXPECT_EQ(failureOf(own.insert(Text{u"Reader 1"})).what, "the reader \"Reader 1\" holds no card");
-  service->view.readers.pop_back();
-  const auto card = own.insert(Text{u"Reader 1"});
-  EXPECT_TRUE(card);
+  setReaders({"Reader A"});
+  service->view.readers = {{"Reader Z", ServiceReader::Card::kUnknown}};
+  const Failure failure = failureOf(own.insert(Text{u"Reader Z"}));
+  EXPECT_EQ(failure.what, "the reader \"Reader Z\" cannot be used");
+  EXPECT_THAT(failure.why, HasSubstr("the module does not list it"));
+}
+
+TEST_F(ChooseReader, TakesNoOtherForTheReaderOfACardThatWasFound) {
+  setReaders({"L\xC3\xA4ser", "L\xC3\xA4ser 2"});
+  const auto found = host.readers();
+  ASSERT_TRUE(found);
+  EXPECT_TRUE(host.insert(found->front()));
+  script.pullCard();
+  const Failure failure = failureOf(host.insert(found->front()));
+  EXPECT_EQ(failure.kind, FailureKind::kCardGone);
+  EXPECT_THAT(failure.why, HasSubstr("the reader \"L\u00E4ser\" holds no card"));
 }
 
 TEST_F(ChooseReader, GivesNoClientByAShortNameWhileTheNameOfAnotherReaderCannotBeRead) {
@@ -170,6 +208,11 @@ TEST_F(ChooseReader, GivesNoClientByAShortNameWhileTheNameOfAnotherReaderCannotB
   const Failure failure = failureOf(host.newClient(card));
   expectPresentable(failure);
   EXPECT_THAT(failure.why, HasSubstr("C_GetSlotInfo answered CKR_DEVICE_ERROR"));
+  const auto found = host.readers(Text{u"Reader 1"});
+  ASSERT_TRUE(found);
+  const auto again = host.insert(found->front());
+  ASSERT_TRUE(again);
+  EXPECT_EQ(failureOf(host.newClient(*again)).what, failure.what);
   EXPECT_TRUE(host.newClient(inserted(Text{u"Reader 10"})));
 }
 

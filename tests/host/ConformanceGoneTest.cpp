@@ -58,6 +58,19 @@ TEST_F(ConformanceGone, SendsNoPinToACardThatCameIntoAnEarlierReader) {
   EXPECT_FALSE(script.card().loggedIn);
 }
 
+TEST_F(ConformanceGone, SendsNoPinToACardThatIsReadInPlaceOfOneThatIsNotInitialised) {
+  script.slots()[kSlot + 1] = script.slot();
+  setField(script.slot().info.slotDescription, "Earlier");
+  script.card().info.flags &= ~CKF_TOKEN_INITIALIZED;
+  script.hook<&CK_FUNCTION_LIST::C_GetTokenInfo>([this](auto real, auto slot, auto* info) {
+    const bool fails = slot != kSlot && script.countOf("C_FindObjectsInit") == 0;
+    return fails ? CK_RV{CKR_DEVICE_ERROR} : real(slot, info);
+  });
+  const Conformance found = tested();
+  EXPECT_EQ(found.card->name, Text{u"Earlier"});
+  EXPECT_EQ(script.countOf("C_Login"), 0U);
+}
+
 TEST_F(ConformanceGone, BlamesNoCardForWhatIsSeenWithoutTheLoginThatItHasLost) {
   Card own = script.card();
   script.hook<&CK_FUNCTION_LIST::C_Login>([&](auto real, auto session, auto user, auto* pin, auto size) {

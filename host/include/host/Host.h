@@ -45,6 +45,8 @@ struct Reader {
   bool tokenInitialised = false;
   std::optional<Failure> unreadable;  ///< why the token could not be read; nothing also where there is none
   bool mayBeReadableLater = false;    ///< and it is no lasting answer, such as that the card is not known
+  std::optional<Failure>
+      uncertain;  ///< why another one may be meant, where a part of its name or none chose it
 
   /// The name that leads the card framework to this very slot, where a shorter one would also fit
   /// another: `name`, with as much of the padding as that takes. Null when an earlier slot has the same
@@ -97,7 +99,6 @@ struct InsertedCard {
   std::vector<PublishedItem> items;  ///< in published order
   std::shared_ptr<HostToken> token;
   std::optional<Failure> incomplete;  ///< the read that failed, for which an item may be missing
-  std::optional<Failure> uncertain;   ///< why another card may be meant, where no reader was named
   std::shared_ptr<CardWatch> watch;   ///< shared by all that use the token; null: nobody watches
 };
 
@@ -144,14 +145,16 @@ class Host {
   /// beginning that only one reader has, as it is displayed or with a character for each byte; null: the
   /// first reader whose token is initialised.
   [[nodiscard]] Result<InsertedCard> insert(const Text& readerName);
-  /// The card of the reader that has exactly that name.
+  /// The card of the reader that the card service, or the module where there is none, knows by that name. The
+  /// module may have a longer name for it.
   [[nodiscard]] Result<InsertedCard> insertFrom(const Text& wholeName);
   /// The card that was found in that reader, and no other: it is a failure where that one has gone, and
   /// where another one is in its place.
   [[nodiscard]] Result<InsertedCard> insert(const Reader& found);
 
-  /// A new client of the token of an inserted card. None of a card that was taken because the one before
-  /// could not be read just now: it would get a PIN that is not its own.
+  /// A new client of the token of an inserted card. None where another card may be meant (`uncertain` of its
+  /// reader), because one before it, or the name of another reader, could not be read just now: it would get
+  /// a PIN that is not its own.
   [[nodiscard]] Result<std::unique_ptr<KeyClient>> newClient(const InsertedCard& card);
 
   /// What the flags of the card's token say about the PIN just now. A failure where the reader holds another
@@ -179,19 +182,17 @@ class Host {
   [[nodiscard]] CardReport examine(const Reader& reader);
 
  private:
-  struct ChosenReader {
-    Reader reader;
-    std::optional<Failure> uncertain;  // why another reader may be meant
-  };
+  /// Who has given the name of a reader: a user, who may shorten it; the card service; or the module.
+  enum class NamedBy { kUser, kService, kModule };
 
-  [[nodiscard]] Result<ChosenReader> chooseReader(const Text& readerName);
-  [[nodiscard]] Result<InsertedCard> insertChosen(const ChosenReader& chosen);
+  [[nodiscard]] Result<Reader> chooseReader(const Text& readerName);
+  [[nodiscard]] Result<InsertedCard> insertChosen(const Reader& reader);
   [[nodiscard]] std::vector<Finding> tokenFindings(const Reader& reader, const Text& instanceID);
   [[nodiscard]] CardContents contentsOf(const Reader& reader, const std::vector<Finding>& tokenFindings,
                                         bool afterLogin);
   [[nodiscard]] Failure listingFailure(const Reader& reader, const std::optional<FailedCall>& cause);
-  [[nodiscard]] Result<ChosenReader> readerNamed(const Text& readerName, bool isWholeName,
-                                                 const std::vector<Reader>& candidates);
+  [[nodiscard]] Result<Reader> readerNamed(const Text& readerName, NamedBy by,
+                                           const std::vector<Reader>& candidates);
 
   PlatformServices services_;
   std::string givenModule_;

@@ -48,6 +48,10 @@ std::vector<std::string> signersOf(const InsertedCard& card, const CardReport& r
   return signers;
 }
 
+bool isSameCard(const Reader& a, const Reader& b) {
+  return a.slotID == b.slotID && a.tokenLabel == b.tokenLabel && a.serialNumber == b.serialNumber;
+}
+
 void testCard(Host& host, const P11Bridge& bridge, const Examination& wanted, RuleResults& results,
               CardAbilities& abilities, std::optional<Reader>& outCard) {
   bool isOnly = false;
@@ -61,8 +65,10 @@ void testCard(Host& host, const P11Bridge& bridge, const Examination& wanted, Ru
   testSlotOfCard(bridge, reader->slotID, results);
   testObjects(bridge, reader->slotID, results);
   // That a card is not initialised is told of the one that would be taken.
-  const bool isFound = reader->tokenInitialised || !wanted.reader.isNull();
+  const bool isFound = reader->tokenInitialised || reader->unreadable || !wanted.reader.isNull();
   const auto card = isFound ? host.insert(*reader) : host.insert(wanted.reader);
+  if (card && !isSameCard(card->reader, *reader))
+    return results.skipRest("another card came before the one that was tested was inserted");
   if (!card) {
     const FailureKind kind = card.failure().kind;
     const bool isGone = kind == FailureKind::kCardGone || kind == FailureKind::kAnotherCard;
