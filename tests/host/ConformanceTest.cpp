@@ -186,6 +186,13 @@ class BrokenRules : public ConformanceTest {
       {"CR-09", [this] { script.slot().info.slotDescription[63] = 0; }},
       {"CR-11", [this] { script.slots().clear(); }},
       {"CR-12", [this] { value(kPublic1, CKA_PRIVATE) = boolValue(true); }},
+      {"CR-12",  // attributes can be read one by one alone, so nothing is published
+       [this] {
+         script.hook<&CK_FUNCTION_LIST::C_GetAttributeValue>(
+             [](auto real, auto session, auto object, auto* entries, CK_ULONG count) {
+               return count > 1 ? CK_RV{CKR_ARGUMENTS_BAD} : real(session, object, entries, count);
+             });
+       }},
       {"CR-13", [this] { value(kCertificate1, CKA_ID) = bytesOf("09"); }},
       {"CR-14", [this] { value(kPublic1, CKA_LABEL).clear(); }},
       {"CR-15", [this] { value(kCertificate1, CKA_ID) = bytesOf("02"); }},
@@ -223,6 +230,12 @@ class BrokenRules : public ConformanceTest {
        [this] {
          given.emplace(std::deque<std::u16string>{u"999999"});
          given->again = false;
+       }},
+      {"CR-33",  // nobody could log in
+       [this] {
+         script.hook<&CK_FUNCTION_LIST::C_GetSessionInfo>([this](auto real, auto session, auto* info) {
+           return script.card().loggedIn ? CK_RV{CKR_ARGUMENTS_BAD} : real(session, info);
+         });
        }},
       {"CR-34",
        [this] {

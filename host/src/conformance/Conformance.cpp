@@ -34,7 +34,7 @@ Result<Reader> chosenReader(Host& host, const Text& name, bool& outIsOnly) {
 void tellFailedInsertion(const Failure& failure, RuleResults& results) {
   const bool isTold = results.isAny(RuleVerdict::kFail) || results.isAny(RuleVerdict::kUnknown);
   if (isTold) return;
-  results.set(kPublicObjects, saysNothing(failure) ? RuleVerdict::kUnknown : RuleVerdict::kFail,
+  results.set(kPublicObjects, saysNothingOfModule(failure) ? RuleVerdict::kUnknown : RuleVerdict::kFail,
               failure.what + ": " + failure.why);
 }
 

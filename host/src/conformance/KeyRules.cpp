@@ -55,7 +55,7 @@ bool testLogin(const Result<void>& accepted, bool isUser, RuleResults& results) 
     default:
       if (isUser) {
         results.pass(kLogin, "the module shows a user state");  // so the rule about the session is broken
-      } else if (saysNothing(failure)) {
+      } else if (saysNothingOfModule(failure)) {
         results.unknown(kLogin, text);
       } else {
         results.fail(kLogin, text);

@@ -95,10 +95,14 @@ bool hasAnswer(const Failure& failure, std::initializer_list<CK_RV> answers) {
 }
 
 /// The card, its reader or the service behind it failed, whatever the key and the module are like.
-bool isDisturbed(const Failure& failure) {
-  if (failure.isCardUnasked) return true;  // as happens after a call that failed
+bool isOfDevice(const Failure& failure) {
   return hasAnswer(failure, {CKR_DEVICE_ERROR, CKR_DEVICE_MEMORY, CKR_HOST_MEMORY, CKR_TOKEN_NOT_RECOGNIZED,
                              CKR_SESSION_COUNT});
+}
+
+/// A call failed that has nothing to do with the key.
+bool isDisturbed(const Failure& failure) {
+  return failure.isCardUnasked || isOfDevice(failure);  // unasked: as happens after a call that failed
 }
 
 bool worksForNothing(const CardReport& report, const PublishedKey& key) {
@@ -204,10 +208,12 @@ bool sharesItsID(const PublishedKey& key, const CardReport& report) {
   return known && known->sharesIDWithOtherKey;
 }
 
-bool saysNothing(const Failure& failure) {
-  return isGone(failure) || isDisturbed(failure) || failure.kind == FailureKind::kInternal ||
+bool saysNothingOfModule(const Failure& failure) {
+  return isGone(failure) || isOfDevice(failure) || failure.kind == FailureKind::kInternal ||
          failure.kind == FailureKind::kNotSupported;
 }
+
+bool saysNothing(const Failure& failure) { return saysNothingOfModule(failure) || isDisturbed(failure); }
 
 bool trySigning(KeyClient& client, const InsertedCard& card, const CardReport& report, PinSource& pins,
                 const Checkpoint& point, Checks& checks) {

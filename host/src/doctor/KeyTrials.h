@@ -25,6 +25,9 @@ namespace mirel {
 /// fails says nothing of the module.
 [[nodiscard]] bool sharesItsID(const PublishedKey& key, const CardReport& report);
 
+/// Whether a failure says nothing of the module and the card: that has gone, or the device failed.
+[[nodiscard]] bool saysNothingOfModule(const Failure& failure);
+
 /// Whether a failure says nothing of what the key can do.
 [[nodiscard]] bool saysNothing(const Failure& failure);
 
