@@ -216,9 +216,9 @@ constexpr FindingEntry kEntries[] = {
     {kPinRefused, "MT-P08", "the card did not accept the PIN", "without the PIN no key can be used",
      "enter the PIN of this card; look at the tries that are left before that", kYou},
     {kLoginNotMade, "MT-P09", "the login that was asked for was not made",
-     "no key was tried, so whether the keys work is not known",
-     "name the reader where there are several cards, and give the PIN at the terminal, in a file or by an "
-     "open descriptor",
+     "no PIN was checked, and without a login no key is tried, so whether the keys work is not known",
+     "name the reader where there are several cards, end other programs that use the card, and give the PIN "
+     "at the terminal, in a file or by an open descriptor",
      kYou},
     {kPinToBeChanged, "MT-P10", "the PIN has to be changed first",
      "it is the one that the card came with, or out of date, and the card may refuse to work with it",

@@ -123,8 +123,10 @@ TEST_F(DoctorTrials, AreMadeWhereTheModuleWasLoggedInBefore) {
   script.card().loggedIn = true;
   script.card().info.flags |= CKF_USER_PIN_COUNT_LOW;
   const Diagnosis found = diagnosis();
-  EXPECT_EQ(checkIn(found, "login").severity, Severity::kUnknown);
-  EXPECT_THAT(checkIn(found, "login").evidence, ::testing::StartsWith("the PIN was not checked: "));
+  EXPECT_EQ(checkIn(found, "login").severity, Severity::kWarning);
+  EXPECT_THAT(codesOfCheck(found, "login"), ElementsAre("MT-P09"));
+  EXPECT_THAT(findingIn(found, FindingID::kLoginNotMade).evidence,
+              ::testing::StartsWith("the PIN was not checked: "));
   EXPECT_THAT(checkIn(found, "signatures").evidence, HasSubstr("key 3031 \"Signer\" signs RSA-PSS"));
   EXPECT_EQ(checkIn(found, "decryption").evidence, "key 3032 \"Vault\" decrypts PKCS #1 v1.5");
   EXPECT_THAT(codesOf(found), ::testing::AllOf(Not(Contains("MT-P11")), Contains("MT-P03")));

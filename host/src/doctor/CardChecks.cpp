@@ -125,7 +125,7 @@ void skipLogin(Checks& checks, const std::string& reason) {
   skipTrials(checks, reason);
 }
 
-/// Somebody asked for a login, and no PIN was sent.
+/// Somebody asked for a login, and no PIN was checked.
 void missLogin(Checks& checks, const std::string& reason) {
   checks.add(kLogin, reason, {{kLoginNotMade, Severity::kWarning, {}, reason}});
 }
@@ -227,7 +227,7 @@ void tryKeys(Host& host, const InsertedCard& card, const CardReport& report, Pin
   if (!accepted && accepted.failure().result == CKR_USER_ALREADY_LOGGED_IN)
     byOther = host.examine(card, true);
   if (byOther && byOther->loggedIn) {
-    checks.add(kLogin, Severity::kUnknown, accepted.failure().what + ": " + accepted.failure().why);
+    missLogin(checks, accepted.failure().what + ": " + accepted.failure().why);
   } else if (checkLogin(accepted, report, checks)) {
     takeBackPin(checks);
     checks.start(kPrivateKeys);
