@@ -1,6 +1,7 @@
 #include "ReaderFindings.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <iterator>
 
 #include "CodeMeaning.h"
@@ -134,8 +135,19 @@ class ReaderExamination {
                            (slots_.size() == 1 ? " empty slot" : " empty slots")
                      : "the module lists no slot");
     }
-    add(kReadersEmpty, {},
-        std::to_string(answers ? service_.readers.size() : slots_.size()) + " without a card");
+    add(kReadersEmpty, {}, answers ? emptinessText() : std::to_string(slots_.size()) + " without a card");
+  }
+
+  /// What the service says is empty, or the module where the service cannot tell; of others nothing is known.
+  [[nodiscard]] std::string emptinessText() const {
+    const auto& readers = service_.readers;
+    const auto numEmpty = std::count_if(readers.begin(), readers.end(), [&](const ServiceReader& reader) {
+      return reader.card == Card::kNone || slotOf(reader) != nullptr;
+    });
+    const auto numOthers = static_cast<std::ptrdiff_t>(readers.size()) - numEmpty;
+    const std::string empty = numEmpty > 0 ? std::to_string(numEmpty) + " without a card" : "";
+    if (numOthers == 0) return empty;
+    return empty + (empty.empty() ? "" : ", ") + std::to_string(numOthers) + " not known";
   }
 
   void lookAtNames() {

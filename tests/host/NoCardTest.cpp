@@ -116,6 +116,31 @@ TEST_F(NoCard, HasAReasonOfItsOwnInEachCase) {
   }
 }
 
+TEST_F(NoCard, IsSaidWithTheNumberOfReadersForWhichItIsKnown) {
+  const ServiceReader open{"Reader Z", InReader::kUnknown};
+  const ServiceReader alsoOpen{"Reader A", InReader::kUnknown};
+  const struct {
+    const char* name;
+    CardServiceView service;
+    const char* evidence;
+  } rows[] = {
+      {"nothing to ask", {}, "1 without a card"},
+      {"all", answering({kEmptyReader}), "1 without a card"},
+      {"one of two", answering({open, kEmptyReader}), "1 without a card, 1 not known"},
+      {"one by the module's word alone", answering({open, alsoOpen}), "1 without a card, 1 not known"},
+      {"none", answering({open}), "1 not known"},
+  };
+  for (const auto& [name, view, evidence] : rows) {
+    SCOPED_TRACE(name);
+    Reader slot;
+    slot.name = Text{u"Reader A"};
+    const std::vector<Finding> found = readerFindings({slot}, view);
+    ASSERT_FALSE(found.empty());
+    EXPECT_EQ(found.front().id, FindingID::kReadersEmpty);
+    EXPECT_EQ(found.front().evidence, evidence);
+  }
+}
+
 /// As OpenSC has it: the slot shows a token, and is not listed among those with one.
 TEST_F(NoCard, IsNotSaidOfACardThatTheModuleDoesNotKnow) {
   Reader slot;
