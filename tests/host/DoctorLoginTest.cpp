@@ -132,6 +132,31 @@ TEST_F(DoctorTrials, AreMadeWhereTheModuleWasLoggedInBefore) {
   EXPECT_THAT(codesOf(found), ::testing::AllOf(Not(Contains("MT-P11")), Contains("MT-P03")));
 }
 
+TEST_F(DoctorTrials, BlameNoKeyForTheEndOfALoginOfSomebodyElse) {
+  const struct {
+    const char* function;
+    std::size_t call;
+    const char* check;
+    const char* evidence;
+  } rows[] = {
+      {"C_Sign", 0, "signatures", "key 3031 \"Signer\" could not be tried"},
+      {"C_Sign", 1, "signatures", "key 3031 \"Signer\" signs RSA-PSS, and could not be tried further"},
+      {"C_Decrypt", 0, "decryption", "key 3032 \"Vault\" could not be tried"},
+  };
+  for (const auto& [function, call, check, evidence] : rows) {
+    SCOPED_TRACE(std::string{function} + " " + std::to_string(call));
+    script.reset();
+    startAnew();
+    script.card().loggedIn = true;
+    GivenPins given{{u"123456"}};
+    script.failCallOf(function, call, CKR_USER_NOT_LOGGED_IN, Times::kFromThenOn);
+    const Diagnosis found = diagnosisWith(given);
+    EXPECT_THAT(checkIn(found, check).evidence, HasSubstr(evidence));
+    EXPECT_THAT(codesOfCheck(found, check), ElementsAre("MT-T05"));
+    EXPECT_THAT(codesOf(found), Not(Contains("MT-K04")));
+  }
+}
+
 TEST_F(DoctorTrials, AreNotMadeWhereThePinCouldGoToAnotherCard) {
   (void)script.addSlot("Reader B", emptyCard("B", "2"));
   const Diagnosis found = diagnosis();

@@ -245,9 +245,9 @@ void tryKeys(Host& host, const InsertedCard& card, const CardReport& report, Pin
   correctObjects(after, more, checks);
   checks.add(kPrivateKeys, std::move(evidence), std::move(more));
   if (isGone) return skipTrials(checks, "the card went away");
-  if (!trySigning(**client, card, after, pins, kTrials[0], checks))
-    return checks.skip(kTrials[1], "the card went away");
-  tryDecrypting(**client, card, after, pins, kTrials[1], checks);
+  const KeyTrial trial{**client, card, after, pins, static_cast<bool>(accepted)};
+  if (!trySigning(trial, kTrials[0], checks)) return checks.skip(kTrials[1], "the card went away");
+  tryDecrypting(trial, kTrials[1], checks);
 }
 
 bool isOfGoneCard(const Failure& failure) {

@@ -119,8 +119,17 @@ const Finding* findingOf(FindingID id, const CardReport& report, const Published
   return found == known->findings.end() ? nullptr : &*found;
 }
 
-/// Asked for after a login that was accepted.
+/// Asked for although a user was logged in.
 bool wantsPin(const Failure& failure) { return failure.result == CKR_USER_NOT_LOGGED_IN; }
+
+/// Whether it may be the end of somebody else's login, and no wish of the key.
+bool mayBeLoggedOut(const KeyTrial& trial, const Failure& failure) {
+  return !trial.isOwnLogin && wantsPin(failure);
+}
+
+bool saysNothing(const KeyTrial& trial, const Failure& failure) {
+  return mirel::saysNothing(failure) || mayBeLoggedOut(trial, failure);
+}
 
 /// Whether the card gave a result, and that is wrong.
 bool isWrongResult(const Failure& failure) {
@@ -129,8 +138,8 @@ bool isWrongResult(const Failure& failure) {
 
 /// What a key that was tried in vain is told of. The module is to blame only where nothing else is known to
 /// be the cause.
-Finding trialFinding(FindingID id, const CardReport& report, const PublishedKey& key,
-                     const Failure& failure) {
+Finding trialFinding(FindingID id, const KeyTrial& trial, const PublishedKey& key, const Failure& failure) {
+  const CardReport& report = trial.report;
   const std::string subject = subjectOf(report, key);
   const auto failed = [&](FindingID cause) {
     return Finding{cause, Severity::kFailure, subject, failure.why};
@@ -140,6 +149,7 @@ Finding trialFinding(FindingID id, const CardReport& report, const PublishedKey&
   if (const Finding* shared = findingOf(kIDShared, report, key); shared && sharesItsID(key, report))
     return {shared->id, Severity::kFailure, shared->subject, shared->evidence};
   if (wantsPin(failure) && findingOf(kPinForEachUse, report, key)) return failed(kPinForEachUse);
+  if (mayBeLoggedOut(trial, failure)) return failed(kTrialDisturbed);
   if (failure.isKeyMissing) return failed(kPrivateKeyMissing);
   if (hasAnswer(failure, {CKR_KEY_FUNCTION_NOT_PERMITTED, CKR_KEY_TYPE_INCONSISTENT}))
     return failed(kUseNotAllowed);
@@ -215,8 +225,8 @@ bool saysNothingOfModule(const Failure& failure) {
 
 bool saysNothing(const Failure& failure) { return saysNothingOfModule(failure) || isDisturbed(failure); }
 
-bool trySigning(KeyClient& client, const InsertedCard& card, const CardReport& report, PinSource& pins,
-                const Checkpoint& point, Checks& checks) {
+bool trySigning(const KeyTrial& trial, const Checkpoint& point, Checks& checks) {
+  const auto& [client, card, report, pins, isOwnLogin] = trial;
   Evidence evidence;
   std::vector<Finding> findings;
   for (const PublishedKey& key : findableKeysOf(card)) {
@@ -241,8 +251,8 @@ bool trySigning(KeyClient& client, const InsertedCard& card, const CardReport& r
     };
     if (const auto failure = failureOfSigning(client, key, *certificate, algorithms->pss, pins)) {
       if (isGone(*failure)) return endWith(*failure, "could not be tried");
-      evidence.add(subject, saysNothing(*failure) ? "could not be tried" : "does not sign");
-      findings.push_back(trialFinding(kSignatureFails, report, key, *failure));
+      evidence.add(subject, saysNothing(trial, *failure) ? "could not be tried" : "does not sign");
+      findings.push_back(trialFinding(kSignatureFails, trial, key, *failure));
       continue;
     }
     const auto failure = failureOfSigning(client, key, *certificate, algorithms->pkcs1, pins);
@@ -253,9 +263,12 @@ bool trySigning(KeyClient& client, const InsertedCard& card, const CardReport& r
                            !saysNothing(*failure) && !wantsPin(*failure);
     if (failure && !isVerdict) {
       evidence.add(subject, "signs RSA-PSS, and could not be tried further");
-      if (saysNothing(*failure)) findings.push_back(trialFinding(kNoPkcs1Signatures, report, key, *failure));
-      if (wantsPin(*failure) && !findingOf(kPinForEachUse, report, key))
+      const bool isToldBefore = wantsPin(*failure) && findingOf(kPinForEachUse, report, key);
+      if (!isToldBefore && saysNothing(trial, *failure)) {
+        findings.push_back(trialFinding(kNoPkcs1Signatures, trial, key, *failure));
+      } else if (!isToldBefore && wantsPin(*failure)) {
         findings.push_back({kPinForEachUse, Severity::kWarning, subject, failure->why});
+      }
       continue;
     }
     if (!failure || isWrongResult(*failure)) checks.takeBack(kPinForEachUse, subject);  // it signed twice
@@ -270,8 +283,8 @@ bool trySigning(KeyClient& client, const InsertedCard& card, const CardReport& r
   return true;
 }
 
-void tryDecrypting(KeyClient& client, const InsertedCard& card, const CardReport& report, PinSource& pins,
-                   const Checkpoint& point, Checks& checks) {
+void tryDecrypting(const KeyTrial& trial, const Checkpoint& point, Checks& checks) {
+  const auto& [client, card, report, pins, isOwnLogin] = trial;
   Evidence evidence;
   std::vector<Finding> findings;
   for (const PublishedKey& key : findableKeysOf(card)) {
@@ -293,8 +306,8 @@ void tryDecrypting(KeyClient& client, const InsertedCard& card, const CardReport
       evidence.add(subject, "decrypts PKCS #1 v1.5");
       continue;
     }
-    evidence.add(subject, saysNothing(*failure) ? "could not be tried" : "does not decrypt");
-    findings.push_back(trialFinding(kDecryptionFails, report, key, *failure));
+    evidence.add(subject, saysNothing(trial, *failure) ? "could not be tried" : "does not decrypt");
+    findings.push_back(trialFinding(kDecryptionFails, trial, key, *failure));
   }
   if (evidence.isEmpty()) return checks.skip(point, "no RSA key of the card decrypts");
   checks.add(point, evidence.text(), std::move(findings));

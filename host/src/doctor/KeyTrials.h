@@ -31,13 +31,20 @@ namespace mirel {
 /// Whether a failure says nothing of what the key can do.
 [[nodiscard]] bool saysNothing(const Failure& failure);
 
+/// What the keys of a card are tried with, on which a user is logged in.
+struct KeyTrial {
+  KeyClient& client;
+  const InsertedCard& card;
+  const CardReport& report;  ///< from after the login
+  PinSource& pins;
+  bool isOwnLogin = false;  ///< the client has logged in; else somebody else, who may end that at any time
+};
+
 /// One signature of each key that may sign, by RSA-PSS and by PKCS #1 v1.5, of data that are made up here;
-/// each is verified, none is kept. The client has logged in. False where the card went away meanwhile.
-bool trySigning(KeyClient& client, const InsertedCard& card, const CardReport& report, PinSource& pins,
-                const Checkpoint& point, Checks& checks);
+/// each is verified, none is kept. False where the card went away meanwhile.
+bool trySigning(const KeyTrial& trial, const Checkpoint& point, Checks& checks);
 
 /// One decryption by each key that decrypts, of a text that is made up here.
-void tryDecrypting(KeyClient& client, const InsertedCard& card, const CardReport& report, PinSource& pins,
-                   const Checkpoint& point, Checks& checks);
+void tryDecrypting(const KeyTrial& trial, const Checkpoint& point, Checks& checks);
 
 }  // namespace mirel
