@@ -417,7 +417,7 @@ std::string CardFindings::phraseFor(const PublishedKey& key, bool isShadowed) co
   if (has(kUseNotAllowed, key.objectID))
     return std::string{"nothing: the card does not allow its private key to "} +
            (key.canSign ? "sign" : "decrypt");
-  const std::string once = has(kPinForEachUse, key.objectID) ? "; at most once after each login" : "";
+  const std::string once{has(kPinForEachUse, key.objectID) ? kOnceForEachLogin : ""};
   if (key.canSign) return signingPhrase(ModulePadding::kUnknown, key.keySizeInBits) + once;
   return "decrypts PKCS #1 v1.5; not OAEP" + once;
 }

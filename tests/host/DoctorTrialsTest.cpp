@@ -282,7 +282,10 @@ TEST_F(DoctorTrials, TakeBackThePinForEachUseOfAKeyThatSignsTwiceWithOne) {
     script.card().loggedIn = false;
     script.card().privateObjectsNeedLogin = !seenBefore;
     GivenPins given{{u"123456"}};
-    EXPECT_THAT(codesOf(diagnosisWith(given)), Not(Contains("MT-K04")));
+    const Diagnosis found = diagnosisWith(given);
+    EXPECT_THAT(codesOf(found), Not(Contains("MT-K04")));
+    EXPECT_EQ(checkIn(found, "private keys").evidence, "looked at once more after the login");
+    EXPECT_THAT(checkIn(found, "keys").evidence, Not(HasSubstr("once after each login")));
   }
   script.card().loggedIn = false;
   script.failCallOf("C_Sign", 1, CKR_USER_NOT_LOGGED_IN);

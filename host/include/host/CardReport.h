@@ -23,6 +23,9 @@ struct UnpublishedObject {
   bool byPartner = false;  ///< because of the object with its ID, which is told itself: no finding of its own
 };
 
+/// What `KeyReport::works` ends with where the key wants the PIN for each use.
+inline constexpr std::string_view kOnceForEachLogin = "; at most once after each login";
+
 /// A key that is published, or would be if nothing hid the card.
 struct KeyReport {
   Text objectID;

@@ -73,12 +73,19 @@ std::string countOf(std::size_t number, const char* what) {
   return std::to_string(number) + " " + what + (number == 1 ? "" : "s");
 }
 
+/// Without what only the finding MT-K04 tells, which a trial may take back.
+std::string_view worksOf(const KeyReport& key) {
+  std::string_view works = key.works;
+  if (works.ends_with(kOnceForEachLogin)) works.remove_suffix(kOnceForEachLogin.size());
+  return works;
+}
+
 std::string textOf(const std::vector<KeyReport>& keys) {
   std::string text;
   for (const KeyReport& key : keys) {
     if (!text.empty()) text += "; ";
     text += subjectOf("key", key.objectID, key.labelOnCard);
-    if (!key.works.empty()) text += " " + key.works;
+    if (!key.works.empty()) text.append(" ").append(worksOf(key));
   }
   return text.empty() ? "none" : text;
 }
@@ -241,9 +248,9 @@ void tryKeys(Host& host, const InsertedCard& card, const CardReport& report, Pin
     if (finding.id != kPkcs1NotTried && !sameIn(report.findings, finding)) more.push_back(finding);
   }
   const bool isGone = judgeGone(more);
-  std::string evidence = countOf(more.size(), "finding") + " more after the login";
   correctObjects(after, more, checks);
-  checks.add(kPrivateKeys, std::move(evidence), std::move(more));
+  // Without a number: a trial may take findings back.
+  checks.add(kPrivateKeys, "looked at once more after the login", std::move(more));
   if (isGone) return skipTrials(checks, "the card went away");
   const KeyTrial trial{**client, card, after, pins, static_cast<bool>(accepted)};
   if (!trySigning(trial, kTrials[0], checks)) return checks.skip(kTrials[1], "the card went away");
