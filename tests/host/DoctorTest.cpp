@@ -398,6 +398,13 @@ TEST_F(Doctor, AdvisesToEmptyNoCardForWhichAnotherReasonIsKnown) {
        [this] { script.failCallOf("C_OpenSession", 0, CKR_DEVICE_REMOVED, Times::kFromThenOn); }, "MT-T04"},
       {"an object that hides it", [this] { script.object(kPublicKey).attributes[CKA_LABEL].clear(); },
        "MT-C02"},
+      {"more than 10 cards",
+       [this] {
+         Card other = emptyCard("C", "1");
+         other.info.flags &= ~CKF_TOKEN_INITIALIZED;
+         for (int i = 0; i < 10; ++i) (void)script.addSlot("Reader " + std::to_string(i), other);
+       },
+       "MT-R10"},
   };
   for (const auto& [name, make, code] : rows) {
     SCOPED_TRACE(name);

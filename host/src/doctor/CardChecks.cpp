@@ -267,8 +267,8 @@ Finding unreadCard(const Failure& failure) {
 
 /// Whether a card that says that it is not initialised was not inserted for that: nothing else is known. To
 /// prepare it would empty it.
-bool isUnprepared(const Failure& failure, const CardReport& report) {
-  if (report.hidden) return false;
+bool isUnprepared(const Failure& failure, const CardReport& report, const Checks& checks) {
+  if (report.hidden || checks.has(kTooManyCards)) return false;
   return failure.result ? *failure.result == CKR_TOKEN_NOT_RECOGNIZED : report.failedRead.empty();
 }
 
@@ -309,7 +309,7 @@ void checkCard(Host& host, const Reader& reader, const PinsForReader& pins, cons
       return skipAfterCard(checks, "the card went away");
     }
     const CardReport report = host.examine(reader);
-    if (!reader.tokenInitialised && isUnprepared(card.failure(), report)) {
+    if (!reader.tokenInitialised && isUnprepared(card.failure(), report, checks)) {
       checks.add(kCardCheck, why, {{kTokenNotInitialised, Severity::kFailure, {}, why}});
       return skipAfterCard(checks, "the card is not initialised");
     }
