@@ -81,8 +81,8 @@ class CheckedPins : public PinSource {
 
   Pin askForPin(const std::string& card) final {
     const Result<PinState> state = pinState_();
-    const auto isUnsaid = [&](FailureKind kind) { return !state && state.failure().kind == kind; };
-    if (isUnsaid(FailureKind::kCardGone) || isUnsaid(FailureKind::kAnotherCard)) return state.failure();
+    const auto failedAs = [&](FailureKind kind) { return !state && state.failure().kind == kind; };
+    if (failedAs(FailureKind::kCardGone) || failedAs(FailureKind::kAnotherCard)) return state.failure();
     if (state && !state->obstacle.empty()) {
       return Failure{
           FailureKind::kPinCannotBeEntered, "the PIN of this card cannot be entered here", state->obstacle,
