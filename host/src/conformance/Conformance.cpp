@@ -72,10 +72,13 @@ void testCard(Host& host, const P11Bridge& bridge, const Examination& wanted, Ru
   if (!card) {
     const FailureKind kind = card.failure().kind;
     const bool isGone = kind == FailureKind::kCardGone || kind == FailureKind::kAnotherCard;
-    if (!isGone) abilities.published = false;
     testReport({host.examine(*reader)}, results);
     tellFailedInsertion(card.failure(), results);
-    return results.skipRest(isGone ? "the card did not stay in the reader" : "nothing is published");
+    const bool isOpen = isGone || (saysNothingOfModule(card.failure()) && !results.isAny(RuleVerdict::kFail));
+    if (!isOpen) abilities.published = false;
+    return results.skipRest(isGone   ? "the card did not stay in the reader"
+                            : isOpen ? "the card could not be listed"
+                                     : "nothing is published");
   }
   outCard = card->reader;
   abilities.published = !card->items.empty();
