@@ -137,8 +137,8 @@ TEST_F(DoctorTrials, BlameNoKeyForACallThatAsksNothingOfOne) {
         if (fails) script.failCallOf(function, before - 1, CKR_GENERAL_ERROR);
         const Diagnosis found = diagnosisWith(given);
         const auto& calls = script.calls();
-        const auto firstUse = std::find_if(calls.begin(), calls.end(),
-                                           [use = use](const Call& call) { return call.function == use; });
+        const auto firstUse = std::find_if(
+            calls.begin(), calls.end(), [wanted = use](const Call& call) { return call.function == wanted; });
         before = static_cast<std::size_t>(std::count_if(
             calls.begin(), firstUse, [function](const Call& call) { return call.function == function; }));
         if (fails) {
