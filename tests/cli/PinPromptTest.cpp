@@ -112,6 +112,7 @@ TEST_F(PinPrompt, TakesWhatIsTypedAfterTheEscapeKey) {
 TEST_F(PinPrompt, DoesNotTakeWhatWasTypedBefore) {
   PseudoTerminal terminal;
   terminal.type("typed ahead");
+  ASSERT_TRUE(terminal.waitFor("typed ahead"));  // it echoes what has arrived
   Invocation call = staged("login");
   call.terminal = &terminal;
   RunningChild child{call};
