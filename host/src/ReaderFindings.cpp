@@ -145,9 +145,10 @@ class ReaderExamination {
       return reader.card == Card::kNone || slotOf(reader) != nullptr;
     });
     const auto numOthers = static_cast<std::ptrdiff_t>(readers.size()) - numEmpty;
-    const std::string empty = numEmpty > 0 ? std::to_string(numEmpty) + " without a card" : "";
-    if (numOthers == 0) return empty;
-    return empty + (empty.empty() ? "" : ", ") + std::to_string(numOthers) + " not known";
+    std::string text = numEmpty > 0 ? std::to_string(numEmpty) + " without a card" : "";
+    if (numOthers > 0)
+      text.append(text.empty() ? "" : ", ").append(std::to_string(numOthers)).append(" not known");
+    return text;
   }
 
   void lookAtNames() {
