@@ -71,6 +71,14 @@ TEST_F(ConformanceGone, SendsNoPinToACardThatIsReadInPlaceOfOneThatIsNotInitiali
   EXPECT_EQ(script.countOf("C_Login"), 0U);
 }
 
+TEST_F(ConformanceGone, TestsACardThatCouldNotBeReadAtFirst) {
+  script.hook<&CK_FUNCTION_LIST::C_GetTokenInfo>([this](auto real, auto slot, auto* info) {
+    return script.countOf("C_FindObjectsInit") == 0 ? CK_RV{CKR_DEVICE_ERROR} : real(slot, info);
+  });
+  EXPECT_NE(tested().grade.letter, "-");
+  EXPECT_GT(script.countOf("C_Login"), 0U);
+}
+
 TEST_F(ConformanceGone, BlamesNoCardForWhatIsSeenWithoutTheLoginThatItHasLost) {
   Card own = script.card();
   script.hook<&CK_FUNCTION_LIST::C_Login>([&](auto real, auto session, auto user, auto* pin, auto size) {

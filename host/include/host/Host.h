@@ -45,8 +45,7 @@ struct Reader {
   bool tokenInitialised = false;
   std::optional<Failure> unreadable;  ///< why the token could not be read; nothing also where there is none
   bool mayBeReadableLater = false;    ///< and it is no lasting answer, such as that the card is not known
-  std::optional<Failure>
-      uncertain;  ///< why another one may be meant, where a part of its name or none chose it
+  std::optional<Failure> uncertain;   ///< why another may be meant, where no name or a part of it chose it
 
   /// The name that leads the card framework to this very slot, where a shorter one would also fit
   /// another: `name`, with as much of the padding as that takes. Null when an earlier slot has the same
