@@ -1,13 +1,14 @@
-// paired_runs RUNS NAME COMMAND... --vs NAME COMMAND...
+// paired_runs RUNS [--new FILE] NAME COMMAND... --vs NAME COMMAND...
 //
 // Runs two commands as whole processes in turn, A B A B ..., after one run of each that is not counted, and
 // prints wall time, processor time and peak memory of both with the ratio of the medians. A command's output
-// is thrown away; one that fails ends the run.
+// is thrown away; one that fails ends the run. FILE is what both write: it is removed before each run.
 
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -15,11 +16,14 @@
 #include <cstdlib>
 #include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 extern char** environ;
 
 namespace {
+
+constexpr const char* kUsage = "usage: paired_runs RUNS [--new FILE] NAME COMMAND... --vs NAME COMMAND...";
 
 using Clock = std::chrono::steady_clock;
 
@@ -79,7 +83,7 @@ void printRow(const char* what, const std::vector<double>& a, const std::vector<
 }
 
 Command parseCommand(std::span<char*> words) {
-  if (words.size() < 2) fail("usage: paired_runs RUNS NAME COMMAND... --vs NAME COMMAND...");
+  if (words.size() < 2) fail(kUsage);
   Command command{words.front(), {words.begin() + 1, words.end()}, {}};
   command.arguments.push_back(nullptr);
   return command;
@@ -88,20 +92,28 @@ Command parseCommand(std::span<char*> words) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  const std::span<char*> words{argv + 1, static_cast<std::size_t>(std::max(argc - 1, 0))};
-  const auto versus =
-      std::find_if(words.begin(), words.end(), [](char* word) { return std::string{word} == "--vs"; });
-  if (words.empty() || versus == words.end())
-    fail("usage: paired_runs RUNS NAME COMMAND... --vs NAME COMMAND...");
+  std::span<char*> words{argv + 1, static_cast<std::size_t>(std::max(argc - 1, 0))};
+  if (words.empty()) fail(kUsage);
   const int runs = std::atoi(words.front());  // NOLINT(cert-err34-c): 0 is refused
   if (runs < 1) fail("RUNS must be 1 or more");
+  words = words.subspan(1);
+  const char* newFile = nullptr;
+  if (words.size() > 1 && words.front() == std::string_view{"--new"}) {
+    newFile = words[1];
+    words = words.subspan(2);
+  }
+  const auto versus =
+      std::find_if(words.begin(), words.end(), [](char* word) { return word == std::string_view{"--vs"}; });
+  if (versus == words.end()) fail(kUsage);
   const auto split = static_cast<std::size_t>(versus - words.begin());
-  Command a = parseCommand(words.subspan(1, split - 1));
+  Command a = parseCommand(words.first(split));
   Command b = parseCommand(words.subspan(split + 1));
 
   for (int run = 0; run <= runs; ++run) {
-    runOnce(a, run > 0);
-    runOnce(b, run > 0);
+    for (Command* command : {&a, &b}) {
+      if (newFile != nullptr) (void)unlink(newFile);
+      runOnce(*command, run > 0);
+    }
   }
   std::printf(
       "| %d runs each | %s, median | min | %s, median | min | ratio of medians "
