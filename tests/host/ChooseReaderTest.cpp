@@ -187,12 +187,18 @@ TEST_F(ChooseReader, DoesNotSayThatAReaderIsEmptyOfWhichNobodyTells) {
 }
 
 TEST_F(ChooseReader, TakesNoOtherForTheReaderOfACardThatWasFound) {
-  setReaders({"L\xC3\xA4ser", "L\xC3\xA4ser 2"});
-  const auto found = host.readers();
+  const auto service = std::make_shared<FakeCardService>();
+  PlatformServices mine = services();
+  mine.cardService = service;
+  Host own{mine};
+  setReaders({"L\xC3\xA4ser", "L\xC3\xA4ser (USB)"});
+  service->view.readers = {{"L\xC3\xA4ser", ServiceReader::Card::kPresent}};
+  const auto found = own.readers();
   ASSERT_TRUE(found);
-  EXPECT_TRUE(host.insert(found->front()));
-  script.pullCard();
-  const Failure failure = failureOf(host.insert(found->front()));
+  EXPECT_TRUE(own.insert(found->front()));
+  setReaders({"L\xC3\xA4ser (USB)"});
+  service->view.readers.front().card = ServiceReader::Card::kNone;
+  const Failure failure = failureOf(own.insert(found->front()));
   EXPECT_EQ(failure.kind, FailureKind::kCardGone);
   EXPECT_THAT(failure.why, HasSubstr("the reader \"L\u00E4ser\" holds no card"));
 }
