@@ -37,14 +37,35 @@ void skipAfterLogin(RuleResults& results, const std::string& reason) {
   for (const RuleID rule : kAfterLogin) results.skip(rule, reason);
 }
 
-/// True when the keys can be tried. `isUser`: a session shows a user state.
-bool testLogin(const Result<void>& accepted, bool isUser, RuleResults& results) {
+/// Whether a session shows a user state.
+struct UserState {
+  bool before = false;  ///< the login: then it is not of ours
+  bool after = false;
+};
+
+bool isOfOtherLogin(const Failure& failure) {
+  constexpr CK_RV kAnswers[] = {CKR_USER_ALREADY_LOGGED_IN, CKR_USER_ANOTHER_ALREADY_LOGGED_IN,
+                                CKR_USER_TOO_MANY_TYPES};
+  return failure.result &&
+         std::find(std::begin(kAnswers), std::end(kAnswers), *failure.result) != std::end(kAnswers);
+}
+
+constexpr const char* kLoggedInBefore = "the module was logged in already, before the login of the test";
+
+/// True when the keys can be tried.
+bool testLogin(const Result<void>& accepted, const UserState& isUser, RuleResults& results) {
   if (accepted) {
-    results.pass(kLogin, "the card accepts the PIN");
+    if (isUser.before) {
+      results.unknown(
+          kLogin, std::string{kLoggedInBefore} + ", so that C_Login answers CKR_OK says nothing of the PIN");
+    } else {
+      results.pass(kLogin, "the card accepts the PIN");
+    }
     return true;
   }
   const Failure& failure = accepted.failure();
   const std::string text = failure.what + ": " + failure.why;
+  if (isOfOtherLogin(failure)) return results.unknown(kLogin, text), false;
   switch (failure.kind) {
     case FailureKind::kFileFailure:  // the one with the PIN
     case FailureKind::kPinHeldBack:
@@ -53,9 +74,9 @@ bool testLogin(const Result<void>& accepted, bool isUser, RuleResults& results) 
     case FailureKind::kAnotherCard:
     case FailureKind::kInternal: results.unknown(kLogin, text); break;
     default:
-      if (isUser) {
+      if (isUser.after && !isUser.before) {
         results.pass(kLogin, "the module shows a user state");  // so the rule about the session is broken
-      } else if (saysNothingOfModule(failure)) {
+      } else if (saysNothingOfModule(failure) || (isUser.before && !failure.result)) {
         results.unknown(kLogin, text);
       } else {
         results.fail(kLogin, text);
@@ -64,16 +85,30 @@ bool testLogin(const Result<void>& accepted, bool isUser, RuleResults& results) 
   return false;
 }
 
-/// True where the session shows a user state.
-bool testSessionState(const P11Bridge& bridge, CK_SLOT_ID slotID, RuleResults& results) {
+/// Nothing where it could not be read; `outAnswer` tells why.
+std::optional<CK_SESSION_INFO> sessionInfo(const P11Bridge& bridge, CK_SLOT_ID slotID,
+                                           std::string& outAnswer) {
   CK_SESSION_HANDLE session = 0;
   if (const CK_RV rv = bridge.openInspection(slotID, session); rv != CKR_OK)
-    return results.unknown(kSessionState, answerText({"C_OpenSession", rv})), false;
+    return outAnswer = answerText({"C_OpenSession", rv}), std::nullopt;
   CK_SESSION_INFO info{};
   const CK_RV rv = bridge.inspectSession(session, info);
   bridge.closeInspection(session);
-  if (rv != CKR_OK) return results.unknown(kSessionState, answerText({"C_GetSessionInfo", rv})), false;
-  const bool isUser = info.state == CKS_RO_USER_FUNCTIONS || info.state == CKS_RW_USER_FUNCTIONS;
+  if (rv != CKR_OK) return outAnswer = answerText({"C_GetSessionInfo", rv}), std::nullopt;
+  return info;
+}
+
+bool isOfUser(const CK_SESSION_INFO& info) {
+  return info.state == CKS_RO_USER_FUNCTIONS || info.state == CKS_RW_USER_FUNCTIONS;
+}
+
+/// True where the session shows a user state.
+bool testSessionState(const P11Bridge& bridge, CK_SLOT_ID slotID, RuleResults& results) {
+  std::string answer;
+  const auto read = sessionInfo(bridge, slotID, answer);
+  if (!read) return results.unknown(kSessionState, answer), false;
+  const CK_SESSION_INFO& info = *read;
+  const bool isUser = isOfUser(info);
   const bool isSerial = (info.flags & CKF_SERIAL_SESSION) != 0;
   const std::string text = "state " + std::to_string(info.state) + ", flags " + std::to_string(info.flags) +
                            ", ulDeviceError " + std::to_string(info.ulDeviceError);
@@ -210,14 +245,24 @@ bool testKeys(Host& host, const P11Bridge& bridge, const InsertedCard& card, Pin
     skipAfterLogin(results, "there is no login");
     return false;
   }
+  UserState isUser;
+  std::string unread;  // then the login is judged by what comes after it
+  const auto before = sessionInfo(bridge, card.reader.slotID, unread);
+  isUser.before = before && isOfUser(*before);
+  if (isUser.before) results.unknown(kPublicObjects, kLoggedInBefore);
   const auto accepted = (*client)->logIn(*pins);
-  const bool isUser = testSessionState(bridge, card.reader.slotID, results);
-  if (!testLogin(accepted, isUser, results)) {
-    const bool isBroken = isUser && results.isBad(kSessionState);
-    if (!isBroken) results.skip(kSessionState, "there is no login");
-    skipAfterLogin(results, "there is no login");
+  isUser.after = testSessionState(bridge, card.reader.slotID, results);
+  const bool isLoggedIn = testLogin(accepted, isUser, results);
+  // The state of another login is no result of this one.
+  const bool isOthers = isUser.before || (!accepted && isOfOtherLogin(accepted.failure()));
+  if (!isLoggedIn) {
+    const bool isBroken = isUser.after && !isOthers && results.isBad(kSessionState);
+    const char* reason = isOthers ? kLoggedInBefore : "there is no login";
+    if (!isBroken) results.skip(kSessionState, reason);
+    skipAfterLogin(results, reason);
     return false;
   }
+  if (isOthers) results.unknown(kSessionState, kLoggedInBefore);
   ioReport = host.examine(card, true);
   testKeyObjects(bridge, card, results);
   takeBackWithoutCard(host, card, results);
