@@ -235,6 +235,11 @@ Result<void> run(Session& session) {
   const Conformance conformance = testConformance(session.services(), wanted, std::move(onRule));
   const auto date = dateOf(givenOrSystem(session.services().timeAndChance)->date());
   session.setExitCode(exitCodeOf(conformance.verdict()));
+  // A script must not take a reader that is not there for a card with warnings.
+  if (conformance.notReached) {
+    const auto kept = writeFiles(options, conformance, date);
+    return kept ? *conformance.notReached : kept.failure();
+  }
   // What was tested is told, and kept, also where one of the two does not work.
   const auto told = writeOutput(options.json ? jsonText(conformance) : textOf(conformance));
   const auto kept = writeFiles(options, conformance, date);

@@ -103,6 +103,14 @@ TEST_F(ConformanceCommand, TellsWhatItTestedAlsoWhereItsFileCannotBeWritten) {
   EXPECT_TRUE(Json::accept(mireltoken("conformance --json --junit /dev/full").out));  // one object alone
 }
 
+TEST_F(ConformanceCommand, EndsAsOtherCommandsWhereTheReaderIsNotThere) {
+  const Result result = run(staged("conformance --reader MISTYPED --junit " + path("rules.xml")));
+  expectFailure(result, 5, {"there is no reader \"MISTYPED\": the readers with a card are "});
+  EXPECT_EQ(result.err, run(staged("items --reader MISTYPED")).err);
+  EXPECT_EQ(Json::parse(run(staged("conformance --json --reader MISTYPED")).out)["error"]["id"], "no-card");
+  EXPECT_THAT(read("rules.xml"), HasSubstr("<error message=\"there is no reader"));
+}
+
 TEST_F(ConformanceCommand, RefusesWhatItCouldNotUse) {
   const std::string unused = "a PIN is of no use without --login";
   expectFailure(runWithPin("conformance"), 2, {unused});

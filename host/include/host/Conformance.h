@@ -58,6 +58,9 @@ struct Conformance {
   std::vector<RuleResult> results;  ///< of every rule, in the order of their numbers
   Grade grade;
   std::optional<Reader> card{};  ///< the one that was tested; nothing: there was none
+  /// Why that of the reader that was named was not tested: there is no such reader, or no card in it. A rule
+  /// that could not be told has it, too.
+  std::optional<Failure> notReached{};
 
   /// kFail where a rule failed; kWarn where one warns or could not be told; else kPass.
   [[nodiscard]] RuleVerdict verdict() const;

@@ -53,12 +53,15 @@ bool isSameCard(const Reader& a, const Reader& b) {
 }
 
 void testCard(Host& host, const P11Bridge& bridge, const Examination& wanted, RuleResults& results,
-              CardAbilities& abilities, std::optional<Reader>& outCard) {
+              CardAbilities& abilities, std::optional<Reader>& outCard,
+              std::optional<Failure>& outNotReached) {
   bool isOnly = false;
   const auto reader = chosenReader(host, wanted.reader, isOnly);
   if (!reader) {
     // Slots with a token were there before: it is another reader that was named, or the card has gone.
     results.unknown(kNumTokens, reader.failure().what + ": " + reader.failure().why);
+    if (!wanted.reader.isNull() && reader.failure().kind == FailureKind::kNoCard)
+      outNotReached = reader.failure();
     return results.skipRest("no card was reached");
   }
   outCard = *reader;
@@ -108,15 +111,16 @@ Conformance testConformance(PlatformServices services, const Examination& wanted
   CardAbilities abilities;
   results.skip(kRemoval, "nobody takes the card out during the test: do that by hand");
   std::optional<Reader> card;
+  std::optional<Failure> notReached;
   std::string reason;
   if (const auto bridge = testModule(services, wanted.module, results, reason)) {
     Host host{services, wanted.module.path.value_or(std::string{})};
-    testCard(host, *bridge, wanted, results, abilities, card);
+    testCard(host, *bridge, wanted, results, abilities, card, notReached);
   } else if (reason != "there is no card") {
     abilities.published = false;
   }
   results.skipRest(reason);
-  return {std::move(results).taken(), gradeOf(abilities), std::move(card)};
+  return {std::move(results).taken(), gradeOf(abilities), std::move(card), std::move(notReached)};
 }
 
 }  // namespace mirel
