@@ -156,7 +156,7 @@ class WatchRun {
       if (done) done = goOn();
     }
     if (done && !isOver_) tellOfSilence();
-    if (done && !isOver_ && !moduleHasAnswered_) endWithoutAnswer();
+    if (done && !isOver_) endWithoutToken();
     endHelpers();
     return done;
   }
@@ -297,9 +297,20 @@ class WatchRun {
     writeMessage("mireltoken: " + wordsOf(*failure));
   }
 
-  /// The module has never said anything good. It is to blame for its silence only where it had all the time.
+  /// Where nothing but failures was seen, a script has to be able to tell.
+  void endWithoutToken() {
+    if (!moduleHasAnswered_ && lastTold_) return endFor(*lastTold_);
+    if (cardFailure_ && !hadToken_) {
+      if (Clock::now() < end_) return;  // whoever ends it has seen the events
+      session_.setExitCode(exitCodeOf(*cardFailure_));
+      return writeMessage("mireltoken: no card was published until the end of the watch; the first: " +
+                          wordsOf(*cardFailure_));
+    }
+    if (!moduleHasAnswered_) endWithoutAnswer();
+  }
+
+  /// The module is to blame for its silence only where it was silent all the time.
   void endWithoutAnswer() {
-    if (lastTold_) return endFor(*lastTold_);
     const auto isAwaited = [](const std::unique_ptr<HelperProcess>& helper) {
       return helper && !helper->hasEnded();
     };
@@ -374,6 +385,8 @@ class WatchRun {
 
   [[nodiscard]] Result<void> tell(InsertedOne& card, const Outcome& outcome) {
     card.isTold = true;
+    hadToken_ = hadToken_ || outcome.card;
+    if (outcome.failure && !cardFailure_) cardFailure_ = outcome.failure;
     return tell(card.insertion, outcome, card.serialNumber);
   }
 
@@ -426,6 +439,8 @@ class WatchRun {
   std::unique_ptr<HelperProcess> look_;
   std::optional<ToldFailure> lastTold_;
   bool moduleHasAnswered_ = false;
+  bool hadToken_ = false;                        // a card became one
+  std::optional<ToldFailure> cardFailure_;       // of the first card that did not
   std::map<std::u16string, InsertedOne> cards_;  // by the names of their readers
   std::vector<std::unique_ptr<HelperProcess>> leaving_;
 };

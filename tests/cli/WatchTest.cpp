@@ -298,6 +298,38 @@ TEST_F(Watching, TellsACommandWhichCardIsNotPublished) {
   EXPECT_EQ(told[0]["error"]["id"], "card-not-listed");
 }
 
+TEST_F(Watching, EndsWithTheCodeOfTheFirstCardWhereNoneWasPublishedInItsTime) {
+  const std::string bad = "token label=Bad\ncertificate type=rsa2048 id=02 label=Big size=2001\n";
+  const struct {
+    std::string cards;
+    std::vector<std::pair<std::string, std::string>> states;
+    int exitCode;
+    const char* message;
+  } rows[] = {
+      {bad, {{"Bad", kCard}}, 6, "no card was published until the end of the watch; the first: "},
+      {bad + "token label=Good\n", {{"Bad", kCard}, {"Good", kCard}}, 0, ""},
+      {bad + "token label=Good\n", {{"Bad", kNone}, {"Good", kNone}}, 0, ""},
+  };
+  for (const auto& [cards, states, exitCode, message] : rows) {
+    makeCards(cards);
+    tell(states);
+    const Result result = run(watching({"--for", "3"}));
+    EXPECT_EQ(result.exitCode, exitCode);
+    EXPECT_THAT(result.err, HasSubstr(message));
+    EXPECT_EQ(result.err.empty(), exitCode == 0);
+  }
+}
+
+TEST_F(Watching, EndsWithSuccessWhenItIsEndedByWhoeverSawThatNoCardWasPublished) {
+  makeCards("token label=Card\ncertificate type=rsa2048 id=02 label=Big size=2001\n");
+  tell({{"Card", kCard}});
+  RunningChild child{watching()};
+  (void)events(1);
+  const Result result = ended(child, SIGTERM);
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_THAT(result.out, HasSubstr("  not published: "));
+}
+
 TEST_F(Watching, EndsWithTheCodeOfAModuleThatHasNeverStarted) {
   const Result result = run(watching("--json --for 3", {{"INITIALIZE", "5"}}));  // without a card service
   EXPECT_EQ(result.exitCode, 4);
