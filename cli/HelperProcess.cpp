@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <condition_variable>
 #include <csignal>
-#include <cstring>
 #include <exception>
 #include <mutex>
 #include <set>
@@ -132,10 +131,6 @@ void becomeHelper() {
 
 Result<std::unique_ptr<HelperProcess>> HelperProcess::start(const std::function<void(HelperLine&)>& work,
                                                             const Watch& watch, bool endsAtOnce) {
-  const auto noProcess = [] {
-    return Failure{FailureKind::kInternal, "no process can be started", std::strerror(errno),
-                   "close other programs, then run again"};
-  };
   auto texts = newPipe();
   auto leash = newPipe();
   const pid_t process = texts && leash ? fork() : -1;
@@ -145,7 +140,7 @@ Result<std::unique_ptr<HelperProcess>> HelperProcess::start(const std::function<
     helpWith(work, watch, texts->input, leash->output,
              endsAtOnce ? std::chrono::milliseconds{0} : kTimeForEnd);
   }
-  const Failure failure = noProcess();
+  const Failure failure = noProcessFailure(errno);
   if (texts) (void)close(texts->input);
   if (leash) (void)close(leash->output);
   if (process < 0) {

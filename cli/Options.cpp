@@ -53,7 +53,7 @@ constexpr const char* kRemarks =
     "\n"
     "Exit codes:\n"
     "  0  success\n"
-    "  1  internal error\n"
+    "  1  internal error, or no process can be started\n"
     "  2  wrong usage\n"
     "  3  the module cannot be loaded\n"
     "  4  the module does not initialise or does not list its slots\n"

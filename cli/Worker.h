@@ -55,6 +55,9 @@ using Salvage = std::function<Failure(Failure failure, std::string_view noted)>;
 [[nodiscard]] Result<ExitCode> runInWorker(const std::function<ExitCode()>& work, const Watch& watch,
                                            const Salvage& salvage = {}, const WhenEnded& whenEnded = {});
 
+/// That the system has started no process; `error`: its errno.
+[[nodiscard]] Failure noProcessFailure(int error);
+
 // For the worker; elsewhere they note nothing.
 
 /// Ends the process with that code, in the middle of what it does, as its own decision.

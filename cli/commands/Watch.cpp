@@ -222,7 +222,10 @@ class WatchRun {
   [[nodiscard]] Result<void> takeFromService() {
     if (serviceStart_ && Clock::now() >= *serviceStart_) {
       serviceStart_.reset();
-      return startService();
+      if (const auto started = startService(); !started) {
+        serviceTells({false, wordsOf(toldFailure(started.failure())), {}});
+        serviceStart_ = Clock::now() + kPauseAfterCrash;
+      }
     }
     if (!service_) return {};
     const bool ended = service_->hasEnded();
@@ -267,10 +270,14 @@ class WatchRun {
     if (!look_) {
       const auto next = sources_.nextLook();
       if (!next || Clock::now() < *next) return {};
-      auto started = start([&](HelperLine& line) { lookAtModule(session_, line); }, true);
-      if (!started) return started.failure();
-      look_ = *std::move(started);
       sources_.lookBegins(Clock::now());
+      auto started = start([&](HelperLine& line) { lookAtModule(session_, line); }, true);
+      if (started) {
+        look_ = *std::move(started);
+      } else {
+        tellOfModule(toldFailure(started.failure()));
+        sources_.lookEnds(Clock::now(), std::nullopt);
+      }
       return {};
     }
     const bool ended = look_->hasEnded();
@@ -337,15 +344,16 @@ class WatchRun {
   [[nodiscard]] Result<void> take(const ReaderEvent& event) {
     const std::u16string name{event.reader.units()};
     if (event.kind == ReaderEvent::Kind::kInsertion) {
-      if (cards_.size() >= kMostCards) {
+      const auto failsWith = [&](const Failure& failure) {
         InsertedOne& card = cards_.insert_or_assign(name, InsertedOne{event, nullptr}).first->second;
-        const Failure tooMany{FailureKind::kModuleRefuses, "the card is not read",
-                              "there are more than " + std::to_string(kMostCards) + " cards",
-                              "name one reader with --reader"};
-        return tell(card, {std::nullopt, toldFailure(tooMany)});
-      }
+        return tell(card, {std::nullopt, toldFailure(failure)});
+      };
+      if (cards_.size() >= kMostCards)
+        return failsWith({FailureKind::kModuleRefuses, "the card is not read",
+                          "there are more than " + std::to_string(kMostCards) + " cards",
+                          "name one reader with --reader"});
       auto started = start([&](HelperLine& line) { keepCard(session_, event.reader, line); }, false);
-      if (!started) return started.failure();
+      if (!started) return failsWith(started.failure());
       cards_.insert_or_assign(name, InsertedOne{event, *std::move(started)});
       return {};
     }

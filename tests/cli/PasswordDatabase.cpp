@@ -1,8 +1,12 @@
 /// Preloaded, it answers for the password database: there is one user, whose home is the environment's
 /// MIREL_TEST_HOME. So tests can look at the whole home of the user without owning one, and put things
-/// into it. With the environment's MIREL_TEST_FULL_DISK no file reaches the disk: fsync fails.
+/// into it. With the environment's MIREL_TEST_FULL_DISK no file reaches the disk: fsync fails. While there is
+/// the file of MIREL_TEST_NO_PROCESS, no process can be started; the first attempt takes away one that is
+/// empty.
 
+#include <dlfcn.h>
 #include <pwd.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -63,6 +67,17 @@ __attribute__((visibility("default"))) int fsync(int file) {
   if (!std::getenv("MIREL_TEST_FULL_DISK")) return static_cast<int>(syscall(SYS_fsync, file));
   errno = ENOSPC;
   return -1;
+}
+
+__attribute__((visibility("default"))) pid_t fork() {
+  const char* file = std::getenv("MIREL_TEST_NO_PROCESS");
+  struct stat status {};
+  if (file && stat(file, &status) == 0) {
+    if (status.st_size == 0) (void)unlink(file);
+    errno = EAGAIN;
+    return -1;
+  }
+  return reinterpret_cast<pid_t (*)()>(dlsym(RTLD_NEXT, "fork"))();
 }
 
 }  // extern "C"

@@ -355,6 +355,49 @@ TEST_F(Watching, EndsWithAModuleThatCannotBeLoadedAndSaysNothingElse) {
   EXPECT_THAT(result.err, MatchesRegex("mireltoken: [^\n]+ is not loaded: [^\n]+\n"));
 }
 
+TEST_F(Watching, EndsAsOtherCommandsWhereNoProcessCanBeStarted) {
+  for (const char* command : {"watch", "items"}) {
+    Invocation call = preloaded(staged(command));
+    call.environment["MIREL_TEST_NO_PROCESS"] = write("no process", "ever");
+    expectFailure(run(call), 1,
+                  {"no process can be started: too many processes are running (Resource temporarily unavail"
+                   "able); close other programs, then run again"});
+  }
+}
+
+TEST_F(Watching, GoesOnWhereNoProcessCanBeStartedForOneCard) {
+  tell({{"Card", kNone}});
+  Invocation call = preloaded(watching("--json", {{"NO_SLOTS", "1"}}));  // which is not asked for slots again
+  call.environment["MIREL_TEST_NO_PROCESS"] = path("no process");
+  RunningChild child{call};
+  std::this_thread::sleep_for(std::chrono::seconds{2});
+  (void)write("no process", "");
+  tell({{"Card", kCard}});
+  (void)events(1);
+  tell({{"Card", kCardAgain}});
+  (void)events(3);
+  const auto told = jsonOf(ended(child));
+  ASSERT_THAT(told, SizeIs(3));
+  EXPECT_EQ(told[0]["error"]["what"], "no process can be started");
+  EXPECT_EQ(told[2]["error"]["id"], "no-card");
+}
+
+TEST_F(Watching, GoesOnWhereNoProcessCanBeStartedToAskTheModule) {
+  Invocation call = preloaded(watching("--json"));  // without a card service
+  call.environment["MIREL_TEST_NO_PROCESS"] = path("no process");
+  RunningChild child{call};
+  (void)events(1);
+  (void)write("no process", "");
+  for (int i = 0; i < 2000 && exists("no process"); ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds{10});
+  makeCards("token label=Other\n");
+  (void)events(3);
+  const Result result = ended(child);
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_THAT(result.err, HasSubstr("mireltoken: no process can be started: too many processes"));
+  EXPECT_THAT(jsonOf(result), SizeIs(3));
+}
+
 TEST_F(Watching, EndsWhenNobodyReadsItsOutputAnyMore) {
   tell({{"Card", kNone}});
   Invocation call = watching();
