@@ -8,6 +8,7 @@
 
 #include "CodeMeaning.h"
 #include "FailureDiary.h"
+#include "TokenFindings.h"
 #include "bridge/CardRules.h"
 #include "bridge/P11Bridge.h"
 #include "host/CryptokiNames.h"
@@ -28,18 +29,19 @@ struct Attribute {
 /// Keeps the first call that failed.
 class FirstFailure {
  public:
-  FirstFailure(std::string& outFailedRead, bool& outIsGone)
-      : failedRead_{outFailedRead}, isGone_{outIsGone} {}
+  FirstFailure(std::string& outFailedRead, std::optional<FindingID>& outGone)
+      : failedRead_{outFailedRead}, gone_{outGone} {}
 
   void note(const FailedCall& call) {
     if (!failedRead_.empty()) return;
     failedRead_ = answerText(call);
-    isGone_ = isGone_ || meaningOf(call.name, call.result).kind == FailureKind::kCardGone;
+    if (!gone_ && meaningOf(call.name, call.result).kind == FailureKind::kCardGone)
+      gone_ = goneFindingOf(call.result);
   }
 
  private:
   std::string& failedRead_;
-  bool& isGone_;
+  std::optional<FindingID>& gone_;
 };
 
 /// Finds and reads in one session, and keeps the first call that failed.
@@ -278,7 +280,7 @@ CardContents readCard(const P11Bridge& bridge, CK_SLOT_ID slotID, CertificatePar
     contents.failedRead = "there is no module";
     return contents;
   }
-  FirstFailure failure{contents.failedRead, contents.isGone};
+  FirstFailure failure{contents.failedRead, contents.gone};
   CK_SESSION_HANDLE session = 0;
   if (const CK_RV rv = bridge.openInspection(slotID, session); rv != CKR_OK) {
     failure.note({"C_OpenSession", rv});
@@ -296,7 +298,7 @@ CardContents readCard(const P11Bridge& bridge, CK_SLOT_ID slotID, CertificatePar
        reader.find(CKO_CERTIFICATE, kMaxListedObjects, contents.moreCertificates)) {
     contents.certificates.push_back(readCertificate(reader, handle, contents.loggedIn, certificates));
   }
-  ObjectReader privateReader{bridge, session, {contents.failedPrivateRead, contents.isGone}};
+  ObjectReader privateReader{bridge, session, {contents.failedPrivateRead, contents.gone}};
   bool more = false;
   for (const CK_OBJECT_HANDLE handle : privateReader.find(CKO_PRIVATE_KEY, kMaxListedObjects, more)) {
     contents.privateKeys.push_back(readPrivateKey(privateReader, handle));

@@ -49,7 +49,8 @@ struct CardContents {
   std::string failedRead;           ///< the first call that failed to find or read them, or to tell whether
                                     ///< somebody is logged in; empty: none
   std::string failedPrivateRead;    ///< the same for private keys
-  bool isGone = false;              ///< one of these two calls said that the card is not there any more
+  std::optional<FindingID> gone;  ///< one of these two calls said that the card, or the module, is not there
+                                  ///< any more
 };
 
 /// Reads the card in a slot through a session of its own. `afterLogin`:

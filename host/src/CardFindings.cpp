@@ -12,6 +12,7 @@
 #include "CardInspector.h"
 #include "KeyValue.h"
 #include "NameList.h"
+#include "TokenFindings.h"
 #include "bridge/CardRules.h"
 #include "host/Display.h"
 #include "host/KeyAbility.h"
@@ -239,12 +240,12 @@ void CardFindings::addWhatIsNotRead(const std::string& reader) {
     if (!failed.empty()) add({kObjectUnread, kUnknown, what, failed});
   };
   const bool isToldAsGone = std::any_of(located_.begin(), located_.end(), [](const Located& located) {
-    return located.finding.id == kCardWentAway;
+    return endsExamination(located.finding.id);
   });
-  if (contents_.isGone && !isToldAsGone) {
+  if (contents_.gone && !isToldAsGone) {
     const std::string& call =
         contents_.failedRead.empty() ? contents_.failedPrivateRead : contents_.failedRead;
-    add({kCardWentAway, kUnknown, reader, call});
+    add({*contents_.gone, kUnknown, reader, call});
   } else if (!isToldAsGone && contents_.failedRead == contents_.failedPrivateRead) {
     tell("objects", contents_.failedRead);
   } else if (!isToldAsGone) {

@@ -96,10 +96,10 @@ Result<void> CardWatch::lookAtCard(FailureDiary& diary) const {
 
   CK_TOKEN_INFO token{};
   if (const auto cause = readToken(*bridge, reader_, diary, token)) {
-    const Failure because =
-        failureBecauseOf(*cause, "the card in the reader " + quoted(reader_.name) + " cannot be looked at",
-                         FailureKind::kCardRefuses);
-    return because.kind == FailureKind::kCardGone ? gone(because.why) : because;
+    const Failure because = notLookedAt(*cause);
+    const bool isGone =
+        because.kind == FailureKind::kCardGone && cause->result != CKR_CRYPTOKI_NOT_INITIALIZED;
+    return isGone ? gone(because.why) : because;
   }
   if (auto same = compare(token); !same) return same;
 
@@ -110,6 +110,7 @@ Result<void> CardWatch::lookAtCard(FailureDiary& diary) const {
   const CK_RV rv = bridge->pkcs11_GetSessionInfo(record->hSession(), nullptr);
   if (rv == CKR_OK) return {};
   const FailedCall cause{"C_GetSessionInfo", rv};
+  if (rv == CKR_CRYPTOKI_NOT_INITIALIZED) return notLookedAt(cause);
   const Failure because = failureBecauseOf(
       cause, "the card in the reader " + quoted(reader_.name) + " was taken out and put back",
       FailureKind::kCardRefuses);
@@ -134,6 +135,11 @@ Result<void> CardWatch::checkInsertion() {
 
 Result<void> CardWatch::compare(const CK_TOKEN_INFO& token) const {
   return checkSame(reader_, trimmed(token.label), trimmed(token.serialNumber));
+}
+
+Failure CardWatch::notLookedAt(const FailedCall& cause) const {
+  return failureBecauseOf(cause, "the card in the reader " + quoted(reader_.name) + " cannot be looked at",
+                          FailureKind::kCardRefuses);
 }
 
 Failure CardWatch::gone(std::string why) const { return cardGone(reader_.name, std::move(why)); }

@@ -46,6 +46,7 @@ class CardWatch {
   [[nodiscard]] Result<void> compare(const CK_TOKEN_INFO& token) const;
   [[nodiscard]] Result<void> lookAtCard(FailureDiary& diary) const;
   [[nodiscard]] Failure gone(std::string why) const;
+  [[nodiscard]] Failure notLookedAt(const FailedCall& cause) const;
 
   std::weak_ptr<HostToken> token_;
   Reader reader_;

@@ -101,6 +101,10 @@ constexpr FindingEntry kEntries[] = {
     {kTrialDisturbed, "MT-T05", "a key could not be tried",
      "a call failed that says nothing of the key, so whether the key works is not known",
      "check the card, its reader and the service of the card software, then try again", kYou},
+    {kModuleEnded, "MT-T06", "the module was ended during the examination",
+     "it answers no call any more, so what was left to look at is not known, and neither the card nor a key "
+     "is to blame for that",
+     "examine the card again; where the module ends each time, ask its maker", kMaker},
     // Its objects.
     {kCardEmpty, "MT-C01", "the card shows no key and no certificate",
      "only what shows without a login is published, and that is nothing",

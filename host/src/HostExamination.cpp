@@ -249,8 +249,8 @@ std::vector<Finding> Host::tokenFindings(const Reader& reader, const Text& insta
     const bool isGone = meaningOf(cause.name, cause.result).kind == FailureKind::kCardGone;
     // It may be the other card by now.
     if (isGone) findings.clear();
-    findings.push_back({isGone ? FindingID::kCardWentAway : FindingID::kTokenUnreadable, Severity::kUnknown,
-                        subject, reasonText(cause)});
+    findings.push_back({isGone ? goneFindingOf(cause.result) : FindingID::kTokenUnreadable,
+                        Severity::kUnknown, subject, reasonText(cause)});
     return findings;
   }
   const bool isAnother = !reader.unreadable && (!(trimmed(token.label) == reader.tokenLabel) ||

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdint>
+#include <optional>
 #include <span>
 #include <vector>
 
@@ -11,7 +13,18 @@ namespace mirel {
 
 /// Whether a finding of that kind says that what is in the reader is not known, or not the card any more.
 [[nodiscard]] constexpr bool isUnreadToken(FindingID id) noexcept {
-  return id == FindingID::kTokenUnreadable || id == FindingID::kCardWentAway;
+  return id == FindingID::kTokenUnreadable || id == FindingID::kCardWentAway || id == FindingID::kModuleEnded;
+}
+
+/// Whether a finding of that kind says that there is nothing more to look at.
+[[nodiscard]] constexpr bool endsExamination(FindingID id) noexcept {
+  return id == FindingID::kCardWentAway || id == FindingID::kModuleEnded;
+}
+
+/// Which of these the answer of a call is that found the card gone, or the module; kCardWentAway where there
+/// is no such answer.
+[[nodiscard]] constexpr FindingID goneFindingOf(std::optional<std::uint64_t> answer) noexcept {
+  return answer == CKR_CRYPTOKI_NOT_INITIALIZED ? FindingID::kModuleEnded : FindingID::kCardWentAway;
 }
 
 /// What the token information says of the card's PIN, one finding for each state that there is.

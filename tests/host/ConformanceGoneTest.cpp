@@ -79,6 +79,20 @@ TEST_F(ConformanceGone, TestsACardThatCouldNotBeReadAtFirst) {
   EXPECT_GT(script.countOf("C_Login"), 0U);
 }
 
+TEST_F(ConformanceGone, SaysOfNoCardThatItWentWhereTheModuleWasEnded) {
+  for (std::size_t n = 0;; n += 5) {
+    SCOPED_TRACE(n);
+    makeGood();
+    script.failCall(n, CKR_CRYPTOKI_NOT_INITIALIZED, Times::kFromThenOn);
+    const Conformance found = tested();
+    if (!script.fired()) break;
+    for (const RuleResult& result : found.results) {
+      EXPECT_THAT(result.evidence, ::testing::AllOf(::testing::Not(::testing::HasSubstr("did not stay")),
+                                                    ::testing::Not(::testing::HasSubstr("any more"))));
+    }
+  }
+}
+
 TEST_F(ConformanceGone, BlamesNoCardForWhatIsSeenWithoutTheLoginThatItHasLost) {
   Card own = script.card();
   script.hook<&CK_FUNCTION_LIST::C_Login>([&](auto real, auto session, auto user, auto* pin, auto size) {

@@ -191,6 +191,30 @@ TEST_F(DoctorTrials, BlameNoKeyWhereTheCardCannotBeReadAfterTheLogin) {
   }
 }
 
+TEST_F(DoctorTrials, BlameNeitherTheCardNorAKeyWhereTheModuleIsEnded) {
+  bool isLate = false;  // at the end of the last run the card was listed already
+  for (std::size_t n = 0;; n += 3) {
+    SCOPED_TRACE(n);
+    script.reset();
+    startAnew();
+    GivenPins given{{u"123456"}};
+    script.failCall(n, CKR_CRYPTOKI_NOT_INITIALIZED, Times::kFromThenOn);
+    const Diagnosis found = diagnosisWith(given);
+    if (!script.fired()) break;
+    const auto codes = codesOf(found);
+    for (const char* code : {"MT-T04", "MT-K08", "MT-K09", "MT-K10"}) EXPECT_THAT(codes, Not(Contains(code)));
+    EXPECT_EQ(found.verdict(), Severity::kFailure);
+    for (const Check& check : found.checks) {
+      EXPECT_THAT(check.evidence, ::testing::AllOf(Not(HasSubstr("went away")), Not(HasSubstr("any more"))));
+    }
+    isLate = script.countOf("C_Login") > 0;
+    if (isLate) {
+      EXPECT_THAT(codes, Contains("MT-T06"));
+    }
+  }
+  EXPECT_TRUE(isLate);
+}
+
 TEST_F(DoctorTrials, SayNothingOfTheModuleWhereTwoPrivateKeysHaveOneID) {
   const Value other = SoftwareKey::rsa(kBits, "other").modulus();
   for (const char* id : {"01", "02"}) script.addObject(rsaPrivateKey(bytesOf(id), bytesOf("Other"), other));

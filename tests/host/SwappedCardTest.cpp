@@ -56,6 +56,19 @@ class SwappedCard : public KeyClientTest {
   }
 };
 
+// ---- A module that was ended ----
+
+TEST_F(SwappedCard, IsNotSaidToBeGoneWhereTheModuleWasEnded) {
+  for (const char* function : {"C_GetTokenInfo", "C_GetSlotList", "C_GetSessionInfo"}) {
+    SCOPED_TRACE(function);
+    script.failCallOf(function, script.countOf(function), CKR_CRYPTOKI_NOT_INITIALIZED, Times::kFromThenOn);
+    const Failure failure = signFailure();
+    expectPresentable(failure);
+    EXPECT_THAT(failure.what, Not(HasSubstr("any more")));
+    EXPECT_THAT(failure.why, HasSubstr("the module was ended while it was in use"));
+  }
+}
+
 // ---- Another card ----
 
 TEST_F(SwappedCard, GetsNoPinThatWasAskedForBefore) {

@@ -52,6 +52,7 @@ enum class FindingID {
   kInstanceIDShared,
   kCardWentAway,
   kTrialDisturbed,
+  kModuleEnded,
   // Its objects.
   kCardEmpty,
   kObjectHidesCard,

@@ -79,7 +79,9 @@ void testCard(Host& host, const P11Bridge& bridge, const Examination& wanted, Ru
     tellFailedInsertion(card.failure(), results);
     const bool isOpen = isGone || (saysNothingOfModule(card.failure()) && !results.isAny(RuleVerdict::kFail));
     if (!isOpen) abilities.published = false;
-    return results.skipRest(isGone   ? "the card did not stay in the reader"
+    const bool isEnded = card.failure().result == CKR_CRYPTOKI_NOT_INITIALIZED;
+    return results.skipRest(isEnded  ? "the module was ended while it was in use"
+                            : isGone ? "the card did not stay in the reader"
                             : isOpen ? "the card could not be listed"
                                      : "nothing is published");
   }

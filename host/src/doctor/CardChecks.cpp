@@ -34,16 +34,20 @@ std::vector<Finding> findingsOf(char letter, const CardReport& report) {
   return findings;
 }
 
-/// A report leaves open what it means that the card has gone. For an examination it is the end. True where it
-/// has.
-bool judgeGone(std::vector<Finding>& findings) {
-  bool isGone = false;
+const char* endingText(FindingID id) {
+  return id == kModuleEnded ? "the module was ended" : "the card went away";
+}
+
+/// A report leaves open what it means that the card has gone, or the module. For an examination it is the
+/// end. Why it is; null: it goes on.
+const char* judgeGone(std::vector<Finding>& findings) {
+  const char* why = nullptr;
   for (Finding& finding : findings) {
-    if (finding.id != kCardWentAway) continue;
+    if (!endsExamination(finding.id)) continue;
     finding.severity = Severity::kFailure;
-    isGone = true;
+    why = endingText(finding.id);
   }
-  return isGone;
+  return why;
 }
 
 void checkPin(Host& host, const Reader& reader, const CardReport& report, Checks& checks) {
@@ -163,7 +167,7 @@ bool checkLogin(const Result<void>& accepted, const CardReport& report, Checks& 
     case FailureKind::kPinLocked: return refused(kPinLocked);
     case FailureKind::kPinCannotBeEntered: return refused(toldBefore(kPinPad) ? kPinPad : kPinTooLong);
     case FailureKind::kCardGone:
-    case FailureKind::kAnotherCard: return refused(kCardWentAway);
+    case FailureKind::kAnotherCard: return refused(goneFindingOf(failure.result));
     case FailureKind::kPinHeldBack:
       if (toldBefore(kPinLocked)) return refused(kPinLocked);
       [[fallthrough]];
@@ -247,13 +251,14 @@ void tryKeys(Host& host, const InsertedCard& card, const CardReport& report, Pin
   for (const Finding& finding : after.findings) {
     if (finding.id != kPkcs1NotTried && !sameIn(report.findings, finding)) more.push_back(finding);
   }
-  const bool isGone = judgeGone(more);
+  const char* whyGone = judgeGone(more);
   correctObjects(after, more, checks);
   // Without a number: a trial may take findings back.
   checks.add(kPrivateKeys, "looked at once more after the login", std::move(more));
-  if (isGone) return skipTrials(checks, "the card went away");
+  if (whyGone) return skipTrials(checks, whyGone);
   const KeyTrial trial{**client, card, after, pins, static_cast<bool>(accepted)};
-  if (!trySigning(trial, kTrials[0], checks)) return checks.skip(kTrials[1], "the card went away");
+  if (const auto ended = trySigning(trial, kTrials[0], checks))
+    return checks.skip(kTrials[1], endingText(*ended));
   tryDecrypting(trial, kTrials[1], checks);
 }
 
@@ -262,7 +267,10 @@ bool isOfGoneCard(const Failure& failure) {
 }
 
 Finding unreadCard(const Failure& failure) {
-  return {isOfGoneCard(failure) ? kCardWentAway : kTokenUnreadable, Severity::kFailure, {}, failure.why};
+  return {isOfGoneCard(failure) ? goneFindingOf(failure.result) : kTokenUnreadable,
+          Severity::kFailure,
+          {},
+          failure.why};
 }
 
 /// Whether a card that says that it is not initialised was not inserted for that: nothing else is known. To
@@ -305,8 +313,9 @@ void checkCard(Host& host, const Reader& reader, const PinsForReader& pins, cons
   if (!card) {
     const std::string& why = card.failure().why;
     if (isOfGoneCard(card.failure())) {
-      checks.add(kCardCheck, why, {unreadCard(card.failure())});
-      return skipAfterCard(checks, "the card went away");
+      const Finding gone = unreadCard(card.failure());
+      checks.add(kCardCheck, why, {gone});
+      return skipAfterCard(checks, endingText(gone.id));
     }
     const CardReport report = host.examine(reader);
     if (!reader.tokenInitialised && isUnprepared(card.failure(), report, checks)) {
@@ -338,12 +347,12 @@ void checkCard(Host& host, const Reader& reader, const PinsForReader& pins, cons
       .append("\", serial number ")
       .append(displayed(reader.serialNumber));
   std::vector<Finding> findings = findingsOf('T', report);
-  const bool isGone = judgeGone(findings);
+  const char* whyGone = judgeGone(findings);
   checks.add(kCardCheck, about, std::move(findings));
   checkPin(host, card->reader, report, checks);
   const auto source = pins ? pins(host, card->reader) : nullptr;
   addReport(report, distinctItems(card->items).size(), source != nullptr, checks);
-  if (isGone) return skipLogin(checks, "the card went away");
+  if (whyGone) return skipLogin(checks, whyGone);
   if (!source && whyNotAsWanted.empty()) return skipLogin(checks, "no login was asked for");
   if (!source) {
     missLogin(checks, whyNotAsWanted);

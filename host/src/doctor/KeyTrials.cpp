@@ -5,6 +5,7 @@
 #include <initializer_list>
 
 #include "RsaEncoding.h"
+#include "TokenFindings.h"
 #include "bridge/cryptoki.h"
 #include "host/Display.h"
 #include "host/InputSource.h"
@@ -88,7 +89,9 @@ bool isGone(const Failure& failure) {
   return failure.kind == FailureKind::kCardGone || failure.kind == FailureKind::kAnotherCard;
 }
 
-Finding goneFinding(const Failure& failure) { return {kCardWentAway, Severity::kFailure, {}, failure.why}; }
+Finding goneFinding(const Failure& failure) {
+  return {goneFindingOf(failure.result), Severity::kFailure, {}, failure.why};
+}
 
 bool hasAnswer(const Failure& failure, std::initializer_list<CK_RV> answers) {
   return failure.result && std::find(answers.begin(), answers.end(), *failure.result) != answers.end();
@@ -225,7 +228,7 @@ bool saysNothingOfModule(const Failure& failure) {
 
 bool saysNothing(const Failure& failure) { return saysNothingOfModule(failure) || isDisturbed(failure); }
 
-bool trySigning(const KeyTrial& trial, const Checkpoint& point, Checks& checks) {
+std::optional<FindingID> trySigning(const KeyTrial& trial, const Checkpoint& point, Checks& checks) {
   const auto& [client, card, report, pins, isOwnLogin] = trial;
   Evidence evidence;
   std::vector<Finding> findings;
@@ -245,9 +248,9 @@ bool trySigning(const KeyTrial& trial, const Checkpoint& point, Checks& checks) 
     checks.start(point);
     const auto endWith = [&](const Failure& failure, const char* text) {
       evidence.add(subject, text);
-      findings.push_back(goneFinding(failure));
+      const FindingID ended = findings.emplace_back(goneFinding(failure)).id;
       checks.add(point, evidence.text(), std::move(findings));
-      return false;
+      return std::optional{ended};
     };
     if (const auto failure = failureOfSigning(client, key, *certificate, algorithms->pss, pins)) {
       if (isGone(*failure)) return endWith(*failure, "could not be tried");
@@ -280,7 +283,7 @@ bool trySigning(const KeyTrial& trial, const Checkpoint& point, Checks& checks) 
   } else {
     checks.add(point, evidence.text(), std::move(findings));
   }
-  return true;
+  return std::nullopt;
 }
 
 void tryDecrypting(const KeyTrial& trial, const Checkpoint& point, Checks& checks) {

@@ -41,8 +41,9 @@ struct KeyTrial {
 };
 
 /// One signature of each key that may sign, by RSA-PSS and by PKCS #1 v1.5, of data that are made up here;
-/// each is verified, none is kept. False where the card went away meanwhile.
-bool trySigning(const KeyTrial& trial, const Checkpoint& point, Checks& checks);
+/// each is verified, none is kept. Where the card or the module went away meanwhile, the finding that tells.
+[[nodiscard]] std::optional<FindingID> trySigning(const KeyTrial& trial, const Checkpoint& point,
+                                                  Checks& checks);
 
 /// One decryption by each key that decrypts, of a text that is made up here.
 void tryDecrypting(const KeyTrial& trial, const Checkpoint& point, Checks& checks);
