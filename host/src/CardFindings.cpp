@@ -63,12 +63,13 @@ std::string countText(std::size_t count, const std::string& noun) {
 
 // ---- Objects with one ID ----
 
-/// The labels of the objects of each ID; an object that the module gives twice counts once.
+/// The labels of the objects of each ID; an object that the module gives twice counts once. One that is no
+/// certificate has no item in the keychain, so it shares its ID with none there.
 std::map<std::u16string, std::vector<Text>> labelsByID(const std::vector<CardObject>& objects) {
   std::map<std::u16string, std::vector<Text>> labels;
   std::set<CK_OBJECT_HANDLE> seen;
   for (const CardObject& object : objects) {
-    if (object.listed && seen.insert(object.handle).second)
+    if (object.listed && object.readable && seen.insert(object.handle).second)
       labels[std::u16string{object.about.id.units()}].push_back(object.about.label);
   }
   return labels;
@@ -317,7 +318,7 @@ bool CardFindings::hasSeveralKeys(const Text& id) const {
 bool CardFindings::areOfOneKey(const Text& id) const {
   if (!contents_.failedRead.empty() || contents_.morePublicKeys || contents_.moreCertificates) return false;
   const auto isRead = [&](const CardObject& certificate) {
-    if (!(certificate.about.id == id)) return true;
+    if (!(certificate.about.id == id) || !certificate.readable) return true;
     const auto fields = fieldsOfCertificate(certificate.data.view());
     return fields && !valueOf(*fields).value.empty();
   };

@@ -262,13 +262,24 @@ TEST_F(CardReportObjects, TellsCertificatesOfOneKeyFromKeysThatShareAnID) {
   addKey("01", "Old");
   addCertificate("01", "New");
   EXPECT_EQ(theFinding(report(), kCertificatesOfOneKey).evidence, "2 certificates (\"Old\", \"New\")");
-  addCertificate("01", "Broken");
-  lastObject().attributes[CKA_VALUE].resize(40);
-  EXPECT_THAT(troubles(report()), Contains("MT-C12"));
   clearCard();
   addKey("01", "Old");
   addCertificate("01", "Other", kForSigning, otherRsa());
   EXPECT_THAT(troubles(report()), Contains("MT-C12"));
+}
+
+TEST_F(CardReportObjects, SaysOfACertificateThatCannotBeUsedNothingOfItsID) {
+  addKey("01", "Good");
+  addCertificate("01", "Broken");
+  lastObject().attributes[CKA_VALUE].resize(40);
+  const CardReport one = report();
+  EXPECT_THAT(troubles(one), ElementsAre("MT-C05"));
+  EXPECT_EQ(theFinding(one, kCertificateUnusable).severity, Severity::kWarning);  // its key works
+  EXPECT_THAT(one.keys, SizeIs(1));
+  addCertificate("01", "New");
+  const CardReport two = report();
+  EXPECT_THAT(troubles(two), ElementsAre("MT-C05", "MT-C18"));
+  EXPECT_EQ(theFinding(two, kCertificatesOfOneKey).evidence, "2 certificates (\"Good\", \"New\")");
 }
 
 TEST_F(CardReportObjects, TellsValidity) {
