@@ -389,6 +389,7 @@ void CardFindings::addKey(const PublishedKey& key, bool isRepeated, KeyReport& r
     return tell(kPrivateKeyMissing, kFailure, "after login no private key has its ID");
   }
   report.hasPrivateKey = true;
+  report.wantsPinForEachUse = privateKey->alwaysAuthenticate;
   if (privateKey->alwaysAuthenticate == true)
     tell(kPinForEachUse, kWarning, "CKA_ALWAYS_AUTHENTICATE of its private key is true");
   if (shallSign && privateKey->maySign == false)

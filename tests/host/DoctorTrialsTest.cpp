@@ -295,6 +295,40 @@ TEST_F(DoctorTrials, FindAKeyThatSignsOnceForEachPinAndDoesNotSaySo) {
               HasSubstr("key 3031 \"Signer\" signs RSA-PSS, and could not be tried further"));
 }
 
+TEST_F(DoctorTrials, LeaveOpenWhoWantsThePinAgainBeforeTheFirstUseWhereTheCardDoesNotTell) {
+  const struct {
+    std::optional<bool> told;
+    const char* signatures;
+    const char* decryption;
+    const char* outcome;
+  } rows[] = {{std::nullopt, "MT-T05", "MT-T05", "could not be tried"},
+              {false, "MT-K08", "MT-K09", "does not"},
+              {true, "MT-K04", "MT-K04", "does not"}};
+  for (const auto& [told, signatures, decryption, outcome] : rows) {
+    SCOPED_TRACE(signatures);
+    script.reset();
+    startAnew();
+    for (auto& [handle, object] : script.card().objects) {
+      if (told && object.attributes[CKA_CLASS] == ulongValue(CKO_PRIVATE_KEY))
+        object = object.with(CKA_ALWAYS_AUTHENTICATE, boolValue(*told));
+    }
+    GivenPins given{{u"123456"}};
+    script.failCallOf("C_Sign", 0, CKR_USER_NOT_LOGGED_IN);
+    script.failCallOf("C_Decrypt", 0, CKR_USER_NOT_LOGGED_IN);
+    const Diagnosis found = diagnosisWith(given);
+    EXPECT_THAT(codesOfCheck(found, "signatures"), ElementsAre(signatures));
+    EXPECT_THAT(codesOfCheck(found, "decryption"), ElementsAre(decryption));
+    for (const char* check : {"signatures", "decryption"})
+      EXPECT_THAT(checkIn(found, check).evidence, HasSubstr(outcome));
+    EXPECT_EQ(found.verdict(), Severity::kFailure);
+    if (!told) {
+      EXPECT_THAT(findingIn(found, kTrialDisturbed).evidence,
+                  HasSubstr("C_Sign answered CKR_USER_NOT_LOGGED_IN (0x101), the card wants the PIN before "
+                            "this, or once more; it was given before: the key may want it for each use"));
+    }
+  }
+}
+
 TEST_F(DoctorTrials, TakeBackThePinForEachUseOfAKeyThatSignsTwiceWithOne) {
   for (auto& [handle, object] : script.card().objects) {
     const bool isSigner = object.attributes[CKA_ID] == bytesOf("01");

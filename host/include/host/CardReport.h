@@ -36,6 +36,7 @@ struct KeyReport {
   bool worksForNothing = false;
   /// Whether its private key is on the card; nothing where that cannot be seen without a login.
   std::optional<bool> hasPrivateKey;
+  std::optional<bool> wantsPinForEachUse;  ///< as its private key says; nothing where it does not
   bool sharesIDWithOtherKey = false;  ///< one of its ID is another one, not only another certificate of it
   std::vector<Finding> findings;      ///< those of the report that are about this key or its certificate
 };

@@ -134,6 +134,20 @@ bool saysNothing(const KeyTrial& trial, const Failure& failure) {
   return mirel::saysNothing(failure) || mayBeLoggedOut(trial, failure);
 }
 
+/// Whether the first use asked for the PIN again, and the card does not tell whether the key wants that: then
+/// the login may have ended as well, as where another program has reset the card.
+bool leavesOpenWhoWantsPin(const CardReport& report, const PublishedKey& key, const Failure& failure) {
+  const KeyReport* known = reportOf(key, report);
+  return wantsPin(failure) && known && !known->wantsPinForEachUse;
+}
+
+/// What became of a key that was tried for the first time, in vain.
+const char* outcomeText(const KeyTrial& trial, const PublishedKey& key, const Failure& failure,
+                        const char* ifItFails) {
+  const bool isOpen = saysNothing(trial, failure) || leavesOpenWhoWantsPin(trial.report, key, failure);
+  return isOpen ? "could not be tried" : ifItFails;
+}
+
 /// Whether the card gave a result, and that is wrong.
 bool isWrongResult(const Failure& failure) {
   return failure.kind == FailureKind::kVerificationFailed && !failure.result;
@@ -153,6 +167,13 @@ Finding trialFinding(FindingID id, const KeyTrial& trial, const PublishedKey& ke
     return {shared->id, Severity::kFailure, shared->subject, shared->evidence};
   if (wantsPin(failure) && findingOf(kPinForEachUse, report, key)) return failed(kPinForEachUse);
   if (mayBeLoggedOut(trial, failure)) return failed(kTrialDisturbed);
+  if (leavesOpenWhoWantsPin(report, key, failure)) {
+    Finding open = failed(kTrialDisturbed);
+    open.evidence +=
+        "; it was given before: the key may want it for each use, which the card does not tell, or "
+        "the login has ended since";
+    return open;
+  }
   if (failure.isKeyMissing) return failed(kPrivateKeyMissing);
   if (hasAnswer(failure, {CKR_KEY_FUNCTION_NOT_PERMITTED, CKR_KEY_TYPE_INCONSISTENT}))
     return failed(kUseNotAllowed);
@@ -254,7 +275,7 @@ std::optional<FindingID> trySigning(const KeyTrial& trial, const Checkpoint& poi
     };
     if (const auto failure = failureOfSigning(client, key, *certificate, algorithms->pss, pins)) {
       if (isGone(*failure)) return endWith(*failure, "could not be tried");
-      evidence.add(subject, saysNothing(trial, *failure) ? "could not be tried" : "does not sign");
+      evidence.add(subject, outcomeText(trial, key, *failure, "does not sign"));
       findings.push_back(trialFinding(kSignatureFails, trial, key, *failure));
       continue;
     }
@@ -309,7 +330,7 @@ void tryDecrypting(const KeyTrial& trial, const Checkpoint& point, Checks& check
       evidence.add(subject, "decrypts PKCS #1 v1.5");
       continue;
     }
-    evidence.add(subject, saysNothing(trial, *failure) ? "could not be tried" : "does not decrypt");
+    evidence.add(subject, outcomeText(trial, key, *failure, "does not decrypt"));
     findings.push_back(trialFinding(kDecryptionFails, trial, key, *failure));
   }
   if (evidence.isEmpty()) return checks.skip(point, "no RSA key of the card decrypts");
