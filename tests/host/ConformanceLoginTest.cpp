@@ -60,6 +60,13 @@ TEST_F(ConformanceLogin, LeavesALoginOpenWhereTheModuleWasLoggedInAlready) {
   }
 }
 
+TEST_F(ConformanceLogin, IsLeftOpenWhereNoPinWasSent) {
+  given->failure = Failure{FailureKind::kCardRefuses, "the PIN was not sent to the card", "", {}};
+  const Conformance found = tested();
+  EXPECT_EQ(script.countOf("C_Login"), 0U);
+  EXPECT_EQ(verdictsOf(found).at("CR-33"), RuleVerdict::kUnknown);
+}
+
 TEST_F(ConformanceLogin, FailsAPinThatIsRefusedAlsoWhereTheModuleWasLoggedInAlready) {
   keepLoggedIn();
   script.failCallOf("C_Login", 0, CKR_PIN_INCORRECT);

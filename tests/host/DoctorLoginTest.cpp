@@ -119,6 +119,32 @@ TEST_F(DoctorTrials, TellOnceOfAPinThatTheFlagsHaveToldOf) {
   }
 }
 
+TEST_F(DoctorTrials, SayOfALoginForWhichNoPinWasSentThatItWasNotMade) {
+  const Failure unread{FailureKind::kCardRefuses,
+                       "the PIN was not sent to the card",
+                       "whether it could lock the card is not known, because C_GetTokenInfo failed",
+                       {}};
+  const struct {
+    const char* name;
+    std::function<void()> make;
+  } rows[] = {{"the source", [this, &unread] { pins.failure = unread; }},
+              {"the look before it", [this] {
+                 pins.failure.reset();
+                 const std::size_t before = script.countOf("C_GetTokenInfo");
+                 startAnew();
+                 script.failCallOf("C_GetTokenInfo", before - 1, CKR_GENERAL_ERROR);
+               }}};
+  for (const auto& [name, make] : rows) {
+    SCOPED_TRACE(name);
+    make();
+    const Diagnosis found = diagnosis();
+    EXPECT_THAT(codesOfCheck(found, "login"), ElementsAre("MT-P09"));
+    EXPECT_EQ(checkIn(found, "login").severity, Severity::kFailure);
+    EXPECT_EQ(checkIn(found, "signatures").evidence, "there is no login");
+    EXPECT_EQ(script.countOf("C_Login"), 0U);
+  }
+}
+
 TEST_F(DoctorTrials, AreMadeWhereTheModuleWasLoggedInBefore) {
   script.card().loggedIn = true;
   script.card().info.flags |= CKF_USER_PIN_COUNT_LOW;

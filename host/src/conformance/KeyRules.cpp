@@ -4,6 +4,7 @@
 #include <iterator>
 
 #include "CodeMeaning.h"
+#include "NotedPins.h"
 #include "conformance/ObjectRules.h"
 #include "doctor/KeyTrials.h"
 #include "host/Display.h"
@@ -52,8 +53,9 @@ bool isOfOtherLogin(const Failure& failure) {
 
 constexpr const char* kLoggedInBefore = "the module was logged in already, before the login of the test";
 
-/// True when the keys can be tried.
-bool testLogin(const Result<void>& accepted, const UserState& isUser, RuleResults& results) {
+/// True when the keys can be tried. `pinWasGiven`: else none was sent.
+bool testLogin(const Result<void>& accepted, bool pinWasGiven, const UserState& isUser,
+               RuleResults& results) {
   if (accepted) {
     if (isUser.before) {
       results.unknown(
@@ -65,7 +67,7 @@ bool testLogin(const Result<void>& accepted, const UserState& isUser, RuleResult
   }
   const Failure& failure = accepted.failure();
   const std::string text = failure.what + ": " + failure.why;
-  if (isOfOtherLogin(failure)) return results.unknown(kLogin, text), false;
+  if (isOfOtherLogin(failure) || !pinWasGiven) return results.unknown(kLogin, text), false;
   switch (failure.kind) {
     case FailureKind::kFileFailure:  // the one with the PIN
     case FailureKind::kPinHeldBack:
@@ -250,9 +252,10 @@ bool testKeys(Host& host, const P11Bridge& bridge, const InsertedCard& card, Pin
   const auto before = sessionInfo(bridge, card.reader.slotID, unread);
   isUser.before = before && isOfUser(*before);
   if (isUser.before) results.unknown(kPublicObjects, kLoggedInBefore);
-  const auto accepted = (*client)->logIn(*pins);
+  NotedPins noted{*pins};
+  const auto accepted = (*client)->logIn(noted);
   isUser.after = testSessionState(bridge, card.reader.slotID, results);
-  const bool isLoggedIn = testLogin(accepted, isUser, results);
+  const bool isLoggedIn = testLogin(accepted, noted.hasGiven(), isUser, results);
   // The state of another login is no result of this one.
   const bool isOthers = isUser.before || (!accepted && isOfOtherLogin(accepted.failure()));
   if (!isLoggedIn) {

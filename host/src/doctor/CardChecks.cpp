@@ -5,6 +5,7 @@
 #include <optional>
 #include <utility>
 
+#include "NotedPins.h"
 #include "TokenFindings.h"
 #include "bridge/cryptoki.h"
 #include "doctor/KeyTrials.h"
@@ -137,12 +138,12 @@ void skipLogin(Checks& checks, const std::string& reason) {
 }
 
 /// Somebody asked for a login, and no PIN was checked.
-void missLogin(Checks& checks, const std::string& reason) {
-  checks.add(kLogin, reason, {{kLoginNotMade, Severity::kWarning, {}, reason}});
+void missLogin(Checks& checks, const std::string& reason, Severity severity = Severity::kWarning) {
+  checks.add(kLogin, reason, {{kLoginNotMade, severity, {}, reason}});
 }
 
-/// What became of a login, as a check; true when the keys can be tried.
-bool checkLogin(const Result<void>& accepted, const CardReport& report, Checks& checks) {
+/// What became of a login, as a check; true when the keys can be tried. `pinWasGiven`: else none was sent.
+bool checkLogin(const Result<void>& accepted, bool pinWasGiven, const CardReport& report, Checks& checks) {
   if (accepted) {
     checks.add(kLogin, "the card accepts the PIN");
     return true;
@@ -175,6 +176,7 @@ bool checkLogin(const Result<void>& accepted, const CardReport& report, Checks& 
     case FailureKind::kCancelled: missLogin(checks, why); return false;
     default: break;
   }
+  if (!pinWasGiven) return missLogin(checks, why, Severity::kFailure), false;  // a call has failed before
   if (failure.result == CKR_USER_PIN_NOT_INITIALIZED) return refused(kPinNotSet);
   return refused(failure.result == CKR_PIN_EXPIRED ? kPinToBeChanged : kLoginFails);
 }
@@ -229,17 +231,18 @@ void tryKeys(Host& host, const InsertedCard& card, const CardReport& report, Pin
              Checks& checks) {
   const auto client = host.newClient(card);
   if (!client) {
-    (void)checkLogin(client.failure(), report, checks);
+    (void)checkLogin(client.failure(), false, report, checks);
     return skipTrials(checks, "there is no login");
   }
-  const auto accepted = (*client)->logIn(pins);
+  NotedPins noted{pins};
+  const auto accepted = (*client)->logIn(noted);
   // Somebody else's login serves the keys as well, where a session shows it.
   std::optional<CardReport> byOther;
   if (!accepted && accepted.failure().result == CKR_USER_ALREADY_LOGGED_IN)
     byOther = host.examine(card, true);
   if (byOther && byOther->loggedIn) {
     missLogin(checks, accepted.failure().what + ": " + accepted.failure().why);
-  } else if (checkLogin(accepted, report, checks)) {
+  } else if (checkLogin(accepted, noted.hasGiven(), report, checks)) {
     takeBackPin(checks);
     checks.start(kPrivateKeys);
   } else {
