@@ -189,9 +189,11 @@ Result<Reader> Host::readerNamed(const Text& readerName, NamedBy by, const std::
   });
   if (listed != all->end() || (known && alike.empty())) {
     const std::vector<Finding> findings = findingsOfReader(name, *all, service);
-    if (!findings.empty() && findings.front().id != FindingID::kReadersEmpty)
+    const FindingID first = findings.empty() ? FindingID::kReadersEmpty : findings.front().id;
+    const bool isOpen = listed == all->end() && known->card == ServiceReader::Card::kUnknown;
+    if (first != FindingID::kReadersEmpty && !(isOpen && first == FindingID::kReaderUnknownToModule))
       return noCardFailure("the card in reader " + quoted(shownName) + " cannot be used", findings);
-    if (listed == all->end() && known->card == ServiceReader::Card::kUnknown) {
+    if (isOpen) {
       return Failure{
           FailureKind::kNoCard, "the reader " + quoted(shownName) + " cannot be used",
           "the module does not list it, and the card service does not tell whether it holds a card",

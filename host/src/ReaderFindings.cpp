@@ -17,6 +17,7 @@ namespace {
 using enum FindingID;
 using Card = ServiceReader::Card;
 
+constexpr const char* kCardNotKnown = "whether it holds a card is not known";
 constexpr std::size_t kDescriptionSize = sizeof CK_SLOT_INFO{}.slotDescription;
 
 std::string subjectOf(const Text& name) { return "reader \"" + displayed(name) + "\""; }
@@ -109,9 +110,8 @@ class ReaderExamination {
     if (!slot && moduleListsAnotherReader()) {
       if (reader.card == Card::kPresent)
         return add(kReaderUnknownToModule, subject, "it holds a card, " + atr);
-      return unlisted_.push_back(
-          {kReaderUnknownToModule, Severity::kWarning, subject,
-           reader.card == Card::kNone ? "it holds no card" : "whether it holds a card is not known"});
+      return unlisted_.push_back({kReaderUnknownToModule, Severity::kWarning, subject,
+                                  reader.card == Card::kNone ? "it holds no card" : kCardNotKnown});
     }
     if (reader.card == Card::kPresent) add(kCardNotRecognised, subject, atr);
   }
@@ -135,19 +135,27 @@ class ReaderExamination {
                            (slots_.size() == 1 ? " empty slot" : " empty slots")
                      : "the module lists no slot");
     }
+    if (answers && numEmptyReaders() == 0) {
+      for (const ServiceReader& reader : service_.readers)
+        add(kReaderUnknownToModule, subjectOf(nameOf(reader)), kCardNotKnown);
+      return;
+    }
     add(kReadersEmpty, {}, answers ? emptinessText() : std::to_string(slots_.size()) + " without a card");
   }
 
   /// What the service says is empty, or the module where the service cannot tell; of others nothing is known.
-  [[nodiscard]] std::string emptinessText() const {
+  [[nodiscard]] std::ptrdiff_t numEmptyReaders() const {
     const auto& readers = service_.readers;
-    const auto numEmpty = std::count_if(readers.begin(), readers.end(), [&](const ServiceReader& reader) {
+    return std::count_if(readers.begin(), readers.end(), [&](const ServiceReader& reader) {
       return reader.card == Card::kNone || slotOf(reader) != nullptr;
     });
-    const auto numOthers = static_cast<std::ptrdiff_t>(readers.size()) - numEmpty;
-    std::string text = numEmpty > 0 ? std::to_string(numEmpty) + " without a card" : "";
-    if (numOthers > 0)
-      text.append(text.empty() ? "" : ", ").append(std::to_string(numOthers)).append(" not known");
+  }
+
+  [[nodiscard]] std::string emptinessText() const {
+    const auto numEmpty = numEmptyReaders();
+    const auto numOthers = static_cast<std::ptrdiff_t>(service_.readers.size()) - numEmpty;
+    std::string text = std::to_string(numEmpty) + " without a card";
+    if (numOthers > 0) text.append(", ").append(std::to_string(numOthers)).append(" not known");
     return text;
   }
 

@@ -128,7 +128,6 @@ TEST_F(NoCard, IsSaidWithTheNumberOfReadersForWhichItIsKnown) {
       {"all", answering({kEmptyReader}), "1 without a card"},
       {"one of two", answering({open, kEmptyReader}), "1 without a card, 1 not known"},
       {"one by the module's word alone", answering({open, alsoOpen}), "1 without a card, 1 not known"},
-      {"none", answering({open}), "1 not known"},
   };
   for (const auto& [name, view, evidence] : rows) {
     SCOPED_TRACE(name);
@@ -139,6 +138,24 @@ TEST_F(NoCard, IsSaidWithTheNumberOfReadersForWhichItIsKnown) {
     EXPECT_EQ(found.front().id, FindingID::kReadersEmpty);
     EXPECT_EQ(found.front().evidence, evidence);
   }
+}
+
+TEST_F(NoCard, IsNotSaidOfReadersOfWhichNothingIsKnown) {
+  const ServiceReader open{"Reader Z", InReader::kUnknown};
+  Reader slot;
+  slot.name = Text{u"Reader A"};
+  for (const std::vector<Reader>& slots : {std::vector<Reader>{}, {slot}}) {
+    const std::vector<Finding> found = readerFindings(slots, answering({open}));
+    ASSERT_EQ(found.size(), 1U);
+    EXPECT_EQ(found.front().id, FindingID::kReaderUnknownToModule);
+    EXPECT_EQ(found.front().subject, "reader \"Reader Z\"");
+    EXPECT_EQ(found.front().evidence, "whether it holds a card is not known");
+  }
+  script.slots().clear();
+  const Failure failure = failureOf(hostWith(answering({open})).insert(Text{}));
+  EXPECT_EQ(failure.why,
+            "the module does not list a reader that the system has (reader \"Reader Z\", whether it holds a "
+            "card is not known)");
 }
 
 /// As OpenSC has it: the slot shows a token, and is not listed among those with one.
