@@ -50,8 +50,21 @@ std::optional<FailedCall> readToken(P11Bridge& bridge, const Reader& reader, Fai
 
 }  // namespace
 
+bool tellsLess(const Reader& before, const Text& label, const Text& serialNumber) {
+  const auto isNoMore = [](const Text& now, const Text& then) { return now.isEmpty() || now == then; };
+  const bool isSame = label == before.tokenLabel && serialNumber == before.serialNumber;
+  return !isSame && isNoMore(label, before.tokenLabel) && isNoMore(serialNumber, before.serialNumber);
+}
+
 Result<void> checkSame(const Reader& before, const Text& label, const Text& serialNumber) {
   if (label == before.tokenLabel && serialNumber == before.serialNumber) return {};
+  if (tellsLess(before, label, serialNumber)) {
+    return Failure{FailureKind::kCardRefuses,
+                   "whether the same card is in the reader " + quoted(before.name) + " is not known",
+                   "the card " + described(before.tokenLabel, before.serialNumber) +
+                       " was inserted, and now the module gives " + described(label, serialNumber),
+                   "run again; where that does not help, put that card back"};
+  }
   return Failure{FailureKind::kAnotherCard, "another card is in the reader " + quoted(before.name),
                  "the card " + described(before.tokenLabel, before.serialNumber) + " was inserted, and now " +
                      described(label, serialNumber) + " is there",

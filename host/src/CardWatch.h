@@ -13,8 +13,12 @@ namespace mirel {
 class FailureDiary;
 class HostToken;
 
+/// Whether of a label and a serial number that the module gave before one is empty by now, and nothing else
+/// is new: another card, or one that a busy module could not read. `before`: was read.
+[[nodiscard]] bool tellsLess(const Reader& before, const Text& label, const Text& serialNumber);
+
 /// Whether a card with that label and serial number may be the one that was in the reader before, which was
-/// read; the failure says that it is another one.
+/// read; the failure says that it is another one, or that this cannot be told.
 [[nodiscard]] Result<void> checkSame(const Reader& before, const Text& label, const Text& serialNumber);
 
 /// The card has left the reader of that name.

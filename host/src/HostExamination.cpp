@@ -28,6 +28,8 @@ static_assert(kMaxPinLen == 8, "the texts name the number");
 constexpr const char* kNotInitialised = "the card is not initialised: prepare it with its maker's tool first";
 
 constexpr const char* kAnotherCard = "the reader holds another card than before";
+constexpr const char* kLessThanBefore =
+    "label or serial number are empty now: it is another card, or the module cannot read it now";
 
 std::string subjectOf(const Reader& reader) { return "reader \"" + displayed(reader.name) + "\""; }
 
@@ -253,8 +255,12 @@ std::vector<Finding> Host::tokenFindings(const Reader& reader, const Text& insta
                         Severity::kUnknown, subject, reasonText(cause)});
     return findings;
   }
-  const bool isAnother = !reader.unreadable && (!(trimmed(token.label) == reader.tokenLabel) ||
-                                                !(trimmed(token.serialNumber) == reader.serialNumber));
+  const Text label = trimmed(token.label);
+  const Text serialNumber = trimmed(token.serialNumber);
+  if (!reader.unreadable && tellsLess(reader, label, serialNumber))
+    return {{FindingID::kTokenUnreadable, Severity::kUnknown, subject, kLessThanBefore}};
+  const bool isAnother =
+      !reader.unreadable && !(label == reader.tokenLabel && serialNumber == reader.serialNumber);
   if (isAnother) return {{FindingID::kCardWentAway, Severity::kUnknown, subject, kAnotherCard}};
   if ((token.flags & CKF_TOKEN_INITIALIZED) == 0) {
     findings.push_back({FindingID::kTokenNotInitialised, Severity::kFailure, subject,

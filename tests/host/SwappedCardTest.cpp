@@ -69,6 +69,33 @@ TEST_F(SwappedCard, IsNotSaidToBeGoneWhereTheModuleWasEnded) {
   }
 }
 
+// ---- A module that tells less than before ----
+
+TEST_F(SwappedCard, IsNotSaidToBeAnotherWhereTheModuleOnlyTellsLess) {
+  const struct {
+    const char* label;
+    const char* serialNumber;
+    const char* given;
+  } rows[] = {{"", "", "gives \"\" with serial number \"\""},
+              {"TESTCARD", "", "gives \"TESTCARD\" with serial number \"\""}};
+  for (const auto& [label, serialNumber, given] : rows) {
+    SCOPED_TRACE(given);
+    const Card own = script.card();
+    setField(script.card().info.label, label);
+    setField(script.card().info.serialNumber, serialNumber);
+    const Failure failure = loginFailure();
+    expectPresentable(failure);
+    EXPECT_EQ(failure.kind, FailureKind::kCardRefuses);
+    EXPECT_EQ(failure.what, "whether the same card is in the reader \"Reader A 00\" is not known");
+    EXPECT_THAT(failure.why, HasSubstr(given));
+    EXPECT_THAT(host.examine(card).findings,
+                Contains(::testing::Field(&Finding::id, FindingID::kTokenUnreadable)));
+    expectUntouched();
+    script.card() = own;
+  }
+  EXPECT_TRUE(client->logIn(pins));  // it goes on
+}
+
 // ---- Another card ----
 
 TEST_F(SwappedCard, GetsNoPinThatWasAskedForBefore) {
