@@ -124,7 +124,8 @@ class UnattendedPins : public CheckedPins {
       return Failure{
           FailureKind::kCardRefuses, kNotSent,
           "whether it could lock the card is not known, because " + state.failure().why,
-          "check that the card is in the reader; enter the PIN at the terminal, or use --last-try"};
+          "run again; where that does not help, check that the card is in the reader, enter the PIN at the "
+          "terminal, or use --last-try"};
     }
     switch (state->tries) {
       case PinState::Tries::kLast: return Failure{FailureKind::kPinHeldBack, kNotSent, state->text, kEnterIt};

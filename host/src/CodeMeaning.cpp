@@ -17,7 +17,8 @@ constexpr auto kOfTheCommand = std::nullopt;
 constexpr std::string_view kEnded =
     "the connection to the card has ended: it was taken out, or its service stopped";
 constexpr std::string_view kSaysNothing =
-    "the module does not say what failed; the card may have been changed, or its service stopped";
+    "the module does not say what failed; another program may use the card at the same time, the card have "
+    "been changed, or its service stopped";
 constexpr std::string_view kCannotDecrypt =
     "the module does not say what failed; the data may be damaged, the card changed, or its service stopped";
 constexpr std::string_view kNotForThisKey = "the data are damaged, or were not encrypted for this key";
@@ -31,6 +32,8 @@ constexpr std::string_view kObjectLacks = "an object of the card lacks what is r
 constexpr Advice kPutBack = "put the card into its reader and run again";
 constexpr Advice kCheckAll =
     "check the card, its reader and the service of the card software, then run again";
+constexpr Advice kAgainFirst =
+    "run again; where that does not help, check the card, its reader and the service of the card software";
 constexpr Advice kCheckData =
     "check that the data were encrypted for this key, with PKCS #1 v1.5 padding: the card layer knows no "
     "other";
@@ -72,8 +75,11 @@ constexpr CodeMeaning kMeanings[] = {
      kCheckAll, kOfTheCommand},
     {CKR_GENERAL_ERROR, "C_Decrypt", kCannotDecrypt, kCheckData, kOfTheCommand},
     {CKR_FUNCTION_FAILED, "C_Decrypt", kCannotDecrypt, kCheckData, kOfTheCommand},
-    {CKR_GENERAL_ERROR, kAny, kSaysNothing, kCheckAll, kOfTheCommand},
-    {CKR_FUNCTION_FAILED, kAny, kSaysNothing, kCheckAll, kOfTheCommand},
+    // To try a PIN once more may cost a try.
+    {CKR_GENERAL_ERROR, "C_Login", kSaysNothing, kCheckAll, kOfTheCommand},
+    {CKR_FUNCTION_FAILED, "C_Login", kSaysNothing, kCheckAll, kOfTheCommand},
+    {CKR_GENERAL_ERROR, kAny, kSaysNothing, kAgainFirst, kOfTheCommand},
+    {CKR_FUNCTION_FAILED, kAny, kSaysNothing, kAgainFirst, kOfTheCommand},
     {CKR_SESSION_COUNT, kAny, "the card takes no more connections", kCloseOthers, kOfTheCommand},
     {CKR_FUNCTION_NOT_SUPPORTED, kAny, "the module does not have this function", kAskMaker, kOfTheCommand},
     {CKR_BUFFER_TOO_SMALL, "C_GetSlotList", "there are more than 10 cards, or slots of cards",

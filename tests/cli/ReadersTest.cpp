@@ -158,7 +158,7 @@ TEST_F(Readers, AreNotChosenByAnotherName) {
 
 TEST_F(Readers, WithoutAnInitialisedTokenHaveNoCardToInsertAndCannotBeListed) {
   makeCards("");
-  expectFailures({{"items", 5, {"initialised"}},
+  expectFailures({{"items", 5, {"initialised", "run again, insert the card that is meant"}},
                   {{"items", "--reader", freeReader()}, 6, {freeReader(), "initialised"}}});
 }
 

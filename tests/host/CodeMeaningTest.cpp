@@ -49,6 +49,19 @@ TEST(CodeMeaning, KnowsWhatToDoAboutAPin) {
   EXPECT_THAT(std::string{meaningOf("C_Login", CKR_PIN_LOCKED).remedy.words()}, HasSubstr("issuer"));
 }
 
+TEST(CodeMeaning, AdvisesToRunAgainFirstWhereTheModuleDoesNotSayWhatFailed) {
+  for (const CK_RV code : {CKR_GENERAL_ERROR, CKR_FUNCTION_FAILED}) {
+    for (const char* function : {"C_GetTokenInfo", "C_OpenSession", "C_FindObjects"}) {
+      EXPECT_THAT(std::string{meaningOf(function, code).remedy.words()},
+                  ::testing::StartsWith("run again; "));
+      EXPECT_THAT(std::string{meaningOf(function, code).reason},
+                  HasSubstr("another program may use the card"));
+    }
+    // A PIN may cost a try.
+    EXPECT_THAT(std::string{meaningOf("C_Login", code).remedy.words()}, ::testing::StartsWith("check "));
+  }
+}
+
 TEST(CodeMeaning, IsTheSameInEveryFunctionForACardThatIsGone) {
   for (const CK_RV code : kGone) {
     std::set<std::string> remedies;

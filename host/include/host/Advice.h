@@ -14,7 +14,7 @@ enum class UserStep {
   kSeeAlgorithms,           ///< see which algorithms the key accepts
   kChooseAnotherKey,        ///< choose one of the keys that there are
   kRetryOrNameReader,       ///< run again, or name the reader
-  kInitialiseOrNameReader,  ///< initialise the card, insert another one, or name the reader
+  kInitialiseOrNameReader,  ///< run again, insert another card, name the reader, or initialise a new one
   kRetryOrGiveObjectID,     ///< run again, or name the key by its object ID
   kCheckModulePath,         ///< check the path that the user gave of the module
   kCheckModuleKind,         ///< check that it leads to a PKCS #11 module for this system
