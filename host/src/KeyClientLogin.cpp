@@ -88,7 +88,7 @@ Result<void> KeyClient::authenticate(const Text& constraint, PinSource& pins) {
 Failure KeyClient::loginFailure(const std::string& wrongPin) {
   const auto answer = diary_->lastResultOf("C_Login");
   if (!answer) {
-    return refusal("the card did not take the PIN", "it is not there any more",
+    return refusal("the PIN was not sent to the card", "it is not there any more",
                    "insert the card and run again");
   }
   const FailedCall login{"C_Login", *answer};

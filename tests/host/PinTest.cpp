@@ -43,6 +43,24 @@ TEST_F(PinEntry, IsNotCheckedByAModuleThatIsLoggedIn) {
   EXPECT_EQ(wrong.timesAsked(), 1U);
 }
 
+TEST_F(PinEntry, IsNotSaidToBeRefusedWhereItWasNotSent) {
+  std::size_t numNotSent = 0;
+  for (const char* function : {"C_GetSlotList", "C_GetSlotInfo", "C_GetTokenInfo"}) {
+    for (std::size_t n = 0; n < 6; ++n) {
+      SCOPED_TRACE(std::string{function} + " " + std::to_string(n));
+      script.reset();
+      startAnew();
+      GivenPins given{{u"123456"}};
+      given.whenAsked = [&] { script.failCallOf(function, n, CKR_GENERAL_ERROR, Times::kFromThenOn); };
+      const auto done = client->logIn(given);
+      if (done || script.countOf("C_Login") > 0) continue;
+      EXPECT_NE(done.failure().what, "the card did not take the PIN");
+      if (done.failure().what == "the PIN was not sent to the card") ++numNotSent;
+    }
+  }
+  EXPECT_GT(numNotSent, 0U);
+}
+
 TEST_F(PinEntry, GivesTheKeysOfAModuleThatIsLoggedIn) {
   EXPECT_TRUE(logsIn(pins));
   client = newClient();
