@@ -406,6 +406,20 @@ TEST_F(ConformanceTest, GivesNoGradeToACardThatIsTakenOutOrFailsWhileItIsRead) {
   }
 }
 
+TEST_F(ConformanceTest, GivesNoGradeToACardOfWhichTheModuleDoesNotSayWhatFailed) {
+  for (const CK_RV answer : {CK_RV{CKR_GENERAL_ERROR}, CK_RV{CKR_FUNCTION_FAILED}}) {
+    for (const char* call : {"C_FindObjects", "C_GetAttributeValue"}) {
+      SCOPED_TRACE(call + std::to_string(answer));
+      makeGood();
+      script.failCallOf(call, 0, answer, Times::kFromThenOn);
+      const Conformance found = tested();
+      EXPECT_EQ(found.grade.letter, "-");
+      EXPECT_THAT(numbersWith(RuleVerdict::kFail, found), IsEmpty());
+      EXPECT_EQ(found.verdict(), RuleVerdict::kWarn);
+    }
+  }
+}
+
 // ---- The grade ----
 
 TEST(Grades, SayWhatUsersWillBeAbleToDo) {

@@ -38,6 +38,11 @@ void tellFailedInsertion(const Failure& failure, RuleResults& results) {
               failure.what + ": " + failure.why);
 }
 
+/// The module has not said what failed: the card may be a good one that another program uses just now.
+bool isUnexplained(const Failure& failure) {
+  return failure.result == CKR_GENERAL_ERROR || failure.result == CKR_FUNCTION_FAILED;
+}
+
 std::vector<std::string> signersOf(const InsertedCard& card, const CardReport& report) {
   std::vector<std::string> signers;
   const auto keys = keysOf(card);
@@ -77,7 +82,8 @@ void testCard(Host& host, const P11Bridge& bridge, const Examination& wanted, Ru
     const bool isGone = kind == FailureKind::kCardGone || kind == FailureKind::kAnotherCard;
     testReport({host.examine(*reader)}, results);
     tellFailedInsertion(card.failure(), results);
-    const bool isOpen = isGone || (saysNothingOfModule(card.failure()) && !results.isAny(RuleVerdict::kFail));
+    const bool tellsNothing = saysNothingOfModule(card.failure()) || isUnexplained(card.failure());
+    const bool isOpen = isGone || (tellsNothing && !results.isAny(RuleVerdict::kFail));
     if (!isOpen) abilities.published = false;
     const bool isEnded = card.failure().result == CKR_CRYPTOKI_NOT_INITIALIZED;
     return results.skipRest(isEnded  ? "the module was ended while it was in use"
