@@ -87,7 +87,8 @@ constexpr FindingEntry kEntries[] = {
      kYou},
     {kTokenNotInitialised, "MT-T02", "the card says that it is not initialised",
      "it is passed over where no reader is named, and mostly there is nothing on it",
-     "unless keys or certificates are listed: prepare the card with the tool of its maker, which empties it",
+     "unless keys or certificates are listed: examine the card again while no other program uses it, then "
+     "prepare it with the tool of its maker, which empties it",
      kIssuer},
     {kInstanceIDShared, "MT-T03", "two cards, or two slots of one card, have one instance ID",
      "the system takes both for one and shows the items of one of them",
