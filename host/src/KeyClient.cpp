@@ -16,6 +16,7 @@
 #include "host/Display.h"
 #include "host/KeyAbility.h"
 #include "host/PinSource.h"
+#include "host/Verification.h"
 #include "platform/TimeAndChance.h"
 
 namespace mirel {
@@ -184,11 +185,16 @@ Result<Signature> KeyClient::sign(const PublishedKey& key, SecKeyAlgorithm algor
   if (!value) return value.failure();
   Signature made{*value, *form, Bytes{*data}, std::nullopt};
   made.fault = faultIn("C_Sign");
-  if (!made.fault) return made;
+  if (!made.fault) {
+    if (verifies(key, algorithm, made)) return made;
+    // One of this card is handed out also where the card has been taken out since.
+    const auto left = whyCardLeft();
+    return left && left->kind == FailureKind::kAnotherCard ? Result<Signature>{*left} : made;
+  }
   if (const auto cause = diary_->cause()) {
     made.fault->failure =
         failureBecauseOf(*cause, "there is no good signature", FailureKind::kVerificationFailed);
-    if (isEmptyOrZero(made.value)) learnFrom(*made.fault->failure);
+    if (isEmptyOrZero(made.value)) made.fault->failure = unlessCardLeft(*made.fault->failure);
   }
   return made;
 }
@@ -214,7 +220,7 @@ Result<Bytes> KeyClient::decrypt(const PublishedKey& key, SecKeyAlgorithm algori
                 "check that the data were encrypted for this key, with PKCS #1 v1.5 padding: the card layer "
                 "knows no other");
     failure.isCardUnasked = failure.isCardUnasked || fault->isCardUnasked;
-    return failure;
+    return unlessCardLeft(failure);
   }
   if (const auto possible = checkPlainText(*form, key, *cipher, plain); !possible) return possible.failure();
   for (const AdaptationStep& step : stepsBetween(algorithm, *form)) {
@@ -262,10 +268,11 @@ Result<Bytes> KeyClient::perform(const PublishedKey& key, TKTokenOperation opera
       continue;
     }
     const std::string text = wordsOf(error);
-    return refusal(
-        std::string{"the token does not "} + verbOf(operation),
-        "it answered with error " + std::to_string(error->code) + (text.empty() ? "" : ": " + text),
-        UserStep::kSeeLog);
+    Failure failure =
+        refusal(std::string{"the token does not "} + verbOf(operation),
+                "it answered with error " + std::to_string(error->code) + (text.empty() ? "" : ": " + text),
+                UserStep::kSeeLog);
+    return unlessCardLeft(failure);
   }
 }
 
@@ -281,17 +288,40 @@ Result<void> KeyClient::lookForCard() {
   return going;
 }
 
-void KeyClient::learnFrom(const Failure& failure) {
+/// After something has failed: that the card is the reason, where that shows. The diary is written over.
+std::optional<Failure> KeyClient::whyCardLeft() {
+  const auto card = lookForCard();
+  if (card) return std::nullopt;
+  const Failure& failure = card.failure();
+  const bool left = failure.kind == FailureKind::kCardGone || failure.kind == FailureKind::kAnotherCard;
+  return left ? std::optional{failure} : std::nullopt;
+}
+
+/// Whether it is a signature of that key of the card that was inserted.
+bool KeyClient::verifies(const PublishedKey& key, SecKeyAlgorithm algorithm,
+                         const Signature& signature) const {
+  return std::any_of(card_.items.begin(), card_.items.end(), [&](const PublishedItem& item) {
+    const auto* certificate = std::get_if<PublishedCertificate>(&item);
+    return certificate && certificate->objectID == key.certificateID &&
+           verifySignature(*certificate, key, algorithm, signature);
+  });
+}
+
+/// The failure of a request that came to nothing, or that the card is the reason for it.
+Failure KeyClient::unlessCardLeft(Failure failure) {
+  const auto left = whyCardLeft();
+  // A call of the request that said so tells more.
+  if (left && (left->kind == FailureKind::kAnotherCard || failure.kind != FailureKind::kCardGone))
+    return *left;
   if (card_.watch) card_.watch->learnFrom(failure);
+  return failure;
 }
 
 /// Because of the call that failed; where none did, with these words.
 Failure KeyClient::refusal(std::string what, std::string why, Advice advice) {
   const auto cause = diary_->cause();
   if (!cause) return {FailureKind::kCardRefuses, std::move(what), std::move(why), advice};
-  Failure failure = failureBecauseOf(*cause, std::move(what), FailureKind::kCardRefuses);
-  learnFrom(failure);
-  return failure;
+  return failureBecauseOf(*cause, std::move(what), FailureKind::kCardRefuses);
 }
 
 /// Why the card did not do what that Cryptoki function does; nothing when no such reason is known. A card

@@ -79,7 +79,9 @@ Result<void> KeyClient::authenticate(const Text& constraint, PinSource& pins) {
     Failure failure =
         loginFailure(text.empty() ? "the PIN is wrong" : "the PIN is wrong, the token says " + text);
     const bool last = attempt == kMostPins || !pins.canAskAgain();
-    if (failure.kind != FailureKind::kPinWrong || last) return failure;
+    if (failure.kind == FailureKind::kPinLocked) return failure;
+    if (failure.kind != FailureKind::kPinWrong) return unlessCardLeft(failure);
+    if (last) return failure;
     pins.showRefusal(failure.what);
   }
 }
@@ -99,9 +101,7 @@ Failure KeyClient::loginFailure(const std::string& wrongPin) {
   const char* what = "the card did not take the PIN";
   if (!diary_->cause() && *answer != CKR_OK) {
     // The framework has looked at the session since, so the diary does not tell any more.
-    Failure failure = failureBecauseOf(login, what, FailureKind::kCardRefuses);
-    learnFrom(failure);
-    return failure;
+    return failureBecauseOf(login, what, FailureKind::kCardRefuses);
   }
   const auto ended = diary_->lastResultOf(BridgeOperation::pkcs11_UserLogin);
   return refusal(what,

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 namespace mirel::test {
 namespace {
@@ -32,6 +33,8 @@ void Script::reset() {
   slots_.clear();
   sessions_.clear();
   pulledSessions_.clear();
+  action_ = nullptr;
+  actionWasSet_ = false;
   nextSession_ = kFirstSession;
   nextObject_ = kPublicKey;
   forgetCalls();
@@ -118,6 +121,17 @@ void Script::failCall(std::size_t n, CK_RV code, Times times) { faults_.push_bac
 void Script::failCallOf(std::string_view function, std::size_t n, CK_RV code, Times times) {
   (void)functionPosition(function);
   faults_.push_back({std::string{function}, n, code, times});
+}
+
+void Script::beforeCall(std::size_t n, std::function<void()> action) {
+  action_ = std::move(action);
+  actionWasSet_ = true;
+  callsBeforeAction_ = n;
+}
+
+void Script::actBeforeCall() {
+  if (!action_ || callsBeforeAction_-- > 0) return;
+  std::exchange(action_, nullptr)();
 }
 
 bool Script::fired() const {

@@ -217,6 +217,11 @@ class Script {
             std::make_shared<Hook<Function>>(std::move(replacement)));
   }
 
+  /// Before the n-th call from here on (the next one is 0), and after it was recorded, does that once.
+  void beforeCall(std::size_t n, std::function<void()> action);
+  /// Whether that was done.
+  [[nodiscard]] bool cameToCall() const { return !action_ && actionWasSet_; }
+
   /// Makes the entry of that function null in the list, until the next reset.
   void removeEntry(std::string_view function);
 
@@ -252,6 +257,8 @@ class Script {
   /// Records a call; returns its place among the calls.
   [[nodiscard]] std::size_t record(std::string_view function, std::string arguments);
   void setResult(std::size_t place, CK_RV result);
+  /// Does what is to be done before the call that is about to be made.
+  void actBeforeCall();
   /// The code that the call of that function, about to be made, must answer.
   [[nodiscard]] std::optional<CK_RV> dueFault(std::string_view function);
   /// What `hook` set for that position; null when nothing.
@@ -282,6 +289,9 @@ class Script {
   CK_OBJECT_HANDLE nextObject_ = kPublicKey;
   std::vector<Call> calls_;
   std::vector<Fault> faults_;
+  std::function<void()> action_;
+  bool actionWasSet_ = false;
+  std::size_t callsBeforeAction_ = 0;
   std::array<std::shared_ptr<void>, AllFunctions::kCount> hooks_;
   std::map<CK_ATTRIBUTE_TYPE, std::size_t> reads_;
 };

@@ -31,6 +31,7 @@ struct Entry<Function, CK_RV (*)(Args...)> {
     if (!script.beginCall()) return CKR_CANT_LOCK;
     const std::size_t place =
         script.record(kCryptokiNameOf<Function>, Behaviour<Function>::arguments(args...));
+    script.actBeforeCall();
     const CK_RV result = answer(script, args...);
     script.setResult(place, result);
     script.endCall();

@@ -52,7 +52,10 @@ struct KeyExchange {
 ///
 /// Before each request, and before a PIN is handed over, it looks whether the card that was inserted is still
 /// there. Where it is not, the token has ended as it does on the platform: this request and all later ones
-/// fail with kAnotherCard or kCardGone, also when the card is put back.
+/// fail with kAnotherCard or kCardGone, also when the card is put back. It looks once more where a request
+/// came to nothing or the PIN was refused for another reason than that it is wrong, so that no key, module or
+/// PIN is blamed for a card that has left; and where a signature does not verify, which another card may have
+/// made.
 class KeyClient {
  public:
   /// The most PINs that are sent to the card in a row; and the most that are asked for in vain because they
@@ -95,7 +98,10 @@ class KeyClient {
                                       const Request& request);
   [[nodiscard]] Result<void> authenticate(const Text& constraint, PinSource& pins);
   [[nodiscard]] Result<void> lookForCard();
-  void learnFrom(const Failure& failure);
+  [[nodiscard]] std::optional<Failure> whyCardLeft();
+  [[nodiscard]] bool verifies(const PublishedKey& key, SecKeyAlgorithm algorithm,
+                              const Signature& signature) const;
+  [[nodiscard]] Failure unlessCardLeft(Failure failure);
   [[nodiscard]] Failure refusal(std::string what, std::string why, Advice advice);
   [[nodiscard]] std::optional<CardFault> faultIn(CryptokiFunction function) const;
   [[nodiscard]] Failure loginFailure(const std::string& wrongPin);
