@@ -12,6 +12,7 @@
 
 #include "Output.h"
 #include "Terminal.h"
+#include "host/Finding.h"
 #include "host/Host.h"
 #include "platform/SecretBytes.h"
 #include "platform/Text.h"
@@ -22,6 +23,8 @@ namespace {
 using Pin = Result<std::shared_ptr<const SecretText>>;
 
 constexpr std::size_t kLongestPin = 256;  // bytes; no card takes as many
+constexpr const char* kNotSent = "the PIN was not sent to the card";
+constexpr Advice kEnterIt = "enter the PIN at the terminal, or use --last-try";
 
 Failure pinFileFailure(const std::string& name, const std::string& why, const Advice& advice) {
   return {FailureKind::kFileFailure, "the PIN cannot be read from " + name, why, advice};
@@ -94,6 +97,15 @@ class CheckedPins : public PinSource {
     return askFor(card, state);
   }
 
+ protected:
+  /// Whether the card has come to its last try since it was looked at: another program sent a wrong PIN.
+  [[nodiscard]] bool cameToLastTry(const Result<PinState>& before) const {
+    const auto isLast = [](const Result<PinState>& state) {
+      return state && state->tries == PinState::Tries::kLast;
+    };
+    return !isLast(before) && isLast(pinState_());
+  }
+
  private:
   /// `state`: what the card says, or why that is not known.
   [[nodiscard]] virtual Pin askFor(const std::string& card, const Result<PinState>& state) = 0;
@@ -113,13 +125,16 @@ class UnattendedPins : public CheckedPins {
  private:
   Pin askFor(const std::string&, const Result<PinState>& state) final {
     if (const auto safe = lastTry_ ? Result<void>{} : checkTries(state); !safe) return safe.failure();
-    return readIt();
+    Pin pin = readIt();
+    if (!pin || !mayWait() || lastTry_ || !cameToLastTry(state)) return pin;
+    return Failure{FailureKind::kPinHeldBack, kNotSent,
+                   "another program has sent a wrong PIN while it was awaited: " +
+                       std::string{entryOf(FindingID::kPinLastTry).title},
+                   kEnterIt};
   }
 
   /// Whether a wrong PIN would leave the user a try.
   static Result<void> checkTries(const Result<PinState>& state) {
-    constexpr const char* kNotSent = "the PIN was not sent to the card";
-    constexpr Advice kEnterIt = "enter the PIN at the terminal, or use --last-try";
     if (!state) {
       return Failure{
           FailureKind::kCardRefuses, kNotSent,
@@ -139,6 +154,8 @@ class UnattendedPins : public CheckedPins {
   }
 
   [[nodiscard]] virtual Pin readIt() = 0;
+  /// Whether the PIN may take its time to come.
+  [[nodiscard]] virtual bool mayWait() const { return false; }
 
   bool lastTry_;
 };
@@ -190,6 +207,7 @@ class PinDescriptor final : public UnattendedPins {
 
  private:
   Pin readIt() override { return readPin(descriptor_, nameOfDescriptor(descriptor_)); }
+  bool mayWait() const override { return true; }
 
   int descriptor_;
 };
@@ -204,6 +222,15 @@ class PinPrompt final : public CheckedPins {
 
  private:
   Pin askFor(const std::string& card, const Result<PinState>& state) override {
+    Pin pin = promptFor(card, state);
+    if (!pin || !*pin || !cameToLastTry(state)) return pin;
+    showRefusal(std::string{kNotSent} + ": another program has sent a wrong PIN while it was entered");
+    return promptFor(
+        card,
+        PinState{PinState::Tries::kLast, false, std::string{entryOf(FindingID::kPinLastTry).title}, {}});
+  }
+
+  [[nodiscard]] Pin promptFor(const std::string& card, const Result<PinState>& state) const {
     std::string prompt = "PIN for " + card;
     const std::string remark = state ? state->text : "whether tries are left is not known";
     if (!remark.empty()) prompt.append(" (").append(remark).append(")");

@@ -305,6 +305,15 @@ TEST_F(PinFlags, AreNotThoseOfAnotherCard) {
     expectUntried(result, 15, {"another card is in the reader", "9999999999999999"});
 }
 
+TEST_F(PinFlags, AreReadOnceMoreWhenADescriptorHasGivenThePin) {
+  expectUntried(run(stagedWithPin("login", kFinalTry)), 17, {"one more wrong PIN locks the card"});
+  const Stage spentLater{{"LAST_TRY_INFO", std::to_string(stagedCallsOf("C_GetTokenInfo") + 1)}};
+  expectUntried(
+      run(loginReading(kPin, spentLater)), 17,
+      {"the PIN was not sent to the card", "another program has sent a wrong PIN while it was awaited",
+       "one more wrong PIN locks the card", "--last-try"});
+}
+
 TEST_F(PinFlags, AreNotGuessedAtThePrompt) {
   PseudoTerminal terminal;
   Invocation call = staged("login", lostTokenInfo());

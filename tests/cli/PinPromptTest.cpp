@@ -249,6 +249,22 @@ TEST_F(PinPrompt, WarnsOfTheLastTry) {
   EXPECT_EQ(login.after("\x03").exitCode, 9);
 }
 
+TEST_F(PinPrompt, WarnsOnceMoreWhenAnotherProgramHasSpentTheTriesMeanwhile) {
+  Prompted login{staged("login", {{"LAST_TRY", path("spent")}})};
+  write("spent", "");
+  login.terminal.type(entered(kWrongPin));
+  const std::string warning = "PIN for \"Card\" (one more wrong PIN locks the card): ";
+  ASSERT_TRUE(login.terminal.waitFor(warning));
+  EXPECT_EQ(stagedCallsOf("C_Login"), 0);
+  const Result result = login.after(entered(kPin));
+  EXPECT_EQ(result.out, kAccepted);
+  EXPECT_EQ(result.err,
+            "mireltoken: the PIN was not sent to the card: another program has sent a wrong PIN while it was "
+            "entered\n");
+  EXPECT_EQ(login.terminal.shown(), kPrompt + "\r\n" + warning + "\r\n");
+  EXPECT_EQ(stagedCallsOf("C_Login"), 1);
+}
+
 TEST_F(PinPrompt, NamesTheReaderWhereTheLabelAloneDoesNotSayWhichCardItIs) {
   for (const auto& [cards, start] :
        {std::pair{"token label=0x\n", "PIN for the card in the reader \""},

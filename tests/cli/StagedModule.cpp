@@ -7,6 +7,8 @@
 ///   MIREL_STAGED_LENGTHS      "C_Sign=64": calls of C_Sign and C_Decrypt that answer CKR_OK report this
 ///                             length, hexadecimal, whatever they wrote.
 ///   MIREL_STAGED_TOKEN_FLAGS  hexadecimal: set in the flags of every token.
+///   MIREL_STAGED_LAST_TRY     a file: once it is there, the flags of every token say that one try is left.
+///   MIREL_STAGED_LAST_TRY_INFO  decimal: from so many calls of C_GetTokenInfo on, counted from 1, the same.
 ///   MIREL_STAGED_MIN_PIN      decimal: the length of the shortest PIN of every token.
 ///   MIREL_STAGED_INITIALIZE   hexadecimal: what C_Initialize answers.
 ///   MIREL_STAGED_NO_SLOTS     set: no slot is listed.
@@ -174,10 +176,18 @@ CK_RV tokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO_PTR info) {
     if (calls++ >= std::stoul(most)) return CKR_DEVICE_ERROR;
   }
   static unsigned long infos = 0;
-  if (const std::string first = variable("MIREL_STAGED_SWAP_INFO"); !first.empty())
-    swapped = swapped || ++infos >= std::stoul(first);
+  ++infos;
+  const auto hasCome = [](const char* name) {
+    const std::string first = variable(name);
+    return !first.empty() && infos >= std::stoul(first);
+  };
+  swapped = swapped || hasCome("MIREL_STAGED_SWAP_INFO");
   const CK_RV rv = real->C_GetTokenInfo(slot, info);
   if (rv == CKR_OK) info->flags |= moreFlags;
+  const std::string lastTry = variable("MIREL_STAGED_LAST_TRY");
+  const bool isLastTry =
+      hasCome("MIREL_STAGED_LAST_TRY_INFO") || (!lastTry.empty() && access(lastTry.c_str(), F_OK) == 0);
+  if (rv == CKR_OK && isLastTry) info->flags |= CKF_USER_PIN_FINAL_TRY;
   if (const std::string shortest = variable("MIREL_STAGED_MIN_PIN"); rv == CKR_OK && !shortest.empty())
     info->ulMinPinLen = std::stoul(shortest);
   if (const std::string file = variable("MIREL_STAGED_SWAP_FILE"); !file.empty())
