@@ -27,6 +27,7 @@ using enum Severity;
 /// Whether it is about one object or key of several, so that the rest of the card may work.
 bool isOfOneObject(FindingID id) noexcept {
   switch (id) {
+    case kCardChanged:
     case kObjectLeftOut:
     case kCertificateUnusable:
     case kPublicKeyMissing:
@@ -140,6 +141,15 @@ bool CardFindings::has(FindingID finding, const Text& id) const {
     return located.finding.id == finding && !located.id.isNull() && located.id == id &&
            !located.sparesTheFirst;
   });
+}
+
+bool CardFindings::hasAny(FindingID finding) const {
+  return std::any_of(located_.begin(), located_.end(),
+                     [&](const Located& located) { return located.finding.id == finding; });
+}
+
+void CardFindings::addChangedKey(const PublishedKey& key, std::string evidence) {
+  add({kCardChanged, kFailure, subjectOf("key", key.objectID, Text{}), std::move(evidence)}, key.objectID);
 }
 
 void CardFindings::addUnpublished(const std::vector<UnpublishedObject>& objects) {
@@ -279,6 +289,7 @@ void CardFindings::addLonelyPrivateKeys() {
          std::string{"no certificate and no public key with its ID "} + when},
         key.id);
   }
+  if (hasAny(kCardChanged)) return;
   if (contents_.publicKeys.empty() && contents_.certificates.empty() && contents_.privateKeys.empty())
     add({kCardEmpty, kFailure, "", std::string{"no certificate and no key "} + when});
 }
@@ -356,6 +367,7 @@ void CardFindings::addKey(const PublishedKey& key, bool isRepeated, KeyReport& r
   const bool isTheOne = publicKey != contents_.publicKeys.end() && contents_.failedRead.empty();
   if (isTheOne) report.labelOnCard = publicKey->about.label;
   const std::string subject = subjectOf("key", key.objectID, report.labelOnCard);
+  if (has(kCardChanged, key.objectID)) return;
   const auto tell = [&](FindingID id, Severity severity, std::string evidence) {
     if (!isRepeated) add({id, severity, subject, std::move(evidence)}, key.objectID);
   };
@@ -404,6 +416,7 @@ std::string CardFindings::phraseFor(const PublishedKey& key, bool isShadowed) co
     FindingID id;
     const char* phrase;
   } kNothing[] = {
+      {kCardChanged, "it was changed since the card was inserted"},
       {kPrivateKeyMissing, "its private key is missing"},
       {kKeyIDTooLong, "its ID is longer than 254 bytes"},
       {kKeyUsageMissing, "its certificate allows no use"},

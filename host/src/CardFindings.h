@@ -24,6 +24,9 @@ class CardFindings {
   /// `reader`: as findings name it.
   void addWhatIsNotRead(const std::string& reader);
   void addLonelyPrivateKeys();
+  /// Of a key that is not on the card any more as it was published. Before anything else about keys is
+  /// missed.
+  void addChangedKey(const PublishedKey& key, std::string evidence);
   /// Of a card without items in the keychain, where nothing that was added before says why.
   void addNothingPublished();
 
@@ -42,6 +45,7 @@ class CardFindings {
 
   /// Whether the first key with that ID has it.
   [[nodiscard]] bool has(FindingID finding, const Text& id) const;
+  [[nodiscard]] bool hasAny(FindingID finding) const;
   void addKey(const PublishedKey& key, bool isRepeated, KeyReport& report);
   [[nodiscard]] bool hasSeveralKeys(const Text& id) const;
   [[nodiscard]] bool areOfOneKey(const Text& id) const;

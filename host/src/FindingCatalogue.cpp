@@ -106,6 +106,9 @@ constexpr FindingEntry kEntries[] = {
      "it answers no call any more, so what was left to look at is not known, and neither the card nor a key "
      "is to blame for that",
      "examine the card again; where the module ends each time, ask its maker", kMaker},
+    {kCardChanged, "MT-T07", "the key or its certificate was changed since the card was inserted",
+     "another program has written to the card, and what was published is not there any more",
+     "try again; other programs see the change once the card was taken out and put back", kYou},
     // Its objects.
     {kCardEmpty, "MT-C01", "the card shows no key and no certificate",
      "only what shows without a login is published, and that is nothing",

@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <functional>
+#include <map>
 #include <set>
 #include <utility>
 
@@ -87,6 +88,40 @@ void collectUnpublished(const CardContents& contents,
   }
 }
 
+/// The certificate with which the key was published; null where there is none.
+const PublishedCertificate* certificateOf(const PublishedKey& key, const InsertedCard& card) {
+  for (const PublishedItem& item : card.items) {
+    const auto* certificate = std::get_if<PublishedCertificate>(&item);
+    if (certificate && certificate->objectID == key.certificateID) return certificate;
+  }
+  return nullptr;
+}
+
+/// Tells of keys whose certificate or public key is another one than was published, or gone.
+void findChangedKeys(const InsertedCard& card, const std::vector<PublishedKey>& keys,
+                     const CardContents& contents, CardFindings& findings) {
+  if (!contents.failedRead.empty() || contents.morePublicKeys || contents.moreCertificates) return;
+  std::multimap<std::u16string, const CardObject*, std::less<>> certificates;
+  for (const CardObject& object : contents.certificates) {
+    certificates.emplace(certificateNameOf(object.about.label, object.about.id).units(), &object);
+  }
+  std::set<std::u16string, std::less<>> publicKeys;
+  for (const CardObject& object : contents.publicKeys) publicKeys.emplace(object.about.id.units());
+  for (const PublishedKey& key : keys) {
+    const auto [first, last] = certificates.equal_range(key.certificateID.units());
+    const PublishedCertificate* published = certificateOf(key, card);
+    const auto isTheSame = [&](const auto& named) {
+      return bytesOf(named.second->data).starts_with(bytesOf(published->data));
+    };
+    if (published && std::none_of(first, last, isTheSame)) {
+      findings.addChangedKey(key, first == last ? "its certificate is not on the card any more"
+                                                : "its certificate is another one now");
+    } else if (!publicKeys.contains(key.objectID.units())) {
+      findings.addChangedKey(key, "its public key is not on the card any more");
+    }
+  }
+}
+
 /// Tells of objects that nothing speaks against, and that are not published all the same: the token looks for
 /// those alone that the module says are on the card. A certificate whose key alone is left out was told of as
 /// that key.
@@ -107,7 +142,7 @@ void explainUnlisted(const PublishedNames& published, CardContents& contents) {
       if (isToldAsKey) object.about.kind = "certificate";
       object.about.reason =
           "the token does not list it: perhaps CKA_TOKEN is not true of it, or of the other object with its "
-          "ID";
+          "ID, or it was written after the card was inserted";
       object.about.cause = FindingID::kObjectLeftOut;
       object.about.byPartner = !told.insert(object.id).second;  // one finding for the two
     }
@@ -314,11 +349,13 @@ CardReport Host::examine(const InsertedCard& card, bool afterLogin) {
     findings.add({FindingID::kObjectUnread, Severity::kUnknown, "insertion", card.incomplete->why});
   findings.addUnpublished(report.unpublished);
   findings.addWhatIsNotRead(subjectOf(card.reader));
+  const std::vector<PublishedKey> keys = keysOf(card);
+  findChangedKeys(card, keys, contents, findings);
   findings.addLonelyPrivateKeys();
   findings.addSharedIDs();
   findings.addCertificatesOfOtherKeys();
   findings.addValidity(services_.timeAndChance->date());
-  findings.addKeys(keysOf(card), report);
+  findings.addKeys(keys, report);
   if (card.items.empty() && !card.incomplete) findings.addNothingPublished();
   findings.finish(report);
   return report;

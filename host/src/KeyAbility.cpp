@@ -87,8 +87,8 @@ Failure refusalBecauseOf(const Finding& finding, KeyOperation operation) {
 
 Failure explainedBy(const CardReport& report, const PublishedKey& key, Failure failure) {
   using enum FindingID;
-  constexpr FindingID kCauses[] = {kCertificateOfOtherKey, kIDShared, kPrivateKeyMissing, kUseNotAllowed,
-                                   kPinForEachUse};
+  constexpr FindingID kCauses[] = {kCardChanged,       kCertificateOfOtherKey, kIDShared,
+                                   kPrivateKeyMissing, kUseNotAllowed,         kPinForEachUse};
   if (failure.isCauseKnown) return failure;
   for (const KeyReport& own : report.keys) {
     if (!(own.objectID == key.objectID)) continue;

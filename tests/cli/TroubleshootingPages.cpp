@@ -56,7 +56,7 @@ const std::vector<Symptom>& symptoms() {
        "\"mireltoken doctor --login\".",
        {kNoPkcs1Signatures, kPkcs1NotTried, kRsaKeyTooLong, kEcKeyNeverSigns, kKeyNameWithPss,
         kSignatureFails, kCertificateOfOtherKey, kCertificateExpired, kCertificateNotYetValid,
-        kKeyUsageMissing, kPrivateKeyMissing, kUseNotAllowed, kTrialDisturbed}},
+        kKeyUsageMissing, kPrivateKeyMissing, kUseNotAllowed, kTrialDisturbed, kCardChanged}},
       {"Mail is not signed or not decrypted",
        "Signed mail (S/MIME) mostly wants PKCS #1 v1.5; encrypted mail needs a key that decrypts. The "
        "certificate "

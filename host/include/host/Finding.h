@@ -53,6 +53,7 @@ enum class FindingID {
   kCardWentAway,
   kTrialDisturbed,
   kModuleEnded,
+  kCardChanged,
   // Its objects.
   kCardEmpty,
   kObjectHidesCard,

@@ -32,7 +32,8 @@ constexpr TrialAlgorithms kTrialAlgorithms[] = {
      SecKeyAlgorithm::kSecKeyAlgorithmRSASignatureMessagePKCS1v15SHA1},
 };
 constexpr auto kDecryption = SecKeyAlgorithm::kSecKeyAlgorithmRSAEncryptionPKCS1;
-constexpr std::size_t kTrialSize = 32;     // bytes
+constexpr std::size_t kTrialSize = 32;  // bytes
+constexpr const char* kChanged = "was changed on the card, not tried";
 constexpr std::size_t kLeastPadding = 11;  // bytes (RFC 8017, section 7.2.1)
 
 class MemoryInput final : public InputSource {
@@ -258,7 +259,7 @@ std::optional<FindingID> trySigning(const KeyTrial& trial, const Checkpoint& poi
     if (!key.canSign || !certificate) continue;
     const std::string subject = subjectOf(report, key);
     if (key.keyType != CertificateKeyType::kRSA || worksForNothing(report, key)) {
-      evidence.add(subject, "never signs here, not tried");
+      evidence.add(subject, findingOf(kCardChanged, report, key) ? kChanged : "never signs here, not tried");
       continue;
     }
     const TrialAlgorithms* algorithms = algorithmsFor(key);
@@ -316,7 +317,8 @@ void tryDecrypting(const KeyTrial& trial, const Checkpoint& point, Checks& check
     if (!key.canDecrypt || !certificate || key.keyType != CertificateKeyType::kRSA) continue;
     const std::string subject = subjectOf(report, key);
     if (worksForNothing(report, key)) {
-      evidence.add(subject, "never decrypts here, not tried");
+      evidence.add(subject,
+                   findingOf(kCardChanged, report, key) ? kChanged : "never decrypts here, not tried");
       continue;
     }
     checks.start(point);
