@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "Adaptation.h"
+#include "CardLeaving.h"
 #include "CardWatch.h"
 #include "CertificateMemory.h"
 #include "CodeMeaning.h"
@@ -281,6 +282,10 @@ Result<InsertedCard> Host::insertChosen(const Reader& reader) {
     return enumerationFailure(reader, *cause);
   }
   if (!token->contents().filled()) return listingFailure(reader, cause);
+  // A module may list what it has read until the card was taken out, as if that were all.
+  const bool isEmpty = token->contents().items().empty();
+  if (isEmpty && seesNoCard(services_.cardService.get(), reader.name))
+    return cardGone(reader.name, "the module found nothing on it, and the card service sees no card");
   InsertedCard card{reader, token->instanceID(), publishedItems(*token), token, std::nullopt, nullptr};
   if (failedRead) {
     card.incomplete = failureBecauseOf(*failedRead, "the objects of the card were not all read",
@@ -319,7 +324,8 @@ Result<std::unique_ptr<KeyClient>> Host::newClient(const InsertedCard& card) {
     return Failure{FailureKind::kInternal, "the token gives no session", "the host's own session refuses it",
                    UserStep::kSeeLog};
   }
-  return std::make_unique<KeyClient>(card, std::move(session), diary_, services_.timeAndChance);
+  return std::make_unique<KeyClient>(card, std::move(session), diary_, services_.timeAndChance,
+                                     services_.cardService);
 }
 
 }  // namespace mirel

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "Adaptation.h"
+#include "CardLeaving.h"
 #include "CardWatch.h"
 #include "CodeMeaning.h"
 #include "FailureDiary.h"
@@ -13,6 +14,7 @@
 #include "RequestData.h"
 #include "RsaEncoding.h"
 #include "bridge/P11Bridge.h"
+#include "host/CryptokiNames.h"
 #include "host/Display.h"
 #include "host/KeyAbility.h"
 #include "host/PinSource.h"
@@ -93,14 +95,22 @@ Failure becauseOfKeyUsage(const InsertedCard& card, const PublishedKey& key, con
           "by the key usage of its certificate (" + usage + ") the key " + use, UserStep::kSeeKeys};
 }
 
+/// Whether modules answer so, among other reasons, when the card was taken out.
+bool saysNotWhatFailed(const Failure& failure) {
+  return failure.result == CKR_GENERAL_ERROR || failure.result == CKR_FUNCTION_FAILED ||
+         failure.result == CKR_DEVICE_ERROR;
+}
+
 }  // namespace
 
 KeyClient::KeyClient(InsertedCard card, std::shared_ptr<HostTokenSession> session,
-                     std::shared_ptr<FailureDiary> diary, std::shared_ptr<TimeAndChance> chance)
+                     std::shared_ptr<FailureDiary> diary, std::shared_ptr<TimeAndChance> chance,
+                     std::shared_ptr<CardService> cardService)
     : card_{std::move(card)},
       session_{std::move(session)},
       diary_{std::move(diary)},
-      chance_{givenOrSystem(std::move(chance))} {}
+      chance_{givenOrSystem(std::move(chance))},
+      cardService_{std::move(cardService)} {}
 
 KeyClient::~KeyClient() = default;
 
@@ -313,6 +323,9 @@ Failure KeyClient::unlessCardLeft(Failure failure) {
   // A call of the request that said so tells more.
   if (left && (left->kind == FailureKind::kAnotherCard || failure.kind != FailureKind::kCardGone))
     return *left;
+  if (saysNotWhatFailed(failure) && seesNoCard(cardService_.get(), card_.reader.name))
+    failure = cardGone(card_.reader.name, "the card service sees no card any more, and the module answered " +
+                                              cryptokiResultText(*failure.result));
   if (card_.watch) card_.watch->learnFrom(failure);
   return failure;
 }

@@ -13,7 +13,7 @@ using State = CardServiceView::State;
 /// What is said where the module shows no card.
 class NoCard : public HostTest {
  protected:
-  NoCard() { script.slots().clear(); }
+  NoCard() : withKeys{script.card()} { script.slots().clear(); }
 
   /// A host on a system with that card service.
   [[nodiscard]] Host& hostWith(CardServiceView view) {
@@ -23,6 +23,7 @@ class NoCard : public HostTest {
     return host_.emplace(mine);
   }
 
+  const Card withKeys;
   std::shared_ptr<FakeCardService> service = std::make_shared<FakeCardService>();
 
  private:
@@ -205,7 +206,7 @@ TEST_F(NoCard, IsToldWhereOneIsPutInMeanwhile) {
 }
 
 TEST_F(NoCard, IsNotLookedForWhereTheModuleShowsOne) {
-  (void)script.addSlot("Reader A", emptyCard("A", "1"));
+  (void)script.addSlot("Reader A", withKeys);
   Host& asked = hostWith(answering({kUnknown}));
   EXPECT_TRUE(asked.readers());
   EXPECT_TRUE(asked.insert(Text{}));

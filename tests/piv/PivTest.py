@@ -447,7 +447,9 @@ class TakenOutWhileSigning(TakenOut):
             return next(n for n, apdu in enumerate(asked) if apdu[1] == 0x20 and len(apdu) > 5)
 
         codes = self.take_out(lambda: self.sign("#1")[0], always_from=pin_sent)
-        self.assertIn(11, codes)
+        # Neither the card nor its key is to blame.
+        self.assertLessEqual(set(codes), {0, 5, 12, 16})
+        self.assertIn(16, codes)
 
 
 def main():

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 
 #include "platform/CardService.h"
@@ -11,6 +12,7 @@ class FakeCardService final : public CardService {
  public:
   CardServiceView look() noexcept override {
     ++looks;
+    if (whenAsked) whenAsked();
     return view;
   }
 
@@ -18,6 +20,7 @@ class FakeCardService final : public CardService {
 
   CardServiceView view{CardServiceView::State::kAnswers, {}, {}};
   int looks = 0;
+  std::function<void()> whenAsked;
 };
 
 }  // namespace mirel::test

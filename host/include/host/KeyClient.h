@@ -14,6 +14,7 @@
 
 namespace mirel {
 
+class CardService;
 class CryptokiFunction;
 class FailureDiary;
 class InputSource;
@@ -55,7 +56,7 @@ struct KeyExchange {
 /// fail with kAnotherCard or kCardGone, also when the card is put back. It looks once more where a request
 /// came to nothing or the PIN was refused for another reason than that it is wrong, so that no key, module or
 /// PIN is blamed for a card that has left; and where a signature does not verify, which another card may have
-/// made.
+/// made. Where a module does not say what failed, the card service is asked too, which takes half a second.
 class KeyClient {
  public:
   /// The most PINs that are sent to the card in a row; and the most that are asked for in vain because they
@@ -63,7 +64,8 @@ class KeyClient {
   static constexpr int kMostPins = 3;
 
   KeyClient(InsertedCard card, std::shared_ptr<HostTokenSession> session, std::shared_ptr<FailureDiary> diary,
-            std::shared_ptr<TimeAndChance> chance = nullptr);
+            std::shared_ptr<TimeAndChance> chance = nullptr,
+            std::shared_ptr<CardService> cardService = nullptr);
   KeyClient(const KeyClient&) = delete;
   KeyClient& operator=(const KeyClient&) = delete;
   ~KeyClient();
@@ -112,6 +114,7 @@ class KeyClient {
   std::shared_ptr<HostTokenSession> session_;
   std::shared_ptr<FailureDiary> diary_;
   std::shared_ptr<TimeAndChance> chance_;
+  std::shared_ptr<CardService> cardService_;  // may be null
 };
 
 }  // namespace mirel

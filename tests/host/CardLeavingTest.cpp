@@ -1,0 +1,92 @@
+/// Cards that are out before the module notices: the card service is asked, which takes its time as well.
+
+#include "host/KeyClientTest.h"
+#include "support/FakeCardService.h"
+
+namespace mirel::test {
+namespace {
+
+class CardLeaving : public KeyClientTest {
+ protected:
+  using Card = ServiceReader::Card;
+
+  CardLeaving() {
+    tell(Card::kPresent);
+    card = *served.insert(Text{});
+    client = *served.newClient(card);
+    service->looks = 0;
+  }
+
+  void tell(Card inReader) { service->view.readers = {{.name = "Reader A 00", .card = inReader}}; }
+
+  /// The service notices at the second look that the card has gone.
+  void takeOut() {
+    service->looks = 0;
+    service->whenAsked = [&] {
+      if (service->looks == 2) tell(Card::kNone);
+    };
+  }
+
+  [[nodiscard]] Failure loginFailure(CK_RV answer) {
+    script.failCallOf("C_Login", 0, answer);
+    GivenPins given{{u"123456"}};
+    given.again = false;
+    return failureOf(client->logIn(given));
+  }
+
+  PlatformServices servicesWithReaders() {
+    PlatformServices mine = services();
+    mine.cardService = service;
+    return mine;
+  }
+
+  std::shared_ptr<FakeCardService> service = std::make_shared<FakeCardService>();
+  Host served{servicesWithReaders()};
+};
+
+TEST_F(CardLeaving, IsWhyThereIsNoSignature) {
+  EXPECT_TRUE(client->logIn(pins));
+  takeOut();
+  script.failCallOf("C_Sign", 0, CKR_GENERAL_ERROR);
+  const Signature made = signature(kSignByPss, bytesOf("a message"));
+  ASSERT_TRUE(made.fault && made.fault->failure);
+  EXPECT_EQ(made.fault->failure->kind, FailureKind::kCardGone);
+  EXPECT_EQ(made.fault->failure->why,
+            "the card service sees no card any more, and the module answered CKR_GENERAL_ERROR (0x5)");
+  EXPECT_EQ(failureOf(client->logIn(pins)).kind, FailureKind::kCardGone);
+}
+
+TEST_F(CardLeaving, IsWhyNoPinIsTaken) {
+  takeOut();
+  const Failure failure = loginFailure(CKR_DEVICE_ERROR);
+  expectPresentable(failure);
+  EXPECT_EQ(failure.kind, FailureKind::kCardGone);
+  EXPECT_EQ(failure.what, "the card is not in the reader \"Reader A 00\" any more");
+}
+
+TEST_F(CardLeaving, IsNotTheReasonWhereTheServiceSeesTheCardOrKnowsNothing) {
+  for (const bool answers : {true, false}) {
+    if (!answers) service->view = {CardServiceView::State::kSilent, "it does not run", {}};
+    EXPECT_EQ(loginFailure(CKR_GENERAL_ERROR).kind, FailureKind::kCardRefuses);
+  }
+  service->view = {CardServiceView::State::kAnswers, {}, {{.name = "Reader B 00", .card = Card::kNone}}};
+  EXPECT_EQ(loginFailure(CKR_GENERAL_ERROR).kind, FailureKind::kCardRefuses);
+}
+
+TEST_F(CardLeaving, IsNotAskedForWhereTheModuleSaysWhatFailed) {
+  EXPECT_EQ(loginFailure(CKR_PIN_INCORRECT).kind, FailureKind::kPinWrong);
+  EXPECT_EQ(loginFailure(CKR_USER_PIN_NOT_INITIALIZED).kind, FailureKind::kCardRefuses);
+  EXPECT_EQ(service->looks, 0);
+}
+
+TEST_F(CardLeaving, IsWhyNothingIsFoundOnIt) {
+  script.card().objects.clear();
+  EXPECT_TRUE(served.insert(Text{})->items.empty());
+  takeOut();
+  const Failure failure = failureOf(served.insert(Text{}));
+  expectPresentable(failure);
+  EXPECT_EQ(failure.kind, FailureKind::kCardGone);
+}
+
+}  // namespace
+}  // namespace mirel::test
