@@ -21,6 +21,11 @@ namespace mirel {
   return id == FindingID::kCardWentAway || id == FindingID::kModuleEnded;
 }
 
+/// Why what comes after such a finding is left out.
+[[nodiscard]] constexpr const char* endingText(FindingID id) noexcept {
+  return id == FindingID::kModuleEnded ? "the module was ended" : "the card went away";
+}
+
 /// Which of these the answer of a call is that found the card gone, or the module; kCardWentAway where there
 /// is no such answer.
 [[nodiscard]] constexpr FindingID goneFindingOf(std::optional<std::uint64_t> answer) noexcept {

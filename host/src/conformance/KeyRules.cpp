@@ -151,20 +151,32 @@ struct Trials {
   }
 };
 
+/// The keys without those that want the PIN for each use, unless there are no others: with the use of such a
+/// key the login may end for all.
+std::vector<PublishedKey> keysToTry(const InsertedCard& card, const CardReport& report,
+                                    bool (*isOfKind)(const PublishedKey& key)) {
+  std::vector<PublishedKey> keys = keysOf(card);
+  std::erase_if(keys, [&](const PublishedKey& key) { return !isOfKind(key) || !certificateOf(card, key); });
+  const auto wantsPin = [&](const PublishedKey& key) { return wantsPinForEachUse(key, report); };
+  if (!std::all_of(keys.begin(), keys.end(), wantsPin)) std::erase_if(keys, wantsPin);
+  return keys;
+}
+
 void testSignatures(KeyClient& client, const InsertedCard& card, const CardReport& report, PinSource& pins,
                     RuleResults& results, CardAbilities& outAbilities) {
   Trials raw;
+  const auto keys = keysToTry(card, report, [](const PublishedKey& key) {
+    return key.canSign && !reasonNeverTo(KeyOperation::kSign, key);
+  });
   for (const SigningRule& rule : kSignatures) {
     Trials trials;
     bool isTooShort = false;
-    for (const PublishedKey& key : keysOf(card)) {
-      const PublishedCertificate* certificate = certificateOf(card, key);
-      if (!key.canSign || !certificate || reasonNeverTo(KeyOperation::kSign, key)) continue;
+    for (const PublishedKey& key : keys) {
       if (key.keySizeInBits < leastKeySizeFor(rule.algorithm)) {
         isTooShort = true;
         continue;
       }
-      trials.add(key, report, failureOfSigning(client, key, *certificate, rule.algorithm, pins));
+      trials.add(key, report, failureOfSigning(client, key, *certificateOf(card, key), rule.algorithm, pins));
     }
     const bool isPkcs1 = rule.rule == kPkcs1;
     trials.tell(rule.rule, isPkcs1 ? RuleVerdict::kWarn : RuleVerdict::kFail,
@@ -188,11 +200,11 @@ void testSignatures(KeyClient& client, const InsertedCard& card, const CardRepor
 void testDecryption(KeyClient& client, const InsertedCard& card, const CardReport& report, PinSource& pins,
                     RuleResults& results, CardAbilities& outAbilities) {
   Trials trials;
-  for (const PublishedKey& key : keysOf(card)) {
-    const PublishedCertificate* certificate = certificateOf(card, key);
-    if (!key.canDecrypt || !certificate || reasonNeverTo(KeyOperation::kDecrypt, key)) continue;
-    trials.add(key, report, failureOfDecrypting(client, key, *certificate, pins));
-  }
+  const auto keys = keysToTry(card, report, [](const PublishedKey& key) {
+    return key.canDecrypt && !reasonNeverTo(KeyOperation::kDecrypt, key);
+  });
+  for (const PublishedKey& key : keys)
+    trials.add(key, report, failureOfDecrypting(client, key, *certificateOf(card, key), pins));
   outAbilities.decrypts = trials.works();
   trials.tell(kDecryption, RuleVerdict::kFail, "no RSA key of the card decrypts", results);
 }

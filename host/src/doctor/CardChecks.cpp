@@ -35,10 +35,6 @@ std::vector<Finding> findingsOf(char letter, const CardReport& report) {
   return findings;
 }
 
-const char* endingText(FindingID id) {
-  return id == kModuleEnded ? "the module was ended" : "the card went away";
-}
-
 /// A report leaves open what it means that the card has gone, or the module. For an examination it is the
 /// end. Why it is; null: it goes on.
 const char* judgeGone(std::vector<Finding>& findings) {
@@ -260,9 +256,7 @@ void tryKeys(Host& host, const InsertedCard& card, const CardReport& report, Pin
   checks.add(kPrivateKeys, "looked at once more after the login", std::move(more));
   if (whyGone) return skipTrials(checks, whyGone);
   const KeyTrial trial{**client, card, after, pins, static_cast<bool>(accepted)};
-  if (const auto ended = trySigning(trial, kTrials[0], checks))
-    return checks.skip(kTrials[1], endingText(*ended));
-  tryDecrypting(trial, kTrials[1], checks);
+  mirel::tryKeys(trial, kTrials[0], kTrials[1], checks);
 }
 
 bool isOfGoneCard(const Failure& failure) {

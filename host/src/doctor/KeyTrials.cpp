@@ -126,13 +126,23 @@ const Finding* findingOf(FindingID id, const CardReport& report, const Published
 /// Asked for although a user was logged in.
 bool wantsPin(const Failure& failure) { return failure.result == CKR_USER_NOT_LOGGED_IN; }
 
+/// Whether the private key was seen after the login, and is not found now: some modules end the login when a
+/// key that wants the PIN for each use is used once more.
+bool isLoginLost(const CardReport& report, const PublishedKey& key, const Failure& failure) {
+  const KeyReport* known = reportOf(key, report);
+  const auto wantsPinEachTime = [](const Finding& finding) { return finding.id == kPinForEachUse; };
+  return failure.isKeyMissing && known && known->hasPrivateKey == true &&
+         std::any_of(report.findings.begin(), report.findings.end(), wantsPinEachTime);
+}
+
 /// Whether it may be the end of somebody else's login, and no wish of the key.
 bool mayBeLoggedOut(const KeyTrial& trial, const Failure& failure) {
   return !trial.isOwnLogin && wantsPin(failure);
 }
 
-bool saysNothing(const KeyTrial& trial, const Failure& failure) {
-  return mirel::saysNothing(failure) || mayBeLoggedOut(trial, failure);
+bool saysNothing(const KeyTrial& trial, const PublishedKey& key, const Failure& failure) {
+  return mirel::saysNothing(failure) || mayBeLoggedOut(trial, failure) ||
+         isLoginLost(trial.report, key, failure);
 }
 
 /// Whether the first use asked for the PIN again, and the card does not tell whether the key wants that: then
@@ -145,7 +155,7 @@ bool leavesOpenWhoWantsPin(const CardReport& report, const PublishedKey& key, co
 /// What became of a key that was tried for the first time, in vain.
 const char* outcomeText(const KeyTrial& trial, const PublishedKey& key, const Failure& failure,
                         const char* ifItFails) {
-  const bool isOpen = saysNothing(trial, failure) || leavesOpenWhoWantsPin(trial.report, key, failure);
+  const bool isOpen = saysNothing(trial, key, failure) || leavesOpenWhoWantsPin(trial.report, key, failure);
   return isOpen ? "could not be tried" : ifItFails;
 }
 
@@ -175,6 +185,9 @@ Finding trialFinding(FindingID id, const KeyTrial& trial, const PublishedKey& ke
         "the login has ended since";
     return open;
   }
+  if (isLoginLost(report, key, failure))
+    return {kTrialDisturbed, Severity::kUnknown, subject,
+            failure.why + ": it was seen after the login, which has ended since"};
   if (failure.isKeyMissing) return failed(kPrivateKeyMissing);
   if (hasAnswer(failure, {CKR_KEY_FUNCTION_NOT_PERMITTED, CKR_KEY_TYPE_INCONSISTENT}))
     return failed(kUseNotAllowed);
@@ -182,6 +195,13 @@ Finding trialFinding(FindingID id, const KeyTrial& trial, const PublishedKey& ke
   if (!wasAllRead) return {id, Severity::kFailure, subject, explainedBy(report, key, failure).why};
   return failed(id);
 }
+
+/// What the trials of one kind came to so far.
+struct Outcome {
+  Evidence evidence;
+  std::vector<Finding> findings;
+  std::optional<FindingID> ended{};  ///< that the card or the module went away
+};
 
 /// Of several with one ID only the first is found.
 std::vector<PublishedKey> findableKeysOf(const InsertedCard& card) {
@@ -250,93 +270,104 @@ bool saysNothingOfModule(const Failure& failure) {
 
 bool saysNothing(const Failure& failure) { return saysNothingOfModule(failure) || isDisturbed(failure); }
 
-std::optional<FindingID> trySigning(const KeyTrial& trial, const Checkpoint& point, Checks& checks) {
-  const auto& [client, card, report, pins, isOwnLogin] = trial;
-  Evidence evidence;
-  std::vector<Finding> findings;
-  for (const PublishedKey& key : findableKeysOf(card)) {
-    const PublishedCertificate* certificate = certificateOf(card, key);
-    if (!key.canSign || !certificate) continue;
-    const std::string subject = subjectOf(report, key);
-    if (key.keyType != CertificateKeyType::kRSA || worksForNothing(report, key)) {
-      evidence.add(subject, findingOf(kCardChanged, report, key) ? kChanged : "never signs here, not tried");
-      continue;
-    }
-    const TrialAlgorithms* algorithms = algorithmsFor(key);
-    if (!algorithms) {
-      evidence.add(subject, "is too short for a trial");
-      continue;
-    }
-    checks.start(point);
-    const auto endWith = [&](const Failure& failure, const char* text) {
-      evidence.add(subject, text);
-      const FindingID ended = findings.emplace_back(goneFinding(failure)).id;
-      checks.add(point, evidence.text(), std::move(findings));
-      return std::optional{ended};
-    };
-    if (const auto failure = failureOfSigning(client, key, *certificate, algorithms->pss, pins)) {
-      if (isGone(*failure)) return endWith(*failure, "could not be tried");
-      evidence.add(subject, outcomeText(trial, key, *failure, "does not sign"));
-      findings.push_back(trialFinding(kSignatureFails, trial, key, *failure));
-      continue;
-    }
-    const auto failure = failureOfSigning(client, key, *certificate, algorithms->pkcs1, pins);
-    if (failure && isGone(*failure))
-      return endWith(*failure, "signs RSA-PSS, and could not be tried further");
-    // A key that wants the PIN for each use has not said anything about its padding.
-    const bool isVerdict = failure && failure->kind == FailureKind::kVerificationFailed &&
-                           !saysNothing(*failure) && !wantsPin(*failure);
-    if (failure && !isVerdict) {
-      evidence.add(subject, "signs RSA-PSS, and could not be tried further");
-      const bool isToldBefore = wantsPin(*failure) && findingOf(kPinForEachUse, report, key);
-      if (!isToldBefore && saysNothing(trial, *failure)) {
-        findings.push_back(trialFinding(kNoPkcs1Signatures, trial, key, *failure));
-      } else if (!isToldBefore && wantsPin(*failure)) {
-        findings.push_back({kPinForEachUse, Severity::kWarning, subject, failure->why});
-      }
-      continue;
-    }
-    if (!failure || isWrongResult(*failure)) checks.takeBack(kPinForEachUse, subject);  // it signed twice
-    evidence.add(subject, failure ? "signs RSA-PSS, not PKCS #1 v1.5" : "signs RSA-PSS and PKCS #1 v1.5");
-    if (failure) findings.push_back({kNoPkcs1Signatures, Severity::kWarning, subject, failure->why});
-  }
-  if (evidence.isEmpty()) {
-    checks.skip(point, "no key of the card signs");
-  } else {
-    checks.add(point, evidence.text(), std::move(findings));
-  }
-  return std::nullopt;
+bool wantsPinForEachUse(const PublishedKey& key, const CardReport& report) {
+  return findingOf(kPinForEachUse, report, key) != nullptr;
 }
 
-void tryDecrypting(const KeyTrial& trial, const Checkpoint& point, Checks& checks) {
-  const auto& [client, card, report, pins, isOwnLogin] = trial;
-  Evidence evidence;
-  std::vector<Finding> findings;
-  for (const PublishedKey& key : findableKeysOf(card)) {
-    const PublishedCertificate* certificate = certificateOf(card, key);
-    if (!key.canDecrypt || !certificate || key.keyType != CertificateKeyType::kRSA) continue;
-    const std::string subject = subjectOf(report, key);
-    if (worksForNothing(report, key)) {
-      evidence.add(subject,
-                   findingOf(kCardChanged, report, key) ? kChanged : "never decrypts here, not tried");
-      continue;
-    }
-    checks.start(point);
-    const auto failure = failureOfDecrypting(client, key, *certificate, pins);
-    if (failure && isGone(*failure)) {
-      evidence.add(subject, "could not be tried");
-      findings.push_back(goneFinding(*failure));
-      break;
-    }
-    if (!failure) {
-      evidence.add(subject, "decrypts PKCS #1 v1.5");
-      continue;
-    }
-    evidence.add(subject, outcomeText(trial, key, *failure, "does not decrypt"));
-    findings.push_back(trialFinding(kDecryptionFails, trial, key, *failure));
+namespace {
+
+void trySigning(const KeyTrial& trial, const PublishedKey& key, const Checkpoint& point, Checks& checks,
+                Outcome& ioOutcome) {
+  const CardReport& report = trial.report;
+  auto& evidence = ioOutcome.evidence;
+  auto& findings = ioOutcome.findings;
+  const PublishedCertificate* certificate = certificateOf(trial.card, key);
+  if (!key.canSign || !certificate) return;
+  const std::string subject = subjectOf(report, key);
+  if (key.keyType != CertificateKeyType::kRSA || worksForNothing(report, key))
+    return evidence.add(subject,
+                        findingOf(kCardChanged, report, key) ? kChanged : "never signs here, not tried");
+  const TrialAlgorithms* algorithms = algorithmsFor(key);
+  if (!algorithms) return evidence.add(subject, "is too short for a trial");
+  checks.start(point);
+  const auto endWith = [&](const Failure& failure, const char* text) {
+    ioOutcome.evidence.add(subject, text);
+    ioOutcome.ended = ioOutcome.findings.emplace_back(goneFinding(failure)).id;
+  };
+  if (const auto failure = failureOfSigning(trial.client, key, *certificate, algorithms->pss, trial.pins)) {
+    if (isGone(*failure)) return endWith(*failure, "could not be tried");
+    evidence.add(subject, outcomeText(trial, key, *failure, "does not sign"));
+    findings.push_back(trialFinding(kSignatureFails, trial, key, *failure));
+    return;
   }
-  if (evidence.isEmpty()) return checks.skip(point, "no RSA key of the card decrypts");
-  checks.add(point, evidence.text(), std::move(findings));
+  const auto failure = failureOfSigning(trial.client, key, *certificate, algorithms->pkcs1, trial.pins);
+  if (failure && isGone(*failure)) return endWith(*failure, "signs RSA-PSS, and could not be tried further");
+  // A key that wants the PIN for each use has not said anything about its padding.
+  const bool isVerdict = failure && failure->kind == FailureKind::kVerificationFailed &&
+                         !saysNothing(trial, key, *failure) && !wantsPin(*failure);
+  if (failure && !isVerdict) {
+    evidence.add(subject, "signs RSA-PSS, and could not be tried further");
+    const bool isToldBefore = wantsPin(*failure) && findingOf(kPinForEachUse, report, key);
+    if (!isToldBefore && saysNothing(trial, key, *failure)) {
+      findings.push_back(trialFinding(kNoPkcs1Signatures, trial, key, *failure));
+    } else if (!isToldBefore && wantsPin(*failure)) {
+      findings.push_back({kPinForEachUse, Severity::kWarning, subject, failure->why});
+    }
+    return;
+  }
+  if (!failure || isWrongResult(*failure)) checks.takeBack(kPinForEachUse, subject);  // it signed twice
+  evidence.add(subject, failure ? "signs RSA-PSS, not PKCS #1 v1.5" : "signs RSA-PSS and PKCS #1 v1.5");
+  if (failure) findings.push_back({kNoPkcs1Signatures, Severity::kWarning, subject, failure->why});
+}
+
+void tryDecrypting(const KeyTrial& trial, const PublishedKey& key, const Checkpoint& point,
+                   const Checks& checks, Outcome& ioOutcome) {
+  const CardReport& report = trial.report;
+  auto& evidence = ioOutcome.evidence;
+  auto& findings = ioOutcome.findings;
+  const PublishedCertificate* certificate = certificateOf(trial.card, key);
+  if (!key.canDecrypt || !certificate || key.keyType != CertificateKeyType::kRSA) return;
+  const std::string subject = subjectOf(report, key);
+  if (worksForNothing(report, key))
+    return evidence.add(subject,
+                        findingOf(kCardChanged, report, key) ? kChanged : "never decrypts here, not tried");
+  checks.start(point);
+  const auto failure = failureOfDecrypting(trial.client, key, *certificate, trial.pins);
+  if (!failure) return evidence.add(subject, "decrypts PKCS #1 v1.5");
+  if (isGone(*failure)) {
+    evidence.add(subject, "could not be tried");
+    ioOutcome.ended = findings.emplace_back(goneFinding(*failure)).id;
+    return;
+  }
+  evidence.add(subject, outcomeText(trial, key, *failure, "does not decrypt"));
+  findings.push_back(trialFinding(kDecryptionFails, trial, key, *failure));
+}
+
+}  // namespace
+
+void tryKeys(const KeyTrial& trial, const Checkpoint& signatures, const Checkpoint& decryption,
+             Checks& checks) {
+  Outcome signing;
+  Outcome decrypting;
+  const auto keys = findableKeysOf(trial.card);
+  // The login may end with the use of a key that wants the PIN each time, so these come last.
+  for (const bool wantsPin : {false, true}) {
+    const auto tryEach = [&](const auto& tryIt) {
+      for (const PublishedKey& key : keys) {
+        if (wantsPinForEachUse(key, trial.report) == wantsPin && !signing.ended && !decrypting.ended)
+          tryIt(key);
+      }
+    };
+    tryEach([&](const PublishedKey& key) { trySigning(trial, key, signatures, checks, signing); });
+    tryEach([&](const PublishedKey& key) { tryDecrypting(trial, key, decryption, checks, decrypting); });
+  }
+  const auto tell = [&](const Checkpoint& point, Outcome& outcome, const Outcome& other, const char* ifNone) {
+    if (outcome.evidence.isEmpty())
+      return checks.skip(point, other.ended ? endingText(*other.ended) : ifNone);
+    checks.add(point, outcome.evidence.text(), std::move(outcome.findings));
+  };
+  tell(signatures, signing, decrypting, "no key of the card signs");
+  tell(decryption, decrypting, signing, "no RSA key of the card decrypts");
 }
 
 }  // namespace mirel

@@ -31,6 +31,10 @@ namespace mirel {
 /// Whether a failure says nothing of what the key can do.
 [[nodiscard]] bool saysNothing(const Failure& failure);
 
+/// Whether the key says that it wants the PIN for each use. Some modules end the login when it is used
+/// without: then no other private key is found any more.
+[[nodiscard]] bool wantsPinForEachUse(const PublishedKey& key, const CardReport& report);
+
 /// What the keys of a card are tried with, on which a user is logged in.
 struct KeyTrial {
   KeyClient& client;
@@ -41,11 +45,8 @@ struct KeyTrial {
 };
 
 /// One signature of each key that may sign, by RSA-PSS and by PKCS #1 v1.5, of data that are made up here;
-/// each is verified, none is kept. Where the card or the module went away meanwhile, the finding that tells.
-[[nodiscard]] std::optional<FindingID> trySigning(const KeyTrial& trial, const Checkpoint& point,
-                                                  Checks& checks);
-
-/// One decryption by each key that decrypts, of a text that is made up here.
-void tryDecrypting(const KeyTrial& trial, const Checkpoint& point, Checks& checks);
+/// each is verified, none is kept. And one decryption by each key that decrypts, of a text that is made up.
+void tryKeys(const KeyTrial& trial, const Checkpoint& signatures, const Checkpoint& decryption,
+             Checks& checks);
 
 }  // namespace mirel
