@@ -87,7 +87,8 @@ constexpr CodeMeaning kMeanings[] = {
     {CKR_BUFFER_TOO_SMALL, kAny, "the module gives more than this system takes", kAskMaker, kOfTheCommand},
     {CKR_OPERATION_ACTIVE, kAny, "an earlier request to the card has not ended", "run again", kOfTheCommand},
     // The key, the algorithm and the data.
-    {CKR_USER_NOT_LOGGED_IN, kAny, "the card wants the PIN before this, or once more",
+    {CKR_USER_NOT_LOGGED_IN, kAny,
+     "the card wants the PIN before this, or once more, as after a use by another program",
      "run again and enter the PIN", kOfTheCommand},
     {CKR_KEY_FUNCTION_NOT_PERMITTED, kAny, kNotWithThisKey, kOtherKey, kOfTheCommand},
     {CKR_KEY_TYPE_INCONSISTENT, kAny, kNotWithThisKey, kOtherKey, kOfTheCommand},

@@ -371,6 +371,12 @@ TEST_F(ConformanceTest, LeavesOpenWhatTheModuleIsNotToBlameFor) {
       {"card at the decryption", [this] { script.failCallOf("C_Decrypt", 0, CKR_DEVICE_ERROR); }, {"CR-49"}},
       {"card at the login", [this] { script.failCallOf("C_Login", 0, CKR_DEVICE_ERROR); }, {"CR-33"}},
       {"another reader", [this] { reader = Text{u"Reader X"}; }, {"CR-11"}},
+      {"card that another program holds",
+       [this] {
+         script.pullCard();
+         script.failCallOf("C_GetSlotInfo", 0, CKR_DEVICE_ERROR, Times::kFromThenOn);
+       },
+       {"CR-08", "CR-09", "CR-11"}},
       {"card in the second thread",
        [this] { script.failCallOf("C_GetSlotList", 2, CKR_DEVICE_ERROR); },
        {"CR-05"}},

@@ -192,7 +192,7 @@ TEST_F(Doctor, TellsWhyThereIsNoCard) {
     const Diagnosis found = diagnosis();
     EXPECT_THAT(codesOf(found), ElementsAre(code));
     EXPECT_EQ(found.verdict(), Severity::kFailure);
-    EXPECT_EQ(checkIn(found, "keys").evidence, "there is no card");
+    EXPECT_EQ(checkIn(found, "keys").evidence, "the module shows no card");
   }
 }
 

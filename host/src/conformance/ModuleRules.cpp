@@ -73,7 +73,9 @@ bool hasZero(const CK_UTF8CHAR (&text)[Size]) {
   return std::find(std::begin(text), std::end(text), CK_UTF8CHAR{0}) != std::end(text);
 }
 
-void testSlotNames(const P11Bridge& bridge, const std::vector<CK_SLOT_ID>& slots, RuleResults& results) {
+/// Answers why a slot could not be read; empty: all were.
+std::string testSlotNames(const P11Bridge& bridge, const std::vector<CK_SLOT_ID>& slots,
+                          RuleResults& results) {
   std::vector<std::string> names;
   std::string bad;
   for (const CK_SLOT_ID slotID : slots) {
@@ -82,7 +84,7 @@ void testSlotNames(const P11Bridge& bridge, const std::vector<CK_SLOT_ID>& slots
       const std::string text = answerText({"C_GetSlotInfo", rv});
       results.unknown(kSlotNames, text);
       results.unknown(kPadding, text);
-      return;
+      return text;
     }
     const std::span description{info.slotDescription};
     const std::string name{description.begin(), description.end()};
@@ -97,8 +99,12 @@ void testSlotNames(const P11Bridge& bridge, const std::vector<CK_SLOT_ID>& slots
       results.fail(kPadding,
                    "a zero byte is in slotDescription or manufacturerID of slot " + std::to_string(slotID));
   }
-  if (!bad.empty()) return results.fail(kSlotNames, bad);
-  if (!slots.empty()) results.pass(kSlotNames, std::to_string(slots.size()) + " slots were read");
+  if (!bad.empty()) {
+    results.fail(kSlotNames, bad);
+  } else if (!slots.empty()) {
+    results.pass(kSlotNames, std::to_string(slots.size()) + " slots were read");
+  }
+  return {};
 }
 
 /// False where no card can be looked for.
@@ -110,7 +116,7 @@ bool testSlots(const P11Bridge& bridge, RuleResults& results, std::string& outRe
     return false;
   }
   testThreads(bridge, slots, results);
-  testSlotNames(bridge, slots, results);
+  const std::string unread = testSlotNames(bridge, slots, results);
   std::vector<CK_SLOT_ID> withToken;
   if (const CK_RV rv = bridge.inspectSlots(true, withToken); rv != CKR_OK) {
     outReason = "the module does not list its slots with a token";
@@ -119,6 +125,11 @@ bool testSlots(const P11Bridge& bridge, RuleResults& results, std::string& outRe
   }
   const std::string count =
       std::to_string(withToken.size()) + " of " + std::to_string(slots.size()) + " slots";
+  if (withToken.empty() && !unread.empty()) {  // that one may hold one, which another program uses
+    outReason = "no card can be read";
+    results.unknown(kNumTokens, unread);
+    return false;
+  }
   const bool isGood = !withToken.empty() && withToken.size() <= kAnnouncedSlots;
   results.set(kNumTokens, isGood ? RuleVerdict::kPass : RuleVerdict::kFail, count + " hold a token");
   if (withToken.empty()) outReason = "there is no card";

@@ -69,7 +69,7 @@ void checkCards(Host& host, const std::vector<Reader>& slots, const Examination&
     checks.add(kCardCheck, Severity::kFailure, failure.what + ": " + failure.why);
     return;
   }
-  if (chosen->empty()) return skipCardChecks(checks, "there is no card");
+  if (chosen->empty()) return skipCardChecks(checks, "the module shows no card");
   std::size_t numCards = 0;
   for (const Reader& reader : *chosen) numCards += isSpare(reader, *chosen) ? 0 : 1;
   const bool login = wanted.pins && numCards == 1;

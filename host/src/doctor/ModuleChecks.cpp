@@ -178,7 +178,7 @@ std::string namesOf(const std::vector<Reader>& slots) {
   for (const Reader& slot : slots) {
     if (slot.hasToken) text += (text.empty() ? "\"" : ", \"") + displayed(slot.name) + "\"";
   }
-  return text.empty() ? "none with a card" : "with a card: " + text;
+  return text.empty() ? "the module shows no card" : "with a card: " + text;
 }
 
 }  // namespace
