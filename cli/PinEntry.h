@@ -26,8 +26,8 @@ struct CardGuard {
 /// Where the options say that the PIN comes from: a file, an open file descriptor (each read once), or the
 /// terminal, whose prompt shows what the card says. A file or a descriptor gives no PIN that could lock the
 /// card, unless the options allow it; none of them gives one to a card whose PIN is entered at the reader.
-/// At the terminal the entry ends when `guard` gives an alarm. The user of a terminal, or of a descriptor, may
-/// take any time: where the card has come to its last try meanwhile, the terminal asks once more, with a
+/// At the terminal the entry ends when `guard` gives an alarm. The user of a terminal, or of a descriptor,
+/// may take any time: where the card has come to its last try meanwhile, the terminal asks once more, with a
 /// warning, and a descriptor gives none.
 [[nodiscard]] std::unique_ptr<PinSource> pinSourceFor(const Options& options, PinStateReader pinState,
                                                       CardGuard guard);
