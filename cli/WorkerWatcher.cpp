@@ -103,8 +103,9 @@ Failure hang(const std::string& call, std::uint64_t seconds) {
   const std::string what =
       call == kLoading ? "the module has not been loaded" : "the module has not returned from " + call;
   return {FailureKind::kModuleHangs, what + " for " + std::to_string(seconds) + " s",
-          "the card, its reader or the service behind it does not answer",
-          "take the card out and put it back, then run again; --timeout sets how long to wait"};
+          "the card, its reader or the service behind it does not answer, or another program holds the card",
+          "close other programs that use the card, take the card out and put it back, then run again; "
+          "--timeout sets how long to wait"};
 }
 
 Failure failureOf(const WorkerEnd& end) {
