@@ -39,6 +39,7 @@ Result<void> Session::connect() {
   auto client = host_.newClient(card());
   if (!client) return client.failure();
   client_ = *std::move(client);
+  client_->whenItFails(noteFailure);
   CardGuard guard = guardOf(services_.cardService, card().reader.name);
   guard.whyGone = [this] { return host_.whyGone(card()); };
   pins_ = pinSourceFor(

@@ -284,8 +284,8 @@ Result<InsertedCard> Host::insertChosen(const Reader& reader) {
   if (!token->contents().filled()) return listingFailure(reader, cause);
   // A module may list what it has read until the card was taken out, as if that were all.
   const bool isEmpty = token->contents().items().empty();
-  if (isEmpty && seesNoCard(services_.cardService.get(), reader.name))
-    return cardGone(reader.name, "the module found nothing on it, and the card service sees no card");
+  if (isEmpty && seesCardGo(services_.cardService.get(), reader.name))
+    return cardSeenGoing(reader.name, "the module found nothing on it");
   InsertedCard card{reader, token->instanceID(), publishedItems(*token), token, std::nullopt, nullptr};
   if (failedRead) {
     card.incomplete = failureBecauseOf(*failedRead, "the objects of the card were not all read",

@@ -320,13 +320,13 @@ bool KeyClient::verifies(const PublishedKey& key, SecKeyAlgorithm algorithm,
 
 /// The failure of a request that came to nothing, or that the card is the reason for it.
 Failure KeyClient::unlessCardLeft(Failure failure) {
+  if (whenItFails_) whenItFails_(failure);
   const auto left = whyCardLeft();
   // A call of the request that said so tells more.
   if (left && (left->kind == FailureKind::kAnotherCard || failure.kind != FailureKind::kCardGone))
     return *left;
-  if (saysNotWhatFailed(failure) && seesNoCard(cardService_.get(), card_.reader.name))
-    failure = cardGone(card_.reader.name, "the card service sees no card any more, and the module answered " +
-                                              cryptokiResultText(*failure.result));
+  if (saysNotWhatFailed(failure) && seesCardGo(cardService_.get(), card_.reader.name))
+    failure = cardSeenGoing(card_.reader.name, "the module answered " + cryptokiResultText(*failure.result));
   if (card_.watch) card_.watch->learnFrom(failure);
   return failure;
 }

@@ -52,7 +52,7 @@ TEST_F(CardLeaving, IsWhyThereIsNoSignature) {
   ASSERT_TRUE(made.fault && made.fault->failure);
   EXPECT_EQ(made.fault->failure->kind, FailureKind::kCardGone);
   EXPECT_EQ(made.fault->failure->why,
-            "the card service sees no card any more, and the module answered CKR_GENERAL_ERROR (0x5)");
+            "the card service has seen it going, and the module answered CKR_GENERAL_ERROR (0x5)");
   EXPECT_EQ(failureOf(client->logIn(pins)).kind, FailureKind::kCardGone);
 }
 
@@ -61,7 +61,22 @@ TEST_F(CardLeaving, IsWhyNoPinIsTaken) {
   const Failure failure = loginFailure(CKR_DEVICE_ERROR);
   expectPresentable(failure);
   EXPECT_EQ(failure.kind, FailureKind::kCardGone);
-  EXPECT_EQ(failure.what, "the card is not in the reader \"Reader A 00\" any more");
+  EXPECT_EQ(failure.what, "the card did not stay in the reader \"Reader A 00\"");
+}
+
+TEST_F(CardLeaving, IsSeenThoughAnotherCardTookItsPlace) {
+  service->whenAsked = [&] { service->view.readers.front().changes = service->looks == 2 ? 2 : 0; };
+  EXPECT_EQ(loginFailure(CKR_GENERAL_ERROR).kind, FailureKind::kCardGone);
+}
+
+TEST_F(CardLeaving, IsLookedForOnceTheFailureWasTold) {
+  std::vector<std::string> told;
+  client->whenItFails([&](const Failure& failure) {
+    told.push_back(failure.what);
+    EXPECT_EQ(service->looks, 0);
+  });
+  EXPECT_EQ(loginFailure(CKR_GENERAL_ERROR).kind, FailureKind::kCardRefuses);
+  EXPECT_THAT(told, ElementsAre("the card did not take the PIN"));
 }
 
 TEST_F(CardLeaving, IsNotTheReasonWhereTheServiceSeesTheCardOrKnowsNothing) {

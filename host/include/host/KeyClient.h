@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -91,6 +92,9 @@ class KeyClient {
   /// logged in already: then it takes any PIN.
   [[nodiscard]] Result<void> logIn(PinSource& pins);
 
+  /// Has that be told of a failure before the card is looked at because of it: a module may not come back.
+  void whenItFails(std::function<void(const Failure&)> listener) { whenItFails_ = std::move(listener); }
+
   /// Where it draws what is random.
   [[nodiscard]] TimeAndChance& chance() const noexcept { return *chance_; }
 
@@ -115,6 +119,7 @@ class KeyClient {
   std::shared_ptr<FailureDiary> diary_;
   std::shared_ptr<TimeAndChance> chance_;
   std::shared_ptr<CardService> cardService_;  // may be null
+  std::function<void(const Failure&)> whenItFails_;
 };
 
 }  // namespace mirel
