@@ -98,12 +98,16 @@ class CheckedPins : public PinSource {
   }
 
  protected:
-  /// Whether the card has come to its last try since it was looked at: another program sent a wrong PIN.
+  /// Whether the card says that its last try is left, and has not said so before.
   [[nodiscard]] bool cameToLastTry(const Result<PinState>& before) const {
     const auto isLast = [](const Result<PinState>& state) {
       return state && state->tries == PinState::Tries::kLast;
     };
     return !isLast(before) && isLast(pinState_());
+  }
+  /// Whether it has had more tries: then another program has sent a wrong PIN since.
+  [[nodiscard]] static bool hadMoreTries(const Result<PinState>& before) {
+    return before && (before->tries == PinState::Tries::kNoWord || before->tries == PinState::Tries::kFewer);
   }
 
  private:
@@ -222,9 +226,13 @@ class PinPrompt final : public CheckedPins {
 
  private:
   Pin askFor(const std::string& card, const Result<PinState>& state) override {
-    Pin pin = promptFor(card, state);
-    if (!pin || !*pin || !cameToLastTry(state)) return pin;
-    showRefusal(std::string{kNotSent} + ": another program has sent a wrong PIN while it was entered");
+    {  // so that one which is not sent is not kept while another one is entered
+      Pin pin = promptFor(card, state);
+      if (!pin || !*pin || !cameToLastTry(state)) return pin;
+    }
+    showRefusal(std::string{kNotSent} + (hadMoreTries(state)
+                                             ? ": another program has sent a wrong PIN while it was entered"
+                                             : ": the card tells of its last try only now"));
     return promptFor(
         card,
         PinState{PinState::Tries::kLast, false, std::string{entryOf(FindingID::kPinLastTry).title}, {}});

@@ -324,6 +324,34 @@ TEST_F(PinFlags, AreNotGuessedAtThePrompt) {
   EXPECT_EQ(child.wait().exitCode, 9);
 }
 
+TEST_F(PinFlags, AreNoSignOfAnotherProgramWhereTriesWereNotKnownToBeLeft) {
+  expectRefused(logInWith(path("none")), "none");
+  const std::pair<Stage, const char*> rows[] = {
+      {{{"LOST_INFO", std::to_string(stagedCallsOf("C_GetTokenInfo"))}, {"LAST_TRY", path("spent")}},
+       "PIN for \"Card\" (whether tries are left is not known): "},
+      {{{"TOKEN_FLAGS", "40000"}, {"LAST_TRY", path("spent")}}, "PIN for \"Card\" (the PIN is locked): "},
+  };
+  for (const auto& [stage, prompt] : rows) {
+    fs::remove(path("spent"));
+    PseudoTerminal terminal;
+    Invocation call = staged("login", stage);
+    call.terminal = &terminal;
+    RunningChild child{call};
+    EXPECT_TRUE(terminal.waitFor(prompt));
+    write("spent", "");
+    terminal.type(std::string{kPin} + "\r");
+    EXPECT_TRUE(terminal.waitFor("PIN for \"Card\" (one more wrong PIN locks the card): "));
+    terminal.type("\x03");
+    const Result result = child.wait();
+    EXPECT_EQ(result.exitCode, 9);
+    EXPECT_THAT(
+        result.err,
+        StartsWith(
+            "mireltoken: the PIN was not sent to the card: the card tells of its last try only now\n"));
+    EXPECT_EQ(stagedCallsOf("C_Login"), 0);
+  }
+}
+
 TEST_F(PinFlags, TellOfAPinThatIsTooLong) {
   for (const Result& result : runs("login", {{"MIN_PIN", "11"}}))
     expectUntried(result, 18, {"cannot be entered here: it has 11 characters at least", "at most 8 ASCII"});

@@ -9,6 +9,8 @@
 ///   MIREL_STAGED_TOKEN_FLAGS  hexadecimal: set in the flags of every token.
 ///   MIREL_STAGED_LAST_TRY     a file: once it is there, the flags of every token say that one try is left.
 ///   MIREL_STAGED_LAST_TRY_INFO  decimal: from so many calls of C_GetTokenInfo on, counted from 1, the same.
+///                             A locked PIN is not locked any more then.
+///   MIREL_STAGED_LOST_INFO    decimal: the call of C_GetTokenInfo with that number, counted from 1, fails.
 ///   MIREL_STAGED_MIN_PIN      decimal: the length of the shortest PIN of every token.
 ///   MIREL_STAGED_INITIALIZE   hexadecimal: what C_Initialize answers.
 ///   MIREL_STAGED_NO_SLOTS     set: no slot is listed.
@@ -182,12 +184,15 @@ CK_RV tokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO_PTR info) {
     return !first.empty() && infos >= std::stoul(first);
   };
   swapped = swapped || hasCome("MIREL_STAGED_SWAP_INFO");
+  if (const std::string lost = variable("MIREL_STAGED_LOST_INFO"); !lost.empty() && infos == std::stoul(lost))
+    return CKR_DEVICE_ERROR;
   const CK_RV rv = real->C_GetTokenInfo(slot, info);
   if (rv == CKR_OK) info->flags |= moreFlags;
   const std::string lastTry = variable("MIREL_STAGED_LAST_TRY");
   const bool isLastTry =
       hasCome("MIREL_STAGED_LAST_TRY_INFO") || (!lastTry.empty() && access(lastTry.c_str(), F_OK) == 0);
-  if (rv == CKR_OK && isLastTry) info->flags |= CKF_USER_PIN_FINAL_TRY;
+  if (rv == CKR_OK && isLastTry)
+    info->flags = (info->flags & ~CK_FLAGS{CKF_USER_PIN_LOCKED}) | CKF_USER_PIN_FINAL_TRY;
   if (const std::string shortest = variable("MIREL_STAGED_MIN_PIN"); rv == CKR_OK && !shortest.empty())
     info->ulMinPinLen = std::stoul(shortest);
   if (const std::string file = variable("MIREL_STAGED_SWAP_FILE"); !file.empty())
