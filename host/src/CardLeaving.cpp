@@ -1,26 +1,32 @@
 #include "CardLeaving.h"
 
 #include <chrono>
+#include <optional>
 #include <thread>
+#include <utility>
 #include <vector>
 
+#include "ReaderFindings.h"
 #include "host/Host.h"
-#include "host/ReaderWatch.h"
 #include "platform/CardService.h"
 
 namespace mirel {
 namespace {
 
-using Card = WatchedReader::Card;
+using Card = ServiceReader::Card;
 
 /// Common services look every 0.4 s.
 constexpr std::chrono::milliseconds kTimeToNotice{500};
 
 /// What the service tells of the reader; nothing where it does not answer, or several readers have that name.
-std::vector<WatchedReader> lookAt(CardService& service, const Text& reader) {
-  std::vector<WatchedReader> readers = watchedReaders(service.look());
-  std::erase_if(readers, [&](const WatchedReader& one) { return !(one.name == reader); });
-  return readers.size() == 1 ? readers : std::vector<WatchedReader>{};
+std::optional<ServiceReader> lookAt(CardService& service, const Text& reader) {
+  std::vector<ServiceReader> readers = service.look().readers;
+  std::erase_if(readers, [&](const ServiceReader& one) { return !(nameOf(one) == reader); });
+  return readers.size() == 1 ? std::optional{std::move(readers.front())} : std::nullopt;
+}
+
+bool holdsCard(const ServiceReader& reader) {
+  return reader.card == Card::kPresent || reader.card == Card::kMute;
 }
 
 }  // namespace
@@ -28,13 +34,12 @@ std::vector<WatchedReader> lookAt(CardService& service, const Text& reader) {
 bool seesCardGo(CardService* service, const Text& reader) {
   if (!service) return false;
   const auto before = lookAt(*service, reader);
-  if (before.empty()) return false;
-  if (before.front().card != Card::kPresent) return before.front().card == Card::kNone;
+  if (!before || !holdsCard(*before)) return before && before->card == Card::kNone;
   std::this_thread::sleep_for(kTimeToNotice);
   const auto now = lookAt(*service, reader);
-  ReaderWatch events;
-  (void)events.take(before);
-  return !now.empty() && !events.take(now).empty();
+  if (!now || !holdsCard(*now)) return now && now->card == Card::kNone;
+  // A reset by another program changes what the card answers, and not how often one came or went.
+  return now->changes != before->changes;
 }
 
 Failure cardSeenGoing(const Text& reader, const std::string& what) {

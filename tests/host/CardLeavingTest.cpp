@@ -69,6 +69,21 @@ TEST_F(CardLeaving, IsSeenThoughAnotherCardTookItsPlace) {
   EXPECT_EQ(loginFailure(CKR_GENERAL_ERROR).kind, FailureKind::kCardGone);
 }
 
+TEST_F(CardLeaving, IsNotSeenWhereAnotherProgramHasOnlyResetTheCard) {
+  for (const auto& [afterwards, atr] : {std::pair{Card::kPresent, "3B01"}, {Card::kMute, ""}}) {
+    SCOPED_TRACE(atr);
+    service->looks = 0;
+    service->whenAsked = [&, afterwards = afterwards, atr = atr] {
+      service->view.readers = {{.name = "Reader A 00", .card = Card::kPresent, .atr = "3B00", .changes = 1}};
+      if (service->looks < 2) return;
+      service->view.readers.front().card = afterwards;
+      service->view.readers.front().atr = atr;
+    };
+    EXPECT_EQ(loginFailure(CKR_GENERAL_ERROR).kind, FailureKind::kCardRefuses);
+    EXPECT_EQ(service->looks, 2);
+  }
+}
+
 TEST_F(CardLeaving, IsLookedForOnceTheFailureWasTold) {
   std::vector<std::string> told;
   client->whenItFails([&](const Failure& failure) {
