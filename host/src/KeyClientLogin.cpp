@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <utility>
 
 #include "CardWatch.h"
 #include "CodeMeaning.h"
@@ -56,9 +57,9 @@ Result<void> KeyClient::authenticate(const Text& constraint, PinSource& pins) {
                      text.empty() ? "the token begins no authentication" : "the token says " + text,
                      UserStep::kSeeLog};
     }
-    const auto entered = pins.askForPin(nameOf(card_.reader));
+    auto entered = pins.askForPin(nameOf(card_.reader));
     if (!entered) return entered.failure();
-    const std::shared_ptr<const SecretText>& pin = *entered;
+    std::shared_ptr<const SecretText>& pin = *entered;
     if (!pin) {
       return Failure{FailureKind::kCancelled, "no PIN was given", "the entry was cancelled",
                      "run again to try once more"};
@@ -72,7 +73,7 @@ Result<void> KeyClient::authenticate(const Text& constraint, PinSource& pins) {
     // As late as can be: the user may have taken any time.
     if (const auto card = lookForCard(); !card) return card.failure();
     diary_->clear();
-    const bool accepted = pinOperation->finishWithPIN(pin, &error);
+    const bool accepted = pinOperation->finishWithPIN(std::exchange(pin, nullptr), &error);
     if (accepted) return {};
 
     const std::string text = wordsOf(error);

@@ -21,6 +21,32 @@ class PinEntry : public KeyClientTest {
 
 // ---- The right PIN ----
 
+/// Gives one PIN, and tells whether somebody has it still.
+class FollowedPin final : public PinSource {
+ public:
+  [[nodiscard]] Result<std::shared_ptr<const SecretText>> askForPin(const std::string&) override {
+    auto pin = std::make_shared<const SecretText>(u"123456");
+    given_ = pin;
+    return pin;
+  }
+  void showRefusal(const std::string&) override {}
+  [[nodiscard]] bool canAskAgain() const override { return false; }
+
+  [[nodiscard]] bool isKept() const { return !given_.expired(); }
+
+ private:
+  std::weak_ptr<const SecretText> given_;
+};
+
+TEST_F(PinEntry, IsOverBeforeTheCardIsLookedForBecauseThePinWasNotTaken) {
+  script.failCallOf("C_Login", 0, CKR_GENERAL_ERROR);
+  FollowedPin given;
+  std::vector<bool> kept;
+  client->whenItFails([&](const Failure&) { kept.push_back(given.isKept()); });
+  (void)failureOf(client->logIn(given));
+  EXPECT_THAT(kept, ElementsAre(false));
+}
+
 TEST_F(PinEntry, IsAllThereIsToALogin) {
   EXPECT_TRUE(logsIn(pins));
   EXPECT_THAT(secretCalls(), ElementsAre("C_Login"));
