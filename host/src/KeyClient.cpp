@@ -196,7 +196,9 @@ Result<Signature> KeyClient::sign(const PublishedKey& key, SecKeyAlgorithm algor
   Signature made{*value, *form, Bytes{*data}, std::nullopt};
   made.fault = faultIn("C_Sign");
   if (!made.fault) {
-    if (verifies(key, algorithm, made)) return made;
+    const auto unverified = whyNotVerified(key, algorithm, made);
+    if (!unverified) return made;
+    if (whenItFails_) whenItFails_(*unverified);
     // One of this card is handed out also where the card has been taken out since.
     const auto left = whyCardLeft();
     return left && left->kind == FailureKind::kAnotherCard ? Result<Signature>{*left} : made;
@@ -307,15 +309,18 @@ std::optional<Failure> KeyClient::whyCardLeft() {
   return left ? std::optional{failure} : std::nullopt;
 }
 
-/// Whether it is a signature of that key of the card that was inserted, padded or not.
-bool KeyClient::verifies(const PublishedKey& key, SecKeyAlgorithm algorithm,
-                         const Signature& signature) const {
-  return std::any_of(card_.items.begin(), card_.items.end(), [&](const PublishedItem& item) {
+/// Why it is no signature of that key of the card that was inserted, padded or not; nothing where it is one.
+std::optional<Failure> KeyClient::whyNotVerified(const PublishedKey& key, SecKeyAlgorithm algorithm,
+                                                 const Signature& signature) const {
+  for (const PublishedItem& item : card_.items) {
     const auto* certificate = std::get_if<PublishedCertificate>(&item);
-    if (!certificate || !(certificate->objectID == key.certificateID)) return false;
+    if (!certificate || !(certificate->objectID == key.certificateID)) continue;
     const auto verified = verifySignature(*certificate, key, algorithm, signature);
-    return verified || verified.failure().isCauseKnown;
-  });
+    if (verified || verified.failure().isCauseKnown) return std::nullopt;
+    return verified.failure();
+  }
+  return Failure{FailureKind::kVerificationFailed, "the signature was not verified",
+                 "the key has no certificate", UserStep::kSeeKeys};
 }
 
 /// The failure of a request that came to nothing, or that the card is the reason for it.

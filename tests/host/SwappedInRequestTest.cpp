@@ -85,6 +85,25 @@ TEST_F(SwappedInRequest, LeavesWhatTheCardMadeBeforeItWasTakenOut) {
   EXPECT_FALSE(signature(kSignByPss, kMessage).fault);
 }
 
+TEST_F(SwappedInRequest, IsLookedForOnceItWasToldThatTheSignatureDoesNotVerify) {
+  EXPECT_TRUE(client->logIn(pins));
+  script.hook<&CK_FUNCTION_LIST::C_Sign>(
+      [&](auto real, auto session, auto* data, auto dataLen, auto* out, auto* outLen) {
+        const CK_RV rv = real(session, data, dataLen, out, outLen);
+        if (rv == CKR_OK && out) std::fill_n(out, *outLen, CK_BYTE{1});
+        return rv;
+      });
+  std::vector<FailureKind> told;
+  std::size_t numLooksBefore = 0;
+  client->whenItFails([&](const Failure& failure) {
+    told.push_back(failure.kind);
+    numLooksBefore = script.countOf("C_GetTokenInfo");
+  });
+  EXPECT_FALSE(signature(kSignByPss, kMessage).fault);
+  EXPECT_THAT(told, ElementsAre(FailureKind::kVerificationFailed));
+  EXPECT_GT(script.countOf("C_GetTokenInfo"), numLooksBefore);
+}
+
 // ---- Modules that do not say that the card has left ----
 
 TEST_F(SwappedInRequest, IsWhyNoPinIsTaken) {

@@ -105,8 +105,8 @@ class KeyClient {
   [[nodiscard]] Result<void> authenticate(const Text& constraint, PinSource& pins);
   [[nodiscard]] Result<void> lookForCard();
   [[nodiscard]] std::optional<Failure> whyCardLeft();
-  [[nodiscard]] bool verifies(const PublishedKey& key, SecKeyAlgorithm algorithm,
-                              const Signature& signature) const;
+  [[nodiscard]] std::optional<Failure> whyNotVerified(const PublishedKey& key, SecKeyAlgorithm algorithm,
+                                                      const Signature& signature) const;
   [[nodiscard]] Failure unlessCardLeft(Failure failure);
   [[nodiscard]] Failure refusal(std::string what, std::string why, Advice advice);
   [[nodiscard]] std::optional<CardFault> faultIn(CryptokiFunction function) const;
