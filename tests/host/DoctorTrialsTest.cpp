@@ -404,5 +404,15 @@ TEST_F(DoctorTrials, BlameNoKeyForWhichTheCardWasNotAskedAfterAFailure) {
   EXPECT_THAT(codesOfCheck(found, "decryption"), ElementsAre("MT-T05"));
 }
 
+TEST_F(DoctorTrials, TellOfSignaturesBeforeTheModuleDecrypts) {
+  std::vector<std::string> before;
+  script.hook<&CK_FUNCTION_LIST::C_DecryptInit>([&](auto real, auto... arguments) {
+    before = told;  // all that is left of it where the module crashes now
+    return real(arguments...);
+  });
+  (void)diagnosis();
+  EXPECT_THAT(before, Contains("signatures"));
+}
+
 }  // namespace
 }  // namespace mirel::test

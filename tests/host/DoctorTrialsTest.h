@@ -16,6 +16,7 @@ class DoctorTrials : public KeyClientTest {
   [[nodiscard]] Diagnosis diagnosisWith(GivenPins& given) {
     Examination wanted{{std::nullopt, true}};
     wanted.onStart = [this](std::string_view check) { begun.emplace_back(check); };
+    wanted.onCheck = [this](const Diagnosis& soFar) { told.push_back(soFar.checks.back().name); };
     wanted.pins = [&given](Host&, const Reader&) { return handedOn(given); };
     return diagnose(services(), wanted);
   }
@@ -25,6 +26,7 @@ class DoctorTrials : public KeyClientTest {
   }
 
   std::vector<std::string> begun;
+  std::vector<std::string> told;
 };
 
 }  // namespace mirel::test

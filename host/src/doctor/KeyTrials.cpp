@@ -350,23 +350,25 @@ void tryKeys(const KeyTrial& trial, const Checkpoint& signatures, const Checkpoi
   Outcome signing;
   Outcome decrypting;
   const auto keys = findableKeysOf(trial.card);
-  // The login may end with the use of a key that wants the PIN each time, so these come last.
-  for (const bool wantsPin : {false, true}) {
-    const auto tryEach = [&](const auto& tryIt) {
-      for (const PublishedKey& key : keys) {
-        if (wantsPinForEachUse(key, trial.report) == wantsPin && !signing.ended && !decrypting.ended)
-          tryIt(key);
-      }
-    };
-    tryEach([&](const PublishedKey& key) { trySigning(trial, key, signatures, checks, signing); });
-    tryEach([&](const PublishedKey& key) { tryDecrypting(trial, key, decryption, checks, decrypting); });
-  }
   const auto tell = [&](const Checkpoint& point, Outcome& outcome, const Outcome& other, const char* ifNone) {
     if (outcome.evidence.isEmpty())
       return checks.skip(point, other.ended ? endingText(*other.ended) : ifNone);
     checks.add(point, outcome.evidence.text(), std::move(outcome.findings));
   };
-  tell(signatures, signing, decrypting, "no key of the card signs");
+  const auto wants = [&](const PublishedKey& key) { return wantsPinForEachUse(key, trial.report); };
+  const bool anyWants = std::any_of(keys.begin(), keys.end(), wants);
+  // The login may end with the use of a key that wants the PIN each time, so these come last.
+  for (const bool wantsPin : {false, true}) {
+    const auto tryEach = [&](const auto& tryIt) {
+      for (const PublishedKey& key : keys) {
+        if (wants(key) == wantsPin && !signing.ended && !decrypting.ended) tryIt(key);
+      }
+    };
+    tryEach([&](const PublishedKey& key) { trySigning(trial, key, signatures, checks, signing); });
+    // As soon as can be: the module may crash when it decrypts.
+    if (wantsPin == anyWants) tell(signatures, signing, decrypting, "no key of the card signs");
+    tryEach([&](const PublishedKey& key) { tryDecrypting(trial, key, decryption, checks, decrypting); });
+  }
   tell(decryption, decrypting, signing, "no RSA key of the card decrypts");
 }
 
