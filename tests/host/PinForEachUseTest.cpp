@@ -48,6 +48,8 @@ TEST_F(PinForEachUseInTrials, LeavesOpenWhatTheLostLoginHides) {
   const Diagnosis found = diagnosis();
   EXPECT_EQ(checkIn(found, "decryption").evidence, "key 3032 \"Vault\" could not be tried");
   EXPECT_THAT(codesOfCheck(found, "decryption"), ElementsAre("MT-T05"));
+  EXPECT_THAT(findingIn(found, FindingID::kTrialDisturbed).evidence,
+              EndsWith(": it was seen after the login, which may have ended since"));
 }
 
 class PinForEachUseInConformance : public WithSuchAKey<ConformanceTest> {};

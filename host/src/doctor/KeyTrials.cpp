@@ -187,7 +187,7 @@ Finding trialFinding(FindingID id, const KeyTrial& trial, const PublishedKey& ke
   }
   if (isLoginLost(report, key, failure))
     return {kTrialDisturbed, Severity::kUnknown, subject,
-            failure.why + ": it was seen after the login, which has ended since"};
+            failure.why + ": it was seen after the login, which may have ended since"};
   if (failure.isKeyMissing) return failed(kPrivateKeyMissing);
   if (hasAnswer(failure, {CKR_KEY_FUNCTION_NOT_PERMITTED, CKR_KEY_TYPE_INCONSISTENT}))
     return failed(kUseNotAllowed);
