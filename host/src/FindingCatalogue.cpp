@@ -107,7 +107,7 @@ constexpr FindingEntry kEntries[] = {
      "is to blame for that",
      "examine the card again; where the module ends each time, ask its maker", kMaker},
     {kCardChanged, "MT-T07", "the key or its certificate was changed since the card was inserted",
-     "another program has written to the card, and what was published is not there any more",
+     "what was published is not on the card any more, as when another program has written to it",
      "try again; other programs see the change once the card was taken out and put back", kYou},
     // Its objects.
     {kCardEmpty, "MT-C01", "the card shows no key and no certificate",

@@ -6,6 +6,7 @@
 
 #include "CardFindings.h"
 #include "CardInspector.h"
+#include "CardLeaving.h"
 #include "CardWatch.h"
 #include "CodeMeaning.h"
 #include "EnumerationFailure.h"
@@ -97,10 +98,17 @@ const PublishedCertificate* certificateOf(const PublishedKey& key, const Inserte
   return nullptr;
 }
 
-/// Tells of keys whose certificate or public key is another one than was published, or gone.
-void findChangedKeys(const InsertedCard& card, const std::vector<PublishedKey>& keys,
-                     const CardContents& contents, CardFindings& findings) {
-  if (!contents.failedRead.empty() || contents.morePublicKeys || contents.moreCertificates) return;
+/// A key whose certificate or public key is another one than was published, or gone.
+struct ChangedKey {
+  const PublishedKey& key;
+  const char* evidence;
+  bool isLess;  ///< the module lists less than before; else something else
+};
+
+std::vector<ChangedKey> changedKeys(const InsertedCard& card, const std::vector<PublishedKey>& keys,
+                                    const CardContents& contents) {
+  std::vector<ChangedKey> changed;
+  if (!contents.failedRead.empty() || contents.morePublicKeys || contents.moreCertificates) return changed;
   std::multimap<std::u16string, const CardObject*, std::less<>> certificates;
   for (const CardObject& object : contents.certificates) {
     certificates.emplace(certificateNameOf(object.about.label, object.about.id).units(), &object);
@@ -114,12 +122,15 @@ void findChangedKeys(const InsertedCard& card, const std::vector<PublishedKey>& 
       return bytesOf(named.second->data).starts_with(bytesOf(published->data));
     };
     if (published && std::none_of(first, last, isTheSame)) {
-      findings.addChangedKey(key, first == last ? "its certificate is not on the card any more"
-                                                : "its certificate is another one now");
+      const bool isLess = first == last;
+      changed.push_back(
+          {key, isLess ? "its certificate is not on the card any more" : "its certificate is another one now",
+           isLess});
     } else if (!publicKeys.contains(key.objectID.units())) {
-      findings.addChangedKey(key, "its public key is not on the card any more");
+      changed.push_back({key, "its public key is not on the card any more", true});
     }
   }
+  return changed;
 }
 
 /// Tells of objects that nothing speaks against, and that are not published all the same: the token looks for
@@ -323,6 +334,16 @@ CardReport Host::examine(const InsertedCard& card, bool afterLogin) {
   const auto tokenFindings = this->tokenFindings(card.reader, card.instanceID);
   CardContents contents = contentsOf(card.reader, tokenFindings, afterLogin);
   explainUnpublished(contents);
+  const std::vector<PublishedKey> keys = keysOf(card);
+  auto changed = changedKeys(card, keys, contents);
+  // A module may list what it has read until the card was taken out, as if that were all.
+  const bool isLess =
+      std::any_of(changed.begin(), changed.end(), [](const ChangedKey& one) { return one.isLess; });
+  if (isLess && seesCardGo(services_.cardService.get(), card.reader.name)) {
+    contents.failedRead = "the card service has seen it going, and the module lists less than before";
+    contents.gone = FindingID::kCardWentAway;
+    changed.clear();
+  }
   copyLook(contents, report);
   report.otherUnread = otherUnreadText(card.reader, lastFound_);
   const PublishedNames published{card};
@@ -349,8 +370,7 @@ CardReport Host::examine(const InsertedCard& card, bool afterLogin) {
     findings.add({FindingID::kObjectUnread, Severity::kUnknown, "insertion", card.incomplete->why});
   findings.addUnpublished(report.unpublished);
   findings.addWhatIsNotRead(subjectOf(card.reader));
-  const std::vector<PublishedKey> keys = keysOf(card);
-  findChangedKeys(card, keys, contents, findings);
+  for (const ChangedKey& one : changed) findings.addChangedKey(one.key, one.evidence);
   findings.addLonelyPrivateKeys();
   findings.addSharedIDs();
   findings.addCertificatesOfOtherKeys();

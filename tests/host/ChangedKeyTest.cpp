@@ -3,6 +3,7 @@
 #include "host/DoctorTrialsTest.h"
 #include "host/KeyAbility.h"
 #include "host/KeyChoice.h"
+#include "support/FakeCardService.h"
 
 namespace mirel::test {
 namespace {
@@ -83,6 +84,21 @@ TEST_F(ChangedKey, IsNotSeenWhereNothingChangedOrNotAllWasRead) {
     renew();
     script.failCallOf("C_FindObjects", 0, CKR_DEVICE_ERROR);
   });
+  EXPECT_THAT(troubles(report), IsEmpty());
+}
+
+TEST_F(ChangedKey, IsNotSaidOfACardThatIsOutBeforeTheModuleNotices) {
+  const auto service = std::make_shared<FakeCardService>();
+  service->view.readers = {{.name = "Reader A 00", .card = ServiceReader::Card::kPresent}};
+  PlatformServices mine = services();
+  mine.cardService = service;
+  Host served{mine};
+  const InsertedCard card = *served.insert(Text{});
+  clearCard();
+  service->view.readers.front().card = ServiceReader::Card::kNone;
+  const CardReport report = served.examine(card, true);
+  EXPECT_EQ(theFinding(report, kCardWentAway).evidence,
+            "the card service has seen it going, and the module lists less than before");
   EXPECT_THAT(troubles(report), IsEmpty());
 }
 
