@@ -14,9 +14,8 @@ std::string_view wordsOf(UserStep step) noexcept {
     case UserStep::kChooseAnotherKey: return "choose another key, see them with: mireltoken items";
     case UserStep::kRetryOrNameReader: return "run again, or name the reader with --reader";
     case UserStep::kInitialiseOrNameReader:
-      return "run again, insert the card that is meant, or name its reader with --reader; a new card has to "
-             "be "
-             "initialised first, which empties it";
+      return "run again, insert the card that is meant, or name its reader with --reader; "
+             "a new card has to be initialised first, which empties it";
     case UserStep::kRetryOrGiveObjectID:
       return "run again, or give the ID of a key that `mireltoken items` shows";
     case UserStep::kCheckModulePath: return "check the path given with --module";
