@@ -285,7 +285,7 @@ Result<InsertedCard> Host::insertChosen(const Reader& reader) {
   // A module may list what it has read until the card was taken out, as if that were all.
   const bool isEmpty = token->contents().items().empty();
   if (isEmpty && seesCardGo(services_.cardService.get(), reader.name))
-    return cardSeenGoing(reader.name, "the module found nothing on it");
+    return cardSeenGoing(reader.name, "the module gave nothing that is published");
   InsertedCard card{reader, token->instanceID(), publishedItems(*token), token, std::nullopt, nullptr};
   if (failedRead) {
     card.incomplete = failureBecauseOf(*failedRead, "the objects of the card were not all read",

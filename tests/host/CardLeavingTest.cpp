@@ -110,12 +110,21 @@ TEST_F(CardLeaving, IsNotAskedForWhereTheModuleSaysWhatFailed) {
 }
 
 TEST_F(CardLeaving, IsWhyNothingIsFoundOnIt) {
+  const auto leaves = [&] {
+    tell(Card::kPresent);
+    service->whenAsked = nullptr;
+    EXPECT_TRUE(served.insert(Text{})->items.empty());
+    takeOut();
+    const Failure failure = failureOf(served.insert(Text{}));
+    expectPresentable(failure);
+    EXPECT_EQ(failure.kind, FailureKind::kCardGone);
+    EXPECT_EQ(failure.why,
+              "the card service has seen it going, and the module gave nothing that is published");
+  };
+  for (auto& [handle, object] : script.card().objects) object.attributes[CKA_TOKEN] = boolValue(false);
+  leaves();
   script.card().objects.clear();
-  EXPECT_TRUE(served.insert(Text{})->items.empty());
-  takeOut();
-  const Failure failure = failureOf(served.insert(Text{}));
-  expectPresentable(failure);
-  EXPECT_EQ(failure.kind, FailureKind::kCardGone);
+  leaves();
 }
 
 }  // namespace
