@@ -166,4 +166,8 @@ Failure failureBecauseOf(const FailedCall& cause, std::string what, FailureKind 
           isOfDevice(cause.result),        cause.result,    asksOfNoKey(cause), isKeyMissing};
 }
 
+bool hasAnswer(const Failure& failure, std::initializer_list<std::uint64_t> codes) {
+  return failure.result && std::find(codes.begin(), codes.end(), *failure.result) != codes.end();
+}
+
 }  // namespace mirel

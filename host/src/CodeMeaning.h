@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <initializer_list>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -32,5 +33,8 @@ struct CodeMeaning {
 
 /// The failure that the user is told because of that call. `kindElse`: where the code does not decide.
 [[nodiscard]] Failure failureBecauseOf(const FailedCall& cause, std::string what, FailureKind kindElse);
+
+/// Whether one of the codes is the answer that the failure comes from.
+[[nodiscard]] bool hasAnswer(const Failure& failure, std::initializer_list<std::uint64_t> codes);
 
 }  // namespace mirel

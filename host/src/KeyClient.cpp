@@ -97,8 +97,7 @@ Failure becauseOfKeyUsage(const InsertedCard& card, const PublishedKey& key, con
 
 /// Whether modules answer so, among other reasons, when the card was taken out.
 bool saysNotWhatFailed(const Failure& failure) {
-  return failure.result == CKR_GENERAL_ERROR || failure.result == CKR_FUNCTION_FAILED ||
-         failure.result == CKR_DEVICE_ERROR;
+  return hasAnswer(failure, {CKR_GENERAL_ERROR, CKR_FUNCTION_FAILED, CKR_DEVICE_ERROR});
 }
 
 }  // namespace

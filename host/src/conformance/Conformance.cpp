@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "CodeMeaning.h"
 #include "conformance/KeyRules.h"
 #include "conformance/ModuleRules.h"
 #include "conformance/ObjectRules.h"
@@ -40,7 +41,7 @@ void tellFailedInsertion(const Failure& failure, RuleResults& results) {
 
 /// The module has not said what failed: the card may be a good one that another program uses just now.
 bool isUnexplained(const Failure& failure) {
-  return failure.result == CKR_GENERAL_ERROR || failure.result == CKR_FUNCTION_FAILED;
+  return hasAnswer(failure, {CKR_GENERAL_ERROR, CKR_FUNCTION_FAILED});
 }
 
 std::vector<std::string> signersOf(const InsertedCard& card, const CardReport& report) {

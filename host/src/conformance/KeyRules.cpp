@@ -45,10 +45,8 @@ struct UserState {
 };
 
 bool isOfOtherLogin(const Failure& failure) {
-  constexpr CK_RV kAnswers[] = {CKR_USER_ALREADY_LOGGED_IN, CKR_USER_ANOTHER_ALREADY_LOGGED_IN,
-                                CKR_USER_TOO_MANY_TYPES};
-  return failure.result &&
-         std::find(std::begin(kAnswers), std::end(kAnswers), *failure.result) != std::end(kAnswers);
+  return hasAnswer(failure,
+                   {CKR_USER_ALREADY_LOGGED_IN, CKR_USER_ANOTHER_ALREADY_LOGGED_IN, CKR_USER_TOO_MANY_TYPES});
 }
 
 constexpr const char* kLoggedInBefore = "the module was logged in already, before the login of the test";

@@ -81,7 +81,7 @@ std::string testSlotNames(const P11Bridge& bridge, const std::vector<CK_SLOT_ID>
   for (const CK_SLOT_ID slotID : slots) {
     CK_SLOT_INFO info{};
     if (const CK_RV rv = bridge.inspectSlot(slotID, info); rv != CKR_OK) {
-      const std::string text = answerText({"C_GetSlotInfo", rv});
+      std::string text = answerText({"C_GetSlotInfo", rv});
       results.unknown(kSlotNames, text);
       results.unknown(kPadding, text);
       return text;

@@ -2,8 +2,8 @@
 
 #include <algorithm>
 #include <array>
-#include <initializer_list>
 
+#include "CodeMeaning.h"
 #include "RsaEncoding.h"
 #include "TokenFindings.h"
 #include "bridge/cryptoki.h"
@@ -92,10 +92,6 @@ bool isGone(const Failure& failure) {
 
 Finding goneFinding(const Failure& failure) {
   return {goneFindingOf(failure.result), Severity::kFailure, {}, failure.why};
-}
-
-bool hasAnswer(const Failure& failure, std::initializer_list<CK_RV> answers) {
-  return failure.result && std::find(answers.begin(), answers.end(), *failure.result) != answers.end();
 }
 
 /// The card, its reader or the service behind it failed, whatever the key and the module are like.
