@@ -70,14 +70,18 @@ TEST_F(CardLeaving, IsSeenThoughAnotherCardTookItsPlace) {
 }
 
 TEST_F(CardLeaving, IsNotSeenWhereAnotherProgramHasOnlyResetTheCard) {
-  for (const auto& [afterwards, atr] : {std::pair{Card::kPresent, "3B01"}, {Card::kMute, ""}}) {
-    SCOPED_TRACE(atr);
+  const struct {
+    Card card;
+    const char* atr;
+  } rows[] = {{Card::kPresent, "3B01"}, {Card::kMute, ""}};
+  for (const auto& afterwards : rows) {
+    SCOPED_TRACE(afterwards.atr);
     service->looks = 0;
-    service->whenAsked = [&, afterwards = afterwards, atr = atr] {
+    service->whenAsked = [&, afterwards] {
       service->view.readers = {{.name = "Reader A 00", .card = Card::kPresent, .atr = "3B00", .changes = 1}};
       if (service->looks < 2) return;
-      service->view.readers.front().card = afterwards;
-      service->view.readers.front().atr = atr;
+      service->view.readers.front().card = afterwards.card;
+      service->view.readers.front().atr = afterwards.atr;
     };
     EXPECT_EQ(loginFailure(CKR_GENERAL_ERROR).kind, FailureKind::kCardRefuses);
     EXPECT_EQ(service->looks, 2);
