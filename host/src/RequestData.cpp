@@ -10,7 +10,7 @@ namespace mirel {
 namespace {
 
 constexpr std::size_t kLargestInput = 65536;  // bytes
-constexpr std::size_t kPieceSize = 16384;     // bytes; each page of it is cleared for a few bytes, too
+constexpr std::size_t kPieceSize = 16384;     // bytes; all are set to zero, also for a short input
 
 }  // namespace
 
