@@ -307,28 +307,39 @@ class WatchRun {
   /// Where nothing but failures was seen, a script has to be able to tell.
   void endWithoutToken() {
     if (!moduleHasAnswered_ && lastTold_) return endFor(*lastTold_);
+    if (Clock::now() < end_) return;  // whoever ends it has seen the events
+    const bool isReading = tellOfUnreadCards();
     if (cardFailure_ && !hadToken_) {
-      if (Clock::now() < end_) return;  // whoever ends it has seen the events
       session_.setExitCode(exitCodeOf(*cardFailure_));
       return writeMessage("mireltoken: no card was published until the end of the watch; the first: " +
                           wordsOf(*cardFailure_));
     }
-    if (!moduleHasAnswered_) endWithoutAnswer();
+    if (!moduleHasAnswered_ && !isReading && isAwaited(look_)) {
+      tellOfSlowness("nothing was seen of the readers",
+                     "the module has not answered until the end of the watch");
+    }
   }
 
-  /// The module is to blame for its silence only where it was silent all the time.
-  void endWithoutAnswer() {
-    const auto isAwaited = [](const std::unique_ptr<HelperProcess>& helper) {
-      return helper && !helper->hasEnded();
-    };
-    const bool isAsked = isAwaited(look_) || std::any_of(cards_.begin(), cards_.end(), [&](const auto& card) {
-                           return !card.second.isTold && isAwaited(card.second.helper);
-                         });
-    if (!isAsked || Clock::now() < end_) return;
-    const auto told = toldFailure({FailureKind::kModuleHangs, "nothing was seen of the readers",
-                                   "the module has not answered until the end of the watch",
-                                   "watch for longer, or ask the maker of the module"});
-    endFor(told);
+  [[nodiscard]] static bool isAwaited(const std::unique_ptr<HelperProcess>& helper) {
+    return helper && !helper->hasEnded();
+  }
+
+  /// Of those no event tells. False: there are none.
+  bool tellOfUnreadCards() {
+    bool isReading = false;
+    for (const auto& [name, card] : cards_) {
+      if (card.isTold || !isAwaited(card.helper)) continue;
+      isReading = true;
+      tellOfSlowness("the card in the reader \"" + displayed(card.insertion.reader) + "\" was not read",
+                     "the module was still busy with it at the end of the watch");
+    }
+    return isReading;
+  }
+
+  void tellOfSlowness(const std::string& what, const std::string& why) {
+    const auto told = toldFailure(
+        {FailureKind::kModuleHangs, what, why, "watch for longer, or ask the maker of the module"});
+    if (!hadToken_) endFor(told);
     writeMessage("mireltoken: " + wordsOf(told));
   }
 

@@ -344,6 +344,21 @@ TEST_F(Watching, TellsAtItsEndThatTheModuleHasNeverAnswered) {
   EXPECT_THAT(result.err, HasSubstr("the module has not answered until the end of the watch"));
 }
 
+TEST_F(Watching, TellsAtItsEndOfACardThatIsStillBeingRead) {
+  makeCards("token label=Bad\ntoken label=Good\n");
+  for (const auto& [state, exitCode] : {std::pair{kNone, 23}, {kCard, 0}}) {
+    SCOPED_TRACE(state);
+    tell({{"Bad", kCard}, {"Good", state}});
+    const Result result = run(watching("--json --for 3 --timeout 0", {{"HANGS", "Bad"}}));
+    EXPECT_EQ(result.exitCode, exitCode);
+    const auto told = jsonOf(result);
+    ASSERT_THAT(told, SizeIs(1));
+    EXPECT_EQ(told[0].contains("error"), exitCode != 0);
+    EXPECT_THAT(result.err, HasSubstr("the card in the reader \"" + readerOf("Bad") +
+                                      "\" was not read: the module was still busy with it"));
+  }
+}
+
 TEST_F(Watching, EndsWithAModuleThatCannotBeLoadedAndSaysNothingElse) {
   Invocation call = watching("--json");  // without a card service
   for (std::string& word : call.arguments) {
