@@ -7,7 +7,6 @@
 #include "Output.h"
 #include "Session.h"
 #include "host/KeyAbility.h"
-#include "host/Verification.h"
 
 namespace mirel::cli {
 namespace {
@@ -61,11 +60,10 @@ Result<void> run(Session& session) {
   const auto signature = session.client().sign(chosen.key, algorithm, *input, session.pins());
   if (!signature) return signature.failure();
   const bool verify = !options.has(kNoVerify);
-  if (verify || !mayBeSignature(*signature, chosen.key)) {
-    const auto verified = verifySignature(chosen.certificate, chosen.key, algorithm, *signature);
-    if (!verified && verified.failure().kind == FailureKind::kVerificationFailed)
-      return andNothingWritten(session.explained(verified.failure(), chosen.key));
-    if (!verified) return andNothingWritten(verified.failure());
+  const auto& why = signature->whyNotVerified;
+  if (why && (verify || !mayBeSignature(*signature, chosen.key))) {
+    const bool isExplainable = why->kind == FailureKind::kVerificationFailed;
+    return andNothingWritten(isExplainable ? session.explained(*why, chosen.key) : *why);
   }
   if (!options.json || options.out) {
     if (auto written = session.write(signature->value.view(), kSignatureMode); !written) return written;

@@ -89,15 +89,6 @@ void collectUnpublished(const CardContents& contents,
   }
 }
 
-/// The certificate with which the key was published; null where there is none.
-const PublishedCertificate* certificateOf(const PublishedKey& key, const InsertedCard& card) {
-  for (const PublishedItem& item : card.items) {
-    const auto* certificate = std::get_if<PublishedCertificate>(&item);
-    if (certificate && certificate->objectID == key.certificateID) return certificate;
-  }
-  return nullptr;
-}
-
 /// A key whose certificate or public key is another one than was published, or gone.
 struct ChangedKey {
   const PublishedKey& key;
@@ -117,7 +108,7 @@ std::vector<ChangedKey> changedKeys(const InsertedCard& card, const std::vector<
   for (const CardObject& object : contents.publicKeys) publicKeys.emplace(object.about.id.units());
   for (const PublishedKey& key : keys) {
     const auto [first, last] = certificates.equal_range(key.certificateID.units());
-    const PublishedCertificate* published = certificateOf(key, card);
+    const PublishedCertificate* published = certificateOf(card, key);
     const auto isTheSame = [&](const auto& named) {
       return bytesOf(named.second->data).starts_with(bytesOf(published->data));
     };

@@ -166,10 +166,7 @@ Failure uncertain(const Failure& incomplete, std::string_view name) {
 }
 
 Result<ChosenKey> withCertificate(const InsertedCard& card, const PublishedKey& key) {
-  for (const PublishedItem& item : card.items) {
-    const auto* certificate = std::get_if<PublishedCertificate>(&item);
-    if (certificate && certificate->objectID == key.certificateID) return ChosenKey{key, *certificate};
-  }
+  if (const auto* certificate = certificateOf(card, key)) return ChosenKey{key, *certificate};
   return Failure{FailureKind::kKeyNotFound, "the key " + shownID(key) + " has no certificate",
                  "the system refused its certificate item", UserStep::kSeeKeys};
 }
@@ -215,6 +212,14 @@ std::vector<PublishedKey> keysOf(const InsertedCard& card) {
     if (const auto* key = std::get_if<PublishedKey>(item)) keys.push_back(*key);
   }
   return keys;
+}
+
+const PublishedCertificate* certificateOf(const InsertedCard& card, const PublishedKey& key) {
+  for (const PublishedItem& item : card.items) {
+    const auto* certificate = std::get_if<PublishedCertificate>(&item);
+    if (certificate && certificate->objectID == key.certificateID) return certificate;
+  }
+  return nullptr;
 }
 
 Result<ChosenKey> chooseKey(const InsertedCard& card, std::string_view name) {

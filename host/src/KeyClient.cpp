@@ -17,6 +17,7 @@
 #include "host/CryptokiNames.h"
 #include "host/Display.h"
 #include "host/KeyAbility.h"
+#include "host/KeyChoice.h"
 #include "host/PinSource.h"
 #include "host/Verification.h"
 #include "platform/TimeAndChance.h"
@@ -85,11 +86,8 @@ Failure becauseOfKeyUsage(const InsertedCard& card, const PublishedKey& key, con
             entry.remedy.data()};  // a literal
   }
   std::string usage;
-  for (const PublishedItem& item : card.items) {
-    const auto* certificate = std::get_if<PublishedCertificate>(&item);
-    if (!certificate || !(certificate->objectID == key.certificateID)) continue;
+  if (const auto* certificate = certificateOf(card, key)) {
     for (const std::string& name : certificate->keyUsage) usage += (usage.empty() ? "" : ", ") + name;
-    break;
   }
   return {FailureKind::kNotSupported, what,
           "by the key usage of its certificate (" + usage + ") the key " + use, UserStep::kSeeKeys};
@@ -192,22 +190,19 @@ Result<Signature> KeyClient::sign(const PublishedKey& key, SecKeyAlgorithm algor
     return session_->signData(Bytes{prepared}, key.objectID, HostKeyAlgorithm{*form}, outError);
   });
   if (!value) return value.failure();
-  Signature made{*value, *form, Bytes{*data}, std::nullopt};
-  made.fault = faultIn("C_Sign");
-  if (!made.fault) {
-    const auto unverified = whyNotVerified(key, algorithm, made);
-    if (!unverified) return made;
-    if (whenItFails_) whenItFails_(*unverified);
-    // One of this card is handed out also where the card has been taken out since.
-    const auto left = whyCardLeft();
-    return left && left->kind == FailureKind::kAnotherCard ? Result<Signature>{*left} : made;
-  }
-  if (const auto cause = diary_->cause()) {
+  Signature made{*value, *form, Bytes{*data}, faultIn("C_Sign")};
+  const auto cause = made.fault ? diary_->cause() : std::nullopt;
+  if (cause) {
     made.fault->failure =
         failureBecauseOf(*cause, "there is no good signature", FailureKind::kVerificationFailed);
     if (isEmptyOrZero(made.value)) made.fault->failure = unlessCardLeft(*made.fault->failure);
   }
-  return made;
+  made.whyNotVerified = whyNotVerified(key, algorithm, made);
+  if (!made.whyNotVerified || made.whyNotVerified->isCauseKnown || made.fault) return made;
+  if (whenItFails_) whenItFails_(*made.whyNotVerified);
+  // One of this card is handed out also where the card has been taken out since.
+  const auto left = whyCardLeft();
+  return left && left->kind == FailureKind::kAnotherCard ? Result<Signature>{*left} : made;
 }
 
 Result<Bytes> KeyClient::decrypt(const PublishedKey& key, SecKeyAlgorithm algorithm, InputSource& input,
@@ -308,18 +303,16 @@ std::optional<Failure> KeyClient::whyCardLeft() {
   return left ? std::optional{failure} : std::nullopt;
 }
 
-/// Why it is no signature of that key of the card that was inserted, padded or not; nothing where it is one.
+/// Why it is no signature of that key of the card that was inserted; nothing where it is one.
 std::optional<Failure> KeyClient::whyNotVerified(const PublishedKey& key, SecKeyAlgorithm algorithm,
                                                  const Signature& signature) const {
-  for (const PublishedItem& item : card_.items) {
-    const auto* certificate = std::get_if<PublishedCertificate>(&item);
-    if (!certificate || !(certificate->objectID == key.certificateID)) continue;
-    const auto verified = verifySignature(*certificate, key, algorithm, signature);
-    if (verified || verified.failure().isCauseKnown) return std::nullopt;
-    return verified.failure();
+  const auto* certificate = certificateOf(card_, key);
+  if (!certificate) {
+    return Failure{FailureKind::kVerificationFailed, "the signature was not verified",
+                   "the key has no certificate", UserStep::kSeeKeys};
   }
-  return Failure{FailureKind::kVerificationFailed, "the signature was not verified",
-                 "the key has no certificate", UserStep::kSeeKeys};
+  const auto verified = verifySignature(*certificate, key, algorithm, signature);
+  return verified ? std::nullopt : std::optional{verified.failure()};
 }
 
 /// The failure of a request that came to nothing, or that the card is the reason for it.

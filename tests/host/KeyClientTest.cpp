@@ -156,7 +156,9 @@ Signature KeyClientTest::signature(SecKeyAlgorithm algorithm, const Value& data,
 Result<void> KeyClientTest::verified(SecKeyAlgorithm algorithm, const Signature& made) const {
   PublishedCertificate certificate;
   certificate.data = Bytes{key.certificate()};
-  return verifySignature(certificate, published(u"01"), algorithm, made);
+  auto result = verifySignature(certificate, published(u"01"), algorithm, made);
+  EXPECT_EQ(made.whyNotVerified ? made.whyNotVerified->why : "", result ? "" : result.failure().why);
+  return result;
 }
 
 Value KeyClientTest::plainText(SecKeyAlgorithm algorithm, const Value& cipher) {

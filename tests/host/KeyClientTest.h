@@ -106,7 +106,7 @@ class KeyClientTest : public InsertedCardTest {
                                     const char16_t* objectID = u"01");
   [[nodiscard]] Value plainText(SecKeyAlgorithm algorithm, const Value& cipher);
 
-  /// Whether that is a signature by the key "01".
+  /// Whether that is a signature by the key "01"; that the client says something else fails the test.
   [[nodiscard]] Result<void> verified(SecKeyAlgorithm algorithm, const Signature& made) const;
 
   /// Why the client gave none; a result fails the test.

@@ -17,6 +17,9 @@ struct ChosenKey {
 /// The keys among the items, in their order; those that are alike in everything count as one.
 [[nodiscard]] std::vector<PublishedKey> keysOf(const InsertedCard& card);
 
+/// The certificate that the key's item names; it lives as long as the card's items do. Null: there is none.
+[[nodiscard]] const PublishedCertificate* certificateOf(const InsertedCard& card, const PublishedKey& key);
+
 /// The label of a key or of its certificate: that of the certificate on the card, from the object identifier
 /// of the item. Null where that identifier is of another kind.
 [[nodiscard]] Text labelOf(const PublishedKey& key);

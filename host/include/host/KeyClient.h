@@ -37,6 +37,8 @@ struct Signature {
   SecKeyAlgorithm performed;  ///< the form in which the token was asked
   Bytes data;                 ///< what was signed: the digest of a message, else the data as they were given
   std::optional<CardFault> fault;  ///< nothing: none is known
+  /// Why it is no signature of the key in the certificate; nothing: it verifies.
+  std::optional<Failure> whyNotVerified{};
 };
 
 /// The token's answer to a key exchange.
@@ -76,7 +78,7 @@ class KeyClient {
   [[nodiscard]] std::optional<SecKeyAlgorithm> acceptedForm(const PublishedKey& key,
                                                             SecKeyAlgorithm algorithm);
 
-  /// Signs; a message is read piece by piece. That there is a signature does not mean that it verifies.
+  /// Signs; a message is read piece by piece. What the card gave is handed out also where it does not verify.
   [[nodiscard]] Result<Signature> sign(const PublishedKey& key, SecKeyAlgorithm algorithm, InputSource& input,
                                        PinSource& pins);
 

@@ -174,7 +174,7 @@ void testSignatures(KeyClient& client, const InsertedCard& card, const CardRepor
         isTooShort = true;
         continue;
       }
-      trials.add(key, report, failureOfSigning(client, key, *certificateOf(card, key), rule.algorithm, pins));
+      trials.add(key, report, failureOfSigning(client, key, rule.algorithm, pins));
     }
     const bool isPkcs1 = rule.rule == kPkcs1;
     trials.tell(rule.rule, isPkcs1 ? RuleVerdict::kWarn : RuleVerdict::kFail,

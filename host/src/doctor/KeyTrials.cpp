@@ -11,7 +11,6 @@
 #include "host/InputSource.h"
 #include "host/KeyAbility.h"
 #include "host/KeyChoice.h"
-#include "host/Verification.h"
 #include "platform/PublicKey.h"
 #include "platform/TimeAndChance.h"
 
@@ -212,23 +211,12 @@ std::vector<PublishedKey> findableKeysOf(const InsertedCard& card) {
 
 }  // namespace
 
-const PublishedCertificate* certificateOf(const InsertedCard& card, const PublishedKey& key) {
-  for (const PublishedItem& item : card.items) {
-    const auto* certificate = std::get_if<PublishedCertificate>(&item);
-    if (certificate && certificate->objectID == key.certificateID) return certificate;
-  }
-  return nullptr;
-}
-
-std::optional<Failure> failureOfSigning(KeyClient& client, const PublishedKey& key,
-                                        const PublishedCertificate& certificate, SecKeyAlgorithm algorithm,
+std::optional<Failure> failureOfSigning(KeyClient& client, const PublishedKey& key, SecKeyAlgorithm algorithm,
                                         PinSource& pins) {
   constexpr std::array<std::uint8_t, 6> kMessage{'T', 'r', 'i', 'a', 'l', '\n'};
   MemoryInput input{kMessage};
   const auto signature = client.sign(key, algorithm, input, pins);
-  if (!signature) return signature.failure();
-  const auto verified = verifySignature(certificate, key, algorithm, *signature);
-  return verified ? std::nullopt : std::optional{verified.failure()};
+  return signature ? signature->whyNotVerified : std::optional{signature.failure()};
 }
 
 std::optional<Failure> failureOfDecrypting(KeyClient& client, const PublishedKey& key,
@@ -277,8 +265,7 @@ void trySigning(const KeyTrial& trial, const PublishedKey& key, const Checkpoint
   const CardReport& report = trial.report;
   auto& evidence = ioOutcome.evidence;
   auto& findings = ioOutcome.findings;
-  const PublishedCertificate* certificate = certificateOf(trial.card, key);
-  if (!key.canSign || !certificate) return;
+  if (!key.canSign || !certificateOf(trial.card, key)) return;
   const std::string subject = subjectOf(report, key);
   if (key.keyType != CertificateKeyType::kRSA || worksForNothing(report, key))
     return evidence.add(subject,
@@ -290,13 +277,13 @@ void trySigning(const KeyTrial& trial, const PublishedKey& key, const Checkpoint
     ioOutcome.evidence.add(subject, text);
     ioOutcome.ended = ioOutcome.findings.emplace_back(goneFinding(failure)).id;
   };
-  if (const auto failure = failureOfSigning(trial.client, key, *certificate, algorithms->pss, trial.pins)) {
+  if (const auto failure = failureOfSigning(trial.client, key, algorithms->pss, trial.pins)) {
     if (isGone(*failure)) return endWith(*failure, "could not be tried");
     evidence.add(subject, outcomeText(trial, key, *failure, "does not sign"));
     findings.push_back(trialFinding(kSignatureFails, trial, key, *failure));
     return;
   }
-  const auto failure = failureOfSigning(trial.client, key, *certificate, algorithms->pkcs1, trial.pins);
+  const auto failure = failureOfSigning(trial.client, key, algorithms->pkcs1, trial.pins);
   if (failure && isGone(*failure)) return endWith(*failure, "signs RSA-PSS, and could not be tried further");
   // A key that wants the PIN for each use has not said anything about its padding.
   const bool isVerdict = failure && failure->kind == FailureKind::kVerificationFailed &&

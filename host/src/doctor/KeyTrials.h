@@ -8,12 +8,8 @@
 
 namespace mirel {
 
-/// The certificate that the key's item names; null: there is none.
-[[nodiscard]] const PublishedCertificate* certificateOf(const InsertedCard& card, const PublishedKey& key);
-
 /// The failure of one trial signature; nothing where it verifies.
 [[nodiscard]] std::optional<Failure> failureOfSigning(KeyClient& client, const PublishedKey& key,
-                                                      const PublishedCertificate& certificate,
                                                       SecKeyAlgorithm algorithm, PinSource& pins);
 
 /// The failure of one trial decryption; nothing where the text is as it was before.

@@ -6,8 +6,8 @@
 #include <set>
 #include <utility>
 
-#include "doctor/KeyTrials.h"
 #include "doctor/SystemTools.h"
+#include "host/KeyChoice.h"
 #include "platform/CertificateFields.h"
 #include "platform/Digest.h"
 #include "platform/Hex.h"
