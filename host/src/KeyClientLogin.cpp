@@ -45,10 +45,13 @@ Result<void> checkSending(const SecretText& pin) {
 
 }  // namespace
 
+/// Asks for PINs and has the card check them. The card was looked for just now.
 Result<void> KeyClient::authenticate(const Text& constraint, PinSource& pins) {
   int notSent = 0;
   for (int attempt = 1;; ++attempt) {
-    if (const auto card = lookForCard(); !card) return card.failure();
+    if (attempt > 1) {
+      if (const auto card = lookForCard(); !card) return card.failure();
+    }
     std::optional<TKError> error;
     const auto pinOperation = session_->beginAuthForOperation(constraint, &error);
     if (!pinOperation) {
@@ -113,6 +116,7 @@ Failure KeyClient::loginFailure(const std::string& wrongPin) {
 }
 
 Result<void> KeyClient::logIn(PinSource& pins) {
+  if (const auto card = lookForCard(); !card) return card.failure();
   if (const auto done = authenticate(Text{kPinConstraint}, pins); !done) return done.failure();
   if (diary_->lastResultOf("C_Login") != CKR_USER_ALREADY_LOGGED_IN) return {};
   Failure unchecked{FailureKind::kCardRefuses, "the PIN was not checked",

@@ -57,6 +57,14 @@ TEST_F(PinEntry, IsAllThereIsToALogin) {
   EXPECT_EQ(pins.timesAsked(), 1U);
 }
 
+TEST_F(PinEntry, FollowsOneLookAtTheCard) {
+  // Each look asks the module for its slots twice, which takes it milliseconds with a card in a reader.
+  const std::size_t before = script.countOf("C_GetSlotList");
+  pins.whenAsked = [&] { EXPECT_EQ(script.countOf("C_GetSlotList") - before, 2U); };
+  (void)signature(kSignByPss, {});
+  EXPECT_EQ(pins.timesAsked(), 1U);
+}
+
 TEST_F(PinEntry, IsNotCheckedByAModuleThatIsLoggedIn) {
   EXPECT_TRUE(logsIn(pins));
   GivenPins wrong{{u"000000"}};
