@@ -6,7 +6,8 @@ usage: bare_calls.py RECORDING > PROGRAM.c
 
 RECORDING: what `mireltoken record --out` or `--trace` has written of a command that did what it was asked. A call that
 answers something else than in the recording ends the program. What a recording leaves out stands in for itself: the PIN
-comes from a file, and data are bytes of the same number. Known are the calls that list a card, log in and sign."""
+comes from a file, and data are bytes of the same number. Handles are those that the module gives this time. Known are the
+calls that list a card, log in and sign."""
 
 import json
 import sys
@@ -14,6 +15,7 @@ import sys
 START = r"""#include <dlfcn.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 
 typedef unsigned long UL;
 typedef void* P;
@@ -22,6 +24,8 @@ struct mechanism { UL type; void* parameter; UL length; };
 struct list { unsigned char version[2]; void (*entries[68])(void); };
 
 #define CALL(place, result, ...) expect(place, result, ((UL(*)(__VA_ARGS__))functions->entries[place])
+
+static UL handles[MANY];
 
 static void expect(int place, UL result, UL answer) {
   if (answer == result) return;
@@ -78,16 +82,27 @@ def bytes_of(entry):
 
 
 class Statement:
-    """A call: its arguments, with their types, and what is declared before."""
+    """A call: its arguments, with their types, what is declared before and what is kept afterwards.
 
-    def __init__(self, call):
-        self.call, self.given, self.declared, self.arguments = call, call["in"], [], []
+    `places`: where the handles are kept that the recording has."""
+
+    def __init__(self, call, places):
+        self.call, self.given, self.places = call, call["in"], places
+        self.declared, self.arguments, self.kept = [], [], []
 
     def add(self, kind, text):
         self.arguments.append((kind, str(text)))
 
     def number(self, name):
         self.add("UL", f"{self.given[name]}UL")
+
+    def handle(self, name):
+        handle = self.given[name]
+        self.add("UL", f"handles[{self.places[handle]}]" if handle in self.places else f"{handle}UL")
+
+    def place_of(self, handle):
+        """Where a handle is kept that the module gives."""
+        return self.places.setdefault(handle, len(self.places))
 
     def room(self, size, unit=1):
         """For what is answered; None: a null pointer."""
@@ -133,12 +148,12 @@ class Statement:
         place, result = PLACES[self.call["function"]], number_of(self.call["result"], RESULTS)
         types = "".join(f", {kind}" for kind, _ in self.arguments)
         values = ", ".join(text for _, text in self.arguments)
-        return f"  {{ {' '.join(self.declared)} CALL({place}, {result}UL{types})({values})); }}\n"
+        return f"  {{ {' '.join(self.declared)} CALL({place}, {result}UL{types})({values})); {' '.join(self.kept)} }}\n"
 
 
-def statement_of(call):
+def statement_of(call, places):
     """The call in C."""
-    made, function = Statement(call), call["function"]
+    made, function = Statement(call, places), call["function"]
     if function == "C_Initialize":
         if made.given["initArgs"]:
             sys.exit("bare_calls.py: C_Initialize with arguments is not known")
@@ -148,37 +163,42 @@ def statement_of(call):
         made.room(made.given["slots"], "sizeof(UL)")
         made.counter(made.given["slots"])
     elif function in ("C_GetSlotInfo", "C_GetTokenInfo", "C_GetSessionInfo"):
-        made.number("session" if function == "C_GetSessionInfo" else "slot")
+        if function == "C_GetSessionInfo":
+            made.handle("session")
+        else:
+            made.number("slot")
         made.room(INFO_SIZE)
     elif function == "C_OpenSession":
         made.number("slot")
         made.number("flags")
         made.add("P", "0")
         made.add("P", "0")
-        made.counter(0)
+        made.add("P", f"&handles[{made.place_of(call['out']['session'])}]")
     elif function in ("C_CloseSession", "C_FindObjectsFinal"):
-        made.number("session")
+        made.handle("session")
     elif function == "C_Login":
-        made.number("session")
+        made.handle("session")
         made.number("userType")
         made.add("P", "pin")
         made.add("UL", "pinLen")
     elif function in ("C_GetAttributeValue", "C_FindObjectsInit"):
-        made.number("session")
+        made.handle("session")
         if function == "C_GetAttributeValue":
-            made.number("object")
+            made.handle("object")
         made.template()
     elif function == "C_FindObjects":
-        made.number("session")
+        made.handle("session")
         made.room(made.given["objects"], "sizeof(UL)")
         made.number("objects")
         made.counter(0)
+        for number, handle in enumerate(call["out"]["objects"].get("value", [])):
+            made.kept.append(f"memcpy(&handles[{made.place_of(handle)}], r + {number} * sizeof(UL), sizeof(UL));")
     elif function == "C_SignInit":
-        made.number("session")
+        made.handle("session")
         made.mechanism()
-        made.number("key")
+        made.handle("key")
     elif function == "C_Sign":
-        made.number("session")
+        made.handle("session")
         made.data("data")
         made.room(made.given["signature"])
         made.counter(made.given["signature"])
@@ -193,4 +213,6 @@ with open(sys.argv[1], encoding="utf-8") as lines:
     records = [json.loads(line) for line in lines]
 # The library is opened once: what is done again for it is our own work.
 calls = [record for record in records if record.get("function", "C_GetFunctionList") != "C_GetFunctionList"]
-sys.stdout.write(START + "".join(statement_of(call) for call in calls) + END)
+given_handles = {}
+statements = "".join(statement_of(call, given_handles) for call in calls)
+sys.stdout.write(START.replace("MANY", str(len(given_handles) + 1)) + statements + END)
