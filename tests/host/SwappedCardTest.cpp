@@ -121,6 +121,17 @@ TEST_F(SwappedCard, IsNoReasonToAskForThePin) {
   expectUntouched();
 }
 
+TEST_F(SwappedCard, IsNoReasonToAskAgainAfterAWrongPin) {
+  script.hook<&CK_FUNCTION_LIST::C_Login>([&](auto real, auto... args) {
+    const CK_RV rv = real(args...);
+    swap();
+    return rv;
+  });
+  GivenPins wrong{{u"000000", u"123456"}};
+  expectAnotherCard(failureOf(client->logIn(wrong)));
+  EXPECT_EQ(wrong.timesAsked(), 1U);
+}
+
 TEST_F(SwappedCard, SignsAndDecryptsNothingAfterTheLogin) {
   EXPECT_TRUE(client->logIn(pins));
   script.forgetCalls();
