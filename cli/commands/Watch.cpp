@@ -308,13 +308,13 @@ class WatchRun {
   void endWithoutToken() {
     if (!moduleHasAnswered_ && lastTold_) return endFor(*lastTold_);
     if (Clock::now() < end_) return;  // whoever ends it has seen the events
-    const bool isReading = tellOfUnreadCards();
+    tellOfUnreadCards();
     if (cardFailure_ && !hadToken_) {
       session_.setExitCode(exitCodeOf(*cardFailure_));
       return writeMessage("mireltoken: no card was published until the end of the watch; the first: " +
                           wordsOf(*cardFailure_));
     }
-    if (!moduleHasAnswered_ && !isReading && isAwaited(look_)) {
+    if (!moduleHasAnswered_ && isAwaited(look_)) {
       tellOfSlowness("nothing was seen of the readers",
                      "the module has not answered until the end of the watch");
     }
@@ -324,16 +324,13 @@ class WatchRun {
     return helper && !helper->hasEnded();
   }
 
-  /// Of those no event tells. False: there are none.
-  bool tellOfUnreadCards() {
-    bool isReading = false;
+  /// Of those no event tells.
+  void tellOfUnreadCards() {
     for (const auto& [name, card] : cards_) {
       if (card.isTold || !isAwaited(card.helper)) continue;
-      isReading = true;
       tellOfSlowness("the card in the reader \"" + displayed(card.insertion.reader) + "\" was not read",
                      "the module was still busy with it at the end of the watch");
     }
-    return isReading;
   }
 
   void tellOfSlowness(const std::string& what, const std::string& why) {
