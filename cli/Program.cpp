@@ -176,7 +176,7 @@ Result<void> parse(std::span<char* const> line, std::optional<std::span<char* co
     parsers.recorded->parse(*behind);
     const bool usesCard =
         options.command && options.command != &explainCommand && options.command != &traceCommand;
-    if (!usesCard) return wrongUsage("record needs a command that uses a card");
+    if (!usesCard) return wrongUsage("record needs a command that uses a card", "record");
   }
   const CLI::App* const parsed[] = {parsers.recorded ? &*parsers.recorded : nullptr, &parsers.whole};
   options.words = wordsOf(parsed, options);
@@ -207,7 +207,8 @@ std::optional<Result<ExitCode>> parseWhole(std::span<char* const> line, Options&
   } catch (const CLI::CallForVersion&) {
     return print(versionText());
   } catch (const CLI::ParseError& error) {
-    return wrongUsage(refusalText(parsers.last(), error));
+    const Refusal refusal = refusalOf(parsers.last(), error);
+    return wrongUsage(refusal.why, refusal.command);
   }
   return std::nullopt;
 }

@@ -146,14 +146,21 @@ std::string unknownWord(const CLI::App& app, const std::string& unknown) {
   return "there is no \"" + unknown + "\"" + suggestionIn(app, unknown);
 }
 
-std::string exclusion(const OptionList& options) {
+/// The command that was chosen, if the option is its own.
+std::string ownerOf(const CLI::Option& option, const CLI::App& app) {
+  const OptionList common = optionsOf(app);
+  const bool isCommon = std::find(common.begin(), common.end(), &option) != common.end();
+  return isCommon ? "" : chosenIn(app).get_name();
+}
+
+Refusal exclusion(const CLI::App& app, const OptionList& options) {
   for (const CLI::Option* option : options) {
     if (option->count() == 0) continue;
     for (const CLI::Option* other : option->get_excludes()) {
-      if (other->count() > 0) return nameOf(*option) + " excludes " + nameOf(*other);
+      if (other->count() > 0) return {nameOf(*option) + " excludes " + nameOf(*other), ownerOf(*option, app)};
     }
   }
-  return "there are options that exclude each other";
+  return {"there are options that exclude each other", {}};
 }
 
 std::string helpTextFor(const CLI::App& app, const CLI::App& shown) {
@@ -169,10 +176,24 @@ std::string helpTextFor(const CLI::App& app, const CLI::App& shown) {
   for (const CLI::Option* option : optionsOf(shown)) {
     if (!option->get_description().empty()) text += optionLine(*option);
   }
-  if (isCommand) return text.append("\n");
+  if (isCommand)
+    return text.append(
+        "\nOptions of all commands, such as --module, --reader and --json: mireltoken --help\n");
 
   text += "\nCommands:\n" + commandLines(app);
   return text.append("\n").append(app.get_footer()).append("\n");
+}
+
+std::string refusedValueText(const CLI::Option& option, const CLI::ParseError& error) {
+  const std::string name = nameOf(option);
+  if (!takesValue(option)) return name + " takes no such value";
+  if (option.count() > 1) return name + " is given more than once";
+  if (dynamic_cast<const CLI::ArgumentMismatch*>(&error))
+    return name + " needs a value (" + option.get_type_name() + ")";
+  if (const auto range = rangeOf(name); range && !option.results().empty())
+    return "the value \"" + option.results().front() + "\" of " + name + " is not " + *range;
+  // Not repeated: it may be a PIN.
+  return "the value of " + name + " is no " + option.get_type_name();
 }
 
 }  // namespace
@@ -193,24 +214,17 @@ std::string shortHelpText(const CLI::App& app) {
          "See those of a command with: mireltoken help COMMAND\n";
 }
 
-std::string refusalText(const CLI::App& app, const CLI::ParseError& error) {
+Refusal refusalOf(const CLI::App& app, const CLI::ParseError& error) {
   const std::vector<std::string> unknown = app.remaining();
-  if (!unknown.empty()) return unknownWord(app, unknown.front());
-  if (dynamic_cast<const CLI::RequiredError*>(&error)) return "a command is required";
+  const CLI::App& chosen = chosenIn(app);
+  if (!unknown.empty()) return {unknownWord(app, unknown.front()), &chosen == &app ? "" : chosen.get_name()};
+  if (dynamic_cast<const CLI::RequiredError*>(&error)) return {"a command is required", {}};
   const OptionList options = usableOptions(app);
-  if (dynamic_cast<const CLI::ExcludesError*>(&error)) return exclusion(options);
+  if (dynamic_cast<const CLI::ExcludesError*>(&error)) return exclusion(app, options);
 
   const CLI::Option* option = optionNamedIn(error.what(), options);
-  if (!option) return "the arguments cannot be understood";
-  if (!takesValue(*option)) return nameOf(*option) + " takes no such value";
-  if (option->count() > 1) return nameOf(*option) + " is given more than once";
-  if (dynamic_cast<const CLI::ArgumentMismatch*>(&error)) {
-    return nameOf(*option) + " needs a value (" + option->get_type_name() + ")";
-  }
-  if (const auto range = rangeOf(nameOf(*option)); range && !option->results().empty())
-    return "the value \"" + option->results().front() + "\" of " + nameOf(*option) + " is not " + *range;
-  // Not repeated: it may be a PIN.
-  return "the value of " + nameOf(*option) + " is no " + option->get_type_name();
+  if (!option) return {"the arguments cannot be understood", {}};
+  return {refusedValueText(*option, error), ownerOf(*option, app)};
 }
 
 }  // namespace mirel::cli

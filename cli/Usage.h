@@ -23,7 +23,12 @@ namespace mirel::cli {
 /// What the program says to somebody who gives it nothing to do.
 [[nodiscard]] std::string shortHelpText(const CLI::App& app);
 
-/// Why the command line was refused, without a period.
-[[nodiscard]] std::string refusalText(const CLI::App& app, const CLI::ParseError& error);
+/// Why a command line was refused.
+struct Refusal {
+  std::string why;      ///< without a period
+  std::string command;  ///< whose help has what was meant; empty: that of the program
+};
+
+[[nodiscard]] Refusal refusalOf(const CLI::App& app, const CLI::ParseError& error);
 
 }  // namespace mirel::cli

@@ -2,8 +2,11 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
+#include <iterator>
 #include <optional>
+#include <string_view>
 #include <system_error>
 #include <utility>
 #include <vector>
@@ -18,6 +21,13 @@ namespace mirel::cli {
 namespace {
 
 namespace fs = std::filesystem;
+
+/// By the name of the command.
+constexpr std::pair<std::string_view, const char*> kHelps[] = {
+#define MIREL_HELP(name) {#name, "see mireltoken " #name " --help"},
+    MIREL_COMMANDS(MIREL_HELP) MIREL_HELP(record) MIREL_HELP(help)
+#undef MIREL_HELP
+};
 
 using NamedFile = std::pair<std::string, std::optional<std::string>>;
 
@@ -103,54 +113,58 @@ std::shared_ptr<UserDirectory> userOf(const Options& options, std::shared_ptr<Us
 }
 
 Result<void> checkUsage(const Options& options) {
+  const std::string command{options.command->name};
   const struct {
     const char* name;
     const std::optional<std::string>& value;
-  } texts[] = {{"--module", options.modulePath},
-               {"--home", options.home},
-               {"--key", options.key},
-               {"--algorithm", options.algorithm},
-               {"--in", options.in},
-               {"--out", options.out},
-               {"--pin-file", options.pinFile},
-               {"--trace", options.trace},
-               {"--replay", options.replay},
-               {"--exec", options.exec}};
-  for (const auto& [name, value] : texts) {
-    if (value && value->empty()) return wrongUsage(std::string{name} + " is empty");
+    std::string command;
+  } texts[] = {{"--module", options.modulePath, {}},
+               {"--home", options.home, {}},
+               {"--trace", options.trace, {}},
+               {"--replay", options.replay, {}},
+               {"--key", options.key, command},
+               {"--algorithm", options.algorithm, command},
+               {"--in", options.in, command},
+               {"--out", options.out, command},
+               {"--pin-file", options.pinFile, command},
+               {"--exec", options.exec, command}};
+  for (const auto& [name, value, owner] : texts) {
+    if (value && value->empty()) return wrongUsage(std::string{name} + " is empty", owner);
   }
   for (const auto& [name, value] : options.files) {
-    if (value && value->empty()) return wrongUsage(name + " is empty");
+    if (value && value->empty()) return wrongUsage(name + " is empty", command);
   }
   if (!options.key && options.command->takes(CommandOption::Kind::kKey))
-    return wrongUsage("--key is missing");
+    return wrongUsage("--key is missing", command);
   if (auto key = checkKeyName(options.key.value_or("")); !key) return key;
   if (options.trace == "-") return wrongUsage("--trace needs a file, not standard output");
   if (auto places = checkPlaces(options); !places) return places;
   if (options.replay && options.modulePath) return wrongUsage("--replay excludes --module");
   if (options.replay && options.home) return wrongUsage("--replay excludes --home");
   if (!options.command->hasWorker && options.recordTo)
-    return wrongUsage(std::string{options.command->name} +
-                      " cannot be recorded, since each card has a process of its own");
+    return wrongUsage(command + " cannot be recorded, since each card has a process of its own", "record");
   if (!options.command->hasWorker && (options.trace || options.replay || options.verbose > 1))
-    return wrongUsage(std::string{options.command->name} + " takes neither --trace, --replay nor -vv");
+    return wrongUsage(command + " takes neither --trace, --replay nor -vv");
   const bool readsInput = options.command->takes(CommandOption::Kind::kInput);
   if (options.pinFd == STDIN_FILENO && readsInput && options.in.value_or("-") == "-") {
-    return wrongUsage("--pin-fd 0 and the data cannot both be standard input");
+    return wrongUsage("--pin-fd 0 and the data cannot both be standard input", command);
   }
   return {};
 }
 
 Result<void> checkRecord(const Options& options) {
-  if (!options.recordTo) return wrongUsage("record needs --out");
-  if (options.recordTo->empty()) return wrongUsage("--out is empty");
+  if (!options.recordTo) return wrongUsage("record needs --out", "record");
+  if (options.recordTo->empty()) return wrongUsage("--out is empty", "record");
   // Standard output has what the command prints.
-  if (*options.recordTo == "-") return wrongUsage("record --out needs a file, not standard output");
+  if (*options.recordTo == "-") return wrongUsage("record --out needs a file, not standard output", "record");
   return {};
 }
 
-Failure wrongUsage(const std::string& why) {
-  return {FailureKind::kWrongUsage, "wrong usage", why, "see mireltoken --help"};
+Failure wrongUsage(const std::string& why, std::string_view command) {
+  const auto found = std::find_if(std::begin(kHelps), std::end(kHelps),
+                                  [&](const auto& help) { return help.first == command; });
+  const char* advice = found == std::end(kHelps) ? "see mireltoken --help" : found->second;
+  return {FailureKind::kWrongUsage, "wrong usage", why, advice};
 }
 
 }  // namespace mirel::cli

@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "Options.h"
 #include "host/Result.h"
@@ -22,6 +23,7 @@ namespace mirel::cli {
 /// Whether the options of "record" itself do.
 [[nodiscard]] Result<void> checkRecord(const Options& options);
 
-[[nodiscard]] Failure wrongUsage(const std::string& why);
+/// `command`: whose help has what was meant; empty: that of the program.
+[[nodiscard]] Failure wrongUsage(const std::string& why, std::string_view command = {});
 
 }  // namespace mirel::cli

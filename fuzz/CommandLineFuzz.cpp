@@ -107,7 +107,7 @@ void runTarget(Input& input) {
   } catch (const CLI::CallForVersion&) {
     // has nothing to do with what was typed
   } catch (const CLI::ParseError& error) {
-    const std::string why = cli::refusalText(app, error);
+    const std::string why = cli::refusalOf(app, error).why;
     check(!why.empty(), "a command line is not refused without a word");
     // The words of the user, which stand in it, are made printable where it is written.
     check(isPrintableLine(printableLine(why)), "a refusal can be made printable");

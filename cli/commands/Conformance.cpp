@@ -11,6 +11,7 @@
 #include "PinEntry.h"
 #include "RuleNotes.h"
 #include "Session.h"
+#include "UsageChecks.h"
 #include "Version.h"
 #include "Worker.h"
 #include "host/Display.h"
@@ -174,15 +175,12 @@ ExitCode exitCodeOf(RuleVerdict verdict) {
   }
 }
 
-Failure wrongUsage(const std::string& why) {
-  return {FailureKind::kWrongUsage, "wrong usage", why, "see mireltoken conformance --help"};
-}
-
 Result<void> checkFiles(const Options& options) {
   for (const char* option : {kHtml, kJunit}) {
     const auto file = options.fileOf(option);
     if (!file) continue;
-    if (file->empty() || *file == "-") return wrongUsage(std::string{option} + " needs the name of a file");
+    if (file->empty() || *file == "-")
+      return wrongUsage(std::string{option} + " needs the name of a file", "conformance");
     if (auto writable = checkWriting(file); !writable) return writable;
   }
   return {};
@@ -222,7 +220,7 @@ Result<void> run(Session& session) {
           guardOf(session.services().cardService, reader.name));
     };
   } else if (options.pinFile || options.pinFd || options.lastTry) {
-    return wrongUsage("a PIN is of no use without --login");
+    return wrongUsage("a PIN is of no use without --login", "conformance");
   }
   if (auto usable = checkFiles(options); !usable) return usable;
   if (auto readable = checkPinFile(options); !readable) return readable;

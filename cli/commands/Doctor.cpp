@@ -15,6 +15,7 @@
 #include "PinEntry.h"
 #include "Progress.h"
 #include "Session.h"
+#include "UsageChecks.h"
 #include "Version.h"
 #include "Worker.h"
 #include "host/DistinctItems.h"
@@ -113,20 +114,16 @@ ExitCode exitCodeOf(Severity verdict) {
   }
 }
 
-Failure wrongUsage(const std::string& why) {
-  return {FailureKind::kBadInput, "wrong usage", why, "see mireltoken doctor --help"};
-}
-
 Result<void> checkOptions(const Options& options) {
   if (!options.has(kLogin) && (options.pinFile || options.pinFd || options.lastTry))
-    return wrongUsage("a PIN is of no use without --login");
+    return wrongUsage("a PIN is of no use without --login", "doctor");
   if (options.has(kAnonymous) && !options.fileOf(kBundle))
-    return wrongUsage("--anonymous is of no use without --bundle");
+    return wrongUsage("--anonymous is of no use without --bundle", "doctor");
   if (auto readable = checkPinFile(options); !readable) return readable;
   for (const auto& [option, file] : options.files) {
     if (!file) continue;
     // Standard output has what is for the terminal, or the JSON.
-    if (file == "-") return wrongUsage(option + " needs a file, not standard output");
+    if (file == "-") return wrongUsage(option + " needs a file, not standard output", "doctor");
     if (auto writable = checkWriting(file); !writable) return writable;
   }
   return {};

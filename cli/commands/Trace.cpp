@@ -8,6 +8,7 @@
 #include "Output.h"
 #include "Recordings.h"
 #include "Session.h"
+#include "UsageChecks.h"
 #include "platform/Log.h"
 #include "recording/CallText.h"
 
@@ -20,10 +21,6 @@ using recording::RecordedEnd;
 constexpr const char* kFile = "FILE";
 constexpr const char* kFailed = "--failed";
 constexpr const char* kSlow = "--slow";
-
-Failure wrongUsage(const std::string& why) {
-  return {FailureKind::kBadInput, "wrong usage", why, "see mireltoken trace --help"};
-}
 
 std::string millisecondsText(std::uint64_t microseconds) {
   std::array<char, 32> text{};
@@ -101,7 +98,8 @@ std::string jsonText(const NumberedCalls& calls, const LoadedRecording& loaded) 
 Result<void> run(Session& session) {
   const Options& options = session.options();
   const auto file = options.fileOf(kFile);
-  if (options.word.value_or("show") != "show" || !file) return wrongUsage("it is \"trace show FILE\"");
+  if (options.word.value_or("show") != "show" || !file)
+    return wrongUsage("it is \"trace show FILE\"", "trace");
   const auto loaded = loadRecording(*file);
   if (!loaded) return loaded.failure();
   const NumberedCalls all = callsIn(loaded->recording);

@@ -81,6 +81,7 @@ Usage: mireltoken readers [OPTIONS]
 Options:
   -h,--help                   Print this help and exit
 
+Options of all commands, such as --module, --reader and --json: mireltoken --help
 )";
   constexpr const char* kSignHelp = R"(Sign with a key of the card, and verify the signature
 Usage: mireltoken sign [OPTIONS]
@@ -98,6 +99,7 @@ Options:
                               Read the PIN from this open file descriptor
   --last-try                  Send a PIN from a file or descriptor also when that may lock the card
 
+Options of all commands, such as --module, --reader and --json: mireltoken --help
 )";
   const Result result = runAlone("--help");
   expectSuccess(result);
@@ -132,51 +134,75 @@ TEST_F(CommandLine, HelpHasAnExampleOfEachCommandAndEveryExitCodeOnce) {
 }
 
 TEST_F(CommandLine, WordsItsRefusalsLikeThis) {
-  const std::pair<Arguments, const char*> rows[] = {
+  const struct {
+    Arguments arguments;
+    const char* why;
+    const char* help = "mireltoken --help";
+  } rows[] = {
       {"-v", "a command is required"},
       {"help cards", "there is no command \"cards\""},
       {"help decript", "there is no command \"decript\" (did you mean \"decrypt\"?)"},
-      {"help sign items", "there is no \"items\""},
       {"cards", "there is no \"cards\""},
-      {"readers items", "there is no \"items\""},
-      {"items more", "there is no \"more\""},
-      {"items --colour", "there is no \"--colour\""},
-      {"items --AZaz", "there is no \"--AZaz\""},
       {"itmes", "there is no \"itmes\" (did you mean \"items\"?)"},
-      {"items --raeder x", "there is no \"--raeder\" (did you mean \"--reader\"?)"},
-      {"sign --algoritm=PS256", "there is no \"--algoritm\" (did you mean \"--algorithm\"?)"},
-      {"-x items", "there is no \"-x\""},
-      {"sign --pin 123456", "there is no \"--pin\" (did you mean \"--pin-file\"?)"},
+      {"--colour items", "there is no \"--colour\"", "mireltoken items --help"},
+      // of all commands
       {"items --module", "--module needs a value (PATH)"},
       {"items --reader", "--reader needs a value (NAME)"},
       {"items --home", "--home needs a value (DIR)"},
-      {"login --pin-fd", "--pin-fd needs a value (N)"},
-      {"login --pin-file", "--pin-file needs a value (FILE)"},
-      {"login --pin-fd x", "the value of --pin-fd is no N"},
       {"items --timeout 0.5", "the value \"0.5\" of --timeout is not a whole number from 0 to 86400"},
       {"items --timeout -1", "the value \"-1\" of --timeout is not a whole number from 0 to 86400"},
       {"items --timeout 99999999999",
        "the value \"99999999999\" of --timeout is not a whole number from 0 to 86400"},
-      {"watch --for 0", "the value \"0\" of --for is not a whole number from 1 to 86400"},
       {"items --json=perhaps", "--json takes no such value"},
       {"items --json=false", "--json takes no such value"},
       {"items --verbose=loud", "--verbose takes no such value"},
       {"items --verbose=99999999999999999999", "--verbose takes no such value"},
-      {"sign --no-verify=perhaps", "--no-verify takes no such value"},
       {"items --reader a --reader b", "--reader is given more than once"},
       {"items --module /m --module /m", "--module is given more than once"},
       {"items --home / --module /m", "--module excludes --home"},
       {"--home / --module /m items", "--module excludes --home"},
-      {"login --pin-fd 3 --pin-file f", "--pin-file excludes --pin-fd"},
       {{"items", "--module", ""}, "--module is empty"},
       {{"items", "--home", ""}, "--home is empty"},
+      {{"items", "--trace", ""}, "--trace is empty"},
+      // of the command
+      {"help sign items", "there is no \"items\"", "mireltoken help --help"},
+      {"readers items", "there is no \"items\"", "mireltoken readers --help"},
+      {"items more", "there is no \"more\"", "mireltoken items --help"},
+      {"items --colour", "there is no \"--colour\"", "mireltoken items --help"},
+      {"items --AZaz", "there is no \"--AZaz\"", "mireltoken items --help"},
+      {"items --raeder x", "there is no \"--raeder\" (did you mean \"--reader\"?)",
+       "mireltoken items --help"},
+      {"sign --algoritm=PS256", "there is no \"--algoritm\" (did you mean \"--algorithm\"?)",
+       "mireltoken sign --help"},
+      {"-x items", "there is no \"-x\"", "mireltoken items --help"},
+      {"sign --pin 123456", "there is no \"--pin\" (did you mean \"--pin-file\"?)", "mireltoken sign --help"},
+      {"login --pin-fd", "--pin-fd needs a value (N)", "mireltoken login --help"},
+      {"login --pin-file", "--pin-file needs a value (FILE)", "mireltoken login --help"},
+      {"login --pin-fd x", "the value of --pin-fd is no N", "mireltoken login --help"},
+      {"watch --for 0", "the value \"0\" of --for is not a whole number from 1 to 86400",
+       "mireltoken watch --help"},
+      {"sign --no-verify=perhaps", "--no-verify takes no such value", "mireltoken sign --help"},
+      {"login --pin-fd 3 --pin-file f", "--pin-file excludes --pin-fd", "mireltoken login --help"},
+      {"sign", "--key is missing", "mireltoken sign --help"},
+      {{"sign", "--key", ""}, "--key is empty", "mireltoken sign --help"},
+      {{"doctor", "--html", ""}, "--html is empty", "mireltoken doctor --help"},
+      {"doctor --last-try", "a PIN is of no use without --login", "mireltoken doctor --help"},
+      {"conformance --last-try", "a PIN is of no use without --login", "mireltoken conformance --help"},
+      {"trace FILE", "it is \"trace show FILE\"", "mireltoken trace --help"},
+      // of record, and of what stands behind it
+      {"record items", "record needs --out", "mireltoken record --help"},
+      {"record --out - items", "record --out needs a file, not standard output", "mireltoken record --help"},
+      {"record --out x trace show FILE", "record needs a command that uses a card",
+       "mireltoken record --help"},
+      {"record --out x sign --algoritm x", "there is no \"--algoritm\" (did you mean \"--algorithm\"?)",
+       "mireltoken sign --help"},
   };
-  for (const auto& [arguments, why] : rows) {
+  for (const auto& [arguments, why, help] : rows) {
     SCOPED_TRACE(::testing::PrintToString(arguments));
     const Result result = runAlone(arguments);
     EXPECT_EQ(result.exitCode, 2);
     EXPECT_EQ(result.out, "");
-    EXPECT_EQ(result.err, std::string{"mireltoken: wrong usage: "} + why + "; see mireltoken --help\n");
+    EXPECT_EQ(result.err, std::string{"mireltoken: wrong usage: "}.append(why) + "; see " + help + "\n");
   }
 }
 

@@ -11,8 +11,8 @@ class KeyUsage : public EndToEndTest {
 
 TEST_F(KeyUsage, RefusesWhatIsMissingOrEmpty) {
   std::vector<FailingRun> rows{{{"sign", "--key", ""}, 2, {"--key is empty"}}};
-  for (const char* command : {"sign", "decrypt", "exchange", "certificate"})
-    rows.push_back({command, 2, {"wrong usage: --key is missing; see mireltoken --help"}});
+  for (const std::string command : {"sign", "decrypt", "exchange", "certificate"})
+    rows.push_back({command, 2, {"wrong usage: --key is missing; see mireltoken " + command + " --help"}});
   for (const std::string option : {"--algorithm", "--in", "--out", "--pin-file"})
     rows.push_back({{"sign", "--key", "01", option, ""}, 2, {option + " is empty"}});
   expectFailures(rows);
