@@ -22,6 +22,9 @@ TEST_F(ConformanceCommand, TestsEachRuleAndSaysWhatUsersCanDo) {
   EXPECT_EQ(result.err, "");
   EXPECT_THAT(result.out, StartsWith("skip  CR-01  the module is in its place and can be loaded: "));
   EXPECT_THAT(result.out, HasSubstr("\npass  CR-33  C_Login accepts the PIN of the user: "));
+  EXPECT_THAT(
+      result.out,
+      HasSubstr("\npass  CR-39  C_Sign with CKM_RSA_X_509 signs a whole block: 4 signatures tried\n"));
   EXPECT_THAT(result.out, HasSubstr("\npass  CR-43  RSA-PSS with SHA-256 verifies: 1 key tried\n"));
   EXPECT_THAT(result.out, HasSubstr("\nwarn  CR-46  "));
   EXPECT_THAT(result.out,

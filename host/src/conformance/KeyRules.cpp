@@ -141,11 +141,13 @@ struct Trials {
     return unknown ? std::nullopt : std::optional{false};
   }
 
-  void tell(RuleID rule, RuleVerdict ifBroken, const std::string& ifNone, RuleResults& results) const {
+  /// `thing`: what was tried.
+  void tell(RuleID rule, RuleVerdict ifBroken, const std::string& ifNone, RuleResults& results,
+            const std::string& thing = "key") const {
     if (broken) return results.set(rule, ifBroken, *broken);
     if (unknown) return results.unknown(rule, *unknown);
     if (numGood == 0) return results.skip(rule, ifNone);
-    results.pass(rule, std::to_string(numGood) + (numGood == 1 ? " key" : " keys") + " tried");
+    results.pass(rule, std::to_string(numGood) + " " + thing + (numGood == 1 ? "" : "s") + " tried");
   }
 };
 
@@ -192,7 +194,7 @@ void testSignatures(KeyClient& client, const InsertedCard& card, const CardRepor
     raw.broken.reset();
     raw.unknown.reset();
   }
-  raw.tell(kRawSignature, RuleVerdict::kFail, "no key of the card signs", results);
+  raw.tell(kRawSignature, RuleVerdict::kFail, "no key of the card signs", results, "signature");
 }
 
 void testDecryption(KeyClient& client, const InsertedCard& card, const CardReport& report, PinSource& pins,
