@@ -69,6 +69,24 @@ TEST_F(ConformanceTest, NamesEachObjectThatLacksAnAttribute) {
   EXPECT_EQ(broken->evidence, "public key number 1 lacks CKA_LABEL; certificate number 1 lacks CKA_ID");
 }
 
+TEST_F(ConformanceTest, CountsTheKeysItHasLookedAt) {
+  const auto evidenceOf = [this](std::string_view number) {
+    script.card().loggedIn = false;
+    given.emplace(std::deque<std::u16string>{u"123456"});
+    for (const RuleResult& result : tested().results) {
+      if (result.rule.number == number) return result.evidence;
+    }
+    return std::string{};
+  };
+  EXPECT_EQ(evidenceOf("CR-37"), "1 RSA signing key looked at");
+  EXPECT_EQ(evidenceOf("CR-48"), "1 RSA decrypting key looked at");
+  addKey("03", "Another", kForSigning, SoftwareKey::rsa(1024));
+  addKey("04", "Safe", kForDecrypting, SoftwareKey::rsa(1024));
+  EXPECT_EQ(evidenceOf("CR-37"), "2 RSA signing keys looked at");
+  EXPECT_EQ(evidenceOf("CR-38"), "2 RSA signing keys looked at");
+  EXPECT_EQ(evidenceOf("CR-48"), "2 RSA decrypting keys looked at");
+}
+
 TEST_F(ConformanceTest, SendsNoPinWithoutBeingAskedTo) {
   const Conformance found = tested(false);
   EXPECT_EQ(script.countOf("C_Login"), 0U);

@@ -393,9 +393,9 @@ void testKeyObjects(const P11Bridge& bridge, const InsertedCard& card, RuleResul
     }
   }
   bridge.closeInspection(session);
-  gathered[kModulusReadable].tell(kModulusReadable, "RSA key that signs", results);
-  gathered[kSigningPrivateKey].tell(kSigningPrivateKey, "RSA key that signs", results);
-  gathered[kPrivateModulus].tell(kPrivateModulus, "RSA key that decrypts", results);
+  gathered[kModulusReadable].tell(kModulusReadable, "RSA signing key", results);
+  gathered[kSigningPrivateKey].tell(kSigningPrivateKey, "RSA signing key", results);
+  gathered[kPrivateModulus].tell(kPrivateModulus, "RSA decrypting key", results);
 }
 
 }  // namespace mirel
