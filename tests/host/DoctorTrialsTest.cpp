@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <set>
 #include <utility>
 
 #include "host/DoctorTrialsTest.h"
@@ -283,6 +284,12 @@ TEST_F(DoctorTrials, BlameThePinForEachUseAndNotTheModule) {
     const Diagnosis found = diagnosisWith(given);
     EXPECT_THAT(codesOfCheck(found, "signatures"), ElementsAre(signatures));
     EXPECT_THAT(codesOfCheck(found, "decryption"), ElementsAre(decryption));
+    std::set<std::string> subjects;
+    for (const Finding& finding : found.findings()) {
+      if (finding.id == kPinForEachUse) {
+        EXPECT_TRUE(subjects.insert(finding.subject).second) << finding.subject;
+      }
+    }
   }
 }
 

@@ -171,7 +171,8 @@ Finding trialFinding(FindingID id, const KeyTrial& trial, const PublishedKey& ke
   if (isDisturbed(failure) || (!wasAllRead && !isWrongResult(failure))) return failed(kTrialDisturbed);
   if (const Finding* shared = findingOf(kIDShared, report, key); shared && sharesItsID(key, report))
     return {shared->id, Severity::kFailure, shared->subject, shared->evidence};
-  if (wantsPin(failure) && findingOf(kPinForEachUse, report, key)) return failed(kPinForEachUse);
+  if (const Finding* told = findingOf(kPinForEachUse, report, key); told && wantsPin(failure))
+    return {told->id, Severity::kFailure, told->subject, told->evidence};
   if (mayBeLoggedOut(trial, failure)) return failed(kTrialDisturbed);
   if (leavesOpenWhoWantsPin(report, key, failure)) {
     Finding open = failed(kTrialDisturbed);
