@@ -40,15 +40,15 @@ constexpr const char* kExamples =
     "  mireltoken items --trace calls.jsonl\n"
     "  mireltoken trace show calls.jsonl --failed\n"
     "\n"
-    "A key is named by its ID in hexadecimal digits as `items` shows it, by a label that only it has, by a\n"
-    "PKCS #11 URI (RFC 7512) such as \"pkcs11:id=%01\", or by #N for the N-th key. The PIN is asked for at\n"
-    "the terminal; it is never an argument or an environment variable.\n"
+    "A key is named by its ID in hexadecimal digits or its label, as `items` shows them, by a PKCS #11 URI\n"
+    "(RFC 7512) such as \"pkcs11:id=%01\", or by #N for the N-th key. The PIN is asked for at the terminal;\n"
+    "it is never an argument or an environment variable.\n"
     "The PKCS #11 module is ";
 
 constexpr const char* kRemarks =
     " in the user's home.\n"
     "MIRELTOKEN_MODULE and MIRELTOKEN_READER in the environment stand for --module and --reader.\n"
-    "Texts of the card are shown as UTF-8, with \\xNN for what is none or cannot be printed; JSON keeps\n"
+    "Texts of the card are shown as UTF-8, with \\xNN for what is no UTF-8 or not printable; JSON keeps\n"
     "every byte as one character.\n"
     "\n"
     "Exit codes:\n"
@@ -61,7 +61,7 @@ constexpr const char* kRemarks =
     "  6  the card's objects cannot be listed\n"
     "  7  the PIN is wrong\n"
     "  8  the PIN is locked\n"
-    "  9  the entry of the PIN was cancelled\n"
+    "  9  no PIN was given\n"
     "  10  the key does not do that, or not with that algorithm\n"
     "  11  there is no signature, or it does not verify\n"
     "  12  there is no such key\n"

@@ -88,7 +88,7 @@ Usage: mireltoken sign [OPTIONS]
 
 Options:
   -h,--help                   Print this help and exit
-  --key ID                    The key
+  --key ID                    The key: its ID, its label, a PKCS #11 URI, or #N
   --algorithm NAME            The algorithm (default: PS256 with an RSA key, ES256 with an EC key)
   --in FILE                   What to sign (default: standard input)
   --out FILE                  Where to write the signature (default: standard output)
@@ -123,6 +123,7 @@ TEST_F(CommandLine, HelpHasAnExampleOfEachCommandAndEveryExitCodeOnce) {
     EXPECT_THAT(example, ContainsRegex("\n  mireltoken (--module [^ ]+ )?" + command)) << command;
   EXPECT_THAT(example, HasSubstr(" --module "));
   EXPECT_THAT(example, HasSubstr(" --json"));
+  EXPECT_THAT(help, HasSubstr("\n  9  no PIN was given\n"));  // also where nobody was asked for it
   int last = -1;
   for (const std::string& line : linesOf(help.substr(codes + std::string_view{"Exit codes:\n"}.size()))) {
     if (line.empty()) break;
