@@ -45,7 +45,7 @@ Result<void> run(Session& session) {
     if (options.json) return writeOutput(jsonLines("explain", jsonOf(*entry)));
     return writeOutput(std::string{entry->code} + "  " + std::string{entry->title} + "\n" + bodyOf(*entry));
   }
-  return Failure{FailureKind::kBadInput, "wrong usage",
+  return Failure{FailureKind::kWrongUsage, "wrong usage",
                  "there is no finding \"" + printableLine(*options.word) + "\"" + suggestionOf(*options.word),
                  "see all with: mireltoken explain"};
 }

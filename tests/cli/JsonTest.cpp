@@ -97,6 +97,7 @@ TEST_F(JsonOutput, OfAFailureTellsItsKindAndWhatStandardErrorTells) {
       {"doctor --last-try", 2, "wrong-usage"},
       {"conformance --last-try", 2, "wrong-usage"},
       {"trace FILE", 2, "wrong-usage"},
+      {"explain MT-Z99", 2, "wrong-usage"},
       {"sign --key 01 --algorithm RSASignatureDigestPKCS1v15SHA256", 2, "bad-input"},
       {"items --module /nowhere/module.so", 3, "module-not-loadable"},
       {"readers --reader Nobody's", 5, "no-card"},
