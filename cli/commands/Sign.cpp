@@ -28,22 +28,20 @@ Failure andNothingWritten(Failure failure) {
 }
 
 /// What was done, for people.
-std::string summary(const ChosenKey& chosen, SecKeyAlgorithm algorithm, const Signature& signature,
-                    bool verified) {
+std::string summary(const ChosenKey& chosen, SecKeyAlgorithm algorithm, const Signature& signature) {
   std::string text =
       "Signed with the key " + idText(chosen.key.objectID) + " by " + std::string{nameOf(algorithm)};
   if (signature.performed != algorithm)
     text.append(", asked of the card as ").append(nameOf(signature.performed));
-  return text.append(verified ? "; the signature verifies with its certificate."
-                              : "; the signature was not verified.");
+  const auto& why = signature.whyNotVerified;
+  return text.append("; ").append(why ? why->why : "the signature verifies with its certificate").append(".");
 }
 
-std::string jsonText(const ChosenKey& chosen, SecKeyAlgorithm algorithm, const Signature& signature,
-                     bool verified) {
+std::string jsonText(const ChosenKey& chosen, SecKeyAlgorithm algorithm, const Signature& signature) {
   return jsonLines("sign", Json{{"key", chosen.key.objectID.toUtf8()},
                                 {"algorithm", nameOf(algorithm)},
                                 {"performed", nameOf(signature.performed)},
-                                {"verified", verified},
+                                {"verified", !signature.whyNotVerified},
                                 {"signatureHex", hexOf(signature.value)}});
 }
 
@@ -59,17 +57,16 @@ Result<void> run(Session& session) {
 
   const auto signature = session.client().sign(chosen.key, algorithm, *input, session.pins());
   if (!signature) return signature.failure();
-  const bool verify = !options.has(kNoVerify);
   const auto& why = signature->whyNotVerified;
-  if (why && (verify || !mayBeSignature(*signature, chosen.key))) {
+  if (why && (!options.has(kNoVerify) || !mayBeSignature(*signature, chosen.key))) {
     const bool isExplainable = why->kind == FailureKind::kVerificationFailed;
     return andNothingWritten(isExplainable ? session.explained(*why, chosen.key) : *why);
   }
   if (!options.json || options.out) {
     if (auto written = session.write(signature->value.view(), kSignatureMode); !written) return written;
   }
-  if (options.json) return writeOutput(jsonText(chosen, algorithm, *signature, verify));
-  writeMessage(summary(chosen, algorithm, *signature, verify));
+  if (options.json) return writeOutput(jsonText(chosen, algorithm, *signature));
+  writeMessage(summary(chosen, algorithm, *signature));
   return {};
 }
 
@@ -78,7 +75,7 @@ constexpr CommandOption kOptions[] = {
     {CommandOption::Kind::kAlgorithm, "The algorithm (default: PS256 with an RSA key, ES256 with an EC key)"},
     {CommandOption::Kind::kInput, "What to sign (default: standard input)"},
     {CommandOption::Kind::kOutput, "Where to write the signature (default: standard output)"},
-    {CommandOption::Kind::kFlag, "Do not verify the signature", kNoVerify},
+    {CommandOption::Kind::kFlag, "Write the signature also when it does not verify", kNoVerify},
     {CommandOption::Kind::kPin},
 };
 

@@ -31,7 +31,7 @@ complete -c mireltoken -n '__fish_seen_subcommand_from sign' -l key -x -d 'The k
 complete -c mireltoken -n '__fish_seen_subcommand_from sign' -l algorithm -x -a "$algorithms" -d 'The algorithm (default: PS256 with an RSA key, ES256 with an EC key)'
 complete -c mireltoken -n '__fish_seen_subcommand_from sign' -l in -r -F -d 'What to sign (default: standard input)'
 complete -c mireltoken -n '__fish_seen_subcommand_from sign' -l out -r -F -d 'Where to write the signature (default: standard output)'
-complete -c mireltoken -n '__fish_seen_subcommand_from sign' -l no-verify -d 'Do not verify the signature'
+complete -c mireltoken -n '__fish_seen_subcommand_from sign' -l no-verify -d 'Write the signature also when it does not verify'
 complete -c mireltoken -n '__fish_seen_subcommand_from sign' -l pin-file -r -F -d 'Read the PIN from this file, which nobody else may read'
 complete -c mireltoken -n '__fish_seen_subcommand_from sign' -l pin-fd -x -d 'Read the PIN from this open file descriptor'
 complete -c mireltoken -n '__fish_seen_subcommand_from sign' -l last-try -d 'Send a PIN from a file or descriptor also when that may lock the card'

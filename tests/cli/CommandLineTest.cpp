@@ -92,7 +92,7 @@ Options:
   --algorithm NAME            The algorithm (default: PS256 with an RSA key, ES256 with an EC key)
   --in FILE                   What to sign (default: standard input)
   --out FILE                  Where to write the signature (default: standard output)
-  --no-verify                 Do not verify the signature
+  --no-verify                 Write the signature also when it does not verify
   --pin-file FILE Excludes: --pin-fd
                               Read the PIN from this file, which nobody else may read
   --pin-fd N Excludes: --pin-file

@@ -216,6 +216,8 @@ TEST_F(KeyJson, OfASignatureHoldsItAndHowItWasMade) {
       runWithPin("sign --key 01 --json --no-verify --algorithm RSASignatureMessagePKCS1v15SHA256", kMessage);
   expectSuccess(result);
   EXPECT_EQ(Json::parse(result.out)["verified"], false);
+  const Result good = runWithPin("sign --key 01 --json --no-verify", kMessage);
+  EXPECT_EQ(Json::parse(good.out)["verified"], true);
 }
 
 TEST_F(KeyJson, OfAPlainTextHoldsItUnlessItIsInAFile) {

@@ -60,11 +60,14 @@ TEST_F(Signing, OfABlockIsTheRsaOperationItself) {
 TEST_F(Signing, WithoutVerifyingWritesWhatTheCardMade) {
   const Result result = runWithPin(signBy("RSASignatureMessagePKCS1v15SHA256") + " --no-verify", kMessage);
   expectSigned(result);
-  EXPECT_THAT(result.err, EndsWith("; the signature was not verified.\n"));
+  EXPECT_THAT(result.err,
+              ContainsRegex("; the signature does not verify: the module does not pad[^\n]*\\.\n$"));
   EXPECT_EQ(blockOf("rsa2048", read("out")),
             zerosThen(bytesOfHex(kDigestInfoStart) + digestOf("SHA256", kMessage), 256));
   expectSigned(runWithPin(signBy("RSASignatureDigestPKCS1v15Raw") + " --no-verify", kMessage));
   EXPECT_EQ(blockOf("rsa2048", read("out")), zerosThen(kMessage, 256));
+  const Result good = runWithPin(signBy("RSASignatureMessagePSSSHA256") + " --no-verify", kMessage);
+  EXPECT_THAT(good.err, EndsWith("; the signature verifies with its certificate.\n"));
 }
 
 TEST_F(Signing, ByPkcs1FailsBecauseTheModuleDoesNotPad) {
