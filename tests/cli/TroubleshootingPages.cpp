@@ -74,8 +74,8 @@ const std::vector<Symptom>& symptoms() {
       {"It worked before an upgrade of the system or of the card software",
        "Look first at the module and at the card service, which are what changes with an upgrade.",
        {kModuleMissing, kModuleForOtherSystem, kModuleNotLoadable, kModuleChangeableByOthers,
-        kModuleDoesNotStart, kModuleEnded, kCardServiceSilent, kReaderUnknownToModule, kExtensionCopies,
-        kSignatureInvalid, kNotNotarised, kQuarantined}},
+        kModuleDoesNotStart, kModuleCrashed, kModuleEnded, kCardServiceSilent, kReaderUnknownToModule,
+        kExtensionCopies, kSignatureInvalid, kNotNotarised, kQuarantined}},
       {"Nothing happens for a long time",
        "A call of the module waits for the card or for its reader. On a Mac the log of the extension names a "
        "call "
