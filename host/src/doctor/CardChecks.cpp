@@ -177,25 +177,33 @@ bool checkLogin(const Result<void>& accepted, bool pinWasGiven, const CardReport
   return refused(failure.result == CKR_PIN_EXPIRED ? kPinToBeChanged : kLoginFails);
 }
 
-/// What the flags have said of a PIN that the card has accepted since is not so.
-void takeBackPin(Checks& checks) {
-  checks.amend(kPin, [](std::vector<Finding>& findings) {
-    std::erase_if(findings, [](const Finding& finding) {
-      return finding.id == kPinNotSet || finding.id == kPinLocked || finding.id == kPinTooLong ||
-             finding.id == kPinPad;
-    });
+template <typename Predicate>
+void takeBackOfPin(Checks& checks, const Predicate& isRefuted) {
+  checks.amend(kPin, [&](Check& check) {
+    std::erase_if(check.findings, isRefuted);
+    if (check.findings.empty()) check.evidence = "the card accepts the PIN";
   });
 }
 
-/// A PIN that was accepted has all its tries again, where the flags say so.
+/// What the flags have said of a PIN that the card has accepted since is not so.
+void takeBackPin(Checks& checks) {
+  takeBackOfPin(checks, [](const Finding& finding) {
+    return finding.id == kPinNotSet || finding.id == kPinLocked || finding.id == kPinTooLong ||
+           finding.id == kPinPad;
+  });
+}
+
+/// A PIN that was accepted has all its tries again, where the flags say so; how many were left is no matter.
 void takeBackTries(const CardReport& after, Checks& checks) {
   const auto isUnread = [](const Finding& finding) { return isUnreadToken(finding.id); };
   if (std::any_of(after.findings.begin(), after.findings.end(), isUnread)) return;
-  checks.amend(kPin, [&](std::vector<Finding>& findings) {
-    std::erase_if(findings, [&](const Finding& finding) {
-      const bool isOfTries = finding.id == kPinLastTry || finding.id == kPinTriesFewer;
-      return isOfTries && !sameIn(after.findings, finding);
-    });
+  const auto isOfTries = [](const Finding& finding) {
+    return finding.id == kPinLastTry || finding.id == kPinTriesFewer;
+  };
+  const bool someAreGone = std::any_of(after.findings.begin(), after.findings.end(), isOfTries);
+  takeBackOfPin(checks, [&](const Finding& finding) {
+    if (finding.id == kPinCountUnknown) return !someAreGone;
+    return isOfTries(finding) && !sameIn(after.findings, finding);
   });
 }
 
@@ -213,8 +221,12 @@ void correctObjects(const CardReport& after, std::vector<Finding>& ioMore, Check
     findings = std::move(known);
     return isRefuted;
   };
-  checks.amend(kKeys, correct);
-  checks.amend(kObjects, [&](std::vector<Finding>& findings) {
+  checks.amend(kKeys, [&](Check& check) {
+    (void)correct(check.findings);  // what else shows stands in the check of the private keys
+    check.evidence = textOf(after.keys);
+  });
+  checks.amend(kObjects, [&](Check& check) {
+    std::vector<Finding>& findings = check.findings;
     if (!correct(findings)) return;
     const auto others = std::stable_partition(ioMore.begin(), ioMore.end(),
                                               [](const Finding& finding) { return !isOf('C', finding); });
@@ -248,7 +260,9 @@ void tryKeys(Host& host, const InsertedCard& card, const CardReport& report, Pin
   if (accepted) takeBackTries(after, checks);
   std::vector<Finding> more;
   for (const Finding& finding : after.findings) {
-    if (finding.id != kPkcs1NotTried && !sameIn(report.findings, finding)) more.push_back(finding);
+    if (finding.severity != Severity::kOk && finding.id != kPkcs1NotTried &&
+        !sameIn(report.findings, finding))
+      more.push_back(finding);
   }
   const char* whyGone = judgeGone(more);
   correctObjects(after, more, checks);

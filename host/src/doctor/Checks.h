@@ -41,7 +41,8 @@ class Checks {
     add(point, Severity::kSkipped, std::move(reason));
   }
 
-  /// Has the last check of that name about the same card be known better: `change` gets its findings.
+  /// Has the last check of that name about the same card be known better: `change` gets it, if it found
+  /// anything, and leaves its severity alone.
   template <typename Change>
   void amend(const Checkpoint& point, const Change& change) {
     auto& made = diagnosis_.checks;
@@ -49,7 +50,7 @@ class Checks {
       return check.name == point.name && check.reader == reader_;
     });
     if (found == made.rend() || found->findings.empty()) return;
-    change(found->findings);
+    change(*found);
     found->severity = worstOf(found->findings);
   }
 
