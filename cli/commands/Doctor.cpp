@@ -1,6 +1,7 @@
 #include "host/Doctor.h"
 
 #include <algorithm>
+#include <vector>
 
 #include "Commands.h"
 #include "DoctorBundle.h"
@@ -83,8 +84,19 @@ std::string summaryOf(const Diagnosis& diagnosis) {
          std::to_string(count(Severity::kSkipped)) + " skipped.\n";
 }
 
-std::string endOf(const Diagnosis& diagnosis) {
+/// The checks that a later one has made known better than they were told.
+std::string correctionOf(const Diagnosis& diagnosis, const std::vector<Severity>& told) {
   std::string text;
+  for (std::size_t i = 0; i < told.size(); ++i) {
+    const Check& check = diagnosis.checks[i];
+    std::string reader = check.reader;
+    if (check.severity != told[i]) text += checkText(check, reader);
+  }
+  return text.empty() ? text : "\nKnown better by later checks:\n" + text;
+}
+
+std::string endOf(const Diagnosis& diagnosis, const std::vector<Severity>& told) {
+  std::string text = correctionOf(diagnosis, told);
   for (const Finding& finding : diagnosis.findings()) text += findingText(finding);
   return text + "\n" + summaryOf(diagnosis);
 }
@@ -192,6 +204,7 @@ Result<void> run(Session& session) {
   // Each check at once: the next one may wait for a card that does not answer.
   Result<void> written;
   std::string reader;
+  std::vector<Severity> told;
   Progress progress{"examining", !options.json && !options.verbose};
   std::size_t numDone = 0;
   wanted.onStart = [&](std::string_view check) { progress.doneSteps(numDone, check); };
@@ -204,6 +217,7 @@ Result<void> run(Session& session) {
     }
     if (options.json) return;
     progress.clear();
+    told.push_back(soFar.checks.back().severity);
     const std::string text = checkText(soFar.checks.back(), reader);
     if (written) written = writeOutput(text);
   };
@@ -212,7 +226,7 @@ Result<void> run(Session& session) {
   takeLog();
   const Diagnosis& diagnosis = notes.diagnosis;
   session.setExitCode(exitCodeOf(diagnosis.verdict()));
-  if (written) written = writeOutput(options.json ? jsonText(diagnosis) : endOf(diagnosis));
+  if (written) written = writeOutput(options.json ? jsonText(diagnosis) : endOf(diagnosis, told));
   // Also where nobody reads the rest of the text.
   const auto stored = writeFiles(options, session.services(), notes);
   return stored ? written : stored;

@@ -93,6 +93,14 @@ TEST_F(Doctor, TriesTheKeysAfterALogin) {
   EXPECT_EQ(stagedCallsOf("C_Login"), 1);
 }
 
+TEST_F(Doctor, TellsOnceMoreOfAnEarlierCheckThatIsKnownBetterLater) {
+  EXPECT_EQ(run(onSoftHsm("login --pin-file " + write("wrong", kWrongPin))).exitCode, 7);
+  const Result result = examined(withPin("doctor --login"));
+  EXPECT_THAT(result.out, HasSubstr("\nwarn  PIN                the flags have USER_PIN_COUNT_LOW\n"));
+  EXPECT_THAT(result.out, HasSubstr("\nKnown better by later checks:\n"
+                                    "ok    PIN                the card accepts the PIN\n\nMT-"));
+}
+
 TEST_F(Doctor, SpendsOneTryOfAWrongPinAndSaysSo) {
   const Result result = examined(staged("doctor --login --json --pin-file " + write("wrong", kWrongPin)));
   EXPECT_EQ(result.exitCode, 20);
