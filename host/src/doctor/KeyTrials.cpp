@@ -196,6 +196,7 @@ Finding trialFinding(FindingID id, const KeyTrial& trial, const PublishedKey& ke
 struct Outcome {
   Evidence evidence;
   std::vector<Finding> findings;
+  bool isMade = false;               ///< one at least
   std::optional<FindingID> ended{};  ///< that the card or the module went away
 };
 
@@ -274,6 +275,7 @@ void trySigning(const KeyTrial& trial, const PublishedKey& key, const Checkpoint
   const TrialAlgorithms* algorithms = algorithmsFor(key);
   if (!algorithms) return evidence.add(subject, "is too short for a trial");
   checks.start(point);
+  ioOutcome.isMade = true;
   const auto endWith = [&](const Failure& failure, const char* text) {
     ioOutcome.evidence.add(subject, text);
     ioOutcome.ended = ioOutcome.findings.emplace_back(goneFinding(failure)).id;
@@ -316,6 +318,7 @@ void tryDecrypting(const KeyTrial& trial, const PublishedKey& key, const Checkpo
     return evidence.add(subject,
                         findingOf(kCardChanged, report, key) ? kChanged : "never decrypts here, not tried");
   checks.start(point);
+  ioOutcome.isMade = true;
   const auto failure = failureOfDecrypting(trial.client, key, *certificate, trial.pins);
   if (!failure) return evidence.add(subject, "decrypts PKCS #1 v1.5");
   if (isGone(*failure)) {
@@ -337,6 +340,7 @@ void tryKeys(const KeyTrial& trial, const Checkpoint& signatures, const Checkpoi
   const auto tell = [&](const Checkpoint& point, Outcome& outcome, const Outcome& other, const char* ifNone) {
     if (outcome.evidence.isEmpty())
       return checks.skip(point, other.ended ? endingText(*other.ended) : ifNone);
+    if (!outcome.isMade) return checks.skip(point, outcome.evidence.text());
     checks.add(point, outcome.evidence.text(), std::move(outcome.findings));
   };
   const auto wants = [&](const PublishedKey& key) { return wantsPinForEachUse(key, trial.report); };
