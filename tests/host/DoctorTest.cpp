@@ -112,6 +112,11 @@ TEST_F(Doctor, TellsWhatIsWrongWithTheFileOfTheModuleAndSkipsTheRest) {
   }
 }
 
+TEST_F(Doctor, SendsWhoHasTheRightFileWithAnEntryThatFailsToTheMaker) {
+  const Finding finding = findingIn(diagnosis({{kModuleEntryFails, true}}), FindingID::kModuleWithoutEntry);
+  EXPECT_THAT(std::string{entryOf(finding.id).remedy}, HasSubstr("ask its maker"));
+}
+
 TEST_F(Doctor, TellsOfAUserWithoutAHome) {
   PlatformServices mine = services();
   mine.user = std::make_shared<FakeUserDirectory>("", "");
