@@ -289,7 +289,8 @@ void CardFindings::addLonelyPrivateKeys() {
          std::string{"no certificate and no public key with its ID "} + when},
         key.id);
   }
-  if (hasAny(kCardChanged)) return;
+  // A card that cannot be read may show nothing for that reason alone.
+  if (hasAny(kCardChanged) || hasAny(kTokenUnreadable)) return;
   if (contents_.publicKeys.empty() && contents_.certificates.empty() && contents_.privateKeys.empty())
     add({kCardEmpty, kFailure, "", std::string{"no certificate and no key "} + when});
 }

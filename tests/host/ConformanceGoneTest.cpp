@@ -2,13 +2,82 @@
 #include <utility>
 
 #include "host/ConformanceTest.h"
+#include "support/FakeCardService.h"
 
 namespace mirel::test {
 namespace {
 
 using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
 
-class ConformanceGone : public ConformanceTest {};
+class ConformanceGone : public ConformanceTest {
+ protected:
+  /// On a system with that card service.
+  [[nodiscard]] Conformance testedWith(CardServiceView view) {
+    PlatformServices mine = services();
+    const auto service = std::make_shared<FakeCardService>();
+    service->view = std::move(view);
+    mine.cardService = service;
+    return testConformance(mine, Examination{{module, true}, reader});
+  }
+  [[nodiscard]] static std::string evidenceOf(std::string_view number, const Conformance& conformance) {
+    for (const RuleResult& result : conformance.results) {
+      if (result.rule.number == number) return result.evidence;
+    }
+    return {};
+  }
+};
+
+TEST_F(ConformanceGone, SaysWhyThereIsNoCardAndGivesNoGrade) {
+  using InReader = ServiceReader::Card;
+  using State = CardServiceView::State;
+  const auto holding = [](ServiceReader one) {
+    one.name = "Reader A";
+    return CardServiceView{State::kAnswers, {}, {std::move(one)}};
+  };
+  enum class Slot { kNone, kEmpty, kFailing };
+  const struct {
+    CardServiceView service;
+    Slot slot;
+    RuleVerdict verdict;
+    const char* why;
+  } rows[] = {
+      {holding({"", InReader::kNone}), Slot::kEmpty, RuleVerdict::kFail,
+       "0 of 1 slots hold a token: no reader holds a card"},
+      {{State::kSilent, "no pcscd", {}},
+       Slot::kNone,
+       RuleVerdict::kUnknown,
+       "0 of 0 slots hold a token: the card service does not answer (no pcscd)"},
+      {holding({"", InReader::kPresent, false, false, "3B00"}), Slot::kEmpty, RuleVerdict::kUnknown,
+       "0 of 1 slots hold a token: there is a card, and this module does not know it"},
+      {holding({"", InReader::kPresent, true, true, "3B00"}), Slot::kFailing, RuleVerdict::kUnknown,
+       "0 of 1 slots hold a token: another program holds the card"},
+      {holding({"", InReader::kMute}), Slot::kFailing, RuleVerdict::kUnknown,
+       "0 of 1 slots hold a token: the card does not answer"},
+  };
+  for (const auto& [service, slot, verdict, why] : rows) {
+    SCOPED_TRACE(why);
+    makeGood();
+    setField(script.slot().info.slotDescription, "Reader A");
+    script.pullCard();
+    if (slot == Slot::kNone) script.slots().clear();
+    if (slot == Slot::kFailing) script.failCallOf("C_GetSlotInfo", 0, CKR_DEVICE_ERROR, Times::kFromThenOn);
+    const Conformance found = testedWith(service);
+    EXPECT_EQ(verdictsOf(found).at("CR-11"), verdict);
+    EXPECT_THAT(evidenceOf("CR-11", found), ::testing::StartsWith(why));
+    EXPECT_EQ(found.grade.letter, "-");
+  }
+}
+
+TEST_F(ConformanceGone, DoesNotSayThatACardIsEmptyWhichTheModuleDoesNotKnow) {
+  script.card().objects.clear();
+  script.failCallOf("C_GetTokenInfo", 0, CKR_TOKEN_NOT_RECOGNIZED, Times::kFromThenOn);
+  const Conformance found = tested(false);
+  EXPECT_THAT(numbersWith(RuleVerdict::kFail, found), IsEmpty());
+  EXPECT_THAT(evidenceOf("CR-12", found), HasSubstr("the module does not know this card"));
+  EXPECT_EQ(found.grade.letter, "-");
+}
 
 TEST_F(ConformanceGone, GivesNoGradeAndNoPinWhereTheCardHasLeftSinceItsObjectsWereTested) {
   const std::pair<const char*, std::function<void()>> rows[] = {

@@ -58,6 +58,13 @@ bool isSameCard(const Reader& a, const Reader& b) {
   return a.slotID == b.slotID && a.tokenLabel == b.tokenLabel && a.serialNumber == b.serialNumber;
 }
 
+/// The module is to blame for the lack of a card only where there may be none. `seen`: what its slots say.
+void tellWhyNoCard(Host& host, const std::string& seen, RuleResults& results) {
+  const auto [failure, onlyMissing] = host.whyNoCard({});
+  const bool isFailed = onlyMissing && !results.isAny(RuleVerdict::kUnknown);
+  results.set(kNumTokens, isFailed ? RuleVerdict::kFail : RuleVerdict::kUnknown, seen + ": " + failure.why);
+}
+
 void testCard(Host& host, const P11Bridge& bridge, const Examination& wanted, RuleResults& results,
               CardAbilities& abilities, std::optional<Reader>& outCard,
               std::optional<Failure>& outNotReached) {
@@ -121,14 +128,17 @@ Conformance testConformance(PlatformServices services, const Examination& wanted
   results.skip(kRemoval, "nobody takes the card out during the test: do that by hand");
   std::optional<Reader> card;
   std::optional<Failure> notReached;
-  std::string reason;
-  if (const auto bridge = testModule(services, wanted.module, results, reason)) {
+  Obstacle obstacle;
+  if (const auto bridge = testModule(services, wanted.module, results, obstacle)) {
     Host host{services, wanted.module.path.value_or(std::string{})};
     testCard(host, *bridge, wanted, results, abilities, card, notReached);
-  } else if (reason != "there is no card") {
+  } else if (!obstacle.noCard.empty()) {
+    Host host{services, wanted.module.path.value_or(std::string{})};
+    tellWhyNoCard(host, obstacle.noCard, results);
+  } else {
     abilities.published = false;
   }
-  results.skipRest(reason);
+  results.skipRest(obstacle.reason);
   return {std::move(results).taken(), gradeOf(abilities), std::move(card), std::move(notReached)};
 }
 

@@ -108,10 +108,10 @@ std::string testSlotNames(const P11Bridge& bridge, const std::vector<CK_SLOT_ID>
 }
 
 /// False where no card can be looked for.
-bool testSlots(const P11Bridge& bridge, RuleResults& results, std::string& outReason) {
+bool testSlots(const P11Bridge& bridge, RuleResults& results, Obstacle& outObstacle) {
   std::vector<CK_SLOT_ID> slots;
   if (const CK_RV rv = bridge.inspectSlots(false, slots); rv != CKR_OK) {
-    outReason = "the module does not list its slots";
+    outObstacle.reason = "the module does not list its slots";
     results.fail(kNumTokens, answerText({"C_GetSlotList", rv}));
     return false;
   }
@@ -119,30 +119,31 @@ bool testSlots(const P11Bridge& bridge, RuleResults& results, std::string& outRe
   const std::string unread = testSlotNames(bridge, slots, results);
   std::vector<CK_SLOT_ID> withToken;
   if (const CK_RV rv = bridge.inspectSlots(true, withToken); rv != CKR_OK) {
-    outReason = "the module does not list its slots with a token";
+    outObstacle.reason = "the module does not list its slots with a token";
     results.fail(kNumTokens, answerText({"C_GetSlotList", rv}));
     return false;
   }
   const std::string count =
-      std::to_string(withToken.size()) + " of " + std::to_string(slots.size()) + " slots";
+      std::to_string(withToken.size()) + " of " + std::to_string(slots.size()) + " slots hold a token";
+  if (withToken.empty()) outObstacle.noCard = count;
   if (withToken.empty() && !unread.empty()) {  // that one may hold one, which another program uses
-    outReason = "no card can be read";
+    outObstacle.reason = "no card can be read";
     results.unknown(kNumTokens, unread);
     return false;
   }
   const bool isGood = !withToken.empty() && withToken.size() <= kAnnouncedSlots;
-  results.set(kNumTokens, isGood ? RuleVerdict::kPass : RuleVerdict::kFail, count + " hold a token");
-  if (withToken.empty()) outReason = "there is no card";
+  results.set(kNumTokens, isGood ? RuleVerdict::kPass : RuleVerdict::kFail, count);
+  if (withToken.empty()) outObstacle.reason = "there is no card";
   return !withToken.empty();
 }
 
 }  // namespace
 
 std::unique_ptr<P11Bridge> testModule(PlatformServices& services, const ModuleChoice& choice,
-                                      RuleResults& results, std::string& outReason) {
+                                      RuleResults& results, Obstacle& outObstacle) {
   results.skip(kModuleOnMac, "that shows on macOS only, in the sandbox: see docs/first-mac.md");
   const auto facts = factsOfModule(services, choice);
-  outReason = "the module is not loaded";
+  outObstacle.reason = "the module is not loaded";
   if (const auto fault = faultOf(facts, choice.trusted)) {
     results.fail(kModulePlace, *fault);
     return nullptr;
@@ -184,9 +185,9 @@ std::unique_ptr<P11Bridge> testModule(PlatformServices& services, const ModuleCh
   } else {
     results.fail(kFunctions, "the list lacks " + missing);
   }
-  outReason.clear();
-  testStart(*bridge, results, outReason);
-  if (!outReason.empty() || !testSlots(*bridge, results, outReason)) return nullptr;
+  outObstacle.reason.clear();
+  testStart(*bridge, results, outObstacle.reason);
+  if (!outObstacle.reason.empty() || !testSlots(*bridge, results, outObstacle)) return nullptr;
   return bridge;
 }
 
