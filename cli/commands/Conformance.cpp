@@ -65,8 +65,10 @@ std::string textOf(const Conformance& conformance) {
           " pass, " + count(RuleVerdict::kFail) + " fail, " + count(RuleVerdict::kWarn) + " warn, " +
           count(RuleVerdict::kUnknown) + " not known, " + count(RuleVerdict::kSkip) + " skipped.\n";
   if (const auto& card = conformance.card) {
-    text += "Tested: the card \"" + displayed(card->tokenLabel) + "\", serial number " +
-            displayed(card->serialNumber) + ", in the reader \"" + displayed(card->name) + "\".\n";
+    text += card->unreadable ? "Tested: the card, which could not be read,"
+                             : "Tested: the card \"" + displayed(card->tokenLabel) + "\", serial number " +
+                                   displayed(card->serialNumber) + ",";
+    text += " in the reader \"" + displayed(card->name) + "\".\n";
   }
   return text.append("Grade ")
       .append(conformance.grade.letter)

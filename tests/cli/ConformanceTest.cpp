@@ -45,6 +45,14 @@ TEST_F(ConformanceCommand, TestsEachRuleAndSaysWhatUsersCanDo) {
   EXPECT_THAT(read("page.html"), HasSubstr("<h2>Grade B</h2>"));
 }
 
+TEST_F(ConformanceCommand, GivesACardThatCouldNotBeReadNoName) {
+  const Result result = run(staged("conformance", {{"TOKEN_INFOS", "0"}}));
+  EXPECT_THAT(result.out,
+              ContainsRegex("\nTested: the card, which could not be read, in the reader \"SoftHSM"));
+  EXPECT_THAT(result.out, HasSubstr("\nGrade -: not known: no card was read.\n"));
+  EXPECT_EQ(result.exitCode, 19);
+}
+
 TEST_F(ConformanceCommand, NeedsNoPinAndAsksForNone) {
   const Result result = run(staged("conformance --json"));
   const Json json = Json::parse(result.out);
