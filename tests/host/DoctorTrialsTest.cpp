@@ -285,12 +285,31 @@ TEST_F(DoctorTrials, BlameThePinForEachUseAndNotTheModule) {
     const Diagnosis found = diagnosisWith(given);
     EXPECT_THAT(codesOfCheck(found, "signatures"), ElementsAre(signatures));
     EXPECT_THAT(codesOfCheck(found, "decryption"), ElementsAre(decryption));
-    std::set<std::string> subjects;
-    for (const Finding& finding : found.findings()) {
-      if (finding.id == kPinForEachUse) {
-        EXPECT_TRUE(subjects.insert(finding.subject).second) << finding.subject;
-      }
+    const auto codes = codesOf(found);
+    EXPECT_EQ(std::count(codes.begin(), codes.end(), "MT-K04"), 4);  // one for each key
+  }
+}
+
+TEST_F(DoctorTrials, DoNotSayOfAKeyThatWantsThePinForEachUseThatItFailsWhereAnotherWasUsedBefore) {
+  for (const char* id : {"01", "02"}) {
+    SCOPED_TRACE(id);
+    script.reset();
+    startAnew();
+    for (auto& [handle, object] : script.card().objects) {
+      const bool isTheKey = object.attributes[CKA_ID] == bytesOf(id);
+      if (isTheKey && object.attributes[CKA_CLASS] == ulongValue(CKO_PRIVATE_KEY))
+        object = object.with(CKA_ALWAYS_AUTHENTICATE, boolValue(true));
     }
+    const bool isSigner = std::string_view{id} == "01";
+    script.failCallOf(isSigner ? "C_Sign" : "C_Decrypt", 0, CKR_USER_NOT_LOGGED_IN, Times::kFromThenOn);
+    GivenPins given{{u"123456"}};
+    const Diagnosis found = diagnosisWith(given);
+    EXPECT_THAT(checkIn(found, isSigner ? "signatures" : "decryption").evidence,
+                HasSubstr("wants the PIN right before its use, and another use came before"));
+    const auto codes = codesOf(found);
+    EXPECT_EQ(std::count(codes.begin(), codes.end(), "MT-K04"), 1);
+    EXPECT_EQ(findingIn(found, kPinForEachUse).severity, Severity::kWarning);
+    EXPECT_EQ(found.verdict(), Severity::kWarning);
   }
 }
 

@@ -34,7 +34,7 @@ TEST_F(PinForEachUseInTrials, KeepsNoOtherKeyFromBeingTried) {
   const Diagnosis found = diagnosis();
   EXPECT_EQ(checkIn(found, "signatures").evidence,
             "key 3031 \"Signer\" signs RSA-PSS, not PKCS #1 v1.5; key 3033 \"Curve\" never signs here, not "
-            "tried; key 3035 \"05\" does not sign");
+            "tried; key 3035 \"05\" wants the PIN right before its use, and another use came before");
   EXPECT_EQ(checkIn(found, "decryption").evidence, "key 3032 \"Vault\" decrypts PKCS #1 v1.5");
   EXPECT_THAT(codesOf(found), Not(Contains("MT-C10")));
 }

@@ -159,6 +159,10 @@ bool isWrongResult(const Failure& failure) {
   return failure.kind == FailureKind::kVerificationFailed && !failure.result;
 }
 
+/// What a key that wants the PIN for each use comes to where another use came before it: that it is refused
+/// says no more than its finding does.
+constexpr const char* kUsedBefore = "wants the PIN right before its use, and another use came before";
+
 /// What a key that was tried in vain is told of. The module is to blame only where nothing else is known to
 /// be the cause.
 Finding trialFinding(FindingID id, const KeyTrial& trial, const PublishedKey& key, const Failure& failure) {
@@ -199,6 +203,19 @@ struct Outcome {
   bool isMade = false;               ///< one at least
   std::optional<FindingID> ended{};  ///< that the card or the module went away
 };
+
+/// Whether a use of the login that came before may be why the key wants the PIN. `isUsed`: there was one.
+bool isRefusedAsUsed(const KeyTrial& trial, const PublishedKey& key, const Failure& failure, bool isUsed) {
+  return isUsed && wantsPin(failure) && findingOf(kPinForEachUse, trial.report, key);
+}
+
+/// Notes that a key was tried in vain. A cause that was told before with less weight is told once.
+void noteFailure(FindingID id, const KeyTrial& trial, const PublishedKey& key, const Failure& failure,
+                 Checks& checks, Outcome& ioOutcome) {
+  Finding finding = trialFinding(id, trial, key, failure);
+  if (finding.id == kPinForEachUse) checks.takeBack(finding.id, finding.subject);
+  ioOutcome.findings.push_back(std::move(finding));
+}
 
 /// Of several with one ID only the first is found.
 std::vector<PublishedKey> findableKeysOf(const InsertedCard& card) {
@@ -262,8 +279,9 @@ bool wantsPinForEachUse(const PublishedKey& key, const CardReport& report) {
 
 namespace {
 
+/// `ioIsUsed`: a key has worked since the login.
 void trySigning(const KeyTrial& trial, const PublishedKey& key, const Checkpoint& point, Checks& checks,
-                Outcome& ioOutcome) {
+                Outcome& ioOutcome, bool& ioIsUsed) {
   const CardReport& report = trial.report;
   auto& evidence = ioOutcome.evidence;
   auto& findings = ioOutcome.findings;
@@ -282,10 +300,11 @@ void trySigning(const KeyTrial& trial, const PublishedKey& key, const Checkpoint
   };
   if (const auto failure = failureOfSigning(trial.client, key, algorithms->pss, trial.pins)) {
     if (isGone(*failure)) return endWith(*failure, "could not be tried");
+    if (isRefusedAsUsed(trial, key, *failure, ioIsUsed)) return evidence.add(subject, kUsedBefore);
     evidence.add(subject, outcomeText(trial, key, *failure, "does not sign"));
-    findings.push_back(trialFinding(kSignatureFails, trial, key, *failure));
-    return;
+    return noteFailure(kSignatureFails, trial, key, *failure, checks, ioOutcome);
   }
+  ioIsUsed = true;
   const auto failure = failureOfSigning(trial.client, key, algorithms->pkcs1, trial.pins);
   if (failure && isGone(*failure)) return endWith(*failure, "signs RSA-PSS, and could not be tried further");
   // A key that wants the PIN for each use has not said anything about its padding.
@@ -306,11 +325,10 @@ void trySigning(const KeyTrial& trial, const PublishedKey& key, const Checkpoint
   if (failure) findings.push_back({kNoPkcs1Signatures, Severity::kWarning, subject, failure->why});
 }
 
-void tryDecrypting(const KeyTrial& trial, const PublishedKey& key, const Checkpoint& point,
-                   const Checks& checks, Outcome& ioOutcome) {
+void tryDecrypting(const KeyTrial& trial, const PublishedKey& key, const Checkpoint& point, Checks& checks,
+                   Outcome& ioOutcome, bool& ioIsUsed) {
   const CardReport& report = trial.report;
   auto& evidence = ioOutcome.evidence;
-  auto& findings = ioOutcome.findings;
   const PublishedCertificate* certificate = certificateOf(trial.card, key);
   if (!key.canDecrypt || !certificate || key.keyType != CertificateKeyType::kRSA) return;
   const std::string subject = subjectOf(report, key);
@@ -320,14 +338,18 @@ void tryDecrypting(const KeyTrial& trial, const PublishedKey& key, const Checkpo
   checks.start(point);
   ioOutcome.isMade = true;
   const auto failure = failureOfDecrypting(trial.client, key, *certificate, trial.pins);
-  if (!failure) return evidence.add(subject, "decrypts PKCS #1 v1.5");
+  if (!failure) {
+    ioIsUsed = true;
+    return evidence.add(subject, "decrypts PKCS #1 v1.5");
+  }
   if (isGone(*failure)) {
     evidence.add(subject, "could not be tried");
-    ioOutcome.ended = findings.emplace_back(goneFinding(*failure)).id;
+    ioOutcome.ended = ioOutcome.findings.emplace_back(goneFinding(*failure)).id;
     return;
   }
+  if (isRefusedAsUsed(trial, key, *failure, ioIsUsed)) return evidence.add(subject, kUsedBefore);
   evidence.add(subject, outcomeText(trial, key, *failure, "does not decrypt"));
-  findings.push_back(trialFinding(kDecryptionFails, trial, key, *failure));
+  noteFailure(kDecryptionFails, trial, key, *failure, checks, ioOutcome);
 }
 
 }  // namespace
@@ -336,6 +358,7 @@ void tryKeys(const KeyTrial& trial, const Checkpoint& signatures, const Checkpoi
              Checks& checks) {
   Outcome signing;
   Outcome decrypting;
+  bool isUsed = false;
   const auto keys = findableKeysOf(trial.card);
   const auto tell = [&](const Checkpoint& point, Outcome& outcome, const Outcome& other, const char* ifNone) {
     if (outcome.evidence.isEmpty())
@@ -352,10 +375,11 @@ void tryKeys(const KeyTrial& trial, const Checkpoint& signatures, const Checkpoi
         if (wants(key) == wantsPin && !signing.ended && !decrypting.ended) tryIt(key);
       }
     };
-    tryEach([&](const PublishedKey& key) { trySigning(trial, key, signatures, checks, signing); });
+    tryEach([&](const PublishedKey& key) { trySigning(trial, key, signatures, checks, signing, isUsed); });
     // As soon as can be: the module may crash when it decrypts.
     if (wantsPin == anyWants) tell(signatures, signing, decrypting, "no key of the card signs");
-    tryEach([&](const PublishedKey& key) { tryDecrypting(trial, key, decryption, checks, decrypting); });
+    tryEach(
+        [&](const PublishedKey& key) { tryDecrypting(trial, key, decryption, checks, decrypting, isUsed); });
   }
   tell(decryption, decrypting, signing, "no RSA key of the card decrypts");
 }
