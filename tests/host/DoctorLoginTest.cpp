@@ -122,6 +122,19 @@ TEST_F(DoctorTrials, TellOnceOfAPinThatTheFlagsHaveToldOf) {
   }
 }
 
+TEST_F(DoctorTrials, TellOnceThatTheLastTryIsLeftToTheUser) {
+  script.card().info.flags |= CKF_USER_PIN_FINAL_TRY;
+  GivenPins given;
+  given.failure = Failure{
+      FailureKind::kPinHeldBack, "the PIN was not sent to the card", "one more wrong PIN locks the card", {}};
+  const Diagnosis found = diagnosisWith(given);
+  EXPECT_THAT(codesOfCheck(found, "login"), ElementsAre("MT-P02"));
+  EXPECT_EQ(checkIn(found, "login").severity, Severity::kWarning);
+  const auto codes = codesOf(found);
+  EXPECT_EQ(std::count(codes.begin(), codes.end(), "MT-P02"), 1);
+  EXPECT_THAT(codes, Not(Contains("MT-P09")));
+}
+
 TEST_F(DoctorTrials, SayOfALoginForWhichNoPinWasSentThatItWasNotMade) {
   const Failure unread{FailureKind::kCardRefuses,
                        "the PIN was not sent to the card",

@@ -450,6 +450,11 @@ TEST_F(Doctor, KnowsACountOfTriesThatTheModuleReports) {
   EXPECT_EQ(checkIn(diagnosis(), "PIN").findings.size(), 1U);
 }
 
+TEST_F(Doctor, DoesNotSayThatItKnowsNoCountWhereOneTryIsLeft) {
+  script.card().info.flags |= CKF_USER_PIN_FINAL_TRY;
+  EXPECT_THAT(codesOf(Diagnosis{{checkIn(diagnosis(), "PIN")}}), ElementsAre("MT-P02"));
+}
+
 TEST_F(Doctor, DoesNotSayThatACardWantsNoPinWhereItCannotBeAsked) {
   (void)diagnosis();
   script.failCallOf("C_GetTokenInfo", script.countOf("C_GetTokenInfo") - 1, CKR_DEVICE_ERROR);

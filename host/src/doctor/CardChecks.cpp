@@ -54,12 +54,9 @@ void checkPin(Host& host, const Reader& reader, const CardReport& report, Checks
   // The card may have gone away after its flags were read.
   if (findings.empty() && unreadable != report.findings.end())
     return checks.add(kPin, Severity::kUnknown, unreadable->evidence);
-  const auto has = [&](FindingID id) {
-    return std::any_of(findings.begin(), findings.end(),
-                       [id](const Finding& finding) { return finding.id == id; });
-  };
-  // A number that says how many are left is wanted when a wrong one was entered.
-  const bool counts = has(kPinTriesFewer) || has(kPinLastTry);
+  // A number that says how many are left is wanted when a wrong one was entered, and the flags do not tell.
+  const bool counts = std::any_of(findings.begin(), findings.end(),
+                                  [](const Finding& finding) { return finding.id == kPinTriesFewer; });
   if (counts && host.triesLeft(reader) == std::optional<std::uint64_t>{0})
     findings.push_back(
         {kPinCountUnknown, Severity::kUnknown, "PIN", "the session information has the number 0"});
@@ -167,6 +164,7 @@ bool checkLogin(const Result<void>& accepted, bool pinWasGiven, const CardReport
     case FailureKind::kAnotherCard: return refused(goneFindingOf(failure.result));
     case FailureKind::kPinHeldBack:
       if (toldBefore(kPinLocked)) return refused(kPinLocked);
+      if (const Finding* told = toldBefore(kPinLastTry)) return checks.add(kLogin, why, {*told}), false;
       [[fallthrough]];
     case FailureKind::kFileFailure:  // the one with the PIN
     case FailureKind::kCancelled: missLogin(checks, why); return false;
