@@ -203,6 +203,12 @@ void takeBackTries(const CardReport& after, Checks& checks) {
     if (finding.id == kPinCountUnknown) return !someAreGone;
     return isOfTries(finding) && !sameIn(after.findings, finding);
   });
+  checks.amend(kPin, [&](Check& check) {
+    for (Finding& finding : check.findings) {
+      if (isOfTries(finding))
+        finding.evidence += ", also after the login; the module may not have asked the card again";
+    }
+  });
 }
 
 /// After the login more of the card shows: what was said before is told as it is known then, or taken back.
