@@ -157,11 +157,18 @@ Result<Reader> Host::chooseReader(const Text& readerName) {
     const auto unreadable = std::find_if(candidates.begin(), candidates.end(),
                                          [](const Reader& reader) { return reader.unreadable.has_value(); });
     // Whether that card is initialised is not known.
-    if (unreadable != candidates.end()) return *unreadable->unreadable;
+    if (unreadable != candidates.end()) return whyUnreadable(*unreadable, candidates);
     return Failure{FailureKind::kNoCard, "there is no card to insert",
                    "no reader holds a card that is initialised", UserStep::kInitialiseOrNameReader};
   }
   return readerNamed(readerName, NamedBy::kUser, candidates);
+}
+
+/// A card service that has stopped is the reason for what the module cannot read.
+Failure Host::whyUnreadable(const Reader& reader, const std::vector<Reader>& candidates) const {
+  const std::vector<Finding> findings = readerFindings(candidates, viewOf(services_.cardService));
+  const bool hasStopped = !findings.empty() && findings.front().id == FindingID::kCardServiceSilent;
+  return hasStopped ? noCardFailure(reader.unreadable->what, findings) : *reader.unreadable;
 }
 
 Result<Reader> Host::readerNamed(const Text& readerName, NamedBy by, const std::vector<Reader>& candidates) {

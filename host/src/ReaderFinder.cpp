@@ -41,9 +41,10 @@ Failure moduleFailure(const FailureDiary& diary, const std::shared_ptr<const std
 }
 
 void setUnreadable(Reader& reader, const FailedCall& cause) {
-  reader.unreadable =
-      failureBecauseOf(cause, "the card in the reader \"" + displayed(reader.name) + "\" cannot be read",
-                       FailureKind::kCardEnumerationFailed);
+  const std::string place = reader.name.isEmpty() ? "slot " + std::to_string(reader.slotID)
+                                                  : "the reader \"" + displayed(reader.name) + "\"";
+  reader.unreadable = failureBecauseOf(cause, "the card in " + place + " cannot be read",
+                                       FailureKind::kCardEnumerationFailed);
   reader.mayBeReadableLater =
       cause.result != CKR_TOKEN_NOT_RECOGNIZED && cause.result != CKR_TOKEN_NOT_PRESENT;
 }

@@ -205,6 +205,26 @@ TEST_F(NoCard, IsToldWhereOneIsPutInMeanwhile) {
             "no reader holds a card");
 }
 
+TEST_F(NoCard, IsTheReasonWhereTheServiceHasStoppedSinceTheModuleListedASlot) {
+  (void)script.addSlot("Reader A", withKeys);
+  script.failCallOf("C_GetSlotInfo", 0, CKR_GENERAL_ERROR, Times::kFromThenOn);
+  const struct {
+    CardServiceView service;
+    FailureKind kind;
+    const char* why;
+  } rows[] = {
+      {{State::kSilent, "no pcscd", {}}, FailureKind::kNoCard, "the card service does not answer (no pcscd)"},
+      {answering({kUnknown}), FailureKind::kCardEnumerationFailed,
+       "C_GetSlotInfo answered CKR_GENERAL_ERROR (0x5), "}};
+  for (const auto& [view, kind, why] : rows) {
+    SCOPED_TRACE(why);
+    const Failure failure = failureOf(hostWith(view).insert(Text{}));
+    EXPECT_EQ(failure.kind, kind);
+    EXPECT_THAT(failure.why, ::testing::StartsWith(why));
+    EXPECT_EQ(failure.what, "the card in slot 1 cannot be read");  // it has no name
+  }
+}
+
 TEST_F(NoCard, IsNotLookedForWhereTheModuleShowsOne) {
   (void)script.addSlot("Reader A", withKeys);
   Host& asked = hostWith(answering({kUnknown}));
