@@ -423,6 +423,24 @@ TEST_F(Doctor, AdvisesToEmptyNoCardForWhichAnotherReasonIsKnown) {
   }
 }
 
+TEST_F(Doctor, BlamesTheCardServiceThatHasStoppedMeanwhileAndNotTheCard) {
+  for (const auto& [call, answer] :
+       {std::pair{"C_FindObjects", CKR_DEVICE_REMOVED}, {"C_OpenSession", CKR_GENERAL_ERROR}}) {
+    SCOPED_TRACE(call);
+    script.reset();
+    script.failCallOf(call, 0, answer, Times::kFromThenOn);
+    service->view = {State::kAnswers, {}, {{"Reader A 00", InReader::kPresent, false, false, "3B00"}}};
+    service->whenAsked = {};
+    EXPECT_THAT(codesOf(diagnosis()), ::testing::Not(::testing::Contains("MT-R02")));
+    service->whenAsked = [this, first = service->looks + 1] {
+      if (service->looks > first) service->view = {State::kSilent, "no pcscd", {}};
+    };
+    const Diagnosis found = diagnosis();
+    EXPECT_THAT(codesOf(found), ElementsAre("MT-R02"));
+    EXPECT_EQ(found.findings().front().evidence, "it answered at first; now no pcscd");
+  }
+}
+
 // ---- The PIN ----
 
 TEST(Diagnosis, HasAFindingOnceForEachThingThatItIsAboutAsTheWorst) {

@@ -65,6 +65,18 @@ class Checks {
     }
   }
 
+  /// Has `cause` told in the place of each finding of those kinds.
+  void replace(std::span<const FindingID> kinds, const Finding& cause) {
+    for (Check& check : diagnosis_.checks) {
+      const auto isOfKind = [&](const Finding& finding) {
+        return std::find(kinds.begin(), kinds.end(), finding.id) != kinds.end();
+      };
+      if (std::none_of(check.findings.begin(), check.findings.end(), isOfKind)) continue;
+      std::replace_if(check.findings.begin(), check.findings.end(), isOfKind, cause);
+      check.severity = worstOf(check.findings);
+    }
+  }
+
   /// The first finding of one of those kinds about that so far; null: there is none.
   [[nodiscard]] const Finding* findingAbout(std::string_view subject,
                                             std::span<const FindingID> kinds) const {

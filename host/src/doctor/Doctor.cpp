@@ -5,12 +5,14 @@
 #include <cstdio>
 #include <utility>
 
+#include "ReaderFindings.h"
 #include "doctor/CallClock.h"
 #include "doctor/CardChecks.h"
 #include "doctor/Checks.h"
 #include "doctor/ModuleChecks.h"
 #include "doctor/SystemChecks.h"
 #include "host/Display.h"
+#include "platform/Log.h"
 
 namespace mirel {
 namespace {
@@ -86,6 +88,19 @@ void checkCards(Host& host, const std::vector<Reader>& slots, const Examination&
   checks.turnTo({});
 }
 
+/// A card service that has stopped meanwhile is the reason why the card was lost.
+void blameService(const PlatformServices& services, Checks& checks) {
+  using enum FindingID;
+  constexpr std::array kLosses{kCardWentAway, kTokenUnreadable, kObjectUnread, kTrialDisturbed, kLoginFails};
+  if (std::none_of(kLosses.begin(), kLosses.end(), [&](FindingID id) { return checks.has(id); })) return;
+  const CardServiceView view = viewOf(services.cardService);
+  if (view.state != CardServiceView::State::kSilent) return;
+  checks.replace(kLosses, {kCardServiceSilent,
+                           Severity::kFailure,
+                           {},
+                           "it answered at first; now " + printableLine(view.evidence)});
+}
+
 }  // namespace
 
 std::vector<Finding> Diagnosis::findings() const {
@@ -133,10 +148,11 @@ Diagnosis diagnose(PlatformServices services, const Examination& given) {
 
   std::string reason;
   const auto slots = checkModule(services, wanted.module, checks, reason);
-  checkReaders(services, slots, checks);
+  const bool serviceAnswered = checkReaders(services, slots, checks);
   if (slots) {
     Host host{services, wanted.module.path.value_or(std::string{})};
     checkCards(host, *slots, wanted, checks);
+    if (serviceAnswered) blameService(services, checks);
   } else {
     checks.skip({"readers", Station::kReaders}, reason);
     skipCardChecks(checks, reason);

@@ -188,7 +188,7 @@ std::optional<std::vector<Reader>> checkModule(PlatformServices& services, const
   return ModuleExamination{services, choice, checks}.slots(outReason);
 }
 
-void checkReaders(const PlatformServices& services, const std::optional<std::vector<Reader>>& slots,
+bool checkReaders(const PlatformServices& services, const std::optional<std::vector<Reader>>& slots,
                   Checks& checks) {
   constexpr Checkpoint kService{"card service", Station::kReaders};
   constexpr Checkpoint kReaders{"readers", Station::kReaders};
@@ -202,17 +202,20 @@ void checkReaders(const PlatformServices& services, const std::optional<std::vec
   findings.erase(findings.begin(), ofService);
 
   const bool isMissed = !silent.empty();
-  if (view.state == CardServiceView::State::kAnswers) {
+  const bool answers = view.state == CardServiceView::State::kAnswers;
+  if (answers) {
     checks.add(kService, textOf(view.readers));
   } else if (isMissed) {
     checks.add(kService, printableLine(view.evidence), std::move(silent));
   } else {
     checks.skip(kService, view.evidence.empty() ? "it cannot be asked here" : printableLine(view.evidence));
   }
-  if (!slots) return;
-  if (isMissed && findings.empty())
-    return checks.skip(kReaders, std::string{entryOf(kCardServiceSilent).title});
-  checks.add(kReaders, namesOf(*slots), std::move(findings));
+  if (slots && isMissed && findings.empty()) {
+    checks.skip(kReaders, std::string{entryOf(kCardServiceSilent).title});
+  } else if (slots) {
+    checks.add(kReaders, namesOf(*slots), std::move(findings));
+  }
+  return answers;
 }
 
 }  // namespace mirel

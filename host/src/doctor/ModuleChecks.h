@@ -19,7 +19,8 @@ class P11Bridge;
                                                              std::string& outReason);
 
 /// The card service and the readers. `slots`: all that the module lists; nothing: it does not get so far.
-void checkReaders(const PlatformServices& services, const std::optional<std::vector<Reader>>& slots,
-                  Checks& checks);
+/// Whether the service answers.
+[[nodiscard]] bool checkReaders(const PlatformServices& services,
+                                const std::optional<std::vector<Reader>>& slots, Checks& checks);
 
 }  // namespace mirel
