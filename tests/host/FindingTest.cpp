@@ -4,6 +4,9 @@
 
 #include <set>
 #include <string>
+#include <vector>
+
+#include "host/Doctor.h"
 
 namespace mirel {
 namespace {
@@ -63,6 +66,33 @@ TEST(Finding, OfTheWorstKindDecides) {
   EXPECT_EQ(worst({kOk, kUnknown, kSkipped}), kUnknown);
   EXPECT_EQ(worst({kWarning, kUnknown}), kWarning);
   EXPECT_EQ(worst({kWarning, kFailure, kUnknown}), kFailure);
+}
+
+TEST(Finding, NamesTheReaderOfItsCardWhereSeveralCardsWereExamined) {
+  using enum FindingID;
+  using enum Severity;
+  const auto checkOf = [](std::string reader, std::vector<Finding> findings) {
+    return Check{"card", kFailure, "", std::move(findings), std::move(reader)};
+  };
+  const std::vector<Finding> onEachCard{
+      {kCardEmpty, kFailure, "", ""},
+      {kRsaKeyTooLong, kFailure, "key 01", ""},
+      {kInstanceIDShared, kWarning, "readers \"A\" and \"B\"", ""},  // names them
+      {kLoginNotMade, kWarning, "", "there are several cards"},      // is about the one login
+      {kCardServiceSilent, kFailure, "", ""},
+  };
+  const Check spare{"card", kSkipped, "it is not initialised", {}, "B"};
+  const auto subjectsOf = [](std::vector<Check> checks) {
+    std::vector<std::string> subjects;
+    for (const Finding& finding : Diagnosis{std::move(checks)}.findings())
+      subjects.push_back(finding.subject);
+    return subjects;
+  };
+  EXPECT_EQ(subjectsOf({checkOf("A", onEachCard), spare}),
+            (std::vector<std::string>{"", "key 01", "readers \"A\" and \"B\"", "", ""}));
+  EXPECT_EQ(subjectsOf({checkOf("A", onEachCard), checkOf("B", onEachCard)}),
+            (std::vector<std::string>{"reader \"A\"", "key 01, reader \"A\"", "readers \"A\" and \"B\"", "",
+                                      "", "reader \"B\"", "key 01, reader \"B\""}));
 }
 
 }  // namespace

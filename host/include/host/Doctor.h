@@ -43,7 +43,8 @@ struct Diagnosis {
   std::vector<Reader> slots{};              ///< all that the module lists
   std::vector<std::string> systemTokens{};  ///< IDs ("driver:card") of the tokens that the system lists
 
-  /// Those of all checks, in their order, each once and as the worst that a check takes it for.
+  /// Those of all checks, in their order, each once and as the worst that a check takes it for. Where several
+  /// cards were examined, one that is about a card names its reader.
   [[nodiscard]] std::vector<Finding> findings() const;
   /// kFailure, kWarning, or kOk: what could not be told is no fault.
   [[nodiscard]] Severity verdict() const;

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <set>
+#include <string_view>
 #include <utility>
 
 #include "ReaderFindings.h"
@@ -101,12 +103,31 @@ void blameService(const PlatformServices& services, Checks& checks) {
                            "it answered at first; now " + printableLine(view.evidence)});
 }
 
+/// The readers of the cards that were looked at.
+std::set<std::string> cardReadersOf(const std::vector<Check>& checks) {
+  std::set<std::string> readers;
+  for (const Check& check : checks) {
+    if (!check.reader.empty() && check.severity != Severity::kSkipped) readers.insert(check.reader);
+  }
+  return readers;
+}
+
+/// Whether it does not tell which card it is about, and is about one alone.
+bool isOfOneCard(const Finding& finding) {
+  const bool isOfCard = std::string_view{"TCKP"}.find(entryOf(finding.id).code[3]) != std::string_view::npos;
+  const bool isOfAll = finding.id == FindingID::kModuleEnded || finding.id == FindingID::kLoginNotMade;
+  return isOfCard && !isOfAll && !finding.subject.starts_with("reader");
+}
+
 }  // namespace
 
 std::vector<Finding> Diagnosis::findings() const {
   std::vector<Finding> all;
+  const bool hasSeveralCards = cardReadersOf(checks).size() > 1;
   for (const Check& check : checks) {
-    for (const Finding& finding : check.findings) {
+    for (Finding finding : check.findings) {
+      if (hasSeveralCards && !check.reader.empty() && isOfOneCard(finding))
+        finding.subject += (finding.subject.empty() ? "reader \"" : ", reader \"") + check.reader + "\"";
       const auto known = std::find_if(all.begin(), all.end(), [&](const Finding& other) {
         return other.id == finding.id && other.subject == finding.subject &&
                other.evidence == finding.evidence;
