@@ -379,6 +379,13 @@ TEST_F(DoctorTrials, TakeBackThePinForEachUseOfAKeyThatSignsTwiceWithOne) {
   EXPECT_EQ(std::count(codes.begin(), codes.end(), "MT-K04"), 1);
 }
 
+TEST_F(DoctorTrials, ComeWithACountOfTheObjectsThatHideTheCard) {
+  script.addObject(certificate(bytesOf("08"), {}, key.certificate(kForSigning)));
+  EXPECT_EQ(checkIn(diagnosis(), "objects").evidence, "nothing is published, 1 object hides the whole card");
+  script.addObject(certificate({}, bytesOf("Root"), authorityCertificate(kForCertificates)));
+  EXPECT_EQ(checkIn(diagnosis(), "objects").evidence, "nothing is published, 2 objects hide the whole card");
+}
+
 TEST_F(DoctorTrials, ComeWithACountOfTheCertificatesOfIssuersThatNeedNothing) {
   script.addObject(certificate(bytesOf("09"), bytesOf("Root"), authorityCertificate(kForCertificates)));
   const Check objects = checkIn(diagnosis(), "objects");

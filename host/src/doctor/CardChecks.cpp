@@ -105,13 +105,28 @@ std::vector<Finding> keyFindings(const CardReport& report, bool withTrials) {
   return findings;
 }
 
-void addReport(const CardReport& report, std::size_t numItems, bool withTrials, Checks& checks) {
+/// How much of the card is published.
+std::string amountText(const CardReport& report, std::size_t numItems) {
+  const auto numOf = [&](bool UnpublishedObject::*mark) {
+    return static_cast<std::size_t>(
+        std::count_if(report.unpublished.begin(), report.unpublished.end(),
+                      [mark](const UnpublishedObject& object) { return object.*mark; }));
+  };
+  if (report.hidden) {  // good objects are not listed then
+    const std::size_t number = numOf(&UnpublishedObject::blocksCard);
+    return "nothing is published, " + countOf(number, "object") + (number == 1 ? " hides" : " hide") +
+           " the whole card";
+  }
   std::string text =
       countOf(numItems, "item") + " published, " + countOf(report.unpublished.size(), "object") + " not";
-  const auto numExpected = std::count_if(report.unpublished.begin(), report.unpublished.end(),
-                                         [](const UnpublishedObject& object) { return object.expected; });
+  const std::size_t numExpected = numOf(&UnpublishedObject::expected);
   if (numExpected > 0)
     text += ", " + std::to_string(numExpected) + " of them of an issuer, which needs no key";
+  return text;
+}
+
+void addReport(const CardReport& report, std::size_t numItems, bool withTrials, Checks& checks) {
+  std::string text = amountText(report, numItems);
   std::vector<Finding> findings = findingsOf('C', report);
   if (findings.empty() && !report.failedRead.empty()) {  // why is told of the card itself
     checks.add(kObjects, Severity::kUnknown, std::move(text));
