@@ -150,7 +150,7 @@ class UnattendedPins : public CheckedPins {
       case PinState::Tries::kLast: return Failure{FailureKind::kPinHeldBack, kNotSent, state->text, kEnterIt};
       case PinState::Tries::kNone:
         return Failure{FailureKind::kPinHeldBack, kNotSent, state->text,
-                       "have the card's issuer unlock it, or use --last-try"};
+                       "unlock it with the PUK, have the card's issuer unlock it, or use --last-try"};
       case PinState::Tries::kNoWord:
       case PinState::Tries::kFewer: break;
     }

@@ -151,7 +151,11 @@ TEST_F(PinFile, IsTriedOnceWhateverTheCardAnswers) {
        {"The card did not accept the PIN", "C_Login answered CKR_PIN_INCORRECT (0xA0)"},
        kMessage,
        {{"ANSWERS", "C_Login=A0"}}},
-      {"login", 8, {"the PIN of the card is locked", "(0xA4)"}, "", {{"ANSWERS", "C_Login=A4"}}},
+      {"login",
+       8,
+       {"the PIN of the card is locked", "(0xA4)", "unlock it with the PUK"},
+       "",
+       {{"ANSWERS", "C_Login=A4"}}},
   };
   for (const FailingRun& row : rows) {
     expectFailures({row});
@@ -270,7 +274,7 @@ TEST_F(PinFlags, KeepTheLastTryForTheUser) {
     const Stage& stage;
     const char* why;
   } rows[] = {{"login", kFinalTry, "one more wrong PIN locks the card"},
-              {"login", kLocked, "the PIN is locked"},
+              {"login", kLocked, "the PIN is locked; unlock it with the PUK, "},
               {"login", kBoth, "the PIN is locked"},
               {"sign --key 01 --out " + path("signature"), kFinalTry, "one more wrong PIN locks the card"}};
   for (const auto& [command, stage, why] : rows) {
