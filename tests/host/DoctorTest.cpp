@@ -441,6 +441,17 @@ TEST_F(Doctor, BlamesTheCardServiceThatHasStoppedMeanwhileAndNotTheCard) {
   }
 }
 
+TEST_F(Doctor, BlamesNoCardServiceForTheCardOfAReaderThatItNeverHad) {
+  script.failCallOf("C_FindObjects", 0, CKR_DEVICE_REMOVED, Times::kFromThenOn);
+  service->view = {State::kAnswers, {}, {{"Another Reader", InReader::kNone, false, false, ""}}};
+  service->whenAsked = [this, first = service->looks + 1] {
+    if (service->looks > first) service->view = {State::kSilent, "no pcscd", {}};
+  };
+  const auto codes = codesOf(diagnosis());
+  EXPECT_THAT(codes, ::testing::Not(::testing::Contains("MT-R02")));
+  EXPECT_THAT(codes, ::testing::Contains("MT-T04"));
+}
+
 // ---- The PIN ----
 
 TEST(Diagnosis, HasAFindingOnceForEachThingThatItIsAboutAsTheWorst) {

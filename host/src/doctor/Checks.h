@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <set>
 #include <span>
 #include <string>
 #include <string_view>
@@ -65,9 +66,10 @@ class Checks {
     }
   }
 
-  /// Has `cause` told in the place of each finding of those kinds.
-  void replace(std::span<const FindingID> kinds, const Finding& cause) {
+  /// Has `cause` told in the place of each finding of those kinds about the cards in those readers.
+  void replace(std::span<const FindingID> kinds, const std::set<std::string>& readers, const Finding& cause) {
     for (Check& check : diagnosis_.checks) {
+      if (!readers.contains(check.reader)) continue;
       const auto isOfKind = [&](const Finding& finding) {
         return std::find(kinds.begin(), kinds.end(), finding.id) != kinds.end();
       };

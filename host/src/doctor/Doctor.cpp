@@ -90,17 +90,29 @@ void checkCards(Host& host, const std::vector<Reader>& slots, const Examination&
   checks.turnTo({});
 }
 
-/// A card service that has stopped meanwhile is the reason why the card was lost.
-void blameService(const PlatformServices& services, Checks& checks) {
+/// A card service that has stopped meanwhile is the reason why a card of its readers was lost. `before`: what
+/// it told at first.
+void blameService(const PlatformServices& services, const CardServiceView& before,
+                  const std::vector<Reader>& slots, Checks& checks) {
   using enum FindingID;
+  if (before.state != CardServiceView::State::kAnswers) return;
   constexpr std::array kLosses{kCardWentAway, kTokenUnreadable, kObjectUnread, kTrialDisturbed, kLoginFails};
   if (std::none_of(kLosses.begin(), kLosses.end(), [&](FindingID id) { return checks.has(id); })) return;
   const CardServiceView view = viewOf(services.cardService);
   if (view.state != CardServiceView::State::kSilent) return;
-  checks.replace(kLosses, {kCardServiceSilent,
-                           Severity::kFailure,
-                           {},
-                           "it answered at first; now " + printableLine(view.evidence)});
+  std::set<std::string> readers;
+  for (const Reader& slot : slots) {
+    const bool isOfService =
+        std::any_of(before.readers.begin(), before.readers.end(), [&](const ServiceReader& reader) {
+          return nameOf(reader) == slot.name || isLongerNameOf(reader, slot.name, before);
+        });
+    if (isOfService) readers.insert(displayed(slot.name));
+  }
+  checks.replace(kLosses, readers,
+                 {kCardServiceSilent,
+                  Severity::kFailure,
+                  {},
+                  "it answered at first; now " + printableLine(view.evidence)});
 }
 
 /// The readers of the cards that were looked at.
@@ -169,11 +181,11 @@ Diagnosis diagnose(PlatformServices services, const Examination& given) {
 
   std::string reason;
   const auto slots = checkModule(services, wanted.module, checks, reason);
-  const bool serviceAnswered = checkReaders(services, slots, checks);
+  const CardServiceView serviceAtFirst = checkReaders(services, slots, checks);
   if (slots) {
     Host host{services, wanted.module.path.value_or(std::string{})};
     checkCards(host, *slots, wanted, checks);
-    if (serviceAnswered) blameService(services, checks);
+    blameService(services, serviceAtFirst, *slots, checks);
   } else {
     checks.skip({"readers", Station::kReaders}, reason);
     skipCardChecks(checks, reason);

@@ -188,12 +188,12 @@ std::optional<std::vector<Reader>> checkModule(PlatformServices& services, const
   return ModuleExamination{services, choice, checks}.slots(outReason);
 }
 
-bool checkReaders(const PlatformServices& services, const std::optional<std::vector<Reader>>& slots,
-                  Checks& checks) {
+CardServiceView checkReaders(const PlatformServices& services,
+                             const std::optional<std::vector<Reader>>& slots, Checks& checks) {
   constexpr Checkpoint kService{"card service", Station::kReaders};
   constexpr Checkpoint kReaders{"readers", Station::kReaders};
   checks.start(kService);
-  const CardServiceView view = viewOf(services.cardService);
+  CardServiceView view = viewOf(services.cardService);
   std::vector<Finding> findings = slots ? readerFindings(*slots, view) : std::vector<Finding>{};
   const auto ofService = std::stable_partition(findings.begin(), findings.end(), [](const Finding& finding) {
     return finding.id == kCardServiceSilent;
@@ -202,8 +202,7 @@ bool checkReaders(const PlatformServices& services, const std::optional<std::vec
   findings.erase(findings.begin(), ofService);
 
   const bool isMissed = !silent.empty();
-  const bool answers = view.state == CardServiceView::State::kAnswers;
-  if (answers) {
+  if (view.state == CardServiceView::State::kAnswers) {
     checks.add(kService, textOf(view.readers));
   } else if (isMissed) {
     checks.add(kService, printableLine(view.evidence), std::move(silent));
@@ -215,7 +214,7 @@ bool checkReaders(const PlatformServices& services, const std::optional<std::vec
   } else if (slots) {
     checks.add(kReaders, namesOf(*slots), std::move(findings));
   }
-  return answers;
+  return view;
 }
 
 }  // namespace mirel

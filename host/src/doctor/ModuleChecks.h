@@ -6,6 +6,7 @@
 
 #include "doctor/Checks.h"
 #include "host/Host.h"
+#include "platform/CardService.h"
 
 namespace mirel {
 
@@ -19,8 +20,8 @@ class P11Bridge;
                                                              std::string& outReason);
 
 /// The card service and the readers. `slots`: all that the module lists; nothing: it does not get so far.
-/// Whether the service answers.
-[[nodiscard]] bool checkReaders(const PlatformServices& services,
-                                const std::optional<std::vector<Reader>>& slots, Checks& checks);
+/// What the service tells.
+[[nodiscard]] CardServiceView checkReaders(const PlatformServices& services,
+                                           const std::optional<std::vector<Reader>>& slots, Checks& checks);
 
 }  // namespace mirel
