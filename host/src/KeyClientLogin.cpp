@@ -49,7 +49,7 @@ Result<void> checkSending(const SecretText& pin) {
 Result<void> KeyClient::authenticate(const Text& constraint, PinSource& pins) {
   int notSent = 0;
   for (int attempt = 1;; ++attempt) {
-    if (attempt > 1) {
+    if (attempt > 1 || notSent > 0) {
       if (const auto card = lookForCard(); !card) return card.failure();
     }
     std::optional<TKError> error;

@@ -132,6 +132,16 @@ TEST_F(SwappedCard, IsNoReasonToAskAgainAfterAWrongPin) {
   EXPECT_EQ(wrong.timesAsked(), 1U);
 }
 
+TEST_F(SwappedCard, IsNoReasonToAskAgainAfterAPinThatCannotBeSent) {
+  GivenPins given{{u"", u"123456"}};
+  given.whenAsked = [&] {
+    if (given.timesAsked() == 1) swap();
+  };
+  expectAnotherCard(failureOf(client->logIn(given)));
+  EXPECT_EQ(given.timesAsked(), 1U);
+  expectUntouched();
+}
+
 TEST_F(SwappedCard, SignsAndDecryptsNothingAfterTheLogin) {
   EXPECT_TRUE(client->logIn(pins));
   script.forgetCalls();
