@@ -219,6 +219,15 @@ Result<Reader> Host::readerNamed(const Text& readerName, NamedBy by, const std::
     return Failure{FailureKind::kNoCard, "the reader name " + quoted(shownName) + " is not clear",
                    "it fits " + namesOf(alike), "give the whole name"};
   }
+  const auto nameless = std::find_if(candidates.begin(), candidates.end(),
+                                     [](const Reader& reader) { return reader.slotFailure.has_value(); });
+  if (nameless != candidates.end()) {  // it may be the one that is meant
+    Failure failure = whyUnreadable(*nameless, candidates);
+    failure.why = failure.what + ": " + failure.why;
+    failure.what = "the reader " + quoted(shownName) + " was not found";
+    failure.kind = FailureKind::kNoCard;
+    return failure;
+  }
   const std::string what = "there is no reader " + quoted(shownName);
   if (candidates.empty()) return noCardFailure(what, noCardFindings(*all, service));
   return Failure{FailureKind::kNoCard, what, "the readers with a card are " + namesOf(candidates),

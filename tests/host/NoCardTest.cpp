@@ -225,6 +225,22 @@ TEST_F(NoCard, IsTheReasonWhereTheServiceHasStoppedSinceTheModuleListedASlot) {
   }
 }
 
+TEST_F(NoCard, IsNotSaidOfANamedReaderThatMayBeTheSlotWhoseNameIsNotKnown) {
+  (void)script.addSlot("Reader A", withKeys);
+  script.failCallOf("C_GetSlotInfo", 0, CKR_GENERAL_ERROR, Times::kFromThenOn);
+  const std::pair<CardServiceView, const char*> rows[] = {
+      {{State::kSilent, "no pcscd", {}}, "the card service does not answer (no pcscd)"},
+      {{}, "C_GetSlotInfo answered CKR_GENERAL_ERROR (0x5), "}};
+  for (const auto& [view, why] : rows) {
+    SCOPED_TRACE(why);
+    const Failure failure = failureOf(hostWith(view).insert(Text{u"Reader A"}));
+    EXPECT_EQ(failure.kind, FailureKind::kNoCard);
+    EXPECT_EQ(failure.what, "the reader \"Reader A\" was not found");
+    EXPECT_THAT(failure.why,
+                ::testing::StartsWith(std::string{"the card in slot 1 cannot be read: "}.append(why)));
+  }
+}
+
 TEST_F(NoCard, IsNotLookedForWhereTheModuleShowsOne) {
   (void)script.addSlot("Reader A", withKeys);
   Host& asked = hostWith(answering({kUnknown}));
