@@ -52,6 +52,37 @@ TEST_F(PinForEachUseInTrials, LeavesOpenWhatTheLostLoginHides) {
               EndsWith(": it was seen after the login, which may have ended since"));
 }
 
+TEST_F(PinForEachUseInTrials, AreSkippedWhereEachKeyWasUsedTooLate) {
+  for (auto& [handle, object] : script.card().objects) {
+    if (object.attributes[CKA_ID] == bytesOf("02") &&
+        object.attributes[CKA_CLASS] == ulongValue(CKO_PRIVATE_KEY))
+      object = object.with(CKA_ALWAYS_AUTHENTICATE, boolValue(true));
+  }
+  script.failCallOf("C_Decrypt", 0, CKR_USER_NOT_LOGGED_IN, Times::kFromThenOn);
+  script.hook<&CK_FUNCTION_LIST::C_SignInit>(
+      [](auto real, auto session, auto* mechanism, auto used) { return real(session, mechanism, used); });
+  EXPECT_EQ(checkIn(diagnosis(), "decryption").severity, Severity::kSkipped);
+}
+
+TEST_F(PinForEachUseInTrials, CountAsAUseAlsoOneThatGaveAWrongResult) {
+  script.hook<&CK_FUNCTION_LIST::C_Sign>(
+      [](auto real, auto session, auto* data, auto size, auto* out, auto* outSize) {
+        const CK_RV rv = real(session, data, size, out, outSize);
+        if (rv == CKR_OK && out) out[0] ^= 1;
+        return rv;
+      });
+  script.hook<&CK_FUNCTION_LIST::C_Decrypt>(
+      [](auto real, auto session, auto* data, auto size, auto* out, auto* outSize) {
+        const CK_RV rv = real(session, data, size, out, outSize);
+        if (rv == CKR_OK && out) out[0] ^= 1;
+        return rv;
+      });
+  const Diagnosis found = diagnosis();
+  EXPECT_THAT(checkIn(found, "signatures").evidence, ::testing::HasSubstr("3031 \"Signer\" does not sign"));
+  EXPECT_THAT(checkIn(found, "signatures").evidence, EndsWith("another use came before"));
+  EXPECT_EQ(findingIn(found, FindingID::kPinForEachUse).severity, Severity::kWarning);
+}
+
 class PinForEachUseInConformance : public WithSuchAKey<ConformanceTest> {};
 
 TEST_F(PinForEachUseInConformance, BreaksNoRuleButItsOwn) {

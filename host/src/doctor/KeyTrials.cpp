@@ -200,7 +200,7 @@ Finding trialFinding(FindingID id, const KeyTrial& trial, const PublishedKey& ke
 struct Outcome {
   Evidence evidence;
   std::vector<Finding> findings;
-  bool isMade = false;               ///< one at least
+  bool isMade = false;               ///< one at least, and not too late
   std::optional<FindingID> ended{};  ///< that the card or the module went away
 };
 
@@ -210,8 +210,11 @@ bool isRefusedAsUsed(const KeyTrial& trial, const PublishedKey& key, const Failu
 }
 
 /// Notes that a key was tried in vain. A cause that was told before with less weight is told once.
+/// `ioIsUsed`: a wrong result is one of a use.
 void noteFailure(FindingID id, const KeyTrial& trial, const PublishedKey& key, const Failure& failure,
-                 Checks& checks, Outcome& ioOutcome) {
+                 Checks& checks, Outcome& ioOutcome, bool& ioIsUsed) {
+  ioIsUsed = ioIsUsed || (isWrongResult(failure) && !isDisturbed(failure));
+  ioOutcome.isMade = true;
   Finding finding = trialFinding(id, trial, key, failure);
   if (finding.id == kPinForEachUse) checks.takeBack(finding.id, finding.subject);
   ioOutcome.findings.push_back(std::move(finding));
@@ -279,7 +282,7 @@ bool wantsPinForEachUse(const PublishedKey& key, const CardReport& report) {
 
 namespace {
 
-/// `ioIsUsed`: a key has worked since the login.
+/// `ioIsUsed`: a key was used since the login.
 void trySigning(const KeyTrial& trial, const PublishedKey& key, const Checkpoint& point, Checks& checks,
                 Outcome& ioOutcome, bool& ioIsUsed) {
   const CardReport& report = trial.report;
@@ -293,8 +296,8 @@ void trySigning(const KeyTrial& trial, const PublishedKey& key, const Checkpoint
   const TrialAlgorithms* algorithms = algorithmsFor(key);
   if (!algorithms) return evidence.add(subject, "is too short for a trial");
   checks.start(point);
-  ioOutcome.isMade = true;
   const auto endWith = [&](const Failure& failure, const char* text) {
+    ioOutcome.isMade = true;
     ioOutcome.evidence.add(subject, text);
     ioOutcome.ended = ioOutcome.findings.emplace_back(goneFinding(failure)).id;
   };
@@ -302,9 +305,9 @@ void trySigning(const KeyTrial& trial, const PublishedKey& key, const Checkpoint
     if (isGone(*failure)) return endWith(*failure, "could not be tried");
     if (isRefusedAsUsed(trial, key, *failure, ioIsUsed)) return evidence.add(subject, kUsedBefore);
     evidence.add(subject, outcomeText(trial, key, *failure, "does not sign"));
-    return noteFailure(kSignatureFails, trial, key, *failure, checks, ioOutcome);
+    return noteFailure(kSignatureFails, trial, key, *failure, checks, ioOutcome, ioIsUsed);
   }
-  ioIsUsed = true;
+  ioIsUsed = ioOutcome.isMade = true;
   const auto failure = failureOfSigning(trial.client, key, algorithms->pkcs1, trial.pins);
   if (failure && isGone(*failure)) return endWith(*failure, "signs RSA-PSS, and could not be tried further");
   // A key that wants the PIN for each use has not said anything about its padding.
@@ -336,20 +339,20 @@ void tryDecrypting(const KeyTrial& trial, const PublishedKey& key, const Checkpo
     return evidence.add(subject,
                         findingOf(kCardChanged, report, key) ? kChanged : "never decrypts here, not tried");
   checks.start(point);
-  ioOutcome.isMade = true;
   const auto failure = failureOfDecrypting(trial.client, key, *certificate, trial.pins);
   if (!failure) {
-    ioIsUsed = true;
+    ioIsUsed = ioOutcome.isMade = true;
     return evidence.add(subject, "decrypts PKCS #1 v1.5");
   }
   if (isGone(*failure)) {
+    ioOutcome.isMade = true;
     evidence.add(subject, "could not be tried");
     ioOutcome.ended = ioOutcome.findings.emplace_back(goneFinding(*failure)).id;
     return;
   }
   if (isRefusedAsUsed(trial, key, *failure, ioIsUsed)) return evidence.add(subject, kUsedBefore);
   evidence.add(subject, outcomeText(trial, key, *failure, "does not decrypt"));
-  noteFailure(kDecryptionFails, trial, key, *failure, checks, ioOutcome);
+  noteFailure(kDecryptionFails, trial, key, *failure, checks, ioOutcome, ioIsUsed);
 }
 
 }  // namespace
