@@ -70,6 +70,21 @@ TEST_F(ConformanceGone, SaysWhyThereIsNoCardAndGivesNoGrade) {
   }
 }
 
+TEST_F(ConformanceGone, IsNoTestWithWarningsWhereTheReaderThatWasNamedIsNotReached) {
+  script.pullCard();
+  reader = Text{u"Reader A 00"};
+  const CardServiceView holds{CardServiceView::State::kAnswers,
+                              {},
+                              {{"Reader A 00", ServiceReader::Card::kPresent, false, false, "3B00"}}};
+  const Conformance found = testedWith(holds);
+  EXPECT_THAT(numbersWith(RuleVerdict::kUnknown, found), ElementsAre("CR-11"));
+  ASSERT_TRUE(found.notReached);
+  EXPECT_EQ(found.notReached->kind, FailureKind::kNoCard);
+  EXPECT_THAT(found.notReached->why, HasSubstr("this module does not know it"));
+  reader = {};
+  EXPECT_FALSE(testedWith(holds).notReached);
+}
+
 TEST_F(ConformanceGone, DoesNotSayThatACardIsEmptyWhichTheModuleDoesNotKnow) {
   script.card().objects.clear();
   script.failCallOf("C_GetTokenInfo", 0, CKR_TOKEN_NOT_RECOGNIZED, Times::kFromThenOn);

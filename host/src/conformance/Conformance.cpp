@@ -59,10 +59,15 @@ bool isSameCard(const Reader& a, const Reader& b) {
 }
 
 /// The module is to blame for the lack of a card only where there may be none. `seen`: what its slots say.
-void tellWhyNoCard(Host& host, const std::string& seen, RuleResults& results) {
+/// `name`: the reader that was named, if one was; where that leaves the rule open, it was not reached.
+void tellWhyNoCard(Host& host, const Text& name, const std::string& seen, RuleResults& results,
+                   std::optional<Failure>& outNotReached) {
   const auto [failure, onlyMissing] = host.whyNoCard({});
   const bool isFailed = onlyMissing && !results.isAny(RuleVerdict::kUnknown);
   results.set(kNumTokens, isFailed ? RuleVerdict::kFail : RuleVerdict::kUnknown, seen + ": " + failure.why);
+  if (name.isNull() || isFailed) return;
+  const auto named = host.readers(name);
+  if (!named && named.failure().kind == FailureKind::kNoCard) outNotReached = named.failure();
 }
 
 void testCard(Host& host, const P11Bridge& bridge, const Examination& wanted, RuleResults& results,
@@ -134,7 +139,7 @@ Conformance testConformance(PlatformServices services, const Examination& wanted
     testCard(host, *bridge, wanted, results, abilities, card, notReached);
   } else if (!obstacle.noCard.empty()) {
     Host host{services, wanted.module.path.value_or(std::string{})};
-    tellWhyNoCard(host, obstacle.noCard, results);
+    tellWhyNoCard(host, wanted.reader, obstacle.noCard, results, notReached);
   } else {
     abilities.published = false;
   }
