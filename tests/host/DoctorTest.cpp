@@ -423,35 +423,6 @@ TEST_F(Doctor, AdvisesToEmptyNoCardForWhichAnotherReasonIsKnown) {
   }
 }
 
-TEST_F(Doctor, BlamesTheCardServiceThatHasStoppedMeanwhileAndNotTheCard) {
-  for (const auto& [call, answer] :
-       {std::pair{"C_FindObjects", CKR_DEVICE_REMOVED}, {"C_OpenSession", CKR_GENERAL_ERROR}}) {
-    SCOPED_TRACE(call);
-    script.reset();
-    script.failCallOf(call, 0, answer, Times::kFromThenOn);
-    service->view = {State::kAnswers, {}, {{"Reader A 00", InReader::kPresent, false, false, "3B00"}}};
-    service->whenAsked = {};
-    EXPECT_THAT(codesOf(diagnosis()), ::testing::Not(::testing::Contains("MT-R02")));
-    service->whenAsked = [this, first = service->looks + 1] {
-      if (service->looks > first) service->view = {State::kSilent, "no pcscd", {}};
-    };
-    const Diagnosis found = diagnosis();
-    EXPECT_THAT(codesOf(found), ElementsAre("MT-R02"));
-    EXPECT_EQ(found.findings().front().evidence, "it answered at first; now no pcscd");
-  }
-}
-
-TEST_F(Doctor, BlamesNoCardServiceForTheCardOfAReaderThatItNeverHad) {
-  script.failCallOf("C_FindObjects", 0, CKR_DEVICE_REMOVED, Times::kFromThenOn);
-  service->view = {State::kAnswers, {}, {{"Another Reader", InReader::kNone, false, false, ""}}};
-  service->whenAsked = [this, first = service->looks + 1] {
-    if (service->looks > first) service->view = {State::kSilent, "no pcscd", {}};
-  };
-  const auto codes = codesOf(diagnosis());
-  EXPECT_THAT(codes, ::testing::Not(::testing::Contains("MT-R02")));
-  EXPECT_THAT(codes, ::testing::Contains("MT-T04"));
-}
-
 // ---- The PIN ----
 
 TEST(Diagnosis, HasAFindingOnceForEachThingThatItIsAboutAsTheWorst) {
