@@ -113,8 +113,10 @@ TEST_F(Doctor, TellsWhatIsWrongWithTheFileOfTheModuleAndSkipsTheRest) {
 }
 
 TEST_F(Doctor, SendsWhoHasTheRightFileWithAnEntryThatFailsToTheMaker) {
-  const Finding finding = findingIn(diagnosis({{kModuleEntryFails, true}}), FindingID::kModuleWithoutEntry);
-  EXPECT_THAT(std::string{entryOf(finding.id).remedy}, HasSubstr("ask its maker"));
+  const auto findings = diagnosis({{kModuleEntryFails, true}}).findings();
+  ASSERT_FALSE(findings.empty());
+  EXPECT_THAT(std::string{entryOf(findings.front().id).remedy}, HasSubstr("ask its maker"));
+  EXPECT_EQ(findings.front().id, FindingID::kModuleWithoutEntry);
 }
 
 TEST_F(Doctor, TellsOfAUserWithoutAHome) {
