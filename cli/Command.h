@@ -14,7 +14,7 @@ class Session;
 /// An option that a command takes, apart from those that all take.
 struct CommandOption {
   enum class Kind {
-    kKey,          ///< --key, which must be given
+    kKey,          ///< --key, which must be given; it has its own help
     kOptionalKey,  ///< --key
     kAlgorithm,    ///< --algorithm
     kInput,        ///< --in

@@ -151,6 +151,8 @@ void declareOption(CLI::App& app, const Wanted& wanted, Options& options, const 
   const Declarer declarer{app, wanted};
   switch (option.kind) {
     case CommandOption::Kind::kKey:
+      declarer.option("--key", options.key, "The key: its ID, its label, a PKCS #11 URI, or #N", "ID");
+      break;
     case CommandOption::Kind::kOptionalKey: declarer.option("--key", options.key, option.help, "ID"); break;
     case CommandOption::Kind::kAlgorithm:
       declarer.option("--algorithm", options.algorithm, option.help, "NAME");

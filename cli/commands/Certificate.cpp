@@ -55,7 +55,7 @@ Result<void> run(Session& session) {
 }
 
 constexpr CommandOption kOptions[] = {
-    {CommandOption::Kind::kKey, "The key: its ID, its label, a PKCS #11 URI, or #N"},
+    {CommandOption::Kind::kKey},
     {CommandOption::Kind::kOutput, "Where to write it (default: standard output)"},
 };
 

@@ -84,7 +84,7 @@ Result<void> run(Session& session) {
 }
 
 constexpr CommandOption kOptions[] = {
-    {CommandOption::Kind::kKey, "The key: its ID, its label, a PKCS #11 URI, or #N"},
+    {CommandOption::Kind::kKey},
     {CommandOption::Kind::kAlgorithm, "The algorithm (default: RSAEncryptionPKCS1 with an RSA key)"},
     {CommandOption::Kind::kInput, "What to decrypt (default: standard input)"},
     {CommandOption::Kind::kOutput, "Where to write the plain text (default: standard output)"},

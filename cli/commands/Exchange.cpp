@@ -35,7 +35,7 @@ Result<void> run(Session& session) {
 }
 
 constexpr CommandOption kOptions[] = {
-    {CommandOption::Kind::kKey, "The key: its ID, its label, a PKCS #11 URI, or #N"},
+    {CommandOption::Kind::kKey},
     {CommandOption::Kind::kAlgorithm, "The algorithm (default: ECDHKeyExchangeStandard)"},
     {CommandOption::Kind::kInput,
      "The other party's public key, an uncompressed point (default: standard input)"},

@@ -71,7 +71,7 @@ Result<void> run(Session& session) {
 }
 
 constexpr CommandOption kOptions[] = {
-    {CommandOption::Kind::kKey, "The key: its ID, its label, a PKCS #11 URI, or #N"},
+    {CommandOption::Kind::kKey},
     {CommandOption::Kind::kAlgorithm, "The algorithm (default: PS256 with an RSA key, ES256 with an EC key)"},
     {CommandOption::Kind::kInput, "What to sign (default: standard input)"},
     {CommandOption::Kind::kOutput, "Where to write the signature (default: standard output)"},
