@@ -102,6 +102,14 @@ Text namedAs(std::string_view displayedName) {
 }
 
 /// True when more slots hold a token than the bridge has the module list.
+/// Why the card of one of them cannot be read: a card service that has stopped is the reason for it.
+Failure whyUnreadable(const Reader& reader, const std::vector<Reader>& candidates,
+                      const CardServiceView& service) {
+  const std::vector<Finding> findings = readerFindings(candidates, service);
+  const bool hasStopped = !findings.empty() && findings.front().id == FindingID::kCardServiceSilent;
+  return hasStopped ? noCardFailure(reader.unreadable->what, findings) : *reader.unreadable;
+}
+
 bool tooManyCards(P11Bridge& bridge) noexcept {
   CK_ULONG numSlots = 0;
   return bridge.pkcs11_C_GetSlotList(CK_TRUE, nullptr, &numSlots) == CKR_OK && numSlots > kAnnouncedSlots;
@@ -157,18 +165,12 @@ Result<Reader> Host::chooseReader(const Text& readerName) {
     const auto unreadable = std::find_if(candidates.begin(), candidates.end(),
                                          [](const Reader& reader) { return reader.unreadable.has_value(); });
     // Whether that card is initialised is not known.
-    if (unreadable != candidates.end()) return whyUnreadable(*unreadable, candidates);
+    if (unreadable != candidates.end())
+      return whyUnreadable(*unreadable, candidates, viewOf(services_.cardService));
     return Failure{FailureKind::kNoCard, "there is no card to insert",
                    "no reader holds a card that is initialised", UserStep::kInitialiseOrNameReader};
   }
   return readerNamed(readerName, NamedBy::kUser, candidates);
-}
-
-/// A card service that has stopped is the reason for what the module cannot read.
-Failure Host::whyUnreadable(const Reader& reader, const std::vector<Reader>& candidates) const {
-  const std::vector<Finding> findings = readerFindings(candidates, viewOf(services_.cardService));
-  const bool hasStopped = !findings.empty() && findings.front().id == FindingID::kCardServiceSilent;
-  return hasStopped ? noCardFailure(reader.unreadable->what, findings) : *reader.unreadable;
 }
 
 Result<Reader> Host::readerNamed(const Text& readerName, NamedBy by, const std::vector<Reader>& candidates) {
@@ -222,7 +224,7 @@ Result<Reader> Host::readerNamed(const Text& readerName, NamedBy by, const std::
   const auto nameless = std::find_if(candidates.begin(), candidates.end(),
                                      [](const Reader& reader) { return reader.slotFailure.has_value(); });
   if (nameless != candidates.end()) {  // it may be the one that is meant
-    Failure failure = whyUnreadable(*nameless, candidates);
+    Failure failure = whyUnreadable(*nameless, candidates, service);
     failure.why = failure.what + ": " + failure.why;
     failure.what = "the reader " + quoted(shownName) + " was not found";
     failure.kind = FailureKind::kNoCard;

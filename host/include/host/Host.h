@@ -190,7 +190,6 @@ class Host {
   [[nodiscard]] CardContents contentsOf(const Reader& reader, const std::vector<Finding>& tokenFindings,
                                         bool afterLogin);
   [[nodiscard]] Failure listingFailure(const Reader& reader, const std::optional<FailedCall>& cause);
-  [[nodiscard]] Failure whyUnreadable(const Reader& reader, const std::vector<Reader>& candidates) const;
   [[nodiscard]] Result<Reader> readerNamed(const Text& readerName, NamedBy by,
                                            const std::vector<Reader>& candidates);
 
