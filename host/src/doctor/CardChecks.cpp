@@ -179,7 +179,10 @@ bool checkLogin(const Result<void>& accepted, bool pinWasGiven, const CardReport
     case FailureKind::kAnotherCard: return refused(goneFindingOf(failure.result));
     case FailureKind::kPinHeldBack:
       if (toldBefore(kPinLocked)) return refused(kPinLocked);
-      if (const Finding* told = toldBefore(kPinLastTry)) return checks.add(kLogin, why, {*told}), false;
+      if (const Finding* told = toldBefore(kPinLastTry)) {
+        checks.add(kLogin, why, {*told});
+        return false;
+      }
       [[fallthrough]];
     case FailureKind::kFileFailure:  // the one with the PIN
     case FailureKind::kCancelled: missLogin(checks, why); return false;
