@@ -61,6 +61,17 @@ TEST_F(Sign, GivesTheSignatureOfAModuleThatDoesNotPad) {
               HasSubstr("the module does not pad"));
 }
 
+TEST_F(Sign, DoesNotVerifyWhereTheKeyHasNoCertificate) {
+  PublishedKey lonely = published(u"01");
+  lonely.certificateID = Text{u"none"};
+  GivenInput input{{kMessage}};
+  const auto made = client->sign(lonely, kSignByPss, input, pins);
+  ASSERT_TRUE(made);
+  ASSERT_TRUE(made->whyNotVerified);
+  EXPECT_EQ(made->whyNotVerified->why, "the key has no certificate");
+  EXPECT_EQ(made->value.size(), key.blockSize());
+}
+
 TEST_F(Sign, GivesTheModuleRawBlocksAsTheyAre) {
   const Signature made = signature(kSecKeyAlgorithmRSASignatureRaw, block());
   EXPECT_EQ(valueOf(made.value), key.rawPrivate(block()));
